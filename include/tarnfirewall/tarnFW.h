@@ -1,0 +1,135 @@
+/// Firewall control: settings, execution, enabling, disabling and reloading; and the profiles as
+/// callers see them.
+#pragma once
+
+#include <json/json.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tarnfirewall/fwDB.h"
+#include "tarnfirewall/fwExport.h"
+#include "tarnfirewall/fwIptables.h"
+#include "tarnfirewall/fwTypes.h"
+
+namespace FW {
+
+/// Firewall control. All state lives in the settings file
+/// "/usr/tarn/etc/firewall.d/firewall_settings.json" ("status": enabled or not, "profile": the name
+/// of the active one) and in the kernel; make an object on the stack, use it, let it go.
+///
+/// Operations return true on success and log a failure. Concurrent reloads, also of other
+/// processes, wait for each other, up to 30 s; other operations that belong together are serialised
+/// by their callers. Exceptions come only from the libraries underneath: a settings member of a
+/// type that does not convert (Json::Exception), a lock file that cannot be opened
+/// (boost::interprocess::interprocess_exception). None of them leaves the machine closed.
+class TARNFW_EXPORT TARNFW : public TARNFW_IPTABLES_RULES {
+public:
+    TARNFW() = default;
+    ~TARNFW() = default;
+    TARNFW(const TARNFW&) = delete;
+    TARNFW& operator=(const TARNFW&) = delete;
+
+    // ---- Settings ----
+
+    /// Sets the default settings, "status" false and "profile" "default"; other members stay.
+    void initJconfig(Json::Value& config);
+
+    /// Reads the settings. A missing file is written with the defaults and never a failure.
+    bool configGet(Json::Value& config);
+
+    /// Merges the members of `config` into the settings file; none is ever removed. The file is not
+    /// locked between its reading and its writing.
+    bool configSet(const Json::Value& config);
+
+    /// Whether the firewall is enabled; settings without "status" say no. `enabled` is untouched on
+    /// failure.
+    bool fwStatus(bool& enabled);
+
+    /// The name of the active profile. Settings without "profile" are a failure.
+    bool fwProfileConfigGet(std::string& profile);
+
+    /// Makes a stored profile the active one and, with `reload`, applies it.
+    bool fwProfileConfigSet(const std::string& profile, bool reload);
+
+    /// Adds the names of the machine's interfaces to `out`; does nothing when `out` holds any.
+    /// From TLIBNetGetInterfaceInfo, and "wlan0" on models with wireless.
+    bool fwAdapterEnum(std::set<std::string>& out);
+
+    // ---- Execution ----
+
+    /// Runs one command line, path and arguments separated by blanks, and waits for it. No shell,
+    /// no quoting: a tab belongs to its word. At most 255 words of 1024 bytes together, each
+    /// counted with a terminating zero. True when it could be run; its exit status is not looked
+    /// at.
+    bool cmdExec(const std::string& cmd);
+
+    /// Runs a command document (see TARNFW_IPTABLES_RULES): IPv4 and then IPv6, in each family
+    /// "global" first. Stops at the first line that cannot be run; earlier ones stay in force.
+    bool fwExec(Json::Value cmds);
+
+    /// Flushes the firewall chains of both families; goes on after a failure.
+    bool fwClear();
+
+    /// Closes the machine for a reload: the policies of INPUT and FORWARD become DROP, and
+    /// FIREWALL_RELOADING lets established connections through.
+    bool fwDefaultDrop();
+
+    /// Takes back fwDefaultDrop().
+    bool fwDefaultAccept();
+
+    // ---- On and off ----
+
+    /// Loads the kernel modules, marks the firewall enabled, applies the active profile and runs
+    /// the hooks around it. After a failed reload "status" stays true unless the reload itself
+    /// disabled the firewall. When the modules cannot be loaded, nothing changes and no hook runs.
+    bool fwEnable();
+
+    /// Flushes the chains, unloads the kernel modules and marks the firewall disabled, between the
+    /// hooks. The result is that of the settings' write alone.
+    bool fwDisable();
+
+    /// The same as fwDisable().
+    bool fwReset();
+
+    /// Applies the active profile; does nothing while the firewall is disabled. Until the rules are
+    /// complete the machine admits established connections alone.
+    /// `acceptEstablished` goes to fwRulesToIptablesRules().
+    /// On failure: a line that cannot be run disables the firewall; a profile that cannot be read
+    /// or translated leaves it enabled with empty chains; either way the policies are ACCEPT again.
+    /// Only when closing the machine fails do the policies stay as far as that came.
+    bool fwReload(bool acceptEstablished);
+
+    /// Translates the stored profile `profile` into the command document `cmds`.
+    bool fwIptablesRulesEnum(std::string profile, Json::Value& cmds, bool acceptEstablished);
+
+    /// The same without the line for established connections, and with `localIp` as in
+    /// fwRulesToIptablesRules(). Pass a std::string: a literal is taken for the flag above.
+    bool fwIptablesRulesEnum(std::string profile, Json::Value& cmds, const std::string& localIp);
+};
+
+/// The profiles as callers use them: the store, with a guard on the profile in use. An object holds
+/// no data of its own; make one on the stack for each operation.
+class TARNFW_EXPORT TARNFW_PROFILE {
+public:
+    // ---- The store's operations, unchanged; see TARNFW_JSON_DB ----
+
+    bool profileEnum(std::map<std::string, FWPROFILE>& profiles);
+    bool profileEnum(std::vector<std::string>& names);
+    bool profileGet(const std::string& name, FWPROFILE& out);
+    bool profileSet(const std::string& name, const FWPROFILE& profile);
+    bool profileExist(const std::string& name);
+    bool profileCreate(const std::string& name);
+    bool profileRename(const std::string& oldName, const std::string& newName);
+
+    /// Deletes a profile. Returns false, logged, for the active one, whether or not the firewall is
+    /// enabled, and when the settings cannot be read; nothing is then deleted.
+    bool profileDelete(const std::string& name);
+
+private:
+    TARNFW_JSON_DB db_;
+};
+
+}  // namespace FW

@@ -1,0 +1,19 @@
+/// The machine's interfaces, for the translation and for the control class alike.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace FW {
+
+/// Appends the interface names in the platform's order, and "wlan0" on a model with wireless.
+/// Returns a negative platform error, with the error state set, when they cannot be listed; the
+/// caller logs it, each under its own source name, with FW_LOG_INTERFACES_FAILURE.
+int interfacesEnum(std::vector<std::string>& names);
+
+}  // namespace FW
+
+// NOLINTNEXTLINE(cppcoreguidelines-macro-usage): the line must be the caller's
+#define FW_LOG_INTERFACES_FAILURE(result)                                        \
+    FW_LOG_ERR("Failed to TLIBNetGetInterfaceInfo(%d) [0x%04X %s:%d]", (result), \
+               static_cast<unsigned>(TLIBCErrGet()), TLIBCErrorGetFile(), TLIBCErrorGetLine())

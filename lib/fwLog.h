@@ -1,0 +1,21 @@
+/// One helper through which every line for the system log goes.
+///
+/// A source names itself once, in its unnamed namespace:
+///     constexpr char kSource[] = "fwDB";
+/// The stem is written out, not cut from __FILE__: it belongs to the message.
+#pragma once
+
+#include <syslog.h>
+
+namespace FW {
+
+/// Writes "source:line message" at `priority` (LOG_ERR, ...). `format` and what follows are
+/// printf's.
+void logLine(int priority, const char* source, int line, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
+
+}  // namespace FW
+
+// Macros, because the line must be the caller's.
+#define FW_LOG_ERR(...) ::FW::logLine(LOG_ERR, kSource, __LINE__, __VA_ARGS__)
+#define FW_LOG_DEBUG(...) ::FW::logLine(LOG_DEBUG, kSource, __LINE__, __VA_ARGS__)

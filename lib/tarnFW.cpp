@@ -1,0 +1,545 @@
+#include "tarnfirewall/tarnFW.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <sstream>
+
+#include "tarncore.h"
+
+#include "tarnfirewall/fwHook.h"
+#include "tarnfirewall/tarnIptablesModule.h"
+#include "tarnfirewall/utils.h"
+
+#include "fwInterfaces.h"
+#include "fwLog.h"
+#include "fwPaths.h"
+
+namespace FW {
+namespace {
+
+constexpr char kSource[] = "tarnFW";
+
+constexpr char kStatusKey[] = "status";
+constexpr char kProfileKey[] = "profile";
+constexpr char kDefaultProfile[] = "default";
+
+constexpr char kIptables[] = "/sbin/iptables";
+constexpr char kIp6tables[] = "/sbin/ip6tables";
+constexpr char kGlobalKey[] = "global";
+
+// One command line: its words, each with a terminating zero, and one pointer to each, with a null
+// behind the last.
+constexpr std::size_t kCommandBytes = 1024;
+constexpr std::size_t kCommandSlots = 256;
+
+// Under which the module loader counts the firewall's modules.
+constexpr char kServiceName[] = "firewall";
+
+constexpr char kExecLockPath[] = "/tmp/firewall_iptables_exec.lock";
+constexpr int kLockExclusive = 1;
+constexpr int kExecLockSeconds = 30;
+
+// ---- Command documents ----
+
+/// A command document that runs the same lines in both families.
+Json::Value documentOf(const std::array<const char*, 3>& lines) {
+    Json::Value family;
+    for (const char* const line : lines) {
+        family[kGlobalKey].append(line);
+    }
+    Json::Value document;
+    document["v4"] = family;
+    document["v6"] = family;
+    return document;
+}
+
+/// Runs a whole command line, logging one that cannot be run.
+bool runLogged(TARNFW& firewall, const std::string& command) {
+    if (!firewall.cmdExec(command)) {
+        FW_LOG_ERR("Failed to execute \"%s\"", command.c_str());
+        return false;
+    }
+    return true;
+}
+
+/// Runs the lines of one adapter, up to the first that cannot be run.
+bool runLines(TARNFW& firewall, const std::string& tool, const Json::Value& lines) {
+    return std::all_of(lines.begin(), lines.end(), [&](const Json::Value& line) {
+        return runLogged(firewall, tool + " " + line.asString());
+    });
+}
+
+/// Runs the lines of one family, "global" first.
+bool runFamily(TARNFW& firewall, const std::string& tool, const Json::Value& family) {
+    if (family.isMember(kGlobalKey) && !runLines(firewall, tool, family[kGlobalKey])) {
+        return false;
+    }
+    for (const std::string& adapter : family.getMemberNames()) {
+        if (adapter != kGlobalKey && !runLines(firewall, tool, family[adapter])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// ---- Kernel modules ----
+
+bool firewallModLoad() {
+    if (TARN_IPTABLES_MODULES::isModuleLoad(kServiceName)) {
+        return true;
+    }
+    if (!TARN_IPTABLES_MODULES::iptablesCoreModLoad(kServiceName)) {
+        FW_LOG_ERR("Failed to iptablesCoreModLoad");
+        return false;
+    }
+    if (!TARN_IPTABLES_MODULES::moduleInsert(kServiceName, FW_FIREWALL_MODULES)) {
+        FW_LOG_ERR("Failed to moduleInsert()");
+        return false;
+    }
+    return true;
+}
+
+/// Removes the firewall's modules; disabling goes on whatever comes of it.
+void firewallModUnload() {
+    if (!TARN_IPTABLES_MODULES::isModuleLoad(kServiceName)) {
+        return;
+    }
+    const std::vector<std::string> modules(FW_FIREWALL_MODULES.rbegin(),
+                                           FW_FIREWALL_MODULES.rend());
+    // The messages are those of loading, word for word, and part of the behaviour.
+    if (!TARN_IPTABLES_MODULES::moduleRemove(kServiceName, modules)) {
+        FW_LOG_ERR("Failed to moduleInsert()");
+        return;
+    }
+    if (!TARN_IPTABLES_MODULES::iptablesCoreModUnload(kServiceName)) {
+        FW_LOG_ERR("Failed to iptablesCoreModLoad");
+    }
+}
+
+// ---- Hooks ----
+
+void announceEnabled(bool result) {
+    if (!TarnFwHook().RunFwEnablePostHook(result)) {
+        FW_LOG_ERR("Failed to run firewall enable post-hook.");
+    }
+}
+
+void announceDisabled(bool result) {
+    if (!TarnFwHook().RunFwDisablePostHook(result)) {
+        FW_LOG_ERR("Failed to run firewall disable post-hook.");
+    }
+}
+
+/// Writes "status" into the settings.
+bool statusSet(TARNFW& firewall, bool enabled) {
+    Json::Value config;
+    config[kStatusKey] = enabled;
+    if (!firewall.configSet(config)) {
+        FW_LOG_ERR("Falied to configSet()");
+        return false;
+    }
+    return true;
+}
+
+// ---- Reload ----
+
+/// The lock that lets one process reload at a time, held from construction to destruction.
+class ExecLock {
+public:
+    ExecLock()
+        : held_(TLIBCFileLockTimeByFile(kExecLockPath, kLockExclusive, kExecLockSeconds, &fd_) !=
+                0) {}
+    ~ExecLock() {
+        if (fd_ >= 0 && TLIBCFileUnlockByFile(fd_) == 0) {
+            FW_LOG_ERR("Failed to unlock");
+        }
+    }
+    ExecLock(const ExecLock&) = delete;
+    ExecLock& operator=(const ExecLock&) = delete;
+
+    bool held() const { return held_; }
+
+private:
+    int fd_ = -1;
+    bool held_;
+};
+
+/// Runs a ruleset. A half-built one is worse than none, so a failure turns the firewall off.
+bool execOrDisable(TARNFW& firewall, const Json::Value& cmds) {
+    if (!firewall.fwExec(cmds)) {
+        (void)firewall.fwDisable();  // logs for itself
+        FW_LOG_ERR("Failed to fwExec() so disable firewall");
+        return false;
+    }
+    return true;
+}
+
+/// Reopens the machine after `applied` tells how the rules went in. The result of both.
+bool acceptOrDisable(TARNFW& firewall, bool applied) {
+    if (!firewall.fwDefaultAccept()) {
+        (void)firewall.fwDisable();  // logs for itself
+        return false;
+    }
+    return applied;
+}
+
+/// Runs `apply` while the machine is closed to new connections, and reopens it whatever happens.
+/// The result is that of all three steps.
+template <typename Apply>
+bool applyWhileClosed(TARNFW& firewall, Apply apply) {
+    bool applied = false;
+    try {
+        if (!firewall.fwDefaultDrop()) {
+            return false;  // what did run stays in force
+        }
+        applied = apply();
+    } catch (...) {
+        // A handler and not a guard's destructor: when nobody catches the exception, the process
+        // ends without running destructors, and the machine would stay closed.
+        (void)firewall.fwDefaultAccept();
+        throw;
+    }
+    return acceptOrDisable(firewall, applied);
+}
+
+/// Replaces the chains' content by the rules of the active profile.
+bool applyActiveProfile(TARNFW& firewall, bool acceptEstablished) {
+    (void)firewall.fwClear();  // logs for itself; the new rules go in all the same
+    std::string profile;
+    if (!firewall.fwProfileConfigGet(profile)) {
+        FW_LOG_ERR("Failed to fwProfileConfigGet()");
+        return false;
+    }
+    Json::Value cmds;
+    if (!firewall.fwIptablesRulesEnum(profile, cmds, acceptEstablished)) {
+        FW_LOG_ERR("Failed to fwIptablesRulesEnum()");
+        return false;
+    }
+    return execOrDisable(firewall, cmds);
+}
+
+/// Reads a profile for its translation.
+bool profileLoad(const std::string& name, FWPROFILE& profile) {
+    if (!TARNFW_PROFILE().profileGet(name, profile)) {
+        FW_LOG_ERR("Failed to profileGet(%s)", name.c_str());
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+// ==== TARNFW: settings ==========================================================================
+
+void TARNFW::initJconfig(Json::Value& config) {
+    config[kStatusKey] = false;
+    config[kProfileKey] = kDefaultProfile;
+}
+
+bool TARNFW::configGet(Json::Value& config) {
+    if (!pathExists(kSettingsFile)) {
+        initJconfig(config);
+        (void)jsonFileDump(config, kSettingsFile);  // logs for itself; the defaults hold anyway
+        return true;
+    }
+    return jsonFileLoad(config, kSettingsFile);
+}
+
+bool TARNFW::configSet(const Json::Value& config) {
+    Json::Value current;
+    if (!configGet(current)) {
+        FW_LOG_ERR("Falied to config.configGet()");
+        return false;
+    }
+    for (auto member = config.begin(); member != config.end(); ++member) {
+        current[member.key().asString()] = *member;
+    }
+    return jsonFileDump(current, kSettingsFile);
+}
+
+bool TARNFW::fwStatus(bool& enabled) {
+    Json::Value config;
+    if (!configGet(config)) {
+        FW_LOG_ERR("Falied to configGet()");
+        return false;
+    }
+    enabled = config.isMember(kStatusKey) && config[kStatusKey].asBool();
+    return true;
+}
+
+bool TARNFW::fwProfileConfigGet(std::string& profile) {
+    Json::Value config;
+    if (!configGet(config)) {
+        FW_LOG_ERR("Falied to configGet()");
+        return false;
+    }
+    if (!config.isMember(kProfileKey)) {
+        FW_LOG_ERR("There are no key: %s in config", kProfileKey);
+        return false;
+    }
+    profile = config[kProfileKey].asString();
+    return true;
+}
+
+bool TARNFW::fwProfileConfigSet(const std::string& profile, bool reload) {
+    std::vector<std::string> names;
+    if (!TARNFW_PROFILE().profileEnum(names)) {
+        FW_LOG_ERR("Failed to profileEnum()");
+        return false;
+    }
+    if (std::find(names.begin(), names.end(), profile) == names.end()) {
+        FW_LOG_ERR("Profile %s is not in database", profile.c_str());
+        return false;
+    }
+    Json::Value config;
+    if (!configGet(config)) {
+        FW_LOG_ERR("Falied to configGet()");
+        return false;
+    }
+    config[kProfileKey] = profile;
+    if (!configSet(config)) {
+        FW_LOG_ERR("Falied to configSet()");
+        return false;
+    }
+    // A fresh object: this one may hold the interfaces of an earlier translation.
+    if (reload && !TARNFW().fwReload(true)) {
+        FW_LOG_ERR("Failed to reload firewall");
+        return false;
+    }
+    return true;
+}
+
+bool TARNFW::fwAdapterEnum(std::set<std::string>& out) {
+    if (!out.empty()) {
+        return true;
+    }
+    std::vector<std::string> names;
+    const int result = interfacesEnum(names);
+    if (result < 0) {
+        FW_LOG_INTERFACES_FAILURE(result);
+        return false;
+    }
+    out.insert(names.begin(), names.end());
+    return true;
+}
+
+// ==== TARNFW: execution =========================================================================
+
+bool TARNFW::cmdExec(const std::string& cmd) {
+    char text[kCommandBytes] = {};
+    const char* argv[kCommandSlots] = {};
+    std::size_t count = 0;
+    std::size_t used = 0;
+
+    std::istringstream words(cmd);
+    std::string word;
+    while (std::getline(words, word, ' ')) {
+        // Before the test for an empty word, so a superfluous blank behind a full line counts too.
+        if (count >= kCommandSlots - 1 || used > kCommandBytes - 2) {
+            FW_LOG_ERR("#Arguments exceeds limit");
+            return false;
+        }
+        if (word.empty()) {
+            continue;
+        }
+        argv[count++] = text + used;
+        std::snprintf(text + used, kCommandBytes - used, "%s", word.c_str());
+        // By the word's full length, also where the copy was cut: the sum tells that it was.
+        used += word.size() + 1;
+    }
+    argv[count] = nullptr;
+    if (used == 0 || used > kCommandBytes) {
+        FW_LOG_ERR("cmd is empty or arguments exceeding limit");
+        return false;
+    }
+    if (TLIBCExecv(argv[0], argv, 1) == -1) {
+        FW_LOG_ERR("Failed to execute %s", argv[0]);
+        return false;
+    }
+    return true;
+}
+
+bool TARNFW::fwExec(Json::Value cmds) {
+    struct Family {
+        const char* tool;
+        const char* key;
+    };
+    constexpr Family kFamilies[] = {{kIptables, "v4"}, {kIp6tables, "v6"}};
+
+    for (const Family& family : kFamilies) {
+        if (cmds.isMember(family.key) && !runFamily(*this, family.tool, cmds[family.key])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool TARNFW::fwClear() {
+    bool cleared = true;
+    for (const std::string& chain : FW_FIREWALL_CHAINS) {
+        for (const char* const tool : {kIptables, kIp6tables}) {
+            cleared = runLogged(*this, std::string(tool) + " -F " + chain) && cleared;
+        }
+    }
+    return cleared;
+}
+
+bool TARNFW::fwDefaultDrop() {
+    if (!fwExec(
+            documentOf({"--policy INPUT DROP", "--policy FORWARD DROP",
+                        "-A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT"}))) {
+        FW_LOG_ERR("Failed to fwExec() to set default drop.");
+        return false;
+    }
+    return true;
+}
+
+bool TARNFW::fwDefaultAccept() {
+    if (!fwExec(
+            documentOf({"--policy INPUT ACCEPT", "--policy FORWARD ACCEPT",
+                        "-D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT"}))) {
+        FW_LOG_ERR("Failed to fwExec() to set default accept.");
+        return false;
+    }
+    return true;
+}
+
+// ==== TARNFW: on and off ========================================================================
+
+bool TARNFW::fwEnable() {
+    if (!firewallModLoad()) {
+        FW_LOG_ERR("Failed to firewallModLoad()");
+        return false;
+    }
+    if (!TarnFwHook().RunFwEnablePreHook()) {
+        FW_LOG_ERR("Failed to run firewall enable pre-hook.");
+    }
+    bool result = false;
+    try {
+        if (statusSet(*this, true)) {
+            result = fwReload(true);
+            if (!result) {
+                FW_LOG_ERR("Failed to apply firewall rules");
+            }
+        }
+    } catch (...) {
+        announceEnabled(false);
+        throw;
+    }
+    announceEnabled(result);
+    return result;
+}
+
+bool TARNFW::fwDisable() {
+    if (!TarnFwHook().RunFwDisablePreHook()) {
+        FW_LOG_ERR("Failed to run firewall disable pre-hook.");
+    }
+    bool result = false;
+    try {
+        (void)fwClear();  // logs for itself; disabling goes on
+        firewallModUnload();
+        result = statusSet(*this, false);
+    } catch (...) {
+        announceDisabled(false);
+        throw;
+    }
+    announceDisabled(result);
+    return result;
+}
+
+bool TARNFW::fwReset() {
+    return fwDisable();
+}
+
+bool TARNFW::fwReload(bool acceptEstablished) {
+    const ExecLock lock;
+    if (!lock.held()) {
+        FW_LOG_ERR("TIMEOUT: getting lock");
+        return false;
+    }
+    bool enabled = false;
+    if (!fwStatus(enabled)) {
+        FW_LOG_ERR("Failed to check status");
+        return false;
+    }
+    if (!enabled) {
+        return true;
+    }
+    if (!firewallModLoad()) {
+        FW_LOG_ERR("Failed to firewallModLoad()");
+        return false;
+    }
+    return applyWhileClosed(*this, [&] { return applyActiveProfile(*this, acceptEstablished); });
+}
+
+bool TARNFW::fwIptablesRulesEnum(std::string profile, Json::Value& cmds, bool acceptEstablished) {
+    FWPROFILE record;
+    if (!profileLoad(profile, record)) {
+        return false;
+    }
+    if (!fwRulesToIptablesRules(acceptEstablished, record.rules, record.adapterPolicyMap, cmds)) {
+        FW_LOG_ERR("Failed to fwRulesToIptablesRules()");
+        return false;
+    }
+    return true;
+}
+
+bool TARNFW::fwIptablesRulesEnum(std::string profile, Json::Value& cmds,
+                                 const std::string& localIp) {
+    FWPROFILE record;
+    if (!profileLoad(profile, record)) {
+        return false;
+    }
+    if (!fwRulesToIptablesRules(false, record.rules, record.adapterPolicyMap, cmds, localIp)) {
+        FW_LOG_ERR("Failed to fwRulesToIptablesRules()");
+        return false;
+    }
+    return true;
+}
+
+// ==== TARNFW_PROFILE ============================================================================
+
+bool TARNFW_PROFILE::profileEnum(std::map<std::string, FWPROFILE>& profiles) {
+    return db_.profileEnum(profiles);
+}
+
+bool TARNFW_PROFILE::profileEnum(std::vector<std::string>& names) {
+    return db_.profileEnum(names);
+}
+
+bool TARNFW_PROFILE::profileGet(const std::string& name, FWPROFILE& out) {
+    return db_.profileGet(name, out);
+}
+
+bool TARNFW_PROFILE::profileSet(const std::string& name, const FWPROFILE& profile) {
+    return db_.profileSet(name, profile);
+}
+
+bool TARNFW_PROFILE::profileExist(const std::string& name) {
+    return db_.profileExist(name);
+}
+
+bool TARNFW_PROFILE::profileCreate(const std::string& name) {
+    return db_.profileCreate(name);
+}
+
+bool TARNFW_PROFILE::profileRename(const std::string& oldName, const std::string& newName) {
+    return db_.profileRename(oldName, newName);
+}
+
+bool TARNFW_PROFILE::profileDelete(const std::string& name) {
+    Json::Value config;
+    if (!TARNFW().configGet(config)) {
+        FW_LOG_ERR("Falied to config.configGet()");
+        return false;
+    }
+    const Json::Value& settings = config;
+    if (settings[kProfileKey].asString() == name) {
+        FW_LOG_ERR("The profile %s is used now so cannot remove", name.c_str());
+        return false;
+    }
+    return db_.profileDelete(name);
+}
+
+}  // namespace FW

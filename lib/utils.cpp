@@ -1,0 +1,141 @@
+#include "tarnfirewall/utils.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <libgen.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/interprocess/sync/file_lock.hpp>
+#include <boost/interprocess/sync/scoped_lock.hpp>
+
+#include "tarnsdk.h"
+
+#include "fwLog.h"
+#include "fwPaths.h"
+
+namespace FW {
+namespace {
+
+constexpr char kSource[] = "utils";
+
+constexpr char kLockDir[] = "/var/lock/firewall/";
+constexpr char kFallbackLockDir[] = "/tmp/";
+constexpr mode_t kLockDirMode = 0770;
+constexpr mode_t kLockFileMode = 0600;
+constexpr std::size_t kPathBytes = 1024;
+
+constexpr long kLockMicroseconds = 30 * 1000 * 1000;
+
+/// The exclusive lock of one data file, held from construction to destruction.
+class DataFileLock {
+public:
+    /// Waits for the lock; raises the lock library's exception when its file cannot be opened.
+    explicit DataFileLock(const std::string& dataPath)
+        : file_(getLockFile(dataPath).c_str()), lock_(file_, deadline()) {}
+
+    bool held() const { return lock_.owns(); }
+
+private:
+    static boost::posix_time::ptime deadline() {
+        return boost::posix_time::microsec_clock::universal_time() +
+               boost::posix_time::microseconds(kLockMicroseconds);
+    }
+
+    boost::interprocess::file_lock file_;
+    boost::interprocess::scoped_lock<boost::interprocess::file_lock> lock_;
+};
+
+std::string lockDirectory() {
+    if (TARNFSMkdirP(kLockDir, nullptr, 1, 0, 0, kLockDirMode) < 0) {
+        FW_LOG_DEBUG("Failed to create path: %s", std::strerror(errno));
+        return kFallbackLockDir;
+    }
+    return kLockDir;
+}
+
+/// The last component of a path, by the POSIX rules: "." for an empty one.
+std::string lastComponent(const std::string& path) {
+    char buffer[kPathBytes];
+    std::snprintf(buffer, sizeof(buffer), "%s", path.c_str());
+    return ::basename(buffer);
+}
+
+/// Makes an empty lock file. A failure shows up when the lock is opened.
+void createLockFile(const std::string& path) {
+    // Not through a link: below the fallback directory anybody could have put one there.
+    const int fd =
+        open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kLockFileMode);
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
+}  // namespace
+
+bool pathExists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+std::string getLockFile(const std::string& path) {
+    const std::string lockPath = lockDirectory() + lastComponent(path) + ".lock";
+    if (!pathExists(lockPath)) {
+        createLockFile(lockPath);
+    }
+    return lockPath;
+}
+
+bool jsonFileLoad(Json::Value& value, const std::string& path) {
+    if (!pathExists(path)) {
+        FW_LOG_ERR("File %s does not exist", path.c_str());
+        return false;
+    }
+    const DataFileLock lock(path);
+    if (!lock.held()) {
+        FW_LOG_ERR("Failed to get lock timeout");
+        return false;
+    }
+    std::ifstream file(path, std::ios::in | std::ios::binary);
+    if (!file) {
+        FW_LOG_ERR("Failed to open json file %s", path.c_str());
+        return false;
+    }
+    bool parsed = false;
+    try {
+        parsed = Json::Reader().parse(file, value, /*collectComments=*/true);
+    } catch (const Json::Exception&) {
+        // The reader returns false for wrong text, but raises for text nested too deeply.
+    }
+    if (!parsed) {
+        FW_LOG_ERR("Failed to parse Json value of %s", path.c_str());
+    }
+    return parsed;
+}
+
+bool jsonFileDump(const Json::Value& value, const std::string& path) {
+    const DataFileLock lock(path);
+    if (!lock.held()) {
+        FW_LOG_ERR("Failed to get lock timeout");
+        return false;
+    }
+    const std::string temporaryPath = path + ".tmp";
+    std::ofstream file(temporaryPath, std::ios::out | std::ios::binary | std::ios::trunc);
+    if (!file) {
+        FW_LOG_ERR("Failed to open json file %s", temporaryPath.c_str());
+        return false;
+    }
+    // The result tells whether the document was replaced; a failed write does not change it.
+    file << Json::StyledWriter().write(value);
+    file.close();
+    if (std::rename(temporaryPath.c_str(), path.c_str()) != 0) {
+        FW_LOG_ERR("Failed to rename to %s", path.c_str());
+        return false;
+    }
+    return true;
+}
+
+}  // namespace FW
