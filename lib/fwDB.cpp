@@ -27,6 +27,11 @@ constexpr char kProfilePattern[] = "/usr/tarn/etc/firewall.d/*.json";
 constexpr char kProfileExtension[] = ".json";
 constexpr char kGlobalAdapter[] = "global";
 
+constexpr char kExportProfiles[] = "config_profiles";
+constexpr char kExportSettings[] = "config_firewall_settings";
+constexpr char kExportVersion[] = "config_version";
+constexpr Json::UInt kExportVersionNumber = 1;
+
 // The random part of a file name: a number below this is added to the time.
 constexpr int kStemSpread = 100;
 
@@ -339,6 +344,70 @@ bool TARNFW_JSON_DB::profileRename(const std::string& oldName, const std::string
             FW_LOG_ERR("Falied to config.configSet()");
             return false;
         }
+    }
+    return true;
+}
+
+// ---- The whole configuration ----
+
+bool TARNFW_JSON_DB::exportConfig(Json::Value& out) {
+    out = Json::Value(Json::objectValue);
+    Json::Value& documents = out[kExportProfiles];
+    documents = Json::Value(Json::objectValue);
+    Json::Value meta;
+    if (!profileMetaCreate(meta)) {
+        logNoIndex();
+        return false;
+    }
+    Json::Value settings;
+    if (!TARNFW().configGet(settings)) {
+        FW_LOG_ERR("Falied to get firewall settings.");
+        return false;
+    }
+    const std::string active = std::as_const(settings)["profile"].asString();
+    out[kExportSettings] = settings;
+    out[kExportVersion] = kExportVersionNumber;
+    for (const std::string& name : meta.getMemberNames()) {
+        const std::string stem = meta[name]["fileName"].asString();
+        const std::string path = pathOfStem(stem);
+        Json::Value document;
+        if (jsonFileLoad(document, path)) {
+            documents[stem + kProfileExtension] = document;
+            continue;
+        }
+        const bool isActive = name == active;
+        FW_LOG_ERR("Failed to load json from [%s] for profile [%s]%s", path.c_str(), name.c_str(),
+                   isActive ? " which is the current one." : ".");
+        if (isActive) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool TARNFW_JSON_DB::importConfig(const Json::Value& in) {
+    // Looked at before anything is deleted: a document of another shape raises here.
+    const Json::Value& documents = in[kExportProfiles];
+    const std::vector<std::string> keys = documents.getMemberNames();
+    const Json::Value& settings = in[kExportSettings];
+
+    Json::Value meta;
+    if (!profileMetaCreate(meta)) {
+        logNoIndex();  // no failure: there is nothing to delete
+    }
+    for (const std::string& name : meta.getMemberNames()) {
+        if (!profileDelete(name)) {
+            FW_LOG_ERR("Failed to delete old profile '%s'.", name.c_str());
+        }
+    }
+    for (const std::string& key : keys) {
+        if (!jsonFileDump(documents[key], kFirewallDir + key)) {
+            FW_LOG_ERR("Failed to jsonFileDump [%s].", key.c_str());
+        }
+    }
+    if (!TARNFW().configSet(settings)) {
+        FW_LOG_ERR("Falied to set firewall settings.");
+        return false;
     }
     return true;
 }

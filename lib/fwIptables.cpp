@@ -14,6 +14,7 @@
 
 #include "tarnfirewall/fwGeoip.h"
 
+#include "fwCatalogue.h"
 #include "fwInterfaces.h"
 #include "fwLog.h"
 
@@ -335,7 +336,7 @@ std::string routerInterface(const std::string& interface) {
 
 }  // namespace
 
-void TARNFW_IPTABLES_RULES::CatalogueRelease::operator()(TARNFW_SERVICE_LIST* list) const {
+void CatalogueRelease::operator()(TARNFW_SERVICE_LIST* list) const {
     TARNFwServiceFree(list);
 }
 
@@ -604,18 +605,15 @@ bool TARNFW_IPTABLES_RULES::adapterIsEnabled(const std::string& adapter) {
 
 bool TARNFW_IPTABLES_RULES::servToPorts(const std::vector<std::string>& services, ServPort& out) {
     if (!services_) {
-        TARNFW_SERVICE_LIST* list = nullptr;
-        const int count = TARNFwServiceEnum(&list);
-        std::unique_ptr<TARNFW_SERVICE_LIST, CatalogueRelease> catalogue(list);
-        if (count < 1) {
+        services_ = catalogueLoad();
+        if (!services_) {
             FW_LOG_ERR("Failed to enum services");
             return false;
         }
-        services_ = std::move(catalogue);
     }
     for (const std::string& name : services) {
         const TARNFW_SERVICE* const service = TARNFWServiceFind(services_.get(), name.c_str());
-        if (service == nullptr || service->title[0] == '\0') {
+        if (!isUsable(service)) {
             continue;
         }
         addPorts(service->srcProtocol, service->srcPorts, out.srcPorts);

@@ -14,19 +14,18 @@
 #include "fwInterfaces.h"
 #include "fwLog.h"
 #include "fwPaths.h"
+#include "tarnFWInternal.h"
 
 namespace FW {
 namespace {
 
-constexpr char kSource[] = "tarnFW";
+constexpr const char* kSource = kFirewallSource;
 
 constexpr char kStatusKey[] = "status";
-constexpr char kProfileKey[] = "profile";
 constexpr char kDefaultProfile[] = "default";
 
 constexpr char kIptables[] = "/sbin/iptables";
 constexpr char kIp6tables[] = "/sbin/ip6tables";
-constexpr char kGlobalKey[] = "global";
 
 // One command line: its words, each with a terminating zero, and one pointer to each, with a null
 // behind the last.
@@ -184,23 +183,31 @@ bool acceptOrDisable(TARNFW& firewall, bool applied) {
     return applied;
 }
 
+/// Reopens the machine on the way of an exception, which is the one that the caller gets to see.
+void acceptDespiteException(TARNFW& firewall) noexcept {
+    try {
+        (void)firewall.fwDefaultAccept();  // logs for itself
+    } catch (...) {
+        FW_LOG_ERR("Failed to set default accept after an exception");
+    }
+}
+
 /// Runs `apply` while the machine is closed to new connections, and reopens it whatever happens.
 /// The result is that of all three steps.
 template <typename Apply>
 bool applyWhileClosed(TARNFW& firewall, Apply apply) {
-    bool applied = false;
+    // A handler and not a guard's destructor: when nobody catches the exception, the process ends
+    // without running destructors, and the machine would stay closed.
     try {
         if (!firewall.fwDefaultDrop()) {
             return false;  // what did run stays in force
         }
-        applied = apply();
+        const bool applied = apply();
+        return acceptOrDisable(firewall, applied);
     } catch (...) {
-        // A handler and not a guard's destructor: when nobody catches the exception, the process
-        // ends without running destructors, and the machine would stay closed.
-        (void)firewall.fwDefaultAccept();
+        acceptDespiteException(firewall);
         throw;
     }
-    return acceptOrDisable(firewall, applied);
 }
 
 /// Replaces the chains' content by the rules of the active profile.
@@ -219,13 +226,20 @@ bool applyActiveProfile(TARNFW& firewall, bool acceptEstablished) {
     return execOrDisable(firewall, cmds);
 }
 
-/// Reads a profile for its translation.
-bool profileLoad(const std::string& name, FWPROFILE& profile) {
-    if (!TARNFW_PROFILE().profileGet(name, profile)) {
-        FW_LOG_ERR("Failed to profileGet(%s)", name.c_str());
+/// Replaces the chains' content by the rules of a test profile. Unlike a reload it goes no further
+/// than chains that cannot be flushed: a trial on top of other rules would show nothing.
+bool applyTestProfile(TARNFW& firewall, const std::string& testName, const std::string& localIp) {
+    if (!firewall.fwClear()) {
+        FW_LOG_ERR("Failed to fwClear()");
         return false;
     }
-    return true;
+    Json::Value cmds;
+    if (!(localIp.empty() ? firewall.fwIptablesRulesEnum(testName, cmds, false)
+                          : firewall.fwIptablesRulesEnum(testName, cmds, localIp))) {
+        FW_LOG_ERR("Failed to fwIptablesRulesEnum()");
+        return false;
+    }
+    return execOrDisable(firewall, cmds);
 }
 
 }  // namespace
@@ -475,7 +489,7 @@ bool TARNFW::fwReload(bool acceptEstablished) {
 
 bool TARNFW::fwIptablesRulesEnum(std::string profile, Json::Value& cmds, bool acceptEstablished) {
     FWPROFILE record;
-    if (!profileLoad(profile, record)) {
+    if (!profileGetLogged(profile, record)) {
         return false;
     }
     if (!fwRulesToIptablesRules(acceptEstablished, record.rules, record.adapterPolicyMap, cmds)) {
@@ -488,7 +502,7 @@ bool TARNFW::fwIptablesRulesEnum(std::string profile, Json::Value& cmds, bool ac
 bool TARNFW::fwIptablesRulesEnum(std::string profile, Json::Value& cmds,
                                  const std::string& localIp) {
     FWPROFILE record;
-    if (!profileLoad(profile, record)) {
+    if (!profileGetLogged(profile, record)) {
         return false;
     }
     if (!fwRulesToIptablesRules(false, record.rules, record.adapterPolicyMap, cmds, localIp)) {
@@ -498,48 +512,17 @@ bool TARNFW::fwIptablesRulesEnum(std::string profile, Json::Value& cmds,
     return true;
 }
 
-// ==== TARNFW_PROFILE ============================================================================
-
-bool TARNFW_PROFILE::profileEnum(std::map<std::string, FWPROFILE>& profiles) {
-    return db_.profileEnum(profiles);
-}
-
-bool TARNFW_PROFILE::profileEnum(std::vector<std::string>& names) {
-    return db_.profileEnum(names);
-}
-
-bool TARNFW_PROFILE::profileGet(const std::string& name, FWPROFILE& out) {
-    return db_.profileGet(name, out);
-}
-
-bool TARNFW_PROFILE::profileSet(const std::string& name, const FWPROFILE& profile) {
-    return db_.profileSet(name, profile);
-}
-
-bool TARNFW_PROFILE::profileExist(const std::string& name) {
-    return db_.profileExist(name);
-}
-
-bool TARNFW_PROFILE::profileCreate(const std::string& name) {
-    return db_.profileCreate(name);
-}
-
-bool TARNFW_PROFILE::profileRename(const std::string& oldName, const std::string& newName) {
-    return db_.profileRename(oldName, newName);
-}
-
-bool TARNFW_PROFILE::profileDelete(const std::string& name) {
-    Json::Value config;
-    if (!TARNFW().configGet(config)) {
-        FW_LOG_ERR("Falied to config.configGet()");
+bool TARNFW::TestApplyingProfile(std::string name, const std::string& localIp) {
+    const std::string testName = testProfileName(name);
+    if (!firewallModLoad()) {
+        FW_LOG_ERR("Failed to firewallModLoad()");
         return false;
     }
-    const Json::Value& settings = config;
-    if (settings[kProfileKey].asString() == name) {
-        FW_LOG_ERR("The profile %s is used now so cannot remove", name.c_str());
-        return false;
-    }
-    return db_.profileDelete(name);
+    return applyWhileClosed(*this, [&] { return applyTestProfile(*this, testName, localIp); });
+}
+
+bool TARNFW::TestApplyingProfile(std::string name) {
+    return TestApplyingProfile(name, "");
 }
 
 }  // namespace FW

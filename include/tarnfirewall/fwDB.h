@@ -84,6 +84,18 @@ public:
     /// On failure nothing has changed, but a failed settings write leaves the file renamed.
     bool profileRename(const std::string& oldName, const std::string& newName);
 
+    /// Copies the whole configuration into `out`: "config_profiles", each profile's document under
+    /// the name of its file; "config_firewall_settings", the settings; "config_version", 1.
+    /// Returns false, logged, without an index, when the settings cannot be read, or when the
+    /// active profile cannot; another profile that cannot be read is logged and left out.
+    bool exportConfig(Json::Value& out);
+
+    /// Replaces the whole configuration by that of an export, under the same file names. Nothing is
+    /// checked: a key of "config_profiles" is used as a file name as it stands. Nothing is applied,
+    /// and nothing is rolled back: all profiles are deleted before the first one is written.
+    /// Returns whether the settings were written; other failures are logged and passed over.
+    bool importConfig(const Json::Value& in);
+
     /// Converts a profile into its document. `out` is empty before; "rules" and "adapterPolicyMap"
     /// are null when there are none.
     void profileToJson(const FWPROFILE& profile, Json::Value& out);

@@ -15,6 +15,11 @@ struct TARNFW_SERVICE_LIST;
 
 namespace FW {
 
+/// Releases the platform's service catalogue.
+struct CatalogueRelease {
+    void operator()(TARNFW_SERVICE_LIST* list) const;
+};
+
 /// Translates profiles. Nothing here touches the packet filter.
 ///
 /// Two documents pass through these operations:
@@ -134,10 +139,6 @@ public:
     void iptables6in4ToCmd(const std::string& adapter, const FWRULE& rule, Json::Value& out);
 
 private:
-    struct CatalogueRelease {
-        void operator()(TARNFW_SERVICE_LIST* list) const;
-    };
-
     std::vector<std::string> enabledAdapters_;
     std::vector<std::string> vpnAdapters_;
     std::string pppoeInterface_;

@@ -108,6 +108,40 @@ public:
     /// The same without the line for established connections, and with `localIp` as in
     /// fwRulesToIptablesRules(). Pass a std::string: a literal is taken for the flag above.
     bool fwIptablesRulesEnum(std::string profile, Json::Value& cmds, const std::string& localIp);
+
+    /// Applies the test profile of `name` for a trial: its rules are in the kernel afterwards,
+    /// while the settings still name the active profile, to which a reload returns. Packets of
+    /// established connections pass only by its rules; pass a `localIp`, and they do, except from
+    /// that address. On failure as fwReload(), except that chains that cannot be flushed end it.
+    /// Takes no lock: the caller keeps trials and reloads apart.
+    bool TestApplyingProfile(std::string name, const std::string& localIp);
+
+    /// The same with an empty `localIp`.
+    bool TestApplyingProfile(std::string name);
+
+    // ---- Services ----
+
+    /// Brings the rules that name services up to date with the service catalogue, in every profile:
+    /// names that are unknown or not usable go, and rules that then name none; the others get the
+    /// protocol that their services need. No reload is made.
+    /// Returns false, logged, when profiles or catalogue cannot be read, or at the first profile
+    /// that cannot be written; those before it stay changed.
+    bool fwUpdate();
+
+    /// Asks whether the active profile lets a port range through on an adapter, or, with an empty
+    /// `adapter`, on every adapter with a default policy. The stored rules are evaluated, not the
+    /// kernel's; "global" rules first.
+    /// Adds the verdicts to `result`, by adapter: 0 allowed, 1 blocked, 3 mixed; the entry "global"
+    /// may be 2, undecided. With the firewall disabled, 0 for `adapter` alone.
+    /// Returns false, logged, when settings or profile cannot be read; a rule whose services cannot
+    /// be resolved is logged and ignored.
+    bool fwPortIsBlocked(const PortCompareST& port, const std::string& adapter,
+                         std::map<std::string, FW_POLICY>& result);
+
+    /// The same for every port of a service; the most severe verdict of an adapter counts, blocked
+    /// before mixed before allowed. A service without ports leaves `result` as it is.
+    bool fwServIsBlocked(const std::string& servName, const std::string& adapter,
+                         std::map<std::string, FW_POLICY>& result);
 };
 
 /// The profiles as callers use them: the store, with a guard on the profile in use. An object holds
@@ -127,6 +161,43 @@ public:
     /// Deletes a profile. Returns false, logged, for the active one, whether or not the firewall is
     /// enabled, and when the settings cannot be read; nothing is then deleted.
     bool profileDelete(const std::string& name);
+
+    // ---- Services and adapters in all profiles ----
+    //
+    // Not one transaction: each stops, with false, at the first profile that cannot be written, and
+    // those before it stay changed. Callers serialise them.
+
+    /// Reserves a service: puts it, with `policy`, into the reserved service rule at the head of
+    /// `adapter`'s list in every profile, taking it out of that adapter's other reserved rules.
+    /// With `reload`, applies the active profile afterwards.
+    bool profileAddServToReserve(const std::string& adapter, const std::string& servName,
+                                 FW_POLICY policy, bool reload);
+
+    /// Takes a service out of every rule that names services, and rules that then name none out of
+    /// their lists, in every profile. No reload is made.
+    bool profileRemoveServ(const std::string& servName);
+
+    /// Moves the policy and the rules of `oldAdapter` to `newAdapter`, replacing what that has, in
+    /// every profile; with equal names they are gone. With `reload`, applies the active profile
+    /// when its policies changed.
+    bool profileChangeAdapter(const std::string& oldAdapter, const std::string& newAdapter,
+                              bool reload);
+
+    // ---- Test profiles ----
+    //
+    // A test profile is stored like any other, under ".test_" and the name given here. A trial is:
+    // create, TARNFW::TestApplyingProfile(), adopt or not, remove, reload. Nothing removes one that
+    // was forgotten.
+
+    /// Stores `profile` as the test profile of `name`, in the place of an earlier one.
+    bool CreateTestProfile(std::string name, const FWPROFILE& profile);
+
+    /// Deletes the test profile of `name`, unless it is the active profile.
+    bool RemoveTestProfile(std::string name);
+
+    /// Stores what the test profile of `name` holds as profile `name`. The test profile stays, and
+    /// the kernel and the settings are not touched.
+    bool AdoptTestProfile(std::string name);
 
 private:
     TARNFW_JSON_DB db_;
