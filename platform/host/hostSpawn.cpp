@@ -1,0 +1,171 @@
+#include "hostSpawn.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "hostCall.h"
+
+namespace host {
+
+const char* const kFixedEnvironment[2] = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C"};
+
+namespace {
+
+constexpr int kFirstOwnDescriptor = 3;  // behind the three standard ones
+constexpr int kSignalExitBase = 128;
+
+// The descriptor at which a program finds its own file, and the path that runs it. /proc/self is
+// the new process by the time the path is used.
+constexpr int kFileDescriptor = 3;
+constexpr char kFileDescriptorPath[] = "/proc/self/fd/3";
+
+void check(int error) {
+    if (error != 0) {
+        throw std::system_error(error, std::generic_category());
+    }
+}
+
+// A duplicate behind the standard descriptors, where the new process still has it after those were
+// replaced. Needed when the caller runs with some of them closed.
+Descriptor aboveStandard(int fd) {
+    Descriptor duplicate(fcntl(fd, F_DUPFD_CLOEXEC, kFirstOwnDescriptor));
+    if (!duplicate) {
+        check(errno);
+    }
+    return duplicate;
+}
+
+// Whether a new process would find the standard descriptor `fd` open. A daemon may have closed its
+// own, and the first files that the program opens must not take their place and collect its
+// messages.
+bool isInherited(int fd) {
+    const int flags = fcntl(fd, F_GETFD);
+    return flags >= 0 && (flags & FD_CLOEXEC) == 0;
+}
+
+// The descriptors of the new process, in the order in which they are made.
+class FileActions {
+public:
+    FileActions() { check(posix_spawn_file_actions_init(&actions_)); }
+    ~FileActions() { (void)posix_spawn_file_actions_destroy(&actions_); }
+    FileActions(const FileActions&) = delete;
+    FileActions& operator=(const FileActions&) = delete;
+
+    void openNull(int fd, int mode) {
+        check(posix_spawn_file_actions_addopen(&actions_, fd, "/dev/null", mode, 0));
+    }
+    void duplicate(int from, int to) {
+        check(posix_spawn_file_actions_adddup2(&actions_, from, to));
+    }
+    void closeFrom(int fd) { check(posix_spawn_file_actions_addclosefrom_np(&actions_, fd)); }
+    const posix_spawn_file_actions_t* get() const { return &actions_; }
+
+private:
+    posix_spawn_file_actions_t actions_;
+};
+
+// No signal is blocked, and none is ignored or handled.
+class PlainSignals {
+public:
+    PlainSignals() {
+        sigset_t none;
+        sigset_t all;
+        sigemptyset(&none);
+        sigfillset(&all);
+        check(posix_spawnattr_init(&attributes_));
+        // These fail for flags that do not exist only.
+        (void)posix_spawnattr_setsigmask(&attributes_, &none);
+        (void)posix_spawnattr_setsigdefault(&attributes_, &all);
+        (void)posix_spawnattr_setflags(&attributes_,
+                                       POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    }
+    ~PlainSignals() { (void)posix_spawnattr_destroy(&attributes_); }
+    PlainSignals(const PlainSignals&) = delete;
+    PlainSignals& operator=(const PlainSignals&) = delete;
+
+    const posix_spawnattr_t* get() const { return &attributes_; }
+
+private:
+    posix_spawnattr_t attributes_;
+};
+
+std::vector<char*> pointersTo(const std::vector<std::string>& environment) {
+    std::vector<char*> pointers;
+    for (const char* variable : kFixedEnvironment) {
+        pointers.push_back(const_cast<char*>(variable));  // the interface's type, never written
+    }
+    for (const std::string& variable : environment) {
+        pointers.push_back(const_cast<char*>(variable.c_str()));
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+}  // namespace
+
+int startProgram(const Program& program, pid_t& pid) try {
+    FileActions actions;
+    Descriptor output;
+    Descriptor file;
+    const char* path = program.path;
+
+    actions.openNull(STDIN_FILENO, O_RDONLY);
+    if (program.output >= 0) {
+        output = aboveStandard(program.output);
+        actions.duplicate(output.get(), STDOUT_FILENO);
+    }
+    for (const int fd : {STDOUT_FILENO, STDERR_FILENO}) {
+        if (!isInherited(fd) && !(fd == STDOUT_FILENO && output)) {
+            actions.openNull(fd, O_WRONLY);
+        }
+    }
+    if (program.file >= 0) {
+        file = aboveStandard(program.file);
+        actions.duplicate(file.get(), kFileDescriptor);
+        actions.closeFrom(kFileDescriptor + 1);
+        path = kFileDescriptorPath;
+    } else {
+        actions.closeFrom(kFirstOwnDescriptor);
+    }
+
+    const PlainSignals signals;
+    const std::vector<char*> environment = pointersTo(program.environment);
+    return posix_spawn(&pid, path, actions.get(), signals.get(),
+                       const_cast<char* const*>(program.argv), environment.data());
+} catch (const std::system_error& error) {
+    return error.code().value();
+}
+
+std::optional<int> waitForProgram(pid_t pid) {
+    int status = 0;
+    pid_t ended = -1;
+    do {
+        ended = waitpid(pid, &status, 0);
+    } while (ended < 0 && errno == EINTR);
+    if (ended < 0) {
+        return std::nullopt;
+    }
+    return WIFSIGNALED(status) ? kSignalExitBase + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+std::string commandLine(const char* const* argv) {
+    std::string line;
+    for (std::size_t i = 0; argv[i] != nullptr; ++i) {
+        if (i > 0) {
+            line += ' ';
+        }
+        for (const char* c = argv[i]; *c != '\0'; ++c) {
+            const auto byte = static_cast<unsigned char>(*c);
+            line += byte < 0x20 || byte == 0x7f ? '?' : *c;
+        }
+    }
+    return line;
+}
+
+}  // namespace host

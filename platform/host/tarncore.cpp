@@ -1,0 +1,469 @@
+#include "tarncore.h"
+
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "hostCall.h"
+#include "hostKeyValue.h"
+#include "hostSpawn.h"
+
+namespace {
+
+constexpr char kSource[] = "tarncore";
+
+}  // namespace
+
+// ---- String lists -------------------------------------------------------------------------------
+
+namespace {
+
+constexpr int kFirstCapacity = 16;
+
+// Makes room for one more text. The list is C's own memory, because its record is public.
+bool grow(TLIBCSZLIST& list) {
+    if (list.nItem < list.capacity) {
+        return true;
+    }
+    if (list.capacity > INT_MAX / 2) {
+        return false;
+    }
+    const int capacity = std::max(list.capacity * 2, kFirstCapacity);
+    void* items = reallocarray(list.items, static_cast<std::size_t>(capacity), sizeof(char*));
+    if (items == nullptr) {
+        return false;
+    }
+    list.items = static_cast<char**>(items);
+    list.capacity = capacity;
+    return true;
+}
+
+}  // namespace
+
+PTLIBCSZLIST TLIBCSzListAlloc(int capacity, int /*flags*/) {
+    if (capacity < 0) {
+        HOST_FAIL(host::kErrorBadParameter);
+        return nullptr;
+    }
+    std::unique_ptr<TLIBCSZLIST, decltype(&free)> list(
+        static_cast<PTLIBCSZLIST>(calloc(1, sizeof(TLIBCSZLIST))), &free);
+    if (list != nullptr && capacity > 0) {
+        list->items =
+            static_cast<char**>(calloc(static_cast<std::size_t>(capacity), sizeof(char*)));
+    }
+    if (list == nullptr || (capacity > 0 && list->items == nullptr)) {
+        HOST_FAIL(ENOMEM);
+        return nullptr;
+    }
+    list->capacity = capacity;
+    return list.release();
+}
+
+int TLIBCSzListPush(PTLIBCSZLIST* list, const char* text) {
+    if (list == nullptr || *list == nullptr || text == nullptr) {
+        return HOST_FAIL(host::kErrorBadParameter);
+    }
+    // The copy first: the text may be one of the list's own.
+    std::unique_ptr<char, decltype(&free)> copy(strdup(text), &free);
+    if (copy == nullptr || !grow(**list)) {
+        return HOST_FAIL(ENOMEM);
+    }
+    (*list)->items[(*list)->nItem++] = copy.release();
+    return 0;
+}
+
+const char* TLIBCSzListGet(const TLIBCSZLIST* list, int index) {
+    if (list == nullptr || index < 0 || index >= list->nItem) {
+        return nullptr;
+    }
+    return list->items[index];
+}
+
+void TLIBCSzListFree(PTLIBCSZLIST list) {
+    if (list == nullptr) {
+        return;
+    }
+    for (int i = 0; i < list->nItem; ++i) {
+        free(list->items[i]);
+    }
+    free(list->items);
+    free(list);
+}
+
+// ---- Programs -----------------------------------------------------------------------------------
+
+namespace {
+
+struct RunningProgram {
+    pid_t pid = -1;
+    std::string line;  // its command line, for the log
+};
+
+// The programs behind the streams of TLIBCPopen: a stream itself has no room for its program.
+class StreamTable {
+public:
+    using Programs = std::map<FILE*, RunningProgram>;
+
+    static StreamTable& instance() {
+        static StreamTable table;
+        return table;
+    }
+
+    // Takes over entries made before the program was started, when failing was still harmless.
+    void add(Programs& entries) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        programs_.merge(entries);
+    }
+
+    std::optional<RunningProgram> take(FILE* stream) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto node = programs_.extract(stream);
+        return node.empty() ? std::nullopt : std::optional(std::move(node.mapped()));
+    }
+
+private:
+    std::mutex mutex_;
+    Programs programs_;
+};
+
+// Starts a program, or logs why not.
+bool start(const host::Program& program, RunningProgram& running) {
+    running.line = host::commandLine(program.argv);
+    if (const int error = host::startProgram(program, running.pid)) {
+        HOST_LOG_ERR("Cannot run %s: %s", program.path, strerror(error));
+        HOST_FAIL(error);
+        return false;
+    }
+    return true;
+}
+
+// Waits for a program and logs any status but 0, which callers do not look at. A lost status counts
+// as 0, since -1 is for programs that never ran.
+int finish(const RunningProgram& running) {
+    const auto status = host::waitForProgram(running.pid);
+    if (!status) {
+        HOST_LOG_WARNING("The exit status of \"%s\" is lost", running.line.c_str());
+        return 0;
+    }
+    if (*status != 0) {
+        HOST_LOG_WARNING("\"%s\" ended with status %d", running.line.c_str(), *status);
+    }
+    return *status;
+}
+
+FILE* openProgram(const std::vector<const char*>& argv) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        HOST_FAIL(errno);
+        return nullptr;
+    }
+    host::Descriptor readEnd(ends[0]);
+    const host::Descriptor writeEnd(ends[1]);
+    std::unique_ptr<FILE, decltype(&fclose)> stream(fdopen(readEnd.get(), "r"), &fclose);
+    if (stream == nullptr) {
+        HOST_FAIL(errno);
+        return nullptr;
+    }
+    (void)readEnd.release();  // the stream's own from here on
+
+    StreamTable::Programs entry;
+    host::Program program;
+    program.path = argv[0];
+    program.argv = argv.data();
+    program.output = writeEnd.get();
+    if (!start(program, entry[stream.get()])) {
+        return nullptr;
+    }
+    StreamTable::instance().add(entry);
+    return stream.release();
+}
+
+}  // namespace
+
+int TLIBCExecv(const char* path, const char* const argv[], int /*flag*/) {
+    return HOST_GUARDED(-1, [&] {
+        if (path == nullptr || argv == nullptr || argv[0] == nullptr) {
+            return HOST_FAIL(host::kErrorBadParameter);
+        }
+        host::Program program;
+        program.path = path;
+        program.argv = argv;
+        RunningProgram running;
+        return start(program, running) ? finish(running) : -1;
+    });
+}
+
+FILE* TLIBCPopen(const char* path, const char* mode, ...) {
+    va_list arguments;
+    va_start(arguments, mode);
+    FILE* const stream = HOST_GUARDED(static_cast<FILE*>(nullptr), [&]() -> FILE* {
+        if (path == nullptr || mode == nullptr || strcmp(mode, "r") != 0) {
+            HOST_FAIL(host::kErrorBadParameter);
+            return nullptr;
+        }
+        std::vector<const char*> argv = {path};
+        while (argv.back() != nullptr) {
+            argv.push_back(va_arg(arguments, const char*));
+        }
+        return openProgram(argv);
+    });
+    va_end(arguments);
+    return stream;
+}
+
+int TLIBCPclose(FILE* stream) {
+    return HOST_GUARDED(-1, [&] {
+        const auto program = StreamTable::instance().take(stream);
+        if (!program) {
+            // Not closed either: it belongs to somebody else.
+            return HOST_FAIL(host::kErrorBadParameter);
+        }
+        (void)fclose(stream);  // first, or a program with more to write would never end
+        return finish(*program);
+    });
+}
+
+// ---- Files --------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr char kModelFile[] = "/etc.defaults/tarninfo.conf";
+
+// Reads a key. 1 when it was found, 0 when it is absent, -1 on error.
+int getKeyValue(const char* path, const char* key, std::string& value) {
+    if (path == nullptr || key == nullptr || !host::KeyValueText::isKey(key)) {
+        return HOST_FAIL(host::kErrorBadParameter);
+    }
+    std::string content;
+    if (const int error = host::readKeyValueFile(path, content)) {
+        return HOST_FAIL(error);
+    }
+    auto found = host::KeyValueText(content).get(key);
+    if (!found) {
+        return 0;
+    }
+    value = std::move(*found);
+    return 1;
+}
+
+}  // namespace
+
+int TLIBCFileExist(const char* path) {
+    struct stat info = {};
+    if (path == nullptr) {
+        HOST_FAIL(host::kErrorBadParameter);
+        return 0;
+    }
+    return lstat(path, &info) == 0 ? 1 : 0;  // of a link itself: it exists without its target, too
+}
+
+int TLIBCFileGetKeyValue(const char* path, const char* key, char* value, int size, int /*flag*/) {
+    return HOST_GUARDED(-1, [&] {
+        if (value == nullptr || size <= 0) {
+            return HOST_FAIL(host::kErrorBadParameter);
+        }
+        value[0] = '\0';
+        std::string text;
+        const int result = getKeyValue(path, key, text);
+        if (result <= 0) {
+            return result;
+        }
+        if (text.size() >= static_cast<std::size_t>(size)) {
+            // Half a value would pass for another one.
+            HOST_LOG_ERR("The value of %s in %s is longer than %d bytes", key, path, size - 1);
+            return HOST_FAIL(ERANGE);
+        }
+        memcpy(value, text.c_str(), text.size() + 1);
+        return 1;
+    });
+}
+
+int TLIBCFileSetKeyValue(const char* path, const char* key, const char* value, int /*flag*/) {
+    return HOST_GUARDED(-1, [&] {
+        if (path == nullptr || key == nullptr || value == nullptr ||
+            !host::KeyValueText::isKey(key) || !host::KeyValueText::isValue(value)) {
+            return HOST_FAIL(host::kErrorBadParameter);
+        }
+        const int error = host::writeKeyValueFile(path, key, value);
+        return error == 0 ? 0 : HOST_FAIL(error);
+    });
+}
+
+int TLIBCFileCheckKeyValue(const char* path, const char* key, const char* value, int /*flag*/) {
+    return HOST_GUARDED(0, [&] {
+        if (value == nullptr) {
+            HOST_FAIL(host::kErrorBadParameter);
+            return 0;
+        }
+        std::string text;
+        return getKeyValue(path, key, text) == 1 && text == value ? 1 : 0;
+    });
+}
+
+int TLIBCSupportGet(const char* key) {
+    return TLIBCFileCheckKeyValue(kModelFile, key, "yes", 0);
+}
+
+// ---- File locks ---------------------------------------------------------------------------------
+
+namespace {
+
+constexpr int kLockExclusive = 1;
+constexpr mode_t kLockFileMode = 0600;
+
+// Between two attempts: short at first, since most locks are held for moments only.
+constexpr std::chrono::milliseconds kFirstPause(1);
+constexpr std::chrono::milliseconds kLongestPause(50);
+
+struct flock wholeFile(short type) {
+    struct flock range = {};
+    range.l_type = type;
+    range.l_whence = SEEK_SET;
+    return range;
+}
+
+// Whether `path` still leads to the opened file: one that was removed or replaced between opening
+// and locking keeps nobody out any more.
+bool isStillThere(const char* path, const struct stat& opened) {
+    struct stat now = {};
+    return lstat(path, &now) == 0 && now.st_dev == opened.st_dev && now.st_ino == opened.st_ino;
+}
+
+// One attempt to lock `path`. 0, EAGAIN when it is worth another one, or the errno code of a
+// failure, which is logged.
+int tryLock(const char* path, host::Descriptor& lock) {
+    host::Descriptor file(open(
+        path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, kLockFileMode));
+    if (!file) {
+        const int error = errno;
+        if (error == EINTR) {
+            return EAGAIN;
+        }
+        HOST_LOG_ERR("Cannot open lock file %s: %s", path, strerror(error));
+        return error;
+    }
+    struct stat info = {};
+    if (fstat(file.get(), &info) != 0) {
+        return errno;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        HOST_LOG_ERR("Refused lock file %s: it is no regular file", path);
+        return EINVAL;
+    }
+    // Of the open file rather than of the process: two threads keep each other out as well, and
+    // closing another descriptor of the file does not give the lock away.
+    struct flock range = wholeFile(F_WRLCK);
+    if (fcntl(file.get(), F_OFD_SETLK, &range) != 0) {
+        const int error = errno;
+        if (error == EAGAIN || error == EACCES || error == EINTR) {
+            return EAGAIN;
+        }
+        HOST_LOG_ERR("Cannot lock %s: %s", path, strerror(error));
+        return error;
+    }
+    if (!isStillThere(path, info)) {
+        return EAGAIN;
+    }
+    lock = std::move(file);
+    return 0;
+}
+
+}  // namespace
+
+int TLIBCFileLockTimeByFile(const char* path, int mode, int seconds, int* fd) {
+    return HOST_GUARDED(0, [&] {
+        if (path == nullptr || mode != kLockExclusive || fd == nullptr) {
+            HOST_FAIL(host::kErrorBadParameter);
+            return 0;
+        }
+        using Clock = std::chrono::steady_clock;
+        const auto deadline = Clock::now() + std::chrono::seconds(std::max(seconds, 0));
+        Clock::duration pause = kFirstPause;
+        for (;;) {
+            host::Descriptor lock;
+            const int error = tryLock(path, lock);
+            if (error == 0) {
+                *fd = lock.release();
+                return 1;
+            }
+            const Clock::duration left = deadline - Clock::now();
+            if (error != EAGAIN || left <= Clock::duration::zero()) {
+                HOST_FAIL(error);
+                return 0;
+            }
+            std::this_thread::sleep_for(std::min(pause, left));
+            pause = std::min<Clock::duration>(pause * 2, kLongestPause);
+        }
+    });
+}
+
+int TLIBCFileUnlockByFile(int fd) {
+    // Unlocked before it is closed: a process forked meanwhile has the same open file, and would
+    // keep the lock.
+    struct flock range = wholeFile(F_UNLCK);
+    if (fcntl(fd, F_OFD_SETLK, &range) != 0) {
+        const int error = errno;
+        (void)close(fd);
+        HOST_FAIL(error);
+        return 0;
+    }
+    if (close(fd) != 0 && errno != EINTR) {
+        HOST_FAIL(errno);
+        return 0;
+    }
+    return 1;
+}
+
+// ---- Error state --------------------------------------------------------------------------------
+
+namespace {
+
+struct ErrorState {
+    int code = 0;
+    char file[256] = "";  // a fixed size: recording must work when memory has run out
+    int line = 0;
+};
+
+thread_local ErrorState errorState;
+
+}  // namespace
+
+void TLIBCErrSetEx(int code, const char* file, int line) {
+    errorState.code = code;
+    errorState.line = line;
+    // Of a path too long, the end tells more. It may be the recorded text itself.
+    const char* const text = file == nullptr ? "" : file;
+    const std::size_t length = strlen(text);
+    const std::size_t kept = std::min(length, sizeof errorState.file - 1);
+    memmove(errorState.file, text + (length - kept), kept);
+    errorState.file[kept] = '\0';
+}
+
+int TLIBCErrGet() {
+    return errorState.code;
+}
+
+const char* TLIBCErrorGetFile() {
+    return errorState.file;
+}
+
+int TLIBCErrorGetLine() {
+    return errorState.line;
+}
