@@ -1,0 +1,203 @@
+/// tarnfw base: the chains and jumps that the library expects to find, and a first profile.
+#include <ctime>
+#include <fstream>
+#include <iostream>
+#include <memory>
+
+#include <glob.h>
+#include <json/json.h>
+
+#include "tarncore.h"
+#include "tarnsdk.h"
+
+#include "tarnfirewall/fwDB.h"
+#include "tarnfirewall/utils.h"
+
+#include "baseFilter.h"
+#include "commands.h"
+
+namespace tarnfw {
+namespace {
+
+// What was added, so that no more than that is taken away. A reboot empties /run and the kernel.
+constexpr char kRunDir[] = "/run/tarn";
+constexpr char kRecordFile[] = "/run/tarn/base_filter.json";
+constexpr char kLockFile[] = "/run/tarn/base_filter.lock";
+constexpr int kLockSeconds = 30;
+
+constexpr char kProfileDir[] = "/usr/tarn/etc/firewall.d/";
+constexpr char kFirstProfile[] = "/usr/tarn/etc.defaults/firewall_default_profile.json";
+
+/// Keeps two calls of this tool apart.
+class BaseLock {
+public:
+    BaseLock() {
+        if (TLIBCFileLockTimeByFile(kLockFile, 1, kLockSeconds, &fd_) != 1) {
+            throw CommandFailed(std::string("cannot lock ") + kLockFile);
+        }
+    }
+    ~BaseLock() { (void)TLIBCFileUnlockByFile(fd_); }
+    BaseLock(const BaseLock&) = delete;
+    BaseLock& operator=(const BaseLock&) = delete;
+
+private:
+    int fd_ = -1;
+};
+
+void makeDirectory(const char* path) {
+    if (TARNFSMkdirP(path, nullptr, 1, 0, 0, 0755) < 0) {
+        throw CommandFailed(std::string("cannot make the directory ") + path);
+    }
+}
+
+// ---- The record of what was added ----
+
+Json::Value recordLoad() {
+    Json::Value record(Json::objectValue);
+    if (TLIBCFileExist(kRecordFile) == 1 && !FW::jsonFileLoad(record, kRecordFile)) {
+        throw CommandFailed(std::string("cannot read ") + kRecordFile);
+    }
+    return record;
+}
+
+void recordStore(const Json::Value& record) {
+    if (!FW::jsonFileDump(record, kRecordFile)) {
+        throw CommandFailed(std::string("cannot write ") + kRecordFile);
+    }
+}
+
+void addToRecord(Json::Value& family, const BaseParts& parts) {
+    for (const std::string& chain : parts.chains) {
+        family["chains"].append(chain);
+    }
+    for (const auto& [chain, target] : parts.jumps) {
+        Json::Value jump;
+        jump.append(chain);
+        jump.append(target);
+        family["jumps"].append(jump);
+    }
+}
+
+BaseParts recordedParts(const Json::Value& family) {
+    BaseParts parts;
+    for (const Json::Value& chain : family["chains"]) {
+        parts.chains.push_back(chain.asString());
+    }
+    for (const Json::Value& jump : family["jumps"]) {
+        parts.jumps.emplace_back(jump[0U].asString(), jump[1U].asString());
+    }
+    return parts;
+}
+
+// ---- The first profile ----
+
+struct GlobFree {
+    void operator()(glob_t* paths) const {
+        globfree(paths);
+        delete paths;
+    }
+};
+
+bool directoryHasDocuments() {
+    const std::unique_ptr<glob_t, GlobFree> paths(new glob_t{});
+    return glob((std::string(kProfileDir) + "*.json").c_str(), 0, nullptr, paths.get()) == 0;
+}
+
+bool storeHasProfile() {
+    // The store takes a directory without documents for a failure and would log one.
+    Json::Value index;
+    return directoryHasDocuments() && FW::TARNFW_JSON_DB().profileMetaCreate(index) &&
+           !index.empty();
+}
+
+/// Writes the first profile where there is none. Not through the store: its generator of file names
+/// needs a profile to compare with, and would not return.
+void writeFirstProfile() {
+    makeDirectory(kProfileDir);
+    if (storeHasProfile()) {
+        return;
+    }
+    Json::Value document;
+    if (!FW::jsonFileLoad(document, kFirstProfile)) {
+        throw CommandFailed(std::string("cannot read the first profile from ") + kFirstProfile);
+    }
+    std::string path;
+    for (std::time_t number = std::time(nullptr); path.empty(); ++number) {
+        const std::string candidate = kProfileDir + std::to_string(number) + ".json";
+        if (TLIBCFileExist(candidate.c_str()) != 1) {
+            path = candidate;
+        }
+    }
+    if (!FW::jsonFileDump(document, path)) {
+        throw CommandFailed("cannot write the first profile to " + path);
+    }
+    std::cout << "Profile \"" << document["name"].asString() << "\" written to " << path << '\n';
+}
+
+// ---- Commands ----
+
+void baseUp() {
+    requireRoot();
+    makeDirectory(kRunDir);
+    const BaseLock lock;
+    for (const BaseFilter& filter : baseFilters()) {
+        const BaseParts parts = filter.missing();
+        if (!parts.empty()) {
+            // Recorded first: an interrupted call leaves nothing that "base down" does not know.
+            Json::Value record = recordLoad();
+            addToRecord(record[filter.key()], parts);
+            recordStore(record);
+            filter.add(parts);
+        }
+        std::cout << filter.title() << ": added " << describe(parts) << '\n';
+    }
+    writeFirstProfile();
+}
+
+void baseDown() {
+    requireRoot();
+    makeDirectory(kRunDir);
+    const BaseLock lock;
+    if (firewallEnabled()) {
+        std::cerr << "tarnfw: the firewall is still enabled in the settings, and filters nothing "
+                     "from now on\n";
+    }
+    Json::Value record = recordLoad();
+    for (const BaseFilter& filter : baseFilters()) {
+        const BaseParts parts = recordedParts(record[filter.key()]);
+        filter.remove(parts);
+        record.removeMember(filter.key());
+        recordStore(record);
+        std::cout << filter.title() << ": took away " << describe(parts) << '\n';
+    }
+}
+
+void baseStatus() {
+    for (const BaseFilter& filter : baseFilters()) {
+        const BaseParts parts = filter.missing();
+        std::cout << filter.title() << ": "
+                  << (parts.empty() ? "set up" : "missing: " + describe(parts)) << '\n';
+    }
+}
+
+}  // namespace
+
+void addBaseCommands(CLI::App& app) {
+    CLI::App* const base = app.add_subcommand(
+        "base",
+        "The chains that the firewall fills, on a machine that does not set them up itself");
+    base->require_subcommand(1);
+    base->add_subcommand(
+            "up",
+            "Add what is missing of the chains INPUT_FIREWALL, FORWARD_FIREWALL and "
+            "FIREWALL_RELOADING and of the jumps to them, for IPv4 and IPv6, and write "
+            "a first profile where there is none")
+        ->callback(baseUp);
+    base->add_subcommand("down",
+                         "Take away the chains and jumps that \"base up\" added, and nothing else; "
+                         "profiles stay")
+        ->callback(baseDown);
+    base->add_subcommand("status", "Say what is there and what is missing")->callback(baseStatus);
+}
+
+}  // namespace tarnfw

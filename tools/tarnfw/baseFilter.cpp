@@ -1,0 +1,183 @@
+#include "baseFilter.h"
+
+#include <stdio.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "tarncore.h"
+
+#include "commands.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr char kReloadingChain[] = "FIREWALL_RELOADING";
+
+/// The base filter whole. The order is that of adding; jumps are listed in the order in which
+/// packets meet them.
+const BaseParts& wholeBase() {
+    static const BaseParts base = {
+        {kReloadingChain, "INPUT_FIREWALL", "FORWARD_FIREWALL"},
+        {{"INPUT", kReloadingChain},
+         {"INPUT", "INPUT_FIREWALL"},
+         {"FORWARD", kReloadingChain},
+         {"FORWARD", "FORWARD_FIREWALL"}},
+    };
+    return base;
+}
+
+bool contains(const std::vector<std::string>& lines, const std::string& line) {
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+std::string chainLine(const std::string& chain) {
+    return "-N " + chain;
+}
+
+std::string jumpLine(const std::pair<std::string, std::string>& jump) {
+    return "-A " + jump.first + " -j " + jump.second;
+}
+
+/// The position, counted from 1, of a rule among those of its chain; 0 when it is not there.
+int positionOf(const std::vector<std::string>& lines, const std::string& chain,
+               const std::string& line) {
+    int position = 0;
+    for (const std::string& candidate : lines) {
+        if (candidate.rfind("-A " + chain + " ", 0) != 0) {
+            continue;
+        }
+        ++position;
+        if (candidate == line) {
+            return position;
+        }
+    }
+    return 0;
+}
+
+struct LineFree {
+    void operator()(char* line) const { free(line); }
+};
+
+/// The lines of a stream, without their line feeds.
+std::vector<std::string> linesOf(FILE* stream) {
+    std::vector<std::string> lines;
+    char* buffer = nullptr;
+    std::size_t capacity = 0;
+    for (;;) {
+        const ssize_t length = getline(&buffer, &capacity, stream);
+        if (length < 0) {
+            break;
+        }
+        std::string line(buffer, static_cast<std::size_t>(length));
+        if (line.back() == '\n') {
+            line.pop_back();
+        }
+        lines.push_back(std::move(line));
+    }
+    const std::unique_ptr<char, LineFree> owned(buffer);
+    return lines;
+}
+
+}  // namespace
+
+BaseFilter::BaseFilter(std::string key)
+    : key_(std::move(key)), tool_(key_ == "v4" ? "/sbin/iptables" : "/sbin/ip6tables") {}
+
+std::string BaseFilter::title() const {
+    return key_ == "v4" ? "IPv4" : "IPv6";
+}
+
+BaseParts BaseFilter::missing() const {
+    const std::vector<std::string> lines = rules();
+    BaseParts parts;
+    for (const std::string& chain : wholeBase().chains) {
+        if (!contains(lines, chainLine(chain))) {
+            parts.chains.push_back(chain);
+        }
+    }
+    for (const auto& jump : wholeBase().jumps) {
+        if (!contains(lines, jumpLine(jump))) {
+            parts.jumps.push_back(jump);
+        }
+    }
+    return parts;
+}
+
+void BaseFilter::add(const BaseParts& parts) const {
+    for (const std::string& chain : parts.chains) {
+        run({"-N", chain});
+    }
+    for (const auto& [chain, target] : parts.jumps) {
+        // Ahead of what others filter; a jump to a firewall chain goes behind FIREWALL_RELOADING's,
+        // whose absence counts as position 0.
+        const int position =
+            target == kReloadingChain
+                ? 1
+                : positionOf(rules(), chain, jumpLine({chain, kReloadingChain})) + 1;
+        run({"-I", chain, std::to_string(position), "-j", target});
+    }
+}
+
+void BaseFilter::remove(const BaseParts& parts) const {
+    const std::vector<std::string> lines = rules();
+    for (const auto& jump : parts.jumps) {
+        if (contains(lines, jumpLine(jump))) {
+            run({"-D", jump.first, "-j", jump.second});
+        }
+    }
+    for (const std::string& chain : parts.chains) {
+        if (contains(lines, chainLine(chain))) {
+            run({"-F", chain});
+            run({"-X", chain});
+        }
+    }
+}
+
+/// The filter table's rules as the tool lists them.
+std::vector<std::string> BaseFilter::rules() const {
+    FILE* const stream =
+        TLIBCPopen(tool_.c_str(), "r", "-t", "filter", "-S", static_cast<const char*>(nullptr));
+    if (stream == nullptr) {
+        throw CommandFailed("cannot run " + tool_);
+    }
+    std::vector<std::string> lines = linesOf(stream);
+    if (TLIBCPclose(stream) != 0) {
+        throw CommandFailed(tool_ + " cannot list the filter table");
+    }
+    return lines;
+}
+
+void BaseFilter::run(const std::vector<std::string>& arguments) const {
+    std::vector<const char*> argv = {tool_.c_str(), "-t", "filter"};
+    std::string line = tool_ + " -t filter";
+    for (const std::string& argument : arguments) {
+        argv.push_back(argument.c_str());
+        line += " " + argument;
+    }
+    argv.push_back(nullptr);
+    if (TLIBCExecv(tool_.c_str(), argv.data(), 1) != 0) {
+        throw CommandFailed("this command failed: " + line);
+    }
+}
+
+std::vector<BaseFilter> baseFilters() {
+    return {BaseFilter("v4"), BaseFilter("v6")};
+}
+
+std::string describe(const BaseParts& parts) {
+    if (parts.empty()) {
+        return "nothing";
+    }
+    std::string text;
+    for (const std::string& chain : parts.chains) {
+        text += (text.empty() ? "chains " : ", ") + chain;
+    }
+    std::string jumps;
+    for (const auto& [chain, target] : parts.jumps) {
+        jumps += (jumps.empty() ? "jumps " : ", ") + chain + " -> " + target;
+    }
+    return text + (text.empty() || jumps.empty() ? "" : "; ") + jumps;
+}
+
+}  // namespace tarnfw

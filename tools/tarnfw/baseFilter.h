@@ -1,0 +1,52 @@
+/// The base packet filter: the chains that the library fills, and the jumps that lead to them. A
+/// storage OS sets them up by itself; on an ordinary Linux this does.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tarnfw {
+
+/// Chains and jumps of one family, present or missing, wanted or added.
+struct BaseParts {
+    std::vector<std::string> chains;                         ///< "INPUT_FIREWALL"
+    std::vector<std::pair<std::string, std::string>> jumps;  ///< {"INPUT", "INPUT_FIREWALL"}
+
+    bool empty() const { return chains.empty() && jumps.empty(); }
+};
+
+/// The base filter of one address family. Reads the kernel anew at every call and changes it
+/// through the family's tool. Failures throw CommandFailed.
+class BaseFilter {
+public:
+    /// `key` is "v4" or "v6".
+    explicit BaseFilter(std::string key);
+
+    const std::string& key() const { return key_; }
+    std::string title() const;  ///< "IPv4" or "IPv6"
+
+    /// What the kernel lacks of the base filter.
+    BaseParts missing() const;
+
+    /// Adds `parts`: chains, then jumps, at the head of their chain and FIREWALL_RELOADING's first.
+    void add(const BaseParts& parts) const;
+
+    /// Takes away those of `parts` that are there: jumps, then chains with what is in them.
+    void remove(const BaseParts& parts) const;
+
+private:
+    std::vector<std::string> rules() const;
+    void run(const std::vector<std::string>& arguments) const;
+
+    std::string key_;
+    std::string tool_;
+};
+
+/// Both families, IPv4 first.
+std::vector<BaseFilter> baseFilters();
+
+/// "chains A, B; jumps C -> D", or "nothing".
+std::string describe(const BaseParts& parts);
+
+}  // namespace tarnfw

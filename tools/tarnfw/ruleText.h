@@ -1,0 +1,16 @@
+/// Rules in plain words.
+#pragma once
+
+#include <string>
+
+#include "tarnfirewall/fwTypes.h"
+
+namespace tarnfw {
+
+/// "allow", "deny", "no default", or "unknown policy 7".
+std::string policyText(FW::FW_POLICY policy);
+
+/// "deny tcp 22,6000-6010 from 192.168.1.0/255.255.255.0, logged (IPv4)".
+std::string ruleText(const FW::FWRULE& rule);
+
+}  // namespace tarnfw
