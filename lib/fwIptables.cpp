@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <utility>
 
+#include <boost/algorithm/string/join.hpp>
 #include <boost/lexical_cast.hpp>
 
 #include "tarncore.h"
@@ -101,23 +102,12 @@ std::string entryAt(const std::vector<std::string>& list, std::size_t index) {
     return index < list.size() ? list[index] : std::string();
 }
 
-std::string joined(const std::vector<std::string>& texts, char separator) {
-    std::string line;
-    for (const std::string& text : texts) {
-        if (!line.empty()) {
-            line += separator;
-        }
-        line += text;
-    }
-    return line;
-}
-
 /// Appends the match of those countries that the family has data for; no entry without any.
 void appendCountries(const FWRULE& rule, const char* prefix, const Family& family,
                      Json::Value& fragments) {
     std::vector<std::string> usable;
     if (FW_GEOIP().geoipSanctify(rule.ipList, family.ipv6, usable)) {
-        fragments.append(prefix + joined(usable, ','));
+        fragments.append(prefix + boost::join(usable, ","));
     }
 }
 

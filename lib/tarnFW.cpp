@@ -150,7 +150,7 @@ public:
         : held_(TLIBCFileLockTimeByFile(kExecLockPath, kLockExclusive, kExecLockSeconds, &fd_) !=
                 0) {}
     ~ExecLock() {
-        if (fd_ >= 0 && TLIBCFileUnlockByFile(fd_) == 0) {
+        if (held_ && fd_ >= 0 && TLIBCFileUnlockByFile(fd_) == 0) {
             FW_LOG_ERR("Failed to unlock");
         }
     }

@@ -109,6 +109,8 @@ bool jsonFileLoad(Json::Value& value, const std::string& path) {
         parsed = Json::Reader().parse(file, value, /*collectComments=*/true);
     } catch (const Json::Exception&) {
         // The reader returns false for wrong text, but raises for text nested too deeply.
+    } catch (const std::ios_base::failure&) {
+        // The stream of a directory can be opened and raises when it is read.
     }
     if (!parsed) {
         FW_LOG_ERR("Failed to parse Json value of %s", path.c_str());

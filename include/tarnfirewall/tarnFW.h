@@ -105,15 +105,18 @@ public:
     /// Translates the stored profile `profile` into the command document `cmds`.
     bool fwIptablesRulesEnum(std::string profile, Json::Value& cmds, bool acceptEstablished);
 
-    /// The same without the line for established connections, and with `localIp` as in
-    /// fwRulesToIptablesRules(). Pass a std::string: a literal is taken for the flag above.
+    /// The same without the line for established connections. `localIp`, handed on to
+    /// fwRulesToIptablesRules(), would be excepted from that line and so has no effect of its own;
+    /// one that is no address makes the translation fail.
+    /// Pass a std::string: a literal is taken for the flag above.
     bool fwIptablesRulesEnum(std::string profile, Json::Value& cmds, const std::string& localIp);
 
     /// Applies the test profile of `name` for a trial: its rules are in the kernel afterwards,
     /// while the settings still name the active profile, to which a reload returns. Packets of
-    /// established connections pass only by its rules; pass a `localIp`, and they do, except from
-    /// that address. On failure as fwReload(), except that chains that cannot be flushed end it.
-    /// Takes no lock: the caller keeps trials and reloads apart.
+    /// established connections pass only where its rules let them, so that the trial shows what
+    /// they do. `localIp` is handed to fwIptablesRulesEnum() unless it is empty. On failure as
+    /// fwReload(), except that chains that cannot be flushed end it. Takes no lock: the caller
+    /// keeps trials and reloads apart.
     bool TestApplyingProfile(std::string name, const std::string& localIp);
 
     /// The same with an empty `localIp`.

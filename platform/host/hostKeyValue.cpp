@@ -1,13 +1,13 @@
 #include "hostKeyValue.h"
 
 #include <fcntl.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "hostCall.h"
@@ -197,7 +197,7 @@ int fill(const Descriptor& file, const std::string& content, const Ownership& ow
 
 int replaceFile(const std::string& path, const std::string& content, const Ownership& ownership) {
     std::string temporary = path + kTemporary;
-    const Descriptor file(mkostemp(&temporary[0], O_CLOEXEC));  // exclusive: follows no link
+    const Descriptor file(mkostemp(temporary.data(), O_CLOEXEC));  // exclusive: follows no link
     if (!file) {
         return errno;
     }

@@ -199,8 +199,11 @@ void readServices(const std::string& document, Services& services,
         if (readService(root.isArray() ? root[i] : root, name, service, reason)) {
             services[name] = std::move(service);
         } else {
-            report("service " + std::to_string(i + 1) + (name.empty() ? "" : " (" + name + ")") +
-                   " left out: " + reason);
+            std::string text = "service " + std::to_string(i + 1);
+            if (!name.empty()) {
+                text.append(" (").append(name).append(")");
+            }
+            report(text.append(" left out: ").append(reason));
         }
     }
 }

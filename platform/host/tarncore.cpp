@@ -1,9 +1,6 @@
 #include "tarncore.h"
 
 #include <fcntl.h>
-#include <stdarg.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,10 +8,12 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <optional>
 #include <string>
 #include <thread>

@@ -2,13 +2,13 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <optional>
@@ -295,7 +295,8 @@ bool runHook(const host::Descriptor& file, const std::string& path, const char* 
     program.argv = argv;
     program.file = file.get();  // the very file that was checked, whatever bears its name by now
     for (const auto& [key, value] : context.arguments) {
-        program.environment.push_back(key + '=' + value);
+        std::string& variable = program.environment.emplace_back(key);
+        variable.append("=").append(value);
     }
     pid_t pid = -1;
     if (const int error = host::startProgram(program, pid)) {

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <memory>
 
+#include <boost/algorithm/string/join.hpp>
+
 #include "tarncore.h"
 
 #include "commands.h"
@@ -166,18 +168,18 @@ std::vector<BaseFilter> baseFilters() {
 }
 
 std::string describe(const BaseParts& parts) {
-    if (parts.empty()) {
-        return "nothing";
-    }
-    std::string text;
-    for (const std::string& chain : parts.chains) {
-        text += (text.empty() ? "chains " : ", ") + chain;
-    }
-    std::string jumps;
+    std::vector<std::string> jumps;
     for (const auto& [chain, target] : parts.jumps) {
-        jumps += (jumps.empty() ? "jumps " : ", ") + chain + " -> " + target;
+        jumps.push_back(chain + " -> " + target);
     }
-    return text + (text.empty() || jumps.empty() ? "" : "; ") + jumps;
+    std::vector<std::string> kinds;
+    if (!parts.chains.empty()) {
+        kinds.push_back("chains " + boost::join(parts.chains, ", "));
+    }
+    if (!jumps.empty()) {
+        kinds.push_back("jumps " + boost::join(jumps, ", "));
+    }
+    return kinds.empty() ? "nothing" : boost::join(kinds, "; ");
 }
 
 }  // namespace tarnfw
