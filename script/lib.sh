@@ -1,0 +1,33 @@
+# shellcheck shell=bash disable=SC2034
+# What script/test and script/demo share. Sourced; the working directory is the checkout.
+
+# Of Debian 12: the tools that build and check, the libraries, and what runs in the sandbox. netbase
+# has the names of the protocols that iptables reads and prints.
+readonly kPackages=(
+    g++ clang clang-format clang-tidy cmake ninja-build pkg-config
+    libboost-dev libcli11-dev libgmock-dev libgtest-dev libjsoncpp-dev libkmod-dev
+    iproute2 iptables netbase procps python3-jsonschema util-linux
+)
+
+# install_missing PACKAGE...: nothing happens when all are there.
+install_missing() {
+    local package missing=()
+    if ! command -v dpkg-query >/dev/null; then
+        printf 'Not a Debian system: taking for granted what these packages have: %s\n' "$*"
+        return
+    fi
+    for package; do
+        if [[ $(dpkg-query --show --showformat='${db:Status-Status}' "$package" 2>/dev/null) != \
+            installed ]]; then
+            missing+=("$package")
+        fi
+    done
+    ((${#missing[@]} > 0)) || return 0
+    if ((EUID != 0)); then
+        printf 'Missing packages: %s\nInstall them, or run this as root.\n' "${missing[*]}" >&2
+        exit 1
+    fi
+    printf 'Installing: %s\n' "${missing[*]}"
+    apt-get update -q
+    DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends "${missing[@]}"
+}

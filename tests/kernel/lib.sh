@@ -1,0 +1,235 @@
+# shellcheck shell=bash
+# shellcheck disable=SC2154  # build, out and variant are the caller's
+# What tests/kernel/run and the scripts in scripts/ share. Sourced, inside the sandbox; expects
+#   build     the build directory          out       the directory for this test's listings
+#   checkout  the top of the checkout      variant   nft or legacy
+
+readonly kProfileDirectory=/usr/tarn/etc/firewall.d
+readonly kSettings=$kProfileDirectory/firewall_settings.json
+readonly kClients=lan # the network that the clients are in
+
+networks=() # the network namespaces besides the machine's own
+router=no   # whether the machine forwards between them
+
+fail() {
+    printf 'FAILED: %s\n' "$*" >&2
+    exit 1
+}
+
+tarnfw() {
+    "$build/tools/tarnfw/tarnfw" "$@"
+}
+
+# in_network NETWORK COMMAND...: runs it in that network namespace.
+in_network() {
+    nsenter --net="/run/netns/$1" -- "${@:2}"
+}
+
+# step TEXT COMMAND...: says what happens, and ends the test when it fails.
+step() {
+    local text=$1
+    shift
+    printf -- '-- %s\n' "$text"
+    "$@" || fail "$text"
+}
+
+# refuses TEXT COMMAND...: the same for a command that must fail.
+refuses() {
+    local text=$1
+    shift
+    printf -- '-- %s\n' "$text"
+    if "$@"; then
+        fail "$text"
+    fi
+}
+
+# add_addresses RUNNER LINK ADDRESS/LENGTH...: RUNNER is what stands before "ip", or nothing.
+add_addresses() {
+    local runner link=$2 address flags
+    read -r -a runner <<<"$1"
+    shift 2
+    for address; do
+        flags=()
+        # Without this an IPv6 address cannot be used until a second has passed.
+        [[ $address != *:* ]] || flags=(nodad)
+        "${runner[@]}" ip address add "$address" dev "$link" "${flags[@]}"
+    done
+    "${runner[@]}" ip link set "$link" up
+}
+
+# await_carrier SHOW...: until the link shown is up. The kernel brings the two ends of a veth up in the
+# background and drops what is sent before; a dropped first packet would cost a second.
+await_carrier() {
+    until [[ $("$@") == *'state UP'* ]]; do
+        :
+    done
+}
+
+# make_link veth NAME ADDRESS/LENGTH... NETWORK ADDRESS/LENGTH...
+# make_link tun NAME ADDRESS/LENGTH...
+# Adds a link of this machine. A veth's other end is in the namespace NETWORK and has the addresses
+# that follow it.
+make_link() {
+    local kind=$1 name=$2 near=() network=''
+    shift 2
+    while (($# > 0)) && [[ $1 == */* ]]; do
+        near+=("$1")
+        shift
+    done
+    case $kind in
+    veth)
+        network=$1
+        shift
+        if [[ " ${networks[*]} " != *" $network "* ]]; then
+            networks+=("$network")
+            ip netns add "$network"
+            in_network "$network" ip link set lo up
+        fi
+        ip link add "$name" type veth peer name "far-$name" netns "$network"
+        add_addresses "in_network $network" "far-$name" "$@"
+        ;;
+    tun) ip tuntap add "$name" mode tun ;;
+    *) fail "no such kind of link: $kind" ;;
+    esac
+    add_addresses '' "$name" "${near[@]}"
+    if [[ $kind == veth ]]; then
+        await_carrier ip link show "$name"
+        await_carrier in_network "$network" ip link show "far-$name"
+    fi
+    if [[ $router == yes && -n $network ]]; then
+        add_default_routes "$network" "${near[@]}"
+    fi
+}
+
+add_default_routes() {
+    local network=$1 address
+    shift
+    for address; do
+        in_network "$network" ip route add default via "${address%/*}"
+    done
+}
+
+# make_links: one make_link for each line read. A first line "router" makes this machine forward.
+make_links() {
+    local words
+    while read -r -a words; do
+        case ${words[0]-} in
+        '' | \#*) ;;
+        router)
+            router=yes
+            echo 1 >/proc/sys/net/ipv4/ip_forward
+            echo 1 >/proc/sys/net/ipv6/conf/all/forwarding
+            # A router asks for its neighbours from link-local addresses: use these at once too.
+            echo 0 >/proc/sys/net/ipv6/conf/default/accept_dad
+            ;;
+        *) make_link "${words[@]}" ;;
+        esac
+    done
+}
+
+# listing v4|v6: the filter table as the kernel holds it.
+listing() {
+    case $1 in
+    v4) iptables -S ;;
+    v6) ip6tables -S ;;
+    esac
+}
+
+# keep_listing NAME: the filter table of both families, kept as NAME.v4 and NAME.v6.
+keep_listing() {
+    listing v4 >"$out/$1.v4"
+    listing v6 >"$out/$1.v6"
+}
+
+# same_listing NAME: fails, and shows how, when the filter table is not as it was kept.
+same_listing() {
+    keep_listing now
+    diff -u "$out/$1.v4" "$out/now.v4" && diff -u "$out/$1.v6" "$out/now.v6"
+}
+
+# serve KIND/NUMBER...: answers on these ports until the test ends, on the machine and in every
+# network but the clients'.
+serve() {
+    local network ready
+    for network in '' "${networks[@]}"; do
+        [[ $network != "$kClients" ]] || continue
+        exec {ready}< <(
+            exec ${network:+nsenter --net="/run/netns/$network" --} \
+                "$build/tests/kernel/packet_probe" serve "$@"
+        )
+        [[ $(head -n 1 <&"$ready") == ready ]] || fail "cannot serve $*"
+    done
+}
+
+# check_packets: sends the probes read, as the clients.
+check_packets() {
+    in_network "$kClients" "$build/tests/kernel/packet_probe" check
+}
+
+# activate PROFILE: the active profile of the settings, whether or not it exists.
+activate() {
+    printf '{"status": false, "profile": "%s"}\n' "$1" >"$kSettings"
+}
+
+# use_profile NAME: stores the profile of that case and makes it the active one.
+use_profile() {
+    local profile=$1
+    cp -- "$checkout/tests/kernel/cases/$profile/profile.json" "$kProfileDirectory/$profile.json"
+    activate "$profile"
+}
+
+# policies_accept: whether the built-in chains of both families let everything through.
+policies_accept() {
+    ! { listing v4 && listing v6; } | grep -- '^-P .* DROP'
+}
+
+# --- a reload, step by step ------------------------------------------------------------------------
+
+readonly kCommands=/tmp/commands # each change run: the caller's process, the tool, its arguments
+readonly kPauseAt=/tmp/pause_at  # a pattern: the next command like it waits
+readonly kPaused=/tmp/paused     # read to wait until it does
+readonly kResume=/tmp/resume     # written to let it go on
+
+# Puts a wrapper in the place of iptables and ip6tables that keeps what changes the filter, and waits
+# when told.
+wrap_iptables() {
+    local program=/usr/sbin/xtables-$variant-multi
+    mkdir /tmp/wrapped
+    cp -- "$program" /tmp/wrapped/iptables
+    cp -- "$program" /tmp/wrapped/ip6tables
+    mkfifo "$kPaused" "$kResume"
+    : >"$kCommands"
+    cat >/tmp/wrapper <<END
+#!/bin/sh
+command="\${0##*/} \$*"
+case \$command in
+*' -S'*) ;;
+*) echo "\$PPID \$command" >>$kCommands ;;
+esac
+if [ -e $kPauseAt ]; then
+    case \$command in
+    \$(cat $kPauseAt))
+        rm $kPauseAt
+        echo >$kPaused
+        read -r _ <$kResume
+        ;;
+    esac
+fi
+exec "/tmp/wrapped/\${0##*/}" "\$@"
+END
+    chmod +x /tmp/wrapper
+    mount --bind /tmp/wrapper "$program"
+}
+
+# pause_at PATTERN: where the next reload is to stop, such as "iptables -F *".
+pause_at() {
+    printf '%s' "$1" >"$kPauseAt"
+}
+
+await_pause() {
+    read -r _ <"$kPaused"
+}
+
+resume() {
+    echo >"$kResume"
+}

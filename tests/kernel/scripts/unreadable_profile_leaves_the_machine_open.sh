@@ -1,0 +1,24 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# A reload that cannot read the active profile fails, and leaves accepting policies and empty chains:
+# never a machine that nobody can reach any more.
+make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
+tarnfw base up
+keep_listing base
+
+use_profile deny_by_default
+step 'the firewall is enabled' tarnfw enable
+sed -i 's/"deny_by_default"/"nowhere"/' "$kSettings"
+refuses 'a reload of a profile that does not exist' tarnfw reload
+step 'the chains are empty and the policies accept' same_listing base
+step 'the firewall still counts as enabled' grep --quiet '"status" : true' "$kSettings"
+
+use_profile deny_by_default
+step 'the firewall is enabled again' tarnfw enable
+sed -i 's/"protocol" : 1/"protocol" : "tcp"/' "$kProfileDirectory/deny_by_default.json"
+refuses 'a reload of a profile with a wrong type' tarnfw reload
+step 'the chains are empty and the policies accept' same_listing base
+
+printf '{ "name" : "deny_by_default", ' >"$kProfileDirectory/deny_by_default.json"
+refuses 'a reload of a profile cut short' tarnfw reload
+step 'the chains are empty and the policies accept' same_listing base
+step 'the firewall can be disabled' tarnfw disable
