@@ -8,6 +8,8 @@
 #include <ctime>
 #include <utility>
 
+// Numbers as text, without the thousands separators of a program's locale.
+#define BOOST_LEXICAL_CAST_ASSUME_C_LOCALE
 #include <boost/lexical_cast.hpp>
 
 #include "tarncore.h"
@@ -15,6 +17,7 @@
 #include "tarnfirewall/tarnFW.h"
 #include "tarnfirewall/utils.h"
 
+#include "fwCodes.h"
 #include "fwLog.h"
 #include "fwPaths.h"
 
@@ -25,7 +28,6 @@ constexpr char kSource[] = "fwDB";
 
 constexpr char kProfilePattern[] = "/usr/tarn/etc/firewall.d/*.json";
 constexpr char kProfileExtension[] = ".json";
-constexpr char kGlobalAdapter[] = "global";
 
 constexpr char kExportProfiles[] = "config_profiles";
 constexpr char kExportSettings[] = "config_firewall_settings";
@@ -60,11 +62,6 @@ std::string fileStem(const std::string& path) {
 
 std::string pathOfStem(const std::string& stem) {
     return kFirewallDir + stem + kProfileExtension;
-}
-
-void logNoIndex() {
-    // One text for every operation that needs the index.
-    FW_LOG_ERR("Failed to create meta json from %s", kFirewallDir);
 }
 
 // ---- Rule and document ----
@@ -133,8 +130,8 @@ FWRULE jsonToRule(const Json::Value& in) {
     return rule;
 }
 
-/// A profile as profileSet() stores it: every adapter with rules has a default policy, and
-/// "global", where a default would decide for every interface, never has one.
+/// A profile as profileSet() stores it: every adapter with rules has a default policy, and that of
+/// "global", where any other would decide for every interface, is always "no target".
 FWPROFILE withDefaultPolicies(FWPROFILE profile) {
     for (const auto& [adapter, rules] : profile.rules) {
         profile.adapterPolicyMap.emplace(
@@ -175,7 +172,7 @@ bool TARNFW_JSON_DB::profileMetaCreate(Json::Value& meta) {
 std::string TARNFW_JSON_DB::profilePathGet(const std::string& name) {
     Json::Value meta;
     if (!profileMetaCreate(meta)) {
-        logNoIndex();
+        FW_LOG_ERR("Failed to create meta json from %s", kFirewallDir);
         return "";
     }
     return meta.isMember(name) ? pathOfStem(meta[name]["fileName"].asString()) : "";
@@ -210,7 +207,7 @@ bool TARNFW_JSON_DB::profileDbLoad(const std::string& name, Json::Value& out) {
 bool TARNFW_JSON_DB::profileDbDump(const std::string& name, const Json::Value& doc) {
     Json::Value meta;
     if (!profileMetaCreate(meta)) {
-        logNoIndex();
+        FW_LOG_ERR("Failed to create meta json from %s", kFirewallDir);
         return false;
     }
     const std::string path =
@@ -241,7 +238,7 @@ bool TARNFW_JSON_DB::profileExist(const std::string& name) {
 bool TARNFW_JSON_DB::profileEnum(std::vector<std::string>& names) {
     Json::Value meta;
     if (!profileMetaCreate(meta)) {
-        logNoIndex();
+        FW_LOG_ERR("Failed to create meta json from %s", kFirewallDir);
         return false;
     }
     for (const std::string& name : meta.getMemberNames()) {
@@ -253,13 +250,13 @@ bool TARNFW_JSON_DB::profileEnum(std::vector<std::string>& names) {
 bool TARNFW_JSON_DB::profileEnum(std::map<std::string, FWPROFILE>& profiles) {
     Json::Value meta;
     if (!profileMetaCreate(meta)) {
-        logNoIndex();
+        FW_LOG_ERR("Failed to create meta json from %s", kFirewallDir);
         return false;
     }
     for (const std::string& name : meta.getMemberNames()) {
         FWPROFILE profile;
         if (!profileGet(name, profile)) {
-            // The record's name, which is empty: profileGet() has named the profile already.
+            // The name of the record that failed, which is empty: the lines before it tell more.
             FW_LOG_ERR("Failed to profileDbLoad() [%s]", profile.name.c_str());
             return false;
         }
@@ -356,7 +353,7 @@ bool TARNFW_JSON_DB::exportConfig(Json::Value& out) {
     documents = Json::Value(Json::objectValue);
     Json::Value meta;
     if (!profileMetaCreate(meta)) {
-        logNoIndex();
+        FW_LOG_ERR("Failed to create meta json from %s", kFirewallDir);
         return false;
     }
     Json::Value settings;
@@ -393,7 +390,8 @@ bool TARNFW_JSON_DB::importConfig(const Json::Value& in) {
 
     Json::Value meta;
     if (!profileMetaCreate(meta)) {
-        logNoIndex();  // no failure: there is nothing to delete
+        FW_LOG_ERR("Failed to create meta json from %s",
+                   kFirewallDir);  // no failure: there is nothing to delete
     }
     for (const std::string& name : meta.getMemberNames()) {
         if (!profileDelete(name)) {

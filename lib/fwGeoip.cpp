@@ -22,8 +22,7 @@ constexpr std::size_t kRecordBytesV6 = 32;
 constexpr std::size_t kTextBytes = 64;
 constexpr std::size_t kPathBytes = 1024;
 
-// One threshold for both families: an ".iv6" file too short for a record still counts, as it does
-// for the tools that write the database.
+// One threshold for both families: an ".iv6" file too short for a record still counts.
 constexpr off_t kUsableBytes = 8;
 
 struct FileClose {

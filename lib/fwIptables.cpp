@@ -2,11 +2,15 @@
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 #include <boost/algorithm/string/join.hpp>
+// Numbers as text, without the thousands separators of a program's locale.
+#define BOOST_LEXICAL_CAST_ASSUME_C_LOCALE
 #include <boost/lexical_cast.hpp>
 
 #include "tarncore.h"
@@ -16,6 +20,7 @@
 #include "tarnfirewall/fwGeoip.h"
 
 #include "fwCatalogue.h"
+#include "fwCodes.h"
 #include "fwInterfaces.h"
 #include "fwLog.h"
 
@@ -24,11 +29,8 @@ namespace {
 
 constexpr char kSource[] = "fwIptables";
 
-// Adapters with a meaning of their own.
-constexpr char kGlobalAdapter[] = "global";
-constexpr char kPppoeAdapter[] = "pppoe";
-constexpr char kVpnAdapter[] = "vpn";
-// Reached through "pppoe" alone: as an adapter of its own it is skipped.
+// Never an adapter of its own: rules for it are those of "pppoe", or of "vpn" where PPPoE runs over
+// another interface.
 constexpr char kPppoeUsualInterface[] = "ppp0";
 constexpr std::size_t kPppoeNameBytes = 256;
 // A "tun" interface that belongs to the system, not to a VPN.
@@ -54,24 +56,6 @@ constexpr std::size_t kPortsPerMatch = 7;
 constexpr char kIcmpV4[] = "-p icmp ";
 constexpr char kIcmpV6[] = "-p icmpv6 ";
 constexpr char kIgmp[] = "-p igmp ";
-
-enum IpType : std::int32_t { kIpV4Only = 0, kIpV6Only = 1, kIpBoth = 2 };
-
-enum IpGroup : std::int32_t {
-    kIpSingle = 0,
-    kIpNetwork = 1,
-    kIpNone = 2,
-    kIpCountries = 3,
-    kIpRange = 4,
-    kIpAny = 5,
-};
-
-enum PortGroup : std::int32_t {
-    kPortServices = 0,
-    kPortCustom = 1,
-    kPortServicesReserved = 2,
-    kPortAny = 3,
-};
 
 /// One address family: its key in both documents, and how its countries are asked for.
 struct Family {
@@ -237,15 +221,16 @@ void appendFragment(std::string& line, const Json::Value& fragment) {
     }
 }
 
+// The loopback address by name as well: a platform may not count it among a host's addresses.
 bool isIpv4(const std::string& text) {
-    return BlTLIBIsIpAddr(text.c_str()) != 0;
+    return BlTLIBIsIpAddr(text.c_str()) != 0 || text == "127.0.0.1";
 }
 bool isIpv6(const std::string& text) {
     return BlTLIBIsv6IpAddrValid(text.c_str()) != 0;
 }
 
 bool isUsableLocalIp(const std::string& localIp) {
-    return localIp.empty() || isIpv4(localIp) || localIp == "127.0.0.1" || isIpv6(localIp);
+    return localIp.empty() || isIpv4(localIp) || isIpv6(localIp);
 }
 
 /// The line that lets established connections pass, except from `exceptedIp` unless it is empty.
@@ -568,7 +553,7 @@ void TARNFW_IPTABLES_RULES::pppoeAdaterGet() {
         FW_LOG_DEBUG("Failed to TARNPPPoeIntfGet()");
         return;
     }
-    pppoeInterface_ = name;
+    pppoeInterface_.assign(name, strnlen(name, sizeof(name)));
 }
 
 bool TARNFW_IPTABLES_RULES::adapterIsEnabled(const std::string& adapter) {

@@ -2,29 +2,26 @@
 
 #include <algorithm>
 
+#include "fwCodes.h"
+
 namespace FW {
 namespace {
 
-// Codes of `portGroup` 0 and 2 name services; the second one marks the rules that the system keeps.
-constexpr std::int32_t kPortGroupReserved = 2;
-constexpr std::int32_t kIpGroupAny = 5;
-constexpr std::int32_t kIpTypeBoth = 2;
-
 bool namesServices(const FWRULE& rule) {
-    return (rule.portGroup & ~kPortGroupReserved) == 0;
+    return (rule.portGroup & ~kPortServicesReserved) == kPortServices;
 }
 
 bool isReserved(const FWRULE& rule) {
-    return rule.portGroup == kPortGroupReserved && rule.ipGroup == kIpGroupAny;
+    return rule.portGroup == kPortServicesReserved && rule.ipGroup == kIpAny;
 }
 
 FWRULE reservedRule(const std::string& service, FW_POLICY policy) {
     FWRULE rule;
     rule.policy = policy;
     rule.name = "Service";
-    rule.ipType = kIpTypeBoth;
-    rule.ipGroup = kIpGroupAny;
-    rule.portGroup = kPortGroupReserved;
+    rule.ipType = kIpBoth;
+    rule.ipGroup = kIpAny;
+    rule.portGroup = kPortServicesReserved;
     rule.protocol = FW_PORT_PROTOCOL_TCP_UDP;
     rule.portList = {service};
     return rule;

@@ -14,8 +14,8 @@ namespace FW {
 
 /// Puts a service into the reserved rule of `adapter` with `policy`: into the rule at the head of
 /// the list when that is an enabled reserved rule with this policy, or else into a new one in
-/// front, after taking the service out of the other reserved rules. So a service is in one of them
-/// only, and the reserved rules stay ahead of the user's.
+/// front, after taking the service out of the other reserved rules. So reserved rules stay ahead of
+/// the user's, and the first of them that names a service is for what was asked last.
 void reserveService(std::map<std::string, std::vector<FWRULE>>& rules, const std::string& adapter,
                     const std::string& service, FW_POLICY policy);
 

@@ -99,8 +99,8 @@ constexpr FW_POLICY kSomeBlocked = FW_POLICY_DENY_SOME;
 
 // clang-format off
 
-// A rule for any address ends the list. In the first row its policy becomes the verdict, also one
-// that is neither allow nor deny; nextVerdict() sees to that.
+// A rule for any address ends the list. The first row is for the reader: nextVerdict() makes the
+// rule's policy the verdict there, whatever it is.
 constexpr VerdictStep kAnyAddress[4][3] = {
     //                 rule allows          rule denies          neither
     /* default    */ { stop(kAllowed),      stop(kBlocked),      stop(kUndecided) },

@@ -11,6 +11,7 @@
 #include "tarnfirewall/tarnIptablesModule.h"
 #include "tarnfirewall/utils.h"
 
+#include "fwCodes.h"
 #include "fwInterfaces.h"
 #include "fwLog.h"
 #include "fwPaths.h"
@@ -45,7 +46,7 @@ constexpr int kExecLockSeconds = 30;
 Json::Value documentOf(const std::array<const char*, 3>& lines) {
     Json::Value family;
     for (const char* const line : lines) {
-        family[kGlobalKey].append(line);
+        family[kGlobalAdapter].append(line);
     }
     Json::Value document;
     document["v4"] = family;
@@ -71,11 +72,11 @@ bool runLines(TARNFW& firewall, const std::string& tool, const Json::Value& line
 
 /// Runs the lines of one family, "global" first.
 bool runFamily(TARNFW& firewall, const std::string& tool, const Json::Value& family) {
-    if (family.isMember(kGlobalKey) && !runLines(firewall, tool, family[kGlobalKey])) {
+    if (family.isMember(kGlobalAdapter) && !runLines(firewall, tool, family[kGlobalAdapter])) {
         return false;
     }
     for (const std::string& adapter : family.getMemberNames()) {
-        if (adapter != kGlobalKey && !runLines(firewall, tool, family[adapter])) {
+        if (adapter != kGlobalAdapter && !runLines(firewall, tool, family[adapter])) {
             return false;
         }
     }
@@ -192,8 +193,8 @@ void acceptDespiteException(TARNFW& firewall) noexcept {
     }
 }
 
-/// Runs `apply` while the machine is closed to new connections, and reopens it whatever happens.
-/// The result is that of all three steps.
+/// Runs `apply` while the machine is closed to new connections, and once it is closed reopens it
+/// whatever comes. The result is that of all three steps.
 template <typename Apply>
 bool applyWhileClosed(TARNFW& firewall, Apply apply) {
     // A handler and not a guard's destructor: when nobody catches the exception, the process ends

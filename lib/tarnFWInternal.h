@@ -12,7 +12,6 @@ namespace FW {
 inline constexpr char kFirewallSource[] = "tarnFW";
 
 inline constexpr char kProfileKey[] = "profile";  // of the settings
-inline constexpr char kGlobalKey[] = "global";    // adapter, and first key of a command document
 
 /// The name under which the test profile of a profile is stored.
 inline std::string testProfileName(const std::string& name) {

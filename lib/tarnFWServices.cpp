@@ -7,6 +7,7 @@
 #include "tarnserviceconf.h"
 
 #include "fwCatalogue.h"
+#include "fwCodes.h"
 #include "fwServiceRules.h"
 #include "fwVerdict.h"
 #include "tarnFWInternal.h"
@@ -15,9 +16,6 @@ namespace FW {
 namespace {
 
 constexpr const char* kSource = kFirewallSource;
-
-// A rule for any address; every other code limits it to some.
-constexpr std::int32_t kIpGroupAny = 5;
 
 using Verdicts = std::map<std::string, FW_POLICY>;
 
@@ -32,8 +30,8 @@ bool anyEntryMatches(const PortCompareST& query, const FWRULE& rule,
 
 bool ruleMatches(TARNFW& firewall, const PortCompareST& query, const FWRULE& rule) {
     switch (rule.portGroup) {
-        case 0:
-        case 2: {
+        case kPortServices:
+        case kPortServicesReserved: {
             ServPort ports;
             if (!firewall.servToPorts(rule.portList, ports)) {
                 FW_LOG_ERR("Failed to servToPorts()");
@@ -43,10 +41,10 @@ bool ruleMatches(TARNFW& firewall, const PortCompareST& query, const FWRULE& rul
             return anyEntryMatches(query, rule, ports.srcPorts) ||
                    anyEntryMatches(query, rule, ports.dstPorts);
         }
-        case 1:
+        case kPortCustom:
             return portsMatch(query, rule.portDirect, rule.protocol, rule.portList,
                               rule.policy == FW_POLICY_DENY);
-        case 3:
+        case kPortAny:
             return true;
         default:
             return false;
@@ -64,14 +62,14 @@ void evaluateRules(TARNFW& firewall, const PortCompareST& query, const std::vect
         }
         blockingMatched = blockingMatched || rule.policy == FW_POLICY_DENY;
         FW_POLICY& verdict = verdicts[key];
-        const VerdictStep step = nextVerdict(verdict, rule.policy, rule.ipGroup == kIpGroupAny);
+        const VerdictStep step = nextVerdict(verdict, rule.policy, rule.ipGroup == kIpAny);
         verdict = step.verdict;
         if (!step.goesOn) {
             break;
         }
     }
     // Global rules that allow some addresses and block none leave the word to the adapters' own.
-    if (key == kGlobalKey && !blockingMatched) {
+    if (key == kGlobalAdapter && !blockingMatched) {
         const auto global = verdicts.find(key);
         if (global != verdicts.end() && global->second == FW_POLICY_ALLOW_SOME) {
             global->second = FW_POLICY_NONE;
@@ -98,12 +96,12 @@ std::vector<std::string> adaptersAsked(const FWPROFILE& profile, const std::stri
 /// Lets the rules of "global" decide. Returns whether they did, for every adapter asked about.
 bool decideGlobally(TARNFW& firewall, const PortCompareST& query, const FWPROFILE& profile,
                     const std::string& adapter, Verdicts& verdicts) {
-    const auto global = profile.rules.find(kGlobalKey);
+    const auto global = profile.rules.find(kGlobalAdapter);
     if (global == profile.rules.end()) {
         return false;
     }
-    evaluateRules(firewall, query, global->second, kGlobalKey, verdicts);
-    const FW_POLICY verdict = verdicts[kGlobalKey];
+    evaluateRules(firewall, query, global->second, kGlobalAdapter, verdicts);
+    const FW_POLICY verdict = verdicts[kGlobalAdapter];
     if (!isDecided(verdict)) {
         return false;
     }
@@ -195,7 +193,7 @@ bool TARNFW::fwPortIsBlocked(const PortCompareST& port, const std::string& adapt
         return false;
     }
 
-    result[kGlobalKey] = FW_POLICY_NONE;
+    result[kGlobalAdapter] = FW_POLICY_NONE;
     for (const std::string& asked : adaptersAsked(profile, adapter)) {
         const auto policy = profile.adapterPolicyMap.find(asked);
         if (policy != profile.adapterPolicyMap.end()) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/join.hpp>
@@ -108,8 +109,8 @@ void splitNames(const std::string& value, std::vector<std::string>& names) {
     boost::split(names, value, boost::is_any_of(" "));
 }
 
+/// Writes a service's record; the caller holds the lock.
 bool serviceRecordSet(const std::string& servName, const char* value) {
-    const ServiceRecordLock lock;
     if (TLIBCFileSetKeyValue(kServiceRecordFile, servName.c_str(), value, 0) < 0) {
         const PlatformError error;
         // File and service in each other's place: the text is part of the behaviour.
@@ -132,6 +133,7 @@ constexpr ModuleAction kRemove = {TLIBIptablesModRemove, "TLIBIptablesModRemove"
 
 bool runModuleAction(const ModuleAction& action, const std::string& servName,
                      const std::vector<std::string>& modules) {
+    std::optional<ServiceRecordLock> lock;  // taken after the modules, and given back last
     TextList list;
     if (!list.allocated()) {
         const PlatformError error;
@@ -148,6 +150,7 @@ bool runModuleAction(const ModuleAction& action, const std::string& servName,
         FW_LOG_ERR("Failed to %s()", action.runName);
         return false;
     }
+    lock.emplace();
     return serviceRecordSet(servName, action.recorded);
 }
 

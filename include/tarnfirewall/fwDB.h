@@ -43,7 +43,8 @@ public:
     bool profileDbLoad(const std::string& name, Json::Value& out);
 
     /// Writes `doc` over the file of profile `name`, or into a new file. Returns as jsonFileDump(),
-    /// or false, logged, without an index. Never returns for a new profile in a store without any.
+    /// or false, logged, without an index. Never returns for a new profile when no "*.json" file
+    /// holds one.
     bool profileDbDump(const std::string& name, const Json::Value& doc);
 
     /// Deletes the file of profile `name` and that file's lock file. Always true, also for a
@@ -59,8 +60,8 @@ public:
     /// Appends the names of all profiles, sorted, to `names`. False, logged, without an index.
     bool profileEnum(std::vector<std::string>& names);
 
-    /// Loads every profile into `profiles`, by name. Returns false at the first one that cannot be
-    /// loaded, logged; those loaded before it stay in the map.
+    /// Loads every profile into `profiles`, by name. Returns false, logged, without an index and at
+    /// the first one that cannot be loaded; those loaded before it stay in the map.
     bool profileEnum(std::map<std::string, FWPROFILE>& profiles);
 
     /// Loads profile `name`, adding to what `out` holds; pass a fresh record.
@@ -74,26 +75,31 @@ public:
     /// a new profile in a store without any.
     bool profileSet(const std::string& name, const FWPROFILE& profile);
 
-    /// Stores an empty profile. Returns false, logged, when `name` is taken or cannot be written.
-    /// Never returns in a store without any profile.
+    /// Stores an empty profile. Returns false, logged, when `name` is taken or cannot be written,
+    /// or without an index. Never returns when no "*.json" file of the store holds a profile.
     bool profileCreate(const std::string& name);
 
     /// Gives profile `oldName` the name `newName`, in its file and, when active, in the settings.
     /// Returns true when all of that is written.
     /// Logs what stopped it: `newName` taken, `oldName` missing, a failed read or write.
-    /// On failure nothing has changed, but a failed settings write leaves the file renamed.
+    /// On failure no profile has changed, but a failed settings write leaves the file renamed, and
+    /// so does the Json::Exception for a "profile" setting that is no text.
     bool profileRename(const std::string& oldName, const std::string& newName);
 
     /// Copies the whole configuration into `out`: "config_profiles", each profile's document under
-    /// the name of its file; "config_firewall_settings", the settings; "config_version", 1.
-    /// Returns false, logged, without an index, when the settings cannot be read, or when the
-    /// active profile cannot; another profile that cannot be read is logged and left out.
+    /// the name of its file; "config_firewall_settings", the settings (missing ones are written
+    /// with the defaults first); "config_version", 1. A file that the scan cannot load holds no
+    /// profile: it is logged and left out, even where it is the active profile's. Returns false,
+    /// logged, without an index, when the settings cannot be read, or when the active profile's
+    /// file is lost after the scan. Raises Json::Exception for a "profile" setting that is no text.
     bool exportConfig(Json::Value& out);
 
-    /// Replaces the whole configuration by that of an export, under the same file names. Nothing is
-    /// checked: a key of "config_profiles" is used as a file name as it stands. Nothing is applied,
-    /// and nothing is rolled back: all profiles are deleted before the first one is written.
+    /// Replaces the whole configuration by that of an export, under the same file names. Contents
+    /// are not checked: a key of "config_profiles" is used as a file name as it stands. Nothing is
+    /// applied, and nothing is rolled back: all profiles are deleted before the first is written.
     /// Returns whether the settings were written; other failures are logged and passed over.
+    /// Raises Json::Exception, with nothing deleted, for a document or a "config_profiles" that is
+    /// no object; a lock file that cannot be opened raises wherever it is met.
     bool importConfig(const Json::Value& in);
 
     /// Converts a profile into its document. `out` is empty before; "rules" and "adapterPolicyMap"

@@ -38,7 +38,7 @@ public:
     bool countryIPGet(const std::string& country, const bool& ipv6, Json::Value& ranges);
 
     /// Appends those of `countries` to `usable` that have a file of at least 8 bytes for the
-    /// family. Returns whether `usable` holds any. An empty `countries` is logged.
+    /// family. Returns whether `usable` holds any then; false, logged, without `countries`.
     bool geoipSanctify(const std::vector<std::string>& countries, const bool& ipv6,
                        std::vector<std::string>& usable);
 

@@ -47,14 +47,15 @@ public:
     bool FwRuleToIptablesArg(const std::string& adapter, const FWRULE& rule, Json::Value& arg);
 
     /// Appends the interface matches of `adapter` to "adapter": "-i eth0", or "-o eth0" by
-    /// `adapterDirect`; one for each interface of "vpn"; an empty text for "global".
-    /// Returns false, logged, when "pppoe" has no interface or the interfaces cannot be listed.
+    /// `adapterDirect`; for "vpn" one for each of its interfaces ("-i vpn" without any); an empty
+    /// text for "global".
+    /// Returns false, logged, when "pppoe" has no interface or those of "vpn" cannot be listed.
     bool adapterToIptablesArg(const std::string& adapter, const FWRULE& rule, Json::Value& arg);
 
-    /// Appends the address match to "ip", for each family of `ipType`. The addresses are used as
-    /// stored; one that `ipList` lacks reads as empty. Of countries, those remain that have a
-    /// database file for the family; without any, the family gets no match and so no line.
-    /// Always true; an unknown `ipGroup` is logged and appends nothing.
+    /// Appends the address match to "ip", for each family of `ipType`; any address for both. The
+    /// addresses are used as stored; one that `ipList` lacks reads as empty. Of countries, those
+    /// remain that have a database file for the family; without any, the family gets no match and
+    /// so no line. Always true; an unknown `ipGroup` is logged and appends nothing.
     bool ipToIptablesArg(const FWRULE& rule, Json::Value& arg);
 
     /// Appends the protocol and port matches to "port", by `portGroup`.
@@ -91,7 +92,8 @@ public:
     void pppoeAdaterGet();
 
     /// Whether an adapter has an interface now: "global" always, "vpn" and "pppoe" when there is
-    /// one, any other name when the machine has that interface. Interfaces that cannot be listed
+    /// one, any other name when the machine has that interface ("wlan0" on
+    /// every model with wireless). Interfaces that cannot be listed
     /// are logged and read as false.
     bool adapterIsEnabled(const std::string& adapter);
 
@@ -99,23 +101,23 @@ public:
 
     /// Collects the ports of the services from the service catalogue, in service order. Names that
     /// are unknown or not usable for the firewall are skipped.
-    /// Returns false, logged, when the catalogue cannot be read.
+    /// Returns false, logged, when the catalogue is empty or cannot be read.
     bool servToPorts(const std::vector<std::string>& services, ServPort& out);
 
     /// Appends the port matches of the services to "port", and behind them "-p 47 " for
     /// "vpn_server_pptp" and "-p 50 ", "-p 51 " for "vpn_server_ipsec".
-    /// Returns false, logged, when the catalogue cannot be read.
+    /// Returns false, logged, when the catalogue is empty or cannot be read.
     bool servPortToCmd(const std::vector<std::string>& services, Json::Value& arg);
 
     // ---- Whole profiles ----
 
     /// Translates a profile into its command document: the fixed lines, then each adapter's rules
     /// followed by its default policy. Rules and policies of adapters that the machine does not
-    /// have now, of "ppp0", and disabled ones are skipped. `acceptEstablished` asks for the line
-    /// that lets packets of established connections pass; `localIp`, an IPv4 or IPv6 address or
-    /// empty, excepts packets from that address from it. Returns false, logged, when `localIp` is
-    /// no address (`out` is untouched) or a rule cannot be converted (the lines before it stay in
-    /// `out`).
+    /// have now, of "ppp0", disabled ones and those with "no target" are skipped.
+    /// `acceptEstablished` asks for the line that lets packets of established connections pass;
+    /// `localIp`, an IPv4 or IPv6 address or empty, excepts packets from that address from it.
+    /// Returns false, logged, when `localIp` is no address (`out` is untouched) or a rule cannot be
+    /// converted (the lines before it stay in `out`).
     bool fwRulesToIptablesRules(const bool& acceptEstablished,
                                 const std::map<std::string, std::vector<FWRULE>>& rules,
                                 const std::map<std::string, FW_POLICY>& adapterPolicy,

@@ -12,14 +12,14 @@
 namespace FW {
 
 /// What a matching packet gets, and the verdict of a blocked check. The type is fixed because a
-/// profile file can hold any number; the translation refuses what is not listed.
+/// profile file can hold any number; the translation refuses all but the first three.
 enum FW_POLICY : std::int32_t {
     FW_POLICY_ALLOW = 0,       ///< target "-j RETURN"; as a verdict: allowed
     FW_POLICY_DENY = 1,        ///< target "-j DROP"; as a verdict: blocked
     FW_POLICY_NONE = 2,        ///< no target, the rule yields no line; as a verdict: undecided
     FW_POLICY_MIXED = 3,       ///< verdict only: allowed from some addresses, blocked from others
-    FW_POLICY_ALLOW_SOME = 4,  ///< interim verdict, never returned: some addresses allowed so far
-    FW_POLICY_DENY_SOME = 5    ///< interim verdict, never returned: some addresses blocked so far
+    FW_POLICY_ALLOW_SOME = 4,  ///< interim verdict: some addresses allowed so far
+    FW_POLICY_DENY_SOME = 5    ///< interim verdict: some addresses blocked so far
 };
 
 /// Protocol codes of rules, of queries and of the service catalogue.
@@ -37,7 +37,7 @@ inline const std::vector<std::string> FW_PREDEFINED_ADAPTERS = {"global", "pppoe
 /// The chains of the filter table that the library fills and flushes, in the order of their use.
 inline const std::vector<std::string> FW_FIREWALL_CHAINS = {"INPUT_FIREWALL", "FORWARD_FIREWALL"};
 
-/// The kernel modules that the generated lines need besides the core modules, in loading order.
+/// The kernel modules that the firewall loads besides the core modules, in loading order.
 inline const std::vector<std::string> FW_FIREWALL_MODULES = {"compat_xtables.ko", "xt_geoip.ko",
                                                              "xt_mac.ko"};
 
@@ -64,7 +64,7 @@ struct FWRULE {
     /// How `portList` is read: 0 and 2 service names, 1 ports, 3 any port. Code 2 together with
     /// `ipGroup` 5 marks the reserved service rule at the head of an adapter's list.
     std::int32_t portGroup = 0;
-    std::int32_t protocol = FW_PORT_PROTOCOL_TCP;  ///< FW_PORT_PROTOCOL code; others match nothing
+    std::int32_t protocol = FW_PORT_PROTOCOL_TCP;  ///< FW_PORT_PROTOCOL code, for portGroup 1
     std::vector<std::string> portList;  ///< by `portGroup`: "ssh", or "80" and "6000-6010"
 };
 

@@ -24,7 +24,8 @@ namespace FW {
 /// processes, wait for each other, up to 30 s; other operations that belong together are serialised
 /// by their callers. Exceptions come only from the libraries underneath: a settings member of a
 /// type that does not convert (Json::Exception), a lock file that cannot be opened
-/// (boost::interprocess::interprocess_exception). None of them leaves the machine closed.
+/// (boost::interprocess::interprocess_exception). On their way a machine that was closed for a
+/// reload is reopened.
 class TARNFW_EXPORT TARNFW : public TARNFW_IPTABLES_RULES {
 public:
     TARNFW() = default;
@@ -84,7 +85,8 @@ public:
 
     /// Loads the kernel modules, marks the firewall enabled, applies the active profile and runs
     /// the hooks around it. After a failed reload "status" stays true unless the reload itself
-    /// disabled the firewall. When the modules cannot be loaded, nothing changes and no hook runs.
+    /// disabled the firewall. When modules cannot be loaded, neither settings nor packet filter
+    /// change and no hook runs; core modules that went in before stay, and count as loaded.
     bool fwEnable();
 
     /// Flushes the chains, unloads the kernel modules and marks the firewall disabled, between the
@@ -95,11 +97,13 @@ public:
     bool fwReset();
 
     /// Applies the active profile; does nothing while the firewall is disabled. Until the rules are
-    /// complete the machine admits established connections alone.
+    /// complete the machine takes no new connections but those that they already allow.
     /// `acceptEstablished` goes to fwRulesToIptablesRules().
-    /// On failure: a line that cannot be run disables the firewall; a profile that cannot be read
-    /// or translated leaves it enabled with empty chains; either way the policies are ACCEPT again.
-    /// Only when closing the machine fails do the policies stay as far as that came.
+    /// On failure: without the lock, the settings or the modules nothing changes. A line that
+    /// cannot be run disables the firewall; a profile that cannot be read or translated leaves it
+    /// enabled with empty chains; the policies are then ACCEPT again. Where closing or reopening
+    /// itself fails, the policies stay as far as that came; a failed reopening disables the
+    /// firewall.
     bool fwReload(bool acceptEstablished);
 
     /// Translates the stored profile `profile` into the command document `cmds`.
@@ -125,8 +129,9 @@ public:
     // ---- Services ----
 
     /// Brings the rules that name services up to date with the service catalogue, in every profile:
-    /// names that are unknown or not usable go, and rules that then name none; the others get the
-    /// protocol that their services need. No reload is made.
+    /// names that are unknown or not usable go, and rules that then name none. What the others
+    /// name for TCP alone and for UDP alone decides their protocol; without such a name it stays.
+    /// No reload is made.
     /// Returns false, logged, when profiles or catalogue cannot be read, or at the first profile
     /// that cannot be written; those before it stay changed.
     bool fwUpdate();
@@ -134,8 +139,10 @@ public:
     /// Asks whether the active profile lets a port range through on an adapter, or, with an empty
     /// `adapter`, on every adapter with a default policy. The stored rules are evaluated, not the
     /// kernel's; "global" rules first.
-    /// Adds the verdicts to `result`, by adapter: 0 allowed, 1 blocked, 3 mixed; the entry "global"
-    /// may be 2, undecided. With the firewall disabled, 0 for `adapter` alone.
+    /// Adds the verdicts to `result`, by adapter: 0 allowed, 1 blocked, 3 mixed, 2 undecided, as
+    /// "global" is when its rules leave it to the adapters, and an adapter whose default is "no
+    /// target". With the firewall disabled, 0 for `adapter` alone. Interim verdicts, 4 and 5,
+    /// become 3, but stay for "global" when asked about an adapter with neither policy nor rules.
     /// Returns false, logged, when settings or profile cannot be read; a rule whose services cannot
     /// be resolved is logged and ignored.
     bool fwPortIsBlocked(const PortCompareST& port, const std::string& adapter,
@@ -171,13 +178,13 @@ public:
     // those before it stay changed. Callers serialise them.
 
     /// Reserves a service: puts it, with `policy`, into the reserved service rule at the head of
-    /// `adapter`'s list in every profile, taking it out of that adapter's other reserved rules.
-    /// With `reload`, applies the active profile afterwards.
+    /// `adapter`'s list in every profile. Where that takes a new rule, the service leaves that
+    /// adapter's other reserved rules. With `reload`, applies the active profile afterwards.
     bool profileAddServToReserve(const std::string& adapter, const std::string& servName,
                                  FW_POLICY policy, bool reload);
 
-    /// Takes a service out of every rule that names services, and rules that then name none out of
-    /// their lists, in every profile. No reload is made.
+    /// Takes the first mention of a service out of every rule that names services, and rules that
+    /// then name none out of their lists, in every profile. No reload is made.
     bool profileRemoveServ(const std::string& servName);
 
     /// Moves the policy and the rules of `oldAdapter` to `newAdapter`, replacing what that has, in
@@ -192,7 +199,8 @@ public:
     // create, TARNFW::TestApplyingProfile(), adopt or not, remove, reload. Nothing removes one that
     // was forgotten.
 
-    /// Stores `profile` as the test profile of `name`, in the place of an earlier one.
+    /// Stores `profile` as the test profile of `name`, in the place of an earlier one. Like
+    /// profileCreate(), never returns when the store then holds no profile at all.
     bool CreateTestProfile(std::string name, const FWPROFILE& profile);
 
     /// Deletes the test profile of `name`, unless it is the active profile.
