@@ -6,17 +6,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
-#include "hostCall.h"
+#include "hostFile.h"
+#include "tarncore.h"
 
 namespace host {
 
 namespace {
-
-constexpr char kSource[] = "hostKeyValue";
 
 // One lock for the writers of all key/value files, where only root can hold it. A lock beside the
 // file would stay behind in directories that others list, and a lock on the directory could be
@@ -26,12 +23,11 @@ constexpr char kLockFile[] = "/run/tarn/keyvalue.lock";
 constexpr int kLockExclusive = 1;
 constexpr int kLockSeconds = 30;
 
-constexpr mode_t kNewFileMode = 0644;
 constexpr mode_t kModeBits = 07777;
+constexpr off_t kMostFileBytes = 16 * 1024 * 1024;  // real ones have some thousand
 
-constexpr char kBlanks[] = " \t\r";       // "\r" ends the lines of files edited elsewhere
-constexpr char kEscaped[] = "\\\"$`";     // what a shell expands between double quotes
-constexpr char kTemporary[] = ".XXXXXX";  // for mkostemp
+constexpr char kBlanks[] = " \t\r";    // "\r" ends the lines of files edited elsewhere
+constexpr char kEscaped[] = "\\\"$`";  // what a shell expands between double quotes
 
 // ---- Lines ----
 
@@ -111,104 +107,16 @@ std::optional<Entry> entryOf(const std::string& line) {
 
 // ---- Files ----
 
-// Opens a file whose content may be believed. 0, or an errno code as readKeyValueFile() has it.
-int openTrusted(const std::string& path, Descriptor& file, struct stat& info) {
-    // Not blocking, since opening a planted FIFO would wait for its writer.
-    file = Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    if (!file) {
-        const int error = errno;
-        if (error == ELOOP) {
-            HOST_LOG_ERR("Refused %s: it is a symbolic link", path.c_str());
-        } else if (error == ENXIO) {  // a socket
-            HOST_LOG_ERR("Refused %s: it is no regular file", path.c_str());
-            return EINVAL;
-        }
-        return error;
+// Clears a path of a directory, which no file can replace. 0 or an errno code.
+int clearDirectory(const std::string& path) {
+    Found entry;
+    if (const int error = lookAt(AT_FDCWD, path, entry)) {
+        return error == ENOENT ? 0 : error;
     }
-    if (fstat(file.get(), &info) != 0) {
-        return errno;
+    if (!S_ISDIR(entry.info.st_mode)) {
+        return 0;
     }
-    if (!S_ISREG(info.st_mode)) {
-        HOST_LOG_ERR("Refused %s: it is no regular file", path.c_str());
-        return EINVAL;
-    }
-    if (info.st_uid != 0 && info.st_uid != geteuid()) {
-        HOST_LOG_ERR("Refused %s: it belongs to user %u", path.c_str(), info.st_uid);
-        return EPERM;
-    }
-    return 0;
-}
-
-int readAll(const Descriptor& file, std::string& content) {
-    char buffer[4096];
-    content.clear();
-    for (;;) {
-        const ssize_t length = read(file.get(), buffer, sizeof buffer);
-        if (length == 0) {
-            return 0;
-        }
-        if (length > 0) {
-            content.append(buffer, static_cast<std::size_t>(length));
-        } else if (errno != EINTR) {
-            return errno;
-        }
-    }
-}
-
-int writeAll(const Descriptor& file, const std::string& content) {
-    std::size_t done = 0;
-    while (done < content.size()) {
-        const ssize_t length = write(file.get(), content.data() + done, content.size() - done);
-        if (length >= 0) {
-            done += static_cast<std::size_t>(length);
-        } else if (errno != EINTR) {
-            return errno;
-        }
-    }
-    return 0;
-}
-
-// What a replaced file hands on to its successor.
-struct Ownership {
-    uid_t uid = geteuid();
-    gid_t gid = getegid();
-    mode_t mode = kNewFileMode;
-};
-
-int fill(const Descriptor& file, const std::string& content, const Ownership& ownership) {
-    if (const int error = writeAll(file, content)) {
-        return error;
-    }
-    // The owner first: changing it may take bits from the mode.
-    struct stat info = {};
-    if (fstat(file.get(), &info) != 0) {
-        return errno;
-    }
-    if ((info.st_uid != ownership.uid || info.st_gid != ownership.gid) &&
-        fchown(file.get(), ownership.uid, ownership.gid) != 0) {
-        return errno;
-    }
-    // On the disk before the new name leads to it, so that a crash leaves the old file or the new.
-    if (fchmod(file.get(), ownership.mode) != 0 || fsync(file.get()) != 0) {
-        return errno;
-    }
-    return 0;
-}
-
-int replaceFile(const std::string& path, const std::string& content, const Ownership& ownership) {
-    std::string temporary = path + kTemporary;
-    const Descriptor file(mkostemp(temporary.data(), O_CLOEXEC));  // exclusive: follows no link
-    if (!file) {
-        return errno;
-    }
-    int error = fill(file, content, ownership);
-    if (error == 0 && rename(temporary.c_str(), path.c_str()) != 0) {
-        error = errno;
-    }
-    if (error != 0) {
-        (void)unlink(temporary.c_str());
-    }
-    return error;
+    return setAside(AT_FDCWD, path, entry, path, "it is a directory");
 }
 
 class WriterLock {
@@ -284,12 +192,7 @@ std::string KeyValueText::content() const {
 }
 
 int readKeyValueFile(const std::string& path, std::string& content) {
-    Descriptor file;
-    struct stat info = {};
-    if (const int error = openTrusted(path, file, info)) {
-        return error;
-    }
-    return readAll(file, content);
+    return readTrustedFile(path, kMostFileBytes, content);
 }
 
 int writeKeyValueFile(const std::string& path, const std::string& key, const std::string& value) {
@@ -297,28 +200,26 @@ int writeKeyValueFile(const std::string& path, const std::string& key, const std
     if (lock.error() != 0) {
         return lock.error();
     }
-    Descriptor file;
     struct stat info = {};
     std::string content;
-    Ownership ownership;
-    switch (const int error = openTrusted(path, file, info)) {
-        case 0:
-            if (const int readError = readAll(file, content)) {
-                return readError;
-            }
-            ownership = {info.st_uid, info.st_gid, info.st_mode & kModeBits};
-            break;
-        case ENOENT:
-        case ELOOP:
-        case EINVAL:
-        case EPERM:
-            break;  // nothing there, or nothing that is believed: a new file takes its place
-        default:
-            return error;
+    FileOwner owner;
+    const int readError = readTrustedFile(path, kMostFileBytes, content, &info);
+    if (readError == 0) {
+        owner = {info.st_uid, info.st_gid, info.st_mode & kModeBits};
+    } else if (readError != ENOENT && !isRefusal(readError)) {
+        return readError;
     }
+    // Of nothing, or of what is not believed, a new file takes the place.
     KeyValueText text(content);
     text.set(key, value);
-    return replaceFile(path, text.content(), ownership);
+    int error = replaceFile(path, text.content(), owner);
+    for (int i = 0; error == EISDIR && geteuid() == 0 && i < kMostPlanted; ++i) {
+        if (const int clearError = clearDirectory(path)) {
+            return clearError;
+        }
+        error = replaceFile(path, text.content(), owner);
+    }
+    return error;
 }
 
 }  // namespace host

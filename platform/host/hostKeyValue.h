@@ -33,16 +33,15 @@ private:
     std::vector<std::string> lines_;
 };
 
-/// Reads a key/value file. 0, or the errno code of the failure.
-/// Refused and logged: a symbolic link (ELOOP), anything else that is no regular file (EINVAL), and
-/// a file that belongs neither to root nor to the caller (EPERM). Such files live in /tmp as well,
-/// where anybody may plant one.
+/// Reads a key/value file as readTrustedFile() does, because such files live in /tmp as well, where
+/// anybody may plant one. 0, or the errno code of the failure.
 int readKeyValueFile(const std::string& path, std::string& content);
 
 /// Sets one key in a file and replaces the file as a whole, with its owner and mode; a new file
 /// gets mode 0644. 0, or the errno code of the failure, which leaves the file as it was. A file
-/// that readKeyValueFile() refuses is replaced by a new one that has this key alone. Writers wait
-/// for each other, at most 30 s (then EAGAIN), at one lock for all files.
+/// that readKeyValueFile() refuses is replaced by a new one that has this key alone; a directory is
+/// set aside for it when root is the caller, and EISDIR for anybody else. Writers wait for each
+/// other, at most 30 s (then EAGAIN), at one lock for all files.
 int writeKeyValueFile(const std::string& path, const std::string& key, const std::string& value);
 
 }  // namespace host

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "hostCall.h"
+#include "hostFile.h"
 #include "hostKeyValue.h"
 #include "hostSpawn.h"
 
@@ -345,26 +346,73 @@ bool isStillThere(const char* path, const struct stat& opened) {
     return lstat(path, &now) == 0 && now.st_dev == opened.st_dev && now.st_ino == opened.st_ino;
 }
 
+// Why root must not use what stands at the path of a lock; empty when it may. Whoever can open the
+// file can hold its lock, so one of somebody else would let them keep root out. A link of root's
+// own is refused when it is opened.
+std::string lockFault(const struct stat& info) {
+    if (!S_ISREG(info.st_mode) && !S_ISLNK(info.st_mode)) {
+        return "it is no regular file";
+    }
+    return info.st_uid == 0 ? "" : "it belongs to user " + std::to_string(info.st_uid);
+}
+
+// For root, clears the path of a lock of what others may have put there. 0 or an errno code.
+int clearLockPath(const char* path) {
+    host::Found entry;
+    if (geteuid() != 0 || host::lookAt(AT_FDCWD, path, entry) != 0) {
+        return 0;  // what is wrong with the path shows when it is opened
+    }
+    const std::string why = lockFault(entry.info);
+    return why.empty() ? 0 : host::setAside(AT_FDCWD, path, entry, path, why);
+}
+
+// Opens a lock file, made when it is missing. 0 or an errno code, EEXIST when somebody else has
+// made it meanwhile.
+int openLockFile(const char* path, host::Descriptor& file, struct stat& info) {
+    constexpr int kFlags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+    // In two steps: in a directory like /tmp the kernel may refuse O_CREAT for an existing file
+    // even to its rightful users (fs.protected_regular).
+    file = host::Descriptor(open(path, kFlags));
+    if (!file && errno == ENOENT) {
+        file = host::Descriptor(open(path, kFlags | O_CREAT | O_EXCL, kLockFileMode));
+    }
+    return file && fstat(file.get(), &info) == 0 ? 0 : errno;
+}
+
+// Opens a lock file that may be relied on. 0, EAGAIN when it is worth another attempt, or the errno
+// code of a failure, which is logged.
+int openTrustedLock(const char* path, host::Descriptor& file, struct stat& info) {
+    for (int i = 0; i < host::kMostPlanted; ++i) {
+        if (const int error = clearLockPath(path)) {
+            return error;
+        }
+        const int error = openLockFile(path, file, info);
+        if (error == EEXIST || error == EINTR) {
+            continue;
+        }
+        if (error != 0) {
+            HOST_LOG_ERR("Cannot open lock file %s: %s", path, strerror(error));
+            return error;
+        }
+        if (geteuid() == 0 && !lockFault(info).empty()) {
+            continue;  // put there since the path was cleared
+        }
+        if (!S_ISREG(info.st_mode)) {
+            HOST_LOG_ERR("Refused lock file %s: it is no regular file", path);
+            return EINVAL;
+        }
+        return 0;
+    }
+    return EAGAIN;
+}
+
 // One attempt to lock `path`. 0, EAGAIN when it is worth another one, or the errno code of a
 // failure, which is logged.
 int tryLock(const char* path, host::Descriptor& lock) {
-    host::Descriptor file(open(
-        path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, kLockFileMode));
-    if (!file) {
-        const int error = errno;
-        if (error == EINTR) {
-            return EAGAIN;
-        }
-        HOST_LOG_ERR("Cannot open lock file %s: %s", path, strerror(error));
-        return error;
-    }
+    host::Descriptor file;
     struct stat info = {};
-    if (fstat(file.get(), &info) != 0) {
-        return errno;
-    }
-    if (!S_ISREG(info.st_mode)) {
-        HOST_LOG_ERR("Refused lock file %s: it is no regular file", path);
-        return EINVAL;
+    if (const int error = openTrustedLock(path, file, info)) {
+        return error;
     }
     // Of the open file rather than of the process: two threads keep each other out as well, and
     // closing another descriptor of the file does not give the lock away.

@@ -49,7 +49,7 @@ private:
 // The ledger as it was left, with the text it was read from. A file that tells nothing counts as
 // empty: modules that it might have named just stay in the kernel.
 host::ModuleLedger readLedger(std::string& text) {
-    const int error = host::readWholeFile(kLedgerFile, kMostLedgerBytes, text);
+    const int error = host::readTrustedFile(kLedgerFile, kMostLedgerBytes, text);
     if (error == ENOENT) {
         return {};
     }
@@ -94,7 +94,9 @@ int withLedger(const char* servName, const TLIBCSZLIST* modules, Operation opera
     int error = operation(host::runningKernel(), servName, names, ledger);
     const std::string after = host::ledgerText(ledger);
     if (after != before && !(before.empty() && ledger.empty())) {
-        const int writeError = host::replaceFile(kLedgerFile, after, kLedgerMode);
+        host::FileOwner owner;
+        owner.mode = kLedgerMode;
+        const int writeError = host::replaceFile(kLedgerFile, after, owner);
         if (writeError != 0) {
             HOST_LOG_ERR("%s: not written: %s", kLedgerFile, strerror(writeError));
             error = error != 0 ? error : writeError;

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "hostCall.h"
+#include "hostFile.h"
 #include "hostSpawn.h"
 
 namespace {
@@ -82,34 +83,101 @@ int makeAndOpen(int parent, const std::string& name, const NewDirectory& wanted,
     return 0;
 }
 
-// Opens the directory `name` below `parent`, made when it is missing. 0 or an errno code.
-int openOrMake(int parent, const std::string& name, const NewDirectory& wanted,
-               host::Descriptor& directory) {
-    directory = openExisting(parent, name);
-    if (directory) {
-        return 0;
+// Why root must not work in a directory; empty when it may. Whoever owns it, or may write it
+// without the sticky bit, can exchange everything below. Root's own group is as good as root.
+std::string directoryFault(const struct stat& info, const NewDirectory& wanted) {
+    if (info.st_uid != 0 && info.st_uid != wanted.uid) {
+        return "it belongs to user " + std::to_string(info.st_uid);
     }
-    if (errno != ENOENT) {
-        return errno;
+    const bool foreignGroup = info.st_gid != 0 && info.st_gid != wanted.gid;
+    const mode_t foreign = foreignGroup ? S_IWGRP | S_IWOTH : S_IWOTH;
+    if ((info.st_mode & S_ISVTX) == 0 && (info.st_mode & foreign) != 0) {
+        return "group or others may write it";
     }
-    const int error = makeAndOpen(parent, name, wanted, directory);
-    if (error != EEXIST) {
+    return "";
+}
+
+// A component of a path.
+struct Component {
+    int parent = -1;
+    std::string name;
+    std::string path;  // as far as this one, for the log
+    bool last = false;
+};
+
+// Refuses a component to root: the last one is set aside, so that it can be made anew. What lies
+// before it may hold more than what is asked for. 0 or an errno code, logged.
+int refuse(const Component& component, const host::Found& entry, const std::string& why) {
+    if (component.last) {
+        return host::setAside(component.parent, component.name, entry, component.path, why);
+    }
+    HOST_LOG_ERR("Refused directory %s: %s", component.path.c_str(), why.c_str());
+    return EPERM;
+}
+
+// Opens the directory of a component. 0 or an errno code; ENOENT, too, when it was set aside.
+int openTrusted(const Component& component, const NewDirectory& wanted,
+                host::Descriptor& directory) {
+    host::Found entry;
+    if (const int error = host::lookAt(component.parent, component.name, entry)) {
         return error;
     }
-    // Somebody else made it first; or it is a link that leads nowhere, which stays a failure.
-    directory = openExisting(parent, name);
-    return directory ? 0 : error;
+    const bool root = geteuid() == 0;
+    if (root && !S_ISDIR(entry.info.st_mode) && entry.info.st_uid != 0) {
+        const std::string why = "it belongs to user " + std::to_string(entry.info.st_uid);
+        const int error = refuse(component, entry, why);
+        return error == 0 ? ENOENT : error;
+    }
+    directory = openExisting(component.parent, component.name);
+    struct stat info = {};
+    if (!directory || fstat(directory.get(), &info) != 0) {
+        return errno;
+    }
+    const std::string why = root ? directoryFault(info, wanted) : "";
+    if (why.empty()) {
+        return 0;
+    }
+    if (S_ISLNK(entry.info.st_mode)) {  // the link is root's, and taking it away mends nothing
+        HOST_LOG_ERR("Refused directory %s: %s", component.path.c_str(), why.c_str());
+        return EPERM;
+    }
+    const int error = refuse(component, entry, why);
+    return error == 0 ? ENOENT : error;
+}
+
+// Opens the directory of a component, made when it is missing. 0 or an errno code: EEXIST for a
+// link that leads nowhere.
+int openOrMake(const Component& component, const NewDirectory& wanted,
+               host::Descriptor& directory) {
+    // Somebody else may make it first, or put something else there.
+    for (int i = 0; i < host::kMostPlanted; ++i) {
+        int error = openTrusted(component, wanted, directory);
+        if (error == ENOENT) {
+            error = makeAndOpen(component.parent, component.name, wanted, directory);
+        }
+        if (error != EEXIST) {
+            return error;
+        }
+    }
+    return EEXIST;
 }
 
 int makeDirectories(const std::string& path, const NewDirectory& wanted) {
-    const char* const start = path[0] == '/' ? "/" : ".";
-    host::Descriptor current = openExisting(AT_FDCWD, start);
+    const bool absolute = path[0] == '/';
+    host::Descriptor current = openExisting(AT_FDCWD, absolute ? "/" : ".");
     if (!current) {
         return errno;
     }
-    for (const std::string& name : componentsOf(path)) {
+    const std::vector<std::string> names = componentsOf(path);
+    Component component;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        component.parent = current.get();
+        component.name = names[i];
+        component.path += i > 0 || absolute ? "/" : "";
+        component.path += names[i];
+        component.last = i + 1 == names.size();
         host::Descriptor next;
-        if (const int error = openOrMake(current.get(), name, wanted, next)) {
+        if (const int error = openOrMake(component, wanted, next)) {
             return error;
         }
         current = std::move(next);

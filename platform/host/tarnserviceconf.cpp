@@ -10,7 +10,6 @@
 #include <string>
 #include <string_view>
 #include <system_error>
-#include <utility>
 #include <vector>
 
 #include "hostCall.h"
@@ -76,9 +75,11 @@ host::Services readCatalogue() {
     for (const char* directory : kDirectories) {
         for (const std::string& path : filesIn(directory)) {
             std::string content;
-            const int error = host::readWholeFile(path, kMostFileBytes, content);
+            const int error = host::readTrustedFile(path, kMostFileBytes, content);
             if (error != 0) {
-                HOST_LOG_ERR("%s: not read: %s", path.c_str(), strerror(error));
+                if (!host::isRefusal(error)) {
+                    HOST_LOG_ERR("%s: not read: %s", path.c_str(), strerror(error));
+                }
                 continue;
             }
             host::readServices(content, services, [&](const std::string& reason) {
@@ -146,5 +147,5 @@ const TARNFW_SERVICE* TARNFWServiceFind(const TARNFW_SERVICE_LIST* list, const c
 }
 
 void TARNFwServiceFree(TARNFW_SERVICE_LIST* list) {
-    delete list;
+    const std::unique_ptr<TARNFW_SERVICE_LIST> owned(list);
 }

@@ -286,7 +286,8 @@ int TLIBCPclose(FILE* stream) {
 
 int TLIBCFileExist(const char* path) {
     const auto& files = FakePlatform::current().keyValues;
-    return files.count(path) != 0 || access(path, F_OK) == 0 ? 1 : 0;
+    const bool exists = files.count(path) != 0 || access(path, F_OK) == 0;
+    return exists ? FakePlatform::current().existResult : 0;
 }
 
 int TLIBCFileGetKeyValue(const char* path, const char* key, char* value, int size, int) {
@@ -450,6 +451,9 @@ int TARNPPPoeIntfGet(char* name, int size) {
 
 int BlTLIBIsIpAddr(const char* text) {
     in_addr address{};
+    if (FakePlatform::current().loopbackIsNoAddress && strcmp(text, "127.0.0.1") == 0) {
+        return 0;
+    }
     return inet_pton(AF_INET, text, &address);
 }
 

@@ -78,6 +78,7 @@ public:
     // ---- Key/value files, features ----
 
     std::map<std::string, std::map<std::string, std::string>> keyValues;  ///< path -> key -> value
+    int existResult = 1;      ///< the answer of TLIBCFileExist for what exists
     int getKeyResult = 1;     ///< below 0: every read fails with it
     int setKeyResult = 0;     ///< below 0: every write fails with it
     int supportWireless = 0;  ///< TLIBCSupportGet("support_wireless")
@@ -105,8 +106,9 @@ public:
     // ---- Interfaces ----
 
     std::vector<std::string> interfaces = {"eth0"};
-    int interfacesResult = 0;    ///< below 0: the query fails with it
-    std::string pppoeInterface;  ///< empty: there is none
+    int interfacesResult = 0;          ///< below 0: the query fails with it
+    std::string pppoeInterface;        ///< empty: there is none
+    bool loopbackIsNoAddress = false;  ///< BlTLIBIsIpAddr refuses "127.0.0.1"
 
     // ---- Services ----
 

@@ -51,13 +51,18 @@ Json::Value storedJson(const std::string& path) {
 }
 
 LibraryTest::LibraryTest() {
-    for (const std::string& directory : {kProfileDir, kGeoipDir, std::string("/tmp")}) {
+    for (const std::string& directory : {kProfileDir, kGeoipDir}) {
         fs::create_directories(directory);
         for (const auto& entry : fs::directory_iterator(directory)) {
             fs::remove_all(entry.path());
         }
     }
     fs::remove_all(kLockDir);
+    // Not whole trees: the checkout may lie below /tmp.
+    for (const auto& entry : fs::directory_iterator("/tmp")) {
+        std::error_code notEmpty;
+        fs::remove(entry.path(), notEmpty);
+    }
 }
 
 void LibraryTest::storeEmptyProfile(const std::string& stem, const std::string& name) {

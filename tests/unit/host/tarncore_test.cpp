@@ -1,9 +1,11 @@
 #include "tarncore.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -15,6 +17,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdarg>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -37,6 +40,8 @@ using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Le;
+using ::testing::StartsWith;
+using ::testing::UnorderedElementsAre;
 
 namespace {
 
@@ -669,7 +674,7 @@ TEST_F(KeyValueTest, ValueFitsWithItsEndOrIsAnError) {
     EXPECT_LT(TLIBCFileGetKeyValue(file_.c_str(), "key", value, 7, 0), 0);
     EXPECT_EQ(errno, ERANGE);
     EXPECT_STREQ(value, "");
-    EXPECT_EQ(countLogged(LOG_ERR, "longer than 6 bytes"), 1);
+    EXPECT_EQ(countLogged(LOG_ERR, "The value of key in " + file_ + " is longer than 6 bytes"), 1);
 }
 
 TEST_F(KeyValueTest, BadArgumentsOfReadingAreRefused) {
@@ -851,12 +856,38 @@ TEST_F(KeyValueTest, PlantedFifoNeitherBlocksNorIsBelieved) {
     EXPECT_EQ(modeOf(file_), S_IFREG | 0644U);
 }
 
+TEST_F(KeyValueTest, FileThatOthersMayWriteIsNotBelieved) {
+    for (const mode_t mode : {0664U, 0646U}) {
+        writeFile(file_, "firewall=\"yes\"\n", mode);
+        clearCapturedLog();
+        EXPECT_EQ(get("firewall"), "(error)");
+        EXPECT_EQ(errno, EPERM);
+        EXPECT_EQ(countLogged(LOG_ERR, "Refused " + file_ + ": group or others may write it"), 1);
+    }
+}
+
+TEST_F(KeyValueTest, DirectoryIsNotBelievedAndIsSetAsideByAWrite) {
+    fs::create_directory(file_);
+    writeFile(file_ + "/trap", "");
+    ASSERT_EQ(chown(file_.c_str(), kOtherUser, kOtherUser), 0);
+    EXPECT_EQ(get("key"), "(error)");
+    EXPECT_EQ(errno, EINVAL);
+
+    EXPECT_GE(set("key", "x"), 0);
+    EXPECT_EQ(readFile(file_), "key=\"x\"\n");
+    EXPECT_EQ(countLogged(LOG_ERR, "Refused " + file_ + ": it is a directory; set aside as "), 1);
+    EXPECT_THAT(names(),
+                UnorderedElementsAre("settings.conf", StartsWith("settings.conf.refused-")));
+}
+
 TEST_F(KeyValueTest, FailedWriteLeavesNothingBehind) {
     fs::create_directory(file_);
+    ASSERT_EQ(mount("busy", file_.c_str(), "tmpfs", 0, nullptr), 0);  // cannot be moved
     EXPECT_LT(set("key", "x"), 0);
-    EXPECT_EQ(errno, EISDIR);
-    EXPECT_EQ(TLIBCErrGet(), EISDIR);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(TLIBCErrGet(), EBUSY);
     EXPECT_THAT(names(), ElementsAre("settings.conf"));
+    ASSERT_EQ(umount(file_.c_str()), 0);
     EXPECT_EQ(TLIBCFileSetKeyValue(path("no/file").c_str(), "key", "x", 0), -1);
     EXPECT_EQ(errno, ENOENT);
 }
@@ -957,6 +988,24 @@ extern "C" __attribute__((visibility("default"))) int lstat(const char* path, st
         action();
     }
     return fstatat(AT_FDCWD, path, info, AT_SYMLINK_NOFOLLOW);
+}
+
+// Whether no lock can be taken, as on a file system that has none.
+namespace {
+bool refuseLocks = false;
+}
+
+extern "C" __attribute__((visibility("default"))) int fcntl(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (refuseLocks && command == F_OFD_SETLK) {
+        errno = ENOLCK;
+        return -1;
+    }
+    static const auto real = reinterpret_cast<int (*)(int, int, ...)>(dlsym(RTLD_NEXT, "fcntl"));
+    return real(fd, command, argument);
 }
 
 extern "C" __attribute__((visibility("default"))) int nanosleep(const timespec* wanted,
@@ -1207,18 +1256,109 @@ TEST_F(FileLockTest, LinkThatLeadsNowhereMakesNoFile) {
     EXPECT_FALSE(fs::exists(path("target")));
 }
 
-TEST_F(FileLockTest, DirectoryIsRefused) {
+namespace {
+
+// A lock path in a directory where anybody may put something.
+class PlantedLockTest : public FileLockTest {
+protected:
+    PlantedLockTest() { EXPECT_EQ(chmod(directory_.c_str(), 01777), 0); }
+
+    void giveAway() const { ASSERT_EQ(lchown(file_.c_str(), kOtherUser, kOtherUser), 0); }
+
+    // That root gets a lock of its own at once, and what stood there is kept and logged once.
+    void expectSetAside(const std::string& why) const {
+        const int fd = lock();
+        ASSERT_GE(fd, 0);
+        EXPECT_EQ(modeOf(file_), S_IFREG | 0600U);
+        struct stat info = {};
+        EXPECT_EQ(fstat(fd, &info), 0);
+        EXPECT_EQ(info.st_uid, 0U);
+        EXPECT_EQ(lock(), -1);  // the lock is one that others see
+        EXPECT_NE(TLIBCFileUnlockByFile(fd), 0);
+        EXPECT_EQ(countLogged(LOG_ERR, "Refused " + file_ + ": " + why + "; set aside as " + file_ +
+                                           ".refused-"),
+                  1);
+        EXPECT_EQ(std::distance(fs::directory_iterator(directory_), {}), 2);
+    }
+
+    // The result of an attempt of another user, with the errno of a refusal as a negative number.
+    int lockAsOther() const {
+        return runChild([&] {
+            if (setresuid(kOtherUser, kOtherUser, kOtherUser) != 0) {
+                return -1;
+            }
+            return lock() >= 0 ? 0 : errno;
+        });
+    }
+};
+
+}  // namespace
+
+TEST_F(PlantedLockTest, DirectoryIsSetAside) {
     fs::create_directory(file_);
-    EXPECT_EQ(lock(5), -1);
-    EXPECT_EQ(errno, EISDIR);
-    EXPECT_EQ(countLogged(LOG_ERR, "Cannot open lock file " + file_), 1);
+    giveAway();
+    expectSetAside("it is no regular file");
 }
 
-TEST_F(FileLockTest, FifoIsRefused) {
+TEST_F(PlantedLockTest, FifoIsSetAside) {
     ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0);
+    giveAway();
+    expectSetAside("it is no regular file");
+}
+
+TEST_F(PlantedLockTest, LinkOfAnotherUserIsSetAside) {
+    fs::create_symlink(path("nowhere"), file_);
+    giveAway();
+    expectSetAside("it belongs to user 1000");
+    EXPECT_FALSE(fs::exists(path("nowhere")));
+}
+
+TEST_F(PlantedLockTest, FileOfAnotherUserIsSetAsideThoughItIsLocked) {
+    const Signal locked;
+    const Signal done;
+    writeFile(file_, "");
+    giveAway();
+    const pid_t holder = startChild([&] {
+        if (setresuid(kOtherUser, kOtherUser, kOtherUser) != 0 || lock() < 0) {
+            return 1;
+        }
+        locked.give();
+        done.await();
+        return 0;
+    });
+    locked.await();
+    expectSetAside("it belongs to user 1000");
+    done.give();
+    EXPECT_EQ(exitStatusOf(holder), 0);
+}
+
+TEST_F(PlantedLockTest, WhatCannotBeMovedIsAFailure) {
+    fs::create_directory(file_);
+    ASSERT_EQ(mount("busy", file_.c_str(), "tmpfs", 0, nullptr), 0);
     EXPECT_EQ(lock(5), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(countLogged(LOG_ERR, "Refused lock file " + file_ + ": it is no regular file"), 1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(countLogged(LOG_ERR, "; not set aside: "), 1);
+    EXPECT_TRUE(pauses.empty());
+    ASSERT_EQ(umount(file_.c_str()), 0);
+}
+
+TEST_F(PlantedLockTest, OtherUsersAreRefusedWhatIsNoFile) {
+    fs::create_directory(file_);
+    EXPECT_EQ(lockAsOther(), EISDIR);
+    fs::remove(file_);
+    ASSERT_EQ(mkfifo(file_.c_str(), 0666), 0);
+    ASSERT_EQ(chmod(file_.c_str(), 0666), 0);
+    EXPECT_EQ(lockAsOther(), EINVAL);
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory_), {}), 1);
+}
+
+TEST_F(FileLockTest, FileSystemThatDoesNotLockIsAFailure) {
+    refuseLocks = true;
+    EXPECT_EQ(lock(5), -1);
+    refuseLocks = false;
+    EXPECT_EQ(errno, ENOLCK);
+    EXPECT_EQ(countLogged(LOG_ERR, "Cannot lock " + file_ + ": "), 1);
+    EXPECT_TRUE(pauses.empty());
 }
 
 TEST_F(FileLockTest, MissingDirectoryFailsAtOnce) {

@@ -1,14 +1,20 @@
 #include "tarnkm.h"
 
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
+#include <cstdarg>
 #include <cstddef>
 #include <filesystem>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <string>
@@ -19,6 +25,26 @@
 #include "logged.h"
 #include "moduleLedger.h"
 #include "tarncore.h"
+
+// Whether no lock can be given back.
+namespace {
+bool refuseUnlocking = false;
+}
+
+// In place of the C library's, for the platform as well.
+extern "C" int fcntl(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (refuseUnlocking && command == F_OFD_SETLK &&
+        static_cast<const struct flock*>(argument)->l_type == F_UNLCK) {
+        errno = EIO;
+        return -1;
+    }
+    static const auto real = reinterpret_cast<int (*)(int, int, ...)>(dlsym(RTLD_NEXT, "fcntl"));
+    return real(fd, command, argument);
+}
 
 namespace {
 
@@ -358,7 +384,7 @@ TEST_F(ModFunctionsTest, KeepsTheLedgerInAFileThatOnlyItsOwnerReads) {
     EXPECT_EQ(TLIBIptablesModRemove("firewall", modules.get()), 0);
     EXPECT_THAT(stored().at("tarn_no_such").services, UnorderedElementsAre("vpn"));
     EXPECT_EQ(modeOf(kLedgerFile), static_cast<mode_t>(S_IFREG | 0600));
-    EXPECT_FALSE(std::filesystem::exists(kLedgerFile + ".tmp"));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator("/run/tarn"), {}), 2);  // the lock
     EXPECT_EQ(TLIBIptablesModRemove("vpn", modules.get()), 0);
     EXPECT_THAT(stored(), IsEmpty());
 }
@@ -386,11 +412,35 @@ TEST_F(ModFunctionsTest, ADamagedLedgerIsLoggedAndTakenAsEmpty) {
 
 TEST_F(ModFunctionsTest, ALedgerThatCannotBeWrittenIsAFailure) {
     writeFile(kLedgerFile, R"({"tarn_no_such": {"inserted": false, "services": ["firewall"]}})");
-    std::filesystem::create_directories(kLedgerFile + ".tmp");
-    EXPECT_LT(TLIBIptablesModRemove("firewall", listOf({"tarn_no_such.ko"}).get()), 0);
-    EXPECT_EQ(TLIBCErrGet(), EISDIR);
-    EXPECT_THAT(logged(LOG_ERR), ElementsAre(HasSubstr(kLedgerFile + ": not written")));
+    // Its temporary file has no room; the lock needs none.
+    writeFile("/run/tarn/iptables_modules.lock", "", 0600);
+    const struct rlimit none = {0, RLIM_INFINITY};
+    struct rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    ASSERT_NE(signal(SIGXFSZ, SIG_IGN), SIG_ERR);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+    const int result = TLIBIptablesModRemove("firewall", listOf({"tarn_no_such.ko"}).get());
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    EXPECT_LT(result, 0);
+    EXPECT_EQ(TLIBCErrGet(), EFBIG);
+    EXPECT_THAT(logged(LOG_ERR), ElementsAre(HasSubstr(kLedgerFile + ": not written: ")));
     EXPECT_THAT(stored().at("tarn_no_such").services, ElementsAre("firewall"));
+}
+
+TEST_F(ModFunctionsTest, ALedgerThatOthersMayHaveWrittenIsTakenAsEmpty) {
+    writeFile(kLedgerFile, R"({"tarn_no_such": {"inserted": true, "services": ["vpn"]}})", 0666);
+    EXPECT_EQ(TLIBIptablesModRemove("firewall", listOf({"tarn_no_such.ko"}).get()), 0);
+    EXPECT_THAT(logged(LOG_ERR),
+                ElementsAre(HasSubstr("Refused " + kLedgerFile + ": group or others may write it"),
+                            HasSubstr(kLedgerFile + ": not read, taken as empty: ")));
+    EXPECT_THAT(stored().at("tarn_no_such").services, ElementsAre("vpn"));  // nothing to write
+}
+
+TEST_F(ModFunctionsTest, ADirectoryThatCannotBeMadeIsAFailure) {
+    writeFile("/run/tarn", "in the way");
+    EXPECT_LT(TLIBIptablesModInsert("firewall", listOf({}).get()), 0);
+    EXPECT_EQ(TLIBCErrGet(), ENOTDIR);
+    EXPECT_THAT(logged(LOG_ERR), ElementsAre(HasSubstr("/run/tarn: not made: ")));
 }
 
 TEST_F(ModFunctionsTest, ALockThatCannotBeTakenIsAFailure) {
@@ -398,7 +448,17 @@ TEST_F(ModFunctionsTest, ALockThatCannotBeTakenIsAFailure) {
     std::filesystem::create_symlink("/run/elsewhere", "/run/tarn/iptables_modules.lock");
     EXPECT_LT(TLIBIptablesModInsert("firewall", listOf({}).get()), 0);
     EXPECT_EQ(TLIBCErrGet(), EAGAIN);
+    EXPECT_THAT(logged(LOG_ERR), ElementsAre(HasSubstr("Cannot open lock file"),
+                                             HasSubstr(": no lock within 30 s")));
     EXPECT_FALSE(std::filesystem::exists("/run/elsewhere"));
+}
+
+TEST_F(ModFunctionsTest, ALockThatCannotBeGivenBackIsLogged) {
+    refuseUnlocking = true;
+    EXPECT_EQ(TLIBIptablesModInsert("firewall", listOf({}).get()), 0);
+    refuseUnlocking = false;
+    EXPECT_THAT(logged(LOG_ERR),
+                ElementsAre(HasSubstr("/run/tarn/iptables_modules.lock: not unlocked")));
 }
 
 TEST_F(ModFunctionsTest, ServicesThatLetGoAtOnceDoNotLoseEachOthersChanges) {

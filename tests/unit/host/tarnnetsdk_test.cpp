@@ -469,7 +469,10 @@ TEST_F(PppoeIntfTest, RefusesWhatIsNoNameOfALink) {
         writeFile(kModelFile, std::string("pppoe_interface=\"") + value + "\"\n");
         EXPECT_LT(TARNPPPoeIntfGet(name_, sizeof name_), 0) << value;
         EXPECT_EQ(TLIBCErrGet(), EINVAL) << value;
-        EXPECT_THAT(logged(LOG_ERR), ElementsAre(HasSubstr(value)));
+        EXPECT_THAT(
+            logged(LOG_ERR),
+            ElementsAre(HasSubstr(std::string("\"pppoe_interface\" is no name of a link: \"") +
+                                  value + "\"")));
     }
     EXPECT_STREQ(name_, "untouched");
 }
@@ -480,6 +483,12 @@ TEST_F(PppoeIntfTest, FailsQuietlyWithoutASession) {
         TLIBCErrSetEx(0, "test", 0);
         EXPECT_LT(TARNPPPoeIntfGet(name_, sizeof name_), 0) << content;
         EXPECT_EQ(TLIBCErrGet(), ENODEV) << content;
+        EXPECT_THAT(logged(LOG_DEBUG),
+                    ElementsAre(HasSubstr(std::string("No link is known to be a PPPoE session; "
+                                                      "\"pppoe_interface\" in ") +
+                                          kModelFile + " can name one")));
+        EXPECT_EQ(capturedLog().size(), 1u);
+        clearCapturedLog();
     }
     std::filesystem::remove(kModelFile);
     EXPECT_LT(TARNPPPoeIntfGet(name_, sizeof name_), 0);

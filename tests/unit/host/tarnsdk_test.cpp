@@ -1,26 +1,33 @@
 #include "tarnsdk.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "host_testing.h"
+#include "logged.h"
 #include "syslog_capture.h"
 #include "tarncore.h"
 
 namespace fs = std::filesystem;
 
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 namespace {
@@ -170,6 +177,174 @@ TEST_F(MkdirTest, WithoutPermissionItFails) {
     EXPECT_FALSE(fs::exists(path("a")));
 }
 
+// ---- Directories that others may have put there first ----
+
+namespace {
+
+class PlantedDirectoryTest : public MkdirTest {
+protected:
+    PlantedDirectoryTest() {
+        EXPECT_EQ(chmod(directory_.c_str(), 01777), 0);  // as /var/lock is
+        clearCapturedLog();
+    }
+
+    static void giveAway(const std::string& path) {
+        ASSERT_EQ(lchown(path.c_str(), kOtherUser, kOtherUser), 0) << path;
+    }
+
+    // What was set aside from `name`, or nothing.
+    std::vector<std::string> refused(const std::string& name) const {
+        std::vector<std::string> paths;
+        for (const auto& entry : fs::directory_iterator(directory_)) {
+            const std::string found = entry.path().filename();
+            if (found.find(name + ".refused-") == 0) {
+                paths.push_back(entry.path());
+            }
+        }
+        return paths;
+    }
+
+    // The one thing that was set aside from `name`; empty when there is not one.
+    std::string keptFrom(const std::string& name) const {
+        const auto paths = refused(name);
+        return paths.size() == 1 ? paths.front() : "";
+    }
+
+    // That `name` was made anew for root, and what stood there is kept and logged once.
+    void expectMadeAnew(const std::string& name, const std::string& why) const {
+        EXPECT_EQ(modeOf(path(name)), S_IFDIR | 0770U);
+        EXPECT_EQ(statusOf(path(name)).st_uid, 0U);
+        const auto aside = refused(name);
+        ASSERT_EQ(aside.size(), 1U);
+        EXPECT_THAT(logged(LOG_ERR),
+                    ElementsAre(HasSubstr("Refused " + path(name) + ": " + why + "; set aside as " +
+                                          fs::path(aside.front()).filename().string())));
+    }
+};
+
+}  // namespace
+
+TEST_F(PlantedDirectoryTest, DirectoryOfAnotherUserIsSetAside) {
+    fs::create_directory(path("a"));
+    writeFile(path("a/trap"), "");
+    giveAway(path("a"));
+    EXPECT_EQ(make(path("a")), 0);
+    expectMadeAnew("a", "it belongs to user 1000");
+    EXPECT_TRUE(fs::is_empty(path("a")));
+    EXPECT_TRUE(fs::exists(keptFrom("a") + "/trap"));
+}
+
+TEST_F(PlantedDirectoryTest, DirectoryThatOthersMayWriteIsSetAside) {
+    for (const mode_t mode : {0777U, 0702U, 0770U}) {
+        fs::remove_all(path("a"));
+        for (const std::string& aside : refused("a")) {
+            fs::remove_all(aside);
+        }
+        fs::create_directory(path("a"));
+        ASSERT_EQ(chown(path("a").c_str(), 0, kOtherGroup), 0);
+        ASSERT_EQ(chmod(path("a").c_str(), mode), 0);
+        clearCapturedLog();
+        EXPECT_EQ(make(path("a")), 0);
+        expectMadeAnew("a", "group or others may write it");
+    }
+}
+
+TEST_F(PlantedDirectoryTest, DirectoriesOfRootAndOfTheUserAskedForStay) {
+    fs::create_directory(path("sticky"));
+    ASSERT_EQ(chmod(path("sticky").c_str(), 01777), 0);
+    EXPECT_EQ(make(path("sticky")), 0);
+    EXPECT_EQ(modeOf(path("sticky")), S_IFDIR | 01777U);
+
+    EXPECT_EQ(make(path("user/below"), 0770, kOtherUser, kOtherGroup), 0);
+    writeFile(path("user/below/kept"), "");
+    EXPECT_EQ(make(path("user/below"), 0770, kOtherUser, kOtherGroup), 0);
+    EXPECT_TRUE(fs::exists(path("user/below/kept")));
+
+    fs::create_directory(path("root"));
+    ASSERT_EQ(chmod(path("root").c_str(), 0775), 0);  // its group is root
+    EXPECT_EQ(make(path("root")), 0);
+    EXPECT_EQ(modeOf(path("root")), S_IFDIR | 0775U);
+    EXPECT_THAT(capturedLog(), IsEmpty());
+}
+
+TEST_F(PlantedDirectoryTest, FileOfAnotherUserIsSetAside) {
+    writeFile(path("a"), "content");
+    giveAway(path("a"));
+    EXPECT_EQ(make(path("a")), 0);
+    expectMadeAnew("a", "it belongs to user 1000");
+    EXPECT_EQ(readFile(keptFrom("a")), "content");
+}
+
+TEST_F(PlantedDirectoryTest, LinkOfAnotherUserIsSetAsideWhereverItLeads) {
+    fs::create_directory(path("real"));
+    fs::create_directory_symlink("real", path("a"));
+    giveAway(path("a"));
+    EXPECT_EQ(make(path("a")), 0);
+    expectMadeAnew("a", "it belongs to user 1000");
+    EXPECT_TRUE(fs::is_symlink(keptFrom("a")));
+
+    fs::create_symlink("nowhere", path("b"));
+    giveAway(path("b"));
+    clearCapturedLog();
+    EXPECT_EQ(make(path("b")), 0);
+    expectMadeAnew("b", "it belongs to user 1000");
+}
+
+TEST_F(PlantedDirectoryTest, LinkOfRootToADirectoryOfAnotherUserIsRefused) {
+    fs::create_directory(path("real"));
+    giveAway(path("real"));
+    fs::create_directory_symlink("real", path("link"));
+    EXPECT_LT(make(path("link")), 0);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_THAT(logged(LOG_ERR), ElementsAre(HasSubstr("Refused directory " + path("link") +
+                                                       ": it belongs to user 1000")));
+    EXPECT_TRUE(fs::is_symlink(path("link")));
+    EXPECT_TRUE(fs::is_directory(path("real")));
+}
+
+TEST_F(PlantedDirectoryTest, OnTheWayItIsRefusedAndStays) {
+    fs::create_directory(path("owned"));
+    giveAway(path("owned"));
+    fs::create_directory(path("open"));
+    ASSERT_EQ(chmod(path("open").c_str(), 0777), 0);
+    fs::create_directory(path("real"));
+    fs::create_directory_symlink("real", path("link"));
+    giveAway(path("link"));
+    for (const std::string name : {"owned", "open", "link"}) {
+        clearCapturedLog();
+        EXPECT_LT(make(path(name + "/below")), 0);
+        EXPECT_EQ(errno, EPERM);
+        EXPECT_EQ(TLIBCErrGet(), EPERM);
+        EXPECT_THAT(logged(LOG_ERR),
+                    ElementsAre(HasSubstr("Refused directory " + path(name) + ": ")));
+        EXPECT_FALSE(fs::exists(path(name + "/below")));
+        EXPECT_THAT(refused(name), IsEmpty());
+    }
+}
+
+TEST_F(PlantedDirectoryTest, WhatCannotBeMovedIsAFailure) {
+    fs::create_directory(path("a"));
+    ASSERT_EQ(mount("planted", path("a").c_str(), "tmpfs", 0, "mode=0777"), 0);
+    EXPECT_LT(make(path("a")), 0);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_THAT(logged(LOG_ERR), ElementsAre(HasSubstr("; not set aside: ")));
+    ASSERT_EQ(umount(path("a").c_str()), 0);
+}
+
+TEST_F(PlantedDirectoryTest, OrdinaryCallersUseWhatTheyMayUse) {
+    fs::create_directory(path("a"));
+    ASSERT_EQ(chmod(path("a").c_str(), 0777), 0);
+    EXPECT_EQ(runChild([&] {
+                  if (setresuid(kOtherUser, kOtherUser, kOtherUser) != 0) {
+                      return 1;
+                  }
+                  return make(path("a")) == 0 && make(path("a/b")) == 0 ? 0 : 2;
+              }),
+              0);
+    EXPECT_EQ(statusOf(path("a/b")).st_uid, kOtherUser);
+    EXPECT_THAT(refused("a"), IsEmpty());
+}
+
 // ---- Hooks ----
 
 namespace {
@@ -196,6 +371,21 @@ extern "C" __attribute__((visibility("default"))) int posix_spawn(
     static const auto real =
         reinterpret_cast<decltype(&posix_spawn)>(dlsym(RTLD_NEXT, "posix_spawn"));
     return real(pid, path, actions, attributes, argv, environment);
+}
+
+namespace {
+
+bool refuseListing = false;  // whether no directory can be read
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) dirent* readdir(DIR* stream) {
+    if (refuseListing) {
+        errno = EIO;
+        return nullptr;
+    }
+    static const auto real = reinterpret_cast<decltype(&readdir)>(dlsym(RTLD_NEXT, "readdir"));
+    return real(stream);
 }
 
 namespace {
@@ -419,7 +609,38 @@ TEST_F(HookTest, LinkedDirectoriesAreRefused) {
     fs::create_directory_symlink("other", kHookDirectory);
     EXPECT_GE(run(), 0);
     EXPECT_EQ(ran(), "");
-    EXPECT_EQ(countLogged(LOG_ERR, "Refused hook " + kHookDirectory), 1);
+    EXPECT_EQ(countLogged(LOG_ERR, "Refused hook " + kHookDirectory + ": it is a link or no dir"),
+              1);
+}
+
+TEST_F(HookTest, DirectoryThatCannotBeListedFailsTheAction) {
+    install("hook");
+    refuseListing = true;
+    EXPECT_LT(run(), 0);
+    refuseListing = false;
+    EXPECT_EQ(TLIBCErrGet(), EIO);
+    EXPECT_EQ(countLogged(LOG_ERR, "Cannot list the hooks: "), 1);
+    EXPECT_EQ(ran(), "");
+}
+
+TEST_F(HookTest, HookThatCannotBeOpenedFailsTheAction) {
+    const std::string name(300, 'x');  // longer than any file's
+    EXPECT_LT(run(kBefore, name), 0);
+    EXPECT_EQ(TLIBCErrGet(), ENAMETOOLONG);
+    EXPECT_EQ(countLogged(LOG_ERR, "Cannot open hook " + kHookRoot + "/" + name + ": "), 1);
+}
+
+TEST_F(HookTest, LostStatusCountsAsSuccessAndIsLogged) {
+    install("hook");
+    EXPECT_EQ(runChild([&] {
+                  signal(SIGCHLD, SIG_IGN);
+                  const bool good = run() >= 0;
+                  const std::string line =
+                      "The exit status of hook \"" + kHookDirectory + "/hook pre\" is lost";
+                  return good && countLogged(LOG_WARNING, line) == 1 ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(ran(), "hook pre\n");
 }
 
 TEST_F(HookTest, FailingHookFailsTheActionAndTheOthersStillRun) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
@@ -167,12 +168,35 @@ TEST_F(ServiceConfTest, FilesOfOtherNamesAreNoPartOfIt) {
 TEST_F(ServiceConfTest, WhatIsNoRegularFileIsLoggedAndNotWaitedFor) {
     std::filesystem::create_directories(kDefaults + "directory.json");
     ASSERT_EQ(mkfifo((kDefaults + "pipe.json").c_str(), 0600), 0);
-    std::filesystem::create_symlink("/nowhere", kDefaults + "link.json");
+    std::filesystem::create_symlink("z.json", kDefaults + "link.json");
     writeFile(kDefaults + "z.json", service("a", "1"));
     ASSERT_EQ(load(), 1);
+    EXPECT_THAT(
+        logged(LOG_ERR),
+        ElementsAre(HasSubstr("Refused " + kDefaults + "directory.json: it is no regular file"),
+                    HasSubstr("Refused " + kDefaults + "link.json: it is a symbolic link"),
+                    HasSubstr("Refused " + kDefaults + "pipe.json: it is no regular file")));
+}
+
+TEST_F(ServiceConfTest, FilesThatOthersMayHaveWrittenAreNotRead) {
+    writeFile(kOwn + "foreign.json", service("foreign", "1"));
+    ASSERT_EQ(chown((kOwn + "foreign.json").c_str(), 1000, 1000), 0);
+    writeFile(kOwn + "group.json", service("group", "2"), 0664);
+    writeFile(kOwn + "others.json", service("others", "3"), 0646);
+    writeFile(kOwn + "shipped.json", service("shipped", "4"), 0644);
+    ASSERT_EQ(load(), 1);
+    EXPECT_NE(find("shipped"), nullptr);
     EXPECT_THAT(logged(LOG_ERR),
-                ElementsAre(HasSubstr("directory.json: not read"), HasSubstr("link.json: not read"),
-                            HasSubstr("pipe.json: not read")));
+                ElementsAre(HasSubstr("foreign.json: it belongs to user 1000"),
+                            HasSubstr("group.json: group or others may write it (mode 0664)"),
+                            HasSubstr("others.json: group or others may write it (mode 0646)")));
+}
+
+TEST_F(ServiceConfTest, AFileThatIsTooLargeIsLogged) {
+    writeFile(kOwn + "large.json", service("a", "1"));
+    std::filesystem::resize_file(kOwn + "large.json", 16 * 1024 * 1024 + 1);
+    EXPECT_EQ(load(), 0);
+    EXPECT_THAT(logged(LOG_ERR), ElementsAre(HasSubstr("large.json: not read: File too large")));
 }
 
 TEST_F(ServiceConfTest, WithoutAnyServiceTheListIsUntouched) {
