@@ -338,6 +338,15 @@ protected:
     }
 };
 
+TEST_F(ImportTest, DocumentOfAnotherShapeRaisesBeforeAnythingIsDeleted) {
+    storeEmptyProfile("1", "home");
+    for (const char* const text :
+         {"[1]", R"({"config_profiles": []})", R"({"config_profiles": "x"})"}) {
+        EXPECT_THROW(FW::TARNFW_JSON_DB().importConfig(parseJson(text)), Json::Exception) << text;
+        EXPECT_TRUE(FW::TARNFW_JSON_DB().profileExist("home")) << text;
+    }
+}
+
 TEST_F(ImportTest, ReplacesProfilesAndSettings) {
     EXPECT_TRUE(store_.importConfig(configuration()));
     EXPECT_THAT(filesIn(kProfileDir), ElementsAre("17.json", "3.json", "firewall_settings.json"));

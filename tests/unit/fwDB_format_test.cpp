@@ -385,13 +385,6 @@ TEST_F(FormatTest, ReadingAddsToWhatTheProfileHolds) {
                                                   {"vpn", FW::FW_POLICY_ALLOW}}));
 }
 
-TEST_F(FormatTest, ReadingLeavesTheDocumentUnchanged) {
-    const Json::Value document = parseJson(R"({"name": "home", "rules": {"eth0": [{}]}})");
-    const Json::Value before = document;
-    (void)toProfile(document);
-    EXPECT_EQ(document, before);
-}
-
 // ---- Types of members ----
 
 struct ScalarCase {

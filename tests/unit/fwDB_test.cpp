@@ -5,6 +5,7 @@
 #include <glob.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
@@ -253,6 +254,26 @@ TEST_P(NamelessTest, AloneMakesAnIndexWithoutEntries) {
 
 INSTANTIATE_TEST_SUITE_P(, NamelessTest, ::testing::ValuesIn(kNameless),
                          [](const auto& c) { return std::string(c.param.name); });
+
+TEST_F(StoreTest, OnlyTheAnswerOneCountsAsExisting) {
+    storeEmptyProfile("1", "home");
+    for (const int answer : {-1, 2}) {
+        platform_.existResult = answer;
+        EXPECT_FALSE(FW::TARNFW_JSON_DB().profileExist("home")) << answer;
+    }
+    platform_.existResult = 1;
+    EXPECT_TRUE(FW::TARNFW_JSON_DB().profileExist("home"));
+}
+
+TEST_F(StoreTest, DirectoryNamedLikeADocumentIsLoggedAndSkipped) {
+    storeEmptyProfile("2", "home");
+    ASSERT_EQ(mkdir((kProfileDir + "1.json").c_str(), 0755), 0);
+    std::vector<std::string> names;
+    EXPECT_TRUE(FW::TARNFW_JSON_DB().profileEnum(names));
+    EXPECT_THAT(names, ElementsAre("home"));
+    EXPECT_TRUE(loggedError("utils", "Failed to parse Json value of " + kProfileDir + "1.json"));
+    EXPECT_TRUE(loggedError("fwDB", "Failed to load json from " + kProfileDir + "1.json"));
+}
 
 TEST_F(StoreTest, FilesThatCannotBeLoadedAreLoggedFromTheLastToTheFirstAndSkipped) {
     writeFile(fileOf("1"), "{\"name\": \"broken\"");

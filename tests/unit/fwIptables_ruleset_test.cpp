@@ -153,6 +153,14 @@ const LocalIpCase kLocalIps[] = {
      "! -s ::ffff:10.0.0.1 -m state --state ESTABLISHED,RELATED -j ACCEPT"},
 };
 
+TEST_F(RulesetTest, LoopbackIsAnIpv4AddressAlsoWhereThePlatformSaysNo) {
+    platform_.loopbackIsNoAddress = true;
+    const Json::Value out = fixedLines(true, "127.0.0.1");
+    EXPECT_EQ(out["v4"]["global"][1].asString(),
+              "-A INPUT_FIREWALL ! -s 127.0.0.1 -m state --state ESTABLISHED,RELATED -j ACCEPT");
+    EXPECT_THAT(platform_.logged(), IsEmpty());
+}
+
 class LocalIpTest : public RulesetTest, public ::testing::WithParamInterface<LocalIpCase> {};
 
 TEST_P(LocalIpTest, ShapesTheEstablishedLineOfItsFamily) {

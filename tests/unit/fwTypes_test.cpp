@@ -204,7 +204,7 @@ TEST(ProfileTest, ChangingACopyLeavesTheFirstOneUnchanged) {
     const FW::FWPROFILE first = twoRules();
     FW::FWPROFILE copy = first;
     copy.name = "away";
-    copy.rules["eth0"][0].portList.push_back("22");
+    copy.rules["eth0"][0].portList.emplace_back("22");
     copy.rules["eth0"][0].chainList.clear();
     copy.rules["eth0"].pop_back();
     copy.rules["vpn"].emplace_back();

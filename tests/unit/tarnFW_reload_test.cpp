@@ -1220,6 +1220,7 @@ TEST_F(FwReloadExceptionTest, ExceptionWhileReopeningDoesNotReplaceTheFirst) {
         }
     };
     EXPECT_THROW(FW::TARNFW().fwReload(true), LineBroke);
+    EXPECT_THAT(errors(), Contains("tarnFW: Failed to set default accept after an exception"));
     EXPECT_EQ(acts().back(), kReleaseExecLock.back());
 }
 

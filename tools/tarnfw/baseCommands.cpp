@@ -1,16 +1,16 @@
 /// tarnfw base: the chains and jumps that the library expects to find, and a first profile.
-#include <ctime>
-#include <fstream>
-#include <iostream>
-#include <memory>
-
 #include <glob.h>
+
+#include <ctime>
+#include <iostream>
+#include <string>
+#include <vector>
+
 #include <json/json.h>
 
 #include "tarncore.h"
 #include "tarnsdk.h"
 
-#include "tarnfirewall/fwDB.h"
 #include "tarnfirewall/utils.h"
 
 #include "baseFilter.h"
@@ -91,23 +91,35 @@ BaseParts recordedParts(const Json::Value& family) {
 
 // ---- The first profile ----
 
-struct GlobFree {
-    void operator()(glob_t* paths) const {
-        globfree(paths);
-        delete paths;
+/// The paths of the store's documents.
+std::vector<std::string> documents() {
+    std::vector<std::string> paths;
+    glob_t found{};
+    if (glob((std::string(kProfileDir) + "*.json").c_str(), 0, nullptr, &found) == 0) {
+        paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
     }
-};
-
-bool directoryHasDocuments() {
-    const std::unique_ptr<glob_t, GlobFree> paths(new glob_t{});
-    return glob((std::string(kProfileDir) + "*.json").c_str(), 0, nullptr, paths.get()) == 0;
+    globfree(&found);
+    return paths;
 }
 
+/// Whether the store holds a profile, also one that cannot be read: that is somebody's, and must
+/// not be replaced by a first one of the same name.
 bool storeHasProfile() {
-    // The store takes a directory without documents for a failure and would log one.
-    Json::Value index;
-    return directoryHasDocuments() && FW::TARNFW_JSON_DB().profileMetaCreate(index) &&
-           !index.empty();
+    for (const std::string& path : documents()) {
+        Json::Value document;
+        if (path == kSettingsFile) {
+            continue;
+        }
+        if (!FW::jsonFileLoad(document, path)) {
+            std::cerr << "tarnfw: " << printable(path)
+                      << " cannot be read and may be a profile: no first one is written\n";
+            return true;
+        }
+        if (document.isObject() && document["name"].isString()) {
+            return true;
+        }
+    }
+    return false;
 }
 
 /// Writes the first profile where there is none. Not through the store: its generator of file names
@@ -131,7 +143,8 @@ void writeFirstProfile() {
     if (!FW::jsonFileDump(document, path)) {
         throw CommandFailed("cannot write the first profile to " + path);
     }
-    std::cout << "Profile \"" << document["name"].asString() << "\" written to " << path << '\n';
+    std::cout << "Profile \"" << printable(document["name"].asString()) << "\" written to " << path
+              << '\n';
 }
 
 // ---- Commands ----
@@ -150,6 +163,9 @@ void baseUp() {
             filter.add(parts);
         }
         std::cout << filter.title() << ": added " << describe(parts) << '\n';
+        if (!filter.inOrder()) {
+            std::cerr << "tarnfw: " << filter.title() << " is " << kWrongOrder << '\n';
+        }
     }
     writeFirstProfile();
 }
@@ -173,10 +189,13 @@ void baseDown() {
 }
 
 void baseStatus() {
+    requireRoot();
     for (const BaseFilter& filter : baseFilters()) {
         const BaseParts parts = filter.missing();
         std::cout << filter.title() << ": "
-                  << (parts.empty() ? "set up" : "missing: " + describe(parts)) << '\n';
+                  << (parts.empty() ? filter.inOrder() ? "set up" : kWrongOrder
+                                    : "missing: " + describe(parts))
+                  << '\n';
     }
 }
 

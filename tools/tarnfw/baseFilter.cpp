@@ -3,6 +3,7 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <memory>
 
 #include <boost/algorithm/string/join.hpp>
@@ -15,6 +16,9 @@ namespace tarnfw {
 namespace {
 
 constexpr char kReloadingChain[] = "FIREWALL_RELOADING";
+
+// Other programs change the packet filter as well, at boot most of all.
+constexpr char kLockSeconds[] = "30";
 
 /// The base filter whole. The order is that of adding; jumps are listed in the order in which
 /// packets meet them.
@@ -57,27 +61,36 @@ int positionOf(const std::vector<std::string>& lines, const std::string& chain,
     return 0;
 }
 
-struct LineFree {
-    void operator()(char* line) const { free(line); }
+struct StreamClose {
+    void operator()(FILE* stream) const { (void)TLIBCPclose(stream); }
+};
+
+/// The buffer of getline(), freed whatever happens to the lines that are made from it.
+struct LineBuffer {
+    LineBuffer() = default;
+    ~LineBuffer() { std::free(text); }
+    LineBuffer(const LineBuffer&) = delete;
+    LineBuffer& operator=(const LineBuffer&) = delete;
+
+    char* text = nullptr;
+    std::size_t capacity = 0;
 };
 
 /// The lines of a stream, without their line feeds.
 std::vector<std::string> linesOf(FILE* stream) {
     std::vector<std::string> lines;
-    char* buffer = nullptr;
-    std::size_t capacity = 0;
+    LineBuffer buffer;
     for (;;) {
-        const ssize_t length = getline(&buffer, &capacity, stream);
+        const ssize_t length = getline(&buffer.text, &buffer.capacity, stream);
         if (length < 0) {
             break;
         }
-        std::string line(buffer, static_cast<std::size_t>(length));
+        std::string line(buffer.text, static_cast<std::size_t>(length));
         if (line.back() == '\n') {
             line.pop_back();
         }
         lines.push_back(std::move(line));
     }
-    const std::unique_ptr<char, LineFree> owned(buffer);
     return lines;
 }
 
@@ -104,6 +117,15 @@ BaseParts BaseFilter::missing() const {
         }
     }
     return parts;
+}
+
+bool BaseFilter::inOrder() const {
+    const std::vector<std::string> lines = rules();
+    const auto& jumps = wholeBase().jumps;
+    return std::all_of(jumps.begin(), jumps.end(), [&](const auto& jump) {
+        return positionOf(lines, jump.first, jumpLine({jump.first, kReloadingChain})) <=
+               positionOf(lines, jump.first, jumpLine(jump));
+    });
 }
 
 void BaseFilter::add(const BaseParts& parts) const {
@@ -138,21 +160,22 @@ void BaseFilter::remove(const BaseParts& parts) const {
 
 /// The filter table's rules as the tool lists them.
 std::vector<std::string> BaseFilter::rules() const {
-    FILE* const stream =
-        TLIBCPopen(tool_.c_str(), "r", "-t", "filter", "-S", static_cast<const char*>(nullptr));
+    std::unique_ptr<FILE, StreamClose> stream(TLIBCPopen(tool_.c_str(), "r", "-w", kLockSeconds,
+                                                         "-t", "filter", "-S",
+                                                         static_cast<const char*>(nullptr)));
     if (stream == nullptr) {
         throw CommandFailed("cannot run " + tool_);
     }
-    std::vector<std::string> lines = linesOf(stream);
-    if (TLIBCPclose(stream) != 0) {
+    std::vector<std::string> lines = linesOf(stream.get());
+    if (TLIBCPclose(stream.release()) != 0) {
         throw CommandFailed(tool_ + " cannot list the filter table");
     }
     return lines;
 }
 
 void BaseFilter::run(const std::vector<std::string>& arguments) const {
-    std::vector<const char*> argv = {tool_.c_str(), "-t", "filter"};
-    std::string line = tool_ + " -t filter";
+    std::vector<const char*> argv = {tool_.c_str(), "-w", kLockSeconds, "-t", "filter"};
+    std::string line = tool_ + " -w " + kLockSeconds + " -t filter";
     for (const std::string& argument : arguments) {
         argv.push_back(argument.c_str());
         line += " " + argument;

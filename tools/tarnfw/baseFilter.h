@@ -29,6 +29,11 @@ public:
     /// What the kernel lacks of the base filter.
     BaseParts missing() const;
 
+    /// Whether packets meet the jump to FIREWALL_RELOADING before that to a firewall chain.
+    /// Somebody else's setup may have them the other way; then a reload cuts established
+    /// connections.
+    bool inOrder() const;
+
     /// Adds `parts`: chains, then jumps, at the head of their chain and FIREWALL_RELOADING's first.
     void add(const BaseParts& parts) const;
 
@@ -42,6 +47,9 @@ private:
     std::string key_;
     std::string tool_;
 };
+
+inline constexpr char kWrongOrder[] =
+    "set up, but a firewall chain is ahead of FIREWALL_RELOADING: reloads cut connections";
 
 /// Both families, IPv4 first.
 std::vector<BaseFilter> baseFilters();

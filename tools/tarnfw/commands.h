@@ -2,12 +2,15 @@
 /// CommandFailed, which main() turns into a line on standard error and an exit status.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include <stdexcept>
 #include <string>
 
+#include <CLI/CLI.hpp>
+
 namespace tarnfw {
+
+/// The settings: the one document of the profile directory that is no profile.
+inline constexpr char kSettingsFile[] = "/usr/tarn/etc/firewall.d/firewall_settings.json";
 
 /// Exit statuses of the tool, besides 0.
 enum ExitStatus : int {
@@ -16,8 +19,7 @@ enum ExitStatus : int {
     kExitNotRoot = 4,
 };
 
-/// Ends a command. The text says what failed and why, for the person at the terminal; it is empty
-/// where the library has said so already.
+/// Ends a command. The text says what failed and why, for the person at the terminal.
 class CommandFailed : public std::runtime_error {
 public:
     explicit CommandFailed(const std::string& text, ExitStatus status = kExitFailed)
@@ -33,8 +35,12 @@ void addControlCommands(CLI::App& app);  ///< status, enable, disable, reload
 void addPreviewCommand(CLI::App& app);   ///< preview
 void addProfileCommands(CLI::App& app);  ///< profile list, show
 
-/// Refuses to go on without root's rights.
+/// Refuses to go on without root's rights. For reading commands, too: reading a profile takes its
+/// lock, and lock files must be root's.
 void requireRoot();
+
+/// A name from a file as a terminal may see it: control characters become '?'.
+std::string printable(std::string text);
 
 /// The active profile's name, without making a settings file where there is none.
 std::string activeProfile();

@@ -1,22 +1,27 @@
 #include <unistd.h>
 
-#include "commands.h"
+#include <algorithm>
+
+#include <json/json.h>
 
 #include "tarncore.h"
 
 #include "tarnfirewall/tarnFW.h"
 
+#include "commands.h"
+
 namespace tarnfw {
-namespace {
-
-constexpr char kSettingsFile[] = "/usr/tarn/etc/firewall.d/firewall_settings.json";
-
-}  // namespace
-
 void requireRoot() {
     if (geteuid() != 0) {
         throw CommandFailed("this needs root's rights", kExitNotRoot);
     }
+}
+
+std::string printable(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(),
+        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
+    return text;
 }
 
 std::string activeProfile() {

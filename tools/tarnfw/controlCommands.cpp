@@ -24,12 +24,15 @@ void requireBase() {
 }
 
 void status() {
+    requireRoot();
     std::cout << "Firewall:       " << (firewallEnabled() ? "enabled" : "disabled") << '\n'
-              << "Active profile: " << activeProfile() << '\n';
+              << "Active profile: " << printable(activeProfile()) << '\n';
     for (const BaseFilter& filter : baseFilters()) {
         const BaseParts parts = filter.missing();
         std::cout << "Base filter:    " << filter.title() << ' '
-                  << (parts.empty() ? "set up" : "lacks " + describe(parts)) << '\n';
+                  << (parts.empty() ? filter.inOrder() ? "set up" : kWrongOrder
+                                    : "lacks " + describe(parts))
+                  << '\n';
     }
 }
 
@@ -39,7 +42,7 @@ void enable() {
     if (!FW::TARNFW().fwEnable()) {
         throw CommandFailed("the firewall was not enabled as it should be");
     }
-    std::cout << "Firewall enabled with profile \"" << activeProfile() << "\"\n";
+    std::cout << "Firewall enabled with profile \"" << printable(activeProfile()) << "\"\n";
 }
 
 void disable() {
@@ -60,7 +63,7 @@ void reload() {
     if (!FW::TARNFW().fwReload(true)) {
         throw CommandFailed("the active profile was not applied");
     }
-    std::cout << "Profile \"" << activeProfile() << "\" applied\n";
+    std::cout << "Profile \"" << printable(activeProfile()) << "\" applied\n";
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 /// tarnfw: the firewall from a terminal. Parses the command line, calls the library, prints.
+#include <sys/stat.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <exception>
 #include <iostream>
@@ -42,19 +42,19 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // What the library writes is for root to change, whatever the caller's mask.
+    umask(022);
     // What the library logs is the reason of a failure: shown here as well as in the system log.
     openlog("tarnfw", LOG_PERROR, LOG_USER);
     setlogmask(LOG_UPTO(LOG_WARNING));
     try {
         return run(argc, argv);
     } catch (const tarnfw::CommandFailed& failure) {
-        if (*failure.what() != '\0') {
-            std::cerr << "tarnfw: " << failure.what() << '\n';
-        }
+        std::cerr << "tarnfw: " << failure.what() << '\n';
         return failure.status();
     } catch (const boost::interprocess::interprocess_exception& error) {
         std::cerr << "tarnfw: a lock file below /var/lock/firewall cannot be opened: "
-                  << error.what() << (geteuid() == 0 ? "" : " (not root)") << '\n';
+                  << error.what() << '\n';
     } catch (const std::exception& error) {
         std::cerr << "tarnfw: " << error.what() << '\n';
     }

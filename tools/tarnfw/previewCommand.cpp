@@ -1,6 +1,9 @@
 /// tarnfw preview: the command lines of a profile, as a reload would run them.
 #include <iostream>
 #include <memory>
+#include <string>
+
+#include <json/json.h>
 
 #include "tarnfirewall/tarnFW.h"
 
@@ -13,7 +16,7 @@ constexpr char kGlobalKey[] = "global";
 
 void printLines(const std::string& tool, const Json::Value& lines) {
     for (const Json::Value& line : lines) {
-        std::cout << tool << ' ' << line.asString() << '\n';
+        std::cout << printable(tool + ' ' + line.asString()) << '\n';
     }
 }
 
@@ -27,10 +30,12 @@ void printFamily(const std::string& tool, const Json::Value& family) {
     }
 }
 
-void preview(const std::string& profile) {
+void preview(const std::string& name) {
+    requireRoot();
+    const std::string profile = name.empty() ? activeProfile() : name;
     Json::Value commands;
     if (!FW::TARNFW().fwIptablesRulesEnum(profile, commands, true)) {
-        throw CommandFailed("profile \"" + profile + "\" cannot be translated");
+        throw CommandFailed("profile \"" + printable(profile) + "\" cannot be translated");
     }
     const Json::Value& families = commands;
     std::cout << "# IPv4\n";
@@ -46,7 +51,7 @@ void addPreviewCommand(CLI::App& app) {
         "preview", "Print the command lines of a profile, in the order of running; change nothing");
     const auto profile = std::make_shared<std::string>();
     command->add_option("PROFILE", *profile, "The profile; the active one when left out");
-    command->callback([profile] { preview(profile->empty() ? activeProfile() : *profile); });
+    command->callback([profile] { preview(*profile); });
 }
 
 }  // namespace tarnfw

@@ -1,6 +1,9 @@
 /// tarnfw profile: list, show.
 #include <iostream>
 #include <memory>
+#include <set>
+#include <string>
+#include <vector>
 
 #include "tarnfirewall/tarnFW.h"
 
@@ -11,22 +14,25 @@ namespace tarnfw {
 namespace {
 
 void list() {
+    requireRoot();
     std::vector<std::string> names;
     if (!FW::TARNFW_PROFILE().profileEnum(names)) {
         throw CommandFailed("there are no profiles; \"tarnfw base up\" writes a first one");
     }
     const std::string active = activeProfile();
     for (const std::string& name : names) {
-        std::cout << (name == active ? "* " : "  ") << name << '\n';
+        std::cout << (name == active ? "* " : "  ") << printable(name) << '\n';
     }
 }
 
 void show(const std::string& name) {
+    requireRoot();
     FW::FWPROFILE profile;
     if (!FW::TARNFW_PROFILE().profileGet(name, profile)) {
-        throw CommandFailed("profile \"" + name + "\" cannot be read");
+        throw CommandFailed("profile \"" + printable(name) + "\" cannot be read");
     }
-    std::cout << "Profile " << profile.name << (name == activeProfile() ? " (active)" : "") << '\n';
+    std::cout << "Profile " << printable(profile.name)
+              << (name == activeProfile() ? " (active)" : "") << '\n';
     std::set<std::string> adapters;
     for (const auto& [adapter, rules] : profile.rules) {
         adapters.insert(adapter);
@@ -35,10 +41,10 @@ void show(const std::string& name) {
         adapters.insert(adapter);
     }
     for (const std::string& adapter : adapters) {
-        std::cout << '\n' << adapter << '\n';
+        std::cout << '\n' << printable(adapter) << '\n';
         int position = 0;
         for (const FW::FWRULE& rule : profile.rules[adapter]) {
-            std::cout << "  " << ++position << ". " << ruleText(rule) << '\n';
+            std::cout << "  " << ++position << ". " << printable(ruleText(rule)) << '\n';
         }
         const auto policy = profile.adapterPolicyMap.find(adapter);
         if (policy != profile.adapterPolicyMap.end()) {

@@ -1,0 +1,242 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# What the tool says and which exit status it ends with: 0 success, 1 failed, 2 wrong usage, 4 not root.
+make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
+
+# answers STATUS ARGUMENT...: that status; the output is in $out/answer and $out/complaint.
+answers() {
+    local wanted=$1 status=0
+    shift
+    printf -- '-- %s: tarnfw %s\n' "$wanted" "$*"
+    tarnfw "$@" >"$out/answer" 2>"$out/complaint" || status=$?
+    if ((status != wanted)); then
+        cat -- "$out/answer" "$out/complaint"
+        fail "tarnfw $* ends with $status instead of $wanted"
+    fi
+}
+
+# says PATTERN: a line of the last answer is like it.
+says() {
+    grep --quiet -- "$1" "$out/answer" || {
+        cat -- "$out/answer"
+        fail "no such line: $1"
+    }
+}
+
+# complains PATTERN: the last complaint is one line, and like it. Lines of the library's log, which
+# say where in the library something failed, may stand before it.
+complains() {
+    sed '/^tarnfw: [A-Za-z]*:[0-9]* /d' "$out/complaint" >"$out/own_complaint"
+    if [[ $(wc -l <"$out/own_complaint") != 1 ]] || ! grep --quiet -- "$1" "$out/own_complaint"; then
+        cat -- "$out/complaint"
+        fail "not this one line: $1"
+    fi
+}
+
+silent() {
+    [[ ! -s $out/complaint ]] || {
+        cat -- "$out/complaint"
+        fail 'a complaint where there should be none'
+    }
+}
+
+# --- help, version, wrong usage --------------------------------------------------------------------
+
+commands=('base up' 'base down' 'base status' status enable disable reload preview 'profile list'
+    'profile show')
+keep_listing before
+answers 0 --help
+silent
+for command in "${commands[@]}"; do
+    says "^ *${command%% *} "
+done
+for command in "${commands[@]}" base profile; do
+    read -r -a words <<<"$command"
+    answers 0 "${words[@]}" -h
+    silent
+    says "tarnfw $command"
+    cp -- "$out/answer" "$out/short"
+    answers 0 "${words[@]}" --help
+    step 'both are the same' cmp "$out/short" "$out/answer"
+done
+answers 0 --version
+silent
+step 'the version is one line of numbers' grep --quiet --line-regexp '[0-9]\+\(\.[0-9]\+\)*' \
+    "$out/answer"
+step 'which is all' [ "$(wc -l <"$out/answer")" = 1 ]
+
+for wrong in '' nonsense --nonsense base 'base sideways' 'base up more' profile 'profile show' \
+    'profile show one two' 'profile list more' 'status more' 'enable --fast' 'preview one two'; do
+    read -r -a words <<<"$wrong"
+    answers 2 "${words[@]}"
+    step 'nothing on standard output' [ ! -s "$out/answer" ]
+    step 'but why' [ -s "$out/complaint" ]
+done
+
+# --- before base up --------------------------------------------------------------------------------
+
+answers 0 base status
+says '^IPv4: missing: chains .*INPUT_FIREWALL.*; jumps .*INPUT -> INPUT_FIREWALL'
+says '^IPv6: missing: chains .*INPUT_FIREWALL.*; jumps .*FORWARD -> FORWARD_FIREWALL'
+answers 0 status
+says '^Firewall: *disabled$'
+says '^Active profile: *default$'
+says '^Base filter: *IPv4 lacks chains '
+says '^Base filter: *IPv6 lacks chains '
+answers 1 profile list
+step 'no profile is listed' [ ! -s "$out/answer" ]
+step 'the way to a first one is named' grep --quiet 'tarnfw base up' "$out/complaint"
+answers 1 enable
+complains '^tarnfw: the base packet filter is not set up; "tarnfw base up" does that '
+step 'no profile or settings came of all this' [ ! -e "$kSettings" ]
+# Settings that count as enabled: a reload has something to do, and must not do it.
+mkdir -p -- "$kProfileDirectory"
+printf '{"status": true, "profile": "default"}\n' >"$kSettings"
+cp -- "$kSettings" /tmp/settings
+answers 1 reload
+complains '^tarnfw: the base packet filter is not set up; "tarnfw base up" does that '
+answers 1 enable
+step 'the settings are untouched' cmp "$kSettings" /tmp/settings
+step 'the filter is untouched' same_listing before
+answers 0 status
+says '^Firewall: *enabled$'
+rm -- "$kSettings"
+
+# --- with it ---------------------------------------------------------------------------------------
+
+answers 0 base up
+says '^IPv4: added chains .*INPUT_FIREWALL'
+says '^IPv6: added chains .*INPUT_FIREWALL'
+says '^Profile "default" written to '
+answers 0 base up
+silent
+says '^IPv4: added nothing$'
+says '^IPv6: added nothing$'
+answers 0 base status
+silent
+step 'both families are set up' [ "$(<"$out/answer")" = $'IPv4: set up\nIPv6: set up' ]
+keep_listing base
+
+answers 0 reload
+says '^Firewall disabled: nothing to reload$'
+step 'the filter is untouched' same_listing base
+answers 0 enable
+says '^Firewall enabled with profile "default"$'
+answers 0 status
+says '^Firewall: *enabled$'
+says '^Active profile: *default$'
+says '^Base filter: *IPv4 set up$'
+says '^Base filter: *IPv6 set up$'
+keep_listing enabled
+answers 0 reload
+says '^Profile "default" applied$'
+step 'the rules are the same' same_listing enabled
+
+# One jump gone: the machine would pass for protected.
+ip6tables -D INPUT -j INPUT_FIREWALL
+keep_listing lacking
+answers 0 base status
+says '^IPv4: set up$'
+says '^IPv6: missing: jumps INPUT -> INPUT_FIREWALL$'
+answers 1 reload
+complains 'IPv6 lacks jumps INPUT -> INPUT_FIREWALL'
+step 'nothing was changed' same_listing lacking
+answers 0 base up
+says '^IPv6: added jumps INPUT -> INPUT_FIREWALL$'
+step 'it is whole again' same_listing enabled
+
+# Jumps the other way round, as somebody else may have made them: said, and left to them.
+iptables -D FORWARD -j FIREWALL_RELOADING
+iptables -A FORWARD -j FIREWALL_RELOADING
+keep_listing reversed
+answers 0 base status
+says '^IPv4: set up, but a firewall chain is ahead of FIREWALL_RELOADING'
+says '^IPv6: set up$'
+answers 0 status
+says '^Base filter: *IPv4 set up, but a firewall chain is ahead of FIREWALL_RELOADING'
+says '^Base filter: *IPv6 set up$'
+answers 0 base up
+complains '^tarnfw: IPv4 is set up, but a firewall chain is ahead of FIREWALL_RELOADING'
+step 'nothing was changed' same_listing reversed
+iptables -D FORWARD -j FIREWALL_RELOADING
+iptables -I FORWARD -j FIREWALL_RELOADING
+step 'it is in order again' same_listing enabled
+
+# --- profiles --------------------------------------------------------------------------------------
+
+cp -- "$checkout/tests/kernel/cases/deny_by_default/profile.json" \
+    "$kProfileDirectory/deny_by_default.json"
+answers 0 profile list
+step 'the active one has the star' [ "$(LC_ALL=C sort "$out/answer")" = \
+    $'  deny_by_default\n* default' ]
+activate deny_by_default
+answers 0 profile list
+step 'and loses it to another one' [ "$(LC_ALL=C sort "$out/answer")" = \
+    $'  default\n* deny_by_default' ]
+
+answers 0 profile show deny_by_default
+silent
+step 'the rules in plain words' diff -u - "$out/answer" <<'END'
+Profile deny_by_default (active)
+
+eth0
+  1. allow service http,https from anywhere  "Web"
+  2. allow tcp 22 from 192.168.1.20 (IPv4)  "SSH from the admin station"
+  otherwise: deny
+
+eth1
+  otherwise: allow
+
+global
+  otherwise: no default
+END
+answers 0 profile show default
+step 'the other one is not active' [ "$(head -n 1 "$out/answer")" = 'Profile default' ]
+
+for command in 'profile show' preview; do
+    read -r -a words <<<"$command"
+    answers 1 "${words[@]}" nowhere
+    step 'nothing on standard output' [ ! -s "$out/answer" ]
+    complains '^tarnfw: .*"nowhere"'
+done
+
+# A name can hold what a terminal would obey.
+printf '{"name": "odd\\u001b[2J\\nname", "adapterPolicyMap": {"global": 0}, "rules": {}}\n' \
+    >"$kProfileDirectory/odd.json"
+answers 0 profile list
+says '^  odd?\[2J?name$'
+answers 0 profile show $'odd\e[2J\nname'
+step 'its name is one line of text' [ "$(head -n 1 "$out/answer")" = 'Profile odd?[2J?name' ]
+rm -- "$kProfileDirectory/odd.json"
+
+answers 0 disable
+says '^Firewall disabled$'
+answers 0 status
+says '^Firewall: *disabled$'
+step 'the chains are empty' same_listing base
+
+# --- as an ordinary user ---------------------------------------------------------------------------
+
+# In a user namespace with root alone there is nobody else to be. The capability keeps the build
+# directory in reach, whatever its mode: only the user is another one.
+ordinary=(setpriv --reuid 65534 --regid 65534 --clear-groups --inh-caps +dac_override
+    --ambient-caps +dac_override --)
+if "${ordinary[@]}" true 2>/dev/null; then
+    tarnfw() {
+        "${ordinary[@]}" "$build/tools/tarnfw/tarnfw" "$@"
+    }
+    (cd -- "$kProfileDirectory" && sha256sum -- *) >/tmp/files
+    for command in "${commands[@]}"; do
+        [[ $command != 'profile show' ]] || command+=' default'
+        read -r -a words <<<"$command"
+        answers 4 "${words[@]}"
+        step 'nothing on standard output' [ ! -s "$out/answer" ]
+        complains '^tarnfw: .*root'
+        answers 0 "${words[@]:0:2}" --help
+    done
+    answers 0 --help
+    answers 0 --version
+    answers 2 nonsense
+    step 'nothing was changed' same_listing base
+    step 'nothing was written' diff -u /tmp/files \
+        <(cd -- "$kProfileDirectory" && sha256sum -- *)
+fi
