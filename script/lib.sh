@@ -6,6 +6,8 @@
 readonly kPackages=(
     g++ clang clang-format clang-tidy cmake ninja-build pkg-config
     libboost-dev libcli11-dev libgmock-dev libgtest-dev libjsoncpp-dev libkmod-dev
+    debhelper dpkg-dev lintian systemd xz-utils
+    doxygen shellcheck
     iproute2 iptables netbase procps python3-jsonschema util-linux
 )
 

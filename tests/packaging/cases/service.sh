@@ -1,0 +1,103 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# The commands of the service work with the capabilities and the writable paths that it has, and fail
+# with less.
+
+# unit_setting NAME: all values of a setting, in one line.
+unit_setting() {
+    sed -n "s/^$1=//p" "$kRoot$kUnit" | paste --serial --delimiters=' '
+}
+
+# start_service CAPABILITIES WRITABLE-PATHS: runs the service's commands with these alone, as systemd
+# would with ProtectSystem=strict. The first command, with a dash, waits for udev, which is not here.
+start_service() (
+    local capabilities=-all capability
+    for capability in $1; do
+        capability=${capability#CAP_}
+        capabilities+=,+${capability,,}
+    done
+    # shellcheck disable=SC2016  # the inner shell expands them
+    unshare --mount --propagation private -- bash -euc '
+        root=$1 paths=$2 capabilities=$3
+        shift 3
+        mount --rbind "$root" "$root"
+        for path in $paths; do
+            mount --bind "$root$path" "$root$path"
+        done
+        mount -o remount,bind,ro "$root"
+        for line; do
+            read -ra command <<<"$line"
+            chroot "$root" setpriv --bounding-set="$capabilities" --inh-caps=-all --ambient-caps=-all \
+                --no-new-privs -- "${command[@]}"
+        done
+    ' start_service "$kRoot" "$2" "$capabilities" "${commands[@]}"
+)
+
+# What a boot does to the running system. Profiles and settings stay.
+reboot() {
+    local family
+    for family in iptables ip6tables; do
+        within "$family" -P INPUT ACCEPT
+        within "$family" -P FORWARD ACCEPT
+        within "$family" -F
+        within "$family" -X
+    done
+    rm -rf -- "$kRoot"/run/tarn "$kRoot"/run/lock/firewall "$kRoot"/run/xtables.lock "$kRoot"/tmp/*
+}
+
+without() {
+    printf '%s' "${1/$2/}"
+}
+
+step 'the packages install' install_packages
+mapfile -t commands < <(sed -n 's/^ExecStart=//p' "$kRoot$kUnit")
+capabilities=$(unit_setting CapabilityBoundingSet)
+paths=$(unit_setting ReadWritePaths)
+printf '%s\n' "commands: ${commands[*]}" "capabilities: $capabilities" "writable: $paths"
+step 'the unit names commands, capabilities and paths' \
+    [ "${#commands[@]}" -ge 2 -a -n "$capabilities" -a -n "$paths" ]
+step 'it shares /tmp with other processes' [ "$(unit_setting PrivateTmp)" = no ]
+keep rules before
+
+step 'a first start, with nothing there' start_service "$capabilities" "$paths"
+step 'writes a profile' grep --quiet 'default$' <(within tarnfw profile list)
+keep rules base
+step 'and adds the chains' fails same rules before
+step 'a second start' start_service "$capabilities" "$paths"
+step 'changes nothing' same rules base
+
+# A profile that root reads by privilege alone, as it does one that another user keeps to themselves.
+rm -- "$kRoot$kStore"/*
+sed 's/"name": "default"/"name": "own"/' "$kRoot/usr/tarn/etc.defaults/firewall_default_profile.json" \
+    >"$kRoot$kStore/own.json"
+printf '{"profile": "own", "status": false}\n' >"$kRoot$kStore/firewall_settings.json"
+chmod 0 -- "$kRoot$kStore/own.json"
+step 'the firewall is enabled, with all rights' within tarnfw enable
+step 'with this profile' grep --quiet '^Active profile: *own$' <(within tarnfw status)
+keep rules enabled
+reboot
+step 'after a boot, the rules are gone' same rules before
+step 'the service starts' start_service "$capabilities" "$paths"
+step 'and the same rules are there' same rules enabled
+step 'a reload of the service' start_service "$capabilities" "$paths"
+step 'leaves the same rules' same rules enabled
+
+for capability in CAP_NET_ADMIN CAP_DAC_READ_SEARCH; do
+    reboot
+    step "without $capability it does not start" \
+        fails start_service "$(without "$capabilities" "$capability")" "$paths"
+    step "and without $capability there are not these rules" fails same rules enabled
+done
+if [[ $variant == legacy ]]; then
+    # A raw socket is how this variant speaks to the kernel.
+    reboot
+    step 'without CAP_NET_RAW it does not start' \
+        fails start_service "$(without "$capabilities" CAP_NET_RAW)" "$paths"
+fi
+for path in $paths; do
+    reboot
+    # A start writes profiles only where there are none.
+    [[ $path != /usr/tarn/* ]] || mv -- "$kRoot$kStore" "$kRoot/store"
+    step "where $path is not writable it does not start" \
+        fails start_service "$capabilities" "$(without "$paths" "$path")"
+    [[ ! -e $kRoot/store ]] || mv -- "$kRoot/store" "$kRoot$kStore"
+done
