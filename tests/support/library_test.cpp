@@ -83,3 +83,16 @@ void LibraryTest::storeSettings(bool status, const std::string& profile) {
     settings["profile"] = profile;
     writeFile(kSettingsFile, Json::StyledWriter().write(settings));
 }
+
+std::vector<std::string> LibraryTest::errors() const {
+    std::vector<std::string> texts;
+    for (const LoggedLine& entry : platform_.log()) {
+        std::string text = entry.source + ": " + entry.text;
+        if (entry.priority != LOG_ERR || entry.line <= 0) {
+            text += " [priority " + std::to_string(entry.priority) + ", line " +
+                    std::to_string(entry.line) + "]";
+        }
+        texts.push_back(text);
+    }
+    return texts;
+}

@@ -51,5 +51,9 @@ protected:
         return platform_.hasLogged(LOG_ERR, source, text);
     }
 
+    /// What was logged, in order: "fwDB: The profile home already exist". What is not at LOG_ERR or
+    /// has no line number says so in brackets.
+    std::vector<std::string> errors() const;
+
     FakePlatform platform_;
 };

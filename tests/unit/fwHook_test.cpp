@@ -41,20 +41,6 @@ protected:
         return {"hook init net " + GetParam().hook, "hook set RESULT=" + GetParam().result,
                 "hook action " + GetParam().action, "hook exit"};
     }
-
-    // "fwHook: text" for each captured line; what is not LOG_ERR or names no line shows.
-    Lines errors() const {
-        Lines texts;
-        for (const LoggedLine& entry : platform_.log()) {
-            std::string text = entry.source + ": " + entry.text;
-            if (entry.priority != LOG_ERR || entry.line <= 0) {
-                text += " [priority " + std::to_string(entry.priority) + ", line " +
-                        std::to_string(entry.line) + "]";
-            }
-            texts.push_back(text);
-        }
-        return texts;
-    }
 };
 
 TEST_P(FwHookTest, OpensSetsRunsAndCloses) {

@@ -20,6 +20,7 @@
 #include <boost/interprocess/exceptions.hpp>
 
 #include "library_test.h"
+#include "reload_lines.h"
 #include "tarnfirewall/tarnFW.h"
 
 namespace {
@@ -61,26 +62,6 @@ bool startsWith(const std::string& text, const std::string& prefix) {
 const std::string kRecordLock = kLockDir + "iptables_serv_mod_list.lock";
 const Lines kTakeExecLock = {"lock " + kExecLock + " 1 30"};
 const Lines kReleaseExecLock = {"unlock 1000"};
-
-const Lines kDrop = {
-    "exec /sbin/iptables --policy INPUT DROP",
-    "exec /sbin/iptables --policy FORWARD DROP",
-    "exec /sbin/iptables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT",
-    "exec /sbin/ip6tables --policy INPUT DROP",
-    "exec /sbin/ip6tables --policy FORWARD DROP",
-    "exec /sbin/ip6tables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT",
-};
-const Lines kAccept = {
-    "exec /sbin/iptables --policy INPUT ACCEPT",
-    "exec /sbin/iptables --policy FORWARD ACCEPT",
-    "exec /sbin/iptables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT",
-    "exec /sbin/ip6tables --policy INPUT ACCEPT",
-    "exec /sbin/ip6tables --policy FORWARD ACCEPT",
-    "exec /sbin/ip6tables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT",
-};
-const Lines kFlush = {
-    "exec /sbin/iptables -F INPUT_FIREWALL", "exec /sbin/ip6tables -F INPUT_FIREWALL",
-    "exec /sbin/iptables -F FORWARD_FIREWALL", "exec /sbin/ip6tables -F FORWARD_FIREWALL"};
 
 // What policies() tells of an open machine, and of one whose policies nobody touched.
 const Lines kOpen = {"ACCEPT", "ACCEPT", "ACCEPT", "ACCEPT"};
@@ -244,20 +225,6 @@ protected:
             }
         }
         return found;
-    }
-
-    // "tarnFW: text" for each captured line; what is not LOG_ERR or names no line shows.
-    Lines errors() const {
-        Lines texts;
-        for (const LoggedLine& entry : platform_.log()) {
-            std::string text = entry.source + ": " + entry.text;
-            if (entry.priority != LOG_ERR || entry.line <= 0) {
-                text += " [priority " + std::to_string(entry.priority) + ", line " +
-                        std::to_string(entry.line) + "]";
-            }
-            texts.push_back(text);
-        }
-        return texts;
     }
 
     bool status() { return storedSettings()["status"].asBool(); }

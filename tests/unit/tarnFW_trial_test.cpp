@@ -17,6 +17,7 @@
 
 #include "library_test.h"
 #include "log_lines.h"
+#include "reload_lines.h"
 #include "tarnfirewall/tarnFW.h"
 
 namespace fs = std::filesystem;
@@ -386,26 +387,6 @@ TEST_F(TrialTest, AdoptThatCannotBeWrittenLeavesTheProfileAsItIs) {
 // ---- TestApplyingProfile ----
 
 // What it runs and asks for, as the fake platform notes it.
-
-const Lines kDrop = {
-    "exec /sbin/iptables --policy INPUT DROP",
-    "exec /sbin/iptables --policy FORWARD DROP",
-    "exec /sbin/iptables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT",
-    "exec /sbin/ip6tables --policy INPUT DROP",
-    "exec /sbin/ip6tables --policy FORWARD DROP",
-    "exec /sbin/ip6tables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT",
-};
-const Lines kAccept = {
-    "exec /sbin/iptables --policy INPUT ACCEPT",
-    "exec /sbin/iptables --policy FORWARD ACCEPT",
-    "exec /sbin/iptables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT",
-    "exec /sbin/ip6tables --policy INPUT ACCEPT",
-    "exec /sbin/ip6tables --policy FORWARD ACCEPT",
-    "exec /sbin/ip6tables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT",
-};
-const Lines kFlush = {
-    "exec /sbin/iptables -F INPUT_FIREWALL", "exec /sbin/ip6tables -F INPUT_FIREWALL",
-    "exec /sbin/iptables -F FORWARD_FIREWALL", "exec /sbin/ip6tables -F FORWARD_FIREWALL"};
 
 // The lines for eth0 of the profile with this port.
 Lines adapterLines(const std::string& tool, const std::string& port) {

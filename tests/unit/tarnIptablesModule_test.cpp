@@ -80,21 +80,6 @@ protected:
         found.erase(std::remove(found.begin(), found.end(), "mkdir " + kLockDir), found.end());
         return found;
     }
-
-    // "tarnIptablesModule: text" for each captured line; what is not LOG_ERR or names no line
-    // shows.
-    Lines errors() const {
-        Lines texts;
-        for (const LoggedLine& entry : platform_.log()) {
-            std::string text = entry.source + ": " + entry.text;
-            if (entry.priority != LOG_ERR || entry.line <= 0) {
-                text += " [priority " + std::to_string(entry.priority) + ", line " +
-                        std::to_string(entry.line) + "]";
-            }
-            texts.push_back(text);
-        }
-        return texts;
-    }
 };
 
 // ---- The list file ----
