@@ -3,6 +3,7 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <memory>
 
@@ -193,7 +194,7 @@ std::vector<BaseFilter> baseFilters() {
 std::string describe(const BaseParts& parts) {
     std::vector<std::string> jumps;
     for (const auto& [chain, target] : parts.jumps) {
-        jumps.push_back(chain + " -> " + target);
+        jumps.push_back(boost::join(std::array{chain, target}, " -> "));
     }
     std::vector<std::string> kinds;
     if (!parts.chains.empty()) {
