@@ -9,46 +9,25 @@
 #include <json/json.h>
 
 #include "tarncore.h"
-#include "tarnsdk.h"
 
 #include "tarnfirewall/utils.h"
 
 #include "baseFilter.h"
+#include "command.h"
 #include "commands.h"
+#include "output.h"
+#include "store.h"
 
 namespace tarnfw {
 namespace {
 
 // What was added, so that no more than that is taken away. A reboot empties /run and the kernel.
-constexpr char kRunDir[] = "/run/tarn";
 constexpr char kRecordFile[] = "/run/tarn/base_filter.json";
-constexpr char kLockFile[] = "/run/tarn/base_filter.lock";
-constexpr int kLockSeconds = 30;
 
-constexpr char kProfileDir[] = "/usr/tarn/etc/firewall.d/";
+// Keeps two calls of "base up" or "base down" apart.
+constexpr char kLockName[] = "base_filter.lock";
+
 constexpr char kFirstProfile[] = "/usr/tarn/etc.defaults/firewall_default_profile.json";
-
-/// Keeps two calls of this tool apart.
-class BaseLock {
-public:
-    BaseLock() {
-        if (TLIBCFileLockTimeByFile(kLockFile, 1, kLockSeconds, &fd_) != 1) {
-            throw CommandFailed(std::string("cannot lock ") + kLockFile);
-        }
-    }
-    ~BaseLock() { (void)TLIBCFileUnlockByFile(fd_); }
-    BaseLock(const BaseLock&) = delete;
-    BaseLock& operator=(const BaseLock&) = delete;
-
-private:
-    int fd_ = -1;
-};
-
-void makeDirectory(const char* path) {
-    if (TARNFSMkdirP(path, nullptr, 1, 0, 0, 0755) < 0) {
-        throw CommandFailed(std::string("cannot make the directory ") + path);
-    }
-}
 
 // ---- The record of what was added ----
 
@@ -151,8 +130,7 @@ void writeFirstProfile() {
 
 void baseUp() {
     requireRoot();
-    makeDirectory(kRunDir);
-    const BaseLock lock;
+    const ToolLock lock(kLockName);
     for (const BaseFilter& filter : baseFilters()) {
         const BaseParts parts = filter.missing();
         if (!parts.empty()) {
@@ -172,8 +150,7 @@ void baseUp() {
 
 void baseDown() {
     requireRoot();
-    makeDirectory(kRunDir);
-    const BaseLock lock;
+    const ToolLock lock(kLockName);
     if (firewallEnabled()) {
         std::cerr << "tarnfw: the firewall is still enabled in the settings, and filters nothing "
                      "from now on\n";

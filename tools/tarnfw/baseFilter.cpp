@@ -11,7 +11,7 @@
 
 #include "tarncore.h"
 
-#include "commands.h"
+#include "command.h"
 
 namespace tarnfw {
 namespace {
@@ -189,6 +189,17 @@ void BaseFilter::run(const std::vector<std::string>& arguments) const {
 
 std::vector<BaseFilter> baseFilters() {
     return {BaseFilter("v4"), BaseFilter("v6")};
+}
+
+void requireBase() {
+    for (const BaseFilter& filter : baseFilters()) {
+        const BaseParts parts = filter.missing();
+        if (!parts.empty()) {
+            throw CommandFailed(
+                "the base packet filter is not set up; \"tarnfw base up\" does that (" +
+                filter.title() + " lacks " + describe(parts) + ")");
+        }
+    }
 }
 
 std::string describe(const BaseParts& parts) {

@@ -54,6 +54,11 @@ inline constexpr char kWrongOrder[] =
 /// Both families, IPv4 first.
 std::vector<BaseFilter> baseFilters();
 
+/// Refuses to go on while chains or jumps are missing, saying which. The library does not look at
+/// the exit status of the commands it runs: the machine would pass for protected and let everybody
+/// in.
+void requireBase();
+
 /// "chains A, B; jumps C -> D", or "nothing".
 std::string describe(const BaseParts& parts);
 

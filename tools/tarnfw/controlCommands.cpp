@@ -4,24 +4,13 @@
 #include "tarnfirewall/tarnFW.h"
 
 #include "baseFilter.h"
+#include "command.h"
 #include "commands.h"
+#include "output.h"
+#include "store.h"
 
 namespace tarnfw {
 namespace {
-
-/// Refuses to fill chains that are not there. The library does not look at the exit status of the
-/// commands it runs: without this the machine would pass for protected and let everybody in.
-void requireBase() {
-    for (const BaseFilter& filter : baseFilters()) {
-        const BaseParts parts = filter.missing();
-        if (!parts.empty()) {
-            throw CommandFailed(
-                "the base packet filter is not set up; \"tarnfw base up\" does "
-                "that (" +
-                filter.title() + " lacks " + describe(parts) + ")");
-        }
-    }
-}
 
 void status() {
     requireRoot();
@@ -55,15 +44,7 @@ void disable() {
 
 void reload() {
     requireRoot();
-    if (!firewallEnabled()) {
-        std::cout << "Firewall disabled: nothing to reload\n";
-        return;
-    }
-    requireBase();
-    if (!FW::TARNFW().fwReload(true)) {
-        throw CommandFailed("the active profile was not applied");
-    }
-    std::cout << "Profile \"" << printable(activeProfile()) << "\" applied\n";
+    reloadActive();
 }
 
 }  // namespace

@@ -2,13 +2,16 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <clocale>
 #include <exception>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
 #include <boost/interprocess/exceptions.hpp>
 
+#include "command.h"
 #include "commands.h"
+#include "usage.h"
 
 namespace {
 
@@ -20,20 +23,15 @@ int run(int argc, char** argv) {
     app.require_subcommand(1);
     app.set_version_flag("--version", TARNFW_VERSION);
     app.footer("A first start: \"tarnfw base up\", then \"tarnfw enable\".");
-    tarnfw::addControlCommands(app);
-    tarnfw::addPreviewCommand(app);
-    tarnfw::addProfileCommands(app);
-    tarnfw::addBaseCommands(app);
+    tarnfw::addCommands(app);
     try {
         app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
-    } catch (const CLI::CallForAllHelp& help) {
-        return app.exit(help);
-    } catch (const CLI::CallForVersion& version) {
-        return app.exit(version);
-    } catch (const CLI::ParseError& wrongUsage) {
-        (void)app.exit(wrongUsage);
+    } catch (const CLI::Success& answered) {  // help, or the version
+        return app.exit(answered);
+    } catch (const CLI::RuntimeError& ended) {
+        return ended.get_exit_code();
+    } catch (const CLI::ParseError& error) {
+        std::cerr << tarnfw::wrongUsage(app, error);
         return tarnfw::kExitUsage;
     }
     return 0;
@@ -44,6 +42,8 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
     // What the library writes is for root to change, whatever the caller's mask.
     umask(022);
+    // Names in profiles are UTF-8, whatever the terminal's language.
+    (void)std::setlocale(LC_CTYPE, "C.UTF-8");
     // What the library logs is the reason of a failure: shown here as well as in the system log.
     openlog("tarnfw", LOG_PERROR, LOG_USER);
     setlogmask(LOG_UPTO(LOG_WARNING));

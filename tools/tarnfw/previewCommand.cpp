@@ -7,7 +7,10 @@
 
 #include "tarnfirewall/tarnFW.h"
 
+#include "command.h"
 #include "commands.h"
+#include "output.h"
+#include "store.h"
 
 namespace tarnfw {
 namespace {

@@ -2,42 +2,8 @@
 # What the tool says and which exit status it ends with: 0 success, 1 failed, 2 wrong usage, 4 not root.
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 
-# answers STATUS ARGUMENT...: that status; the output is in $out/answer and $out/complaint.
-answers() {
-    local wanted=$1 status=0
-    shift
-    printf -- '-- %s: tarnfw %s\n' "$wanted" "$*"
-    tarnfw "$@" >"$out/answer" 2>"$out/complaint" || status=$?
-    if ((status != wanted)); then
-        cat -- "$out/answer" "$out/complaint"
-        fail "tarnfw $* ends with $status instead of $wanted"
-    fi
-}
-
-# says PATTERN: a line of the last answer is like it.
-says() {
-    grep --quiet -- "$1" "$out/answer" || {
-        cat -- "$out/answer"
-        fail "no such line: $1"
-    }
-}
-
-# complains PATTERN: the last complaint is one line, and like it. Lines of the library's log, which
-# say where in the library something failed, may stand before it.
-complains() {
-    sed '/^tarnfw: [A-Za-z]*:[0-9]* /d' "$out/complaint" >"$out/own_complaint"
-    if [[ $(wc -l <"$out/own_complaint") != 1 ]] || ! grep --quiet -- "$1" "$out/own_complaint"; then
-        cat -- "$out/complaint"
-        fail "not this one line: $1"
-    fi
-}
-
-silent() {
-    [[ ! -s $out/complaint ]] || {
-        cat -- "$out/complaint"
-        fail 'a complaint where there should be none'
-    }
-}
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
 
 # --- help, version, wrong usage --------------------------------------------------------------------
 

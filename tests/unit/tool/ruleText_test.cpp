@@ -1,5 +1,5 @@
 // Rules in plain words: every code of every field, and codes that are none.
-#include "../../tools/tarnfw/ruleText.h"
+#include "ruleText.h"
 
 #include <cstdint>
 #include <limits>

@@ -1,0 +1,45 @@
+# shellcheck shell=bash
+# shellcheck disable=SC2154  # out is the caller's
+# What the tool says and how it ends. Sourced by the scripts, which have lib.sh already.
+
+# answers STATUS ARGUMENT...: that status; the output is in $out/answer and $out/complaint.
+answers() {
+    local wanted=$1 status=0
+    shift
+    printf -- '-- %s: tarnfw %s\n' "$wanted" "$*"
+    tarnfw "$@" >"$out/answer" 2>"$out/complaint" || status=$?
+    if ((status != wanted)); then
+        cat -- "$out/answer" "$out/complaint"
+        fail "tarnfw $* ends with $status instead of $wanted"
+    fi
+}
+
+# says PATTERN: a line of the last answer is like it.
+says() {
+    grep --quiet -- "$1" "$out/answer" || {
+        cat -- "$out/answer"
+        fail "no such line: $1"
+    }
+}
+
+# prints: the last answer is exactly what is read.
+prints() {
+    diff -u - "$out/answer" || fail 'not the output expected'
+}
+
+# complains PATTERN: the last complaint is one line, and like it. Lines of the library's log, which
+# say where in the library something failed, may stand before it.
+complains() {
+    sed '/^tarnfw: [A-Za-z]*:[0-9]* /d' "$out/complaint" >"$out/own_complaint"
+    if [[ $(wc -l <"$out/own_complaint") != 1 ]] || ! grep --quiet -- "$1" "$out/own_complaint"; then
+        cat -- "$out/complaint"
+        fail "not this one line: $1"
+    fi
+}
+
+silent() {
+    [[ ! -s $out/complaint ]] || {
+        cat -- "$out/complaint"
+        fail 'a complaint where there should be none'
+    }
+}

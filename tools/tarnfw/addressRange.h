@@ -1,0 +1,40 @@
+/// Addresses as rules and country data have them: single ones, networks, ranges.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include <boost/asio/ip/address.hpp>
+
+namespace tarnfw {
+
+using Address = boost::asio::ip::address;
+
+/// Addresses of one family, both ends included.
+struct AddressRange {
+    Address first;
+    Address last;
+
+    bool contains(const Address& address) const { return contains({address, address}); }
+    bool contains(const AddressRange& other) const {
+        return first.is_v4() == other.first.is_v4() && first <= other.first && other.last <= last;
+    }
+};
+
+/// "192.168.1.20" or "2001:db8::1", nothing else: no zone, no shortened IPv4 form.
+std::optional<Address> addressFrom(const std::string& text);
+
+/// The length of a mask: "255.255.255.0" or "24" for IPv4 (at most 32), "64" for IPv6 (at most
+/// 128). Nothing for a mask with a gap in it.
+std::optional<int> prefixLengthFrom(const std::string& mask, bool ipv6);
+
+/// The addresses of a network: "192.168.1.0" and "255.255.255.0" or "24", "2001:db8::" and "64".
+std::optional<AddressRange> networkFrom(const std::string& address, const std::string& mask);
+
+/// The addresses from `first` to `last`; nothing for two families or a range that runs backwards.
+std::optional<AddressRange> rangeFrom(const std::string& first, const std::string& last);
+
+/// Every address of a family.
+AddressRange wholeFamily(bool ipv6);
+
+}  // namespace tarnfw

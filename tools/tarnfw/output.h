@@ -1,0 +1,69 @@
+/// What the tool prints: tables that fit the terminal, colour where it is wanted, JSON, progress.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+namespace tarnfw {
+
+/// A text from a file as a terminal may see it: control characters become '?'.
+std::string printable(std::string text);
+
+/// What a text means to the reader; the colour follows from it.
+enum class Paint { kPlain, kGood, kBad, kDoubtful, kFaint, kStrong };
+
+/// The text in the colour of `paint`: on a terminal, and unless NO_COLOR is set.
+std::string painted(const std::string& text, Paint paint);
+
+/// One cell of a table. Its text is made printable.
+struct Cell {
+    std::string text;
+    Paint paint = Paint::kPlain;
+};
+
+/// A table, left-aligned, two blanks between columns. On a terminal that is too narrow for it, the
+/// widest columns are wrapped at blanks and commas: nothing is cut off.
+class Table {
+public:
+    /// `headings` names the columns; without any there is no heading line.
+    explicit Table(std::vector<std::string> headings = {}) : headings_(std::move(headings)) {}
+
+    void addRow(std::vector<Cell> cells) { rows_.push_back(std::move(cells)); }
+    bool empty() const { return rows_.empty(); }
+
+    /// Prints to standard output, each line behind `indent` blanks.
+    void print(std::size_t indent = 0) const;
+
+private:
+    std::vector<std::string> headings_;
+    std::vector<std::vector<Cell>> rows_;
+};
+
+/// Prints a document to standard output, indented, in UTF-8, with a line feed at its end.
+void printJson(const Json::Value& document);
+
+/// "1 rule", "3 rules".
+std::string counted(std::size_t number, const std::string& noun);
+
+/// How far long work has come, on standard error when that is a terminal; gone when it is done.
+class Progress {
+public:
+    /// `what` is such as "Loading lines".
+    Progress(std::string what, std::size_t total);
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    void step();
+
+private:
+    std::string what_;
+    std::size_t total_;
+    std::size_t done_ = 0;
+    bool shown_;
+};
+
+}  // namespace tarnfw

@@ -1,0 +1,149 @@
+#include "store.h"
+
+#include <algorithm>
+#include <iostream>
+#include <set>
+
+#include <json/json.h>
+#include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/predicate.hpp>
+
+#include "tarncore.h"
+#include "tarnsdk.h"
+
+#include "tarnfirewall/tarnFW.h"
+
+#include "baseFilter.h"
+#include "command.h"
+#include "output.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr int kLockSeconds = 30;
+constexpr mode_t kDirectoryMode = 0755;
+
+/// The names for a complaint: "default, home".
+std::string listed(const std::vector<std::string>& names) {
+    return printable(boost::join(names, ", "));
+}
+
+void requireAnyProfile(const std::vector<std::string>& names) {
+    if (names.empty()) {
+        throw CommandFailed("there are no profiles; \"tarnfw base up\" writes a first one");
+    }
+}
+
+}  // namespace
+
+ToolLock::ToolLock(const std::string& name) {
+    makeDirectory(kRunDir);
+    const std::string path = std::string(kRunDir).append("/").append(name);
+    if (TLIBCFileLockTimeByFile(path.c_str(), 1, kLockSeconds, &fd_) != 1) {
+        throw CommandFailed("cannot lock " + path + ": another tarnfw is at work");
+    }
+}
+
+ToolLock::~ToolLock() {
+    (void)TLIBCFileUnlockByFile(fd_);
+}
+
+void makeDirectory(const char* path) {
+    if (TARNFSMkdirP(path, nullptr, 1, 0, 0, kDirectoryMode) < 0) {
+        throw CommandFailed(std::string("cannot make the directory ") + path);
+    }
+}
+
+std::string activeProfile() {
+    FW::TARNFW firewall;
+    std::string profile;
+    if (TLIBCFileExist(kSettingsFile) != 1) {
+        // Asking the library would write the defaults, and reading must not change anything.
+        Json::Value defaults;
+        firewall.initJconfig(defaults);
+        profile = defaults["profile"].asString();
+    } else if (!firewall.fwProfileConfigGet(profile)) {
+        throw CommandFailed("the settings cannot be read");
+    }
+    return profile;
+}
+
+bool firewallEnabled() {
+    bool enabled = false;
+    if (TLIBCFileExist(kSettingsFile) == 1 && !FW::TARNFW().fwStatus(enabled)) {
+        throw CommandFailed("the settings cannot be read");
+    }
+    return enabled;
+}
+
+std::vector<std::string> profileNames() {
+    std::vector<std::string> names;
+    (void)FW::TARNFW_PROFILE().profileEnum(names);  // logs for itself; an empty store is no failure
+    names.erase(std::remove_if(
+                    names.begin(), names.end(),
+                    [](const std::string& name) { return boost::starts_with(name, kTestPrefix); }),
+                names.end());
+    return names;
+}
+
+void requireProfile(const std::string& name) {
+    const std::vector<std::string> names = profileNames();
+    requireAnyProfile(names);
+    if (std::find(names.begin(), names.end(), name) == names.end()) {
+        throw CommandFailed("there is no profile \"" + printable(name) +
+                            "\" (there is: " + listed(names) + ")");
+    }
+}
+
+void requireNewName(const std::string& name) {
+    if (name.empty() || boost::starts_with(name, kTestPrefix)) {
+        throw CommandFailed("a profile cannot be called \"" + printable(name) + "\"");
+    }
+    const std::vector<std::string> names = profileNames();
+    requireAnyProfile(names);
+    if (std::find(names.begin(), names.end(), name) != names.end()) {
+        throw CommandFailed("there is a profile \"" + printable(name) + "\" already");
+    }
+}
+
+FW::FWPROFILE loadProfile(const std::string& name) {
+    const std::string wanted = name.empty() ? activeProfile() : name;
+    requireProfile(wanted);
+    FW::FWPROFILE profile;
+    if (!FW::TARNFW_PROFILE().profileGet(wanted, profile)) {
+        throw CommandFailed("profile \"" + printable(wanted) + "\" cannot be read");
+    }
+    return profile;
+}
+
+void storeProfile(const FW::FWPROFILE& profile) {
+    requireAnyProfile(profileNames());
+    if (!FW::TARNFW_PROFILE().profileSet(profile.name, profile)) {
+        throw CommandFailed("profile \"" + printable(profile.name) + "\" cannot be written");
+    }
+}
+
+void reloadActive() {
+    if (!firewallEnabled()) {
+        std::cout << "Firewall disabled: nothing to reload\n";
+        return;
+    }
+    requireBase();
+    if (!FW::TARNFW().fwReload(true)) {
+        throw CommandFailed("the active profile was not applied");
+    }
+    std::cout << "Profile \"" << printable(activeProfile()) << "\" applied\n";
+}
+
+std::vector<std::string> adaptersOf(const FW::FWPROFILE& profile) {
+    std::set<std::string> adapters;
+    for (const auto& [adapter, rules] : profile.rules) {
+        adapters.insert(adapter);
+    }
+    for (const auto& [adapter, policy] : profile.adapterPolicyMap) {
+        adapters.insert(adapter);
+    }
+    return {adapters.begin(), adapters.end()};
+}
+
+}  // namespace tarnfw
