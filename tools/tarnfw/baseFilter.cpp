@@ -11,6 +11,8 @@
 
 #include "tarncore.h"
 
+#include "tarnfirewall/fwTypes.h"
+
 #include "command.h"
 
 namespace tarnfw {
@@ -127,6 +129,16 @@ bool BaseFilter::inOrder() const {
         return positionOf(lines, jump.first, jumpLine({jump.first, kReloadingChain})) <=
                positionOf(lines, jump.first, jumpLine(jump));
     });
+}
+
+std::size_t BaseFilter::loadedRules() const {
+    const std::vector<std::string> lines = rules();
+    return static_cast<std::size_t>(
+        std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+            return std::any_of(
+                FW::FW_FIREWALL_CHAINS.begin(), FW::FW_FIREWALL_CHAINS.end(),
+                [&](const std::string& chain) { return line.rfind("-A " + chain + " ", 0) == 0; });
+        }));
 }
 
 void BaseFilter::add(const BaseParts& parts) const {

@@ -2,6 +2,7 @@
 /// storage OS sets them up by itself; on an ordinary Linux this does.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,6 +34,9 @@ public:
     /// Somebody else's setup may have them the other way; then a reload cuts established
     /// connections.
     bool inOrder() const;
+
+    /// How many rules are in the two firewall chains.
+    std::size_t loadedRules() const;
 
     /// Adds `parts`: chains, then jumps, at the head of their chain and FIREWALL_RELOADING's first.
     void add(const BaseParts& parts) const;

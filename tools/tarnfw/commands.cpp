@@ -3,9 +3,11 @@
 namespace tarnfw {
 
 void addCommands(CLI::App& app) {
+    addStatusCommand(app);
     addControlCommands(app);
     addPreviewCommand(app);
     addProfileCommands(app);
+    addTryCommand(app);
     addBaseCommands(app);
 }
 

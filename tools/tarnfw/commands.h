@@ -9,9 +9,11 @@ namespace tarnfw {
 /// All of them, in the order of the help text.
 void addCommands(CLI::App& app);
 
-void addControlCommands(CLI::App& app);  ///< status, enable, disable, reload
+void addStatusCommand(CLI::App& app);    ///< status
+void addControlCommands(CLI::App& app);  ///< enable, disable, reload
 void addPreviewCommand(CLI::App& app);   ///< preview
 void addProfileCommands(CLI::App& app);  ///< profile list, show
+void addTryCommand(CLI::App& app);       ///< try
 void addBaseCommands(CLI::App& app);     ///< base up, down, status
 
 }  // namespace tarnfw

@@ -1,4 +1,4 @@
-/// tarnfw status, enable, disable, reload.
+/// tarnfw enable, disable, reload.
 #include <iostream>
 
 #include "tarnfirewall/tarnFW.h"
@@ -11,19 +11,6 @@
 
 namespace tarnfw {
 namespace {
-
-void status() {
-    requireRoot();
-    std::cout << "Firewall:       " << (firewallEnabled() ? "enabled" : "disabled") << '\n'
-              << "Active profile: " << printable(activeProfile()) << '\n';
-    for (const BaseFilter& filter : baseFilters()) {
-        const BaseParts parts = filter.missing();
-        std::cout << "Base filter:    " << filter.title() << ' '
-                  << (parts.empty() ? filter.inOrder() ? "set up" : kWrongOrder
-                                    : "lacks " + describe(parts))
-                  << '\n';
-    }
-}
 
 void enable() {
     requireRoot();
@@ -50,8 +37,6 @@ void reload() {
 }  // namespace
 
 void addControlCommands(CLI::App& app) {
-    app.add_subcommand("status", "Say whether the firewall is enabled, and with which profile")
-        ->callback(status);
     app.add_subcommand("enable", "Switch the firewall on and apply the active profile")
         ->callback(enable);
     app.add_subcommand("disable", "Switch the firewall off: empty its chains, keep the profiles")

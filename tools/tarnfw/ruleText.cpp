@@ -99,6 +99,17 @@ std::string policyText(FW::FW_POLICY policy) {
     }
 }
 
+Paint policyPaint(FW::FW_POLICY policy) {
+    switch (policy) {
+        case FW::FW_POLICY_ALLOW:
+            return Paint::kGood;
+        case FW::FW_POLICY_DENY:
+            return Paint::kBad;
+        default:
+            return Paint::kDoubtful;
+    }
+}
+
 std::string ruleText(const FW::FWRULE& rule) {
     std::string text = rule.enable ? "" : "[off] ";
     text += policyText(rule.policy) + " " + portText(rule) + addressText(rule);

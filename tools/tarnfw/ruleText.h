@@ -5,10 +5,15 @@
 
 #include "tarnfirewall/fwTypes.h"
 
+#include "output.h"
+
 namespace tarnfw {
 
 /// "allow", "deny", "no default", or "unknown policy 7".
 std::string policyText(FW::FW_POLICY policy);
+
+/// Green for allow, red for deny, yellow for everything else.
+Paint policyPaint(FW::FW_POLICY policy);
 
 /// "deny tcp 22,6000-6010 from 192.168.1.0/255.255.255.0, logged (IPv4)".
 std::string ruleText(const FW::FWRULE& rule);

@@ -7,7 +7,7 @@ source "$checkout/tests/kernel/answers.sh"
 
 # --- help, version, wrong usage --------------------------------------------------------------------
 
-commands=('base up' 'base down' 'base status' status enable disable reload preview 'profile list'
+commands=('base up' 'base down' 'base status' status enable disable reload preview try 'profile list'
     'profile show')
 keep_listing before
 answers 0 --help
@@ -45,7 +45,7 @@ says '^IPv4: missing: chains .*INPUT_FIREWALL.*; jumps .*INPUT -> INPUT_FIREWALL
 says '^IPv6: missing: chains .*INPUT_FIREWALL.*; jumps .*FORWARD -> FORWARD_FIREWALL'
 answers 0 status
 says '^Firewall: *disabled$'
-says '^Active profile: *default$'
+says '^Active profile: *default (there is none)$'
 says '^Base filter: *IPv4 lacks chains '
 says '^Base filter: *IPv6 lacks chains '
 answers 1 profile list

@@ -1,0 +1,221 @@
+/// tarnfw status: everything at a glance.
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "tarnfirewall/tarnFW.h"
+#include "tarnfirewall/tarnIptablesModule.h"
+
+#include "baseFilter.h"
+#include "command.h"
+#include "commands.h"
+#include "output.h"
+#include "ruleText.h"
+#include "store.h"
+#include "trial.h"
+
+namespace tarnfw {
+namespace {
+
+// Under which the library counts the firewall's kernel modules.
+constexpr char kModuleUser[] = "firewall";
+
+/// One adapter of the active profile.
+struct AdapterState {
+    std::string name;
+    std::optional<FW::FW_POLICY> policy;
+    std::size_t rules = 0;
+    std::size_t enabledRules = 0;
+    bool present = false;
+};
+
+/// One family of the kernel's packet filter.
+struct FilterState {
+    std::string key;
+    std::string title;
+    BaseParts missing;
+    bool inOrder = true;
+    std::size_t loadedRules = 0;
+};
+
+/// The trial that is going on, or was left behind.
+struct TrialState {
+    std::string profile;
+    std::optional<Json::Int64> secondsLeft;  ///< nothing when it was left behind
+};
+
+std::vector<AdapterState> adapterStates(const FW::FWPROFILE& profile) {
+    FW::TARNFW firewall;
+    std::vector<AdapterState> states;
+    for (const std::string& name : adaptersOf(profile)) {
+        AdapterState state;
+        state.name = name;
+        state.present = firewall.adapterIsEnabled(name);
+        const auto policy = profile.adapterPolicyMap.find(name);
+        if (policy != profile.adapterPolicyMap.end()) {
+            state.policy = policy->second;
+        }
+        const auto rules = profile.rules.find(name);
+        if (rules != profile.rules.end()) {
+            state.rules = rules->second.size();
+            for (const FW::FWRULE& rule : rules->second) {
+                state.enabledRules += rule.enable ? 1U : 0U;
+            }
+        }
+        states.push_back(state);
+    }
+    return states;
+}
+
+std::vector<FilterState> filterStates() {
+    std::vector<FilterState> states;
+    for (const BaseFilter& filter : baseFilters()) {
+        states.push_back({filter.key(), filter.title(), filter.missing(), filter.inOrder(),
+                          filter.loadedRules()});
+    }
+    return states;
+}
+
+std::optional<TrialState> trialState() {
+    if (const std::optional<Channel> trial = callTrial()) {
+        Json::Value message;
+        message["ask"] = kAskState;
+        trial->send(message);
+        if (const std::optional<Json::Value> state = trial->receive()) {
+            return TrialState{state->get("profile", "").asString(),
+                              state->get("secondsLeft", 0).asInt64()};
+        }
+    }
+    if (const std::optional<std::string> name = abandonedTrial()) {
+        return TrialState{*name, std::nullopt};
+    }
+    return std::nullopt;
+}
+
+std::string baseText(const FilterState& filter) {
+    if (!filter.missing.empty()) {
+        return "lacks " + describe(filter.missing);
+    }
+    return filter.inOrder ? "set up" : kWrongOrder;
+}
+
+Json::Value adapterJson(const AdapterState& state) {
+    Json::Value entry;
+    entry["name"] = state.name;
+    entry["present"] = state.present;
+    entry["policy"] = state.policy ? Json::Value(policyText(*state.policy)) : Json::Value();
+    entry["rules"] = static_cast<Json::UInt64>(state.rules);
+    entry["enabledRules"] = static_cast<Json::UInt64>(state.enabledRules);
+    return entry;
+}
+
+Json::Value filterJson(const FilterState& filter) {
+    Json::Value entry;
+    entry["setUp"] = filter.missing.empty();
+    entry["inOrder"] = filter.inOrder;
+    entry["base"] = baseText(filter);
+    entry["loadedRules"] = static_cast<Json::UInt64>(filter.loadedRules);
+    return entry;
+}
+
+Json::Value trialJson(const std::optional<TrialState>& trial) {
+    Json::Value entry;
+    if (trial) {
+        entry["profile"] = trial->profile;
+        entry["secondsLeft"] =
+            trial->secondsLeft ? Json::Value(*trial->secondsLeft) : Json::Value();
+    }
+    return entry;
+}
+
+std::string trialText(const TrialState& trial) {
+    const std::string name = "of \"" + printable(trial.profile) + "\"";
+    return trial.secondsLeft ? name + ", " + std::to_string(*trial.secondsLeft) + " s left"
+                             : name + " left behind; \"tarnfw try --cancel\" goes back";
+}
+
+void printAdapters(const std::vector<AdapterState>& states) {
+    Table table({"Adapter", "Otherwise", "Rules", ""});
+    for (const AdapterState& state : states) {
+        std::string rules = std::to_string(state.rules);
+        if (state.enabledRules != state.rules) {
+            rules += " (" + std::to_string(state.rules - state.enabledRules) + " off)";
+        }
+        table.addRow({{state.name},
+                      {state.policy ? policyText(*state.policy) : "-",
+                       state.policy ? policyPaint(*state.policy) : Paint::kPlain},
+                      {rules},
+                      {state.present ? "" : "not there now", Paint::kFaint}});
+    }
+    std::cout << '\n';
+    table.print();
+}
+
+void status(bool json) {
+    requireRoot();
+    const bool enabled = firewallEnabled();
+    const std::string active = activeProfile();
+    const std::vector<std::string> names = profileNames();
+    const bool stored = std::find(names.begin(), names.end(), active) != names.end();
+    const std::vector<AdapterState> adapters =
+        stored ? adapterStates(loadProfile(active)) : std::vector<AdapterState>();
+    const std::vector<FilterState> filters = filterStates();
+    const bool modules = FW::TARN_IPTABLES_MODULES::isModuleLoad(kModuleUser);
+    const std::optional<TrialState> trial = trialState();
+
+    if (json) {
+        Json::Value document;
+        document["enabled"] = enabled;
+        document["activeProfile"] = active;
+        document["activeProfileExists"] = stored;
+        document["modulesLoaded"] = modules;
+        document["trial"] = trialJson(trial);
+        document["adapters"] = Json::Value(Json::arrayValue);
+        for (const AdapterState& state : adapters) {
+            document["adapters"].append(adapterJson(state));
+        }
+        for (const FilterState& filter : filters) {
+            document["kernel"][filter.key] = filterJson(filter);
+        }
+        printJson(document);
+        return;
+    }
+    Table table;
+    table.addRow({{"Firewall:"},
+                  {enabled ? "enabled" : "disabled", enabled ? Paint::kGood : Paint::kDoubtful}});
+    table.addRow({{"Active profile:"}, {stored ? active : active + " (there is none)"}});
+    for (const FilterState& filter : filters) {
+        table.addRow({{"Base filter:"},
+                      {filter.title + " " + baseText(filter),
+                       filter.missing.empty() ? Paint::kPlain : Paint::kBad}});
+    }
+    for (const FilterState& filter : filters) {
+        table.addRow(
+            {{"In the kernel:"}, {filter.title + " " + counted(filter.loadedRules, "rule")}});
+    }
+    table.addRow({{"Kernel modules:"}, {modules ? "loaded for the firewall" : "not loaded"}});
+    if (trial) {
+        table.addRow({{"Trial:"}, {trialText(*trial), Paint::kDoubtful}});
+    }
+    table.print();
+    if (!adapters.empty()) {
+        printAdapters(adapters);
+    }
+}
+
+}  // namespace
+
+void addStatusCommand(CLI::App& app) {
+    CLI::App* const command = app.add_subcommand(
+        "status", "Say whether the firewall is enabled, with which profile, and what is in force");
+    const auto json = std::make_shared<bool>(false);
+    addJsonFlag(*command, *json);
+    command->callback([json] { status(*json); });
+}
+
+}  // namespace tarnfw

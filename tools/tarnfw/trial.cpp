@@ -1,0 +1,227 @@
+#include "trial.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <exception>
+#include <utility>
+#include <vector>
+
+#include <boost/algorithm/string/predicate.hpp>
+
+#include "tarncore.h"
+
+#include "tarnfirewall/tarnFW.h"
+
+#include "store.h"
+
+namespace tarnfw {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A trial's rules must not go in between those of a reload: the library leaves that to its caller.
+constexpr char kReloadLock[] = "/tmp/firewall_iptables_exec.lock";
+constexpr int kLockSeconds = 30;
+
+Json::Value report(const std::string& name, const char* state, const std::string& reason) {
+    Json::Value message;
+    message["profile"] = name;
+    message["state"] = state;
+    message["reason"] = reason;
+    return message;
+}
+
+/// How a trial goes on from here, and whom to tell besides the terminal that began it.
+struct Decision {
+    bool adopt = false;
+    std::string reason;  ///< why not
+    Channel asker;
+};
+
+/// Waits until somebody or the time decides.
+class Vigil {
+public:
+    Vigil(const Trial& trial, const Channel& terminal, const Channel& listener)
+        : trial_(trial), terminal_(terminal), listener_(listener), signals_(terminationSignals()) {}
+
+    Decision wait() const {
+        for (;;) {
+            std::array<pollfd, 3> events = {pollfd{terminal_.fd(), POLLIN, 0},
+                                            pollfd{listener_.fd(), POLLIN, 0},
+                                            pollfd{signals_.fd(), POLLIN, 0}};
+            const auto left = timeLeft();
+            if (left <= Clock::duration::zero()) {
+                return {false, "nobody confirmed in time", {}};
+            }
+            const auto wait = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+            (void)poll(events.data(), events.size(), static_cast<int>(wait));
+            if (events[2].revents != 0) {
+                return {false, "the watchdog was told to end", {}};
+            }
+            std::optional<Decision> decision;
+            if (events[0].revents != 0) {
+                decision = hearTerminal();
+            } else if (events[1].revents != 0) {
+                decision = hearOther();
+            }
+            if (decision) {
+                return std::move(*decision);
+            }
+        }
+    }
+
+private:
+    static Channel terminationSignals() {
+        sigset_t set;
+        (void)sigemptyset(&set);
+        (void)sigaddset(&set, SIGTERM);
+        return Channel(signalfd(-1, &set, SFD_CLOEXEC));
+    }
+
+    Clock::duration timeLeft() const { return begin_ + trial_.timeout - Clock::now(); }
+
+    std::optional<Decision> hearTerminal() const {
+        const std::optional<Json::Value> message = terminal_.receive();
+        if (!message) {
+            return Decision{false, "the terminal is gone", {}};
+        }
+        return answer(*message, {});
+    }
+
+    std::optional<Decision> hearOther() const {
+        Channel caller = acceptTerminal(listener_);
+        const std::optional<Json::Value> message = caller.receive();
+        return message ? answer(*message, std::move(caller)) : std::nullopt;
+    }
+
+    std::optional<Decision> answer(const Json::Value& message, Channel asker) const {
+        const std::string ask = message.get("ask", "").asString();
+        if (ask == kAskConfirm) {
+            return Decision{true, "", std::move(asker)};
+        }
+        if (ask == kAskCancel) {
+            return Decision{false, "cancelled", std::move(asker)};
+        }
+        Json::Value state = report(trial_.name, kTrialGoesOn, "");
+        state["secondsLeft"] =
+            static_cast<Json::Int64>(std::chrono::ceil<std::chrono::seconds>(timeLeft()).count());
+        asker.send(state);
+        return std::nullopt;
+    }
+
+    const Trial& trial_;
+    const Channel& terminal_;
+    const Channel& listener_;
+    Channel signals_;
+    Clock::time_point begin_ = Clock::now();
+};
+
+/// Whether a step succeeds. One that throws has failed, and the trial goes on from there: nothing
+/// but the watchdog can take the rules back.
+template <typename Step>
+bool succeeded(Step step) {
+    try {
+        return step();
+    } catch (const std::exception& error) {
+        syslog(LOG_ERR, "%s", error.what());
+        return false;
+    }
+}
+
+/// Puts the candidate's rules in force.
+bool apply(const std::string& name) {
+    FW::FWPROFILE candidate;
+    FW::TARNFW_PROFILE store;
+    int lock = -1;
+    if (TLIBCFileLockTimeByFile(kReloadLock, 1, kLockSeconds, &lock) != 1) {
+        return false;
+    }
+    const bool applied = succeeded([&] {
+        return store.profileGet(name, candidate) && store.CreateTestProfile(name, candidate) &&
+               FW::TARNFW().TestApplyingProfile(name);
+    });
+    (void)TLIBCFileUnlockByFile(lock);
+    return applied;
+}
+
+/// Makes what was tried the active profile; where that fails, the one before it is active again.
+bool adopt(const std::string& name) {
+    const StoreLock lock;
+    const std::string before = activeProfile();
+    FW::TARNFW_PROFILE store;
+    if (!store.AdoptTestProfile(name)) {
+        return false;
+    }
+    if (!FW::TARNFW().fwProfileConfigSet(name, /*reload=*/true)) {
+        (void)FW::TARNFW().fwProfileConfigSet(before, /*reload=*/false);  // logs for itself
+        return false;
+    }
+    (void)store.RemoveTestProfile(name);  // logs for itself; it is only a copy
+    return true;
+}
+
+Json::Value goBack(const std::string& name, const std::string& reason) {
+    return succeeded([&] { return revertTrial(name); })
+               ? report(name, kTrialReverted, reason)
+               : report(name, kTrialFailed,
+                        reason + ", and the active profile was not applied again");
+}
+
+/// Rules that cannot be put in force turn the firewall off; a trial must not do that.
+Json::Value takeBackFailedTrial(const std::string& name) {
+    const bool on = succeeded([] { return firewallEnabled() || FW::TARNFW().fwEnable(); });
+    return on ? goBack(name, "its rules cannot be put in force")
+              : report(name, kTrialFailed,
+                       "its rules cannot be put in force, and the firewall is off");
+}
+
+Json::Value conclude(const std::string& name, const Decision& decision) {
+    if (!decision.adopt) {
+        return goBack(name, decision.reason);
+    }
+    return succeeded([&] { return adopt(name); }) ? report(name, kTrialAdopted, "")
+                                                  : goBack(name, "it cannot be adopted");
+}
+
+}  // namespace
+
+void watchTrial(const Trial& trial, const Channel& terminal, const Channel& listener) {
+    if (!apply(trial.name)) {
+        terminal.send(takeBackFailedTrial(trial.name));
+        stopListening();
+        return;
+    }
+    terminal.send(report(trial.name, kTrialGoesOn, ""));
+    const Decision decision = Vigil(trial, terminal, listener).wait();
+    const Json::Value end = conclude(trial.name, decision);
+    stopListening();
+    terminal.send(end);
+    if (decision.asker.fd() >= 0) {
+        decision.asker.send(end);
+    }
+}
+
+bool revertTrial(const std::string& name) {
+    const bool reverted = FW::TARNFW().fwReload(true);
+    (void)FW::TARNFW_PROFILE().RemoveTestProfile(name);  // logs for itself; it is only a copy
+    return reverted;
+}
+
+std::optional<std::string> abandonedTrial() {
+    std::vector<std::string> names;
+    (void)FW::TARNFW_PROFILE().profileEnum(names);  // logs for itself
+    for (const std::string& name : names) {
+        if (boost::starts_with(name, kTestPrefix)) {
+            return name.substr(std::strlen(kTestPrefix));
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace tarnfw

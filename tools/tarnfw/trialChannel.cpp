@@ -1,0 +1,133 @@
+#include "trialChannel.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "command.h"
+#include "store.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr char kSocketPath[] = "/run/tarn/trial.sock";
+constexpr int kBacklog = 4;
+constexpr std::size_t kMaxMessage = 4096;
+
+// For what a terminal asks after it has called. A trial must not wait for it any longer.
+constexpr time_t kPatienceSeconds = 1;
+
+// Documents keep their boundaries, and the end of a party is seen at once.
+constexpr int kSocketType = SOCK_SEQPACKET | SOCK_CLOEXEC;
+
+sockaddr_un socketAddress() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, kSocketPath, sizeof(address.sun_path) - 1);
+    return address;
+}
+
+Channel openSocket() {
+    Channel channel(socket(AF_UNIX, kSocketType, 0));
+    if (channel.fd() < 0) {
+        throw CommandFailed(std::string("cannot make a socket: ") + std::strerror(errno));
+    }
+    return channel;
+}
+
+}  // namespace
+
+Channel::~Channel() {
+    if (fd_ >= 0) {
+        (void)close(fd_);
+    }
+}
+
+Channel& Channel::operator=(Channel&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+}
+
+void Channel::send(const Json::Value& message) const {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    const std::string text = Json::writeString(builder, message);
+    (void)::send(fd_, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+std::optional<Json::Value> Channel::receive() const {
+    std::array<char, kMaxMessage> buffer{};
+    ssize_t length = -1;
+    do {
+        length = recv(fd_, buffer.data(), buffer.size(), 0);
+    } while (length < 0 && errno == EINTR);
+    if (length <= 0) {
+        return std::nullopt;
+    }
+    Json::Value message;
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    if (!reader->parse(buffer.data(), buffer.data() + length, &message, nullptr) ||
+        !message.isObject()) {
+        return Json::Value(Json::objectValue);  // asks for nothing
+    }
+    return message;
+}
+
+std::pair<Channel, Channel> connectedChannels() {
+    std::array<int, 2> ends{};
+    if (socketpair(AF_UNIX, kSocketType, 0, ends.data()) != 0) {
+        throw CommandFailed(std::string("cannot make a socket: ") + std::strerror(errno));
+    }
+    return {Channel(ends[0]), Channel(ends[1])};
+}
+
+Channel listenForTerminals() {
+    const ToolLock lock("trial.lock");
+    if (callTrial()) {
+        throw CommandFailed("a trial is going on; \"tarnfw status\" tells which");
+    }
+    (void)unlink(kSocketPath);  // of a watchdog that was killed
+    Channel listener = openSocket();
+    const sockaddr_un address = socketAddress();
+    const mode_t mask = umask(0177);
+    const int bound =
+        bind(listener.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    (void)umask(mask);
+    if (bound != 0 || listen(listener.fd(), kBacklog) != 0) {
+        throw CommandFailed(std::string("cannot listen on ")
+                                .append(kSocketPath)
+                                .append(": ")
+                                .append(std::strerror(errno)));
+    }
+    return listener;
+}
+
+Channel acceptTerminal(const Channel& listener) {
+    Channel channel(accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+    const timeval patience = {kPatienceSeconds, 0};
+    (void)setsockopt(channel.fd(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    return channel;
+}
+
+void stopListening() {
+    (void)unlink(kSocketPath);
+}
+
+std::optional<Channel> callTrial() {
+    Channel channel = openSocket();
+    const sockaddr_un address = socketAddress();
+    if (connect(channel.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        return std::nullopt;
+    }
+    return channel;
+}
+
+}  // namespace tarnfw

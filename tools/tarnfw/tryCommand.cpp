@@ -1,0 +1,316 @@
+/// tarnfw try: a profile's rules for a while, and for good only when somebody confirms them.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "tarnfirewall/tarnFW.h"
+
+#include "baseFilter.h"
+#include "command.h"
+#include "commands.h"
+#include "output.h"
+#include "store.h"
+#include "trial.h"
+
+namespace tarnfw {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kDefaultSeconds = 60;
+constexpr int kMaxSeconds = 86400;
+constexpr int kTick = 1000;  // ms between two lines of the countdown
+
+struct TryOptions {
+    std::string profile;
+    int seconds = kDefaultSeconds;
+    bool confirm = false;
+    bool cancel = false;
+};
+
+// ---- What a trial needs to begin ----
+
+void requireTriable(const std::string& name) {
+    requireProfile(name);
+    if (!firewallEnabled()) {
+        throw CommandFailed("the firewall is disabled: there is nothing to go back to");
+    }
+    if (name == activeProfile()) {
+        throw CommandFailed("profile \"" + printable(name) +
+                            "\" is the active one, to which a trial goes back; try a copy "
+                            "(\"tarnfw profile copy\")");
+    }
+    requireBase();
+}
+
+// ---- The watchdog's process ----
+
+/// Blocks the signals by which a terminal or a person ends a command. Both processes of a trial
+/// take them from a descriptor, when they are ready to.
+sigset_t blockEndingSignals() {
+    sigset_t set;
+    (void)sigemptyset(&set);
+    for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+        (void)sigaddset(&set, number);
+    }
+    (void)sigprocmask(SIG_BLOCK, &set, nullptr);
+    return set;
+}
+
+/// Leaves the terminal: what ends there must not end this process.
+void leaveTerminal() {
+    (void)setsid();
+    (void)prctl(PR_SET_NAME, "tarnfw-watchdog");  // not what "killall tarnfw" looks for
+    const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+    (void)dup2(nothing, STDIN_FILENO);
+    (void)dup2(nothing, STDOUT_FILENO);
+}
+
+/// Starts the watchdog; returns the connection to it.
+Channel startWatchdog(const Trial& trial, pid_t& process) {
+    const Channel listener = listenForTerminals();
+    auto [here, there] = connectedChannels();
+    process = fork();
+    if (process < 0) {
+        stopListening();
+        throw CommandFailed("cannot start the watchdog");
+    }
+    if (process == 0) {
+        here = Channel();
+        leaveTerminal();
+        watchTrial(trial, there, listener);
+        _exit(0);
+    }
+    return std::move(here);
+}
+
+// ---- The terminal's side ----
+
+/// Waits for the person, the watchdog or a signal, and says how much time is left.
+class Countdown {
+public:
+    Countdown(const Trial& trial, const Channel& watchdog, const sigset_t& signals)
+        : trial_(trial),
+          watchdog_(watchdog),
+          signals_(signalfd(-1, &signals, SFD_CLOEXEC)),
+          onTerminal_(isatty(STDIN_FILENO) == 1) {
+        // Enter counts only when it is pressed after the rules are in force.
+        (void)tcflush(STDIN_FILENO, TCIFLUSH);
+    }
+
+    /// The watchdog's last report; nothing when the watchdog is gone.
+    std::optional<Json::Value> wait() {
+        announce();
+        for (;;) {
+            std::array<pollfd, 3> events = {pollfd{watchdog_.fd(), POLLIN, 0},
+                                            pollfd{signals_.fd(), POLLIN, 0},
+                                            pollfd{onTerminal_ ? STDIN_FILENO : -1, POLLIN, 0}};
+            (void)poll(events.data(), events.size(), kTick);
+            if (events[0].revents != 0) {
+                clearLine();
+                return watchdog_.receive();
+            }
+            if (events[1].revents != 0) {
+                ask(kAskCancel);
+                signals_ = Channel();  // one is enough
+            }
+            if (events[2].revents != 0) {
+                ask(enterPressed() ? kAskConfirm : kAskCancel);
+                onTerminal_ = false;
+            }
+            showTime();
+        }
+    }
+
+private:
+    void ask(const char* what) const {
+        Json::Value message;
+        message["ask"] = what;
+        watchdog_.send(message);
+    }
+
+    /// A terminal that is gone, or Ctrl-D, does not confirm.
+    static bool enterPressed() {
+        std::array<char, 256> line{};
+        return read(STDIN_FILENO, line.data(), line.size()) > 0;
+    }
+
+    void announce() const {
+        std::cout << "The rules of \"" << printable(trial_.name) << "\" are in force for "
+                  << counted(static_cast<std::size_t>(trial_.timeout.count()), "second") << ".\n"
+                  << (onTerminal_ ? "Press Enter to keep them, Ctrl-C to go back; elsewhere, "
+                                  : "To keep them, ")
+                  << "\"tarnfw try --confirm\" keeps them.\n"
+                  << std::flush;
+    }
+
+    void showTime() const {
+        const auto left = std::chrono::ceil<std::chrono::seconds>(end_ - Clock::now()).count();
+        if (onTerminal_ && left >= 0) {
+            std::cout << "\r\033[K" << left << " s " << std::flush;
+        }
+    }
+
+    void clearLine() const {
+        if (isatty(STDIN_FILENO) == 1) {
+            std::cout << "\r\033[K" << std::flush;
+        }
+    }
+
+    const Trial& trial_;
+    const Channel& watchdog_;
+    Channel signals_;
+    bool onTerminal_;
+    Clock::time_point end_ = Clock::now() + trial_.timeout;
+};
+
+/// Says how a trial ended; one that ended in anything but adoption is a command that failed.
+void conclude(const std::string& name, const Json::Value& report) {
+    const std::string state = report.get("state", "").asString();
+    const std::string reason = report.get("reason", "").asString();
+    const std::string profile = "profile \"" + printable(name) + "\"";
+    if (state == kTrialAdopted) {
+        std::cout << "Kept: " << profile << " is now the active one\n";
+        return;
+    }
+    if (state == kTrialReverted) {
+        throw CommandFailed(profile + " was not kept: " + reason +
+                            "; the active profile's rules are in force again");
+    }
+    throw CommandFailed(profile + " was not kept: " + reason);
+}
+
+/// The watchdog was killed: this process is the only one left that can go back.
+void goBackWithoutWatchdog(const std::string& name) {
+    const bool reverted = revertTrial(name);
+    stopListening();
+    throw CommandFailed("profile \"" + printable(name) +
+                        "\" was not kept: the watchdog was killed" +
+                        (reverted ? "; the active profile's rules are in force again"
+                                  : ", and the active profile was not applied again"));
+}
+
+void tryProfile(const TryOptions& options) {
+    const Trial trial{options.profile, std::chrono::seconds(options.seconds)};
+    requireTriable(trial.name);
+    const sigset_t signals = blockEndingSignals();
+    pid_t process = -1;
+    std::cout << std::flush;
+    const Channel watchdog = startWatchdog(trial, process);
+    std::optional<Json::Value> report = watchdog.receive();
+    if (report && report->get("state", "").asString() == kTrialGoesOn) {
+        report = Countdown(trial, watchdog, signals).wait();
+    }
+    (void)waitpid(process, nullptr, 0);
+    if (!report) {
+        goBackWithoutWatchdog(trial.name);
+    }
+    conclude(trial.name, *report);
+}
+
+// ---- From another terminal ----
+
+/// What the trial that is going on reports when it is asked; nothing when it has just ended.
+std::optional<Json::Value> askTrial(const Channel& trial, const char* what) {
+    Json::Value message;
+    message["ask"] = what;
+    trial.send(message);
+    return trial.receive();
+}
+
+void confirmTrial() {
+    const std::optional<Channel> trial = callTrial();
+    if (!trial) {
+        throw CommandFailed("no trial is going on");
+    }
+    const std::optional<Json::Value> report = askTrial(*trial, kAskConfirm);
+    if (!report) {
+        throw CommandFailed("the trial has just ended");
+    }
+    conclude(report->get("profile", "").asString(), *report);
+}
+
+/// Goes back from a trial that nobody watches any more.
+void cancelAbandonedTrial() {
+    const std::optional<std::string> name = abandonedTrial();
+    if (!name) {
+        throw CommandFailed("no trial is going on");
+    }
+    const bool reverted = revertTrial(*name);
+    stopListening();
+    if (!reverted) {
+        throw CommandFailed("the active profile was not applied again");
+    }
+    std::cout << "Gone back from the trial of \"" << printable(*name)
+              << "\" that was left behind\n";
+}
+
+void cancelTrial() {
+    const std::optional<Channel> trial = callTrial();
+    if (!trial) {
+        cancelAbandonedTrial();
+        return;
+    }
+    const std::optional<Json::Value> report = askTrial(*trial, kAskCancel);
+    if (!report || report->get("state", "").asString() != kTrialReverted) {
+        throw CommandFailed("the trial did not end as it should; \"tarnfw status\" tells more");
+    }
+    std::cout << "Gone back from the trial of \""
+              << printable(report->get("profile", "").asString()) << "\"\n";
+}
+
+void run(const TryOptions& options) {
+    requireRoot();
+    if (options.confirm) {
+        confirmTrial();
+    } else if (options.cancel) {
+        cancelTrial();
+    } else if (options.profile.empty()) {
+        throw CLI::RequiredError("PROFILE");
+    } else {
+        tryProfile(options);
+    }
+}
+
+}  // namespace
+
+void addTryCommand(CLI::App& app) {
+    CLI::App* const command = app.add_subcommand(
+        "try",
+        "Put a profile's rules in force for a while; they stay only when somebody confirms them");
+    const auto options = std::make_shared<TryOptions>();
+    CLI::Option* const profile =
+        command->add_option("PROFILE", options->profile,
+                            "A profile other than the active one; confirmed, it is active");
+    CLI::Option* const timeout =
+        command
+            ->add_option("--timeout", options->seconds,
+                         "Seconds until the active profile's rules are in force again")
+            ->check(CLI::Range(1, kMaxSeconds))
+            ->capture_default_str();
+    CLI::Option* const confirm =
+        command->add_flag("--confirm", options->confirm, "Keep what is being tried");
+    CLI::Option* const cancel = command->add_flag(
+        "--cancel", options->cancel, "Go back at once, also from a trial that was left behind");
+    confirm->excludes(profile)->excludes(timeout)->excludes(cancel);
+    cancel->excludes(profile)->excludes(timeout);
+    command->footer(
+        "During the trial no established connection passes by itself: one that goes on working is "
+        "one that the rules let in.\nA watchdog goes back when the time is over, on Ctrl-C, when "
+        "the "
+        "terminal is lost and when this command is killed.");
+    command->callback([options] { run(*options); });
+}
+
+}  // namespace tarnfw
