@@ -5,7 +5,7 @@
 # has the names of the protocols that iptables reads and prints.
 readonly kPackages=(
     g++ clang clang-format clang-tidy cmake ninja-build pkg-config
-    libboost-dev libcli11-dev libgmock-dev libgtest-dev libjsoncpp-dev libkmod-dev
+    libboost-dev libcli11-dev libgmock-dev libgtest-dev libjsoncpp-dev libkmod-dev libvalijson-dev
     debhelper dpkg-dev lintian systemd xz-utils
     doxygen shellcheck
     iproute2 iptables netbase procps python3-jsonschema python3-pexpect util-linux

@@ -1,0 +1,590 @@
+// What the check of a profile says: each kind of finding, and documents that have none.
+#include "profileCheck.h"
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <ostream>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace tarnfw {
+namespace {
+
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+
+void writeFile(const std::string& path, const std::string& content) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << content;
+}
+
+Json::Value parsed(const std::string& text) {
+    Json::Value value;
+    std::string errors;
+    const Json::CharReaderBuilder builder;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors))
+        << text << errors;
+    return value;
+}
+
+/// The members of `changes` put into `value`; a null takes the member away.
+Json::Value changed(Json::Value value, const std::string& changes) {
+    const Json::Value members = parsed(changes);
+    for (const std::string& name : members.getMemberNames()) {
+        if (members[name].isNull()) {
+            value.removeMember(name);
+        } else {
+            value[name] = members[name];
+        }
+    }
+    return value;
+}
+
+Json::Value rule(const std::string& changes = "{}") {
+    return changed(parsed(R"({"adapterDirect": 1, "blLog": false,
+        "chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL"], "enable": true, "ipDirect": 1,
+        "ipGroup": 5, "ipList": [], "ipType": 2, "labelList": [], "name": "", "policy": 0,
+        "portDirect": 0, "portGroup": 1, "portList": ["22"], "protocol": 1, "ruleIndex": 0,
+        "table": "filter"})"),
+                   changes);
+}
+
+/// A profile with these rules for "global".
+Json::Value profile(const std::vector<Json::Value>& rules) {
+    Json::Value document = parsed(R"({"name": "home", "adapterPolicyMap": {"global": 2}})");
+    for (const Json::Value& one : rules) {
+        document["rules"]["global"].append(one);
+    }
+    if (rules.empty()) {
+        document["rules"] = Json::Value();
+    }
+    return document;
+}
+
+std::vector<std::string> linesOf(const Json::Value& document) {
+    std::vector<std::string> lines;
+    for (const Finding& finding : checkProfile(document)) {
+        lines.push_back(lineOf("home.json", finding));
+    }
+    return lines;
+}
+
+class ProfileCheckTest : public testing::Test {
+protected:
+    void SetUp() override {
+        writeFile("/usr/tarn/etc.defaults/services.d/test.json",
+                  R"([{"name": "ssh", "title": "SSH", "dst": {"protocol": "tcp", "ports": ["22"]}},
+                      {"name": "nfs", "title": "NFS",
+                       "dst": {"protocol": "tcp/udp", "ports": ["111", "2049"]}},
+                      {"name": "vpn_server_pptp", "title": "PPTP",
+                       "dst": {"protocol": "tcp", "ports": ["1723"]}},
+                      {"name": "inner", "dst": {"protocol": "tcp", "ports": ["9"]}}])");
+        // An adapter that is there without an interface: "wlan0", on a machine with wireless.
+        writeFile("/etc.defaults/tarninfo.conf", "support_wireless=\"yes\"\n");
+        writeFile("/usr/share/xt_geoip/DE.iv4", std::string(16, '\1'));
+        writeFile("/usr/share/xt_geoip/DE.iv6", std::string(32, '\1'));
+        writeFile("/usr/share/xt_geoip/FR.iv4", std::string(16, '\1'));
+    }
+};
+
+// ---- One rule -----------------------------------------------------------------------------------
+
+struct RuleCase {
+    const char* name;
+    const char* changes;             // to a rule without findings
+    std::vector<std::string> lines;  // behind "home.json: rules.global[0]"
+};
+
+std::ostream& operator<<(std::ostream& out, const RuleCase& c) {
+    return out << c.changes;
+}
+
+class RuleTest : public ProfileCheckTest, public testing::WithParamInterface<RuleCase> {};
+
+TEST_P(RuleTest, HasTheseFindings) {
+    std::vector<std::string> lines;
+    for (const std::string& line : GetParam().lines) {
+        lines.push_back("home.json: rules.global[0]" + line);
+    }
+    EXPECT_THAT(linesOf(profile({rule(GetParam().changes)})), ElementsAreArray(lines));
+}
+
+const RuleCase kShapes[] = {
+    {"Whole", "{}", {}},
+    {"NoProtocol", R"({"protocol": null})", {": \"protocol\" is missing"}},
+    {"TwoMissing",
+     R"({"table": null, "name": null})",
+     {": \"name\" is missing", ": \"table\" is missing"}},
+    {"Misspelt",
+     R"({"portlist": []})",
+     {".portlist: there is no such member; did you mean \"portList\"?"}},
+    {"TwoUnknown",
+     R"({"colour": 1, "size": 2})",
+     {".colour: there is no such member", ".size: there is no such member"}},
+    {"TextForNumber", R"({"policy": "1"})", {".policy: \"1\" is none of 0, 1, 2"}},
+    {"BooleanForNumber", R"({"ipType": true})", {".ipType: true is none of 0, 1, 2"}},
+    {"UnknownGroup", R"({"ipGroup": 6})", {".ipGroup: 6 is none of 0, 1, 2, 3, 4, 5"}},
+    {"UnknownProtocol", R"({"protocol": 5})", {".protocol: 5 is none of 1, 2, 3, 4, 32"}},
+    {"NumberForBoolean", R"({"enable": 1})", {".enable: must be true or false, not 1"}},
+    {"NumberForText", R"({"name": 7})", {".name: must be a text, not 7"}},
+    {"TextForList", R"({"portList": "22"})", {".portList: must be an array, not \"22\""}},
+    {"NumberInList", R"({"portList": ["1", 22]})", {".portList[1]: must be a text, not 22"}},
+    {"ObjectForText", R"({"table": {}})", {".table: must be a text, not an object"}},
+    {"NegativeIndex", R"({"ruleIndex": -1})", {".ruleIndex: -1 is below 0"}},
+    {"FractionIndex", R"({"ruleIndex": 0.5})", {".ruleIndex: must be a whole number, not 0.5"}},
+    {"ChainTwice",
+     R"({"chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL", "INPUT_FIREWALL"]})",
+     {".chainList: the same text stands in it twice"}},
+};
+
+const RuleCase kAddresses[] = {
+    {"Single", R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.0.1"]})", {}},
+    {"SingleV6", R"({"ipGroup": 0, "ipType": 1, "ipList": ["2001:db8::1"]})", {}},
+    {"NoSingle", R"({"ipGroup": 0, "ipType": 0, "ipList": []})", {".ipList: lacks its address"}},
+    {"BadV4",
+     R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.0.256"]})",
+     {".ipList[0]: \"10.0.0.256\" is not an IPv4 address"}},
+    {"BadV6",
+     R"({"ipGroup": 0, "ipType": 1, "ipList": ["2001:::1"]})",
+     {".ipList[0]: \"2001:::1\" is not an IPv6 address"}},
+    {"HostName",
+     R"({"ipGroup": 0, "ipType": 2, "ipList": ["example.org"]})",
+     {".ipList[0]: \"example.org\" is not an address"}},
+    {"TwoSingles",
+     R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.0.1", "10.0.0.2"]})",
+     {".ipList[1]: warning: is not looked at: ipGroup 0 is one address"}},
+    {"V6InV4Rule",
+     R"({"ipGroup": 0, "ipType": 0, "ipList": ["::1"]})",
+     {".ipType: 0 is IPv4, but the address is IPv6 (1)"}},
+    {"V4InV6Rule",
+     R"({"ipGroup": 0, "ipType": 1, "ipList": ["10.0.0.1"]})",
+     {".ipType: 1 is IPv6, but the address is IPv4 (0)"}},
+    {"V4InBoth",
+     R"({"ipGroup": 0, "ipType": 2, "ipList": ["10.0.0.1"]})",
+     {".ipType: 2 is both families, but the address is IPv4 (0)"}},
+    {"NetworkByMask",
+     R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.0", "255.255.255.0"]})",
+     {}},
+    {"NetworkByLength", R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.0", "0"]})", {}},
+    {"NetworkV6", R"({"ipGroup": 1, "ipType": 1, "ipList": ["2001:db8::", "128"]})", {}},
+    {"NoNetwork",
+     R"({"ipGroup": 1, "ipType": 0, "ipList": []})",
+     {".ipList: lacks an address and a mask"}},
+    {"NoMask",
+     R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.0"]})",
+     {".ipList: lacks a mask or prefix length"}},
+    {"LongPrefix",
+     R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.0", "33"]})",
+     {".ipList[1]: \"33\" is not a prefix length (0-32) or mask without gaps"}},
+    {"MaskWithGap",
+     R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.0", "255.0.255.0"]})",
+     {".ipList[1]: \"255.0.255.0\" is not a prefix length (0-32) or mask without gaps"}},
+    {"LongPrefixV6",
+     R"({"ipGroup": 1, "ipType": 1, "ipList": ["::", "129"]})",
+     {".ipList[1]: \"129\" is not a prefix length (0-128)"}},
+    {"NetworkAndMore",
+     R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.0", "8", "10.0.0.1", "8"]})",
+     {".ipList[2]: warning: is not looked at: ipGroup 1 is an address and its mask",
+      ".ipList[3]: warning: is not looked at: ipGroup 1 is an address and its mask"}},
+    {"NetworkOfOtherFamily",
+     R"({"ipGroup": 1, "ipType": 1, "ipList": ["10.0.0.0", "8"]})",
+     {".ipType: 1 is IPv6, but the address is IPv4 (0)"}},
+    {"None",
+     R"({"ipGroup": 2})",
+     {".ipGroup: warning: 2 matches no address: the rule has no effect"}},
+    {"NoneOff", R"({"ipGroup": 2, "enable": false})", {}},
+    {"Country", R"({"ipGroup": 3, "ipList": ["DE"]})", {}},
+    {"CountryV4", R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE", "FR"]})", {}},
+    {"NoCountry",
+     R"({"ipGroup": 3, "ipList": []})",
+     {".ipList: warning: names no country: the rule has no effect"}},
+    {"CountryInWords",
+     R"({"ipGroup": 3, "ipList": ["DE", "Germany"]})",
+     {".ipList[1]: \"Germany\" is not a country code (two capital letters)"}},
+    {"CountrySmall",
+     R"({"ipGroup": 3, "ipList": ["de"]})",
+     {".ipList[0]: \"de\" is not a country code (two capital letters)"}},
+    {"CountryWithoutData",
+     R"({"ipGroup": 3, "ipList": ["XX"]})",
+     {".ipList[0]: warning: there are no data of country \"XX\", which is left out"}},
+    {"CountryWithoutV6Data",
+     R"({"ipGroup": 3, "ipList": ["FR"]})",
+     {".ipList[0]: warning: there are no IPv6 data of country \"FR\", which is left out"}},
+    {"CountryWithoutV4Data",
+     R"({"ipGroup": 3, "ipType": 0, "ipList": ["XX"]})",
+     {".ipList[0]: warning: there are no IPv4 data of country \"XX\", which is left out"}},
+    {"Range", R"({"ipGroup": 4, "ipType": 0, "ipList": ["10.0.0.1", "10.0.0.1"]})", {}},
+    {"NoRange",
+     R"({"ipGroup": 4, "ipType": 0, "ipList": []})",
+     {".ipList: lacks the ends of the range"}},
+    {"HalfARange",
+     R"({"ipGroup": 4, "ipType": 0, "ipList": ["10.0.0.1"]})",
+     {".ipList: lacks the end of the range"}},
+    {"RangeBackwards",
+     R"({"ipGroup": 4, "ipType": 0, "ipList": ["10.0.0.9", "10.0.0.5"]})",
+     {".ipList: the range runs backwards: \"10.0.0.5\" is before \"10.0.0.9\""}},
+    {"RangeOfTwoFamilies",
+     R"({"ipGroup": 4, "ipType": 0, "ipList": ["10.0.0.9", "::1"]})",
+     {".ipList: \"10.0.0.9\" and \"::1\" are not of one family"}},
+    {"RangeWithBadEnds",
+     R"({"ipGroup": 4, "ipType": 1, "ipList": ["here", "there"]})",
+     {".ipList[0]: \"here\" is not an IPv6 address",
+      ".ipList[1]: \"there\" is not an IPv6 address"}},
+    {"RangeOfOtherFamily",
+     R"({"ipGroup": 4, "ipType": 1, "ipList": ["10.0.0.1", "10.0.0.2"]})",
+     {".ipType: 1 is IPv6, but the address is IPv4 (0)"}},
+    {"RangeAndMore",
+     R"({"ipGroup": 4, "ipType": 0, "ipList": ["10.0.0.1", "10.0.0.2", "10.0.0.3"]})",
+     {".ipList[2]: warning: is not looked at: ipGroup 4 is a first and a last address"}},
+    {"AnyAndMore",
+     R"({"ipList": ["10.0.0.1"]})",
+     {".ipList[0]: warning: is not looked at: ipGroup 5 is any address"}},
+};
+
+const RuleCase kPorts[] = {
+    {"Ports", R"({"portList": ["0", "65535", "6000-6010", "80-80"]})", {}},
+    {"PortTooLarge",
+     R"({"portList": ["80", "99999"]})",
+     {".portList[1]: \"99999\" is not a port (0-65535)"}},
+    {"PortName", R"({"portList": ["http"]})", {".portList[0]: \"http\" is not a port (0-65535)"}},
+    {"PortOctal", R"({"portList": ["010"]})", {".portList[0]: \"010\" is not a port (0-65535)"}},
+    {"PortEmpty", R"({"portList": [""]})", {".portList[0]: \"\" is not a port (0-65535)"}},
+    {"PortBlank", R"({"portList": ["2 2"]})", {".portList[0]: \"2 2\" is not a port (0-65535)"}},
+    {"PortRangeTooLarge",
+     R"({"portList": ["1-65536"]})",
+     {".portList[0]: \"1-65536\" is not a range of ports (0-65535)"}},
+    {"PortRangeBackwards",
+     R"({"portList": ["90-80"]})",
+     {".portList[0]: \"90-80\" is a range that runs backwards"}},
+    {"NegativePort",
+     R"({"portList": ["-1"]})",
+     {".portList[0]: \"-1\" is not a range of ports (0-65535)"}},
+    {"NoPort",
+     R"({"portList": []})",
+     {".portList: warning: names no port: the rule has no effect"}},
+    {"NoPortOff", R"({"portList": [], "enable": false})", {}},
+    {"IcmpWithoutPorts", R"({"protocol": 4, "portList": []})", {}},
+    {"IcmpWithPort",
+     R"({"protocol": 4, "portList": ["8"]})",
+     {".portList[0]: warning: is not looked at: ICMP and IGMP have no ports"}},
+    {"Services", R"({"portGroup": 0, "portList": ["ssh", "nfs"]})", {}},
+    {"ReservedServices", R"({"portGroup": 2, "portList": ["ssh"]})", {}},
+    {"UnknownService",
+     R"({"portGroup": 0, "portList": ["ssh", "telepathy"]})",
+     {".portList[1]: \"telepathy\" is not a service that the firewall knows"}},
+    {"ServiceWithoutTitle",
+     R"({"portGroup": 2, "portList": ["inner"]})",
+     {".portList[0]: \"inner\" is not a service that the firewall knows"}},
+    {"NoService",
+     R"({"portGroup": 0, "portList": []})",
+     {".portList: warning: names no service: the rule has no effect"}},
+    {"AnyPort", R"({"portGroup": 3, "portList": []})", {}},
+    {"AnyPortAndMore",
+     R"({"portGroup": 3, "portList": ["22"]})",
+     {".portList[0]: warning: is not looked at: portGroup 3 is any port"}},
+};
+
+const RuleCase kTargets[] = {
+    {"NoTarget", R"({"policy": 2})", {".policy: warning: 2 has no target: the rule has no effect"}},
+    {"OtherChain",
+     R"({"chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL", "OUTPUT"]})",
+     {".chainList[2]: warning: \"OUTPUT\" is not a chain of the firewall, which adds the rule "
+      "there "
+      "at each reload and never takes it away"}},
+    {"LacksAChain",
+     R"({"chainList": ["INPUT_FIREWALL"]})",
+     {".chainList: warning: the rule is added to \"FORWARD_FIREWALL\" all the same"}},
+    {"NoChainName",
+     R"({"chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL", "X -j ACCEPT"]})",
+     {".chainList[2]: \"X -j ACCEPT\" is not the name of a chain"}},
+    {"OtherTable",
+     R"({"table": "nat"})",
+     {".table: warning: \"nat\" is not \"filter\", the table that the firewall's chains are in"}},
+    {"NoTable", R"({"table": ""})", {".table: \"\" is not the name of a table"}},
+    {"TableOfWords",
+     R"({"table": "filter -F"})",
+     {".table: \"filter -F\" is not the name of a table"}},
+};
+
+std::string nameOf(const testing::TestParamInfo<RuleCase>& info) {
+    return info.param.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Shapes, RuleTest, testing::ValuesIn(kShapes), nameOf);
+INSTANTIATE_TEST_SUITE_P(Addresses, RuleTest, testing::ValuesIn(kAddresses), nameOf);
+INSTANTIATE_TEST_SUITE_P(Ports, RuleTest, testing::ValuesIn(kPorts), nameOf);
+INSTANTIATE_TEST_SUITE_P(Targets, RuleTest, testing::ValuesIn(kTargets), nameOf);
+
+// ---- The document -------------------------------------------------------------------------------
+
+struct DocumentCase {
+    const char* name;
+    const char* changes;             // to a profile without rules
+    std::vector<std::string> lines;  // behind "home.json: "
+};
+
+std::ostream& operator<<(std::ostream& out, const DocumentCase& c) {
+    return out << c.changes;
+}
+
+class DocumentTest : public ProfileCheckTest, public testing::WithParamInterface<DocumentCase> {};
+
+TEST_P(DocumentTest, HasTheseFindings) {
+    std::vector<std::string> lines;
+    for (const std::string& line : GetParam().lines) {
+        lines.push_back("home.json: " + line);
+    }
+    EXPECT_THAT(linesOf(changed(profile({}), GetParam().changes)), ElementsAreArray(lines));
+}
+
+const DocumentCase kDocuments[] = {
+    {"Empty", "{}", {}},
+    {"NoName", R"({"name": null})", {"\"name\" is missing"}},
+    {"NameNumber", R"({"name": 7})", {"name: must be a text, not 7"}},
+    {"NameEmpty", R"({"name": ""})", {"name: a profile needs a name"}},
+    {"NameOfATest",
+     R"({"name": ".test_home"})",
+     {"name: warning: \".test_home\" is the name of a test profile, which no list shows"}},
+    {"UnknownMember", R"({"comment": "mine"})", {"comment: there is no such member"}},
+    {"RulesArray", R"({"rules": []})", {"rules: must be an object or null, not an array"}},
+    {"RulesEmpty", R"({"rules": {}})", {"rules: must not be empty; without any it is null"}},
+    {"ListEmpty", R"({"rules": {"global": []}})", {"rules.global: must not be empty"}},
+    {"ListOfNumbers",
+     R"({"rules": {"global": [7]}})",
+     {"rules.global[0]: must be an object, not 7"}},
+    {"PolicyUnknown",
+     R"({"adapterPolicyMap": {"wlan0": 3, "global": 2}})",
+     {"adapterPolicyMap.wlan0: 3 is none of 0, 1, 2"}},
+    {"PolicyOfGlobal",
+     R"({"adapterPolicyMap": {"global": 0}})",
+     {"adapterPolicyMap.global: must be 2, not 0"}},
+    {"PoliciesNull", R"({"name": "x"})", {}},
+    {"AdapterAway",
+     R"({"adapterPolicyMap": {"eth7": 1, "global": 2}})",
+     {"adapterPolicyMap.eth7: warning: there is no adapter \"eth7\" now: what is said for it is "
+      "left "
+      "out"}},
+    {"VpnAway",
+     R"({"adapterPolicyMap": {"vpn": 1, "global": 2}})",
+     {"adapterPolicyMap.vpn: warning: \"vpn\" has no interface now: what is said for it is left "
+      "out"}},
+    {"PppoeInterface",
+     R"({"adapterPolicyMap": {"ppp0": 1, "global": 2}})",
+     {"adapterPolicyMap.ppp0: warning: what is said for \"ppp0\" is never applied; the adapter of "
+      "a "
+      "PPPoE connection is \"pppoe\""}},
+    {"NoAdapterName",
+     R"({"adapterPolicyMap": {"eth0 -j ACCEPT": 1, "global": 2}})",
+     {"adapterPolicyMap[\"eth0 -j ACCEPT\"]: \"eth0 -j ACCEPT\" is not the name of an adapter"}},
+    {"AdapterNameTooLong",
+     R"({"adapterPolicyMap": {"abcdefghijklmnop": 1, "global": 2}})",
+     {"adapterPolicyMap.abcdefghijklmnop: \"abcdefghijklmnop\" is not the name of an adapter"}},
+};
+
+INSTANTIATE_TEST_SUITE_P(Documents, DocumentTest, testing::ValuesIn(kDocuments),
+                         [](const auto& c) { return std::string(c.param.name); });
+
+TEST_F(ProfileCheckTest, WhatIsNoObjectHasOneFinding) {
+    EXPECT_THAT(linesOf(parsed("[1]")), ElementsAre("home.json: must be an object, not an array"));
+    EXPECT_THAT(linesOf(Json::Value()), ElementsAre("home.json: must be an object, not null"));
+}
+
+TEST_F(ProfileCheckTest, RulesOfAnAbsentAdapterAreAllTheSameChecked) {
+    Json::Value document = profile({});
+    document["rules"]["eth0.7"].append(rule());
+    document["rules"]["eth0.7"].append(rule(R"({"portList": ["x"]})"));
+    document["adapterPolicyMap"]["eth0.7"] = 0;
+    EXPECT_THAT(linesOf(document),
+                ElementsAre("home.json: rules[\"eth0.7\"]: warning: there is no adapter \"eth0.7\" "
+                            "now: what is said for it is left out",
+                            "home.json: rules[\"eth0.7\"][1].portList[0]: \"x\" is not a port "
+                            "(0-65535)"));
+}
+
+TEST_F(ProfileCheckTest, WithoutACatalogueServicesAreNotChecked) {
+    std::filesystem::remove_all("/usr/tarn/etc.defaults/services.d");
+    EXPECT_THAT(
+        linesOf(profile({rule(R"({"portGroup": 0, "portList": ["ssh"]})")})),
+        ElementsAre("home.json: warning: the service catalogue cannot be read: services are "
+                    "not checked"));
+}
+
+TEST_F(ProfileCheckTest, ControlCharactersDoNotReachTheTerminal) {
+    EXPECT_THAT(linesOf(profile({rule(R"({"portList": ["\u001b[2J\n"]})")})),
+                ElementsAre("home.json: rules.global[0].portList[0]: \"?[2J?\" is not a port "
+                            "(0-65535)"));
+}
+
+// ---- Rules that never decide --------------------------------------------------------------------
+
+struct ShadowCase {
+    const char* name;
+    const char* first;
+    const char* later;
+    bool shadowed;
+};
+
+std::ostream& operator<<(std::ostream& out, const ShadowCase& c) {
+    return out << c.first << " before " << c.later;
+}
+
+class ShadowTest : public ProfileCheckTest, public testing::WithParamInterface<ShadowCase> {
+protected:
+    static std::vector<std::string> expected(const std::string& first, const std::string& later) {
+        if (!GetParam().shadowed) {
+            return {};
+        }
+        return {"home.json: " + later + ": warning: never decides: " + first +
+                " (allow) comes first and matches all that it does"};
+    }
+    static Json::Value first() { return rule(GetParam().first); }
+    static Json::Value later() { return rule(GetParam().later); }
+};
+
+TEST_P(ShadowTest, WithinOneList) {
+    EXPECT_THAT(linesOf(profile({first(), later()})),
+                ElementsAreArray(expected("rules.global[0]", "rules.global[1]")));
+}
+
+TEST_P(ShadowTest, ByGlobal) {
+    Json::Value document = profile({first()});
+    document["rules"]["wlan0"].append(later());
+    EXPECT_THAT(linesOf(document), ElementsAreArray(expected("rules.global[0]", "rules.wlan0[0]")));
+}
+
+const ShadowCase kShadows[] = {
+    {"Same", "{}", "{}", true},
+    {"OtherPolicy", "{}", R"({"policy": 1})", true},
+    {"OtherPort", "{}", R"({"portList": ["23"]})", false},
+    {"FirstIsOff", R"({"enable": false})", "{}", false},
+    {"LaterIsOff", "{}", R"({"enable": false})", false},
+    {"PortInRange", R"({"portList": ["20-30"]})", "{}", true},
+    {"RangeInPort", "{}", R"({"portList": ["20-30"]})", false},
+    {"RangeInTouchingRanges", R"({"portList": ["1-24", "25-30"]})", R"({"portList": ["20-30"]})",
+     true},
+    {"RangeAcrossAGap", R"({"portList": ["1-24", "26-30"]})", R"({"portList": ["20-30"]})", false},
+    {"SomePorts", R"({"portList": ["22", "80"]})", R"({"portList": ["80", "443"]})", false},
+    {"TcpInBoth", R"({"protocol": 3})", "{}", true},
+    {"BothInTcp", "{}", R"({"protocol": 3})", false},
+    {"SourcePort", "{}", R"({"portDirect": 1})", false},
+    {"PortInAny", R"({"portGroup": 3, "portList": []})", "{}", true},
+    {"AnyInPort", R"({"portList": ["0-65535"]})", R"({"portGroup": 3, "portList": []})", false},
+    {"IcmpInAny", R"({"portGroup": 3, "portList": []})", R"({"protocol": 4, "portList": []})",
+     true},
+    {"IcmpTwice", R"({"protocol": 4, "portList": []})", R"({"protocol": 4, "portList": []})", true},
+    {"IgmpInIcmp", R"({"protocol": 4, "portList": []})", R"({"protocol": 32, "portList": []})",
+     false},
+    {"ServiceInPort", "{}", R"({"portGroup": 0, "portList": ["ssh"]})", true},
+    {"PortInService", R"({"portGroup": 0, "portList": ["ssh"]})", "{}", true},
+    {"ServiceInServices", R"({"portGroup": 2, "portList": ["ssh", "nfs"]})",
+     R"({"portGroup": 0, "portList": ["nfs"]})", true},
+    {"UdpOfAService", R"({"portList": ["111", "2049"]})",
+     R"({"portGroup": 0, "portList": ["nfs"]})", false},
+    {"RawProtocol", R"({"portList": ["1723"]})",
+     R"({"portGroup": 0, "portList": ["vpn_server_pptp"]})", false},
+    {"RawProtocolTwice", R"({"portGroup": 2, "portList": ["vpn_server_pptp"]})",
+     R"({"portGroup": 0, "portList": ["vpn_server_pptp"]})", true},
+    {"AddressInAny", "{}", R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.0.1"]})", true},
+    {"AnyInAddress", R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.0.1"]})", R"({"ipType": 0})",
+     false},
+    {"AnyInWholeNetwork", R"({"ipGroup": 1, "ipType": 0, "ipList": ["1.0.0.0", "0"]})",
+     R"({"ipType": 0})", true},
+    {"AddressInNetwork", R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.77", "24"]})",
+     R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.0.1"]})", true},
+    {"AddressBesideNetwork", R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.77", "24"]})",
+     R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.1.1"]})", false},
+    {"RangeInNetwork", R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.0", "255.255.255.0"]})",
+     R"({"ipGroup": 4, "ipType": 0, "ipList": ["10.0.0.0", "10.0.0.255"]})", true},
+    {"NetworkInRange", R"({"ipGroup": 4, "ipType": 1, "ipList": ["fe80::", "fe80::ffff"]})",
+     R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::5", "112"]})", true},
+    {"NetworkBeyondRange", R"({"ipGroup": 4, "ipType": 1, "ipList": ["fe80::", "fe80::ffff"]})",
+     R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::5", "111"]})", false},
+    {"OtherSide", R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.0.1"]})",
+     R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.0.1"], "ipDirect": 0})", false},
+    {"OtherSideInAny", R"({"ipDirect": 0})", R"({"ipDirect": 1})", true},
+    {"OneFamilyInBoth", "{}", R"({"ipType": 1})", true},
+    {"BothInOneFamily", R"({"ipType": 1})", "{}", false},
+    {"OtherFamily", R"({"ipType": 1})", R"({"ipType": 0})", false},
+    {"CountryInCountries", R"({"ipGroup": 3, "ipType": 0, "ipList": ["FR", "DE"]})",
+     R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE"]})", true},
+    {"CountriesInCountry", R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE"]})",
+     R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE", "FR"]})", false},
+    {"CountryInAny", "{}", R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE"]})", true},
+    {"AnyInCountry", R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE"]})", R"({"ipType": 0})", false},
+    {"CountryInNetwork", R"({"ipGroup": 1, "ipType": 0, "ipList": ["1.0.0.0", "8"]})",
+     R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE"]})", false},
+    {"Logged", "{}", R"({"blLog": true})", true},
+};
+
+INSTANTIATE_TEST_SUITE_P(Shadows, ShadowTest, testing::ValuesIn(kShadows),
+                         [](const auto& c) { return std::string(c.param.name); });
+
+/// The lines about rules that never decide.
+std::vector<std::string> shadowLinesOf(const Json::Value& document) {
+    std::vector<std::string> found;
+    for (const std::string& line : linesOf(document)) {
+        if (line.find("never decides") != std::string::npos) {
+            found.push_back(line);
+        }
+    }
+    return found;
+}
+
+class ShadowListTest : public ProfileCheckTest {};
+
+TEST_F(ShadowListTest, DirectionCountsWhereLinesNameAnInterface) {
+    const Json::Value incoming = rule();
+    const Json::Value outgoing = rule(R"({"adapterDirect": 0})");
+    Json::Value document = profile({});
+    document["rules"]["wlan0"].append(incoming);
+    document["rules"]["wlan0"].append(outgoing);
+    EXPECT_THAT(shadowLinesOf(document), IsEmpty());
+    EXPECT_THAT(shadowLinesOf(profile({incoming, outgoing})),
+                ElementsAre("home.json: rules.global[1]: warning: never decides: rules.global[0] "
+                            "(allow) comes first and matches all that it does"));
+}
+
+TEST_F(ShadowListTest, AnotherAdaptersRuleDoesNotShadow) {
+    Json::Value document = profile({});
+    document["rules"]["wlan0"].append(rule());
+    document["rules"]["global"].append(rule(R"({"portList": ["23"]})"));
+    document["rules"]["eth0"].append(rule());
+    EXPECT_THAT(shadowLinesOf(document), IsEmpty());
+}
+
+TEST_F(ShadowListTest, TheFirstOfSeveralIsNamed) {
+    EXPECT_THAT(
+        shadowLinesOf(profile({rule(R"({"policy": 1})"), rule(), rule()})),
+        ElementsAre("home.json: rules.global[1]: warning: never decides: rules.global[0] (deny) "
+                    "comes first and matches all that it does",
+                    "home.json: rules.global[2]: warning: never decides: rules.global[0] (deny) "
+                    "comes first and matches all that it does"));
+}
+
+TEST_F(ShadowListTest, ChainsAndTablesCount) {
+    const Json::Value more =
+        rule(R"({"chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL", "OUTPUT"]})");
+    EXPECT_THAT(shadowLinesOf(profile({rule(), more})), IsEmpty());
+    EXPECT_THAT(shadowLinesOf(profile({more, rule()})), testing::SizeIs(1));
+    EXPECT_THAT(shadowLinesOf(profile({rule(R"({"table": "mangle"})"), rule()})), IsEmpty());
+}
+
+TEST_F(ShadowListTest, RulesWithErrorsAreLeftOut) {
+    const Json::Value wrong = rule(R"({"portList": ["22", "x"]})");
+    EXPECT_THAT(shadowLinesOf(profile({rule(), wrong})), IsEmpty());
+    EXPECT_THAT(shadowLinesOf(profile({wrong, rule()})), IsEmpty());
+}
+
+TEST_F(ShadowListTest, RulesWithoutLinesAreLeftOut) {
+    const Json::Value none = rule(R"({"ipGroup": 3, "ipList": ["XX"]})");
+    EXPECT_THAT(shadowLinesOf(profile({rule(), none})), IsEmpty());
+    EXPECT_THAT(shadowLinesOf(profile({rule(R"({"policy": 2})"), rule()})), IsEmpty());
+}
+
+}  // namespace
+}  // namespace tarnfw

@@ -1,0 +1,58 @@
+#include "machine.h"
+
+#include <vector>
+
+#include "tarnfirewall/fwGeoip.h"
+
+namespace tarnfw {
+
+bool Machine::hasAdapter(const std::string& adapter) {
+    const auto known = adapters_.find(adapter);
+    if (known != adapters_.end()) {
+        return known->second;
+    }
+    return adapters_[adapter] = translation_.adapterIsEnabled(adapter);
+}
+
+void Machine::loadCatalogue() {
+    if (catalogueLoaded_) {
+        return;
+    }
+    catalogueLoaded_ = true;
+    TARNFW_SERVICE_LIST* list = nullptr;
+    const int count = TARNFwServiceEnum(&list);
+    catalogue_.reset(list);
+    if (count < 1) {
+        catalogue_.reset();
+    }
+}
+
+bool Machine::hasCatalogue() {
+    loadCatalogue();
+    return catalogue_ != nullptr;
+}
+
+bool Machine::hasService(const std::string& name) {
+    loadCatalogue();
+    const TARNFW_SERVICE* const service =
+        catalogue_ ? TARNFWServiceFind(catalogue_.get(), name.c_str()) : nullptr;
+    return service != nullptr && service->title[0] != '\0';
+}
+
+bool Machine::hasCountry(const std::string& code, bool ipv6) {
+    const auto key = std::make_pair(code, ipv6);
+    const auto known = countries_.find(key);
+    if (known != countries_.end()) {
+        return known->second;
+    }
+    std::vector<std::string> usable;
+    return countries_[key] = FW::FW_GEOIP().geoipSanctify({code}, ipv6, usable);
+}
+
+Json::Value Machine::portMatches(const FW::FWRULE& rule) {
+    Json::Value arg;
+    (void)translation_.iptablesRulesInit(arg);
+    return translation_.portToIptablesArg(rule, arg) ? arg["port"] : Json::Value();
+}
+
+}  // namespace tarnfw

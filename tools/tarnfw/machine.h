@@ -1,0 +1,49 @@
+/// What the meaning of a profile depends on besides its text: this machine's services, interfaces
+/// and country data.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "tarnserviceconf.h"
+
+#include "tarnfirewall/fwIptables.h"
+
+namespace tarnfw {
+
+/// Asks the platform and the library once for each thing, and keeps the answer. Changes nothing.
+class Machine {
+public:
+    /// Whether rules for `adapter` are applied now: "vpn" and "pppoe" need an interface as well.
+    bool hasAdapter(const std::string& adapter);
+
+    /// Whether the service catalogue can be read. Without it no profile with services is applied.
+    bool hasCatalogue();
+
+    /// Whether the firewall can use the service.
+    bool hasService(const std::string& name);
+
+    /// Whether there are data of a country for a family.
+    bool hasCountry(const std::string& code, bool ipv6);
+
+    /// The port matches that the translation makes of a rule: "-p tcp --dport 22", or an empty
+    /// text for any port. Null when the rule cannot be translated.
+    Json::Value portMatches(const FW::FWRULE& rule);
+
+private:
+    struct CatalogueFree {
+        void operator()(TARNFW_SERVICE_LIST* list) const { TARNFwServiceFree(list); }
+    };
+
+    void loadCatalogue();
+
+    FW::TARNFW_IPTABLES_RULES translation_;
+    std::map<std::string, bool> adapters_;
+    std::map<std::pair<std::string, bool>, bool> countries_;
+    std::unique_ptr<TARNFW_SERVICE_LIST, CatalogueFree> catalogue_;
+    bool catalogueLoaded_ = false;
+};
+
+}  // namespace tarnfw

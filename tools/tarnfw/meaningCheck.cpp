@@ -1,0 +1,438 @@
+#include "meaningCheck.h"
+
+#include <algorithm>
+#include <optional>
+#include <string>
+
+#include "tarnfirewall/fwTypes.h"
+
+#include "addressRange.h"
+#include "portEntry.h"
+#include "ruleCodes.h"
+#include "store.h"
+
+namespace tarnfw {
+namespace {
+
+using Json::Value;
+
+// Of an interface and of a chain, as the kernel has them.
+constexpr std::size_t kAdapterBytes = 15;
+constexpr std::size_t kChainBytes = 28;
+
+constexpr char kNoEffect[] = ": the rule has no effect";
+
+// ---- Reading what may be of any shape -----------------------------------------------------------
+
+std::optional<int> codeOf(const Value& rule, const char* member) {
+    const Value& value = rule[member];
+    return value.isInt() ? std::optional<int>(value.asInt()) : std::nullopt;
+}
+
+std::optional<std::vector<std::string>> textsOf(const Value& rule, const char* member) {
+    const Value& list = rule[member];
+    if (!list.isArray() ||
+        !std::all_of(list.begin(), list.end(), [](const Value& text) { return text.isString(); })) {
+        return std::nullopt;
+    }
+    std::vector<std::string> texts;
+    for (const Value& text : list) {
+        texts.push_back(text.asString());
+    }
+    return texts;
+}
+
+bool isOff(const Value& rule) {
+    return rule["enable"].isBool() && !rule["enable"].asBool();
+}
+
+/// Whether a word of a command line can be made of it: the lines are split at blanks.
+bool isWord(const std::string& text) {
+    return !text.empty() && text.front() != '-' && text.front() != '!' &&
+           std::all_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) > ' ' && c != 0x7f; });
+}
+
+// ---- One rule -----------------------------------------------------------------------------------
+
+/// The checks of one rule. Each looks at the members that it needs and leaves the others alone.
+class RuleCheck {
+public:
+    RuleCheck(const Value& rule, std::string path, Machine& machine, Findings& findings)
+        : rule_(rule), path_(std::move(path)), machine_(machine), findings_(findings) {}
+
+    void run() {
+        checkAddresses();
+        checkPorts();
+        checkPolicy();
+        checkChains();
+        checkTable();
+    }
+
+private:
+    std::string at(const char* member) const { return memberPath(path_, member); }
+    std::string at(const char* member, std::size_t index) const {
+        return elementPath(at(member), index);
+    }
+
+    /// A warning that a rule in use does not need.
+    void useless(const std::string& where, const std::string& text) {
+        if (!isOff(rule_)) {
+            findings_.warning(where, text);
+        }
+    }
+
+    void checkAddresses();
+    void checkSingle(const std::vector<std::string>& list);
+    void checkNetwork(const std::vector<std::string>& list);
+    void checkRange(const std::vector<std::string>& list);
+    void checkCountries(const std::vector<std::string>& list);
+    void checkCountry(const std::string& code, const std::string& where);
+    bool enough(const std::vector<std::string>& list, std::size_t needed, const char* what);
+    std::optional<Address> address(const std::vector<std::string>& list, std::size_t index);
+    void checkFamily(const Address& address);
+    void superfluous(const char* member, std::size_t first, std::size_t size,
+                     const std::string& reason);
+
+    void checkPorts();
+    void checkServices(const std::vector<std::string>& names);
+    void checkPortEntries(const std::vector<std::string>& entries);
+    void checkPolicy();
+    void checkChains();
+    void checkTable();
+
+    const Value& rule_;
+    std::string path_;
+    Machine& machine_;
+    Findings& findings_;
+};
+
+// ---- Addresses
+
+void RuleCheck::checkAddresses() {
+    const std::optional<int> group = codeOf(rule_, "ipGroup");
+    const auto list = textsOf(rule_, "ipList");
+    if (!group || !list) {
+        return;
+    }
+    switch (*group) {
+        case kIpSingle:
+            checkSingle(*list);
+            break;
+        case kIpNetwork:
+            checkNetwork(*list);
+            break;
+        case kIpNone:
+            useless(at("ipGroup"), std::string("2 matches no address") + kNoEffect);
+            break;
+        case kIpCountries:
+            checkCountries(*list);
+            break;
+        case kIpRange:
+            checkRange(*list);
+            break;
+        case kIpAny:
+            superfluous("ipList", 0, list->size(), "ipGroup 5 is any address");
+            break;
+        default:
+            break;
+    }
+}
+
+/// Entries that the library does not look at: the rule may apply to more than its author believes.
+void RuleCheck::superfluous(const char* member, std::size_t first, std::size_t size,
+                            const std::string& reason) {
+    for (std::size_t i = first; i < size; ++i) {
+        findings_.warning(at(member, i), "is not looked at: " + reason);
+    }
+}
+
+bool RuleCheck::enough(const std::vector<std::string>& list, std::size_t needed, const char* what) {
+    if (list.size() < needed) {
+        findings_.error(at("ipList"), std::string("lacks ") + what);
+        return false;
+    }
+    return true;
+}
+
+std::optional<Address> RuleCheck::address(const std::vector<std::string>& list, std::size_t index) {
+    const std::optional<Address> found = addressFrom(list[index]);
+    if (!found) {
+        const char* const family = codeOf(rule_, "ipType") == kIpV4Only   ? "an IPv4 address"
+                                   : codeOf(rule_, "ipType") == kIpV6Only ? "an IPv6 address"
+                                                                          : "an address";
+        findings_.error(at("ipList", index), quoted(list[index]) + " is not " + family);
+    }
+    return found;
+}
+
+void RuleCheck::checkFamily(const Address& address) {
+    const std::optional<int> type = codeOf(rule_, "ipType");
+    const std::string family = address.is_v6() ? "IPv6" : "IPv4";
+    const int right = address.is_v6() ? kIpV6Only : kIpV4Only;
+    if (!type || *type == right) {
+        return;
+    }
+    if (*type == kIpBoth) {
+        findings_.error(at("ipType"), "2 is both families, but the address is " + family + " (" +
+                                          std::to_string(right) + ")");
+    } else if (*type == kIpV4Only || *type == kIpV6Only) {
+        findings_.error(at("ipType"),
+                        std::to_string(*type) + (address.is_v6() ? " is IPv4" : " is IPv6") +
+                            ", but the address is " + family + " (" + std::to_string(right) + ")");
+    }
+}
+
+void RuleCheck::checkSingle(const std::vector<std::string>& list) {
+    if (!enough(list, 1, "its address")) {
+        return;
+    }
+    if (const auto found = address(list, 0)) {
+        checkFamily(*found);
+    }
+    superfluous("ipList", 1, list.size(), "ipGroup 0 is one address");
+}
+
+void RuleCheck::checkNetwork(const std::vector<std::string>& list) {
+    if (!enough(list, 2, list.empty() ? "an address and a mask" : "a mask or prefix length")) {
+        return;
+    }
+    const auto found = address(list, 0);
+    if (found) {
+        checkFamily(*found);
+        if (!prefixLengthFrom(list[1], found->is_v6())) {
+            findings_.error(at("ipList", 1),
+                            quoted(list[1]) + (found->is_v6() ? " is not a prefix length (0-128)"
+                                                              : " is not a prefix length (0-32) or "
+                                                                "mask without gaps"));
+        }
+    }
+    superfluous("ipList", 2, list.size(), "ipGroup 1 is an address and its mask");
+}
+
+void RuleCheck::checkRange(const std::vector<std::string>& list) {
+    if (!enough(list, 2, list.empty() ? "the ends of the range" : "the end of the range")) {
+        return;
+    }
+    const auto first = address(list, 0);
+    const auto last = address(list, 1);
+    superfluous("ipList", 2, list.size(), "ipGroup 4 is a first and a last address");
+    if (!first || !last) {
+        return;
+    }
+    if (first->is_v4() != last->is_v4()) {
+        findings_.error(at("ipList"),
+                        quoted(list[0]) + " and " + quoted(list[1]) + " are not of one family");
+        return;
+    }
+    checkFamily(*first);
+    if (*last < *first) {
+        findings_.error(at("ipList"), "the range runs backwards: " + quoted(list[1]) +
+                                          " is before " + quoted(list[0]));
+    }
+}
+
+void RuleCheck::checkCountries(const std::vector<std::string>& list) {
+    if (list.empty()) {
+        useless(at("ipList"), std::string("names no country") + kNoEffect);
+    }
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        checkCountry(list[i], at("ipList", i));
+    }
+}
+
+void RuleCheck::checkCountry(const std::string& code, const std::string& where) {
+    const auto isCapital = [](char c) { return c >= 'A' && c <= 'Z'; };
+    const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+    if (code.size() != 2 || !isCapital(code[0]) || (!isCapital(code[1]) && !isDigit(code[1]))) {
+        findings_.error(where, quoted(code) + " is not a country code (two capital letters)");
+        return;
+    }
+    const std::optional<int> type = codeOf(rule_, "ipType");
+    const bool lacksV4 = type != kIpV6Only && !machine_.hasCountry(code, false);
+    const bool lacksV6 = type != kIpV4Only && !machine_.hasCountry(code, true);
+    if (lacksV4 || lacksV6) {
+        const bool both = lacksV4 && lacksV6;
+        findings_.warning(where, "there are no " +
+                                     std::string(both      ? "data"
+                                                 : lacksV4 ? "IPv4 data"
+                                                           : "IPv6 data") +
+                                     " of country " + quoted(code) + ", which is left out");
+    }
+}
+
+// ---- Ports
+
+void RuleCheck::checkPorts() {
+    const std::optional<int> group = codeOf(rule_, "portGroup");
+    const auto list = textsOf(rule_, "portList");
+    if (!group || !list) {
+        return;
+    }
+    switch (*group) {
+        case kPortServices:
+        case kPortServicesReserved:
+            checkServices(*list);
+            break;
+        case kPortCustom:
+            checkPortEntries(*list);
+            break;
+        case kPortAny:
+            superfluous("portList", 0, list->size(), "portGroup 3 is any port");
+            break;
+        default:
+            break;
+    }
+}
+
+void RuleCheck::checkServices(const std::vector<std::string>& names) {
+    if (names.empty()) {
+        useless(at("portList"), std::string("names no service") + kNoEffect);
+    }
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        if (machine_.hasCatalogue() && !machine_.hasService(names[i])) {
+            findings_.error(at("portList", i),
+                            quoted(names[i]) + " is not a service that the firewall knows");
+        }
+    }
+}
+
+void RuleCheck::checkPortEntries(const std::vector<std::string>& entries) {
+    const std::optional<int> protocol = codeOf(rule_, "protocol");
+    if (protocol == FW::FW_PORT_PROTOCOL_ICMP || protocol == FW::FW_PORT_PROTOCOL_IGMP) {
+        superfluous("portList", 0, entries.size(), "ICMP and IGMP have no ports");
+        return;
+    }
+    if (entries.empty()) {
+        useless(at("portList"), std::string("names no port") + kNoEffect);
+    }
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        const std::string fault = portFault(entries[i]);
+        if (!fault.empty()) {
+            findings_.error(at("portList", i), fault);
+        }
+    }
+}
+
+// ---- What becomes of a packet, and where
+
+void RuleCheck::checkPolicy() {
+    if (codeOf(rule_, "policy") == FW::FW_POLICY_NONE) {
+        useless(at("policy"), std::string("2 has no target") + kNoEffect);
+    }
+}
+
+void RuleCheck::checkChains() {
+    const auto chains = textsOf(rule_, "chainList");
+    if (!chains) {
+        return;
+    }
+    const auto& own = FW::FW_FIREWALL_CHAINS;
+    for (std::size_t i = 0; i < chains->size(); ++i) {
+        const std::string& chain = (*chains)[i];
+        if (!isWord(chain) || chain.size() > kChainBytes) {
+            findings_.error(at("chainList", i), quoted(chain) + " is not the name of a chain");
+        } else if (std::find(own.begin(), own.end(), chain) == own.end()) {
+            findings_.warning(at("chainList", i),
+                              quoted(chain) +
+                                  " is not a chain of the firewall, which adds the rule there at "
+                                  "each reload and never takes it away");
+        }
+    }
+    for (const std::string& chain : own) {
+        if (std::find(chains->begin(), chains->end(), chain) == chains->end()) {
+            findings_.warning(at("chainList"),
+                              "the rule is added to " + quoted(chain) + " all the same");
+        }
+    }
+}
+
+void RuleCheck::checkTable() {
+    const Value& table = rule_["table"];
+    if (!table.isString() || table.asString() == "filter") {
+        return;
+    }
+    const std::string name = table.asString();
+    if (!isWord(name)) {
+        findings_.error(at("table"), quoted(name) + " is not the name of a table");
+        return;
+    }
+    findings_.warning(at("table"), quoted(name) +
+                                       " is not \"filter\", the table that the "
+                                       "firewall's chains are in");
+}
+
+// ---- The document -------------------------------------------------------------------------------
+
+void checkAdapter(const std::string& adapter, const std::string& where, Machine& machine,
+                  Findings& findings) {
+    const auto& predefined = FW::FW_PREDEFINED_ADAPTERS;
+    const bool isPredefined =
+        std::find(predefined.begin(), predefined.end(), adapter) != predefined.end();
+    if (!isWord(adapter) || adapter.size() > kAdapterBytes ||
+        adapter.find_first_of("/:") != std::string::npos) {
+        findings.error(where, quoted(adapter) + " is not the name of an adapter");
+    } else if (adapter == kPppoeUsualInterface) {
+        findings.warning(where,
+                         "what is said for \"ppp0\" is never applied; the adapter of a "
+                         "PPPoE connection is \"pppoe\"");
+    } else if (!machine.hasAdapter(adapter)) {
+        findings.warning(where, isPredefined ? quoted(adapter) +
+                                                   " has no interface now: what is said for "
+                                                   "it is left out"
+                                             : "there is no adapter " + quoted(adapter) +
+                                                   " now: what is said for it is left out");
+    }
+}
+
+void checkName(const Value& name, Findings& findings) {
+    if (!name.isString()) {
+        return;
+    }
+    if (name.asString().empty()) {
+        findings.error("name", "a profile needs a name");
+    } else if (name.asString().rfind(kTestPrefix, 0) == 0) {
+        findings.warning("name", quoted(name.asString()) +
+                                     " is the name of a test profile, which no list shows");
+    }
+}
+
+}  // namespace
+
+std::vector<Finding> checkMeaning(const Json::Value& document, Machine& machine) {
+    Findings findings;
+    if (!document.isObject()) {
+        return {};
+    }
+    checkName(document["name"], findings);
+    const Value& rules = document["rules"];
+    const Value none(Json::objectValue);
+    const Value& byAdapter = rules.isObject() ? rules : none;
+    bool services = false;
+    for (const std::string& adapter : byAdapter.getMemberNames()) {
+        const std::string path = memberPath("rules", adapter);
+        checkAdapter(adapter, path, machine, findings);
+        const Value& list = byAdapter[adapter];
+        for (Json::ArrayIndex i = 0; list.isArray() && i < list.size(); ++i) {
+            if (!list[i].isObject()) {
+                continue;
+            }
+            RuleCheck(list[i], elementPath(path, i), machine, findings).run();
+            const std::optional<int> group = codeOf(list[i], "portGroup");
+            services = services || group == kPortServices || group == kPortServicesReserved;
+        }
+    }
+    const Value& policies = document["adapterPolicyMap"];
+    for (const std::string& adapter :
+         policies.isObject() ? policies.getMemberNames() : std::vector<std::string>()) {
+        if (!byAdapter.isMember(adapter)) {
+            checkAdapter(adapter, memberPath("adapterPolicyMap", adapter), machine, findings);
+        }
+    }
+    if (services && !machine.hasCatalogue()) {
+        findings.warning("", "the service catalogue cannot be read: services are not checked");
+    }
+    return findings.take();
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,228 @@
+#include "schemaCheck.h"
+
+#include <algorithm>
+#include <memory>
+#include <stdexcept>
+
+#include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/predicate.hpp>
+#include <valijson/adapters/jsoncpp_adapter.hpp>
+#include <valijson/schema.hpp>
+#include <valijson/schema_parser.hpp>
+#include <valijson/validation_results.hpp>
+#include <valijson/validator.hpp>
+
+#include "usage.h"
+
+namespace tarnfw {
+namespace {
+
+using Json::Value;
+using valijson::ValidationResults;
+using valijson::adapters::JsonCppAdapter;
+
+// What the validator says of a place whose own parts are at fault, and of those it says more.
+constexpr char kFollows[] = "Failed to validate";
+
+constexpr std::size_t kCitedBytes = 60;  // of a value that is cited
+constexpr char kDefinitions[] = "#/definitions/";
+
+/// A place in a document, and what the schema says about it.
+struct Place {
+    const Value* value;
+    const Value* schema;
+    std::string path;
+};
+
+Value schemaDocument(const char* text) {
+    Json::CharReaderBuilder builder;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Value schema;
+    if (!reader->parse(text, text + std::char_traits<char>::length(text), &schema, nullptr)) {
+        throw std::logic_error("the schema is no JSON document");
+    }
+    return schema;
+}
+
+/// The schema that is meant: behind "$ref", or an "allOf" of one part.
+const Value& resolved(const Value& schema, const Value& root) {
+    if (schema.isMember("allOf")) {
+        return resolved(schema["allOf"][0U], root);
+    }
+    if (!schema.isMember("$ref")) {
+        return schema;
+    }
+    const std::string name = schema["$ref"].asString().substr(sizeof(kDefinitions) - 1);
+    return resolved(root["definitions"][name], root);
+}
+
+const Value& schemaOfMember(const Value& schema, const std::string& name, const Value& root) {
+    const Value& own = schema["properties"];
+    return resolved(own.isMember(name) ? own[name] : schema["additionalProperties"], root);
+}
+
+/// Follows the validator's path: "<root>", "[rules]", "[eth0]", "[3]".
+Place placeOf(const Value& document, const Value& root, const std::vector<std::string>& context) {
+    Place place{&document, &resolved(root, root), ""};
+    for (std::size_t i = 1; i < context.size(); ++i) {
+        const std::string part = context[i].substr(1, context[i].size() - 2);
+        if (place.value->isArray()) {
+            const auto index = static_cast<Json::ArrayIndex>(std::stoul(part));
+            place = {&(*place.value)[index], &resolved((*place.schema)["items"], root),
+                     elementPath(place.path, index)};
+        } else {
+            place = {&(*place.value)[part], &schemaOfMember(*place.schema, part, root),
+                     memberPath(place.path, part)};
+        }
+    }
+    return place;
+}
+
+// ---- Words --------------------------------------------------------------------------------------
+
+/// A value as it stands in the document, cut where it is long.
+std::string cited(const Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    std::string text = Json::writeString(builder, value);
+    if (text.size() > kCitedBytes) {
+        text.resize(kCitedBytes);
+        text += "...";
+    }
+    return text;
+}
+
+std::string nameOfType(const std::string& type) {
+    if (type == "string") {
+        return "a text";
+    }
+    if (type == "null") {
+        return "null";
+    }
+    if (type == "boolean") {
+        return "true or false";
+    }
+    if (type == "integer") {
+        return "a whole number";
+    }
+    return type == "array" || type == "object" ? "an " + type : "a " + type;
+}
+
+std::string typesOf(const Value& schema) {
+    const Value& type = schema["type"];
+    std::vector<std::string> names;
+    if (type.isString()) {
+        names.push_back(nameOfType(type.asString()));
+    }
+    for (const Value& one : type.isArray() ? type : Value(Json::arrayValue)) {
+        names.push_back(nameOfType(one.asString()));
+    }
+    return boost::join(names, " or ");
+}
+
+std::string kindOf(const Value& value) {
+    if (value.isArray()) {
+        return "an array";
+    }
+    return value.isObject() ? "an object" : cited(value);
+}
+
+std::string valuesOf(const Value& list) {
+    std::vector<std::string> texts;
+    for (const Value& value : list) {
+        texts.push_back(cited(value));
+    }
+    return boost::join(texts, ", ");
+}
+
+bool nullAllowed(const Value& schema) {
+    const Value& type = schema["type"];
+    return std::any_of(type.begin(), type.end(),
+                       [](const Value& one) { return one.asString() == "null"; });
+}
+
+std::string emptyText(const Value& schema) {
+    return nullAllowed(schema) ? "must not be empty; without any it is null" : "must not be empty";
+}
+
+/// What stands between the last two single quotes of the validator's description.
+std::string nameIn(const std::string& description) {
+    const std::size_t end = description.rfind('\'');
+    const std::size_t start = description.find('\'');
+    return end > start ? description.substr(start + 1, end - start - 1) : std::string();
+}
+
+// ---- Findings -----------------------------------------------------------------------------------
+
+/// One finding for each member that the schema does not know: the validator names the first.
+void addUnknownMembers(const Place& place, Findings& findings) {
+    const Value& known = (*place.schema)["properties"];
+    for (const std::string& name : place.value->getMemberNames()) {
+        if (known.isMember(name)) {
+            continue;
+        }
+        const std::string meant = nearest(name, known.getMemberNames());
+        findings.error(memberPath(place.path, name),
+                       "there is no such member" +
+                           (meant.empty() ? "" : "; did you mean " + quoted(meant) + "?"));
+    }
+}
+
+std::string textOf(const Place& place, const std::string& description) {
+    const Value& schema = *place.schema;
+    using boost::contains;
+    if (contains(description, "'type' constraint")) {
+        return "must be " + typesOf(schema) + ", not " + kindOf(*place.value);
+    }
+    if (contains(description, "enum values")) {
+        return cited(*place.value) + " is none of " + valuesOf(schema["enum"]);
+    }
+    if (contains(description, "'const' constraint")) {
+        return "must be " + cited(schema["const"]) + ", not " + cited(*place.value);
+    }
+    if (contains(description, "no fewer than")) {
+        return emptyText(schema);
+    }
+    if (contains(description, "uniqueness constraint")) {
+        return "the same text stands in it twice";
+    }
+    if (contains(description, "greater than or equal to")) {
+        return cited(*place.value) + " is below " + cited(schema["minimum"]);
+    }
+    if (contains(description, "less than or equal to")) {
+        return cited(*place.value) + " is above " + cited(schema["maximum"]);
+    }
+    return description;
+}
+
+void addFinding(const Place& place, const std::string& description, Findings& findings) {
+    if (boost::starts_with(description, "Missing required property")) {
+        findings.error(place.path, quoted(nameIn(description)) + " is missing");
+    } else if (boost::starts_with(description, "Object contains a property")) {
+        addUnknownMembers(place, findings);
+    } else {
+        findings.error(place.path, textOf(place, description));
+    }
+}
+
+}  // namespace
+
+std::vector<Finding> checkSchema(const Json::Value& document, const char* schema) {
+    const Value root = schemaDocument(schema);
+    valijson::Schema compiled;
+    valijson::SchemaParser().populateSchema(JsonCppAdapter(root), compiled);
+    ValidationResults results;
+    valijson::Validator validator(valijson::Validator::kStrongTypes);
+    (void)validator.validate(compiled, JsonCppAdapter(document), &results);
+
+    Findings findings;
+    for (const ValidationResults::Error& error : results) {
+        if (!boost::starts_with(error.description, kFollows)) {
+            addFinding(placeOf(document, root, error.context), error.description, findings);
+        }
+    }
+    return findings.take();
+}
+
+}  // namespace tarnfw

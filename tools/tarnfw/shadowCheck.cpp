@@ -1,0 +1,309 @@
+#include "shadowCheck.h"
+
+#include <algorithm>
+#include <array>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/predicate.hpp>
+#include <boost/algorithm/string/replace.hpp>
+#include <boost/algorithm/string/split.hpp>
+
+#include "tarnfirewall/fwDB.h"
+
+#include "addressRange.h"
+#include "portEntry.h"
+#include "ruleCodes.h"
+#include "ruleText.h"
+
+namespace tarnfw {
+namespace {
+
+// ---- Ports --------------------------------------------------------------------------------------
+
+/// The packets that a rule's port matches take.
+class PortSet {
+public:
+    /// `matches` as Machine::portMatches() gives them.
+    explicit PortSet(const Json::Value& matches) {
+        for (const Json::Value& match : matches) {
+            add(match.asString());
+        }
+        for (auto& [side, ranges] : ranges_) {
+            merge(ranges);
+        }
+    }
+
+    bool empty() const { return !any_ && protocols_.empty() && ranges_.empty(); }
+
+    bool contains(const PortSet& other) const {
+        if (any_ || other.any_) {
+            return any_;
+        }
+        return std::includes(protocols_.begin(), protocols_.end(), other.protocols_.begin(),
+                             other.protocols_.end()) &&
+               std::all_of(other.ranges_.begin(), other.ranges_.end(), [this](const auto& entry) {
+                   return containsAll(entry.first, entry.second);
+               });
+    }
+
+private:
+    using Range = std::pair<int, int>;
+
+    /// "-p tcp --dport 22", "-p udp -m multiport --sports 53,6000:6010", "-p 47 ", or "".
+    void add(const std::string& match) {
+        if (match.empty()) {
+            any_ = true;
+            return;
+        }
+        std::vector<std::string> words;
+        boost::split(words, match, boost::is_any_of(" "));
+        words.erase(std::remove(words.begin(), words.end(), ""), words.end());
+        if (words.size() < 3) {
+            protocols_.insert(words.back());
+            return;
+        }
+        const bool source = boost::starts_with(words[words.size() - 2], "--s");
+        std::vector<std::string> entries;
+        boost::split(entries, words.back(), boost::is_any_of(","));
+        for (const std::string& entry : entries) {
+            if (const auto ports = portsFrom(boost::replace_all_copy(entry, ":", "-"))) {
+                ranges_[{words[1], source}].push_back(*ports);
+            }
+        }
+    }
+
+    /// Sorts ranges, and makes one of those that overlap or touch.
+    static void merge(std::vector<Range>& ranges) {
+        std::sort(ranges.begin(), ranges.end());
+        std::vector<Range> merged;
+        for (const Range& range : ranges) {
+            if (!merged.empty() && range.first <= merged.back().second + 1) {
+                merged.back().second = std::max(merged.back().second, range.second);
+            } else {
+                merged.push_back(range);
+            }
+        }
+        ranges = std::move(merged);
+    }
+
+    bool containsAll(const std::pair<std::string, bool>& side,
+                     const std::vector<Range>& wanted) const {
+        const auto own = ranges_.find(side);
+        return own != ranges_.end() &&
+               std::all_of(wanted.begin(), wanted.end(), [&own](const Range& range) {
+                   return std::any_of(
+                       own->second.begin(), own->second.end(), [&range](const Range& mine) {
+                           return mine.first <= range.first && range.second <= mine.second;
+                       });
+               });
+    }
+
+    bool any_ = false;
+    std::set<std::string> protocols_;                                    // "icmp", "47"
+    std::map<std::pair<std::string, bool>, std::vector<Range>> ranges_;  // by protocol and side
+};
+
+// ---- Addresses ----------------------------------------------------------------------------------
+
+/// The addresses of one family that a rule matches: any, a range or countries, on one side.
+struct AddressSet {
+    bool source = true;
+    std::optional<AddressRange> range;
+    std::set<std::string> countries;
+
+    bool any() const { return !range && countries.empty(); }
+
+    bool contains(const AddressSet& other) const {
+        if (any()) {
+            return true;
+        }
+        if (other.any() || source != other.source) {
+            return false;
+        }
+        if (range) {
+            return other.range && range->contains(*other.range);
+        }
+        return !other.range && std::includes(countries.begin(), countries.end(),
+                                             other.countries.begin(), other.countries.end());
+    }
+};
+
+std::optional<AddressRange> rangeOf(const FW::FWRULE& rule) {
+    const std::vector<std::string>& list = rule.ipList;
+    if (rule.ipGroup == kIpSingle && !list.empty()) {
+        return rangeFrom(list[0], list[0]);
+    }
+    if (rule.ipGroup == kIpNetwork && list.size() >= 2) {
+        return networkFrom(list[0], list[1]);
+    }
+    if (rule.ipGroup == kIpRange && list.size() >= 2) {
+        return rangeFrom(list[0], list[1]);
+    }
+    return std::nullopt;
+}
+
+/// What a rule matches in a family; nothing when it has no line there.
+std::optional<AddressSet> addressesOf(const FW::FWRULE& rule, bool ipv6, Machine& machine) {
+    if (rule.ipType != kIpBoth && rule.ipType != (ipv6 ? kIpV6Only : kIpV4Only)) {
+        return std::nullopt;
+    }
+    AddressSet set;
+    set.source = rule.ipDirect != 0;
+    if (rule.ipGroup == kIpAny) {
+        return set;
+    }
+    if (rule.ipGroup == kIpCountries) {
+        std::copy_if(rule.ipList.begin(), rule.ipList.end(),
+                     std::inserter(set.countries, set.countries.end()),
+                     [&](const std::string& code) { return machine.hasCountry(code, ipv6); });
+        return set.countries.empty() ? std::nullopt : std::make_optional(set);
+    }
+    set.range = rangeOf(rule);
+    if (!set.range || set.range->first.is_v6() != ipv6) {
+        return std::nullopt;
+    }
+    if (set.range->contains(wholeFamily(ipv6))) {
+        set.range.reset();
+    }
+    return set;
+}
+
+// ---- Rules --------------------------------------------------------------------------------------
+
+/// A rule that has lines, and what they match.
+struct Matcher {
+    std::string path;
+    FW::FWRULE rule;
+    bool global;  // of the list "global", whose lines name no interface
+    PortSet ports;
+    std::array<std::optional<AddressSet>, 2> addresses;  // IPv4, IPv6
+};
+
+bool shadows(const Matcher& first, const Matcher& later) {
+    const bool sameInterface =
+        first.global || (first.rule.adapterDirect != 0) == (later.rule.adapterDirect != 0);
+    if (!sameInterface || first.rule.table != later.rule.table) {
+        return false;
+    }
+    const std::set<std::string>& chains = first.rule.chainList;
+    if (!std::includes(chains.begin(), chains.end(), later.rule.chainList.begin(),
+                       later.rule.chainList.end())) {
+        return false;
+    }
+    for (std::size_t family = 0; family < later.addresses.size(); ++family) {
+        const auto& wanted = later.addresses[family];
+        const auto& own = first.addresses[family];
+        if (wanted && (!own || !own->contains(*wanted))) {
+            return false;
+        }
+    }
+    return first.ports.contains(later.ports);
+}
+
+/// The record of one rule's document; nothing for a shape that does not convert.
+std::optional<FW::FWRULE> recordOf(const Json::Value& rule) {
+    Json::Value document;
+    document[kGlobalAdapter].append(rule);
+    std::map<std::string, std::vector<FW::FWRULE>> rules;
+    try {
+        FW::TARNFW_JSON_DB().jsonToRuleList(document, rules);
+    } catch (const Json::Exception&) {
+        return std::nullopt;
+    }
+    return rules[kGlobalAdapter].front();
+}
+
+class ShadowCheck {
+public:
+    ShadowCheck(const std::vector<Finding>& findings, Machine& machine) : machine_(machine) {
+        for (const Finding& finding : findings) {
+            if (finding.isError) {
+                faults_.insert(finding.where);
+            }
+        }
+    }
+
+    /// The rules of a list that have lines.
+    std::vector<Matcher> matchersOf(const Json::Value& list, const std::string& adapter) {
+        std::vector<Matcher> matchers;
+        const std::string path = memberPath("rules", adapter);
+        for (Json::ArrayIndex i = 0; list.isArray() && i < list.size(); ++i) {
+            const std::string rulePath = elementPath(path, i);
+            const auto rule = isFaulty(rulePath) ? std::nullopt : recordOf(list[i]);
+            if (!rule || !rule->enable || rule->policy == FW::FW_POLICY_NONE) {
+                continue;
+            }
+            Matcher matcher{
+                rulePath,
+                *rule,
+                adapter == kGlobalAdapter,
+                PortSet(machine_.portMatches(*rule)),
+                {addressesOf(*rule, false, machine_), addressesOf(*rule, true, machine_)}};
+            const bool hasLines =
+                !matcher.ports.empty() && (matcher.addresses[0] || matcher.addresses[1]);
+            if (hasLines) {
+                matchers.push_back(std::move(matcher));
+            }
+        }
+        return matchers;
+    }
+
+    /// Adds a warning for each rule of `list` that one of `before` or an earlier one of it shadows.
+    void check(const std::vector<Matcher>& before, const std::vector<Matcher>& list) {
+        for (auto later = list.begin(); later != list.end(); ++later) {
+            const auto shadowsLater = [&later](const Matcher& first) {
+                return shadows(first, *later);
+            };
+            const Matcher* found = nullptr;
+            const auto global = std::find_if(before.begin(), before.end(), shadowsLater);
+            if (global != before.end()) {
+                found = &*global;
+            } else {
+                const auto own = std::find_if(list.begin(), later, shadowsLater);
+                found = own != later ? &*own : nullptr;
+            }
+            if (found != nullptr) {
+                findings_.warning(later->path, "never decides: " + found->path + " (" +
+                                                   policyText(found->rule.policy) +
+                                                   ") comes first and matches all that it does");
+            }
+        }
+    }
+
+    std::vector<Finding> take() { return findings_.take(); }
+
+private:
+    bool isFaulty(const std::string& rulePath) const {
+        const auto next = faults_.lower_bound(rulePath);
+        return next != faults_.end() && boost::starts_with(*next, rulePath);
+    }
+
+    Machine& machine_;
+    std::set<std::string> faults_;
+    Findings findings_;
+};
+
+}  // namespace
+
+std::vector<Finding> checkShadows(const Json::Value& document, const std::vector<Finding>& findings,
+                                  Machine& machine) {
+    if (!document.isObject() || !document["rules"].isObject()) {
+        return {};
+    }
+    const Json::Value& rules = document["rules"];
+    ShadowCheck check(findings, machine);
+    const std::vector<Matcher> global = check.matchersOf(rules[kGlobalAdapter], kGlobalAdapter);
+    check.check({}, global);
+    for (const std::string& adapter : rules.getMemberNames()) {
+        if (adapter != kGlobalAdapter && adapter != kPppoeUsualInterface) {
+            check.check(global, check.matchersOf(rules[adapter], adapter));
+        }
+    }
+    return check.take();
+}
+
+}  // namespace tarnfw
