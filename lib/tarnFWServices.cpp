@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 
 #include "tarnserviceconf.h"
 
@@ -51,28 +52,85 @@ bool ruleMatches(TARNFW& firewall, const PortCompareST& query, const FWRULE& rul
     }
 }
 
-/// Walks one list of rules; the verdict lives in the entry of `verdicts` for `key`, which a match
-/// makes where there is none.
-void evaluateRules(TARNFW& firewall, const PortCompareST& query, const std::vector<FWRULE>& rules,
-                   const std::string& key, Verdicts& verdicts) {
+/// The verdicts of one check, and, when somebody asks for them, the steps that led there. A verdict
+/// changes through it alone, so that no step can be missing.
+class Evaluation {
+public:
+    Evaluation(TARNFW& firewall, const PortCompareST& query, const FWPROFILE& profile,
+               Verdicts& verdicts, std::vector<FWVERDICTSTEP>* steps)
+        : firewall_(firewall),
+          query_(query),
+          profile_(profile),
+          verdicts_(verdicts),
+          steps_(steps) {}
+
+    /// `adapter` is the one asked about; empty for all with a default policy.
+    void run(const std::string& adapter);
+
+private:
+    void begin(const std::string& adapter);
+    bool decideGlobally(const std::string& adapter);
+    void evaluateRules(const std::vector<FWRULE>& rules, const std::string& key);
+    void closeInterimVerdicts();
+
+    /// Makes `step.after` the verdict of `step.adapter`.
+    void take(FWVERDICTSTEP step);
+
+    TARNFW& firewall_;
+    const PortCompareST& query_;
+    const FWPROFILE& profile_;
+    Verdicts& verdicts_;
+    std::vector<FWVERDICTSTEP>* steps_;
+};
+
+/// A step that is no rule's.
+FWVERDICTSTEP stepOf(FW_VERDICT_STEP kind, const std::string& adapter, FW_POLICY after) {
+    FWVERDICTSTEP step;
+    step.kind = kind;
+    step.adapter = adapter;
+    step.after = after;
+    return step;
+}
+
+void Evaluation::take(FWVERDICTSTEP step) {
+    FW_POLICY& verdict = verdicts_[step.adapter];  // a new entry says "allowed"
+    step.before = verdict;
+    verdict = step.after;
+    if (steps_ != nullptr) {
+        steps_->push_back(std::move(step));
+    }
+}
+
+/// Walks one list of rules; the verdict lives in the entry for `key`. The first match makes it
+/// where there is none.
+void Evaluation::evaluateRules(const std::vector<FWRULE>& rules, const std::string& key) {
     bool blockingMatched = false;
+    std::int32_t position = 0;
     for (const FWRULE& rule : rules) {
-        if (!rule.enable || !ruleMatches(firewall, query, rule)) {
+        ++position;
+        if (!rule.enable || !ruleMatches(firewall_, query_, rule)) {
             continue;
         }
+        if (verdicts_.count(key) == 0) {
+            take(stepOf(FW_VERDICT_STEP_NO_DEFAULT, key, FW_POLICY_ALLOW));
+        }
         blockingMatched = blockingMatched || rule.policy == FW_POLICY_DENY;
-        FW_POLICY& verdict = verdicts[key];
-        const VerdictStep step = nextVerdict(verdict, rule.policy, rule.ipGroup == kIpAny);
-        verdict = step.verdict;
-        if (!step.goesOn) {
+        const VerdictStep next = nextVerdict(verdicts_[key], rule.policy, rule.ipGroup == kIpAny);
+        FWVERDICTSTEP step = stepOf(FW_VERDICT_STEP_RULE, key, next.verdict);
+        step.list = key;
+        step.position = position;
+        step.policy = rule.policy;
+        step.last = !next.goesOn;
+        take(std::move(step));
+        if (!next.goesOn) {
             break;
         }
     }
     // Global rules that allow some addresses and block none leave the word to the adapters' own.
     if (key == kGlobalAdapter && !blockingMatched) {
-        const auto global = verdicts.find(key);
-        if (global != verdicts.end() && global->second == FW_POLICY_ALLOW_SOME) {
-            global->second = FW_POLICY_NONE;
+        const auto global = verdicts_.find(key);
+        if (global != verdicts_.end() && global->second == FW_POLICY_ALLOW_SOME) {
+            take(stepOf(FW_VERDICT_STEP_LEFT, key, FW_POLICY_NONE));
         }
     }
 }
@@ -94,40 +152,89 @@ std::vector<std::string> adaptersAsked(const FWPROFILE& profile, const std::stri
 }
 
 /// Lets the rules of "global" decide. Returns whether they did, for every adapter asked about.
-bool decideGlobally(TARNFW& firewall, const PortCompareST& query, const FWPROFILE& profile,
-                    const std::string& adapter, Verdicts& verdicts) {
-    const auto global = profile.rules.find(kGlobalAdapter);
-    if (global == profile.rules.end()) {
+bool Evaluation::decideGlobally(const std::string& adapter) {
+    const auto global = profile_.rules.find(kGlobalAdapter);
+    if (global == profile_.rules.end()) {
         return false;
     }
-    evaluateRules(firewall, query, global->second, kGlobalAdapter, verdicts);
-    const FW_POLICY verdict = verdicts[kGlobalAdapter];
+    evaluateRules(global->second, kGlobalAdapter);
+    const FW_POLICY verdict = verdicts_[kGlobalAdapter];
     if (!isDecided(verdict)) {
         return false;
     }
-    for (const std::string& asked : adaptersAsked(profile, adapter)) {
-        verdicts[asked] = verdict;
+    for (const std::string& asked : adaptersAsked(profile_, adapter)) {
+        if (asked != kGlobalAdapter) {
+            take(stepOf(FW_VERDICT_STEP_DECIDED, asked, verdict));
+        }
     }
     return true;
 }
 
-/// Lets the adapters' own rules decide: those of `adapter`, or all when it is empty, "global" again
-/// among them.
-void decideByAdapter(TARNFW& firewall, const PortCompareST& query, const FWPROFILE& profile,
-                     const std::string& adapter, Verdicts& verdicts) {
-    for (const auto& [name, rules] : profile.rules) {
-        if (adapter.empty() || name == adapter) {
-            evaluateRules(firewall, query, rules, name, verdicts);
+/// The verdicts that the check begins with.
+void Evaluation::begin(const std::string& adapter) {
+    take(stepOf(FW_VERDICT_STEP_GLOBAL, kGlobalAdapter, FW_POLICY_NONE));
+    for (const std::string& asked : adaptersAsked(profile_, adapter)) {
+        const auto policy = profile_.adapterPolicyMap.find(asked);
+        if (policy != profile_.adapterPolicyMap.end()) {
+            FWVERDICTSTEP step = stepOf(FW_VERDICT_STEP_DEFAULT, asked, policy->second);
+            step.policy = policy->second;
+            take(std::move(step));
         }
     }
 }
 
-void closeInterimVerdicts(Verdicts& verdicts) {
-    for (auto& [adapter, verdict] : verdicts) {
+void Evaluation::closeInterimVerdicts() {
+    for (const auto& [adapter, verdict] : verdicts_) {
         if (verdict == FW_POLICY_ALLOW_SOME || verdict == FW_POLICY_DENY_SOME) {
-            verdict = FW_POLICY_MIXED;
+            take(stepOf(FW_VERDICT_STEP_END, adapter, FW_POLICY_MIXED));
         }
     }
+}
+
+void Evaluation::run(const std::string& adapter) {
+    begin(adapter);
+    if (!decideGlobally(adapter)) {
+        if (!adapter.empty() && profile_.adapterPolicyMap.count(adapter) == 0) {
+            take(stepOf(FW_VERDICT_STEP_NO_DEFAULT, adapter, FW_POLICY_ALLOW));
+            if (profile_.rules.count(adapter) == 0) {
+                return;  // interim verdicts stay as they are on this way out
+            }
+        }
+        // The adapters' own rules: those of `adapter`, or all, "global" again among them.
+        for (const auto& [name, rules] : profile_.rules) {
+            if (adapter.empty() || name == adapter) {
+                evaluateRules(rules, name);
+            }
+        }
+    }
+    closeInterimVerdicts();
+}
+
+/// The check itself. `steps` may be null.
+bool portCheck(TARNFW& firewall, const PortCompareST& port, const std::string& adapter,
+               Verdicts& result, std::vector<FWVERDICTSTEP>* steps) {
+    bool enabled = false;
+    if (!firewall.fwStatus(enabled)) {
+        FW_LOG_ERR("Failed to check firewall status");
+        return false;
+    }
+    if (!enabled) {
+        if (!adapter.empty()) {
+            result[adapter] = FW_POLICY_ALLOW;
+        }
+        return true;
+    }
+    std::string active;
+    if (!firewall.fwProfileConfigGet(active)) {
+        FW_LOG_ERR("Failed to fwProfileConfigGet()");
+        return false;
+    }
+    FWPROFILE profile;
+    if (!profileGetLogged(active, profile)) {
+        return false;
+    }
+    Evaluation(firewall, port, profile, result, steps).run(adapter);
+    return true;
 }
 
 /// Appends a query for each port of a map.
@@ -172,45 +279,13 @@ bool TARNFW::fwUpdate() {
 
 bool TARNFW::fwPortIsBlocked(const PortCompareST& port, const std::string& adapter,
                              std::map<std::string, FW_POLICY>& result) {
-    bool enabled = false;
-    if (!fwStatus(enabled)) {
-        FW_LOG_ERR("Failed to check firewall status");
-        return false;
-    }
-    if (!enabled) {
-        if (!adapter.empty()) {
-            result[adapter] = FW_POLICY_ALLOW;
-        }
-        return true;
-    }
-    std::string active;
-    if (!fwProfileConfigGet(active)) {
-        FW_LOG_ERR("Failed to fwProfileConfigGet()");
-        return false;
-    }
-    FWPROFILE profile;
-    if (!profileGetLogged(active, profile)) {
-        return false;
-    }
+    return portCheck(*this, port, adapter, result, nullptr);
+}
 
-    result[kGlobalAdapter] = FW_POLICY_NONE;
-    for (const std::string& asked : adaptersAsked(profile, adapter)) {
-        const auto policy = profile.adapterPolicyMap.find(asked);
-        if (policy != profile.adapterPolicyMap.end()) {
-            result[asked] = policy->second;
-        }
-    }
-    if (!decideGlobally(*this, port, profile, adapter, result)) {
-        if (!adapter.empty() && profile.adapterPolicyMap.count(adapter) == 0) {
-            result[adapter] = FW_POLICY_ALLOW;
-            if (profile.rules.count(adapter) == 0) {
-                return true;  // interim verdicts stay as they are on this way out
-            }
-        }
-        decideByAdapter(*this, port, profile, adapter, result);
-    }
-    closeInterimVerdicts(result);
-    return true;
+bool TARNFW::fwPortExplain(const PortCompareST& port, const std::string& adapter,
+                           std::map<std::string, FW_POLICY>& result,
+                           std::vector<FWVERDICTSTEP>& steps) {
+    return portCheck(*this, port, adapter, result, &steps);
 }
 
 bool TARNFW::fwServIsBlocked(const std::string& servName, const std::string& adapter,

@@ -83,6 +83,29 @@ struct PortCompareST {
     std::string port;         ///< "80", or "6000-6010"
 };
 
+/// What one step of a blocked check was.
+enum FW_VERDICT_STEP : std::int32_t {
+    FW_VERDICT_STEP_DEFAULT = 0,     ///< began with the adapter's default policy
+    FW_VERDICT_STEP_NO_DEFAULT = 1,  ///< began allowed: the profile has no default policy for it
+    FW_VERDICT_STEP_GLOBAL = 2,      ///< "global" began undecided
+    FW_VERDICT_STEP_RULE = 3,        ///< a rule matched
+    FW_VERDICT_STEP_DECIDED = 4,     ///< the rules of "global" had decided, for every adapter
+    FW_VERDICT_STEP_LEFT = 5,        ///< the rules of "global" only allow some: the adapters decide
+    FW_VERDICT_STEP_END = 6          ///< an interim verdict at the end: mixed
+};
+
+/// One step on the way to a blocked check's verdict.
+struct FWVERDICTSTEP {
+    FW_VERDICT_STEP kind = FW_VERDICT_STEP_RULE;
+    std::string adapter;                 ///< whose verdict it was about, or "global"
+    std::string list;                    ///< of a rule, the adapter whose list it stands in
+    std::int32_t position = 0;           ///< of a rule, its place in that list, from 1
+    FW_POLICY policy = FW_POLICY_NONE;   ///< the rule's, or the default policy
+    FW_POLICY before = FW_POLICY_ALLOW;  ///< the verdict so far; without any, allowed
+    FW_POLICY after = FW_POLICY_ALLOW;   ///< the verdict from here on
+    bool last = false;                   ///< the rules behind this one were not looked at
+};
+
 /// The ports of one or more services, from the service catalogue: "80" or "6000-6010" by protocol.
 struct ServPort {
     std::map<FW_PORT_PROTOCOL, std::vector<std::string>> srcPorts;  ///< matched as source ports

@@ -148,8 +148,15 @@ public:
     bool fwPortIsBlocked(const PortCompareST& port, const std::string& adapter,
                          std::map<std::string, FW_POLICY>& result);
 
-    /// The same for every port of a service; the most severe verdict of an adapter counts, blocked
-    /// before mixed before allowed. A service without ports leaves `result` as it is.
+    /// The same as fwPortIsBlocked(), and appends to `steps` how each verdict came about, in the
+    /// order of the evaluation: what it began with, each rule that matched, what followed from
+    /// "global". The steps of one adapter form a chain: `before` is the `after` of the one before,
+    /// and the last `after` is its entry in `result`. With the firewall disabled there are none.
+    bool fwPortExplain(const PortCompareST& port, const std::string& adapter,
+                       std::map<std::string, FW_POLICY>& result, std::vector<FWVERDICTSTEP>& steps);
+
+    /// fwPortIsBlocked() for every port of a service; the most severe verdict of an adapter counts,
+    /// blocked before mixed before allowed. A service without ports leaves `result` as it is.
     bool fwServIsBlocked(const std::string& servName, const std::string& adapter,
                          std::map<std::string, FW_POLICY>& result);
 };

@@ -8,6 +8,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -210,10 +211,17 @@ Step stepForSomebody(int current, int policy) {
     }
 }
 
+// A rule that matched: whose verdict it changed, its place, its policy, the verdict before and
+// after, and whether it ended the list.
+using RuleStep = std::tuple<std::string, int, int, int, int, bool>;
+using RuleSteps = std::vector<RuleStep>;
+
 void evaluateList(const Model& model, const std::string& key, const PortCompareST& query,
-                  Verdicts& result) {
+                  Verdicts& result, RuleSteps& steps) {
     bool blockingMatched = false;
+    int position = 0;
     for (const FWRULE& rule : model.rules.at(key)) {
+        ++position;
         if (!rule.enable || rule.portGroup < 0 || rule.portGroup > 3 ||
             !matches(model, rule, query)) {
             continue;
@@ -221,6 +229,7 @@ void evaluateList(const Model& model, const std::string& key, const PortCompareS
         blockingMatched = blockingMatched || rule.policy == 1;
         const Step step = rule.ipGroup == 5 ? stepForAnybody(result[key], rule.policy)
                                             : stepForSomebody(result[key], rule.policy);
+        steps.emplace_back(key, position, rule.policy, result[key], step.verdict, step.stops);
         result[key] = step.verdict;
         if (step.stops) {
             break;
@@ -231,9 +240,10 @@ void evaluateList(const Model& model, const std::string& key, const PortCompareS
     }
 }
 
-// What an enabled firewall answers.
-void evaluate(const Model& model, const PortCompareST& query, const std::string& adapter,
-              Verdicts& result) {
+// What an enabled firewall answers. Returns the rules that led there.
+RuleSteps evaluate(const Model& model, const PortCompareST& query, const std::string& adapter,
+                   Verdicts& result) {
+    RuleSteps steps;
     result["global"] = 2;
     for (const auto& [name, policy] : model.policies) {
         if (adapter.empty() || adapter == name) {
@@ -242,7 +252,7 @@ void evaluate(const Model& model, const PortCompareST& query, const std::string&
     }
     bool decided = false;
     if (model.rules.count("global") != 0) {
-        evaluateList(model, "global", query, result);
+        evaluateList(model, "global", query, result, steps);
         const int global = result["global"];
         decided = global == 0 || global == 1 || global == 3;
         if (decided && !adapter.empty()) {
@@ -256,13 +266,13 @@ void evaluate(const Model& model, const PortCompareST& query, const std::string&
     if (!decided && !adapter.empty() && model.policies.count(adapter) == 0) {
         result[adapter] = 0;
         if (model.rules.count(adapter) == 0) {
-            return;
+            return steps;
         }
     }
     if (!decided) {
         for (const auto& [name, rules] : model.rules) {
             if (adapter.empty() || adapter == name) {
-                evaluateList(model, name, query, result);
+                evaluateList(model, name, query, result, steps);
             }
         }
     }
@@ -271,6 +281,7 @@ void evaluate(const Model& model, const PortCompareST& query, const std::string&
             verdict = 3;
         }
     }
+    return steps;
 }
 
 // ---- The fixture ----
@@ -334,16 +345,50 @@ protected:
         platform_.services = model.services;
     }
 
-    // The library's answer, added to `before`; the call must succeed and log nothing.
+    // The library's answer, added to `before`; the call must succeed and log nothing. The answer
+    // with its steps must be the same, and they must lead to it.
     Verdicts asked(const PortCompareST& query, const std::string& adapter,
                    const Verdicts& before = {}) {
-        std::map<std::string, FW_POLICY> result;
-        for (const auto& [name, verdict] : before) {
-            result[name] = static_cast<FW_POLICY>(verdict);
-        }
+        std::map<std::string, FW_POLICY> result = policies(before);
         EXPECT_TRUE(FW::TARNFW().fwPortIsBlocked(query, adapter, result));
+        EXPECT_EQ(explained(query, adapter, before), (Verdicts{result.begin(), result.end()}));
         EXPECT_THAT(platform_.log(), IsEmpty());
         return {result.begin(), result.end()};
+    }
+
+    static std::map<std::string, FW_POLICY> policies(const Verdicts& verdicts) {
+        std::map<std::string, FW_POLICY> made;
+        for (const auto& [name, verdict] : verdicts) {
+            made[name] = static_cast<FW_POLICY>(verdict);
+        }
+        return made;
+    }
+
+    // Asks for the steps, into steps_ and ruleSteps_, and follows them: what they leave must be the
+    // answer.
+    Verdicts explained(const PortCompareST& query, const std::string& adapter,
+                       const Verdicts& before) {
+        std::map<std::string, FW_POLICY> result = policies(before);
+        steps_.clear();
+        ruleSteps_.clear();
+        EXPECT_TRUE(FW::TARNFW().fwPortExplain(query, adapter, result, steps_));
+        Verdicts followed = before;
+        for (const FW::FWVERDICTSTEP& step : steps_) {
+            EXPECT_EQ(step.before, followed[step.adapter]) << step.adapter;
+            followed[step.adapter] = step.after;
+            const bool isRule = step.kind == FW::FW_VERDICT_STEP_RULE;
+            EXPECT_EQ(step.position > 0, isRule);
+            EXPECT_EQ(step.list, isRule ? step.adapter : "");
+            if (isRule) {
+                ruleSteps_.emplace_back(step.adapter, step.position, step.policy, step.before,
+                                        step.after, step.last);
+            }
+        }
+        const Verdicts found = {result.begin(), result.end()};
+        if (!steps_.empty()) {  // a disabled firewall has an answer and no reasons
+            EXPECT_EQ(followed, found);
+        }
+        return found;
     }
 
     // Compares the library's answer on the stored `model` with the second evaluation's. Returns
@@ -351,12 +396,15 @@ protected:
     bool agrees(const Model& model, const PortCompareST& query, const std::string& adapter,
                 const Verdicts& before = {}) {
         Verdicts expected = before;
-        evaluate(model, query, adapter, expected);
+        const RuleSteps expectedSteps = evaluate(model, query, adapter, expected);
         const Verdicts found = asked(query, adapter, before);
-        if (found == expected) {
+        EXPECT_EQ(ruleSteps_.size(), expectedSteps.size());
+        const bool sameSteps = ruleSteps_ == expectedSteps;
+        if (found == expected && sameSteps) {
             return true;
         }
         std::ostringstream out;
+        out << (sameSteps ? "" : "other rules led there; ");
         out << "query " << query.port << ", protocol " << query.protocol << ", direction "
             << query.portDirect << ", adapter \"" << adapter << "\"\n";
         std::size_t told = 0;
@@ -386,6 +434,8 @@ protected:
     }
 
     const PortCompareST kQuery = {kDestination, kTcp, "100-200"};
+    std::vector<FW::FWVERDICTSTEP> steps_;  // of the last question
+    RuleSteps ruleSteps_;                   // those of them that are a rule's
 };
 
 std::string numbered(const std::string& prefix, std::size_t number) {
@@ -461,6 +511,14 @@ TEST_P(BlockedFailureTest, FailsThePortCheckAndAddsNoVerdict) {
         EXPECT_EQ(log(), GetParam().log);
         EXPECT_THAT(result, ElementsAre(Pair("eth1", kAllowedForSome)));
     }
+}
+
+TEST_P(BlockedFailureTest, FailsTheExplanationAndAddsNoStep) {
+    std::map<std::string, FW_POLICY> result;
+    EXPECT_FALSE(FW::TARNFW().fwPortExplain(kQuery, "eth0", result, steps_));
+    EXPECT_EQ(log(), GetParam().log);
+    EXPECT_THAT(result, IsEmpty());
+    EXPECT_THAT(steps_, IsEmpty());
 }
 
 TEST_P(BlockedFailureTest, FailsTheServiceCheckAtTheFirstPort) {
@@ -791,7 +849,8 @@ TEST_F(BlockedTest, CatalogueIsAskedForOnceAndOnlyForRulesThatNameServices) {
     (void)asked(kQuery, "");
     EXPECT_THAT(platform_.journalOf("services "), IsEmpty());
     store({{{"eth0", {ssh, ssh}}, {"eth1", {ssh}}}, {{"eth0", kAllowed}}, kServices});
-    (void)asked(kQuery, "");
+    std::map<std::string, FW_POLICY> result;
+    EXPECT_TRUE(FW::TARNFW().fwPortIsBlocked(kQuery, "", result));
     EXPECT_THAT(platform_.journalOf("services "), ElementsAre("enum", "free"));
 }
 
@@ -1124,6 +1183,76 @@ TEST_F(WholeSpaceTest, DrawnProfiles) {
         for (const std::string adapter : {"", "eth0", "eth2", "vpn", "global", "unknown"}) {
             ASSERT_TRUE(agrees(model, query, adapter, {{"eth1", 4}, {"global", 1}})) << round;
         }
+    }
+}
+
+// ---- fwPortExplain: the steps that are no rule's, and their order ----
+
+// Kind, adapter, policy, before, after, in words that a difference can be read from.
+Lines told(const std::vector<FW::FWVERDICTSTEP>& steps) {
+    const char* const kinds[] = {"default", "no default", "global",    "rule",
+                                 "decided", "left",       "at the end"};
+    Lines lines;
+    for (const FW::FWVERDICTSTEP& step : steps) {
+        std::ostringstream out;
+        out << step.adapter << ": " << kinds[step.kind];
+        if (step.kind == FW::FW_VERDICT_STEP_RULE) {
+            out << " " << step.list << "/" << step.position << (step.last ? " last" : "");
+        }
+        out << ", policy " << step.policy << ", " << step.before << " to " << step.after;
+        lines.push_back(out.str());
+    }
+    return lines;
+}
+
+TEST_F(BlockedTest, StepsOfADisabledFirewallAreNone) {
+    storeSettings(false, "home");
+    store({{}, {{"eth0", kBlocked}}, {}});
+    (void)asked(kQuery, "eth0");
+    EXPECT_THAT(steps_, IsEmpty());
+}
+
+TEST_F(BlockedTest, StepsAreAddedToThoseThatTheCallerHas) {
+    store({{}, {{"eth0", kBlocked}}, {}});
+    steps_.resize(1);
+    std::map<std::string, FW_POLICY> result;
+    EXPECT_TRUE(FW::TARNFW().fwPortExplain(kQuery, "eth0", result, steps_));
+    EXPECT_EQ(steps_.size(), 3u);
+}
+
+TEST_F(BlockedTest, StepsBeginWithTheDefaultPolicyAndEndMixed) {
+    store({{{"global", {kAllowSomebody}},
+            {"eth0", {kIdle, ports(kAllowed, kSomebody, {"1-300"}), disabled(kDenyAnybody)}}},
+           {{"eth0", kBlocked}, {"eth1", kAllowed}},
+           {}});
+    (void)asked(kQuery, "eth0");
+    EXPECT_THAT(
+        told(steps_),
+        ElementsAre("global: global, policy 2, 0 to 2", "eth0: default, policy 1, 0 to 1",
+                    "global: rule global/1, policy 0, 2 to 4", "global: left, policy 2, 4 to 2",
+                    "eth0: rule eth0/2, policy 0, 1 to 4", "eth0: at the end, policy 2, 4 to 3"));
+}
+
+TEST_F(BlockedTest, StepsTellWhatTheGlobalRulesHaveDecided) {
+    store({{{"global", {kDenyAnybody, kAllowAnybody}}, {"eth0", {kAllowAnybody}}},
+           {{"eth0", kAllowed}, {"eth1", kAllowed}},
+           {}});
+    (void)asked(kQuery, "");
+    EXPECT_THAT(told(steps_),
+                ElementsAre("global: global, policy 2, 0 to 2", "eth0: default, policy 0, 0 to 0",
+                            "eth1: default, policy 0, 0 to 0",
+                            "global: rule global/1 last, policy 1, 2 to 1",
+                            "eth0: decided, policy 2, 0 to 1", "eth1: decided, policy 2, 0 to 1"));
+}
+
+TEST_F(BlockedTest, StepsTellThatThereIsNoDefaultPolicy) {
+    store({{{"eth0", {kDenySomebody}}}, {}, {}});
+    for (const std::string adapter : {"eth0", ""}) {
+        (void)asked(kQuery, adapter);
+        EXPECT_THAT(told(steps_), ElementsAre("global: global, policy 2, 0 to 2",
+                                              "eth0: no default, policy 2, 0 to 0",
+                                              "eth0: rule eth0/1, policy 1, 0 to 5",
+                                              "eth0: at the end, policy 2, 5 to 3"));
     }
 }
 
