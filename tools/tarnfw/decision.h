@@ -1,0 +1,114 @@
+/// Which rule decides for a packet: the first that matches, as the kernel goes through the lines of
+/// INPUT_FIREWALL. The blocked checks answer for all addresses at once; this answers for one.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tarnfirewall/fwIptables.h"
+#include "tarnfirewall/fwTypes.h"
+
+#include "addressRange.h"
+
+namespace tarnfw {
+
+inline constexpr int kHighestPort = 65535;
+
+/// Ports, both ends included.
+struct PortSpan {
+    int first = 0;
+    int last = kHighestPort;
+};
+
+/// "80" or "6000-6010"; nothing for what is no port or a range that runs backwards.
+std::optional<PortSpan> portSpanFrom(const std::string& text);
+
+/// "80" or "6000-6010".
+std::string portSpanText(const PortSpan& span);
+
+/// A packet that comes in and is for this machine, or several that differ in the port alone.
+struct Packet {
+    /// What a profile may call the interface: {"eth0"}, or {"tun0", "vpn"}.
+    std::vector<std::string> adapters;
+    Address source;
+    std::optional<Address> destination;  ///< the machine's own address, where it is known
+    FW::FW_PORT_PROTOCOL protocol = FW::FW_PORT_PROTOCOL_TCP;  ///< TCP or UDP
+    PortSpan ports;                                            ///< of the destination
+    std::optional<PortSpan> sourcePorts;                       ///< where they are known
+    bool established = false;  ///< it belongs to a connection that there is already
+};
+
+/// A rule of a profile: the adapter whose list it stands in, and its position there, from 1.
+struct RulePlace {
+    std::string adapter;
+    std::size_t position = 0;
+
+    bool operator==(const RulePlace& other) const {
+        return adapter == other.adapter && position == other.position;
+    }
+};
+
+enum class DecidedBy {
+    kRule,
+    kDefaultPolicy,  ///< of an adapter
+    kNothing,        ///< neither: the packet is let through
+    kLoopback,       ///< the line for packets of the machine to itself
+    kEstablished,    ///< the line for established connections
+};
+
+/// What decides for some of the ports asked about.
+struct Decision {
+    PortSpan ports;
+    DecidedBy by = DecidedBy::kNothing;
+    RulePlace place;  ///< the rule; of a default policy, its adapter; else empty
+    bool denied = false;
+
+    /// Rules ahead of it with the other outcome that match some of these packets: their source
+    /// ports or the machine's own address decide, and were not told.
+    std::vector<RulePlace> unless;
+};
+
+/// Decides by one profile, as if each adapter asked about were there. Country rules count as in a
+/// kernel with the "geoip" match. Rules whose line the kernel refuses decide nothing, and neither
+/// do those for "ppp0", which never get one.
+class Decider {
+public:
+    explicit Decider(FW::FWPROFILE profile) : profile_(std::move(profile)) {}
+
+    const FW::FWPROFILE& profile() const { return profile_; }
+
+    /// The ports of `packet` in ascending order, without gaps; neighbours differ in what decides.
+    /// Throws CommandFailed when the service catalogue cannot be read.
+    std::vector<Decision> decide(const Packet& packet);
+
+    /// The rule at a place.
+    const FW::FWRULE& ruleAt(const RulePlace& place) const;
+
+    /// "rule 3 of eth0: allow tcp 22 from 192.168.1.0/24 (IPv4)", "the default policy of eth0:
+    /// deny", "no rule and no default policy decides", ...
+    std::string reason(const Decision& decision) const;
+
+private:
+    enum class Match { kNo, kPerhaps, kYes };
+
+    /// Destination ports for which a rule matches.
+    struct MatchedPorts {
+        PortSpan ports;
+        Match match;
+    };
+
+    Match matchesAddress(const FW::FWRULE& rule, const Packet& packet);
+    bool holdsAddress(const FW::FWRULE& rule, const Address& address);
+    bool inCountries(const std::vector<std::string>& countries, const Address& address);
+    std::vector<MatchedPorts> matchedPorts(const FW::FWRULE& rule, const Packet& packet);
+
+    FW::FWPROFILE profile_;
+    FW::TARNFW_IPTABLES_RULES translator_;  // for the service catalogue, which it keeps
+    std::map<std::pair<std::string, bool>, std::vector<AddressRange>> countries_;
+};
+
+}  // namespace tarnfw
