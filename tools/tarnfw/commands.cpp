@@ -8,6 +8,9 @@ void addCommands(CLI::App& app) {
     addPreviewCommand(app);
     addProfileCommands(app);
     addTryCommand(app);
+    addBlockedCommands(app);
+    addInventoryCommands(app);
+    addServiceCommands(app);
     addBaseCommands(app);
 }
 

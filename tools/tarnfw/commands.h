@@ -15,5 +15,12 @@ void addPreviewCommand(CLI::App& app);   ///< preview
 void addProfileCommands(CLI::App& app);  ///< profile list, show
 void addTryCommand(CLI::App& app);       ///< try
 void addBaseCommands(CLI::App& app);     ///< base up, down, status
+void addControlCommands(CLI::App& app);    ///< status, enable, disable, reload
+void addPreviewCommand(CLI::App& app);     ///< preview
+void addProfileCommands(CLI::App& app);    ///< profile list, show
+void addBlockedCommands(CLI::App& app);    ///< blocked, explain
+void addInventoryCommands(CLI::App& app);  ///< adapters, services
+void addServiceCommands(CLI::App& app);    ///< service reserve, release, update; adapter rename
+void addBaseCommands(CLI::App& app);       ///< base up, down, status
 
 }  // namespace tarnfw

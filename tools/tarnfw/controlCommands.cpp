@@ -1,5 +1,6 @@
 /// tarnfw enable, disable, reload.
 #include <iostream>
+#include <memory>
 
 #include "tarnfirewall/tarnFW.h"
 
@@ -7,14 +8,16 @@
 #include "command.h"
 #include "commands.h"
 #include "output.h"
+#include "sshGuard.h"
 #include "store.h"
 
 namespace tarnfw {
 namespace {
 
-void enable() {
+void enable(bool yes) {
     requireRoot();
     requireBase();
+    requireSshAccess("", yes, "Enable all the same?");
     if (!FW::TARNFW().fwEnable()) {
         throw CommandFailed("the firewall was not enabled as it should be");
     }
@@ -31,14 +34,21 @@ void disable() {
 
 void reload() {
     requireRoot();
+    if (firewallEnabled()) {
+        warnAboutSsh("");
+    }
     reloadActive();
 }
 
 }  // namespace
 
 void addControlCommands(CLI::App& app) {
-    app.add_subcommand("enable", "Switch the firewall on and apply the active profile")
-        ->callback(enable);
+    CLI::App* const enableCommand =
+        app.add_subcommand("enable", "Switch the firewall on and apply the active profile");
+    const auto yes = std::make_shared<bool>(false);
+    enableCommand->add_flag("--yes", *yes, "Do not ask when that would keep you out");
+    enableCommand->footer("Over SSH, asks first when the profile would not let you connect again.");
+    enableCommand->callback([yes] { enable(*yes); });
     app.add_subcommand("disable", "Switch the firewall off: empty its chains, keep the profiles")
         ->callback(disable);
     app.add_subcommand("reload", "Apply the active profile anew")->callback(reload);

@@ -1,0 +1,266 @@
+/// tarnfw blocked, explain: whether a port or a service gets through, and why.
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "tarnfirewall/tarnFW.h"
+
+#include "addressRange.h"
+#include "blockedOptions.h"
+#include "command.h"
+#include "commands.h"
+#include "explainSender.h"
+#include "output.h"
+#include "ruleText.h"
+#include "store.h"
+#include "verdicts.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr char kGlobal[] = "global";
+
+// ---- blocked ----
+
+/// What a verdict means, where that is not plain.
+std::string remark(const AdapterAnswer& answer) {
+    const bool global = answer.adapter == kGlobal;
+    if (!FW::TARNFW_IPTABLES_RULES().adapterIsEnabled(answer.adapter)) {
+        return "absent now";
+    }
+    switch (answer.verdict) {
+        case FW::FW_POLICY_NONE:
+            return global ? "left to the adapters" : "nothing decides: let through";
+        case FW::FW_POLICY_MIXED:
+            return "allowed from some addresses, blocked from others";
+        default:
+            return global ? "for every adapter" : "";
+    }
+}
+
+void blocked(const BlockedOptions& options) {
+    requireRoot();
+    const std::vector<FW::PortCompareST> questions = questionsOf(options);
+    if (answeredDisabled(options, questions)) {
+        return;
+    }
+    const std::vector<AdapterAnswer> answers =
+        askVerdicts(questions, adaptersAsked(options, loadProfile("")));
+    const bool allowed = allAllowed(answers);
+    if (options.json) {
+        Json::Value document = documentOf(options, questions, true, allowed);
+        for (const AdapterAnswer& answer : answers) {
+            Json::Value entry;
+            entry["name"] = answer.adapter;
+            entry["verdict"] = verdictText(answer.verdict);
+            document["adapters"].append(entry);
+        }
+        printJson(document);
+    } else {
+        printHeading(options, questions);
+        Table table({"ADAPTER", "VERDICT", ""});
+        for (const AdapterAnswer& answer : answers) {
+            table.addRow({{answer.adapter, Paint::kPlain},
+                          {verdictText(answer.verdict), verdictPaint(answer.verdict)},
+                          {remark(answer), Paint::kPlain}});
+        }
+        table.print();
+    }
+    if (!allowed) {
+        endWith(kExitBlocked);
+    }
+}
+
+// ---- explain ----
+
+const FW::FWRULE& ruleOf(const FW::FWPROFILE& profile, const FW::FWVERDICTSTEP& step) {
+    return profile.rules.at(step.list).at(static_cast<std::size_t>(step.position) - 1);
+}
+
+std::string stepText(const FW::FWPROFILE& profile, const FW::FWVERDICTSTEP& step) {
+    switch (step.kind) {
+        case FW::FW_VERDICT_STEP_DEFAULT:
+            return "begins with the default policy: " + policyText(step.policy);
+        case FW::FW_VERDICT_STEP_NO_DEFAULT:
+            return "begins without a default policy";
+        case FW::FW_VERDICT_STEP_GLOBAL:
+            return "begins with nothing";
+        case FW::FW_VERDICT_STEP_RULE:
+            return "rule " + std::to_string(step.position) + ": " + ruleText(ruleOf(profile, step));
+        case FW::FW_VERDICT_STEP_DECIDED:
+            return "the rules of global have decided";
+        case FW::FW_VERDICT_STEP_LEFT:
+            return "no rule denies: left to the adapters";
+        default:
+            return "at the end, some addresses and not all";
+    }
+}
+
+std::string outcomeText(const FW::FWVERDICTSTEP& step) {
+    std::string text = verdictText(step.after);
+    if (step.kind != FW::FW_VERDICT_STEP_RULE) {
+        return text;
+    }
+    if (step.policy == FW::FW_POLICY_DENY && step.after == FW::FW_POLICY_ALLOW) {
+        // A surprise of the check that callers rely on.
+        text += ", as a second denial counts in this check";
+    }
+    return step.last ? text + "; later rules do not count" : text;
+}
+
+const char* kindWord(FW::FW_VERDICT_STEP kind) {
+    switch (kind) {
+        case FW::FW_VERDICT_STEP_DEFAULT:
+            return "default";
+        case FW::FW_VERDICT_STEP_NO_DEFAULT:
+            return "noDefault";
+        case FW::FW_VERDICT_STEP_GLOBAL:
+            return "global";
+        case FW::FW_VERDICT_STEP_RULE:
+            return "rule";
+        case FW::FW_VERDICT_STEP_DECIDED:
+            return "decidedByGlobal";
+        case FW::FW_VERDICT_STEP_LEFT:
+            return "leftToAdapters";
+        default:
+            return "end";
+    }
+}
+
+Json::Value stepDocument(const FW::FWPROFILE& profile, const FW::FWVERDICTSTEP& step) {
+    Json::Value document;
+    document["kind"] = kindWord(step.kind);
+    document["before"] = verdictText(step.before);
+    document["after"] = verdictText(step.after);
+    if (step.kind == FW::FW_VERDICT_STEP_RULE) {
+        document["list"] = step.list;
+        document["position"] = step.position;
+        document["rule"] = ruleText(ruleOf(profile, step));
+        document["last"] = step.last;
+    }
+    return document;
+}
+
+Json::Value answerDocument(const FW::FWPROFILE& profile, const AdapterAnswer& answer) {
+    Json::Value document;
+    document["name"] = answer.adapter;
+    document["verdict"] = verdictText(answer.verdict);
+    for (const PortAnswer& port : answer.ports) {
+        Json::Value entry;
+        entry["port"] = questionText(port.question);
+        entry["verdict"] = verdictText(port.verdict);
+        entry["steps"] = Json::Value(Json::arrayValue);
+        for (const FW::FWVERDICTSTEP& step : port.steps) {
+            entry["steps"].append(stepDocument(profile, step));
+        }
+        document["ports"].append(entry);
+    }
+    return document;
+}
+
+void printAnswer(const FW::FWPROFILE& profile, const AdapterAnswer& answer) {
+    std::cout << '\n'
+              << printable(answer.adapter) << ": "
+              << painted(verdictText(answer.verdict), verdictPaint(answer.verdict)) << '\n';
+    Table table;
+    for (const PortAnswer& port : answer.ports) {
+        if (answer.ports.size() > 1) {
+            table.addRow({{questionText(port.question), Paint::kStrong},
+                          {verdictText(port.verdict), verdictPaint(port.verdict)}});
+        }
+        for (const FW::FWVERDICTSTEP& step : port.steps) {
+            table.addRow({{stepText(profile, step), Paint::kPlain},
+                          {outcomeText(step), verdictPaint(step.after)}});
+        }
+    }
+    table.print(2);
+}
+
+void explain(const BlockedOptions& options) {
+    const std::vector<FW::PortCompareST> questions = questionsOf(options);
+    if (answeredDisabled(options, questions)) {
+        return;
+    }
+    const FW::FWPROFILE profile = loadProfile("");
+    const std::vector<AdapterAnswer> answers =
+        askVerdicts(questions, adaptersAsked(options, profile));
+    const bool allowed = allAllowed(answers);
+    if (options.json) {
+        Json::Value document = documentOf(options, questions, true, allowed);
+        for (const AdapterAnswer& answer : answers) {
+            document["adapters"].append(answerDocument(profile, answer));
+        }
+        printJson(document);
+    } else {
+        printHeading(options, questions);
+        for (const AdapterAnswer& answer : answers) {
+            printAnswer(profile, answer);
+        }
+    }
+    if (!allowed) {
+        endWith(kExitBlocked);
+    }
+}
+
+// ---- The command line ----
+
+constexpr char kFooter[] =
+    "Ends with 0 when nothing of it is blocked, and with 10 when something is blocked or mixed.\n"
+    "Undecided is no obstacle: for \"global\" it leaves the word to the adapters, and an adapter\n"
+    "lets through what nothing decides. The stored rules of the active profile are evaluated;\n"
+    "a disabled firewall blocks nothing.";
+
+/// Takes an address; the other end has to be of the same family.
+CLI::Validator addressValidator() {
+    return CLI::Validator(
+        [](std::string& text) {
+            return addressFrom(text) ? std::string() : "\"" + text + "\" is no address";
+        },
+        "");
+}
+
+void addBlocked(CLI::App& app) {
+    CLI::App* const command = app.add_subcommand(
+        "blocked", "Say whether a port or a service gets through, adapter by adapter");
+    const auto options = std::make_shared<BlockedOptions>();
+    addBlockedOptions(*command, *options);
+    command->footer(kFooter);
+    command->callback([options] { blocked(*options); });
+}
+
+void addExplain(CLI::App& app) {
+    CLI::App* const command =
+        app.add_subcommand("explain", "Answer the same with the rules that led there");
+    const auto options = std::make_shared<BlockedOptions>();
+    addBlockedOptions(*command, *options);
+    CLI::Option* const from =
+        command->add_option("--from", options->from, "Name the one rule that decides for a sender")
+            ->check(addressValidator());
+    command->add_option("--to", options->to, "The machine's address that the sender uses")
+        ->check(addressValidator())
+        ->needs(from);
+    command->footer(std::string(kFooter) +
+                    "\nWith --from, rules are gone through as the kernel does; country rules count "
+                    "as in a kernel\nthat has the \"geoip\" match.\n"
+                    "Example: tarnfw explain --port tcp/20-25 --adapter eth0 --from 192.168.1.20");
+    command->callback([options] {
+        requireRoot();
+        if (options->from.empty()) {
+            explain(*options);
+        } else {
+            explainSender(*options);
+        }
+    });
+}
+
+}  // namespace
+
+void addBlockedCommands(CLI::App& app) {
+    addBlocked(app);
+    addExplain(app);
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,130 @@
+#include "blockedOptions.h"
+
+#include <algorithm>
+#include <iostream>
+
+#include "command.h"
+#include "interfaces.h"
+#include "output.h"
+#include "serviceRecords.h"
+#include "store.h"
+#include "verdicts.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr char kGlobal[] = "global";
+
+/// Adapters of the machine that no rules in the profile are for under a name that stands for them.
+std::vector<std::string> uncovered(const std::vector<std::string>& covered) {
+    std::vector<std::string> meant;
+    for (const char* const predefined : {"pppoe", "vpn"}) {
+        if (std::find(covered.begin(), covered.end(), predefined) != covered.end()) {
+            const std::vector<std::string> interfaces = standsFor(predefined);
+            meant.insert(meant.end(), interfaces.begin(), interfaces.end());
+        }
+    }
+    std::vector<std::string> others;
+    for (const std::string& adapter : machineAdapters()) {
+        if (std::find(meant.begin(), meant.end(), adapter) == meant.end()) {
+            others.push_back(adapter);
+        }
+    }
+    return others;
+}
+
+std::string subjectText(const BlockedOptions& options,
+                        const std::vector<FW::PortCompareST>& questions) {
+    std::string text;
+    for (const FW::PortCompareST& question : questions) {
+        text.append(text.empty() ? "" : ", ").append(questionText(question));
+    }
+    return options.service.empty() ? text : "service " + options.service + " (" + text + ")";
+}
+
+}  // namespace
+
+void addBlockedOptions(CLI::App& command, BlockedOptions& options) {
+    CLI::Option_group* const subject = command.add_option_group("What is asked about");
+    subject->add_option("--service", options.service, "A service of the catalogue, such as ssh");
+    subject->add_option("--port", options.port, "Ports: tcp/22, udp/5000-5010, both/53, tcp+udp/53")
+        ->check(CLI::Validator(
+            [](std::string& text) {
+                FW::PortCompareST question{};
+                return portQuestionFrom(text, question);
+            },
+            ""));
+    subject->require_option(1);
+    command.add_option("--adapter", options.adapter,
+                       "One adapter; all of the profile and the machine when left out");
+    addJsonFlag(command, options.json);
+}
+
+std::vector<FW::PortCompareST> questionsOf(const BlockedOptions& options) {
+    if (options.service.empty()) {
+        FW::PortCompareST question{};
+        (void)portQuestionFrom(options.port, question);  // has passed as an option
+        return {question};
+    }
+    std::vector<FW::PortCompareST> questions = portsOf(ServiceRecords().require(options.service));
+    if (questions.empty()) {
+        throw CommandFailed("service \"" + printable(options.service) + "\" has no ports");
+    }
+    return questions;
+}
+
+std::vector<std::string> adaptersAsked(const BlockedOptions& options,
+                                       const FW::FWPROFILE& profile) {
+    std::vector<std::string> adapters = adaptersOf(profile);
+    if (!options.adapter.empty()) {
+        requireAdapter(options.adapter, adapters);
+        return {options.adapter};
+    }
+    for (const std::string& other : uncovered(adapters)) {
+        adapters.push_back(other);
+    }
+    std::sort(adapters.begin(), adapters.end());
+    adapters.erase(std::unique(adapters.begin(), adapters.end()), adapters.end());
+    adapters.erase(std::remove(adapters.begin(), adapters.end(), kGlobal), adapters.end());
+    return adapters;
+}
+
+Json::Value documentOf(const BlockedOptions& options,
+                       const std::vector<FW::PortCompareST>& questions, bool enabled,
+                       bool allowed) {
+    Json::Value document;
+    document["enabled"] = enabled;
+    document["profile"] = activeProfile();
+    if (!options.service.empty()) {
+        document["service"] = options.service;
+    }
+    for (const FW::PortCompareST& question : questions) {
+        document["ports"].append(questionText(question));
+    }
+    document["adapters"] = Json::Value(Json::arrayValue);
+    document["allowed"] = allowed;
+    return document;
+}
+
+void printHeading(const BlockedOptions& options, const std::vector<FW::PortCompareST>& questions) {
+    std::cout << "Profile \"" << printable(activeProfile()) << "\", "
+              << printable(subjectText(options, questions)) << '\n';
+}
+
+bool answeredDisabled(const BlockedOptions& options,
+                      const std::vector<FW::PortCompareST>& questions) {
+    if (firewallEnabled()) {
+        return false;
+    }
+    if (!options.adapter.empty()) {
+        (void)adaptersAsked(options, loadProfile(""));  // a wrong name is wrong all the same
+    }
+    if (options.json) {
+        printJson(documentOf(options, questions, false, true));
+    } else {
+        std::cout << "Firewall disabled: nothing is blocked\n";
+    }
+    return true;
+}
+
+}  // namespace tarnfw

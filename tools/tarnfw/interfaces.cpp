@@ -1,0 +1,137 @@
+#include "interfaces.h"
+
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <set>
+
+#include <json/json.h>
+#include <boost/algorithm/string/join.hpp>
+#include <boost/asio/ip/address_v4.hpp>
+#include <boost/asio/ip/address_v6.hpp>
+
+#include "tarnfirewall/tarnFW.h"
+
+#include "command.h"
+#include "output.h"
+#include "usage.h"
+
+namespace tarnfw {
+namespace {
+
+struct AddressListFree {
+    void operator()(ifaddrs* list) const { freeifaddrs(list); }
+};
+
+std::optional<Address> addressOf(const sockaddr* address) {
+    if (address != nullptr && address->sa_family == AF_INET) {
+        sockaddr_in v4{};
+        std::memcpy(&v4, address, sizeof v4);
+        return boost::asio::ip::address_v4(ntohl(v4.sin_addr.s_addr));
+    }
+    if (address != nullptr && address->sa_family == AF_INET6) {
+        sockaddr_in6 v6{};
+        std::memcpy(&v6, address, sizeof v6);
+        boost::asio::ip::address_v6::bytes_type bytes;
+        std::memcpy(bytes.data(), &v6.sin6_addr, bytes.size());
+        return boost::asio::ip::address_v6(bytes);
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::vector<Interface> interfacesNow() {
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0) {
+        throw CommandFailed(std::string("the machine's interfaces cannot be listed: ") +
+                            std::strerror(errno));
+    }
+    const std::unique_ptr<ifaddrs, AddressListFree> owned(list);
+    std::map<std::string, Interface> found;
+    for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
+        Interface& interface = found[entry->ifa_name];
+        interface.name = entry->ifa_name;
+        interface.up = (entry->ifa_flags & IFF_UP) != 0;
+        interface.running = interface.up && (entry->ifa_flags & IFF_RUNNING) != 0;
+        if (const std::optional<Address> address = addressOf(entry->ifa_addr)) {
+            interface.addresses.push_back(*address);
+        }
+    }
+    std::vector<Interface> interfaces;
+    for (auto& [name, interface] : found) {
+        interfaces.push_back(std::move(interface));
+    }
+    return interfaces;
+}
+
+std::vector<std::string> machineAdapters() {
+    std::set<std::string> names;
+    if (!FW::TARNFW().fwAdapterEnum(names)) {
+        throw CommandFailed("the machine's interfaces cannot be listed");
+    }
+    return {names.begin(), names.end()};
+}
+
+std::vector<std::string> standsFor(const std::string& adapter) {
+    FW::TARNFW_IPTABLES_RULES translator;
+    if ((adapter != "pppoe" && adapter != "vpn") || !translator.adapterIsEnabled(adapter)) {
+        return {};
+    }
+    // The translation knows; its matches are "-i ppp0".
+    Json::Value argument;
+    (void)translator.iptablesRulesInit(argument);
+    if (!translator.adapterToIptablesArg(adapter, FW::FWRULE(), argument)) {
+        throw CommandFailed("the interfaces of \"" + adapter + "\" cannot be listed");
+    }
+    std::vector<std::string> interfaces;
+    for (const Json::Value& match : argument["adapter"]) {
+        const std::string text = match.asString();
+        interfaces.push_back(text.substr(text.rfind(' ') + 1));
+    }
+    return interfaces;
+}
+
+std::vector<std::string> adapterNamesOf(const std::string& interface) {
+    std::vector<std::string> names = {interface};
+    for (const char* const predefined : {"pppoe", "vpn"}) {
+        const std::vector<std::string> meant = standsFor(predefined);
+        if (std::find(meant.begin(), meant.end(), interface) != meant.end()) {
+            names.emplace_back(predefined);
+        }
+    }
+    return names;
+}
+
+bool isPredefined(const std::string& adapter) {
+    const std::vector<std::string>& names = FW::FW_PREDEFINED_ADAPTERS;
+    return std::find(names.begin(), names.end(), adapter) != names.end();
+}
+
+void requireAdapter(const std::string& adapter, const std::vector<std::string>& others) {
+    std::set<std::string> known(others.begin(), others.end());
+    known.insert(FW::FW_PREDEFINED_ADAPTERS.begin(), FW::FW_PREDEFINED_ADAPTERS.end());
+    for (const std::string& name : machineAdapters()) {
+        known.insert(name);
+    }
+    if (known.count(adapter) != 0) {
+        return;
+    }
+    const std::vector<std::string> names(known.begin(), known.end());
+    const std::string meant = nearest(adapter, names);
+    std::string text = "there is no adapter \"" + printable(adapter) + "\"";
+    if (!meant.empty()) {
+        text.append("; did you mean \"").append(printable(meant)).append("\"?");
+    }
+    throw CommandFailed(
+        text.append(" (there is: ").append(printable(boost::join(names, ", "))).append(")"));
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,270 @@
+/// tarnfw adapters, services: what the machine has and what the catalogue offers.
+#include <fnmatch.h>
+
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <json/json.h>
+#include <boost/algorithm/string/join.hpp>
+
+#include "command.h"
+#include "commands.h"
+#include "interfaces.h"
+#include "output.h"
+#include "ruleText.h"
+#include "serviceRecords.h"
+#include "store.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr char kGlobal[] = "global";
+
+// ---- adapters ----
+
+/// An adapter: what it is now, and what the active profile has for it.
+struct Adapter {
+    std::string name;
+    bool present = false;
+    std::optional<Interface> interface;
+    std::vector<std::string> meant;  ///< the interfaces of a predefined name
+    std::optional<FW::FW_POLICY> policy;
+    std::size_t rules = 0;
+    std::size_t rulesOff = 0;
+};
+
+Adapter adapterOf(const std::string& name, const std::vector<Interface>& interfaces,
+                  const FW::FWPROFILE& profile) {
+    Adapter adapter;
+    adapter.name = name;
+    adapter.meant = standsFor(name);
+    const auto found =
+        std::find_if(interfaces.begin(), interfaces.end(),
+                     [&](const Interface& interface) { return interface.name == name; });
+    if (found != interfaces.end() && !isPredefined(name)) {
+        adapter.interface = *found;
+    }
+    adapter.present = name == kGlobal || !adapter.meant.empty() || adapter.interface;
+    const auto policy = profile.adapterPolicyMap.find(name);
+    if (policy != profile.adapterPolicyMap.end()) {
+        adapter.policy = policy->second;
+    }
+    const auto rules = profile.rules.find(name);
+    if (rules != profile.rules.end()) {
+        adapter.rules = rules->second.size();
+        adapter.rulesOff = static_cast<std::size_t>(
+            std::count_if(rules->second.begin(), rules->second.end(),
+                          [](const FW::FWRULE& rule) { return !rule.enable; }));
+    }
+    return adapter;
+}
+
+/// Those of the machine, of the profile, and the predefined ones.
+std::vector<Adapter> adaptersNow(const FW::FWPROFILE& profile) {
+    const std::vector<Interface> interfaces = interfacesNow();
+    std::set<std::string> names(FW::FW_PREDEFINED_ADAPTERS.begin(),
+                                FW::FW_PREDEFINED_ADAPTERS.end());
+    for (const std::string& name : machineAdapters()) {
+        names.insert(name);
+    }
+    for (const std::string& name : adaptersOf(profile)) {
+        names.insert(name);
+    }
+    std::vector<Adapter> adapters;
+    for (const std::string& name : names) {
+        adapters.push_back(adapterOf(name, interfaces, profile));
+    }
+    return adapters;
+}
+
+std::vector<std::string> addressTexts(const Interface& interface) {
+    std::vector<std::string> texts;
+    for (const Address& address : interface.addresses) {
+        texts.push_back(address.to_string());
+    }
+    return texts;
+}
+
+std::string nowText(const Adapter& adapter) {
+    if (adapter.name == kGlobal) {
+        return "every adapter";
+    }
+    if (!adapter.present) {
+        return isPredefined(adapter.name) ? "no interface now" : "absent";
+    }
+    if (!adapter.interface) {
+        return "stands for " + boost::join(adapter.meant, ", ");
+    }
+    const Interface& interface = *adapter.interface;
+    return interface.running ? "up" : interface.up ? "up, not connected" : "down";
+}
+
+void printAdapters(const FW::FWPROFILE& profile, const std::vector<Adapter>& adapters) {
+    std::cout << "Profile \"" << printable(profile.name) << "\" (active)\n";
+    Table table({"ADAPTER", "NOW", "ADDRESSES", "DEFAULT", "RULES"});
+    for (const Adapter& adapter : adapters) {
+        std::string rules = std::to_string(adapter.rules);
+        if (adapter.rulesOff > 0) {
+            rules.append(" (").append(std::to_string(adapter.rulesOff)).append(" off)");
+        }
+        const bool denies = adapter.policy == FW::FW_POLICY_DENY;
+        table.addRow(
+            {{adapter.name, Paint::kPlain},
+             {nowText(adapter), adapter.present ? Paint::kPlain : Paint::kFaint},
+             {adapter.interface ? boost::join(addressTexts(*adapter.interface), ", ") : "",
+              Paint::kPlain},
+             {adapter.policy ? policyText(*adapter.policy) : "-", !adapter.policy ? Paint::kFaint
+                                                                  : denies        ? Paint::kBad
+                                                                                  : Paint::kPlain},
+             {rules, adapter.rules > 0 ? Paint::kPlain : Paint::kFaint}});
+    }
+    table.print();
+}
+
+Json::Value toArray(const std::vector<std::string>& texts) {
+    Json::Value array(Json::arrayValue);
+    for (const std::string& text : texts) {
+        array.append(text);
+    }
+    return array;
+}
+
+Json::Value adapterDocument(const Adapter& adapter) {
+    Json::Value document;
+    document["name"] = adapter.name;
+    document["predefined"] = isPredefined(adapter.name);
+    document["present"] = adapter.present;
+    document["up"] = adapter.interface && adapter.interface->up;
+    document["addresses"] =
+        toArray(adapter.interface ? addressTexts(*adapter.interface) : std::vector<std::string>());
+    document["standsFor"] = toArray(adapter.meant);
+    document["policy"] = adapter.policy ? Json::Value(policyText(*adapter.policy)) : Json::Value();
+    document["rules"] = static_cast<Json::UInt64>(adapter.rules);
+    document["rulesOff"] = static_cast<Json::UInt64>(adapter.rulesOff);
+    return document;
+}
+
+void adapters(bool json) {
+    requireRoot();
+    const FW::FWPROFILE profile = loadProfile("");
+    const std::vector<Adapter> found = adaptersNow(profile);
+    if (!json) {
+        printAdapters(profile, found);
+        return;
+    }
+    Json::Value document;
+    document["profile"] = profile.name;
+    for (const Adapter& adapter : found) {
+        document["adapters"].append(adapterDocument(adapter));
+    }
+    printJson(document);
+}
+
+// ---- services ----
+
+/// "tcp 80,443"; empty without ports.
+std::string sideText(const ServiceSide& side) {
+    return side.ports.empty() ? std::string()
+                              : protocolName(side.protocol) + " " + boost::join(side.ports, ",");
+}
+
+std::string portsText(const Service& service) {
+    std::string text = sideText(service.destination);
+    if (!service.source.ports.empty()) {
+        text.append(text.empty() ? "" : ", ").append("from ").append(sideText(service.source));
+    }
+    return text;
+}
+
+/// Whether name or title hold the pattern, which may have "*" and "?", in any case of letters.
+bool fits(const Service& service, const std::string& pattern) {
+    const std::string anywhere = "*" + pattern + "*";
+    return fnmatch(anywhere.c_str(), service.name.c_str(), FNM_CASEFOLD) == 0 ||
+           fnmatch(anywhere.c_str(), service.title.c_str(), FNM_CASEFOLD) == 0;
+}
+
+Json::Value sideDocument(const ServiceSide& side) {
+    if (side.ports.empty()) {
+        return {};
+    }
+    Json::Value document;
+    document["protocol"] = protocolName(side.protocol);
+    document["ports"] = toArray(side.ports);
+    return document;
+}
+
+Json::Value serviceDocument(const Service& service) {
+    Json::Value document;
+    document["name"] = service.name;
+    document["title"] = service.title;
+    document["usable"] = !service.title.empty();
+    document["destination"] = sideDocument(service.destination);
+    document["source"] = sideDocument(service.source);
+    return document;
+}
+
+void services(const std::string& pattern, bool json) {
+    requireRoot();
+    const ServiceRecords catalogue;
+    std::vector<Service> found = catalogue.services();
+    found.erase(std::remove_if(found.begin(), found.end(),
+                               [&](const Service& service) { return !fits(service, pattern); }),
+                found.end());
+    if (found.empty()) {
+        throw CommandFailed("no service of the catalogue is like \"" + printable(pattern) + "\"");
+    }
+    if (json) {
+        Json::Value document;
+        for (const Service& service : found) {
+            document["services"].append(serviceDocument(service));
+        }
+        printJson(document);
+        return;
+    }
+    Table table({"SERVICE", "TITLE", "PORTS"});
+    for (const Service& service : found) {
+        const bool usable = !service.title.empty();
+        table.addRow({{service.name, usable ? Paint::kPlain : Paint::kFaint},
+                      {usable ? service.title : "(kept out of the firewall)",
+                       usable ? Paint::kPlain : Paint::kFaint},
+                      {portsText(service), Paint::kPlain}});
+    }
+    table.print();
+}
+
+void addAdapters(CLI::App& app) {
+    CLI::App* const command = app.add_subcommand(
+        "adapters", "List the machine's adapters and what the active profile has for each");
+    const auto json = std::make_shared<bool>(false);
+    addJsonFlag(*command, *json);
+    command->footer(
+        "\"global\", \"pppoe\" and \"vpn\" are names of profiles for every adapter, the "
+        "PPPoE connection\nand the VPN connections.");
+    command->callback([json] { adapters(*json); });
+}
+
+void addServices(CLI::App& app) {
+    CLI::App* const command =
+        app.add_subcommand("services", "List the services that rules can name, with their ports");
+    const auto pattern = std::make_shared<std::string>();
+    const auto json = std::make_shared<bool>(false);
+    command->add_option("PATTERN", *pattern,
+                        "Only those with this in their name or title; may hold * and ?");
+    addJsonFlag(*command, *json);
+    command->callback([pattern, json] { services(*pattern, *json); });
+}
+
+}  // namespace
+
+void addInventoryCommands(CLI::App& app) {
+    addAdapters(app);
+    addServices(app);
+}
+
+}  // namespace tarnfw

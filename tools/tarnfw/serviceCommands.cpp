@@ -1,0 +1,314 @@
+/// tarnfw service reserve, release, update; adapter rename: what changes every profile.
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+#include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/predicate.hpp>
+
+#include "tarnfirewall/tarnFW.h"
+
+#include "command.h"
+#include "commands.h"
+#include "interfaces.h"
+#include "output.h"
+#include "serviceRecords.h"
+#include "store.h"
+#include "usage.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr char kGlobal[] = "global";
+constexpr char kNeverTranslated[] = "ppp0";
+constexpr std::size_t kMostNameBytes = 15;  // of an interface, as the kernel takes it
+
+using Profiles = std::map<std::string, FW::FWPROFILE>;
+
+// ---- What every one of these commands does ----
+
+Profiles allProfiles() {
+    if (profileNames().empty()) {
+        throw CommandFailed("there are no profiles; \"tarnfw base up\" writes a first one");
+    }
+    Profiles profiles;
+    if (!FW::TARNFW_PROFILE().profileEnum(profiles)) {
+        throw CommandFailed("the profiles cannot be read: nothing was changed");
+    }
+    return profiles;
+}
+
+Json::Value documentOf(const FW::FWPROFILE& profile) {
+    Json::Value document;
+    FW::TARNFW_JSON_DB().profileToJson(profile, document);
+    return document;
+}
+
+/// The names of the profiles that are not as they were, without test profiles.
+std::vector<std::string> changedSince(const Profiles& before) {
+    std::vector<std::string> changed;
+    for (const auto& [name, profile] : allProfiles()) {
+        const auto found = before.find(name);
+        const bool same = found != before.end() && documentOf(found->second) == documentOf(profile);
+        if (!same && !boost::starts_with(name, kTestPrefix)) {
+            changed.push_back(name);
+        }
+    }
+    return changed;
+}
+
+/// Runs a change of all profiles and says what came of it: `done`, the profiles that changed, and
+/// whether the kernel knows.
+template <typename Change>
+void changeAll(const std::string& done, bool reload, const Profiles& before, Change change) {
+    if (!change()) {
+        const std::vector<std::string> changed = changedSince(before);
+        throw CommandFailed("not every profile could be written (changed: " +
+                            (changed.empty() ? "none" : printable(boost::join(changed, ", "))) +
+                            ")");
+    }
+    const std::vector<std::string> changed = changedSince(before);
+    std::cout << printable(done) << " ("
+              << (changed.empty() ? "no profile had to change"
+                                  : "changed: " + printable(boost::join(changed, ", ")))
+              << ")\n";
+    const bool activeChanged =
+        std::find(changed.begin(), changed.end(), activeProfile()) != changed.end();
+    if (reload) {
+        reloadActive();
+    } else if (activeChanged && firewallEnabled()) {
+        std::cout << "the kernel still has the old rules; \"tarnfw reload\" applies them\n";
+    }
+}
+
+std::vector<std::string> adaptersIn(const Profiles& profiles) {
+    std::set<std::string> adapters;
+    for (const auto& [name, profile] : profiles) {
+        for (const std::string& adapter : adaptersOf(profile)) {
+            adapters.insert(adapter);
+        }
+    }
+    return {adapters.begin(), adapters.end()};
+}
+
+// ---- Services ----
+
+bool namesService(const FW::FWRULE& rule, const std::string& service) {
+    return (rule.portGroup == 0 || rule.portGroup == 2) &&
+           std::find(rule.portList.begin(), rule.portList.end(), service) != rule.portList.end();
+}
+
+bool isNamed(const Profiles& profiles, const std::string& service) {
+    for (const auto& [name, profile] : profiles) {
+        for (const auto& [adapter, rules] : profile.rules) {
+            if (std::any_of(rules.begin(), rules.end(),
+                            [&](const FW::FWRULE& rule) { return namesService(rule, service); })) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+void reserve(const std::string& service, const std::string& adapter, const std::string& policy,
+             bool reload) {
+    requireRoot();
+    const StoreLock lock;
+    const Profiles before = allProfiles();
+    (void)ServiceRecords().require(service);
+    requireAdapter(adapter, adaptersIn(before));
+    const FW::FW_POLICY code = policy == "deny" ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW;
+    changeAll(
+        "Service " + service + " reserved on " + adapter + ": " + policy, reload, before, [&] {
+            return FW::TARNFW_PROFILE().profileAddServToReserve(adapter, service, code, false);
+        });
+}
+
+void release(const std::string& service, bool reload) {
+    requireRoot();
+    const StoreLock lock;
+    const Profiles before = allProfiles();
+    // Rules may name a service that the catalogue has lost: it can still be taken out of them.
+    if (!isNamed(before, service)) {
+        (void)ServiceRecords().require(service);
+    }
+    changeAll("Service " + service + " is in no rule", reload, before,
+              [&] { return FW::TARNFW_PROFILE().profileRemoveServ(service); });
+}
+
+void update(bool reload) {
+    requireRoot();
+    const StoreLock lock;
+    const Profiles before = allProfiles();
+    const ServiceRecords readable;  // or refuses in one line
+    changeAll("Rules follow the service catalogue", reload, before,
+              [] { return FW::TARNFW().fwUpdate(); });
+}
+
+// ---- Adapters ----
+
+bool isInterfaceName(const std::string& name) {
+    return !name.empty() && name.size() <= kMostNameBytes && name != "." && name != ".." &&
+           std::none_of(name.begin(), name.end(), [](unsigned char c) {
+               return c <= ' ' || c == '/' || c == ':' || c == 0x7f;
+           });
+}
+
+void requireRenamable(const std::string& from, const std::string& to, const Profiles& profiles) {
+    if (from == to) {
+        throw CommandFailed("both names are \"" + printable(from) + "\"");
+    }
+    if (from == kGlobal || to == kGlobal) {
+        throw CommandFailed("\"global\" stands for every adapter; its rules cannot be moved");
+    }
+    if (to == kNeverTranslated) {
+        throw CommandFailed("rules for \"ppp0\" have no effect; \"pppoe\" is its name");
+    }
+    if (!isInterfaceName(to)) {
+        throw CommandFailed("\"" + printable(to) + "\" cannot be an adapter's name");
+    }
+    const std::vector<std::string> known = adaptersIn(profiles);
+    if (std::find(known.begin(), known.end(), from) == known.end()) {
+        const std::string meant = nearest(from, known);
+        throw CommandFailed("no profile has anything for adapter \"" + printable(from) + "\"" +
+                            (meant.empty() ? "" : "; did you mean \"" + printable(meant) + "\"?") +
+                            " (there is: " + printable(boost::join(known, ", ")) + ")");
+    }
+}
+
+/// The profiles in which the new name has something that the old name's would replace.
+std::vector<std::string> replacedIn(const Profiles& profiles, const std::string& from,
+                                    const std::string& to) {
+    std::vector<std::string> names;
+    for (const auto& [name, profile] : profiles) {
+        const bool rules = profile.rules.count(from) != 0 && profile.rules.count(to) != 0;
+        const auto oldPolicy = profile.adapterPolicyMap.find(from);
+        const auto newPolicy = profile.adapterPolicyMap.find(to);
+        const bool policy = oldPolicy != profile.adapterPolicyMap.end() &&
+                            newPolicy != profile.adapterPolicyMap.end() &&
+                            oldPolicy->second != newPolicy->second;
+        if (rules || policy) {
+            names.push_back(name);
+        }
+    }
+    return names;
+}
+
+void requireReplacing(const std::string& to, const std::vector<std::string>& names, bool yes) {
+    if (names.empty() || yes) {
+        return;
+    }
+    const std::string what = "what \"" + printable(to) + "\" has in " +
+                             printable(boost::join(names, ", ")) + " would be replaced";
+    if (isatty(STDIN_FILENO) != 1) {
+        throw CommandFailed(what + "; nothing was changed (--yes goes on all the same)");
+    }
+    if (!confirmed("tarnfw: " + what + ". Go on?")) {
+        throw CommandFailed("nothing was changed");
+    }
+}
+
+void renameAdapter(const std::string& from, const std::string& to, bool yes, bool reload) {
+    requireRoot();
+    const StoreLock lock;
+    const Profiles before = allProfiles();
+    requireRenamable(from, to, before);
+    requireReplacing(to, replacedIn(before, from, to), yes);
+    changeAll("Rules and default policy of " + from + " are now those of " + to, reload, before,
+              [&] { return FW::TARNFW_PROFILE().profileChangeAdapter(from, to, false); });
+    const std::vector<std::string> present = machineAdapters();
+    if (!isPredefined(to) && std::find(present.begin(), present.end(), to) == present.end()) {
+        std::cerr << "tarnfw: the machine has no adapter \"" << printable(to)
+                  << "\" now: until it has, these rules have no effect\n";
+    }
+}
+
+// ---- The command line ----
+
+struct Options {
+    std::string service;
+    std::string adapter;
+    std::string policy;
+    std::string from;
+    std::string to;
+    bool yes = false;
+    bool reload = false;
+};
+
+void addReload(CLI::App& command, Options& options) {
+    command.add_flag("--reload", options.reload, "Apply the active profile afterwards");
+}
+
+void addReserve(CLI::App& group) {
+    CLI::App* const command = group.add_subcommand(
+        "reserve", "Allow or deny a service in every profile, ahead of an adapter's own rules");
+    const auto options = std::make_shared<Options>();
+    command->add_option("NAME", options->service, "The service")->required();
+    command->add_option("POLICY", options->policy, "allow or deny")
+        ->required()
+        ->check(CLI::IsMember({"allow", "deny"}));
+    command->add_option("--adapter", options->adapter, "The adapter; global for every one")
+        ->required();
+    addReload(*command, *options);
+    command->footer("Example: tarnfw service reserve ssh --adapter eth0 allow");
+    command->callback([options] {
+        reserve(options->service, options->adapter, options->policy, options->reload);
+    });
+}
+
+void addRelease(CLI::App& group) {
+    CLI::App* const command = group.add_subcommand(
+        "release",
+        "Take a service out of every rule of every profile, also of those that a person made");
+    const auto options = std::make_shared<Options>();
+    command->add_option("NAME", options->service, "The service")->required();
+    addReload(*command, *options);
+    command->footer("A rule that then names no service is deleted.");
+    command->callback([options] { release(options->service, options->reload); });
+}
+
+void addUpdate(CLI::App& group) {
+    CLI::App* const command = group.add_subcommand(
+        "update", "Bring the rules of every profile up to date with the service catalogue");
+    const auto options = std::make_shared<Options>();
+    addReload(*command, *options);
+    command->footer(
+        "Services that the catalogue has lost leave their rules, and a rule that then names none\n"
+        "is deleted.");
+    command->callback([options] { update(options->reload); });
+}
+
+void addRename(CLI::App& group) {
+    CLI::App* const command = group.add_subcommand(
+        "rename", "Move an adapter's rules and default policy to another name, in every profile");
+    const auto options = std::make_shared<Options>();
+    command->add_option("OLD", options->from, "The name that profiles have now")->required();
+    command->add_option("NEW", options->to, "The name to be")->required();
+    command->add_flag("--yes", options->yes, "Do not ask before replacing what NEW has already");
+    addReload(*command, *options);
+    command->callback(
+        [options] { renameAdapter(options->from, options->to, options->yes, options->reload); });
+}
+
+}  // namespace
+
+void addServiceCommands(CLI::App& app) {
+    CLI::App* const service =
+        app.add_subcommand("service", "Services that stay open or closed in every profile");
+    service->require_subcommand(1);
+    addReserve(*service);
+    addRelease(*service);
+    addUpdate(*service);
+    CLI::App* const adapter = app.add_subcommand("adapter", "Adapters' names in every profile");
+    adapter->require_subcommand(1);
+    addRename(*adapter);
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,196 @@
+#include "sshGuard.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include <boost/algorithm/string/predicate.hpp>
+#include <boost/lexical_cast/try_lexical_convert.hpp>
+
+#include "command.h"
+#include "decision.h"
+#include "output.h"
+#include "store.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr char kVariable[] = "SSH_CONNECTION";
+constexpr char kParentKey[] = "PPid:";
+constexpr char kLoopback[] = "lo";
+
+// Processes come and go while their numbers are followed upwards: this ends any circle.
+constexpr int kMostParents = 1000;
+
+/// An address with or without a zone, "fe80::1%eth0". The zone is written when there is one.
+std::optional<Address> addressWithZone(const std::string& text, std::string& zone) {
+    const std::size_t percent = text.find('%');
+    if (percent != std::string::npos) {
+        zone = text.substr(percent + 1);
+    }
+    return addressFrom(text.substr(0, percent));
+}
+
+std::optional<int> portFrom(const std::string& text) {
+    const std::optional<PortSpan> span = portSpanFrom(text);
+    return span && span->first == span->last ? std::optional<int>(span->first) : std::nullopt;
+}
+
+/// The variable in a process's environment, which is texts that end with a zero.
+std::optional<SshConnection> connectionIn(const std::string& environmentFile) {
+    const std::string start = std::string(kVariable) + "=";
+    std::ifstream file(environmentFile, std::ios::binary);
+    for (std::string entry; std::getline(file, entry, '\0');) {
+        if (boost::starts_with(entry, start)) {
+            return sshConnectionFrom(entry.substr(start.size()));
+        }
+    }
+    return std::nullopt;
+}
+
+/// The process that started another one; 0 for the first, or where it cannot be read.
+pid_t parentOf(const std::string& statusFile) {
+    std::ifstream file(statusFile);
+    for (std::string line; std::getline(file, line);) {
+        pid_t parent = 0;
+        if (boost::starts_with(line, kParentKey)) {
+            std::istringstream(line.substr(std::string(kParentKey).size())) >> parent;
+            return parent;
+        }
+    }
+    return 0;
+}
+
+bool hasAddress(const Interface& interface, const Address& address) {
+    return std::find(interface.addresses.begin(), interface.addresses.end(), address) !=
+           interface.addresses.end();
+}
+
+}  // namespace
+
+std::optional<SshConnection> sshConnectionFrom(const std::string& value) {
+    std::istringstream words(value);
+    std::string client;
+    std::string clientPort;
+    std::string server;
+    std::string serverPort;
+    std::string more;
+    if (!(words >> client >> clientPort >> server >> serverPort) || words >> more) {
+        return std::nullopt;
+    }
+    std::string zone;
+    const std::optional<Address> from = addressWithZone(client, zone);
+    const std::optional<Address> to = addressWithZone(server, zone);
+    const std::optional<int> port = portFrom(serverPort);
+    if (!from || !to || !port || !portFrom(clientPort) || from->is_v4() != to->is_v4()) {
+        return std::nullopt;
+    }
+    return SshConnection{*from, *to, *port, zone};
+}
+
+std::optional<SshConnection> sshConnectionAbove(pid_t process, const std::string& directory) {
+    for (int level = 0; process > 0 && level < kMostParents; ++level) {
+        const std::string start =
+            std::string(directory).append("/").append(std::to_string(process)).append("/");
+        if (const auto connection = connectionIn(start + "environ")) {
+            return connection;
+        }
+        process = parentOf(start + "status");
+    }
+    return std::nullopt;
+}
+
+std::optional<SshConnection> currentSshConnection() {
+    if (const char* const value = std::getenv(kVariable)) {
+        if (const auto connection = sshConnectionFrom(value)) {
+            return connection;
+        }
+    }
+    return sshConnectionAbove(getppid(), "/proc");
+}
+
+std::optional<std::string> interfaceOf(const SshConnection& connection,
+                                       const std::vector<Interface>& interfaces) {
+    std::optional<std::string> found;
+    for (const Interface& interface : interfaces) {
+        if (hasAddress(interface, connection.client)) {
+            return kLoopback;  // the machine with itself, whatever addresses it uses for that
+        }
+        const bool zoneFits = connection.zone.empty() || connection.zone == interface.name;
+        if (zoneFits && hasAddress(interface, connection.server)) {
+            found = interface.name;
+        }
+    }
+    return found;
+}
+
+std::string sshRefusal(const FW::FWPROFILE& profile, const SshConnection& connection,
+                       const std::vector<std::string>& adapters) {
+    Packet packet;
+    packet.adapters = adapters;
+    packet.source = connection.client;
+    packet.destination = connection.server;
+    packet.ports = {connection.serverPort, connection.serverPort};
+    // The client's port is left open: the next connection has another one.
+    Decider decider(profile);
+    const Decision decision = decider.decide(packet).front();
+    if (!decision.denied) {
+        return {};
+    }
+    std::string text = "you are connected over SSH from ";
+    text.append(connection.client.to_string())
+        .append(" to port ")
+        .append(std::to_string(connection.serverPort))
+        .append(" on ")
+        .append(adapters.front())
+        .append(", and profile \"")
+        .append(profile.name)
+        .append("\" denies that (")
+        .append(decider.reason(decision))
+        .append("): this connection stays, a new one would not get in");
+    return printable(text);
+}
+
+std::string sshWarning(const std::string& name) {
+    const std::optional<SshConnection> connection = currentSshConnection();
+    if (!connection) {
+        return {};
+    }
+    const std::optional<std::string> interface = interfaceOf(*connection, interfacesNow());
+    if (!interface) {
+        return {};
+    }
+    return sshRefusal(loadProfile(name), *connection, adapterNamesOf(*interface));
+}
+
+void requireSshAccess(const std::string& name, bool yes, const std::string& question) {
+    const std::string warning = sshWarning(name);
+    if (warning.empty()) {
+        return;
+    }
+    if (!yes && isatty(STDIN_FILENO) != 1) {
+        throw CommandFailed(warning + "; nothing was changed (--yes goes on all the same)");
+    }
+    std::cerr << "tarnfw: " << warning << '\n';
+    if (!yes && !confirmed(question)) {
+        throw CommandFailed("nothing was changed");
+    }
+}
+
+void warnAboutSsh(const std::string& name) {
+    std::string warning;
+    try {
+        warning = sshWarning(name);
+    } catch (const CommandFailed&) {
+        return;  // what is to be applied cannot be read; the command itself says so
+    }
+    if (!warning.empty()) {
+        std::cerr << "tarnfw: " << warning << '\n';
+    }
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,153 @@
+#include "verdicts.h"
+
+#include <map>
+#include <utility>
+
+#include "tarnfirewall/tarnFW.h"
+
+#include "command.h"
+#include "decision.h"
+#include "serviceRecords.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr char kGlobal[] = "global";
+
+constexpr struct {
+    const char* word;
+    FW::FW_PORT_PROTOCOL protocol;
+} kProtocols[] = {
+    {"tcp", FW::FW_PORT_PROTOCOL_TCP},
+    {"udp", FW::FW_PORT_PROTOCOL_UDP},
+    {"both", FW::FW_PORT_PROTOCOL_TCP_UDP},
+    {"tcp+udp", FW::FW_PORT_PROTOCOL_TCP_UDP},
+};
+
+int severityOf(FW::FW_POLICY verdict) {
+    switch (verdict) {
+        case FW::FW_POLICY_DENY:
+            return 3;
+        case FW::FW_POLICY_MIXED:
+            return 2;
+        case FW::FW_POLICY_ALLOW:
+            return 1;
+        default:
+            return 0;
+    }
+}
+
+/// The library leaves interim verdicts of "global" as they are when the profile does not know the
+/// adapter; they mean what they mean elsewhere.
+FW::FW_POLICY closed(FW::FW_POLICY verdict) {
+    return verdict == FW::FW_POLICY_ALLOW_SOME || verdict == FW::FW_POLICY_DENY_SOME
+               ? FW::FW_POLICY_MIXED
+               : verdict;
+}
+
+AdapterAnswer answerFor(const std::string& adapter, const std::string& asked,
+                        const std::vector<FW::PortCompareST>& questions) {
+    AdapterAnswer answer;
+    answer.adapter = adapter;
+    FW::TARNFW firewall;
+    for (const FW::PortCompareST& question : questions) {
+        std::map<std::string, FW::FW_POLICY> verdicts;
+        std::vector<FW::FWVERDICTSTEP> steps;
+        if (!firewall.fwPortExplain(question, asked, verdicts, steps)) {
+            throw CommandFailed("the active profile cannot be evaluated");
+        }
+        PortAnswer port{question, closed(verdicts[adapter]), {}};
+        for (FW::FWVERDICTSTEP& step : steps) {
+            if (step.adapter == adapter) {
+                port.steps.push_back(std::move(step));
+            }
+        }
+        if (severityOf(port.verdict) > severityOf(answer.verdict)) {
+            answer.verdict = port.verdict;
+        }
+        answer.ports.push_back(std::move(port));
+    }
+    return answer;
+}
+
+}  // namespace
+
+std::string portQuestionFrom(const std::string& text, FW::PortCompareST& question) {
+    const std::size_t slash = text.find('/');
+    const std::string word = text.substr(0, slash);
+    const std::string port = slash == std::string::npos ? "" : text.substr(slash + 1);
+    for (const auto& known : kProtocols) {
+        if (word == known.word) {
+            if (!portSpanFrom(port)) {
+                return "\"" + port + "\" is no port (0-65535) and no range such as 6000-6010";
+            }
+            question = {0, known.protocol, port};
+            return {};
+        }
+    }
+    return "\"" + text + "\" is not such as tcp/22, udp/5000-5010 or both/53";
+}
+
+std::string questionText(const FW::PortCompareST& question) {
+    std::string text = question.portDirect != 0 ? "source " : "";
+    text += question.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP ? "both"
+                                                              : protocolName(question.protocol);
+    return text.append("/").append(question.port);
+}
+
+std::string verdictText(FW::FW_POLICY verdict) {
+    switch (verdict) {
+        case FW::FW_POLICY_ALLOW:
+            return "allowed";
+        case FW::FW_POLICY_DENY:
+            return "blocked";
+        case FW::FW_POLICY_NONE:
+            return "undecided";
+        case FW::FW_POLICY_MIXED:
+            return "mixed";
+        case FW::FW_POLICY_ALLOW_SOME:
+            return "allowed for some addresses";
+        case FW::FW_POLICY_DENY_SOME:
+            return "blocked for some addresses";
+    }
+    return "unknown verdict " + std::to_string(verdict);
+}
+
+Paint verdictPaint(FW::FW_POLICY verdict) {
+    switch (verdict) {
+        case FW::FW_POLICY_ALLOW:
+            return Paint::kGood;
+        case FW::FW_POLICY_DENY:
+            return Paint::kBad;
+        default:
+            return Paint::kDoubtful;
+    }
+}
+
+std::vector<AdapterAnswer> askVerdicts(const std::vector<FW::PortCompareST>& questions,
+                                       const std::vector<std::string>& adapters) {
+    std::vector<AdapterAnswer> answers;
+    for (const std::string& adapter : adapters) {
+        if (answers.empty()) {
+            answers.push_back(answerFor(kGlobal, adapter, questions));
+        }
+        if (adapter != kGlobal) {
+            answers.push_back(answerFor(adapter, adapter, questions));
+        }
+    }
+    if (answers.empty()) {
+        answers.push_back(answerFor(kGlobal, kGlobal, questions));
+    }
+    return answers;
+}
+
+bool allAllowed(const std::vector<AdapterAnswer>& answers) {
+    for (const AdapterAnswer& answer : answers) {
+        if (answer.verdict == FW::FW_POLICY_DENY || answer.verdict == FW::FW_POLICY_MIXED) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace tarnfw
