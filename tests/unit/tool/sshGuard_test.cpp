@@ -1,0 +1,254 @@
+// Whether a profile would keep out who is connected over SSH: the variable, the processes above,
+// the interface, and the words.
+#include "sshGuard.h"
+
+#include <filesystem>
+#include <fstream>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using FW::FWPROFILE;
+using FW::FWRULE;
+using tarnfw::Interface;
+using tarnfw::SshConnection;
+using ::testing::ValuesIn;
+
+template <typename Case>
+std::string caseName(const ::testing::TestParamInfo<Case>& info) {
+    return info.param.name;
+}
+
+// ---- The variable ----
+
+struct ValueCase {
+    const char* name;
+    const char* value;
+    const char* read;  // "client server port zone"; empty: nothing
+};
+
+void PrintTo(const ValueCase& c, std::ostream* out) {
+    *out << c.value;
+}
+
+const ValueCase kValues[] = {
+    {"V4", "192.0.2.7 50022 192.0.2.1 22", "192.0.2.7 192.0.2.1 22 "},
+    {"V6", "2001:db8::7 50022 2001:db8::1 2222", "2001:db8::7 2001:db8::1 2222 "},
+    {"LinkLocal", "fe80::7%eth0 50022 fe80::1%eth0 22", "fe80::7 fe80::1 22 eth0"},
+    {"Empty", "", ""},
+    {"NoServer", "192.0.2.7 50022", ""},
+    {"NoServerPort", "192.0.2.7 50022 192.0.2.1", ""},
+    {"OneWordTooMany", "192.0.2.7 50022 192.0.2.1 22 23", ""},
+    {"NoClientAddress", "client 50022 192.0.2.1 22", ""},
+    {"NoServerAddress", "192.0.2.7 50022 server 22", ""},
+    {"NoClientPort", "192.0.2.7 x 192.0.2.1 22", ""},
+    {"PortTooHigh", "192.0.2.7 50022 192.0.2.1 65536", ""},
+    {"PortRange", "192.0.2.7 50022 192.0.2.1 22-23", ""},
+    {"TwoFamilies", "192.0.2.7 50022 2001:db8::1 22", ""},
+    {"OfASocket", "UNKNOWN 65535 UNKNOWN 65535", ""},
+};
+
+std::string told(const std::optional<SshConnection>& connection) {
+    return connection ? connection->client.to_string() + " " + connection->server.to_string() +
+                            " " + std::to_string(connection->serverPort) + " " + connection->zone
+                      : "";
+}
+
+class ValueTest : public ::testing::TestWithParam<ValueCase> {};
+
+TEST_P(ValueTest, IsReadLikeThis) {
+    EXPECT_EQ(told(tarnfw::sshConnectionFrom(GetParam().value)), GetParam().read);
+}
+
+INSTANTIATE_TEST_SUITE_P(, ValueTest, ValuesIn(kValues), caseName<ValueCase>);
+
+// ---- The processes above ----
+
+class ProcessesTest : public ::testing::Test {
+protected:
+    ProcessesTest() { fs::remove_all(kDirectory); }
+
+    static void process(int number, int parent, const std::string& environment) {
+        const fs::path directory = fs::path(kDirectory) / std::to_string(number);
+        fs::create_directories(directory);
+        std::ofstream(directory / "status")
+            << "Name:\tPPid: 3\nState:\tS\nPid:\t" << number << "\nPPid:\t" << parent << "\n";
+        std::ofstream(directory / "environ", std::ios::binary) << environment;
+    }
+
+    static std::string found(int from) {
+        return told(tarnfw::sshConnectionAbove(from, kDirectory));
+    }
+
+    static constexpr char kDirectory[] = "/tmp/processes";
+};
+
+const std::string kZero(1, '\0');
+const std::string kVariable = "SSH_CONNECTION=192.0.2.7 50022 192.0.2.1 22" + kZero;
+const char* const kRead = "192.0.2.7 192.0.2.1 22 ";
+
+TEST_F(ProcessesTest, TheProcessItselfComesFirst) {
+    process(30, 20, "A=b" + kZero + kVariable + "C=d" + kZero);
+    process(20, 1, "SSH_CONNECTION=192.0.2.9 50022 192.0.2.1 22" + kZero);
+    EXPECT_EQ(found(30), kRead);
+}
+
+TEST_F(ProcessesTest, OneThatStartedItCountsAsWell) {
+    process(30, 25, "A=b" + kZero);
+    process(25, 40, "");  // a number above the child's: they start anew when they run out
+    process(40, 1, kVariable);
+    EXPECT_EQ(found(30), kRead);
+}
+
+TEST_F(ProcessesTest, OneOfAnotherBranchDoesNot) {
+    process(30, 1, "");
+    process(25, 1, kVariable);
+    process(1, 0, "");
+    EXPECT_EQ(found(30), "");
+}
+
+TEST_F(ProcessesTest, WhatCannotBeReadIsPassedOver) {
+    process(30, 20, "SSH_CONNECTION=nonsense" + kZero);
+    process(20, 1, "XSSH_CONNECTION=192.0.2.9 1 192.0.2.1 22" + kZero + kVariable);
+    EXPECT_EQ(found(30), kRead);
+}
+
+TEST_F(ProcessesTest, AProcessThatHasGoneEndsTheSearch) {
+    process(30, 20, "");
+    EXPECT_EQ(found(30), "");
+    EXPECT_EQ(found(0), "");
+}
+
+TEST_F(ProcessesTest, ACircleEnds) {
+    process(30, 20, "");
+    process(20, 30, "");
+    EXPECT_EQ(found(30), "");
+}
+
+// ---- The interface ----
+
+tarnfw::Address address(const std::string& text) {
+    return tarnfw::addressFrom(text).value();
+}
+
+Interface interface(const std::string& name, const std::vector<std::string>& addresses) {
+    Interface made;
+    made.name = name;
+    for (const std::string& text : addresses) {
+        made.addresses.push_back(address(text));
+    }
+    return made;
+}
+
+SshConnection connection(const std::string& client, const std::string& server,
+                         const std::string& zone = "") {
+    return {address(client), address(server), 22, zone};
+}
+
+const std::vector<Interface> kInterfaces = {interface("eth0", {"192.0.2.1", "fe80::1"}),
+                                            interface("eth1", {"198.51.100.1", "fe80::1"}),
+                                            interface("lo", {"127.0.0.1", "::1"})};
+
+struct InterfaceCase {
+    const char* name;
+    SshConnection connection;
+    const char* found;
+};
+
+void PrintTo(const InterfaceCase& c, std::ostream* out) {
+    *out << told(c.connection);
+}
+
+const InterfaceCase kInterfaceCases[] = {
+    {"WithTheServersAddress", connection("203.0.113.7", "198.51.100.1"), "eth1"},
+    {"OfTheZone", connection("fe80::7", "fe80::1", "eth0"), "eth0"},
+    {"OfTheOtherZone", connection("fe80::7", "fe80::1", "eth1"), "eth1"},
+    {"OfNoZoneThatThereIs", connection("fe80::7", "fe80::1", "eth2"), "none"},
+    {"OfAnotherMachine", connection("203.0.113.7", "203.0.113.1"), "none"},
+    {"LoopbackAddress", connection("127.0.0.1", "127.0.0.1"), "lo"},
+    {"FromItselfToAnyOfItsAddresses", connection("198.51.100.1", "192.0.2.1"), "lo"},
+};
+
+class InterfaceTest : public ::testing::TestWithParam<InterfaceCase> {};
+
+TEST_P(InterfaceTest, IsThis) {
+    EXPECT_EQ(tarnfw::interfaceOf(GetParam().connection, kInterfaces).value_or("none"),
+              GetParam().found);
+}
+
+INSTANTIATE_TEST_SUITE_P(, InterfaceTest, ValuesIn(kInterfaceCases), caseName<InterfaceCase>);
+
+// ---- The words ----
+
+FWPROFILE denyingProfile() {
+    FWPROFILE profile;
+    profile.name = "home";
+    profile.adapterPolicyMap["eth0"] = FW::FW_POLICY_DENY;
+    return profile;
+}
+
+const SshConnection kConnection = connection("203.0.113.7", "192.0.2.1");
+
+TEST(SshRefusalTest, NamesTheDefaultPolicy) {
+    EXPECT_EQ(tarnfw::sshRefusal(denyingProfile(), kConnection, {"eth0"}),
+              "you are connected over SSH from 203.0.113.7 to port 22 on eth0, and profile "
+              "\"home\" denies that (the default policy of eth0: deny): this connection stays, a "
+              "new one would not get in");
+}
+
+TEST(SshRefusalTest, NamesTheRule) {
+    FWPROFILE profile = denyingProfile();
+    FWRULE rule;
+    rule.policy = FW::FW_POLICY_DENY;
+    rule.portGroup = 1;
+    rule.portList = {"22"};
+    rule.ipGroup = 5;
+    rule.name = "no\x1bshell";
+    profile.rules["global"] = {rule};
+    EXPECT_EQ(tarnfw::sshRefusal(profile, kConnection, {"eth0"}),
+              "you are connected over SSH from 203.0.113.7 to port 22 on eth0, and profile "
+              "\"home\" denies that (rule 1 of global: deny tcp 22 from anywhere (IPv4)  "
+              "\"no?shell\"): this connection stays, a new one would not get in");
+}
+
+TEST(SshRefusalTest, IsEmptyWhereTheConnectionIsLetIn) {
+    FWPROFILE profile = denyingProfile();
+    FWRULE rule;
+    rule.portGroup = 1;
+    rule.portList = {"22"};
+    rule.ipList = {"203.0.113.7"};
+    profile.rules["eth0"] = {rule};
+    EXPECT_EQ(tarnfw::sshRefusal(profile, kConnection, {"eth0"}), "");
+    EXPECT_EQ(tarnfw::sshRefusal(denyingProfile(), kConnection, {"eth1"}), "");
+    EXPECT_EQ(tarnfw::sshRefusal(denyingProfile(), kConnection, {"lo"}), "");
+
+    // The server's own address counts, and any of the interface's names.
+    rule.ipDirect = 0;
+    rule.ipList = {"192.0.2.1"};
+    rule.policy = FW::FW_POLICY_DENY;
+    profile.rules["eth0"] = {rule};
+    profile.adapterPolicyMap["eth0"] = FW::FW_POLICY_ALLOW;
+    EXPECT_NE(tarnfw::sshRefusal(profile, kConnection, {"eth0"}), "");
+    profile.adapterPolicyMap["vpn"] = FW::FW_POLICY_DENY;
+    EXPECT_NE(tarnfw::sshRefusal(profile, kConnection, {"tun0", "vpn"}), "");
+}
+
+// The next connection has another port of its own, so a rule for this one's does not help.
+TEST(SshRefusalTest, DoesNotCountOnTheClientsPort) {
+    FWPROFILE profile = denyingProfile();
+    FWRULE rule;
+    rule.portGroup = 1;
+    rule.portDirect = 1;
+    rule.portList = {"50022"};
+    rule.ipGroup = 5;
+    profile.rules["eth0"] = {rule};
+    EXPECT_NE(tarnfw::sshRefusal(profile, kConnection, {"eth0"}), "");
+}
+
+}  // namespace

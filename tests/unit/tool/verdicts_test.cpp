@@ -1,0 +1,89 @@
+// The questions of "blocked" and "explain" as texts, and how their verdicts are named.
+#include "verdicts.h"
+
+#include <ostream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using ::testing::ValuesIn;
+
+struct QuestionCase {
+    const char* name;
+    const char* text;
+    int protocol;
+    const char* port;
+    const char* told;
+};
+
+void PrintTo(const QuestionCase& c, std::ostream* out) {
+    *out << c.text;
+}
+
+const QuestionCase kQuestions[] = {
+    {"Tcp", "tcp/22", 1, "22", "tcp/22"},
+    {"Udp", "udp/53", 2, "53", "udp/53"},
+    {"Range", "udp/5000-5010", 2, "5000-5010", "udp/5000-5010"},
+    {"Both", "both/53", 3, "53", "both/53"},
+    {"BothByName", "tcp+udp/53", 3, "53", "both/53"},
+    {"Ends", "tcp/0-65535", 1, "0-65535", "tcp/0-65535"},
+};
+
+class QuestionTest : public ::testing::TestWithParam<QuestionCase> {};
+
+TEST_P(QuestionTest, IsReadAndToldAgain) {
+    const QuestionCase& c = GetParam();
+    FW::PortCompareST question{9, 9, "before"};
+    EXPECT_EQ(tarnfw::portQuestionFrom(c.text, question), "");
+    EXPECT_EQ(question.portDirect, 0);
+    EXPECT_EQ(question.protocol, c.protocol);
+    EXPECT_EQ(question.port, c.port);
+    EXPECT_EQ(tarnfw::questionText(question), c.told);
+}
+
+INSTANTIATE_TEST_SUITE_P(, QuestionTest, ValuesIn(kQuestions),
+                         [](const auto& c) { return std::string(c.param.name); });
+
+TEST(QuestionTextTest, WhatIsNoneIsRefused) {
+    for (const std::string text : {"", "22", "tcp", "tcp/", "/22", "TCP/22", "icmp/0", "tcp/udp/53",
+                                   "tcp/x", "tcp/65536", "tcp/20-10", "tcp 22", "tcp/22,23"}) {
+        FW::PortCompareST question{9, 9, "before"};
+        EXPECT_NE(tarnfw::portQuestionFrom(text, question), "") << text;
+        EXPECT_EQ(question.port, "before") << text;
+    }
+}
+
+TEST(QuestionTextTest, NamesTheSideAndOtherProtocols) {
+    EXPECT_EQ(tarnfw::questionText({1, 2, "53"}), "source udp/53");
+    EXPECT_EQ(tarnfw::questionText({0, 4, "0"}), "icmp/0");
+}
+
+TEST(VerdictTextTest, EveryVerdictHasItsWords) {
+    const char* const texts[] = {"allowed",
+                                 "blocked",
+                                 "undecided",
+                                 "mixed",
+                                 "allowed for some addresses",
+                                 "blocked for some addresses",
+                                 "unknown verdict 6"};
+    for (int verdict = 0; verdict < 7; ++verdict) {
+        EXPECT_EQ(tarnfw::verdictText(static_cast<FW::FW_POLICY>(verdict)), texts[verdict]);
+    }
+}
+
+TEST(AllAllowedTest, UndecidedIsNoObstacle) {
+    const auto answered = [](FW::FW_POLICY verdict) {
+        tarnfw::AdapterAnswer answer;
+        answer.verdict = verdict;
+        return answer;
+    };
+    const auto allowed = answered(FW::FW_POLICY_ALLOW);
+    EXPECT_TRUE(tarnfw::allAllowed({}));
+    EXPECT_TRUE(tarnfw::allAllowed({answered(FW::FW_POLICY_NONE), allowed}));
+    EXPECT_FALSE(tarnfw::allAllowed({allowed, answered(FW::FW_POLICY_DENY)}));
+    EXPECT_FALSE(tarnfw::allAllowed({answered(FW::FW_POLICY_MIXED), allowed}));
+}
+
+}  // namespace
