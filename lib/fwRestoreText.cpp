@@ -1,0 +1,324 @@
+#include "fwRestoreText.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <sstream>
+#include <string_view>
+
+#include "tarnfirewall/fwTypes.h"
+
+#include "fwCodes.h"
+
+namespace FW {
+namespace {
+
+constexpr char kFilter[] = "filter";
+constexpr char kCommit[] = "COMMIT";
+
+// The tool reads lines into 10240 bytes, with a line feed and a terminating zero, and takes the
+// rest of a longer one for a line of its own.
+constexpr std::size_t kLineBytes = 10238;
+
+constexpr std::size_t kUsualWords = 24;  // what most lines need, to save enlarging
+
+// Of the tool's words, as much as a line of the system log bears.
+constexpr std::size_t kWordsBytes = 400;
+
+// As a listing of either variant writes what fwDefaultDrop() adds.
+constexpr char kListedReloadingRule[] =
+    "-A FIREWALL_RELOADING -m state --state RELATED,ESTABLISHED -j ACCEPT\n";
+constexpr char kReloadingRuleRemoval[] =
+    "-D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n";
+
+bool startsWith(const std::string& text, const std::string& prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// ---- Words ----
+
+/// The words of a line as TARNFW::cmdExec() would pass them on: what lies between blanks, up to a
+/// zero byte.
+std::vector<std::string_view> wordsOf(std::string_view line) {
+    std::vector<std::string_view> words;
+    words.reserve(kUsualWords);
+    while (!line.empty()) {
+        const std::string_view word = line.substr(0, line.find(' '));
+        if (!word.empty()) {
+            words.push_back(word.substr(0, word.find('\0')));
+        }
+        line.remove_prefix(std::min(word.size() + 1, line.size()));
+    }
+    return words;
+}
+
+/// Appends a word as the restore syntax reads it. One that needs no quotes must not have any: the
+/// tool treats quoted words in another way where they look like options.
+void appendWord(std::string& text, std::string_view word) {
+    if (!word.empty() && word.find_first_of("\t\"") == std::string::npos) {
+        text += word;
+        return;
+    }
+    text += '"';
+    for (const char c : word) {
+        if (c == '"' || c == '\\') {
+            text += '\\';
+        }
+        text += c;
+    }
+    text += '"';
+}
+
+/// Takes "-t" and its table away from the words. Only at the beginning, where a translation has
+/// them: elsewhere a "-t" may be another option's value, and the tool refuses one that is not.
+std::string_view takeTable(std::vector<std::string_view>& words) {
+    if (words.size() < 2 || words[0] != "-t") {
+        return kFilter;
+    }
+    const std::string_view table = words[1];
+    words.erase(words.begin(), words.begin() + 2);
+    return table;
+}
+
+bool isTableName(std::string_view name) {
+    return !name.empty() && name.find_first_of("\t\n") == std::string::npos;
+}
+
+// ---- Texts in lines ----
+
+/// Calls `use` with each line of a text, without its line feed.
+template <typename Use>
+void forEachLine(const std::string& text, Use use) {
+    std::istringstream stream(text);
+    std::string line;
+    while (std::getline(stream, line)) {
+        use(line);
+    }
+}
+
+/// The number behind `prefix`, where the text begins with both; else 0.
+std::size_t numberBehind(const std::string& text, const std::string& prefix) {
+    if (!startsWith(text, prefix)) {
+        return 0;
+    }
+    return static_cast<std::size_t>(std::strtoul(text.c_str() + prefix.size(), nullptr, 10));
+}
+
+/// The line number in "line 4: RULE_APPEND failed ..." and "iptables-restore: line 4 failed"; else
+/// 0.
+std::size_t failedLine(const std::string& message) {
+    const std::size_t own = numberBehind(message, "line ");
+    if (own != 0) {
+        return own;
+    }
+    const auto colon = message.find(": ");
+    if (colon == std::string::npos || message.find(" failed", colon) == std::string::npos) {
+        return 0;
+    }
+    return numberBehind(message.substr(colon + 2), "line ");
+}
+
+/// What others may have put into a message must not end it or change the terminal.
+void makePrintable(std::string& text) {
+    std::replace_if(
+        text.begin(), text.end(),
+        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
+}
+
+}  // namespace
+
+// ==== RestoreText ================================================================================
+
+bool RestoreText::make(const Json::Value& family, RestoreLine& fault) {
+    RestoreTable& filter = table(kFilter);
+    for (const std::string& chain : FW_FIREWALL_CHAINS) {
+        filter.text += "-F " + chain + "\n";
+        filter.adapters.emplace_back();
+        filter.chains.insert(chain);
+    }
+    const auto addLines = [&](const std::string& adapter) {
+        const Json::Value& lines = family[adapter];
+        return std::all_of(lines.begin(), lines.end(), [&](const Json::Value& line) {
+            const std::string command = line.asString();
+            if (!addLine(adapter, command)) {
+                fault = {adapter, command, ""};
+                makePrintable(fault.command);
+                return false;
+            }
+            return true;
+        });
+    };
+    if (family.isMember(kGlobalAdapter) && !addLines(kGlobalAdapter)) {
+        return false;
+    }
+    const std::vector<std::string> adapters = family.getMemberNames();
+    return std::all_of(adapters.begin(), adapters.end(), [&](const std::string& adapter) {
+        return adapter == kGlobalAdapter || addLines(adapter);
+    });
+}
+
+RestoreTable& RestoreText::table(std::string_view name) {
+    const auto known = std::find_if(tables_.begin(), tables_.end(),
+                                    [&](const RestoreTable& table) { return table.name == name; });
+    if (known != tables_.end()) {
+        return *known;
+    }
+    RestoreTable made;
+    made.name = name;
+    made.text = "*" + made.name + "\n";
+    made.adapters.emplace_back();
+    tables_.push_back(std::move(made));
+    return tables_.back();
+}
+
+bool RestoreText::addLine(const std::string& adapter, const std::string& line) {
+    std::vector<std::string_view> words = wordsOf(line);
+    const std::string_view tableName = takeTable(words);
+    if (words.size() < 2 || words[0] != "-A" || !isTableName(tableName)) {
+        return false;
+    }
+    std::string text;
+    text.reserve(line.size() + 1);
+    for (const std::string_view word : words) {
+        if (!text.empty()) {
+            text += ' ';
+        }
+        appendWord(text, word);
+    }
+    if (text.size() > kLineBytes || text.find('\n') != std::string::npos) {
+        return false;
+    }
+    RestoreTable& target = table(tableName);
+    if (target.adapters.size() == 1) {
+        target.adapters.front() = adapter;  // it is to blame for a table that does not exist
+    }
+    target.text += text;
+    target.text += '\n';
+    target.adapters.push_back(adapter);
+    if (target.chains.find(words[1]) == target.chains.end()) {
+        target.chains.emplace(words[1]);
+    }
+    return true;
+}
+
+std::string RestoreText::tail() const {
+    std::string text = appended_ + kCommit + "\n";
+    for (std::size_t i = 1; i < tables_.size(); ++i) {
+        text += tables_[i].text;
+        text += kCommit;
+        text += '\n';
+    }
+    return text;
+}
+
+RestoreLine RestoreText::lineAt(std::size_t number) const {
+    RestoreLine found;
+    if (number == 0) {
+        return found;
+    }
+    std::size_t left = number - 1;
+    for (const RestoreTable& table : tables_) {
+        const bool first = &table == &tables_.front();
+        std::string text = table.text;
+        if (first) {
+            text += appended_;
+        }
+        text += kCommit;
+        std::istringstream stream(text);
+        std::string line;
+        for (std::size_t i = 0; std::getline(stream, line); ++i, --left) {
+            if (left == 0) {
+                found.adapter = i < table.adapters.size() ? table.adapters[i] : "";
+                found.command = line;
+                found.table = table.name;
+                makePrintable(found.command);
+                return found;
+            }
+        }
+    }
+    return found;
+}
+
+// ==== Answers ====================================================================================
+
+Refusal refusalOf(const std::string& errors) {
+    Refusal refusal;
+    forEachLine(errors, [&](const std::string& line) {
+        const std::size_t told = numberBehind(line, "Error occurred at line: ");
+        if (told != 0) {
+            refusal.line = told;
+            return;
+        }
+        // One transaction can name several lines; the others mostly follow from the first.
+        if (line.empty() || startsWith(line, "Try `") || refusal.line != 0) {
+            return;
+        }
+        refusal.line = failedLine(line);
+        if (!refusal.words.empty() && refusal.words.back() != ' ') {
+            refusal.words += ' ';
+        }
+        refusal.words += line;
+    });
+    refusal.words.resize(std::min(refusal.words.size(), kWordsBytes));
+    makePrintable(refusal.words);
+    return refusal;
+}
+
+std::string textToPutBack(const RestoreTable& table, const std::string& saved, bool policies) {
+    std::string flushes;
+    std::string rules;
+    bool inside = false;
+    bool complete = false;
+    forEachLine(saved, [&](const std::string& line) {
+        if (startsWith(line, "*")) {
+            inside = line == "*" + table.name;
+        } else if (inside && line == kCommit) {
+            complete = true;
+            inside = false;
+        } else if (inside && policies &&
+                   (startsWith(line, ":INPUT ") || startsWith(line, ":FORWARD "))) {
+            // ":INPUT DROP [12:720]": without the brackets it is "-P INPUT DROP".
+            flushes += "-P " + line.substr(1, line.rfind(' ') - 1) + "\n";
+        } else if (inside && startsWith(line, "[")) {
+            // "[12:720] -A INPUT_FIREWALL -i lo -j ACCEPT"
+            std::istringstream words(line);
+            std::string counters;
+            std::string append;
+            std::string chain;
+            words >> counters >> append >> chain;
+            if (append == "-A" && table.chains.count(chain) != 0) {
+                rules += line + "\n";
+            }
+        }
+    });
+    if (!complete) {
+        return "";
+    }
+    for (const std::string& chain : table.chains) {
+        flushes += "-F ";
+        appendWord(flushes, chain);
+        flushes += '\n';
+    }
+    return "*" + table.name + "\n" + flushes + rules + kCommit + "\n";
+}
+
+std::size_t interruptedReloads(const std::string& listing) {
+    std::size_t count = 0;
+    for (auto at = listing.find(kListedReloadingRule); at != std::string::npos;
+         at = listing.find(kListedReloadingRule, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+std::string linesToMend(std::size_t reloads) {
+    if (reloads == 0) {
+        return "";
+    }
+    std::string lines;
+    for (std::size_t i = 0; i < reloads; ++i) {
+        lines += kReloadingRuleRemoval;
+    }
+    return lines + "-P INPUT ACCEPT\n-P FORWARD ACCEPT\n";
+}
+
+}  // namespace FW

@@ -1,0 +1,81 @@
+/// Command documents as texts for iptables-restore, and its answers. Nothing is run here.
+#pragma once
+
+#include <json/json.h>
+
+#include <cstddef>
+#include <functional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace FW {
+
+/// The lines of one table, "*table" ahead and without the COMMIT behind them.
+struct RestoreTable {
+    std::string name;                           ///< "filter"
+    std::string text;                           ///< "*filter\n-F INPUT_FIREWALL\n..."
+    std::vector<std::string> adapters;          ///< whose each line of `text` is
+    std::set<std::string, std::less<>> chains;  ///< those that the lines change
+};
+
+/// What a refusal is traced back to.
+struct RestoreLine {
+    std::string adapter;  ///< empty for a line that was made from none of the document's
+    std::string command;  ///< the line, or "COMMIT"
+    std::string table;
+};
+
+/// The text of one family.
+class RestoreText {
+public:
+    /// Makes the text of a family of a command document. Returns false when a line cannot be
+    /// written; `fault` then tells which.
+    bool make(const Json::Value& family, RestoreLine& fault);
+
+    /// Adds lines of the program's own behind those of "filter".
+    void append(const std::string& lines) { appended_ += lines; }
+
+    const std::vector<RestoreTable>& tables() const { return tables_; }
+
+    /// Up to the first COMMIT, which nothing is done without; append()ed lines are left out.
+    const std::string& head() const { return tables_.front().text; }
+
+    /// What follows: append()ed lines, the first COMMIT, other tables.
+    std::string tail() const;
+
+    std::string whole() const { return head() + tail(); }
+
+    /// The line of that number in whole(), from 1; an empty command when there is none.
+    RestoreLine lineAt(std::size_t number) const;
+
+private:
+    RestoreTable& table(std::string_view name);
+    bool addLine(const std::string& adapter, const std::string& line);
+
+    std::vector<RestoreTable> tables_;
+    std::string appended_;
+};
+
+/// What a tool said when it refused a text.
+struct Refusal {
+    std::size_t line = 0;  ///< of the text, from 1; 0 when it names none
+    std::string words;     ///< in one line, without hints on usage
+};
+
+/// Takes apart what iptables-restore, of either variant, writes to standard error.
+Refusal refusalOf(const std::string& errors);
+
+/// The lines that put chains of a table back as `saved` has them, which is what iptables-save with
+/// counters wrote: their rules and, with `policies`, the policies of INPUT and FORWARD. Returns an
+/// empty text when `saved` is not complete or has no such table.
+std::string textToPutBack(const RestoreTable& table, const std::string& saved, bool policies);
+
+/// How often a listing of FIREWALL_RELOADING has the rule that an interrupted reload leaves.
+std::size_t interruptedReloads(const std::string& listing);
+
+/// The lines that take back what that many interrupted reloads left.
+std::string linesToMend(std::size_t reloads);
+
+}  // namespace FW
