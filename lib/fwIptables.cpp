@@ -168,6 +168,13 @@ bool isUsableLocalIp(const std::string& localIp) {
     return localIp.empty() || isIpv4(localIp) || isIpv6(localIp);
 }
 
+/// Whether a rule matches an address, a network or a range of IPv4, whatever its family says.
+bool hasIpv4Address(const FWRULE& rule) {
+    const bool hasAddress =
+        rule.ipGroup == kIpSingle || rule.ipGroup == kIpNetwork || rule.ipGroup == kIpRange;
+    return hasAddress && isIpv4(entryAt(rule.ipList, 0));
+}
+
 /// The line that lets established connections pass, except from `exceptedIp` unless it is empty.
 std::string establishedLine(const std::string& chainStart, const std::string& exceptedIp) {
     return chainStart + (exceptedIp.empty() ? "" : " ! -s " + exceptedIp) + kEstablishedMatch;
@@ -627,9 +634,12 @@ void TARNFW_IPTABLES_RULES::iptables6in4ToCmd(const std::string& adapter, const 
         pppoeAdaterGet();
         interface = pppoeInterface_;
     }
-    const std::string router = routerInterface(interface);
+    const std::string router = routerInterfaceOf(interface);
     if (router == interface) {
         return;  // no separate interface for IPv6
+    }
+    if (routerInterfaces_ && hasIpv4Address(rule)) {
+        return;
     }
     Json::Value arg;
     (void)iptablesRulesInit(arg);
@@ -638,6 +648,21 @@ void TARNFW_IPTABLES_RULES::iptables6in4ToCmd(const std::string& adapter, const 
         return;
     }
     iptablesArgToCmd(router, rule, arg, out);
+}
+
+void TARNFW_IPTABLES_RULES::translateForBatch() {
+    routerInterfaces_.emplace();
+}
+
+std::string TARNFW_IPTABLES_RULES::routerInterfaceOf(const std::string& interface) {
+    if (!routerInterfaces_) {
+        return routerInterface(interface);
+    }
+    const auto known = routerInterfaces_->find(interface);
+    if (known != routerInterfaces_->end()) {
+        return known->second;
+    }
+    return routerInterfaces_->emplace(interface, routerInterface(interface)).first->second;
 }
 
 }  // namespace FW

@@ -5,6 +5,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -140,11 +141,21 @@ public:
     /// Failures are logged and add nothing.
     void iptables6in4ToCmd(const std::string& adapter, const FWRULE& rule, Json::Value& out);
 
+protected:
+    /// From now on translates for one transaction: asks for the router interface of an adapter
+    /// once, not for every rule, and repeats no rule for it whose address is one of IPv4. ip6tables
+    /// refuses such a line, which line by line leaves it out and in a transaction refuses all.
+    /// Called again, forgets earlier answers.
+    void translateForBatch();
+
 private:
+    std::string routerInterfaceOf(const std::string& interface);
+
     std::vector<std::string> enabledAdapters_;
     std::vector<std::string> vpnAdapters_;
     std::string pppoeInterface_;
     std::unique_ptr<TARNFW_SERVICE_LIST, CatalogueRelease> services_;
+    std::optional<std::map<std::string, std::string>> routerInterfaces_;  ///< for a batch
 };
 
 }  // namespace FW

@@ -689,6 +689,55 @@ TEST_F(RulesetTest, Ipv4RuleIsRepeatedAsAnIpv6RuleForTheRouter) {
                     "-t filter -A INPUT_FIREWALL -o sit0 -s 10.0.0.1 -p tcp --dport 22 -j RETURN"));
 }
 
+// What a derived class may ask for.
+class BatchRules : public TARNFW_IPTABLES_RULES {
+public:
+    using TARNFW_IPTABLES_RULES::translateForBatch;
+};
+
+TEST_F(RulesetTest, BatchAsksForTheRouterInterfaceOnceAnAdapter) {
+    platform_.interfaces = {"eth0", "eth1"};
+    platform_.popenOutput["eth0"] = "sit0";
+    const std::map<std::string, std::vector<FWRULE>> rules = {{"eth0", {onPort("1"), onPort("2")}},
+                                                              {"eth1", {onPort("3"), onPort("4")}}};
+    BatchRules batch;
+    batch.translateForBatch();
+    Json::Value out;
+    ASSERT_TRUE(batch.fwRulesToIptablesRules(false, rules, {}, out));
+    EXPECT_EQ(out, commandsOf(rules, {}));
+
+    platform_.clearJournal();
+    out = Json::Value();
+    ASSERT_TRUE(batch.fwRulesToIptablesRules(false, rules, {}, out));
+    EXPECT_THAT(platform_.journalOf(kTool), IsEmpty());  // known already
+    batch.translateForBatch();
+    out = Json::Value();
+    ASSERT_TRUE(batch.fwRulesToIptablesRules(false, rules, {}, out));
+    EXPECT_THAT(platform_.journalOf(kTool), ElementsAre("eth0", "eth1"));
+}
+
+TEST_F(RulesetTest, BatchRepeatsNoIpv4AddressForTheRouter) {
+    platform_.popenOutput["eth0"] = "sit0";
+    std::vector<FWRULE> rules;
+    for (const auto& [group, first] : {std::pair(0, "10.0.0.1"), std::pair(1, "10.0.0.0"),
+                                       std::pair(4, "10.0.0.1"), std::pair(0, "fd00::1")}) {
+        rules.push_back(onPort(std::to_string(rules.size() + 1)));
+        rules.back().ipGroup = group;
+        rules.back().ipList = {first, "10.0.0.9"};
+    }
+    rules.push_back(onPort("5"));
+    rules.back().ipList = {"10.0.0.1"};  // left over: the rule is for any address
+    BatchRules batch;
+    batch.translateForBatch();
+    Json::Value out;
+    ASSERT_TRUE(batch.fwRulesToIptablesRules(false, {{"eth0", rules}}, {}, out));
+    EXPECT_THAT(linesOf(out, "v6", "sit0"),
+                ElementsAre("-t filter -A INPUT_FIREWALL -i sit0 -s fd00::1 -p tcp --dport 4 -j "
+                            "RETURN",
+                            "-t filter -A INPUT_FIREWALL -i sit0 -p tcp --dport 5 -j RETURN"));
+    EXPECT_EQ(linesOf(commandsOf({{"eth0", rules}}, {}), "v6", "sit0").size(), 5U);
+}
+
 TEST_F(RulesetTest, RouterGetsTheDefaultPolicyToo) {
     platform_.popenOutput["eth0"] = "sit0";
 
