@@ -1,0 +1,239 @@
+// Running a program with text on its standard input: what it gets, what it leaves, and that neither
+// the caller's signals nor its descriptors get in the way.
+
+#include "fwToolRun.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using FW::ToolResult;
+using FW::ToolRun;
+
+const std::string kXtablesLock = "/run/xtables.lock";
+
+std::vector<std::string> shell(const std::string& script) {
+    return {"/bin/sh", "-c", script};
+}
+
+ToolResult resultOf(const std::string& script, const std::string& input = "") {
+    return ToolRun(shell(script), input).finish();
+}
+
+// Lines that a shell's "read" is waited for with.
+std::string filler() {
+    std::string text;
+    for (int i = 0; i < 4; ++i) {
+        text += std::string(8191, '#') + "\n";
+    }
+    return text;
+}
+
+TEST(ToolRunTest, OutputErrorsAndStatusAreKept) {
+    const ToolResult result = resultOf("echo out; echo err >&2; exit 3");
+    EXPECT_EQ(result.status, 3);
+    EXPECT_EQ(result.output, "out\n");
+    EXPECT_EQ(result.errors, "err\n");
+}
+
+TEST(ToolRunTest, InputArrivesWhole) {
+    const std::string input(3'000'000, 'x');
+    const ToolResult result = resultOf("cat; wc -c >&2", input);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, input);
+    EXPECT_EQ(result.errors, "0\n");
+}
+
+TEST(ToolRunTest, InputThatIsNotReadIsNoFailure) {
+    EXPECT_EQ(resultOf("exit 0", std::string(3'000'000, 'x')).status, 0);
+}
+
+TEST(ToolRunTest, SignalCountsAsAStatus) {
+    EXPECT_EQ(resultOf("kill -TERM $$").status, 128 + SIGTERM);
+}
+
+TEST(ToolRunTest, ProgramThatDoesNotExist) {
+    const ToolResult result = ToolRun({"/nowhere/tool"}, "").finish();
+    EXPECT_EQ(result.status, 127);
+    EXPECT_EQ(result.errors, "No such file or directory");
+    ToolRun fed({"/nowhere/tool"});
+    fed.feed("line\n");
+    EXPECT_FALSE(fed.awaitReading(filler()));
+    EXPECT_EQ(fed.finish().status, 127);
+}
+
+TEST(ToolRunTest, ArgumentsAreNotSplit) {
+    const ToolResult result = ToolRun({"/bin/echo", "a  b", "", "$HOME"}, "").finish();
+    EXPECT_EQ(result.output, "a  b  $HOME\n");
+}
+
+TEST(ToolRunTest, EnvironmentIsFixed) {
+    ASSERT_EQ(setenv("LD_PRELOAD_OF_SOMEBODY", "x", 1), 0);
+    EXPECT_EQ(ToolRun({"/usr/bin/env"}, "").finish().output,
+              "PATH=/usr/sbin:/usr/bin:/sbin:/bin\nLC_ALL=C\n"
+              "XTABLES_LOCKFILE=/proc/self/fd/1\n");
+}
+
+TEST(ToolRunTest, CallersDescriptorsStayBehind) {
+    const int inherited = open("/dev/null", O_RDONLY);  // not closed by executing a program
+    ASSERT_GE(inherited, 3);
+    const ToolResult result = resultOf("ls /proc/$$/fd");
+    EXPECT_EQ(result.output, "0\n1\n2\n");
+    close(inherited);
+}
+
+TEST(ToolRunTest, ClosedStandardDescriptorsDoNotMatter) {
+    const pid_t child = fork();
+    if (child == 0) {
+        for (const int fd : {0, 1, 2}) {
+            close(fd);
+        }
+        const ToolResult result = resultOf("cat; echo err >&2", "in");
+        ToolRun fed(shell("cat"));
+        fed.feed("fed");
+        const bool right =
+            result.output == "in" && result.errors == "err\n" && fed.finish().output == "fed";
+        _exit(right ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+TEST(ToolRunTest, SignalsAreThoseOfAFreshProcess) {
+    sigset_t blocked;
+    sigset_t before;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGTERM);
+    ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &blocked, &before), 0);
+    const auto ignored = std::signal(SIGPIPE, SIG_IGN);
+    const ToolResult ended = resultOf("kill -TERM $$; echo blocked");
+    const ToolResult broken = resultOf("kill -PIPE $$; echo ignored");
+    (void)std::signal(SIGPIPE, ignored);
+    ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &before, nullptr), 0);
+    EXPECT_EQ(ended.status, 128 + SIGTERM);
+    EXPECT_EQ(broken.status, 128 + SIGPIPE);
+}
+
+TEST(ToolRunTest, StatusIsLostWhereTheCallerIgnoresItsChildren) {
+    const auto before = std::signal(SIGCHLD, SIG_IGN);
+    const ToolResult result = resultOf("echo done; exit 3");
+    (void)std::signal(SIGCHLD, before);
+    EXPECT_EQ(result.status, std::nullopt);
+    EXPECT_EQ(result.output, "done\n");
+}
+
+// ---- Input piece by piece ----
+
+TEST(ToolRunTest, PiecesArriveInOrderAndTheInputEnds) {
+    ToolRun run(shell("cat; echo end"));
+    run.feed("one\n");
+    run.feed("");
+    run.feed("two\n");
+    EXPECT_EQ(run.finish().output, "one\ntwo\nend\n");
+}
+
+TEST(ToolRunTest, FeedingDoesNotWaitForTheProgram) {
+    // Reads nothing before the second program is through with its own input.
+    ToolRun first(shell("read -r path; until [ -e \"$path\" ]; do :; done; cat >/dev/null"));
+    ToolRun second(shell("cat >/dev/null; : >/tmp/second_is_through"));
+    first.feed("/tmp/second_is_through\n" + std::string(1'000'000, 'x'));
+    second.feed(std::string(1'000'000, 'x'));
+    EXPECT_EQ(second.finish().status, 0);
+    EXPECT_EQ(first.finish().status, 0);
+}
+
+TEST(ToolRunTest, AwaitingReturnsWhenWhatWasFedIsDone) {
+    ToolRun run(shell("read -r line; : >/tmp/$line; while read -r line; do :; done"));
+    run.feed("is_done\n");
+    EXPECT_TRUE(run.awaitReading(filler()));
+    EXPECT_EQ(access("/tmp/is_done", F_OK), 0);
+    EXPECT_EQ(run.finish().status, 0);
+}
+
+TEST(ToolRunTest, AwaitingTellsThatTheProgramHasEnded) {
+    ToolRun run(shell("read -r line; exit 2"));
+    run.feed("line\n");
+    EXPECT_FALSE(run.awaitReading(filler()));
+    run.feed("more\n");  // no signal for the caller
+    EXPECT_EQ(run.finish().status, 2);
+}
+
+TEST(ToolRunTest, AbandonedRunGetsTheEndOfItsInputAndIsWaitedFor) {
+    {
+        ToolRun run(shell("cat >/tmp/abandoned; : >/tmp/abandoned_ended"));
+        run.feed("half\n");
+    }
+    EXPECT_EQ(access("/tmp/abandoned_ended", F_OK), 0);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+}
+
+// ---- The lock ----
+
+class XtablesLockTest : public ::testing::Test {
+protected:
+    XtablesLockTest() : other_(open(kXtablesLock.c_str(), O_RDONLY | O_CREAT, 0600)) {}
+    ~XtablesLockTest() override { close(other_); }
+
+    bool otherGetsIt() {
+        const bool got = flock(other_, LOCK_EX | LOCK_NB) == 0;
+        if (got) {
+            (void)flock(other_, LOCK_UN);
+        }
+        return got;
+    }
+
+    int other_;
+};
+
+TEST_F(XtablesLockTest, KeepsOthersOutForItsLife) {
+    {
+        const FW::XtablesLock lock;
+        EXPECT_TRUE(lock.held());
+        EXPECT_FALSE(otherGetsIt());
+    }
+    EXPECT_TRUE(otherGetsIt());
+}
+
+TEST_F(XtablesLockTest, WaitsForOthers) {
+    ASSERT_EQ(flock(other_, LOCK_EX), 0);
+    bool held = false;
+    std::thread waiting([&held] { held = FW::XtablesLock().held(); });
+    // Until it has the file open: only then can it be waiting.
+    std::string open;
+    while (open.find(kXtablesLock) == open.rfind(kXtablesLock)) {
+        open = resultOf("ls -l /proc/" + std::to_string(getpid()) + "/fd").output;
+    }
+    EXPECT_FALSE(held);
+    ASSERT_EQ(flock(other_, LOCK_UN), 0);
+    waiting.join();
+    EXPECT_TRUE(held);
+}
+
+TEST_F(XtablesLockTest, FileThatCannotBeOpenedIsNoLock) {
+    close(other_);
+    ASSERT_EQ(unlink(kXtablesLock.c_str()), 0);
+    ASSERT_EQ(symlink("/nowhere/xtables.lock", kXtablesLock.c_str()), 0);
+    errno = 0;
+    const FW::XtablesLock lock;
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(lock.held());
+    ASSERT_EQ(unlink(kXtablesLock.c_str()), 0);
+    other_ = open(kXtablesLock.c_str(), O_RDONLY | O_CREAT, 0600);
+}
+
+}  // namespace
