@@ -19,6 +19,10 @@ constexpr char kCommit[] = "COMMIT";
 // rest of a longer one for a line of its own.
 constexpr std::size_t kLineBytes = 10238;
 
+// 32 KiB, twice what is needed.
+constexpr std::size_t kFillerLineBytes = 8192;
+constexpr int kFillerLines = 4;
+
 constexpr std::size_t kUsualWords = 24;  // what most lines need, to save enlarging
 
 // Of the tool's words, as much as a line of the system log bears.
@@ -130,9 +134,10 @@ void makePrintable(std::string& text) {
 
 bool RestoreText::make(const Json::Value& family, RestoreLine& fault) {
     RestoreTable& filter = table(kFilter);
+    filter.adapters.front() = kGlobalAdapter;
     for (const std::string& chain : FW_FIREWALL_CHAINS) {
         filter.text += "-F " + chain + "\n";
-        filter.adapters.emplace_back();
+        filter.adapters.emplace_back(kGlobalAdapter);
         filter.chains.insert(chain);
     }
     const auto addLines = [&](const std::string& adapter) {
@@ -200,6 +205,16 @@ bool RestoreText::addLine(const std::string& adapter, const std::string& line) {
     return true;
 }
 
+std::string RestoreText::filler() {
+    std::string line(kFillerLineBytes - 1, '#');
+    line += '\n';
+    std::string text;
+    for (int i = 0; i < kFillerLines; ++i) {
+        text += line;
+    }
+    return text;
+}
+
 std::string RestoreText::tail() const {
     std::string text = appended_ + kCommit + "\n";
     for (std::size_t i = 1; i < tables_.size(); ++i) {
@@ -220,7 +235,7 @@ RestoreLine RestoreText::lineAt(std::size_t number) const {
         const bool first = &table == &tables_.front();
         std::string text = table.text;
         if (first) {
-            text += appended_;
+            text += filler() + appended_;
         }
         text += kCommit;
         std::istringstream stream(text);

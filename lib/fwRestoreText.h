@@ -42,12 +42,14 @@ public:
     /// Up to the first COMMIT, which nothing is done without; append()ed lines are left out.
     const std::string& head() const { return tables_.front().text; }
 
+    /// Lines that mean nothing, to be read between head() and tail(); see ToolRun::awaitReading().
+    static std::string filler();
+
     /// What follows: append()ed lines, the first COMMIT, other tables.
     std::string tail() const;
 
-    std::string whole() const { return head() + tail(); }
-
-    /// The line of that number in whole(), from 1; an empty command when there is none.
+    /// The line of that number in head(), filler() and tail(), from 1; an empty command when there
+    /// is none.
     RestoreLine lineAt(std::size_t number) const;
 
 private:

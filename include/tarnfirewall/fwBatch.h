@@ -1,4 +1,4 @@
-/// Command documents as single transactions, instead of line by line.
+/// Putting a command document in place in one transaction, instead of line by line.
 #pragma once
 
 #include <json/json.h>
@@ -9,9 +9,10 @@
 
 namespace FW {
 
-/// Command documents (see TARNFW_IPTABLES_RULES) as texts for iptables-restore and
-/// ip6tables-restore, which replace the content of the firewall chains at once. An object holds
-/// nothing: make one on the stack, use it, let it go.
+/// Replaces the content of the firewall chains by the lines of a command document (see
+/// TARNFW_IPTABLES_RULES), through iptables-restore and ip6tables-restore. No packet meets a part
+/// of the rules, and policies are left alone. An object holds nothing: make one on the stack, use
+/// it, let it go.
 ///
 /// Each line of the document appends a rule, as those of a translation do: "-A" and a chain, with
 /// or without "-t" and a table before it. Other lines are refused. Neither 255 words nor 1024 bytes
@@ -26,6 +27,18 @@ public:
     /// Returns an empty text, logged, when a line cannot be written so: it appends no rule, names a
     /// table that is no word, has a line feed, or is longer than iptables-restore reads.
     std::string restoreText(const Json::Value& cmds, const std::string& family);
+
+    /// Puts a command document in place: both families hold the new rules, or both what they held
+    /// before. Both texts are examined before the kernel is touched; when the second family is
+    /// refused after all, the first gets back the rules of the chains that its lines named.
+    /// FIREWALL_RELOADING and the policies of INPUT and FORWARD change in one case: where a reload
+    /// line by line was interrupted, which the rule for established connections in
+    /// FIREWALL_RELOADING tells, that rule goes and the policies become ACCEPT, in the same
+    /// transaction.
+    /// Returns false, logged with the adapter, the line and the tool's own words, when a line is
+    /// refused or a tool cannot be run. Waits up to 30 s for other programs that change the packet
+    /// filter under the lock of iptables, such as another call of this.
+    bool apply(const Json::Value& cmds);
 };
 
 }  // namespace FW

@@ -1,10 +1,16 @@
-// Command documents in one transaction: their text for iptables-restore.
+// Command documents in one transaction: their text for iptables-restore, and the order in which the
+// tools get it, say no, and get back what was there.
+
+#include <algorithm>
+#include <csignal>
 
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include <json/json.h>
 
+#include "fake_restore.h"
 #include "library_test.h"
 #include "tarnfirewall/fwBatch.h"
 
@@ -159,6 +165,308 @@ TEST_F(RestoreTextTest, LongestLine) {
     const std::string start = "-A X -m comment --comment ";
     const std::string line = start + std::string(10238 - start.size(), 'c');
     EXPECT_EQ(restoreText(documentOf(line)), filterText(line + "\n"));
+}
+
+// ---- apply ----
+
+constexpr char kReloadingRule[] =
+    "-A FIREWALL_RELOADING -m state --state RELATED,ESTABLISHED -j ACCEPT\n";
+
+const std::string kSaved =
+    "*filter\n:INPUT ACCEPT [0:0]\n:FORWARD ACCEPT [0:0]\n:INPUT_FIREWALL - [0:0]\n"
+    "[3:180] -A INPUT -j INPUT_FIREWALL\n"
+    "[2:120] -A INPUT_FIREWALL -i old -j DROP\nCOMMIT\n";
+
+const std::string kPutBack =
+    "*filter\n-F FORWARD_FIREWALL\n-F INPUT_FIREWALL\n"
+    "[2:120] -A INPUT_FIREWALL -i old -j DROP\nCOMMIT\n";
+
+class ApplyTest : public LibraryTest {
+protected:
+    ApplyTest() {
+        for (const std::string family : {"v4", "v6"}) {
+            cmds_[family]["global"].append("-A INPUT_FIREWALL -i lo -j ACCEPT");
+            cmds_[family]["eth0"].append("-t filter -A INPUT_FIREWALL -i eth0 -j DROP");
+            tools_.setSaved(family, kSaved);
+        }
+    }
+
+    void addSecondTable(const std::string& family) {
+        cmds_[family]["eth0"].append("-t mangle -A INPUT -i eth0 -j ACCEPT");
+        tools_.setSaved(family, kSaved + "*mangle\n[1:1] -A INPUT -i old\nCOMMIT\n");
+    }
+
+    bool apply() { return FW::FW_BATCH().apply(cmds_); }
+
+    std::string text(const std::string& mended = "") const {
+        return filterText("-A INPUT_FIREWALL -i lo -j ACCEPT\n-A INPUT_FIREWALL -i eth0 -j DROP\n" +
+                          mended);
+    }
+
+    FakeRestore tools_;
+    Json::Value cmds_;
+};
+
+// A run of the stand-in for iptables-restore.
+FakeRestore::Run run(const std::string& name, const std::string& text, bool whole = true) {
+    FakeRestore::Run made;
+    made.name = name;
+    made.text = text;
+    made.whole = whole;
+    return made;
+}
+
+TEST_F(ApplyTest, BothFamiliesIpv4First) {
+    EXPECT_TRUE(apply());
+    EXPECT_THAT(tools_.runs(), ElementsAre(run("v4 commit", text()), run("v6 commit", text())));
+    EXPECT_THAT(tools_.started(), ElementsAre("ip6tables --list-rules FIREWALL_RELOADING",
+                                              "ip6tables-restore --noflush --wait 30 --verbose",
+                                              "iptables-restore --noflush --wait 30 --verbose",
+                                              "iptables-save --counters --table filter"));
+    EXPECT_THAT(platform_.log(), IsEmpty());
+    EXPECT_THAT(platform_.executed(), IsEmpty());
+}
+
+TEST_F(ApplyTest, EmptyDocumentFlushesBothFamilies) {
+    cmds_ = Json::Value();
+    EXPECT_TRUE(apply());
+    EXPECT_THAT(tools_.runs(),
+                ElementsAre(run("v4 commit", filterText("")), run("v6 commit", filterText(""))));
+}
+
+TEST_F(ApplyTest, LineThatCannotBeWrittenStartsNothing) {
+    cmds_["v6"]["eth1"].append("-F INPUT_FIREWALL");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.started(), IsEmpty());
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Adapter eth1: no line for iptables-restore: "
+                                      "\"-F INPUT_FIREWALL\""));
+}
+
+// Where a tool says no, and what it says.
+struct RefusedCase {
+    std::string name;
+    std::string run;
+    std::string line;
+    std::string errors;
+    std::string logged;
+    std::vector<std::string> committed;
+};
+
+void PrintTo(const RefusedCase& c, std::ostream* out) {
+    *out << c.name;
+}
+
+const RefusedCase kRefusedCases[] = {
+    {"ReadingIpv4",
+     "v4 commit",
+     "-A INPUT_FIREWALL -i eth0 -j DROP",
+     "Bad argument `x'\nError occurred at line: 5\nTry `iptables-restore -h'\n",
+     "/sbin/iptables-restore refused \"-t filter -A INPUT_FIREWALL -i eth0 -j DROP\" of adapter "
+     "eth0: Bad argument `x'",
+     {}},
+    {"ReadingIpv6",
+     "v6 commit",
+     "-A INPUT_FIREWALL -i lo -j ACCEPT",
+     "Bad argument `x'\nError occurred at line: 4\n",
+     "/sbin/ip6tables-restore refused \"-t filter -A INPUT_FIREWALL -i lo -j ACCEPT\" of adapter "
+     "global: Bad argument `x'",
+     {}},
+    {"NoChains",
+     "v4 commit",
+     "-F INPUT_FIREWALL",
+     "iptables-restore: line 2 failed: No chain/target/match by that name.\n",
+     "/sbin/iptables-restore refused \"-t filter -F INPUT_FIREWALL\" of adapter global: "
+     "iptables-restore: line 2 failed: No chain/target/match by that name.",
+     {}},
+    {"CommittingIpv4",
+     "v4 commit",
+     "COMMIT",
+     "iptables-restore v1 (nf_tables): \nline 5: RULE_APPEND failed (Invalid argument): rule\n",
+     "/sbin/iptables-restore refused \"-t filter -A INPUT_FIREWALL -i eth0 -j DROP\" of adapter "
+     "eth0: iptables-restore v1 (nf_tables): line 5: RULE_APPEND failed (Invalid argument): rule",
+     {}},
+    {"CommittingIpv6WithoutALine",
+     "v6 commit",
+     "COMMIT",
+     "ip6tables-restore: line 10 failed\n",
+     "/sbin/ip6tables-restore refused \"-t filter COMMIT\" of all adapters: ip6tables-restore: "
+     "line 10 failed",
+     {"v4 commit", "v4 put back"}},
+    {"WithoutWords",
+     "v6 commit",
+     "COMMIT",
+     "",
+     "Failed to run /sbin/ip6tables-restore: status 1",
+     {"v4 commit", "v4 put back"}},
+};
+
+class ApplyRefusedTest : public ApplyTest, public ::testing::WithParamInterface<RefusedCase> {};
+
+TEST_P(ApplyRefusedTest, EndsWithWhatWasThereAndOneLine) {
+    tools_.refuse(GetParam().run, GetParam().line, GetParam().errors);
+    EXPECT_FALSE(apply());
+    EXPECT_EQ(tools_.committed(), GetParam().committed);
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: " + GetParam().logged));
+}
+
+INSTANTIATE_TEST_SUITE_P(Refused, ApplyRefusedTest, ValuesIn(kRefusedCases),
+                         [](const auto& one) { return one.param.name; });
+
+TEST_F(ApplyTest, PuttingBackIsAboutTheChangedChainsWithTheirCounters) {
+    tools_.refuse("v6 commit", "COMMIT", "");
+    EXPECT_FALSE(apply());
+    ASSERT_EQ(tools_.runs().size(), 3U);
+    EXPECT_EQ(tools_.runs().back(), run("v4 put back", kPutBack));
+    EXPECT_EQ(tools_.runs().back().arguments, "--noflush --wait 30 --verbose --counters\n");
+}
+
+TEST_F(ApplyTest, FailureToPutBackIsLoggedToo) {
+    tools_.refuse("v6 commit", "COMMIT", "six\n");
+    tools_.refuse("v4 put back", "COMMIT", "four\n");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(errors(),
+                ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: six",
+                            "fwBatch: Failed to put back the rules with /sbin/iptables-restore: "
+                            "four"));
+}
+
+// "-h" among a line's words makes the tool print its usage and end with success.
+TEST_F(ApplyTest, EarlyEndWithSuccessIsARefusal) {
+    tools_.refuse("v6 commit", "-A INPUT_FIREWALL -i eth0 -j DROP", "", 0);
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), IsEmpty());
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: it stopped "
+                                      "before the end of its input"));
+}
+
+TEST_F(ApplyTest, EarlyEndAtTheCommitIsARefusal) {
+    tools_.refuse("v6 commit", "COMMIT", "", 0);
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v4 put back"));
+}
+
+TEST_F(ApplyTest, CallerThatIgnoresItsChildren) {
+    const auto before = std::signal(SIGCHLD, SIG_IGN);
+    const bool applied = apply();
+    tools_.refuse("v6 commit", "COMMIT", "six\n");
+    const bool refused = !apply();
+    (void)std::signal(SIGCHLD, before);
+    EXPECT_TRUE(applied);
+    EXPECT_TRUE(refused);
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: six"));
+}
+
+struct MissingCase {
+    std::string name;
+    std::string path;
+};
+
+class ApplyMissingTest : public ApplyTest, public ::testing::WithParamInterface<MissingCase> {};
+
+TEST_P(ApplyMissingTest, CommitsNothing) {
+    tools_.remove(GetParam().path);
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), IsEmpty());
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run " + GetParam().path +
+                                      ": No such file or directory"));
+}
+
+const MissingCase kMissing[] = {{"SaveV4", "/sbin/iptables-save"},
+                                {"RestoreV4", "/sbin/iptables-restore"},
+                                {"RestoreV6", "/sbin/ip6tables-restore"}};
+INSTANTIATE_TEST_SUITE_P(Missing, ApplyMissingTest, ValuesIn(kMissing),
+                         [](const auto& one) { return one.param.name; });
+
+TEST_F(ApplyTest, WhatCannotBeSavedIsNotReplaced) {
+    tools_.setSaved("v4", "*filter\n:INPUT ACCEPT [0:0]\n");  // cut short
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), IsEmpty());
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/iptables-save: it stopped "
+                                      "before the end of its input"));
+}
+
+// ---- More than one table, each a commit of its own ----
+
+TEST_F(ApplyTest, SecondTableIsTestedAndSaved) {
+    addSecondTable("v4");
+    addSecondTable("v6");
+    EXPECT_TRUE(apply());
+    const std::string both = text() + "*mangle\n-A INPUT -i eth0 -j ACCEPT\nCOMMIT\n";
+    const std::vector<FakeRestore::Run> runs = tools_.runs();
+    ASSERT_EQ(runs.size(), 4U);
+    EXPECT_THAT(std::vector<FakeRestore::Run>(runs.begin(), runs.begin() + 2),
+                ::testing::UnorderedElementsAre(run("v4 test", both), run("v6 test", both)));
+    EXPECT_EQ(runs[2], run("v4 commit", both));
+    EXPECT_EQ(runs[3], run("v6 commit", both));
+    EXPECT_THAT(tools_.started(),
+                ::testing::IsSupersetOf({"ip6tables-save --counters --table filter",
+                                         "ip6tables-save --counters --table mangle",
+                                         "iptables-save --counters --table mangle"}));
+}
+
+TEST_F(ApplyTest, SecondTableRefusedInTheTest) {
+    addSecondTable("v6");
+    tools_.refuse("v6 test", "-A INPUT -i eth0 -j ACCEPT",
+                  "Bad argument `x'\nError occurred at line: 12\n");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), IsEmpty());
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: /sbin/ip6tables-restore refused \"-t mangle -A "
+                                      "INPUT -i eth0 -j ACCEPT\" of adapter eth0: Bad argument "
+                                      "`x'"));
+}
+
+TEST_F(ApplyTest, SecondTableRefusedAtItsCommitPutsBackTheFirst) {
+    addSecondTable("v4");
+    tools_.refuse("v4 commit", "-A INPUT -i eth0 -j ACCEPT", "late\n");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 put back"));
+    const std::vector<FakeRestore::Run> runs = tools_.runs();
+    const auto putBack = std::find_if(runs.begin(), runs.end(), [](const FakeRestore::Run& one) {
+        return one.name == "v4 put back";
+    });
+    ASSERT_NE(putBack, runs.end());
+    EXPECT_EQ(putBack->text, kPutBack + "*mangle\n-F INPUT\n[1:1] -A INPUT -i old\nCOMMIT\n");
+}
+
+TEST_F(ApplyTest, SecondTableOfIpv6RefusedPutsBackBothFamilies) {
+    addSecondTable("v6");
+    tools_.refuse("v6 commit", "-A INPUT -i eth0 -j ACCEPT", "late\n");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back", "v4 put back"));
+}
+
+// ---- What an interrupted reload left ----
+
+constexpr char kMended[] =
+    "-D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
+    "-P INPUT ACCEPT\n-P FORWARD ACCEPT\n";
+
+TEST_F(ApplyTest, InterruptedReloadIsMendedInTheSameTransaction) {
+    tools_.setSaved(
+        "v4", std::string("*filter\n:INPUT DROP [0:0]\n[0:0] ") + kReloadingRule + "COMMIT\n");
+    tools_.setListing("v6", std::string("-N FIREWALL_RELOADING\n") + kReloadingRule);
+    EXPECT_TRUE(apply());
+    EXPECT_THAT(tools_.runs(),
+                ElementsAre(run("v4 commit", text(kMended)), run("v6 commit", text(kMended))));
+}
+
+TEST_F(ApplyTest, EachFamilyIsMendedByItsOwnSign) {
+    tools_.setListing("v6", std::string("-N FIREWALL_RELOADING\n") + kReloadingRule);
+    EXPECT_TRUE(apply());
+    EXPECT_THAT(tools_.runs(),
+                ElementsAre(run("v4 commit", text()), run("v6 commit", text(kMended))));
+}
+
+TEST_F(ApplyTest, RefusalPutsBackWhatWasMended) {
+    const std::string rule = std::string("[4:5] ") + kReloadingRule;
+    tools_.setSaved("v4", "*filter\n:INPUT DROP [1:1]\n:FORWARD DROP [0:0]\n" + rule + "COMMIT\n");
+    tools_.refuse("v6 commit", "COMMIT", "six\n");
+    EXPECT_FALSE(apply());
+    EXPECT_EQ(tools_.runs().back(),
+              run("v4 put back",
+                  "*filter\n-P INPUT DROP\n-P FORWARD DROP\n-F FIREWALL_RELOADING\n"
+                  "-F FORWARD_FIREWALL\n-F INPUT_FIREWALL\n" +
+                      rule + "COMMIT\n"));
 }
 
 }  // namespace

@@ -1,0 +1,51 @@
+/// Stand-ins for iptables-save, iptables-restore and their IPv6 companions, so that what the
+/// library gives them and what it makes of their answers can be tested without a kernel.
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// While one lives, programs of iptables that the library starts are scripts which keep what they
+/// get. Exactly one lives at a time.
+class FakeRestore {
+public:
+    FakeRestore();
+    ~FakeRestore();
+    FakeRestore(const FakeRestore&) = delete;
+    FakeRestore& operator=(const FakeRestore&) = delete;
+
+    /// What one run of iptables-restore got.
+    struct Run {
+        std::string name;       ///< "v4 commit", "v6 test", "v4 put back"
+        std::string arguments;  ///< "--noflush --wait 30 ..."
+        std::string text;       ///< its input without lines of comment
+        bool whole = false;     ///< whether it came to the end of its input
+
+        bool operator==(const Run& other) const {
+            return name == other.name && text == other.text && whole == other.whole;
+        }
+    };
+
+    /// The runs that have ended: commits, tests, runs that put back. In the order of their ends.
+    std::vector<Run> runs() const;
+
+    /// The names of those that came to the end of their input and so changed something, in order.
+    std::vector<std::string> committed() const;
+
+    /// Every program that was started, with its arguments, sorted.
+    std::vector<std::string> started() const;
+
+    /// What iptables-save ("v4") or ip6tables-save ("v6") prints for any table.
+    void setSaved(const std::string& family, const std::string& output);
+
+    /// What listing FIREWALL_RELOADING prints.
+    void setListing(const std::string& family, const std::string& output);
+
+    /// From now on the run of that name ("v6 commit") ends with `status` at a line of its input,
+    /// saying `errors`.
+    void refuse(const std::string& run, const std::string& line, const std::string& errors,
+                int status = 1);
+
+    /// From now on a program of that path cannot be started.
+    void remove(const std::string& path);
+};
