@@ -7,6 +7,7 @@
 
 #include "tarncore.h"
 
+#include "tarnfirewall/fwBatch.h"
 #include "tarnfirewall/fwHook.h"
 #include "tarnfirewall/tarnIptablesModule.h"
 #include "tarnfirewall/utils.h"
@@ -24,6 +25,9 @@ constexpr const char* kSource = kFirewallSource;
 
 constexpr char kStatusKey[] = "status";
 constexpr char kDefaultProfile[] = "default";
+constexpr char kApplyKey[] = "apply";
+constexpr char kApplyLines[] = "lines";
+constexpr char kApplyBatch[] = "batch";
 
 constexpr char kIptables[] = "/sbin/iptables";
 constexpr char kIp6tables[] = "/sbin/ip6tables";
@@ -211,20 +215,36 @@ bool applyWhileClosed(TARNFW& firewall, Apply apply) {
     }
 }
 
-/// Replaces the chains' content by the rules of the active profile.
-bool applyActiveProfile(TARNFW& firewall, bool acceptEstablished) {
-    (void)firewall.fwClear();  // logs for itself; the new rules go in all the same
+/// Translates the active profile.
+bool activeProfileToCmds(TARNFW& firewall, bool acceptEstablished, Json::Value& cmds) {
     std::string profile;
     if (!firewall.fwProfileConfigGet(profile)) {
         FW_LOG_ERR("Failed to fwProfileConfigGet()");
         return false;
     }
-    Json::Value cmds;
     if (!firewall.fwIptablesRulesEnum(profile, cmds, acceptEstablished)) {
         FW_LOG_ERR("Failed to fwIptablesRulesEnum()");
         return false;
     }
-    return execOrDisable(firewall, cmds);
+    return true;
+}
+
+/// Translates a test profile.
+bool testProfileToCmds(TARNFW& firewall, const std::string& testName, const std::string& localIp,
+                       Json::Value& cmds) {
+    if (!(localIp.empty() ? firewall.fwIptablesRulesEnum(testName, cmds, false)
+                          : firewall.fwIptablesRulesEnum(testName, cmds, localIp))) {
+        FW_LOG_ERR("Failed to fwIptablesRulesEnum()");
+        return false;
+    }
+    return true;
+}
+
+/// Replaces the chains' content by the rules of the active profile.
+bool applyActiveProfile(TARNFW& firewall, bool acceptEstablished) {
+    (void)firewall.fwClear();  // logs for itself; the new rules go in all the same
+    Json::Value cmds;
+    return activeProfileToCmds(firewall, acceptEstablished, cmds) && execOrDisable(firewall, cmds);
 }
 
 /// Replaces the chains' content by the rules of a test profile. Unlike a reload it goes no further
@@ -235,12 +255,13 @@ bool applyTestProfile(TARNFW& firewall, const std::string& testName, const std::
         return false;
     }
     Json::Value cmds;
-    if (!(localIp.empty() ? firewall.fwIptablesRulesEnum(testName, cmds, false)
-                          : firewall.fwIptablesRulesEnum(testName, cmds, localIp))) {
-        FW_LOG_ERR("Failed to fwIptablesRulesEnum()");
-        return false;
-    }
-    return execOrDisable(firewall, cmds);
+    return testProfileToCmds(firewall, testName, localIp, cmds) && execOrDisable(firewall, cmds);
+}
+
+/// Whether the settings choose one transaction. Settings that cannot be read choose nothing.
+bool appliesInBatch(TARNFW& firewall) {
+    std::string mode;
+    return firewall.fwApplyMode(mode) && mode == kApplyBatch;
 }
 
 }  // namespace
@@ -322,6 +343,18 @@ bool TARNFW::fwProfileConfigSet(const std::string& profile, bool reload) {
         FW_LOG_ERR("Failed to reload firewall");
         return false;
     }
+    return true;
+}
+
+bool TARNFW::fwApplyMode(std::string& mode) {
+    Json::Value config;
+    // Unlike configGet() without writing the defaults: a trial leaves the settings alone.
+    if (pathExists(kSettingsFile) && !jsonFileLoad(config, kSettingsFile)) {
+        FW_LOG_ERR("Falied to configGet()");
+        return false;
+    }
+    const bool batch = config.isObject() && config[kApplyKey] == kApplyBatch;
+    mode = batch ? kApplyBatch : kApplyLines;
     return true;
 }
 
@@ -485,6 +518,11 @@ bool TARNFW::fwReload(bool acceptEstablished) {
         FW_LOG_ERR("Failed to firewallModLoad()");
         return false;
     }
+    if (appliesInBatch(*this)) {
+        translateForBatch();
+        Json::Value cmds;
+        return activeProfileToCmds(*this, acceptEstablished, cmds) && FW_BATCH().apply(cmds);
+    }
     return applyWhileClosed(*this, [&] { return applyActiveProfile(*this, acceptEstablished); });
 }
 
@@ -518,6 +556,11 @@ bool TARNFW::TestApplyingProfile(std::string name, const std::string& localIp) {
     if (!firewallModLoad()) {
         FW_LOG_ERR("Failed to firewallModLoad()");
         return false;
+    }
+    if (appliesInBatch(*this)) {
+        translateForBatch();
+        Json::Value cmds;
+        return testProfileToCmds(*this, testName, localIp, cmds) && FW_BATCH().apply(cmds);
     }
     return applyWhileClosed(*this, [&] { return applyTestProfile(*this, testName, localIp); });
 }

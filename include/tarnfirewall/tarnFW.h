@@ -18,7 +18,8 @@ namespace FW {
 
 /// Firewall control. All state lives in the settings file
 /// "/usr/tarn/etc/firewall.d/firewall_settings.json" ("status": enabled or not, "profile": the name
-/// of the active one) and in the kernel; make an object on the stack, use it, let it go.
+/// of the active one, "apply": how rules go in) and in the kernel; make an object on the stack, use
+/// it, let it go.
 ///
 /// Operations return true on success and log a failure. Concurrent reloads, also of other
 /// processes, wait for each other, up to 30 s; other operations that belong together are serialised
@@ -54,6 +55,11 @@ public:
 
     /// Makes a stored profile the active one and, with `reload`, applies it.
     bool fwProfileConfigSet(const std::string& profile, bool reload);
+
+    /// How rules are put into the kernel: "batch", in one transaction (see FW_BATCH), when the
+    /// settings' member "apply" says so; "lines" otherwise, also without settings, which are not
+    /// written here. To be set with configSet(). `mode` is untouched on failure.
+    bool fwApplyMode(std::string& mode);
 
     /// Adds the names of the machine's interfaces to `out`; does nothing when `out` holds any.
     /// From TLIBNetGetInterfaceInfo, and "wlan0" on models with wireless.
@@ -104,6 +110,9 @@ public:
     /// enabled with empty chains; the policies are then ACCEPT again. Where closing or reopening
     /// itself fails, the policies stay as far as that came; a failed reopening disables the
     /// firewall.
+    /// With "apply" set to "batch" there is no closed moment: the profile is translated first, and
+    /// FW_BATCH::apply() puts the rules in place. Every failure then leaves the packet filter and
+    /// the settings as they were.
     bool fwReload(bool acceptEstablished);
 
     /// Translates the stored profile `profile` into the command document `cmds`.
@@ -119,8 +128,8 @@ public:
     /// while the settings still name the active profile, to which a reload returns. Packets of
     /// established connections pass only where its rules let them, so that the trial shows what
     /// they do. `localIp` is handed to fwIptablesRulesEnum() unless it is empty. On failure as
-    /// fwReload(), except that chains that cannot be flushed end it. Takes no lock: the caller
-    /// keeps trials and reloads apart.
+    /// fwReload(), except that chains that cannot be flushed end it; "apply" counts here as well.
+    /// Takes no lock: the caller keeps trials and reloads apart.
     bool TestApplyingProfile(std::string name, const std::string& localIp);
 
     /// The same with an empty `localIp`.
