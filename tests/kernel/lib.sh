@@ -178,6 +178,26 @@ use_profile() {
     activate "$profile"
 }
 
+# choose_apply lines|batch: how rules go into the kernel from now on.
+choose_apply() {
+    sed -i -e '/"apply"/d' -e "s/^{/{ \"apply\": \"$1\",/" "$kSettings"
+}
+
+# empty_chains: as a freshly set up base filter has them.
+empty_chains() {
+    local tool chain
+    for tool in iptables ip6tables; do
+        for chain in INPUT_FIREWALL FORWARD_FIREWALL; do
+            "$tool" -F "$chain"
+        done
+    done
+}
+
+# rules_probe ARGUMENT...: the program that applies command documents and compares both ways.
+rules_probe() {
+    "$build/tests/kernel/rules_probe" "$@"
+}
+
 # policies_accept: whether the built-in chains of both families let everything through.
 policies_accept() {
     ! { listing v4 && listing v6; } | grep -- '^-P .* DROP'

@@ -1,0 +1,62 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# A reload line by line that was killed leaves policies that drop and a rule in FIREWALL_RELOADING. A
+# batch takes both back where it finds the rule, and leaves policies alone where it does not.
+readonly kReloading='FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT'
+readonly kEmpty='{}'
+
+# interrupted TOOL TIMES: as that many killed reloads leave the family.
+interrupted() {
+    local i
+    "$1" --policy INPUT DROP
+    "$1" --policy FORWARD DROP
+    for ((i = 0; i < $2; ++i)); do
+        # shellcheck disable=SC2086  # words
+        "$1" -A $kReloading
+    done
+}
+
+tarnfw base up
+for tool in iptables ip6tables; do
+    "$tool" -I FIREWALL_RELOADING -i tun7 -j RETURN # somebody else's
+done
+keep_listing whole
+
+interrupted iptables 1
+interrupted ip6tables 3
+step 'a batch succeeds' rules_probe batch - <<<"$kEmpty"
+step 'all is mended' same_listing whole
+
+interrupted ip6tables 1
+step 'a batch succeeds' rules_probe batch - <<<"$kEmpty"
+step 'one family is mended' same_listing whole
+
+# Without the rule, policies are the administrator's.
+iptables --policy INPUT DROP
+ip6tables --policy FORWARD DROP
+keep_listing strict
+step 'a batch succeeds' rules_probe batch - <<<"$kEmpty"
+step 'the policies stay' same_listing strict
+
+interrupted iptables 2
+interrupted ip6tables 1
+keep_listing interrupted
+refuses 'a batch that the kernel refuses' rules_probe batch - \
+    <<<'{"v6": {"eth0": ["-A INPUT_FIREWALL -p tcp -j MASQUERADE"]}}'
+step 'mends nothing' same_listing interrupted
+
+# The real thing: a reload line by line, killed before its first rule.
+iptables -F FIREWALL_RELOADING
+ip6tables -F FIREWALL_RELOADING
+for tool in iptables ip6tables; do
+    "$tool" --policy INPUT ACCEPT
+    "$tool" --policy FORWARD ACCEPT
+done
+make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
+use_profile deny_by_default
+choose_apply batch
+step 'the firewall is enabled' tarnfw enable
+keep_listing enabled
+step 'a reload is interrupted' rules_probe closed
+step 'the machine is closed' [ "$(iptables -S INPUT | head -n 1)" = '-P INPUT DROP' ]
+step 'a reload succeeds' tarnfw reload
+step 'all is mended' same_listing enabled
