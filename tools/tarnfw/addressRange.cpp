@@ -1,5 +1,7 @@
 #include "addressRange.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -61,6 +63,18 @@ std::optional<Address> addressFrom(const std::string& text) {
         return std::nullopt;
     }
     return address;
+}
+
+std::string spelled(const Address& address) {
+    char text[INET6_ADDRSTRLEN] = "";
+    if (address.is_v4()) {
+        const address_v4::bytes_type bytes = address.to_v4().to_bytes();
+        (void)inet_ntop(AF_INET, bytes.data(), text, sizeof(text));
+    } else {
+        const address_v6::bytes_type bytes = address.to_v6().to_bytes();
+        (void)inet_ntop(AF_INET6, bytes.data(), text, sizeof(text));
+    }
+    return text;
 }
 
 std::optional<int> prefixLengthFrom(const std::string& mask, bool ipv6) {

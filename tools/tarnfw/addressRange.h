@@ -24,6 +24,9 @@ struct AddressRange {
 /// "192.168.1.20" or "2001:db8::1", nothing else: no zone, no shortened IPv4 form.
 std::optional<Address> addressFrom(const std::string& text);
 
+/// "192.168.1.20" or "2001:db8::1", in the shortest spelling.
+std::string spelled(const Address& address);
+
 /// The length of a mask: "255.255.255.0" or "24" for IPv4 (at most 32), "64" for IPv6 (at most
 /// 128). Nothing for a mask with a gap in it.
 std::optional<int> prefixLengthFrom(const std::string& mask, bool ipv6);

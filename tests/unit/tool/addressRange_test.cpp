@@ -58,6 +58,14 @@ TEST(AddressFromTest, TakesWholeAddressesOnly) {
     }
 }
 
+TEST(SpelledTest, IsTheShortestSpelling) {
+    EXPECT_EQ(spelled(*addressFrom("10.0.0.1")), "10.0.0.1");
+    EXPECT_EQ(spelled(*addressFrom("2001:0DB8:0:0:0:0:0:1")), "2001:db8::1");
+    EXPECT_EQ(spelled(*addressFrom("0:0::0")), "::");
+    EXPECT_EQ(spelled(*addressFrom("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff")),
+              "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+}
+
 TEST(RangeFromTest, NeedsOneFamilyAndAscendingEnds) {
     EXPECT_EQ(textOf(rangeFrom("10.0.0.5", "10.0.0.9")), "10.0.0.5-10.0.0.9");
     EXPECT_EQ(textOf(rangeFrom("10.0.0.5", "10.0.0.5")), "10.0.0.5-10.0.0.5");

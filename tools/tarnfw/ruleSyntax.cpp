@@ -1,0 +1,368 @@
+#include "ruleSyntax.h"
+
+#include <algorithm>
+#include <cctype>
+#include <iterator>
+#include <optional>
+#include <utility>
+
+#include <CLI/CLI.hpp>
+#include <boost/algorithm/string/case_conv.hpp>
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/split.hpp>
+#include <boost/lexical_cast/try_lexical_convert.hpp>
+
+#include "addressRange.h"
+#include "command.h"
+#include "output.h"
+#include "usage.h"
+
+namespace tarnfw {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+// The codes of a rule's fields; see FWRULE.
+constexpr std::int32_t kIpV4Only = 0;
+constexpr std::int32_t kIpV6Only = 1;
+constexpr std::int32_t kIpBoth = 2;
+constexpr std::int32_t kIpSingle = 0;
+constexpr std::int32_t kIpNetwork = 1;
+constexpr std::int32_t kIpCountries = 3;
+constexpr std::int32_t kIpRange = 4;
+constexpr std::int32_t kIpAny = 5;
+constexpr std::int32_t kPortServices = 0;
+constexpr std::int32_t kPortCustom = 1;
+constexpr std::int32_t kPortAny = 3;
+
+constexpr int kHighestPort = 65535;
+
+// A rule for tcp or udp with an empty list of ports yields no line at all.
+constexpr char kEveryPort[] = "0-65535";
+
+constexpr char kWhatWords[] = "service, tcp, udp, tcp/udp, icmp, igmp, any, from or to";
+
+const std::map<std::string, std::int32_t> kProtocols = {
+    {"tcp", FW::FW_PORT_PROTOCOL_TCP},         {"udp", FW::FW_PORT_PROTOCOL_UDP},
+    {"tcp/udp", FW::FW_PORT_PROTOCOL_TCP_UDP}, {"both", FW::FW_PORT_PROTOCOL_TCP_UDP},
+    {"icmp", FW::FW_PORT_PROTOCOL_ICMP},       {"igmp", FW::FW_PORT_PROTOCOL_IGMP},
+};
+
+[[noreturn]] void wrong(const std::string& text) {
+    throw CLI::ValidationError(text);
+}
+
+/// The word as a complaint names it.
+std::string quoted(const std::string& word) {
+    return std::string("\"").append(printable(word)).append("\"");
+}
+
+std::string didYouMean(const std::string& guess) {
+    return guess.empty() ? guess : std::string("; did you mean ").append(quoted(guess)).append("?");
+}
+
+/// The entries of "a,b,c"; `what` is what an empty one should have been.
+Texts entriesOf(const std::string& word, const std::string& what) {
+    Texts entries;
+    boost::split(entries, word, boost::is_any_of(","));
+    if (std::find(entries.begin(), entries.end(), "") != entries.end()) {
+        wrong(quoted(word) + " lacks " + what + " beside a comma; a list has no blanks in it");
+    }
+    return entries;
+}
+
+/// The words of a rule, taken one after the other.
+class Words {
+public:
+    explicit Words(const Texts& words) : words_(words) {}
+
+    bool done() const { return next_ == words_.size(); }
+    bool isSide() const { return !done() && (words_[next_] == "from" || words_[next_] == "to"); }
+    const std::string& peek() const { return words_[next_]; }
+
+    /// The next word; without one, complains that `expected` is missing behind the last.
+    const std::string& take(const std::string& expected) {
+        if (done()) {
+            wrong(words_.empty() ? "a rule's words are missing: expected " + expected
+                                 : "expected " + expected + " behind " + quoted(words_.back()));
+        }
+        return words_[next_++];
+    }
+
+private:
+    const Texts& words_;
+    std::size_t next_ = 0;
+};
+
+// ---- Ports, protocols, services ----
+
+std::optional<int> portNumber(const std::string& text) {
+    int number = 0;
+    const bool digits = text.find_first_not_of("0123456789") == std::string::npos;
+    if (!digits || !boost::conversion::try_lexical_convert(text, number) || number > kHighestPort) {
+        return std::nullopt;
+    }
+    return number;
+}
+
+/// A port or a range as rules have it. Written anew: iptables takes leading zeros for octal.
+std::string portEntry(const std::string& entry, const RuleVocabulary& vocabulary) {
+    const std::size_t dash = entry.find('-');
+    const std::optional<int> first = portNumber(entry.substr(0, dash));
+    const std::optional<int> last =
+        dash == std::string::npos ? first : portNumber(entry.substr(dash + 1));
+    if (!first || !last) {
+        wrong(quoted(entry) + " is not a port (0-65535) or a range of ports (6000-6010)" +
+              (vocabulary.services.count(entry) > 0 ? didYouMean("service " + entry) : ""));
+    }
+    if (*last < *first) {
+        wrong("the range of ports " + quoted(entry) + " runs backwards");
+    }
+    return *first == *last ? std::to_string(*first)
+                           : std::to_string(*first) + "-" + std::to_string(*last);
+}
+
+void takePorts(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) {
+    if (words.done() || words.isSide()) {
+        rule.portList = {kEveryPort};
+        return;
+    }
+    for (const std::string& entry : entriesOf(words.take("ports"), "a port")) {
+        rule.portList.push_back(portEntry(entry, vocabulary));
+    }
+}
+
+/// What the services need, as the library works it out when it brings rules up to date: those that
+/// take both protocols do not count, and alone they get both.
+std::int32_t protocolOf(const Texts& services, const RuleVocabulary& vocabulary) {
+    const auto needs = [&](std::int32_t protocol) {
+        return std::any_of(services.begin(), services.end(), [&](const std::string& name) {
+            return vocabulary.services.at(name) == protocol;
+        });
+    };
+    const bool tcp = needs(FW::FW_PORT_PROTOCOL_TCP);
+    const bool udp = needs(FW::FW_PORT_PROTOCOL_UDP);
+    if (tcp == udp) {
+        return FW::FW_PORT_PROTOCOL_TCP_UDP;
+    }
+    return tcp ? FW::FW_PORT_PROTOCOL_TCP : FW::FW_PORT_PROTOCOL_UDP;
+}
+
+void takeServices(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) {
+    Texts known;
+    for (const auto& [name, protocol] : vocabulary.services) {
+        known.push_back(name);
+    }
+    rule.portGroup = kPortServices;
+    const std::string& word = words.take("a service's name");
+    if (known.empty()) {
+        throw CommandFailed("the service catalogue is empty or cannot be read");
+    }
+    for (const std::string& name : entriesOf(word, "a service")) {
+        if (vocabulary.services.count(name) == 0) {
+            wrong(quoted(name) + " is not a service that the firewall knows" +
+                  didYouMean(nearest(name, known)));
+        }
+        if (std::find(rule.portList.begin(), rule.portList.end(), name) == rule.portList.end()) {
+            rule.portList.push_back(name);
+        }
+    }
+    rule.protocol = protocolOf(rule.portList, vocabulary);
+}
+
+/// What somebody may have meant who wrote `word` where a protocol is expected.
+std::string whatWasMeant(const std::string& word, const RuleVocabulary& vocabulary) {
+    if (vocabulary.services.count(word) > 0) {
+        return "service " + word;
+    }
+    const std::size_t slash = word.find('/');
+    if (slash != std::string::npos && kProtocols.count(word.substr(slash + 1)) > 0) {
+        return word.substr(slash + 1) + " " + word.substr(0, slash);  // "22/tcp"
+    }
+    if (portNumber(word.substr(0, word.find_first_of(",-")))) {
+        return "tcp " + word;
+    }
+    Texts known = {"service", "any", "from", "to"};
+    for (const auto& [name, protocol] : kProtocols) {
+        known.push_back(name);
+    }
+    return nearest(word, known);
+}
+
+void takeWhat(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) {
+    rule.portGroup = kPortAny;
+    if (words.done() || words.isSide()) {
+        return;
+    }
+    const std::string& word = words.take(kWhatWords);
+    if (word == "any" || word == "everything") {
+        return;
+    }
+    if (word == "service") {
+        takeServices(words, vocabulary, rule);
+        return;
+    }
+    const auto protocol = kProtocols.find(word);
+    if (protocol == kProtocols.end()) {
+        wrong(quoted(word) + " stands where one of " + kWhatWords + " is expected" +
+              didYouMean(whatWasMeant(word, vocabulary)));
+    }
+    rule.portGroup = kPortCustom;
+    rule.protocol = protocol->second;
+    if (rule.protocol <= FW::FW_PORT_PROTOCOL_TCP_UDP) {
+        takePorts(words, vocabulary, rule);
+    }
+}
+
+// ---- Addresses ----
+
+/// The family that an address belongs to, unless the options speak of the other one.
+std::int32_t familyOf(const Address& address, const std::string& word, const RuleOptions& options) {
+    if (address.is_v4() ? options.v6 : options.v4) {
+        wrong(quoted(word) + " is an " + (address.is_v4() ? "IPv4" : "IPv6") + " address: no " +
+              (options.v4 ? "--v4" : "--v6") + " with it");
+    }
+    return address.is_v4() ? kIpV4Only : kIpV6Only;
+}
+
+void useNetwork(const std::string& word, const RuleOptions& options, FW::FWRULE& rule) {
+    const std::size_t slash = word.find('/');
+    const std::string mask = word.substr(slash + 1);
+    const std::optional<AddressRange> network = networkFrom(word.substr(0, slash), mask);
+    if (!network) {
+        wrong(quoted(word) +
+              " is not a network such as 192.168.1.0/24, 192.168.1.0/255.255.255.0 "
+              "or 2001:db8::/64");
+    }
+    const int length = *prefixLengthFrom(mask, network->first.is_v6());
+    rule.ipGroup = kIpNetwork;
+    rule.ipType = familyOf(network->first, word, options);
+    rule.ipList = {spelled(network->first), std::to_string(length)};
+    if (network->first.is_v4()) {
+        rule.ipList[1] = spelled(networkFrom("255.255.255.255", std::to_string(length))->first);
+    }
+}
+
+void useRange(const std::string& word, const RuleOptions& options, FW::FWRULE& rule) {
+    const std::size_t dash = word.find('-');
+    const std::optional<Address> first = addressFrom(word.substr(0, dash));
+    const std::optional<Address> last = addressFrom(word.substr(dash + 1));
+    if (!first || !last || first->is_v4() != last->is_v4()) {
+        wrong(quoted(word) +
+              " is not a range of addresses of one family, such as 10.0.0.5-10.0.0.9");
+    }
+    if (*last < *first) {
+        wrong("the range of addresses " + quoted(word) + " runs backwards");
+    }
+    rule.ipGroup = kIpRange;
+    rule.ipType = familyOf(*first, word, options);
+    rule.ipList = {spelled(*first), spelled(*last)};
+}
+
+void useCountries(const std::string& word, const RuleOptions& options,
+                  const RuleVocabulary& vocabulary, FW::FWRULE& rule) {
+    Texts known;
+    if (!options.v6) {
+        known = vocabulary.countriesV4;
+    }
+    if (!options.v4) {
+        known.insert(known.end(), vocabulary.countriesV6.begin(), vocabulary.countriesV6.end());
+    }
+    const std::string family = options.v4 ? "IPv4 " : options.v6 ? "IPv6 " : "";
+    if (known.empty()) {
+        throw CommandFailed("there is no " + family +
+                            "country data on this machine: a rule for a country would match "
+                            "nobody");
+    }
+    for (const std::string& entry : entriesOf(word, "a country")) {
+        const std::string code = boost::to_upper_copy(entry);
+        if (std::find(known.begin(), known.end(), code) == known.end()) {
+            wrong(quoted(entry) + " is not a country with " + family +
+                  "data (two letters, such as " + known.front() + ")");
+        }
+        if (std::find(rule.ipList.begin(), rule.ipList.end(), code) == rule.ipList.end()) {
+            rule.ipList.push_back(code);
+        }
+    }
+    rule.ipGroup = kIpCountries;
+}
+
+void takeAddress(Words& words, const RuleOptions& options, const RuleVocabulary& vocabulary,
+                 FW::FWRULE& rule) {
+    constexpr char kExpected[] =
+        "an address, a network, a range, \"country\" with codes, or \"anywhere\"";
+    const std::string& word = words.take(kExpected);
+    if (word == "anywhere") {
+        return;
+    }
+    if (word == "country") {
+        useCountries(words.take("the codes of countries"), options, vocabulary, rule);
+    } else if (word.find('/') != std::string::npos) {
+        useNetwork(word, options, rule);
+    } else if (const std::optional<Address> address = addressFrom(word)) {
+        rule.ipGroup = kIpSingle;
+        rule.ipType = familyOf(*address, word, options);
+        rule.ipList = {spelled(*address)};
+    } else if (word.find('-') != std::string::npos) {
+        useRange(word, options, rule);
+    } else {
+        wrong(quoted(word) + " stands where " + kExpected + " is expected" +
+              didYouMean(nearest(word, {"anywhere", "country"})));
+    }
+}
+
+void takeSide(Words& words, const RuleOptions& options, const RuleVocabulary& vocabulary,
+              FW::FWRULE& rule) {
+    rule.ipGroup = kIpAny;
+    rule.ipType = options.v4 ? kIpV4Only : options.v6 ? kIpV6Only : kIpBoth;
+    if (words.done()) {
+        return;
+    }
+    const std::string& word = words.take("from or to");
+    if (word != "from" && word != "to") {
+        wrong(quoted(word) + " stands where from or to is expected" +
+              didYouMean(nearest(word, {"from", "to"})));
+    }
+    rule.ipDirect = word == "from" ? 1 : 0;
+    takeAddress(words, options, vocabulary, rule);
+    if (!words.done()) {
+        wrong(quoted(words.peek()) + " is one word too many: a rule ends with its address");
+    }
+}
+
+FW::FW_POLICY takePolicy(Words& words) {
+    const std::string& word = words.take("allow or deny");
+    if (word != "allow" && word != "deny") {
+        // Words that other tools have for it.
+        const bool drops = word == "block" || word == "drop" || word == "reject";
+        const std::string guess = drops              ? "deny"
+                                  : word == "accept" ? "allow"
+                                                     : nearest(word, {"allow", "deny"});
+        wrong(quoted(word) + " stands where allow or deny is expected" + didYouMean(guess));
+    }
+    return word == "allow" ? FW::FW_POLICY_ALLOW : FW::FW_POLICY_DENY;
+}
+
+}  // namespace
+
+FW::FWRULE ruleFrom(const std::vector<std::string>& words, const RuleOptions& options,
+                    const RuleVocabulary& vocabulary) {
+    FW::FWRULE rule;
+    Words remaining(words);
+    rule.policy = takePolicy(remaining);
+    takeWhat(remaining, vocabulary, rule);
+    takeSide(remaining, options, vocabulary, rule);
+    if (options.sourcePort && (rule.portGroup != kPortCustom || rule.portList.empty())) {
+        wrong("--source-port needs tcp or udp and ports, such as \"udp 123\"");
+    }
+    rule.portDirect = options.sourcePort ? 1 : 0;
+    rule.adapterDirect = options.out ? 0 : 1;
+    rule.blLog = options.log;
+    rule.enable = !options.disabled;
+    rule.name = options.name;
+    rule.labelList = options.labels;
+    return rule;
+}
+
+}  // namespace tarnfw
