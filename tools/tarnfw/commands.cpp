@@ -11,6 +11,7 @@ void addCommands(CLI::App& app) {
     addBlockedCommands(app);
     addInventoryCommands(app);
     addServiceCommands(app);
+    addRuleCommands(app);
     addBaseCommands(app);
 }
 

@@ -14,6 +14,8 @@ void addControlCommands(CLI::App& app);  ///< enable, disable, reload
 void addPreviewCommand(CLI::App& app);   ///< preview
 void addProfileCommands(CLI::App& app);  ///< profile list, show
 void addTryCommand(CLI::App& app);       ///< try
+void addProfileCommands(CLI::App& app);  ///< profile list, show, create, ..., edit
+void addRuleCommands(CLI::App& app);     ///< rule add, insert, ..., off; policy
 void addBaseCommands(CLI::App& app);     ///< base up, down, status
 void addControlCommands(CLI::App& app);    ///< status, enable, disable, reload
 void addPreviewCommand(CLI::App& app);     ///< preview

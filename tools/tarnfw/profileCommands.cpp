@@ -1,21 +1,51 @@
-/// tarnfw profile: list, show.
+/// tarnfw profile: list, create, copy, rename, delete, use; show and edit have their own sources.
+#include <fstream>
+#include <functional>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <json/json.h>
 
-#include "tarnfirewall/fwTypes.h"
+#include "tarnfirewall/tarnFW.h"
 
 #include "command.h"
 #include "commands.h"
 #include "output.h"
-#include "ruleText.h"
+#include "profileCommands.h"
+#include "profileDocument.h"
 #include "store.h"
 
 namespace tarnfw {
 namespace {
+
+/// The name as messages have it.
+std::string quoted(const std::string& name) {
+    return "\"" + printable(name) + "\"";
+}
+
+// ---- list ----
+
+/// A profile's entry. One that cannot be read is listed as well: its name is taken.
+Json::Value entryOf(const std::string& name, bool active) {
+    Json::Value entry;
+    entry["name"] = name;
+    entry["active"] = active;
+    entry["adapters"] = Json::nullValue;
+    entry["rules"] = Json::nullValue;
+    FW::FWPROFILE profile;
+    if (FW::TARNFW_PROFILE().profileGet(name, profile)) {
+        Json::UInt64 rules = 0;
+        for (const auto& [adapter, list] : profile.rules) {
+            rules += list.size();
+        }
+        entry["adapters"] = static_cast<Json::UInt64>(adaptersOf(profile).size());
+        entry["rules"] = rules;
+    }
+    return entry;
+}
 
 void list(bool json) {
     requireRoot();
@@ -27,10 +57,7 @@ void list(bool json) {
     if (json) {
         Json::Value document;
         for (const std::string& name : names) {
-            Json::Value entry;
-            entry["name"] = name;
-            entry["active"] = name == active;
-            document["profiles"].append(entry);
+            document["profiles"].append(entryOf(name, name == active));
         }
         printJson(document);
         return;
@@ -40,25 +67,106 @@ void list(bool json) {
     }
 }
 
-void show(const std::string& name) {
-    requireRoot();
-    FW::FWPROFILE profile = loadProfile(name);
-    std::cout << "Profile " << printable(profile.name)
-              << (profile.name == activeProfile() ? " (active)" : "") << '\n';
-    for (const std::string& adapter : adaptersOf(profile)) {
-        std::cout << '\n' << printable(adapter) << '\n';
-        int position = 0;
-        for (const FW::FWRULE& rule : profile.rules[adapter]) {
-            std::cout << "  " << ++position << ". " << printable(ruleText(rule)) << '\n';
-        }
-        const auto policy = profile.adapterPolicyMap.find(adapter);
-        if (policy != profile.adapterPolicyMap.end()) {
-            std::cout << "  otherwise: " << policyText(policy->second) << '\n';
-        }
+// ---- create, copy, rename, delete ----
+
+FW::FWPROFILE profileFrom(const std::string& path, const std::string& name) {
+    std::ifstream file(path, std::ios::in | std::ios::binary);
+    if (!file) {
+        throw CommandFailed("cannot read " + printable(path));
     }
+    std::string text;
+    try {
+        text.assign(std::istreambuf_iterator<char>(file), {});
+    } catch (const std::ios_base::failure&) {
+        throw CommandFailed("cannot read " + printable(path));  // a directory
+    }
+    ProfileDocument document(text, path);
+    document.setName(name);
+    const bool valid = document.check();
+    document.printFindings();
+    if (!valid) {
+        throw CommandFailed(printable(path) + " does not check: no profile was created",
+                            kExitUnchecked);
+    }
+    return document.profile();
 }
 
-void addListCommand(CLI::App& group) {
+void create(const std::string& name, const std::string& source) {
+    requireRoot();
+    const StoreLock lock;
+    requireNewName(name);
+    FW::FWPROFILE profile;
+    profile.name = name;
+    if (!source.empty()) {
+        profile = profileFrom(source, name);
+    }
+    storeProfile(profile);
+    std::cout << "Profile " << quoted(name) << " created"
+              << (source.empty() ? "; without rules it allows everything" : "") << '\n';
+}
+
+void copy(const std::string& oldName, const std::string& newName) {
+    requireRoot();
+    const StoreLock lock;
+    FW::FWPROFILE profile = loadProfile(oldName);
+    requireNewName(newName);
+    profile.name = newName;
+    storeProfile(profile);
+    std::cout << "Profile " << quoted(newName) << " created, a copy of " << quoted(oldName) << '\n';
+}
+
+void rename(const std::string& oldName, const std::string& newName) {
+    requireRoot();
+    const StoreLock lock;
+    requireProfile(oldName);
+    requireNewName(newName);
+    if (!FW::TARNFW_PROFILE().profileRename(oldName, newName)) {
+        throw CommandFailed("profile " + quoted(oldName) + " cannot be renamed");
+    }
+    std::cout << "Profile " << quoted(oldName) << " is called " << quoted(newName) << " now\n";
+}
+
+void remove(const std::string& name) {
+    requireRoot();
+    const StoreLock lock;
+    requireProfile(name);
+    if (name == activeProfile()) {
+        throw CommandFailed("profile " + quoted(name) +
+                            " is the active one; \"tarnfw profile use\" makes another one active");
+    }
+    FW::TARNFW_PROFILE profiles;
+    if (!profiles.profileDelete(name) || profiles.profileExist(name)) {
+        throw CommandFailed("profile " + quoted(name) + " is still there: " +
+                            printable(FW::TARNFW_JSON_DB().profilePathGet(name)));
+    }
+    std::cout << "Profile " << quoted(name) << " deleted\n";
+}
+
+// ---- use ----
+
+void use(const std::string& name, bool reload) {
+    requireRoot();
+    requireReloadable(reload);
+    {
+        const StoreLock lock;
+        requireProfile(name);
+        // A reload of what cannot be translated would leave the machine open.
+        FW::TARNFW firewall;
+        Json::Value commands;
+        if (!firewall.fwIptablesRulesEnum(name, commands, true)) {
+            throw CommandFailed("profile " + quoted(name) + " cannot be translated");
+        }
+        if (!firewall.fwProfileConfigSet(name, false)) {
+            throw CommandFailed("the settings cannot be written");
+        }
+    }
+    std::cout << "Profile " << quoted(name) << " is the active one now\n";
+    finishChange(name, reload);
+}
+
+// ---- Options ----
+
+void addList(CLI::App& group) {
     CLI::App* const command =
         group.add_subcommand("list", "Name the profiles; the active one has a star");
     const auto json = std::make_shared<bool>(false);
@@ -66,17 +174,71 @@ void addListCommand(CLI::App& group) {
     command->callback([json] { list(*json); });
 }
 
+void addName(CLI::App& command, std::string& name, const char* placeholder, const char* help) {
+    command.add_option(placeholder, name, help)->type_name("")->required();
+}
+
+void addCreate(CLI::App& group) {
+    struct Values {
+        std::string name;
+        std::string source;
+    };
+    CLI::App* const command =
+        group.add_subcommand("create", "Make a profile; without rules it allows everything");
+    const auto values = std::make_shared<Values>();
+    addName(*command, values->name, "NAME", "Its name");
+    command->add_option("--from", values->source, "A profile's document to make it from")
+        ->type_name("FILE");
+    command->callback([values] { create(values->name, values->source); });
+}
+
+using TwoNamesRun = void (*)(const std::string& oldName, const std::string& newName);
+
+void addForTwoNames(CLI::App& group, const char* name, const char* help, TwoNamesRun run) {
+    struct Values {
+        std::string oldName;
+        std::string newName;
+    };
+    CLI::App* const command = group.add_subcommand(name, help);
+    const auto values = std::make_shared<Values>();
+    addName(*command, values->oldName, "OLD", "The profile");
+    addName(*command, values->newName, "NEW", "The new name");
+    command->callback([values, run] { run(values->oldName, values->newName); });
+}
+
+void addDelete(CLI::App& group) {
+    CLI::App* const command =
+        group.add_subcommand("delete", "Delete a profile; the active one stays");
+    const auto name = std::make_shared<std::string>();
+    addName(*command, *name, "NAME", "The profile");
+    command->callback([name] { remove(*name); });
+}
+
+void addUse(CLI::App& group) {
+    struct Values {
+        std::string name;
+        bool reload = false;
+    };
+    CLI::App* const command = group.add_subcommand("use", "Make a profile the active one");
+    const auto values = std::make_shared<Values>();
+    addName(*command, values->name, "NAME", "The profile");
+    addReloadFlag(*command, values->reload);
+    command->callback([values] { use(values->name, values->reload); });
+}
+
 }  // namespace
 
 void addProfileCommands(CLI::App& app) {
     CLI::App* const profile = app.add_subcommand("profile", "The profiles on disk");
     profile->require_subcommand(1);
-    addListCommand(*profile);
-    CLI::App* const showCommand =
-        profile->add_subcommand("show", "Print a profile's rules in plain words");
-    const auto name = std::make_shared<std::string>();
-    showCommand->add_option("NAME", *name, "The profile")->required();
-    showCommand->callback([name] { show(*name); });
+    addList(*profile);
+    addProfileShowCommand(*profile);
+    addCreate(*profile);
+    addForTwoNames(*profile, "copy", "Make a profile with the rules of another", copy);
+    addForTwoNames(*profile, "rename", "Give a profile another name", rename);
+    addDelete(*profile);
+    addUse(*profile);
+    addProfileEditCommand(*profile);
 }
 
 }  // namespace tarnfw

@@ -1,5 +1,9 @@
 #include "ruleText.h"
 
+#include <optional>
+
+#include "addressRange.h"
+
 namespace tarnfw {
 namespace {
 
@@ -32,6 +36,41 @@ std::string protocolText(std::int32_t protocol) {
     }
 }
 
+std::string addressText(const FW::FWRULE& rule) {
+    const std::string side = rule.ipDirect != 0 ? "from " : "to ";
+    switch (rule.ipGroup) {
+        case 0:
+            return side + at(rule.ipList, 0);
+        case 1:
+            return side + at(rule.ipList, 0) + "/" + at(rule.ipList, 1);
+        case 2:
+            return side + "nowhere";
+        case 3:
+            return side + "country " + joined(rule.ipList);
+        case 4:
+            return side + at(rule.ipList, 0) + "-" + at(rule.ipList, 1);
+        case 5:
+            return side + "anywhere";
+        default:
+            return side + "unknown ip group " + std::to_string(rule.ipGroup);
+    }
+}
+
+}  // namespace
+
+std::string policyText(FW::FW_POLICY policy) {
+    switch (policy) {
+        case FW::FW_POLICY_ALLOW:
+            return "allow";
+        case FW::FW_POLICY_DENY:
+            return "deny";
+        case FW::FW_POLICY_NONE:
+            return "no default";
+        default:
+            return "unknown policy " + std::to_string(policy);
+    }
+}
+
 std::string portText(const FW::FWRULE& rule) {
     switch (rule.portGroup) {
         case 0:
@@ -51,51 +90,28 @@ std::string portText(const FW::FWRULE& rule) {
     }
 }
 
-std::string addressText(const FW::FWRULE& rule) {
-    const std::string side = rule.ipDirect != 0 ? " from " : " to ";
-    switch (rule.ipGroup) {
-        case 0:
-            return side + at(rule.ipList, 0);
-        case 1:
-            return side + at(rule.ipList, 0) + "/" + at(rule.ipList, 1);
-        case 2:
-            return side + "nowhere";
-        case 3:
-            return side + "country " + joined(rule.ipList);
-        case 4:
-            return side + at(rule.ipList, 0) + "-" + at(rule.ipList, 1);
-        case 5:
-            return side + "anywhere";
-        default:
-            return side + "unknown ip group " + std::to_string(rule.ipGroup);
+std::string shortAddressText(const FW::FWRULE& rule) {
+    const std::optional<int> length = rule.ipGroup == 1 && rule.ipList.size() > 1
+                                          ? prefixLengthFrom(rule.ipList[1], /*ipv6=*/false)
+                                          : std::nullopt;
+    if (!length) {
+        return addressText(rule);
     }
+    FW::FWRULE brief = rule;
+    brief.ipList[1] = std::to_string(*length);
+    return addressText(brief);
 }
 
 std::string familyText(std::int32_t ipType) {
     switch (ipType) {
         case 0:
-            return " (IPv4)";
+            return "IPv4";
         case 1:
-            return " (IPv6)";
+            return "IPv6";
         case 2:
-            return "";
+            return "both";
         default:
-            return " (unknown address family " + std::to_string(ipType) + ")";
-    }
-}
-
-}  // namespace
-
-std::string policyText(FW::FW_POLICY policy) {
-    switch (policy) {
-        case FW::FW_POLICY_ALLOW:
-            return "allow";
-        case FW::FW_POLICY_DENY:
-            return "deny";
-        case FW::FW_POLICY_NONE:
-            return "no default";
-        default:
-            return "unknown policy " + std::to_string(policy);
+            return "unknown address family " + std::to_string(ipType);
     }
 }
 
@@ -112,14 +128,16 @@ Paint policyPaint(FW::FW_POLICY policy) {
 
 std::string ruleText(const FW::FWRULE& rule) {
     std::string text = rule.enable ? "" : "[off] ";
-    text += policyText(rule.policy) + " " + portText(rule) + addressText(rule);
+    text += policyText(rule.policy) + " " + portText(rule) + " " + addressText(rule);
     if (rule.adapterDirect == 0) {
         text += ", outgoing";
     }
     if (rule.blLog) {
         text += ", logged";
     }
-    text += familyText(rule.ipType);
+    if (rule.ipType != 2) {
+        text += " (" + familyText(rule.ipType) + ")";
+    }
     if (!rule.name.empty()) {
         text += "  \"" + rule.name + "\"";
     }

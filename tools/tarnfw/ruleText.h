@@ -1,6 +1,7 @@
 /// Rules in plain words.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "tarnfirewall/fwTypes.h"
@@ -14,6 +15,15 @@ std::string policyText(FW::FW_POLICY policy);
 
 /// Green for allow, red for deny, yellow for everything else.
 Paint policyPaint(FW::FW_POLICY policy);
+
+/// "tcp 22,6000-6010", "service ssh", "everything".
+std::string portText(const FW::FWRULE& rule);
+
+/// "from 192.168.1.0/24": IPv4 masks as lengths.
+std::string shortAddressText(const FW::FWRULE& rule);
+
+/// "IPv4", "IPv6", "both", or "unknown address family 3".
+std::string familyText(std::int32_t ipType);
 
 /// "deny tcp 22,6000-6010 from 192.168.1.0/255.255.255.0, logged (IPv4)".
 std::string ruleText(const FW::FWRULE& rule);

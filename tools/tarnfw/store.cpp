@@ -135,6 +135,29 @@ void reloadActive() {
     std::cout << "Profile \"" << printable(activeProfile()) << "\" applied\n";
 }
 
+void addReloadFlag(CLI::App& command, bool& reload) {
+    command.add_flag("--reload", reload, "Apply the active profile afterwards");
+}
+
+void requireReloadable(bool reload) {
+    if (reload && firewallEnabled()) {
+        requireBase();
+    }
+}
+
+void finishChange(const std::string& profile, bool reload) {
+    if (profile != activeProfile()) {
+        if (reload) {
+            std::cout << "Profile \"" << printable(profile)
+                      << "\" is not the active one: nothing to reload\n";
+        }
+    } else if (reload) {
+        reloadActive();
+    } else if (firewallEnabled()) {
+        std::cout << "the kernel still has the old rules; \"tarnfw reload\" applies them\n";
+    }
+}
+
 std::vector<std::string> adaptersOf(const FW::FWPROFILE& profile) {
     std::set<std::string> adapters;
     for (const auto& [adapter, rules] : profile.rules) {

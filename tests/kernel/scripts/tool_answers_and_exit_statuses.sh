@@ -8,14 +8,23 @@ source "$checkout/tests/kernel/answers.sh"
 # --- help, version, wrong usage --------------------------------------------------------------------
 
 commands=('base up' 'base down' 'base status' status enable disable reload preview try 'profile list'
-    'profile show')
+    'profile show' 'profile create' 'profile copy' 'profile rename' 'profile delete' 'profile use'
+    'profile edit' 'rule add' 'rule insert' 'rule set' 'rule move' 'rule delete' 'rule on' 'rule off'
+    policy)
+# What they do not work without.
+declare -A arguments=(['profile create']=new ['profile copy']='default new'
+    ['profile rename']='default new' ['profile delete']=deny_by_default
+    ['profile use']=deny_by_default ['rule add']='--adapter global deny any'
+    ['rule insert']='1 --adapter global deny any' ['rule set']='1 --adapter global deny any'
+    ['rule move']='1 2 --adapter global' ['rule delete']='1 --adapter global'
+    ['rule on']='1 --adapter global' ['rule off']='1 --adapter global' [policy]='eth0 deny')
 keep_listing before
 answers 0 --help
 silent
 for command in "${commands[@]}"; do
     says "^ *${command%% *} "
 done
-for command in "${commands[@]}" base profile; do
+for command in "${commands[@]}" base profile rule; do
     read -r -a words <<<"$command"
     answers 0 "${words[@]}" -h
     silent
@@ -30,8 +39,9 @@ step 'the version is one line of numbers' grep --quiet --line-regexp '[0-9]\+\(\
     "$out/answer"
 step 'which is all' [ "$(wc -l <"$out/answer")" = 1 ]
 
-for wrong in '' nonsense --nonsense base 'base sideways' 'base up more' profile 'profile show' \
-    'profile show one two' 'profile list more' 'status more' 'enable --fast' 'preview one two'; do
+for wrong in '' nonsense --nonsense base 'base sideways' 'base up more' profile \
+    'profile show one two' 'profile list more' 'status more' 'enable --fast' 'preview one two' rule \
+    'rule sideways' policy; do
     read -r -a words <<<"$wrong"
     answers 2 "${words[@]}"
     step 'nothing on standard output' [ ! -s "$out/answer" ]
@@ -141,19 +151,20 @@ step 'and loses it to another one' [ "$(LC_ALL=C sort "$out/answer")" = \
 
 answers 0 profile show deny_by_default
 silent
-step 'the rules in plain words' diff -u - "$out/answer" <<'END'
+prints <<'END'
 Profile deny_by_default (active)
 
+global
+  otherwise: as the adapter says
+
 eth0
-  1. allow service http,https from anywhere  "Web"
-  2. allow tcp 22 from 192.168.1.20 (IPv4)  "SSH from the admin station"
+  #  Action  What                Address            Family  Notes
+  1  allow   service http,https  from anywhere      both    "Web"
+  2  allow   tcp 22              from 192.168.1.20  IPv4    "SSH from the admin station"
   otherwise: deny
 
 eth1
   otherwise: allow
-
-global
-  otherwise: no default
 END
 answers 0 profile show default
 step 'the other one is not active' [ "$(head -n 1 "$out/answer")" = 'Profile default' ]
@@ -192,8 +203,7 @@ if "${ordinary[@]}" true 2>/dev/null; then
     }
     (cd -- "$kProfileDirectory" && sha256sum -- *) >/tmp/files
     for command in "${commands[@]}"; do
-        [[ $command != 'profile show' ]] || command+=' default'
-        read -r -a words <<<"$command"
+        read -r -a words <<<"$command ${arguments[$command]-}"
         answers 4 "${words[@]}"
         step 'nothing on standard output' [ ! -s "$out/answer" ]
         complains '^tarnfw: .*root'

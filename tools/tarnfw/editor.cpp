@@ -1,0 +1,146 @@
+#include "editor.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <system_error>
+
+#include "command.h"
+
+namespace fs = std::filesystem;
+
+namespace tarnfw {
+namespace {
+
+constexpr int kNotFound = 127;  // the shell's exit status for a command that it cannot find
+
+/// Signals that belong to the editor for as long as this exists.
+class SignalsIgnored {
+public:
+    SignalsIgnored() {
+        struct sigaction ignore {};
+        ignore.sa_handler = SIG_IGN;
+        for (std::size_t i = 0; i < kSignals.size(); ++i) {
+            (void)sigaction(kSignals[i], &ignore, &before_[i]);
+        }
+    }
+    ~SignalsIgnored() { restore(); }
+    SignalsIgnored(const SignalsIgnored&) = delete;
+    SignalsIgnored& operator=(const SignalsIgnored&) = delete;
+
+    void restore() const {
+        for (std::size_t i = 0; i < kSignals.size(); ++i) {
+            (void)sigaction(kSignals[i], &before_[i], nullptr);
+        }
+    }
+
+private:
+    static constexpr std::array<int, 2> kSignals = {SIGINT, SIGQUIT};
+    std::array<struct sigaction, kSignals.size()> before_{};
+};
+
+bool inPath(const std::string& program) {
+    const char* const path = std::getenv("PATH");
+    std::istringstream directories(path != nullptr ? path : "/usr/bin:/bin");
+    for (std::string directory; std::getline(directories, directory, ':');) {
+        if (access(directory.append("/").append(program).c_str(), X_OK) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// The command of the person's editor; empty when there is none.
+std::string editorCommand() {
+    for (const char* const variable : {"VISUAL", "EDITOR"}) {
+        const char* const command = std::getenv(variable);
+        if (command != nullptr && *command != '\0') {
+            return command;
+        }
+    }
+    for (const char* const program : {"editor", "vi"}) {
+        if (inPath(program)) {
+            return program;
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
+PrivateText::PrivateText(const std::string& name, const std::string& text) {
+    std::error_code error;
+    directory_ = fs::temp_directory_path(error) / "tarnfw.XXXXXX";
+    if (error || mkdtemp(directory_.data()) == nullptr) {
+        throw CommandFailed("cannot make a private directory for temporary files: " +
+                            (error ? error.message() : std::string(strerror(errno))));
+    }
+    path_ = directory_ + "/" + name;
+    std::ofstream file(path_, std::ios::out | std::ios::binary);
+    file << text;
+    file.close();
+    if (!file) {
+        throw CommandFailed("cannot write " + path_);
+    }
+}
+
+std::string PrivateText::read() const {
+    std::ifstream file(path_, std::ios::in | std::ios::binary);
+    if (!file) {
+        throw CommandFailed("cannot read " + path_);
+    }
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void PrivateText::remove() const {
+    std::error_code error;
+    (void)fs::remove_all(directory_, error);  // nothing depends on it
+}
+
+std::string runEditor(const std::string& path) {
+    const std::string command = editorCommand();
+    if (command.empty()) {
+        return "there is no editor; set EDITOR to one";
+    }
+    // Through a shell, because the variables may hold arguments: "code --wait".
+    const std::string line = command + " \"$@\"";
+    const SignalsIgnored ignored;
+    const pid_t editor = fork();
+    if (editor < 0) {
+        return std::string("no editor can be started: ") + strerror(errno);
+    }
+    if (editor == 0) {
+        ignored.restore();
+        (void)execl("/bin/sh", "sh", "-c", line.c_str(), "sh", path.c_str(), nullptr);
+        _exit(kNotFound);
+    }
+    int status = 0;
+    while (waitpid(editor, &status, 0) < 0) {
+        if (errno != EINTR) {
+            return std::string("the editor is lost: ") + strerror(errno);
+        }
+    }
+    if (WIFSIGNALED(status)) {
+        return "the editor \"" + command + "\" was ended by signal " +
+               std::to_string(WTERMSIG(status));
+    }
+    if (WEXITSTATUS(status) == kNotFound) {
+        return "the editor \"" + command + "\" cannot be found";
+    }
+    if (WEXITSTATUS(status) != 0) {
+        return "the editor \"" + command + "\" failed with exit status " +
+               std::to_string(WEXITSTATUS(status));
+    }
+    return {};
+}
+
+}  // namespace tarnfw

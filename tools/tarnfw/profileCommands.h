@@ -1,0 +1,11 @@
+/// The commands of "tarnfw profile" that have sources of their own.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+namespace tarnfw {
+
+void addProfileShowCommand(CLI::App& group);
+void addProfileEditCommand(CLI::App& group);
+
+}  // namespace tarnfw

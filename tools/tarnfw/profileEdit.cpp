@@ -1,0 +1,138 @@
+/// tarnfw profile edit: a profile's document in the person's editor.
+#include <unistd.h>
+
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tarnfirewall/fwDB.h"
+
+#include "command.h"
+#include "editor.h"
+#include "output.h"
+#include "profileCommands.h"
+#include "profileDocument.h"
+#include "store.h"
+
+namespace tarnfw {
+namespace {
+
+/// The text of a profile's file. Files are replaced as a whole, so this is one version of it.
+std::string storedText(const std::string& name) {
+    const std::string path = FW::TARNFW_JSON_DB().profilePathGet(name);
+    std::ifstream file(path, std::ios::in | std::ios::binary);
+    if (path.empty() || !file) {
+        throw CommandFailed("profile \"" + printable(name) + "\" cannot be read");
+    }
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// Ends the command without storing what was typed.
+[[noreturn]] void keep(const PrivateText& text, const std::string& why, ExitStatus status) {
+    throw CommandFailed(why + "; nothing was stored, the text is kept in " + text.path(), status);
+}
+
+bool editAgain(const PrivateText& text) {
+    if (isatty(STDIN_FILENO) != 1) {
+        return false;
+    }
+    std::cerr << "The text is in " << text.path() << ". Edit again? [Y/n] " << std::flush;
+    std::string answer;
+    return std::getline(std::cin, answer) &&
+           (answer.empty() || answer[0] == 'y' || answer[0] == 'Y');
+}
+
+/// One visit to the editor; nothing when the text is still `original`.
+std::optional<ProfileDocument> edited(const PrivateText& text, const std::string& original,
+                                      const std::string& name) {
+    const std::string failure = runEditor(text.path());
+    const bool changed = text.read() != original;
+    if (!failure.empty() && changed) {
+        keep(text, failure, kExitFailed);
+    }
+    if (!failure.empty()) {
+        text.remove();
+        throw CommandFailed(failure + "; nothing was changed");
+    }
+    if (!changed) {
+        return std::nullopt;
+    }
+    ProfileDocument document(text.read(), name);
+    document.requireName(name);
+    return document;
+}
+
+/// Stores the document in the place of the one that was `original`.
+void store(const ProfileDocument& document, const std::string& original) {
+    const StoreLock lock;
+    const std::string& name = document.profile().name;
+    if (storedText(name) != original) {
+        throw CommandFailed("profile \"" + printable(name) +
+                            "\" was changed by somebody else meanwhile");
+    }
+    storeProfile(document.profile());
+}
+
+/// Visits to the editor until the document checks; nothing when the text is left as it was.
+std::optional<ProfileDocument> validDocument(const PrivateText& text, const std::string& original,
+                                             const std::string& name) {
+    for (;;) {
+        std::optional<ProfileDocument> document = edited(text, original, name);
+        if (!document) {
+            return std::nullopt;
+        }
+        const bool valid = document->check();
+        document->printFindings();
+        if (valid) {
+            return document;
+        }
+        if (!editAgain(text)) {
+            keep(text, "profile \"" + printable(name) + "\" does not check", kExitUnchecked);
+        }
+    }
+}
+
+void edit(const std::string& wanted, bool reload) {
+    requireRoot();
+    requireReloadable(reload);
+    const std::string name = wanted.empty() ? activeProfile() : wanted;
+    requireProfile(name);
+    const std::string original = storedText(name);
+    const PrivateText text("profile.json", original);
+    const std::optional<ProfileDocument> document = validDocument(text, original, name);
+    if (!document) {
+        text.remove();
+        std::cout << "Profile \"" << printable(name) << "\" is unchanged\n";
+        return;
+    }
+    try {
+        store(*document, original);
+    } catch (const CommandFailed& failure) {
+        keep(text, failure.what(), failure.status());
+    }
+    text.remove();
+    std::cout << "Profile \"" << printable(name) << "\" stored\n";
+    finishChange(name, reload);
+}
+
+}  // namespace
+
+void addProfileEditCommand(CLI::App& group) {
+    struct Values {
+        std::string name;
+        bool reload = false;
+    };
+    CLI::App* const command = group.add_subcommand(
+        "edit", "Edit a profile's document; what does not check is not stored");
+    const auto values = std::make_shared<Values>();
+    command->add_option("NAME", values->name, "The profile; the active one when left out")
+        ->type_name("");
+    addReloadFlag(*command, values->reload);
+    command->footer("The editor is $VISUAL, $EDITOR, \"editor\" or \"vi\".");
+    command->callback([values] { edit(values->name, values->reload); });
+}
+
+}  // namespace tarnfw

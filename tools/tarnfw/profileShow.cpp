@@ -1,0 +1,125 @@
+/// tarnfw profile show: a profile's rules as tables.
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+#include <boost/algorithm/string/join.hpp>
+
+#include "tarnfirewall/fwDB.h"
+
+#include "command.h"
+#include "output.h"
+#include "profileCommands.h"
+#include "ruleText.h"
+#include "store.h"
+
+namespace tarnfw {
+namespace {
+
+bool isGlobal(const std::string& adapter) {
+    return adapter == "global";
+}
+
+Paint paintOf(FW::FW_POLICY policy) {
+    switch (policy) {
+        case FW::FW_POLICY_ALLOW:
+            return Paint::kGood;
+        case FW::FW_POLICY_DENY:
+            return Paint::kBad;
+        default:
+            return Paint::kDoubtful;
+    }
+}
+
+/// What is special about a rule, then its name and its labels.
+std::string notesOf(const FW::FWRULE& rule) {
+    std::vector<std::string> notes;
+    const auto addIf = [&](bool holds, const char* note) {
+        if (holds) {
+            notes.emplace_back(note);
+        }
+    };
+    addIf(!rule.enable, "off");
+    addIf(rule.adapterDirect == 0, "outgoing");
+    addIf(rule.blLog, "logged");
+    addIf(rule.portGroup == 2 && rule.ipGroup == 5, "reserved");
+    std::string text = boost::join(notes, ", ");
+    if (!rule.name.empty()) {
+        text.append(text.empty() ? "" : " ").append("\"").append(rule.name).append("\"");
+    }
+    for (const std::string& label : rule.labelList) {
+        text.append(text.empty() ? "" : " ").append("[").append(label).append("]");
+    }
+    return text;
+}
+
+void addRule(Table& table, std::size_t position, const FW::FWRULE& rule) {
+    const auto paint = [&](Paint usual) { return rule.enable ? usual : Paint::kFaint; };
+    table.addRow({{std::to_string(position), paint(Paint::kPlain)},
+                  {policyText(rule.policy), paint(paintOf(rule.policy))},
+                  {portText(rule), paint(Paint::kPlain)},
+                  {shortAddressText(rule), paint(Paint::kPlain)},
+                  {familyText(rule.ipType), paint(Paint::kPlain)},
+                  {notesOf(rule), paint(Paint::kPlain)}});
+}
+
+void printAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
+    std::cout << '\n' << painted(printable(adapter), Paint::kStrong) << '\n';
+    const auto rules = profile.rules.find(adapter);
+    if (rules != profile.rules.end() && !rules->second.empty()) {
+        Table table({"#", "Action", "What", "Address", "Family", "Notes"});
+        std::size_t position = 0;
+        for (const FW::FWRULE& rule : rules->second) {
+            addRule(table, ++position, rule);
+        }
+        table.print(2);
+    }
+    const auto policy = profile.adapterPolicyMap.find(adapter);
+    if (isGlobal(adapter)) {
+        std::cout << "  otherwise: as the adapter says\n";
+    } else if (policy != profile.adapterPolicyMap.end()) {
+        std::cout << "  otherwise: " << painted(policyText(policy->second), paintOf(policy->second))
+                  << '\n';
+    }
+}
+
+void show(const std::string& name, bool json) {
+    requireRoot();
+    const FW::FWPROFILE profile = loadProfile(name);
+    const bool active = profile.name == activeProfile();
+    if (json) {
+        Json::Value document;
+        FW::TARNFW_JSON_DB().profileToJson(profile, document);
+        document["active"] = active;
+        printJson(document);
+        return;
+    }
+    std::cout << "Profile " << printable(profile.name) << (active ? " (active)" : "") << '\n';
+    std::vector<std::string> adapters = adaptersOf(profile);
+    // As packets meet them.
+    (void)std::stable_partition(adapters.begin(), adapters.end(), isGlobal);
+    for (const std::string& adapter : adapters) {
+        printAdapter(profile, adapter);
+    }
+}
+
+}  // namespace
+
+void addProfileShowCommand(CLI::App& group) {
+    struct Values {
+        std::string name;
+        bool json = false;
+    };
+    CLI::App* const command =
+        group.add_subcommand("show", "Print a profile's rules in plain words");
+    const auto values = std::make_shared<Values>();
+    command->add_option("NAME", values->name, "The profile; the active one when left out")
+        ->type_name("");
+    addJsonFlag(*command, values->json);
+    command->callback([values] { show(values->name, values->json); });
+}
+
+}  // namespace tarnfw

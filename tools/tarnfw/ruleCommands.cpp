@@ -1,0 +1,440 @@
+/// tarnfw rule: add, insert, set, move, delete, on, off; and tarnfw policy.
+#include <algorithm>
+#include <functional>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <boost/algorithm/string/join.hpp>
+
+#include "tarncore.h"
+
+#include "tarnfirewall/fwGeoip.h"
+#include "tarnfirewall/tarnFW.h"
+
+#include "catalogue.h"
+#include "command.h"
+#include "commands.h"
+#include "output.h"
+#include "ruleSyntax.h"
+#include "ruleText.h"
+#include "store.h"
+
+namespace tarnfw {
+namespace {
+
+using Rules = std::vector<FW::FWRULE>;
+using Texts = std::vector<std::string>;
+
+constexpr char kCountryDirectory[] = "/usr/share/xt_geoip";
+constexpr char kGlobalAdapter[] = "global";
+constexpr char kPppoeInterface[] = "ppp0";
+
+constexpr char kWordsHelp[] =
+    "The words of a rule:\n"
+    "  allow|deny [WHAT] [from|to ADDRESS]\n"
+    "  WHAT     service NAME[,NAME...], tcp|udp|tcp/udp [PORT[,PORT...]], icmp, igmp,\n"
+    "           or any, which is meant when it is left out\n"
+    "  ADDRESS  192.168.1.20, 192.168.1.0/24, 10.0.0.5-10.0.0.9, country CN,RU,\n"
+    "           or anywhere, which is meant when it is left out\n"
+    "Examples:\n";
+
+constexpr char kReservedHelp[] =
+    "Rules that hold services which the system has reserved stay at the head of an adapter's\n"
+    "list and are the system's: a position ahead of them counts as the first one behind them.";
+
+/// The list that a command changes.
+struct Target {
+    std::string adapter;
+    std::string profile;  ///< empty: the active one
+    bool reload = false;
+};
+
+/// A command with the words of a rule.
+struct RuleCommand {
+    Target target;
+    RuleOptions options;
+    Texts words;
+    std::size_t position = 0;
+};
+
+// ---- Adapters ----
+
+/// The adapters that rules can be for: the machine's, the predefined ones, the profile's.
+Texts knownAdapters(const FW::FWPROFILE& profile) {
+    std::set<std::string> names;
+    if (!FW::TARNFW().fwAdapterEnum(names)) {
+        throw CommandFailed("the machine's adapters cannot be listed");
+    }
+    names.erase(kPppoeInterface);
+    names.insert(FW::FW_PREDEFINED_ADAPTERS.begin(), FW::FW_PREDEFINED_ADAPTERS.end());
+    const Texts used = adaptersOf(profile);
+    names.insert(used.begin(), used.end());
+    return {names.begin(), names.end()};
+}
+
+void requireAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
+    const Texts known = knownAdapters(profile);
+    if (std::find(known.begin(), known.end(), adapter) != known.end()) {
+        return;
+    }
+    if (adapter == kPppoeInterface) {
+        throw CommandFailed(
+            "rules of \"ppp0\" are never applied; those of \"pppoe\" are, to that connection");
+    }
+    throw CommandFailed("there is no adapter \"" + printable(adapter) +
+                        "\" (there is: " + printable(boost::join(known, ", ")) + ")");
+}
+
+// ---- Reserved rules ----
+
+bool isReserved(const FW::FWRULE& rule) {
+    return rule.portGroup == 2 && rule.ipGroup == 5;
+}
+
+/// How many rules at the head of the list are the system's.
+std::size_t reservedAtHead(const Rules& rules) {
+    return static_cast<std::size_t>(
+        std::distance(rules.begin(), std::find_if_not(rules.begin(), rules.end(), isReserved)));
+}
+
+// ---- Positions, as a person counts them: from 1 ----
+
+void requirePosition(const Rules& rules, std::size_t position, const Target& target) {
+    if (position < 1 || position > rules.size()) {
+        throw CommandFailed("there is no rule " + std::to_string(position) + ": " +
+                            printable(target.adapter) + " has " + counted(rules.size(), "rule"));
+    }
+}
+
+/// Refuses to change a rule that is the system's.
+void requireOwn(const Rules& rules, std::size_t position, const Target& target) {
+    requirePosition(rules, position, target);
+    if (isReserved(rules[position - 1])) {
+        throw CommandFailed("rule " + std::to_string(position) + " of " +
+                            printable(target.adapter) +
+                            " holds services that the system has reserved; \"tarnfw service "
+                            "release\" takes one out");
+    }
+}
+
+/// Where a rule goes that is wanted at `position` of `rules`.
+std::size_t freePosition(const Rules& rules, std::size_t position, const Target& target) {
+    if (position < 1 || position > rules.size() + 1) {
+        throw CommandFailed("there is no position " + std::to_string(position) + ": " +
+                            printable(target.adapter) + " has " + counted(rules.size(), "rule"));
+    }
+    return std::max(position, reservedAtHead(rules) + 1);
+}
+
+void insertAt(Rules& rules, std::size_t position, const FW::FWRULE& rule) {
+    rules.insert(std::next(rules.begin(), static_cast<std::ptrdiff_t>(position - 1)), rule);
+}
+
+void eraseAt(Rules& rules, std::size_t position) {
+    rules.erase(std::next(rules.begin(), static_cast<std::ptrdiff_t>(position - 1)));
+}
+
+// ---- Changing a list ----
+
+/// The rule as it now stands.
+std::string standing(const Rules& rules, std::size_t position, const Target& target) {
+    return std::string("Rule ")
+        .append(std::to_string(position))
+        .append(" of ")
+        .append(target.adapter)
+        .append(": ")
+        .append(ruleText(rules[position - 1]));
+}
+
+/// Reads the profile, lets `change` alter the adapter's list, and stores it. `change` returns what
+/// is to be said when it is stored; what it throws leaves the profile as it is.
+void changeRules(const Target& target, const std::function<Texts(Rules&)>& change) {
+    requireReloadable(target.reload);
+    std::string profileName;
+    {
+        const StoreLock lock;
+        FW::FWPROFILE profile = loadProfile(target.profile);
+        requireAdapter(profile, target.adapter);
+        profileName = profile.name;
+        const Texts said = change(profile.rules[target.adapter]);
+        storeProfile(profile);
+        for (const std::string& line : said) {
+            std::cout << printable(line) << '\n';
+        }
+    }
+    finishChange(profileName, target.reload);
+}
+
+Texts countries() {
+    Texts codes;
+    if (TLIBCFileExist(kCountryDirectory) == 1) {
+        (void)FW::FW_GEOIP().countryEnum(codes);  // logs for itself; then there are none
+    }
+    std::sort(codes.begin(), codes.end());
+    return codes;
+}
+
+RuleVocabulary vocabulary() {
+    RuleVocabulary known;
+    const Catalogue catalogue;
+    for (const auto& [name, service] : catalogue.services()) {
+        known.services[name] = service->dstProtocol;
+    }
+    const Texts codes = countries();
+    if (!codes.empty()) {
+        FW::FW_GEOIP geoip;
+        (void)geoip.geoipSanctify(codes, false, known.countriesV4);
+        (void)geoip.geoipSanctify(codes, true, known.countriesV6);
+    }
+    return known;
+}
+
+FW::FWRULE ruleOf(const RuleCommand& command) {
+    return ruleFrom(command.words, command.options, vocabulary());
+}
+
+// ---- Commands ----
+
+void add(const RuleCommand& command) {
+    requireRoot();
+    const FW::FWRULE rule = ruleOf(command);
+    changeRules(command.target, [&](Rules& rules) {
+        rules.push_back(rule);
+        return Texts{standing(rules, rules.size(), command.target)};
+    });
+}
+
+void insert(const RuleCommand& command) {
+    requireRoot();
+    const FW::FWRULE rule = ruleOf(command);
+    changeRules(command.target, [&](Rules& rules) {
+        const std::size_t position = freePosition(rules, command.position, command.target);
+        insertAt(rules, position, rule);
+        return Texts{standing(rules, position, command.target)};
+    });
+}
+
+void set(const RuleCommand& command) {
+    requireRoot();
+    const FW::FWRULE rule = ruleOf(command);
+    changeRules(command.target, [&](Rules& rules) {
+        requireOwn(rules, command.position, command.target);
+        rules[command.position - 1] = rule;
+        return Texts{standing(rules, command.position, command.target)};
+    });
+}
+
+void move(const Target& target, std::size_t from, std::size_t to) {
+    requireRoot();
+    changeRules(target, [&](Rules& rules) {
+        requireOwn(rules, from, target);
+        const FW::FWRULE rule = rules[from - 1];
+        requirePosition(rules, to, target);
+        eraseAt(rules, from);
+        const std::size_t position = freePosition(rules, to, target);
+        insertAt(rules, position, rule);
+        return Texts{standing(rules, position, target)};
+    });
+}
+
+void remove(const Target& target, const std::vector<std::size_t>& positions) {
+    requireRoot();
+    const std::set<std::size_t> ascending(positions.begin(), positions.end());
+    changeRules(target, [&](Rules& rules) {
+        Texts said;
+        for (const std::size_t position : ascending) {
+            requireOwn(rules, position, target);
+            said.push_back(std::string("Deleted: ").append(standing(rules, position, target)));
+        }
+        // From the end: the positions ahead of a rule stay as they are.
+        std::for_each(ascending.rbegin(), ascending.rend(),
+                      [&](std::size_t position) { eraseAt(rules, position); });
+        return said;
+    });
+}
+
+void switchRules(const Target& target, const std::vector<std::size_t>& positions, bool on) {
+    requireRoot();
+    const std::set<std::size_t> ascending(positions.begin(), positions.end());
+    changeRules(target, [&](Rules& rules) {
+        Texts said;
+        for (const std::size_t position : ascending) {
+            if (on) {
+                requirePosition(rules, position, target);
+            } else {
+                requireOwn(rules, position, target);
+            }
+            rules[position - 1].enable = on;
+            said.push_back(standing(rules, position, target));
+        }
+        return said;
+    });
+}
+
+void setPolicy(const Target& target, const std::string& word) {
+    requireRoot();
+    if (target.adapter == kGlobalAdapter) {
+        throw CommandFailed(
+            "\"global\" has no default policy: what its rules leave is decided by those of the "
+            "adapters; a last rule \"deny any\" decides for all of them");
+    }
+    requireReloadable(target.reload);
+    const FW::FW_POLICY policy = word == "allow"  ? FW::FW_POLICY_ALLOW
+                                 : word == "deny" ? FW::FW_POLICY_DENY
+                                                  : FW::FW_POLICY_NONE;
+    std::string profileName;
+    {
+        const StoreLock lock;
+        FW::FWPROFILE profile = loadProfile(target.profile);
+        requireAdapter(profile, target.adapter);
+        profileName = profile.name;
+        profile.adapterPolicyMap[target.adapter] = policy;
+        storeProfile(profile);
+    }
+    std::cout << "Default policy of " << printable(target.adapter) << ": " << policyText(policy)
+              << '\n';
+    finishChange(profileName, target.reload);
+}
+
+// ---- Options ----
+
+void addTarget(CLI::App& command, Target& target) {
+    command
+        .add_option("--adapter", target.adapter,
+                    "The adapter whose rules these are: an interface, or \"global\", \"pppoe\", "
+                    "\"vpn\"")
+        ->type_name("NAME")
+        ->required();
+    command.add_option("--profile", target.profile, "The profile; the active one when left out")
+        ->type_name("NAME");
+    addReloadFlag(command, target.reload);
+}
+
+void addRuleOptions(CLI::App& command, RuleOptions& options) {
+    CLI::Option* const v4 = command.add_flag("--v4", options.v4, "For IPv4 only");
+    command.add_flag("--v6", options.v6, "For IPv6 only")->excludes(v4);
+    command.add_flag("--source-port", options.sourcePort, "The ports are the sender's");
+    command.add_flag("--out", options.out, "For packets that leave through the adapter");
+    command.add_flag("--log", options.log, "Log matching packets as well");
+    command.add_flag("--disabled", options.disabled, "Store the rule switched off");
+    command.add_option("--name", options.name, "A name for the rule")->type_name("TEXT");
+    command.add_option("--label", options.labels, "A label; may be given more than once")
+        ->type_name("TEXT")
+        ->allow_extra_args(false);
+}
+
+CLI::Option* addPosition(CLI::App& command, const char* name, std::size_t& position,
+                         const char* help) {
+    return command.add_option(name, position, help)->type_name("")->required();
+}
+
+using RuleRun = void (*)(const RuleCommand&);
+
+/// A command that takes a whole rule; with a position when `positionHelp` is given.
+void addRuleWriter(CLI::App& group, const char* name, const char* help, const char* positionHelp,
+                   const std::string& examples, RuleRun run) {
+    CLI::App* const command = group.add_subcommand(name, help);
+    const auto values = std::make_shared<RuleCommand>();
+    if (positionHelp != nullptr) {
+        addPosition(*command, "POSITION", values->position, positionHelp);
+    }
+    command->add_option("WORDS", values->words, "The rule; see below")->type_name("");
+    addTarget(*command, values->target);
+    addRuleOptions(*command, values->options);
+    command->footer(kWordsHelp + examples);
+    command->callback([values, run] { run(*values); });
+}
+
+void addMove(CLI::App& group) {
+    struct Values {
+        Target target;
+        std::size_t from = 0;
+        std::size_t to = 0;
+    };
+    CLI::App* const command = group.add_subcommand("move", "Move a rule to another position");
+    const auto values = std::make_shared<Values>();
+    addPosition(*command, "FROM", values->from, "Its position now");
+    addPosition(*command, "TO", values->to, "Its position then");
+    addTarget(*command, values->target);
+    command->footer(kReservedHelp);
+    command->callback([values] { move(values->target, values->from, values->to); });
+}
+
+using PositionsRun = std::function<void(const Target&, const std::vector<std::size_t>&)>;
+
+void addForPositions(CLI::App& group, const char* name, const char* help, const PositionsRun& run) {
+    struct Values {
+        Target target;
+        std::vector<std::size_t> positions;
+    };
+    CLI::App* const command = group.add_subcommand(name, help);
+    const auto values = std::make_shared<Values>();
+    command->add_option("POSITION", values->positions, "Positions as \"profile show\" counts them")
+        ->type_name("")
+        ->required();
+    addTarget(*command, values->target);
+    command->callback([values, run] { run(values->target, values->positions); });
+}
+
+void addPolicyCommand(CLI::App& app) {
+    struct Values {
+        Target target;
+        std::string policy;
+    };
+    CLI::App* const command = app.add_subcommand(
+        "policy", "Say what becomes of packets of an adapter that no rule decides about");
+    const auto values = std::make_shared<Values>();
+    command->add_option("ADAPTER", values->target.adapter, "The adapter")
+        ->type_name("")
+        ->required();
+    command->add_option("POLICY", values->policy, "allow, deny, or none: no default")
+        ->type_name("")
+        ->required()
+        ->check(CLI::IsMember({"allow", "deny", "none"}));
+    command
+        ->add_option("--profile", values->target.profile,
+                     "The profile; the active one when left out")
+        ->type_name("NAME");
+    addReloadFlag(*command, values->target.reload);
+    command->footer("Example: tarnfw policy eth0 deny");
+    command->callback([values] { setPolicy(values->target, values->policy); });
+}
+
+}  // namespace
+
+void addRuleCommands(CLI::App& app) {
+    CLI::App* const rule = app.add_subcommand("rule", "Change the rules of a profile");
+    rule->require_subcommand(1);
+    rule->footer(kReservedHelp);
+    addRuleWriter(*rule, "add", "Add a rule behind the adapter's others", nullptr,
+                  "  tarnfw rule add --adapter eth0 allow tcp 22,80,6000-6010 from 192.168.1.0/24\n"
+                  "  tarnfw rule add --adapter eth0 allow service smb from 10.0.0.5-10.0.0.9\n"
+                  "  tarnfw rule add --adapter global deny from country CN,RU --log --name abroad",
+                  add);
+    addRuleWriter(*rule, "insert", "Put a rule in at a position; those from there on move back",
+                  "Its position, from 1",
+                  std::string("  tarnfw rule insert 1 --adapter eth0 deny from 203.0.113.9\n") +
+                      kReservedHelp,
+                  insert);
+    addRuleWriter(*rule, "set", "Put a whole new rule in the place of another",
+                  "The position of the other one",
+                  "  tarnfw rule set 3 --adapter eth0 allow udp 53 from 10.0.0.0/8", set);
+    addMove(*rule);
+    addForPositions(*rule, "delete", "Delete rules; the positions are those before", remove);
+    addForPositions(*rule, "on", "Switch rules on",
+                    [](const Target& target, const std::vector<std::size_t>& positions) {
+                        switchRules(target, positions, true);
+                    });
+    addForPositions(*rule, "off", "Switch rules off; they stay in the profile",
+                    [](const Target& target, const std::vector<std::size_t>& positions) {
+                        switchRules(target, positions, false);
+                    });
+    addPolicyCommand(app);
+}
+
+}  // namespace tarnfw
