@@ -43,3 +43,33 @@ silent() {
         fail 'a complaint where there should be none'
     }
 }
+
+# prints_json: the last answer is this JSON document, whatever its layout.
+prints_json() {
+    diff -u <(/usr/bin/python3 -m json.tool --sort-keys) \
+        <(/usr/bin/python3 -m json.tool --sort-keys "$out/answer") || fail 'not the document expected'
+}
+
+# keep_files NAME, same_files NAME: what is in the profile directory.
+keep_files() {
+    (cd -- "$kProfileDirectory" && sha256sum -- *) >"$out/$1.files"
+}
+
+same_files() {
+    keep_files now
+    diff -u "$out/$1.files" "$out/now.files"
+}
+
+# refused STATUS PATTERN ARGUMENT...: that status and a complaint like it, and no file has changed.
+refused() {
+    local status=$1 pattern=$2
+    shift 2
+    keep_files refused
+    answers "$status" "$@"
+    step 'nothing on standard output' [ ! -s "$out/answer" ]
+    grep --quiet -- "$pattern" "$out/complaint" || {
+        cat -- "$out/complaint"
+        fail "no complaint like: $pattern"
+    }
+    step 'no file has changed' same_files refused
+}

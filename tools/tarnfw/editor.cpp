@@ -21,7 +21,10 @@ namespace fs = std::filesystem;
 namespace tarnfw {
 namespace {
 
-constexpr int kNotFound = 127;  // the shell's exit status for a command that it cannot find
+// Exit statuses of the shell: for a command that it cannot find, and, with the signal's number
+// added, for one that a signal ended.
+constexpr int kNotFound = 127;
+constexpr int kSignalled = 128;
 
 /// Signals that belong to the editor for as long as this exists.
 class SignalsIgnored {
@@ -75,6 +78,20 @@ std::string editorCommand() {
     return {};
 }
 
+/// What is wrong about the shell's exit status; empty for 0.
+std::string failureOf(const std::string& command, int status) {
+    const std::string editor = "the editor \"" + command + "\" ";
+    if (status == 0) {
+        return {};
+    }
+    if (status == kNotFound) {
+        return editor + "cannot be found";
+    }
+    return status > kSignalled
+               ? editor + "was ended by signal " + std::to_string(status - kSignalled)
+               : editor + "failed with exit status " + std::to_string(status);
+}
+
 }  // namespace
 
 PrivateText::PrivateText(const std::string& name, const std::string& text) {
@@ -111,8 +128,9 @@ std::string runEditor(const std::string& path) {
     if (command.empty()) {
         return "there is no editor; set EDITOR to one";
     }
-    // Through a shell, because the variables may hold arguments: "code --wait".
-    const std::string line = command + " \"$@\"";
+    // Through a shell, because the variables may hold arguments: "code --wait". The trap, which
+    // does not reach the editor, keeps the shell waiting for one that does not mind a signal.
+    const std::string line = "trap : INT QUIT; " + command + " \"$@\"";
     const SignalsIgnored ignored;
     const pid_t editor = fork();
     if (editor < 0) {
@@ -129,18 +147,8 @@ std::string runEditor(const std::string& path) {
             return std::string("the editor is lost: ") + strerror(errno);
         }
     }
-    if (WIFSIGNALED(status)) {
-        return "the editor \"" + command + "\" was ended by signal " +
-               std::to_string(WTERMSIG(status));
-    }
-    if (WEXITSTATUS(status) == kNotFound) {
-        return "the editor \"" + command + "\" cannot be found";
-    }
-    if (WEXITSTATUS(status) != 0) {
-        return "the editor \"" + command + "\" failed with exit status " +
-               std::to_string(WEXITSTATUS(status));
-    }
-    return {};
+    return failureOf(command,
+                     WIFSIGNALED(status) ? kSignalled + WTERMSIG(status) : WEXITSTATUS(status));
 }
 
 }  // namespace tarnfw

@@ -1,0 +1,180 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# Profiles from the command line: listed, shown, created, copied, renamed, deleted, chosen.
+make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
+
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+file_of() {
+    grep --files-with-matches --fixed-strings "\"name\" : \"$1\"" "$kProfileDirectory"/*.json
+}
+
+setting() {
+    /usr/bin/python3 -c 'import json, sys; print(json.load(open(sys.argv[1]))[sys.argv[2]])' \
+        "$kSettings" "$1"
+}
+
+# --- without any profile ---------------------------------------------------------------------------
+
+mkdir -p -- "$kProfileDirectory"
+printf '{"status": false}\n' >"$kProfileDirectory/other.json"
+for words in 'create new' 'copy one two' 'rename one two' 'delete one' 'use one' 'show one' 'edit one'; do
+    read -r -a words <<<"$words"
+    refused 1 '^tarnfw: there are no profiles; "tarnfw base up" writes a first one$' profile "${words[@]}"
+done
+rm -- "$kProfileDirectory/other.json"
+step 'base up' tarnfw base up
+keep_listing base
+
+# --- create ----------------------------------------------------------------------------------------
+
+answers 0 profile create lab
+silent
+prints <<<'Profile "lab" created; without rules it allows everything'
+answers 0 profile show lab
+prints <<'END'
+Profile lab
+
+global
+  otherwise: as the adapter says
+END
+answers 0 profile show lab --json
+prints_json <<<'{"active": false, "adapterPolicyMap": {"global": 2}, "name": "lab", "rules": null}'
+
+refused 1 '^tarnfw: there is a profile "lab" already$' profile create lab
+refused 1 '^tarnfw: a profile cannot be called ""$' profile create ''
+refused 1 '^tarnfw: a profile cannot be called "\.test_lab"$' profile create .test_lab
+refused 2 '^tarnfw: NAME is required$' profile create
+
+example=$checkout/examples/lan-only.json
+answers 0 profile create 'two words' --from "$example"
+prints <<<'Profile "two words" created'
+step 'it is the document under another name' diff -u \
+    <(sed 's/"name" : "lan-only"/"name" : "two words"/' "$example") "$(file_of 'two words')"
+
+refused 1 '^tarnfw: cannot read /tmp/nowhere.json$' profile create new --from /tmp/nowhere.json
+refused 1 '^tarnfw: cannot read /tmp$' profile create new --from /tmp
+printf '{"name": "new",\n "rules": }\n' >/tmp/broken.json
+refused 3 '^tarnfw: /tmp/broken.json: Line 2, Column 11: ' profile create new --from /tmp/broken.json
+step 'and says what came of it' grep --quiet \
+    '^tarnfw: /tmp/broken.json does not check: no profile was created$' "$out/complaint"
+printf '[]\n' >/tmp/broken.json
+refused 3 '^tarnfw: /tmp/broken.json: ' profile create new --from /tmp/broken.json
+printf '{"name": "new", "name": "newer"}\n' >/tmp/broken.json
+refused 3 "^tarnfw: /tmp/broken.json: .*Duplicate key: 'name'" profile create new \
+    --from /tmp/broken.json
+sed 's/"ipGroup" : 1/"ipGroup" : "1"/' "$example" >/tmp/broken.json
+refused 3 '^tarnfw: /tmp/broken.json: ' profile create new --from /tmp/broken.json
+
+# --- list, show ------------------------------------------------------------------------------------
+
+answers 0 profile list
+silent
+prints <<'END'
+* default
+  lab
+  two words
+END
+answers 0 profile list --json
+prints_json <<'END'
+{"profiles": [{"name": "default", "active": true, "adapters": 1, "rules": 10},
+              {"name": "lab", "active": false, "adapters": 1, "rules": 0},
+              {"name": "two words", "active": false, "adapters": 2, "rules": 6}]}
+END
+# One that cannot be read has its name all the same.
+printf '{"name": "odd", "adapterPolicyMap": {"eth0": "deny"}, "rules": {}}\n' \
+    >"$kProfileDirectory/odd.json"
+answers 0 profile list --json
+says '"name" : "odd"'
+step 'with nothing known of it' [ "$(grep -c ' : null' "$out/answer")" = 2 ]
+refused 1 '^tarnfw: profile "odd" cannot be read$' profile show odd
+rm -- "$kProfileDirectory/odd.json"
+
+answers 0 profile show
+step 'the active one is shown without a name' [ "$(head -n 1 "$out/answer")" = \
+    'Profile default (active)' ]
+answers 0 profile show --json
+/usr/bin/python3 - "$(file_of default)" >/tmp/wanted.json <<'END'
+import json, sys
+document = json.load(open(sys.argv[1]))
+document["active"] = True
+print(json.dumps(document))
+END
+prints_json </tmp/wanted.json
+refused 1 '^tarnfw: there is no profile "nowhere" (there is: default, lab, two words)$' \
+    profile show nowhere
+
+# --- copy, rename ----------------------------------------------------------------------------------
+
+answers 0 profile copy 'two words' copied
+prints <<<'Profile "copied" created, a copy of "two words"'
+step 'it is the same under another name' diff -u \
+    <(sed 's/"name" : "two words"/"name" : "copied"/' "$(file_of 'two words')") "$(file_of copied)"
+refused 1 '^tarnfw: there is a profile "copied" already$' profile copy lab copied
+refused 1 '^tarnfw: there is no profile "nowhere" ' profile copy nowhere new
+refused 2 '^tarnfw: NEW is required$' profile copy lab
+
+answers 0 profile rename copied renamed
+prints <<<'Profile "copied" is called "renamed" now'
+step 'only the new name is left' [ "$(tarnfw profile list | tr '\n' ,)" = \
+    '* default,  lab,  renamed,  two words,' ]
+answers 0 profile rename default standard
+step 'the settings follow the active one' [ "$(setting profile)" = standard ]
+answers 0 profile rename standard default
+step 'and back' [ "$(setting profile)" = default ]
+refused 1 '^tarnfw: there is a profile "lab" already$' profile rename default lab
+refused 1 '^tarnfw: there is no profile "nowhere" ' profile rename nowhere new
+refused 1 '^tarnfw: a profile cannot be called ""$' profile rename lab ''
+
+# --- delete ----------------------------------------------------------------------------------------
+
+file=$(file_of renamed)
+answers 0 profile delete renamed
+prints <<<'Profile "renamed" deleted'
+step 'its file is gone' [ ! -e "$file" ]
+refused 1 '^tarnfw: profile "default" is the active one; "tarnfw profile use" makes another one ' \
+    profile delete default
+refused 1 '^tarnfw: there is no profile "renamed" ' profile delete renamed
+# The library removes the first of two files with one name; the other one is not silently left.
+cp -- "$(file_of lab)" "$kProfileDirectory/9999999999.json"
+answers 1 profile delete lab
+complains '^tarnfw: profile "lab" is still there: /usr/tarn/etc/firewall.d/9999999999.json$'
+answers 0 profile delete lab
+step 'both are gone' [ "$(tarnfw profile list | tr '\n' ,)" = '* default,  two words,' ]
+
+# --- use -------------------------------------------------------------------------------------------
+
+answers 0 profile create open
+answers 0 profile use open
+prints <<<'Profile "open" is the active one now'
+step 'the settings say so' [ "$(setting profile)" = open ]
+answers 0 profile use default --reload
+prints <<'END'
+Profile "default" is the active one now
+Firewall disabled: nothing to reload
+END
+step 'the filter is untouched' same_listing base
+
+step 'the firewall is enabled' tarnfw enable
+keep_listing default
+answers 0 profile use open
+prints <<'END'
+Profile "open" is the active one now
+the kernel still has the old rules; "tarnfw reload" applies them
+END
+step 'so it has' same_listing default
+answers 0 profile use open --reload
+says '^Profile "open" applied$'
+step 'now they are in the kernel' [ "$(listing v4 | grep -c -- '-j DROP')" = 0 ]
+answers 0 profile use default --reload
+step 'the others again' same_listing default
+refused 1 '^tarnfw: there is no profile "nowhere" ' profile use nowhere
+# A reload of it would leave the machine open.
+sed 's/"policy" : 0/"policy" : 7/; s/"lan-only"/"broken"/' "$example" >"$kProfileDirectory/broken.json"
+refused 1 '^tarnfw: profile "broken" cannot be translated$' profile use broken --reload
+step 'the rules are the same' same_listing default
+step 'default stays the active one' [ "$(setting profile)" = default ]
+# Without the base filter nothing would be applied: nothing is changed either.
+iptables -D INPUT -j INPUT_FIREWALL
+refused 1 'IPv4 lacks jumps INPUT -> INPUT_FIREWALL' profile use open --reload
+step 'default stays the active one' [ "$(setting profile)" = default ]

@@ -1,0 +1,286 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# Rules and default policies from the command line: what is stored, what is refused, and what a reload
+# makes of it.
+make_links <<'END'
+veth eth0 192.168.1.10/24 lan 192.168.1.20/24
+veth eth1 10.20.0.10/24 lan 10.20.0.20/24
+END
+
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+rule() {
+    answers 0 rule "$1" --adapter eth0 "${@:2}"
+}
+
+# rules_of ADAPTER: those of the profile, as a list of JSON objects.
+rules_of() {
+    tarnfw profile show lab --json |
+        /usr/bin/python3 -c 'import json, sys
+print(json.dumps((json.load(sys.stdin)["rules"] or {}).get(sys.argv[1])))' "$1"
+}
+
+# names_of ADAPTER: the names of its rules, in order.
+names_of() {
+    rules_of "$1" | /usr/bin/python3 -c 'import json, sys
+print(" ".join(rule["name"] for rule in json.load(sys.stdin)))'
+}
+
+step 'base up' tarnfw base up
+answers 0 profile create lab
+answers 0 profile use lab
+keep_listing base
+
+# --- add -------------------------------------------------------------------------------------------
+
+mkdir -p /usr/share/xt_geoip
+rm -rf -- /usr/share/xt_geoip/*
+refused 1 '^tarnfw: there is no country data on this machine' \
+    rule add --adapter eth0 deny from country CN
+for country in CN.iv4 RU.iv4 DE.iv4; do
+    printf '\1\2\3\4\5\6\7\10' >"/usr/share/xt_geoip/$country"
+done
+head -c 32 /dev/zero >/usr/share/xt_geoip/DE.iv6
+
+rule add allow tcp 22,80,6000-6010 from 192.168.1.0/24 --log --name office
+silent
+prints <<'END'
+Rule 1 of eth0: allow tcp 22,80,6000-6010 from 192.168.1.0/255.255.255.0, logged (IPv4)  "office"
+END
+rule add deny from country cn,RU --name abroad --label one --label 'two words'
+prints <<<'Rule 2 of eth0: deny everything from country CN,RU  "abroad"'
+rule add allow service smb from 10.0.0.5-10.0.0.9
+prints <<<'Rule 3 of eth0: allow service smb from 10.0.0.5-10.0.0.9 (IPv4)'
+rule add --disabled --out --source-port --v6 deny udp 123
+prints <<<'Rule 4 of eth0: [off] deny udp source port 123 from anywhere, outgoing (IPv6)'
+answers 0 rule add allow icmp to 2001:db8::/64 --adapter global
+prints <<<'Rule 1 of global: allow icmp to 2001:db8::/64 (IPv6)'
+answers 0 rule add --adapter vpn --profile lab allow
+prints <<<'Rule 1 of vpn: allow everything from anywhere'
+
+rules_of eth0 >"$out/answer"
+prints_json <<'END'
+[{"ruleIndex": 0, "enable": true, "adapterDirect": 1, "protocol": 1, "policy": 0, "blLog": true,
+  "name": "office", "table": "filter", "labelList": [],
+  "chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL"], "ipType": 0, "ipDirect": 1, "ipGroup": 1,
+  "ipList": ["192.168.1.0", "255.255.255.0"], "portDirect": 0, "portGroup": 1,
+  "portList": ["22", "80", "6000-6010"]},
+ {"ruleIndex": 1, "enable": true, "adapterDirect": 1, "protocol": 1, "policy": 1, "blLog": false,
+  "name": "abroad", "table": "filter", "labelList": ["one", "two words"],
+  "chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL"], "ipType": 2, "ipDirect": 1, "ipGroup": 3,
+  "ipList": ["CN", "RU"], "portDirect": 0, "portGroup": 3, "portList": []},
+ {"ruleIndex": 2, "enable": true, "adapterDirect": 1, "protocol": 1, "policy": 0, "blLog": false,
+  "name": "", "table": "filter", "labelList": [],
+  "chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL"], "ipType": 0, "ipDirect": 1, "ipGroup": 4,
+  "ipList": ["10.0.0.5", "10.0.0.9"], "portDirect": 0, "portGroup": 0, "portList": ["smb"]},
+ {"ruleIndex": 3, "enable": false, "adapterDirect": 0, "protocol": 2, "policy": 1, "blLog": false,
+  "name": "", "table": "filter", "labelList": [],
+  "chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL"], "ipType": 1, "ipDirect": 1, "ipGroup": 5,
+  "ipList": [], "portDirect": 1, "portGroup": 1, "portList": ["123"]}]
+END
+
+answers 0 policy eth0 deny
+prints <<<'Default policy of eth0: deny'
+answers 0 policy eth1 none
+prints <<<'Default policy of eth1: no default'
+answers 0 profile show
+silent
+prints <<'END'
+Profile lab (active)
+
+global
+  #  Action  What  Address           Family  Notes
+  1  allow   icmp  to 2001:db8::/64  IPv6
+  otherwise: as the adapter says
+
+eth0
+  #  Action  What                 Address                 Family  Notes
+  1  allow   tcp 22,80,6000-6010  from 192.168.1.0/24     IPv4    logged "office"
+  2  deny    everything           from country CN,RU      both    "abroad" [one] [two words]
+  3  allow   service smb          from 10.0.0.5-10.0.0.9  IPv4
+  4  deny    udp source port 123  from anywhere           IPv6    off, outgoing
+  otherwise: deny
+
+eth1
+  otherwise: no default
+
+vpn
+  #  Action  What        Address        Family  Notes
+  1  allow   everything  from anywhere  both
+  otherwise: allow
+END
+
+# --- wrong words -----------------------------------------------------------------------------------
+
+refused 2 '^tarnfw: "22" stands where .* did you mean "tcp 22"?$' rule add --adapter eth0 allow 22
+refused 2 '^tarnfw: "smbd" is not a service .* did you mean "smb"?$' \
+    rule add --adapter eth0 allow service smbd
+refused 2 '^tarnfw: "99999" is not a port (0-65535)' rule add --adapter eth0 allow tcp 99999
+refused 2 '^tarnfw: "XX" is not a country with data' rule add --adapter eth0 deny from country XX
+refused 2 '^tarnfw: "CN" is not a country with IPv6 data (two letters, such as DE)$' \
+    rule add --adapter eth0 deny from country CN --v6
+refused 2 '^tarnfw: "10.0.0.1" is an IPv4 address: no --v6 with it$' \
+    rule add --adapter eth0 deny from 10.0.0.1 --v6
+refused 2 '^tarnfw: a rule.s words are missing: expected allow or deny$' rule add --adapter eth0
+refused 2 '^tarnfw: .*--v[46] excludes --v[46]' rule add --adapter eth0 deny --v4 --v6
+refused 2 '^tarnfw: --adapter is required$' rule add allow tcp 22
+refused 2 '^tarnfw: ' rule insert --adapter eth0 deny any
+refused 2 '^tarnfw: ' rule delete --adapter eth0
+refused 2 '^tarnfw: ' rule delete first --adapter eth0
+refused 2 '^tarnfw: ' rule move 1 --adapter eth0
+refused 2 '^tarnfw: ' policy eth0
+refused 2 '^tarnfw: .*dany' policy eth0 dany
+refused 2 '^tarnfw: "tarnfw rule add" does not take "--lgo"$' rule add --adapter eth0 deny any --lgo
+step 'and names the right one' grep --quiet 'Did you mean "tarnfw rule add --log"?' "$out/complaint"
+
+# --- what is not there -----------------------------------------------------------------------------
+
+refused 1 '^tarnfw: there is no adapter "eht0" (there is: eth0, eth1, global, pppoe, vpn)$' \
+    rule add --adapter eht0 deny any
+refused 1 '^tarnfw: there is no adapter "eht0" ' policy eht0 deny
+refused 1 '^tarnfw: rules of "ppp0" are never applied' rule add --adapter ppp0 deny any
+refused 1 '^tarnfw: "global" has no default policy' policy global deny
+refused 1 '^tarnfw: there is no profile "nowhere" ' rule add --adapter eth0 --profile nowhere deny any
+for words in 'set 5 deny any' 'delete 5' 'delete 1 0' 'on 5' 'off 1 5' 'move 5 1' 'move 1 5' 'move 0 1'; do
+    read -r -a words <<<"$words"
+    refused 1 '^tarnfw: there is no rule [05]: eth0 has 4 rules$' rule "${words[@]}" --adapter eth0
+done
+refused 1 '^tarnfw: there is no position 6: eth0 has 4 rules$' \
+    rule insert 6 --adapter eth0 deny any
+refused 1 '^tarnfw: there is no position 0: eth0 has 4 rules$' \
+    rule insert 0 --adapter eth0 deny any
+refused 1 '^tarnfw: there is no rule 1: pppoe has 0 rules$' rule off 1 --adapter pppoe
+
+# --- insert, set, move, on, off, delete ------------------------------------------------------------
+
+rule delete 4 1 4 2 3
+prints <<'END'
+Deleted: Rule 1 of eth0: allow tcp 22,80,6000-6010 from 192.168.1.0/255.255.255.0, logged (IPv4)  "office"
+Deleted: Rule 2 of eth0: deny everything from country CN,RU  "abroad"
+Deleted: Rule 3 of eth0: allow service smb from 10.0.0.5-10.0.0.9 (IPv4)
+Deleted: Rule 4 of eth0: [off] deny udp source port 123 from anywhere, outgoing (IPv6)
+END
+step 'no rule is left' [ "$(rules_of eth0)" = null ]
+step 'the default policy is' grep --quiet '^  otherwise: deny$' <(tarnfw profile show)
+
+rule insert 1 allow tcp 1 --name one
+prints <<<'Rule 1 of eth0: allow tcp 1 from anywhere  "one"'
+rule insert 2 allow tcp 3 --name three
+rule insert 2 allow tcp 2 --name two
+prints <<<'Rule 2 of eth0: allow tcp 2 from anywhere  "two"'
+rule add allow tcp 4 --name four
+step 'each is in its place' [ "$(names_of eth0)" = 'one two three four' ]
+rule move 1 3
+prints <<<'Rule 3 of eth0: allow tcp 1 from anywhere  "one"'
+step 'the others have moved up' [ "$(names_of eth0)" = 'two three one four' ]
+rule move 4 1
+step 'or down' [ "$(names_of eth0)" = 'four two three one' ]
+rule move 2 2
+step 'or stay' [ "$(names_of eth0)" = 'four two three one' ]
+rule set 2 deny udp 2 --name other
+prints <<<'Rule 2 of eth0: deny udp 2 from anywhere  "other"'
+step 'one is another' [ "$(names_of eth0)" = 'four other three one' ]
+rule off 3 1
+prints <<'END'
+Rule 1 of eth0: [off] allow tcp 4 from anywhere  "four"
+Rule 3 of eth0: [off] allow tcp 3 from anywhere  "three"
+END
+rule on 1 2
+prints <<'END'
+Rule 1 of eth0: allow tcp 4 from anywhere  "four"
+Rule 2 of eth0: deny udp 2 from anywhere  "other"
+END
+rule delete 2 4
+step 'two are left' [ "$(names_of eth0)" = 'four three' ]
+
+# --- the system's own rules ------------------------------------------------------------------------
+
+# Two, as they stand after one service was allowed and then another one blocked.
+tarnfw profile show lab --json | /usr/bin/python3 -c 'import json, sys
+document = json.load(sys.stdin)
+del document["active"]
+for policy, service in (0, "ssh"), (1, "smb"):
+    rule = dict(document["rules"]["eth0"][0], name="Service", policy=policy, protocol=3,
+                portGroup=2, portList=[service])
+    document["rules"]["eth0"].insert(0, rule)
+for index, rule in enumerate(document["rules"]["eth0"]):
+    rule["ruleIndex"] = index
+print(json.dumps(document))' >/tmp/reserved.json
+answers 0 profile create reserved --from /tmp/reserved.json
+answers 0 profile show reserved
+says '^  1  deny    service smb  from anywhere  both    reserved "Service"$'
+says '^  2  allow   service ssh  from anywhere  both    reserved "Service"$'
+for words in 'set 1 deny any' 'delete 3 1' 'delete 2' 'off 2' 'move 1 3' 'move 2 2'; do
+    read -r -a words <<<"$words"
+    refused 1 '^tarnfw: rule [12] of eth0 holds services that the system has reserved' \
+        rule "${words[@]}" --adapter eth0 --profile reserved
+done
+for position in 1 2 3; do
+    answers 0 rule insert "$position" --adapter eth0 --profile reserved deny tcp "$position"
+    prints <<<"Rule 3 of eth0: deny tcp $position from anywhere"
+done
+answers 0 rule move 6 1 --adapter eth0 --profile reserved
+prints <<<'Rule 3 of eth0: allow tcp 4 from anywhere  "four"'
+answers 0 rule on 1 --adapter eth0 --profile reserved
+prints <<<'Rule 1 of eth0: deny service smb from anywhere  "Service"'
+
+# --- what a reload makes of it ---------------------------------------------------------------------
+
+answers 0 rule add --adapter eth0 allow tcp 22 --reload
+prints <<'END'
+Rule 3 of eth0: allow tcp 22 from anywhere
+Firewall disabled: nothing to reload
+END
+step 'the filter is untouched' same_listing base
+step 'the firewall is enabled' tarnfw enable
+keep_listing enabled
+step 'the default policy is in the kernel' iptables -C INPUT_FIREWALL -i eth0 -j DROP
+
+answers 0 rule add --adapter eth0 deny tcp 23,6000-6010 from 192.168.1.20 --log
+prints <<'END'
+Rule 4 of eth0: deny tcp 23,6000-6010 from 192.168.1.20, logged (IPv4)
+the kernel still has the old rules; "tarnfw reload" applies them
+END
+step 'so it has' same_listing enabled
+answers 0 rule insert 1 --adapter eth0 allow udp --v6 --reload
+prints <<'END'
+Rule 1 of eth0: allow udp 0-65535 from anywhere (IPv6)
+Profile "lab" applied
+END
+step 'both are in the kernel' iptables -C INPUT_FIREWALL -s 192.168.1.20 -i eth0 -p tcp \
+    -m multiport --dports 23,6000:6010 -j DROP
+step 'with the line that logs' iptables -C INPUT_FIREWALL -s 192.168.1.20 -i eth0 -p tcp \
+    -m multiport --dports 23,6000:6010 -j LOG
+step 'a rule for every port is one' ip6tables -C FORWARD_FIREWALL -i eth0 -p udp \
+    -m multiport --dports 0:65535 -j RETURN
+
+keep_listing applied
+answers 0 rule add --adapter eth0 --profile default deny any
+prints <<<'Rule 1 of eth0: deny everything from anywhere'
+answers 0 policy eth0 allow --profile default --reload
+prints <<'END'
+Default policy of eth0: allow
+Profile "default" is not the active one: nothing to reload
+END
+step 'another profile changes nothing here' same_listing applied
+answers 0 policy eth0 none --reload
+says '^Profile "lab" applied$'
+refuses 'the default policy has left the kernel' iptables -C INPUT_FIREWALL -i eth0 -j DROP
+
+# Without the base filter nothing would be applied: nothing is changed either.
+iptables -D INPUT -j INPUT_FIREWALL
+for words in 'rule delete 1 --adapter eth0' 'policy eth0 deny'; do
+    read -r -a words <<<"$words"
+    refused 1 'IPv4 lacks jumps INPUT -> INPUT_FIREWALL' "${words[@]}" --reload
+done
+
+# --- two at the same time --------------------------------------------------------------------------
+
+answers 0 profile create busy
+children=()
+for port in 1 2 3 4 5 6 7 8 9 10; do
+    tarnfw rule add --adapter eth0 --profile busy allow tcp "$port" >>"$out/busy" &
+    children+=("$!")
+done
+wait "${children[@]}"
+step 'none has undone another one' [ "$(tarnfw profile show busy | grep -c 'allow   tcp')" = 10 ]
