@@ -81,7 +81,7 @@ FW::FWPROFILE profileFrom(const std::string& path, const std::string& name) {
         throw CommandFailed("cannot read " + printable(path));  // a directory
     }
     ProfileDocument document(text, path);
-    document.setName(name);
+    document.becomeNew(name);
     const bool valid = document.check();
     document.printFindings();
     if (!valid) {
@@ -187,7 +187,9 @@ void addCreate(CLI::App& group) {
         group.add_subcommand("create", "Make a profile; without rules it allows everything");
     const auto values = std::make_shared<Values>();
     addName(*command, values->name, "NAME", "Its name");
-    command->add_option("--from", values->source, "A profile's document to make it from")
+    command
+        ->add_option("--from", values->source,
+                     "A profile's document to make it from; \"profile show --json\" prints one")
         ->type_name("FILE");
     command->callback([values] { create(values->name, values->source); });
 }

@@ -10,7 +10,9 @@
 
 #include "tarnfirewall/fwDB.h"
 
+#include "finding.h"
 #include "output.h"
+#include "profileCheck.h"
 
 namespace tarnfw {
 namespace {
@@ -59,7 +61,18 @@ void ProfileDocument::requireName(const std::string& name) {
     }
 }
 
+void ProfileDocument::becomeNew(const std::string& name) {
+    document_["name"] = name;
+    document_.removeMember("active");
+}
+
 bool ProfileDocument::check() {
+    if (!problems_.empty()) {
+        return false;
+    }
+    for (const Finding& finding : checkProfile(document_)) {
+        (finding.isError ? problems_ : remarks_).push_back(lineOf(label_, finding));
+    }
     if (!problems_.empty()) {
         return false;
     }

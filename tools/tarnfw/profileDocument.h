@@ -20,8 +20,9 @@ public:
     /// Makes another name than this one a problem.
     void requireName(const std::string& name);
 
-    /// Gives the document this name.
-    void setName(const std::string& name) { document_["name"] = name; }
+    /// Makes it the document of a new profile: gives it this name, and takes away what "profile
+    /// show --json" adds.
+    void becomeNew(const std::string& name);
 
     /// Checks the document, unless it has problems already. Returns whether it can be stored.
     bool check();

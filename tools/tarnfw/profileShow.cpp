@@ -13,6 +13,7 @@
 #include "command.h"
 #include "output.h"
 #include "profileCommands.h"
+#include "ruleCodes.h"
 #include "ruleText.h"
 #include "store.h"
 
@@ -20,7 +21,7 @@ namespace tarnfw {
 namespace {
 
 bool isGlobal(const std::string& adapter) {
-    return adapter == "global";
+    return adapter == kGlobalAdapter;
 }
 
 Paint paintOf(FW::FW_POLICY policy) {
@@ -45,7 +46,7 @@ std::string notesOf(const FW::FWRULE& rule) {
     addIf(!rule.enable, "off");
     addIf(rule.adapterDirect == 0, "outgoing");
     addIf(rule.blLog, "logged");
-    addIf(rule.portGroup == 2 && rule.ipGroup == 5, "reserved");
+    addIf(rule.portGroup == kPortServicesReserved && rule.ipGroup == kIpAny, "reserved");
     std::string text = boost::join(notes, ", ");
     if (!rule.name.empty()) {
         text.append(text.empty() ? "" : " ").append("\"").append(rule.name).append("\"");

@@ -20,6 +20,8 @@
 #include "command.h"
 #include "commands.h"
 #include "output.h"
+#include "ruleCodes.h"
+#include "ruleFindings.h"
 #include "ruleSyntax.h"
 #include "ruleText.h"
 #include "store.h"
@@ -31,8 +33,6 @@ using Rules = std::vector<FW::FWRULE>;
 using Texts = std::vector<std::string>;
 
 constexpr char kCountryDirectory[] = "/usr/share/xt_geoip";
-constexpr char kGlobalAdapter[] = "global";
-constexpr char kPppoeInterface[] = "ppp0";
 
 constexpr char kWordsHelp[] =
     "The words of a rule:\n"
@@ -70,7 +70,7 @@ Texts knownAdapters(const FW::FWPROFILE& profile) {
     if (!FW::TARNFW().fwAdapterEnum(names)) {
         throw CommandFailed("the machine's adapters cannot be listed");
     }
-    names.erase(kPppoeInterface);
+    names.erase(kPppoeUsualInterface);
     names.insert(FW::FW_PREDEFINED_ADAPTERS.begin(), FW::FW_PREDEFINED_ADAPTERS.end());
     const Texts used = adaptersOf(profile);
     names.insert(used.begin(), used.end());
@@ -82,7 +82,7 @@ void requireAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
     if (std::find(known.begin(), known.end(), adapter) != known.end()) {
         return;
     }
-    if (adapter == kPppoeInterface) {
+    if (adapter == kPppoeUsualInterface) {
         throw CommandFailed(
             "rules of \"ppp0\" are never applied; those of \"pppoe\" are, to that connection");
     }
@@ -93,7 +93,7 @@ void requireAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
 // ---- Reserved rules ----
 
 bool isReserved(const FW::FWRULE& rule) {
-    return rule.portGroup == 2 && rule.ipGroup == 5;
+    return rule.portGroup == kPortServicesReserved && rule.ipGroup == kIpAny;
 }
 
 /// How many rules at the head of the list are the system's.
@@ -151,9 +151,48 @@ std::string standing(const Rules& rules, std::size_t position, const Target& tar
         .append(ruleText(rules[position - 1]));
 }
 
-/// Reads the profile, lets `change` alter the adapter's list, and stores it. `change` returns what
-/// is to be said when it is stored; what it throws leaves the profile as it is.
-void changeRules(const Target& target, const std::function<Texts(Rules&)>& change) {
+/// What a change has done to a list.
+struct Outcome {
+    Texts said;                             ///< what to say when it is stored
+    std::vector<std::size_t> changed = {};  ///< positions of rules that are new or newly in use
+};
+
+Outcome changedAt(const Rules& rules, std::size_t position, const Target& target) {
+    return {{standing(rules, position, target)}, {position}};
+}
+
+/// What there is to say about the changed rules. Refuses those that would never work.
+Texts warningsOf(const FW::FWPROFILE& profile, const std::string& adapter,
+                 const std::vector<std::size_t>& positions) {
+    Texts warnings;
+    for (const std::size_t position : positions) {
+        for (const Finding& finding : ruleFindings(profile, adapter, position)) {
+            const std::string line = lineOf("tarnfw", finding);
+            if (finding.isError) {
+                throw CommandFailed(line.substr(line.find(' ') + 1), kExitUnchecked);
+            }
+            if (std::find(warnings.begin(), warnings.end(), line) == warnings.end()) {
+                warnings.push_back(line);
+            }
+        }
+    }
+    return warnings;
+}
+
+/// A rule put ahead of many can leave all of them nothing to decide.
+void print(const Texts& warnings) {
+    constexpr std::size_t kMost = 3;
+    for (std::size_t i = 0; i < std::min(warnings.size(), kMost); ++i) {
+        std::cerr << warnings[i] << '\n';
+    }
+    if (warnings.size() > kMost) {
+        std::cerr << "tarnfw: and " << counted(warnings.size() - kMost, "more warning") << '\n';
+    }
+}
+
+/// Reads the profile, lets `change` alter the adapter's list, and stores it. What is thrown on the
+/// way leaves the profile as it is.
+void changeRules(const Target& target, const std::function<Outcome(Rules&)>& change) {
     requireReloadable(target.reload);
     std::string profileName;
     {
@@ -161,11 +200,13 @@ void changeRules(const Target& target, const std::function<Texts(Rules&)>& chang
         FW::FWPROFILE profile = loadProfile(target.profile);
         requireAdapter(profile, target.adapter);
         profileName = profile.name;
-        const Texts said = change(profile.rules[target.adapter]);
+        const Outcome outcome = change(profile.rules[target.adapter]);
+        const Texts warnings = warningsOf(profile, target.adapter, outcome.changed);
         storeProfile(profile);
-        for (const std::string& line : said) {
+        for (const std::string& line : outcome.said) {
             std::cout << printable(line) << '\n';
         }
+        print(warnings);
     }
     finishChange(profileName, target.reload);
 }
@@ -205,7 +246,7 @@ void add(const RuleCommand& command) {
     const FW::FWRULE rule = ruleOf(command);
     changeRules(command.target, [&](Rules& rules) {
         rules.push_back(rule);
-        return Texts{standing(rules, rules.size(), command.target)};
+        return changedAt(rules, rules.size(), command.target);
     });
 }
 
@@ -215,7 +256,7 @@ void insert(const RuleCommand& command) {
     changeRules(command.target, [&](Rules& rules) {
         const std::size_t position = freePosition(rules, command.position, command.target);
         insertAt(rules, position, rule);
-        return Texts{standing(rules, position, command.target)};
+        return changedAt(rules, position, command.target);
     });
 }
 
@@ -225,7 +266,7 @@ void set(const RuleCommand& command) {
     changeRules(command.target, [&](Rules& rules) {
         requireOwn(rules, command.position, command.target);
         rules[command.position - 1] = rule;
-        return Texts{standing(rules, command.position, command.target)};
+        return changedAt(rules, command.position, command.target);
     });
 }
 
@@ -238,7 +279,7 @@ void move(const Target& target, std::size_t from, std::size_t to) {
         eraseAt(rules, from);
         const std::size_t position = freePosition(rules, to, target);
         insertAt(rules, position, rule);
-        return Texts{standing(rules, position, target)};
+        return changedAt(rules, position, target);
     });
 }
 
@@ -246,15 +287,16 @@ void remove(const Target& target, const std::vector<std::size_t>& positions) {
     requireRoot();
     const std::set<std::size_t> ascending(positions.begin(), positions.end());
     changeRules(target, [&](Rules& rules) {
-        Texts said;
+        Outcome outcome;
         for (const std::size_t position : ascending) {
             requireOwn(rules, position, target);
-            said.push_back(std::string("Deleted: ").append(standing(rules, position, target)));
+            outcome.said.push_back(
+                std::string("Deleted: ").append(standing(rules, position, target)));
         }
         // From the end: the positions ahead of a rule stay as they are.
         std::for_each(ascending.rbegin(), ascending.rend(),
                       [&](std::size_t position) { eraseAt(rules, position); });
-        return said;
+        return outcome;
     });
 }
 
@@ -262,17 +304,18 @@ void switchRules(const Target& target, const std::vector<std::size_t>& positions
     requireRoot();
     const std::set<std::size_t> ascending(positions.begin(), positions.end());
     changeRules(target, [&](Rules& rules) {
-        Texts said;
+        Outcome outcome;
         for (const std::size_t position : ascending) {
             if (on) {
                 requirePosition(rules, position, target);
+                outcome.changed.push_back(position);
             } else {
                 requireOwn(rules, position, target);
             }
             rules[position - 1].enable = on;
-            said.push_back(standing(rules, position, target));
+            outcome.said.push_back(standing(rules, position, target));
         }
-        return said;
+        return outcome;
     });
 }
 

@@ -16,25 +16,13 @@
 #include "addressRange.h"
 #include "command.h"
 #include "output.h"
+#include "ruleCodes.h"
 #include "usage.h"
 
 namespace tarnfw {
 namespace {
 
 using Texts = std::vector<std::string>;
-
-// The codes of a rule's fields; see FWRULE.
-constexpr std::int32_t kIpV4Only = 0;
-constexpr std::int32_t kIpV6Only = 1;
-constexpr std::int32_t kIpBoth = 2;
-constexpr std::int32_t kIpSingle = 0;
-constexpr std::int32_t kIpNetwork = 1;
-constexpr std::int32_t kIpCountries = 3;
-constexpr std::int32_t kIpRange = 4;
-constexpr std::int32_t kIpAny = 5;
-constexpr std::int32_t kPortServices = 0;
-constexpr std::int32_t kPortCustom = 1;
-constexpr std::int32_t kPortAny = 3;
 
 constexpr int kHighestPort = 65535;
 

@@ -242,6 +242,26 @@ TEST_P(RestTextTest, StandsAroundTheMatches) {
 
 INSTANTIATE_TEST_SUITE_P(All, RestTextTest, ValuesIn(kRests), caseName<RestCase>);
 
+TEST(ShortAddressTextTest, HasMasksOfIpv4AsLengths) {
+    FWRULE rule;
+    rule.ipGroup = 1;
+    rule.ipList = {"192.168.1.0", "255.255.255.0"};
+    EXPECT_EQ(tarnfw::shortAddressText(rule), "from 192.168.1.0/24");
+    rule.ipDirect = 0;
+    rule.ipList = {"10.0.0.0", "8"};
+    EXPECT_EQ(tarnfw::shortAddressText(rule), "to 10.0.0.0/8");
+    rule.ipList = {"2001:db8::", "64"};
+    EXPECT_EQ(tarnfw::shortAddressText(rule), "to 2001:db8::/64");
+    // What is no mask, and what only looks like one, stays as it is.
+    rule.ipList = {"10.0.0.0", "255.0.255.0"};
+    EXPECT_EQ(tarnfw::shortAddressText(rule), "to 10.0.0.0/255.0.255.0");
+    rule.ipList = {"10.0.0.0"};
+    EXPECT_EQ(tarnfw::shortAddressText(rule), "to 10.0.0.0/");
+    rule.ipGroup = 4;
+    rule.ipList = {"0.0.0.0", "255.255.255.0"};
+    EXPECT_EQ(tarnfw::shortAddressText(rule), "to 0.0.0.0-255.255.255.0");
+}
+
 // The example that the header gives.
 TEST(RuleTextTest, IsTheLineOfTheComment) {
     FWRULE rule;
