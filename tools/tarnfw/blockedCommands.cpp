@@ -244,7 +244,8 @@ void addExplain(CLI::App& app) {
         ->needs(from);
     command->footer(std::string(kFooter) +
                     "\nWith --from, rules are gone through as the kernel does; country rules count "
-                    "as in a kernel\nthat has the \"geoip\" match.\n"
+                    "as in a kernel\nthat has the \"geoip\" match. Where source port or --to would "
+                    "matter, \"unless\" says so.\n"
                     "Example: tarnfw explain --port tcp/20-25 --adapter eth0 --from 192.168.1.20");
     command->callback([options] {
         requireRoot();

@@ -120,8 +120,7 @@ void printDecisions(const Decider& decider, const std::vector<AdapterDecisions>&
         for (const auto& [protocol, decision] : adapter.decisions) {
             std::string reason = decider.reason(decision);
             for (const RulePlace& place : decision.unless) {
-                reason.append("; but by the source port or the address that it is for: ")
-                    .append(placeText(decider, place));
+                reason.append("; unless this fits: ").append(placeText(decider, place));
             }
             const FW::FW_POLICY verdict =
                 decision.denied ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW;
@@ -158,6 +157,9 @@ void explainSender(const BlockedOptions& options) {
     if (options.json) {
         Json::Value document = documentOf(options, questions, true, allowed);
         document["from"] = options.from;
+        if (!options.to.empty()) {
+            document["to"] = options.to;
+        }
         for (const AdapterDecisions& adapter : found) {
             Json::Value entry;
             entry["name"] = adapter.adapter;

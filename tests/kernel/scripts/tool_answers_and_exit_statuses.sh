@@ -10,21 +10,25 @@ source "$checkout/tests/kernel/answers.sh"
 commands=('base up' 'base down' 'base status' status enable disable reload preview try 'profile list'
     'profile show' 'profile create' 'profile copy' 'profile rename' 'profile delete' 'profile use'
     'profile edit' 'rule add' 'rule insert' 'rule set' 'rule move' 'rule delete' 'rule on' 'rule off'
-    policy)
+    policy blocked explain adapters services 'service reserve' 'service release' 'service update'
+    'adapter rename')
 # What they do not work without.
 declare -A arguments=(['profile create']=new ['profile copy']='default new'
     ['profile rename']='default new' ['profile delete']=deny_by_default
     ['profile use']=deny_by_default ['rule add']='--adapter global deny any'
     ['rule insert']='1 --adapter global deny any' ['rule set']='1 --adapter global deny any'
     ['rule move']='1 2 --adapter global' ['rule delete']='1 --adapter global'
-    ['rule on']='1 --adapter global' ['rule off']='1 --adapter global' [policy]='eth0 deny')
+    ['rule on']='1 --adapter global' ['rule off']='1 --adapter global' [policy]='eth0 deny'
+    [blocked]='--port tcp/22' [explain]='--port tcp/22'
+    ['service reserve']='ssh allow --adapter eth0' ['service release']=ssh
+    ['adapter rename']='eth0 eth1')
 keep_listing before
 answers 0 --help
 silent
 for command in "${commands[@]}"; do
     says "^ *${command%% *} "
 done
-for command in "${commands[@]}" base profile rule; do
+for command in "${commands[@]}" adapter base profile rule service; do
     read -r -a words <<<"$command"
     answers 0 "${words[@]}" -h
     silent
@@ -207,7 +211,8 @@ if "${ordinary[@]}" true 2>/dev/null; then
         answers 4 "${words[@]}"
         step 'nothing on standard output' [ ! -s "$out/answer" ]
         complains '^tarnfw: .*root'
-        answers 0 "${words[@]:0:2}" --help
+        read -r -a words <<<"$command"
+        answers 0 "${words[@]}" --help
     done
     answers 0 --help
     answers 0 --version

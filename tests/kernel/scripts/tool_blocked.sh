@@ -1,0 +1,281 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# "blocked" and "explain": the table of verdicts, the reasons, and the one rule that decides for a
+# sender, which real packets must meet.
+make_links <<'END'
+veth eth0 192.168.1.10/24 192.168.1.11/24 fd00::10/64 lan 192.168.1.20/24 192.168.1.21/24 192.168.1.30/24 192.168.1.41/24 fd00::20/64 fd00::21/64
+END
+
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+# prints_json: the last answer is this JSON document, whatever its layout.
+prints_json() {
+    diff -u <(/usr/bin/python3 -m json.tool --sort-keys) \
+        <(/usr/bin/python3 -m json.tool --sort-keys "$out/answer") || fail 'not the document expected'
+}
+
+# --- a firewall that is off ------------------------------------------------------------------------
+
+answers 0 base up
+answers 0 blocked --port tcp/22
+silent
+prints <<<'Firewall disabled: nothing is blocked'
+answers 0 explain --service ssh --from 192.168.1.20
+prints <<<'Firewall disabled: nothing is blocked'
+answers 0 blocked --service ssh --json
+prints_json <<'END'
+{"enabled": false, "profile": "default", "service": "ssh", "ports": ["tcp/22"], "adapters": [],
+ "allowed": true}
+END
+answers 1 blocked --port tcp/22 --adapter eht0
+complains '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (there is: eth0, global, pppoe, vpn)$'
+
+# --- verdicts and their reasons --------------------------------------------------------------------
+
+use_profile deny_by_default
+answers 0 enable
+keep_listing enabled
+
+answers 10 blocked --port tcp/22
+silent
+prints <<'END'
+Profile "deny_by_default", tcp/22
+ADAPTER  VERDICT
+global   undecided  left to the adapters
+eth0     mixed      allowed from some addresses, blocked from others
+eth1     allowed    absent now
+END
+answers 10 blocked --port tcp/22 --json
+prints_json <<'END'
+{"enabled": true, "profile": "deny_by_default", "ports": ["tcp/22"], "allowed": false,
+ "adapters": [{"name": "global", "verdict": "undecided"}, {"name": "eth0", "verdict": "mixed"},
+              {"name": "eth1", "verdict": "allowed"}]}
+END
+answers 0 blocked --service https --adapter eth0
+prints <<'END'
+Profile "deny_by_default", service https (tcp/443)
+ADAPTER  VERDICT
+global   undecided  left to the adapters
+eth0     allowed
+END
+answers 10 blocked --port tcp/443-444 --adapter eth0
+says '^eth0  *blocked$'
+answers 10 blocked --port tcp+udp/443 --adapter eth0
+says '^Profile "deny_by_default", both/443$'
+says '^eth0  *blocked$'
+# The machine has it, the profile knows nothing of it.
+ip tuntap add eth9 mode tun
+answers 0 blocked --port udp/5000-5010 --adapter eth9
+says '^eth9  *allowed$'
+ip tuntap del eth9 mode tun
+
+answers 10 explain --port tcp/22
+silent
+prints <<'END'
+Profile "deny_by_default", tcp/22
+
+global: undecided
+  begins with nothing  undecided
+
+eth0: mixed
+  begins with the default policy: deny                                         blocked
+  rule 2: allow tcp 22 from 192.168.1.20 (IPv4)  "SSH from the admin station"  allowed for some addresses
+  at the end, some addresses and not all                                       mixed
+
+eth1: allowed
+  begins with the default policy: allow  allowed
+END
+answers 0 explain --service https --adapter eth0 --json
+prints_json <<'END'
+{"enabled": true, "profile": "deny_by_default", "service": "https", "ports": ["tcp/443"],
+ "allowed": true,
+ "adapters": [
+   {"name": "global", "verdict": "undecided",
+    "ports": [{"port": "tcp/443", "verdict": "undecided",
+               "steps": [{"kind": "global", "before": "allowed", "after": "undecided"}]}]},
+   {"name": "eth0", "verdict": "allowed",
+    "ports": [{"port": "tcp/443", "verdict": "allowed",
+               "steps": [{"kind": "default", "before": "allowed", "after": "blocked"},
+                         {"kind": "rule", "list": "eth0", "position": 1, "last": true,
+                          "rule": "allow service http,https from anywhere  \"Web\"",
+                          "before": "blocked", "after": "allowed"}]}]}]}
+END
+
+# The rules of "global" decide for every adapter; a service has several ports.
+use_profile global_rules_first
+answers 0 enable
+answers 10 explain --port tcp/8080 --adapter eth0
+prints <<'END'
+Profile "global_rules_first", tcp/8080
+
+global: blocked
+  begins with nothing                                       undecided
+  rule 1: deny tcp 8080 from anywhere  "Closed everywhere"  blocked; later rules do not count
+
+eth0: blocked
+  begins with the default policy: deny  blocked
+  the rules of global have decided      blocked
+END
+answers 10 explain --service smb --adapter eth0
+says '^  tcp/139  *blocked$'
+says '^  tcp/445  *blocked$'
+answers 10 blocked --port tcp/8080
+says '^global  *blocked  *for every adapter$'
+
+# --- questions that are none -----------------------------------------------------------------------
+
+answers 1 blocked --service shh
+complains '^tarnfw: there is no service "shh"; did you mean "ssh"?'
+answers 1 explain --port tcp/22 --adapter eht0
+complains '^tarnfw: there is no adapter "eht0"; did you mean "eth0"?'
+mkdir -p /usr/tarn/etc/services.d
+printf '[{"name": "hidden", "dst": {"protocol": "tcp", "ports": [1]}}, {"name": "bare", "title": "Bare"}]' \
+    >/usr/tarn/etc/services.d/test.json
+answers 1 blocked --service hidden
+complains 'keeps service "hidden" out of the firewall'
+answers 1 blocked --service bare
+complains '^tarnfw: service "bare" has no ports$'
+rm -- /usr/tarn/etc/services.d/test.json
+for wrong in '' '--port' '--port 22' '--port tcp/99999' '--port tcp/20-10' '--port icmp/0' \
+    '--port tcp/22 --service ssh' '--port tcp/22 more'; do
+    read -r -a words <<<"$wrong"
+    for command in blocked explain; do
+        answers 2 "$command" "${words[@]}"
+        step 'nothing on standard output' [ ! -s "$out/answer" ]
+    done
+done
+answers 2 blocked --port tcp/22 --from 192.168.1.20
+answers 2 explain --port tcp/22 --from 192.168.1
+answers 2 explain --port tcp/22 --to 192.168.1.10
+answers 2 explain --port tcp/22 --from 192.168.1.20 --to fd00::10
+
+# --- what decides for a sender, and what its packets meet ------------------------------------------
+
+# Rules of many kinds; the reader takes what is missing as 0, false or empty.
+/usr/bin/python3 - >"$kProfileDirectory/mixture.json" <<'END'
+import json
+
+def rule(policy, **fields):
+    made = {"enable": True, "adapterDirect": 1, "policy": policy, "table": "filter", "ipType": 2,
+            "ipDirect": 1, "ipGroup": 5, "ipList": [], "portDirect": 0, "portGroup": 1,
+            "protocol": 1, "portList": []}
+    made.update(fields)
+    return made
+
+print(json.dumps({
+    "name": "mixture",
+    "adapterPolicyMap": {"global": 2, "eth0": 1},
+    "rules": {
+        "global": [
+            rule(1, portList=["7001"], ipGroup=0, ipList=["192.168.1.21"], ipType=0),
+            rule(0, portList=["7001-7002"], adapterDirect=0),
+        ],
+        "eth0": [
+            rule(0, portList=["7003"], enable=False),
+            rule(0, portList=["7003"], adapterDirect=0),
+            rule(0, portList=["7004", "7006-7008"], protocol=3, ipGroup=4, ipType=0,
+                 ipList=["192.168.1.15", "192.168.1.25"]),
+            rule(1, portList=["7005-7009"], ipGroup=1, ipType=0,
+                 ipList=["192.0.1.20", "255.0.255.255"]),
+            rule(0, portList=["7005-7009"], ipGroup=1, ipType=0, ipList=["192.0.1.1", "255.0.255.1"]),
+            rule(0, portList=["7010"], ipDirect=0, ipGroup=0, ipType=0, ipList=["192.168.1.11"]),
+            rule(0, portList=["ssh"], portGroup=0),
+            rule(1, portGroup=3, ipGroup=1, ipType=1, ipList=["fd00::20", "128"]),
+            rule(0, portList=["7011"], ipGroup=1, ipType=1, ipList=["fd00::", "64"]),
+            rule(0, portList=["7012", "99999"]),
+        ],
+    },
+}))
+END
+activate mixture
+tarnfw enable 2>"$out/complaint"
+
+ports=(22 7001 7002 7003 7004 7005 7006 7007 7008 7009 7010 7011 7012)
+serve "${ports[@]/#/tcp/}" udp/7004 udp/7006 udp/7010
+: >"$out/packets"
+
+# decide PROTOCOL PORT SOURCE DESTINATION: writes the probe, with the outcome that "explain" tells.
+decide() {
+    local family=4 status=0 outcome
+    [[ $3 != *:* ]] || family=6
+    tarnfw explain --port "$1/$2" --adapter eth0 --from "$3" --to "$4" >"$out/answer" || status=$?
+    case $status in
+    0) outcome=open ;;
+    10) outcome=blocked ;;
+    *) fail "explain ends with $status" ;;
+    esac
+    printf '%s%s %s %s %s %s\n' "$1" "$family" "$4" "$2" "$outcome" "$3" >>"$out/packets"
+}
+
+for port in "${ports[@]}"; do
+    for source in 20 21 30 41; do
+        decide tcp "$port" "192.168.1.$source" 192.168.1.10
+    done
+    for source in 20 21; do
+        decide tcp "$port" "fd00::$source" fd00::10
+    done
+done
+for port in 7004 7006 7010; do
+    decide udp "$port" 192.168.1.20 192.168.1.10
+    decide udp "$port" 192.168.1.30 192.168.1.10
+done
+decide tcp 7010 192.168.1.20 192.168.1.11
+for outcome in open blocked; do
+    step "some are $outcome" grep --quiet " $outcome " "$out/packets"
+done
+sort "$out/packets"
+step 'packets meet what was told' check_packets <"$out/packets"
+
+# One answer for the whole range, cut where the rules' ports begin and end.
+answers 10 explain --port tcp/7001-7010 --adapter eth0 --from 192.168.1.20
+silent
+prints <<'END'
+Profile "mixture", tcp/7001-7010
+ADAPTER  PORT           VERDICT  DECIDED BY
+eth0     tcp/7001-7002  allowed  rule 2 of global: allow tcp 7001-7002 from anywhere, outgoing
+eth0     tcp/7003       blocked  the default policy of eth0: deny
+eth0     tcp/7004       allowed  rule 3 of eth0: allow tcp/udp 7004,7006-7008 from 192.168.1.15-192.168.1.25 (IPv4)
+eth0     tcp/7005       blocked  rule 4 of eth0: deny tcp 7005-7009 from 192.0.1.20/255.0.255.255 (IPv4)
+eth0     tcp/7006-7008  allowed  rule 3 of eth0: allow tcp/udp 7004,7006-7008 from 192.168.1.15-192.168.1.25 (IPv4)
+eth0     tcp/7009       blocked  rule 4 of eth0: deny tcp 7005-7009 from 192.0.1.20/255.0.255.255 (IPv4)
+eth0     tcp/7010       blocked  the default policy of eth0: deny; unless this fits: rule 6 of eth0: allow tcp 7010 to 192.168.1.11 (IPv4)
+END
+answers 10 explain --port both/7010 --from 192.168.1.20 --json
+prints_json <<'END'
+{"enabled": true, "profile": "mixture", "ports": ["both/7010"], "from": "192.168.1.20",
+ "allowed": false,
+ "adapters": [
+   {"name": "eth0",
+    "decisions": [
+      {"port": "tcp/7010", "by": "defaultPolicy", "list": "eth0", "allowed": false,
+       "unless": [{"list": "eth0", "position": 6,
+                   "rule": "allow tcp 7010 to 192.168.1.11 (IPv4)"}]},
+      {"port": "udp/7010", "by": "defaultPolicy", "list": "eth0", "allowed": false,
+       "unless": []}]}]}
+END
+answers 0 explain --port tcp/7010 --from 192.168.1.20 --to 192.168.1.11 --json
+prints_json <<'END'
+{"enabled": true, "profile": "mixture", "ports": ["tcp/7010"], "from": "192.168.1.20",
+ "to": "192.168.1.11", "allowed": true,
+ "adapters": [
+   {"name": "eth0",
+    "decisions": [
+      {"port": "tcp/7010", "by": "rule", "list": "eth0", "position": 6, "allowed": true,
+       "rule": "allow tcp 7010 to 192.168.1.11 (IPv4)", "unless": []}]}]}
+END
+answers 0 explain --service ssh --from fd00::21 --adapter eth0
+says '^eth0  *tcp/22  *allowed  *rule 7 of eth0: allow service ssh from anywhere$'
+
+# --- nothing of all this changes anything ----------------------------------------------------------
+
+keep_listing asked
+(cd -- "$kProfileDirectory" && sha256sum -- *) >/tmp/files
+for question in '--port tcp/22' '--service ssh --json' '--port both/7000-7020'; do
+    read -r -a words <<<"$question"
+    for command in blocked explain 'explain --from 192.168.1.20'; do
+        # shellcheck disable=SC2086  # it is several words
+        tarnfw $command "${words[@]}" >"$out/answer" || (($? == 10))
+    done
+done
+step 'the filter is untouched' same_listing asked
+step 'no file was written' diff -u /tmp/files <(cd -- "$kProfileDirectory" && sha256sum -- *)

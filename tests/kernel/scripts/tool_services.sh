@@ -1,0 +1,285 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# "adapters" and "services", and what changes every profile: "service reserve", "release", "update",
+# "adapter rename".
+make_links <<'END'
+veth eth0 192.168.1.10/24 fd00::10/64 lan 192.168.1.20/24
+tun tun0 10.9.0.1/24
+END
+# Made from the link's own number, so another one each time.
+ip -6 address flush dev eth0 scope link
+ip -6 address flush dev tun0 scope link
+
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+# prints_json: the last answer is this JSON document, whatever its layout.
+prints_json() {
+    diff -u <(/usr/bin/python3 -m json.tool --sort-keys) \
+        <(/usr/bin/python3 -m json.tool --sort-keys "$out/answer") || fail 'not the document expected'
+}
+
+# keep_profiles, same_profiles: the whole profile directory.
+keep_profiles() {
+    rm -rf /tmp/profiles
+    cp -r -- "$kProfileDirectory" /tmp/profiles
+}
+
+same_profiles() {
+    diff -r -u /tmp/profiles "$kProfileDirectory"
+}
+
+# has_rules FILE ADAPTER: that profile's list is what is read, a line a rule: its policy and ports.
+has_rules() {
+    diff -u - <(/usr/bin/python3 - "$kProfileDirectory/$1.json" "$2" <<'END'
+import json
+import sys
+
+rules = json.load(open(sys.argv[1]))["rules"] or {}
+for rule in rules.get(sys.argv[2], []):
+    print(("allow", "deny")[rule["policy"]], *rule["portList"])
+END
+    ) || fail "not the rules of $2 in $1"
+}
+
+# refused STATUS PATTERN ARGUMENT...: that status, that one line, and nothing has changed.
+refused() {
+    local status=$1 pattern=$2
+    shift 2
+    keep_profiles
+    keep_listing refusing
+    answers "$status" "$@"
+    step 'nothing on standard output' [ ! -s "$out/answer" ]
+    complains "$pattern"
+    step 'no file has changed' same_profiles
+    step 'the filter is untouched' same_listing refusing
+}
+
+# --- without any profile ---------------------------------------------------------------------------
+
+for command in adapters 'service reserve ssh allow --adapter eth0' 'service release ssh' \
+    'service update' 'adapter rename eth0 eth1'; do
+    read -r -a words <<<"$command"
+    answers 1 "${words[@]}"
+    complains '^tarnfw: there are no profiles; "tarnfw base up" writes a first one$'
+done
+step 'none came of it' [ -z "$(ls "$kProfileDirectory" 2>/dev/null)" ]
+
+# --- what there is ---------------------------------------------------------------------------------
+
+answers 0 base up
+rm -- "$kProfileDirectory"/*.json
+# A profile of two adapters, of which the machine has one, and one besides it.
+cat >"$kProfileDirectory/home.json" <<'END'
+{"name": "home",
+ "adapterPolicyMap": {"eth0": 1, "eth5": 0, "global": 2},
+ "rules": {
+   "eth0": [
+     {"enable": true, "adapterDirect": 1, "protocol": 1, "policy": 0, "blLog": false,
+      "name": "Shell and web", "table": "filter", "labelList": [], "chainList": [], "ipType": 2,
+      "ipDirect": 1, "ipGroup": 5, "ipList": [], "portDirect": 0, "portGroup": 0,
+      "portList": ["ssh", "http"]},
+     {"enable": false, "adapterDirect": 1, "protocol": 1, "policy": 0, "blLog": false,
+      "name": "", "table": "filter", "labelList": [], "chainList": [], "ipType": 2,
+      "ipDirect": 1, "ipGroup": 5, "ipList": [], "portDirect": 0, "portGroup": 1,
+      "portList": ["9000"]}],
+   "eth5": [
+     {"enable": true, "adapterDirect": 1, "protocol": 1, "policy": 1, "blLog": false,
+      "name": "", "table": "filter", "labelList": [], "chainList": [], "ipType": 2,
+      "ipDirect": 1, "ipGroup": 5, "ipList": [], "portDirect": 0, "portGroup": 0,
+      "portList": ["lost_service"]}]}}
+END
+printf '{"name": "away", "adapterPolicyMap": {"global": 2, "eth5": 0}, "rules": {}}\n' \
+    >"$kProfileDirectory/away.json"
+activate home
+
+answers 0 adapters
+silent
+prints <<'END'
+Profile "home" (active)
+ADAPTER  NOW                ADDRESSES               DEFAULT     RULES
+eth0     up                 192.168.1.10, fd00::10  deny        2 (1 off)
+eth5     absent                                     allow       1
+global   every adapter                              no default  0
+pppoe    no interface now                           -           0
+tun0     up, not connected  10.9.0.1                -           0
+vpn      stands for tun0                            -           0
+END
+answers 0 adapters --json
+prints_json <<'END'
+{"profile": "home",
+ "adapters": [
+   {"name": "eth0", "predefined": false, "present": true, "up": true,
+    "addresses": ["192.168.1.10", "fd00::10"], "standsFor": [], "policy": "deny", "rules": 2,
+    "rulesOff": 1},
+   {"name": "eth5", "predefined": false, "present": false, "up": false, "addresses": [],
+    "standsFor": [], "policy": "allow", "rules": 1, "rulesOff": 0},
+   {"name": "global", "predefined": true, "present": true, "up": false, "addresses": [],
+    "standsFor": [], "policy": "no default", "rules": 0, "rulesOff": 0},
+   {"name": "pppoe", "predefined": true, "present": false, "up": false, "addresses": [],
+    "standsFor": [], "policy": null, "rules": 0, "rulesOff": 0},
+   {"name": "tun0", "predefined": false, "present": true, "up": true, "addresses": ["10.9.0.1"],
+    "standsFor": [], "policy": null, "rules": 0, "rulesOff": 0},
+   {"name": "vpn", "predefined": true, "present": true, "up": false, "addresses": [],
+    "standsFor": ["tun0"], "policy": null, "rules": 0, "rulesOff": 0}]}
+END
+ip link set tun0 down
+printf 'pppoe_interface="ppp7"\n' >>/etc.defaults/tarninfo.conf
+answers 0 adapters
+says '^tun0  *down  *10.9.0.1 '
+says '^pppoe  *stands for ppp7 '
+
+mkdir -p /usr/tarn/etc/services.d
+cat >/usr/tarn/etc/services.d/test.json <<'END'
+[{"name": "kept_out", "dst": {"protocol": "tcp", "ports": [1]}},
+ {"name": "two_sided", "title": "Two sides", "dst": {"protocol": "tcp/udp", "ports": [53, "60-61"]},
+  "src": {"protocol": "udp", "ports": [67]}}]
+END
+answers 0 services
+silent
+says '^SERVICE  *TITLE  *PORTS$'
+says '^ssh  *Secure shell (SSH)  *tcp 22$'
+says '^kept_out  *(kept out of the firewall)  *tcp 1$'
+says '^two_sided  *Two sides  *tcp/udp 53,60-61, from udp 67$'
+step 'all that the catalogue has' [ "$(tail -n +2 "$out/answer" | wc -l)" = \
+    "$(cat /usr/tarn/etc.defaults/services.d/*.json /usr/tarn/etc/services.d/*.json |
+        grep --only-matching '"name":' | wc -l)" ]
+answers 0 services SIDES
+step 'titles count, in any letters' [ "$(tail -n +2 "$out/answer" | cut -d ' ' -f 1)" = two_sided ]
+answers 0 services 'k*t_o?t' --json
+prints_json <<'END'
+{"services": [{"name": "kept_out", "title": "", "usable": false, "source": null,
+               "destination": {"protocol": "tcp", "ports": ["1"]}}]}
+END
+answers 0 services two_sided --json
+prints_json <<'END'
+{"services": [{"name": "two_sided", "title": "Two sides", "usable": true,
+               "destination": {"protocol": "tcp/udp", "ports": ["53", "60-61"]},
+               "source": {"protocol": "udp", "ports": ["67"]}}]}
+END
+answers 1 services no_such_thing
+complains '^tarnfw: no service of the catalogue is like "no_such_thing"$'
+
+# --- service reserve -------------------------------------------------------------------------------
+
+tarnfw enable 2>"$out/complaint"
+keep_listing enabled
+answers 0 service reserve ssh --adapter eth0 deny
+silent
+prints <<'END'
+Service ssh reserved on eth0: deny (changed: away, home)
+the kernel still has the old rules; "tarnfw reload" applies them
+END
+step 'the kernel has the old rules' same_listing enabled
+has_rules away eth0 <<<'deny ssh'
+has_rules home eth0 <<'END'
+deny ssh
+allow ssh http
+allow 9000
+END
+answers 0 service reserve ssh --adapter eth0 deny --reload
+prints <<'END'
+Service ssh reserved on eth0: deny (no profile had to change)
+Profile "home" applied
+END
+step 'now the kernel has it' grep --quiet -- '-i eth0 .*--dport 22 -j DROP' <(iptables -S)
+# The names that no reservation can be for, or that none can be on.
+refused 1 '^tarnfw: there is no service "shh"; did you mean "ssh"?' service reserve shh allow --adapter eth0
+refused 1 'keeps service "kept_out" out of the firewall' service reserve kept_out allow --adapter eth0
+refused 1 '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (there is: eth0, eth5, global, pppoe, tun0, vpn)$' \
+    service reserve ssh allow --adapter eht0
+for wrong in 'service reserve' 'service reserve ssh' 'service reserve ssh allow' \
+    'service reserve ssh maybe --adapter eth0' 'service release' 'service update ssh' service \
+    'service steal' 'adapter rename' 'adapter rename eth0' adapter 'adapters more' 'services a b'; do
+    read -r -a words <<<"$wrong"
+    answers 2 "${words[@]}"
+    step 'nothing on standard output' [ ! -s "$out/answer" ]
+done
+
+# --- service release -------------------------------------------------------------------------------
+
+answers 0 service release ssh
+says '^Service ssh is in no rule (changed: away, home)$'
+has_rules away eth0 </dev/null
+has_rules home eth0 <<'END'
+allow http
+allow 9000
+END
+answers 0 service release ssh
+prints <<<'Service ssh is in no rule (no profile had to change)'
+refused 1 '^tarnfw: there is no service "htpp"; did you mean "http"?' service release htpp
+# One that the catalogue has lost can still be released; its rule names nothing else and goes.
+answers 0 service release lost_service
+says '^Service lost_service is in no rule (changed: home)$'
+has_rules home eth5 </dev/null
+
+# --- service update --------------------------------------------------------------------------------
+
+sed -i 's/"http"/"http", "lost_service"/' "$kProfileDirectory/home.json"
+has_rules home eth0 <<'END'
+allow http lost_service
+allow 9000
+END
+answers 0 service update --reload
+prints <<'END'
+Rules follow the service catalogue (changed: home)
+Profile "home" applied
+END
+has_rules home eth0 <<'END'
+allow http
+allow 9000
+END
+answers 0 service update
+prints <<<'Rules follow the service catalogue (no profile had to change)'
+
+# --- adapter rename --------------------------------------------------------------------------------
+
+refused 1 '^tarnfw: both names are "eth0"$' adapter rename eth0 eth0
+refused 1 '^tarnfw: no profile has anything for adapter "eht0"; did you mean "eth0"? (there is: eth0, eth5, global)$' \
+    adapter rename eht0 eth1
+refused 1 '^tarnfw: "global" stands for every adapter' adapter rename global eth1
+refused 1 '^tarnfw: "global" stands for every adapter' adapter rename eth0 global
+refused 1 'rules for "ppp0" have no effect' adapter rename eth0 ppp0
+refused 1 'cannot be an adapter.s name$' adapter rename eth0 'eth 1'
+refused 1 'cannot be an adapter.s name$' adapter rename eth0 a_name_of_16_char
+# Their default policies differ: one of them would be lost.
+refused 1 '^tarnfw: what "eth5" has in home would be replaced; nothing was changed (--yes goes on' \
+    adapter rename eth0 eth5
+cat >"$out/ask.py" <<'END'
+import sys
+
+import pexpect
+
+answer, wanted = sys.argv[1:3]
+child = pexpect.spawn(sys.argv[3], sys.argv[4:], timeout=60, encoding="utf-8")
+child.expect_exact('what "eth5" has in home would be replaced. Go on? [y/N] ')
+child.sendline(answer)
+child.expect(pexpect.EOF)
+child.close()
+print(child.before)
+sys.exit(child.exitstatus != int(wanted))
+END
+tool=$build/tools/tarnfw/tarnfw
+keep_profiles
+for answer in n '' nonsense; do
+    step "\"$answer\" is no" /usr/bin/python3 "$out/ask.py" "$answer" 1 "$tool" adapter rename eth0 eth5
+done
+step 'no file has changed' same_profiles
+step '"y" is yes' /usr/bin/python3 "$out/ask.py" y 0 "$tool" adapter rename eth0 eth5
+has_rules home eth0 </dev/null
+has_rules home eth5 <<'END'
+allow http
+allow 9000
+END
+answers 0 adapters
+says '^eth0 .* -  *0$'
+says '^eth5  *absent  *deny  *2 (1 off)$'
+answers 0 adapter rename eth5 eth0 --reload
+silent
+prints <<'END'
+Rules and default policy of eth5 are now those of eth0 (changed: away, home)
+Profile "home" applied
+END
+answers 0 adapter rename eth0 eth6
+says '^Rules and default policy of eth0 are now those of eth6 (changed: away, home)$'
+says '^the kernel still has the old rules'
+complains '^tarnfw: the machine has no adapter "eth6" now: until it has, these rules have no effect$'
