@@ -28,7 +28,8 @@ constexpr std::size_t kPortsPerLine = 7;
 
 std::optional<int> portFrom(const std::string& text) {
     unsigned port = 0;
-    if (text.find_first_not_of("0123456789") != std::string::npos ||
+    const bool octal = text.size() > 1 && text[0] == '0';  // as iptables reads it
+    if (octal || text.find_first_not_of("0123456789") != std::string::npos ||
         !boost::conversion::try_lexical_convert(text, port) || port > kHighestPort) {
         return std::nullopt;
     }

@@ -66,6 +66,7 @@ std::vector<Interface> interfacesNow() {
         }
     }
     std::vector<Interface> interfaces;
+    interfaces.reserve(found.size());
     for (auto& [name, interface] : found) {
         interfaces.push_back(std::move(interface));
     }

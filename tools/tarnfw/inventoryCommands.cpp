@@ -77,6 +77,7 @@ std::vector<Adapter> adaptersNow(const FW::FWPROFILE& profile) {
         names.insert(name);
     }
     std::vector<Adapter> adapters;
+    adapters.reserve(names.size());
     for (const std::string& name : names) {
         adapters.push_back(adapterOf(name, interfaces, profile));
     }
@@ -85,8 +86,9 @@ std::vector<Adapter> adaptersNow(const FW::FWPROFILE& profile) {
 
 std::vector<std::string> addressTexts(const Interface& interface) {
     std::vector<std::string> texts;
+    texts.reserve(interface.addresses.size());
     for (const Address& address : interface.addresses) {
-        texts.push_back(address.to_string());
+        texts.push_back(spelled(address));
     }
     return texts;
 }

@@ -142,7 +142,7 @@ std::string sshRefusal(const FW::FWPROFILE& profile, const SshConnection& connec
         return {};
     }
     std::string text = "you are connected over SSH from ";
-    text.append(connection.client.to_string())
+    text.append(spelled(connection.client))
         .append(" to port ")
         .append(std::to_string(connection.serverPort))
         .append(" on ")

@@ -148,7 +148,7 @@ TEST(PortSpanTest, ReadsPortsAndRanges) {
     }
     EXPECT_EQ(tarnfw::portSpanText(tarnfw::portSpanFrom("80-80").value()), "80");
     for (const std::string text : {"", "-", "-1", "1-", "65536", "1-65536", "20-10", "1-2-3", "x",
-                                   "22 ", " 22", "+22", "0x16", "ssh", "1:2"}) {
+                                   "022", "22 ", " 22", "+22", "0x16", "ssh", "1:2"}) {
         EXPECT_FALSE(tarnfw::portSpanFrom(text)) << text;
     }
 }
