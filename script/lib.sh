@@ -8,7 +8,7 @@ readonly kPackages=(
     libboost-dev libcli11-dev libgmock-dev libgtest-dev libjsoncpp-dev libkmod-dev libvalijson-dev
     debhelper dpkg-dev lintian systemd xz-utils
     doxygen shellcheck
-    iproute2 iptables netbase procps python3-jsonschema python3-pexpect util-linux
+    iproute2 iptables jq netbase procps python3-jsonschema python3-pexpect util-linux
 )
 
 # install_missing PACKAGE...: nothing happens when all are there.

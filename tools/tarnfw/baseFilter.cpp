@@ -23,19 +23,6 @@ constexpr char kReloadingChain[] = "FIREWALL_RELOADING";
 // Other programs change the packet filter as well, at boot most of all.
 constexpr char kLockSeconds[] = "30";
 
-/// The base filter whole. The order is that of adding; jumps are listed in the order in which
-/// packets meet them.
-const BaseParts& wholeBase() {
-    static const BaseParts base = {
-        {kReloadingChain, "INPUT_FIREWALL", "FORWARD_FIREWALL"},
-        {{"INPUT", kReloadingChain},
-         {"INPUT", "INPUT_FIREWALL"},
-         {"FORWARD", kReloadingChain},
-         {"FORWARD", "FORWARD_FIREWALL"}},
-    };
-    return base;
-}
-
 bool contains(const std::vector<std::string>& lines, const std::string& line) {
     return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
@@ -197,6 +184,17 @@ void BaseFilter::run(const std::vector<std::string>& arguments) const {
     if (TLIBCExecv(tool_.c_str(), argv.data(), 1) != 0) {
         throw CommandFailed("this command failed: " + line);
     }
+}
+
+const BaseParts& wholeBase() {
+    static const BaseParts base = {
+        {kReloadingChain, "INPUT_FIREWALL", "FORWARD_FIREWALL"},
+        {{"INPUT", kReloadingChain},
+         {"INPUT", "INPUT_FIREWALL"},
+         {"FORWARD", kReloadingChain},
+         {"FORWARD", "FORWARD_FIREWALL"}},
+    };
+    return base;
 }
 
 std::vector<BaseFilter> baseFilters() {

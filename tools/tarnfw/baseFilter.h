@@ -17,6 +17,10 @@ struct BaseParts {
     bool empty() const { return chains.empty() && jumps.empty(); }
 };
 
+/// The base filter whole. The order is that of adding; jumps are listed in the order in which
+/// packets meet them.
+const BaseParts& wholeBase();
+
 /// The base filter of one address family. Reads the kernel anew at every call and changes it
 /// through the family's tool. Failures throw CommandFailed.
 class BaseFilter {

@@ -6,6 +6,7 @@ void addCommands(CLI::App& app) {
     addStatusCommand(app);
     addControlCommands(app);
     addPreviewCommand(app);
+    addCheckCommand(app);
     addProfileCommands(app);
     addTryCommand(app);
     addBlockedCommands(app);

@@ -11,6 +11,8 @@ void addCommands(CLI::App& app);
 
 void addStatusCommand(CLI::App& app);    ///< status
 void addControlCommands(CLI::App& app);  ///< enable, disable, reload
+void addControlCommands(CLI::App& app);  ///< status, enable, disable, reload
+void addCheckCommand(CLI::App& app);     ///< check
 void addPreviewCommand(CLI::App& app);   ///< preview
 void addProfileCommands(CLI::App& app);  ///< profile list, show
 void addTryCommand(CLI::App& app);       ///< try

@@ -298,7 +298,7 @@ void RuleCheck::checkServices(const std::vector<std::string>& names) {
 }
 
 void RuleCheck::checkPortEntries(const std::vector<std::string>& entries) {
-    const std::optional<int> protocol = codeOf(rule_, "protocol");
+    const int protocol = codeOf(rule_, "protocol").value_or(0);
     if (protocol == FW::FW_PORT_PROTOCOL_ICMP || protocol == FW::FW_PORT_PROTOCOL_IGMP) {
         superfluous("portList", 0, entries.size(), "ICMP and IGMP have no ports");
         return;

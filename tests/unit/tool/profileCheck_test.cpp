@@ -1,96 +1,20 @@
-// What the check of a profile says: each kind of finding, and documents that have none.
+// What the check of a profile says of its shape and its meaning: each kind of finding, and
+// documents that have none.
 #include "profileCheck.h"
 
-#include <filesystem>
-#include <fstream>
-#include <memory>
 #include <ostream>
 #include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "profileCheck_testing.h"
+
 namespace tarnfw {
 namespace {
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
-using testing::IsEmpty;
-
-void writeFile(const std::string& path, const std::string& content) {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-Json::Value parsed(const std::string& text) {
-    Json::Value value;
-    std::string errors;
-    const Json::CharReaderBuilder builder;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors))
-        << text << errors;
-    return value;
-}
-
-/// The members of `changes` put into `value`; a null takes the member away.
-Json::Value changed(Json::Value value, const std::string& changes) {
-    const Json::Value members = parsed(changes);
-    for (const std::string& name : members.getMemberNames()) {
-        if (members[name].isNull()) {
-            value.removeMember(name);
-        } else {
-            value[name] = members[name];
-        }
-    }
-    return value;
-}
-
-Json::Value rule(const std::string& changes = "{}") {
-    return changed(parsed(R"({"adapterDirect": 1, "blLog": false,
-        "chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL"], "enable": true, "ipDirect": 1,
-        "ipGroup": 5, "ipList": [], "ipType": 2, "labelList": [], "name": "", "policy": 0,
-        "portDirect": 0, "portGroup": 1, "portList": ["22"], "protocol": 1, "ruleIndex": 0,
-        "table": "filter"})"),
-                   changes);
-}
-
-/// A profile with these rules for "global".
-Json::Value profile(const std::vector<Json::Value>& rules) {
-    Json::Value document = parsed(R"({"name": "home", "adapterPolicyMap": {"global": 2}})");
-    for (const Json::Value& one : rules) {
-        document["rules"]["global"].append(one);
-    }
-    if (rules.empty()) {
-        document["rules"] = Json::Value();
-    }
-    return document;
-}
-
-std::vector<std::string> linesOf(const Json::Value& document) {
-    std::vector<std::string> lines;
-    for (const Finding& finding : checkProfile(document)) {
-        lines.push_back(lineOf("home.json", finding));
-    }
-    return lines;
-}
-
-class ProfileCheckTest : public testing::Test {
-protected:
-    void SetUp() override {
-        writeFile("/usr/tarn/etc.defaults/services.d/test.json",
-                  R"([{"name": "ssh", "title": "SSH", "dst": {"protocol": "tcp", "ports": ["22"]}},
-                      {"name": "nfs", "title": "NFS",
-                       "dst": {"protocol": "tcp/udp", "ports": ["111", "2049"]}},
-                      {"name": "vpn_server_pptp", "title": "PPTP",
-                       "dst": {"protocol": "tcp", "ports": ["1723"]}},
-                      {"name": "inner", "dst": {"protocol": "tcp", "ports": ["9"]}}])");
-        // An adapter that is there without an interface: "wlan0", on a machine with wireless.
-        writeFile("/etc.defaults/tarninfo.conf", "support_wireless=\"yes\"\n");
-        writeFile("/usr/share/xt_geoip/DE.iv4", std::string(16, '\1'));
-        writeFile("/usr/share/xt_geoip/DE.iv6", std::string(32, '\1'));
-        writeFile("/usr/share/xt_geoip/FR.iv4", std::string(16, '\1'));
-    }
-};
 
 // ---- One rule -----------------------------------------------------------------------------------
 
@@ -418,172 +342,6 @@ TEST_F(ProfileCheckTest, ControlCharactersDoNotReachTheTerminal) {
     EXPECT_THAT(linesOf(profile({rule(R"({"portList": ["\u001b[2J\n"]})")})),
                 ElementsAre("home.json: rules.global[0].portList[0]: \"?[2J?\" is not a port "
                             "(0-65535)"));
-}
-
-// ---- Rules that never decide --------------------------------------------------------------------
-
-struct ShadowCase {
-    const char* name;
-    const char* first;
-    const char* later;
-    bool shadowed;
-};
-
-std::ostream& operator<<(std::ostream& out, const ShadowCase& c) {
-    return out << c.first << " before " << c.later;
-}
-
-class ShadowTest : public ProfileCheckTest, public testing::WithParamInterface<ShadowCase> {
-protected:
-    static std::vector<std::string> expected(const std::string& first, const std::string& later) {
-        if (!GetParam().shadowed) {
-            return {};
-        }
-        return {"home.json: " + later + ": warning: never decides: " + first +
-                " (allow) comes first and matches all that it does"};
-    }
-    static Json::Value first() { return rule(GetParam().first); }
-    static Json::Value later() { return rule(GetParam().later); }
-};
-
-TEST_P(ShadowTest, WithinOneList) {
-    EXPECT_THAT(linesOf(profile({first(), later()})),
-                ElementsAreArray(expected("rules.global[0]", "rules.global[1]")));
-}
-
-TEST_P(ShadowTest, ByGlobal) {
-    Json::Value document = profile({first()});
-    document["rules"]["wlan0"].append(later());
-    EXPECT_THAT(linesOf(document), ElementsAreArray(expected("rules.global[0]", "rules.wlan0[0]")));
-}
-
-const ShadowCase kShadows[] = {
-    {"Same", "{}", "{}", true},
-    {"OtherPolicy", "{}", R"({"policy": 1})", true},
-    {"OtherPort", "{}", R"({"portList": ["23"]})", false},
-    {"FirstIsOff", R"({"enable": false})", "{}", false},
-    {"LaterIsOff", "{}", R"({"enable": false})", false},
-    {"PortInRange", R"({"portList": ["20-30"]})", "{}", true},
-    {"RangeInPort", "{}", R"({"portList": ["20-30"]})", false},
-    {"RangeInTouchingRanges", R"({"portList": ["1-24", "25-30"]})", R"({"portList": ["20-30"]})",
-     true},
-    {"RangeAcrossAGap", R"({"portList": ["1-24", "26-30"]})", R"({"portList": ["20-30"]})", false},
-    {"SomePorts", R"({"portList": ["22", "80"]})", R"({"portList": ["80", "443"]})", false},
-    {"TcpInBoth", R"({"protocol": 3})", "{}", true},
-    {"BothInTcp", "{}", R"({"protocol": 3})", false},
-    {"SourcePort", "{}", R"({"portDirect": 1})", false},
-    {"PortInAny", R"({"portGroup": 3, "portList": []})", "{}", true},
-    {"AnyInPort", R"({"portList": ["0-65535"]})", R"({"portGroup": 3, "portList": []})", false},
-    {"IcmpInAny", R"({"portGroup": 3, "portList": []})", R"({"protocol": 4, "portList": []})",
-     true},
-    {"IcmpTwice", R"({"protocol": 4, "portList": []})", R"({"protocol": 4, "portList": []})", true},
-    {"IgmpInIcmp", R"({"protocol": 4, "portList": []})", R"({"protocol": 32, "portList": []})",
-     false},
-    {"ServiceInPort", "{}", R"({"portGroup": 0, "portList": ["ssh"]})", true},
-    {"PortInService", R"({"portGroup": 0, "portList": ["ssh"]})", "{}", true},
-    {"ServiceInServices", R"({"portGroup": 2, "portList": ["ssh", "nfs"]})",
-     R"({"portGroup": 0, "portList": ["nfs"]})", true},
-    {"UdpOfAService", R"({"portList": ["111", "2049"]})",
-     R"({"portGroup": 0, "portList": ["nfs"]})", false},
-    {"RawProtocol", R"({"portList": ["1723"]})",
-     R"({"portGroup": 0, "portList": ["vpn_server_pptp"]})", false},
-    {"RawProtocolTwice", R"({"portGroup": 2, "portList": ["vpn_server_pptp"]})",
-     R"({"portGroup": 0, "portList": ["vpn_server_pptp"]})", true},
-    {"AddressInAny", "{}", R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.0.1"]})", true},
-    {"AnyInAddress", R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.0.1"]})", R"({"ipType": 0})",
-     false},
-    {"AnyInWholeNetwork", R"({"ipGroup": 1, "ipType": 0, "ipList": ["1.0.0.0", "0"]})",
-     R"({"ipType": 0})", true},
-    {"AddressInNetwork", R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.77", "24"]})",
-     R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.0.1"]})", true},
-    {"AddressBesideNetwork", R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.77", "24"]})",
-     R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.1.1"]})", false},
-    {"RangeInNetwork", R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.0", "255.255.255.0"]})",
-     R"({"ipGroup": 4, "ipType": 0, "ipList": ["10.0.0.0", "10.0.0.255"]})", true},
-    {"NetworkInRange", R"({"ipGroup": 4, "ipType": 1, "ipList": ["fe80::", "fe80::ffff"]})",
-     R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::5", "112"]})", true},
-    {"NetworkBeyondRange", R"({"ipGroup": 4, "ipType": 1, "ipList": ["fe80::", "fe80::ffff"]})",
-     R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::5", "111"]})", false},
-    {"OtherSide", R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.0.1"]})",
-     R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.0.1"], "ipDirect": 0})", false},
-    {"OtherSideInAny", R"({"ipDirect": 0})", R"({"ipDirect": 1})", true},
-    {"OneFamilyInBoth", "{}", R"({"ipType": 1})", true},
-    {"BothInOneFamily", R"({"ipType": 1})", "{}", false},
-    {"OtherFamily", R"({"ipType": 1})", R"({"ipType": 0})", false},
-    {"CountryInCountries", R"({"ipGroup": 3, "ipType": 0, "ipList": ["FR", "DE"]})",
-     R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE"]})", true},
-    {"CountriesInCountry", R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE"]})",
-     R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE", "FR"]})", false},
-    {"CountryInAny", "{}", R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE"]})", true},
-    {"AnyInCountry", R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE"]})", R"({"ipType": 0})", false},
-    {"CountryInNetwork", R"({"ipGroup": 1, "ipType": 0, "ipList": ["1.0.0.0", "8"]})",
-     R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE"]})", false},
-    {"Logged", "{}", R"({"blLog": true})", true},
-};
-
-INSTANTIATE_TEST_SUITE_P(Shadows, ShadowTest, testing::ValuesIn(kShadows),
-                         [](const auto& c) { return std::string(c.param.name); });
-
-/// The lines about rules that never decide.
-std::vector<std::string> shadowLinesOf(const Json::Value& document) {
-    std::vector<std::string> found;
-    for (const std::string& line : linesOf(document)) {
-        if (line.find("never decides") != std::string::npos) {
-            found.push_back(line);
-        }
-    }
-    return found;
-}
-
-class ShadowListTest : public ProfileCheckTest {};
-
-TEST_F(ShadowListTest, DirectionCountsWhereLinesNameAnInterface) {
-    const Json::Value incoming = rule();
-    const Json::Value outgoing = rule(R"({"adapterDirect": 0})");
-    Json::Value document = profile({});
-    document["rules"]["wlan0"].append(incoming);
-    document["rules"]["wlan0"].append(outgoing);
-    EXPECT_THAT(shadowLinesOf(document), IsEmpty());
-    EXPECT_THAT(shadowLinesOf(profile({incoming, outgoing})),
-                ElementsAre("home.json: rules.global[1]: warning: never decides: rules.global[0] "
-                            "(allow) comes first and matches all that it does"));
-}
-
-TEST_F(ShadowListTest, AnotherAdaptersRuleDoesNotShadow) {
-    Json::Value document = profile({});
-    document["rules"]["wlan0"].append(rule());
-    document["rules"]["global"].append(rule(R"({"portList": ["23"]})"));
-    document["rules"]["eth0"].append(rule());
-    EXPECT_THAT(shadowLinesOf(document), IsEmpty());
-}
-
-TEST_F(ShadowListTest, TheFirstOfSeveralIsNamed) {
-    EXPECT_THAT(
-        shadowLinesOf(profile({rule(R"({"policy": 1})"), rule(), rule()})),
-        ElementsAre("home.json: rules.global[1]: warning: never decides: rules.global[0] (deny) "
-                    "comes first and matches all that it does",
-                    "home.json: rules.global[2]: warning: never decides: rules.global[0] (deny) "
-                    "comes first and matches all that it does"));
-}
-
-TEST_F(ShadowListTest, ChainsAndTablesCount) {
-    const Json::Value more =
-        rule(R"({"chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL", "OUTPUT"]})");
-    EXPECT_THAT(shadowLinesOf(profile({rule(), more})), IsEmpty());
-    EXPECT_THAT(shadowLinesOf(profile({more, rule()})), testing::SizeIs(1));
-    EXPECT_THAT(shadowLinesOf(profile({rule(R"({"table": "mangle"})"), rule()})), IsEmpty());
-}
-
-TEST_F(ShadowListTest, RulesWithErrorsAreLeftOut) {
-    const Json::Value wrong = rule(R"({"portList": ["22", "x"]})");
-    EXPECT_THAT(shadowLinesOf(profile({rule(), wrong})), IsEmpty());
-    EXPECT_THAT(shadowLinesOf(profile({wrong, rule()})), IsEmpty());
-}
-
-TEST_F(ShadowListTest, RulesWithoutLinesAreLeftOut) {
-    const Json::Value none = rule(R"({"ipGroup": 3, "ipList": ["XX"]})");
-    EXPECT_THAT(shadowLinesOf(profile({rule(), none})), IsEmpty());
-    EXPECT_THAT(shadowLinesOf(profile({rule(R"({"policy": 2})"), rule()})), IsEmpty());
 }
 
 }  // namespace

@@ -1,0 +1,208 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# tarnfw check: files and stored profiles, the findings and their exit status, and --kernel, which
+# leaves the machine's own filter alone.
+make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
+
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+# rule MEMBERS: a rule with these members in the place of its own.
+rule() {
+    jq --compact-output --null-input --argjson changes "{$1}" '{
+        adapterDirect: 1, blLog: false, chainList: ["FORWARD_FIREWALL", "INPUT_FIREWALL"],
+        enable: true, ipDirect: 1, ipGroup: 5, ipList: [], ipType: 0, labelList: [], name: "",
+        policy: 0, portDirect: 0, portGroup: 1, portList: ["22"], protocol: 1, ruleIndex: 0,
+        table: "filter"} + $changes'
+}
+
+# profile NAME RULE...: a document with these rules for eth0.
+profile() {
+    local name=$1
+    shift
+    jq --slurp --arg name "$name" '{adapterPolicyMap: {eth0: 1, global: 2}, name: $name,
+        rules: {eth0: .}}' <<<"$*"
+}
+
+# Everything that programs of either variant have put into the kernel's packet filter.
+whole_filter() {
+    local program
+    for program in iptables-nft ip6tables-nft iptables-legacy ip6tables-legacy; do
+        "/usr/sbin/xtables-${program##*-}-multi" "${program%-*}-save" 2>/dev/null |
+            sed '/^#/d; s/ \[[0-9]*:[0-9]*\]$//'
+    done
+}
+
+# --- stored profiles -------------------------------------------------------------------------------
+
+answers 0 base up
+answers 0 check
+silent
+prints <<<'default: in order'
+answers 0 check default
+prints <<<'default: in order'
+answers 1 check nowhere
+complains '^tarnfw: there is no profile "nowhere" (there is: default)$'
+answers 2 check one two
+profile office "$(rule '"portList": ["22", "99999"]')" >"$kProfileDirectory/office.json"
+answers 3 check office
+silent
+prints <<<'office: rules.eth0[0].portList[1]: "99999" is not a port (0-65535)'
+activate office
+answers 3 check
+prints <<<'office: rules.eth0[0].portList[1]: "99999" is not a port (0-65535)'
+activate default
+
+# --- files -----------------------------------------------------------------------------------------
+
+cd /tmp || fail "no /tmp"
+profile home "$(rule '')" "$(rule '"portList": ["22-23"], "policy": 1')" >home.json
+answers 0 check home.json
+prints <<<'home.json: in order'
+answers 0 check ./home.json
+prints <<<'./home.json: in order'
+cp home.json plain
+answers 0 check plain
+prints <<<'plain: in order'
+tarnfw check - <home.json >"$out/answer" || fail 'not from standard input'
+prints <<<'standard input: in order'
+answers 1 check missing.json
+complains '^tarnfw: cannot read missing.json: No such file or directory$'
+answers 1 check /tmp
+complains '^tarnfw: cannot read /tmp: Is a directory$'
+
+# Each error is one line, in the document's words.
+jq '.rules.eth0[1] |= (.ipGroup = 4 | .ipList = ["10.0.0.9", "10.0.0.5"] | .portGroup = 9)
+    | .colour = 1 | del(.rules.eth0[0].table)' home.json >wrong.json
+answers 3 check wrong.json
+silent
+prints <<'END'
+wrong.json: rules.eth0[0]: "table" is missing
+wrong.json: rules.eth0[1].portGroup: 9 is none of 0, 1, 2, 3
+wrong.json: colour: there is no such member
+wrong.json: rules.eth0[1].ipList: the range runs backwards: "10.0.0.5" is before "10.0.0.9"
+END
+
+# Warnings leave the exit status alone, unless they are to count.
+profile home "$(rule '')" "$(rule '"policy": 1')" >shadow.json
+cat >warning <<'END'
+shadow.json: rules.eth0[1]: warning: never decides: rules.eth0[0] (allow) comes first and matches all that it does
+END
+answers 0 check shadow.json
+prints <warning
+answers 3 check --strict shadow.json
+prints <warning
+answers 0 check --strict home.json
+
+# The text: what is no JSON, and what the library reads all the same.
+printf '{"name": "home",\n "rules": nul}\n' >broken.json
+answers 3 check broken.json
+prints <<<"broken.json: line 2, column 11: Syntax error: value, object or array expected"
+printf '' >empty.json
+answers 3 check empty.json
+prints <<<"empty.json: line 1, column 1: Syntax error: value, object or array expected"
+{
+    printf '// from the old machine\n{"name": "first",\n "name": "h\303\266me", "name": "home",'
+    tail -c +2 home.json
+    printf 'and so on\n'
+} >liberal.json
+answers 0 check liberal.json
+says '^liberal.json: line 3, column 2: warning: the member "name" stands twice; the last one counts$'
+answers 3 check --strict liberal.json
+
+answers 3 check --json wrong.json
+step 'as a document' diff -u - <(jq --sort-keys . "$out/answer") <<'END'
+{
+  "errors": 4,
+  "findings": [
+    {
+      "severity": "error",
+      "text": "\"table\" is missing",
+      "where": "rules.eth0[0]"
+    },
+    {
+      "severity": "error",
+      "text": "9 is none of 0, 1, 2, 3",
+      "where": "rules.eth0[1].portGroup"
+    },
+    {
+      "severity": "error",
+      "text": "there is no such member",
+      "where": "colour"
+    },
+    {
+      "severity": "error",
+      "text": "the range runs backwards: \"10.0.0.5\" is before \"10.0.0.9\"",
+      "where": "rules.eth0[1].ipList"
+    }
+  ],
+  "source": "wrong.json",
+  "warnings": 0
+}
+END
+answers 0 check --json home.json
+step 'no findings' diff -u - <(jq --compact-output --sort-keys . "$out/answer") \
+    <<<'{"errors":0,"findings":[],"source":"home.json","warnings":0}'
+
+# --- what the kernel says --------------------------------------------------------------------------
+
+answers 0 enable
+whole_filter >before
+cp home.json "$kProfileDirectory"
+lines=$(tarnfw preview home | grep --count '^/sbin/')
+rm "$kProfileDirectory/home.json"
+answers 0 check --kernel home.json
+prints <<<"home.json: in order; the kernel takes $lines lines"
+answers 0 check --kernel --json home.json
+step 'with the number of lines' [ "$(jq .loadedLines "$out/answer")" = "$lines" ]
+
+# A chain that nobody has made, and a match that this kernel has not got.
+printf '\1\1\1\1\2\2\2\2' >/usr/share/xt_geoip/DE.iv4
+profile home "$(rule '')" \
+    "$(rule '"chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL", "NOWHERE"], "portList": ["80"]')" \
+    "$(rule '"ipGroup": 3, "ipList": ["DE"], "portList": ["81"]')" >refused.json
+answers 3 check --kernel refused.json
+silent
+says '^refused.json: rules.eth0\[1\].chainList\[2\]: warning: "NOWHERE" is not a chain of the firewall'
+says '^refused.json: rules.eth0\[1\]: /sbin/iptables refuses "-t filter -A NOWHERE -i eth0 -p tcp --dport 80 -j RETURN": iptables.*No chain/target/match by that name'
+for chain in FORWARD_FIREWALL INPUT_FIREWALL; do
+    says "^refused.json: rules.eth0\\[2\\]: /sbin/iptables refuses \"-t filter -A $chain -i eth0 -m geoip --source-country DE -p tcp --dport 81 -j RETURN\": iptables.*geoip"
+done
+step 'nothing else' [ "$(wc -l <"$out/answer")" = 4 ]
+# The rules that are refused are not errors of the document.
+answers 0 check refused.json
+answers 3 check --kernel --json refused.json
+step 'counted' [ "$(jq --compact-output '[.errors, .warnings, .loadedLines]' "$out/answer")" = \
+    "[3,1,$((lines + 3))]" ]
+rm /usr/share/xt_geoip/DE.iv4
+
+# What cannot be translated, and what the library cannot read.
+jq '.rules.eth0[1].policy = 7' home.json >untranslatable.json
+answers 3 check --kernel untranslatable.json
+says '^untranslatable.json: rules.eth0\[1\].policy: 7 is none of 0, 1, 2$'
+says '^untranslatable.json: rules.eth0\[1\] cannot be translated, and with it the whole profile$'
+jq '.rules.eth0[1].policy = "1"' home.json >unreadable.json
+answers 3 check --kernel unreadable.json
+says '^unreadable.json: the library cannot read this: no line was loaded$'
+
+# The lock of the machine's own filter plays no part.
+exec {lock}>/run/xtables.lock
+flock "$lock"
+answers 0 check --kernel home.json
+flock --unlock "$lock"
+exec {lock}>&-
+
+# Where no namespace can be made, it says so.
+if setpriv --bounding-set -sys_admin true 2>/dev/null; then
+    tarnfw() {
+        setpriv --bounding-set -sys_admin -- "$build/tools/tarnfw/tarnfw" "$@"
+    }
+    answers 1 check --kernel home.json
+    complains '^tarnfw: this system does not allow a network namespace to load rules in$'
+    tarnfw() {
+        "$build/tools/tarnfw/tarnfw" "$@"
+    }
+fi
+
+whole_filter >after
+step "the machine's own filter is untouched" diff -u before after
+step 'no process is left' [ -z "$(pidof tarnfw)" ]

@@ -1,0 +1,66 @@
+// Where a text is no JSON document, and where it is one that only the library takes.
+#include "documentFile.h"
+
+#include <ostream>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace tarnfw {
+namespace {
+
+struct TextCase {
+    const char* name;
+    const char* text;
+    std::vector<std::string> findings;
+};
+
+std::ostream& operator<<(std::ostream& out, const TextCase& c) {
+    return out << c.text;
+}
+
+class ParseDocumentTest : public testing::TestWithParam<TextCase> {};
+
+TEST_P(ParseDocumentTest, HasTheseFindings) {
+    Json::Value document;
+    std::vector<std::string> found;
+    for (const Finding& finding : parseDocument(GetParam().text, document)) {
+        found.push_back(lineOf("x", finding));
+    }
+    EXPECT_THAT(found, testing::ElementsAreArray(GetParam().findings));
+}
+
+const TextCase kTexts[] = {
+    {"Plain", "{\"a\": [1, 2]}\n", {}},
+    {"Comments", "// one\n{\"a\": 1 /* two */}", {}},
+    {"Empty", "", {"x: line 1, column 1: Syntax error: value, object or array expected"}},
+    {"SecondLine", "{\n  \"a\" 1}", {"x: line 2, column 7: Missing ':' after object member name"}},
+    {"ColumnsAreCharacters",
+     "{\"h\303\266me\" 1}",
+     {"x: line 1, column 9: Missing ':' after object member name"}},
+    {"TrailingComma", "{\"a\": 1,}", {"x: line 1, column 9: Missing '}' or object member name"}},
+    {"Twice",
+     "{\"a\": 1,\n \"a\": 2}",
+     {"x: line 2, column 2: warning: the member \"a\" stands twice; the last one counts"}},
+    {"Behind", "{} {}", {"x: line 1, column 4: warning: what follows the document is not read"}},
+};
+
+INSTANTIATE_TEST_SUITE_P(DocumentFile, ParseDocumentTest, testing::ValuesIn(kTexts),
+                         [](const auto& c) { return std::string(c.param.name); });
+
+TEST(ParseDocument, GivesWhatTheLibraryWouldRead) {
+    Json::Value document;
+    (void)parseDocument("{\"a\": 1, \"a\": 2} and so on", document);
+    EXPECT_EQ(document["a"].asInt(), 2);
+}
+
+TEST(ParseDocument, DeepNestingIsAFinding) {
+    Json::Value document;
+    const std::vector<Finding> findings = parseDocument(std::string(5000, '['), document);
+    ASSERT_FALSE(findings.empty());
+    EXPECT_TRUE(hasErrors(findings));
+}
+
+}  // namespace
+}  // namespace tarnfw

@@ -1,0 +1,170 @@
+/// tarnfw check: what is wrong with a profile, and what the kernel says to it.
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+#include <boost/algorithm/string/predicate.hpp>
+
+#include "tarncore.h"
+
+#include "tarnfirewall/fwDB.h"
+
+#include "command.h"
+#include "commands.h"
+#include "documentFile.h"
+#include "output.h"
+#include "profileCheck.h"
+#include "scratchKernel.h"
+#include "store.h"
+#include "translation.h"
+
+namespace tarnfw {
+namespace {
+
+struct Options {
+    std::string what;
+    bool kernel = false;
+    bool strict = false;
+    bool json = false;
+};
+
+/// What is checked: a file, and the name that it goes by in the findings.
+struct Source {
+    std::string path;
+    std::string name;
+};
+
+bool namesAFile(const std::string& what) {
+    return what == kStandardInput || what.find('/') != std::string::npos ||
+           boost::ends_with(what, ".json") || TLIBCFileExist(what.c_str()) == 1;
+}
+
+Source sourceOf(const std::string& what) {
+    if (what == kStandardInput) {
+        return {what, "standard input"};
+    }
+    if (!what.empty() && namesAFile(what)) {
+        return {what, what};
+    }
+    const std::string profile = what.empty() ? activeProfile() : what;
+    requireProfile(profile);
+    return {FW::TARNFW_JSON_DB().profilePathGet(profile), profile};
+}
+
+void append(std::vector<Finding>& all, const std::vector<Finding>& more) {
+    all.insert(all.end(), more.begin(), more.end());
+}
+
+/// The lines of a document; none, with a finding, where it cannot be translated.
+std::vector<TracedLine> linesOf(const Json::Value& document, std::vector<Finding>& findings) {
+    FW::FWPROFILE profile;
+    try {
+        FW::TARNFW_JSON_DB().jsonToProfile(document, profile);
+        return tracedLines(profile);
+    } catch (const Json::Exception&) {
+        findings.push_back({"", "the library cannot read this: no line was loaded", true});
+    } catch (const CommandFailed& failure) {
+        findings.push_back({"", failure.what(), true});
+    }
+    return {};
+}
+
+/// Loads every line of a profile into a scratch kernel. Returns how many there are.
+std::size_t loadIntoKernel(const Json::Value& document, std::vector<Finding>& findings) {
+    const std::vector<TracedLine> lines = linesOf(document, findings);
+    const ScratchKernel kernel;
+    Progress progress("Loading lines", lines.size());
+    for (const TracedLine& line : lines) {
+        const std::string words = kernel.load(line);
+        if (!words.empty()) {
+            findings.push_back({line.where,
+                                programOf(line.family)
+                                    .append(" refuses ")
+                                    .append(quoted(line.line))
+                                    .append(": ")
+                                    .append(words),
+                                true});
+        }
+        progress.step();
+    }
+    return lines.size();
+}
+
+void printFindings(const std::string& source, const std::vector<Finding>& findings) {
+    for (const Finding& finding : findings) {
+        std::cout << painted(lineOf(source, finding),
+                             finding.isError ? Paint::kBad : Paint::kDoubtful)
+                  << '\n';
+    }
+}
+
+Json::Value jsonOf(const std::string& source, const std::vector<Finding>& findings) {
+    Json::Value document;
+    document["source"] = source;
+    document["findings"] = Json::Value(Json::arrayValue);
+    for (const Finding& finding : findings) {
+        document["findings"].append(jsonOf(finding));
+    }
+    const auto errors = static_cast<Json::UInt>(std::count_if(
+        findings.begin(), findings.end(), [](const Finding& one) { return one.isError; }));
+    document["errors"] = errors;
+    document["warnings"] = static_cast<Json::UInt>(findings.size()) - errors;
+    return document;
+}
+
+void check(const Options& options) {
+    requireRoot();
+    const Source source = sourceOf(options.what);
+    Json::Value document;
+    std::vector<Finding> findings = parseDocument(readText(source.path), document);
+    std::size_t loaded = 0;
+    if (!hasErrors(findings)) {
+        append(findings, checkProfile(document));
+        if (options.kernel && document.isObject()) {
+            loaded = loadIntoKernel(document, findings);
+        }
+    }
+    if (options.json) {
+        Json::Value answer = jsonOf(source.name, findings);
+        if (options.kernel) {
+            answer["loadedLines"] = static_cast<Json::UInt>(loaded);
+        }
+        printJson(answer);
+    } else {
+        printFindings(source.name, findings);
+        if (findings.empty()) {
+            std::cout << printable(source.name) << ": in order"
+                      << (options.kernel ? "; the kernel takes " + counted(loaded, "line") : "")
+                      << '\n';
+        }
+    }
+    if (hasErrors(findings) || (options.strict && !findings.empty())) {
+        endWith(kExitUnchecked);
+    }
+}
+
+}  // namespace
+
+void addCheckCommand(CLI::App& app) {
+    CLI::App* const command = app.add_subcommand(
+        "check",
+        "Say what is wrong with a profile, one line for each finding, with its place. Errors are "
+        "what no machine could make sense of; warnings, what this machine lacks and rules without "
+        "effect. Exit status 3 when there are errors");
+    const auto options = std::make_shared<Options>();
+    command->add_option("FILE|PROFILE", options->what,
+                        "A profile file (a path, or a name ending in .json; - for standard input) "
+                        "or the name of a stored profile; the active one when left out");
+    command->add_flag("--kernel", options->kernel,
+                      "Also load every line into a network namespace made for that, and report "
+                      "each one that the kernel refuses. The machine's own filter is not touched");
+    command->add_flag("--strict", options->strict, "Warnings count as errors do");
+    addJsonFlag(*command, options->json);
+    command->footer("Example: tarnfw check --kernel ./home.json");
+    command->callback([options] { check(*options); });
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,111 @@
+#include "translation.h"
+
+#include <map>
+
+#include "tarnfirewall/fwIptables.h"
+
+#include "command.h"
+#include "finding.h"
+#include "ruleCodes.h"
+#include "store.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr const char* kFamilies[] = {"v4", "v6"};
+
+/// Translates piece by piece with one translator, whose answers from the machine then are the same
+/// for all pieces. Each piece goes through the translation of a whole profile, so nothing that the
+/// library does with a rule is done again here.
+class Tracer {
+public:
+    Tracer() { translate({}, {}, "", fixed_); }
+
+    void addFixedLines() { append(fixed_, "", /*skipFixed=*/false); }
+
+    void addRule(const std::string& adapter, const FW::FWRULE& rule, const std::string& where) {
+        Json::Value piece;
+        translate({{adapter, {rule}}}, {}, where, piece);
+        append(piece, where, /*skipFixed=*/true);
+    }
+
+    void addPolicy(const std::string& adapter, FW::FW_POLICY policy, const std::string& where) {
+        Json::Value piece;
+        translate({}, {{adapter, policy}}, where, piece);
+        append(piece, where, /*skipFixed=*/true);
+    }
+
+    /// All lines in the order of running: IPv4 first, and in each family "global" first.
+    std::vector<TracedLine> lines() const {
+        std::vector<TracedLine> all;
+        for (const char* const family : kFamilies) {
+            const auto& adapters = lines_.at(family);
+            const auto global = adapters.find(kGlobalAdapter);
+            if (global != adapters.end()) {
+                all.insert(all.end(), global->second.begin(), global->second.end());
+            }
+            for (const auto& [adapter, lines] : adapters) {
+                if (adapter != kGlobalAdapter) {
+                    all.insert(all.end(), lines.begin(), lines.end());
+                }
+            }
+        }
+        return all;
+    }
+
+private:
+    void translate(const std::map<std::string, std::vector<FW::FWRULE>>& rules,
+                   const std::map<std::string, FW::FW_POLICY>& policies, const std::string& where,
+                   Json::Value& out) {
+        if (!translation_.fwRulesToIptablesRules(true, rules, policies, out)) {
+            throw CommandFailed(where + " cannot be translated, and with it the whole profile");
+        }
+    }
+
+    void append(const Json::Value& piece, const std::string& where, bool skipFixed) {
+        for (const char* const family : kFamilies) {
+            auto& adapters = lines_[family];
+            const Json::Value& lines = piece[family];
+            for (const std::string& adapter : lines.getMemberNames()) {
+                const Json::ArrayIndex first =
+                    skipFixed && adapter == kGlobalAdapter ? fixed_[family][adapter].size() : 0;
+                for (Json::ArrayIndex i = first; i < lines[adapter].size(); ++i) {
+                    adapters[adapter].push_back({family, lines[adapter][i].asString(), where});
+                }
+            }
+        }
+    }
+
+    FW::TARNFW_IPTABLES_RULES translation_;
+    Json::Value fixed_;
+    std::map<std::string, std::map<std::string, std::vector<TracedLine>>> lines_;
+};
+
+}  // namespace
+
+std::vector<TracedLine> tracedLines(const FW::FWPROFILE& profile) {
+    Tracer tracer;
+    tracer.addFixedLines();
+    for (const std::string& adapter : adaptersOf(profile)) {
+        const auto rules = profile.rules.find(adapter);
+        const std::string path = memberPath("rules", adapter);
+        for (std::size_t i = 0; rules != profile.rules.end() && i < rules->second.size(); ++i) {
+            tracer.addRule(adapter, rules->second[i], elementPath(path, i));
+        }
+        const auto policy = profile.adapterPolicyMap.find(adapter);
+        if (policy != profile.adapterPolicyMap.end()) {
+            tracer.addPolicy(adapter, policy->second, memberPath("adapterPolicyMap", adapter));
+        }
+    }
+    return tracer.lines();
+}
+
+std::string programOf(const std::string& family) {
+    return family == "v4" ? "/sbin/iptables" : "/sbin/ip6tables";
+}
+
+std::string titleOf(const std::string& family) {
+    return family == "v4" ? "IPv4" : "IPv6";
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,30 @@
+/// The lines of a profile together with the rules that they come from.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "tarnfirewall/fwTypes.h"
+
+namespace tarnfw {
+
+/// One command line of a translation.
+struct TracedLine {
+    std::string family;  ///< "v4" or "v6"
+    std::string line;    ///< "-t filter -A INPUT_FIREWALL -i eth0 -j DROP"
+    std::string where;   ///< "rules.eth0[3]", "adapterPolicyMap.eth0"; empty: of every profile
+};
+
+/// The lines that a reload of `profile` runs, in its order. Throws CommandFailed, with the rule,
+/// when the profile cannot be translated.
+std::vector<TracedLine> tracedLines(const FW::FWPROFILE& profile);
+
+/// "/sbin/iptables" or "/sbin/ip6tables".
+std::string programOf(const std::string& family);
+
+/// "IPv4" or "IPv6".
+std::string titleOf(const std::string& family);
+
+}  // namespace tarnfw
