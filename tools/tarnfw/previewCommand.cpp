@@ -1,21 +1,48 @@
-/// tarnfw preview: the command lines of a profile, as a reload would run them.
+/// tarnfw preview: the command lines of a profile, as a reload would run them, or as texts for
+/// iptables-restore.
 #include <iostream>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <json/json.h>
+#include <boost/algorithm/string/predicate.hpp>
 
+#include "tarnfirewall/fwBatch.h"
 #include "tarnfirewall/tarnFW.h"
 
 #include "command.h"
 #include "commands.h"
 #include "output.h"
+#include "ruleCodes.h"
 #include "store.h"
+#include "translation.h"
 
 namespace tarnfw {
 namespace {
 
-constexpr char kGlobalKey[] = "global";
+constexpr char kLines[] = "lines";
+constexpr char kRestore[] = "restore";
+constexpr char kJson[] = "json";
+
+struct Options {
+    std::string profile;
+    std::string format = kLines;
+    std::string family;
+    bool json = false;
+};
+
+Json::Value commandsOf(const std::string& profile) {
+    // A test profile is in no list, and is there all the same while a trial runs.
+    if (!boost::starts_with(profile, kTestPrefix)) {
+        requireProfile(profile);
+    }
+    Json::Value commands;
+    if (!FW::TARNFW().fwIptablesRulesEnum(profile, commands, true)) {
+        throw CommandFailed("profile \"" + printable(profile) + "\" cannot be translated");
+    }
+    return commands;
+}
 
 void printLines(const std::string& tool, const Json::Value& lines) {
     for (const Json::Value& line : lines) {
@@ -25,26 +52,54 @@ void printLines(const std::string& tool, const Json::Value& lines) {
 
 /// Prints one family in the order of running: "global" first.
 void printFamily(const std::string& tool, const Json::Value& family) {
-    printLines(tool, family[kGlobalKey]);
+    printLines(tool, family[kGlobalAdapter]);
     for (const std::string& adapter : family.getMemberNames()) {
-        if (adapter != kGlobalKey) {
+        if (adapter != kGlobalAdapter) {
             printLines(tool, family[adapter]);
         }
     }
 }
 
-void preview(const std::string& name) {
-    requireRoot();
-    const std::string profile = name.empty() ? activeProfile() : name;
-    Json::Value commands;
-    if (!FW::TARNFW().fwIptablesRulesEnum(profile, commands, true)) {
-        throw CommandFailed("profile \"" + printable(profile) + "\" cannot be translated");
+/// What the restoring tools read: all of it or, where one family cannot be written, none. The lines
+/// are not made printable, so that they can be used.
+std::string restoreTexts(const Json::Value& commands, const std::vector<std::string>& families) {
+    std::string texts;
+    for (const std::string& family : families) {
+        const std::string text = FW::FW_BATCH().restoreText(commands, family);
+        if (text.empty()) {
+            throw CommandFailed("the " + titleOf(family) +
+                                " rules cannot be written for iptables-restore");
+        }
+        // Without the option the tool would empty the tables, the base filter included.
+        texts.append("# ").append(titleOf(family)).append(", for ").append(programOf(family));
+        texts.append("-restore --noflush\n").append(text);
     }
-    const Json::Value& families = commands;
-    std::cout << "# IPv4\n";
-    printFamily("/sbin/iptables", families["v4"]);
-    std::cout << "# IPv6\n";
-    printFamily("/sbin/ip6tables", families["v6"]);
+    return texts;
+}
+
+void preview(const Options& options) {
+    requireRoot();
+    const Json::Value commands =
+        commandsOf(options.profile.empty() ? activeProfile() : options.profile);
+    const std::vector<std::string> families = options.family.empty()
+                                                  ? std::vector<std::string>{"v4", "v6"}
+                                                  : std::vector<std::string>{options.family};
+    if (options.json || options.format == kJson) {
+        Json::Value document(Json::objectValue);
+        for (const std::string& family : families) {
+            document[family] = commands[family];
+        }
+        printJson(document);
+        return;
+    }
+    if (options.format == kRestore) {
+        std::cout << restoreTexts(commands, families);
+        return;
+    }
+    for (const std::string& family : families) {
+        std::cout << "# " << titleOf(family) << '\n';
+        printFamily(programOf(family), commands[family]);
+    }
 }
 
 }  // namespace
@@ -52,9 +107,22 @@ void preview(const std::string& name) {
 void addPreviewCommand(CLI::App& app) {
     CLI::App* const command = app.add_subcommand(
         "preview", "Print the command lines of a profile, in the order of running; change nothing");
-    const auto profile = std::make_shared<std::string>();
-    command->add_option("PROFILE", *profile, "The profile; the active one when left out");
-    command->callback([profile] { preview(*profile); });
+    const auto options = std::make_shared<Options>();
+    command->add_option("PROFILE", options->profile, "The profile; the active one when left out");
+    CLI::Option* const format =
+        command
+            ->add_option("--format", options->format,
+                         "lines: the command lines (the default); restore: a text for "
+                         "iptables-restore and one for ip6tables-restore, which replaces the "
+                         "firewall's chains and adds to others; json: the lines by family and "
+                         "adapter")
+            ->check(CLI::IsMember({kLines, kRestore, kJson}));
+    command->add_option("--family", options->family, "Only IPv4 (v4) or only IPv6 (v6)")
+        ->check(CLI::IsMember({"v4", "v6"}));
+    command->add_flag("--json", options->json, "The same as --format json")->excludes(format);
+    command->footer(
+        "Example: tarnfw preview --format restore --family v4 | iptables-restore --noflush --test");
+    command->callback([options] { preview(*options); });
 }
 
 }  // namespace tarnfw
