@@ -7,6 +7,7 @@ void addCommands(CLI::App& app) {
     addControlCommands(app);
     addPreviewCommand(app);
     addCheckCommand(app);
+    addDiffCommand(app);
     addProfileCommands(app);
     addTryCommand(app);
     addBlockedCommands(app);

@@ -13,6 +13,7 @@ void addStatusCommand(CLI::App& app);    ///< status
 void addControlCommands(CLI::App& app);  ///< enable, disable, reload
 void addControlCommands(CLI::App& app);  ///< status, enable, disable, reload
 void addCheckCommand(CLI::App& app);     ///< check
+void addDiffCommand(CLI::App& app);      ///< diff
 void addPreviewCommand(CLI::App& app);   ///< preview
 void addProfileCommands(CLI::App& app);  ///< profile list, show
 void addTryCommand(CLI::App& app);       ///< try

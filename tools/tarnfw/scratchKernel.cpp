@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -63,6 +65,20 @@ private:
     std::array<int, 2> ends_{-1, -1};
 };
 
+/// A descriptor, closed with the object.
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() { close(fd_); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
 /// Reads two streams until both have ended.
 void readBoth(int first, std::string& firstText, int second, std::string& secondText) {
     std::array<pollfd, 2> streams{pollfd{first, POLLIN, 0}, pollfd{second, POLLIN, 0}};
@@ -114,7 +130,22 @@ std::string wordsOf(const std::string& errors) {
 
 ProgramAnswer PacketFilter::run(const std::string& family,
                                 const std::vector<std::string>& arguments) const {
-    const std::string program = programOf(family);
+    const Descriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    return runProgram(programOf(family), arguments, nothing.get());
+}
+
+ProgramAnswer PacketFilter::restore(const std::string& family, const std::string& text) const {
+    // A file without a name: the tool may stop reading, and nobody has to wait for it to go on.
+    const Descriptor input(memfd_create("rules", MFD_CLOEXEC));
+    if (write(input.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+        lseek(input.get(), 0, SEEK_SET) != 0) {
+        throw CommandFailed(std::string("cannot keep the rules: ") + std::strerror(errno));
+    }
+    return runProgram(programOf(family) + "-restore", {"--noflush"}, input.get());
+}
+
+ProgramAnswer PacketFilter::runProgram(const std::string& program,
+                                       const std::vector<std::string>& arguments, int input) const {
     std::vector<std::string> words = {program, "-w", kLockSeconds};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
@@ -131,8 +162,7 @@ ProgramAnswer PacketFilter::run(const std::string& family,
         throw CommandFailed("cannot start " + program + ": " + std::strerror(errno));
     }
     if (process == 0) {
-        const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        if (!enter() || dup2(nothing, STDIN_FILENO) < 0 ||
+        if (!enter() || dup2(input, STDIN_FILENO) < 0 ||
             dup2(output.writeEnd(), STDOUT_FILENO) < 0 ||
             dup2(errors.writeEnd(), STDERR_FILENO) < 0) {
             _exit(kNotEntered);
@@ -194,6 +224,8 @@ ScratchKernel::~ScratchKernel() {
 
 void ScratchKernel::end() const {
     close(hold_);
+    // The pipe alone is not enough: processes that were forked since may have it, too.
+    (void)kill(holder_, SIGKILL);
     if (pidfd_ >= 0) {
         close(pidfd_);
     }

@@ -24,10 +24,16 @@ public:
     /// Runs the tool of a family ("v4", "v6"). Throws CommandFailed when that cannot be done.
     ProgramAnswer run(const std::string& family, const std::vector<std::string>& arguments) const;
 
+    /// Hands a text to the restoring tool of a family, which adds to what is there.
+    ProgramAnswer restore(const std::string& family, const std::string& text) const;
+
 protected:
     PacketFilter() = default;
 
 private:
+    ProgramAnswer runProgram(const std::string& program, const std::vector<std::string>& arguments,
+                             int input) const;
+
     /// Called between fork and exec; false when the program must not run.
     virtual bool enter() const = 0;
 };

@@ -1,0 +1,342 @@
+/// tarnfw diff: what the kernel holds against what the active profile would put there.
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <json/json.h>
+
+#include "tarnfirewall/fwBatch.h"
+#include "tarnfirewall/tarnFW.h"
+
+#include "command.h"
+#include "commands.h"
+#include "output.h"
+#include "ruleDiff.h"
+#include "scratchKernel.h"
+#include "store.h"
+#include "translation.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr char kFilter[] = "filter";
+constexpr char kReloadingChain[] = "FIREWALL_RELOADING";
+constexpr const char* kPolicyChains[] = {"INPUT", "FORWARD"};
+constexpr char kAccept[] = "ACCEPT";
+constexpr const char* kFamilies[] = {"v4", "v6"};
+constexpr std::size_t kContext = 1;  // lines shown around a difference
+
+/// A table and a chain of it.
+using Place = std::pair<std::string, std::string>;
+
+struct ChainDifference {
+    std::string family;
+    Place place;
+    std::vector<RuleEdit> edits;
+};
+
+bool isFirewallChain(const Place& place) {
+    const auto& chains = FW::FW_FIREWALL_CHAINS;
+    return place.first == kFilter &&
+           std::find(chains.begin(), chains.end(), place.second) != chains.end();
+}
+
+/// Where a line adds its rule: "-t filter -A INPUT_FIREWALL ...".
+Place placeOf(const std::string& line) {
+    std::istringstream words(line);
+    std::string word;
+    std::string table;
+    std::string chain;
+    words >> word >> table >> word >> chain;
+    return {table, chain};
+}
+
+RuleListing listingOf(const PacketFilter& filter, const std::string& family,
+                      const std::string& table) {
+    const ProgramAnswer answer = filter.run(family, {"-t", table, "-S"});
+    if (answer.status != 0 && table == kFilter) {
+        throw CommandFailed("the " + titleOf(family) + " rules of the kernel cannot be listed");
+    }
+    return listingFrom(answer.output);  // nothing where there is no such table
+}
+
+/// The chains besides the firewall's own that a profile's rules are added to, by family.
+std::set<Place> otherPlaces(const std::vector<TracedLine>& lines, const std::string& family) {
+    std::set<Place> places;
+    for (const TracedLine& line : lines) {
+        const Place place = placeOf(line.line);
+        if (line.family == family && !isFirewallChain(place)) {
+            places.insert(place);
+        }
+    }
+    return places;
+}
+
+/// What a profile puts into the kernel, as a scratch kernel lists it.
+class WantedRules {
+public:
+    WantedRules(const std::string& profile, const PacketFilter& machine)
+        : lines_(tracedLines(loadProfile(profile))), machine_(machine) {
+        if (!loadAtOnce(profile)) {
+            loadLineByLine();
+        }
+    }
+
+    const std::vector<TracedLine>& lines() const { return lines_; }
+    std::size_t refused() const { return refused_; }
+    RuleListing listing(const std::string& family, const std::string& table) const {
+        return listingOf(*kernel_, family, table);
+    }
+
+private:
+    /// Begins anew, with the chains that others have made on this machine.
+    void makeKernel() {
+        kernel_.reset();
+        kernel_ = std::make_unique<ScratchKernel>();
+        for (const char* const family : kFamilies) {
+            for (const auto& [table, chain] : otherPlaces(lines_, family)) {
+                if (listingOf(machine_, family, table).has(chain)) {
+                    // Fails for a built-in chain, which is there.
+                    (void)kernel_->run(family, {"-t", table, "-N", chain});
+                }
+            }
+        }
+    }
+
+    bool loadAtOnce(const std::string& profile) {
+        Json::Value commands;
+        if (!FW::TARNFW().fwIptablesRulesEnum(profile, commands, true)) {
+            return false;
+        }
+        makeKernel();
+        return std::all_of(std::begin(kFamilies), std::end(kFamilies), [&](const char* family) {
+            const std::string text = FW::FW_BATCH().restoreText(commands, family);
+            return !text.empty() && kernel_->restore(family, text).status == 0;
+        });
+    }
+
+    /// Without the lines that the kernel refuses, which would otherwise take all with them.
+    void loadLineByLine() {
+        makeKernel();
+        Progress progress("Loading lines", lines_.size());
+        for (const TracedLine& line : lines_) {
+            refused_ += kernel_->load(line).empty() ? 0 : 1;
+            progress.step();
+        }
+    }
+
+    std::vector<TracedLine> lines_;
+    const PacketFilter& machine_;
+    std::unique_ptr<ScratchKernel> kernel_;
+    std::size_t refused_ = 0;
+};
+
+// ---- Comparison ---------------------------------------------------------------------------------
+
+/// The chains that belong to the firewall alone.
+std::vector<std::string> ownChains() {
+    std::vector<std::string> chains = FW::FW_FIREWALL_CHAINS;
+    chains.emplace_back(kReloadingChain);
+    return chains;
+}
+
+class Comparison {
+public:
+    /// Of a family while the firewall is enabled.
+    void compare(const std::string& family, const PacketFilter& machine,
+                 const WantedRules& wanted) {
+        const RuleListing held = listingOf(machine, family, kFilter);
+        const RuleListing wantedFilter = wanted.listing(family, kFilter);
+        std::set<Place> others = otherPlaces(wanted.lines(), family);
+        for (const char* const chain : kPolicyChains) {
+            std::vector<RuleEdit> edits = policyEdits(chain, held);
+            append(edits, missingFrom(wantedFilter.rulesOf(chain), held.rulesOf(chain)));
+            add(family, {kFilter, chain}, edits);
+            others.erase({kFilter, chain});
+        }
+        for (const std::string& chain : ownChains()) {
+            std::vector<RuleEdit> edits;
+            if (!held.has(chain)) {
+                edits.push_back({'-', "-N " + chain, 0});
+            }
+            append(edits, editsBetween(wantedFilter.rulesOf(chain), held.rulesOf(chain)));
+            add(family, {kFilter, chain}, edits);
+        }
+        for (const Place& place : others) {
+            add(family, place,
+                missingFrom(wanted.listing(family, place.first).rulesOf(place.second),
+                            listingOf(machine, family, place.first).rulesOf(place.second)));
+        }
+    }
+
+    /// Of a family while it is disabled.
+    void compareDisabled(const std::string& family, const PacketFilter& machine) {
+        const RuleListing held = listingOf(machine, family, kFilter);
+        for (const std::string& chain : ownChains()) {
+            add(family, {kFilter, chain}, editsBetween({}, held.rulesOf(chain)));
+        }
+    }
+
+    const std::vector<ChainDifference>& differences() const { return differences_; }
+
+private:
+    static std::vector<RuleEdit> policyEdits(const std::string& chain, const RuleListing& held) {
+        const auto policy = held.policies.find(chain);
+        if (policy == held.policies.end() || policy->second == kAccept) {
+            return {};
+        }
+        return {{'-', "-P " + chain + " " + kAccept, 0},
+                {'+', "-P " + chain + " " + policy->second, 0}};
+    }
+
+    static void append(std::vector<RuleEdit>& edits, const std::vector<RuleEdit>& more) {
+        edits.insert(edits.end(), more.begin(), more.end());
+    }
+
+    void add(const std::string& family, const Place& place, const std::vector<RuleEdit>& edits) {
+        if (hasDifferences(edits)) {
+            differences_.push_back({family, place, edits});
+        }
+    }
+
+    std::vector<ChainDifference> differences_;
+};
+
+// ---- Output -------------------------------------------------------------------------------------
+
+/// What the kernel was compared with.
+struct Compared {
+    bool enabled;
+    std::string profile;
+    std::size_t refused;
+};
+
+/// Whether a line is a difference or near one.
+bool isShown(const std::vector<RuleEdit>& edits, std::size_t index) {
+    const std::size_t first = index - std::min(index, kContext);
+    const std::size_t end = std::min(index + kContext + 1, edits.size());
+    return std::any_of(edits.begin() + static_cast<std::ptrdiff_t>(first),
+                       edits.begin() + static_cast<std::ptrdiff_t>(end),
+                       [](const RuleEdit& edit) { return edit.mark != ' '; });
+}
+
+void printChain(const ChainDifference& difference) {
+    const auto& [table, chain] = difference.place;
+    std::cout << painted(titleOf(difference.family) + ", chain " + printable(chain) +
+                             (table == kFilter ? "" : ", table " + printable(table)),
+                         Paint::kStrong)
+              << '\n';
+    bool gap = false;
+    for (std::size_t i = 0; i < difference.edits.size(); ++i) {
+        const RuleEdit& edit = difference.edits[i];
+        if (!isShown(difference.edits, i)) {
+            gap = true;
+            continue;
+        }
+        if (gap) {
+            std::cout << "  ...\n";
+            gap = false;
+        }
+        const Paint paint = edit.mark == '-'   ? Paint::kBad
+                            : edit.mark == '+' ? Paint::kGood
+                                               : Paint::kPlain;
+        std::cout << painted(std::string(1, edit.mark) + " " + printable(edit.line), paint) << '\n';
+    }
+    if (gap) {
+        std::cout << "  ...\n";
+    }
+}
+
+void printText(const Compared& compared, const std::vector<ChainDifference>& differences) {
+    const std::string profile = "profile \"" + printable(compared.profile) + "\"";
+    if (differences.empty()) {
+        std::cout << (compared.enabled ? "The kernel holds what " + profile + " puts there\n"
+                                       : "The firewall is disabled, and its chains are empty\n");
+        return;
+    }
+    std::cout << "--- " << (compared.enabled ? profile : "firewall disabled") << '\n'
+              << "+++ kernel\n";
+    for (const ChainDifference& difference : differences) {
+        printChain(difference);
+    }
+}
+
+void printDocument(const Compared& compared, const std::vector<ChainDifference>& differences) {
+    Json::Value document;
+    document["agree"] = differences.empty();
+    document["enabled"] = compared.enabled;
+    document["profile"] = compared.profile;
+    document["refusedLines"] = static_cast<Json::UInt>(compared.refused);
+    document["differences"] = Json::Value(Json::arrayValue);
+    for (const ChainDifference& difference : differences) {
+        for (const RuleEdit& edit : difference.edits) {
+            if (edit.mark == ' ') {
+                continue;
+            }
+            Json::Value entry;
+            entry["family"] = difference.family;
+            entry["table"] = difference.place.first;
+            entry["chain"] = difference.place.second;
+            entry["change"] = edit.mark == '-' ? "missing" : "extra";
+            entry["rule"] = edit.line;
+            entry["position"] = static_cast<Json::UInt>(edit.position);
+            document["differences"].append(entry);
+        }
+    }
+    printJson(document);
+}
+
+void diff(bool json) {
+    requireRoot();
+    const MachineKernel machine;
+    Compared compared{firewallEnabled(), activeProfile(), 0};
+    Comparison comparison;
+    if (compared.enabled) {
+        const WantedRules wanted(compared.profile, machine);
+        compared.refused = wanted.refused();
+        for (const char* const family : kFamilies) {
+            comparison.compare(family, machine, wanted);
+        }
+    } else {
+        for (const char* const family : kFamilies) {
+            comparison.compareDisabled(family, machine);
+        }
+    }
+    if (json) {
+        printDocument(compared, comparison.differences());
+    } else {
+        printText(compared, comparison.differences());
+        if (compared.refused > 0) {
+            std::cerr << "tarnfw: this kernel refuses " << counted(compared.refused, "line")
+                      << " of the profile; \"tarnfw check --kernel\" tells which\n";
+        }
+    }
+    if (!comparison.differences().empty()) {
+        endWith(kExitBlocked);
+    }
+}
+
+}  // namespace
+
+void addDiffCommand(CLI::App& app) {
+    CLI::App* const command = app.add_subcommand(
+        "diff",
+        "Compare what the kernel holds with what the active profile would put there, or with empty "
+        "chains while the firewall is disabled. Lines with - are missing in the kernel, lines with "
+        "+ are there and of no profile. Exit status 0 when both agree, 10 when not");
+    const auto json = std::make_shared<bool>(false);
+    addJsonFlag(*command, *json);
+    command->footer(
+        "The profile is loaded into a network namespace of its own, so that both sides are listed "
+        "by the kernel. Compared are the firewall's chains in their order, the policies of INPUT "
+        "and FORWARD, the jumps of the base filter, and in other chains whether the profile's "
+        "rules are there.");
+    command->callback([json] { diff(*json); });
+}
+
+}  // namespace tarnfw
