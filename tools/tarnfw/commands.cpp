@@ -14,6 +14,7 @@ void addCommands(CLI::App& app) {
     addInventoryCommands(app);
     addServiceCommands(app);
     addRuleCommands(app);
+    addGeoipCommands(app);
     addBaseCommands(app);
 }
 

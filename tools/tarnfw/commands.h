@@ -19,6 +19,7 @@ void addProfileCommands(CLI::App& app);  ///< profile list, show
 void addTryCommand(CLI::App& app);       ///< try
 void addProfileCommands(CLI::App& app);  ///< profile list, show, create, ..., edit
 void addRuleCommands(CLI::App& app);     ///< rule add, insert, ..., off; policy
+void addGeoipCommands(CLI::App& app);    ///< geoip list, show, check
 void addBaseCommands(CLI::App& app);     ///< base up, down, status
 void addControlCommands(CLI::App& app);    ///< status, enable, disable, reload
 void addPreviewCommand(CLI::App& app);     ///< preview

@@ -1,0 +1,240 @@
+/// tarnfw geoip: the country database that country rules match by.
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+#include <boost/algorithm/string/case_conv.hpp>
+
+#include "tarnfirewall/fwGeoip.h"
+
+#include "addressRange.h"
+#include "command.h"
+#include "commands.h"
+#include "finding.h"
+#include "output.h"
+
+namespace tarnfw {
+namespace {
+
+/// The countries with data, sorted.
+std::vector<std::string> countries() {
+    std::vector<std::string> codes;
+    (void)FW::FW_GEOIP().countryEnum(codes);  // logs for itself
+    if (codes.empty()) {
+        throw CommandFailed("there are no country data in /usr/share/xt_geoip");
+    }
+    std::sort(codes.begin(), codes.end());
+    codes.erase(std::unique(codes.begin(), codes.end()), codes.end());
+    return codes;
+}
+
+/// The ranges of a country in a family; none without data.
+std::vector<AddressRange> rangesOf(const std::string& country, bool ipv6) {
+    FW::FW_GEOIP database;
+    std::vector<std::string> usable;
+    Json::Value records(Json::arrayValue);
+    if (!database.geoipSanctify({country}, ipv6, usable) ||
+        !database.countryIPGet(country, ipv6, records)) {
+        return {};
+    }
+    std::vector<AddressRange> ranges;
+    ranges.reserve(records.size());
+    for (const Json::Value& record : records) {
+        const auto range = rangeFrom(record["ip_begin"].asString(), record["ip_end"].asString());
+        if (range) {
+            ranges.push_back(*range);
+        }
+    }
+    return ranges;
+}
+
+std::string textOf(const AddressRange& range) {
+    const std::string first = range.first.to_string();
+    return range.first == range.last ? first : first + "-" + range.last.to_string();
+}
+
+Json::Value jsonOf(const AddressRange& range) {
+    Json::Value entry;
+    entry["first"] = range.first.to_string();
+    entry["last"] = range.last.to_string();
+    return entry;
+}
+
+// ---- list ---------------------------------------------------------------------------------------
+
+void list(bool json) {
+    requireRoot();
+    const std::vector<std::string> codes = countries();
+    Json::Value document;
+    Table table({"country", "IPv4 ranges", "IPv6 ranges"});
+    Progress progress("Reading countries", codes.size());
+    for (const std::string& code : codes) {
+        const std::size_t v4 = rangesOf(code, false).size();
+        const std::size_t v6 = rangesOf(code, true).size();
+        Json::Value entry;
+        entry["country"] = code;
+        entry["ipv4Ranges"] = static_cast<Json::UInt>(v4);
+        entry["ipv6Ranges"] = static_cast<Json::UInt>(v6);
+        document["countries"].append(entry);
+        table.addRow({{code}, {std::to_string(v4)}, {std::to_string(v6)}});
+        progress.step();
+    }
+    if (json) {
+        printJson(document);
+    } else {
+        table.print();
+    }
+}
+
+// ---- show ---------------------------------------------------------------------------------------
+
+struct ShowOptions {
+    std::string country;
+    bool v4 = false;
+    bool v6 = false;
+    bool json = false;
+};
+
+/// The country as the database spells it. Refuses one without data.
+std::string knownCountry(const std::string& wanted) {
+    const std::vector<std::string> codes = countries();
+    for (const std::string& code : {wanted, boost::to_upper_copy(wanted)}) {
+        if (std::binary_search(codes.begin(), codes.end(), code)) {
+            return code;
+        }
+    }
+    throw CommandFailed("there are no data of a country " + quoted(printable(wanted)) +
+                        "; \"tarnfw geoip list\" tells which there are");
+}
+
+void show(const ShowOptions& options) {
+    requireRoot();
+    const std::string country = knownCountry(options.country);
+    Json::Value document;
+    document["country"] = country;
+    document["ranges"] = Json::Value(Json::arrayValue);
+    for (const bool ipv6 : {false, true}) {
+        if (ipv6 ? options.v4 : options.v6) {
+            continue;
+        }
+        for (const AddressRange& range : rangesOf(country, ipv6)) {
+            if (!options.json) {
+                std::cout << textOf(range) << '\n';
+                continue;
+            }
+            Json::Value entry = jsonOf(range);
+            entry["family"] = ipv6 ? "v6" : "v4";
+            document["ranges"].append(entry);
+        }
+    }
+    if (options.json) {
+        printJson(document);
+    }
+}
+
+// ---- check --------------------------------------------------------------------------------------
+
+struct CheckOptions {
+    std::string address;
+    bool json = false;
+};
+
+/// A range that an address is in, and whose it is.
+struct Match {
+    std::string country;
+    AddressRange range;
+};
+
+std::vector<Match> matchesOf(const Address& address) {
+    const std::vector<std::string> codes = countries();
+    std::vector<Match> matches;
+    Progress progress("Reading countries", codes.size());
+    for (const std::string& code : codes) {
+        const std::vector<AddressRange> ranges = rangesOf(code, address.is_v6());
+        const auto found =
+            std::find_if(ranges.begin(), ranges.end(),
+                         [&](const AddressRange& range) { return range.contains(address); });
+        if (found != ranges.end()) {
+            matches.push_back({code, *found});
+        }
+        progress.step();
+    }
+    return matches;
+}
+
+void check(const CheckOptions& options) {
+    requireRoot();
+    const Address address = *addressFrom(options.address);  // CLI11 has seen to that
+    const std::vector<Match> matches = matchesOf(address);
+    if (options.json) {
+        Json::Value document;
+        document["address"] = address.to_string();
+        document["countries"] = Json::Value(Json::arrayValue);
+        for (const Match& match : matches) {
+            Json::Value entry = jsonOf(match.range);
+            entry["country"] = match.country;
+            document["countries"].append(entry);
+        }
+        printJson(document);
+    } else if (matches.empty()) {
+        std::cout << address.to_string() << " is in no country\n";
+    } else {
+        for (const Match& match : matches) {
+            std::cout << address.to_string() << " is in " << match.country << " ("
+                      << textOf(match.range) << ")\n";
+        }
+    }
+    if (matches.empty()) {
+        endWith(kExitFailed);
+    }
+}
+
+// ---- The command line ---------------------------------------------------------------------------
+
+void addList(CLI::App& group) {
+    CLI::App* const command =
+        group.add_subcommand("list", "The countries with data, and how many ranges they have");
+    const auto json = std::make_shared<bool>(false);
+    addJsonFlag(*command, *json);
+    command->callback([json] { list(*json); });
+}
+
+void addShow(CLI::App& group) {
+    CLI::App* const command = group.add_subcommand("show", "The address ranges of a country");
+    const auto options = std::make_shared<ShowOptions>();
+    command->add_option("COUNTRY", options->country, "The code of a country, such as DE")
+        ->required();
+    CLI::Option* const v4 = command->add_flag("--v4", options->v4, "Only those of IPv4");
+    command->add_flag("--v6", options->v6, "Only those of IPv6")->excludes(v4);
+    addJsonFlag(*command, options->json);
+    command->callback([options] { show(*options); });
+}
+
+void addCheck(CLI::App& group) {
+    CLI::App* const command = group.add_subcommand(
+        "check", "The country that an address is in. Exit status 1 when it is in none");
+    const auto options = std::make_shared<CheckOptions>();
+    command->add_option("ADDRESS", options->address, "An IPv4 or IPv6 address")
+        ->required()
+        ->check([](const std::string& text) {
+            return addressFrom(text) ? std::string() : quoted(text) + " is not an address";
+        });
+    addJsonFlag(*command, options->json);
+    command->callback([options] { check(*options); });
+}
+
+}  // namespace
+
+void addGeoipCommands(CLI::App& app) {
+    CLI::App* const geoip =
+        app.add_subcommand("geoip", "The country database, which rules for countries match by");
+    geoip->require_subcommand(1);
+    addList(*geoip);
+    addShow(*geoip);
+    addCheck(*geoip);
+}
+
+}  // namespace tarnfw
