@@ -5,16 +5,17 @@ namespace tarnfw {
 void addCommands(CLI::App& app) {
     addStatusCommand(app);
     addControlCommands(app);
+    addTryCommand(app);
+    addProfileCommands(app);
+    addRuleCommands(app);
+    addInventoryCommands(app);
+    addServiceCommands(app);
+    addBlockedCommands(app);
     addPreviewCommand(app);
     addCheckCommand(app);
     addDiffCommand(app);
-    addProfileCommands(app);
-    addTryCommand(app);
-    addBlockedCommands(app);
-    addInventoryCommands(app);
-    addServiceCommands(app);
-    addRuleCommands(app);
     addGeoipCommands(app);
+    addModulesCommands(app);
     addBaseCommands(app);
 }
 

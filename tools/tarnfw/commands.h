@@ -9,24 +9,19 @@ namespace tarnfw {
 /// All of them, in the order of the help text.
 void addCommands(CLI::App& app);
 
-void addStatusCommand(CLI::App& app);    ///< status
-void addControlCommands(CLI::App& app);  ///< enable, disable, reload
-void addControlCommands(CLI::App& app);  ///< status, enable, disable, reload
-void addCheckCommand(CLI::App& app);     ///< check
-void addDiffCommand(CLI::App& app);      ///< diff
-void addPreviewCommand(CLI::App& app);   ///< preview
-void addProfileCommands(CLI::App& app);  ///< profile list, show
-void addTryCommand(CLI::App& app);       ///< try
-void addProfileCommands(CLI::App& app);  ///< profile list, show, create, ..., edit
-void addRuleCommands(CLI::App& app);     ///< rule add, insert, ..., off; policy
-void addGeoipCommands(CLI::App& app);    ///< geoip list, show, check
-void addBaseCommands(CLI::App& app);     ///< base up, down, status
-void addControlCommands(CLI::App& app);    ///< status, enable, disable, reload
-void addPreviewCommand(CLI::App& app);     ///< preview
-void addProfileCommands(CLI::App& app);    ///< profile list, show
-void addBlockedCommands(CLI::App& app);    ///< blocked, explain
+void addStatusCommand(CLI::App& app);      ///< status
+void addControlCommands(CLI::App& app);    ///< enable, disable, reload, apply-mode
+void addTryCommand(CLI::App& app);         ///< try
+void addProfileCommands(CLI::App& app);    ///< profile list, show, create, ..., edit
+void addRuleCommands(CLI::App& app);       ///< rule add, insert, ..., off; policy
 void addInventoryCommands(CLI::App& app);  ///< adapters, services
 void addServiceCommands(CLI::App& app);    ///< service reserve, release, update; adapter rename
+void addBlockedCommands(CLI::App& app);    ///< blocked, explain
+void addPreviewCommand(CLI::App& app);     ///< preview
+void addCheckCommand(CLI::App& app);       ///< check
+void addDiffCommand(CLI::App& app);        ///< diff
+void addGeoipCommands(CLI::App& app);      ///< geoip list, show, check
+void addModulesCommands(CLI::App& app);    ///< modules load, unload, status
 void addBaseCommands(CLI::App& app);       ///< base up, down, status
 
 }  // namespace tarnfw

@@ -1,0 +1,136 @@
+/// tarnfw modules: the netfilter kernel modules, as services have them loaded.
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "tarnfirewall/tarnIptablesModule.h"
+
+#include "command.h"
+#include "commands.h"
+#include "output.h"
+
+namespace tarnfw {
+namespace {
+
+using Modules = FW::TARN_IPTABLES_MODULES;
+
+struct ModulesOptions {
+    std::string service;
+    bool nat = false;
+    bool json = false;
+};
+
+/// The modules of a service, without the ".ko" of their files.
+std::vector<std::string> moduleNames(bool nat) {
+    std::vector<std::string> names;
+    if (!Modules::coreCommonModuleLoad(names)) {
+        throw CommandFailed("the list of kernel modules cannot be read");
+    }
+    if (nat) {
+        std::vector<std::string> natNames;
+        if (!Modules::natModuleLoad(natNames)) {
+            throw CommandFailed("the list of kernel modules cannot be read");
+        }
+        names.insert(names.end(), natNames.begin(), natNames.end());
+    }
+    return names;
+}
+
+/// The key of a service in the loader's record is a line of a file.
+void requireServiceName(const std::string& service) {
+    if (service.empty() || service.find_first_of("=\n\t \"") != std::string::npos) {
+        throw CommandFailed("\"" + printable(service) + "\" cannot be a service's name",
+                            kExitUsage);
+    }
+}
+
+void load(const ModulesOptions& options) {
+    requireRoot();
+    requireServiceName(options.service);
+    if (!(options.nat ? Modules::iptablesNATModLoad(options.service)
+                      : Modules::iptablesCoreModLoad(options.service))) {
+        throw CommandFailed("not all modules of \"" + printable(options.service) + "\" are loaded");
+    }
+    std::cout << "Modules loaded for \"" << printable(options.service) << "\"\n";
+}
+
+void unload(const ModulesOptions& options) {
+    requireRoot();
+    requireServiceName(options.service);
+    if (!Modules::isModuleLoad(options.service)) {
+        // Without its "yes" the service has no share in any module: unloading would take another's.
+        throw CommandFailed("no modules are loaded for \"" + printable(options.service) + "\"");
+    }
+    if (!(options.nat ? Modules::iptablesNATModUnload(options.service)
+                      : Modules::iptablesCoreModUnload(options.service))) {
+        throw CommandFailed("not all modules of \"" + printable(options.service) +
+                            "\" are released");
+    }
+    std::cout << "Modules released by \"" << printable(options.service) << "\"\n";
+}
+
+void status(const ModulesOptions& options) {
+    requireRoot();
+    requireServiceName(options.service);
+    const bool loaded = Modules::isModuleLoad(options.service);
+    const std::vector<std::string> names = moduleNames(/*nat=*/true);
+    if (options.json) {
+        Json::Value document;
+        document["service"] = options.service;
+        document["loaded"] = loaded;
+        document["modules"] = Json::Value(Json::arrayValue);
+        for (const std::string& name : names) {
+            document["modules"].append(name);
+        }
+        printJson(document);
+        return;
+    }
+    std::cout << "Modules are " << (loaded ? "" : "not ") << "loaded for \""
+              << printable(options.service) << "\"\n";
+}
+
+/// One subcommand of the group, with the service that it is about.
+CLI::App* addCommand(CLI::App& group, const char* name, const char* summary,
+                     const std::shared_ptr<ModulesOptions>& options,
+                     void (*run)(const ModulesOptions&)) {
+    CLI::App* const command = group.add_subcommand(name, summary);
+    command
+        ->add_option("SERVICE", options->service,
+                     "Under which name the modules are counted; the firewall's own is \"firewall\"")
+        ->capture_default_str();
+    command->callback([options, run] { run(*options); });
+    return command;
+}
+
+std::shared_ptr<ModulesOptions> freshOptions() {
+    const auto options = std::make_shared<ModulesOptions>();
+    options->service = "firewall";
+    return options;
+}
+
+}  // namespace
+
+void addModulesCommands(CLI::App& app) {
+    CLI::App* const group = app.add_subcommand(
+        "modules",
+        "The kernel modules of the packet filter, counted by the services that use them");
+    group->require_subcommand(1);
+    constexpr char kNatHelp[] = "The modules for address translation as well";
+
+    auto options = freshOptions();
+    addCommand(*group, "load", "Load the modules for a service", options, load)
+        ->add_flag("--nat", options->nat, kNatHelp);
+    options = freshOptions();
+    addCommand(*group, "unload", "Release the modules of a service, in reverse order", options,
+               unload)
+        ->add_flag("--nat", options->nat, kNatHelp);
+    options = freshOptions();
+    addJsonFlag(*addCommand(*group, "status", "Say whether a service has its modules loaded",
+                            options, status),
+                options->json);
+}
+
+}  // namespace tarnfw
