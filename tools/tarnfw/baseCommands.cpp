@@ -3,6 +3,7 @@
 
 #include <ctime>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@
 
 #include "tarncore.h"
 
+#include "tarnfirewall/tarnFW.h"
 #include "tarnfirewall/utils.h"
 
 #include "baseFilter.h"
@@ -101,8 +103,23 @@ bool storeHasProfile() {
     return false;
 }
 
-/// Writes the first profile where there is none. Not through the store: its generator of file names
-/// needs a profile to compare with, and would not return.
+/// Writes the first settings where there are none: rules go in as one transaction, which no
+/// connection notices.
+void writeFirstSettings() {
+    if (TLIBCFileExist(kSettingsFile) == 1) {
+        return;
+    }
+    Json::Value settings;
+    settings["apply"] = "batch";
+    if (!FW::TARNFW().configSet(settings)) {
+        throw CommandFailed(std::string("cannot write the first settings to ") + kSettingsFile);
+    }
+    std::cout << "Settings written to " << kSettingsFile
+              << ": rules are applied in one transaction (\"tarnfw apply-mode\")\n";
+}
+
+/// Writes the first profile where there is none, and the settings with it. Not through the store:
+/// its generator of file names needs a profile to compare with, and would not return.
 void writeFirstProfile() {
     makeDirectory(kProfileDir);
     if (storeHasProfile()) {
@@ -124,6 +141,7 @@ void writeFirstProfile() {
     }
     std::cout << "Profile \"" << printable(document["name"].asString()) << "\" written to " << path
               << '\n';
+    writeFirstSettings();
 }
 
 // ---- Commands ----
@@ -165,14 +183,39 @@ void baseDown() {
     }
 }
 
-void baseStatus() {
+Json::Value statusJson(const BaseFilter& filter) {
+    const BaseParts parts = filter.missing();
+    Json::Value missing(Json::objectValue);
+    missing["chains"] = Json::Value(Json::arrayValue);
+    missing["jumps"] = Json::Value(Json::arrayValue);
+    addToRecord(missing, parts);
+    Json::Value state;
+    state["setUp"] = parts.empty();
+    state["inOrder"] = filter.inOrder();
+    state["missing"] = missing;
+    return state;
+}
+
+std::string statusText(const BaseFilter& filter) {
+    const BaseParts parts = filter.missing();
+    if (!parts.empty()) {
+        return "missing: " + describe(parts);
+    }
+    return filter.inOrder() ? "set up" : kWrongOrder;
+}
+
+void baseStatus(bool json) {
     requireRoot();
+    Json::Value document;
     for (const BaseFilter& filter : baseFilters()) {
-        const BaseParts parts = filter.missing();
-        std::cout << filter.title() << ": "
-                  << (parts.empty() ? filter.inOrder() ? "set up" : kWrongOrder
-                                    : "missing: " + describe(parts))
-                  << '\n';
+        if (json) {
+            document[filter.key()] = statusJson(filter);
+        } else {
+            std::cout << filter.title() << ": " << statusText(filter) << '\n';
+        }
+    }
+    if (json) {
+        printJson(document);
     }
 }
 
@@ -187,13 +230,17 @@ void addBaseCommands(CLI::App& app) {
             "up",
             "Add what is missing of the chains INPUT_FIREWALL, FORWARD_FIREWALL and "
             "FIREWALL_RELOADING and of the jumps to them, for IPv4 and IPv6, and write "
-            "a first profile where there is none")
+            "a first profile and settings where there are none")
         ->callback(baseUp);
     base->add_subcommand("down",
                          "Take away the chains and jumps that \"base up\" added, and nothing else; "
                          "profiles stay")
         ->callback(baseDown);
-    base->add_subcommand("status", "Say what is there and what is missing")->callback(baseStatus);
+    CLI::App* const status =
+        base->add_subcommand("status", "Say what is there and what is missing");
+    const auto json = std::make_shared<bool>(false);
+    addJsonFlag(*status, *json);
+    status->callback([json] { baseStatus(*json); });
 }
 
 }  // namespace tarnfw

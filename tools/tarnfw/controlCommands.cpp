@@ -1,6 +1,9 @@
-/// tarnfw enable, disable, reload.
+/// tarnfw enable, disable, reload, apply-mode.
 #include <iostream>
 #include <memory>
+#include <string>
+
+#include <json/json.h>
 
 #include "tarnfirewall/tarnFW.h"
 
@@ -13,6 +16,10 @@
 
 namespace tarnfw {
 namespace {
+
+// What the settings' member "apply" may say.
+constexpr char kLinesMode[] = "lines";
+constexpr char kBatchMode[] = "batch";
 
 void enable(bool yes) {
     requireRoot();
@@ -40,6 +47,41 @@ void reload() {
     reloadActive();
 }
 
+/// Sets how rules go into the kernel, or says how they do.
+void applyMode(const std::string& wanted) {
+    requireRoot();
+    FW::TARNFW firewall;
+    if (!wanted.empty()) {
+        const StoreLock lock;
+        Json::Value settings;
+        settings["apply"] = wanted;
+        if (!firewall.configSet(settings)) {
+            throw CommandFailed("the settings cannot be written");
+        }
+    }
+    std::string mode;
+    if (!firewall.fwApplyMode(mode)) {
+        throw CommandFailed("the settings cannot be read");
+    }
+    std::cout << (mode == kBatchMode ? "batch: each family's rules go in as one transaction\n"
+                                     : "lines: one command for each rule, behind closed doors\n");
+}
+
+void addApplyModeCommand(CLI::App& app) {
+    CLI::App* const command =
+        app.add_subcommand("apply-mode", "Say or set how rules are put into the kernel");
+    const auto mode = std::make_shared<std::string>();
+    command->add_option("MODE", *mode, "lines or batch; left out: say which it is")
+        ->check(CLI::IsMember({kLinesMode, kBatchMode}));
+    command->footer(
+        "lines: a reload closes the machine to new connections, runs one command for each rule, "
+        "and "
+        "opens it again. A line that the kernel refuses is left out.\n"
+        "batch: each family's rules replace the old ones in one transaction. Nothing is closed "
+        "meanwhile; one line that the kernel refuses leaves all as it was.");
+    command->callback([mode] { applyMode(*mode); });
+}
+
 }  // namespace
 
 void addControlCommands(CLI::App& app) {
@@ -52,6 +94,7 @@ void addControlCommands(CLI::App& app) {
     app.add_subcommand("disable", "Switch the firewall off: empty its chains, keep the profiles")
         ->callback(disable);
     app.add_subcommand("reload", "Apply the active profile anew")->callback(reload);
+    addApplyModeCommand(app);
 }
 
 }  // namespace tarnfw

@@ -167,12 +167,17 @@ void status(bool json) {
     const std::vector<FilterState> filters = filterStates();
     const bool modules = FW::TARN_IPTABLES_MODULES::isModuleLoad(kModuleUser);
     const std::optional<TrialState> trial = trialState();
+    std::string applyMode;
+    if (!FW::TARNFW().fwApplyMode(applyMode)) {
+        throw CommandFailed("the settings cannot be read");
+    }
 
     if (json) {
         Json::Value document;
         document["enabled"] = enabled;
         document["activeProfile"] = active;
         document["activeProfileExists"] = stored;
+        document["applyMode"] = applyMode;
         document["modulesLoaded"] = modules;
         document["trial"] = trialJson(trial);
         document["adapters"] = Json::Value(Json::arrayValue);
@@ -198,6 +203,7 @@ void status(bool json) {
         table.addRow(
             {{"In the kernel:"}, {filter.title + " " + counted(filter.loadedRules, "rule")}});
     }
+    table.addRow({{"Applied as:"}, {applyMode}});
     table.addRow({{"Kernel modules:"}, {modules ? "loaded for the firewall" : "not loaded"}});
     if (trial) {
         table.addRow({{"Trial:"}, {trialText(*trial), Paint::kDoubtful}});

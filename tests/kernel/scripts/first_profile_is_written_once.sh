@@ -15,17 +15,22 @@ keep_directory() {
     find "$kProfileDirectory" -type f -exec sha256sum -- {} + | LC_ALL=C sort
 }
 
+# The directory's files but the settings.
+profile_files() {
+    find "$kProfileDirectory" -type f ! -path "$kSettings" | LC_ALL=C sort
+}
+
 # writes_one NAME: base up adds exactly one file, the profile "default", and a second call none.
 writes_one() {
     local name=$1 added
     mkdir -p -- "$kProfileDirectory"
-    find "$kProfileDirectory" -type f | LC_ALL=C sort >"$out/$name.before"
+    profile_files >"$out/$name.before"
     keep_directory >"$out/$name.sums"
     step "$name: base up returns" base_up
     step "$name: what was there is as it was" [ -z "$(
         LC_ALL=C comm -23 "$out/$name.sums" <(keep_directory)
     )" ]
-    find "$kProfileDirectory" -type f | LC_ALL=C sort >"$out/$name.after"
+    profile_files >"$out/$name.after"
     mapfile -t added < <(LC_ALL=C comm -13 "$out/$name.before" "$out/$name.after")
     step "$name: one file more" [ "${#added[@]}" = 1 ]
     step "$name: a document of the store" [ "${added[0]%.json}" != "${added[0]}" ]
@@ -46,7 +51,9 @@ umask 022
 step 'no directory: there is one' [ -d "$kProfileDirectory" ]
 step 'no directory: others may look into it' [ "$(stat -c %a "$kProfileDirectory")" = 755 ]
 step 'no directory: and read the profile' [ \
-    "$(find "$kProfileDirectory" -name '*.json' -printf '%m\n')" = 644 ]
+    "$(find "$kProfileDirectory" -name '*.json' ! -path "$kSettings" -printf '%m\n')" = 644 ]
+step 'no directory: the settings are there, with rules applied in one transaction' [ \
+    "$(jq -c '[.status, .profile, .apply]' "$kSettings")" = '[false,"default","batch"]' ]
 step 'no directory: the profile is there' [ "$(tarnfw profile list)" = '* default' ]
 
 rm -rf -- "$kProfileDirectory"

@@ -11,7 +11,8 @@ commands=('base up' 'base down' 'base status' status enable disable reload previ
     'profile show' 'profile create' 'profile copy' 'profile rename' 'profile delete' 'profile use'
     'profile edit' 'rule add' 'rule insert' 'rule set' 'rule move' 'rule delete' 'rule on' 'rule off'
     policy blocked explain adapters services 'service reserve' 'service release' 'service update'
-    'adapter rename')
+    'adapter rename' apply-mode check diff 'geoip list' 'geoip show' 'geoip check' 'modules load'
+    'modules unload' 'modules status')
 # What they do not work without.
 declare -A arguments=(['profile create']=new ['profile copy']='default new'
     ['profile rename']='default new' ['profile delete']=deny_by_default
@@ -21,14 +22,14 @@ declare -A arguments=(['profile create']=new ['profile copy']='default new'
     ['rule on']='1 --adapter global' ['rule off']='1 --adapter global' [policy]='eth0 deny'
     [blocked]='--port tcp/22' [explain]='--port tcp/22'
     ['service reserve']='ssh allow --adapter eth0' ['service release']=ssh
-    ['adapter rename']='eth0 eth1')
+    ['adapter rename']='eth0 eth1' ['geoip show']=DE ['geoip check']=192.0.2.1)
 keep_listing before
 answers 0 --help
 silent
 for command in "${commands[@]}"; do
     says "^ *${command%% *} "
 done
-for command in "${commands[@]}" adapter base profile rule service; do
+for command in "${commands[@]}" adapter base geoip modules profile rule service; do
     read -r -a words <<<"$command"
     answers 0 "${words[@]}" -h
     silent

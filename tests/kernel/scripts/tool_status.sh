@@ -1,0 +1,107 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# status, base status, apply-mode and modules: what they say of the settings and of the kernel, in words
+# and as JSON, and what is left when they refuse.
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
+
+# --- nothing is set up -----------------------------------------------------------------------------
+
+answers 0 base status --json
+prints_json <<'END'
+{"v4": {"inOrder": true, "setUp": false, "missing": {
+    "chains": ["FIREWALL_RELOADING", "INPUT_FIREWALL", "FORWARD_FIREWALL"],
+    "jumps": [["INPUT", "FIREWALL_RELOADING"], ["INPUT", "INPUT_FIREWALL"],
+              ["FORWARD", "FIREWALL_RELOADING"], ["FORWARD", "FORWARD_FIREWALL"]]}},
+ "v6": {"inOrder": true, "setUp": false, "missing": {
+    "chains": ["FIREWALL_RELOADING", "INPUT_FIREWALL", "FORWARD_FIREWALL"],
+    "jumps": [["INPUT", "FIREWALL_RELOADING"], ["INPUT", "INPUT_FIREWALL"],
+              ["FORWARD", "FIREWALL_RELOADING"], ["FORWARD", "FORWARD_FIREWALL"]]}}}
+END
+answers 0 apply-mode
+prints <<<'lines: one command for each rule, behind closed doors'
+step 'asking writes no settings' [ ! -e "$kSettings" ]
+
+# --- a first start ---------------------------------------------------------------------------------
+
+answers 0 base up
+says "^Settings written to $kSettings: rules are applied in one transaction (\"tarnfw apply-mode\")$"
+answers 0 apply-mode
+prints <<<"batch: each family's rules go in as one transaction"
+answers 0 base status --json
+prints_json <<'END'
+{"v4": {"inOrder": true, "setUp": true, "missing": {"chains": [], "jumps": []}},
+ "v6": {"inOrder": true, "setUp": true, "missing": {"chains": [], "jumps": []}}}
+END
+
+use_profile disabled_rule_and_absent_adapter
+answers 0 apply-mode
+prints <<<'lines: one command for each rule, behind closed doors'
+answers 0 enable
+answers 0 status --json
+prints_json <<END
+{"enabled": true, "activeProfile": "disabled_rule_and_absent_adapter", "activeProfileExists": true,
+ "applyMode": "lines", "modulesLoaded": true, "trial": null,
+ "kernel": {
+  "v4": {"setUp": true, "inOrder": true, "base": "set up",
+         "loadedRules": $(iptables -S | grep -c -e '^-A INPUT_FIREWALL' -e '^-A FORWARD_FIREWALL')},
+  "v6": {"setUp": true, "inOrder": true, "base": "set up",
+         "loadedRules": $(ip6tables -S | grep -c -e '^-A INPUT_FIREWALL' -e '^-A FORWARD_FIREWALL')}},
+ "adapters": $(jq '[(.rules + .adapterPolicyMap | keys)[] as $name | {name: $name,
+    present: ($name == "global" or $name == "eth0"),
+    policy: (["allow", "deny", "no default"][.adapterPolicyMap[$name]]),
+    rules: (.rules[$name] // [] | length),
+    enabledRules: ([.rules[$name] // [] | .[] | select(.enable)] | length)}]' \
+    "$kProfileDirectory/disabled_rule_and_absent_adapter.json")}
+END
+answers 0 status
+says '^Firewall: *enabled$'
+says '^Applied as: *lines$'
+says '^In the kernel: *IPv4 [1-9][0-9]* rules\{0,1\}$'
+says '^Kernel modules: *loaded for the firewall$'
+says '^eth0  *'
+says 'not there now$'
+silent
+
+# --- how rules are applied -------------------------------------------------------------------------
+
+keep_listing lines
+cp -- "$kSettings" /tmp/settings
+answers 2 apply-mode sideways
+step 'the settings are as they were' cmp "$kSettings" /tmp/settings
+answers 0 apply-mode batch
+prints <<<"batch: each family's rules go in as one transaction"
+step 'the other settings stay' [ "$(jq -c 'del(.apply)' "$kSettings")" = "$(jq -c . /tmp/settings)" ]
+answers 0 reload
+step 'the rules are the same' same_listing lines
+answers 0 apply-mode lines
+answers 0 reload
+step 'and again' same_listing lines
+
+# --- modules ---------------------------------------------------------------------------------------
+
+answers 0 modules status
+prints <<<'Modules are loaded for "firewall"'
+answers 0 modules status --json
+step 'its own' [ "$(jq -c '[.service, .loaded]' "$out/answer")" = '["firewall",true]' ]
+step 'the modules in the list' [ "$(jq '.modules | length > 5' "$out/answer")" = true ]
+answers 0 modules status vpn
+prints <<<'Modules are not loaded for "vpn"'
+answers 1 modules unload vpn
+complains '^tarnfw: no modules are loaded for "vpn"$'
+answers 0 modules load vpn --nat
+prints <<<'Modules loaded for "vpn"'
+answers 0 modules status vpn
+prints <<<'Modules are loaded for "vpn"'
+answers 0 modules unload vpn --nat
+prints <<<'Modules released by "vpn"'
+answers 1 modules unload vpn
+answers 2 modules load 'a=b'
+answers 2 modules load ''
+answers 0 modules status
+prints <<<'Modules are loaded for "firewall"'
+
+answers 0 disable
+answers 0 modules status
+prints <<<'Modules are not loaded for "firewall"'
