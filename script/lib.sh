@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2034
-# What script/test and script/demo share. Sourced; the working directory is the checkout.
+# What the scripts share. Sourced; the working directory is the checkout.
 
 # Of Debian 12: the tools that build and check, the libraries, and what runs in the sandbox. netbase
 # has the names of the protocols that iptables reads and prints.
@@ -9,6 +9,13 @@ readonly kPackages=(
     debhelper dpkg-dev lintian systemd xz-utils
     doxygen shellcheck
     iproute2 iptables jq netbase procps python3-jsonschema python3-pexpect util-linux
+)
+
+# What the benchmarks need to build, run, count and draw.
+readonly kBenchPackages=(
+    cmake g++ gnuplot-nox ninja-build pkg-config python3
+    libbenchmark-dev libboost-dev libcli11-dev libjsoncpp-dev libkmod-dev
+    iproute2 iptables netbase util-linux valgrind
 )
 
 # install_missing PACKAGE...: nothing happens when all are there.

@@ -1,0 +1,187 @@
+"""Rows as a table, as JSON and CSV, and as input of gnuplot."""
+
+import csv
+import json
+import math
+import os
+
+from rows import growth, ratio
+
+# A side of that name is what the others of its case are compared with.
+FLOOR = 'floor'
+
+# A fit over noisy times may exceed that of n log n by this much.
+GROWTH_TOLERANCE = 0.1
+
+
+def duration(seconds):
+    if math.isnan(seconds):
+        return '-'
+    for unit, factor in (('s', 1.0), ('ms', 1e-3), ('us', 1e-6)):
+        if seconds >= factor:
+            return f'{seconds / factor:.3g} {unit}'
+    return f'{seconds / 1e-9:.3g} ns'
+
+
+def floor_of(row, rows):
+    for other in rows:
+        if (other.group, other.case, other.size, other.side) == (
+            row.group,
+            row.case,
+            row.size,
+            FLOOR,
+        ):
+            return other
+    return None
+
+
+def details(row):
+    texts = []
+    if 'lines' in row.counters and row.times:
+        texts.append(f'{row.counters["lines"] / row.median / 1e6:.2f} M lines/s')
+    if 'bytes_per_line' in row.counters:
+        texts.append(f'{row.counters["bytes_per_line"]:.0f} B/line')
+    for name, value in row.counters.items():
+        if name not in ('lines', 'bytes_per_line'):
+            texts.append(f'{name} {value:.4g}')
+    if row.peak_kib:
+        texts.append(f'peak {row.peak_kib / 1024:.0f} MiB')
+    if row.note:
+        texts.append(row.note)
+    return ', '.join(texts)
+
+
+HEAD = ('what', 'size', 'side', 'time', '+-', 'x floor', 'more')
+
+
+def table_lines(rows):
+    lines = [HEAD]
+    for row in rows:
+        times_floor = '' if row.side == FLOOR else f'{ratio(row, floor_of(row, rows)):.2f}'
+        lines.append(
+            (
+                f'{row.group} {row.case}',
+                str(row.size),
+                row.side,
+                duration(row.median),
+                '' if math.isnan(row.spread) else f'{row.spread:.0%}',
+                times_floor.replace('nan', ''),
+                details(row),
+            )
+        )
+    return lines
+
+
+def growth_lines(rows):
+    lines = []
+    for (group, case, side), (k, limit) in growth(rows).items():
+        verdict = '  FASTER THAN n log n' if k > limit + GROWTH_TOLERANCE else ''
+        lines.append(f'{group} {case}, {side}: n^{k:.2f} (n log n would be n^{limit:.2f}){verdict}')
+    return lines
+
+
+def print_table(lines):
+    widths = [max(len(line[i]) for line in lines) for i in range(len(HEAD))]
+    for line in lines:
+        print('  '.join(text.ljust(width) for text, width in zip(line, widths)).rstrip())
+
+
+def write_markdown(rows, path):
+    with open(path, 'w', encoding='utf-8') as file:
+        for number, line in enumerate(table_lines(rows)):
+            file.write('| ' + ' | '.join(line) + ' |\n')
+            if number == 0:
+                file.write('|' + '---|' * len(HEAD) + '\n')
+        file.write('\nGrowth, time against size as a power:\n\n')
+        for line in growth_lines(rows):
+            file.write(f'- {line}\n')
+
+
+def write_csv(rows, path):
+    with open(path, 'w', encoding='utf-8', newline='') as file:
+        writer = csv.writer(file)
+        writer.writerow(('group', 'case', 'side', 'size', 'seconds', 'spread', 'x_floor', 'peak_kib'))
+        for row in rows:
+            writer.writerow(
+                (
+                    row.group,
+                    row.case,
+                    row.side,
+                    row.size,
+                    f'{row.median:.9f}',
+                    f'{row.spread:.3f}',
+                    f'{ratio(row, floor_of(row, rows)):.3f}',
+                    row.peak_kib,
+                )
+            )
+
+
+def write_json(rows, path):
+    document = {
+        'rows': [
+            {
+                'group': row.group,
+                'case': row.case,
+                'side': row.side,
+                'size': row.size,
+                'times': row.times,
+                'counters': row.counters,
+                'peak_kib': row.peak_kib,
+                'note': row.note,
+            }
+            for row in rows
+        ],
+        'growth': [
+            {'group': g, 'case': c, 'side': s, 'exponent': k, 'n_log_n': limit}
+            for (g, c, s), (k, limit) in growth(rows).items()
+        ],
+    }
+    with open(path, 'w', encoding='utf-8') as file:
+        json.dump(document, file, indent=1)
+
+
+def write_plots(rows, out):
+    """A data file and a gnuplot script for each group; `script/bench` draws them."""
+    for group in dict.fromkeys(row.group for row in rows):
+        curves = {}
+        for row in rows:
+            if row.group == group and row.times:
+                curves.setdefault((row.case, row.side), []).append(
+                    (row.size, row.median, min(row.times), max(row.times))
+                )
+        curves = {key: points for key, points in curves.items() if len(points) > 1}
+        if not curves:
+            continue
+        with open(os.path.join(out, f'{group}.dat'), 'w', encoding='utf-8') as file:
+            for points in curves.values():
+                for point in points:
+                    file.write(' '.join(f'{number:.9g}' for number in point) + '\n')
+                file.write('\n\n')
+        colours = {case: i + 1 for i, case in enumerate(dict.fromkeys(c for c, _ in curves))}
+        dashes = {side: i + 1 for i, side in enumerate(dict.fromkeys(s for _, s in curves))}
+        parts = [
+            f'"{group}.dat" index {i} using 1:2 with linespoints title "{case} {side}" '
+            f'linecolor {colours[case]} dashtype {dashes[side]} pointtype {colours[case]}'
+            for i, (case, side) in enumerate(curves)
+        ]
+        with open(os.path.join(out, f'{group}.gp'), 'w', encoding='utf-8') as file:
+            file.write(
+                'set terminal svg size 900,600 noenhanced background "white"\n'
+                f'set output "{group}.svg"\n'
+                f'set title "{group}: time against size, medians"\n'
+                'set logscale xy\nset xlabel "size"\nset ylabel "seconds"\n'
+                'set format y "10^{%L}"\nset grid\nset key outside right top\n'
+                'plot ' + ', \\\n  '.join(parts) + '\n'
+            )
+
+
+def write(rows, out):
+    lines = table_lines(rows)
+    print_table(lines)
+    print('\nGrowth, time against size as a power:')
+    for line in growth_lines(rows):
+        print(f'  {line}')
+    write_json(rows, os.path.join(out, 'results.json'))
+    write_csv(rows, os.path.join(out, 'results.csv'))
+    write_markdown(rows, os.path.join(out, 'results.md'))
+    write_plots(rows, out)

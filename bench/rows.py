@@ -1,0 +1,67 @@
+"""What every group of measurements yields: rows, and what follows from several of them."""
+
+import dataclasses
+import math
+import statistics
+
+
+@dataclasses.dataclass
+class Row:
+    """One side of one case at one size. The times are seconds."""
+
+    group: str
+    case: str
+    side: str
+    size: int
+    times: list
+    counters: dict = dataclasses.field(default_factory=dict)
+    peak_kib: int = 0  # of a process that did nothing else
+    note: str = ''  # why there is no time
+
+    @property
+    def median(self):
+        return statistics.median(self.times) if self.times else math.nan
+
+    @property
+    def spread(self):
+        """Half the range from the lowest to the highest time, as a part of the median."""
+        return (max(self.times) - min(self.times)) / 2 / self.median if self.times else math.nan
+
+
+def ratio(row, floor):
+    """The median of the ratios within one run each: what slows one run down slows both sides."""
+    if not row.times or floor is None or not floor.times:
+        return math.nan
+    return statistics.median(a / b for a, b in zip(row.times, floor.times))
+
+
+def exponent(points):
+    """The k of the power n^k that fits (n, time) best; NaN for fewer than three sizes."""
+    points = [(math.log(n), math.log(t)) for n, t in points if n > 0 and t > 0]
+    if len(points) < 3:
+        return math.nan
+    mean_x = statistics.fmean(x for x, _ in points)
+    mean_y = statistics.fmean(y for _, y in points)
+    return sum((x - mean_x) * (y - mean_y) for x, y in points) / sum(
+        (x - mean_x) ** 2 for x, _ in points
+    )
+
+
+def exponent_of_n_log_n(sizes):
+    return exponent([(n, n * math.log(n)) for n in sizes if n > 1])
+
+
+def growth(rows):
+    """The exponents of every case and side: (group, case, side) -> (k, k of n log n)."""
+    found = {}
+    for key in dict.fromkeys((r.group, r.case, r.side) for r in rows):
+        # From 100 on: before that, what is the same for every size hides the growth.
+        points = [
+            (r.size, r.median)
+            for r in rows
+            if (r.group, r.case, r.side) == key and r.times and r.size >= 100
+        ]
+        k = exponent(points)
+        if not math.isnan(k):
+            found[key] = (k, exponent_of_n_log_n([n for n, _ in points]))
+    return found
