@@ -5,25 +5,21 @@
 #include <string.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
+#include <optional>
 #include <utility>
-
-#include <boost/algorithm/string/join.hpp>
-// Numbers as text, without the thousands separators of a program's locale.
-#define BOOST_LEXICAL_CAST_ASSUME_C_LOCALE
-#include <boost/lexical_cast.hpp>
 
 #include "tarncore.h"
 #include "tarnnetsdk.h"
 #include "tarnserviceconf.h"
 
-#include "tarnfirewall/fwGeoip.h"
-
 #include "fwCatalogue.h"
 #include "fwCodes.h"
+#include "fwFragments.h"
 #include "fwInterfaces.h"
 #include "fwLog.h"
-#include "fwPortMatch.h"
+#include "fwRuleTranslation.h"
 
 namespace FW {
 namespace {
@@ -51,71 +47,7 @@ constexpr const char* kNeighbourLines[] = {
 constexpr char kRouterInterfaceTool[] = "/usr/tarn/sbin/tarnnetdtool";
 constexpr char kRouterInterfaceOption[] = "--get-ipv6-router-interface";
 
-/// One address family: its key in both documents, and how its countries are asked for.
-struct Family {
-    const char* key;
-    bool ipv6;
-    const char* otherFamilysIcmp;  // a fragment that this family does not take
-};
-
-constexpr Family kFamilyV4 = {"v4", false, kIcmpV6};
-constexpr Family kFamilyV6 = {"v6", true, kIcmpV4};
-
-/// The families of an `ipType`, IPv4 first; none for a code that is unknown.
-std::vector<const Family*> familiesOf(std::int32_t ipType) {
-    std::vector<const Family*> families;
-    if (ipType == kIpV4Only || ipType == kIpBoth) {
-        families.push_back(&kFamilyV4);
-    }
-    if (ipType == kIpV6Only || ipType == kIpBoth) {
-        families.push_back(&kFamilyV6);
-    }
-    return families;
-}
-
-// ---- Addresses ----
-
-/// The text at `index`, or an empty one where the list is too short.
-std::string entryAt(const std::vector<std::string>& list, std::size_t index) {
-    return index < list.size() ? list[index] : std::string();
-}
-
-/// Appends the match of those countries that the family has data for; no entry without any.
-void appendCountries(const FWRULE& rule, const char* prefix, const Family& family,
-                     Json::Value& fragments) {
-    std::vector<std::string> usable;
-    if (FW_GEOIP().geoipSanctify(rule.ipList, family.ipv6, usable)) {
-        fragments.append(prefix + boost::join(usable, ","));
-    }
-}
-
-/// The words that open an address match on the source and on the destination side.
-struct AddressMatch {
-    const char* source;
-    const char* destination;
-
-    const char* of(const FWRULE& rule) const { return rule.ipDirect != 0 ? source : destination; }
-};
-
-constexpr AddressMatch kAddressMatch = {"-s ", "-d "};
-constexpr AddressMatch kRangeMatch = {"-m iprange --src-range ", "-m iprange --dst-range "};
-constexpr AddressMatch kCountryMatch = {"-m geoip --source-country ",
-                                        "-m geoip --destination-country "};
-
 // ---- Services ----
-
-constexpr std::size_t kMaxRawProtocols = 4;
-
-/// A service that needs IP protocols besides its ports.
-struct RawProtocols {
-    const char* service;
-    std::int32_t numbers[kMaxRawProtocols];  // 0 ends the list early
-};
-
-constexpr RawProtocols kRawProtocols[] = {
-    {"vpn_server_pptp", {47}},       // GRE
-    {"vpn_server_ipsec", {50, 51}},  // ESP and AH
-};
 
 using PortsByProtocol = std::map<FW_PORT_PROTOCOL, std::vector<std::string>>;
 
@@ -132,28 +64,21 @@ void addPorts(int protocol, const TLIBCSZLIST* list, PortsByProtocol& out) {
     }
 }
 
-void appendServicePorts(const PortsByProtocol& portsByProtocol, bool sourceSide,
-                        Json::Value& fragments) {
-    for (const auto& [protocol, ports] : portsByProtocol) {
-        if (!ports.empty()) {
-            appendPorts(protocol, sourceSide, ports, fragments);
-        }
-    }
-}
+// ---- Documents and lines ----
 
-// ---- Lines ----
+/// Lets `operation` add to the texts of a member of a document.
+template <typename Operation>
+bool appendTo(Json::Value& document, const char* member, Operation operation) {
+    Texts texts = textsOf(std::as_const(document)[member]);  // it may matter what is there
+    const auto present = static_cast<std::ptrdiff_t>(texts.size());
+    const bool result = operation(texts);
+    texts.erase(texts.begin(), texts.begin() + present);
+    appendTexts(texts, document, member);
+    return result;
+}
 
 bool startsWith(const std::string& text, const char* prefix) {
     return text.rfind(prefix, 0) == 0;
-}
-
-/// Appends a fragment behind one blank, unless it is empty.
-void appendFragment(std::string& line, const Json::Value& fragment) {
-    const std::string text = fragment.asString();
-    if (!text.empty()) {
-        line += ' ';
-        line += text;
-    }
 }
 
 // The loopback address by name as well: a platform may not count it among a host's addresses.
@@ -172,7 +97,7 @@ bool isUsableLocalIp(const std::string& localIp) {
 bool hasIpv4Address(const FWRULE& rule) {
     const bool hasAddress =
         rule.ipGroup == kIpSingle || rule.ipGroup == kIpNetwork || rule.ipGroup == kIpRange;
-    return hasAddress && isIpv4(entryAt(rule.ipList, 0));
+    return hasAddress && !rule.ipList.empty() && isIpv4(rule.ipList[0]);
 }
 
 /// The line that lets established connections pass, except from `exceptedIp` unless it is empty.
@@ -184,8 +109,8 @@ std::string establishedLine(const std::string& chainStart, const std::string& ex
 void appendFixedLines(bool acceptEstablished, const std::string& localIp, Json::Value& out) {
     const std::string exceptedV4 = !localIp.empty() && isIpv4(localIp) ? localIp : "";
     const std::string exceptedV6 = !localIp.empty() && isIpv6(localIp) ? localIp : "";
-    Json::Value& v4 = out[kFamilyV4.key][kGlobalAdapter];
-    Json::Value& v6 = out[kFamilyV6.key][kGlobalAdapter];
+    Json::Value& v4 = out["v4"][kGlobalAdapter];
+    Json::Value& v6 = out["v6"][kGlobalAdapter];
     for (const std::string& chain : FW_FIREWALL_CHAINS) {
         const std::string start = "-A " + chain;
         v4.append(start + kLoopbackLine);
@@ -211,6 +136,12 @@ FWRULE defaultRule(FW_POLICY policy) {
     rule.portGroup = kPortAny;
     return rule;
 }
+
+/// The rules of one adapter, and the one that closes them where it has a default policy.
+struct AdapterRules {
+    const std::vector<FWRULE>* rules = nullptr;
+    std::optional<FWRULE> closing;
+};
 
 struct StreamClose {
     void operator()(FILE* stream) const { (void)TLIBCPclose(stream); }
@@ -251,6 +182,84 @@ std::string routerInterface(const std::string& interface) {
     return line;  // as read: the tool prints the bare name
 }
 
+/// The interface other than that of `adapter` which routes IPv6 for it, if there is one and a rule
+/// can be repeated for it.
+std::optional<std::string> tunnelFor(RuleTranslation& translation, const std::string& adapter,
+                                     const FWRULE& rule) {
+    const std::string& interface = translation.interfaceOf(adapter);
+    std::string router = translation.routerInterfaceOf(interface);
+    if (router == interface || (translation.isForBatch() && hasIpv4Address(rule))) {
+        return std::nullopt;
+    }
+    return router;
+}
+
+/// Appends the lines of a rule to a command document. `fragments` lends its memory.
+bool appendRule(RuleTranslation& translation, const FWRULE& rule, const std::string& adapter,
+                AdapterLines& lines, Fragments& fragments) {
+    fragments.clear();
+    if (!translation.convert(adapter, rule, fragments)) {
+        return false;
+    }
+    lines.append(rule, fragments);
+    return true;
+}
+
+/// The IPv6 lines of a rule once more, for the tunnel that routes it. Failures add nothing.
+void appendTunnelRule(RuleTranslation& translation, const FWRULE& rule, const std::string& router,
+                      Json::Value& out) {
+    AdapterLines lines(out, router);
+    Fragments fragments;
+    if (!appendRule(translation, rule, router, lines, fragments)) {
+        FW_LOG_ERR("Failed to convert rule to iptables arg in 6in4 over PPPoE.");
+    }
+}
+
+/// Translates the rules of one adapter, in their order, into a command document.
+class AdapterTranslation {
+public:
+    AdapterTranslation(TARNFW_IPTABLES_RULES& translator, const std::string& adapter,
+                       Json::Value& out)
+        : translator_(translator),
+          translation_(translator),
+          adapter_(adapter),
+          out_(out),
+          lines_(out, adapter) {}
+
+    /// Skips a rule that is not for use now. False when it cannot be converted.
+    bool append(const FWRULE& rule) {
+        if (!rule.enable || adapter_ == kPppoeUsualInterface || !isEnabled() ||
+            rule.policy == FW_POLICY_NONE) {
+            return true;
+        }
+        if (!appendRule(translation_, rule, adapter_, lines_, fragments_)) {
+            return false;
+        }
+        if (const auto router = tunnelFor(translation_, adapter_, rule)) {
+            FWRULE ipv6Rule = rule;
+            ipv6Rule.ipType = kIpV6Only;
+            appendTunnelRule(translation_, ipv6Rule, *router, out_);
+        }
+        return true;
+    }
+
+private:
+    /// Asked once when the answer is yes: the translator keeps that. What it lacks it asks for, and
+    /// logs, once a rule.
+    bool isEnabled() {
+        enabled_ = enabled_ || translator_.adapterIsEnabled(adapter_);
+        return enabled_;
+    }
+
+    TARNFW_IPTABLES_RULES& translator_;
+    RuleTranslation translation_;
+    const std::string& adapter_;
+    Json::Value& out_;
+    AdapterLines lines_;
+    Fragments fragments_;
+    bool enabled_ = false;
+};
+
 }  // namespace
 
 void CatalogueRelease::operator()(TARNFW_SERVICE_LIST* list) const {
@@ -264,193 +273,56 @@ TARNFW_IPTABLES_RULES::~TARNFW_IPTABLES_RULES() = default;
 
 bool TARNFW_IPTABLES_RULES::FwRuleToIptablesArg(const std::string& adapter, const FWRULE& rule,
                                                 Json::Value& arg) {
-    if (!adapterToIptablesArg(adapter, rule, arg)) {
-        FW_LOG_ERR("Failed to adapterToIptablesArg()");
-        return false;
-    }
-    if (!ipToIptablesArg(rule, arg)) {
-        FW_LOG_ERR("Failed to ipToIptablesArg()");
-        return false;
-    }
-    if (!portToIptablesArg(rule, arg)) {
-        FW_LOG_ERR("Failed to portToIptablesArg()");
-        return false;
-    }
-    if (!chainToIptablesArg(rule, arg)) {
-        FW_LOG_ERR("Failed to chainToIptablesArg()");
-        return false;
-    }
-    if (!tableToIptablesArg(rule, arg)) {
-        FW_LOG_ERR("Failed to tableToIptablesArg()");
-        return false;
-    }
-    if (!policyToIptablesArg(rule, arg)) {
-        FW_LOG_ERR("Failed to policyToIptablesArg()");
-        return false;
-    }
-    return true;
+    Fragments fragments;
+    fragments.adapter = textsOf(std::as_const(arg)["adapter"]);  // it matters whether there are any
+    const auto present = static_cast<std::ptrdiff_t>(fragments.adapter.size());
+    const bool converted = RuleTranslation(*this).convert(adapter, rule, fragments);
+    fragments.adapter.erase(fragments.adapter.begin(), fragments.adapter.begin() + present);
+    fragments.appendTo(arg);
+    return converted;
 }
 
 bool TARNFW_IPTABLES_RULES::adapterToIptablesArg(const std::string& adapter, const FWRULE& rule,
                                                  Json::Value& arg) {
-    const std::string prefix = rule.adapterDirect != 0 ? "-i " : "-o ";
-    Json::Value& fragments = arg["adapter"];
-    for (const std::string& predefined : FW_PREDEFINED_ADAPTERS) {
-        if (adapter != predefined) {
-            continue;
-        }
-        if (predefined == kPppoeAdapter) {
-            pppoeAdaterGet();
-            if (pppoeInterface_.empty()) {
-                FW_LOG_ERR("pppoe interface is empty");
-                return false;
-            }
-            fragments.append(prefix + pppoeInterface_);
-        } else if (predefined == kVpnAdapter) {
-            if (!vpnAdatperEnum()) {
-                FW_LOG_ERR("Failed to vpnAdatperEnum()");
-                return false;
-            }
-            for (const std::string& vpn : vpnAdapters_) {
-                fragments.append(prefix + vpn);
-            }
-        } else if (predefined == kGlobalAdapter) {
-            fragments.append("");
-        } else {
-            // A name added to the list without a meaning here must not pass for an interface.
-            FW_LOG_ERR("Failed to convert pre-defined adapter %s", adapter.c_str());
-            return false;
-        }
-    }
-    if (fragments.empty()) {
-        fragments.append(prefix + adapter);
-    }
-    return true;
+    return appendTo(arg, "adapter", [&](Texts& fragments) {
+        return RuleTranslation(*this).adapterFragments(adapter, rule, fragments);
+    });
 }
 
 bool TARNFW_IPTABLES_RULES::ipToIptablesArg(const FWRULE& rule, Json::Value& arg) {
-    Json::Value& ip = arg["ip"];
-    const auto appendToEachFamily = [&](const std::string& fragment) {
-        for (const Family* const family : familiesOf(rule.ipType)) {
-            ip[family->key].append(fragment);
-        }
-    };
-    switch (rule.ipGroup) {
-        case kIpSingle:
-            appendToEachFamily(kAddressMatch.of(rule) + entryAt(rule.ipList, 0));
-            break;
-        case kIpNetwork:
-            appendToEachFamily(kAddressMatch.of(rule) + entryAt(rule.ipList, 0) + "/" +
-                               entryAt(rule.ipList, 1));
-            break;
-        case kIpNone:
-            break;  // no address, so no line: not the same as any address
-        case kIpCountries:
-            for (const Family* const family : familiesOf(rule.ipType)) {
-                appendCountries(rule, kCountryMatch.of(rule), *family, ip[family->key]);
-            }
-            break;
-        case kIpRange:
-            appendToEachFamily(kRangeMatch.of(rule) + entryAt(rule.ipList, 0) + "-" +
-                               entryAt(rule.ipList, 1));
-            break;
-        case kIpAny:
-            // Whatever the rule's families are; the assembly of the lines keeps to them.
-            ip[kFamilyV4.key].append("");
-            ip[kFamilyV6.key].append("");
-            break;
-        default:
-            // Logged, yet no failure: the rule yields no line. False would end the translation and
-            // leave the machine with no rules at all.
-            FW_LOG_ERR("Unknown ip group %d", rule.ipGroup);
-            break;
-    }
-    return true;
+    Fragments fragments;
+    const bool converted = RuleTranslation::ipFragments(rule, fragments.ip);
+    fragments.appendTo(arg);
+    return converted;
 }
 
 bool TARNFW_IPTABLES_RULES::portToIptablesArg(const FWRULE& rule, Json::Value& arg) {
-    switch (rule.portGroup) {
-        case kPortServices:
-        case kPortServicesReserved:
-            if (!servPortToCmd(rule.portList, arg)) {
-                FW_LOG_ERR("Failed to servPortToCmd()");
-                return false;
-            }
-            return true;
-        case kPortCustom:
-            appendPorts(rule.protocol, rule.portDirect != 0, rule.portList, arg["port"]);
-            return true;
-        case kPortAny:
-            arg["port"].append("");
-            return true;
-        default:
-            // No failure, for the reason given in ipToIptablesArg().
-            FW_LOG_ERR("Unknown port group %d", rule.portGroup);
-            return true;
-    }
+    return appendTo(arg, "port", [&](Texts& fragments) {
+        return RuleTranslation(*this).portFragments(rule, fragments);
+    });
 }
 
 bool TARNFW_IPTABLES_RULES::chainToIptablesArg(const FWRULE& rule, Json::Value& arg) {
-    for (const std::string& chain : rule.chainList) {
-        arg["chain"].append("-A " + chain);
-    }
-    return true;
+    return appendTo(arg, "chain", [&](Texts& fragments) {
+        return RuleTranslation::chainFragments(rule, fragments);
+    });
 }
 
 bool TARNFW_IPTABLES_RULES::tableToIptablesArg(const FWRULE& rule, Json::Value& arg) {
-    arg["table"].append("-t " + rule.table);
-    return true;
+    return appendTo(arg, "table", [&](Texts& fragments) {
+        return RuleTranslation::tableFragments(rule, fragments);
+    });
 }
 
 bool TARNFW_IPTABLES_RULES::policyToIptablesArg(const FWRULE& rule, Json::Value& arg) {
-    switch (rule.policy) {
-        case FW_POLICY_ALLOW:
-            // Back to the calling chain: what other components filter there still applies.
-            arg["policy"].append("-j RETURN");
-            return true;
-        case FW_POLICY_DENY:
-            arg["policy"].append("-j DROP");
-            return true;
-        case FW_POLICY_NONE:
-            return true;
-        default:
-            FW_LOG_ERR("Unknown policy %d", rule.policy);
-            return false;
-    }
+    return appendTo(arg, "policy", [&](Texts& fragments) {
+        return RuleTranslation::policyFragments(rule, fragments);
+    });
 }
 
 void TARNFW_IPTABLES_RULES::iptablesArgToCmd(const std::string& adapter, const FWRULE& rule,
                                              const Json::Value& arg, Json::Value& out) {
-    const std::string target = arg["policy"][0U].asString();
-    const auto appendLine = [&](const std::string& line, const Family& family) {
-        Json::Value& lines = out[family.key][adapter];
-        if (rule.blLog) {
-            lines.append(line + " -j LOG");
-        }
-        lines.append(line + " " + target);
-    };
-    for (const Json::Value& table : arg["table"]) {
-        for (const Json::Value& chain : arg["chain"]) {
-            const std::string start = table.asString() + " " + chain.asString();
-            for (const Family* const family : familiesOf(rule.ipType)) {
-                for (const Json::Value& interface : arg["adapter"]) {
-                    for (const Json::Value& ip : arg["ip"][family->key]) {
-                        std::string match = start;
-                        appendFragment(match, interface);
-                        appendFragment(match, ip);
-                        for (const Json::Value& port : arg["port"]) {
-                            if (port == family->otherFamilysIcmp) {
-                                continue;
-                            }
-                            std::string line = match;
-                            appendFragment(line, port);
-                            appendLine(line, *family);
-                        }
-                    }
-                }
-            }
-        }
-    }
+    AdapterLines(out, adapter).append(rule, Fragments::of(arg, rule.ipType));
 }
 
 // ---- Adapters ----
@@ -541,28 +413,9 @@ bool TARNFW_IPTABLES_RULES::servToPorts(const std::vector<std::string>& services
 
 bool TARNFW_IPTABLES_RULES::servPortToCmd(const std::vector<std::string>& services,
                                           Json::Value& arg) {
-    ServPort ports;
-    if (!servToPorts(services, ports)) {
-        FW_LOG_ERR("Failed to servToPorts()");
-        return false;
-    }
-    Json::Value& fragments = arg["port"];
-    appendServicePorts(ports.srcPorts, /*sourceSide=*/true, fragments);
-    appendServicePorts(ports.dstPorts, /*sourceSide=*/false, fragments);
-    for (const std::string& name : services) {
-        for (const RawProtocols& entry : kRawProtocols) {
-            if (name != entry.service) {
-                continue;
-            }
-            for (const std::int32_t number : entry.numbers) {
-                if (number == 0) {
-                    break;
-                }
-                fragments.append("-p " + boost::lexical_cast<std::string>(number) + " ");
-            }
-        }
-    }
-    return true;
+    return appendTo(arg, "port", [&](Texts& fragments) {
+        return RuleTranslation(*this).serviceFragments(services, fragments);
+    });
 }
 
 // ---- Whole profiles ----
@@ -577,28 +430,24 @@ bool TARNFW_IPTABLES_RULES::fwRulesToIptablesRules(
     }
     appendFixedLines(acceptEstablished, localIp, out);
 
-    std::map<std::string, std::vector<FWRULE>> completed = rules;
+    std::map<std::string, AdapterRules> completed;
+    for (const auto& [adapter, list] : rules) {
+        completed[adapter].rules = &list;
+    }
     for (const auto& [adapter, policy] : adapterPolicy) {
         if (adapter != kPppoeUsualInterface && adapterIsEnabled(adapter)) {
-            completed[adapter].push_back(defaultRule(policy));
+            completed[adapter].closing = defaultRule(policy);
         }
     }
 
     for (const auto& [adapter, list] : completed) {
-        for (const FWRULE& rule : list) {
-            if (!rule.enable || adapter == kPppoeUsualInterface || !adapterIsEnabled(adapter) ||
-                rule.policy == FW_POLICY_NONE) {
-                continue;
-            }
-            Json::Value arg;
-            (void)iptablesRulesInit(arg);
-            if (!FwRuleToIptablesArg(adapter, rule, arg)) {
-                return false;
-            }
-            iptablesArgToCmd(adapter, rule, arg, out);
-            FWRULE ipv6Rule = rule;
-            ipv6Rule.ipType = kIpV6Only;
-            iptables6in4ToCmd(adapter, ipv6Rule, out);
+        AdapterTranslation translation(*this, adapter, out);
+        const auto append = [&](const FWRULE& rule) { return translation.append(rule); };
+        if (list.rules != nullptr && !std::all_of(list.rules->begin(), list.rules->end(), append)) {
+            return false;
+        }
+        if (list.closing && !append(*list.closing)) {
+            return false;
         }
     }
     return true;
@@ -616,38 +465,23 @@ bool TARNFW_IPTABLES_RULES::iptablesRulesInit(Json::Value& arg) {
     }
     Json::Value& ip = arg["ip"];
     ip = Json::Value(Json::objectValue);
-    ip[kFamilyV4.key] = Json::Value(Json::arrayValue);
-    ip[kFamilyV6.key] = Json::Value(Json::arrayValue);
+    ip["v4"] = Json::Value(Json::arrayValue);
+    ip["v6"] = Json::Value(Json::arrayValue);
     return true;
 }
 
 bool TARNFW_IPTABLES_RULES::jIptablesCmdInit(Json::Value& out) {
-    out[kFamilyV4.key] = Json::Value();
-    out[kFamilyV6.key] = Json::Value();
+    out["v4"] = Json::Value();
+    out["v6"] = Json::Value();
     return true;
 }
 
 void TARNFW_IPTABLES_RULES::iptables6in4ToCmd(const std::string& adapter, const FWRULE& rule,
                                               Json::Value& out) {
-    std::string interface = adapter;
-    if (adapter == kPppoeAdapter) {
-        pppoeAdaterGet();
-        interface = pppoeInterface_;
+    RuleTranslation translation(*this);
+    if (const auto router = tunnelFor(translation, adapter, rule)) {
+        appendTunnelRule(translation, rule, *router, out);
     }
-    const std::string router = routerInterfaceOf(interface);
-    if (router == interface) {
-        return;  // no separate interface for IPv6
-    }
-    if (routerInterfaces_ && hasIpv4Address(rule)) {
-        return;
-    }
-    Json::Value arg;
-    (void)iptablesRulesInit(arg);
-    if (!FwRuleToIptablesArg(router, rule, arg)) {
-        FW_LOG_ERR("Failed to convert rule to iptables arg in 6in4 over PPPoE.");
-        return;
-    }
-    iptablesArgToCmd(router, rule, arg, out);
 }
 
 void TARNFW_IPTABLES_RULES::translateForBatch() {

@@ -1,8 +1,6 @@
 /// Protocol and port matches, for ports that a rule lists and for those of services alike.
 #pragma once
 
-#include <json/json.h>
-
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -17,6 +15,6 @@ inline constexpr char kIcmpV6[] = "-p icmpv6 ";
 /// given as texts, "80" or "6000-6010": "-p tcp --dport 80", or "-p tcp -m multiport --dports
 /// 80,6000:6010".
 void appendPorts(std::int32_t protocol, bool sourceSide, const std::vector<std::string>& ports,
-                 Json::Value& fragments);
+                 std::vector<std::string>& fragments);
 
 }  // namespace FW

@@ -1,6 +1,7 @@
 /// Platform functions that stand in front of those of platform/host, because the dynamic linker
 /// finds a program's own first: the interfaces of a machine with a VPN server, and the tool that is
 /// asked for the router interface, answered without a process. So the library's own work shows.
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -53,8 +54,8 @@ FILE* TLIBCPopen(const char* /*path*/, const char* mode, ...) {
         last = word;
     }
     va_end(arguments);
-    answer.length =
-        static_cast<std::size_t>(std::snprintf(answer.name, sizeof(answer.name), "%s", last));
+    answer.length = std::min(std::strlen(last), sizeof(answer.name));
+    std::memcpy(answer.name, last, answer.length);
     answer.offset = 0;
     return stream;
 }

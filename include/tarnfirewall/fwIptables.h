@@ -16,6 +16,8 @@ struct TARNFW_SERVICE_LIST;
 
 namespace FW {
 
+class RuleTranslation;
+
 /// Releases the platform's service catalogue.
 struct CatalogueRelease {
     void operator()(TARNFW_SERVICE_LIST* list) const;
@@ -149,6 +151,8 @@ protected:
     void translateForBatch();
 
 private:
+    friend class RuleTranslation;  // the mappings themselves, for use without documents
+
     std::string routerInterfaceOf(const std::string& interface);
 
     std::vector<std::string> enabledAdapters_;

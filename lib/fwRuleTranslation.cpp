@@ -1,0 +1,288 @@
+#include "fwRuleTranslation.h"
+
+#include <boost/algorithm/string/join.hpp>
+// Numbers as text, without the thousands separators of a program's locale.
+#define BOOST_LEXICAL_CAST_ASSUME_C_LOCALE
+#include <boost/lexical_cast.hpp>
+
+#include "tarnfirewall/fwGeoip.h"
+
+#include "fwCodes.h"
+#include "fwLog.h"
+#include "fwPortMatch.h"
+
+namespace FW {
+namespace {
+
+constexpr char kSource[] = "fwIptables";
+
+// ---- Addresses ----
+
+/// The words that open an address match on the source and on the destination side.
+struct AddressMatch {
+    const char* source;
+    const char* destination;
+
+    const char* of(const FWRULE& rule) const { return rule.ipDirect != 0 ? source : destination; }
+};
+
+constexpr AddressMatch kAddressMatch = {"-s ", "-d "};
+constexpr AddressMatch kRangeMatch = {"-m iprange --src-range ", "-m iprange --dst-range "};
+constexpr AddressMatch kCountryMatch = {"-m geoip --source-country ",
+                                        "-m geoip --destination-country "};
+
+/// Appends the text at `index`, or nothing where the list is too short.
+void appendEntry(std::string& text, const Texts& list, std::size_t index) {
+    if (index < list.size()) {
+        text += list[index];
+    }
+}
+
+/// The match of the first address of a list, or of the first two with `separator` in between.
+std::string addressMatch(const char* words, const FWRULE& rule, char separator = '\0') {
+    std::string match = words;
+    appendEntry(match, rule.ipList, 0);
+    if (separator != '\0') {
+        match += separator;
+        appendEntry(match, rule.ipList, 1);
+    }
+    return match;
+}
+
+/// Appends the match of those countries that the family has data for; no entry without any.
+void appendCountries(const FWRULE& rule, const Family& family, Texts& fragments) {
+    Texts usable;
+    if (FW_GEOIP().geoipSanctify(rule.ipList, family.ipv6(), usable)) {
+        fragments.push_back(kCountryMatch.of(rule) + boost::join(usable, ","));
+    }
+}
+
+// ---- Services ----
+
+constexpr std::size_t kMaxRawProtocols = 4;
+
+/// A service that needs IP protocols besides its ports.
+struct RawProtocols {
+    const char* service;
+    std::int32_t numbers[kMaxRawProtocols];  // 0 ends the list early
+};
+
+constexpr RawProtocols kRawProtocols[] = {
+    {"vpn_server_pptp", {47}},       // GRE
+    {"vpn_server_ipsec", {50, 51}},  // ESP and AH
+};
+
+using PortsByProtocol = std::map<FW_PORT_PROTOCOL, Texts>;
+
+void appendServicePorts(const PortsByProtocol& portsByProtocol, bool sourceSide, Texts& fragments) {
+    for (const auto& [protocol, ports] : portsByProtocol) {
+        if (!ports.empty()) {
+            appendPorts(protocol, sourceSide, ports, fragments);
+        }
+    }
+}
+
+void appendRawProtocols(const std::string& service, Texts& fragments) {
+    for (const RawProtocols& entry : kRawProtocols) {
+        if (service != entry.service) {
+            continue;
+        }
+        for (const std::int32_t number : entry.numbers) {
+            if (number == 0) {
+                break;
+            }
+            fragments.push_back("-p " + boost::lexical_cast<std::string>(number) + " ");
+        }
+    }
+}
+
+}  // namespace
+
+const std::string& RuleTranslation::interfaceOf(const std::string& adapter) {
+    if (adapter != kPppoeAdapter) {
+        return adapter;
+    }
+    translator_.pppoeAdaterGet();
+    return translator_.pppoeInterface_;
+}
+
+std::string RuleTranslation::routerInterfaceOf(const std::string& interface) const {
+    return translator_.routerInterfaceOf(interface);
+}
+
+bool RuleTranslation::isForBatch() const {
+    return translator_.routerInterfaces_.has_value();
+}
+
+bool RuleTranslation::convert(const std::string& adapter, const FWRULE& rule,
+                              Fragments& fragments) {
+    if (!adapterFragments(adapter, rule, fragments.adapter)) {
+        FW_LOG_ERR("Failed to adapterToIptablesArg()");
+        return false;
+    }
+    if (!ipFragments(rule, fragments.ip)) {
+        FW_LOG_ERR("Failed to ipToIptablesArg()");
+        return false;
+    }
+    if (!portFragments(rule, fragments.port)) {
+        FW_LOG_ERR("Failed to portToIptablesArg()");
+        return false;
+    }
+    if (!chainFragments(rule, fragments.chain)) {
+        FW_LOG_ERR("Failed to chainToIptablesArg()");
+        return false;
+    }
+    if (!tableFragments(rule, fragments.table)) {
+        FW_LOG_ERR("Failed to tableToIptablesArg()");
+        return false;
+    }
+    if (!policyFragments(rule, fragments.policy)) {
+        FW_LOG_ERR("Failed to policyToIptablesArg()");
+        return false;
+    }
+    return true;
+}
+
+bool RuleTranslation::adapterFragments(const std::string& adapter, const FWRULE& rule,
+                                       Texts& fragments) {
+    const char* const prefix = rule.adapterDirect != 0 ? "-i " : "-o ";
+    for (const std::string& predefined : FW_PREDEFINED_ADAPTERS) {
+        if (adapter != predefined) {
+            continue;
+        }
+        if (predefined == kPppoeAdapter) {
+            translator_.pppoeAdaterGet();
+            if (translator_.pppoeInterface_.empty()) {
+                FW_LOG_ERR("pppoe interface is empty");
+                return false;
+            }
+            fragments.push_back(prefix + translator_.pppoeInterface_);
+        } else if (predefined == kVpnAdapter) {
+            if (!translator_.vpnAdatperEnum()) {
+                FW_LOG_ERR("Failed to vpnAdatperEnum()");
+                return false;
+            }
+            for (const std::string& vpn : translator_.vpnAdapters_) {
+                fragments.push_back(prefix + vpn);
+            }
+        } else if (predefined == kGlobalAdapter) {
+            fragments.emplace_back();
+        } else {
+            // A name added to the list without a meaning here must not pass for an interface.
+            FW_LOG_ERR("Failed to convert pre-defined adapter %s", adapter.c_str());
+            return false;
+        }
+    }
+    if (fragments.empty()) {
+        fragments.push_back(prefix + adapter);
+    }
+    return true;
+}
+
+bool RuleTranslation::ipFragments(const FWRULE& rule, std::array<Texts, 2>& fragments) {
+    const auto appendToEachFamily = [&](const std::string& match) {
+        for (const Family& family : kFamilies) {
+            if (family.isOf(rule.ipType)) {
+                fragments[family.index].push_back(match);
+            }
+        }
+    };
+    switch (rule.ipGroup) {
+        case kIpSingle:
+            appendToEachFamily(addressMatch(kAddressMatch.of(rule), rule));
+            break;
+        case kIpNetwork:
+            appendToEachFamily(addressMatch(kAddressMatch.of(rule), rule, '/'));
+            break;
+        case kIpNone:
+            break;  // no address, so no line: not the same as any address
+        case kIpCountries:
+            for (const Family& family : kFamilies) {
+                if (family.isOf(rule.ipType)) {
+                    appendCountries(rule, family, fragments[family.index]);
+                }
+            }
+            break;
+        case kIpRange:
+            appendToEachFamily(addressMatch(kRangeMatch.of(rule), rule, '-'));
+            break;
+        case kIpAny:
+            // Whatever the rule's families are; the assembly of the lines keeps to them.
+            fragments[0].emplace_back();
+            fragments[1].emplace_back();
+            break;
+        default:
+            // Logged, yet no failure: the rule yields no line. False would end the translation and
+            // leave the machine with no rules at all.
+            FW_LOG_ERR("Unknown ip group %d", rule.ipGroup);
+            break;
+    }
+    return true;
+}
+
+bool RuleTranslation::portFragments(const FWRULE& rule, Texts& fragments) {
+    switch (rule.portGroup) {
+        case kPortServices:
+        case kPortServicesReserved:
+            if (!serviceFragments(rule.portList, fragments)) {
+                FW_LOG_ERR("Failed to servPortToCmd()");
+                return false;
+            }
+            return true;
+        case kPortCustom:
+            appendPorts(rule.protocol, rule.portDirect != 0, rule.portList, fragments);
+            return true;
+        case kPortAny:
+            fragments.emplace_back();
+            return true;
+        default:
+            // No failure, for the reason given in ipFragments().
+            FW_LOG_ERR("Unknown port group %d", rule.portGroup);
+            return true;
+    }
+}
+
+bool RuleTranslation::serviceFragments(const Texts& services, Texts& fragments) {
+    ServPort ports;
+    if (!translator_.servToPorts(services, ports)) {
+        FW_LOG_ERR("Failed to servToPorts()");
+        return false;
+    }
+    appendServicePorts(ports.srcPorts, /*sourceSide=*/true, fragments);
+    appendServicePorts(ports.dstPorts, /*sourceSide=*/false, fragments);
+    for (const std::string& name : services) {
+        appendRawProtocols(name, fragments);
+    }
+    return true;
+}
+
+bool RuleTranslation::chainFragments(const FWRULE& rule, Texts& fragments) {
+    for (const std::string& chain : rule.chainList) {
+        fragments.push_back("-A " + chain);
+    }
+    return true;
+}
+
+bool RuleTranslation::tableFragments(const FWRULE& rule, Texts& fragments) {
+    fragments.push_back("-t " + rule.table);
+    return true;
+}
+
+bool RuleTranslation::policyFragments(const FWRULE& rule, Texts& fragments) {
+    switch (rule.policy) {
+        case FW_POLICY_ALLOW:
+            // Back to the calling chain: what other components filter there still applies.
+            fragments.emplace_back("-j RETURN");
+            return true;
+        case FW_POLICY_DENY:
+            fragments.emplace_back("-j DROP");
+            return true;
+        case FW_POLICY_NONE:
+            return true;
+        default:
+            FW_LOG_ERR("Unknown policy %d", rule.policy);
+            return false;
+    }
+}
+
+}  // namespace FW

@@ -1,0 +1,46 @@
+/// Rules to fragments: the one piece of code for each mapping. TARNFW_IPTABLES_RULES offers the
+/// mappings one by one, on documents; a whole profile goes through here without them.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+
+#include "tarnfirewall/fwIptables.h"
+
+#include "fwFragments.h"
+
+namespace FW {
+
+/// Every operation appends. What it needs of the machine it asks the translator for, which keeps
+/// it.
+class RuleTranslation {
+public:
+    explicit RuleTranslation(TARNFW_IPTABLES_RULES& translator) : translator_(translator) {}
+
+    /// The interface of `adapter`, which is that of the connection for "pppoe".
+    const std::string& interfaceOf(const std::string& adapter);
+
+    /// The interface that routes IPv6 for `interface`, which may be itself.
+    std::string routerInterfaceOf(const std::string& interface) const;
+
+    /// Whether the lines are for one transaction.
+    bool isForBatch() const;
+
+    /// All fragments of a rule. False at the first kind that fails, logged; those before it stay.
+    bool convert(const std::string& adapter, const FWRULE& rule, Fragments& fragments);
+
+    bool adapterFragments(const std::string& adapter, const FWRULE& rule, Texts& fragments);
+    static bool ipFragments(const FWRULE& rule, std::array<Texts, 2>& fragments);
+    bool portFragments(const FWRULE& rule, Texts& fragments);
+    bool serviceFragments(const Texts& services, Texts& fragments);
+    static bool chainFragments(const FWRULE& rule, Texts& fragments);
+    static bool tableFragments(const FWRULE& rule, Texts& fragments);
+    static bool policyFragments(const FWRULE& rule, Texts& fragments);
+
+private:
+    TARNFW_IPTABLES_RULES& translator_;
+};
+
+}  // namespace FW
