@@ -218,10 +218,10 @@ void appendTunnelRule(RuleTranslation& translation, const FWRULE& rule, const st
 /// Translates the rules of one adapter, in their order, into a command document.
 class AdapterTranslation {
 public:
-    AdapterTranslation(TARNFW_IPTABLES_RULES& translator, const std::string& adapter,
-                       Json::Value& out)
+    AdapterTranslation(TARNFW_IPTABLES_RULES& translator, RuleTranslation& translation,
+                       const std::string& adapter, Json::Value& out)
         : translator_(translator),
-          translation_(translator),
+          translation_(translation),
           adapter_(adapter),
           out_(out),
           lines_(out, adapter) {}
@@ -252,7 +252,7 @@ private:
     }
 
     TARNFW_IPTABLES_RULES& translator_;
-    RuleTranslation translation_;
+    RuleTranslation& translation_;
     const std::string& adapter_;
     Json::Value& out_;
     AdapterLines lines_;
@@ -291,7 +291,7 @@ bool TARNFW_IPTABLES_RULES::adapterToIptablesArg(const std::string& adapter, con
 
 bool TARNFW_IPTABLES_RULES::ipToIptablesArg(const FWRULE& rule, Json::Value& arg) {
     Fragments fragments;
-    const bool converted = RuleTranslation::ipFragments(rule, fragments.ip);
+    const bool converted = RuleTranslation(*this).ipFragments(rule, fragments.ip);
     fragments.appendTo(arg);
     return converted;
 }
@@ -440,9 +440,10 @@ bool TARNFW_IPTABLES_RULES::fwRulesToIptablesRules(
         }
     }
 
+    RuleTranslation translation(*this);
     for (const auto& [adapter, list] : completed) {
-        AdapterTranslation translation(*this, adapter, out);
-        const auto append = [&](const FWRULE& rule) { return translation.append(rule); };
+        AdapterTranslation lines(*this, translation, adapter, out);
+        const auto append = [&](const FWRULE& rule) { return lines.append(rule); };
         if (list.rules != nullptr && !std::all_of(list.rules->begin(), list.rules->end(), append)) {
             return false;
         }

@@ -49,14 +49,6 @@ std::string addressMatch(const char* words, const FWRULE& rule, char separator =
     return match;
 }
 
-/// Appends the match of those countries that the family has data for; no entry without any.
-void appendCountries(const FWRULE& rule, const Family& family, Texts& fragments) {
-    Texts usable;
-    if (FW_GEOIP().geoipSanctify(rule.ipList, family.ipv6(), usable)) {
-        fragments.push_back(kCountryMatch.of(rule) + boost::join(usable, ","));
-    }
-}
-
 // ---- Services ----
 
 constexpr std::size_t kMaxRawProtocols = 4;
@@ -220,6 +212,20 @@ bool RuleTranslation::ipFragments(const FWRULE& rule, std::array<Texts, 2>& frag
     return true;
 }
 
+/// Appends the match of those countries that the family has data for; no entry without any.
+void RuleTranslation::appendCountries(const FWRULE& rule, const Family& family, Texts& fragments) {
+    std::map<Texts, std::string>& known = countries_[family.index];
+    auto usable = known.find(rule.ipList);
+    if (usable == known.end()) {
+        Texts found;
+        if (!FW_GEOIP().geoipSanctify(rule.ipList, family.ipv6(), found)) {
+            return;  // and is asked again, since it may log
+        }
+        usable = known.emplace(rule.ipList, boost::join(found, ",")).first;
+    }
+    fragments.push_back(kCountryMatch.of(rule) + usable->second);
+}
+
 bool RuleTranslation::portFragments(const FWRULE& rule, Texts& fragments) {
     switch (rule.portGroup) {
         case kPortServices:
@@ -243,16 +249,22 @@ bool RuleTranslation::portFragments(const FWRULE& rule, Texts& fragments) {
 }
 
 bool RuleTranslation::serviceFragments(const Texts& services, Texts& fragments) {
-    ServPort ports;
-    if (!translator_.servToPorts(services, ports)) {
-        FW_LOG_ERR("Failed to servToPorts()");
-        return false;
+    auto known = services_.find(services);
+    if (known == services_.end()) {
+        ServPort ports;
+        if (!translator_.servToPorts(services, ports)) {
+            FW_LOG_ERR("Failed to servToPorts()");
+            return false;
+        }
+        Texts found;
+        appendServicePorts(ports.srcPorts, /*sourceSide=*/true, found);
+        appendServicePorts(ports.dstPorts, /*sourceSide=*/false, found);
+        for (const std::string& name : services) {
+            appendRawProtocols(name, found);
+        }
+        known = services_.emplace(services, std::move(found)).first;
     }
-    appendServicePorts(ports.srcPorts, /*sourceSide=*/true, fragments);
-    appendServicePorts(ports.dstPorts, /*sourceSide=*/false, fragments);
-    for (const std::string& name : services) {
-        appendRawProtocols(name, fragments);
-    }
+    fragments.insert(fragments.end(), known->second.begin(), known->second.end());
     return true;
 }
 

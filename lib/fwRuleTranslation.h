@@ -13,8 +13,9 @@
 
 namespace FW {
 
-/// Every operation appends. What it needs of the machine it asks the translator for, which keeps
-/// it.
+/// Every operation appends. What it needs of the machine it asks the translator for.
+/// One object is for one translation: the countries and services that a rule names are looked up
+/// for the first rule that names just these.
 class RuleTranslation {
 public:
     explicit RuleTranslation(TARNFW_IPTABLES_RULES& translator) : translator_(translator) {}
@@ -32,7 +33,7 @@ public:
     bool convert(const std::string& adapter, const FWRULE& rule, Fragments& fragments);
 
     bool adapterFragments(const std::string& adapter, const FWRULE& rule, Texts& fragments);
-    static bool ipFragments(const FWRULE& rule, std::array<Texts, 2>& fragments);
+    bool ipFragments(const FWRULE& rule, std::array<Texts, 2>& fragments);
     bool portFragments(const FWRULE& rule, Texts& fragments);
     bool serviceFragments(const Texts& services, Texts& fragments);
     static bool chainFragments(const FWRULE& rule, Texts& fragments);
@@ -40,7 +41,11 @@ public:
     static bool policyFragments(const FWRULE& rule, Texts& fragments);
 
 private:
+    void appendCountries(const FWRULE& rule, const Family& family, Texts& fragments);
+
     TARNFW_IPTABLES_RULES& translator_;
+    std::array<std::map<Texts, std::string>, 2> countries_;  // by Family::index: the usable ones
+    std::map<Texts, Texts> services_;                        // their fragments
 };
 
 }  // namespace FW
