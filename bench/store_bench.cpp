@@ -56,6 +56,9 @@ void profileGet(benchmark::State& state, const Stored&) {
 void profileSet(benchmark::State& state, const Stored& stored) {
     const FW::FWPROFILE profile = makeProfile("p0", RuleKind::Plain, stored.rules);
     for (auto _ : state) {
+        state.PauseTiming();
+        letFilesAge();
+        state.ResumeTiming();
         require(FW::TARNFW_JSON_DB().profileSet("p0", profile));
     }
 }

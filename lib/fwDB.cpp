@@ -20,6 +20,7 @@
 #include "fwCodes.h"
 #include "fwLog.h"
 #include "fwPaths.h"
+#include "fwStoreFiles.h"
 
 namespace FW {
 namespace {
@@ -29,6 +30,8 @@ constexpr char kSource[] = "fwDB";
 constexpr char kProfilePattern[] = "/usr/tarn/etc/firewall.d/*.json";
 constexpr char kProfileExtension[] = ".json";
 
+constexpr char kPoliciesKey[] = "adapterPolicyMap";  // of a profile
+
 constexpr char kExportProfiles[] = "config_profiles";
 constexpr char kExportSettings[] = "config_firewall_settings";
 constexpr char kExportVersion[] = "config_version";
@@ -37,13 +40,15 @@ constexpr Json::UInt kExportVersionNumber = 1;
 // The random part of a file name: a number below this is added to the time.
 constexpr int kStemSpread = 100;
 
+using Policies = std::map<std::string, FW_POLICY>;
+
 /// The paths that match the store's pattern, sorted, for as long as the object lives.
-class ProfileFiles {
+class ProfilePaths {
 public:
-    ProfileFiles() : found_(glob(kProfilePattern, GLOB_ERR, nullptr, &paths_) == 0) {}
-    ~ProfileFiles() { globfree(&paths_); }
-    ProfileFiles(const ProfileFiles&) = delete;
-    ProfileFiles& operator=(const ProfileFiles&) = delete;
+    ProfilePaths() : found_(glob(kProfilePattern, GLOB_ERR, nullptr, &paths_) == 0) {}
+    ~ProfilePaths() { globfree(&paths_); }
+    ProfilePaths(const ProfilePaths&) = delete;
+    ProfilePaths& operator=(const ProfilePaths&) = delete;
 
     bool found() const { return found_; }
     std::size_t count() const { return paths_.gl_pathc; }
@@ -130,15 +135,123 @@ FWRULE jsonToRule(const Json::Value& in) {
     return rule;
 }
 
-/// A profile as profileSet() stores it: every adapter with rules has a default policy, and that of
-/// "global", where any other would decide for every interface, is always "no target".
-FWPROFILE withDefaultPolicies(FWPROFILE profile) {
-    for (const auto& [adapter, rules] : profile.rules) {
-        profile.adapterPolicyMap.emplace(
-            adapter, adapter == kGlobalAdapter ? FW_POLICY_NONE : FW_POLICY_ALLOW);
+Json::Value policiesToJson(const Policies& policies) {
+    Json::Value out;
+    for (const auto& [adapter, policy] : policies) {
+        out[adapter] = static_cast<Json::Int>(policy);
     }
-    profile.adapterPolicyMap[kGlobalAdapter] = FW_POLICY_NONE;
-    return profile;
+    return out;
+}
+
+/// Appends the rules of a document; an adapter without any gets no entry.
+void appendRules(const Json::Value& in, std::map<std::string, std::vector<FWRULE>>& rules) {
+    for (auto member = in.begin(); member != in.end(); ++member) {
+        std::vector<FWRULE>* list = nullptr;
+        for (const Json::Value& rule : *member) {
+            if (list == nullptr) {
+                list = &rules[member.name()];
+            }
+            list->push_back(jsonToRule(rule));
+        }
+    }
+}
+
+/// The policies as profileSet() stores them: every adapter with rules has one, and that of
+/// "global", where any other would decide for every interface, is always "no target".
+Policies withDefaults(const FWPROFILE& profile) {
+    Policies policies = profile.adapterPolicyMap;
+    for (const auto& [adapter, rules] : profile.rules) {
+        policies.emplace(adapter, adapter == kGlobalAdapter ? FW_POLICY_NONE : FW_POLICY_ALLOW);
+    }
+    policies[kGlobalAdapter] = FW_POLICY_NONE;
+    return policies;
+}
+
+// ---- Steps of operations ----
+//
+// Each works on the files of its operation and goes through the directory itself: what changes
+// between two steps counts.
+
+// Which documents an operation needs, besides the names.
+bool keepNone(const std::string& /*name*/) {
+    return false;
+}
+bool keepAll(const std::string& /*name*/) {
+    return true;
+}
+auto keepOne(const std::string& wanted) {
+    return [wanted](const std::string& name) { return name == wanted; };
+}
+
+/// The index: the stem of each profile's file. Returns false, logged, when there are no files.
+bool indexCreate(StoreFiles& files, std::map<std::string, std::string>& stems) {
+    const ProfilePaths paths;
+    if (!paths.found()) {
+        FW_LOG_ERR("Fail to read file from %s", kFirewallDir);
+        return false;
+    }
+    // Backwards, so that of two files with one name the first one's entry is written last.
+    for (std::size_t i = paths.count(); i-- > 0;) {
+        const std::string path = paths.path(i);
+        const Json::Value* const name = files.nameIn(path);
+        if (name == nullptr) {
+            FW_LOG_ERR("Failed to load json from %s", path.c_str());
+        } else if (!name->isNull()) {
+            stems[name->asString()] = fileStem(path);
+        }
+    }
+    return true;
+}
+
+/// The same for an operation that ends without an index, which it logs.
+bool indexCreateLogged(StoreFiles& files, std::map<std::string, std::string>& stems) {
+    if (!indexCreate(files, stems)) {
+        FW_LOG_ERR("Failed to create meta json from %s", kFirewallDir);
+        return false;
+    }
+    return true;
+}
+
+void indexToMeta(const std::map<std::string, std::string>& stems, Json::Value& meta) {
+    for (const auto& [name, stem] : stems) {
+        Json::Value entry(Json::objectValue);
+        entry["fileName"] = stem;
+        meta[name] = std::move(entry);
+    }
+}
+
+std::string pathGet(StoreFiles& files, const std::string& name) {
+    std::map<std::string, std::string> stems;
+    if (!indexCreateLogged(files, stems)) {
+        return "";
+    }
+    const auto found = stems.find(name);
+    return found == stems.end() ? "" : pathOfStem(found->second);
+}
+
+bool exists(StoreFiles& files, const std::string& name) {
+    return TLIBCFileExist(pathGet(files, name).c_str()) == 1;
+}
+
+bool recordGet(TARNFW_JSON_DB& store, StoreFiles& files, const std::string& name, FWPROFILE& out) {
+    if (!exists(files, name)) {
+        FW_LOG_ERR("Failed to profileGet %s due to not exist", name.c_str());
+        return false;
+    }
+    Json::Value document;
+    if (!files.load(pathGet(files, name), document)) {
+        FW_LOG_ERR("Failed to profileDbLoad()");
+        return false;
+    }
+    try {
+        FWPROFILE profile = out;
+        store.jsonToProfile(document, profile);
+        out = std::move(profile);
+    } catch (const Json::Exception& mismatch) {
+        FW_LOG_ERR("Failed to convert profile %s: %s", name.c_str(), mismatch.what());
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -146,36 +259,18 @@ FWPROFILE withDefaultPolicies(FWPROFILE profile) {
 // ---- Index and paths ----
 
 bool TARNFW_JSON_DB::profileMetaCreate(Json::Value& meta) {
-    const ProfileFiles files;
-    if (!files.found()) {
-        FW_LOG_ERR("Fail to read file from %s", kFirewallDir);
+    StoreFiles files(keepNone);
+    std::map<std::string, std::string> stems;
+    if (!indexCreate(files, stems)) {
         return false;
     }
-    // Backwards, so that of two files with one name the first one's entry is written last.
-    for (std::size_t i = files.count(); i-- > 0;) {
-        const std::string path = files.path(i);
-        Json::Value document;
-        if (!jsonFileLoad(document, path)) {
-            FW_LOG_ERR("Failed to load json from %s", path.c_str());
-            continue;
-        }
-        if (!document.isObject() || !document["name"].isString()) {
-            continue;  // the settings file, for one
-        }
-        Json::Value entry(Json::objectValue);
-        entry["fileName"] = fileStem(path);
-        meta[document["name"].asString()] = entry;
-    }
+    indexToMeta(stems, meta);
     return true;
 }
 
 std::string TARNFW_JSON_DB::profilePathGet(const std::string& name) {
-    Json::Value meta;
-    if (!profileMetaCreate(meta)) {
-        FW_LOG_ERR("Failed to create meta json from %s", kFirewallDir);
-        return "";
-    }
-    return meta.isMember(name) ? pathOfStem(meta[name]["fileName"].asString()) : "";
+    StoreFiles files(keepNone);
+    return pathGet(files, name);
 }
 
 std::string TARNFW_JSON_DB::profilePathNameGen(const Json::Value& meta) {
@@ -201,18 +296,22 @@ std::string TARNFW_JSON_DB::profilePathNameGen(const Json::Value& meta) {
 // ---- Documents ----
 
 bool TARNFW_JSON_DB::profileDbLoad(const std::string& name, Json::Value& out) {
-    return jsonFileLoad(out, profilePathGet(name));
+    StoreFiles files(keepOne(name));
+    return files.load(pathGet(files, name), out);
 }
 
 bool TARNFW_JSON_DB::profileDbDump(const std::string& name, const Json::Value& doc) {
-    Json::Value meta;
-    if (!profileMetaCreate(meta)) {
-        FW_LOG_ERR("Failed to create meta json from %s", kFirewallDir);
+    StoreFiles files(keepNone);
+    std::map<std::string, std::string> stems;
+    if (!indexCreateLogged(files, stems)) {
         return false;
     }
-    const std::string path =
-        meta.isMember(name) ? profilePathGet(name) : pathOfStem(profilePathNameGen(meta));
-    return jsonFileDump(doc, path);
+    if (stems.count(name) != 0) {
+        return jsonFileDump(doc, pathGet(files, name));
+    }
+    Json::Value meta;
+    indexToMeta(stems, meta);
+    return jsonFileDump(doc, pathOfStem(profilePathNameGen(meta)));
 }
 
 bool TARNFW_JSON_DB::profileDbRemove(const std::string& name) {
@@ -232,30 +331,31 @@ bool TARNFW_JSON_DB::profileDelete(const std::string& name) {
 // ---- Profiles ----
 
 bool TARNFW_JSON_DB::profileExist(const std::string& name) {
-    return TLIBCFileExist(profilePathGet(name).c_str()) == 1;
+    StoreFiles files(keepNone);
+    return exists(files, name);
 }
 
 bool TARNFW_JSON_DB::profileEnum(std::vector<std::string>& names) {
-    Json::Value meta;
-    if (!profileMetaCreate(meta)) {
-        FW_LOG_ERR("Failed to create meta json from %s", kFirewallDir);
+    StoreFiles files(keepNone);
+    std::map<std::string, std::string> stems;
+    if (!indexCreateLogged(files, stems)) {
         return false;
     }
-    for (const std::string& name : meta.getMemberNames()) {
+    for (const auto& [name, stem] : stems) {
         names.push_back(name);
     }
     return true;
 }
 
 bool TARNFW_JSON_DB::profileEnum(std::map<std::string, FWPROFILE>& profiles) {
-    Json::Value meta;
-    if (!profileMetaCreate(meta)) {
-        FW_LOG_ERR("Failed to create meta json from %s", kFirewallDir);
+    StoreFiles files(keepAll);
+    std::map<std::string, std::string> stems;
+    if (!indexCreateLogged(files, stems)) {
         return false;
     }
-    for (const std::string& name : meta.getMemberNames()) {
+    for (const auto& [name, stem] : stems) {
         FWPROFILE profile;
-        if (!profileGet(name, profile)) {
+        if (!recordGet(*this, files, name, profile)) {
             // The name of the record that failed, which is empty: the lines before it tell more.
             FW_LOG_ERR("Failed to profileDbLoad() [%s]", profile.name.c_str());
             return false;
@@ -266,29 +366,14 @@ bool TARNFW_JSON_DB::profileEnum(std::map<std::string, FWPROFILE>& profiles) {
 }
 
 bool TARNFW_JSON_DB::profileGet(const std::string& name, FWPROFILE& out) {
-    if (!profileExist(name)) {
-        FW_LOG_ERR("Failed to profileGet %s due to not exist", name.c_str());
-        return false;
-    }
-    Json::Value document;
-    if (!profileDbLoad(name, document)) {
-        FW_LOG_ERR("Failed to profileDbLoad()");
-        return false;
-    }
-    try {
-        FWPROFILE profile = out;
-        jsonToProfile(document, profile);
-        out = std::move(profile);
-    } catch (const Json::Exception& mismatch) {
-        FW_LOG_ERR("Failed to convert profile %s: %s", name.c_str(), mismatch.what());
-        return false;
-    }
-    return true;
+    StoreFiles files(keepOne(name));
+    return recordGet(*this, files, name, out);
 }
 
 bool TARNFW_JSON_DB::profileSet(const std::string& name, const FWPROFILE& profile) {
     Json::Value document;
-    profileToJson(withDefaultPolicies(profile), document);
+    profileToJson(profile, document);
+    document[kPoliciesKey] = policiesToJson(withDefaults(profile));
     if (!profileDbDump(name, document)) {
         FW_LOG_ERR("Failed to profileDbDump()");
         return false;
@@ -311,7 +396,8 @@ bool TARNFW_JSON_DB::profileCreate(const std::string& name) {
 }
 
 bool TARNFW_JSON_DB::profileRename(const std::string& oldName, const std::string& newName) {
-    if (profileExist(newName)) {
+    StoreFiles files(keepOne(oldName));
+    if (exists(files, newName)) {
         FW_LOG_ERR("profile %s already exist", newName.c_str());
         return false;
     }
@@ -322,7 +408,7 @@ bool TARNFW_JSON_DB::profileRename(const std::string& oldName, const std::string
         return false;
     }
     FWPROFILE profile;
-    if (!profileGet(oldName, profile)) {
+    if (!recordGet(*this, files, oldName, profile)) {
         FW_LOG_ERR("Failed to get profile %s", oldName.c_str());
         return false;
     }
@@ -330,7 +416,7 @@ bool TARNFW_JSON_DB::profileRename(const std::string& oldName, const std::string
     const std::string storedName = std::exchange(profile.name, newName);
     Json::Value document;
     profileToJson(profile, document);
-    if (!jsonFileDump(document, profilePathGet(storedName))) {
+    if (!jsonFileDump(document, pathGet(files, storedName))) {
         FW_LOG_ERR("Failed to jsonFileDump [%s]", newName.c_str());
         return false;
     }
@@ -415,11 +501,7 @@ bool TARNFW_JSON_DB::importConfig(const Json::Value& in) {
 void TARNFW_JSON_DB::profileToJson(const FWPROFILE& profile, Json::Value& out) {
     out["name"] = profile.name;
     ruleListToJson(profile.rules, out["rules"]);
-    Json::Value& policies = out["adapterPolicyMap"];
-    policies = Json::Value();
-    for (const auto& [adapter, policy] : profile.adapterPolicyMap) {
-        policies[adapter] = static_cast<Json::Int>(policy);
-    }
+    out[kPoliciesKey] = policiesToJson(profile.adapterPolicyMap);
 }
 
 void TARNFW_JSON_DB::ruleListToJson(const std::map<std::string, std::vector<FWRULE>>& rules,
@@ -441,8 +523,8 @@ void TARNFW_JSON_DB::ruleListToJson(const std::map<std::string, std::vector<FWRU
 
 void TARNFW_JSON_DB::jsonToProfile(const Json::Value& in, FWPROFILE& profile) {
     profile.name = in["name"].asString();
-    jsonToRuleList(in["rules"], profile.rules);
-    const Json::Value& policies = in["adapterPolicyMap"];
+    appendRules(in["rules"], profile.rules);
+    const Json::Value& policies = in[kPoliciesKey];
     for (const std::string& adapter : policies.getMemberNames()) {
         profile.adapterPolicyMap[adapter] = static_cast<FW_POLICY>(policies[adapter].asInt());
     }
@@ -450,11 +532,7 @@ void TARNFW_JSON_DB::jsonToProfile(const Json::Value& in, FWPROFILE& profile) {
 
 void TARNFW_JSON_DB::jsonToRuleList(Json::Value in,
                                     std::map<std::string, std::vector<FWRULE>>& rules) {
-    for (const std::string& adapter : in.getMemberNames()) {
-        for (const Json::Value& rule : in[adapter]) {
-            rules[adapter].push_back(jsonToRule(rule));
-        }
-    }
+    appendRules(in, rules);
 }
 
 }  // namespace FW

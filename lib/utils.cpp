@@ -16,6 +16,7 @@
 
 #include "tarnsdk.h"
 
+#include "fwJsonFile.h"
 #include "fwLog.h"
 #include "fwPaths.h"
 
@@ -37,8 +38,8 @@ constexpr long kLockMicroseconds = 30 * 1000 * 1000;
 class DataFileLock {
 public:
     /// Waits for the lock; raises the lock library's exception when its file cannot be opened.
-    explicit DataFileLock(const std::string& dataPath)
-        : file_(getLockFile(dataPath).c_str()), lock_(file_, deadline()) {}
+    explicit DataFileLock(const std::string& lockPath)
+        : file_(lockPath.c_str()), lock_(file_, deadline()) {}
 
     bool held() const { return lock_.owns(); }
 
@@ -102,12 +103,22 @@ std::string getLockFile(const std::string& path) {
     return lockPath;
 }
 
+bool isInLockDirectory(const std::string& lockPath) {
+    return lockPath.rfind(kLockDir, 0) == 0;
+}
+
 bool jsonFileLoad(Json::Value& value, const std::string& path) {
+    std::string lockPath;
+    return jsonFileLoad(value, path, lockPath);
+}
+
+bool jsonFileLoad(Json::Value& value, const std::string& path, std::string& lockPath) {
     if (!pathExists(path)) {
         FW_LOG_ERR("File %s does not exist", path.c_str());
         return false;
     }
-    const DataFileLock lock(path);
+    lockPath = getLockFile(path);
+    const DataFileLock lock(lockPath);
     if (!lock.held()) {
         FW_LOG_ERR("Failed to get lock timeout");
         return false;
@@ -133,7 +144,7 @@ bool jsonFileLoad(Json::Value& value, const std::string& path) {
 }
 
 bool jsonFileDump(const Json::Value& value, const std::string& path) {
-    const DataFileLock lock(path);
+    const DataFileLock lock(getLockFile(path));
     if (!lock.held()) {
         FW_LOG_ERR("Failed to get lock timeout");
         return false;

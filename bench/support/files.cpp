@@ -1,6 +1,7 @@
 #include "files.h"
 
 #include <json/json.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -8,7 +9,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
 #include "tarnfirewall/fwDB.h"
 
@@ -33,9 +33,11 @@ void writeFile(const std::string& path, const std::string& content) {
     }
 }
 
-std::string readFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+void letFilesAge() {
+    timespec tick{};
+    (void)clock_getres(CLOCK_REALTIME_COARSE, &tick);
+    tick.tv_nsec *= 2;
+    (void)nanosleep(&tick, nullptr);
 }
 
 std::vector<std::string> storeProfiles(int profiles, int rules) {
@@ -57,6 +59,7 @@ std::vector<std::string> storeProfiles(int profiles, int rules) {
         texts.push_back(Json::StyledWriter().write(document));
         writeFile(kProfileDir + std::to_string(1700000000 + i) + ".json", texts.back());
     }
+    letFilesAge();
     return texts;
 }
 

@@ -12,7 +12,10 @@ inline const std::string kGeoipDir = "/usr/share/xt_geoip/";
 void requireSandbox();
 
 void writeFile(const std::string& path, const std::string& content);  ///< makes directories
-std::string readFile(const std::string& path);
+
+/// Waits until what is written from here on has a later time than all that was written before: for
+/// a file of just now, the store takes it that it may change unseen. Milliseconds.
+void letFilesAge();
 
 /// Makes the only files of the profile directory: settings, and profiles of `rules` rules each.
 /// The active one is "p0". Returns the texts of all files.
