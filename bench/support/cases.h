@@ -8,11 +8,12 @@
 #include <string>
 
 /// Registers one measurement. `run` is called with the state and the size; its setup stands before
-/// the loop over the state.
-inline void measure(const std::string& subject, const std::string& side, int size,
-                    const std::function<void(benchmark::State&, int)>& run) {
+/// the loop over the state. Returns what was registered, for what else there is to set.
+inline benchmark::internal::Benchmark* measure(
+    const std::string& subject, const std::string& side, int size,
+    const std::function<void(benchmark::State&, int)>& run) {
     const std::string name = subject + "/" + side + "/" + std::to_string(size);
-    benchmark::RegisterBenchmark(name.c_str(), [run, size](benchmark::State& state) {
-        run(state, size);
-    })->Unit(benchmark::kMicrosecond);
+    return benchmark::RegisterBenchmark(name.c_str(),
+                                        [run, size](benchmark::State& state) { run(state, size); })
+        ->Unit(benchmark::kMicrosecond);
 }
