@@ -18,6 +18,9 @@ readonly kBenchPackages=(
     iproute2 iptables netbase util-linux valgrind
 )
 
+# What the README's picture needs besides.
+readonly kPicturePackages=(python3-rich)
+
 # install_missing PACKAGE...: nothing happens when all are there.
 install_missing() {
     local package missing=()
