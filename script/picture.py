@@ -24,6 +24,6 @@ for command in COMMANDS:
 picture = console.export_svg(title="tarnfw")
 # The fonts of the page that shows the picture do.
 picture = re.sub(r"@font-face \{.*?\}\n", "", picture, flags=re.DOTALL)
-picture = picture.replace("Fira Code, monospace", "monospace")
+picture = re.sub(r"<!-- .*? -->\n?", "", picture).replace("Fira Code, monospace", "monospace")
 with open(sys.argv[1], "w", encoding="utf-8") as out:
     out.write(picture)

@@ -61,7 +61,7 @@ void blocked(const BlockedOptions& options) {
         printJson(document);
     } else {
         printHeading(options, questions);
-        Table table({"ADAPTER", "VERDICT", ""});
+        Table table({"Adapter", "Verdict", ""});
         for (const AdapterAnswer& answer : answers) {
             table.addRow({{answer.adapter, Paint::kPlain},
                           {verdictText(answer.verdict), verdictPaint(answer.verdict)},

@@ -115,7 +115,7 @@ Json::Value decisionDocument(const Decider& decider, FW::FW_PORT_PROTOCOL protoc
 }
 
 void printDecisions(const Decider& decider, const std::vector<AdapterDecisions>& found) {
-    Table table({"ADAPTER", "PORT", "VERDICT", "DECIDED BY"});
+    Table table({"Adapter", "Port", "Verdict", "Decided by"});
     for (const AdapterDecisions& adapter : found) {
         for (const auto& [protocol, decision] : adapter.decisions) {
             std::string reason = decider.reason(decision);

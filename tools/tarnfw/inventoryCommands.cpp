@@ -109,7 +109,7 @@ std::string nowText(const Adapter& adapter) {
 
 void printAdapters(const FW::FWPROFILE& profile, const std::vector<Adapter>& adapters) {
     std::cout << "Profile \"" << printable(profile.name) << "\" (active)\n";
-    Table table({"ADAPTER", "NOW", "ADDRESSES", "DEFAULT", "RULES"});
+    Table table({"Adapter", "Now", "Addresses", "Default", "Rules"});
     for (const Adapter& adapter : adapters) {
         std::string rules = std::to_string(adapter.rules);
         if (adapter.rulesOff > 0) {
@@ -229,7 +229,7 @@ void services(const std::string& pattern, bool json) {
         printJson(document);
         return;
     }
-    Table table({"SERVICE", "TITLE", "PORTS"});
+    Table table({"Service", "Title", "Ports"});
     for (const Service& service : found) {
         const bool usable = !service.title.empty();
         table.addRow({{service.name, usable ? Paint::kPlain : Paint::kFaint},

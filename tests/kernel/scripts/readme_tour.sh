@@ -6,5 +6,5 @@ export PATH=$build/tools/tarnfw:$PATH LC_ALL=C.UTF-8
 unset SSH_CONNECTION
 cd /root
 keep_listing before
-step 'the tour' /usr/bin/python3 "$checkout/tests/kernel/scripts/readme_tour.py" "$checkout/README.md"
+step 'the tour' /usr/bin/python3 "$checkout/tests/kernel/scripts/readme_tour.py" "$checkout/README.md" ${TARN_TOUR_OUT:+"$out/README.md"}
 step 'nothing is left in the packet filter' same_listing before

@@ -40,7 +40,7 @@ answers 10 blocked --port tcp/22
 silent
 prints <<'END'
 Profile "deny_by_default", tcp/22
-ADAPTER  VERDICT
+Adapter  Verdict
 global   undecided  left to the adapters
 eth0     mixed      allowed from some addresses, blocked from others
 eth1     allowed    absent now
@@ -54,7 +54,7 @@ END
 answers 0 blocked --service https --adapter eth0
 prints <<'END'
 Profile "deny_by_default", service https (tcp/443)
-ADAPTER  VERDICT
+Adapter  Verdict
 global   undecided  left to the adapters
 eth0     allowed
 END
@@ -231,7 +231,7 @@ answers 10 explain --port tcp/7001-7010 --adapter eth0 --from 192.168.1.20
 silent
 prints <<'END'
 Profile "mixture", tcp/7001-7010
-ADAPTER  PORT           VERDICT  DECIDED BY
+Adapter  Port           Verdict  Decided by
 eth0     tcp/7001-7002  allowed  rule 2 of global: allow tcp 7001-7002 from anywhere, outgoing
 eth0     tcp/7003       blocked  the default policy of eth0: deny
 eth0     tcp/7004       allowed  rule 3 of eth0: allow tcp/udp 7004,7006-7008 from 192.168.1.15-192.168.1.25 (IPv4)

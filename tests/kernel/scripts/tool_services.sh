@@ -96,7 +96,7 @@ answers 0 adapters
 silent
 prints <<'END'
 Profile "home" (active)
-ADAPTER  NOW                ADDRESSES               DEFAULT     RULES
+Adapter  Now                Addresses               Default     Rules
 eth0     up                 192.168.1.10, fd00::10  deny        2 (1 off)
 eth5     absent                                     allow       1
 global   every adapter                              no default  0
@@ -136,7 +136,7 @@ cat >/usr/tarn/etc/services.d/test.json <<'END'
 END
 answers 0 services
 silent
-says '^SERVICE  *TITLE  *PORTS$'
+says '^Service  *Title  *Ports$'
 says '^ssh  *Secure shell (SSH)  *tcp 22$'
 says '^kept_out  *(kept out of the firewall)  *tcp 1$'
 says '^two_sided  *Two sides  *tcp/udp 53,60-61, from udp 67$'
