@@ -25,5 +25,6 @@ picture = console.export_svg(title="tarnfw")
 # The fonts of the page that shows the picture do.
 picture = re.sub(r"@font-face \{.*?\}\n", "", picture, flags=re.DOTALL)
 picture = re.sub(r"<!-- .*? -->\n?", "", picture).replace("Fira Code, monospace", "monospace")
+picture = picture.replace("<text ", '<text xml:space="preserve" ')
 with open(sys.argv[1], "w", encoding="utf-8") as out:
     out.write(picture)
