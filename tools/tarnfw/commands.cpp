@@ -14,6 +14,8 @@ void addCommands(CLI::App& app) {
     addPreviewCommand(app);
     addCheckCommand(app);
     addDiffCommand(app);
+    addExportCommand(app);
+    addImportCommand(app);
     addGeoipCommands(app);
     addModulesCommands(app);
     addBaseCommands(app);

@@ -20,6 +20,8 @@ void addBlockedCommands(CLI::App& app);    ///< blocked, explain
 void addPreviewCommand(CLI::App& app);     ///< preview
 void addCheckCommand(CLI::App& app);       ///< check
 void addDiffCommand(CLI::App& app);        ///< diff
+void addExportCommand(CLI::App& app);      ///< export
+void addImportCommand(CLI::App& app);      ///< import
 void addGeoipCommands(CLI::App& app);      ///< geoip list, show, check
 void addModulesCommands(CLI::App& app);    ///< modules load, unload, status
 void addBaseCommands(CLI::App& app);       ///< base up, down, status

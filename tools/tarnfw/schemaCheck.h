@@ -10,6 +10,9 @@
 
 namespace tarnfw {
 
+/// The text of docs/export.schema.json.
+extern const char kExportSchema[];
+
 /// The text of docs/profile.schema.json.
 extern const char kProfileSchema[];
 

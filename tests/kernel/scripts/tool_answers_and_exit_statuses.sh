@@ -11,8 +11,8 @@ commands=('base up' 'base down' 'base status' status enable disable reload previ
     'profile show' 'profile create' 'profile copy' 'profile rename' 'profile delete' 'profile use'
     'profile edit' 'rule add' 'rule insert' 'rule set' 'rule move' 'rule delete' 'rule on' 'rule off'
     policy blocked explain adapters services 'service reserve' 'service release' 'service update'
-    'adapter rename' apply-mode check diff 'geoip list' 'geoip show' 'geoip check' 'modules load'
-    'modules unload' 'modules status')
+    'adapter rename' apply-mode check diff export import 'geoip list' 'geoip show' 'geoip check'
+    'modules load' 'modules unload' 'modules status')
 # What they do not work without.
 declare -A arguments=(['profile create']=new ['profile copy']='default new'
     ['profile rename']='default new' ['profile delete']=deny_by_default
@@ -22,7 +22,8 @@ declare -A arguments=(['profile create']=new ['profile copy']='default new'
     ['rule on']='1 --adapter global' ['rule off']='1 --adapter global' [policy]='eth0 deny'
     [blocked]='--port tcp/22' [explain]='--port tcp/22'
     ['service reserve']='ssh allow --adapter eth0' ['service release']=ssh
-    ['adapter rename']='eth0 eth1' ['geoip show']=DE ['geoip check']=192.0.2.1)
+    ['adapter rename']='eth0 eth1' [import]=/tmp/none.json ['geoip show']=DE
+    ['geoip check']=192.0.2.1)
 keep_listing before
 answers 0 --help
 silent

@@ -1,0 +1,105 @@
+#include "exportCheck.h"
+
+#include <algorithm>
+#include <map>
+#include <string>
+
+#include <boost/algorithm/string/predicate.hpp>
+
+#include "configuration.h"
+#include "profileCheck.h"
+#include "schemaCheck.h"
+
+namespace tarnfw {
+namespace {
+
+// What the library adds to the name for a moment, ".lock" and ".tmp", must fit as well.
+constexpr std::size_t kNameBytes = 250;
+
+constexpr char kSettingsName[] = "firewall_settings.json";
+
+/// Why a key cannot be the name of a profile's file; empty when it can. The library appends it to
+/// the directory as it stands.
+std::string faultOfKey(const std::string& key) {
+    if (key.find('/') != std::string::npos) {
+        return "would leave the profile directory";
+    }
+    if (boost::starts_with(key, ".")) {
+        return "begins with a dot, and would not be found";
+    }
+    if (!boost::ends_with(key, ".json")) {
+        return "does not end in \".json\", and would not be found";
+    }
+    if (key == kSettingsName) {
+        return "is the settings' file";
+    }
+    if (key.size() > kNameBytes) {
+        return "is too long";
+    }
+    const bool printed = std::all_of(key.begin(), key.end(), [](char c) {
+        return static_cast<unsigned char>(c) >= ' ' && c != 0x7f;
+    });
+    return printed ? "" : "has control characters";
+}
+
+std::string below(const std::string& base, const std::string& where) {
+    if (where.empty()) {
+        return base;
+    }
+    return base + (where.front() == '[' ? "" : ".") + where;
+}
+
+void checkKeysAndNames(const Json::Value& document, Findings& findings) {
+    const Json::Value& profiles = document[kConfigProfiles];
+    std::map<std::string, std::string> paths;  // by profile name
+    for (const std::string& key : profiles.getMemberNames()) {
+        const std::string path = memberPath(kConfigProfiles, key);
+        const std::string fault = faultOfKey(key);
+        if (!fault.empty()) {
+            findings.error(path, fault);
+        }
+        if (!profiles[key].isObject() || !profiles[key]["name"].isString()) {
+            continue;  // the schema says so
+        }
+        const std::string name = profiles[key]["name"].asString();
+        const auto [known, isNew] = paths.emplace(name, path);
+        if (!isNew) {
+            findings.error(memberPath(path, "name"),
+                           quoted(name) + " is the name of " + known->second + " as well");
+        }
+    }
+    const Json::Value& settings = document[kConfigSettings];
+    if (settings.isObject() && settings["profile"].isString() &&
+        paths.count(settings["profile"].asString()) == 0) {
+        findings.error(memberPath(kConfigSettings, "profile"),
+                       quoted(settings["profile"].asString()) + " is none of the profiles");
+    }
+}
+
+}  // namespace
+
+ExportFindings checkExport(const Json::Value& document) {
+    ExportFindings all;
+    all.document = checkSchema(document, kExportSchema);
+    if (!document.isObject() || !document[kConfigProfiles].isObject()) {
+        return all;
+    }
+    Findings findings;
+    checkKeysAndNames(document, findings);
+    const std::vector<Finding> more = findings.take();
+    all.document.insert(all.document.end(), more.begin(), more.end());
+
+    const Json::Value& profiles = document[kConfigProfiles];
+    for (const std::string& key : profiles.getMemberNames()) {
+        if (!profiles[key].isObject() || !profiles[key]["name"].isString()) {
+            continue;
+        }
+        for (Finding finding : checkProfile(profiles[key])) {
+            finding.where = below(memberPath(kConfigProfiles, key), finding.where);
+            all.profiles.push_back(std::move(finding));
+        }
+    }
+    return all;
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,294 @@
+/// tarnfw import: replaces the whole configuration by an exported one.
+#include <signal.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "tarncore.h"
+#include "tarnsdk.h"
+
+#include "tarnfirewall/fwDB.h"
+#include "tarnfirewall/tarnFW.h"
+
+#include "command.h"
+#include "commands.h"
+#include "configuration.h"
+#include "documentFile.h"
+#include "exportCheck.h"
+#include "importPlan.h"
+#include "output.h"
+#include "store.h"
+#include "wholeFile.h"
+
+namespace tarnfw {
+namespace {
+
+// Beside the profile directory and not in it, where the library would read it. What is replaced
+// was perhaps not for everybody to see.
+constexpr char kBackupDir[] = "/usr/tarn/etc/firewall.d.backup/";
+constexpr mode_t kBackupDirMode = 0700;
+constexpr mode_t kBackupFileMode = 0600;
+
+struct Options {
+    std::string path;
+    bool dryRun = false;
+    bool yes = false;
+    bool force = false;
+    bool reload = false;
+    bool json = false;
+};
+
+// ---- Checks -------------------------------------------------------------------------------------
+
+/// The name that a document goes by in findings.
+std::string sourceOf(const std::string& path) {
+    return path == kStandardInput ? "standard input" : path;
+}
+
+void complain(const std::string& source, const std::vector<Finding>& findings) {
+    for (const Finding& finding : findings) {
+        std::cerr << lineOf(source, finding) << '\n';
+    }
+}
+
+std::size_t errorsIn(const std::vector<Finding>& findings) {
+    return static_cast<std::size_t>(std::count_if(
+        findings.begin(), findings.end(), [](const Finding& finding) { return finding.isError; }));
+}
+
+/// Reads and checks the document. Says what is wrong with it, and refuses one with errors.
+Json::Value checkedDocument(const Options& options) {
+    const std::string source = sourceOf(options.path);
+    Json::Value document;
+    const std::vector<Finding> syntax = parseDocument(readText(options.path), document);
+    complain(source, syntax);
+    std::size_t errors = errorsIn(syntax);
+    if (errors == 0) {
+        const ExportFindings findings = checkExport(document);
+        complain(source, findings.document);
+        complain(source, findings.profiles);
+        errors = errorsIn(findings.document) + (options.force ? 0 : errorsIn(findings.profiles));
+    }
+    if (errors > 0) {
+        throw CommandFailed(
+            "nothing was imported: " + counted(errors, "error") + " in " + printable(source),
+            kExitUnchecked);
+    }
+    return document;
+}
+
+/// Refuses to write over what no backup would hold: files that are no profile or cannot be read.
+void requireRoomFor(const Json::Value& document, const Json::Value& current) {
+    for (const std::string& key : document[kConfigProfiles].getMemberNames()) {
+        const std::string path = kProfileDir + key;
+        if (!current[kConfigProfiles].isMember(key) && TLIBCFileExist(path.c_str()) == 1) {
+            throw CommandFailed("nothing was imported: " + printable(path) +
+                                " would be replaced, and is no profile that a backup could keep; "
+                                "move it away first");
+        }
+    }
+}
+
+// ---- Backup -------------------------------------------------------------------------------------
+
+/// "2026-11-21_06-14-56", by the clock on the wall.
+std::string timeText() {
+    const std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    (void)localtime_r(&now, &parts);
+    std::array<char, 32> text{};
+    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%d_%H-%M-%S", &parts)};
+}
+
+/// Keeps what the store holds. Returns the file's path.
+std::string keepBackup(const Json::Value& current) {
+    if (TARNFSMkdirP(kBackupDir, nullptr, 1, 0, 0, kBackupDirMode) < 0 ||
+        chmod(kBackupDir, kBackupDirMode) != 0) {
+        throw CommandFailed(std::string("nothing was imported: cannot make the directory ") +
+                            kBackupDir);
+    }
+    const std::string start = kBackupDir + timeText();
+    std::string path = start + ".json";
+    for (int number = 2; TLIBCFileExist(path.c_str()) == 1; ++number) {
+        path = start;
+        path.append("_").append(std::to_string(number)).append(".json");
+    }
+    writeWholeFile(path, documentText(current), kBackupFileMode, Existing::kKept);
+    return path;
+}
+
+/// The command that brings a backup back.
+std::string recovery(const std::string& path, const Json::Value& backup) {
+    const bool whole = errorsIn(checkExport(backup).profiles) == 0;
+    return "tarnfw import " + std::string(whole ? "" : "--force ") + path;
+}
+
+// ---- Replacing ----------------------------------------------------------------------------------
+
+/// Signals that would end the tool wait until the object is gone: between the first profile that is
+/// deleted and the last one that is written, the store is not whole.
+class SignalsWait {
+public:
+    SignalsWait() {
+        sigset_t signals;
+        sigemptyset(&signals);
+        for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE}) {
+            sigaddset(&signals, number);
+        }
+        sigprocmask(SIG_BLOCK, &signals, &before_);
+    }
+    ~SignalsWait() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsWait(const SignalsWait&) = delete;
+    SignalsWait& operator=(const SignalsWait&) = delete;
+
+private:
+    sigset_t before_{};
+};
+
+/// Imports, and looks at what is there then: the library passes over a profile that it cannot
+/// write, and does not notice a full disk. Returns why it failed; empty when it did not.
+std::string faultOfReplacing(const Json::Value& document) {
+    try {
+        if (!FW::TARNFW_JSON_DB().importConfig(document)) {
+            return "the settings cannot be written";
+        }
+        return configurationIs(document) ? "" : "not everything was written as it should be";
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
+
+/// Takes away what a failed import has written and the library would not: files that cannot be
+/// read count for it neither as profiles nor as settings.
+void clearAway(const Json::Value& document) {
+    for (const std::string& key : document[kConfigProfiles].getMemberNames()) {
+        (void)unlink((kProfileDir + key).c_str());
+    }
+    (void)unlink(kSettingsFile);  // all of them are in what is put back
+}
+
+/// Replaces the configuration, or leaves the one that was there.
+void replace(const Json::Value& document, const Json::Value& current, const std::string& backup) {
+    const SignalsWait wait;
+    const std::string fault = faultOfReplacing(document);
+    if (fault.empty()) {
+        return;
+    }
+    const std::string failed = "the import failed (" + fault + ")";
+    if (backup.empty()) {
+        throw CommandFailed(failed + "; there was nothing to put back");
+    }
+    clearAway(document);
+    if (faultOfReplacing(current).empty()) {
+        throw CommandFailed(failed + "; what was there before is back");
+    }
+    throw CommandFailed(failed + ", and so did putting back what was there before; \"" +
+                        recovery(backup, current) + "\" tries again");
+}
+
+/// Says what the import means for the kernel, or does it with --reload.
+void apply(bool reload, bool wasEnabled) {
+    const bool enabled = firewallEnabled();
+    if (!enabled && wasEnabled) {
+        if (reload && !FW::TARNFW().fwDisable()) {
+            throw CommandFailed("the firewall's settings cannot be written");
+        }
+        std::cout << (reload ? "Firewall disabled\n"
+                             : "The firewall is now disabled in the settings; the kernel still has "
+                               "the old rules until \"tarnfw disable\"\n");
+    } else if (reload) {
+        reloadActive();
+    } else if (enabled) {
+        std::cout << "The kernel still has the old rules; \"tarnfw reload\" applies the new ones\n";
+    }
+}
+
+// ---- The command --------------------------------------------------------------------------------
+
+/// Asks, unless the answer was given already.
+void requireConsent(const Options& options) {
+    if (options.yes) {
+        return;
+    }
+    if (options.path == kStandardInput || isatty(STDIN_FILENO) != 1) {
+        throw CommandFailed(
+            "nothing was imported: there is no terminal to ask on; --yes goes on without asking");
+    }
+    if (!confirmed("Replace the configuration?")) {
+        throw CommandFailed("nothing was imported");
+    }
+}
+
+void importAll(const Options& options) {
+    requireRoot();
+    const Json::Value document = checkedDocument(options);
+    const StoreLock lock;
+    const Json::Value current = currentConfiguration();
+    requireRoomFor(document, current);
+    const ImportPlan plan = importPlan(current, document);
+    if (options.json) {
+        printJson(jsonOf(plan));
+        return;
+    }
+    printPlan(plan);
+    if (plan.changesNothing) {
+        std::cout << "Nothing changes\n";
+        return;
+    }
+    if (options.dryRun) {
+        return;
+    }
+    requireConsent(options);
+    makeDirectory(kProfileDir);
+    std::string backup;
+    if (!current[kConfigProfiles].empty()) {
+        backup = keepBackup(current);
+        std::cout << "Backup: " << backup << " (\"" << recovery(backup, current)
+                  << "\" brings it back)" << std::endl;
+    }
+    const bool wasEnabled = firewallEnabled();
+    replace(document, current, backup);
+    std::cout << "Imported " << counted(document[kConfigProfiles].size(), "profile")
+              << "; active: " << printable(activeProfile()) << '\n';
+    apply(options.reload, wasEnabled);
+}
+
+}  // namespace
+
+void addImportCommand(CLI::App& app) {
+    CLI::App* const command = app.add_subcommand(
+        "import",
+        "Replace all profiles and the settings by those of an exported document. It is checked "
+        "first, and what it replaces is kept in a file");
+    const auto options = std::make_shared<Options>();
+    command->add_option("FILE", options->path, "The document; - for standard input")->required();
+    CLI::Option* const dryRun =
+        command->add_flag("--dry-run", options->dryRun, "Only say what would change");
+    command->add_flag("--yes", options->yes, "Do not ask");
+    command->add_flag("--force", options->force,
+                      "Import profiles with errors, too: for a backup of such profiles. A document "
+                      "of a wrong shape is refused all the same");
+    command->add_flag("--reload", options->reload, "Apply the imported configuration");
+    command
+        ->add_flag("--json", options->json,
+                   "With --dry-run: print one JSON document instead of text")
+        ->needs(dryRun);
+    command->footer(
+        "Backups are in /usr/tarn/etc/firewall.d.backup/, named by date and time. When an import "
+        "was "
+        "interrupted and profiles are missing, import the newest of them.");
+    command->callback([options] { importAll(*options); });
+}
+
+}  // namespace tarnfw
