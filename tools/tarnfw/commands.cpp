@@ -19,6 +19,7 @@ void addCommands(CLI::App& app) {
     addGeoipCommands(app);
     addModulesCommands(app);
     addBaseCommands(app);
+    addHelpCommand(app);
 }
 
 }  // namespace tarnfw

@@ -25,5 +25,6 @@ void addImportCommand(CLI::App& app);      ///< import
 void addGeoipCommands(CLI::App& app);      ///< geoip list, show, check
 void addModulesCommands(CLI::App& app);    ///< modules load, unload, status
 void addBaseCommands(CLI::App& app);       ///< base up, down, status
+void addHelpCommand(CLI::App& app);        ///< help
 
 }  // namespace tarnfw

@@ -1,0 +1,101 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# tarnfw help: the topics, and the help texts of commands; and that it takes neither root nor a store.
+
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+topics=(first-steps profiles rules addresses services trials exit-status files iptables)
+
+all_of_it() {
+    answers 0 --help
+    cp -- "$out/answer" "$out/short"
+    answers 0 help
+    silent
+    step 'it begins with what --help prints' cmp "$out/short" \
+        <(head --bytes "$(stat --format %s "$out/short")" "$out/answer")
+    step 'and ends with the topics' diff -u <(printf '%s\n' "${topics[@]}") \
+        <(sed -n '/^Topics /,$s/^  \([a-z-]*\)  .*/\1/p' "$out/answer")
+
+    local topic
+    for topic in "${topics[@]}"; do
+        answers 0 help "$topic"
+        silent
+        cp -- "$out/answer" "$out/topic.$topic"
+        step 'a heading, a blank line, text' \
+            [ "$(sed -n '2p' "$out/answer")" = '' ]
+        step 'which no other topic has' [ "$(cat -- "$out"/topic.* | grep --count --line-regexp \
+            --fixed-strings "$(head -n 1 "$out/answer")")" = 1 ]
+    done
+    rm -- "$out"/topic.*
+
+    # Every command, as deep as they go; a topic's text comes before a command of the same name.
+    commands_of
+}
+
+# subcommands WORD...: those that the help text lists.
+subcommands() {
+    tarnfw "$@" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z-]*\)\( .*\)\{0,1\}$/\1/p'
+}
+
+commands_of() {
+    local command
+    for command in $(subcommands "$@"); do
+        answers 0 "$@" "$command" --help
+        cp -- "$out/answer" "$out/short"
+        answers 0 help "$@" "$command"
+        silent
+        if [[ $* != '' || " ${topics[*]} " != *" $command "* ]]; then
+            step 'the same as --help' diff -u "$out/short" "$out/answer"
+        fi
+        commands_of "$@" "$command"
+    done
+}
+
+all_of_it
+
+# wrong PATTERN WORD...: refused as wrong usage, in one line.
+wrong() {
+    local pattern=$1
+    shift
+    answers 2 help "$@"
+    step 'nothing on standard output' [ ! -s "$out/answer" ]
+    complains "$pattern"
+}
+wrong '^tarnfw: there is no help for "adresses"; did you mean "tarnfw help addresses"? (' adresses
+wrong '^tarnfw: there is no help for "statsu"; did you mean "tarnfw help status"? (' statsu
+wrong '^tarnfw: there is no help for "rule ad"; did you mean "tarnfw help rule add"? (' rule ad
+wrong '^tarnfw: there is no help for "rule add more" (' rule add more
+wrong '^tarnfw: there is no help for "firewall" ("tarnfw help" lists commands and topics)$' firewall
+wrong '^tarnfw: there is no help for "rules"; did you mean "tarnfw help rule"? (' rules add
+wrong '^tarnfw: there is no help for "complete" (' complete
+wrong '^tarnfw: there is no help for "odd?\[2J"' $'odd\e[2J'
+answers 2 help --nonsense
+
+# The rules that the topic shows are rules.
+make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
+answers 0 base up
+python3 - /usr/share/xt_geoip <<'PYTHON'
+import struct
+import sys
+
+for code in ("CN", "RU"):
+    with open(f"{sys.argv[1]}/{code}.iv4", "wb") as file:
+        file.write(struct.pack("=II", 0x0A000000, 0x0A0000FF))
+PYTHON
+shown=0
+while read -r tool line; do
+    read -r -a words <<<"$line"
+    step 'an example' [ "$tool" = tarnfw ]
+    answers 0 "${words[@]}"
+    shown=$((shown + 1))
+done < <(tarnfw help rules | sed -n 's/ \{3,\}.*//; /ADAPTER/d; s/^  tarnfw /tarnfw /p')
+step 'seven of them' [ "$shown" = 7 ]
+
+ordinary=(setpriv --reuid 65534 --regid 65534 --clear-groups --inh-caps +dac_override
+    --ambient-caps +dac_override --)
+if "${ordinary[@]}" true 2>/dev/null; then
+    tarnfw() {
+        "${ordinary[@]}" "$build/tools/tarnfw/tarnfw" "$@"
+    }
+    all_of_it
+fi

@@ -1,0 +1,89 @@
+// The help texts: that they fit a terminal, and name only commands that there are.
+#include "helpTopics.h"
+
+#include <algorithm>
+#include <regex>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <CLI/CLI.hpp>
+
+#include "commands.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr std::size_t kColumns = 78;
+
+TEST(HelpTopicsTest, FitATerminal) {
+    for (const HelpTopic& topic : helpTopics()) {
+        SCOPED_TRACE(topic.name);
+        std::istringstream text(topic.text);
+        std::ptrdiff_t lines = 0;
+        for (std::string line; std::getline(text, line); ++lines) {
+            EXPECT_LE(line.size(), kColumns) << line;
+            EXPECT_EQ(line.find('\t'), std::string::npos) << line;
+            EXPECT_TRUE(line.empty() || line.back() != ' ') << line;
+        }
+        EXPECT_GE(lines, 20);
+        EXPECT_LE(lines, 42);
+        EXPECT_EQ(std::string(topic.text).back(), '\n');
+    }
+}
+
+/// The command that the words behind "tarnfw" begin with; null when they do not name one to its
+/// end.
+const CLI::App* commandIn(const CLI::App& app, const std::string& words) {
+    const CLI::App* command = &app;
+    std::istringstream stream(words);
+    for (std::string word; stream >> word;) {
+        const auto commands = command->get_subcommands([](const CLI::App*) { return true; });
+        const auto found = std::find_if(commands.begin(), commands.end(), [&](const CLI::App* sub) {
+            return sub->get_name() == word;
+        });
+        if (found == commands.end()) {
+            break;
+        }
+        command = *found;
+    }
+    const auto groups =
+        command->get_subcommands([](const CLI::App* sub) { return !sub->get_name().empty(); });
+    return command != &app && groups.empty() ? command : nullptr;
+}
+
+TEST(HelpTopicsTest, NameCommandsThatThereAre) {
+    CLI::App app;
+    addCommands(app);
+    const std::regex call("tarnfw +([a-z][a-z ]*)");
+    std::size_t calls = 0;
+    for (const HelpTopic& topic : helpTopics()) {
+        // A line that ends within a command goes on in the next.
+        const std::string text = std::regex_replace(topic.text, std::regex("\n"), " ");
+        for (std::sregex_iterator found(text.begin(), text.end(), call), end; found != end;
+             ++found, ++calls) {
+            EXPECT_NE(commandIn(app, (*found)[1]), nullptr) << topic.name << ": " << found->str();
+        }
+    }
+    EXPECT_GT(calls, helpTopics().size());
+}
+
+TEST(HelpTopicsTest, PointToTopicsThatThereAre) {
+    CLI::App app;
+    addCommands(app);
+    const std::regex pointer("\"tarnfw help ([a-z -]+)\"");
+    for (const HelpTopic& topic : helpTopics()) {
+        const std::string text = std::regex_replace(topic.text, std::regex("\n"), " ");
+        for (std::sregex_iterator found(text.begin(), text.end(), pointer), end; found != end;
+             ++found) {
+            const std::string name = (*found)[1];
+            const bool isTopic =
+                std::any_of(helpTopics().begin(), helpTopics().end(),
+                            [&](const HelpTopic& other) { return name == other.name; });
+            EXPECT_TRUE(isTopic || commandIn(app, name) != nullptr) << topic.name << ": " << name;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tarnfw
