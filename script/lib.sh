@@ -9,6 +9,7 @@ readonly kPackages=(
     debhelper dpkg-dev lintian systemd xz-utils
     doxygen mandoc scdoc shellcheck
     iproute2 iptables jq netbase procps python3-jsonschema python3-pexpect util-linux
+    fish zsh
 )
 
 # What the benchmarks need to build, run, count and draw.

@@ -20,6 +20,7 @@ void addCommands(CLI::App& app) {
     addModulesCommands(app);
     addBaseCommands(app);
     addHelpCommand(app);
+    addCompleteCommand(app);
 }
 
 }  // namespace tarnfw

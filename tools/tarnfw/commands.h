@@ -26,5 +26,6 @@ void addGeoipCommands(CLI::App& app);      ///< geoip list, show, check
 void addModulesCommands(CLI::App& app);    ///< modules load, unload, status
 void addBaseCommands(CLI::App& app);       ///< base up, down, status
 void addHelpCommand(CLI::App& app);        ///< help
+void addCompleteCommand(CLI::App& app);    ///< complete, which is hidden
 
 }  // namespace tarnfw

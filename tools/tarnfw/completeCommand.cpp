@@ -1,0 +1,125 @@
+/// tarnfw complete: what the shells' completion scripts ask; not for a person.
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tarncore.h"
+
+#include "tarnfirewall/fwGeoip.h"
+
+#include "catalogue.h"
+#include "commands.h"
+#include "completion.h"
+#include "helpTopics.h"
+#include "interfaces.h"
+#include "ruleCodes.h"
+#include "store.h"
+
+namespace tarnfw {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+constexpr char kCountryDirectory[] = "/usr/share/xt_geoip";
+
+/// Stands for the names of files, which the shell knows better.
+constexpr char kFilesLine[] = "<file>";
+
+/// What a source yields; nothing when it fails. Nobody has asked for a complaint by pressing Tab.
+template <typename Source>
+Texts orNone(const Source& source) {
+    try {
+        return source();
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+/// Reading a profile takes its lock, and lock files must be root's.
+bool mayReadProfiles() {
+    return geteuid() == 0;
+}
+
+Texts profiles() {
+    return mayReadProfiles() ? profileNames() : Texts();
+}
+
+Texts activeAdapters() {
+    return mayReadProfiles() ? adaptersOf(loadProfile("")) : Texts();
+}
+
+/// Of the machine, the predefined ones, and those that the active profile has something for.
+Texts adapters() {
+    std::set<std::string> names(FW::FW_PREDEFINED_ADAPTERS.begin(),
+                                FW::FW_PREDEFINED_ADAPTERS.end());
+    for (const Texts& more : {orNone(machineAdapters), orNone(activeAdapters)}) {
+        names.insert(more.begin(), more.end());
+    }
+    names.erase(kPppoeUsualInterface);  // its rules are never applied; those of "pppoe" are
+    return {names.begin(), names.end()};
+}
+
+Texts services() {
+    const Catalogue catalogue;
+    Texts names;
+    for (const auto& [name, service] : catalogue.services()) {
+        names.push_back(name);
+    }
+    return names;
+}
+
+Texts countries() {
+    Texts codes;
+    if (TLIBCFileExist(kCountryDirectory) == 1) {
+        (void)FW::FW_GEOIP().countryEnum(codes);  // without any there is nothing to offer
+    }
+    std::sort(codes.begin(), codes.end());
+    return codes;
+}
+
+Texts topicNames() {
+    Texts names;
+    for (const HelpTopic& topic : helpTopics()) {
+        names.emplace_back(topic.name);
+    }
+    return names;
+}
+
+void run(const CLI::App& app, const Texts& line) {
+    // Neither the terminal nor the system log is to hear of it.
+    openlog("tarnfw", 0, LOG_USER);
+    setlogmask(LOG_MASK(LOG_EMERG));
+    CompletionNames names;
+    names.profiles = [] { return orNone(profiles); };
+    names.adapters = [] { return orNone(adapters); };
+    names.services = [] { return orNone(services); };
+    names.countries = [] { return orNone(countries); };
+    names.topics = topicNames;
+    const Completion fits = complete(app, line, names);
+    for (const std::string& word : fits.words) {
+        std::cout << word << '\n';
+    }
+    if (fits.files) {
+        std::cout << kFilesLine << '\n';
+    }
+}
+
+}  // namespace
+
+void addCompleteCommand(CLI::App& app) {
+    CLI::App* const command =
+        app.add_subcommand("complete", "Print what can come next, a word a line");
+    command->group("");  // hidden
+    const auto line = std::make_shared<Texts>();
+    command->add_option("WORDS", *line, "Behind \"--\": what stands behind the tool's name");
+    command->callback([&app, line] { run(app, *line); });
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,382 @@
+#include "completion.h"
+
+#include <algorithm>
+#include <iterator>
+#include <set>
+#include <utility>
+
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/predicate.hpp>
+#include <boost/algorithm/string/split.hpp>
+
+namespace tarnfw {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+/// What a value is about.
+enum class Kind {
+    kText,  ///< a person's own: nothing to offer
+    kProfile,
+    kAdapter,
+    kService,
+    kCountry,
+    kFile,
+    kProfileOrFile,
+    kRuleWords,
+    kTopic,
+};
+
+struct KindRow {
+    const char* command;  ///< the command or its group; empty: any
+    const char* option;   ///< as the help text names it
+    Kind kind;
+};
+
+// The first row that fits counts.
+constexpr KindRow kKinds[] = {
+    {"profile create", "NAME", Kind::kText},
+    {"profile create", "--from", Kind::kFile},
+    {"profile", "NAME", Kind::kProfile},
+    {"profile", "OLD", Kind::kProfile},
+    {"service", "NAME", Kind::kService},
+    {"services", "PATTERN", Kind::kService},
+    {"adapter", "OLD", Kind::kAdapter},
+    {"adapter", "NEW", Kind::kAdapter},
+    {"rule", "WORDS", Kind::kRuleWords},
+    {"help", "TOPIC", Kind::kTopic},
+    // Whoever uses the modules has a name there, and need not be in the catalogue.
+    {"modules", "SERVICE", Kind::kText},
+    {"", "ADAPTER", Kind::kAdapter},
+    {"", "--adapter", Kind::kAdapter},
+    {"", "PROFILE", Kind::kProfile},
+    {"", "--profile", Kind::kProfile},
+    {"", "FILE|PROFILE", Kind::kProfileOrFile},
+    {"", "SERVICE", Kind::kService},
+    {"", "--service", Kind::kService},
+    {"", "COUNTRY", Kind::kCountry},
+    {"", "CC", Kind::kCountry},
+    {"", "FILE", Kind::kFile},
+    {"", "--file", Kind::kFile},
+    {"", "--output", Kind::kFile},
+};
+
+Kind kindOf(const std::string& command, const std::string& option) {
+    const auto* const found =
+        std::find_if(std::begin(kKinds), std::end(kKinds), [&](const auto& row) {
+            const std::string group = row.command;
+            return option == row.option &&
+                   (group.empty() || command == group || boost::starts_with(command, group + " "));
+        });
+    return found == std::end(kKinds) ? Kind::kText : found->kind;
+}
+
+// ---- The tree of commands ----
+
+bool isShown(const CLI::App* command) {
+    return !command->get_name().empty() && !command->get_group().empty();
+}
+
+const CLI::App* subcommand(const CLI::App& app, const std::string& name) {
+    for (const CLI::App* command : app.get_subcommands(isShown)) {
+        if (command->get_name() == name) {
+            return command;
+        }
+    }
+    return nullptr;
+}
+
+/// Those of the option groups as well, which are commands without a name.
+std::vector<const CLI::Option*> optionsOf(const CLI::App& app) {
+    std::vector<const CLI::Option*> options = app.get_options();
+    const auto isGroup = [](const CLI::App* group) { return group->get_name().empty(); };
+    for (const CLI::App* group : app.get_subcommands(isGroup)) {
+        const std::vector<const CLI::Option*> more = optionsOf(*group);
+        options.insert(options.end(), more.begin(), more.end());
+    }
+    return options;
+}
+
+const CLI::Option* optionNamed(const CLI::App& app, const std::string& name) {
+    for (const CLI::Option* option : optionsOf(app)) {
+        if (option->nonpositional() && option->check_name(name)) {
+            return option;
+        }
+    }
+    return nullptr;
+}
+
+bool takesValue(const CLI::Option& option) {
+    return option.get_items_expected_max() > 0;
+}
+
+/// What the option is called in the table.
+std::string nameOf(const CLI::Option& option) {
+    return option.get_positional() ? option.get_name(/*positional=*/true)
+                                   : "--" + option.get_single_name();
+}
+
+/// The words of an option that takes one of a few; they stand in its type as "{lines,json}".
+Texts choicesOf(const CLI::Option& option) {
+    const std::string type = option.get_type_name();
+    const std::size_t open = type.find('{');
+    const std::size_t close = type.find('}', open);
+    Texts choices;
+    if (open != std::string::npos && close != std::string::npos) {
+        const std::string list = type.substr(open + 1, close - open - 1);
+        boost::split(choices, list, boost::is_any_of(","));
+    }
+    return choices;
+}
+
+// ---- The words of a rule ----
+
+bool isOneOf(const std::string& word, const Texts& words) {
+    return std::find(words.begin(), words.end(), word) != words.end();
+}
+
+/// `current` with its last entry completed, where it is a list such as "ssh,ht".
+Texts listsWith(const std::string& current, const Texts& entries) {
+    const std::size_t comma = current.rfind(',');
+    const std::string kept = comma == std::string::npos ? "" : current.substr(0, comma + 1);
+    Texts there;
+    boost::split(there, kept, boost::is_any_of(","));
+    Texts lists;
+    for (const std::string& entry : entries) {
+        if (!isOneOf(entry, there)) {
+            lists.push_back(std::string(kept).append(entry));
+        }
+    }
+    return lists;
+}
+
+/// What can stand behind these words of a rule; see ruleSyntax.h.
+Texts ruleWords(const Texts& before, const std::string& current, const CompletionNames& names) {
+    if (before.empty()) {
+        return {"allow", "deny"};
+    }
+    const std::string& last = before.back();
+    if (before.size() == 1) {
+        return {"service", "tcp", "udp", "tcp/udp", "icmp", "igmp", "any", "from", "to"};
+    }
+    if (last == "service" && before.size() == 2) {
+        return listsWith(current, names.services());
+    }
+    if (last == "from" || last == "to") {
+        return {"anywhere", "country"};
+    }
+    const auto side = std::find_if(before.begin(), before.end(), [](const std::string& word) {
+        return word == "from" || word == "to";
+    });
+    if (side == before.end()) {
+        return {"from", "to"};
+    }
+    const bool isCountry = last == "country" && std::next(side, 2) == before.end();
+    return isCountry ? listsWith(current, names.countries()) : Texts{};
+}
+
+// ---- The words on the line ----
+
+/// How far the finished words have come.
+struct Place {
+    const CLI::App* command = nullptr;
+    std::string path;                      ///< the command's words: "rule add"
+    const CLI::Option* waiting = nullptr;  ///< has been named, its value comes next
+    std::set<const CLI::Option*> given;
+    Texts taken;  ///< words that are neither commands nor options
+    bool onlyWords = false;
+};
+
+void takeOption(Place& place, const std::string& word) {
+    const std::size_t equals = word.find('=');
+    const CLI::Option* const option = optionNamed(*place.command, word.substr(0, equals));
+    place.given.insert(option);
+    if (option != nullptr && takesValue(*option) && equals == std::string::npos) {
+        place.waiting = option;
+    }
+}
+
+void take(Place& place, const std::string& word) {
+    if (place.waiting != nullptr) {
+        place.waiting = nullptr;
+    } else if (!place.onlyWords && word == "--") {
+        place.onlyWords = true;
+    } else if (!place.onlyWords && boost::starts_with(word, "-")) {
+        takeOption(place, word);
+    } else if (const CLI::App* const next =
+                   place.taken.empty() ? subcommand(*place.command, word) : nullptr) {
+        place.command = next;
+        place.path.append(place.path.empty() ? "" : " ").append(word);
+        place.given.clear();
+    } else {
+        place.taken.push_back(word);
+    }
+}
+
+/// Where the next word belongs, if it is neither a command nor an option.
+struct Next {
+    const CLI::Option* positional = nullptr;
+    Texts before;          ///< the words that this positional has already
+    bool surplus = false;  ///< there were words before that nothing takes
+};
+
+Next nextOf(const Place& place) {
+    auto first = place.taken.begin();
+    for (const CLI::Option* option : optionsOf(*place.command)) {
+        if (!option->get_positional()) {
+            continue;
+        }
+        const auto left = std::distance(first, place.taken.end());
+        if (left < option->get_items_expected_max()) {
+            return {option, Texts(first, place.taken.end()), false};
+        }
+        std::advance(first, option->get_items_expected_max());
+    }
+    return {nullptr, {}, first != place.taken.end()};
+}
+
+// ---- What fits ----
+
+Texts commandNames(const CLI::App& app) {
+    Texts names;
+    for (const CLI::App* command : app.get_subcommands(isShown)) {
+        names.push_back(command->get_name());
+    }
+    return names;
+}
+
+/// The topics, or the commands of those that are named already.
+Texts topics(const CLI::App& app, const Texts& before, const CompletionNames& names) {
+    const CLI::App* group = &app;
+    for (const std::string& word : before) {
+        group = subcommand(*group, word);
+        if (group == nullptr) {
+            return {};
+        }
+    }
+    Texts words = commandNames(*group);
+    if (before.empty()) {
+        const Texts more = names.topics();
+        words.insert(words.end(), more.begin(), more.end());
+    }
+    return words;
+}
+
+/// Options that have not been given; of those that may be given again, all.
+Texts optionNames(const Place& place) {
+    Texts names;
+    for (const CLI::Option* option : optionsOf(*place.command)) {
+        const bool again = option->get_items_expected_max() > 1;
+        if (option->get_group().empty() || (place.given.count(option) > 0 && !again)) {
+            continue;
+        }
+        for (const std::string& name : option->get_lnames()) {
+            names.push_back("--" + name);
+        }
+    }
+    return names;
+}
+
+class Line {
+public:
+    Line(const CLI::App& app, const CompletionNames& names) : app_(app), names_(names) {}
+
+    Completion fitting(const Place& place, const std::string& current) const {
+        if (place.waiting != nullptr) {
+            return valuesOf(*place.waiting, place, {}, current);
+        }
+        if (!place.onlyWords && boost::starts_with(current, "-")) {
+            return afterDash(place, current);
+        }
+        if (place.taken.empty()) {
+            const Texts commands = commandNames(*place.command);
+            if (!commands.empty()) {
+                return {commands};
+            }
+        }
+        const Next next = nextOf(place);
+        if (next.positional != nullptr) {
+            return valuesOf(*next.positional, place, next.before, current);
+        }
+        // Options are what is left; otherwise they are offered behind a dash alone.
+        return next.surplus || place.onlyWords ? Completion() : Completion{optionNames(place)};
+    }
+
+private:
+    Completion valuesOf(const CLI::Option& option, const Place& place, const Texts& before,
+                        const std::string& current) const {
+        switch (kindOf(place.path, nameOf(option))) {
+            case Kind::kText:
+                return {choicesOf(option)};
+            case Kind::kProfile:
+                return {names_.profiles()};
+            case Kind::kAdapter:
+                return {names_.adapters()};
+            case Kind::kService:
+                return {names_.services()};
+            case Kind::kCountry:
+                return {names_.countries()};
+            case Kind::kFile:
+                return {{}, true};
+            case Kind::kProfileOrFile:
+                return {names_.profiles(), true};
+            case Kind::kRuleWords:
+                return {ruleWords(before, current, names_)};
+            case Kind::kTopic:
+                return {topics(app_, before, names_)};
+        }
+        return {};
+    }
+
+    /// An option's name, or its value behind "=".
+    Completion afterDash(const Place& place, const std::string& current) const {
+        const std::size_t equals = current.find('=');
+        if (equals == std::string::npos) {
+            return {optionNames(place)};
+        }
+        const CLI::Option* const option = optionNamed(*place.command, current.substr(0, equals));
+        if (option == nullptr || !takesValue(*option)) {
+            return {};
+        }
+        Completion fits = valuesOf(*option, place, {}, current.substr(equals + 1));
+        for (std::string& word : fits.words) {
+            word.insert(0, current, 0, equals + 1);
+        }
+        return fits;
+    }
+
+    const CLI::App& app_;
+    const CompletionNames& names_;
+};
+
+/// A name with a line feed cannot be passed on, and one that a terminal obeys should not be.
+bool hasControl(const std::string& word) {
+    return std::any_of(word.begin(), word.end(), [](char letter) {
+        const auto code = static_cast<unsigned char>(letter);
+        return code < 0x20 || code == 0x7f;
+    });
+}
+
+}  // namespace
+
+Completion complete(const CLI::App& app, const std::vector<std::string>& line,
+                    const CompletionNames& names) {
+    const std::string current = line.empty() ? "" : line.back();
+    Place place;
+    place.command = &app;
+    for (std::size_t i = 0; i + 1 < line.size(); ++i) {
+        take(place, line[i]);
+    }
+    Completion fits = Line(app, names).fitting(place, current);
+    Texts words;
+    for (const std::string& word : fits.words) {
+        if (boost::starts_with(word, current) && !hasControl(word) && !isOneOf(word, words)) {
+            words.push_back(word);
+        }
+    }
+    fits.words = std::move(words);
+    return fits;
+}
+
+}  // namespace tarnfw
