@@ -88,8 +88,8 @@ TEST(ListingFrom, KnowsPoliciesChainsAndRules) {
     const RuleListing listing = listingFrom(
         "-P INPUT ACCEPT\n-P FORWARD DROP\n-N X\n-N EMPTY\n-A INPUT -j X\n"
         "-A X -i lo -j ACCEPT\n-A X -j DROP\n");
-    EXPECT_THAT(listing.policies, ElementsAre(std::make_pair("FORWARD", "DROP"),
-                                              std::make_pair("INPUT", "ACCEPT")));
+    EXPECT_THAT(listing.policies,
+                ElementsAre(std::make_pair("FORWARD", "DROP"), std::make_pair("INPUT", "ACCEPT")));
     EXPECT_THAT(listing.rulesOf("X"), ElementsAre("-A X -i lo -j ACCEPT", "-A X -j DROP"));
     EXPECT_THAT(listing.rulesOf("INPUT"), ElementsAre("-A INPUT -j X"));
     EXPECT_THAT(listing.rulesOf("EMPTY"), IsEmpty());
