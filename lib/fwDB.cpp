@@ -143,13 +143,14 @@ Json::Value policiesToJson(const Policies& policies) {
     return out;
 }
 
-/// Appends the rules of a document; an adapter without any gets no entry.
+/// Appends the rules of a document; an adapter without any gets no entry. Raises for a document that
+/// is neither object nor null, as getMemberNames() does.
 void appendRules(const Json::Value& in, std::map<std::string, std::vector<FWRULE>>& rules) {
-    for (auto member = in.begin(); member != in.end(); ++member) {
+    for (const std::string& adapter : in.getMemberNames()) {
         std::vector<FWRULE>* list = nullptr;
-        for (const Json::Value& rule : *member) {
+        for (const Json::Value& rule : in[adapter]) {
             if (list == nullptr) {
-                list = &rules[member.name()];
+                list = &rules[adapter];
             }
             list->push_back(jsonToRule(rule));
         }

@@ -45,6 +45,7 @@ look() {
     step "$name: so are the profiles" diff -u "$out/$name.files" <(keep_profiles)
 }
 
+rm -- "$kSettings" # of the first start
 step 'there are no settings' [ ! -e "$kSettings" ]
 look unset
 step 'and none are made' [ ! -e "$kSettings" ]
