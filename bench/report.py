@@ -1,11 +1,16 @@
-"""Rows as a table, as JSON and CSV, and as input of gnuplot."""
+"""Rows as a table, as JSON and CSV, and as input of gnuplot:
+
+    report.py DIRECTORY     of the rows in DIRECTORY/*.rows
+"""
 
 import csv
+import glob
 import json
 import math
 import os
+import sys
 
-from rows import growth, ratio
+from rows import growth, load, ratio
 
 # A side of that name is what the others of its case are compared with.
 FLOOR = 'floor'
@@ -175,7 +180,9 @@ def write_plots(rows, out):
             )
 
 
-def write(rows, out):
+def main():
+    out = sys.argv[1]
+    rows = [row for path in sorted(glob.glob(os.path.join(out, '*.rows'))) for row in load(path)]
     lines = table_lines(rows)
     print_table(lines)
     print('\nGrowth, time against size as a power:')
@@ -185,3 +192,7 @@ def write(rows, out):
     write_csv(rows, os.path.join(out, 'results.csv'))
     write_markdown(rows, os.path.join(out, 'results.md'))
     write_plots(rows, out)
+
+
+if __name__ == '__main__':
+    main()

@@ -1,6 +1,7 @@
 """What every group of measurements yields: rows, and what follows from several of them."""
 
 import dataclasses
+import json
 import math
 import statistics
 
@@ -65,3 +66,13 @@ def growth(rows):
         if not math.isnan(k):
             found[key] = (k, exponent_of_n_log_n([n for n, _ in points]))
     return found
+
+
+def save(rows, path):
+    with open(path, 'w', encoding='utf-8') as file:
+        json.dump([dataclasses.asdict(row) for row in rows], file, indent=1)
+
+
+def load(path):
+    with open(path, encoding='utf-8') as file:
+        return [Row(**row) for row in json.load(file)]

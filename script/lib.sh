@@ -22,6 +22,10 @@ readonly kBenchPackages=(
 # What the README's picture needs besides.
 readonly kPicturePackages=(python3-rich)
 
+# What script/bench compares with. Unpacked into build/, never installed: some of these change a
+# machine's packet filter by being installed.
+readonly kPeerPackages=(dbus-daemon ferm firewalld nftables ufw)
+
 # install_missing PACKAGE...: nothing happens when all are there.
 install_missing() {
     local package missing=()
