@@ -101,7 +101,9 @@ class Ferm:
     largest = 50000
 
     def __init__(self, variant):
-        pass
+        if variant == 'nft':
+            # It prefers the programs of the legacy variant wherever they can be run.
+            command('mount', '--bind', '/dev/null', '/usr/sbin/xtables-legacy-multi')
 
     def write(self, count):
         def chain(name):

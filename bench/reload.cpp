@@ -2,7 +2,8 @@
 ///
 ///   bench_reload store RULES lines|batch    makes a profile of so many rules the active one
 ///   bench_reload texts DIRECTORY            what iptables-restore gets for it, as v4 and v6
-///   bench_reload run SIDE...                reloads each way once, and prints "SIDE WALL CPU"
+///   bench_reload run SIDE...                reloads each way once, and prints "SIDE WALL CPU",
+///                                           then its peak size
 ///
 /// The sides are "library"; "lines", the same command lines run by posix_spawn alone; "lines+tool",
 /// with a run of the tool that the library asks for every rule's adapter; and "restore", both
@@ -30,6 +31,7 @@
 #include "tarnfirewall/tarnFW.h"
 
 #include "support/files.h"
+#include "support/peak.h"
 #include "support/profiles.h"
 
 namespace {
@@ -247,6 +249,7 @@ int main(int argc, char** argv) {
         for (int i = 2; i < argc; ++i) {
             run(argv[i]);
         }
+        tellPeak(stdout);
     } else {
         fail("store RULES lines|batch, texts DIRECTORY, or run SIDE...");
     }

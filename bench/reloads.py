@@ -52,26 +52,31 @@ def store(options, size, mode):
 
 
 def reload_sides(options, *sides):
-    """Runs each side once: side -> seconds of the clock, and of the processors."""
+    """Runs each side once: side -> seconds of the clock, and of the processors; the peak in KiB."""
     told = run(tool(options, 'bench_reload'), 'run', *sides, stdout=subprocess.PIPE).stdout
+    *lines, peak = told.splitlines()
     times = {}
-    for line in told.splitlines():
+    for line in lines:
         side, wall, processor = line.split()
         times[side] = float(wall), float(processor)
-    return times
+    return times, int(peak.split()[1])
 
 
 def measure_library(case, mode, sides, sizes, options):
     rows = {}
     for size, runs in sizes.items():
         store(options, size, mode)
-        reload_sides(options, 'library')  # the chains hold what the next reload replaces
+        # The chains then hold what the next reload replaces.
+        _, peak = reload_sides(options, 'library')
         for _ in range(runs):
-            for side, (wall, processor) in reload_sides(options, 'library', *sides).items():
+            times, _ = reload_sides(options, 'library', *sides)
+            for side, (wall, processor) in times.items():
                 key = size, FLOORS.get(side, side)
                 row = rows.setdefault(key, Row('reload', case, key[1], size, []))
                 row.times.append(wall)
                 row.counters['processor_s'] = processor
+        if size == max(sizes):
+            rows[size, 'library'].peak_kib = peak
     return list(rows.values())
 
 

@@ -79,9 +79,15 @@ def table_lines(rows):
 
 def growth_lines(rows):
     lines = []
-    for (group, case, side), (k, limit) in growth(rows).items():
-        verdict = '  FASTER THAN n log n' if k > limit + GROWTH_TOLERANCE else ''
-        lines.append(f'{group} {case}, {side}: n^{k:.2f} (n log n would be n^{limit:.2f}){verdict}')
+    found = growth(rows)
+    for (group, case, side), (k, limit) in found.items():
+        floor, _ = found.get((group, case, FLOOR), (limit, limit))
+        verdict = ''
+        if k > limit + GROWTH_TOLERANCE:
+            verdict = ', as its floor does' if k <= floor + GROWTH_TOLERANCE else ', AND MORE'
+        lines.append(
+            f'{group} {case}, {side}: n^{k:.2f} (n log n would be n^{limit:.2f}{verdict})'
+        )
     return lines
 
 

@@ -56,12 +56,11 @@ def growth(rows):
     """The exponents of every case and side: (group, case, side) -> (k, k of n log n)."""
     found = {}
     for key in dict.fromkeys((r.group, r.case, r.side) for r in rows):
-        # From 100 on: before that, what is the same for every size hides the growth.
-        points = [
-            (r.size, r.median)
-            for r in rows
-            if (r.group, r.case, r.side) == key and r.times and r.size >= 100
-        ]
+        points = sorted(
+            (r.size, r.median) for r in rows if (r.group, r.case, r.side) == key and r.times
+        )
+        # Before 100, what is the same for every size hides the growth.
+        points = [(n, t) for n, t in points if n >= 100 or n in [m for m, _ in points[-3:]]]
         k = exponent(points)
         if not math.isnan(k):
             found[key] = (k, exponent_of_n_log_n([n for n, _ in points]))

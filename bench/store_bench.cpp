@@ -150,7 +150,7 @@ void registerMeasurements() {
         for (const int rules : {10, 100, 1000, 10000}) {
             measureBoth("store-rules/", operation, rules, [rules] { return store(1, rules); });
         }
-        for (const int profiles : {1, 10, 100}) {
+        for (const int profiles : {1, 10, 100, 300}) {
             measureBoth("store-profiles/", operation, profiles,
                         [profiles] { return store(profiles, kRulesOfMany); });
         }
