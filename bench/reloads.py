@@ -74,7 +74,7 @@ def measure_library(case, mode, sides, sizes, options):
                 key = size, FLOORS.get(side, side)
                 row = rows.setdefault(key, Row('reload', case, key[1], size, []))
                 row.times.append(wall)
-                row.counters['processor_s'] = processor
+                row.processor.append(processor)
         if size == max(sizes):
             rows[size, 'library'].peak_kib = peak
     return list(rows.values())

@@ -10,7 +10,7 @@ import math
 import os
 import sys
 
-from rows import growth, load, ratio
+from rows import growth, load, processor_ratio, ratio
 
 # A side of that name is what the others of its case are compared with.
 FLOOR = 'floor'
@@ -40,8 +40,11 @@ def floor_of(row, rows):
     return None
 
 
-def details(row):
+def details(row, floor):
     texts = []
+    of_processor = processor_ratio(row, floor)
+    if not math.isnan(of_processor) and row is not floor:
+        texts.append(f'x{of_processor:.2f} of the processor')
     if 'lines' in row.counters and row.times:
         texts.append(f'{row.counters["lines"] / row.median / 1e6:.2f} M lines/s')
     if 'bytes_per_line' in row.counters:
@@ -62,7 +65,8 @@ HEAD = ('what', 'size', 'side', 'time', '+-', 'x floor', 'more')
 def table_lines(rows):
     lines = [HEAD]
     for row in rows:
-        times_floor = '' if row.side == FLOOR else f'{ratio(row, floor_of(row, rows)):.2f}'
+        floor = floor_of(row, rows)
+        times_floor = '' if row.side == FLOOR else f'{ratio(row, floor):.2f}'
         lines.append(
             (
                 f'{row.group} {row.case}',
@@ -71,7 +75,7 @@ def table_lines(rows):
                 duration(row.median),
                 '' if math.isnan(row.spread) else f'{row.spread:.0%}',
                 times_floor.replace('nan', ''),
-                details(row),
+                details(row, floor),
             )
         )
     return lines
@@ -111,7 +115,7 @@ def write_markdown(rows, path):
 def write_csv(rows, path):
     with open(path, 'w', encoding='utf-8', newline='') as file:
         writer = csv.writer(file)
-        writer.writerow(('group', 'case', 'side', 'size', 'seconds', 'spread', 'x_floor', 'peak_kib'))
+        writer.writerow(('group', 'case', 'side', 'size', 'seconds', 'spread', 'x_floor', 'x_floor_processor', 'peak_kib'))
         for row in rows:
             writer.writerow(
                 (
@@ -122,6 +126,7 @@ def write_csv(rows, path):
                     f'{row.median:.9f}',
                     f'{row.spread:.3f}',
                     f'{ratio(row, floor_of(row, rows)):.3f}',
+                    f'{processor_ratio(row, floor_of(row, rows)):.3f}',
                     row.peak_kib,
                 )
             )
@@ -136,6 +141,7 @@ def write_json(rows, path):
                 'side': row.side,
                 'size': row.size,
                 'times': row.times,
+                'processor': row.processor,
                 'counters': row.counters,
                 'peak_kib': row.peak_kib,
                 'note': row.note,

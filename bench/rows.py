@@ -16,6 +16,7 @@ class Row:
     size: int
     times: list
     counters: dict = dataclasses.field(default_factory=dict)
+    processor: list = dataclasses.field(default_factory=list)  # of the same runs, where it is known
     peak_kib: int = 0  # of a process that did nothing else
     note: str = ''  # why there is no time
 
@@ -34,6 +35,13 @@ def ratio(row, floor):
     if not row.times or floor is None or not floor.times:
         return math.nan
     return statistics.median(a / b for a, b in zip(row.times, floor.times))
+
+
+def processor_ratio(row, floor):
+    """The same for the processors' time, which others on the machine disturb less."""
+    if not row.processor or floor is None or not floor.processor:
+        return math.nan
+    return statistics.median(a / b for a, b in zip(row.processor, floor.processor))
 
 
 def exponent(points):
