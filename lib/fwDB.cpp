@@ -143,8 +143,8 @@ Json::Value policiesToJson(const Policies& policies) {
     return out;
 }
 
-/// Appends the rules of a document; an adapter without any gets no entry. Raises for a document that
-/// is neither object nor null, as getMemberNames() does.
+/// Appends the rules of a document; an adapter without any gets no entry. Raises for a document
+/// that is neither object nor null, as getMemberNames() does.
 void appendRules(const Json::Value& in, std::map<std::string, std::vector<FWRULE>>& rules) {
     for (const std::string& adapter : in.getMemberNames()) {
         std::vector<FWRULE>* list = nullptr;
