@@ -62,8 +62,10 @@ that. An adapter with rules and without a policy of its own gets "allow".
 
 Changing a profile does not change what the kernel does. For the active one
 "tarnfw reload" applies it; commands that change profiles take --reload for
-that. Rules of an adapter that is away are skipped; when it comes back, it
-is unfiltered until the next reload.
+that.
+"tarnfw apply-mode" says, and sets, whether the rules take effect together
+or one after another. Rules of an adapter that is away are skipped; when it
+comes back, it is unfiltered until the next reload.
 
 "tarnfw profile edit" opens the profile's document in your editor and stores
 only what checks.
@@ -244,6 +246,12 @@ The system's:
 Of the moment, made anew when needed:
   /run/tarn, /var/lock/firewall
       locks, and what "tarnfw base up" has added to the packet filter
+
+All of it as one document, and back again on this machine or another one:
+
+  tarnfw export backup.json
+  tarnfw import --dry-run backup.json   what would change
+  tarnfw import backup.json             keeps a copy of what it replaces
 
 Let the tool change profiles rather than an editor: "tarnfw profile edit"
 stores only what checks, and two commands at once do not lose each other's
