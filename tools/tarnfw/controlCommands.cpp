@@ -7,6 +7,7 @@
 
 #include "tarnfirewall/tarnFW.h"
 
+#include "applying.h"
 #include "baseFilter.h"
 #include "command.h"
 #include "commands.h"

@@ -21,6 +21,7 @@
 #include "tarnfirewall/fwDB.h"
 #include "tarnfirewall/tarnFW.h"
 
+#include "applying.h"
 #include "command.h"
 #include "commands.h"
 #include "configuration.h"

@@ -11,6 +11,7 @@
 
 #include "tarnfirewall/tarnFW.h"
 
+#include "applying.h"
 #include "command.h"
 #include "commands.h"
 #include "output.h"

@@ -10,6 +10,7 @@
 
 #include "tarnfirewall/fwDB.h"
 
+#include "applying.h"
 #include "command.h"
 #include "editor.h"
 #include "output.h"

@@ -16,6 +16,7 @@
 #include "tarnfirewall/fwGeoip.h"
 #include "tarnfirewall/tarnFW.h"
 
+#include "applying.h"
 #include "catalogue.h"
 #include "command.h"
 #include "commands.h"

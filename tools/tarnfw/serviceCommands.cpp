@@ -15,6 +15,7 @@
 
 #include "tarnfirewall/tarnFW.h"
 
+#include "applying.h"
 #include "command.h"
 #include "commands.h"
 #include "interfaces.h"

@@ -1,7 +1,6 @@
 #include "store.h"
 
 #include <algorithm>
-#include <iostream>
 #include <set>
 
 #include <json/json.h>
@@ -13,7 +12,6 @@
 
 #include "tarnfirewall/tarnFW.h"
 
-#include "baseFilter.h"
 #include "command.h"
 #include "output.h"
 
@@ -120,41 +118,6 @@ void storeProfile(const FW::FWPROFILE& profile) {
     requireAnyProfile(profileNames());
     if (!FW::TARNFW_PROFILE().profileSet(profile.name, profile)) {
         throw CommandFailed("profile \"" + printable(profile.name) + "\" cannot be written");
-    }
-}
-
-void reloadActive() {
-    if (!firewallEnabled()) {
-        std::cout << "Firewall disabled: nothing to reload\n";
-        return;
-    }
-    requireBase();
-    if (!FW::TARNFW().fwReload(true)) {
-        throw CommandFailed("the active profile was not applied");
-    }
-    std::cout << "Profile \"" << printable(activeProfile()) << "\" applied\n";
-}
-
-void addReloadFlag(CLI::App& command, bool& reload) {
-    command.add_flag("--reload", reload, "Apply the active profile afterwards");
-}
-
-void requireReloadable(bool reload) {
-    if (reload && firewallEnabled()) {
-        requireBase();
-    }
-}
-
-void finishChange(const std::string& profile, bool reload) {
-    if (profile != activeProfile()) {
-        if (reload) {
-            std::cout << "Profile \"" << printable(profile)
-                      << "\" is not the active one: nothing to reload\n";
-        }
-    } else if (reload) {
-        reloadActive();
-    } else if (firewallEnabled()) {
-        std::cout << "the kernel still has the old rules; \"tarnfw reload\" applies them\n";
     }
 }
 

@@ -5,8 +5,6 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
 #include "tarnfirewall/fwTypes.h"
 
 namespace tarnfw {
@@ -66,20 +64,6 @@ FW::FWPROFILE loadProfile(const std::string& name);
 
 /// Stores a profile under the name that it carries.
 void storeProfile(const FW::FWPROFILE& profile);
-
-/// Applies the active profile where the firewall is enabled; says which it was. For commands that
-/// take "--reload".
-void reloadActive();
-
-/// Adds "--reload" to a command that changes profiles.
-void addReloadFlag(CLI::App& command, bool& reload);
-
-/// For a command with "--reload", before it changes anything: refuses what reloadActive() would.
-void requireReloadable(bool reload);
-
-/// What follows from a changed profile. Where that is the active one and the firewall enabled:
-/// applies it with `reload`, or says that the kernel still has the old rules.
-void finishChange(const std::string& profile, bool reload);
 
 /// Every adapter that the profile has rules or a default policy for, sorted.
 std::vector<std::string> adaptersOf(const FW::FWPROFILE& profile);

@@ -1,0 +1,24 @@
+/// Putting what the store holds into the kernel, for every command that does.
+#pragma once
+
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+namespace tarnfw {
+
+/// Applies the active profile where the firewall is enabled; says which it was. For commands that
+/// take "--reload".
+void reloadActive();
+
+/// Adds "--reload" to a command that changes profiles.
+void addReloadFlag(CLI::App& command, bool& reload);
+
+/// For a command with "--reload", before it changes anything: refuses what reloadActive() would.
+void requireReloadable(bool reload);
+
+/// What follows from a changed profile. Where that is the active one and the firewall enabled:
+/// applies it with `reload`, or says that the kernel still has the old rules.
+void finishChange(const std::string& profile, bool reload);
+
+}  // namespace tarnfw
