@@ -1,5 +1,5 @@
 /// The codes of a rule's fields that have no enumeration of their own in fwTypes.h, and the adapter
-/// names with a meaning.
+/// names with a meaning. Shared with tools/tarnfw.
 #pragma once
 
 #include <cstdint>
@@ -31,5 +31,9 @@ enum PortGroup : std::int32_t {
 inline constexpr char kGlobalAdapter[] = "global";
 inline constexpr char kPppoeAdapter[] = "pppoe";
 inline constexpr char kVpnAdapter[] = "vpn";
+
+/// Never an adapter of its own: rules for it are those of "pppoe", or of "vpn" where PPPoE runs
+/// over another interface.
+inline constexpr char kPppoeUsualInterface[] = "ppp0";
 
 }  // namespace FW

@@ -26,9 +26,6 @@ namespace {
 
 constexpr char kSource[] = "fwIptables";
 
-// Never an adapter of its own: rules for it are those of "pppoe", or of "vpn" where PPPoE runs over
-// another interface.
-constexpr char kPppoeUsualInterface[] = "ppp0";
 constexpr std::size_t kPppoeNameBytes = 256;
 // A "tun" interface that belongs to the system, not to a VPN.
 constexpr char kSystemTunnel[] = "tun1000";

@@ -13,6 +13,7 @@
 #include "command.h"
 #include "commands.h"
 #include "explainSender.h"
+#include "fwCodes.h"
 #include "output.h"
 #include "ruleText.h"
 #include "store.h"
@@ -21,13 +22,11 @@
 namespace tarnfw {
 namespace {
 
-constexpr char kGlobal[] = "global";
-
 // ---- blocked ----
 
 /// What a verdict means, where that is not plain.
 std::string remark(const AdapterAnswer& answer) {
-    const bool global = answer.adapter == kGlobal;
+    const bool global = answer.adapter == FW::kGlobalAdapter;
     if (!FW::TARNFW_IPTABLES_RULES().adapterIsEnabled(answer.adapter)) {
         return "absent now";
     }

@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "command.h"
+#include "fwCodes.h"
 #include "interfaces.h"
 #include "output.h"
 #include "serviceRecords.h"
@@ -12,8 +13,6 @@
 
 namespace tarnfw {
 namespace {
-
-constexpr char kGlobal[] = "global";
 
 /// Adapters of the machine that no rules in the profile are for under a name that stands for them.
 std::vector<std::string> uncovered(const std::vector<std::string>& covered) {
@@ -85,7 +84,8 @@ std::vector<std::string> adaptersAsked(const BlockedOptions& options,
     }
     std::sort(adapters.begin(), adapters.end());
     adapters.erase(std::unique(adapters.begin(), adapters.end()), adapters.end());
-    adapters.erase(std::remove(adapters.begin(), adapters.end(), kGlobal), adapters.end());
+    adapters.erase(std::remove(adapters.begin(), adapters.end(), FW::kGlobalAdapter),
+                   adapters.end());
     return adapters;
 }
 

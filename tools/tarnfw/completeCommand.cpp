@@ -17,9 +17,9 @@
 #include "catalogue.h"
 #include "commands.h"
 #include "completion.h"
+#include "fwCodes.h"
 #include "helpTopics.h"
 #include "interfaces.h"
-#include "ruleCodes.h"
 #include "store.h"
 
 namespace tarnfw {
@@ -62,7 +62,7 @@ Texts adapters() {
     for (const Texts& more : {orNone(machineAdapters), orNone(activeAdapters)}) {
         names.insert(more.begin(), more.end());
     }
-    names.erase(kPppoeUsualInterface);  // its rules are never applied; those of "pppoe" are
+    names.erase(FW::kPppoeUsualInterface);  // its rules are never applied; those of "pppoe" are
     return {names.begin(), names.end()};
 }
 

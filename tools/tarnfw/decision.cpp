@@ -8,6 +8,7 @@
 #include "tarnfirewall/fwGeoip.h"
 
 #include "command.h"
+#include "fwCodes.h"
 #include "ruleText.h"
 
 namespace tarnfw {
@@ -15,8 +16,6 @@ namespace {
 
 using FW::FWRULE;
 
-constexpr char kGlobal[] = "global";
-constexpr char kNeverTranslated[] = "ppp0";
 constexpr char kInputChain[] = "INPUT_FIREWALL";
 constexpr char kFilterTable[] = "filter";
 constexpr char kLoopback[] = "lo";
@@ -109,7 +108,7 @@ bool isAddressOrNetwork(const std::string& text, const Address& address) {
 }
 
 bool hasFamily(const FWRULE& rule, bool ipv6) {
-    return rule.ipType == 2 || rule.ipType == (ipv6 ? 1 : 0);
+    return rule.ipType == FW::kIpBoth || rule.ipType == (ipv6 ? FW::kIpV6Only : FW::kIpV4Only);
 }
 
 // ---- Rules ----
@@ -117,7 +116,7 @@ bool hasFamily(const FWRULE& rule, bool ipv6) {
 /// Whether a rule has a line in the chain for incoming packets.
 bool hasLine(const FWRULE& rule, const std::string& adapter) {
     // For "global" there is no interface in the line, whichever direction the rule names.
-    const bool incoming = rule.adapterDirect != 0 || adapter == kGlobal;
+    const bool incoming = rule.adapterDirect != 0 || adapter == FW::kGlobalAdapter;
     return rule.enable && incoming && rule.table == kFilterTable &&
            rule.chainList.count(kInputChain) != 0 &&
            (rule.policy == FW::FW_POLICY_ALLOW || rule.policy == FW::FW_POLICY_DENY);
@@ -130,10 +129,11 @@ std::vector<std::string> listsOf(const Packet& packet) {
     lists.erase(std::unique(lists.begin(), lists.end()), lists.end());
     lists.erase(std::remove_if(lists.begin(), lists.end(),
                                [](const std::string& name) {
-                                   return name == kGlobal || name == kNeverTranslated;
+                                   return name == FW::kGlobalAdapter ||
+                                          name == FW::kPppoeUsualInterface;
                                }),
                 lists.end());
-    lists.insert(lists.begin(), kGlobal);
+    lists.insert(lists.begin(), FW::kGlobalAdapter);
     return lists;
 }
 
@@ -292,13 +292,13 @@ bool Decider::inCountries(const std::vector<std::string>& countries, const Addre
 
 bool Decider::holdsAddress(const FWRULE& rule, const Address& address) {
     switch (rule.ipGroup) {
-        case 0:
+        case FW::kIpSingle:
             return isAddressOrNetwork(at(rule.ipList, 0), address);
-        case 1:
+        case FW::kIpNetwork:
             return inNetwork(at(rule.ipList, 0), at(rule.ipList, 1), address);
-        case 3:
+        case FW::kIpCountries:
             return inCountries(rule.ipList, address);
-        case 4: {
+        case FW::kIpRange: {
             const auto range = rangeFrom(at(rule.ipList, 0), at(rule.ipList, 1));
             return range && range->contains(address);
         }
@@ -311,7 +311,7 @@ Decider::Match Decider::matchesAddress(const FWRULE& rule, const Packet& packet)
     if (!hasFamily(rule, packet.source.is_v6())) {
         return Match::kNo;
     }
-    if (rule.ipGroup == 5) {
+    if (rule.ipGroup == FW::kIpAny) {
         return Match::kYes;
     }
     if (rule.ipDirect != 0) {
@@ -320,8 +320,8 @@ Decider::Match Decider::matchesAddress(const FWRULE& rule, const Packet& packet)
     if (packet.destination) {
         return holdsAddress(rule, *packet.destination) ? Match::kYes : Match::kNo;
     }
-    const bool hasAddress =
-        rule.ipGroup == 0 || rule.ipGroup == 1 || rule.ipGroup == 3 || rule.ipGroup == 4;
+    const bool hasAddress = rule.ipGroup == FW::kIpSingle || rule.ipGroup == FW::kIpNetwork ||
+                            rule.ipGroup == FW::kIpCountries || rule.ipGroup == FW::kIpRange;
     return hasAddress ? Match::kPerhaps : Match::kNo;
 }
 

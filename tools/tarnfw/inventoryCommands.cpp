@@ -15,6 +15,7 @@
 
 #include "command.h"
 #include "commands.h"
+#include "fwCodes.h"
 #include "interfaces.h"
 #include "output.h"
 #include "ruleText.h"
@@ -23,8 +24,6 @@
 
 namespace tarnfw {
 namespace {
-
-constexpr char kGlobal[] = "global";
 
 // ---- adapters ----
 
@@ -50,7 +49,7 @@ Adapter adapterOf(const std::string& name, const std::vector<Interface>& interfa
     if (found != interfaces.end() && !isPredefined(name)) {
         adapter.interface = *found;
     }
-    adapter.present = name == kGlobal || !adapter.meant.empty() || adapter.interface;
+    adapter.present = name == FW::kGlobalAdapter || !adapter.meant.empty() || adapter.interface;
     const auto policy = profile.adapterPolicyMap.find(name);
     if (policy != profile.adapterPolicyMap.end()) {
         adapter.policy = policy->second;
@@ -94,7 +93,7 @@ std::vector<std::string> addressTexts(const Interface& interface) {
 }
 
 std::string nowText(const Adapter& adapter) {
-    if (adapter.name == kGlobal) {
+    if (adapter.name == FW::kGlobalAdapter) {
         return "every adapter";
     }
     if (!adapter.present) {

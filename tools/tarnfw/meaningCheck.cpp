@@ -7,8 +7,8 @@
 #include "tarnfirewall/fwTypes.h"
 
 #include "addressRange.h"
+#include "fwCodes.h"
 #include "portEntry.h"
-#include "ruleCodes.h"
 #include "store.h"
 
 namespace tarnfw {
@@ -116,22 +116,22 @@ void RuleCheck::checkAddresses() {
         return;
     }
     switch (*group) {
-        case kIpSingle:
+        case FW::kIpSingle:
             checkSingle(*list);
             break;
-        case kIpNetwork:
+        case FW::kIpNetwork:
             checkNetwork(*list);
             break;
-        case kIpNone:
+        case FW::kIpNone:
             useless(at("ipGroup"), std::string("2 matches no address") + kNoEffect);
             break;
-        case kIpCountries:
+        case FW::kIpCountries:
             checkCountries(*list);
             break;
-        case kIpRange:
+        case FW::kIpRange:
             checkRange(*list);
             break;
-        case kIpAny:
+        case FW::kIpAny:
             superfluous("ipList", 0, list->size(), "ipGroup 5 is any address");
             break;
         default:
@@ -158,9 +158,9 @@ bool RuleCheck::enough(const std::vector<std::string>& list, std::size_t needed,
 std::optional<Address> RuleCheck::address(const std::vector<std::string>& list, std::size_t index) {
     const std::optional<Address> found = addressFrom(list[index]);
     if (!found) {
-        const char* const family = codeOf(rule_, "ipType") == kIpV4Only   ? "an IPv4 address"
-                                   : codeOf(rule_, "ipType") == kIpV6Only ? "an IPv6 address"
-                                                                          : "an address";
+        const char* const family = codeOf(rule_, "ipType") == FW::kIpV4Only   ? "an IPv4 address"
+                                   : codeOf(rule_, "ipType") == FW::kIpV6Only ? "an IPv6 address"
+                                                                              : "an address";
         findings_.error(at("ipList", index), quoted(list[index]) + " is not " + family);
     }
     return found;
@@ -169,14 +169,14 @@ std::optional<Address> RuleCheck::address(const std::vector<std::string>& list, 
 void RuleCheck::checkFamily(const Address& address) {
     const std::optional<int> type = codeOf(rule_, "ipType");
     const std::string family = address.is_v6() ? "IPv6" : "IPv4";
-    const int right = address.is_v6() ? kIpV6Only : kIpV4Only;
+    const int right = address.is_v6() ? FW::kIpV6Only : FW::kIpV4Only;
     if (!type || *type == right) {
         return;
     }
-    if (*type == kIpBoth) {
+    if (*type == FW::kIpBoth) {
         findings_.error(at("ipType"), "2 is both families, but the address is " + family + " (" +
                                           std::to_string(right) + ")");
-    } else if (*type == kIpV4Only || *type == kIpV6Only) {
+    } else if (*type == FW::kIpV4Only || *type == FW::kIpV6Only) {
         findings_.error(at("ipType"),
                         std::to_string(*type) + (address.is_v6() ? " is IPv4" : " is IPv6") +
                             ", but the address is " + family + " (" + std::to_string(right) + ")");
@@ -249,8 +249,8 @@ void RuleCheck::checkCountry(const std::string& code, const std::string& where) 
         return;
     }
     const std::optional<int> type = codeOf(rule_, "ipType");
-    const bool lacksV4 = type != kIpV6Only && !machine_.hasCountry(code, false);
-    const bool lacksV6 = type != kIpV4Only && !machine_.hasCountry(code, true);
+    const bool lacksV4 = type != FW::kIpV6Only && !machine_.hasCountry(code, false);
+    const bool lacksV6 = type != FW::kIpV4Only && !machine_.hasCountry(code, true);
     if (lacksV4 || lacksV6) {
         const bool both = lacksV4 && lacksV6;
         findings_.warning(where, "there are no " +
@@ -270,14 +270,14 @@ void RuleCheck::checkPorts() {
         return;
     }
     switch (*group) {
-        case kPortServices:
-        case kPortServicesReserved:
+        case FW::kPortServices:
+        case FW::kPortServicesReserved:
             checkServices(*list);
             break;
-        case kPortCustom:
+        case FW::kPortCustom:
             checkPortEntries(*list);
             break;
-        case kPortAny:
+        case FW::kPortAny:
             superfluous("portList", 0, list->size(), "portGroup 3 is any port");
             break;
         default:
@@ -372,7 +372,7 @@ void checkAdapter(const std::string& adapter, const std::string& where, Machine&
     if (!isWord(adapter) || adapter.size() > kAdapterBytes ||
         adapter.find_first_of("/:") != std::string::npos) {
         findings.error(where, quoted(adapter) + " is not the name of an adapter");
-    } else if (adapter == kPppoeUsualInterface) {
+    } else if (adapter == FW::kPppoeUsualInterface) {
         findings.warning(where,
                          "what is said for \"ppp0\" is never applied; the adapter of a "
                          "PPPoE connection is \"pppoe\"");
@@ -419,7 +419,7 @@ std::vector<Finding> checkMeaning(const Json::Value& document, Machine& machine)
             }
             RuleCheck(list[i], elementPath(path, i), machine, findings).run();
             const std::optional<int> group = codeOf(list[i], "portGroup");
-            services = services || group == kPortServices || group == kPortServicesReserved;
+            services = services || group == FW::kPortServices || group == FW::kPortServicesReserved;
         }
     }
     const Value& policies = document["adapterPolicyMap"];

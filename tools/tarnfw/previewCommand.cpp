@@ -13,8 +13,8 @@
 
 #include "command.h"
 #include "commands.h"
+#include "fwCodes.h"
 #include "output.h"
-#include "ruleCodes.h"
 #include "store.h"
 #include "translation.h"
 
@@ -52,9 +52,9 @@ void printLines(const std::string& tool, const Json::Value& lines) {
 
 /// Prints one family in the order of running: "global" first.
 void printFamily(const std::string& tool, const Json::Value& family) {
-    printLines(tool, family[kGlobalAdapter]);
+    printLines(tool, family[FW::kGlobalAdapter]);
     for (const std::string& adapter : family.getMemberNames()) {
-        if (adapter != kGlobalAdapter) {
+        if (adapter != FW::kGlobalAdapter) {
             printLines(tool, family[adapter]);
         }
     }

@@ -11,9 +11,9 @@
 #include "tarnfirewall/fwDB.h"
 
 #include "command.h"
+#include "fwCodes.h"
 #include "output.h"
 #include "profileCommands.h"
-#include "ruleCodes.h"
 #include "ruleText.h"
 #include "store.h"
 
@@ -21,7 +21,7 @@ namespace tarnfw {
 namespace {
 
 bool isGlobal(const std::string& adapter) {
-    return adapter == kGlobalAdapter;
+    return adapter == FW::kGlobalAdapter;
 }
 
 Paint paintOf(FW::FW_POLICY policy) {
@@ -46,7 +46,7 @@ std::string notesOf(const FW::FWRULE& rule) {
     addIf(!rule.enable, "off");
     addIf(rule.adapterDirect == 0, "outgoing");
     addIf(rule.blLog, "logged");
-    addIf(rule.portGroup == kPortServicesReserved && rule.ipGroup == kIpAny, "reserved");
+    addIf(rule.portGroup == FW::kPortServicesReserved && rule.ipGroup == FW::kIpAny, "reserved");
     std::string text = boost::join(notes, ", ");
     if (!rule.name.empty()) {
         text.append(text.empty() ? "" : " ").append("\"").append(rule.name).append("\"");

@@ -20,8 +20,8 @@
 #include "catalogue.h"
 #include "command.h"
 #include "commands.h"
+#include "fwCodes.h"
 #include "output.h"
-#include "ruleCodes.h"
 #include "ruleFindings.h"
 #include "ruleSyntax.h"
 #include "ruleText.h"
@@ -71,7 +71,7 @@ Texts knownAdapters(const FW::FWPROFILE& profile) {
     if (!FW::TARNFW().fwAdapterEnum(names)) {
         throw CommandFailed("the machine's adapters cannot be listed");
     }
-    names.erase(kPppoeUsualInterface);
+    names.erase(FW::kPppoeUsualInterface);
     names.insert(FW::FW_PREDEFINED_ADAPTERS.begin(), FW::FW_PREDEFINED_ADAPTERS.end());
     const Texts used = adaptersOf(profile);
     names.insert(used.begin(), used.end());
@@ -83,7 +83,7 @@ void requireAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
     if (std::find(known.begin(), known.end(), adapter) != known.end()) {
         return;
     }
-    if (adapter == kPppoeUsualInterface) {
+    if (adapter == FW::kPppoeUsualInterface) {
         throw CommandFailed(
             "rules of \"ppp0\" are never applied; those of \"pppoe\" are, to that connection");
     }
@@ -94,7 +94,7 @@ void requireAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
 // ---- Reserved rules ----
 
 bool isReserved(const FW::FWRULE& rule) {
-    return rule.portGroup == kPortServicesReserved && rule.ipGroup == kIpAny;
+    return rule.portGroup == FW::kPortServicesReserved && rule.ipGroup == FW::kIpAny;
 }
 
 /// How many rules at the head of the list are the system's.
@@ -322,7 +322,7 @@ void switchRules(const Target& target, const std::vector<std::size_t>& positions
 
 void setPolicy(const Target& target, const std::string& word) {
     requireRoot();
-    if (target.adapter == kGlobalAdapter) {
+    if (target.adapter == FW::kGlobalAdapter) {
         throw CommandFailed(
             "\"global\" has no default policy: what its rules leave is decided by those of the "
             "adapters; a last rule \"deny any\" decides for all of them");

@@ -15,8 +15,8 @@
 
 #include "addressRange.h"
 #include "command.h"
+#include "fwCodes.h"
 #include "output.h"
-#include "ruleCodes.h"
 #include "usage.h"
 
 namespace tarnfw {
@@ -142,7 +142,7 @@ void takeServices(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& ru
     for (const auto& [name, protocol] : vocabulary.services) {
         known.push_back(name);
     }
-    rule.portGroup = kPortServices;
+    rule.portGroup = FW::kPortServices;
     const std::string& word = words.take("a service's name");
     if (known.empty()) {
         throw CommandFailed("the service catalogue is empty or cannot be read");
@@ -179,7 +179,7 @@ std::string whatWasMeant(const std::string& word, const RuleVocabulary& vocabula
 }
 
 void takeWhat(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) {
-    rule.portGroup = kPortAny;
+    rule.portGroup = FW::kPortAny;
     if (words.done() || words.isSide()) {
         return;
     }
@@ -196,7 +196,7 @@ void takeWhat(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) 
         wrong(quoted(word) + " stands where one of " + kWhatWords + " is expected" +
               didYouMean(whatWasMeant(word, vocabulary)));
     }
-    rule.portGroup = kPortCustom;
+    rule.portGroup = FW::kPortCustom;
     rule.protocol = protocol->second;
     if (rule.protocol <= FW::FW_PORT_PROTOCOL_TCP_UDP) {
         takePorts(words, vocabulary, rule);
@@ -211,7 +211,7 @@ std::int32_t familyOf(const Address& address, const std::string& word, const Rul
         wrong(quoted(word) + " is an " + (address.is_v4() ? "IPv4" : "IPv6") + " address: no " +
               (options.v4 ? "--v4" : "--v6") + " with it");
     }
-    return address.is_v4() ? kIpV4Only : kIpV6Only;
+    return address.is_v4() ? FW::kIpV4Only : FW::kIpV6Only;
 }
 
 void useNetwork(const std::string& word, const RuleOptions& options, FW::FWRULE& rule) {
@@ -224,7 +224,7 @@ void useNetwork(const std::string& word, const RuleOptions& options, FW::FWRULE&
               "or 2001:db8::/64");
     }
     const int length = *prefixLengthFrom(mask, network->first.is_v6());
-    rule.ipGroup = kIpNetwork;
+    rule.ipGroup = FW::kIpNetwork;
     rule.ipType = familyOf(network->first, word, options);
     rule.ipList = {spelled(network->first), std::to_string(length)};
     if (network->first.is_v4()) {
@@ -243,7 +243,7 @@ void useRange(const std::string& word, const RuleOptions& options, FW::FWRULE& r
     if (*last < *first) {
         wrong("the range of addresses " + quoted(word) + " runs backwards");
     }
-    rule.ipGroup = kIpRange;
+    rule.ipGroup = FW::kIpRange;
     rule.ipType = familyOf(*first, word, options);
     rule.ipList = {spelled(*first), spelled(*last)};
 }
@@ -273,7 +273,7 @@ void useCountries(const std::string& word, const RuleOptions& options,
             rule.ipList.push_back(code);
         }
     }
-    rule.ipGroup = kIpCountries;
+    rule.ipGroup = FW::kIpCountries;
 }
 
 void takeAddress(Words& words, const RuleOptions& options, const RuleVocabulary& vocabulary,
@@ -289,7 +289,7 @@ void takeAddress(Words& words, const RuleOptions& options, const RuleVocabulary&
     } else if (word.find('/') != std::string::npos) {
         useNetwork(word, options, rule);
     } else if (const std::optional<Address> address = addressFrom(word)) {
-        rule.ipGroup = kIpSingle;
+        rule.ipGroup = FW::kIpSingle;
         rule.ipType = familyOf(*address, word, options);
         rule.ipList = {spelled(*address)};
     } else if (word.find('-') != std::string::npos) {
@@ -302,8 +302,8 @@ void takeAddress(Words& words, const RuleOptions& options, const RuleVocabulary&
 
 void takeSide(Words& words, const RuleOptions& options, const RuleVocabulary& vocabulary,
               FW::FWRULE& rule) {
-    rule.ipGroup = kIpAny;
-    rule.ipType = options.v4 ? kIpV4Only : options.v6 ? kIpV6Only : kIpBoth;
+    rule.ipGroup = FW::kIpAny;
+    rule.ipType = options.v4 ? FW::kIpV4Only : options.v6 ? FW::kIpV6Only : FW::kIpBoth;
     if (words.done()) {
         return;
     }
@@ -341,7 +341,7 @@ FW::FWRULE ruleFrom(const std::vector<std::string>& words, const RuleOptions& op
     rule.policy = takePolicy(remaining);
     takeWhat(remaining, vocabulary, rule);
     takeSide(remaining, options, vocabulary, rule);
-    if (options.sourcePort && (rule.portGroup != kPortCustom || rule.portList.empty())) {
+    if (options.sourcePort && (rule.portGroup != FW::kPortCustom || rule.portList.empty())) {
         wrong("--source-port needs tcp or udp and ports, such as \"udp 123\"");
     }
     rule.portDirect = options.sourcePort ? 1 : 0;

@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "addressRange.h"
+#include "fwCodes.h"
 
 namespace tarnfw {
 namespace {
@@ -39,17 +40,17 @@ std::string protocolText(std::int32_t protocol) {
 std::string addressText(const FW::FWRULE& rule) {
     const std::string side = rule.ipDirect != 0 ? "from " : "to ";
     switch (rule.ipGroup) {
-        case 0:
+        case FW::kIpSingle:
             return side + at(rule.ipList, 0);
-        case 1:
+        case FW::kIpNetwork:
             return side + at(rule.ipList, 0) + "/" + at(rule.ipList, 1);
-        case 2:
+        case FW::kIpNone:
             return side + "nowhere";
-        case 3:
+        case FW::kIpCountries:
             return side + "country " + joined(rule.ipList);
-        case 4:
+        case FW::kIpRange:
             return side + at(rule.ipList, 0) + "-" + at(rule.ipList, 1);
-        case 5:
+        case FW::kIpAny:
             return side + "anywhere";
         default:
             return side + "unknown ip group " + std::to_string(rule.ipGroup);
@@ -73,17 +74,17 @@ std::string policyText(FW::FW_POLICY policy) {
 
 std::string portText(const FW::FWRULE& rule) {
     switch (rule.portGroup) {
-        case 0:
-        case 2:
+        case FW::kPortServices:
+        case FW::kPortServicesReserved:
             return "service " + joined(rule.portList);
-        case 1: {
+        case FW::kPortCustom: {
             std::string text = protocolText(rule.protocol);
             if (!rule.portList.empty()) {
                 text += (rule.portDirect != 0 ? " source port " : " ") + joined(rule.portList);
             }
             return text;
         }
-        case 3:
+        case FW::kPortAny:
             return "everything";
         default:
             return "unknown port group " + std::to_string(rule.portGroup);
@@ -91,7 +92,7 @@ std::string portText(const FW::FWRULE& rule) {
 }
 
 std::string shortAddressText(const FW::FWRULE& rule) {
-    const std::optional<int> length = rule.ipGroup == 1 && rule.ipList.size() > 1
+    const std::optional<int> length = rule.ipGroup == FW::kIpNetwork && rule.ipList.size() > 1
                                           ? prefixLengthFrom(rule.ipList[1], /*ipv6=*/false)
                                           : std::nullopt;
     if (!length) {
@@ -104,11 +105,11 @@ std::string shortAddressText(const FW::FWRULE& rule) {
 
 std::string familyText(std::int32_t ipType) {
     switch (ipType) {
-        case 0:
+        case FW::kIpV4Only:
             return "IPv4";
-        case 1:
+        case FW::kIpV6Only:
             return "IPv6";
-        case 2:
+        case FW::kIpBoth:
             return "both";
         default:
             return "unknown address family " + std::to_string(ipType);
@@ -135,7 +136,7 @@ std::string ruleText(const FW::FWRULE& rule) {
     if (rule.blLog) {
         text += ", logged";
     }
-    if (rule.ipType != 2) {
+    if (rule.ipType != FW::kIpBoth) {
         text += " (" + familyText(rule.ipType) + ")";
     }
     if (!rule.name.empty()) {

@@ -18,6 +18,7 @@
 #include "applying.h"
 #include "command.h"
 #include "commands.h"
+#include "fwCodes.h"
 #include "interfaces.h"
 #include "output.h"
 #include "serviceRecords.h"
@@ -27,8 +28,6 @@
 namespace tarnfw {
 namespace {
 
-constexpr char kGlobal[] = "global";
-constexpr char kNeverTranslated[] = "ppp0";
 constexpr std::size_t kMostNameBytes = 15;  // of an interface, as the kernel takes it
 
 using Profiles = std::map<std::string, FW::FWPROFILE>;
@@ -102,7 +101,7 @@ std::vector<std::string> adaptersIn(const Profiles& profiles) {
 // ---- Services ----
 
 bool namesService(const FW::FWRULE& rule, const std::string& service) {
-    return (rule.portGroup == 0 || rule.portGroup == 2) &&
+    return (rule.portGroup == FW::kPortServices || rule.portGroup == FW::kPortServicesReserved) &&
            std::find(rule.portList.begin(), rule.portList.end(), service) != rule.portList.end();
 }
 
@@ -166,10 +165,10 @@ void requireRenamable(const std::string& from, const std::string& to, const Prof
     if (from == to) {
         throw CommandFailed("both names are \"" + printable(from) + "\"");
     }
-    if (from == kGlobal || to == kGlobal) {
+    if (from == FW::kGlobalAdapter || to == FW::kGlobalAdapter) {
         throw CommandFailed("\"global\" stands for every adapter; its rules cannot be moved");
     }
-    if (to == kNeverTranslated) {
+    if (to == FW::kPppoeUsualInterface) {
         throw CommandFailed("rules for \"ppp0\" have no effect; \"pppoe\" is its name");
     }
     if (!isInterfaceName(to)) {

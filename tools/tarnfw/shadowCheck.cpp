@@ -15,8 +15,8 @@
 #include "tarnfirewall/fwDB.h"
 
 #include "addressRange.h"
+#include "fwCodes.h"
 #include "portEntry.h"
-#include "ruleCodes.h"
 #include "ruleText.h"
 
 namespace tarnfw {
@@ -134,13 +134,13 @@ struct AddressSet {
 
 std::optional<AddressRange> rangeOf(const FW::FWRULE& rule) {
     const std::vector<std::string>& list = rule.ipList;
-    if (rule.ipGroup == kIpSingle && !list.empty()) {
+    if (rule.ipGroup == FW::kIpSingle && !list.empty()) {
         return rangeFrom(list[0], list[0]);
     }
-    if (rule.ipGroup == kIpNetwork && list.size() >= 2) {
+    if (rule.ipGroup == FW::kIpNetwork && list.size() >= 2) {
         return networkFrom(list[0], list[1]);
     }
-    if (rule.ipGroup == kIpRange && list.size() >= 2) {
+    if (rule.ipGroup == FW::kIpRange && list.size() >= 2) {
         return rangeFrom(list[0], list[1]);
     }
     return std::nullopt;
@@ -148,15 +148,15 @@ std::optional<AddressRange> rangeOf(const FW::FWRULE& rule) {
 
 /// What a rule matches in a family; nothing when it has no line there.
 std::optional<AddressSet> addressesOf(const FW::FWRULE& rule, bool ipv6, Machine& machine) {
-    if (rule.ipType != kIpBoth && rule.ipType != (ipv6 ? kIpV6Only : kIpV4Only)) {
+    if (rule.ipType != FW::kIpBoth && rule.ipType != (ipv6 ? FW::kIpV6Only : FW::kIpV4Only)) {
         return std::nullopt;
     }
     AddressSet set;
     set.source = rule.ipDirect != 0;
-    if (rule.ipGroup == kIpAny) {
+    if (rule.ipGroup == FW::kIpAny) {
         return set;
     }
-    if (rule.ipGroup == kIpCountries) {
+    if (rule.ipGroup == FW::kIpCountries) {
         std::copy_if(rule.ipList.begin(), rule.ipList.end(),
                      std::inserter(set.countries, set.countries.end()),
                      [&](const std::string& code) { return machine.hasCountry(code, ipv6); });
@@ -207,14 +207,14 @@ bool shadows(const Matcher& first, const Matcher& later) {
 /// The record of one rule's document; nothing for a shape that does not convert.
 std::optional<FW::FWRULE> recordOf(const Json::Value& rule) {
     Json::Value document;
-    document[kGlobalAdapter].append(rule);
+    document[FW::kGlobalAdapter].append(rule);
     std::map<std::string, std::vector<FW::FWRULE>> rules;
     try {
         FW::TARNFW_JSON_DB().jsonToRuleList(document, rules);
     } catch (const Json::Exception&) {
         return std::nullopt;
     }
-    return rules[kGlobalAdapter].front();
+    return rules[FW::kGlobalAdapter].front();
 }
 
 class ShadowCheck {
@@ -240,7 +240,7 @@ public:
             Matcher matcher{
                 rulePath,
                 *rule,
-                adapter == kGlobalAdapter,
+                adapter == FW::kGlobalAdapter,
                 PortSet(machine_.portMatches(*rule)),
                 {addressesOf(*rule, false, machine_), addressesOf(*rule, true, machine_)}};
             const bool hasLines =
@@ -296,10 +296,11 @@ std::vector<Finding> checkShadows(const Json::Value& document, const std::vector
     }
     const Json::Value& rules = document["rules"];
     ShadowCheck check(findings, machine);
-    const std::vector<Matcher> global = check.matchersOf(rules[kGlobalAdapter], kGlobalAdapter);
+    const std::vector<Matcher> global =
+        check.matchersOf(rules[FW::kGlobalAdapter], FW::kGlobalAdapter);
     check.check({}, global);
     for (const std::string& adapter : rules.getMemberNames()) {
-        if (adapter != kGlobalAdapter && adapter != kPppoeUsualInterface) {
+        if (adapter != FW::kGlobalAdapter && adapter != FW::kPppoeUsualInterface) {
             check.check(global, check.matchersOf(rules[adapter], adapter));
         }
     }

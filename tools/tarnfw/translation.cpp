@@ -6,7 +6,7 @@
 
 #include "command.h"
 #include "finding.h"
-#include "ruleCodes.h"
+#include "fwCodes.h"
 #include "store.h"
 
 namespace tarnfw {
@@ -40,12 +40,12 @@ public:
         std::vector<TracedLine> all;
         for (const char* const family : kFamilies) {
             const auto& adapters = lines_.at(family);
-            const auto global = adapters.find(kGlobalAdapter);
+            const auto global = adapters.find(FW::kGlobalAdapter);
             if (global != adapters.end()) {
                 all.insert(all.end(), global->second.begin(), global->second.end());
             }
             for (const auto& [adapter, lines] : adapters) {
-                if (adapter != kGlobalAdapter) {
+                if (adapter != FW::kGlobalAdapter) {
                     all.insert(all.end(), lines.begin(), lines.end());
                 }
             }
@@ -68,7 +68,7 @@ private:
             const Json::Value& lines = piece[family];
             for (const std::string& adapter : lines.getMemberNames()) {
                 const Json::ArrayIndex first =
-                    skipFixed && adapter == kGlobalAdapter ? fixed_[family][adapter].size() : 0;
+                    skipFixed && adapter == FW::kGlobalAdapter ? fixed_[family][adapter].size() : 0;
                 for (Json::ArrayIndex i = first; i < lines[adapter].size(); ++i) {
                     adapters[adapter].push_back({family, lines[adapter][i].asString(), where});
                 }

@@ -7,12 +7,11 @@
 
 #include "command.h"
 #include "decision.h"
+#include "fwCodes.h"
 #include "serviceRecords.h"
 
 namespace tarnfw {
 namespace {
-
-constexpr char kGlobal[] = "global";
 
 constexpr struct {
     const char* word;
@@ -129,14 +128,14 @@ std::vector<AdapterAnswer> askVerdicts(const std::vector<FW::PortCompareST>& que
     std::vector<AdapterAnswer> answers;
     for (const std::string& adapter : adapters) {
         if (answers.empty()) {
-            answers.push_back(answerFor(kGlobal, adapter, questions));
+            answers.push_back(answerFor(FW::kGlobalAdapter, adapter, questions));
         }
-        if (adapter != kGlobal) {
+        if (adapter != FW::kGlobalAdapter) {
             answers.push_back(answerFor(adapter, adapter, questions));
         }
     }
     if (answers.empty()) {
-        answers.push_back(answerFor(kGlobal, kGlobal, questions));
+        answers.push_back(answerFor(FW::kGlobalAdapter, FW::kGlobalAdapter, questions));
     }
     return answers;
 }
