@@ -52,12 +52,26 @@ prints_json() {
 
 # keep_files NAME, same_files NAME: what is in the profile directory.
 keep_files() {
-    (cd -- "$kProfileDirectory" && sha256sum -- *) >"$out/$1.files"
+    find "$kProfileDirectory" -type f -exec sha256sum -- {} + | LC_ALL=C sort >"$out/$1.files"
 }
 
 same_files() {
     keep_files now
     diff -u "$out/$1.files" "$out/now.files"
+}
+
+# asked STATUS QUESTION ANSWER ARGUMENT...: on a terminal, where it asks that and is answered so, it ends
+# with that status; what it says after the answer, an echo of that included, is in $out/answer.
+asked() {
+    local wanted=$1 question=$2 answer=$3 status=0
+    shift 3
+    printf -- '-- %s: on a terminal, "%s": tarnfw %s\n' "$wanted" "$answer" "$*"
+    /usr/bin/python3 "$checkout/tests/kernel/answer_terminal.py" "$question" "$answer" \
+        "$build/tools/tarnfw/tarnfw" "$@" >"$out/answer" 2>"$out/complaint" || status=$?
+    if ((status != wanted)); then
+        cat -- "$out/answer" "$out/complaint"
+        fail "tarnfw $*, answered \"$answer\", ends with $status instead of $wanted"
+    fi
 }
 
 # refused STATUS PATTERN ARGUMENT...: that status and a complaint like it, and no file has changed.

@@ -207,7 +207,7 @@ if "${ordinary[@]}" true 2>/dev/null; then
     tarnfw() {
         "${ordinary[@]}" "$build/tools/tarnfw/tarnfw" "$@"
     }
-    (cd -- "$kProfileDirectory" && sha256sum -- *) >/tmp/files
+    keep_files ordinary
     for command in "${commands[@]}"; do
         read -r -a words <<<"$command ${arguments[$command]-}"
         answers 4 "${words[@]}"
@@ -220,6 +220,5 @@ if "${ordinary[@]}" true 2>/dev/null; then
     answers 0 --version
     answers 2 nonsense
     step 'nothing was changed' same_listing base
-    step 'nothing was written' diff -u /tmp/files \
-        <(cd -- "$kProfileDirectory" && sha256sum -- *)
+    step 'nothing was written' same_files ordinary
 fi

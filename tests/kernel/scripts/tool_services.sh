@@ -12,22 +12,6 @@ ip -6 address flush dev tun0 scope link
 # shellcheck source=tests/kernel/answers.sh
 source "$checkout/tests/kernel/answers.sh"
 
-# prints_json: the last answer is this JSON document, whatever its layout.
-prints_json() {
-    diff -u <(/usr/bin/python3 -m json.tool --sort-keys) \
-        <(/usr/bin/python3 -m json.tool --sort-keys "$out/answer") || fail 'not the document expected'
-}
-
-# keep_profiles, same_profiles: the whole profile directory.
-keep_profiles() {
-    rm -rf /tmp/profiles
-    cp -r -- "$kProfileDirectory" /tmp/profiles
-}
-
-same_profiles() {
-    diff -r -u /tmp/profiles "$kProfileDirectory"
-}
-
 # has_rules FILE ADAPTER: that profile's list is what is read, a line a rule: its policy and ports.
 has_rules() {
     diff -u - <(/usr/bin/python3 - "$kProfileDirectory/$1.json" "$2" <<'END'
@@ -41,16 +25,11 @@ END
     ) || fail "not the rules of $2 in $1"
 }
 
-# refused STATUS PATTERN ARGUMENT...: that status, that one line, and nothing has changed.
-refused() {
-    local status=$1 pattern=$2
-    shift 2
-    keep_profiles
+# refused_whole STATUS PATTERN ARGUMENT...: refused, in one line, and the filter is untouched as well.
+refused_whole() {
     keep_listing refusing
-    answers "$status" "$@"
-    step 'nothing on standard output' [ ! -s "$out/answer" ]
-    complains "$pattern"
-    step 'no file has changed' same_profiles
+    refused "$@"
+    complains "$2"
     step 'the filter is untouched' same_listing refusing
 }
 
@@ -183,9 +162,9 @@ Profile "home" applied
 END
 step 'now the kernel has it' grep --quiet -- '-i eth0 .*--dport 22 -j DROP' <(iptables -S)
 # The names that no reservation can be for, or that none can be on.
-refused 1 '^tarnfw: there is no service "shh"; did you mean "ssh"?' service reserve shh allow --adapter eth0
-refused 1 'keeps service "kept_out" out of the firewall' service reserve kept_out allow --adapter eth0
-refused 1 '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (there is: eth0, eth5, global, pppoe, tun0, vpn)$' \
+refused_whole 1 '^tarnfw: there is no service "shh"; did you mean "ssh"?' service reserve shh allow --adapter eth0
+refused_whole 1 'keeps service "kept_out" out of the firewall' service reserve kept_out allow --adapter eth0
+refused_whole 1 '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (there is: eth0, eth5, global, pppoe, tun0, vpn)$' \
     service reserve ssh allow --adapter eht0
 for wrong in 'service reserve' 'service reserve ssh' 'service reserve ssh allow' \
     'service reserve ssh maybe --adapter eth0' 'service release' 'service update ssh' service \
@@ -206,7 +185,7 @@ allow 9000
 END
 answers 0 service release ssh
 prints <<<'Service ssh is in no rule (no profile had to change)'
-refused 1 '^tarnfw: there is no service "htpp"; did you mean "http"?' service release htpp
+refused_whole 1 '^tarnfw: there is no service "htpp"; did you mean "http"?' service release htpp
 # One that the catalogue has lost can still be released; its rule names nothing else and goes.
 answers 0 service release lost_service
 says '^Service lost_service is in no rule (changed: home)$'
@@ -233,38 +212,24 @@ prints <<<'Rules follow the service catalogue (no profile had to change)'
 
 # --- adapter rename --------------------------------------------------------------------------------
 
-refused 1 '^tarnfw: both names are "eth0"$' adapter rename eth0 eth0
-refused 1 '^tarnfw: no profile has anything for adapter "eht0"; did you mean "eth0"? (there is: eth0, eth5, global)$' \
+refused_whole 1 '^tarnfw: both names are "eth0"$' adapter rename eth0 eth0
+refused_whole 1 '^tarnfw: no profile has anything for adapter "eht0"; did you mean "eth0"? (there is: eth0, eth5, global)$' \
     adapter rename eht0 eth1
-refused 1 '^tarnfw: "global" stands for every adapter' adapter rename global eth1
-refused 1 '^tarnfw: "global" stands for every adapter' adapter rename eth0 global
-refused 1 'rules for "ppp0" have no effect' adapter rename eth0 ppp0
-refused 1 'cannot be an adapter.s name$' adapter rename eth0 'eth 1'
-refused 1 'cannot be an adapter.s name$' adapter rename eth0 a_name_of_16_char
+refused_whole 1 '^tarnfw: "global" stands for every adapter' adapter rename global eth1
+refused_whole 1 '^tarnfw: "global" stands for every adapter' adapter rename eth0 global
+refused_whole 1 'rules for "ppp0" have no effect' adapter rename eth0 ppp0
+refused_whole 1 'cannot be an adapter.s name$' adapter rename eth0 'eth 1'
+refused_whole 1 'cannot be an adapter.s name$' adapter rename eth0 a_name_of_16_char
 # Their default policies differ: one of them would be lost.
-refused 1 '^tarnfw: what "eth5" has in home would be replaced; nothing was changed (--yes goes on' \
+refused_whole 1 '^tarnfw: what "eth5" has in home would be replaced; nothing was changed (--yes goes on' \
     adapter rename eth0 eth5
-cat >"$out/ask.py" <<'END'
-import sys
-
-import pexpect
-
-answer, wanted = sys.argv[1:3]
-child = pexpect.spawn(sys.argv[3], sys.argv[4:], timeout=60, encoding="utf-8")
-child.expect_exact('what "eth5" has in home would be replaced. Go on? [y/N] ')
-child.sendline(answer)
-child.expect(pexpect.EOF)
-child.close()
-print(child.before)
-sys.exit(child.exitstatus != int(wanted))
-END
-tool=$build/tools/tarnfw/tarnfw
-keep_profiles
+readonly kQuestion='what "eth5" has in home would be replaced. Go on? [y/N] '
+keep_files asked
 for answer in n '' nonsense; do
-    step "\"$answer\" is no" /usr/bin/python3 "$out/ask.py" "$answer" 1 "$tool" adapter rename eth0 eth5
+    asked 1 "$kQuestion" "$answer" adapter rename eth0 eth5
 done
-step 'no file has changed' same_profiles
-step '"y" is yes' /usr/bin/python3 "$out/ask.py" y 0 "$tool" adapter rename eth0 eth5
+step 'no file has changed' same_files asked
+asked 0 "$kQuestion" y adapter rename eth0 eth5
 has_rules home eth0 </dev/null
 has_rules home eth5 <<'END'
 allow http

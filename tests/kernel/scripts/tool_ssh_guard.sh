@@ -29,23 +29,6 @@ turn_off() {
     cp -- "$kSettings" /tmp/settings
 }
 
-# In a terminal: the answer typed to the question, and the exit status that must follow.
-cat >"$out/ask.py" <<'END'
-import sys
-
-import pexpect
-
-answer, wanted = sys.argv[1:3]
-child = pexpect.spawn(sys.argv[3], sys.argv[4:], timeout=60, encoding="utf-8", dimensions=(24, 500))
-child.expect_exact("a new one would not get in\r\n")
-child.expect_exact("Enable all the same? [y/N] ")
-child.sendeof() if answer == "EOF" else child.sendline(answer)
-child.expect(pexpect.EOF)
-child.close()
-print(child.before)
-sys.exit(child.exitstatus != int(wanted))
-END
-
 answers 0 base up
 use_profile deny_by_default
 cp -- "$kSettings" /tmp/settings
@@ -91,14 +74,13 @@ says '^Firewall disabled: nothing to reload$'
 
 # --- in a terminal ---------------------------------------------------------------------------------
 
+readonly kQuestion=$'a new one would not get in\nEnable all the same? [y/N] '
 for answer in n '' no nonsense EOF; do
-    step "\"$answer\" is no" over_ssh 192.168.1.21 /usr/bin/python3 "$out/ask.py" "$answer" 1 \
-        "$tool" enable
+    over_ssh 192.168.1.21 asked 1 "$kQuestion" "$answer" enable
     step 'nothing was changed' unchanged
 done
 for answer in y Y yes; do
-    step "\"$answer\" is yes" over_ssh 192.168.1.21 /usr/bin/python3 "$out/ask.py" "$answer" 0 \
-        "$tool" enable
+    over_ssh 192.168.1.21 asked 0 "$kQuestion" "$answer" enable
     answers 0 status
     says '^Firewall: *enabled$'
     turn_off
