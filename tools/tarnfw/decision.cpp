@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include <json/json.h>
-#include <boost/lexical_cast/try_lexical_convert.hpp>
 
 #include "tarnfirewall/fwGeoip.h"
 
@@ -25,16 +24,6 @@ constexpr std::size_t kPortsPerLine = 7;
 
 // ---- Ports ----
 
-std::optional<int> portFrom(const std::string& text) {
-    unsigned port = 0;
-    const bool octal = text.size() > 1 && text[0] == '0';  // as iptables reads it
-    if (octal || text.find_first_not_of("0123456789") != std::string::npos ||
-        !boost::conversion::try_lexical_convert(text, port) || port > kHighestPort) {
-        return std::nullopt;
-    }
-    return static_cast<int>(port);
-}
-
 /// The ports of a rule's lines, line by line.
 std::vector<PortSpan> spansOf(const std::vector<std::string>& ports) {
     std::vector<PortSpan> spans;
@@ -55,10 +44,6 @@ std::vector<PortSpan> spansOf(const std::vector<std::string>& ports) {
 
 bool overlap(const PortSpan& a, const PortSpan& b) {
     return a.first <= b.last && b.first <= a.last;
-}
-
-bool covers(const PortSpan& outer, const PortSpan& inner) {
-    return outer.first <= inner.first && inner.last <= outer.last;
 }
 
 bool isFor(std::int32_t ruleProtocol, FW::FW_PORT_PROTOCOL protocol) {
@@ -245,25 +230,6 @@ std::optional<DecidedBy> fixedLine(const Packet& packet) {
 }
 
 }  // namespace
-
-std::optional<PortSpan> portSpanFrom(const std::string& text) {
-    const std::size_t dash = text.find('-');
-    const std::optional<int> first = portFrom(text.substr(0, dash));
-    const std::optional<int> last =
-        dash == std::string::npos ? first : portFrom(text.substr(dash + 1));
-    if (!first || !last || *last < *first) {
-        return std::nullopt;
-    }
-    return PortSpan{*first, *last};
-}
-
-std::string portSpanText(const PortSpan& span) {
-    std::string text = std::to_string(span.first);
-    if (span.last != span.first) {
-        text.append("-").append(std::to_string(span.last));
-    }
-    return text;
-}
 
 // ---- Matching ----
 

@@ -13,22 +13,9 @@
 #include "tarnfirewall/fwTypes.h"
 
 #include "addressRange.h"
+#include "portEntry.h"
 
 namespace tarnfw {
-
-inline constexpr int kHighestPort = 65535;
-
-/// Ports, both ends included.
-struct PortSpan {
-    int first = 0;
-    int last = kHighestPort;
-};
-
-/// "80" or "6000-6010"; nothing for what is no port or a range that runs backwards.
-std::optional<PortSpan> portSpanFrom(const std::string& text);
-
-/// "80" or "6000-6010".
-std::string portSpanText(const PortSpan& span);
 
 /// A packet that comes in and is for this machine, or several that differ in the port alone.
 struct Packet {

@@ -5,8 +5,13 @@
 namespace tarnfw {
 namespace {
 
-constexpr int kLastPort = 65535;
 constexpr std::size_t kMostDigits = 5;
+
+}  // namespace
+
+bool covers(const PortSpan& outer, const PortSpan& inner) {
+    return outer.first <= inner.first && inner.last <= outer.last;
+}
 
 std::optional<int> portFrom(const std::string& text) {
     const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
@@ -14,36 +19,35 @@ std::optional<int> portFrom(const std::string& text) {
         return std::nullopt;
     }
     const int port = std::stoi(text);
-    return port <= kLastPort ? std::optional<int>(port) : std::nullopt;
+    return port <= kHighestPort ? std::optional<int>(port) : std::nullopt;
 }
 
-/// What stands before and behind the first '-'; twice the same without one.
-std::pair<std::string, std::string> endsOf(const std::string& entry) {
-    const std::size_t dash = entry.find('-');
-    if (dash == std::string::npos) {
-        return {entry, entry};
-    }
-    return {entry.substr(0, dash), entry.substr(dash + 1)};
+std::optional<PortSpan> portEndsFrom(const std::string& text) {
+    const std::size_t dash = text.find('-');
+    const std::optional<int> first = portFrom(text.substr(0, dash));
+    const std::optional<int> last =
+        dash == std::string::npos ? first : portFrom(text.substr(dash + 1));
+    return first && last ? std::optional(PortSpan{*first, *last}) : std::nullopt;
 }
 
-}  // namespace
+std::optional<PortSpan> portSpanFrom(const std::string& text) {
+    const std::optional<PortSpan> ends = portEndsFrom(text);
+    return ends && ends->first <= ends->last ? ends : std::nullopt;
+}
 
-std::optional<std::pair<int, int>> portsFrom(const std::string& entry) {
-    const auto [first, last] = endsOf(entry);
-    const std::optional<int> low = portFrom(first);
-    const std::optional<int> high = portFrom(last);
-    if (!low || !high || *high < *low) {
-        return std::nullopt;
+std::string portSpanText(const PortSpan& span) {
+    std::string text = std::to_string(span.first);
+    if (span.last != span.first) {
+        text.append("-").append(std::to_string(span.last));
     }
-    return std::make_pair(*low, *high);
+    return text;
 }
 
 std::string portFault(const std::string& entry) {
-    if (portsFrom(entry)) {
+    if (portSpanFrom(entry)) {
         return "";
     }
-    const auto [first, last] = endsOf(entry);
-    if (portFrom(first) && portFrom(last)) {
+    if (portEndsFrom(entry)) {
         return quoted(entry) + " is a range that runs backwards";
     }
     const bool range = entry.find('-') != std::string::npos;

@@ -11,20 +11,18 @@
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/split.hpp>
-#include <boost/lexical_cast/try_lexical_convert.hpp>
 
 #include "addressRange.h"
 #include "command.h"
 #include "fwCodes.h"
 #include "output.h"
+#include "portEntry.h"
 #include "usage.h"
 
 namespace tarnfw {
 namespace {
 
 using Texts = std::vector<std::string>;
-
-constexpr int kHighestPort = 65535;
 
 // A rule for tcp or udp with an empty list of ports yields no line at all.
 constexpr char kEveryPort[] = "0-65535";
@@ -85,30 +83,30 @@ private:
 
 // ---- Ports, protocols, services ----
 
-std::optional<int> portNumber(const std::string& text) {
-    int number = 0;
-    const bool digits = text.find_first_not_of("0123456789") == std::string::npos;
-    if (!digits || !boost::conversion::try_lexical_convert(text, number) || number > kHighestPort) {
-        return std::nullopt;
+/// "0022-0080" becomes "22-80": iptables takes leading zeros for octal.
+std::string withoutLeadingZeros(const std::string& entry) {
+    std::string text;
+    for (std::size_t i = 0; i < entry.size(); ++i) {
+        const bool leads = text.empty() || text.back() == '-';
+        const bool isLast = i + 1 == entry.size() || entry[i + 1] == '-';
+        if (entry[i] != '0' || !leads || isLast) {
+            text += entry[i];
+        }
     }
-    return number;
+    return text;
 }
 
-/// A port or a range as rules have it. Written anew: iptables takes leading zeros for octal.
+/// A port or a range as rules have it.
 std::string portEntry(const std::string& entry, const RuleVocabulary& vocabulary) {
-    const std::size_t dash = entry.find('-');
-    const std::optional<int> first = portNumber(entry.substr(0, dash));
-    const std::optional<int> last =
-        dash == std::string::npos ? first : portNumber(entry.substr(dash + 1));
-    if (!first || !last) {
+    const std::optional<PortSpan> span = portEndsFrom(withoutLeadingZeros(entry));
+    if (!span) {
         wrong(quoted(entry) + " is not a port (0-65535) or a range of ports (6000-6010)" +
               (vocabulary.services.count(entry) > 0 ? didYouMean("service " + entry) : ""));
     }
-    if (*last < *first) {
+    if (span->last < span->first) {
         wrong("the range of ports " + quoted(entry) + " runs backwards");
     }
-    return *first == *last ? std::to_string(*first)
-                           : std::to_string(*first) + "-" + std::to_string(*last);
+    return portSpanText(*span);
 }
 
 void takePorts(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) {
@@ -168,7 +166,7 @@ std::string whatWasMeant(const std::string& word, const RuleVocabulary& vocabula
     if (slash != std::string::npos && kProtocols.count(word.substr(slash + 1)) > 0) {
         return word.substr(slash + 1) + " " + word.substr(0, slash);  // "22/tcp"
     }
-    if (portNumber(word.substr(0, word.find_first_of(",-")))) {
+    if (portFrom(withoutLeadingZeros(word.substr(0, word.find_first_of(",-"))))) {
         return "tcp " + word;
     }
     Texts known = {"service", "any", "from", "to"};

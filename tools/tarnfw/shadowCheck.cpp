@@ -51,8 +51,6 @@ public:
     }
 
 private:
-    using Range = std::pair<int, int>;
-
     /// "-p tcp --dport 22", "-p udp -m multiport --sports 53,6000:6010", "-p 47 ", or "".
     void add(const std::string& match) {
         if (match.empty()) {
@@ -70,19 +68,20 @@ private:
         std::vector<std::string> entries;
         boost::split(entries, words.back(), boost::is_any_of(","));
         for (const std::string& entry : entries) {
-            if (const auto ports = portsFrom(boost::replace_all_copy(entry, ":", "-"))) {
+            if (const auto ports = portSpanFrom(boost::replace_all_copy(entry, ":", "-"))) {
                 ranges_[{words[1], source}].push_back(*ports);
             }
         }
     }
 
     /// Sorts ranges, and makes one of those that overlap or touch.
-    static void merge(std::vector<Range>& ranges) {
-        std::sort(ranges.begin(), ranges.end());
-        std::vector<Range> merged;
-        for (const Range& range : ranges) {
-            if (!merged.empty() && range.first <= merged.back().second + 1) {
-                merged.back().second = std::max(merged.back().second, range.second);
+    static void merge(std::vector<PortSpan>& ranges) {
+        std::sort(ranges.begin(), ranges.end(),
+                  [](const PortSpan& a, const PortSpan& b) { return a.first < b.first; });
+        std::vector<PortSpan> merged;
+        for (const PortSpan& range : ranges) {
+            if (!merged.empty() && range.first <= merged.back().last + 1) {
+                merged.back().last = std::max(merged.back().last, range.last);
             } else {
                 merged.push_back(range);
             }
@@ -91,20 +90,19 @@ private:
     }
 
     bool containsAll(const std::pair<std::string, bool>& side,
-                     const std::vector<Range>& wanted) const {
+                     const std::vector<PortSpan>& wanted) const {
         const auto own = ranges_.find(side);
         return own != ranges_.end() &&
-               std::all_of(wanted.begin(), wanted.end(), [&own](const Range& range) {
+               std::all_of(wanted.begin(), wanted.end(), [&own](const PortSpan& range) {
                    return std::any_of(
-                       own->second.begin(), own->second.end(), [&range](const Range& mine) {
-                           return mine.first <= range.first && range.second <= mine.second;
-                       });
+                       own->second.begin(), own->second.end(),
+                       [&range](const PortSpan& mine) { return covers(mine, range); });
                });
     }
 
     bool any_ = false;
-    std::set<std::string> protocols_;                                    // "icmp", "47"
-    std::map<std::pair<std::string, bool>, std::vector<Range>> ranges_;  // by protocol and side
+    std::set<std::string> protocols_;                                       // "icmp", "47"
+    std::map<std::pair<std::string, bool>, std::vector<PortSpan>> ranges_;  // by protocol and side
 };
 
 // ---- Addresses ----------------------------------------------------------------------------------

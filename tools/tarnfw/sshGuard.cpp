@@ -14,6 +14,7 @@
 #include "command.h"
 #include "decision.h"
 #include "output.h"
+#include "portEntry.h"
 #include "store.h"
 
 namespace tarnfw {
@@ -33,11 +34,6 @@ std::optional<Address> addressWithZone(const std::string& text, std::string& zon
         zone = text.substr(percent + 1);
     }
     return addressFrom(text.substr(0, percent));
-}
-
-std::optional<int> portFrom(const std::string& text) {
-    const std::optional<PortSpan> span = portSpanFrom(text);
-    return span && span->first == span->last ? std::optional<int>(span->first) : std::nullopt;
 }
 
 /// The variable in a process's environment, which is texts that end with a zero.

@@ -6,8 +6,8 @@
 #include "tarnfirewall/tarnFW.h"
 
 #include "command.h"
-#include "decision.h"
 #include "fwCodes.h"
+#include "portEntry.h"
 #include "serviceRecords.h"
 
 namespace tarnfw {

@@ -138,21 +138,6 @@ void writeFile(const std::string& path, const std::string& content) {
     std::ofstream(path, std::ios::binary) << content;
 }
 
-// ---- Ports as texts ----
-
-TEST(PortSpanTest, ReadsPortsAndRanges) {
-    for (const std::string text : {"0", "22", "65535", "0-65535", "6000-6010"}) {
-        const auto span = tarnfw::portSpanFrom(text);
-        ASSERT_TRUE(span) << text;
-        EXPECT_EQ(tarnfw::portSpanText(*span), text);
-    }
-    EXPECT_EQ(tarnfw::portSpanText(tarnfw::portSpanFrom("80-80").value()), "80");
-    for (const std::string text : {"", "-", "-1", "1-", "65536", "1-65536", "20-10", "1-2-3", "x",
-                                   "022", "22 ", " 22", "+22", "0x16", "ssh", "1:2"}) {
-        EXPECT_FALSE(tarnfw::portSpanFrom(text)) << text;
-    }
-}
-
 // ---- One rule on eth0, whose default policy is the other outcome ----
 
 struct RuleCase {
