@@ -63,7 +63,7 @@ void blocked(const BlockedOptions& options) {
         Table table({"Adapter", "Verdict", ""});
         for (const AdapterAnswer& answer : answers) {
             table.addRow({{answer.adapter, Paint::kPlain},
-                          {verdictText(answer.verdict), verdictPaint(answer.verdict)},
+                          {verdictText(answer.verdict), policyPaint(answer.verdict)},
                           {remark(answer), Paint::kPlain}});
         }
         table.print();
@@ -163,16 +163,16 @@ Json::Value answerDocument(const FW::FWPROFILE& profile, const AdapterAnswer& an
 void printAnswer(const FW::FWPROFILE& profile, const AdapterAnswer& answer) {
     std::cout << '\n'
               << printable(answer.adapter) << ": "
-              << painted(verdictText(answer.verdict), verdictPaint(answer.verdict)) << '\n';
+              << painted(verdictText(answer.verdict), policyPaint(answer.verdict)) << '\n';
     Table table;
     for (const PortAnswer& port : answer.ports) {
         if (answer.ports.size() > 1) {
             table.addRow({{questionText(port.question), Paint::kStrong},
-                          {verdictText(port.verdict), verdictPaint(port.verdict)}});
+                          {verdictText(port.verdict), policyPaint(port.verdict)}});
         }
         for (const FW::FWVERDICTSTEP& step : port.steps) {
             table.addRow({{stepText(profile, step), Paint::kPlain},
-                          {outcomeText(step), verdictPaint(step.after)}});
+                          {outcomeText(step), policyPaint(step.after)}});
         }
     }
     table.print(2);

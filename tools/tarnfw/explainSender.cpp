@@ -127,7 +127,7 @@ void printDecisions(const Decider& decider, const std::vector<AdapterDecisions>&
             table.addRow(
                 {{adapter.adapter, Paint::kPlain},
                  {protocolName(protocol) + "/" + portSpanText(decision.ports), Paint::kPlain},
-                 {verdictText(verdict), verdictPaint(verdict)},
+                 {verdictText(verdict), policyPaint(verdict)},
                  {reason, Paint::kPlain}});
         }
     }

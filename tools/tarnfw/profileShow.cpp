@@ -24,17 +24,6 @@ bool isGlobal(const std::string& adapter) {
     return adapter == FW::kGlobalAdapter;
 }
 
-Paint paintOf(FW::FW_POLICY policy) {
-    switch (policy) {
-        case FW::FW_POLICY_ALLOW:
-            return Paint::kGood;
-        case FW::FW_POLICY_DENY:
-            return Paint::kBad;
-        default:
-            return Paint::kDoubtful;
-    }
-}
-
 /// What is special about a rule, then its name and its labels.
 std::string notesOf(const FW::FWRULE& rule) {
     std::vector<std::string> notes;
@@ -60,7 +49,7 @@ std::string notesOf(const FW::FWRULE& rule) {
 void addRule(Table& table, std::size_t position, const FW::FWRULE& rule) {
     const auto paint = [&](Paint usual) { return rule.enable ? usual : Paint::kFaint; };
     table.addRow({{std::to_string(position), paint(Paint::kPlain)},
-                  {policyText(rule.policy), paint(paintOf(rule.policy))},
+                  {policyText(rule.policy), paint(policyPaint(rule.policy))},
                   {portText(rule), paint(Paint::kPlain)},
                   {shortAddressText(rule), paint(Paint::kPlain)},
                   {familyText(rule.ipType), paint(Paint::kPlain)},
@@ -82,8 +71,8 @@ void printAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
     if (isGlobal(adapter)) {
         std::cout << "  otherwise: as the adapter says\n";
     } else if (policy != profile.adapterPolicyMap.end()) {
-        std::cout << "  otherwise: " << painted(policyText(policy->second), paintOf(policy->second))
-                  << '\n';
+        std::cout << "  otherwise: "
+                  << painted(policyText(policy->second), policyPaint(policy->second)) << '\n';
     }
 }
 

@@ -13,7 +13,7 @@ namespace tarnfw {
 /// "allow", "deny", "no default", or "unknown policy 7".
 std::string policyText(FW::FW_POLICY policy);
 
-/// Green for allow, red for deny, yellow for everything else.
+/// Of a policy or a verdict: green for allow, red for deny, yellow for everything else.
 Paint policyPaint(FW::FW_POLICY policy);
 
 /// "tcp 22,6000-6010", "service ssh", "everything".

@@ -112,17 +112,6 @@ std::string verdictText(FW::FW_POLICY verdict) {
     return "unknown verdict " + std::to_string(verdict);
 }
 
-Paint verdictPaint(FW::FW_POLICY verdict) {
-    switch (verdict) {
-        case FW::FW_POLICY_ALLOW:
-            return Paint::kGood;
-        case FW::FW_POLICY_DENY:
-            return Paint::kBad;
-        default:
-            return Paint::kDoubtful;
-    }
-}
-
 std::vector<AdapterAnswer> askVerdicts(const std::vector<FW::PortCompareST>& questions,
                                        const std::vector<std::string>& adapters) {
     std::vector<AdapterAnswer> answers;

@@ -6,8 +6,6 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-#include "output.h"
-
 namespace tarnfw {
 
 /// Reads "tcp/22", "udp/5000-5010" or "both/53" ("tcp+udp/53"). Returns what is wrong with the
@@ -20,7 +18,6 @@ std::string questionText(const FW::PortCompareST& question);
 /// "allowed", "blocked", "undecided", "mixed"; on the way "allowed for some addresses", "blocked
 /// for some addresses"; or "unknown verdict 7".
 std::string verdictText(FW::FW_POLICY verdict);
-Paint verdictPaint(FW::FW_POLICY verdict);
 
 /// The verdict on one question, and the steps of this adapter that led there.
 struct PortAnswer {
