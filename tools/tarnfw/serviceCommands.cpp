@@ -79,12 +79,9 @@ void changeAll(const std::string& done, bool reload, const Profiles& before, Cha
               << (changed.empty() ? "no profile had to change"
                                   : "changed: " + printable(boost::join(changed, ", ")))
               << ")\n";
-    const bool activeChanged =
-        std::find(changed.begin(), changed.end(), activeProfile()) != changed.end();
-    if (reload) {
-        reloadActive();
-    } else if (activeChanged && firewallEnabled()) {
-        std::cout << "the kernel still has the old rules; \"tarnfw reload\" applies them\n";
+    const std::string active = activeProfile();
+    if (reload || std::find(changed.begin(), changed.end(), active) != changed.end()) {
+        finishChange(active, reload);
     }
 }
 
@@ -120,6 +117,7 @@ bool isNamed(const Profiles& profiles, const std::string& service) {
 void reserve(const std::string& service, const std::string& adapter, const std::string& policy,
              bool reload) {
     requireRoot();
+    requireReloadable(reload);
     const StoreLock lock;
     const Profiles before = allProfiles();
     (void)ServiceRecords().require(service);
@@ -133,6 +131,7 @@ void reserve(const std::string& service, const std::string& adapter, const std::
 
 void release(const std::string& service, bool reload) {
     requireRoot();
+    requireReloadable(reload);
     const StoreLock lock;
     const Profiles before = allProfiles();
     // Rules may name a service that the catalogue has lost: it can still be taken out of them.
@@ -145,6 +144,7 @@ void release(const std::string& service, bool reload) {
 
 void update(bool reload) {
     requireRoot();
+    requireReloadable(reload);
     const StoreLock lock;
     const Profiles before = allProfiles();
     const ServiceRecords readable;  // or refuses in one line
@@ -217,6 +217,7 @@ void requireReplacing(const std::string& to, const std::vector<std::string>& nam
 
 void renameAdapter(const std::string& from, const std::string& to, bool yes, bool reload) {
     requireRoot();
+    requireReloadable(reload);
     const StoreLock lock;
     const Profiles before = allProfiles();
     requireRenamable(from, to, before);
@@ -242,10 +243,6 @@ struct Options {
     bool reload = false;
 };
 
-void addReload(CLI::App& command, Options& options) {
-    command.add_flag("--reload", options.reload, "Apply the active profile afterwards");
-}
-
 void addReserve(CLI::App& group) {
     CLI::App* const command = group.add_subcommand(
         "reserve", "Allow or deny a service in every profile, ahead of an adapter's own rules");
@@ -256,7 +253,7 @@ void addReserve(CLI::App& group) {
         ->check(CLI::IsMember({"allow", "deny"}));
     command->add_option("--adapter", options->adapter, "The adapter; global for every one")
         ->required();
-    addReload(*command, *options);
+    addReloadFlag(*command, options->reload);
     command->footer("Example: tarnfw service reserve ssh --adapter eth0 allow");
     command->callback([options] {
         reserve(options->service, options->adapter, options->policy, options->reload);
@@ -269,7 +266,7 @@ void addRelease(CLI::App& group) {
         "Take a service out of every rule of every profile, also of those that a person made");
     const auto options = std::make_shared<Options>();
     command->add_option("NAME", options->service, "The service")->required();
-    addReload(*command, *options);
+    addReloadFlag(*command, options->reload);
     command->footer("A rule that then names no service is deleted.");
     command->callback([options] { release(options->service, options->reload); });
 }
@@ -278,7 +275,7 @@ void addUpdate(CLI::App& group) {
     CLI::App* const command = group.add_subcommand(
         "update", "Bring the rules of every profile up to date with the service catalogue");
     const auto options = std::make_shared<Options>();
-    addReload(*command, *options);
+    addReloadFlag(*command, options->reload);
     command->footer(
         "Services that the catalogue has lost leave their rules, and a rule that then names none\n"
         "is deleted.");
@@ -292,7 +289,7 @@ void addRename(CLI::App& group) {
     command->add_option("OLD", options->from, "The name that profiles have now")->required();
     command->add_option("NEW", options->to, "The name to be")->required();
     command->add_flag("--yes", options->yes, "Do not ask before replacing what NEW has already");
-    addReload(*command, *options);
+    addReloadFlag(*command, options->reload);
     command->callback(
         [options] { renameAdapter(options->from, options->to, options->yes, options->reload); });
 }

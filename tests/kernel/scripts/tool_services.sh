@@ -248,3 +248,11 @@ answers 0 adapter rename eth0 eth6
 says '^Rules and default policy of eth0 are now those of eth6 (changed: away, home)$'
 says '^the kernel still has the old rules'
 complains '^tarnfw: the machine has no adapter "eth6" now: until it has, these rules have no effect$'
+
+# Without the base filter nothing would be applied: nothing is changed either.
+iptables -D INPUT -j INPUT_FIREWALL
+for words in 'service reserve http allow --adapter eth0' 'service release ssh' 'service update' \
+    'adapter rename eth0 eth5 --yes'; do
+    read -r -a words <<<"$words"
+    refused_whole 1 'IPv4 lacks jumps INPUT -> INPUT_FIREWALL' "${words[@]}" --reload
+done
