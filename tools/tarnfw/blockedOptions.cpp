@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <iostream>
 
+#include "catalogue.h"
 #include "command.h"
 #include "fwCodes.h"
 #include "interfaces.h"
 #include "output.h"
-#include "serviceRecords.h"
 #include "store.h"
 #include "verdicts.h"
 
@@ -65,7 +65,7 @@ std::vector<FW::PortCompareST> questionsOf(const BlockedOptions& options) {
         (void)portQuestionFrom(options.port, question);  // has passed as an option
         return {question};
     }
-    std::vector<FW::PortCompareST> questions = portsOf(ServiceRecords().require(options.service));
+    std::vector<FW::PortCompareST> questions = portsOf(requireCatalogue().require(options.service));
     if (questions.empty()) {
         throw CommandFailed("service \"" + printable(options.service) + "\" has no ports");
     }

@@ -2,54 +2,60 @@
 
 #include <glob.h>
 
+#include <algorithm>
 #include <fstream>
 #include <set>
-#include <vector>
 
 #include <json/json.h>
+
+#include "tarncore.h"
+#include "tarnserviceconf.h"
+
+#include "command.h"
+#include "output.h"
+#include "usage.h"
 
 namespace tarnfw {
 namespace {
 
-// The catalogue finds a service by its name and lists none. These are the files that it comes from;
-// what they name and it does not know is left out.
-constexpr const char* kFiles[] = {
+// The platform finds a service by its name and lists none. The names are those of the catalogue's
+// files; what a service is, and whether a file is to be believed, the platform says.
+constexpr const char* kCataloguePatterns[] = {
     "/usr/tarn/etc.defaults/services.d/*.json",
     "/usr/tarn/etc/services.d/*.json",
 };
 
-void addName(const Json::Value& entry, std::set<std::string>& names) {
-    if (entry.isObject() && entry["name"].isString()) {
-        names.insert(entry["name"].asString());
-    }
-}
-
-void addNamesOf(const char* path, std::set<std::string>& names) {
-    std::ifstream file(path, std::ios::in | std::ios::binary);
-    Json::Value document;
-    try {
-        if (!Json::Reader().parse(file, document, /*collectComments=*/false)) {
-            return;  // the catalogue has said so when it was loaded
-        }
-    } catch (const Json::Exception&) {
-        return;  // nested too deeply
-    }
+void addNames(const Json::Value& document, std::set<std::string>& names) {
     if (document.isArray()) {
         for (const Json::Value& entry : document) {
-            addName(entry, names);
+            addNames(entry, names);
         }
-    } else {
-        addName(document, names);
+    } else if (document.isObject() && document["name"].isString()) {
+        names.insert(document["name"].asString());
     }
 }
 
-std::set<std::string> writtenNames() {
+/// The document in a file; null when it cannot be read, which the platform has logged.
+Json::Value documentIn(const char* path) {
+    std::ifstream file(path);
+    Json::Value document;
+    std::string reason;
+    try {
+        if (Json::parseFromStream(Json::CharReaderBuilder(), file, &document, &reason)) {
+            return document;
+        }
+    } catch (const Json::Exception&) {  // too deeply nested
+    }
+    return {};
+}
+
+std::set<std::string> namesInFiles() {
     std::set<std::string> names;
-    for (const char* const pattern : kFiles) {
+    for (const char* const pattern : kCataloguePatterns) {
         glob_t found{};
         if (glob(pattern, 0, nullptr, &found) == 0) {
             for (std::size_t i = 0; i < found.gl_pathc; ++i) {
-                addNamesOf(found.gl_pathv[i], names);
+                addNames(documentIn(found.gl_pathv[i]), names);
             }
         }
         globfree(&found);
@@ -57,21 +63,96 @@ std::set<std::string> writtenNames() {
     return names;
 }
 
+ServiceSide sideOf(int protocol, const TLIBCSZLIST* list) {
+    ServiceSide side;
+    side.protocol = protocol;
+    for (int i = 0; list != nullptr && i < list->nItem; ++i) {
+        if (const char* const port = TLIBCSzListGet(list, i)) {
+            side.ports.emplace_back(port);
+        }
+    }
+    return side;
+}
+
 }  // namespace
+
+void Catalogue::Release::operator()(TARNFW_SERVICE_LIST* list) const {
+    TARNFwServiceFree(list);
+}
 
 Catalogue::Catalogue() {
     TARNFW_SERVICE_LIST* list = nullptr;
     const int count = TARNFwServiceEnum(&list);
     list_.reset(list);
     if (count < 1) {
-        return;
+        list_.reset();
     }
-    for (const std::string& name : writtenNames()) {
-        const TARNFW_SERVICE* const service = TARNFWServiceFind(list, name.c_str());
-        if (service != nullptr && service->title[0] != '\0') {
-            services_[name] = service;
+}
+
+std::optional<Service> Catalogue::find(const std::string& name) const {
+    const TARNFW_SERVICE* const record =
+        readable() ? TARNFWServiceFind(list_.get(), name.c_str()) : nullptr;
+    if (record == nullptr) {
+        return std::nullopt;
+    }
+    return Service{record->name, record->title, sideOf(record->dstProtocol, record->dstPorts),
+                   sideOf(record->srcProtocol, record->srcPorts)};
+}
+
+std::vector<Service> Catalogue::services() const {
+    std::vector<Service> services;
+    for (const std::string& name : namesInFiles()) {
+        if (std::optional<Service> service = find(name)) {
+            services.push_back(std::move(*service));
         }
     }
+    return services;
+}
+
+std::vector<Service> Catalogue::usableServices() const {
+    std::vector<Service> usable = services();
+    usable.erase(std::remove_if(usable.begin(), usable.end(),
+                                [](const Service& service) { return !service.usable(); }),
+                 usable.end());
+    return usable;
+}
+
+Service Catalogue::require(const std::string& name) const {
+    const std::optional<Service> service = find(name);
+    if (service && service->usable()) {
+        return *service;
+    }
+    if (service) {
+        throw CommandFailed("the catalogue keeps service \"" + printable(name) +
+                            "\" out of the firewall: it has no title");
+    }
+    std::vector<std::string> names;
+    for (const Service& other : services()) {
+        names.push_back(other.name);
+    }
+    const std::string meant = nearest(name, names);
+    throw CommandFailed("there is no service \"" + printable(name) + "\"" +
+                        (meant.empty() ? "" : "; did you mean \"" + printable(meant) + "\"?") +
+                        " (\"tarnfw services\" lists them)");
+}
+
+Catalogue requireCatalogue() {
+    Catalogue catalogue;
+    if (!catalogue.readable()) {
+        throw CommandFailed("the service catalogue is empty or cannot be read");
+    }
+    return catalogue;
+}
+
+std::vector<FW::PortCompareST> portsOf(const Service& service) {
+    std::vector<FW::PortCompareST> ports;
+    for (const std::string& port : service.source.ports) {
+        ports.push_back({1, service.source.protocol, port});
+    }
+    for (const std::string& port : service.destination.ports) {
+        ports.push_back({0, service.destination.protocol, port});
+    }
+    return ports;
 }
 
 }  // namespace tarnfw

@@ -67,10 +67,9 @@ Texts adapters() {
 }
 
 Texts services() {
-    const Catalogue catalogue;
     Texts names;
-    for (const auto& [name, service] : catalogue.services()) {
-        names.push_back(name);
+    for (const Service& service : Catalogue().usableServices()) {
+        names.push_back(service.name);
     }
     return names;
 }

@@ -13,13 +13,13 @@
 #include <json/json.h>
 #include <boost/algorithm/string/join.hpp>
 
+#include "catalogue.h"
 #include "command.h"
 #include "commands.h"
 #include "fwCodes.h"
 #include "interfaces.h"
 #include "output.h"
 #include "ruleText.h"
-#include "serviceRecords.h"
 #include "store.h"
 
 namespace tarnfw {
@@ -172,7 +172,7 @@ void adapters(bool json) {
 /// "tcp 80,443"; empty without ports.
 std::string sideText(const ServiceSide& side) {
     return side.ports.empty() ? std::string()
-                              : protocolName(side.protocol) + " " + boost::join(side.ports, ",");
+                              : protocolText(side.protocol) + " " + boost::join(side.ports, ",");
 }
 
 std::string portsText(const Service& service) {
@@ -195,7 +195,7 @@ Json::Value sideDocument(const ServiceSide& side) {
         return {};
     }
     Json::Value document;
-    document["protocol"] = protocolName(side.protocol);
+    document["protocol"] = protocolText(side.protocol);
     document["ports"] = toArray(side.ports);
     return document;
 }
@@ -204,7 +204,7 @@ Json::Value serviceDocument(const Service& service) {
     Json::Value document;
     document["name"] = service.name;
     document["title"] = service.title;
-    document["usable"] = !service.title.empty();
+    document["usable"] = service.usable();
     document["destination"] = sideDocument(service.destination);
     document["source"] = sideDocument(service.source);
     return document;
@@ -212,7 +212,7 @@ Json::Value serviceDocument(const Service& service) {
 
 void services(const std::string& pattern, bool json) {
     requireRoot();
-    const ServiceRecords catalogue;
+    const Catalogue catalogue = requireCatalogue();
     std::vector<Service> found = catalogue.services();
     found.erase(std::remove_if(found.begin(), found.end(),
                                [&](const Service& service) { return !fits(service, pattern); }),
@@ -230,7 +230,7 @@ void services(const std::string& pattern, bool json) {
     }
     Table table({"Service", "Title", "Ports"});
     for (const Service& service : found) {
-        const bool usable = !service.title.empty();
+        const bool usable = service.usable();
         table.addRow({{service.name, usable ? Paint::kPlain : Paint::kFaint},
                       {usable ? service.title : "(kept out of the firewall)",
                        usable ? Paint::kPlain : Paint::kFaint},

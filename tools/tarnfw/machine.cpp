@@ -14,29 +14,17 @@ bool Machine::hasAdapter(const std::string& adapter) {
     return adapters_[adapter] = translation_.adapterIsEnabled(adapter);
 }
 
-void Machine::loadCatalogue() {
-    if (catalogueLoaded_) {
-        return;
-    }
-    catalogueLoaded_ = true;
-    TARNFW_SERVICE_LIST* list = nullptr;
-    const int count = TARNFwServiceEnum(&list);
-    catalogue_.reset(list);
-    if (count < 1) {
-        catalogue_.reset();
-    }
+const Catalogue& Machine::catalogue() {
+    return catalogue_ ? *catalogue_ : catalogue_.emplace();
 }
 
 bool Machine::hasCatalogue() {
-    loadCatalogue();
-    return catalogue_ != nullptr;
+    return catalogue().readable();
 }
 
 bool Machine::hasService(const std::string& name) {
-    loadCatalogue();
-    const TARNFW_SERVICE* const service =
-        catalogue_ ? TARNFWServiceFind(catalogue_.get(), name.c_str()) : nullptr;
-    return service != nullptr && service->title[0] != '\0';
+    const std::optional<Service> service = catalogue().find(name);
+    return service && service->usable();
 }
 
 bool Machine::hasCountry(const std::string& code, bool ipv6) {

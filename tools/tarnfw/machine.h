@@ -3,13 +3,13 @@
 #pragma once
 
 #include <map>
-#include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
-#include "tarnserviceconf.h"
-
 #include "tarnfirewall/fwIptables.h"
+
+#include "catalogue.h"
 
 namespace tarnfw {
 
@@ -33,17 +33,12 @@ public:
     Json::Value portMatches(const FW::FWRULE& rule);
 
 private:
-    struct CatalogueFree {
-        void operator()(TARNFW_SERVICE_LIST* list) const { TARNFwServiceFree(list); }
-    };
-
-    void loadCatalogue();
+    const Catalogue& catalogue();
 
     FW::TARNFW_IPTABLES_RULES translation_;
     std::map<std::string, bool> adapters_;
     std::map<std::pair<std::string, bool>, bool> countries_;
-    std::unique_ptr<TARNFW_SERVICE_LIST, CatalogueFree> catalogue_;
-    bool catalogueLoaded_ = false;
+    std::optional<Catalogue> catalogue_;
 };
 
 }  // namespace tarnfw

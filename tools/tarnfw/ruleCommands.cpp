@@ -223,9 +223,8 @@ Texts countries() {
 
 RuleVocabulary vocabulary() {
     RuleVocabulary known;
-    const Catalogue catalogue;
-    for (const auto& [name, service] : catalogue.services()) {
-        known.services[name] = service->dstProtocol;
+    for (const Service& service : Catalogue().usableServices()) {
+        known.services[service.name] = service.destination.protocol;
     }
     const Texts codes = countries();
     if (!codes.empty()) {

@@ -20,23 +20,6 @@ std::string at(const std::vector<std::string>& list, std::size_t index) {
     return index < list.size() ? list[index] : "";
 }
 
-std::string protocolText(std::int32_t protocol) {
-    switch (protocol) {
-        case FW::FW_PORT_PROTOCOL_TCP:
-            return "tcp";
-        case FW::FW_PORT_PROTOCOL_UDP:
-            return "udp";
-        case FW::FW_PORT_PROTOCOL_TCP_UDP:
-            return "tcp/udp";
-        case FW::FW_PORT_PROTOCOL_ICMP:
-            return "icmp";
-        case FW::FW_PORT_PROTOCOL_IGMP:
-            return "igmp";
-        default:
-            return "unknown protocol " + std::to_string(protocol);
-    }
-}
-
 std::string addressText(const FW::FWRULE& rule) {
     const std::string side = rule.ipDirect != 0 ? "from " : "to ";
     switch (rule.ipGroup) {
@@ -69,6 +52,23 @@ std::string policyText(FW::FW_POLICY policy) {
             return "no default";
         default:
             return "unknown policy " + std::to_string(policy);
+    }
+}
+
+std::string protocolText(std::int32_t protocol) {
+    switch (protocol) {
+        case FW::FW_PORT_PROTOCOL_TCP:
+            return "tcp";
+        case FW::FW_PORT_PROTOCOL_UDP:
+            return "udp";
+        case FW::FW_PORT_PROTOCOL_TCP_UDP:
+            return "tcp/udp";
+        case FW::FW_PORT_PROTOCOL_ICMP:
+            return "icmp";
+        case FW::FW_PORT_PROTOCOL_IGMP:
+            return "igmp";
+        default:
+            return "unknown protocol " + std::to_string(protocol);
     }
 }
 

@@ -16,6 +16,9 @@ std::string policyText(FW::FW_POLICY policy);
 /// Of a policy or a verdict: green for allow, red for deny, yellow for everything else.
 Paint policyPaint(FW::FW_POLICY policy);
 
+/// "tcp", "udp", "tcp/udp", "icmp", "igmp", or "unknown protocol 7".
+std::string protocolText(std::int32_t protocol);
+
 /// "tcp 22,6000-6010", "service ssh", "everything".
 std::string portText(const FW::FWRULE& rule);
 

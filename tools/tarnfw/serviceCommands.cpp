@@ -16,12 +16,12 @@
 #include "tarnfirewall/tarnFW.h"
 
 #include "applying.h"
+#include "catalogue.h"
 #include "command.h"
 #include "commands.h"
 #include "fwCodes.h"
 #include "interfaces.h"
 #include "output.h"
-#include "serviceRecords.h"
 #include "store.h"
 #include "usage.h"
 
@@ -120,7 +120,7 @@ void reserve(const std::string& service, const std::string& adapter, const std::
     requireReloadable(reload);
     const StoreLock lock;
     const Profiles before = allProfiles();
-    (void)ServiceRecords().require(service);
+    (void)requireCatalogue().require(service);
     requireAdapter(adapter, adaptersIn(before));
     const FW::FW_POLICY code = policy == "deny" ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW;
     changeAll(
@@ -136,7 +136,7 @@ void release(const std::string& service, bool reload) {
     const Profiles before = allProfiles();
     // Rules may name a service that the catalogue has lost: it can still be taken out of them.
     if (!isNamed(before, service)) {
-        (void)ServiceRecords().require(service);
+        (void)requireCatalogue().require(service);
     }
     changeAll("Service " + service + " is in no rule", reload, before,
               [&] { return FW::TARNFW_PROFILE().profileRemoveServ(service); });
@@ -147,7 +147,7 @@ void update(bool reload) {
     requireReloadable(reload);
     const StoreLock lock;
     const Profiles before = allProfiles();
-    const ServiceRecords readable;  // or refuses in one line
+    (void)requireCatalogue();
     changeAll("Rules follow the service catalogue", reload, before,
               [] { return FW::TARNFW().fwUpdate(); });
 }

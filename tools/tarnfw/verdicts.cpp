@@ -8,7 +8,7 @@
 #include "command.h"
 #include "fwCodes.h"
 #include "portEntry.h"
-#include "serviceRecords.h"
+#include "ruleText.h"
 
 namespace tarnfw {
 namespace {
@@ -90,7 +90,7 @@ std::string portQuestionFrom(const std::string& text, FW::PortCompareST& questio
 std::string questionText(const FW::PortCompareST& question) {
     std::string text = question.portDirect != 0 ? "source " : "";
     text += question.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP ? "both"
-                                                              : protocolName(question.protocol);
+                                                              : protocolText(question.protocol);
     return text.append("/").append(question.port);
 }
 
