@@ -20,7 +20,7 @@ void reloadActive() {
     if (!FW::TARNFW().fwReload(true)) {
         throw CommandFailed("the active profile was not applied");
     }
-    std::cout << "Profile \"" << printable(activeProfile()) << "\" applied\n";
+    std::cout << "Profile " << inQuotes(activeProfile()) << " applied\n";
 }
 
 void addReloadFlag(CLI::App& command, bool& reload) {
@@ -36,8 +36,8 @@ void requireReloadable(bool reload) {
 void finishChange(const std::string& profile, bool reload) {
     if (profile != activeProfile()) {
         if (reload) {
-            std::cout << "Profile \"" << printable(profile)
-                      << "\" is not the active one: nothing to reload\n";
+            std::cout << "Profile " << inQuotes(profile)
+                      << " is not the active one: nothing to reload\n";
         }
     } else if (reload) {
         reloadActive();

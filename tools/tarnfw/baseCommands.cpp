@@ -139,7 +139,7 @@ void writeFirstProfile() {
     if (!FW::jsonFileDump(document, path)) {
         throw CommandFailed("cannot write the first profile to " + path);
     }
-    std::cout << "Profile \"" << printable(document["name"].asString()) << "\" written to " << path
+    std::cout << "Profile " << inQuotes(document["name"].asString()) << " written to " << path
               << '\n';
     writeFirstSettings();
 }

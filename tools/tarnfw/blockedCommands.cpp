@@ -216,7 +216,7 @@ constexpr char kFooter[] =
 CLI::Validator addressValidator() {
     return CLI::Validator(
         [](std::string& text) {
-            return addressFrom(text) ? std::string() : "\"" + text + "\" is no address";
+            return addressFrom(text) ? std::string() : inQuotes(text) + " is no address";
         },
         "");
 }

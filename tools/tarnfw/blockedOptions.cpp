@@ -67,7 +67,7 @@ std::vector<FW::PortCompareST> questionsOf(const BlockedOptions& options) {
     }
     std::vector<FW::PortCompareST> questions = portsOf(requireCatalogue().require(options.service));
     if (questions.empty()) {
-        throw CommandFailed("service \"" + printable(options.service) + "\" has no ports");
+        throw CommandFailed("service " + inQuotes(options.service) + " has no ports");
     }
     return questions;
 }
@@ -107,7 +107,7 @@ Json::Value documentOf(const BlockedOptions& options,
 }
 
 void printHeading(const BlockedOptions& options, const std::vector<FW::PortCompareST>& questions) {
-    std::cout << "Profile \"" << printable(activeProfile()) << "\", "
+    std::cout << "Profile " << inQuotes(activeProfile()) << ", "
               << printable(subjectText(options, questions)) << '\n';
 }
 

@@ -123,16 +123,16 @@ Service Catalogue::require(const std::string& name) const {
         return *service;
     }
     if (service) {
-        throw CommandFailed("the catalogue keeps service \"" + printable(name) +
-                            "\" out of the firewall: it has no title");
+        throw CommandFailed("the catalogue keeps service " + inQuotes(name) +
+                            " out of the firewall: it has no title");
     }
     std::vector<std::string> names;
     for (const Service& other : services()) {
         names.push_back(other.name);
     }
     const std::string meant = nearest(name, names);
-    throw CommandFailed("there is no service \"" + printable(name) + "\"" +
-                        (meant.empty() ? "" : "; did you mean \"" + printable(meant) + "\"?") +
+    throw CommandFailed("there is no service " + inQuotes(name) +
+                        (meant.empty() ? "" : "; did you mean " + inQuotes(meant) + "?") +
                         " (\"tarnfw services\" lists them)");
 }
 

@@ -83,7 +83,7 @@ std::size_t loadIntoKernel(const Json::Value& document, std::vector<Finding>& fi
             findings.push_back({line.where,
                                 programOf(line.family)
                                     .append(" refuses ")
-                                    .append(quoted(line.line))
+                                    .append(inQuotes(line.line))
                                     .append(": ")
                                     .append(words),
                                 true});

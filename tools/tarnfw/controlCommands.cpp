@@ -29,7 +29,7 @@ void enable(bool yes) {
     if (!FW::TARNFW().fwEnable()) {
         throw CommandFailed("the firewall was not enabled as it should be");
     }
-    std::cout << "Firewall enabled with profile \"" << printable(activeProfile()) << "\"\n";
+    std::cout << "Firewall enabled with profile " << inQuotes(activeProfile()) << '\n';
 }
 
 void disable() {

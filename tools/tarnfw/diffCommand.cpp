@@ -253,7 +253,7 @@ void printChain(const ChainDifference& difference) {
 }
 
 void printText(const Compared& compared, const std::vector<ChainDifference>& differences) {
-    const std::string profile = "profile \"" + printable(compared.profile) + "\"";
+    const std::string profile = "profile " + inQuotes(compared.profile);
     if (differences.empty()) {
         std::cout << (compared.enabled ? "The kernel holds what " + profile + " puts there\n"
                                        : "The firewall is disabled, and its chains are empty\n");

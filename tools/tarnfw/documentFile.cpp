@@ -46,7 +46,7 @@ std::string unstopped(std::string words) {
 std::string leniencyText(const std::string& words) {
     if (boost::starts_with(words, "Duplicate key: ")) {
         const std::string name = words.substr(words.find('\'') + 1);
-        return "the member " + quoted(name.substr(0, name.rfind('\''))) +
+        return "the member " + inQuotes(name.substr(0, name.rfind('\''))) +
                " stands twice; the last one counts";
     }
     if (boost::starts_with(words, "Extra non-whitespace")) {

@@ -15,6 +15,7 @@
 #include <system_error>
 
 #include "command.h"
+#include "output.h"
 
 namespace fs = std::filesystem;
 
@@ -80,7 +81,7 @@ std::string editorCommand() {
 
 /// What is wrong about the shell's exit status; empty for 0.
 std::string failureOf(const std::string& command, int status) {
-    const std::string editor = "the editor \"" + command + "\" ";
+    const std::string editor = "the editor " + inQuotes(command) + " ";
     if (status == 0) {
         return {};
     }

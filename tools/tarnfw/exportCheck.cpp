@@ -7,6 +7,7 @@
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "configuration.h"
+#include "output.h"
 #include "profileCheck.h"
 #include "schemaCheck.h"
 
@@ -65,14 +66,14 @@ void checkKeysAndNames(const Json::Value& document, Findings& findings) {
         const auto [known, isNew] = paths.emplace(name, path);
         if (!isNew) {
             findings.error(memberPath(path, "name"),
-                           quoted(name) + " is the name of " + known->second + " as well");
+                           inQuotes(name) + " is the name of " + known->second + " as well");
         }
     }
     const Json::Value& settings = document[kConfigSettings];
     if (settings.isObject() && settings["profile"].isString() &&
         paths.count(settings["profile"].asString()) == 0) {
         findings.error(memberPath(kConfigSettings, "profile"),
-                       quoted(settings["profile"].asString()) + " is none of the profiles");
+                       inQuotes(settings["profile"].asString()) + " is none of the profiles");
     }
 }
 

@@ -46,8 +46,4 @@ Json::Value jsonOf(const Finding& finding) {
     return entry;
 }
 
-std::string quoted(const std::string& text) {
-    return std::string("\"").append(text).append("\"");
-}
-
 }  // namespace tarnfw

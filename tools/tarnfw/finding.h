@@ -45,7 +45,4 @@ std::string lineOf(const std::string& source, const Finding& finding);
 /// A finding as the "--json" of a command has it: "where", "text", "severity".
 Json::Value jsonOf(const Finding& finding);
 
-/// A text between double quotes, as findings cite what stands in a document.
-std::string quoted(const std::string& text);
-
 }  // namespace tarnfw

@@ -13,7 +13,6 @@
 #include "addressRange.h"
 #include "command.h"
 #include "commands.h"
-#include "finding.h"
 #include "output.h"
 
 namespace tarnfw {
@@ -106,7 +105,7 @@ std::string knownCountry(const std::string& wanted) {
             return code;
         }
     }
-    throw CommandFailed("there are no data of a country " + quoted(printable(wanted)) +
+    throw CommandFailed("there are no data of a country " + inQuotes(wanted) +
                         "; \"tarnfw geoip list\" tells which there are");
 }
 
@@ -220,7 +219,7 @@ void addCheck(CLI::App& group) {
     command->add_option("ADDRESS", options->address, "An IPv4 or IPv6 address")
         ->required()
         ->check([](const std::string& text) {
-            return addressFrom(text) ? std::string() : quoted(text) + " is not an address";
+            return addressFrom(text) ? std::string() : inQuotes(text) + " is not an address";
         });
     addJsonFlag(*command, options->json);
     command->callback([options] { check(*options); });

@@ -56,7 +56,7 @@ bool printTopic(const std::string& name) {
             known.emplace_back(topic.name);
         }
     }
-    std::string text = "there is no help for \"" + printable(boost::join(words, " ")) + "\"";
+    std::string text = "there is no help for " + inQuotes(boost::join(words, " "));
     const std::string meant = nearest(words.back(), known);
     if (!meant.empty()) {
         Texts right(words.begin(), words.end() - 1);

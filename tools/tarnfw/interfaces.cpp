@@ -90,7 +90,7 @@ std::vector<std::string> standsFor(const std::string& adapter) {
     Json::Value argument;
     (void)translator.iptablesRulesInit(argument);
     if (!translator.adapterToIptablesArg(adapter, FW::FWRULE(), argument)) {
-        throw CommandFailed("the interfaces of \"" + adapter + "\" cannot be listed");
+        throw CommandFailed("the interfaces of " + inQuotes(adapter) + " cannot be listed");
     }
     std::vector<std::string> interfaces;
     for (const Json::Value& match : argument["adapter"]) {
@@ -127,7 +127,7 @@ void requireAdapter(const std::string& adapter, const std::vector<std::string>& 
     }
     const std::vector<std::string> names(known.begin(), known.end());
     const std::string meant = nearest(adapter, names);
-    std::string text = "there is no adapter \"" + printable(adapter) + "\"";
+    std::string text = "there is no adapter " + inQuotes(adapter);
     if (!meant.empty()) {
         text.append("; did you mean \"").append(printable(meant)).append("\"?");
     }

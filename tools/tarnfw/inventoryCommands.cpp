@@ -107,7 +107,7 @@ std::string nowText(const Adapter& adapter) {
 }
 
 void printAdapters(const FW::FWPROFILE& profile, const std::vector<Adapter>& adapters) {
-    std::cout << "Profile \"" << printable(profile.name) << "\" (active)\n";
+    std::cout << "Profile " << inQuotes(profile.name) << " (active)\n";
     Table table({"Adapter", "Now", "Addresses", "Default", "Rules"});
     for (const Adapter& adapter : adapters) {
         std::string rules = std::to_string(adapter.rules);
@@ -218,7 +218,7 @@ void services(const std::string& pattern, bool json) {
                                [&](const Service& service) { return !fits(service, pattern); }),
                 found.end());
     if (found.empty()) {
-        throw CommandFailed("no service of the catalogue is like \"" + printable(pattern) + "\"");
+        throw CommandFailed("no service of the catalogue is like " + inQuotes(pattern));
     }
     if (json) {
         Json::Value document;

@@ -8,6 +8,7 @@
 
 #include "addressRange.h"
 #include "fwCodes.h"
+#include "output.h"
 #include "portEntry.h"
 #include "store.h"
 
@@ -161,7 +162,7 @@ std::optional<Address> RuleCheck::address(const std::vector<std::string>& list, 
         const char* const family = codeOf(rule_, "ipType") == FW::kIpV4Only   ? "an IPv4 address"
                                    : codeOf(rule_, "ipType") == FW::kIpV6Only ? "an IPv6 address"
                                                                               : "an address";
-        findings_.error(at("ipList", index), quoted(list[index]) + " is not " + family);
+        findings_.error(at("ipList", index), inQuotes(list[index]) + " is not " + family);
     }
     return found;
 }
@@ -201,10 +202,11 @@ void RuleCheck::checkNetwork(const std::vector<std::string>& list) {
     if (found) {
         checkFamily(*found);
         if (!prefixLengthFrom(list[1], found->is_v6())) {
-            findings_.error(at("ipList", 1),
-                            quoted(list[1]) + (found->is_v6() ? " is not a prefix length (0-128)"
-                                                              : " is not a prefix length (0-32) or "
-                                                                "mask without gaps"));
+            findings_.error(
+                at("ipList", 1),
+                inQuotes(list[1]) + (found->is_v6() ? " is not a prefix length (0-128)"
+                                                    : " is not a prefix length (0-32) or "
+                                                      "mask without gaps"));
         }
     }
     superfluous("ipList", 2, list.size(), "ipGroup 1 is an address and its mask");
@@ -222,13 +224,13 @@ void RuleCheck::checkRange(const std::vector<std::string>& list) {
     }
     if (first->is_v4() != last->is_v4()) {
         findings_.error(at("ipList"),
-                        quoted(list[0]) + " and " + quoted(list[1]) + " are not of one family");
+                        inQuotes(list[0]) + " and " + inQuotes(list[1]) + " are not of one family");
         return;
     }
     checkFamily(*first);
     if (*last < *first) {
-        findings_.error(at("ipList"), "the range runs backwards: " + quoted(list[1]) +
-                                          " is before " + quoted(list[0]));
+        findings_.error(at("ipList"), "the range runs backwards: " + inQuotes(list[1]) +
+                                          " is before " + inQuotes(list[0]));
     }
 }
 
@@ -245,7 +247,7 @@ void RuleCheck::checkCountry(const std::string& code, const std::string& where) 
     const auto isCapital = [](char c) { return c >= 'A' && c <= 'Z'; };
     const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
     if (code.size() != 2 || !isCapital(code[0]) || (!isCapital(code[1]) && !isDigit(code[1]))) {
-        findings_.error(where, quoted(code) + " is not a country code (two capital letters)");
+        findings_.error(where, inQuotes(code) + " is not a country code (two capital letters)");
         return;
     }
     const std::optional<int> type = codeOf(rule_, "ipType");
@@ -257,7 +259,7 @@ void RuleCheck::checkCountry(const std::string& code, const std::string& where) 
                                      std::string(both      ? "data"
                                                  : lacksV4 ? "IPv4 data"
                                                            : "IPv6 data") +
-                                     " of country " + quoted(code) + ", which is left out");
+                                     " of country " + inQuotes(code) + ", which is left out");
     }
 }
 
@@ -292,7 +294,7 @@ void RuleCheck::checkServices(const std::vector<std::string>& names) {
     for (std::size_t i = 0; i < names.size(); ++i) {
         if (machine_.hasCatalogue() && !machine_.hasService(names[i])) {
             findings_.error(at("portList", i),
-                            quoted(names[i]) + " is not a service that the firewall knows");
+                            inQuotes(names[i]) + " is not a service that the firewall knows");
         }
     }
 }
@@ -331,10 +333,10 @@ void RuleCheck::checkChains() {
     for (std::size_t i = 0; i < chains->size(); ++i) {
         const std::string& chain = (*chains)[i];
         if (!isWord(chain) || chain.size() > kChainBytes) {
-            findings_.error(at("chainList", i), quoted(chain) + " is not the name of a chain");
+            findings_.error(at("chainList", i), inQuotes(chain) + " is not the name of a chain");
         } else if (std::find(own.begin(), own.end(), chain) == own.end()) {
             findings_.warning(at("chainList", i),
-                              quoted(chain) +
+                              inQuotes(chain) +
                                   " is not a chain of the firewall, which adds the rule there at "
                                   "each reload and never takes it away");
         }
@@ -342,7 +344,7 @@ void RuleCheck::checkChains() {
     for (const std::string& chain : own) {
         if (std::find(chains->begin(), chains->end(), chain) == chains->end()) {
             findings_.warning(at("chainList"),
-                              "the rule is added to " + quoted(chain) + " all the same");
+                              "the rule is added to " + inQuotes(chain) + " all the same");
         }
     }
 }
@@ -354,10 +356,10 @@ void RuleCheck::checkTable() {
     }
     const std::string name = table.asString();
     if (!isWord(name)) {
-        findings_.error(at("table"), quoted(name) + " is not the name of a table");
+        findings_.error(at("table"), inQuotes(name) + " is not the name of a table");
         return;
     }
-    findings_.warning(at("table"), quoted(name) +
+    findings_.warning(at("table"), inQuotes(name) +
                                        " is not \"filter\", the table that the "
                                        "firewall's chains are in");
 }
@@ -371,16 +373,16 @@ void checkAdapter(const std::string& adapter, const std::string& where, Machine&
         std::find(predefined.begin(), predefined.end(), adapter) != predefined.end();
     if (!isWord(adapter) || adapter.size() > kAdapterBytes ||
         adapter.find_first_of("/:") != std::string::npos) {
-        findings.error(where, quoted(adapter) + " is not the name of an adapter");
+        findings.error(where, inQuotes(adapter) + " is not the name of an adapter");
     } else if (adapter == FW::kPppoeUsualInterface) {
         findings.warning(where,
                          "what is said for \"ppp0\" is never applied; the adapter of a "
                          "PPPoE connection is \"pppoe\"");
     } else if (!machine.hasAdapter(adapter)) {
-        findings.warning(where, isPredefined ? quoted(adapter) +
+        findings.warning(where, isPredefined ? inQuotes(adapter) +
                                                    " has no interface now: what is said for "
                                                    "it is left out"
-                                             : "there is no adapter " + quoted(adapter) +
+                                             : "there is no adapter " + inQuotes(adapter) +
                                                    " now: what is said for it is left out");
     }
 }
@@ -392,7 +394,7 @@ void checkName(const Value& name, Findings& findings) {
     if (name.asString().empty()) {
         findings.error("name", "a profile needs a name");
     } else if (name.asString().rfind(kTestPrefix, 0) == 0) {
-        findings.warning("name", quoted(name.asString()) +
+        findings.warning("name", inQuotes(name.asString()) +
                                      " is the name of a test profile, which no list shows");
     }
 }

@@ -42,8 +42,7 @@ std::vector<std::string> moduleNames(bool nat) {
 /// The key of a service in the loader's record is a line of a file.
 void requireServiceName(const std::string& service) {
     if (service.empty() || service.find_first_of("=\n\t \"") != std::string::npos) {
-        throw CommandFailed("\"" + printable(service) + "\" cannot be a service's name",
-                            kExitUsage);
+        throw CommandFailed(inQuotes(service) + " cannot be a service's name", kExitUsage);
     }
 }
 
@@ -52,9 +51,9 @@ void load(const ModulesOptions& options) {
     requireServiceName(options.service);
     if (!(options.nat ? Modules::iptablesNATModLoad(options.service)
                       : Modules::iptablesCoreModLoad(options.service))) {
-        throw CommandFailed("not all modules of \"" + printable(options.service) + "\" are loaded");
+        throw CommandFailed("not all modules of " + inQuotes(options.service) + " are loaded");
     }
-    std::cout << "Modules loaded for \"" << printable(options.service) << "\"\n";
+    std::cout << "Modules loaded for " << inQuotes(options.service) << '\n';
 }
 
 void unload(const ModulesOptions& options) {
@@ -62,14 +61,13 @@ void unload(const ModulesOptions& options) {
     requireServiceName(options.service);
     if (!Modules::isModuleLoad(options.service)) {
         // Without its "yes" the service has no share in any module: unloading would take another's.
-        throw CommandFailed("no modules are loaded for \"" + printable(options.service) + "\"");
+        throw CommandFailed("no modules are loaded for " + inQuotes(options.service));
     }
     if (!(options.nat ? Modules::iptablesNATModUnload(options.service)
                       : Modules::iptablesCoreModUnload(options.service))) {
-        throw CommandFailed("not all modules of \"" + printable(options.service) +
-                            "\" are released");
+        throw CommandFailed("not all modules of " + inQuotes(options.service) + " are released");
     }
-    std::cout << "Modules released by \"" << printable(options.service) << "\"\n";
+    std::cout << "Modules released by " << inQuotes(options.service) << '\n';
 }
 
 void status(const ModulesOptions& options) {

@@ -134,6 +134,10 @@ std::string printable(std::string text) {
     return text;
 }
 
+std::string inQuotes(const std::string& text) {
+    return std::string("\"").append(printable(text)).append("\"");
+}
+
 std::string painted(const std::string& text, Paint paint) {
     static const bool wanted = colourWanted();
     if (!wanted || paint == Paint::kPlain) {

@@ -12,6 +12,9 @@ namespace tarnfw {
 /// A text from a file as a terminal may see it: control characters become '?'.
 std::string printable(std::string text);
 
+/// The same between double quotes, as messages cite names and texts.
+std::string inQuotes(const std::string& text);
+
 /// What a text means to the reader; the colour follows from it.
 enum class Paint { kPlain, kGood, kBad, kDoubtful, kFaint, kStrong };
 

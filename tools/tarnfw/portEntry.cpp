@@ -1,6 +1,6 @@
 #include "portEntry.h"
 
-#include "finding.h"
+#include "output.h"
 
 namespace tarnfw {
 namespace {
@@ -48,10 +48,10 @@ std::string portFault(const std::string& entry) {
         return "";
     }
     if (portEndsFrom(entry)) {
-        return quoted(entry) + " is a range that runs backwards";
+        return inQuotes(entry) + " is a range that runs backwards";
     }
     const bool range = entry.find('-') != std::string::npos;
-    return quoted(entry) +
+    return inQuotes(entry) +
            (range ? " is not a range of ports (0-65535)" : " is not a port (0-65535)");
 }
 

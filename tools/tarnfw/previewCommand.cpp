@@ -39,7 +39,7 @@ Json::Value commandsOf(const std::string& profile) {
     }
     Json::Value commands;
     if (!FW::TARNFW().fwIptablesRulesEnum(profile, commands, true)) {
-        throw CommandFailed("profile \"" + printable(profile) + "\" cannot be translated");
+        throw CommandFailed("profile " + inQuotes(profile) + " cannot be translated");
     }
     return commands;
 }

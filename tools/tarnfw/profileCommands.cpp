@@ -22,11 +22,6 @@
 namespace tarnfw {
 namespace {
 
-/// The name as messages have it.
-std::string quoted(const std::string& name) {
-    return "\"" + printable(name) + "\"";
-}
-
 // ---- list ----
 
 /// A profile's entry. One that cannot be read is listed as well: its name is taken.
@@ -102,7 +97,7 @@ void create(const std::string& name, const std::string& source) {
         profile = profileFrom(source, name);
     }
     storeProfile(profile);
-    std::cout << "Profile " << quoted(name) << " created"
+    std::cout << "Profile " << inQuotes(name) << " created"
               << (source.empty() ? "; without rules it allows everything" : "") << '\n';
 }
 
@@ -113,7 +108,8 @@ void copy(const std::string& oldName, const std::string& newName) {
     requireNewName(newName);
     profile.name = newName;
     storeProfile(profile);
-    std::cout << "Profile " << quoted(newName) << " created, a copy of " << quoted(oldName) << '\n';
+    std::cout << "Profile " << inQuotes(newName) << " created, a copy of " << inQuotes(oldName)
+              << '\n';
 }
 
 void rename(const std::string& oldName, const std::string& newName) {
@@ -122,9 +118,9 @@ void rename(const std::string& oldName, const std::string& newName) {
     requireProfile(oldName);
     requireNewName(newName);
     if (!FW::TARNFW_PROFILE().profileRename(oldName, newName)) {
-        throw CommandFailed("profile " + quoted(oldName) + " cannot be renamed");
+        throw CommandFailed("profile " + inQuotes(oldName) + " cannot be renamed");
     }
-    std::cout << "Profile " << quoted(oldName) << " is called " << quoted(newName) << " now\n";
+    std::cout << "Profile " << inQuotes(oldName) << " is called " << inQuotes(newName) << " now\n";
 }
 
 void remove(const std::string& name) {
@@ -132,15 +128,15 @@ void remove(const std::string& name) {
     const StoreLock lock;
     requireProfile(name);
     if (name == activeProfile()) {
-        throw CommandFailed("profile " + quoted(name) +
+        throw CommandFailed("profile " + inQuotes(name) +
                             " is the active one; \"tarnfw profile use\" makes another one active");
     }
     FW::TARNFW_PROFILE profiles;
     if (!profiles.profileDelete(name) || profiles.profileExist(name)) {
-        throw CommandFailed("profile " + quoted(name) + " is still there: " +
+        throw CommandFailed("profile " + inQuotes(name) + " is still there: " +
                             printable(FW::TARNFW_JSON_DB().profilePathGet(name)));
     }
-    std::cout << "Profile " << quoted(name) << " deleted\n";
+    std::cout << "Profile " << inQuotes(name) << " deleted\n";
 }
 
 // ---- use ----
@@ -155,13 +151,13 @@ void use(const std::string& name, bool reload) {
         FW::TARNFW firewall;
         Json::Value commands;
         if (!firewall.fwIptablesRulesEnum(name, commands, true)) {
-            throw CommandFailed("profile " + quoted(name) + " cannot be translated");
+            throw CommandFailed("profile " + inQuotes(name) + " cannot be translated");
         }
         if (!firewall.fwProfileConfigSet(name, false)) {
             throw CommandFailed("the settings cannot be written");
         }
     }
-    std::cout << "Profile " << quoted(name) << " is the active one now\n";
+    std::cout << "Profile " << inQuotes(name) << " is the active one now\n";
     finishChange(name, reload);
 }
 

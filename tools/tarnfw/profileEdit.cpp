@@ -26,7 +26,7 @@ std::string storedText(const std::string& name) {
     const std::string path = FW::TARNFW_JSON_DB().profilePathGet(name);
     std::ifstream file(path, std::ios::in | std::ios::binary);
     if (path.empty() || !file) {
-        throw CommandFailed("profile \"" + printable(name) + "\" cannot be read");
+        throw CommandFailed("profile " + inQuotes(name) + " cannot be read");
     }
     return {std::istreambuf_iterator<char>(file), {}};
 }
@@ -71,8 +71,8 @@ void store(const ProfileDocument& document, const std::string& original) {
     const StoreLock lock;
     const std::string& name = document.profile().name;
     if (storedText(name) != original) {
-        throw CommandFailed("profile \"" + printable(name) +
-                            "\" was changed by somebody else meanwhile");
+        throw CommandFailed("profile " + inQuotes(name) +
+                            " was changed by somebody else meanwhile");
     }
     storeProfile(document.profile());
 }
@@ -91,7 +91,7 @@ std::optional<ProfileDocument> validDocument(const PrivateText& text, const std:
             return document;
         }
         if (!editAgain(text)) {
-            keep(text, "profile \"" + printable(name) + "\" does not check", kExitUnchecked);
+            keep(text, "profile " + inQuotes(name) + " does not check", kExitUnchecked);
         }
     }
 }
@@ -106,7 +106,7 @@ void edit(const std::string& wanted, bool reload) {
     const std::optional<ProfileDocument> document = validDocument(text, original, name);
     if (!document) {
         text.remove();
-        std::cout << "Profile \"" << printable(name) << "\" is unchanged\n";
+        std::cout << "Profile " << inQuotes(name) << " is unchanged\n";
         return;
     }
     try {
@@ -115,7 +115,7 @@ void edit(const std::string& wanted, bool reload) {
         keep(text, failure.what(), failure.status());
     }
     text.remove();
-    std::cout << "Profile \"" << printable(name) << "\" stored\n";
+    std::cout << "Profile " << inQuotes(name) << " stored\n";
     finishChange(name, reload);
 }
 

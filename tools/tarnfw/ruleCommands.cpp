@@ -87,8 +87,8 @@ void requireAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
         throw CommandFailed(
             "rules of \"ppp0\" are never applied; those of \"pppoe\" are, to that connection");
     }
-    throw CommandFailed("there is no adapter \"" + printable(adapter) +
-                        "\" (there is: " + printable(boost::join(known, ", ")) + ")");
+    throw CommandFailed("there is no adapter " + inQuotes(adapter) +
+                        " (there is: " + printable(boost::join(known, ", ")) + ")");
 }
 
 // ---- Reserved rules ----

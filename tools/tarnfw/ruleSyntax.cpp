@@ -39,13 +39,9 @@ const std::map<std::string, std::int32_t> kProtocols = {
     throw CLI::ValidationError(text);
 }
 
-/// The word as a complaint names it.
-std::string quoted(const std::string& word) {
-    return std::string("\"").append(printable(word)).append("\"");
-}
-
 std::string didYouMean(const std::string& guess) {
-    return guess.empty() ? guess : std::string("; did you mean ").append(quoted(guess)).append("?");
+    return guess.empty() ? guess
+                         : std::string("; did you mean ").append(inQuotes(guess)).append("?");
 }
 
 /// The entries of "a,b,c"; `what` is what an empty one should have been.
@@ -53,7 +49,7 @@ Texts entriesOf(const std::string& word, const std::string& what) {
     Texts entries;
     boost::split(entries, word, boost::is_any_of(","));
     if (std::find(entries.begin(), entries.end(), "") != entries.end()) {
-        wrong(quoted(word) + " lacks " + what + " beside a comma; a list has no blanks in it");
+        wrong(inQuotes(word) + " lacks " + what + " beside a comma; a list has no blanks in it");
     }
     return entries;
 }
@@ -71,7 +67,7 @@ public:
     const std::string& take(const std::string& expected) {
         if (done()) {
             wrong(words_.empty() ? "a rule's words are missing: expected " + expected
-                                 : "expected " + expected + " behind " + quoted(words_.back()));
+                                 : "expected " + expected + " behind " + inQuotes(words_.back()));
         }
         return words_[next_++];
     }
@@ -100,11 +96,11 @@ std::string withoutLeadingZeros(const std::string& entry) {
 std::string portEntry(const std::string& entry, const RuleVocabulary& vocabulary) {
     const std::optional<PortSpan> span = portEndsFrom(withoutLeadingZeros(entry));
     if (!span) {
-        wrong(quoted(entry) + " is not a port (0-65535) or a range of ports (6000-6010)" +
+        wrong(inQuotes(entry) + " is not a port (0-65535) or a range of ports (6000-6010)" +
               (vocabulary.services.count(entry) > 0 ? didYouMean("service " + entry) : ""));
     }
     if (span->last < span->first) {
-        wrong("the range of ports " + quoted(entry) + " runs backwards");
+        wrong("the range of ports " + inQuotes(entry) + " runs backwards");
     }
     return portSpanText(*span);
 }
@@ -147,7 +143,7 @@ void takeServices(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& ru
     }
     for (const std::string& name : entriesOf(word, "a service")) {
         if (vocabulary.services.count(name) == 0) {
-            wrong(quoted(name) + " is not a service that the firewall knows" +
+            wrong(inQuotes(name) + " is not a service that the firewall knows" +
                   didYouMean(nearest(name, known)));
         }
         if (std::find(rule.portList.begin(), rule.portList.end(), name) == rule.portList.end()) {
@@ -191,7 +187,7 @@ void takeWhat(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) 
     }
     const auto protocol = kProtocols.find(word);
     if (protocol == kProtocols.end()) {
-        wrong(quoted(word) + " stands where one of " + kWhatWords + " is expected" +
+        wrong(inQuotes(word) + " stands where one of " + kWhatWords + " is expected" +
               didYouMean(whatWasMeant(word, vocabulary)));
     }
     rule.portGroup = FW::kPortCustom;
@@ -206,7 +202,7 @@ void takeWhat(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) 
 /// The family that an address belongs to, unless the options speak of the other one.
 std::int32_t familyOf(const Address& address, const std::string& word, const RuleOptions& options) {
     if (address.is_v4() ? options.v6 : options.v4) {
-        wrong(quoted(word) + " is an " + (address.is_v4() ? "IPv4" : "IPv6") + " address: no " +
+        wrong(inQuotes(word) + " is an " + (address.is_v4() ? "IPv4" : "IPv6") + " address: no " +
               (options.v4 ? "--v4" : "--v6") + " with it");
     }
     return address.is_v4() ? FW::kIpV4Only : FW::kIpV6Only;
@@ -217,7 +213,7 @@ void useNetwork(const std::string& word, const RuleOptions& options, FW::FWRULE&
     const std::string mask = word.substr(slash + 1);
     const std::optional<AddressRange> network = networkFrom(word.substr(0, slash), mask);
     if (!network) {
-        wrong(quoted(word) +
+        wrong(inQuotes(word) +
               " is not a network such as 192.168.1.0/24, 192.168.1.0/255.255.255.0 "
               "or 2001:db8::/64");
     }
@@ -235,11 +231,11 @@ void useRange(const std::string& word, const RuleOptions& options, FW::FWRULE& r
     const std::optional<Address> first = addressFrom(word.substr(0, dash));
     const std::optional<Address> last = addressFrom(word.substr(dash + 1));
     if (!first || !last || first->is_v4() != last->is_v4()) {
-        wrong(quoted(word) +
+        wrong(inQuotes(word) +
               " is not a range of addresses of one family, such as 10.0.0.5-10.0.0.9");
     }
     if (*last < *first) {
-        wrong("the range of addresses " + quoted(word) + " runs backwards");
+        wrong("the range of addresses " + inQuotes(word) + " runs backwards");
     }
     rule.ipGroup = FW::kIpRange;
     rule.ipType = familyOf(*first, word, options);
@@ -264,7 +260,7 @@ void useCountries(const std::string& word, const RuleOptions& options,
     for (const std::string& entry : entriesOf(word, "a country")) {
         const std::string code = boost::to_upper_copy(entry);
         if (std::find(known.begin(), known.end(), code) == known.end()) {
-            wrong(quoted(entry) + " is not a country with " + family +
+            wrong(inQuotes(entry) + " is not a country with " + family +
                   "data (two letters, such as " + known.front() + ")");
         }
         if (std::find(rule.ipList.begin(), rule.ipList.end(), code) == rule.ipList.end()) {
@@ -293,7 +289,7 @@ void takeAddress(Words& words, const RuleOptions& options, const RuleVocabulary&
     } else if (word.find('-') != std::string::npos) {
         useRange(word, options, rule);
     } else {
-        wrong(quoted(word) + " stands where " + kExpected + " is expected" +
+        wrong(inQuotes(word) + " stands where " + kExpected + " is expected" +
               didYouMean(nearest(word, {"anywhere", "country"})));
     }
 }
@@ -307,13 +303,13 @@ void takeSide(Words& words, const RuleOptions& options, const RuleVocabulary& vo
     }
     const std::string& word = words.take("from or to");
     if (word != "from" && word != "to") {
-        wrong(quoted(word) + " stands where from or to is expected" +
+        wrong(inQuotes(word) + " stands where from or to is expected" +
               didYouMean(nearest(word, {"from", "to"})));
     }
     rule.ipDirect = word == "from" ? 1 : 0;
     takeAddress(words, options, vocabulary, rule);
     if (!words.done()) {
-        wrong(quoted(words.peek()) + " is one word too many: a rule ends with its address");
+        wrong(inQuotes(words.peek()) + " is one word too many: a rule ends with its address");
     }
 }
 
@@ -325,7 +321,7 @@ FW::FW_POLICY takePolicy(Words& words) {
         const std::string guess = drops              ? "deny"
                                   : word == "accept" ? "allow"
                                                      : nearest(word, {"allow", "deny"});
-        wrong(quoted(word) + " stands where allow or deny is expected" + didYouMean(guess));
+        wrong(inQuotes(word) + " stands where allow or deny is expected" + didYouMean(guess));
     }
     return word == "allow" ? FW::FW_POLICY_ALLOW : FW::FW_POLICY_DENY;
 }

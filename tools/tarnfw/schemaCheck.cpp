@@ -12,6 +12,7 @@
 #include <valijson/validation_results.hpp>
 #include <valijson/validator.hpp>
 
+#include "output.h"
 #include "usage.h"
 
 namespace tarnfw {
@@ -165,7 +166,7 @@ void addUnknownMembers(const Place& place, Findings& findings) {
         const std::string meant = nearest(name, known.getMemberNames());
         findings.error(memberPath(place.path, name),
                        "there is no such member" +
-                           (meant.empty() ? "" : "; did you mean " + quoted(meant) + "?"));
+                           (meant.empty() ? "" : "; did you mean " + inQuotes(meant) + "?"));
     }
 }
 
@@ -198,7 +199,7 @@ std::string textOf(const Place& place, const std::string& description) {
 
 void addFinding(const Place& place, const std::string& description, Findings& findings) {
     if (boost::starts_with(description, "Missing required property")) {
-        findings.error(place.path, quoted(nameIn(description)) + " is missing");
+        findings.error(place.path, inQuotes(nameIn(description)) + " is missing");
     } else if (boost::starts_with(description, "Object contains a property")) {
         addUnknownMembers(place, findings);
     } else {

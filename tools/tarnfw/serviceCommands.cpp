@@ -163,7 +163,7 @@ bool isInterfaceName(const std::string& name) {
 
 void requireRenamable(const std::string& from, const std::string& to, const Profiles& profiles) {
     if (from == to) {
-        throw CommandFailed("both names are \"" + printable(from) + "\"");
+        throw CommandFailed("both names are " + inQuotes(from));
     }
     if (from == FW::kGlobalAdapter || to == FW::kGlobalAdapter) {
         throw CommandFailed("\"global\" stands for every adapter; its rules cannot be moved");
@@ -172,13 +172,13 @@ void requireRenamable(const std::string& from, const std::string& to, const Prof
         throw CommandFailed("rules for \"ppp0\" have no effect; \"pppoe\" is its name");
     }
     if (!isInterfaceName(to)) {
-        throw CommandFailed("\"" + printable(to) + "\" cannot be an adapter's name");
+        throw CommandFailed(inQuotes(to) + " cannot be an adapter's name");
     }
     const std::vector<std::string> known = adaptersIn(profiles);
     if (std::find(known.begin(), known.end(), from) == known.end()) {
         const std::string meant = nearest(from, known);
-        throw CommandFailed("no profile has anything for adapter \"" + printable(from) + "\"" +
-                            (meant.empty() ? "" : "; did you mean \"" + printable(meant) + "\"?") +
+        throw CommandFailed("no profile has anything for adapter " + inQuotes(from) +
+                            (meant.empty() ? "" : "; did you mean " + inQuotes(meant) + "?") +
                             " (there is: " + printable(boost::join(known, ", ")) + ")");
     }
 }
@@ -205,7 +205,7 @@ void requireReplacing(const std::string& to, const std::vector<std::string>& nam
     if (names.empty() || yes) {
         return;
     }
-    const std::string what = "what \"" + printable(to) + "\" has in " +
+    const std::string what = "what " + inQuotes(to) + " has in " +
                              printable(boost::join(names, ", ")) + " would be replaced";
     if (isatty(STDIN_FILENO) != 1) {
         throw CommandFailed(what + "; nothing was changed (--yes goes on all the same)");
@@ -226,8 +226,8 @@ void renameAdapter(const std::string& from, const std::string& to, bool yes, boo
               [&] { return FW::TARNFW_PROFILE().profileChangeAdapter(from, to, false); });
     const std::vector<std::string> present = machineAdapters();
     if (!isPredefined(to) && std::find(present.begin(), present.end(), to) == present.end()) {
-        std::cerr << "tarnfw: the machine has no adapter \"" << printable(to)
-                  << "\" now: until it has, these rules have no effect\n";
+        std::cerr << "tarnfw: the machine has no adapter " << inQuotes(to)
+                  << " now: until it has, these rules have no effect\n";
     }
 }
 

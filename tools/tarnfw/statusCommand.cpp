@@ -134,7 +134,7 @@ Json::Value trialJson(const std::optional<TrialState>& trial) {
 }
 
 std::string trialText(const TrialState& trial) {
-    const std::string name = "of \"" + printable(trial.profile) + "\"";
+    const std::string name = "of " + inQuotes(trial.profile);
     return trial.secondsLeft ? name + ", " + std::to_string(*trial.secondsLeft) + " s left"
                              : name + " left behind; \"tarnfw try --cancel\" goes back";
 }

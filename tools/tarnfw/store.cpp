@@ -88,19 +88,19 @@ void requireProfile(const std::string& name) {
     const std::vector<std::string> names = profileNames();
     requireAnyProfile(names);
     if (std::find(names.begin(), names.end(), name) == names.end()) {
-        throw CommandFailed("there is no profile \"" + printable(name) +
-                            "\" (there is: " + listed(names) + ")");
+        throw CommandFailed("there is no profile " + inQuotes(name) +
+                            " (there is: " + listed(names) + ")");
     }
 }
 
 void requireNewName(const std::string& name) {
     if (name.empty() || boost::starts_with(name, kTestPrefix)) {
-        throw CommandFailed("a profile cannot be called \"" + printable(name) + "\"");
+        throw CommandFailed("a profile cannot be called " + inQuotes(name));
     }
     const std::vector<std::string> names = profileNames();
     requireAnyProfile(names);
     if (std::find(names.begin(), names.end(), name) != names.end()) {
-        throw CommandFailed("there is a profile \"" + printable(name) + "\" already");
+        throw CommandFailed("there is a profile " + inQuotes(name) + " already");
     }
 }
 
@@ -109,7 +109,7 @@ FW::FWPROFILE loadProfile(const std::string& name) {
     requireProfile(wanted);
     FW::FWPROFILE profile;
     if (!FW::TARNFW_PROFILE().profileGet(wanted, profile)) {
-        throw CommandFailed("profile \"" + printable(wanted) + "\" cannot be read");
+        throw CommandFailed("profile " + inQuotes(wanted) + " cannot be read");
     }
     return profile;
 }
@@ -117,7 +117,7 @@ FW::FWPROFILE loadProfile(const std::string& name) {
 void storeProfile(const FW::FWPROFILE& profile) {
     requireAnyProfile(profileNames());
     if (!FW::TARNFW_PROFILE().profileSet(profile.name, profile)) {
-        throw CommandFailed("profile \"" + printable(profile.name) + "\" cannot be written");
+        throw CommandFailed("profile " + inQuotes(profile.name) + " cannot be written");
     }
 }
 

@@ -47,8 +47,8 @@ void requireTriable(const std::string& name) {
         throw CommandFailed("the firewall is disabled: there is nothing to go back to");
     }
     if (name == activeProfile()) {
-        throw CommandFailed("profile \"" + printable(name) +
-                            "\" is the active one, to which a trial goes back; try a copy "
+        throw CommandFailed("profile " + inQuotes(name) +
+                            " is the active one, to which a trial goes back; try a copy "
                             "(\"tarnfw profile copy\")");
     }
     requireBase();
@@ -147,7 +147,7 @@ private:
     }
 
     void announce() const {
-        std::cout << "The rules of \"" << printable(trial_.name) << "\" are in force for "
+        std::cout << "The rules of " << inQuotes(trial_.name) << " are in force for "
                   << counted(static_cast<std::size_t>(trial_.timeout.count()), "second") << ".\n"
                   << (onTerminal_ ? "Press Enter to keep them, Ctrl-C to go back; elsewhere, "
                                   : "To keep them, ")
@@ -179,7 +179,7 @@ private:
 void conclude(const std::string& name, const Json::Value& report) {
     const std::string state = report.get("state", "").asString();
     const std::string reason = report.get("reason", "").asString();
-    const std::string profile = "profile \"" + printable(name) + "\"";
+    const std::string profile = "profile " + inQuotes(name);
     if (state == kTrialAdopted) {
         std::cout << "Kept: " << profile << " is now the active one\n";
         return;
@@ -195,8 +195,7 @@ void conclude(const std::string& name, const Json::Value& report) {
 void goBackWithoutWatchdog(const std::string& name) {
     const bool reverted = revertTrial(name);
     stopListening();
-    throw CommandFailed("profile \"" + printable(name) +
-                        "\" was not kept: the watchdog was killed" +
+    throw CommandFailed("profile " + inQuotes(name) + " was not kept: the watchdog was killed" +
                         (reverted ? "; the active profile's rules are in force again"
                                   : ", and the active profile was not applied again"));
 }
@@ -252,8 +251,7 @@ void cancelAbandonedTrial() {
     if (!reverted) {
         throw CommandFailed("the active profile was not applied again");
     }
-    std::cout << "Gone back from the trial of \"" << printable(*name)
-              << "\" that was left behind\n";
+    std::cout << "Gone back from the trial of " << inQuotes(*name) << " that was left behind\n";
 }
 
 void cancelTrial() {

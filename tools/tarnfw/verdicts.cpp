@@ -7,6 +7,7 @@
 
 #include "command.h"
 #include "fwCodes.h"
+#include "output.h"
 #include "portEntry.h"
 #include "ruleText.h"
 
@@ -78,13 +79,13 @@ std::string portQuestionFrom(const std::string& text, FW::PortCompareST& questio
     for (const auto& known : kProtocols) {
         if (word == known.word) {
             if (!portSpanFrom(port)) {
-                return "\"" + port + "\" is no port (0-65535) and no range such as 6000-6010";
+                return inQuotes(port) + " is no port (0-65535) and no range such as 6000-6010";
             }
             question = {0, known.protocol, port};
             return {};
         }
     }
-    return "\"" + text + "\" is not such as tcp/22, udp/5000-5010 or both/53";
+    return inQuotes(text) + " is not such as tcp/22, udp/5000-5010 or both/53";
 }
 
 std::string questionText(const FW::PortCompareST& question) {
