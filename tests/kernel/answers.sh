@@ -2,7 +2,8 @@
 # shellcheck disable=SC2154  # out is the caller's
 # What the tool says and how it ends. Sourced by the scripts, which have lib.sh already.
 
-# answers STATUS ARGUMENT...: that status; the output is in $out/answer and $out/complaint.
+# answers STATUS ARGUMENT...: that status; the output is in $out/answer and $out/complaint. Every
+# member of a JSON document has to be documented.
 answers() {
     local wanted=$1 status=0
     shift
@@ -11,6 +12,10 @@ answers() {
     if ((status != wanted)); then
         cat -- "$out/answer" "$out/complaint"
         fail "tarnfw $* ends with $status instead of $wanted"
+    fi
+    if [[ " $* " == *' --json '* && -s $out/answer ]]; then
+        "$checkout/tests/kernel/json_keys" "$checkout/docs/tarnfw-json.md" "$@" <"$out/answer" ||
+            fail 'members that are not documented'
     fi
 }
 
