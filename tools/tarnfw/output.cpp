@@ -14,8 +14,7 @@ namespace tarnfw {
 namespace {
 
 constexpr std::size_t kGap = 2;              // blanks between two columns
-constexpr std::size_t kNarrowest = 8;        // no column is wrapped below this
-constexpr std::size_t kUnlimited = 0;        // the width of what is no terminal
+constexpr std::size_t kNarrowest = 4;        // no column is wrapped below this
 constexpr std::size_t kProgressParts = 200;  // a terminal is not written to more often
 
 bool colourWanted() {
@@ -42,12 +41,9 @@ const char* colourOf(Paint paint) {
     }
 }
 
-std::size_t terminalWidth() {
-    winsize size{};
-    if (isatty(STDOUT_FILENO) != 1 || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) {
-        return kUnlimited;
-    }
-    return size.ws_col;
+/// A byte within a UTF-8 character, not the first one.
+bool isContinuation(char byte) {
+    return (static_cast<unsigned char>(byte) & 0xc0U) == 0x80U;
 }
 
 /// The terminal's columns that a text takes.
@@ -70,33 +66,75 @@ std::size_t widthOf(const std::string& text) {
     return width;
 }
 
-/// The text in lines of at most `width` columns, broken behind blanks and commas. A word that is
-/// longer than that stays whole.
-std::vector<std::string> wrapped(const std::string& text, std::size_t width) {
-    std::vector<std::string> lines(1);
-    for (std::size_t start = 0; start < text.size();) {
-        const std::size_t found = text.find_first_of(" ,", start);
-        const std::size_t end = found == std::string::npos ? text.size() : found + 1;
-        const std::string word = text.substr(start, end - start);
-        const std::size_t needed = widthOf(word.substr(0, word.find_last_not_of(' ') + 1));
-        if (!lines.back().empty() && widthOf(lines.back()) + needed > width) {
-            lines.emplace_back();
+/// How many bytes of `text` fit into `width` columns; those of one character at least.
+std::size_t bytesWithin(const std::string& text, std::size_t width) {
+    std::size_t bytes = 0;
+    do {
+        ++bytes;
+        while (bytes < text.size() && isContinuation(text[bytes])) {
+            ++bytes;
         }
-        lines.back() += word;
-        start = end;
-    }
-    return lines;
+    } while (bytes < text.size() && widthOf(text.substr(0, bytes + 1)) <= width);
+    return bytes;
 }
 
-/// Takes from the widest columns what the lines are too long by.
-void narrow(std::vector<std::size_t>& widths, std::size_t available) {
+/// Cuts a word that is too long: behind a sign that such words have between their parts, else
+/// anywhere.
+std::vector<std::string> pieces(std::string word, std::size_t width) {
+    std::vector<std::string> found;
+    while (widthOf(word) > width) {
+        const std::size_t most = bytesWithin(word, width);
+        const std::size_t sign = word.substr(0, most).find_last_of("-_/:.");
+        const std::size_t cut = sign == std::string::npos ? most : sign + 1;
+        found.push_back(word.substr(0, cut));
+        word.erase(0, cut);
+    }
+    found.push_back(word);
+    return found;
+}
+
+/// The words of a text, each with the blanks behind it; a comma ends one, too.
+std::vector<std::string> wordsOf(const std::string& text) {
+    std::vector<std::string> words;
+    for (std::size_t start = 0; start < text.size();) {
+        const std::size_t found = text.find_first_of(" ,", start);
+        const std::size_t end = std::min(
+            text.find_first_not_of(' ', std::min(found, text.size() - 1) + 1), text.size());
+        words.push_back(text.substr(start, end - start));
+        start = end;
+    }
+    return words;
+}
+
+std::string withoutEndBlanks(std::string text) {
+    text.erase(text.find_last_not_of(' ') + 1);
+    return text;
+}
+
+/// The columns below which words of the text have to be cut.
+std::size_t longestWord(const std::string& text) {
+    std::size_t longest = 0;
+    for (const std::string& word : wordsOf(text)) {
+        longest = std::max(longest, widthOf(withoutEndBlanks(word)));
+    }
+    return longest;
+}
+
+/// Takes from the widest columns what the lines are too long by; none gets narrower than its floor.
+void narrow(std::vector<std::size_t>& widths, const std::vector<std::size_t>& floors,
+            std::size_t available) {
     std::size_t total = std::accumulate(widths.begin(), widths.end(), std::size_t{0});
     while (total > available) {
-        std::size_t& widest = *std::max_element(widths.begin(), widths.end());
-        if (widest <= kNarrowest) {
+        std::size_t* widest = nullptr;
+        for (std::size_t i = 0; i < widths.size(); ++i) {
+            if (widths[i] > floors[i] && (widest == nullptr || widths[i] > *widest)) {
+                widest = &widths[i];
+            }
+        }
+        if (widest == nullptr) {
             return;
         }
-        --widest;
+        --*widest;
         --total;
     }
 }
@@ -113,8 +151,7 @@ void printRow(const std::vector<Cell>& cells, const std::vector<std::size_t>& wi
         std::string out(indent, ' ');
         std::size_t pending = 0;  // blanks, written only when a text follows: none ends a line
         for (std::size_t i = 0; i < cells.size(); ++i) {
-            std::string text = line < columns[i].size() ? columns[i][line] : std::string();
-            text.erase(text.find_last_not_of(' ') + 1);
+            const std::string text = line < columns[i].size() ? columns[i][line] : std::string();
             if (!text.empty()) {
                 out.append(pending, ' ').append(painted(text, cells[i].paint));
                 pending = 0;
@@ -138,9 +175,31 @@ std::string inQuotes(const std::string& text) {
     return std::string("\"").append(printable(text)).append("\"");
 }
 
+std::size_t terminalWidth() {
+    winsize size{};
+    if (isatty(STDOUT_FILENO) != 1 || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) {
+        return 0;
+    }
+    return size.ws_col;
+}
+
+std::vector<std::string> wrapped(const std::string& text, std::size_t width) {
+    std::vector<std::string> lines(1);
+    for (const std::string& word : wordsOf(text)) {
+        for (const std::string& piece : pieces(withoutEndBlanks(word), width)) {
+            if (!lines.back().empty() && widthOf(lines.back()) + widthOf(piece) > width) {
+                lines.emplace_back();
+            }
+            lines.back() += piece;
+        }
+        lines.back().append(word.size() - withoutEndBlanks(word).size(), ' ');
+    }
+    std::transform(lines.begin(), lines.end(), lines.begin(), withoutEndBlanks);
+    return lines;
+}
+
 std::string painted(const std::string& text, Paint paint) {
-    static const bool wanted = colourWanted();
-    if (!wanted || paint == Paint::kPlain) {
+    if (paint == Paint::kPlain || !colourWanted()) {
         return text;
     }
     return std::string("\033[").append(colourOf(paint)).append("m").append(text).append("\033[0m");
@@ -157,19 +216,24 @@ void Table::print(std::size_t indent) const {
     rows.insert(rows.end(), rows_.begin(), rows_.end());
 
     std::vector<std::size_t> widths;
+    std::vector<std::size_t> words;  // the longest of each column
     for (const std::vector<Cell>& row : rows) {
         widths.resize(std::max(widths.size(), row.size()));
+        words.resize(widths.size());
         for (std::size_t i = 0; i < row.size(); ++i) {
-            widths[i] = std::max(widths[i], widthOf(printable(row[i].text)));
+            const std::string text = printable(row[i].text);
+            widths[i] = std::max(widths[i], widthOf(text));
+            words[i] = std::max(words[i], longestWord(text));
         }
     }
     if (widths.empty()) {
         return;
     }
-    const std::size_t terminal = terminalWidth();
     const std::size_t taken = indent + kGap * (widths.size() - 1);
-    if (terminal > taken) {
-        narrow(widths, terminal - taken);
+    if (const std::size_t terminal = terminalWidth(); terminal > taken) {
+        // Words are cut only where wrapping between them is not enough.
+        narrow(widths, words, terminal - taken);
+        narrow(widths, std::vector<std::size_t>(widths.size(), kNarrowest), terminal - taken);
     }
     for (const std::vector<Cell>& row : rows) {
         printRow(row, widths, indent);

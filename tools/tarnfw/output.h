@@ -15,6 +15,13 @@ std::string printable(std::string text);
 /// The same between double quotes, as messages cite names and texts.
 std::string inQuotes(const std::string& text);
 
+/// The columns of the terminal that standard output is; 0 when it is none, or does not tell.
+std::size_t terminalWidth();
+
+/// A text of one line in lines of at most `width` columns (1 or more): broken between words and
+/// behind commas, and within words that are longer than that.
+std::vector<std::string> wrapped(const std::string& text, std::size_t width);
+
 /// What a text means to the reader; the colour follows from it.
 enum class Paint { kPlain, kGood, kBad, kDoubtful, kFaint, kStrong };
 
@@ -28,7 +35,7 @@ struct Cell {
 };
 
 /// A table, left-aligned, two blanks between columns. On a terminal that is too narrow for it, the
-/// widest columns are wrapped at blanks and commas: nothing is cut off.
+/// widest columns are wrapped: nothing is cut off.
 class Table {
 public:
     /// `headings` names the columns; without any there is no heading line.

@@ -8,11 +8,13 @@
 
 namespace tarnfw {
 
-/// The word of `known` that is most like `word`; empty when none is like it.
+/// The word of `known` that is most like `word`, or the only one that begins with it; empty when
+/// none is like it.
 std::string nearest(const std::string& word, const std::vector<std::string>& known);
 
-/// Two or three lines about a command line that `app` refused: what was wrong with it, the right
-/// command where one is near, and the usage of the command that it was meant for.
-std::string wrongUsage(const CLI::App& app, const CLI::ParseError& error);
+/// Two or three lines about the command line `words` that `app` refused: what was wrong with it,
+/// the right command where one is near, and how to find out more.
+std::string wrongUsage(const CLI::App& app, const CLI::ParseError& error,
+                       const std::vector<std::string>& words);
 
 }  // namespace tarnfw

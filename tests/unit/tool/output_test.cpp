@@ -1,7 +1,13 @@
-// Tables, counts and texts, as they go into a file: how they look on a terminal is tested there.
+// Tables, counts and texts, as they go into a file and to a terminal.
 #include "output.h"
 
+#include <pty.h>
+#include <unistd.h>
+
 #include <clocale>
+#include <cstdlib>
+#include <iostream>
+#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -13,6 +19,57 @@ std::string printed(const Table& table, std::size_t indent = 0) {
     testing::internal::CaptureStdout();
     table.print(indent);
     return testing::internal::GetCapturedStdout();
+}
+
+/// A terminal that standard output goes to, as long as it lives.
+class Terminal {
+public:
+    explicit Terminal(int columns) {
+        termios plain{};  // no line feed becomes two characters
+        winsize size{};
+        size.ws_col = static_cast<unsigned short>(columns);
+        size.ws_row = 24;
+        EXPECT_EQ(openpty(&master_, &slave_, nullptr, &plain, &size), 0);
+        std::cout.flush();
+        saved_ = dup(STDOUT_FILENO);
+        dup2(slave_, STDOUT_FILENO);
+    }
+    ~Terminal() {
+        dup2(saved_, STDOUT_FILENO);
+        close(saved_);
+        close(slave_);
+        close(master_);
+    }
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+
+    /// What has been printed since; less than the terminal keeps.
+    std::string text() const {
+        constexpr std::size_t kMost = 4096;
+        std::cout << "<end>" << std::flush;
+        std::string all;
+        while (all.find("<end>") == std::string::npos) {
+            std::string part(kMost, '\0');
+            const ssize_t bytes = read(master_, part.data(), part.size());
+            if (bytes <= 0) {
+                break;
+            }
+            all.append(part, 0, static_cast<std::size_t>(bytes));
+        }
+        return all.substr(0, all.find("<end>"));
+    }
+
+private:
+    int master_ = -1;
+    int slave_ = -1;
+    int saved_ = -1;
+};
+
+std::string printedOn(int columns, const Table& table) {
+    setenv("NO_COLOR", "1", 1);
+    const Terminal terminal(columns);
+    table.print();
+    return terminal.text();
 }
 
 TEST(TableTest, ColumnsAreAsWideAsTheirWidestCell) {
@@ -59,8 +116,78 @@ TEST(TableTest, WithoutRowsThereIsOnlyTheHeading) {
     EXPECT_EQ(printed(Table()), "");
 }
 
+TEST(TableOnATerminalTest, WrapsBetweenWordsAndBehindCommas) {
+    Table table;
+    table.addRow({{"eth0"}, {"192.168.1.10/24, 10.0.0.1/8"}, {"up"}});
+    EXPECT_EQ(printedOn(30, table),
+              "eth0  192.168.1.10/24,      up\n"
+              "      10.0.0.1/8\n");
+}
+
+TEST(TableOnATerminalTest, CutsAWordThatIsTooLongBehindASign) {
+    Table table;
+    table.addRow({{"1"}, {"2001:db8:1:2:3:4:5:6-2001:db8:1:2:3:4:5:ffff"}, {"x"}});
+    EXPECT_EQ(printedOn(30, table),
+              "1  2001:db8:1:2:3:4:5:6-     x\n"
+              "   2001:db8:1:2:3:4:5:ffff\n");
+}
+
+TEST(TableOnATerminalTest, CutsAWordWithoutSignsBetweenLetters) {
+    (void)std::setlocale(LC_CTYPE, "C.UTF-8");
+    Table table;
+    table.addRow({{"1"},
+                  {"\xc3\xa4\xc3\xb6\xc3\xbc\xc3\x9f"
+                   "abcdefgh"}});
+    EXPECT_EQ(printedOn(9, table),
+              "1  \xc3\xa4\xc3\xb6\xc3\xbc\xc3\x9f"
+              "ab\n   cdefgh\n");
+}
+
+TEST(TableOnATerminalTest, NoLineIsWiderThanTheTerminal) {
+    Table table({"#", "Action", "What", "Address", "Notes"});
+    table.addRow({{"10"},
+                  {"allow"},
+                  {"service container_registry,web_admin"},
+                  {"from 2001:db8:1:2:3:4:5:6-2001:db8:1:2:3:4:5:ffff"},
+                  {"a_name_without_any_blank_in_it, and one with"}});
+    for (int columns = 30; columns <= 80; ++columns) {
+        std::istringstream lines(printedOn(columns, table));
+        for (std::string line; std::getline(lines, line);) {
+            EXPECT_LE(line.size(), static_cast<std::size_t>(columns)) << line;
+            EXPECT_NE(line, "");
+        }
+    }
+}
+
+TEST(TableOnATerminalTest, StaysAsItIsWhereItFits) {
+    Table table({"Adapter", "Rules"});
+    table.addRow({{"eth0"}, {"12"}});
+    EXPECT_EQ(printedOn(14, table), printed(table));
+}
+
 TEST(PaintedTest, NothingIsColouredInAFile) {
     EXPECT_EQ(painted("blocked", Paint::kBad), "blocked");
+}
+
+TEST(PaintedTest, ColoursOnATerminalThatHasSome) {
+    unsetenv("NO_COLOR");
+    setenv("TERM", "xterm", 1);
+    const Terminal terminal(80);
+    EXPECT_EQ(painted("blocked", Paint::kBad), "\033[31mblocked\033[0m");
+    EXPECT_EQ(painted("eth0", Paint::kPlain), "eth0");
+    setenv("TERM", "dumb", 1);
+    EXPECT_EQ(painted("blocked", Paint::kBad), "blocked");
+    unsetenv("TERM");
+    EXPECT_EQ(painted("blocked", Paint::kBad), "blocked");
+}
+
+TEST(PaintedTest, DoesNotColourWhereSomebodyDoesNotWantIt) {
+    setenv("TERM", "xterm", 1);
+    setenv("NO_COLOR", "1", 1);
+    const Terminal terminal(80);
+    EXPECT_EQ(painted("blocked", Paint::kBad), "blocked");
+    setenv("NO_COLOR", "", 1);  // set, and empty: as not set
+    EXPECT_EQ(painted("blocked", Paint::kBad), "\033[31mblocked\033[0m");
 }
 
 TEST(CountedTest, OneIsSingular) {

@@ -5,6 +5,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/split.hpp>
 
 namespace tarnfw {
 namespace {
@@ -14,6 +16,8 @@ TEST(NearestTest, FindsTypingErrorsAndNothingElse) {
     EXPECT_EQ(nearest("enabel", known), "enable");
     EXPECT_EQ(nearest("profiel", known), "profile");
     EXPECT_EQ(nearest("dissable", known), "disable");
+    EXPECT_EQ(nearest("prof", known), "profile");
+    EXPECT_EQ(nearest("pr", known), "") << "two begin with it";
     EXPECT_EQ(nearest("firewall", known), "");
     EXPECT_EQ(nearest("", known), "");
     EXPECT_EQ(nearest("enable", {}), "");
@@ -30,10 +34,21 @@ std::string refusal(const std::string& words) {
     std::string name;
     profile->add_subcommand("show", "")->add_option("NAME", name)->required();
     profile->add_subcommand("secret", "")->group("");
+    std::string word;
+    app.add_subcommand("policy", "")
+        ->add_option("POLICY", word)
+        ->check(CLI::IsMember({"allow", "deny"}));
+    CLI::Option_group* const subject = app.add_subcommand("blocked", "")->add_option_group("What");
+    subject->add_option("--port", word);
+    subject->add_option("--service", word);
+    subject->require_option(1);
+    app.add_subcommand("rule", "")->require_subcommand(1)->add_subcommand("add", "");
     try {
         app.parse(words);
     } catch (const CLI::ParseError& error) {
-        return wrongUsage(app, error);
+        std::vector<std::string> list;
+        boost::split(list, words, boost::is_any_of(" "));
+        return wrongUsage(app, error, list);
     }
     return "accepted";
 }
@@ -47,6 +62,44 @@ TEST(WrongUsageTest, NamesTheNearestCommand) {
               "tarnfw: there is no command \"tarnfw profile shwo\"\n"
               "Did you mean \"tarnfw profile show\"?\n"
               "\"tarnfw profile --help\" tells how it is used.\n");
+}
+
+TEST(WrongUsageTest, NamesTheWholeCommand) {
+    EXPECT_EQ(refusal("profiel shw x"),
+              "tarnfw: there is no command \"tarnfw profiel\"\n"
+              "Did you mean \"tarnfw profile show\"?\n"
+              "\"tarnfw --help\" tells how it is used.\n");
+    EXPECT_EQ(refusal("stat"),
+              "tarnfw: there is no command \"tarnfw stat\"\n"
+              "Did you mean \"tarnfw status\"?\n"
+              "\"tarnfw --help\" tells how it is used.\n");
+}
+
+TEST(WrongUsageTest, PutsWordsInTheRightOrder) {
+    EXPECT_EQ(refusal("add rule"),
+              "tarnfw: there is no command \"tarnfw add\"\n"
+              "Did you mean \"tarnfw rule add\"?\n"
+              "\"tarnfw --help\" tells how it is used.\n");
+}
+
+TEST(WrongUsageTest, KnowsTheWordsOfOtherTools) {
+    EXPECT_EQ(refusal("rule list"),
+              "tarnfw: there is no command \"tarnfw rule list\"\n"
+              "Did you mean \"tarnfw profile show\"?\n"
+              "\"tarnfw rule --help\" tells how it is used.\n");
+    EXPECT_EQ(refusal("allow 22"),
+              "tarnfw: there is no command \"tarnfw allow\"\n"
+              "Did you mean \"tarnfw rule add\"?\n"
+              "\"tarnfw --help\" tells how it is used.\n");
+}
+
+TEST(WrongUsageTest, NamesTheNearestChoice) {
+    EXPECT_EQ(refusal("policy deney"),
+              "tarnfw: \"deney\" is none of allow, deny; did you mean \"deny\"?\n"
+              "\"tarnfw policy --help\" tells how it is used.\n");
+    EXPECT_EQ(refusal("policy eth0"),
+              "tarnfw: \"eth0\" is none of allow, deny\n"
+              "\"tarnfw policy --help\" tells how it is used.\n");
 }
 
 TEST(WrongUsageTest, NamesTheNearestOption) {
@@ -75,8 +128,11 @@ TEST(WrongUsageTest, SaysWhatIsMissing) {
     EXPECT_EQ(refusal("profile show"),
               "tarnfw: NAME is required\n"
               "\"tarnfw profile show --help\" tells how it is used.\n");
+    EXPECT_EQ(refusal("blocked"),
+              "tarnfw: \"tarnfw blocked\" needs one of --port, --service\n"
+              "\"tarnfw blocked --help\" tells how it is used.\n");
     EXPECT_EQ(refusal(""),
-              "tarnfw: A subcommand is required\n"
+              "tarnfw: \"tarnfw\" needs one of status, profile, policy, blocked, rule\n"
               "\"tarnfw --help\" tells how it is used.\n");
 }
 
