@@ -208,8 +208,8 @@ void explain(const BlockedOptions& options) {
 
 constexpr char kFooter[] =
     "Ends with 0 when nothing of it is blocked, and with 10 when something is blocked or mixed.\n"
-    "Undecided is no obstacle: for \"global\" it leaves the word to the adapters, and an adapter\n"
-    "lets through what nothing decides. The stored rules of the active profile are evaluated;\n"
+    "Undecided is no obstacle: for \"global\" it leaves the word to the adapters, and an adapter "
+    "lets through what nothing decides. The stored rules of the active profile are evaluated; "
     "a disabled firewall blocks nothing.";
 
 /// Takes an address; the other end has to be of the same family.
@@ -243,7 +243,7 @@ void addExplain(CLI::App& app) {
         ->needs(from);
     command->footer(std::string(kFooter) +
                     "\nWith --from, rules are gone through as the kernel does; country rules count "
-                    "as in a kernel\nthat has the \"geoip\" match. Where source port or --to would "
+                    "as in a kernel that has the \"geoip\" match. Where source port or --to would "
                     "matter, \"unless\" says so.\n"
                     "Example: tarnfw explain --port tcp/20-25 --adapter eth0 --from 192.168.1.20");
     command->callback([options] {

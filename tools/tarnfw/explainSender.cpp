@@ -9,6 +9,7 @@
 
 #include "command.h"
 #include "decision.h"
+#include "fwCodes.h"
 #include "interfaces.h"
 #include "output.h"
 #include "ruleText.h"
@@ -139,6 +140,10 @@ void explainSender(const BlockedOptions& options) {
     if (!options.to.empty() &&
         addressFrom(options.to)->is_v4() != addressFrom(options.from)->is_v4()) {
         throw CLI::ValidationError("--to", "not of the same family as --from");
+    }
+    if (options.adapter == FW::kGlobalAdapter) {
+        throw CLI::ValidationError(
+            "--adapter", "no packet comes in by \"global\"; name another one, or none for all");
     }
     const std::vector<FW::PortCompareST> questions = questionsOf(options);
     if (answeredDisabled(options, questions)) {

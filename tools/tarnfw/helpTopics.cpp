@@ -21,13 +21,16 @@ Make a profile of your own, and change it while it is not in use:
       allow tcp 8443 from 192.168.1.0/24
   tarnfw check home --kernel    is it right, and does the kernel take it?
 
-Try it. Unless you confirm in time, everything is as it was before:
+Switch the firewall on. The first profile lets the local network in:
+
+  tarnfw enable
+
+Try your own. Unless you confirm in time, everything is as it was before:
 
   tarnfw try home --timeout 60
 
-Confirmed, it is the active profile. Switch the firewall on, and look:
+Confirmed, it is the active profile. Look, and ask:
 
-  tarnfw enable
   tarnfw status
   tarnfw blocked --port tcp/8443
   tarnfw explain --service ssh --from 192.168.1.20

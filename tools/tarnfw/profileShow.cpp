@@ -51,7 +51,7 @@ void addRule(Table& table, std::size_t position, const FW::FWRULE& rule) {
     table.addRow({{std::to_string(position), paint(Paint::kPlain)},
                   {policyText(rule.policy), paint(policyPaint(rule.policy))},
                   {portText(rule), paint(Paint::kPlain)},
-                  {shortAddressText(rule), paint(Paint::kPlain)},
+                  {addressText(rule), paint(Paint::kPlain)},
                   {familyText(rule.ipType), paint(Paint::kPlain)},
                   {notesOf(rule), paint(Paint::kPlain)}});
 }

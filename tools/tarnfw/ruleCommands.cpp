@@ -33,6 +33,8 @@ namespace {
 using Rules = std::vector<FW::FWRULE>;
 using Texts = std::vector<std::string>;
 
+constexpr int kMaxPosition = 1'000'000;  // no list is that long
+
 constexpr char kCountryDirectory[] = "/usr/share/xt_geoip";
 
 constexpr char kWordsHelp[] =
@@ -45,7 +47,7 @@ constexpr char kWordsHelp[] =
     "Examples:\n";
 
 constexpr char kReservedHelp[] =
-    "Rules that hold services which the system has reserved stay at the head of an adapter's\n"
+    "Rules that hold services which the system has reserved stay at the head of an adapter's "
     "list and are the system's: a position ahead of them counts as the first one behind them.";
 
 /// The list that a command changes.
@@ -362,7 +364,9 @@ void addRuleOptions(CLI::App& command, RuleOptions& options) {
     CLI::Option* const v4 = command.add_flag("--v4", options.v4, "For IPv4 only");
     command.add_flag("--v6", options.v6, "For IPv6 only")->excludes(v4);
     command.add_flag("--source-port", options.sourcePort, "The ports are the sender's");
-    command.add_flag("--out", options.out, "For packets that leave through the adapter");
+    command.add_flag("--out", options.out,
+                     "For packets that the machine forwards out through the adapter; what it sends "
+                     "itself is not filtered");
     command.add_flag("--log", options.log, "Log matching packets as well");
     command.add_flag("--disabled", options.disabled, "Store the rule switched off");
     command.add_option("--name", options.name, "A name for the rule")->type_name("TEXT");
@@ -373,7 +377,10 @@ void addRuleOptions(CLI::App& command, RuleOptions& options) {
 
 CLI::Option* addPosition(CLI::App& command, const char* name, std::size_t& position,
                          const char* help) {
-    return command.add_option(name, position, help)->type_name("")->required();
+    return command.add_option(name, position, help)
+        ->type_name("")
+        ->required()
+        ->check(CLI::Range(1, kMaxPosition));
 }
 
 using RuleRun = void (*)(const RuleCommand&);
@@ -419,7 +426,8 @@ void addForPositions(CLI::App& group, const char* name, const char* help, const 
     const auto values = std::make_shared<Values>();
     command->add_option("POSITION", values->positions, "Positions as \"profile show\" counts them")
         ->type_name("")
-        ->required();
+        ->required()
+        ->check(CLI::Range(1, kMaxPosition));
     addTarget(*command, values->target);
     command->callback([values, run] { run(values->target, values->positions); });
 }

@@ -60,7 +60,10 @@ public:
     explicit Words(const Texts& words) : words_(words) {}
 
     bool done() const { return next_ == words_.size(); }
-    bool isSide() const { return !done() && (words_[next_] == "from" || words_[next_] == "to"); }
+    bool isSide() const {
+        const std::string word = done() ? std::string() : boost::to_lower_copy(peek());
+        return word == "from" || word == "to";
+    }
     const std::string& peek() const { return words_[next_]; }
 
     /// The next word; without one, complains that `expected` is missing behind the last.
@@ -155,6 +158,9 @@ void takeServices(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& ru
 
 /// What somebody may have meant who wrote `word` where a protocol is expected.
 std::string whatWasMeant(const std::string& word, const RuleVocabulary& vocabulary) {
+    if (word == "on") {
+        return "--adapter";
+    }
     if (vocabulary.services.count(word) > 0) {
         return "service " + word;
     }
@@ -177,7 +183,8 @@ void takeWhat(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) 
     if (words.done() || words.isSide()) {
         return;
     }
-    const std::string& word = words.take(kWhatWords);
+    const std::string& typed = words.take(kWhatWords);
+    const std::string word = boost::to_lower_copy(typed);
     if (word == "any" || word == "everything") {
         return;
     }
@@ -187,7 +194,7 @@ void takeWhat(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) 
     }
     const auto protocol = kProtocols.find(word);
     if (protocol == kProtocols.end()) {
-        wrong(inQuotes(word) + " stands where one of " + kWhatWords + " is expected" +
+        wrong(inQuotes(typed) + " stands where one of " + kWhatWords + " is expected" +
               didYouMean(whatWasMeant(word, vocabulary)));
     }
     rule.portGroup = FW::kPortCustom;
@@ -275,10 +282,11 @@ void takeAddress(Words& words, const RuleOptions& options, const RuleVocabulary&
     constexpr char kExpected[] =
         "an address, a network, a range, \"country\" with codes, or \"anywhere\"";
     const std::string& word = words.take(kExpected);
-    if (word == "anywhere") {
+    const std::string keyword = boost::to_lower_copy(word);
+    if (keyword == "anywhere" || keyword == "any") {
         return;
     }
-    if (word == "country") {
+    if (keyword == "country") {
         useCountries(words.take("the codes of countries"), options, vocabulary, rule);
     } else if (word.find('/') != std::string::npos) {
         useNetwork(word, options, rule);
@@ -301,10 +309,11 @@ void takeSide(Words& words, const RuleOptions& options, const RuleVocabulary& vo
     if (words.done()) {
         return;
     }
-    const std::string& word = words.take("from or to");
+    const std::string& typed = words.take("from or to");
+    const std::string word = boost::to_lower_copy(typed);
     if (word != "from" && word != "to") {
-        wrong(inQuotes(word) + " stands where from or to is expected" +
-              didYouMean(nearest(word, {"from", "to"})));
+        wrong(inQuotes(typed) + " stands where from or to is expected" +
+              didYouMean(word == "on" ? "--adapter" : nearest(word, {"from", "to"})));
     }
     rule.ipDirect = word == "from" ? 1 : 0;
     takeAddress(words, options, vocabulary, rule);
@@ -314,14 +323,15 @@ void takeSide(Words& words, const RuleOptions& options, const RuleVocabulary& vo
 }
 
 FW::FW_POLICY takePolicy(Words& words) {
-    const std::string& word = words.take("allow or deny");
+    const std::string& typed = words.take("allow or deny");
+    const std::string word = boost::to_lower_copy(typed);
     if (word != "allow" && word != "deny") {
         // Words that other tools have for it.
         const bool drops = word == "block" || word == "drop" || word == "reject";
         const std::string guess = drops              ? "deny"
                                   : word == "accept" ? "allow"
                                                      : nearest(word, {"allow", "deny"});
-        wrong(inQuotes(word) + " stands where allow or deny is expected" + didYouMean(guess));
+        wrong(inQuotes(typed) + " stands where allow or deny is expected" + didYouMean(guess));
     }
     return word == "allow" ? FW::FW_POLICY_ALLOW : FW::FW_POLICY_DENY;
 }

@@ -20,24 +20,11 @@ std::string at(const std::vector<std::string>& list, std::size_t index) {
     return index < list.size() ? list[index] : "";
 }
 
-std::string addressText(const FW::FWRULE& rule) {
-    const std::string side = rule.ipDirect != 0 ? "from " : "to ";
-    switch (rule.ipGroup) {
-        case FW::kIpSingle:
-            return side + at(rule.ipList, 0);
-        case FW::kIpNetwork:
-            return side + at(rule.ipList, 0) + "/" + at(rule.ipList, 1);
-        case FW::kIpNone:
-            return side + "nowhere";
-        case FW::kIpCountries:
-            return side + "country " + joined(rule.ipList);
-        case FW::kIpRange:
-            return side + at(rule.ipList, 0) + "-" + at(rule.ipList, 1);
-        case FW::kIpAny:
-            return side + "anywhere";
-        default:
-            return side + "unknown ip group " + std::to_string(rule.ipGroup);
-    }
+/// "192.168.1.0/24", whether the rule has the prefix length or the mask.
+std::string networkText(const FW::FWRULE& rule) {
+    const std::string mask = at(rule.ipList, 1);
+    const std::optional<int> length = prefixLengthFrom(mask, /*ipv6=*/false);
+    return at(rule.ipList, 0) + "/" + (length ? std::to_string(*length) : mask);
 }
 
 }  // namespace
@@ -91,16 +78,24 @@ std::string portText(const FW::FWRULE& rule) {
     }
 }
 
-std::string shortAddressText(const FW::FWRULE& rule) {
-    const std::optional<int> length = rule.ipGroup == FW::kIpNetwork && rule.ipList.size() > 1
-                                          ? prefixLengthFrom(rule.ipList[1], /*ipv6=*/false)
-                                          : std::nullopt;
-    if (!length) {
-        return addressText(rule);
+std::string addressText(const FW::FWRULE& rule) {
+    const std::string side = rule.ipDirect != 0 ? "from " : "to ";
+    switch (rule.ipGroup) {
+        case FW::kIpSingle:
+            return side + at(rule.ipList, 0);
+        case FW::kIpNetwork:
+            return side + networkText(rule);
+        case FW::kIpNone:
+            return side + "nowhere";
+        case FW::kIpCountries:
+            return side + "country " + joined(rule.ipList);
+        case FW::kIpRange:
+            return side + at(rule.ipList, 0) + "-" + at(rule.ipList, 1);
+        case FW::kIpAny:
+            return side + "anywhere";
+        default:
+            return side + "unknown ip group " + std::to_string(rule.ipGroup);
     }
-    FW::FWRULE brief = rule;
-    brief.ipList[1] = std::to_string(*length);
-    return addressText(brief);
 }
 
 std::string familyText(std::int32_t ipType) {

@@ -82,14 +82,46 @@ for code in ("CN", "RU"):
     with open(f"{sys.argv[1]}/{code}.iv4", "wb") as file:
         file.write(struct.pack("=II", 0x0A000000, 0x0A0000FF))
 PYTHON
-shown=0
-while read -r tool line; do
-    read -r -a words <<<"$line"
-    step 'an example' [ "$tool" = tarnfw ]
-    answers 0 "${words[@]}"
-    shown=$((shown + 1))
-done < <(tarnfw help rules | sed -n 's/ \{3,\}.*//; /ADAPTER/d; s/^  tarnfw /tarnfw /p')
+# run_examples TOPIC: the commands that it shows, in their order; how many is left in $shown.
+run_examples() {
+    local tool line words
+    shown=0
+    while read -r tool line; do
+        read -r -a words <<<"$line"
+        step 'an example' [ "$tool" = tarnfw ]
+        if [[ ${words[0]} == try ]]; then
+            confirmed_trial "${words[@]}"
+        else
+            answers 0 "${words[@]}"
+        fi
+        shown=$((shown + 1))
+    done < <(tarnfw help "$1" |
+        sed -n -e ':more; /\\$/{N; s/\\\n */ /; b more}' -e '/ADAPTER/d' -e 's/^  tarnfw /tarnfw /' \
+            -e 's/ \{3,\}.*//' -e '/^tarnfw /p')
+}
+
+# confirmed_trial WORD...: with the confirmation of another terminal.
+confirmed_trial() {
+    tarnfw "$@" >"$out/trial" 2>&1 </dev/null &
+    local trial=$!
+    until tarnfw try --confirm >/dev/null 2>&1; do
+        step 'the trial goes on' kill -0 "$trial"
+        sleep 0.05
+    done
+    step 'the trial is kept' wait "$trial"
+}
+
+run_examples rules
 step 'seven of them' [ "$shown" = 7 ]
+
+# So are the first steps, from their beginning, for a machine that has not begun.
+answers 0 base down
+rm -- "$kProfileDirectory"/*.json
+run_examples first-steps
+step 'twelve of them' [ "$shown" = 12 ]
+answers 0 status
+says '^Active profile: *home$'
+says '^Firewall: *enabled$'
 
 ordinary=(setpriv --reuid 65534 --regid 65534 --clear-groups --inh-caps +dac_override
     --ambient-caps +dac_override --)

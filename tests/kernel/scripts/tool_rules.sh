@@ -53,7 +53,7 @@ head -c 32 /dev/zero >/usr/share/xt_geoip/DE.iv6
 rule add allow tcp 22,80,6000-6010 from 192.168.1.0/24 --log --name office
 silent
 prints <<'END'
-Rule 1 of eth0: allow tcp 22,80,6000-6010 from 192.168.1.0/255.255.255.0, logged (IPv4)  "office"
+Rule 1 of eth0: allow tcp 22,80,6000-6010 from 192.168.1.0/24, logged (IPv4)  "office"
 END
 rule add deny from country cn,RU --name abroad --label one --label 'two words'
 prints <<<'Rule 2 of eth0: deny everything from country CN,RU  "abroad"'
@@ -163,7 +163,7 @@ refused 1 '^tarnfw: there is no rule 1: pppoe has 0 rules$' rule off 1 --adapter
 
 rule delete 4 1 4 2 3
 prints <<'END'
-Deleted: Rule 1 of eth0: allow tcp 22,80,6000-6010 from 192.168.1.0/255.255.255.0, logged (IPv4)  "office"
+Deleted: Rule 1 of eth0: allow tcp 22,80,6000-6010 from 192.168.1.0/24, logged (IPv4)  "office"
 Deleted: Rule 2 of eth0: deny everything from country CN,RU  "abroad"
 Deleted: Rule 3 of eth0: allow service smb from 10.0.0.5-10.0.0.9 (IPv4)
 Deleted: Rule 4 of eth0: [off] deny udp source port 123 from anywhere, outgoing (IPv6)
@@ -206,7 +206,7 @@ step 'two are left' [ "$(names_of eth0)" = 'four three' ]
 rule add deny from 10.0.0.0/8
 silent
 rule add allow tcp 5 from 10.1.0.0/16
-prints <<<'Rule 4 of eth0: allow tcp 5 from 10.1.0.0/255.255.0.0 (IPv4)'
+prints <<<'Rule 4 of eth0: allow tcp 5 from 10.1.0.0/16 (IPv4)'
 complains '^tarnfw: rule 4 of eth0: warning: never decides: rule 3 of eth0 (deny) comes first and '
 rule move 4 3
 silent

@@ -170,6 +170,7 @@ void PrintTo(const AddressCase& c, std::ostream* out) {
 
 const AddressCase kAddresses[] = {
     {"Anywhere", "anywhere", 5, 2, ""},
+    {"Any", "any", 5, 2, ""},
     {"V4", "192.168.1.20", 0, 0, "192.168.1.20"},
     {"V6", "2001:db8::1", 0, 1, "2001:db8::1"},
     {"V6WrittenLong", "2001:0DB8:0:0:0:0:0:1", 0, 1, "2001:db8::1"},
@@ -188,6 +189,7 @@ const AddressCase kAddresses[] = {
     {"Country", "country CN", 3, 2, "CN"},
     {"Countries", "country CN,RU", 3, 2, "CN RU"},
     {"SmallLetters", "country cn,Ru", 3, 2, "CN RU"},
+    {"CapitalLetters", "COUNTRY CN", 3, 2, "CN"},
     {"CountryTwice", "country CN,cn", 3, 2, "CN"},
     {"CountryOfTheOtherFamily", "country SE", 3, 2, "SE"},
 };
@@ -283,6 +285,14 @@ TEST(RuleOptionsTest, SourcePortsNeedPorts) {
     }
 }
 
+TEST(RuleKeywordsTest, MayBeInCapitalLetters) {
+    const FWRULE rule = ruleOf("DENY TCP 22 FROM 10.0.0.1");
+    EXPECT_EQ(rule.policy, FW::FW_POLICY_DENY);
+    EXPECT_EQ(rule.protocol, FW::FW_PORT_PROTOCOL_TCP);
+    EXPECT_EQ(rule.ipList, std::vector<std::string>{"10.0.0.1"});
+    EXPECT_EQ(rule.ipDirect, 1);
+}
+
 // ---- What is refused ----
 
 struct RefusalCase {
@@ -304,6 +314,8 @@ const RefusalCase kRefusals[] = {
      "\"reject\" stands where allow or deny is expected; did you mean \"deny\"?"},
     {"Accept", "accept tcp 22",
      "\"accept\" stands where allow or deny is expected; did you mean \"allow\"?"},
+    {"OnAnAdapter", "allow tcp 22 on eth0",
+     "\"on\" stands where from or to is expected; did you mean \"--adapter\"?"},
     {"UnknownProtocol", "allow sctp 22",
      "\"sctp\" stands where one of service, tcp, udp, tcp/udp, icmp, igmp, any, from or to is "
      "expected"},

@@ -149,7 +149,7 @@ const AddressCase kAddresses[] = {
     {"FromOne", 0, 1, {"10.0.0.1"}, "from 10.0.0.1"},
     {"ToOne", 0, 0, {"10.0.0.1"}, "to 10.0.0.1"},
     {"OneOfMany", 0, 1, {"10.0.0.1", "10.0.0.2"}, "from 10.0.0.1"},
-    {"FromAMask", 1, 1, {"10.0.0.0", "255.0.0.0"}, "from 10.0.0.0/255.0.0.0"},
+    {"FromAMask", 1, 1, {"10.0.0.0", "255.0.0.0"}, "from 10.0.0.0/8"},
     {"ToAPrefix", 1, 0, {"fe80::", "10"}, "to fe80::/10"},
     {"FromNowhere", 2, 1, {"10.0.0.1"}, "from nowhere"},
     {"ToNowhere", 2, 0, {}, "to nowhere"},
@@ -246,20 +246,20 @@ TEST(ShortAddressTextTest, HasMasksOfIpv4AsLengths) {
     FWRULE rule;
     rule.ipGroup = 1;
     rule.ipList = {"192.168.1.0", "255.255.255.0"};
-    EXPECT_EQ(tarnfw::shortAddressText(rule), "from 192.168.1.0/24");
+    EXPECT_EQ(tarnfw::addressText(rule), "from 192.168.1.0/24");
     rule.ipDirect = 0;
     rule.ipList = {"10.0.0.0", "8"};
-    EXPECT_EQ(tarnfw::shortAddressText(rule), "to 10.0.0.0/8");
+    EXPECT_EQ(tarnfw::addressText(rule), "to 10.0.0.0/8");
     rule.ipList = {"2001:db8::", "64"};
-    EXPECT_EQ(tarnfw::shortAddressText(rule), "to 2001:db8::/64");
+    EXPECT_EQ(tarnfw::addressText(rule), "to 2001:db8::/64");
     // What is no mask, and what only looks like one, stays as it is.
     rule.ipList = {"10.0.0.0", "255.0.255.0"};
-    EXPECT_EQ(tarnfw::shortAddressText(rule), "to 10.0.0.0/255.0.255.0");
+    EXPECT_EQ(tarnfw::addressText(rule), "to 10.0.0.0/255.0.255.0");
     rule.ipList = {"10.0.0.0"};
-    EXPECT_EQ(tarnfw::shortAddressText(rule), "to 10.0.0.0/");
+    EXPECT_EQ(tarnfw::addressText(rule), "to 10.0.0.0/");
     rule.ipGroup = 4;
     rule.ipList = {"0.0.0.0", "255.255.255.0"};
-    EXPECT_EQ(tarnfw::shortAddressText(rule), "to 0.0.0.0-255.255.255.0");
+    EXPECT_EQ(tarnfw::addressText(rule), "to 0.0.0.0-255.255.255.0");
 }
 
 // The example that the header gives.
@@ -271,8 +271,7 @@ TEST(RuleTextTest, IsTheLineOfTheComment) {
     rule.ipGroup = 1;
     rule.ipList = {"192.168.1.0", "255.255.255.0"};
     rule.blLog = true;
-    EXPECT_EQ(tarnfw::ruleText(rule),
-              "deny tcp 22,6000-6010 from 192.168.1.0/255.255.255.0, logged (IPv4)");
+    EXPECT_EQ(tarnfw::ruleText(rule), "deny tcp 22,6000-6010 from 192.168.1.0/24, logged (IPv4)");
 }
 
 }  // namespace
