@@ -1,6 +1,4 @@
 /// tarnfw base: the chains and jumps that the library expects to find, and a first profile.
-#include <glob.h>
-
 #include <ctime>
 #include <iostream>
 #include <memory>
@@ -19,6 +17,7 @@
 #include "commands.h"
 #include "output.h"
 #include "store.h"
+#include "storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -72,21 +71,10 @@ BaseParts recordedParts(const Json::Value& family) {
 
 // ---- The first profile ----
 
-/// The paths of the store's documents.
-std::vector<std::string> documents() {
-    std::vector<std::string> paths;
-    glob_t found{};
-    if (glob((std::string(kProfileDir) + "*.json").c_str(), 0, nullptr, &found) == 0) {
-        paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
-    }
-    globfree(&found);
-    return paths;
-}
-
 /// Whether the store holds a profile, also one that cannot be read: that is somebody's, and must
 /// not be replaced by a first one of the same name.
 bool storeHasProfile() {
-    for (const std::string& path : documents()) {
+    for (const std::string& path : documentPaths()) {
         Json::Value document;
         if (path == kSettingsFile) {
             continue;
@@ -111,7 +99,10 @@ void writeFirstSettings() {
     }
     Json::Value settings;
     settings["apply"] = "batch";
-    if (!FW::TARNFW().configSet(settings)) {
+    StoreChange change;
+    const bool written = FW::TARNFW().configSet(settings);
+    change.finish();
+    if (!written) {
         throw CommandFailed(std::string("cannot write the first settings to ") + kSettingsFile);
     }
     std::cout << "Settings written to " << kSettingsFile
@@ -122,6 +113,7 @@ void writeFirstSettings() {
 /// its generator of file names needs a profile to compare with, and would not return.
 void writeFirstProfile() {
     makeDirectory(kProfileDir);
+    const StoreLock lock;
     if (storeHasProfile()) {
         return;
     }
@@ -136,7 +128,10 @@ void writeFirstProfile() {
             path = candidate;
         }
     }
-    if (!FW::jsonFileDump(document, path)) {
+    StoreChange change;
+    const bool written = FW::jsonFileDump(document, path);
+    change.finish();
+    if (!written) {
         throw CommandFailed("cannot write the first profile to " + path);
     }
     std::cout << "Profile " << inQuotes(document["name"].asString()) << " written to " << path

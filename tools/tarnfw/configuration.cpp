@@ -1,7 +1,6 @@
 #include "configuration.h"
 
 #include <algorithm>
-#include <filesystem>
 
 #include "tarncore.h"
 
@@ -15,20 +14,12 @@
 namespace tarnfw {
 namespace {
 
-/// Whether there is anything for the library to look at: it takes an empty directory for a failure.
-bool hasDocuments() {
-    std::error_code error;
-    const std::filesystem::directory_iterator entries(kProfileDir, error);
-    return !error && std::any_of(begin(entries), end(entries), [](const auto& entry) {
-        return entry.path().extension() == ".json";
-    });
-}
-
 /// The same as an export, for a store without settings: that would write them.
 bool exportWithoutSettings(Json::Value& document) {
     FW::TARNFW_JSON_DB store;
     Json::Value meta(Json::objectValue);
-    if (hasDocuments() && !store.profileMetaCreate(meta)) {
+    // The library takes an empty directory for a failure.
+    if (!documentPaths().empty() && !store.profileMetaCreate(meta)) {
         return false;
     }
     document[kConfigProfiles] = Json::Value(Json::objectValue);

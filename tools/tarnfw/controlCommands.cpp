@@ -14,6 +14,7 @@
 #include "output.h"
 #include "sshGuard.h"
 #include "store.h"
+#include "storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -26,7 +27,11 @@ void enable(bool yes) {
     requireRoot();
     requireBase();
     requireSshAccess("", yes, "Enable all the same?");
-    if (!FW::TARNFW().fwEnable()) {
+    const StoreLock lock;
+    StoreChange change;
+    const bool enabled = FW::TARNFW().fwEnable();
+    change.finish();
+    if (!enabled) {
         throw CommandFailed("the firewall was not enabled as it should be");
     }
     std::cout << "Firewall enabled with profile " << inQuotes(activeProfile()) << '\n';
@@ -34,7 +39,11 @@ void enable(bool yes) {
 
 void disable() {
     requireRoot();
-    if (!FW::TARNFW().fwDisable()) {
+    const StoreLock lock;
+    StoreChange change;
+    const bool disabled = FW::TARNFW().fwDisable();
+    change.finish();
+    if (!disabled) {
         throw CommandFailed("the firewall's settings cannot be written");
     }
     std::cout << "Firewall disabled\n";
@@ -56,7 +65,10 @@ void applyMode(const std::string& wanted) {
         const StoreLock lock;
         Json::Value settings;
         settings["apply"] = wanted;
-        if (!firewall.configSet(settings)) {
+        StoreChange change;
+        const bool set = firewall.configSet(settings);
+        change.finish();
+        if (!set) {
             throw CommandFailed("the settings cannot be written");
         }
     }

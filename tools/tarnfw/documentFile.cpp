@@ -105,6 +105,16 @@ std::string readText(const std::string& path) {
     return text.str();
 }
 
+bool readDocument(const std::string& path, Json::Value& document) {
+    try {
+        return Json::Reader().parse(readText(path), document, /*collectComments=*/false);
+    } catch (const CommandFailed&) {
+        return false;
+    } catch (const Json::Exception&) {  // nested too deeply
+        return false;
+    }
+}
+
 std::vector<Finding> parseDocument(const std::string& text, Json::Value& document) {
     Json::Reader reader;  // the one that the library's store uses
     Findings findings;

@@ -30,6 +30,7 @@
 #include "importPlan.h"
 #include "output.h"
 #include "store.h"
+#include "storeChange.h"
 #include "wholeFile.h"
 
 namespace tarnfw {
@@ -170,32 +171,22 @@ std::string faultOfReplacing(const Json::Value& document) {
     }
 }
 
-/// Takes away what a failed import has written and the library would not: files that cannot be
-/// read count for it neither as profiles nor as settings.
-void clearAway(const Json::Value& document) {
-    for (const std::string& key : document[kConfigProfiles].getMemberNames()) {
-        (void)unlink((kProfileDir + key).c_str());
-    }
-    (void)unlink(kSettingsFile);  // all of them are in what is put back
-}
-
 /// Replaces the configuration, or leaves the one that was there.
 void replace(const Json::Value& document, const Json::Value& current, const std::string& backup) {
     const SignalsWait wait;
+    StoreChange change;
     const std::string fault = faultOfReplacing(document);
     if (fault.empty()) {
+        change.finish();
         return;
     }
     const std::string failed = "the import failed (" + fault + ")";
-    if (backup.empty()) {
-        throw CommandFailed(failed + "; there was nothing to put back");
-    }
-    clearAway(document);
-    if (faultOfReplacing(current).empty()) {
+    if (change.undo()) {
         throw CommandFailed(failed + "; what was there before is back");
     }
-    throw CommandFailed(failed + ", and so did putting back what was there before; \"" +
-                        recovery(backup, current) + "\" tries again");
+    throw CommandFailed(
+        failed + ", and so did putting back what was there before" +
+        (backup.empty() ? "" : "; \"" + recovery(backup, current) + "\" tries again"));
 }
 
 /// Says what the import means for the kernel, or does it with --reload.

@@ -18,6 +18,7 @@
 #include "profileCommands.h"
 #include "profileDocument.h"
 #include "store.h"
+#include "storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -117,7 +118,10 @@ void rename(const std::string& oldName, const std::string& newName) {
     const StoreLock lock;
     requireProfile(oldName);
     requireNewName(newName);
-    if (!FW::TARNFW_PROFILE().profileRename(oldName, newName)) {
+    StoreChange change;
+    const bool renamed = FW::TARNFW_PROFILE().profileRename(oldName, newName);
+    change.finish();
+    if (!renamed) {
         throw CommandFailed("profile " + inQuotes(oldName) + " cannot be renamed");
     }
     std::cout << "Profile " << inQuotes(oldName) << " is called " << inQuotes(newName) << " now\n";
@@ -153,7 +157,10 @@ void use(const std::string& name, bool reload) {
         if (!firewall.fwIptablesRulesEnum(name, commands, true)) {
             throw CommandFailed("profile " + inQuotes(name) + " cannot be translated");
         }
-        if (!firewall.fwProfileConfigSet(name, false)) {
+        StoreChange change;
+        const bool set = firewall.fwProfileConfigSet(name, false);
+        change.finish();
+        if (!set) {
             throw CommandFailed("the settings cannot be written");
         }
     }

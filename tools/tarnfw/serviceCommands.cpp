@@ -23,6 +23,7 @@
 #include "interfaces.h"
 #include "output.h"
 #include "store.h"
+#include "storeChange.h"
 #include "usage.h"
 
 namespace tarnfw {
@@ -68,7 +69,10 @@ std::vector<std::string> changedSince(const Profiles& before) {
 /// whether the kernel knows.
 template <typename Change>
 void changeAll(const std::string& done, bool reload, const Profiles& before, Change change) {
-    if (!change()) {
+    StoreChange kept;
+    const bool written = change();
+    kept.finish();
+    if (!written) {
         const std::vector<std::string> changed = changedSince(before);
         throw CommandFailed("not every profile could be written (changed: " +
                             (changed.empty() ? "none" : printable(boost::join(changed, ", "))) +

@@ -1,5 +1,7 @@
 #include "store.h"
 
+#include <glob.h>
+
 #include <algorithm>
 #include <set>
 
@@ -14,6 +16,7 @@
 
 #include "command.h"
 #include "output.h"
+#include "storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -46,10 +49,24 @@ ToolLock::~ToolLock() {
     (void)TLIBCFileUnlockByFile(fd_);
 }
 
+StoreLock::StoreLock() : ToolLock("store.lock") {
+    mendInterruptedChange();
+}
+
 void makeDirectory(const char* path) {
     if (TARNFSMkdirP(path, nullptr, 1, 0, 0, kDirectoryMode) < 0) {
         throw CommandFailed(std::string("cannot make the directory ") + path);
     }
+}
+
+std::vector<std::string> documentPaths() {
+    std::vector<std::string> paths;
+    glob_t found{};
+    if (glob((std::string(kProfileDir) + "*.json").c_str(), 0, nullptr, &found) == 0) {
+        paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
+    }
+    globfree(&found);
+    return paths;
 }
 
 std::string activeProfile() {
@@ -116,7 +133,10 @@ FW::FWPROFILE loadProfile(const std::string& name) {
 
 void storeProfile(const FW::FWPROFILE& profile) {
     requireAnyProfile(profileNames());
-    if (!FW::TARNFW_PROFILE().profileSet(profile.name, profile)) {
+    StoreChange change;
+    const bool stored = FW::TARNFW_PROFILE().profileSet(profile.name, profile);
+    change.finish();
+    if (!stored) {
         throw CommandFailed("profile " + inQuotes(profile.name) + " cannot be written");
     }
 }

@@ -34,14 +34,18 @@ private:
 };
 
 /// What a command holds that reads profiles in order to change them. The library locks single
-/// files; without this, of two commands at the same time one would undo the other.
+/// files; without this, of two commands at the same time one would undo the other. What a killed
+/// command has left half written is put right first (mendInterruptedChange()).
 class StoreLock : public ToolLock {
 public:
-    StoreLock() : ToolLock("store.lock") {}
+    StoreLock();
 };
 
 /// Makes a directory and those above it.
 void makeDirectory(const char* path);
+
+/// The paths of the store's documents, those that the library looks at, sorted.
+std::vector<std::string> documentPaths();
 
 /// The active profile's name, without making a settings file where there is none.
 std::string activeProfile();

@@ -19,6 +19,7 @@
 #include "tarnfirewall/tarnFW.h"
 
 #include "store.h"
+#include "storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -134,6 +135,15 @@ bool succeeded(Step step) {
     }
 }
 
+/// Stores the copy of the candidate that is tried.
+bool createTestProfile(const std::string& name, const FW::FWPROFILE& candidate) {
+    const StoreLock lock;
+    StoreChange change;
+    const bool created = FW::TARNFW_PROFILE().CreateTestProfile(name, candidate);
+    change.finish();
+    return created;
+}
+
 /// Puts the candidate's rules in force.
 bool apply(const std::string& name) {
     FW::FWPROFILE candidate;
@@ -143,7 +153,7 @@ bool apply(const std::string& name) {
         return false;
     }
     const bool applied = succeeded([&] {
-        return store.profileGet(name, candidate) && store.CreateTestProfile(name, candidate) &&
+        return store.profileGet(name, candidate) && createTestProfile(name, candidate) &&
                FW::TARNFW().TestApplyingProfile(name);
     });
     (void)TLIBCFileUnlockByFile(lock);
@@ -155,10 +165,14 @@ bool adopt(const std::string& name) {
     const StoreLock lock;
     const std::string before = activeProfile();
     FW::TARNFW_PROFILE store;
-    if (!store.AdoptTestProfile(name)) {
+    StoreChange change;
+    const bool stored =
+        store.AdoptTestProfile(name) && FW::TARNFW().fwProfileConfigSet(name, /*reload=*/false);
+    change.finish();
+    if (!stored) {
         return false;
     }
-    if (!FW::TARNFW().fwProfileConfigSet(name, /*reload=*/true)) {
+    if (!FW::TARNFW().fwReload(true)) {
         (void)FW::TARNFW().fwProfileConfigSet(before, /*reload=*/false);  // logs for itself
         return false;
     }

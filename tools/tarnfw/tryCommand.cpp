@@ -21,6 +21,7 @@
 #include "commands.h"
 #include "output.h"
 #include "store.h"
+#include "storeChange.h"
 #include "trial.h"
 
 namespace tarnfw {
@@ -52,6 +53,7 @@ void requireTriable(const std::string& name) {
                             "(\"tarnfw profile copy\")");
     }
     requireBase();
+    requireRoomForChange();
 }
 
 // ---- The watchdog's process ----

@@ -30,17 +30,7 @@ public:
 
     /// All of it, on the disk.
     bool write(const std::string& text, mode_t mode) const {
-        if (fd_ < 0) {
-            return false;
-        }
-        for (std::size_t done = 0; done < text.size();) {
-            const ssize_t length = ::write(fd_, text.data() + done, text.size() - done);
-            if (length < 0 && errno != EINTR) {
-                return false;
-            }
-            done += static_cast<std::size_t>(length > 0 ? length : 0);
-        }
-        return fchmod(fd_, mode) == 0 && fsync(fd_) == 0;
+        return fd_ >= 0 && writeText(fd_, text) && fchmod(fd_, mode) == 0 && fsync(fd_) == 0;
     }
 
     bool become(const std::string& path, Existing existing) const {
@@ -65,6 +55,17 @@ void syncDirectoryOf(const std::string& path) {
 }
 
 }  // namespace
+
+bool writeText(int fd, const std::string& text) {
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t length = write(fd, text.data() + done, text.size() - done);
+        if (length < 0 && errno != EINTR) {
+            return false;
+        }
+        done += static_cast<std::size_t>(length > 0 ? length : 0);
+    }
+    return true;
+}
 
 void writeWholeFile(const std::string& path, const std::string& text, mode_t mode,
                     Existing existing) {

@@ -280,7 +280,8 @@ wait "$importing" || true
 release
 backup=$(newest_backup)
 step 'what it had said before' grep --quiet "^Backup: $backup " "$out/answer"
-step 'nothing of the store is left' [ "$(find "$kProfileDirectory" -name '*.json')" = "$kSettings" ]
+step 'nothing of the store is left' [ \
+    "$(find "$kProfileDirectory" -maxdepth 1 -name '*.json')" = "$kSettings" ]
 step 'the backup holds all of it' diff <(configuration all.json) <(configuration "$backup")
 answers 0 import --yes "$backup"
 answers 0 export
@@ -300,7 +301,7 @@ answers 0 import --yes all.json
 # --- a full disk -----------------------------------------------------------------------------------
 
 cp -a "$kProfileDirectory" /tmp/store
-mount -t tmpfs -o size=24k tmpfs "$kProfileDirectory"
+mount -t tmpfs -o size=64k tmpfs "$kProfileDirectory"
 cp /tmp/store/*.json "$kProfileDirectory"
 jq '.config_profiles["2.json"] = (.config_profiles["deny_by_default.json"] | .name = "large"
     | .rules.eth0[0].labelList = [range(3000) | tostring])' all.json >large.json

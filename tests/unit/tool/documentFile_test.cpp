@@ -1,6 +1,7 @@
 // Where a text is no JSON document, and where it is one that only the library takes.
 #include "documentFile.h"
 
+#include <fstream>
 #include <ostream>
 #include <string>
 
@@ -60,6 +61,29 @@ TEST(ParseDocument, DeepNestingIsAFinding) {
     const std::vector<Finding> findings = parseDocument(std::string(5000, '['), document);
     ASSERT_FALSE(findings.empty());
     EXPECT_TRUE(hasErrors(findings));
+}
+
+/// Whether a file with this content holds a whole document.
+bool isDocument(const std::string& content) {
+    const std::string path = testing::TempDir() + "documentFile_test.json";
+    std::ofstream(path, std::ios::binary) << content;
+    Json::Value document;
+    return readDocument(path, document);
+}
+
+TEST(ReadDocument, TakesNoPartOfADocument) {
+    const std::string whole = "{\"name\": \"home\", \"rules\": {\"eth0\": [1, 2]}}\n";
+    EXPECT_TRUE(isDocument(whole));
+    for (std::size_t length = 0; length < whole.size() - 1; ++length) {
+        EXPECT_FALSE(isDocument(whole.substr(0, length))) << length;
+    }
+}
+
+TEST(ReadDocument, NeitherRaisesForDepthNorForWhatIsNoFile) {
+    EXPECT_FALSE(isDocument(std::string(5000, '[')));
+    Json::Value document;
+    EXPECT_FALSE(readDocument(testing::TempDir(), document));
+    EXPECT_FALSE(readDocument(testing::TempDir() + "nowhere.json", document));
 }
 
 }  // namespace
