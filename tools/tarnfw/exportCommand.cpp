@@ -1,7 +1,9 @@
 /// tarnfw export: the whole configuration as one document.
+#include <algorithm>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <json/json.h>
 
@@ -23,7 +25,23 @@ constexpr mode_t kFileMode = 0644;  // as that of the profiles
 struct Options {
     std::string path;
     bool force = false;
+    bool partial = false;
 };
+
+/// Refuses a store of which an export would not hold everything: it is somebody's backup.
+void requireWhole() {
+    const StoredDocuments stored = storedDocuments();
+    if (!stored.unreadable.empty()) {
+        throw CommandFailed(unreadableText(stored.unreadable) + "; --partial exports the rest");
+    }
+    const std::vector<std::string> names = requireProfiles(stored);
+    const std::string active = activeProfile();
+    if (std::find(names.begin(), names.end(), active) == names.end()) {
+        throw CommandFailed("the active profile \"" + printable(active) +
+                            "\" is not there, and no import takes an export without it; --partial "
+                            "exports the rest");
+    }
+}
 
 void exportAll(const Options& options) {
     requireRoot();
@@ -32,10 +50,11 @@ void exportAll(const Options& options) {
         throw CommandFailed(printable(options.path) + " is there already; --force replaces it");
     }
     const StoreLock lock;
-    const Json::Value document = currentConfiguration();
-    if (document[kConfigProfiles].empty()) {
-        throw CommandFailed("there are no profiles; \"tarnfw base up\" writes a first one");
+    if (!options.partial) {
+        requireWhole();
     }
+    const Json::Value document = currentConfiguration();
+    (void)requireProfiles(storedDocuments());
     const std::string text = documentText(document);
     if (!toFile) {
         std::cout << text;
@@ -56,6 +75,8 @@ void addExportCommand(CLI::App& app) {
     command->add_option("FILE", options->path,
                         "Where to write it; to standard output when left out");
     command->add_flag("--force", options->force, "Replace a file that is there already");
+    command->add_flag("--partial", options->partial,
+                      "Export what can be read, though it is not all, or lacks the active profile");
     command->callback([options] { exportAll(*options); });
 }
 

@@ -46,11 +46,12 @@ Json::Value entryOf(const std::string& name, bool active) {
 
 void list(bool json) {
     requireRoot();
-    const std::vector<std::string> names = profileNames();
-    if (names.empty()) {
-        throw CommandFailed("there are no profiles; \"tarnfw base up\" writes a first one");
-    }
+    const StoredDocuments stored = storedDocuments();
+    const std::vector<std::string> names = requireProfiles(stored);
     const std::string active = activeProfile();
+    if (!stored.unreadable.empty()) {
+        std::cerr << "tarnfw: " << unreadableText(stored.unreadable) << '\n';
+    }
     if (json) {
         Json::Value document;
         for (const std::string& name : names) {

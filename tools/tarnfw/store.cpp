@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <set>
+#include <utility>
 
 #include <json/json.h>
 #include <boost/algorithm/string/join.hpp>
@@ -15,6 +16,7 @@
 #include "tarnfirewall/tarnFW.h"
 
 #include "command.h"
+#include "documentFile.h"
 #include "output.h"
 #include "storeChange.h"
 
@@ -29,10 +31,19 @@ std::string listed(const std::vector<std::string>& names) {
     return printable(boost::join(names, ", "));
 }
 
-void requireAnyProfile(const std::vector<std::string>& names) {
-    if (names.empty()) {
-        throw CommandFailed("there are no profiles; \"tarnfw base up\" writes a first one");
+/// The names that the documents of profiles carry, sorted.
+std::vector<std::string> namesIn(const StoredDocuments& stored, bool ofTestProfiles) {
+    std::set<std::string> names;
+    for (const auto& [path, document] : stored.documents) {
+        if (!document.isObject() || !document["name"].isString()) {
+            continue;  // of another kind
+        }
+        const std::string name = document["name"].asString();
+        if (boost::starts_with(name, kTestPrefix) == ofTestProfiles) {
+            names.insert(name);
+        }
     }
+    return {names.begin(), names.end()};
 }
 
 }  // namespace
@@ -69,6 +80,25 @@ std::vector<std::string> documentPaths() {
     return paths;
 }
 
+StoredDocuments storedDocuments() {
+    StoredDocuments stored;
+    for (const std::string& path : documentPaths()) {
+        Json::Value document;
+        if (readDocument(path, document)) {
+            stored.documents[path] = std::move(document);
+        } else {
+            stored.unreadable.push_back(path);
+        }
+    }
+    return stored;
+}
+
+std::string unreadableText(const std::vector<std::string>& paths) {
+    return paths.empty() ? ""
+                         : counted(paths.size(), "file") + " cannot be read: " + listed(paths) +
+                               " (\"tarnfw check FILE\" tells why)";
+}
+
 std::string activeProfile() {
     FW::TARNFW firewall;
     std::string profile;
@@ -92,21 +122,30 @@ bool firewallEnabled() {
 }
 
 std::vector<std::string> profileNames() {
-    std::vector<std::string> names;
-    (void)FW::TARNFW_PROFILE().profileEnum(names);  // logs for itself; an empty store is no failure
-    names.erase(std::remove_if(
-                    names.begin(), names.end(),
-                    [](const std::string& name) { return boost::starts_with(name, kTestPrefix); }),
-                names.end());
+    return namesIn(storedDocuments(), /*ofTestProfiles=*/false);
+}
+
+std::vector<std::string> testProfileNames() {
+    return namesIn(storedDocuments(), /*ofTestProfiles=*/true);
+}
+
+std::vector<std::string> requireProfiles(const StoredDocuments& stored) {
+    std::vector<std::string> names = namesIn(stored, /*ofTestProfiles=*/false);
+    if (names.empty()) {
+        throw CommandFailed("there are no profiles; " +
+                            (stored.unreadable.empty() ? "\"tarnfw base up\" writes a first one"
+                                                       : unreadableText(stored.unreadable)));
+    }
     return names;
 }
 
 void requireProfile(const std::string& name) {
-    const std::vector<std::string> names = profileNames();
-    requireAnyProfile(names);
+    const StoredDocuments stored = storedDocuments();
+    const std::vector<std::string> names = requireProfiles(stored);
     if (std::find(names.begin(), names.end(), name) == names.end()) {
-        throw CommandFailed("there is no profile " + inQuotes(name) +
-                            " (there is: " + listed(names) + ")");
+        const std::string perhaps = unreadableText(stored.unreadable);
+        throw CommandFailed("there is no profile " + inQuotes(name) + " (there is: " +
+                            listed(names) + ")" + (perhaps.empty() ? "" : "; " + perhaps));
     }
 }
 
@@ -114,8 +153,7 @@ void requireNewName(const std::string& name) {
     if (name.empty() || boost::starts_with(name, kTestPrefix)) {
         throw CommandFailed("a profile cannot be called " + inQuotes(name));
     }
-    const std::vector<std::string> names = profileNames();
-    requireAnyProfile(names);
+    const std::vector<std::string> names = requireProfiles(storedDocuments());
     if (std::find(names.begin(), names.end(), name) != names.end()) {
         throw CommandFailed("there is a profile " + inQuotes(name) + " already");
     }
@@ -132,7 +170,7 @@ FW::FWPROFILE loadProfile(const std::string& name) {
 }
 
 void storeProfile(const FW::FWPROFILE& profile) {
-    requireAnyProfile(profileNames());
+    (void)requireProfiles(storedDocuments());
     StoreChange change;
     const bool stored = FW::TARNFW_PROFILE().profileSet(profile.name, profile);
     change.finish();

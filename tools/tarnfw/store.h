@@ -2,8 +2,11 @@
 /// CommandFailed; the library's own reason stands on standard error before it.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
+
+#include <json/json.h>
 
 #include "tarnfirewall/fwTypes.h"
 
@@ -47,16 +50,33 @@ void makeDirectory(const char* path);
 /// The paths of the store's documents, those that the library looks at, sorted.
 std::vector<std::string> documentPaths();
 
+/// What the store's documents hold, by their paths. Without the library, which would log each
+/// unreadable one with every look at it, and which only root can let read.
+struct StoredDocuments {
+    std::map<std::string, Json::Value> documents;
+    std::vector<std::string> unreadable;  ///< paths
+};
+StoredDocuments storedDocuments();
+
+/// "1 file cannot be read: ...", and what tells why; empty when all can.
+std::string unreadableText(const std::vector<std::string>& paths);
+
 /// The active profile's name, without making a settings file where there is none.
 std::string activeProfile();
 
 /// Whether the settings say that the firewall is enabled, likewise.
 bool firewallEnabled();
 
-/// The names of the profiles, sorted, without test profiles; none when the store is empty.
+/// The names of the profiles, sorted; none when the store is empty.
 std::vector<std::string> profileNames();
 
-/// Refuses a name that no profile has, naming those that there are.
+/// The names of the test profiles, likewise.
+std::vector<std::string> testProfileNames();
+
+/// The names of the profiles among documents; refuses a store without any.
+std::vector<std::string> requireProfiles(const StoredDocuments& stored);
+
+/// Refuses a name that no profile has, naming those that there are, and files that perhaps hold it.
 void requireProfile(const std::string& name);
 
 /// Refuses a name that a profile has, or that cannot be a new profile's. Also refuses while the

@@ -12,8 +12,6 @@
 #include <utility>
 #include <vector>
 
-#include <boost/algorithm/string/predicate.hpp>
-
 #include "tarncore.h"
 
 #include "tarnfirewall/tarnFW.h"
@@ -228,14 +226,11 @@ bool revertTrial(const std::string& name) {
 }
 
 std::optional<std::string> abandonedTrial() {
-    std::vector<std::string> names;
-    (void)FW::TARNFW_PROFILE().profileEnum(names);  // logs for itself
-    for (const std::string& name : names) {
-        if (boost::starts_with(name, kTestPrefix)) {
-            return name.substr(std::strlen(kTestPrefix));
-        }
+    const std::vector<std::string> names = testProfileNames();
+    if (names.empty()) {
+        return std::nullopt;
     }
-    return std::nullopt;
+    return names.front().substr(std::strlen(kTestPrefix));
 }
 
 }  // namespace tarnfw

@@ -90,6 +90,29 @@ step 'with nothing known of it' [ "$(grep -c ' : null' "$out/answer")" = 2 ]
 refused 1 '^tarnfw: profile "odd" cannot be read$' profile show odd
 rm -- "$kProfileDirectory/odd.json"
 
+# One that cannot be parsed has no name to be known by, and may be the one that is looked for.
+printf '{"name": "haus",\n' >"$kProfileDirectory/177.json"
+readonly kUnreadable="1 file cannot be read: $kProfileDirectory/177.json (\"tarnfw check FILE\" tells why)"
+for words in 'profile show haus' 'profile delete haus' 'check haus' 'preview haus'; do
+    read -r -a words <<<"$words"
+    answers 1 "${words[@]}"
+    step 'one line, and none of the library' [ "$(<"$out/complaint")" = \
+        "tarnfw: there is no profile \"haus\" (there is: default, lab, two words); $kUnreadable" ]
+done
+answers 3 check "$kProfileDirectory/177.json"
+answers 0 profile list
+step 'said in the list as well' [ "$(<"$out/complaint")" = "tarnfw: $kUnreadable" ]
+answers 1 export
+complains "^tarnfw: $kUnreadable; --partial exports the rest\$"
+answers 0 export --partial
+step 'the rest' [ "$(jq '.config_profiles | length' "$out/answer")" = 3 ]
+rm -- "$kProfileDirectory/177.json"
+activate haus
+answers 1 export
+complains '^tarnfw: the active profile "haus" is not there, and no import takes an export without it; '
+answers 0 export --partial
+activate default
+
 answers 0 profile show
 step 'the active one is shown without a name' [ "$(head -n 1 "$out/answer")" = \
     'Profile default (active)' ]

@@ -22,6 +22,12 @@ END
 answers 0 apply-mode
 prints <<<'lines: one command for each rule, behind closed doors'
 step 'asking writes no settings' [ ! -e "$kSettings" ]
+answers 0 status
+silent
+mkdir -p -- "$kProfileDirectory"
+answers 0 status
+silent
+step 'still no settings' [ ! -e "$kSettings" ]
 
 # --- a first start ---------------------------------------------------------------------------------
 
