@@ -26,6 +26,9 @@ namespace {
 constexpr int kLockSeconds = 30;
 constexpr mode_t kDirectoryMode = 0755;
 
+// Of a new profile's name: it stands in tables and messages.
+constexpr std::size_t kMostNameBytes = 100;
+
 /// The names for a complaint: "default, home".
 std::string listed(const std::vector<std::string>& names) {
     return printable(boost::join(names, ", "));
@@ -152,6 +155,10 @@ void requireProfile(const std::string& name) {
 void requireNewName(const std::string& name) {
     if (name.empty() || boost::starts_with(name, kTestPrefix)) {
         throw CommandFailed("a profile cannot be called " + inQuotes(name));
+    }
+    if (name.size() > kMostNameBytes || printable(name) != name) {
+        throw CommandFailed("a profile's name has at most " + std::to_string(kMostNameBytes) +
+                            " bytes, and no control characters");
     }
     const std::vector<std::string> names = requireProfiles(storedDocuments());
     if (std::find(names.begin(), names.end(), name) != names.end()) {

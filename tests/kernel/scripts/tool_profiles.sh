@@ -45,6 +45,14 @@ refused 1 '^tarnfw: there is a profile "lab" already$' profile create lab
 refused 1 '^tarnfw: a profile cannot be called ""$' profile create ''
 refused 1 '^tarnfw: a profile cannot be called "\.test_lab"$' profile create .test_lab
 refused 2 '^tarnfw: NAME is required$' profile create
+names="^tarnfw: a profile's name has at most 100 bytes, and no control characters\$"
+refused 1 "$names" profile create $'two\nlines'
+refused 1 "$names" profile create $'\e[31mred'
+refused 1 "$names" profile copy default "$(printf 'x%.0s' {1..101})"
+refused 1 "$names" profile rename lab $'tab\there'
+long=$(printf 'x%.0s' {1..100})
+answers 0 profile create "$long"
+answers 0 profile delete "$long"
 
 example=$checkout/examples/lan-only.json
 answers 0 profile create 'two words' --from "$example"
