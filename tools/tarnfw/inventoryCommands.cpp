@@ -107,7 +107,11 @@ std::string nowText(const Adapter& adapter) {
 }
 
 void printAdapters(const FW::FWPROFILE& profile, const std::vector<Adapter>& adapters) {
-    std::cout << "Profile " << inQuotes(profile.name) << " (active)\n";
+    if (profile.name.empty()) {
+        std::cout << "There are no profiles; \"tarnfw base up\" writes a first one\n";
+    } else {
+        std::cout << "Profile " << inQuotes(profile.name) << " (active)\n";
+    }
     Table table({"Adapter", "Now", "Addresses", "Default", "Rules"});
     for (const Adapter& adapter : adapters) {
         std::string rules = std::to_string(adapter.rules);
@@ -153,14 +157,16 @@ Json::Value adapterDocument(const Adapter& adapter) {
 
 void adapters(bool json) {
     requireRoot();
-    const FW::FWPROFILE profile = loadProfile("");
+    const StoredDocuments stored = storedDocuments();
+    const bool hasAny = !stored.unreadable.empty() || !profileNames().empty();
+    const FW::FWPROFILE profile = hasAny ? loadProfile("") : FW::FWPROFILE();
     const std::vector<Adapter> found = adaptersNow(profile);
     if (!json) {
         printAdapters(profile, found);
         return;
     }
     Json::Value document;
-    document["profile"] = profile.name;
+    document["profile"] = hasAny ? Json::Value(profile.name) : Json::Value();
     for (const Adapter& adapter : found) {
         document["adapters"].append(adapterDocument(adapter));
     }

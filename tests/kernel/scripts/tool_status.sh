@@ -24,6 +24,12 @@ prints <<<'lines: one command for each rule, behind closed doors'
 step 'asking writes no settings' [ ! -e "$kSettings" ]
 answers 0 status
 silent
+answers 0 adapters
+silent
+says '^There are no profiles; "tarnfw base up" writes a first one$'
+says '^eth0  *up  *192\.168\.1\.10'
+answers 0 adapters --json
+step 'none is active' [ "$(jq .profile "$out/answer")" = null ]
 mkdir -p -- "$kProfileDirectory"
 answers 0 status
 silent
