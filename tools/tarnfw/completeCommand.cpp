@@ -1,14 +1,16 @@
 /// tarnfw complete: what the shells' completion scripts ask; not for a person.
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <exception>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
+
+#include <json/json.h>
 
 #include "tarncore.h"
 
@@ -42,17 +44,31 @@ Texts orNone(const Source& source) {
     }
 }
 
-/// Reading a profile takes its lock, and lock files must be root's.
-bool mayReadProfiles() {
-    return geteuid() == 0;
+/// The members of a document's member; none where that is of another kind.
+Texts membersOf(const Json::Value& document, const char* name) {
+    const Json::Value& member = document[name];
+    return member.isObject() ? member.getMemberNames() : Texts();
 }
 
-Texts profiles() {
-    return mayReadProfiles() ? profileNames() : Texts();
-}
-
+/// Those of the active profile. Read from the files as they are: also for a person who is not root
+/// but will be, with "sudo", when the command runs.
 Texts activeAdapters() {
-    return mayReadProfiles() ? adaptersOf(loadProfile("")) : Texts();
+    const std::map<std::string, Json::Value> stored = storedDocuments().documents;
+    const auto settings = stored.find(kSettingsFile);
+    if (settings == stored.end() || !settings->second.isObject()) {
+        return {};
+    }
+    Texts adapters;
+    for (const auto& [path, document] : stored) {
+        if (path != kSettingsFile && document.isObject() &&
+            document["name"] == settings->second["profile"]) {
+            for (const char* const member : {"rules", "adapterPolicyMap"}) {
+                const Texts more = membersOf(document, member);
+                adapters.insert(adapters.end(), more.begin(), more.end());
+            }
+        }
+    }
+    return adapters;
 }
 
 /// Of the machine, the predefined ones, and those that the active profile has something for.
@@ -96,7 +112,7 @@ void run(const CLI::App& app, const Texts& line) {
     openlog("tarnfw", 0, LOG_USER);
     setlogmask(LOG_MASK(LOG_EMERG));
     CompletionNames names;
-    names.profiles = [] { return orNone(profiles); };
+    names.profiles = [] { return orNone(profileNames); };
     names.adapters = [] { return orNone(adapters); };
     names.services = [] { return orNone(services); };
     names.countries = [] { return orNone(countries); };

@@ -189,15 +189,15 @@ step 'no profile was changed' same_files before
 
 # --- as an ordinary user ---------------------------------------------------------------------------
 
-# Whoever is not root gets what takes no root; see tool_answers_and_exit_statuses.
+# Whoever is not root will be with "sudo", and gets the same; see tool_answers_and_exit_statuses.
 ordinary=(setpriv --reuid 65534 --regid 65534 --clear-groups --inh-caps +dac_override
     --ambient-caps +dac_override --)
 if "${ordinary[@]}" true 2>/dev/null; then
     tarnfw() {
         "${ordinary[@]}" "$build/tools/tarnfw/tarnfw" "$@"
     }
-    none profile show ''
-    completes policy '' <<<$'eth0\nglobal\npppoe\nvpn'
+    completes profile show c <<<$'colon:one\ncolon:two'
+    completes policy '' <<<$'eth0\nglobal\nlab7\npppoe\nvpn'
     completes service reserve ss <<<ssh
     completes geoip show '' <<<$'CN\nDE'
     completes rule add --adap <<<--adapter
