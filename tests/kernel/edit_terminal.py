@@ -39,7 +39,7 @@ def stores(tarnfw):
 def again(tarnfw):
     """Rubbish at first; Enter leads back to the editor, which then mends it."""
     tool = start(tarnfw, "second_time_right")
-    tool.expect(r"tarnfw: lab: Line 1, Column 1: .*\r\n")
+    tool.expect(r"tarnfw: lab: line 1, column 1: .*\r\n")
     tool.expect(r"The text is in /tmp/tarnfw\.\w{6}/profile\.json\. Edit again\? \[Y/n\] ")
     tool.sendline("")
     return finish(tool)

@@ -79,7 +79,7 @@ std::vector<Finding> leniencies(const std::string& text) {
             where = placeOf(row, column);
         } else if (boost::starts_with(line, "  ") && !where.empty()) {
             findings.warning(where, leniencyText(line.substr(2)));
-            where.clear();
+            break;  // the reader goes on somewhere, and takes what it finds there for faults
         }
     }
     return findings.take();

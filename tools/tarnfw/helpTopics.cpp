@@ -217,8 +217,10 @@ So a script can ask whether a service can be reached before it relies on it:
 
 Complaints go to standard error, one line each that begins with "tarnfw:".
 Lines of the library, which tell where something went wrong, may stand
-before it. Answers go to standard output, as text for people; with --json
-as one document whose keys stay the same from version to version.
+before it. So may, without "tarnfw:", what "import" finds wrong with a
+document: one line each that begins with its name, as those of "check".
+Answers go to standard output, as text for people; with --json as one
+document whose keys stay the same from version to version.
 Colours and progress are for terminals alone, and no colour is used when
 NO_COLOR is set.
 )";

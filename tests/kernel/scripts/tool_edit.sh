@@ -68,7 +68,7 @@ no_text_left
 
 edits 3 /tmp/editors/rubbish lab
 step 'nothing on standard output' [ ! -s "$out/answer" ]
-step 'what is wrong, and where' grep --quiet '^tarnfw: lab: Line 1, Column 1: ' "$out/complaint"
+step 'what is wrong, and where' grep --quiet '^tarnfw: lab: line 1, column 1: ' "$out/complaint"
 step 'what came of it' grep --quiet \
     '^tarnfw: profile "lab" does not check; nothing was stored, the text is kept in ' "$out/complaint"
 step 'nobody was asked' [ "$(wc -l <"$out/complaint")" = 2 ]

@@ -63,13 +63,13 @@ step 'it is the document under another name' diff -u \
 refused 1 '^tarnfw: cannot read /tmp/nowhere.json$' profile create new --from /tmp/nowhere.json
 refused 1 '^tarnfw: cannot read /tmp$' profile create new --from /tmp
 printf '{"name": "new",\n "rules": }\n' >/tmp/broken.json
-refused 3 '^tarnfw: /tmp/broken.json: Line 2, Column 11: ' profile create new --from /tmp/broken.json
+refused 3 '^tarnfw: /tmp/broken.json: line 2, column 11: ' profile create new --from /tmp/broken.json
 step 'and says what came of it' grep --quiet \
     '^tarnfw: /tmp/broken.json does not check: no profile was created$' "$out/complaint"
 printf '[]\n' >/tmp/broken.json
 refused 3 '^tarnfw: /tmp/broken.json: ' profile create new --from /tmp/broken.json
 printf '{"name": "new", "name": "newer"}\n' >/tmp/broken.json
-refused 3 "^tarnfw: /tmp/broken.json: .*Duplicate key: 'name'" profile create new \
+refused 3 '^tarnfw: /tmp/broken.json: line 1, column [0-9]*: the member "name" stands twice' profile create new \
     --from /tmp/broken.json
 sed 's/"ipGroup" : 1/"ipGroup" : "1"/' "$example" >/tmp/broken.json
 refused 3 '^tarnfw: /tmp/broken.json: ' profile create new --from /tmp/broken.json

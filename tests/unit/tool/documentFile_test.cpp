@@ -44,6 +44,9 @@ const TextCase kTexts[] = {
     {"Twice",
      "{\"a\": 1,\n \"a\": 2}",
      {"x: line 2, column 2: warning: the member \"a\" stands twice; the last one counts"}},
+    {"TwiceWithin",
+     "{\"a\": {\"b\": 1, \"b\": 2},\n \"c\": 3}",
+     {"x: line 1, column 16: warning: the member \"b\" stands twice; the last one counts"}},
     {"Behind", "{} {}", {"x: line 1, column 4: warning: what follows the document is not read"}},
 };
 
