@@ -65,11 +65,9 @@ bool inPath(const std::string& program) {
 
 /// The command of the person's editor; empty when there is none.
 std::string editorCommand() {
-    for (const char* const variable : {"VISUAL", "EDITOR"}) {
-        const char* const command = std::getenv(variable);
-        if (command != nullptr && *command != '\0') {
-            return command;
-        }
+    const std::string chosen = chosenEditor();
+    if (!chosen.empty()) {
+        return chosen;
     }
     for (const char* const program : {"editor", "vi"}) {
         if (inPath(program)) {
@@ -122,6 +120,16 @@ std::string PrivateText::read() const {
 void PrivateText::remove() const {
     std::error_code error;
     (void)fs::remove_all(directory_, error);  // nothing depends on it
+}
+
+std::string chosenEditor() {
+    for (const char* const variable : {"VISUAL", "EDITOR"}) {
+        const char* const command = std::getenv(variable);
+        if (command != nullptr && *command != '\0') {
+            return command;
+        }
+    }
+    return {};
 }
 
 std::string runEditor(const std::string& path) {

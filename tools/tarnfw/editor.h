@@ -25,6 +25,9 @@ private:
     std::string path_;
 };
 
+/// The command in $VISUAL or $EDITOR; empty when neither is set.
+std::string chosenEditor();
+
 /// Lets the person edit a file: with $VISUAL, $EDITOR, "editor" or "vi", the first that there is,
 /// on this terminal. Ctrl-C and Ctrl-\ are the editor's meanwhile.
 /// Returns an empty text, or why the editor did not end as it should.

@@ -96,11 +96,21 @@ std::optional<ProfileDocument> validDocument(const PrivateText& text, const std:
     }
 }
 
+/// Refuses to start an editor that would find no terminal. One that was chosen may need none.
+void requireEditable() {
+    if (isatty(STDIN_FILENO) != 1 && chosenEditor().empty()) {
+        throw CommandFailed(
+            "there is no terminal to edit on; \"tarnfw profile create NEW --from FILE\" takes a "
+            "document, and EDITOR names an editor that needs none");
+    }
+}
+
 void edit(const std::string& wanted, bool reload) {
     requireRoot();
     requireReloadable(reload);
     const std::string name = wanted.empty() ? activeProfile() : wanted;
     requireProfile(name);
+    requireEditable();
     const std::string original = storedText(name);
     const PrivateText text("profile.json", original);
     const std::optional<ProfileDocument> document = validDocument(text, original, name);

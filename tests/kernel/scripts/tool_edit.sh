@@ -135,6 +135,17 @@ cp -- /tmp/editors/*.json "$kProfileDirectory"/
 
 # --- which editor ----------------------------------------------------------------------------------
 
+# edits_on_terminal STATUS ARGUMENT...: as answers does, but on a terminal of its own.
+edits_on_terminal() {
+    local wanted=$1 status=0
+    shift
+    /usr/bin/python3 -c 'import os, pty, sys
+sys.exit(os.waitstatus_to_exitcode(pty.spawn(sys.argv[1:], lambda fd: os.read(fd, 1024), lambda fd: b"")))' \
+        "$build/tools/tarnfw/tarnfw" "$@" >"$out/answer" || status=$?
+    sed -i 's/\r$//' "$out/answer"
+    step "on a terminal: $wanted: tarnfw $*" [ "$status" = "$wanted" ]
+}
+
 VISUAL=/tmp/editors/to_first edits 0 false lab
 name_is first
 edits 0 'sed -i s/first/argument/' lab
@@ -142,14 +153,16 @@ name_is argument
 edits 0 'sed -i s/argument/second/' lab
 unset EDITOR
 mkdir /tmp/bin
-PATH=/tmp/bin answers 1 profile edit lab
-complains '^tarnfw: there is no editor; set EDITOR to one; nothing was changed$'
 ln -s "$(command -v sed)" /tmp/bin/sed
+PATH=/tmp/bin edits_on_terminal 1 profile edit lab
+says '^tarnfw: there is no editor; set EDITOR to one; nothing was changed$'
 for program in vi editor; do # "editor" goes before "vi"
     # shellcheck disable=SC2016  # the new script expands it
     printf '#!/bin/sh\nsed -i s/second/%s/ "$1"\n' "$program" >"/tmp/bin/$program"
     chmod +x "/tmp/bin/$program"
-    PATH=/tmp/bin answers 0 profile edit lab
+    answers 1 profile edit lab </dev/null
+    complains '^tarnfw: there is no terminal to edit on; '
+    PATH=/tmp/bin edits_on_terminal 0 profile edit lab
     name_is "$program"
     edits 0 "sed -i s/$program/second/" lab
     unset EDITOR
