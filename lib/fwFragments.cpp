@@ -70,7 +70,9 @@ void appendTexts(const Texts& texts, Json::Value& document, const char* member) 
 void Fragments::appendTo(Json::Value& arg) const {
     appendTexts(adapter, arg, "adapter");
     for (const Family& family : kFamilies) {
-        appendTexts(ip[family.index], arg["ip"], family.key);
+        if (!ip[family.index].empty()) {  // even naming the member would make it
+            appendTexts(ip[family.index], arg["ip"], family.key);
+        }
     }
     appendTexts(port, arg, "port");
     appendTexts(chain, arg, "chain");

@@ -280,6 +280,14 @@ TEST_P(AddressTest, BecomesExactlyTheseMatches) {
 INSTANTIATE_TEST_SUITE_P(Addresses, AddressTest, ValuesIn(kAddresses),
                          [](const auto& tested) { return tested.param.name; });
 
+TEST_F(RuleTest, NoAddressMakesNoMember) {
+    Json::Value arg;
+    EXPECT_TRUE(TARNFW_IPTABLES_RULES().ipToIptablesArg(withAddress(2, 1, 2, {"10.0.0.1"}), arg));
+    EXPECT_TRUE(arg.isNull()) << arg;
+    EXPECT_TRUE(TARNFW_IPTABLES_RULES().ipToIptablesArg(withAddress(1, 1, 0, {"fd00::1"}), arg));
+    EXPECT_EQ(arg, parseJson(R"({"ip": {"v6": ["-s fd00::1"]}})"));
+}
+
 TEST_F(RuleTest, EmptyCountryCodeWithDataKeepsItsPlaceInTheList) {
     addCountryFile(".iv4");
     addCountryFile("CN.iv4");
