@@ -1,7 +1,5 @@
 #include "tarnfirewall/fwIptables.h"
 
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
@@ -20,6 +18,7 @@
 #include "fwInterfaces.h"
 #include "fwLog.h"
 #include "fwRuleTranslation.h"
+#include "fwText.h"
 
 namespace FW {
 namespace {
@@ -41,9 +40,6 @@ constexpr const char* kNeighbourLines[] = {
     " -s fe80::/10 -p icmpv6 --icmpv6-type 137 -j ACCEPT",
 };
 
-constexpr char kRouterInterfaceTool[] = "/usr/tarn/sbin/tarnnetdtool";
-constexpr char kRouterInterfaceOption[] = "--get-ipv6-router-interface";
-
 // ---- Services ----
 
 using PortsByProtocol = std::map<FW_PORT_PROTOCOL, std::vector<std::string>>;
@@ -63,19 +59,24 @@ void addPorts(int protocol, const TLIBCSZLIST* list, PortsByProtocol& out) {
 
 // ---- Documents and lines ----
 
-/// Lets `operation` add to the texts of a member of a document.
+/// Appends what `operation` makes to the texts of a member of a document.
 template <typename Operation>
 bool appendTo(Json::Value& document, const char* member, Operation operation) {
-    Texts texts = textsOf(std::as_const(document)[member]);  // it may matter what is there
-    const auto present = static_cast<std::ptrdiff_t>(texts.size());
+    Texts texts;
     const bool result = operation(texts);
-    texts.erase(texts.begin(), texts.begin() + present);
     appendTexts(texts, document, member);
     return result;
 }
 
-bool startsWith(const std::string& text, const char* prefix) {
-    return text.rfind(prefix, 0) == 0;
+/// Lets `operation` add to `fragments` as if those of the document were in it: an adapter without
+/// interfaces is a match of its own only where there is none yet.
+template <typename Operation>
+bool behindAdaptersOf(const Json::Value& arg, Texts& fragments, Operation operation) {
+    fragments = textsOf(arg["adapter"]);
+    const auto present = static_cast<std::ptrdiff_t>(fragments.size());
+    const bool result = operation();
+    fragments.erase(fragments.begin(), fragments.begin() + present);
+    return result;
 }
 
 // The loopback address by name as well: a platform may not count it among a host's addresses.
@@ -139,45 +140,6 @@ struct AdapterRules {
     const std::vector<FWRULE>* rules = nullptr;
     std::optional<FWRULE> closing;
 };
-
-struct StreamClose {
-    void operator()(FILE* stream) const { (void)TLIBCPclose(stream); }
-};
-
-struct MemoryFree {
-    void operator()(char* memory) const { std::free(memory); }
-};
-
-/// Reads one line, its line feed included. Returns false when nothing can be read.
-bool readLine(FILE* stream, std::string& line) {
-    char* buffer = nullptr;
-    std::size_t capacity = 0;
-    const ssize_t length = getline(&buffer, &capacity, stream);
-    const std::unique_ptr<char, MemoryFree> owned(buffer);
-    if (length < 0) {
-        return false;
-    }
-    line.assign(buffer, static_cast<std::size_t>(length));
-    return true;
-}
-
-/// The interface that routes IPv6 for `interface`, as the platform's tool tells; `interface` itself
-/// when the tool does not tell.
-std::string routerInterface(const std::string& interface) {
-    const std::unique_ptr<FILE, StreamClose> stream(
-        TLIBCPopen(kRouterInterfaceTool, "r", kRouterInterfaceOption, interface.c_str(),
-                   static_cast<const char*>(nullptr)));
-    if (!stream) {
-        FW_LOG_ERR("Failed to exec tarnnetdtool with TLIBCPopen().");
-        return interface;
-    }
-    std::string line;
-    if (!readLine(stream.get(), line)) {
-        FW_LOG_ERR("Failed to getline after TLIBCPopen().");
-        return interface;
-    }
-    return line;  // as read: the tool prints the bare name
-}
 
 /// The interface other than that of `adapter` which routes IPv6 for it, if there is one and a rule
 /// can be repeated for it.
@@ -257,6 +219,47 @@ private:
     bool enabled_ = false;
 };
 
+/// What a profile's translation is told about established connections.
+struct Established {
+    bool accept;
+    const std::string& exceptedIp;
+};
+
+/// Translates a profile; see TARNFW_IPTABLES_RULES::fwRulesToIptablesRules().
+bool translateProfile(TARNFW_IPTABLES_RULES& translator, RuleTranslation& translation,
+                      const Established& established,
+                      const std::map<std::string, std::vector<FWRULE>>& rules,
+                      const std::map<std::string, FW_POLICY>& adapterPolicy, Json::Value& out) {
+    if (!isUsableLocalIp(established.exceptedIp)) {
+        FW_LOG_ERR("Invalid input argument '%s' which is not an IP address.",
+                   established.exceptedIp.c_str());
+        return false;
+    }
+    appendFixedLines(established.accept, established.exceptedIp, out);
+
+    std::map<std::string, AdapterRules> completed;
+    for (const auto& [adapter, list] : rules) {
+        completed[adapter].rules = &list;
+    }
+    for (const auto& [adapter, policy] : adapterPolicy) {
+        if (adapter != kPppoeUsualInterface && translator.adapterIsEnabled(adapter)) {
+            completed[adapter].closing = defaultRule(policy);
+        }
+    }
+
+    for (const auto& [adapter, list] : completed) {
+        AdapterTranslation lines(translator, translation, adapter, out);
+        const auto append = [&](const FWRULE& rule) { return lines.append(rule); };
+        if (list.rules != nullptr && !std::all_of(list.rules->begin(), list.rules->end(), append)) {
+            return false;
+        }
+        if (list.closing && !append(*list.closing)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 void CatalogueRelease::operator()(TARNFW_SERVICE_LIST* list) const {
@@ -271,10 +274,9 @@ TARNFW_IPTABLES_RULES::~TARNFW_IPTABLES_RULES() = default;
 bool TARNFW_IPTABLES_RULES::FwRuleToIptablesArg(const std::string& adapter, const FWRULE& rule,
                                                 Json::Value& arg) {
     Fragments fragments;
-    fragments.adapter = textsOf(std::as_const(arg)["adapter"]);  // it matters whether there are any
-    const auto present = static_cast<std::ptrdiff_t>(fragments.adapter.size());
-    const bool converted = RuleTranslation(*this).convert(adapter, rule, fragments);
-    fragments.adapter.erase(fragments.adapter.begin(), fragments.adapter.begin() + present);
+    const bool converted = behindAdaptersOf(arg, fragments.adapter, [&] {
+        return RuleTranslation(*this).convert(adapter, rule, fragments);
+    });
     fragments.appendTo(arg);
     return converted;
 }
@@ -282,7 +284,9 @@ bool TARNFW_IPTABLES_RULES::FwRuleToIptablesArg(const std::string& adapter, cons
 bool TARNFW_IPTABLES_RULES::adapterToIptablesArg(const std::string& adapter, const FWRULE& rule,
                                                  Json::Value& arg) {
     return appendTo(arg, "adapter", [&](Texts& fragments) {
-        return RuleTranslation(*this).adapterFragments(adapter, rule, fragments);
+        return behindAdaptersOf(arg, fragments, [&] {
+            return RuleTranslation(*this).adapterFragments(adapter, rule, fragments);
+        });
     });
 }
 
@@ -421,40 +425,24 @@ bool TARNFW_IPTABLES_RULES::fwRulesToIptablesRules(
     const bool& acceptEstablished, const std::map<std::string, std::vector<FWRULE>>& rules,
     const std::map<std::string, FW_POLICY>& adapterPolicy, Json::Value& out,
     const std::string& localIp) {
-    if (!isUsableLocalIp(localIp)) {
-        FW_LOG_ERR("Invalid input argument '%s' which is not an IP address.", localIp.c_str());
-        return false;
-    }
-    appendFixedLines(acceptEstablished, localIp, out);
-
-    std::map<std::string, AdapterRules> completed;
-    for (const auto& [adapter, list] : rules) {
-        completed[adapter].rules = &list;
-    }
-    for (const auto& [adapter, policy] : adapterPolicy) {
-        if (adapter != kPppoeUsualInterface && adapterIsEnabled(adapter)) {
-            completed[adapter].closing = defaultRule(policy);
-        }
-    }
-
     RuleTranslation translation(*this);
-    for (const auto& [adapter, list] : completed) {
-        AdapterTranslation lines(*this, translation, adapter, out);
-        const auto append = [&](const FWRULE& rule) { return lines.append(rule); };
-        if (list.rules != nullptr && !std::all_of(list.rules->begin(), list.rules->end(), append)) {
-            return false;
-        }
-        if (list.closing && !append(*list.closing)) {
-            return false;
-        }
-    }
-    return true;
+    return translateProfile(*this, translation, {acceptEstablished, localIp}, rules, adapterPolicy,
+                            out);
 }
 
 bool TARNFW_IPTABLES_RULES::fwRulesToIptablesRules(
     const bool& acceptEstablished, const std::map<std::string, std::vector<FWRULE>>& rules,
     const std::map<std::string, FW_POLICY>& adapterPolicy, Json::Value& out) {
     return fwRulesToIptablesRules(acceptEstablished, rules, adapterPolicy, out, "");
+}
+
+bool TARNFW_IPTABLES_RULES::fwRulesToBatchRules(
+    bool acceptEstablished, const std::map<std::string, std::vector<FWRULE>>& rules,
+    const std::map<std::string, FW_POLICY>& adapterPolicy, Json::Value& out,
+    const std::string& localIp) {
+    RuleTranslation translation(*this, LinesFor::kBatch);
+    return translateProfile(*this, translation, {acceptEstablished, localIp}, rules, adapterPolicy,
+                            out);
 }
 
 bool TARNFW_IPTABLES_RULES::iptablesRulesInit(Json::Value& arg) {
@@ -480,21 +468,6 @@ void TARNFW_IPTABLES_RULES::iptables6in4ToCmd(const std::string& adapter, const 
     if (const auto router = tunnelFor(translation, adapter, rule)) {
         appendTunnelRule(translation, rule, *router, out);
     }
-}
-
-void TARNFW_IPTABLES_RULES::translateForBatch() {
-    routerInterfaces_.emplace();
-}
-
-std::string TARNFW_IPTABLES_RULES::routerInterfaceOf(const std::string& interface) {
-    if (!routerInterfaces_) {
-        return routerInterface(interface);
-    }
-    const auto known = routerInterfaces_->find(interface);
-    if (known != routerInterfaces_->end()) {
-        return known->second;
-    }
-    return routerInterfaces_->emplace(interface, routerInterface(interface)).first->second;
 }
 
 }  // namespace FW

@@ -10,6 +10,7 @@
 #include "fwCodes.h"
 #include "fwLog.h"
 #include "fwPortMatch.h"
+#include "fwRouterInterface.h"
 
 namespace FW {
 namespace {
@@ -98,16 +99,21 @@ const std::string& RuleTranslation::interfaceOf(const std::string& adapter) {
     return translator_.pppoeInterface_;
 }
 
-std::string RuleTranslation::routerInterfaceOf(const std::string& interface) const {
-    return translator_.routerInterfaceOf(interface);
-}
-
-bool RuleTranslation::isForBatch() const {
-    return translator_.routerInterfaces_.has_value();
+std::string RuleTranslation::routerInterfaceOf(const std::string& interface) {
+    if (!isForBatch()) {
+        return routerInterface(interface);
+    }
+    const auto known = routerInterfaces_.find(interface);
+    if (known != routerInterfaces_.end()) {
+        return known->second;
+    }
+    return routerInterfaces_.emplace(interface, routerInterface(interface)).first->second;
 }
 
 bool RuleTranslation::convert(const std::string& adapter, const FWRULE& rule,
                               Fragments& fragments) {
+    // Addresses, chains and tables cannot fail. Their messages stay: they are part of what each step
+    // promises, and come into use with the first mapping that can.
     if (!adapterFragments(adapter, rule, fragments.adapter)) {
         FW_LOG_ERR("Failed to adapterToIptablesArg()");
         return false;

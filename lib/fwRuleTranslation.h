@@ -2,6 +2,7 @@
 /// mappings one by one, on documents; a whole profile goes through here without them.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -13,21 +14,28 @@
 
 namespace FW {
 
+/// How the lines of a translation are put into the kernel.
+enum class LinesFor {
+    kRunning,  ///< one by one, each a program of its own
+    kBatch,    ///< all at once, see TARNFW_IPTABLES_RULES::fwRulesToBatchRules()
+};
+
 /// Every operation appends. What it needs of the machine it asks the translator for.
 /// One object is for one translation: the countries and services that a rule names are looked up
 /// for the first rule that names just these.
 class RuleTranslation {
 public:
-    explicit RuleTranslation(TARNFW_IPTABLES_RULES& translator) : translator_(translator) {}
+    explicit RuleTranslation(TARNFW_IPTABLES_RULES& translator, LinesFor use = LinesFor::kRunning)
+        : translator_(translator), use_(use) {}
 
     /// The interface of `adapter`, which is that of the connection for "pppoe".
     const std::string& interfaceOf(const std::string& adapter);
 
     /// The interface that routes IPv6 for `interface`, which may be itself.
-    std::string routerInterfaceOf(const std::string& interface) const;
+    std::string routerInterfaceOf(const std::string& interface);
 
     /// Whether the lines are for one transaction.
-    bool isForBatch() const;
+    bool isForBatch() const { return use_ == LinesFor::kBatch; }
 
     /// All fragments of a rule. False at the first kind that fails, logged; those before it stay.
     bool convert(const std::string& adapter, const FWRULE& rule, Fragments& fragments);
@@ -44,6 +52,8 @@ private:
     void appendCountries(const FWRULE& rule, const Family& family, Texts& fragments);
 
     TARNFW_IPTABLES_RULES& translator_;
+    LinesFor use_;
+    std::map<std::string, std::string> routerInterfaces_;    // those asked for, for a batch
     std::array<std::map<Texts, std::string>, 2> countries_;  // by Family::index: the usable ones
     std::map<Texts, Texts> services_;                        // their fragments
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <fstream>
 #include <sstream>
 
 #include "tarncore.h"
@@ -135,6 +136,11 @@ void announceDisabled(bool result) {
     }
 }
 
+/// Reads "status" of the settings. Raises Json::Exception where it does not convert.
+bool isEnabled(const Json::Value& config) {
+    return config.isMember(kStatusKey) && config[kStatusKey].asBool();
+}
+
 /// Writes "status" into the settings.
 bool statusSet(TARNFW& firewall, bool enabled) {
     Json::Value config;
@@ -215,36 +221,31 @@ bool applyWhileClosed(TARNFW& firewall, Apply apply) {
     }
 }
 
-/// Translates the active profile.
-bool activeProfileToCmds(TARNFW& firewall, bool acceptEstablished, Json::Value& cmds) {
-    std::string profile;
+/// The name of the active profile.
+bool activeProfileGet(TARNFW& firewall, std::string& profile) {
     if (!firewall.fwProfileConfigGet(profile)) {
         FW_LOG_ERR("Failed to fwProfileConfigGet()");
-        return false;
-    }
-    if (!firewall.fwIptablesRulesEnum(profile, cmds, acceptEstablished)) {
-        FW_LOG_ERR("Failed to fwIptablesRulesEnum()");
         return false;
     }
     return true;
 }
 
-/// Translates a test profile.
-bool testProfileToCmds(TARNFW& firewall, const std::string& testName, const std::string& localIp,
-                       Json::Value& cmds) {
-    if (!(localIp.empty() ? firewall.fwIptablesRulesEnum(testName, cmds, false)
-                          : firewall.fwIptablesRulesEnum(testName, cmds, localIp))) {
+/// Logs a translation that failed. The result is that of the translation.
+bool translated(bool result) {
+    if (!result) {
         FW_LOG_ERR("Failed to fwIptablesRulesEnum()");
-        return false;
     }
-    return true;
+    return result;
 }
 
 /// Replaces the chains' content by the rules of the active profile.
 bool applyActiveProfile(TARNFW& firewall, bool acceptEstablished) {
     (void)firewall.fwClear();  // logs for itself; the new rules go in all the same
+    std::string profile;
     Json::Value cmds;
-    return activeProfileToCmds(firewall, acceptEstablished, cmds) && execOrDisable(firewall, cmds);
+    return activeProfileGet(firewall, profile) &&
+           translated(firewall.fwIptablesRulesEnum(profile, cmds, acceptEstablished)) &&
+           execOrDisable(firewall, cmds);
 }
 
 /// Replaces the chains' content by the rules of a test profile. Unlike a reload it goes no further
@@ -255,13 +256,49 @@ bool applyTestProfile(TARNFW& firewall, const std::string& testName, const std::
         return false;
     }
     Json::Value cmds;
-    return testProfileToCmds(firewall, testName, localIp, cmds) && execOrDisable(firewall, cmds);
+    return translated(localIp.empty() ? firewall.fwIptablesRulesEnum(testName, cmds, false)
+                                      : firewall.fwIptablesRulesEnum(testName, cmds, localIp)) &&
+           execOrDisable(firewall, cmds);
 }
 
-/// Whether the settings choose one transaction. Settings that cannot be read choose nothing.
-bool appliesInBatch(TARNFW& firewall) {
-    std::string mode;
-    return firewall.fwApplyMode(mode) && mode == kApplyBatch;
+/// Replaces the chains' content by the rules of a profile in one transaction.
+bool applyInBatch(TARNFW& firewall, const std::string& profile, bool acceptEstablished,
+                  const std::string& localIp) {
+    Json::Value cmds;
+    return translated(firewall.fwBatchRulesEnum(profile, cmds, acceptEstablished, localIp)) &&
+           FW_BATCH().apply(cmds);
+}
+
+// ---- The way that the settings choose ----
+
+bool choosesBatch(const Json::Value& config) {
+    return config.isObject() && config[kApplyKey] == kApplyBatch;
+}
+
+/// Whether the settings choose one transaction, for an operation that otherwise does not look at
+/// them: it neither waits for their lock nor logs. They are replaced by renaming, so that a whole
+/// document is read, and what cannot be read chooses nothing.
+bool settingsChooseBatch() {
+    std::ifstream file(kSettingsFile, std::ios::in | std::ios::binary);
+    Json::Value config;
+    try {
+        return file && Json::Reader().parse(file, config, /*collectComments=*/false) &&
+               choosesBatch(config);
+    } catch (const Json::Exception&) {
+        return false;  // nested too deeply
+    }
+}
+
+/// Reads from the settings whether the firewall is enabled and, if so, which way they choose.
+bool readStatus(TARNFW& firewall, bool& enabled, bool& inBatch) {
+    Json::Value config;
+    if (!firewall.configGet(config)) {
+        FW_LOG_ERR("Falied to configGet()");
+        return false;
+    }
+    enabled = isEnabled(config);
+    inBatch = enabled && choosesBatch(config);
+    return true;
 }
 
 }  // namespace
@@ -300,7 +337,7 @@ bool TARNFW::fwStatus(bool& enabled) {
         FW_LOG_ERR("Falied to configGet()");
         return false;
     }
-    enabled = config.isMember(kStatusKey) && config[kStatusKey].asBool();
+    enabled = isEnabled(config);
     return true;
 }
 
@@ -353,8 +390,7 @@ bool TARNFW::fwApplyMode(std::string& mode) {
         FW_LOG_ERR("Falied to configGet()");
         return false;
     }
-    const bool batch = config.isObject() && config[kApplyKey] == kApplyBatch;
-    mode = batch ? kApplyBatch : kApplyLines;
+    mode = choosesBatch(config) ? kApplyBatch : kApplyLines;
     return true;
 }
 
@@ -409,14 +445,14 @@ bool TARNFW::cmdExec(const std::string& cmd) {
 }
 
 bool TARNFW::fwExec(Json::Value cmds) {
-    struct Family {
+    struct Runner {
         const char* tool;
         const char* key;
     };
-    constexpr Family kFamilies[] = {{kIptables, "v4"}, {kIp6tables, "v6"}};
+    constexpr Runner kRunners[] = {{kIptables, "v4"}, {kIp6tables, "v6"}};
 
-    for (const Family& family : kFamilies) {
-        if (cmds.isMember(family.key) && !runFamily(*this, family.tool, cmds[family.key])) {
+    for (const Runner& runner : kRunners) {
+        if (cmds.isMember(runner.key) && !runFamily(*this, runner.tool, cmds[runner.key])) {
             return false;
         }
     }
@@ -507,7 +543,8 @@ bool TARNFW::fwReload(bool acceptEstablished) {
         return false;
     }
     bool enabled = false;
-    if (!fwStatus(enabled)) {
+    bool inBatch = false;
+    if (!readStatus(*this, enabled, inBatch)) {
         FW_LOG_ERR("Failed to check status");
         return false;
     }
@@ -518,10 +555,10 @@ bool TARNFW::fwReload(bool acceptEstablished) {
         FW_LOG_ERR("Failed to firewallModLoad()");
         return false;
     }
-    if (appliesInBatch(*this)) {
-        translateForBatch();
-        Json::Value cmds;
-        return activeProfileToCmds(*this, acceptEstablished, cmds) && FW_BATCH().apply(cmds);
+    if (inBatch) {
+        std::string profile;
+        return activeProfileGet(*this, profile) &&
+               applyInBatch(*this, profile, acceptEstablished, "");
     }
     return applyWhileClosed(*this, [&] { return applyActiveProfile(*this, acceptEstablished); });
 }
@@ -551,16 +588,28 @@ bool TARNFW::fwIptablesRulesEnum(std::string profile, Json::Value& cmds,
     return true;
 }
 
+bool TARNFW::fwBatchRulesEnum(const std::string& profile, Json::Value& cmds, bool acceptEstablished,
+                              const std::string& localIp) {
+    FWPROFILE record;
+    if (!profileGetLogged(profile, record)) {
+        return false;
+    }
+    if (!fwRulesToBatchRules(acceptEstablished, record.rules, record.adapterPolicyMap, cmds,
+                             localIp)) {
+        FW_LOG_ERR("Failed to fwRulesToIptablesRules()");
+        return false;
+    }
+    return true;
+}
+
 bool TARNFW::TestApplyingProfile(std::string name, const std::string& localIp) {
     const std::string testName = testProfileName(name);
     if (!firewallModLoad()) {
         FW_LOG_ERR("Failed to firewallModLoad()");
         return false;
     }
-    if (appliesInBatch(*this)) {
-        translateForBatch();
-        Json::Value cmds;
-        return testProfileToCmds(*this, testName, localIp, cmds) && FW_BATCH().apply(cmds);
+    if (settingsChooseBatch()) {
+        return applyInBatch(*this, testName, /*acceptEstablished=*/false, localIp);
     }
     return applyWhileClosed(*this, [&] { return applyTestProfile(*this, testName, localIp); });
 }

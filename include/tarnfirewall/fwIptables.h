@@ -5,7 +5,6 @@
 
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -95,9 +94,8 @@ public:
     void pppoeAdaterGet();
 
     /// Whether an adapter has an interface now: "global" always, "vpn" and "pppoe" when there is
-    /// one, any other name when the machine has that interface ("wlan0" on
-    /// every model with wireless). Interfaces that cannot be listed
-    /// are logged and read as false.
+    /// one, any other name when the machine has that interface ("wlan0" on every model with
+    /// wireless). Interfaces that cannot be listed are logged and read as false.
     bool adapterIsEnabled(const std::string& adapter);
 
     // ---- Services ----
@@ -132,6 +130,14 @@ public:
                                 const std::map<std::string, FW_POLICY>& adapterPolicy,
                                 Json::Value& out);
 
+    /// The same for FW_BATCH, which takes all lines or none: asks for the router interface of an
+    /// adapter once, not for every rule, and repeats no rule for it whose address is one of IPv4.
+    /// ip6tables refuses such a line; run line by line, it is left out.
+    bool fwRulesToBatchRules(bool acceptEstablished,
+                             const std::map<std::string, std::vector<FWRULE>>& rules,
+                             const std::map<std::string, FW_POLICY>& adapterPolicy,
+                             Json::Value& out, const std::string& localIp);
+
     /// Makes `arg` an argument document without fragments. Always true.
     bool iptablesRulesInit(Json::Value& arg);
 
@@ -143,23 +149,13 @@ public:
     /// Failures are logged and add nothing.
     void iptables6in4ToCmd(const std::string& adapter, const FWRULE& rule, Json::Value& out);
 
-protected:
-    /// From now on translates for one transaction: asks for the router interface of an adapter
-    /// once, not for every rule, and repeats no rule for it whose address is one of IPv4. ip6tables
-    /// refuses such a line, which line by line leaves it out and in a transaction refuses all.
-    /// Called again, forgets earlier answers.
-    void translateForBatch();
-
 private:
     friend class RuleTranslation;  // the mappings themselves, for use without documents
-
-    std::string routerInterfaceOf(const std::string& interface);
 
     std::vector<std::string> enabledAdapters_;
     std::vector<std::string> vpnAdapters_;
     std::string pppoeInterface_;
     std::unique_ptr<TARNFW_SERVICE_LIST, CatalogueRelease> services_;
-    std::optional<std::map<std::string, std::string>> routerInterfaces_;  ///< for a batch
 };
 
 }  // namespace FW

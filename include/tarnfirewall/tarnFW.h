@@ -124,6 +124,11 @@ public:
     /// Pass a std::string: a literal is taken for the flag above.
     bool fwIptablesRulesEnum(std::string profile, Json::Value& cmds, const std::string& localIp);
 
+    /// Translates the stored profile `profile` as a reload does while "apply" is "batch"; see
+    /// fwRulesToBatchRules(), which gets `localIp`, an address or empty.
+    bool fwBatchRulesEnum(const std::string& profile, Json::Value& cmds, bool acceptEstablished,
+                          const std::string& localIp);
+
     /// Applies the test profile of `name` for a trial: its rules are in the kernel afterwards,
     /// while the settings still name the active profile, to which a reload returns. Packets of
     /// established connections pass only where its rules let them, so that the trial shows what

@@ -689,31 +689,41 @@ TEST_F(RulesetTest, Ipv4RuleIsRepeatedAsAnIpv6RuleForTheRouter) {
                     "-t filter -A INPUT_FIREWALL -o sit0 -s 10.0.0.1 -p tcp --dport 22 -j RETURN"));
 }
 
-// What a derived class may ask for.
-class BatchRules : public TARNFW_IPTABLES_RULES {
-public:
-    using TARNFW_IPTABLES_RULES::translateForBatch;
-};
-
 TEST_F(RulesetTest, BatchAsksForTheRouterInterfaceOnceAnAdapter) {
     platform_.interfaces = {"eth0", "eth1"};
     platform_.popenOutput["eth0"] = "sit0";
     const std::map<std::string, std::vector<FWRULE>> rules = {{"eth0", {onPort("1"), onPort("2")}},
                                                               {"eth1", {onPort("3"), onPort("4")}}};
-    BatchRules batch;
-    batch.translateForBatch();
+    TARNFW_IPTABLES_RULES translator;
     Json::Value out;
-    ASSERT_TRUE(batch.fwRulesToIptablesRules(false, rules, {}, out));
+    ASSERT_TRUE(translator.fwRulesToBatchRules(false, rules, {}, out, ""));
+    EXPECT_THAT(platform_.journalOf(kTool), ElementsAre("eth0", "eth1"));
     EXPECT_EQ(out, commandsOf(rules, {}));
 
     platform_.clearJournal();
     out = Json::Value();
-    ASSERT_TRUE(batch.fwRulesToIptablesRules(false, rules, {}, out));
-    EXPECT_THAT(platform_.journalOf(kTool), IsEmpty());  // known already
-    batch.translateForBatch();
+    ASSERT_TRUE(translator.fwRulesToBatchRules(false, rules, {}, out, ""));
+    EXPECT_THAT(platform_.journalOf(kTool), ElementsAre("eth0", "eth1"));  // each translation anew
+    platform_.clearJournal();
     out = Json::Value();
-    ASSERT_TRUE(batch.fwRulesToIptablesRules(false, rules, {}, out));
-    EXPECT_THAT(platform_.journalOf(kTool), ElementsAre("eth0", "eth1"));
+    ASSERT_TRUE(translator.fwRulesToIptablesRules(false, rules, {}, out));
+    EXPECT_THAT(platform_.journalOf(kTool), ElementsAre("eth0", "eth0", "eth1", "eth1"));
+}
+
+TEST_F(RulesetTest, BatchHasTheSameFixedLines) {
+    for (const std::string address : {"", "10.0.0.1", "fd00::1"}) {
+        for (const bool established : {false, true}) {
+            TARNFW_IPTABLES_RULES translator;
+            Json::Value out;
+            Json::Value batch;
+            ASSERT_TRUE(translator.fwRulesToIptablesRules(established, {}, {}, out, address));
+            ASSERT_TRUE(translator.fwRulesToBatchRules(established, {}, {}, batch, address));
+            EXPECT_EQ(batch, out) << address << established;
+        }
+    }
+    Json::Value out;
+    EXPECT_FALSE(TARNFW_IPTABLES_RULES().fwRulesToBatchRules(true, {}, {}, out, "nowhere"));
+    EXPECT_TRUE(out.isNull());
 }
 
 TEST_F(RulesetTest, BatchRepeatsNoIpv4AddressForTheRouter) {
@@ -727,10 +737,8 @@ TEST_F(RulesetTest, BatchRepeatsNoIpv4AddressForTheRouter) {
     }
     rules.push_back(onPort("5"));
     rules.back().ipList = {"10.0.0.1"};  // left over: the rule is for any address
-    BatchRules batch;
-    batch.translateForBatch();
     Json::Value out;
-    ASSERT_TRUE(batch.fwRulesToIptablesRules(false, {{"eth0", rules}}, {}, out));
+    ASSERT_TRUE(TARNFW_IPTABLES_RULES().fwRulesToBatchRules(false, {{"eth0", rules}}, {}, out, ""));
     EXPECT_THAT(linesOf(out, "v6", "sit0"),
                 ElementsAre("-t filter -A INPUT_FIREWALL -i sit0 -s fd00::1 -p tcp --dport 4 -j "
                             "RETURN",

@@ -1,12 +1,14 @@
 // The settings' choice between the two ways of putting rules into the kernel, and what a reload and
 // a trial do, and leave, in one transaction.
 
+#include <algorithm>
 #include <filesystem>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include <json/json.h>
+#include <boost/interprocess/exceptions.hpp>
 
 #include "fake_restore.h"
 #include "library_test.h"
@@ -294,11 +296,48 @@ TEST_F(BatchTest, OtherwiseLinesAreRun) {
     EXPECT_EQ(platform_.journalOf("popen ").size(), 6U);  // once for each rule
 }
 
+TEST_F(BatchTest, AnObjectThatDidABatchRunsLinesAsAnyOther) {
+    FW::TARNFW firewall;
+    EXPECT_TRUE(firewall.fwReload(true));
+    choose("lines");
+    platform_.clearJournal();
+    EXPECT_TRUE(firewall.fwReload(true));
+    EXPECT_EQ(platform_.journalOf("popen ").size(), 3U);  // once for each rule
+}
+
+// A trial says nothing of the settings; it is the store that meets the file, in both of its scans.
 TEST_F(BatchTest, TrialWithUnreadableSettingsRunsLines) {
-    writeFile(kSettingsFile, "{");
-    EXPECT_TRUE(FW::TARNFW().TestApplyingProfile("home"));
-    EXPECT_THAT(tools_.started(), IsEmpty());
+    for (const std::string& settings : {std::string("{"), std::string(5000, '[')}) {
+        platform_.clearLog();
+        writeFile(kSettingsFile, settings);
+        EXPECT_TRUE(FW::TARNFW().TestApplyingProfile("home"));
+        EXPECT_THAT(tools_.started(), IsEmpty());
+        EXPECT_EQ(platform_.policyOf("INPUT"), "ACCEPT");
+        const std::string load = "fwDB: Failed to load json from " + kSettingsFile;
+        EXPECT_THAT(errors(), ElementsAre(kSettingsParseError, load, kSettingsParseError, load));
+    }
+}
+
+// What the settings' lock cannot do shows when the profile is read, in the machine closed.
+TEST_F(BatchTest, TrialTakesNoLockToChoose) {
+    choose("lines");
+    std::filesystem::remove(kLockDir + "firewall_settings.json.lock");
+    std::filesystem::create_directories(kLockDir + "firewall_settings.json.lock");
+    EXPECT_THROW((void)FW::TARNFW().TestApplyingProfile("home"),
+                 boost::interprocess::interprocess_exception);
+    EXPECT_EQ(platform_.executedLines().front(), "/sbin/iptables --policy INPUT DROP");
     EXPECT_EQ(platform_.policyOf("INPUT"), "ACCEPT");
+}
+
+// Each file that is read asks for the directory of the locks.
+TEST_F(BatchTest, ReloadReadsTheSettingsOnceForStatusAndWay) {
+    choose("lines");
+    platform_.clearJournal();
+    EXPECT_TRUE(FW::TARNFW().fwReload(true));
+    const Lines& journal = platform_.journal;
+    const auto closing = std::find(journal.begin(), journal.end(), kDrop.front());
+    ASSERT_NE(closing, journal.end());
+    EXPECT_EQ(std::count(journal.begin(), closing, "mkdir " + kLockDir), 1);
 }
 
 }  // namespace
