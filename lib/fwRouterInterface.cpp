@@ -25,7 +25,7 @@ struct MemoryFree {
     void operator()(char* memory) const { std::free(memory); }
 };
 
-/// Reads one line, its line feed included. Returns false when nothing can be read.
+/// Reads one line. Returns false when there is nothing in it.
 bool readLine(FILE* stream, std::string& line) {
     char* buffer = nullptr;
     std::size_t capacity = 0;
@@ -35,7 +35,12 @@ bool readLine(FILE* stream, std::string& line) {
         return false;
     }
     line.assign(buffer, static_cast<std::size_t>(length));
-    return true;
+    // The platform's tool prints the bare name. One that ends its line means no other interface,
+    // and a line feed in a name would end the rule's line early.
+    if (!line.empty() && line.back() == '\n') {
+        line.pop_back();
+    }
+    return !line.empty();
 }
 
 }  // namespace
@@ -53,7 +58,7 @@ std::string routerInterface(const std::string& interface) {
         FW_LOG_ERR("Failed to getline after TLIBCPopen().");
         return interface;
     }
-    return line;  // as read: the tool prints the bare name
+    return line;
 }
 
 }  // namespace FW
