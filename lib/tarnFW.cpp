@@ -185,15 +185,6 @@ bool execOrDisable(TARNFW& firewall, const Json::Value& cmds) {
     return true;
 }
 
-/// Reopens the machine after `applied` tells how the rules went in. The result of both.
-bool acceptOrDisable(TARNFW& firewall, bool applied) {
-    if (!firewall.fwDefaultAccept()) {
-        (void)firewall.fwDisable();  // logs for itself
-        return false;
-    }
-    return applied;
-}
-
 /// Reopens the machine on the way of an exception, which is the one that the caller gets to see.
 void acceptDespiteException(TARNFW& firewall) noexcept {
     try {
@@ -207,18 +198,26 @@ void acceptDespiteException(TARNFW& firewall) noexcept {
 /// whatever comes. The result is that of all three steps.
 template <typename Apply>
 bool applyWhileClosed(TARNFW& firewall, Apply apply) {
+    bool applied = false;
+    bool accepted = false;
     // A handler and not a guard's destructor: when nobody catches the exception, the process ends
     // without running destructors, and the machine would stay closed.
     try {
         if (!firewall.fwDefaultDrop()) {
             return false;  // what did run stays in force
         }
-        const bool applied = apply();
-        return acceptOrDisable(firewall, applied);
+        applied = apply();
+        accepted = firewall.fwDefaultAccept();
     } catch (...) {
         acceptDespiteException(firewall);
         throw;
     }
+    if (!accepted) {
+        // Whatever this raises, reopening has just failed and is not tried again.
+        (void)firewall.fwDisable();  // logs for itself
+        return false;
+    }
+    return applied;
 }
 
 /// The name of the active profile.
