@@ -8,12 +8,16 @@
 
 #include "fwLog.h"
 #include "fwRestoreText.h"
+#include "fwText.h"
 #include "fwToolRun.h"
 
 namespace FW {
 namespace {
 
 constexpr char kSource[] = "fwBatch";
+
+constexpr char kFamilyV4[] = "v4";
+constexpr char kFamilyV6[] = "v6";
 
 // The last line of what a tool gets. It prints such lines, so they tell that it has read and done
 // all of its input. The exit status alone does not: options like "-h" end it early with success,
@@ -22,12 +26,16 @@ constexpr char kEndMark[] = "# end of the rules\n";
 
 constexpr char kReloadingChain[] = "FIREWALL_RELOADING";
 
+// What stands for the words of a tool that had none.
+constexpr char kInputCut[] = "it stopped before the end of its input";
+constexpr char kTableCut[] = "it stopped before the end of the table";
+
 /// Makes the text of one family, logging a line that cannot be written.
-bool textOf(const Json::Value& cmds, const std::string& family, RestoreText& text) {
+bool makeText(const Json::Value& cmds, const std::string& family, RestoreText& text) {
     RestoreLine fault;
     if (!text.make(cmds[family], fault)) {  // null without the family
-        FW_LOG_ERR("Adapter %s: no line for iptables-restore: \"%s\"", fault.adapter.c_str(),
-                   fault.command.c_str());
+        FW_LOG_ERR("Adapter %s: no line for iptables-restore: \"%s\"",
+                   forLog(fault.adapter).c_str(), forLog(fault.command).c_str());
         return false;
     }
     return true;
@@ -37,25 +45,22 @@ bool textOf(const Json::Value& cmds, const std::string& family, RestoreText& tex
 
 /// The programs of one address family.
 struct Tools {
-    const char* list;
     const char* save;
     const char* restore;
 };
 
-constexpr Tools kToolsV4 = {"/sbin/iptables", "/sbin/iptables-save", "/sbin/iptables-restore"};
-constexpr Tools kToolsV6 = {"/sbin/ip6tables", "/sbin/ip6tables-save", "/sbin/ip6tables-restore"};
+constexpr Tools kToolsV4 = {"/sbin/iptables-save", "/sbin/iptables-restore"};
+constexpr Tools kToolsV6 = {"/sbin/ip6tables-save", "/sbin/ip6tables-restore"};
 
+// "--wait" has no effect: ToolRun gives each run a lock file of its own, which is free. It is
+// XtablesLock that waits for other programs. A tool that does not know XTABLES_LOCKFILE takes the
+// file that XtablesLock holds, and gives up after these seconds.
 std::vector<std::string> restoreArguments(const Tools& tools, const char* option = nullptr) {
     std::vector<std::string> arguments = {tools.restore, "--noflush", "--wait", "30", "--verbose"};
     if (option != nullptr) {
         arguments.emplace_back(option);
     }
     return arguments;
-}
-
-bool endsWith(const std::string& text, const std::string& suffix) {
-    return text.size() >= suffix.size() &&
-           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
 bool exitedWell(const ToolResult& result) {
@@ -67,34 +72,40 @@ bool didAll(const ToolResult& result) {
     return exitedWell(result) && endsWith(result.output, kEndMark);
 }
 
-/// Whether a run of iptables-save has written all of a table.
-bool isWholeSave(const std::string& output) {
-    return output.rfind("\nCOMMIT\n") != std::string::npos;
-}
-
-/// The tool's own words, or what stands for them when it had none.
-std::string wordsOf(const ToolResult& result, const Refusal& refusal) {
+/// The tool's own words, or what stands for them when it had none: `otherwise` after success.
+std::string reasonOf(const ToolResult& result, const Refusal& refusal,
+                     const char* otherwise = kInputCut) {
     if (!refusal.words.empty()) {
         return refusal.words;
     }
     if (!exitedWell(result)) {
         return "status " + std::to_string(*result.status);
     }
-    return "it stopped before the end of its input";
+    return otherwise;
+}
+
+/// The number of the line that makes a tool end early with success, as "-h" does, without naming
+/// it; 0 when it cannot be told. Nothing is changed.
+std::size_t lineThatEnds(const Tools& tools, const RestoreText& text) {
+    ToolRun run(restoreArguments(tools, "--test"), text.numbered() + kEndMark);
+    const ToolResult result = run.finish();
+    return didAll(result) ? 0 : numberReached(result.output);
 }
 
 /// Logs why a text was refused, by the line that the tool names.
 void logRefusal(const Tools& tools, const RestoreText& text, const ToolResult& result) {
     const Refusal refusal = refusalOf(result.errors);
-    const std::string words = wordsOf(result, refusal);
-    const RestoreLine line = text.lineAt(refusal.line);
+    const std::string reason = reasonOf(result, refusal);
+    const bool silent = refusal.words.empty() && exitedWell(result);
+    const RestoreLine line = text.lineAt(silent ? lineThatEnds(tools, text) : refusal.line);
     if (line.command.empty()) {
-        FW_LOG_ERR("Failed to run %s: %s", tools.restore, words.c_str());
+        FW_LOG_ERR("Failed to run %s: %s", tools.restore, reason.c_str());
         return;
     }
-    const std::string owner = line.adapter.empty() ? "all adapters" : "adapter " + line.adapter;
-    FW_LOG_ERR("%s refused \"-t %s %s\" of %s: %s", tools.restore, line.table.c_str(),
-               line.command.c_str(), owner.c_str(), words.c_str());
+    const std::string owner =
+        line.adapter.empty() ? "all adapters" : "adapter " + forLog(line.adapter);
+    FW_LOG_ERR("%s refused \"-t %s %s\" of %s: %s", tools.restore, forLog(line.table).c_str(),
+               forLog(line.command).c_str(), owner.c_str(), reason.c_str());
 }
 
 // ---- One family ----
@@ -110,12 +121,6 @@ public:
             saving_.push_back(std::make_unique<ToolRun>(
                 std::vector<std::string>{tools_.save, "--counters", "--table", table.name}, ""));
         }
-    }
-
-    /// Starts to list what tells of an interrupted reload, where nothing is saved.
-    void startListing() {
-        listing_ = std::make_unique<ToolRun>(
-            std::vector<std::string>{tools_.list, "--list-rules", kReloadingChain}, "");
     }
 
     /// Starts the run that commits and hands on all up to the first COMMIT. That finds whatever
@@ -148,23 +153,29 @@ public:
         return true;
     }
 
-    /// Takes in what the family holds, and has the commit mend what an interrupted reload left.
-    bool finishReading() {
-        for (const auto& saving : saving_) {
-            const ToolResult result = saving->finish();
-            if (!exitedWell(result) || !isWholeSave(result.output)) {
+    /// Takes in what the family holds.
+    bool finishSaving() {
+        for (std::size_t i = 0; i < saving_.size(); ++i) {
+            ToolResult result = saving_[i]->finish();
+            if (!exitedWell(result) || !isWholeSave(result.output, text_.tables()[i].name)) {
+                const Refusal refusal = refusalOf(result.errors);
                 FW_LOG_ERR("Failed to run %s: %s", tools_.save,
-                           wordsOf(result, refusalOf(result.errors)).c_str());
+                           reasonOf(result, refusal, kTableCut).c_str());
                 return false;
             }
-            saved_.push_back(result.output);
+            saved_.push_back(std::move(result.output));
         }
-        // A chain that does not exist makes no listing, and has nothing to mend.
-        const std::string listing = listing_ ? listing_->finish().output : saved_.front();
-        const std::size_t interrupted = interruptedReloads(listing);
-        mends_ = interrupted > 0;
-        text_.append(linesToMend(interrupted));
+        interrupted_ = interruptedReloads(saved_.front());
         return true;
+    }
+
+    /// Whether a reload line by line was interrupted in this family.
+    bool wasInterrupted() const { return interrupted_ > 0; }
+
+    /// Has the commit mend what interrupted reloads left.
+    void mend() {
+        mends_ = true;
+        text_.append(linesToMend(interrupted_));
     }
 
     /// Commits and returns whether all of it is in place.
@@ -183,59 +194,58 @@ public:
         std::string text;
         for (std::size_t i = 0; i < saved_.size(); ++i) {
             RestoreTable table = text_.tables()[i];
-            const bool mended = mends_ && i == 0;
-            if (mended) {
+            const bool isFilter = i == 0;
+            if (isFilter && wasInterrupted()) {
                 table.chains.emplace(kReloadingChain);
             }
-            text += textToPutBack(table, saved_[i], mended);
+            text += textToPutBack(table, saved_[i], mends_ && isFilter);
         }
         ToolRun run(restoreArguments(tools_, "--counters"), text + kEndMark);
         const ToolResult result = run.finish();
         if (!didAll(result)) {
             FW_LOG_ERR("Failed to put back the rules with %s: %s", tools_.restore,
-                       wordsOf(result, refusalOf(result.errors)).c_str());
+                       reasonOf(result, refusalOf(result.errors)).c_str());
         }
     }
 
+private:
     bool hasSeveralTables() const { return text_.tables().size() > 1; }
 
-private:
     Tools tools_;
     RestoreText text_;
     bool mends_ = false;
+    std::size_t interrupted_ = 0;  ///< reloads
     std::vector<std::unique_ptr<ToolRun>> saving_;
     std::unique_ptr<ToolRun> test_;
-    std::unique_ptr<ToolRun> listing_;
     std::unique_ptr<ToolRun> commit_;
     std::vector<std::string> saved_;  ///< as the text's tables
 };
 
 /// Takes both families through the transaction: nothing is committed before all was examined.
 bool commitBoth(FamilyRun& v4, FamilyRun& v6) {
-    // All of these run at the same time. Only what may have to be put back is saved: IPv4, which is
-    // committed first, and a family with several tables, of which each is a commit of its own.
+    // All of these run at the same time.
     v4.startSaving();
     v4.startExamining();
     v6.startExamining();
-    if (v6.hasSeveralTables()) {
-        v6.startSaving();
-    } else {
-        v6.startListing();
-    }
-    if (!v4.finishExamining() || !v6.finishExamining() || !v4.finishReading() ||
-        !v6.finishReading()) {
+    v6.startSaving();
+    if (!v4.finishExamining() || !v6.finishExamining() || !v4.finishSaving() ||
+        !v6.finishSaving()) {
         return false;
     }
+    // The sign of an interrupted reload is set after the policies, and IPv6 is closed after IPv4:
+    // a family may be closed without it.
+    if (v4.wasInterrupted() || v6.wasInterrupted()) {
+        v4.mend();
+        v6.mend();
+    }
+    // A commit that failed is put back as well. Mostly nothing of it is in place, but a tool with
+    // several tables may have done some, and one that was killed may have done all.
     if (!v4.commit()) {
-        if (v4.hasSeveralTables()) {
-            v4.putBack();
-        }
+        v4.putBack();
         return false;
     }
     if (!v6.commit()) {
-        if (v6.hasSeveralTables()) {
-            v6.putBack();
-        }
+        v6.putBack();
         v4.putBack();
         return false;
     }
@@ -245,14 +255,18 @@ bool commitBoth(FamilyRun& v4, FamilyRun& v6) {
 }  // namespace
 
 std::string FW_BATCH::restoreText(const Json::Value& cmds, const std::string& family) {
+    if (family != kFamilyV4 && family != kFamilyV6) {
+        FW_LOG_ERR("There is no family \"%s\"", forLog(family).c_str());
+        return "";
+    }
     RestoreText text;
-    return textOf(cmds, family, text) ? text.head() + text.tail() : "";
+    return makeText(cmds, family, text) ? text.head() + text.tail() : "";
 }
 
 bool FW_BATCH::apply(const Json::Value& cmds) {
     RestoreText textV4;
     RestoreText textV6;
-    if (!textOf(cmds, "v4", textV4) || !textOf(cmds, "v6", textV6)) {
+    if (!makeText(cmds, kFamilyV4, textV4) || !makeText(cmds, kFamilyV6, textV6)) {
         return false;
     }
     const XtablesLock lock;

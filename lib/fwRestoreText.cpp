@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <optional>
 #include <sstream>
 #include <string_view>
 
 #include "tarnfirewall/fwTypes.h"
 
 #include "fwCodes.h"
+#include "fwText.h"
 
 namespace FW {
 namespace {
@@ -25,18 +27,19 @@ constexpr int kFillerLines = 4;
 
 constexpr std::size_t kUsualWords = 24;  // what most lines need, to save enlarging
 
-// Of the tool's words, as much as a line of the system log bears.
+// Of the tool's words, and of each other text in a message, as much as a line of the system log
+// bears: some daemons cut it behind 1024 bytes, and what the tool says comes last.
 constexpr std::size_t kWordsBytes = 400;
+constexpr std::size_t kLoggedBytes = 200;
+constexpr char kCutMark[] = "...";
+
+constexpr char kNumberComment[] = "# line ";
 
 // As a listing of either variant writes what fwDefaultDrop() adds.
 constexpr char kListedReloadingRule[] =
     "-A FIREWALL_RELOADING -m state --state RELATED,ESTABLISHED -j ACCEPT\n";
 constexpr char kReloadingRuleRemoval[] =
     "-D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n";
-
-bool startsWith(const std::string& text, const std::string& prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
 
 // ---- Words ----
 
@@ -121,6 +124,51 @@ std::size_t failedLine(const std::string& message) {
     return numberBehind(message.substr(colon + 2), "line ");
 }
 
+// ---- What iptables-save writes ----
+
+/// The lines of one table between its name and its COMMIT; nothing where it is not there or not
+/// complete.
+std::optional<std::string_view> tableIn(std::string_view saved, const std::string& table) {
+    const std::string title = "*" + table + "\n";
+    std::size_t begin = 0;
+    if (!startsWith(saved, title)) {
+        begin = saved.find("\n" + title);
+        if (begin == std::string_view::npos) {
+            return std::nullopt;
+        }
+        ++begin;
+    }
+    begin += title.size();
+    const auto end = saved.find("\nCOMMIT\n", begin - 1);
+    if (end == std::string_view::npos) {
+        return std::nullopt;
+    }
+    return saved.substr(begin, end + 1 - begin);
+}
+
+/// Whether a line tells a policy that a reload changes.
+bool isPolicyToMend(const std::string& line) {
+    return startsWith(line, ":INPUT ") || startsWith(line, ":FORWARD ");
+}
+
+/// The chain of ":INPUT_FIREWALL - [0:0]"; empty for another line.
+std::string savedChain(const std::string& line) {
+    return startsWith(line, ":") ? line.substr(1, line.find(' ') - 1) : "";
+}
+
+/// The chain of "[12:720] -A INPUT_FIREWALL -i lo -j ACCEPT"; empty for a line that is no rule.
+std::string chainOfSavedRule(const std::string& line) {
+    if (!startsWith(line, "[")) {
+        return "";
+    }
+    std::istringstream words(line);
+    std::string counters;
+    std::string append;
+    std::string chain;
+    words >> counters >> append >> chain;
+    return append == "-A" ? chain : "";
+}
+
 /// What others may have put into a message must not end it or change the terminal.
 void makePrintable(std::string& text) {
     std::replace_if(
@@ -146,7 +194,6 @@ bool RestoreText::make(const Json::Value& family, RestoreLine& fault) {
             const std::string command = line.asString();
             if (!addLine(adapter, command)) {
                 fault = {adapter, command, ""};
-                makePrintable(fault.command);
                 return false;
             }
             return true;
@@ -225,6 +272,29 @@ std::string RestoreText::tail() const {
     return text;
 }
 
+std::string RestoreText::wholeTable(const RestoreTable& table) const {
+    std::string text = table.text;
+    if (&table == &tables_.front()) {
+        text += filler() + appended_;
+    }
+    return text + kCommit + "\n";
+}
+
+std::string RestoreText::numbered() const {
+    std::string text;
+    std::size_t number = 0;
+    for (const RestoreTable& table : tables_) {
+        forEachLine(wholeTable(table), [&](const std::string& line) {
+            ++number;
+            if (!startsWith(line, "#")) {
+                text.append(kNumberComment).append(std::to_string(number)).append("\n");
+                text.append(line).append("\n");
+            }
+        });
+    }
+    return text;
+}
+
 RestoreLine RestoreText::lineAt(std::size_t number) const {
     RestoreLine found;
     if (number == 0) {
@@ -232,20 +302,13 @@ RestoreLine RestoreText::lineAt(std::size_t number) const {
     }
     std::size_t left = number - 1;
     for (const RestoreTable& table : tables_) {
-        const bool first = &table == &tables_.front();
-        std::string text = table.text;
-        if (first) {
-            text += filler() + appended_;
-        }
-        text += kCommit;
-        std::istringstream stream(text);
+        std::istringstream stream(wholeTable(table));
         std::string line;
         for (std::size_t i = 0; std::getline(stream, line); ++i, --left) {
             if (left == 0) {
                 found.adapter = i < table.adapters.size() ? table.adapters[i] : "";
                 found.command = line;
                 found.table = table.name;
-                makePrintable(found.command);
                 return found;
             }
         }
@@ -278,57 +341,57 @@ Refusal refusalOf(const std::string& errors) {
     return refusal;
 }
 
+std::size_t numberReached(const std::string& output) {
+    std::size_t reached = 0;
+    forEachLine(output, [&](const std::string& line) {
+        reached = std::max(reached, numberBehind(line, kNumberComment));
+    });
+    return reached;
+}
+
+std::string forLog(std::string text) {
+    if (text.size() > kLoggedBytes) {
+        text.resize(kLoggedBytes);
+        text += kCutMark;
+    }
+    makePrintable(text);
+    return text;
+}
+
+bool isWholeSave(const std::string& saved, const std::string& table) {
+    return tableIn(saved, table).has_value();
+}
+
 std::string textToPutBack(const RestoreTable& table, const std::string& saved, bool policies) {
     std::string flushes;
     std::string rules;
-    bool inside = false;
-    bool complete = false;
-    forEachLine(saved, [&](const std::string& line) {
-        if (startsWith(line, "*")) {
-            inside = line == "*" + table.name;
-        } else if (inside && line == kCommit) {
-            complete = true;
-            inside = false;
-        } else if (inside && policies &&
-                   (startsWith(line, ":INPUT ") || startsWith(line, ":FORWARD "))) {
+    const auto isChanged = [&](const std::string& chain) { return table.chains.count(chain) != 0; };
+    forEachLine(std::string(tableIn(saved, table.name).value()), [&](const std::string& line) {
+        if (policies && isPolicyToMend(line)) {
             // ":INPUT DROP [12:720]": without the brackets it is "-P INPUT DROP".
             flushes += "-P " + line.substr(1, line.rfind(' ') - 1) + "\n";
-        } else if (inside && startsWith(line, "[")) {
-            // "[12:720] -A INPUT_FIREWALL -i lo -j ACCEPT"
-            std::istringstream words(line);
-            std::string counters;
-            std::string append;
-            std::string chain;
-            words >> counters >> append >> chain;
-            if (append == "-A" && table.chains.count(chain) != 0) {
-                rules += line + "\n";
-            }
+        }
+        if (const std::string chain = savedChain(line); isChanged(chain)) {
+            flushes += "-F ";
+            appendWord(flushes, chain);
+            flushes += '\n';
+        } else if (isChanged(chainOfSavedRule(line))) {
+            rules += line + "\n";
         }
     });
-    if (!complete) {
-        return "";
-    }
-    for (const std::string& chain : table.chains) {
-        flushes += "-F ";
-        appendWord(flushes, chain);
-        flushes += '\n';
-    }
     return "*" + table.name + "\n" + flushes + rules + kCommit + "\n";
 }
 
-std::size_t interruptedReloads(const std::string& listing) {
+std::size_t interruptedReloads(const std::string& saved) {
     std::size_t count = 0;
-    for (auto at = listing.find(kListedReloadingRule); at != std::string::npos;
-         at = listing.find(kListedReloadingRule, at + 1)) {
+    for (auto at = saved.find(kListedReloadingRule); at != std::string::npos;
+         at = saved.find(kListedReloadingRule, at + 1)) {
         ++count;
     }
     return count;
 }
 
 std::string linesToMend(std::size_t reloads) {
-    if (reloads == 0) {
-        return "";
-    }
     std::string lines;
     for (std::size_t i = 0; i < reloads; ++i) {
         lines += kReloadingRuleRemoval;

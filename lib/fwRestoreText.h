@@ -52,9 +52,16 @@ public:
     /// is none.
     RestoreLine lineAt(std::size_t number) const;
 
+    /// head() and tail() with a comment before each line, which names its number. For
+    /// numberReached().
+    std::string numbered() const;
+
 private:
     RestoreTable& table(std::string_view name);
     bool addLine(const std::string& adapter, const std::string& line);
+
+    /// The lines of a table as they stand in head(), filler() and tail().
+    std::string wholeTable(const RestoreTable& table) const;
 
     std::vector<RestoreTable> tables_;
     std::string appended_;
@@ -69,15 +76,25 @@ struct Refusal {
 /// Takes apart what iptables-restore, of either variant, writes to standard error.
 Refusal refusalOf(const std::string& errors);
 
-/// The lines that put chains of a table back as `saved` has them, which is what iptables-save with
-/// counters wrote: their rules and, with `policies`, the policies of INPUT and FORWARD. Returns an
-/// empty text when `saved` is not complete or has no such table.
+/// The number of the line that a tool had read when it ended, by those comments of a
+/// RestoreText::numbered() that it printed; 0 without any.
+std::size_t numberReached(const std::string& output);
+
+/// A text as a line of the system log bears it: without control characters, and cut.
+std::string forLog(std::string text);
+
+/// Whether iptables-save has written all of a table.
+bool isWholeSave(const std::string& saved, const std::string& table);
+
+/// The lines that put chains of a table back as `saved` has them, which is a whole save of that
+/// table with counters: their rules and, with `policies`, the policies of INPUT and FORWARD. A
+/// chain that it does not have is left out: it was not there to be changed.
 std::string textToPutBack(const RestoreTable& table, const std::string& saved, bool policies);
 
-/// How often a listing of FIREWALL_RELOADING has the rule that an interrupted reload leaves.
-std::size_t interruptedReloads(const std::string& listing);
+/// How often a save of "filter" has the rule that an interrupted reload leaves.
+std::size_t interruptedReloads(const std::string& saved);
 
-/// The lines that take back what that many interrupted reloads left.
+/// The lines that open the policies and take out the rules that so many interrupted reloads left.
 std::string linesToMend(std::size_t reloads);
 
 }  // namespace FW

@@ -24,17 +24,21 @@ public:
     /// chains, then the lines in the order in which TARNFW::fwExec() would run them. Words are
     /// split as by TARNFW::cmdExec() and quoted where the syntax asks for it. A document without
     /// the family still flushes.
-    /// Returns an empty text, logged, when a line cannot be written so: it appends no rule, names a
-    /// table that is no word, has a line feed, or is longer than iptables-restore reads.
+    /// Returns an empty text, logged, for another family, and when a line cannot be written so: it
+    /// appends no rule, names a table that is no word, has a line feed, or is longer than
+    /// iptables-restore reads.
     std::string restoreText(const Json::Value& cmds, const std::string& family);
 
     /// Puts a command document in place: both families hold the new rules, or both what they held
-    /// before. Both texts are examined before the kernel is touched; when the second family is
-    /// refused after all, the first gets back the rules of the chains that its lines named.
+    /// before. Both texts are examined before the kernel is touched. When a commit fails after all,
+    /// its family and the one committed before it get back the rules, with their counters, of the
+    /// chains that their lines named; only where that fails as well, which is logged, or the
+    /// caller's process ends in between, do the families differ.
     /// FIREWALL_RELOADING and the policies of INPUT and FORWARD change in one case: where a reload
     /// line by line was interrupted, which the rule for established connections in
-    /// FIREWALL_RELOADING tells, that rule goes and the policies become ACCEPT, in the same
-    /// transaction.
+    /// FIREWALL_RELOADING of either family tells, that rule goes and the policies of both families
+    /// become ACCEPT, in the same transactions. A reload that was killed before it set that rule
+    /// for IPv4, in its first commands, leaves no sign: its policies stay.
     /// Returns false, logged with the adapter, the line and the tool's own words, when a line is
     /// refused or a tool cannot be run. Waits up to 30 s for other programs that change the packet
     /// filter under the lock of iptables, such as another call of this.

@@ -27,12 +27,6 @@ echo "$tool $*" >>started
 case $tool in ip6*) family=v6 ;; *) family=v4 ;; esac
 case $tool in
 *-save) cat "$family saved"; exit 0 ;;
-*-restore) ;;
-*)
-    [ -e "$family listing" ] || { echo "$tool: No chain/target/match by that name." >&2; exit 1; }
-    cat "$family listing"
-    exit 0
-    ;;
 esac
 case " $* " in
 *' --counters '*) run="$family put back" ;;
@@ -51,7 +45,9 @@ while IFS= read -r line; do
     if [ -n "$refused" ] && [ "$line" = "$refused" ]; then
         cat "$run.errors" >&2
         echo "$run" >>ended
-        exit "$(cat "$run.status")"
+        status=$(cat "$run.status")
+        [ "$status" != killed ] || kill -KILL $$
+        exit "$status"
     fi
     last=$line
 done
@@ -87,7 +83,7 @@ FakeRestore::FakeRestore() {
     g_current = this;
     fs::remove_all(kDirectory);
     for (const std::string tool : {"iptables", "ip6tables"}) {
-        for (const std::string kind : {"", "-save", "-restore"}) {
+        for (const std::string kind : {"-save", "-restore"}) {
             const std::string path = kDirectory + tool + kind;
             writeFile(path, kScript);
             (void)chmod(path.c_str(), 0755);
@@ -95,7 +91,6 @@ FakeRestore::FakeRestore() {
     }
     for (const std::string family : {"v4", "v6"}) {
         setSaved(family, "*filter\n:INPUT ACCEPT [0:0]\n:FORWARD ACCEPT [0:0]\nCOMMIT\n");
-        setListing(family, "-N FIREWALL_RELOADING\n");
     }
 }
 
@@ -137,15 +132,16 @@ void FakeRestore::setSaved(const std::string& family, const std::string& output)
     writeFile(kDirectory + family + " saved", output);
 }
 
-void FakeRestore::setListing(const std::string& family, const std::string& output) {
-    writeFile(kDirectory + family + " listing", output);
-}
-
 void FakeRestore::refuse(const std::string& run, const std::string& line, const std::string& errors,
                          int status) {
     writeFile(kDirectory + run + ".refuse", line + "\n");
     writeFile(kDirectory + run + ".errors", errors);
     writeFile(kDirectory + run + ".status", std::to_string(status));
+}
+
+void FakeRestore::kill(const std::string& run, const std::string& line) {
+    refuse(run, line, "");
+    writeFile(kDirectory + run + ".status", "killed");
 }
 
 void FakeRestore::remove(const std::string& path) {

@@ -38,13 +38,13 @@ public:
     /// What iptables-save ("v4") or ip6tables-save ("v6") prints for any table.
     void setSaved(const std::string& family, const std::string& output);
 
-    /// What listing FIREWALL_RELOADING prints.
-    void setListing(const std::string& family, const std::string& output);
-
     /// From now on the run of that name ("v6 commit") ends with `status` at a line of its input,
     /// saying `errors`.
     void refuse(const std::string& run, const std::string& line, const std::string& errors,
                 int status = 1);
+
+    /// The same by SIGKILL: nobody outside can tell whether a COMMIT was done.
+    void kill(const std::string& run, const std::string& line);
 
     /// From now on a program of that path cannot be started.
     void remove(const std::string& path);

@@ -47,6 +47,16 @@ TEST_F(RestoreTextTest, EmptyDocumentFlushesBothChains) {
     EXPECT_THAT(errors(), IsEmpty());
 }
 
+// A text for no family would flush the chains of whichever it is given to.
+TEST_F(RestoreTextTest, OtherFamiliesHaveNoText) {
+    for (const std::string family : {"", "V4", "v5\n"}) {
+        EXPECT_EQ(restoreText(documentOf("-A X -j DROP"), family), "");
+    }
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: There is no family \"\"",
+                                      "fwBatch: There is no family \"V4\"",
+                                      "fwBatch: There is no family \"v5?\""));
+}
+
 TEST_F(RestoreTextTest, FamiliesAreApart) {
     const Json::Value cmds = parseJson(R"({"v4": {"eth0": ["-A INPUT_FIREWALL -s 10.0.0.1"]},
                                            "v6": {"eth0": ["-A INPUT_FIREWALL -s fd00::1"]}})");
@@ -144,7 +154,7 @@ const FaultCase kFaultCases[] = {
     {"LineFeedInWord", "-A X -s 10.0.0.1\nCOMMIT\n*nat", "-A X -s 10.0.0.1?COMMIT?*nat"},
     {"LineFeedInTable", "-t filter\nCOMMIT -A X", "-t filter?COMMIT -A X"},
     {"TooLong", "-A X -m comment --comment " + std::string(10238, 'c'),
-     "-A X -m comment --comment " + std::string(10238, 'c')},
+     "-A X -m comment --comment " + std::string(174, 'c') + "..."},
 };
 
 class RestoreFaultTest : public RestoreTextTest, public ::testing::WithParamInterface<FaultCase> {};
@@ -173,7 +183,8 @@ constexpr char kReloadingRule[] =
     "-A FIREWALL_RELOADING -m state --state RELATED,ESTABLISHED -j ACCEPT\n";
 
 const std::string kSaved =
-    "*filter\n:INPUT ACCEPT [0:0]\n:FORWARD ACCEPT [0:0]\n:INPUT_FIREWALL - [0:0]\n"
+    "*filter\n:INPUT ACCEPT [0:0]\n:FORWARD ACCEPT [0:0]\n"
+    ":FORWARD_FIREWALL - [0:0]\n:INPUT_FIREWALL - [0:0]\n"
     "[3:180] -A INPUT -j INPUT_FIREWALL\n"
     "[2:120] -A INPUT_FIREWALL -i old -j DROP\nCOMMIT\n";
 
@@ -193,7 +204,8 @@ protected:
 
     void addSecondTable(const std::string& family) {
         cmds_[family]["eth0"].append("-t mangle -A INPUT -i eth0 -j ACCEPT");
-        tools_.setSaved(family, kSaved + "*mangle\n[1:1] -A INPUT -i old\nCOMMIT\n");
+        tools_.setSaved(family,
+                        kSaved + "*mangle\n:INPUT ACCEPT [0:0]\n[1:1] -A INPUT -i old\nCOMMIT\n");
     }
 
     bool apply() { return FW::FW_BATCH().apply(cmds_); }
@@ -219,8 +231,8 @@ FakeRestore::Run run(const std::string& name, const std::string& text, bool whol
 TEST_F(ApplyTest, BothFamiliesIpv4First) {
     EXPECT_TRUE(apply());
     EXPECT_THAT(tools_.runs(), ElementsAre(run("v4 commit", text()), run("v6 commit", text())));
-    EXPECT_THAT(tools_.started(), ElementsAre("ip6tables --list-rules FIREWALL_RELOADING",
-                                              "ip6tables-restore --noflush --wait 30 --verbose",
+    EXPECT_THAT(tools_.started(), ElementsAre("ip6tables-restore --noflush --wait 30 --verbose",
+                                              "ip6tables-save --counters --table filter",
                                               "iptables-restore --noflush --wait 30 --verbose",
                                               "iptables-save --counters --table filter"));
     EXPECT_THAT(platform_.log(), IsEmpty());
@@ -284,20 +296,20 @@ const RefusedCase kRefusedCases[] = {
      "iptables-restore v1 (nf_tables): \nline 5: RULE_APPEND failed (Invalid argument): rule\n",
      "/sbin/iptables-restore refused \"-t filter -A INPUT_FIREWALL -i eth0 -j DROP\" of adapter "
      "eth0: iptables-restore v1 (nf_tables): line 5: RULE_APPEND failed (Invalid argument): rule",
-     {}},
+     {"v4 put back"}},
     {"CommittingIpv6WithoutALine",
      "v6 commit",
      "COMMIT",
      "ip6tables-restore: line 10 failed\n",
      "/sbin/ip6tables-restore refused \"-t filter COMMIT\" of all adapters: ip6tables-restore: "
      "line 10 failed",
-     {"v4 commit", "v4 put back"}},
+     {"v4 commit", "v6 put back", "v4 put back"}},
     {"WithoutWords",
      "v6 commit",
      "COMMIT",
      "",
      "Failed to run /sbin/ip6tables-restore: status 1",
-     {"v4 commit", "v4 put back"}},
+     {"v4 commit", "v6 put back", "v4 put back"}},
 };
 
 class ApplyRefusedTest : public ApplyTest, public ::testing::WithParamInterface<RefusedCase> {};
@@ -313,11 +325,28 @@ INSTANTIATE_TEST_SUITE_P(Refused, ApplyRefusedTest, ValuesIn(kRefusedCases),
                          [](const auto& one) { return one.param.name; });
 
 TEST_F(ApplyTest, PuttingBackIsAboutTheChangedChainsWithTheirCounters) {
+    tools_.setSaved("v6", std::string(kSaved).replace(kSaved.find("old"), 3, "six"));
     tools_.refuse("v6 commit", "COMMIT", "");
     EXPECT_FALSE(apply());
-    ASSERT_EQ(tools_.runs().size(), 3U);
+    ASSERT_EQ(tools_.runs().size(), 4U);
+    const std::string putBackV6 = std::string(kPutBack).replace(kPutBack.find("old"), 3, "six");
+    EXPECT_EQ(tools_.runs()[2], run("v6 put back", putBackV6));
     EXPECT_EQ(tools_.runs().back(), run("v4 put back", kPutBack));
     EXPECT_EQ(tools_.runs().back().arguments, "--noflush --wait 30 --verbose --counters\n");
+}
+
+// A tool that is killed at its COMMIT may have done it.
+TEST_F(ApplyTest, KilledAtItsCommitIsPutBackAsWell) {
+    tools_.kill("v4 commit", "COMMIT");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 put back"));
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/iptables-restore: status 137"));
+}
+
+TEST_F(ApplyTest, Ipv6KilledAtItsCommitPutsBackBothFamilies) {
+    tools_.kill("v6 commit", "COMMIT");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back", "v4 put back"));
 }
 
 TEST_F(ApplyTest, FailureToPutBackIsLoggedToo) {
@@ -328,6 +357,20 @@ TEST_F(ApplyTest, FailureToPutBackIsLoggedToo) {
                 ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: six",
                             "fwBatch: Failed to put back the rules with /sbin/iptables-restore: "
                             "four"));
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back"));
+}
+
+// A message has its end in the tool's words, which a log that cuts long lines must not lose.
+TEST_F(ApplyTest, NamesAndLinesAreCutAndPrintableInTheLog) {
+    const std::string start = "-A INPUT_FIREWALL -m comment --comment ";
+    const std::string line = start + std::string(2000, 'c');
+    cmds_["v4"]["e\n" + std::string(2000, 'e')].append("-t man\x1bgle " + line);
+    tools_.refuse("v4 test", line, "Bad argument `x'\nError occurred at line: 12\n");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(errors(),
+                ElementsAre("fwBatch: /sbin/iptables-restore refused \"-t man?gle " + start +
+                            std::string(200 - start.size(), 'c') + "...\" of adapter e?" +
+                            std::string(198, 'e') + "...: Bad argument `x'"));
 }
 
 // "-h" among a line's words makes the tool print its usage and end with success.
@@ -339,10 +382,22 @@ TEST_F(ApplyTest, EarlyEndWithSuccessIsARefusal) {
                                       "before the end of its input"));
 }
 
+// The tool names no line: in a test run, what it prints tells how far it came.
+TEST_F(ApplyTest, EarlyEndIsTracedToItsLine) {
+    const std::string line = "-A INPUT_FIREWALL -i eth0 -j DROP";
+    tools_.refuse("v6 commit", line, "", 0);
+    tools_.refuse("v6 test", line, "", 0);
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), IsEmpty());
+    EXPECT_THAT(errors(),
+                ElementsAre("fwBatch: /sbin/ip6tables-restore refused \"-t filter " + line +
+                            "\" of adapter eth0: it stopped before the end of its input"));
+}
+
 TEST_F(ApplyTest, EarlyEndAtTheCommitIsARefusal) {
     tools_.refuse("v6 commit", "COMMIT", "", 0);
     EXPECT_FALSE(apply());
-    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v4 put back"));
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back", "v4 put back"));
 }
 
 TEST_F(ApplyTest, CallerThatIgnoresItsChildren) {
@@ -372,17 +427,22 @@ TEST_P(ApplyMissingTest, CommitsNothing) {
 }
 
 const MissingCase kMissing[] = {{"SaveV4", "/sbin/iptables-save"},
+                                {"SaveV6", "/sbin/ip6tables-save"},
                                 {"RestoreV4", "/sbin/iptables-restore"},
                                 {"RestoreV6", "/sbin/ip6tables-restore"}};
 INSTANTIATE_TEST_SUITE_P(Missing, ApplyMissingTest, ValuesIn(kMissing),
                          [](const auto& one) { return one.param.name; });
 
 TEST_F(ApplyTest, WhatCannotBeSavedIsNotReplaced) {
-    tools_.setSaved("v4", "*filter\n:INPUT ACCEPT [0:0]\n");  // cut short
-    EXPECT_FALSE(apply());
-    EXPECT_THAT(tools_.committed(), IsEmpty());
-    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/iptables-save: it stopped "
-                                      "before the end of its input"));
+    for (const std::string saved : {"*filter\n:INPUT ACCEPT [0:0]\n", "*nat\nCOMMIT\n", ""}) {
+        platform_.clearLog();
+        tools_.setSaved("v6", saved);
+        EXPECT_FALSE(apply());
+        EXPECT_THAT(tools_.committed(), IsEmpty());
+        EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-save: it stopped "
+                                          "before the end of the table"))
+            << saved;
+    }
 }
 
 // ---- More than one table, each a commit of its own ----
@@ -441,32 +501,62 @@ constexpr char kMended[] =
     "-D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
     "-P INPUT ACCEPT\n-P FORWARD ACCEPT\n";
 
-TEST_F(ApplyTest, InterruptedReloadIsMendedInTheSameTransaction) {
-    tools_.setSaved(
-        "v4", std::string("*filter\n:INPUT DROP [0:0]\n[0:0] ") + kReloadingRule + "COMMIT\n");
-    tools_.setListing("v6", std::string("-N FIREWALL_RELOADING\n") + kReloadingRule);
-    EXPECT_TRUE(apply());
-    EXPECT_THAT(tools_.runs(),
-                ElementsAre(run("v4 commit", text(kMended)), run("v6 commit", text(kMended))));
+// A save of the table with that many rules of interrupted reloads.
+std::string savedWith(int reloads, const std::string& policies = ":INPUT DROP [0:0]\n") {
+    std::string saved = "*filter\n" + policies +
+                        ":FIREWALL_RELOADING - [0:0]\n:FORWARD_FIREWALL - [0:0]\n"
+                        ":INPUT_FIREWALL - [0:0]\n";
+    for (int i = 0; i < reloads; ++i) {
+        saved += "[4:5] ";
+        saved += kReloadingRule;
+    }
+    return saved + "COMMIT\n";
 }
 
-TEST_F(ApplyTest, EachFamilyIsMendedByItsOwnSign) {
-    tools_.setListing("v6", std::string("-N FIREWALL_RELOADING\n") + kReloadingRule);
+TEST_F(ApplyTest, InterruptedReloadIsMendedInTheSameTransaction) {
+    tools_.setSaved("v4", savedWith(1));
+    tools_.setSaved("v6", savedWith(2));
     EXPECT_TRUE(apply());
     EXPECT_THAT(tools_.runs(),
-                ElementsAre(run("v4 commit", text()), run("v6 commit", text(kMended))));
+                ElementsAre(run("v4 commit", text(kMended)),
+                            run("v6 commit",
+                                text("-D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED "
+                                     "-j ACCEPT\n" +
+                                     std::string(kMended)))));
+}
+
+constexpr char kOpened[] = "-P INPUT ACCEPT\n-P FORWARD ACCEPT\n";
+
+// A reload that is killed between the policies of IPv6 and the rule behind them leaves none there.
+TEST_F(ApplyTest, SignOfIpv4OpensIpv6AsWell) {
+    tools_.setSaved("v4", savedWith(1));
+    EXPECT_TRUE(apply());
+    EXPECT_THAT(tools_.runs(),
+                ElementsAre(run("v4 commit", text(kMended)), run("v6 commit", text(kOpened))));
+}
+
+TEST_F(ApplyTest, SignOfIpv6OpensIpv4AsWell) {
+    tools_.setSaved("v6", savedWith(1));
+    EXPECT_TRUE(apply());
+    EXPECT_THAT(tools_.runs(),
+                ElementsAre(run("v4 commit", text(kOpened)), run("v6 commit", text(kMended))));
 }
 
 TEST_F(ApplyTest, RefusalPutsBackWhatWasMended) {
     const std::string rule = std::string("[4:5] ") + kReloadingRule;
-    tools_.setSaved("v4", "*filter\n:INPUT DROP [1:1]\n:FORWARD DROP [0:0]\n" + rule + "COMMIT\n");
+    tools_.setSaved("v4", savedWith(1, ":INPUT DROP [1:1]\n:FORWARD DROP [0:0]\n"));
+    tools_.setSaved("v6", savedWith(0, ":INPUT DROP [1:1]\n:FORWARD ACCEPT [0:0]\n"));
     tools_.refuse("v6 commit", "COMMIT", "six\n");
     EXPECT_FALSE(apply());
-    EXPECT_EQ(tools_.runs().back(),
-              run("v4 put back",
-                  "*filter\n-P INPUT DROP\n-P FORWARD DROP\n-F FIREWALL_RELOADING\n"
-                  "-F FORWARD_FIREWALL\n-F INPUT_FIREWALL\n" +
-                      rule + "COMMIT\n"));
+    const std::vector<FakeRestore::Run> runs = tools_.runs();
+    ASSERT_EQ(runs.size(), 4U);
+    EXPECT_EQ(runs[2], run("v6 put back",
+                           "*filter\n-P INPUT DROP\n-P FORWARD ACCEPT\n-F FORWARD_FIREWALL\n"
+                           "-F INPUT_FIREWALL\nCOMMIT\n"));
+    EXPECT_EQ(runs[3], run("v4 put back",
+                           "*filter\n-P INPUT DROP\n-P FORWARD DROP\n-F FIREWALL_RELOADING\n"
+                           "-F FORWARD_FIREWALL\n-F INPUT_FIREWALL\n" +
+                               rule + "COMMIT\n"));
 }
 
 }  // namespace

@@ -128,6 +128,32 @@ TEST(RestoreLineTest, NumbersAreThoseOfTheTextWithItsFiller) {
                   RestoreText::filler() + "-P INPUT ACCEPT\nCOMMIT\n*nat\n-A Y -o eth0\nCOMMIT\n");
 }
 
+TEST(RestoreLineTest, NumberedTextTellsHowFarAToolCame) {
+    Json::Value family;
+    family["eth0"].append("-A X -i eth0");
+    family["eth0"].append("-t nat -A Y -o eth0");
+    RestoreText text;
+    RestoreLine fault;
+    ASSERT_TRUE(text.make(family, fault));
+    const std::string numbered = text.numbered();
+    EXPECT_EQ(numbered,
+              "# line 1\n*filter\n# line 2\n-F INPUT_FIREWALL\n# line 3\n-F FORWARD_FIREWALL\n"
+              "# line 4\n-A X -i eth0\n# line 9\nCOMMIT\n"
+              "# line 10\n*nat\n# line 11\n-A Y -o eth0\n# line 12\nCOMMIT\n");
+    EXPECT_EQ(described(text.lineAt(11)), "nat|eth0|-A Y -o eth0");
+
+    EXPECT_EQ(FW::numberReached(numbered), 12U);
+    EXPECT_EQ(FW::numberReached("Usage\n# line 3\n# line 4\nUsage: # line 9\n"), 4U);
+    EXPECT_EQ(FW::numberReached("Usage\n"), 0U);
+}
+
+TEST(ForLogTest, CutAndPrintable) {
+    EXPECT_EQ(FW::forLog(""), "");
+    EXPECT_EQ(FW::forLog("a\n\x1b\x7f\tb"), "a????b");
+    EXPECT_EQ(FW::forLog(std::string(200, 'x')), std::string(200, 'x'));
+    EXPECT_EQ(FW::forLog(std::string(201, 'x')), std::string(200, 'x') + "...");
+}
+
 // ---- Putting back ----
 
 constexpr char kSaved[] =
@@ -166,8 +192,13 @@ TEST(PutBackTest, RulesOfTheChangedChainsWithTheirCounters) {
               "COMMIT\n");
     EXPECT_EQ(FW::textToPutBack(tableWith("nat", "X"), kSaved, false),
               "*nat\n-F X\n[1:1] -A X -s 10.0.0.9/32 -j ACCEPT\nCOMMIT\n");
-    EXPECT_EQ(FW::textToPutBack(tableWith("filter", "EMPTY"), kSaved, false),
-              "*filter\n-F EMPTY\nCOMMIT\n");
+    EXPECT_EQ(FW::textToPutBack(tableWith("filter", "OUTPUT"), kSaved, false),
+              "*filter\n-F OUTPUT\nCOMMIT\n");
+}
+
+TEST(PutBackTest, ChainThatWasNotThereIsLeftOut) {
+    EXPECT_EQ(FW::textToPutBack(tableWith("filter", "NOWHERE"), kSaved, false),
+              "*filter\nCOMMIT\n");
 }
 
 TEST(PutBackTest, PoliciesOfInputAndForwardOnRequest) {
@@ -180,13 +211,16 @@ TEST(PutBackTest, PoliciesOfInputAndForwardOnRequest) {
               "COMMIT\n");
 }
 
-TEST(PutBackTest, WhatIsNotCompleteIsNotUsed) {
+TEST(WholeSaveTest, TableFromItsNameToItsCommit) {
     const std::string saved = kSaved;
-    EXPECT_EQ(FW::textToPutBack(tableWith("filter", "X"), "", false), "");
-    EXPECT_EQ(FW::textToPutBack(tableWith("raw", "X"), kSaved, false), "");
-    EXPECT_EQ(
-        FW::textToPutBack(tableWith("filter", "X"), saved.substr(0, saved.rfind("COMMIT")), false),
-        "");
+    EXPECT_TRUE(FW::isWholeSave(saved, "filter"));
+    EXPECT_TRUE(FW::isWholeSave(saved, "nat"));
+    EXPECT_TRUE(FW::isWholeSave("*raw\nCOMMIT\n", "raw"));
+    EXPECT_FALSE(FW::isWholeSave("", "filter"));
+    EXPECT_FALSE(FW::isWholeSave(saved, "raw"));
+    EXPECT_FALSE(FW::isWholeSave(saved, "ilter"));
+    // The COMMIT of another table is none of this one.
+    EXPECT_FALSE(FW::isWholeSave(saved.substr(0, saved.rfind("COMMIT")), "filter"));
 }
 
 // ---- Interrupted reloads ----
@@ -210,7 +244,7 @@ TEST(InterruptedReloadTest, OtherRulesAreNotTheirs) {
 }
 
 TEST(InterruptedReloadTest, MendingTakesOutEachRuleAndOpensThePolicies) {
-    EXPECT_EQ(FW::linesToMend(0), "");
+    EXPECT_EQ(FW::linesToMend(0), "-P INPUT ACCEPT\n-P FORWARD ACCEPT\n");
     EXPECT_EQ(FW::linesToMend(2),
               "-D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
               "-D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"

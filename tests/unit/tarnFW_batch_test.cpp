@@ -280,7 +280,7 @@ TEST_F(BatchTest, TrialThatCannotBeTranslatedChangesNothing) {
 TEST_F(BatchTest, RefusedTrialLeavesTheFirewallEnabled) {
     tools_.refuse("v4 commit", "COMMIT", "four\n");
     EXPECT_FALSE(FW::TARNFW().TestApplyingProfile("home"));
-    EXPECT_THAT(tools_.committed(), IsEmpty());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 put back"));
     EXPECT_TRUE(storedSettings()["status"].asBool());
     EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/iptables-restore: four"));
 }

@@ -30,6 +30,12 @@ interrupted ip6tables 1
 step 'a batch succeeds' rules_probe batch - <<<"$kEmpty"
 step 'one family is mended' same_listing whole
 
+# A reload that was killed between the policies of IPv6 and its rule.
+interrupted iptables 1
+interrupted ip6tables 0
+step 'a batch succeeds' rules_probe batch - <<<"$kEmpty"
+step 'the sign of one family mends both' same_listing whole
+
 # Without the rule, policies are the administrator's.
 iptables --policy INPUT DROP
 ip6tables --policy FORWARD DROP

@@ -71,7 +71,7 @@ for family in v4 v6; do
         refused_at "$family" "$position" 'not to be read' "$kUnreadable" \
             "\"$kUnreadable\" of adapter eth0: "
         refused_at "$family" "$position" 'no rule at all' "$kNoCommand" \
-            'it stopped before the end of its input'
+            "\"$kNoCommand\" of adapter eth0: it stopped before the end of its input"
         named="\"$kUnwanted\" of adapter eth0: "
         [[ $variant == nft ]] || named='"-t filter COMMIT" of all adapters: '
         refused_at "$family" "$position" 'refused by the kernel' "$kUnwanted" "$named"
