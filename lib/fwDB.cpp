@@ -80,7 +80,7 @@ Json::Value toArray(const Texts& texts) {
     return array;
 }
 
-void appendTexts(const Json::Value& array, std::vector<std::string>& texts) {
+void readTexts(const Json::Value& array, std::vector<std::string>& texts) {
     for (const Json::Value& text : array) {
         texts.push_back(text.asString());
     }
@@ -121,17 +121,17 @@ FWRULE jsonToRule(const Json::Value& in) {
     rule.blLog = in["blLog"].asBool();
     rule.name = in["name"].asString();
     rule.table = in["table"].asString();
-    appendTexts(in["labelList"], rule.labelList);
+    readTexts(in["labelList"], rule.labelList);
     for (const Json::Value& chain : in["chainList"]) {
         rule.chainList.insert(chain.asString());
     }
     rule.ipType = in["ipType"].asInt();
     rule.ipDirect = in["ipDirect"].asInt();
     rule.ipGroup = in["ipGroup"].asInt();
-    appendTexts(in["ipList"], rule.ipList);
+    readTexts(in["ipList"], rule.ipList);
     rule.portDirect = in["portDirect"].asInt();
     rule.portGroup = in["portGroup"].asInt();
-    appendTexts(in["portList"], rule.portList);
+    readTexts(in["portList"], rule.portList);
     return rule;
 }
 

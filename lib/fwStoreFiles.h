@@ -7,8 +7,8 @@
 
 #include <functional>
 #include <map>
-#include <optional>
 #include <string>
+#include <utility>
 
 namespace FW {
 
@@ -43,7 +43,8 @@ public:
     /// Nothing, logged, when the file cannot be loaded.
     const Json::Value* nameIn(const std::string& path);
 
-    /// Loads a document as jsonFileLoad() does.
+    /// Loads a document as jsonFileLoad() does, or hands out the one that nameIn() has kept: once,
+    /// when the file has not changed since, and then without its lock.
     bool load(const std::string& path, Json::Value& out);
 
 private:

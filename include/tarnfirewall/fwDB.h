@@ -16,9 +16,10 @@ namespace FW {
 /// which is a generated number; so every operation scans the directory anew. An object holds
 /// nothing: make one on the stack, use it, let it go.
 ///
-/// Each file access takes that file's lock and waits up to 30 s for it; nothing locks the directory
-/// as a whole, so callers serialise operations that belong together. A lock file that cannot be
-/// opened raises boost::interprocess::interprocess_exception.
+/// Each reading and writing of a file takes that file's lock and waits up to 30 s for it; an
+/// operation that comes to a file again which has not changed since does not read it again. Nothing
+/// locks the directory as a whole, so callers serialise operations that belong together. A lock
+/// file that cannot be opened raises boost::interprocess::interprocess_exception.
 ///
 /// With no "*.json" file in the directory every scan fails. With such files but no profile among
 /// them, making the first profile does not return: the file name's generator accepts a number only
