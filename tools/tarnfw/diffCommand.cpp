@@ -81,7 +81,7 @@ std::set<Place> otherPlaces(const std::vector<TracedLine>& lines, const std::str
 class WantedRules {
 public:
     WantedRules(const std::string& profile, const PacketFilter& machine)
-        : lines_(tracedLines(loadProfile(profile))), machine_(machine) {
+        : way_(chosenWay()), lines_(tracedLines(loadProfile(profile), way_)), machine_(machine) {
         if (!loadAtOnce(profile)) {
             loadLineByLine();
         }
@@ -110,7 +110,7 @@ private:
 
     bool loadAtOnce(const std::string& profile) {
         Json::Value commands;
-        if (!FW::TARNFW().fwIptablesRulesEnum(profile, commands, true)) {
+        if (!commandsFor(profile, way_, commands)) {
             return false;
         }
         makeKernel();
@@ -130,6 +130,7 @@ private:
         }
     }
 
+    ReloadWay way_;
     std::vector<TracedLine> lines_;
     const PacketFilter& machine_;
     std::unique_ptr<ScratchKernel> kernel_;

@@ -9,7 +9,6 @@
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "tarnfirewall/fwBatch.h"
-#include "tarnfirewall/tarnFW.h"
 
 #include "command.h"
 #include "commands.h"
@@ -32,13 +31,13 @@ struct Options {
     bool json = false;
 };
 
-Json::Value commandsOf(const std::string& profile) {
+Json::Value commandsOf(const std::string& profile, ReloadWay way) {
     // A test profile is in no list, and is there all the same while a trial runs.
     if (!boost::starts_with(profile, kTestPrefix)) {
         requireProfile(profile);
     }
     Json::Value commands;
-    if (!FW::TARNFW().fwIptablesRulesEnum(profile, commands, true)) {
+    if (!commandsFor(profile, way, commands)) {
         throw CommandFailed("profile " + inQuotes(profile) + " cannot be translated");
     }
     return commands;
@@ -79,8 +78,10 @@ std::string restoreTexts(const Json::Value& commands, const std::vector<std::str
 
 void preview(const Options& options) {
     requireRoot();
+    const bool asLines = options.json || options.format != kRestore;
     const Json::Value commands =
-        commandsOf(options.profile.empty() ? activeProfile() : options.profile);
+        commandsOf(options.profile.empty() ? activeProfile() : options.profile,
+                   asLines ? ReloadWay::kLines : ReloadWay::kBatch);
     const std::vector<std::string> families = options.family.empty()
                                                   ? std::vector<std::string>{"v4", "v6"}
                                                   : std::vector<std::string>{options.family};

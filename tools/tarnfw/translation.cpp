@@ -3,6 +3,7 @@
 #include <map>
 
 #include "tarnfirewall/fwIptables.h"
+#include "tarnfirewall/tarnFW.h"
 
 #include "command.h"
 #include "finding.h"
@@ -19,7 +20,7 @@ constexpr const char* kFamilies[] = {"v4", "v6"};
 /// library does with a rule is done again here.
 class Tracer {
 public:
-    Tracer() { translate({}, {}, "", fixed_); }
+    explicit Tracer(ReloadWay way) : way_(way) { translate({}, {}, "", fixed_); }
 
     void addFixedLines() { append(fixed_, "", /*skipFixed=*/false); }
 
@@ -57,7 +58,9 @@ private:
     void translate(const std::map<std::string, std::vector<FW::FWRULE>>& rules,
                    const std::map<std::string, FW::FW_POLICY>& policies, const std::string& where,
                    Json::Value& out) {
-        if (!translation_.fwRulesToIptablesRules(true, rules, policies, out)) {
+        if (!(way_ == ReloadWay::kBatch
+                  ? translation_.fwRulesToBatchRules(true, rules, policies, out, "")
+                  : translation_.fwRulesToIptablesRules(true, rules, policies, out))) {
             throw CommandFailed(where + " cannot be translated, and with it the whole profile");
         }
     }
@@ -76,6 +79,7 @@ private:
         }
     }
 
+    ReloadWay way_;
     FW::TARNFW_IPTABLES_RULES translation_;
     Json::Value fixed_;
     std::map<std::string, std::map<std::string, std::vector<TracedLine>>> lines_;
@@ -83,8 +87,22 @@ private:
 
 }  // namespace
 
-std::vector<TracedLine> tracedLines(const FW::FWPROFILE& profile) {
-    Tracer tracer;
+ReloadWay chosenWay() {
+    std::string mode;
+    if (!FW::TARNFW().fwApplyMode(mode)) {
+        throw CommandFailed("the settings cannot be read");
+    }
+    return mode == "batch" ? ReloadWay::kBatch : ReloadWay::kLines;
+}
+
+bool commandsFor(const std::string& profile, ReloadWay way, Json::Value& commands) {
+    FW::TARNFW firewall;
+    return way == ReloadWay::kBatch ? firewall.fwBatchRulesEnum(profile, commands, true, "")
+                                    : firewall.fwIptablesRulesEnum(profile, commands, true);
+}
+
+std::vector<TracedLine> tracedLines(const FW::FWPROFILE& profile, ReloadWay way) {
+    Tracer tracer(way);
     tracer.addFixedLines();
     for (const std::string& adapter : adaptersOf(profile)) {
         const auto rules = profile.rules.find(adapter);

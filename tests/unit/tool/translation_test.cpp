@@ -76,10 +76,15 @@ void append(const char* family, const Json::Value& list, std::vector<std::string
 }
 
 /// The whole translation at once, in the order of running.
-std::vector<std::string> translated(const FW::FWPROFILE& profile) {
+std::vector<std::string> translated(const FW::FWPROFILE& profile,
+                                    ReloadWay way = ReloadWay::kLines) {
     Json::Value commands;
-    EXPECT_TRUE(FW::TARNFW_IPTABLES_RULES().fwRulesToIptablesRules(
-        true, profile.rules, profile.adapterPolicyMap, commands));
+    FW::TARNFW_IPTABLES_RULES translator;
+    EXPECT_TRUE(way == ReloadWay::kBatch
+                    ? translator.fwRulesToBatchRules(true, profile.rules, profile.adapterPolicyMap,
+                                                     commands, "")
+                    : translator.fwRulesToIptablesRules(true, profile.rules,
+                                                        profile.adapterPolicyMap, commands));
     std::vector<std::string> lines;
     for (const char* const family : {"v4", "v6"}) {
         append(family, commands[family]["global"], lines);
@@ -110,6 +115,9 @@ TEST_F(TranslationTest, AllLinesTogetherAreTheTranslation) {
     for (const fs::path& path : paths) {
         const FW::FWPROFILE profile = profileAt(path);
         EXPECT_EQ(withFamilies(tracedLines(profile)), translated(profile)) << path;
+        EXPECT_EQ(withFamilies(tracedLines(profile, ReloadWay::kBatch)),
+                  translated(profile, ReloadWay::kBatch))
+            << path;
     }
 }
 

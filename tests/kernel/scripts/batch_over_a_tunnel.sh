@@ -1,0 +1,42 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# A rule of an IPv4 address on an adapter with a 6in4 tunnel: line by line it is repeated for the tunnel
+# and refused there. A batch does not make that line, and preview and diff tell the same of it.
+make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
+# Not every kernel has 6in4 tunnels: one that the platform's tool tells of.
+cat >/tmp/tool <<'END'
+#!/bin/sh
+[ "$2" != eth0 ] || set -- "$1" six
+printf %s "$2"
+END
+chmod +x /tmp/tool
+mount --bind /tmp/tool /usr/tarn/sbin/tarnnetdtool
+
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+answers 0 base up
+use_profile single_address
+readonly kRefused='-i six -s [0-9.]* '
+answers 0 preview --family v6
+says "$kRefused"
+answers 0 preview --format restore --family v6
+says '-i six '
+step 'no line that ip6tables refuses' [ "$(grep --count -- "$kRefused" "$out/answer")" = 0 ]
+cp -- "$out/answer" "$out/restore"
+step 'ip6tables takes it' ip6tables-restore --noflush --test "$out/restore"
+
+choose_apply batch
+answers 0 enable
+answers 0 diff
+silent
+prints <<<'The kernel holds what profile "single_address" puts there'
+keep_listing batch
+step 'what was previewed changes nothing' ip6tables-restore --noflush "$out/restore"
+step 'the rules are the same' same_listing batch
+
+# Line by line the kernel says no to one line, which is left out.
+answers 0 apply-mode lines
+answers 0 reload
+answers 0 diff
+step 'diff tells of the refused line' grep --quiet 'this kernel refuses' "$out/complaint"
+step 'the rules are the same' same_listing batch
