@@ -92,26 +92,27 @@ bool storeHasProfile() {
 }
 
 /// Writes the first settings where there are none: rules go in as one transaction, which no
-/// connection notices.
-void writeFirstSettings() {
+/// connection notices, or line by line where ip6tables cannot do its part of it.
+void writeFirstSettings(bool filtersIpv6) {
     if (TLIBCFileExist(kSettingsFile) == 1) {
         return;
     }
     Json::Value settings;
-    settings["apply"] = "batch";
+    settings["apply"] = filtersIpv6 ? "batch" : "lines";
     StoreChange change;
     const bool written = FW::TARNFW().configSet(settings);
     change.finish();
     if (!written) {
         throw CommandFailed(std::string("cannot write the first settings to ") + kSettingsFile);
     }
-    std::cout << "Settings written to " << kSettingsFile
-              << ": rules are applied in one transaction (\"tarnfw apply-mode\")\n";
+    std::cout << "Settings written to " << kSettingsFile << ": rules are applied "
+              << (filtersIpv6 ? "in one transaction" : "line by line, without ip6tables")
+              << " (\"tarnfw apply-mode\")\n";
 }
 
 /// Writes the first profile where there is none, and the settings with it. Not through the store:
 /// its generator of file names needs a profile to compare with, and would not return.
-void writeFirstProfile() {
+void writeFirstProfile(bool filtersIpv6) {
     makeDirectory(kProfileDir);
     const StoreLock lock;
     if (storeHasProfile()) {
@@ -136,29 +137,40 @@ void writeFirstProfile() {
     }
     std::cout << "Profile " << inQuotes(document["name"].asString()) << " written to " << path
               << '\n';
-    writeFirstSettings();
+    writeFirstSettings(filtersIpv6);
 }
 
 // ---- Commands ----
 
+void setUp(const BaseFilter& filter) {
+    const BaseParts parts = filter.missing();
+    if (!parts.empty()) {
+        // Recorded first: an interrupted call leaves nothing that "base down" does not know.
+        Json::Value record = recordLoad();
+        addToRecord(record[filter.key()], parts);
+        recordStore(record);
+        filter.add(parts);
+    }
+    std::cout << filter.title() << ": added " << describe(parts) << '\n';
+    if (!filter.inOrder()) {
+        std::cerr << "tarnfw: " << filter.title() << " is " << kWrongOrder << '\n';
+    }
+}
+
 void baseUp() {
     requireRoot();
     const ToolLock lock(kLockName);
-    for (const BaseFilter& filter : baseFilters()) {
-        const BaseParts parts = filter.missing();
-        if (!parts.empty()) {
-            // Recorded first: an interrupted call leaves nothing that "base down" does not know.
-            Json::Value record = recordLoad();
-            addToRecord(record[filter.key()], parts);
-            recordStore(record);
-            filter.add(parts);
-        }
-        std::cout << filter.title() << ": added " << describe(parts) << '\n';
-        if (!filter.inOrder()) {
-            std::cerr << "tarnfw: " << filter.title() << " is " << kWrongOrder << '\n';
-        }
+    setUp(BaseFilter("v4"));
+    std::string failure;
+    try {
+        setUp(BaseFilter("v6"));
+    } catch (const CommandFailed& failed) {
+        failure = failed.what();  // told at the end: the rest is of use without IPv6
     }
-    writeFirstProfile();
+    writeFirstProfile(failure.empty());
+    if (!failure.empty()) {
+        throw CommandFailed(failure);
+    }
 }
 
 void baseDown() {
