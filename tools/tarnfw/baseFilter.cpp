@@ -31,6 +31,11 @@ std::string chainLine(const std::string& chain) {
     return "-N " + chain;
 }
 
+/// How the lines of a chain's rules begin.
+std::string chainStart(const std::string& chain) {
+    return "-A " + chain + " ";
+}
+
 std::string jumpLine(const std::pair<std::string, std::string>& jump) {
     return "-A " + jump.first + " -j " + jump.second;
 }
@@ -40,7 +45,7 @@ int positionOf(const std::vector<std::string>& lines, const std::string& chain,
                const std::string& line) {
     int position = 0;
     for (const std::string& candidate : lines) {
-        if (candidate.rfind("-A " + chain + " ", 0) != 0) {
+        if (candidate.rfind(chainStart(chain), 0) != 0) {
             continue;
         }
         ++position;
@@ -124,8 +129,17 @@ std::size_t BaseFilter::loadedRules() const {
         std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
             return std::any_of(
                 FW::FW_FIREWALL_CHAINS.begin(), FW::FW_FIREWALL_CHAINS.end(),
-                [&](const std::string& chain) { return line.rfind("-A " + chain + " ", 0) == 0; });
+                [&](const std::string& chain) { return line.rfind(chainStart(chain), 0) == 0; });
         }));
+}
+
+bool BaseFilter::isClosed() const {
+    const std::vector<std::string> lines = rules();
+    const bool drops = contains(lines, "-P INPUT DROP") || contains(lines, "-P FORWARD DROP");
+    return drops && std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+               return line.rfind(chainStart(kReloadingChain), 0) == 0 &&
+                      line.find("ESTABLISHED") != std::string::npos;
+           });
 }
 
 void BaseFilter::add(const BaseParts& parts) const {

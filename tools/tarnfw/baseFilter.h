@@ -42,6 +42,9 @@ public:
     /// How many rules are in the two firewall chains.
     std::size_t loadedRules() const;
 
+    /// Whether the machine is closed as it is in the middle of a reload line by line.
+    bool isClosed() const;
+
     /// Adds `parts`: chains, then jumps, at the head of their chain and FIREWALL_RELOADING's first.
     void add(const BaseParts& parts) const;
 

@@ -8,6 +8,8 @@
 
 #include <json/json.h>
 
+#include "tarncore.h"
+
 #include "tarnfirewall/tarnFW.h"
 #include "tarnfirewall/tarnIptablesModule.h"
 
@@ -70,6 +72,40 @@ std::vector<AdapterState> adapterStates(const FW::FWPROFILE& profile) {
         states.push_back(state);
     }
     return states;
+}
+
+bool isClosed() {
+    const std::vector<BaseFilter> filters = baseFilters();
+    return std::any_of(filters.begin(), filters.end(),
+                       [](const BaseFilter& filter) { return filter.isClosed(); });
+}
+
+/// Whether a reload has ended in its middle. One that is going on has not.
+bool wasInterrupted() {
+    int lock = -1;
+    if (!isClosed() || TLIBCFileLockTimeByFile(kReloadLock, 1, 0, &lock) != 1) {
+        return false;
+    }
+    const bool closed = isClosed();  // the reload may have ended before the lock was taken
+    (void)TLIBCFileUnlockByFile(lock);
+    return closed;
+}
+
+/// Whether the active profile makes rules, none of which the kernel has. Rules that cannot be made
+/// are not there either.
+bool isNothingInForce(const std::string& active, const std::vector<FilterState>& filters) {
+    if (std::any_of(filters.begin(), filters.end(),
+                    [](const FilterState& filter) { return filter.loadedRules > 0; })) {
+        return false;
+    }
+    Json::Value commands;
+    if (!FW::TARNFW().fwIptablesRulesEnum(active, commands, true)) {
+        return true;
+    }
+    return std::any_of(commands.begin(), commands.end(), [](const Json::Value& family) {
+        return std::any_of(family.begin(), family.end(),
+                           [](const Json::Value& lines) { return !lines.empty(); });
+    });
 }
 
 std::vector<FilterState> filterStates() {
@@ -156,6 +192,20 @@ void printAdapters(const std::vector<AdapterState>& states) {
     table.print();
 }
 
+Cell firewallCell(bool enabled, bool nothingInForce) {
+    if (nothingInForce) {
+        return {"enabled, but nothing is in force; \"tarnfw reload\" tells why", Paint::kBad};
+    }
+    return {enabled ? "enabled" : "disabled", enabled ? Paint::kGood : Paint::kDoubtful};
+}
+
+/// A reload does nothing while the firewall is disabled.
+std::string interruptedText(bool enabled) {
+    return std::string("a reload was interrupted: the machine is closed to new connections; \"")
+        .append(enabled ? "tarnfw reload" : "tarnfw enable")
+        .append("\" mends it");
+}
+
 void status(bool json) {
     requireRoot();
     const bool enabled = firewallEnabled();
@@ -167,6 +217,8 @@ void status(bool json) {
     const std::vector<FilterState> filters = filterStates();
     const bool modules = FW::TARN_IPTABLES_MODULES::isModuleLoad(kModuleUser);
     const std::optional<TrialState> trial = trialState();
+    const bool interrupted = wasInterrupted();
+    const bool nothingInForce = enabled && isNothingInForce(active, filters);
     std::string applyMode;
     if (!FW::TARNFW().fwApplyMode(applyMode)) {
         throw CommandFailed("the settings cannot be read");
@@ -175,6 +227,8 @@ void status(bool json) {
     if (json) {
         Json::Value document;
         document["enabled"] = enabled;
+        document["nothingInForce"] = nothingInForce;
+        document["interruptedReload"] = interrupted;
         document["activeProfile"] = active;
         document["activeProfileExists"] = stored;
         document["applyMode"] = applyMode;
@@ -191,8 +245,10 @@ void status(bool json) {
         return;
     }
     Table table;
-    table.addRow({{"Firewall:"},
-                  {enabled ? "enabled" : "disabled", enabled ? Paint::kGood : Paint::kDoubtful}});
+    table.addRow({{"Firewall:"}, firewallCell(enabled, nothingInForce)});
+    if (interrupted) {
+        table.addRow({{""}, {interruptedText(enabled), Paint::kBad}});
+    }
     table.addRow({{"Active profile:"}, {stored ? active : active + " (there is none)"}});
     for (const FilterState& filter : filters) {
         table.addRow({{"Base filter:"},

@@ -20,6 +20,10 @@ inline constexpr char kSettingsFile[] = "/usr/tarn/etc/firewall.d/firewall_setti
 /// What lives until the next start of the machine: locks, and the records of running commands.
 inline constexpr char kRunDir[] = "/run/tarn";
 
+/// What the library holds while it reloads. A trial's rules must not go in between those of a
+/// reload: the library leaves that to its caller.
+inline constexpr char kReloadLock[] = "/tmp/firewall_iptables_exec.lock";
+
 /// The prefix of the names of test profiles, which a trial makes and takes away.
 inline constexpr char kTestPrefix[] = ".test_";
 

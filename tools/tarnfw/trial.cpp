@@ -24,8 +24,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A trial's rules must not go in between those of a reload: the library leaves that to its caller.
-constexpr char kReloadLock[] = "/tmp/firewall_iptables_exec.lock";
 constexpr int kLockSeconds = 30;
 
 Json::Value report(const std::string& name, const char* state, const std::string& reason) {

@@ -80,7 +80,7 @@ answers 1 enable
 step 'the settings are untouched' cmp "$kSettings" /tmp/settings
 step 'the filter is untouched' same_listing before
 answers 0 status
-says '^Firewall: *enabled$'
+says '^Firewall: *enabled, but nothing is in force; "tarnfw reload" tells why$'
 rm -- "$kSettings"
 
 # --- with it ---------------------------------------------------------------------------------------

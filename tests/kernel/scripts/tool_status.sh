@@ -53,7 +53,8 @@ prints <<<'lines: one command for each rule, behind closed doors'
 answers 0 enable
 answers 0 status --json
 prints_json <<END
-{"enabled": true, "activeProfile": "disabled_rule_and_absent_adapter", "activeProfileExists": true,
+{"enabled": true, "nothingInForce": false, "interruptedReload": false,
+ "activeProfile": "disabled_rule_and_absent_adapter", "activeProfileExists": true,
  "applyMode": "lines", "modulesLoaded": true, "trial": null,
  "kernel": {
   "v4": {"setUp": true, "inOrder": true, "base": "set up",
@@ -75,6 +76,49 @@ says '^Kernel modules: *loaded for the firewall$'
 says '^eth0  *'
 says 'not there now$'
 silent
+
+# --- enabled, and yet not in order -----------------------------------------------------------------
+
+# status_keys: what tells of disorder, in a line.
+status_keys() {
+    answers 0 status --json >&2
+    jq -c '[.enabled, .nothingInForce, .interruptedReload]' "$out/answer"
+}
+
+for tool in iptables ip6tables; do
+    "$tool" -F INPUT_FIREWALL
+    "$tool" -F FORWARD_FIREWALL
+done
+step 'nothing is in force' [ "$(status_keys)" = '[true,true,false]' ]
+answers 0 status
+says '^Firewall: *enabled, but nothing is in force; "tarnfw reload" tells why$'
+ip6tables -A INPUT_FIREWALL -j RETURN
+step 'one rule is something' [ "$(status_keys)" = '[true,false,false]' ]
+ip6tables -F INPUT_FIREWALL
+cat >"$kProfileDirectory/nothing.json" <<'END'
+{"name": "nothing", "adapterPolicyMap": {"global": 2}, "rules": {}}
+END
+answers 0 profile use nothing --reload
+answers 0 status
+says '^Firewall: *enabled$'
+answers 0 profile use disabled_rule_and_absent_adapter --reload
+
+# As a reload line by line leaves the machine when it is killed.
+ip6tables --policy INPUT DROP
+step 'a policy alone is the administrator'"'"'s' [ "$(status_keys)" = '[true,false,false]' ]
+ip6tables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT
+step 'a reload was interrupted' [ "$(status_keys)" = '[true,false,true]' ]
+answers 0 status
+says '^ *a reload was interrupted: the machine is closed to new connections; "tarnfw reload" mends it$'
+exec {lock}>/tmp/firewall_iptables_exec.lock
+/usr/bin/python3 -c 'import fcntl, struct, sys
+fcntl.fcntl(int(sys.argv[1]), 37, struct.pack("hhqqi", fcntl.F_WRLCK, 0, 0, 0, 0))' "$lock" # F_OFD_SETLK
+step 'not while one is going on' [ "$(status_keys)" = '[true,false,false]' ]
+exec {lock}>&-
+answers 0 reload
+step 'it is mended' [ "$(status_keys)" = '[true,false,false]' ]
+step 'the policies accept' policies_accept
+ip6tables -F FIREWALL_RELOADING
 
 # --- how rules are applied -------------------------------------------------------------------------
 
