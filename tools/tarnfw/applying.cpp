@@ -8,8 +8,36 @@
 #include "command.h"
 #include "output.h"
 #include "store.h"
+#include "storeChange.h"
+#include "wholeRun.h"
 
 namespace tarnfw {
+namespace {
+
+std::string applyingText() {
+    return "Applying the rules of \"" + activeProfile() + "\"";
+}
+
+}  // namespace
+
+bool enableFirewall() {
+    const StoreLock lock;
+    StoreChange change;
+    const bool enabled = runWhole(applyingText(), [] { return FW::TARNFW().fwEnable(); });
+    change.finish();
+    return enabled;
+}
+
+void disableFirewall() {
+    const StoreLock lock;
+    StoreChange change;
+    const bool disabled =
+        runWhole("Switching the firewall off", [] { return FW::TARNFW().fwDisable(); });
+    change.finish();
+    if (!disabled) {
+        throw CommandFailed("the firewall's settings cannot be written");
+    }
+}
 
 void reloadActive() {
     if (!firewallEnabled()) {
@@ -17,7 +45,7 @@ void reloadActive() {
         return;
     }
     requireBase();
-    if (!FW::TARNFW().fwReload(true)) {
+    if (!runWhole(applyingText(), [] { return FW::TARNFW().fwReload(true); })) {
         throw CommandFailed("the active profile was not applied");
     }
     std::cout << "Profile " << inQuotes(activeProfile()) << " applied\n";

@@ -7,6 +7,13 @@
 
 namespace tarnfw {
 
+/// Switches the firewall on and applies the active profile. Returns false, logged, where that
+/// failed. Runs to its end, as do all of these: see runWhole().
+bool enableFirewall();
+
+/// Switches the firewall off. Throws CommandFailed when the settings cannot be written.
+void disableFirewall();
+
 /// Applies the active profile where the firewall is enabled; says which it was. For commands that
 /// take "--reload".
 void reloadActive();

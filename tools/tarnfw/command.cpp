@@ -4,7 +4,16 @@
 
 #include <iostream>
 
+#include <boost/interprocess/exceptions.hpp>
+
 namespace tarnfw {
+
+std::string reasonOf(const std::exception& error) {
+    const bool isLock =
+        dynamic_cast<const boost::interprocess::interprocess_exception*>(&error) != nullptr;
+    return std::string(isLock ? "a lock file below /var/lock/firewall cannot be opened: " : "") +
+           error.what();
+}
 
 void endWith(ExitStatus status) {
     throw CLI::RuntimeError(status);

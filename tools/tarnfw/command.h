@@ -1,6 +1,7 @@
 /// What every command shares: how it ends, what it takes, and what it asks.
 #pragma once
 
+#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -27,6 +28,9 @@ public:
 private:
     ExitStatus status_;
 };
+
+/// Why something failed, for the person at the terminal.
+std::string reasonOf(const std::exception& error);
 
 /// Ends a command that has said all it had to say with an exit status of its own.
 [[noreturn]] void endWith(ExitStatus status);

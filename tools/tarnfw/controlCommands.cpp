@@ -27,11 +27,7 @@ void enable(bool yes) {
     requireRoot();
     requireBase();
     requireSshAccess("", yes, "Enable all the same?");
-    const StoreLock lock;
-    StoreChange change;
-    const bool enabled = FW::TARNFW().fwEnable();
-    change.finish();
-    if (!enabled) {
+    if (!enableFirewall()) {
         throw CommandFailed("the firewall was not enabled as it should be");
     }
     std::cout << "Firewall enabled with profile " << inQuotes(activeProfile()) << '\n';
@@ -39,13 +35,7 @@ void enable(bool yes) {
 
 void disable() {
     requireRoot();
-    const StoreLock lock;
-    StoreChange change;
-    const bool disabled = FW::TARNFW().fwDisable();
-    change.finish();
-    if (!disabled) {
-        throw CommandFailed("the firewall's settings cannot be written");
-    }
+    disableFirewall();
     std::cout << "Firewall disabled\n";
 }
 

@@ -1,5 +1,4 @@
 /// tarnfw import: replaces the whole configuration by an exported one.
-#include <signal.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -29,6 +28,7 @@
 #include "exportCheck.h"
 #include "importPlan.h"
 #include "output.h"
+#include "signalsWait.h"
 #include "store.h"
 #include "storeChange.h"
 #include "wholeFile.h"
@@ -138,26 +138,6 @@ std::string recovery(const std::string& path, const Json::Value& backup) {
 
 // ---- Replacing ----------------------------------------------------------------------------------
 
-/// Signals that would end the tool wait until the object is gone: between the first profile that is
-/// deleted and the last one that is written, the store is not whole.
-class SignalsWait {
-public:
-    SignalsWait() {
-        sigset_t signals;
-        sigemptyset(&signals);
-        for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE}) {
-            sigaddset(&signals, number);
-        }
-        sigprocmask(SIG_BLOCK, &signals, &before_);
-    }
-    ~SignalsWait() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
-    SignalsWait(const SignalsWait&) = delete;
-    SignalsWait& operator=(const SignalsWait&) = delete;
-
-private:
-    sigset_t before_{};
-};
-
 /// Imports, and looks at what is there then: the library passes over a profile that it cannot
 /// write, and does not notice a full disk. Returns why it failed; empty when it did not.
 std::string faultOfReplacing(const Json::Value& document) {
@@ -173,7 +153,7 @@ std::string faultOfReplacing(const Json::Value& document) {
 
 /// Replaces the configuration, or leaves the one that was there.
 void replace(const Json::Value& document, const Json::Value& current, const std::string& backup) {
-    const SignalsWait wait;
+    const SignalsWait wait;  // between the first file deleted and the last written, none is whole
     StoreChange change;
     const std::string fault = faultOfReplacing(document);
     if (fault.empty()) {
@@ -193,8 +173,8 @@ void replace(const Json::Value& document, const Json::Value& current, const std:
 void apply(bool reload, bool wasEnabled) {
     const bool enabled = firewallEnabled();
     if (!enabled && wasEnabled) {
-        if (reload && !FW::TARNFW().fwDisable()) {
-            throw CommandFailed("the firewall's settings cannot be written");
+        if (reload) {
+            disableFirewall();
         }
         std::cout << (reload ? "Firewall disabled\n"
                              : "The firewall is now disabled in the settings; the kernel still has "

@@ -12,7 +12,6 @@
 #include <memory>
 
 #include <CLI/CLI.hpp>
-#include <boost/interprocess/exceptions.hpp>
 
 #include "command.h"
 #include "commands.h"
@@ -84,11 +83,8 @@ int main(int argc, char** argv) {
     } catch (const tarnfw::CommandFailed& failure) {
         std::cerr << "tarnfw: " << failure.what() << '\n';
         return failure.status();
-    } catch (const boost::interprocess::interprocess_exception& error) {
-        std::cerr << "tarnfw: a lock file below /var/lock/firewall cannot be opened: "
-                  << error.what() << '\n';
     } catch (const std::exception& error) {
-        std::cerr << "tarnfw: " << error.what() << '\n';
+        std::cerr << "tarnfw: " << tarnfw::reasonOf(error) << '\n';
     }
     return tarnfw::kExitFailed;
 }

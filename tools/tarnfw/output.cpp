@@ -17,11 +17,11 @@ constexpr std::size_t kGap = 2;              // blanks between two columns
 constexpr std::size_t kNarrowest = 4;        // no column is wrapped below this
 constexpr std::size_t kProgressParts = 200;  // a terminal is not written to more often
 
-bool colourWanted() {
+bool colourWanted(int fd) {
     const char* const refusal = std::getenv("NO_COLOR");
     const char* const terminal = std::getenv("TERM");
-    return isatty(STDOUT_FILENO) == 1 && (refusal == nullptr || *refusal == '\0') &&
-           terminal != nullptr && std::string(terminal) != "dumb";
+    return isatty(fd) == 1 && (refusal == nullptr || *refusal == '\0') && terminal != nullptr &&
+           std::string(terminal) != "dumb";
 }
 
 const char* colourOf(Paint paint) {
@@ -44,6 +44,13 @@ const char* colourOf(Paint paint) {
 /// A byte within a UTF-8 character, not the first one.
 bool isContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xc0U) == 0x80U;
+}
+
+std::string inColour(const std::string& text, Paint paint) {
+    if (paint == Paint::kPlain) {
+        return text;
+    }
+    return std::string("\033[").append(colourOf(paint)).append("m").append(text).append("\033[0m");
 }
 
 /// The terminal's columns that a text takes.
@@ -199,10 +206,12 @@ std::vector<std::string> wrapped(const std::string& text, std::size_t width) {
 }
 
 std::string painted(const std::string& text, Paint paint) {
-    if (paint == Paint::kPlain || !colourWanted()) {
-        return text;
-    }
-    return std::string("\033[").append(colourOf(paint)).append("m").append(text).append("\033[0m");
+    return colourWanted(STDOUT_FILENO) ? inColour(text, paint) : text;
+}
+
+void warn(const std::string& text) {
+    const std::string line = "tarnfw: " + printable(text);
+    std::cerr << (colourWanted(STDERR_FILENO) ? inColour(line, Paint::kDoubtful) : line) << '\n';
 }
 
 void Table::print(std::size_t indent) const {
@@ -253,11 +262,18 @@ std::string counted(std::size_t number, const std::string& noun) {
     return std::to_string(number).append(" ").append(noun).append(number == 1 ? "" : "s");
 }
 
+Progress::Progress(const std::string& what)
+    : what_(printable(what)), total_(0), shown_(isatty(STDERR_FILENO) == 1), written_(shown_) {
+    if (shown_) {
+        std::cerr << what_ << " ..." << std::flush;
+    }
+}
+
 Progress::Progress(std::string what, std::size_t total)
     : what_(std::move(what)), total_(total), shown_(isatty(STDERR_FILENO) == 1) {}
 
 Progress::~Progress() {
-    if (shown_ && done_ > 0) {
+    if (written_) {
         std::cerr << "\r\033[K" << std::flush;
     }
 }
@@ -266,6 +282,7 @@ void Progress::step() {
     ++done_;
     const std::size_t part = std::max<std::size_t>(total_ / kProgressParts, 1);
     if (shown_ && done_ % part == 0) {
+        written_ = true;
         std::cerr << '\r' << what_ << ": " << done_ << " of " << total_ << std::flush;
     }
 }

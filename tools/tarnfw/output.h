@@ -28,6 +28,9 @@ enum class Paint { kPlain, kGood, kBad, kDoubtful, kFaint, kStrong };
 /// The text in the colour of `paint`: on a terminal, and unless NO_COLOR is set.
 std::string painted(const std::string& text, Paint paint);
 
+/// Prints a line of warning, "tarnfw: ...", to standard error.
+void warn(const std::string& text);
+
 /// One cell of a table. Its text is made printable.
 struct Cell {
     std::string text;
@@ -61,7 +64,10 @@ std::string counted(std::size_t number, const std::string& noun);
 /// How far long work has come, on standard error when that is a terminal; gone when it is done.
 class Progress {
 public:
-    /// `what` is such as "Loading lines".
+    /// For work in one piece, such as "Applying the rules": "`what` ..." is there at once.
+    explicit Progress(const std::string& what);
+
+    /// For work in `total` steps; `what` is such as "Loading lines".
     Progress(std::string what, std::size_t total);
     ~Progress();
     Progress(const Progress&) = delete;
@@ -74,6 +80,7 @@ private:
     std::size_t total_;
     std::size_t done_ = 0;
     bool shown_;
+    bool written_ = false;
 };
 
 }  // namespace tarnfw

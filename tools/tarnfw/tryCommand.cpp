@@ -23,6 +23,7 @@
 #include "store.h"
 #include "storeChange.h"
 #include "trial.h"
+#include "wholeRun.h"
 
 namespace tarnfw {
 namespace {
@@ -77,6 +78,7 @@ void leaveTerminal() {
     const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
     (void)dup2(nothing, STDIN_FILENO);
     (void)dup2(nothing, STDOUT_FILENO);
+    (void)signal(SIGPIPE, SIG_IGN);  // the library's log may go to a pipe that nobody reads
 }
 
 /// Starts the watchdog; returns the connection to it.
@@ -193,13 +195,24 @@ void conclude(const std::string& name, const Json::Value& report) {
     throw CommandFailed(profile + " was not kept: " + reason);
 }
 
+/// Takes a trial back where no watchdog does.
+bool goBackWhole(const std::string& name) {
+    return runWhole("Going back", [&] { return revertTrial(name); });
+}
+
 /// The watchdog was killed: this process is the only one left that can go back.
 void goBackWithoutWatchdog(const std::string& name) {
-    const bool reverted = revertTrial(name);
+    const bool reverted = goBackWhole(name);
     stopListening();
     throw CommandFailed("profile " + inQuotes(name) + " was not kept: the watchdog was killed" +
                         (reverted ? "; the active profile's rules are in force again"
                                   : ", and the active profile was not applied again"));
+}
+
+/// How the beginning of the trial went; nothing when the watchdog is gone.
+std::optional<Json::Value> firstReport(const Trial& trial, const Channel& watchdog) {
+    const Progress progress("Applying the rules of \"" + trial.name + "\"");
+    return watchdog.receive();
 }
 
 void tryProfile(const TryOptions& options) {
@@ -209,7 +222,7 @@ void tryProfile(const TryOptions& options) {
     pid_t process = -1;
     std::cout << std::flush;
     const Channel watchdog = startWatchdog(trial, process);
-    std::optional<Json::Value> report = watchdog.receive();
+    std::optional<Json::Value> report = firstReport(trial, watchdog);
     if (report && report->get("state", "").asString() == kTrialGoesOn) {
         report = Countdown(trial, watchdog, signals).wait();
     }
@@ -248,7 +261,7 @@ void cancelAbandonedTrial() {
     if (!name) {
         throw CommandFailed("no trial is going on");
     }
-    const bool reverted = revertTrial(*name);
+    const bool reverted = goBackWhole(*name);
     stopListening();
     if (!reverted) {
         throw CommandFailed("the active profile was not applied again");

@@ -190,6 +190,23 @@ TEST(PaintedTest, DoesNotColourWhereSomebodyDoesNotWantIt) {
     EXPECT_EQ(painted("blocked", Paint::kBad), "\033[31mblocked\033[0m");
 }
 
+TEST(ProgressTest, NothingIsShownInAFile) {
+    testing::internal::CaptureStderr();
+    {
+        const Progress whole("Applying the rules");
+        Progress steps("Loading lines", 2);
+        steps.step();
+        steps.step();
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST(WarnTest, ALineOfTextInAFile) {
+    testing::internal::CaptureStderr();
+    warn("a\033[2Jb");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "tarnfw: a?[2Jb\n");
+}
+
 TEST(CountedTest, OneIsSingular) {
     EXPECT_EQ(counted(0, "rule"), "0 rules");
     EXPECT_EQ(counted(1, "rule"), "1 rule");

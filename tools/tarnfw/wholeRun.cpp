@@ -1,0 +1,139 @@
+#include "wholeRun.h"
+
+#include <sys/mman.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <exception>
+#include <iostream>
+#include <sstream>
+
+#include <boost/algorithm/string/predicate.hpp>
+
+#include "command.h"
+#include "output.h"
+#include "signalsWait.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr int kSucceeded = 0;
+constexpr int kFailed = 1;
+constexpr int kThrew = 2;
+
+/// A text without a name that both processes have.
+class SharedText {
+public:
+    explicit SharedText(const char* name) : fd_(memfd_create(name, MFD_CLOEXEC)) {
+        if (fd_ < 0) {
+            throw CommandFailed("there is no memory for the messages of a reload");
+        }
+    }
+    ~SharedText() { (void)close(fd_); }
+    SharedText(const SharedText&) = delete;
+    SharedText& operator=(const SharedText&) = delete;
+
+    int fd() const { return fd_; }
+
+    void write(const std::string& text) const {
+        for (std::size_t written = 0; written < text.size();) {
+            const ssize_t bytes = ::write(fd_, text.data() + written, text.size() - written);
+            if (bytes <= 0) {
+                return;
+            }
+            written += static_cast<std::size_t>(bytes);
+        }
+    }
+
+    std::string read() const {
+        std::string text;
+        char part[4096];
+        for (;;) {
+            const ssize_t bytes = pread(fd_, part, sizeof part, static_cast<off_t>(text.size()));
+            if (bytes <= 0) {
+                return text;
+            }
+            text.append(part, static_cast<std::size_t>(bytes));
+        }
+    }
+
+private:
+    int fd_;
+};
+
+/// The new process. It never returns into what the old one was doing.
+[[noreturn]] void work(const std::function<bool()>& change, const SharedText& errors,
+                       const SharedText& reason) {
+    (void)setsid();
+    (void)dup2(errors.fd(), STDERR_FILENO);
+    // The number tells the lines of the log from those of other programs.
+    openlog("tarnfw", LOG_PERROR | LOG_PID, LOG_USER);
+    int status = kThrew;
+    try {
+        status = change() ? kSucceeded : kFailed;
+        std::cout << std::flush;
+    } catch (const std::exception& error) {
+        reason.write(reasonOf(error));
+    }
+    _exit(status);
+}
+
+/// The exit status; -1 when it was killed.
+int statusOf(pid_t process) {
+    int status = 0;
+    pid_t ended = -1;
+    do {
+        ended = waitpid(process, &status, 0);
+    } while (ended < 0 && errno == EINTR);
+    return ended == process && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+/// Hands on what the process wrote; lines of the log only `withLog`.
+void print(const std::string& errors, pid_t process, bool withLog) {
+    const std::string start = "tarnfw[" + std::to_string(process) + "]: ";
+    std::istringstream lines(errors);
+    for (std::string line; std::getline(lines, line);) {
+        if (!boost::starts_with(line, start)) {
+            std::cerr << line << '\n';
+        } else if (withLog) {
+            std::cerr << "tarnfw: " << line.substr(start.size()) << '\n';
+        }
+    }
+}
+
+}  // namespace
+
+bool runWhole(const std::string& what, const std::function<bool()>& change) {
+    const SharedText errors("errors");
+    const SharedText reason("reason");
+    std::cout << std::flush;  // or both would print it
+    const SignalsWait wait;
+    int status = -1;
+    pid_t process = -1;
+    {
+        const Progress progress(what);
+        process = fork();
+        if (process < 0) {
+            throw CommandFailed("cannot start a process");
+        }
+        if (process == 0) {
+            work(change, errors, reason);
+        }
+        status = statusOf(process);
+    }
+    print(errors.read(), process, status != kSucceeded);
+    if (status == kThrew) {
+        throw CommandFailed(reason.read());
+    }
+    if (status < 0) {
+        throw CommandFailed(
+            "a process was killed in the middle of its work; \"tarnfw status\" "
+            "tells how far it came");
+    }
+    return status == kSucceeded;
+}
+
+}  // namespace tarnfw
