@@ -113,6 +113,7 @@ private:
         if (!commandsFor(profile, way_, commands)) {
             return false;
         }
+        const Progress progress("Loading the rules of \"" + profile + "\"");
         makeKernel();
         return std::all_of(std::begin(kFamilies), std::end(kFamilies), [&](const char* family) {
             const std::string text = FW::FW_BATCH().restoreText(commands, family);

@@ -46,7 +46,9 @@ struct TryOptions {
 void requireTriable(const std::string& name) {
     requireProfile(name);
     if (!firewallEnabled()) {
-        throw CommandFailed("the firewall is disabled: there is nothing to go back to");
+        throw CommandFailed(
+            "the firewall is disabled: there is nothing to go back to; \"tarnfw enable\" "
+            "switches it on");
     }
     if (name == activeProfile()) {
         throw CommandFailed("profile " + inQuotes(name) +
@@ -153,8 +155,7 @@ private:
     void announce() const {
         std::cout << "The rules of " << inQuotes(trial_.name) << " are in force for "
                   << counted(static_cast<std::size_t>(trial_.timeout.count()), "second") << ".\n"
-                  << (onTerminal_ ? "Press Enter to keep them, Ctrl-C to go back; elsewhere, "
-                                  : "To keep them, ")
+                  << (onTerminal_ ? "Press Enter to keep them, Ctrl-C to go back; elsewhere, " : "")
                   << "\"tarnfw try --confirm\" keeps them.\n"
                   << std::flush;
     }

@@ -24,7 +24,11 @@ in_background() {
     trial=$!
     exec {reports}<"$out/trial.fifo"
     rm -- "$out/trial.fifo"
-    grep --quiet 'are in force' <&"$reports" || fail 'the trial does not begin'
+    local line way
+    read -r line <&"$reports"
+    [[ $line == *'are in force'* ]] || fail "the trial does not begin: $line"
+    read -r way <&"$reports"
+    [[ $way == '"tarnfw try --confirm" keeps them.' ]] || fail "not how to keep them: $way"
 }
 
 # ends STATUS: the trial in the background ends with it.
@@ -61,7 +65,7 @@ cp -- "$checkout/tests/kernel/cases/deny_ssh_on_one_adapter/profile.json" "$kPro
 new=deny_ssh_on_one_adapter
 
 answers 1 try "$new"
-complains '^tarnfw: the firewall is disabled: there is nothing to go back to$'
+complains '^tarnfw: the firewall is disabled: there is nothing to go back to; "tarnfw enable" switches it on$'
 activate "$new"
 answers 0 enable
 keep_listing new
