@@ -1,12 +1,16 @@
 #include "applying.h"
 
+#include <algorithm>
 #include <iostream>
+#include <vector>
 
 #include "tarnfirewall/tarnFW.h"
 
 #include "baseFilter.h"
 #include "command.h"
 #include "output.h"
+#include "profileCheck.h"
+#include "sshGuard.h"
 #include "store.h"
 #include "storeChange.h"
 #include "wholeRun.h"
@@ -14,11 +18,70 @@
 namespace tarnfw {
 namespace {
 
+constexpr char kQuestion[] = "Apply it all the same?";
+
 std::string applyingText() {
     return "Applying the rules of \"" + activeProfile() + "\"";
 }
 
+/// That a profile does not check; empty when it does.
+std::string errorsText(const FW::FWPROFILE& profile) {
+    const std::size_t errors = errorsOf(profile);
+    const std::string name = printable(profile.name);
+    return errors == 0
+               ? std::string()
+               : "profile \"" + name + "\" has " + counted(errors, "error") + "; \"tarnfw check " +
+                     name + "\" names " + (errors == 1 ? "it" : "them");
+}
+
 }  // namespace
+
+void addReloadFlag(CLI::App& command, ReloadOptions& options, const char* yesHelp) {
+    command.add_flag("--reload", options.wanted, "Apply the active profile afterwards");
+    command.add_flag("--yes", options.yes, yesHelp);
+}
+
+void requireSound(const FW::FWPROFILE& profile) {
+    const std::string text = errorsText(profile);
+    if (!text.empty()) {
+        throw CommandFailed(text + "; nothing was changed", kExitUnchecked);
+    }
+}
+
+void warnAboutErrors(const FW::FWPROFILE& profile) {
+    const std::string text = errorsText(profile);
+    if (!text.empty()) {
+        warn(text);
+    }
+}
+
+void requireReloadable(const ReloadOptions& options) {
+    if (options.wanted && firewallEnabled()) {
+        requireBase();
+    }
+}
+
+void requireAppliable(const FW::FWPROFILE& changed, const ReloadOptions& options,
+                      bool becomesActive) {
+    const bool goesIn =
+        options.wanted && firewallEnabled() && (becomesActive || changed.name == activeProfile());
+    if (!goesIn) {
+        warnAboutErrors(changed);
+        return;
+    }
+    requireSound(changed);
+    requireSshAccess(changed, options.yes, kQuestion);
+}
+
+void confirmReload(const ReloadOptions& options) {
+    if (!options.wanted || !firewallEnabled()) {
+        return;
+    }
+    const FW::FWPROFILE active = loadProfile("");
+    warnAboutErrors(active);
+    requireSshAccess(active, options.yes, kQuestion,
+                     "the change is stored, but the kernel still has the old rules");
+}
 
 bool enableFirewall() {
     const StoreLock lock;
@@ -46,32 +109,38 @@ void reloadActive() {
     }
     requireBase();
     if (!runWhole(applyingText(), [] { return FW::TARNFW().fwReload(true); })) {
-        throw CommandFailed("the active profile was not applied");
+        throw CommandFailed("the active profile was not applied: " + stateNow());
     }
     std::cout << "Profile " << inQuotes(activeProfile()) << " applied\n";
 }
 
-void addReloadFlag(CLI::App& command, bool& reload) {
-    command.add_flag("--reload", reload, "Apply the active profile afterwards");
-}
-
-void requireReloadable(bool reload) {
-    if (reload && firewallEnabled()) {
-        requireBase();
+std::string stateNow() {
+    if (!firewallEnabled()) {
+        return "the firewall is off now";
     }
+    const std::vector<BaseFilter> filters = baseFilters();
+    const bool empty = std::all_of(filters.begin(), filters.end(), [](const BaseFilter& filter) {
+        return filter.loadedRules() == 0;
+    });
+    return empty ? "no rules are in force, the machine is open"
+                 : "the kernel still has the old rules";
 }
 
-void finishChange(const std::string& profile, bool reload) {
+void finishChange(const std::string& profile, const ReloadOptions& options) {
     if (profile != activeProfile()) {
-        if (reload) {
+        if (options.wanted) {
             std::cout << "Profile " << inQuotes(profile)
                       << " is not the active one: nothing to reload\n";
         }
-    } else if (reload) {
+    } else if (options.wanted) {
         reloadActive();
     } else if (firewallEnabled()) {
-        std::cout << "the kernel still has the old rules; \"tarnfw reload\" applies them\n";
+        sayOldRules();
     }
+}
+
+void sayOldRules() {
+    std::cout << "The kernel still has the old rules; \"tarnfw reload\" applies the new ones\n";
 }
 
 }  // namespace tarnfw

@@ -1,9 +1,14 @@
 /// tarnfw enable, disable, reload, apply-mode.
+#include <algorithm>
+#include <exception>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <json/json.h>
+
+#include "tarncore.h"
 
 #include "tarnfirewall/tarnFW.h"
 
@@ -12,6 +17,7 @@
 #include "command.h"
 #include "commands.h"
 #include "output.h"
+#include "signalsWait.h"
 #include "sshGuard.h"
 #include "store.h"
 #include "storeChange.h"
@@ -23,26 +29,68 @@ namespace {
 constexpr char kLinesMode[] = "lines";
 constexpr char kBatchMode[] = "batch";
 
+/// Switches the firewall on; where that fails and it was off, it is off again.
+void enableOrGoBack() {
+    const SignalsWait wait;
+    const bool wasEnabled = firewallEnabled();
+    std::string reason;
+    try {
+        if (enableFirewall()) {
+            return;
+        }
+        reason = "the rules could not be put in force";
+    } catch (const CommandFailed& failure) {
+        reason = failure.what();
+    }
+    if (!wasEnabled && firewallEnabled()) {
+        disableFirewall();
+    }
+    throw CommandFailed(reason + (wasEnabled ? ": " + stateNow() : "; the firewall stays off"));
+}
+
 void enable(bool yes) {
     requireRoot();
     requireBase();
-    requireSshAccess("", yes, "Enable all the same?");
-    if (!enableFirewall()) {
-        throw CommandFailed("the firewall was not enabled as it should be");
-    }
-    std::cout << "Firewall enabled with profile " << inQuotes(activeProfile()) << '\n';
+    const FW::FWPROFILE profile = loadProfile("");
+    requireSound(profile);
+    requireSshAccess(profile, yes, "Enable all the same?");
+    enableOrGoBack();
+    std::cout << "Firewall enabled with profile " << inQuotes(activeProfile()) << "\n";
+}
+
+/// Whether there is nothing that the firewall could be switched off in.
+bool isFresh() {
+    const std::vector<BaseFilter> filters = baseFilters();
+    return TLIBCFileExist(kSettingsFile) != 1 &&
+           std::all_of(filters.begin(), filters.end(), [](const BaseFilter& filter) {
+               return filter.missing().chains.size() == wholeBase().chains.size();
+           });
 }
 
 void disable() {
     requireRoot();
-    disableFirewall();
+    if (!isFresh()) {
+        disableFirewall();
+    }
     std::cout << "Firewall disabled\n";
+}
+
+/// What is wrong with the active profile. A reload of it goes on: it is in force already, or was.
+void warnAboutActive() {
+    try {
+        const FW::FWPROFILE profile = loadProfile("");
+        warnAboutErrors(profile);
+        warnAboutSsh(profile);
+    } catch (const std::exception&) {
+        return;  // it cannot be read; the reload itself says so
+    }
 }
 
 void reload() {
     requireRoot();
     if (firewallEnabled()) {
-        warnAboutSsh("");
+        requireBase();
+        warnAboutActive();
     }
     reloadActive();
 }

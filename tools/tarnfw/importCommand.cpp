@@ -21,6 +21,7 @@
 #include "tarnfirewall/tarnFW.h"
 
 #include "applying.h"
+#include "baseFilter.h"
 #include "command.h"
 #include "commands.h"
 #include "configuration.h"
@@ -29,6 +30,7 @@
 #include "importPlan.h"
 #include "output.h"
 #include "signalsWait.h"
+#include "sshGuard.h"
 #include "store.h"
 #include "storeChange.h"
 #include "wholeFile.h"
@@ -45,9 +47,8 @@ constexpr mode_t kBackupFileMode = 0600;
 struct Options {
     std::string path;
     bool dryRun = false;
-    bool yes = false;
     bool force = false;
-    bool reload = false;
+    ReloadOptions reload;
     bool json = false;
 };
 
@@ -136,6 +137,11 @@ std::string recovery(const std::string& path, const Json::Value& backup) {
     return "tarnfw import " + std::string(whole ? "" : "--force ") + path;
 }
 
+/// The same for a configuration that is in force at once.
+std::string goingBack(const std::string& path, const Json::Value& backup) {
+    return recovery(path, backup) + " --reload";
+}
+
 // ---- Replacing ----------------------------------------------------------------------------------
 
 /// Imports, and looks at what is there then: the library passes over a profile that it cannot
@@ -169,8 +175,18 @@ void replace(const Json::Value& document, const Json::Value& current, const std:
         (backup.empty() ? "" : "; \"" + recovery(backup, current) + "\" tries again"));
 }
 
+/// Applies what was imported. Where that fails, says how to go back.
+void applyImported(const std::string& goingBack) {
+    try {
+        reloadActive();
+    } catch (const CommandFailed& failure) {
+        throw CommandFailed(std::string("the import is stored, but ") + failure.what() +
+                            (goingBack.empty() ? "" : "; \"" + goingBack + "\" goes back"));
+    }
+}
+
 /// Says what the import means for the kernel, or does it with --reload.
-void apply(bool reload, bool wasEnabled) {
+void apply(bool reload, bool wasEnabled, const std::string& goingBack) {
     const bool enabled = firewallEnabled();
     if (!enabled && wasEnabled) {
         if (reload) {
@@ -180,9 +196,9 @@ void apply(bool reload, bool wasEnabled) {
                              : "The firewall is now disabled in the settings; the kernel still has "
                                "the old rules until \"tarnfw disable\"\n");
     } else if (reload) {
-        reloadActive();
+        applyImported(goingBack);
     } else if (enabled) {
-        std::cout << "The kernel still has the old rules; \"tarnfw reload\" applies the new ones\n";
+        sayOldRules();
     }
 }
 
@@ -190,7 +206,7 @@ void apply(bool reload, bool wasEnabled) {
 
 /// Asks, unless the answer was given already.
 void requireConsent(const Options& options) {
-    if (options.yes) {
+    if (options.reload.yes) {
         return;
     }
     if (options.path == kStandardInput || isatty(STDIN_FILENO) != 1) {
@@ -199,6 +215,30 @@ void requireConsent(const Options& options) {
     }
     if (!confirmed("Replace the configuration?")) {
         throw CommandFailed("nothing was imported");
+    }
+}
+
+/// A setting as it will be: members that the document does not have stay.
+Json::Value settingAfter(const char* key, const Json::Value& current, const Json::Value& document) {
+    const Json::Value& imported = document[kConfigSettings];
+    return imported.isMember(key) ? imported[key] : current[kConfigSettings][key];
+}
+
+/// For "--reload": asks when the profile that would be in force keeps out who is connected over
+/// SSH.
+void requireWayBackIn(const Options& options, const Json::Value& current,
+                      const Json::Value& document) {
+    if (!options.reload.wanted || settingAfter("status", current, document) != true) {
+        return;
+    }
+    requireBase();
+    const Json::Value name = settingAfter("profile", current, document);
+    for (const Json::Value& profile : document[kConfigProfiles]) {
+        if (profile["name"] == name) {
+            FW::FWPROFILE record;
+            FW::TARNFW_JSON_DB().jsonToProfile(profile, record);
+            requireSshAccess(record, options.reload.yes, "Import and apply it all the same?");
+        }
     }
 }
 
@@ -222,6 +262,7 @@ void importAll(const Options& options) {
         return;
     }
     requireConsent(options);
+    requireWayBackIn(options, current, document);
     makeDirectory(kProfileDir);
     std::string backup;
     if (!current[kConfigProfiles].empty()) {
@@ -233,7 +274,7 @@ void importAll(const Options& options) {
     replace(document, current, backup);
     std::cout << "Imported " << counted(document[kConfigProfiles].size(), "profile")
               << "; active: " << printable(activeProfile()) << '\n';
-    apply(options.reload, wasEnabled);
+    apply(options.reload.wanted, wasEnabled, backup.empty() ? "" : goingBack(backup, current));
 }
 
 }  // namespace
@@ -247,11 +288,10 @@ void addImportCommand(CLI::App& app) {
     command->add_option("FILE", options->path, "The document; - for standard input")->required();
     CLI::Option* const dryRun =
         command->add_flag("--dry-run", options->dryRun, "Only say what would change");
-    command->add_flag("--yes", options->yes, "Do not ask");
     command->add_flag("--force", options->force,
                       "Import profiles with errors, too: for a backup of such profiles. A document "
                       "of a wrong shape is refused all the same");
-    command->add_flag("--reload", options->reload, "Apply the imported configuration");
+    addReloadFlag(*command, options->reload, "Do not ask");
     command
         ->add_flag("--json", options->json,
                    "With --dry-run: print one JSON document instead of text")

@@ -1,5 +1,9 @@
 #include "profileCheck.h"
 
+#include <algorithm>
+
+#include "tarnfirewall/fwDB.h"
+
 #include "machine.h"
 #include "meaningCheck.h"
 #include "schemaCheck.h"
@@ -20,6 +24,17 @@ std::vector<Finding> checkProfile(const Json::Value& document) {
     append(findings, checkMeaning(document, machine));
     append(findings, checkShadows(document, findings, machine));
     return findings;
+}
+
+std::size_t errorsOf(const FW::FWPROFILE& profile) {
+    Json::Value document;
+    FW::TARNFW_JSON_DB().profileToJson(profile, document);
+    // Without the rules that have no effect: to find them takes longest, and they are no errors.
+    Machine machine;
+    std::vector<Finding> findings = checkSchema(document, kProfileSchema);
+    append(findings, checkMeaning(document, machine));
+    return static_cast<std::size_t>(std::count_if(
+        findings.begin(), findings.end(), [](const Finding& finding) { return finding.isError; }));
 }
 
 }  // namespace tarnfw

@@ -1,10 +1,13 @@
 /// What is wrong with a profile's document, in words for the person who wrote it.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
 #include <json/json.h>
+
+#include "tarnfirewall/fwTypes.h"
 
 #include "finding.h"
 
@@ -17,5 +20,8 @@ namespace tarnfw {
 /// rules without effect. Reads the catalogue, the interfaces and the country database; changes
 /// nothing.
 std::vector<Finding> checkProfile(const Json::Value& document);
+
+/// How many errors a check of the profile finds.
+std::size_t errorsOf(const FW::FWPROFILE& profile);
 
 }  // namespace tarnfw

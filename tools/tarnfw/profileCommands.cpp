@@ -17,6 +17,7 @@
 #include "output.h"
 #include "profileCommands.h"
 #include "profileDocument.h"
+#include "signalsWait.h"
 #include "store.h"
 #include "storeChange.h"
 
@@ -110,6 +111,7 @@ void copy(const std::string& oldName, const std::string& newName) {
     requireNewName(newName);
     profile.name = newName;
     storeProfile(profile);
+    warnAboutErrors(profile);
     std::cout << "Profile " << inQuotes(newName) << " created, a copy of " << inQuotes(oldName)
               << '\n';
 }
@@ -146,27 +148,51 @@ void remove(const std::string& name) {
 
 // ---- use ----
 
-void use(const std::string& name, bool reload) {
+void setActive(const std::string& name) {
+    StoreChange change;
+    const bool set = FW::TARNFW().fwProfileConfigSet(name, false);
+    change.finish();
+    if (!set) {
+        throw CommandFailed("the settings cannot be written");
+    }
+}
+
+/// Applies the new active profile; where that fails, the one before is the active one again, or
+/// every later reload would fail.
+void reloadOrGoBack(const std::string& name, const std::string& before) {
+    try {
+        reloadActive();
+    } catch (const CommandFailed& failure) {
+        const StoreLock lock;
+        if (before == name || activeProfile() != name) {
+            throw;
+        }
+        setActive(before);
+        throw CommandFailed(std::string(failure.what()) + "; " + inQuotes(before) +
+                            " is the active profile again");
+    }
+}
+
+void use(const std::string& name, const ReloadOptions& reload) {
     requireRoot();
     requireReloadable(reload);
+    const FW::FWPROFILE profile = loadProfile(name);
+    requireSound(profile);  // a reload of it would leave the machine open
+    requireAppliable(profile, reload, /*becomesActive=*/true);
+    const SignalsWait wait;
+    std::string before;
     {
         const StoreLock lock;
         requireProfile(name);
-        // A reload of what cannot be translated would leave the machine open.
-        FW::TARNFW firewall;
-        Json::Value commands;
-        if (!firewall.fwIptablesRulesEnum(name, commands, true)) {
-            throw CommandFailed("profile " + inQuotes(name) + " cannot be translated");
-        }
-        StoreChange change;
-        const bool set = firewall.fwProfileConfigSet(name, false);
-        change.finish();
-        if (!set) {
-            throw CommandFailed("the settings cannot be written");
-        }
+        before = activeProfile();
+        setActive(name);
     }
     std::cout << "Profile " << inQuotes(name) << " is the active one now\n";
-    finishChange(name, reload);
+    if (reload.wanted && firewallEnabled()) {
+        reloadOrGoBack(name, before);
+    } else {
+        finishChange(name, reload);
+    }
 }
 
 // ---- Options ----
@@ -224,7 +250,7 @@ void addDelete(CLI::App& group) {
 void addUse(CLI::App& group) {
     struct Values {
         std::string name;
-        bool reload = false;
+        ReloadOptions reload;
     };
     CLI::App* const command = group.add_subcommand("use", "Make a profile the active one");
     const auto values = std::make_shared<Values>();

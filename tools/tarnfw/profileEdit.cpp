@@ -105,7 +105,7 @@ void requireEditable() {
     }
 }
 
-void edit(const std::string& wanted, bool reload) {
+void edit(const std::string& wanted, const ReloadOptions& reload) {
     requireRoot();
     requireReloadable(reload);
     const std::string name = wanted.empty() ? activeProfile() : wanted;
@@ -120,6 +120,7 @@ void edit(const std::string& wanted, bool reload) {
         return;
     }
     try {
+        requireAppliable(document->profile(), reload);
         store(*document, original);
     } catch (const CommandFailed& failure) {
         keep(text, failure.what(), failure.status());
@@ -134,7 +135,7 @@ void edit(const std::string& wanted, bool reload) {
 void addProfileEditCommand(CLI::App& group) {
     struct Values {
         std::string name;
-        bool reload = false;
+        ReloadOptions reload;
     };
     CLI::App* const command = group.add_subcommand(
         "edit", "Edit a profile's document; what does not check is not stored");

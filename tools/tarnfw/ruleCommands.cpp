@@ -54,7 +54,7 @@ constexpr char kReservedHelp[] =
 struct Target {
     std::string adapter;
     std::string profile;  ///< empty: the active one
-    bool reload = false;
+    ReloadOptions reload;
 };
 
 /// A command with the words of a rule.
@@ -205,6 +205,7 @@ void changeRules(const Target& target, const std::function<Outcome(Rules&)>& cha
         profileName = profile.name;
         const Outcome outcome = change(profile.rules[target.adapter]);
         const Texts warnings = warningsOf(profile, target.adapter, outcome.changed);
+        requireAppliable(profile, target.reload);
         storeProfile(profile);
         for (const std::string& line : outcome.said) {
             std::cout << printable(line) << '\n';
@@ -339,6 +340,7 @@ void setPolicy(const Target& target, const std::string& word) {
         requireAdapter(profile, target.adapter);
         profileName = profile.name;
         profile.adapterPolicyMap[target.adapter] = policy;
+        requireAppliable(profile, target.reload);
         storeProfile(profile);
     }
     std::cout << "Default policy of " << printable(target.adapter) << ": " << policyText(policy)

@@ -25,6 +25,7 @@
 #include "store.h"
 #include "storeChange.h"
 #include "usage.h"
+#include "wholeRun.h"
 
 namespace tarnfw {
 namespace {
@@ -68,9 +69,10 @@ std::vector<std::string> changedSince(const Profiles& before) {
 /// Runs a change of all profiles and says what came of it: `done`, the profiles that changed, and
 /// whether the kernel knows.
 template <typename Change>
-void changeAll(const std::string& done, bool reload, const Profiles& before, Change change) {
+void changeAll(const std::string& done, const ReloadOptions& reload, const Profiles& before,
+               Change change) {
     StoreChange kept;
-    const bool written = change();
+    const bool written = runWhole("Changing the profiles", change);
     kept.finish();
     if (!written) {
         const std::vector<std::string> changed = changedSince(before);
@@ -83,9 +85,13 @@ void changeAll(const std::string& done, bool reload, const Profiles& before, Cha
               << (changed.empty() ? "no profile had to change"
                                   : "changed: " + printable(boost::join(changed, ", ")))
               << ")\n";
-    const std::string active = activeProfile();
-    if (reload || std::find(changed.begin(), changed.end(), active) != changed.end()) {
-        finishChange(active, reload);
+    const bool activeChanged =
+        std::find(changed.begin(), changed.end(), activeProfile()) != changed.end();
+    if (reload.wanted) {
+        confirmReload(reload);
+        reloadActive();
+    } else if (activeChanged && firewallEnabled()) {
+        sayOldRules();
     }
 }
 
@@ -119,7 +125,7 @@ bool isNamed(const Profiles& profiles, const std::string& service) {
 }
 
 void reserve(const std::string& service, const std::string& adapter, const std::string& policy,
-             bool reload) {
+             const ReloadOptions& reload) {
     requireRoot();
     requireReloadable(reload);
     const StoreLock lock;
@@ -133,7 +139,7 @@ void reserve(const std::string& service, const std::string& adapter, const std::
         });
 }
 
-void release(const std::string& service, bool reload) {
+void release(const std::string& service, const ReloadOptions& reload) {
     requireRoot();
     requireReloadable(reload);
     const StoreLock lock;
@@ -146,7 +152,7 @@ void release(const std::string& service, bool reload) {
               [&] { return FW::TARNFW_PROFILE().profileRemoveServ(service); });
 }
 
-void update(bool reload) {
+void update(const ReloadOptions& reload) {
     requireRoot();
     requireReloadable(reload);
     const StoreLock lock;
@@ -219,13 +225,13 @@ void requireReplacing(const std::string& to, const std::vector<std::string>& nam
     }
 }
 
-void renameAdapter(const std::string& from, const std::string& to, bool yes, bool reload) {
+void renameAdapter(const std::string& from, const std::string& to, const ReloadOptions& reload) {
     requireRoot();
     requireReloadable(reload);
     const StoreLock lock;
     const Profiles before = allProfiles();
     requireRenamable(from, to, before);
-    requireReplacing(to, replacedIn(before, from, to), yes);
+    requireReplacing(to, replacedIn(before, from, to), reload.yes);
     changeAll("Rules and default policy of " + from + " are now those of " + to, reload, before,
               [&] { return FW::TARNFW_PROFILE().profileChangeAdapter(from, to, false); });
     const std::vector<std::string> present = machineAdapters();
@@ -243,8 +249,7 @@ struct Options {
     std::string policy;
     std::string from;
     std::string to;
-    bool yes = false;
-    bool reload = false;
+    ReloadOptions reload;
 };
 
 void addReserve(CLI::App& group) {
@@ -292,10 +297,10 @@ void addRename(CLI::App& group) {
     const auto options = std::make_shared<Options>();
     command->add_option("OLD", options->from, "The name that profiles have now")->required();
     command->add_option("NEW", options->to, "The name to be")->required();
-    command->add_flag("--yes", options->yes, "Do not ask before replacing what NEW has already");
-    addReloadFlag(*command, options->reload);
-    command->callback(
-        [options] { renameAdapter(options->from, options->to, options->yes, options->reload); });
+    addReloadFlag(*command, options->reload,
+                  "Do not ask before replacing what NEW has already, nor, with --reload, when that "
+                  "would keep you out");
+    command->callback([options] { renameAdapter(options->from, options->to, options->reload); });
 }
 
 }  // namespace

@@ -15,7 +15,6 @@
 #include "decision.h"
 #include "output.h"
 #include "portEntry.h"
-#include "store.h"
 
 namespace tarnfw {
 namespace {
@@ -151,7 +150,7 @@ std::string sshRefusal(const FW::FWPROFILE& profile, const SshConnection& connec
     return printable(text);
 }
 
-std::string sshWarning(const std::string& name) {
+std::string sshWarning(const FW::FWPROFILE& profile) {
     const std::optional<SshConnection> connection = currentSshConnection();
     if (!connection) {
         return {};
@@ -160,30 +159,26 @@ std::string sshWarning(const std::string& name) {
     if (!interface) {
         return {};
     }
-    return sshRefusal(loadProfile(name), *connection, adapterNamesOf(*interface));
+    return sshRefusal(profile, *connection, adapterNamesOf(*interface));
 }
 
-void requireSshAccess(const std::string& name, bool yes, const std::string& question) {
-    const std::string warning = sshWarning(name);
+void requireSshAccess(const FW::FWPROFILE& profile, bool yes, const std::string& question,
+                      const std::string& otherwise) {
+    const std::string warning = sshWarning(profile);
     if (warning.empty()) {
         return;
     }
     if (!yes && isatty(STDIN_FILENO) != 1) {
-        throw CommandFailed(warning + "; nothing was changed (--yes goes on all the same)");
+        throw CommandFailed(warning + "; " + otherwise + " (--yes goes on all the same)");
     }
     std::cerr << "tarnfw: " << warning << '\n';
     if (!yes && !confirmed(question)) {
-        throw CommandFailed("nothing was changed");
+        throw CommandFailed(otherwise);
     }
 }
 
-void warnAboutSsh(const std::string& name) {
-    std::string warning;
-    try {
-        warning = sshWarning(name);
-    } catch (const CommandFailed&) {
-        return;  // what is to be applied cannot be read; the command itself says so
-    }
+void warnAboutSsh(const FW::FWPROFILE& profile) {
+    const std::string warning = sshWarning(profile);
     if (!warning.empty()) {
         std::cerr << "tarnfw: " << warning << '\n';
     }

@@ -43,16 +43,15 @@ std::optional<std::string> interfaceOf(const SshConnection& connection,
 std::string sshRefusal(const FW::FWPROFILE& profile, const SshConnection& connection,
                        const std::vector<std::string>& adapters);
 
-/// The same for the connection that this process runs under, and the stored profile `name` (the
-/// active one when empty). Empty without such a connection.
-std::string sshWarning(const std::string& name);
+/// The same for the connection that this process runs under. Empty without one.
+std::string sshWarning(const FW::FWPROFILE& profile);
 
 /// For what makes a profile the kernel's: with a warning, asks `question` on the terminal, unless
-/// `yes`; throws CommandFailed when the answer is no or nobody can be asked.
-void requireSshAccess(const std::string& name, bool yes, const std::string& question);
+/// `yes`; throws CommandFailed, with `otherwise`, when the answer is no or nobody can be asked.
+void requireSshAccess(const FW::FWPROFILE& profile, bool yes, const std::string& question,
+                      const std::string& otherwise = "nothing was changed");
 
-/// For what only renews the kernel's rules: prints a warning on standard error. Never throws
-/// CommandFailed.
-void warnAboutSsh(const std::string& name);
+/// For what only renews the kernel's rules: prints a warning on standard error.
+void warnAboutSsh(const FW::FWPROFILE& profile);
 
 }  // namespace tarnfw

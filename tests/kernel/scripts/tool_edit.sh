@@ -184,7 +184,7 @@ keep_listing enabled
 edits 0 'sed -i s/"22"/"23"/' lab
 prints <<'END'
 Profile "lab" stored
-the kernel still has the old rules; "tarnfw reload" applies them
+The kernel still has the old rules; "tarnfw reload" applies the new ones
 END
 step 'so it has' same_listing enabled
 edits 0 'sed -i s/"23"/"24"/' --reload

@@ -191,7 +191,7 @@ keep_listing default
 answers 0 profile use open
 prints <<'END'
 Profile "open" is the active one now
-the kernel still has the old rules; "tarnfw reload" applies them
+The kernel still has the old rules; "tarnfw reload" applies the new ones
 END
 step 'so it has' same_listing default
 answers 0 profile use open --reload
@@ -202,7 +202,8 @@ step 'the others again' same_listing default
 refused 1 '^tarnfw: there is no profile "nowhere" ' profile use nowhere
 # A reload of it would leave the machine open.
 sed 's/"policy" : 0/"policy" : 7/; s/"lan-only"/"broken"/' "$example" >"$kProfileDirectory/broken.json"
-refused 1 '^tarnfw: profile "broken" cannot be translated$' profile use broken --reload
+refused 3 '^tarnfw: profile "broken" has [0-9]* errors*; "tarnfw check broken" names [a-z]*; nothing was changed$' \
+    profile use broken --reload
 step 'the rules are the same' same_listing default
 step 'default stays the active one' [ "$(setting profile)" = default ]
 # Without the base filter nothing would be applied: nothing is changed either.

@@ -279,7 +279,7 @@ step 'the default policy is in the kernel' iptables -C INPUT_FIREWALL -i eth0 -j
 answers 0 rule add --adapter eth0 deny tcp 23,6000-6010 from 192.168.1.20 --log
 prints <<'END'
 Rule 4 of eth0: deny tcp 23,6000-6010 from 192.168.1.20, logged (IPv4)
-the kernel still has the old rules; "tarnfw reload" applies them
+The kernel still has the old rules; "tarnfw reload" applies the new ones
 END
 step 'so it has' same_listing enabled
 answers 0 rule insert 1 --adapter eth0 allow udp --v6 --reload

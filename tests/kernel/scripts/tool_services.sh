@@ -140,13 +140,17 @@ complains '^tarnfw: no service of the catalogue is like "no_such_thing"$'
 
 # --- service reserve -------------------------------------------------------------------------------
 
-tarnfw enable 2>"$out/complaint"
+# A service that the catalogue has lost: a profile that was enabled before is still applied.
+refused 3 '^tarnfw: profile "home" has 1 error; "tarnfw check home" names it; nothing was changed$' enable
+sed -i 's/"status" *: *false/"status": true/' "$kSettings"
+answers 0 reload
+complains '^tarnfw: profile "home" has 1 error; "tarnfw check home" names it$'
 keep_listing enabled
 answers 0 service reserve ssh --adapter eth0 deny
 silent
 prints <<'END'
 Service ssh reserved on eth0: deny (changed: away, home)
-the kernel still has the old rules; "tarnfw reload" applies them
+The kernel still has the old rules; "tarnfw reload" applies the new ones
 END
 step 'the kernel has the old rules' same_listing enabled
 has_rules away eth0 <<<'deny ssh'
@@ -246,7 +250,7 @@ Profile "home" applied
 END
 answers 0 adapter rename eth0 eth6
 says '^Rules and default policy of eth0 are now those of eth6 (changed: away, home)$'
-says '^the kernel still has the old rules'
+says '^The kernel still has the old rules'
 complains '^tarnfw: the machine has no adapter "eth6" now: until it has, these rules have no effect$'
 
 # Without the base filter nothing would be applied: nothing is changed either.

@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# "enable" asks who is connected over SSH and would not get in again; "reload" says so. What they say
-# is what real packets meet.
+# "enable" and every command with "--reload" ask who is connected over SSH and would not get in again;
+# "reload" says so. What they say is what real packets meet.
 make_links <<'END'
 veth eth0 192.168.1.10/24 fd00::10/64 lan 192.168.1.20/24 192.168.1.21/24 fd00::20/64
 END
@@ -116,3 +116,103 @@ cp -- "$kSettings" /tmp/settings
 over_ssh 192.168.1.21 answers 1 enable </dev/null
 complains '^tarnfw: there is no profile "nowhere"'
 step 'nothing was changed' unchanged
+
+# --- commands that apply what they change ------------------------------------------------------------
+
+# The admin station is let in by rule 2; without it the default policy decides.
+use_profile deny_by_default
+cp -- "$checkout/tests/kernel/cases/deny_ssh_on_one_adapter/profile.json" \
+    "$kProfileDirectory/deny_ssh_on_one_adapter.json"
+over_ssh 192.168.1.20 answers 0 enable
+keep_listing enabled
+tarnfw export "$out/open.json"
+jq '(.config_profiles[] | select(.name == "deny_by_default") | .rules.eth0[1].enable) = false' \
+    "$out/open.json" >"$out/closed.json"
+readonly kFromStation='^tarnfw: you are connected over SSH from 192.168.1.20 to port 22 on eth0, and profile '
+
+# as_before: the kernel has the rules that let the station in.
+as_before() {
+    step 'the kernel has the old rules' same_listing enabled
+}
+
+# held_back ARGUMENT...: neither stored nor applied without a terminal.
+held_back() {
+    over_ssh 192.168.1.20 refused 1 "$kFromStation.*; nothing was changed (--yes goes on all the same)\$" \
+        "$@" --reload </dev/null
+    as_before
+}
+
+# goes_in ARGUMENT...: with --yes; then all is as it was again.
+goes_in() {
+    over_ssh 192.168.1.20 answers 0 "$@" --reload --yes </dev/null
+    step 'the warning is there' grep --quiet -- "$kFromStation" "$out/complaint"
+    step 'and it was true' check_packets <<<'tcp4 192.168.1.10 22 blocked 192.168.1.20'
+    answers 0 import --yes --reload "$out/open.json"
+    as_before
+}
+
+held_back rule off 2 --adapter eth0
+held_back rule delete 2 --adapter eth0
+held_back rule insert 1 --adapter global deny tcp 22
+held_back rule set 2 --adapter eth0 allow tcp 22 from 192.168.1.21
+held_back rule add --adapter global deny tcp 22
+held_back profile use deny_ssh_on_one_adapter
+goes_in rule off 2 --adapter eth0
+goes_in profile use deny_ssh_on_one_adapter
+
+# What does not cut the connection, or not yet, is nobody's question.
+over_ssh 192.168.1.20 answers 0 rule add --adapter eth0 allow tcp 8080 --reload </dev/null
+silent
+over_ssh 192.168.1.20 answers 0 rule off 2 --adapter eth0 </dev/null
+silent
+step 'stored alone, it lets the station in' check_packets <<<'tcp4 192.168.1.10 22 open 192.168.1.20'
+answers 0 import --yes --reload "$out/open.json"
+over_ssh 192.168.1.20 answers 0 policy eth0 deny --profile deny_ssh_on_one_adapter --reload </dev/null
+silent
+answers 0 import --yes --reload "$out/open.json"
+
+# The default policy, where no rule lets the station in.
+answers 0 rule off 2 --adapter eth0
+answers 0 policy eth0 allow --reload
+over_ssh 192.168.1.20 refused 1 "$kFromStation.*nothing was changed (" policy eth0 deny --reload </dev/null
+answers 0 import --yes --reload "$out/open.json"
+
+# An editor's text is kept.
+over_ssh 192.168.1.20 env VISUAL="sed -i s/192.168.1.20/192.168.1.21/" \
+    "$tool" profile edit --reload </dev/null >"$out/answer" 2>"$out/complaint" && fail 'it was stored'
+step 'it says why and where the text is' grep --quiet -- \
+    "$kFromStation.*; nothing was stored, the text is kept in " "$out/complaint"
+as_before
+
+# An import asks twice: what it replaces, and this. --yes answers both.
+over_ssh 192.168.1.20 answers 0 import --yes --reload "$out/closed.json" </dev/null
+step 'the warning is there' grep --quiet -- "$kFromStation" "$out/complaint"
+step 'and it was true' check_packets <<<'tcp4 192.168.1.10 22 blocked 192.168.1.20'
+answers 0 import --yes --reload "$out/open.json"
+
+readonly kApplyQuestion=$'a new one would not get in\nApply it all the same? [y/N] '
+for answer in n EOF; do
+    keep_files asked
+    over_ssh 192.168.1.20 asked 1 "$kApplyQuestion" "$answer" rule off 2 --adapter eth0 --reload
+    step 'nothing was changed' same_files asked
+    as_before
+done
+over_ssh 192.168.1.20 asked 0 "$kApplyQuestion" y rule off 2 --adapter eth0 --reload
+step 'it is in the kernel' check_packets <<<'tcp4 192.168.1.10 22 blocked 192.168.1.20'
+answers 0 import --yes --reload "$out/open.json"
+
+# Commands that change every profile: known when it is stored, and not applied.
+readonly kStored='; the change is stored, but the kernel still has the old rules (--yes goes on all the same)$'
+answers 0 adapter rename eth0 eth7 --reload # nothing is denied on eth0 now
+keep_listing renamed
+for command in 'adapter rename eth7 eth0' 'service reserve ssh deny --adapter eth0'; do
+    # Another client's connection: no rule lets it in.
+    read -r -a words <<<"$command"
+    over_ssh 192.168.1.21 answers 1 "${words[@]}" --reload </dev/null
+    step 'why' grep --quiet -- "from 192.168.1.21 .*$kStored" "$out/complaint"
+    step 'the kernel has the old rules' same_listing renamed
+done
+over_ssh 192.168.1.21 answers 1 service update --reload </dev/null
+step 'the kernel has the old rules' same_listing renamed
+over_ssh 192.168.1.21 answers 0 service reserve ssh deny --adapter eth0 --reload --yes </dev/null
+step 'it is in the kernel' check_packets <<<'tcp4 192.168.1.10 22 blocked 192.168.1.21'
