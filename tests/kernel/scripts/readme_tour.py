@@ -16,9 +16,9 @@ FENCE = "```"
 
 
 def plain(text):
-    """The text without what moves the cursor, and with numbers of the clock all alike."""
+    """The text without lines that were cleared again, and with numbers of the clock all alike."""
     text = text.replace("\r\n", "\n")
-    text = re.sub(r"\r\033\[K(\d+ s )?", "", text)
+    text = re.sub(r"[^\n]*\r\033\[K", "", text)
     # Which modules a kernel lacks is its own affair.
     text = re.sub(r"^tarnfw: tarnkm:\d+ .*\n", "", text, flags=re.MULTILINE)
     return re.sub(r"\b\d{10}\b", "1700000042", text)
