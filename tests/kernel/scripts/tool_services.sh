@@ -35,8 +35,8 @@ refused_whole() {
 
 # --- without any profile ---------------------------------------------------------------------------
 
-for command in adapters 'service reserve ssh allow --adapter eth0' 'service release ssh' \
-    'service update' 'adapter rename eth0 eth1'; do
+for command in 'service reserve ssh allow --adapter eth0' 'service release ssh' 'service update' \
+    'adapter rename eth0 eth1'; do
     read -r -a words <<<"$command"
     answers 1 "${words[@]}"
     complains '^tarnfw: there are no profiles; "tarnfw base up" writes a first one$'
