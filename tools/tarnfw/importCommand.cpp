@@ -9,6 +9,7 @@
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -242,24 +243,29 @@ void requireWayBackIn(const Options& options, const Json::Value& current,
     }
 }
 
-void importAll(const Options& options) {
-    requireRoot();
-    const Json::Value document = checkedDocument(options);
+/// What applying needs to know of an import.
+struct Imported {
+    bool wasEnabled;  ///< the firewall, before
+    std::string goingBack;
+};
+
+/// Replaces the configuration, all of it under one lock. Returns nothing when nothing was replaced.
+std::optional<Imported> importInto(const Json::Value& document, const Options& options) {
     const StoreLock lock;
     const Json::Value current = currentConfiguration();
     requireRoomFor(document, current);
     const ImportPlan plan = importPlan(current, document);
     if (options.json) {
         printJson(jsonOf(plan));
-        return;
+        return std::nullopt;
     }
     printPlan(plan);
     if (plan.changesNothing) {
         std::cout << "Nothing changes\n";
-        return;
+        return std::nullopt;
     }
     if (options.dryRun) {
-        return;
+        return std::nullopt;
     }
     requireConsent(options);
     requireWayBackIn(options, current, document);
@@ -274,7 +280,17 @@ void importAll(const Options& options) {
     replace(document, current, backup);
     std::cout << "Imported " << counted(document[kConfigProfiles].size(), "profile")
               << "; active: " << printable(activeProfile()) << '\n';
-    apply(options.reload.wanted, wasEnabled, backup.empty() ? "" : goingBack(backup, current));
+    return Imported{wasEnabled, backup.empty() ? "" : goingBack(backup, current)};
+}
+
+void importAll(const Options& options) {
+    requireRoot();
+    const Json::Value document = checkedDocument(options);
+    const std::optional<Imported> imported = importInto(document, options);
+    if (imported) {
+        // Without the lock, which disabling takes for itself.
+        apply(options.reload.wanted, imported->wasEnabled, imported->goingBack);
+    }
 }
 
 }  // namespace
