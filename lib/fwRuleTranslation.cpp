@@ -112,8 +112,8 @@ std::string RuleTranslation::routerInterfaceOf(const std::string& interface) {
 
 bool RuleTranslation::convert(const std::string& adapter, const FWRULE& rule,
                               Fragments& fragments) {
-    // Addresses, chains and tables cannot fail. Their messages stay: they are part of what each step
-    // promises, and come into use with the first mapping that can.
+    // Addresses, chains and tables cannot fail. Their messages stay: they are part of what each
+    // step promises, and come into use with the first mapping that can.
     if (!adapterFragments(adapter, rule, fragments.adapter)) {
         FW_LOG_ERR("Failed to adapterToIptablesArg()");
         return false;

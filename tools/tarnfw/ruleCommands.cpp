@@ -382,7 +382,7 @@ CLI::Option* addPosition(CLI::App& command, const char* name, std::size_t& posit
     return command.add_option(name, position, help)
         ->type_name("")
         ->required()
-        ->check(CLI::Range(1, kMaxPosition));
+        ->check(CLI::Range(0, kMaxPosition));
 }
 
 using RuleRun = void (*)(const RuleCommand&);
@@ -429,7 +429,7 @@ void addForPositions(CLI::App& group, const char* name, const char* help, const 
     command->add_option("POSITION", values->positions, "Positions as \"profile show\" counts them")
         ->type_name("")
         ->required()
-        ->check(CLI::Range(1, kMaxPosition));
+        ->check(CLI::Range(0, kMaxPosition));
     addTarget(*command, values->target);
     command->callback([values, run] { run(values->target, values->positions); });
 }

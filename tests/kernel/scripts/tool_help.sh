@@ -89,11 +89,11 @@ run_examples() {
     while read -r tool line; do
         read -r -a words <<<"$line"
         step 'an example' [ "$tool" = tarnfw ]
-        if [[ ${words[0]} == try ]]; then
-            confirmed_trial "${words[@]}"
-        else
-            answers 0 "${words[@]}"
-        fi
+        case ${words[0]} in
+        try) confirmed_trial "${words[@]}" ;;
+        blocked) answers 10 "${words[@]}" ;; # from some addresses only
+        *) answers 0 "${words[@]}" ;;
+        esac
         shown=$((shown + 1))
     done < <(tarnfw help "$1" |
         sed -n -e ':more; /\\$/{N; s/\\\n */ /; b more}' -e '/ADAPTER/d' -e 's/^  tarnfw /tarnfw /' \

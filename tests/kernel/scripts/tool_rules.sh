@@ -155,6 +155,10 @@ for words in 'set 5 deny any' 'delete 5' 'delete 1 0' 'on 5' 'off 1 5' 'move 5 1
 done
 refused 1 '^tarnfw: there is no position 6: eth0 has 4 rules$' \
     rule insert 6 --adapter eth0 deny any
+for words in 'delete -1' 'delete x' 'off 99999999999999999999999' 'move 1 -1' 'insert -1 deny any'; do
+    read -r -a arguments <<<"$words"
+    refused 2 'not in range' rule "${arguments[@]}" --adapter eth0
+done
 refused 1 '^tarnfw: there is no position 0: eth0 has 4 rules$' \
     rule insert 0 --adapter eth0 deny any
 refused 1 '^tarnfw: there is no rule 1: pppoe has 0 rules$' rule off 1 --adapter pppoe
