@@ -96,7 +96,7 @@ void reload() {
 }
 
 /// Sets how rules go into the kernel, or says how they do.
-void applyMode(const std::string& wanted) {
+void applyMode(const std::string& wanted, bool json) {
     requireRoot();
     FW::TARNFW firewall;
     if (!wanted.empty()) {
@@ -114,6 +114,12 @@ void applyMode(const std::string& wanted) {
     if (!firewall.fwApplyMode(mode)) {
         throw CommandFailed("the settings cannot be read");
     }
+    if (json) {
+        Json::Value document;
+        document["applyMode"] = mode;
+        printJson(document);
+        return;
+    }
     std::cout << (mode == kBatchMode ? "batch: each family's rules go in as one transaction\n"
                                      : "lines: one command for each rule, behind closed doors\n");
 }
@@ -122,6 +128,7 @@ void addApplyModeCommand(CLI::App& app) {
     CLI::App* const command =
         app.add_subcommand("apply-mode", "Say or set how rules are put into the kernel");
     const auto mode = std::make_shared<std::string>();
+    const auto json = std::make_shared<bool>(false);
     command->add_option("MODE", *mode, "lines or batch; left out: say which it is")
         ->check(CLI::IsMember({kLinesMode, kBatchMode}));
     command->footer(
@@ -130,7 +137,8 @@ void addApplyModeCommand(CLI::App& app) {
         "opens it again. A line that the kernel refuses is left out.\n"
         "batch: each family's rules replace the old ones in one transaction. Nothing is closed "
         "meanwhile; one line that the kernel refuses leaves all as it was.");
-    command->callback([mode] { applyMode(*mode); });
+    addJsonFlag(*command, *json);
+    command->callback([mode, json] { applyMode(*mode, *json); });
 }
 
 }  // namespace

@@ -54,6 +54,18 @@ for wrong in '' nonsense --nonsense base 'base sideways' 'base up more' profile 
     step 'but why' [ -s "$out/complaint" ]
 done
 
+# An answer that nobody gets is a failure, wherever it is lost; a document's file does not get it.
+for words in --help --version help 'help rules' 'blocked --help'; do
+    read -r -a words <<<"$words"
+    status=0
+    tarnfw "${words[@]}" >/dev/full 2>"$out/complaint" || status=$?
+    step "${words[*]}: lost on a full device" [ "$status" = 1 ]
+    complains '^tarnfw: the answer cannot be written'
+    status=0
+    tarnfw "${words[@]}" 2>"$out/complaint" >&- || status=$?
+    step "${words[*]}: lost without a standard output" [ "$status" = 1 ]
+done
+
 # --- before base up --------------------------------------------------------------------------------
 
 answers 0 base status
@@ -181,6 +193,16 @@ for command in 'profile show' preview; do
     step 'nothing on standard output' [ ! -s "$out/answer" ]
     complains '^tarnfw: .*"nowhere"'
 done
+
+keep_files lost
+for words in status export 'profile show --json' 'blocked --port tcp/22 --json'; do
+    read -r -a words <<<"$words"
+    status=0
+    tarnfw "${words[@]}" >/dev/full 2>"$out/complaint" || status=$?
+    step "${words[*]}: lost on a full device" [ "$status" = 1 ]
+    complains '^tarnfw: the answer cannot be written'
+done
+step 'no file has changed' same_files lost
 
 # A name can hold what a terminal would obey.
 printf '{"name": "odd\\u001b[2J\\nname", "adapterPolicyMap": {"global": 0}, "rules": {}}\n' \

@@ -19,6 +19,8 @@ prints_json <<'END'
     "jumps": [["INPUT", "FIREWALL_RELOADING"], ["INPUT", "INPUT_FIREWALL"],
               ["FORWARD", "FIREWALL_RELOADING"], ["FORWARD", "FORWARD_FIREWALL"]]}}}
 END
+answers 0 apply-mode --json
+prints_json <<<'{"applyMode": "lines"}'
 answers 0 apply-mode
 prints <<<'lines: one command for each rule, behind closed doors'
 step 'asking writes no settings' [ ! -e "$kSettings" ]
