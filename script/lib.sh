@@ -6,7 +6,7 @@
 readonly kPackages=(
     g++ clang clang-format clang-tidy cmake ninja-build pkg-config
     libboost-dev libcli11-dev libgmock-dev libgtest-dev libjsoncpp-dev libkmod-dev libvalijson-dev
-    debhelper dpkg-dev lintian systemd xz-utils
+    debhelper dpkg-dev git lintian systemd xz-utils
     doxygen mandoc scdoc shellcheck
     iproute2 iptables jq netbase procps python3-jsonschema python3-pexpect util-linux
     fish zsh
