@@ -98,7 +98,7 @@ while read -r command; do
     step 'itself' grep --quiet --line-regexp -- "$command" "$out/answer"
     answers 0 complete -- "$command" --he
     prints <<<--help
-done < <(tarnfw --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z-]*\) .*/\1/p')
+done < <(tarnfw --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z][a-z-]*\) .*/\1/p')
 
 # --- the shells ------------------------------------------------------------------------------------
 

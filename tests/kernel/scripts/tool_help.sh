@@ -14,7 +14,7 @@ all_of_it() {
     step 'it begins with what --help prints' cmp "$out/short" \
         <(head --bytes "$(stat --format %s "$out/short")" "$out/answer")
     step 'and ends with the topics' diff -u <(printf '%s\n' "${topics[@]}") \
-        <(sed -n '/^Topics /,$s/^  \([a-z-]*\)  .*/\1/p' "$out/answer")
+        <(sed -n '/^Topics /,$s/^  \([a-z][a-z-]*\)  .*/\1/p' "$out/answer")
 
     local topic
     for topic in "${topics[@]}"; do
@@ -34,7 +34,7 @@ all_of_it() {
 
 # subcommands WORD...: those that the help text lists.
 subcommands() {
-    tarnfw "$@" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z-]*\)\( .*\)\{0,1\}$/\1/p'
+    tarnfw "$@" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z][a-z-]*\)\( .*\)\{0,1\}$/\1/p'
 }
 
 commands_of() {
