@@ -533,10 +533,12 @@ TEST_F(ApplyTest, ReloadReturnsToTheActiveProfile) {
 
 TEST_F(ApplyTest, EmptyAddressIsTheSameAsNone) {
     EXPECT_TRUE(apply());
-    const Lines expected = platform_.journal;
+    // Not the whole journal: how often a file's lock is asked for depends on how long ago it was
+    // written.
+    const Lines expected = acts();
     platform_.clearJournal();
     EXPECT_TRUE(FW::TARNFW().TestApplyingProfile("home", ""));
-    EXPECT_EQ(platform_.journal, expected);
+    EXPECT_EQ(acts(), expected);
 }
 
 TEST_F(ApplyTest, AnAddressOfAnyFamilyIsTaken) {

@@ -116,7 +116,9 @@ Texts wholeCommands(const CLI::App& app) {
     for (const std::string& name : commandNames(app)) {
         const Texts below = wholeCommands(*app.get_subcommand(name));
         std::transform(below.begin(), below.end(), std::back_inserter(commands),
-                       [&name](const std::string& rest) { return name + " " + rest; });
+                       [&name](const std::string& rest) {
+                           return std::string(name).append(" ").append(rest);
+                       });
         if (below.empty()) {
             commands.push_back(name);
         }
