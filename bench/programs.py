@@ -50,7 +50,7 @@ def run(group, options):
     name, quick_size, clock = GROUPS[group]
     program = os.path.join(options.build, 'bench', name)
     sizes = {size for size in listed_sizes(program) if not options.quick or size <= quick_size}
-    result_file = os.path.join(options.out, f'{name}.json')
+    result_file = os.path.join(os.path.dirname(options.out), f'{name}.json')
     subprocess.run(
         [
             program,
