@@ -147,10 +147,12 @@ Json::Value policiesToJson(const Policies& policies) {
 /// that is neither object nor null, as getMemberNames() does.
 void appendRules(const Json::Value& in, std::map<std::string, std::vector<FWRULE>>& rules) {
     for (const std::string& adapter : in.getMemberNames()) {
+        const Json::Value& stored = in[adapter];
         std::vector<FWRULE>* list = nullptr;
-        for (const Json::Value& rule : in[adapter]) {
+        for (const Json::Value& rule : stored) {
             if (list == nullptr) {
                 list = &rules[adapter];
+                list->reserve(list->size() + stored.size());
             }
             list->push_back(jsonToRule(rule));
         }
