@@ -45,12 +45,15 @@ bool makeText(const Json::Value& cmds, const std::string& family, RestoreText& t
 
 /// The programs of one address family.
 struct Tools {
+    const char* list;
     const char* save;
     const char* restore;
 };
 
-constexpr Tools kToolsV4 = {"/sbin/iptables-save", "/sbin/iptables-restore"};
-constexpr Tools kToolsV6 = {"/sbin/ip6tables-save", "/sbin/ip6tables-restore"};
+constexpr Tools kToolsV4 = {"/sbin/iptables", "/sbin/iptables-save", "/sbin/iptables-restore"};
+constexpr Tools kToolsV6 = {"/sbin/ip6tables", "/sbin/ip6tables-save", "/sbin/ip6tables-restore"};
+
+constexpr int kNoSuchChain = 1;  // the status of listing it
 
 // "--wait" has no effect: ToolRun gives each run a lock file of its own, which is free. It is
 // XtablesLock that waits for other programs. A tool that does not know XTABLES_LOCKFILE takes the
@@ -108,6 +111,12 @@ void logRefusal(const Tools& tools, const RestoreText& text, const ToolResult& r
                forLog(line.command).c_str(), owner.c_str(), reason.c_str());
 }
 
+/// Whether a run that did not come to the end of its input may have done it all the same: the tool
+/// did not refuse, it was killed or ended early.
+bool leavesDoubt(const ToolResult& result) {
+    return exitedWell(result) ? result.errors.empty() : *result.status > ToolResult::kSignalBase;
+}
+
 // ---- One family ----
 
 /// One family's way through the transaction. What is not committed when it ends is not done.
@@ -115,12 +124,19 @@ class FamilyRun {
 public:
     FamilyRun(const Tools& tools, RestoreText text) : tools_(tools), text_(std::move(text)) {}
 
-    /// Starts to save the tables that the text changes.
+    /// Starts to save the tables that the text changes, for putBack().
     void startSaving() {
         for (const RestoreTable& table : text_.tables()) {
             saving_.push_back(std::make_unique<ToolRun>(
                 std::vector<std::string>{tools_.save, "--counters", "--table", table.name}, ""));
         }
+    }
+
+    /// The same without saving, where putting back cannot become necessary: looks for what
+    /// interrupted reloads left. Saving thousands of rules takes as long as replacing them.
+    void startListing() {
+        listing_ = std::make_unique<ToolRun>(
+            std::vector<std::string>{tools_.list, "--list-rules", kReloadingChain}, "");
     }
 
     /// Starts the run that commits and hands on all up to the first COMMIT. That finds whatever
@@ -153,24 +169,17 @@ public:
         return true;
     }
 
-    /// Takes in what the family holds.
-    bool finishSaving() {
-        for (std::size_t i = 0; i < saving_.size(); ++i) {
-            ToolResult result = saving_[i]->finish();
-            if (!exitedWell(result) || !isWholeSave(result.output, text_.tables()[i].name)) {
-                const Refusal refusal = refusalOf(result.errors);
-                FW_LOG_ERR("Failed to run %s: %s", tools_.save,
-                           reasonOf(result, refusal, kTableCut).c_str());
-                return false;
-            }
-            saved_.push_back(std::move(result.output));
-        }
-        interrupted_ = interruptedReloads(saved_.front());
-        return true;
-    }
+    /// Takes in what was started to save or to list.
+    bool finishLooking() { return listing_ ? finishListing() : finishSaving(); }
 
     /// Whether a reload line by line was interrupted in this family.
     bool wasInterrupted() const { return interrupted_ > 0; }
+
+    /// Whether a second commit would leave what one does, so that it need not be known whether
+    /// there was a first, and nothing is left of one that was refused.
+    bool isRepeatable() const { return text_.replacesFirewallChainsOnly(); }
+
+    bool isSaved() const { return !saved_.empty(); }
 
     /// Has the commit mend what interrupted reloads left.
     void mend() {
@@ -181,7 +190,10 @@ public:
     /// Commits and returns whether all of it is in place.
     bool commit() {
         commit_->feed(text_.tail() + kEndMark);
-        const ToolResult result = commit_->finish();
+        ToolResult result = commit_->finish();
+        if (!didAll(result) && leavesDoubt(result) && !isSaved()) {
+            result = commitAgain(result);
+        }
         if (!didAll(result)) {
             logRefusal(tools_, text_, result);
             return false;
@@ -189,8 +201,11 @@ public:
         return true;
     }
 
-    /// Puts back what was saved, in the chains that the text changes.
+    /// Puts back what was saved, if so, in the chains that the text changes.
     void putBack() const {
+        if (!isSaved()) {
+            return;
+        }
         std::string text;
         for (std::size_t i = 0; i < saved_.size(); ++i) {
             RestoreTable table = text_.tables()[i];
@@ -211,42 +226,99 @@ public:
 private:
     bool hasSeveralTables() const { return text_.tables().size() > 1; }
 
+    bool finishSaving() {
+        for (std::size_t i = 0; i < saving_.size(); ++i) {
+            ToolResult result = saving_[i]->finish();
+            if (!exitedWell(result) || !isWholeSave(result.output, text_.tables()[i].name)) {
+                logNoListing(tools_.save, result);
+                return false;
+            }
+            saved_.push_back(std::move(result.output));
+        }
+        interrupted_ = interruptedReloads(saved_.front());
+        return true;
+    }
+
+    /// Without the chain no reload line by line can have been interrupted.
+    bool finishListing() {
+        const ToolResult result = listing_->finish();
+        listing_.reset();
+        if (!exitedWell(result) && result.status != kNoSuchChain) {
+            logNoListing(tools_.list, result);
+            return false;
+        }
+        interrupted_ = interruptedReloads(result.output);
+        return true;
+    }
+
+    static void logNoListing(const char* tool, const ToolResult& result) {
+        FW_LOG_ERR("Failed to run %s: %s", tool,
+                   reasonOf(result, refusalOf(result.errors), kTableCut).c_str());
+    }
+
+    /// Commits once more after a run that left it in doubt.
+    ToolResult commitAgain(const ToolResult& first) {
+        FW_LOG_ERR("Failed to run %s: %s; trying again", tools_.restore,
+                   reasonOf(first, Refusal{}).c_str());
+        ToolRun run(restoreArguments(tools_),
+                    text_.head() + RestoreText::filler() + text_.tail() + kEndMark);
+        return run.finish();
+    }
+
     Tools tools_;
     RestoreText text_;
     bool mends_ = false;
     std::size_t interrupted_ = 0;  ///< reloads
     std::vector<std::unique_ptr<ToolRun>> saving_;
+    std::unique_ptr<ToolRun> listing_;
     std::unique_ptr<ToolRun> test_;
     std::unique_ptr<ToolRun> commit_;
     std::vector<std::string> saved_;  ///< as the text's tables
 };
 
+/// Mends both families when one has the sign of an interrupted reload. It is set after the
+/// policies, and IPv6 is closed after IPv4: a family may be closed without it. Mending cannot be
+/// repeated, so it takes a save.
+bool mendInterrupted(FamilyRun& first, FamilyRun& last) {
+    if (!first.wasInterrupted() && !last.wasInterrupted()) {
+        return true;
+    }
+    if (!last.isSaved()) {
+        last.startSaving();
+        if (!last.finishLooking()) {
+            return false;
+        }
+    }
+    first.mend();
+    last.mend();
+    return true;
+}
+
 /// Takes both families through the transaction: nothing is committed before all was examined.
-bool commitBoth(FamilyRun& v4, FamilyRun& v6) {
+/// `first` is committed first, and so saved for the case that `last` fails.
+bool commitBoth(FamilyRun& first, FamilyRun& last) {
     // All of these run at the same time.
-    v4.startSaving();
-    v4.startExamining();
-    v6.startExamining();
-    v6.startSaving();
-    if (!v4.finishExamining() || !v6.finishExamining() || !v4.finishSaving() ||
-        !v6.finishSaving()) {
+    first.startSaving();
+    if (last.isRepeatable()) {
+        last.startListing();
+    } else {
+        last.startSaving();
+    }
+    first.startExamining();
+    last.startExamining();
+    if (!first.finishExamining() || !last.finishExamining() || !first.finishLooking() ||
+        !last.finishLooking() || !mendInterrupted(first, last)) {
         return false;
     }
-    // The sign of an interrupted reload is set after the policies, and IPv6 is closed after IPv4:
-    // a family may be closed without it.
-    if (v4.wasInterrupted() || v6.wasInterrupted()) {
-        v4.mend();
-        v6.mend();
-    }
-    // A commit that failed is put back as well. Mostly nothing of it is in place, but a tool with
-    // several tables may have done some, and one that was killed may have done all.
-    if (!v4.commit()) {
-        v4.putBack();
+    // A commit that failed is put back as well, if it was saved. Mostly nothing of it is in place,
+    // but a tool with several tables may have done some, and one that was killed may have done all.
+    if (!first.commit()) {
+        first.putBack();
         return false;
     }
-    if (!v6.commit()) {
-        v6.putBack();
-        v4.putBack();
+    if (!last.commit()) {
+        last.putBack();
+        first.putBack();
         return false;
     }
     return true;
@@ -275,9 +347,11 @@ bool FW_BATCH::apply(const Json::Value& cmds) {
                    std::generic_category().message(errno).c_str());
         return false;
     }
+    // The shorter one first, because that one is saved.
+    const bool v4First = textV4.head().size() <= textV6.head().size();
     FamilyRun v4(kToolsV4, std::move(textV4));
     FamilyRun v6(kToolsV6, std::move(textV6));
-    return commitBoth(v4, v6);
+    return v4First ? commitBoth(v4, v6) : commitBoth(v6, v4);
 }
 
 }  // namespace FW

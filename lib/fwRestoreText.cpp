@@ -208,6 +208,10 @@ bool RestoreText::make(const Json::Value& family, RestoreLine& fault) {
     });
 }
 
+bool RestoreText::replacesFirewallChainsOnly() const {
+    return tables_.size() == 1 && tables_.front().chains.size() == FW_FIREWALL_CHAINS.size();
+}
+
 RestoreTable& RestoreText::table(std::string_view name) {
     const auto known = std::find_if(tables_.begin(), tables_.end(),
                                     [&](const RestoreTable& table) { return table.name == name; });

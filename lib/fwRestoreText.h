@@ -39,6 +39,9 @@ public:
 
     const std::vector<RestoreTable>& tables() const { return tables_; }
 
+    /// Whether the lines change no other chains than those that they flush first.
+    bool replacesFirewallChainsOnly() const;
+
     /// Up to the first COMMIT, which nothing is done without; append()ed lines are left out.
     const std::string& head() const { return tables_.front().text; }
 

@@ -20,8 +20,7 @@ namespace FW {
 namespace {
 
 constexpr int kFirstOwnDescriptor = 3;  // behind the three standard ones
-constexpr int kSignalExitBase = 128;
-constexpr int kNotStarted = 127;  // as a shell has it
+constexpr int kNotStarted = 127;        // as a shell has it
 
 // Whatever the caller's environment says, which may come from anybody.
 constexpr char kPath[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
@@ -300,7 +299,7 @@ std::optional<int> ToolRun::wait() {
     if (ended < 0) {
         return std::nullopt;
     }
-    return WIFSIGNALED(status) ? kSignalExitBase + WTERMSIG(status) : WEXITSTATUS(status);
+    return WIFSIGNALED(status) ? ToolResult::kSignalBase + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 }  // namespace FW

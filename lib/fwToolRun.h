@@ -48,8 +48,11 @@ private:
 
 /// What a run left.
 struct ToolResult {
-    /// The exit status, 128 + n after signal n. Empty where the caller's process ignores the ends
-    /// of its children or another part of it has collected this one: the output has to tell then.
+    static constexpr int kSignalBase = 128;
+
+    /// The exit status, kSignalBase + n after signal n. Empty where the caller's process ignores
+    /// the ends of its children or another part of it has collected this one: the output has to
+    /// tell then.
     std::optional<int> status;
     std::string output;
     std::string errors;

@@ -27,6 +27,10 @@ echo "$tool $*" >>started
 case $tool in ip6*) family=v6 ;; *) family=v4 ;; esac
 case $tool in
 *-save) cat "$family saved"; exit 0 ;;
+iptables | ip6tables)
+    grep -e "^-N $2" -e "-A $2 " "$family saved"
+    exit "$(cat "$family listing status")"
+    ;;
 esac
 case " $* " in
 *' --counters '*) run="$family put back" ;;
@@ -46,8 +50,11 @@ while IFS= read -r line; do
         cat "$run.errors" >&2
         echo "$run" >>ended
         status=$(cat "$run.status")
-        [ "$status" != killed ] || kill -KILL $$
-        exit "$status"
+        [ "$status" = killed ] || exit "$status"
+        times=$(cat "$run.times")
+        echo $((times - 1)) >"$run.times"
+        [ "$times" -gt 1 ] || rm "$run.refuse"
+        kill -KILL $$
     fi
     last=$line
 done
@@ -83,13 +90,14 @@ FakeRestore::FakeRestore() {
     g_current = this;
     fs::remove_all(kDirectory);
     for (const std::string tool : {"iptables", "ip6tables"}) {
-        for (const std::string kind : {"-save", "-restore"}) {
+        for (const std::string kind : {"", "-save", "-restore"}) {
             const std::string path = kDirectory + tool + kind;
             writeFile(path, kScript);
             (void)chmod(path.c_str(), 0755);
         }
     }
     for (const std::string family : {"v4", "v6"}) {
+        failToList(family, 0);
         setSaved(family, "*filter\n:INPUT ACCEPT [0:0]\n:FORWARD ACCEPT [0:0]\nCOMMIT\n");
     }
 }
@@ -132,6 +140,10 @@ void FakeRestore::setSaved(const std::string& family, const std::string& output)
     writeFile(kDirectory + family + " saved", output);
 }
 
+void FakeRestore::failToList(const std::string& family, int status) {
+    writeFile(kDirectory + family + " listing status", std::to_string(status));
+}
+
 void FakeRestore::refuse(const std::string& run, const std::string& line, const std::string& errors,
                          int status) {
     writeFile(kDirectory + run + ".refuse", line + "\n");
@@ -139,8 +151,9 @@ void FakeRestore::refuse(const std::string& run, const std::string& line, const 
     writeFile(kDirectory + run + ".status", std::to_string(status));
 }
 
-void FakeRestore::kill(const std::string& run, const std::string& line) {
+void FakeRestore::kill(const std::string& run, const std::string& line, int times) {
     refuse(run, line, "");
+    writeFile(kDirectory + run + ".times", std::to_string(times));
     writeFile(kDirectory + run + ".status", "killed");
 }
 

@@ -35,16 +35,20 @@ public:
     /// Every program that was started, with its arguments, sorted.
     std::vector<std::string> started() const;
 
-    /// What iptables-save ("v4") or ip6tables-save ("v6") prints for any table.
+    /// What iptables-save ("v4") or ip6tables-save ("v6") prints for any table; iptables and
+    /// ip6tables list the rules in it.
     void setSaved(const std::string& family, const std::string& output);
+
+    /// From now on iptables ("v4") or ip6tables ("v6") ends with `status`.
+    void failToList(const std::string& family, int status);
 
     /// From now on the run of that name ("v6 commit") ends with `status` at a line of its input,
     /// saying `errors`.
     void refuse(const std::string& run, const std::string& line, const std::string& errors,
                 int status = 1);
 
-    /// The same by SIGKILL: nobody outside can tell whether a COMMIT was done.
-    void kill(const std::string& run, const std::string& line);
+    /// The same by SIGKILL: nobody outside can tell whether a COMMIT was done. `times` limits it.
+    void kill(const std::string& run, const std::string& line, int times = 99);
 
     /// From now on a program of that path cannot be started.
     void remove(const std::string& path);

@@ -231,12 +231,31 @@ FakeRestore::Run run(const std::string& name, const std::string& text, bool whol
 TEST_F(ApplyTest, BothFamiliesIpv4First) {
     EXPECT_TRUE(apply());
     EXPECT_THAT(tools_.runs(), ElementsAre(run("v4 commit", text()), run("v6 commit", text())));
-    EXPECT_THAT(tools_.started(), ElementsAre("ip6tables-restore --noflush --wait 30 --verbose",
-                                              "ip6tables-save --counters --table filter",
+    EXPECT_THAT(tools_.started(), ElementsAre("ip6tables --list-rules FIREWALL_RELOADING",
+                                              "ip6tables-restore --noflush --wait 30 --verbose",
                                               "iptables-restore --noflush --wait 30 --verbose",
                                               "iptables-save --counters --table filter"));
     EXPECT_THAT(platform_.log(), IsEmpty());
     EXPECT_THAT(platform_.executed(), IsEmpty());
+}
+
+// The first is saved, and saving takes as long as what there is.
+TEST_F(ApplyTest, ShorterFamilyFirst) {
+    cmds_["v4"]["eth0"].append("-t filter -A INPUT_FIREWALL -i eth1 -j DROP");
+    EXPECT_TRUE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v6 commit", "v4 commit"));
+    EXPECT_THAT(tools_.started(), ElementsAre("ip6tables-restore --noflush --wait 30 --verbose",
+                                              "ip6tables-save --counters --table filter",
+                                              "iptables --list-rules FIREWALL_RELOADING",
+                                              "iptables-restore --noflush --wait 30 --verbose"));
+}
+
+TEST_F(ApplyTest, SecondFamilyRefusedPutsBackTheFirst) {
+    cmds_["v4"]["eth0"].append("-t filter -A INPUT_FIREWALL -i eth1 -j DROP");
+    tools_.refuse("v4 commit", "COMMIT", "four\n");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v6 commit", "v6 put back"));
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/iptables-restore: four"));
 }
 
 TEST_F(ApplyTest, EmptyDocumentFlushesBothFamilies) {
@@ -303,13 +322,13 @@ const RefusedCase kRefusedCases[] = {
      "ip6tables-restore: line 10 failed\n",
      "/sbin/ip6tables-restore refused \"-t filter COMMIT\" of all adapters: ip6tables-restore: "
      "line 10 failed",
-     {"v4 commit", "v6 put back", "v4 put back"}},
+     {"v4 commit", "v4 put back"}},
     {"WithoutWords",
      "v6 commit",
      "COMMIT",
      "",
      "Failed to run /sbin/ip6tables-restore: status 1",
-     {"v4 commit", "v6 put back", "v4 put back"}},
+     {"v4 commit", "v4 put back"}},
 };
 
 class ApplyRefusedTest : public ApplyTest, public ::testing::WithParamInterface<RefusedCase> {};
@@ -325,12 +344,9 @@ INSTANTIATE_TEST_SUITE_P(Refused, ApplyRefusedTest, ValuesIn(kRefusedCases),
                          [](const auto& one) { return one.param.name; });
 
 TEST_F(ApplyTest, PuttingBackIsAboutTheChangedChainsWithTheirCounters) {
-    tools_.setSaved("v6", std::string(kSaved).replace(kSaved.find("old"), 3, "six"));
     tools_.refuse("v6 commit", "COMMIT", "");
     EXPECT_FALSE(apply());
-    ASSERT_EQ(tools_.runs().size(), 4U);
-    const std::string putBackV6 = std::string(kPutBack).replace(kPutBack.find("old"), 3, "six");
-    EXPECT_EQ(tools_.runs()[2], run("v6 put back", putBackV6));
+    ASSERT_EQ(tools_.runs().size(), 3U);
     EXPECT_EQ(tools_.runs().back(), run("v4 put back", kPutBack));
     EXPECT_EQ(tools_.runs().back().arguments, "--noflush --wait 30 --verbose --counters\n");
 }
@@ -343,10 +359,34 @@ TEST_F(ApplyTest, KilledAtItsCommitIsPutBackAsWell) {
     EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/iptables-restore: status 137"));
 }
 
-TEST_F(ApplyTest, Ipv6KilledAtItsCommitPutsBackBothFamilies) {
+// The second family is not saved: its text replaces whatever there is, so it is used once more.
+TEST_F(ApplyTest, SecondFamilyKilledAtItsCommitIsCommittedAgain) {
+    tools_.kill("v6 commit", "COMMIT", /*times=*/1);
+    EXPECT_TRUE(apply());
+    EXPECT_THAT(tools_.runs(), ElementsAre(run("v4 commit", text()), run("v6 commit", text()),
+                                           run("v6 commit", text())));
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: status 137; "
+                                      "trying again"));
+}
+
+TEST_F(ApplyTest, SecondFamilyKilledTwicePutsBackTheFirst) {
+    tools_.kill("v6 commit", "COMMIT");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v4 put back"));
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: status 137; "
+                                      "trying again",
+                                      "fwBatch: Failed to run /sbin/ip6tables-restore: status "
+                                      "137"));
+}
+
+// What is appended to a chain that the text does not flush would be there twice.
+TEST_F(ApplyTest, CommitThatCannotBeRepeatedIsPutBack) {
+    cmds_["v6"]["eth0"].append("-A INPUT -i eth0 -j ACCEPT");
     tools_.kill("v6 commit", "COMMIT");
     EXPECT_FALSE(apply());
     EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back", "v4 put back"));
+    EXPECT_THAT(errors(),
+                ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: status 137"));
 }
 
 TEST_F(ApplyTest, FailureToPutBackIsLoggedToo) {
@@ -357,7 +397,7 @@ TEST_F(ApplyTest, FailureToPutBackIsLoggedToo) {
                 ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: six",
                             "fwBatch: Failed to put back the rules with /sbin/iptables-restore: "
                             "four"));
-    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back"));
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit"));
 }
 
 // A message has its end in the tool's words, which a log that cuts long lines must not lose.
@@ -397,7 +437,7 @@ TEST_F(ApplyTest, EarlyEndIsTracedToItsLine) {
 TEST_F(ApplyTest, EarlyEndAtTheCommitIsARefusal) {
     tools_.refuse("v6 commit", "COMMIT", "", 0);
     EXPECT_FALSE(apply());
-    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back", "v4 put back"));
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v4 put back"));
 }
 
 TEST_F(ApplyTest, CallerThatIgnoresItsChildren) {
@@ -427,7 +467,7 @@ TEST_P(ApplyMissingTest, CommitsNothing) {
 }
 
 const MissingCase kMissing[] = {{"SaveV4", "/sbin/iptables-save"},
-                                {"SaveV6", "/sbin/ip6tables-save"},
+                                {"ListV6", "/sbin/ip6tables"},
                                 {"RestoreV4", "/sbin/iptables-restore"},
                                 {"RestoreV6", "/sbin/ip6tables-restore"}};
 INSTANTIATE_TEST_SUITE_P(Missing, ApplyMissingTest, ValuesIn(kMissing),
@@ -436,13 +476,26 @@ INSTANTIATE_TEST_SUITE_P(Missing, ApplyMissingTest, ValuesIn(kMissing),
 TEST_F(ApplyTest, WhatCannotBeSavedIsNotReplaced) {
     for (const std::string saved : {"*filter\n:INPUT ACCEPT [0:0]\n", "*nat\nCOMMIT\n", ""}) {
         platform_.clearLog();
-        tools_.setSaved("v6", saved);
+        tools_.setSaved("v4", saved);
         EXPECT_FALSE(apply());
         EXPECT_THAT(tools_.committed(), IsEmpty());
-        EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-save: it stopped "
+        EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/iptables-save: it stopped "
                                           "before the end of the table"))
             << saved;
     }
+}
+
+TEST_F(ApplyTest, WithoutTheReloadingChainNothingWasInterrupted) {
+    tools_.failToList("v6", 1);
+    EXPECT_TRUE(apply());
+    EXPECT_THAT(tools_.runs(), ElementsAre(run("v4 commit", text()), run("v6 commit", text())));
+}
+
+TEST_F(ApplyTest, WhatCannotBeListedIsNotReplaced) {
+    tools_.failToList("v6", 4);
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), IsEmpty());
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables: status 4"));
 }
 
 // ---- More than one table, each a commit of its own ----
