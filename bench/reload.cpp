@@ -6,8 +6,9 @@
 ///                                           then its peak size
 ///
 /// The sides are "library"; "lines", the same command lines run by posix_spawn alone; "lines+tool",
-/// with a run of the tool that the library asks for every rule's adapter; and "restore", both
-/// programs fed with the same text. Times are seconds, of the clock and of all processors.
+/// with a run of the tool that the library asks for every rule's adapter; "restore", both programs
+/// fed with the same text; and "apply", the library's transaction without the reading of the
+/// profile and its translation. Times are seconds, of the clock and of all processors.
 #include <fcntl.h>
 #include <json/json.h>
 #include <spawn.h>
@@ -175,6 +176,13 @@ Work sideOf(const std::string& name) {
         const std::vector<Words> tool = toolLines();
         lines.insert(lines.end(), tool.begin(), tool.end());
         return runAll(lines);
+    }
+    if (name == "apply") {
+        return [commands = activeCommands()] {
+            if (!FW::FW_BATCH().apply(commands)) {
+                fail("the transaction failed");
+            }
+        };
     }
     if (name == "restore") {
         writeTexts(kTextV4, kTextV6);

@@ -13,7 +13,7 @@ import rows
 
 # Group -> what runs it: a function of the group's name and the options that returns rows.
 PROGRAM_GROUPS = {name: programs.run for name in programs.GROUPS}
-KERNEL_GROUPS = reloads.GROUPS  # in a sandbox of their own for each variant of iptables
+KERNEL_GROUPS = reloads.GROUPS  # each in a sandbox of its own, once for each variant of iptables
 GROUPS = {**PROGRAM_GROUPS, **KERNEL_GROUPS}
 
 

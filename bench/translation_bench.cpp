@@ -1,5 +1,6 @@
-/// Profile to command document, beside loops that only concatenate the same strings: into a list of
-/// texts (the floor), and into the document that the interface asks for.
+/// Profile to command document, for both ways of applying it, beside loops that only concatenate
+/// the same strings: into a list of texts (the floor), and into the document that the interface
+/// asks for.
 #include <benchmark/benchmark.h>
 #include <json/json.h>
 
@@ -26,6 +27,17 @@ Json::Value translate(const FW::FWPROFILE& profile) {
     FW::TARNFW_IPTABLES_RULES translator;
     if (!translator.fwRulesToIptablesRules(true, profile.rules, profile.adapterPolicyMap,
                                            commands)) {
+        std::abort();
+    }
+    return commands;
+}
+
+/// The same for one transaction, which asks for tunnels once, not once a rule.
+Json::Value translateForBatch(const FW::FWPROFILE& profile) {
+    Json::Value commands;
+    FW::TARNFW_IPTABLES_RULES translator;
+    if (!translator.fwRulesToBatchRules(true, profile.rules, profile.adapterPolicyMap, commands,
+                                        "")) {
         std::abort();
     }
     return commands;
@@ -138,6 +150,11 @@ void registerMeasurements() {
                 const FW::FWPROFILE profile = makeProfile("p", kind, size);
                 countWhile(state, countLines(translate(profile)),
                            [&] { return translate(profile); });
+            });
+            measure(subject, "library-batch", rules, [kind](benchmark::State& state, int size) {
+                const FW::FWPROFILE profile = makeProfile("p", kind, size);
+                countWhile(state, countLines(translateForBatch(profile)),
+                           [&] { return translateForBatch(profile); });
             });
             measure(subject, "floor", rules, [kind](benchmark::State& state, int size) {
                 const Json::Value commands = translate(makeProfile("p", kind, size));
