@@ -89,6 +89,15 @@ Json::Value activeCommands() {
     return commands;
 }
 
+/// The same lines without a run of the tool for every rule.
+Json::Value activeBatchCommands() {
+    Json::Value commands;
+    if (!FW::TARNFW().fwBatchRulesEnum(kProfile, commands, true, "")) {
+        fail("no commands");
+    }
+    return commands;
+}
+
 /// Appends the lines of one family in the order in which a reload runs them.
 void appendFamily(const Json::Value& family, const std::string& tool, std::vector<Words>& all) {
     const auto append = [&](const std::string& adapter) {
@@ -142,7 +151,7 @@ std::vector<Words> toolLines() {
 }
 
 void writeTexts(const std::string& v4, const std::string& v6) {
-    const Json::Value commands = activeCommands();
+    const Json::Value commands = activeBatchCommands();
     writeFile(v4, FW::FW_BATCH().restoreText(commands, "v4"));
     writeFile(v6, FW::FW_BATCH().restoreText(commands, "v6"));
 }
@@ -178,7 +187,7 @@ Work sideOf(const std::string& name) {
         return runAll(lines);
     }
     if (name == "apply") {
-        return [commands = activeCommands()] {
+        return [commands = activeBatchCommands()] {
             if (!FW::FW_BATCH().apply(commands)) {
                 fail("the transaction failed");
             }
