@@ -53,7 +53,10 @@ struct Tools {
 constexpr Tools kToolsV4 = {"/sbin/iptables", "/sbin/iptables-save", "/sbin/iptables-restore"};
 constexpr Tools kToolsV6 = {"/sbin/ip6tables", "/sbin/ip6tables-save", "/sbin/ip6tables-restore"};
 
-constexpr int kNoSuchChain = 1;  // the status of listing it
+constexpr char kNoSuchChain[] = "No chain/target/match by that name";
+
+// From some thousand lines on a save takes as long as replacing the rules.
+constexpr std::size_t kLargeTextBytes = 256 * 1024;
 
 // "--wait" has no effect: ToolRun gives each run a lock file of its own, which is free. It is
 // XtablesLock that waits for other programs. A tool that does not know XTABLES_LOCKFILE takes the
@@ -111,10 +114,10 @@ void logRefusal(const Tools& tools, const RestoreText& text, const ToolResult& r
                forLog(line.command).c_str(), owner.c_str(), reason.c_str());
 }
 
-/// Whether a run that did not come to the end of its input may have done it all the same: the tool
-/// did not refuse, it was killed or ended early.
+/// Whether a run that did not come to the end of its input may have done it all the same: as far
+/// as can be told, the tool did not refuse, it was killed or ended early.
 bool leavesDoubt(const ToolResult& result) {
-    return exitedWell(result) ? result.errors.empty() : *result.status > ToolResult::kSignalBase;
+    return exitedWell(result) || *result.status > ToolResult::kSignalBase;
 }
 
 // ---- One family ----
@@ -132,8 +135,7 @@ public:
         }
     }
 
-    /// The same without saving, where putting back cannot become necessary: looks for what
-    /// interrupted reloads left. Saving thousands of rules takes as long as replacing them.
+    /// Starts to look for what interrupted reloads left, in place of a save.
     void startListing() {
         listing_ = std::make_unique<ToolRun>(
             std::vector<std::string>{tools_.list, "--list-rules", kReloadingChain}, "");
@@ -175,9 +177,12 @@ public:
     /// Whether a reload line by line was interrupted in this family.
     bool wasInterrupted() const { return interrupted_ > 0; }
 
-    /// Whether a second commit would leave what one does, so that it need not be known whether
-    /// there was a first, and nothing is left of one that was refused.
-    bool isRepeatable() const { return text_.replacesFirewallChainsOnly(); }
+    /// Whether the family that is committed last is better not saved: it has so many lines, and a
+    /// second commit would leave what one does. Then nothing is left of a commit that was refused,
+    /// and one that leaves doubt can be done again.
+    bool goesWithoutSave() const {
+        return text_.head().size() > kLargeTextBytes && text_.replacesFirewallChainsOnly();
+    }
 
     bool isSaved() const { return !saved_.empty(); }
 
@@ -243,7 +248,9 @@ private:
     bool finishListing() {
         const ToolResult result = listing_->finish();
         listing_.reset();
-        if (!exitedWell(result) && result.status != kNoSuchChain) {
+        const bool isListed = startsWith(result.output, std::string("-N ") + kReloadingChain);
+        const bool isMissing = result.errors.find(kNoSuchChain) != std::string::npos;
+        if (!(isListed && exitedWell(result)) && !isMissing) {
             logNoListing(tools_.list, result);
             return false;
         }
@@ -294,22 +301,8 @@ bool mendInterrupted(FamilyRun& first, FamilyRun& last) {
     return true;
 }
 
-/// Takes both families through the transaction: nothing is committed before all was examined.
-/// `first` is committed first, and so saved for the case that `last` fails.
-bool commitBoth(FamilyRun& first, FamilyRun& last) {
-    // All of these run at the same time.
-    first.startSaving();
-    if (last.isRepeatable()) {
-        last.startListing();
-    } else {
-        last.startSaving();
-    }
-    first.startExamining();
-    last.startExamining();
-    if (!first.finishExamining() || !last.finishExamining() || !first.finishLooking() ||
-        !last.finishLooking() || !mendInterrupted(first, last)) {
-        return false;
-    }
+/// Commits both families, or leaves both as they were.
+bool commitInOrder(FamilyRun& first, FamilyRun& last) {
     // A commit that failed is put back as well, if it was saved. Mostly nothing of it is in place,
     // but a tool with several tables may have done some, and one that was killed may have done all.
     if (!first.commit()) {
@@ -322,6 +315,28 @@ bool commitBoth(FamilyRun& first, FamilyRun& last) {
         return false;
     }
     return true;
+}
+
+/// Takes both families through the transaction: nothing is committed before all was examined.
+/// `first` is saved for the case that `last` fails.
+bool commitBoth(FamilyRun& first, FamilyRun& last) {
+    // All of these run at the same time.
+    first.startSaving();
+    if (last.goesWithoutSave()) {
+        last.startListing();
+    } else {
+        last.startSaving();
+    }
+    first.startExamining();
+    last.startExamining();
+    if (!first.finishExamining() || !last.finishExamining() || !first.finishLooking() ||
+        !last.finishLooking() || !mendInterrupted(first, last)) {
+        return false;
+    }
+    // The only sign of an interrupted reload goes last, for the case that this process ends in
+    // between. Both families are saved then.
+    return first.wasInterrupted() && !last.wasInterrupted() ? commitInOrder(last, first)
+                                                            : commitInOrder(first, last);
 }
 
 }  // namespace

@@ -30,13 +30,13 @@ public:
     std::string restoreText(const Json::Value& cmds, const std::string& family);
 
     /// Puts a command document in place: both families hold the new rules, or both what they held
-    /// before. Both texts are examined before the kernel is touched. The family with the shorter
-    /// text is saved and committed first. When the other one is refused after all, the first gets
-    /// back the rules, with their counters, of the chains that its lines named. The other one is
-    /// saved and put back as well where its lines are for other tables or chains than the
-    /// firewall's, or an interrupted reload is mended; else, when its tool is killed, it is
-    /// committed once more. Only where this fails too, which is logged, or the caller's process
-    /// ends in between, do the families differ.
+    /// before. Both texts are examined before the kernel is touched. When a commit fails after all,
+    /// its family and the one committed before it get back the rules, with their counters, of the
+    /// chains that their lines named. The family with the longer text, which is committed last,
+    /// goes without that above 256 KiB, where saving its rules takes longer than replacing them:
+    /// a refused commit changes nothing, and one whose tool is killed is done once more. Only
+    /// where putting back or that second attempt fails as well, which is logged, or the caller's
+    /// process ends in between, do the families differ.
     /// FIREWALL_RELOADING and the policies of INPUT and FORWARD change in one case: where a reload
     /// line by line was interrupted, which the rule for established connections in
     /// FIREWALL_RELOADING of either family tells, that rule goes and the policies of both families

@@ -111,8 +111,8 @@ public:
     /// itself fails, the policies stay as far as that came; a failed reopening disables the
     /// firewall.
     /// With "apply" set to "batch" there is no closed moment: the profile is translated first, and
-    /// FW_BATCH::apply() puts the rules in place. Every failure then leaves the packet filter and
-    /// the settings as they were.
+    /// FW_BATCH::apply() puts the rules in place. Every failure then leaves the settings and, with
+    /// the exceptions told there, the packet filter as they were.
     bool fwReload(bool acceptEstablished);
 
     /// Translates the stored profile `profile` into the command document `cmds`.

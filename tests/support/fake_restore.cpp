@@ -28,8 +28,12 @@ case $tool in ip6*) family=v6 ;; *) family=v4 ;; esac
 case $tool in
 *-save) cat "$family saved"; exit 0 ;;
 iptables | ip6tables)
-    grep -e "^-N $2" -e "-A $2 " "$family saved"
-    exit "$(cat "$family listing status")"
+    cat "$family listing errors" >&2
+    status=$(cat "$family listing status")
+    [ "$status" = 0 ] || exit "$status"
+    echo "-N $2"
+    grep -e "-A $2 " "$family saved"
+    exit 0
     ;;
 esac
 case " $* " in
@@ -97,7 +101,7 @@ FakeRestore::FakeRestore() {
         }
     }
     for (const std::string family : {"v4", "v6"}) {
-        failToList(family, 0);
+        failToList(family, 0, "");
         setSaved(family, "*filter\n:INPUT ACCEPT [0:0]\n:FORWARD ACCEPT [0:0]\nCOMMIT\n");
     }
 }
@@ -140,7 +144,8 @@ void FakeRestore::setSaved(const std::string& family, const std::string& output)
     writeFile(kDirectory + family + " saved", output);
 }
 
-void FakeRestore::failToList(const std::string& family, int status) {
+void FakeRestore::failToList(const std::string& family, int status, const std::string& errors) {
+    writeFile(kDirectory + family + " listing errors", errors);
     writeFile(kDirectory + family + " listing status", std::to_string(status));
 }
 

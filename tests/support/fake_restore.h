@@ -1,5 +1,5 @@
-/// Stand-ins for iptables-save, iptables-restore and their IPv6 companions, so that what the
-/// library gives them and what it makes of their answers can be tested without a kernel.
+/// Stand-ins for iptables, iptables-save, iptables-restore and their IPv6 companions, so that what
+/// the library gives them and what it makes of their answers can be tested without a kernel.
 #pragma once
 
 #include <string>
@@ -39,8 +39,8 @@ public:
     /// ip6tables list the rules in it.
     void setSaved(const std::string& family, const std::string& output);
 
-    /// From now on iptables ("v4") or ip6tables ("v6") ends with `status`.
-    void failToList(const std::string& family, int status);
+    /// From now on iptables ("v4") or ip6tables ("v6") ends with `status` and says `errors`.
+    void failToList(const std::string& family, int status, const std::string& errors);
 
     /// From now on the run of that name ("v6 commit") ends with `status` at a line of its input,
     /// saying `errors`.

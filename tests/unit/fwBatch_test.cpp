@@ -231,30 +231,25 @@ FakeRestore::Run run(const std::string& name, const std::string& text, bool whol
 TEST_F(ApplyTest, BothFamiliesIpv4First) {
     EXPECT_TRUE(apply());
     EXPECT_THAT(tools_.runs(), ElementsAre(run("v4 commit", text()), run("v6 commit", text())));
-    EXPECT_THAT(tools_.started(), ElementsAre("ip6tables --list-rules FIREWALL_RELOADING",
-                                              "ip6tables-restore --noflush --wait 30 --verbose",
+    EXPECT_THAT(tools_.started(), ElementsAre("ip6tables-restore --noflush --wait 30 --verbose",
+                                              "ip6tables-save --counters --table filter",
                                               "iptables-restore --noflush --wait 30 --verbose",
                                               "iptables-save --counters --table filter"));
     EXPECT_THAT(platform_.log(), IsEmpty());
     EXPECT_THAT(platform_.executed(), IsEmpty());
 }
 
-// The first is saved, and saving takes as long as what there is.
 TEST_F(ApplyTest, ShorterFamilyFirst) {
     cmds_["v4"]["eth0"].append("-t filter -A INPUT_FIREWALL -i eth1 -j DROP");
     EXPECT_TRUE(apply());
     EXPECT_THAT(tools_.committed(), ElementsAre("v6 commit", "v4 commit"));
-    EXPECT_THAT(tools_.started(), ElementsAre("ip6tables-restore --noflush --wait 30 --verbose",
-                                              "ip6tables-save --counters --table filter",
-                                              "iptables --list-rules FIREWALL_RELOADING",
-                                              "iptables-restore --noflush --wait 30 --verbose"));
 }
 
-TEST_F(ApplyTest, SecondFamilyRefusedPutsBackTheFirst) {
+TEST_F(ApplyTest, Ipv4RefusedAfterIpv6PutsBackBothFamilies) {
     cmds_["v4"]["eth0"].append("-t filter -A INPUT_FIREWALL -i eth1 -j DROP");
     tools_.refuse("v4 commit", "COMMIT", "four\n");
     EXPECT_FALSE(apply());
-    EXPECT_THAT(tools_.committed(), ElementsAre("v6 commit", "v6 put back"));
+    EXPECT_THAT(tools_.committed(), ElementsAre("v6 commit", "v4 put back", "v6 put back"));
     EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/iptables-restore: four"));
 }
 
@@ -322,13 +317,13 @@ const RefusedCase kRefusedCases[] = {
      "ip6tables-restore: line 10 failed\n",
      "/sbin/ip6tables-restore refused \"-t filter COMMIT\" of all adapters: ip6tables-restore: "
      "line 10 failed",
-     {"v4 commit", "v4 put back"}},
+     {"v4 commit", "v6 put back", "v4 put back"}},
     {"WithoutWords",
      "v6 commit",
      "COMMIT",
      "",
      "Failed to run /sbin/ip6tables-restore: status 1",
-     {"v4 commit", "v4 put back"}},
+     {"v4 commit", "v6 put back", "v4 put back"}},
 };
 
 class ApplyRefusedTest : public ApplyTest, public ::testing::WithParamInterface<RefusedCase> {};
@@ -344,9 +339,12 @@ INSTANTIATE_TEST_SUITE_P(Refused, ApplyRefusedTest, ValuesIn(kRefusedCases),
                          [](const auto& one) { return one.param.name; });
 
 TEST_F(ApplyTest, PuttingBackIsAboutTheChangedChainsWithTheirCounters) {
+    tools_.setSaved("v6", std::string(kSaved).replace(kSaved.find("old"), 3, "six"));
     tools_.refuse("v6 commit", "COMMIT", "");
     EXPECT_FALSE(apply());
-    ASSERT_EQ(tools_.runs().size(), 3U);
+    ASSERT_EQ(tools_.runs().size(), 4U);
+    const std::string putBackV6 = std::string(kPutBack).replace(kPutBack.find("old"), 3, "six");
+    EXPECT_EQ(tools_.runs()[2], run("v6 put back", putBackV6));
     EXPECT_EQ(tools_.runs().back(), run("v4 put back", kPutBack));
     EXPECT_EQ(tools_.runs().back().arguments, "--noflush --wait 30 --verbose --counters\n");
 }
@@ -359,34 +357,10 @@ TEST_F(ApplyTest, KilledAtItsCommitIsPutBackAsWell) {
     EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/iptables-restore: status 137"));
 }
 
-// The second family is not saved: its text replaces whatever there is, so it is used once more.
-TEST_F(ApplyTest, SecondFamilyKilledAtItsCommitIsCommittedAgain) {
-    tools_.kill("v6 commit", "COMMIT", /*times=*/1);
-    EXPECT_TRUE(apply());
-    EXPECT_THAT(tools_.runs(), ElementsAre(run("v4 commit", text()), run("v6 commit", text()),
-                                           run("v6 commit", text())));
-    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: status 137; "
-                                      "trying again"));
-}
-
-TEST_F(ApplyTest, SecondFamilyKilledTwicePutsBackTheFirst) {
-    tools_.kill("v6 commit", "COMMIT");
-    EXPECT_FALSE(apply());
-    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v4 put back"));
-    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: status 137; "
-                                      "trying again",
-                                      "fwBatch: Failed to run /sbin/ip6tables-restore: status "
-                                      "137"));
-}
-
-// What is appended to a chain that the text does not flush would be there twice.
-TEST_F(ApplyTest, CommitThatCannotBeRepeatedIsPutBack) {
-    cmds_["v6"]["eth0"].append("-A INPUT -i eth0 -j ACCEPT");
+TEST_F(ApplyTest, Ipv6KilledAtItsCommitPutsBackBothFamilies) {
     tools_.kill("v6 commit", "COMMIT");
     EXPECT_FALSE(apply());
     EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back", "v4 put back"));
-    EXPECT_THAT(errors(),
-                ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: status 137"));
 }
 
 TEST_F(ApplyTest, FailureToPutBackIsLoggedToo) {
@@ -397,7 +371,7 @@ TEST_F(ApplyTest, FailureToPutBackIsLoggedToo) {
                 ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: six",
                             "fwBatch: Failed to put back the rules with /sbin/iptables-restore: "
                             "four"));
-    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit"));
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back"));
 }
 
 // A message has its end in the tool's words, which a log that cuts long lines must not lose.
@@ -437,7 +411,7 @@ TEST_F(ApplyTest, EarlyEndIsTracedToItsLine) {
 TEST_F(ApplyTest, EarlyEndAtTheCommitIsARefusal) {
     tools_.refuse("v6 commit", "COMMIT", "", 0);
     EXPECT_FALSE(apply());
-    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v4 put back"));
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back", "v4 put back"));
 }
 
 TEST_F(ApplyTest, CallerThatIgnoresItsChildren) {
@@ -467,7 +441,7 @@ TEST_P(ApplyMissingTest, CommitsNothing) {
 }
 
 const MissingCase kMissing[] = {{"SaveV4", "/sbin/iptables-save"},
-                                {"ListV6", "/sbin/ip6tables"},
+                                {"SaveV6", "/sbin/ip6tables-save"},
                                 {"RestoreV4", "/sbin/iptables-restore"},
                                 {"RestoreV6", "/sbin/ip6tables-restore"}};
 INSTANTIATE_TEST_SUITE_P(Missing, ApplyMissingTest, ValuesIn(kMissing),
@@ -476,26 +450,13 @@ INSTANTIATE_TEST_SUITE_P(Missing, ApplyMissingTest, ValuesIn(kMissing),
 TEST_F(ApplyTest, WhatCannotBeSavedIsNotReplaced) {
     for (const std::string saved : {"*filter\n:INPUT ACCEPT [0:0]\n", "*nat\nCOMMIT\n", ""}) {
         platform_.clearLog();
-        tools_.setSaved("v4", saved);
+        tools_.setSaved("v6", saved);
         EXPECT_FALSE(apply());
         EXPECT_THAT(tools_.committed(), IsEmpty());
-        EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/iptables-save: it stopped "
+        EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-save: it stopped "
                                           "before the end of the table"))
             << saved;
     }
-}
-
-TEST_F(ApplyTest, WithoutTheReloadingChainNothingWasInterrupted) {
-    tools_.failToList("v6", 1);
-    EXPECT_TRUE(apply());
-    EXPECT_THAT(tools_.runs(), ElementsAre(run("v4 commit", text()), run("v6 commit", text())));
-}
-
-TEST_F(ApplyTest, WhatCannotBeListedIsNotReplaced) {
-    tools_.failToList("v6", 4);
-    EXPECT_FALSE(apply());
-    EXPECT_THAT(tools_.committed(), IsEmpty());
-    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables: status 4"));
 }
 
 // ---- More than one table, each a commit of its own ----
@@ -585,7 +546,7 @@ TEST_F(ApplyTest, SignOfIpv4OpensIpv6AsWell) {
     tools_.setSaved("v4", savedWith(1));
     EXPECT_TRUE(apply());
     EXPECT_THAT(tools_.runs(),
-                ElementsAre(run("v4 commit", text(kMended)), run("v6 commit", text(kOpened))));
+                ElementsAre(run("v6 commit", text(kOpened)), run("v4 commit", text(kMended))));
 }
 
 TEST_F(ApplyTest, SignOfIpv6OpensIpv4AsWell) {
@@ -599,17 +560,150 @@ TEST_F(ApplyTest, RefusalPutsBackWhatWasMended) {
     const std::string rule = std::string("[4:5] ") + kReloadingRule;
     tools_.setSaved("v4", savedWith(1, ":INPUT DROP [1:1]\n:FORWARD DROP [0:0]\n"));
     tools_.setSaved("v6", savedWith(0, ":INPUT DROP [1:1]\n:FORWARD ACCEPT [0:0]\n"));
-    tools_.refuse("v6 commit", "COMMIT", "six\n");
+    tools_.refuse("v4 commit", "COMMIT", "four\n");
     EXPECT_FALSE(apply());
     const std::vector<FakeRestore::Run> runs = tools_.runs();
     ASSERT_EQ(runs.size(), 4U);
-    EXPECT_EQ(runs[2], run("v6 put back",
+    EXPECT_EQ(runs[3], run("v6 put back",
                            "*filter\n-P INPUT DROP\n-P FORWARD ACCEPT\n-F FORWARD_FIREWALL\n"
                            "-F INPUT_FIREWALL\nCOMMIT\n"));
-    EXPECT_EQ(runs[3], run("v4 put back",
+    EXPECT_EQ(runs[2], run("v4 put back",
                            "*filter\n-P INPUT DROP\n-P FORWARD DROP\n-F FIREWALL_RELOADING\n"
                            "-F FORWARD_FIREWALL\n-F INPUT_FIREWALL\n" +
                                rule + "COMMIT\n"));
+}
+
+// The sign must not go while the other family is closed without one.
+TEST_F(ApplyTest, OnlySignGoesLast) {
+    cmds_["v6"]["eth0"].append("-t filter -A INPUT_FIREWALL -i eth1 -j DROP");
+    tools_.setSaved("v4", savedWith(1));
+    EXPECT_TRUE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v6 commit", "v4 commit"));
+}
+
+// ---- So many lines that saving them would take longer than replacing them ----
+
+constexpr int kManyLines = 2700;
+
+class ApplyLargeTest : public ApplyTest {
+protected:
+    ApplyLargeTest() {
+        Json::Value& lines = cmds_["v6"]["eth0"];
+        for (int i = 0; i < kManyLines; ++i) {
+            const std::string line = "-A INPUT_FIREWALL -m comment --comment " +
+                                     std::string(60, 'c') + std::to_string(i) + " -j DROP";
+            lines.append("-t filter " + line);
+            largeText_ += line + "\n";
+        }
+        largeText_ = text(largeText_);
+    }
+
+    static constexpr char kKilled[] =
+        "fwBatch: Failed to run /sbin/ip6tables-restore: status 137; trying again";
+
+    std::string largeText_;
+};
+
+TEST_F(ApplyLargeTest, LongerFamilyIsNotSaved) {
+    EXPECT_TRUE(apply());
+    EXPECT_THAT(tools_.runs(), ElementsAre(run("v4 commit", text()), run("v6 commit", largeText_)));
+    EXPECT_THAT(tools_.started(), ElementsAre("ip6tables --list-rules FIREWALL_RELOADING",
+                                              "ip6tables-restore --noflush --wait 30 --verbose",
+                                              "iptables-restore --noflush --wait 30 --verbose",
+                                              "iptables-save --counters --table filter"));
+    EXPECT_THAT(platform_.log(), IsEmpty());
+}
+
+TEST_F(ApplyLargeTest, RefusedPutsBackTheFirst) {
+    tools_.refuse("v6 commit", "COMMIT", "six\n");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v4 put back"));
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: six"));
+}
+
+// It may have been committed or not: its text replaces whatever there is.
+TEST_F(ApplyLargeTest, KilledAtItsCommitIsCommittedAgain) {
+    tools_.kill("v6 commit", "COMMIT", /*times=*/1);
+    EXPECT_TRUE(apply());
+    EXPECT_THAT(tools_.runs(), ElementsAre(run("v4 commit", text()), run("v6 commit", largeText_),
+                                           run("v6 commit", largeText_)));
+    EXPECT_THAT(errors(), ElementsAre(kKilled));
+}
+
+TEST_F(ApplyLargeTest, KilledAtItsCommitWhileTheCallerIgnoresItsChildren) {
+    tools_.kill("v6 commit", "COMMIT", /*times=*/1);
+    const auto before = std::signal(SIGCHLD, SIG_IGN);
+    const bool applied = apply();
+    (void)std::signal(SIGCHLD, before);
+    EXPECT_TRUE(applied);
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: it stopped "
+                                      "before the end of its input; trying again"));
+}
+
+TEST_F(ApplyLargeTest, KilledTwicePutsBackTheFirst) {
+    tools_.kill("v6 commit", "COMMIT");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v4 put back"));
+    EXPECT_THAT(errors(), ElementsAre(kKilled,
+                                      "fwBatch: Failed to run /sbin/ip6tables-restore: "
+                                      "status 137"));
+}
+
+// What is appended to a chain that the text does not flush would be there twice.
+TEST_F(ApplyLargeTest, LinesOfOtherChainsTakeASave) {
+    cmds_["v6"]["eth0"].append("-A INPUT -i eth0 -j ACCEPT");
+    tools_.kill("v6 commit", "COMMIT");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back", "v4 put back"));
+    EXPECT_THAT(errors(),
+                ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: status 137"));
+}
+
+// So would the mending fail that is done.
+TEST_F(ApplyLargeTest, MendingTakesASave) {
+    tools_.setSaved("v4", savedWith(1));
+    tools_.setSaved("v6", savedWith(1));
+    tools_.kill("v6 commit", "COMMIT");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back", "v4 put back"));
+}
+
+TEST_F(ApplyLargeTest, MendingWithoutASaveCommitsNothing) {
+    tools_.setSaved("v4", savedWith(1));
+    tools_.setSaved("v6", "*filter\n");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), IsEmpty());
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-save: it stopped "
+                                      "before the end of the table"));
+}
+
+TEST_F(ApplyLargeTest, SignInItIsFound) {
+    tools_.setSaved("v6", savedWith(1));
+    EXPECT_TRUE(apply());
+    ASSERT_EQ(tools_.runs().size(), 2U);
+    EXPECT_EQ(tools_.runs().front(), run("v4 commit", text(kOpened)));
+}
+
+TEST_F(ApplyLargeTest, WithoutTheReloadingChainNothingWasInterrupted) {
+    tools_.failToList("v6", 1, "ip6tables: No chain/target/match by that name.\n");
+    EXPECT_TRUE(apply());
+    EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(ApplyLargeTest, WhatCannotBeListedIsNotReplaced) {
+    tools_.failToList("v6", 1, "ip6tables: chain is incompatible\n");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), IsEmpty());
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables: ip6tables: chain is "
+                                      "incompatible"));
+}
+
+TEST_F(ApplyLargeTest, WithoutTheToolThatListsNothingIsCommitted) {
+    tools_.remove("/sbin/ip6tables");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), IsEmpty());
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables: No such file or "
+                                      "directory"));
 }
 
 }  // namespace

@@ -3,16 +3,22 @@
 # with one line in the log that names it.
 readonly kLines=40
 
+# The family with the shorter text is committed first.
+readonly kShortIpv6=fd00:: kLongIpv6=fd00::a:b:
+ipv6=$kShortIpv6
+count=$kLines
+
 # document FAMILY POSITION LINE: a command document with LINE at that position in one family.
 document() {
-    python3 - "$@" "$kLines" <<'END'
+    python3 - "$@" "$ipv6" "$count" <<'END'
 import json
 import sys
 
-family, position, line, count = sys.argv[1], int(sys.argv[2]), sys.argv[3], int(sys.argv[4])
+family, position, line, ipv6, count = sys.argv[1], int(sys.argv[2]), *sys.argv[3:5], int(sys.argv[5])
 cmds = {}
-for key, prefix in ("v4", "10.0.0."), ("v6", "fd00::"):
-    lines = [f"-t filter -A INPUT_FIREWALL -s {prefix}{i + 1} -j DROP" for i in range(count)]
+for key, prefix in ("v4", "10.0."), ("v6", ipv6):
+    last = (lambda i: f"{i // 250}.{i % 250 + 1}") if key == "v4" else (lambda i: f"{i + 1:x}")
+    lines = [f"-t filter -A INPUT_FIREWALL -s {prefix}{last(i)} -j DROP" for i in range(count)]
     if key == family:
         lines[position] = line
     cmds[key] = {"global": ["-A INPUT_FIREWALL -i lo -j ACCEPT"], "eth0": lines}
@@ -82,6 +88,20 @@ for family in v4 v6; do
     refused_at "$family" 3 'no such chain' '-t filter -A NOWHERE -j DROP' '-A NOWHERE -j DROP'
     refused_at "$family" 3 'no line at all' $'-A INPUT_FIREWALL -s 10.0.0.1\nCOMMIT' 'Adapter eth0: '
 done
+
+# Whichever is first, and when the second is not saved because it has so many lines.
+for ipv6 in "$kShortIpv6" "$kLongIpv6"; do
+    for count in "$kLines" 8000; do
+        for family in v4 v6; do
+            named="\"$kUnwanted\" of adapter eth0: "
+            [[ $variant == nft ]] || named='"-t filter COMMIT" of all adapters: '
+            refused_at "$family" $((count - 1)) "refused by the kernel, $count lines, $ipv6" \
+                "$kUnwanted" "$named"
+        done
+    done
+done
+ipv6=$kShortIpv6
+count=$kLines
 
 # The same through a reload: the firewall stays enabled.
 iptables -F INPUT_FIREWALL

@@ -1,7 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# A tool that is killed when it has just committed: nobody can tell. The family that is first gets its
-# former rules back, with the counters. The other one is saved and put back where it has to be; else it
-# is committed once more.
+# A tool that is killed when it has just committed: nobody can tell, so both families get their former
+# rules back, with the counters. With very many rules the second family is committed once more instead.
 
 # everything: all of the packet filter with the counters of its rules.
 everything() {
@@ -41,17 +40,24 @@ chmod +x /tmp/wrapper
 : >/tmp/killed
 mount --bind /tmp/wrapper "$program"
 
-# batch TOOL [LINE...]: replaces the rules while the tool is killed. The lines are for eth1, IPv6.
-batch() {
-    echo "$1" >/tmp/killed
-    shift
-    rules_probe batch - 2>"$out/log" <<END
-{"v4": {"eth0": ["-A INPUT_FIREWALL -s 10.0.0.1 -j DROP"]},
- "v6": {"eth0": ["-A INPUT_FIREWALL -s fd00::a:1 -j DROP"], "eth1": [$*]}}
+# document COUNT: that many rules of IPv6, and one of IPv4.
+document() {
+    python3 - "$1" <<'END'
+import json
+import sys
+
+lines = [f"-A INPUT_FIREWALL -s fd00::a:{i + 1:x} -j DROP" for i in range(int(sys.argv[1]))]
+json.dump({"v4": {"eth0": ["-A INPUT_FIREWALL -s 10.0.0.1 -j DROP"]}, "v6": {"eth0": lines}}, sys.stdout)
 END
 }
 
-killed() {
+# batch TOOL COUNT: replaces the rules while the tool is killed.
+batch() {
+    echo "$1" >/tmp/killed
+    rules_probe batch <(document "$2") 2>"$out/log"
+}
+
+was_killed() {
     grep --quiet "Failed to run /sbin/$1: status 137" "$out/log"
 }
 
@@ -60,21 +66,19 @@ nothing_has_changed() {
     diff -u "$out/old" "$out/now"
 }
 
-refuses 'the tool of IPv4, which is first, is killed' batch iptables-restore
-step 'it was at its end' killed iptables-restore
-step 'nothing has changed' nothing_has_changed
+for tool in iptables-restore ip6tables-restore; do
+    refuses "$tool is killed" batch "$tool" 1
+    step 'it was at its end' was_killed "$tool"
+    step 'nothing has changed' nothing_has_changed
+done
 
-readonly kOtherChain='"-A OTHERS -s fd00::2 -j DROP"'
-ip6tables -N OTHERS
-everything >"$out/old"
-refuses 'the tool of IPv6 is killed, with a rule of another chain' \
-    batch ip6tables-restore "$kOtherChain"
-step 'it was at its end' killed ip6tables-restore
+readonly kMany=8000
+refuses 'the first of very many' batch iptables-restore "$kMany"
+step 'it was at its end' was_killed iptables-restore
 step 'nothing has changed' nothing_has_changed
-
-step 'the tool of IPv6 is killed' batch ip6tables-restore
-step 'it was at its end' killed ip6tables-restore
+step 'the second of very many is committed again' batch ip6tables-restore "$kMany"
+step 'it was at its end' was_killed ip6tables-restore
 keep_listing killed
-step 'nothing is killed' batch none
+step 'nothing is killed' batch none "$kMany"
 step 'the rules are the same' same_listing killed
-step 'they are the new ones' grep --quiet 'fd00::a:1' <(ip6tables -S INPUT_FIREWALL)
+step 'they are the new ones' test "$(ip6tables -S INPUT_FIREWALL | grep -c fd00::a:)" = "$kMany"
