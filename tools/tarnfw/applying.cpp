@@ -4,6 +4,8 @@
 #include <iostream>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+
 #include "tarnfirewall/tarnFW.h"
 
 #include "baseFilter.h"

@@ -3,9 +3,9 @@
 
 #include <string>
 
-#include <CLI/CLI.hpp>
-
 #include "tarnfirewall/fwTypes.h"
+
+#include "cliFwd.h"
 
 namespace tarnfw {
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <iostream>
 
+#include <CLI/CLI.hpp>
+
 #include "catalogue.h"
 #include "command.h"
 #include "fwCodes.h"

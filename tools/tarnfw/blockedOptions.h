@@ -5,9 +5,10 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 
 #include "tarnfirewall/fwTypes.h"
+
+#include "cliFwd.h"
 
 namespace tarnfw {
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <json/json.h>
+#include <CLI/CLI.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "tarncore.h"

@@ -4,6 +4,7 @@
 
 #include <iostream>
 
+#include <CLI/CLI.hpp>
 #include <boost/interprocess/exceptions.hpp>
 
 namespace tarnfw {

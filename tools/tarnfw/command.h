@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string>
 
-#include <CLI/CLI.hpp>
+#include "cliFwd.h"
 
 namespace tarnfw {
 

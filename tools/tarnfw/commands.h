@@ -2,7 +2,7 @@
 /// CommandFailed, which main() turns into a line on standard error and an exit status.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "cliFwd.h"
 
 namespace tarnfw {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
+#include "cliFwd.h"
 
 namespace tarnfw {
 

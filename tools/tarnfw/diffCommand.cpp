@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <json/json.h>
+#include <CLI/CLI.hpp>
 
 #include "tarnfirewall/fwBatch.h"
 #include "tarnfirewall/tarnFW.h"

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <json/json.h>
+#include <CLI/CLI.hpp>
 
 #include "command.h"
 #include "decision.h"

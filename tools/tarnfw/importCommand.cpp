@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <json/json.h>
+#include <CLI/CLI.hpp>
 
 #include "tarncore.h"
 #include "tarnsdk.h"

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <json/json.h>
+#include <CLI/CLI.hpp>
 
 #include "tarnfirewall/tarnIptablesModule.h"
 

@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#include <CLI/CLI.hpp>
+
 #include "tarnfirewall/fwDB.h"
 
 #include "applying.h"

@@ -14,6 +14,8 @@
 #include <memory>
 #include <string>
 
+#include <CLI/CLI.hpp>
+
 #include "tarnfirewall/tarnFW.h"
 
 #include "baseFilter.h"

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include <CLI/CLI.hpp>
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>

@@ -6,6 +6,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <CLI/CLI.hpp>
 
 namespace tarnfw {
 namespace {

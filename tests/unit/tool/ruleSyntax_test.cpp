@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <CLI/CLI.hpp>
 
 #include "command.h"
 #include "ruleText.h"
