@@ -4,7 +4,7 @@
 # Of Debian 12: the tools that build and check, the libraries, and what runs in the sandbox. netbase
 # has the names of the protocols that iptables reads and prints.
 readonly kPackages=(
-    build-essential g++ clang clang-format clang-tidy cmake ninja-build pkg-config
+    build-essential g++ clang clang-format clang-tidy cmake libclang-rt-dev ninja-build pkg-config
     libboost-dev libcli11-dev libgmock-dev libgtest-dev libjsoncpp-dev libkmod-dev libvalijson-dev
     debhelper dpkg-dev git lintian systemd xz-utils
     doxygen mandoc scdoc shellcheck
