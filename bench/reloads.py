@@ -1,6 +1,7 @@
 """Whole reloads, and new connections meanwhile, on a real packet filter."""
 
 import os
+import statistics
 import subprocess
 import time
 
@@ -14,6 +15,9 @@ PEER_RUNS = {10: 5, 100: 5, 1000: 3, 5000: 1, 50000: 1}  # some take minutes
 QUICK = (10, 100)
 CONNECTION_SIZES = (1000, 5000)
 QUICK_CONNECTION_SIZES = (100,)
+# How often a short reload is watched: the machine and the kernel stall connections by themselves.
+WATCHED_RUNS = 15
+WATCHED_PEER_RUNS = 5
 
 FLOORS = {'lines': 'floor', 'restore': 'floor'}  # sides of bench_reload that are floors
 OPEN_PORT, DENIED_PORT = 443, 22
@@ -175,9 +179,22 @@ class Connections:
         found = dict(line.split() for line in told.splitlines())
         return {name: float(value) for name, value in found.items()}, seconds
 
-    def row(self, case, side, size, work):
-        found, seconds = self.during(work)
-        return Row('connections', case, side, size, [seconds], found)
+    def rows(self, case, size, works, runs=1):
+        """A row for each side of `works`, which run in turn. Attempts, failures and connections of
+        the denied port are those of all runs; `stall` is the median of the runs, `longest` the
+        longest of any."""
+        seen = {side: [] for side in works}
+        for _ in range(runs):
+            for side, work in works.items():
+                seen[side].append(self.during(work))
+        rows = []
+        for side, pairs in seen.items():
+            found = [counters for counters, _ in pairs]
+            stalls = [counters.pop('stall') for counters in found]
+            counters = {name: sum(f[name] for f in found) for name in found[0]}
+            counters |= {'stall': statistics.median(stalls), 'longest': max(stalls)}
+            rows.append(Row('connections', case, side, size, [s for _, s in pairs], counters))
+        return rows
 
     def stop(self):
         self.server.kill()
@@ -188,17 +205,25 @@ def connections(_, options):
     prepare(options)
     sizes = QUICK_CONNECTION_SIZES if options.quick else CONNECTION_SIZES
     watched = Connections(options)
-    rows = [watched.row(options.variant, 'nothing', 0, lambda: time.sleep(2))]
+    rows = []
     for size in sizes:
-        for mode in ('lines', 'batch'):
-            store(options, size, mode)
-            reload_sides(options, 'library')
-            rows.append(
-                watched.row(
-                    options.variant, f'library {mode}', size,
-                    lambda: reload_sides(options, 'library'),
-                )
-            )
+        store(options, size, 'lines')
+        reload_sides(options, 'library')
+        rows += watched.rows(
+            options.variant, size, {'library lines': lambda: reload_sides(options, 'library')}
+        )
+        store(options, size, 'batch')
+        reload_sides(options, 'library')
+        rows += watched.rows(
+            options.variant,
+            size,
+            {
+                'nothing': lambda: time.sleep(0.5),
+                'library batch': lambda: reload_sides(options, 'library'),
+                'iptables-restore': lambda: reload_sides(options, 'restore'),
+            },
+            WATCHED_RUNS,
+        )
     base(options, 'down')
     for kind, peer, reason in started_peers(options):
         if peer is not None:
@@ -207,7 +232,9 @@ def connections(_, options):
                     peer.write(size)
                     peer.reload()
                     check_rules(peer, size)
-                    rows.append(watched.row(options.variant, peer.name, size, peer.reload))
+                    rows += watched.rows(
+                        options.variant, size, {peer.name: peer.reload}, WATCHED_PEER_RUNS
+                    )
                 peer.stop()
             except (peers.CannotRun, subprocess.TimeoutExpired, OSError) as failure:
                 reason = failure
