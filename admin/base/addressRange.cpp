@@ -1,4 +1,4 @@
-#include "addressRange.h"
+#include "tarnfwadmin/addressRange.h"
 
 #include <arpa/inet.h>
 

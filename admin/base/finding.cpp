@@ -1,8 +1,8 @@
-#include "finding.h"
+#include "tarnfwadmin/finding.h"
 
 #include <algorithm>
 
-#include "output.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {

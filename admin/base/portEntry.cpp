@@ -1,6 +1,6 @@
-#include "portEntry.h"
+#include "tarnfwadmin/portEntry.h"
 
-#include "output.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {

@@ -1,4 +1,4 @@
-#include "exportCheck.h"
+#include "tarnfwadmin/exportCheck.h"
 
 #include <algorithm>
 #include <map>
@@ -6,10 +6,10 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 
-#include "configuration.h"
-#include "output.h"
-#include "profileCheck.h"
-#include "schemaCheck.h"
+#include "check/schemaCheck.h"
+#include "tarnfwadmin/configuration.h"
+#include "tarnfwadmin/profileCheck.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {

@@ -1,4 +1,4 @@
-#include "meaningCheck.h"
+#include "check/meaningCheck.h"
 
 #include <algorithm>
 #include <optional>
@@ -6,11 +6,11 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-#include "addressRange.h"
 #include "fwCodes.h"
-#include "output.h"
-#include "portEntry.h"
-#include "store.h"
+#include "tarnfwadmin/addressRange.h"
+#include "tarnfwadmin/portEntry.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {

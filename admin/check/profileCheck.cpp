@@ -1,13 +1,13 @@
-#include "profileCheck.h"
+#include "tarnfwadmin/profileCheck.h"
 
 #include <algorithm>
 
 #include "tarnfirewall/fwDB.h"
 
-#include "machine.h"
-#include "meaningCheck.h"
-#include "schemaCheck.h"
-#include "shadowCheck.h"
+#include "check/meaningCheck.h"
+#include "check/schemaCheck.h"
+#include "check/shadowCheck.h"
+#include "machine/machine.h"
 
 namespace tarnfw {
 namespace {

@@ -1,14 +1,14 @@
-#include "profileDocument.h"
+#include "tarnfwadmin/profileDocument.h"
 
 #include <iostream>
 #include <utility>
 
 #include "tarnfirewall/fwDB.h"
 
-#include "documentFile.h"
-#include "finding.h"
-#include "output.h"
-#include "profileCheck.h"
+#include "tarnfwadmin/documentFile.h"
+#include "tarnfwadmin/finding.h"
+#include "tarnfwadmin/profileCheck.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 

@@ -1,4 +1,4 @@
-#include "ruleFindings.h"
+#include "tarnfwadmin/ruleFindings.h"
 
 #include <json/json.h>
 #include <boost/algorithm/string/predicate.hpp>
@@ -6,7 +6,7 @@
 
 #include "tarnfirewall/fwDB.h"
 
-#include "profileCheck.h"
+#include "tarnfwadmin/profileCheck.h"
 
 namespace tarnfw {
 namespace {

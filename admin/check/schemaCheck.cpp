@@ -1,4 +1,4 @@
-#include "schemaCheck.h"
+#include "check/schemaCheck.h"
 
 #include <algorithm>
 #include <memory>
@@ -12,8 +12,7 @@
 #include <valijson/validation_results.hpp>
 #include <valijson/validator.hpp>
 
-#include "output.h"
-#include "usage.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
@@ -164,9 +163,7 @@ void addUnknownMembers(const Place& place, Findings& findings) {
             continue;
         }
         const std::string meant = nearest(name, known.getMemberNames());
-        findings.error(memberPath(place.path, name),
-                       "there is no such member" +
-                           (meant.empty() ? "" : "; did you mean " + inQuotes(meant) + "?"));
+        findings.error(memberPath(place.path, name), "there is no such member" + didYouMean(meant));
     }
 }
 

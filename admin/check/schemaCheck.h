@@ -6,7 +6,7 @@
 
 #include <json/json.h>
 
-#include "finding.h"
+#include "tarnfwadmin/finding.h"
 
 namespace tarnfw {
 

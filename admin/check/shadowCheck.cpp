@@ -1,4 +1,4 @@
-#include "shadowCheck.h"
+#include "check/shadowCheck.h"
 
 #include <algorithm>
 #include <array>
@@ -14,10 +14,10 @@
 
 #include "tarnfirewall/fwDB.h"
 
-#include "addressRange.h"
 #include "fwCodes.h"
-#include "portEntry.h"
-#include "ruleText.h"
+#include "tarnfwadmin/addressRange.h"
+#include "tarnfwadmin/portEntry.h"
+#include "tarnfwadmin/ruleText.h"
 
 namespace tarnfw {
 namespace {

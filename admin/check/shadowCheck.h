@@ -5,8 +5,8 @@
 
 #include <json/json.h>
 
-#include "finding.h"
-#include "machine.h"
+#include "machine/machine.h"
+#include "tarnfwadmin/finding.h"
 
 namespace tarnfw {
 

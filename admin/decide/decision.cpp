@@ -1,4 +1,4 @@
-#include "decision.h"
+#include "tarnfwadmin/decision.h"
 
 #include <algorithm>
 
@@ -6,9 +6,9 @@
 
 #include "tarnfirewall/fwGeoip.h"
 
-#include "command.h"
 #include "fwCodes.h"
-#include "ruleText.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/ruleText.h"
 
 namespace tarnfw {
 namespace {
@@ -315,7 +315,7 @@ std::vector<Decider::MatchedPorts> Decider::matchedPorts(const FWRULE& rule, con
         case 2: {
             FW::ServPort ports;
             if (!translator_.servToPorts(rule.portList, ports)) {
-                throw CommandFailed("the service catalogue cannot be read");
+                throw Error(ErrorKind::kSystem, "the service catalogue cannot be read");
             }
             // A service's ports are matched on their own sides, whatever side the rule names.
             for (const auto& [protocol, list] : ports.srcPorts) {

@@ -1,15 +1,15 @@
-#include "verdicts.h"
+#include "tarnfwadmin/verdicts.h"
 
 #include <map>
 #include <utility>
 
 #include "tarnfirewall/tarnFW.h"
 
-#include "command.h"
 #include "fwCodes.h"
-#include "output.h"
-#include "portEntry.h"
-#include "ruleText.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/portEntry.h"
+#include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
@@ -54,7 +54,7 @@ AdapterAnswer answerFor(const std::string& adapter, const std::string& asked,
         std::map<std::string, FW::FW_POLICY> verdicts;
         std::vector<FW::FWVERDICTSTEP> steps;
         if (!firewall.fwPortExplain(question, asked, verdicts, steps)) {
-            throw CommandFailed("the active profile cannot be evaluated");
+            throw Error(ErrorKind::kSystem, "the active profile cannot be evaluated");
         }
         PortAnswer port{question, closed(verdicts[adapter]), {}};
         for (FW::FWVERDICTSTEP& step : steps) {

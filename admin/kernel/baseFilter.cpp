@@ -1,4 +1,4 @@
-#include "baseFilter.h"
+#include "tarnfwadmin/baseFilter.h"
 
 #include <stdio.h>
 
@@ -13,7 +13,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-#include "command.h"
+#include "tarnfwadmin/error.h"
 
 namespace tarnfw {
 namespace {
@@ -178,11 +178,11 @@ std::vector<std::string> BaseFilter::rules() const {
                                                          "-t", "filter", "-S",
                                                          static_cast<const char*>(nullptr)));
     if (stream == nullptr) {
-        throw CommandFailed("cannot run " + tool_);
+        throw Error(ErrorKind::kSystem, "cannot run " + tool_);
     }
     std::vector<std::string> lines = linesOf(stream.get());
     if (TLIBCPclose(stream.release()) != 0) {
-        throw CommandFailed(tool_ + " cannot list the filter table");
+        throw Error(ErrorKind::kSystem, tool_ + " cannot list the filter table");
     }
     return lines;
 }
@@ -196,7 +196,7 @@ void BaseFilter::run(const std::vector<std::string>& arguments) const {
     }
     argv.push_back(nullptr);
     if (TLIBCExecv(tool_.c_str(), argv.data(), 1) != 0) {
-        throw CommandFailed("this command failed: " + line);
+        throw Error(ErrorKind::kSystem, "this command failed: " + line);
     }
 }
 
@@ -219,9 +219,9 @@ void requireBase() {
     for (const BaseFilter& filter : baseFilters()) {
         const BaseParts parts = filter.missing();
         if (!parts.empty()) {
-            throw CommandFailed(
-                "the base packet filter is not set up; \"tarnfw base up\" does that (" +
-                filter.title() + " lacks " + describe(parts) + ")");
+            throw Error(ErrorKind::kSystem,
+                        "the base packet filter is not set up; \"tarnfw base up\" does that (" +
+                            filter.title() + " lacks " + describe(parts) + ")");
         }
     }
 }

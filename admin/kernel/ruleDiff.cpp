@@ -1,4 +1,4 @@
-#include "ruleDiff.h"
+#include "tarnfwadmin/ruleDiff.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "scratchKernel.h"
+#include "tarnfwadmin/scratchKernel.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -17,9 +17,9 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 
-#include "baseFilter.h"
-#include "command.h"
-#include "store.h"
+#include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {
@@ -40,7 +40,8 @@ class Pipe {
 public:
     Pipe() {
         if (pipe2(ends_.data(), O_CLOEXEC) != 0) {
-            throw CommandFailed(std::string("cannot make a pipe: ") + std::strerror(errno));
+            throw Error(ErrorKind::kSystem,
+                        std::string("cannot make a pipe: ") + std::strerror(errno));
         }
     }
     ~Pipe() {
@@ -139,7 +140,8 @@ ProgramAnswer PacketFilter::restore(const std::string& family, const std::string
     const Descriptor input(memfd_create("rules", MFD_CLOEXEC));
     if (write(input.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
         lseek(input.get(), 0, SEEK_SET) != 0) {
-        throw CommandFailed(std::string("cannot keep the rules: ") + std::strerror(errno));
+        throw Error(ErrorKind::kSystem,
+                    std::string("cannot keep the rules: ") + std::strerror(errno));
     }
     return runProgram(programOf(family) + "-restore", {"--noflush"}, input.get());
 }
@@ -159,7 +161,7 @@ ProgramAnswer PacketFilter::runProgram(const std::string& program,
     Pipe errors;
     const pid_t process = fork();
     if (process < 0) {
-        throw CommandFailed("cannot start " + program + ": " + std::strerror(errno));
+        throw Error(ErrorKind::kSystem, "cannot start " + program + ": " + std::strerror(errno));
     }
     if (process == 0) {
         if (!enter() || dup2(input, STDIN_FILENO) < 0 ||
@@ -176,7 +178,7 @@ ProgramAnswer PacketFilter::runProgram(const std::string& program,
     readBoth(output.readEnd(), answer.output, errors.readEnd(), answer.errors);
     answer.status = statusOf(process);
     if (answer.status == kNotEntered || answer.status == kNotRun) {
-        throw CommandFailed("cannot run " + program);
+        throw Error(ErrorKind::kSystem, "cannot run " + program);
     }
     return answer;
 }
@@ -189,7 +191,8 @@ ScratchKernel::ScratchKernel() {
     Pipe hold;
     holder_ = fork();
     if (holder_ < 0) {
-        throw CommandFailed(std::string("cannot start a process: ") + std::strerror(errno));
+        throw Error(ErrorKind::kSystem,
+                    std::string("cannot start a process: ") + std::strerror(errno));
     }
     if (holder_ == 0) {
         // Lives until the pipe is closed, which the end of the tool does as well.
@@ -208,7 +211,8 @@ ScratchKernel::ScratchKernel() {
     char byte = 0;
     if (pidfd_ < 0 || read(ready.readEnd(), &byte, 1) != 1) {
         end();
-        throw CommandFailed("this system does not allow a network namespace to load rules in");
+        throw Error(ErrorKind::kSystem,
+                    "this system does not allow a network namespace to load rules in");
     }
     try {
         setUpBase();
@@ -242,8 +246,8 @@ void ScratchKernel::setUpBase() const {
         const auto required = [&](const std::vector<std::string>& arguments) {
             const ProgramAnswer answer = run(filter.key(), arguments);
             if (answer.status != 0) {
-                throw CommandFailed("no packet filter in a network namespace: " +
-                                    wordsOf(answer.errors));
+                throw Error(ErrorKind::kSystem,
+                            "no packet filter in a network namespace: " + wordsOf(answer.errors));
             }
         };
         for (const std::string& chain : wholeBase().chains) {

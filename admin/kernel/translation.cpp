@@ -1,14 +1,14 @@
-#include "translation.h"
+#include "tarnfwadmin/translation.h"
 
 #include <map>
 
 #include "tarnfirewall/fwIptables.h"
 #include "tarnfirewall/tarnFW.h"
 
-#include "command.h"
-#include "finding.h"
 #include "fwCodes.h"
-#include "store.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/finding.h"
+#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {
@@ -61,7 +61,8 @@ private:
         if (!(way_ == ReloadWay::kBatch
                   ? translation_.fwRulesToBatchRules(true, rules, policies, out, "")
                   : translation_.fwRulesToIptablesRules(true, rules, policies, out))) {
-            throw CommandFailed(where + " cannot be translated, and with it the whole profile");
+            throw Error(ErrorKind::kInvalid,
+                        where + " cannot be translated, and with it the whole profile");
         }
     }
 
@@ -90,7 +91,7 @@ private:
 ReloadWay chosenWay() {
     std::string mode;
     if (!FW::TARNFW().fwApplyMode(mode)) {
-        throw CommandFailed("the settings cannot be read");
+        throw Error(ErrorKind::kSystem, "the settings cannot be read");
     }
     return mode == "batch" ? ReloadWay::kBatch : ReloadWay::kLines;
 }

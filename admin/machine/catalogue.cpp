@@ -1,4 +1,4 @@
-#include "catalogue.h"
+#include "tarnfwadmin/catalogue.h"
 
 #include <glob.h>
 
@@ -11,9 +11,8 @@
 #include "tarncore.h"
 #include "tarnserviceconf.h"
 
-#include "command.h"
-#include "output.h"
-#include "usage.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
@@ -123,23 +122,22 @@ Service Catalogue::require(const std::string& name) const {
         return *service;
     }
     if (service) {
-        throw CommandFailed("the catalogue keeps service " + inQuotes(name) +
-                            " out of the firewall: it has no title");
+        throw Error(ErrorKind::kInvalid, "the catalogue keeps service " + inQuotes(name) +
+                                             " out of the firewall: it has no title");
     }
     std::vector<std::string> names;
     for (const Service& other : services()) {
         names.push_back(other.name);
     }
     const std::string meant = nearest(name, names);
-    throw CommandFailed("there is no service " + inQuotes(name) +
-                        (meant.empty() ? "" : "; did you mean " + inQuotes(meant) + "?") +
-                        " (\"tarnfw services\" lists them)");
+    throw Error(ErrorKind::kNotFound, "there is no service " + inQuotes(name) + didYouMean(meant) +
+                                          " (\"tarnfw services\" lists them)");
 }
 
 Catalogue requireCatalogue() {
     Catalogue catalogue;
     if (!catalogue.readable()) {
-        throw CommandFailed("the service catalogue is empty or cannot be read");
+        throw Error(ErrorKind::kSystem, "the service catalogue is empty or cannot be read");
     }
     return catalogue;
 }

@@ -1,4 +1,4 @@
-#include "interfaces.h"
+#include "tarnfwadmin/interfaces.h"
 
 #include <ifaddrs.h>
 #include <net/if.h>
@@ -19,9 +19,8 @@
 
 #include "tarnfirewall/tarnFW.h"
 
-#include "command.h"
-#include "output.h"
-#include "usage.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
@@ -51,8 +50,8 @@ std::optional<Address> addressOf(const sockaddr* address) {
 std::vector<Interface> interfacesNow() {
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) {
-        throw CommandFailed(std::string("the machine's interfaces cannot be listed: ") +
-                            std::strerror(errno));
+        throw Error(ErrorKind::kSystem, std::string("the machine's interfaces cannot be listed: ") +
+                                            std::strerror(errno));
     }
     const std::unique_ptr<ifaddrs, AddressListFree> owned(list);
     std::map<std::string, Interface> found;
@@ -76,7 +75,7 @@ std::vector<Interface> interfacesNow() {
 std::vector<std::string> machineAdapters() {
     std::set<std::string> names;
     if (!FW::TARNFW().fwAdapterEnum(names)) {
-        throw CommandFailed("the machine's interfaces cannot be listed");
+        throw Error(ErrorKind::kSystem, "the machine's interfaces cannot be listed");
     }
     return {names.begin(), names.end()};
 }
@@ -90,7 +89,8 @@ std::vector<std::string> standsFor(const std::string& adapter) {
     Json::Value argument;
     (void)translator.iptablesRulesInit(argument);
     if (!translator.adapterToIptablesArg(adapter, FW::FWRULE(), argument)) {
-        throw CommandFailed("the interfaces of " + inQuotes(adapter) + " cannot be listed");
+        throw Error(ErrorKind::kSystem,
+                    "the interfaces of " + inQuotes(adapter) + " cannot be listed");
     }
     std::vector<std::string> interfaces;
     for (const Json::Value& match : argument["adapter"]) {
@@ -127,12 +127,9 @@ void requireAdapter(const std::string& adapter, const std::vector<std::string>& 
     }
     const std::vector<std::string> names(known.begin(), known.end());
     const std::string meant = nearest(adapter, names);
-    std::string text = "there is no adapter " + inQuotes(adapter);
-    if (!meant.empty()) {
-        text.append("; did you mean \"").append(printable(meant)).append("\"?");
-    }
-    throw CommandFailed(
-        text.append(" (there is: ").append(printable(boost::join(names, ", "))).append(")"));
+    throw Error(ErrorKind::kNotFound,
+                "there is no adapter " + inQuotes(adapter) + didYouMean(meant) +
+                    " (there is: " + printable(boost::join(names, ", ")) + ")");
 }
 
 }  // namespace tarnfw

@@ -9,7 +9,7 @@
 
 #include "tarnfirewall/fwIptables.h"
 
-#include "catalogue.h"
+#include "tarnfwadmin/catalogue.h"
 
 namespace tarnfw {
 

@@ -1,4 +1,4 @@
-#include "ruleSyntax.h"
+#include "tarnfwadmin/ruleSyntax.h"
 
 #include <algorithm>
 #include <cctype>
@@ -6,18 +6,16 @@
 #include <optional>
 #include <utility>
 
-#include <CLI/CLI.hpp>
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/split.hpp>
 
-#include "addressRange.h"
-#include "command.h"
 #include "fwCodes.h"
-#include "output.h"
-#include "portEntry.h"
-#include "usage.h"
+#include "tarnfwadmin/addressRange.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/portEntry.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
@@ -36,12 +34,7 @@ const std::map<std::string, std::int32_t> kProtocols = {
 };
 
 [[noreturn]] void wrong(const std::string& text) {
-    throw CLI::ValidationError(text);
-}
-
-std::string didYouMean(const std::string& guess) {
-    return guess.empty() ? guess
-                         : std::string("; did you mean ").append(inQuotes(guess)).append("?");
+    throw Error(ErrorKind::kInvalid, text);
 }
 
 /// The entries of "a,b,c"; `what` is what an empty one should have been.
@@ -142,7 +135,7 @@ void takeServices(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& ru
     rule.portGroup = FW::kPortServices;
     const std::string& word = words.take("a service's name");
     if (known.empty()) {
-        throw CommandFailed("the service catalogue is empty or cannot be read");
+        throw Error(ErrorKind::kSystem, "the service catalogue is empty or cannot be read");
     }
     for (const std::string& name : entriesOf(word, "a service")) {
         if (vocabulary.services.count(name) == 0) {
@@ -260,9 +253,10 @@ void useCountries(const std::string& word, const RuleOptions& options,
     }
     const std::string family = options.v4 ? "IPv4 " : options.v6 ? "IPv6 " : "";
     if (known.empty()) {
-        throw CommandFailed("there is no " + family +
-                            "country data on this machine: a rule for a country would match "
-                            "nobody");
+        throw Error(ErrorKind::kNotFound,
+                    "there is no " + family +
+                        "country data on this machine: a rule for a country would match "
+                        "nobody");
     }
     for (const std::string& entry : entriesOf(word, "a country")) {
         const std::string code = boost::to_upper_copy(entry);

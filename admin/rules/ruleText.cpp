@@ -1,9 +1,9 @@
-#include "ruleText.h"
+#include "tarnfwadmin/ruleText.h"
 
 #include <optional>
 
-#include "addressRange.h"
 #include "fwCodes.h"
+#include "tarnfwadmin/addressRange.h"
 
 namespace tarnfw {
 namespace {
@@ -108,17 +108,6 @@ std::string familyText(std::int32_t ipType) {
             return "both";
         default:
             return "unknown address family " + std::to_string(ipType);
-    }
-}
-
-Paint policyPaint(FW::FW_POLICY policy) {
-    switch (policy) {
-        case FW::FW_POLICY_ALLOW:
-            return Paint::kGood;
-        case FW::FW_POLICY_DENY:
-            return Paint::kBad;
-        default:
-            return Paint::kDoubtful;
     }
 }
 

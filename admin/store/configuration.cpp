@@ -1,4 +1,4 @@
-#include "configuration.h"
+#include "tarnfwadmin/configuration.h"
 
 #include <algorithm>
 
@@ -8,8 +8,8 @@
 #include "tarnfirewall/tarnFW.h"
 #include "tarnfirewall/utils.h"
 
-#include "command.h"
-#include "store.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {
@@ -40,8 +40,8 @@ Json::Value currentConfiguration() {
     Json::Value document(Json::objectValue);
     bool read = false;
     if (TLIBCFileExist(kSettingsFile) == 1 && !FW::jsonFileLoad(document, kSettingsFile)) {
-        throw CommandFailed(std::string(kSettingsFile) +
-                            " cannot be read: mend it, or move it away");
+        throw Error(ErrorKind::kSystem,
+                    std::string(kSettingsFile) + " cannot be read: mend it, or move it away");
     }
     try {
         read = TLIBCFileExist(kSettingsFile) == 1 ? FW::TARNFW_JSON_DB().exportConfig(document)
@@ -50,7 +50,7 @@ Json::Value currentConfiguration() {
         // The settings name the active profile by what is no text.
     }
     if (!read) {
-        throw CommandFailed("the profiles and settings cannot be read");
+        throw Error(ErrorKind::kSystem, "the profiles and settings cannot be read");
     }
     return document;
 }

@@ -1,4 +1,4 @@
-#include "documentFile.h"
+#include "tarnfwadmin/documentFile.h"
 
 #include <errno.h>
 #include <stdio.h>
@@ -14,8 +14,8 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 
-#include "command.h"
-#include "output.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
@@ -99,7 +99,8 @@ std::string readText(const std::string& path) {
         }
         // An empty file fails to give anything, too, but without an error.
         if (!file.is_open() || errno != 0) {
-            throw CommandFailed("cannot read " + printable(path) + ": " + std::strerror(errno));
+            throw Error(ErrorKind::kSystem,
+                        "cannot read " + printable(path) + ": " + std::strerror(errno));
         }
     }
     return text.str();
@@ -108,7 +109,7 @@ std::string readText(const std::string& path) {
 bool readDocument(const std::string& path, Json::Value& document) {
     try {
         return Json::Reader().parse(readText(path), document, /*collectComments=*/false);
-    } catch (const CommandFailed&) {
+    } catch (const Error&) {
         return false;
     } catch (const Json::Exception&) {  // nested too deeply
         return false;

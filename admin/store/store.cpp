@@ -1,4 +1,4 @@
-#include "store.h"
+#include "tarnfwadmin/store.h"
 
 #include <glob.h>
 
@@ -15,10 +15,10 @@
 
 #include "tarnfirewall/tarnFW.h"
 
-#include "command.h"
-#include "documentFile.h"
-#include "output.h"
-#include "storeChange.h"
+#include "tarnfwadmin/documentFile.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/storeChange.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
@@ -55,7 +55,7 @@ ToolLock::ToolLock(const std::string& name) {
     makeDirectory(kRunDir);
     const std::string path = std::string(kRunDir).append("/").append(name);
     if (TLIBCFileLockTimeByFile(path.c_str(), 1, kLockSeconds, &fd_) != 1) {
-        throw CommandFailed("cannot lock " + path + ": another tarnfw is at work");
+        throw Error(ErrorKind::kBusy, "cannot lock " + path + ": another tarnfw is at work");
     }
 }
 
@@ -69,7 +69,7 @@ StoreLock::StoreLock() : ToolLock("store.lock") {
 
 void makeDirectory(const char* path) {
     if (TARNFSMkdirP(path, nullptr, 1, 0, 0, kDirectoryMode) < 0) {
-        throw CommandFailed(std::string("cannot make the directory ") + path);
+        throw Error(ErrorKind::kSystem, std::string("cannot make the directory ") + path);
     }
 }
 
@@ -111,7 +111,7 @@ std::string activeProfile() {
         firewall.initJconfig(defaults);
         profile = defaults["profile"].asString();
     } else if (!firewall.fwProfileConfigGet(profile)) {
-        throw CommandFailed("the settings cannot be read");
+        throw Error(ErrorKind::kSystem, "the settings cannot be read");
     }
     return profile;
 }
@@ -119,7 +119,7 @@ std::string activeProfile() {
 bool firewallEnabled() {
     bool enabled = false;
     if (TLIBCFileExist(kSettingsFile) == 1 && !FW::TARNFW().fwStatus(enabled)) {
-        throw CommandFailed("the settings cannot be read");
+        throw Error(ErrorKind::kSystem, "the settings cannot be read");
     }
     return enabled;
 }
@@ -135,9 +135,10 @@ std::vector<std::string> testProfileNames() {
 std::vector<std::string> requireProfiles(const StoredDocuments& stored) {
     std::vector<std::string> names = namesIn(stored, /*ofTestProfiles=*/false);
     if (names.empty()) {
-        throw CommandFailed("there are no profiles; " +
-                            (stored.unreadable.empty() ? "\"tarnfw base up\" writes a first one"
-                                                       : unreadableText(stored.unreadable)));
+        throw Error(ErrorKind::kNotFound,
+                    "there are no profiles; " + (stored.unreadable.empty()
+                                                     ? "\"tarnfw base up\" writes a first one"
+                                                     : unreadableText(stored.unreadable)));
     }
     return names;
 }
@@ -147,22 +148,24 @@ void requireProfile(const std::string& name) {
     const std::vector<std::string> names = requireProfiles(stored);
     if (std::find(names.begin(), names.end(), name) == names.end()) {
         const std::string perhaps = unreadableText(stored.unreadable);
-        throw CommandFailed("there is no profile " + inQuotes(name) + " (there is: " +
-                            listed(names) + ")" + (perhaps.empty() ? "" : "; " + perhaps));
+        throw Error(ErrorKind::kNotFound, "there is no profile " + inQuotes(name) +
+                                              " (there is: " + listed(names) + ")" +
+                                              (perhaps.empty() ? "" : "; " + perhaps));
     }
 }
 
 void requireNewName(const std::string& name) {
     if (name.empty() || boost::starts_with(name, kTestPrefix)) {
-        throw CommandFailed("a profile cannot be called " + inQuotes(name));
+        throw Error(ErrorKind::kInvalid, "a profile cannot be called " + inQuotes(name));
     }
     if (name.size() > kMostNameBytes || printable(name) != name) {
-        throw CommandFailed("a profile's name has at most " + std::to_string(kMostNameBytes) +
-                            " bytes, and no control characters");
+        throw Error(ErrorKind::kInvalid, "a profile's name has at most " +
+                                             std::to_string(kMostNameBytes) +
+                                             " bytes, and no control characters");
     }
     const std::vector<std::string> names = requireProfiles(storedDocuments());
     if (std::find(names.begin(), names.end(), name) != names.end()) {
-        throw CommandFailed("there is a profile " + inQuotes(name) + " already");
+        throw Error(ErrorKind::kInvalid, "there is a profile " + inQuotes(name) + " already");
     }
 }
 
@@ -171,7 +174,7 @@ FW::FWPROFILE loadProfile(const std::string& name) {
     requireProfile(wanted);
     FW::FWPROFILE profile;
     if (!FW::TARNFW_PROFILE().profileGet(wanted, profile)) {
-        throw CommandFailed("profile " + inQuotes(wanted) + " cannot be read");
+        throw Error(ErrorKind::kSystem, "profile " + inQuotes(wanted) + " cannot be read");
     }
     return profile;
 }
@@ -182,7 +185,7 @@ void storeProfile(const FW::FWPROFILE& profile) {
     const bool stored = FW::TARNFW_PROFILE().profileSet(profile.name, profile);
     change.finish();
     if (!stored) {
-        throw CommandFailed("profile " + inQuotes(profile.name) + " cannot be written");
+        throw Error(ErrorKind::kSystem, "profile " + inQuotes(profile.name) + " cannot be written");
     }
 }
 

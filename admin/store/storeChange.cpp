@@ -1,4 +1,4 @@
-#include "storeChange.h"
+#include "tarnfwadmin/storeChange.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -15,11 +15,11 @@
 
 #include <json/json.h>
 
-#include "command.h"
-#include "documentFile.h"
-#include "output.h"
-#include "store.h"
-#include "wholeFile.h"
+#include "tarnfwadmin/documentFile.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/text.h"
+#include "tarnfwadmin/wholeFile.h"
 
 namespace tarnfw {
 namespace {
@@ -60,8 +60,8 @@ void dropCopies() {
 }
 
 [[noreturn]] void refuse() {
-    throw CommandFailed(std::string("nothing was changed: cannot keep a copy in ") + kCopyDir +
-                        ": " + std::strerror(errno));
+    throw Error(ErrorKind::kSystem, std::string("nothing was changed: cannot keep a copy in ") +
+                                        kCopyDir + ": " + std::strerror(errno));
 }
 
 /// Not synced: the copies are for a command that fails or is killed, not for a loss of power.
@@ -79,7 +79,7 @@ StoreChange::StoreChange() {
     }
     try {
         copyAll();
-    } catch (const CommandFailed&) {
+    } catch (const Error&) {
         dropCopies();
         throw;
     }
@@ -102,7 +102,7 @@ StoreChange::~StoreChange() {
 void StoreChange::finish() {
     const std::string fault = finished();
     if (!fault.empty()) {
-        throw CommandFailed(fault);
+        throw Error(ErrorKind::kSystem, fault);
     }
 }
 

@@ -1,4 +1,4 @@
-#include "wholeFile.h"
+#include "tarnfwadmin/wholeFile.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -8,8 +8,8 @@
 
 #include <cstring>
 
-#include "command.h"
-#include "output.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
@@ -71,7 +71,8 @@ void writeWholeFile(const std::string& path, const std::string& text, mode_t mod
                     Existing existing) {
     const PassingFile file(path);
     if (!file.write(text, mode) || !file.become(path, existing)) {
-        throw CommandFailed("cannot write " + printable(path) + ": " + std::strerror(errno));
+        throw Error(ErrorKind::kSystem,
+                    "cannot write " + printable(path) + ": " + std::strerror(errno));
     }
     syncDirectoryOf(path);
 }

@@ -13,10 +13,10 @@
 
 #include <CLI/CLI.hpp>
 
-#include "command.h"
-#include "commands.h"
-#include "helpFormat.h"
-#include "usage.h"
+#include "cli/command.h"
+#include "cli/helpFormat.h"
+#include "cli/usage.h"
+#include "commands/commands.h"
 
 namespace {
 
@@ -80,9 +80,12 @@ int main(int argc, char** argv) {
     setlogmask(LOG_UPTO(LOG_WARNING));
     try {
         return statusOfAnswer(run(argc, argv));
-    } catch (const tarnfw::CommandFailed& failure) {
+    } catch (const tarnfw::Error& failure) {
         std::cerr << "tarnfw: " << failure.what() << '\n';
-        return failure.status();
+        return tarnfw::exitStatusOf(failure.kind());
+    } catch (const tarnfw::UsageError& failure) {
+        std::cerr << "tarnfw: " << failure.what() << '\n';
+        return tarnfw::kExitUsage;
     } catch (const std::exception& error) {
         std::cerr << "tarnfw: " << tarnfw::reasonOf(error) << '\n';
     }

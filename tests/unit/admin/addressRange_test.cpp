@@ -1,5 +1,5 @@
 // Addresses, networks and ranges as rules have them.
-#include "addressRange.h"
+#include "tarnfwadmin/addressRange.h"
 
 #include <ostream>
 #include <string>

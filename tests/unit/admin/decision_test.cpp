@@ -1,5 +1,5 @@
 // Which rule decides for a packet: case tables over the fields of a rule, and the order of lists.
-#include "decision.h"
+#include "tarnfwadmin/decision.h"
 
 #include <cstdint>
 #include <filesystem>

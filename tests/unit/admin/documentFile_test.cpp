@@ -1,5 +1,5 @@
 // Where a text is no JSON document, and where it is one that only the library takes.
-#include "documentFile.h"
+#include "tarnfwadmin/documentFile.h"
 
 #include <fstream>
 #include <ostream>

@@ -1,5 +1,5 @@
 // Ports and ranges of ports from texts.
-#include "portEntry.h"
+#include "tarnfwadmin/portEntry.h"
 
 #include <string>
 

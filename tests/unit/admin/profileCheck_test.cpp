@@ -1,6 +1,6 @@
 // What the check of a profile says of its shape and its meaning: each kind of finding, and
 // documents that have none.
-#include "profileCheck.h"
+#include "tarnfwadmin/profileCheck.h"
 
 #include <ostream>
 #include <string>

@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "profileCheck.h"
+#include "tarnfwadmin/profileCheck.h"
 
 namespace tarnfw {
 

@@ -1,5 +1,5 @@
 // Lists of rules compared line by line.
-#include "ruleDiff.h"
+#include "tarnfwadmin/ruleDiff.h"
 
 #include <ostream>
 #include <string>

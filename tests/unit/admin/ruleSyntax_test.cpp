@@ -1,5 +1,5 @@
 // Rules from the words of a person: every form, the family that follows, and what is refused.
-#include "ruleSyntax.h"
+#include "tarnfwadmin/ruleSyntax.h"
 
 #include <algorithm>
 #include <ostream>
@@ -10,8 +10,8 @@
 #include <gtest/gtest.h>
 #include <CLI/CLI.hpp>
 
-#include "command.h"
-#include "ruleText.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/ruleText.h"
 
 namespace {
 
@@ -47,7 +47,7 @@ FWRULE ruleOf(const std::string& line, const RuleOptions& options = {}) {
 std::string refusal(const Texts& words, const RuleOptions& options = {}) {
     try {
         (void)tarnfw::ruleFrom(words, options, vocabulary());
-    } catch (const CLI::ValidationError& error) {
+    } catch (const tarnfw::Error& error) {
         return error.what();
     }
     return "accepted";
@@ -423,7 +423,7 @@ TEST(RefusedWordsTest, AnEmptyWordIsNoPort) {
 // Not wrong usage: on another machine, or later, these words are right.
 TEST(EmptyVocabularyTest, FailsForServicesAndCountriesOnly) {
     for (const char* const words : {"allow service ssh", "deny from country CN"}) {
-        EXPECT_THROW((void)tarnfw::ruleFrom(split(words), {}, {}), tarnfw::CommandFailed) << words;
+        EXPECT_THROW((void)tarnfw::ruleFrom(split(words), {}, {}), tarnfw::Error) << words;
     }
     EXPECT_EQ(tarnfw::ruleFrom(split("allow tcp 22"), {}, {}).portList, Texts{"22"});
 }

@@ -1,5 +1,5 @@
 // Rules in plain words: every code of every field, and codes that are none.
-#include "ruleText.h"
+#include "tarnfwadmin/ruleText.h"
 
 #include <cstdint>
 #include <limits>

@@ -1,5 +1,5 @@
 // Which rules never decide because an earlier one matches all that they do, and which only look so.
-#include "shadowCheck.h"
+#include "check/shadowCheck.h"
 
 #include <ostream>
 #include <string>

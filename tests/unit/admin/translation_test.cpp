@@ -1,5 +1,5 @@
 // The lines of a profile with the rules that they come from: together exactly its translation.
-#include "translation.h"
+#include "tarnfwadmin/translation.h"
 
 #include <sys/stat.h>
 
@@ -16,7 +16,7 @@
 #include "tarnfirewall/fwDB.h"
 #include "tarnfirewall/fwIptables.h"
 
-#include "command.h"
+#include "tarnfwadmin/error.h"
 
 namespace tarnfw {
 namespace {
@@ -157,7 +157,7 @@ TEST_F(TranslationTest, ARuleThatCannotBeTranslatedIsNamed) {
     try {
         (void)tracedLines(profile);
         FAIL() << "no failure";
-    } catch (const CommandFailed& failure) {
+    } catch (const Error& failure) {
         EXPECT_STREQ(failure.what(),
                      "rules.wlan0[1] cannot be translated, and with it the whole profile");
     }

@@ -1,5 +1,5 @@
 // The questions of "blocked" and "explain" as texts, and how their verdicts are named.
-#include "verdicts.h"
+#include "tarnfwadmin/verdicts.h"
 
 #include <ostream>
 #include <string>

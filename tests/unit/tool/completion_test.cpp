@@ -1,5 +1,5 @@
 // What can come next on a command line.
-#include "completion.h"
+#include "cli/completion.h"
 
 #include <string>
 #include <vector>

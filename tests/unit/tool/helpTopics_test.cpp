@@ -1,5 +1,5 @@
 // The help texts: that they fit a terminal, and name only commands that there are.
-#include "helpTopics.h"
+#include "cli/helpTopics.h"
 
 #include <algorithm>
 #include <regex>
@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 #include <CLI/CLI.hpp>
 
-#include "commands.h"
+#include "commands/commands.h"
 
 namespace tarnfw {
 namespace {

@@ -1,5 +1,5 @@
 // Tables, counts and texts, as they go into a file and to a terminal.
-#include "output.h"
+#include "cli/output.h"
 
 #include <pty.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // Whether a profile would keep out who is connected over SSH: the variable, the processes above,
 // the interface, and the words.
-#include "sshGuard.h"
+#include "commands/sshGuard.h"
 
 #include <filesystem>
 #include <fstream>

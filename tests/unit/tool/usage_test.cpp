@@ -1,5 +1,5 @@
 // What the tool says of a command line that it refuses.
-#include "usage.h"
+#include "cli/usage.h"
 
 #include <string>
 #include <vector>
@@ -11,18 +11,6 @@
 
 namespace tarnfw {
 namespace {
-
-TEST(NearestTest, FindsTypingErrorsAndNothingElse) {
-    const std::vector<std::string> known = {"enable", "disable", "profile", "preview"};
-    EXPECT_EQ(nearest("enabel", known), "enable");
-    EXPECT_EQ(nearest("profiel", known), "profile");
-    EXPECT_EQ(nearest("dissable", known), "disable");
-    EXPECT_EQ(nearest("prof", known), "profile");
-    EXPECT_EQ(nearest("pr", known), "") << "two begin with it";
-    EXPECT_EQ(nearest("firewall", known), "");
-    EXPECT_EQ(nearest("", known), "");
-    EXPECT_EQ(nearest("enable", {}), "");
-}
 
 /// What is said of these words.
 std::string refusal(const std::string& words) {

@@ -1,5 +1,5 @@
 // What comes back of work in a process of its own: its result, its messages, its end.
-#include "wholeRun.h"
+#include "process/wholeRun.h"
 
 #include <signal.h>
 #include <sys/types.h>
@@ -13,8 +13,8 @@
 
 #include <gtest/gtest.h>
 
-#include "command.h"
-#include "signalsWait.h"
+#include "cli/command.h"
+#include "process/signalsWait.h"
 
 namespace tarnfw {
 namespace {
@@ -37,7 +37,7 @@ std::string failureOf(const std::function<bool()>& change) {
     std::string errors;
     try {
         (void)run(change, errors);
-    } catch (const CommandFailed& failure) {
+    } catch (const Error& failure) {
         return failure.what();
     }
     return "no failure";

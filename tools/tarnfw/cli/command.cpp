@@ -1,19 +1,26 @@
-#include "command.h"
+#include "cli/command.h"
 
 #include <unistd.h>
 
 #include <iostream>
 
 #include <CLI/CLI.hpp>
-#include <boost/interprocess/exceptions.hpp>
 
 namespace tarnfw {
 
-std::string reasonOf(const std::exception& error) {
-    const bool isLock =
-        dynamic_cast<const boost::interprocess::interprocess_exception*>(&error) != nullptr;
-    return std::string(isLock ? "a lock file below /var/lock/firewall cannot be opened: " : "") +
-           error.what();
+ExitStatus exitStatusOf(ErrorKind kind) {
+    switch (kind) {
+        case ErrorKind::kInvalid:
+            return kExitUnchecked;
+        case ErrorKind::kNoRights:
+            return kExitNotRoot;
+        case ErrorKind::kSystem:
+        case ErrorKind::kNotFound:
+        case ErrorKind::kRefused:
+        case ErrorKind::kBusy:
+            break;
+    }
+    return kExitFailed;
 }
 
 void endWith(ExitStatus status) {
@@ -26,7 +33,7 @@ void addJsonFlag(CLI::App& command, bool& json) {
 
 void requireRoot() {
     if (geteuid() != 0) {
-        throw CommandFailed("this needs root's rights", kExitNotRoot);
+        throw Error(ErrorKind::kNoRights, "this needs root's rights");
     }
 }
 

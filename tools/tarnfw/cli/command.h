@@ -1,11 +1,12 @@
 /// What every command shares: how it ends, what it takes, and what it asks.
 #pragma once
 
-#include <exception>
 #include <stdexcept>
 #include <string>
 
-#include "cliFwd.h"
+#include "tarnfwadmin/error.h"
+
+#include "cli/cliFwd.h"
 
 namespace tarnfw {
 
@@ -18,19 +19,14 @@ enum ExitStatus : int {
     kExitBlocked = 10,  ///< "blocked": blocked or mixed somewhere; "diff": not as it should be
 };
 
-/// Ends a command. The text says what failed and why, for the person at the terminal.
-class CommandFailed : public std::runtime_error {
+/// Wrong usage that parsing does not see. The text says what was wrong.
+class UsageError : public std::runtime_error {
 public:
-    explicit CommandFailed(const std::string& text, ExitStatus status = kExitFailed)
-        : std::runtime_error(text), status_(status) {}
-    ExitStatus status() const { return status_; }
-
-private:
-    ExitStatus status_;
+    using std::runtime_error::runtime_error;
 };
 
-/// Why something failed, for the person at the terminal.
-std::string reasonOf(const std::exception& error);
+/// The exit status of a command that failed in this way.
+ExitStatus exitStatusOf(ErrorKind kind);
 
 /// Ends a command that has said all it had to say with an exit status of its own.
 [[noreturn]] void endWith(ExitStatus status);

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "cliFwd.h"
+#include "cli/cliFwd.h"
 
 namespace tarnfw {
 

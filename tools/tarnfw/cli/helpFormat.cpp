@@ -1,4 +1,4 @@
-#include "helpFormat.h"
+#include "cli/helpFormat.h"
 
 #include <algorithm>
 #include <sstream>
@@ -6,7 +6,7 @@
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/trim.hpp>
 
-#include "output.h"
+#include "cli/output.h"
 
 namespace tarnfw {
 namespace {

@@ -1,4 +1,4 @@
-#include "helpTopics.h"
+#include "cli/helpTopics.h"
 
 namespace tarnfw {
 namespace {

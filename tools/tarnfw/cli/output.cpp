@@ -1,4 +1,4 @@
-#include "output.h"
+#include "cli/output.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -171,17 +171,6 @@ void printRow(const std::vector<Cell>& cells, const std::vector<std::size_t>& wi
 
 }  // namespace
 
-std::string printable(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(),
-        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
-    return text;
-}
-
-std::string inQuotes(const std::string& text) {
-    return std::string("\"").append(printable(text)).append("\"");
-}
-
 std::size_t terminalWidth() {
     winsize size{};
     if (isatty(STDOUT_FILENO) != 1 || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) {
@@ -207,6 +196,17 @@ std::vector<std::string> wrapped(const std::string& text, std::size_t width) {
 
 std::string painted(const std::string& text, Paint paint) {
     return colourWanted(STDOUT_FILENO) ? inColour(text, paint) : text;
+}
+
+Paint policyPaint(FW::FW_POLICY policy) {
+    switch (policy) {
+        case FW::FW_POLICY_ALLOW:
+            return Paint::kGood;
+        case FW::FW_POLICY_DENY:
+            return Paint::kBad;
+        default:
+            return Paint::kDoubtful;
+    }
 }
 
 void warn(const std::string& text) {
@@ -256,10 +256,6 @@ void printJson(const Json::Value& document) {
     const std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
     (void)writer->write(document, &std::cout);
     std::cout << '\n';
-}
-
-std::string counted(std::size_t number, const std::string& noun) {
-    return std::to_string(number).append(" ").append(noun).append(number == 1 ? "" : "s");
 }
 
 Progress::Progress(const std::string& what)

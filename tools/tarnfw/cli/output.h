@@ -7,13 +7,11 @@
 
 #include <json/json.h>
 
+#include "tarnfirewall/fwTypes.h"
+
+#include "tarnfwadmin/text.h"
+
 namespace tarnfw {
-
-/// A text from a file as a terminal may see it: control characters become '?'.
-std::string printable(std::string text);
-
-/// The same between double quotes, as messages cite names and texts.
-std::string inQuotes(const std::string& text);
 
 /// The columns of the terminal that standard output is; 0 when it is none, or does not tell.
 std::size_t terminalWidth();
@@ -27,6 +25,9 @@ enum class Paint { kPlain, kGood, kBad, kDoubtful, kFaint, kStrong };
 
 /// The text in the colour of `paint`: on a terminal, and unless NO_COLOR is set.
 std::string painted(const std::string& text, Paint paint);
+
+/// Of a policy or a verdict: green for allow, red for deny, yellow for everything else.
+Paint policyPaint(FW::FW_POLICY policy);
 
 /// Prints a line of warning, "tarnfw: ...", to standard error.
 void warn(const std::string& text);
@@ -57,9 +58,6 @@ private:
 
 /// Prints a document to standard output, indented, in UTF-8, with a line feed at its end.
 void printJson(const Json::Value& document);
-
-/// "1 rule", "3 rules".
-std::string counted(std::size_t number, const std::string& noun);
 
 /// How far long work has come, on standard error when that is a terminal; gone when it is done.
 class Progress {

@@ -1,4 +1,4 @@
-#include "usage.h"
+#include "cli/usage.h"
 
 #include <algorithm>
 #include <iterator>
@@ -8,6 +8,8 @@
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/split.hpp>
+
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
@@ -57,28 +59,6 @@ constexpr OtherWord kOtherWords[] = {
     {"restore", "import"},
     {"version", "--version"},
 };
-
-/// How many letters have to be put in, taken out, replaced or swapped with their neighbour to make
-/// one word of the other.
-std::size_t distance(const std::string& from, const std::string& to) {
-    // needed[i][j]: for the first i letters of `from` and the first j of `to`.
-    std::vector<std::vector<std::size_t>> needed(from.size() + 1,
-                                                 std::vector<std::size_t>(to.size() + 1));
-    for (std::size_t i = 0; i <= from.size(); ++i) {
-        for (std::size_t j = 0; j <= to.size(); ++j) {
-            if (i == 0 || j == 0) {
-                needed[i][j] = i + j;
-                continue;
-            }
-            const std::size_t replaced = needed[i - 1][j - 1] + (from[i - 1] == to[j - 1] ? 0 : 1);
-            needed[i][j] = std::min({replaced, needed[i - 1][j] + 1, needed[i][j - 1] + 1});
-            if (i > 1 && j > 1 && from[i - 1] == to[j - 2] && from[i - 2] == to[j - 1]) {
-                needed[i][j] = std::min(needed[i][j], needed[i - 2][j - 2] + 1);
-            }
-        }
-    }
-    return needed[from.size()][to.size()];
-}
 
 /// The command that the words were for, as far as they name one.
 const CLI::App& deepest(const CLI::App& app) {
@@ -189,8 +169,7 @@ std::string inWords(const CLI::App& command, const std::string& message) {
         boost::split(choices, message.substr(list, message.size() - 1 - list),
                      boost::is_any_of(","));
         const std::string meant = nearest(word, choices);
-        return "\"" + word + "\" is none of " + boost::join(choices, ", ") +
-               (meant.empty() ? "" : "; did you mean \"" + meant + "\"?");
+        return "\"" + word + "\" is none of " + boost::join(choices, ", ") + didYouMean(meant);
     }
     constexpr char kOneOf[] = " 1 option from [";
     if (const std::size_t list = message.find(kOneOf); list != std::string::npos) {
@@ -208,26 +187,6 @@ std::string inWords(const CLI::App& command, const std::string& message) {
 }
 
 }  // namespace
-
-std::string nearest(const std::string& word, const std::vector<std::string>& known) {
-    // A third of the letters wrong is a typing error; more is another word.
-    std::size_t best = std::max<std::size_t>(word.size() / 3, 1) + 1;
-    std::string found;
-    for (const std::string& candidate : known) {
-        const std::size_t needed = distance(word, candidate);
-        if (needed < best) {
-            best = needed;
-            found = candidate;
-        }
-    }
-    if (!found.empty() || word.size() < 2) {
-        return found;
-    }
-    const auto begins = [&word](const std::string& name) { return boost::starts_with(name, word); };
-    const auto first = std::find_if(known.begin(), known.end(), begins);
-    const bool only = first != known.end() && std::none_of(first + 1, known.end(), begins);
-    return only ? *first : std::string();
-}
 
 std::string wrongUsage(const CLI::App& app, const CLI::ParseError& error,
                        const std::vector<std::string>& words) {

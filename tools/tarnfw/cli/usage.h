@@ -4,13 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "cliFwd.h"
+#include "cli/cliFwd.h"
 
 namespace tarnfw {
-
-/// The word of `known` that is most like `word`, or the only one that begins with it; empty when
-/// none is like it.
-std::string nearest(const std::string& word, const std::vector<std::string>& known);
 
 /// Two or three lines about the command line `words` that `app` refused: what was wrong with it,
 /// the right command where one is near, and how to find out more.

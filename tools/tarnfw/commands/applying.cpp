@@ -1,4 +1,4 @@
-#include "applying.h"
+#include "commands/applying.h"
 
 #include <algorithm>
 #include <iostream>
@@ -8,14 +8,14 @@
 
 #include "tarnfirewall/tarnFW.h"
 
-#include "baseFilter.h"
-#include "command.h"
-#include "output.h"
-#include "profileCheck.h"
-#include "sshGuard.h"
-#include "store.h"
-#include "storeChange.h"
-#include "wholeRun.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/sshGuard.h"
+#include "process/wholeRun.h"
+#include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/profileCheck.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -46,7 +46,7 @@ void addReloadFlag(CLI::App& command, ReloadOptions& options, const char* yesHel
 void requireSound(const FW::FWPROFILE& profile) {
     const std::string text = errorsText(profile);
     if (!text.empty()) {
-        throw CommandFailed(text + "; nothing was changed", kExitUnchecked);
+        throw Error(ErrorKind::kInvalid, text + "; nothing was changed");
     }
 }
 
@@ -100,7 +100,7 @@ void disableFirewall() {
         runWhole("Switching the firewall off", [] { return FW::TARNFW().fwDisable(); });
     change.finish();
     if (!disabled) {
-        throw CommandFailed("the firewall's settings cannot be written");
+        throw Error(ErrorKind::kSystem, "the firewall's settings cannot be written");
     }
 }
 
@@ -111,7 +111,7 @@ void reloadActive() {
     }
     requireBase();
     if (!runWhole(applyingText(), [] { return FW::TARNFW().fwReload(true); })) {
-        throw CommandFailed("the active profile was not applied: " + stateNow());
+        throw Error(ErrorKind::kRefused, "the active profile was not applied: " + stateNow());
     }
     std::cout << "Profile " << inQuotes(activeProfile()) << " applied\n";
 }

@@ -5,7 +5,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-#include "cliFwd.h"
+#include "cli/cliFwd.h"
 
 namespace tarnfw {
 
@@ -49,11 +49,11 @@ void confirmReload(const ReloadOptions& options);
 /// failed.
 bool enableFirewall();
 
-/// Switches the firewall off. Throws CommandFailed when the settings cannot be written.
+/// Switches the firewall off. Throws Error when the settings cannot be written.
 void disableFirewall();
 
 /// Applies the active profile where the firewall is enabled; says which it was. Throws
-/// CommandFailed, with what is in force now.
+/// Error, with what is in force now.
 void reloadActive();
 
 /// What is in force after rules could not be applied: "the firewall is off now".

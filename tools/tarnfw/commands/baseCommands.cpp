@@ -13,12 +13,12 @@
 #include "tarnfirewall/tarnFW.h"
 #include "tarnfirewall/utils.h"
 
-#include "baseFilter.h"
-#include "command.h"
-#include "commands.h"
-#include "output.h"
-#include "store.h"
-#include "storeChange.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/commands.h"
+#include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -36,14 +36,14 @@ constexpr char kFirstProfile[] = "/usr/tarn/etc.defaults/firewall_default_profil
 Json::Value recordLoad() {
     Json::Value record(Json::objectValue);
     if (TLIBCFileExist(kRecordFile) == 1 && !FW::jsonFileLoad(record, kRecordFile)) {
-        throw CommandFailed(std::string("cannot read ") + kRecordFile);
+        throw Error(ErrorKind::kSystem, std::string("cannot read ") + kRecordFile);
     }
     return record;
 }
 
 void recordStore(const Json::Value& record) {
     if (!FW::jsonFileDump(record, kRecordFile)) {
-        throw CommandFailed(std::string("cannot write ") + kRecordFile);
+        throw Error(ErrorKind::kSystem, std::string("cannot write ") + kRecordFile);
     }
 }
 
@@ -104,7 +104,8 @@ void writeFirstSettings(bool filtersIpv6) {
     const bool written = FW::TARNFW().configSet(settings);
     change.finish();
     if (!written) {
-        throw CommandFailed(std::string("cannot write the first settings to ") + kSettingsFile);
+        throw Error(ErrorKind::kSystem,
+                    std::string("cannot write the first settings to ") + kSettingsFile);
     }
     std::cout << "Settings written to " << kSettingsFile << ": rules are applied "
               << (filtersIpv6 ? "in one transaction" : "line by line, without ip6tables")
@@ -121,7 +122,8 @@ void writeFirstProfile(bool filtersIpv6) {
     }
     Json::Value document;
     if (!FW::jsonFileLoad(document, kFirstProfile)) {
-        throw CommandFailed(std::string("cannot read the first profile from ") + kFirstProfile);
+        throw Error(ErrorKind::kSystem,
+                    std::string("cannot read the first profile from ") + kFirstProfile);
     }
     std::string path;
     for (std::time_t number = std::time(nullptr); path.empty(); ++number) {
@@ -134,7 +136,7 @@ void writeFirstProfile(bool filtersIpv6) {
     const bool written = FW::jsonFileDump(document, path);
     change.finish();
     if (!written) {
-        throw CommandFailed("cannot write the first profile to " + path);
+        throw Error(ErrorKind::kSystem, "cannot write the first profile to " + path);
     }
     std::cout << "Profile " << inQuotes(document["name"].asString()) << " written to " << path
               << '\n';
@@ -165,12 +167,12 @@ void baseUp() {
     std::string failure;
     try {
         setUp(BaseFilter("v6"));
-    } catch (const CommandFailed& failed) {
+    } catch (const Error& failed) {
         failure = failed.what();  // told at the end: the rest is of use without IPv6
     }
     writeFirstProfile(failure.empty());
     if (!failure.empty()) {
-        throw CommandFailed(failure);
+        throw Error(ErrorKind::kSystem, failure);
     }
 }
 

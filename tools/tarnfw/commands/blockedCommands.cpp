@@ -9,16 +9,16 @@
 
 #include "tarnfirewall/tarnFW.h"
 
-#include "addressRange.h"
-#include "blockedOptions.h"
-#include "command.h"
-#include "commands.h"
-#include "explainSender.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/blockedOptions.h"
+#include "commands/commands.h"
+#include "commands/explainSender.h"
 #include "fwCodes.h"
-#include "output.h"
-#include "ruleText.h"
-#include "store.h"
-#include "verdicts.h"
+#include "tarnfwadmin/addressRange.h"
+#include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/verdicts.h"
 
 namespace tarnfw {
 namespace {

@@ -1,17 +1,17 @@
-#include "blockedOptions.h"
+#include "commands/blockedOptions.h"
 
 #include <algorithm>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
 
-#include "catalogue.h"
-#include "command.h"
+#include "cli/command.h"
+#include "cli/output.h"
 #include "fwCodes.h"
-#include "interfaces.h"
-#include "output.h"
-#include "store.h"
-#include "verdicts.h"
+#include "tarnfwadmin/catalogue.h"
+#include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/verdicts.h"
 
 namespace tarnfw {
 namespace {
@@ -69,7 +69,7 @@ std::vector<FW::PortCompareST> questionsOf(const BlockedOptions& options) {
     }
     std::vector<FW::PortCompareST> questions = portsOf(requireCatalogue().require(options.service));
     if (questions.empty()) {
-        throw CommandFailed("service " + inQuotes(options.service) + " has no ports");
+        throw Error(ErrorKind::kSystem, "service " + inQuotes(options.service) + " has no ports");
     }
     return questions;
 }

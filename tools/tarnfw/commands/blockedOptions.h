@@ -8,7 +8,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-#include "cliFwd.h"
+#include "cli/cliFwd.h"
 
 namespace tarnfw {
 
@@ -24,11 +24,11 @@ struct BlockedOptions {
 /// Adds the options but `from` and `to`.
 void addBlockedOptions(CLI::App& command, BlockedOptions& options);
 
-/// The ports asked about, one question each. Throws CommandFailed for an unknown service.
+/// The ports asked about, one question each. Throws Error for an unknown service.
 std::vector<FW::PortCompareST> questionsOf(const BlockedOptions& options);
 
 /// The adapters asked about: the one named, or those of the profile and of the machine without
-/// "global". Throws CommandFailed for an unknown one.
+/// "global". Throws Error for an unknown one.
 std::vector<std::string> adaptersAsked(const BlockedOptions& options, const FW::FWPROFILE& profile);
 
 /// What every JSON document begins with; "adapters" is an empty array.

@@ -13,14 +13,14 @@
 
 #include "tarnfirewall/fwDB.h"
 
-#include "command.h"
-#include "commands.h"
-#include "documentFile.h"
-#include "output.h"
-#include "profileCheck.h"
-#include "scratchKernel.h"
-#include "store.h"
-#include "translation.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/commands.h"
+#include "tarnfwadmin/documentFile.h"
+#include "tarnfwadmin/profileCheck.h"
+#include "tarnfwadmin/scratchKernel.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/translation.h"
 
 namespace tarnfw {
 namespace {
@@ -67,7 +67,7 @@ std::vector<TracedLine> linesOf(const Json::Value& document, std::vector<Finding
         return tracedLines(profile);
     } catch (const Json::Exception&) {
         findings.push_back({"", "the library cannot read this: no line was loaded", true});
-    } catch (const CommandFailed& failure) {
+    } catch (const Error& failure) {
         findings.push_back({"", failure.what(), true});
     }
     return {};

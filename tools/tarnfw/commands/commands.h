@@ -1,8 +1,8 @@
 /// The tool's command groups. Each adds its subcommands to the application; the callbacks throw
-/// CommandFailed, which main() turns into a line on standard error and an exit status.
+/// Error, which main() turns into a line on standard error and an exit status.
 #pragma once
 
-#include "cliFwd.h"
+#include "cli/cliFwd.h"
 
 namespace tarnfw {
 

@@ -17,13 +17,13 @@
 
 #include "tarnfirewall/fwGeoip.h"
 
-#include "catalogue.h"
-#include "commands.h"
-#include "completion.h"
+#include "cli/completion.h"
+#include "cli/helpTopics.h"
+#include "commands/commands.h"
 #include "fwCodes.h"
-#include "helpTopics.h"
-#include "interfaces.h"
-#include "store.h"
+#include "tarnfwadmin/catalogue.h"
+#include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {

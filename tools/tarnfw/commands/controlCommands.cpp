@@ -13,15 +13,15 @@
 
 #include "tarnfirewall/tarnFW.h"
 
-#include "applying.h"
-#include "baseFilter.h"
-#include "command.h"
-#include "commands.h"
-#include "output.h"
-#include "signalsWait.h"
-#include "sshGuard.h"
-#include "store.h"
-#include "storeChange.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/applying.h"
+#include "commands/commands.h"
+#include "commands/sshGuard.h"
+#include "process/signalsWait.h"
+#include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -40,13 +40,14 @@ void enableOrGoBack() {
             return;
         }
         reason = "the rules could not be put in force";
-    } catch (const CommandFailed& failure) {
+    } catch (const Error& failure) {
         reason = failure.what();
     }
     if (!wasEnabled && firewallEnabled()) {
         disableFirewall();
     }
-    throw CommandFailed(reason + (wasEnabled ? ": " + stateNow() : "; the firewall stays off"));
+    throw Error(ErrorKind::kSystem,
+                reason + (wasEnabled ? ": " + stateNow() : "; the firewall stays off"));
 }
 
 void enable(bool yes) {
@@ -108,12 +109,12 @@ void applyMode(const std::string& wanted, bool json) {
         const bool set = firewall.configSet(settings);
         change.finish();
         if (!set) {
-            throw CommandFailed("the settings cannot be written");
+            throw Error(ErrorKind::kSystem, "the settings cannot be written");
         }
     }
     std::string mode;
     if (!firewall.fwApplyMode(mode)) {
-        throw CommandFailed("the settings cannot be read");
+        throw Error(ErrorKind::kSystem, "the settings cannot be read");
     }
     if (json) {
         Json::Value document;

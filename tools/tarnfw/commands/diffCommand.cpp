@@ -14,13 +14,13 @@
 #include "tarnfirewall/fwBatch.h"
 #include "tarnfirewall/tarnFW.h"
 
-#include "command.h"
-#include "commands.h"
-#include "output.h"
-#include "ruleDiff.h"
-#include "scratchKernel.h"
-#include "store.h"
-#include "translation.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/commands.h"
+#include "tarnfwadmin/ruleDiff.h"
+#include "tarnfwadmin/scratchKernel.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/translation.h"
 
 namespace tarnfw {
 namespace {
@@ -61,7 +61,8 @@ RuleListing listingOf(const PacketFilter& filter, const std::string& family,
                       const std::string& table) {
     const ProgramAnswer answer = filter.run(family, {"-t", table, "-S"});
     if (answer.status != 0 && table == kFilter) {
-        throw CommandFailed("the " + titleOf(family) + " rules of the kernel cannot be listed");
+        throw Error(ErrorKind::kSystem,
+                    "the " + titleOf(family) + " rules of the kernel cannot be listed");
     }
     return listingFrom(answer.output);  // nothing where there is no such table
 }

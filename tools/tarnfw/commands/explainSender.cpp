@@ -1,4 +1,4 @@
-#include "explainSender.h"
+#include "commands/explainSender.h"
 
 #include <iostream>
 #include <string>
@@ -8,14 +8,14 @@
 #include <json/json.h>
 #include <CLI/CLI.hpp>
 
-#include "command.h"
-#include "decision.h"
+#include "cli/command.h"
+#include "cli/output.h"
 #include "fwCodes.h"
-#include "interfaces.h"
-#include "output.h"
-#include "ruleText.h"
-#include "store.h"
-#include "verdicts.h"
+#include "tarnfwadmin/decision.h"
+#include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/verdicts.h"
 
 namespace tarnfw {
 namespace {
@@ -64,7 +64,8 @@ AdapterDecisions decisionsOn(Decider& decider, const BlockedOptions& options,
         }
     }
     if (found.decisions.empty()) {
-        throw CommandFailed("only tcp and udp have ports that an address can be asked for");
+        throw Error(ErrorKind::kSystem,
+                    "only tcp and udp have ports that an address can be asked for");
     }
     return found;
 }

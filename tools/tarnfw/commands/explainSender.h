@@ -1,7 +1,7 @@
 /// tarnfw explain --from: the one rule that decides for a sender.
 #pragma once
 
-#include "blockedOptions.h"
+#include "commands/blockedOptions.h"
 
 namespace tarnfw {
 

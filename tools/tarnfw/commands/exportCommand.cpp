@@ -10,13 +10,13 @@
 
 #include "tarncore.h"
 
-#include "command.h"
-#include "commands.h"
-#include "configuration.h"
-#include "documentFile.h"
-#include "output.h"
-#include "store.h"
-#include "wholeFile.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/commands.h"
+#include "tarnfwadmin/configuration.h"
+#include "tarnfwadmin/documentFile.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/wholeFile.h"
 
 namespace tarnfw {
 namespace {
@@ -33,14 +33,16 @@ struct Options {
 void requireWhole() {
     const StoredDocuments stored = storedDocuments();
     if (!stored.unreadable.empty()) {
-        throw CommandFailed(unreadableText(stored.unreadable) + "; --partial exports the rest");
+        throw Error(ErrorKind::kSystem,
+                    unreadableText(stored.unreadable) + "; --partial exports the rest");
     }
     const std::vector<std::string> names = requireProfiles(stored);
     const std::string active = activeProfile();
     if (std::find(names.begin(), names.end(), active) == names.end()) {
-        throw CommandFailed("the active profile \"" + printable(active) +
-                            "\" is not there, and no import takes an export without it; --partial "
-                            "exports the rest");
+        throw Error(ErrorKind::kSystem,
+                    "the active profile \"" + printable(active) +
+                        "\" is not there, and no import takes an export without it; --partial "
+                        "exports the rest");
     }
 }
 
@@ -48,7 +50,8 @@ void exportAll(const Options& options) {
     requireRoot();
     const bool toFile = !options.path.empty() && options.path != kStandardInput;
     if (toFile && !options.force && TLIBCFileExist(options.path.c_str()) == 1) {
-        throw CommandFailed(printable(options.path) + " is there already; --force replaces it");
+        throw Error(ErrorKind::kSystem,
+                    printable(options.path) + " is there already; --force replaces it");
     }
     const StoreLock lock;
     if (!options.partial) {

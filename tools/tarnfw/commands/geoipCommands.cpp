@@ -11,10 +11,10 @@
 
 #include "tarnfirewall/fwGeoip.h"
 
-#include "addressRange.h"
-#include "command.h"
-#include "commands.h"
-#include "output.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/commands.h"
+#include "tarnfwadmin/addressRange.h"
 
 namespace tarnfw {
 namespace {
@@ -24,7 +24,7 @@ std::vector<std::string> countries() {
     std::vector<std::string> codes;
     (void)FW::FW_GEOIP().countryEnum(codes);  // logs for itself
     if (codes.empty()) {
-        throw CommandFailed("there are no country data in /usr/share/xt_geoip");
+        throw Error(ErrorKind::kNotFound, "there are no country data in /usr/share/xt_geoip");
     }
     std::sort(codes.begin(), codes.end());
     codes.erase(std::unique(codes.begin(), codes.end()), codes.end());
@@ -106,8 +106,8 @@ std::string knownCountry(const std::string& wanted) {
             return code;
         }
     }
-    throw CommandFailed("there are no data of a country " + inQuotes(wanted) +
-                        "; \"tarnfw geoip list\" tells which there are");
+    throw Error(ErrorKind::kNotFound, "there are no data of a country " + inQuotes(wanted) +
+                                          "; \"tarnfw geoip list\" tells which there are");
 }
 
 void show(const ShowOptions& options) {

@@ -7,11 +7,11 @@
 #include <CLI/CLI.hpp>
 #include <boost/algorithm/string/join.hpp>
 
-#include "command.h"
-#include "commands.h"
-#include "helpTopics.h"
-#include "output.h"
-#include "usage.h"
+#include "cli/command.h"
+#include "cli/helpTopics.h"
+#include "cli/output.h"
+#include "cli/usage.h"
+#include "commands/commands.h"
 
 namespace tarnfw {
 namespace {
@@ -63,7 +63,7 @@ bool printTopic(const std::string& name) {
         right.push_back(meant);
         text.append("; did you mean \"tarnfw help ").append(boost::join(right, " ")).append("\"?");
     }
-    throw CommandFailed(text.append(" (\"tarnfw help\" lists commands and topics)"), kExitUsage);
+    throw UsageError(text.append(" (\"tarnfw help\" lists commands and topics)"));
 }
 
 void printCommand(const CLI::App& app, const Texts& words) {

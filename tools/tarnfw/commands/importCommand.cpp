@@ -22,20 +22,20 @@
 #include "tarnfirewall/fwDB.h"
 #include "tarnfirewall/tarnFW.h"
 
-#include "applying.h"
-#include "baseFilter.h"
-#include "command.h"
-#include "commands.h"
-#include "configuration.h"
-#include "documentFile.h"
-#include "exportCheck.h"
-#include "importPlan.h"
-#include "output.h"
-#include "signalsWait.h"
-#include "sshGuard.h"
-#include "store.h"
-#include "storeChange.h"
-#include "wholeFile.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/applying.h"
+#include "commands/commands.h"
+#include "commands/importPlan.h"
+#include "commands/sshGuard.h"
+#include "process/signalsWait.h"
+#include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/configuration.h"
+#include "tarnfwadmin/documentFile.h"
+#include "tarnfwadmin/exportCheck.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/storeChange.h"
+#include "tarnfwadmin/wholeFile.h"
 
 namespace tarnfw {
 namespace {
@@ -86,9 +86,8 @@ Json::Value checkedDocument(const Options& options) {
         errors = errorsIn(findings.document) + (options.force ? 0 : errorsIn(findings.profiles));
     }
     if (errors > 0) {
-        throw CommandFailed(
-            "nothing was imported: " + counted(errors, "error") + " in " + printable(source),
-            kExitUnchecked);
+        throw Error(ErrorKind::kInvalid, "nothing was imported: " + counted(errors, "error") +
+                                             " in " + printable(source));
     }
     return document;
 }
@@ -98,9 +97,10 @@ void requireRoomFor(const Json::Value& document, const Json::Value& current) {
     for (const std::string& key : document[kConfigProfiles].getMemberNames()) {
         const std::string path = kProfileDir + key;
         if (!current[kConfigProfiles].isMember(key) && TLIBCFileExist(path.c_str()) == 1) {
-            throw CommandFailed("nothing was imported: " + printable(path) +
-                                " would be replaced, and is no profile that a backup could keep; "
-                                "move it away first");
+            throw Error(ErrorKind::kSystem,
+                        "nothing was imported: " + printable(path) +
+                            " would be replaced, and is no profile that a backup could keep; "
+                            "move it away first");
         }
     }
 }
@@ -120,8 +120,8 @@ std::string timeText() {
 std::string keepBackup(const Json::Value& current) {
     if (TARNFSMkdirP(kBackupDir, nullptr, 1, 0, 0, kBackupDirMode) < 0 ||
         chmod(kBackupDir, kBackupDirMode) != 0) {
-        throw CommandFailed(std::string("nothing was imported: cannot make the directory ") +
-                            kBackupDir);
+        throw Error(ErrorKind::kSystem,
+                    std::string("nothing was imported: cannot make the directory ") + kBackupDir);
     }
     const std::string start = kBackupDir + timeText();
     std::string path = start + ".json";
@@ -170,20 +170,21 @@ void replace(const Json::Value& document, const Json::Value& current, const std:
     }
     const std::string failed = "the import failed (" + fault + ")";
     if (change.undo()) {
-        throw CommandFailed(failed + "; what was there before is back");
+        throw Error(ErrorKind::kSystem, failed + "; what was there before is back");
     }
-    throw CommandFailed(
-        failed + ", and so did putting back what was there before" +
-        (backup.empty() ? "" : "; \"" + recovery(backup, current) + "\" tries again"));
+    throw Error(ErrorKind::kSystem,
+                failed + ", and so did putting back what was there before" +
+                    (backup.empty() ? "" : "; \"" + recovery(backup, current) + "\" tries again"));
 }
 
 /// Applies what was imported. Where that fails, says how to go back.
 void applyImported(const std::string& goingBack) {
     try {
         reloadActive();
-    } catch (const CommandFailed& failure) {
-        throw CommandFailed(std::string("the import is stored, but ") + failure.what() +
-                            (goingBack.empty() ? "" : "; \"" + goingBack + "\" goes back"));
+    } catch (const Error& failure) {
+        throw Error(ErrorKind::kSystem,
+                    std::string("the import is stored, but ") + failure.what() +
+                        (goingBack.empty() ? "" : "; \"" + goingBack + "\" goes back"));
     }
 }
 
@@ -212,11 +213,12 @@ void requireConsent(const Options& options) {
         return;
     }
     if (options.path == kStandardInput || isatty(STDIN_FILENO) != 1) {
-        throw CommandFailed(
+        throw Error(
+            ErrorKind::kNotFound,
             "nothing was imported: there is no terminal to ask on; --yes goes on without asking");
     }
     if (!confirmed("Replace the configuration?")) {
-        throw CommandFailed("nothing was imported");
+        throw Error(ErrorKind::kSystem, "nothing was imported");
     }
 }
 

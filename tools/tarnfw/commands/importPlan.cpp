@@ -1,11 +1,11 @@
-#include "importPlan.h"
+#include "commands/importPlan.h"
 
 #include <iostream>
 #include <map>
 #include <set>
 
-#include "configuration.h"
-#include "output.h"
+#include "cli/output.h"
+#include "tarnfwadmin/configuration.h"
 
 namespace tarnfw {
 namespace {

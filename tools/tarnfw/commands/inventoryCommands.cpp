@@ -14,14 +14,14 @@
 #include <CLI/CLI.hpp>
 #include <boost/algorithm/string/join.hpp>
 
-#include "catalogue.h"
-#include "command.h"
-#include "commands.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/commands.h"
 #include "fwCodes.h"
-#include "interfaces.h"
-#include "output.h"
-#include "ruleText.h"
-#include "store.h"
+#include "tarnfwadmin/catalogue.h"
+#include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {
@@ -225,7 +225,8 @@ void services(const std::string& pattern, bool json) {
                                [&](const Service& service) { return !fits(service, pattern); }),
                 found.end());
     if (found.empty()) {
-        throw CommandFailed("no service of the catalogue is like " + inQuotes(pattern));
+        throw Error(ErrorKind::kNotFound,
+                    "no service of the catalogue is like " + inQuotes(pattern));
     }
     if (json) {
         Json::Value document;

@@ -9,9 +9,9 @@
 
 #include "tarnfirewall/tarnIptablesModule.h"
 
-#include "command.h"
-#include "commands.h"
-#include "output.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/commands.h"
 
 namespace tarnfw {
 namespace {
@@ -28,12 +28,12 @@ struct ModulesOptions {
 std::vector<std::string> moduleNames(bool nat) {
     std::vector<std::string> names;
     if (!Modules::coreCommonModuleLoad(names)) {
-        throw CommandFailed("the list of kernel modules cannot be read");
+        throw Error(ErrorKind::kSystem, "the list of kernel modules cannot be read");
     }
     if (nat) {
         std::vector<std::string> natNames;
         if (!Modules::natModuleLoad(natNames)) {
-            throw CommandFailed("the list of kernel modules cannot be read");
+            throw Error(ErrorKind::kSystem, "the list of kernel modules cannot be read");
         }
         names.insert(names.end(), natNames.begin(), natNames.end());
     }
@@ -43,7 +43,7 @@ std::vector<std::string> moduleNames(bool nat) {
 /// The key of a service in the loader's record is a line of a file.
 void requireServiceName(const std::string& service) {
     if (service.empty() || service.find_first_of("=\n\t \"") != std::string::npos) {
-        throw CommandFailed(inQuotes(service) + " cannot be a service's name", kExitUsage);
+        throw UsageError(inQuotes(service) + " cannot be a service's name");
     }
 }
 
@@ -52,7 +52,8 @@ void load(const ModulesOptions& options) {
     requireServiceName(options.service);
     if (!(options.nat ? Modules::iptablesNATModLoad(options.service)
                       : Modules::iptablesCoreModLoad(options.service))) {
-        throw CommandFailed("not all modules of " + inQuotes(options.service) + " are loaded");
+        throw Error(ErrorKind::kSystem,
+                    "not all modules of " + inQuotes(options.service) + " are loaded");
     }
     std::cout << "Modules loaded for " << inQuotes(options.service) << '\n';
 }
@@ -62,11 +63,12 @@ void unload(const ModulesOptions& options) {
     requireServiceName(options.service);
     if (!Modules::isModuleLoad(options.service)) {
         // Without its "yes" the service has no share in any module: unloading would take another's.
-        throw CommandFailed("no modules are loaded for " + inQuotes(options.service));
+        throw Error(ErrorKind::kNotFound, "no modules are loaded for " + inQuotes(options.service));
     }
     if (!(options.nat ? Modules::iptablesNATModUnload(options.service)
                       : Modules::iptablesCoreModUnload(options.service))) {
-        throw CommandFailed("not all modules of " + inQuotes(options.service) + " are released");
+        throw Error(ErrorKind::kSystem,
+                    "not all modules of " + inQuotes(options.service) + " are released");
     }
     std::cout << "Modules released by " << inQuotes(options.service) << '\n';
 }

@@ -11,12 +11,12 @@
 
 #include "tarnfirewall/fwBatch.h"
 
-#include "command.h"
-#include "commands.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/commands.h"
 #include "fwCodes.h"
-#include "output.h"
-#include "store.h"
-#include "translation.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/translation.h"
 
 namespace tarnfw {
 namespace {
@@ -39,7 +39,7 @@ Json::Value commandsOf(const std::string& profile, ReloadWay way) {
     }
     Json::Value commands;
     if (!commandsFor(profile, way, commands)) {
-        throw CommandFailed("profile " + inQuotes(profile) + " cannot be translated");
+        throw Error(ErrorKind::kInvalid, "profile " + inQuotes(profile) + " cannot be translated");
     }
     return commands;
 }
@@ -67,8 +67,8 @@ std::string restoreTexts(const Json::Value& commands, const std::vector<std::str
     for (const std::string& family : families) {
         const std::string text = FW::FW_BATCH().restoreText(commands, family);
         if (text.empty()) {
-            throw CommandFailed("the " + titleOf(family) +
-                                " rules cannot be written for iptables-restore");
+            throw Error(ErrorKind::kSystem,
+                        "the " + titleOf(family) + " rules cannot be written for iptables-restore");
         }
         // Without the option the tool would empty the tables, the base filter included.
         texts.append("# ").append(titleOf(family)).append(", for ").append(programOf(family));

@@ -12,15 +12,15 @@
 
 #include "tarnfirewall/tarnFW.h"
 
-#include "applying.h"
-#include "command.h"
-#include "commands.h"
-#include "output.h"
-#include "profileCommands.h"
-#include "profileDocument.h"
-#include "signalsWait.h"
-#include "store.h"
-#include "storeChange.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/applying.h"
+#include "commands/commands.h"
+#include "commands/profileCommands.h"
+#include "process/signalsWait.h"
+#include "tarnfwadmin/profileDocument.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -72,21 +72,21 @@ void list(bool json) {
 FW::FWPROFILE profileFrom(const std::string& path, const std::string& name) {
     std::ifstream file(path, std::ios::in | std::ios::binary);
     if (!file) {
-        throw CommandFailed("cannot read " + printable(path));
+        throw Error(ErrorKind::kSystem, "cannot read " + printable(path));
     }
     std::string text;
     try {
         text.assign(std::istreambuf_iterator<char>(file), {});
     } catch (const std::ios_base::failure&) {
-        throw CommandFailed("cannot read " + printable(path));  // a directory
+        throw Error(ErrorKind::kSystem, "cannot read " + printable(path));  // a directory
     }
     ProfileDocument document(text, path);
     document.becomeNew(name);
     const bool valid = document.check();
     document.printFindings();
     if (!valid) {
-        throw CommandFailed(printable(path) + " does not check: no profile was created",
-                            kExitUnchecked);
+        throw Error(ErrorKind::kInvalid,
+                    printable(path) + " does not check: no profile was created");
     }
     return document.profile();
 }
@@ -126,7 +126,7 @@ void rename(const std::string& oldName, const std::string& newName) {
     const bool renamed = FW::TARNFW_PROFILE().profileRename(oldName, newName);
     change.finish();
     if (!renamed) {
-        throw CommandFailed("profile " + inQuotes(oldName) + " cannot be renamed");
+        throw Error(ErrorKind::kSystem, "profile " + inQuotes(oldName) + " cannot be renamed");
     }
     std::cout << "Profile " << inQuotes(oldName) << " is called " << inQuotes(newName) << " now\n";
 }
@@ -136,13 +136,14 @@ void remove(const std::string& name) {
     const StoreLock lock;
     requireProfile(name);
     if (name == activeProfile()) {
-        throw CommandFailed("profile " + inQuotes(name) +
-                            " is the active one; \"tarnfw profile use\" makes another one active");
+        throw Error(ErrorKind::kSystem,
+                    "profile " + inQuotes(name) +
+                        " is the active one; \"tarnfw profile use\" makes another one active");
     }
     FW::TARNFW_PROFILE profiles;
     if (!profiles.profileDelete(name) || profiles.profileExist(name)) {
-        throw CommandFailed("profile " + inQuotes(name) + " is still there: " +
-                            printable(FW::TARNFW_JSON_DB().profilePathGet(name)));
+        throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) + " is still there: " +
+                                            printable(FW::TARNFW_JSON_DB().profilePathGet(name)));
     }
     std::cout << "Profile " << inQuotes(name) << " deleted\n";
 }
@@ -154,7 +155,7 @@ void setActive(const std::string& name) {
     const bool set = FW::TARNFW().fwProfileConfigSet(name, false);
     change.finish();
     if (!set) {
-        throw CommandFailed("the settings cannot be written");
+        throw Error(ErrorKind::kSystem, "the settings cannot be written");
     }
 }
 
@@ -163,14 +164,14 @@ void setActive(const std::string& name) {
 void reloadOrGoBack(const std::string& name, const std::string& before) {
     try {
         reloadActive();
-    } catch (const CommandFailed& failure) {
+    } catch (const Error& failure) {
         const StoreLock lock;
         if (before == name || activeProfile() != name) {
             throw;
         }
         setActive(before);
-        throw CommandFailed(std::string(failure.what()) + "; " + inQuotes(before) +
-                            " is the active profile again");
+        throw Error(ErrorKind::kSystem, std::string(failure.what()) + "; " + inQuotes(before) +
+                                            " is the active profile again");
     }
 }
 

@@ -1,7 +1,7 @@
 /// The commands of "tarnfw profile" that have sources of their own.
 #pragma once
 
-#include "cliFwd.h"
+#include "cli/cliFwd.h"
 
 namespace tarnfw {
 

@@ -12,13 +12,13 @@
 
 #include "tarnfirewall/fwDB.h"
 
-#include "applying.h"
-#include "command.h"
-#include "editor.h"
-#include "output.h"
-#include "profileCommands.h"
-#include "profileDocument.h"
-#include "store.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/applying.h"
+#include "commands/profileCommands.h"
+#include "process/editor.h"
+#include "tarnfwadmin/profileDocument.h"
+#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {
@@ -28,14 +28,14 @@ std::string storedText(const std::string& name) {
     const std::string path = FW::TARNFW_JSON_DB().profilePathGet(name);
     std::ifstream file(path, std::ios::in | std::ios::binary);
     if (path.empty() || !file) {
-        throw CommandFailed("profile " + inQuotes(name) + " cannot be read");
+        throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) + " cannot be read");
     }
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
 /// Ends the command without storing what was typed.
-[[noreturn]] void keep(const PrivateText& text, const std::string& why, ExitStatus status) {
-    throw CommandFailed(why + "; nothing was stored, the text is kept in " + text.path(), status);
+[[noreturn]] void keep(const PrivateText& text, const std::string& why, ErrorKind kind) {
+    throw Error(kind, why + "; nothing was stored, the text is kept in " + text.path());
 }
 
 bool editAgain(const PrivateText& text) {
@@ -54,11 +54,11 @@ std::optional<ProfileDocument> edited(const PrivateText& text, const std::string
     const std::string failure = runEditor(text.path());
     const bool changed = text.read() != original;
     if (!failure.empty() && changed) {
-        keep(text, failure, kExitFailed);
+        keep(text, failure, ErrorKind::kSystem);
     }
     if (!failure.empty()) {
         text.remove();
-        throw CommandFailed(failure + "; nothing was changed");
+        throw Error(ErrorKind::kSystem, failure + "; nothing was changed");
     }
     if (!changed) {
         return std::nullopt;
@@ -73,8 +73,8 @@ void store(const ProfileDocument& document, const std::string& original) {
     const StoreLock lock;
     const std::string& name = document.profile().name;
     if (storedText(name) != original) {
-        throw CommandFailed("profile " + inQuotes(name) +
-                            " was changed by somebody else meanwhile");
+        throw Error(ErrorKind::kSystem,
+                    "profile " + inQuotes(name) + " was changed by somebody else meanwhile");
     }
     storeProfile(document.profile());
 }
@@ -93,7 +93,7 @@ std::optional<ProfileDocument> validDocument(const PrivateText& text, const std:
             return document;
         }
         if (!editAgain(text)) {
-            keep(text, "profile " + inQuotes(name) + " does not check", kExitUnchecked);
+            keep(text, "profile " + inQuotes(name) + " does not check", ErrorKind::kInvalid);
         }
     }
 }
@@ -101,7 +101,8 @@ std::optional<ProfileDocument> validDocument(const PrivateText& text, const std:
 /// Refuses to start an editor that would find no terminal. One that was chosen may need none.
 void requireEditable() {
     if (isatty(STDIN_FILENO) != 1 && chosenEditor().empty()) {
-        throw CommandFailed(
+        throw Error(
+            ErrorKind::kNotFound,
             "there is no terminal to edit on; \"tarnfw profile create NEW --from FILE\" takes a "
             "document, and EDITOR names an editor that needs none");
     }
@@ -124,8 +125,8 @@ void edit(const std::string& wanted, const ReloadOptions& reload) {
     try {
         requireAppliable(document->profile(), reload);
         store(*document, original);
-    } catch (const CommandFailed& failure) {
-        keep(text, failure.what(), failure.status());
+    } catch (const Error& failure) {
+        keep(text, failure.what(), failure.kind());
     }
     text.remove();
     std::cout << "Profile " << inQuotes(name) << " stored\n";

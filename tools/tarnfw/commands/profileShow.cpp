@@ -11,12 +11,12 @@
 
 #include "tarnfirewall/fwDB.h"
 
-#include "command.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/profileCommands.h"
 #include "fwCodes.h"
-#include "output.h"
-#include "profileCommands.h"
-#include "ruleText.h"
-#include "store.h"
+#include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {

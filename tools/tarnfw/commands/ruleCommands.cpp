@@ -16,16 +16,16 @@
 #include "tarnfirewall/fwGeoip.h"
 #include "tarnfirewall/tarnFW.h"
 
-#include "applying.h"
-#include "catalogue.h"
-#include "command.h"
-#include "commands.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/applying.h"
+#include "commands/commands.h"
 #include "fwCodes.h"
-#include "output.h"
-#include "ruleFindings.h"
-#include "ruleSyntax.h"
-#include "ruleText.h"
-#include "store.h"
+#include "tarnfwadmin/catalogue.h"
+#include "tarnfwadmin/ruleFindings.h"
+#include "tarnfwadmin/ruleSyntax.h"
+#include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {
@@ -71,7 +71,7 @@ struct RuleCommand {
 Texts knownAdapters(const FW::FWPROFILE& profile) {
     std::set<std::string> names;
     if (!FW::TARNFW().fwAdapterEnum(names)) {
-        throw CommandFailed("the machine's adapters cannot be listed");
+        throw Error(ErrorKind::kSystem, "the machine's adapters cannot be listed");
     }
     names.erase(FW::kPppoeUsualInterface);
     names.insert(FW::FW_PREDEFINED_ADAPTERS.begin(), FW::FW_PREDEFINED_ADAPTERS.end());
@@ -86,11 +86,12 @@ void requireAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
         return;
     }
     if (adapter == FW::kPppoeUsualInterface) {
-        throw CommandFailed(
+        throw Error(
+            ErrorKind::kSystem,
             "rules of \"ppp0\" are never applied; those of \"pppoe\" are, to that connection");
     }
-    throw CommandFailed("there is no adapter " + inQuotes(adapter) +
-                        " (there is: " + printable(boost::join(known, ", ")) + ")");
+    throw Error(ErrorKind::kNotFound, "there is no adapter " + inQuotes(adapter) + " (there is: " +
+                                          printable(boost::join(known, ", ")) + ")");
 }
 
 // ---- Reserved rules ----
@@ -109,8 +110,9 @@ std::size_t reservedAtHead(const Rules& rules) {
 
 void requirePosition(const Rules& rules, std::size_t position, const Target& target) {
     if (position < 1 || position > rules.size()) {
-        throw CommandFailed("there is no rule " + std::to_string(position) + ": " +
-                            printable(target.adapter) + " has " + counted(rules.size(), "rule"));
+        throw Error(ErrorKind::kNotFound, "there is no rule " + std::to_string(position) + ": " +
+                                              printable(target.adapter) + " has " +
+                                              counted(rules.size(), "rule"));
     }
 }
 
@@ -118,18 +120,19 @@ void requirePosition(const Rules& rules, std::size_t position, const Target& tar
 void requireOwn(const Rules& rules, std::size_t position, const Target& target) {
     requirePosition(rules, position, target);
     if (isReserved(rules[position - 1])) {
-        throw CommandFailed("rule " + std::to_string(position) + " of " +
-                            printable(target.adapter) +
-                            " holds services that the system has reserved; \"tarnfw service "
-                            "release\" takes one out");
+        throw Error(ErrorKind::kSystem,
+                    "rule " + std::to_string(position) + " of " + printable(target.adapter) +
+                        " holds services that the system has reserved; \"tarnfw service "
+                        "release\" takes one out");
     }
 }
 
 /// Where a rule goes that is wanted at `position` of `rules`.
 std::size_t freePosition(const Rules& rules, std::size_t position, const Target& target) {
     if (position < 1 || position > rules.size() + 1) {
-        throw CommandFailed("there is no position " + std::to_string(position) + ": " +
-                            printable(target.adapter) + " has " + counted(rules.size(), "rule"));
+        throw Error(ErrorKind::kNotFound, "there is no position " + std::to_string(position) +
+                                              ": " + printable(target.adapter) + " has " +
+                                              counted(rules.size(), "rule"));
     }
     return std::max(position, reservedAtHead(rules) + 1);
 }
@@ -172,7 +175,7 @@ Texts warningsOf(const FW::FWPROFILE& profile, const std::string& adapter,
         for (const Finding& finding : ruleFindings(profile, adapter, position)) {
             const std::string line = lineOf("tarnfw", finding);
             if (finding.isError) {
-                throw CommandFailed(line.substr(line.find(' ') + 1), kExitUnchecked);
+                throw Error(ErrorKind::kInvalid, line.substr(line.find(' ') + 1));
             }
             if (std::find(warnings.begin(), warnings.end(), line) == warnings.end()) {
                 warnings.push_back(line);
@@ -239,7 +242,15 @@ RuleVocabulary vocabulary() {
 }
 
 FW::FWRULE ruleOf(const RuleCommand& command) {
-    return ruleFrom(command.words, command.options, vocabulary());
+    const RuleVocabulary known = vocabulary();
+    try {
+        return ruleFrom(command.words, command.options, known);
+    } catch (const Error& error) {
+        if (error.kind() == ErrorKind::kInvalid) {
+            throw CLI::ValidationError(error.what());  // wrong words are wrong usage
+        }
+        throw;
+    }
 }
 
 // ---- Commands ----
@@ -325,7 +336,8 @@ void switchRules(const Target& target, const std::vector<std::size_t>& positions
 void setPolicy(const Target& target, const std::string& word) {
     requireRoot();
     if (target.adapter == FW::kGlobalAdapter) {
-        throw CommandFailed(
+        throw Error(
+            ErrorKind::kSystem,
             "\"global\" has no default policy: what its rules leave is decided by those of the "
             "adapters; a last rule \"deny any\" decides for all of them");
     }

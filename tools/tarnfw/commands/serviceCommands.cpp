@@ -16,17 +16,17 @@
 
 #include "tarnfirewall/tarnFW.h"
 
-#include "applying.h"
-#include "catalogue.h"
-#include "command.h"
-#include "commands.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "cli/usage.h"
+#include "commands/applying.h"
+#include "commands/commands.h"
 #include "fwCodes.h"
-#include "interfaces.h"
-#include "output.h"
-#include "store.h"
-#include "storeChange.h"
-#include "usage.h"
-#include "wholeRun.h"
+#include "process/wholeRun.h"
+#include "tarnfwadmin/catalogue.h"
+#include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -39,11 +39,12 @@ using Profiles = std::map<std::string, FW::FWPROFILE>;
 
 Profiles allProfiles() {
     if (profileNames().empty()) {
-        throw CommandFailed("there are no profiles; \"tarnfw base up\" writes a first one");
+        throw Error(ErrorKind::kNotFound,
+                    "there are no profiles; \"tarnfw base up\" writes a first one");
     }
     Profiles profiles;
     if (!FW::TARNFW_PROFILE().profileEnum(profiles)) {
-        throw CommandFailed("the profiles cannot be read: nothing was changed");
+        throw Error(ErrorKind::kSystem, "the profiles cannot be read: nothing was changed");
     }
     return profiles;
 }
@@ -77,9 +78,9 @@ void changeAll(const std::string& done, const ReloadOptions& reload, const Profi
     kept.finish();
     if (!written) {
         const std::vector<std::string> changed = changedSince(before);
-        throw CommandFailed("not every profile could be written (changed: " +
-                            (changed.empty() ? "none" : printable(boost::join(changed, ", "))) +
-                            ")");
+        throw Error(ErrorKind::kSystem,
+                    "not every profile could be written (changed: " +
+                        (changed.empty() ? "none" : printable(boost::join(changed, ", "))) + ")");
     }
     const std::vector<std::string> changed = changedSince(before);
     std::cout << printable(done) << " ("
@@ -174,23 +175,25 @@ bool isInterfaceName(const std::string& name) {
 
 void requireRenamable(const std::string& from, const std::string& to, const Profiles& profiles) {
     if (from == to) {
-        throw CommandFailed("both names are " + inQuotes(from));
+        throw Error(ErrorKind::kInvalid, "both names are " + inQuotes(from));
     }
     if (from == FW::kGlobalAdapter || to == FW::kGlobalAdapter) {
-        throw CommandFailed("\"global\" stands for every adapter; its rules cannot be moved");
+        throw Error(ErrorKind::kInvalid,
+                    "\"global\" stands for every adapter; its rules cannot be moved");
     }
     if (to == FW::kPppoeUsualInterface) {
-        throw CommandFailed("rules for \"ppp0\" have no effect; \"pppoe\" is its name");
+        throw Error(ErrorKind::kInvalid,
+                    "rules for \"ppp0\" have no effect; \"pppoe\" is its name");
     }
     if (!isInterfaceName(to)) {
-        throw CommandFailed(inQuotes(to) + " cannot be an adapter's name");
+        throw Error(ErrorKind::kInvalid, inQuotes(to) + " cannot be an adapter's name");
     }
     const std::vector<std::string> known = adaptersIn(profiles);
     if (std::find(known.begin(), known.end(), from) == known.end()) {
         const std::string meant = nearest(from, known);
-        throw CommandFailed("no profile has anything for adapter " + inQuotes(from) +
-                            (meant.empty() ? "" : "; did you mean " + inQuotes(meant) + "?") +
-                            " (there is: " + printable(boost::join(known, ", ")) + ")");
+        throw Error(ErrorKind::kNotFound,
+                    "no profile has anything for adapter " + inQuotes(from) + didYouMean(meant) +
+                        " (there is: " + printable(boost::join(known, ", ")) + ")");
     }
 }
 
@@ -219,10 +222,11 @@ void requireReplacing(const std::string& to, const std::vector<std::string>& nam
     const std::string what = "what " + inQuotes(to) + " has in " +
                              printable(boost::join(names, ", ")) + " would be replaced";
     if (isatty(STDIN_FILENO) != 1) {
-        throw CommandFailed(what + "; nothing was changed (--yes goes on all the same)");
+        throw Error(ErrorKind::kSystem,
+                    what + "; nothing was changed (--yes goes on all the same)");
     }
     if (!confirmed("tarnfw: " + what + ". Go on?")) {
-        throw CommandFailed("nothing was changed");
+        throw Error(ErrorKind::kSystem, "nothing was changed");
     }
 }
 

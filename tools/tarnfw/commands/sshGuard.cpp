@@ -1,4 +1,4 @@
-#include "sshGuard.h"
+#include "commands/sshGuard.h"
 
 #include <unistd.h>
 
@@ -11,10 +11,10 @@
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/lexical_cast/try_lexical_convert.hpp>
 
-#include "command.h"
-#include "decision.h"
-#include "output.h"
-#include "portEntry.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "tarnfwadmin/decision.h"
+#include "tarnfwadmin/portEntry.h"
 
 namespace tarnfw {
 namespace {
@@ -169,11 +169,12 @@ void requireSshAccess(const FW::FWPROFILE& profile, bool yes, const std::string&
         return;
     }
     if (!yes && isatty(STDIN_FILENO) != 1) {
-        throw CommandFailed(warning + "; " + otherwise + " (--yes goes on all the same)");
+        throw Error(ErrorKind::kSystem,
+                    warning + "; " + otherwise + " (--yes goes on all the same)");
     }
     std::cerr << "tarnfw: " << warning << '\n';
     if (!yes && !confirmed(question)) {
-        throw CommandFailed(otherwise);
+        throw Error(ErrorKind::kSystem, otherwise);
     }
 }
 

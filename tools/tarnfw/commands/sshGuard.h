@@ -10,8 +10,8 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-#include "addressRange.h"
-#include "interfaces.h"
+#include "tarnfwadmin/addressRange.h"
+#include "tarnfwadmin/interfaces.h"
 
 namespace tarnfw {
 
@@ -47,7 +47,7 @@ std::string sshRefusal(const FW::FWPROFILE& profile, const SshConnection& connec
 std::string sshWarning(const FW::FWPROFILE& profile);
 
 /// For what makes a profile the kernel's: with a warning, asks `question` on the terminal, unless
-/// `yes`; throws CommandFailed, with `otherwise`, when the answer is no or nobody can be asked.
+/// `yes`; throws Error, with `otherwise`, when the answer is no or nobody can be asked.
 void requireSshAccess(const FW::FWPROFILE& profile, bool yes, const std::string& question,
                       const std::string& otherwise = "nothing was changed");
 

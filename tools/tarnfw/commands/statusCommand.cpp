@@ -14,13 +14,13 @@
 #include "tarnfirewall/tarnFW.h"
 #include "tarnfirewall/tarnIptablesModule.h"
 
-#include "baseFilter.h"
-#include "command.h"
-#include "commands.h"
-#include "output.h"
-#include "ruleText.h"
-#include "store.h"
-#include "trial.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/commands.h"
+#include "process/trial.h"
+#include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {
@@ -222,7 +222,7 @@ void status(bool json) {
     const bool nothingInForce = enabled && isNothingInForce(active, filters);
     std::string applyMode;
     if (!FW::TARNFW().fwApplyMode(applyMode)) {
-        throw CommandFailed("the settings cannot be read");
+        throw Error(ErrorKind::kSystem, "the settings cannot be read");
     }
 
     if (json) {

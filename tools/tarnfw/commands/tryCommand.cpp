@@ -18,14 +18,14 @@
 
 #include "tarnfirewall/tarnFW.h"
 
-#include "baseFilter.h"
-#include "command.h"
-#include "commands.h"
-#include "output.h"
-#include "store.h"
-#include "storeChange.h"
-#include "trial.h"
-#include "wholeRun.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/commands.h"
+#include "process/trial.h"
+#include "process/wholeRun.h"
+#include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -48,14 +48,15 @@ struct TryOptions {
 void requireTriable(const std::string& name) {
     requireProfile(name);
     if (!firewallEnabled()) {
-        throw CommandFailed(
-            "the firewall is disabled: there is nothing to go back to; \"tarnfw enable\" "
-            "switches it on");
+        throw Error(ErrorKind::kSystem,
+                    "the firewall is disabled: there is nothing to go back to; \"tarnfw enable\" "
+                    "switches it on");
     }
     if (name == activeProfile()) {
-        throw CommandFailed("profile " + inQuotes(name) +
-                            " is the active one, to which a trial goes back; try a copy "
-                            "(\"tarnfw profile copy\")");
+        throw Error(ErrorKind::kSystem,
+                    "profile " + inQuotes(name) +
+                        " is the active one, to which a trial goes back; try a copy "
+                        "(\"tarnfw profile copy\")");
     }
     requireBase();
     requireRoomForChange();
@@ -92,7 +93,7 @@ Channel startWatchdog(const Trial& trial, pid_t& process) {
     process = fork();
     if (process < 0) {
         stopListening();
-        throw CommandFailed("cannot start the watchdog");
+        throw Error(ErrorKind::kSystem, "cannot start the watchdog");
     }
     if (process == 0) {
         here = Channel();
@@ -192,10 +193,10 @@ void conclude(const std::string& name, const Json::Value& report) {
         return;
     }
     if (state == kTrialReverted) {
-        throw CommandFailed(profile + " was not kept: " + reason +
-                            "; the active profile's rules are in force again");
+        throw Error(ErrorKind::kSystem, profile + " was not kept: " + reason +
+                                            "; the active profile's rules are in force again");
     }
-    throw CommandFailed(profile + " was not kept: " + reason);
+    throw Error(ErrorKind::kSystem, profile + " was not kept: " + reason);
 }
 
 /// Takes a trial back where no watchdog does.
@@ -207,9 +208,10 @@ bool goBackWhole(const std::string& name) {
 void goBackWithoutWatchdog(const std::string& name) {
     const bool reverted = goBackWhole(name);
     stopListening();
-    throw CommandFailed("profile " + inQuotes(name) + " was not kept: the watchdog was killed" +
-                        (reverted ? "; the active profile's rules are in force again"
-                                  : ", and the active profile was not applied again"));
+    throw Error(ErrorKind::kSystem,
+                "profile " + inQuotes(name) + " was not kept: the watchdog was killed" +
+                    (reverted ? "; the active profile's rules are in force again"
+                              : ", and the active profile was not applied again"));
 }
 
 /// How the beginning of the trial went; nothing when the watchdog is gone.
@@ -249,11 +251,11 @@ std::optional<Json::Value> askTrial(const Channel& trial, const char* what) {
 void confirmTrial() {
     const std::optional<Channel> trial = callTrial();
     if (!trial) {
-        throw CommandFailed("no trial is going on");
+        throw Error(ErrorKind::kNotFound, "no trial is going on");
     }
     const std::optional<Json::Value> report = askTrial(*trial, kAskConfirm);
     if (!report) {
-        throw CommandFailed("the trial has just ended");
+        throw Error(ErrorKind::kSystem, "the trial has just ended");
     }
     conclude(report->get("profile", "").asString(), *report);
 }
@@ -262,12 +264,12 @@ void confirmTrial() {
 void cancelAbandonedTrial() {
     const std::optional<std::string> name = abandonedTrial();
     if (!name) {
-        throw CommandFailed("no trial is going on");
+        throw Error(ErrorKind::kNotFound, "no trial is going on");
     }
     const bool reverted = goBackWhole(*name);
     stopListening();
     if (!reverted) {
-        throw CommandFailed("the active profile was not applied again");
+        throw Error(ErrorKind::kRefused, "the active profile was not applied again");
     }
     std::cout << "Gone back from the trial of " << inQuotes(*name) << " that was left behind\n";
 }
@@ -280,7 +282,8 @@ void cancelTrial() {
     }
     const std::optional<Json::Value> report = askTrial(*trial, kAskCancel);
     if (!report || report->get("state", "").asString() != kTrialReverted) {
-        throw CommandFailed("the trial did not end as it should; \"tarnfw status\" tells more");
+        throw Error(ErrorKind::kSystem,
+                    "the trial did not end as it should; \"tarnfw status\" tells more");
     }
     std::cout << "Gone back from the trial of \""
               << printable(report->get("profile", "").asString()) << "\"\n";

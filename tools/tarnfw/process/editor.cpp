@@ -1,4 +1,4 @@
-#include "editor.h"
+#include "process/editor.h"
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -14,8 +14,8 @@
 #include <sstream>
 #include <system_error>
 
-#include "command.h"
-#include "output.h"
+#include "cli/command.h"
+#include "cli/output.h"
 
 namespace fs = std::filesystem;
 
@@ -97,22 +97,23 @@ PrivateText::PrivateText(const std::string& name, const std::string& text) {
     std::error_code error;
     directory_ = fs::temp_directory_path(error) / "tarnfw.XXXXXX";
     if (error || mkdtemp(directory_.data()) == nullptr) {
-        throw CommandFailed("cannot make a private directory for temporary files: " +
-                            (error ? error.message() : std::string(strerror(errno))));
+        throw Error(ErrorKind::kSystem,
+                    "cannot make a private directory for temporary files: " +
+                        (error ? error.message() : std::string(strerror(errno))));
     }
     path_ = directory_ + "/" + name;
     std::ofstream file(path_, std::ios::out | std::ios::binary);
     file << text;
     file.close();
     if (!file) {
-        throw CommandFailed("cannot write " + path_);
+        throw Error(ErrorKind::kSystem, "cannot write " + path_);
     }
 }
 
 std::string PrivateText::read() const {
     std::ifstream file(path_, std::ios::in | std::ios::binary);
     if (!file) {
-        throw CommandFailed("cannot read " + path_);
+        throw Error(ErrorKind::kSystem, "cannot read " + path_);
     }
     return {std::istreambuf_iterator<char>(file), {}};
 }

@@ -9,12 +9,12 @@ namespace tarnfw {
 /// it is removed: what somebody has typed is not lost with the tool.
 class PrivateText {
 public:
-    /// Writes `text` into a new file called `name`. Failures throw CommandFailed.
+    /// Writes `text` into a new file called `name`. Failures throw Error.
     PrivateText(const std::string& name, const std::string& text);
 
     const std::string& path() const { return path_; }
 
-    /// What the file holds now. Throws CommandFailed when it cannot be read.
+    /// What the file holds now. Throws Error when it cannot be read.
     std::string read() const;
 
     /// Removes the file and its directory, with whatever the editor has left beside it.

@@ -1,4 +1,4 @@
-#include "trial.h"
+#include "process/trial.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -16,8 +16,8 @@
 
 #include "tarnfirewall/tarnFW.h"
 
-#include "store.h"
-#include "storeChange.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/storeChange.h"
 
 namespace tarnfw {
 namespace {

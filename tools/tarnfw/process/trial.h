@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "trialChannel.h"
+#include "process/trialChannel.h"
 
 namespace tarnfw {
 

@@ -1,4 +1,4 @@
-#include "trialChannel.h"
+#include "process/trialChannel.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -12,8 +12,8 @@
 #include <memory>
 #include <string>
 
-#include "command.h"
-#include "store.h"
+#include "cli/command.h"
+#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {
@@ -38,7 +38,8 @@ sockaddr_un socketAddress() {
 Channel openSocket() {
     Channel channel(socket(AF_UNIX, kSocketType, 0));
     if (channel.fd() < 0) {
-        throw CommandFailed(std::string("cannot make a socket: ") + std::strerror(errno));
+        throw Error(ErrorKind::kSystem,
+                    std::string("cannot make a socket: ") + std::strerror(errno));
     }
     return channel;
 }
@@ -84,7 +85,8 @@ std::optional<Json::Value> Channel::receive() const {
 std::pair<Channel, Channel> connectedChannels() {
     std::array<int, 2> ends{};
     if (socketpair(AF_UNIX, kSocketType, 0, ends.data()) != 0) {
-        throw CommandFailed(std::string("cannot make a socket: ") + std::strerror(errno));
+        throw Error(ErrorKind::kSystem,
+                    std::string("cannot make a socket: ") + std::strerror(errno));
     }
     return {Channel(ends[0]), Channel(ends[1])};
 }
@@ -92,7 +94,7 @@ std::pair<Channel, Channel> connectedChannels() {
 Channel listenForTerminals() {
     const ToolLock lock("trial.lock");
     if (callTrial()) {
-        throw CommandFailed("a trial is going on; \"tarnfw status\" tells which");
+        throw Error(ErrorKind::kBusy, "a trial is going on; \"tarnfw status\" tells which");
     }
     (void)unlink(kSocketPath);  // of a watchdog that was killed
     Channel listener = openSocket();
@@ -102,10 +104,10 @@ Channel listenForTerminals() {
         bind(listener.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     (void)umask(mask);
     if (bound != 0 || listen(listener.fd(), kBacklog) != 0) {
-        throw CommandFailed(std::string("cannot listen on ")
-                                .append(kSocketPath)
-                                .append(": ")
-                                .append(std::strerror(errno)));
+        throw Error(ErrorKind::kSystem, std::string("cannot listen on ")
+                                            .append(kSocketPath)
+                                            .append(": ")
+                                            .append(std::strerror(errno)));
     }
     return listener;
 }

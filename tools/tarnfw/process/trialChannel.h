@@ -33,7 +33,7 @@ private:
 std::pair<Channel, Channel> connectedChannels();
 
 /// Starts to listen where other terminals find the trial; only root can connect. Throws
-/// CommandFailed when a trial listens there already.
+/// Error when a trial listens there already.
 Channel listenForTerminals();
 
 /// Takes the connection of a terminal that has called; receive() waits a second for it.

@@ -1,4 +1,4 @@
-#include "wholeRun.h"
+#include "process/wholeRun.h"
 
 #include <sys/mman.h>
 #include <sys/types.h>
@@ -13,9 +13,9 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 
-#include "command.h"
-#include "output.h"
-#include "signalsWait.h"
+#include "cli/command.h"
+#include "cli/output.h"
+#include "process/signalsWait.h"
 
 namespace tarnfw {
 namespace {
@@ -29,7 +29,7 @@ class SharedText {
 public:
     explicit SharedText(const char* name) : fd_(memfd_create(name, MFD_CLOEXEC)) {
         if (fd_ < 0) {
-            throw CommandFailed("there is no memory for the messages of a reload");
+            throw Error(ErrorKind::kSystem, "there is no memory for the messages of a reload");
         }
     }
     ~SharedText() { (void)close(fd_); }
@@ -117,7 +117,7 @@ bool runWhole(const std::string& what, const std::function<bool()>& change) {
         const Progress progress(what);
         process = fork();
         if (process < 0) {
-            throw CommandFailed("cannot start a process");
+            throw Error(ErrorKind::kSystem, "cannot start a process");
         }
         if (process == 0) {
             work(change, errors, reason);
@@ -126,12 +126,12 @@ bool runWhole(const std::string& what, const std::function<bool()>& change) {
     }
     print(errors.read(), process, status != kSucceeded);
     if (status == kThrew) {
-        throw CommandFailed(reason.read());
+        throw Error(ErrorKind::kSystem, reason.read());
     }
     if (status < 0) {
-        throw CommandFailed(
-            "a process was killed in the middle of its work; \"tarnfw status\" "
-            "tells how far it came");
+        throw Error(ErrorKind::kSystem,
+                    "a process was killed in the middle of its work; \"tarnfw status\" "
+                    "tells how far it came");
     }
     return status == kSucceeded;
 }

@@ -11,7 +11,7 @@ namespace tarnfw {
 /// process take effect when it is done. Says "`what` ..." on the terminal meanwhile.
 /// What is written to standard error by then comes when it is done; the lines of the library's log
 /// only when it failed.
-/// Returns what `change` returns. Throws CommandFailed with the reason where it throws, or where it
+/// Returns what `change` returns. Throws Error with the reason where it throws, or where it
 /// was killed. What it changes in memory is lost.
 bool runWhole(const std::string& what, const std::function<bool()>& change);
 

@@ -57,7 +57,7 @@ private:
     std::unique_ptr<TARNFW_SERVICE_LIST, Release> list_;
 };
 
-/// The catalogue; throws CommandFailed when it is empty or cannot be read.
+/// The catalogue; throws Error when it is empty or cannot be read.
 Catalogue requireCatalogue();
 
 /// The question of a blocked check for each port of a service, as the library asks them.

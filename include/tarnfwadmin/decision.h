@@ -12,8 +12,9 @@
 #include "tarnfirewall/fwIptables.h"
 #include "tarnfirewall/fwTypes.h"
 
-#include "addressRange.h"
-#include "portEntry.h"
+#include "tarnfwadmin/addressRange.h"
+#include "tarnfwadmin/place.h"
+#include "tarnfwadmin/portEntry.h"
 
 namespace tarnfw {
 
@@ -27,16 +28,6 @@ struct Packet {
     PortSpan ports;                                            ///< of the destination
     std::optional<PortSpan> sourcePorts;                       ///< where they are known
     bool established = false;  ///< it belongs to a connection that there is already
-};
-
-/// A rule of a profile: the adapter whose list it stands in, and its position there, from 1.
-struct RulePlace {
-    std::string adapter;
-    std::size_t position = 0;
-
-    bool operator==(const RulePlace& other) const {
-        return adapter == other.adapter && position == other.position;
-    }
 };
 
 enum class DecidedBy {
@@ -69,7 +60,7 @@ public:
     const FW::FWPROFILE& profile() const { return profile_; }
 
     /// The ports of `packet` in ascending order, without gaps; neighbours differ in what decides.
-    /// Throws CommandFailed when the service catalogue cannot be read.
+    /// Throws Error when the service catalogue cannot be read.
     std::vector<Decision> decide(const Packet& packet);
 
     /// The rule at a place.

@@ -13,7 +13,7 @@ namespace tarnfw {
 /// as a deletion, goes without.
 class StoreChange {
 public:
-    /// Copies every document, which needs about the room that the change will; throws CommandFailed
+    /// Copies every document, which needs about the room that the change will; throws Error
     /// where there is none, with nothing changed.
     StoreChange();
 
@@ -24,7 +24,7 @@ public:
     StoreChange& operator=(const StoreChange&) = delete;
 
     /// To be called when the library has written, and before its result is looked at: where a
-    /// document is not whole, all of them are put back, and CommandFailed says so.
+    /// document is not whole, all of them are put back, and Error says so.
     void finish();
 
     /// Ends the change by putting all documents back. False when that fails; they are then left in

@@ -1,5 +1,5 @@
 /// The profiles and settings on disk, as the commands read and change them. Failures throw
-/// CommandFailed; the library's own reason stands on standard error before it.
+/// Error; the library's own reason stands on standard error before it.
 #pragma once
 
 #include <map>

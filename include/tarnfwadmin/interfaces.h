@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "addressRange.h"
+#include "tarnfwadmin/addressRange.h"
 
 namespace tarnfw {
 

@@ -20,14 +20,14 @@ struct TracedLine {
 /// How a reload puts lines into the kernel, and so which lines it makes.
 enum class ReloadWay { kLines, kBatch };
 
-/// The way that the settings choose. Throws CommandFailed when they cannot be read.
+/// The way that the settings choose. Throws Error when they cannot be read.
 ReloadWay chosenWay();
 
 /// The commands of a stored profile for that way, as a reload makes them. Returns false, logged,
 /// when it cannot be translated.
 bool commandsFor(const std::string& profile, ReloadWay way, Json::Value& commands);
 
-/// The lines that a reload of `profile` runs, in its order. Throws CommandFailed, with the rule,
+/// The lines that a reload of `profile` runs, in its order. Throws Error, with the rule,
 /// when the profile cannot be translated.
 std::vector<TracedLine> tracedLines(const FW::FWPROFILE& profile,
                                     ReloadWay way = ReloadWay::kLines);

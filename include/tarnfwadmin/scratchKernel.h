@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "translation.h"
+#include "tarnfwadmin/translation.h"
 
 namespace tarnfw {
 
@@ -21,7 +21,7 @@ class PacketFilter {
 public:
     virtual ~PacketFilter() = default;
 
-    /// Runs the tool of a family ("v4", "v6"). Throws CommandFailed when that cannot be done.
+    /// Runs the tool of a family ("v4", "v6"). Throws Error when that cannot be done.
     ProgramAnswer run(const std::string& family, const std::vector<std::string>& arguments) const;
 
     /// Hands a text to the restoring tool of a family, which adds to what is there.
@@ -47,7 +47,7 @@ private:
 /// That of a fresh namespace, with the base filter set up in both families.
 class ScratchKernel : public PacketFilter {
 public:
-    /// Throws CommandFailed where the system does not allow network namespaces.
+    /// Throws Error where the system does not allow network namespaces.
     ScratchKernel();
     ~ScratchKernel() override;
     ScratchKernel(const ScratchKernel&) = delete;

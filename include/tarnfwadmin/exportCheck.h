@@ -5,7 +5,7 @@
 
 #include <json/json.h>
 
-#include "finding.h"
+#include "tarnfwadmin/finding.h"
 
 namespace tarnfw {
 

@@ -6,15 +6,10 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-#include "output.h"
-
 namespace tarnfw {
 
 /// "allow", "deny", "no default", or "unknown policy 7".
 std::string policyText(FW::FW_POLICY policy);
-
-/// Of a policy or a verdict: green for allow, red for deny, yellow for everything else.
-Paint policyPaint(FW::FW_POLICY policy);
 
 /// "tcp", "udp", "tcp/udp", "icmp", "igmp", or "unknown protocol 7".
 std::string protocolText(std::int32_t protocol);

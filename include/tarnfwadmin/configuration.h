@@ -11,7 +11,7 @@ inline constexpr char kConfigProfiles[] = "config_profiles";
 inline constexpr char kConfigSettings[] = "config_firewall_settings";
 
 /// What the store holds, as an export has it. Without a settings file, with the defaults and
-/// without making one; "config_profiles" is empty while there is no profile. Throws CommandFailed
+/// without making one; "config_profiles" is empty while there is no profile. Throws Error
 /// when it cannot be read.
 Json::Value currentConfiguration();
 

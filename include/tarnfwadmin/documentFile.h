@@ -6,14 +6,14 @@
 
 #include <json/json.h>
 
-#include "finding.h"
+#include "tarnfwadmin/finding.h"
 
 namespace tarnfw {
 
 /// "-" for a path: standard input.
 inline constexpr char kStandardInput[] = "-";
 
-/// The whole content of a file. Throws CommandFailed when it cannot be read.
+/// The whole content of a file. Throws Error when it cannot be read.
 std::string readText(const std::string& path);
 
 /// Whether a file holds a whole document, which is then in `document`. Without the library's lock:

@@ -22,7 +22,7 @@ struct BaseParts {
 const BaseParts& wholeBase();
 
 /// The base filter of one address family. Reads the kernel anew at every call and changes it
-/// through the family's tool. Failures throw CommandFailed.
+/// through the family's tool. Failures throw Error.
 class BaseFilter {
 public:
     /// `key` is "v4" or "v6".

@@ -9,7 +9,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-#include "finding.h"
+#include "tarnfwadmin/finding.h"
 
 namespace tarnfw {
 

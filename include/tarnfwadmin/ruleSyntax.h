@@ -38,9 +38,8 @@ struct RuleOptions {
 
 /// The rule that `words` and `options` describe, for both address families unless an address or an
 /// option says otherwise. Networks are stored by their first address, IPv4 masks with dots.
-/// Throws CLI::ValidationError, for wrong usage, with one line that names the word and what was
-/// expected in its place; CommandFailed for
-/// services without a catalogue and countries without data.
+/// Throws Error: kInvalid, with one line that names the word and what was expected in its place;
+/// kSystem without a service catalogue; kNotFound for countries without data.
 FW::FWRULE ruleFrom(const std::vector<std::string>& words, const RuleOptions& options,
                     const RuleVocabulary& vocabulary);
 

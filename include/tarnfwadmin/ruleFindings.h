@@ -7,7 +7,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-#include "finding.h"
+#include "tarnfwadmin/finding.h"
 
 namespace tarnfw {
 

@@ -35,7 +35,7 @@ struct AdapterAnswer {
 };
 
 /// Asks the library about each adapter by its name: asked about all at once, it goes through the
-/// rules of "global" twice. The first answer is that of "global". Throws CommandFailed.
+/// rules of "global" twice. The first answer is that of "global". Throws Error.
 std::vector<AdapterAnswer> askVerdicts(const std::vector<FW::PortCompareST>& questions,
                                        const std::vector<std::string>& adapters);
 

@@ -14,7 +14,7 @@ enum class Existing { kKept, kReplaced };
 bool writeText(int fd, const std::string& text);
 
 /// Writes a file under another name beside it, and gives it its own when it is on the disk. Throws
-/// CommandFailed, with nothing left behind, when that fails or, with kKept, the file is there.
+/// Error, with nothing left behind, when that fails or, with kKept, the file is there.
 void writeWholeFile(const std::string& path, const std::string& text, mode_t mode,
                     Existing existing);
 

@@ -1,0 +1,71 @@
+#include "tarnfwadmin/text.h"
+
+#include <algorithm>
+
+namespace tarnfw {
+namespace {
+
+/// How many letters have to be put in, taken out, replaced or swapped with their neighbour to make
+/// one word of the other.
+std::size_t distance(const std::string& from, const std::string& to) {
+    // needed[i][j]: for the first i letters of `from` and the first j of `to`.
+    std::vector<std::vector<std::size_t>> needed(from.size() + 1,
+                                                 std::vector<std::size_t>(to.size() + 1));
+    for (std::size_t i = 0; i <= from.size(); ++i) {
+        for (std::size_t j = 0; j <= to.size(); ++j) {
+            if (i == 0 || j == 0) {
+                needed[i][j] = i + j;
+                continue;
+            }
+            const std::size_t replaced = needed[i - 1][j - 1] + (from[i - 1] == to[j - 1] ? 0 : 1);
+            needed[i][j] = std::min({replaced, needed[i - 1][j] + 1, needed[i][j - 1] + 1});
+            if (i > 1 && j > 1 && from[i - 1] == to[j - 2] && from[i - 2] == to[j - 1]) {
+                needed[i][j] = std::min(needed[i][j], needed[i - 2][j - 2] + 1);
+            }
+        }
+    }
+    return needed[from.size()][to.size()];
+}
+
+}  // namespace
+
+std::string printable(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(),
+        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
+    return text;
+}
+
+std::string inQuotes(const std::string& text) {
+    return std::string("\"").append(printable(text)).append("\"");
+}
+
+std::string counted(std::size_t number, const std::string& noun) {
+    return std::to_string(number).append(" ").append(noun).append(number == 1 ? "" : "s");
+}
+
+std::string nearest(const std::string& word, const std::vector<std::string>& known) {
+    // A third of the letters wrong is a typing error; more is another word.
+    std::size_t best = std::max<std::size_t>(word.size() / 3, 1) + 1;
+    std::string found;
+    for (const std::string& candidate : known) {
+        const std::size_t needed = distance(word, candidate);
+        if (needed < best) {
+            best = needed;
+            found = candidate;
+        }
+    }
+    if (!found.empty() || word.size() < 2) {
+        return found;
+    }
+    const auto begins = [&word](const std::string& name) { return name.rfind(word, 0) == 0; };
+    const auto first = std::find_if(known.begin(), known.end(), begins);
+    const bool only = first != known.end() && std::none_of(first + 1, known.end(), begins);
+    return only ? *first : std::string();
+}
+
+std::string didYouMean(const std::string& guess) {
+    return guess.empty() ? guess : "; did you mean " + inQuotes(guess) + "?";
+}
+
+}  // namespace tarnfw

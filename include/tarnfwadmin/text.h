@@ -1,0 +1,26 @@
+/// Texts for people: what messages of this library and of its users are made of.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace tarnfw {
+
+/// A text from a file as a terminal may see it: control characters become '?'.
+std::string printable(std::string text);
+
+/// The same between double quotes, as messages cite names and texts.
+std::string inQuotes(const std::string& text);
+
+/// "1 rule", "3 rules".
+std::string counted(std::size_t number, const std::string& noun);
+
+/// The word of `known` that is most like `word`, or the only one that begins with it; empty when
+/// none is like it.
+std::string nearest(const std::string& word, const std::vector<std::string>& known);
+
+/// "; did you mean "eth0"?", to end a message with; empty without a guess.
+std::string didYouMean(const std::string& guess);
+
+}  // namespace tarnfw
