@@ -1,30 +1,78 @@
 # shellcheck shell=bash disable=SC2034
 # What the scripts share. Sourced; the working directory is the checkout.
 
-# Of Debian 12: the tools that build and check, the libraries, and what runs in the sandbox. netbase
-# has the names of the protocols that iptables reads and prints.
-readonly kPackages=(
-    build-essential g++ clang clang-format clang-tidy cmake libclang-rt-dev ninja-build pkg-config
-    libboost-dev libcli11-dev libgmock-dev libgtest-dev libjsoncpp-dev libkmod-dev libvalijson-dev
-    debhelper dpkg-dev git lintian systemd xz-utils
-    doxygen mandoc scdoc shellcheck
-    iproute2 iptables jq netbase procps python3-jsonschema python3-pexpect util-linux
-    fish zsh
+# Lists of packages, all of Debian 12. To build the library and the tool:
+readonly kBuildPackages=(
+    cmake g++ ninja-build pkg-config
+    libboost-dev libcli11-dev libjsoncpp-dev libkmod-dev
 )
 
-# What the benchmarks need to build, run, count and draw.
+# The sandbox, and what runs in it. netbase has the names of the protocols that iptables reads and
+# prints.
+readonly kRunPackages=(iproute2 iptables mount netbase util-linux)
+
+# What the tests need besides.
+readonly kTestPackages=(
+    clang clang-format clang-tidy libclang-rt-dev libgmock-dev libgtest-dev
+    doxygen git mandoc scdoc shellcheck
+    fish jq procps python3-jsonschema python3-pexpect zsh
+)
+
+# To count instructions.
+readonly kCountPackages=(libbenchmark-dev valgrind)
+
+# To build the Debian packages, and to test them. libvalijson-dev brings much that nobody needs, but a
+# package is built with all that its control file names.
+readonly kPackagePackages=(
+    "${kBuildPackages[@]}"
+    build-essential debhelper dpkg-dev git libvalijson-dev lintian scdoc systemd xz-utils
+)
+
+# What the benchmarks need to run, count and draw.
 readonly kBenchPackages=(
-    cmake g++ gnuplot-nox ninja-build pkg-config python3
-    libbenchmark-dev libboost-dev libcli11-dev libjsoncpp-dev libkmod-dev
-    iproute2 iptables netbase util-linux valgrind
+    "${kBuildPackages[@]}" "${kRunPackages[@]}" "${kCountPackages[@]}" gnuplot-nox python3
 )
 
-# What the README's picture needs besides.
+# What the README's picture needs besides the tool.
 readonly kPicturePackages=(python3-rich)
 
 # What script/bench compares with. Unpacked into build/, never installed: some of these change a
 # machine's packet filter by being installed.
 readonly kPeerPackages=(dbus-daemon ferm firewalld nftables ufw)
+
+# Where quietly() writes; a script names its own.
+log=build/install.log
+
+# quietly TEXT COMMAND...: one line that says what is being done and how long it took; a terminal also
+# sees how far it is. The command writes to $log, whose end is shown when it fails.
+quietly() {
+    local text=$1 start=$SECONDS line status=0
+    shift
+    mkdir -p -- "$(dirname -- "$log")"
+    printf '%s ...' "$text"
+    printf '\n=== %s\n' "$*" >>"$log"
+    "$@" 2>&1 </dev/null | while IFS= read -r line; do
+        printf '%s\n' "$line" >>"$log"
+        if [[ -t 1 && $line =~ ^\[[0-9]+/[0-9]+\] ]]; then  # Ninja's
+            printf '\r%s ... %s' "$text" "${BASH_REMATCH[0]}"
+        fi
+    done || status=$?
+    if ((status != 0)); then
+        printf ' failed\n'
+        tail -n 40 -- "$log" >&2
+        printf 'All of it is in %s\n' "$log" >&2
+        return "$status"
+    fi
+    if [[ -t 1 ]]; then
+        printf '\r\e[K%s ...' "$text"
+    fi
+    printf ' %d s\n' $((SECONDS - start))
+}
+
+# is_installed PACKAGE
+is_installed() {
+    [[ $(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null) == installed ]]
+}
 
 # install_missing PACKAGE...: nothing happens when all are there.
 install_missing() {
@@ -34,17 +82,41 @@ install_missing() {
         return
     fi
     for package; do
-        if [[ $(dpkg-query --show --showformat='${db:Status-Status}' "$package" 2>/dev/null) != \
-            installed ]]; then
-            missing+=("$package")
-        fi
+        is_installed "$package" || missing+=("$package")
     done
     ((${#missing[@]} > 0)) || return 0
     if ((EUID != 0)); then
         printf 'Missing packages: %s\nInstall them, or run this as root.\n' "${missing[*]}" >&2
         exit 1
     fi
-    printf 'Installing: %s\n' "${missing[*]}"
-    apt-get update -q
-    DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends "${missing[@]}"
+    quietly 'Reading the lists of packages' apt-get update -q
+    DEBIAN_FRONTEND=noninteractive quietly "Installing ${missing[*]}" \
+        apt-get install -q -y --no-install-recommends "${missing[@]}"
+}
+
+# Where CMakePresets.json has the builds look for headers, besides the system.
+readonly kHeaders=build/headers
+
+unpack_valijson() {
+    local new
+    new=$(mktemp --directory build/headers.XXXXXX)
+    chmod 755 "$new"
+    # Without lists of packages there is nothing to download from.
+    (cd -- "$new" && { apt-get download libvalijson-dev || {
+        apt-get update && apt-get download libvalijson-dev
+    }; }) &&
+        dpkg-deb --extract "$new"/*.deb "$new" &&
+        rm -rf -- "$kHeaders" "$new"/*.deb &&
+        mv -- "$new" "$kHeaders"
+}
+
+# The headers of valijson, where the package is not installed. The package depends on every library of
+# JSON that valijson can read, Qt among them: 86 MB to fetch, for headers that use jsoncpp alone.
+provide_headers() {
+    if ! command -v dpkg-query >/dev/null || is_installed libvalijson-dev ||
+        [[ -e $kHeaders/usr/include/valijson ]]; then
+        return 0
+    fi
+    mkdir -p build
+    quietly 'Fetching the headers of valijson' unpack_valijson
 }
