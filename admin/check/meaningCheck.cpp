@@ -169,8 +169,8 @@ std::optional<Address> RuleCheck::address(const std::vector<std::string>& list, 
 
 void RuleCheck::checkFamily(const Address& address) {
     const std::optional<int> type = codeOf(rule_, "ipType");
-    const std::string family = address.is_v6() ? "IPv6" : "IPv4";
-    const int right = address.is_v6() ? FW::kIpV6Only : FW::kIpV4Only;
+    const std::string family = address.isIpv6() ? "IPv6" : "IPv4";
+    const int right = address.isIpv6() ? FW::kIpV6Only : FW::kIpV4Only;
     if (!type || *type == right) {
         return;
     }
@@ -179,7 +179,7 @@ void RuleCheck::checkFamily(const Address& address) {
                                           std::to_string(right) + ")");
     } else if (*type == FW::kIpV4Only || *type == FW::kIpV6Only) {
         findings_.error(at("ipType"),
-                        std::to_string(*type) + (address.is_v6() ? " is IPv4" : " is IPv6") +
+                        std::to_string(*type) + (address.isIpv6() ? " is IPv4" : " is IPv6") +
                             ", but the address is " + family + " (" + std::to_string(right) + ")");
     }
 }
@@ -201,12 +201,12 @@ void RuleCheck::checkNetwork(const std::vector<std::string>& list) {
     const auto found = address(list, 0);
     if (found) {
         checkFamily(*found);
-        if (!prefixLengthFrom(list[1], found->is_v6())) {
+        if (!prefixLengthFrom(list[1], found->isIpv6())) {
             findings_.error(
                 at("ipList", 1),
-                inQuotes(list[1]) + (found->is_v6() ? " is not a prefix length (0-128)"
-                                                    : " is not a prefix length (0-32) or "
-                                                      "mask without gaps"));
+                inQuotes(list[1]) + (found->isIpv6() ? " is not a prefix length (0-128)"
+                                                     : " is not a prefix length (0-32) or "
+                                                       "mask without gaps"));
         }
     }
     superfluous("ipList", 2, list.size(), "ipGroup 1 is an address and its mask");
@@ -222,7 +222,7 @@ void RuleCheck::checkRange(const std::vector<std::string>& list) {
     if (!first || !last) {
         return;
     }
-    if (first->is_v4() != last->is_v4()) {
+    if (first->isIpv6() != last->isIpv6()) {
         findings_.error(at("ipList"),
                         inQuotes(list[0]) + " and " + inQuotes(list[1]) + " are not of one family");
         return;

@@ -161,7 +161,7 @@ std::optional<AddressSet> addressesOf(const FW::FWRULE& rule, bool ipv6, Machine
         return set.countries.empty() ? std::nullopt : std::make_optional(set);
     }
     set.range = rangeOf(rule);
-    if (!set.range || set.range->first.is_v6() != ipv6) {
+    if (!set.range || set.range->first.isIpv6() != ipv6) {
         return std::nullopt;
     }
     if (set.range->contains(wholeFamily(ipv6))) {

@@ -56,8 +56,7 @@ std::string at(const std::vector<std::string>& list, std::size_t index) {
     return index < list.size() ? list[index] : std::string();
 }
 
-template <typename Bytes>
-bool agreeUnder(const Bytes& mask, const Bytes& a, const Bytes& b) {
+bool agreeUnder(const Address::Bytes& mask, const Address::Bytes& a, const Address::Bytes& b) {
     for (std::size_t i = 0; i < mask.size(); ++i) {
         if (((a[i] ^ b[i]) & mask[i]) != 0) {
             return false;
@@ -73,14 +72,9 @@ bool inNetwork(const std::string& base, const std::string& mask, const Address& 
     }
     const std::optional<Address> network = addressFrom(base);
     const std::optional<Address> bits = addressFrom(mask);
-    if (!network || !bits || network->is_v4() != address.is_v4() ||
-        bits->is_v4() != address.is_v4()) {
-        return false;
-    }
-    return address.is_v4() ? agreeUnder(bits->to_v4().to_bytes(), network->to_v4().to_bytes(),
-                                        address.to_v4().to_bytes())
-                           : agreeUnder(bits->to_v6().to_bytes(), network->to_v6().to_bytes(),
-                                        address.to_v6().to_bytes());
+    return network && bits && network->isIpv6() == address.isIpv6() &&
+           bits->isIpv6() == address.isIpv6() &&
+           agreeUnder(bits->bytes(), network->bytes(), address.bytes());
 }
 
 /// "10.0.0.1", or with a mask, which iptables takes in the same place.
@@ -235,15 +229,16 @@ std::optional<DecidedBy> fixedLine(const Packet& packet) {
 
 bool Decider::inCountries(const std::vector<std::string>& countries, const Address& address) {
     std::vector<std::string> usable;
-    if (countries.empty() || !FW::FW_GEOIP().geoipSanctify(countries, address.is_v6(), usable)) {
+    if (countries.empty() || !FW::FW_GEOIP().geoipSanctify(countries, address.isIpv6(), usable)) {
         return false;
     }
     return std::any_of(usable.begin(), usable.end(), [&](const std::string& country) {
-        const auto key = std::make_pair(country, address.is_v6());
+        const auto key = std::make_pair(country, address.isIpv6());
         const auto [entry, isNew] = countries_.try_emplace(key);
         if (isNew) {
             Json::Value ranges;
-            (void)FW::FW_GEOIP().countryIPGet(country, address.is_v6(), ranges);  // logs for itself
+            // It logs for itself.
+            (void)FW::FW_GEOIP().countryIPGet(country, address.isIpv6(), ranges);
             for (const Json::Value& range : ranges) {
                 if (const auto parsed =
                         rangeFrom(range["ip_begin"].asString(), range["ip_end"].asString())) {
@@ -274,7 +269,7 @@ bool Decider::holdsAddress(const FWRULE& rule, const Address& address) {
 }
 
 Decider::Match Decider::matchesAddress(const FWRULE& rule, const Packet& packet) {
-    if (!hasFamily(rule, packet.source.is_v6())) {
+    if (!hasFamily(rule, packet.source.isIpv6())) {
         return Match::kNo;
     }
     if (rule.ipGroup == FW::kIpAny) {

@@ -14,8 +14,6 @@
 
 #include <json/json.h>
 #include <boost/algorithm/string/join.hpp>
-#include <boost/asio/ip/address_v4.hpp>
-#include <boost/asio/ip/address_v6.hpp>
 
 #include "tarnfirewall/tarnFW.h"
 
@@ -30,17 +28,18 @@ struct AddressListFree {
 };
 
 std::optional<Address> addressOf(const sockaddr* address) {
+    Address::Bytes bytes = {};
     if (address != nullptr && address->sa_family == AF_INET) {
         sockaddr_in v4{};
         std::memcpy(&v4, address, sizeof v4);
-        return boost::asio::ip::address_v4(ntohl(v4.sin_addr.s_addr));
+        std::memcpy(bytes.data(), &v4.sin_addr, sizeof v4.sin_addr);
+        return Address(false, bytes);
     }
     if (address != nullptr && address->sa_family == AF_INET6) {
         sockaddr_in6 v6{};
         std::memcpy(&v6, address, sizeof v6);
-        boost::asio::ip::address_v6::bytes_type bytes;
         std::memcpy(bytes.data(), &v6.sin6_addr, bytes.size());
-        return boost::asio::ip::address_v6(bytes);
+        return Address(true, bytes);
     }
     return std::nullopt;
 }

@@ -201,11 +201,11 @@ void takeWhat(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) 
 
 /// The family that an address belongs to, unless the options speak of the other one.
 std::int32_t familyOf(const Address& address, const std::string& word, const RuleOptions& options) {
-    if (address.is_v4() ? options.v6 : options.v4) {
-        wrong(inQuotes(word) + " is an " + (address.is_v4() ? "IPv4" : "IPv6") + " address: no " +
+    if (address.isIpv6() ? options.v4 : options.v6) {
+        wrong(inQuotes(word) + " is an " + (address.isIpv6() ? "IPv6" : "IPv4") + " address: no " +
               (options.v4 ? "--v4" : "--v6") + " with it");
     }
-    return address.is_v4() ? FW::kIpV4Only : FW::kIpV6Only;
+    return address.isIpv6() ? FW::kIpV6Only : FW::kIpV4Only;
 }
 
 void useNetwork(const std::string& word, const RuleOptions& options, FW::FWRULE& rule) {
@@ -217,11 +217,11 @@ void useNetwork(const std::string& word, const RuleOptions& options, FW::FWRULE&
               " is not a network such as 192.168.1.0/24, 192.168.1.0/255.255.255.0 "
               "or 2001:db8::/64");
     }
-    const int length = *prefixLengthFrom(mask, network->first.is_v6());
+    const int length = *prefixLengthFrom(mask, network->first.isIpv6());
     rule.ipGroup = FW::kIpNetwork;
     rule.ipType = familyOf(network->first, word, options);
     rule.ipList = {spelled(network->first), std::to_string(length)};
-    if (network->first.is_v4()) {
+    if (!network->first.isIpv6()) {
         rule.ipList[1] = spelled(networkFrom("255.255.255.255", std::to_string(length))->first);
     }
 }
@@ -230,7 +230,7 @@ void useRange(const std::string& word, const RuleOptions& options, FW::FWRULE& r
     const std::size_t dash = word.find('-');
     const std::optional<Address> first = addressFrom(word.substr(0, dash));
     const std::optional<Address> last = addressFrom(word.substr(dash + 1));
-    if (!first || !last || first->is_v4() != last->is_v4()) {
+    if (!first || !last || first->isIpv6() != last->isIpv6()) {
         wrong(inQuotes(word) +
               " is not a range of addresses of one family, such as 10.0.0.5-10.0.0.9");
     }

@@ -1,14 +1,37 @@
 /// Addresses as rules and country data have them: single ones, networks, ranges.
 #pragma once
 
+#include <array>
 #include <optional>
 #include <string>
 
-#include <boost/asio/ip/address.hpp>
-
 namespace tarnfw {
 
-using Address = boost::asio::ip::address;
+/// An IPv4 or IPv6 address, without a zone. All IPv4 addresses sort before all of IPv6.
+class Address {
+public:
+    /// In network order; of an IPv4 address the first four, and then zeros.
+    using Bytes = std::array<unsigned char, 16>;
+
+    constexpr Address() = default;  ///< 0.0.0.0
+    constexpr Address(bool ipv6, const Bytes& bytes) : ipv6_(ipv6), bytes_(bytes) {}
+
+    bool isIpv6() const { return ipv6_; }
+    const Bytes& bytes() const { return bytes_; }
+
+    bool operator==(const Address& other) const {
+        return ipv6_ == other.ipv6_ && bytes_ == other.bytes_;
+    }
+    bool operator!=(const Address& other) const { return !(*this == other); }
+    bool operator<(const Address& other) const {
+        return ipv6_ == other.ipv6_ ? bytes_ < other.bytes_ : other.ipv6_;
+    }
+    bool operator<=(const Address& other) const { return !(other < *this); }
+
+private:
+    bool ipv6_ = false;
+    Bytes bytes_ = {};
+};
 
 /// Addresses of one family, both ends included.
 struct AddressRange {
@@ -17,7 +40,7 @@ struct AddressRange {
 
     bool contains(const Address& address) const { return contains({address, address}); }
     bool contains(const AddressRange& other) const {
-        return first.is_v4() == other.first.is_v4() && first <= other.first && other.last <= last;
+        return first.isIpv6() == other.first.isIpv6() && first <= other.first && other.last <= last;
     }
 };
 

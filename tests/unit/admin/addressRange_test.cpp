@@ -10,7 +10,7 @@ namespace tarnfw {
 namespace {
 
 std::string textOf(const std::optional<AddressRange>& range) {
-    return range ? range->first.to_string() + "-" + range->last.to_string() : "none";
+    return range ? spelled(range->first) + "-" + spelled(range->last) : "none";
 }
 
 struct NetworkCase {

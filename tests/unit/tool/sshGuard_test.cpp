@@ -55,8 +55,8 @@ const ValueCase kValues[] = {
 };
 
 std::string told(const std::optional<SshConnection>& connection) {
-    return connection ? connection->client.to_string() + " " + connection->server.to_string() +
-                            " " + std::to_string(connection->serverPort) + " " + connection->zone
+    return connection ? spelled(connection->client) + " " + spelled(connection->server) + " " +
+                            std::to_string(connection->serverPort) + " " + connection->zone
                       : "";
 }
 

@@ -140,7 +140,7 @@ void printDecisions(const Decider& decider, const std::vector<AdapterDecisions>&
 
 void explainSender(const BlockedOptions& options) {
     if (!options.to.empty() &&
-        addressFrom(options.to)->is_v4() != addressFrom(options.from)->is_v4()) {
+        addressFrom(options.to)->isIpv6() != addressFrom(options.from)->isIpv6()) {
         throw CLI::ValidationError("--to", "not of the same family as --from");
     }
     if (options.adapter == FW::kGlobalAdapter) {

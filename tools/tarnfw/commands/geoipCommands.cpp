@@ -52,14 +52,14 @@ std::vector<AddressRange> rangesOf(const std::string& country, bool ipv6) {
 }
 
 std::string textOf(const AddressRange& range) {
-    const std::string first = range.first.to_string();
-    return range.first == range.last ? first : first + "-" + range.last.to_string();
+    const std::string first = spelled(range.first);
+    return range.first == range.last ? first : first + "-" + spelled(range.last);
 }
 
 Json::Value jsonOf(const AddressRange& range) {
     Json::Value entry;
-    entry["first"] = range.first.to_string();
-    entry["last"] = range.last.to_string();
+    entry["first"] = spelled(range.first);
+    entry["last"] = spelled(range.last);
     return entry;
 }
 
@@ -153,7 +153,7 @@ std::vector<Match> matchesOf(const Address& address) {
     std::vector<Match> matches;
     Progress progress("Reading countries", codes.size());
     for (const std::string& code : codes) {
-        const std::vector<AddressRange> ranges = rangesOf(code, address.is_v6());
+        const std::vector<AddressRange> ranges = rangesOf(code, address.isIpv6());
         const auto found =
             std::find_if(ranges.begin(), ranges.end(),
                          [&](const AddressRange& range) { return range.contains(address); });
@@ -171,7 +171,7 @@ void check(const CheckOptions& options) {
     const std::vector<Match> matches = matchesOf(address);
     if (options.json) {
         Json::Value document;
-        document["address"] = address.to_string();
+        document["address"] = spelled(address);
         document["countries"] = Json::Value(Json::arrayValue);
         for (const Match& match : matches) {
             Json::Value entry = jsonOf(match.range);
@@ -180,10 +180,10 @@ void check(const CheckOptions& options) {
         }
         printJson(document);
     } else if (matches.empty()) {
-        std::cout << address.to_string() << " is in no country\n";
+        std::cout << spelled(address) << " is in no country\n";
     } else {
         for (const Match& match : matches) {
-            std::cout << address.to_string() << " is in " << match.country << " ("
+            std::cout << spelled(address) << " is in " << match.country << " ("
                       << textOf(match.range) << ")\n";
         }
     }

@@ -81,7 +81,7 @@ std::optional<SshConnection> sshConnectionFrom(const std::string& value) {
     const std::optional<Address> from = addressWithZone(client, zone);
     const std::optional<Address> to = addressWithZone(server, zone);
     const std::optional<int> port = portFrom(serverPort);
-    if (!from || !to || !port || !portFrom(clientPort) || from->is_v4() != to->is_v4()) {
+    if (!from || !to || !port || !portFrom(clientPort) || from->isIpv6() != to->isIpv6()) {
         return std::nullopt;
     }
     return SshConnection{*from, *to, *port, zone};
