@@ -1,0 +1,284 @@
+#include "cli/parser.h"
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <type_traits>
+#include <utility>
+#include <variant>
+
+#include <CLI/CLI.hpp>
+#include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/trim.hpp>
+
+#include "tarnfwadmin/text.h"
+
+#include "cli/output.h"
+
+namespace tarnfw {
+namespace {
+
+// ---- Help texts ---------------------------------------------------------------------------------
+
+constexpr std::size_t kFileWidth = 80;  // of what goes elsewhere than to a terminal
+constexpr std::size_t kNarrowest = 20;  // of a column of texts
+constexpr std::size_t kWidest = 100;    // longer lines are hard to read
+
+std::size_t lineWidth() {
+    const std::size_t terminal = terminalWidth();
+    return terminal == 0 ? kFileWidth : std::min(terminal, kWidest);
+}
+
+/// The text within the columns after the first `taken` of a line. A line that begins with blanks
+/// is an example, to be copied: it is not wrapped.
+std::string fitted(const std::string& text, std::size_t taken) {
+    const std::size_t width = std::max(lineWidth(), taken + kNarrowest) - taken;
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        if (line.rfind(' ', 0) == 0) {
+            lines.push_back(line);
+            continue;
+        }
+        for (const std::string& part : wrapped(line, width)) {
+            lines.push_back(part);
+        }
+    }
+    return boost::join(lines, "\n");
+}
+
+/// The parser's own layout, with texts wrapped; those of options and commands keep their column.
+class HelpFormat : public CLI::Formatter {
+public:
+    std::string make_description(const CLI::App* app) const override {
+        // A group of options without a text of its own begins with what of them is required.
+        const std::string text = boost::trim_left_copy(CLI::Formatter::make_description(app));
+        return text.empty() ? text : fitted(text, 0) + "\n";
+    }
+
+    std::string make_footer(const CLI::App* app) const override {
+        const std::string footer = fitted(app->get_footer(), 0);
+        return footer.empty() ? footer : footer + "\n";
+    }
+
+    std::string make_option_desc(const CLI::Option* option) const override {
+        return fitted(option->get_description(), get_column_width());
+    }
+
+    std::string make_subcommand(const CLI::App* command) const override {
+        // In a list the first sentence is enough.
+        const std::string text = command->get_description();
+        std::ostringstream out;
+        CLI::detail::format_help(out, command->get_display_name(true),
+                                 fitted(text.substr(0, text.find(". ")), get_column_width()),
+                                 get_column_width());
+        return out.str();
+    }
+};
+
+// ---- The parser ---------------------------------------------------------------------------------
+
+/// Refuses a word that is none of the choices, and names the one that may have been meant.
+CLI::Validator choiceOf(const std::vector<std::string>& choices) {
+    return CLI::Validator(
+        [choices](const std::string& word) -> std::string {
+            if (std::find(choices.begin(), choices.end(), word) != choices.end()) {
+                return {};
+            }
+            // Thrown and not returned: the parser would put the option's name before it.
+            throw UsageError("\"" + word + "\" is none of " + boost::join(choices, ", ") +
+                             didYouMean(nearest(word, choices)));
+        },
+        "{" + boost::join(choices, ",") + "}");
+}
+
+/// The declared commands as the parser knows them.
+class Parser {
+public:
+    explicit Parser(const Command& tool) {
+        root_.name(tool.name());
+        root_.formatter(std::make_shared<HelpFormat>());
+        if (!tool.version().empty()) {
+            root_.set_version_flag("--version", tool.version());
+        }
+        fill(root_, tool);
+    }
+
+    CLI::App& root() { return root_; }
+
+    std::string helpOf(const Command& command) const {
+        const auto found = std::find_if(commands_.begin(), commands_.end(), [&](const auto& entry) {
+            return entry.second == &command;
+        });
+        const CLI::App* const app = found->first;
+        return app->get_formatter()->make_help(app, command.fullName(), CLI::AppFormatMode::Normal);
+    }
+
+    /// What is wrong with the words that the parser has gone through.
+    Refusal refusal(const std::string& message) const {
+        const auto [refusing, extra] = firstExtra(root_);
+        if (!extra.empty()) {
+            return {commands_.at(refusing), extra, {}};
+        }
+        const Command& command = *commands_.at(&deepest(root_));
+        return {&command, {}, inWords(command, message)};
+    }
+
+private:
+    void fill(CLI::App& app, const Command& command) {
+        commands_[&app] = &command;
+        app.description(command.help());
+        if (!command.footer().empty()) {
+            app.footer(command.footer());  // else it keeps its group's
+        }
+        std::map<const Option*, CLI::Option*> added;
+        for (const Option* option : command.options()) {
+            if (CLI::Option* const made = addTo(app, *option); made != nullptr) {
+                added[option] = made;
+            }
+        }
+        for (const auto& [option, made] : added) {
+            for (const Option* other : option->facts().excluded) {
+                made->excludes(added.at(other));
+            }
+            for (const Option* other : option->facts().needed) {
+                made->needs(added.at(other));
+            }
+        }
+        if (command.action()) {
+            app.callback(command.action());
+        }
+        for (const auto& below : command.subcommands()) {
+            CLI::App& made = *app.add_subcommand(below->name());
+            if (below->isHidden()) {
+                made.group("");
+            }
+            fill(made, *below);
+        }
+        if (!command.subcommands().empty()) {
+            app.require_subcommand(1);
+        }
+    }
+
+    /// Where an option goes: to the command, or to the group of this title, made with its first.
+    static CLI::App& groupOf(CLI::App& app, const std::string& title) {
+        if (title.empty()) {
+            return app;
+        }
+        const auto isIt = [&title](const CLI::App* group) {
+            return group->get_name().empty() && group->get_group() == title;
+        };
+        const std::vector<CLI::App*> groups =
+            app.get_subcommands([&isIt](const CLI::App* group) { return isIt(group); });
+        if (!groups.empty()) {
+            return *groups.front();
+        }
+        CLI::App& group = *app.add_option_group(title);
+        group.require_option(1);
+        return group;
+    }
+
+    /// Null for an option that the parser has by itself.
+    static CLI::Option* addTo(CLI::App& app, const Option& option) {
+        const Option::Facts& facts = option.facts();
+        CLI::Option* const made = std::visit(
+            [&](auto target) -> CLI::Option* {
+                using Target = decltype(target);
+                if constexpr (std::is_same_v<Target, std::monostate>) {
+                    return nullptr;
+                } else if constexpr (std::is_same_v<Target, bool*>) {
+                    return groupOf(app, facts.oneOf).add_flag(facts.name, *target, facts.help);
+                } else {
+                    return groupOf(app, facts.oneOf).add_option(facts.name, *target, facts.help);
+                }
+            },
+            facts.target);
+        if (made == nullptr) {
+            return made;
+        }
+        if (facts.placeholder) {
+            made->type_name(*facts.placeholder);
+        }
+        if (!facts.choices.empty()) {
+            made->check(choiceOf(facts.choices));
+        }
+        if (facts.range) {
+            made->check(CLI::Range(facts.range->first, facts.range->second));
+        }
+        if (facts.check) {
+            made->check(facts.check);
+        }
+        made->required(facts.required);
+        if (facts.showsDefault) {
+            made->capture_default_str();
+        }
+        if (facts.oneValueEach) {
+            made->allow_extra_args(false);
+        }
+        return made;
+    }
+
+    /// The command that the words were for, as far as they name one.
+    static const CLI::App& deepest(const CLI::App& app) {
+        const std::vector<CLI::App*> parsed = app.get_subcommands();
+        return parsed.empty() ? app : deepest(*parsed.front());
+    }
+
+    /// The command among those on the way to the deepest that did not take a word, and the word.
+    static std::pair<const CLI::App*, std::string> firstExtra(const CLI::App& app) {
+        const std::vector<std::string> extras = app.remaining();
+        if (!extras.empty()) {
+            return {&app, extras.front()};
+        }
+        const std::vector<CLI::App*> parsed = app.get_subcommands();
+        return parsed.empty() ? std::make_pair(&app, std::string()) : firstExtra(*parsed.front());
+    }
+
+    /// What a message of the parser means, where its own words are not plain.
+    static std::string inWords(const Command& command, const std::string& message) {
+        std::vector<std::string> needed;
+        if (message.find(" 1 option from [") != std::string::npos) {
+            for (const Option* option : command.options()) {
+                if (!option->facts().oneOf.empty()) {
+                    needed.push_back(option->facts().name);
+                }
+            }
+        } else if (message == "A subcommand is required") {
+            needed = command.shownNames();
+        }
+        return needed.empty()
+                   ? message
+                   : "\"" + command.fullName() + "\" needs one of " + boost::join(needed, ", ");
+    }
+
+    CLI::App root_;
+    std::map<const CLI::App*, const Command*> commands_;
+};
+
+const Command& rootOf(const Command& command) {
+    return command.parent() == nullptr ? command : rootOf(*command.parent());
+}
+
+}  // namespace
+
+std::optional<Refusal> runCommandLine(const Command& tool, const std::vector<std::string>& words) {
+    Parser parser(tool);
+    try {
+        // The parser wants them from the last to the first.
+        parser.root().parse(std::vector<std::string>(words.rbegin(), words.rend()));
+    } catch (const CLI::Success& answered) {  // help, or the version
+        (void)parser.root().exit(answered);
+    } catch (const CLI::ParseError& error) {
+        return parser.refusal(error.what());
+    } catch (const UsageError& error) {
+        return parser.refusal(error.what());
+    }
+    return std::nullopt;
+}
+
+std::string helpText(const Command& command) {
+    return Parser(rootOf(command)).helpOf(command);
+}
+
+}  // namespace tarnfw
