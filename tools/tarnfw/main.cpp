@@ -9,36 +9,32 @@
 #include <cstring>
 #include <exception>
 #include <iostream>
-#include <memory>
-
-#include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
 
 #include "cli/command.h"
-#include "cli/helpFormat.h"
+#include "cli/parser.h"
 #include "cli/usage.h"
 #include "commands/commands.h"
 
 namespace {
 
 int run(int argc, char** argv) {
-    CLI::App app(
+    tarnfw::Command tool(
+        "tarnfw",
         "Manages the host firewall: profiles of rules, kept on disk and applied to the "
         "kernel's packet filter.");
-    app.name("tarnfw");
-    app.formatter(std::make_shared<tarnfw::HelpFormat>());
-    app.require_subcommand(1);
-    app.set_version_flag("--version", TARNFW_VERSION);
-    app.footer("A first start: \"tarnfw base up\", then \"tarnfw enable\".");
-    tarnfw::addCommands(app);
+    tool.version(TARNFW_VERSION);
+    tool.footer("A first start: \"tarnfw base up\", then \"tarnfw enable\".");
+    tarnfw::addCommands(tool);
+    const std::vector<std::string> words(argv + 1, argv + argc);
     try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& answered) {  // help, or the version
-        return app.exit(answered);
-    } catch (const CLI::RuntimeError& ended) {
-        return ended.get_exit_code();
-    } catch (const CLI::ParseError& error) {
-        std::cerr << tarnfw::wrongUsage(app, error, {argv + 1, argv + argc});
-        return tarnfw::kExitUsage;
+        if (const auto refusal = tarnfw::runCommandLine(tool, words)) {
+            std::cerr << tarnfw::wrongUsage(tool, *refusal, words);
+            return tarnfw::kExitUsage;
+        }
+    } catch (const tarnfw::CommandEnded& ended) {
+        return ended.status();
     }
     return 0;
 }
@@ -83,9 +79,6 @@ int main(int argc, char** argv) {
     } catch (const tarnfw::Error& failure) {
         std::cerr << "tarnfw: " << failure.what() << '\n';
         return tarnfw::exitStatusOf(failure.kind());
-    } catch (const tarnfw::UsageError& failure) {
-        std::cerr << "tarnfw: " << failure.what() << '\n';
-        return tarnfw::kExitUsage;
     } catch (const std::exception& error) {
         std::cerr << "tarnfw: " << tarnfw::reasonOf(error) << '\n';
     }

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <CLI/CLI.hpp>
 
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/ruleText.h"

@@ -6,7 +6,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <CLI/CLI.hpp>
 
 namespace tarnfw {
 namespace {
@@ -20,29 +19,28 @@ using Texts = std::vector<std::string>;
 class CompletionTest : public ::testing::Test {
 protected:
     CompletionTest() {
-        app_.name("tarnfw");
-        CLI::App* const profile = app_.add_subcommand("profile", "");
-        CLI::App* const show = profile->add_subcommand("show", "");
-        show->add_option("NAME", text_);
-        show->add_flag("--json", flag_);
-        CLI::App* const create = profile->add_subcommand("create", "");
-        create->add_option("NAME", text_);
-        create->add_option("--from", text_);
-        CLI::App* const add = app_.add_subcommand("rule", "")->add_subcommand("add", "");
-        add->add_option("POSITION", number_);
-        add->add_option("WORDS", texts_);
-        add->add_option("--adapter", text_);
-        add->add_option("--profile", text_);
-        add->add_option("--label", texts_)->allow_extra_args(false);
-        CLI::App* const policy = app_.add_subcommand("policy", "");
-        policy->add_option("ADAPTER", text_);
-        policy->add_option("POLICY", text_)->check(CLI::IsMember({"allow", "deny", "none"}));
-        CLI::App* const blocked = app_.add_subcommand("blocked", "");
-        blocked->add_option_group("group")->add_option("--service", text_);
-        app_.add_subcommand("check", "")->add_option("FILE|PROFILE", text_);
-        app_.add_subcommand("geoip", "")->add_subcommand("show", "")->add_option("COUNTRY", text_);
-        app_.add_subcommand("help", "")->add_option("TOPIC", texts_);
-        app_.add_subcommand("secret", "")->group("");
+        Command& profile = tool_.subcommand("profile", "");
+        Command& show = profile.subcommand("show", "");
+        show.option("NAME", text_, "");
+        show.flag("--json", flag_, "");
+        Command& create = profile.subcommand("create", "");
+        create.option("NAME", text_, "");
+        create.option("--from", text_, "");
+        Command& add = tool_.subcommand("rule", "").subcommand("add", "");
+        add.option("POSITION", number_, "");
+        add.option("WORDS", texts_, "");
+        add.option("--adapter", text_, "");
+        add.option("--profile", text_, "");
+        add.option("--label", texts_, "").oneValueEach();
+        Command& policy = tool_.subcommand("policy", "");
+        policy.option("ADAPTER", text_, "");
+        policy.option("POLICY", text_, "").choices({"allow", "deny", "none"});
+        Command& blocked = tool_.subcommand("blocked", "");
+        blocked.option("--service", text_, "").exactlyOneOf("group");
+        tool_.subcommand("check", "").option("FILE|PROFILE", text_, "");
+        tool_.subcommand("geoip", "").subcommand("show", "").option("COUNTRY", text_, "");
+        tool_.subcommand("help", "").option("TOPIC", texts_, "");
+        tool_.subcommand("secret", "").hide();
     }
 
     /// What fits in the place of the last word.
@@ -53,7 +51,7 @@ protected:
         names.services = [] { return Texts{"http", "https", "ssh"}; };
         names.countries = [] { return Texts{"CN", "DE"}; };
         names.topics = [] { return Texts{"profiles", "rules"}; };
-        return complete(app_, line, names);
+        return complete(tool_, line, names);
     }
 
     Texts words(const Texts& line) const {
@@ -62,7 +60,7 @@ protected:
         return found.words;
     }
 
-    CLI::App app_;
+    Command tool_{"tarnfw", ""};
     std::string text_;
     Texts texts_;
     int number_ = 0;
@@ -92,6 +90,7 @@ TEST_F(CompletionTest, OptionsThatHaveNotBeenGiven) {
     EXPECT_THAT(words({"profile", "show", "x", "--j"}), ElementsAre("--json"));
     EXPECT_THAT(words({"rule", "add", "--label", "a", "--l"}), ElementsAre("--label"));
     EXPECT_THAT(words({"blocked", "--s"}), ElementsAre("--service"));
+    EXPECT_THAT(words({"profile", "show", "-h", "--"}), ElementsAre("--json"));
     EXPECT_THAT(words({"profile", "show", "--", "--j"}), IsEmpty());
 }
 

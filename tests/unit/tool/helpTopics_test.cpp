@@ -7,7 +7,6 @@
 #include <string>
 
 #include <gtest/gtest.h>
-#include <CLI/CLI.hpp>
 
 #include "commands/commands.h"
 
@@ -34,27 +33,22 @@ TEST(HelpTopicsTest, FitATerminal) {
 
 /// The command that the words behind "tarnfw" begin with; null when they do not name one to its
 /// end.
-const CLI::App* commandIn(const CLI::App& app, const std::string& words) {
-    const CLI::App* command = &app;
+const Command* commandIn(const Command& tool, const std::string& words) {
+    const Command* command = &tool;
     std::istringstream stream(words);
     for (std::string word; stream >> word;) {
-        const auto commands = command->get_subcommands([](const CLI::App*) { return true; });
-        const auto found = std::find_if(commands.begin(), commands.end(), [&](const CLI::App* sub) {
-            return sub->get_name() == word;
-        });
-        if (found == commands.end()) {
+        const Command* const next = command->shown(word);
+        if (next == nullptr) {
             break;
         }
-        command = *found;
+        command = next;
     }
-    const auto groups =
-        command->get_subcommands([](const CLI::App* sub) { return !sub->get_name().empty(); });
-    return command != &app && groups.empty() ? command : nullptr;
+    return command != &tool && command->subcommands().empty() ? command : nullptr;
 }
 
 TEST(HelpTopicsTest, NameCommandsThatThereAre) {
-    CLI::App app;
-    addCommands(app);
+    Command tool("tarnfw", "");
+    addCommands(tool);
     const std::regex call("tarnfw +([a-z][a-z-]*(?: +[a-z][a-z-]*)*)");
     std::size_t calls = 0;
     for (const HelpTopic& topic : helpTopics()) {
@@ -62,15 +56,15 @@ TEST(HelpTopicsTest, NameCommandsThatThereAre) {
         const std::string text = std::regex_replace(topic.text, std::regex("\n"), " ");
         for (std::sregex_iterator found(text.begin(), text.end(), call), end; found != end;
              ++found, ++calls) {
-            EXPECT_NE(commandIn(app, (*found)[1]), nullptr) << topic.name << ": " << found->str();
+            EXPECT_NE(commandIn(tool, (*found)[1]), nullptr) << topic.name << ": " << found->str();
         }
     }
     EXPECT_GT(calls, helpTopics().size());
 }
 
 TEST(HelpTopicsTest, PointToTopicsThatThereAre) {
-    CLI::App app;
-    addCommands(app);
+    Command tool("tarnfw", "");
+    addCommands(tool);
     const std::regex pointer("\"tarnfw help ([a-z -]+)\"");
     for (const HelpTopic& topic : helpTopics()) {
         const std::string text = std::regex_replace(topic.text, std::regex("\n"), " ");
@@ -80,7 +74,7 @@ TEST(HelpTopicsTest, PointToTopicsThatThereAre) {
             const bool isTopic =
                 std::any_of(helpTopics().begin(), helpTopics().end(),
                             [&](const HelpTopic& other) { return name == other.name; });
-            EXPECT_TRUE(isTopic || commandIn(app, name) != nullptr) << topic.name << ": " << name;
+            EXPECT_TRUE(isTopic || commandIn(tool, name) != nullptr) << topic.name << ": " << name;
         }
     }
 }

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <CLI/CLI.hpp>
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
 
@@ -14,30 +13,25 @@ namespace {
 
 /// What is said of these words.
 std::string refusal(const std::string& words) {
-    CLI::App app;
-    app.name("tarnfw");
-    app.require_subcommand(1);
-    app.add_subcommand("status", "")->add_flag("--json");
-    CLI::App* const profile = app.add_subcommand("profile", "");
-    profile->require_subcommand(1);
+    Command tool("tarnfw", "");
+    bool flag = false;
+    tool.subcommand("status", "").flag("--json", flag, "");
+    Command& profile = tool.subcommand("profile", "");
     std::string name;
-    profile->add_subcommand("show", "")->add_option("NAME", name)->required();
-    profile->add_subcommand("secret", "")->group("");
+    profile.subcommand("show", "").option("NAME", name, "").required();
+    profile.subcommand("secret", "").hide();
     std::string word;
-    app.add_subcommand("policy", "")
-        ->add_option("POLICY", word)
-        ->check(CLI::IsMember({"allow", "deny"}));
-    CLI::Option_group* const subject = app.add_subcommand("blocked", "")->add_option_group("What");
-    subject->add_option("--port", word);
-    subject->add_option("--service", word);
-    subject->require_option(1);
-    app.add_subcommand("rule", "")->require_subcommand(1)->add_subcommand("add", "");
-    try {
-        app.parse(words);
-    } catch (const CLI::ParseError& error) {
-        std::vector<std::string> list;
+    tool.subcommand("policy", "").option("POLICY", word, "").choices({"allow", "deny"});
+    Command& blocked = tool.subcommand("blocked", "");
+    blocked.option("--port", word, "").exactlyOneOf("What");
+    blocked.option("--service", word, "").exactlyOneOf("What");
+    tool.subcommand("rule", "").subcommand("add", "");
+    std::vector<std::string> list;
+    if (!words.empty()) {
         boost::split(list, words, boost::is_any_of(" "));
-        return wrongUsage(app, error, list);
+    }
+    if (const auto refusal = runCommandLine(tool, list)) {
+        return wrongUsage(tool, *refusal, list);
     }
     return "accepted";
 }

@@ -4,8 +4,6 @@
 
 #include <iostream>
 
-#include <CLI/CLI.hpp>
-
 namespace tarnfw {
 
 ExitStatus exitStatusOf(ErrorKind kind) {
@@ -24,11 +22,11 @@ ExitStatus exitStatusOf(ErrorKind kind) {
 }
 
 void endWith(ExitStatus status) {
-    throw CLI::RuntimeError(status);
+    throw CommandEnded(status);
 }
 
-void addJsonFlag(CLI::App& command, bool& json) {
-    command.add_flag("--json", json, "Print one JSON document instead of text");
+void addJsonFlag(Command& command, bool& json) {
+    command.flag("--json", json, "Print one JSON document instead of text");
 }
 
 void requireRoot() {

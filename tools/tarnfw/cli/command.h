@@ -1,12 +1,12 @@
 /// What every command shares: how it ends, what it takes, and what it asks.
 #pragma once
 
-#include <stdexcept>
+#include <exception>
 #include <string>
 
 #include "tarnfwadmin/error.h"
 
-#include "cli/cliFwd.h"
+#include "cli/commandLine.h"
 
 namespace tarnfw {
 
@@ -19,20 +19,25 @@ enum ExitStatus : int {
     kExitBlocked = 10,  ///< "blocked": blocked or mixed somewhere; "diff": not as it should be
 };
 
-/// Wrong usage that parsing does not see. The text says what was wrong.
-class UsageError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
 /// The exit status of a command that failed in this way.
 ExitStatus exitStatusOf(ErrorKind kind);
+
+/// Thrown by endWith(); main() ends the process with the status.
+class CommandEnded : public std::exception {
+public:
+    explicit CommandEnded(ExitStatus status) : status_(status) {}
+    ExitStatus status() const { return status_; }
+    const char* what() const noexcept override { return "the command has ended"; }
+
+private:
+    ExitStatus status_;
+};
 
 /// Ends a command that has said all it had to say with an exit status of its own.
 [[noreturn]] void endWith(ExitStatus status);
 
 /// Adds "--json" to a command that reads: one JSON document instead of text.
-void addJsonFlag(CLI::App& command, bool& json);
+void addJsonFlag(Command& command, bool& json);
 
 /// Refuses to go on without root's rights. For reading commands, too: reading a profile takes its
 /// lock, and lock files must be root's.

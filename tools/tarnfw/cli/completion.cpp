@@ -5,7 +5,6 @@
 #include <set>
 #include <utility>
 
-#include <CLI/CLI.hpp>
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
@@ -73,62 +72,19 @@ Kind kindOf(const std::string& command, const std::string& option) {
     return found == std::end(kKinds) ? Kind::kText : found->kind;
 }
 
-// ---- The tree of commands ----
+// ---- Options ----
 
-bool isShown(const CLI::App* command) {
-    return !command->get_name().empty() && !command->get_group().empty();
-}
-
-const CLI::App* subcommand(const CLI::App& app, const std::string& name) {
-    for (const CLI::App* command : app.get_subcommands(isShown)) {
-        if (command->get_name() == name) {
-            return command;
-        }
-    }
-    return nullptr;
-}
-
-/// Those of the option groups as well, which are commands without a name.
-std::vector<const CLI::Option*> optionsOf(const CLI::App& app) {
-    std::vector<const CLI::Option*> options = app.get_options();
-    const auto isGroup = [](const CLI::App* group) { return group->get_name().empty(); };
-    for (const CLI::App* group : app.get_subcommands(isGroup)) {
-        const std::vector<const CLI::Option*> more = optionsOf(*group);
-        options.insert(options.end(), more.begin(), more.end());
-    }
-    return options;
-}
-
-const CLI::Option* optionNamed(const CLI::App& app, const std::string& name) {
-    for (const CLI::Option* option : optionsOf(app)) {
-        if (option->nonpositional() && option->check_name(name)) {
+const Option* optionNamed(const Command& command, const std::string& name) {
+    for (const Option* option : command.options()) {
+        if (!option->isPositional() && option->facts().name == (name == "-h" ? "--help" : name)) {
             return option;
         }
     }
     return nullptr;
 }
 
-bool takesValue(const CLI::Option& option) {
-    return option.get_items_expected_max() > 0;
-}
-
-/// What the option is called in the table.
-std::string nameOf(const CLI::Option& option) {
-    return option.get_positional() ? option.get_name(/*positional=*/true)
-                                   : "--" + option.get_single_name();
-}
-
-/// The words of an option that takes one of a few; they stand in its type as "{lines,json}".
-Texts choicesOf(const CLI::Option& option) {
-    const std::string type = option.get_type_name();
-    const std::size_t open = type.find('{');
-    const std::size_t close = type.find('}', open);
-    Texts choices;
-    if (open != std::string::npos && close != std::string::npos) {
-        const std::string list = type.substr(open + 1, close - open - 1);
-        boost::split(choices, list, boost::is_any_of(","));
-    }
-    return choices;
+bool takesValue(const Option& option) {
+    return option.mostValues() > 0;
 }
 
 // ---- The words of a rule ----
@@ -181,17 +137,17 @@ Texts ruleWords(const Texts& before, const std::string& current, const Completio
 
 /// How far the finished words have come.
 struct Place {
-    const CLI::App* command = nullptr;
-    std::string path;                      ///< the command's words: "rule add"
-    const CLI::Option* waiting = nullptr;  ///< has been named, its value comes next
-    std::set<const CLI::Option*> given;
+    const Command* command = nullptr;
+    std::string path;                 ///< the command's words: "rule add"
+    const Option* waiting = nullptr;  ///< has been named, its value comes next
+    std::set<const Option*> given;
     Texts taken;  ///< words that are neither commands nor options
     bool onlyWords = false;
 };
 
 void takeOption(Place& place, const std::string& word) {
     const std::size_t equals = word.find('=');
-    const CLI::Option* const option = optionNamed(*place.command, word.substr(0, equals));
+    const Option* const option = optionNamed(*place.command, word.substr(0, equals));
     place.given.insert(option);
     if (option != nullptr && takesValue(*option) && equals == std::string::npos) {
         place.waiting = option;
@@ -205,8 +161,8 @@ void take(Place& place, const std::string& word) {
         place.onlyWords = true;
     } else if (!place.onlyWords && boost::starts_with(word, "-")) {
         takeOption(place, word);
-    } else if (const CLI::App* const next =
-                   place.taken.empty() ? subcommand(*place.command, word) : nullptr) {
+    } else if (const Command* const next =
+                   place.taken.empty() ? place.command->shown(word) : nullptr) {
         place.command = next;
         place.path.append(place.path.empty() ? "" : " ").append(word);
         place.given.clear();
@@ -217,46 +173,38 @@ void take(Place& place, const std::string& word) {
 
 /// Where the next word belongs, if it is neither a command nor an option.
 struct Next {
-    const CLI::Option* positional = nullptr;
+    const Option* positional = nullptr;
     Texts before;          ///< the words that this positional has already
     bool surplus = false;  ///< there were words before that nothing takes
 };
 
 Next nextOf(const Place& place) {
     auto first = place.taken.begin();
-    for (const CLI::Option* option : optionsOf(*place.command)) {
-        if (!option->get_positional()) {
+    for (const Option* option : place.command->options()) {
+        if (!option->isPositional()) {
             continue;
         }
-        const auto left = std::distance(first, place.taken.end());
-        if (left < option->get_items_expected_max()) {
+        const auto left = static_cast<std::size_t>(std::distance(first, place.taken.end()));
+        if (left < option->mostValues()) {
             return {option, Texts(first, place.taken.end()), false};
         }
-        std::advance(first, option->get_items_expected_max());
+        std::advance(first, option->mostValues());
     }
     return {nullptr, {}, first != place.taken.end()};
 }
 
 // ---- What fits ----
 
-Texts commandNames(const CLI::App& app) {
-    Texts names;
-    for (const CLI::App* command : app.get_subcommands(isShown)) {
-        names.push_back(command->get_name());
-    }
-    return names;
-}
-
 /// The topics, or the commands of those that are named already.
-Texts topics(const CLI::App& app, const Texts& before, const CompletionNames& names) {
-    const CLI::App* group = &app;
+Texts topics(const Command& tool, const Texts& before, const CompletionNames& names) {
+    const Command* group = &tool;
     for (const std::string& word : before) {
-        group = subcommand(*group, word);
+        group = group->shown(word);
         if (group == nullptr) {
             return {};
         }
     }
-    Texts words = commandNames(*group);
+    Texts words = group->shownNames();
     if (before.empty()) {
         const Texts more = names.topics();
         words.insert(words.end(), more.begin(), more.end());
@@ -267,13 +215,10 @@ Texts topics(const CLI::App& app, const Texts& before, const CompletionNames& na
 /// Options that have not been given; of those that may be given again, all.
 Texts optionNames(const Place& place) {
     Texts names;
-    for (const CLI::Option* option : optionsOf(*place.command)) {
-        const bool again = option->get_items_expected_max() > 1;
-        if (option->get_group().empty() || (place.given.count(option) > 0 && !again)) {
-            continue;
-        }
-        for (const std::string& name : option->get_lnames()) {
-            names.push_back("--" + name);
+    for (const Option* option : place.command->options()) {
+        const bool again = option->mostValues() > 1;
+        if (!option->isPositional() && (place.given.count(option) == 0 || again)) {
+            names.push_back(option->facts().name);
         }
     }
     return names;
@@ -281,7 +226,7 @@ Texts optionNames(const Place& place) {
 
 class Line {
 public:
-    Line(const CLI::App& app, const CompletionNames& names) : app_(app), names_(names) {}
+    Line(const Command& tool, const CompletionNames& names) : tool_(tool), names_(names) {}
 
     Completion fitting(const Place& place, const std::string& current) const {
         if (place.waiting != nullptr) {
@@ -291,7 +236,7 @@ public:
             return afterDash(place, current);
         }
         if (place.taken.empty()) {
-            const Texts commands = commandNames(*place.command);
+            const Texts commands = place.command->shownNames();
             if (!commands.empty()) {
                 return {commands};
             }
@@ -305,11 +250,11 @@ public:
     }
 
 private:
-    Completion valuesOf(const CLI::Option& option, const Place& place, const Texts& before,
+    Completion valuesOf(const Option& option, const Place& place, const Texts& before,
                         const std::string& current) const {
-        switch (kindOf(place.path, nameOf(option))) {
+        switch (kindOf(place.path, option.facts().name)) {
             case Kind::kText:
-                return {choicesOf(option)};
+                return {option.facts().choices};
             case Kind::kProfile:
                 return {names_.profiles()};
             case Kind::kAdapter:
@@ -325,7 +270,7 @@ private:
             case Kind::kRuleWords:
                 return {ruleWords(before, current, names_)};
             case Kind::kTopic:
-                return {topics(app_, before, names_)};
+                return {topics(tool_, before, names_)};
         }
         return {};
     }
@@ -336,7 +281,7 @@ private:
         if (equals == std::string::npos) {
             return {optionNames(place)};
         }
-        const CLI::Option* const option = optionNamed(*place.command, current.substr(0, equals));
+        const Option* const option = optionNamed(*place.command, current.substr(0, equals));
         if (option == nullptr || !takesValue(*option)) {
             return {};
         }
@@ -347,7 +292,7 @@ private:
         return fits;
     }
 
-    const CLI::App& app_;
+    const Command& tool_;
     const CompletionNames& names_;
 };
 
@@ -361,15 +306,15 @@ bool hasControl(const std::string& word) {
 
 }  // namespace
 
-Completion complete(const CLI::App& app, const std::vector<std::string>& line,
+Completion complete(const Command& tool, const std::vector<std::string>& line,
                     const CompletionNames& names) {
     const std::string current = line.empty() ? "" : line.back();
     Place place;
-    place.command = &app;
+    place.command = &tool;
     for (std::size_t i = 0; i + 1 < line.size(); ++i) {
         take(place, line[i]);
     }
-    Completion fits = Line(app, names).fitting(place, current);
+    Completion fits = Line(tool, names).fitting(place, current);
     Texts words;
     for (const std::string& word : fits.words) {
         if (boost::starts_with(word, current) && !hasControl(word) && !isOneOf(word, words)) {

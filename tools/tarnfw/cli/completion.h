@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/cliFwd.h"
+#include "cli/commandLine.h"
 
 namespace tarnfw {
 
@@ -27,7 +27,7 @@ struct Completion {
 
 /// `line` is what stands behind the tool's name; its last word is the one being typed, and may be
 /// empty. Nothing fits behind words that no command takes.
-Completion complete(const CLI::App& app, const std::vector<std::string>& line,
+Completion complete(const Command& tool, const std::vector<std::string>& line,
                     const CompletionNames& names);
 
 }  // namespace tarnfw

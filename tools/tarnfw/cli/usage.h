@@ -4,13 +4,13 @@
 #include <string>
 #include <vector>
 
-#include "cli/cliFwd.h"
+#include "cli/parser.h"
 
 namespace tarnfw {
 
-/// Two or three lines about the command line `words` that `app` refused: what was wrong with it,
-/// the right command where one is near, and how to find out more.
-std::string wrongUsage(const CLI::App& app, const CLI::ParseError& error,
+/// Two or three lines about the command line `words` that was refused: what was wrong with it, the
+/// right command where one is near, and how to find out more.
+std::string wrongUsage(const Command& tool, const Refusal& refusal,
                        const std::vector<std::string>& words);
 
 }  // namespace tarnfw

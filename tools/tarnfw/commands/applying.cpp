@@ -4,11 +4,10 @@
 #include <iostream>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
 #include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/sshGuard.h"
 #include "process/wholeRun.h"
@@ -38,9 +37,9 @@ std::string errorsText(const FW::FWPROFILE& profile) {
 
 }  // namespace
 
-void addReloadFlag(CLI::App& command, ReloadOptions& options, const char* yesHelp) {
-    command.add_flag("--reload", options.wanted, "Apply the active profile afterwards");
-    command.add_flag("--yes", options.yes, yesHelp);
+void addReloadFlag(Command& command, ReloadOptions& options, const char* yesHelp) {
+    command.flag("--reload", options.wanted, "Apply the active profile afterwards");
+    command.flag("--yes", options.yes, yesHelp);
 }
 
 void requireSound(const FW::FWPROFILE& profile) {

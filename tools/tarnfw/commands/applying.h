@@ -5,7 +5,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-#include "cli/cliFwd.h"
+#include "cli/commandLine.h"
 
 namespace tarnfw {
 
@@ -17,7 +17,7 @@ struct ReloadOptions {
 
 /// Adds "--reload" and "--yes" to a command that changes profiles. `yesHelp` is for one that has
 /// more to ask.
-void addReloadFlag(CLI::App& command, ReloadOptions& options,
+void addReloadFlag(Command& command, ReloadOptions& options,
                    const char* yesHelp = "With --reload: do not ask when that would keep you out");
 
 // ---- Before a change ----

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 
 #include "tarncore.h"
 
@@ -14,6 +13,7 @@
 #include "tarnfirewall/utils.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
 #include "tarnfwadmin/baseFilter.h"
@@ -231,26 +231,23 @@ void baseStatus(bool json) {
 
 }  // namespace
 
-void addBaseCommands(CLI::App& app) {
-    CLI::App* const base = app.add_subcommand(
+void addBaseCommands(Command& app) {
+    Command& base = app.subcommand(
         "base",
         "The chains that the firewall fills, on a machine that does not set them up itself");
-    base->require_subcommand(1);
-    base->add_subcommand(
-            "up",
-            "Add what is missing of the chains INPUT_FIREWALL, FORWARD_FIREWALL and "
-            "FIREWALL_RELOADING and of the jumps to them, for IPv4 and IPv6, and write "
-            "a first profile and settings where there are none")
-        ->callback(baseUp);
-    base->add_subcommand("down",
-                         "Take away the chains and jumps that \"base up\" added, and nothing else; "
-                         "profiles stay")
-        ->callback(baseDown);
-    CLI::App* const status =
-        base->add_subcommand("status", "Say what is there and what is missing");
+    base.subcommand("up",
+                    "Add what is missing of the chains INPUT_FIREWALL, FORWARD_FIREWALL and "
+                    "FIREWALL_RELOADING and of the jumps to them, for IPv4 and IPv6, and write "
+                    "a first profile and settings where there are none")
+        .run(baseUp);
+    base.subcommand("down",
+                    "Take away the chains and jumps that \"base up\" added, and nothing else; "
+                    "profiles stay")
+        .run(baseDown);
+    Command& status = base.subcommand("status", "Say what is there and what is missing");
     const auto json = std::make_shared<bool>(false);
-    addJsonFlag(*status, *json);
-    status->callback([json] { baseStatus(*json); });
+    addJsonFlag(status, *json);
+    status.run([json] { baseStatus(*json); });
 }
 
 }  // namespace tarnfw

@@ -5,11 +5,11 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 
 #include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/blockedOptions.h"
 #include "commands/commands.h"
@@ -213,41 +213,36 @@ constexpr char kFooter[] =
     "lets through what nothing decides. The stored rules of the active profile are evaluated; "
     "a disabled firewall blocks nothing.";
 
-/// Takes an address; the other end has to be of the same family.
-CLI::Validator addressValidator() {
-    return CLI::Validator(
-        [](std::string& text) {
-            return addressFrom(text) ? std::string() : inQuotes(text) + " is no address";
-        },
-        "");
+/// What is wrong with an address; empty when nothing is.
+std::string addressComplaint(const std::string& text) {
+    return addressFrom(text) ? std::string() : inQuotes(text) + " is no address";
 }
 
-void addBlocked(CLI::App& app) {
-    CLI::App* const command = app.add_subcommand(
+void addBlocked(Command& app) {
+    Command& command = app.subcommand(
         "blocked", "Say whether a port or a service gets through, adapter by adapter");
     const auto options = std::make_shared<BlockedOptions>();
-    addBlockedOptions(*command, *options);
-    command->footer(kFooter);
-    command->callback([options] { blocked(*options); });
+    addBlockedOptions(command, *options);
+    command.footer(kFooter);
+    command.run([options] { blocked(*options); });
 }
 
-void addExplain(CLI::App& app) {
-    CLI::App* const command =
-        app.add_subcommand("explain", "Answer the same with the rules that led there");
+void addExplain(Command& app) {
+    Command& command = app.subcommand("explain", "Answer the same with the rules that led there");
     const auto options = std::make_shared<BlockedOptions>();
-    addBlockedOptions(*command, *options);
-    CLI::Option* const from =
-        command->add_option("--from", options->from, "Name the one rule that decides for a sender")
-            ->check(addressValidator());
-    command->add_option("--to", options->to, "The machine's address that the sender uses")
-        ->check(addressValidator())
-        ->needs(from);
-    command->footer(std::string(kFooter) +
-                    "\nWith --from, rules are gone through as the kernel does; country rules count "
-                    "as in a kernel that has the \"geoip\" match. Where source port or --to would "
-                    "matter, \"unless\" says so.\n"
-                    "Example: tarnfw explain --port tcp/20-25 --adapter eth0 --from 192.168.1.20");
-    command->callback([options] {
+    addBlockedOptions(command, *options);
+    Option& from =
+        command.option("--from", options->from, "Name the one rule that decides for a sender")
+            .check(addressComplaint);
+    command.option("--to", options->to, "The machine's address that the sender uses")
+        .check(addressComplaint)
+        .needs(from);
+    command.footer(std::string(kFooter) +
+                   "\nWith --from, rules are gone through as the kernel does; country rules count "
+                   "as in a kernel that has the \"geoip\" match. Where source port or --to would "
+                   "matter, \"unless\" says so.\n"
+                   "Example: tarnfw explain --port tcp/20-25 --adapter eth0 --from 192.168.1.20");
+    command.run([options] {
         requireRoot();
         if (options->from.empty()) {
             explain(*options);
@@ -259,7 +254,7 @@ void addExplain(CLI::App& app) {
 
 }  // namespace
 
-void addBlockedCommands(CLI::App& app) {
+void addBlockedCommands(Command& app) {
     addBlocked(app);
     addExplain(app);
 }

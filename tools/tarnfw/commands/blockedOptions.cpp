@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <iostream>
 
-#include <CLI/CLI.hpp>
-
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "fwCodes.h"
 #include "tarnfwadmin/catalogue.h"
@@ -45,19 +44,18 @@ std::string subjectText(const BlockedOptions& options,
 
 }  // namespace
 
-void addBlockedOptions(CLI::App& command, BlockedOptions& options) {
-    CLI::Option_group* const subject = command.add_option_group("What is asked about");
-    subject->add_option("--service", options.service, "A service of the catalogue, such as ssh");
-    subject->add_option("--port", options.port, "Ports: tcp/22, udp/5000-5010, both/53, tcp+udp/53")
-        ->check(CLI::Validator(
-            [](std::string& text) {
-                FW::PortCompareST question{};
-                return portQuestionFrom(text, question);
-            },
-            ""));
-    subject->require_option(1);
-    command.add_option("--adapter", options.adapter,
-                       "One adapter; all of the profile and the machine when left out");
+void addBlockedOptions(Command& command, BlockedOptions& options) {
+    constexpr char kSubject[] = "What is asked about";
+    command.option("--service", options.service, "A service of the catalogue, such as ssh")
+        .exactlyOneOf(kSubject);
+    command.option("--port", options.port, "Ports: tcp/22, udp/5000-5010, both/53, tcp+udp/53")
+        .check([](const std::string& text) {
+            FW::PortCompareST question{};
+            return portQuestionFrom(text, question);
+        })
+        .exactlyOneOf(kSubject);
+    command.option("--adapter", options.adapter,
+                   "One adapter; all of the profile and the machine when left out");
     addJsonFlag(command, options.json);
 }
 

@@ -8,7 +8,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-#include "cli/cliFwd.h"
+#include "cli/commandLine.h"
 
 namespace tarnfw {
 
@@ -22,7 +22,7 @@ struct BlockedOptions {
 };
 
 /// Adds the options but `from` and `to`.
-void addBlockedOptions(CLI::App& command, BlockedOptions& options);
+void addBlockedOptions(Command& command, BlockedOptions& options);
 
 /// The ports asked about, one question each. Throws Error for an unknown service.
 std::vector<FW::PortCompareST> questionsOf(const BlockedOptions& options);

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "tarncore.h"
@@ -14,6 +13,7 @@
 #include "tarnfirewall/fwDB.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
 #include "tarnfwadmin/documentFile.h"
@@ -149,23 +149,23 @@ void check(const Options& options) {
 
 }  // namespace
 
-void addCheckCommand(CLI::App& app) {
-    CLI::App* const command = app.add_subcommand(
+void addCheckCommand(Command& app) {
+    Command& command = app.subcommand(
         "check",
         "Say what is wrong with a profile, one line for each finding, with its place. Errors are "
         "what no machine could make sense of; warnings, what this machine lacks and rules without "
         "effect. Exit status 3 when there are errors");
     const auto options = std::make_shared<Options>();
-    command->add_option("FILE|PROFILE", options->what,
-                        "A profile file (a path, or a name ending in .json; - for standard input) "
-                        "or the name of a stored profile; the active one when left out");
-    command->add_flag("--kernel", options->kernel,
-                      "Also load every line into a network namespace made for that, and report "
-                      "each one that the kernel refuses. The machine's own filter is not touched");
-    command->add_flag("--strict", options->strict, "Warnings count as errors do");
-    addJsonFlag(*command, options->json);
-    command->footer("Example: tarnfw check --kernel ./home.json");
-    command->callback([options] { check(*options); });
+    command.option("FILE|PROFILE", options->what,
+                   "A profile file (a path, or a name ending in .json; - for standard input) "
+                   "or the name of a stored profile; the active one when left out");
+    command.flag("--kernel", options->kernel,
+                 "Also load every line into a network namespace made for that, and report "
+                 "each one that the kernel refuses. The machine's own filter is not touched");
+    command.flag("--strict", options->strict, "Warnings count as errors do");
+    addJsonFlag(command, options->json);
+    command.footer("Example: tarnfw check --kernel ./home.json");
+    command.run([options] { check(*options); });
 }
 
 }  // namespace tarnfw

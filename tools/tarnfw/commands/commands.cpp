@@ -2,7 +2,7 @@
 
 namespace tarnfw {
 
-void addCommands(CLI::App& app) {
+void addCommands(Command& app) {
     addStatusCommand(app);
     addControlCommands(app);
     addTryCommand(app);

@@ -2,30 +2,30 @@
 /// Error, which main() turns into a line on standard error and an exit status.
 #pragma once
 
-#include "cli/cliFwd.h"
+#include "cli/commandLine.h"
 
 namespace tarnfw {
 
 /// All of them, in the order of the help text.
-void addCommands(CLI::App& app);
+void addCommands(Command& app);
 
-void addStatusCommand(CLI::App& app);      ///< status
-void addControlCommands(CLI::App& app);    ///< enable, disable, reload, apply-mode
-void addTryCommand(CLI::App& app);         ///< try
-void addProfileCommands(CLI::App& app);    ///< profile list, show, create, ..., edit
-void addRuleCommands(CLI::App& app);       ///< rule add, insert, ..., off; policy
-void addInventoryCommands(CLI::App& app);  ///< adapters, services
-void addServiceCommands(CLI::App& app);    ///< service reserve, release, update; adapter rename
-void addBlockedCommands(CLI::App& app);    ///< blocked, explain
-void addPreviewCommand(CLI::App& app);     ///< preview
-void addCheckCommand(CLI::App& app);       ///< check
-void addDiffCommand(CLI::App& app);        ///< diff
-void addExportCommand(CLI::App& app);      ///< export
-void addImportCommand(CLI::App& app);      ///< import
-void addGeoipCommands(CLI::App& app);      ///< geoip list, show, check
-void addModulesCommands(CLI::App& app);    ///< modules load, unload, status
-void addBaseCommands(CLI::App& app);       ///< base up, down, status
-void addHelpCommand(CLI::App& app);        ///< help
-void addCompleteCommand(CLI::App& app);    ///< complete, which is hidden
+void addStatusCommand(Command& app);      ///< status
+void addControlCommands(Command& app);    ///< enable, disable, reload, apply-mode
+void addTryCommand(Command& app);         ///< try
+void addProfileCommands(Command& app);    ///< profile list, show, create, ..., edit
+void addRuleCommands(Command& app);       ///< rule add, insert, ..., off; policy
+void addInventoryCommands(Command& app);  ///< adapters, services
+void addServiceCommands(Command& app);    ///< service reserve, release, update; adapter rename
+void addBlockedCommands(Command& app);    ///< blocked, explain
+void addPreviewCommand(Command& app);     ///< preview
+void addCheckCommand(Command& app);       ///< check
+void addDiffCommand(Command& app);        ///< diff
+void addExportCommand(Command& app);      ///< export
+void addImportCommand(Command& app);      ///< import
+void addGeoipCommands(Command& app);      ///< geoip list, show, check
+void addModulesCommands(Command& app);    ///< modules load, unload, status
+void addBaseCommands(Command& app);       ///< base up, down, status
+void addHelpCommand(Command& app);        ///< help
+void addCompleteCommand(Command& app);    ///< complete, which is hidden
 
 }  // namespace tarnfw

@@ -11,12 +11,12 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 
 #include "tarncore.h"
 
 #include "tarnfirewall/fwGeoip.h"
 
+#include "cli/commandLine.h"
 #include "cli/completion.h"
 #include "cli/helpTopics.h"
 #include "commands/commands.h"
@@ -108,7 +108,7 @@ Texts topicNames() {
     return names;
 }
 
-void run(const CLI::App& app, const Texts& line) {
+void run(const Command& app, const Texts& line) {
     // Neither the terminal nor the system log is to hear of it.
     openlog("tarnfw", 0, LOG_USER);
     setlogmask(LOG_MASK(LOG_EMERG));
@@ -129,13 +129,12 @@ void run(const CLI::App& app, const Texts& line) {
 
 }  // namespace
 
-void addCompleteCommand(CLI::App& app) {
-    CLI::App* const command =
-        app.add_subcommand("complete", "Print what can come next, a word a line");
-    command->group("");  // hidden
+void addCompleteCommand(Command& app) {
+    Command& command = app.subcommand("complete", "Print what can come next, a word a line");
+    command.hide();
     const auto line = std::make_shared<Texts>();
-    command->add_option("WORDS", *line, "Behind \"--\": what stands behind the tool's name");
-    command->callback([&app, line] { run(app, *line); });
+    command.option("WORDS", *line, "Behind \"--\": what stands behind the tool's name");
+    command.run([&app, line] { run(app, *line); });
 }
 
 }  // namespace tarnfw

@@ -7,13 +7,13 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 
 #include "tarncore.h"
 
 #include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
@@ -126,35 +126,34 @@ void applyMode(const std::string& wanted, bool json) {
                                      : "lines: one command for each rule, behind closed doors\n");
 }
 
-void addApplyModeCommand(CLI::App& app) {
-    CLI::App* const command =
-        app.add_subcommand("apply-mode", "Say or set how rules are put into the kernel");
+void addApplyModeCommand(Command& app) {
+    Command& command = app.subcommand("apply-mode", "Say or set how rules are put into the kernel");
     const auto mode = std::make_shared<std::string>();
     const auto json = std::make_shared<bool>(false);
-    command->add_option("MODE", *mode, "lines or batch; left out: say which it is")
-        ->check(CLI::IsMember({kLinesMode, kBatchMode}));
-    command->footer(
+    command.option("MODE", *mode, "lines or batch; left out: say which it is")
+        .choices({kLinesMode, kBatchMode});
+    command.footer(
         "lines: a reload closes the machine to new connections, runs one command for each rule, "
         "and "
         "opens it again. A line that the kernel refuses is left out.\n"
         "batch: each family's rules replace the old ones in one transaction. Nothing is closed "
         "meanwhile; one line that the kernel refuses leaves all as it was.");
-    addJsonFlag(*command, *json);
-    command->callback([mode, json] { applyMode(*mode, *json); });
+    addJsonFlag(command, *json);
+    command.run([mode, json] { applyMode(*mode, *json); });
 }
 
 }  // namespace
 
-void addControlCommands(CLI::App& app) {
-    CLI::App* const enableCommand =
-        app.add_subcommand("enable", "Switch the firewall on and apply the active profile");
+void addControlCommands(Command& app) {
+    Command& enableCommand =
+        app.subcommand("enable", "Switch the firewall on and apply the active profile");
     const auto yes = std::make_shared<bool>(false);
-    enableCommand->add_flag("--yes", *yes, "Do not ask when that would keep you out");
-    enableCommand->footer("Over SSH, asks first when the profile would not let you connect again.");
-    enableCommand->callback([yes] { enable(*yes); });
-    app.add_subcommand("disable", "Switch the firewall off: empty its chains, keep the profiles")
-        ->callback(disable);
-    app.add_subcommand("reload", "Apply the active profile anew")->callback(reload);
+    enableCommand.flag("--yes", *yes, "Do not ask when that would keep you out");
+    enableCommand.footer("Over SSH, asks first when the profile would not let you connect again.");
+    enableCommand.run([yes] { enable(*yes); });
+    app.subcommand("disable", "Switch the firewall off: empty its chains, keep the profiles")
+        .run(disable);
+    app.subcommand("reload", "Apply the active profile anew").run(reload);
     addApplyModeCommand(app);
 }
 

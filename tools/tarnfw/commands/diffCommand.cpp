@@ -9,12 +9,12 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 
 #include "tarnfirewall/fwBatch.h"
 #include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
 #include "tarnfwadmin/ruleDiff.h"
@@ -327,20 +327,20 @@ void diff(bool json) {
 
 }  // namespace
 
-void addDiffCommand(CLI::App& app) {
-    CLI::App* const command = app.add_subcommand(
+void addDiffCommand(Command& app) {
+    Command& command = app.subcommand(
         "diff",
         "Compare what the kernel holds with what the active profile would put there, or with empty "
         "chains while the firewall is disabled. Lines with - are missing in the kernel, lines with "
         "+ are there and of no profile. Exit status 0 when both agree, 10 when not");
     const auto json = std::make_shared<bool>(false);
-    addJsonFlag(*command, *json);
-    command->footer(
+    addJsonFlag(command, *json);
+    command.footer(
         "The profile is loaded into a network namespace of its own, so that both sides are listed "
         "by the kernel. Compared are the firewall's chains in their order, the policies of INPUT "
         "and FORWARD, the jumps of the base filter, and in other chains whether the profile's "
         "rules are there.");
-    command->callback([json] { diff(*json); });
+    command.run([json] { diff(*json); });
 }
 
 }  // namespace tarnfw

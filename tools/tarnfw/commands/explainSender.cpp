@@ -6,9 +6,9 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "fwCodes.h"
 #include "tarnfwadmin/decision.h"
@@ -141,11 +141,11 @@ void printDecisions(const Decider& decider, const std::vector<AdapterDecisions>&
 void explainSender(const BlockedOptions& options) {
     if (!options.to.empty() &&
         addressFrom(options.to)->isIpv6() != addressFrom(options.from)->isIpv6()) {
-        throw CLI::ValidationError("--to", "not of the same family as --from");
+        throw UsageError("--to: not of the same family as --from");
     }
     if (options.adapter == FW::kGlobalAdapter) {
-        throw CLI::ValidationError(
-            "--adapter", "no packet comes in by \"global\"; name another one, or none for all");
+        throw UsageError(
+            "--adapter: no packet comes in by \"global\"; name another one, or none for all");
     }
     const std::vector<FW::PortCompareST> questions = questionsOf(options);
     if (answeredDisabled(options, questions)) {

@@ -6,11 +6,11 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 
 #include "tarncore.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
 #include "tarnfwadmin/configuration.h"
@@ -72,16 +72,15 @@ void exportAll(const Options& options) {
 
 }  // namespace
 
-void addExportCommand(CLI::App& app) {
-    CLI::App* const command =
-        app.add_subcommand("export", "Write all profiles and the settings into one JSON document");
+void addExportCommand(Command& app) {
+    Command& command =
+        app.subcommand("export", "Write all profiles and the settings into one JSON document");
     const auto options = std::make_shared<Options>();
-    command->add_option("FILE", options->path,
-                        "Where to write it; to standard output when left out");
-    command->add_flag("--force", options->force, "Replace a file that is there already");
-    command->add_flag("--partial", options->partial,
-                      "Export what can be read, though it is not all, or lacks the active profile");
-    command->callback([options] { exportAll(*options); });
+    command.option("FILE", options->path, "Where to write it; to standard output when left out");
+    command.flag("--force", options->force, "Replace a file that is there already");
+    command.flag("--partial", options->partial,
+                 "Export what can be read, though it is not all, or lacks the active profile");
+    command.run([options] { exportAll(*options); });
 }
 
 }  // namespace tarnfw

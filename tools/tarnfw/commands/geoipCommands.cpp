@@ -6,12 +6,12 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 #include <boost/algorithm/string/case_conv.hpp>
 
 #include "tarnfirewall/fwGeoip.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
 #include "tarnfwadmin/addressRange.h"
@@ -167,7 +167,7 @@ std::vector<Match> matchesOf(const Address& address) {
 
 void check(const CheckOptions& options) {
     requireRoot();
-    const Address address = *addressFrom(options.address);  // CLI11 has seen to that
+    const Address address = *addressFrom(options.address);  // has passed as an option
     const std::vector<Match> matches = matchesOf(address);
     if (options.json) {
         Json::Value document;
@@ -194,47 +194,45 @@ void check(const CheckOptions& options) {
 
 // ---- The command line ---------------------------------------------------------------------------
 
-void addList(CLI::App& group) {
-    CLI::App* const command =
-        group.add_subcommand("list", "The countries with data, and how many ranges they have");
+void addList(Command& group) {
+    Command& command =
+        group.subcommand("list", "The countries with data, and how many ranges they have");
     const auto json = std::make_shared<bool>(false);
-    addJsonFlag(*command, *json);
-    command->callback([json] { list(*json); });
+    addJsonFlag(command, *json);
+    command.run([json] { list(*json); });
 }
 
-void addShow(CLI::App& group) {
-    CLI::App* const command = group.add_subcommand("show", "The address ranges of a country");
+void addShow(Command& group) {
+    Command& command = group.subcommand("show", "The address ranges of a country");
     const auto options = std::make_shared<ShowOptions>();
-    command->add_option("COUNTRY", options->country, "The code of a country, such as DE")
-        ->required();
-    CLI::Option* const v4 = command->add_flag("--v4", options->v4, "Only those of IPv4");
-    command->add_flag("--v6", options->v6, "Only those of IPv6")->excludes(v4);
-    addJsonFlag(*command, options->json);
-    command->callback([options] { show(*options); });
+    command.option("COUNTRY", options->country, "The code of a country, such as DE").required();
+    Option& v4 = command.flag("--v4", options->v4, "Only those of IPv4");
+    command.flag("--v6", options->v6, "Only those of IPv6").excludes(v4);
+    addJsonFlag(command, options->json);
+    command.run([options] { show(*options); });
 }
 
-void addCheck(CLI::App& group) {
-    CLI::App* const command = group.add_subcommand(
+void addCheck(Command& group) {
+    Command& command = group.subcommand(
         "check", "The country that an address is in. Exit status 1 when it is in none");
     const auto options = std::make_shared<CheckOptions>();
-    command->add_option("ADDRESS", options->address, "An IPv4 or IPv6 address")
-        ->required()
-        ->check([](const std::string& text) {
+    command.option("ADDRESS", options->address, "An IPv4 or IPv6 address")
+        .required()
+        .check([](const std::string& text) {
             return addressFrom(text) ? std::string() : inQuotes(text) + " is not an address";
         });
-    addJsonFlag(*command, options->json);
-    command->callback([options] { check(*options); });
+    addJsonFlag(command, options->json);
+    command.run([options] { check(*options); });
 }
 
 }  // namespace
 
-void addGeoipCommands(CLI::App& app) {
-    CLI::App* const geoip =
-        app.add_subcommand("geoip", "The country database, which rules for countries match by");
-    geoip->require_subcommand(1);
-    addList(*geoip);
-    addShow(*geoip);
-    addCheck(*geoip);
+void addGeoipCommands(Command& app) {
+    Command& geoip =
+        app.subcommand("geoip", "The country database, which rules for countries match by");
+    addList(geoip);
+    addShow(geoip);
+    addCheck(geoip);
 }
 
 }  // namespace tarnfw

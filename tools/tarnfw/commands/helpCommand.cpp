@@ -4,13 +4,13 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
 #include <boost/algorithm/string/join.hpp>
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/helpTopics.h"
 #include "cli/output.h"
-#include "cli/usage.h"
+#include "cli/parser.h"
 #include "commands/commands.h"
 
 namespace tarnfw {
@@ -18,16 +18,8 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-constexpr char kToolName[] = "tarnfw";
-
-bool isShown(const CLI::App* command) {
-    return !command->get_name().empty() && !command->get_group().empty();
-}
-
-void printOverview(const CLI::App& app) {
-    // Not help(): while this command runs, that would be the help of this command.
-    std::cout << app.get_formatter()->make_help(&app, kToolName, CLI::AppFormatMode::Normal)
-              << "\nTopics (\"tarnfw help TOPIC\"):\n";
+void printOverview(const Command& tool) {
+    std::cout << helpText(tool) << "\nTopics (\"tarnfw help TOPIC\"):\n";
     Table table;
     for (const HelpTopic& topic : helpTopics()) {
         table.addRow({{topic.name}, {topic.summary}});
@@ -46,11 +38,8 @@ bool printTopic(const std::string& name) {
 }
 
 /// What there is instead of the last of `words`, behind those before it; a topic stands `alone`.
-[[noreturn]] void refuse(const CLI::App& group, const Texts& words, bool alone) {
-    Texts known;
-    for (const CLI::App* command : group.get_subcommands(isShown)) {
-        known.push_back(command->get_name());
-    }
+[[noreturn]] void refuse(const Command& group, const Texts& words, bool alone) {
+    Texts known = group.shownNames();
     if (alone) {
         for (const HelpTopic& topic : helpTopics()) {
             known.emplace_back(topic.name);
@@ -63,46 +52,39 @@ bool printTopic(const std::string& name) {
         right.push_back(meant);
         text.append("; did you mean \"tarnfw help ").append(boost::join(right, " ")).append("\"?");
     }
-    throw UsageError(text.append(" (\"tarnfw help\" lists commands and topics)"));
+    std::cerr << "tarnfw: " << text << " (\"tarnfw help\" lists commands and topics)\n";
+    endWith(kExitUsage);
 }
 
-void printCommand(const CLI::App& app, const Texts& words) {
-    const CLI::App* command = &app;
-    std::string groupName;
+void printCommand(const Command& tool, const Texts& words) {
+    const Command* command = &tool;
     for (auto word = words.begin(); word != words.end(); ++word) {
-        groupName.append(groupName.empty() ? "" : " ").append(command->get_name());
-        const CLI::App* next = nullptr;
-        for (const CLI::App* candidate : command->get_subcommands(isShown)) {
-            if (candidate->get_name() == *word) {
-                next = candidate;
-            }
-        }
+        const Command* const next = command->shown(*word);
         if (next == nullptr) {
             refuse(*command, Texts(words.begin(), word + 1), words.size() == 1);
         }
         command = next;
     }
-    std::cout << command->get_formatter()->make_help(command, groupName + " " + command->get_name(),
-                                                     CLI::AppFormatMode::Normal);
+    std::cout << helpText(*command);
 }
 
-void help(const CLI::App& app, const Texts& words) {
+void help(const Command& tool, const Texts& words) {
     if (words.empty()) {
-        printOverview(app);
+        printOverview(tool);
     } else if (words.size() > 1 || !printTopic(words.front())) {
-        printCommand(app, words);
+        printCommand(tool, words);
     }
 }
 
 }  // namespace
 
-void addHelpCommand(CLI::App& app) {
-    CLI::App* const command = app.add_subcommand(
+void addHelpCommand(Command& app) {
+    Command& command = app.subcommand(
         "help", "Explain a topic, or a command; without one, list commands and topics");
     const auto words = std::make_shared<Texts>();
-    command->add_option("TOPIC", *words, "A topic, or the words of a command")->type_name("");
-    command->footer("Examples: tarnfw help first-steps, tarnfw help rule add");
-    command->callback([&app, words] { help(app, *words); });
+    command.option("TOPIC", *words, "A topic, or the words of a command").placeholder("");
+    command.footer("Examples: tarnfw help first-steps, tarnfw help rule add");
+    command.run([&app, words] { help(app, *words); });
 }
 
 }  // namespace tarnfw

@@ -14,7 +14,6 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 
 #include "tarncore.h"
 #include "tarnsdk.h"
@@ -23,6 +22,7 @@
 #include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
@@ -298,28 +298,25 @@ void importAll(const Options& options) {
 
 }  // namespace
 
-void addImportCommand(CLI::App& app) {
-    CLI::App* const command = app.add_subcommand(
+void addImportCommand(Command& app) {
+    Command& command = app.subcommand(
         "import",
         "Replace all profiles and the settings by those of an exported document. It is checked "
         "first, and what it replaces is kept in a file");
     const auto options = std::make_shared<Options>();
-    command->add_option("FILE", options->path, "The document; - for standard input")->required();
-    CLI::Option* const dryRun =
-        command->add_flag("--dry-run", options->dryRun, "Only say what would change");
-    command->add_flag("--force", options->force,
-                      "Import profiles with errors, too: for a backup of such profiles. A document "
-                      "of a wrong shape is refused all the same");
-    addReloadFlag(*command, options->reload, "Do not ask");
-    command
-        ->add_flag("--json", options->json,
-                   "With --dry-run: print one JSON document instead of text")
-        ->needs(dryRun);
-    command->footer(
+    command.option("FILE", options->path, "The document; - for standard input").required();
+    Option& dryRun = command.flag("--dry-run", options->dryRun, "Only say what would change");
+    command.flag("--force", options->force,
+                 "Import profiles with errors, too: for a backup of such profiles. A document "
+                 "of a wrong shape is refused all the same");
+    addReloadFlag(command, options->reload, "Do not ask");
+    command.flag("--json", options->json, "With --dry-run: print one JSON document instead of text")
+        .needs(dryRun);
+    command.footer(
         "Backups are in /usr/tarn/etc/firewall.d.backup/, named by date and time. When an import "
         "was "
         "interrupted and profiles are missing, import the newest of them.");
-    command->callback([options] { importAll(*options); });
+    command.run([options] { importAll(*options); });
 }
 
 }  // namespace tarnfw

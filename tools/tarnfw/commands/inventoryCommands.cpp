@@ -11,10 +11,10 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 #include <boost/algorithm/string/join.hpp>
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
 #include "fwCodes.h"
@@ -247,31 +247,31 @@ void services(const std::string& pattern, bool json) {
     table.print();
 }
 
-void addAdapters(CLI::App& app) {
-    CLI::App* const command = app.add_subcommand(
+void addAdapters(Command& app) {
+    Command& command = app.subcommand(
         "adapters", "List the machine's adapters and what the active profile has for each");
     const auto json = std::make_shared<bool>(false);
-    addJsonFlag(*command, *json);
-    command->footer(
+    addJsonFlag(command, *json);
+    command.footer(
         "\"global\", \"pppoe\" and \"vpn\" are names of profiles for every adapter, the "
         "PPPoE connection\nand the VPN connections.");
-    command->callback([json] { adapters(*json); });
+    command.run([json] { adapters(*json); });
 }
 
-void addServices(CLI::App& app) {
-    CLI::App* const command =
-        app.add_subcommand("services", "List the services that rules can name, with their ports");
+void addServices(Command& app) {
+    Command& command =
+        app.subcommand("services", "List the services that rules can name, with their ports");
     const auto pattern = std::make_shared<std::string>();
     const auto json = std::make_shared<bool>(false);
-    command->add_option("PATTERN", *pattern,
-                        "Only those with this in their name or title; may hold * and ?");
-    addJsonFlag(*command, *json);
-    command->callback([pattern, json] { services(*pattern, *json); });
+    command.option("PATTERN", *pattern,
+                   "Only those with this in their name or title; may hold * and ?");
+    addJsonFlag(command, *json);
+    command.run([pattern, json] { services(*pattern, *json); });
 }
 
 }  // namespace
 
-void addInventoryCommands(CLI::App& app) {
+void addInventoryCommands(Command& app) {
     addAdapters(app);
     addServices(app);
 }

@@ -5,11 +5,11 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 
 #include "tarnfirewall/tarnIptablesModule.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
 
@@ -94,15 +94,15 @@ void status(const ModulesOptions& options) {
 }
 
 /// One subcommand of the group, with the service that it is about.
-CLI::App* addCommand(CLI::App& group, const char* name, const char* summary,
-                     const std::shared_ptr<ModulesOptions>& options,
-                     void (*run)(const ModulesOptions&)) {
-    CLI::App* const command = group.add_subcommand(name, summary);
+Command& addCommand(Command& group, const char* name, const char* summary,
+                    const std::shared_ptr<ModulesOptions>& options,
+                    void (*run)(const ModulesOptions&)) {
+    Command& command = group.subcommand(name, summary);
     command
-        ->add_option("SERVICE", options->service,
-                     "Under which name the modules are counted; the firewall's own is \"firewall\"")
-        ->capture_default_str();
-    command->callback([options, run] { run(*options); });
+        .option("SERVICE", options->service,
+                "Under which name the modules are counted; the firewall's own is \"firewall\"")
+        .showDefault();
+    command.run([options, run] { run(*options); });
     return command;
 }
 
@@ -114,23 +114,22 @@ std::shared_ptr<ModulesOptions> freshOptions() {
 
 }  // namespace
 
-void addModulesCommands(CLI::App& app) {
-    CLI::App* const group = app.add_subcommand(
+void addModulesCommands(Command& app) {
+    Command& group = app.subcommand(
         "modules",
         "The kernel modules of the packet filter, counted by the services that use them");
-    group->require_subcommand(1);
     constexpr char kNatHelp[] = "The modules for address translation as well";
 
     auto options = freshOptions();
-    addCommand(*group, "load", "Load the modules for a service", options, load)
-        ->add_flag("--nat", options->nat, kNatHelp);
+    addCommand(group, "load", "Load the modules for a service", options, load)
+        .flag("--nat", options->nat, kNatHelp);
     options = freshOptions();
-    addCommand(*group, "unload", "Release the modules of a service, in reverse order", options,
+    addCommand(group, "unload", "Release the modules of a service, in reverse order", options,
                unload)
-        ->add_flag("--nat", options->nat, kNatHelp);
+        .flag("--nat", options->nat, kNatHelp);
     options = freshOptions();
-    addJsonFlag(*addCommand(*group, "status", "Say whether a service has its modules loaded",
-                            options, status),
+    addJsonFlag(addCommand(group, "status", "Say whether a service has its modules loaded", options,
+                           status),
                 options->json);
 }
 

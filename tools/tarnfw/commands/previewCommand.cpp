@@ -6,12 +6,12 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "tarnfirewall/fwBatch.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
 #include "fwCodes.h"
@@ -106,25 +106,25 @@ void preview(const Options& options) {
 
 }  // namespace
 
-void addPreviewCommand(CLI::App& app) {
-    CLI::App* const command = app.add_subcommand(
+void addPreviewCommand(Command& app) {
+    Command& command = app.subcommand(
         "preview", "Print the command lines of a profile, in the order of running; change nothing");
     const auto options = std::make_shared<Options>();
-    command->add_option("PROFILE", options->profile, "The profile; the active one when left out");
-    CLI::Option* const format =
+    command.option("PROFILE", options->profile, "The profile; the active one when left out");
+    Option& format =
         command
-            ->add_option("--format", options->format,
-                         "lines: the command lines (the default); restore: a text for "
-                         "iptables-restore and one for ip6tables-restore, which replaces the "
-                         "firewall's chains and adds to others; json: the lines by family and "
-                         "adapter")
-            ->check(CLI::IsMember({kLines, kRestore, kJson}));
-    command->add_option("--family", options->family, "Only IPv4 (v4) or only IPv6 (v6)")
-        ->check(CLI::IsMember({"v4", "v6"}));
-    command->add_flag("--json", options->json, "The same as --format json")->excludes(format);
-    command->footer(
+            .option("--format", options->format,
+                    "lines: the command lines (the default); restore: a text for "
+                    "iptables-restore and one for ip6tables-restore, which replaces the "
+                    "firewall's chains and adds to others; json: the lines by family and "
+                    "adapter")
+            .choices({kLines, kRestore, kJson});
+    command.option("--family", options->family, "Only IPv4 (v4) or only IPv6 (v6)")
+        .choices({"v4", "v6"});
+    command.flag("--json", options->json, "The same as --format json").excludes(format);
+    command.footer(
         "Example: tarnfw preview --format restore --family v4 | iptables-restore --noflush --test");
-    command->callback([options] { preview(*options); });
+    command.run([options] { preview(*options); });
 }
 
 }  // namespace tarnfw

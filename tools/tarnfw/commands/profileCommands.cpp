@@ -8,11 +8,11 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 
 #include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
@@ -199,81 +199,78 @@ void use(const std::string& name, const ReloadOptions& reload) {
 
 // ---- Options ----
 
-void addList(CLI::App& group) {
-    CLI::App* const command =
-        group.add_subcommand("list", "Name the profiles; the active one has a star");
+void addList(Command& group) {
+    Command& command = group.subcommand("list", "Name the profiles; the active one has a star");
     const auto json = std::make_shared<bool>(false);
-    addJsonFlag(*command, *json);
-    command->callback([json] { list(*json); });
+    addJsonFlag(command, *json);
+    command.run([json] { list(*json); });
 }
 
-void addName(CLI::App& command, std::string& name, const char* placeholder, const char* help) {
-    command.add_option(placeholder, name, help)->type_name("")->required();
+void addName(Command& command, std::string& name, const char* placeholder, const char* help) {
+    command.option(placeholder, name, help).placeholder("").required();
 }
 
-void addCreate(CLI::App& group) {
+void addCreate(Command& group) {
     struct Values {
         std::string name;
         std::string source;
     };
-    CLI::App* const command =
-        group.add_subcommand("create", "Make a profile; without rules it allows everything");
+    Command& command =
+        group.subcommand("create", "Make a profile; without rules it allows everything");
     const auto values = std::make_shared<Values>();
-    addName(*command, values->name, "NAME", "Its name");
+    addName(command, values->name, "NAME", "Its name");
     command
-        ->add_option("--from", values->source,
-                     "A profile's document to make it from; \"profile show --json\" prints one")
-        ->type_name("FILE");
-    command->callback([values] { create(values->name, values->source); });
+        .option("--from", values->source,
+                "A profile's document to make it from; \"profile show --json\" prints one")
+        .placeholder("FILE");
+    command.run([values] { create(values->name, values->source); });
 }
 
 using TwoNamesRun = void (*)(const std::string& oldName, const std::string& newName);
 
-void addForTwoNames(CLI::App& group, const char* name, const char* help, TwoNamesRun run) {
+void addForTwoNames(Command& group, const char* name, const char* help, TwoNamesRun run) {
     struct Values {
         std::string oldName;
         std::string newName;
     };
-    CLI::App* const command = group.add_subcommand(name, help);
+    Command& command = group.subcommand(name, help);
     const auto values = std::make_shared<Values>();
-    addName(*command, values->oldName, "OLD", "The profile");
-    addName(*command, values->newName, "NEW", "The new name");
-    command->callback([values, run] { run(values->oldName, values->newName); });
+    addName(command, values->oldName, "OLD", "The profile");
+    addName(command, values->newName, "NEW", "The new name");
+    command.run([values, run] { run(values->oldName, values->newName); });
 }
 
-void addDelete(CLI::App& group) {
-    CLI::App* const command =
-        group.add_subcommand("delete", "Delete a profile; the active one stays");
+void addDelete(Command& group) {
+    Command& command = group.subcommand("delete", "Delete a profile; the active one stays");
     const auto name = std::make_shared<std::string>();
-    addName(*command, *name, "NAME", "The profile");
-    command->callback([name] { remove(*name); });
+    addName(command, *name, "NAME", "The profile");
+    command.run([name] { remove(*name); });
 }
 
-void addUse(CLI::App& group) {
+void addUse(Command& group) {
     struct Values {
         std::string name;
         ReloadOptions reload;
     };
-    CLI::App* const command = group.add_subcommand("use", "Make a profile the active one");
+    Command& command = group.subcommand("use", "Make a profile the active one");
     const auto values = std::make_shared<Values>();
-    addName(*command, values->name, "NAME", "The profile");
-    addReloadFlag(*command, values->reload);
-    command->callback([values] { use(values->name, values->reload); });
+    addName(command, values->name, "NAME", "The profile");
+    addReloadFlag(command, values->reload);
+    command.run([values] { use(values->name, values->reload); });
 }
 
 }  // namespace
 
-void addProfileCommands(CLI::App& app) {
-    CLI::App* const profile = app.add_subcommand("profile", "The profiles on disk");
-    profile->require_subcommand(1);
-    addList(*profile);
-    addProfileShowCommand(*profile);
-    addCreate(*profile);
-    addForTwoNames(*profile, "copy", "Make a profile with the rules of another", copy);
-    addForTwoNames(*profile, "rename", "Give a profile another name", rename);
-    addDelete(*profile);
-    addUse(*profile);
-    addProfileEditCommand(*profile);
+void addProfileCommands(Command& app) {
+    Command& profile = app.subcommand("profile", "The profiles on disk");
+    addList(profile);
+    addProfileShowCommand(profile);
+    addCreate(profile);
+    addForTwoNames(profile, "copy", "Make a profile with the rules of another", copy);
+    addForTwoNames(profile, "rename", "Give a profile another name", rename);
+    addDelete(profile);
+    addUse(profile);
+    addProfileEditCommand(profile);
 }
 
 }  // namespace tarnfw

@@ -1,11 +1,11 @@
 /// The commands of "tarnfw profile" that have sources of their own.
 #pragma once
 
-#include "cli/cliFwd.h"
+#include "cli/commandLine.h"
 
 namespace tarnfw {
 
-void addProfileShowCommand(CLI::App& group);
-void addProfileEditCommand(CLI::App& group);
+void addProfileShowCommand(Command& group);
+void addProfileEditCommand(Command& group);
 
 }  // namespace tarnfw

@@ -8,11 +8,10 @@
 #include <optional>
 #include <string>
 
-#include <CLI/CLI.hpp>
-
 #include "tarnfirewall/fwDB.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/profileCommands.h"
@@ -135,19 +134,19 @@ void edit(const std::string& wanted, const ReloadOptions& reload) {
 
 }  // namespace
 
-void addProfileEditCommand(CLI::App& group) {
+void addProfileEditCommand(Command& group) {
     struct Values {
         std::string name;
         ReloadOptions reload;
     };
-    CLI::App* const command = group.add_subcommand(
-        "edit", "Edit a profile's document; what does not check is not stored");
+    Command& command =
+        group.subcommand("edit", "Edit a profile's document; what does not check is not stored");
     const auto values = std::make_shared<Values>();
-    command->add_option("NAME", values->name, "The profile; the active one when left out")
-        ->type_name("");
-    addReloadFlag(*command, values->reload);
-    command->footer("The editor is $VISUAL, $EDITOR, \"editor\" or \"vi\".");
-    command->callback([values] { edit(values->name, values->reload); });
+    command.option("NAME", values->name, "The profile; the active one when left out")
+        .placeholder("");
+    addReloadFlag(command, values->reload);
+    command.footer("The editor is $VISUAL, $EDITOR, \"editor\" or \"vi\".");
+    command.run([values] { edit(values->name, values->reload); });
 }
 
 }  // namespace tarnfw

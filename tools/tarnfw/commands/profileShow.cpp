@@ -6,12 +6,12 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 #include <boost/algorithm/string/join.hpp>
 
 #include "tarnfirewall/fwDB.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/profileCommands.h"
 #include "fwCodes.h"
@@ -99,18 +99,17 @@ void show(const std::string& name, bool json) {
 
 }  // namespace
 
-void addProfileShowCommand(CLI::App& group) {
+void addProfileShowCommand(Command& group) {
     struct Values {
         std::string name;
         bool json = false;
     };
-    CLI::App* const command =
-        group.add_subcommand("show", "Print a profile's rules in plain words");
+    Command& command = group.subcommand("show", "Print a profile's rules in plain words");
     const auto values = std::make_shared<Values>();
-    command->add_option("NAME", values->name, "The profile; the active one when left out")
-        ->type_name("");
-    addJsonFlag(*command, values->json);
-    command->callback([values] { show(values->name, values->json); });
+    command.option("NAME", values->name, "The profile; the active one when left out")
+        .placeholder("");
+    addJsonFlag(command, values->json);
+    command.run([values] { show(values->name, values->json); });
 }
 
 }  // namespace tarnfw

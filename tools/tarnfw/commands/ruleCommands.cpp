@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
 #include <boost/algorithm/string/join.hpp>
 
 #include "tarncore.h"
@@ -17,6 +16,7 @@
 #include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
@@ -247,7 +247,7 @@ FW::FWRULE ruleOf(const RuleCommand& command) {
         return ruleFrom(command.words, command.options, known);
     } catch (const Error& error) {
         if (error.kind() == ErrorKind::kInvalid) {
-            throw CLI::ValidationError(error.what());  // wrong words are wrong usage
+            throw UsageError(error.what());  // wrong words are wrong usage
         }
         throw;
     }
@@ -362,140 +362,131 @@ void setPolicy(const Target& target, const std::string& word) {
 
 // ---- Options ----
 
-void addTarget(CLI::App& command, Target& target) {
+void addTarget(Command& command, Target& target) {
     command
-        .add_option("--adapter", target.adapter,
-                    "The adapter whose rules these are: an interface, or \"global\", \"pppoe\", "
-                    "\"vpn\"")
-        ->type_name("NAME")
-        ->required();
-    command.add_option("--profile", target.profile, "The profile; the active one when left out")
-        ->type_name("NAME");
+        .option("--adapter", target.adapter,
+                "The adapter whose rules these are: an interface, or \"global\", \"pppoe\", "
+                "\"vpn\"")
+        .placeholder("NAME")
+        .required();
+    command.option("--profile", target.profile, "The profile; the active one when left out")
+        .placeholder("NAME");
     addReloadFlag(command, target.reload);
 }
 
-void addRuleOptions(CLI::App& command, RuleOptions& options) {
-    CLI::Option* const v4 = command.add_flag("--v4", options.v4, "For IPv4 only");
-    command.add_flag("--v6", options.v6, "For IPv6 only")->excludes(v4);
-    command.add_flag("--source-port", options.sourcePort, "The ports are the sender's");
-    command.add_flag("--out", options.out,
-                     "For packets that the machine forwards out through the adapter; what it sends "
-                     "itself is not filtered");
-    command.add_flag("--log", options.log, "Log matching packets as well");
-    command.add_flag("--disabled", options.disabled, "Store the rule switched off");
-    command.add_option("--name", options.name, "A name for the rule")->type_name("TEXT");
-    command.add_option("--label", options.labels, "A label; may be given more than once")
-        ->type_name("TEXT")
-        ->allow_extra_args(false);
+void addRuleOptions(Command& command, RuleOptions& options) {
+    Option& v4 = command.flag("--v4", options.v4, "For IPv4 only");
+    command.flag("--v6", options.v6, "For IPv6 only").excludes(v4);
+    command.flag("--source-port", options.sourcePort, "The ports are the sender's");
+    command.flag("--out", options.out,
+                 "For packets that the machine forwards out through the adapter; what it sends "
+                 "itself is not filtered");
+    command.flag("--log", options.log, "Log matching packets as well");
+    command.flag("--disabled", options.disabled, "Store the rule switched off");
+    command.option("--name", options.name, "A name for the rule").placeholder("TEXT");
+    command.option("--label", options.labels, "A label; may be given more than once")
+        .placeholder("TEXT")
+        .oneValueEach();
 }
 
-CLI::Option* addPosition(CLI::App& command, const char* name, std::size_t& position,
-                         const char* help) {
-    return command.add_option(name, position, help)
-        ->type_name("")
-        ->required()
-        ->check(CLI::Range(0, kMaxPosition));
+Option& addPosition(Command& command, const char* name, std::size_t& position, const char* help) {
+    return command.option(name, position, help).placeholder("").required().range(0, kMaxPosition);
 }
 
 using RuleRun = void (*)(const RuleCommand&);
 
 /// A command that takes a whole rule; with a position when `positionHelp` is given.
-void addRuleWriter(CLI::App& group, const char* name, const char* help, const char* positionHelp,
+void addRuleWriter(Command& group, const char* name, const char* help, const char* positionHelp,
                    const std::string& examples, RuleRun run) {
-    CLI::App* const command = group.add_subcommand(name, help);
+    Command& command = group.subcommand(name, help);
     const auto values = std::make_shared<RuleCommand>();
     if (positionHelp != nullptr) {
-        addPosition(*command, "POSITION", values->position, positionHelp);
+        addPosition(command, "POSITION", values->position, positionHelp);
     }
-    command->add_option("WORDS", values->words, "The rule; see below")->type_name("");
-    addTarget(*command, values->target);
-    addRuleOptions(*command, values->options);
-    command->footer(kWordsHelp + examples);
-    command->callback([values, run] { run(*values); });
+    command.option("WORDS", values->words, "The rule; see below").placeholder("");
+    addTarget(command, values->target);
+    addRuleOptions(command, values->options);
+    command.footer(kWordsHelp + examples);
+    command.run([values, run] { run(*values); });
 }
 
-void addMove(CLI::App& group) {
+void addMove(Command& group) {
     struct Values {
         Target target;
         std::size_t from = 0;
         std::size_t to = 0;
     };
-    CLI::App* const command = group.add_subcommand("move", "Move a rule to another position");
+    Command& command = group.subcommand("move", "Move a rule to another position");
     const auto values = std::make_shared<Values>();
-    addPosition(*command, "FROM", values->from, "Its position now");
-    addPosition(*command, "TO", values->to, "Its position then");
-    addTarget(*command, values->target);
-    command->footer(kReservedHelp);
-    command->callback([values] { move(values->target, values->from, values->to); });
+    addPosition(command, "FROM", values->from, "Its position now");
+    addPosition(command, "TO", values->to, "Its position then");
+    addTarget(command, values->target);
+    command.footer(kReservedHelp);
+    command.run([values] { move(values->target, values->from, values->to); });
 }
 
 using PositionsRun = std::function<void(const Target&, const std::vector<std::size_t>&)>;
 
-void addForPositions(CLI::App& group, const char* name, const char* help, const PositionsRun& run) {
+void addForPositions(Command& group, const char* name, const char* help, const PositionsRun& run) {
     struct Values {
         Target target;
         std::vector<std::size_t> positions;
     };
-    CLI::App* const command = group.add_subcommand(name, help);
+    Command& command = group.subcommand(name, help);
     const auto values = std::make_shared<Values>();
-    command->add_option("POSITION", values->positions, "Positions as \"profile show\" counts them")
-        ->type_name("")
-        ->required()
-        ->check(CLI::Range(0, kMaxPosition));
-    addTarget(*command, values->target);
-    command->callback([values, run] { run(values->target, values->positions); });
+    command.option("POSITION", values->positions, "Positions as \"profile show\" counts them")
+        .placeholder("")
+        .required()
+        .range(0, kMaxPosition);
+    addTarget(command, values->target);
+    command.run([values, run] { run(values->target, values->positions); });
 }
 
-void addPolicyCommand(CLI::App& app) {
+void addPolicyCommand(Command& app) {
     struct Values {
         Target target;
         std::string policy;
     };
-    CLI::App* const command = app.add_subcommand(
+    Command& command = app.subcommand(
         "policy", "Say what becomes of packets of an adapter that no rule decides about");
     const auto values = std::make_shared<Values>();
-    command->add_option("ADAPTER", values->target.adapter, "The adapter")
-        ->type_name("")
-        ->required();
-    command->add_option("POLICY", values->policy, "allow, deny, or none: no default")
-        ->type_name("")
-        ->required()
-        ->check(CLI::IsMember({"allow", "deny", "none"}));
-    command
-        ->add_option("--profile", values->target.profile,
-                     "The profile; the active one when left out")
-        ->type_name("NAME");
-    addReloadFlag(*command, values->target.reload);
-    command->footer("Example: tarnfw policy eth0 deny");
-    command->callback([values] { setPolicy(values->target, values->policy); });
+    command.option("ADAPTER", values->target.adapter, "The adapter").placeholder("").required();
+    command.option("POLICY", values->policy, "allow, deny, or none: no default")
+        .placeholder("")
+        .required()
+        .choices({"allow", "deny", "none"});
+    command.option("--profile", values->target.profile, "The profile; the active one when left out")
+        .placeholder("NAME");
+    addReloadFlag(command, values->target.reload);
+    command.footer("Example: tarnfw policy eth0 deny");
+    command.run([values] { setPolicy(values->target, values->policy); });
 }
 
 }  // namespace
 
-void addRuleCommands(CLI::App& app) {
-    CLI::App* const rule = app.add_subcommand("rule", "Change the rules of a profile");
-    rule->require_subcommand(1);
-    rule->footer(kReservedHelp);
-    addRuleWriter(*rule, "add", "Add a rule behind the adapter's others", nullptr,
+void addRuleCommands(Command& app) {
+    Command& rule = app.subcommand("rule", "Change the rules of a profile");
+    rule.footer(kReservedHelp);
+    addRuleWriter(rule, "add", "Add a rule behind the adapter's others", nullptr,
                   "  tarnfw rule add --adapter eth0 allow tcp 22,80,6000-6010 from 192.168.1.0/24\n"
                   "  tarnfw rule add --adapter eth0 allow service smb from 10.0.0.5-10.0.0.9\n"
                   "  tarnfw rule add --adapter global deny from country CN,RU --log --name abroad",
                   add);
-    addRuleWriter(*rule, "insert", "Put a rule in at a position; those from there on move back",
+    addRuleWriter(rule, "insert", "Put a rule in at a position; those from there on move back",
                   "Its position, from 1",
                   std::string("  tarnfw rule insert 1 --adapter eth0 deny from 203.0.113.9\n") +
                       kReservedHelp,
                   insert);
-    addRuleWriter(*rule, "set", "Put a whole new rule in the place of another",
+    addRuleWriter(rule, "set", "Put a whole new rule in the place of another",
                   "The position of the other one",
                   "  tarnfw rule set 3 --adapter eth0 allow udp 53 from 10.0.0.0/8", set);
-    addMove(*rule);
-    addForPositions(*rule, "delete", "Delete rules; the positions are those before", remove);
-    addForPositions(*rule, "on", "Switch rules on",
+    addMove(rule);
+    addForPositions(rule, "delete", "Delete rules; the positions are those before", remove);
+    addForPositions(rule, "on", "Switch rules on",
                     [](const Target& target, const std::vector<std::size_t>& positions) {
                         switchRules(target, positions, true);
                     });
-    addForPositions(*rule, "off", "Switch rules off; they stay in the profile",
+    addForPositions(rule, "off", "Switch rules off; they stay in the profile",
                     [](const Target& target, const std::vector<std::size_t>& positions) {
                         switchRules(target, positions, false);
                     });

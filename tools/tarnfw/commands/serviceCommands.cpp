@@ -10,13 +10,13 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "cli/usage.h"
 #include "commands/applying.h"
@@ -257,69 +257,66 @@ struct Options {
     ReloadOptions reload;
 };
 
-void addReserve(CLI::App& group) {
-    CLI::App* const command = group.add_subcommand(
+void addReserve(Command& group) {
+    Command& command = group.subcommand(
         "reserve", "Allow or deny a service in every profile, ahead of an adapter's own rules");
     const auto options = std::make_shared<Options>();
-    command->add_option("NAME", options->service, "The service")->required();
-    command->add_option("POLICY", options->policy, "allow or deny")
-        ->required()
-        ->check(CLI::IsMember({"allow", "deny"}));
-    command->add_option("--adapter", options->adapter, "The adapter; global for every one")
-        ->required();
-    addReloadFlag(*command, options->reload);
-    command->footer("Example: tarnfw service reserve ssh --adapter eth0 allow");
-    command->callback([options] {
+    command.option("NAME", options->service, "The service").required();
+    command.option("POLICY", options->policy, "allow or deny")
+        .required()
+        .choices({"allow", "deny"});
+    command.option("--adapter", options->adapter, "The adapter; global for every one").required();
+    addReloadFlag(command, options->reload);
+    command.footer("Example: tarnfw service reserve ssh --adapter eth0 allow");
+    command.run([options] {
         reserve(options->service, options->adapter, options->policy, options->reload);
     });
 }
 
-void addRelease(CLI::App& group) {
-    CLI::App* const command = group.add_subcommand(
+void addRelease(Command& group) {
+    Command& command = group.subcommand(
         "release",
         "Take a service out of every rule of every profile, also of those that a person made");
     const auto options = std::make_shared<Options>();
-    command->add_option("NAME", options->service, "The service")->required();
-    addReloadFlag(*command, options->reload);
-    command->footer("A rule that then names no service is deleted.");
-    command->callback([options] { release(options->service, options->reload); });
+    command.option("NAME", options->service, "The service").required();
+    addReloadFlag(command, options->reload);
+    command.footer("A rule that then names no service is deleted.");
+    command.run([options] { release(options->service, options->reload); });
 }
 
-void addUpdate(CLI::App& group) {
-    CLI::App* const command = group.add_subcommand(
+void addUpdate(Command& group) {
+    Command& command = group.subcommand(
         "update", "Bring the rules of every profile up to date with the service catalogue");
     const auto options = std::make_shared<Options>();
-    addReloadFlag(*command, options->reload);
-    command->footer(
+    addReloadFlag(command, options->reload);
+    command.footer(
         "Services that the catalogue has lost leave their rules, and a rule that then names none\n"
         "is deleted.");
-    command->callback([options] { update(options->reload); });
+    command.run([options] { update(options->reload); });
 }
 
-void addRename(CLI::App& group) {
-    CLI::App* const command = group.add_subcommand(
+void addRename(Command& group) {
+    Command& command = group.subcommand(
         "rename", "Move an adapter's rules and default policy to another name, in every profile");
     const auto options = std::make_shared<Options>();
-    command->add_option("OLD", options->from, "The name that profiles have now")->required();
-    command->add_option("NEW", options->to, "The name to be")->required();
-    addReloadFlag(*command, options->reload,
+    command.option("OLD", options->from, "The name that profiles have now").required();
+    command.option("NEW", options->to, "The name to be").required();
+    addReloadFlag(command, options->reload,
                   "Do not ask before replacing what NEW has already, nor, with --reload, when that "
                   "would keep you out");
-    command->callback([options] { renameAdapter(options->from, options->to, options->reload); });
+    command.run([options] { renameAdapter(options->from, options->to, options->reload); });
 }
 
 }  // namespace
 
-void addServiceCommands(CLI::App& app) {
-    CLI::App* const service =
-        app.add_subcommand("service", "Services that stay open or closed in every profile");
-    service->require_subcommand(1);
-    addReserve(*service);
-    addRelease(*service);
-    addUpdate(*service);
-    CLI::App* const adapter = app.add_subcommand("adapter", "Adapters' names in every profile");
-    adapter->require_subcommand(1);
-    addRename(*adapter);
+void addServiceCommands(Command& app) {
+    Command& service =
+        app.subcommand("service", "Services that stay open or closed in every profile");
+    addReserve(service);
+    addRelease(service);
+    addUpdate(service);
+    Command& adapter = app.subcommand("adapter", "Adapters' names in every profile");
+    addRename(adapter);
 }
 
 }  // namespace tarnfw

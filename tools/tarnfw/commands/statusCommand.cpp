@@ -7,7 +7,6 @@
 #include <vector>
 
 #include <json/json.h>
-#include <CLI/CLI.hpp>
 
 #include "tarncore.h"
 
@@ -15,6 +14,7 @@
 #include "tarnfirewall/tarnIptablesModule.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
 #include "process/trial.h"
@@ -273,12 +273,12 @@ void status(bool json) {
 
 }  // namespace
 
-void addStatusCommand(CLI::App& app) {
-    CLI::App* const command = app.add_subcommand(
+void addStatusCommand(Command& app) {
+    Command& command = app.subcommand(
         "status", "Say whether the firewall is enabled, with which profile, and what is in force");
     const auto json = std::make_shared<bool>(false);
-    addJsonFlag(*command, *json);
-    command->callback([json] { status(*json); });
+    addJsonFlag(command, *json);
+    command.run([json] { status(*json); });
 }
 
 }  // namespace tarnfw

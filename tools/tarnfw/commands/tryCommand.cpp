@@ -14,11 +14,10 @@
 #include <memory>
 #include <string>
 
-#include <CLI/CLI.hpp>
-
 #include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
 #include "process/trial.h"
@@ -296,7 +295,7 @@ void run(const TryOptions& options) {
     } else if (options.cancel) {
         cancelTrial();
     } else if (options.profile.empty()) {
-        throw CLI::RequiredError("PROFILE");
+        throw UsageError("PROFILE is required");
     } else {
         tryProfile(options);
     }
@@ -304,32 +303,30 @@ void run(const TryOptions& options) {
 
 }  // namespace
 
-void addTryCommand(CLI::App& app) {
-    CLI::App* const command = app.add_subcommand(
+void addTryCommand(Command& app) {
+    Command& command = app.subcommand(
         "try",
         "Put a profile's rules in force for a while; they stay only when somebody confirms them");
     const auto options = std::make_shared<TryOptions>();
-    CLI::Option* const profile =
-        command->add_option("PROFILE", options->profile,
-                            "A profile other than the active one; confirmed, it is active");
-    CLI::Option* const timeout =
-        command
-            ->add_option("--timeout", options->seconds,
-                         "Seconds until the active profile's rules are in force again")
-            ->check(CLI::Range(1, kMaxSeconds))
-            ->capture_default_str();
-    CLI::Option* const confirm =
-        command->add_flag("--confirm", options->confirm, "Keep what is being tried");
-    CLI::Option* const cancel = command->add_flag(
-        "--cancel", options->cancel, "Go back at once, also from a trial that was left behind");
-    confirm->excludes(profile)->excludes(timeout)->excludes(cancel);
-    cancel->excludes(profile)->excludes(timeout);
-    command->footer(
+    Option& profile =
+        command.option("PROFILE", options->profile,
+                       "A profile other than the active one; confirmed, it is active");
+    Option& timeout = command
+                          .option("--timeout", options->seconds,
+                                  "Seconds until the active profile's rules are in force again")
+                          .range(1, kMaxSeconds)
+                          .showDefault();
+    Option& confirm = command.flag("--confirm", options->confirm, "Keep what is being tried");
+    Option& cancel = command.flag("--cancel", options->cancel,
+                                  "Go back at once, also from a trial that was left behind");
+    confirm.excludes(profile).excludes(timeout).excludes(cancel);
+    cancel.excludes(profile).excludes(timeout);
+    command.footer(
         "During the trial no established connection passes by itself: one that goes on working is "
         "one that the rules let in.\nA watchdog goes back when the time is over, on Ctrl-C, when "
         "the "
         "terminal is lost and when this command is killed.");
-    command->callback([options] { run(*options); });
+    command.run([options] { run(*options); });
 }
 
 }  // namespace tarnfw
