@@ -5,10 +5,10 @@ namespace {
 
 constexpr char kFirstSteps[] = R"(First steps
 
-The firewall is off until you enable it, and installing it changes nothing.
-All of this needs root's rights.
+The firewall is off until you enable it. Installing it changes nothing.
+All commands need root's rights.
 
-  tarnfw base up                what the firewall stands on in the packet
+  tarnfw base up                add the firewall's chains to the packet
                                 filter, and a first profile "default"
   tarnfw profile show default   its rules, in plain words
   tarnfw adapters               the adapters that rules can be for
@@ -19,30 +19,30 @@ Make a profile of your own, and change it while it is not in use:
   tarnfw profile copy default home
   tarnfw rule insert 1 --profile home --adapter global \
       allow tcp 8443 from 192.168.1.0/24
-  tarnfw check home --kernel    is it right, and does the kernel take it?
+  tarnfw check home --kernel    is it valid, and does the kernel accept it?
 
 Switch the firewall on. The first profile lets the local network in:
 
   tarnfw enable
 
-Try your own. Unless you confirm in time, everything is as it was before:
+Try your own. Unless you confirm in time, the previous rules are restored:
 
   tarnfw try home --timeout 60
 
-Confirmed, it is the active profile. Look, and ask:
+Once confirmed, it is the active profile. Look, and ask:
 
   tarnfw status
   tarnfw blocked --port tcp/8443
   tarnfw explain --service ssh --from 192.168.1.20
 
 "tarnfw disable" opens the machine again and keeps the profiles.
-To enable it at each start: systemctl enable tarnfw.service
+To apply the active profile at every boot: systemctl enable tarnfw.service
 Read on with "tarnfw help rules" and "tarnfw help trials".
 )";
 
 constexpr char kProfiles[] = R"(Profiles
 
-A profile is a named set of rules. Any number can be stored; one is active,
+A profile is a named set of rules. You can store any number; one is active,
 and its rules are in force while the firewall is enabled.
 
   tarnfw profile list           the active one has a star
@@ -53,32 +53,33 @@ and its rules are in force while the firewall is enabled.
 
 A profile has, for each adapter, a list of rules and a default policy:
 
-  global        rules for all adapters; they are asked first
+  global        rules for all adapters; they come first
   eth0, ...     rules for one network interface
   pppoe, vpn    rules for the interface of the PPPoE connection, or for all
-                those of VPN connections, whatever they are called
+                interfaces of VPN connections, whatever their names
 
-The first rule that matches a packet decides. When none does, the default
+The first rule that matches a packet decides. If none does, the default
 policy of the adapter decides: "tarnfw policy eth0 deny". "global" has none,
-because it would decide for every adapter; end it with a rule "deny any" for
-that. An adapter with rules and without a policy of its own gets "allow".
+because it would decide for every adapter; use a last rule "deny any" there
+instead. An adapter with rules and without a default policy gets "allow".
 
-Changing a profile does not change what the kernel does. For the active one
-"tarnfw reload" applies it; commands that change profiles take --reload for
-that.
-"tarnfw apply-mode" says, and sets, whether the rules take effect together
-or one after another. Rules of an adapter that is away are skipped; when it
-comes back, it is unfiltered until the next reload.
+Changing a profile does not change the kernel. For the active profile,
+"tarnfw reload" applies the change; commands that change profiles take
+--reload for that.
+The apply mode decides whether the rules take effect together or one after
+another: "tarnfw apply-mode". Rules of an adapter whose interface does not
+exist are skipped; if it appears later, it is unfiltered until the next
+reload.
 
 "tarnfw profile edit" opens the profile's document in your editor and stores
-only what checks.
+it only if it is valid.
 )";
 
 constexpr char kRules[] = R"(Rules
 
   tarnfw rule add --adapter ADAPTER allow|deny [WHAT] [from|to ADDRESS]
 
-WHAT is one of these; left out, it is "any":
+WHAT is one of these, by default "any":
   tcp 22                     a port: tcp, udp, or tcp/udp for both
   tcp 80,443,6000-6010       ports and ranges, without blanks
   udp                        every port
@@ -86,7 +87,7 @@ WHAT is one of these; left out, it is "any":
   icmp, igmp                 a protocol without ports
   any                        everything
 
-ADDRESS is described in "tarnfw help addresses"; left out, it is "anywhere".
+ADDRESS is described in "tarnfw help addresses"; the default is "anywhere".
 "from" means the sender, "to" the receiver.
 
   tarnfw rule add --adapter eth0 allow tcp 22 from 192.168.1.0/24
@@ -95,81 +96,80 @@ ADDRESS is described in "tarnfw help addresses"; left out, it is "anywhere".
   tarnfw rule insert 1 --adapter eth0 deny from 203.0.113.9 --name nuisance
 
 The order counts: the first rule that matches decides. "rule add" puts a
-rule behind the others, where an earlier one may leave it nothing to decide;
-"rule insert" puts it where you say. Positions are those that "tarnfw
-profile show" prints:
+rule after the others, where an earlier one may shadow it; "rule insert"
+puts it at the given position. Positions are those that "tarnfw profile
+show" prints:
 
   tarnfw rule move 3 1 --adapter eth0
   tarnfw rule off 2 --adapter eth0      keep it, without effect
   tarnfw rule delete 2 --adapter eth0
 
-Connections that exist already are not cut by a rule that denies. "allow"
-passes a packet on to what others filter behind the firewall; "deny" drops
-it without an answer. Options are listed in "tarnfw help rule add".
+A denying rule does not cut existing connections. After "allow", a packet
+still passes the rules of other programs; "deny" drops it without an answer.
+"tarnfw help rule add" lists the options.
 )";
 
 constexpr char kAddresses[] = R"(Addresses
 
-What stands behind "from" or "to" in a rule:
+After "from" or "to" in a rule:
 
   192.168.1.20                  one address
-  192.168.1.0/24                a network, by the length of its prefix
+  192.168.1.0/24                a network, by its prefix length
   192.168.1.0/255.255.255.0     the same, by its mask
-  10.0.0.5-10.0.0.9             from the first to the last, both included
+  10.0.0.5-10.0.0.9             a range, including both ends
   2001:db8::/64                 IPv6 in all these forms, but without masks
   country CN,RU                 everybody in these countries
-  anywhere                      no matter who; the same as leaving it out
+  anywhere                      any address; the same as leaving it out
 
-A rule with an address is for the family of that address. Rules without one
-are for IPv4 and IPv6; the options --v4 and --v6 limit them to one. A rule
-that allows an IPv4 address therefore says nothing about IPv6: the same
-client over IPv6 needs a rule of its own.
+A rule with an address is for the family of that address. A rule without one
+is for IPv4 and IPv6; the options --v4 and --v6 limit it to one. So a rule
+that allows an IPv4 address says nothing about IPv6: the same client needs
+another rule for IPv6.
 
 Countries need a database in /usr/share/xt_geoip and the kernel's geoip
-match. "tarnfw geoip list" tells which countries there are, "tarnfw geoip
-check 203.0.113.9" whose an address is. A country without data for a family
-is left out there, and a rule that is left with none has no effect in that
-family.
+match. "tarnfw geoip list" lists the countries; "tarnfw geoip check
+203.0.113.9" shows the country of an address. A country without data for a
+family is left out in that family; a rule without any country left has no
+effect there.
 
-Names of hosts are not addresses: a rule could not follow them when they
-change.
+Host names are not accepted: a rule could not follow their changes.
 )";
 
 constexpr char kServices[] = R"(Services
 
-A service is a name for ports: "allow service smb" opens what file sharing
-needs, and you need not know which ports those are.
+A service is a name for ports: "allow service smb" opens the ports of file
+sharing, and you need not know them.
 
   tarnfw services               names, titles and ports
-  tarnfw services 'smb*'        those whose names are like that
+  tarnfw services 'smb*'        those whose name or title matches
   tarnfw rule add --adapter eth0 allow service smb,nfs from 192.168.1.0/24
 
-The catalogue is made of the files in /usr/tarn/etc.defaults/services.d,
-which packages bring, and /usr/tarn/etc/services.d, which is yours: a file
-there adds a service or replaces one. Such a file holds
+The catalogue consists of the files in /usr/tarn/etc.defaults/services.d,
+which packages install, and /usr/tarn/etc/services.d, which is yours: a file
+there adds or replaces a service. Such a file holds
 
   {"name": "web_admin", "title": "Administration over the web",
    "dst": {"protocol": "tcp", "ports": ["8443", "9000-9010"]}}
 
-After a change "tarnfw service update" brings all profiles up to date.
-A service that has left the catalogue leaves the rules with it.
+After a change, "tarnfw service update" updates all profiles. A service that
+is no longer in the catalogue is removed from the rules.
 
-A service can be kept open, or closed, in every profile there is:
+A service can be allowed, or denied, in every profile:
 
   tarnfw service reserve ssh allow --adapter eth0
   tarnfw service release ssh
 
-Such reserved rules stand ahead of all others of the adapter. "release"
-takes the service out of every rule, also of those that you have made.
+Reserved rules come before all others of the adapter. "release" removes the
+service from every rule, including your own.
 
-The options of each command: "tarnfw services --help", and for instance
-"tarnfw help service reserve".
+For the options see "tarnfw services --help" and, for instance, "tarnfw help
+service reserve".
 )";
 
 constexpr char kTrials[] = R"(Trials
 
 A rule can cut the connection that you type it over. A trial puts a profile
-in force for a while, and takes it back unless you say that it works.
+in force for a while, and restores the previous rules unless you confirm.
 
   tarnfw profile copy default home      change a copy, not the active one
   tarnfw rule add --profile home --adapter eth0 deny tcp 23
@@ -177,37 +177,37 @@ in force for a while, and takes it back unless you say that it works.
 
 Now open a new connection to see whether you can still reach the machine.
   Enter in the first terminal, or "tarnfw try --confirm" in another one,
-  keeps the rules: the profile is the active one from then on.
-  Doing nothing, Ctrl-C, or "tarnfw try --cancel" brings the former rules
-  back.
+  keeps the rules and makes the profile the active one.
+  Doing nothing, Ctrl-C, or "tarnfw try --cancel" restores the previous
+  rules.
 
-They come back as well when the terminal is lost or the command is killed: a
-process of its own watches over the trial and outlives both.
+They are also restored when the terminal is lost or the command is killed: a
+separate process watches the trial and outlives both.
 
-During a trial no connection passes merely because it exists already. When
-your terminal goes on answering, the new rules let it in; when it freezes,
-wait until the time is over.
+During a trial, existing connections pass only if the rules allow them. If
+your terminal keeps answering, the new rules let it in; if it freezes, wait
+until the time is over.
 
-Only one trial runs at a time. A profile that is tried is stored beside the
-others under a name that begins with ".test_" until the trial ends; a copy
-that was left behind by a crash goes away with "tarnfw try --cancel".
+Only one trial runs at a time. Until it ends, the profile is also stored
+under a name that begins with ".test_"; "tarnfw try --cancel" removes a copy
+that a crash has left.
 
-Before a trial, "tarnfw check home --kernel" tells what is wrong with a
-profile, and "tarnfw preview home" what would run. Neither changes anything.
+Before a trial, "tarnfw check home --kernel" lists the profile's errors, and
+"tarnfw preview home" shows what would run. Neither changes anything.
 )";
 
 constexpr char kExitStatus[] = R"(Exit status
 
   0    done
-  1    failed; what and why is on standard error
-  2    wrong usage, with the nearest right command where there is one
-  3    a document that does not check
+  1    failed; the reason is on standard error
+  2    wrong usage; the message suggests the nearest command
+  3    an invalid document, profile or rule
   4    not root
-  10   the answer is not the good one:
+  10   a negative answer:
          blocked, explain   blocked somewhere, or from some addresses
          diff               the kernel does not hold what it should
 
-So a script can ask whether a service can be reached before it relies on it:
+So a script can check whether a service is open before it relies on it:
 
   if tarnfw blocked --service nfs --adapter eth0 >/dev/null; then
       echo "nfs is open on eth0"
@@ -215,21 +215,21 @@ So a script can ask whether a service can be reached before it relies on it:
 
 "tarnfw geoip check" ends with 1 for an address that is in no country.
 
-Complaints go to standard error, one line each that begins with "tarnfw:".
-Lines of the library, which tell where something went wrong, may stand
-before it. So may, without "tarnfw:", what "import" finds wrong with a
-document: one line each that begins with its name, as those of "check".
+Errors go to standard error, one line each that begins with "tarnfw:". Lines
+of the library, with the place where something failed, may come before it.
+So may the findings of "import", without "tarnfw:": one line each that
+begins with the document's name, like those of "check".
 Answers go to standard output, as text for people; with --json as one
 document whose keys stay the same from version to version.
-Colours and progress are for terminals alone, and no colour is used when
+Colours and progress appear only on terminals, and no colour is used if
 NO_COLOR is set.
 )";
 
 constexpr char kFiles[] = R"(Files
 
-Yours; this is what to back up:
+Yours; back these up:
   /usr/tarn/etc/firewall.d/*.json
-      the profiles, one a file. The name in the file counts, not the file's.
+      the profiles, one per file, found by the "name" inside
   /usr/tarn/etc/firewall.d/firewall_settings.json
       whether the firewall is enabled ("status") and which profile is
       active ("profile"). Changing it by hand changes nothing in the kernel.
@@ -238,7 +238,7 @@ Yours; this is what to back up:
 
 The system's:
   /usr/tarn/etc.defaults/firewall_default_profile.json
-      the first profile, which "tarnfw base up" writes where there is none
+      the first profile, which "tarnfw base up" writes if there is none
   /usr/tarn/etc.defaults/services.d/*.json
       the catalogue of services
   /usr/tarn/etc.defaults/iptables_modules_list
@@ -248,66 +248,66 @@ The system's:
   /usr/tarn/libexec/hooks/net/
       programs that run when the firewall is enabled or disabled
 
-Of the moment, made anew when needed:
+Temporary, created again when needed:
   /run/tarn, /var/lock/firewall
       locks, and what "tarnfw base up" has added to the packet filter
 
-All of it as one document, and back again on this machine or another one:
+All of it as one document, and back on this machine or another one:
 
   tarnfw export backup.json
   tarnfw import --dry-run backup.json   what would change
   tarnfw import backup.json             keeps a copy of what it replaces
 
-Let the tool change profiles rather than an editor: "tarnfw profile edit"
-stores only what checks, and two commands at once do not lose each other's
-changes. Only root may be able to write these directories.
+Change profiles with the tool rather than with an editor: "tarnfw profile
+edit" stores only valid documents, and two commands at once do not lose each
+other's changes. Only root may have write access to these directories.
 )";
 
 constexpr char kIptables[] = R"(For those who know iptables
 
 "tarnfw base up" adds this to the table "filter", for IPv4 and IPv6, and
-"tarnfw base down" takes away what it has added:
+"tarnfw base down" removes what it has added:
 
   INPUT   -> FIREWALL_RELOADING -> INPUT_FIREWALL   -> yours -> ACCEPT
   FORWARD -> FIREWALL_RELOADING -> FORWARD_FIREWALL -> yours -> ACCEPT
 
 Nothing else is touched: not OUTPUT, no other table, no chain of others.
-Every rule goes into both chains, and so does first of all:
+Every rule goes into both chains. These lines come first:
 
   -i lo -j ACCEPT
   -m state --state ESTABLISHED,RELATED -j ACCEPT
-  IPv6: neighbour discovery, from link-local addresses where it must be
+  IPv6: neighbour discovery, from link-local addresses where required
 
-Then come the rules of "global", those of the other adapters in byte order
-of their names, and behind each adapter's its default policy.
+Then come the rules of "global", then those of the other adapters in byte
+order of their names, and after each adapter's rules its default policy.
 
   allow tcp 22 from 192.168.1.20 on eth0
       -i eth0 -s 192.168.1.20 -p tcp --dport 22 -j RETURN
   default policy "deny" of eth0
       -i eth0 -j DROP
 
-"allow" is RETURN and not ACCEPT, so what you have behind the chains still
-filters. A rule can become several lines: one for each protocol and each
+"allow" is RETURN and not ACCEPT, so your own rules after the chains still
+filter. A rule can become several lines: one for each protocol and each
 seven ports or ranges of ports.
 
-While a reload runs line by line, the policies of INPUT and FORWARD are DROP
-and FIREWALL_RELOADING accepts what is established.
+During a reload in apply mode "lines", the policies of INPUT and FORWARD are
+DROP, and FIREWALL_RELOADING accepts established connections.
 
   tarnfw preview                the lines of the active profile
   tarnfw preview --format restore
-  tarnfw diff                   the kernel against what should be there
+  tarnfw diff                   compare the kernel with the profile
 )";
 
 }  // namespace
 
 const std::vector<HelpTopic>& helpTopics() {
     static const std::vector<HelpTopic> topics = {
-        {"first-steps", "from an open machine to a first profile in force", kFirstSteps},
+        {"first-steps", "from installing to a first profile in force", kFirstSteps},
         {"profiles", "sets of rules, adapters and default policies", kProfiles},
         {"rules", "the words of a rule, and the order of rules", kRules},
         {"addresses", "addresses, networks, ranges and countries", kAddresses},
-        {"services", "names for ports, and services open in every profile", kServices},
-        {"trials", "new rules that go away unless you confirm them", kTrials},
+        {"services", "names for ports, and services allowed in every profile", kServices},
+        {"trials", "new rules for a while, unless you confirm them", kTrials},
         {"exit-status", "what scripts can rely on", kExitStatus},
         {"files", "where everything is, and what to back up", kFiles},
         {"iptables", "how rules become chains", kIptables},
