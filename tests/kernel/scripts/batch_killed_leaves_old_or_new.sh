@@ -1,7 +1,7 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
 # A batch that is killed at any moment leaves the old rules or the new ones in each family, no mixture.
 readonly kSeed=${TARN_SEED:-20260101}
-readonly kKills=300
+readonly kKills=$((${TARN_LONG:-0} ? 300 : 30))
 
 # document NUMBER: rules that differ from those of another number in each line.
 document() {
