@@ -237,8 +237,8 @@ void run(const std::string& side) {
 void store(int rules, const std::string& mode) {
     FW::FWPROFILE profile = makeProfile(kProfile, RuleKind::Plain, rules);
     FW::FWRULE open;
-    open.ipGroup = 5;
-    open.portGroup = 1;
+    open.ipGroup = FW::FW_IP_GROUP_ANY;
+    open.portGroup = FW::FW_PORT_GROUP_PORTS;
     open.portList = {"443"};
     std::vector<FW::FWRULE>& list = profile.rules[kAdapter];
     list.insert(list.begin(), open);

@@ -22,13 +22,13 @@ int main(int argc, char* argv[]) {
 
     FW::FWRULE rule;
     rule.name = "opened by an example";
-    rule.ipType = 2;   // IPv4 and IPv6
-    rule.ipGroup = 5;  // any address
-    rule.portGroup = 1;
+    rule.ipType = FW::FW_IP_TYPE_BOTH;
+    rule.ipGroup = FW::FW_IP_GROUP_ANY;
+    rule.portGroup = FW::FW_PORT_GROUP_PORTS;
     rule.protocol =
         std::string(argv[1]) == "udp" ? FW::FW_PORT_PROTOCOL_UDP : FW::FW_PORT_PROTOCOL_TCP;
     rule.portList = {argv[2]};
-    auto& rules = profile.rules["global"];
+    auto& rules = profile.rules[FW::FW_ADAPTER_GLOBAL];
     rules.insert(rules.begin(), rule);
 
     Json::Value commands;
@@ -36,7 +36,7 @@ int main(int argc, char* argv[]) {
         !firewall.fwIptablesRulesEnum(name, commands, true)) {
         return 1;
     }
-    for (const Json::Value& line : commands["v4"]["global"]) {
+    for (const Json::Value& line : commands["v4"][FW::FW_ADAPTER_GLOBAL]) {
         std::cout << "/sbin/iptables " << line.asString() << '\n';
     }
     return 0;

@@ -17,7 +17,6 @@
 #include "tarnfirewall/tarnFW.h"
 #include "tarnfirewall/utils.h"
 
-#include "fwCodes.h"
 #include "fwLog.h"
 #include "fwPaths.h"
 #include "fwStoreFiles.h"
@@ -164,9 +163,9 @@ void appendRules(const Json::Value& in, std::map<std::string, std::vector<FWRULE
 Policies withDefaults(const FWPROFILE& profile) {
     Policies policies = profile.adapterPolicyMap;
     for (const auto& [adapter, rules] : profile.rules) {
-        policies.emplace(adapter, adapter == kGlobalAdapter ? FW_POLICY_NONE : FW_POLICY_ALLOW);
+        policies.emplace(adapter, adapter == FW_ADAPTER_GLOBAL ? FW_POLICY_NONE : FW_POLICY_ALLOW);
     }
-    policies[kGlobalAdapter] = FW_POLICY_NONE;
+    policies[FW_ADAPTER_GLOBAL] = FW_POLICY_NONE;
     return policies;
 }
 

@@ -1,6 +1,5 @@
 #include "fwFragments.h"
 
-#include "fwCodes.h"
 #include "fwPortMatch.h"
 
 namespace FW {
@@ -23,12 +22,12 @@ void appendLine(Json::Value& lines, const std::string& line) {
 }  // namespace
 
 const std::array<Family, 2> kFamilies = {{
-    {"v4", 0, kIpV4Only, kIcmpV6},
-    {"v6", 1, kIpV6Only, kIcmpV4},
+    {"v4", 0, FW_IP_TYPE_V4, kIcmpV6},
+    {"v6", 1, FW_IP_TYPE_V6, kIcmpV4},
 }};
 
 bool Family::isOf(std::int32_t type) const {
-    return type == ipType || type == kIpBoth;
+    return type == ipType || type == FW_IP_TYPE_BOTH;
 }
 
 void Fragments::clear() {

@@ -13,7 +13,6 @@
 #include "tarnserviceconf.h"
 
 #include "fwCatalogue.h"
-#include "fwCodes.h"
 #include "fwFragments.h"
 #include "fwInterfaces.h"
 #include "fwLog.h"
@@ -93,8 +92,9 @@ bool isUsableLocalIp(const std::string& localIp) {
 
 /// Whether a rule matches an address, a network or a range of IPv4, whatever its family says.
 bool hasIpv4Address(const FWRULE& rule) {
-    const bool hasAddress =
-        rule.ipGroup == kIpSingle || rule.ipGroup == kIpNetwork || rule.ipGroup == kIpRange;
+    const bool hasAddress = rule.ipGroup == FW_IP_GROUP_SINGLE ||
+                            rule.ipGroup == FW_IP_GROUP_NETWORK ||
+                            rule.ipGroup == FW_IP_GROUP_RANGE;
     return hasAddress && !rule.ipList.empty() && isIpv4(rule.ipList[0]);
 }
 
@@ -107,8 +107,8 @@ std::string establishedLine(const std::string& chainStart, const std::string& ex
 void appendFixedLines(bool acceptEstablished, const std::string& localIp, Json::Value& out) {
     const std::string exceptedV4 = !localIp.empty() && isIpv4(localIp) ? localIp : "";
     const std::string exceptedV6 = !localIp.empty() && isIpv6(localIp) ? localIp : "";
-    Json::Value& v4 = out["v4"][kGlobalAdapter];
-    Json::Value& v6 = out["v6"][kGlobalAdapter];
+    Json::Value& v4 = out["v4"][FW_ADAPTER_GLOBAL];
+    Json::Value& v6 = out["v6"][FW_ADAPTER_GLOBAL];
     for (const std::string& chain : FW_FIREWALL_CHAINS) {
         const std::string start = "-A " + chain;
         v4.append(start + kLoopbackLine);
@@ -129,9 +129,9 @@ void appendFixedLines(bool acceptEstablished, const std::string& localIp, Json::
 FWRULE defaultRule(FW_POLICY policy) {
     FWRULE rule;
     rule.policy = policy;
-    rule.ipType = kIpBoth;
-    rule.ipGroup = kIpAny;
-    rule.portGroup = kPortAny;
+    rule.ipType = FW_IP_TYPE_BOTH;
+    rule.ipGroup = FW_IP_GROUP_ANY;
+    rule.portGroup = FW_PORT_GROUP_ANY;
     return rule;
 }
 
@@ -187,7 +187,7 @@ public:
 
     /// Skips a rule that is not for use now. False when it cannot be converted.
     bool append(const FWRULE& rule) {
-        if (!rule.enable || adapter_ == kPppoeUsualInterface || !isEnabled() ||
+        if (!rule.enable || adapter_ == FW_PPPOE_INTERFACE || !isEnabled() ||
             rule.policy == FW_POLICY_NONE) {
             return true;
         }
@@ -196,7 +196,7 @@ public:
         }
         if (const auto router = tunnelFor(translation_, adapter_, rule)) {
             FWRULE ipv6Rule = rule;
-            ipv6Rule.ipType = kIpV6Only;
+            ipv6Rule.ipType = FW_IP_TYPE_V6;
             appendTunnelRule(translation_, ipv6Rule, *router, out_);
         }
         return true;
@@ -242,7 +242,7 @@ bool translateProfile(TARNFW_IPTABLES_RULES& translator, RuleTranslation& transl
         completed[adapter].rules = &list;
     }
     for (const auto& [adapter, policy] : adapterPolicy) {
-        if (adapter != kPppoeUsualInterface && translator.adapterIsEnabled(adapter)) {
+        if (adapter != FW_PPPOE_INTERFACE && translator.adapterIsEnabled(adapter)) {
             completed[adapter].closing = defaultRule(policy);
         }
     }
@@ -372,14 +372,14 @@ void TARNFW_IPTABLES_RULES::pppoeAdaterGet() {
 }
 
 bool TARNFW_IPTABLES_RULES::adapterIsEnabled(const std::string& adapter) {
-    if (adapter == kGlobalAdapter) {
+    if (adapter == FW_ADAPTER_GLOBAL) {
         return true;
     }
-    if (adapter == kVpnAdapter) {
+    if (adapter == FW_ADAPTER_VPN) {
         (void)vpnAdatperEnum();  // logs for itself; a failure leaves the list empty
         return !vpnAdapters_.empty();
     }
-    if (adapter == kPppoeAdapter) {
+    if (adapter == FW_ADAPTER_PPPOE) {
         pppoeAdaterGet();
         return !pppoeInterface_.empty();
     }

@@ -8,7 +8,6 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-#include "fwCodes.h"
 #include "fwText.h"
 
 namespace FW {
@@ -182,10 +181,10 @@ void makePrintable(std::string& text) {
 
 bool RestoreText::make(const Json::Value& family, RestoreLine& fault) {
     RestoreTable& filter = table(kFilter);
-    filter.adapters.front() = kGlobalAdapter;
+    filter.adapters.front() = FW_ADAPTER_GLOBAL;
     for (const std::string& chain : FW_FIREWALL_CHAINS) {
         filter.text += "-F " + chain + "\n";
-        filter.adapters.emplace_back(kGlobalAdapter);
+        filter.adapters.emplace_back(FW_ADAPTER_GLOBAL);
         filter.chains.insert(chain);
     }
     const auto addLines = [&](const std::string& adapter) {
@@ -199,12 +198,12 @@ bool RestoreText::make(const Json::Value& family, RestoreLine& fault) {
             return true;
         });
     };
-    if (family.isMember(kGlobalAdapter) && !addLines(kGlobalAdapter)) {
+    if (family.isMember(FW_ADAPTER_GLOBAL) && !addLines(FW_ADAPTER_GLOBAL)) {
         return false;
     }
     const std::vector<std::string> adapters = family.getMemberNames();
     return std::all_of(adapters.begin(), adapters.end(), [&](const std::string& adapter) {
-        return adapter == kGlobalAdapter || addLines(adapter);
+        return adapter == FW_ADAPTER_GLOBAL || addLines(adapter);
     });
 }
 

@@ -7,7 +7,6 @@
 
 #include "tarnfirewall/fwGeoip.h"
 
-#include "fwCodes.h"
 #include "fwLog.h"
 #include "fwPortMatch.h"
 #include "fwRouterInterface.h"
@@ -24,7 +23,9 @@ struct AddressMatch {
     const char* source;
     const char* destination;
 
-    const char* of(const FWRULE& rule) const { return rule.ipDirect != 0 ? source : destination; }
+    const char* of(const FWRULE& rule) const {
+        return rule.ipDirect != FW_IP_DIRECT_DESTINATION ? source : destination;
+    }
 };
 
 constexpr AddressMatch kAddressMatch = {"-s ", "-d "};
@@ -92,7 +93,7 @@ void appendRawProtocols(const std::string& service, Texts& fragments) {
 }  // namespace
 
 const std::string& RuleTranslation::interfaceOf(const std::string& adapter) {
-    if (adapter != kPppoeAdapter) {
+    if (adapter != FW_ADAPTER_PPPOE) {
         return adapter;
     }
     translator_.pppoeAdaterGet();
@@ -143,19 +144,19 @@ bool RuleTranslation::convert(const std::string& adapter, const FWRULE& rule,
 
 bool RuleTranslation::adapterFragments(const std::string& adapter, const FWRULE& rule,
                                        Texts& fragments) {
-    const char* const prefix = rule.adapterDirect != 0 ? "-i " : "-o ";
+    const char* const prefix = rule.adapterDirect != FW_ADAPTER_DIRECT_OUT ? "-i " : "-o ";
     for (const std::string& predefined : FW_PREDEFINED_ADAPTERS) {
         if (adapter != predefined) {
             continue;
         }
-        if (predefined == kPppoeAdapter) {
+        if (predefined == FW_ADAPTER_PPPOE) {
             translator_.pppoeAdaterGet();
             if (translator_.pppoeInterface_.empty()) {
                 FW_LOG_ERR("pppoe interface is empty");
                 return false;
             }
             fragments.push_back(prefix + translator_.pppoeInterface_);
-        } else if (predefined == kVpnAdapter) {
+        } else if (predefined == FW_ADAPTER_VPN) {
             if (!translator_.vpnAdatperEnum()) {
                 FW_LOG_ERR("Failed to vpnAdatperEnum()");
                 return false;
@@ -163,7 +164,7 @@ bool RuleTranslation::adapterFragments(const std::string& adapter, const FWRULE&
             for (const std::string& vpn : translator_.vpnAdapters_) {
                 fragments.push_back(prefix + vpn);
             }
-        } else if (predefined == kGlobalAdapter) {
+        } else if (predefined == FW_ADAPTER_GLOBAL) {
             fragments.emplace_back();
         } else {
             // A name added to the list without a meaning here must not pass for an interface.
@@ -186,25 +187,25 @@ bool RuleTranslation::ipFragments(const FWRULE& rule, std::array<Texts, 2>& frag
         }
     };
     switch (rule.ipGroup) {
-        case kIpSingle:
+        case FW_IP_GROUP_SINGLE:
             appendToEachFamily(addressMatch(kAddressMatch.of(rule), rule));
             break;
-        case kIpNetwork:
+        case FW_IP_GROUP_NETWORK:
             appendToEachFamily(addressMatch(kAddressMatch.of(rule), rule, '/'));
             break;
-        case kIpNone:
+        case FW_IP_GROUP_NONE:
             break;  // no address, so no line: not the same as any address
-        case kIpCountries:
+        case FW_IP_GROUP_COUNTRIES:
             for (const Family& family : kFamilies) {
                 if (family.isOf(rule.ipType)) {
                     appendCountries(rule, family, fragments[family.index]);
                 }
             }
             break;
-        case kIpRange:
+        case FW_IP_GROUP_RANGE:
             appendToEachFamily(addressMatch(kRangeMatch.of(rule), rule, '-'));
             break;
-        case kIpAny:
+        case FW_IP_GROUP_ANY:
             // Whatever the rule's families are; the assembly of the lines keeps to them.
             fragments[0].emplace_back();
             fragments[1].emplace_back();
@@ -234,17 +235,18 @@ void RuleTranslation::appendCountries(const FWRULE& rule, const Family& family, 
 
 bool RuleTranslation::portFragments(const FWRULE& rule, Texts& fragments) {
     switch (rule.portGroup) {
-        case kPortServices:
-        case kPortServicesReserved:
+        case FW_PORT_GROUP_SERVICES:
+        case FW_PORT_GROUP_RESERVED:
             if (!serviceFragments(rule.portList, fragments)) {
                 FW_LOG_ERR("Failed to servPortToCmd()");
                 return false;
             }
             return true;
-        case kPortCustom:
-            appendPorts(rule.protocol, rule.portDirect != 0, rule.portList, fragments);
+        case FW_PORT_GROUP_PORTS:
+            appendPorts(rule.protocol, rule.portDirect != FW_PORT_DIRECT_DESTINATION, rule.portList,
+                        fragments);
             return true;
-        case kPortAny:
+        case FW_PORT_GROUP_ANY:
             fragments.emplace_back();
             return true;
         default:

@@ -2,26 +2,16 @@
 
 #include <algorithm>
 
-#include "fwCodes.h"
-
 namespace FW {
 namespace {
-
-bool namesServices(const FWRULE& rule) {
-    return (rule.portGroup & ~kPortServicesReserved) == kPortServices;
-}
-
-bool isReserved(const FWRULE& rule) {
-    return rule.portGroup == kPortServicesReserved && rule.ipGroup == kIpAny;
-}
 
 FWRULE reservedRule(const std::string& service, FW_POLICY policy) {
     FWRULE rule;
     rule.policy = policy;
     rule.name = "Service";
-    rule.ipType = kIpBoth;
-    rule.ipGroup = kIpAny;
-    rule.portGroup = kPortServicesReserved;
+    rule.ipType = FW_IP_TYPE_BOTH;
+    rule.ipGroup = FW_IP_GROUP_ANY;
+    rule.portGroup = FW_PORT_GROUP_RESERVED;
     rule.protocol = FW_PORT_PROTOCOL_TCP_UDP;
     rule.portList = {service};
     return rule;
@@ -35,9 +25,10 @@ void removeFirst(std::vector<std::string>& names, const std::string& name) {
 }
 
 void dropRulesWithoutService(std::vector<FWRULE>& list) {
-    list.erase(std::remove_if(
-                   list.begin(), list.end(),
-                   [](const FWRULE& rule) { return namesServices(rule) && rule.portList.empty(); }),
+    list.erase(std::remove_if(list.begin(), list.end(),
+                              [](const FWRULE& rule) {
+                                  return fwRuleNamesServices(rule) && rule.portList.empty();
+                              }),
                list.end());
 }
 
@@ -67,7 +58,7 @@ void updateRule(FWRULE& rule, const ServiceProtocol& protocolOf) {
 void reserveService(std::map<std::string, std::vector<FWRULE>>& rules, const std::string& adapter,
                     const std::string& service, FW_POLICY policy) {
     std::vector<FWRULE>& list = rules[adapter];
-    if (!list.empty() && isReserved(list[0]) && list[0].enable && list[0].policy == policy) {
+    if (!list.empty() && fwRuleIsReserved(list[0]) && list[0].enable && list[0].policy == policy) {
         std::vector<std::string>& names = list[0].portList;
         if (std::find(names.begin(), names.end(), service) == names.end()) {
             names.push_back(service);
@@ -75,7 +66,7 @@ void reserveService(std::map<std::string, std::vector<FWRULE>>& rules, const std
         return;
     }
     for (FWRULE& rule : list) {
-        if (isReserved(rule)) {
+        if (fwRuleIsReserved(rule)) {
             removeFirst(rule.portList, service);
         }
     }
@@ -86,7 +77,7 @@ void reserveService(std::map<std::string, std::vector<FWRULE>>& rules, const std
 void removeService(std::map<std::string, std::vector<FWRULE>>& rules, const std::string& service) {
     for (auto& [adapter, list] : rules) {
         for (FWRULE& rule : list) {
-            if (namesServices(rule)) {
+            if (fwRuleNamesServices(rule)) {
                 removeFirst(rule.portList, service);
             }
         }
@@ -96,7 +87,7 @@ void removeService(std::map<std::string, std::vector<FWRULE>>& rules, const std:
 
 void updateServices(std::vector<FWRULE>& list, const ServiceProtocol& protocolOf) {
     for (FWRULE& rule : list) {
-        if (namesServices(rule)) {
+        if (fwRuleNamesServices(rule)) {
             updateRule(rule, protocolOf);
         }
     }

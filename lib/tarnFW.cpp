@@ -13,7 +13,6 @@
 #include "tarnfirewall/tarnIptablesModule.h"
 #include "tarnfirewall/utils.h"
 
-#include "fwCodes.h"
 #include "fwInterfaces.h"
 #include "fwLog.h"
 #include "fwPaths.h"
@@ -51,7 +50,7 @@ constexpr int kExecLockSeconds = 30;
 Json::Value documentOf(const std::array<const char*, 3>& lines) {
     Json::Value family;
     for (const char* const line : lines) {
-        family[kGlobalAdapter].append(line);
+        family[FW_ADAPTER_GLOBAL].append(line);
     }
     Json::Value document;
     document["v4"] = family;
@@ -77,11 +76,12 @@ bool runLines(TARNFW& firewall, const std::string& tool, const Json::Value& line
 
 /// Runs the lines of one family, "global" first.
 bool runFamily(TARNFW& firewall, const std::string& tool, const Json::Value& family) {
-    if (family.isMember(kGlobalAdapter) && !runLines(firewall, tool, family[kGlobalAdapter])) {
+    if (family.isMember(FW_ADAPTER_GLOBAL) &&
+        !runLines(firewall, tool, family[FW_ADAPTER_GLOBAL])) {
         return false;
     }
     for (const std::string& adapter : family.getMemberNames()) {
-        if (adapter != kGlobalAdapter && !runLines(firewall, tool, family[adapter])) {
+        if (adapter != FW_ADAPTER_GLOBAL && !runLines(firewall, tool, family[adapter])) {
             return false;
         }
     }

@@ -8,7 +8,6 @@
 #include "tarnserviceconf.h"
 
 #include "fwCatalogue.h"
-#include "fwCodes.h"
 #include "fwServiceRules.h"
 #include "fwVerdict.h"
 #include "tarnFWInternal.h"
@@ -31,8 +30,8 @@ bool anyEntryMatches(const PortCompareST& query, const FWRULE& rule,
 
 bool ruleMatches(TARNFW& firewall, const PortCompareST& query, const FWRULE& rule) {
     switch (rule.portGroup) {
-        case kPortServices:
-        case kPortServicesReserved: {
+        case FW_PORT_GROUP_SERVICES:
+        case FW_PORT_GROUP_RESERVED: {
             ServPort ports;
             if (!firewall.servToPorts(rule.portList, ports)) {
                 FW_LOG_ERR("Failed to servToPorts()");
@@ -42,10 +41,10 @@ bool ruleMatches(TARNFW& firewall, const PortCompareST& query, const FWRULE& rul
             return anyEntryMatches(query, rule, ports.srcPorts) ||
                    anyEntryMatches(query, rule, ports.dstPorts);
         }
-        case kPortCustom:
+        case FW_PORT_GROUP_PORTS:
             return portsMatch(query, rule.portDirect, rule.protocol, rule.portList,
                               rule.policy == FW_POLICY_DENY);
-        case kPortAny:
+        case FW_PORT_GROUP_ANY:
             return true;
         default:
             return false;
@@ -115,7 +114,8 @@ void Evaluation::evaluateRules(const std::vector<FWRULE>& rules, const std::stri
             take(stepOf(FW_VERDICT_STEP_NO_DEFAULT, key, FW_POLICY_ALLOW));
         }
         blockingMatched = blockingMatched || rule.policy == FW_POLICY_DENY;
-        const VerdictStep next = nextVerdict(verdicts_[key], rule.policy, rule.ipGroup == kIpAny);
+        const VerdictStep next =
+            nextVerdict(verdicts_[key], rule.policy, rule.ipGroup == FW_IP_GROUP_ANY);
         FWVERDICTSTEP step = stepOf(FW_VERDICT_STEP_RULE, key, next.verdict);
         step.list = key;
         step.position = position;
@@ -127,7 +127,7 @@ void Evaluation::evaluateRules(const std::vector<FWRULE>& rules, const std::stri
         }
     }
     // Global rules that allow some addresses and block none leave the word to the adapters' own.
-    if (key == kGlobalAdapter && !blockingMatched) {
+    if (key == FW_ADAPTER_GLOBAL && !blockingMatched) {
         const auto global = verdicts_.find(key);
         if (global != verdicts_.end() && global->second == FW_POLICY_ALLOW_SOME) {
             take(stepOf(FW_VERDICT_STEP_LEFT, key, FW_POLICY_NONE));
@@ -153,17 +153,17 @@ std::vector<std::string> adaptersAsked(const FWPROFILE& profile, const std::stri
 
 /// Lets the rules of "global" decide. Returns whether they did, for every adapter asked about.
 bool Evaluation::decideGlobally(const std::string& adapter) {
-    const auto global = profile_.rules.find(kGlobalAdapter);
+    const auto global = profile_.rules.find(FW_ADAPTER_GLOBAL);
     if (global == profile_.rules.end()) {
         return false;
     }
-    evaluateRules(global->second, kGlobalAdapter);
-    const FW_POLICY verdict = verdicts_[kGlobalAdapter];
+    evaluateRules(global->second, FW_ADAPTER_GLOBAL);
+    const FW_POLICY verdict = verdicts_[FW_ADAPTER_GLOBAL];
     if (!isDecided(verdict)) {
         return false;
     }
     for (const std::string& asked : adaptersAsked(profile_, adapter)) {
-        if (asked != kGlobalAdapter) {
+        if (asked != FW_ADAPTER_GLOBAL) {
             take(stepOf(FW_VERDICT_STEP_DECIDED, asked, verdict));
         }
     }
@@ -172,7 +172,7 @@ bool Evaluation::decideGlobally(const std::string& adapter) {
 
 /// The verdicts that the check begins with.
 void Evaluation::begin(const std::string& adapter) {
-    take(stepOf(FW_VERDICT_STEP_GLOBAL, kGlobalAdapter, FW_POLICY_NONE));
+    take(stepOf(FW_VERDICT_STEP_GLOBAL, FW_ADAPTER_GLOBAL, FW_POLICY_NONE));
     for (const std::string& asked : adaptersAsked(profile_, adapter)) {
         const auto policy = profile_.adapterPolicyMap.find(asked);
         if (policy != profile_.adapterPolicyMap.end()) {

@@ -24,7 +24,7 @@ constexpr int kFailure = -1;
 constexpr int kErrorBadParameter = 0x0D00;
 
 // Where reserved services live: they are meant for every interface.
-constexpr char kReservedAdapter[] = "global";
+constexpr const char* kReservedAdapter = FW::FW_ADAPTER_GLOBAL;
 
 int statusOf(bool result) {
     return result ? kSuccess : kFailure;

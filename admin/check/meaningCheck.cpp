@@ -6,7 +6,6 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-#include "fwCodes.h"
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/portEntry.h"
 #include "tarnfwadmin/store.h"
@@ -117,22 +116,22 @@ void RuleCheck::checkAddresses() {
         return;
     }
     switch (*group) {
-        case FW::kIpSingle:
+        case FW::FW_IP_GROUP_SINGLE:
             checkSingle(*list);
             break;
-        case FW::kIpNetwork:
+        case FW::FW_IP_GROUP_NETWORK:
             checkNetwork(*list);
             break;
-        case FW::kIpNone:
+        case FW::FW_IP_GROUP_NONE:
             useless(at("ipGroup"), std::string("2 matches no address") + kNoEffect);
             break;
-        case FW::kIpCountries:
+        case FW::FW_IP_GROUP_COUNTRIES:
             checkCountries(*list);
             break;
-        case FW::kIpRange:
+        case FW::FW_IP_GROUP_RANGE:
             checkRange(*list);
             break;
-        case FW::kIpAny:
+        case FW::FW_IP_GROUP_ANY:
             superfluous("ipList", 0, list->size(), "ipGroup 5 is any address");
             break;
         default:
@@ -159,9 +158,10 @@ bool RuleCheck::enough(const std::vector<std::string>& list, std::size_t needed,
 std::optional<Address> RuleCheck::address(const std::vector<std::string>& list, std::size_t index) {
     const std::optional<Address> found = addressFrom(list[index]);
     if (!found) {
-        const char* const family = codeOf(rule_, "ipType") == FW::kIpV4Only   ? "an IPv4 address"
-                                   : codeOf(rule_, "ipType") == FW::kIpV6Only ? "an IPv6 address"
-                                                                              : "an address";
+        const char* const family = codeOf(rule_, "ipType") == FW::FW_IP_TYPE_V4 ? "an IPv4 address"
+                                   : codeOf(rule_, "ipType") == FW::FW_IP_TYPE_V6
+                                       ? "an IPv6 address"
+                                       : "an address";
         findings_.error(at("ipList", index), inQuotes(list[index]) + " is not " + family);
     }
     return found;
@@ -170,14 +170,14 @@ std::optional<Address> RuleCheck::address(const std::vector<std::string>& list, 
 void RuleCheck::checkFamily(const Address& address) {
     const std::optional<int> type = codeOf(rule_, "ipType");
     const std::string family = address.isIpv6() ? "IPv6" : "IPv4";
-    const int right = address.isIpv6() ? FW::kIpV6Only : FW::kIpV4Only;
+    const int right = address.isIpv6() ? FW::FW_IP_TYPE_V6 : FW::FW_IP_TYPE_V4;
     if (!type || *type == right) {
         return;
     }
-    if (*type == FW::kIpBoth) {
+    if (*type == FW::FW_IP_TYPE_BOTH) {
         findings_.error(at("ipType"), "2 is both families, but the address is " + family + " (" +
                                           std::to_string(right) + ")");
-    } else if (*type == FW::kIpV4Only || *type == FW::kIpV6Only) {
+    } else if (*type == FW::FW_IP_TYPE_V4 || *type == FW::FW_IP_TYPE_V6) {
         findings_.error(at("ipType"),
                         std::to_string(*type) + (address.isIpv6() ? " is IPv4" : " is IPv6") +
                             ", but the address is " + family + " (" + std::to_string(right) + ")");
@@ -251,8 +251,8 @@ void RuleCheck::checkCountry(const std::string& code, const std::string& where) 
         return;
     }
     const std::optional<int> type = codeOf(rule_, "ipType");
-    const bool lacksV4 = type != FW::kIpV6Only && !machine_.hasCountry(code, false);
-    const bool lacksV6 = type != FW::kIpV4Only && !machine_.hasCountry(code, true);
+    const bool lacksV4 = type != FW::FW_IP_TYPE_V6 && !machine_.hasCountry(code, false);
+    const bool lacksV6 = type != FW::FW_IP_TYPE_V4 && !machine_.hasCountry(code, true);
     if (lacksV4 || lacksV6) {
         const bool both = lacksV4 && lacksV6;
         findings_.warning(where, "there are no " +
@@ -272,14 +272,14 @@ void RuleCheck::checkPorts() {
         return;
     }
     switch (*group) {
-        case FW::kPortServices:
-        case FW::kPortServicesReserved:
+        case FW::FW_PORT_GROUP_SERVICES:
+        case FW::FW_PORT_GROUP_RESERVED:
             checkServices(*list);
             break;
-        case FW::kPortCustom:
+        case FW::FW_PORT_GROUP_PORTS:
             checkPortEntries(*list);
             break;
-        case FW::kPortAny:
+        case FW::FW_PORT_GROUP_ANY:
             superfluous("portList", 0, list->size(), "portGroup 3 is any port");
             break;
         default:
@@ -374,7 +374,7 @@ void checkAdapter(const std::string& adapter, const std::string& where, Machine&
     if (!isWord(adapter) || adapter.size() > kAdapterBytes ||
         adapter.find_first_of("/:") != std::string::npos) {
         findings.error(where, inQuotes(adapter) + " is not the name of an adapter");
-    } else if (adapter == FW::kPppoeUsualInterface) {
+    } else if (adapter == FW::FW_PPPOE_INTERFACE) {
         findings.warning(where,
                          "what is said for \"ppp0\" is never applied; the adapter of a "
                          "PPPoE connection is \"pppoe\"");
@@ -421,7 +421,8 @@ std::vector<Finding> checkMeaning(const Json::Value& document, Machine& machine)
             }
             RuleCheck(list[i], elementPath(path, i), machine, findings).run();
             const std::optional<int> group = codeOf(list[i], "portGroup");
-            services = services || group == FW::kPortServices || group == FW::kPortServicesReserved;
+            services = services || group == FW::FW_PORT_GROUP_SERVICES ||
+                       group == FW::FW_PORT_GROUP_RESERVED;
         }
     }
     const Value& policies = document["adapterPolicyMap"];

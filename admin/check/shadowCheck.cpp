@@ -13,8 +13,8 @@
 #include <boost/algorithm/string/split.hpp>
 
 #include "tarnfirewall/fwDB.h"
+#include "tarnfirewall/fwTypes.h"
 
-#include "fwCodes.h"
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/portEntry.h"
 #include "tarnfwadmin/ruleText.h"
@@ -132,13 +132,13 @@ struct AddressSet {
 
 std::optional<AddressRange> rangeOf(const FW::FWRULE& rule) {
     const std::vector<std::string>& list = rule.ipList;
-    if (rule.ipGroup == FW::kIpSingle && !list.empty()) {
+    if (rule.ipGroup == FW::FW_IP_GROUP_SINGLE && !list.empty()) {
         return rangeFrom(list[0], list[0]);
     }
-    if (rule.ipGroup == FW::kIpNetwork && list.size() >= 2) {
+    if (rule.ipGroup == FW::FW_IP_GROUP_NETWORK && list.size() >= 2) {
         return networkFrom(list[0], list[1]);
     }
-    if (rule.ipGroup == FW::kIpRange && list.size() >= 2) {
+    if (rule.ipGroup == FW::FW_IP_GROUP_RANGE && list.size() >= 2) {
         return rangeFrom(list[0], list[1]);
     }
     return std::nullopt;
@@ -146,15 +146,16 @@ std::optional<AddressRange> rangeOf(const FW::FWRULE& rule) {
 
 /// What a rule matches in a family; nothing when it has no line there.
 std::optional<AddressSet> addressesOf(const FW::FWRULE& rule, bool ipv6, Machine& machine) {
-    if (rule.ipType != FW::kIpBoth && rule.ipType != (ipv6 ? FW::kIpV6Only : FW::kIpV4Only)) {
+    if (rule.ipType != FW::FW_IP_TYPE_BOTH &&
+        rule.ipType != (ipv6 ? FW::FW_IP_TYPE_V6 : FW::FW_IP_TYPE_V4)) {
         return std::nullopt;
     }
     AddressSet set;
-    set.source = rule.ipDirect != 0;
-    if (rule.ipGroup == FW::kIpAny) {
+    set.source = rule.ipDirect != FW::FW_IP_DIRECT_DESTINATION;
+    if (rule.ipGroup == FW::FW_IP_GROUP_ANY) {
         return set;
     }
-    if (rule.ipGroup == FW::kIpCountries) {
+    if (rule.ipGroup == FW::FW_IP_GROUP_COUNTRIES) {
         std::copy_if(rule.ipList.begin(), rule.ipList.end(),
                      std::inserter(set.countries, set.countries.end()),
                      [&](const std::string& code) { return machine.hasCountry(code, ipv6); });
@@ -183,7 +184,8 @@ struct Matcher {
 
 bool shadows(const Matcher& first, const Matcher& later) {
     const bool sameInterface =
-        first.global || (first.rule.adapterDirect != 0) == (later.rule.adapterDirect != 0);
+        first.global || (first.rule.adapterDirect != FW::FW_ADAPTER_DIRECT_OUT) ==
+                            (later.rule.adapterDirect != FW::FW_ADAPTER_DIRECT_OUT);
     if (!sameInterface || first.rule.table != later.rule.table) {
         return false;
     }
@@ -205,14 +207,14 @@ bool shadows(const Matcher& first, const Matcher& later) {
 /// The record of one rule's document; nothing for a shape that does not convert.
 std::optional<FW::FWRULE> recordOf(const Json::Value& rule) {
     Json::Value document;
-    document[FW::kGlobalAdapter].append(rule);
+    document[FW::FW_ADAPTER_GLOBAL].append(rule);
     std::map<std::string, std::vector<FW::FWRULE>> rules;
     try {
         FW::TARNFW_JSON_DB().jsonToRuleList(document, rules);
     } catch (const Json::Exception&) {
         return std::nullopt;
     }
-    return rules[FW::kGlobalAdapter].front();
+    return rules[FW::FW_ADAPTER_GLOBAL].front();
 }
 
 class ShadowCheck {
@@ -238,7 +240,7 @@ public:
             Matcher matcher{
                 rulePath,
                 *rule,
-                adapter == FW::kGlobalAdapter,
+                adapter == FW::FW_ADAPTER_GLOBAL,
                 PortSet(machine_.portMatches(*rule)),
                 {addressesOf(*rule, false, machine_), addressesOf(*rule, true, machine_)}};
             const bool hasLines =
@@ -295,10 +297,10 @@ std::vector<Finding> checkShadows(const Json::Value& document, const std::vector
     const Json::Value& rules = document["rules"];
     ShadowCheck check(findings, machine);
     const std::vector<Matcher> global =
-        check.matchersOf(rules[FW::kGlobalAdapter], FW::kGlobalAdapter);
+        check.matchersOf(rules[FW::FW_ADAPTER_GLOBAL], FW::FW_ADAPTER_GLOBAL);
     check.check({}, global);
     for (const std::string& adapter : rules.getMemberNames()) {
-        if (adapter != FW::kGlobalAdapter && adapter != FW::kPppoeUsualInterface) {
+        if (adapter != FW::FW_ADAPTER_GLOBAL && adapter != FW::FW_PPPOE_INTERFACE) {
             check.check(global, check.matchersOf(rules[adapter], adapter));
         }
     }

@@ -5,8 +5,8 @@
 #include <json/json.h>
 
 #include "tarnfirewall/fwGeoip.h"
+#include "tarnfirewall/fwTypes.h"
 
-#include "fwCodes.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/ruleText.h"
 
@@ -87,7 +87,8 @@ bool isAddressOrNetwork(const std::string& text, const Address& address) {
 }
 
 bool hasFamily(const FWRULE& rule, bool ipv6) {
-    return rule.ipType == FW::kIpBoth || rule.ipType == (ipv6 ? FW::kIpV6Only : FW::kIpV4Only);
+    return rule.ipType == FW::FW_IP_TYPE_BOTH ||
+           rule.ipType == (ipv6 ? FW::FW_IP_TYPE_V6 : FW::FW_IP_TYPE_V4);
 }
 
 // ---- Rules ----
@@ -95,7 +96,8 @@ bool hasFamily(const FWRULE& rule, bool ipv6) {
 /// Whether a rule has a line in the chain for incoming packets.
 bool hasLine(const FWRULE& rule, const std::string& adapter) {
     // For "global" there is no interface in the line, whichever direction the rule names.
-    const bool incoming = rule.adapterDirect != 0 || adapter == FW::kGlobalAdapter;
+    const bool incoming =
+        rule.adapterDirect != FW::FW_ADAPTER_DIRECT_OUT || adapter == FW::FW_ADAPTER_GLOBAL;
     return rule.enable && incoming && rule.table == kFilterTable &&
            rule.chainList.count(kInputChain) != 0 &&
            (rule.policy == FW::FW_POLICY_ALLOW || rule.policy == FW::FW_POLICY_DENY);
@@ -108,11 +110,11 @@ std::vector<std::string> listsOf(const Packet& packet) {
     lists.erase(std::unique(lists.begin(), lists.end()), lists.end());
     lists.erase(std::remove_if(lists.begin(), lists.end(),
                                [](const std::string& name) {
-                                   return name == FW::kGlobalAdapter ||
-                                          name == FW::kPppoeUsualInterface;
+                                   return name == FW::FW_ADAPTER_GLOBAL ||
+                                          name == FW::FW_PPPOE_INTERFACE;
                                }),
                 lists.end());
-    lists.insert(lists.begin(), FW::kGlobalAdapter);
+    lists.insert(lists.begin(), FW::FW_ADAPTER_GLOBAL);
     return lists;
 }
 
@@ -253,13 +255,13 @@ bool Decider::inCountries(const std::vector<std::string>& countries, const Addre
 
 bool Decider::holdsAddress(const FWRULE& rule, const Address& address) {
     switch (rule.ipGroup) {
-        case FW::kIpSingle:
+        case FW::FW_IP_GROUP_SINGLE:
             return isAddressOrNetwork(at(rule.ipList, 0), address);
-        case FW::kIpNetwork:
+        case FW::FW_IP_GROUP_NETWORK:
             return inNetwork(at(rule.ipList, 0), at(rule.ipList, 1), address);
-        case FW::kIpCountries:
+        case FW::FW_IP_GROUP_COUNTRIES:
             return inCountries(rule.ipList, address);
-        case FW::kIpRange: {
+        case FW::FW_IP_GROUP_RANGE: {
             const auto range = rangeFrom(at(rule.ipList, 0), at(rule.ipList, 1));
             return range && range->contains(address);
         }
@@ -272,17 +274,18 @@ Decider::Match Decider::matchesAddress(const FWRULE& rule, const Packet& packet)
     if (!hasFamily(rule, packet.source.isIpv6())) {
         return Match::kNo;
     }
-    if (rule.ipGroup == FW::kIpAny) {
+    if (rule.ipGroup == FW::FW_IP_GROUP_ANY) {
         return Match::kYes;
     }
-    if (rule.ipDirect != 0) {
+    if (rule.ipDirect != FW::FW_IP_DIRECT_DESTINATION) {
         return holdsAddress(rule, packet.source) ? Match::kYes : Match::kNo;
     }
     if (packet.destination) {
         return holdsAddress(rule, *packet.destination) ? Match::kYes : Match::kNo;
     }
-    const bool hasAddress = rule.ipGroup == FW::kIpSingle || rule.ipGroup == FW::kIpNetwork ||
-                            rule.ipGroup == FW::kIpCountries || rule.ipGroup == FW::kIpRange;
+    const bool hasAddress =
+        rule.ipGroup == FW::FW_IP_GROUP_SINGLE || rule.ipGroup == FW::FW_IP_GROUP_NETWORK ||
+        rule.ipGroup == FW::FW_IP_GROUP_COUNTRIES || rule.ipGroup == FW::FW_IP_GROUP_RANGE;
     return hasAddress ? Match::kPerhaps : Match::kNo;
 }
 
@@ -322,7 +325,8 @@ std::vector<Decider::MatchedPorts> Decider::matchedPorts(const FWRULE& rule, con
             break;
         }
         case 1:
-            addPorts(rule.protocol, rule.portDirect != 0, rule.portList);
+            addPorts(rule.protocol, rule.portDirect != FW::FW_PORT_DIRECT_DESTINATION,
+                     rule.portList);
             break;
         case 3:
             matched.push_back({PortSpan(), Match::kYes});

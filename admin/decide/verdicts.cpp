@@ -3,9 +3,9 @@
 #include <map>
 #include <utility>
 
+#include "tarnfirewall/fwTypes.h"
 #include "tarnfirewall/tarnFW.h"
 
-#include "fwCodes.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/portEntry.h"
 #include "tarnfwadmin/ruleText.h"
@@ -89,7 +89,7 @@ std::string portQuestionFrom(const std::string& text, FW::PortCompareST& questio
 }
 
 std::string questionText(const FW::PortCompareST& question) {
-    std::string text = question.portDirect != 0 ? "source " : "";
+    std::string text = question.portDirect != FW::FW_PORT_DIRECT_DESTINATION ? "source " : "";
     text += question.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP ? "both"
                                                               : protocolText(question.protocol);
     return text.append("/").append(question.port);
@@ -118,14 +118,14 @@ std::vector<AdapterAnswer> askVerdicts(const std::vector<FW::PortCompareST>& que
     std::vector<AdapterAnswer> answers;
     for (const std::string& adapter : adapters) {
         if (answers.empty()) {
-            answers.push_back(answerFor(FW::kGlobalAdapter, adapter, questions));
+            answers.push_back(answerFor(FW::FW_ADAPTER_GLOBAL, adapter, questions));
         }
-        if (adapter != FW::kGlobalAdapter) {
+        if (adapter != FW::FW_ADAPTER_GLOBAL) {
             answers.push_back(answerFor(adapter, adapter, questions));
         }
     }
     if (answers.empty()) {
-        answers.push_back(answerFor(FW::kGlobalAdapter, FW::kGlobalAdapter, questions));
+        answers.push_back(answerFor(FW::FW_ADAPTER_GLOBAL, FW::FW_ADAPTER_GLOBAL, questions));
     }
     return answers;
 }

@@ -3,9 +3,9 @@
 #include <map>
 
 #include "tarnfirewall/fwIptables.h"
+#include "tarnfirewall/fwTypes.h"
 #include "tarnfirewall/tarnFW.h"
 
-#include "fwCodes.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/finding.h"
 #include "tarnfwadmin/store.h"
@@ -41,12 +41,12 @@ public:
         std::vector<TracedLine> all;
         for (const char* const family : kFamilies) {
             const auto& adapters = lines_.at(family);
-            const auto global = adapters.find(FW::kGlobalAdapter);
+            const auto global = adapters.find(FW::FW_ADAPTER_GLOBAL);
             if (global != adapters.end()) {
                 all.insert(all.end(), global->second.begin(), global->second.end());
             }
             for (const auto& [adapter, lines] : adapters) {
-                if (adapter != FW::kGlobalAdapter) {
+                if (adapter != FW::FW_ADAPTER_GLOBAL) {
                     all.insert(all.end(), lines.begin(), lines.end());
                 }
             }
@@ -71,8 +71,9 @@ private:
             auto& adapters = lines_[family];
             const Json::Value& lines = piece[family];
             for (const std::string& adapter : lines.getMemberNames()) {
-                const Json::ArrayIndex first =
-                    skipFixed && adapter == FW::kGlobalAdapter ? fixed_[family][adapter].size() : 0;
+                const Json::ArrayIndex first = skipFixed && adapter == FW::FW_ADAPTER_GLOBAL
+                                                   ? fixed_[family][adapter].size()
+                                                   : 0;
                 for (Json::ArrayIndex i = first; i < lines[adapter].size(); ++i) {
                     adapters[adapter].push_back({family, lines[adapter][i].asString(), where});
                 }

@@ -81,7 +81,8 @@ std::vector<std::string> machineAdapters() {
 
 std::vector<std::string> standsFor(const std::string& adapter) {
     FW::TARNFW_IPTABLES_RULES translator;
-    if ((adapter != "pppoe" && adapter != "vpn") || !translator.adapterIsEnabled(adapter)) {
+    if ((adapter != FW::FW_ADAPTER_PPPOE && adapter != FW::FW_ADAPTER_VPN) ||
+        !translator.adapterIsEnabled(adapter)) {
         return {};
     }
     // The translation knows; its matches are "-i ppp0".
@@ -101,7 +102,7 @@ std::vector<std::string> standsFor(const std::string& adapter) {
 
 std::vector<std::string> adapterNamesOf(const std::string& interface) {
     std::vector<std::string> names = {interface};
-    for (const char* const predefined : {"pppoe", "vpn"}) {
+    for (const char* const predefined : {FW::FW_ADAPTER_PPPOE, FW::FW_ADAPTER_VPN}) {
         const std::vector<std::string> meant = standsFor(predefined);
         if (std::find(meant.begin(), meant.end(), interface) != meant.end()) {
             names.emplace_back(predefined);

@@ -11,7 +11,8 @@
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/split.hpp>
 
-#include "fwCodes.h"
+#include "tarnfirewall/fwTypes.h"
+
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/portEntry.h"
@@ -132,7 +133,7 @@ void takeServices(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& ru
     for (const auto& [name, protocol] : vocabulary.services) {
         known.push_back(name);
     }
-    rule.portGroup = FW::kPortServices;
+    rule.portGroup = FW::FW_PORT_GROUP_SERVICES;
     const std::string& word = words.take("a service's name");
     if (known.empty()) {
         throw Error(ErrorKind::kSystem, "the service catalogue is empty or cannot be read");
@@ -172,7 +173,7 @@ std::string whatWasMeant(const std::string& word, const RuleVocabulary& vocabula
 }
 
 void takeWhat(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) {
-    rule.portGroup = FW::kPortAny;
+    rule.portGroup = FW::FW_PORT_GROUP_ANY;
     if (words.done() || words.isSide()) {
         return;
     }
@@ -190,7 +191,7 @@ void takeWhat(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) 
         wrong(inQuotes(typed) + " stands where one of " + kWhatWords + " is expected" +
               didYouMean(whatWasMeant(word, vocabulary)));
     }
-    rule.portGroup = FW::kPortCustom;
+    rule.portGroup = FW::FW_PORT_GROUP_PORTS;
     rule.protocol = protocol->second;
     if (rule.protocol <= FW::FW_PORT_PROTOCOL_TCP_UDP) {
         takePorts(words, vocabulary, rule);
@@ -205,7 +206,7 @@ std::int32_t familyOf(const Address& address, const std::string& word, const Rul
         wrong(inQuotes(word) + " is an " + (address.isIpv6() ? "IPv6" : "IPv4") + " address: no " +
               (options.v4 ? "--v4" : "--v6") + " with it");
     }
-    return address.isIpv6() ? FW::kIpV6Only : FW::kIpV4Only;
+    return address.isIpv6() ? FW::FW_IP_TYPE_V6 : FW::FW_IP_TYPE_V4;
 }
 
 void useNetwork(const std::string& word, const RuleOptions& options, FW::FWRULE& rule) {
@@ -218,7 +219,7 @@ void useNetwork(const std::string& word, const RuleOptions& options, FW::FWRULE&
               "or 2001:db8::/64");
     }
     const int length = *prefixLengthFrom(mask, network->first.isIpv6());
-    rule.ipGroup = FW::kIpNetwork;
+    rule.ipGroup = FW::FW_IP_GROUP_NETWORK;
     rule.ipType = familyOf(network->first, word, options);
     rule.ipList = {spelled(network->first), std::to_string(length)};
     if (!network->first.isIpv6()) {
@@ -237,7 +238,7 @@ void useRange(const std::string& word, const RuleOptions& options, FW::FWRULE& r
     if (*last < *first) {
         wrong("the range of addresses " + inQuotes(word) + " runs backwards");
     }
-    rule.ipGroup = FW::kIpRange;
+    rule.ipGroup = FW::FW_IP_GROUP_RANGE;
     rule.ipType = familyOf(*first, word, options);
     rule.ipList = {spelled(*first), spelled(*last)};
 }
@@ -268,7 +269,7 @@ void useCountries(const std::string& word, const RuleOptions& options,
             rule.ipList.push_back(code);
         }
     }
-    rule.ipGroup = FW::kIpCountries;
+    rule.ipGroup = FW::FW_IP_GROUP_COUNTRIES;
 }
 
 void takeAddress(Words& words, const RuleOptions& options, const RuleVocabulary& vocabulary,
@@ -285,7 +286,7 @@ void takeAddress(Words& words, const RuleOptions& options, const RuleVocabulary&
     } else if (word.find('/') != std::string::npos) {
         useNetwork(word, options, rule);
     } else if (const std::optional<Address> address = addressFrom(word)) {
-        rule.ipGroup = FW::kIpSingle;
+        rule.ipGroup = FW::FW_IP_GROUP_SINGLE;
         rule.ipType = familyOf(*address, word, options);
         rule.ipList = {spelled(*address)};
     } else if (word.find('-') != std::string::npos) {
@@ -298,8 +299,10 @@ void takeAddress(Words& words, const RuleOptions& options, const RuleVocabulary&
 
 void takeSide(Words& words, const RuleOptions& options, const RuleVocabulary& vocabulary,
               FW::FWRULE& rule) {
-    rule.ipGroup = FW::kIpAny;
-    rule.ipType = options.v4 ? FW::kIpV4Only : options.v6 ? FW::kIpV6Only : FW::kIpBoth;
+    rule.ipGroup = FW::FW_IP_GROUP_ANY;
+    rule.ipType = options.v4   ? FW::FW_IP_TYPE_V4
+                  : options.v6 ? FW::FW_IP_TYPE_V6
+                               : FW::FW_IP_TYPE_BOTH;
     if (words.done()) {
         return;
     }
@@ -309,7 +312,7 @@ void takeSide(Words& words, const RuleOptions& options, const RuleVocabulary& vo
         wrong(inQuotes(typed) + " stands where from or to is expected" +
               didYouMean(word == "on" ? "--adapter" : nearest(word, {"from", "to"})));
     }
-    rule.ipDirect = word == "from" ? 1 : 0;
+    rule.ipDirect = word == "from" ? FW::FW_IP_DIRECT_SOURCE : FW::FW_IP_DIRECT_DESTINATION;
     takeAddress(words, options, vocabulary, rule);
     if (!words.done()) {
         wrong(inQuotes(words.peek()) + " is one word too many: a rule ends with its address");
@@ -339,11 +342,13 @@ FW::FWRULE ruleFrom(const std::vector<std::string>& words, const RuleOptions& op
     rule.policy = takePolicy(remaining);
     takeWhat(remaining, vocabulary, rule);
     takeSide(remaining, options, vocabulary, rule);
-    if (options.sourcePort && (rule.portGroup != FW::kPortCustom || rule.portList.empty())) {
+    if (options.sourcePort &&
+        (rule.portGroup != FW::FW_PORT_GROUP_PORTS || rule.portList.empty())) {
         wrong("--source-port needs tcp or udp and ports, such as \"udp 123\"");
     }
-    rule.portDirect = options.sourcePort ? 1 : 0;
-    rule.adapterDirect = options.out ? 0 : 1;
+    rule.portDirect =
+        options.sourcePort ? FW::FW_PORT_DIRECT_SOURCE : FW::FW_PORT_DIRECT_DESTINATION;
+    rule.adapterDirect = options.out ? FW::FW_ADAPTER_DIRECT_OUT : FW::FW_ADAPTER_DIRECT_IN;
     rule.blLog = options.log;
     rule.enable = !options.disabled;
     rule.name = options.name;

@@ -2,7 +2,8 @@
 
 #include <optional>
 
-#include "fwCodes.h"
+#include "tarnfirewall/fwTypes.h"
+
 #include "tarnfwadmin/addressRange.h"
 
 namespace tarnfw {
@@ -61,17 +62,19 @@ std::string protocolText(std::int32_t protocol) {
 
 std::string portText(const FW::FWRULE& rule) {
     switch (rule.portGroup) {
-        case FW::kPortServices:
-        case FW::kPortServicesReserved:
+        case FW::FW_PORT_GROUP_SERVICES:
+        case FW::FW_PORT_GROUP_RESERVED:
             return "service " + joined(rule.portList);
-        case FW::kPortCustom: {
+        case FW::FW_PORT_GROUP_PORTS: {
             std::string text = protocolText(rule.protocol);
             if (!rule.portList.empty()) {
-                text += (rule.portDirect != 0 ? " source port " : " ") + joined(rule.portList);
+                text +=
+                    (rule.portDirect != FW::FW_PORT_DIRECT_DESTINATION ? " source port " : " ") +
+                    joined(rule.portList);
             }
             return text;
         }
-        case FW::kPortAny:
+        case FW::FW_PORT_GROUP_ANY:
             return "everything";
         default:
             return "unknown port group " + std::to_string(rule.portGroup);
@@ -79,19 +82,19 @@ std::string portText(const FW::FWRULE& rule) {
 }
 
 std::string addressText(const FW::FWRULE& rule) {
-    const std::string side = rule.ipDirect != 0 ? "from " : "to ";
+    const std::string side = rule.ipDirect != FW::FW_IP_DIRECT_DESTINATION ? "from " : "to ";
     switch (rule.ipGroup) {
-        case FW::kIpSingle:
+        case FW::FW_IP_GROUP_SINGLE:
             return side + at(rule.ipList, 0);
-        case FW::kIpNetwork:
+        case FW::FW_IP_GROUP_NETWORK:
             return side + networkText(rule);
-        case FW::kIpNone:
+        case FW::FW_IP_GROUP_NONE:
             return side + "nowhere";
-        case FW::kIpCountries:
+        case FW::FW_IP_GROUP_COUNTRIES:
             return side + "country " + joined(rule.ipList);
-        case FW::kIpRange:
+        case FW::FW_IP_GROUP_RANGE:
             return side + at(rule.ipList, 0) + "-" + at(rule.ipList, 1);
-        case FW::kIpAny:
+        case FW::FW_IP_GROUP_ANY:
             return side + "anywhere";
         default:
             return side + "unknown ip group " + std::to_string(rule.ipGroup);
@@ -100,11 +103,11 @@ std::string addressText(const FW::FWRULE& rule) {
 
 std::string familyText(std::int32_t ipType) {
     switch (ipType) {
-        case FW::kIpV4Only:
+        case FW::FW_IP_TYPE_V4:
             return "IPv4";
-        case FW::kIpV6Only:
+        case FW::FW_IP_TYPE_V6:
             return "IPv6";
-        case FW::kIpBoth:
+        case FW::FW_IP_TYPE_BOTH:
             return "both";
         default:
             return "unknown address family " + std::to_string(ipType);
@@ -114,13 +117,13 @@ std::string familyText(std::int32_t ipType) {
 std::string ruleText(const FW::FWRULE& rule) {
     std::string text = rule.enable ? "" : "[off] ";
     text += policyText(rule.policy) + " " + portText(rule) + " " + addressText(rule);
-    if (rule.adapterDirect == 0) {
+    if (rule.adapterDirect == FW::FW_ADAPTER_DIRECT_OUT) {
         text += ", outgoing";
     }
     if (rule.blLog) {
         text += ", logged";
     }
-    if (rule.ipType != FW::kIpBoth) {
+    if (rule.ipType != FW::FW_IP_TYPE_BOTH) {
         text += " (" + familyText(rule.ipType) + ")";
     }
     if (!rule.name.empty()) {

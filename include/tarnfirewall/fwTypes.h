@@ -1,6 +1,7 @@
 /// The records that every part of the library passes around: rules, profiles, policies, protocols,
-/// and the three constant lists. Plain values: public fields, no invariants, nothing shared between
-/// copies. The store reads and writes them as JSON; the translation turns them into iptables lines.
+/// the codes of a rule's fields and the three constant lists. Plain values: public fields, no
+/// invariants, nothing shared between copies. The store reads and writes them as JSON; the
+/// translation turns them into iptables lines.
 #pragma once
 
 #include <cstdint>
@@ -31,8 +32,55 @@ enum FW_PORT_PROTOCOL : std::int32_t {
     FW_PORT_PROTOCOL_IGMP = 32
 };
 
-/// Adapter names that stand for more than one interface, or for one whose name changes.
-inline const std::vector<std::string> FW_PREDEFINED_ADAPTERS = {"global", "pppoe", "vpn"};
+// The codes of a rule's fields, each enumeration named after its field. The fields are plain
+// integers, because a profile file can hold any number: the translation logs an unknown `ipGroup`
+// or `portGroup`, and reads any direction but 0 like 1.
+
+/// FWRULE::adapterDirect.
+enum FW_ADAPTER_DIRECT : std::int32_t {
+    FW_ADAPTER_DIRECT_OUT = 0,  ///< the interface that a packet leaves by: "-o "
+    FW_ADAPTER_DIRECT_IN = 1    ///< the interface that it came in by: "-i "
+};
+
+/// FWRULE::ipType.
+enum FW_IP_TYPE : std::int32_t { FW_IP_TYPE_V4 = 0, FW_IP_TYPE_V6 = 1, FW_IP_TYPE_BOTH = 2 };
+
+/// FWRULE::ipDirect.
+enum FW_IP_DIRECT : std::int32_t { FW_IP_DIRECT_DESTINATION = 0, FW_IP_DIRECT_SOURCE = 1 };
+
+/// FWRULE::ipGroup: how `ipList` is read.
+enum FW_IP_GROUP : std::int32_t {
+    FW_IP_GROUP_SINGLE = 0,     ///< one address: "10.0.0.1"
+    FW_IP_GROUP_NETWORK = 1,    ///< an address and its mask or prefix length: "10.0.0.0", "8"
+    FW_IP_GROUP_NONE = 2,       ///< not read: the rule matches no address and yields no line
+    FW_IP_GROUP_COUNTRIES = 3,  ///< country codes: "CN"
+    FW_IP_GROUP_RANGE = 4,      ///< the first and the last address: "10.0.0.1", "10.0.0.9"
+    FW_IP_GROUP_ANY = 5         ///< not read: the rule matches any address
+};
+
+/// FWRULE::portDirect.
+enum FW_PORT_DIRECT : std::int32_t { FW_PORT_DIRECT_DESTINATION = 0, FW_PORT_DIRECT_SOURCE = 1 };
+
+/// FWRULE::portGroup: how `portList` is read.
+enum FW_PORT_GROUP : std::int32_t {
+    FW_PORT_GROUP_SERVICES = 0,  ///< service names: "ssh"
+    FW_PORT_GROUP_PORTS = 1,     ///< ports of FWRULE::protocol: "80", "6000-6010"
+    FW_PORT_GROUP_RESERVED = 2,  ///< service names too; see fwRuleIsReserved()
+    FW_PORT_GROUP_ANY = 3        ///< not read: the rule matches any port
+};
+
+// Adapter names with a meaning of their own. Every other adapter is named after its interface.
+inline constexpr char FW_ADAPTER_GLOBAL[] = "global";  ///< every interface
+inline constexpr char FW_ADAPTER_PPPOE[] = "pppoe";    ///< the interface of the PPPoE connection
+inline constexpr char FW_ADAPTER_VPN[] = "vpn";        ///< the interfaces of VPN connections
+
+/// The usual interface of a PPPoE connection, never an adapter: rules for it are skipped. Those of
+/// "pppoe" apply to it, or those of "vpn" when PPPoE runs over another interface.
+inline constexpr char FW_PPPOE_INTERFACE[] = "ppp0";
+
+/// The adapters that are not named after an interface.
+inline const std::vector<std::string> FW_PREDEFINED_ADAPTERS = {FW_ADAPTER_GLOBAL, FW_ADAPTER_PPPOE,
+                                                                FW_ADAPTER_VPN};
 
 /// The chains of the filter table that the library fills and flushes, in the order of their use.
 inline const std::vector<std::string> FW_FIREWALL_CHAINS = {"INPUT_FIREWALL", "FORWARD_FIREWALL"};
@@ -44,32 +92,39 @@ inline const std::vector<std::string> FW_FIREWALL_MODULES = {"compat_xtables.ko"
 /// One firewall rule. Every field but `ruleID` is stored under its own name; a fresh rule holds the
 /// values below.
 struct FWRULE {
-    std::int32_t ruleID = 0;             ///< read from "ruleID", never written back
-    bool enable = true;                  ///< the rule is in use
-    std::int32_t adapterDirect = 1;      ///< 0: outgoing interface "-o", else incoming "-i"
-    FW_POLICY policy = FW_POLICY_ALLOW;  ///< what a matching packet gets
-    bool blLog = false;                  ///< log matching packets as well
-    std::vector<std::string> labelList;  ///< free texts of the user
-    std::string name;                    ///< free text of the user
-    std::string table = "filter";        ///< netfilter table
-    std::set<std::string> chainList = {  ///< chains that the rule is appended to
+    std::int32_t ruleID = 0;                            ///< read from "ruleID", never written back
+    bool enable = true;                                 ///< the rule is in use
+    std::int32_t adapterDirect = FW_ADAPTER_DIRECT_IN;  ///< FW_ADAPTER_DIRECT code
+    FW_POLICY policy = FW_POLICY_ALLOW;                 ///< what a matching packet gets
+    bool blLog = false;                                 ///< log matching packets as well
+    std::vector<std::string> labelList;                 ///< free texts of the user
+    std::string name;                                   ///< free text of the user
+    std::string table = "filter";                       ///< netfilter table
+    std::set<std::string> chainList = {                 ///< chains that the rule is appended to
         "FORWARD_FIREWALL", "INPUT_FIREWALL"};
-    std::int32_t ipType = 0;    ///< address family: 0 IPv4, 1 IPv6, 2 both
-    std::int32_t ipDirect = 1;  ///< address side: 0 destination, else source
-    /// How `ipList` is read: 0 one address, 1 address and mask, 2 no line at all, 3 country codes,
-    /// 4 first and last address of a range, 5 any address.
-    std::int32_t ipGroup = 0;
-    std::vector<std::string> ipList;  ///< by `ipGroup`: "10.0.0.1", "255.0.0.0", "CN"
-    std::int32_t portDirect = 0;      ///< port side: 0 destination, else source
-    /// How `portList` is read: 0 and 2 service names, 1 ports, 3 any port. Code 2 together with
-    /// `ipGroup` 5 marks the reserved service rule at the head of an adapter's list.
-    std::int32_t portGroup = 0;
-    std::int32_t protocol = FW_PORT_PROTOCOL_TCP;  ///< FW_PORT_PROTOCOL code, for portGroup 1
+    std::int32_t ipType = FW_IP_TYPE_V4;          ///< address family: FW_IP_TYPE code
+    std::int32_t ipDirect = FW_IP_DIRECT_SOURCE;  ///< address side: FW_IP_DIRECT code
+    std::int32_t ipGroup = FW_IP_GROUP_SINGLE;    ///< FW_IP_GROUP code
+    std::vector<std::string> ipList;              ///< by `ipGroup`: "10.0.0.1", "255.0.0.0", "CN"
+    std::int32_t portDirect = FW_PORT_DIRECT_DESTINATION;  ///< port side: FW_PORT_DIRECT code
+    std::int32_t portGroup = FW_PORT_GROUP_SERVICES;       ///< FW_PORT_GROUP code
+    std::int32_t protocol = FW_PORT_PROTOCOL_TCP;          ///< FW_PORT_PROTOCOL code of the ports
     std::vector<std::string> portList;  ///< by `portGroup`: "ssh", or "80" and "6000-6010"
 };
 
-/// One profile: the rules and the default policy of every adapter. Adapters are interface names or
-/// names of FW_PREDEFINED_ADAPTERS.
+/// Whether the ports of a rule are those of the services in `portList`.
+inline bool fwRuleNamesServices(const FWRULE& rule) {
+    return rule.portGroup == FW_PORT_GROUP_SERVICES || rule.portGroup == FW_PORT_GROUP_RESERVED;
+}
+
+/// Whether the library keeps the rule: one of the rules for any address at the head of an adapter's
+/// list, which allow or deny the services that were reserved there.
+inline bool fwRuleIsReserved(const FWRULE& rule) {
+    return rule.portGroup == FW_PORT_GROUP_RESERVED && rule.ipGroup == FW_IP_GROUP_ANY;
+}
+
+/// One profile: the rules and the default policy of every adapter. An adapter is an interface name
+/// or one of FW_PREDEFINED_ADAPTERS.
 struct FWPROFILE {
     std::string name;                                   ///< the key under which the store finds it
     std::map<std::string, std::vector<FWRULE>> rules;   ///< by adapter, in rule order

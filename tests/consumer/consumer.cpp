@@ -36,10 +36,10 @@ int main() {
     FW::FWPROFILE profile;
     expect("home can be read", FW::TARNFW_JSON_DB().profileGet("home", profile), true);
     FW::FWRULE rule;
-    rule.ipGroup = 5;
-    rule.portGroup = 1;
+    rule.ipGroup = FW::FW_IP_GROUP_ANY;
+    rule.portGroup = FW::FW_PORT_GROUP_PORTS;
     rule.portList = {"22", "6000-6010"};
-    profile.rules["global"].push_back(rule);
+    profile.rules[FW::FW_ADAPTER_GLOBAL].push_back(rule);
     expect("home can be written", FW::TARNFW_JSON_DB().profileSet("home", profile), true);
 
     Json::Value commands;

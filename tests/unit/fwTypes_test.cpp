@@ -51,6 +51,31 @@ static_assert(FW::FW_PORT_PROTOCOL_TCP_UDP == 3);
 static_assert(FW::FW_PORT_PROTOCOL_ICMP == 4);
 static_assert(FW::FW_PORT_PROTOCOL_IGMP == 32);
 
+static_assert(FW::FW_ADAPTER_DIRECT_OUT == 0);
+static_assert(FW::FW_ADAPTER_DIRECT_IN == 1);
+
+static_assert(FW::FW_IP_TYPE_V4 == 0);
+static_assert(FW::FW_IP_TYPE_V6 == 1);
+static_assert(FW::FW_IP_TYPE_BOTH == 2);
+
+static_assert(FW::FW_IP_DIRECT_DESTINATION == 0);
+static_assert(FW::FW_IP_DIRECT_SOURCE == 1);
+
+static_assert(FW::FW_IP_GROUP_SINGLE == 0);
+static_assert(FW::FW_IP_GROUP_NETWORK == 1);
+static_assert(FW::FW_IP_GROUP_NONE == 2);
+static_assert(FW::FW_IP_GROUP_COUNTRIES == 3);
+static_assert(FW::FW_IP_GROUP_RANGE == 4);
+static_assert(FW::FW_IP_GROUP_ANY == 5);
+
+static_assert(FW::FW_PORT_DIRECT_DESTINATION == 0);
+static_assert(FW::FW_PORT_DIRECT_SOURCE == 1);
+
+static_assert(FW::FW_PORT_GROUP_SERVICES == 0);
+static_assert(FW::FW_PORT_GROUP_PORTS == 1);
+static_assert(FW::FW_PORT_GROUP_RESERVED == 2);
+static_assert(FW::FW_PORT_GROUP_ANY == 3);
+
 static_assert(isValue<FW::FWRULE>);
 static_assert(isValue<FW::FWPROFILE>);
 static_assert(isValue<FW::PortCompareST>);
@@ -255,21 +280,37 @@ TEST(RuleTest, RulesAreFoundAndRemovedByAPredicate) {
     rules[1].portList = {"ssh"};
     rules[3] = rules[1];
     rules[2].name = "kept";
-    const auto isReserved = [](const FW::FWRULE& rule) {
-        return rule.portGroup == 2 && rule.ipGroup == 5;
-    };
 
-    const auto found = std::find_if(rules.cbegin(), rules.cend(), isReserved);
+    const auto found = std::find_if(rules.cbegin(), rules.cend(), FW::fwRuleIsReserved);
     ASSERT_NE(found, rules.cend());
     EXPECT_EQ(found - rules.cbegin(), 1);
 
-    rules.erase(std::remove_if(rules.begin(), rules.end(), isReserved), rules.end());
+    rules.erase(std::remove_if(rules.begin(), rules.end(), FW::fwRuleIsReserved), rules.end());
     ASSERT_EQ(rules.size(), 2u);
     EXPECT_EQ(rules[1].name, "kept");
     EXPECT_THAT(rules[1].portList, IsEmpty());
 }
 
+TEST(RuleTest, ServicesForAnyAddressAreReserved) {
+    FW::FWRULE rule;
+    for (rule.portGroup = 0; rule.portGroup <= 4; ++rule.portGroup) {
+        EXPECT_EQ(FW::fwRuleNamesServices(rule), rule.portGroup == 0 || rule.portGroup == 2)
+            << rule.portGroup;
+        for (rule.ipGroup = 0; rule.ipGroup <= 6; ++rule.ipGroup) {
+            EXPECT_EQ(FW::fwRuleIsReserved(rule), rule.portGroup == 2 && rule.ipGroup == 5)
+                << rule.portGroup << ' ' << rule.ipGroup;
+        }
+    }
+}
+
 // ---- Constant lists ----
+
+TEST(ConstantListTest, AdapterNames) {
+    EXPECT_STREQ(FW::FW_ADAPTER_GLOBAL, "global");
+    EXPECT_STREQ(FW::FW_ADAPTER_PPPOE, "pppoe");
+    EXPECT_STREQ(FW::FW_ADAPTER_VPN, "vpn");
+    EXPECT_STREQ(FW::FW_PPPOE_INTERFACE, "ppp0");
+}
 
 template <typename List>
 Texts iterated(const List& list) {

@@ -6,6 +6,7 @@
 
 #include <json/json.h>
 
+#include "tarnfirewall/fwTypes.h"
 #include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
@@ -14,7 +15,6 @@
 #include "commands/blockedOptions.h"
 #include "commands/commands.h"
 #include "commands/explainSender.h"
-#include "fwCodes.h"
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/ruleText.h"
 #include "tarnfwadmin/store.h"
@@ -27,7 +27,7 @@ namespace {
 
 /// What a verdict means, where that is not plain.
 std::string remark(const AdapterAnswer& answer) {
-    const bool global = answer.adapter == FW::kGlobalAdapter;
+    const bool global = answer.adapter == FW::FW_ADAPTER_GLOBAL;
     if (!FW::TARNFW_IPTABLES_RULES().adapterIsEnabled(answer.adapter)) {
         return "absent now";
     }

@@ -3,10 +3,11 @@
 #include <algorithm>
 #include <iostream>
 
+#include "tarnfirewall/fwTypes.h"
+
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
-#include "fwCodes.h"
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/store.h"
@@ -18,7 +19,7 @@ namespace {
 /// Adapters of the machine that no rules in the profile are for under a name that stands for them.
 std::vector<std::string> uncovered(const std::vector<std::string>& covered) {
     std::vector<std::string> meant;
-    for (const char* const predefined : {"pppoe", "vpn"}) {
+    for (const char* const predefined : {FW::FW_ADAPTER_PPPOE, FW::FW_ADAPTER_VPN}) {
         if (std::find(covered.begin(), covered.end(), predefined) != covered.end()) {
             const std::vector<std::string> interfaces = standsFor(predefined);
             meant.insert(meant.end(), interfaces.begin(), interfaces.end());
@@ -84,7 +85,7 @@ std::vector<std::string> adaptersAsked(const BlockedOptions& options,
     }
     std::sort(adapters.begin(), adapters.end());
     adapters.erase(std::unique(adapters.begin(), adapters.end()), adapters.end());
-    adapters.erase(std::remove(adapters.begin(), adapters.end(), FW::kGlobalAdapter),
+    adapters.erase(std::remove(adapters.begin(), adapters.end(), FW::FW_ADAPTER_GLOBAL),
                    adapters.end());
     return adapters;
 }

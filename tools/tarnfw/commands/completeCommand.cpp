@@ -15,12 +15,12 @@
 #include "tarncore.h"
 
 #include "tarnfirewall/fwGeoip.h"
+#include "tarnfirewall/fwTypes.h"
 
 #include "cli/commandLine.h"
 #include "cli/completion.h"
 #include "cli/helpTopics.h"
 #include "commands/commands.h"
-#include "fwCodes.h"
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/store.h"
@@ -79,7 +79,7 @@ Texts adapters() {
     for (const Texts& more : {orNone(machineAdapters), orNone(activeAdapters)}) {
         names.insert(more.begin(), more.end());
     }
-    names.erase(FW::kPppoeUsualInterface);  // its rules are never applied; those of "pppoe" are
+    names.erase(FW::FW_PPPOE_INTERFACE);  // its rules are never applied; those of "pppoe" are
     return {names.begin(), names.end()};
 }
 

@@ -7,10 +7,11 @@
 
 #include <json/json.h>
 
+#include "tarnfirewall/fwTypes.h"
+
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
-#include "fwCodes.h"
 #include "tarnfwadmin/decision.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/ruleText.h"
@@ -37,7 +38,7 @@ std::vector<Packet> packetsOf(const BlockedOptions& options, const FW::PortCompa
     if (!span) {
         return {};
     }
-    if (question.portDirect != 0) {
+    if (question.portDirect != FW::FW_PORT_DIRECT_DESTINATION) {
         packet.sourcePorts = span;
     } else {
         packet.ports = *span;
@@ -143,7 +144,7 @@ void explainSender(const BlockedOptions& options) {
         addressFrom(options.to)->isIpv6() != addressFrom(options.from)->isIpv6()) {
         throw UsageError("--to: not of the same family as --from");
     }
-    if (options.adapter == FW::kGlobalAdapter) {
+    if (options.adapter == FW::FW_ADAPTER_GLOBAL) {
         throw UsageError(
             "--adapter: no packet comes in by \"global\"; name another one, or none for all");
     }

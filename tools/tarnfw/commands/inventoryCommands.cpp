@@ -13,11 +13,12 @@
 #include <json/json.h>
 #include <boost/algorithm/string/join.hpp>
 
+#include "tarnfirewall/fwTypes.h"
+
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
-#include "fwCodes.h"
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/ruleText.h"
@@ -50,7 +51,7 @@ Adapter adapterOf(const std::string& name, const std::vector<Interface>& interfa
     if (found != interfaces.end() && !isPredefined(name)) {
         adapter.interface = *found;
     }
-    adapter.present = name == FW::kGlobalAdapter || !adapter.meant.empty() || adapter.interface;
+    adapter.present = name == FW::FW_ADAPTER_GLOBAL || !adapter.meant.empty() || adapter.interface;
     const auto policy = profile.adapterPolicyMap.find(name);
     if (policy != profile.adapterPolicyMap.end()) {
         adapter.policy = policy->second;
@@ -94,7 +95,7 @@ std::vector<std::string> addressTexts(const Interface& interface) {
 }
 
 std::string nowText(const Adapter& adapter) {
-    if (adapter.name == FW::kGlobalAdapter) {
+    if (adapter.name == FW::FW_ADAPTER_GLOBAL) {
         return "every adapter";
     }
     if (!adapter.present) {

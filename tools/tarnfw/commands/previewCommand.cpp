@@ -9,12 +9,12 @@
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "tarnfirewall/fwBatch.h"
+#include "tarnfirewall/fwTypes.h"
 
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
-#include "fwCodes.h"
 #include "tarnfwadmin/store.h"
 #include "tarnfwadmin/translation.h"
 
@@ -52,9 +52,9 @@ void printLines(const std::string& tool, const Json::Value& lines) {
 
 /// Prints one family in the order of running: "global" first.
 void printFamily(const std::string& tool, const Json::Value& family) {
-    printLines(tool, family[FW::kGlobalAdapter]);
+    printLines(tool, family[FW::FW_ADAPTER_GLOBAL]);
     for (const std::string& adapter : family.getMemberNames()) {
-        if (adapter != FW::kGlobalAdapter) {
+        if (adapter != FW::FW_ADAPTER_GLOBAL) {
             printLines(tool, family[adapter]);
         }
     }

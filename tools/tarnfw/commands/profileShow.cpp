@@ -9,12 +9,12 @@
 #include <boost/algorithm/string/join.hpp>
 
 #include "tarnfirewall/fwDB.h"
+#include "tarnfirewall/fwTypes.h"
 
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/profileCommands.h"
-#include "fwCodes.h"
 #include "tarnfwadmin/ruleText.h"
 #include "tarnfwadmin/store.h"
 
@@ -22,7 +22,7 @@ namespace tarnfw {
 namespace {
 
 bool isGlobal(const std::string& adapter) {
-    return adapter == FW::kGlobalAdapter;
+    return adapter == FW::FW_ADAPTER_GLOBAL;
 }
 
 /// What is special about a rule, then its name and its labels.
@@ -34,9 +34,9 @@ std::string notesOf(const FW::FWRULE& rule) {
         }
     };
     addIf(!rule.enable, "off");
-    addIf(rule.adapterDirect == 0, "outgoing");
+    addIf(rule.adapterDirect == FW::FW_ADAPTER_DIRECT_OUT, "outgoing");
     addIf(rule.blLog, "logged");
-    addIf(rule.portGroup == FW::kPortServicesReserved && rule.ipGroup == FW::kIpAny, "reserved");
+    addIf(FW::fwRuleIsReserved(rule), "reserved");
     std::string text = boost::join(notes, ", ");
     if (!rule.name.empty()) {
         text.append(text.empty() ? "" : " ").append("\"").append(rule.name).append("\"");

@@ -13,6 +13,7 @@
 #include "tarncore.h"
 
 #include "tarnfirewall/fwGeoip.h"
+#include "tarnfirewall/fwTypes.h"
 #include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
@@ -20,7 +21,6 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
-#include "fwCodes.h"
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/ruleFindings.h"
 #include "tarnfwadmin/ruleSyntax.h"
@@ -73,7 +73,7 @@ Texts knownAdapters(const FW::FWPROFILE& profile) {
     if (!FW::TARNFW().fwAdapterEnum(names)) {
         throw Error(ErrorKind::kSystem, "the machine's adapters cannot be listed");
     }
-    names.erase(FW::kPppoeUsualInterface);
+    names.erase(FW::FW_PPPOE_INTERFACE);
     names.insert(FW::FW_PREDEFINED_ADAPTERS.begin(), FW::FW_PREDEFINED_ADAPTERS.end());
     const Texts used = adaptersOf(profile);
     names.insert(used.begin(), used.end());
@@ -85,7 +85,7 @@ void requireAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
     if (std::find(known.begin(), known.end(), adapter) != known.end()) {
         return;
     }
-    if (adapter == FW::kPppoeUsualInterface) {
+    if (adapter == FW::FW_PPPOE_INTERFACE) {
         throw Error(
             ErrorKind::kSystem,
             "rules of \"ppp0\" are never applied; those of \"pppoe\" are, to that connection");
@@ -96,14 +96,10 @@ void requireAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
 
 // ---- Reserved rules ----
 
-bool isReserved(const FW::FWRULE& rule) {
-    return rule.portGroup == FW::kPortServicesReserved && rule.ipGroup == FW::kIpAny;
-}
-
 /// How many rules at the head of the list are the system's.
 std::size_t reservedAtHead(const Rules& rules) {
-    return static_cast<std::size_t>(
-        std::distance(rules.begin(), std::find_if_not(rules.begin(), rules.end(), isReserved)));
+    return static_cast<std::size_t>(std::distance(
+        rules.begin(), std::find_if_not(rules.begin(), rules.end(), FW::fwRuleIsReserved)));
 }
 
 // ---- Positions, as a person counts them: from 1 ----
@@ -119,7 +115,7 @@ void requirePosition(const Rules& rules, std::size_t position, const Target& tar
 /// Refuses to change a rule that is the system's.
 void requireOwn(const Rules& rules, std::size_t position, const Target& target) {
     requirePosition(rules, position, target);
-    if (isReserved(rules[position - 1])) {
+    if (FW::fwRuleIsReserved(rules[position - 1])) {
         throw Error(ErrorKind::kSystem,
                     "rule " + std::to_string(position) + " of " + printable(target.adapter) +
                         " holds services that the system has reserved; \"tarnfw service "
@@ -335,7 +331,7 @@ void switchRules(const Target& target, const std::vector<std::size_t>& positions
 
 void setPolicy(const Target& target, const std::string& word) {
     requireRoot();
-    if (target.adapter == FW::kGlobalAdapter) {
+    if (target.adapter == FW::FW_ADAPTER_GLOBAL) {
         throw Error(
             ErrorKind::kSystem,
             "\"global\" has no default policy: what its rules leave is decided by those of the "

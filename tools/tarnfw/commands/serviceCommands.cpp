@@ -13,6 +13,7 @@
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 
+#include "tarnfirewall/fwTypes.h"
 #include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
@@ -21,7 +22,6 @@
 #include "cli/usage.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
-#include "fwCodes.h"
 #include "process/wholeRun.h"
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/interfaces.h"
@@ -110,7 +110,7 @@ std::vector<std::string> adaptersIn(const Profiles& profiles) {
 // ---- Services ----
 
 bool namesService(const FW::FWRULE& rule, const std::string& service) {
-    return (rule.portGroup == FW::kPortServices || rule.portGroup == FW::kPortServicesReserved) &&
+    return FW::fwRuleNamesServices(rule) &&
            std::find(rule.portList.begin(), rule.portList.end(), service) != rule.portList.end();
 }
 
@@ -177,11 +177,11 @@ void requireRenamable(const std::string& from, const std::string& to, const Prof
     if (from == to) {
         throw Error(ErrorKind::kInvalid, "both names are " + inQuotes(from));
     }
-    if (from == FW::kGlobalAdapter || to == FW::kGlobalAdapter) {
+    if (from == FW::FW_ADAPTER_GLOBAL || to == FW::FW_ADAPTER_GLOBAL) {
         throw Error(ErrorKind::kInvalid,
                     "\"global\" stands for every adapter; its rules cannot be moved");
     }
-    if (to == FW::kPppoeUsualInterface) {
+    if (to == FW::FW_PPPOE_INTERFACE) {
         throw Error(ErrorKind::kInvalid,
                     "rules for \"ppp0\" have no effect; \"pppoe\" is its name");
     }
