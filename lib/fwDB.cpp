@@ -14,11 +14,10 @@
 
 #include "tarncore.h"
 
-#include "tarnfirewall/tarnFW.h"
 #include "tarnfirewall/utils.h"
 
 #include "fwLog.h"
-#include "fwPaths.h"
+#include "fwSettings.h"
 #include "fwStoreFiles.h"
 
 namespace FW {
@@ -26,6 +25,8 @@ namespace {
 
 constexpr char kSource[] = "fwDB";
 
+// With the trailing slash: paths below it are made by plain concatenation.
+constexpr char kFirewallDir[] = "/usr/tarn/etc/firewall.d/";
 constexpr char kProfilePattern[] = "/usr/tarn/etc/firewall.d/*.json";
 constexpr char kProfileExtension[] = ".json";
 
@@ -403,9 +404,8 @@ bool TARNFW_JSON_DB::profileRename(const std::string& oldName, const std::string
         FW_LOG_ERR("profile %s already exist", newName.c_str());
         return false;
     }
-    TARNFW config;
     Json::Value settings;
-    if (!config.configGet(settings)) {
+    if (!settingsGet(settings)) {
         FW_LOG_ERR("Falied to config.configGet()");
         return false;
     }
@@ -422,10 +422,10 @@ bool TARNFW_JSON_DB::profileRename(const std::string& oldName, const std::string
         FW_LOG_ERR("Failed to jsonFileDump [%s]", newName.c_str());
         return false;
     }
-    const Json::Value& active = std::as_const(settings)["profile"];
+    const Json::Value& active = std::as_const(settings)[kProfileKey];
     if (active.asString() == oldName) {
-        settings["profile"] = newName;
-        if (!config.configSet(settings)) {
+        settings[kProfileKey] = newName;
+        if (!settingsSet(settings)) {
             FW_LOG_ERR("Falied to config.configSet()");
             return false;
         }
@@ -445,11 +445,11 @@ bool TARNFW_JSON_DB::exportConfig(Json::Value& out) {
         return false;
     }
     Json::Value settings;
-    if (!TARNFW().configGet(settings)) {
+    if (!settingsGet(settings)) {
         FW_LOG_ERR("Falied to get firewall settings.");
         return false;
     }
-    const std::string active = std::as_const(settings)["profile"].asString();
+    const std::string active = std::as_const(settings)[kProfileKey].asString();
     out[kExportSettings] = settings;
     out[kExportVersion] = kExportVersionNumber;
     for (const std::string& name : meta.getMemberNames()) {
@@ -491,7 +491,7 @@ bool TARNFW_JSON_DB::importConfig(const Json::Value& in) {
             FW_LOG_ERR("Failed to jsonFileDump [%s].", key.c_str());
         }
     }
-    if (!TARNFW().configSet(settings)) {
+    if (!settingsSet(settings)) {
         FW_LOG_ERR("Falied to set firewall settings.");
         return false;
     }

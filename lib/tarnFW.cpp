@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <fstream>
 #include <sstream>
 
 #include "tarncore.h"
@@ -11,23 +10,16 @@
 #include "tarnfirewall/fwBatch.h"
 #include "tarnfirewall/fwHook.h"
 #include "tarnfirewall/tarnIptablesModule.h"
-#include "tarnfirewall/utils.h"
 
 #include "fwInterfaces.h"
 #include "fwLog.h"
-#include "fwPaths.h"
+#include "fwSettings.h"
 #include "tarnFWInternal.h"
 
 namespace FW {
 namespace {
 
 constexpr const char* kSource = kFirewallSource;
-
-constexpr char kStatusKey[] = "status";
-constexpr char kDefaultProfile[] = "default";
-constexpr char kApplyKey[] = "apply";
-constexpr char kApplyLines[] = "lines";
-constexpr char kApplyBatch[] = "batch";
 
 constexpr char kIptables[] = "/sbin/iptables";
 constexpr char kIp6tables[] = "/sbin/ip6tables";
@@ -134,11 +126,6 @@ void announceDisabled(bool result) {
     if (!TarnFwHook().RunFwDisablePostHook(result)) {
         FW_LOG_ERR("Failed to run firewall disable post-hook.");
     }
-}
-
-/// Reads "status" of the settings. Raises Json::Exception where it does not convert.
-bool isEnabled(const Json::Value& config) {
-    return config.isMember(kStatusKey) && config[kStatusKey].asBool();
 }
 
 /// Writes "status" into the settings.
@@ -268,27 +255,8 @@ bool applyInBatch(TARNFW& firewall, const std::string& profile, bool acceptEstab
            FW_BATCH().apply(cmds);
 }
 
-// ---- The way that the settings choose ----
-
-bool choosesBatch(const Json::Value& config) {
-    return config.isObject() && config[kApplyKey] == kApplyBatch;
-}
-
-/// Whether the settings choose one transaction, for an operation that otherwise does not look at
-/// them: it neither waits for their lock nor logs. They are replaced by renaming, so that a whole
-/// document is read, and what cannot be read chooses nothing.
-bool settingsChooseBatch() {
-    std::ifstream file(kSettingsFile, std::ios::in | std::ios::binary);
-    Json::Value config;
-    try {
-        return file && Json::Reader().parse(file, config, /*collectComments=*/false) &&
-               choosesBatch(config);
-    } catch (const Json::Exception&) {
-        return false;  // nested too deeply
-    }
-}
-
-/// Reads from the settings whether the firewall is enabled and, if so, which way they choose.
+/// Reads from the settings whether the firewall is enabled and, if so, whether in apply mode
+/// "batch".
 bool readStatus(TARNFW& firewall, bool& enabled, bool& inBatch) {
     Json::Value config;
     if (!firewall.configGet(config)) {
@@ -305,29 +273,15 @@ bool readStatus(TARNFW& firewall, bool& enabled, bool& inBatch) {
 // ==== TARNFW: settings ==========================================================================
 
 void TARNFW::initJconfig(Json::Value& config) {
-    config[kStatusKey] = false;
-    config[kProfileKey] = kDefaultProfile;
+    settingsDefaults(config);
 }
 
 bool TARNFW::configGet(Json::Value& config) {
-    if (!pathExists(kSettingsFile)) {
-        initJconfig(config);
-        (void)jsonFileDump(config, kSettingsFile);  // logs for itself; the defaults hold anyway
-        return true;
-    }
-    return jsonFileLoad(config, kSettingsFile);
+    return settingsGet(config);
 }
 
 bool TARNFW::configSet(const Json::Value& config) {
-    Json::Value current;
-    if (!configGet(current)) {
-        FW_LOG_ERR("Falied to config.configGet()");
-        return false;
-    }
-    for (auto member = config.begin(); member != config.end(); ++member) {
-        current[member.key().asString()] = *member;
-    }
-    return jsonFileDump(current, kSettingsFile);
+    return settingsSet(config);
 }
 
 bool TARNFW::fwStatus(bool& enabled) {
@@ -384,8 +338,7 @@ bool TARNFW::fwProfileConfigSet(const std::string& profile, bool reload) {
 
 bool TARNFW::fwApplyMode(std::string& mode) {
     Json::Value config;
-    // Unlike configGet() without writing the defaults: a trial leaves the settings alone.
-    if (pathExists(kSettingsFile) && !jsonFileLoad(config, kSettingsFile)) {
+    if (!settingsPeek(config)) {  // a trial leaves the settings alone
         FW_LOG_ERR("Falied to configGet()");
         return false;
     }

@@ -11,8 +11,6 @@ namespace FW {
 
 inline constexpr char kFirewallSource[] = "tarnFW";
 
-inline constexpr char kProfileKey[] = "profile";  // of the settings
-
 /// The name under which the test profile of a profile is stored.
 inline std::string testProfileName(const std::string& name) {
     return ".test_" + name;

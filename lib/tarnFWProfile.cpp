@@ -2,6 +2,7 @@
 #include "tarnfirewall/tarnFW.h"
 
 #include "fwServiceRules.h"
+#include "fwSettings.h"
 #include "tarnFWInternal.h"
 
 namespace FW {
@@ -63,7 +64,7 @@ bool TARNFW_PROFILE::profileRename(const std::string& oldName, const std::string
 
 bool TARNFW_PROFILE::profileDelete(const std::string& name) {
     Json::Value config;
-    if (!TARNFW().configGet(config)) {
+    if (!settingsGet(config)) {
         FW_LOG_ERR("Falied to config.configGet()");
         return false;
     }

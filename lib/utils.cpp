@@ -18,7 +18,6 @@
 
 #include "fwJsonFile.h"
 #include "fwLog.h"
-#include "fwPaths.h"
 
 namespace FW {
 namespace {
@@ -33,6 +32,10 @@ constexpr std::size_t kPathBytes = 1024;
 constexpr std::size_t kChunkBytes = 16384;
 
 constexpr long kLockMicroseconds = 30 * 1000 * 1000;
+
+bool pathExists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
 
 /// The exclusive lock of one data file, held from construction to destruction.
 class DataFileLock {
@@ -90,10 +93,6 @@ bool readAll(std::istream& stream, std::string& text) {
 }
 
 }  // namespace
-
-bool pathExists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
 
 std::string getLockFile(const std::string& path) {
     const std::string lockPath = lockDirectory() + lastComponent(path) + ".lock";

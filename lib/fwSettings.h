@@ -1,0 +1,38 @@
+/// The settings file: whether the firewall is enabled, which profile is active, how rules are
+/// applied. For firewall control, under whose name it logs, and for the store.
+#pragma once
+
+#include <json/json.h>
+
+namespace FW {
+
+inline constexpr char kStatusKey[] = "status";
+inline constexpr char kProfileKey[] = "profile";
+
+inline constexpr char kApplyLines[] = "lines";
+inline constexpr char kApplyBatch[] = "batch";
+
+/// Sets the members that a fresh settings file has, and leaves others alone.
+void settingsDefaults(Json::Value& config);
+
+/// Reads the settings. Without a file these are the defaults, which it then tries to write.
+/// Returns false, logged, when the file cannot be read.
+bool settingsGet(Json::Value& config);
+
+/// Merges members into the settings. Returns false, logged, when they cannot be read or written.
+bool settingsSet(const Json::Value& members);
+
+/// As settingsGet(), without writing anything: null without a file.
+bool settingsPeek(Json::Value& config);
+
+/// Reads "status". Raises Json::Exception where it does not convert.
+bool isEnabled(const Json::Value& config);
+
+/// Whether the apply mode is "batch".
+bool choosesBatch(const Json::Value& config);
+
+/// The same of the file, for an operation that is not to depend on it: neither waits for its lock
+/// nor logs. A file that cannot be read chooses nothing.
+bool settingsChooseBatch();
+
+}  // namespace FW
