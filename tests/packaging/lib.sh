@@ -5,7 +5,8 @@
 readonly kRoot=/run/system   # the small Debian that the packages go into
 readonly kWork=/run/listings # what it and the packet filter looked like at some time
 readonly kPackages=(
-    libtarnfirewall1 libtarnplatform1 tarnfirewall-common libtarnfirewall-dev tarnfw
+    libtarnfirewall1 libtarnfwadmin1 libtarnplatform1 tarnfirewall-common libtarnfirewall-dev
+    libtarnfwadmin-dev tarnfw
 )
 readonly kUnit=/lib/systemd/system/tarnfw.service
 readonly kStore=/usr/tarn/etc/firewall.d
