@@ -10,7 +10,8 @@
 #include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/sshGuard.h"
-#include "process/wholeRun.h"
+#include "process/detachedRun.h"
+#include "process/signalsWait.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/profileCheck.h"
 #include "tarnfwadmin/store.h"
@@ -82,6 +83,20 @@ void confirmReload(const ReloadOptions& options) {
     warnAboutErrors(active);
     requireSshAccess(active, options.yes, kQuestion,
                      "the change is stored, but the kernel still has the old rules");
+}
+
+bool runWhole(const std::string& what, const std::function<bool()>& change) {
+    const SignalsWait wait;  // until the messages are there
+    DetachedRun run;
+    {
+        const Progress progress(what);
+        run = runDetached(change);
+    }
+    std::cerr << run.messages;
+    if (!run.failure.empty()) {
+        throw Error(ErrorKind::kSystem, run.failure);
+    }
+    return run.succeeded;
 }
 
 bool enableFirewall() {

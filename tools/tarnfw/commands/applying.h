@@ -1,6 +1,7 @@
 /// Putting what the store holds into the kernel, for every command that does.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "tarnfirewall/fwTypes.h"
@@ -44,6 +45,11 @@ void confirmReload(const ReloadOptions& options);
 // ---- The kernel ----
 //
 // All of these run to their end, see runWhole().
+
+/// Runs `change` detached, see runDetached(). Says "`what` ..." on the terminal meanwhile, and
+/// hands on its messages when it is done. Returns what `change` returns. Throws Error, kSystem,
+/// with the reason where it throws, or where it was killed.
+bool runWhole(const std::string& what, const std::function<bool()>& change);
 
 /// Switches the firewall on and applies the active profile. Returns false, logged, where that
 /// failed.

@@ -22,7 +22,6 @@
 #include "cli/usage.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
-#include "process/wholeRun.h"
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/store.h"

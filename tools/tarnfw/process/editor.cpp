@@ -14,8 +14,8 @@
 #include <sstream>
 #include <system_error>
 
-#include "cli/command.h"
-#include "cli/output.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/text.h"
 
 namespace fs = std::filesystem;
 

@@ -12,7 +12,7 @@
 #include <memory>
 #include <string>
 
-#include "cli/command.h"
+#include "tarnfwadmin/error.h"
 #include "tarnfwadmin/store.h"
 
 namespace tarnfw {

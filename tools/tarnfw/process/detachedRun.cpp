@@ -1,4 +1,4 @@
-#include "process/wholeRun.h"
+#include "process/detachedRun.h"
 
 #include <sys/mman.h>
 #include <sys/types.h>
@@ -13,9 +13,8 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 
-#include "cli/command.h"
-#include "cli/output.h"
 #include "process/signalsWait.h"
+#include "tarnfwadmin/error.h"
 
 namespace tarnfw {
 namespace {
@@ -65,15 +64,15 @@ private:
 };
 
 /// The new process. It never returns into what the old one was doing.
-[[noreturn]] void work(const std::function<bool()>& change, const SharedText& errors,
-                       const SharedText& reason) {
+[[noreturn]] void runInChild(const std::function<bool()>& work, const SharedText& errors,
+                             const SharedText& reason) {
     (void)setsid();
     (void)dup2(errors.fd(), STDERR_FILENO);
     // The number tells the lines of the log from those of other programs.
     openlog("tarnfw", LOG_PERROR | LOG_PID, LOG_USER);
     int status = kThrew;
     try {
-        status = change() ? kSucceeded : kFailed;
+        status = work() ? kSucceeded : kFailed;
         std::cout << std::flush;
     } catch (const std::exception& error) {
         reason.write(reasonOf(error));
@@ -91,49 +90,47 @@ int statusOf(pid_t process) {
     return ended == process && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-/// Hands on what the process wrote; lines of the log only `withLog`.
-void print(const std::string& errors, pid_t process, bool withLog) {
+/// What the process wrote, for the person who called it; lines of the log only `withLog`.
+std::string messagesOf(const std::string& errors, pid_t process, bool withLog) {
     const std::string start = "tarnfw[" + std::to_string(process) + "]: ";
+    std::string messages;
     std::istringstream lines(errors);
     for (std::string line; std::getline(lines, line);) {
         if (!boost::starts_with(line, start)) {
-            std::cerr << line << '\n';
+            messages += line + "\n";
         } else if (withLog) {
-            std::cerr << "tarnfw: " << line.substr(start.size()) << '\n';
+            messages += "tarnfw: " + line.substr(start.size()) + "\n";
         }
     }
+    return messages;
 }
 
 }  // namespace
 
-bool runWhole(const std::string& what, const std::function<bool()>& change) {
+DetachedRun runDetached(const std::function<bool()>& work) {
     const SharedText errors("errors");
     const SharedText reason("reason");
     std::cout << std::flush;  // or both would print it
     const SignalsWait wait;
-    int status = -1;
-    pid_t process = -1;
-    {
-        const Progress progress(what);
-        process = fork();
-        if (process < 0) {
-            throw Error(ErrorKind::kSystem, "cannot start a process");
-        }
-        if (process == 0) {
-            work(change, errors, reason);
-        }
-        status = statusOf(process);
+    const pid_t process = fork();
+    if (process < 0) {
+        throw Error(ErrorKind::kSystem, "cannot start a process");
     }
-    print(errors.read(), process, status != kSucceeded);
+    if (process == 0) {
+        runInChild(work, errors, reason);
+    }
+    const int status = statusOf(process);
+    DetachedRun run;
+    run.succeeded = status == kSucceeded;
+    run.messages = messagesOf(errors.read(), process, !run.succeeded);
     if (status == kThrew) {
-        throw Error(ErrorKind::kSystem, reason.read());
+        run.failure = reason.read();
+    } else if (status < 0) {
+        run.failure =
+            "a process was killed in the middle of its work; \"tarnfw status\" tells how far it "
+            "came";
     }
-    if (status < 0) {
-        throw Error(ErrorKind::kSystem,
-                    "a process was killed in the middle of its work; \"tarnfw status\" "
-                    "tells how far it came");
-    }
-    return status == kSucceeded;
+    return run;
 }
 
 }  // namespace tarnfw

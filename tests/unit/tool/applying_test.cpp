@@ -1,5 +1,5 @@
 // What comes back of work in a process of its own: its result, its messages, its end.
-#include "process/wholeRun.h"
+#include "commands/applying.h"
 
 #include <signal.h>
 #include <sys/types.h>
@@ -13,8 +13,8 @@
 
 #include <gtest/gtest.h>
 
-#include "cli/command.h"
 #include "process/signalsWait.h"
+#include "tarnfwadmin/error.h"
 
 namespace tarnfw {
 namespace {
