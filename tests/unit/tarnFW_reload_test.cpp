@@ -1063,65 +1063,116 @@ private:
     const std::size_t descriptors_ = openDescriptors();
 };
 
-struct DamagedSettings {
+void reload() {
+    FW::TARNFW().fwReload(true);
+}
+
+void enable() {
+    FW::TARNFW().fwEnable();
+}
+
+std::string raisedBy(void (*operation)()) {
+    try {
+        operation();
+    } catch (const Json::Exception&) {
+        return "Json::Exception";
+    } catch (const boost::interprocess::interprocess_exception&) {
+        return "interprocess_exception";
+    }
+    return "nothing";
+}
+
+// What is damaged before an operation or while it works, and all that the operation does then.
+struct Damage {
     std::string name;
-    std::string settings;
-    bool closed;  ///< the damage is met after the machine was closed
+    void (*operation)();
+    std::string settings;  ///< the settings file before
+    std::string blocked;   ///< the data file whose lock cannot be opened, or none
+    std::string at;        ///< from this line on; empty: from the beginning
+    std::string failing;   ///< this line fails, and damages the settings; or none
+    std::string raised;
+    Lines acts;
+    std::string left;  ///< the settings file afterwards, compared as JSON
 };
 
-void PrintTo(const DamagedSettings& c, std::ostream* out) {
+void PrintTo(const Damage& c, std::ostream* out) {
     *out << c.settings;
 }
 
-class DamagedSettingsTest : public ExceptionTest,
-                            public ::testing::WithParamInterface<DamagedSettings> {
-protected:
-    DamagedSettingsTest() { writeFile(kSettingsFile, GetParam().settings); }
+class DamageTest : public ExceptionTest, public ::testing::WithParamInterface<Damage> {};
 
-    Lines reload() const {
-        return kTakeExecLock + (GetParam().closed ? kDrop + kFlush + kAccept : Lines{}) +
-               kReleaseExecLock;
+TEST_P(DamageTest, OpensThePoliciesReleasesTheLockAndTellsTheHook) {
+    const Damage& c = GetParam();
+    writeFile(kSettingsFile, c.settings);
+    if (!c.failing.empty()) {
+        failLine(c.failing);
+        atLine(c.failing, damageSettings);
+    } else if (!c.at.empty()) {
+        atLine(c.at, [&c] { blockLockOf(c.blocked); });
+    } else if (!c.blocked.empty()) {
+        blockLockOf(c.blocked);
     }
-};
 
-TEST_P(DamagedSettingsTest, ReloadRaisesWithOpenPoliciesAndReleasedLock) {
-    EXPECT_THROW(FW::TARNFW().fwReload(true), Json::Exception);
-    EXPECT_EQ(acts(), reload());
-    EXPECT_EQ(policies(), GetParam().closed ? kOpen : kUntouched);
-    EXPECT_EQ(readFile(kSettingsFile), GetParam().settings);
+    EXPECT_EQ(raisedBy(c.operation), c.raised);
+
+    EXPECT_EQ(acts(), c.acts);
+    EXPECT_EQ(storedSettings(), parseJson(c.left));
 }
 
-const DamagedSettings kDamaged[] = {
-    {"ProfileIsAnObject", R"({"status": true, "profile": {}})", true},
-    {"ProfileIsAFilledObject", R"({"status": true, "profile": {"name": "home"}})", true},
-    {"ProfileIsAnArray", R"({"status": true, "profile": []})", true},
-    {"StatusIsAWord", R"({"status": "yes", "profile": "home"})", false},
-    {"StatusIsAnObject", R"({"status": {}, "profile": "home"})", false},
-    {"DocumentIsAnArray", "[]", false},
+const std::string kSettingsLock = "firewall_settings.json";
+const std::string kJson = "Json::Exception";
+const std::string kLock = "interprocess_exception";
+const std::string kEnabled = R"({"status": true, "profile": "home"})";
+const std::string kDisabled = R"({"status": false, "profile": "home"})";
+const std::string kObject = R"({"status": true, "profile": {}})";
+const std::string kFilledObject = R"({"status": true, "profile": {"name": "home"}})";
+const std::string kArray = R"({"status": true, "profile": []})";
+const std::string kWord = R"({"status": "yes", "profile": "home"})";
+const std::string kStatusObject = R"({"status": {}, "profile": "home"})";
+
+const Lines kStopped = kTakeExecLock + kReleaseExecLock;
+const Lines kReopened = kTakeExecLock + kDrop + kFlush + kAccept + kReleaseExecLock;
+const Lines kToFailedLine = kTakeExecLock + kDrop + kFlush + kRules4 + firstOf(kRules6, 1);
+const Lines kFailedDisabling = kBeforeDisabling + kFlush + unload(1001) + kAfterFailedDisabling;
+// What failed to reopen is not tried again.
+const Lines kFailedAccept = kTakeExecLock + kRebuild + kFailedDisabling + kReleaseExecLock;
+
+const Damage kDamages[] = {
+    {"ProfileIsAnObject", reload, kObject, "", "", "", kJson, kReopened, kObject},
+    {"ProfileIsAFilledObject", reload, kFilledObject, "", "", "", kJson, kReopened, kFilledObject},
+    {"ProfileIsAnArray", reload, kArray, "", "", "", kJson, kReopened, kArray},
+    {"StatusIsAWord", reload, kWord, "", "", "", kJson, kStopped, kWord},
+    {"StatusIsAnObject", reload, kStatusObject, "", "", "", kJson, kStopped, kStatusObject},
+    {"DocumentIsAnArray", reload, "[]", "", "", "", kJson, kStopped, "[]"},
+    {"SettingsLock", reload, kEnabled, kSettingsLock, "", "", kLock, kStopped, kEnabled},
+    {"SettingsLockLater", reload, kEnabled, kSettingsLock, kFlush.back(), "", kLock, kReopened,
+     kEnabled},
+    {"ProfileLock", reload, kEnabled, "1.json", "", "", kLock, kReopened, kEnabled},
+    {"DisablingAfterAFailedLine", reload, kEnabled, "", "", kRules6[0], kJson,
+     kToFailedLine + kFailedDisabling + kAccept + kReleaseExecLock, "[]"},
+    {"DisablingAfterAFailedAccept", reload, kEnabled, "", "", kAccept[5], kJson, kFailedAccept,
+     "[]"},
+
+    {"EnablingProfileIsAnObject", enable, R"({"status": false, "profile": {}})", "", "", "", kJson,
+     kBeforeEnabling + kReopened + kAfterFailedEnabling, kObject},
+    {"EnablingProfileIsAnArray", enable, R"({"status": false, "profile": []})", "", "", "", kJson,
+     kBeforeEnabling + kReopened + kAfterFailedEnabling, kArray},
+    {"EnablingStatusIsAWord", enable, kWord, "", "", "", "nothing",
+     kBeforeEnabling + kTakeExecLock + kRebuild + kReleaseExecLock + kAfterEnabling, kEnabled},
+    {"EnablingDocumentIsAnArray", enable, "[]", "", "", "", kJson,
+     kBeforeEnabling + kAfterFailedEnabling, "[]"},
+    {"EnablingSettingsLock", enable, kDisabled, kSettingsLock, "", "", kLock,
+     kBeforeEnabling + kAfterFailedEnabling, kDisabled},
+    {"EnablingDisablingAfterAFailedLine", enable, kDisabled, "", "", kRules6[0], kJson,
+     kBeforeEnabling + kToFailedLine + kFailedDisabling + kAccept + kReleaseExecLock +
+         kAfterFailedEnabling,
+     "[]"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Settings, DamagedSettingsTest, ValuesIn(kDamaged),
+INSTANTIATE_TEST_SUITE_P(, DamageTest, ValuesIn(kDamages),
                          [](const auto& tested) { return tested.param.name; });
 
 using FwReloadExceptionTest = ExceptionTest;
-
-TEST_F(FwReloadExceptionTest, LockOfTheSettingsThatCannotBeOpenedReleasesTheExecutionLock) {
-    blockLockOf("firewall_settings.json");
-    EXPECT_THROW(FW::TARNFW().fwReload(true), boost::interprocess::interprocess_exception);
-    EXPECT_EQ(acts(), kTakeExecLock + kReleaseExecLock);
-}
-
-TEST_F(FwReloadExceptionTest, LockOfTheSettingsThatCannotBeOpenedLaterOpensThePoliciesAgain) {
-    atLine(kFlush.back(), [] { blockLockOf("firewall_settings.json"); });
-    EXPECT_THROW(FW::TARNFW().fwReload(true), boost::interprocess::interprocess_exception);
-    EXPECT_EQ(acts(), kTakeExecLock + kDrop + kFlush + kAccept + kReleaseExecLock);
-}
-
-TEST_F(FwReloadExceptionTest, LockOfAProfileThatCannotBeOpenedOpensThePoliciesAgain) {
-    blockLockOf("1.json");
-    EXPECT_THROW(FW::TARNFW().fwReload(true), boost::interprocess::interprocess_exception);
-    EXPECT_EQ(acts(), kTakeExecLock + kDrop + kFlush + kAccept + kReleaseExecLock);
-}
 
 TEST_F(FwReloadExceptionTest, ExceptionOfTheModuleRecordReleasesTheExecutionLock) {
     setLoaded("no");
@@ -1150,26 +1201,6 @@ TEST_F(FwReloadExceptionTest, CatalogueOfServicesIsReleased) {
     EXPECT_THROW(FW::TARNFW().fwReload(true), LineBroke);
     EXPECT_THAT(platform_.journalOf("services "), ElementsAre("enum", "free"));
     EXPECT_EQ(policies(), kOpen);
-}
-
-TEST_F(FwReloadExceptionTest, DamageMetByTheDisablingAfterAFailedLineOpensThePolicies) {
-    failLine(kRules6[0]);
-    atLine(kRules6[0], damageSettings);
-    EXPECT_THROW(FW::TARNFW().fwReload(true), Json::Exception);
-    EXPECT_EQ(acts(), kTakeExecLock + kDrop + kFlush + kRules4 + firstOf(kRules6, 1) +
-                          kBeforeDisabling + kFlush + unload(1001) + kAfterFailedDisabling +
-                          kAccept + kReleaseExecLock);
-}
-
-TEST_F(FwReloadExceptionTest, DamageMetByTheDisablingAfterAFailedAcceptReleasesTheLock) {
-    failLine(kAccept[5]);
-    atLine(kAccept[5], damageSettings);
-    EXPECT_THROW(FW::TARNFW().fwReload(true), Json::Exception);
-    // What failed to reopen is not tried again.
-    EXPECT_EQ(acts(), kTakeExecLock + kDrop + kFlush + kRules4 + kRules6 + kAccept +
-                          kBeforeDisabling + kFlush + unload(1001) + kAfterFailedDisabling +
-                          kReleaseExecLock);
-    EXPECT_THAT(platform_.journalOf("hook set "), ElementsAre("RESULT=0", "RESULT=-1"));
 }
 
 TEST_F(FwReloadExceptionTest, FailureToReopenIsLoggedAndTheFirstExceptionReachesTheCaller) {
@@ -1243,36 +1274,6 @@ protected:
     FwEnableExceptionTest() { storeSettings(false, "home"); }
 };
 
-TEST_F(FwEnableExceptionTest, ProfileThatIsNoTextTellsTheHookAfterThePoliciesAreOpen) {
-    for (const std::string profile : {"{}", "[]"}) {
-        platform_.clearJournal();
-        writeFile(kSettingsFile, R"({"status": false, "profile": )" + profile + "}");
-        EXPECT_THROW(FW::TARNFW().fwEnable(), Json::Exception) << profile;
-        EXPECT_EQ(acts(), kBeforeEnabling + kTakeExecLock + kDrop + kFlush + kAccept +
-                              kReleaseExecLock + kAfterFailedEnabling);
-        EXPECT_TRUE(status());
-    }
-}
-
-TEST_F(FwEnableExceptionTest, StatusThatIsNoTruthValueIsReplaced) {
-    writeFile(kSettingsFile, R"({"status": "yes", "profile": "home"})");
-    EXPECT_TRUE(FW::TARNFW().fwEnable());
-    EXPECT_EQ(storedSettings(), parseJson(R"({"status": true, "profile": "home"})"));
-}
-
-TEST_F(FwEnableExceptionTest, SettingsThatAreNoObjectTellTheHook) {
-    damageSettings();
-    EXPECT_THROW(FW::TARNFW().fwEnable(), Json::Exception);
-    EXPECT_EQ(acts(), kBeforeEnabling + kAfterFailedEnabling);
-    EXPECT_EQ(readFile(kSettingsFile), "[]");
-}
-
-TEST_F(FwEnableExceptionTest, LockFileThatCannotBeOpenedTellsTheHook) {
-    blockLockOf("firewall_settings.json");
-    EXPECT_THROW(FW::TARNFW().fwEnable(), boost::interprocess::interprocess_exception);
-    EXPECT_EQ(acts(), kBeforeEnabling + kAfterFailedEnabling);
-}
-
 TEST_F(FwEnableExceptionTest, FailedHookIsLoggedBeforeTheExceptionLeaves) {
     damageSettings();
     platform_.hookActionResult = -1;
@@ -1290,16 +1291,6 @@ TEST_F(FwEnableExceptionTest, ExceptionBeforeTheFirstHookRunsNone) {
     EXPECT_THROW(FW::TARNFW().fwEnable(), LockBroke);
     EXPECT_THAT(platform_.journalOf("hook "), IsEmpty());
     EXPECT_FALSE(status());
-}
-
-TEST_F(FwEnableExceptionTest, ExceptionWhileDisablingIsToldToBothHooks) {
-    failLine(kRules6[0]);
-    atLine(kRules6[0], damageSettings);
-    EXPECT_THROW(FW::TARNFW().fwEnable(), Json::Exception);
-    EXPECT_EQ(acts(), kBeforeEnabling + kTakeExecLock + kDrop + kFlush + kRules4 +
-                          firstOf(kRules6, 1) + kBeforeDisabling + kFlush + unload(1001) +
-                          kAfterFailedDisabling + kAccept + kReleaseExecLock +
-                          kAfterFailedEnabling);
 }
 
 class FwDisableExceptionTest : public ExceptionTest, public ::testing::WithParamInterface<OffCase> {
@@ -1383,13 +1374,6 @@ class UncaughtExceptionDeathTest : public FirewallTest {};
 
 TEST_F(UncaughtExceptionDeathTest, ReloadOfDamagedSettingsDiesWithOpenPolicies) {
     writeFile(kSettingsFile, R"({"status": true, "profile": {}})");
-    EXPECT_EXIT(withoutHandler([] { FW::TARNFW().fwReload(true); }),
-                ::testing::KilledBySignal(SIGABRT),
-                HasSubstr("left: v4 ACCEPT ACCEPT, v6 ACCEPT ACCEPT, end"));
-}
-
-TEST_F(UncaughtExceptionDeathTest, ReloadWithALockFileThatCannotBeOpenedDiesWithOpenPolicies) {
-    blockLockOf("1.json");
     EXPECT_EXIT(withoutHandler([] { FW::TARNFW().fwReload(true); }),
                 ::testing::KilledBySignal(SIGABRT),
                 HasSubstr("left: v4 ACCEPT ACCEPT, v6 ACCEPT ACCEPT, end"));
