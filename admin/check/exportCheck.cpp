@@ -7,8 +7,8 @@
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "check/schemaCheck.h"
-#include "tarnfwadmin/configuration.h"
 #include "tarnfwadmin/profileCheck.h"
+#include "tarnfwadmin/store.h"
 #include "tarnfwadmin/text.h"
 
 namespace tarnfw {

@@ -19,7 +19,7 @@
 
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/error.h"
-#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/storeSession.h"
 
 namespace tarnfw {
 namespace {

@@ -20,7 +20,7 @@ constexpr const char* kFamilies[] = {"v4", "v6"};
 /// library does with a rule is done again here.
 class Tracer {
 public:
-    explicit Tracer(ReloadWay way) : way_(way) { translate({}, {}, "", fixed_); }
+    explicit Tracer(ApplyMode mode) : mode_(mode) { translate({}, {}, "", fixed_); }
 
     void addFixedLines() { append(fixed_, "", /*skipFixed=*/false); }
 
@@ -58,7 +58,7 @@ private:
     void translate(const std::map<std::string, std::vector<FW::FWRULE>>& rules,
                    const std::map<std::string, FW::FW_POLICY>& policies, const std::string& where,
                    Json::Value& out) {
-        if (!(way_ == ReloadWay::kBatch
+        if (!(mode_ == ApplyMode::kBatch
                   ? translation_.fwRulesToBatchRules(true, rules, policies, out, "")
                   : translation_.fwRulesToIptablesRules(true, rules, policies, out))) {
             throw Error(ErrorKind::kInvalid,
@@ -81,7 +81,7 @@ private:
         }
     }
 
-    ReloadWay way_;
+    ApplyMode mode_;
     FW::TARNFW_IPTABLES_RULES translation_;
     Json::Value fixed_;
     std::map<std::string, std::map<std::string, std::vector<TracedLine>>> lines_;
@@ -89,22 +89,14 @@ private:
 
 }  // namespace
 
-ReloadWay chosenWay() {
-    std::string mode;
-    if (!FW::TARNFW().fwApplyMode(mode)) {
-        throw Error(ErrorKind::kSystem, "the settings cannot be read");
-    }
-    return mode == "batch" ? ReloadWay::kBatch : ReloadWay::kLines;
-}
-
-bool commandsFor(const std::string& profile, ReloadWay way, Json::Value& commands) {
+bool commandsFor(const std::string& profile, ApplyMode mode, Json::Value& commands) {
     FW::TARNFW firewall;
-    return way == ReloadWay::kBatch ? firewall.fwBatchRulesEnum(profile, commands, true, "")
-                                    : firewall.fwIptablesRulesEnum(profile, commands, true);
+    return mode == ApplyMode::kBatch ? firewall.fwBatchRulesEnum(profile, commands, true, "")
+                                     : firewall.fwIptablesRulesEnum(profile, commands, true);
 }
 
-std::vector<TracedLine> tracedLines(const FW::FWPROFILE& profile, ReloadWay way) {
-    Tracer tracer(way);
+std::vector<TracedLine> tracedLines(const FW::FWPROFILE& profile, ApplyMode mode) {
+    Tracer tracer(mode);
     tracer.addFixedLines();
     for (const std::string& adapter : adaptersOf(profile)) {
         const auto rules = profile.rules.find(adapter);

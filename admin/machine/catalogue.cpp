@@ -122,8 +122,8 @@ Service Catalogue::require(const std::string& name) const {
         return *service;
     }
     if (service) {
-        throw Error(ErrorKind::kInvalid, "the catalogue keeps service " + inQuotes(name) +
-                                             " out of the firewall: it has no title");
+        throw Error(ErrorKind::kUnusable, "the catalogue keeps service " + inQuotes(name) +
+                                              " out of the firewall: it has no title");
     }
     std::vector<std::string> names;
     for (const Service& other : services()) {

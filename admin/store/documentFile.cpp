@@ -1,19 +1,22 @@
 #include "tarnfwadmin/documentFile.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iostream>
 #include <iterator>
 #include <memory>
 #include <sstream>
 
 #include <boost/algorithm/string/predicate.hpp>
 
+#include "base/descriptor.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/text.h"
 
@@ -85,32 +88,62 @@ std::vector<Finding> leniencies(const std::string& text) {
     return findings.take();
 }
 
+/// A file under a passing name, which is gone with the object.
+class PassingFile {
+public:
+    explicit PassingFile(const std::string& path)
+        : name_(path + ".XXXXXX"), file_(mkostemp(name_.data(), O_CLOEXEC)) {}
+    ~PassingFile() {
+        if (file_) {
+            (void)unlink(name_.c_str());  // fails after a renaming, which is as well
+        }
+    }
+    PassingFile(const PassingFile&) = delete;
+    PassingFile& operator=(const PassingFile&) = delete;
+
+    /// All of it, on the disk.
+    bool write(const std::string& text, mode_t mode) const {
+        return file_ && writeText(file_.get(), text) && fchmod(file_.get(), mode) == 0 &&
+               fsync(file_.get()) == 0;
+    }
+
+    bool become(const std::string& path, Existing existing) const {
+        return existing == Existing::kReplaced ? rename(name_.c_str(), path.c_str()) == 0
+                                               : link(name_.c_str(), path.c_str()) == 0;
+    }
+
+private:
+    std::string name_;
+    Descriptor file_;
+};
+
+/// The name of a file is in its directory, and that has to reach the disk as well.
+void syncDirectoryOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const Descriptor file(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (file) {
+        (void)fsync(file.get());  // some file systems cannot; the file is there all the same
+    }
+}
+
 }  // namespace
 
 std::string readText(const std::string& path) {
-    std::ostringstream text;
-    errno = 0;
-    if (path == kStandardInput) {
-        text << std::cin.rdbuf();
-    } else {
-        std::ifstream file(path, std::ios::binary);
-        if (file) {
-            text << file.rdbuf();
-        }
-        // An empty file fails to give anything, too, but without an error.
-        if (!file.is_open() || errno != 0) {
-            throw Error(ErrorKind::kSystem,
-                        "cannot read " + printable(path) + ": " + std::strerror(errno));
-        }
+    const bool standard = path == kStandardInput;
+    const Descriptor file(standard ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string text;
+    if ((!standard && !file) || !readAll(standard ? STDIN_FILENO : file.get(), text)) {
+        throw Error(ErrorKind::kSystem, "cannot read " +
+                                            (standard ? "standard input" : printable(path)) + ": " +
+                                            std::strerror(errno));
     }
-    return text.str();
+    return text;
 }
 
-bool readDocument(const std::string& path, Json::Value& document) {
+bool parseAsStored(const std::string& text, Json::Value& document) {
     try {
-        return Json::Reader().parse(readText(path), document, /*collectComments=*/false);
-    } catch (const Error&) {
-        return false;
+        return Json::Reader().parse(text, document, /*collectComments=*/true);
     } catch (const Json::Exception&) {  // nested too deeply
         return false;
     }
@@ -131,6 +164,23 @@ std::vector<Finding> parseDocument(const std::string& text, Json::Value& documen
         findings.error("", unstopped(error.what()));
     }
     return findings.take();
+}
+
+std::string documentText(const Json::Value& document) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "  ";
+    builder["emitUTF8"] = true;
+    return Json::writeString(builder, document) + "\n";
+}
+
+void writeFileAtomically(const std::string& path, const std::string& text, mode_t mode,
+                         Existing existing) {
+    const PassingFile file(path);
+    if (!file.write(text, mode) || !file.become(path, existing)) {
+        throw Error(ErrorKind::kSystem,
+                    "cannot write " + printable(path) + ": " + std::strerror(errno));
+    }
+    syncDirectoryOf(path);
 }
 
 }  // namespace tarnfw

@@ -1,78 +1,43 @@
 #include "tarnfwadmin/store.h"
 
 #include <glob.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <set>
 #include <utility>
 
-#include <json/json.h>
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
-
-#include "tarncore.h"
-#include "tarnsdk.h"
 
 #include "tarnfirewall/tarnFW.h"
 
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/error.h"
-#include "tarnfwadmin/storeChange.h"
 #include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
 
-constexpr int kLockSeconds = 30;
-constexpr mode_t kDirectoryMode = 0755;
+// The members of the settings.
+constexpr char kStatusKey[] = "status";
+constexpr char kProfileKey[] = "profile";
+constexpr char kApplyKey[] = "apply";
+constexpr char kBatch[] = "batch";
 
-// Of a new profile's name: it stands in tables and messages.
+// Of a new profile's name: it is part of tables and messages.
 constexpr std::size_t kMostNameBytes = 100;
 
-/// The names for a complaint: "default, home".
+// A time in whole seconds may be of a file system that keeps no more; two on some.
+constexpr time_t kCoarseTickSeconds = 2;
+
+/// The names for a message: "default, home".
 std::string listed(const std::vector<std::string>& names) {
     return printable(boost::join(names, ", "));
 }
 
-/// The names that the documents of profiles carry, sorted.
-std::vector<std::string> namesIn(const StoredDocuments& stored, bool ofTestProfiles) {
-    std::set<std::string> names;
-    for (const auto& [path, document] : stored.documents) {
-        if (!document.isObject() || !document["name"].isString()) {
-            continue;  // of another kind
-        }
-        const std::string name = document["name"].asString();
-        if (boost::starts_with(name, kTestPrefix) == ofTestProfiles) {
-            names.insert(name);
-        }
-    }
-    return {names.begin(), names.end()};
-}
-
-}  // namespace
-
-ToolLock::ToolLock(const std::string& name) {
-    makeDirectory(kRunDir);
-    const std::string path = std::string(kRunDir).append("/").append(name);
-    if (TLIBCFileLockTimeByFile(path.c_str(), 1, kLockSeconds, &fd_) != 1) {
-        throw Error(ErrorKind::kBusy, "cannot lock " + path + ": another tarnfw is at work");
-    }
-}
-
-ToolLock::~ToolLock() {
-    (void)TLIBCFileUnlockByFile(fd_);
-}
-
-StoreLock::StoreLock() : ToolLock("store.lock") {
-    mendInterruptedChange();
-}
-
-void makeDirectory(const char* path) {
-    if (TARNFSMkdirP(path, nullptr, 1, 0, 0, kDirectoryMode) < 0) {
-        throw Error(ErrorKind::kSystem, std::string("cannot make the directory ") + path);
-    }
-}
-
+/// The files that the library looks at, sorted.
 std::vector<std::string> documentPaths() {
     std::vector<std::string> paths;
     glob_t found{};
@@ -83,110 +48,251 @@ std::vector<std::string> documentPaths() {
     return paths;
 }
 
-StoredDocuments storedDocuments() {
-    StoredDocuments stored;
-    for (const std::string& path : documentPaths()) {
-        Json::Value document;
-        if (readDocument(path, document)) {
-            stored.documents[path] = std::move(document);
-        } else {
-            stored.unreadable.push_back(path);
-        }
-    }
-    return stored;
+bool isTestProfile(const std::string& name) {
+    return boost::starts_with(name, kTestPrefix);
 }
 
-std::string unreadableText(const std::vector<std::string>& paths) {
+bool isBefore(const timespec& a, const timespec& b) {
+    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
+}
+
+/// Whether a write at `now` or later leaves another time than `changed`. Two writes in one tick of
+/// the clock leave the same.
+bool isOver(timespec changed, const timespec& now) {
+    if (changed.tv_nsec == 0) {
+        changed.tv_sec += kCoarseTickSeconds;
+    }
+    return isBefore(changed, now);
+}
+
+}  // namespace
+
+// ---- Reading ------------------------------------------------------------------------------------
+
+StoreSnapshot::FileVersion StoreSnapshot::FileVersion::of(const std::string& path) {
+    FileVersion version;
+    struct stat status {};
+    // The clock that file systems use; first, so that no write comes in between.
+    (void)clock_gettime(CLOCK_REALTIME_COARSE, &version.looked);
+    if (stat(path.c_str(), &status) == 0) {
+        version.regular = S_ISREG(status.st_mode);
+        version.device = status.st_dev;
+        version.inode = status.st_ino;
+        version.size = status.st_size;
+        version.changed = status.st_ctim;
+    }
+    return version;
+}
+
+bool StoreSnapshot::FileVersion::isStill(const FileVersion& later) const {
+    return regular && later.regular && device == later.device && inode == later.inode &&
+           size == later.size && !isBefore(changed, later.changed) &&
+           !isBefore(later.changed, changed) && isOver(changed, looked);
+}
+
+StoreSnapshot::File StoreSnapshot::File::from(const std::string& path, const FileVersion& version) {
+    File file;
+    file.version = version;
+    try {
+        file.text = readText(path);
+        file.read = true;
+        file.whole = parseAsStored(file.text, file.content);
+    } catch (const Error&) {
+        // unreadable() names it
+    }
+    return file;
+}
+
+void StoreSnapshot::refresh() {
+    std::map<std::string, File> known = std::exchange(files_, {});
+    for (const std::string& path : documentPaths()) {
+        const FileVersion version = FileVersion::of(path);
+        const auto found = known.find(path);
+        files_[path] = found != known.end() && found->second.version.isStill(version)
+                           ? std::move(found->second)
+                           : File::from(path, version);
+    }
+    paths_.clear();
+    profiles_.clear();
+    for (const auto& [path, file] : files_) {
+        if (file.whole && file.content.isObject() && file.content["name"].isString()) {
+            paths_.emplace(file.content["name"].asString(), path);  // the first one counts
+        }
+    }
+}
+
+// ---- Settings -----------------------------------------------------------------------------------
+
+bool StoreSnapshot::hasSettings() const {
+    return files_.count(kSettingsFile) != 0 && std::filesystem::exists(kSettingsFile);
+}
+
+Json::Value StoreSnapshot::settings() const {
+    if (!hasSettings()) {
+        Json::Value defaults;
+        FW::TARNFW().initJconfig(defaults);
+        return defaults;
+    }
+    const File& file = files_.at(kSettingsFile);
+    if (!file.whole) {
+        throw Error(ErrorKind::kSystem, "the settings cannot be read");
+    }
+    return file.content;
+}
+
+bool StoreSnapshot::firewallEnabled() const {
+    const Json::Value document = settings();
+    return document.isMember(kStatusKey) && document[kStatusKey].asBool();
+}
+
+std::string StoreSnapshot::activeProfile() const {
+    const Json::Value document = settings();
+    if (!document.isMember(kProfileKey)) {
+        throw Error(ErrorKind::kSystem, "the settings cannot be read");
+    }
+    return document[kProfileKey].asString();
+}
+
+ApplyMode StoreSnapshot::applyMode() const {
+    const Json::Value document = settings();
+    return document.isObject() && document[kApplyKey] == kBatch ? ApplyMode::kBatch
+                                                                : ApplyMode::kLines;
+}
+
+// ---- Files --------------------------------------------------------------------------------------
+
+std::vector<std::string> StoreSnapshot::unreadable() const {
+    std::vector<std::string> paths;
+    for (const auto& [path, file] : files_) {
+        if (!file.whole) {
+            paths.push_back(path);
+        }
+    }
+    return paths;
+}
+
+std::string StoreSnapshot::unreadableText() const {
+    const std::vector<std::string> paths = unreadable();
     return paths.empty() ? ""
                          : counted(paths.size(), "file") + " cannot be read: " + listed(paths) +
                                " (\"tarnfw check FILE\" tells why)";
 }
 
-std::string activeProfile() {
-    FW::TARNFW firewall;
-    std::string profile;
-    if (TLIBCFileExist(kSettingsFile) != 1) {
-        // Asking the library would write the defaults, and reading must not change anything.
-        Json::Value defaults;
-        firewall.initJconfig(defaults);
-        profile = defaults["profile"].asString();
-    } else if (!firewall.fwProfileConfigGet(profile)) {
-        throw Error(ErrorKind::kSystem, "the settings cannot be read");
+std::map<std::string, std::string> StoreSnapshot::texts() const {
+    std::map<std::string, std::string> texts;
+    for (const auto& [path, file] : files_) {
+        if (file.version.regular && file.read) {
+            texts[path] = file.text;
+        } else if (file.version.regular) {
+            texts[path] = readText(path);  // throws the reason
+        }
     }
-    return profile;
+    return texts;
 }
 
-bool firewallEnabled() {
-    bool enabled = false;
-    if (TLIBCFileExist(kSettingsFile) == 1 && !FW::TARNFW().fwStatus(enabled)) {
-        throw Error(ErrorKind::kSystem, "the settings cannot be read");
-    }
-    return enabled;
+bool StoreSnapshot::isWhole(const std::string& path) const {
+    const auto found = files_.find(path);
+    return found != files_.end() && found->second.whole;
 }
 
-std::vector<std::string> profileNames() {
-    return namesIn(storedDocuments(), /*ofTestProfiles=*/false);
-}
+// ---- Profiles -----------------------------------------------------------------------------------
 
-std::vector<std::string> testProfileNames() {
-    return namesIn(storedDocuments(), /*ofTestProfiles=*/true);
-}
-
-std::vector<std::string> requireProfiles(const StoredDocuments& stored) {
-    std::vector<std::string> names = namesIn(stored, /*ofTestProfiles=*/false);
-    if (names.empty()) {
-        throw Error(ErrorKind::kNotFound,
-                    "there are no profiles; " + (stored.unreadable.empty()
-                                                     ? "\"tarnfw base up\" writes a first one"
-                                                     : unreadableText(stored.unreadable)));
+std::vector<std::string> StoreSnapshot::profileNames() const {
+    std::vector<std::string> names;
+    for (const auto& [name, path] : paths_) {
+        if (!isTestProfile(name)) {
+            names.push_back(name);
+        }
     }
     return names;
 }
 
-void requireProfile(const std::string& name) {
-    const StoredDocuments stored = storedDocuments();
-    const std::vector<std::string> names = requireProfiles(stored);
+std::vector<std::string> StoreSnapshot::testProfileNames() const {
+    std::vector<std::string> names;
+    for (const auto& [name, path] : paths_) {
+        if (isTestProfile(name)) {
+            names.push_back(name);
+        }
+    }
+    return names;
+}
+
+std::vector<std::string> StoreSnapshot::requireProfiles() const {
+    std::vector<std::string> names = profileNames();
+    if (names.empty()) {
+        const std::string perhaps = unreadableText();
+        throw Error(ErrorKind::kNotFound,
+                    "there are no profiles; " +
+                        (perhaps.empty() ? "\"tarnfw base up\" writes a first one" : perhaps));
+    }
+    return names;
+}
+
+void StoreSnapshot::requireProfile(const std::string& name) const {
+    const std::vector<std::string> names = requireProfiles();
     if (std::find(names.begin(), names.end(), name) == names.end()) {
-        const std::string perhaps = unreadableText(stored.unreadable);
+        const std::string perhaps = unreadableText();
         throw Error(ErrorKind::kNotFound, "there is no profile " + inQuotes(name) +
                                               " (there is: " + listed(names) + ")" +
                                               (perhaps.empty() ? "" : "; " + perhaps));
     }
 }
 
-void requireNewName(const std::string& name) {
-    if (name.empty() || boost::starts_with(name, kTestPrefix)) {
-        throw Error(ErrorKind::kInvalid, "a profile cannot be called " + inQuotes(name));
+void StoreSnapshot::requireNewName(const std::string& name) const {
+    if (name.empty() || isTestProfile(name)) {
+        throw Error(ErrorKind::kUnusable, "a profile cannot be called " + inQuotes(name));
     }
     if (name.size() > kMostNameBytes || printable(name) != name) {
-        throw Error(ErrorKind::kInvalid, "a profile's name has at most " +
-                                             std::to_string(kMostNameBytes) +
-                                             " bytes, and no control characters");
+        throw Error(ErrorKind::kUnusable, "a profile's name has at most " +
+                                              std::to_string(kMostNameBytes) +
+                                              " bytes, and no control characters");
     }
-    const std::vector<std::string> names = requireProfiles(storedDocuments());
-    if (std::find(names.begin(), names.end(), name) != names.end()) {
-        throw Error(ErrorKind::kInvalid, "there is a profile " + inQuotes(name) + " already");
+    (void)requireProfiles();
+    if (hasProfile(name)) {
+        throw Error(ErrorKind::kUnusable, "there is a profile " + inQuotes(name) + " already");
     }
 }
 
-FW::FWPROFILE loadProfile(const std::string& name) {
+const std::string& StoreSnapshot::pathOf(const std::string& name) const {
+    const auto found = paths_.find(name);
+    if (found == paths_.end()) {
+        requireProfile(name);
+        throw Error(ErrorKind::kNotFound, "there is no profile " + inQuotes(name));
+    }
+    return found->second;
+}
+
+const std::string& StoreSnapshot::textOf(const std::string& name) const {
+    return files_.at(pathOf(name)).text;
+}
+
+const Json::Value& StoreSnapshot::documentOf(const std::string& name) const {
+    return files_.at(pathOf(name)).content;
+}
+
+const FW::FWPROFILE& StoreSnapshot::profile(const std::string& name) const {
     const std::string wanted = name.empty() ? activeProfile() : name;
-    requireProfile(wanted);
-    FW::FWPROFILE profile;
-    if (!FW::TARNFW_PROFILE().profileGet(wanted, profile)) {
-        throw Error(ErrorKind::kSystem, "profile " + inQuotes(wanted) + " cannot be read");
+    const auto known = profiles_.find(wanted);
+    if (known != profiles_.end()) {
+        return known->second;
     }
-    return profile;
+    const Json::Value& document = documentOf(wanted);
+    FW::FWPROFILE profile;
+    try {
+        FW::TARNFW_JSON_DB().jsonToProfile(document, profile);
+    } catch (const Json::Exception&) {
+        throw Error(ErrorKind::kSystem, "profile " + inQuotes(wanted) + " cannot be read",
+                    {pathOf(wanted), "", std::nullopt});
+    }
+    return profiles_[wanted] = std::move(profile);
 }
 
-void storeProfile(const FW::FWPROFILE& profile) {
-    (void)requireProfiles(storedDocuments());
-    StoreChange change;
-    const bool stored = FW::TARNFW_PROFILE().profileSet(profile.name, profile);
-    change.finish();
-    if (!stored) {
-        throw Error(ErrorKind::kSystem, "profile " + inQuotes(profile.name) + " cannot be written");
+std::map<std::string, FW::FWPROFILE> StoreSnapshot::profiles() const {
+    std::map<std::string, FW::FWPROFILE> all;
+    for (const auto& [name, path] : paths_) {
+        all[name] = profile(name);
     }
+    return all;
 }
 
 std::vector<std::string> adaptersOf(const FW::FWPROFILE& profile) {
@@ -198,6 +304,41 @@ std::vector<std::string> adaptersOf(const FW::FWPROFILE& profile) {
         adapters.insert(adapter);
     }
     return {adapters.begin(), adapters.end()};
+}
+
+// ---- The whole configuration --------------------------------------------------------------------
+
+Json::Value StoreSnapshot::configuration() const {
+    if (hasSettings() && !isWhole(kSettingsFile)) {
+        throw Error(ErrorKind::kSystem,
+                    std::string(kSettingsFile) + " cannot be read: mend it, or move it away");
+    }
+    Json::Value document(Json::objectValue);
+    document[kConfigProfiles] = Json::Value(Json::objectValue);
+    for (const auto& [name, path] : paths_) {
+        document[kConfigProfiles][std::filesystem::path(path).filename().string()] =
+            files_.at(path).content;
+    }
+    document[kConfigSettings] = settings();
+    document["config_version"] = 1;
+    try {
+        (void)std::as_const(document)[kConfigSettings][kProfileKey].asString();
+    } catch (const Json::Exception&) {  // the active profile is named by what is no text
+        throw Error(ErrorKind::kSystem, "the profiles and settings cannot be read");
+    }
+    return document;
+}
+
+bool StoreSnapshot::configurationIs(const Json::Value& document) const {
+    const Json::Value current = configuration();
+    if (current[kConfigProfiles] != document[kConfigProfiles]) {
+        return false;
+    }
+    const Json::Value& wanted = document[kConfigSettings];
+    const std::vector<std::string> members = wanted.getMemberNames();
+    return std::all_of(members.begin(), members.end(), [&](const std::string& member) {
+        return current[kConfigSettings][member] == wanted[member];
+    });
 }
 
 }  // namespace tarnfw

@@ -15,7 +15,8 @@ namespace tarnfw {
 enum class ErrorKind {
     kSystem,    ///< the operating system refused, or the library; its reason is in the text or log
     kNotFound,  ///< a profile, rule, adapter, service or country that is not there
-    kInvalid,   ///< a document, name or rule that is not valid
+    kInvalid,   ///< a document or rule that is not valid
+    kUnusable,  ///< a name that cannot be used for this: taken, reserved or not possible
     kRefused,   ///< the kernel did not take the rules
     kBusy,      ///< somebody else holds a lock, or a trial is running
     kNoRights,  ///< this process lacks the rights

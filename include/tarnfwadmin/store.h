@@ -1,8 +1,11 @@
-/// The profiles and settings on disk, as the commands read and change them. Failures throw
-/// Error; the library's own reason stands on standard error before it.
+/// What the store of profiles and settings holds at one moment.
 #pragma once
 
+#include <sys/types.h>
+#include <time.h>
+
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -17,81 +20,140 @@ inline constexpr char kProfileDir[] = "/usr/tarn/etc/firewall.d/";
 /// The settings: the one document of the profile directory that is no profile.
 inline constexpr char kSettingsFile[] = "/usr/tarn/etc/firewall.d/firewall_settings.json";
 
-/// What lives until the next start of the machine: locks, and the records of running commands.
-inline constexpr char kRunDir[] = "/run/tarn";
-
-/// What the library holds while it reloads. A trial's rules must not go in between those of a
-/// reload: the library leaves that to its caller.
-inline constexpr char kReloadLock[] = "/tmp/firewall_iptables_exec.lock";
-
-/// The prefix of the names of test profiles, which a trial makes and takes away.
+/// The prefix of the names of test profiles, which a trial makes and removes.
 inline constexpr char kTestPrefix[] = ".test_";
 
-/// A lock between calls of this tool, held from construction to destruction.
-class ToolLock {
+// The members of an exported configuration.
+inline constexpr char kConfigProfiles[] = "config_profiles";
+inline constexpr char kConfigSettings[] = "config_firewall_settings";
+
+/// How a reload puts lines into the kernel, and so which lines it makes.
+enum class ApplyMode { kLines, kBatch };
+
+/// The profiles and settings in "/usr/tarn/etc/firewall.d/", each "*.json" file read and parsed
+/// once. Reading takes no lock and needs no more than permission to read: documents are replaced
+/// as a whole, so each is one version of itself. Missing settings are read as the defaults, and not
+/// written.
+///
+/// A profile has the name inside its file; of two files with one name, the one that sorts first
+/// counts. Profiles with the prefix of test profiles are in no list but testProfileNames().
+///
+/// Operations about one profile throw Error: kNotFound for a name that no profile has, kSystem for
+/// a document that is no profile. Those about the settings throw Error, kSystem, when these cannot
+/// be read, and what jsoncpp throws for a member of a type that does not convert.
+class StoreSnapshot {
 public:
-    /// Waits up to 30 s for the lock file `name` of the run directory.
-    explicit ToolLock(const std::string& name);
-    ~ToolLock();
-    ToolLock(const ToolLock&) = delete;
-    ToolLock& operator=(const ToolLock&) = delete;
+    /// Reads the store. Files that cannot be read or parsed are in unreadable().
+    StoreSnapshot() { refresh(); }
+
+    /// Reads what has changed since, by inode, size and time of change; the rest stays.
+    void refresh();
+
+    // ---- Settings ----
+
+    /// Whether there is a settings file, readable or not.
+    bool hasSettings() const;
+
+    /// Whether the settings say that the firewall is enabled.
+    bool firewallEnabled() const;
+
+    /// The active profile's name; there need not be such a profile.
+    std::string activeProfile() const;
+
+    ApplyMode applyMode() const;
+
+    // ---- Files ----
+
+    /// Whether there is a "*.json" file.
+    bool empty() const { return files_.empty(); }
+
+    /// The paths of the files that cannot be read or are no JSON document, sorted.
+    std::vector<std::string> unreadable() const;
+
+    /// "1 file cannot be read: ...", and what tells why; empty when all can.
+    std::string unreadableText() const;
+
+    // ---- Profiles ----
+
+    /// The names of the profiles, sorted; none when the store is empty.
+    std::vector<std::string> profileNames() const;
+
+    /// The names of the test profiles, likewise.
+    std::vector<std::string> testProfileNames() const;
+
+    bool hasProfile(const std::string& name) const { return paths_.count(name) != 0; }
+
+    /// The same as profileNames(); throws Error, kNotFound, when there are none.
+    std::vector<std::string> requireProfiles() const;
+
+    /// Throws Error for a name that no profile has, naming those that there are and the files that
+    /// perhaps hold it.
+    void requireProfile(const std::string& name) const;
+
+    /// Throws Error, kUnusable, for a name that a profile has or that cannot be a new profile's;
+    /// and kNotFound while the store holds no profile: the library cannot make the first one.
+    void requireNewName(const std::string& name) const;
+
+    /// The path, the text and the document of the file that holds profile `name`.
+    const std::string& pathOf(const std::string& name) const;
+    const std::string& textOf(const std::string& name) const;
+    const Json::Value& documentOf(const std::string& name) const;
+
+    /// Profile `name`, or the active one when that is empty. Valid until refresh().
+    const FW::FWPROFILE& profile(const std::string& name) const;
+
+    /// All profiles, test profiles among them, by name.
+    std::map<std::string, FW::FWPROFILE> profiles() const;
+
+    // ---- The whole configuration ----
+
+    /// What TARNFW_JSON_DB::exportConfig() gives: the profiles' documents by the names of their
+    /// files, the settings, the version. "config_profiles" is empty while there is no profile.
+    Json::Value configuration() const;
+
+    /// Whether the store holds what an exported document says: these profiles and no others, and
+    /// its settings; members that only the store has do not count.
+    bool configurationIs(const Json::Value& document) const;
+
+    // ---- For StoreTransaction ----
+
+    /// The texts of the regular files that can be read, by path.
+    std::map<std::string, std::string> texts() const;
+
+    /// Whether the file is a whole JSON document.
+    bool isWhole(const std::string& path) const;
 
 private:
-    int fd_ = -1;
+    /// Which version of a file it is.
+    struct FileVersion {
+        bool regular = false;
+        dev_t device = 0;
+        ino_t inode = 0;
+        off_t size = 0;
+        timespec changed{};
+        timespec looked{};  ///< when that was seen
+
+        static FileVersion of(const std::string& path);
+        bool isStill(const FileVersion& later) const;
+    };
+
+    struct File {
+        FileVersion version;
+        std::string text;
+        bool read = false;   ///< `text` is its content
+        bool whole = false;  ///< `content` is its document
+        Json::Value content;
+
+        static File from(const std::string& path, const FileVersion& version);
+    };
+
+    /// The settings' document; the defaults without a file.
+    Json::Value settings() const;
+
+    std::map<std::string, File> files_;                      // by path
+    std::map<std::string, std::string> paths_;               // by profile name
+    mutable std::map<std::string, FW::FWPROFILE> profiles_;  // those asked for
 };
-
-/// What a command holds that reads profiles in order to change them. The library locks single
-/// files; without this, of two commands at the same time one would undo the other. What a killed
-/// command has left half written is put right first (mendInterruptedChange()).
-class StoreLock : public ToolLock {
-public:
-    StoreLock();
-};
-
-/// Makes a directory and those above it.
-void makeDirectory(const char* path);
-
-/// The paths of the store's documents, those that the library looks at, sorted.
-std::vector<std::string> documentPaths();
-
-/// What the store's documents hold, by their paths. Without the library, which would log each
-/// unreadable one with every look at it, and which only root can let read.
-struct StoredDocuments {
-    std::map<std::string, Json::Value> documents;
-    std::vector<std::string> unreadable;  ///< paths
-};
-StoredDocuments storedDocuments();
-
-/// "1 file cannot be read: ...", and what tells why; empty when all can.
-std::string unreadableText(const std::vector<std::string>& paths);
-
-/// The active profile's name, without making a settings file where there is none.
-std::string activeProfile();
-
-/// Whether the settings say that the firewall is enabled, likewise.
-bool firewallEnabled();
-
-/// The names of the profiles, sorted; none when the store is empty.
-std::vector<std::string> profileNames();
-
-/// The names of the test profiles, likewise.
-std::vector<std::string> testProfileNames();
-
-/// The names of the profiles among documents; refuses a store without any.
-std::vector<std::string> requireProfiles(const StoredDocuments& stored);
-
-/// Refuses a name that no profile has, naming those that there are, and files that perhaps hold it.
-void requireProfile(const std::string& name);
-
-/// Refuses a name that a profile has, or that cannot be a new profile's. Also refuses while the
-/// store holds no profile at all: the library cannot make the first one.
-void requireNewName(const std::string& name);
-
-/// Reads the profile `name`, or the active one when that is empty.
-FW::FWPROFILE loadProfile(const std::string& name);
-
-/// Stores a profile under the name that it carries.
-void storeProfile(const FW::FWPROFILE& profile);
 
 /// Every adapter that the profile has rules or a default policy for, sorted.
 std::vector<std::string> adaptersOf(const FW::FWPROFILE& profile);

@@ -60,8 +60,8 @@ prints <<<'Profile "two words" created'
 step 'it is the document under another name' diff -u \
     <(sed 's/"name" : "lan-only"/"name" : "two words"/' "$example") "$(file_of 'two words')"
 
-refused 1 '^tarnfw: cannot read /tmp/nowhere.json$' profile create new --from /tmp/nowhere.json
-refused 1 '^tarnfw: cannot read /tmp$' profile create new --from /tmp
+refused 1 '^tarnfw: cannot read /tmp/nowhere.json: No such file or directory$' profile create new --from /tmp/nowhere.json
+refused 1 '^tarnfw: cannot read /tmp: Is a directory$' profile create new --from /tmp
 printf '{"name": "new",\n "rules": }\n' >/tmp/broken.json
 refused 3 '^tarnfw: /tmp/broken.json: line 2, column 11: ' profile create new --from /tmp/broken.json
 step 'and says what came of it' grep --quiet \

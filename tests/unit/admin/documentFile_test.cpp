@@ -1,12 +1,14 @@
 // Where a text is no JSON document, and where it is one that only the library takes.
 #include "tarnfwadmin/documentFile.h"
 
-#include <fstream>
+#include <cstdio>
 #include <ostream>
 #include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "tarnfwadmin/error.h"
 
 namespace tarnfw {
 namespace {
@@ -66,15 +68,12 @@ TEST(ParseDocument, DeepNestingIsAFinding) {
     EXPECT_TRUE(hasErrors(findings));
 }
 
-/// Whether a file with this content holds a whole document.
-bool isDocument(const std::string& content) {
-    const std::string path = testing::TempDir() + "documentFile_test.json";
-    std::ofstream(path, std::ios::binary) << content;
+bool isDocument(const std::string& text) {
     Json::Value document;
-    return readDocument(path, document);
+    return parseAsStored(text, document);
 }
 
-TEST(ReadDocument, TakesNoPartOfADocument) {
+TEST(ParseAsStored, TakesNoPartOfADocument) {
     const std::string whole = "{\"name\": \"home\", \"rules\": {\"eth0\": [1, 2]}}\n";
     EXPECT_TRUE(isDocument(whole));
     for (std::size_t length = 0; length < whole.size() - 1; ++length) {
@@ -82,11 +81,25 @@ TEST(ReadDocument, TakesNoPartOfADocument) {
     }
 }
 
-TEST(ReadDocument, NeitherRaisesForDepthNorForWhatIsNoFile) {
+TEST(ParseAsStored, DoesNotRaiseForDepth) {
     EXPECT_FALSE(isDocument(std::string(5000, '[')));
-    Json::Value document;
-    EXPECT_FALSE(readDocument(testing::TempDir(), document));
-    EXPECT_FALSE(readDocument(testing::TempDir() + "nowhere.json", document));
+}
+
+TEST(ReadText, ThrowsForWhatIsNoFile) {
+    EXPECT_THROW((void)readText(testing::TempDir()), Error);
+    EXPECT_THROW((void)readText(testing::TempDir() + "nowhere.json"), Error);
+}
+
+TEST(WriteFileAtomically, WritesAllOrNothing) {
+    const std::string path = testing::TempDir() + "documentFile_test.json";
+    (void)std::remove(path.c_str());
+    writeFileAtomically(path, "one", 0600, Existing::kKept);
+    EXPECT_THROW(writeFileAtomically(path, "two", 0600, Existing::kKept), Error);
+    EXPECT_EQ(readText(path), "one");
+    writeFileAtomically(path, "two", 0600, Existing::kReplaced);
+    EXPECT_EQ(readText(path), "two");
+    EXPECT_THROW(writeFileAtomically(testing::TempDir() + "nowhere/x", "", 0600, Existing::kKept),
+                 Error);
 }
 
 }  // namespace

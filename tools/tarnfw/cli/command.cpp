@@ -14,6 +14,7 @@ ExitStatus exitStatusOf(ErrorKind kind) {
             return kExitNotRoot;
         case ErrorKind::kSystem:
         case ErrorKind::kNotFound:
+        case ErrorKind::kUnusable:
         case ErrorKind::kRefused:
         case ErrorKind::kBusy:
             break;

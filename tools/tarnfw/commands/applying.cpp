@@ -14,16 +14,14 @@
 #include "process/signalsWait.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/profileCheck.h"
-#include "tarnfwadmin/store.h"
-#include "tarnfwadmin/storeChange.h"
 
 namespace tarnfw {
 namespace {
 
 constexpr char kQuestion[] = "Apply it all the same?";
 
-std::string applyingText() {
-    return "Applying the rules of \"" + activeProfile() + "\"";
+std::string applyingText(const Context& context) {
+    return "Applying the rules of \"" + context.store().activeProfile() + "\"";
 }
 
 /// That a profile does not check; empty when it does.
@@ -43,7 +41,7 @@ void addReloadFlag(Command& command, ReloadOptions& options, const char* yesHelp
     command.flag("--yes", options.yes, yesHelp);
 }
 
-void requireSound(const FW::FWPROFILE& profile) {
+void requireValid(const FW::FWPROFILE& profile) {
     const std::string text = errorsText(profile);
     if (!text.empty()) {
         throw Error(ErrorKind::kInvalid, text + "; nothing was changed");
@@ -57,29 +55,30 @@ void warnAboutErrors(const FW::FWPROFILE& profile) {
     }
 }
 
-void requireReloadable(const ReloadOptions& options) {
-    if (options.wanted && firewallEnabled()) {
-        requireBase();
+void requireReloadable(Context& context, const ReloadOptions& options) {
+    if (options.wanted && context.store().firewallEnabled()) {
+        context.requireBase();
     }
 }
 
-void requireAppliable(const FW::FWPROFILE& changed, const ReloadOptions& options,
+void requireAppliable(Context& context, const FW::FWPROFILE& changed, const ReloadOptions& options,
                       bool becomesActive) {
-    const bool goesIn =
-        options.wanted && firewallEnabled() && (becomesActive || changed.name == activeProfile());
+    const StoreSnapshot& store = context.store();
+    const bool goesIn = options.wanted && store.firewallEnabled() &&
+                        (becomesActive || changed.name == store.activeProfile());
     if (!goesIn) {
         warnAboutErrors(changed);
         return;
     }
-    requireSound(changed);
+    requireValid(changed);
     requireSshAccess(changed, options.yes, kQuestion);
 }
 
-void confirmReload(const ReloadOptions& options) {
-    if (!options.wanted || !firewallEnabled()) {
+void confirmReload(Context& context, const ReloadOptions& options) {
+    if (!options.wanted || !context.store().firewallEnabled()) {
         return;
     }
-    const FW::FWPROFILE active = loadProfile("");
+    const FW::FWPROFILE& active = context.store().profile("");
     warnAboutErrors(active);
     requireSshAccess(active, options.yes, kQuestion,
                      "the change is stored, but the kernel still has the old rules");
@@ -99,39 +98,35 @@ bool runWhole(const std::string& what, const std::function<bool()>& change) {
     return run.succeeded;
 }
 
-bool enableFirewall() {
-    const StoreLock lock;
-    StoreChange change;
-    const bool enabled = runWhole(applyingText(), [] { return FW::TARNFW().fwEnable(); });
-    change.finish();
-    return enabled;
+bool enableFirewall(Context& context) {
+    return context.session().change(
+        [&] { return runWhole(applyingText(context), [] { return FW::TARNFW().fwEnable(); }); });
 }
 
-void disableFirewall() {
-    const StoreLock lock;
-    StoreChange change;
-    const bool disabled =
-        runWhole("Switching the firewall off", [] { return FW::TARNFW().fwDisable(); });
-    change.finish();
-    if (!disabled) {
+void disableFirewall(Context& context) {
+    if (!context.session().change([] {
+            return runWhole("Switching the firewall off", [] { return FW::TARNFW().fwDisable(); });
+        })) {
         throw Error(ErrorKind::kSystem, "the firewall's settings cannot be written");
     }
 }
 
-void reloadActive() {
-    if (!firewallEnabled()) {
+void reloadActive(Context& context) {
+    if (!context.store().firewallEnabled()) {
         std::cout << "Firewall disabled: nothing to reload\n";
         return;
     }
-    requireBase();
-    if (!runWhole(applyingText(), [] { return FW::TARNFW().fwReload(true); })) {
-        throw Error(ErrorKind::kRefused, "the active profile was not applied: " + stateNow());
+    context.requireBase();
+    if (!runWhole(applyingText(context), [] { return FW::TARNFW().fwReload(true); })) {
+        throw Error(ErrorKind::kRefused,
+                    "the active profile was not applied: " + stateNow(context));
     }
-    std::cout << "Profile " << inQuotes(activeProfile()) << " applied\n";
+    std::cout << "Profile " << inQuotes(context.store().activeProfile()) << " applied\n";
 }
 
-std::string stateNow() {
-    if (!firewallEnabled()) {
+std::string stateNow(Context& context) {
+    context.session().refresh();  // a reload that failed may have disabled the firewall
+    if (!context.store().firewallEnabled()) {
         return "the firewall is off now";
     }
     const std::vector<BaseFilter> filters = baseFilters();
@@ -142,15 +137,15 @@ std::string stateNow() {
                  : "the kernel still has the old rules";
 }
 
-void finishChange(const std::string& profile, const ReloadOptions& options) {
-    if (profile != activeProfile()) {
+void finishChange(Context& context, const std::string& profile, const ReloadOptions& options) {
+    if (profile != context.store().activeProfile()) {
         if (options.wanted) {
             std::cout << "Profile " << inQuotes(profile)
                       << " is not the active one: nothing to reload\n";
         }
     } else if (options.wanted) {
-        reloadActive();
-    } else if (firewallEnabled()) {
+        reloadActive(context);
+    } else if (context.store().firewallEnabled()) {
         sayOldRules();
     }
 }

@@ -7,6 +7,7 @@
 #include "tarnfirewall/fwTypes.h"
 
 #include "cli/commandLine.h"
+#include "commands/context.h"
 
 namespace tarnfw {
 
@@ -23,28 +24,29 @@ void addReloadFlag(Command& command, ReloadOptions& options,
 
 // ---- Before a change ----
 
-/// Refuses to go on with a profile that does not check, with exit status 3.
-void requireSound(const FW::FWPROFILE& profile);
+/// Throws Error, kInvalid, for a profile with errors.
+void requireValid(const FW::FWPROFILE& profile);
 
 /// Says in one line on standard error that a profile does not check.
 void warnAboutErrors(const FW::FWPROFILE& profile);
 
 /// For a command with "--reload", before it changes anything: refuses what reloadActive() would.
-void requireReloadable(const ReloadOptions& options);
+void requireReloadable(Context& context, const ReloadOptions& options);
 
 /// For a profile as it is about to be stored. Where "--reload" would then put it in force, because
 /// it is the active one or `becomesActive`: refuses one that does not check, and asks about one
 /// that would keep out the person who is connected over SSH. Elsewhere warns about the former.
-void requireAppliable(const FW::FWPROFILE& changed, const ReloadOptions& options,
+void requireAppliable(Context& context, const FW::FWPROFILE& changed, const ReloadOptions& options,
                       bool becomesActive = false);
 
 /// For a command that knows what it makes of the profiles only when it has changed them: asks the
 /// same about the active one as it is stored now.
-void confirmReload(const ReloadOptions& options);
+void confirmReload(Context& context, const ReloadOptions& options);
 
 // ---- The kernel ----
 //
-// All of these run to their end, see runWhole().
+// All of these run to their end, see runWhole(). Afterwards the context has the store as it is
+// then.
 
 /// Runs `change` detached, see runDetached(). Says "`what` ..." on the terminal meanwhile, and
 /// hands on its messages when it is done. Returns what `change` returns. Throws Error, kSystem,
@@ -52,22 +54,22 @@ void confirmReload(const ReloadOptions& options);
 bool runWhole(const std::string& what, const std::function<bool()>& change);
 
 /// Switches the firewall on and applies the active profile. Returns false, logged, where that
-/// failed.
-bool enableFirewall();
+/// failed. The context may change the store.
+bool enableFirewall(Context& context);
 
-/// Switches the firewall off. Throws Error when the settings cannot be written.
-void disableFirewall();
+/// Switches the firewall off, likewise. Throws Error when the settings cannot be written.
+void disableFirewall(Context& context);
 
 /// Applies the active profile where the firewall is enabled; says which it was. Throws
 /// Error, with what is in force now.
-void reloadActive();
+void reloadActive(Context& context);
 
 /// What is in force after rules could not be applied: "the firewall is off now".
-std::string stateNow();
+std::string stateNow(Context& context);
 
 /// What follows from a changed profile. Where that is the active one and the firewall enabled:
 /// applies it with "--reload", or says that the kernel still has the old rules.
-void finishChange(const std::string& profile, const ReloadOptions& options);
+void finishChange(Context& context, const std::string& profile, const ReloadOptions& options);
 
 /// Says that the kernel still has the old rules.
 void sayOldRules();

@@ -16,9 +16,8 @@
 #include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
+#include "commands/context.h"
 #include "tarnfwadmin/baseFilter.h"
-#include "tarnfwadmin/store.h"
-#include "tarnfwadmin/storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -74,18 +73,14 @@ BaseParts recordedParts(const Json::Value& family) {
 
 /// Whether the store holds a profile, also one that cannot be read: that is somebody's, and must
 /// not be replaced by a first one of the same name.
-bool storeHasProfile() {
-    for (const std::string& path : documentPaths()) {
-        Json::Value document;
-        if (path == kSettingsFile) {
-            continue;
-        }
-        if (!FW::jsonFileLoad(document, path)) {
+bool storeHasProfile(const StoreSnapshot& store) {
+    if (!store.profileNames().empty() || !store.testProfileNames().empty()) {
+        return true;
+    }
+    for (const std::string& path : store.unreadable()) {
+        if (path != kSettingsFile) {
             std::cerr << "tarnfw: " << printable(path)
                       << " cannot be read and may be a profile: no first one is written\n";
-            return true;
-        }
-        if (document.isObject() && document["name"].isString()) {
             return true;
         }
     }
@@ -94,16 +89,13 @@ bool storeHasProfile() {
 
 /// Writes the first settings where there are none: rules go in as one transaction, which no
 /// connection notices, or line by line where ip6tables cannot do its part of it.
-void writeFirstSettings(bool filtersIpv6) {
-    if (TLIBCFileExist(kSettingsFile) == 1) {
+void writeFirstSettings(Context& context, bool filtersIpv6) {
+    if (context.store().hasSettings()) {
         return;
     }
     Json::Value settings;
     settings["apply"] = filtersIpv6 ? "batch" : "lines";
-    StoreChange change;
-    const bool written = FW::TARNFW().configSet(settings);
-    change.finish();
-    if (!written) {
+    if (!context.session().change([&] { return FW::TARNFW().configSet(settings); })) {
         throw Error(ErrorKind::kSystem,
                     std::string("cannot write the first settings to ") + kSettingsFile);
     }
@@ -116,8 +108,8 @@ void writeFirstSettings(bool filtersIpv6) {
 /// its generator of file names needs a profile to compare with, and would not return.
 void writeFirstProfile(bool filtersIpv6) {
     makeDirectory(kProfileDir);
-    const StoreLock lock;
-    if (storeHasProfile()) {
+    Context context(StoreSession::Access::kChange);
+    if (storeHasProfile(context.store())) {
         return;
     }
     Json::Value document;
@@ -132,15 +124,12 @@ void writeFirstProfile(bool filtersIpv6) {
             path = candidate;
         }
     }
-    StoreChange change;
-    const bool written = FW::jsonFileDump(document, path);
-    change.finish();
-    if (!written) {
+    if (!context.session().change([&] { return FW::jsonFileDump(document, path); })) {
         throw Error(ErrorKind::kSystem, "cannot write the first profile to " + path);
     }
     std::cout << "Profile " << inQuotes(document["name"].asString()) << " written to " << path
               << '\n';
-    writeFirstSettings(filtersIpv6);
+    writeFirstSettings(context, filtersIpv6);
 }
 
 // ---- Commands ----
@@ -179,7 +168,7 @@ void baseUp() {
 void baseDown() {
     requireRoot();
     const ToolLock lock(kLockName);
-    if (firewallEnabled()) {
+    if (StoreSnapshot().firewallEnabled()) {
         std::cerr << "tarnfw: the firewall is still enabled in the settings, and filters nothing "
                      "from now on\n";
     }

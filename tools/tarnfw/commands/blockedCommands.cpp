@@ -14,10 +14,10 @@
 #include "cli/output.h"
 #include "commands/blockedOptions.h"
 #include "commands/commands.h"
+#include "commands/context.h"
 #include "commands/explainSender.h"
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/ruleText.h"
-#include "tarnfwadmin/store.h"
 #include "tarnfwadmin/verdicts.h"
 
 namespace tarnfw {
@@ -44,14 +44,16 @@ std::string remark(const AdapterAnswer& answer) {
 void blocked(const BlockedOptions& options) {
     requireRoot();
     const std::vector<FW::PortCompareST> questions = questionsOf(options);
-    if (answeredDisabled(options, questions)) {
+    const Context context(StoreSession::Access::kRead);
+    const StoreSnapshot& store = context.store();
+    if (answeredDisabled(store, options, questions)) {
         return;
     }
     const std::vector<AdapterAnswer> answers =
-        askVerdicts(questions, adaptersAsked(options, loadProfile("")));
+        askVerdicts(questions, adaptersAsked(options, store.profile("")));
     const bool allowed = allAllowed(answers);
     if (options.json) {
-        Json::Value document = documentOf(options, questions, true, allowed);
+        Json::Value document = documentOf(store, options, questions, true, allowed);
         for (const AdapterAnswer& answer : answers) {
             Json::Value entry;
             entry["name"] = answer.adapter;
@@ -60,7 +62,7 @@ void blocked(const BlockedOptions& options) {
         }
         printJson(document);
     } else {
-        printHeading(options, questions);
+        printHeading(store, options, questions);
         Table table({"Adapter", "Verdict", ""});
         for (const AdapterAnswer& answer : answers) {
             table.addRow({{answer.adapter, Paint::kPlain},
@@ -181,21 +183,23 @@ void printAnswer(const FW::FWPROFILE& profile, const AdapterAnswer& answer) {
 
 void explain(const BlockedOptions& options) {
     const std::vector<FW::PortCompareST> questions = questionsOf(options);
-    if (answeredDisabled(options, questions)) {
+    const Context context(StoreSession::Access::kRead);
+    const StoreSnapshot& store = context.store();
+    if (answeredDisabled(store, options, questions)) {
         return;
     }
-    const FW::FWPROFILE profile = loadProfile("");
+    const FW::FWPROFILE& profile = store.profile("");
     const std::vector<AdapterAnswer> answers =
         askVerdicts(questions, adaptersAsked(options, profile));
     const bool allowed = allAllowed(answers);
     if (options.json) {
-        Json::Value document = documentOf(options, questions, true, allowed);
+        Json::Value document = documentOf(store, options, questions, true, allowed);
         for (const AdapterAnswer& answer : answers) {
             document["adapters"].append(answerDocument(profile, answer));
         }
         printJson(document);
     } else {
-        printHeading(options, questions);
+        printHeading(store, options, questions);
         for (const AdapterAnswer& answer : answers) {
             printAnswer(profile, answer);
         }

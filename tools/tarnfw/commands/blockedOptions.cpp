@@ -10,7 +10,6 @@
 #include "cli/output.h"
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/interfaces.h"
-#include "tarnfwadmin/store.h"
 #include "tarnfwadmin/verdicts.h"
 
 namespace tarnfw {
@@ -90,12 +89,12 @@ std::vector<std::string> adaptersAsked(const BlockedOptions& options,
     return adapters;
 }
 
-Json::Value documentOf(const BlockedOptions& options,
+Json::Value documentOf(const StoreSnapshot& store, const BlockedOptions& options,
                        const std::vector<FW::PortCompareST>& questions, bool enabled,
                        bool allowed) {
     Json::Value document;
     document["enabled"] = enabled;
-    document["profile"] = activeProfile();
+    document["profile"] = store.activeProfile();
     if (!options.service.empty()) {
         document["service"] = options.service;
     }
@@ -107,21 +106,22 @@ Json::Value documentOf(const BlockedOptions& options,
     return document;
 }
 
-void printHeading(const BlockedOptions& options, const std::vector<FW::PortCompareST>& questions) {
-    std::cout << "Profile " << inQuotes(activeProfile()) << ", "
+void printHeading(const StoreSnapshot& store, const BlockedOptions& options,
+                  const std::vector<FW::PortCompareST>& questions) {
+    std::cout << "Profile " << inQuotes(store.activeProfile()) << ", "
               << printable(subjectText(options, questions)) << '\n';
 }
 
-bool answeredDisabled(const BlockedOptions& options,
+bool answeredDisabled(const StoreSnapshot& store, const BlockedOptions& options,
                       const std::vector<FW::PortCompareST>& questions) {
-    if (firewallEnabled()) {
+    if (store.firewallEnabled()) {
         return false;
     }
     if (!options.adapter.empty()) {
-        (void)adaptersAsked(options, loadProfile(""));  // a wrong name is wrong all the same
+        (void)adaptersAsked(options, store.profile(""));  // a wrong name is wrong all the same
     }
     if (options.json) {
-        printJson(documentOf(options, questions, false, true));
+        printJson(documentOf(store, options, questions, false, true));
     } else {
         std::cout << "Firewall disabled: nothing is blocked\n";
     }

@@ -9,6 +9,7 @@
 #include "tarnfirewall/fwTypes.h"
 
 #include "cli/commandLine.h"
+#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 
@@ -32,14 +33,15 @@ std::vector<FW::PortCompareST> questionsOf(const BlockedOptions& options);
 std::vector<std::string> adaptersAsked(const BlockedOptions& options, const FW::FWPROFILE& profile);
 
 /// What every JSON document begins with; "adapters" is an empty array.
-Json::Value documentOf(const BlockedOptions& options,
+Json::Value documentOf(const StoreSnapshot& store, const BlockedOptions& options,
                        const std::vector<FW::PortCompareST>& questions, bool enabled, bool allowed);
 
 /// "Profile "home", service ssh (tcp/22)".
-void printHeading(const BlockedOptions& options, const std::vector<FW::PortCompareST>& questions);
+void printHeading(const StoreSnapshot& store, const BlockedOptions& options,
+                  const std::vector<FW::PortCompareST>& questions);
 
 /// Answers for a firewall that is off. Returns whether it is.
-bool answeredDisabled(const BlockedOptions& options,
+bool answeredDisabled(const StoreSnapshot& store, const BlockedOptions& options,
                       const std::vector<FW::PortCompareST>& questions);
 
 }  // namespace tarnfw

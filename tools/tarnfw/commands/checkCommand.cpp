@@ -32,9 +32,9 @@ struct Options {
     bool json = false;
 };
 
-/// What is checked: a file, and the name that it goes by in the findings.
+/// What is checked: a text, and the name that it goes by in the findings.
 struct Source {
-    std::string path;
+    std::string text;
     std::string name;
 };
 
@@ -45,14 +45,15 @@ bool namesAFile(const std::string& what) {
 
 Source sourceOf(const std::string& what) {
     if (what == kStandardInput) {
-        return {what, "standard input"};
+        return {readText(what), "standard input"};
     }
     if (!what.empty() && namesAFile(what)) {
-        return {what, what};
+        return {readText(what), what};
     }
-    const std::string profile = what.empty() ? activeProfile() : what;
-    requireProfile(profile);
-    return {FW::TARNFW_JSON_DB().profilePathGet(profile), profile};
+    const StoreSnapshot store;
+    const std::string profile = what.empty() ? store.activeProfile() : what;
+    store.requireProfile(profile);
+    return {store.textOf(profile), profile};
 }
 
 void append(std::vector<Finding>& all, const std::vector<Finding>& more) {
@@ -120,7 +121,7 @@ void check(const Options& options) {
     requireRoot();
     const Source source = sourceOf(options.what);
     Json::Value document;
-    std::vector<Finding> findings = parseDocument(readText(source.path), document);
+    std::vector<Finding> findings = parseDocument(source.text, document);
     std::size_t loaded = 0;
     if (!hasErrors(findings)) {
         append(findings, checkProfile(document));

@@ -54,20 +54,12 @@ Texts membersOf(const Json::Value& document, const char* name) {
 /// Those of the active profile. Read from the files as they are: also for a person who is not root
 /// but will be, with "sudo", when the command runs.
 Texts activeAdapters() {
-    const std::map<std::string, Json::Value> stored = storedDocuments().documents;
-    const auto settings = stored.find(kSettingsFile);
-    if (settings == stored.end() || !settings->second.isObject()) {
-        return {};
-    }
+    const StoreSnapshot store;
+    const Json::Value& document = store.documentOf(store.activeProfile());
     Texts adapters;
-    for (const auto& [path, document] : stored) {
-        if (path != kSettingsFile && document.isObject() &&
-            document["name"] == settings->second["profile"]) {
-            for (const char* const member : {"rules", "adapterPolicyMap"}) {
-                const Texts more = membersOf(document, member);
-                adapters.insert(adapters.end(), more.begin(), more.end());
-            }
-        }
+    for (const char* const member : {"rules", "adapterPolicyMap"}) {
+        const Texts more = membersOf(document, member);
+        adapters.insert(adapters.end(), more.begin(), more.end());
     }
     return adapters;
 }
@@ -113,7 +105,7 @@ void run(const Command& app, const Texts& line) {
     openlog("tarnfw", 0, LOG_USER);
     setlogmask(LOG_MASK(LOG_EMERG));
     CompletionNames names;
-    names.profiles = [] { return orNone(profileNames); };
+    names.profiles = [] { return orNone([] { return StoreSnapshot().profileNames(); }); };
     names.adapters = [] { return orNone(adapters); };
     names.services = [] { return orNone(services); };
     names.countries = [] { return orNone(countries); };

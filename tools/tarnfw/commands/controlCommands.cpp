@@ -8,8 +8,6 @@
 
 #include <json/json.h>
 
-#include "tarncore.h"
-
 #include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
@@ -20,8 +18,6 @@
 #include "commands/sshGuard.h"
 #include "process/signalsWait.h"
 #include "tarnfwadmin/baseFilter.h"
-#include "tarnfwadmin/store.h"
-#include "tarnfwadmin/storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -31,56 +27,57 @@ constexpr char kLinesMode[] = "lines";
 constexpr char kBatchMode[] = "batch";
 
 /// Switches the firewall on; where that fails and it was off, it is off again.
-void enableOrGoBack() {
+void enableOrGoBack(Context& context) {
     const SignalsWait wait;
-    const bool wasEnabled = firewallEnabled();
+    const bool wasEnabled = context.store().firewallEnabled();
     std::string reason;
     try {
-        if (enableFirewall()) {
+        if (enableFirewall(context)) {
             return;
         }
         reason = "the rules could not be put in force";
     } catch (const Error& failure) {
         reason = failure.what();
     }
-    if (!wasEnabled && firewallEnabled()) {
-        disableFirewall();
+    if (!wasEnabled && context.store().firewallEnabled()) {
+        disableFirewall(context);
     }
     throw Error(ErrorKind::kSystem,
-                reason + (wasEnabled ? ": " + stateNow() : "; the firewall stays off"));
+                reason + (wasEnabled ? ": " + stateNow(context) : "; the firewall stays off"));
 }
 
 void enable(bool yes) {
-    requireRoot();
-    requireBase();
-    const FW::FWPROFILE profile = loadProfile("");
-    requireSound(profile);
+    Context context(StoreSession::Access::kChange);
+    context.requireBase();
+    const FW::FWPROFILE& profile = context.store().profile("");
+    requireValid(profile);
     requireSshAccess(profile, yes, "Enable all the same?");
-    enableOrGoBack();
-    std::cout << "Firewall enabled with profile " << inQuotes(activeProfile()) << "\n";
+    enableOrGoBack(context);
+    std::cout << "Firewall enabled with profile " << inQuotes(context.store().activeProfile())
+              << "\n";
 }
 
 /// Whether there is nothing that the firewall could be switched off in.
-bool isFresh() {
+bool isFresh(const Context& context) {
     const std::vector<BaseFilter> filters = baseFilters();
-    return TLIBCFileExist(kSettingsFile) != 1 &&
+    return !context.store().hasSettings() &&
            std::all_of(filters.begin(), filters.end(), [](const BaseFilter& filter) {
                return filter.missing().chains.size() == wholeBase().chains.size();
            });
 }
 
 void disable() {
-    requireRoot();
-    if (!isFresh()) {
-        disableFirewall();
+    Context context(StoreSession::Access::kChange);
+    if (!isFresh(context)) {
+        disableFirewall(context);
     }
     std::cout << "Firewall disabled\n";
 }
 
 /// What is wrong with the active profile. A reload of it goes on: it is in force already, or was.
-void warnAboutActive() {
+void warnAboutActive(const Context& context) {
     try {
-        const FW::FWPROFILE profile = loadProfile("");
+        const FW::FWPROFILE& profile = context.store().profile("");
         warnAboutErrors(profile);
         warnAboutSsh(profile);
     } catch (const std::exception&) {
@@ -89,33 +86,26 @@ void warnAboutActive() {
 }
 
 void reload() {
-    requireRoot();
-    if (firewallEnabled()) {
-        requireBase();
-        warnAboutActive();
+    Context context(StoreSession::Access::kRead);
+    if (context.store().firewallEnabled()) {
+        context.requireBase();
+        warnAboutActive(context);
     }
-    reloadActive();
+    reloadActive(context);
 }
 
 /// Sets how rules go into the kernel, or says how they do.
 void applyMode(const std::string& wanted, bool json) {
-    requireRoot();
-    FW::TARNFW firewall;
+    Context context(wanted.empty() ? StoreSession::Access::kRead : StoreSession::Access::kChange);
     if (!wanted.empty()) {
-        const StoreLock lock;
         Json::Value settings;
         settings["apply"] = wanted;
-        StoreChange change;
-        const bool set = firewall.configSet(settings);
-        change.finish();
-        if (!set) {
+        if (!context.session().change([&] { return FW::TARNFW().configSet(settings); })) {
             throw Error(ErrorKind::kSystem, "the settings cannot be written");
         }
     }
-    std::string mode;
-    if (!firewall.fwApplyMode(mode)) {
-        throw Error(ErrorKind::kSystem, "the settings cannot be read");
-    }
+    const std::string mode =
+        context.store().applyMode() == ApplyMode::kBatch ? kBatchMode : kLinesMode;
     if (json) {
         Json::Value document;
         document["applyMode"] = mode;

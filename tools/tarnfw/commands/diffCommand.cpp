@@ -17,9 +17,9 @@
 #include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
+#include "commands/context.h"
 #include "tarnfwadmin/ruleDiff.h"
 #include "tarnfwadmin/scratchKernel.h"
-#include "tarnfwadmin/store.h"
 #include "tarnfwadmin/translation.h"
 
 namespace tarnfw {
@@ -82,9 +82,11 @@ std::set<Place> otherPlaces(const std::vector<TracedLine>& lines, const std::str
 /// What a profile puts into the kernel, as a scratch kernel lists it.
 class WantedRules {
 public:
-    WantedRules(const std::string& profile, const PacketFilter& machine)
-        : way_(chosenWay()), lines_(tracedLines(loadProfile(profile), way_)), machine_(machine) {
-        if (!loadAtOnce(profile)) {
+    WantedRules(const StoreSnapshot& store, const PacketFilter& machine)
+        : mode_(store.applyMode()),
+          lines_(tracedLines(store.profile(""), mode_)),
+          machine_(machine) {
+        if (!loadAtOnce(store.activeProfile())) {
             loadLineByLine();
         }
     }
@@ -112,7 +114,7 @@ private:
 
     bool loadAtOnce(const std::string& profile) {
         Json::Value commands;
-        if (!commandsFor(profile, way_, commands)) {
+        if (!commandsFor(profile, mode_, commands)) {
             return false;
         }
         const Progress progress("Loading the rules of \"" + profile + "\"");
@@ -133,7 +135,7 @@ private:
         }
     }
 
-    ReloadWay way_;
+    ApplyMode mode_;
     std::vector<TracedLine> lines_;
     const PacketFilter& machine_;
     std::unique_ptr<ScratchKernel> kernel_;
@@ -296,12 +298,13 @@ void printDocument(const Compared& compared, const std::vector<ChainDifference>&
 }
 
 void diff(bool json) {
-    requireRoot();
+    const Context context(StoreSession::Access::kRead);
+    const StoreSnapshot& store = context.store();
     const MachineKernel machine;
-    Compared compared{firewallEnabled(), activeProfile(), 0};
+    Compared compared{store.firewallEnabled(), store.activeProfile(), 0};
     Comparison comparison;
     if (compared.enabled) {
-        const WantedRules wanted(compared.profile, machine);
+        const WantedRules wanted(store, machine);
         compared.refused = wanted.refused();
         for (const char* const family : kFamilies) {
             comparison.compare(family, machine, wanted);

@@ -12,10 +12,10 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "commands/context.h"
 #include "tarnfwadmin/decision.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/ruleText.h"
-#include "tarnfwadmin/store.h"
 #include "tarnfwadmin/verdicts.h"
 
 namespace tarnfw {
@@ -149,10 +149,12 @@ void explainSender(const BlockedOptions& options) {
             "--adapter: no packet comes in by \"global\"; name another one, or none for all");
     }
     const std::vector<FW::PortCompareST> questions = questionsOf(options);
-    if (answeredDisabled(options, questions)) {
+    const Context context(StoreSession::Access::kRead);
+    const StoreSnapshot& store = context.store();
+    if (answeredDisabled(store, options, questions)) {
         return;
     }
-    Decider decider(loadProfile(""));
+    Decider decider(store.profile(""));
     std::vector<AdapterDecisions> found;
     bool allowed = true;
     for (const std::string& adapter : adaptersAsked(options, decider.profile())) {
@@ -162,7 +164,7 @@ void explainSender(const BlockedOptions& options) {
         }
     }
     if (options.json) {
-        Json::Value document = documentOf(options, questions, true, allowed);
+        Json::Value document = documentOf(store, options, questions, true, allowed);
         document["from"] = options.from;
         if (!options.to.empty()) {
             document["to"] = options.to;
@@ -177,7 +179,7 @@ void explainSender(const BlockedOptions& options) {
         }
         printJson(document);
     } else {
-        printHeading(options, questions);
+        printHeading(store, options, questions);
         printDecisions(decider, found);
     }
     if (!allowed) {

@@ -13,10 +13,8 @@
 #include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
-#include "tarnfwadmin/configuration.h"
+#include "commands/context.h"
 #include "tarnfwadmin/documentFile.h"
-#include "tarnfwadmin/store.h"
-#include "tarnfwadmin/wholeFile.h"
 
 namespace tarnfw {
 namespace {
@@ -30,14 +28,12 @@ struct Options {
 };
 
 /// Refuses a store of which an export would not hold everything: it is somebody's backup.
-void requireWhole() {
-    const StoredDocuments stored = storedDocuments();
-    if (!stored.unreadable.empty()) {
-        throw Error(ErrorKind::kSystem,
-                    unreadableText(stored.unreadable) + "; --partial exports the rest");
+void requireWhole(const StoreSnapshot& store) {
+    if (!store.unreadable().empty()) {
+        throw Error(ErrorKind::kSystem, store.unreadableText() + "; --partial exports the rest");
     }
-    const std::vector<std::string> names = requireProfiles(stored);
-    const std::string active = activeProfile();
+    const std::vector<std::string> names = store.requireProfiles();
+    const std::string active = store.activeProfile();
     if (std::find(names.begin(), names.end(), active) == names.end()) {
         throw Error(ErrorKind::kSystem,
                     "the active profile \"" + printable(active) +
@@ -53,19 +49,20 @@ void exportAll(const Options& options) {
         throw Error(ErrorKind::kSystem,
                     printable(options.path) + " is there already; --force replaces it");
     }
-    const StoreLock lock;
+    // Under the lock, so that the export is of no change that is half made.
+    const Context context(StoreSession::Access::kChange);
     if (!options.partial) {
-        requireWhole();
+        requireWhole(context.store());
     }
-    const Json::Value document = currentConfiguration();
-    (void)requireProfiles(storedDocuments());
+    const Json::Value document = context.store().configuration();
+    (void)context.store().requireProfiles();
     const std::string text = documentText(document);
     if (!toFile) {
         std::cout << text;
         return;
     }
-    writeWholeFile(options.path, text, kFileMode,
-                   options.force ? Existing::kReplaced : Existing::kKept);
+    writeFileAtomically(options.path, text, kFileMode,
+                        options.force ? Existing::kReplaced : Existing::kKept);
     std::cout << counted(document[kConfigProfiles].size(), "profile") << " and the settings are in "
               << printable(options.path) << '\n';
 }

@@ -30,12 +30,8 @@
 #include "commands/sshGuard.h"
 #include "process/signalsWait.h"
 #include "tarnfwadmin/baseFilter.h"
-#include "tarnfwadmin/configuration.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/exportCheck.h"
-#include "tarnfwadmin/store.h"
-#include "tarnfwadmin/storeChange.h"
-#include "tarnfwadmin/wholeFile.h"
 
 namespace tarnfw {
 namespace {
@@ -129,7 +125,7 @@ std::string keepBackup(const Json::Value& current) {
         path = start;
         path.append("_").append(std::to_string(number)).append(".json");
     }
-    writeWholeFile(path, documentText(current), kBackupFileMode, Existing::kKept);
+    writeFileAtomically(path, documentText(current), kBackupFileMode, Existing::kKept);
     return path;
 }
 
@@ -148,22 +144,26 @@ std::string goingBack(const std::string& path, const Json::Value& backup) {
 
 /// Imports, and looks at what is there then: the library passes over a profile that it cannot
 /// write, and does not notice a full disk. Returns why it failed; empty when it did not.
-std::string faultOfReplacing(const Json::Value& document) {
+std::string faultOfReplacing(Context& context, const Json::Value& document) {
     try {
         if (!FW::TARNFW_JSON_DB().importConfig(document)) {
             return "the settings cannot be written";
         }
-        return configurationIs(document) ? "" : "not everything was written as it should be";
+        context.session().refresh();
+        return context.store().configurationIs(document)
+                   ? ""
+                   : "not everything was written as it should be";
     } catch (const std::exception& error) {
         return error.what();
     }
 }
 
 /// Replaces the configuration, or leaves the one that was there.
-void replace(const Json::Value& document, const Json::Value& current, const std::string& backup) {
+void replace(Context& context, const Json::Value& document, const Json::Value& current,
+             const std::string& backup) {
     const SignalsWait wait;  // between the first file deleted and the last written, none is whole
-    StoreChange change;
-    const std::string fault = faultOfReplacing(document);
+    StoreTransaction change(context.session());
+    const std::string fault = faultOfReplacing(context, document);
     if (fault.empty()) {
         change.finish();
         return;
@@ -178,9 +178,9 @@ void replace(const Json::Value& document, const Json::Value& current, const std:
 }
 
 /// Applies what was imported. Where that fails, says how to go back.
-void applyImported(const std::string& goingBack) {
+void applyImported(Context& context, const std::string& goingBack) {
     try {
-        reloadActive();
+        reloadActive(context);
     } catch (const Error& failure) {
         throw Error(ErrorKind::kSystem,
                     std::string("the import is stored, but ") + failure.what() +
@@ -189,17 +189,18 @@ void applyImported(const std::string& goingBack) {
 }
 
 /// Says what the import means for the kernel, or does it with --reload.
-void apply(bool reload, bool wasEnabled, const std::string& goingBack) {
-    const bool enabled = firewallEnabled();
+void apply(Context& context, bool reload, bool wasEnabled, const std::string& goingBack) {
+    const bool enabled = context.store().firewallEnabled();
     if (!enabled && wasEnabled) {
         if (reload) {
-            disableFirewall();
+            disableFirewall(context);
         }
         std::cout << (reload ? "Firewall disabled\n"
                              : "The firewall is now disabled in the settings; the kernel still has "
                                "the old rules until \"tarnfw disable\"\n");
     } else if (reload) {
-        applyImported(goingBack);
+        context.session().unlock();
+        applyImported(context, goingBack);
     } else if (enabled) {
         sayOldRules();
     }
@@ -230,12 +231,12 @@ Json::Value settingAfter(const char* key, const Json::Value& current, const Json
 
 /// For "--reload": asks when the profile that would be in force keeps out who is connected over
 /// SSH.
-void requireWayBackIn(const Options& options, const Json::Value& current,
+void requireWayBackIn(Context& context, const Options& options, const Json::Value& current,
                       const Json::Value& document) {
     if (!options.reload.wanted || settingAfter("status", current, document) != true) {
         return;
     }
-    requireBase();
+    context.requireBase();
     const Json::Value name = settingAfter("profile", current, document);
     for (const Json::Value& profile : document[kConfigProfiles]) {
         if (profile["name"] == name) {
@@ -253,9 +254,9 @@ struct Imported {
 };
 
 /// Replaces the configuration, all of it under one lock. Returns nothing when nothing was replaced.
-std::optional<Imported> importInto(const Json::Value& document, const Options& options) {
-    const StoreLock lock;
-    const Json::Value current = currentConfiguration();
+std::optional<Imported> importInto(Context& context, const Json::Value& document,
+                                   const Options& options) {
+    const Json::Value current = context.store().configuration();
     requireRoomFor(document, current);
     const ImportPlan plan = importPlan(current, document);
     if (options.json) {
@@ -271,7 +272,7 @@ std::optional<Imported> importInto(const Json::Value& document, const Options& o
         return std::nullopt;
     }
     requireConsent(options);
-    requireWayBackIn(options, current, document);
+    requireWayBackIn(context, options, current, document);
     makeDirectory(kProfileDir);
     std::string backup;
     if (!current[kConfigProfiles].empty()) {
@@ -279,20 +280,20 @@ std::optional<Imported> importInto(const Json::Value& document, const Options& o
         std::cout << "Backup: " << backup << " (\"" << recovery(backup, current)
                   << "\" brings it back)" << std::endl;
     }
-    const bool wasEnabled = firewallEnabled();
-    replace(document, current, backup);
+    const bool wasEnabled = context.store().firewallEnabled();
+    replace(context, document, current, backup);
     std::cout << "Imported " << counted(document[kConfigProfiles].size(), "profile")
-              << "; active: " << printable(activeProfile()) << '\n';
+              << "; active: " << printable(context.store().activeProfile()) << '\n';
     return Imported{wasEnabled, backup.empty() ? "" : goingBack(backup, current)};
 }
 
 void importAll(const Options& options) {
     requireRoot();
     const Json::Value document = checkedDocument(options);
-    const std::optional<Imported> imported = importInto(document, options);
+    Context context(StoreSession::Access::kChange);
+    const std::optional<Imported> imported = importInto(context, document, options);
     if (imported) {
-        // Without the lock, which disabling takes for itself.
-        apply(options.reload.wanted, imported->wasEnabled, imported->goingBack);
+        apply(context, options.reload.wanted, imported->wasEnabled, imported->goingBack);
     }
 }
 

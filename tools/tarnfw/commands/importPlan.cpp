@@ -5,7 +5,7 @@
 #include <set>
 
 #include "cli/output.h"
-#include "tarnfwadmin/configuration.h"
+#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {

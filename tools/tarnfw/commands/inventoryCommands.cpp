@@ -19,10 +19,10 @@
 #include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
+#include "commands/context.h"
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/ruleText.h"
-#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {
@@ -158,10 +158,10 @@ Json::Value adapterDocument(const Adapter& adapter) {
 }
 
 void adapters(bool json) {
-    requireRoot();
-    const StoredDocuments stored = storedDocuments();
-    const bool hasAny = !stored.unreadable.empty() || !profileNames().empty();
-    const FW::FWPROFILE profile = hasAny ? loadProfile("") : FW::FWPROFILE();
+    const Context context(StoreSession::Access::kRead);
+    const StoreSnapshot& store = context.store();
+    const bool hasAny = !store.unreadable().empty() || !store.profileNames().empty();
+    const FW::FWPROFILE profile = hasAny ? store.profile("") : FW::FWPROFILE();
     const std::vector<Adapter> found = adaptersNow(profile);
     if (!json) {
         printAdapters(profile, found);

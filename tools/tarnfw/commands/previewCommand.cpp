@@ -15,7 +15,7 @@
 #include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
-#include "tarnfwadmin/store.h"
+#include "commands/context.h"
 #include "tarnfwadmin/translation.h"
 
 namespace tarnfw {
@@ -32,13 +32,15 @@ struct Options {
     bool json = false;
 };
 
-Json::Value commandsOf(const std::string& profile, ReloadWay way) {
-    // A test profile is in no list, and is there all the same while a trial runs.
+Json::Value commandsOf(const std::string& wanted, ApplyMode mode) {
+    const Context context(StoreSession::Access::kRead);
+    const std::string profile = wanted.empty() ? context.store().activeProfile() : wanted;
+    // A test profile is in no list, and exists all the same while a trial runs.
     if (!boost::starts_with(profile, kTestPrefix)) {
-        requireProfile(profile);
+        context.store().requireProfile(profile);
     }
     Json::Value commands;
-    if (!commandsFor(profile, way, commands)) {
+    if (!commandsFor(profile, mode, commands)) {
         throw Error(ErrorKind::kInvalid, "profile " + inQuotes(profile) + " cannot be translated");
     }
     return commands;
@@ -81,8 +83,7 @@ void preview(const Options& options) {
     requireRoot();
     const bool asLines = options.json || options.format != kRestore;
     const Json::Value commands =
-        commandsOf(options.profile.empty() ? activeProfile() : options.profile,
-                   asLines ? ReloadWay::kLines : ReloadWay::kBatch);
+        commandsOf(options.profile, asLines ? ApplyMode::kLines : ApplyMode::kBatch);
     const std::vector<std::string> families = options.family.empty()
                                                   ? std::vector<std::string>{"v4", "v6"}
                                                   : std::vector<std::string>{options.family};

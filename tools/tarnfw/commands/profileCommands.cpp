@@ -1,8 +1,6 @@
 /// tarnfw profile: list, create, copy, rename, delete, use; show and edit have their own sources.
-#include <fstream>
 #include <functional>
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,9 +16,8 @@
 #include "commands/commands.h"
 #include "commands/profileCommands.h"
 #include "process/signalsWait.h"
+#include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/profileDocument.h"
-#include "tarnfwadmin/store.h"
-#include "tarnfwadmin/storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -28,36 +25,38 @@ namespace {
 // ---- list ----
 
 /// A profile's entry. One that cannot be read is listed as well: its name is taken.
-Json::Value entryOf(const std::string& name, bool active) {
+Json::Value entryOf(const StoreSnapshot& store, const std::string& name) {
     Json::Value entry;
     entry["name"] = name;
-    entry["active"] = active;
+    entry["active"] = name == store.activeProfile();
     entry["adapters"] = Json::nullValue;
     entry["rules"] = Json::nullValue;
-    FW::FWPROFILE profile;
-    if (FW::TARNFW_PROFILE().profileGet(name, profile)) {
+    try {
+        const FW::FWPROFILE& profile = store.profile(name);
         Json::UInt64 rules = 0;
         for (const auto& [adapter, list] : profile.rules) {
             rules += list.size();
         }
         entry["adapters"] = static_cast<Json::UInt64>(adaptersOf(profile).size());
         entry["rules"] = rules;
+    } catch (const Error&) {
+        // stays without numbers
     }
     return entry;
 }
 
 void list(bool json) {
-    requireRoot();
-    const StoredDocuments stored = storedDocuments();
-    const std::vector<std::string> names = requireProfiles(stored);
-    const std::string active = activeProfile();
-    if (!stored.unreadable.empty()) {
-        std::cerr << "tarnfw: " << unreadableText(stored.unreadable) << '\n';
+    const Context context(StoreSession::Access::kRead);
+    const StoreSnapshot& store = context.store();
+    const std::vector<std::string> names = store.requireProfiles();
+    const std::string active = store.activeProfile();
+    if (!store.unreadable().empty()) {
+        std::cerr << "tarnfw: " << store.unreadableText() << '\n';
     }
     if (json) {
         Json::Value document;
         for (const std::string& name : names) {
-            document["profiles"].append(entryOf(name, name == active));
+            document["profiles"].append(entryOf(store, name));
         }
         printJson(document);
         return;
@@ -70,17 +69,7 @@ void list(bool json) {
 // ---- create, copy, rename, delete ----
 
 FW::FWPROFILE profileFrom(const std::string& path, const std::string& name) {
-    std::ifstream file(path, std::ios::in | std::ios::binary);
-    if (!file) {
-        throw Error(ErrorKind::kSystem, "cannot read " + printable(path));
-    }
-    std::string text;
-    try {
-        text.assign(std::istreambuf_iterator<char>(file), {});
-    } catch (const std::ios_base::failure&) {
-        throw Error(ErrorKind::kSystem, "cannot read " + printable(path));  // a directory
-    }
-    ProfileDocument document(text, path);
+    ProfileDocument document(readText(path), path);
     document.becomeNew(name);
     const bool valid = document.check();
     document.printFindings();
@@ -92,108 +81,99 @@ FW::FWPROFILE profileFrom(const std::string& path, const std::string& name) {
 }
 
 void create(const std::string& name, const std::string& source) {
-    requireRoot();
-    const StoreLock lock;
-    requireNewName(name);
+    Context context(StoreSession::Access::kChange);
+    context.store().requireNewName(name);
     FW::FWPROFILE profile;
     profile.name = name;
     if (!source.empty()) {
         profile = profileFrom(source, name);
     }
-    storeProfile(profile);
+    context.session().storeProfile(profile);
     std::cout << "Profile " << inQuotes(name) << " created"
               << (source.empty() ? "; without rules it allows everything" : "") << '\n';
 }
 
 void copy(const std::string& oldName, const std::string& newName) {
-    requireRoot();
-    const StoreLock lock;
-    FW::FWPROFILE profile = loadProfile(oldName);
-    requireNewName(newName);
+    Context context(StoreSession::Access::kChange);
+    FW::FWPROFILE profile = context.store().profile(oldName);
+    context.store().requireNewName(newName);
     profile.name = newName;
-    storeProfile(profile);
+    context.session().storeProfile(profile);
     warnAboutErrors(profile);
     std::cout << "Profile " << inQuotes(newName) << " created, a copy of " << inQuotes(oldName)
               << '\n';
 }
 
 void rename(const std::string& oldName, const std::string& newName) {
-    requireRoot();
-    const StoreLock lock;
-    requireProfile(oldName);
-    requireNewName(newName);
-    StoreChange change;
-    const bool renamed = FW::TARNFW_PROFILE().profileRename(oldName, newName);
-    change.finish();
-    if (!renamed) {
+    Context context(StoreSession::Access::kChange);
+    context.store().requireProfile(oldName);
+    context.store().requireNewName(newName);
+    if (!context.session().change(
+            [&] { return FW::TARNFW_PROFILE().profileRename(oldName, newName); })) {
         throw Error(ErrorKind::kSystem, "profile " + inQuotes(oldName) + " cannot be renamed");
     }
     std::cout << "Profile " << inQuotes(oldName) << " is called " << inQuotes(newName) << " now\n";
 }
 
 void remove(const std::string& name) {
-    requireRoot();
-    const StoreLock lock;
-    requireProfile(name);
-    if (name == activeProfile()) {
+    Context context(StoreSession::Access::kChange);
+    context.store().requireProfile(name);
+    if (name == context.store().activeProfile()) {
         throw Error(ErrorKind::kSystem,
                     "profile " + inQuotes(name) +
                         " is the active one; \"tarnfw profile use\" makes another one active");
     }
-    FW::TARNFW_PROFILE profiles;
-    if (!profiles.profileDelete(name) || profiles.profileExist(name)) {
+    // Without copies: a deletion needs no room, and makes some.
+    const bool deleted = FW::TARNFW_PROFILE().profileDelete(name);
+    context.session().refresh();
+    if (!deleted || context.store().hasProfile(name)) {
         throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) + " is still there: " +
-                                            printable(FW::TARNFW_JSON_DB().profilePathGet(name)));
+                                            printable(context.store().pathOf(name)));
     }
     std::cout << "Profile " << inQuotes(name) << " deleted\n";
 }
 
 // ---- use ----
 
-void setActive(const std::string& name) {
-    StoreChange change;
-    const bool set = FW::TARNFW().fwProfileConfigSet(name, false);
-    change.finish();
-    if (!set) {
+void setActive(Context& context, const std::string& name) {
+    if (!context.session().change(
+            [&] { return FW::TARNFW().fwProfileConfigSet(name, /*reload=*/false); })) {
         throw Error(ErrorKind::kSystem, "the settings cannot be written");
     }
 }
 
 /// Applies the new active profile; where that fails, the one before is the active one again, or
 /// every later reload would fail.
-void reloadOrGoBack(const std::string& name, const std::string& before) {
+void reloadOrGoBack(Context& context, const std::string& name, const std::string& before) {
     try {
-        reloadActive();
+        reloadActive(context);
     } catch (const Error& failure) {
-        const StoreLock lock;
-        if (before == name || activeProfile() != name) {
+        Context again(StoreSession::Access::kChange);
+        if (before == name || again.store().activeProfile() != name) {
             throw;
         }
-        setActive(before);
+        setActive(again, before);
         throw Error(ErrorKind::kSystem, std::string(failure.what()) + "; " + inQuotes(before) +
                                             " is the active profile again");
     }
 }
 
 void use(const std::string& name, const ReloadOptions& reload) {
-    requireRoot();
-    requireReloadable(reload);
-    const FW::FWPROFILE profile = loadProfile(name);
-    requireSound(profile);  // a reload of it would leave the machine open
-    requireAppliable(profile, reload, /*becomesActive=*/true);
+    Context context(StoreSession::Access::kChange);
+    requireReloadable(context, reload);
+    context.store().requireProfile(name);
+    const FW::FWPROFILE& profile = context.store().profile(name);
+    requireValid(profile);  // a reload of it would leave the machine open
+    requireAppliable(context, profile, reload, /*becomesActive=*/true);
     const SignalsWait wait;
-    std::string before;
-    {
-        const StoreLock lock;
-        requireProfile(name);
-        before = activeProfile();
-        setActive(name);
-    }
+    const std::string before = context.store().activeProfile();
+    setActive(context, name);
+    context.session().unlock();
     std::cout << "Profile " << inQuotes(name) << " is the active one now\n";
-    if (reload.wanted && firewallEnabled()) {
-        reloadOrGoBack(name, before);
+    if (reload.wanted && context.store().firewallEnabled()) {
+        reloadOrGoBack(context, name, before);
     } else {
-        finishChange(name, reload);
+        finishChange(context, name, reload);
     }
 }
 

@@ -1,14 +1,10 @@
 /// tarnfw profile edit: a profile's document in the person's editor.
 #include <unistd.h>
 
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
-
-#include "tarnfirewall/fwDB.h"
 
 #include "cli/command.h"
 #include "cli/commandLine.h"
@@ -17,20 +13,9 @@
 #include "commands/profileCommands.h"
 #include "process/editor.h"
 #include "tarnfwadmin/profileDocument.h"
-#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {
-
-/// The text of a profile's file. Files are replaced as a whole, so this is one version of it.
-std::string storedText(const std::string& name) {
-    const std::string path = FW::TARNFW_JSON_DB().profilePathGet(name);
-    std::ifstream file(path, std::ios::in | std::ios::binary);
-    if (path.empty() || !file) {
-        throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) + " cannot be read");
-    }
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 /// Ends the command without storing what was typed.
 [[noreturn]] void keep(const PrivateText& text, const std::string& why, ErrorKind kind) {
@@ -68,14 +53,16 @@ std::optional<ProfileDocument> edited(const PrivateText& text, const std::string
 }
 
 /// Stores the document in the place of the one that was `original`.
-void store(const ProfileDocument& document, const std::string& original) {
-    const StoreLock lock;
+void store(Context& context, const ProfileDocument& document, const std::string& original) {
     const std::string& name = document.profile().name;
-    if (storedText(name) != original) {
+    if (!context.store().hasProfile(name)) {
+        throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) + " cannot be read");
+    }
+    if (context.store().textOf(name) != original) {
         throw Error(ErrorKind::kSystem,
                     "profile " + inQuotes(name) + " was changed by somebody else meanwhile");
     }
-    storeProfile(document.profile());
+    context.session().storeProfile(document.profile());
 }
 
 /// Visits to the editor until the document checks; nothing when the text is left as it was.
@@ -97,6 +84,20 @@ std::optional<ProfileDocument> validDocument(const PrivateText& text, const std:
     }
 }
 
+/// The store, with the document in it.
+std::unique_ptr<Context> stored(const ProfileDocument& document, const std::string& original,
+                                const ReloadOptions& reload, const PrivateText& text) {
+    try {
+        auto context = std::make_unique<Context>(StoreSession::Access::kChange);
+        requireAppliable(*context, document.profile(), reload);
+        store(*context, document, original);
+        context->session().unlock();
+        return context;
+    } catch (const Error& failure) {
+        keep(text, failure.what(), failure.kind());
+    }
+}
+
 /// Refuses to start an editor that would find no terminal. One that was chosen may need none.
 void requireEditable() {
     if (isatty(STDIN_FILENO) != 1 && chosenEditor().empty()) {
@@ -108,12 +109,16 @@ void requireEditable() {
 }
 
 void edit(const std::string& wanted, const ReloadOptions& reload) {
-    requireRoot();
-    requireReloadable(reload);
-    const std::string name = wanted.empty() ? activeProfile() : wanted;
-    requireProfile(name);
-    requireEditable();
-    const std::string original = storedText(name);
+    std::string name;
+    std::string original;
+    {
+        Context context(StoreSession::Access::kRead);
+        requireReloadable(context, reload);
+        name = wanted.empty() ? context.store().activeProfile() : wanted;
+        context.store().requireProfile(name);
+        requireEditable();
+        original = context.store().textOf(name);
+    }
     const PrivateText text("profile.json", original);
     const std::optional<ProfileDocument> document = validDocument(text, original, name);
     if (!document) {
@@ -121,15 +126,10 @@ void edit(const std::string& wanted, const ReloadOptions& reload) {
         std::cout << "Profile " << inQuotes(name) << " is unchanged\n";
         return;
     }
-    try {
-        requireAppliable(document->profile(), reload);
-        store(*document, original);
-    } catch (const Error& failure) {
-        keep(text, failure.what(), failure.kind());
-    }
+    const std::unique_ptr<Context> context = stored(*document, original, reload, text);
     text.remove();
     std::cout << "Profile " << inQuotes(name) << " stored\n";
-    finishChange(name, reload);
+    finishChange(*context, name, reload);
 }
 
 }  // namespace

@@ -14,9 +14,9 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "commands/context.h"
 #include "commands/profileCommands.h"
 #include "tarnfwadmin/ruleText.h"
-#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {
@@ -78,9 +78,9 @@ void printAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
 }
 
 void show(const std::string& name, bool json) {
-    requireRoot();
-    const FW::FWPROFILE profile = loadProfile(name);
-    const bool active = profile.name == activeProfile();
+    const Context context(StoreSession::Access::kRead);
+    const FW::FWPROFILE& profile = context.store().profile(name);
+    const bool active = profile.name == context.store().activeProfile();
     if (json) {
         Json::Value document;
         FW::TARNFW_JSON_DB().profileToJson(profile, document);

@@ -25,7 +25,6 @@
 #include "tarnfwadmin/ruleFindings.h"
 #include "tarnfwadmin/ruleSyntax.h"
 #include "tarnfwadmin/ruleText.h"
-#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {
@@ -194,24 +193,21 @@ void print(const Texts& warnings) {
 
 /// Reads the profile, lets `change` alter the adapter's list, and stores it. What is thrown on the
 /// way leaves the profile as it is.
-void changeRules(const Target& target, const std::function<Outcome(Rules&)>& change) {
-    requireReloadable(target.reload);
-    std::string profileName;
-    {
-        const StoreLock lock;
-        FW::FWPROFILE profile = loadProfile(target.profile);
-        requireAdapter(profile, target.adapter);
-        profileName = profile.name;
-        const Outcome outcome = change(profile.rules[target.adapter]);
-        const Texts warnings = warningsOf(profile, target.adapter, outcome.changed);
-        requireAppliable(profile, target.reload);
-        storeProfile(profile);
-        for (const std::string& line : outcome.said) {
-            std::cout << printable(line) << '\n';
-        }
-        print(warnings);
+void changeRules(Context& context, const Target& target,
+                 const std::function<Outcome(Rules&)>& change) {
+    requireReloadable(context, target.reload);
+    FW::FWPROFILE profile = context.store().profile(target.profile);
+    requireAdapter(profile, target.adapter);
+    const Outcome outcome = change(profile.rules[target.adapter]);
+    const Texts warnings = warningsOf(profile, target.adapter, outcome.changed);
+    requireAppliable(context, profile, target.reload);
+    context.session().storeProfile(profile);
+    context.session().unlock();
+    for (const std::string& line : outcome.said) {
+        std::cout << printable(line) << '\n';
     }
-    finishChange(profileName, target.reload);
+    print(warnings);
+    finishChange(context, profile.name, target.reload);
 }
 
 Texts countries() {
@@ -254,7 +250,8 @@ FW::FWRULE ruleOf(const RuleCommand& command) {
 void add(const RuleCommand& command) {
     requireRoot();
     const FW::FWRULE rule = ruleOf(command);
-    changeRules(command.target, [&](Rules& rules) {
+    Context context(StoreSession::Access::kChange);
+    changeRules(context, command.target, [&](Rules& rules) {
         rules.push_back(rule);
         return changedAt(rules, rules.size(), command.target);
     });
@@ -263,7 +260,8 @@ void add(const RuleCommand& command) {
 void insert(const RuleCommand& command) {
     requireRoot();
     const FW::FWRULE rule = ruleOf(command);
-    changeRules(command.target, [&](Rules& rules) {
+    Context context(StoreSession::Access::kChange);
+    changeRules(context, command.target, [&](Rules& rules) {
         const std::size_t position = freePosition(rules, command.position, command.target);
         insertAt(rules, position, rule);
         return changedAt(rules, position, command.target);
@@ -273,7 +271,8 @@ void insert(const RuleCommand& command) {
 void set(const RuleCommand& command) {
     requireRoot();
     const FW::FWRULE rule = ruleOf(command);
-    changeRules(command.target, [&](Rules& rules) {
+    Context context(StoreSession::Access::kChange);
+    changeRules(context, command.target, [&](Rules& rules) {
         requireOwn(rules, command.position, command.target);
         rules[command.position - 1] = rule;
         return changedAt(rules, command.position, command.target);
@@ -281,8 +280,8 @@ void set(const RuleCommand& command) {
 }
 
 void move(const Target& target, std::size_t from, std::size_t to) {
-    requireRoot();
-    changeRules(target, [&](Rules& rules) {
+    Context context(StoreSession::Access::kChange);
+    changeRules(context, target, [&](Rules& rules) {
         requireOwn(rules, from, target);
         const FW::FWRULE rule = rules[from - 1];
         requirePosition(rules, to, target);
@@ -294,9 +293,9 @@ void move(const Target& target, std::size_t from, std::size_t to) {
 }
 
 void remove(const Target& target, const std::vector<std::size_t>& positions) {
-    requireRoot();
+    Context context(StoreSession::Access::kChange);
     const std::set<std::size_t> ascending(positions.begin(), positions.end());
-    changeRules(target, [&](Rules& rules) {
+    changeRules(context, target, [&](Rules& rules) {
         Outcome outcome;
         for (const std::size_t position : ascending) {
             requireOwn(rules, position, target);
@@ -311,9 +310,9 @@ void remove(const Target& target, const std::vector<std::size_t>& positions) {
 }
 
 void switchRules(const Target& target, const std::vector<std::size_t>& positions, bool on) {
-    requireRoot();
+    Context context(StoreSession::Access::kChange);
     const std::set<std::size_t> ascending(positions.begin(), positions.end());
-    changeRules(target, [&](Rules& rules) {
+    changeRules(context, target, [&](Rules& rules) {
         Outcome outcome;
         for (const std::size_t position : ascending) {
             if (on) {
@@ -337,23 +336,20 @@ void setPolicy(const Target& target, const std::string& word) {
             "\"global\" has no default policy: what its rules leave is decided by those of the "
             "adapters; a last rule \"deny any\" decides for all of them");
     }
-    requireReloadable(target.reload);
+    Context context(StoreSession::Access::kChange);
+    requireReloadable(context, target.reload);
     const FW::FW_POLICY policy = word == "allow"  ? FW::FW_POLICY_ALLOW
                                  : word == "deny" ? FW::FW_POLICY_DENY
                                                   : FW::FW_POLICY_NONE;
-    std::string profileName;
-    {
-        const StoreLock lock;
-        FW::FWPROFILE profile = loadProfile(target.profile);
-        requireAdapter(profile, target.adapter);
-        profileName = profile.name;
-        profile.adapterPolicyMap[target.adapter] = policy;
-        requireAppliable(profile, target.reload);
-        storeProfile(profile);
-    }
+    FW::FWPROFILE profile = context.store().profile(target.profile);
+    requireAdapter(profile, target.adapter);
+    profile.adapterPolicyMap[target.adapter] = policy;
+    requireAppliable(context, profile, target.reload);
+    context.session().storeProfile(profile);
+    context.session().unlock();
     std::cout << "Default policy of " << printable(target.adapter) << ": " << policyText(policy)
               << '\n';
-    finishChange(profileName, target.reload);
+    finishChange(context, profile.name, target.reload);
 }
 
 // ---- Options ----

@@ -24,8 +24,6 @@
 #include "commands/commands.h"
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/interfaces.h"
-#include "tarnfwadmin/store.h"
-#include "tarnfwadmin/storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -36,16 +34,16 @@ using Profiles = std::map<std::string, FW::FWPROFILE>;
 
 // ---- What every one of these commands does ----
 
-Profiles allProfiles() {
-    if (profileNames().empty()) {
+Profiles allProfiles(const StoreSnapshot& store) {
+    if (store.profileNames().empty()) {
         throw Error(ErrorKind::kNotFound,
                     "there are no profiles; \"tarnfw base up\" writes a first one");
     }
-    Profiles profiles;
-    if (!FW::TARNFW_PROFILE().profileEnum(profiles)) {
+    try {
+        return store.profiles();
+    } catch (const Error&) {
         throw Error(ErrorKind::kSystem, "the profiles cannot be read: nothing was changed");
     }
-    return profiles;
 }
 
 Json::Value documentOf(const FW::FWPROFILE& profile) {
@@ -55,9 +53,9 @@ Json::Value documentOf(const FW::FWPROFILE& profile) {
 }
 
 /// The names of the profiles that are not as they were, without test profiles.
-std::vector<std::string> changedSince(const Profiles& before) {
+std::vector<std::string> changedSince(const StoreSnapshot& store, const Profiles& before) {
     std::vector<std::string> changed;
-    for (const auto& [name, profile] : allProfiles()) {
+    for (const auto& [name, profile] : allProfiles(store)) {
         const auto found = before.find(name);
         const bool same = found != before.end() && documentOf(found->second) == documentOf(profile);
         if (!same && !boost::starts_with(name, kTestPrefix)) {
@@ -70,28 +68,25 @@ std::vector<std::string> changedSince(const Profiles& before) {
 /// Runs a change of all profiles and says what came of it: `done`, the profiles that changed, and
 /// whether the kernel knows.
 template <typename Change>
-void changeAll(const std::string& done, const ReloadOptions& reload, const Profiles& before,
-               Change change) {
-    StoreChange kept;
-    const bool written = runWhole("Changing the profiles", change);
-    kept.finish();
-    if (!written) {
-        const std::vector<std::string> changed = changedSince(before);
+void changeAll(Context& context, const std::string& done, const ReloadOptions& reload,
+               const Profiles& before, Change change) {
+    if (!context.session().change([&] { return runWhole("Changing the profiles", change); })) {
+        const std::vector<std::string> changed = changedSince(context.store(), before);
         throw Error(ErrorKind::kSystem,
                     "not every profile could be written (changed: " +
                         (changed.empty() ? "none" : printable(boost::join(changed, ", "))) + ")");
     }
-    const std::vector<std::string> changed = changedSince(before);
+    const std::vector<std::string> changed = changedSince(context.store(), before);
     std::cout << printable(done) << " ("
               << (changed.empty() ? "no profile had to change"
                                   : "changed: " + printable(boost::join(changed, ", ")))
               << ")\n";
     const bool activeChanged =
-        std::find(changed.begin(), changed.end(), activeProfile()) != changed.end();
+        std::find(changed.begin(), changed.end(), context.store().activeProfile()) != changed.end();
     if (reload.wanted) {
-        confirmReload(reload);
-        reloadActive();
-    } else if (activeChanged && firewallEnabled()) {
+        confirmReload(context, reload);
+        reloadActive(context);
+    } else if (activeChanged && context.store().firewallEnabled()) {
         sayOldRules();
     }
 }
@@ -127,39 +122,37 @@ bool isNamed(const Profiles& profiles, const std::string& service) {
 
 void reserve(const std::string& service, const std::string& adapter, const std::string& policy,
              const ReloadOptions& reload) {
-    requireRoot();
-    requireReloadable(reload);
-    const StoreLock lock;
-    const Profiles before = allProfiles();
+    Context context(StoreSession::Access::kChange);
+    requireReloadable(context, reload);
+    const Profiles before = allProfiles(context.store());
     (void)requireCatalogue().require(service);
     requireAdapter(adapter, adaptersIn(before));
     const FW::FW_POLICY code = policy == "deny" ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW;
-    changeAll(
-        "Service " + service + " reserved on " + adapter + ": " + policy, reload, before, [&] {
-            return FW::TARNFW_PROFILE().profileAddServToReserve(adapter, service, code, false);
-        });
+    changeAll(context, "Service " + service + " reserved on " + adapter + ": " + policy, reload,
+              before, [&] {
+                  return FW::TARNFW_PROFILE().profileAddServToReserve(adapter, service, code,
+                                                                      false);
+              });
 }
 
 void release(const std::string& service, const ReloadOptions& reload) {
-    requireRoot();
-    requireReloadable(reload);
-    const StoreLock lock;
-    const Profiles before = allProfiles();
+    Context context(StoreSession::Access::kChange);
+    requireReloadable(context, reload);
+    const Profiles before = allProfiles(context.store());
     // Rules may name a service that the catalogue has lost: it can still be taken out of them.
     if (!isNamed(before, service)) {
         (void)requireCatalogue().require(service);
     }
-    changeAll("Service " + service + " is in no rule", reload, before,
+    changeAll(context, "Service " + service + " is in no rule", reload, before,
               [&] { return FW::TARNFW_PROFILE().profileRemoveServ(service); });
 }
 
 void update(const ReloadOptions& reload) {
-    requireRoot();
-    requireReloadable(reload);
-    const StoreLock lock;
-    const Profiles before = allProfiles();
+    Context context(StoreSession::Access::kChange);
+    requireReloadable(context, reload);
+    const Profiles before = allProfiles(context.store());
     (void)requireCatalogue();
-    changeAll("Rules follow the service catalogue", reload, before,
+    changeAll(context, "Rules follow the service catalogue", reload, before,
               [] { return FW::TARNFW().fwUpdate(); });
 }
 
@@ -174,18 +167,18 @@ bool isInterfaceName(const std::string& name) {
 
 void requireRenamable(const std::string& from, const std::string& to, const Profiles& profiles) {
     if (from == to) {
-        throw Error(ErrorKind::kInvalid, "both names are " + inQuotes(from));
+        throw Error(ErrorKind::kUnusable, "both names are " + inQuotes(from));
     }
     if (from == FW::FW_ADAPTER_GLOBAL || to == FW::FW_ADAPTER_GLOBAL) {
-        throw Error(ErrorKind::kInvalid,
+        throw Error(ErrorKind::kUnusable,
                     "\"global\" stands for every adapter; its rules cannot be moved");
     }
     if (to == FW::FW_PPPOE_INTERFACE) {
-        throw Error(ErrorKind::kInvalid,
+        throw Error(ErrorKind::kUnusable,
                     "rules for \"ppp0\" have no effect; \"pppoe\" is its name");
     }
     if (!isInterfaceName(to)) {
-        throw Error(ErrorKind::kInvalid, inQuotes(to) + " cannot be an adapter's name");
+        throw Error(ErrorKind::kUnusable, inQuotes(to) + " cannot be an adapter's name");
     }
     const std::vector<std::string> known = adaptersIn(profiles);
     if (std::find(known.begin(), known.end(), from) == known.end()) {
@@ -230,14 +223,13 @@ void requireReplacing(const std::string& to, const std::vector<std::string>& nam
 }
 
 void renameAdapter(const std::string& from, const std::string& to, const ReloadOptions& reload) {
-    requireRoot();
-    requireReloadable(reload);
-    const StoreLock lock;
-    const Profiles before = allProfiles();
+    Context context(StoreSession::Access::kChange);
+    requireReloadable(context, reload);
+    const Profiles before = allProfiles(context.store());
     requireRenamable(from, to, before);
     requireReplacing(to, replacedIn(before, from, to), reload.yes);
-    changeAll("Rules and default policy of " + from + " are now those of " + to, reload, before,
-              [&] { return FW::TARNFW_PROFILE().profileChangeAdapter(from, to, false); });
+    changeAll(context, "Rules and default policy of " + from + " are now those of " + to, reload,
+              before, [&] { return FW::TARNFW_PROFILE().profileChangeAdapter(from, to, false); });
     const std::vector<std::string> present = machineAdapters();
     if (!isPredefined(to) && std::find(present.begin(), present.end(), to) == present.end()) {
         std::cerr << "tarnfw: the machine has no adapter " << inQuotes(to)

@@ -17,10 +17,10 @@
 #include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
+#include "commands/context.h"
 #include "process/trial.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/ruleText.h"
-#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {
@@ -118,7 +118,7 @@ std::vector<FilterState> filterStates() {
     return states;
 }
 
-std::optional<TrialState> trialState() {
+std::optional<TrialState> trialState(const StoreSnapshot& store) {
     if (const std::optional<Channel> trial = callTrial()) {
         Json::Value message;
         message["ask"] = kAskState;
@@ -128,7 +128,7 @@ std::optional<TrialState> trialState() {
                               state->get("secondsLeft", 0).asInt64()};
         }
     }
-    if (const std::optional<std::string> name = abandonedTrial()) {
+    if (const std::optional<std::string> name = abandonedTrial(store)) {
         return TrialState{*name, std::nullopt};
     }
     return std::nullopt;
@@ -208,22 +208,19 @@ std::string interruptedText(bool enabled) {
 }
 
 void status(bool json) {
-    requireRoot();
-    const bool enabled = firewallEnabled();
-    const std::string active = activeProfile();
-    const std::vector<std::string> names = profileNames();
-    const bool stored = std::find(names.begin(), names.end(), active) != names.end();
+    const Context context(StoreSession::Access::kRead);
+    const StoreSnapshot& store = context.store();
+    const bool enabled = store.firewallEnabled();
+    const std::string active = store.activeProfile();
+    const bool stored = store.hasProfile(active);
     const std::vector<AdapterState> adapters =
-        stored ? adapterStates(loadProfile(active)) : std::vector<AdapterState>();
+        stored ? adapterStates(store.profile(active)) : std::vector<AdapterState>();
     const std::vector<FilterState> filters = filterStates();
     const bool modules = FW::TARN_IPTABLES_MODULES::isModuleLoad(kModuleUser);
-    const std::optional<TrialState> trial = trialState();
+    const std::optional<TrialState> trial = trialState(store);
     const bool interrupted = wasInterrupted();
     const bool nothingInForce = enabled && isNothingInForce(active, filters);
-    std::string applyMode;
-    if (!FW::TARNFW().fwApplyMode(applyMode)) {
-        throw Error(ErrorKind::kSystem, "the settings cannot be read");
-    }
+    const char* const applyMode = store.applyMode() == ApplyMode::kBatch ? "batch" : "lines";
 
     if (json) {
         Json::Value document;

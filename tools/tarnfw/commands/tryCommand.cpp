@@ -21,10 +21,8 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
+#include "commands/context.h"
 #include "process/trial.h"
-#include "tarnfwadmin/baseFilter.h"
-#include "tarnfwadmin/store.h"
-#include "tarnfwadmin/storeChange.h"
 
 namespace tarnfw {
 namespace {
@@ -45,20 +43,22 @@ struct TryOptions {
 // ---- What a trial needs to begin ----
 
 void requireTriable(const std::string& name) {
-    requireProfile(name);
-    if (!firewallEnabled()) {
+    Context context(StoreSession::Access::kChange);
+    const StoreSnapshot& store = context.store();
+    store.requireProfile(name);
+    if (!store.firewallEnabled()) {
         throw Error(ErrorKind::kSystem,
                     "the firewall is disabled: there is nothing to go back to; \"tarnfw enable\" "
                     "switches it on");
     }
-    if (name == activeProfile()) {
+    if (name == store.activeProfile()) {
         throw Error(ErrorKind::kSystem,
                     "profile " + inQuotes(name) +
                         " is the active one, to which a trial goes back; try a copy "
                         "(\"tarnfw profile copy\")");
     }
-    requireBase();
-    requireRoomForChange();
+    context.requireBase();
+    StoreTransaction(context.session()).finish();  // whether there is room for the test profile
 }
 
 // ---- The watchdog's process ----
@@ -261,7 +261,7 @@ void confirmTrial() {
 
 /// Goes back from a trial that nobody watches any more.
 void cancelAbandonedTrial() {
-    const std::optional<std::string> name = abandonedTrial();
+    const std::optional<std::string> name = abandonedTrial(StoreSnapshot());
     if (!name) {
         throw Error(ErrorKind::kNotFound, "no trial is going on");
     }

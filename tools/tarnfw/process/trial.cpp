@@ -16,8 +16,7 @@
 
 #include "tarnfirewall/tarnFW.h"
 
-#include "tarnfwadmin/store.h"
-#include "tarnfwadmin/storeChange.h"
+#include "tarnfwadmin/storeSession.h"
 
 namespace tarnfw {
 namespace {
@@ -132,40 +131,33 @@ bool succeeded(Step step) {
 }
 
 /// Stores the copy of the candidate that is tried.
-bool createTestProfile(const std::string& name, const FW::FWPROFILE& candidate) {
-    const StoreLock lock;
-    StoreChange change;
-    const bool created = FW::TARNFW_PROFILE().CreateTestProfile(name, candidate);
-    change.finish();
-    return created;
+bool createTestProfile(const std::string& name) {
+    StoreSession session(StoreSession::Access::kChange);
+    const FW::FWPROFILE candidate = session.snapshot().profile(name);
+    return session.change([&] { return FW::TARNFW_PROFILE().CreateTestProfile(name, candidate); });
 }
 
 /// Puts the candidate's rules in force.
 bool apply(const std::string& name) {
-    FW::FWPROFILE candidate;
-    FW::TARNFW_PROFILE store;
     int lock = -1;
     if (TLIBCFileLockTimeByFile(kReloadLock, 1, kLockSeconds, &lock) != 1) {
         return false;
     }
-    const bool applied = succeeded([&] {
-        return store.profileGet(name, candidate) && createTestProfile(name, candidate) &&
-               FW::TARNFW().TestApplyingProfile(name);
-    });
+    const bool applied = succeeded(
+        [&] { return createTestProfile(name) && FW::TARNFW().TestApplyingProfile(name); });
     (void)TLIBCFileUnlockByFile(lock);
     return applied;
 }
 
 /// Makes what was tried the active profile; where that fails, the one before it is active again.
 bool adopt(const std::string& name) {
-    const StoreLock lock;
-    const std::string before = activeProfile();
+    StoreSession session(StoreSession::Access::kChange);
+    const std::string before = session.snapshot().activeProfile();
     FW::TARNFW_PROFILE store;
-    StoreChange change;
-    const bool stored =
-        store.AdoptTestProfile(name) && FW::TARNFW().fwProfileConfigSet(name, /*reload=*/false);
-    change.finish();
-    if (!stored) {
+    if (!session.change([&] {
+            return store.AdoptTestProfile(name) &&
+                   FW::TARNFW().fwProfileConfigSet(name, /*reload=*/false);
+        })) {
         return false;
     }
     if (!FW::TARNFW().fwReload(true)) {
@@ -185,7 +177,8 @@ Json::Value goBack(const std::string& name, const std::string& reason) {
 
 /// Rules that cannot be put in force turn the firewall off; a trial must not do that.
 Json::Value takeBackFailedTrial(const std::string& name) {
-    const bool on = succeeded([] { return firewallEnabled() || FW::TARNFW().fwEnable(); });
+    const bool on =
+        succeeded([] { return StoreSnapshot().firewallEnabled() || FW::TARNFW().fwEnable(); });
     return on ? goBack(name, "its rules cannot be put in force")
               : report(name, kTrialFailed,
                        "its rules cannot be put in force, and the firewall is off");
@@ -223,8 +216,8 @@ bool revertTrial(const std::string& name) {
     return reverted;
 }
 
-std::optional<std::string> abandonedTrial() {
-    const std::vector<std::string> names = testProfileNames();
+std::optional<std::string> abandonedTrial(const StoreSnapshot& store) {
+    const std::vector<std::string> names = store.testProfileNames();
     if (names.empty()) {
         return std::nullopt;
     }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "process/trialChannel.h"
+#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 
@@ -39,6 +40,6 @@ void watchTrial(const Trial& trial, const Channel& terminal, const Channel& list
 bool revertTrial(const std::string& name);
 
 /// The name of the profile whose trial was left behind, by a machine or watchdog that died.
-std::optional<std::string> abandonedTrial();
+std::optional<std::string> abandonedTrial(const StoreSnapshot& store);
 
 }  // namespace tarnfw

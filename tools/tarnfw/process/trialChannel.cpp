@@ -13,7 +13,7 @@
 #include <string>
 
 #include "tarnfwadmin/error.h"
-#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/storeSession.h"
 
 namespace tarnfw {
 namespace {
