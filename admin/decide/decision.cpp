@@ -8,7 +8,9 @@
 #include "tarnfirewall/fwTypes.h"
 
 #include "tarnfwadmin/error.h"
+#include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
@@ -338,6 +340,27 @@ std::vector<Decider::MatchedPorts> Decider::matchedPorts(const FWRULE& rule, con
 }
 
 // ---- Deciding ----
+
+Packet packetFrom(const std::string& address, const std::string& port,
+                  const std::string& interface) {
+    const std::optional<Address> source = addressFrom(address);
+    if (!source) {
+        throw Error(ErrorKind::kInvalid, inQuotes(address) + " is not an IP address");
+    }
+    const std::string protocol = port.substr(0, port.find('/'));
+    const std::optional<PortSpan> ports =
+        portSpanFrom(protocol == port ? "" : port.substr(protocol.size() + 1));
+    if ((protocol != "tcp" && protocol != "udp") || !ports) {
+        throw Error(ErrorKind::kInvalid,
+                    inQuotes(port) + " is not a port such as tcp/22 or udp/6000-6010");
+    }
+    Packet packet;
+    packet.adapters = adapterNamesOf(interface);
+    packet.source = *source;
+    packet.protocol = protocol == "udp" ? FW::FW_PORT_PROTOCOL_UDP : FW::FW_PORT_PROTOCOL_TCP;
+    packet.ports = *ports;
+    return packet;
+}
 
 std::vector<Decision> Decider::decide(const Packet& packet) {
     Pieces pieces(packet.ports);

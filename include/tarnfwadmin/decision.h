@@ -30,6 +30,12 @@ struct Packet {
     bool established = false;  ///< it belongs to a connection that there is already
 };
 
+/// A packet for one port of this machine, or a span: from "10.0.0.5", to "tcp/445" or
+/// "udp/6000-6010", by the interface "eth0". Reads the machine's interfaces. Throws Error: kInvalid
+/// for a text that is no address or no port, kSystem.
+Packet packetFrom(const std::string& address, const std::string& port,
+                  const std::string& interface);
+
 enum class DecidedBy {
     kRule,
     kDefaultPolicy,  ///< of an adapter

@@ -12,7 +12,7 @@
 #include "commands/sshGuard.h"
 #include "process/detachedRun.h"
 #include "process/signalsWait.h"
-#include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/control.h"
 #include "tarnfwadmin/profileCheck.h"
 
 namespace tarnfw {
@@ -125,16 +125,7 @@ void reloadActive(Context& context) {
 }
 
 std::string stateNow(Context& context) {
-    context.session().refresh();  // a reload that failed may have disabled the firewall
-    if (!context.store().firewallEnabled()) {
-        return "the firewall is off now";
-    }
-    const std::vector<BaseFilter> filters = baseFilters();
-    const bool empty = std::all_of(filters.begin(), filters.end(), [](const BaseFilter& filter) {
-        return filter.loadedRules() == 0;
-    });
-    return empty ? "no rules are in force, the machine is open"
-                 : "the kernel still has the old rules";
+    return stateNow(context.session());
 }
 
 void finishChange(Context& context, const std::string& profile, const ReloadOptions& options) {

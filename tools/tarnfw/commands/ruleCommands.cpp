@@ -10,9 +10,6 @@
 
 #include <boost/algorithm/string/join.hpp>
 
-#include "tarncore.h"
-
-#include "tarnfirewall/fwGeoip.h"
 #include "tarnfirewall/fwTypes.h"
 #include "tarnfirewall/tarnFW.h"
 
@@ -21,10 +18,10 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
-#include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/ruleFindings.h"
 #include "tarnfwadmin/ruleSyntax.h"
 #include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/vocabulary.h"
 
 namespace tarnfw {
 namespace {
@@ -33,8 +30,6 @@ using Rules = std::vector<FW::FWRULE>;
 using Texts = std::vector<std::string>;
 
 constexpr int kMaxPosition = 1'000'000;  // no list is that long
-
-constexpr char kCountryDirectory[] = "/usr/share/xt_geoip";
 
 constexpr char kWordsHelp[] =
     "The words of a rule:\n"
@@ -210,31 +205,8 @@ void changeRules(Context& context, const Target& target,
     finishChange(context, profile.name, target.reload);
 }
 
-Texts countries() {
-    Texts codes;
-    if (TLIBCFileExist(kCountryDirectory) == 1) {
-        (void)FW::FW_GEOIP().countryEnum(codes);  // logs for itself; then there are none
-    }
-    std::sort(codes.begin(), codes.end());
-    return codes;
-}
-
-RuleVocabulary vocabulary() {
-    RuleVocabulary known;
-    for (const Service& service : Catalogue().usableServices()) {
-        known.services[service.name] = service.destination.protocol;
-    }
-    const Texts codes = countries();
-    if (!codes.empty()) {
-        FW::FW_GEOIP geoip;
-        (void)geoip.geoipSanctify(codes, false, known.countriesV4);
-        (void)geoip.geoipSanctify(codes, true, known.countriesV6);
-    }
-    return known;
-}
-
 FW::FWRULE ruleOf(const RuleCommand& command) {
-    const RuleVocabulary known = vocabulary();
+    const RuleVocabulary known = machineVocabulary();
     try {
         return ruleFrom(command.words, command.options, known);
     } catch (const Error& error) {

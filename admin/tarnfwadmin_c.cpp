@@ -1,0 +1,175 @@
+#include "tarnfwadmin/tarnfwadmin_c.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "tarnfwadmin/control.h"
+#include "tarnfwadmin/decision.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/ruleChange.h"
+#include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/storeSession.h"
+#include "tarnfwadmin/text.h"
+#include "tarnfwadmin/vocabulary.h"
+
+namespace {
+
+using tarnfw::Error;
+using tarnfw::ErrorKind;
+using tarnfw::StoreSession;
+
+/// A caller's buffer for a text.
+struct Reason {
+    char* text;
+    std::size_t size;
+
+    void operator=(const char* line) const {
+        if (text != nullptr && size > 0) {
+            const std::size_t length = std::min(std::strlen(line), size - 1);
+            std::memcpy(text, line, length);
+            text[length] = '\0';
+        }
+    }
+};
+
+int codeOf(ErrorKind kind) {
+    switch (kind) {
+        case ErrorKind::kNotFound:
+            return TARNFWADMIN_NOT_FOUND;
+        case ErrorKind::kInvalid:
+        case ErrorKind::kUnusable:
+            return TARNFWADMIN_INVALID;
+        case ErrorKind::kRefused:
+            return TARNFWADMIN_REFUSED;
+        case ErrorKind::kBusy:
+            return TARNFWADMIN_BUSY;
+        case ErrorKind::kNoRights:
+            return TARNFWADMIN_NO_RIGHTS;
+        case ErrorKind::kSystem:
+            break;
+    }
+    return TARNFWADMIN_SYSTEM;
+}
+
+/// Runs `step`, which returns what was done; what it throws becomes a code and a reason.
+template <typename Step>
+int guarded(Reason reason, const Step& step) noexcept {
+    try {
+        try {
+            reason = step().c_str();
+            return TARNFWADMIN_OK;
+        } catch (const Error& error) {
+            reason = error.what();
+            return codeOf(error.kind());
+        } catch (const std::exception& error) {
+            reason = tarnfw::reasonOf(error).c_str();
+        }
+    } catch (...) {
+        reason = "an unexpected failure";
+    }
+    return TARNFWADMIN_SYSTEM;
+}
+
+/// The text of an argument that must be there.
+std::string required(const char* argument, const char* name) {
+    if (argument == nullptr) {
+        throw Error(ErrorKind::kInvalid, std::string("no ") + name + " is given");
+    }
+    return argument;
+}
+
+void requireRoot() {
+    if (geteuid() != 0) {
+        throw Error(ErrorKind::kNoRights, "this needs root's rights");
+    }
+}
+
+std::string decided(const tarnfw::Decider& decider, const tarnfw::Decision& decision) {
+    std::string text = decider.reason(decision);
+    for (const tarnfw::RulePlace& place : decision.unless) {
+        text += "; unless " + placeText(place) + " matches";
+    }
+    return text;
+}
+
+}  // namespace
+
+int tarnfwadmin_check_rule(const char* rule, char* reason, size_t size) {
+    return guarded({reason, size},
+                   [&] { return tarnfw::ruleText(tarnfw::ruleFromText(required(rule, "rule"))); });
+}
+
+int tarnfwadmin_add_rule(const char* profile, const char* adapter, const char* rule, char* reason,
+                         size_t size) {
+    return guarded({reason, size}, [&] {
+        requireRoot();
+        const std::string list = required(adapter, "adapter");
+        const FW::FWRULE added = tarnfw::ruleFromText(required(rule, "rule"));
+        StoreSession session(StoreSession::Access::kChange);
+        const tarnfw::RulePlace place =
+            addRule(session, profile == nullptr ? "" : profile, list, added);
+        return placeText(place) + ": " + tarnfw::ruleText(added);
+    });
+}
+
+int tarnfwadmin_enable(char* reason, size_t size) {
+    return guarded({reason, size}, [] {
+        requireRoot();
+        StoreSession session(StoreSession::Access::kChange);
+        enableFirewall(session);
+        return "the firewall is enabled with profile " +
+               tarnfw::inQuotes(session.snapshot().activeProfile());
+    });
+}
+
+int tarnfwadmin_disable(char* reason, size_t size) {
+    return guarded({reason, size}, [] {
+        requireRoot();
+        StoreSession session(StoreSession::Access::kChange);
+        disableFirewall(session);
+        return std::string("the firewall is disabled");
+    });
+}
+
+int tarnfwadmin_reload(char* reason, size_t size) {
+    return guarded({reason, size}, [] {
+        requireRoot();
+        StoreSession session(StoreSession::Access::kChange);
+        return applyActiveProfile(session)
+                   ? "profile " + tarnfw::inQuotes(session.snapshot().activeProfile()) +
+                         " is applied"
+                   : std::string("the firewall is disabled: nothing to apply");
+    });
+}
+
+int tarnfwadmin_decide(const char* address, const char* port, const char* adapter, int* allowed,
+                       char* reason, size_t size) {
+    return guarded({reason, size}, [&] {
+        const std::string interface = required(adapter, "adapter");
+        const tarnfw::Packet packet =
+            tarnfw::packetFrom(required(address, "address"), required(port, "port"), interface);
+        if (packet.ports.first != packet.ports.last) {
+            throw Error(ErrorKind::kInvalid, "one port can be asked about, not a range");
+        }
+        if (allowed == nullptr) {
+            throw Error(ErrorKind::kInvalid, "there is no place for the answer");
+        }
+        const StoreSession session(StoreSession::Access::kRead);
+        if (!session.snapshot().firewallEnabled()) {
+            *allowed = 1;
+            return std::string("the firewall is disabled");
+        }
+        tarnfw::Decider decider(session.snapshot().profile(""));
+        tarnfw::requireAdapter(interface, tarnfw::adaptersOf(decider.profile()));
+        const tarnfw::Decision decision = decider.decide(packet).front();
+        const std::string text = decided(decider, decision);
+        *allowed = decision.denied ? 0 : 1;
+        return text;
+    });
+}

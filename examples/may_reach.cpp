@@ -1,0 +1,45 @@
+// Asks whether an address may reach a port of this machine, and which rule says so.
+//
+//   may_reach ADDRESS PORT INTERFACE      may_reach 10.0.0.5 tcp/445 eth0
+//
+// Exit status: 0 it may, 1 it may not, 2 the question could not be answered.
+#include <tarnfwadmin/decision.h>
+#include <tarnfwadmin/storeSession.h>
+
+#include <exception>
+#include <iostream>
+
+namespace {
+
+bool mayReach(const char* address, const char* port, const char* interface) {
+    const tarnfw::StoreSession session(tarnfw::StoreSession::Access::kRead);
+    const tarnfw::StoreSnapshot& store = session.snapshot();
+    if (!store.firewallEnabled()) {
+        std::cout << "allowed: the firewall is disabled\n";
+        return true;
+    }
+    tarnfw::Decider decider(store.profile(store.activeProfile()));
+    bool allowed = true;
+    // One decision; of a range such as tcp/6000-6010 one for each part that is decided alike.
+    for (const auto& decision : decider.decide(tarnfw::packetFrom(address, port, interface))) {
+        std::cout << (decision.denied ? "denied: " : "allowed: ") << decider.reason(decision)
+                  << '\n';
+        allowed = allowed && !decision.denied;
+    }
+    return allowed;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    if (argc != 4) {
+        std::cerr << "usage: may_reach ADDRESS PORT INTERFACE\n";
+        return 2;
+    }
+    try {
+        return mayReach(argv[1], argv[2], argv[3]) ? 0 : 1;
+    } catch (const std::exception& error) {
+        std::cerr << "may_reach: " << error.what() << '\n';
+        return 2;
+    }
+}
