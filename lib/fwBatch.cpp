@@ -19,14 +19,12 @@ constexpr char kSource[] = "fwBatch";
 constexpr char kFamilyV4[] = "v4";
 constexpr char kFamilyV6[] = "v6";
 
-// The last line of what a tool gets. It prints such lines, so they tell that it has read and done
-// all of its input. The exit status alone does not: options like "-h" end it early with success,
-// and the caller's process may not get to see the status at all.
+// The last line of what a tool gets. It prints such lines, so it has then read and done all of its
+// input. The exit status alone does not say so: options like "-h" end it early with success, and
+// the caller's process may not get to see the status at all.
 constexpr char kEndMark[] = "# end of the rules\n";
 
-constexpr char kReloadingChain[] = "FIREWALL_RELOADING";
-
-// What stands for the words of a tool that had none.
+// Logged for a tool that said nothing.
 constexpr char kInputCut[] = "it stopped before the end of its input";
 constexpr char kTableCut[] = "it stopped before the end of the table";
 
@@ -45,18 +43,12 @@ bool makeText(const Json::Value& cmds, const std::string& family, RestoreText& t
 
 /// The programs of one address family.
 struct Tools {
-    const char* list;
     const char* save;
     const char* restore;
 };
 
-constexpr Tools kToolsV4 = {"/sbin/iptables", "/sbin/iptables-save", "/sbin/iptables-restore"};
-constexpr Tools kToolsV6 = {"/sbin/ip6tables", "/sbin/ip6tables-save", "/sbin/ip6tables-restore"};
-
-constexpr char kNoSuchChain[] = "No chain/target/match by that name";
-
-// From some thousand lines on a save takes as long as replacing the rules.
-constexpr std::size_t kLargeTextBytes = 256 * 1024;
+constexpr Tools kToolsV4 = {"/sbin/iptables-save", "/sbin/iptables-restore"};
+constexpr Tools kToolsV6 = {"/sbin/ip6tables-save", "/sbin/ip6tables-restore"};
 
 // "--wait" has no effect: ToolRun gives each run a lock file of its own, which is free. It is
 // XtablesLock that waits for other programs. A tool that does not know XTABLES_LOCKFILE takes the
@@ -78,16 +70,16 @@ bool didAll(const ToolResult& result) {
     return exitedWell(result) && endsWith(result.output, kEndMark);
 }
 
-/// The tool's own words, or what stands for them when it had none: `otherwise` after success.
+/// The tool's own words or, without any, its status; `afterSuccess` where that is no reason.
 std::string reasonOf(const ToolResult& result, const Refusal& refusal,
-                     const char* otherwise = kInputCut) {
+                     const char* afterSuccess = kInputCut) {
     if (!refusal.words.empty()) {
         return refusal.words;
     }
     if (!exitedWell(result)) {
         return "status " + std::to_string(*result.status);
     }
-    return otherwise;
+    return afterSuccess;
 }
 
 /// The number of the line that makes a tool end early with success, as "-h" does, without naming
@@ -114,15 +106,9 @@ void logRefusal(const Tools& tools, const RestoreText& text, const ToolResult& r
                forLog(line.command).c_str(), owner.c_str(), reason.c_str());
 }
 
-/// Whether a run that did not come to the end of its input may have done it all the same: as far
-/// as can be told, the tool did not refuse, it was killed or ended early.
-bool leavesDoubt(const ToolResult& result) {
-    return exitedWell(result) || *result.status > ToolResult::kSignalBase;
-}
-
 // ---- One family ----
 
-/// One family's way through the transaction. What is not committed when it ends is not done.
+/// The transaction of one family. What is not committed when the object ends is not done.
 class FamilyRun {
 public:
     FamilyRun(const Tools& tools, RestoreText text) : tools_(tools), text_(std::move(text)) {}
@@ -135,28 +121,21 @@ public:
         }
     }
 
-    /// Starts to look for what interrupted reloads left, in place of a save.
-    void startListing() {
-        listing_ = std::make_unique<ToolRun>(
-            std::vector<std::string>{tools_.list, "--list-rules", kReloadingChain}, "");
-    }
-
     /// Starts the run that commits and hands on all up to the first COMMIT. That finds whatever
     /// "--test" would, and leaves little to do for commit(). Further tables need a test of their
     /// own.
     void startExamining() {
-        if (hasSeveralTables()) {
-            test_ = std::make_unique<ToolRun>(
-                restoreArguments(tools_, "--test"),
-                text_.head() + RestoreText::filler() + text_.tail() + kEndMark);
+        if (text_.tables().size() > 1) {
+            test_ = std::make_unique<ToolRun>(restoreArguments(tools_, "--test"),
+                                              text_.whole() + kEndMark);
         }
         commit_ = std::make_unique<ToolRun>(restoreArguments(tools_));
-        commit_->feed(text_.head());
+        commit_->feed(text_.head() + text_.mark());
     }
 
     /// Whether all that can be found wrong without changing anything is right.
     bool finishExamining() {
-        if (!commit_->awaitReading(RestoreText::filler())) {
+        if (!commit_->awaitOutput(kExaminedMark)) {
             logRefusal(tools_, text_, commit_->finish());
             return false;
         }
@@ -171,20 +150,23 @@ public:
         return true;
     }
 
-    /// Takes in what was started to save or to list.
-    bool finishLooking() { return listing_ ? finishListing() : finishSaving(); }
+    /// Takes in what was saved.
+    bool finishSaving() {
+        for (std::size_t i = 0; i < saving_.size(); ++i) {
+            ToolResult result = saving_[i]->finish();
+            if (!exitedWell(result) || !isWholeSave(result.output, text_.tables()[i].name)) {
+                FW_LOG_ERR("Failed to run %s: %s", tools_.save,
+                           reasonOf(result, refusalOf(result.errors), kTableCut).c_str());
+                return false;
+            }
+            saved_.push_back(std::move(result.output));
+        }
+        interrupted_ = interruptedReloads(saved_.front());
+        return true;
+    }
 
     /// Whether a reload line by line was interrupted in this family.
     bool wasInterrupted() const { return interrupted_ > 0; }
-
-    /// Whether the family that is committed last is better not saved: it has so many lines, and a
-    /// second commit would leave what one does. Then nothing is left of a commit that was refused,
-    /// and one that leaves doubt can be done again.
-    bool goesWithoutSave() const {
-        return text_.head().size() > kLargeTextBytes && text_.replacesFirewallChainsOnly();
-    }
-
-    bool isSaved() const { return !saved_.empty(); }
 
     /// Has the commit mend what interrupted reloads left.
     void mend() {
@@ -195,10 +177,7 @@ public:
     /// Commits and returns whether all of it is in place.
     bool commit() {
         commit_->feed(text_.tail() + kEndMark);
-        ToolResult result = commit_->finish();
-        if (!didAll(result) && leavesDoubt(result) && !isSaved()) {
-            result = commitAgain(result);
-        }
+        const ToolResult result = commit_->finish();
         if (!didAll(result)) {
             logRefusal(tools_, text_, result);
             return false;
@@ -206,17 +185,14 @@ public:
         return true;
     }
 
-    /// Puts back what was saved, if so, in the chains that the text changes.
+    /// Puts back what was saved, in the chains that the text changes.
     void putBack() const {
-        if (!isSaved()) {
-            return;
-        }
         std::string text;
         for (std::size_t i = 0; i < saved_.size(); ++i) {
             RestoreTable table = text_.tables()[i];
             const bool isFilter = i == 0;
             if (isFilter && wasInterrupted()) {
-                table.chains.emplace(kReloadingChain);
+                table.chains.emplace("FIREWALL_RELOADING");
             }
             text += textToPutBack(table, saved_[i], mends_ && isFilter);
         }
@@ -229,82 +205,20 @@ public:
     }
 
 private:
-    bool hasSeveralTables() const { return text_.tables().size() > 1; }
-
-    bool finishSaving() {
-        for (std::size_t i = 0; i < saving_.size(); ++i) {
-            ToolResult result = saving_[i]->finish();
-            if (!exitedWell(result) || !isWholeSave(result.output, text_.tables()[i].name)) {
-                logNoListing(tools_.save, result);
-                return false;
-            }
-            saved_.push_back(std::move(result.output));
-        }
-        interrupted_ = interruptedReloads(saved_.front());
-        return true;
-    }
-
-    /// Without the chain no reload line by line can have been interrupted.
-    bool finishListing() {
-        const ToolResult result = listing_->finish();
-        listing_.reset();
-        const bool isListed = startsWith(result.output, std::string("-N ") + kReloadingChain);
-        const bool isMissing = result.errors.find(kNoSuchChain) != std::string::npos;
-        if (!(isListed && exitedWell(result)) && !isMissing) {
-            logNoListing(tools_.list, result);
-            return false;
-        }
-        interrupted_ = interruptedReloads(result.output);
-        return true;
-    }
-
-    static void logNoListing(const char* tool, const ToolResult& result) {
-        FW_LOG_ERR("Failed to run %s: %s", tool,
-                   reasonOf(result, refusalOf(result.errors), kTableCut).c_str());
-    }
-
-    /// Commits once more after a run that left it in doubt.
-    ToolResult commitAgain(const ToolResult& first) {
-        FW_LOG_ERR("Failed to run %s: %s; trying again", tools_.restore,
-                   reasonOf(first, Refusal{}).c_str());
-        ToolRun run(restoreArguments(tools_),
-                    text_.head() + RestoreText::filler() + text_.tail() + kEndMark);
-        return run.finish();
-    }
-
     Tools tools_;
     RestoreText text_;
     bool mends_ = false;
     std::size_t interrupted_ = 0;  ///< reloads
     std::vector<std::unique_ptr<ToolRun>> saving_;
-    std::unique_ptr<ToolRun> listing_;
     std::unique_ptr<ToolRun> test_;
     std::unique_ptr<ToolRun> commit_;
     std::vector<std::string> saved_;  ///< as the text's tables
 };
 
-/// Mends both families when one has the sign of an interrupted reload. It is set after the
-/// policies, and IPv6 is closed after IPv4: a family may be closed without it. Mending cannot be
-/// repeated, so it takes a save.
-bool mendInterrupted(FamilyRun& first, FamilyRun& last) {
-    if (!first.wasInterrupted() && !last.wasInterrupted()) {
-        return true;
-    }
-    if (!last.isSaved()) {
-        last.startSaving();
-        if (!last.finishLooking()) {
-            return false;
-        }
-    }
-    first.mend();
-    last.mend();
-    return true;
-}
-
 /// Commits both families, or leaves both as they were.
 bool commitInOrder(FamilyRun& first, FamilyRun& last) {
-    // A commit that failed is put back as well, if it was saved. Mostly nothing of it is in place,
-    // but a tool with several tables may have done some, and one that was killed may have done all.
+    // A commit that failed is put back as well. Mostly nothing of it is in place, but a tool with
+    // several tables may have done some, and one that was killed may have done all.
     if (!first.commit()) {
         first.putBack();
         return false;
@@ -317,26 +231,26 @@ bool commitInOrder(FamilyRun& first, FamilyRun& last) {
     return true;
 }
 
-/// Takes both families through the transaction: nothing is committed before all was examined.
-/// `first` is saved for the case that `last` fails.
-bool commitBoth(FamilyRun& first, FamilyRun& last) {
-    // All of these run at the same time.
-    first.startSaving();
-    if (last.goesWithoutSave()) {
-        last.startListing();
-    } else {
-        last.startSaving();
-    }
-    first.startExamining();
-    last.startExamining();
-    if (!first.finishExamining() || !last.finishExamining() || !first.finishLooking() ||
-        !last.finishLooking() || !mendInterrupted(first, last)) {
+/// Saves and examines both families at the same time, then commits them.
+bool commitBoth(FamilyRun& v4, FamilyRun& v6) {
+    v4.startSaving();
+    v6.startSaving();
+    v4.startExamining();
+    v6.startExamining();
+    if (!v4.finishExamining() || !v6.finishExamining() || !v4.finishSaving() ||
+        !v6.finishSaving()) {
         return false;
     }
+    if (v4.wasInterrupted() || v6.wasInterrupted()) {
+        // Both, because the sign is set after the policies, and in IPv6 after IPv4: a family may be
+        // closed without it.
+        v4.mend();
+        v6.mend();
+    }
     // The only sign of an interrupted reload goes last, for the case that this process ends in
-    // between. Both families are saved then.
-    return first.wasInterrupted() && !last.wasInterrupted() ? commitInOrder(last, first)
-                                                            : commitInOrder(first, last);
+    // between.
+    return v4.wasInterrupted() && !v6.wasInterrupted() ? commitInOrder(v6, v4)
+                                                       : commitInOrder(v4, v6);
 }
 
 }  // namespace
@@ -346,13 +260,14 @@ std::string FW_BATCH::restoreText(const Json::Value& cmds, const std::string& fa
         FW_LOG_ERR("There is no family \"%s\"", forLog(family).c_str());
         return "";
     }
-    RestoreText text;
+    RestoreText text(0);
     return makeText(cmds, family, text) ? text.head() + text.tail() : "";
 }
 
 bool FW_BATCH::apply(const Json::Value& cmds) {
-    RestoreText textV4;
-    RestoreText textV6;
+    const std::size_t bufferBytes = ToolRun::outputBufferBytes();
+    RestoreText textV4(bufferBytes);
+    RestoreText textV6(bufferBytes);
     if (!makeText(cmds, kFamilyV4, textV4) || !makeText(cmds, kFamilyV6, textV6)) {
         return false;
     }
@@ -362,11 +277,9 @@ bool FW_BATCH::apply(const Json::Value& cmds) {
                    std::generic_category().message(errno).c_str());
         return false;
     }
-    // The shorter one first, because that one is saved.
-    const bool v4First = textV4.head().size() <= textV6.head().size();
     FamilyRun v4(kToolsV4, std::move(textV4));
     FamilyRun v6(kToolsV6, std::move(textV6));
-    return v4First ? commitBoth(v4, v6) : commitBoth(v6, v4);
+    return commitBoth(v4, v6);
 }
 
 }  // namespace FW

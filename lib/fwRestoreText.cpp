@@ -20,10 +20,6 @@ constexpr char kCommit[] = "COMMIT";
 // rest of a longer one for a line of its own.
 constexpr std::size_t kLineBytes = 10238;
 
-// 32 KiB, twice what is needed.
-constexpr std::size_t kFillerLineBytes = 8192;
-constexpr int kFillerLines = 4;
-
 constexpr std::size_t kUsualWords = 24;  // what most lines need, to save enlarging
 
 // Of the tool's words, and of each other text in a message, as much as a line of the system log
@@ -179,6 +175,12 @@ void makePrintable(std::string& text) {
 
 // ==== RestoreText ================================================================================
 
+RestoreText::RestoreText(std::size_t bufferBytes) : mark_(kExaminedMark) {
+    while (mark_.size() <= bufferBytes) {
+        mark_.append(std::min(bufferBytes, kLineBytes - 1), '#').append("\n");
+    }
+}
+
 bool RestoreText::make(const Json::Value& family, RestoreLine& fault) {
     RestoreTable& filter = table(kFilter);
     filter.adapters.front() = FW_ADAPTER_GLOBAL;
@@ -205,10 +207,6 @@ bool RestoreText::make(const Json::Value& family, RestoreLine& fault) {
     return std::all_of(adapters.begin(), adapters.end(), [&](const std::string& adapter) {
         return adapter == FW_ADAPTER_GLOBAL || addLines(adapter);
     });
-}
-
-bool RestoreText::replacesFirewallChainsOnly() const {
-    return tables_.size() == 1 && tables_.front().chains.size() == FW_FIREWALL_CHAINS.size();
 }
 
 RestoreTable& RestoreText::table(std::string_view name) {
@@ -255,14 +253,8 @@ bool RestoreText::addLine(const std::string& adapter, const std::string& line) {
     return true;
 }
 
-std::string RestoreText::filler() {
-    std::string line(kFillerLineBytes - 1, '#');
-    line += '\n';
-    std::string text;
-    for (int i = 0; i < kFillerLines; ++i) {
-        text += line;
-    }
-    return text;
+std::string RestoreText::whole() const {
+    return head() + mark_ + tail();
 }
 
 std::string RestoreText::tail() const {
@@ -278,7 +270,7 @@ std::string RestoreText::tail() const {
 std::string RestoreText::wholeTable(const RestoreTable& table) const {
     std::string text = table.text;
     if (&table == &tables_.front()) {
-        text += filler() + appended_;
+        text += mark_ + appended_;
     }
     return text + kCommit + "\n";
 }

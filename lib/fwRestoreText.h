@@ -12,7 +12,7 @@
 
 namespace FW {
 
-/// The lines of one table, "*table" ahead and without the COMMIT behind them.
+/// The lines of one table, from "*table" on, without the COMMIT after them.
 struct RestoreTable {
     std::string name;                           ///< "filter"
     std::string text;                           ///< "*filter\n-F INPUT_FIREWALL\n..."
@@ -27,32 +27,38 @@ struct RestoreLine {
     std::string table;
 };
 
+/// The first line of RestoreText::mark().
+inline constexpr char kExaminedMark[] = "# examined\n";
+
 /// The text of one family.
 class RestoreText {
 public:
+    /// `bufferBytes` is what a tool keeps back of its output, see ToolRun::outputBufferBytes().
+    explicit RestoreText(std::size_t bufferBytes);
+
     /// Makes the text of a family of a command document. Returns false when a line cannot be
     /// written; `fault` then tells which.
     bool make(const Json::Value& family, RestoreLine& fault);
 
-    /// Adds lines of the program's own behind those of "filter".
+    /// Adds lines of the program's own after those of "filter".
     void append(const std::string& lines) { appended_ += lines; }
 
     const std::vector<RestoreTable>& tables() const { return tables_; }
 
-    /// Whether the lines change no other chains than those that they flush first.
-    bool replacesFirewallChainsOnly() const;
-
     /// Up to the first COMMIT, which nothing is done without; append()ed lines are left out.
     const std::string& head() const { return tables_.front().text; }
 
-    /// Lines that mean nothing, to be read between head() and tail(); see ToolRun::awaitReading().
-    static std::string filler();
+    /// Comments between head() and tail(), which the tool prints once it has done all of head().
+    /// There are enough of them to make it write: what it prints waits in a buffer until then.
+    const std::string& mark() const { return mark_; }
 
     /// What follows: append()ed lines, the first COMMIT, other tables.
     std::string tail() const;
 
-    /// The line of that number in head(), filler() and tail(), from 1; an empty command when there
-    /// is none.
+    /// head(), mark() and tail().
+    std::string whole() const;
+
+    /// The line of that number in whole(), from 1; an empty command when there is none.
     RestoreLine lineAt(std::size_t number) const;
 
     /// head() and tail() with a comment before each line, which names its number. For
@@ -63,10 +69,11 @@ private:
     RestoreTable& table(std::string_view name);
     bool addLine(const std::string& adapter, const std::string& line);
 
-    /// The lines of a table as they stand in head(), filler() and tail().
+    /// The lines of a table as whole() has them.
     std::string wholeTable(const RestoreTable& table) const;
 
     std::vector<RestoreTable> tables_;
+    std::string mark_;
     std::string appended_;
 };
 

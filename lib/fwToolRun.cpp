@@ -1,10 +1,12 @@
 #include "fwToolRun.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <spawn.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +15,7 @@
 #include <chrono>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <system_error>
 #include <thread>
 
@@ -28,6 +31,8 @@ constexpr char kLocale[] = "LC_ALL=C";
 
 // A file that nobody else locks: the program's own output.
 constexpr char kOwnLockFile[] = "XTABLES_LOCKFILE=/proc/self/fd/1";
+
+constexpr int kOutputPauseMilliseconds = 1;
 
 constexpr char kXtablesLockPath[] = "/run/xtables.lock";
 constexpr mode_t kXtablesLockMode = 0600;
@@ -140,11 +145,6 @@ private:
     posix_spawnattr_t attributes_;
 };
 
-void setSendBuffer(int socket, int option, std::size_t bytes) {
-    const int size = static_cast<int>(std::min<std::size_t>(bytes, INT_MAX / 2));
-    (void)setsockopt(socket, SOL_SOCKET, option, &size, sizeof(size));
-}
-
 // The interface's type; the texts are never written to.
 char* spawnText(const char* text) {
     return const_cast<char*>(text);
@@ -213,34 +213,42 @@ ToolRun::~ToolRun() {
 }
 
 void ToolRun::feed(const std::string& text) {
-    if (input_) {
-        // Room for all of it, so that the caller can feed another program in the meantime. Without
-        // the right to that much, sending waits for the program.
-        setSendBuffer(input_.get(), SO_SNDBUFFORCE, 2 * text.size());
-        (void)sendAll(text);
-    }
-}
-
-bool ToolRun::awaitReading(const std::string& filler) {
     if (!input_) {
-        return false;
+        return;
     }
-    // Room for hardly anything: the filler's end is sent once the program has read what was before.
-    setSendBuffer(input_.get(), SO_SNDBUF, 1);
-    return sendAll(filler);
-}
-
-bool ToolRun::sendAll(const std::string& text) {
+    // Room for all of it, so that the caller can feed another program in the meantime. Without the
+    // right to that much, sending waits for the program.
+    const int room = static_cast<int>(std::min<std::size_t>(2 * text.size(), INT_MAX / 2));
+    (void)setsockopt(input_.get(), SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room));
     std::size_t sent = 0;
     while (sent < text.size()) {
         const ssize_t count =
             send(input_.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
         if (count < 0 && errno != EINTR) {
-            return false;
+            return;
         }
         sent += count > 0 ? static_cast<std::size_t>(count) : 0;
     }
-    return true;
+}
+
+bool ToolRun::awaitOutput(const std::string& line) {
+    const auto isPrinted = [&] { return contentOf(output_).find(line) != std::string::npos; };
+    // Nothing tells that a file has grown, so it is looked at again and again. The other end of the
+    // input is closed when the program ends, which ends the pause.
+    pollfd input = {input_.get(), 0, 0};
+    while (input_ && !isPrinted()) {
+        if (poll(&input, 1, kOutputPauseMilliseconds) > 0) {
+            return isPrinted();
+        }
+    }
+    return static_cast<bool>(input_);
+}
+
+std::size_t ToolRun::outputBufferBytes() {
+    struct stat info {};
+    const Descriptor file(memfd_create("output", MFD_CLOEXEC));
+    // As the C library chooses it; start() reports a failure.
+    return fstat(file.get(), &info) == 0 ? std::max<std::size_t>(BUFSIZ, info.st_blksize) : BUFSIZ;
 }
 
 void ToolRun::endInput() {

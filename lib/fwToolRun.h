@@ -71,6 +71,9 @@ public:
     /// The same for input that comes piece by piece, see feed().
     explicit ToolRun(const std::vector<std::string>& arguments);
 
+    /// How much a program keeps back of what it prints, until it prints more or ends.
+    static std::size_t outputBufferBytes();
+
     ~ToolRun();
     ToolRun(const ToolRun&) = delete;
     ToolRun& operator=(const ToolRun&) = delete;
@@ -79,11 +82,8 @@ public:
     /// keep that much for it. Does nothing when the program has ended: its result tells.
     void feed(const std::string& text);
 
-    /// Hands on `filler`, lines that mean nothing to the program, and waits until it asks for the
-    /// last of them. A program that reads line by line has then done all that was fed before, and
-    /// is not ended by any of it. Returns false when it has ended.
-    /// `filler` has to be longer than what the program and the system keep ahead: 16 KiB.
-    bool awaitReading(const std::string& filler);
+    /// Waits until the program has printed `line`. Returns false when it ends without that.
+    bool awaitOutput(const std::string& line);
 
     /// No further input comes.
     void endInput();
@@ -94,7 +94,6 @@ public:
 
 private:
     void start(const std::vector<std::string>& arguments, const Descriptor& input);
-    bool sendAll(const std::string& text);
     std::optional<int> wait();
 
     pid_t pid_ = -1;

@@ -30,18 +30,11 @@ public:
     std::string restoreText(const Json::Value& cmds, const std::string& family);
 
     /// Puts a command document in place: both families hold the new rules, or both what they held
-    /// before. Both texts are examined before the kernel is touched. When a commit fails after all,
-    /// its family and the one committed before it get back the rules, with their counters, of the
-    /// chains that their lines named. The family with the longer text, which is committed last,
-    /// goes without that above 256 KiB, where saving its rules takes longer than replacing them:
-    /// a refused commit changes nothing, and one whose tool is killed is done once more. Only
-    /// where putting back or that second attempt fails as well, which is logged, or the caller's
-    /// process ends in between, do the families differ.
-    /// FIREWALL_RELOADING and the policies of INPUT and FORWARD change in one case: where a reload
-    /// line by line was interrupted, which the rule for established connections in
-    /// FIREWALL_RELOADING of either family tells, that rule goes and the policies of both families
-    /// become ACCEPT, in the same transactions. A reload that was killed before it set that rule
-    /// for IPv4, in its first commands, leaves no sign: its policies stay.
+    /// before, with its counters. Both are saved and both texts examined before either is
+    /// committed, and what a commit that failed may have changed is put back. The families differ
+    /// only where that fails too, which is logged, or the caller's process ends between the two
+    /// commits. Policies stay, except those that a reload line by line left at DROP when it was
+    /// interrupted: they become ACCEPT in both families, and its rule in FIREWALL_RELOADING goes.
     /// Returns false, logged with the adapter, the line and the tool's own words, when a line is
     /// refused or a tool cannot be run. Waits up to 30 s for other programs that change the packet
     /// filter under the lock of iptables, such as another call of this.

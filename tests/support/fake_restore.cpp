@@ -27,14 +27,6 @@ echo "$tool $*" >>started
 case $tool in ip6*) family=v6 ;; *) family=v4 ;; esac
 case $tool in
 *-save) cat "$family saved"; exit 0 ;;
-iptables | ip6tables)
-    cat "$family listing errors" >&2
-    status=$(cat "$family listing status")
-    [ "$status" = 0 ] || exit "$status"
-    echo "-N $2"
-    grep -e "-A $2 " "$family saved"
-    exit 0
-    ;;
 esac
 case " $* " in
 *' --counters '*) run="$family put back" ;;
@@ -55,9 +47,6 @@ while IFS= read -r line; do
         echo "$run" >>ended
         status=$(cat "$run.status")
         [ "$status" = killed ] || exit "$status"
-        times=$(cat "$run.times")
-        echo $((times - 1)) >"$run.times"
-        [ "$times" -gt 1 ] || rm "$run.refuse"
         kill -KILL $$
     fi
     last=$line
@@ -94,14 +83,13 @@ FakeRestore::FakeRestore() {
     g_current = this;
     fs::remove_all(kDirectory);
     for (const std::string tool : {"iptables", "ip6tables"}) {
-        for (const std::string kind : {"", "-save", "-restore"}) {
+        for (const std::string kind : {"-save", "-restore"}) {
             const std::string path = kDirectory + tool + kind;
             writeFile(path, kScript);
             (void)chmod(path.c_str(), 0755);
         }
     }
     for (const std::string family : {"v4", "v6"}) {
-        failToList(family, 0, "");
         setSaved(family, "*filter\n:INPUT ACCEPT [0:0]\n:FORWARD ACCEPT [0:0]\nCOMMIT\n");
     }
 }
@@ -144,11 +132,6 @@ void FakeRestore::setSaved(const std::string& family, const std::string& output)
     writeFile(kDirectory + family + " saved", output);
 }
 
-void FakeRestore::failToList(const std::string& family, int status, const std::string& errors) {
-    writeFile(kDirectory + family + " listing errors", errors);
-    writeFile(kDirectory + family + " listing status", std::to_string(status));
-}
-
 void FakeRestore::refuse(const std::string& run, const std::string& line, const std::string& errors,
                          int status) {
     writeFile(kDirectory + run + ".refuse", line + "\n");
@@ -156,9 +139,8 @@ void FakeRestore::refuse(const std::string& run, const std::string& line, const 
     writeFile(kDirectory + run + ".status", std::to_string(status));
 }
 
-void FakeRestore::kill(const std::string& run, const std::string& line, int times) {
+void FakeRestore::kill(const std::string& run, const std::string& line) {
     refuse(run, line, "");
-    writeFile(kDirectory + run + ".times", std::to_string(times));
     writeFile(kDirectory + run + ".status", "killed");
 }
 

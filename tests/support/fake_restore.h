@@ -1,4 +1,4 @@
-/// Stand-ins for iptables, iptables-save, iptables-restore and their IPv6 companions, so that what
+/// Stand-ins for iptables-save, iptables-restore and their IPv6 companions, so that what
 /// the library gives them and what it makes of their answers can be tested without a kernel.
 #pragma once
 
@@ -35,20 +35,16 @@ public:
     /// Every program that was started, with its arguments, sorted.
     std::vector<std::string> started() const;
 
-    /// What iptables-save ("v4") or ip6tables-save ("v6") prints for any table; iptables and
-    /// ip6tables list the rules in it.
+    /// What iptables-save ("v4") or ip6tables-save ("v6") prints for any table.
     void setSaved(const std::string& family, const std::string& output);
-
-    /// From now on iptables ("v4") or ip6tables ("v6") ends with `status` and says `errors`.
-    void failToList(const std::string& family, int status, const std::string& errors);
 
     /// From now on the run of that name ("v6 commit") ends with `status` at a line of its input,
     /// saying `errors`.
     void refuse(const std::string& run, const std::string& line, const std::string& errors,
                 int status = 1);
 
-    /// The same by SIGKILL: nobody outside can tell whether a COMMIT was done. `times` limits it.
-    void kill(const std::string& run, const std::string& line, int times = 99);
+    /// The same by SIGKILL: nobody outside can tell whether a COMMIT was done.
+    void kill(const std::string& run, const std::string& line);
 
     /// From now on a program of that path cannot be started.
     void remove(const std::string& path);

@@ -192,6 +192,18 @@ const std::string kPutBack =
     "*filter\n-F FORWARD_FIREWALL\n-F INPUT_FIREWALL\n"
     "[2:120] -A INPUT_FIREWALL -i old -j DROP\nCOMMIT\n";
 
+// A save of the table with that many rules of interrupted reloads.
+std::string savedWith(int reloads, const std::string& policies = ":INPUT DROP [0:0]\n") {
+    std::string saved = "*filter\n" + policies +
+                        ":FIREWALL_RELOADING - [0:0]\n:FORWARD_FIREWALL - [0:0]\n"
+                        ":INPUT_FIREWALL - [0:0]\n";
+    for (int i = 0; i < reloads; ++i) {
+        saved += "[4:5] ";
+        saved += kReloadingRule;
+    }
+    return saved + "COMMIT\n";
+}
+
 class ApplyTest : public LibraryTest {
 protected:
     ApplyTest() {
@@ -239,14 +251,8 @@ TEST_F(ApplyTest, BothFamiliesIpv4First) {
     EXPECT_THAT(platform_.executed(), IsEmpty());
 }
 
-TEST_F(ApplyTest, ShorterFamilyFirst) {
-    cmds_["v4"]["eth0"].append("-t filter -A INPUT_FIREWALL -i eth1 -j DROP");
-    EXPECT_TRUE(apply());
-    EXPECT_THAT(tools_.committed(), ElementsAre("v6 commit", "v4 commit"));
-}
-
 TEST_F(ApplyTest, Ipv4RefusedAfterIpv6PutsBackBothFamilies) {
-    cmds_["v4"]["eth0"].append("-t filter -A INPUT_FIREWALL -i eth1 -j DROP");
+    tools_.setSaved("v4", savedWith(1, ""));  // so that IPv4 goes last
     tools_.refuse("v4 commit", "COMMIT", "four\n");
     EXPECT_FALSE(apply());
     EXPECT_THAT(tools_.committed(), ElementsAre("v6 commit", "v4 put back", "v6 put back"));
@@ -314,9 +320,9 @@ const RefusedCase kRefusedCases[] = {
     {"CommittingIpv6WithoutALine",
      "v6 commit",
      "COMMIT",
-     "ip6tables-restore: line 10 failed\n",
+     "ip6tables-restore: line 8 failed\n",
      "/sbin/ip6tables-restore refused \"-t filter COMMIT\" of all adapters: ip6tables-restore: "
-     "line 10 failed",
+     "line 8 failed",
      {"v4 commit", "v6 put back", "v4 put back"}},
     {"WithoutWords",
      "v6 commit",
@@ -363,6 +369,29 @@ TEST_F(ApplyTest, Ipv6KilledAtItsCommitPutsBackBothFamilies) {
     EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back", "v4 put back"));
 }
 
+// A chain that the text does not flush would have its lines twice if they were committed again.
+TEST_F(ApplyTest, LinesOfOtherChainsArePutBackToo) {
+    cmds_["v6"]["eth0"].append("-A INPUT -i eth0 -j ACCEPT");
+    tools_.kill("v6 commit", "COMMIT");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back", "v4 put back"));
+    EXPECT_EQ(tools_.runs()[2], run("v6 put back",
+                                    "*filter\n-F INPUT\n-F FORWARD_FIREWALL\n-F INPUT_FIREWALL\n"
+                                    "[3:180] -A INPUT -j INPUT_FIREWALL\n"
+                                    "[2:120] -A INPUT_FIREWALL -i old -j DROP\nCOMMIT\n"));
+}
+
+TEST_F(ApplyTest, KilledAtItsCommitWhileTheCallerIgnoresItsChildren) {
+    tools_.kill("v6 commit", "COMMIT");
+    const auto before = std::signal(SIGCHLD, SIG_IGN);
+    const bool applied = apply();
+    (void)std::signal(SIGCHLD, before);
+    EXPECT_FALSE(applied);
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: it stopped "
+                                      "before the end of its input"));
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back", "v4 put back"));
+}
+
 TEST_F(ApplyTest, FailureToPutBackIsLoggedToo) {
     tools_.refuse("v6 commit", "COMMIT", "six\n");
     tools_.refuse("v4 put back", "COMMIT", "four\n");
@@ -379,7 +408,7 @@ TEST_F(ApplyTest, NamesAndLinesAreCutAndPrintableInTheLog) {
     const std::string start = "-A INPUT_FIREWALL -m comment --comment ";
     const std::string line = start + std::string(2000, 'c');
     cmds_["v4"]["e\n" + std::string(2000, 'e')].append("-t man\x1bgle " + line);
-    tools_.refuse("v4 test", line, "Bad argument `x'\nError occurred at line: 12\n");
+    tools_.refuse("v4 test", line, "Bad argument `x'\nError occurred at line: 10\n");
     EXPECT_FALSE(apply());
     EXPECT_THAT(errors(),
                 ElementsAre("fwBatch: /sbin/iptables-restore refused \"-t man?gle " + start +
@@ -481,7 +510,7 @@ TEST_F(ApplyTest, SecondTableIsTestedAndSaved) {
 TEST_F(ApplyTest, SecondTableRefusedInTheTest) {
     addSecondTable("v6");
     tools_.refuse("v6 test", "-A INPUT -i eth0 -j ACCEPT",
-                  "Bad argument `x'\nError occurred at line: 12\n");
+                  "Bad argument `x'\nError occurred at line: 10\n");
     EXPECT_FALSE(apply());
     EXPECT_THAT(tools_.committed(), IsEmpty());
     EXPECT_THAT(errors(), ElementsAre("fwBatch: /sbin/ip6tables-restore refused \"-t mangle -A "
@@ -514,18 +543,6 @@ TEST_F(ApplyTest, SecondTableOfIpv6RefusedPutsBackBothFamilies) {
 constexpr char kMended[] =
     "-D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
     "-P INPUT ACCEPT\n-P FORWARD ACCEPT\n";
-
-// A save of the table with that many rules of interrupted reloads.
-std::string savedWith(int reloads, const std::string& policies = ":INPUT DROP [0:0]\n") {
-    std::string saved = "*filter\n" + policies +
-                        ":FIREWALL_RELOADING - [0:0]\n:FORWARD_FIREWALL - [0:0]\n"
-                        ":INPUT_FIREWALL - [0:0]\n";
-    for (int i = 0; i < reloads; ++i) {
-        saved += "[4:5] ";
-        saved += kReloadingRule;
-    }
-    return saved + "COMMIT\n";
-}
 
 TEST_F(ApplyTest, InterruptedReloadIsMendedInTheSameTransaction) {
     tools_.setSaved("v4", savedWith(1));
@@ -575,135 +592,17 @@ TEST_F(ApplyTest, RefusalPutsBackWhatWasMended) {
 
 // The sign must not go while the other family is closed without one.
 TEST_F(ApplyTest, OnlySignGoesLast) {
-    cmds_["v6"]["eth0"].append("-t filter -A INPUT_FIREWALL -i eth1 -j DROP");
     tools_.setSaved("v4", savedWith(1));
     EXPECT_TRUE(apply());
     EXPECT_THAT(tools_.committed(), ElementsAre("v6 commit", "v4 commit"));
 }
 
-// ---- So many lines that saving them would take longer than replacing them ----
-
-constexpr int kManyLines = 2700;
-
-class ApplyLargeTest : public ApplyTest {
-protected:
-    ApplyLargeTest() {
-        Json::Value& lines = cmds_["v6"]["eth0"];
-        for (int i = 0; i < kManyLines; ++i) {
-            const std::string line = "-A INPUT_FIREWALL -m comment --comment " +
-                                     std::string(60, 'c') + std::to_string(i) + " -j DROP";
-            lines.append("-t filter " + line);
-            largeText_ += line + "\n";
-        }
-        largeText_ = text(largeText_);
-    }
-
-    static constexpr char kKilled[] =
-        "fwBatch: Failed to run /sbin/ip6tables-restore: status 137; trying again";
-
-    std::string largeText_;
-};
-
-TEST_F(ApplyLargeTest, LongerFamilyIsNotSaved) {
-    EXPECT_TRUE(apply());
-    EXPECT_THAT(tools_.runs(), ElementsAre(run("v4 commit", text()), run("v6 commit", largeText_)));
-    EXPECT_THAT(tools_.started(), ElementsAre("ip6tables --list-rules FIREWALL_RELOADING",
-                                              "ip6tables-restore --noflush --wait 30 --verbose",
-                                              "iptables-restore --noflush --wait 30 --verbose",
-                                              "iptables-save --counters --table filter"));
-    EXPECT_THAT(platform_.log(), IsEmpty());
-}
-
-TEST_F(ApplyLargeTest, RefusedPutsBackTheFirst) {
-    tools_.refuse("v6 commit", "COMMIT", "six\n");
-    EXPECT_FALSE(apply());
-    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v4 put back"));
-    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: six"));
-}
-
-// It may have been committed or not: its text replaces whatever there is.
-TEST_F(ApplyLargeTest, KilledAtItsCommitIsCommittedAgain) {
-    tools_.kill("v6 commit", "COMMIT", /*times=*/1);
-    EXPECT_TRUE(apply());
-    EXPECT_THAT(tools_.runs(), ElementsAre(run("v4 commit", text()), run("v6 commit", largeText_),
-                                           run("v6 commit", largeText_)));
-    EXPECT_THAT(errors(), ElementsAre(kKilled));
-}
-
-TEST_F(ApplyLargeTest, KilledAtItsCommitWhileTheCallerIgnoresItsChildren) {
-    tools_.kill("v6 commit", "COMMIT", /*times=*/1);
-    const auto before = std::signal(SIGCHLD, SIG_IGN);
-    const bool applied = apply();
-    (void)std::signal(SIGCHLD, before);
-    EXPECT_TRUE(applied);
-    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: it stopped "
-                                      "before the end of its input; trying again"));
-}
-
-TEST_F(ApplyLargeTest, KilledTwicePutsBackTheFirst) {
-    tools_.kill("v6 commit", "COMMIT");
-    EXPECT_FALSE(apply());
-    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v4 put back"));
-    EXPECT_THAT(errors(), ElementsAre(kKilled,
-                                      "fwBatch: Failed to run /sbin/ip6tables-restore: "
-                                      "status 137"));
-}
-
-// What is appended to a chain that the text does not flush would be there twice.
-TEST_F(ApplyLargeTest, LinesOfOtherChainsTakeASave) {
-    cmds_["v6"]["eth0"].append("-A INPUT -i eth0 -j ACCEPT");
-    tools_.kill("v6 commit", "COMMIT");
-    EXPECT_FALSE(apply());
-    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back", "v4 put back"));
-    EXPECT_THAT(errors(),
-                ElementsAre("fwBatch: Failed to run /sbin/ip6tables-restore: status 137"));
-}
-
-// So would the mending fail that is done.
-TEST_F(ApplyLargeTest, MendingTakesASave) {
+TEST_F(ApplyTest, KilledWhileMendingPutsBackBothFamilies) {
     tools_.setSaved("v4", savedWith(1));
     tools_.setSaved("v6", savedWith(1));
     tools_.kill("v6 commit", "COMMIT");
     EXPECT_FALSE(apply());
     EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back", "v4 put back"));
-}
-
-TEST_F(ApplyLargeTest, MendingWithoutASaveCommitsNothing) {
-    tools_.setSaved("v4", savedWith(1));
-    tools_.setSaved("v6", "*filter\n");
-    EXPECT_FALSE(apply());
-    EXPECT_THAT(tools_.committed(), IsEmpty());
-    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-save: it stopped "
-                                      "before the end of the table"));
-}
-
-TEST_F(ApplyLargeTest, SignInItIsFound) {
-    tools_.setSaved("v6", savedWith(1));
-    EXPECT_TRUE(apply());
-    ASSERT_EQ(tools_.runs().size(), 2U);
-    EXPECT_EQ(tools_.runs().front(), run("v4 commit", text(kOpened)));
-}
-
-TEST_F(ApplyLargeTest, WithoutTheReloadingChainNothingWasInterrupted) {
-    tools_.failToList("v6", 1, "ip6tables: No chain/target/match by that name.\n");
-    EXPECT_TRUE(apply());
-    EXPECT_THAT(errors(), IsEmpty());
-}
-
-TEST_F(ApplyLargeTest, WhatCannotBeListedIsNotReplaced) {
-    tools_.failToList("v6", 1, "ip6tables: chain is incompatible\n");
-    EXPECT_FALSE(apply());
-    EXPECT_THAT(tools_.committed(), IsEmpty());
-    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables: ip6tables: chain is "
-                                      "incompatible"));
-}
-
-TEST_F(ApplyLargeTest, WithoutTheToolThatListsNothingIsCommitted) {
-    tools_.remove("/sbin/ip6tables");
-    EXPECT_FALSE(apply());
-    EXPECT_THAT(tools_.committed(), IsEmpty());
-    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables: No such file or "
-                                      "directory"));
 }
 
 }  // namespace

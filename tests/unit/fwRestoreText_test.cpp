@@ -92,12 +92,12 @@ std::string described(const RestoreLine& line) {
     return line.table + "|" + line.adapter + "|" + line.command;
 }
 
-TEST(RestoreLineTest, NumbersAreThoseOfTheTextWithItsFiller) {
+TEST(RestoreLineTest, NumbersAreThoseOfTheTextWithItsMark) {
     Json::Value family;
     family["eth0"].append("-A X -i eth0");
     family["eth0"].append("-t nat -A Y -o eth0");
     family["global"].append("-A X -i lo");
-    RestoreText text;
+    RestoreText text(20000);
     RestoreLine fault;
     ASSERT_TRUE(text.make(family, fault));
     text.append("-P INPUT ACCEPT\n");
@@ -109,10 +109,9 @@ TEST(RestoreLineTest, NumbersAreThoseOfTheTextWithItsFiller) {
         "filter|global|-F FORWARD_FIREWALL",
         "filter|global|-A X -i lo",
         "filter|eth0|-A X -i eth0",
-        "filter||" + std::string(8191, '#'),
-        "filter||" + std::string(8191, '#'),
-        "filter||" + std::string(8191, '#'),
-        "filter||" + std::string(8191, '#'),
+        "filter||# examined",
+        "filter||" + std::string(10237, '#'),
+        "filter||" + std::string(10237, '#'),
         "filter||-P INPUT ACCEPT",
         "filter||COMMIT",
         "nat|eth0|*nat",
@@ -123,26 +122,28 @@ TEST(RestoreLineTest, NumbersAreThoseOfTheTextWithItsFiller) {
     for (std::size_t number = 0; number < std::size(expected); ++number) {
         EXPECT_EQ(described(text.lineAt(number)), expected[number]) << number;
     }
-    EXPECT_EQ(text.head() + RestoreText::filler() + text.tail(),
+    EXPECT_EQ(text.mark(),
+              "# examined\n" + std::string(10237, '#') + "\n" + std::string(10237, '#') + "\n");
+    EXPECT_EQ(text.whole(),
               "*filter\n-F INPUT_FIREWALL\n-F FORWARD_FIREWALL\n-A X -i lo\n-A X -i eth0\n" +
-                  RestoreText::filler() + "-P INPUT ACCEPT\nCOMMIT\n*nat\n-A Y -o eth0\nCOMMIT\n");
+                  text.mark() + "-P INPUT ACCEPT\nCOMMIT\n*nat\n-A Y -o eth0\nCOMMIT\n");
 }
 
 TEST(RestoreLineTest, NumberedTextTellsHowFarAToolCame) {
     Json::Value family;
     family["eth0"].append("-A X -i eth0");
     family["eth0"].append("-t nat -A Y -o eth0");
-    RestoreText text;
+    RestoreText text(8192);
     RestoreLine fault;
     ASSERT_TRUE(text.make(family, fault));
     const std::string numbered = text.numbered();
     EXPECT_EQ(numbered,
               "# line 1\n*filter\n# line 2\n-F INPUT_FIREWALL\n# line 3\n-F FORWARD_FIREWALL\n"
-              "# line 4\n-A X -i eth0\n# line 9\nCOMMIT\n"
-              "# line 10\n*nat\n# line 11\n-A Y -o eth0\n# line 12\nCOMMIT\n");
-    EXPECT_EQ(described(text.lineAt(11)), "nat|eth0|-A Y -o eth0");
+              "# line 4\n-A X -i eth0\n# line 7\nCOMMIT\n"
+              "# line 8\n*nat\n# line 9\n-A Y -o eth0\n# line 10\nCOMMIT\n");
+    EXPECT_EQ(described(text.lineAt(9)), "nat|eth0|-A Y -o eth0");
 
-    EXPECT_EQ(FW::numberReached(numbered), 12U);
+    EXPECT_EQ(FW::numberReached(numbered), 10U);
     EXPECT_EQ(FW::numberReached("Usage\n# line 3\n# line 4\nUsage: # line 9\n"), 4U);
     EXPECT_EQ(FW::numberReached("Usage\n"), 0U);
 }

@@ -33,15 +33,6 @@ ToolResult resultOf(const std::string& script, const std::string& input = "") {
     return ToolRun(shell(script), input).finish();
 }
 
-// Lines that a shell's "read" is waited for with.
-std::string filler() {
-    std::string text;
-    for (int i = 0; i < 4; ++i) {
-        text += std::string(8191, '#') + "\n";
-    }
-    return text;
-}
-
 TEST(ToolRunTest, OutputErrorsAndStatusAreKept) {
     const ToolResult result = resultOf("echo out; echo err >&2; exit 3");
     EXPECT_EQ(result.status, 3);
@@ -71,7 +62,7 @@ TEST(ToolRunTest, ProgramThatDoesNotExist) {
     EXPECT_EQ(result.errors, "No such file or directory");
     ToolRun fed({"/nowhere/tool"});
     fed.feed("line\n");
-    EXPECT_FALSE(fed.awaitReading(filler()));
+    EXPECT_FALSE(fed.awaitOutput("done\n"));
     EXPECT_EQ(fed.finish().status, 127);
 }
 
@@ -157,17 +148,24 @@ TEST(ToolRunTest, FeedingDoesNotWaitForTheProgram) {
 }
 
 TEST(ToolRunTest, AwaitingReturnsWhenWhatWasFedIsDone) {
-    ToolRun run(shell("read -r line; : >/tmp/$line; while read -r line; do :; done"));
+    ToolRun run(shell("read -r line; : >/tmp/$line; echo done; cat"));
     run.feed("is_done\n");
-    EXPECT_TRUE(run.awaitReading(filler()));
+    EXPECT_TRUE(run.awaitOutput("done\n"));
     EXPECT_EQ(access("/tmp/is_done", F_OK), 0);
+    EXPECT_EQ(run.finish().status, 0);
+}
+
+TEST(ToolRunTest, ProgramThatBuffersItsOutputPrintsWhenItHasMoreThanThat) {
+    ToolRun run({"/bin/sed", "--quiet", "p"});
+    run.feed("done\n" + std::string(ToolRun::outputBufferBytes(), '#') + "\n");
+    EXPECT_TRUE(run.awaitOutput("done\n"));
     EXPECT_EQ(run.finish().status, 0);
 }
 
 TEST(ToolRunTest, AwaitingTellsThatTheProgramHasEnded) {
     ToolRun run(shell("read -r line; exit 2"));
     run.feed("line\n");
-    EXPECT_FALSE(run.awaitReading(filler()));
+    EXPECT_FALSE(run.awaitOutput("done\n"));
     run.feed("more\n");  // no signal for the caller
     EXPECT_EQ(run.finish().status, 2);
 }

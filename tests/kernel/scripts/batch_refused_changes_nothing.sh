@@ -3,7 +3,7 @@
 # with one line in the log that names it.
 readonly kLines=40
 
-# The family with the shorter text is committed first.
+# Addresses of IPv6 that make its text shorter than that of IPv4, and longer.
 readonly kShortIpv6=fd00:: kLongIpv6=fd00::a:b:
 ipv6=$kShortIpv6
 count=$kLines
