@@ -20,8 +20,10 @@ void enableFirewall(StoreSession& session);
 void disableFirewall(StoreSession& session);
 
 /// Applies the active profile, and returns true. While the firewall is disabled it does nothing and
-/// returns false. Throws Error: kSystem without the base filter, with nothing changed; kRefused,
-/// with what is in force now, when the rules could not be applied.
+/// returns false. The profile is not checked: in the apply mode "lines" the library leaves out what
+/// the kernel does not take, see requireValidProfile(). Throws Error: kSystem without the base
+/// filter, with nothing changed; kRefused, with what is in force now, when the rules could not be
+/// applied.
 bool applyActiveProfile(StoreSession& session);
 
 /// What is in force after rules could not be applied: "the firewall is off now".

@@ -49,6 +49,7 @@ int tarnfwadmin_enable(char* reason, size_t size);
 int tarnfwadmin_disable(char* reason, size_t size);
 
 /* Applies the active profile. While the firewall is disabled it succeeds, does nothing and says so.
+ * The profile is not checked: in the apply mode "lines" what the kernel does not take is left out.
  * After TARNFWADMIN_REFUSED `reason` says what is in force; after every other failure nothing has
  * changed. A process that is killed meanwhile may leave the machine closed to new connections. */
 int tarnfwadmin_reload(char* reason, size_t size);

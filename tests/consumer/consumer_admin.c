@@ -64,17 +64,24 @@ static void without_base(void) {
     EXPECT(reload(), TARNFWADMIN_OK, "the firewall is disabled");
 }
 
-/* Makes the profile invalid. */
+/* Makes rule 1 of the profile, "allow tcp 22 from 10.0.0.0/8", invalid. */
 static void spoil(const char* file) {
-    FILE* const profile = fopen(file, "w");
-    if (profile == NULL ||
-        fputs("{\"name\": \"home\", \"rules\": {\"eth0\": [{\"portGroup\": 1, "
-              "\"protocol\": 0, \"portList\": [\"99999\"]}]}, "
-              "\"adapterPolicyMap\": {\"eth0\": 1}}",
-              profile) < 0 ||
-        fclose(profile) != 0) {
-        printf("    %s cannot be written\n", file);
+    char text[4096];
+    FILE* profile = fopen(file, "r+");
+    const size_t size = profile == NULL ? 0 : fread(text, 1, sizeof text - 1, profile);
+    char* port;
+    text[size] = '\0';
+    port = strstr(text, "\"22\"");
+    if (port == NULL) {
+        printf("    %s has no port 22\n", file);
         ++failures;
+    } else {
+        memcpy(port, "\"xx\"", 4);
+        rewind(profile);
+        (void)fwrite(text, 1, size, profile);
+    }
+    if (profile != NULL) {
+        (void)fclose(profile);
     }
 }
 
@@ -110,6 +117,10 @@ static void with_base(const char* file) {
     spoil(file);
     EXPECT(add_rule("home", "eth0", "allow any"), TARNFWADMIN_INVALID, "profile \"home\": ");
     EXPECT(enable(), TARNFWADMIN_INVALID, "profile \"home\": ");
+    (void)remove(file);
+    EXPECT(reload(), TARNFWADMIN_REFUSED, "the active profile was not applied: ");
+    EXPECT(enable(), TARNFWADMIN_NOT_FOUND, "there are no profiles");
+    EXPECT(decide("10.0.0.5", "tcp/22", "eth0"), -TARNFWADMIN_NOT_FOUND, "there are no profiles");
     EXPECT(disable(), TARNFWADMIN_OK, "the firewall is disabled");
     EXPECT(disable(), TARNFWADMIN_OK, "the firewall is disabled");
     EXPECT(decide("10.0.0.5", "tcp/22", "eth0"), 1, "the firewall is disabled");

@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tarnfwadmin/error.h"
+
 namespace {
 
 using FW::FW_POLICY;
@@ -481,6 +483,34 @@ TEST(DecisionReasonTest, NamesTheRuleOrThePolicy) {
               Texts{"packets of the machine to itself are always let through"});
     EXPECT_EQ(reasons(established(kPacket)),
               Texts{"packets of established connections are let through"});
+}
+
+// ---- A packet from words ----
+
+TEST(PacketFromTest, ReadsAddressPortAndInterface) {
+    const Packet packet = tarnfw::packetFrom("2001:db8::5", "udp/6000-6010", "eth0");
+    EXPECT_EQ(packet.adapters, Texts{"eth0"});
+    EXPECT_EQ(spelled(packet.source), "2001:db8::5");
+    EXPECT_EQ(packet.protocol, FW::FW_PORT_PROTOCOL_UDP);
+    EXPECT_EQ(packet.ports.first, 6000);
+    EXPECT_EQ(packet.ports.last, 6010);
+    EXPECT_EQ(tarnfw::packetFrom("10.0.0.5", "tcp/22", "eth0").protocol, kTcp);
+}
+
+TEST(PacketFromTest, OtherTextsAreInvalid) {
+    const auto kindOf = [](const char* address, const char* port) {
+        try {
+            (void)tarnfw::packetFrom(address, port, "eth0");
+        } catch (const tarnfw::Error& error) {
+            return error.kind() == tarnfw::ErrorKind::kInvalid ? "invalid" : "another kind";
+        }
+        return "valid";
+    };
+    EXPECT_STREQ(kindOf("10.0.0.5", "tcp/22"), "valid");
+    EXPECT_STREQ(kindOf("10.0.0", "tcp/22"), "invalid");
+    for (const char* const port : {"", "22", "tcp", "tcp/", "icmp/22", "tcp/65536", "tcp/23-22"}) {
+        EXPECT_STREQ(kindOf("10.0.0.5", port), "invalid") << port;
+    }
 }
 
 }  // namespace
