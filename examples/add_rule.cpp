@@ -9,6 +9,7 @@
 #include <tarnfwadmin/storeSession.h>
 #include <tarnfwadmin/vocabulary.h>
 
+#include <exception>
 #include <iostream>
 
 namespace {
@@ -36,8 +37,8 @@ int main(int argc, char* argv[]) {
     try {
         addAndApply(argv[1], argv[2]);
         return 0;
-    } catch (const tarnfw::Error& error) {
-        std::cerr << "add_rule: " << error.what() << '\n';
+    } catch (const std::exception& error) {
+        std::cerr << "add_rule: " << tarnfw::reasonOf(error) << '\n';
         return 1;
     }
 }

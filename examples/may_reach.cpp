@@ -4,6 +4,7 @@
 //
 // Exit status: 0 it may, 1 it may not, 2 the question could not be answered.
 #include <tarnfwadmin/decision.h>
+#include <tarnfwadmin/error.h>
 #include <tarnfwadmin/storeSession.h>
 
 #include <exception>
@@ -39,7 +40,7 @@ int main(int argc, char* argv[]) {
     try {
         return mayReach(argv[1], argv[2], argv[3]) ? 0 : 1;
     } catch (const std::exception& error) {
-        std::cerr << "may_reach: " << error.what() << '\n';
+        std::cerr << "may_reach: " << tarnfw::reasonOf(error) << '\n';
         return 2;
     }
 }
