@@ -2,32 +2,25 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 namespace FW {
 namespace {
 
-constexpr int kFirstOwnDescriptor = 3;  // behind the three standard ones
-constexpr int kNotStarted = 127;        // as a shell has it
-
-// Whatever the caller's environment says, which may come from anybody.
-constexpr char kPath[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
-constexpr char kLocale[] = "LC_ALL=C";
+constexpr int kNotStarted = 127;  // as a shell has it
 
 // A file that nobody else locks: the program's own output.
 constexpr char kOwnLockFile[] = "XTABLES_LOCKFILE=/proc/self/fd/1";
@@ -45,24 +38,10 @@ void check(int error) {
     }
 }
 
-/// The same file behind the standard descriptors. The caller's process may have closed some of
-/// those, and in the new process they are replaced.
-Descriptor aboveStandard(Descriptor made) {
-    if (!made) {
-        check(errno);
-    }
-    if (made.get() >= kFirstOwnDescriptor) {
-        return made;
-    }
-    Descriptor moved(fcntl(made.get(), F_DUPFD_CLOEXEC, kFirstOwnDescriptor));
-    if (!moved) {
-        check(errno);
-    }
-    return moved;
-}
-
 Descriptor memoryFile(const char* name) {
-    return aboveStandard(Descriptor(memfd_create(name, MFD_CLOEXEC)));
+    const Descriptor file(memfd_create(name, MFD_CLOEXEC));
+    check(file ? 0 : errno);
+    return aboveStandard(file.get());
 }
 
 /// A file in memory that holds `text`, to be read from its beginning.
@@ -103,60 +82,7 @@ std::string contentOf(const Descriptor& file) {
     return content;
 }
 
-class FileActions {
-public:
-    FileActions() { check(posix_spawn_file_actions_init(&actions_)); }
-    ~FileActions() { (void)posix_spawn_file_actions_destroy(&actions_); }
-    FileActions(const FileActions&) = delete;
-    FileActions& operator=(const FileActions&) = delete;
-
-    void duplicate(const Descriptor& from, int to) {
-        check(posix_spawn_file_actions_adddup2(&actions_, from.get(), to));
-    }
-    void closeFrom(int fd) { check(posix_spawn_file_actions_addclosefrom_np(&actions_, fd)); }
-    const posix_spawn_file_actions_t* get() const { return &actions_; }
-
-private:
-    posix_spawn_file_actions_t actions_;
-};
-
-/// No signal is blocked, and none is ignored or handled.
-class PlainSignals {
-public:
-    PlainSignals() {
-        sigset_t none;
-        sigset_t all;
-        sigemptyset(&none);
-        sigfillset(&all);
-        check(posix_spawnattr_init(&attributes_));
-        // These fail for flags that do not exist only.
-        (void)posix_spawnattr_setsigmask(&attributes_, &none);
-        (void)posix_spawnattr_setsigdefault(&attributes_, &all);
-        (void)posix_spawnattr_setflags(&attributes_,
-                                       POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    }
-    ~PlainSignals() { (void)posix_spawnattr_destroy(&attributes_); }
-    PlainSignals(const PlainSignals&) = delete;
-    PlainSignals& operator=(const PlainSignals&) = delete;
-
-    const posix_spawnattr_t* get() const { return &attributes_; }
-
-private:
-    posix_spawnattr_t attributes_;
-};
-
-// The interface's type; the texts are never written to.
-char* spawnText(const char* text) {
-    return const_cast<char*>(text);
-}
-
 }  // namespace
-
-Descriptor::~Descriptor() {
-    if (fd_ >= 0) {
-        (void)close(fd_);
-    }
-}
 
 XtablesLock::XtablesLock()
     : file_(open(kXtablesLockPath, O_RDONLY | O_CREAT | O_CLOEXEC, kXtablesLockMode)) {
@@ -185,7 +111,7 @@ XtablesLock::~XtablesLock() {
 
 ToolRun::ToolRun(const std::vector<std::string>& arguments, const std::string& input) {
     try {
-        start(arguments, memoryFileOf(input));
+        start(arguments, memoryFileOf(input).get());
     } catch (const std::system_error& error) {
         startError_ = error.code().value();
     }
@@ -198,10 +124,10 @@ ToolRun::ToolRun(const std::vector<std::string>& arguments) {
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
             check(errno);
         }
-        Descriptor first(ends[0]);
-        Descriptor second(ends[1]);
-        input_ = aboveStandard(std::move(first));
-        start(arguments, aboveStandard(std::move(second)));
+        const Descriptor own(ends[0]);
+        const Descriptor other(ends[1]);
+        input_ = aboveStandard(own.get());
+        start(arguments, other.get());
     } catch (const std::system_error& error) {
         startError_ = error.code().value();
     }
@@ -273,41 +199,28 @@ ToolResult ToolRun::finish() {
     return result;
 }
 
-void ToolRun::start(const std::vector<std::string>& arguments, const Descriptor& input) {
+void ToolRun::start(const std::vector<std::string>& arguments, int input) {
     output_ = memoryFile("output");
     errors_ = memoryFile("errors");
-    FileActions actions;
-    actions.duplicate(input, STDIN_FILENO);
-    actions.duplicate(output_, STDOUT_FILENO);
-    actions.duplicate(errors_, STDERR_FILENO);
-    actions.closeFrom(kFirstOwnDescriptor);
-
-    std::vector<char*> argv;
+    std::vector<const char*> argv;
     argv.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments) {
-        argv.push_back(spawnText(argument.c_str()));
+        argv.push_back(argument.c_str());
     }
     argv.push_back(nullptr);
-    char* const environment[] = {spawnText(kPath), spawnText(kLocale), spawnText(kOwnLockFile),
-                                 nullptr};
-    const PlainSignals signals;
-    check(posix_spawn(&pid_, argv[0], actions.get(), signals.get(), argv.data(), environment));
+    Program program;
+    program.path = argv[0];
+    program.argv = argv.data();
+    program.environment = {kOwnLockFile};
+    program.input = input;
+    program.output = output_.get();
+    program.errors = errors_.get();
+    check(startProgram(program, pid_));
 }
 
 std::optional<int> ToolRun::wait() {
-    if (pid_ < 0) {
-        return std::nullopt;
-    }
-    int status = 0;
-    pid_t ended = -1;
-    do {
-        ended = waitpid(pid_, &status, 0);
-    } while (ended < 0 && errno == EINTR);
-    pid_ = -1;
-    if (ended < 0) {
-        return std::nullopt;
-    }
-    return WIFSIGNALED(status) ? ToolResult::kSignalBase + WTERMSIG(status) : WEXITSTATUS(status);
+    const pid_t pid = std::exchange(pid_, -1);
+    return pid < 0 ? std::nullopt : waitForProgram(pid);
 }
 
 }  // namespace FW

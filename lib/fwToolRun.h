@@ -5,28 +5,11 @@
 
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "fwSpawn.h"
+
 namespace FW {
-
-/// Owns a file descriptor.
-class Descriptor {
-public:
-    explicit Descriptor(int fd = -1) noexcept : fd_(fd) {}
-    Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    ~Descriptor();
-
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-
-private:
-    int fd_;
-};
 
 /// The lock that the programs of iptables' legacy variant hold while they change a table, held from
 /// construction to destruction. Where this library runs several of them, the lock has to span all:
@@ -48,9 +31,7 @@ private:
 
 /// What a run left.
 struct ToolResult {
-    static constexpr int kSignalBase = 128;
-
-    /// The exit status, kSignalBase + n after signal n. Empty where the caller's process ignores
+    /// The exit status, as waitForProgram() returns it. Empty where the caller's process ignores
     /// the ends of its children or another part of it has collected this one: the output has to
     /// tell then.
     std::optional<int> status;
@@ -93,7 +74,7 @@ public:
     ToolResult finish();
 
 private:
-    void start(const std::vector<std::string>& arguments, const Descriptor& input);
+    void start(const std::vector<std::string>& arguments, int input);
     std::optional<int> wait();
 
     pid_t pid_ = -1;

@@ -1,15 +1,12 @@
-/// What the platform's functions have in common: how a failure is reported, how an exception is
-/// kept inside, and a guard for descriptors.
+/// What the platform's functions have in common: how a failure is reported and how an exception is
+/// kept inside.
 #pragma once
-
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <exception>
 #include <new>
-#include <utility>
 
+#include "fwSpawn.h"
 #include "hostLog.h"
 #include "tarncore.h"
 
@@ -38,31 +35,7 @@ Result guarded(const char* source, int line, Result onException, Work work) noex
     return onException;
 }
 
-/// Owns a file descriptor.
-class Descriptor {
-public:
-    explicit Descriptor(int fd = -1) noexcept : fd_(fd) {}
-    Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    /// Leaves errno alone, so that a failure found before can still be reported.
-    ~Descriptor() {
-        if (fd_ >= 0) {
-            const int error = errno;
-            (void)close(fd_);
-            errno = error;
-        }
-    }
-
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    int release() { return std::exchange(fd_, -1); }
-
-private:
-    int fd_;
-};
+using FW::Descriptor;
 
 }  // namespace host
 

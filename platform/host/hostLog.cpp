@@ -17,4 +17,18 @@ void logLine(int priority, const char* source, int line, const char* format, ...
     syslog(priority, "%s:%d %s", source, line, message);
 }
 
+std::string commandLine(const char* const* argv) {
+    std::string line;
+    for (std::size_t i = 0; argv[i] != nullptr; ++i) {
+        if (i > 0) {
+            line += ' ';
+        }
+        for (const char* c = argv[i]; *c != '\0'; ++c) {
+            const auto byte = static_cast<unsigned char>(*c);
+            line += byte < 0x20 || byte == 0x7f ? '?' : *c;
+        }
+    }
+    return line;
+}
+
 }  // namespace host

@@ -6,6 +6,8 @@
 
 #include <syslog.h>
 
+#include <string>
+
 namespace host {
 
 /// The error code of an argument that no call may have; other codes are values of errno.
@@ -15,6 +17,9 @@ constexpr int kErrorBadParameter = 0x0D00;
 /// printf's.
 void logLine(int priority, const char* source, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
+
+/// The arguments of a program joined by blanks, for a message. Control characters become "?".
+std::string commandLine(const char* const* argv);
 
 }  // namespace host
 

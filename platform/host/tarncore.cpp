@@ -20,10 +20,10 @@
 #include <utility>
 #include <vector>
 
+#include "fwSpawn.h"
 #include "hostCall.h"
 #include "hostFile.h"
 #include "hostKeyValue.h"
-#include "hostSpawn.h"
 
 namespace {
 
@@ -144,9 +144,9 @@ private:
 };
 
 // Starts a program, or logs why not.
-bool start(const host::Program& program, RunningProgram& running) {
+bool start(const FW::Program& program, RunningProgram& running) {
     running.line = host::commandLine(program.argv);
-    if (const int error = host::startProgram(program, running.pid)) {
+    if (const int error = FW::startProgram(program, running.pid)) {
         HOST_LOG_ERR("Cannot run %s: %s", program.path, strerror(error));
         HOST_FAIL(error);
         return false;
@@ -157,7 +157,7 @@ bool start(const host::Program& program, RunningProgram& running) {
 // Waits for a program and logs any status but 0, which callers do not look at. A lost status counts
 // as 0, since -1 is for programs that never ran.
 int finish(const RunningProgram& running) {
-    const auto status = host::waitForProgram(running.pid);
+    const auto status = FW::waitForProgram(running.pid);
     if (!status) {
         HOST_LOG_WARNING("The exit status of \"%s\" is lost", running.line.c_str());
         return 0;
@@ -184,7 +184,7 @@ FILE* openProgram(const std::vector<const char*>& argv) {
     (void)readEnd.release();  // the stream's own from here on
 
     StreamTable::Programs entry;
-    host::Program program;
+    FW::Program program;
     program.path = argv[0];
     program.argv = argv.data();
     program.output = writeEnd.get();
@@ -202,7 +202,7 @@ int TLIBCExecv(const char* path, const char* const argv[], int /*flag*/) {
         if (path == nullptr || argv == nullptr || argv[0] == nullptr) {
             return HOST_FAIL(host::kErrorBadParameter);
         }
-        host::Program program;
+        FW::Program program;
         program.path = path;
         program.argv = argv;
         RunningProgram running;

@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
+#include "fwSpawn.h"
 #include "hostCall.h"
 #include "hostFile.h"
-#include "hostSpawn.h"
 
 namespace {
 
@@ -238,7 +238,7 @@ bool isArgumentName(const std::string& key) {
         !std::all_of(key.begin(), key.end(), isNamePart)) {
         return false;
     }
-    return std::none_of(std::begin(host::kFixedEnvironment), std::end(host::kFixedEnvironment),
+    return std::none_of(std::begin(FW::kFixedEnvironment), std::end(FW::kFixedEnvironment),
                         [&](const std::string& variable) { return variable.find(key + '=') == 0; });
 }
 
@@ -358,7 +358,7 @@ Verdict openHook(int directory, const std::string& name, const std::string& path
 bool runHook(const host::Descriptor& file, const std::string& path, const char* when,
              const HookContext& context) {
     const char* const argv[] = {path.c_str(), when, nullptr};
-    host::Program program;
+    FW::Program program;
     program.path = path.c_str();
     program.argv = argv;
     program.file = file.get();  // the very file that was checked, whatever bears its name by now
@@ -367,12 +367,12 @@ bool runHook(const host::Descriptor& file, const std::string& path, const char* 
         variable.append("=").append(value);
     }
     pid_t pid = -1;
-    if (const int error = host::startProgram(program, pid)) {
+    if (const int error = FW::startProgram(program, pid)) {
         HOST_LOG_ERR("Cannot run hook %s: %s", path.c_str(), strerror(error));
         HOST_FAIL(error);
         return false;
     }
-    const auto status = host::waitForProgram(pid);
+    const auto status = FW::waitForProgram(pid);
     if (!status) {
         HOST_LOG_WARNING("The exit status of hook \"%s %s\" is lost", path.c_str(), when);
         return true;

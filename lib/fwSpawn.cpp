@@ -1,24 +1,18 @@
-#include "hostSpawn.h"
+#include "fwSpawn.h"
 
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <iterator>
 #include <system_error>
 
-#include "hostCall.h"
-
-namespace host {
-
-const char* const kFixedEnvironment[2] = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C"};
-
+namespace FW {
 namespace {
 
-constexpr int kFirstOwnDescriptor = 3;  // behind the three standard ones
-constexpr int kSignalExitBase = 128;
+constexpr int kFirstOwnDescriptor = 3;  // after the three standard ones
 
 // The descriptor at which a program finds its own file, and the path that runs it. /proc/self is
 // the new process by the time the path is used.
@@ -29,16 +23,6 @@ void check(int error) {
     if (error != 0) {
         throw std::system_error(error, std::generic_category());
     }
-}
-
-// A duplicate behind the standard descriptors, where the new process still has it after those were
-// replaced. Needed when the caller runs with some of them closed.
-Descriptor aboveStandard(int fd) {
-    Descriptor duplicate(fcntl(fd, F_DUPFD_CLOEXEC, kFirstOwnDescriptor));
-    if (!duplicate) {
-        check(errno);
-    }
-    return duplicate;
 }
 
 // Whether a new process would find the standard descriptor `fd` open. A daemon may have closed its
@@ -109,20 +93,37 @@ std::vector<char*> pointersTo(const std::vector<std::string>& environment) {
 
 }  // namespace
 
+Descriptor aboveStandard(int fd) {
+    Descriptor duplicate(fcntl(fd, F_DUPFD_CLOEXEC, kFirstOwnDescriptor));
+    if (!duplicate) {
+        check(errno);
+    }
+    return duplicate;
+}
+
 int startProgram(const Program& program, pid_t& pid) try {
+    struct Standard {
+        int wanted;
+        int fd;
+        int nullMode;
+    };
+    const Standard standard[] = {
+        {program.input, STDIN_FILENO, O_RDONLY},
+        {program.output, STDOUT_FILENO, O_WRONLY},
+        {program.errors, STDERR_FILENO, O_WRONLY},
+    };
     FileActions actions;
-    Descriptor output;
+    Descriptor held[std::size(standard)];
     Descriptor file;
     const char* path = program.path;
 
-    actions.openNull(STDIN_FILENO, O_RDONLY);
-    if (program.output >= 0) {
-        output = aboveStandard(program.output);
-        actions.duplicate(output.get(), STDOUT_FILENO);
-    }
-    for (const int fd : {STDOUT_FILENO, STDERR_FILENO}) {
-        if (!isInherited(fd) && !(fd == STDOUT_FILENO && output)) {
-            actions.openNull(fd, O_WRONLY);
+    for (std::size_t i = 0; i < std::size(standard); ++i) {
+        const auto& [wanted, fd, nullMode] = standard[i];
+        if (wanted >= 0) {
+            held[i] = aboveStandard(wanted);
+            actions.duplicate(held[i].get(), fd);
+        } else if (fd == STDIN_FILENO || !isInherited(fd)) {
+            actions.openNull(fd, nullMode);
         }
     }
     if (program.file >= 0) {
@@ -154,18 +155,4 @@ std::optional<int> waitForProgram(pid_t pid) {
     return WIFSIGNALED(status) ? kSignalExitBase + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-std::string commandLine(const char* const* argv) {
-    std::string line;
-    for (std::size_t i = 0; argv[i] != nullptr; ++i) {
-        if (i > 0) {
-            line += ' ';
-        }
-        for (const char* c = argv[i]; *c != '\0'; ++c) {
-            const auto byte = static_cast<unsigned char>(*c);
-            line += byte < 0x20 || byte == 0x7f ? '?' : *c;
-        }
-    }
-    return line;
-}
-
-}  // namespace host
+}  // namespace FW
