@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <sstream>
+#include <map>
 
 namespace tarnfw {
 namespace {
@@ -82,33 +82,6 @@ private:
 };
 
 }  // namespace
-
-const std::vector<std::string>& RuleListing::rulesOf(const std::string& chain) const {
-    static const std::vector<std::string> none;
-    const auto found = chains.find(chain);
-    return found == chains.end() ? none : found->second;
-}
-
-RuleListing listingFrom(const std::string& text) {
-    RuleListing listing;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream words(line);
-        std::string kind;
-        std::string chain;
-        std::string policy;
-        words >> kind >> chain >> policy;
-        if (kind == "-P") {
-            listing.policies[chain] = policy;
-            listing.chains[chain];
-        } else if (kind == "-N") {
-            listing.chains[chain];
-        } else if (kind == "-A") {
-            listing.chains[chain].push_back(line);
-        }
-    }
-    return listing;
-}
 
 std::vector<RuleEdit> editsBetween(const std::vector<std::string>& wanted,
                                    const std::vector<std::string>& held) {

@@ -112,12 +112,4 @@ std::vector<TracedLine> tracedLines(const FW::FWPROFILE& profile, ApplyMode mode
     return tracer.lines();
 }
 
-std::string programOf(const std::string& family) {
-    return family == "v4" ? "/sbin/iptables" : "/sbin/ip6tables";
-}
-
-std::string titleOf(const std::string& family) {
-    return family == "v4" ? "IPv4" : "IPv6";
-}
-
 }  // namespace tarnfw

@@ -3,9 +3,12 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "tarnfwadmin/packetFilter.h"
 
 namespace tarnfw {
 
@@ -21,12 +24,12 @@ struct BaseParts {
 /// packets meet them.
 const BaseParts& wholeBase();
 
-/// The base filter of one address family. Reads the kernel anew at every call and changes it
-/// through the family's tool. Failures throw Error.
+/// The base filter of one address family. Lists the kernel's filter table once, with the first
+/// question, and again after a change. Failures throw Error, kSystem.
 class BaseFilter {
 public:
     /// `key` is "v4" or "v6".
-    explicit BaseFilter(std::string key);
+    explicit BaseFilter(std::string key) : key_(std::move(key)) {}
 
     const std::string& key() const { return key_; }
     std::string title() const;  ///< "IPv4" or "IPv6"
@@ -46,17 +49,17 @@ public:
     bool isClosed() const;
 
     /// Adds `parts`: chains, then jumps, at the head of their chain and FIREWALL_RELOADING's first.
-    void add(const BaseParts& parts) const;
+    void add(const BaseParts& parts);
 
     /// Takes away those of `parts` that are there: jumps, then chains with what is in them.
-    void remove(const BaseParts& parts) const;
+    void remove(const BaseParts& parts);
 
 private:
-    std::vector<std::string> rules() const;
-    void run(const std::vector<std::string>& arguments) const;
+    const RuleListing& listing() const;
+    void run(const std::vector<std::string>& arguments);
 
     std::string key_;
-    std::string tool_;
+    mutable std::optional<RuleListing> listing_;
 };
 
 inline constexpr char kWrongOrder[] =
@@ -65,7 +68,8 @@ inline constexpr char kWrongOrder[] =
 /// Both families, IPv4 first.
 std::vector<BaseFilter> baseFilters();
 
-/// Refuses to go on while chains or jumps are missing, saying which. The library does not look at
+/// Throws Error while chains or jumps are missing, saying which. Lists only the two chains that the
+/// jumps are in: a chain that is jumped to is there. The library does not look at
 /// the exit status of the commands it runs: the machine would pass for protected and let everybody
 /// in.
 void requireBase();

@@ -1,22 +1,10 @@
 /// Rules that should be in a packet filter against those that are.
 #pragma once
 
-#include <map>
 #include <string>
 #include <vector>
 
 namespace tarnfw {
-
-/// One table of a family, as "iptables -S" lists it.
-struct RuleListing {
-    std::map<std::string, std::string> policies;             ///< by built-in chain: "ACCEPT"
-    std::map<std::string, std::vector<std::string>> chains;  ///< "-A INPUT -j X", in order
-
-    bool has(const std::string& chain) const { return chains.count(chain) != 0; }
-    const std::vector<std::string>& rulesOf(const std::string& chain) const;
-};
-
-RuleListing listingFrom(const std::string& text);
 
 /// One line of a comparison.
 struct RuleEdit {

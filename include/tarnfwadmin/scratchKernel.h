@@ -3,48 +3,13 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
+#include "tarnfwadmin/packetFilter.h"
 #include "tarnfwadmin/translation.h"
 
 namespace tarnfw {
 
-/// How a program ended, and what it said.
-struct ProgramAnswer {
-    int status = 0;
-    std::string output;
-    std::string errors;
-};
-
-/// The packet filter of a network, through iptables and ip6tables.
-class PacketFilter {
-public:
-    virtual ~PacketFilter() = default;
-
-    /// Runs the tool of a family ("v4", "v6"). Throws Error when that cannot be done.
-    ProgramAnswer run(const std::string& family, const std::vector<std::string>& arguments) const;
-
-    /// Hands a text to the restoring tool of a family, which adds to what is there.
-    ProgramAnswer restore(const std::string& family, const std::string& text) const;
-
-protected:
-    PacketFilter() = default;
-
-private:
-    ProgramAnswer runProgram(const std::string& program, const std::vector<std::string>& arguments,
-                             int input) const;
-
-    /// Called between fork and exec; false when the program must not run.
-    virtual bool enter() const = 0;
-};
-
-/// That of this machine.
-class MachineKernel : public PacketFilter {
-private:
-    bool enter() const override { return true; }
-};
-
-/// That of a fresh namespace, with the base filter set up in both families.
+/// The packet filter of a fresh namespace, with the base filter set up in both families.
 class ScratchKernel : public PacketFilter {
 public:
     /// Throws Error where the system does not allow network namespaces.

@@ -28,10 +28,4 @@ bool commandsFor(const std::string& profile, ApplyMode mode, Json::Value& comman
 std::vector<TracedLine> tracedLines(const FW::FWPROFILE& profile,
                                     ApplyMode mode = ApplyMode::kLines);
 
-/// "/sbin/iptables" or "/sbin/ip6tables".
-std::string programOf(const std::string& family);
-
-/// "IPv4" or "IPv6".
-std::string titleOf(const std::string& family);
-
 }  // namespace tarnfw

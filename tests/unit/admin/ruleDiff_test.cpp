@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tarnfwadmin/packetFilter.h"
+
 namespace tarnfw {
 namespace {
 
@@ -85,7 +87,7 @@ TEST(MissingFrom, CountsAndIgnoresTheOrder) {
 }
 
 TEST(ListingFrom, KnowsPoliciesChainsAndRules) {
-    const RuleListing listing = listingFrom(
+    const RuleListing listing = RuleListing::from(
         "-P INPUT ACCEPT\n-P FORWARD DROP\n-N X\n-N EMPTY\n-A INPUT -j X\n"
         "-A X -i lo -j ACCEPT\n-A X -j DROP\n");
     EXPECT_THAT(listing.policies,

@@ -134,7 +134,7 @@ void writeFirstProfile(bool filtersIpv6) {
 
 // ---- Commands ----
 
-void setUp(const BaseFilter& filter) {
+void setUp(BaseFilter filter) {
     const BaseParts parts = filter.missing();
     if (!parts.empty()) {
         // Recorded first: an interrupted call leaves nothing that "base down" does not know.
@@ -173,7 +173,7 @@ void baseDown() {
                      "from now on\n";
     }
     Json::Value record = recordLoad();
-    for (const BaseFilter& filter : baseFilters()) {
+    for (BaseFilter filter : baseFilters()) {
         const BaseParts parts = recordedParts(record[filter.key()]);
         filter.remove(parts);
         record.removeMember(filter.key());

@@ -59,12 +59,15 @@ Place placeOf(const std::string& line) {
 
 RuleListing listingOf(const PacketFilter& filter, const std::string& family,
                       const std::string& table) {
-    const ProgramAnswer answer = filter.run(family, {"-t", table, "-S"});
-    if (answer.status != 0 && table == kFilter) {
-        throw Error(ErrorKind::kSystem,
-                    "the " + titleOf(family) + " rules of the kernel cannot be listed");
+    try {
+        return filter.list(family, table);
+    } catch (const Error&) {
+        if (table == kFilter) {
+            throw Error(ErrorKind::kSystem,
+                        "the " + titleOf(family) + " rules of the kernel cannot be listed");
+        }
+        return {};  // there is no such table
     }
-    return listingFrom(answer.output);  // nothing where there is no such table
 }
 
 /// The chains besides the firewall's own that a profile's rules are added to, by family.

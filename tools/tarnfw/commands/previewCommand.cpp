@@ -16,6 +16,7 @@
 #include "cli/output.h"
 #include "commands/commands.h"
 #include "commands/context.h"
+#include "tarnfwadmin/packetFilter.h"
 #include "tarnfwadmin/translation.h"
 
 namespace tarnfw {

@@ -75,19 +75,19 @@ std::vector<AdapterState> adapterStates(const FW::FWPROFILE& profile) {
     return states;
 }
 
-bool isClosed() {
-    const std::vector<BaseFilter> filters = baseFilters();
+bool isClosed(const std::vector<BaseFilter>& filters) {
     return std::any_of(filters.begin(), filters.end(),
                        [](const BaseFilter& filter) { return filter.isClosed(); });
 }
 
 /// Whether a reload has ended in its middle. One that is going on has not.
-bool wasInterrupted() {
+bool wasInterrupted(const std::vector<BaseFilter>& filters) {
     int lock = -1;
-    if (!isClosed() || TLIBCFileLockTimeByFile(kReloadLock, 1, 0, &lock) != 1) {
+    if (!isClosed(filters) || TLIBCFileLockTimeByFile(kReloadLock, 1, 0, &lock) != 1) {
         return false;
     }
-    const bool closed = isClosed();  // the reload may have ended before the lock was taken
+    const bool closed =
+        isClosed(baseFilters());  // the reload may have ended before the lock was taken
     (void)TLIBCFileUnlockByFile(lock);
     return closed;
 }
@@ -109,9 +109,9 @@ bool isNothingInForce(const std::string& active, const std::vector<FilterState>&
     });
 }
 
-std::vector<FilterState> filterStates() {
+std::vector<FilterState> filterStates(const std::vector<BaseFilter>& kernel) {
     std::vector<FilterState> states;
-    for (const BaseFilter& filter : baseFilters()) {
+    for (const BaseFilter& filter : kernel) {
         states.push_back({filter.key(), filter.title(), filter.missing(), filter.inOrder(),
                           filter.loadedRules()});
     }
@@ -215,10 +215,11 @@ void status(bool json) {
     const bool stored = store.hasProfile(active);
     const std::vector<AdapterState> adapters =
         stored ? adapterStates(store.profile(active)) : std::vector<AdapterState>();
-    const std::vector<FilterState> filters = filterStates();
+    const std::vector<BaseFilter> kernel = baseFilters();  // listed once
+    const std::vector<FilterState> filters = filterStates(kernel);
     const bool modules = FW::TARN_IPTABLES_MODULES::isModuleLoad(kModuleUser);
     const std::optional<TrialState> trial = trialState(store);
-    const bool interrupted = wasInterrupted();
+    const bool interrupted = wasInterrupted(kernel);
     const bool nothingInForce = enabled && isNothingInForce(active, filters);
     const char* const applyMode = store.applyMode() == ApplyMode::kBatch ? "batch" : "lines";
 

@@ -1,0 +1,110 @@
+#include "tarnfwadmin/packetFilter.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <sstream>
+
+#include "base/descriptor.h"
+#include "tarnfwadmin/error.h"
+
+namespace tarnfw {
+namespace {
+
+// Other programs change the packet filter as well, at boot most of all.
+constexpr char kLockSeconds[] = "30";
+
+}  // namespace
+
+// ---- Listing ------------------------------------------------------------------------------------
+
+RuleListing RuleListing::from(const std::string& text) {
+    RuleListing listing;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string kind;
+        std::string chain;
+        std::string policy;
+        words >> kind >> chain >> policy;
+        if (kind == "-P") {
+            listing.policies[chain] = policy;
+            listing.chains[chain];
+        } else if (kind == "-N") {
+            listing.chains[chain];
+        } else if (kind == "-A") {
+            listing.chains[chain].push_back(line);
+        }
+    }
+    return listing;
+}
+
+const std::vector<std::string>& RuleListing::rulesOf(const std::string& chain) const {
+    static const std::vector<std::string> none;
+    const auto found = chains.find(chain);
+    return found == chains.end() ? none : found->second;
+}
+
+std::size_t RuleListing::positionOf(const std::string& chain, const std::string& rule) const {
+    const std::vector<std::string>& rules = rulesOf(chain);
+    const auto found = std::find(rules.begin(), rules.end(), rule);
+    return found == rules.end() ? 0 : static_cast<std::size_t>(found - rules.begin()) + 1;
+}
+
+bool RuleListing::hasPolicy(const std::string& chain, const std::string& policy) const {
+    const auto found = policies.find(chain);
+    return found != policies.end() && found->second == policy;
+}
+
+// ---- PacketFilter -------------------------------------------------------------------------------
+
+ProgramAnswer PacketFilter::run(const std::string& family,
+                                const std::vector<std::string>& arguments) const {
+    const Descriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    return runTool(programOf(family), arguments, nothing.get());
+}
+
+ProgramAnswer PacketFilter::restore(const std::string& family, const std::string& text) const {
+    // A file without a name: the tool may stop reading, and nobody has to wait for it to go on.
+    const Descriptor input(memfd_create("rules", MFD_CLOEXEC));
+    if (!input || !writeText(input.get(), text) || lseek(input.get(), 0, SEEK_SET) != 0) {
+        throw Error(ErrorKind::kSystem,
+                    std::string("cannot keep the rules: ") + std::strerror(errno));
+    }
+    return runTool(programOf(family) + "-restore", {"--noflush"}, input.get());
+}
+
+RuleListing PacketFilter::list(const std::string& family, const std::string& table,
+                               const std::string& chain) const {
+    std::vector<std::string> arguments = {"-t", table, "-S"};
+    if (!chain.empty()) {
+        arguments.push_back(chain);
+    }
+    const ProgramAnswer answer = run(family, arguments);
+    if (answer.status != 0) {
+        throw Error(ErrorKind::kSystem,
+                    programOf(family) + " cannot list the " + table + " table" + becauseOf(answer));
+    }
+    return RuleListing::from(answer.output);
+}
+
+ProgramAnswer PacketFilter::runTool(const std::string& program,
+                                    const std::vector<std::string>& arguments, int input) const {
+    std::vector<std::string> words = {program, "-w", kLockSeconds};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return runProgram(std::move(words), input, [this] { return enter(); });
+}
+
+std::string programOf(const std::string& family) {
+    return family == "v4" ? "/sbin/iptables" : "/sbin/ip6tables";
+}
+
+std::string titleOf(const std::string& family) {
+    return family == "v4" ? "IPv4" : "IPv6";
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,71 @@
+/// The kernel's packet filter, as iptables and ip6tables list and change it.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tarnfwadmin/program.h"
+
+namespace tarnfw {
+
+/// A table of one family, or some of its chains, as "-S" lists it.
+struct RuleListing {
+    std::map<std::string, std::string> policies;             ///< by built-in chain: "ACCEPT"
+    std::map<std::string, std::vector<std::string>> chains;  ///< "-A INPUT -j X", in order
+
+    /// Reads a listing.
+    static RuleListing from(const std::string& text);
+
+    bool has(const std::string& chain) const { return chains.count(chain) != 0; }
+
+    /// The rules of a chain; none where it is not there.
+    const std::vector<std::string>& rulesOf(const std::string& chain) const;
+
+    /// The position, from 1, of the first such rule of a chain; 0 when it has none.
+    std::size_t positionOf(const std::string& chain, const std::string& rule) const;
+
+    /// Whether the policy of a built-in chain is this one.
+    bool hasPolicy(const std::string& chain, const std::string& policy) const;
+};
+
+/// The packet filter of a network. Every run waits up to 30 s for other programs' locks.
+class PacketFilter {
+public:
+    virtual ~PacketFilter() = default;
+
+    /// Runs the tool of a family ("v4", "v6"). Throws Error, kSystem, when that cannot be done.
+    ProgramAnswer run(const std::string& family, const std::vector<std::string>& arguments) const;
+
+    /// Hands a text to the restoring tool of a family, which adds to what is there.
+    ProgramAnswer restore(const std::string& family, const std::string& text) const;
+
+    /// Lists a table of a family, in one run, or only one chain of it. Throws Error, kSystem, where
+    /// there is no such table or chain.
+    RuleListing list(const std::string& family, const std::string& table,
+                     const std::string& chain = "") const;
+
+protected:
+    PacketFilter() = default;
+
+private:
+    ProgramAnswer runTool(const std::string& program, const std::vector<std::string>& arguments,
+                          int input) const;
+
+    /// Called between fork and exec; false when the program must not run.
+    virtual bool enter() const = 0;
+};
+
+/// That of this machine.
+class MachineKernel : public PacketFilter {
+private:
+    bool enter() const override { return true; }
+};
+
+/// "/sbin/iptables" or "/sbin/ip6tables".
+std::string programOf(const std::string& family);
+
+/// "IPv4" or "IPv6".
+std::string titleOf(const std::string& family);
+
+}  // namespace tarnfw

@@ -1,0 +1,30 @@
+/// Other programs, run to their end.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace tarnfw {
+
+/// How a program ended, and what it wrote.
+struct ProgramAnswer {
+    int status = 0;  ///< exit status
+    std::string output;
+    std::string errors;  ///< what it wrote to standard error
+};
+
+/// Runs a program and waits for it. `words` are its path and its arguments; `input` is read as its
+/// standard input, a descriptor. `enter` is called in the new process first; where it returns
+/// false, the program does not run.
+/// Throws Error, kSystem, when it cannot be run or was killed.
+ProgramAnswer runProgram(std::vector<std::string> words, int input,
+                         const std::function<bool()>& enter = {});
+
+/// The words of a complaint in one line, without the advice at its end ("Try `iptables -h' ...").
+std::string oneLine(const std::string& errors);
+
+/// ": " and the program's complaint in one line, to end a message with; empty without one.
+std::string becauseOf(const ProgramAnswer& answer);
+
+}  // namespace tarnfw
