@@ -11,6 +11,7 @@
 #include "tarnfirewall/fwHook.h"
 #include "tarnfirewall/tarnIptablesModule.h"
 
+#include "fwFileLock.h"
 #include "fwInterfaces.h"
 #include "fwLog.h"
 #include "fwSettings.h"
@@ -33,7 +34,6 @@ constexpr std::size_t kCommandSlots = 256;
 constexpr char kServiceName[] = "firewall";
 
 constexpr char kExecLockPath[] = "/tmp/firewall_iptables_exec.lock";
-constexpr int kLockExclusive = 1;
 constexpr int kExecLockSeconds = 30;
 
 // ---- Command documents ----
@@ -140,27 +140,6 @@ bool statusSet(TARNFW& firewall, bool enabled) {
 }
 
 // ---- Reload ----
-
-/// The lock that lets one process reload at a time, held from construction to destruction.
-class ExecLock {
-public:
-    ExecLock()
-        : held_(TLIBCFileLockTimeByFile(kExecLockPath, kLockExclusive, kExecLockSeconds, &fd_) !=
-                0) {}
-    ~ExecLock() {
-        if (held_ && fd_ >= 0 && TLIBCFileUnlockByFile(fd_) == 0) {
-            FW_LOG_ERR("Failed to unlock");
-        }
-    }
-    ExecLock(const ExecLock&) = delete;
-    ExecLock& operator=(const ExecLock&) = delete;
-
-    bool held() const { return held_; }
-
-private:
-    int fd_ = -1;
-    bool held_;
-};
 
 /// Runs a ruleset. A half-built one is worse than none, so a failure turns the firewall off.
 bool execOrDisable(TARNFW& firewall, const Json::Value& cmds) {
@@ -489,8 +468,8 @@ bool TARNFW::fwReset() {
 }
 
 bool TARNFW::fwReload(bool acceptEstablished) {
-    const ExecLock lock;
-    if (!lock.held()) {
+    const FileLock lock(kExecLockPath, kExecLockSeconds, [] { FW_LOG_ERR("Failed to unlock"); });
+    if (lock.result() == 0) {
         FW_LOG_ERR("TIMEOUT: getting lock");
         return false;
     }

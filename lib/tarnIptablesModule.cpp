@@ -15,6 +15,7 @@
 
 #include "tarnfirewall/utils.h"
 
+#include "fwFileLock.h"
 #include "fwLog.h"
 
 namespace FW {
@@ -35,7 +36,6 @@ constexpr char kLoaded[] = "yes";
 constexpr char kNotLoaded[] = "no";
 constexpr std::size_t kServiceRecordBytes = 1024;
 
-constexpr int kLockExclusive = 1;
 constexpr int kLockSeconds = 30;
 
 constexpr int kModuleListCapacity = 1024;
@@ -50,27 +50,21 @@ struct PlatformError {
 /// The lock of the service record file. One that is not obtained does not stop the update.
 class ServiceRecordLock {
 public:
-    ServiceRecordLock() : path_(getLockFile(kServiceRecordFile)) {
-        if (TLIBCFileLockTimeByFile(path_.c_str(), kLockExclusive, kLockSeconds, &fd_) != 1) {
+    ServiceRecordLock()
+        : path_(getLockFile(kServiceRecordFile)), lock_(path_.c_str(), kLockSeconds, [] {
+              // The text is an old copy and part of the behaviour, its trailing blank included.
+              FW_LOG_ERR("Failed to unlock mail config lock. ");
+          }) {
+        if (!lock_.held()) {
             FW_LOG_ERR("Failed to get lock [%s] error[%s]", path_.c_str(), std::strerror(errno));
-            fd_ = kNoLock;
             FW_LOG_ERR("Failed to get lock %s but still continue", path_.c_str());
+            lock_.forget();
         }
     }
-    ~ServiceRecordLock() {
-        if (fd_ != kNoLock && TLIBCFileUnlockByFile(fd_) == 0) {
-            // The text is an old copy and part of the behaviour, its trailing blank included.
-            FW_LOG_ERR("Failed to unlock mail config lock. ");
-        }
-    }
-    ServiceRecordLock(const ServiceRecordLock&) = delete;
-    ServiceRecordLock& operator=(const ServiceRecordLock&) = delete;
 
 private:
-    static constexpr int kNoLock = -1;
-
     std::string path_;
-    int fd_ = kNoLock;
+    FileLock lock_;
 };
 
 /// A platform list of texts; a push may move it.

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "fwFileLock.h"
 #include "hostFile.h"
 #include "tarncore.h"
 
@@ -20,7 +21,6 @@ namespace {
 // held by anybody when that directory is /tmp.
 constexpr char kLockDirectory[] = "/run/tarn";
 constexpr char kLockFile[] = "/run/tarn/keyvalue.lock";
-constexpr int kLockExclusive = 1;
 constexpr int kLockSeconds = 30;
 
 constexpr mode_t kModeBits = 07777;
@@ -119,29 +119,6 @@ int clearDirectory(const std::string& path) {
     return setAside(AT_FDCWD, path, entry, path, "it is a directory");
 }
 
-class WriterLock {
-public:
-    WriterLock() {
-        (void)mkdir(kLockDirectory, 0755);  // mostly there; a failure shows when the lock is opened
-        if (TLIBCFileLockTimeByFile(kLockFile, kLockExclusive, kLockSeconds, &fd_) != 1) {
-            error_ = errno;
-        }
-    }
-    ~WriterLock() {
-        if (fd_ >= 0) {
-            (void)TLIBCFileUnlockByFile(fd_);
-        }
-    }
-    WriterLock(const WriterLock&) = delete;
-    WriterLock& operator=(const WriterLock&) = delete;
-
-    int error() const { return error_; }  ///< 0 when the lock is held
-
-private:
-    int fd_ = -1;
-    int error_ = 0;
-};
-
 }  // namespace
 
 KeyValueText::KeyValueText(const std::string& content) {
@@ -196,9 +173,10 @@ int readKeyValueFile(const std::string& path, std::string& content) {
 }
 
 int writeKeyValueFile(const std::string& path, const std::string& key, const std::string& value) {
-    const WriterLock lock;
-    if (lock.error() != 0) {
-        return lock.error();
+    (void)mkdir(kLockDirectory, 0755);  // mostly there; a failure shows when the lock is opened
+    const FW::FileLock lock(kLockFile, kLockSeconds, [] {});
+    if (!lock.held()) {
+        return errno;
     }
     struct stat info = {};
     std::string content;

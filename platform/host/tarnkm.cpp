@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "fwFileLock.h"
 #include "hostCall.h"
 #include "hostFile.h"
 #include "kmodKernel.h"
@@ -27,24 +28,6 @@ constexpr mode_t kLedgerMode = 0600;
 constexpr off_t kMostLedgerBytes = 1024 * 1024;
 constexpr char kLockFile[] = "/run/tarn/iptables_modules.lock";
 constexpr int kLockSeconds = 30;
-
-// Holds the lock of the ledger file while it lives, if it was obtained.
-class LedgerLock {
-public:
-    LedgerLock() : held_(TLIBCFileLockTimeByFile(kLockFile, 1, kLockSeconds, &fd_) == 1) {}
-    ~LedgerLock() {
-        if (held_ && TLIBCFileUnlockByFile(fd_) == 0) {
-            HOST_LOG_ERR("%s: not unlocked", kLockFile);
-        }
-    }
-    LedgerLock(const LedgerLock&) = delete;
-    LedgerLock& operator=(const LedgerLock&) = delete;
-    bool held() const { return held_; }
-
-private:
-    int fd_ = -1;
-    bool held_;
-};
 
 // The ledger as it was left, with the text it was read from. A file that tells nothing counts as
 // empty: modules that it might have named just stay in the kernel.
@@ -84,7 +67,8 @@ int withLedger(const char* servName, const TLIBCSZLIST* modules, Operation opera
         HOST_LOG_ERR("%s: not made: %s", kDirectory, strerror(error));
         return HOST_FAIL(error);
     }
-    const LedgerLock lock;
+    const FW::FileLock lock(kLockFile, kLockSeconds,
+                            [] { HOST_LOG_ERR("%s: not unlocked", kLockFile); });
     if (!lock.held()) {
         HOST_LOG_ERR("%s: no lock within %d s", kLockFile, kLockSeconds);
         return HOST_FAIL(EAGAIN);
