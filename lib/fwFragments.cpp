@@ -1,7 +1,5 @@
 #include "fwFragments.h"
 
-#include "fwPortMatch.h"
-
 namespace FW {
 namespace {
 

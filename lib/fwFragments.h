@@ -16,6 +16,10 @@ namespace FW {
 
 using Texts = std::vector<std::string>;
 
+// Both spellings of one protocol: a line takes that of its family.
+inline constexpr char kIcmpV4[] = "-p icmp ";
+inline constexpr char kIcmpV6[] = "-p icmpv6 ";
+
 /// One address family.
 struct Family {
     const char* key;  // in both documents

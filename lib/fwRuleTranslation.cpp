@@ -1,15 +1,23 @@
 #include "fwRuleTranslation.h"
 
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <memory>
+#include <utility>
+
 #include <boost/algorithm/string/join.hpp>
 // Numbers as text, without the thousands separators of a program's locale.
 #define BOOST_LEXICAL_CAST_ASSUME_C_LOCALE
 #include <boost/lexical_cast.hpp>
 
+#include "tarncore.h"
+
 #include "tarnfirewall/fwGeoip.h"
 
 #include "fwLog.h"
-#include "fwPortMatch.h"
-#include "fwRouterInterface.h"
 
 namespace FW {
 namespace {
@@ -49,6 +57,131 @@ std::string addressMatch(const char* words, const FWRULE& rule, char separator =
         appendEntry(match, rule.ipList, 1);
     }
     return match;
+}
+
+// ---- Tunnels ----
+
+constexpr char kRouterInterfaceTool[] = "/usr/tarn/sbin/tarnnetdtool";
+constexpr char kRouterInterfaceOption[] = "--get-ipv6-router-interface";
+
+struct StreamClose {
+    void operator()(FILE* stream) const { (void)TLIBCPclose(stream); }
+};
+
+struct MemoryFree {
+    void operator()(char* memory) const { std::free(memory); }
+};
+
+/// Reads one line. Returns false when there is nothing in it.
+bool readLine(FILE* stream, std::string& line) {
+    char* buffer = nullptr;
+    std::size_t capacity = 0;
+    const ssize_t length = getline(&buffer, &capacity, stream);
+    const std::unique_ptr<char, MemoryFree> owned(buffer);
+    if (length < 0) {
+        return false;
+    }
+    line.assign(buffer, static_cast<std::size_t>(length));
+    // The platform's tool prints the bare name. One that ends its line means no other interface,
+    // and a line feed in a name would end the rule's line early.
+    if (!line.empty() && line.back() == '\n') {
+        line.pop_back();
+    }
+    return !line.empty();
+}
+
+/// The interface that routes IPv6 for `interface`, as the platform's tool tells; `interface` itself
+/// when the tool does not tell, which is logged.
+std::string routerInterface(const std::string& interface) {
+    const std::unique_ptr<FILE, StreamClose> stream(
+        TLIBCPopen(kRouterInterfaceTool, "r", kRouterInterfaceOption, interface.c_str(),
+                   static_cast<const char*>(nullptr)));
+    if (!stream) {
+        FW_LOG_ERR("Failed to exec tarnnetdtool with TLIBCPopen().");
+        return interface;
+    }
+    std::string line;
+    if (!readLine(stream.get(), line)) {
+        FW_LOG_ERR("Failed to getline after TLIBCPopen().");
+        return interface;
+    }
+    return line;
+}
+
+// ---- Ports ----
+
+constexpr char kIgmp[] = "-p igmp ";
+
+// A multiport match takes 15 ports and counts a range twice: seven entries always fit.
+constexpr std::size_t kPortsPerMatch = 7;
+
+/// Appends a port entry as iptables reads it: "6000-6010" as "6000:6010", and "80-80" as "80".
+void appendPort(std::string& text, const std::string& entry) {
+    const auto dash = entry.find('-');
+    if (dash == std::string::npos) {
+        text += entry;
+        return;
+    }
+    if (entry.compare(0, dash, entry, dash + 1, std::string::npos) == 0) {
+        text.append(entry, 0, dash);
+        return;
+    }
+    const std::size_t start = text.size();
+    text += entry;
+    std::replace(text.begin() + static_cast<std::ptrdiff_t>(start), text.end(), '-', ':');
+}
+
+/// Appends the matches of one protocol name ("tcp", "udp").
+void appendPortMatches(const char* protocolName, bool sourceSide,
+                       const std::vector<std::string>& ports, std::vector<std::string>& fragments) {
+    std::string start = "-p ";
+    start += protocolName;
+    if (ports.size() == 1 && ports[0].find('-') == std::string::npos) {
+        start += sourceSide ? " --sport " : " --dport ";
+        start += ports[0];
+        fragments.push_back(std::move(start));
+        return;
+    }
+    start += sourceSide ? " -m multiport --sports " : " -m multiport --dports ";
+    for (std::size_t first = 0; first < ports.size(); first += kPortsPerMatch) {
+        const std::size_t end = std::min(first + kPortsPerMatch, ports.size());
+        std::string& match = fragments.emplace_back(start);
+        for (std::size_t i = first; i < end; ++i) {
+            if (i > first) {
+                match += ',';
+            }
+            appendPort(match, ports[i]);
+        }
+    }
+}
+
+/// Appends the matches of a protocol (an FW_PORT_PROTOCOL code; others have none) and of ports
+/// given as texts, "80" or "6000-6010": "-p tcp --dport 80", or "-p tcp -m multiport --dports
+/// 80,6000:6010".
+void appendPorts(std::int32_t protocol, bool sourceSide, const std::vector<std::string>& ports,
+                 std::vector<std::string>& fragments) {
+    switch (protocol) {
+        case FW_PORT_PROTOCOL_TCP:
+            appendPortMatches("tcp", sourceSide, ports, fragments);
+            break;
+        case FW_PORT_PROTOCOL_UDP:
+            appendPortMatches("udp", sourceSide, ports, fragments);
+            break;
+        case FW_PORT_PROTOCOL_TCP_UDP:
+            appendPortMatches("tcp", sourceSide, ports, fragments);
+            appendPortMatches("udp", sourceSide, ports, fragments);
+            break;
+        case FW_PORT_PROTOCOL_ICMP:
+            // Both spellings: the assembly of the lines leaves out the other family's.
+            fragments.emplace_back(kIcmpV4);
+            fragments.emplace_back(kIcmpV6);
+            break;
+        case FW_PORT_PROTOCOL_IGMP:
+            fragments.emplace_back(kIgmp);
+            break;
+        default:
+            break;  // no protocol that rules know: no fragment and so no line
+    }
 }
 
 // ---- Services ----
