@@ -5,6 +5,7 @@
  *   consumer_admin with_base FILE        it is; FILE is the profile's
  *
  * Prints what each function returns and says. */
+#include <pthread.h>
 #include <stdio.h>
 #include <string.h>
 #include <tarnfwadmin/tarnfwadmin_c.h>
@@ -64,6 +65,42 @@ static void without_base(void) {
     EXPECT(reload(), TARNFWADMIN_OK, "the firewall is disabled");
 }
 
+enum { THREADS = 4, RULES = 5 };
+
+/* Adds rules; how many that worked is in *result. */
+static void* add_rules(void* result) {
+    char own[300];
+    int* const added = result;
+    int i;
+    for (i = 0; i < RULES; ++i) {
+        if (tarnfwadmin_add_rule("home", "eth0", "allow udp 5000", own, sizeof own) ==
+            TARNFWADMIN_OK) {
+            ++*added;
+        }
+    }
+    return NULL;
+}
+
+/* None undoes what another one has done: with the two rules before there are then this many. */
+static void add_in_threads(void) {
+    pthread_t threads[THREADS];
+    int added[THREADS] = {0};
+    int all = 0;
+    int i;
+    for (i = 0; i < THREADS; ++i) {
+        (void)pthread_create(&threads[i], NULL, add_rules, &added[i]);
+    }
+    for (i = 0; i < THREADS; ++i) {
+        (void)pthread_join(threads[i], NULL);
+        all += added[i];
+    }
+    if (all != THREADS * RULES) {
+        printf("    of %d rules %d were added\n", THREADS * RULES, all);
+        ++failures;
+    }
+    EXPECT(add_rule("home", "eth0", "allow udp 5001"), TARNFWADMIN_OK, "rule 23 of eth0: ");
+}
+
 /* Makes rule 1 of the profile, "allow tcp 22 from 10.0.0.0/8", invalid. */
 static void spoil(const char* file) {
     char text[4096];
@@ -114,6 +151,7 @@ static void with_base(const char* file) {
         ++failures;
     }
 
+    add_in_threads();
     spoil(file);
     EXPECT(add_rule("home", "eth0", "allow any"), TARNFWADMIN_INVALID, "profile \"home\": ");
     EXPECT(enable(), TARNFWADMIN_INVALID, "profile \"home\": ");
