@@ -30,10 +30,10 @@ constexpr char kTableCut[] = "it stopped before the end of the table";
 
 /// Makes the text of one family, logging a line that cannot be written.
 bool makeText(const Json::Value& cmds, const std::string& family, RestoreText& text) {
-    RestoreLine fault;
-    if (!text.make(cmds[family], fault)) {  // null without the family
+    RestoreLine invalid;
+    if (!text.make(cmds[family], invalid)) {  // null without the family
         FW_LOG_ERR("Adapter %s: no line for iptables-restore: \"%s\"",
-                   forLog(fault.adapter).c_str(), forLog(fault.command).c_str());
+                   forLog(invalid.adapter).c_str(), forLog(invalid.command).c_str());
         return false;
     }
     return true;
@@ -83,7 +83,7 @@ std::string reasonOf(const ToolResult& result, const Refusal& refusal,
 }
 
 /// The number of the line that makes a tool end early with success, as "-h" does, without naming
-/// it; 0 when it cannot be told. Nothing is changed.
+/// it; 0 when it is not known. Nothing is changed.
 std::size_t lineThatEnds(const Tools& tools, const RestoreText& text) {
     ToolRun run(restoreArguments(tools, "--test"), text.numbered() + kEndMark);
     const ToolResult result = run.finish();

@@ -359,7 +359,7 @@ bool TARNFW_JSON_DB::profileEnum(std::map<std::string, FWPROFILE>& profiles) {
     for (const auto& [name, stem] : stems) {
         FWPROFILE profile;
         if (!recordGet(*this, files, name, profile)) {
-            // The name of the record that failed, which is empty: the lines before it tell more.
+            // The name of the record that failed, which is empty: the lines before it say more.
             FW_LOG_ERR("Failed to profileDbLoad() [%s]", profile.name.c_str());
             return false;
         }

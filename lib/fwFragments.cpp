@@ -5,7 +5,7 @@ namespace {
 
 constexpr char kLogTarget[] = " -j LOG";
 
-/// Appends a fragment behind one blank, unless it is empty.
+/// Appends a fragment after one blank, unless it is empty.
 void appendFragment(std::string& line, const std::string& fragment) {
     if (!fragment.empty()) {
         line += ' ';

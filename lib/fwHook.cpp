@@ -46,7 +46,7 @@ bool TarnFwHook::RunFwHook(const std::string& name, HookAction action, bool resu
     }
     const char* const value = result ? "0" : "-1";
     if (TLIBPluginSetArg(context.handle(), kResultKey, value) < 0) {
-        // A hook that cannot be told the result still runs.
+        // A hook that cannot be given the result still runs.
         FW_LOG_ERR("Failed to set %s = %s", kResultKey, value);
     }
     if (TLIBPluginAction(action == PreHook ? kActionPre : kActionPost, context.handle()) < 0) {

@@ -8,7 +8,7 @@ namespace FW {
 
 /// Appends the interface names in the platform's order, and "wlan0" on a model with wireless; then
 /// equal neighbours in `names` are one. Of more than 32 interfaces, the first 32. Returns how many
-/// the platform told, at most 32 and without "wlan0"; or a negative platform error, with the error
+/// the platform named, at most 32 and without "wlan0"; or a negative platform error, with the error
 /// state set, when they cannot be listed. The caller logs that, each under its own source name,
 /// with FW_LOG_INTERFACES_FAILURE.
 int interfacesEnum(std::vector<std::string>& names);

@@ -70,7 +70,7 @@ bool appendTo(Json::Value& document, const char* member, Operation operation) {
 /// Lets `operation` add to `fragments` as if those of the document were in it: an adapter without
 /// interfaces is a match of its own only where there is none yet.
 template <typename Operation>
-bool behindAdaptersOf(const Json::Value& arg, Texts& fragments, Operation operation) {
+bool afterAdaptersOf(const Json::Value& arg, Texts& fragments, Operation operation) {
     fragments = textsOf(arg["adapter"]);
     const auto present = static_cast<std::ptrdiff_t>(fragments.size());
     const bool result = operation();
@@ -219,7 +219,7 @@ private:
     bool enabled_ = false;
 };
 
-/// What a profile's translation is told about established connections.
+/// How a profile's translation treats established connections.
 struct Established {
     bool accept;
     const std::string& exceptedIp;
@@ -274,7 +274,7 @@ TARNFW_IPTABLES_RULES::~TARNFW_IPTABLES_RULES() = default;
 bool TARNFW_IPTABLES_RULES::FwRuleToIptablesArg(const std::string& adapter, const FWRULE& rule,
                                                 Json::Value& arg) {
     Fragments fragments;
-    const bool converted = behindAdaptersOf(arg, fragments.adapter, [&] {
+    const bool converted = afterAdaptersOf(arg, fragments.adapter, [&] {
         return RuleTranslation(*this).convert(adapter, rule, fragments);
     });
     fragments.appendTo(arg);
@@ -284,7 +284,7 @@ bool TARNFW_IPTABLES_RULES::FwRuleToIptablesArg(const std::string& adapter, cons
 bool TARNFW_IPTABLES_RULES::adapterToIptablesArg(const std::string& adapter, const FWRULE& rule,
                                                  Json::Value& arg) {
     return appendTo(arg, "adapter", [&](Texts& fragments) {
-        return behindAdaptersOf(arg, fragments, [&] {
+        return afterAdaptersOf(arg, fragments, [&] {
             return RuleTranslation(*this).adapterFragments(adapter, rule, fragments);
         });
     });

@@ -1,4 +1,4 @@
-/// What the reading of locked JSON files tells besides the document.
+/// Reading locked JSON files, for sources that also need the lock file.
 #pragma once
 
 #include <json/json.h>
@@ -7,7 +7,7 @@
 
 namespace FW {
 
-/// jsonFileLoad(), which also tells the lock file that it took; unset where it took none.
+/// jsonFileLoad(), which also gives the lock file that it took; untouched where it took none.
 bool jsonFileLoad(Json::Value& value, const std::string& path, std::string& lockPath);
 
 /// Whether a lock file is where it should be. Otherwise its directory cannot be made.

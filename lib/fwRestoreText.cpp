@@ -23,7 +23,7 @@ constexpr std::size_t kLineBytes = 10238;
 constexpr std::size_t kUsualWords = 24;  // what most lines need, to save enlarging
 
 // Of the tool's words, and of each other text in a message, as much as a line of the system log
-// bears: some daemons cut it behind 1024 bytes, and what the tool says comes last.
+// bears: some daemons cut it after 1024 bytes, and what the tool says comes last.
 constexpr std::size_t kWordsBytes = 400;
 constexpr std::size_t kLoggedBytes = 200;
 constexpr char kCutMark[] = "...";
@@ -97,8 +97,8 @@ void forEachLine(const std::string& text, Use use) {
     }
 }
 
-/// The number behind `prefix`, where the text begins with both; else 0.
-std::size_t numberBehind(const std::string& text, const std::string& prefix) {
+/// The number after `prefix`, where the text begins with both; else 0.
+std::size_t numberAfter(const std::string& text, const std::string& prefix) {
     if (!startsWith(text, prefix)) {
         return 0;
     }
@@ -108,7 +108,7 @@ std::size_t numberBehind(const std::string& text, const std::string& prefix) {
 /// The line number in "line 4: RULE_APPEND failed ..." and "iptables-restore: line 4 failed"; else
 /// 0.
 std::size_t failedLine(const std::string& message) {
-    const std::size_t own = numberBehind(message, "line ");
+    const std::size_t own = numberAfter(message, "line ");
     if (own != 0) {
         return own;
     }
@@ -116,7 +116,7 @@ std::size_t failedLine(const std::string& message) {
     if (colon == std::string::npos || message.find(" failed", colon) == std::string::npos) {
         return 0;
     }
-    return numberBehind(message.substr(colon + 2), "line ");
+    return numberAfter(message.substr(colon + 2), "line ");
 }
 
 // ---- What iptables-save writes ----
@@ -141,7 +141,7 @@ std::optional<std::string_view> tableIn(std::string_view saved, const std::strin
     return saved.substr(begin, end + 1 - begin);
 }
 
-/// Whether a line tells a policy that a reload changes.
+/// Whether a line has a policy that a reload changes.
 bool isPolicyToMend(const std::string& line) {
     return startsWith(line, ":INPUT ") || startsWith(line, ":FORWARD ");
 }
@@ -181,7 +181,7 @@ RestoreText::RestoreText(std::size_t bufferBytes) : mark_(kExaminedMark) {
     }
 }
 
-bool RestoreText::make(const Json::Value& family, RestoreLine& fault) {
+bool RestoreText::make(const Json::Value& family, RestoreLine& invalid) {
     RestoreTable& filter = table(kFilter);
     filter.adapters.front() = FW_ADAPTER_GLOBAL;
     for (const std::string& chain : FW_FIREWALL_CHAINS) {
@@ -194,7 +194,7 @@ bool RestoreText::make(const Json::Value& family, RestoreLine& fault) {
         return std::all_of(lines.begin(), lines.end(), [&](const Json::Value& line) {
             const std::string command = line.asString();
             if (!addLine(adapter, command)) {
-                fault = {adapter, command, ""};
+                invalid = {adapter, command, ""};
                 return false;
             }
             return true;
@@ -316,9 +316,9 @@ RestoreLine RestoreText::lineAt(std::size_t number) const {
 Refusal refusalOf(const std::string& errors) {
     Refusal refusal;
     forEachLine(errors, [&](const std::string& line) {
-        const std::size_t told = numberBehind(line, "Error occurred at line: ");
-        if (told != 0) {
-            refusal.line = told;
+        const std::size_t named = numberAfter(line, "Error occurred at line: ");
+        if (named != 0) {
+            refusal.line = named;
             return;
         }
         // One transaction can name several lines; the others mostly follow from the first.
@@ -339,7 +339,7 @@ Refusal refusalOf(const std::string& errors) {
 std::size_t numberReached(const std::string& output) {
     std::size_t reached = 0;
     forEachLine(output, [&](const std::string& line) {
-        reached = std::max(reached, numberBehind(line, kNumberComment));
+        reached = std::max(reached, numberAfter(line, kNumberComment));
     });
     return reached;
 }

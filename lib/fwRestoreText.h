@@ -37,8 +37,8 @@ public:
     explicit RestoreText(std::size_t bufferBytes);
 
     /// Makes the text of a family of a command document. Returns false when a line cannot be
-    /// written; `fault` then tells which.
-    bool make(const Json::Value& family, RestoreLine& fault);
+    /// written; `invalid` is then that line.
+    bool make(const Json::Value& family, RestoreLine& invalid);
 
     /// Adds lines of the program's own after those of "filter".
     void append(const std::string& lines) { appended_ += lines; }

@@ -90,8 +90,8 @@ bool readLine(FILE* stream, std::string& line) {
     return !line.empty();
 }
 
-/// The interface that routes IPv6 for `interface`, as the platform's tool tells; `interface` itself
-/// when the tool does not tell, which is logged.
+/// The interface that routes IPv6 for `interface`, as the platform's tool names it; `interface`
+/// itself when the tool names none, which is logged.
 std::string routerInterface(const std::string& interface) {
     const std::unique_ptr<FILE, StreamClose> stream(
         TLIBCPopen(kRouterInterfaceTool, "r", kRouterInterfaceOption, interface.c_str(),
@@ -111,9 +111,6 @@ std::string routerInterface(const std::string& interface) {
 // ---- Ports ----
 
 constexpr char kIgmp[] = "-p igmp ";
-
-// A multiport match takes 15 ports and counts a range twice: seven entries always fit.
-constexpr std::size_t kPortsPerMatch = 7;
 
 /// Appends a port entry as iptables reads it: "6000-6010" as "6000:6010", and "80-80" as "80".
 void appendPort(std::string& text, const std::string& entry) {
@@ -143,8 +140,8 @@ void appendPortMatches(const char* protocolName, bool sourceSide,
         return;
     }
     start += sourceSide ? " -m multiport --sports " : " -m multiport --dports ";
-    for (std::size_t first = 0; first < ports.size(); first += kPortsPerMatch) {
-        const std::size_t end = std::min(first + kPortsPerMatch, ports.size());
+    for (std::size_t first = 0; first < ports.size(); first += FW_PORTS_PER_LINE) {
+        const std::size_t end = std::min(first + FW_PORTS_PER_LINE, ports.size());
         std::string& match = fragments.emplace_back(start);
         for (std::size_t i = first; i < end; ++i) {
             if (i > first) {

@@ -34,7 +34,7 @@ public:
     /// The interface that routes IPv6 for `interface`, which may be itself.
     std::string routerInterfaceOf(const std::string& interface);
 
-    /// Whether the lines are for one transaction.
+    /// Whether the lines are for apply mode "batch".
     bool isForBatch() const { return use_ == LinesFor::kBatch; }
 
     /// All fragments of a rule. False at the first kind that fails, logged; those before it stay.

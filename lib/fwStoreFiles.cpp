@@ -57,8 +57,8 @@ StoreFiles::Known* StoreFiles::find(const std::string& path) {
         return nullptr;
     }
     if (!found->second.lockInPlace) {
-        // Nothing is read, so nothing needs the lock, but it is told with every step that the
-        // directory of the locks cannot be made.
+        // Nothing is read, so nothing needs the lock, but every step logs that the directory
+        // of the locks cannot be made.
         (void)getLockFile(path);
     }
     return &found->second;

@@ -12,7 +12,7 @@
 
 namespace FW {
 
-/// What tells whether a file has been written since.
+/// The state of a file, to see whether it has been written since.
 class FileState {
 public:
     /// The state of the file at `path` now; that of a missing file equals no other.
@@ -35,7 +35,7 @@ private:
 /// again when it may have changed.
 class StoreFiles {
 public:
-    /// `keep` tells of which profiles the documents are wanted later.
+    /// `keep` returns whether the document of a profile is wanted later.
     explicit StoreFiles(std::function<bool(const std::string& name)> keep)
         : keep_(std::move(keep)) {}
 
@@ -55,7 +55,7 @@ private:
         Json::Value document;  // null when it is not kept
     };
 
-    /// What is known of a file and still holds; null otherwise.
+    /// What is known of a file, null when that may be out of date.
     Known* find(const std::string& path);
 
     std::function<bool(const std::string& name)> keep_;

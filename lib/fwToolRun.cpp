@@ -159,8 +159,8 @@ void ToolRun::feed(const std::string& text) {
 
 bool ToolRun::awaitOutput(const std::string& line) {
     const auto isPrinted = [&] { return contentOf(output_).find(line) != std::string::npos; };
-    // Nothing tells that a file has grown, so it is looked at again and again. The other end of the
-    // input is closed when the program ends, which ends the pause.
+    // No event reports that a file has grown, so it is looked at again and again. The other end of
+    // the input is closed when the program ends, which ends the pause.
     pollfd input = {input_.get(), 0, 0};
     while (input_ && !isPrinted()) {
         if (poll(&input, 1, kOutputPauseMilliseconds) > 0) {

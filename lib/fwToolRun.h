@@ -16,7 +16,7 @@ namespace FW {
 /// each would wait for the other.
 class XtablesLock {
 public:
-    /// Waits up to 30 s. errno tells why it is not held: EWOULDBLOCK when others had it.
+    /// Waits up to 30 s. errno holds why it is not held: EWOULDBLOCK when others had it.
     XtablesLock();
     ~XtablesLock();
     XtablesLock(const XtablesLock&) = delete;
@@ -33,7 +33,7 @@ private:
 struct ToolResult {
     /// The exit status, as waitForProgram() returns it. Empty where the caller's process ignores
     /// the ends of its children or another part of it has collected this one: the output has to
-    /// tell then.
+    /// show it then.
     std::optional<int> status;
     std::string output;
     std::string errors;
@@ -60,7 +60,7 @@ public:
     ToolRun& operator=(const ToolRun&) = delete;
 
     /// Hands on a piece of input, without waiting for the program where the system lets the caller
-    /// keep that much for it. Does nothing when the program has ended: its result tells.
+    /// keep that much for it. Does nothing when the program has ended, which its result shows.
     void feed(const std::string& text);
 
     /// Waits until the program has printed `line`. Returns false when it ends without that.
@@ -70,7 +70,7 @@ public:
     void endInput();
 
     /// Ends the input, waits for the program and returns what it left. When it could not be
-    /// started, `errors` tells why and `status` is 127. To be called once.
+    /// started, `errors` says why and `status` is 127. To be called once.
     ToolResult finish();
 
 private:

@@ -17,13 +17,13 @@ namespace FW {
 bool portsMatch(const PortCompareST& query, std::int32_t portDirect, std::int32_t protocol,
                 const std::vector<std::string>& ports, bool blocking);
 
-/// A verdict, and whether the rules behind the one that led to it are still looked at.
+/// A verdict, and whether the rules after the one that led to it are still looked at.
 struct VerdictStep {
     FW_POLICY verdict;
     bool goesOn;
 };
 
-/// What a matching rule with `policy` makes of the verdict `current`. `anyAddress` tells whether
+/// What a matching rule with `policy` makes of the verdict `current`. `anyAddress` is whether
 /// the rule is for any address (`ipGroup` 5) or for some.
 VerdictStep nextVerdict(FW_POLICY current, FW_POLICY policy, bool anyAddress);
 

@@ -26,7 +26,7 @@ constexpr char kIptables[] = "/sbin/iptables";
 constexpr char kIp6tables[] = "/sbin/ip6tables";
 
 // One command line: its words, each with a terminating zero, and one pointer to each, with a null
-// behind the last.
+// after the last.
 constexpr std::size_t kCommandBytes = 1024;
 constexpr std::size_t kCommandSlots = 256;
 
@@ -151,7 +151,7 @@ bool execOrDisable(TARNFW& firewall, const Json::Value& cmds) {
     return true;
 }
 
-/// Reopens the machine on the way of an exception, which is the one that the caller gets to see.
+/// Reopens the machine before an exception goes on to the caller.
 void acceptDespiteException(TARNFW& firewall) noexcept {
     try {
         (void)firewall.fwDefaultAccept();  // logs for itself
@@ -226,7 +226,7 @@ bool applyTestProfile(TARNFW& firewall, const std::string& testName, const std::
            execOrDisable(firewall, cmds);
 }
 
-/// Replaces the chains' content by the rules of a profile in one transaction.
+/// Replaces the chains' content by the rules of a profile in apply mode "batch".
 bool applyInBatch(TARNFW& firewall, const std::string& profile, bool acceptEstablished,
                   const std::string& localIp) {
     Json::Value cmds;
@@ -350,7 +350,7 @@ bool TARNFW::cmdExec(const std::string& cmd) {
     std::istringstream words(cmd);
     std::string word;
     while (std::getline(words, word, ' ')) {
-        // Before the test for an empty word, so a superfluous blank behind a full line counts too.
+        // Before the test for an empty word, so a superfluous blank after a full line counts too.
         if (count >= kCommandSlots - 1 || used > kCommandBytes - 2) {
             FW_LOG_ERR("#Arguments exceeds limit");
             return false;
@@ -360,7 +360,7 @@ bool TARNFW::cmdExec(const std::string& cmd) {
         }
         argv[count++] = text + used;
         std::snprintf(text + used, kCommandBytes - used, "%s", word.c_str());
-        // By the word's full length, also where the copy was cut: the sum tells that it was.
+        // By the word's full length, also where the copy was cut: the sum shows that it was.
         used += word.size() + 1;
     }
     argv[count] = nullptr;

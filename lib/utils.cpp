@@ -154,7 +154,7 @@ bool jsonFileDump(const Json::Value& value, const std::string& path) {
         FW_LOG_ERR("Failed to open json file %s", temporaryPath.c_str());
         return false;
     }
-    // The result tells whether the document was replaced; a failed write does not change it.
+    // The result says whether the document was replaced; a failed write does not change it.
     file << Json::StyledWriter().write(value);
     file.close();
     if (std::rename(temporaryPath.c_str(), path.c_str()) != 0) {

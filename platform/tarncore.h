@@ -37,7 +37,7 @@ void TLIBCSzListFree(PTLIBCSZLIST list);
 int TLIBCExecv(const char* path, const char* const argv[], int flag);
 
 /* Starts `path` without a shell and opens a stream on its output (`mode` "r"). The arguments
- * behind `mode` are those behind the program's name; the last one is NULL. NULL on failure. */
+ * after `mode` are those after the program's name; the last one is NULL. NULL on failure. */
 FILE* TLIBCPopen(const char* path, const char* mode, ...);
 
 /* Closes a stream of TLIBCPopen and waits for its program. */

@@ -16,7 +16,7 @@ int TARNFSMkdirP(const char* path, const char* base, int flag, int uid, int gid,
  * Negative on failure; `*handle` is then as it was. */
 int TLIBPluginSDKInit(const char* category, const char* name, void** handle);
 
-/* Sets a text that the hook is told under `key`. Negative on failure. */
+/* Sets a text that the hook gets under `key`. Negative on failure. */
 int TLIBPluginSetArg(void* handle, const char* key, const char* value);
 
 /* Runs the hook: action 4 before the announced operation, 5 after it. Negative on failure. */

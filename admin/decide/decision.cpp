@@ -21,16 +21,13 @@ constexpr char kInputChain[] = "INPUT_FIREWALL";
 constexpr char kFilterTable[] = "filter";
 constexpr char kLoopback[] = "lo";
 
-// The translation puts so many ports into one line; the kernel takes or refuses it as a whole.
-constexpr std::size_t kPortsPerLine = 7;
-
 // ---- Ports ----
 
-/// The ports of a rule's lines, line by line.
+/// The ports of a rule's lines, line by line; the kernel takes or refuses a line as a whole.
 std::vector<PortSpan> spansOf(const std::vector<std::string>& ports) {
     std::vector<PortSpan> spans;
-    for (std::size_t first = 0; first < ports.size(); first += kPortsPerLine) {
-        const std::size_t end = std::min(first + kPortsPerLine, ports.size());
+    for (std::size_t first = 0; first < ports.size(); first += FW::FW_PORTS_PER_LINE) {
+        const std::size_t end = std::min(first + FW::FW_PORTS_PER_LINE, ports.size());
         std::vector<PortSpan> line;
         for (std::size_t i = first; i < end; ++i) {
             if (const std::optional<PortSpan> span = portSpanFrom(ports[i])) {

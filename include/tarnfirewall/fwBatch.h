@@ -1,4 +1,4 @@
-/// Putting a command document in place in one transaction, instead of line by line.
+/// Apply mode "batch": a command document put in place by one commit a family, not line by line.
 #pragma once
 
 #include <json/json.h>

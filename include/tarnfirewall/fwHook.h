@@ -8,13 +8,13 @@
 namespace FW {
 
 /// Runs the platform's hooks "net/firewall_enable" and "net/firewall_disable", before and after the
-/// operation. A hook is told "RESULT": "0" before an operation and after a successful one, "-1"
+/// operation. A hook is given "RESULT": "0" before an operation and after a successful one, "-1"
 /// after a failed one. Each operation returns whether the hook ran; failures are logged.
 class TARNFW_EXPORT TarnFwHook {
 public:
     enum HookAction { PreHook = 0, PostHook = 1 };
 
-    /// Runs one hook. One that cannot be told the result still runs.
+    /// Runs one hook. One that cannot be given the result still runs.
     bool RunFwHook(const std::string& name, HookAction action, bool result);
 
     bool RunFwEnablePreHook();

@@ -105,7 +105,7 @@ public:
     /// Returns false, logged, when the catalogue is empty or cannot be read.
     bool servToPorts(const std::vector<std::string>& services, ServPort& out);
 
-    /// Appends the port matches of the services to "port", and behind them "-p 47 " for
+    /// Appends the port matches of the services to "port", and after them "-p 47 " for
     /// "vpn_server_pptp" and "-p 50 ", "-p 51 " for "vpn_server_ipsec".
     /// Returns false, logged, when the catalogue is empty or cannot be read.
     bool servPortToCmd(const std::vector<std::string>& services, Json::Value& arg);
@@ -145,8 +145,8 @@ public:
     bool jIptablesCmdInit(Json::Value& out);
 
     /// Repeats the IPv6 lines of a rule for the interface that routes IPv6 for `adapter`, when that
-    /// is another one: a 6in4 tunnel, as "/usr/tarn/sbin/tarnnetdtool" tells. `rule` is IPv6 only.
-    /// Failures are logged and add nothing.
+    /// is another one: a 6in4 tunnel, as "/usr/tarn/sbin/tarnnetdtool" names it. `rule` is IPv6
+    /// only. Failures are logged and add nothing.
     void iptables6in4ToCmd(const std::string& adapter, const FWRULE& rule, Json::Value& out);
 
 private:

@@ -4,6 +4,7 @@
 /// translation turns them into iptables lines.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <set>
@@ -89,6 +90,10 @@ inline const std::vector<std::string> FW_FIREWALL_CHAINS = {"INPUT_FIREWALL", "F
 inline const std::vector<std::string> FW_FIREWALL_MODULES = {"compat_xtables.ko", "xt_geoip.ko",
                                                              "xt_mac.ko"};
 
+/// How many entries of a rule's `portList` go into one line; more make further lines. A multiport
+/// match takes 15 ports and counts a range twice, so seven entries always fit.
+inline constexpr std::size_t FW_PORTS_PER_LINE = 7;
+
 /// One firewall rule. Every field but `ruleID` is stored under its own name; a fresh rule holds the
 /// values below.
 struct FWRULE {
@@ -152,13 +157,13 @@ enum FW_VERDICT_STEP : std::int32_t {
 /// One step on the way to a blocked check's verdict.
 struct FWVERDICTSTEP {
     FW_VERDICT_STEP kind = FW_VERDICT_STEP_RULE;
-    std::string adapter;                 ///< whose verdict it was about, or "global"
-    std::string list;                    ///< of a rule, the adapter whose list it stands in
+    std::string adapter;                 ///< the adapter whose verdict it is, or "global"
+    std::string list;                    ///< of a rule, the adapter whose list it is in
     std::int32_t position = 0;           ///< of a rule, its place in that list, from 1
     FW_POLICY policy = FW_POLICY_NONE;   ///< the rule's, or the default policy
     FW_POLICY before = FW_POLICY_ALLOW;  ///< the verdict so far; without any, allowed
     FW_POLICY after = FW_POLICY_ALLOW;   ///< the verdict from here on
-    bool last = false;                   ///< the rules behind this one were not looked at
+    bool last = false;                   ///< the rules after this one were not looked at
 };
 
 /// The ports of one or more services, from the service catalogue: "80" or "6000-6010" by protocol.

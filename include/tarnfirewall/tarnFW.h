@@ -56,7 +56,7 @@ public:
     /// Makes a stored profile the active one and, with `reload`, applies it.
     bool fwProfileConfigSet(const std::string& profile, bool reload);
 
-    /// How rules are put into the kernel: "batch", in one transaction (see FW_BATCH), when the
+    /// How rules are put into the kernel: "batch", see FW_BATCH, when the
     /// settings' member "apply" says so; "lines" otherwise, also without settings, which are not
     /// written here. To be set with configSet(). `mode` is untouched on failure.
     bool fwApplyMode(std::string& mode);
@@ -112,7 +112,7 @@ public:
     /// firewall.
     /// With "apply" set to "batch" there is no closed moment: the profile is translated first, and
     /// FW_BATCH::apply() puts the rules in place. Every failure then leaves the settings and, with
-    /// the exceptions told there, the packet filter as they were.
+    /// the exceptions named there, the packet filter as they were.
     bool fwReload(bool acceptEstablished);
 
     /// Translates the stored profile `profile` into the command document `cmds`.
@@ -195,7 +195,7 @@ public:
 
     // ---- Services and adapters in all profiles ----
     //
-    // Not one transaction: each stops, with false, at the first profile that cannot be written, and
+    // Not atomic: each stops, with false, at the first profile that cannot be written, and
     // those before it stay changed. Callers serialise them.
 
     /// Reserves a service: puts it, with `policy`, into the reserved service rule at the head of

@@ -29,7 +29,7 @@ TARNFW_EXPORT bool jsonFileLoad(Json::Value& value, const std::string& path);
 
 /// Replaces the document `path` with `value`, written to `path` + ".tmp" and renamed into place.
 /// Returns true when it was replaced. Logs a lock not obtained in time, a temporary file that
-/// cannot be opened, and a failed rename, which leaves the temporary file behind; the old document
+/// cannot be opened, and a failed rename, which leaves the temporary file; the old document
 /// is then unchanged. A failed write is not noticed.
 /// Raises boost::interprocess::interprocess_exception when the lock file cannot be opened.
 TARNFW_EXPORT bool jsonFileDump(const Json::Value& value, const std::string& path);

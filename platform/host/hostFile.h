@@ -34,13 +34,13 @@ struct FileOwner {
 /// everything as it was: EISDIR where a directory is in the way.
 int replaceFile(const std::string& path, const std::string& content, const FileOwner& owner);
 
-/// What stands at a name. Holding it open keeps its inode from being given to something else.
+/// What is at a name. Holding it open keeps its inode from being given to something else.
 struct Found {
     Descriptor held;
     struct stat info {};
 };
 
-/// Looks at what stands at `name` below `parent`, at a link itself. 0 or an errno code.
+/// Looks at what is at `name` below `parent`, at a link itself. 0 or an errno code.
 int lookAt(int parent, const std::string& name, Found& entry);
 
 /// How often a name is cleared before somebody who puts things there all the time has won.

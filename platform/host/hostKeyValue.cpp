@@ -17,7 +17,7 @@ namespace host {
 namespace {
 
 // One lock for the writers of all key/value files, where only root can hold it. A lock beside the
-// file would stay behind in directories that others list, and a lock on the directory could be
+// file would stay in directories that others list, and a lock on the directory could be
 // held by anybody when that directory is /tmp.
 constexpr char kLockDirectory[] = "/run/tarn";
 constexpr char kLockFile[] = "/run/tarn/keyvalue.lock";
@@ -72,7 +72,7 @@ std::optional<std::string> unquoted(const std::string& text) {
     return rest.empty() || rest[0] == '#' ? std::optional(value) : std::nullopt;
 }
 
-// The value in what stands behind the "=" of a line.
+// The value in what follows the "=" of a line.
 std::string valueOf(const std::string& text) {
     std::string bare = trimmed(text);
     if (!bare.empty() && bare[0] == '"') {

@@ -1,7 +1,7 @@
 /// Key/value files: lines `key="value"` or `key=value`, comments from "#", blank lines.
 ///
 /// Between double quotes the characters \ " $ ` are written with a backslash, as in a shell, so a
-/// script may source such a file. Without quotes a value ends at a "#" behind a blank, and blanks
+/// script may source such a file. Without quotes a value ends at a "#" after a blank, and blanks
 /// around it do not count. Where a key stands twice, the last line counts, again as in a shell.
 #pragma once
 

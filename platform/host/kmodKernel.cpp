@@ -37,7 +37,7 @@ void logDetail(void* /*data*/, int /*priority*/, const char* /*file*/, int /*lin
     }
 }
 
-// The module that a name stands for, the first one where an alias names several; null without one.
+// The module that a name means, the first one where an alias names several; null without one.
 Module lookUp(kmod_ctx* context, const std::string& name) {
     kmod_list* found = nullptr;
     Module module;

@@ -23,7 +23,7 @@ namespace {
 // The kernel fills at most 32 KiB at a time into a reader's buffer.
 constexpr std::size_t kReceiveBytes = 64 * 1024;
 
-// A dump that links come and go under is told to be inconsistent and read again.
+// A dump that links come and go under is marked as inconsistent and read again.
 constexpr int kDumpAttempts = 5;
 
 // Attributes are walked by offset and copied out: the macros of the kernel's headers cast bytes to
@@ -177,8 +177,8 @@ int dump(std::uint16_t type, unsigned char family, bool (*parse)(const nlmsghdr&
     return -EAGAIN;
 }
 
-// sysfs tells of a device behind a link, but it may be another namespace's sysfs, in which the same
-// name stands for another link, or none at all; then a link without a kind counts as hardware.
+// sysfs shows the device of a link, but it may be another namespace's sysfs, in which the same
+// name means another link, or none at all; then a link without a kind counts as hardware.
 bool hasDevice(const NetLink& link) {
     const std::string directory = "/sys/class/net/" + link.name;
     int index = 0;

@@ -20,7 +20,7 @@ struct NetLink {
     bool up = false;        ///< administratively
     bool loopback = false;  ///< `lo`, whatever it is called
     bool pointToPoint = false;  ///< carries PPP frames
-    bool hasDevice = false;  ///< stands for a piece of hardware, or its like in a virtual machine
+    bool hasDevice = false;     ///< is a piece of hardware, or its like in a virtual machine
 
     int lowerIndex = 0;              ///< the link it runs over; 0: none, or in another namespace
     std::uint32_t tunnelLocal = 0;   ///< IPv4 tunnels: local address in network order; 0: any

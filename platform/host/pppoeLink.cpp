@@ -91,7 +91,7 @@ PppTransport pppTransport(const std::string& name) {
     if (!(std::ifstream("/run/" + name + ".pid") >> pid) || pid <= 0) {
         return PppTransport::Unknown;
     }
-    // A pppd that was killed leaves its file behind, and the number goes to another program.
+    // A pppd that was killed leaves its file, and the number goes to another program.
     if (contentOf("/proc/" + std::to_string(pid) + "/comm") != "pppd\n") {
         return PppTransport::Unknown;
     }

@@ -116,7 +116,7 @@ struct RunningProgram {
     std::string line;  // its command line, for the log
 };
 
-// The programs behind the streams of TLIBCPopen: a stream itself has no room for its program.
+// The programs of the streams of TLIBCPopen: a stream itself has no room for its program.
 class StreamTable {
 public:
     using Programs = std::map<FILE*, RunningProgram>;
@@ -346,7 +346,7 @@ bool isStillThere(const char* path, const struct stat& opened) {
     return lstat(path, &now) == 0 && now.st_dev == opened.st_dev && now.st_ino == opened.st_ino;
 }
 
-// Why root must not use what stands at the path of a lock; empty when it may. Whoever can open the
+// Why root must not use what is at the path of a lock; empty when it may. Whoever can open the
 // file can hold its lock, so one of somebody else would let them keep root out. A link of root's
 // own is refused when it is opened.
 std::string lockFault(const struct stat& info) {
@@ -495,7 +495,7 @@ thread_local ErrorState errorState;
 void TLIBCErrSetEx(int code, const char* file, int line) {
     errorState.code = code;
     errorState.line = line;
-    // Of a path too long, the end tells more. It may be the recorded text itself.
+    // Of a path too long, the end says more. It may be the recorded text itself.
     const char* const text = file == nullptr ? "" : file;
     const std::size_t length = strlen(text);
     const std::size_t kept = std::min(length, sizeof errorState.file - 1);

@@ -29,7 +29,7 @@ constexpr off_t kMostLedgerBytes = 1024 * 1024;
 constexpr char kLockFile[] = "/run/tarn/iptables_modules.lock";
 constexpr int kLockSeconds = 30;
 
-// The ledger as it was left, with the text it was read from. A file that tells nothing counts as
+// The ledger as it was left, with the text it was read from. A file that says nothing counts as
 // empty: modules that it might have named just stay in the kernel.
 host::ModuleLedger readLedger(std::string& text) {
     const int error = host::readTrustedFile(kLedgerFile, kMostLedgerBytes, text);

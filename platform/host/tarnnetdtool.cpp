@@ -39,7 +39,7 @@ std::string routerOf(const std::string& interface) {
     return host::ipv6RouterInterface(interface, links, addresses);
 }
 
-// Flushed here, where a full disk or a closed pipe can still be told.
+// Flushed here, where a full disk or a closed pipe can still be reported.
 int printed(const std::string& text) {
     return std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0 ? 0 : 1;
 }

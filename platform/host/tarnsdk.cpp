@@ -23,7 +23,7 @@ namespace {
 
 constexpr char kSource[] = "tarnsdk";
 
-// The components of a path, without the empty ones between and behind its slashes.
+// The components of a path, without the empty ones between and after its slashes.
 std::vector<std::string> componentsOf(const std::string& path) {
     std::vector<std::string> components;
     for (std::size_t start = 0; start < path.size();) {

@@ -89,7 +89,7 @@ for family in v4 v6; do
     refused_at "$family" 3 'no line at all' $'-A INPUT_FIREWALL -s 10.0.0.1\nCOMMIT' 'Adapter eth0: '
 done
 
-# Whichever is first, and when the second is not saved because it has so many lines.
+# Whichever is longer, and with very many lines.
 for ipv6 in "$kShortIpv6" "$kLongIpv6"; do
     for count in "$kLines" 8000; do
         for family in v4 v6; do
