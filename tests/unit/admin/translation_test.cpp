@@ -77,10 +77,10 @@ void append(const char* family, const Json::Value& list, std::vector<std::string
 
 /// The whole translation at once, in the order of running.
 std::vector<std::string> translated(const FW::FWPROFILE& profile,
-                                    ReloadWay way = ReloadWay::kLines) {
+                                    ApplyMode mode = ApplyMode::kLines) {
     Json::Value commands;
     FW::TARNFW_IPTABLES_RULES translator;
-    EXPECT_TRUE(way == ReloadWay::kBatch
+    EXPECT_TRUE(mode == ApplyMode::kBatch
                     ? translator.fwRulesToBatchRules(true, profile.rules, profile.adapterPolicyMap,
                                                      commands, "")
                     : translator.fwRulesToIptablesRules(true, profile.rules,
@@ -115,8 +115,8 @@ TEST_F(TranslationTest, AllLinesTogetherAreTheTranslation) {
     for (const fs::path& path : paths) {
         const FW::FWPROFILE profile = profileAt(path);
         EXPECT_EQ(withFamilies(tracedLines(profile)), translated(profile)) << path;
-        EXPECT_EQ(withFamilies(tracedLines(profile, ReloadWay::kBatch)),
-                  translated(profile, ReloadWay::kBatch))
+        EXPECT_EQ(withFamilies(tracedLines(profile, ApplyMode::kBatch)),
+                  translated(profile, ApplyMode::kBatch))
             << path;
     }
 }
