@@ -7,7 +7,9 @@
 namespace tarnfw {
 
 std::string placeText(const RulePlace& place) {
-    return "rule " + std::to_string(place.position) + " of " + printable(place.adapter);
+    const std::string what = place.position == 0 ? std::string("the default policy")
+                                                 : "rule " + std::to_string(place.position);
+    return what + " of " + printable(place.adapter);
 }
 
 std::string reasonOf(const std::exception& error) {

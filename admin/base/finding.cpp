@@ -9,11 +9,17 @@ namespace {
 
 constexpr char kPlainName[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-";
 
+/// The path of `path` within the value at `base`.
+std::string joinedPath(const std::string& base, const std::string& path) {
+    const bool dot = !base.empty() && !path.empty() && path.front() != '[';
+    return base + (dot ? "." : "") + path;
+}
+
 }  // namespace
 
-bool hasErrors(const std::vector<Finding>& findings) {
-    return std::any_of(findings.begin(), findings.end(),
-                       [](const Finding& finding) { return finding.isError; });
+std::size_t countErrors(const std::vector<Finding>& findings) {
+    return static_cast<std::size_t>(std::count_if(
+        findings.begin(), findings.end(), [](const Finding& finding) { return finding.isError; }));
 }
 
 std::string memberPath(const std::string& base, const std::string& name) {
@@ -27,20 +33,38 @@ std::string elementPath(const std::string& base, std::size_t index) {
     return std::string(base).append("[").append(std::to_string(index)).append("]");
 }
 
-std::string lineOf(const std::string& source, const Finding& finding) {
-    std::string line = source + ": ";
-    if (!finding.where.empty()) {
-        line += finding.where + ": ";
+std::string textOf(const Finding& finding) {
+    std::string line;
+    const auto append = [&line](const std::string& part) {
+        line += part.empty() ? "" : part + ": ";
+    };
+    if (finding.rule) {
+        append(finding.profile);
+        append(placeText(*finding.rule));
+        append(finding.path);
+    } else {
+        append(joinedPath(finding.profile, finding.path));
     }
-    if (!finding.isError) {
-        line += "warning: ";
-    }
+    append(finding.isError ? "" : "warning");
     return printable(line + finding.text);
 }
 
+std::string lineOf(const std::string& source, const Finding& finding) {
+    return printable(source) + ": " + textOf(finding);
+}
+
 Json::Value jsonOf(const Finding& finding) {
+    std::string where = finding.profile;
     Json::Value entry(Json::objectValue);
-    entry["where"] = finding.where;
+    entry["adapter"] = Json::nullValue;
+    entry["position"] = Json::nullValue;
+    if (finding.rule) {
+        entry["adapter"] = finding.rule->adapter;
+        entry["position"] = static_cast<Json::UInt64>(finding.rule->position);
+        where = joinedPath(where, elementPath(memberPath("rules", finding.rule->adapter),
+                                              finding.rule->position - 1));
+    }
+    entry["where"] = joinedPath(where, finding.path);
     entry["text"] = finding.text;
     entry["severity"] = finding.isError ? "error" : "warning";
     return entry;

@@ -43,13 +43,6 @@ std::string faultOfKey(const std::string& key) {
     return printed ? "" : "has control characters";
 }
 
-std::string below(const std::string& base, const std::string& where) {
-    if (where.empty()) {
-        return base;
-    }
-    return base + (where.front() == '[' ? "" : ".") + where;
-}
-
 void checkKeysAndNames(const Json::Value& document, Findings& findings) {
     const Json::Value& profiles = document[kConfigProfiles];
     std::map<std::string, std::string> paths;  // by profile name
@@ -96,7 +89,7 @@ ExportFindings checkExport(const Json::Value& document) {
             continue;
         }
         for (Finding finding : checkProfile(profiles[key])) {
-            finding.where = below(memberPath(kConfigProfiles, key), finding.where);
+            finding.profile = memberPath(kConfigProfiles, key);
             all.profiles.push_back(std::move(finding));
         }
     }

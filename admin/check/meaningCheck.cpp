@@ -58,8 +58,8 @@ bool isWord(const std::string& text) {
 /// The checks of one rule. Each looks at the members that it needs and leaves the others alone.
 class RuleCheck {
 public:
-    RuleCheck(const Value& rule, std::string path, Machine& machine, Findings& findings)
-        : rule_(rule), path_(std::move(path)), machine_(machine), findings_(findings) {}
+    RuleCheck(const Value& rule, RulePlace place, Machine& machine, Findings& findings)
+        : rule_(rule), place_(std::move(place)), machine_(machine), findings_(findings) {}
 
     void run() {
         checkAddresses();
@@ -70,15 +70,17 @@ public:
     }
 
 private:
-    std::string at(const char* member) const { return memberPath(path_, member); }
-    std::string at(const char* member, std::size_t index) const {
-        return elementPath(at(member), index);
+    void error(const std::string& path, const std::string& text) {
+        findings_.error(place_, path, text);
+    }
+    void warning(const std::string& path, const std::string& text) {
+        findings_.warning(place_, path, text);
     }
 
-    /// A warning that a rule in use does not need.
-    void useless(const std::string& where, const std::string& text) {
+    /// A warning that only a rule in use needs.
+    void useless(const std::string& path, const std::string& text) {
         if (!isOff(rule_)) {
-            findings_.warning(where, text);
+            warning(path, text);
         }
     }
 
@@ -102,7 +104,7 @@ private:
     void checkTable();
 
     const Value& rule_;
-    std::string path_;
+    RulePlace place_;
     Machine& machine_;
     Findings& findings_;
 };
@@ -123,7 +125,7 @@ void RuleCheck::checkAddresses() {
             checkNetwork(*list);
             break;
         case FW::FW_IP_GROUP_NONE:
-            useless(at("ipGroup"), std::string("2 matches no address") + kNoEffect);
+            useless("ipGroup", std::string("2 matches no address") + kNoEffect);
             break;
         case FW::FW_IP_GROUP_COUNTRIES:
             checkCountries(*list);
@@ -143,13 +145,13 @@ void RuleCheck::checkAddresses() {
 void RuleCheck::superfluous(const char* member, std::size_t first, std::size_t size,
                             const std::string& reason) {
     for (std::size_t i = first; i < size; ++i) {
-        findings_.warning(at(member, i), "is not looked at: " + reason);
+        warning(elementPath(member, i), "is not looked at: " + reason);
     }
 }
 
 bool RuleCheck::enough(const std::vector<std::string>& list, std::size_t needed, const char* what) {
     if (list.size() < needed) {
-        findings_.error(at("ipList"), std::string("lacks ") + what);
+        error("ipList", std::string("lacks ") + what);
         return false;
     }
     return true;
@@ -162,7 +164,7 @@ std::optional<Address> RuleCheck::address(const std::vector<std::string>& list, 
                                    : codeOf(rule_, "ipType") == FW::FW_IP_TYPE_V6
                                        ? "an IPv6 address"
                                        : "an address";
-        findings_.error(at("ipList", index), inQuotes(list[index]) + " is not " + family);
+        error(elementPath("ipList", index), inQuotes(list[index]) + " is not " + family);
     }
     return found;
 }
@@ -175,11 +177,10 @@ void RuleCheck::checkFamily(const Address& address) {
         return;
     }
     if (*type == FW::FW_IP_TYPE_BOTH) {
-        findings_.error(at("ipType"), "2 is both families, but the address is " + family + " (" +
-                                          std::to_string(right) + ")");
+        error("ipType", "2 is both families, but the address is " + family + " (" +
+                            std::to_string(right) + ")");
     } else if (*type == FW::FW_IP_TYPE_V4 || *type == FW::FW_IP_TYPE_V6) {
-        findings_.error(at("ipType"),
-                        std::to_string(*type) + (address.isIpv6() ? " is IPv4" : " is IPv6") +
+        error("ipType", std::to_string(*type) + (address.isIpv6() ? " is IPv4" : " is IPv6") +
                             ", but the address is " + family + " (" + std::to_string(right) + ")");
     }
 }
@@ -202,11 +203,10 @@ void RuleCheck::checkNetwork(const std::vector<std::string>& list) {
     if (found) {
         checkFamily(*found);
         if (!prefixLengthFrom(list[1], found->isIpv6())) {
-            findings_.error(
-                at("ipList", 1),
-                inQuotes(list[1]) + (found->isIpv6() ? " is not a prefix length (0-128)"
-                                                     : " is not a prefix length (0-32) or "
-                                                       "mask without gaps"));
+            error(elementPath("ipList", 1),
+                  inQuotes(list[1]) + (found->isIpv6() ? " is not a prefix length (0-128)"
+                                                       : " is not a prefix length (0-32) or "
+                                                         "mask without gaps"));
         }
     }
     superfluous("ipList", 2, list.size(), "ipGroup 1 is an address and its mask");
@@ -223,31 +223,30 @@ void RuleCheck::checkRange(const std::vector<std::string>& list) {
         return;
     }
     if (first->isIpv6() != last->isIpv6()) {
-        findings_.error(at("ipList"),
-                        inQuotes(list[0]) + " and " + inQuotes(list[1]) + " are not of one family");
+        error("ipList", inQuotes(list[0]) + " and " + inQuotes(list[1]) + " are not of one family");
         return;
     }
     checkFamily(*first);
     if (*last < *first) {
-        findings_.error(at("ipList"), "the range runs backwards: " + inQuotes(list[1]) +
-                                          " is before " + inQuotes(list[0]));
+        error("ipList",
+              "the range runs backwards: " + inQuotes(list[1]) + " is before " + inQuotes(list[0]));
     }
 }
 
 void RuleCheck::checkCountries(const std::vector<std::string>& list) {
     if (list.empty()) {
-        useless(at("ipList"), std::string("names no country") + kNoEffect);
+        useless("ipList", std::string("names no country") + kNoEffect);
     }
     for (std::size_t i = 0; i < list.size(); ++i) {
-        checkCountry(list[i], at("ipList", i));
+        checkCountry(list[i], elementPath("ipList", i));
     }
 }
 
-void RuleCheck::checkCountry(const std::string& code, const std::string& where) {
+void RuleCheck::checkCountry(const std::string& code, const std::string& path) {
     const auto isCapital = [](char c) { return c >= 'A' && c <= 'Z'; };
     const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
     if (code.size() != 2 || !isCapital(code[0]) || (!isCapital(code[1]) && !isDigit(code[1]))) {
-        findings_.error(where, inQuotes(code) + " is not a country code (two capital letters)");
+        error(path, inQuotes(code) + " is not a country code (two capital letters)");
         return;
     }
     const std::optional<int> type = codeOf(rule_, "ipType");
@@ -255,11 +254,11 @@ void RuleCheck::checkCountry(const std::string& code, const std::string& where) 
     const bool lacksV6 = type != FW::FW_IP_TYPE_V4 && !machine_.hasCountry(code, true);
     if (lacksV4 || lacksV6) {
         const bool both = lacksV4 && lacksV6;
-        findings_.warning(where, "there are no " +
-                                     std::string(both      ? "data"
-                                                 : lacksV4 ? "IPv4 data"
-                                                           : "IPv6 data") +
-                                     " of country " + inQuotes(code) + ", which is left out");
+        warning(path, "there are no " +
+                          std::string(both      ? "data"
+                                      : lacksV4 ? "IPv4 data"
+                                                : "IPv6 data") +
+                          " of country " + inQuotes(code) + ", which is left out");
     }
 }
 
@@ -289,12 +288,12 @@ void RuleCheck::checkPorts() {
 
 void RuleCheck::checkServices(const std::vector<std::string>& names) {
     if (names.empty()) {
-        useless(at("portList"), std::string("names no service") + kNoEffect);
+        useless("portList", std::string("names no service") + kNoEffect);
     }
     for (std::size_t i = 0; i < names.size(); ++i) {
         if (machine_.hasCatalogue() && !machine_.hasService(names[i])) {
-            findings_.error(at("portList", i),
-                            inQuotes(names[i]) + " is not a service that the firewall knows");
+            error(elementPath("portList", i),
+                  inQuotes(names[i]) + " is not a service that the firewall knows");
         }
     }
 }
@@ -306,12 +305,12 @@ void RuleCheck::checkPortEntries(const std::vector<std::string>& entries) {
         return;
     }
     if (entries.empty()) {
-        useless(at("portList"), std::string("names no port") + kNoEffect);
+        useless("portList", std::string("names no port") + kNoEffect);
     }
     for (std::size_t i = 0; i < entries.size(); ++i) {
         const std::string fault = portFault(entries[i]);
         if (!fault.empty()) {
-            findings_.error(at("portList", i), fault);
+            error(elementPath("portList", i), fault);
         }
     }
 }
@@ -320,7 +319,7 @@ void RuleCheck::checkPortEntries(const std::vector<std::string>& entries) {
 
 void RuleCheck::checkPolicy() {
     if (codeOf(rule_, "policy") == FW::FW_POLICY_NONE) {
-        useless(at("policy"), std::string("2 has no target") + kNoEffect);
+        useless("policy", std::string("2 has no target") + kNoEffect);
     }
 }
 
@@ -333,18 +332,17 @@ void RuleCheck::checkChains() {
     for (std::size_t i = 0; i < chains->size(); ++i) {
         const std::string& chain = (*chains)[i];
         if (!isWord(chain) || chain.size() > kChainBytes) {
-            findings_.error(at("chainList", i), inQuotes(chain) + " is not the name of a chain");
+            error(elementPath("chainList", i), inQuotes(chain) + " is not the name of a chain");
         } else if (std::find(own.begin(), own.end(), chain) == own.end()) {
-            findings_.warning(at("chainList", i),
-                              inQuotes(chain) +
-                                  " is not a chain of the firewall, which adds the rule there at "
-                                  "each reload and never takes it away");
+            warning(elementPath("chainList", i),
+                    inQuotes(chain) +
+                        " is not a chain of the firewall, which adds the rule there at "
+                        "each reload and never takes it away");
         }
     }
     for (const std::string& chain : own) {
         if (std::find(chains->begin(), chains->end(), chain) == chains->end()) {
-            findings_.warning(at("chainList"),
-                              "the rule is added to " + inQuotes(chain) + " all the same");
+            warning("chainList", "the rule is added to " + inQuotes(chain) + " all the same");
         }
     }
 }
@@ -356,34 +354,34 @@ void RuleCheck::checkTable() {
     }
     const std::string name = table.asString();
     if (!isWord(name)) {
-        findings_.error(at("table"), inQuotes(name) + " is not the name of a table");
+        error("table", inQuotes(name) + " is not the name of a table");
         return;
     }
-    findings_.warning(at("table"), inQuotes(name) +
-                                       " is not \"filter\", the table that the "
-                                       "firewall's chains are in");
+    warning("table", inQuotes(name) +
+                         " is not \"filter\", the table that the "
+                         "firewall's chains are in");
 }
 
 // ---- The document -------------------------------------------------------------------------------
 
-void checkAdapter(const std::string& adapter, const std::string& where, Machine& machine,
+void checkAdapter(const std::string& adapter, const std::string& path, Machine& machine,
                   Findings& findings) {
     const auto& predefined = FW::FW_PREDEFINED_ADAPTERS;
     const bool isPredefined =
         std::find(predefined.begin(), predefined.end(), adapter) != predefined.end();
     if (!isWord(adapter) || adapter.size() > kAdapterBytes ||
         adapter.find_first_of("/:") != std::string::npos) {
-        findings.error(where, inQuotes(adapter) + " is not the name of an adapter");
+        findings.error(path, inQuotes(adapter) + " is not the name of an adapter");
     } else if (adapter == FW::FW_PPPOE_INTERFACE) {
-        findings.warning(where,
+        findings.warning(path,
                          "what is said for \"ppp0\" is never applied; the adapter of a "
                          "PPPoE connection is \"pppoe\"");
     } else if (!machine.hasAdapter(adapter)) {
-        findings.warning(where, isPredefined ? inQuotes(adapter) +
-                                                   " has no interface now: what is said for "
-                                                   "it is left out"
-                                             : "there is no adapter " + inQuotes(adapter) +
-                                                   " now: what is said for it is left out");
+        findings.warning(path, isPredefined ? inQuotes(adapter) +
+                                                  " has no interface now: what is said for "
+                                                  "it is left out"
+                                            : "there is no adapter " + inQuotes(adapter) +
+                                                  " now: what is said for it is left out");
     }
 }
 
@@ -412,14 +410,13 @@ std::vector<Finding> checkMeaning(const Json::Value& document, Machine& machine)
     const Value& byAdapter = rules.isObject() ? rules : none;
     bool services = false;
     for (const std::string& adapter : byAdapter.getMemberNames()) {
-        const std::string path = memberPath("rules", adapter);
-        checkAdapter(adapter, path, machine, findings);
+        checkAdapter(adapter, memberPath("rules", adapter), machine, findings);
         const Value& list = byAdapter[adapter];
         for (Json::ArrayIndex i = 0; list.isArray() && i < list.size(); ++i) {
             if (!list[i].isObject()) {
                 continue;
             }
-            RuleCheck(list[i], elementPath(path, i), machine, findings).run();
+            RuleCheck(list[i], {adapter, i + 1}, machine, findings).run();
             const std::optional<int> group = codeOf(list[i], "portGroup");
             services = services || group == FW::FW_PORT_GROUP_SERVICES ||
                        group == FW::FW_PORT_GROUP_RESERVED;

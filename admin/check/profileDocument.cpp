@@ -1,37 +1,36 @@
 #include "tarnfwadmin/profileDocument.h"
 
-#include <iostream>
-#include <utility>
+#include <algorithm>
 
 #include "tarnfirewall/fwDB.h"
 
 #include "tarnfwadmin/documentFile.h"
-#include "tarnfwadmin/finding.h"
 #include "tarnfwadmin/profileCheck.h"
 #include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 
-ProfileDocument::ProfileDocument(const std::string& text, std::string label)
-    : label_(std::move(label)) {
+ProfileDocument::ProfileDocument(const std::string& text) {
     Json::Value document;
-    for (Finding& finding : parseDocument(text, document)) {
+    findings_ = parseDocument(text, document);
+    for (Finding& finding : findings_) {
         finding.isError = true;  // also what the library would silently drop
-        problems_.push_back(lineOf(label_, finding));
     }
-    if (!problems_.empty()) {
+    if (!valid()) {
         return;
     }
     if (!document.isObject()) {
-        addProblem("a profile is a JSON object: { ... }");
+        findings_.push_back({"a profile is a JSON object: { ... }"});
         return;
     }
     document_ = document;
 }
 
 void ProfileDocument::requireName(const std::string& name) {
-    if (problems_.empty() && document_["name"] != name) {
-        addProblem("name: must stay \"" + name + "\"; \"tarnfw profile rename\" changes it");
+    if (valid() && document_["name"] != name) {
+        findings_.push_back(
+            {"must stay " + inQuotes(name) + "; \"tarnfw profile rename\" changes it", true,
+             std::nullopt, "name"});
     }
 }
 
@@ -41,34 +40,21 @@ void ProfileDocument::becomeNew(const std::string& name) {
 }
 
 bool ProfileDocument::check() {
-    if (!problems_.empty()) {
+    if (!valid()) {
         return false;
     }
-    for (const Finding& finding : checkProfile(document_)) {
-        (finding.isError ? problems_ : remarks_).push_back(lineOf(label_, finding));
-    }
-    if (!problems_.empty()) {
+    findings_ = checkProfile(document_);
+    std::stable_partition(findings_.begin(), findings_.end(),
+                          [](const Finding& finding) { return finding.isError; });
+    if (!valid()) {
         return false;
     }
     try {
         FW::TARNFW_JSON_DB().jsonToProfile(document_, profile_);
     } catch (const Json::Exception& error) {
-        addProblem(error.what());
+        findings_.insert(findings_.begin(), {error.what()});
     }
-    return problems_.empty();
-}
-
-void ProfileDocument::printFindings() const {
-    for (const std::string& line : problems_) {
-        std::cerr << "tarnfw: " << printable(line) << '\n';
-    }
-    for (const std::string& line : remarks_) {
-        std::cerr << "tarnfw: " << printable(line) << '\n';
-    }
-}
-
-void ProfileDocument::addProblem(const std::string& text) {
-    problems_.push_back(label_ + ": " + text);
+    return valid();
 }
 
 }  // namespace tarnfw

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 #include <boost/algorithm/string/join.hpp>
@@ -26,12 +27,14 @@ constexpr char kFollows[] = "Failed to validate";
 
 constexpr std::size_t kCitedBytes = 60;  // of a value that is cited
 constexpr char kDefinitions[] = "#/definitions/";
+constexpr std::size_t kRuleDepth = 3;  // in a profile: rules, adapter, rule
 
 /// A place in a document, and what the schema says about it.
 struct Place {
     const Value* value;
     const Value* schema;
-    std::string path;
+    std::optional<RulePlace> rule;  // of a profile, at whose member or element this is
+    std::string path;               // within the rule, else within the document
 };
 
 Value schemaDocument(const char* text) {
@@ -63,16 +66,26 @@ const Value& schemaOfMember(const Value& schema, const std::string& name, const 
 
 /// Follows the validator's path: "<root>", "[rules]", "[eth0]", "[3]".
 Place placeOf(const Value& document, const Value& root, const std::vector<std::string>& context) {
-    Place place{&document, &resolved(root, root), ""};
+    const auto nameAt = [&context](std::size_t i) {
+        return context[i].substr(1, context[i].size() - 2);
+    };
+    Place place{&document, &resolved(root, root), std::nullopt, ""};
     for (std::size_t i = 1; i < context.size(); ++i) {
-        const std::string part = context[i].substr(1, context[i].size() - 2);
-        if (place.value->isArray()) {
-            const auto index = static_cast<Json::ArrayIndex>(std::stoul(part));
-            place = {&(*place.value)[index], &resolved((*place.schema)["items"], root),
-                     elementPath(place.path, index)};
+        const std::string part = nameAt(i);
+        if (!place.value->isArray()) {
+            place.value = &(*place.value)[part];
+            place.schema = &schemaOfMember(*place.schema, part, root);
+            place.path = memberPath(place.path, part);
+            continue;
+        }
+        const auto index = static_cast<Json::ArrayIndex>(std::stoul(part));
+        place.value = &(*place.value)[index];
+        place.schema = &resolved((*place.schema)["items"], root);
+        if (i == kRuleDepth && nameAt(1) == "rules") {
+            place.rule = RulePlace{nameAt(2), index + 1};
+            place.path.clear();
         } else {
-            place = {&(*place.value)[part], &schemaOfMember(*place.schema, part, root),
-                     memberPath(place.path, part)};
+            place.path = elementPath(place.path, index);
         }
     }
     return place;
@@ -163,7 +176,8 @@ void addUnknownMembers(const Place& place, Findings& findings) {
             continue;
         }
         const std::string meant = nearest(name, known.getMemberNames());
-        findings.error(memberPath(place.path, name), "there is no such member" + didYouMean(meant));
+        findings.error(place.rule, memberPath(place.path, name),
+                       "there is no such member" + didYouMean(meant));
     }
 }
 
@@ -196,11 +210,11 @@ std::string textOf(const Place& place, const std::string& description) {
 
 void addFinding(const Place& place, const std::string& description, Findings& findings) {
     if (boost::starts_with(description, "Missing required property")) {
-        findings.error(place.path, inQuotes(nameIn(description)) + " is missing");
+        findings.error(place.rule, place.path, inQuotes(nameIn(description)) + " is missing");
     } else if (boost::starts_with(description, "Object contains a property")) {
         addUnknownMembers(place, findings);
     } else {
-        findings.error(place.path, textOf(place, description));
+        findings.error(place.rule, place.path, textOf(place, description));
     }
 }
 

@@ -17,7 +17,6 @@
 
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/portEntry.h"
-#include "tarnfwadmin/ruleText.h"
 
 namespace tarnfw {
 namespace {
@@ -175,7 +174,7 @@ std::optional<AddressSet> addressesOf(const FW::FWRULE& rule, bool ipv6, Machine
 
 /// A rule that has lines, and what they match.
 struct Matcher {
-    std::string path;
+    RulePlace place;
     FW::FWRULE rule;
     bool global;  // of the list "global", whose lines name no interface
     PortSet ports;
@@ -221,8 +220,8 @@ class ShadowCheck {
 public:
     ShadowCheck(const std::vector<Finding>& findings, Machine& machine) : machine_(machine) {
         for (const Finding& finding : findings) {
-            if (finding.isError) {
-                faults_.insert(finding.where);
+            if (finding.isError && finding.rule) {
+                invalid_.insert(*finding.rule);
             }
         }
     }
@@ -230,15 +229,14 @@ public:
     /// The rules of a list that have lines.
     std::vector<Matcher> matchersOf(const Json::Value& list, const std::string& adapter) {
         std::vector<Matcher> matchers;
-        const std::string path = memberPath("rules", adapter);
         for (Json::ArrayIndex i = 0; list.isArray() && i < list.size(); ++i) {
-            const std::string rulePath = elementPath(path, i);
-            const auto rule = isFaulty(rulePath) ? std::nullopt : recordOf(list[i]);
+            const RulePlace place{adapter, i + 1};
+            const auto rule = invalid_.count(place) > 0 ? std::nullopt : recordOf(list[i]);
             if (!rule || !rule->enable || rule->policy == FW::FW_POLICY_NONE) {
                 continue;
             }
             Matcher matcher{
-                rulePath,
+                place,
                 *rule,
                 adapter == FW::FW_ADAPTER_GLOBAL,
                 PortSet(machine_.portMatches(*rule)),
@@ -267,9 +265,7 @@ public:
                 found = own != later ? &*own : nullptr;
             }
             if (found != nullptr) {
-                findings_.warning(later->path, "never decides: " + found->path + " (" +
-                                                   policyText(found->rule.policy) +
-                                                   ") comes first and matches all that it does");
+                findings_.shadowed(later->place, found->place);
             }
         }
     }
@@ -277,13 +273,8 @@ public:
     std::vector<Finding> take() { return findings_.take(); }
 
 private:
-    bool isFaulty(const std::string& rulePath) const {
-        const auto next = faults_.lower_bound(rulePath);
-        return next != faults_.end() && boost::starts_with(*next, rulePath);
-    }
-
     Machine& machine_;
-    std::set<std::string> faults_;
+    std::set<RulePlace> invalid_;
     Findings findings_;
 };
 

@@ -1,4 +1,4 @@
-/// Rules that never decide, because one before them matches all that they do.
+/// Rules that never take effect, because an earlier one matches all that they do.
 #pragma once
 
 #include <vector>

@@ -7,7 +7,6 @@
 #include "tarnfirewall/tarnFW.h"
 
 #include "tarnfwadmin/error.h"
-#include "tarnfwadmin/finding.h"
 #include "tarnfwadmin/store.h"
 
 namespace tarnfw {
@@ -20,20 +19,20 @@ constexpr const char* kFamilies[] = {"v4", "v6"};
 /// library does with a rule is done again here.
 class Tracer {
 public:
-    explicit Tracer(ApplyMode mode) : mode_(mode) { translate({}, {}, "", fixed_); }
+    explicit Tracer(ApplyMode mode) : mode_(mode) { translate({}, {}, {}, fixed_); }
 
-    void addFixedLines() { append(fixed_, "", /*skipFixed=*/false); }
+    void addFixedLines() { append(fixed_, {}, /*skipFixed=*/false); }
 
-    void addRule(const std::string& adapter, const FW::FWRULE& rule, const std::string& where) {
+    void addRule(const RulePlace& place, const FW::FWRULE& rule) {
         Json::Value piece;
-        translate({{adapter, {rule}}}, {}, where, piece);
-        append(piece, where, /*skipFixed=*/true);
+        translate({{place.adapter, {rule}}}, {}, place, piece);
+        append(piece, place, /*skipFixed=*/true);
     }
 
-    void addPolicy(const std::string& adapter, FW::FW_POLICY policy, const std::string& where) {
+    void addPolicy(const std::string& adapter, FW::FW_POLICY policy) {
         Json::Value piece;
-        translate({}, {{adapter, policy}}, where, piece);
-        append(piece, where, /*skipFixed=*/true);
+        translate({}, {{adapter, policy}}, {adapter, 0}, piece);
+        append(piece, {adapter, 0}, /*skipFixed=*/true);
     }
 
     /// All lines in the order of running: IPv4 first, and in each family "global" first.
@@ -56,17 +55,20 @@ public:
 
 private:
     void translate(const std::map<std::string, std::vector<FW::FWRULE>>& rules,
-                   const std::map<std::string, FW::FW_POLICY>& policies, const std::string& where,
+                   const std::map<std::string, FW::FW_POLICY>& policies, const RulePlace& place,
                    Json::Value& out) {
         if (!(mode_ == ApplyMode::kBatch
                   ? translation_.fwRulesToBatchRules(true, rules, policies, out, "")
                   : translation_.fwRulesToIptablesRules(true, rules, policies, out))) {
-            throw Error(ErrorKind::kInvalid,
-                        where + " cannot be translated, and with it the whole profile");
+            const std::string what =
+                place.adapter.empty() ? "what every profile begins with" : placeText(place);
+            throw Error(
+                ErrorKind::kInvalid, what + " cannot be translated, and with it the whole profile",
+                {"", "", place.position > 0 ? std::optional<RulePlace>(place) : std::nullopt});
         }
     }
 
-    void append(const Json::Value& piece, const std::string& where, bool skipFixed) {
+    void append(const Json::Value& piece, const RulePlace& place, bool skipFixed) {
         for (const char* const family : kFamilies) {
             auto& adapters = lines_[family];
             const Json::Value& lines = piece[family];
@@ -75,7 +77,7 @@ private:
                                                    ? fixed_[family][adapter].size()
                                                    : 0;
                 for (Json::ArrayIndex i = first; i < lines[adapter].size(); ++i) {
-                    adapters[adapter].push_back({family, lines[adapter][i].asString(), where});
+                    adapters[adapter].push_back({family, lines[adapter][i].asString(), place});
                 }
             }
         }
@@ -100,13 +102,12 @@ std::vector<TracedLine> tracedLines(const FW::FWPROFILE& profile, ApplyMode mode
     tracer.addFixedLines();
     for (const std::string& adapter : adaptersOf(profile)) {
         const auto rules = profile.rules.find(adapter);
-        const std::string path = memberPath("rules", adapter);
         for (std::size_t i = 0; rules != profile.rules.end() && i < rules->second.size(); ++i) {
-            tracer.addRule(adapter, rules->second[i], elementPath(path, i));
+            tracer.addRule({adapter, i + 1}, rules->second[i]);
         }
         const auto policy = profile.adapterPolicyMap.find(adapter);
         if (policy != profile.adapterPolicyMap.end()) {
-            tracer.addPolicy(adapter, policy->second, memberPath("adapterPolicyMap", adapter));
+            tracer.addPolicy(adapter, policy->second);
         }
     }
     return tracer.lines();

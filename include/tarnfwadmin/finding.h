@@ -1,27 +1,54 @@
-/// One thing that a check of a document found, and where.
+/// What the checks of documents find, and where.
 #pragma once
 
+#include <cstddef>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <json/json.h>
 
+#include "tarnfwadmin/place.h"
+
 namespace tarnfw {
 
+/// One finding of a check.
 struct Finding {
-    std::string where;  ///< "rules.eth0[3].portList[1]", indices from 0; empty: the whole document
-    std::string text;   ///< "\"99999\" is not a port (0-65535)"
-    bool isError;       ///< else a warning
+    std::string text = {};               ///< "\"99999\" is not a port (0-65535)"
+    bool isError = true;                 ///< else a warning
+    std::optional<RulePlace> rule = {};  ///< the rule that it is about; none: another part
+
+    /// The member: within the rule ("portList[1]"), else within the document
+    /// ("adapterPolicyMap.eth0"), or a place in its text ("line 3, column 7"). Indices are JSON's,
+    /// from 0. Empty: the whole rule or document.
+    std::string path = {};
+
+    std::optional<RulePlace> shadowedBy =
+        {};  ///< the rule because of which `rule` never takes effect
+
+    /// In an exported configuration: the profile's member, "config_profiles[\"home.json\"]".
+    std::string profile = {};
 };
 
 /// Collects findings.
 class Findings {
 public:
-    void error(const std::string& where, const std::string& text) {
-        all_.push_back({where, text, true});
+    void error(const std::string& path, const std::string& text) {
+        error(std::nullopt, path, text);
     }
-    void warning(const std::string& where, const std::string& text) {
-        all_.push_back({where, text, false});
+    void error(std::optional<RulePlace> rule, const std::string& path, const std::string& text) {
+        all_.push_back({text, true, std::move(rule), path, {}, {}});
+    }
+    void warning(const std::string& path, const std::string& text) {
+        warning(std::nullopt, path, text);
+    }
+    void warning(std::optional<RulePlace> rule, const std::string& path, const std::string& text) {
+        all_.push_back({text, false, std::move(rule), path, {}, {}});
+    }
+    void shadowed(const RulePlace& rule, const RulePlace& by) {
+        all_.push_back(
+            {"never takes effect: shadowed by " + placeText(by), false, rule, "", by, {}});
     }
     std::vector<Finding> take() { return std::move(all_); }
 
@@ -29,20 +56,25 @@ private:
     std::vector<Finding> all_;
 };
 
-bool hasErrors(const std::vector<Finding>& findings);
+std::size_t countErrors(const std::vector<Finding>& findings);
 
 /// The path of a member: "rules.eth0", and rules["eth0.7"] where a name has other characters than
 /// letters, digits, '_' and '-'.
 std::string memberPath(const std::string& base, const std::string& name);
 
-/// The path of an element: "rules.eth0[3]".
+/// The path of an element: "portList[3]", from 0.
 std::string elementPath(const std::string& base, std::size_t index);
 
-/// The line for a finding: "home.json: rules.eth0[3]: warning: ...", with "home.json" for `source`.
-/// Printable.
+/// "rule 4 of eth0: portList[1]: warning: ...": the finding without its document. Printable.
+std::string textOf(const Finding& finding);
+
+/// The line for a finding: "home.json: rule 4 of eth0: warning: ...", with "home.json" for
+/// `source`. Printable.
 std::string lineOf(const std::string& source, const Finding& finding);
 
-/// A finding as the "--json" of a command has it: "where", "text", "severity".
+/// A finding as the "--json" of a command has it: "where", which is a path through the document
+/// with indices from 0 ("rules.eth0[3].portList[1]"), "adapter" and "position" of the rule (null
+/// for a finding about another part), "text", "severity" ("error" or "warning").
 Json::Value jsonOf(const Finding& finding);
 
 }  // namespace tarnfw

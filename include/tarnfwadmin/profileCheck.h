@@ -1,8 +1,7 @@
-/// What is wrong with a profile's document, in words for the person who wrote it.
+/// Whether a profile's document is valid, and what is to be said about it.
 #pragma once
 
 #include <cstddef>
-#include <string>
 #include <vector>
 
 #include <json/json.h>
@@ -10,18 +9,27 @@
 #include "tarnfirewall/fwTypes.h"
 
 #include "tarnfwadmin/finding.h"
+#include "tarnfwadmin/place.h"
 
 namespace tarnfw {
 
-/// Checks a profile's document, before it is stored or after it was read: first against
-/// docs/profile.schema.json, then for what it means, as far as its shape allows. Errors are what no
-/// machine could make sense of: shape, addresses, ranges, ports, services that the catalogue does
-/// not have. Warnings are what depends on this machine as it is now (adapters, country data), and
-/// rules without effect. Reads the catalogue, the interfaces and the country database; changes
-/// nothing.
+/// Checks a profile's document (docs/profile-format.md), before it is stored or after it was read.
+/// Returns the findings in this order: the shape by docs/profile.schema.json; the meaning of each
+/// rule, default policy and adapter, as far as the shape allows; rules that never take effect.
+/// Errors are what is invalid on every machine (shape, addresses, ranges, ports) and services that
+/// the catalogue lacks. Warnings are what this machine lacks now (adapters, country data) and rules
+/// without effect.
+/// Reads the service catalogue, the interfaces and the country database; changes nothing. What
+/// cannot be read there is a warning; any document can be given.
 std::vector<Finding> checkProfile(const Json::Value& document);
 
-/// How many errors a check of the profile finds.
+/// How many errors checkProfile() finds in a profile; faster, since it leaves out the warnings
+/// about rules that never take effect.
 std::size_t errorsOf(const FW::FWPROFILE& profile);
+
+/// The findings of checkProfile() about the rules at `places`, about those that they shadow, and
+/// about the adapters that they are for.
+std::vector<Finding> ruleFindings(const FW::FWPROFILE& profile,
+                                  const std::vector<RulePlace>& places);
 
 }  // namespace tarnfw

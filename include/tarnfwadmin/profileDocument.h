@@ -8,38 +8,38 @@
 
 #include "tarnfirewall/fwTypes.h"
 
+#include "tarnfwadmin/finding.h"
+
 namespace tarnfw {
 
-/// A document on its way from a text to the store. Problems and remarks are a line each.
+/// A profile's document (docs/profile-format.md) on its way from a text to the store. An object is
+/// for one thread; it reads what checkProfile() reads and writes nothing.
 class ProfileDocument {
 public:
-    /// Parses `text`; `label` names it in the lines about it. A text that is no JSON object is a
-    /// problem.
-    ProfileDocument(const std::string& text, std::string label);
+    /// Parses `text`. What is not valid JSON, has a member twice, or is no object is an error.
+    explicit ProfileDocument(const std::string& text);
 
-    /// Makes another name than this one a problem.
+    /// Makes any other "name" than this one an error.
     void requireName(const std::string& name);
 
-    /// Makes it the document of a new profile: gives it this name, and takes away what "profile
-    /// show --json" adds.
+    /// Makes it the document of a new profile: gives it this name, and removes "active", which
+    /// "profile show --json" adds.
     void becomeNew(const std::string& name);
 
-    /// Checks the document, unless it has problems already. Returns whether it can be stored.
+    /// Checks the document, unless it has errors already. Returns whether it can be stored.
     bool check();
 
-    /// Prints problems and remarks to standard error.
-    void printFindings() const;
+    /// What was found so far, errors first.
+    const std::vector<Finding>& findings() const { return findings_; }
 
-    /// The profile, after a check without problems.
+    /// The profile, after a check that returned true.
     const FW::FWPROFILE& profile() const { return profile_; }
 
 private:
-    void addProblem(const std::string& text);
+    bool valid() const { return countErrors(findings_) == 0; }
 
-    std::string label_;
     Json::Value document_ = Json::objectValue;
-    std::vector<std::string> problems_;
-    std::vector<std::string> remarks_;
+    std::vector<Finding> findings_;
     FW::FWPROFILE profile_;
 };
 

@@ -8,6 +8,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
+#include "tarnfwadmin/place.h"
 #include "tarnfwadmin/store.h"
 
 namespace tarnfw {
@@ -16,7 +17,7 @@ namespace tarnfw {
 struct TracedLine {
     std::string family;  ///< "v4" or "v6"
     std::string line;    ///< "-t filter -A INPUT_FIREWALL -i eth0 -j DROP"
-    std::string where;   ///< "rules.eth0[3]", "adapterPolicyMap.eth0"; empty: of every profile
+    RulePlace place;     ///< the rule or default policy; no adapter: a line of every profile
 };
 
 /// The commands of a stored profile for an apply mode, as a reload makes them. Returns false,

@@ -46,10 +46,10 @@ answers 2 check one two
 profile office "$(rule '"portList": ["22", "99999"]')" >"$kProfileDirectory/office.json"
 answers 3 check office
 silent
-prints <<<'office: rules.eth0[0].portList[1]: "99999" is not a port (0-65535)'
+prints <<<'office: rule 1 of eth0: portList[1]: "99999" is not a port (0-65535)'
 activate office
 answers 3 check
-prints <<<'office: rules.eth0[0].portList[1]: "99999" is not a port (0-65535)'
+prints <<<'office: rule 1 of eth0: portList[1]: "99999" is not a port (0-65535)'
 activate default
 
 # --- files -----------------------------------------------------------------------------------------
@@ -76,16 +76,16 @@ jq '.rules.eth0[1] |= (.ipGroup = 4 | .ipList = ["10.0.0.9", "10.0.0.5"] | .port
 answers 3 check wrong.json
 silent
 prints <<'END'
-wrong.json: rules.eth0[0]: "table" is missing
-wrong.json: rules.eth0[1].portGroup: 9 is none of 0, 1, 2, 3
+wrong.json: rule 1 of eth0: "table" is missing
+wrong.json: rule 2 of eth0: portGroup: 9 is none of 0, 1, 2, 3
 wrong.json: colour: there is no such member
-wrong.json: rules.eth0[1].ipList: the range runs backwards: "10.0.0.5" is before "10.0.0.9"
+wrong.json: rule 2 of eth0: ipList: the range runs backwards: "10.0.0.5" is before "10.0.0.9"
 END
 
 # Warnings leave the exit status alone, unless they are to count.
 profile home "$(rule '')" "$(rule '"policy": 1')" >shadow.json
 cat >warning <<'END'
-shadow.json: rules.eth0[1]: warning: never decides: rules.eth0[0] (allow) comes first and matches all that it does
+shadow.json: rule 2 of eth0: warning: never takes effect: shadowed by rule 1 of eth0
 END
 answers 0 check shadow.json
 prints <warning
@@ -115,21 +115,29 @@ step 'as a document' diff -u - <(jq --sort-keys . "$out/answer") <<'END'
   "errors": 4,
   "findings": [
     {
+      "adapter": "eth0",
+      "position": 1,
       "severity": "error",
       "text": "\"table\" is missing",
       "where": "rules.eth0[0]"
     },
     {
+      "adapter": "eth0",
+      "position": 2,
       "severity": "error",
       "text": "9 is none of 0, 1, 2, 3",
       "where": "rules.eth0[1].portGroup"
     },
     {
+      "adapter": null,
+      "position": null,
       "severity": "error",
       "text": "there is no such member",
       "where": "colour"
     },
     {
+      "adapter": "eth0",
+      "position": 2,
       "severity": "error",
       "text": "the range runs backwards: \"10.0.0.5\" is before \"10.0.0.9\"",
       "where": "rules.eth0[1].ipList"
@@ -162,10 +170,10 @@ profile home "$(rule '')" \
     "$(rule '"ipGroup": 3, "ipList": ["DE"], "portList": ["81"]')" >refused.json
 answers 3 check --kernel refused.json
 silent
-says '^refused.json: rules.eth0\[1\].chainList\[2\]: warning: "NOWHERE" is not a chain of the firewall'
-says '^refused.json: rules.eth0\[1\]: /sbin/iptables refuses "-t filter -A NOWHERE -i eth0 -p tcp --dport 80 -j RETURN": iptables.*No chain/target/match by that name'
+says '^refused.json: rule 2 of eth0: chainList\[2\]: warning: "NOWHERE" is not a chain of the firewall'
+says '^refused.json: rule 2 of eth0: /sbin/iptables refuses "-t filter -A NOWHERE -i eth0 -p tcp --dport 80 -j RETURN": iptables.*No chain/target/match by that name'
 for chain in FORWARD_FIREWALL INPUT_FIREWALL; do
-    says "^refused.json: rules.eth0\\[2\\]: /sbin/iptables refuses \"-t filter -A $chain -i eth0 -m geoip --source-country DE -p tcp --dport 81 -j RETURN\": iptables.*geoip"
+    says "^refused.json: rule 3 of eth0: /sbin/iptables refuses \"-t filter -A $chain -i eth0 -m geoip --source-country DE -p tcp --dport 81 -j RETURN\": iptables.*geoip"
 done
 step 'nothing else' [ "$(wc -l <"$out/answer")" = 4 ]
 # The rules that are refused are not errors of the document.
@@ -178,8 +186,8 @@ rm /usr/share/xt_geoip/DE.iv4
 # What cannot be translated, and what the library cannot read.
 jq '.rules.eth0[1].policy = 7' home.json >untranslatable.json
 answers 3 check --kernel untranslatable.json
-says '^untranslatable.json: rules.eth0\[1\].policy: 7 is none of 0, 1, 2$'
-says '^untranslatable.json: rules.eth0\[1\] cannot be translated, and with it the whole profile$'
+says '^untranslatable.json: rule 2 of eth0: policy: 7 is none of 0, 1, 2$'
+says '^untranslatable.json: rule 2 of eth0 cannot be translated, and with it the whole profile$'
 jq '.rules.eth0[1].policy = "1"' home.json >unreadable.json
 answers 3 check --kernel unreadable.json
 says '^unreadable.json: the library cannot read this: no line was loaded$'

@@ -205,27 +205,27 @@ END
 rule delete 2 4
 step 'two are left' [ "$(names_of eth0)" = 'four three' ]
 
-# --- rules that decide nothing ---------------------------------------------------------------------
+# --- rules that never take effect -----------------------------------------------------------------
 
 rule add deny from 10.0.0.0/8
 silent
 rule add allow tcp 5 from 10.1.0.0/16
 prints <<<'Rule 4 of eth0: allow tcp 5 from 10.1.0.0/16 (IPv4)'
-complains '^tarnfw: rule 4 of eth0: warning: never decides: rule 3 of eth0 (deny) comes first and '
+complains '^tarnfw: rule 4 of eth0: warning: never takes effect: shadowed by rule 3 of eth0$'
 rule move 4 3
 silent
-# Also when the new rule is the one that leaves others nothing to decide.
+# Also when the new rule is the one that shadows others.
 rule insert 1 deny any
-warns 3 '^tarnfw: rule 2 of eth0: warning: never decides: rule 1 of eth0 (deny) comes first and '
+warns 3 '^tarnfw: rule 2 of eth0: warning: never takes effect: shadowed by rule 1 of eth0$'
 rule add allow tcp 7
 rule move 1 2
-warns 3 '^tarnfw: rule 4 of eth0: warning: never decides: rule 2 of eth0 (deny) comes first and '
+warns 3 '^tarnfw: rule 4 of eth0: warning: never takes effect: shadowed by rule 2 of eth0$'
 rule move 2 1
 warns 4 '^tarnfw: and 1 more warning$'
 rule off 1
 silent
 answers 0 rule add --adapter global allow tcp 4 --name global
-complains '^tarnfw: rule 2 of eth0: warning: never decides: rule 2 of global (allow) comes first and '
+complains '^tarnfw: rule 2 of eth0: warning: never takes effect: shadowed by rule 2 of global$'
 answers 0 rule delete 2 --adapter global
 rule delete 1 4 5 6
 answers 0 rule add --adapter pppoe deny any
@@ -233,7 +233,7 @@ complains '^tarnfw: rules.pppoe: warning: '
 # What was written by hand and makes no sense is not switched on.
 sed 's/"ipList" : \[ "10.0.0.0"/"enable" : false, "ipList" : [ "10.0.0.999"/; s/"lan-only"/"bad"/' \
     "$checkout/examples/lan-only.json" >"$kProfileDirectory/bad.json"
-refused 3 '^tarnfw: rule 1 of eth0.ipList.0.: "10.0.0.999" is not an IPv4 address' \
+refused 3 '^tarnfw: rule 1 of eth0: ipList.0.: "10.0.0.999" is not an IPv4 address' \
     rule on 1 --adapter eth0 --profile bad
 answers 0 rule delete 1 --adapter eth0 --profile bad
 silent

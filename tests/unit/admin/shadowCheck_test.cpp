@@ -1,4 +1,4 @@
-// Which rules never decide because an earlier one matches all that they do, and which only look so.
+// Which rules never take effect because an earlier one shadows them, and which only look so.
 #include "check/shadowCheck.h"
 
 #include <ostream>
@@ -33,8 +33,7 @@ protected:
         if (!GetParam().shadowed) {
             return {};
         }
-        return {"home.json: " + later + ": warning: never decides: " + first +
-                " (allow) comes first and matches all that it does"};
+        return {"home.json: " + later + ": warning: never takes effect: shadowed by " + first};
     }
     static Json::Value first() { return rule(GetParam().first); }
     static Json::Value later() { return rule(GetParam().later); }
@@ -42,13 +41,14 @@ protected:
 
 TEST_P(ShadowTest, WithinOneList) {
     EXPECT_THAT(linesOf(profile({first(), later()})),
-                ElementsAreArray(expected("rules.global[0]", "rules.global[1]")));
+                ElementsAreArray(expected("rule 1 of global", "rule 2 of global")));
 }
 
 TEST_P(ShadowTest, ByGlobal) {
     Json::Value document = profile({first()});
     document["rules"]["wlan0"].append(later());
-    EXPECT_THAT(linesOf(document), ElementsAreArray(expected("rules.global[0]", "rules.wlan0[0]")));
+    EXPECT_THAT(linesOf(document),
+                ElementsAreArray(expected("rule 1 of global", "rule 1 of wlan0")));
 }
 
 const ShadowCase kShadows[] = {
@@ -118,11 +118,11 @@ const ShadowCase kShadows[] = {
 INSTANTIATE_TEST_SUITE_P(Shadows, ShadowTest, testing::ValuesIn(kShadows),
                          [](const auto& c) { return std::string(c.param.name); });
 
-/// The lines about rules that never decide.
+/// The lines about rules that never take effect.
 std::vector<std::string> shadowLinesOf(const Json::Value& document) {
     std::vector<std::string> found;
     for (const std::string& line : linesOf(document)) {
-        if (line.find("never decides") != std::string::npos) {
+        if (line.find("never takes effect") != std::string::npos) {
             found.push_back(line);
         }
     }
@@ -139,8 +139,8 @@ TEST_F(ShadowListTest, DirectionCountsWhereLinesNameAnInterface) {
     document["rules"]["wlan0"].append(outgoing);
     EXPECT_THAT(shadowLinesOf(document), IsEmpty());
     EXPECT_THAT(shadowLinesOf(profile({incoming, outgoing})),
-                ElementsAre("home.json: rules.global[1]: warning: never decides: rules.global[0] "
-                            "(allow) comes first and matches all that it does"));
+                ElementsAre("home.json: rule 2 of global: warning: never takes effect: shadowed by "
+                            "rule 1 of global"));
 }
 
 TEST_F(ShadowListTest, AnotherAdaptersRuleDoesNotShadow) {
@@ -152,12 +152,11 @@ TEST_F(ShadowListTest, AnotherAdaptersRuleDoesNotShadow) {
 }
 
 TEST_F(ShadowListTest, TheFirstOfSeveralIsNamed) {
-    EXPECT_THAT(
-        shadowLinesOf(profile({rule(R"({"policy": 1})"), rule(), rule()})),
-        ElementsAre("home.json: rules.global[1]: warning: never decides: rules.global[0] (deny) "
-                    "comes first and matches all that it does",
-                    "home.json: rules.global[2]: warning: never decides: rules.global[0] (deny) "
-                    "comes first and matches all that it does"));
+    EXPECT_THAT(shadowLinesOf(profile({rule(R"({"policy": 1})"), rule(), rule()})),
+                ElementsAre("home.json: rule 2 of global: warning: never takes effect: shadowed by "
+                            "rule 1 of global",
+                            "home.json: rule 3 of global: warning: never takes effect: shadowed by "
+                            "rule 1 of global"));
 }
 
 TEST_F(ShadowListTest, ChainsAndTablesCount) {

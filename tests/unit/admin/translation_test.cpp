@@ -134,20 +134,20 @@ constexpr char kProfile[] = R"({"name": "home", "adapterPolicyMap": {"eth0": 1, 
 TEST_F(TranslationTest, EachLineNamesItsRule) {
     std::vector<std::string> found;
     for (const TracedLine& line : tracedLines(profileFrom(kProfile))) {
-        if (line.line.find("INPUT_FIREWALL") != std::string::npos && !line.where.empty()) {
-            found.push_back(line.family + " " + line.where + ": " + line.line);
+        if (line.line.find("INPUT_FIREWALL") != std::string::npos && !line.place.adapter.empty()) {
+            found.push_back(line.family + " " + placeText(line.place) + ": " + line.line);
         }
     }
     const std::string start = "-t filter -A INPUT_FIREWALL ";
-    EXPECT_THAT(found,
-                ElementsAre("v4 rules.global[0]: " + start + "-p tcp --dport 1 -j DROP",
-                            "v4 adapterPolicyMap.wlan0: " + start + "-i wlan0 -j DROP",
-                            "v6 rules.wlan0[1]: " + start + "-i tun6in4 -p tcp --dport 2 -j LOG",
-                            "v6 rules.wlan0[1]: " + start + "-i tun6in4 -p tcp --dport 2 -j RETURN",
-                            "v6 adapterPolicyMap.wlan0: " + start + "-i tun6in4 -j DROP",
-                            "v6 rules.wlan0[1]: " + start + "-i wlan0 -p tcp --dport 2 -j LOG",
-                            "v6 rules.wlan0[1]: " + start + "-i wlan0 -p tcp --dport 2 -j RETURN",
-                            "v6 adapterPolicyMap.wlan0: " + start + "-i wlan0 -j DROP"));
+    EXPECT_THAT(
+        found, ElementsAre("v4 rule 1 of global: " + start + "-p tcp --dport 1 -j DROP",
+                           "v4 the default policy of wlan0: " + start + "-i wlan0 -j DROP",
+                           "v6 rule 2 of wlan0: " + start + "-i tun6in4 -p tcp --dport 2 -j LOG",
+                           "v6 rule 2 of wlan0: " + start + "-i tun6in4 -p tcp --dport 2 -j RETURN",
+                           "v6 the default policy of wlan0: " + start + "-i tun6in4 -j DROP",
+                           "v6 rule 2 of wlan0: " + start + "-i wlan0 -p tcp --dport 2 -j LOG",
+                           "v6 rule 2 of wlan0: " + start + "-i wlan0 -p tcp --dport 2 -j RETURN",
+                           "v6 the default policy of wlan0: " + start + "-i wlan0 -j DROP"));
     EXPECT_EQ(withFamilies(tracedLines(profileFrom(kProfile))), translated(profileFrom(kProfile)));
 }
 
@@ -159,7 +159,7 @@ TEST_F(TranslationTest, ARuleThatCannotBeTranslatedIsNamed) {
         FAIL() << "no failure";
     } catch (const Error& failure) {
         EXPECT_STREQ(failure.what(),
-                     "rules.wlan0[1] cannot be translated, and with it the whole profile");
+                     "rule 2 of wlan0 cannot be translated, and with it the whole profile");
     }
 }
 

@@ -214,6 +214,12 @@ void warn(const std::string& text) {
     std::cerr << (colourWanted(STDERR_FILENO) ? inColour(line, Paint::kDoubtful) : line) << '\n';
 }
 
+void warn(const std::string& source, const std::vector<Finding>& findings) {
+    for (const Finding& finding : findings) {
+        warn(lineOf(source, finding));
+    }
+}
+
 void Table::print(std::size_t indent) const {
     std::vector<std::vector<Cell>> rows;
     if (!headings_.empty()) {

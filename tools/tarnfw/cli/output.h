@@ -9,6 +9,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
+#include "tarnfwadmin/finding.h"
 #include "tarnfwadmin/text.h"
 
 namespace tarnfw {
@@ -31,6 +32,9 @@ Paint policyPaint(FW::FW_POLICY policy);
 
 /// Prints a line of warning, "tarnfw: ...", to standard error.
 void warn(const std::string& text);
+
+/// Prints a line for each finding about the document `source` in the same way.
+void warn(const std::string& source, const std::vector<Finding>& findings);
 
 /// One cell of a table. Its text is made printable.
 struct Cell {

@@ -1,5 +1,4 @@
 /// tarnfw check: what is wrong with a profile, and what the kernel says to it.
-#include <algorithm>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -67,11 +66,22 @@ std::vector<TracedLine> linesOf(const Json::Value& document, std::vector<Finding
         FW::TARNFW_JSON_DB().jsonToProfile(document, profile);
         return tracedLines(profile);
     } catch (const Json::Exception&) {
-        findings.push_back({"", "the library cannot read this: no line was loaded", true});
+        findings.push_back({"the library cannot read this: no line was loaded"});
     } catch (const Error& failure) {
-        findings.push_back({"", failure.what(), true});
+        findings.push_back({failure.what()});
     }
     return {};
+}
+
+/// That the kernel refuses a line, with its words for it.
+Finding refused(const TracedLine& line, const std::string& words) {
+    Finding finding{programOf(line.family) + " refuses " + inQuotes(line.line) + ": " + words};
+    if (line.place.position > 0) {
+        finding.rule = line.place;
+    } else if (!line.place.adapter.empty()) {
+        finding.path = memberPath("adapterPolicyMap", line.place.adapter);
+    }
+    return finding;
 }
 
 /// Loads every line of a profile into a scratch kernel. Returns how many there are.
@@ -82,13 +92,7 @@ std::size_t loadIntoKernel(const Json::Value& document, std::vector<Finding>& fi
     for (const TracedLine& line : lines) {
         const std::string words = kernel.load(line);
         if (!words.empty()) {
-            findings.push_back({line.where,
-                                programOf(line.family)
-                                    .append(" refuses ")
-                                    .append(inQuotes(line.line))
-                                    .append(": ")
-                                    .append(words),
-                                true});
+            findings.push_back(refused(line, words));
         }
         progress.step();
     }
@@ -110,8 +114,7 @@ Json::Value jsonOf(const std::string& source, const std::vector<Finding>& findin
     for (const Finding& finding : findings) {
         document["findings"].append(jsonOf(finding));
     }
-    const auto errors = static_cast<Json::UInt>(std::count_if(
-        findings.begin(), findings.end(), [](const Finding& one) { return one.isError; }));
+    const auto errors = static_cast<Json::UInt>(countErrors(findings));
     document["errors"] = errors;
     document["warnings"] = static_cast<Json::UInt>(findings.size()) - errors;
     return document;
@@ -123,7 +126,7 @@ void check(const Options& options) {
     Json::Value document;
     std::vector<Finding> findings = parseDocument(source.text, document);
     std::size_t loaded = 0;
-    if (!hasErrors(findings)) {
+    if (countErrors(findings) == 0) {
         append(findings, checkProfile(document));
         if (options.kernel && document.isObject()) {
             loaded = loadIntoKernel(document, findings);
@@ -143,7 +146,7 @@ void check(const Options& options) {
                       << '\n';
         }
     }
-    if (hasErrors(findings) || (options.strict && !findings.empty())) {
+    if (countErrors(findings) > 0 || (options.strict && !findings.empty())) {
         endWith(kExitUnchecked);
     }
 }

@@ -63,23 +63,19 @@ void complain(const std::string& source, const std::vector<Finding>& findings) {
     }
 }
 
-std::size_t errorsIn(const std::vector<Finding>& findings) {
-    return static_cast<std::size_t>(std::count_if(
-        findings.begin(), findings.end(), [](const Finding& finding) { return finding.isError; }));
-}
-
 /// Reads and checks the document. Says what is wrong with it, and refuses one with errors.
 Json::Value checkedDocument(const Options& options) {
     const std::string source = sourceOf(options.path);
     Json::Value document;
     const std::vector<Finding> syntax = parseDocument(readText(options.path), document);
     complain(source, syntax);
-    std::size_t errors = errorsIn(syntax);
+    std::size_t errors = countErrors(syntax);
     if (errors == 0) {
         const ExportFindings findings = checkExport(document);
         complain(source, findings.document);
         complain(source, findings.profiles);
-        errors = errorsIn(findings.document) + (options.force ? 0 : errorsIn(findings.profiles));
+        errors =
+            countErrors(findings.document) + (options.force ? 0 : countErrors(findings.profiles));
     }
     if (errors > 0) {
         throw Error(ErrorKind::kInvalid, "nothing was imported: " + counted(errors, "error") +
@@ -131,7 +127,7 @@ std::string keepBackup(const Json::Value& current) {
 
 /// The command that brings a backup back.
 std::string recovery(const std::string& path, const Json::Value& backup) {
-    const bool whole = errorsIn(checkExport(backup).profiles) == 0;
+    const bool whole = countErrors(checkExport(backup).profiles) == 0;
     return "tarnfw import " + std::string(whole ? "" : "--force ") + path;
 }
 

@@ -69,10 +69,10 @@ void list(bool json) {
 // ---- create, copy, rename, delete ----
 
 FW::FWPROFILE profileFrom(const std::string& path, const std::string& name) {
-    ProfileDocument document(readText(path), path);
+    ProfileDocument document(readText(path));
     document.becomeNew(name);
     const bool valid = document.check();
-    document.printFindings();
+    warn(path, document.findings());
     if (!valid) {
         throw Error(ErrorKind::kInvalid,
                     printable(path) + " does not check: no profile was created");

@@ -47,7 +47,7 @@ std::optional<ProfileDocument> edited(const PrivateText& text, const std::string
     if (!changed) {
         return std::nullopt;
     }
-    ProfileDocument document(text.read(), name);
+    ProfileDocument document(text.read());
     document.requireName(name);
     return document;
 }
@@ -74,7 +74,7 @@ std::optional<ProfileDocument> validDocument(const PrivateText& text, const std:
             return std::nullopt;
         }
         const bool valid = document->check();
-        document->printFindings();
+        warn(name, document->findings());
         if (valid) {
             return document;
         }

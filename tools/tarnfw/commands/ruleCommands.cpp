@@ -18,7 +18,7 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
-#include "tarnfwadmin/ruleFindings.h"
+#include "tarnfwadmin/profileCheck.h"
 #include "tarnfwadmin/ruleSyntax.h"
 #include "tarnfwadmin/ruleText.h"
 #include "tarnfwadmin/vocabulary.h"
@@ -157,32 +157,34 @@ Outcome changedAt(const Rules& rules, std::size_t position, const Target& target
     return {{standing(rules, position, target)}, {position}};
 }
 
-/// What there is to say about the changed rules. Refuses those that would never work.
+/// What there is to say about the changed rules. Refuses invalid ones.
 Texts warningsOf(const FW::FWPROFILE& profile, const std::string& adapter,
                  const std::vector<std::size_t>& positions) {
-    Texts warnings;
+    std::vector<RulePlace> places;
     for (const std::size_t position : positions) {
-        for (const Finding& finding : ruleFindings(profile, adapter, position)) {
-            const std::string line = lineOf("tarnfw", finding);
-            if (finding.isError) {
-                throw Error(ErrorKind::kInvalid, line.substr(line.find(' ') + 1));
-            }
-            if (std::find(warnings.begin(), warnings.end(), line) == warnings.end()) {
-                warnings.push_back(line);
-            }
+        places.push_back({adapter, position});
+    }
+    Texts warnings;
+    if (places.empty()) {
+        return warnings;
+    }
+    for (const Finding& finding : ruleFindings(profile, places)) {
+        if (finding.isError) {
+            throw Error(ErrorKind::kInvalid, textOf(finding), {"", finding.path, finding.rule});
         }
+        warnings.push_back(textOf(finding));
     }
     return warnings;
 }
 
-/// A rule put ahead of many can leave all of them nothing to decide.
+/// A rule put ahead of many can shadow all of them.
 void print(const Texts& warnings) {
     constexpr std::size_t kMost = 3;
     for (std::size_t i = 0; i < std::min(warnings.size(), kMost); ++i) {
-        std::cerr << warnings[i] << '\n';
+        warn(warnings[i]);
     }
     if (warnings.size() > kMost) {
-        std::cerr << "tarnfw: and " << counted(warnings.size() - kMost, "more warning") << '\n';
+        warn("and " + counted(warnings.size() - kMost, "more warning"));
     }
 }
 
