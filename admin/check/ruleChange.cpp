@@ -29,7 +29,7 @@ void requireValidProfile(const FW::FWPROFILE& profile) {
     if (errors > 1) {
         text += " (and " + counted(errors - 1, "more error") + ")";
     }
-    throw Error(ErrorKind::kInvalid, text);
+    throw Error(ErrorKind::kInvalid, text, {"", first->path, first->rule});
 }
 
 RulePlace addRule(StoreSession& session, const std::string& profile, const std::string& adapter,

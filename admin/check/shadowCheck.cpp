@@ -7,16 +7,9 @@
 #include <set>
 #include <string>
 
-#include <boost/algorithm/string/classification.hpp>
-#include <boost/algorithm/string/predicate.hpp>
-#include <boost/algorithm/string/replace.hpp>
-#include <boost/algorithm/string/split.hpp>
-
 #include "tarnfirewall/fwDB.h"
-#include "tarnfirewall/fwTypes.h"
 
-#include "tarnfwadmin/addressRange.h"
-#include "tarnfwadmin/portEntry.h"
+#include "machine/ruleMatch.h"
 
 namespace tarnfw {
 namespace {
@@ -26,10 +19,14 @@ namespace {
 /// The packets that a rule's port matches take.
 class PortSet {
 public:
-    /// `matches` as Machine::portMatches() gives them.
-    explicit PortSet(const Json::Value& matches) {
-        for (const Json::Value& match : matches) {
-            add(match.asString());
+    explicit PortSet(const std::vector<PortMatch>& matches) {
+        for (const PortMatch& match : matches) {
+            any_ = any_ || match.protocol.empty();
+            if (match.ports) {
+                ranges_[{match.protocol, match.source}].push_back(*match.ports);
+            } else {
+                protocols_.insert(match.protocol);
+            }
         }
         for (auto& [side, ranges] : ranges_) {
             merge(ranges);
@@ -50,29 +47,6 @@ public:
     }
 
 private:
-    /// "-p tcp --dport 22", "-p udp -m multiport --sports 53,6000:6010", "-p 47 ", or "".
-    void add(const std::string& match) {
-        if (match.empty()) {
-            any_ = true;
-            return;
-        }
-        std::vector<std::string> words;
-        boost::split(words, match, boost::is_any_of(" "));
-        words.erase(std::remove(words.begin(), words.end(), ""), words.end());
-        if (words.size() < 3) {
-            protocols_.insert(words.back());
-            return;
-        }
-        const bool source = boost::starts_with(words[words.size() - 2], "--s");
-        std::vector<std::string> entries;
-        boost::split(entries, words.back(), boost::is_any_of(","));
-        for (const std::string& entry : entries) {
-            if (const auto ports = portSpanFrom(boost::replace_all_copy(entry, ":", "-"))) {
-                ranges_[{words[1], source}].push_back(*ports);
-            }
-        }
-    }
-
     /// Sorts ranges, and makes one of those that overlap or touch.
     static void merge(std::vector<PortSpan>& ranges) {
         std::sort(ranges.begin(), ranges.end(),
@@ -104,72 +78,6 @@ private:
     std::map<std::pair<std::string, bool>, std::vector<PortSpan>> ranges_;  // by protocol and side
 };
 
-// ---- Addresses ----------------------------------------------------------------------------------
-
-/// The addresses of one family that a rule matches: any, a range or countries, on one side.
-struct AddressSet {
-    bool source = true;
-    std::optional<AddressRange> range;
-    std::set<std::string> countries;
-
-    bool any() const { return !range && countries.empty(); }
-
-    bool contains(const AddressSet& other) const {
-        if (any()) {
-            return true;
-        }
-        if (other.any() || source != other.source) {
-            return false;
-        }
-        if (range) {
-            return other.range && range->contains(*other.range);
-        }
-        return !other.range && std::includes(countries.begin(), countries.end(),
-                                             other.countries.begin(), other.countries.end());
-    }
-};
-
-std::optional<AddressRange> rangeOf(const FW::FWRULE& rule) {
-    const std::vector<std::string>& list = rule.ipList;
-    if (rule.ipGroup == FW::FW_IP_GROUP_SINGLE && !list.empty()) {
-        return rangeFrom(list[0], list[0]);
-    }
-    if (rule.ipGroup == FW::FW_IP_GROUP_NETWORK && list.size() >= 2) {
-        return networkFrom(list[0], list[1]);
-    }
-    if (rule.ipGroup == FW::FW_IP_GROUP_RANGE && list.size() >= 2) {
-        return rangeFrom(list[0], list[1]);
-    }
-    return std::nullopt;
-}
-
-/// What a rule matches in a family; nothing when it has no line there.
-std::optional<AddressSet> addressesOf(const FW::FWRULE& rule, bool ipv6, Machine& machine) {
-    if (rule.ipType != FW::FW_IP_TYPE_BOTH &&
-        rule.ipType != (ipv6 ? FW::FW_IP_TYPE_V6 : FW::FW_IP_TYPE_V4)) {
-        return std::nullopt;
-    }
-    AddressSet set;
-    set.source = rule.ipDirect != FW::FW_IP_DIRECT_DESTINATION;
-    if (rule.ipGroup == FW::FW_IP_GROUP_ANY) {
-        return set;
-    }
-    if (rule.ipGroup == FW::FW_IP_GROUP_COUNTRIES) {
-        std::copy_if(rule.ipList.begin(), rule.ipList.end(),
-                     std::inserter(set.countries, set.countries.end()),
-                     [&](const std::string& code) { return machine.hasCountry(code, ipv6); });
-        return set.countries.empty() ? std::nullopt : std::make_optional(set);
-    }
-    set.range = rangeOf(rule);
-    if (!set.range || set.range->first.isIpv6() != ipv6) {
-        return std::nullopt;
-    }
-    if (set.range->contains(wholeFamily(ipv6))) {
-        set.range.reset();
-    }
-    return set;
-}
-
 // ---- Rules --------------------------------------------------------------------------------------
 
 /// A rule that has lines, and what they match.
@@ -178,7 +86,7 @@ struct Matcher {
     FW::FWRULE rule;
     bool global;  // of the list "global", whose lines name no interface
     PortSet ports;
-    std::array<std::optional<AddressSet>, 2> addresses;  // IPv4, IPv6
+    std::array<std::optional<AddressMatch>, 2> addresses;  // IPv4, IPv6
 };
 
 bool shadows(const Matcher& first, const Matcher& later) {
@@ -235,12 +143,16 @@ public:
             if (!rule || !rule->enable || rule->policy == FW::FW_POLICY_NONE) {
                 continue;
             }
+            const auto ports = portMatchesOf(*rule, machine_);
+            if (!ports) {
+                continue;
+            }
             Matcher matcher{
                 place,
                 *rule,
                 adapter == FW::FW_ADAPTER_GLOBAL,
-                PortSet(machine_.portMatches(*rule)),
-                {addressesOf(*rule, false, machine_), addressesOf(*rule, true, machine_)}};
+                PortSet(*ports),
+                {addressMatchOf(*rule, false, machine_), addressMatchOf(*rule, true, machine_)}};
             const bool hasLines =
                 !matcher.ports.empty() && (matcher.addresses[0] || matcher.addresses[1]);
             if (hasLines) {

@@ -2,11 +2,7 @@
 
 #include <algorithm>
 
-#include <json/json.h>
-
-#include "tarnfirewall/fwGeoip.h"
-#include "tarnfirewall/fwTypes.h"
-
+#include "machine/ruleMatch.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/ruleText.h"
@@ -21,73 +17,8 @@ constexpr char kInputChain[] = "INPUT_FIREWALL";
 constexpr char kFilterTable[] = "filter";
 constexpr char kLoopback[] = "lo";
 
-// ---- Ports ----
-
-/// The ports of a rule's lines, line by line; the kernel takes or refuses a line as a whole.
-std::vector<PortSpan> spansOf(const std::vector<std::string>& ports) {
-    std::vector<PortSpan> spans;
-    for (std::size_t first = 0; first < ports.size(); first += FW::FW_PORTS_PER_LINE) {
-        const std::size_t end = std::min(first + FW::FW_PORTS_PER_LINE, ports.size());
-        std::vector<PortSpan> line;
-        for (std::size_t i = first; i < end; ++i) {
-            if (const std::optional<PortSpan> span = portSpanFrom(ports[i])) {
-                line.push_back(*span);
-            }
-        }
-        if (line.size() == end - first) {
-            spans.insert(spans.end(), line.begin(), line.end());
-        }
-    }
-    return spans;
-}
-
 bool overlap(const PortSpan& a, const PortSpan& b) {
     return a.first <= b.last && b.first <= a.last;
-}
-
-bool isFor(std::int32_t ruleProtocol, FW::FW_PORT_PROTOCOL protocol) {
-    return ruleProtocol == protocol || ruleProtocol == FW::FW_PORT_PROTOCOL_TCP_UDP;
-}
-
-// ---- Addresses ----
-
-std::string at(const std::vector<std::string>& list, std::size_t index) {
-    return index < list.size() ? list[index] : std::string();
-}
-
-bool agreeUnder(const Address::Bytes& mask, const Address::Bytes& a, const Address::Bytes& b) {
-    for (std::size_t i = 0; i < mask.size(); ++i) {
-        if (((a[i] ^ b[i]) & mask[i]) != 0) {
-            return false;
-        }
-    }
-    return true;
-}
-
-/// Whether an address is in a network, also one whose mask has gaps.
-bool inNetwork(const std::string& base, const std::string& mask, const Address& address) {
-    if (const std::optional<AddressRange> range = networkFrom(base, mask)) {
-        return range->contains(address);
-    }
-    const std::optional<Address> network = addressFrom(base);
-    const std::optional<Address> bits = addressFrom(mask);
-    return network && bits && network->isIpv6() == address.isIpv6() &&
-           bits->isIpv6() == address.isIpv6() &&
-           agreeUnder(bits->bytes(), network->bytes(), address.bytes());
-}
-
-/// "10.0.0.1", or with a mask, which iptables takes in the same place.
-bool isAddressOrNetwork(const std::string& text, const Address& address) {
-    const std::size_t slash = text.find('/');
-    if (slash != std::string::npos) {
-        return inNetwork(text.substr(0, slash), text.substr(slash + 1), address);
-    }
-    return addressFrom(text) == address;
-}
-
-bool hasFamily(const FWRULE& rule, bool ipv6) {
-    return rule.ipType == FW::FW_IP_TYPE_BOTH ||
-           rule.ipType == (ipv6 ? FW::FW_IP_TYPE_V6 : FW::FW_IP_TYPE_V4);
 }
 
 // ---- Rules ----
@@ -224,117 +155,57 @@ std::optional<DecidedBy> fixedLine(const Packet& packet) {
     return packet.established ? std::optional(DecidedBy::kEstablished) : std::nullopt;
 }
 
-}  // namespace
-
 // ---- Matching ----
 
-bool Decider::inCountries(const std::vector<std::string>& countries, const Address& address) {
-    std::vector<std::string> usable;
-    if (countries.empty() || !FW::FW_GEOIP().geoipSanctify(countries, address.isIpv6(), usable)) {
-        return false;
-    }
-    return std::any_of(usable.begin(), usable.end(), [&](const std::string& country) {
-        const auto key = std::make_pair(country, address.isIpv6());
-        const auto [entry, isNew] = countries_.try_emplace(key);
-        if (isNew) {
-            Json::Value ranges;
-            // It logs for itself.
-            (void)FW::FW_GEOIP().countryIPGet(country, address.isIpv6(), ranges);
-            for (const Json::Value& range : ranges) {
-                if (const auto parsed =
-                        rangeFrom(range["ip_begin"].asString(), range["ip_end"].asString())) {
-                    entry->second.push_back(*parsed);
-                }
-            }
-        }
-        return std::any_of(entry->second.begin(), entry->second.end(),
-                           [&](const AddressRange& range) { return range.contains(address); });
-    });
-}
+/// Whether a packet fits; kPerhaps where it depends on what was not said about the packet.
+enum class Fit { kNo, kPerhaps, kYes };
 
-bool Decider::holdsAddress(const FWRULE& rule, const Address& address) {
-    switch (rule.ipGroup) {
-        case FW::FW_IP_GROUP_SINGLE:
-            return isAddressOrNetwork(at(rule.ipList, 0), address);
-        case FW::FW_IP_GROUP_NETWORK:
-            return inNetwork(at(rule.ipList, 0), at(rule.ipList, 1), address);
-        case FW::FW_IP_GROUP_COUNTRIES:
-            return inCountries(rule.ipList, address);
-        case FW::FW_IP_GROUP_RANGE: {
-            const auto range = rangeFrom(at(rule.ipList, 0), at(rule.ipList, 1));
-            return range && range->contains(address);
-        }
-        default:
-            return false;
+Fit fitOf(const FWRULE& rule, const Packet& packet, Machine& machine) {
+    const std::optional<AddressMatch> match = addressMatchOf(rule, packet.source.isIpv6(), machine);
+    if (!match) {
+        return Fit::kNo;
     }
-}
-
-Decider::Match Decider::matchesAddress(const FWRULE& rule, const Packet& packet) {
-    if (!hasFamily(rule, packet.source.isIpv6())) {
-        return Match::kNo;
+    if (match->any()) {
+        return Fit::kYes;
     }
-    if (rule.ipGroup == FW::FW_IP_GROUP_ANY) {
-        return Match::kYes;
-    }
-    if (rule.ipDirect != FW::FW_IP_DIRECT_DESTINATION) {
-        return holdsAddress(rule, packet.source) ? Match::kYes : Match::kNo;
+    if (match->source) {
+        return match->contains(packet.source, machine) ? Fit::kYes : Fit::kNo;
     }
     if (packet.destination) {
-        return holdsAddress(rule, *packet.destination) ? Match::kYes : Match::kNo;
+        return match->contains(*packet.destination, machine) ? Fit::kYes : Fit::kNo;
     }
-    const bool hasAddress =
-        rule.ipGroup == FW::FW_IP_GROUP_SINGLE || rule.ipGroup == FW::FW_IP_GROUP_NETWORK ||
-        rule.ipGroup == FW::FW_IP_GROUP_COUNTRIES || rule.ipGroup == FW::FW_IP_GROUP_RANGE;
-    return hasAddress ? Match::kPerhaps : Match::kNo;
+    return Fit::kPerhaps;
 }
 
-std::vector<Decider::MatchedPorts> Decider::matchedPorts(const FWRULE& rule, const Packet& packet) {
-    std::vector<MatchedPorts> matched;
-    const auto addPorts = [&](std::int32_t protocol, bool sourceSide,
-                              const std::vector<std::string>& ports) {
-        if (!isFor(protocol, packet.protocol)) {
-            return;
-        }
-        for (const PortSpan& span : spansOf(ports)) {
-            if (!sourceSide) {
-                matched.push_back({span, Match::kYes});
-                continue;
-            }
-            const PortSpan asked = packet.sourcePorts.value_or(PortSpan());
-            if (overlap(span, asked)) {
-                matched.push_back(
-                    {PortSpan(), covers(span, asked) ? Match::kYes : Match::kPerhaps});
-            }
-        }
-    };
-    switch (rule.portGroup) {
-        case 0:
-        case 2: {
-            FW::ServPort ports;
-            if (!translator_.servToPorts(rule.portList, ports)) {
-                throw Error(ErrorKind::kSystem, "the service catalogue cannot be read");
-            }
-            // A service's ports are matched on their own sides, whatever side the rule names.
-            for (const auto& [protocol, list] : ports.srcPorts) {
-                addPorts(protocol, true, list);
-            }
-            for (const auto& [protocol, list] : ports.dstPorts) {
-                addPorts(protocol, false, list);
-            }
-            break;
-        }
-        case 1:
-            addPorts(rule.protocol, rule.portDirect != FW::FW_PORT_DIRECT_DESTINATION,
-                     rule.portList);
-            break;
-        case 3:
-            matched.push_back({PortSpan(), Match::kYes});
-            break;
-        default:
-            break;
+/// Destination ports, and whether packets for them fit.
+struct FittingPorts {
+    PortSpan ports;
+    Fit fit;
+};
+
+std::vector<FittingPorts> fittingPorts(const FWRULE& rule, const Packet& packet, Machine& machine) {
+    const auto matches = portMatchesOf(rule, machine);
+    if (!matches) {
+        throw Error(ErrorKind::kSystem, "the service catalogue cannot be read");
     }
-    return matched;
+    const char* const protocol = packet.protocol == FW::FW_PORT_PROTOCOL_TCP ? "tcp" : "udp";
+    const PortSpan sourcePorts = packet.sourcePorts.value_or(PortSpan());
+    std::vector<FittingPorts> fitting;
+    for (const PortMatch& match : *matches) {
+        if (!match.protocol.empty() && match.protocol != protocol) {
+            continue;
+        }
+        if (!match.ports || !match.source) {
+            fitting.push_back({match.ports.value_or(PortSpan()), Fit::kYes});
+        } else if (overlap(*match.ports, sourcePorts)) {
+            fitting.push_back(
+                {PortSpan(), covers(*match.ports, sourcePorts) ? Fit::kYes : Fit::kPerhaps});
+        }
+    }
+    return fitting;
 }
+
+}  // namespace
 
 // ---- Deciding ----
 
@@ -359,6 +230,11 @@ Packet packetFrom(const std::string& address, const std::string& port,
     return packet;
 }
 
+Decider::Decider(FW::FWPROFILE profile)
+    : profile_(std::move(profile)), machine_(std::make_unique<Machine>()) {}
+
+Decider::~Decider() = default;
+
 std::vector<Decision> Decider::decide(const Packet& packet) {
     Pieces pieces(packet.ports);
     if (const std::optional<DecidedBy> line = fixedLine(packet)) {
@@ -369,17 +245,17 @@ std::vector<Decision> Decider::decide(const Packet& packet) {
         const std::size_t count = rules == profile_.rules.end() ? 0 : rules->second.size();
         for (std::size_t i = 0; i < count; ++i) {
             const FWRULE& rule = rules->second[i];
-            const Match address = hasLine(rule, list) ? matchesAddress(rule, packet) : Match::kNo;
-            if (address == Match::kNo) {
+            const Fit address = hasLine(rule, list) ? fitOf(rule, packet, *machine_) : Fit::kNo;
+            if (address == Fit::kNo) {
                 continue;
             }
             const RulePlace place = {list, i + 1};
             const bool denies = rule.policy == FW::FW_POLICY_DENY;
-            for (const MatchedPorts& matched : matchedPorts(rule, packet)) {
-                if (std::min(address, matched.match) == Match::kYes) {
-                    pieces.settle(matched.ports, decisionBy(DecidedBy::kRule, place, denies));
+            for (const FittingPorts& fitting : fittingPorts(rule, packet, *machine_)) {
+                if (std::min(address, fitting.fit) == Fit::kYes) {
+                    pieces.settle(fitting.ports, decisionBy(DecidedBy::kRule, place, denies));
                 } else {
-                    pieces.note(matched.ports, place, denies);
+                    pieces.note(fitting.ports, place, denies);
                 }
             }
         }
@@ -401,17 +277,9 @@ const FWRULE& Decider::ruleAt(const RulePlace& place) const {
 std::string Decider::reason(const Decision& decision) const {
     switch (decision.by) {
         case DecidedBy::kRule:
-            return std::string("rule ")
-                .append(std::to_string(decision.place.position))
-                .append(" of ")
-                .append(decision.place.adapter)
-                .append(": ")
-                .append(ruleText(ruleAt(decision.place)));
+            return placeText(decision.place) + ": " + ruleText(ruleAt(decision.place));
         case DecidedBy::kDefaultPolicy:
-            return std::string("the default policy of ")
-                .append(decision.place.adapter)
-                .append(": ")
-                .append(decision.denied ? "deny" : "allow");
+            return placeText(decision.place) + (decision.denied ? ": deny" : ": allow");
         case DecidedBy::kLoopback:
             return "packets of the machine to itself are always let through";
         case DecidedBy::kEstablished:

@@ -37,6 +37,21 @@ bool Machine::hasCountry(const std::string& code, bool ipv6) {
     return countries_[key] = FW::FW_GEOIP().geoipSanctify({code}, ipv6, usable);
 }
 
+const std::vector<AddressRange>& Machine::countryRanges(const std::string& code, bool ipv6) {
+    const auto [entry, isNew] = ranges_.try_emplace({code, ipv6});
+    if (isNew) {
+        Json::Value ranges;
+        (void)FW::FW_GEOIP().countryIPGet(code, ipv6, ranges);  // logs for itself
+        for (const Json::Value& range : ranges) {
+            if (const auto parsed =
+                    rangeFrom(range["ip_begin"].asString(), range["ip_end"].asString())) {
+                entry->second.push_back(*parsed);
+            }
+        }
+    }
+    return entry->second;
+}
+
 Json::Value Machine::portMatches(const FW::FWRULE& rule) {
     Json::Value arg;
     (void)translation_.iptablesRulesInit(arg);

@@ -6,9 +6,11 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "tarnfirewall/fwIptables.h"
 
+#include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/catalogue.h"
 
 namespace tarnfw {
@@ -28,6 +30,9 @@ public:
     /// Whether there are data of a country for a family.
     bool hasCountry(const std::string& code, bool ipv6);
 
+    /// The addresses of a country in a family; none without data.
+    const std::vector<AddressRange>& countryRanges(const std::string& code, bool ipv6);
+
     /// The port matches that the translation makes of a rule: "-p tcp --dport 22", or an empty
     /// text for any port. Null when the rule cannot be translated.
     Json::Value portMatches(const FW::FWRULE& rule);
@@ -38,6 +43,7 @@ private:
     FW::TARNFW_IPTABLES_RULES translation_;
     std::map<std::string, bool> adapters_;
     std::map<std::pair<std::string, bool>, bool> countries_;
+    std::map<std::pair<std::string, bool>, std::vector<AddressRange>> ranges_;
     std::optional<Catalogue> catalogue_;
 };
 

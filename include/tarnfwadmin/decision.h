@@ -2,14 +2,11 @@
 /// INPUT_FIREWALL. The blocked checks answer for all addresses at once; this answers for one.
 #pragma once
 
-#include <cstddef>
-#include <map>
+#include <memory>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "tarnfirewall/fwIptables.h"
 #include "tarnfirewall/fwTypes.h"
 
 #include "tarnfwadmin/addressRange.h"
@@ -17,6 +14,8 @@
 #include "tarnfwadmin/portEntry.h"
 
 namespace tarnfw {
+
+class Machine;  // private
 
 /// A packet that comes in and is for this machine, or several that differ in the port alone.
 struct Packet {
@@ -61,7 +60,10 @@ struct Decision {
 /// do those for "ppp0", which never get one.
 class Decider {
 public:
-    explicit Decider(FW::FWPROFILE profile) : profile_(std::move(profile)) {}
+    explicit Decider(FW::FWPROFILE profile);
+    ~Decider();
+    Decider(const Decider&) = delete;
+    Decider& operator=(const Decider&) = delete;
 
     const FW::FWPROFILE& profile() const { return profile_; }
 
@@ -77,22 +79,8 @@ public:
     std::string reason(const Decision& decision) const;
 
 private:
-    enum class Match { kNo, kPerhaps, kYes };
-
-    /// Destination ports for which a rule matches.
-    struct MatchedPorts {
-        PortSpan ports;
-        Match match;
-    };
-
-    Match matchesAddress(const FW::FWRULE& rule, const Packet& packet);
-    bool holdsAddress(const FW::FWRULE& rule, const Address& address);
-    bool inCountries(const std::vector<std::string>& countries, const Address& address);
-    std::vector<MatchedPorts> matchedPorts(const FW::FWRULE& rule, const Packet& packet);
-
     FW::FWPROFILE profile_;
-    FW::TARNFW_IPTABLES_RULES translator_;  // for the service catalogue, which it keeps
-    std::map<std::pair<std::string, bool>, std::vector<AddressRange>> countries_;
+    std::unique_ptr<Machine> machine_;
 };
 
 }  // namespace tarnfw

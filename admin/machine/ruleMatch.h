@@ -1,0 +1,58 @@
+/// What the lines of a rule match on this machine. The one account of it, for the decision about a
+/// packet and for the search for shadowed rules.
+#pragma once
+
+#include <array>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tarnfirewall/fwTypes.h"
+
+#include "machine/machine.h"
+#include "tarnfwadmin/addressRange.h"
+#include "tarnfwadmin/portEntry.h"
+
+namespace tarnfw {
+
+/// A network whose mask has gaps: all addresses that agree with `base` in the bits of `mask`.
+struct MaskedAddress {
+    Address base;
+    Address mask;
+};
+
+/// The addresses of one family that a rule matches, on one side of a packet. At most one member
+/// says which; without any, every address.
+struct AddressMatch {
+    bool source = true;  ///< the sender's; else the machine's own
+    std::optional<AddressRange> range;
+    std::optional<MaskedAddress> masked;
+    std::set<std::string> countries;  ///< codes, those that have data
+
+    bool any() const { return !range && !masked && countries.empty(); }
+
+    /// Reads the country database.
+    bool contains(const Address& address, Machine& machine) const;
+
+    /// Whether it surely contains all of `other`; countries are compared by their codes.
+    bool contains(const AddressMatch& other) const;
+};
+
+/// The packets of a protocol that a rule matches.
+struct PortMatch {
+    std::string protocol;           ///< as in the line: "tcp", "udp", "icmp", "47"; empty: any
+    std::optional<PortSpan> ports;  ///< none: all its packets
+    bool source = false;            ///< the ports are the sender's
+};
+
+/// What a rule's lines match in a family; nothing when it has no line there, or one
+/// that the kernel refuses.
+std::optional<AddressMatch> addressMatchOf(const FW::FWRULE& rule, bool ipv6, Machine& machine);
+
+/// What a rule's lines match; a packet has to fit one entry. A line that the kernel refuses, since
+/// one of its ports is none, has no entries. Nothing when the rule names services and the
+/// catalogue cannot be read.
+std::optional<std::vector<PortMatch>> portMatchesOf(const FW::FWRULE& rule, Machine& machine);
+
+}  // namespace tarnfw
