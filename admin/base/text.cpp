@@ -40,6 +40,12 @@ std::string inQuotes(const std::string& text) {
     return std::string("\"").append(printable(text)).append("\"");
 }
 
+bool isWord(const std::string& text) {
+    return !text.empty() && text.front() != '-' && text.front() != '!' &&
+           std::all_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) > ' ' && c != 0x7f; });
+}
+
 std::string counted(std::size_t number, const std::string& noun) {
     return std::to_string(number).append(" ").append(noun).append(number == 1 ? "" : "s");
 }
@@ -62,6 +68,10 @@ std::string nearest(const std::string& word, const std::vector<std::string>& kno
     const auto first = std::find_if(known.begin(), known.end(), begins);
     const bool only = first != known.end() && std::none_of(first + 1, known.end(), begins);
     return only ? *first : std::string();
+}
+
+std::string nearestCode(const std::string& word, const std::vector<std::string>& known) {
+    return word.size() > 2 ? nearest(word, known) : std::string();
 }
 
 std::string didYouMean(const std::string& guess) {

@@ -7,6 +7,7 @@
 #include "tarnfirewall/fwTypes.h"
 
 #include "tarnfwadmin/addressRange.h"
+#include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/portEntry.h"
 #include "tarnfwadmin/store.h"
 #include "tarnfwadmin/text.h"
@@ -16,9 +17,7 @@ namespace {
 
 using Json::Value;
 
-// Of an interface and of a chain, as the kernel has them.
-constexpr std::size_t kAdapterBytes = 15;
-constexpr std::size_t kChainBytes = 28;
+constexpr std::size_t kChainBytes = 28;  // as the kernel has them
 
 constexpr char kNoEffect[] = ": the rule has no effect";
 
@@ -44,13 +43,6 @@ std::optional<std::vector<std::string>> textsOf(const Value& rule, const char* m
 
 bool isOff(const Value& rule) {
     return rule["enable"].isBool() && !rule["enable"].asBool();
-}
-
-/// Whether a word of a command line can be made of it: the lines are split at blanks.
-bool isWord(const std::string& text) {
-    return !text.empty() && text.front() != '-' && text.front() != '!' &&
-           std::all_of(text.begin(), text.end(),
-                       [](char c) { return static_cast<unsigned char>(c) > ' ' && c != 0x7f; });
 }
 
 // ---- One rule -----------------------------------------------------------------------------------
@@ -292,8 +284,9 @@ void RuleCheck::checkServices(const std::vector<std::string>& names) {
     }
     for (std::size_t i = 0; i < names.size(); ++i) {
         if (machine_.hasCatalogue() && !machine_.hasService(names[i])) {
-            error(elementPath("portList", i),
-                  inQuotes(names[i]) + " is not a service that the firewall knows");
+            error(elementPath("portList", i), inQuotes(names[i]) +
+                                                  " is not a service that the firewall knows" +
+                                                  didYouMean(machine_.nearestService(names[i])));
         }
     }
 }
@@ -366,22 +359,19 @@ void RuleCheck::checkTable() {
 
 void checkAdapter(const std::string& adapter, const std::string& path, Machine& machine,
                   Findings& findings) {
-    const auto& predefined = FW::FW_PREDEFINED_ADAPTERS;
-    const bool isPredefined =
-        std::find(predefined.begin(), predefined.end(), adapter) != predefined.end();
-    if (!isWord(adapter) || adapter.size() > kAdapterBytes ||
-        adapter.find_first_of("/:") != std::string::npos) {
+    if (!isAdapterName(adapter)) {
         findings.error(path, inQuotes(adapter) + " is not the name of an adapter");
     } else if (adapter == FW::FW_PPPOE_INTERFACE) {
         findings.warning(path,
                          "what is said for \"ppp0\" is never applied; the adapter of a "
                          "PPPoE connection is \"pppoe\"");
     } else if (!machine.hasAdapter(adapter)) {
-        findings.warning(path, isPredefined ? inQuotes(adapter) +
-                                                  " has no interface now: what is said for "
-                                                  "it is left out"
-                                            : "there is no adapter " + inQuotes(adapter) +
-                                                  " now: what is said for it is left out");
+        findings.warning(path, isPredefined(adapter)
+                                   ? inQuotes(adapter) +
+                                         " has no interface now: what is said for "
+                                         "it is left out"
+                                   : "there is no adapter " + inQuotes(adapter) +
+                                         " now: what is said for it is left out");
     }
 }
 

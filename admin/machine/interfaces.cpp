@@ -116,14 +116,29 @@ bool isPredefined(const std::string& adapter) {
     return std::find(names.begin(), names.end(), adapter) != names.end();
 }
 
+bool isAdapterName(const std::string& name) {
+    return isWord(name) && name.size() < IFNAMSIZ && name != "." && name != ".." &&
+           name.find_first_of("/:") == std::string::npos;
+}
+
 void requireAdapter(const std::string& adapter, const std::vector<std::string>& others) {
     std::set<std::string> known(others.begin(), others.end());
     known.insert(FW::FW_PREDEFINED_ADAPTERS.begin(), FW::FW_PREDEFINED_ADAPTERS.end());
     for (const std::string& name : machineAdapters()) {
-        known.insert(name);
+        if (name != FW::FW_PPPOE_INTERFACE) {
+            known.insert(name);
+        }
     }
     if (known.count(adapter) != 0) {
+        if (!isAdapterName(adapter)) {
+            throw Error(ErrorKind::kUnusable, inQuotes(adapter) + " is not the name of an adapter");
+        }
         return;
+    }
+    if (adapter == FW::FW_PPPOE_INTERFACE) {
+        throw Error(
+            ErrorKind::kUnusable,
+            "rules of \"ppp0\" are never applied; those of \"pppoe\" are, to that connection");
     }
     const std::vector<std::string> names(known.begin(), known.end());
     const std::string meant = nearest(adapter, names);

@@ -4,6 +4,8 @@
 
 #include "tarnfirewall/fwGeoip.h"
 
+#include "tarnfwadmin/text.h"
+
 namespace tarnfw {
 
 bool Machine::hasAdapter(const std::string& adapter) {
@@ -25,6 +27,16 @@ bool Machine::hasCatalogue() {
 bool Machine::hasService(const std::string& name) {
     const std::optional<Service> service = catalogue().find(name);
     return service && service->usable();
+}
+
+std::string Machine::nearestService(const std::string& name) {
+    if (!serviceNames_) {
+        serviceNames_.emplace();
+        for (const Service& service : catalogue().usableServices()) {
+            serviceNames_->push_back(service.name);
+        }
+    }
+    return nearest(name, *serviceNames_);
 }
 
 bool Machine::hasCountry(const std::string& code, bool ipv6) {

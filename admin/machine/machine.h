@@ -27,6 +27,9 @@ public:
     /// Whether the firewall can use the service.
     bool hasService(const std::string& name);
 
+    /// The usable service whose name is most like `name`; empty when none is.
+    std::string nearestService(const std::string& name);
+
     /// Whether there are data of a country for a family.
     bool hasCountry(const std::string& code, bool ipv6);
 
@@ -45,6 +48,7 @@ private:
     std::map<std::pair<std::string, bool>, bool> countries_;
     std::map<std::pair<std::string, bool>, std::vector<AddressRange>> ranges_;
     std::optional<Catalogue> catalogue_;
+    std::optional<std::vector<std::string>> serviceNames_;
 };
 
 }  // namespace tarnfw

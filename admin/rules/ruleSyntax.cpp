@@ -263,7 +263,8 @@ void useCountries(const std::string& word, const RuleOptions& options,
         const std::string code = boost::to_upper_copy(entry);
         if (std::find(known.begin(), known.end(), code) == known.end()) {
             wrong(inQuotes(entry) + " is not a country with " + family +
-                  "data (two letters, such as " + known.front() + ")");
+                  "data (two letters, such as " + known.front() + ")" +
+                  didYouMean(nearestCode(code, known)));
         }
         if (std::find(rule.ipList.begin(), rule.ipList.end(), code) == rule.ipList.end()) {
             rule.ipList.push_back(code);

@@ -233,6 +233,7 @@ void StoreSnapshot::requireProfile(const std::string& name) const {
     if (std::find(names.begin(), names.end(), name) == names.end()) {
         const std::string perhaps = unreadableText();
         throw Error(ErrorKind::kNotFound, "there is no profile " + inQuotes(name) +
+                                              didYouMean(nearest(name, names)) +
                                               " (there is: " + listed(names) + ")" +
                                               (perhaps.empty() ? "" : "; " + perhaps));
     }

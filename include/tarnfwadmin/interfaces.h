@@ -13,26 +13,39 @@ namespace tarnfw {
 struct Interface {
     std::string name;
     bool up = false;
-    bool running = false;  ///< up, and the other end is there
-    std::vector<Address> addresses;
+    bool running = false;            ///< up, and the other end is there
+    std::vector<Address> addresses;  ///< of both families, in the kernel's order
 };
 
-/// All interfaces, "lo" among them, sorted by name.
+/// All interfaces of the kernel, "lo" among them, sorted by name, from getifaddrs(). Throws Error,
+/// kSystem, when they cannot be listed.
 std::vector<Interface> interfacesNow();
 
-/// The adapters that the library finds on the machine, sorted.
+/// The adapters that the library finds on the machine (TARNFW::fwAdapterEnum()), sorted. Throws
+/// Error, kSystem, when they cannot be listed.
 std::vector<std::string> machineAdapters();
 
-/// The interfaces that "pppoe" or "vpn" stands for now; none for any other name.
+/// The interfaces that "pppoe" or "vpn" is now; none for any other name. Throws Error, kSystem,
+/// when they cannot be listed.
 std::vector<std::string> standsFor(const std::string& adapter);
 
-/// What profiles may call an interface: itself, and "pppoe" or "vpn" where that stands for it.
+/// What profiles may call an interface: its own name, then "pppoe" or "vpn" where it is one of
+/// standsFor() that. Throws Error as that does.
 std::vector<std::string> adapterNamesOf(const std::string& interface);
 
 /// Whether the name is one of "global", "pppoe", "vpn".
 bool isPredefined(const std::string& adapter);
 
-/// Refuses an adapter that neither the machine nor one of `others` has, with the nearest right one.
+/// Whether profiles can have rules for an adapter of this name: at most 15 bytes, the kernel's
+/// limit for an interface; one word (isWord()); without '/' and ':'; not "." or "..". It need not
+/// exist.
+bool isAdapterName(const std::string& name);
+
+/// Throws Error unless rules can be for `adapter`: unless it is an interface of the machine that
+/// the library finds, a predefined adapter, or one of `others` (those of a profile). kNotFound,
+/// with the nearest name, for an unknown one; kUnusable for one of `others` that isAdapterName()
+/// rejects, and for "ppp0", whose rules are never applied; kSystem when the interfaces cannot be
+/// listed.
 void requireAdapter(const std::string& adapter, const std::vector<std::string>& others);
 
 }  // namespace tarnfw

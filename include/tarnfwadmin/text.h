@@ -13,12 +13,20 @@ std::string printable(std::string text);
 /// The same between double quotes, as messages cite names and texts.
 std::string inQuotes(const std::string& text);
 
+/// Whether a text can be one word of a line for the packet filter: not empty, without blanks and
+/// control characters, no option ("-x") and no negation ("!").
+bool isWord(const std::string& text);
+
 /// "1 rule", "3 rules".
 std::string counted(std::size_t number, const std::string& noun);
 
 /// The word of `known` that is most like `word`, or the only one that begins with it; empty when
 /// none is like it.
 std::string nearest(const std::string& word, const std::vector<std::string>& known);
+
+/// The same for country codes. Empty for a `word` of two letters or fewer, which is as near to many
+/// codes.
+std::string nearestCode(const std::string& word, const std::vector<std::string>& known);
 
 /// "; did you mean "eth0"?", to end a message with; empty without a guess.
 std::string didYouMean(const std::string& guess);

@@ -200,6 +200,7 @@ step 'now they are in the kernel' [ "$(listing v4 | grep -c -- '-j DROP')" = 0 ]
 answers 0 profile use default --reload
 step 'the others again' same_listing default
 refused 1 '^tarnfw: there is no profile "nowhere" ' profile use nowhere
+refused 1 '^tarnfw: there is no profile "opne"; did you mean "open"? (there is: ' profile use opne
 # A reload of it would leave the machine open.
 sed 's/"policy" : 0/"policy" : 7/; s/"lan-only"/"broken"/' "$example" >"$kProfileDirectory/broken.json"
 refused 3 '^tarnfw: profile "broken" has [0-9]* errors*; "tarnfw check broken" names [a-z]*; nothing was changed$' \

@@ -222,8 +222,11 @@ refused_whole 1 '^tarnfw: no profile has anything for adapter "eht0"; did you me
 refused_whole 1 '^tarnfw: "global" stands for every adapter' adapter rename global eth1
 refused_whole 1 '^tarnfw: "global" stands for every adapter' adapter rename eth0 global
 refused_whole 1 'rules for "ppp0" have no effect' adapter rename eth0 ppp0
-refused_whole 1 'cannot be an adapter.s name$' adapter rename eth0 'eth 1'
-refused_whole 1 'cannot be an adapter.s name$' adapter rename eth0 a_name_of_16_char
+refused_whole 1 'is not the name of an adapter$' adapter rename eth0 'eth 1'
+refused_whole 1 'is not the name of an adapter$' adapter rename eth0 a_name_of_16_char
+# What a check would reject: the profile could not be applied any more.
+refused_whole 1 '^tarnfw: "!x" is not the name of an adapter$' adapter rename eth0 '!x'
+refused_whole 1 '^tarnfw: "-x" is not the name of an adapter$' adapter rename eth0 -- -x
 # Their default policies differ: one of them would be lost.
 refused_whole 1 '^tarnfw: what "eth5" has in home would be replaced; nothing was changed (--yes goes on' \
     adapter rename eth0 eth5

@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tarnfirewall/fwDB.h"
+
 #include "profileCheck_testing.h"
 
 namespace tarnfw {
@@ -201,6 +203,9 @@ const RuleCase kPorts[] = {
     {"UnknownService",
      R"({"portGroup": 0, "portList": ["ssh", "telepathy"]})",
      {"portList[1]: \"telepathy\" is not a service that the firewall knows"}},
+    {"MisspeltService",
+     R"({"portGroup": 0, "portList": ["shs"]})",
+     {"portList[0]: \"shs\" is not a service that the firewall knows; did you mean \"ssh\"?"}},
     {"ServiceWithoutTitle",
      R"({"portGroup": 2, "portList": ["inner"]})",
      {"portList[0]: \"inner\" is not a service that the firewall knows"}},
@@ -305,6 +310,12 @@ const DocumentCase kDocuments[] = {
     {"NoAdapterName",
      R"({"adapterPolicyMap": {"eth0 -j ACCEPT": 1, "global": 2}})",
      {"adapterPolicyMap[\"eth0 -j ACCEPT\"]: \"eth0 -j ACCEPT\" is not the name of an adapter"}},
+    {"AdapterNameThatNegates",
+     R"({"adapterPolicyMap": {"!x": 1, "global": 2}})",
+     {"adapterPolicyMap[\"!x\"]: \"!x\" is not the name of an adapter"}},
+    {"AdapterNameOfADirectory",
+     R"({"adapterPolicyMap": {"..": 1, "global": 2}})",
+     {"adapterPolicyMap[\"..\"]: \"..\" is not the name of an adapter"}},
     {"AdapterNameTooLong",
      R"({"adapterPolicyMap": {"abcdefghijklmnop": 1, "global": 2}})",
      {"adapterPolicyMap.abcdefghijklmnop: \"abcdefghijklmnop\" is not the name of an adapter"}},
@@ -336,6 +347,42 @@ TEST_F(ProfileCheckTest, WithoutACatalogueServicesAreNotChecked) {
         linesOf(profile({rule(R"({"portGroup": 0, "portList": ["ssh"]})")})),
         ElementsAre("home.json: warning: the service catalogue cannot be read: services are "
                     "not checked"));
+}
+
+TEST_F(ProfileCheckTest, PlacesAreData) {
+    Json::Value document = profile({rule(), rule(R"({"portList": ["23"]})")});
+    document["rules"]["eth0.7"].append(rule(R"({"portList": ["x"]})"));
+    document["rules"]["global"].append(rule());
+    std::vector<std::string> places;
+    for (const Finding& finding : checkProfile(document)) {
+        const Json::Value entry = jsonOf(finding);
+        places.push_back(entry["where"].asString() + " " + entry["adapter"].asString() + " " +
+                         (entry["position"].isNull() ? "-" : entry["position"].asString()) +
+                         (finding.shadowedBy ? " by " + placeText(*finding.shadowedBy) : ""));
+    }
+    EXPECT_THAT(places,
+                ElementsAre("rules[\"eth0.7\"]  -", "rules[\"eth0.7\"][0].portList[0] eth0.7 1",
+                            "rules.global[2] global 3 by rule 1 of global"));
+}
+
+TEST_F(ProfileCheckTest, FindingsOfOneRuleAreThoseThatConcernIt) {
+    FW::FWPROFILE stored;
+    FW::TARNFW_JSON_DB().jsonToProfile(
+        profile({rule(), rule(), rule(R"({"portList": ["x"]})"), rule(R"({"portList": ["y"]})")}),
+        stored);
+    const auto textsAt = [&stored](std::size_t position) {
+        std::vector<std::string> texts;
+        for (const Finding& finding : ruleFindings(stored, {{"global", position}})) {
+            texts.push_back(textOf(finding));
+        }
+        return texts;
+    };
+    const std::string shadow =
+        "rule 2 of global: warning: never takes effect: shadowed by rule 1 of global";
+    EXPECT_THAT(textsAt(1), ElementsAre(shadow));
+    EXPECT_THAT(textsAt(2), ElementsAre(shadow));
+    EXPECT_THAT(textsAt(3),
+                ElementsAre("rule 3 of global: portList[0]: \"x\" is not a port (0-65535)"));
 }
 
 TEST_F(ProfileCheckTest, ControlCharactersDoNotReachTheTerminal) {

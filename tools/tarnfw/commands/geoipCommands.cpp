@@ -106,8 +106,10 @@ std::string knownCountry(const std::string& wanted) {
             return code;
         }
     }
-    throw Error(ErrorKind::kNotFound, "there are no data of a country " + inQuotes(wanted) +
-                                          "; \"tarnfw geoip list\" tells which there are");
+    throw Error(ErrorKind::kNotFound,
+                "there are no data of a country " + inQuotes(wanted) +
+                    didYouMean(nearestCode(boost::to_upper_copy(wanted), codes)) +
+                    "; \"tarnfw geoip list\" tells which there are");
 }
 
 void show(const ShowOptions& options) {

@@ -8,8 +8,6 @@
 #include <string>
 #include <vector>
 
-#include <boost/algorithm/string/join.hpp>
-
 #include "tarnfirewall/fwTypes.h"
 #include "tarnfirewall/tarnFW.h"
 
@@ -18,6 +16,7 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
+#include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/profileCheck.h"
 #include "tarnfwadmin/ruleSyntax.h"
 #include "tarnfwadmin/ruleText.h"
@@ -58,35 +57,6 @@ struct RuleCommand {
     Texts words;
     std::size_t position = 0;
 };
-
-// ---- Adapters ----
-
-/// The adapters that rules can be for: the machine's, the predefined ones, the profile's.
-Texts knownAdapters(const FW::FWPROFILE& profile) {
-    std::set<std::string> names;
-    if (!FW::TARNFW().fwAdapterEnum(names)) {
-        throw Error(ErrorKind::kSystem, "the machine's adapters cannot be listed");
-    }
-    names.erase(FW::FW_PPPOE_INTERFACE);
-    names.insert(FW::FW_PREDEFINED_ADAPTERS.begin(), FW::FW_PREDEFINED_ADAPTERS.end());
-    const Texts used = adaptersOf(profile);
-    names.insert(used.begin(), used.end());
-    return {names.begin(), names.end()};
-}
-
-void requireAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
-    const Texts known = knownAdapters(profile);
-    if (std::find(known.begin(), known.end(), adapter) != known.end()) {
-        return;
-    }
-    if (adapter == FW::FW_PPPOE_INTERFACE) {
-        throw Error(
-            ErrorKind::kSystem,
-            "rules of \"ppp0\" are never applied; those of \"pppoe\" are, to that connection");
-    }
-    throw Error(ErrorKind::kNotFound, "there is no adapter " + inQuotes(adapter) + " (there is: " +
-                                          printable(boost::join(known, ", ")) + ")");
-}
 
 // ---- Reserved rules ----
 
@@ -194,7 +164,7 @@ void changeRules(Context& context, const Target& target,
                  const std::function<Outcome(Rules&)>& change) {
     requireReloadable(context, target.reload);
     FW::FWPROFILE profile = context.store().profile(target.profile);
-    requireAdapter(profile, target.adapter);
+    requireAdapter(target.adapter, adaptersOf(profile));
     const Outcome outcome = change(profile.rules[target.adapter]);
     const Texts warnings = warningsOf(profile, target.adapter, outcome.changed);
     requireAppliable(context, profile, target.reload);
@@ -316,7 +286,7 @@ void setPolicy(const Target& target, const std::string& word) {
                                  : word == "deny" ? FW::FW_POLICY_DENY
                                                   : FW::FW_POLICY_NONE;
     FW::FWPROFILE profile = context.store().profile(target.profile);
-    requireAdapter(profile, target.adapter);
+    requireAdapter(target.adapter, adaptersOf(profile));
     profile.adapterPolicyMap[target.adapter] = policy;
     requireAppliable(context, profile, target.reload);
     context.session().storeProfile(profile);

@@ -28,8 +28,6 @@
 namespace tarnfw {
 namespace {
 
-constexpr std::size_t kMostNameBytes = 15;  // of an interface, as the kernel takes it
-
 using Profiles = std::map<std::string, FW::FWPROFILE>;
 
 // ---- What every one of these commands does ----
@@ -158,13 +156,6 @@ void update(const ReloadOptions& reload) {
 
 // ---- Adapters ----
 
-bool isInterfaceName(const std::string& name) {
-    return !name.empty() && name.size() <= kMostNameBytes && name != "." && name != ".." &&
-           std::none_of(name.begin(), name.end(), [](unsigned char c) {
-               return c <= ' ' || c == '/' || c == ':' || c == 0x7f;
-           });
-}
-
 void requireRenamable(const std::string& from, const std::string& to, const Profiles& profiles) {
     if (from == to) {
         throw Error(ErrorKind::kUnusable, "both names are " + inQuotes(from));
@@ -177,8 +168,8 @@ void requireRenamable(const std::string& from, const std::string& to, const Prof
         throw Error(ErrorKind::kUnusable,
                     "rules for \"ppp0\" have no effect; \"pppoe\" is its name");
     }
-    if (!isInterfaceName(to)) {
-        throw Error(ErrorKind::kUnusable, inQuotes(to) + " cannot be an adapter's name");
+    if (!isAdapterName(to)) {
+        throw Error(ErrorKind::kUnusable, inQuotes(to) + " is not the name of an adapter");
     }
     const std::vector<std::string> known = adaptersIn(profiles);
     if (std::find(known.begin(), known.end(), from) == known.end()) {
