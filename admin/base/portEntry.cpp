@@ -43,7 +43,7 @@ std::string portSpanText(const PortSpan& span) {
     return text;
 }
 
-std::string portFault(const std::string& entry) {
+std::string portEntryError(const std::string& entry) {
     if (portSpanFrom(entry)) {
         return "";
     }

@@ -301,9 +301,9 @@ void RuleCheck::checkPortEntries(const std::vector<std::string>& entries) {
         useless("portList", std::string("names no port") + kNoEffect);
     }
     for (std::size_t i = 0; i < entries.size(); ++i) {
-        const std::string fault = portFault(entries[i]);
-        if (!fault.empty()) {
-            error(elementPath("portList", i), fault);
+        const std::string wrong = portEntryError(entries[i]);
+        if (!wrong.empty()) {
+            error(elementPath("portList", i), wrong);
         }
     }
 }

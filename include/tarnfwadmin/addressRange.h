@@ -1,4 +1,5 @@
-/// Addresses as rules and country data have them: single ones, networks, ranges.
+/// Addresses as rules (FWRULE::ipList) and country data have them: single ones, networks, ranges.
+/// Nothing here throws.
 #pragma once
 
 #include <array>
@@ -44,20 +45,23 @@ struct AddressRange {
     }
 };
 
-/// "192.168.1.20" or "2001:db8::1", nothing else: no zone, no shortened IPv4 form.
+/// The address in "192.168.1.20" or "2001:db8::1". Nothing for any other text, also for one with a
+/// zone ("fe80::1%eth0") or a short IPv4 form ("10.1").
 std::optional<Address> addressFrom(const std::string& text);
 
-/// "192.168.1.20" or "2001:db8::1", in the shortest spelling.
+/// "192.168.1.20" or "2001:db8::1": the shortest spelling, which addressFrom() reads.
 std::string spelled(const Address& address);
 
-/// The length of a mask: "255.255.255.0" or "24" for IPv4 (at most 32), "64" for IPv6 (at most
-/// 128). Nothing for a mask with a gap in it.
+/// The bits of a mask: "255.255.255.0" or "24" for IPv4 (0-32), "64" for IPv6 (0-128). Nothing for
+/// any other text, also for a mask with a gap in it ("255.0.255.0").
 std::optional<int> prefixLengthFrom(const std::string& mask, bool ipv6);
 
 /// The addresses of a network: "192.168.1.0" and "255.255.255.0" or "24", "2001:db8::" and "64".
+/// `address` may be any address of the network. Nothing when one of the texts is not valid.
 std::optional<AddressRange> networkFrom(const std::string& address, const std::string& mask);
 
-/// The addresses from `first` to `last`; nothing for two families or a range that runs backwards.
+/// The addresses from `first` to `last`. Nothing when one of the texts is not valid, for addresses
+/// of two families, and for a range that runs backwards.
 std::optional<AddressRange> rangeFrom(const std::string& first, const std::string& last);
 
 /// Every address of a family.

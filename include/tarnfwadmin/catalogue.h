@@ -1,4 +1,5 @@
-/// The platform's service catalogue, as the commands look into it.
+/// The platform's service catalogue: what services there are, and their ports. The platform reads
+/// it from "/usr/tarn/etc.defaults/services.d/" and "/usr/tarn/etc/services.d/".
 #pragma once
 
 #include <cstdint>
@@ -19,35 +20,37 @@ struct ServiceSide {
     std::vector<std::string> ports;  ///< "80" or "6000-6010"; none: the service has no such side
 };
 
+/// A service of the catalogue.
 struct Service {
-    std::string name;
-    std::string title;
-    ServiceSide destination;
-    ServiceSide source;
+    std::string name;         ///< as rules name it: "ssh"
+    std::string title;        ///< for people: "SSH service"; empty: see usable()
+    ServiceSide destination;  ///< the ports that it answers on
+    ServiceSide source;       ///< the ports that it sends from, where that matters
 
     /// Whether the firewall uses the service: one without a title is kept out of it.
     bool usable() const { return !title.empty(); }
 };
 
-/// The catalogue as it is when the object is made.
+/// The catalogue as it is when the object is made. For one thread; it can be moved.
 class Catalogue {
 public:
-    /// Without a catalogue that can be read there are no services.
+    /// Reads the catalogue. One that cannot be read has no services; the platform logs why.
     Catalogue();
 
     /// Whether there is a catalogue, and not an empty one.
     bool readable() const { return list_ != nullptr; }
 
+    /// The service of this name, usable or not.
     std::optional<Service> find(const std::string& name) const;
 
-    /// All services, sorted by name.
+    /// All services, sorted by name. Reads the files' names of services anew.
     std::vector<Service> services() const;
 
     /// Those that the firewall uses, likewise.
     std::vector<Service> usableServices() const;
 
-    /// The record of a service that the firewall uses; refuses any other name, with the nearest
-    /// right one.
+    /// The service of this name. Throws Error: kNotFound, with the nearest right name, when there
+    /// is none; kUnusable for one that is not usable().
     Service require(const std::string& name) const;
 
 private:
@@ -57,10 +60,11 @@ private:
     std::unique_ptr<TARNFW_SERVICE_LIST, Release> list_;
 };
 
-/// The catalogue; throws Error when it is empty or cannot be read.
+/// The catalogue. Throws Error, kSystem, when it is empty or cannot be read.
 Catalogue requireCatalogue();
 
-/// The question of a blocked check for each port of a service, as the library asks them.
+/// One question for a blocked check for each port of a service: its source ports, then its
+/// destination ports, as the library's own check of a service asks them.
 std::vector<FW::PortCompareST> portsOf(const Service& service);
 
 }  // namespace tarnfw

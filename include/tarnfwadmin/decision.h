@@ -35,6 +35,7 @@ struct Packet {
 Packet packetFrom(const std::string& address, const std::string& port,
                   const std::string& interface);
 
+/// What decides for a packet.
 enum class DecidedBy {
     kRule,
     kDefaultPolicy,  ///< of an adapter
@@ -47,17 +48,19 @@ enum class DecidedBy {
 struct Decision {
     PortSpan ports;
     DecidedBy by = DecidedBy::kNothing;
-    RulePlace place;  ///< the rule; of a default policy, its adapter; else empty
+    RulePlace place;  ///< the rule or default policy; else without an adapter
     bool denied = false;
 
-    /// Rules ahead of it with the other outcome that match some of these packets: their source
-    /// ports or the machine's own address decide, and were not told.
+    /// Earlier rules with the other outcome that match some of these packets, depending on the
+    /// source port or on the machine's own address, which the packet leaves open.
     std::vector<RulePlace> unless;
 };
 
 /// Decides by one profile, as if each adapter asked about were there. Country rules count as in a
 /// kernel with the "geoip" match. Rules whose line the kernel refuses decide nothing, and neither
 /// do those for "ppp0", which never get one.
+/// Reads the service catalogue and the country database when a rule needs them, each once. For one
+/// thread; changes nothing.
 class Decider {
 public:
     explicit Decider(FW::FWPROFILE profile);
@@ -68,14 +71,14 @@ public:
     const FW::FWPROFILE& profile() const { return profile_; }
 
     /// The ports of `packet` in ascending order, without gaps; neighbours differ in what decides.
-    /// Throws Error when the service catalogue cannot be read.
+    /// Throws Error, kSystem, when a rule names services and the catalogue cannot be read.
     std::vector<Decision> decide(const Packet& packet);
 
-    /// The rule at a place.
+    /// The rule at a place of a decision of this profile; else throws std::out_of_range.
     const FW::FWRULE& ruleAt(const RulePlace& place) const;
 
-    /// "rule 3 of eth0: allow tcp 22 from 192.168.1.0/24 (IPv4)", "the default policy of eth0:
-    /// deny", "no rule and no default policy decides", ...
+    /// In words: "rule 3 of eth0: allow tcp 22 from 192.168.1.0/24 (IPv4)", "the default policy of
+    /// eth0: deny", "no rule and no default policy decides", ... Not made printable.
     std::string reason(const Decision& decision) const;
 
 private:

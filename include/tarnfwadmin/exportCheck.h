@@ -1,4 +1,4 @@
-/// What is wrong with a document that is to replace the whole configuration.
+/// Whether a document can replace the whole configuration.
 #pragma once
 
 #include <vector>
@@ -11,10 +11,13 @@ namespace tarnfw {
 
 /// Findings about an exported configuration.
 struct ExportFindings {
-    std::vector<Finding> document;  ///< its shape, file names, settings: never to be imported so
-    std::vector<Finding> profiles;  ///< as checkProfile() has them, with the profile's place before
+    std::vector<Finding> document;  ///< shape, file names, settings: with errors, never to import
+    std::vector<Finding> profiles;  ///< of checkProfile(), each with Finding::profile
 };
 
+/// Checks an exported configuration (docs/export.schema.json): its shape; keys that cannot be file
+/// names; profile names that occur twice; an active profile that is not there; each profile. Reads
+/// what checkProfile() reads; changes nothing.
 ExportFindings checkExport(const Json::Value& document);
 
 }  // namespace tarnfw

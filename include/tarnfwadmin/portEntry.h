@@ -1,4 +1,5 @@
-/// Ports as rules and questions have them: "80", "6000-6010".
+/// Ports as rules (FWRULE::portList) and questions (PortCompareST::port) have them: "80",
+/// "6000-6010". Nothing here throws.
 #pragma once
 
 #include <optional>
@@ -8,7 +9,7 @@ namespace tarnfw {
 
 inline constexpr int kHighestPort = 65535;
 
-/// Ports, both ends included.
+/// Ports, both ends included; by default all of them.
 struct PortSpan {
     int first = 0;
     int last = kHighestPort;
@@ -17,19 +18,22 @@ struct PortSpan {
 /// Whether all of `inner` is in `outer`.
 bool covers(const PortSpan& outer, const PortSpan& inner);
 
-/// "80"; nothing for what is no port. No leading zeros: iptables would read an octal number.
+/// The number in "80": 0-65535, digits only. Nothing for any other text, also for one with leading
+/// zeros, which iptables would read as an octal number.
 std::optional<int> portFrom(const std::string& text);
 
-/// "80" or "6000-6010"; nothing for what is no port. A range that runs backwards stays so.
+/// The ports of "80" (both ends the same) or "6000-6010"; nothing for any other text. The ends stay
+/// in the order of the text, also in a range that runs backwards.
 std::optional<PortSpan> portEndsFrom(const std::string& text);
 
-/// The same, and nothing for a range that runs backwards.
+/// The same, but nothing for a range that runs backwards.
 std::optional<PortSpan> portSpanFrom(const std::string& text);
 
-/// "80" or "6000-6010".
+/// "80" or "6000-6010": the text that portSpanFrom() reads.
 std::string portSpanText(const PortSpan& span);
 
-/// What is wrong with an entry: "\"99999\" is not a port (0-65535)"; empty when nothing is.
-std::string portFault(const std::string& entry);
+/// Why portSpanFrom() does not read an entry: "\"99999\" is not a port (0-65535)". Empty for an
+/// entry that it reads. Printable.
+std::string portEntryError(const std::string& entry);
 
 }  // namespace tarnfw

@@ -17,29 +17,34 @@
 
 namespace tarnfw {
 
-/// What rules can name on this machine.
+/// What rules can name on this machine. The caller reads it (Catalogue, FW_GEOIP); reading a rule's
+/// words reads no file.
 struct RuleVocabulary {
-    std::map<std::string, std::int32_t> services;  ///< usable ones, with the catalogue's protocol
-    std::vector<std::string> countriesV4;          ///< codes that have IPv4 data
-    std::vector<std::string> countriesV6;          ///< codes that have IPv6 data
+    /// By name, those that the firewall uses; with the FW_PORT_PROTOCOL code of the ports that they
+    /// answer on.
+    std::map<std::string, std::int32_t> services;
+    std::vector<std::string> countriesV4;  ///< codes that have IPv4 data: "DE"
+    std::vector<std::string> countriesV6;  ///< codes that have IPv6 data
 };
 
-/// What is said of a rule with options instead of words.
+/// What options say about a rule and words do not. At most one of `v4` and `v6`.
 struct RuleOptions {
-    bool v4 = false;          ///< IPv4 only
-    bool v6 = false;          ///< IPv6 only
-    bool sourcePort = false;  ///< the ports are the sender's
-    bool out = false;         ///< packets that leave through the adapter
-    bool log = false;
-    bool disabled = false;
-    std::string name;
-    std::vector<std::string> labels;
+    bool v4 = false;                  ///< IPv4 only
+    bool v6 = false;                  ///< IPv6 only
+    bool sourcePort = false;          ///< the ports are the sender's
+    bool out = false;                 ///< packets that leave through the adapter
+    bool log = false;                 ///< FWRULE::blLog
+    bool disabled = false;            ///< stored switched off
+    std::string name;                 ///< FWRULE::name
+    std::vector<std::string> labels;  ///< FWRULE::labelList
 };
 
-/// The rule that `words` and `options` describe, for both address families unless an address or an
-/// option says otherwise. Networks are stored by their first address, IPv4 masks with dots.
-/// Throws Error: kInvalid, with one line that names the word and what was expected in its place;
-/// kSystem without a service catalogue; kNotFound for countries without data.
+/// The rule that `words` and `options` describe. It is for both address families unless an address
+/// or an option says otherwise. A network is stored by its first address, an IPv4 mask with dots;
+/// countries in capital letters; tcp or udp without ports as "0-65535".
+/// Throws Error: kInvalid, with one line that names the word, what was expected in its place and
+/// the nearest right one; kSystem for a service when `vocabulary` has none at all; kNotFound for a
+/// country when it has none for the family.
 FW::FWRULE ruleFrom(const std::vector<std::string>& words, const RuleOptions& options,
                     const RuleVocabulary& vocabulary);
 

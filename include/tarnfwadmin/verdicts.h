@@ -1,4 +1,4 @@
-/// The questions of "blocked" and "explain", and the library's answers to them.
+/// Blocked checks: questions about ports, and the library's verdicts on them by the active profile.
 #pragma once
 
 #include <string>
@@ -8,11 +8,11 @@
 
 namespace tarnfw {
 
-/// Reads "tcp/22", "udp/5000-5010" or "both/53" ("tcp+udp/53"). Returns what is wrong with the
-/// text; empty when nothing is.
+/// Reads "tcp/22", "udp/5000-5010" or "both/53" ("tcp+udp/53") into a question about destination
+/// ports. Returns why the text is not valid, and then leaves `question` alone; else an empty text.
 std::string portQuestionFrom(const std::string& text, FW::PortCompareST& question);
 
-/// "tcp/22", "both/53"; for source ports "source tcp/22".
+/// "tcp/22", "both/53"; for source ports "source tcp/22". Not made printable.
 std::string questionText(const FW::PortCompareST& question);
 
 /// "allowed", "blocked", "undecided", "mixed"; on the way "allowed for some addresses", "blocked
@@ -22,24 +22,26 @@ std::string verdictText(FW::FW_POLICY verdict);
 /// The verdict on one question, and the steps of this adapter that led there.
 struct PortAnswer {
     FW::PortCompareST question;
-    FW::FW_POLICY verdict = FW::FW_POLICY_NONE;
-    std::vector<FW::FWVERDICTSTEP> steps;
+    FW::FW_POLICY verdict = FW::FW_POLICY_NONE;  ///< ALLOW, DENY, NONE or MIXED
+    std::vector<FW::FWVERDICTSTEP> steps;        ///< in the order of TARNFW::fwPortExplain()
 };
 
 /// The verdict of an adapter on all questions together: blocked before mixed before allowed before
 /// undecided.
 struct AdapterAnswer {
-    std::string adapter;
-    FW::FW_POLICY verdict = FW::FW_POLICY_NONE;
-    std::vector<PortAnswer> ports;
+    std::string adapter;                         ///< "global" or as asked
+    FW::FW_POLICY verdict = FW::FW_POLICY_NONE;  ///< ALLOW, DENY, NONE or MIXED
+    std::vector<PortAnswer> ports;               ///< one for each question, in their order
 };
 
-/// Asks the library about each adapter by its name: asked about all at once, it goes through the
-/// rules of "global" twice. The first answer is that of "global". Throws Error.
+/// The verdicts for each adapter; the first answer is that of "global", and then one for each of
+/// `adapters`, in their order. Asks the library about each by its name: asked about all at once, it
+/// goes through the rules of "global" twice. Throws Error, kSystem, when the active profile or the
+/// service catalogue cannot be read.
 std::vector<AdapterAnswer> askVerdicts(const std::vector<FW::PortCompareST>& questions,
                                        const std::vector<std::string>& adapters);
 
-/// Whether nothing of it is blocked or mixed.
+/// Whether no verdict is "blocked" or "mixed".
 bool allAllowed(const std::vector<AdapterAnswer>& answers);
 
 }  // namespace tarnfw

@@ -30,7 +30,7 @@ TEST(PortEntryTest, ReadsPortsAndRanges) {
         const auto span = tarnfw::portSpanFrom(text);
         ASSERT_TRUE(span) << text;
         EXPECT_EQ(tarnfw::portSpanText(*span), text);
-        EXPECT_EQ(tarnfw::portFault(text), "");
+        EXPECT_EQ(tarnfw::portEntryError(text), "");
     }
     EXPECT_EQ(tarnfw::portSpanText(tarnfw::portSpanFrom("80-80").value()), "80");
 }
@@ -39,7 +39,7 @@ TEST(PortEntryTest, ReadsNothingElse) {
     for (const std::string text : kNoPorts) {
         EXPECT_FALSE(tarnfw::portEndsFrom(text)) << text;
         EXPECT_FALSE(tarnfw::portSpanFrom(text)) << text;
-        EXPECT_EQ(tarnfw::portFault(text).find('"' + text + "\" is not a "), 0) << text;
+        EXPECT_EQ(tarnfw::portEntryError(text).find('"' + text + "\" is not a "), 0) << text;
     }
 }
 
@@ -49,7 +49,7 @@ TEST(PortEntryTest, RangeThatRunsBackwardsHasEndsOnly) {
     EXPECT_EQ(ends->first, 20);
     EXPECT_EQ(ends->last, 10);
     EXPECT_FALSE(tarnfw::portSpanFrom("20-10"));
-    EXPECT_EQ(tarnfw::portFault("20-10"), "\"20-10\" is a range that runs backwards");
+    EXPECT_EQ(tarnfw::portEntryError("20-10"), "\"20-10\" is a range that runs backwards");
 }
 
 TEST(PortEntryTest, ReadsOnePort) {
