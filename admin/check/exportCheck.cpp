@@ -7,6 +7,7 @@
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "check/schemaCheck.h"
+#include "machine/machine.h"
 #include "tarnfwadmin/profileCheck.h"
 #include "tarnfwadmin/store.h"
 #include "tarnfwadmin/text.h"
@@ -84,11 +85,12 @@ ExportFindings checkExport(const Json::Value& document) {
     all.document.insert(all.document.end(), more.begin(), more.end());
 
     const Json::Value& profiles = document[kConfigProfiles];
+    Machine machine;
     for (const std::string& key : profiles.getMemberNames()) {
         if (!profiles[key].isObject() || !profiles[key]["name"].isString()) {
             continue;
         }
-        for (Finding finding : checkProfile(profiles[key])) {
+        for (Finding finding : checkProfile(profiles[key], machine)) {
             finding.profile = memberPath(kConfigProfiles, key);
             all.profiles.push_back(std::move(finding));
         }

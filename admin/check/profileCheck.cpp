@@ -1,7 +1,10 @@
 #include "tarnfwadmin/profileCheck.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <iterator>
+#include <set>
 
 #include "tarnfirewall/fwDB.h"
 
@@ -24,25 +27,51 @@ Json::Value documentOf(const FW::FWPROFILE& profile) {
     return document;
 }
 
-/// All but the rules that never take effect: finding those takes longest.
-std::vector<Finding> checkShapeAndMeaning(const Json::Value& document, Machine& machine) {
-    std::vector<Finding> findings = checkSchema(document, kProfileSchema);
-    append(findings, checkMeaning(document, machine));
-    return findings;
+/// The profile with the first of those rules of an adapter that have the same codes. Of a record,
+/// whose members have their types, the schema constrains nothing else in a rule.
+FW::FWPROFILE withOneRuleOfEachKind(const FW::FWPROFILE& profile) {
+    FW::FWPROFILE examples;
+    examples.name = profile.name;
+    examples.adapterPolicyMap = profile.adapterPolicyMap;
+    for (const auto& [adapter, rules] : profile.rules) {
+        std::set<std::array<std::int32_t, 8>> seen;
+        for (const FW::FWRULE& rule : rules) {
+            const bool isNew =
+                seen.insert({rule.adapterDirect, rule.protocol,
+                             static_cast<std::int32_t>(rule.policy), rule.ipType, rule.ipDirect,
+                             rule.ipGroup, rule.portDirect, rule.portGroup})
+                    .second;
+            if (isNew) {
+                examples.rules[adapter].push_back(rule);
+            }
+        }
+    }
+    return examples;
 }
 
 }  // namespace
 
 std::vector<Finding> checkProfile(const Json::Value& document) {
     Machine machine;
-    std::vector<Finding> findings = checkShapeAndMeaning(document, machine);
+    return checkProfile(document, machine);
+}
+
+std::vector<Finding> checkProfile(const Json::Value& document, Machine& machine) {
+    std::vector<Finding> findings = checkSchema(document, kProfileSchema);
+    append(findings, checkMeaning(document, machine));
     append(findings, checkShadows(document, findings, machine));
     return findings;
 }
 
 std::size_t errorsOf(const FW::FWPROFILE& profile) {
     Machine machine;
-    return countErrors(checkShapeAndMeaning(documentOf(profile), machine));
+    const Json::Value document = documentOf(profile);
+    std::vector<Finding> findings = checkMeaning(document, machine);
+    // The schema takes nine tenths of the time, for rules of which most have the same codes.
+    if (!checkSchema(documentOf(withOneRuleOfEachKind(profile)), kProfileSchema).empty()) {
+        append(findings, checkSchema(document, kProfileSchema));
+    }
+    return countErrors(findings);
 }
 
 std::vector<Finding> ruleFindings(const FW::FWPROFILE& profile,

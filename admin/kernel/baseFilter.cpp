@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <future>
 
 #include <boost/algorithm/string/join.hpp>
 
@@ -135,11 +136,19 @@ std::vector<BaseFilter> baseFilters() {
 }
 
 void requireBase() {
+    const auto listingOf = [](const char* family, const char* chain) {
+        return std::async(std::launch::async, [family, chain] {
+            return MachineKernel().list(family, kFilter, chain).chains;
+        });
+    };
+    // All at once: most of the time goes into the start of the programs.
+    std::array listings = {listingOf("v4", "INPUT"), listingOf("v4", "FORWARD"),
+                           listingOf("v6", "INPUT"), listingOf("v6", "FORWARD")};
+    std::size_t next = 0;
     for (const char* const family : {"v4", "v6"}) {
         RuleListing listing;
-        for (const char* const chain : {"INPUT", "FORWARD"}) {
-            listing.chains.merge(MachineKernel().list(family, kFilter, chain).chains);
-        }
+        listing.chains = listings[next++].get();
+        listing.chains.merge(listings[next++].get());
         const auto& jumps = wholeBase().jumps;
         if (std::all_of(jumps.begin(), jumps.end(),
                         [&](const auto& jump) { return hasJump(listing, jump); })) {

@@ -90,35 +90,47 @@ bool StoreSnapshot::FileVersion::isStill(const FileVersion& later) const {
            !isBefore(later.changed, changed) && isOver(changed, looked);
 }
 
-StoreSnapshot::File StoreSnapshot::File::from(const std::string& path, const FileVersion& version) {
-    File file;
-    file.version = version;
-    try {
-        file.text = readText(path);
-        file.read = true;
-        file.whole = parseAsStored(file.text, file.content);
-    } catch (const Error&) {
-        // unreadable() names it
-    }
-    return file;
-}
-
 void StoreSnapshot::refresh() {
     std::map<std::string, File> known = std::exchange(files_, {});
     for (const std::string& path : documentPaths()) {
         const FileVersion version = FileVersion::of(path);
         const auto found = known.find(path);
-        files_[path] = found != known.end() && found->second.version.isStill(version)
-                           ? std::move(found->second)
-                           : File::from(path, version);
-    }
-    paths_.clear();
-    profiles_.clear();
-    for (const auto& [path, file] : files_) {
-        if (file.whole && file.content.isObject() && file.content["name"].isString()) {
-            paths_.emplace(file.content["name"].asString(), path);  // the first one counts
+        if (found != known.end() && found->second.version.isStill(version)) {
+            files_[path] = std::move(found->second);
+        } else {
+            files_[path].version = version;
         }
     }
+    paths_.reset();
+    profiles_.clear();
+}
+
+const StoreSnapshot::File& StoreSnapshot::fileAt(const std::string& path) const {
+    File& file = files_.at(path);
+    if (!file.loaded) {
+        file.loaded = true;
+        try {
+            file.text = readText(path);
+            file.read = true;
+            file.whole = parseAsStored(file.text, file.content);
+        } catch (const Error&) {
+            // unreadable() names it
+        }
+    }
+    return file;
+}
+
+const std::map<std::string, std::string>& StoreSnapshot::paths() const {
+    if (!paths_) {
+        paths_.emplace();
+        for (const auto& [path, unread] : files_) {
+            const File& file = fileAt(path);
+            if (file.whole && file.content.isObject() && file.content["name"].isString()) {
+                paths_->emplace(file.content["name"].asString(), path);  // the first one counts
+            }
+        }
+    }
+    return *paths_;
 }
 
 // ---- Settings -----------------------------------------------------------------------------------
@@ -133,7 +145,7 @@ Json::Value StoreSnapshot::settings() const {
         FW::TARNFW().initJconfig(defaults);
         return defaults;
     }
-    const File& file = files_.at(kSettingsFile);
+    const File& file = fileAt(kSettingsFile);
     if (!file.whole) {
         throw Error(ErrorKind::kSystem, "the settings cannot be read");
     }
@@ -163,8 +175,8 @@ ApplyMode StoreSnapshot::applyMode() const {
 
 std::vector<std::string> StoreSnapshot::unreadable() const {
     std::vector<std::string> paths;
-    for (const auto& [path, file] : files_) {
-        if (!file.whole) {
+    for (const auto& [path, unread] : files_) {
+        if (!fileAt(path).whole) {
             paths.push_back(path);
         }
     }
@@ -180,7 +192,8 @@ std::string StoreSnapshot::unreadableText() const {
 
 std::map<std::string, std::string> StoreSnapshot::texts() const {
     std::map<std::string, std::string> texts;
-    for (const auto& [path, file] : files_) {
+    for (const auto& [path, unread] : files_) {
+        const File& file = fileAt(path);
         if (file.version.regular && file.read) {
             texts[path] = file.text;
         } else if (file.version.regular) {
@@ -191,15 +204,14 @@ std::map<std::string, std::string> StoreSnapshot::texts() const {
 }
 
 bool StoreSnapshot::isWhole(const std::string& path) const {
-    const auto found = files_.find(path);
-    return found != files_.end() && found->second.whole;
+    return files_.count(path) != 0 && fileAt(path).whole;
 }
 
 // ---- Profiles -----------------------------------------------------------------------------------
 
 std::vector<std::string> StoreSnapshot::profileNames() const {
     std::vector<std::string> names;
-    for (const auto& [name, path] : paths_) {
+    for (const auto& [name, path] : paths()) {
         if (!isTestProfile(name)) {
             names.push_back(name);
         }
@@ -209,7 +221,7 @@ std::vector<std::string> StoreSnapshot::profileNames() const {
 
 std::vector<std::string> StoreSnapshot::testProfileNames() const {
     std::vector<std::string> names;
-    for (const auto& [name, path] : paths_) {
+    for (const auto& [name, path] : paths()) {
         if (isTestProfile(name)) {
             names.push_back(name);
         }
@@ -255,8 +267,8 @@ void StoreSnapshot::requireNewName(const std::string& name) const {
 }
 
 const std::string& StoreSnapshot::pathOf(const std::string& name) const {
-    const auto found = paths_.find(name);
-    if (found == paths_.end()) {
+    const auto found = paths().find(name);
+    if (found == paths().end()) {
         requireProfile(name);
         throw Error(ErrorKind::kNotFound, "there is no profile " + inQuotes(name));
     }
@@ -264,11 +276,11 @@ const std::string& StoreSnapshot::pathOf(const std::string& name) const {
 }
 
 const std::string& StoreSnapshot::textOf(const std::string& name) const {
-    return files_.at(pathOf(name)).text;
+    return fileAt(pathOf(name)).text;
 }
 
 const Json::Value& StoreSnapshot::documentOf(const std::string& name) const {
-    return files_.at(pathOf(name)).content;
+    return fileAt(pathOf(name)).content;
 }
 
 const FW::FWPROFILE& StoreSnapshot::profile(const std::string& name) const {
@@ -290,7 +302,7 @@ const FW::FWPROFILE& StoreSnapshot::profile(const std::string& name) const {
 
 std::map<std::string, FW::FWPROFILE> StoreSnapshot::profiles() const {
     std::map<std::string, FW::FWPROFILE> all;
-    for (const auto& [name, path] : paths_) {
+    for (const auto& [name, path] : paths()) {
         all[name] = profile(name);
     }
     return all;
@@ -316,9 +328,9 @@ Json::Value StoreSnapshot::configuration() const {
     }
     Json::Value document(Json::objectValue);
     document[kConfigProfiles] = Json::Value(Json::objectValue);
-    for (const auto& [name, path] : paths_) {
+    for (const auto& [name, path] : paths()) {
         document[kConfigProfiles][std::filesystem::path(path).filename().string()] =
-            files_.at(path).content;
+            fileAt(path).content;
     }
     document[kConfigSettings] = settings();
     document["config_version"] = 1;

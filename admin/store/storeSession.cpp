@@ -153,7 +153,7 @@ StoreTransaction::~StoreTransaction() {
         return;
     }
     try {
-        const std::string failure = finished();
+        const std::string failure = finished(/*refreshed=*/false);
         if (!failure.empty()) {
             session_.notes_.push_back(failure);
         }
@@ -162,8 +162,8 @@ StoreTransaction::~StoreTransaction() {
     }
 }
 
-void StoreTransaction::finish() {
-    const std::string failure = finished();
+void StoreTransaction::finish(bool refreshed) {
+    const std::string failure = finished(refreshed);
     if (!failure.empty()) {
         throw Error(ErrorKind::kSystem, failure);
     }
@@ -185,9 +185,11 @@ void StoreTransaction::copyAll() {
 }
 
 /// Ends the change. Returns what was wrong with it; empty when nothing was.
-std::string StoreTransaction::finished() {
+std::string StoreTransaction::finished(bool refreshed) {
     open_ = false;
-    session_.refresh();
+    if (!refreshed) {
+        session_.refresh();
+    }
     const StoreSnapshot& now = session_.snapshot();
     for (const auto& [path, text] : now.texts()) {
         const auto old = before_.find(path);

@@ -13,6 +13,8 @@
 
 namespace tarnfw {
 
+class Machine;
+
 /// Checks a profile's document (docs/profile-format.md), before it is stored or after it was read.
 /// Returns the findings in this order: the shape by docs/profile.schema.json; the meaning of each
 /// rule, default policy and adapter, as far as the shape allows; rules that never take effect.
@@ -22,6 +24,9 @@ namespace tarnfw {
 /// Reads the service catalogue, the interfaces and the country database; changes nothing. What
 /// cannot be read there is a warning; any document can be given.
 std::vector<Finding> checkProfile(const Json::Value& document);
+
+/// The same for one of several profiles, with what was asked of the machine before.
+std::vector<Finding> checkProfile(const Json::Value& document, Machine& machine);
 
 /// How many errors checkProfile() finds in a profile; faster, since it leaves out the warnings
 /// about rules that never take effect.

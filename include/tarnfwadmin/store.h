@@ -5,7 +5,7 @@
 #include <time.h>
 
 #include <map>
-#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,9 +31,9 @@ inline constexpr char kConfigSettings[] = "config_firewall_settings";
 enum class ApplyMode { kLines, kBatch };
 
 /// The profiles and settings in "/usr/tarn/etc/firewall.d/", each "*.json" file read and parsed
-/// once. Reading takes no lock and needs no more than permission to read: documents are replaced
-/// as a whole, so each is one version of itself. Missing settings are read as the defaults, and not
-/// written.
+/// once, when it is first asked for: the settings alone for a question about them. Reading takes no
+/// lock and needs no more than permission to read: documents are replaced as a whole, so each is
+/// one version of itself. Missing settings are read as the defaults, and not written.
 ///
 /// A profile has the name inside its file; of two files with one name, the one that sorts first
 /// counts. Profiles with the prefix of test profiles are in no list but testProfileNames().
@@ -43,10 +43,11 @@ enum class ApplyMode { kLines, kBatch };
 /// be read, and what jsoncpp throws for a member of a type that does not convert.
 class StoreSnapshot {
 public:
-    /// Reads the store. Files that cannot be read or parsed are in unreadable().
+    /// Lists the files.
     StoreSnapshot() { refresh(); }
 
-    /// Reads what has changed since, by inode, size and time of change; the rest stays.
+    /// Lists them again. Those that have changed since, by inode, size and time of change, are read
+    /// again when they are asked for.
     void refresh();
 
     // ---- Settings ----
@@ -81,7 +82,7 @@ public:
     /// The names of the test profiles, likewise.
     std::vector<std::string> testProfileNames() const;
 
-    bool hasProfile(const std::string& name) const { return paths_.count(name) != 0; }
+    bool hasProfile(const std::string& name) const { return paths().count(name) != 0; }
 
     /// The same as profileNames(); throws Error, kNotFound, when there are none.
     std::vector<std::string> requireProfiles() const;
@@ -139,19 +140,24 @@ private:
 
     struct File {
         FileVersion version;
+        bool loaded = false;  ///< the rest says what was found
+        bool read = false;    ///< `text` is its content
+        bool whole = false;   ///< `content` is its document
         std::string text;
-        bool read = false;   ///< `text` is its content
-        bool whole = false;  ///< `content` is its document
         Json::Value content;
-
-        static File from(const std::string& path, const FileVersion& version);
     };
+
+    /// The file, read.
+    const File& fileAt(const std::string& path) const;
+
+    /// The paths of the profiles' files, by name.
+    const std::map<std::string, std::string>& paths() const;
 
     /// The settings' document; the defaults without a file.
     Json::Value settings() const;
 
-    std::map<std::string, File> files_;                      // by path
-    std::map<std::string, std::string> paths_;               // by profile name
+    mutable std::map<std::string, File> files_;  // by path
+    mutable std::optional<std::map<std::string, std::string>> paths_;
     mutable std::map<std::string, FW::FWPROFILE> profiles_;  // those asked for
 };
 

@@ -113,8 +113,9 @@ public:
 
     /// To be called when the library has written, and before its result is looked at: brings the
     /// session's snapshot up to date. Where a document is not whole, all of them are put back, and
-    /// Error, kSystem, says so.
-    void finish();
+    /// Error, kSystem, says so. A caller that has refreshed the session since the library wrote
+    /// says so with `refreshed`, and nothing is read again.
+    void finish(bool refreshed = false);
 
     /// Ends the change by putting all documents back. False when that fails; they are then left in
     /// the directory of the copies.
@@ -122,7 +123,7 @@ public:
 
 private:
     void copyAll();
-    std::string finished();
+    std::string finished(bool refreshed);
     bool putBack() const;
 
     StoreSession& session_;

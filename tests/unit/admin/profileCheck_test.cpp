@@ -391,5 +391,28 @@ TEST_F(ProfileCheckTest, ControlCharactersDoNotReachTheTerminal) {
                             "(0-65535)"));
 }
 
+// Most rules of a long list have the same codes; the count is that of all of them.
+TEST_F(ProfileCheckTest, ErrorsAreCountedForEveryRule) {
+    FW::FWRULE valid;
+    valid.ipGroup = FW::FW_IP_GROUP_ANY;
+    valid.portGroup = FW::FW_PORT_GROUP_ANY;
+    FW::FWRULE wrongCode = valid;
+    wrongCode.ipType = 7;
+    FW::FWRULE wrongPort = valid;
+    wrongPort.portGroup = FW::FW_PORT_GROUP_PORTS;
+    wrongPort.portList = {"x"};
+    FW::FWPROFILE profile;
+    profile.name = "home";
+    profile.adapterPolicyMap = {{"global", FW::FW_POLICY_NONE}};
+    profile.rules["global"] = {valid, valid};
+    EXPECT_EQ(errorsOf(profile), 0U);
+    profile.rules["global"] = {valid, wrongPort, valid, wrongPort};
+    EXPECT_EQ(errorsOf(profile), 2U);
+    profile.rules["global"] = {valid, wrongCode, wrongPort, wrongCode, wrongCode};
+    EXPECT_EQ(errorsOf(profile), 4U);
+    profile.adapterPolicyMap["global"] = FW::FW_POLICY_DENY;
+    EXPECT_EQ(errorsOf(profile), 5U);
+}
+
 }  // namespace
 }  // namespace tarnfw

@@ -24,7 +24,13 @@ std::string applyingText(const Context& context) {
     return "Applying the rules of \"" + context.store().activeProfile() + "\"";
 }
 
-/// That a profile does not check; empty when it does.
+}  // namespace
+
+void addReloadFlag(Command& command, ReloadOptions& options, const char* yesHelp) {
+    command.flag("--reload", options.wanted, "Apply the active profile afterwards");
+    command.flag("--yes", options.yes, yesHelp);
+}
+
 std::string errorsText(const FW::FWPROFILE& profile) {
     const std::size_t errors = errorsOf(profile);
     const std::string name = printable(profile.name);
@@ -32,13 +38,6 @@ std::string errorsText(const FW::FWPROFILE& profile) {
                ? std::string()
                : "profile \"" + name + "\" has " + counted(errors, "error") + "; \"tarnfw check " +
                      name + "\" names " + (errors == 1 ? "it" : "them");
-}
-
-}  // namespace
-
-void addReloadFlag(Command& command, ReloadOptions& options, const char* yesHelp) {
-    command.flag("--reload", options.wanted, "Apply the active profile afterwards");
-    command.flag("--yes", options.yes, yesHelp);
 }
 
 void requireValid(const FW::FWPROFILE& profile) {
@@ -84,14 +83,16 @@ void confirmReload(Context& context, const ReloadOptions& options) {
                      "the change is stored, but the kernel still has the old rules");
 }
 
-bool runWhole(const std::string& what, const std::function<bool()>& change) {
+bool runWhole(const std::string& what, const std::function<bool()>& change,
+              const std::function<std::string()>& meanwhile) {
     const SignalsWait wait;  // until the messages are there
     DetachedRun run;
+    std::string found;
     {
         const Progress progress(what);
-        run = runDetached(change);
+        run = runDetached(change, [&] { found = meanwhile ? meanwhile() : ""; });
     }
-    std::cerr << run.messages;
+    std::cerr << found << run.messages;
     if (!run.failure.empty()) {
         throw Error(ErrorKind::kSystem, run.failure);
     }
@@ -111,13 +112,14 @@ void disableFirewall(Context& context) {
     }
 }
 
-void reloadActive(Context& context) {
+void reloadActive(Context& context, const std::function<std::string()>& meanwhile) {
     if (!context.store().firewallEnabled()) {
         std::cout << "Firewall disabled: nothing to reload\n";
         return;
     }
     context.requireBase();
-    if (!runWhole(applyingText(context), [] { return FW::TARNFW().fwReload(true); })) {
+    if (!runWhole(
+            applyingText(context), [] { return FW::TARNFW().fwReload(true); }, meanwhile)) {
         throw Error(ErrorKind::kRefused,
                     "the active profile was not applied: " + stateNow(context));
     }

@@ -27,6 +27,9 @@ void addReloadFlag(Command& command, ReloadOptions& options,
 /// Throws Error, kInvalid, for a profile with errors.
 void requireValid(const FW::FWPROFILE& profile);
 
+/// "profile "home" has 2 errors; ..."; empty when it has none.
+std::string errorsText(const FW::FWPROFILE& profile);
+
 /// Says in one line on standard error that a profile does not check.
 void warnAboutErrors(const FW::FWPROFILE& profile);
 
@@ -50,8 +53,10 @@ void confirmReload(Context& context, const ReloadOptions& options);
 
 /// Runs `change` detached, see runDetached(). Says "`what` ..." on the terminal meanwhile, and
 /// hands on its messages when it is done. Returns what `change` returns. Throws Error, kSystem,
-/// with the reason where it throws, or where it was killed.
-bool runWhole(const std::string& what, const std::function<bool()>& change);
+/// with the reason where it throws, or where it was killed. What `meanwhile` returns, which runs at
+/// the same time, goes to standard error first.
+bool runWhole(const std::string& what, const std::function<bool()>& change,
+              const std::function<std::string()>& meanwhile = {});
 
 /// Switches the firewall on and applies the active profile. Returns false, logged, where that
 /// failed. The context may change the store.
@@ -62,7 +67,7 @@ void disableFirewall(Context& context);
 
 /// Applies the active profile where the firewall is enabled; says which it was. Throws
 /// Error, with what is in force now.
-void reloadActive(Context& context);
+void reloadActive(Context& context, const std::function<std::string()>& meanwhile = {});
 
 /// What is in force after rules could not be applied: "the firewall is off now".
 std::string stateNow(Context& context);

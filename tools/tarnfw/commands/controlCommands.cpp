@@ -75,23 +75,22 @@ void disable() {
 }
 
 /// What is wrong with the active profile. A reload of it goes on: it is in force already, or was.
-void warnAboutActive(const Context& context) {
+std::string warningsAboutActive(const Context& context) {
+    std::string warnings;
     try {
         const FW::FWPROFILE& profile = context.store().profile("");
-        warnAboutErrors(profile);
-        warnAboutSsh(profile);
+        for (const std::string& text : {errorsText(profile), sshWarning(profile)}) {
+            warnings += text.empty() ? "" : "tarnfw: " + text + "\n";
+        }
     } catch (const std::exception&) {
-        return;  // it cannot be read; the reload itself says so
+        // it cannot be read; the reload itself says so
     }
+    return warnings;
 }
 
 void reload() {
     Context context(StoreSession::Access::kRead);
-    if (context.store().firewallEnabled()) {
-        context.requireBase();
-        warnAboutActive(context);
-    }
-    reloadActive(context);
+    reloadActive(context, [&] { return warningsAboutActive(context); });
 }
 
 /// Sets how rules go into the kernel, or says how they do.

@@ -161,7 +161,7 @@ void replace(Context& context, const Json::Value& document, const Json::Value& c
     StoreTransaction change(context.session());
     const std::string fault = faultOfReplacing(context, document);
     if (fault.empty()) {
-        change.finish();
+        change.finish(/*refreshed=*/true);
         return;
     }
     const std::string failed = "the import failed (" + fault + ")";

@@ -178,11 +178,4 @@ void requireSshAccess(const FW::FWPROFILE& profile, bool yes, const std::string&
     }
 }
 
-void warnAboutSsh(const FW::FWPROFILE& profile) {
-    const std::string warning = sshWarning(profile);
-    if (!warning.empty()) {
-        std::cerr << "tarnfw: " << warning << '\n';
-    }
-}
-
 }  // namespace tarnfw

@@ -51,7 +51,4 @@ std::string sshWarning(const FW::FWPROFILE& profile);
 void requireSshAccess(const FW::FWPROFILE& profile, bool yes, const std::string& question,
                       const std::string& otherwise = "nothing was changed");
 
-/// For what only renews the kernel's rules: prints a warning on standard error.
-void warnAboutSsh(const FW::FWPROFILE& profile);
-
 }  // namespace tarnfw

@@ -2,17 +2,18 @@
 
 #include <sys/mman.h>
 #include <sys/types.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <exception>
 #include <iostream>
+#include <optional>
 #include <sstream>
 
 #include <boost/algorithm/string/predicate.hpp>
 
+#include "base/childProcess.h"
+#include "base/descriptor.h"
 #include "process/signalsWait.h"
 #include "tarnfwadmin/error.h"
 
@@ -23,51 +24,27 @@ constexpr int kSucceeded = 0;
 constexpr int kFailed = 1;
 constexpr int kThrew = 2;
 
-/// A text without a name that both processes have.
-class SharedText {
-public:
-    explicit SharedText(const char* name) : fd_(memfd_create(name, MFD_CLOEXEC)) {
-        if (fd_ < 0) {
-            throw Error(ErrorKind::kSystem, "there is no memory for the messages of a reload");
-        }
+/// A file without a name, for texts that both processes have.
+Descriptor sharedText(const char* name) {
+    Descriptor text(memfd_create(name, MFD_CLOEXEC));
+    if (!text) {
+        throw Error(ErrorKind::kSystem, "there is no memory for the messages of a reload");
     }
-    ~SharedText() { (void)close(fd_); }
-    SharedText(const SharedText&) = delete;
-    SharedText& operator=(const SharedText&) = delete;
+    return text;
+}
 
-    int fd() const { return fd_; }
-
-    void write(const std::string& text) const {
-        for (std::size_t written = 0; written < text.size();) {
-            const ssize_t bytes = ::write(fd_, text.data() + written, text.size() - written);
-            if (bytes <= 0) {
-                return;
-            }
-            written += static_cast<std::size_t>(bytes);
-        }
-    }
-
-    std::string read() const {
-        std::string text;
-        char part[4096];
-        for (;;) {
-            const ssize_t bytes = pread(fd_, part, sizeof part, static_cast<off_t>(text.size()));
-            if (bytes <= 0) {
-                return text;
-            }
-            text.append(part, static_cast<std::size_t>(bytes));
-        }
-    }
-
-private:
-    int fd_;
-};
+std::string contentOf(const Descriptor& text) {
+    std::string content;
+    (void)lseek(text.get(), 0, SEEK_SET);
+    (void)readAll(text.get(), content);
+    return content;
+}
 
 /// The new process. It never returns into what the old one was doing.
-[[noreturn]] void runInChild(const std::function<bool()>& work, const SharedText& errors,
-                             const SharedText& reason) {
+[[noreturn]] void runInChild(const std::function<bool()>& work, const Descriptor& errors,
+                             const Descriptor& reason) {
     (void)setsid();
-    (void)dup2(errors.fd(), STDERR_FILENO);
+    (void)dup2(errors.get(), STDERR_FILENO);
     // The number tells the lines of the log from those of other programs.
     openlog("tarnfw", LOG_PERROR | LOG_PID, LOG_USER);
     int status = kThrew;
@@ -75,19 +52,9 @@ private:
         status = work() ? kSucceeded : kFailed;
         std::cout << std::flush;
     } catch (const std::exception& error) {
-        reason.write(reasonOf(error));
+        (void)writeText(reason.get(), reasonOf(error));
     }
     _exit(status);
-}
-
-/// The exit status; -1 when it was killed.
-int statusOf(pid_t process) {
-    int status = 0;
-    pid_t ended = -1;
-    do {
-        ended = waitpid(process, &status, 0);
-    } while (ended < 0 && errno == EINTR);
-    return ended == process && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 /// What the process wrote, for the person who called it; lines of the log only `withLog`.
@@ -107,9 +74,9 @@ std::string messagesOf(const std::string& errors, pid_t process, bool withLog) {
 
 }  // namespace
 
-DetachedRun runDetached(const std::function<bool()>& work) {
-    const SharedText errors("errors");
-    const SharedText reason("reason");
+DetachedRun runDetached(const std::function<bool()>& work, const std::function<void()>& meanwhile) {
+    const Descriptor errors = sharedText("errors");
+    const Descriptor reason = sharedText("reason");
     std::cout << std::flush;  // or both would print it
     const SignalsWait wait;
     const pid_t process = fork();
@@ -119,13 +86,24 @@ DetachedRun runDetached(const std::function<bool()>& work) {
     if (process == 0) {
         runInChild(work, errors, reason);
     }
-    const int status = statusOf(process);
+    std::exception_ptr thrown;
+    try {
+        if (meanwhile) {
+            meanwhile();
+        }
+    } catch (...) {
+        thrown = std::current_exception();
+    }
+    const std::optional<int> status = exitStatusOf(process);
+    if (thrown) {
+        std::rethrow_exception(thrown);
+    }
     DetachedRun run;
     run.succeeded = status == kSucceeded;
-    run.messages = messagesOf(errors.read(), process, !run.succeeded);
+    run.messages = messagesOf(contentOf(errors), process, !run.succeeded);
     if (status == kThrew) {
-        run.failure = reason.read();
-    } else if (status < 0) {
+        run.failure = contentOf(reason);
+    } else if (!status) {
         run.failure =
             "a process was killed in the middle of its work; \"tarnfw status\" tells how far it "
             "came";

@@ -15,8 +15,10 @@ struct DetachedRun {
 
 /// Runs `work` to its end, in a process and a session of its own: neither Ctrl-C nor a terminal or
 /// an SSH connection that is lost reaches it or the programs that it runs, and signals to this
-/// process take effect when it is done. What it changes in memory is lost. Throws Error, kSystem,
-/// when it cannot be started.
-DetachedRun runDetached(const std::function<bool()>& work);
+/// process take effect when it is done. What it changes in memory is lost. `meanwhile` runs in this
+/// process at the same time; what it throws is thrown when the work is done.
+/// Throws Error, kSystem, when the work cannot be started.
+DetachedRun runDetached(const std::function<bool()>& work,
+                        const std::function<void()>& meanwhile = {});
 
 }  // namespace tarnfw
