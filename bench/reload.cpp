@@ -2,13 +2,16 @@
 ///
 ///   bench_reload store RULES lines|batch    makes a profile of so many rules the active one
 ///   bench_reload texts DIRECTORY            what iptables-restore gets for it, as v4 and v6
+///   bench_reload reload                     the library's reload, and nothing else
 ///   bench_reload run SIDE...                reloads each way once, and prints "SIDE WALL CPU",
 ///                                           then its peak size
 ///
 /// The sides are "library"; "lines", the same command lines run by posix_spawn alone; "lines+tool",
 /// with a run of the tool that the library asks for every rule's adapter; "restore", both programs
 /// fed with the same text; and "apply", the library's transaction without the reading of the
-/// profile and its translation. Times are seconds, of the clock and of all processors.
+/// profile and its translation. Besides, a program of its own each: "program", which does nothing
+/// but the library's reload, and "tarnfw reload", the command, whose path is in $TARNFW. Times are
+/// seconds, of the clock and of all processors.
 #include <fcntl.h>
 #include <json/json.h>
 #include <spawn.h>
@@ -177,6 +180,16 @@ Work sideOf(const std::string& name) {
             }
         };
     }
+    if (name == "program") {
+        return [] { spawn({"/proc/self/exe", "reload"}, "/dev/null"); };
+    }
+    if (name == "tarnfw reload") {
+        const char* const tool = std::getenv("TARNFW");
+        if (tool == nullptr) {
+            fail("TARNFW is not set");
+        }
+        return [path = std::string(tool)] { spawn({path, "reload"}, "/dev/null"); };
+    }
     if (name == "lines") {
         return runAll(reloadLines());
     }
@@ -262,13 +275,15 @@ int main(int argc, char** argv) {
         store(std::atoi(argv[2]), argv[3]);
     } else if (command == "texts" && argc == 3) {
         writeTexts(argv[2] + std::string("/v4"), argv[2] + std::string("/v6"));
+    } else if (command == "reload" && argc == 2) {
+        return FW::TARNFW().fwReload(true) ? 0 : 1;
     } else if (command == "run" && argc > 2) {
         for (int i = 2; i < argc; ++i) {
             run(argv[i]);
         }
         tellPeak(stdout);
     } else {
-        fail("store RULES lines|batch, texts DIRECTORY, or run SIDE...");
+        fail("store RULES lines|batch, texts DIRECTORY, reload, or run SIDE...");
     }
     return 0;
 }

@@ -56,11 +56,14 @@ def store(options, size, mode):
 
 def reload_sides(options, *sides):
     """Runs each side once: side -> seconds of the clock, and of the processors; the peak in KiB."""
-    told = run(tool(options, 'bench_reload'), 'run', *sides, stdout=subprocess.PIPE).stdout
+    environment = dict(os.environ, TARNFW=os.path.join(options.build, 'tools/tarnfw/tarnfw'))
+    told = run(
+        tool(options, 'bench_reload'), 'run', *sides, stdout=subprocess.PIPE, env=environment
+    ).stdout
     *lines, peak = told.splitlines()
     times = {}
     for line in lines:
-        side, wall, processor = line.split()
+        side, wall, processor = line.rsplit(maxsplit=2)
         times[side] = float(wall), float(processor)
     return times, int(peak.split()[1])
 
@@ -139,7 +142,8 @@ def reload(_, options):
     rows = measure_library(
         f'lines {options.variant}', 'lines', ('lines', 'lines+tool'), lines, options
     )
-    rows += measure_library(f'batch {options.variant}', 'batch', ('restore', 'apply'), batch, options)
+    sides = 'restore', 'apply', 'program', 'tarnfw reload'
+    rows += measure_library(f'batch {options.variant}', 'batch', sides, batch, options)
     base(options, 'down')
     rows += measure_peers(f'batch {options.variant}', batch, options)
     return rows
