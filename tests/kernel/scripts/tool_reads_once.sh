@@ -1,0 +1,73 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# A command opens no file of the store more than twice, besides what the library's own operations open,
+# and none of the service catalogue for each of its questions; "status" lists each family once.
+make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
+
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+readonly kMost=2          # openings of a file of the store: before a change, and after it
+readonly kMostCatalogue=4 # of the catalogue: for its names twice, for the check of a profile each
+readonly kOpened=/tmp/opened
+readonly kTable=$out/counts
+
+# most WHO DIRECTORY-PATTERN: how often that file was opened by WHO which was opened most often.
+most() {
+    sed -n "s|^$1 \($2.*\)|\1|p" "$kOpened" | sort | uniq -c | sort -rn |
+        awk 'NR == 1 {most = $1} END {print most + 0}'
+}
+
+# counted STATUS ARGUMENT...: the command ends so, and opens no file too often.
+counted() {
+    local store catalogue total runs
+    : >"$kOpened"
+    LD_PRELOAD=$build/tests/kernel/libopen_probe.so OPEN_PROBE=$kOpened answers "$@"
+    store=$(most tool /usr/tarn/etc/firewall.d/)
+    catalogue=$(most tool '/usr/tarn/etc[a-z.]*/services.d/')
+    total=$(grep --count '^[tl].*/firewall.d/' "$kOpened" || true)
+    runs=$(grep --count '^run' "$kOpened" || true)
+    printf '%-40s %5s %5s %5s %5s\n' "${*:2}" "$store" "$catalogue" "$total" "$runs" | tee -a "$kTable"
+    ((store <= kMost && catalogue <= kMostCatalogue)) || {
+        sort "$kOpened" | uniq -c
+        fail "opened too often: tarnfw ${*:2}"
+    }
+}
+
+# opens WHO: the last command opened something, so the counting works.
+opens() {
+    grep --quiet "^$1 " "$kOpened" || fail "nothing was opened by $1"
+}
+
+printf '%-40s %5s %5s %5s %5s\n' command store catal. all iptables >"$kTable"
+answers 0 base up
+use_profile deny_by_default
+answers 0 profile copy deny_by_default home
+answers 0 rule add allow service ssh --adapter eth0 --profile home
+
+counted 0 enable --yes
+opens library
+counted 0 status
+opens tool
+step 'IPv4 is listed once' [ "$(grep --count '^run .*/iptables .* -S' "$kOpened")" = 1 ]
+step 'and so is IPv6' [ "$(grep --count '^run .*/ip6tables .* -S' "$kOpened")" = 1 ]
+counted 0 profile list
+counted 0 profile show
+counted 0 profile use home --reload
+counted 0 rule add allow service http --adapter eth0
+opens tool
+counted 0 rule add allow tcp 81 --adapter eth0 --reload
+counted 0 reload
+counted 0 check
+counted 0 preview
+counted 10 blocked --port tcp/23 --adapter eth0
+counted 10 explain --port tcp/23 --adapter eth0 --from 192.168.1.20
+counted 0 diff
+counted 0 adapters
+counted 0 services
+counted 0 export /tmp/all.json
+counted 0 rule delete 1 --adapter eth0 --profile deny_by_default
+counted 0 import --yes /tmp/all.json
+counted 0 service reserve ssh allow --adapter eth0
+counted 0 apply-mode batch
+counted 0 disable
+cat -- "$kTable"
