@@ -1,4 +1,4 @@
-/// Writes profile files through the library, and tells which files it reads as a profile, for
+/// Writes profile files through the library, and reports which files it reads as a profile, for
 /// profile_schema_test.
 ///
 ///   profile_documents write DIRECTORY   fills the store, and DIRECTORY with what the store never
