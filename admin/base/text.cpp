@@ -5,7 +5,7 @@
 namespace tarnfw {
 namespace {
 
-/// How many letters have to be put in, taken out, replaced or swapped with their neighbour to make
+/// How many letters have to be inserted, removed, replaced or swapped with their neighbour to make
 /// one word of the other.
 std::size_t distance(const std::string& from, const std::string& to) {
     // needed[i][j]: for the first i letters of `from` and the first j of `to`.
@@ -51,7 +51,7 @@ std::string counted(std::size_t number, const std::string& noun) {
 }
 
 std::string nearest(const std::string& word, const std::vector<std::string>& known) {
-    // A third of the letters wrong is a typing error; more is another word.
+    // With up to a third of the letters wrong it is a typing error; with more, another word.
     std::size_t best = std::max<std::size_t>(word.size() / 3, 1) + 1;
     std::string found;
     for (const std::string& candidate : known) {

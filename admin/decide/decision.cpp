@@ -25,7 +25,7 @@ bool overlap(const PortSpan& a, const PortSpan& b) {
 
 /// Whether a rule has a line in the chain for incoming packets.
 bool hasLine(const FWRULE& rule, const std::string& adapter) {
-    // For "global" there is no interface in the line, whichever direction the rule names.
+    // A line of "global" has no interface, whatever the rule's direction.
     const bool incoming =
         rule.adapterDirect != FW::FW_ADAPTER_DIRECT_OUT || adapter == FW::FW_ADAPTER_GLOBAL;
     return rule.enable && incoming && rule.table == kFilterTable &&
@@ -33,7 +33,7 @@ bool hasLine(const FWRULE& rule, const std::string& adapter) {
            (rule.policy == FW::FW_POLICY_ALLOW || rule.policy == FW::FW_POLICY_DENY);
 }
 
-/// The lists that the packet meets, in the kernel's order.
+/// The lists that the packet passes, in the kernel's order.
 std::vector<std::string> listsOf(const Packet& packet) {
     std::vector<std::string> lists = packet.adapters;
     std::sort(lists.begin(), lists.end());
@@ -52,14 +52,14 @@ bool sameReason(const Decision& a, const Decision& b) {
     return a.by == b.by && a.place == b.place && a.denied == b.denied && a.unless == b.unless;
 }
 
-// ---- What is left to decide ----
+// ---- Undecided ports ----
 
-/// The ports asked about, cut where the rules' ports begin and end, and what has decided for them.
+/// The queried ports, cut where the rules' ports begin and end, with their decisions.
 class Pieces {
 public:
     explicit Pieces(const PortSpan& ports) { open_.push_back({ports, {}}); }
 
-    /// A rule or default policy matches these ports, as far as they are still open.
+    /// A rule or default policy matches these ports, as far as they are still undecided.
     void settle(const PortSpan& ports, const Decision& decision) {
         cutAt(ports);
         std::vector<Piece> left;
@@ -91,7 +91,7 @@ public:
         }
     }
 
-    /// Everything that was settled, sorted, neighbours with one reason taken together.
+    /// All decisions, sorted; neighbours with the same reason are joined.
     std::vector<Decision> result() && {
         std::sort(settled_.begin(), settled_.end(), [](const Decision& a, const Decision& b) {
             return a.ports.first < b.ports.first;
@@ -113,7 +113,7 @@ private:
         std::vector<std::pair<RulePlace, bool>> perhaps;  // and whether it denies
     };
 
-    /// Cuts the open pieces so that each is inside or outside of `ports`.
+    /// Cuts the undecided pieces so that each is inside or outside of `ports`.
     void cutAt(const PortSpan& ports) {
         std::vector<Piece> cut;
         for (const Piece& piece : open_) {
@@ -281,11 +281,11 @@ std::string Decider::reason(const Decision& decision) const {
         case DecidedBy::kDefaultPolicy:
             return placeText(decision.place) + (decision.denied ? ": deny" : ": allow");
         case DecidedBy::kLoopback:
-            return "packets of the machine to itself are always let through";
+            return "packets of the machine to itself are always allowed";
         case DecidedBy::kEstablished:
-            return "packets of established connections are let through";
+            return "packets of established connections are always allowed";
         default:
-            return "no rule and no default policy decides";
+            return "no rule and no default policy matches";
     }
 }
 

@@ -37,8 +37,8 @@ int severityOf(FW::FW_POLICY verdict) {
     }
 }
 
-/// The library leaves interim verdicts of "global" as they are when the profile does not know the
-/// adapter; they mean what they mean elsewhere.
+/// The library returns interim verdicts of "global" unchanged if the profile does not have the
+/// adapter.
 FW::FW_POLICY closed(FW::FW_POLICY verdict) {
     return verdict == FW::FW_POLICY_ALLOW_SOME || verdict == FW::FW_POLICY_DENY_SOME
                ? FW::FW_POLICY_MIXED
@@ -79,13 +79,13 @@ std::string portQuestionFrom(const std::string& text, FW::PortCompareST& questio
     for (const auto& known : kProtocols) {
         if (word == known.word) {
             if (!portSpanFrom(port)) {
-                return inQuotes(port) + " is no port (0-65535) and no range such as 6000-6010";
+                return inQuotes(port) + " is not a port (0-65535) or a range such as 6000-6010";
             }
             question = {0, known.protocol, port};
             return {};
         }
     }
-    return inQuotes(text) + " is not such as tcp/22, udp/5000-5010 or both/53";
+    return inQuotes(text) + " is not of the form tcp/22, udp/5000-5010 or both/53";
 }
 
 std::string questionText(const FW::PortCompareST& question) {

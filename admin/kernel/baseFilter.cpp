@@ -80,7 +80,7 @@ void BaseFilter::add(const BaseParts& parts) {
     }
     for (const auto& [chain, target] : parts.jumps) {
         // Ahead of what others filter; a jump to a firewall chain goes after FIREWALL_RELOADING's,
-        // whose absence counts as position 0.
+        // which is at position 0 if it is missing.
         const std::size_t position =
             target == kReloadingChain ? 1 : reloadingPosition(listing(), chain) + 1;
         run({"-I", chain, std::to_string(position), "-j", target});
@@ -155,9 +155,8 @@ void requireBase() {
             continue;
         }
         const BaseFilter filter(family);
-        throw Error(ErrorKind::kSystem,
-                    "the base packet filter is not set up; \"tarnfw base up\" does that (" +
-                        filter.title() + " lacks " + describe(filter.missing()) + ")");
+        throw Error(ErrorKind::kSystem, "the base filter is not set up (" + filter.title() +
+                                            " lacks " + describe(filter.missing()) + ")");
     }
 }
 

@@ -53,7 +53,7 @@ std::string stateNow(StoreSession& session) {
     const bool empty = std::all_of(filters.begin(), filters.end(), [](const BaseFilter& filter) {
         return filter.loadedRules() == 0;
     });
-    return empty ? "no rules are in force, the machine is open"
+    return empty ? "no rules are in force; the machine is open"
                  : "the kernel still has the old rules";
 }
 

@@ -7,7 +7,7 @@
 namespace tarnfw {
 namespace {
 
-// Of the table of the longest common part; beyond that, what differs in the middle is shown whole.
+// Largest table of the longest common part; for longer lists the differing middle is shown whole.
 constexpr std::size_t kMostCells = 16U << 20U;
 
 using Lines = std::vector<std::string>;
@@ -46,7 +46,7 @@ private:
         std::size_t i = first;
         std::size_t j = first;
         if (rows <= kMostCells / columns) {
-            // common[r][c]: how many lines the rests behind row r and column c have in common.
+            // common[r][c]: how many lines the rests after row r and column c have in common.
             std::vector<std::uint32_t> common(rows * columns);
             const auto cell = [&](std::size_t r, std::size_t c) -> std::uint32_t& {
                 return common[(r - first) * columns + (c - first)];

@@ -18,8 +18,8 @@
 namespace tarnfw {
 namespace {
 
-// The legacy variant's lock keeps programs apart that change one filter; nobody else changes that
-// of a scratch namespace, and a reload must not wait for what happens there.
+// The legacy variant's lock serialises programs that change one filter. Nobody else changes that
+// of a scratch namespace, and a reload must not wait for it.
 constexpr char kLockVariable[] = "XTABLES_LOCKFILE";
 constexpr char kLockName[] = "/scratch_kernel.lock";
 
@@ -37,7 +37,7 @@ ScratchKernel::ScratchKernel() {
                     std::string("cannot start a process: ") + std::strerror(errno));
     }
     if (holder_ == 0) {
-        // Lives until the pipe is closed, which the end of the tool does as well.
+        // Lives until the pipe is closed, at the latest when the tool ends.
         (void)hold.writeEnd.close();
         char byte = 0;
         if (unshare(CLONE_NEWNET) == 0 && write(ready.writeEnd.get(), &byte, 1) == 1) {
@@ -70,7 +70,7 @@ ScratchKernel::~ScratchKernel() {
 
 void ScratchKernel::end() const {
     close(hold_);
-    // The pipe alone is not enough: processes that were forked since may have it, too.
+    // Closing the pipe is not enough: processes that were forked since may have it open, too.
     (void)kill(holder_, SIGKILL);
     if (pidfd_ >= 0) {
         close(pidfd_);

@@ -17,8 +17,8 @@
 namespace tarnfw {
 namespace {
 
-// The platform finds a service by its name and lists none. The names are those of the catalogue's
-// files; what a service is, and whether a file is to be believed, the platform says.
+// The platform finds a service by its name but cannot list services. The names come from the
+// catalogue's files; the services, and whether a file is trusted, from the platform.
 constexpr const char* kCataloguePatterns[] = {
     "/usr/tarn/etc.defaults/services.d/*.json",
     "/usr/tarn/etc/services.d/*.json",

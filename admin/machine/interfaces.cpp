@@ -85,7 +85,7 @@ std::vector<std::string> standsFor(const std::string& adapter) {
         !translator.adapterIsEnabled(adapter)) {
         return {};
     }
-    // The translation knows; its matches are "-i ppp0".
+    // From the translation, whose matches are "-i ppp0".
     Json::Value argument;
     (void)translator.iptablesRulesInit(argument);
     if (!translator.adapterToIptablesArg(adapter, FW::FWRULE(), argument)) {

@@ -23,7 +23,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-// A rule for tcp or udp with an empty list of ports yields no line at all.
+// A rule for tcp or udp with an empty list of ports makes no line.
 constexpr char kEveryPort[] = "0-65535";
 
 constexpr char kWhatWords[] = "service, tcp, udp, tcp/udp, icmp, igmp, any, from or to";
@@ -43,7 +43,7 @@ Texts entriesOf(const std::string& word, const std::string& what) {
     Texts entries;
     boost::split(entries, word, boost::is_any_of(","));
     if (std::find(entries.begin(), entries.end(), "") != entries.end()) {
-        wrong(inQuotes(word) + " lacks " + what + " beside a comma; a list has no blanks in it");
+        wrong(inQuotes(word) + " lacks " + what + " next to a comma; lists contain no blanks");
     }
     return entries;
 }
@@ -60,11 +60,11 @@ public:
     }
     const std::string& peek() const { return words_[next_]; }
 
-    /// The next word; without one, complains that `expected` is missing behind the last.
+    /// The next word; without one, an error that `expected` is missing after the last.
     const std::string& take(const std::string& expected) {
         if (done()) {
             wrong(words_.empty() ? "a rule's words are missing: expected " + expected
-                                 : "expected " + expected + " behind " + inQuotes(words_.back()));
+                                 : "expected " + expected + " after " + inQuotes(words_.back()));
         }
         return words_[next_++];
     }
@@ -112,7 +112,7 @@ void takePorts(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule)
     }
 }
 
-/// What the services need, as the library works it out when it brings rules up to date: those that
+/// The protocol that the services need, as the library computes it in an update: those that
 /// take both protocols do not count, and alone they get both.
 std::int32_t protocolOf(const Texts& services, const RuleVocabulary& vocabulary) {
     const auto needs = [&](std::int32_t protocol) {
@@ -150,7 +150,7 @@ void takeServices(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& ru
     rule.protocol = protocolOf(rule.portList, vocabulary);
 }
 
-/// What somebody may have meant who wrote `word` where a protocol is expected.
+/// A suggestion for `word` in the place of a protocol.
 std::string whatWasMeant(const std::string& word, const RuleVocabulary& vocabulary) {
     if (word == "on") {
         return "--adapter";
@@ -188,7 +188,7 @@ void takeWhat(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) 
     }
     const auto protocol = kProtocols.find(word);
     if (protocol == kProtocols.end()) {
-        wrong(inQuotes(typed) + " stands where one of " + kWhatWords + " is expected" +
+        wrong("unexpected " + inQuotes(typed) + ": expected " + kWhatWords +
               didYouMean(whatWasMeant(word, vocabulary)));
     }
     rule.portGroup = FW::FW_PORT_GROUP_PORTS;
@@ -200,11 +200,11 @@ void takeWhat(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) 
 
 // ---- Addresses ----
 
-/// The family that an address belongs to, unless the options speak of the other one.
+/// The family of an address; an error if the options are for the other one.
 std::int32_t familyOf(const Address& address, const std::string& word, const RuleOptions& options) {
     if (address.isIpv6() ? options.v4 : options.v6) {
-        wrong(inQuotes(word) + " is an " + (address.isIpv6() ? "IPv6" : "IPv4") + " address: no " +
-              (options.v4 ? "--v4" : "--v6") + " with it");
+        wrong(inQuotes(word) + " is an " + (address.isIpv6() ? "IPv6" : "IPv4") +
+              " address, which excludes " + (options.v4 ? "--v4" : "--v6"));
     }
     return address.isIpv6() ? FW::FW_IP_TYPE_V6 : FW::FW_IP_TYPE_V4;
 }
@@ -293,7 +293,7 @@ void takeAddress(Words& words, const RuleOptions& options, const RuleVocabulary&
     } else if (word.find('-') != std::string::npos) {
         useRange(word, options, rule);
     } else {
-        wrong(inQuotes(word) + " stands where " + kExpected + " is expected" +
+        wrong("unexpected " + inQuotes(word) + ": expected " + kExpected +
               didYouMean(nearest(word, {"anywhere", "country"})));
     }
 }
@@ -310,13 +310,13 @@ void takeSide(Words& words, const RuleOptions& options, const RuleVocabulary& vo
     const std::string& typed = words.take("from or to");
     const std::string word = boost::to_lower_copy(typed);
     if (word != "from" && word != "to") {
-        wrong(inQuotes(typed) + " stands where from or to is expected" +
+        wrong("unexpected " + inQuotes(typed) + ": expected from or to" +
               didYouMean(word == "on" ? "--adapter" : nearest(word, {"from", "to"})));
     }
     rule.ipDirect = word == "from" ? FW::FW_IP_DIRECT_SOURCE : FW::FW_IP_DIRECT_DESTINATION;
     takeAddress(words, options, vocabulary, rule);
     if (!words.done()) {
-        wrong(inQuotes(words.peek()) + " is one word too many: a rule ends with its address");
+        wrong("unexpected " + inQuotes(words.peek()) + ": a rule ends with its address");
     }
 }
 
@@ -329,7 +329,7 @@ FW::FW_POLICY takePolicy(Words& words) {
         const std::string guess = drops              ? "deny"
                                   : word == "accept" ? "allow"
                                                      : nearest(word, {"allow", "deny"});
-        wrong(inQuotes(typed) + " stands where allow or deny is expected" + didYouMean(guess));
+        wrong("unexpected " + inQuotes(typed) + ": expected allow or deny" + didYouMean(guess));
     }
     return word == "allow" ? FW::FW_POLICY_ALLOW : FW::FW_POLICY_DENY;
 }

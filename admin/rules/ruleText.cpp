@@ -37,7 +37,7 @@ std::string policyText(FW::FW_POLICY policy) {
         case FW::FW_POLICY_DENY:
             return "deny";
         case FW::FW_POLICY_NONE:
-            return "no default";
+            return "none";
         default:
             return "unknown policy " + std::to_string(policy);
     }

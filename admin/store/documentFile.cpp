@@ -38,7 +38,7 @@ std::string placeAt(const std::string& text, std::size_t offset) {
     return placeOf(static_cast<std::size_t>(line), static_cast<std::size_t>(column) + 1);
 }
 
-/// The reader's words without the full stop at their end.
+/// The reader's message without its full stop.
 std::string unstopped(std::string words) {
     if (!words.empty() && words.back() == '.') {
         words.pop_back();
@@ -50,16 +50,16 @@ std::string leniencyText(const std::string& words) {
     if (boost::starts_with(words, "Duplicate key: ")) {
         const std::string name = words.substr(words.find('\'') + 1);
         return "the member " + inQuotes(name.substr(0, name.rfind('\''))) +
-               " stands twice; the last one counts";
+               " occurs twice; the last one counts";
     }
     if (boost::starts_with(words, "Extra non-whitespace")) {
-        return "what follows the document is not read";
+        return "text after the document is ignored";
     }
     return unstopped(words);
 }
 
-/// What a strict reader has to say about a text that the library reads. It tells in lines: a place,
-/// "* Line 3, Column 7", and behind it words, indented.
+/// The findings of a strict reader about a text that the library accepts. They are lines: a place,
+/// "* Line 3, Column 7", and after it an indented message.
 std::vector<Finding> leniencies(const std::string& text) {
     Json::CharReaderBuilder builder;
     builder["rejectDupKeys"] = true;
@@ -82,26 +82,26 @@ std::vector<Finding> leniencies(const std::string& text) {
             where = placeOf(row, column);
         } else if (boost::starts_with(line, "  ") && !where.empty()) {
             findings.warning(where, leniencyText(line.substr(2)));
-            break;  // the reader goes on somewhere, and takes what it finds there for faults
+            break;  // after the first error, the reader's findings are unreliable
         }
     }
     return findings.take();
 }
 
-/// A file under a passing name, which is gone with the object.
+/// A file with a temporary name, removed by the destructor.
 class PassingFile {
 public:
     explicit PassingFile(const std::string& path)
         : name_(path + ".XXXXXX"), file_(mkostemp(name_.data(), O_CLOEXEC)) {}
     ~PassingFile() {
         if (file_) {
-            (void)unlink(name_.c_str());  // fails after a renaming, which is as well
+            (void)unlink(name_.c_str());  // fails after renaming, as it should
         }
     }
     PassingFile(const PassingFile&) = delete;
     PassingFile& operator=(const PassingFile&) = delete;
 
-    /// All of it, on the disk.
+    /// Writes all of the text and flushes it to disk.
     bool write(const std::string& text, mode_t mode) const {
         return file_ && writeText(file_.get(), text) && fchmod(file_.get(), mode) == 0 &&
                fsync(file_.get()) == 0;
@@ -117,13 +117,13 @@ private:
     Descriptor file_;
 };
 
-/// The name of a file is in its directory, and that has to reach the disk as well.
+/// Flushes the directory, which has the file's name.
 void syncDirectoryOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
     const Descriptor file(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (file) {
-        (void)fsync(file.get());  // some file systems cannot; the file is there all the same
+        (void)fsync(file.get());  // some file systems cannot; the file exists anyway
     }
 }
 

@@ -26,10 +26,10 @@ constexpr char kProfileKey[] = "profile";
 constexpr char kApplyKey[] = "apply";
 constexpr char kBatch[] = "batch";
 
-// Of a new profile's name: it is part of tables and messages.
+// Of a new profile's name, which is printed in tables and messages.
 constexpr std::size_t kMostNameBytes = 100;
 
-// A time in whole seconds may be of a file system that keeps no more; two on some.
+// Some file systems store times in whole seconds, or in steps of two.
 constexpr time_t kCoarseTickSeconds = 2;
 
 /// The names for a message: "default, home".
@@ -37,7 +37,7 @@ std::string listed(const std::vector<std::string>& names) {
     return printable(boost::join(names, ", "));
 }
 
-/// The files that the library looks at, sorted.
+/// The files that the library reads, sorted.
 std::vector<std::string> documentPaths() {
     std::vector<std::string> paths;
     glob_t found{};
@@ -187,7 +187,7 @@ std::string StoreSnapshot::unreadableText() const {
     const std::vector<std::string> paths = unreadable();
     return paths.empty() ? ""
                          : counted(paths.size(), "file") + " cannot be read: " + listed(paths) +
-                               " (\"tarnfw check FILE\" tells why)";
+                               " (\"tarnfw check FILE\" shows why)";
 }
 
 std::map<std::string, std::string> StoreSnapshot::texts() const {
@@ -253,7 +253,7 @@ void StoreSnapshot::requireProfile(const std::string& name) const {
 
 void StoreSnapshot::requireNewName(const std::string& name) const {
     if (name.empty() || isTestProfile(name)) {
-        throw Error(ErrorKind::kUnusable, "a profile cannot be called " + inQuotes(name));
+        throw Error(ErrorKind::kUnusable, "invalid profile name " + inQuotes(name));
     }
     if (name.size() > kMostNameBytes || printable(name) != name) {
         throw Error(ErrorKind::kUnusable, "a profile's name has at most " +
@@ -262,7 +262,7 @@ void StoreSnapshot::requireNewName(const std::string& name) const {
     }
     (void)requireProfiles();
     if (hasProfile(name)) {
-        throw Error(ErrorKind::kUnusable, "there is a profile " + inQuotes(name) + " already");
+        throw Error(ErrorKind::kUnusable, "profile " + inQuotes(name) + " already exists");
     }
 }
 
@@ -324,7 +324,7 @@ std::vector<std::string> adaptersOf(const FW::FWPROFILE& profile) {
 Json::Value StoreSnapshot::configuration() const {
     if (hasSettings() && !isWhole(kSettingsFile)) {
         throw Error(ErrorKind::kSystem,
-                    std::string(kSettingsFile) + " cannot be read: mend it, or move it away");
+                    std::string(kSettingsFile) + " cannot be read: repair it, or move it away");
     }
     Json::Value document(Json::objectValue);
     document[kConfigProfiles] = Json::Value(Json::objectValue);
@@ -336,7 +336,7 @@ Json::Value StoreSnapshot::configuration() const {
     document["config_version"] = 1;
     try {
         (void)std::as_const(document)[kConfigSettings][kProfileKey].asString();
-    } catch (const Json::Exception&) {  // the active profile is named by what is no text
+    } catch (const Json::Exception&) {  // the active profile's name is not a text
         throw Error(ErrorKind::kSystem, "the profiles and settings cannot be read");
     }
     return document;

@@ -29,13 +29,13 @@ namespace fs = std::filesystem;
 constexpr int kLockSeconds = 30;
 constexpr mode_t kDirectoryMode = 0755;
 
-// In the profile directory, so that a copy takes its document's place by renaming, which needs no
-// room. The library looks at no name that begins with a dot, and not below the directory.
+// In the profile directory, so that a copy can replace its document by renaming, which needs no
+// space. The library ignores names that begin with a dot, and subdirectories.
 constexpr char kCopyDir[] = "/usr/tarn/etc/firewall.d/.change/";
 constexpr mode_t kCopyDirMode = 0700;
 constexpr mode_t kModeBits = 07777;
 
-// After the name of a document that a copy has replaced, so that nothing of it is lost.
+// Suffix for the damaged document when its copy is restored, so that nothing is lost.
 constexpr char kDamaged[] = ".damaged";
 
 std::string copyOf(const std::string& path) {
@@ -53,11 +53,11 @@ bool isWholeFile(const std::string& path) {
 
 void dropCopies() {
     std::error_code ignored;
-    (void)fs::remove_all(kCopyDir, ignored);  // what stays is replaced by the next copies
+    (void)fs::remove_all(kCopyDir, ignored);  // the next copies replace leftovers
 }
 
 [[noreturn]] void refuse() {
-    throw Error(ErrorKind::kSystem, std::string("nothing was changed: cannot keep a copy in ") +
+    throw Error(ErrorKind::kSystem, std::string("nothing was changed: cannot store a copy in ") +
                                         kCopyDir + ": " + std::strerror(errno));
 }
 
@@ -71,7 +71,7 @@ bool writeCopy(const std::string& path, const std::string& text, mode_t mode) {
 
 void makeDirectory(const char* path) {
     if (TARNFSMkdirP(path, nullptr, 1, 0, 0, kDirectoryMode) < 0) {
-        throw Error(ErrorKind::kSystem, std::string("cannot make the directory ") + path);
+        throw Error(ErrorKind::kSystem, std::string("cannot create the directory ") + path);
     }
 }
 
@@ -81,7 +81,7 @@ ToolLock::ToolLock(const std::string& name) {
     makeDirectory(kRunDir);
     const std::string path = std::string(kRunDir).append("/").append(name);
     if (TLIBCFileLockTimeByFile(path.c_str(), 1, kLockSeconds, &fd_) != 1) {
-        throw Error(ErrorKind::kBusy, "cannot lock " + path + ": another tarnfw is at work");
+        throw Error(ErrorKind::kBusy, "cannot lock " + path + ": another tarnfw is running");
     }
 }
 
@@ -126,8 +126,7 @@ void StoreSession::mendInterruptedChange() {
             std::rename(path.c_str(), (path + kDamaged).c_str()) == 0 &&
             std::rename(copy.c_str(), path.c_str()) == 0) {
             notes_.push_back(printable(path) +
-                             " was left half written by a command that was killed; it is as it "
-                             "was before");
+                             " was truncated by a killed command; previous version restored");
         }
     }
     dropCopies();
@@ -170,7 +169,7 @@ void StoreTransaction::finish(bool refreshed) {
 }
 
 void StoreTransaction::copyAll() {
-    session_.refresh();  // programs that do not know the lock may have written
+    session_.refresh();  // programs that ignore the lock may have written
     if (mkdir(kCopyDir, kCopyDirMode) != 0) {
         refuse();
     }
@@ -184,7 +183,7 @@ void StoreTransaction::copyAll() {
     }
 }
 
-/// Ends the change. Returns what was wrong with it; empty when nothing was.
+/// Ends the change. Returns its error; empty on success.
 std::string StoreTransaction::finished(bool refreshed) {
     open_ = false;
     if (!refreshed) {
@@ -197,10 +196,10 @@ std::string StoreTransaction::finished(bool refreshed) {
             continue;
         }
         const std::string failure =
-            printable(path) + " could not be written whole; is the disk full? ";
-        return failure + (undo() ? "All documents are as they were"
-                                 : "Putting back what was there failed, too; it is in " +
-                                       std::string(kCopyDir));
+            printable(path) + " could not be written completely; is the disk full? ";
+        return failure +
+               (undo() ? "All documents were restored"
+                       : "Restoring them failed, too; the copies are in " + std::string(kCopyDir));
     }
     dropCopies();
     return "";
@@ -217,7 +216,7 @@ bool StoreTransaction::undo() {
     return done;
 }
 
-/// Makes the store what it was, also where a document was written whole: half a change is none.
+/// Restores all documents, even those that were written completely.
 bool StoreTransaction::putBack() const {
     const std::map<std::string, std::string> now = session_.snapshot().texts();
     bool done = true;

@@ -34,24 +34,24 @@ public:
     const std::string& key() const { return key_; }
     std::string title() const;  ///< "IPv4" or "IPv6"
 
-    /// What the kernel lacks of the base filter.
+    /// The missing chains and jumps.
     BaseParts missing() const;
 
-    /// Whether packets meet the jump to FIREWALL_RELOADING before that to a firewall chain.
-    /// Somebody else's setup may have them the other way; then a reload cuts established
+    /// Whether packets pass the jump to FIREWALL_RELOADING before that to a firewall chain.
+    /// Another program may have set them up in the wrong order; a reload then cuts established
     /// connections.
     bool inOrder() const;
 
     /// How many rules are in the two firewall chains.
     std::size_t loadedRules() const;
 
-    /// Whether the machine is closed as it is in the middle of a reload line by line.
+    /// Whether the machine is closed, as during a reload in apply mode "lines".
     bool isClosed() const;
 
     /// Adds `parts`: chains, then jumps, at the head of their chain and FIREWALL_RELOADING's first.
     void add(const BaseParts& parts);
 
-    /// Takes away those of `parts` that are there: jumps, then chains with what is in them.
+    /// Removes those of `parts` that exist: jumps, then chains with their rules.
     void remove(const BaseParts& parts);
 
 private:
@@ -63,14 +63,14 @@ private:
 };
 
 inline constexpr char kWrongOrder[] =
-    "set up, but a firewall chain is ahead of FIREWALL_RELOADING: reloads cut connections";
+    "set up, but a firewall chain comes before FIREWALL_RELOADING: reloads cut connections";
 
 /// Both families, IPv4 first.
 std::vector<BaseFilter> baseFilters();
 
 /// Throws Error while chains or jumps are missing, saying which. Lists only the two chains that the
 /// jumps are in: a chain that is jumped to is there. The library does not look at
-/// the exit status of the commands it runs: the machine would pass for protected and let everybody
+/// the exit status of the commands that it runs: the machine would seem protected and let everybody
 /// in.
 void requireBase();
 

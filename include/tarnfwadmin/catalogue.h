@@ -27,17 +27,17 @@ struct Service {
     ServiceSide destination;  ///< the ports that it answers on
     ServiceSide source;       ///< the ports that it sends from, where that matters
 
-    /// Whether the firewall uses the service: one without a title is kept out of it.
+    /// Whether rules can name the service: one without a title is kept out of the firewall.
     bool usable() const { return !title.empty(); }
 };
 
-/// The catalogue as it is when the object is made. For one thread; it can be moved.
+/// The catalogue, as read by the constructor. For one thread; it can be moved.
 class Catalogue {
 public:
     /// Reads the catalogue. One that cannot be read has no services; the platform logs why.
     Catalogue();
 
-    /// Whether there is a catalogue, and not an empty one.
+    /// Whether the catalogue has services.
     bool readable() const { return list_ != nullptr; }
 
     /// The service of this name, usable or not.
@@ -46,7 +46,7 @@ public:
     /// All services, sorted by name. Reads the files' names of services anew.
     std::vector<Service> services() const;
 
-    /// Those that the firewall uses, likewise.
+    /// Those that rules can name, sorted by name.
     std::vector<Service> usableServices() const;
 
     /// The service of this name. Throws Error: kNotFound, with the nearest right name, when there

@@ -1,5 +1,5 @@
-/// Which rule decides for a packet: the first that matches, as the kernel goes through the lines of
-/// INPUT_FIREWALL. The blocked checks answer for all addresses at once; this answers for one.
+/// The decision for a packet: the first rule that matches, in the order of the lines of
+/// INPUT_FIREWALL. A blocked check has a verdict for all addresses; this decides for one.
 #pragma once
 
 #include <memory>
@@ -17,16 +17,16 @@ namespace tarnfw {
 
 class Machine;  // private
 
-/// A packet that comes in and is for this machine, or several that differ in the port alone.
+/// A packet for this machine, or several that differ only in the port.
 struct Packet {
-    /// What a profile may call the interface: {"eth0"}, or {"tun0", "vpn"}.
+    /// The adapters that include the interface: {"eth0"}, or {"tun0", "vpn"}.
     std::vector<std::string> adapters;
     Address source;
-    std::optional<Address> destination;  ///< the machine's own address, where it is known
+    std::optional<Address> destination;  ///< the machine's own address, if known
     FW::FW_PORT_PROTOCOL protocol = FW::FW_PORT_PROTOCOL_TCP;  ///< TCP or UDP
     PortSpan ports;                                            ///< of the destination
-    std::optional<PortSpan> sourcePorts;                       ///< where they are known
-    bool established = false;  ///< it belongs to a connection that there is already
+    std::optional<PortSpan> sourcePorts;                       ///< if known
+    bool established = false;  ///< it belongs to an established connection
 };
 
 /// A packet for one port of this machine, or a span: from "10.0.0.5", to "tcp/445" or
@@ -39,12 +39,12 @@ Packet packetFrom(const std::string& address, const std::string& port,
 enum class DecidedBy {
     kRule,
     kDefaultPolicy,  ///< of an adapter
-    kNothing,        ///< neither: the packet is let through
+    kNothing,        ///< neither: the packet is allowed
     kLoopback,       ///< the line for packets of the machine to itself
     kEstablished,    ///< the line for established connections
 };
 
-/// What decides for some of the ports asked about.
+/// The decision for some of the queried ports.
 struct Decision {
     PortSpan ports;
     DecidedBy by = DecidedBy::kNothing;
@@ -56,9 +56,9 @@ struct Decision {
     std::vector<RulePlace> unless;
 };
 
-/// Decides by one profile, as if each adapter asked about were there. Country rules count as in a
-/// kernel with the "geoip" match. Rules whose line the kernel refuses decide nothing, and neither
-/// do those for "ppp0", which never get one.
+/// Decides by one profile, as if every queried adapter existed. Country rules count as in a
+/// kernel with the "geoip" match. Rules whose line the kernel refuses, and those for "ppp0",
+/// which get no line, decide nothing.
 /// Reads the service catalogue and the country database when a rule needs them, each once. For one
 /// thread; changes nothing.
 class Decider {
@@ -70,15 +70,15 @@ public:
 
     const FW::FWPROFILE& profile() const { return profile_; }
 
-    /// The ports of `packet` in ascending order, without gaps; neighbours differ in what decides.
-    /// Throws Error, kSystem, when a rule names services and the catalogue cannot be read.
+    /// The decisions for the ports of `packet`, in ascending order, without gaps; neighbours
+    /// differ. Throws Error, kSystem, when a rule names services and the catalogue cannot be read.
     std::vector<Decision> decide(const Packet& packet);
 
     /// The rule at a place of a decision of this profile; else throws std::out_of_range.
     const FW::FWRULE& ruleAt(const RulePlace& place) const;
 
     /// In words: "rule 3 of eth0: allow tcp 22 from 192.168.1.0/24 (IPv4)", "the default policy of
-    /// eth0: deny", "no rule and no default policy decides", ... Not made printable.
+    /// eth0: deny", "no rule and no default policy matches", ... Not made printable.
     std::string reason(const Decision& decision) const;
 
 private:

@@ -1,4 +1,4 @@
-/// How operations of this library fail.
+/// The errors of this library.
 #pragma once
 
 #include <exception>
@@ -11,26 +11,27 @@
 
 namespace tarnfw {
 
-/// What kind of failure it is: what a program decides by, and how it ends.
+/// The kind of an error.
 enum class ErrorKind {
-    kSystem,    ///< the operating system refused, or the library; its reason is in the text or log
-    kNotFound,  ///< a profile, rule, adapter, service or country that is not there
+    kSystem,    ///< the operating system or the library failed; the reason is in the text or log
+    kNotFound,  ///< a profile, rule, adapter, service or country that does not exist
     kInvalid,   ///< a document or rule that is not valid
     kUnusable,  ///< a name that cannot be used for this: taken, reserved or not possible
-    kRefused,   ///< the kernel did not take the rules
-    kBusy,      ///< somebody else holds a lock, or a trial is running
+    kRefused,   ///< the kernel refused the rules
+    kBusy,      ///< another program holds a lock, or a trial is running
     kNoRights,  ///< this process lacks the rights
 };
 
-/// Where it failed, as far as that is known.
+/// The place of the error, as far as known.
 struct ErrorPlace {
     std::string file;               ///< path of a document; empty: none
     std::string path;               ///< in the document: "rules.eth0[3].portList"; empty: all of it
     std::optional<RulePlace> rule;  ///< of the rule, where it is one
 };
 
-/// A failed operation. what() is one line for a person: what failed and why, without a program's
-/// name before it. Documents and the kernel are as they were unless the operation says otherwise.
+/// A failed operation. what() is one line for a person: the failure and its cause, without a
+/// program's name before it. Documents and the kernel are as they were unless the operation says
+/// otherwise.
 class Error : public std::runtime_error {
 public:
     Error(ErrorKind kind, const std::string& text, ErrorPlace place = {})
@@ -44,7 +45,7 @@ private:
     ErrorPlace place_;
 };
 
-/// Why something failed, in one line. Also for what the firewall library throws when it cannot open
+/// The reason in one line. Also for what the firewall library throws when it cannot open
 /// a lock file, and for any other exception.
 std::string reasonOf(const std::exception& error);
 

@@ -1,4 +1,4 @@
-/// The machine's interfaces, as profiles name them.
+/// The machine's interfaces, and the adapters for them.
 #pragma once
 
 #include <optional>
@@ -9,7 +9,7 @@
 
 namespace tarnfw {
 
-/// An interface as it is now.
+/// An interface and its present state.
 struct Interface {
     std::string name;
     bool up = false;

@@ -1,4 +1,4 @@
-/// Where a rule is in a profile.
+/// The place of a rule in a profile.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-/// Rules that should be in a packet filter against those that are.
+/// Comparison of the rules that should be in a packet filter with those that are.
 #pragma once
 
 #include <string>
@@ -13,11 +13,11 @@ struct RuleEdit {
     std::size_t position = 0;  ///< in its chain, from 1: that wanted for '-', that there for '+'
 };
 
-/// All lines of both, in order, with as few differences as can be found.
+/// All lines of both, in order, with as few differences as possible.
 std::vector<RuleEdit> editsBetween(const std::vector<std::string>& wanted,
                                    const std::vector<std::string>& held);
 
-/// The lines of `wanted` that `held` has not got so often, in any order.
+/// The lines of `wanted` that `held` does not have as often, in any order.
 std::vector<RuleEdit> missingFrom(const std::vector<std::string>& wanted,
                                   const std::vector<std::string>& held);
 

@@ -1,11 +1,11 @@
-/// Rules from the words of a person: "deny tcp 22,6000-6010 from 192.168.1.0/24".
+/// Rules from words: "deny tcp 22,6000-6010 from 192.168.1.0/24".
 ///
 ///     allow|deny [WHAT] [from|to ADDRESS]
 ///     WHAT     service NAME[,NAME...]; tcp, udp or tcp/udp ("both" is the same), alone or with
-///              PORT[,PORT...]; icmp; igmp; any, which is also meant when it is left out
+///              PORT[,PORT...]; icmp; igmp; any, the default
 ///     PORT     22 or 6000-6010
 ///     ADDRESS  one address; a network, ADDRESS/LENGTH or ADDRESS/MASK; FIRST-LAST;
-///              country CC[,CC...]; anywhere, which is also meant when it is left out
+///              country CC[,CC...]; anywhere, the default
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@
 
 namespace tarnfw {
 
-/// What rules can name on this machine. The caller reads it (Catalogue, FW_GEOIP); reading a rule's
+/// The names for rules on this machine. The caller reads it (Catalogue, FW_GEOIP); reading a rule's
 /// words reads no file.
 struct RuleVocabulary {
     /// By name, those that the firewall uses; with the FW_PORT_PROTOCOL code of the ports that they

@@ -9,7 +9,7 @@
 
 namespace tarnfw {
 
-/// "allow", "deny", "no default", or "unknown policy 7".
+/// "allow", "deny", "none", or "unknown policy 7".
 std::string policyText(FW::FW_POLICY policy);
 
 /// For an FW_PORT_PROTOCOL code: "tcp", "udp", "tcp/udp", "icmp", "igmp", or "unknown protocol 7".

@@ -1,4 +1,4 @@
-/// A packet filter to try things in: that of a network namespace of its own, which nothing else is
+/// A packet filter for trying things: that of a new network namespace, which nothing else is
 /// in and which ends with the object.
 #pragma once
 
@@ -18,7 +18,7 @@ public:
     ScratchKernel(const ScratchKernel&) = delete;
     ScratchKernel& operator=(const ScratchKernel&) = delete;
 
-    /// Loads a line as a reload does, one process a line. Empty when the kernel took it, else the
+    /// Loads a line as a reload does, in its own process. Empty if the kernel accepted it, else the
     /// tool's own words.
     std::string load(const TracedLine& line) const;
 

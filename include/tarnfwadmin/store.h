@@ -1,4 +1,4 @@
-/// What the store of profiles and settings holds at one moment.
+/// A snapshot of the profiles and settings in the store.
 #pragma once
 
 #include <sys/types.h>
@@ -17,10 +17,10 @@ namespace tarnfw {
 
 inline constexpr char kProfileDir[] = "/usr/tarn/etc/firewall.d/";
 
-/// The settings: the one document of the profile directory that is no profile.
+/// The settings: the only document of the profile directory that is not a profile.
 inline constexpr char kSettingsFile[] = "/usr/tarn/etc/firewall.d/firewall_settings.json";
 
-/// The prefix of the names of test profiles, which a trial makes and removes.
+/// The prefix of the names of test profiles, which a trial creates and removes.
 inline constexpr char kTestPrefix[] = ".test_";
 
 // The members of an exported configuration.
@@ -36,7 +36,7 @@ enum class ApplyMode { kLines, kBatch };
 /// one version of itself. Missing settings are read as the defaults, and not written.
 ///
 /// A profile has the name inside its file; of two files with one name, the one that sorts first
-/// counts. Profiles with the prefix of test profiles are in no list but testProfileNames().
+/// counts. Test profiles are only in the list of testProfileNames().
 ///
 /// Operations about one profile throw Error: kNotFound for a name that no profile has, kSystem for
 /// a document that is no profile. Those about the settings throw Error, kSystem, when these cannot
@@ -68,10 +68,10 @@ public:
     /// Whether there is a "*.json" file.
     bool empty() const { return files_.empty(); }
 
-    /// The paths of the files that cannot be read or are no JSON document, sorted.
+    /// The paths of the files that cannot be read or are not JSON, sorted.
     std::vector<std::string> unreadable() const;
 
-    /// "1 file cannot be read: ...", and what tells why; empty when all can.
+    /// "1 file cannot be read: ...", with a command that shows why; empty if all can be read.
     std::string unreadableText() const;
 
     // ---- Profiles ----
@@ -87,8 +87,8 @@ public:
     /// The same as profileNames(); throws Error, kNotFound, when there are none.
     std::vector<std::string> requireProfiles() const;
 
-    /// Throws Error for a name that no profile has, naming those that there are and the files that
-    /// perhaps hold it.
+    /// Throws Error for a name that no profile has; the message has the existing names and the
+    /// files that may have it.
     void requireProfile(const std::string& name) const;
 
     /// Throws Error, kUnusable, for a name that a profile has or that cannot be a new profile's;
@@ -108,12 +108,12 @@ public:
 
     // ---- The whole configuration ----
 
-    /// What TARNFW_JSON_DB::exportConfig() gives: the profiles' documents by the names of their
+    /// The result of TARNFW_JSON_DB::exportConfig(): the profiles' documents by the names of their
     /// files, the settings, the version. "config_profiles" is empty while there is no profile.
     Json::Value configuration() const;
 
-    /// Whether the store holds what an exported document says: these profiles and no others, and
-    /// its settings; members that only the store has do not count.
+    /// Whether the store agrees with an exported document: it has exactly these profiles, and
+    /// these settings; settings that only the store has are ignored.
     bool configurationIs(const Json::Value& document) const;
 
     // ---- For StoreTransaction ----
@@ -121,11 +121,11 @@ public:
     /// The texts of the regular files that can be read, by path.
     std::map<std::string, std::string> texts() const;
 
-    /// Whether the file is a whole JSON document.
+    /// Whether the file is a complete JSON document.
     bool isWhole(const std::string& path) const;
 
 private:
-    /// Which version of a file it is.
+    /// Identifies the version of a file.
     struct FileVersion {
         bool regular = false;
         dev_t device = 0;

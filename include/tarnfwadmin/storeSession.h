@@ -1,4 +1,4 @@
-/// Access to the store for one task: what it holds, and changes of it.
+/// Access to the store for one task: reading and changing it.
 #pragma once
 
 #include <functional>
@@ -11,14 +11,14 @@
 
 namespace tarnfw {
 
-/// What lives until the next start of the machine: locks, and the records of running commands.
+/// The directory for locks and the records of running commands, cleared by a reboot.
 inline constexpr char kRunDir[] = "/run/tarn";
 
-/// What the library holds while it reloads. A trial's rules must not go in between those of a
-/// reload: the library leaves that to its caller.
+/// The lock that the library holds during a reload. A trial must not run during a
+/// reload; the library leaves that to its caller.
 inline constexpr char kReloadLock[] = "/tmp/firewall_iptables_exec.lock";
 
-/// Makes a directory and those above it. Throws Error, kSystem.
+/// Creates a directory and its parents. Throws Error, kSystem.
 void makeDirectory(const char* path);
 
 /// A lock between the programs that use this library, held from construction to destruction.
@@ -34,8 +34,8 @@ private:
     int fd_ = -1;
 };
 
-/// The store as one task sees it. Make one at the beginning and hand it on: its snapshot is then
-/// the same for all steps, and no file is read again that has not changed.
+/// The store for one task. Create one session at the beginning and pass it on: its snapshot is then
+/// the same for all steps, and unchanged files are not read again.
 ///
 ///     StoreSession session(StoreSession::Access::kChange);
 ///     session.snapshot().requireProfile("home");
@@ -43,18 +43,18 @@ private:
 ///         ...
 ///     }
 ///
-/// Nothing is printed: what a person should hear, such as a file that was put right, is in
+/// Nothing is printed: messages for a person, such as a restored file, are in
 /// takeNotes().
 class StoreSession {
 public:
     enum class Access {
-        kRead,    ///< without a lock, and without a right to write
+        kRead,    ///< without a lock; changes are not allowed
         kChange,  ///< under the store's lock: the library locks single files, and of two programs
                   ///< that read and then write at the same time one would undo the other
     };
 
     /// Opens and reads the store. With kChange, waits up to 30 s for the lock and first puts back
-    /// what a program that was killed during a change has left truncated; the damaged file is kept
+    /// files truncated by a killed program; the damaged file is kept
     /// beside it with ".damaged" after its name. Throws Error, kBusy without the lock.
     explicit StoreSession(Access access);
     StoreSession(const StoreSession&) = delete;
@@ -63,24 +63,24 @@ public:
 
     const StoreSnapshot& snapshot() const { return snapshot_; }
 
-    /// Looks whether the store has changed since, as after an operation of the library outside of
+    /// Reads files that have changed since, as after an operation of the library outside
     /// change().
     void refresh() { snapshot_.refresh(); }
 
     /// Makes one change of the store, in a StoreTransaction: `write` calls the library, and its
     /// result is returned. The snapshot then is that of the changed store. Throws Error, kSystem,
-    /// when there is no room for the copies, with nothing changed, or when a document was not
-    /// written whole, with all documents as before; and what `write` throws.
+    /// if there is no space for the copies, with nothing changed, or if a document was not
+    /// written completely, with all documents restored; and what `write` throws.
     bool change(const std::function<bool()>& write);
 
-    /// Stores a profile under the name that it carries. Throws Error, kSystem, as change() and when
+    /// Stores a profile under its name. Throws Error, kSystem, like change() and if
     /// the library cannot write it; kNotFound in a store without any profile.
     void storeProfile(const FW::FWPROFILE& profile);
 
     /// Lets other programs change the store; the snapshot stays. Afterwards nothing may be changed.
     void unlock() { lock_.reset(); }
 
-    /// What there is to tell a person since the last call, a line each.
+    /// The messages for a person since the last call, one line each.
     std::vector<std::string> takeNotes();
 
 private:
@@ -93,16 +93,17 @@ private:
     StoreSnapshot snapshot_;
 };
 
-/// Keeps the store whole while the library writes to it. The library does not notice a full disk:
-/// it puts half a document, or an empty one, in the place of the old one, and reports success.
+/// Protects the store while the library writes to it. The library does not notice a full disk:
+/// it replaces a document with a truncated or empty one, and reports success.
 ///
-/// Made in a session that may change the store, just before the library writes. A change that needs
-/// no room, as a deletion, goes without. The copies are in ".change/" of the profile directory, and
-/// not flushed: they are for a program that fails or is killed, not for a loss of power.
+/// Create it in a session that may change the store, just before the library writes. A change that
+/// needs no space, such as a deletion, does without. The copies are in ".change/" of the profile
+/// directory, and not flushed: they protect against a failed or killed program, not against a power
+/// failure.
 class StoreTransaction {
 public:
-    /// Copies every document, which needs about the room that the change will. Throws Error,
-    /// kSystem, where there is none, with nothing changed and no copy left.
+    /// Copies every document, which needs about as much space as the change. Throws Error,
+    /// kSystem, if there is none, with nothing changed and no copy left.
     explicit StoreTransaction(StoreSession& session);
 
     /// Does the same as finish() for a change that an exception has ended; what finish() would
@@ -117,7 +118,7 @@ public:
     /// says so with `refreshed`, and nothing is read again.
     void finish(bool refreshed = false);
 
-    /// Ends the change by putting all documents back. False when that fails; they are then left in
+    /// Ends the change by restoring all documents. False if that fails; they are then left in
     /// the directory of the copies.
     bool undo();
 
@@ -131,7 +132,7 @@ private:
     bool open_ = true;
 };
 
-/// Throws what a StoreTransaction would throw for want of room. For a change that another process
+/// Throws what a StoreTransaction would throw for lack of space. For a change that another process
 /// makes.
 void requireRoomForChange();
 

@@ -1,4 +1,4 @@
-/// Texts for people: what messages of this library and of its users are made of.
+/// Building blocks of messages, for this library and its users.
 #pragma once
 
 #include <cstddef>
@@ -7,10 +7,10 @@
 
 namespace tarnfw {
 
-/// A text from a file as a terminal may see it: control characters become '?'.
+/// A text from a file made safe for a terminal: control characters become '?'.
 std::string printable(std::string text);
 
-/// The same between double quotes, as messages cite names and texts.
+/// The same in double quotes, for names and texts in messages.
 std::string inQuotes(const std::string& text);
 
 /// Whether a text can be one word of a line for the packet filter: not empty, without blanks and
@@ -20,15 +20,15 @@ bool isWord(const std::string& text);
 /// "1 rule", "3 rules".
 std::string counted(std::size_t number, const std::string& noun);
 
-/// The word of `known` that is most like `word`, or the only one that begins with it; empty when
-/// none is like it.
+/// The word of `known` that is most similar to `word`, or the only one that begins with it; empty
+/// if none is similar.
 std::string nearest(const std::string& word, const std::vector<std::string>& known);
 
 /// The same for country codes. Empty for a `word` of two letters or fewer, which is as near to many
 /// codes.
 std::string nearestCode(const std::string& word, const std::vector<std::string>& known);
 
-/// "; did you mean "eth0"?", to end a message with; empty without a guess.
+/// "; did you mean "eth0"?", for the end of a message; empty without a guess.
 std::string didYouMean(const std::string& guess);
 
 }  // namespace tarnfw

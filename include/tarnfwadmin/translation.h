@@ -1,4 +1,4 @@
-/// The lines of a profile together with the rules that they come from.
+/// The lines of a profile, each with its rule.
 #pragma once
 
 #include <string>

@@ -15,18 +15,18 @@ std::string portQuestionFrom(const std::string& text, FW::PortCompareST& questio
 /// "tcp/22", "both/53"; for source ports "source tcp/22". Not made printable.
 std::string questionText(const FW::PortCompareST& question);
 
-/// "allowed", "blocked", "undecided", "mixed"; on the way "allowed for some addresses", "blocked
+/// "allowed", "blocked", "undecided", "mixed"; in steps also "allowed for some addresses", "blocked
 /// for some addresses"; or "unknown verdict 7".
 std::string verdictText(FW::FW_POLICY verdict);
 
-/// The verdict on one question, and the steps of this adapter that led there.
+/// The verdict for one query, and the adapter's steps to it.
 struct PortAnswer {
     FW::PortCompareST question;
     FW::FW_POLICY verdict = FW::FW_POLICY_NONE;  ///< ALLOW, DENY, NONE or MIXED
     std::vector<FW::FWVERDICTSTEP> steps;        ///< in the order of TARNFW::fwPortExplain()
 };
 
-/// The verdict of an adapter on all questions together: blocked before mixed before allowed before
+/// The verdict of an adapter for all queries, the most severe one: blocked, mixed, allowed,
 /// undecided.
 struct AdapterAnswer {
     std::string adapter;                         ///< "global" or as asked

@@ -33,7 +33,7 @@ prints() {
 }
 
 # complains PATTERN: the last complaint is one line, and like it. Lines of the library's log, which
-# say where in the library something failed, may stand before it.
+# say where in the library something failed, may come before it.
 complains() {
     sed '/^tarnfw: [A-Za-z]*:[0-9]* /d' "$out/complaint" >"$out/own_complaint"
     if [[ $(wc -l <"$out/own_complaint") != 1 ]] || ! grep --quiet -- "$1" "$out/own_complaint"; then
@@ -66,7 +66,7 @@ same_files() {
 }
 
 # asked STATUS QUESTION ANSWER ARGUMENT...: on a terminal, where it asks that and is answered so, it ends
-# with that status; what it says after the answer, an echo of that included, is in $out/answer.
+# with that status; its output after the answer, including an echo of it, is in $out/answer.
 asked() {
     local wanted=$1 question=$2 answer=$3 status=0
     shift 3

@@ -13,7 +13,7 @@ import tempfile
 import pexpect
 
 SECONDS = 60  # for a shell that hangs; no case waits for it
-DUMP = "\x18d"  # Ctrl-X d: the line as it stands goes to the pipe, and is gone
+DUMP = "\x18d"  # Ctrl-X d: writes the line to the pipe and clears it
 PROMPT = "ready> "
 
 SHELLS = {

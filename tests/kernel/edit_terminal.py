@@ -37,7 +37,7 @@ def stores(tarnfw):
 
 
 def again(tarnfw):
-    """Rubbish at first; Enter leads back to the editor, which then mends it."""
+    """Rubbish at first; Enter opens the editor again, which then corrects it."""
     tool = start(tarnfw, "second_time_right")
     tool.expect(r"tarnfw: lab: line 1, column 1: .*\r\n")
     tool.expect(r"The text is in /tmp/tarnfw\.\w{6}/profile\.json\. Edit again\? \[Y/n\] ")

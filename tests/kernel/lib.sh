@@ -43,7 +43,7 @@ refuses() {
     fi
 }
 
-# add_addresses RUNNER LINK ADDRESS/LENGTH...: RUNNER is what stands before "ip", or nothing.
+# add_addresses RUNNER LINK ADDRESS/LENGTH...: RUNNER is a command to put before "ip", or empty.
 add_addresses() {
     local runner link=$2 address flags
     read -r -a runner <<<"$1"

@@ -1,5 +1,5 @@
 /// Real packets for the kernel tests and the demo: a server that answers on given ports, a client
-/// that tells which of them can be reached, and one that keeps a connection.
+/// that reports which of them can be reached, and one that keeps a connection.
 ///
 ///     packet_probe serve tcp/22 udp/53 ip/47    answers in both families; prints "ready", goes on
 ///     packet_probe check < packets              one probe a line, all at once; status 0: as

@@ -2,7 +2,7 @@
 ///
 ///     rules_probe lines FILE               fwClear() and fwExec() of a command document
 ///     rules_probe batch FILE               FW_BATCH::apply() of one; status 1 when it refuses
-///     rules_probe closed                   closes the machine as a reload line by line does
+///     rules_probe closed                   closes the machine as a reload in "lines" does
 ///     rules_probe compare PROFILE...       each of these profile files both ways: same listing?
 ///     rules_probe random SEED COUNT LINK...  the same for random profiles on these links
 ///     rules_probe kill SEED COUNT A B      kills batches of A and B, in turns, at random moments:
@@ -101,7 +101,7 @@ bool agreeOn(const FW::FWPROFILE& profile, const std::string& name) {
     }
     std::cout << name << ": " << (applied ? "the listings differ" : "the batch is refused") << '\n'
               << cmds << "\n--- line by line\n"
-              << expected << "--- in one transaction\n"
+              << expected << "--- in a batch\n"
               << found;
     return false;
 }
@@ -130,7 +130,8 @@ public:
 
 private:
     int below(const int limit) {
-        // Not a distribution: those differ between libraries, and the seed has to tell everything.
+        // Not a distribution: those differ between libraries, and the seed must determine
+        // everything.
         return static_cast<int>(generator_() % static_cast<std::uint32_t>(limit));
     }
     bool oneIn(const int n) { return below(n) == 0; }

@@ -20,17 +20,16 @@
 namespace {
 
 int run(int argc, char** argv) {
-    tarnfw::Command tool(
-        "tarnfw",
-        "Manages the host firewall: profiles of rules, kept on disk and applied to the "
-        "kernel's packet filter.");
+    tarnfw::Command tool("tarnfw",
+                         "Manages the host firewall: profiles of rules, stored on disk and applied "
+                         "to the kernel's packet filter.");
     tool.version(TARNFW_VERSION);
-    tool.footer("A first start: \"tarnfw base up\", then \"tarnfw enable\".");
+    tool.footer("To begin, run \"tarnfw base up\", then \"tarnfw enable\".");
     tarnfw::addCommands(tool);
     const std::vector<std::string> words(argv + 1, argv + argc);
     try {
-        if (const auto refusal = tarnfw::runCommandLine(tool, words)) {
-            std::cerr << tarnfw::wrongUsage(tool, *refusal, words);
+        if (const auto error = tarnfw::runCommandLine(tool, words)) {
+            std::cerr << tarnfw::wrongUsage(tool, *error, words);
             return tarnfw::kExitUsage;
         }
     } catch (const tarnfw::CommandEnded& ended) {
@@ -39,26 +38,27 @@ int run(int argc, char** argv) {
     return 0;
 }
 
-/// Opens what a caller has closed of standard input, output and error: a profile's file would
-/// otherwise take the number, and get what is printed. Writing to a closed output fails.
+/// Opens standard input, output and error if the caller closed them: otherwise a profile's file
+/// would get the number, and the output. Writing to a closed output fails.
 void openStandardFiles() {
     const std::array<const char*, 3> paths = {"/dev/null", "/dev/full", "/dev/null"};
     for (int fd = 0; fd < static_cast<int>(paths.size()); ++fd) {
         if (fcntl(fd, F_GETFD) == -1) {
-            // The lowest number that is free: this one.
+            // open() returns the lowest free number, this one.
             (void)open(paths.at(static_cast<std::size_t>(fd)), O_RDWR);
         }
     }
 }
 
-/// The exit status of a command that ended with `status`: an answer that nobody got is a failure.
+/// The exit status of a command that ended with `status`: output that could not be written is a
+/// failure.
 int statusOfAnswer(int status) {
     errno = 0;
     std::cout.flush();
     if (std::cout.good() || status != 0) {
         return status;
     }
-    std::cerr << "tarnfw: the answer cannot be written"
+    std::cerr << "tarnfw: cannot write the output"
               << (errno != 0 ? std::string(": ").append(std::strerror(errno)) : "") << '\n';
     return tarnfw::kExitFailed;
 }
@@ -67,11 +67,11 @@ int statusOfAnswer(int status) {
 
 int main(int argc, char** argv) {
     openStandardFiles();
-    // What the library writes is for root to change, whatever the caller's mask.
+    // Only root may change what the library writes, whatever the caller's mask.
     umask(022);
     // Names in profiles are UTF-8, whatever the terminal's language.
     (void)std::setlocale(LC_CTYPE, "C.UTF-8");
-    // What the library logs is the reason of a failure: shown here as well as in the system log.
+    // The library's log has the reason for a failure: print it, too.
     openlog("tarnfw", LOG_PERROR, LOG_USER);
     setlogmask(LOG_UPTO(LOG_WARNING));
     try {

@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# The base filter can be asked for and given up any number of times.
+# "base up" and "base down" can be repeated any number of times.
 keep_listing before
 step 'up' tarnfw base up
 keep_listing up

@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# Going down takes away what going up added. What the administrator, another program or the system had
-# made stays, also where it bears one of the firewall's own names.
+# "base down" removes what "base up" added. What the administrator, another program or the system had
+# added stays, even under one of the firewall's own names.
 for tool in iptables ip6tables; do
     "$tool" -N ELSEWHERE
     "$tool" -A ELSEWHERE -p tcp --dport 7 -j DROP

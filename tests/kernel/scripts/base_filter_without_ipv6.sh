@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# Where ip6tables cannot run, "base up" says so, sets up IPv4 all the same, and writes first settings that
+# If ip6tables cannot run, "base up" says so, still sets up IPv4, and writes first settings that
 # do not need it.
 
 # shellcheck source=tests/kernel/answers.sh
@@ -21,6 +21,6 @@ rm -f -- "$kProfileDirectory"/*.json
 answers 1 base up
 complains '^tarnfw: /sbin/ip6tables cannot list the filter table$'
 says '^IPv4: added chains FIREWALL_RELOADING, '
-says '^Settings written to .*: rules are applied line by line, without ip6tables '
+says '^Settings written to .*: apply mode "lines", because ip6tables cannot run '
 step 'the settings say so' [ "$(jq --raw-output .apply "$kSettings")" = lines ]
 step 'IPv4 is set up' iptables -S INPUT_FIREWALL

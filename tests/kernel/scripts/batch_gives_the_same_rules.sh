@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# In one transaction the kernel gets the rules that it gets line by line: for the examples, and for a
-# hundred random profiles, or a thousand in the long run. (The cases look for themselves.)
+# Both apply modes put the same rules into the kernel: for the examples, and for a
+# hundred random profiles, or a thousand in the long run. (The cases compare their own rules.)
 readonly kProfiles=$((${TARN_LONG:-0} ? 1000 : 100)) kWorkers=4
 readonly kSeed=${TARN_SEED:-20260101}
 

@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# A batch that is killed at any moment leaves the old rules or the new ones in each family, no mixture.
+# A batch that is killed at any moment leaves either the old or the new rules in each family.
 readonly kSeed=${TARN_SEED:-20260101}
 readonly kKills=$((${TARN_LONG:-0} ? 300 : 30))
 

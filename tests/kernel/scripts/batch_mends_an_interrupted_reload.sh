@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# A reload line by line that was killed leaves policies that drop and a rule in FIREWALL_RELOADING. A
-# batch takes both back where it finds the rule, and leaves policies alone where it does not.
+# A killed reload in apply mode "lines" leaves policies that drop and a rule in FIREWALL_RELOADING. A
+# batch reverts both if it finds the rule, and otherwise leaves the policies alone.
 readonly kReloading='FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT'
 readonly kEmpty='{}'
 
@@ -50,7 +50,7 @@ refuses 'a batch that the kernel refuses' rules_probe batch - \
     <<<'{"v6": {"eth0": ["-A INPUT_FIREWALL -p tcp -j MASQUERADE"]}}'
 step 'mends nothing' same_listing interrupted
 
-# The real thing: a reload line by line, killed before its first rule.
+# A real reload in apply mode "lines", killed before its first rule.
 iptables -F FIREWALL_RELOADING
 ip6tables -F FIREWALL_RELOADING
 for tool in iptables ip6tables; do

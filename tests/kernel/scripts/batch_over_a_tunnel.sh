@@ -1,8 +1,8 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# A rule of an IPv4 address on an adapter with a 6in4 tunnel: line by line it is repeated for the tunnel
-# and refused there. A batch does not make that line, and preview and diff tell the same of it.
+# A rule with an IPv4 address on an adapter with a 6in4 tunnel: in "lines" it is repeated for the tunnel
+# and refused there. A batch does not make that line; preview and diff agree with it.
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
-# Not every kernel has 6in4 tunnels: one that the platform's tool tells of.
+# Not every kernel has 6in4 tunnels, so the platform's program names one.
 cat >/tmp/tool <<'END'
 #!/bin/sh
 [ "$2" != eth0 ] || set -- "$1" six
@@ -29,7 +29,7 @@ choose_apply batch
 answers 0 enable
 answers 0 diff
 silent
-prints <<<'The kernel holds what profile "single_address" puts there'
+prints <<<'The kernel agrees with profile "single_address"'
 keep_listing batch
 step 'what was previewed changes nothing' ip6tables-restore --noflush "$out/restore"
 step 'the rules are the same' same_listing batch

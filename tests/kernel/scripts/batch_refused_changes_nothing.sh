@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# A line that the kernel or its tools refuse, wherever it stands, leaves both families as they were,
-# with one line in the log that names it.
+# If the kernel or its tools refuse a line, at any place, both families keep their rules,
+# and one line in the log names it.
 readonly kLines=40
 
 # Addresses of IPv6 that make its text shorter than that of IPv4, and longer.
@@ -111,7 +111,7 @@ sed -i 's/"status": false/"status": true/' "$kSettings" # "enable" refuses a pro
 step 'a reload line by line puts the rest in force' tarnfw reload
 everything >"$out/old"
 choose_apply batch
-refuses 'a reload in one transaction' tarnfw reload 2>"$out/log"
+refuses 'a reload in apply mode "batch"' tarnfw reload 2>"$out/log"
 step 'nothing has changed' unchanged
 step 'the log names adapter and port' grep --quiet 'of adapter eth0: .*99999' "$out/log"
 step 'the firewall is enabled' grep --quiet '"status" *: true' "$kSettings"

@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# Another program that holds the lock of iptables delays a batch and does not break it; reloads and
-# batches at the same moment all succeed.
+# Another program that holds the lock of iptables delays a batch but does not break it; reloads and
+# batches at the same time all succeed.
 readonly kRounds=10
 
 document() {

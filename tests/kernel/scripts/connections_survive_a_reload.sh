@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# While the chains are rebuilt the machine is closed, but not to connections that already stand; nor
+# While the chains are rebuilt the machine is closed, but not to established connections; nor
 # does a profile that denies them afterwards end them.
 links='veth eth0 192.168.1.10/24 2001:db8:1::10/64 lan 192.168.1.20/24 2001:db8:1::20/64'
 make_links <<<"$links"

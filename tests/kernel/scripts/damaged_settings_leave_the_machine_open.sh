@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# Settings that cannot be read stop a reload before it changes anything; settings of a wrong type stop
+# Unreadable settings stop a reload before it changes anything; settings of a wrong type stop
 # it halfway, and the policies accept again. Neither blocks the reload after the repair.
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 tarnfw base up

@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# Where there is no profile, "base up" writes a first one that keeps the machine in reach; where there
-# is one, it writes none. Whatever else lies in the directory stays, and nothing makes it wait for ever.
+# Without a profile, "base up" writes a first one that keeps the machine reachable; if there
+# is one, it writes none. Other files in the directory stay, and nothing makes it wait forever.
 make_links <<'END'
 veth eth0 192.168.1.10/24 203.0.113.10/24 2001:db8:1::10/64 lan 192.168.1.20/24 203.0.113.20/24 2001:db8:1::20/64
 END
@@ -52,7 +52,7 @@ step 'no directory: there is one' [ -d "$kProfileDirectory" ]
 step 'no directory: others may look into it' [ "$(stat -c %a "$kProfileDirectory")" = 755 ]
 step 'no directory: and read the profile' [ \
     "$(find "$kProfileDirectory" -name '*.json' ! -path "$kSettings" -printf '%m\n')" = 644 ]
-step 'no directory: the settings are there, with rules applied in one transaction' [ \
+step 'no directory: the settings are there, with apply mode "batch"' [ \
     "$(jq -c '[.status, .profile, .apply]' "$kSettings")" = '[false,"default","batch"]' ]
 step 'no directory: the profile is there' [ "$(tarnfw profile list)" = '* default' ]
 

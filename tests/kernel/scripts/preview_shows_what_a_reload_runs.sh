@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# What "tarnfw preview" prints is what a reload runs, line for line and in this order; and to look at it
+# "tarnfw preview" prints the lines that a reload runs, in the same order, and
 # changes nothing.
 make_links <<'END'
 veth eth0 192.168.1.10/24 2001:db8:1::10/64 lan 192.168.1.20/24 2001:db8:1::20/64

@@ -1,7 +1,7 @@
-"""Runs the commands of the README's tour and compares what they print: readme_tour.py README [OUT]
+"""Runs the commands of the README's tour and compares their output: readme_tour.py README [OUT]
 
-A command stands behind "$ " in a block marked "console"; the lines up to the next one are what it
-prints. With OUT, writes there the README with what they print now.
+A command follows "$ " in a block marked "console"; the lines up to the next one are
+its output. With OUT, writes the README with the present output there.
 """
 
 import difflib
@@ -16,16 +16,16 @@ FENCE = "```"
 
 
 def plain(text):
-    """The text without lines that were cleared again, and with numbers of the clock all alike."""
+    """The text without lines that were cleared again, and with the same time stamp everywhere."""
     text = text.replace("\r\n", "\n")
     text = re.sub(r"[^\n]*\r\033\[K", "", text)
-    # Which modules a kernel lacks is its own affair.
+    # Kernels differ in the modules that they lack.
     text = re.sub(r"^tarnfw: tarnkm:\d+ .*\n", "", text, flags=re.MULTILINE)
     return re.sub(r"\b\d{10}\b", "1700000042", text)
 
 
 def run(command):
-    """What a command prints. A trial needs somebody who presses Enter."""
+    """The output of a command. In a trial, presses Enter."""
     if command.startswith("tarnfw try "):
         trial = pexpect.spawn("/bin/bash", ["-c", command], encoding="utf-8", timeout=SECONDS)
         trial.setecho(False)
@@ -64,7 +64,7 @@ def main():
             commands += 1
             continue
         elif in_block:
-            continue  # what an earlier run printed
+            continue  # the old output
         written.append(line)
     if len(sys.argv) > 2:
         with open(sys.argv[2], "w", encoding="utf-8") as out:

@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# What the tool says and which exit status it ends with: 0 success, 1 failed, 2 wrong usage, 4 not root.
+# The tool's output and exit statuses: 0 success, 1 failed, 2 wrong usage, 4 not root.
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 
 # shellcheck source=tests/kernel/answers.sh
@@ -60,7 +60,7 @@ for words in --help --version help 'help rules' 'blocked --help'; do
     status=0
     tarnfw "${words[@]}" >/dev/full 2>"$out/complaint" || status=$?
     step "${words[*]}: lost on a full device" [ "$status" = 1 ]
-    complains '^tarnfw: the answer cannot be written'
+    complains '^tarnfw: cannot write the output'
     status=0
     tarnfw "${words[@]}" 2>"$out/complaint" >&- || status=$?
     step "${words[*]}: lost without a standard output" [ "$status" = 1 ]
@@ -73,26 +73,26 @@ says '^IPv4: missing: chains .*INPUT_FIREWALL.*; jumps .*INPUT -> INPUT_FIREWALL
 says '^IPv6: missing: chains .*INPUT_FIREWALL.*; jumps .*FORWARD -> FORWARD_FIREWALL'
 answers 0 status
 says '^Firewall: *disabled$'
-says '^Active profile: *default (there is none)$'
+says '^Active profile: *default (does not exist)$'
 says '^Base filter: *IPv4 lacks chains '
 says '^Base filter: *IPv6 lacks chains '
 answers 1 profile list
 step 'no profile is listed' [ ! -s "$out/answer" ]
 step 'the way to a first one is named' grep --quiet 'tarnfw base up' "$out/complaint"
 answers 1 enable
-complains '^tarnfw: the base packet filter is not set up; "tarnfw base up" does that '
+complains '^tarnfw: the base filter is not set up ('
 step 'no profile or settings came of all this' [ ! -e "$kSettings" ]
 # Settings that count as enabled: a reload has something to do, and must not do it.
 mkdir -p -- "$kProfileDirectory"
 printf '{"status": true, "profile": "default"}\n' >"$kSettings"
 cp -- "$kSettings" /tmp/settings
 answers 1 reload
-complains '^tarnfw: the base packet filter is not set up; "tarnfw base up" does that '
+complains '^tarnfw: the base filter is not set up ('
 answers 1 enable
 step 'the settings are untouched' cmp "$kSettings" /tmp/settings
 step 'the filter is untouched' same_listing before
 answers 0 status
-says '^Firewall: *enabled, but nothing is in force; "tarnfw reload" tells why$'
+says '^Firewall: *enabled, but no rules are in force; "tarnfw reload" shows why$'
 rm -- "$kSettings"
 
 # --- with it ---------------------------------------------------------------------------------------
@@ -143,13 +143,13 @@ iptables -D FORWARD -j FIREWALL_RELOADING
 iptables -A FORWARD -j FIREWALL_RELOADING
 keep_listing reversed
 answers 0 base status
-says '^IPv4: set up, but a firewall chain is ahead of FIREWALL_RELOADING'
+says '^IPv4: set up, but a firewall chain comes before FIREWALL_RELOADING'
 says '^IPv6: set up$'
 answers 0 status
-says '^Base filter: *IPv4 set up, but a firewall chain is ahead of FIREWALL_RELOADING'
+says '^Base filter: *IPv4 set up, but a firewall chain comes before FIREWALL_RELOADING'
 says '^Base filter: *IPv6 set up$'
 answers 0 base up
-complains '^tarnfw: IPv4 is set up, but a firewall chain is ahead of FIREWALL_RELOADING'
+complains '^tarnfw: IPv4 is set up, but a firewall chain comes before FIREWALL_RELOADING'
 step 'nothing was changed' same_listing reversed
 iptables -D FORWARD -j FIREWALL_RELOADING
 iptables -I FORWARD -j FIREWALL_RELOADING
@@ -173,16 +173,16 @@ prints <<'END'
 Profile deny_by_default (active)
 
 global
-  otherwise: as the adapter says
+  default policy: none (the adapters decide)
 
 eth0
   #  Action  What                Address            Family  Notes
   1  allow   service http,https  from anywhere      both    "Web"
   2  allow   tcp 22              from 192.168.1.20  IPv4    "SSH from the admin station"
-  otherwise: deny
+  default policy: deny
 
 eth1
-  otherwise: allow
+  default policy: allow
 END
 answers 0 profile show default
 step 'the other one is not active' [ "$(head -n 1 "$out/answer")" = 'Profile default' ]
@@ -200,7 +200,7 @@ for words in status export 'profile show --json' 'blocked --port tcp/22 --json';
     status=0
     tarnfw "${words[@]}" >/dev/full 2>"$out/complaint" || status=$?
     step "${words[*]}: lost on a full device" [ "$status" = 1 ]
-    complains '^tarnfw: the answer cannot be written'
+    complains '^tarnfw: cannot write the output'
 done
 step 'no file has changed' same_files lost
 

@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
 # "blocked" and "explain": the table of verdicts, the reasons, and the one rule that decides for a
-# sender, which real packets must meet.
+# sender, compared with real packets.
 make_links <<'END'
 veth eth0 192.168.1.10/24 192.168.1.11/24 fd00::10/64 lan 192.168.1.20/24 192.168.1.21/24 192.168.1.30/24 192.168.1.41/24 fd00::20/64 fd00::21/64
 END
@@ -37,7 +37,7 @@ Profile "deny_by_default", tcp/22
 Adapter  Verdict
 global   undecided  left to the adapters
 eth0     mixed      allowed from some addresses, blocked from others
-eth1     allowed    absent now
+eth1     allowed    absent
 END
 answers 10 blocked --port tcp/22 --json
 prints_json <<'END'
@@ -69,15 +69,15 @@ prints <<'END'
 Profile "deny_by_default", tcp/22
 
 global: undecided
-  begins with nothing  undecided
+  no default policy  undecided
 
 eth0: mixed
-  begins with the default policy: deny                                         blocked
+  default policy: deny                                                         blocked
   rule 2: allow tcp 22 from 192.168.1.20 (IPv4)  "SSH from the admin station"  allowed for some addresses
-  at the end, some addresses and not all                                       mixed
+  end of the list: not all addresses                                           mixed
 
 eth1: allowed
-  begins with the default policy: allow  allowed
+  default policy: allow  allowed
 END
 answers 0 explain --service https --adapter eth0 --json
 prints_json <<'END'
@@ -103,12 +103,12 @@ prints <<'END'
 Profile "global_rules_first", tcp/8080
 
 global: blocked
-  begins with nothing                                       undecided
-  rule 1: deny tcp 8080 from anywhere  "Closed everywhere"  blocked; later rules do not count
+  no default policy                                         undecided
+  rule 1: deny tcp 8080 from anywhere  "Closed everywhere"  blocked; later rules are not evaluated
 
 eth0: blocked
-  begins with the default policy: deny  blocked
-  the rules of global have decided      blocked
+  default policy: deny  blocked
+  decided by global     blocked
 END
 answers 10 explain --service smb --adapter eth0
 says '^  tcp/139  *blocked$'
@@ -190,7 +190,7 @@ ports=(22 7001 7002 7003 7004 7005 7006 7007 7008 7009 7010 7011 7012)
 serve "${ports[@]/#/tcp/}" udp/7004 udp/7006 udp/7010
 : >"$out/packets"
 
-# decide PROTOCOL PORT SOURCE DESTINATION: writes the probe, with the outcome that "explain" tells.
+# decide PROTOCOL PORT SOURCE DESTINATION: writes the probe, with the decision of "explain".
 decide() {
     local family=4 status=0 outcome
     [[ $3 != *:* ]] || family=6
@@ -234,7 +234,7 @@ eth0     tcp/7004       allowed  rule 3 of eth0: allow tcp/udp 7004,7006-7008 fr
 eth0     tcp/7005       blocked  rule 4 of eth0: deny tcp 7005-7009 from 192.0.1.20/255.0.255.255 (IPv4)
 eth0     tcp/7006-7008  allowed  rule 3 of eth0: allow tcp/udp 7004,7006-7008 from 192.168.1.15-192.168.1.25 (IPv4)
 eth0     tcp/7009       blocked  rule 4 of eth0: deny tcp 7005-7009 from 192.0.1.20/255.0.255.255 (IPv4)
-eth0     tcp/7010       blocked  the default policy of eth0: deny; unless this fits: rule 6 of eth0: allow tcp 7010 to 192.168.1.11 (IPv4)
+eth0     tcp/7010       blocked  the default policy of eth0: deny; unless this matches: rule 6 of eth0: allow tcp 7010 to 192.168.1.11 (IPv4)
 END
 answers 10 explain --port both/7010 --from 192.168.1.20 --json
 prints_json <<'END'

@@ -37,9 +37,9 @@ whole_filter() {
 answers 0 base up
 answers 0 check
 silent
-prints <<<'default: in order'
+prints <<<'default: valid'
 answers 0 check default
-prints <<<'default: in order'
+prints <<<'default: valid'
 answers 1 check nowhere
 complains '^tarnfw: there is no profile "nowhere" (there is: default)$'
 answers 2 check one two
@@ -57,14 +57,14 @@ activate default
 cd /tmp || fail "no /tmp"
 profile home "$(rule '')" "$(rule '"portList": ["22-23"], "policy": 1')" >home.json
 answers 0 check home.json
-prints <<<'home.json: in order'
+prints <<<'home.json: valid'
 answers 0 check ./home.json
-prints <<<'./home.json: in order'
+prints <<<'./home.json: valid'
 cp home.json plain
 answers 0 check plain
-prints <<<'plain: in order'
+prints <<<'plain: valid'
 tarnfw check - <home.json >"$out/answer" || fail 'not from standard input'
-prints <<<'standard input: in order'
+prints <<<'standard input: valid'
 answers 1 check missing.json
 complains '^tarnfw: cannot read missing.json: No such file or directory$'
 answers 1 check /tmp
@@ -93,7 +93,7 @@ answers 3 check --strict shadow.json
 prints <warning
 answers 0 check --strict home.json
 
-# The text: what is no JSON, and what the library reads all the same.
+# The text: invalid JSON, and JSON that only the library accepts.
 printf '{"name": "home",\n "rules": nul}\n' >broken.json
 answers 3 check broken.json
 prints <<<"broken.json: line 2, column 11: Syntax error: value, object or array expected"
@@ -106,7 +106,7 @@ prints <<<"empty.json: line 1, column 1: Syntax error: value, object or array ex
     printf 'and so on\n'
 } >liberal.json
 answers 0 check liberal.json
-says '^liberal.json: line 3, column 2: warning: the member "name" stands twice; the last one counts$'
+says '^liberal.json: line 3, column 2: warning: the member "name" occurs twice; the last one counts$'
 answers 3 check --strict liberal.json
 
 answers 3 check --json wrong.json
@@ -159,7 +159,7 @@ cp home.json "$kProfileDirectory"
 lines=$(tarnfw preview home | grep --count '^/sbin/')
 rm "$kProfileDirectory/home.json"
 answers 0 check --kernel home.json
-prints <<<"home.json: in order; the kernel takes $lines lines"
+prints <<<"home.json: valid; the kernel accepts $lines lines"
 answers 0 check --kernel --json home.json
 step 'with the number of lines' [ "$(jq .loadedLines "$out/answer")" = "$lines" ]
 
@@ -190,7 +190,7 @@ says '^untranslatable.json: rule 2 of eth0: policy: 7 is none of 0, 1, 2$'
 says '^untranslatable.json: rule 2 of eth0 cannot be translated, and with it the whole profile$'
 jq '.rules.eth0[1].policy = "1"' home.json >unreadable.json
 answers 3 check --kernel unreadable.json
-says '^unreadable.json: the library cannot read this: no line was loaded$'
+says '^unreadable.json: the library cannot read this; no line was loaded$'
 
 # The lock of the machine's own filter plays no part.
 exec {lock}>/run/xtables.lock

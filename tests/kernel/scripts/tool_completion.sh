@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# What Tab does behind tarnfw: the candidates that the tool prints, and what bash, zsh and fish make of
+# Tab after "tarnfw": the candidates that the tool prints, and what bash, zsh and fish make of
 # them on a terminal, with names that a shell has to quote.
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 
@@ -102,7 +102,7 @@ done < <(tarnfw --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z][a-z-]*\) .*/\1
 
 # --- the shells ------------------------------------------------------------------------------------
 
-# on_terminal SHELL SCRIPT: "typed|what stands there after Tab", for each line read.
+# on_terminal SHELL SCRIPT: "typed|the line after Tab", for each line read.
 on_terminal() {
     local cases
     mapfile -t cases
@@ -189,7 +189,7 @@ step 'no profile was changed' same_files before
 
 # --- as an ordinary user ---------------------------------------------------------------------------
 
-# Whoever is not root will be with "sudo", and gets the same; see tool_answers_and_exit_statuses.
+# Without root the candidates are the same, for "sudo"; see tool_answers_and_exit_statuses.
 ordinary=(setpriv --reuid 65534 --regid 65534 --clear-groups --inh-caps +dac_override
     --ambient-caps +dac_override --)
 if "${ordinary[@]}" true 2>/dev/null; then

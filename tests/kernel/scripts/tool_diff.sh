@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# tarnfw diff: a kernel that holds what the active profile puts there, and kernels that somebody has
-# changed since. To compare changes nothing.
+# tarnfw diff: a kernel that agrees with the active profile, and kernels that another program has
+# changed since. Comparing changes nothing.
 make_links <<<'veth eth0 192.168.1.10/24 2001:db8:1::10/64 lan 192.168.1.20/24 2001:db8:1::20/64'
 
 # shellcheck source=tests/kernel/answers.sh
@@ -19,10 +19,10 @@ differs() {
 
 answers 0 diff
 silent
-prints <<<'The firewall is disabled, and its chains are empty'
+prints <<<'The firewall is disabled and its chains are empty'
 answers 0 base up
 answers 0 diff
-prints <<<'The firewall is disabled, and its chains are empty'
+prints <<<'The firewall is disabled and its chains are empty'
 iptables -A INPUT_FIREWALL -s 10.9.9.9 -j DROP
 ip6tables -A FIREWALL_RELOADING -j ACCEPT
 differs <<'DIFF'
@@ -42,7 +42,7 @@ use_profile deny_by_default
 answers 0 enable
 answers 0 diff
 silent
-prints <<<'The kernel holds what profile "deny_by_default" puts there'
+prints <<<'The kernel agrees with profile "deny_by_default"'
 answers 0 diff --json
 step 'as a document' diff -u - <(jq --compact-output --sort-keys . "$out/answer") <<'DIFF'
 {"agree":true,"differences":[],"enabled":true,"profile":"deny_by_default","refusedLines":0}
@@ -161,8 +161,8 @@ jq '.name = "elsewhere" | .rules.eth0 = [
 activate elsewhere
 answers 0 enable
 tarnfw diff >"$out/answer" 2>"$out/complaint" || fail 'not the same'
-prints <<<'The kernel holds what profile "elsewhere" puts there'
-complains '^tarnfw: this kernel refuses 2 lines of the profile; "tarnfw check --kernel" tells which$'
+prints <<<'The kernel agrees with profile "elsewhere"'
+complains '^tarnfw: this kernel refuses 2 lines of the profile; "tarnfw check --kernel" shows them$'
 answers 0 diff --json
 step 'as a number' [ "$(jq .refusedLines "$out/answer")" = 2 ]
 # A second reload adds them a second time: that is how these are.

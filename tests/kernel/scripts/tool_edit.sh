@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# A profile in the person's editor: what is stored, what is refused and where it is kept, on a terminal
+# tarnfw profile edit: what is stored, what is rejected and where the text is kept, on a terminal
 # and without one.
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 
@@ -70,7 +70,7 @@ edits 3 /tmp/editors/rubbish lab
 step 'nothing on standard output' [ ! -s "$out/answer" ]
 step 'what is wrong, and where' grep --quiet '^tarnfw: lab: line 1, column 1: ' "$out/complaint"
 step 'what came of it' grep --quiet \
-    '^tarnfw: profile "lab" does not check; nothing was stored, the text is kept in ' "$out/complaint"
+    '^tarnfw: profile "lab" is invalid; nothing was stored, the text is kept in ' "$out/complaint"
 step 'nobody was asked' [ "$(wc -l <"$out/complaint")" = 2 ]
 text_kept '^rubbish$'
 step 'nothing was written' same_files second
@@ -119,7 +119,7 @@ sed -i s/second/late/ "\$1"
 $build/tools/tarnfw/tarnfw rule add --adapter eth0 --profile lab deny any >/dev/null
 END
 edits 1 /tmp/editors/is_late lab
-complains '^tarnfw: profile "lab" was changed by somebody else meanwhile; nothing was stored, the text is'
+complains '^tarnfw: profile "lab" was changed by another program meanwhile; nothing was stored, the text is'
 text_kept '"late"'
 step 'the other change stays' grep --quiet '^  2  deny ' <(tarnfw profile show lab)
 editor deletes <<END
@@ -172,7 +172,7 @@ editor says_where <<<"echo \"\$1\" >/tmp/where"
 TMPDIR=/tmp/elsewhere edits 0 /tmp/editors/says_where lab
 step 'TMPDIR counts' grep --quiet '^/tmp/elsewhere/tarnfw\.' /tmp/where
 TMPDIR=/tmp/nowhere edits 1 true lab
-complains '^tarnfw: cannot make a private directory for temporary files: '
+complains '^tarnfw: cannot create a private directory for temporary files: '
 
 # --- the active profile ----------------------------------------------------------------------------
 
@@ -234,7 +234,7 @@ no_text_left
 keep_files second
 
 on_terminal no 3
-says '^tarnfw: profile "lab" does not check; nothing was stored, '
+says '^tarnfw: profile "lab" is invalid; nothing was stored, '
 text_kept '^rubbish$'
 on_terminal end_of_file 3
 text_kept '^rubbish$'
@@ -248,7 +248,7 @@ printf 'Editing'
 read -r name
 END
 on_terminal interrupted_editor 1
-says 'the editor "/tmp/editors/waits" was ended by signal 2; nothing was changed$'
+says 'the editor "/tmp/editors/waits" was killed by signal 2; nothing was changed$'
 no_text_left
 step 'nothing was written' same_files second
 editor minds_not <<'END'

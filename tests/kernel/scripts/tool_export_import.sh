@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# tarnfw export and import: the whole configuration into one document and back, what is refused, what
-# becomes of it when something goes wrong in the middle, and the way back.
+# tarnfw export and import: the whole configuration as one document and back, what is rejected, what
+# an interrupted or failed import leaves, and how to restore a backup.
 make_links <<'END'
 veth eth0 192.168.1.10/24 lan 192.168.1.20/24
 veth eth1 192.168.2.10/24 lan 192.168.2.20/24
@@ -49,11 +49,11 @@ step 'a document of the schema' /usr/bin/jsonschema -i "$out/answer" \
 cp -- "$out/answer" printed
 answers 0 export all.json
 silent
-prints <<<'2 profiles and the settings are in all.json'
+prints <<<'2 profiles and the settings written to all.json'
 step 'the same document' cmp printed all.json
 step 'for all to read' [ "$(stat --format=%a all.json)" = 644 ]
 answers 1 export all.json
-complains '^tarnfw: all.json is there already; --force replaces it$'
+complains '^tarnfw: all.json already exists; --force replaces it$'
 printf 'mine\n' >mine
 answers 1 export mine
 step 'it is as it was' [ "$(<mine)" = mine ]
@@ -103,11 +103,11 @@ says '^new  *added  *2.json$'
 answers 2 import
 answers 2 import --json next.json
 answers 1 import next.json </dev/null
-complains '^tarnfw: nothing was imported: there is no terminal to ask on; --yes goes on without asking$'
+complains '^tarnfw: nothing was imported: there is no terminal to ask on; use --yes$'
 answers 1 import --yes missing.json
 complains '^tarnfw: cannot read missing.json: No such file or directory$'
 answers 0 import --yes all.json
-says '^Nothing changes$'
+says '^Nothing to change$'
 step 'the store is untouched' same_store before
 step 'and no backup was made' [ ! -e "$kBackups" ]
 
@@ -174,14 +174,14 @@ step 'the store is untouched' same_store before
 # A file that no backup would keep.
 printf '{"mine": true}\n' >"$kProfileDirectory/2.json"
 answers 1 import --yes next.json
-complains "^tarnfw: nothing was imported: $kProfileDirectory/2.json would be replaced, and is no profile"
+complains "^tarnfw: nothing was imported: $kProfileDirectory/2.json would be replaced, but is not a profile"
 step 'it is there' [ "$(<"$kProfileDirectory/2.json")" = '{"mine": true}' ]
 rm "$kProfileDirectory/2.json"
 # Settings that the library would fail with, when it had deleted the profiles.
 cp "$kSettings" settings
 printf 'damaged' >"$kSettings"
 answers 1 import --yes next.json
-complains "^tarnfw: $kSettings cannot be read: mend it, or move it away$"
+complains "^tarnfw: $kSettings cannot be read: repair it, or move it away$"
 step 'both profiles are there' [ -e "$kProfileDirectory/$first" ]
 cp settings "$kSettings"
 step 'the store is untouched' same_store before
@@ -192,7 +192,7 @@ answers 0 enable
 keep_listing enabled
 answers 0 import --yes next.json
 backup=$(newest_backup)
-says "^Backup: $backup (\"tarnfw import $backup\" brings it back)\$"
+says "^Backup: $backup (\"tarnfw import $backup\" restores it)\$"
 says '^Imported 2 profiles; active: new$'
 says '^The kernel still has the old rules; "tarnfw reload" applies the new ones$'
 step 'nothing is applied' same_listing enabled
@@ -214,7 +214,7 @@ step 'each with its backup' [ "$(find "$kBackups" -type f | wc -l)" = 3 ]
 
 # A document that disables.
 answers 0 import --yes all.json
-says '^The firewall is now disabled in the settings; the kernel still has the old rules until "tarnfw disable"$'
+says '^The firewall is now disabled in the settings; the kernel keeps the old rules until "tarnfw disable"$'
 step 'nothing is applied' same_listing enabled
 answers 0 import --yes "$backup"
 answers 0 import --yes --reload all.json
@@ -225,7 +225,7 @@ answers 0 diff
 answers 0 import --yes --force faulty.json
 answers 0 import --yes all.json
 backup=$(newest_backup)
-says "^Backup: $backup (\"tarnfw import --force $backup\" brings it back)\$"
+says "^Backup: $backup (\"tarnfw import --force $backup\" restores it)\$"
 answers 3 import --yes "$backup"
 answers 0 import --yes --force "$backup"
 answers 0 export
@@ -247,7 +247,7 @@ answers 0 import --yes all.json
 
 # --- interrupted -----------------------------------------------------------------------------------
 
-# hold FILE: keeps the lock of a file of the store, so that whoever writes it waits.
+# hold FILE: keeps the lock of a file of the store, so that writers wait.
 hold() {
     exec {held}< <(
         exec /usr/bin/python3 -c '
@@ -306,7 +306,7 @@ cp /tmp/store/*.json "$kProfileDirectory"
 jq '.config_profiles["2.json"] = (.config_profiles["deny_by_default.json"] | .name = "large"
     | .rules.eth0[0].labelList = [range(3000) | tostring])' all.json >large.json
 answers 1 import --yes large.json
-complains '^tarnfw: the import failed (.*); what was there before is back$'
+complains '^tarnfw: the import failed (.*); the previous configuration is restored$'
 answers 0 export
 step 'it is' diff <(configuration all.json) <(configuration "$out/answer")
 umount "$kProfileDirectory"

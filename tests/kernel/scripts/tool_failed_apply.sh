@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# Rules that cannot be put in force: what is refused beforehand, and what is left when they fail.
+# Rules that cannot be applied: what is rejected beforehand, and what a failure leaves.
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 
 # shellcheck source=tests/kernel/answers.sh
@@ -16,7 +16,7 @@ silent
 prints <<<'Firewall disabled'
 step 'nothing is written' [ ! -e "$kProfileDirectory" ]
 
-# --- a profile that does not check -----------------------------------------------------------------
+# --- an invalid profile -----------------------------------------------------------------------------
 
 answers 0 base up
 keep_listing base
@@ -24,7 +24,7 @@ use_profile deny_by_default
 answers 0 apply-mode batch
 sed 's/"22"/"99999"/; s/"deny_by_default"/"bad"/' "$kProfileDirectory/deny_by_default.json" \
     >"$kProfileDirectory/bad.json"
-readonly kBad='^tarnfw: profile "bad" has 1 error; "tarnfw check bad" names it'
+readonly kBad='^tarnfw: profile "bad" has 1 error; "tarnfw check bad" lists it'
 
 activate bad
 refused 3 "$kBad; nothing was changed\$" enable
@@ -43,7 +43,7 @@ for command in 'policy eth1 deny --profile bad' 'rule off 1 --adapter eth0 --pro
     'rule add --adapter eth0 allow tcp 80 --profile bad' 'profile copy bad bad2'; do
     read -r -a words <<<"$command"
     answers 0 "${words[@]}"
-    step 'it is said' grep --quiet -- '^tarnfw: profile "bad2\?" has 1 error; "tarnfw check bad2\?" names it$' \
+    step 'it is said' grep --quiet -- '^tarnfw: profile "bad2\?" has 1 error; "tarnfw check bad2\?" lists it$' \
         "$out/complaint"
 done
 answers 0 policy eth1 deny
@@ -68,7 +68,7 @@ answers 0 apply-mode lines
 answers 0 reload
 step 'it is said' grep --quiet -- "$kBad\$" "$out/complaint"
 
-# --- rules that cannot be put in force --------------------------------------------------------------
+# --- rules that cannot be applied --------------------------------------------------------------------
 
 sed -i 's/"bad"/"deny_by_default"/' "$kSettings"
 for name in bad bad2; do
@@ -79,7 +79,7 @@ answers 0 apply-mode batch
 answers 0 reload
 keep_listing enabled
 tarnfw export "$out/all.json"
-wrap_iptables # of iptables and ip6tables alone: one transaction fails from now on
+wrap_iptables # of iptables and ip6tables alone: a batch fails from now on
 readonly kNotApplied='the active profile was not applied: the kernel still has the old rules'
 
 keep_files before
@@ -101,7 +101,7 @@ step 'the rules are the same' same_listing enabled
 answers 0 disable
 cp -- "$kSettings" /tmp/settings
 answers 1 enable
-step 'it is said' grep --quiet -- '^tarnfw: the rules could not be put in force; the firewall stays off$' \
+step 'it is said' grep --quiet -- '^tarnfw: the rules could not be applied; the firewall stays off$' \
     "$out/complaint"
 step 'the settings say so' cmp "$kSettings" /tmp/settings
 step 'nothing is in force' same_listing base

@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# No command of the tool leaves half a document behind: on a full disk, where a file may not grow, and
-# after one that was killed in the middle.
+# No command of the tool leaves a truncated document: on a full disk, if a file may not grow, and
+# after a command was killed.
 make_links <<'END_OF_LINKS'
 veth eth0 192.168.1.10/24 lan 192.168.1.20/24
 veth eth1 192.168.2.10/24 lan 192.168.2.20/24
@@ -71,9 +71,9 @@ fill() {
     cat /dev/zero >>"$kProfileDirectory/filler" 2>/dev/null || true
 }
 fill
-writing_commands '^tarnfw: nothing was changed: cannot keep a copy in .*: No space left on device'
+writing_commands '^tarnfw: nothing was changed: cannot store a copy in .*: No space left on device'
 jq '.config_firewall_settings.apply = "batch"' <(tarnfw export) >/tmp/all.json
-refused_whole '^tarnfw: nothing was changed: cannot keep a copy in .*: No space left on device' \
+refused_whole '^tarnfw: nothing was changed: cannot store a copy in .*: No space left on device' \
     import --yes /tmp/all.json
 step 'the rules are those of before' same_listing enabled
 
@@ -81,7 +81,7 @@ step 'the rules are those of before' same_listing enabled
 rm -- "$kProfileDirectory/filler"
 jq '.rules.eth0[0].labelList = [range(30000) | tostring]' "$kDocument" >/tmp/large.json
 mount -o remount,size=128k "$kProfileDirectory"
-refused_whole '^tarnfw: .*/[0-9]*\.json could not be written whole; is the disk full? All documents are as they were$' \
+refused_whole '^tarnfw: .*/[0-9]*\.json could not be written completely; is the disk full? All documents were restored$' \
     profile create new --from /tmp/large.json
 
 # A deletion needs no room, and makes some.
@@ -94,7 +94,7 @@ umount "$kProfileDirectory"
 # A store that has nothing yet.
 mount -t tmpfs -o size=64k tmpfs "$kProfileDirectory"
 fill
-refused_whole 'nothing was changed: cannot keep a copy\|could not be written whole' base up
+refused_whole 'nothing was changed: cannot store a copy\|could not be written completely' base up
 umount "$kProfileDirectory"
 
 # --- files that may not grow -----------------------------------------------------------------------
@@ -108,7 +108,7 @@ may_not_grow() {
 }
 keep_files grown
 step 'refused' [ "$(may_not_grow rule add allow tcp 80 --adapter eth0)" = \
-    "tarnfw: nothing was changed: cannot keep a copy in $kProfileDirectory/.change/: File too large" ]
+    "tarnfw: nothing was changed: cannot store a copy in $kProfileDirectory/.change/: File too large" ]
 step 'the files are as they were' same_files grown
 
 # --- a command that was killed ---------------------------------------------------------------------
@@ -137,7 +137,7 @@ exec {held}<&-
 : >"$kSettings"
 answers 1 status
 answers 0 export /tmp/mended.json
-complains "^tarnfw: $kSettings was left half written by a command that was killed; it is as it was before$"
+complains "^tarnfw: $kSettings was truncated by a killed command; previous version restored$"
 step 'nothing of it is lost' rm -- "$kSettings.damaged"
 step 'the files are as they were' same_files killed
 answers 0 rule add allow tcp 81 --adapter eth0

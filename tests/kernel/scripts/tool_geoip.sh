@@ -64,9 +64,9 @@ step 'as a document' diff -u - <(jq --compact-output --sort-keys . "$out/answer"
 {"country":"DE","ranges":[{"family":"v4","first":"10.0.0.0","last":"10.0.0.255"},{"family":"v4","first":"10.0.2.7","last":"10.0.2.7"},{"family":"v6","first":"2001:db8::","last":"2001:db8::ffff"}]}
 END_OF_RANGES
 answers 1 geoip show IT
-complains '^tarnfw: there are no data of a country "IT"; "tarnfw geoip list" tells which there are$'
+complains '^tarnfw: there are no data for country "IT"; see "tarnfw geoip list"$'
 answers 1 geoip show ../DE
-complains '^tarnfw: there are no data of a country "../DE"; '
+complains '^tarnfw: there are no data for country "../DE"; '
 
 answers 0 geoip check 10.0.0.255
 silent

@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# tarnfw help: the topics, and the help texts of commands; and that it takes neither root nor a store.
+# tarnfw help: the topics, and the help texts of commands; it needs neither root nor a store.
 
 # shellcheck source=tests/kernel/answers.sh
 source "$checkout/tests/kernel/answers.sh"

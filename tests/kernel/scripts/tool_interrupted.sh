@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# What changes the kernel runs to its end, whatever becomes of the terminal: a reload line by line that
-# ended in its middle would leave the machine closed.
+# Commands that change the kernel run to their end even without their terminal: an interrupted reload
+# in apply mode "lines" would leave the machine closed.
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 
 # shellcheck source=tests/kernel/answers.sh

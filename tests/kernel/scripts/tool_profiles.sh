@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# Profiles from the command line: listed, shown, created, copied, renamed, deleted, chosen.
+# tarnfw profile: list, show, create, copy, rename, delete, use.
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 
 # shellcheck source=tests/kernel/answers.sh
@@ -36,14 +36,14 @@ prints <<'END'
 Profile lab
 
 global
-  otherwise: as the adapter says
+  default policy: none (the adapters decide)
 END
 answers 0 profile show lab --json
 prints_json <<<'{"active": false, "adapterPolicyMap": {"global": 2}, "name": "lab", "rules": null}'
 
-refused 1 '^tarnfw: there is a profile "lab" already$' profile create lab
-refused 1 '^tarnfw: a profile cannot be called ""$' profile create ''
-refused 1 '^tarnfw: a profile cannot be called "\.test_lab"$' profile create .test_lab
+refused 1 '^tarnfw: profile "lab" already exists$' profile create lab
+refused 1 '^tarnfw: invalid profile name ""$' profile create ''
+refused 1 '^tarnfw: invalid profile name "\.test_lab"$' profile create .test_lab
 refused 2 '^tarnfw: NAME is required$' profile create
 names="^tarnfw: a profile's name has at most 100 bytes, and no control characters\$"
 refused 1 "$names" profile create $'two\nlines'
@@ -65,11 +65,11 @@ refused 1 '^tarnfw: cannot read /tmp: Is a directory$' profile create new --from
 printf '{"name": "new",\n "rules": }\n' >/tmp/broken.json
 refused 3 '^tarnfw: /tmp/broken.json: line 2, column 11: ' profile create new --from /tmp/broken.json
 step 'and says what came of it' grep --quiet \
-    '^tarnfw: /tmp/broken.json does not check: no profile was created$' "$out/complaint"
+    '^tarnfw: /tmp/broken.json is invalid: no profile was created$' "$out/complaint"
 printf '[]\n' >/tmp/broken.json
 refused 3 '^tarnfw: /tmp/broken.json: ' profile create new --from /tmp/broken.json
 printf '{"name": "new", "name": "newer"}\n' >/tmp/broken.json
-refused 3 '^tarnfw: /tmp/broken.json: line 1, column [0-9]*: the member "name" stands twice' profile create new \
+refused 3 '^tarnfw: /tmp/broken.json: line 1, column [0-9]*: the member "name" occurs twice' profile create new \
     --from /tmp/broken.json
 sed 's/"ipGroup" : 1/"ipGroup" : "1"/' "$example" >/tmp/broken.json
 refused 3 '^tarnfw: /tmp/broken.json: ' profile create new --from /tmp/broken.json
@@ -89,7 +89,7 @@ prints_json <<'END'
               {"name": "lab", "active": false, "adapters": 1, "rules": 0},
               {"name": "two words", "active": false, "adapters": 2, "rules": 6}]}
 END
-# One that cannot be read has its name all the same.
+# An unreadable profile keeps its name.
 printf '{"name": "odd", "adapterPolicyMap": {"eth0": "deny"}, "rules": {}}\n' \
     >"$kProfileDirectory/odd.json"
 answers 0 profile list --json
@@ -100,7 +100,7 @@ rm -- "$kProfileDirectory/odd.json"
 
 # One that cannot be parsed has no name to be known by, and may be the one that is looked for.
 printf '{"name": "haus",\n' >"$kProfileDirectory/177.json"
-readonly kUnreadable="1 file cannot be read: $kProfileDirectory/177.json (\"tarnfw check FILE\" tells why)"
+readonly kUnreadable="1 file cannot be read: $kProfileDirectory/177.json (\"tarnfw check FILE\" shows why)"
 for words in 'profile show haus' 'profile delete haus' 'check haus' 'preview haus'; do
     read -r -a words <<<"$words"
     answers 1 "${words[@]}"
@@ -117,7 +117,7 @@ step 'the rest' [ "$(jq '.config_profiles | length' "$out/answer")" = 3 ]
 rm -- "$kProfileDirectory/177.json"
 activate haus
 answers 1 export
-complains '^tarnfw: the active profile "haus" is not there, and no import takes an export without it; '
+complains '^tarnfw: the active profile "haus" does not exist, and an export without it cannot be imported; '
 answers 0 export --partial
 activate default
 
@@ -141,21 +141,21 @@ answers 0 profile copy 'two words' copied
 prints <<<'Profile "copied" created, a copy of "two words"'
 step 'it is the same under another name' diff -u \
     <(sed 's/"name" : "two words"/"name" : "copied"/' "$(file_of 'two words')") "$(file_of copied)"
-refused 1 '^tarnfw: there is a profile "copied" already$' profile copy lab copied
+refused 1 '^tarnfw: profile "copied" already exists$' profile copy lab copied
 refused 1 '^tarnfw: there is no profile "nowhere" ' profile copy nowhere new
 refused 2 '^tarnfw: NEW is required$' profile copy lab
 
 answers 0 profile rename copied renamed
-prints <<<'Profile "copied" is called "renamed" now'
+prints <<<'Profile "copied" renamed to "renamed"'
 step 'only the new name is left' [ "$(tarnfw profile list | tr '\n' ,)" = \
     '* default,  lab,  renamed,  two words,' ]
 answers 0 profile rename default standard
 step 'the settings follow the active one' [ "$(setting profile)" = standard ]
 answers 0 profile rename standard default
 step 'and back' [ "$(setting profile)" = default ]
-refused 1 '^tarnfw: there is a profile "lab" already$' profile rename default lab
+refused 1 '^tarnfw: profile "lab" already exists$' profile rename default lab
 refused 1 '^tarnfw: there is no profile "nowhere" ' profile rename nowhere new
-refused 1 '^tarnfw: a profile cannot be called ""$' profile rename lab ''
+refused 1 '^tarnfw: invalid profile name ""$' profile rename lab ''
 
 # --- delete ----------------------------------------------------------------------------------------
 
@@ -169,7 +169,7 @@ refused 1 '^tarnfw: there is no profile "renamed" ' profile delete renamed
 # The library removes the first of two files with one name; the other one is not silently left.
 cp -- "$(file_of lab)" "$kProfileDirectory/9999999999.json"
 answers 1 profile delete lab
-complains '^tarnfw: profile "lab" is still there: /usr/tarn/etc/firewall.d/9999999999.json$'
+complains '^tarnfw: profile "lab" still exists: /usr/tarn/etc/firewall.d/9999999999.json$'
 answers 0 profile delete lab
 step 'both are gone' [ "$(tarnfw profile list | tr '\n' ,)" = '* default,  two words,' ]
 
@@ -177,11 +177,11 @@ step 'both are gone' [ "$(tarnfw profile list | tr '\n' ,)" = '* default,  two w
 
 answers 0 profile create open
 answers 0 profile use open
-prints <<<'Profile "open" is the active one now'
+prints <<<'Profile "open" is now the active one'
 step 'the settings say so' [ "$(setting profile)" = open ]
 answers 0 profile use default --reload
 prints <<'END'
-Profile "default" is the active one now
+Profile "default" is now the active one
 Firewall disabled: nothing to reload
 END
 step 'the filter is untouched' same_listing base
@@ -190,7 +190,7 @@ step 'the firewall is enabled' tarnfw enable
 keep_listing default
 answers 0 profile use open
 prints <<'END'
-Profile "open" is the active one now
+Profile "open" is now the active one
 The kernel still has the old rules; "tarnfw reload" applies the new ones
 END
 step 'so it has' same_listing default
@@ -203,7 +203,7 @@ refused 1 '^tarnfw: there is no profile "nowhere" ' profile use nowhere
 refused 1 '^tarnfw: there is no profile "opne"; did you mean "open"? (there is: ' profile use opne
 # A reload of it would leave the machine open.
 sed 's/"policy" : 0/"policy" : 7/; s/"lan-only"/"broken"/' "$example" >"$kProfileDirectory/broken.json"
-refused 3 '^tarnfw: profile "broken" has [0-9]* errors*; "tarnfw check broken" names [a-z]*; nothing was changed$' \
+refused 3 '^tarnfw: profile "broken" has [0-9]* errors*; "tarnfw check broken" lists [a-z]*; nothing was changed$' \
     profile use broken --reload
 step 'the rules are the same' same_listing default
 step 'default stays the active one' [ "$(setting profile)" = default ]

@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# Rules and default policies from the command line: what is stored, what is refused, and what a reload
+# tarnfw rule and policy: what is stored, what is rejected, and what a reload
 # makes of it.
 make_links <<'END'
 veth eth0 192.168.1.10/24 lan 192.168.1.20/24
@@ -90,7 +90,7 @@ END
 answers 0 policy eth0 deny
 prints <<<'Default policy of eth0: deny'
 answers 0 policy eth1 none
-prints <<<'Default policy of eth1: no default'
+prints <<<'Default policy of eth1: none'
 answers 0 profile show
 silent
 prints <<'END'
@@ -99,7 +99,7 @@ Profile lab (active)
 global
   #  Action  What  Address           Family  Notes
   1  allow   icmp  to 2001:db8::/64  IPv6
-  otherwise: as the adapter says
+  default policy: none (the adapters decide)
 
 eth0
   #  Action  What                 Address                 Family  Notes
@@ -107,27 +107,27 @@ eth0
   2  deny    everything           from country CN,RU      both    "abroad" [one] [two words]
   3  allow   service smb          from 10.0.0.5-10.0.0.9  IPv4
   4  deny    udp source port 123  from anywhere           IPv6    off, outgoing
-  otherwise: deny
+  default policy: deny
 
 eth1
-  otherwise: no default
+  default policy: none
 
 vpn
   #  Action  What        Address        Family  Notes
   1  allow   everything  from anywhere  both
-  otherwise: allow
+  default policy: allow
 END
 
 # --- wrong words -----------------------------------------------------------------------------------
 
-refused 2 '^tarnfw: "22" stands where .* did you mean "tcp 22"?$' rule add --adapter eth0 allow 22
+refused 2 '^tarnfw: unexpected "22": expected .* did you mean "tcp 22"?$' rule add --adapter eth0 allow 22
 refused 2 '^tarnfw: "smbd" is not a service .* did you mean "smb"?$' \
     rule add --adapter eth0 allow service smbd
 refused 2 '^tarnfw: "99999" is not a port (0-65535)' rule add --adapter eth0 allow tcp 99999
 refused 2 '^tarnfw: "XX" is not a country with data' rule add --adapter eth0 deny from country XX
 refused 2 '^tarnfw: "CN" is not a country with IPv6 data (two letters, such as DE)$' \
     rule add --adapter eth0 deny from country CN --v6
-refused 2 '^tarnfw: "10.0.0.1" is an IPv4 address: no --v6 with it$' \
+refused 2 '^tarnfw: "10.0.0.1" is an IPv4 address, which excludes --v6$' \
     rule add --adapter eth0 deny from 10.0.0.1 --v6
 refused 2 '^tarnfw: a rule.s words are missing: expected allow or deny$' rule add --adapter eth0
 refused 2 '^tarnfw: .*--v[46] excludes --v[46]' rule add --adapter eth0 deny --v4 --v6
@@ -173,7 +173,7 @@ Deleted: Rule 3 of eth0: allow service smb from 10.0.0.5-10.0.0.9 (IPv4)
 Deleted: Rule 4 of eth0: [off] deny udp source port 123 from anywhere, outgoing (IPv6)
 END
 step 'no rule is left' [ "$(rules_of eth0)" = null ]
-step 'the default policy is' grep --quiet '^  otherwise: deny$' <(tarnfw profile show)
+step 'the default policy is' grep --quiet '^  default policy: deny$' <(tarnfw profile show)
 
 rule insert 1 allow tcp 1 --name one
 prints <<<'Rule 1 of eth0: allow tcp 1 from anywhere  "one"'
@@ -240,7 +240,7 @@ silent
 
 # --- the system's own rules ------------------------------------------------------------------------
 
-# Two, as they stand after one service was allowed and then another one blocked.
+# Two, as after one service was allowed and then another one blocked.
 tarnfw profile show lab --json | /usr/bin/python3 -c 'import json, sys
 document = json.load(sys.stdin)
 for policy, service in (0, "ssh"), (1, "smb"):
@@ -256,7 +256,7 @@ says '^  1  deny    service smb  from anywhere  both    reserved "Service"$'
 says '^  2  allow   service ssh  from anywhere  both    reserved "Service"$'
 for words in 'set 1 deny any' 'delete 3 1' 'delete 2' 'off 2' 'move 1 3' 'move 2 2'; do
     read -r -a words <<<"$words"
-    refused 1 '^tarnfw: rule [12] of eth0 holds services that the system has reserved' \
+    refused 1 '^tarnfw: rule [12] of eth0 is a reserved service rule' \
         rule "${words[@]}" --adapter eth0 --profile reserved
 done
 for position in 1 2 3; do

@@ -75,13 +75,13 @@ answers 0 adapters
 silent
 prints <<'END'
 Profile "home" (active)
-Adapter  Now                Addresses               Default     Rules
-eth0     up                 192.168.1.10, fd00::10  deny        2 (1 off)
-eth5     absent                                     allow       1
-global   every adapter                              no default  0
-pppoe    no interface now                           -           0
-tun0     up, not connected  10.9.0.1                -           0
-vpn      stands for tun0                            -           0
+Adapter  Now                Addresses               Default  Rules
+eth0     up                 192.168.1.10, fd00::10  deny     2 (1 off)
+eth5     absent                                     allow    1
+global   every adapter                              none     0
+pppoe    no interface now                           -        0
+tun0     up, not connected  10.9.0.1                -        0
+vpn      tun0                                       -        0
 END
 answers 0 adapters --json
 prints_json <<'END'
@@ -93,7 +93,7 @@ prints_json <<'END'
    {"name": "eth5", "predefined": false, "present": false, "up": false, "addresses": [],
     "standsFor": [], "policy": "allow", "rules": 1, "rulesOff": 0},
    {"name": "global", "predefined": true, "present": true, "up": false, "addresses": [],
-    "standsFor": [], "policy": "no default", "rules": 0, "rulesOff": 0},
+    "standsFor": [], "policy": "none", "rules": 0, "rulesOff": 0},
    {"name": "pppoe", "predefined": true, "present": false, "up": false, "addresses": [],
     "standsFor": [], "policy": null, "rules": 0, "rulesOff": 0},
    {"name": "tun0", "predefined": false, "present": true, "up": true, "addresses": ["10.9.0.1"],
@@ -105,7 +105,7 @@ ip link set tun0 down
 printf 'pppoe_interface="ppp7"\n' >>/etc.defaults/tarninfo.conf
 answers 0 adapters
 says '^tun0  *down  *10.9.0.1 '
-says '^pppoe  *stands for ppp7 '
+says '^pppoe  *ppp7 '
 
 mkdir -p /usr/tarn/etc/services.d
 cat >/usr/tarn/etc/services.d/test.json <<'END'
@@ -136,15 +136,15 @@ prints_json <<'END'
                "source": {"protocol": "udp", "ports": ["67"]}}]}
 END
 answers 1 services no_such_thing
-complains '^tarnfw: no service of the catalogue is like "no_such_thing"$'
+complains '^tarnfw: no service of the catalogue matches "no_such_thing"$'
 
 # --- service reserve -------------------------------------------------------------------------------
 
 # A service that the catalogue has lost: a profile that was enabled before is still applied.
-refused 3 '^tarnfw: profile "home" has 1 error; "tarnfw check home" names it; nothing was changed$' enable
+refused 3 '^tarnfw: profile "home" has 1 error; "tarnfw check home" lists it; nothing was changed$' enable
 sed -i 's/"status" *: *false/"status": true/' "$kSettings"
 answers 0 reload
-complains '^tarnfw: profile "home" has 1 error; "tarnfw check home" names it$'
+complains '^tarnfw: profile "home" has 1 error; "tarnfw check home" lists it$'
 keep_listing enabled
 answers 0 service reserve ssh --adapter eth0 deny
 silent
@@ -161,7 +161,7 @@ allow 9000
 END
 answers 0 service reserve ssh --adapter eth0 deny --reload
 prints <<'END'
-Service ssh reserved on eth0: deny (no profile had to change)
+Service ssh reserved on eth0: deny (no profile changed)
 Profile "home" applied
 END
 step 'now the kernel has it' grep --quiet -- '-i eth0 .*--dport 22 -j DROP' <(iptables -S)
@@ -181,18 +181,18 @@ done
 # --- service release -------------------------------------------------------------------------------
 
 answers 0 service release ssh
-says '^Service ssh is in no rule (changed: away, home)$'
+says '^Service ssh removed from all rules (changed: away, home)$'
 has_rules away eth0 </dev/null
 has_rules home eth0 <<'END'
 allow http
 allow 9000
 END
 answers 0 service release ssh
-prints <<<'Service ssh is in no rule (no profile had to change)'
+prints <<<'Service ssh removed from all rules (no profile changed)'
 refused_whole 1 '^tarnfw: there is no service "htpp"; did you mean "http"?' service release htpp
 # One that the catalogue has lost can still be released; its rule names nothing else and goes.
 answers 0 service release lost_service
-says '^Service lost_service is in no rule (changed: home)$'
+says '^Service lost_service removed from all rules (changed: home)$'
 has_rules home eth5 </dev/null
 
 # --- service update --------------------------------------------------------------------------------
@@ -204,7 +204,7 @@ allow 9000
 END
 answers 0 service update --reload
 prints <<'END'
-Rules follow the service catalogue (changed: home)
+Rules updated from the service catalogue (changed: home)
 Profile "home" applied
 END
 has_rules home eth0 <<'END'
@@ -212,25 +212,25 @@ allow http
 allow 9000
 END
 answers 0 service update
-prints <<<'Rules follow the service catalogue (no profile had to change)'
+prints <<<'Rules updated from the service catalogue (no profile changed)'
 
 # --- adapter rename --------------------------------------------------------------------------------
 
 refused_whole 1 '^tarnfw: both names are "eth0"$' adapter rename eth0 eth0
-refused_whole 1 '^tarnfw: no profile has anything for adapter "eht0"; did you mean "eth0"? (there is: eth0, eth5, global)$' \
+refused_whole 1 '^tarnfw: no profile has rules or a default policy for adapter "eht0"; did you mean "eth0"? (there is: eth0, eth5, global)$' \
     adapter rename eht0 eth1
-refused_whole 1 '^tarnfw: "global" stands for every adapter' adapter rename global eth1
-refused_whole 1 '^tarnfw: "global" stands for every adapter' adapter rename eth0 global
-refused_whole 1 'rules for "ppp0" have no effect' adapter rename eth0 ppp0
+refused_whole 1 '^tarnfw: "global" is every adapter' adapter rename global eth1
+refused_whole 1 '^tarnfw: "global" is every adapter' adapter rename eth0 global
+refused_whole 1 'rules of "ppp0" are never applied' adapter rename eth0 ppp0
 refused_whole 1 'is not the name of an adapter$' adapter rename eth0 'eth 1'
 refused_whole 1 'is not the name of an adapter$' adapter rename eth0 a_name_of_16_char
 # What a check would reject: the profile could not be applied any more.
 refused_whole 1 '^tarnfw: "!x" is not the name of an adapter$' adapter rename eth0 '!x'
 refused_whole 1 '^tarnfw: "-x" is not the name of an adapter$' adapter rename eth0 -- -x
 # Their default policies differ: one of them would be lost.
-refused_whole 1 '^tarnfw: what "eth5" has in home would be replaced; nothing was changed (--yes goes on' \
+refused_whole 1 '^tarnfw: the rules and default policy of "eth5" in home would be replaced; nothing was changed (--yes goes on' \
     adapter rename eth0 eth5
-readonly kQuestion='what "eth5" has in home would be replaced. Go on? [y/N] '
+readonly kQuestion='the rules and default policy of "eth5" in home would be replaced. Go on? [y/N] '
 keep_files asked
 for answer in n '' nonsense; do
     asked 1 "$kQuestion" "$answer" adapter rename eth0 eth5
@@ -254,7 +254,7 @@ END
 answers 0 adapter rename eth0 eth6
 says '^Rules and default policy of eth0 are now those of eth6 (changed: away, home)$'
 says '^The kernel still has the old rules'
-complains '^tarnfw: the machine has no adapter "eth6" now: until it has, these rules have no effect$'
+complains '^tarnfw: the machine has no interface "eth6" now; until it has one, these rules have no effect$'
 
 # Without the base filter nothing would be applied: nothing is changed either.
 iptables -D INPUT -j INPUT_FIREWALL

@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# "enable" and every command with "--reload" ask who is connected over SSH and would not get in again;
-# "reload" says so. What they say is what real packets meet.
+# "enable" and every command with "--reload" ask if the person's SSH connection could not be made again;
+# "reload" only warns. Real packets confirm what they say.
 make_links <<'END'
 veth eth0 192.168.1.10/24 fd00::10/64 lan 192.168.1.20/24 192.168.1.21/24 fd00::20/64
 END
@@ -9,7 +9,7 @@ END
 source "$checkout/tests/kernel/answers.sh"
 
 tool=$build/tools/tarnfw/tarnfw
-readonly kWarning='^tarnfw: you are connected over SSH from 192.168.1.21 to port 22 on eth0, and profile "deny_by_default" denies that (the default policy of eth0: deny): this connection stays, a new one would not get in'
+readonly kWarning='^tarnfw: you are connected over SSH from 192.168.1.21 to port 22 on eth0, and profile "deny_by_default" denies that (the default policy of eth0: deny); this connection stays, but you could not connect again'
 
 # over_ssh CLIENT COMMAND...: as sshd would have started it.
 over_ssh() {
@@ -39,7 +39,7 @@ serve tcp/22
 
 over_ssh 192.168.1.21 answers 1 enable </dev/null
 step 'nothing on standard output' [ ! -s "$out/answer" ]
-complains "$kWarning; nothing was changed (--yes goes on all the same)\$"
+complains "$kWarning; nothing was changed (--yes goes on anyway)\$"
 step 'nothing was changed' unchanged
 over_ssh fd00::20 answers 1 enable </dev/null
 complains 'from fd00::20 to port 22 on eth0'
@@ -74,7 +74,7 @@ says '^Firewall disabled: nothing to reload$'
 
 # --- in a terminal ---------------------------------------------------------------------------------
 
-readonly kQuestion=$'a new one would not get in\nEnable all the same? [y/N] '
+readonly kQuestion=$'you could not connect again\nEnable anyway? [y/N] '
 for answer in n '' no nonsense EOF; do
     over_ssh 192.168.1.21 asked 1 "$kQuestion" "$answer" enable
     step 'nothing was changed' unchanged
@@ -119,7 +119,7 @@ step 'nothing was changed' unchanged
 
 # --- commands that apply what they change ------------------------------------------------------------
 
-# The admin station is let in by rule 2; without it the default policy decides.
+# Rule 2 allows the admin station; without it the default policy decides.
 use_profile deny_by_default
 cp -- "$checkout/tests/kernel/cases/deny_ssh_on_one_adapter/profile.json" \
     "$kProfileDirectory/deny_ssh_on_one_adapter.json"
@@ -137,7 +137,7 @@ as_before() {
 
 # held_back ARGUMENT...: neither stored nor applied without a terminal.
 held_back() {
-    over_ssh 192.168.1.20 refused 1 "$kFromStation.*; nothing was changed (--yes goes on all the same)\$" \
+    over_ssh 192.168.1.20 refused 1 "$kFromStation.*; nothing was changed (--yes goes on anyway)\$" \
         "$@" --reload </dev/null
     as_before
 }
@@ -190,7 +190,7 @@ step 'the warning is there' grep --quiet -- "$kFromStation" "$out/complaint"
 step 'and it was true' check_packets <<<'tcp4 192.168.1.10 22 blocked 192.168.1.20'
 answers 0 import --yes --reload "$out/open.json"
 
-readonly kApplyQuestion=$'a new one would not get in\nApply it all the same? [y/N] '
+readonly kApplyQuestion=$'you could not connect again\nApply it anyway? [y/N] '
 for answer in n EOF; do
     keep_files asked
     over_ssh 192.168.1.20 asked 1 "$kApplyQuestion" "$answer" rule off 2 --adapter eth0 --reload
@@ -202,7 +202,7 @@ step 'it is in the kernel' check_packets <<<'tcp4 192.168.1.10 22 blocked 192.16
 answers 0 import --yes --reload "$out/open.json"
 
 # Commands that change every profile: known when it is stored, and not applied.
-readonly kStored='; the change is stored, but the kernel still has the old rules (--yes goes on all the same)$'
+readonly kStored='; the change is stored, but the kernel still has the old rules (--yes goes on anyway)$'
 answers 0 adapter rename eth0 eth7 --reload # nothing is denied on eth0 now
 keep_listing renamed
 for command in 'adapter rename eth7 eth0' 'service reserve ssh deny --adapter eth0'; do

@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# status, base status, apply-mode and modules: what they say of the settings and of the kernel, in words
-# and as JSON, and what is left when they refuse.
+# status, base status, apply-mode and modules: what they show of the settings and the kernel, as text
+# and as JSON, and what a failure leaves.
 # shellcheck source=tests/kernel/answers.sh
 source "$checkout/tests/kernel/answers.sh"
 
@@ -22,7 +22,7 @@ END
 answers 0 apply-mode --json
 prints_json <<<'{"applyMode": "lines"}'
 answers 0 apply-mode
-prints <<<'lines: one command for each rule, behind closed doors'
+prints <<<'lines: one command for each rule; new connections are dropped meanwhile'
 step 'asking writes no settings' [ ! -e "$kSettings" ]
 answers 0 status
 silent
@@ -40,9 +40,9 @@ step 'still no settings' [ ! -e "$kSettings" ]
 # --- a first start ---------------------------------------------------------------------------------
 
 answers 0 base up
-says "^Settings written to $kSettings: rules are applied in one transaction (\"tarnfw apply-mode\")$"
+says "^Settings written to $kSettings: apply mode \"batch\" (see \"tarnfw apply-mode\")$"
 answers 0 apply-mode
-prints <<<"batch: each family's rules go in as one transaction"
+prints <<<"batch: all rules are replaced at once"
 answers 0 base status --json
 prints_json <<'END'
 {"v4": {"inOrder": true, "setUp": true, "missing": {"chains": [], "jumps": []}},
@@ -51,7 +51,7 @@ END
 
 use_profile disabled_rule_and_absent_adapter
 answers 0 apply-mode
-prints <<<'lines: one command for each rule, behind closed doors'
+prints <<<'lines: one command for each rule; new connections are dropped meanwhile'
 answers 0 enable
 answers 0 status --json
 prints_json <<END
@@ -65,23 +65,23 @@ prints_json <<END
          "loadedRules": $(ip6tables -S | grep -c -e '^-A INPUT_FIREWALL' -e '^-A FORWARD_FIREWALL')}},
  "adapters": $(jq '[(.rules + .adapterPolicyMap | keys)[] as $name | {name: $name,
     present: ($name == "global" or $name == "eth0"),
-    policy: (["allow", "deny", "no default"][.adapterPolicyMap[$name]]),
+    policy: (["allow", "deny", "none"][.adapterPolicyMap[$name]]),
     rules: (.rules[$name] // [] | length),
     enabledRules: ([.rules[$name] // [] | .[] | select(.enable)] | length)}]' \
     "$kProfileDirectory/disabled_rule_and_absent_adapter.json")}
 END
 answers 0 status
 says '^Firewall: *enabled$'
-says '^Applied as: *lines$'
+says '^Apply mode: *lines$'
 says '^In the kernel: *IPv4 [1-9][0-9]* rules\{0,1\}$'
 says '^Kernel modules: *loaded for the firewall$'
 says '^eth0  *'
-says 'not there now$'
+says 'absent$'
 silent
 
 # --- enabled, and yet not in order -----------------------------------------------------------------
 
-# status_keys: what tells of disorder, in a line.
+# status_keys: the members that report a broken state, in one line.
 status_keys() {
     answers 0 status --json >&2
     jq -c '[.enabled, .nothingInForce, .interruptedReload]' "$out/answer"
@@ -93,7 +93,7 @@ for tool in iptables ip6tables; do
 done
 step 'nothing is in force' [ "$(status_keys)" = '[true,true,false]' ]
 answers 0 status
-says '^Firewall: *enabled, but nothing is in force; "tarnfw reload" tells why$'
+says '^Firewall: *enabled, but no rules are in force; "tarnfw reload" shows why$'
 ip6tables -A INPUT_FIREWALL -j RETURN
 step 'one rule is something' [ "$(status_keys)" = '[true,false,false]' ]
 ip6tables -F INPUT_FIREWALL
@@ -105,13 +105,13 @@ answers 0 status
 says '^Firewall: *enabled$'
 answers 0 profile use disabled_rule_and_absent_adapter --reload
 
-# As a reload line by line leaves the machine when it is killed.
+# The state that a killed reload in apply mode "lines" leaves.
 ip6tables --policy INPUT DROP
 step 'a policy alone is the administrator'"'"'s' [ "$(status_keys)" = '[true,false,false]' ]
 ip6tables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT
 step 'a reload was interrupted' [ "$(status_keys)" = '[true,false,true]' ]
 answers 0 status
-says '^ *a reload was interrupted: the machine is closed to new connections; "tarnfw reload" mends it$'
+says '^ *a reload was interrupted: the machine is closed to new connections; "tarnfw reload" opens it$'
 exec {lock}>/tmp/firewall_iptables_exec.lock
 /usr/bin/python3 -c 'import fcntl, struct, sys
 fcntl.fcntl(int(sys.argv[1]), 37, struct.pack("hhqqi", fcntl.F_WRLCK, 0, 0, 0, 0))' "$lock" # F_OFD_SETLK
@@ -129,7 +129,7 @@ cp -- "$kSettings" /tmp/settings
 answers 2 apply-mode sideways
 step 'the settings are as they were' cmp "$kSettings" /tmp/settings
 answers 0 apply-mode batch
-prints <<<"batch: each family's rules go in as one transaction"
+prints <<<"batch: all rules are replaced at once"
 step 'the other settings stay' [ "$(jq -c 'del(.apply)' "$kSettings")" = "$(jq -c . /tmp/settings)" ]
 answers 0 reload
 step 'the rules are the same' same_listing lines

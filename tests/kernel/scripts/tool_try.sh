@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# A trial ends as somebody decides who still reaches the machine, and goes back in every other case:
-# when the time is over, on Ctrl-C, when the terminal or one of the two processes is gone.
+# A trial ends with a confirmation, and otherwise restores the previous rules:
+# after the time limit, on Ctrl-C, when the terminal is lost or one of the two processes is killed.
 # shellcheck source=tests/kernel/answers.sh
 source "$checkout/tests/kernel/answers.sh"
 
@@ -65,7 +65,7 @@ cp -- "$checkout/tests/kernel/cases/deny_ssh_on_one_adapter/profile.json" "$kPro
 new=deny_ssh_on_one_adapter
 
 answers 1 try "$new"
-complains '^tarnfw: the firewall is disabled: there is nothing to go back to; "tarnfw enable" switches it on$'
+complains '^tarnfw: the firewall is disabled, so a trial has no rules to restore; "tarnfw enable" switches it on$'
 activate "$new"
 answers 0 enable
 keep_listing new
@@ -80,11 +80,11 @@ step 'the two differ' [ "$(<"$out/new.v4")" != "$(<"$out/home.v4")" ]
 answers 1 try nowhere
 complains '^tarnfw: there is no profile "nowhere" (there is: default, deny_by_default, '
 answers 1 try deny_by_default
-complains '^tarnfw: profile "deny_by_default" is the active one, to which a trial goes back; '
+complains '^tarnfw: profile "deny_by_default" is the active one, which a trial restores; '
 answers 1 try --confirm
-complains '^tarnfw: no trial is going on$'
+complains '^tarnfw: there is no trial$'
 answers 1 try --cancel
-complains '^tarnfw: no trial is going on$'
+complains '^tarnfw: there is no trial$'
 answers 2 try
 answers 2 try "$new" --timeout 0
 answers 2 try "$new" --timeout soon
@@ -110,11 +110,11 @@ await_end
 gone_back
 
 on_terminal 0 both_killed
-step 'the trial is left behind' [ -e "$kTrialSocket" ]
+step 'the trial is abandoned' [ -e "$kTrialSocket" ]
 answers 0 status
-says "^Trial: *of \"$new\" left behind; \"tarnfw try --cancel\" goes back"
+says "^Trial: *of \"$new\", abandoned; \"tarnfw try --cancel\" ends it"
 answers 0 try --cancel
-prints <<<"Gone back from the trial of \"$new\" that was left behind"
+prints <<<"Abandoned trial of \"$new\" ended; the active profile's rules are in force"
 gone_back
 
 # Typed before the rules were in force: for something else.
@@ -138,9 +138,9 @@ step 'established connections get nothing extra' [ -z "$(grep ESTABLISHED "$out/
 answers 0 status
 says "^Trial: *of \"$new\", [0-9]* s left"
 answers 1 try "$new"
-complains '^tarnfw: a trial is going on; "tarnfw status" tells which$'
+complains '^tarnfw: another trial is running; "tarnfw status" shows it$'
 answers 0 try --cancel
-prints <<<"Gone back from the trial of \"$new\""
+prints <<<"Trial of \"$new\" ended; the active profile's rules are in force"
 ends 1
 gone_back
 
@@ -182,7 +182,7 @@ sed 's/"name" *: *"[^"]*"\(,\{0,1\}\)$/&/; s/"192.168.1.20"/"'"$words"'"/' \
     "$checkout/tests/kernel/cases/single_address/profile.json" >"$kProfileDirectory/broken.json"
 step 'the profile is broken' grep --quiet "$words" "$kProfileDirectory/broken.json"
 answers 1 try single_address
-step 'why is said' grep --quiet "was not kept: its rules cannot be put in force" "$out/complaint"
+step 'why is said' grep --quiet "was not kept: its rules cannot be applied" "$out/complaint"
 rm -- "$kProfileDirectory/broken.json"
 gone_back
 

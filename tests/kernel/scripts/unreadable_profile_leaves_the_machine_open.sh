@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# A reload that cannot read the active profile fails, and leaves accepting policies and empty chains:
-# never a machine that nobody can reach any more.
+# A reload that cannot read the active profile fails, and leaves policies that accept and empty chains:
+# the machine stays reachable.
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 tarnfw base up
 keep_listing base

@@ -478,11 +478,10 @@ TEST(DecisionReasonTest, NamesTheRuleOrThePolicy) {
         reasons(packetFrom("10.0.0.1", {22, 24})),
         (Texts{"rule 2 of eth0: allow tcp 22 from anywhere",
                "rule 1 of eth0: deny tcp 23 from anywhere", "the default policy of eth0: deny"}));
-    EXPECT_EQ(reasons(on({"eth1"})), Texts{"no rule and no default policy decides"});
-    EXPECT_EQ(reasons(on({"lo"})),
-              Texts{"packets of the machine to itself are always let through"});
+    EXPECT_EQ(reasons(on({"eth1"})), Texts{"no rule and no default policy matches"});
+    EXPECT_EQ(reasons(on({"lo"})), Texts{"packets of the machine to itself are always allowed"});
     EXPECT_EQ(reasons(established(kPacket)),
-              Texts{"packets of established connections are let through"});
+              Texts{"packets of established connections are always allowed"});
 }
 
 // ---- A packet from words ----

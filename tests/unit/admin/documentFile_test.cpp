@@ -45,11 +45,11 @@ const TextCase kTexts[] = {
     {"TrailingComma", "{\"a\": 1,}", {"x: line 1, column 9: Missing '}' or object member name"}},
     {"Twice",
      "{\"a\": 1,\n \"a\": 2}",
-     {"x: line 2, column 2: warning: the member \"a\" stands twice; the last one counts"}},
+     {"x: line 2, column 2: warning: the member \"a\" occurs twice; the last one counts"}},
     {"TwiceWithin",
      "{\"a\": {\"b\": 1, \"b\": 2},\n \"c\": 3}",
-     {"x: line 1, column 16: warning: the member \"b\" stands twice; the last one counts"}},
-    {"Behind", "{} {}", {"x: line 1, column 4: warning: what follows the document is not read"}},
+     {"x: line 1, column 16: warning: the member \"b\" occurs twice; the last one counts"}},
+    {"Behind", "{} {}", {"x: line 1, column 4: warning: text after the document is ignored"}},
 };
 
 INSTANTIATE_TEST_SUITE_P(DocumentFile, ParseDocumentTest, testing::ValuesIn(kTexts),

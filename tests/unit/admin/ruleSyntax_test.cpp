@@ -233,11 +233,11 @@ TEST(RuleOptionsTest, NarrowTheFamily) {
 
 TEST(RuleOptionsTest, MustNotSpeakOfAnotherFamilyThanTheAddress) {
     EXPECT_EQ(refusal("deny from 10.0.0.0/8", onlyV6()),
-              "\"10.0.0.0/8\" is an IPv4 address: no --v6 with it");
+              "\"10.0.0.0/8\" is an IPv4 address, which excludes --v6");
     EXPECT_EQ(refusal("deny from 10.0.0.1", onlyV6()),
-              "\"10.0.0.1\" is an IPv4 address: no --v6 with it");
+              "\"10.0.0.1\" is an IPv4 address, which excludes --v6");
     EXPECT_EQ(refusal("deny from ::1-::2", onlyV4()),
-              "\"::1-::2\" is an IPv6 address: no --v4 with it");
+              "\"::1-::2\" is an IPv6 address, which excludes --v4");
     EXPECT_EQ(refusal("deny from country CN", onlyV6()),
               "\"CN\" is not a country with IPv6 data (two letters, such as DE)");
     EXPECT_EQ(refusal("deny from country SE", onlyV4()),
@@ -307,27 +307,26 @@ void PrintTo(const RefusalCase& c, std::ostream* out) {
 
 const RefusalCase kRefusals[] = {
     {"Nothing", "", "a rule's words are missing: expected allow or deny"},
-    {"NoPolicy", "tcp 22", "\"tcp\" stands where allow or deny is expected"},
+    {"NoPolicy", "tcp 22", "unexpected \"tcp\": expected allow or deny"},
     {"PolicyMistyped", "alow tcp 22",
-     "\"alow\" stands where allow or deny is expected; did you mean \"allow\"?"},
+     "unexpected \"alow\": expected allow or deny; did you mean \"allow\"?"},
     {"Reject", "reject tcp 22",
-     "\"reject\" stands where allow or deny is expected; did you mean \"deny\"?"},
+     "unexpected \"reject\": expected allow or deny; did you mean \"deny\"?"},
     {"Accept", "accept tcp 22",
-     "\"accept\" stands where allow or deny is expected; did you mean \"allow\"?"},
+     "unexpected \"accept\": expected allow or deny; did you mean \"allow\"?"},
     {"OnAnAdapter", "allow tcp 22 on eth0",
-     "\"on\" stands where from or to is expected; did you mean \"--adapter\"?"},
+     "unexpected \"on\": expected from or to; did you mean \"--adapter\"?"},
     {"UnknownProtocol", "allow sctp 22",
-     "\"sctp\" stands where one of service, tcp, udp, tcp/udp, icmp, igmp, any, from or to is "
-     "expected"},
+     "unexpected \"sctp\": expected service, tcp, udp, tcp/udp, icmp, igmp, any, from or to"},
     {"BarePort", "allow 22",
-     "\"22\" stands where one of service, tcp, udp, tcp/udp, icmp, igmp, any, from or to is "
-     "expected; did you mean \"tcp 22\"?"},
+     "unexpected \"22\": expected service, tcp, udp, tcp/udp, icmp, igmp, any, from or to; did you "
+     "mean \"tcp 22\"?"},
     {"PortWithProtocol", "allow 22/udp",
-     "\"22/udp\" stands where one of service, tcp, udp, tcp/udp, icmp, igmp, any, from or to is "
-     "expected; did you mean \"udp 22\"?"},
+     "unexpected \"22/udp\": expected service, tcp, udp, tcp/udp, icmp, igmp, any, from or to; did "
+     "you mean \"udp 22\"?"},
     {"BareService", "allow ssh",
-     "\"ssh\" stands where one of service, tcp, udp, tcp/udp, icmp, igmp, any, from or to is "
-     "expected; did you mean \"service ssh\"?"},
+     "unexpected \"ssh\": expected service, tcp, udp, tcp/udp, icmp, igmp, any, from or to; did "
+     "you mean \"service ssh\"?"},
     {"PortTooHigh", "allow tcp 65536",
      "\"65536\" is not a port (0-65535) or a range of ports (6000-6010)"},
     {"PortTooLong", "allow tcp 99999999999999999999",
@@ -348,34 +347,34 @@ const RefusalCase kRefusals[] = {
     {"PortRangeBackwards", "allow tcp 80,6010-6000",
      "the range of ports \"6010-6000\" runs backwards"},
     {"PortListWithBlank", "allow tcp 22, 80",
-     "\"22,\" lacks a port beside a comma; a list has no blanks in it"},
-    {"PortsTwice", "allow tcp 22 80", "\"80\" stands where from or to is expected"},
-    {"PortsOfIcmp", "allow icmp 8", "\"8\" stands where from or to is expected"},
-    {"NoService", "allow service", "expected a service's name behind \"service\""},
+     "\"22,\" lacks a port next to a comma; lists contain no blanks"},
+    {"PortsTwice", "allow tcp 22 80", "unexpected \"80\": expected from or to"},
+    {"PortsOfIcmp", "allow icmp 8", "unexpected \"8\": expected from or to"},
+    {"NoService", "allow service", "expected a service's name after \"service\""},
     {"UnknownService", "allow service smbd",
      "\"smbd\" is not a service that the firewall knows; did you mean \"smb\"?"},
     {"UnknownServiceNearNone", "allow service ssh,gopher",
      "\"gopher\" is not a service that the firewall knows"},
     {"ServiceListOpen", "allow service ssh,",
-     "\"ssh,\" lacks a service beside a comma; a list has no blanks in it"},
+     "\"ssh,\" lacks a service next to a comma; lists contain no blanks"},
     {"SideMistyped", "allow tcp 22 form 10.0.0.1",
-     "\"form\" stands where from or to is expected; did you mean \"from\"?"},
+     "unexpected \"form\": expected from or to; did you mean \"from\"?"},
     {"NoAddress", "allow tcp 22 from",
-     "expected an address, a network, a range, \"country\" with codes, or \"anywhere\" behind "
+     "expected an address, a network, a range, \"country\" with codes, or \"anywhere\" after "
      "\"from\""},
-    {"NoCode", "deny from country", "expected the codes of countries behind \"country\""},
+    {"NoCode", "deny from country", "expected the codes of countries after \"country\""},
     {"Host", "allow from localhost",
-     "\"localhost\" stands where an address, a network, a range, \"country\" with codes, or "
-     "\"anywhere\" is expected"},
+     "unexpected \"localhost\": expected an address, a network, a range, \"country\" with codes, "
+     "or \"anywhere\""},
     {"AnywhereMistyped", "allow from anywere",
-     "\"anywere\" stands where an address, a network, a range, \"country\" with codes, or "
-     "\"anywhere\" is expected; did you mean \"anywhere\"?"},
+     "unexpected \"anywere\": expected an address, a network, a range, \"country\" with codes, or "
+     "\"anywhere\"; did you mean \"anywhere\"?"},
     {"AddressTooHigh", "allow from 10.0.0.256",
-     "\"10.0.0.256\" stands where an address, a network, a range, \"country\" with codes, or "
-     "\"anywhere\" is expected"},
+     "unexpected \"10.0.0.256\": expected an address, a network, a range, \"country\" with codes, "
+     "or \"anywhere\""},
     {"Zone", "allow from fe80::1%eth0",
-     "\"fe80::1%eth0\" stands where an address, a network, a range, \"country\" with codes, or "
-     "\"anywhere\" is expected"},
+     "unexpected \"fe80::1%eth0\": expected an address, a network, a range, \"country\" with "
+     "codes, or \"anywhere\""},
     {"PrefixTooLong", "allow from 10.0.0.0/33",
      "\"10.0.0.0/33\" is not a network such as 192.168.1.0/24, 192.168.1.0/255.255.255.0 or "
      "2001:db8::/64"},
@@ -394,11 +393,10 @@ const RefusalCase kRefusals[] = {
     {"UnknownCountry", "deny from country CN,XX",
      "\"XX\" is not a country with data (two letters, such as CN)"},
     {"CountryListOpen", "deny from country ,CN",
-     "\",CN\" lacks a country beside a comma; a list has no blanks in it"},
-    {"WordTooMany", "deny from 10.0.0.1 now",
-     "\"now\" is one word too many: a rule ends with its address"},
+     "\",CN\" lacks a country next to a comma; lists contain no blanks"},
+    {"WordTooMany", "deny from 10.0.0.1 now", "unexpected \"now\": a rule ends with its address"},
     {"TwoSides", "deny from 10.0.0.1 to 10.0.0.2",
-     "\"to\" is one word too many: a rule ends with its address"},
+     "unexpected \"to\": a rule ends with its address"},
 };
 
 class RefusalTest : public ::testing::TestWithParam<RefusalCase> {};
@@ -410,13 +408,12 @@ TEST_P(RefusalTest, NamesTheWordAndWhatWasExpected) {
 INSTANTIATE_TEST_SUITE_P(RuleSyntax, RefusalTest, ValuesIn(kRefusals), caseName<RefusalCase>);
 
 TEST(RefusedWordsTest, AreShownAsATerminalMaySeeThem) {
-    EXPECT_EQ(refusal(Texts{"allow\033[2J"}),
-              "\"allow?[2J\" stands where allow or deny is expected");
+    EXPECT_EQ(refusal(Texts{"allow\033[2J"}), "unexpected \"allow?[2J\": expected allow or deny");
 }
 
 TEST(RefusedWordsTest, AnEmptyWordIsNoPort) {
     EXPECT_EQ(refusal(Texts{"allow", "tcp", ""}),
-              "\"\" lacks a port beside a comma; a list has no blanks in it");
+              "\"\" lacks a port next to a comma; lists contain no blanks");
 }
 
 // Not wrong usage: on another machine, or later, these words are right.

@@ -41,7 +41,7 @@ void PrintTo(const PolicyCase& c, std::ostream* out) {
 const PolicyCase kPolicies[] = {
     {"Allow", FW::FW_POLICY_ALLOW, "allow"},
     {"Deny", FW::FW_POLICY_DENY, "deny"},
-    {"None", FW::FW_POLICY_NONE, "no default"},
+    {"None", FW::FW_POLICY_NONE, "none"},
     {"Mixed", FW::FW_POLICY_MIXED, "unknown policy 3"},
     {"AllowSome", FW::FW_POLICY_ALLOW_SOME, "unknown policy 4"},
     {"DenySome", FW::FW_POLICY_DENY_SOME, "unknown policy 5"},

@@ -72,8 +72,7 @@ TEST(RunWholeTest, WhatIsThrownIsTheReason) {
 
 TEST(RunWholeTest, AKilledProcessIsAFailure) {
     EXPECT_EQ(failureOf([] { return raise(SIGKILL) == 0; }),
-              "a process was killed in the middle of its work; \"tarnfw status\" tells how far it "
-              "came");
+              "the process that applied the change was killed; see \"tarnfw status\"");
 }
 
 TEST(RunWholeTest, TheWorkIsNotOfTheTerminalsSession) {

@@ -31,7 +31,7 @@ TEST(HelpTopicsTest, FitATerminal) {
     }
 }
 
-/// The command that the words behind "tarnfw" begin with; null when they do not name one to its
+/// The command that the words after "tarnfw" begin with; null when they do not name one to its
 /// end.
 const Command* commandIn(const Command& tool, const std::string& words) {
     const Command* command = &tool;

@@ -70,12 +70,12 @@ protected:
     /// What is wrong with the line: "COMMAND: REASON", or "COMMAND? WORD" for a word that is not
     /// taken; empty when nothing is.
     std::string refused(const std::string& line) {
-        const std::optional<Refusal> refusal = runCommandLine(tool_, split(line));
-        if (!refusal) {
+        const std::optional<ParseError> error = runCommandLine(tool_, split(line));
+        if (!error) {
             return "";
         }
-        return refusal->command->fullName() + (refusal->unknown.empty() ? ": " : "? ") +
-               refusal->unknown + refusal->reason;
+        return error->command->fullName() + (error->unknown.empty() ? ": " : "? ") +
+               error->unknown + error->reason;
     }
 
     Command tool_{"tool", "A tool"};
@@ -137,8 +137,8 @@ const RefusedCase kRefused[] = {
     {"Excluded", "rule add 1 --v4 --v6", "tool rule add: --v4 excludes --v6"},
     {"Needed", "rule add 1 --seconds 5", "tool rule add: --seconds requires --v4"},
     {"NoChoice", "ask --port 22 --mode btach",
-     "tool ask: \"btach\" is none of lines, batch; did you mean \"batch\"?"},
-    {"NoChoiceNear", "ask --port 22 --mode x", "tool ask: \"x\" is none of lines, batch"},
+     "tool ask: \"btach\" is not one of lines, batch; did you mean \"batch\"?"},
+    {"NoChoiceNear", "ask --port 22 --mode x", "tool ask: \"x\" is not one of lines, batch"},
     {"Checked", "ask --port ssh", "tool ask: --port: ssh is no port"},
     {"NoneOfAGroup", "ask", "tool ask: \"tool ask\" needs one of --service, --port"},
     {"TwoOfAGroup", "ask --port 22 --service ssh",

@@ -198,8 +198,8 @@ const SshConnection kConnection = connection("203.0.113.7", "192.0.2.1");
 TEST(SshRefusalTest, NamesTheDefaultPolicy) {
     EXPECT_EQ(tarnfw::sshRefusal(denyingProfile(), kConnection, {"eth0"}),
               "you are connected over SSH from 203.0.113.7 to port 22 on eth0, and profile "
-              "\"home\" denies that (the default policy of eth0: deny): this connection stays, a "
-              "new one would not get in");
+              "\"home\" denies that (the default policy of eth0: deny); this connection stays, but "
+              "you could not connect again");
 }
 
 TEST(SshRefusalTest, NamesTheRule) {
@@ -214,7 +214,7 @@ TEST(SshRefusalTest, NamesTheRule) {
     EXPECT_EQ(tarnfw::sshRefusal(profile, kConnection, {"eth0"}),
               "you are connected over SSH from 203.0.113.7 to port 22 on eth0, and profile "
               "\"home\" denies that (rule 1 of global: deny tcp 22 from anywhere (IPv4)  "
-              "\"no?shell\"): this connection stays, a new one would not get in");
+              "\"no?shell\"); this connection stays, but you could not connect again");
 }
 
 TEST(SshRefusalTest, IsEmptyWhereTheConnectionIsLetIn) {

@@ -11,8 +11,8 @@
 namespace tarnfw {
 namespace {
 
-/// What is said of these words.
-std::string refusal(const std::string& words) {
+/// The message about these words.
+std::string error(const std::string& words) {
     Command tool("tarnfw", "");
     bool flag = false;
     tool.subcommand("status", "").flag("--json", flag, "");
@@ -30,93 +30,93 @@ std::string refusal(const std::string& words) {
     if (!words.empty()) {
         boost::split(list, words, boost::is_any_of(" "));
     }
-    if (const auto refusal = runCommandLine(tool, list)) {
-        return wrongUsage(tool, *refusal, list);
+    if (const auto error = runCommandLine(tool, list)) {
+        return wrongUsage(tool, *error, list);
     }
     return "accepted";
 }
 
 TEST(WrongUsageTest, NamesTheNearestCommand) {
-    EXPECT_EQ(refusal("statsu"),
+    EXPECT_EQ(error("statsu"),
               "tarnfw: there is no command \"tarnfw statsu\"\n"
               "Did you mean \"tarnfw status\"?\n"
-              "\"tarnfw --help\" tells how it is used.\n");
-    EXPECT_EQ(refusal("profile shwo x"),
+              "\"tarnfw --help\" shows its usage.\n");
+    EXPECT_EQ(error("profile shwo x"),
               "tarnfw: there is no command \"tarnfw profile shwo\"\n"
               "Did you mean \"tarnfw profile show\"?\n"
-              "\"tarnfw profile --help\" tells how it is used.\n");
+              "\"tarnfw profile --help\" shows its usage.\n");
 }
 
 TEST(WrongUsageTest, NamesTheWholeCommand) {
-    EXPECT_EQ(refusal("profiel shw x"),
+    EXPECT_EQ(error("profiel shw x"),
               "tarnfw: there is no command \"tarnfw profiel\"\n"
               "Did you mean \"tarnfw profile show\"?\n"
-              "\"tarnfw --help\" tells how it is used.\n");
-    EXPECT_EQ(refusal("stat"),
+              "\"tarnfw --help\" shows its usage.\n");
+    EXPECT_EQ(error("stat"),
               "tarnfw: there is no command \"tarnfw stat\"\n"
               "Did you mean \"tarnfw status\"?\n"
-              "\"tarnfw --help\" tells how it is used.\n");
+              "\"tarnfw --help\" shows its usage.\n");
 }
 
 TEST(WrongUsageTest, PutsWordsInTheRightOrder) {
-    EXPECT_EQ(refusal("add rule"),
+    EXPECT_EQ(error("add rule"),
               "tarnfw: there is no command \"tarnfw add\"\n"
               "Did you mean \"tarnfw rule add\"?\n"
-              "\"tarnfw --help\" tells how it is used.\n");
+              "\"tarnfw --help\" shows its usage.\n");
 }
 
 TEST(WrongUsageTest, KnowsTheWordsOfOtherTools) {
-    EXPECT_EQ(refusal("rule list"),
+    EXPECT_EQ(error("rule list"),
               "tarnfw: there is no command \"tarnfw rule list\"\n"
               "Did you mean \"tarnfw profile show\"?\n"
-              "\"tarnfw rule --help\" tells how it is used.\n");
-    EXPECT_EQ(refusal("allow 22"),
+              "\"tarnfw rule --help\" shows its usage.\n");
+    EXPECT_EQ(error("allow 22"),
               "tarnfw: there is no command \"tarnfw allow\"\n"
               "Did you mean \"tarnfw rule add\"?\n"
-              "\"tarnfw --help\" tells how it is used.\n");
+              "\"tarnfw --help\" shows its usage.\n");
 }
 
 TEST(WrongUsageTest, NamesTheNearestChoice) {
-    EXPECT_EQ(refusal("policy deney"),
-              "tarnfw: \"deney\" is none of allow, deny; did you mean \"deny\"?\n"
-              "\"tarnfw policy --help\" tells how it is used.\n");
-    EXPECT_EQ(refusal("policy eth0"),
-              "tarnfw: \"eth0\" is none of allow, deny\n"
-              "\"tarnfw policy --help\" tells how it is used.\n");
+    EXPECT_EQ(error("policy deney"),
+              "tarnfw: \"deney\" is not one of allow, deny; did you mean \"deny\"?\n"
+              "\"tarnfw policy --help\" shows its usage.\n");
+    EXPECT_EQ(error("policy eth0"),
+              "tarnfw: \"eth0\" is not one of allow, deny\n"
+              "\"tarnfw policy --help\" shows its usage.\n");
 }
 
 TEST(WrongUsageTest, NamesTheNearestOption) {
-    EXPECT_EQ(refusal("status --jsn"),
+    EXPECT_EQ(error("status --jsn"),
               "tarnfw: \"tarnfw status\" does not take \"--jsn\"\n"
               "Did you mean \"tarnfw status --json\"?\n"
-              "\"tarnfw status --help\" tells how it is used.\n");
+              "\"tarnfw status --help\" shows its usage.\n");
 }
 
 TEST(WrongUsageTest, DoesNotGuessWhereNothingIsNear) {
-    EXPECT_EQ(refusal("firewall"),
+    EXPECT_EQ(error("firewall"),
               "tarnfw: there is no command \"tarnfw firewall\"\n"
-              "\"tarnfw --help\" tells how it is used.\n");
-    EXPECT_EQ(refusal("status more"),
+              "\"tarnfw --help\" shows its usage.\n");
+    EXPECT_EQ(error("status more"),
               "tarnfw: \"tarnfw status\" does not take \"more\"\n"
-              "\"tarnfw status --help\" tells how it is used.\n");
+              "\"tarnfw status --help\" shows its usage.\n");
 }
 
 TEST(WrongUsageTest, DoesNotNameHiddenCommands) {
-    EXPECT_EQ(refusal("profile secre"),
+    EXPECT_EQ(error("profile secre"),
               "tarnfw: there is no command \"tarnfw profile secre\"\n"
-              "\"tarnfw profile --help\" tells how it is used.\n");
+              "\"tarnfw profile --help\" shows its usage.\n");
 }
 
 TEST(WrongUsageTest, SaysWhatIsMissing) {
-    EXPECT_EQ(refusal("profile show"),
+    EXPECT_EQ(error("profile show"),
               "tarnfw: NAME is required\n"
-              "\"tarnfw profile show --help\" tells how it is used.\n");
-    EXPECT_EQ(refusal("blocked"),
+              "\"tarnfw profile show --help\" shows its usage.\n");
+    EXPECT_EQ(error("blocked"),
               "tarnfw: \"tarnfw blocked\" needs one of --port, --service\n"
-              "\"tarnfw blocked --help\" tells how it is used.\n");
-    EXPECT_EQ(refusal(""),
+              "\"tarnfw blocked --help\" shows its usage.\n");
+    EXPECT_EQ(error(""),
               "tarnfw: \"tarnfw\" needs one of status, profile, policy, blocked, rule\n"
-              "\"tarnfw --help\" tells how it is used.\n");
+              "\"tarnfw --help\" shows its usage.\n");
 }
 
 }  // namespace

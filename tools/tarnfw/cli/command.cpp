@@ -9,7 +9,7 @@ namespace tarnfw {
 ExitStatus exitStatusOf(ErrorKind kind) {
     switch (kind) {
         case ErrorKind::kInvalid:
-            return kExitUnchecked;
+            return kExitInvalid;
         case ErrorKind::kNoRights:
             return kExitNotRoot;
         case ErrorKind::kSystem:

@@ -1,4 +1,4 @@
-/// What every command shares: how it ends, what it takes, and what it asks.
+/// Shared by all commands: exit statuses, common options, questions.
 #pragma once
 
 #include <exception>
@@ -12,11 +12,11 @@ namespace tarnfw {
 
 /// Exit statuses of the tool, besides 0.
 enum ExitStatus : int {
-    kExitFailed = 1,     ///< what and why is on standard error
-    kExitUsage = 2,      ///< wrong usage
-    kExitUnchecked = 3,  ///< a document that does not check
+    kExitFailed = 1,   ///< the reason is on standard error
+    kExitUsage = 2,    ///< wrong usage
+    kExitInvalid = 3,  ///< an invalid document, profile or rule
     kExitNotRoot = 4,
-    kExitBlocked = 10,  ///< "blocked": blocked or mixed somewhere; "diff": not as it should be
+    kExitBlocked = 10,  ///< "blocked": blocked or mixed somewhere; "diff": the kernel differs
 };
 
 /// The exit status of a command that failed in this way.
@@ -33,14 +33,14 @@ private:
     ExitStatus status_;
 };
 
-/// Ends a command that has said all it had to say with an exit status of its own.
+/// Ends a command that has printed everything, with this exit status.
 [[noreturn]] void endWith(ExitStatus status);
 
 /// Adds "--json" to a command that reads: one JSON document instead of text.
 void addJsonFlag(Command& command, bool& json);
 
-/// Refuses to go on without root's rights. For reading commands, too: reading a profile takes its
-/// lock, and lock files must be root's.
+/// Throws Error without root's rights. Also for commands that only read: reading a profile takes
+/// its lock, and lock files must be root's.
 void requireRoot();
 
 /// Asks a question that takes yes or no on the terminal. Without one, the answer is no.

@@ -29,13 +29,14 @@ public:
 /// A flag, an option with a value, or a positional. Belongs to its command.
 class Option {
 public:
-    /// What it fills; must live as long as the command. Nothing: the parser answers by itself.
+    /// The variable to fill; must live as long as the command. None: the parser handles the option
+    /// itself.
     using Target = std::variant<std::monostate, bool*, int*, std::size_t*, std::string*,
                                 std::vector<std::size_t>*, std::vector<std::string>*>;
-    /// Returns what is wrong with a value; empty when nothing is.
+    /// Returns the error of a value; empty for a valid one.
     using Check = std::function<std::string(const std::string& value)>;
 
-    /// What is declared of an option.
+    /// The declaration of an option.
     struct Facts {
         std::string name;  ///< "--adapter", or "NAME" of a positional
         std::string help;

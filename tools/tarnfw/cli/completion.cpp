@@ -15,9 +15,9 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-/// What a value is about.
+/// The kind of a value.
 enum class Kind {
-    kText,  ///< a person's own: nothing to offer
+    kText,  ///< free text: nothing to offer
     kProfile,
     kAdapter,
     kService,
@@ -46,7 +46,7 @@ constexpr KindRow kKinds[] = {
     {"adapter", "NEW", Kind::kAdapter},
     {"rule", "WORDS", Kind::kRuleWords},
     {"help", "TOPIC", Kind::kTopic},
-    // Whoever uses the modules has a name there, and need not be in the catalogue.
+    // Users of modules have names of their own, which need not be in the catalogue.
     {"modules", "SERVICE", Kind::kText},
     {"", "ADAPTER", Kind::kAdapter},
     {"", "--adapter", Kind::kAdapter},
@@ -93,7 +93,7 @@ bool isOneOf(const std::string& word, const Texts& words) {
     return std::find(words.begin(), words.end(), word) != words.end();
 }
 
-/// `current` with its last entry completed, where it is a list such as "ssh,ht".
+/// `current` with its last entry completed, if it is a list such as "ssh,ht".
 Texts listsWith(const std::string& current, const Texts& entries) {
     const std::size_t comma = current.rfind(',');
     const std::string kept = comma == std::string::npos ? "" : current.substr(0, comma + 1);
@@ -108,7 +108,7 @@ Texts listsWith(const std::string& current, const Texts& entries) {
     return lists;
 }
 
-/// What can stand behind these words of a rule; see ruleSyntax.h.
+/// The words that can follow these words of a rule; see ruleSyntax.h.
 Texts ruleWords(const Texts& before, const std::string& current, const CompletionNames& names) {
     if (before.empty()) {
         return {"allow", "deny"};
@@ -135,11 +135,11 @@ Texts ruleWords(const Texts& before, const std::string& current, const Completio
 
 // ---- The words on the line ----
 
-/// How far the finished words have come.
+/// The place on the command line after the finished words.
 struct Place {
     const Command* command = nullptr;
     std::string path;                 ///< the command's words: "rule add"
-    const Option* waiting = nullptr;  ///< has been named, its value comes next
+    const Option* waiting = nullptr;  ///< given, its value comes next
     std::set<const Option*> given;
     Texts taken;  ///< words that are neither commands nor options
     bool onlyWords = false;
@@ -171,11 +171,11 @@ void take(Place& place, const std::string& word) {
     }
 }
 
-/// Where the next word belongs, if it is neither a command nor an option.
+/// The positional for the next word, if it is neither a command nor an option.
 struct Next {
     const Option* positional = nullptr;
-    Texts before;          ///< the words that this positional has already
-    bool surplus = false;  ///< there were words before that nothing takes
+    Texts before;          ///< the words that this positional already has
+    bool surplus = false;  ///< there were too many words before
 };
 
 Next nextOf(const Place& place) {
@@ -193,9 +193,9 @@ Next nextOf(const Place& place) {
     return {nullptr, {}, first != place.taken.end()};
 }
 
-// ---- What fits ----
+// ---- Candidates ----
 
-/// The topics, or the commands of those that are named already.
+/// The topics, or the subcommands of the given commands.
 Texts topics(const Command& tool, const Texts& before, const CompletionNames& names) {
     const Command* group = &tool;
     for (const std::string& word : before) {
@@ -212,7 +212,7 @@ Texts topics(const Command& tool, const Texts& before, const CompletionNames& na
     return words;
 }
 
-/// Options that have not been given; of those that may be given again, all.
+/// Options that can still be given.
 Texts optionNames(const Place& place) {
     Texts names;
     for (const Option* option : place.command->options()) {
@@ -245,7 +245,7 @@ public:
         if (next.positional != nullptr) {
             return valuesOf(*next.positional, place, next.before, current);
         }
-        // Options are what is left; otherwise they are offered behind a dash alone.
+        // Without positionals, offer options; otherwise only after a dash.
         return next.surplus || place.onlyWords ? Completion() : Completion{optionNames(place)};
     }
 
@@ -275,7 +275,7 @@ private:
         return {};
     }
 
-    /// An option's name, or its value behind "=".
+    /// An option's name, or its value after "=".
     Completion afterDash(const Place& place, const std::string& current) const {
         const std::size_t equals = current.find('=');
         if (equals == std::string::npos) {
@@ -296,7 +296,7 @@ private:
     const CompletionNames& names_;
 };
 
-/// A name with a line feed cannot be passed on, and one that a terminal obeys should not be.
+/// A name with a line feed cannot be passed on, and one with control characters should not be.
 bool hasControl(const std::string& word) {
     return std::any_of(word.begin(), word.end(), [](char letter) {
         const auto code = static_cast<unsigned char>(letter);

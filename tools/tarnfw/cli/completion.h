@@ -1,4 +1,4 @@
-/// What can come next on a command line: for the shells, which ask when somebody presses Tab.
+/// Completion of command lines, for shells when somebody presses Tab.
 #pragma once
 
 #include <functional>
@@ -9,7 +9,7 @@
 
 namespace tarnfw {
 
-/// The names that depend on the machine. Each is asked for at most once, and only when it is
+/// The names that depend on the machine. Each list is read at most once, and only if it is
 /// needed.
 struct CompletionNames {
     using Source = std::function<std::vector<std::string>()>;
@@ -21,12 +21,12 @@ struct CompletionNames {
 };
 
 struct Completion {
-    std::vector<std::string> words;  ///< each is the whole word that the last one can become
-    bool files = false;              ///< a file's name can stand there as well
+    std::vector<std::string> words;  ///< each replaces the last word
+    bool files = false;              ///< a file name is possible, too
 };
 
-/// `line` is what stands behind the tool's name; its last word is the one being typed, and may be
-/// empty. Nothing fits behind words that no command takes.
+/// `line` has the words after the tool's name; the last one is being typed, and may be
+/// empty. There are no candidates after words that no command takes.
 Completion complete(const Command& tool, const std::vector<std::string>& line,
                     const CompletionNames& names);
 

@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t kGap = 2;              // blanks between two columns
 constexpr std::size_t kNarrowest = 4;        // no column is wrapped below this
-constexpr std::size_t kProgressParts = 200;  // a terminal is not written to more often
+constexpr std::size_t kProgressParts = 200;  // most updates of the terminal
 
 bool colourWanted(int fd) {
     const char* const refusal = std::getenv("NO_COLOR");
@@ -85,7 +85,7 @@ std::size_t bytesWithin(const std::string& text, std::size_t width) {
     return bytes;
 }
 
-/// Cuts a word that is too long: behind a sign that such words have between their parts, else
+/// Cuts a word that is too long: after a character that separates parts of such words, else
 /// anywhere.
 std::vector<std::string> pieces(std::string word, std::size_t width) {
     std::vector<std::string> found;
@@ -100,7 +100,7 @@ std::vector<std::string> pieces(std::string word, std::size_t width) {
     return found;
 }
 
-/// The words of a text, each with the blanks behind it; a comma ends one, too.
+/// The words of a text, each with the blanks after it; a comma also ends a word.
 std::vector<std::string> wordsOf(const std::string& text) {
     std::vector<std::string> words;
     for (std::size_t start = 0; start < text.size();) {
@@ -127,7 +127,7 @@ std::size_t longestWord(const std::string& text) {
     return longest;
 }
 
-/// Takes from the widest columns what the lines are too long by; none gets narrower than its floor.
+/// Narrows the widest columns until the lines fit; none gets narrower than its minimum.
 void narrow(std::vector<std::size_t>& widths, const std::vector<std::size_t>& floors,
             std::size_t available) {
     std::size_t total = std::accumulate(widths.begin(), widths.end(), std::size_t{0});
@@ -246,7 +246,7 @@ void Table::print(std::size_t indent) const {
     }
     const std::size_t taken = indent + kGap * (widths.size() - 1);
     if (const std::size_t terminal = terminalWidth(); terminal > taken) {
-        // Words are cut only where wrapping between them is not enough.
+        // Words are cut only if wrapping between them is not enough.
         narrow(widths, words, terminal - taken);
         narrow(widths, std::vector<std::size_t>(widths.size(), kNarrowest), terminal - taken);
     }

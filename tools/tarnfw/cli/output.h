@@ -1,4 +1,4 @@
-/// What the tool prints: tables that fit the terminal, colour where it is wanted, JSON, progress.
+/// The tool's output: tables that fit the terminal, colour, JSON, progress.
 #pragma once
 
 #include <cstddef>
@@ -14,11 +14,11 @@
 
 namespace tarnfw {
 
-/// The columns of the terminal that standard output is; 0 when it is none, or does not tell.
+/// The columns of the terminal on standard output; 0 if it is not a terminal, or they are unknown.
 std::size_t terminalWidth();
 
 /// A text of one line in lines of at most `width` columns (1 or more): broken between words and
-/// behind commas, and within words that are longer than that.
+/// after commas, and within words that are longer than that.
 std::vector<std::string> wrapped(const std::string& text, std::size_t width);
 
 /// What a text means to the reader; the colour follows from it.
@@ -52,7 +52,7 @@ public:
     void addRow(std::vector<Cell> cells) { rows_.push_back(std::move(cells)); }
     bool empty() const { return rows_.empty(); }
 
-    /// Prints to standard output, each line behind `indent` blanks.
+    /// Prints to standard output, each line after `indent` blanks.
     void print(std::size_t indent = 0) const;
 
 private:
@@ -63,10 +63,10 @@ private:
 /// Prints a document to standard output, indented, in UTF-8, with a line feed at its end.
 void printJson(const Json::Value& document);
 
-/// How far long work has come, on standard error when that is a terminal; gone when it is done.
+/// Progress of long work, on standard error if it is a terminal; cleared at the end.
 class Progress {
 public:
-    /// For work in one piece, such as "Applying the rules": "`what` ..." is there at once.
+    /// For work without steps, such as "Applying the rules": prints "`what` ..." immediately.
     explicit Progress(const std::string& what);
 
     /// For work in `total` steps; `what` is such as "Loading lines".

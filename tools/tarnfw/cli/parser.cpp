@@ -21,7 +21,7 @@ namespace {
 
 // ---- Help texts ---------------------------------------------------------------------------------
 
-constexpr std::size_t kFileWidth = 80;  // of what goes elsewhere than to a terminal
+constexpr std::size_t kFileWidth = 80;  // if the output is not a terminal
 constexpr std::size_t kNarrowest = 20;  // of a column of texts
 constexpr std::size_t kWidest = 100;    // longer lines are hard to read
 
@@ -79,7 +79,7 @@ public:
 
 // ---- The parser ---------------------------------------------------------------------------------
 
-/// Refuses a word that is none of the choices, and names the one that may have been meant.
+/// Rejects a word that is not one of the choices, and suggests the nearest one.
 CLI::Validator choiceOf(const std::vector<std::string>& choices) {
     return CLI::Validator(
         [choices](const std::string& word) -> std::string {
@@ -87,7 +87,7 @@ CLI::Validator choiceOf(const std::vector<std::string>& choices) {
                 return {};
             }
             // Thrown and not returned: the parser would put the option's name before it.
-            throw UsageError("\"" + word + "\" is none of " + boost::join(choices, ", ") +
+            throw UsageError("\"" + word + "\" is not one of " + boost::join(choices, ", ") +
                              didYouMean(nearest(word, choices)));
         },
         "{" + boost::join(choices, ",") + "}");
@@ -115,8 +115,8 @@ public:
         return app->get_formatter()->make_help(app, command.fullName(), CLI::AppFormatMode::Normal);
     }
 
-    /// What is wrong with the words that the parser has gone through.
-    Refusal refusal(const std::string& message) const {
+    /// The error in the words that the parser has read.
+    ParseError errorOf(const std::string& message) const {
         const auto [refusing, extra] = firstExtra(root_);
         if (!extra.empty()) {
             return {commands_.at(refusing), extra, {}};
@@ -161,7 +161,8 @@ private:
         }
     }
 
-    /// Where an option goes: to the command, or to the group of this title, made with its first.
+    /// The parent of an option: the command, or the group with this title, which is created if
+    /// needed.
     static CLI::App& groupOf(CLI::App& app, const std::string& title) {
         if (title.empty()) {
             return app;
@@ -219,13 +220,13 @@ private:
         return made;
     }
 
-    /// The command that the words were for, as far as they name one.
+    /// The command that the words name.
     static const CLI::App& deepest(const CLI::App& app) {
         const std::vector<CLI::App*> parsed = app.get_subcommands();
         return parsed.empty() ? app : deepest(*parsed.front());
     }
 
-    /// The command among those on the way to the deepest that did not take a word, and the word.
+    /// The command on the path that did not take a word, and the word.
     static std::pair<const CLI::App*, std::string> firstExtra(const CLI::App& app) {
         const std::vector<std::string> extras = app.remaining();
         if (!extras.empty()) {
@@ -235,7 +236,7 @@ private:
         return parsed.empty() ? std::make_pair(&app, std::string()) : firstExtra(*parsed.front());
     }
 
-    /// What a message of the parser means, where its own words are not plain.
+    /// A plain text for those of the parser's messages that are not plain.
     static std::string inWords(const Command& command, const std::string& message) {
         std::vector<std::string> needed;
         if (message.find(" 1 option from [") != std::string::npos) {
@@ -262,7 +263,8 @@ const Command& rootOf(const Command& command) {
 
 }  // namespace
 
-std::optional<Refusal> runCommandLine(const Command& tool, const std::vector<std::string>& words) {
+std::optional<ParseError> runCommandLine(const Command& tool,
+                                         const std::vector<std::string>& words) {
     Parser parser(tool);
     try {
         // The parser wants them from the last to the first.
@@ -270,9 +272,9 @@ std::optional<Refusal> runCommandLine(const Command& tool, const std::vector<std
     } catch (const CLI::Success& answered) {  // help, or the version
         (void)parser.root().exit(answered);
     } catch (const CLI::ParseError& error) {
-        return parser.refusal(error.what());
+        return parser.errorOf(error.what());
     } catch (const UsageError& error) {
-        return parser.refusal(error.what());
+        return parser.errorOf(error.what());
     }
     return std::nullopt;
 }

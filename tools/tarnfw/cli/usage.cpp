@@ -20,7 +20,7 @@ struct OtherWord {
     const char* command;
 };
 
-// What people type who know other tools, or guess.
+// Words from other tools, and guesses.
 constexpr OtherWord kOtherWords[] = {
     {"add", "rule add"},
     {"allow", "rule add"},
@@ -85,7 +85,7 @@ Texts wholeCommands(const Command& group) {
     return commands;
 }
 
-/// Whether each word of the command is like the typed one in its place.
+/// Whether each word of the command is similar to the typed one.
 bool isNear(const Texts& typed, const std::string& command) {
     Texts words;
     boost::split(words, command, boost::is_any_of(" "));
@@ -97,7 +97,7 @@ bool isNear(const Texts& typed, const std::string& command) {
     return true;
 }
 
-/// The command that the first words may have meant; empty when it is none.
+/// The command that the first words may have meant; empty if there is none.
 std::string nearestCommand(const Command& tool, const Texts& words) {
     const Texts commands = wholeCommands(tool);
     const std::string one = words.empty() ? std::string() : words[0];
@@ -126,10 +126,10 @@ std::string nearestCommand(const Command& tool, const Texts& words) {
 
 }  // namespace
 
-std::string wrongUsage(const Command& tool, const Refusal& refusal,
+std::string wrongUsage(const Command& tool, const ParseError& error,
                        const std::vector<std::string>& words) {
-    const Command& command = *refusal.command;
-    const std::string& extra = refusal.unknown;
+    const Command& command = *error.command;
+    const std::string& extra = error.unknown;
     const std::string name = command.fullName();
     const bool isOption = boost::starts_with(extra, "-");
     const bool isCommand = !extra.empty() && !isOption && !command.shownNames().empty();
@@ -137,7 +137,7 @@ std::string wrongUsage(const Command& tool, const Refusal& refusal,
     std::string text = "tarnfw: ";
     std::string meant;
     if (extra.empty()) {
-        text.append(refusal.reason).append("\n");
+        text.append(error.reason).append("\n");
     } else if (isCommand) {
         text.append("there is no command \"").append(name).append(" ").append(extra).append("\"\n");
         meant = nearestCommand(tool, words);
@@ -149,7 +149,7 @@ std::string wrongUsage(const Command& tool, const Refusal& refusal,
         text.append("Did you mean \"").append(isCommand ? tool.name() : name);
         text.append(" ").append(meant).append("\"?\n");
     }
-    text.append("\"").append(name).append(" --help\" tells how it is used.\n");
+    text.append("\"").append(name).append(" --help\" shows its usage.\n");
     return text;
 }
 

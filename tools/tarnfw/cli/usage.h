@@ -1,4 +1,4 @@
-/// Wrong usage: what was wrong, and what the person may have meant.
+/// Messages about wrong usage, with suggestions.
 #pragma once
 
 #include <string>
@@ -8,9 +8,9 @@
 
 namespace tarnfw {
 
-/// Two or three lines about the command line `words` that was refused: what was wrong with it, the
-/// right command where one is near, and how to find out more.
-std::string wrongUsage(const Command& tool, const Refusal& refusal,
+/// Two or three lines about the invalid command line `words`: the error, the
+/// nearest command, and where to find more.
+std::string wrongUsage(const Command& tool, const ParseError& error,
                        const std::vector<std::string>& words);
 
 }  // namespace tarnfw

@@ -18,7 +18,7 @@
 namespace tarnfw {
 namespace {
 
-constexpr char kQuestion[] = "Apply it all the same?";
+constexpr char kQuestion[] = "Apply it anyway?";
 
 std::string applyingText(const Context& context) {
     return "Applying the rules of \"" + context.store().activeProfile() + "\"";

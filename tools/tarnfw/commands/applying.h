@@ -1,4 +1,4 @@
-/// Putting what the store holds into the kernel, for every command that does.
+/// Applying stored profiles to the kernel.
 #pragma once
 
 #include <functional>
@@ -11,16 +11,17 @@
 
 namespace tarnfw {
 
-/// What a command that changes profiles is told about the kernel.
+/// The reload options of a command that changes profiles.
 struct ReloadOptions {
     bool wanted = false;  ///< apply the active profile afterwards
-    bool yes = false;     ///< without asking
+    bool yes = false;     ///< do not ask
 };
 
 /// Adds "--reload" and "--yes" to a command that changes profiles. `yesHelp` is for one that has
 /// more to ask.
-void addReloadFlag(Command& command, ReloadOptions& options,
-                   const char* yesHelp = "With --reload: do not ask when that would keep you out");
+void addReloadFlag(
+    Command& command, ReloadOptions& options,
+    const char* yesHelp = "With --reload: do not ask if the rules would lock you out");
 
 // ---- Before a change ----
 
@@ -30,10 +31,10 @@ void requireValid(const FW::FWPROFILE& profile);
 /// "profile "home" has 2 errors; ..."; empty when it has none.
 std::string errorsText(const FW::FWPROFILE& profile);
 
-/// Says in one line on standard error that a profile does not check.
+/// Warns in one line about an invalid profile.
 void warnAboutErrors(const FW::FWPROFILE& profile);
 
-/// For a command with "--reload", before it changes anything: refuses what reloadActive() would.
+/// For a command with "--reload", before it changes anything: throws what reloadActive() would.
 void requireReloadable(Context& context, const ReloadOptions& options);
 
 /// For a profile as it is about to be stored. Where "--reload" would then put it in force, because
@@ -58,21 +59,21 @@ void confirmReload(Context& context, const ReloadOptions& options);
 bool runWhole(const std::string& what, const std::function<bool()>& change,
               const std::function<std::string()>& meanwhile = {});
 
-/// Switches the firewall on and applies the active profile. Returns false, logged, where that
+/// Switches the firewall on and applies the active profile. Returns false, logged, if that
 /// failed. The context may change the store.
 bool enableFirewall(Context& context);
 
 /// Switches the firewall off, likewise. Throws Error when the settings cannot be written.
 void disableFirewall(Context& context);
 
-/// Applies the active profile where the firewall is enabled; says which it was. Throws
+/// Applies the active profile if the firewall is enabled, and prints its name. Throws
 /// Error, with what is in force now.
 void reloadActive(Context& context, const std::function<std::string()>& meanwhile = {});
 
 /// What is in force after rules could not be applied: "the firewall is off now".
 std::string stateNow(Context& context);
 
-/// What follows from a changed profile. Where that is the active one and the firewall enabled:
+/// After a profile was changed. If it is the active one and the firewall is enabled:
 /// applies it with "--reload", or says that the kernel still has the old rules.
 void finishChange(Context& context, const std::string& profile, const ReloadOptions& options);
 

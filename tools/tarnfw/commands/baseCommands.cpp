@@ -22,10 +22,10 @@
 namespace tarnfw {
 namespace {
 
-// What was added, so that no more than that is taken away. A reboot empties /run and the kernel.
+// What was added, so that only that is removed. A reboot empties /run and the kernel.
 constexpr char kRecordFile[] = "/run/tarn/base_filter.json";
 
-// Keeps two calls of "base up" or "base down" apart.
+// Serialises "base up" and "base down".
 constexpr char kLockName[] = "base_filter.lock";
 
 constexpr char kFirstProfile[] = "/usr/tarn/etc.defaults/firewall_default_profile.json";
@@ -71,7 +71,7 @@ BaseParts recordedParts(const Json::Value& family) {
 
 // ---- The first profile ----
 
-/// Whether the store holds a profile, also one that cannot be read: that is somebody's, and must
+/// Whether the store has a profile, even an unreadable one: it is somebody's, and must
 /// not be replaced by a first one of the same name.
 bool storeHasProfile(const StoreSnapshot& store) {
     if (!store.profileNames().empty() || !store.testProfileNames().empty()) {
@@ -80,15 +80,15 @@ bool storeHasProfile(const StoreSnapshot& store) {
     for (const std::string& path : store.unreadable()) {
         if (path != kSettingsFile) {
             std::cerr << "tarnfw: " << printable(path)
-                      << " cannot be read and may be a profile: no first one is written\n";
+                      << " cannot be read and may be a profile: no first profile is written\n";
             return true;
         }
     }
     return false;
 }
 
-/// Writes the first settings where there are none: rules go in as one transaction, which no
-/// connection notices, or line by line where ip6tables cannot do its part of it.
+/// Writes the first settings if there are none: apply mode "batch", which no connection
+/// notices, or "lines" if ip6tables cannot run.
 void writeFirstSettings(Context& context, bool filtersIpv6) {
     if (context.store().hasSettings()) {
         return;
@@ -99,12 +99,13 @@ void writeFirstSettings(Context& context, bool filtersIpv6) {
         throw Error(ErrorKind::kSystem,
                     std::string("cannot write the first settings to ") + kSettingsFile);
     }
-    std::cout << "Settings written to " << kSettingsFile << ": rules are applied "
-              << (filtersIpv6 ? "in one transaction" : "line by line, without ip6tables")
-              << " (\"tarnfw apply-mode\")\n";
+    std::cout << "Settings written to " << kSettingsFile << ": "
+              << (filtersIpv6 ? "apply mode \"batch\""
+                              : "apply mode \"lines\", because ip6tables cannot run")
+              << " (see \"tarnfw apply-mode\")\n";
 }
 
-/// Writes the first profile where there is none, and the settings with it. Not through the store:
+/// Writes the first profile if there is none, and the settings with it. Not through the store:
 /// its generator of file names needs a profile to compare with, and would not return.
 void writeFirstProfile(bool filtersIpv6) {
     makeDirectory(kProfileDir);
@@ -137,7 +138,7 @@ void writeFirstProfile(bool filtersIpv6) {
 void setUp(BaseFilter filter) {
     const BaseParts parts = filter.missing();
     if (!parts.empty()) {
-        // Recorded first: an interrupted call leaves nothing that "base down" does not know.
+        // Recorded first, so that "base down" also removes what an interrupted call added.
         Json::Value record = recordLoad();
         addToRecord(record[filter.key()], parts);
         recordStore(record);
@@ -157,7 +158,7 @@ void baseUp() {
     try {
         setUp(BaseFilter("v6"));
     } catch (const Error& failed) {
-        failure = failed.what();  // told at the end: the rest is of use without IPv6
+        failure = failed.what();  // thrown at the end: the rest is useful without IPv6
     }
     writeFirstProfile(failure.empty());
     if (!failure.empty()) {
@@ -169,8 +170,8 @@ void baseDown() {
     requireRoot();
     const ToolLock lock(kLockName);
     if (StoreSnapshot().firewallEnabled()) {
-        std::cerr << "tarnfw: the firewall is still enabled in the settings, and filters nothing "
-                     "from now on\n";
+        std::cerr
+            << "tarnfw: the firewall is still enabled in the settings, but now filters nothing\n";
     }
     Json::Value record = recordLoad();
     for (BaseFilter filter : baseFilters()) {
@@ -178,7 +179,7 @@ void baseDown() {
         filter.remove(parts);
         record.removeMember(filter.key());
         recordStore(record);
-        std::cout << filter.title() << ": took away " << describe(parts) << '\n';
+        std::cout << filter.title() << ": removed " << describe(parts) << '\n';
     }
 }
 
@@ -222,18 +223,18 @@ void baseStatus(bool json) {
 
 void addBaseCommands(Command& app) {
     Command& base = app.subcommand(
-        "base",
-        "The chains that the firewall fills, on a machine that does not set them up itself");
+        "base", "The chains that the firewall fills, for machines that do not create them");
     base.subcommand("up",
-                    "Add what is missing of the chains INPUT_FIREWALL, FORWARD_FIREWALL and "
-                    "FIREWALL_RELOADING and of the jumps to them, for IPv4 and IPv6, and write "
-                    "a first profile and settings where there are none")
+                    "Add those of the chains INPUT_FIREWALL, FORWARD_FIREWALL and "
+                    "FIREWALL_RELOADING, and of the jumps to them, that are missing, for IPv4 and "
+                    "IPv6, and write a first profile and settings if there are none")
         .run(baseUp);
     base.subcommand("down",
-                    "Take away the chains and jumps that \"base up\" added, and nothing else; "
+                    "Remove the chains and jumps that \"base up\" added, and nothing else; "
                     "profiles stay")
         .run(baseDown);
-    Command& status = base.subcommand("status", "Say what is there and what is missing");
+    Command& status =
+        base.subcommand("status", "Show which chains and jumps exist and which are missing");
     const auto json = std::make_shared<bool>(false);
     addJsonFlag(status, *json);
     status.run([json] { baseStatus(*json); });

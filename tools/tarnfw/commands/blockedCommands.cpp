@@ -25,15 +25,15 @@ namespace {
 
 // ---- blocked ----
 
-/// What a verdict means, where that is not plain.
-std::string remark(const AdapterAnswer& answer) {
+/// A note on a verdict that needs one.
+std::string noteOn(const AdapterAnswer& answer) {
     const bool global = answer.adapter == FW::FW_ADAPTER_GLOBAL;
     if (!FW::TARNFW_IPTABLES_RULES().adapterIsEnabled(answer.adapter)) {
-        return "absent now";
+        return "absent";
     }
     switch (answer.verdict) {
         case FW::FW_POLICY_NONE:
-            return global ? "left to the adapters" : "nothing decides: let through";
+            return global ? "left to the adapters" : "no rule or default policy decides: allowed";
         case FW::FW_POLICY_MIXED:
             return "allowed from some addresses, blocked from others";
         default:
@@ -67,7 +67,7 @@ void blocked(const BlockedOptions& options) {
         for (const AdapterAnswer& answer : answers) {
             table.addRow({{answer.adapter, Paint::kPlain},
                           {verdictText(answer.verdict), policyPaint(answer.verdict)},
-                          {remark(answer), Paint::kPlain}});
+                          {noteOn(answer), Paint::kPlain}});
         }
         table.print();
     }
@@ -85,19 +85,19 @@ const FW::FWRULE& ruleOf(const FW::FWPROFILE& profile, const FW::FWVERDICTSTEP& 
 std::string stepText(const FW::FWPROFILE& profile, const FW::FWVERDICTSTEP& step) {
     switch (step.kind) {
         case FW::FW_VERDICT_STEP_DEFAULT:
-            return "begins with the default policy: " + policyText(step.policy);
+            return "default policy: " + policyText(step.policy);
         case FW::FW_VERDICT_STEP_NO_DEFAULT:
-            return "begins without a default policy";
+            return "no default policy";
         case FW::FW_VERDICT_STEP_GLOBAL:
-            return "begins with nothing";
+            return "no default policy";
         case FW::FW_VERDICT_STEP_RULE:
             return "rule " + std::to_string(step.position) + ": " + ruleText(ruleOf(profile, step));
         case FW::FW_VERDICT_STEP_DECIDED:
-            return "the rules of global have decided";
+            return "decided by global";
         case FW::FW_VERDICT_STEP_LEFT:
-            return "no rule denies: left to the adapters";
+            return "no rule of global denies: left to the adapters";
         default:
-            return "at the end, some addresses and not all";
+            return "end of the list: not all addresses";
     }
 }
 
@@ -107,10 +107,10 @@ std::string outcomeText(const FW::FWVERDICTSTEP& step) {
         return text;
     }
     if (step.policy == FW::FW_POLICY_DENY && step.after == FW::FW_POLICY_ALLOW) {
-        // A surprise of the check that callers rely on.
-        text += ", as a second denial counts in this check";
+        // Intended: callers rely on this answer.
+        text += ": in this check a second denial for some addresses allows";
     }
-    return step.last ? text + "; later rules do not count" : text;
+    return step.last ? text + "; later rules are not evaluated" : text;
 }
 
 const char* kindWord(FW::FW_VERDICT_STEP kind) {
@@ -212,19 +212,19 @@ void explain(const BlockedOptions& options) {
 // ---- The command line ----
 
 constexpr char kFooter[] =
-    "Ends with 0 when nothing of it is blocked, and with 10 when something is blocked or mixed.\n"
-    "Undecided is no obstacle: for \"global\" it leaves the word to the adapters, and an adapter "
-    "lets through what nothing decides. The stored rules of the active profile are evaluated; "
-    "a disabled firewall blocks nothing.";
+    "Exit status 0 when nothing is blocked, 10 when something is blocked or mixed.\nUndecided does "
+    "not block: \"global\" then leaves the verdict to the adapters, and an adapter allows what no "
+    "rule decides. The verdicts are for the stored rules of the active profile; a disabled "
+    "firewall blocks nothing.";
 
-/// What is wrong with an address; empty when nothing is.
+/// The error of an address; empty for a valid one.
 std::string addressComplaint(const std::string& text) {
-    return addressFrom(text) ? std::string() : inQuotes(text) + " is no address";
+    return addressFrom(text) ? std::string() : inQuotes(text) + " is not an address";
 }
 
 void addBlocked(Command& app) {
     Command& command = app.subcommand(
-        "blocked", "Say whether a port or a service gets through, adapter by adapter");
+        "blocked", "Show whether a port or a service gets through, adapter by adapter");
     const auto options = std::make_shared<BlockedOptions>();
     addBlockedOptions(command, *options);
     command.footer(kFooter);
@@ -232,20 +232,21 @@ void addBlocked(Command& app) {
 }
 
 void addExplain(Command& app) {
-    Command& command = app.subcommand("explain", "Answer the same with the rules that led there");
+    Command& command =
+        app.subcommand("explain", "Show the same, with the rules that lead to each verdict");
     const auto options = std::make_shared<BlockedOptions>();
     addBlockedOptions(command, *options);
     Option& from =
-        command.option("--from", options->from, "Name the one rule that decides for a sender")
+        command.option("--from", options->from, "Show the one rule that decides for a sender")
             .check(addressComplaint);
     command.option("--to", options->to, "The machine's address that the sender uses")
         .check(addressComplaint)
         .needs(from);
     command.footer(std::string(kFooter) +
-                   "\nWith --from, rules are gone through as the kernel does; country rules count "
-                   "as in a kernel that has the \"geoip\" match. Where source port or --to would "
-                   "matter, \"unless\" says so.\n"
-                   "Example: tarnfw explain --port tcp/20-25 --adapter eth0 --from 192.168.1.20");
+                   "\nWith --from, the rules are evaluated as in the kernel; country rules count "
+                   "as in a kernel that has the \"geoip\" match. \"unless\" names rules that "
+                   "depend on the source port or on --to.\nExample: tarnfw explain --port "
+                   "tcp/20-25 --adapter eth0 --from 192.168.1.20");
     command.run([options] {
         requireRoot();
         if (options->from.empty()) {

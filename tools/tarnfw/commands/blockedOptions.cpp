@@ -15,7 +15,7 @@
 namespace tarnfw {
 namespace {
 
-/// Adapters of the machine that no rules in the profile are for under a name that stands for them.
+/// The machine's adapters that no predefined adapter of the profile covers.
 std::vector<std::string> uncovered(const std::vector<std::string>& covered) {
     std::vector<std::string> meant;
     for (const char* const predefined : {FW::FW_ADAPTER_PPPOE, FW::FW_ADAPTER_VPN}) {
@@ -45,7 +45,7 @@ std::string subjectText(const BlockedOptions& options,
 }  // namespace
 
 void addBlockedOptions(Command& command, BlockedOptions& options) {
-    constexpr char kSubject[] = "What is asked about";
+    constexpr char kSubject[] = "What to ask about";
     command.option("--service", options.service, "A service of the catalogue, such as ssh")
         .exactlyOneOf(kSubject);
     command.option("--port", options.port, "Ports: tcp/22, udp/5000-5010, both/53, tcp+udp/53")
@@ -55,7 +55,7 @@ void addBlockedOptions(Command& command, BlockedOptions& options) {
         })
         .exactlyOneOf(kSubject);
     command.option("--adapter", options.adapter,
-                   "One adapter; all of the profile and the machine when left out");
+                   "One adapter; by default all of the profile and the machine");
     addJsonFlag(command, options.json);
 }
 
@@ -118,7 +118,7 @@ bool answeredDisabled(const StoreSnapshot& store, const BlockedOptions& options,
         return false;
     }
     if (!options.adapter.empty()) {
-        (void)adaptersAsked(options, store.profile(""));  // a wrong name is wrong all the same
+        (void)adaptersAsked(options, store.profile(""));  // an unknown name is an error anyway
     }
     if (options.json) {
         printJson(documentOf(store, options, questions, false, true));

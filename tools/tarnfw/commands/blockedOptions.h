@@ -1,4 +1,4 @@
-/// What "blocked" and "explain" are asked, and what both begin with.
+/// The options of "blocked" and "explain", and the steps that both share.
 #pragma once
 
 #include <string>
@@ -25,14 +25,14 @@ struct BlockedOptions {
 /// Adds the options but `from` and `to`.
 void addBlockedOptions(Command& command, BlockedOptions& options);
 
-/// The ports asked about, one question each. Throws Error for an unknown service.
+/// The queried ports, one question each. Throws Error for an unknown service.
 std::vector<FW::PortCompareST> questionsOf(const BlockedOptions& options);
 
-/// The adapters asked about: the one named, or those of the profile and of the machine without
+/// The queried adapters: the given one, or those of the profile and of the machine without
 /// "global". Throws Error for an unknown one.
 std::vector<std::string> adaptersAsked(const BlockedOptions& options, const FW::FWPROFILE& profile);
 
-/// What every JSON document begins with; "adapters" is an empty array.
+/// The common members of the JSON documents; "adapters" is an empty array.
 Json::Value documentOf(const StoreSnapshot& store, const BlockedOptions& options,
                        const std::vector<FW::PortCompareST>& questions, bool enabled, bool allowed);
 
@@ -40,7 +40,7 @@ Json::Value documentOf(const StoreSnapshot& store, const BlockedOptions& options
 void printHeading(const StoreSnapshot& store, const BlockedOptions& options,
                   const std::vector<FW::PortCompareST>& questions);
 
-/// Answers for a firewall that is off. Returns whether it is.
+/// If the firewall is disabled, prints the answer for that. Returns whether it did.
 bool answeredDisabled(const StoreSnapshot& store, const BlockedOptions& options,
                       const std::vector<FW::PortCompareST>& questions);
 

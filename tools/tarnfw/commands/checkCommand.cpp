@@ -1,4 +1,4 @@
-/// tarnfw check: what is wrong with a profile, and what the kernel says to it.
+/// tarnfw check: the findings of a profile, and the kernel's answers.
 #include <iostream>
 #include <memory>
 #include <string>
@@ -59,14 +59,14 @@ void append(std::vector<Finding>& all, const std::vector<Finding>& more) {
     all.insert(all.end(), more.begin(), more.end());
 }
 
-/// The lines of a document; none, with a finding, where it cannot be translated.
+/// The lines of a document; none, with a finding, if it cannot be translated.
 std::vector<TracedLine> linesOf(const Json::Value& document, std::vector<Finding>& findings) {
     FW::FWPROFILE profile;
     try {
         FW::TARNFW_JSON_DB().jsonToProfile(document, profile);
         return tracedLines(profile);
     } catch (const Json::Exception&) {
-        findings.push_back({"the library cannot read this: no line was loaded"});
+        findings.push_back({"the library cannot read this; no line was loaded"});
     } catch (const Error& failure) {
         findings.push_back({failure.what()});
     }
@@ -141,32 +141,32 @@ void check(const Options& options) {
     } else {
         printFindings(source.name, findings);
         if (findings.empty()) {
-            std::cout << printable(source.name) << ": in order"
-                      << (options.kernel ? "; the kernel takes " + counted(loaded, "line") : "")
+            std::cout << printable(source.name) << ": valid"
+                      << (options.kernel ? "; the kernel accepts " + counted(loaded, "line") : "")
                       << '\n';
         }
     }
     if (countErrors(findings) > 0 || (options.strict && !findings.empty())) {
-        endWith(kExitUnchecked);
+        endWith(kExitInvalid);
     }
 }
 
 }  // namespace
 
 void addCheckCommand(Command& app) {
-    Command& command = app.subcommand(
-        "check",
-        "Say what is wrong with a profile, one line for each finding, with its place. Errors are "
-        "what no machine could make sense of; warnings, what this machine lacks and rules without "
-        "effect. Exit status 3 when there are errors");
+    Command& command =
+        app.subcommand("check",
+                       "Check a profile; prints one line for each finding, with its place. An "
+                       "error is invalid on every machine; a warning is about what this machine "
+                       "lacks or a rule without effect. Exit status 3 when there are errors");
     const auto options = std::make_shared<Options>();
     command.option("FILE|PROFILE", options->what,
                    "A profile file (a path, or a name ending in .json; - for standard input) "
-                   "or the name of a stored profile; the active one when left out");
+                   "or the name of a stored profile; by default the active one");
     command.flag("--kernel", options->kernel,
-                 "Also load every line into a network namespace made for that, and report "
-                 "each one that the kernel refuses. The machine's own filter is not touched");
-    command.flag("--strict", options->strict, "Warnings count as errors do");
+                 "Also load every line into a separate network namespace, and report each one that "
+                 "the kernel refuses. The machine's own filter is not touched");
+    command.flag("--strict", options->strict, "Count warnings as errors");
     addJsonFlag(command, options->json);
     command.footer("Example: tarnfw check --kernel ./home.json");
     command.run([options] { check(*options); });

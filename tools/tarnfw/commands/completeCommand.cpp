@@ -32,10 +32,10 @@ using Texts = std::vector<std::string>;
 
 constexpr char kCountryDirectory[] = "/usr/share/xt_geoip";
 
-/// Stands for the names of files, which the shell knows better.
+/// Tells the shell to complete file names.
 constexpr char kFilesLine[] = "<file>";
 
-/// What a source yields; nothing when it fails. Nobody has asked for a complaint by pressing Tab.
+/// What a source yields; nothing when it fails. Tab must not print errors.
 template <typename Source>
 Texts orNone(const Source& source) {
     try {
@@ -45,13 +45,13 @@ Texts orNone(const Source& source) {
     }
 }
 
-/// The members of a document's member; none where that is of another kind.
+/// The members of a document's member; none if it is not an object.
 Texts membersOf(const Json::Value& document, const char* name) {
     const Json::Value& member = document[name];
     return member.isObject() ? member.getMemberNames() : Texts();
 }
 
-/// Those of the active profile. Read from the files as they are: also for a person who is not root
+/// Those of the active profile, read directly from the files: also for a person who is not root
 /// but will be, with "sudo", when the command runs.
 Texts activeAdapters() {
     const StoreSnapshot store;
@@ -64,14 +64,14 @@ Texts activeAdapters() {
     return adapters;
 }
 
-/// Of the machine, the predefined ones, and those that the active profile has something for.
+/// Those of the machine, the predefined ones, and those of the active profile.
 Texts adapters() {
     std::set<std::string> names(FW::FW_PREDEFINED_ADAPTERS.begin(),
                                 FW::FW_PREDEFINED_ADAPTERS.end());
     for (const Texts& more : {orNone(machineAdapters), orNone(activeAdapters)}) {
         names.insert(more.begin(), more.end());
     }
-    names.erase(FW::FW_PPPOE_INTERFACE);  // its rules are never applied; those of "pppoe" are
+    names.erase(FW::FW_PPPOE_INTERFACE);  // its rules are never applied
     return {names.begin(), names.end()};
 }
 
@@ -86,7 +86,7 @@ Texts services() {
 Texts countries() {
     Texts codes;
     if (TLIBCFileExist(kCountryDirectory) == 1) {
-        (void)FW::FW_GEOIP().countryEnum(codes);  // without any there is nothing to offer
+        (void)FW::FW_GEOIP().countryEnum(codes);  // logs for itself
     }
     std::sort(codes.begin(), codes.end());
     return codes;
@@ -101,7 +101,7 @@ Texts topicNames() {
 }
 
 void run(const Command& app, const Texts& line) {
-    // Neither the terminal nor the system log is to hear of it.
+    // Keep the library's messages off the terminal and out of the system log.
     openlog("tarnfw", 0, LOG_USER);
     setlogmask(LOG_MASK(LOG_EMERG));
     CompletionNames names;
@@ -125,7 +125,7 @@ void addCompleteCommand(Command& app) {
     Command& command = app.subcommand("complete", "Print what can come next, a word a line");
     command.hide();
     const auto line = std::make_shared<Texts>();
-    command.option("WORDS", *line, "Behind \"--\": what stands behind the tool's name");
+    command.option("WORDS", *line, "After \"--\": the words after the tool's name");
     command.run([&app, line] { run(app, *line); });
 }
 

@@ -22,11 +22,11 @@
 namespace tarnfw {
 namespace {
 
-// What the settings' member "apply" may say.
+// The values of the settings' member "apply".
 constexpr char kLinesMode[] = "lines";
 constexpr char kBatchMode[] = "batch";
 
-/// Switches the firewall on; where that fails and it was off, it is off again.
+/// Switches the firewall on; if that fails and it was off, switches it off again.
 void enableOrGoBack(Context& context) {
     const SignalsWait wait;
     const bool wasEnabled = context.store().firewallEnabled();
@@ -35,7 +35,7 @@ void enableOrGoBack(Context& context) {
         if (enableFirewall(context)) {
             return;
         }
-        reason = "the rules could not be put in force";
+        reason = "the rules could not be applied";
     } catch (const Error& failure) {
         reason = failure.what();
     }
@@ -51,13 +51,13 @@ void enable(bool yes) {
     context.requireBase();
     const FW::FWPROFILE& profile = context.store().profile("");
     requireValid(profile);
-    requireSshAccess(profile, yes, "Enable all the same?");
+    requireSshAccess(profile, yes, "Enable anyway?");
     enableOrGoBack(context);
     std::cout << "Firewall enabled with profile " << inQuotes(context.store().activeProfile())
               << "\n";
 }
 
-/// Whether there is nothing that the firewall could be switched off in.
+/// Whether the machine has neither settings nor chains, so that there is nothing to switch off.
 bool isFresh(const Context& context) {
     const std::vector<BaseFilter> filters = baseFilters();
     return !context.store().hasSettings() &&
@@ -74,7 +74,7 @@ void disable() {
     std::cout << "Firewall disabled\n";
 }
 
-/// What is wrong with the active profile. A reload of it goes on: it is in force already, or was.
+/// Warns about errors of the active profile. The reload goes on: the profile is in force already.
 std::string warningsAboutActive(const Context& context) {
     std::string warnings;
     try {
@@ -93,7 +93,7 @@ void reload() {
     reloadActive(context, [&] { return warningsAboutActive(context); });
 }
 
-/// Sets how rules go into the kernel, or says how they do.
+/// Sets the apply mode, or prints it.
 void applyMode(const std::string& wanted, bool json) {
     Context context(wanted.empty() ? StoreSession::Access::kRead : StoreSession::Access::kChange);
     if (!wanted.empty()) {
@@ -111,22 +111,23 @@ void applyMode(const std::string& wanted, bool json) {
         printJson(document);
         return;
     }
-    std::cout << (mode == kBatchMode ? "batch: each family's rules go in as one transaction\n"
-                                     : "lines: one command for each rule, behind closed doors\n");
+    std::cout
+        << (mode == kBatchMode
+                ? "batch: all rules are replaced at once\n"
+                : "lines: one command for each rule; new connections are dropped meanwhile\n");
 }
 
 void addApplyModeCommand(Command& app) {
-    Command& command = app.subcommand("apply-mode", "Say or set how rules are put into the kernel");
+    Command& command = app.subcommand("apply-mode", "Show or set how rules go into the kernel");
     const auto mode = std::make_shared<std::string>();
     const auto json = std::make_shared<bool>(false);
-    command.option("MODE", *mode, "lines or batch; left out: say which it is")
+    command.option("MODE", *mode, "lines or batch; without it, show the present one")
         .choices({kLinesMode, kBatchMode});
     command.footer(
         "lines: a reload closes the machine to new connections, runs one command for each rule, "
-        "and "
-        "opens it again. A line that the kernel refuses is left out.\n"
-        "batch: each family's rules replace the old ones in one transaction. Nothing is closed "
-        "meanwhile; one line that the kernel refuses leaves all as it was.");
+        "and opens the machine again. A line that the kernel refuses is left out.\n"
+        "batch: a reload replaces all rules of a family at once. Nothing is closed meanwhile. If "
+        "the kernel refuses a line, nothing changes.");
     addJsonFlag(command, *json);
     command.run([mode, json] { applyMode(*mode, *json); });
 }
@@ -137,12 +138,12 @@ void addControlCommands(Command& app) {
     Command& enableCommand =
         app.subcommand("enable", "Switch the firewall on and apply the active profile");
     const auto yes = std::make_shared<bool>(false);
-    enableCommand.flag("--yes", *yes, "Do not ask when that would keep you out");
-    enableCommand.footer("Over SSH, asks first when the profile would not let you connect again.");
+    enableCommand.flag("--yes", *yes, "Do not ask if the rules would lock you out");
+    enableCommand.footer("Over SSH, asks first if the profile would not let you connect again.");
     enableCommand.run([yes] { enable(*yes); });
     app.subcommand("disable", "Switch the firewall off: empty its chains, keep the profiles")
         .run(disable);
-    app.subcommand("reload", "Apply the active profile anew").run(reload);
+    app.subcommand("reload", "Apply the active profile again").run(reload);
     addApplyModeCommand(app);
 }
 

@@ -1,4 +1,4 @@
-/// tarnfw diff: what the kernel holds against what the active profile would put there.
+/// tarnfw diff: compares the kernel's rules with what the active profile would put there.
 #include <algorithm>
 #include <iostream>
 #include <memory>
@@ -101,14 +101,14 @@ public:
     }
 
 private:
-    /// Begins anew, with the chains that others have made on this machine.
+    /// A new scratch kernel, with the chains that others have added on this machine.
     void makeKernel() {
         kernel_.reset();
         kernel_ = std::make_unique<ScratchKernel>();
         for (const char* const family : kFamilies) {
             for (const auto& [table, chain] : otherPlaces(lines_, family)) {
                 if (listingOf(machine_, family, table).has(chain)) {
-                    // Fails for a built-in chain, which is there.
+                    // Fails for a built-in chain, which exists.
                     (void)kernel_->run(family, {"-t", table, "-N", chain});
                 }
             }
@@ -128,7 +128,7 @@ private:
         });
     }
 
-    /// Without the lines that the kernel refuses, which would otherwise take all with them.
+    /// Loads each line alone, and counts those that the kernel refuses.
     void loadLineByLine() {
         makeKernel();
         Progress progress("Loading lines", lines_.size());
@@ -264,8 +264,8 @@ void printChain(const ChainDifference& difference) {
 void printText(const Compared& compared, const std::vector<ChainDifference>& differences) {
     const std::string profile = "profile " + inQuotes(compared.profile);
     if (differences.empty()) {
-        std::cout << (compared.enabled ? "The kernel holds what " + profile + " puts there\n"
-                                       : "The firewall is disabled, and its chains are empty\n");
+        std::cout << (compared.enabled ? "The kernel agrees with " + profile + "\n"
+                                       : "The firewall is disabled and its chains are empty\n");
         return;
     }
     std::cout << "--- " << (compared.enabled ? profile : "firewall disabled") << '\n'
@@ -323,7 +323,7 @@ void diff(bool json) {
         printText(compared, comparison.differences());
         if (compared.refused > 0) {
             std::cerr << "tarnfw: this kernel refuses " << counted(compared.refused, "line")
-                      << " of the profile; \"tarnfw check --kernel\" tells which\n";
+                      << " of the profile; \"tarnfw check --kernel\" shows them\n";
         }
     }
     if (!comparison.differences().empty()) {
@@ -336,16 +336,15 @@ void diff(bool json) {
 void addDiffCommand(Command& app) {
     Command& command = app.subcommand(
         "diff",
-        "Compare what the kernel holds with what the active profile would put there, or with empty "
-        "chains while the firewall is disabled. Lines with - are missing in the kernel, lines with "
-        "+ are there and of no profile. Exit status 0 when both agree, 10 when not");
+        "Compare the kernel with what the active profile would put there, or with empty chains "
+        "while the firewall is disabled. Lines with - are missing in the kernel; lines with + are "
+        "in the kernel but not in the profile. Exit status 0 when both agree, else 10");
     const auto json = std::make_shared<bool>(false);
     addJsonFlag(command, *json);
     command.footer(
-        "The profile is loaded into a network namespace of its own, so that both sides are listed "
-        "by the kernel. Compared are the firewall's chains in their order, the policies of INPUT "
-        "and FORWARD, the jumps of the base filter, and in other chains whether the profile's "
-        "rules are there.");
+        "The profile is loaded into a separate network namespace, so that the kernel lists both "
+        "sides. This compares the firewall's chains in their order, the policies of INPUT and "
+        "FORWARD, the jumps of the base filter, and the profile's rules in other chains.");
     command.run([json] { diff(*json); });
 }
 

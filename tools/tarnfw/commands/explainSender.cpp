@@ -21,7 +21,7 @@
 namespace tarnfw {
 namespace {
 
-/// What decides on one adapter, protocol by protocol.
+/// The decisions on one adapter, protocol by protocol.
 struct AdapterDecisions {
     std::string adapter;
     std::vector<std::pair<FW::FW_PORT_PROTOCOL, Decision>> decisions;
@@ -65,8 +65,7 @@ AdapterDecisions decisionsOn(Decider& decider, const BlockedOptions& options,
         }
     }
     if (found.decisions.empty()) {
-        throw Error(ErrorKind::kSystem,
-                    "only tcp and udp have ports that an address can be asked for");
+        throw Error(ErrorKind::kSystem, "--from needs tcp or udp ports");
     }
     return found;
 }
@@ -123,7 +122,7 @@ void printDecisions(const Decider& decider, const std::vector<AdapterDecisions>&
         for (const auto& [protocol, decision] : adapter.decisions) {
             std::string reason = decider.reason(decision);
             for (const RulePlace& place : decision.unless) {
-                reason.append("; unless this fits: ").append(placeText(decider, place));
+                reason.append("; unless this matches: ").append(placeText(decider, place));
             }
             const FW::FW_POLICY verdict =
                 decision.denied ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW;
@@ -146,7 +145,8 @@ void explainSender(const BlockedOptions& options) {
     }
     if (options.adapter == FW::FW_ADAPTER_GLOBAL) {
         throw UsageError(
-            "--adapter: no packet comes in by \"global\"; name another one, or none for all");
+            "--adapter: no packet comes in through \"global\"; name another adapter, or none for "
+            "all");
     }
     const std::vector<FW::PortCompareST> questions = questionsOf(options);
     const Context context(StoreSession::Access::kRead);

@@ -27,7 +27,7 @@ struct Options {
     bool partial = false;
 };
 
-/// Refuses a store of which an export would not hold everything: it is somebody's backup.
+/// Throws Error if an export would not be complete: it may be somebody's only backup.
 void requireWhole(const StoreSnapshot& store) {
     if (!store.unreadable().empty()) {
         throw Error(ErrorKind::kSystem, store.unreadableText() + "; --partial exports the rest");
@@ -35,10 +35,9 @@ void requireWhole(const StoreSnapshot& store) {
     const std::vector<std::string> names = store.requireProfiles();
     const std::string active = store.activeProfile();
     if (std::find(names.begin(), names.end(), active) == names.end()) {
-        throw Error(ErrorKind::kSystem,
-                    "the active profile \"" + printable(active) +
-                        "\" is not there, and no import takes an export without it; --partial "
-                        "exports the rest");
+        throw Error(ErrorKind::kSystem, "the active profile \"" + printable(active) +
+                                            "\" does not exist, and an export without it cannot be "
+                                            "imported; --partial exports the rest");
     }
 }
 
@@ -47,7 +46,7 @@ void exportAll(const Options& options) {
     const bool toFile = !options.path.empty() && options.path != kStandardInput;
     if (toFile && !options.force && TLIBCFileExist(options.path.c_str()) == 1) {
         throw Error(ErrorKind::kSystem,
-                    printable(options.path) + " is there already; --force replaces it");
+                    printable(options.path) + " already exists; --force replaces it");
     }
     // Under the lock, so that the export is of no change that is half made.
     const Context context(StoreSession::Access::kChange);
@@ -63,8 +62,8 @@ void exportAll(const Options& options) {
     }
     writeFileAtomically(options.path, text, kFileMode,
                         options.force ? Existing::kReplaced : Existing::kKept);
-    std::cout << counted(document[kConfigProfiles].size(), "profile") << " and the settings are in "
-              << printable(options.path) << '\n';
+    std::cout << counted(document[kConfigProfiles].size(), "profile")
+              << " and the settings written to " << printable(options.path) << '\n';
 }
 
 }  // namespace
@@ -73,10 +72,10 @@ void addExportCommand(Command& app) {
     Command& command =
         app.subcommand("export", "Write all profiles and the settings into one JSON document");
     const auto options = std::make_shared<Options>();
-    command.option("FILE", options->path, "Where to write it; to standard output when left out");
-    command.flag("--force", options->force, "Replace a file that is there already");
+    command.option("FILE", options->path, "The file to write; by default standard output");
+    command.flag("--force", options->force, "Replace an existing file");
     command.flag("--partial", options->partial,
-                 "Export what can be read, though it is not all, or lacks the active profile");
+                 "Export what can be read, even if profiles or the active one are missing");
     command.run([options] { exportAll(*options); });
 }
 

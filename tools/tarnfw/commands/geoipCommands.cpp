@@ -98,7 +98,7 @@ struct ShowOptions {
     bool json = false;
 };
 
-/// The country as the database spells it. Refuses one without data.
+/// The country as the database spells it. Throws Error for one without data.
 std::string knownCountry(const std::string& wanted) {
     const std::vector<std::string> codes = countries();
     for (const std::string& code : {wanted, boost::to_upper_copy(wanted)}) {
@@ -107,9 +107,9 @@ std::string knownCountry(const std::string& wanted) {
         }
     }
     throw Error(ErrorKind::kNotFound,
-                "there are no data of a country " + inQuotes(wanted) +
+                "there are no data for country " + inQuotes(wanted) +
                     didYouMean(nearestCode(boost::to_upper_copy(wanted), codes)) +
-                    "; \"tarnfw geoip list\" tells which there are");
+                    "; see \"tarnfw geoip list\"");
 }
 
 void show(const ShowOptions& options) {
@@ -144,7 +144,7 @@ struct CheckOptions {
     bool json = false;
 };
 
-/// A range that an address is in, and whose it is.
+/// A range that contains the address, and its country.
 struct Match {
     std::string country;
     AddressRange range;
@@ -198,25 +198,25 @@ void check(const CheckOptions& options) {
 
 void addList(Command& group) {
     Command& command =
-        group.subcommand("list", "The countries with data, and how many ranges they have");
+        group.subcommand("list", "List the countries with data, and how many ranges they have");
     const auto json = std::make_shared<bool>(false);
     addJsonFlag(command, *json);
     command.run([json] { list(*json); });
 }
 
 void addShow(Command& group) {
-    Command& command = group.subcommand("show", "The address ranges of a country");
+    Command& command = group.subcommand("show", "Print the address ranges of a country");
     const auto options = std::make_shared<ShowOptions>();
     command.option("COUNTRY", options->country, "The code of a country, such as DE").required();
-    Option& v4 = command.flag("--v4", options->v4, "Only those of IPv4");
-    command.flag("--v6", options->v6, "Only those of IPv6").excludes(v4);
+    Option& v4 = command.flag("--v4", options->v4, "Only IPv4");
+    command.flag("--v6", options->v6, "Only IPv6").excludes(v4);
     addJsonFlag(command, options->json);
     command.run([options] { show(*options); });
 }
 
 void addCheck(Command& group) {
     Command& command = group.subcommand(
-        "check", "The country that an address is in. Exit status 1 when it is in none");
+        "check", "Show the country of an address. Exit status 1 when it is in none");
     const auto options = std::make_shared<CheckOptions>();
     command.option("ADDRESS", options->address, "An IPv4 or IPv6 address")
         .required()
@@ -230,8 +230,7 @@ void addCheck(Command& group) {
 }  // namespace
 
 void addGeoipCommands(Command& app) {
-    Command& geoip =
-        app.subcommand("geoip", "The country database, which rules for countries match by");
+    Command& geoip = app.subcommand("geoip", "The country database, used by rules for countries");
     addList(geoip);
     addShow(geoip);
     addCheck(geoip);

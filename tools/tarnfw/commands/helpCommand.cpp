@@ -37,7 +37,7 @@ bool printTopic(const std::string& name) {
     return false;
 }
 
-/// What there is instead of the last of `words`, behind those before it; a topic stands `alone`.
+/// Fails with the nearest name to the last of `words`; topics only if it is `alone`.
 [[noreturn]] void refuse(const Command& group, const Texts& words, bool alone) {
     Texts known = group.shownNames();
     if (alone) {
@@ -80,7 +80,7 @@ void help(const Command& tool, const Texts& words) {
 
 void addHelpCommand(Command& app) {
     Command& command = app.subcommand(
-        "help", "Explain a topic, or a command; without one, list commands and topics");
+        "help", "Explain a topic or a command; without one, list commands and topics");
     const auto words = std::make_shared<Texts>();
     command.option("TOPIC", *words, "A topic, or the words of a command").placeholder("");
     command.footer("Examples: tarnfw help first-steps, tarnfw help rule add");

@@ -1,4 +1,4 @@
-/// tarnfw import: replaces the whole configuration by an exported one.
+/// tarnfw import: replaces the whole configuration with an exported one.
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -36,8 +36,8 @@
 namespace tarnfw {
 namespace {
 
-// Beside the profile directory and not in it, where the library would read it. What is replaced
-// was perhaps not for everybody to see.
+// Not in the profile directory, where the library would read it. The replaced configuration may
+// be confidential.
 constexpr char kBackupDir[] = "/usr/tarn/etc/firewall.d.backup/";
 constexpr mode_t kBackupDirMode = 0700;
 constexpr mode_t kBackupFileMode = 0600;
@@ -52,7 +52,7 @@ struct Options {
 
 // ---- Checks -------------------------------------------------------------------------------------
 
-/// The name that a document goes by in findings.
+/// The name of a document in findings.
 std::string sourceOf(const std::string& path) {
     return path == kStandardInput ? "standard input" : path;
 }
@@ -63,7 +63,7 @@ void complain(const std::string& source, const std::vector<Finding>& findings) {
     }
 }
 
-/// Reads and checks the document. Says what is wrong with it, and refuses one with errors.
+/// Reads and checks the document. Prints its findings, and throws Error if it has errors.
 Json::Value checkedDocument(const Options& options) {
     const std::string source = sourceOf(options.path);
     Json::Value document;
@@ -84,15 +84,14 @@ Json::Value checkedDocument(const Options& options) {
     return document;
 }
 
-/// Refuses to write over what no backup would hold: files that are no profile or cannot be read.
+/// Throws Error before files are overwritten that a backup cannot hold: unreadable ones, and those
 void requireRoomFor(const Json::Value& document, const Json::Value& current) {
     for (const std::string& key : document[kConfigProfiles].getMemberNames()) {
         const std::string path = kProfileDir + key;
         if (!current[kConfigProfiles].isMember(key) && TLIBCFileExist(path.c_str()) == 1) {
-            throw Error(ErrorKind::kSystem,
-                        "nothing was imported: " + printable(path) +
-                            " would be replaced, and is no profile that a backup could keep; "
-                            "move it away first");
+            throw Error(ErrorKind::kSystem, "nothing was imported: " + printable(path) +
+                                                " would be replaced, but is not a profile that a "
+                                                "backup could hold; move it away first");
         }
     }
 }
@@ -113,7 +112,7 @@ std::string keepBackup(const Json::Value& current) {
     if (TARNFSMkdirP(kBackupDir, nullptr, 1, 0, 0, kBackupDirMode) < 0 ||
         chmod(kBackupDir, kBackupDirMode) != 0) {
         throw Error(ErrorKind::kSystem,
-                    std::string("nothing was imported: cannot make the directory ") + kBackupDir);
+                    std::string("nothing was imported: cannot create the directory ") + kBackupDir);
     }
     const std::string start = kBackupDir + timeText();
     std::string path = start + ".json";
@@ -125,55 +124,54 @@ std::string keepBackup(const Json::Value& current) {
     return path;
 }
 
-/// The command that brings a backup back.
+/// The command that restores a backup.
 std::string recovery(const std::string& path, const Json::Value& backup) {
     const bool whole = countErrors(checkExport(backup).profiles) == 0;
     return "tarnfw import " + std::string(whole ? "" : "--force ") + path;
 }
 
-/// The same for a configuration that is in force at once.
+/// The same, and applies it.
 std::string goingBack(const std::string& path, const Json::Value& backup) {
     return recovery(path, backup) + " --reload";
 }
 
 // ---- Replacing ----------------------------------------------------------------------------------
 
-/// Imports, and looks at what is there then: the library passes over a profile that it cannot
-/// write, and does not notice a full disk. Returns why it failed; empty when it did not.
-std::string faultOfReplacing(Context& context, const Json::Value& document) {
+/// Imports and verifies the result: the library skips a profile that it cannot
+/// write, and does not notice a full disk. Returns the error; empty on success.
+std::string errorOfReplacing(Context& context, const Json::Value& document) {
     try {
         if (!FW::TARNFW_JSON_DB().importConfig(document)) {
             return "the settings cannot be written";
         }
         context.session().refresh();
-        return context.store().configurationIs(document)
-                   ? ""
-                   : "not everything was written as it should be";
+        return context.store().configurationIs(document) ? ""
+                                                         : "not everything was written correctly";
     } catch (const std::exception& error) {
         return error.what();
     }
 }
 
-/// Replaces the configuration, or leaves the one that was there.
+/// Replaces the configuration, or restores the previous one.
 void replace(Context& context, const Json::Value& document, const Json::Value& current,
              const std::string& backup) {
-    const SignalsWait wait;  // between the first file deleted and the last written, none is whole
+    const SignalsWait wait;  // the store is incomplete until the last file is written
     StoreTransaction change(context.session());
-    const std::string fault = faultOfReplacing(context, document);
-    if (fault.empty()) {
+    const std::string error = errorOfReplacing(context, document);
+    if (error.empty()) {
         change.finish(/*refreshed=*/true);
         return;
     }
-    const std::string failed = "the import failed (" + fault + ")";
+    const std::string failed = "the import failed (" + error + ")";
     if (change.undo()) {
-        throw Error(ErrorKind::kSystem, failed + "; what was there before is back");
+        throw Error(ErrorKind::kSystem, failed + "; the previous configuration is restored");
     }
     throw Error(ErrorKind::kSystem,
-                failed + ", and so did putting back what was there before" +
+                failed + ", and so did restoring the previous configuration" +
                     (backup.empty() ? "" : "; \"" + recovery(backup, current) + "\" tries again"));
 }
 
-/// Applies what was imported. Where that fails, says how to go back.
+/// Applies the imported profile. If that fails, says how to restore the backup.
 void applyImported(Context& context, const std::string& goingBack) {
     try {
         reloadActive(context);
@@ -184,7 +182,7 @@ void applyImported(Context& context, const std::string& goingBack) {
     }
 }
 
-/// Says what the import means for the kernel, or does it with --reload.
+/// Applies the import with --reload, else says that the kernel is unchanged.
 void apply(Context& context, bool reload, bool wasEnabled, const std::string& goingBack) {
     const bool enabled = context.store().firewallEnabled();
     if (!enabled && wasEnabled) {
@@ -192,8 +190,8 @@ void apply(Context& context, bool reload, bool wasEnabled, const std::string& go
             disableFirewall(context);
         }
         std::cout << (reload ? "Firewall disabled\n"
-                             : "The firewall is now disabled in the settings; the kernel still has "
-                               "the old rules until \"tarnfw disable\"\n");
+                             : "The firewall is now disabled in the settings; the kernel keeps the "
+                               "old rules until \"tarnfw disable\"\n");
     } else if (reload) {
         context.session().unlock();
         applyImported(context, goingBack);
@@ -204,28 +202,27 @@ void apply(Context& context, bool reload, bool wasEnabled, const std::string& go
 
 // ---- The command --------------------------------------------------------------------------------
 
-/// Asks, unless the answer was given already.
+/// Asks, unless --yes was given.
 void requireConsent(const Options& options) {
     if (options.reload.yes) {
         return;
     }
     if (options.path == kStandardInput || isatty(STDIN_FILENO) != 1) {
-        throw Error(
-            ErrorKind::kNotFound,
-            "nothing was imported: there is no terminal to ask on; --yes goes on without asking");
+        throw Error(ErrorKind::kNotFound,
+                    "nothing was imported: there is no terminal to ask on; use --yes");
     }
     if (!confirmed("Replace the configuration?")) {
         throw Error(ErrorKind::kSystem, "nothing was imported");
     }
 }
 
-/// A setting as it will be: members that the document does not have stay.
+/// A setting after the import: members that the document does not have stay.
 Json::Value settingAfter(const char* key, const Json::Value& current, const Json::Value& document) {
     const Json::Value& imported = document[kConfigSettings];
     return imported.isMember(key) ? imported[key] : current[kConfigSettings][key];
 }
 
-/// For "--reload": asks when the profile that would be in force keeps out who is connected over
+/// For "--reload": asks if the new active profile would lock out the person who is connected over
 /// SSH.
 void requireWayBackIn(Context& context, const Options& options, const Json::Value& current,
                       const Json::Value& document) {
@@ -238,12 +235,12 @@ void requireWayBackIn(Context& context, const Options& options, const Json::Valu
         if (profile["name"] == name) {
             FW::FWPROFILE record;
             FW::TARNFW_JSON_DB().jsonToProfile(profile, record);
-            requireSshAccess(record, options.reload.yes, "Import and apply it all the same?");
+            requireSshAccess(record, options.reload.yes, "Import and apply it anyway?");
         }
     }
 }
 
-/// What applying needs to know of an import.
+/// What apply() needs to know about an import.
 struct Imported {
     bool wasEnabled;  ///< the firewall, before
     std::string goingBack;
@@ -261,7 +258,7 @@ std::optional<Imported> importInto(Context& context, const Json::Value& document
     }
     printPlan(plan);
     if (plan.changesNothing) {
-        std::cout << "Nothing changes\n";
+        std::cout << "Nothing to change\n";
         return std::nullopt;
     }
     if (options.dryRun) {
@@ -274,7 +271,7 @@ std::optional<Imported> importInto(Context& context, const Json::Value& document
     if (!current[kConfigProfiles].empty()) {
         backup = keepBackup(current);
         std::cout << "Backup: " << backup << " (\"" << recovery(backup, current)
-                  << "\" brings it back)" << std::endl;
+                  << "\" restores it)" << std::endl;
     }
     const bool wasEnabled = context.store().firewallEnabled();
     replace(context, document, current, backup);
@@ -296,23 +293,22 @@ void importAll(const Options& options) {
 }  // namespace
 
 void addImportCommand(Command& app) {
-    Command& command = app.subcommand(
-        "import",
-        "Replace all profiles and the settings by those of an exported document. It is checked "
-        "first, and what it replaces is kept in a file");
+    Command& command =
+        app.subcommand("import",
+                       "Replace all profiles and the settings with those of an exported document. "
+                       "It is checked first, and what it replaces is kept in a file");
     const auto options = std::make_shared<Options>();
     command.option("FILE", options->path, "The document; - for standard input").required();
-    Option& dryRun = command.flag("--dry-run", options->dryRun, "Only say what would change");
+    Option& dryRun = command.flag("--dry-run", options->dryRun, "Only show what would change");
     command.flag("--force", options->force,
-                 "Import profiles with errors, too: for a backup of such profiles. A document "
-                 "of a wrong shape is refused all the same");
+                 "Also import profiles with errors, for a backup of such profiles. A document of a "
+                 "wrong shape is always rejected");
     addReloadFlag(command, options->reload, "Do not ask");
     command.flag("--json", options->json, "With --dry-run: print one JSON document instead of text")
         .needs(dryRun);
     command.footer(
-        "Backups are in /usr/tarn/etc/firewall.d.backup/, named by date and time. When an import "
-        "was "
-        "interrupted and profiles are missing, import the newest of them.");
+        "Backups are in /usr/tarn/etc/firewall.d.backup/, named by date and time. If an import was "
+        "interrupted and profiles are missing, import the newest backup.");
     command.run([options] { importAll(*options); });
 }
 

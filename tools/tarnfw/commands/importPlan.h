@@ -1,4 +1,4 @@
-/// What an import would change.
+/// The changes of an import.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@
 
 namespace tarnfw {
 
-/// What becomes of a profile.
+/// The change of one profile.
 struct ProfileChange {
     std::string name;
     std::string file;    ///< its name in the store: the new one, or that of a removed profile
@@ -34,7 +34,7 @@ ImportPlan importPlan(const Json::Value& current, const Json::Value& document);
 /// Prints it as tables.
 void printPlan(const ImportPlan& plan);
 
-/// As the "--json" of an import has it: "changes", "profiles", "settings".
+/// The document of "--json": "changes", "profiles", "settings".
 Json::Value jsonOf(const ImportPlan& plan);
 
 }  // namespace tarnfw

@@ -1,4 +1,4 @@
-/// tarnfw adapters, services: what the machine has and what the catalogue offers.
+/// tarnfw adapters, services: the machine's interfaces and the service catalogue.
 #include <fnmatch.h>
 
 #include <algorithm>
@@ -29,12 +29,12 @@ namespace {
 
 // ---- adapters ----
 
-/// An adapter: what it is now, and what the active profile has for it.
+/// An adapter: its interface, and what the active profile has for it.
 struct Adapter {
     std::string name;
     bool present = false;
     std::optional<Interface> interface;
-    std::vector<std::string> meant;  ///< the interfaces of a predefined name
+    std::vector<std::string> meant;  ///< the interfaces of a predefined adapter
     std::optional<FW::FW_POLICY> policy;
     std::size_t rules = 0;
     std::size_t rulesOff = 0;
@@ -102,7 +102,7 @@ std::string nowText(const Adapter& adapter) {
         return isPredefined(adapter.name) ? "no interface now" : "absent";
     }
     if (!adapter.interface) {
-        return "stands for " + boost::join(adapter.meant, ", ");
+        return boost::join(adapter.meant, ", ");
     }
     const Interface& interface = *adapter.interface;
     return interface.running ? "up" : interface.up ? "up, not connected" : "down";
@@ -227,7 +227,7 @@ void services(const std::string& pattern, bool json) {
                 found.end());
     if (found.empty()) {
         throw Error(ErrorKind::kNotFound,
-                    "no service of the catalogue is like " + inQuotes(pattern));
+                    "no service of the catalogue matches " + inQuotes(pattern));
     }
     if (json) {
         Json::Value document;
@@ -250,12 +250,13 @@ void services(const std::string& pattern, bool json) {
 
 void addAdapters(Command& app) {
     Command& command = app.subcommand(
-        "adapters", "List the machine's adapters and what the active profile has for each");
+        "adapters",
+        "List the machine's interfaces and what the active profile has for each adapter");
     const auto json = std::make_shared<bool>(false);
     addJsonFlag(command, *json);
     command.footer(
-        "\"global\", \"pppoe\" and \"vpn\" are names of profiles for every adapter, the "
-        "PPPoE connection\nand the VPN connections.");
+        "The adapters \"global\", \"pppoe\" and \"vpn\" are every interface, the PPPoE connection "
+        "and the\nVPN connections.");
     command.run([json] { adapters(*json); });
 }
 
@@ -265,7 +266,7 @@ void addServices(Command& app) {
     const auto pattern = std::make_shared<std::string>();
     const auto json = std::make_shared<bool>(false);
     command.option("PATTERN", *pattern,
-                   "Only those with this in their name or title; may hold * and ?");
+                   "Only those with this in their name or title; may contain * and ?");
     addJsonFlag(command, *json);
     command.run([pattern, json] { services(*pattern, *json); });
 }

@@ -1,4 +1,4 @@
-/// tarnfw modules: the netfilter kernel modules, as services have them loaded.
+/// tarnfw modules: netfilter kernel modules, counted by service.
 #include <iostream>
 #include <memory>
 #include <string>
@@ -43,7 +43,7 @@ std::vector<std::string> moduleNames(bool nat) {
 /// The key of a service in the loader's record is a line of a file.
 void requireServiceName(const std::string& service) {
     if (service.empty() || service.find_first_of("=\n\t \"") != std::string::npos) {
-        throw UsageError(inQuotes(service) + " cannot be a service's name");
+        throw UsageError(inQuotes(service) + " is not a valid service name");
     }
 }
 
@@ -62,7 +62,7 @@ void unload(const ModulesOptions& options) {
     requireRoot();
     requireServiceName(options.service);
     if (!Modules::isModuleLoad(options.service)) {
-        // Without its "yes" the service has no share in any module: unloading would take another's.
+        // Without its "yes" the service has loaded no module: unloading would release another's.
         throw Error(ErrorKind::kNotFound, "no modules are loaded for " + inQuotes(options.service));
     }
     if (!(options.nat ? Modules::iptablesNATModUnload(options.service)
@@ -93,14 +93,14 @@ void status(const ModulesOptions& options) {
               << printable(options.service) << "\"\n";
 }
 
-/// One subcommand of the group, with the service that it is about.
+/// One subcommand of the group, for a service.
 Command& addCommand(Command& group, const char* name, const char* summary,
                     const std::shared_ptr<ModulesOptions>& options,
                     void (*run)(const ModulesOptions&)) {
     Command& command = group.subcommand(name, summary);
     command
         .option("SERVICE", options->service,
-                "Under which name the modules are counted; the firewall's own is \"firewall\"")
+                "The name under which the modules are counted; the firewall's own is \"firewall\"")
         .showDefault();
     command.run([options, run] { run(*options); });
     return command;
@@ -118,7 +118,7 @@ void addModulesCommands(Command& app) {
     Command& group = app.subcommand(
         "modules",
         "The kernel modules of the packet filter, counted by the services that use them");
-    constexpr char kNatHelp[] = "The modules for address translation as well";
+    constexpr char kNatHelp[] = "Also the modules for address translation";
 
     auto options = freshOptions();
     addCommand(group, "load", "Load the modules for a service", options, load)
@@ -128,8 +128,8 @@ void addModulesCommands(Command& app) {
                unload)
         .flag("--nat", options->nat, kNatHelp);
     options = freshOptions();
-    addJsonFlag(addCommand(group, "status", "Say whether a service has its modules loaded", options,
-                           status),
+    addJsonFlag(addCommand(group, "status", "Show whether a service has its modules loaded",
+                           options, status),
                 options->json);
 }
 

@@ -53,7 +53,7 @@ void printLines(const std::string& tool, const Json::Value& lines) {
     }
 }
 
-/// Prints one family in the order of running: "global" first.
+/// Prints one family in the order in which the lines run: "global" first.
 void printFamily(const std::string& tool, const Json::Value& family) {
     printLines(tool, family[FW::FW_ADAPTER_GLOBAL]);
     for (const std::string& adapter : family.getMemberNames()) {
@@ -63,8 +63,8 @@ void printFamily(const std::string& tool, const Json::Value& family) {
     }
 }
 
-/// What the restoring tools read: all of it or, where one family cannot be written, none. The lines
-/// are not made printable, so that they can be used.
+/// The text for the restore tools; nothing if one family cannot be written. The lines
+/// are printed unchanged, so that they can be used.
 std::string restoreTexts(const Json::Value& commands, const std::vector<std::string>& families) {
     std::string texts;
     for (const std::string& family : families) {
@@ -73,7 +73,7 @@ std::string restoreTexts(const Json::Value& commands, const std::vector<std::str
             throw Error(ErrorKind::kSystem,
                         "the " + titleOf(family) + " rules cannot be written for iptables-restore");
         }
-        // Without the option the tool would empty the tables, the base filter included.
+        // Without the option the tool would empty the tables, including the base filter.
         texts.append("# ").append(titleOf(family)).append(", for ").append(programOf(family));
         texts.append("-restore --noflush\n").append(text);
     }
@@ -110,9 +110,10 @@ void preview(const Options& options) {
 
 void addPreviewCommand(Command& app) {
     Command& command = app.subcommand(
-        "preview", "Print the command lines of a profile, in the order of running; change nothing");
+        "preview",
+        "Print the command lines of a profile, in the order in which they run; change nothing");
     const auto options = std::make_shared<Options>();
-    command.option("PROFILE", options->profile, "The profile; the active one when left out");
+    command.option("PROFILE", options->profile, "The profile; by default the active one");
     Option& format =
         command
             .option("--format", options->format,

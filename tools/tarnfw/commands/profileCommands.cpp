@@ -24,7 +24,7 @@ namespace {
 
 // ---- list ----
 
-/// A profile's entry. One that cannot be read is listed as well: its name is taken.
+/// A profile's entry. An unreadable profile is also listed: its name is taken.
 Json::Value entryOf(const StoreSnapshot& store, const std::string& name) {
     Json::Value entry;
     entry["name"] = name;
@@ -74,8 +74,7 @@ FW::FWPROFILE profileFrom(const std::string& path, const std::string& name) {
     const bool valid = document.check();
     warn(path, document.findings());
     if (!valid) {
-        throw Error(ErrorKind::kInvalid,
-                    printable(path) + " does not check: no profile was created");
+        throw Error(ErrorKind::kInvalid, printable(path) + " is invalid: no profile was created");
     }
     return document.profile();
 }
@@ -112,7 +111,7 @@ void rename(const std::string& oldName, const std::string& newName) {
             [&] { return FW::TARNFW_PROFILE().profileRename(oldName, newName); })) {
         throw Error(ErrorKind::kSystem, "profile " + inQuotes(oldName) + " cannot be renamed");
     }
-    std::cout << "Profile " << inQuotes(oldName) << " is called " << inQuotes(newName) << " now\n";
+    std::cout << "Profile " << inQuotes(oldName) << " renamed to " << inQuotes(newName) << "\n";
 }
 
 void remove(const std::string& name) {
@@ -127,7 +126,7 @@ void remove(const std::string& name) {
     const bool deleted = FW::TARNFW_PROFILE().profileDelete(name);
     context.session().refresh();
     if (!deleted || context.store().hasProfile(name)) {
-        throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) + " is still there: " +
+        throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) + " still exists: " +
                                             printable(context.store().pathOf(name)));
     }
     std::cout << "Profile " << inQuotes(name) << " deleted\n";
@@ -142,7 +141,7 @@ void setActive(Context& context, const std::string& name) {
     }
 }
 
-/// Applies the new active profile; where that fails, the one before is the active one again, or
+/// Applies the new active profile; if that fails, makes the previous one active again, or
 /// every later reload would fail.
 void reloadOrGoBack(Context& context, const std::string& name, const std::string& before) {
     try {
@@ -169,7 +168,7 @@ void use(const std::string& name, const ReloadOptions& reload) {
     const std::string before = context.store().activeProfile();
     setActive(context, name);
     context.session().unlock();
-    std::cout << "Profile " << inQuotes(name) << " is the active one now\n";
+    std::cout << "Profile " << inQuotes(name) << " is now the active one\n";
     if (reload.wanted && context.store().firewallEnabled()) {
         reloadOrGoBack(context, name, before);
     } else {
@@ -180,7 +179,7 @@ void use(const std::string& name, const ReloadOptions& reload) {
 // ---- Options ----
 
 void addList(Command& group) {
-    Command& command = group.subcommand("list", "Name the profiles; the active one has a star");
+    Command& command = group.subcommand("list", "List the profiles; the active one has a star");
     const auto json = std::make_shared<bool>(false);
     addJsonFlag(command, *json);
     command.run([json] { list(*json); });
@@ -196,12 +195,12 @@ void addCreate(Command& group) {
         std::string source;
     };
     Command& command =
-        group.subcommand("create", "Make a profile; without rules it allows everything");
+        group.subcommand("create", "Create a profile; without rules it allows everything");
     const auto values = std::make_shared<Values>();
     addName(command, values->name, "NAME", "Its name");
     command
         .option("--from", values->source,
-                "A profile's document to make it from; \"profile show --json\" prints one")
+                "The document to create it from; \"profile show --json\" prints one")
         .placeholder("FILE");
     command.run([values] { create(values->name, values->source); });
 }
@@ -221,7 +220,7 @@ void addForTwoNames(Command& group, const char* name, const char* help, TwoNames
 }
 
 void addDelete(Command& group) {
-    Command& command = group.subcommand("delete", "Delete a profile; the active one stays");
+    Command& command = group.subcommand("delete", "Delete a profile; not the active one");
     const auto name = std::make_shared<std::string>();
     addName(command, *name, "NAME", "The profile");
     command.run([name] { remove(*name); });
@@ -246,8 +245,8 @@ void addProfileCommands(Command& app) {
     addList(profile);
     addProfileShowCommand(profile);
     addCreate(profile);
-    addForTwoNames(profile, "copy", "Make a profile with the rules of another", copy);
-    addForTwoNames(profile, "rename", "Give a profile another name", rename);
+    addForTwoNames(profile, "copy", "Create a profile with the rules of another", copy);
+    addForTwoNames(profile, "rename", "Rename a profile", rename);
     addDelete(profile);
     addUse(profile);
     addProfileEditCommand(profile);

@@ -17,7 +17,7 @@
 namespace tarnfw {
 namespace {
 
-/// Ends the command without storing what was typed.
+/// Ends the command without storing the text.
 [[noreturn]] void keep(const PrivateText& text, const std::string& why, ErrorKind kind) {
     throw Error(kind, why + "; nothing was stored, the text is kept in " + text.path());
 }
@@ -32,7 +32,7 @@ bool editAgain(const PrivateText& text) {
            (answer.empty() || answer[0] == 'y' || answer[0] == 'Y');
 }
 
-/// One visit to the editor; nothing when the text is still `original`.
+/// Edits the text once; nothing if it is still `original`.
 std::optional<ProfileDocument> edited(const PrivateText& text, const std::string& original,
                                       const std::string& name) {
     const std::string failure = runEditor(text.path());
@@ -52,7 +52,7 @@ std::optional<ProfileDocument> edited(const PrivateText& text, const std::string
     return document;
 }
 
-/// Stores the document in the place of the one that was `original`.
+/// Replaces the document, if it is still `original`.
 void store(Context& context, const ProfileDocument& document, const std::string& original) {
     const std::string& name = document.profile().name;
     if (!context.store().hasProfile(name)) {
@@ -60,12 +60,12 @@ void store(Context& context, const ProfileDocument& document, const std::string&
     }
     if (context.store().textOf(name) != original) {
         throw Error(ErrorKind::kSystem,
-                    "profile " + inQuotes(name) + " was changed by somebody else meanwhile");
+                    "profile " + inQuotes(name) + " was changed by another program meanwhile");
     }
     context.session().storeProfile(document.profile());
 }
 
-/// Visits to the editor until the document checks; nothing when the text is left as it was.
+/// Edits until the document is valid; nothing if the text was not changed.
 std::optional<ProfileDocument> validDocument(const PrivateText& text, const std::string& original,
                                              const std::string& name) {
     for (;;) {
@@ -79,7 +79,7 @@ std::optional<ProfileDocument> validDocument(const PrivateText& text, const std:
             return document;
         }
         if (!editAgain(text)) {
-            keep(text, "profile " + inQuotes(name) + " does not check", ErrorKind::kInvalid);
+            keep(text, "profile " + inQuotes(name) + " is invalid", ErrorKind::kInvalid);
         }
     }
 }
@@ -98,13 +98,12 @@ std::unique_ptr<Context> stored(const ProfileDocument& document, const std::stri
     }
 }
 
-/// Refuses to start an editor that would find no terminal. One that was chosen may need none.
+/// Throws Error for a default editor without a terminal. A chosen editor may need none.
 void requireEditable() {
     if (isatty(STDIN_FILENO) != 1 && chosenEditor().empty()) {
-        throw Error(
-            ErrorKind::kNotFound,
-            "there is no terminal to edit on; \"tarnfw profile create NEW --from FILE\" takes a "
-            "document, and EDITOR names an editor that needs none");
+        throw Error(ErrorKind::kNotFound,
+                    "there is no terminal to edit on; use \"tarnfw profile create NEW --from "
+                    "FILE\", or an EDITOR that needs no terminal");
     }
 }
 
@@ -140,10 +139,9 @@ void addProfileEditCommand(Command& group) {
         ReloadOptions reload;
     };
     Command& command =
-        group.subcommand("edit", "Edit a profile's document; what does not check is not stored");
+        group.subcommand("edit", "Edit a profile's document; an invalid document is not stored");
     const auto values = std::make_shared<Values>();
-    command.option("NAME", values->name, "The profile; the active one when left out")
-        .placeholder("");
+    command.option("NAME", values->name, "The profile; by default the active one").placeholder("");
     addReloadFlag(command, values->reload);
     command.footer("The editor is $VISUAL, $EDITOR, \"editor\" or \"vi\".");
     command.run([values] { edit(values->name, values->reload); });

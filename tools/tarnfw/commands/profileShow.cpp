@@ -25,7 +25,7 @@ bool isGlobal(const std::string& adapter) {
     return adapter == FW::FW_ADAPTER_GLOBAL;
 }
 
-/// What is special about a rule, then its name and its labels.
+/// A rule's flags, then its name and its labels.
 std::string notesOf(const FW::FWRULE& rule) {
     std::vector<std::string> notes;
     const auto addIf = [&](bool holds, const char* note) {
@@ -70,9 +70,9 @@ void printAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
     }
     const auto policy = profile.adapterPolicyMap.find(adapter);
     if (isGlobal(adapter)) {
-        std::cout << "  otherwise: as the adapter says\n";
+        std::cout << "  default policy: none (the adapters decide)\n";
     } else if (policy != profile.adapterPolicyMap.end()) {
-        std::cout << "  otherwise: "
+        std::cout << "  default policy: "
                   << painted(policyText(policy->second), policyPaint(policy->second)) << '\n';
     }
 }
@@ -90,7 +90,7 @@ void show(const std::string& name, bool json) {
     }
     std::cout << "Profile " << printable(profile.name) << (active ? " (active)" : "") << '\n';
     std::vector<std::string> adapters = adaptersOf(profile);
-    // As packets meet them.
+    // In the order in which packets pass them.
     (void)std::stable_partition(adapters.begin(), adapters.end(), isGlobal);
     for (const std::string& adapter : adapters) {
         printAdapter(profile, adapter);
@@ -106,8 +106,7 @@ void addProfileShowCommand(Command& group) {
     };
     Command& command = group.subcommand("show", "Print a profile's rules in plain words");
     const auto values = std::make_shared<Values>();
-    command.option("NAME", values->name, "The profile; the active one when left out")
-        .placeholder("");
+    command.option("NAME", values->name, "The profile; by default the active one").placeholder("");
     addJsonFlag(command, values->json);
     command.run([values] { show(values->name, values->json); });
 }

@@ -28,20 +28,20 @@ namespace {
 using Rules = std::vector<FW::FWRULE>;
 using Texts = std::vector<std::string>;
 
-constexpr int kMaxPosition = 1'000'000;  // no list is that long
+constexpr int kMaxPosition = 1'000'000;  // longer than any list
 
 constexpr char kWordsHelp[] =
     "The words of a rule:\n"
     "  allow|deny [WHAT] [from|to ADDRESS]\n"
     "  WHAT     service NAME[,NAME...], tcp|udp|tcp/udp [PORT[,PORT...]], icmp, igmp,\n"
-    "           or any, which is meant when it is left out\n"
+    "           or any, the default\n"
     "  ADDRESS  192.168.1.20, 192.168.1.0/24, 10.0.0.5-10.0.0.9, country CN,RU,\n"
-    "           or anywhere, which is meant when it is left out\n"
+    "           or anywhere, the default\n"
     "Examples:\n";
 
 constexpr char kReservedHelp[] =
-    "Rules that hold services which the system has reserved stay at the head of an adapter's "
-    "list and are the system's: a position ahead of them counts as the first one behind them.";
+    "Reserved service rules stay at the head of an adapter's list and cannot be changed: a "
+    "position before them counts as the first one after them.";
 
 /// The list that a command changes.
 struct Target {
@@ -60,7 +60,7 @@ struct RuleCommand {
 
 // ---- Reserved rules ----
 
-/// How many rules at the head of the list are the system's.
+/// How many rules at the head of the list are reserved.
 std::size_t reservedAtHead(const Rules& rules) {
     return static_cast<std::size_t>(std::distance(
         rules.begin(), std::find_if_not(rules.begin(), rules.end(), FW::fwRuleIsReserved)));
@@ -76,18 +76,18 @@ void requirePosition(const Rules& rules, std::size_t position, const Target& tar
     }
 }
 
-/// Refuses to change a rule that is the system's.
+/// Throws Error for a reserved rule.
 void requireOwn(const Rules& rules, std::size_t position, const Target& target) {
     requirePosition(rules, position, target);
     if (FW::fwRuleIsReserved(rules[position - 1])) {
-        throw Error(ErrorKind::kSystem,
-                    "rule " + std::to_string(position) + " of " + printable(target.adapter) +
-                        " holds services that the system has reserved; \"tarnfw service "
-                        "release\" takes one out");
+        throw Error(
+            ErrorKind::kSystem,
+            "rule " + std::to_string(position) + " of " + printable(target.adapter) +
+                " is a reserved service rule; \"tarnfw service release\" removes a service");
     }
 }
 
-/// Where a rule goes that is wanted at `position` of `rules`.
+/// The index for a rule that is to be at `position` of `rules`.
 std::size_t freePosition(const Rules& rules, std::size_t position, const Target& target) {
     if (position < 1 || position > rules.size() + 1) {
         throw Error(ErrorKind::kNotFound, "there is no position " + std::to_string(position) +
@@ -107,7 +107,7 @@ void eraseAt(Rules& rules, std::size_t position) {
 
 // ---- Changing a list ----
 
-/// The rule as it now stands.
+/// The rule in words, with its place.
 std::string standing(const Rules& rules, std::size_t position, const Target& target) {
     return std::string("Rule ")
         .append(std::to_string(position))
@@ -117,10 +117,10 @@ std::string standing(const Rules& rules, std::size_t position, const Target& tar
         .append(ruleText(rules[position - 1]));
 }
 
-/// What a change has done to a list.
+/// The result of a change.
 struct Outcome {
-    Texts said;                             ///< what to say when it is stored
-    std::vector<std::size_t> changed = {};  ///< positions of rules that are new or newly in use
+    Texts said;                             ///< what to print when it is stored
+    std::vector<std::size_t> changed = {};  ///< positions of rules that are new or were switched on
 };
 
 Outcome changedAt(const Rules& rules, std::size_t position, const Target& target) {
@@ -158,8 +158,8 @@ void print(const Texts& warnings) {
     }
 }
 
-/// Reads the profile, lets `change` alter the adapter's list, and stores it. What is thrown on the
-/// way leaves the profile as it is.
+/// Reads the profile, lets `change` alter the adapter's list, and stores it. An exception
+/// leaves the profile unchanged.
 void changeRules(Context& context, const Target& target,
                  const std::function<Outcome(Rules&)>& change) {
     requireReloadable(context, target.reload);
@@ -246,7 +246,7 @@ void remove(const Target& target, const std::vector<std::size_t>& positions) {
             outcome.said.push_back(
                 std::string("Deleted: ").append(standing(rules, position, target)));
         }
-        // From the end: the positions ahead of a rule stay as they are.
+        // From the end, so that the other positions stay the same.
         std::for_each(ascending.rbegin(), ascending.rend(),
                       [&](std::size_t position) { eraseAt(rules, position); });
         return outcome;
@@ -275,10 +275,9 @@ void switchRules(const Target& target, const std::vector<std::size_t>& positions
 void setPolicy(const Target& target, const std::string& word) {
     requireRoot();
     if (target.adapter == FW::FW_ADAPTER_GLOBAL) {
-        throw Error(
-            ErrorKind::kSystem,
-            "\"global\" has no default policy: what its rules leave is decided by those of the "
-            "adapters; a last rule \"deny any\" decides for all of them");
+        throw Error(ErrorKind::kSystem,
+                    "\"global\" has no default policy, because the adapters' rules come after its "
+                    "own; a last rule \"deny any\" decides for all adapters");
     }
     Context context(StoreSession::Access::kChange);
     requireReloadable(context, target.reload);
@@ -301,11 +300,11 @@ void setPolicy(const Target& target, const std::string& word) {
 void addTarget(Command& command, Target& target) {
     command
         .option("--adapter", target.adapter,
-                "The adapter whose rules these are: an interface, or \"global\", \"pppoe\", "
+                "The adapter: an interface, or \"global\", \"pppoe\", "
                 "\"vpn\"")
         .placeholder("NAME")
         .required();
-    command.option("--profile", target.profile, "The profile; the active one when left out")
+    command.option("--profile", target.profile, "The profile; by default the active one")
         .placeholder("NAME");
     addReloadFlag(command, target.reload);
 }
@@ -315,9 +314,9 @@ void addRuleOptions(Command& command, RuleOptions& options) {
     command.flag("--v6", options.v6, "For IPv6 only").excludes(v4);
     command.flag("--source-port", options.sourcePort, "The ports are the sender's");
     command.flag("--out", options.out,
-                 "For packets that the machine forwards out through the adapter; what it sends "
-                 "itself is not filtered");
-    command.flag("--log", options.log, "Log matching packets as well");
+                 "For packets forwarded out through the adapter; packets that the machine itself "
+                 "sends are not filtered");
+    command.flag("--log", options.log, "Also log matching packets");
     command.flag("--disabled", options.disabled, "Store the rule switched off");
     command.option("--name", options.name, "A name for the rule").placeholder("TEXT");
     command.option("--label", options.labels, "A label; may be given more than once")
@@ -331,7 +330,7 @@ Option& addPosition(Command& command, const char* name, std::size_t& position, c
 
 using RuleRun = void (*)(const RuleCommand&);
 
-/// A command that takes a whole rule; with a position when `positionHelp` is given.
+/// A command that takes a rule; with a position if `positionHelp` is given.
 void addRuleWriter(Command& group, const char* name, const char* help, const char* positionHelp,
                    const std::string& examples, RuleRun run) {
     Command& command = group.subcommand(name, help);
@@ -354,8 +353,8 @@ void addMove(Command& group) {
     };
     Command& command = group.subcommand("move", "Move a rule to another position");
     const auto values = std::make_shared<Values>();
-    addPosition(command, "FROM", values->from, "Its position now");
-    addPosition(command, "TO", values->to, "Its position then");
+    addPosition(command, "FROM", values->from, "Its present position");
+    addPosition(command, "TO", values->to, "Its new position");
     addTarget(command, values->target);
     command.footer(kReservedHelp);
     command.run([values] { move(values->target, values->from, values->to); });
@@ -370,7 +369,7 @@ void addForPositions(Command& group, const char* name, const char* help, const P
     };
     Command& command = group.subcommand(name, help);
     const auto values = std::make_shared<Values>();
-    command.option("POSITION", values->positions, "Positions as \"profile show\" counts them")
+    command.option("POSITION", values->positions, "Positions, as \"profile show\" prints them")
         .placeholder("")
         .required()
         .range(0, kMaxPosition);
@@ -384,14 +383,14 @@ void addPolicyCommand(Command& app) {
         std::string policy;
     };
     Command& command = app.subcommand(
-        "policy", "Say what becomes of packets of an adapter that no rule decides about");
+        "policy", "Set the default policy of an adapter, for packets that no rule matches");
     const auto values = std::make_shared<Values>();
     command.option("ADAPTER", values->target.adapter, "The adapter").placeholder("").required();
-    command.option("POLICY", values->policy, "allow, deny, or none: no default")
+    command.option("POLICY", values->policy, "allow, deny or none")
         .placeholder("")
         .required()
         .choices({"allow", "deny", "none"});
-    command.option("--profile", values->target.profile, "The profile; the active one when left out")
+    command.option("--profile", values->target.profile, "The profile; by default the active one")
         .placeholder("NAME");
     addReloadFlag(command, values->target.reload);
     command.footer("Example: tarnfw policy eth0 deny");
@@ -403,21 +402,22 @@ void addPolicyCommand(Command& app) {
 void addRuleCommands(Command& app) {
     Command& rule = app.subcommand("rule", "Change the rules of a profile");
     rule.footer(kReservedHelp);
-    addRuleWriter(rule, "add", "Add a rule behind the adapter's others", nullptr,
+    addRuleWriter(rule, "add", "Add a rule after the adapter's others", nullptr,
                   "  tarnfw rule add --adapter eth0 allow tcp 22,80,6000-6010 from 192.168.1.0/24\n"
                   "  tarnfw rule add --adapter eth0 allow service smb from 10.0.0.5-10.0.0.9\n"
                   "  tarnfw rule add --adapter global deny from country CN,RU --log --name abroad",
                   add);
-    addRuleWriter(rule, "insert", "Put a rule in at a position; those from there on move back",
+    addRuleWriter(rule, "insert", "Insert a rule at a position, before the rule that is there now",
                   "Its position, from 1",
                   std::string("  tarnfw rule insert 1 --adapter eth0 deny from 203.0.113.9\n") +
                       kReservedHelp,
                   insert);
-    addRuleWriter(rule, "set", "Put a whole new rule in the place of another",
-                  "The position of the other one",
+    addRuleWriter(rule, "set", "Replace a rule with a new one",
+                  "The position of the rule to replace",
                   "  tarnfw rule set 3 --adapter eth0 allow udp 53 from 10.0.0.0/8", set);
     addMove(rule);
-    addForPositions(rule, "delete", "Delete rules; the positions are those before", remove);
+    addForPositions(rule, "delete",
+                    "Delete rules; the positions are those before the first deletion", remove);
     addForPositions(rule, "on", "Switch rules on",
                     [](const Target& target, const std::vector<std::size_t>& positions) {
                         switchRules(target, positions, true);

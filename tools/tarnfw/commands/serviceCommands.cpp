@@ -30,7 +30,7 @@ namespace {
 
 using Profiles = std::map<std::string, FW::FWPROFILE>;
 
-// ---- What every one of these commands does ----
+// ---- Common to these commands ----
 
 Profiles allProfiles(const StoreSnapshot& store) {
     if (store.profileNames().empty()) {
@@ -40,7 +40,7 @@ Profiles allProfiles(const StoreSnapshot& store) {
     try {
         return store.profiles();
     } catch (const Error&) {
-        throw Error(ErrorKind::kSystem, "the profiles cannot be read: nothing was changed");
+        throw Error(ErrorKind::kSystem, "the profiles cannot be read; nothing was changed");
     }
 }
 
@@ -50,7 +50,7 @@ Json::Value documentOf(const FW::FWPROFILE& profile) {
     return document;
 }
 
-/// The names of the profiles that are not as they were, without test profiles.
+/// The names of the changed profiles, without test profiles.
 std::vector<std::string> changedSince(const StoreSnapshot& store, const Profiles& before) {
     std::vector<std::string> changed;
     for (const auto& [name, profile] : allProfiles(store)) {
@@ -63,8 +63,8 @@ std::vector<std::string> changedSince(const StoreSnapshot& store, const Profiles
     return changed;
 }
 
-/// Runs a change of all profiles and says what came of it: `done`, the profiles that changed, and
-/// whether the kernel knows.
+/// Runs a change of all profiles and prints the result: `done`, the profiles that changed, and
+/// whether it was applied.
 template <typename Change>
 void changeAll(Context& context, const std::string& done, const ReloadOptions& reload,
                const Profiles& before, Change change) {
@@ -76,7 +76,7 @@ void changeAll(Context& context, const std::string& done, const ReloadOptions& r
     }
     const std::vector<std::string> changed = changedSince(context.store(), before);
     std::cout << printable(done) << " ("
-              << (changed.empty() ? "no profile had to change"
+              << (changed.empty() ? "no profile changed"
                                   : "changed: " + printable(boost::join(changed, ", ")))
               << ")\n";
     const bool activeChanged =
@@ -137,11 +137,11 @@ void release(const std::string& service, const ReloadOptions& reload) {
     Context context(StoreSession::Access::kChange);
     requireReloadable(context, reload);
     const Profiles before = allProfiles(context.store());
-    // Rules may name a service that the catalogue has lost: it can still be taken out of them.
+    // A service that is no longer in the catalogue can still be removed from rules.
     if (!isNamed(before, service)) {
         (void)requireCatalogue().require(service);
     }
-    changeAll(context, "Service " + service + " is in no rule", reload, before,
+    changeAll(context, "Service " + service + " removed from all rules", reload, before,
               [&] { return FW::TARNFW_PROFILE().profileRemoveServ(service); });
 }
 
@@ -150,7 +150,7 @@ void update(const ReloadOptions& reload) {
     requireReloadable(context, reload);
     const Profiles before = allProfiles(context.store());
     (void)requireCatalogue();
-    changeAll(context, "Rules follow the service catalogue", reload, before,
+    changeAll(context, "Rules updated from the service catalogue", reload, before,
               [] { return FW::TARNFW().fwUpdate(); });
 }
 
@@ -161,12 +161,11 @@ void requireRenamable(const std::string& from, const std::string& to, const Prof
         throw Error(ErrorKind::kUnusable, "both names are " + inQuotes(from));
     }
     if (from == FW::FW_ADAPTER_GLOBAL || to == FW::FW_ADAPTER_GLOBAL) {
-        throw Error(ErrorKind::kUnusable,
-                    "\"global\" stands for every adapter; its rules cannot be moved");
+        throw Error(ErrorKind::kUnusable, "\"global\" is every adapter; its rules cannot be moved");
     }
     if (to == FW::FW_PPPOE_INTERFACE) {
         throw Error(ErrorKind::kUnusable,
-                    "rules for \"ppp0\" have no effect; \"pppoe\" is its name");
+                    "rules of \"ppp0\" are never applied; use \"pppoe\" for that connection");
     }
     if (!isAdapterName(to)) {
         throw Error(ErrorKind::kUnusable, inQuotes(to) + " is not the name of an adapter");
@@ -174,13 +173,13 @@ void requireRenamable(const std::string& from, const std::string& to, const Prof
     const std::vector<std::string> known = adaptersIn(profiles);
     if (std::find(known.begin(), known.end(), from) == known.end()) {
         const std::string meant = nearest(from, known);
-        throw Error(ErrorKind::kNotFound,
-                    "no profile has anything for adapter " + inQuotes(from) + didYouMean(meant) +
-                        " (there is: " + printable(boost::join(known, ", ")) + ")");
+        throw Error(ErrorKind::kNotFound, "no profile has rules or a default policy for adapter " +
+                                              inQuotes(from) + didYouMean(meant) + " (there is: " +
+                                              printable(boost::join(known, ", ")) + ")");
     }
 }
 
-/// The profiles in which the new name has something that the old name's would replace.
+/// The profiles in which the new name's rules or default policy would be replaced.
 std::vector<std::string> replacedIn(const Profiles& profiles, const std::string& from,
                                     const std::string& to) {
     std::vector<std::string> names;
@@ -202,11 +201,10 @@ void requireReplacing(const std::string& to, const std::vector<std::string>& nam
     if (names.empty() || yes) {
         return;
     }
-    const std::string what = "what " + inQuotes(to) + " has in " +
+    const std::string what = "the rules and default policy of " + inQuotes(to) + " in " +
                              printable(boost::join(names, ", ")) + " would be replaced";
     if (isatty(STDIN_FILENO) != 1) {
-        throw Error(ErrorKind::kSystem,
-                    what + "; nothing was changed (--yes goes on all the same)");
+        throw Error(ErrorKind::kSystem, what + "; nothing was changed (--yes goes on anyway)");
     }
     if (!confirmed("tarnfw: " + what + ". Go on?")) {
         throw Error(ErrorKind::kSystem, "nothing was changed");
@@ -223,8 +221,8 @@ void renameAdapter(const std::string& from, const std::string& to, const ReloadO
               before, [&] { return FW::TARNFW_PROFILE().profileChangeAdapter(from, to, false); });
     const std::vector<std::string> present = machineAdapters();
     if (!isPredefined(to) && std::find(present.begin(), present.end(), to) == present.end()) {
-        std::cerr << "tarnfw: the machine has no adapter " << inQuotes(to)
-                  << " now: until it has, these rules have no effect\n";
+        std::cerr << "tarnfw: the machine has no interface " << inQuotes(to)
+                  << " now; until it has one, these rules have no effect\n";
     }
 }
 
@@ -241,13 +239,14 @@ struct Options {
 
 void addReserve(Command& group) {
     Command& command = group.subcommand(
-        "reserve", "Allow or deny a service in every profile, ahead of an adapter's own rules");
+        "reserve", "Allow or deny a service in every profile, before an adapter's own rules");
     const auto options = std::make_shared<Options>();
     command.option("NAME", options->service, "The service").required();
     command.option("POLICY", options->policy, "allow or deny")
         .required()
         .choices({"allow", "deny"});
-    command.option("--adapter", options->adapter, "The adapter; global for every one").required();
+    command.option("--adapter", options->adapter, "The adapter; global is every adapter")
+        .required();
     addReloadFlag(command, options->reload);
     command.footer("Example: tarnfw service reserve ssh --adapter eth0 allow");
     command.run([options] {
@@ -258,7 +257,7 @@ void addReserve(Command& group) {
 void addRelease(Command& group) {
     Command& command = group.subcommand(
         "release",
-        "Take a service out of every rule of every profile, also of those that a person made");
+        "Remove a service from every rule of every profile, including rules made by a person");
     const auto options = std::make_shared<Options>();
     command.option("NAME", options->service, "The service").required();
     addReloadFlag(command, options->reload);
@@ -267,13 +266,13 @@ void addRelease(Command& group) {
 }
 
 void addUpdate(Command& group) {
-    Command& command = group.subcommand(
-        "update", "Bring the rules of every profile up to date with the service catalogue");
+    Command& command =
+        group.subcommand("update", "Update the rules of every profile from the service catalogue");
     const auto options = std::make_shared<Options>();
     addReloadFlag(command, options->reload);
     command.footer(
-        "Services that the catalogue has lost leave their rules, and a rule that then names none\n"
-        "is deleted.");
+        "Services that are no longer in the catalogue are removed from the rules, and a rule\nthat "
+        "then names none is deleted.");
     command.run([options] { update(options->reload); });
 }
 
@@ -281,11 +280,11 @@ void addRename(Command& group) {
     Command& command = group.subcommand(
         "rename", "Move an adapter's rules and default policy to another name, in every profile");
     const auto options = std::make_shared<Options>();
-    command.option("OLD", options->from, "The name that profiles have now").required();
-    command.option("NEW", options->to, "The name to be").required();
+    command.option("OLD", options->from, "The present name").required();
+    command.option("NEW", options->to, "The new name").required();
     addReloadFlag(command, options->reload,
-                  "Do not ask before replacing what NEW has already, nor, with --reload, when that "
-                  "would keep you out");
+                  "Do not ask before replacing rules that NEW already has or, with --reload, if "
+                  "the rules would lock you out");
     command.run([options] { renameAdapter(options->from, options->to, options->reload); });
 }
 
@@ -293,11 +292,11 @@ void addRename(Command& group) {
 
 void addServiceCommands(Command& app) {
     Command& service =
-        app.subcommand("service", "Services that stay open or closed in every profile");
+        app.subcommand("service", "Services that are allowed or denied in every profile");
     addReserve(service);
     addRelease(service);
     addUpdate(service);
-    Command& adapter = app.subcommand("adapter", "Adapters' names in every profile");
+    Command& adapter = app.subcommand("adapter", "The names of adapters in every profile");
     addRename(adapter);
 }
 

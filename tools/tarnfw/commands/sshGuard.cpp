@@ -23,10 +23,10 @@ constexpr char kVariable[] = "SSH_CONNECTION";
 constexpr char kParentKey[] = "PPid:";
 constexpr char kLoopback[] = "lo";
 
-// Processes come and go while their numbers are followed upwards: this ends any circle.
+// Parents may end while they are followed: this bounds the loop.
 constexpr int kMostParents = 1000;
 
-/// An address with or without a zone, "fe80::1%eth0". The zone is written when there is one.
+/// An address with or without a zone, "fe80::1%eth0". Fills the zone, if there is one.
 std::optional<Address> addressWithZone(const std::string& text, std::string& zone) {
     const std::size_t percent = text.find('%');
     if (percent != std::string::npos) {
@@ -35,7 +35,7 @@ std::optional<Address> addressWithZone(const std::string& text, std::string& zon
     return addressFrom(text.substr(0, percent));
 }
 
-/// The variable in a process's environment, which is texts that end with a zero.
+/// The variable in a process's environment, a list of NUL-terminated texts.
 std::optional<SshConnection> connectionIn(const std::string& environmentFile) {
     const std::string start = std::string(kVariable) + "=";
     std::ifstream file(environmentFile, std::ios::binary);
@@ -113,7 +113,7 @@ std::optional<std::string> interfaceOf(const SshConnection& connection,
     std::optional<std::string> found;
     for (const Interface& interface : interfaces) {
         if (hasAddress(interface, connection.client)) {
-            return kLoopback;  // the machine with itself, whatever addresses it uses for that
+            return kLoopback;  // the machine to itself, with any of its addresses
         }
         const bool zoneFits = connection.zone.empty() || connection.zone == interface.name;
         if (zoneFits && hasAddress(interface, connection.server)) {
@@ -130,7 +130,7 @@ std::string sshRefusal(const FW::FWPROFILE& profile, const SshConnection& connec
     packet.source = connection.client;
     packet.destination = connection.server;
     packet.ports = {connection.serverPort, connection.serverPort};
-    // The client's port is left open: the next connection has another one.
+    // Any client port: the next connection has another one.
     Decider decider(profile);
     const Decision decision = decider.decide(packet).front();
     if (!decision.denied) {
@@ -146,7 +146,7 @@ std::string sshRefusal(const FW::FWPROFILE& profile, const SshConnection& connec
         .append(profile.name)
         .append("\" denies that (")
         .append(decider.reason(decision))
-        .append("): this connection stays, a new one would not get in");
+        .append("); this connection stays, but you could not connect again");
     return printable(text);
 }
 
@@ -169,8 +169,7 @@ void requireSshAccess(const FW::FWPROFILE& profile, bool yes, const std::string&
         return;
     }
     if (!yes && isatty(STDIN_FILENO) != 1) {
-        throw Error(ErrorKind::kSystem,
-                    warning + "; " + otherwise + " (--yes goes on all the same)");
+        throw Error(ErrorKind::kSystem, warning + "; " + otherwise + " (--yes goes on anyway)");
     }
     std::cerr << "tarnfw: " << warning << '\n';
     if (!yes && !confirmed(question)) {

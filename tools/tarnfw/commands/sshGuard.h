@@ -1,4 +1,4 @@
-/// Whether a profile would keep out the person who is enabling it, when that person is connected
+/// Whether a profile would lock out the person who is enabling it, if that person is connected
 /// over SSH.
 #pragma once
 
@@ -15,7 +15,7 @@
 
 namespace tarnfw {
 
-/// The two ends of an SSH connection, as the machine that is connected to sees them.
+/// The two ends of an SSH connection, as the server sees them.
 struct SshConnection {
     Address client;
     Address server;
@@ -26,27 +26,27 @@ struct SshConnection {
 /// Reads the variable SSH_CONNECTION: "CLIENT PORT SERVER PORT". Nothing for any other text.
 std::optional<SshConnection> sshConnectionFrom(const std::string& value);
 
-/// The connection that this process runs under: of its own environment, or of that of the processes
-/// it was started by, since sudo takes the variable away.
+/// The connection that this process runs under: from its own environment, or from that of its
+/// parent processes, since sudo removes the variable.
 std::optional<SshConnection> currentSshConnection();
 
-/// The same, of the process `process` and those above it, as a directory like "/proc" has them.
+/// The same for the process `process` and its parents, read from a directory like "/proc".
 std::optional<SshConnection> sshConnectionAbove(pid_t process, const std::string& directory);
 
-/// The interface by which packets of the connection come in; nothing when no interface has the
+/// The interface through which packets of the connection come in; nothing if no interface has the
 /// server's address, as for a connection to another machine or container.
 std::optional<std::string> interfaceOf(const SshConnection& connection,
                                        const std::vector<Interface>& interfaces);
 
-/// In words, that `profile` would drop a new connection like this one and why; empty when it lets
-/// it in. `adapters` is what profiles may call the interface.
+/// A warning that `profile` would drop a new connection like this one, and why; empty if it allows
+/// it. `adapters` are the names that profiles may have for the interface.
 std::string sshRefusal(const FW::FWPROFILE& profile, const SshConnection& connection,
                        const std::vector<std::string>& adapters);
 
 /// The same for the connection that this process runs under. Empty without one.
 std::string sshWarning(const FW::FWPROFILE& profile);
 
-/// For what makes a profile the kernel's: with a warning, asks `question` on the terminal, unless
+/// Before a profile is applied: after a warning, asks `question` on the terminal, unless
 /// `yes`; throws Error, with `otherwise`, when the answer is no or nobody can be asked.
 void requireSshAccess(const FW::FWPROFILE& profile, bool yes, const std::string& question,
                       const std::string& otherwise = "nothing was changed");

@@ -46,10 +46,10 @@ struct FilterState {
     std::size_t loadedRules = 0;
 };
 
-/// The trial that is going on, or was left behind.
+/// The running or abandoned trial.
 struct TrialState {
     std::string profile;
-    std::optional<Json::Int64> secondsLeft;  ///< nothing when it was left behind
+    std::optional<Json::Int64> secondsLeft;  ///< none: abandoned
 };
 
 std::vector<AdapterState> adapterStates(const FW::FWPROFILE& profile) {
@@ -80,7 +80,7 @@ bool isClosed(const std::vector<BaseFilter>& filters) {
                        [](const BaseFilter& filter) { return filter.isClosed(); });
 }
 
-/// Whether a reload has ended in its middle. One that is going on has not.
+/// Whether a reload was interrupted, rather than still running.
 bool wasInterrupted(const std::vector<BaseFilter>& filters) {
     int lock = -1;
     if (!isClosed(filters) || TLIBCFileLockTimeByFile(kReloadLock, 1, 0, &lock) != 1) {
@@ -92,8 +92,8 @@ bool wasInterrupted(const std::vector<BaseFilter>& filters) {
     return closed;
 }
 
-/// Whether the active profile makes rules, none of which the kernel has. Rules that cannot be made
-/// are not there either.
+/// Whether the active profile has rules, none of which the kernel has. A profile that cannot be
+/// translated counts as well.
 bool isNothingInForce(const std::string& active, const std::vector<FilterState>& filters) {
     if (std::any_of(filters.begin(), filters.end(),
                     [](const FilterState& filter) { return filter.loadedRules > 0; })) {
@@ -173,11 +173,11 @@ Json::Value trialJson(const std::optional<TrialState>& trial) {
 std::string trialText(const TrialState& trial) {
     const std::string name = "of " + inQuotes(trial.profile);
     return trial.secondsLeft ? name + ", " + std::to_string(*trial.secondsLeft) + " s left"
-                             : name + " left behind; \"tarnfw try --cancel\" goes back";
+                             : name + " , abandoned; \"tarnfw try --cancel\" ends it";
 }
 
 void printAdapters(const std::vector<AdapterState>& states) {
-    Table table({"Adapter", "Otherwise", "Rules", ""});
+    Table table({"Adapter", "Default", "Rules", ""});
     for (const AdapterState& state : states) {
         std::string rules = std::to_string(state.rules);
         if (state.enabledRules != state.rules) {
@@ -187,7 +187,7 @@ void printAdapters(const std::vector<AdapterState>& states) {
                       {state.policy ? policyText(*state.policy) : "-",
                        state.policy ? policyPaint(*state.policy) : Paint::kPlain},
                       {rules},
-                      {state.present ? "" : "not there now", Paint::kFaint}});
+                      {state.present ? "" : "absent", Paint::kFaint}});
     }
     std::cout << '\n';
     table.print();
@@ -195,7 +195,7 @@ void printAdapters(const std::vector<AdapterState>& states) {
 
 Cell firewallCell(bool enabled, bool nothingInForce) {
     if (nothingInForce) {
-        return {"enabled, but nothing is in force; \"tarnfw reload\" tells why", Paint::kBad};
+        return {"enabled, but no rules are in force; \"tarnfw reload\" shows why", Paint::kBad};
     }
     return {enabled ? "enabled" : "disabled", enabled ? Paint::kGood : Paint::kDoubtful};
 }
@@ -204,7 +204,7 @@ Cell firewallCell(bool enabled, bool nothingInForce) {
 std::string interruptedText(bool enabled) {
     return std::string("a reload was interrupted: the machine is closed to new connections; \"")
         .append(enabled ? "tarnfw reload" : "tarnfw enable")
-        .append("\" mends it");
+        .append("\" opens it");
 }
 
 void status(bool json) {
@@ -248,7 +248,7 @@ void status(bool json) {
     if (interrupted) {
         table.addRow({{""}, {interruptedText(enabled), Paint::kBad}});
     }
-    table.addRow({{"Active profile:"}, {stored ? active : active + " (there is none)"}});
+    table.addRow({{"Active profile:"}, {stored ? active : active + " (does not exist)"}});
     for (const FilterState& filter : filters) {
         table.addRow({{"Base filter:"},
                       {filter.title + " " + baseText(filter),
@@ -258,7 +258,7 @@ void status(bool json) {
         table.addRow(
             {{"In the kernel:"}, {filter.title + " " + counted(filter.loadedRules, "rule")}});
     }
-    table.addRow({{"Applied as:"}, {applyMode}});
+    table.addRow({{"Apply mode:"}, {applyMode}});
     table.addRow({{"Kernel modules:"}, {modules ? "loaded for the firewall" : "not loaded"}});
     if (trial) {
         table.addRow({{"Trial:"}, {trialText(*trial), Paint::kDoubtful}});
@@ -273,7 +273,7 @@ void status(bool json) {
 
 void addStatusCommand(Command& app) {
     Command& command = app.subcommand(
-        "status", "Say whether the firewall is enabled, with which profile, and what is in force");
+        "status", "Show whether the firewall is enabled, its profile, and what is in force");
     const auto json = std::make_shared<bool>(false);
     addJsonFlag(command, *json);
     command.run([json] { status(*json); });

@@ -1,4 +1,4 @@
-/// tarnfw try: a profile's rules for a while, and for good only when somebody confirms them.
+/// tarnfw try: puts a profile's rules in force for a while, and keeps them if somebody confirms.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -40,7 +40,7 @@ struct TryOptions {
     bool cancel = false;
 };
 
-// ---- What a trial needs to begin ----
+// ---- Conditions of a trial ----
 
 void requireTriable(const std::string& name) {
     Context context(StoreSession::Access::kChange);
@@ -48,14 +48,13 @@ void requireTriable(const std::string& name) {
     store.requireProfile(name);
     if (!store.firewallEnabled()) {
         throw Error(ErrorKind::kSystem,
-                    "the firewall is disabled: there is nothing to go back to; \"tarnfw enable\" "
-                    "switches it on");
+                    "the firewall is disabled, so a trial has no rules to restore; \"tarnfw "
+                    "enable\" switches it on");
     }
     if (name == store.activeProfile()) {
-        throw Error(ErrorKind::kSystem,
-                    "profile " + inQuotes(name) +
-                        " is the active one, to which a trial goes back; try a copy "
-                        "(\"tarnfw profile copy\")");
+        throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) +
+                                            " is the active one, which a trial restores; try a "
+                                            "copy of it (\"tarnfw profile copy\")");
     }
     context.requireBase();
     StoreTransaction(context.session()).finish();  // whether there is room for the test profile
@@ -63,8 +62,8 @@ void requireTriable(const std::string& name) {
 
 // ---- The watchdog's process ----
 
-/// Blocks the signals by which a terminal or a person ends a command. Both processes of a trial
-/// take them from a descriptor, when they are ready to.
+/// Blocks the signals that end a command. Both processes of a trial
+/// read them from a descriptor.
 sigset_t blockEndingSignals() {
     sigset_t set;
     (void)sigemptyset(&set);
@@ -75,14 +74,14 @@ sigset_t blockEndingSignals() {
     return set;
 }
 
-/// Leaves the terminal: what ends there must not end this process.
+/// Detaches from the terminal, so that its end does not end this process.
 void leaveTerminal() {
     (void)setsid();
-    (void)prctl(PR_SET_NAME, "tarnfw-watchdog");  // not what "killall tarnfw" looks for
+    (void)prctl(PR_SET_NAME, "tarnfw-watchdog");  // so that "killall tarnfw" does not find it
     const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
     (void)dup2(nothing, STDIN_FILENO);
     (void)dup2(nothing, STDOUT_FILENO);
-    (void)signal(SIGPIPE, SIG_IGN);  // the library's log may go to a pipe that nobody reads
+    (void)signal(SIGPIPE, SIG_IGN);  // nobody may read the pipe for the library's log
 }
 
 /// Starts the watchdog; returns the connection to it.
@@ -105,7 +104,7 @@ Channel startWatchdog(const Trial& trial, pid_t& process) {
 
 // ---- The terminal's side ----
 
-/// Waits for the person, the watchdog or a signal, and says how much time is left.
+/// Waits for the person, the watchdog or a signal, and shows the time left.
 class Countdown {
 public:
     Countdown(const Trial& trial, const Channel& watchdog, const sigset_t& signals)
@@ -117,7 +116,7 @@ public:
         (void)tcflush(STDIN_FILENO, TCIFLUSH);
     }
 
-    /// The watchdog's last report; nothing when the watchdog is gone.
+    /// The watchdog's last report; nothing if the watchdog has ended.
     std::optional<Json::Value> wait() {
         announce();
         for (;;) {
@@ -148,7 +147,7 @@ private:
         watchdog_.send(message);
     }
 
-    /// A terminal that is gone, or Ctrl-D, does not confirm.
+    /// A lost terminal, or Ctrl-D, does not confirm.
     static bool enterPressed() {
         std::array<char, 256> line{};
         return read(STDIN_FILENO, line.data(), line.size()) > 0;
@@ -157,7 +156,9 @@ private:
     void announce() const {
         std::cout << "The rules of " << inQuotes(trial_.name) << " are in force for "
                   << counted(static_cast<std::size_t>(trial_.timeout.count()), "second") << ".\n"
-                  << (onTerminal_ ? "Press Enter to keep them, Ctrl-C to go back; elsewhere, " : "")
+                  << (onTerminal_ ? "Press Enter to keep them, Ctrl-C to restore the previous "
+                                    "ones; from another terminal, "
+                                  : "")
                   << "\"tarnfw try --confirm\" keeps them.\n"
                   << std::flush;
     }
@@ -182,7 +183,7 @@ private:
     Clock::time_point end_ = Clock::now() + trial_.timeout;
 };
 
-/// Says how a trial ended; one that ended in anything but adoption is a command that failed.
+/// Prints how a trial ended. Throws Error unless the profile was kept.
 void conclude(const std::string& name, const Json::Value& report) {
     const std::string state = report.get("state", "").asString();
     const std::string reason = report.get("reason", "").asString();
@@ -198,22 +199,22 @@ void conclude(const std::string& name, const Json::Value& report) {
     throw Error(ErrorKind::kSystem, profile + " was not kept: " + reason);
 }
 
-/// Takes a trial back where no watchdog does.
+/// Ends a trial that has no watchdog.
 bool goBackWhole(const std::string& name) {
-    return runWhole("Going back", [&] { return revertTrial(name); });
+    return runWhole("Restoring the active profile", [&] { return revertTrial(name); });
 }
 
-/// The watchdog was killed: this process is the only one left that can go back.
+/// The watchdog was killed, so this process restores the active profile.
 void goBackWithoutWatchdog(const std::string& name) {
     const bool reverted = goBackWhole(name);
     stopListening();
     throw Error(ErrorKind::kSystem,
                 "profile " + inQuotes(name) + " was not kept: the watchdog was killed" +
                     (reverted ? "; the active profile's rules are in force again"
-                              : ", and the active profile was not applied again"));
+                              : ", and the active profile could not be restored"));
 }
 
-/// How the beginning of the trial went; nothing when the watchdog is gone.
+/// The report on the start of the trial; nothing if the watchdog has ended.
 std::optional<Json::Value> firstReport(const Trial& trial, const Channel& watchdog) {
     const Progress progress("Applying the rules of \"" + trial.name + "\"");
     return watchdog.receive();
@@ -239,7 +240,7 @@ void tryProfile(const TryOptions& options) {
 
 // ---- From another terminal ----
 
-/// What the trial that is going on reports when it is asked; nothing when it has just ended.
+/// The running trial's answer; nothing if it has just ended.
 std::optional<Json::Value> askTrial(const Channel& trial, const char* what) {
     Json::Value message;
     message["ask"] = what;
@@ -250,7 +251,7 @@ std::optional<Json::Value> askTrial(const Channel& trial, const char* what) {
 void confirmTrial() {
     const std::optional<Channel> trial = callTrial();
     if (!trial) {
-        throw Error(ErrorKind::kNotFound, "no trial is going on");
+        throw Error(ErrorKind::kNotFound, "there is no trial");
     }
     const std::optional<Json::Value> report = askTrial(*trial, kAskConfirm);
     if (!report) {
@@ -259,18 +260,19 @@ void confirmTrial() {
     conclude(report->get("profile", "").asString(), *report);
 }
 
-/// Goes back from a trial that nobody watches any more.
+/// Ends an abandoned trial.
 void cancelAbandonedTrial() {
     const std::optional<std::string> name = abandonedTrial(StoreSnapshot());
     if (!name) {
-        throw Error(ErrorKind::kNotFound, "no trial is going on");
+        throw Error(ErrorKind::kNotFound, "there is no trial");
     }
     const bool reverted = goBackWhole(*name);
     stopListening();
     if (!reverted) {
-        throw Error(ErrorKind::kRefused, "the active profile was not applied again");
+        throw Error(ErrorKind::kRefused, "the active profile could not be restored");
     }
-    std::cout << "Gone back from the trial of " << inQuotes(*name) << " that was left behind\n";
+    std::cout << "Abandoned trial of " << inQuotes(*name)
+              << " ended; the active profile's rules are in force\n";
 }
 
 void cancelTrial() {
@@ -281,11 +283,10 @@ void cancelTrial() {
     }
     const std::optional<Json::Value> report = askTrial(*trial, kAskCancel);
     if (!report || report->get("state", "").asString() != kTrialReverted) {
-        throw Error(ErrorKind::kSystem,
-                    "the trial did not end as it should; \"tarnfw status\" tells more");
+        throw Error(ErrorKind::kSystem, "the trial did not end properly; see \"tarnfw status\"");
     }
-    std::cout << "Gone back from the trial of \""
-              << printable(report->get("profile", "").asString()) << "\"\n";
+    std::cout << "Trial of \"" << printable(report->get("profile", "").asString())
+              << "\" ended; the active profile's rules are in force\n";
 }
 
 void run(const TryOptions& options) {
@@ -306,26 +307,27 @@ void run(const TryOptions& options) {
 void addTryCommand(Command& app) {
     Command& command = app.subcommand(
         "try",
-        "Put a profile's rules in force for a while; they stay only when somebody confirms them");
+        "Put a profile's rules in force for a while; they stay only if somebody confirms them");
     const auto options = std::make_shared<TryOptions>();
-    Option& profile =
-        command.option("PROFILE", options->profile,
-                       "A profile other than the active one; confirmed, it is active");
+    Option& profile = command.option(
+        "PROFILE", options->profile,
+        "A profile other than the active one; if confirmed, it becomes the active one");
     Option& timeout = command
                           .option("--timeout", options->seconds,
-                                  "Seconds until the active profile's rules are in force again")
+                                  "Seconds until the active profile's rules are restored")
                           .range(1, kMaxSeconds)
                           .showDefault();
-    Option& confirm = command.flag("--confirm", options->confirm, "Keep what is being tried");
-    Option& cancel = command.flag("--cancel", options->cancel,
-                                  "Go back at once, also from a trial that was left behind");
+    Option& confirm = command.flag("--confirm", options->confirm, "Keep the rules on trial");
+    Option& cancel =
+        command.flag("--cancel", options->cancel,
+                     "Restore the previous rules immediately, also after an abandoned trial");
     confirm.excludes(profile).excludes(timeout).excludes(cancel);
     cancel.excludes(profile).excludes(timeout);
     command.footer(
-        "During the trial no established connection passes by itself: one that goes on working is "
-        "one that the rules let in.\nA watchdog goes back when the time is over, on Ctrl-C, when "
-        "the "
-        "terminal is lost and when this command is killed.");
+        "During the trial, established connections pass only if the rules allow them, so a "
+        "connection that keeps working is allowed.\nA watchdog restores the active profile's rules "
+        "after the time limit, on Ctrl-C, when the terminal is lost and when this command is "
+        "killed.");
     command.run([options] { run(*options); });
 }
 

@@ -28,7 +28,7 @@ constexpr int kThrew = 2;
 Descriptor sharedText(const char* name) {
     Descriptor text(memfd_create(name, MFD_CLOEXEC));
     if (!text) {
-        throw Error(ErrorKind::kSystem, "there is no memory for the messages of a reload");
+        throw Error(ErrorKind::kSystem, "out of memory for the messages of a reload");
     }
     return text;
 }
@@ -40,12 +40,12 @@ std::string contentOf(const Descriptor& text) {
     return content;
 }
 
-/// The new process. It never returns into what the old one was doing.
+/// The new process. It never returns to the caller.
 [[noreturn]] void runInChild(const std::function<bool()>& work, const Descriptor& errors,
                              const Descriptor& reason) {
     (void)setsid();
     (void)dup2(errors.get(), STDERR_FILENO);
-    // The number tells the lines of the log from those of other programs.
+    // The process number distinguishes these log lines from those of other programs.
     openlog("tarnfw", LOG_PERROR | LOG_PID, LOG_USER);
     int status = kThrew;
     try {
@@ -104,9 +104,7 @@ DetachedRun runDetached(const std::function<bool()>& work, const std::function<v
     if (status == kThrew) {
         run.failure = contentOf(reason);
     } else if (!status) {
-        run.failure =
-            "a process was killed in the middle of its work; \"tarnfw status\" tells how far it "
-            "came";
+        run.failure = "the process that applied the change was killed; see \"tarnfw status\"";
     }
     return run;
 }

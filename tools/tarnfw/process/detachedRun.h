@@ -1,4 +1,4 @@
-/// Work that must not end in its middle, such as a reload: the machine is closed meanwhile.
+/// Work that must not be interrupted, such as a reload: the machine is closed meanwhile.
 #pragma once
 
 #include <functional>

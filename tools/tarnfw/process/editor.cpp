@@ -77,7 +77,7 @@ std::string editorCommand() {
     return {};
 }
 
-/// What is wrong about the shell's exit status; empty for 0.
+/// The error for the shell's exit status; empty for 0.
 std::string failureOf(const std::string& command, int status) {
     const std::string editor = "the editor " + inQuotes(command) + " ";
     if (status == 0) {
@@ -87,7 +87,7 @@ std::string failureOf(const std::string& command, int status) {
         return editor + "cannot be found";
     }
     return status > kSignalled
-               ? editor + "was ended by signal " + std::to_string(status - kSignalled)
+               ? editor + "was killed by signal " + std::to_string(status - kSignalled)
                : editor + "failed with exit status " + std::to_string(status);
 }
 
@@ -98,7 +98,7 @@ PrivateText::PrivateText(const std::string& name, const std::string& text) {
     directory_ = fs::temp_directory_path(error) / "tarnfw.XXXXXX";
     if (error || mkdtemp(directory_.data()) == nullptr) {
         throw Error(ErrorKind::kSystem,
-                    "cannot make a private directory for temporary files: " +
+                    "cannot create a private directory for temporary files: " +
                         (error ? error.message() : std::string(strerror(errno))));
     }
     path_ = directory_ + "/" + name;
@@ -154,7 +154,7 @@ std::string runEditor(const std::string& path) {
     int status = 0;
     while (waitpid(editor, &status, 0) < 0) {
         if (errno != EINTR) {
-            return std::string("the editor is lost: ") + strerror(errno);
+            return std::string("cannot wait for the editor: ") + strerror(errno);
         }
     }
     return failureOf(command,

@@ -5,8 +5,8 @@
 
 namespace tarnfw {
 
-/// A text in a file that nobody else can read, in a directory of its own. It stays on disk unless
-/// it is removed: what somebody has typed is not lost with the tool.
+/// A text in a file that nobody else can read, in a directory of its own. It stays on disk until
+/// it is removed, so that typed text is not lost.
 class PrivateText {
 public:
     /// Writes `text` into a new file called `name`. Failures throw Error.
@@ -14,10 +14,10 @@ public:
 
     const std::string& path() const { return path_; }
 
-    /// What the file holds now. Throws Error when it cannot be read.
+    /// The file's content. Throws Error if it cannot be read.
     std::string read() const;
 
-    /// Removes the file and its directory, with whatever the editor has left beside it.
+    /// Removes the file and its directory, with anything that the editor has left there.
     void remove() const;
 
 private:
@@ -29,8 +29,8 @@ private:
 std::string chosenEditor();
 
 /// Lets the person edit a file: with $VISUAL, $EDITOR, "editor" or "vi", the first that there is,
-/// on this terminal. Ctrl-C and Ctrl-\ are the editor's meanwhile.
-/// Returns an empty text, or why the editor did not end as it should.
+/// on this terminal. The editor gets Ctrl-C and Ctrl-\ meanwhile.
+/// Returns an empty text, or the editor's error.
 std::string runEditor(const std::string& path);
 
 }  // namespace tarnfw

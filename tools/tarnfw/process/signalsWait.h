@@ -1,11 +1,11 @@
-/// A guard for what must not be left half done.
+/// A guard that holds signals back.
 #pragma once
 
 #include <signal.h>
 
 namespace tarnfw {
 
-/// Signals that would end the tool wait until the object is gone; then they take effect. Guards may
+/// Signals that would end the tool are held back until the object is destroyed. Guards may
 /// be nested.
 class SignalsWait {
 public:

@@ -40,7 +40,7 @@ struct Decision {
     Channel asker;
 };
 
-/// Waits until somebody or the time decides.
+/// Waits for a confirmation, a cancellation or the time limit.
 class Vigil {
 public:
     Vigil(const Trial& trial, const Channel& terminal, const Channel& listener)
@@ -58,7 +58,7 @@ public:
             const auto wait = std::chrono::ceil<std::chrono::milliseconds>(left).count();
             (void)poll(events.data(), events.size(), static_cast<int>(wait));
             if (events[2].revents != 0) {
-                return {false, "the watchdog was told to end", {}};
+                return {false, "the watchdog was ended by a signal", {}};
             }
             std::optional<Decision> decision;
             if (events[0].revents != 0) {
@@ -85,7 +85,7 @@ private:
     std::optional<Decision> hearTerminal() const {
         const std::optional<Json::Value> message = terminal_.receive();
         if (!message) {
-            return Decision{false, "the terminal is gone", {}};
+            return Decision{false, "the terminal was lost", {}};
         }
         return answer(*message, {});
     }
@@ -118,8 +118,8 @@ private:
     Clock::time_point begin_ = Clock::now();
 };
 
-/// Whether a step succeeds. One that throws has failed, and the trial goes on from there: nothing
-/// but the watchdog can take the rules back.
+/// Whether a step succeeds. If it throws, it has failed and the trial continues from there: only
+/// the watchdog can restore the rules.
 template <typename Step>
 bool succeeded(Step step) {
     try {
@@ -149,7 +149,7 @@ bool apply(const std::string& name) {
     return applied;
 }
 
-/// Makes what was tried the active profile; where that fails, the one before it is active again.
+/// Makes the tried profile the active one; if that fails, the previous one is active again.
 bool adopt(const std::string& name) {
     StoreSession session(StoreSession::Access::kChange);
     const std::string before = session.snapshot().activeProfile();
@@ -172,16 +172,15 @@ Json::Value goBack(const std::string& name, const std::string& reason) {
     return succeeded([&] { return revertTrial(name); })
                ? report(name, kTrialReverted, reason)
                : report(name, kTrialFailed,
-                        reason + ", and the active profile was not applied again");
+                        reason + ", and the active profile could not be restored");
 }
 
-/// Rules that cannot be put in force turn the firewall off; a trial must not do that.
+/// If rules cannot be applied, the library disables the firewall; a trial must enable it again.
 Json::Value takeBackFailedTrial(const std::string& name) {
     const bool on =
         succeeded([] { return StoreSnapshot().firewallEnabled() || FW::TARNFW().fwEnable(); });
-    return on ? goBack(name, "its rules cannot be put in force")
-              : report(name, kTrialFailed,
-                       "its rules cannot be put in force, and the firewall is off");
+    return on ? goBack(name, "its rules cannot be applied")
+              : report(name, kTrialFailed, "its rules cannot be applied, and the firewall is off");
 }
 
 Json::Value conclude(const std::string& name, const Decision& decision) {

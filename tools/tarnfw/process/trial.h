@@ -1,5 +1,5 @@
-/// The watchdog of a trial: puts a profile's rules in force, and takes them back unless somebody
-/// who still reaches the machine confirms them in time.
+/// The watchdog of a trial: puts a profile's rules in force, and restores the previous ones unless
+/// somebody who can still reach the machine confirms in time.
 #pragma once
 
 #include <chrono>
@@ -17,14 +17,14 @@ struct Trial {
     std::chrono::seconds timeout;  ///< from the moment when its rules are in force
 };
 
-// What the watchdog reports: "profile" is the one that is tried, "state" one of these, "reason"
-// tells why; "secondsLeft" is there while the trial goes on.
+// The watchdog's reports: "profile" is the one on trial, "state" one of these, "reason" the
+// cause; "secondsLeft" exists during the trial.
 inline constexpr char kTrialGoesOn[] = "in force";
 inline constexpr char kTrialAdopted[] = "adopted";    // now the active profile
 inline constexpr char kTrialReverted[] = "reverted";  // the active profile's rules again
-inline constexpr char kTrialFailed[] = "failed";      // neither; "reason" tells how far it came
+inline constexpr char kTrialFailed[] = "failed";      // neither; see "reason"
 
-// What a terminal asks for: "ask" is one of these.
+// A terminal's requests: "ask" is one of these.
 inline constexpr char kAskConfirm[] = "confirm";
 inline constexpr char kAskCancel[] = "cancel";
 inline constexpr char kAskState[] = "state";
@@ -35,11 +35,11 @@ inline constexpr char kAskState[] = "state";
 /// All reports go to `terminal`, the last one also to the terminal that asked for it.
 void watchTrial(const Trial& trial, const Channel& terminal, const Channel& listener);
 
-/// Puts the active profile's rules in force again and takes the test profile of `name` away.
-/// Returns whether that came out; the library logs why not.
+/// Restores the active profile's rules and removes the test profile of `name`.
+/// Returns false, logged, on failure.
 bool revertTrial(const std::string& name);
 
-/// The name of the profile whose trial was left behind, by a machine or watchdog that died.
+/// The profile of an abandoned trial, left by a crash of the machine or the watchdog.
 std::optional<std::string> abandonedTrial(const StoreSnapshot& store);
 
 }  // namespace tarnfw

@@ -22,10 +22,10 @@ constexpr char kSocketPath[] = "/run/tarn/trial.sock";
 constexpr int kBacklog = 4;
 constexpr std::size_t kMaxMessage = 4096;
 
-// For what a terminal asks after it has called. A trial must not wait for it any longer.
+// Time limit for a terminal's request after it has connected.
 constexpr time_t kPatienceSeconds = 1;
 
-// Documents keep their boundaries, and the end of a party is seen at once.
+// Keeps the boundaries of documents, and shows immediately when the other end is closed.
 constexpr int kSocketType = SOCK_SEQPACKET | SOCK_CLOEXEC;
 
 sockaddr_un socketAddress() {
@@ -39,7 +39,7 @@ Channel openSocket() {
     Channel channel(socket(AF_UNIX, kSocketType, 0));
     if (channel.fd() < 0) {
         throw Error(ErrorKind::kSystem,
-                    std::string("cannot make a socket: ") + std::strerror(errno));
+                    std::string("cannot create a socket: ") + std::strerror(errno));
     }
     return channel;
 }
@@ -86,7 +86,7 @@ std::pair<Channel, Channel> connectedChannels() {
     std::array<int, 2> ends{};
     if (socketpair(AF_UNIX, kSocketType, 0, ends.data()) != 0) {
         throw Error(ErrorKind::kSystem,
-                    std::string("cannot make a socket: ") + std::strerror(errno));
+                    std::string("cannot create a socket: ") + std::strerror(errno));
     }
     return {Channel(ends[0]), Channel(ends[1])};
 }
@@ -94,7 +94,7 @@ std::pair<Channel, Channel> connectedChannels() {
 Channel listenForTerminals() {
     const ToolLock lock("trial.lock");
     if (callTrial()) {
-        throw Error(ErrorKind::kBusy, "a trial is going on; \"tarnfw status\" tells which");
+        throw Error(ErrorKind::kBusy, "another trial is running; \"tarnfw status\" shows it");
     }
     (void)unlink(kSocketPath);  // of a watchdog that was killed
     Channel listener = openSocket();

@@ -1,4 +1,4 @@
-/// How the parties of a trial talk: the watchdog, the terminal that began it, and other terminals.
+/// Communication in a trial: between the watchdog, the terminal that began it, and other terminals.
 #pragma once
 
 #include <optional>
@@ -19,30 +19,30 @@ public:
 
     int fd() const { return fd_; }
 
-    /// Sends a document, without waiting. A party that is gone gets nothing, which is no failure.
+    /// Sends a document, without waiting. It is not a failure if the other end is closed.
     void send(const Json::Value& message) const;
 
-    /// Waits for the next document; nothing when the other party is gone.
+    /// Waits for the next document; nothing if the other end is closed.
     std::optional<Json::Value> receive() const;
 
 private:
     int fd_ = -1;
 };
 
-/// Two ends that are connected with each other.
+/// Two connected ends.
 std::pair<Channel, Channel> connectedChannels();
 
-/// Starts to listen where other terminals find the trial; only root can connect. Throws
+/// Starts to listen for other terminals; only root can connect. Throws
 /// Error when a trial listens there already.
 Channel listenForTerminals();
 
-/// Takes the connection of a terminal that has called; receive() waits a second for it.
+/// Accepts a terminal's connection; receive() waits at most a second on it.
 Channel acceptTerminal(const Channel& listener);
 
-/// Takes away what listenForTerminals() made, when the trial has ended.
+/// Removes what listenForTerminals() created, after the trial.
 void stopListening();
 
-/// A connection to the trial that is going on; nothing when there is none.
+/// A connection to the running trial; nothing if there is none.
 std::optional<Channel> callTrial();
 
 }  // namespace tarnfw
