@@ -14,7 +14,7 @@
 
 void registerMeasurements() {
     for (const int rules : {10, 100, 1000, 10000}) {
-        // Two ports, TCP: two queries, each of which reads the settings and the profile anew.
+        // Two ports, TCP: two queries, each of which reads the settings and the profile again.
         measure("blocked/fwServIsBlocked", "library", rules, [](benchmark::State& state, int size) {
             storeProfiles(1, size);
             for (auto _ : state) {

@@ -54,7 +54,7 @@ def lay_over(unpacked):
 
 
 class Nft:
-    """nft with a file of one transaction."""
+    """nft with one file."""
 
     name = 'nft -f'
     largest = 50000

@@ -32,7 +32,7 @@ Json::Value translate(const FW::FWPROFILE& profile) {
     return commands;
 }
 
-/// The same for one transaction, which asks for tunnels once, not once a rule.
+/// The same for a batch, which asks for tunnels once, not once per rule.
 Json::Value translateForBatch(const FW::FWPROFILE& profile) {
     Json::Value commands;
     FW::TARNFW_IPTABLES_RULES translator;

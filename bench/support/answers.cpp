@@ -1,4 +1,4 @@
-/// Platform functions that stand in front of those of platform/host, because the dynamic linker
+/// Platform functions that replace those of platform/host, because the dynamic linker
 /// finds a program's own first: the interfaces of a machine with a VPN server, and the tool that is
 /// asked for the router interface, answered without a process. So the library's own work shows.
 #include <algorithm>

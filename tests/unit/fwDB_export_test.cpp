@@ -463,7 +463,7 @@ struct KeyCase {
     std::string path;
 };
 
-// A key becomes a path as it stands.
+// A key becomes a path without change.
 const KeyCase kKeys[] = {
     {"Number", "1700000042.json", "/usr/tarn/etc/firewall.d/1700000042.json"},
     {"Text", "my profile.json", "/usr/tarn/etc/firewall.d/my profile.json"},

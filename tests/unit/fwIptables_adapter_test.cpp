@@ -1,4 +1,4 @@
-// Adapters: which interfaces stand behind a name, whether there are any, and their matches.
+// Adapters: the interfaces of a name, whether there are any, and their matches.
 
 #include <cstdint>
 #include <ostream>

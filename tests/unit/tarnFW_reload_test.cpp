@@ -1,4 +1,4 @@
-// Enabling, disabling and reloading: every step in order, what each failure leaves behind, and that
+// Enabling, disabling and reloading: every step in order, what each failure leaves, and that
 // no exception leaves the machine shut.
 
 #include <syslog.h>

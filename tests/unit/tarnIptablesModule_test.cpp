@@ -297,7 +297,7 @@ TEST_P(ModuleChangeTest, RecordThatCannotBeWrittenIsAFailureAndReleasesTheLock) 
     platform_.setKeyResult = -1;
     EXPECT_FALSE(run({"x.ko"}));
     EXPECT_EQ(calls(), changed(GetParam().call, "ssh", "x.ko"));
-    // File and service stand in each other's place.
+    // File and service are swapped.
     EXPECT_THAT(errors(), ElementsAre("tarnIptablesModule: failed to set key " + kServiceRecord +
                                       " to file ssh[0x0901 keyvalue.c:99]"));
 }
@@ -386,7 +386,7 @@ TEST_F(IsModuleLoadTest, RecordThatCannotBeReadIsLoggedAndFalse) {
     setRecord("ssh", "yes");
     platform_.getKeyResult = -1;
     EXPECT_FALSE(TARN_IPTABLES_MODULES::isModuleLoad("ssh"));
-    // File and service stand in each other's place.
+    // File and service are swapped.
     EXPECT_THAT(errors(), ElementsAre("tarnIptablesModule: failed to get key " + kServiceRecord +
                                       " from file ssh[0x0900 keyvalue.c:77]"));
 }

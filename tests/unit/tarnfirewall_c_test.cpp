@@ -138,7 +138,7 @@ protected:
 
     bool reloaded() const { return !platform_.journalOf("lock " + kExecLock).empty(); }
 
-    // The tail of the log; more may stand in front of it.
+    // The tail of the log; more may come before it.
     Lines lastOfLog(std::size_t count) const {
         const Lines lines = log();
         return lines.size() < count

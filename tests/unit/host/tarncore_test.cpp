@@ -49,7 +49,7 @@ constexpr int kBadParameter = 0x0D00;
 constexpr uid_t kOtherUser = 1000;
 constexpr gid_t kOtherGroup = 1001;
 
-// Runs a program with the arguments behind its name.
+// Runs a program with the arguments after its name.
 int execute(const std::vector<std::string>& arguments) {
     std::vector<const char*> argv;
     for (const std::string& argument : arguments) {
