@@ -1,6 +1,208 @@
 #include "commands/commands.h"
 
+#include <syslog.h>
+
+#include <algorithm>
+#include <exception>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+#include <boost/algorithm/string/join.hpp>
+
+#include "tarncore.h"
+
+#include "tarnfirewall/fwGeoip.h"
+#include "tarnfirewall/fwTypes.h"
+
+#include "cli/command.h"
+#include "cli/commandLine.h"
+#include "cli/completion.h"
+#include "cli/helpTopics.h"
+#include "cli/output.h"
+#include "cli/parser.h"
+#include "tarnfwadmin/catalogue.h"
+#include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/store.h"
+
 namespace tarnfw {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+// ---- help: the topics, and the help texts of commands under another name ----
+
+void printOverview(const Command& tool) {
+    std::cout << helpText(tool) << "\nTopics (\"tarnfw help TOPIC\"):\n";
+    Table table;
+    for (const HelpTopic& topic : helpTopics()) {
+        table.addRow({{topic.name}, {topic.summary}});
+    }
+    table.print(2);
+}
+
+bool printTopic(const std::string& name) {
+    for (const HelpTopic& topic : helpTopics()) {
+        if (name == topic.name) {
+            std::cout << topic.text;
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Fails with the nearest name to the last of `words`; topics only if it is `alone`.
+[[noreturn]] void refuse(const Command& group, const Texts& words, bool alone) {
+    Texts known = group.shownNames();
+    if (alone) {
+        for (const HelpTopic& topic : helpTopics()) {
+            known.emplace_back(topic.name);
+        }
+    }
+    std::string text = "there is no help for " + inQuotes(boost::join(words, " "));
+    const std::string meant = nearest(words.back(), known);
+    if (!meant.empty()) {
+        Texts right(words.begin(), words.end() - 1);
+        right.push_back(meant);
+        text.append("; did you mean \"tarnfw help ").append(boost::join(right, " ")).append("\"?");
+    }
+    std::cerr << "tarnfw: " << text << " (\"tarnfw help\" lists commands and topics)\n";
+    endWith(kExitUsage);
+}
+
+void printCommand(const Command& tool, const Texts& words) {
+    const Command* command = &tool;
+    for (auto word = words.begin(); word != words.end(); ++word) {
+        const Command* const next = command->shown(*word);
+        if (next == nullptr) {
+            refuse(*command, Texts(words.begin(), word + 1), words.size() == 1);
+        }
+        command = next;
+    }
+    std::cout << helpText(*command);
+}
+
+void help(const Command& tool, const Texts& words) {
+    if (words.empty()) {
+        printOverview(tool);
+    } else if (words.size() > 1 || !printTopic(words.front())) {
+        printCommand(tool, words);
+    }
+}
+
+// ---- complete: what the shells' completion scripts ask; not for a person ----
+
+constexpr char kCountryDirectory[] = "/usr/share/xt_geoip";
+
+/// Tells the shell to complete file names.
+constexpr char kFilesLine[] = "<file>";
+
+/// What a source yields; nothing when it fails. Tab must not print errors.
+template <typename Source>
+Texts orNone(const Source& source) {
+    try {
+        return source();
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+/// The members of a document's member; none if it is not an object.
+Texts membersOf(const Json::Value& document, const char* name) {
+    const Json::Value& member = document[name];
+    return member.isObject() ? member.getMemberNames() : Texts();
+}
+
+/// Those of the active profile, read directly from the files: also for a person who is not root
+/// but will be, with "sudo", when the command runs.
+Texts activeAdapters() {
+    const StoreSnapshot store;
+    const Json::Value& document = store.documentOf(store.activeProfile());
+    Texts adapters;
+    for (const char* const member : {"rules", "adapterPolicyMap"}) {
+        const Texts more = membersOf(document, member);
+        adapters.insert(adapters.end(), more.begin(), more.end());
+    }
+    return adapters;
+}
+
+/// Those of the machine, the predefined ones, and those of the active profile.
+Texts adapters() {
+    std::set<std::string> names(FW::FW_PREDEFINED_ADAPTERS.begin(),
+                                FW::FW_PREDEFINED_ADAPTERS.end());
+    for (const Texts& more : {orNone(machineAdapters), orNone(activeAdapters)}) {
+        names.insert(more.begin(), more.end());
+    }
+    names.erase(FW::FW_PPPOE_INTERFACE);  // its rules are never applied
+    return {names.begin(), names.end()};
+}
+
+Texts services() {
+    Texts names;
+    for (const Service& service : Catalogue().usableServices()) {
+        names.push_back(service.name);
+    }
+    return names;
+}
+
+Texts countries() {
+    Texts codes;
+    if (TLIBCFileExist(kCountryDirectory) == 1) {
+        (void)FW::FW_GEOIP().countryEnum(codes);  // logs for itself
+    }
+    std::sort(codes.begin(), codes.end());
+    return codes;
+}
+
+Texts topicNames() {
+    Texts names;
+    for (const HelpTopic& topic : helpTopics()) {
+        names.emplace_back(topic.name);
+    }
+    return names;
+}
+
+void printCompletions(const Command& app, const Texts& line) {
+    // Keep the library's messages off the terminal and out of the system log.
+    openlog("tarnfw", 0, LOG_USER);
+    setlogmask(LOG_MASK(LOG_EMERG));
+    CompletionNames names;
+    names.profiles = [] { return orNone([] { return StoreSnapshot().profileNames(); }); };
+    names.adapters = [] { return orNone(adapters); };
+    names.services = [] { return orNone(services); };
+    names.countries = [] { return orNone(countries); };
+    names.topics = topicNames;
+    const Completion fits = complete(app, line, names);
+    for (const std::string& word : fits.words) {
+        std::cout << word << '\n';
+    }
+    if (fits.files) {
+        std::cout << kFilesLine << '\n';
+    }
+}
+
+void addHelp(Command& app) {
+    Command& command = app.subcommand(
+        "help", "Explain a topic or a command; without one, list commands and topics");
+    const auto words = std::make_shared<Texts>();
+    command.option("TOPIC", *words, "A topic, or the words of a command").placeholder("");
+    command.footer("Examples: tarnfw help first-steps, tarnfw help rule add");
+    command.run([&app, words] { help(app, *words); });
+}
+
+void addComplete(Command& app) {
+    Command& command = app.subcommand("complete", "Print what can come next, a word a line");
+    command.hide();
+    const auto line = std::make_shared<Texts>();
+    command.option("WORDS", *line, "After \"--\": the words after the tool's name");
+    command.run([&app, line] { printCompletions(app, *line); });
+}
+
+}  // namespace
 
 void addCommands(Command& app) {
     addStatusCommand(app);
@@ -19,8 +221,8 @@ void addCommands(Command& app) {
     addGeoipCommands(app);
     addModulesCommands(app);
     addBaseCommands(app);
-    addHelpCommand(app);
-    addCompleteCommand(app);
+    addHelp(app);
+    addComplete(app);
 }
 
 }  // namespace tarnfw

@@ -6,7 +6,7 @@
 
 namespace tarnfw {
 
-/// All of them, in the order of the help text.
+/// All of them, in the order of the help text; then "help", and "complete", which is hidden.
 void addCommands(Command& app);
 
 void addStatusCommand(Command& app);      ///< status
@@ -25,7 +25,5 @@ void addImportCommand(Command& app);      ///< import
 void addGeoipCommands(Command& app);      ///< geoip list, show, check
 void addModulesCommands(Command& app);    ///< modules load, unload, status
 void addBaseCommands(Command& app);       ///< base up, down, status
-void addHelpCommand(Command& app);        ///< help
-void addCompleteCommand(Command& app);    ///< complete, which is hidden
 
 }  // namespace tarnfw
