@@ -1,7 +1,9 @@
 /// tarnfw blocked, explain: whether a port or a service gets through, and why.
+#include <algorithm>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <json/json.h>
@@ -12,16 +14,147 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
-#include "commands/blockedOptions.h"
 #include "commands/commands.h"
 #include "commands/context.h"
-#include "commands/explainSender.h"
 #include "tarnfwadmin/addressRange.h"
+#include "tarnfwadmin/catalogue.h"
+#include "tarnfwadmin/decision.h"
+#include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/store.h"
 #include "tarnfwadmin/verdicts.h"
 
 namespace tarnfw {
 namespace {
+
+// ---- what both are asked ----
+
+struct BlockedOptions {
+    std::string service;  ///< or `port`
+    std::string port;     ///< "tcp/22"
+    std::string adapter;  ///< empty: all
+    std::string from;     ///< of "explain": a sender's address
+    std::string to;       ///< the machine's address that the sender uses; may be empty
+    bool json = false;
+};
+
+/// The machine's adapters that no predefined adapter of the profile covers.
+std::vector<std::string> uncovered(const std::vector<std::string>& covered) {
+    std::vector<std::string> meant;
+    for (const char* const predefined : {FW::FW_ADAPTER_PPPOE, FW::FW_ADAPTER_VPN}) {
+        if (std::find(covered.begin(), covered.end(), predefined) != covered.end()) {
+            const std::vector<std::string> interfaces = standsFor(predefined);
+            meant.insert(meant.end(), interfaces.begin(), interfaces.end());
+        }
+    }
+    std::vector<std::string> others;
+    for (const std::string& adapter : machineAdapters()) {
+        if (std::find(meant.begin(), meant.end(), adapter) == meant.end()) {
+            others.push_back(adapter);
+        }
+    }
+    return others;
+}
+
+std::string subjectText(const BlockedOptions& options,
+                        const std::vector<FW::PortCompareST>& questions) {
+    std::string text;
+    for (const FW::PortCompareST& question : questions) {
+        text.append(text.empty() ? "" : ", ").append(questionText(question));
+    }
+    return options.service.empty() ? text : "service " + options.service + " (" + text + ")";
+}
+
+/// Adds the options but `from` and `to`.
+void addBlockedOptions(Command& command, BlockedOptions& options) {
+    constexpr char kSubject[] = "What to ask about";
+    command.option("--service", options.service, "A service of the catalogue, such as ssh")
+        .exactlyOneOf(kSubject);
+    command.option("--port", options.port, "Ports: tcp/22, udp/5000-5010, both/53, tcp+udp/53")
+        .check([](const std::string& text) {
+            FW::PortCompareST question{};
+            return portQuestionFrom(text, question);
+        })
+        .exactlyOneOf(kSubject);
+    command.option("--adapter", options.adapter,
+                   "One adapter; by default all of the profile and the machine");
+    addJsonFlag(command, options.json);
+}
+
+/// The queried ports, one question each. Throws Error for an unknown service.
+std::vector<FW::PortCompareST> questionsOf(const BlockedOptions& options) {
+    if (options.service.empty()) {
+        FW::PortCompareST question{};
+        (void)portQuestionFrom(options.port, question);  // has passed as an option
+        return {question};
+    }
+    std::vector<FW::PortCompareST> questions = portsOf(requireCatalogue().require(options.service));
+    if (questions.empty()) {
+        throw Error(ErrorKind::kSystem, "service " + inQuotes(options.service) + " has no ports");
+    }
+    return questions;
+}
+
+/// The queried adapters: the given one, or those of the profile and of the machine without
+/// "global". Throws Error for an unknown one.
+std::vector<std::string> adaptersAsked(const BlockedOptions& options,
+                                       const FW::FWPROFILE& profile) {
+    std::vector<std::string> adapters = adaptersOf(profile);
+    if (!options.adapter.empty()) {
+        requireAdapter(options.adapter, adapters);
+        return {options.adapter};
+    }
+    for (const std::string& other : uncovered(adapters)) {
+        adapters.push_back(other);
+    }
+    std::sort(adapters.begin(), adapters.end());
+    adapters.erase(std::unique(adapters.begin(), adapters.end()), adapters.end());
+    adapters.erase(std::remove(adapters.begin(), adapters.end(), FW::FW_ADAPTER_GLOBAL),
+                   adapters.end());
+    return adapters;
+}
+
+/// The common members of the JSON documents; "adapters" is an empty array.
+Json::Value documentOf(const StoreSnapshot& store, const BlockedOptions& options,
+                       const std::vector<FW::PortCompareST>& questions, bool enabled,
+                       bool allowed) {
+    Json::Value document;
+    document["enabled"] = enabled;
+    document["profile"] = store.activeProfile();
+    if (!options.service.empty()) {
+        document["service"] = options.service;
+    }
+    for (const FW::PortCompareST& question : questions) {
+        document["ports"].append(questionText(question));
+    }
+    document["adapters"] = Json::Value(Json::arrayValue);
+    document["allowed"] = allowed;
+    return document;
+}
+
+/// "Profile "home", service ssh (tcp/22)".
+void printHeading(const StoreSnapshot& store, const BlockedOptions& options,
+                  const std::vector<FW::PortCompareST>& questions) {
+    std::cout << "Profile " << inQuotes(store.activeProfile()) << ", "
+              << printable(subjectText(options, questions)) << '\n';
+}
+
+/// If the firewall is disabled, prints the answer for that. Returns whether it did.
+bool answeredDisabled(const StoreSnapshot& store, const BlockedOptions& options,
+                      const std::vector<FW::PortCompareST>& questions) {
+    if (store.firewallEnabled()) {
+        return false;
+    }
+    if (!options.adapter.empty()) {
+        (void)adaptersAsked(options, store.profile(""));  // an unknown name is an error anyway
+    }
+    if (options.json) {
+        printJson(documentOf(store, options, questions, false, true));
+    } else {
+        std::cout << "Firewall disabled: nothing is blocked\n";
+    }
+    return true;
+}
 
 // ---- blocked ----
 
@@ -203,6 +336,174 @@ void explain(const BlockedOptions& options) {
         for (const AdapterAnswer& answer : answers) {
             printAnswer(profile, answer);
         }
+    }
+    if (!allowed) {
+        endWith(kExitBlocked);
+    }
+}
+
+// ---- explain --from: the one rule that decides for a sender ----
+
+/// The decisions on one adapter, protocol by protocol.
+struct AdapterDecisions {
+    std::string adapter;
+    std::vector<std::pair<FW::FW_PORT_PROTOCOL, Decision>> decisions;
+};
+
+/// The packets of a question from one address, one for each protocol that has ports.
+std::vector<Packet> packetsOf(const BlockedOptions& options, const FW::PortCompareST& question,
+                              const std::string& adapter) {
+    Packet packet;
+    packet.adapters = isPredefined(adapter) ? std::vector{adapter} : adapterNamesOf(adapter);
+    packet.source = addressFrom(options.from).value();
+    packet.destination = options.to.empty() ? std::nullopt : addressFrom(options.to);
+    const std::optional<PortSpan> span = portSpanFrom(question.port);
+    if (!span) {
+        return {};
+    }
+    if (question.portDirect != FW::FW_PORT_DIRECT_DESTINATION) {
+        packet.sourcePorts = span;
+    } else {
+        packet.ports = *span;
+    }
+    std::vector<Packet> packets;
+    for (const auto protocol : {FW::FW_PORT_PROTOCOL_TCP, FW::FW_PORT_PROTOCOL_UDP}) {
+        if (question.protocol == protocol || question.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP) {
+            packet.protocol = protocol;
+            packets.push_back(packet);
+        }
+    }
+    return packets;
+}
+
+AdapterDecisions decisionsOn(Decider& decider, const BlockedOptions& options,
+                             const std::vector<FW::PortCompareST>& questions,
+                             const std::string& adapter) {
+    AdapterDecisions found{adapter, {}};
+    for (const FW::PortCompareST& question : questions) {
+        for (const Packet& packet : packetsOf(options, question, adapter)) {
+            for (Decision& decision : decider.decide(packet)) {
+                found.decisions.emplace_back(packet.protocol, std::move(decision));
+            }
+        }
+    }
+    if (found.decisions.empty()) {
+        throw Error(ErrorKind::kSystem, "--from needs tcp or udp ports");
+    }
+    return found;
+}
+
+std::string placeText(const Decider& decider, const RulePlace& place) {
+    return "rule " + std::to_string(place.position) + " of " + place.adapter + ": " +
+           ruleText(decider.ruleAt(place));
+}
+
+Json::Value placeDocument(const Decider& decider, const RulePlace& place) {
+    Json::Value document;
+    document["list"] = place.adapter;
+    document["position"] = static_cast<Json::UInt64>(place.position);
+    document["rule"] = ruleText(decider.ruleAt(place));
+    return document;
+}
+
+const char* deciderWord(DecidedBy by) {
+    switch (by) {
+        case DecidedBy::kRule:
+            return "rule";
+        case DecidedBy::kDefaultPolicy:
+            return "defaultPolicy";
+        case DecidedBy::kLoopback:
+            return "loopback";
+        case DecidedBy::kEstablished:
+            return "established";
+        default:
+            return "nothing";
+    }
+}
+
+Json::Value decisionDocument(const Decider& decider, FW::FW_PORT_PROTOCOL protocol,
+                             const Decision& decision) {
+    Json::Value document(Json::objectValue);
+    if (decision.by == DecidedBy::kRule) {
+        document = placeDocument(decider, decision.place);
+    } else if (decision.by == DecidedBy::kDefaultPolicy) {
+        document["list"] = decision.place.adapter;
+    }
+    document["port"] = protocolText(protocol) + "/" + portSpanText(decision.ports);
+    document["by"] = deciderWord(decision.by);
+    document["allowed"] = !decision.denied;
+    document["unless"] = Json::Value(Json::arrayValue);
+    for (const RulePlace& place : decision.unless) {
+        document["unless"].append(placeDocument(decider, place));
+    }
+    return document;
+}
+
+void printDecisions(const Decider& decider, const std::vector<AdapterDecisions>& found) {
+    Table table({"Adapter", "Port", "Verdict", "Decided by"});
+    for (const AdapterDecisions& adapter : found) {
+        for (const auto& [protocol, decision] : adapter.decisions) {
+            std::string reason = decider.reason(decision);
+            for (const RulePlace& place : decision.unless) {
+                reason.append("; unless this matches: ").append(placeText(decider, place));
+            }
+            const FW::FW_POLICY verdict =
+                decision.denied ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW;
+            table.addRow(
+                {{adapter.adapter, Paint::kPlain},
+                 {protocolText(protocol) + "/" + portSpanText(decision.ports), Paint::kPlain},
+                 {verdictText(verdict), policyPaint(verdict)},
+                 {reason, Paint::kPlain}});
+        }
+    }
+    table.print();
+}
+
+/// Prints what decides, adapter by adapter; ends the command with kExitBlocked when something is
+/// denied.
+void explainSender(const BlockedOptions& options) {
+    if (!options.to.empty() &&
+        addressFrom(options.to)->isIpv6() != addressFrom(options.from)->isIpv6()) {
+        throw UsageError("--to: not of the same family as --from");
+    }
+    if (options.adapter == FW::FW_ADAPTER_GLOBAL) {
+        throw UsageError(
+            "--adapter: no packet comes in through \"global\"; name another adapter, or none for "
+            "all");
+    }
+    const std::vector<FW::PortCompareST> questions = questionsOf(options);
+    const Context context(StoreSession::Access::kRead);
+    const StoreSnapshot& store = context.store();
+    if (answeredDisabled(store, options, questions)) {
+        return;
+    }
+    Decider decider(store.profile(""));
+    std::vector<AdapterDecisions> found;
+    bool allowed = true;
+    for (const std::string& adapter : adaptersAsked(options, decider.profile())) {
+        found.push_back(decisionsOn(decider, options, questions, adapter));
+        for (const auto& [protocol, decision] : found.back().decisions) {
+            allowed = allowed && !decision.denied;
+        }
+    }
+    if (options.json) {
+        Json::Value document = documentOf(store, options, questions, true, allowed);
+        document["from"] = options.from;
+        if (!options.to.empty()) {
+            document["to"] = options.to;
+        }
+        for (const AdapterDecisions& adapter : found) {
+            Json::Value entry;
+            entry["name"] = adapter.adapter;
+            for (const auto& [protocol, decision] : adapter.decisions) {
+                entry["decisions"].append(decisionDocument(decider, protocol, decision));
+            }
+            document["adapters"].append(entry);
+        }
+        printJson(document);
+    } else {
+        printHeading(store, options, questions);
+        printDecisions(decider, found);
     }
     if (!allowed) {
         endWith(kExitBlocked);
