@@ -1,12 +1,19 @@
-/// tarnfw profile: list, create, copy, rename, delete, use; show and edit have their own sources.
+/// tarnfw profile: list, show, create, copy, rename, delete, use, edit.
+#include <unistd.h>
+
+#include <algorithm>
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <json/json.h>
+#include <boost/algorithm/string/join.hpp>
 
+#include "tarnfirewall/fwDB.h"
+#include "tarnfirewall/fwTypes.h"
 #include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
@@ -14,10 +21,12 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
-#include "commands/profileCommands.h"
+#include "commands/context.h"
+#include "process/editor.h"
 #include "process/signalsWait.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/profileDocument.h"
+#include "tarnfwadmin/ruleText.h"
 
 namespace tarnfw {
 namespace {
@@ -63,6 +72,84 @@ void list(bool json) {
     }
     for (const std::string& name : names) {
         std::cout << (name == active ? "* " : "  ") << printable(name) << '\n';
+    }
+}
+
+// ---- show ----
+
+bool isGlobal(const std::string& adapter) {
+    return adapter == FW::FW_ADAPTER_GLOBAL;
+}
+
+/// A rule's flags, then its name and its labels.
+std::string notesOf(const FW::FWRULE& rule) {
+    std::vector<std::string> notes;
+    const auto addIf = [&](bool holds, const char* note) {
+        if (holds) {
+            notes.emplace_back(note);
+        }
+    };
+    addIf(!rule.enable, "off");
+    addIf(rule.adapterDirect == FW::FW_ADAPTER_DIRECT_OUT, "outgoing");
+    addIf(rule.blLog, "logged");
+    addIf(FW::fwRuleIsReserved(rule), "reserved");
+    std::string text = boost::join(notes, ", ");
+    if (!rule.name.empty()) {
+        text.append(text.empty() ? "" : " ").append("\"").append(rule.name).append("\"");
+    }
+    for (const std::string& label : rule.labelList) {
+        text.append(text.empty() ? "" : " ").append("[").append(label).append("]");
+    }
+    return text;
+}
+
+void addRule(Table& table, std::size_t position, const FW::FWRULE& rule) {
+    const auto paint = [&](Paint usual) { return rule.enable ? usual : Paint::kFaint; };
+    table.addRow({{std::to_string(position), paint(Paint::kPlain)},
+                  {policyText(rule.policy), paint(policyPaint(rule.policy))},
+                  {portText(rule), paint(Paint::kPlain)},
+                  {addressText(rule), paint(Paint::kPlain)},
+                  {familyText(rule.ipType), paint(Paint::kPlain)},
+                  {notesOf(rule), paint(Paint::kPlain)}});
+}
+
+void printAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
+    std::cout << '\n' << painted(printable(adapter), Paint::kStrong) << '\n';
+    const auto rules = profile.rules.find(adapter);
+    if (rules != profile.rules.end() && !rules->second.empty()) {
+        Table table({"#", "Action", "What", "Address", "Family", "Notes"});
+        std::size_t position = 0;
+        for (const FW::FWRULE& rule : rules->second) {
+            addRule(table, ++position, rule);
+        }
+        table.print(2);
+    }
+    const auto policy = profile.adapterPolicyMap.find(adapter);
+    if (isGlobal(adapter)) {
+        std::cout << "  default policy: none (the adapters decide)\n";
+    } else if (policy != profile.adapterPolicyMap.end()) {
+        std::cout << "  default policy: "
+                  << painted(policyText(policy->second), policyPaint(policy->second)) << '\n';
+    }
+}
+
+void show(const std::string& name, bool json) {
+    const Context context(StoreSession::Access::kRead);
+    const FW::FWPROFILE& profile = context.store().profile(name);
+    const bool active = profile.name == context.store().activeProfile();
+    if (json) {
+        Json::Value document;
+        FW::TARNFW_JSON_DB().profileToJson(profile, document);
+        document["active"] = active;
+        printJson(document);
+        return;
+    }
+    std::cout << "Profile " << printable(profile.name) << (active ? " (active)" : "") << '\n';
+    std::vector<std::string> adapters = adaptersOf(profile);
+    // In the order in which packets pass them.
+    (void)std::stable_partition(adapters.begin(), adapters.end(), isGlobal);
+    for (const std::string& adapter : adapters) {
+        printAdapter(profile, adapter);
     }
 }
 
@@ -176,6 +263,122 @@ void use(const std::string& name, const ReloadOptions& reload) {
     }
 }
 
+// ---- edit: a document in the person's editor ----
+
+/// Ends the command without storing the text.
+[[noreturn]] void keep(const PrivateText& text, const std::string& why, ErrorKind kind) {
+    throw Error(kind, why + "; nothing was stored, the text is kept in " + text.path());
+}
+
+bool editAgain(const PrivateText& text) {
+    if (isatty(STDIN_FILENO) != 1) {
+        return false;
+    }
+    std::cerr << "The text is in " << text.path() << ". Edit again? [Y/n] " << std::flush;
+    std::string answer;
+    return std::getline(std::cin, answer) &&
+           (answer.empty() || answer[0] == 'y' || answer[0] == 'Y');
+}
+
+/// Edits the text once; nothing if it is still `original`.
+std::optional<ProfileDocument> edited(const PrivateText& text, const std::string& original,
+                                      const std::string& name) {
+    const std::string failure = runEditor(text.path());
+    const bool changed = text.read() != original;
+    if (!failure.empty() && changed) {
+        keep(text, failure, ErrorKind::kSystem);
+    }
+    if (!failure.empty()) {
+        text.remove();
+        throw Error(ErrorKind::kSystem, failure + "; nothing was changed");
+    }
+    if (!changed) {
+        return std::nullopt;
+    }
+    ProfileDocument document(text.read());
+    document.requireName(name);
+    return document;
+}
+
+/// Replaces the document, if it is still `original`.
+void store(Context& context, const ProfileDocument& document, const std::string& original) {
+    const std::string& name = document.profile().name;
+    if (!context.store().hasProfile(name)) {
+        throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) + " cannot be read");
+    }
+    if (context.store().textOf(name) != original) {
+        throw Error(ErrorKind::kSystem,
+                    "profile " + inQuotes(name) + " was changed by another program meanwhile");
+    }
+    context.session().storeProfile(document.profile());
+}
+
+/// Edits until the document is valid; nothing if the text was not changed.
+std::optional<ProfileDocument> validDocument(const PrivateText& text, const std::string& original,
+                                             const std::string& name) {
+    for (;;) {
+        std::optional<ProfileDocument> document = edited(text, original, name);
+        if (!document) {
+            return std::nullopt;
+        }
+        const bool valid = document->check();
+        warn(name, document->findings());
+        if (valid) {
+            return document;
+        }
+        if (!editAgain(text)) {
+            keep(text, "profile " + inQuotes(name) + " is invalid", ErrorKind::kInvalid);
+        }
+    }
+}
+
+/// The store, with the document in it.
+std::unique_ptr<Context> stored(const ProfileDocument& document, const std::string& original,
+                                const ReloadOptions& reload, const PrivateText& text) {
+    try {
+        auto context = std::make_unique<Context>(StoreSession::Access::kChange);
+        requireAppliable(*context, document.profile(), reload);
+        store(*context, document, original);
+        context->session().unlock();
+        return context;
+    } catch (const Error& failure) {
+        keep(text, failure.what(), failure.kind());
+    }
+}
+
+/// Throws Error for a default editor without a terminal. A chosen editor may need none.
+void requireEditable() {
+    if (isatty(STDIN_FILENO) != 1 && chosenEditor().empty()) {
+        throw Error(ErrorKind::kNotFound,
+                    "there is no terminal to edit on; use \"tarnfw profile create NEW --from "
+                    "FILE\", or an EDITOR that needs no terminal");
+    }
+}
+
+void edit(const std::string& wanted, const ReloadOptions& reload) {
+    std::string name;
+    std::string original;
+    {
+        Context context(StoreSession::Access::kRead);
+        requireReloadable(context, reload);
+        name = wanted.empty() ? context.store().activeProfile() : wanted;
+        context.store().requireProfile(name);
+        requireEditable();
+        original = context.store().textOf(name);
+    }
+    const PrivateText text("profile.json", original);
+    const std::optional<ProfileDocument> document = validDocument(text, original, name);
+    if (!document) {
+        text.remove();
+        std::cout << "Profile " << inQuotes(name) << " is unchanged\n";
+        return;
+    }
+    const std::unique_ptr<Context> context = stored(*document, original, reload, text);
+    text.remove();
+    std::cout << "Profile " << inQuotes(name) << " stored\n";
+    finishChange(*context, name, reload);
+}
+
 // ---- Options ----
 
 void addList(Command& group) {
@@ -183,6 +386,18 @@ void addList(Command& group) {
     const auto json = std::make_shared<bool>(false);
     addJsonFlag(command, *json);
     command.run([json] { list(*json); });
+}
+
+void addShow(Command& group) {
+    struct Values {
+        std::string name;
+        bool json = false;
+    };
+    Command& command = group.subcommand("show", "Print a profile's rules in plain words");
+    const auto values = std::make_shared<Values>();
+    command.option("NAME", values->name, "The profile; by default the active one").placeholder("");
+    addJsonFlag(command, values->json);
+    command.run([values] { show(values->name, values->json); });
 }
 
 void addName(Command& command, std::string& name, const char* placeholder, const char* help) {
@@ -238,18 +453,32 @@ void addUse(Command& group) {
     command.run([values] { use(values->name, values->reload); });
 }
 
+void addEdit(Command& group) {
+    struct Values {
+        std::string name;
+        ReloadOptions reload;
+    };
+    Command& command =
+        group.subcommand("edit", "Edit a profile's document; an invalid document is not stored");
+    const auto values = std::make_shared<Values>();
+    command.option("NAME", values->name, "The profile; by default the active one").placeholder("");
+    addReloadFlag(command, values->reload);
+    command.footer("The editor is $VISUAL, $EDITOR, \"editor\" or \"vi\".");
+    command.run([values] { edit(values->name, values->reload); });
+}
+
 }  // namespace
 
 void addProfileCommands(Command& app) {
     Command& profile = app.subcommand("profile", "The profiles on disk");
     addList(profile);
-    addProfileShowCommand(profile);
+    addShow(profile);
     addCreate(profile);
     addForTwoNames(profile, "copy", "Create a profile with the rules of another", copy);
     addForTwoNames(profile, "rename", "Rename a profile", rename);
     addDelete(profile);
     addUse(profile);
-    addProfileEditCommand(profile);
+    addEdit(profile);
 }
 
 }  // namespace tarnfw
