@@ -37,7 +37,7 @@ std::string errorsText(const FW::FWPROFILE& profile) {
     return errors == 0
                ? std::string()
                : "profile \"" + name + "\" has " + counted(errors, "error") + "; \"tarnfw check " +
-                     name + "\" names " + (errors == 1 ? "it" : "them");
+                     name + "\" lists " + (errors == 1 ? "it" : "them");
 }
 
 void requireValid(const FW::FWPROFILE& profile) {

@@ -173,7 +173,7 @@ Json::Value trialJson(const std::optional<TrialState>& trial) {
 std::string trialText(const TrialState& trial) {
     const std::string name = "of " + inQuotes(trial.profile);
     return trial.secondsLeft ? name + ", " + std::to_string(*trial.secondsLeft) + " s left"
-                             : name + " , abandoned; \"tarnfw try --cancel\" ends it";
+                             : name + ", abandoned; \"tarnfw try --cancel\" ends it";
 }
 
 void printAdapters(const std::vector<AdapterState>& states) {
