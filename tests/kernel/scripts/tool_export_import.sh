@@ -21,7 +21,7 @@ same_store() {
     diff -u "$out/$1.store" "$out/now.store"
 }
 newest_backup() {
-    find "$kBackups" -name '*.json' | LC_ALL=C sort | tail -n 1
+    find "$kBackups" -name '*.json' | LC_ALL=C sort --version-sort | tail -n 1
 }
 # configuration FILE: an exported document in a form to compare.
 configuration() {
