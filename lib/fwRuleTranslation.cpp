@@ -110,6 +110,10 @@ std::string routerInterface(const std::string& interface) {
 
 // ---- Ports ----
 
+// How many entries of a rule's `portList` go into one line; more make further lines. A multiport
+// match takes 15 ports and counts a range twice, so seven entries always fit.
+constexpr std::size_t kPortsPerLine = 7;
+
 constexpr char kIgmp[] = "-p igmp ";
 
 /// Appends a port entry as iptables reads it: "6000-6010" as "6000:6010", and "80-80" as "80".
@@ -140,8 +144,8 @@ void appendPortMatches(const char* protocolName, bool sourceSide,
         return;
     }
     start += sourceSide ? " -m multiport --sports " : " -m multiport --dports ";
-    for (std::size_t first = 0; first < ports.size(); first += FW_PORTS_PER_LINE) {
-        const std::size_t end = std::min(first + FW_PORTS_PER_LINE, ports.size());
+    for (std::size_t first = 0; first < ports.size(); first += kPortsPerLine) {
+        const std::size_t end = std::min(first + kPortsPerLine, ports.size());
         std::string& match = fragments.emplace_back(start);
         for (std::size_t i = first; i < end; ++i) {
             if (i > first) {

@@ -148,17 +148,4 @@ VerdictStep nextVerdict(FW_POLICY current, FW_POLICY policy, bool anyAddress) {
     return (anyAddress ? kAnyAddress : kSomeAddresses)[row][columnOf(policy)];
 }
 
-int severityOf(FW_POLICY verdict) {
-    switch (verdict) {
-        case FW_POLICY_DENY:
-            return 3;
-        case FW_POLICY_MIXED:
-            return 2;
-        case FW_POLICY_ALLOW:
-            return 1;
-        default:
-            return 0;
-    }
-}
-
 }  // namespace FW

@@ -27,7 +27,4 @@ struct VerdictStep {
 /// the rule is for any address (`ipGroup` 5) or for some.
 VerdictStep nextVerdict(FW_POLICY current, FW_POLICY policy, bool anyAddress);
 
-/// How verdicts of several ports merge: the higher rank wins.
-int severityOf(FW_POLICY verdict);
-
 }  // namespace FW

@@ -306,7 +306,7 @@ bool TARNFW::fwServIsBlocked(const std::string& servName, const std::string& ada
         }
         for (const auto& [name, verdict] : verdicts) {
             FW_POLICY& merged = result[name];  // a new entry says "allowed"
-            if (severityOf(verdict) > severityOf(merged)) {
+            if (fwVerdictRank(verdict) > fwVerdictRank(merged)) {
                 merged = verdict;
             }
         }

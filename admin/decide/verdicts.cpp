@@ -24,19 +24,6 @@ constexpr struct {
     {"tcp+udp", FW::FW_PORT_PROTOCOL_TCP_UDP},
 };
 
-int severityOf(FW::FW_POLICY verdict) {
-    switch (verdict) {
-        case FW::FW_POLICY_DENY:
-            return 3;
-        case FW::FW_POLICY_MIXED:
-            return 2;
-        case FW::FW_POLICY_ALLOW:
-            return 1;
-        default:
-            return 0;
-    }
-}
-
 /// The library returns interim verdicts of "global" unchanged if the profile does not have the
 /// adapter.
 FW::FW_POLICY closed(FW::FW_POLICY verdict) {
@@ -62,7 +49,7 @@ AdapterAnswer answerFor(const std::string& adapter, const std::string& asked,
                 port.steps.push_back(std::move(step));
             }
         }
-        if (severityOf(port.verdict) > severityOf(answer.verdict)) {
+        if (FW::fwVerdictRank(port.verdict) > FW::fwVerdictRank(answer.verdict)) {
             answer.verdict = port.verdict;
         }
         answer.ports.push_back(std::move(port));

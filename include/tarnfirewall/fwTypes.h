@@ -4,7 +4,6 @@
 /// translation turns them into iptables lines.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <set>
@@ -23,6 +22,21 @@ enum FW_POLICY : std::int32_t {
     FW_POLICY_ALLOW_SOME = 4,  ///< interim verdict: some addresses allowed so far
     FW_POLICY_DENY_SOME = 5    ///< interim verdict: some addresses blocked so far
 };
+
+/// How verdicts on several ports merge: the one with the highest rank is that on all of them.
+/// Blocked comes before mixed, mixed before allowed, allowed before undecided.
+inline int fwVerdictRank(FW_POLICY verdict) {
+    switch (verdict) {
+        case FW_POLICY_DENY:
+            return 3;
+        case FW_POLICY_MIXED:
+            return 2;
+        case FW_POLICY_ALLOW:
+            return 1;
+        default:
+            return 0;
+    }
+}
 
 /// Protocol codes of rules, of queries and of the service catalogue.
 enum FW_PORT_PROTOCOL : std::int32_t {
@@ -89,10 +103,6 @@ inline const std::vector<std::string> FW_FIREWALL_CHAINS = {"INPUT_FIREWALL", "F
 /// The kernel modules that the firewall loads besides the core modules, in loading order.
 inline const std::vector<std::string> FW_FIREWALL_MODULES = {"compat_xtables.ko", "xt_geoip.ko",
                                                              "xt_mac.ko"};
-
-/// How many entries of a rule's `portList` go into one line; more make further lines. A multiport
-/// match takes 15 ports and counts a range twice, so seven entries always fit.
-inline constexpr std::size_t FW_PORTS_PER_LINE = 7;
 
 /// One firewall rule. Every field but `ruleID` is stored under its own name; a fresh rule holds the
 /// values below.
