@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <utility>
 
-#include "tarncore.h"
 #include "tarnsdk.h"
 
 #include "tarnfirewall/tarnFW.h"
@@ -40,6 +39,12 @@ constexpr char kDamaged[] = ".damaged";
 
 std::string copyOf(const std::string& path) {
     return kCopyDir + fs::path(path).filename().string();
+}
+
+/// A file of the run directory, which is created when missing.
+std::string pathInRunDir(const std::string& name) {
+    makeDirectory(kRunDir);
+    return std::string(kRunDir).append("/").append(name);
 }
 
 bool isWholeFile(const std::string& path) {
@@ -77,16 +82,11 @@ void makeDirectory(const char* path) {
 
 // ---- Session ------------------------------------------------------------------------------------
 
-ToolLock::ToolLock(const std::string& name) {
-    makeDirectory(kRunDir);
-    const std::string path = std::string(kRunDir).append("/").append(name);
-    if (TLIBCFileLockTimeByFile(path.c_str(), 1, kLockSeconds, &fd_) != 1) {
-        throw Error(ErrorKind::kBusy, "cannot lock " + path + ": another tarnfw is running");
+ToolLock::ToolLock(const std::string& name) : lock_(pathInRunDir(name), kLockSeconds) {
+    if (!lock_.held()) {
+        throw Error(ErrorKind::kBusy, "cannot lock " + std::string(kRunDir) + "/" + name +
+                                          ": another tarnfw is running");
     }
-}
-
-ToolLock::~ToolLock() {
-    (void)TLIBCFileUnlockByFile(fd_);
 }
 
 StoreSession::StoreSession(Access access)

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/store.h"
 
 namespace tarnfw {
@@ -26,12 +27,9 @@ class ToolLock {
 public:
     /// Waits up to 30 s for the lock file `name` of the run directory; throws Error, kBusy.
     explicit ToolLock(const std::string& name);
-    ~ToolLock();
-    ToolLock(const ToolLock&) = delete;
-    ToolLock& operator=(const ToolLock&) = delete;
 
 private:
-    int fd_ = -1;
+    FileLock lock_;
 };
 
 /// The store for one task. Create one session at the beginning and pass it on: its snapshot is then

@@ -8,8 +8,6 @@
 
 #include <json/json.h>
 
-#include "tarncore.h"
-
 #include "tarnfirewall/tarnFW.h"
 #include "tarnfirewall/tarnIptablesModule.h"
 
@@ -20,6 +18,7 @@
 #include "commands/context.h"
 #include "process/trial.h"
 #include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/ruleText.h"
 
 namespace tarnfw {
@@ -82,14 +81,12 @@ bool isClosed(const std::vector<BaseFilter>& filters) {
 
 /// Whether a reload was interrupted, rather than still running.
 bool wasInterrupted(const std::vector<BaseFilter>& filters) {
-    int lock = -1;
-    if (!isClosed(filters) || TLIBCFileLockTimeByFile(kReloadLock, 1, 0, &lock) != 1) {
+    if (!isClosed(filters)) {
         return false;
     }
-    const bool closed =
-        isClosed(baseFilters());  // the reload may have ended before the lock was taken
-    (void)TLIBCFileUnlockByFile(lock);
-    return closed;
+    const FileLock lock(kReloadLock, 0);
+    // The reload may have ended before the lock was taken.
+    return lock.held() && isClosed(baseFilters());
 }
 
 /// Whether the active profile has rules, none of which the kernel has. A profile that cannot be

@@ -12,10 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include "tarncore.h"
-
 #include "tarnfirewall/tarnFW.h"
 
+#include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/storeSession.h"
 
 namespace tarnfw {
@@ -139,14 +138,10 @@ bool createTestProfile(const std::string& name) {
 
 /// Puts the candidate's rules in force.
 bool apply(const std::string& name) {
-    int lock = -1;
-    if (TLIBCFileLockTimeByFile(kReloadLock, 1, kLockSeconds, &lock) != 1) {
-        return false;
-    }
-    const bool applied = succeeded(
-        [&] { return createTestProfile(name) && FW::TARNFW().TestApplyingProfile(name); });
-    (void)TLIBCFileUnlockByFile(lock);
-    return applied;
+    const FileLock lock(kReloadLock, kLockSeconds);
+    return lock.held() && succeeded([&] {
+               return createTestProfile(name) && FW::TARNFW().TestApplyingProfile(name);
+           });
 }
 
 /// Makes the tried profile the active one; if that fails, the previous one is active again.
