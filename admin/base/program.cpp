@@ -1,26 +1,23 @@
 #include "tarnfwadmin/program.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <array>
-#include <cstring>
 #include <sstream>
 
 #include <boost/algorithm/string/predicate.hpp>
 
-#include "base/childProcess.h"
-#include "base/descriptor.h"
+#include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/error.h"
+#include "tarnfwadmin/process.h"
 
 namespace tarnfw {
 namespace {
 
-// Exit statuses of a new process that does not become the program.
+// The exit status of a new process that does not get as far as the program.
 constexpr int kNotEntered = 126;
-constexpr int kNotRun = 127;
 
 /// Reads two streams until both have ended.
 void readBoth(int first, std::string& firstText, int second, std::string& secondText) {
@@ -47,37 +44,23 @@ void readBoth(int first, std::string& firstText, int second, std::string& second
 
 }  // namespace
 
-ProgramAnswer runProgram(std::vector<std::string> words, int input,
+ProgramAnswer runProgram(const std::vector<std::string>& words, int input,
                          const std::function<bool()>& enter) {
-    const std::string program = words.front();
-    std::vector<char*> argv;
-    argv.reserve(words.size() + 1);
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
-
+    const std::string& program = words.front();
     Pipe output;
     Pipe errors;
-    const pid_t process = fork();
-    if (process < 0) {
-        throw Error(ErrorKind::kSystem, "cannot start " + program + ": " + std::strerror(errno));
-    }
-    if (process == 0) {
-        if ((enter && !enter()) || dup2(input, STDIN_FILENO) < 0 ||
-            dup2(output.writeEnd.get(), STDOUT_FILENO) < 0 ||
-            dup2(errors.writeEnd.get(), STDERR_FILENO) < 0) {
-            _exit(kNotEntered);
-        }
-        (void)execv(program.c_str(), argv.data());
-        _exit(kNotRun);
-    }
+    const pid_t process = startProcess(program, [&] {
+        const bool entered = (!enter || enter()) && dup2(input, STDIN_FILENO) >= 0 &&
+                             dup2(output.writeEnd.get(), STDOUT_FILENO) >= 0 &&
+                             dup2(errors.writeEnd.get(), STDERR_FILENO) >= 0;
+        return entered ? becomeProgram(words) : kNotEntered;
+    });
     (void)output.writeEnd.close();
     (void)errors.writeEnd.close();
     ProgramAnswer answer;
     readBoth(output.readEnd.get(), answer.output, errors.readEnd.get(), answer.errors);
-    answer.status = exitStatusOf(process).value_or(kNotRun);
-    if (answer.status == kNotEntered || answer.status == kNotRun) {
+    answer.status = exitStatusOf(process).value_or(kProgramNotRun);
+    if (answer.status == kNotEntered || answer.status == kProgramNotRun) {
         throw Error(ErrorKind::kSystem, "cannot run " + program);
     }
     return answer;

@@ -2,14 +2,13 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <sstream>
 
-#include "base/descriptor.h"
+#include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/error.h"
 
 namespace tarnfw {
@@ -70,8 +69,8 @@ ProgramAnswer PacketFilter::run(const std::string& family,
 
 ProgramAnswer PacketFilter::restore(const std::string& family, const std::string& text) const {
     // A file without a name: the tool may stop reading, and nobody has to wait for it to go on.
-    const Descriptor input(memfd_create("rules", MFD_CLOEXEC));
-    if (!input || !writeText(input.get(), text) || lseek(input.get(), 0, SEEK_SET) != 0) {
+    const Descriptor input = memoryFile("rules");
+    if (!writeText(input.get(), text) || lseek(input.get(), 0, SEEK_SET) != 0) {
         throw Error(ErrorKind::kSystem,
                     std::string("cannot keep the rules: ") + std::strerror(errno));
     }
@@ -96,7 +95,7 @@ ProgramAnswer PacketFilter::runTool(const std::string& program,
                                     const std::vector<std::string>& arguments, int input) const {
     std::vector<std::string> words = {program, "-w", kLockSeconds};
     words.insert(words.end(), arguments.begin(), arguments.end());
-    return runProgram(std::move(words), input, [this] { return enter(); });
+    return runProgram(words, input, [this] { return enter(); });
 }
 
 std::string programOf(const std::string& family) {

@@ -7,12 +7,12 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <sstream>
+#include <utility>
 
-#include "base/childProcess.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/error.h"
+#include "tarnfwadmin/process.h"
 #include "tarnfwadmin/storeSession.h"
 
 namespace tarnfw {
@@ -31,12 +31,7 @@ ScratchKernel::ScratchKernel() {
     makeDirectory(kRunDir);
     Pipe ready;
     Pipe hold;
-    holder_ = fork();
-    if (holder_ < 0) {
-        throw Error(ErrorKind::kSystem,
-                    std::string("cannot start a process: ") + std::strerror(errno));
-    }
-    if (holder_ == 0) {
+    holder_ = startProcess("a process for a network namespace", [&] {
         // Lives until the pipe is closed, at the latest when the tool ends.
         (void)hold.writeEnd.close();
         char byte = 0;
@@ -44,14 +39,14 @@ ScratchKernel::ScratchKernel() {
             while (read(hold.readEnd.get(), &byte, 1) < 0 && errno == EINTR) {
             }
         }
-        _exit(0);
-    }
-    hold_ = hold.writeEnd.release();
+        return 0;
+    });
+    hold_ = std::move(hold.writeEnd);
     (void)ready.writeEnd.close();
     // By number: the C library's header for it is not one for C++.
-    pidfd_ = static_cast<int>(syscall(SYS_pidfd_open, holder_, 0));
+    pidfd_ = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, holder_, 0)));
     char byte = 0;
-    if (pidfd_ < 0 || read(ready.readEnd.get(), &byte, 1) != 1) {
+    if (!pidfd_ || read(ready.readEnd.get(), &byte, 1) != 1) {
         end();
         throw Error(ErrorKind::kSystem,
                     "this system does not allow a network namespace to load rules in");
@@ -69,17 +64,13 @@ ScratchKernel::~ScratchKernel() {
 }
 
 void ScratchKernel::end() const {
-    close(hold_);
     // Closing the pipe is not enough: processes that were forked since may have it open, too.
     (void)kill(holder_, SIGKILL);
-    if (pidfd_ >= 0) {
-        close(pidfd_);
-    }
     (void)waitStatusOf(holder_);
 }
 
 bool ScratchKernel::enter() const {
-    return setns(pidfd_, CLONE_NEWNET) == 0 &&
+    return setns(pidfd_.get(), CLONE_NEWNET) == 0 &&
            setenv(kLockVariable, (std::string(kRunDir) + kLockName).c_str(), 1) == 0;
 }
 

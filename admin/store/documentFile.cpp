@@ -16,7 +16,7 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 
-#include "base/descriptor.h"
+#include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/text.h"
 

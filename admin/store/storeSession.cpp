@@ -15,7 +15,7 @@
 
 #include "tarnfirewall/tarnFW.h"
 
-#include "base/descriptor.h"
+#include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/text.h"

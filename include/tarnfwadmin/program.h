@@ -18,7 +18,7 @@ struct ProgramAnswer {
 /// standard input, a descriptor. `enter` is called in the new process first; where it returns
 /// false, the program does not run.
 /// Throws Error, kSystem, when it cannot be run or was killed.
-ProgramAnswer runProgram(std::vector<std::string> words, int input,
+ProgramAnswer runProgram(const std::vector<std::string>& words, int input,
                          const std::function<bool()>& enter = {});
 
 /// The words of a complaint in one line, without the advice at its end ("Try `iptables -h' ...").

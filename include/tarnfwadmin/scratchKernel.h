@@ -2,8 +2,11 @@
 /// in and which ends with the object.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
+#include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/packetFilter.h"
 #include "tarnfwadmin/translation.h"
 
@@ -27,9 +30,9 @@ private:
     void setUpBase() const;
     void end() const;
 
-    int holder_ = -1;  // a process that does nothing but keep the namespace
-    int pidfd_ = -1;   // the same, as setns() wants it
-    int hold_ = -1;    // a pipe; the process ends when it is closed
+    pid_t holder_ = -1;  // a process that does nothing but keep the namespace
+    Descriptor pidfd_;   // the same, as setns() wants it
+    Descriptor hold_;    // a pipe; the process ends when it is closed
 };
 
 }  // namespace tarnfw

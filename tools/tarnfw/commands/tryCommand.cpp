@@ -4,15 +4,17 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
-#include <sys/wait.h>
+#include <syslog.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
+#include <exception>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "tarnfirewall/tarnFW.h"
 
@@ -23,6 +25,8 @@
 #include "commands/commands.h"
 #include "commands/context.h"
 #include "process/trial.h"
+#include "tarnfwadmin/descriptor.h"
+#include "tarnfwadmin/process.h"
 
 namespace tarnfw {
 namespace {
@@ -87,19 +91,24 @@ void leaveTerminal() {
 /// Starts the watchdog; returns the connection to it.
 Channel startWatchdog(const Trial& trial, pid_t& process) {
     const Channel listener = listenForTerminals();
-    auto [here, there] = connectedChannels();
-    process = fork();
-    if (process < 0) {
+    std::pair<Channel, Channel> ends = connectedChannels();
+    try {
+        process = startProcess("the watchdog", [&] {
+            ends.first = Channel();
+            leaveTerminal();
+            try {
+                watchTrial(trial, ends.second, listener);
+                return 0;
+            } catch (const std::exception& error) {
+                syslog(LOG_ERR, "%s", error.what());
+                return 1;  // the terminal restores the rules, as after a killed watchdog
+            }
+        });
+    } catch (const Error&) {
         stopListening();
-        throw Error(ErrorKind::kSystem, "cannot start the watchdog");
+        throw;
     }
-    if (process == 0) {
-        here = Channel();
-        leaveTerminal();
-        watchTrial(trial, there, listener);
-        _exit(0);
-    }
-    return std::move(here);
+    return std::move(ends.first);
 }
 
 // ---- The terminal's side ----
@@ -121,7 +130,7 @@ public:
         announce();
         for (;;) {
             std::array<pollfd, 3> events = {pollfd{watchdog_.fd(), POLLIN, 0},
-                                            pollfd{signals_.fd(), POLLIN, 0},
+                                            pollfd{signals_.get(), POLLIN, 0},
                                             pollfd{onTerminal_ ? STDIN_FILENO : -1, POLLIN, 0}};
             (void)poll(events.data(), events.size(), kTick);
             if (events[0].revents != 0) {
@@ -130,7 +139,7 @@ public:
             }
             if (events[1].revents != 0) {
                 ask(kAskCancel);
-                signals_ = Channel();  // one is enough
+                (void)signals_.close();  // one is enough
             }
             if (events[2].revents != 0) {
                 ask(enterPressed() ? kAskConfirm : kAskCancel);
@@ -178,7 +187,7 @@ private:
 
     const Trial& trial_;
     const Channel& watchdog_;
-    Channel signals_;
+    Descriptor signals_;
     bool onTerminal_;
     Clock::time_point end_ = Clock::now() + trial_.timeout;
 };
@@ -231,7 +240,7 @@ void tryProfile(const TryOptions& options) {
     if (report && report->get("state", "").asString() == kTrialGoesOn) {
         report = Countdown(trial, watchdog, signals).wait();
     }
-    (void)waitpid(process, nullptr, 0);
+    (void)waitStatusOf(process);  // its report says how it ended
     if (!report) {
         goBackWithoutWatchdog(trial.name);
     }

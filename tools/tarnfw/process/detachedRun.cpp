@@ -1,6 +1,5 @@
 #include "process/detachedRun.h"
 
-#include <sys/mman.h>
 #include <sys/types.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -12,10 +11,10 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 
-#include "base/childProcess.h"
-#include "base/descriptor.h"
 #include "process/signalsWait.h"
+#include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/error.h"
+#include "tarnfwadmin/process.h"
 
 namespace tarnfw {
 namespace {
@@ -24,15 +23,6 @@ constexpr int kSucceeded = 0;
 constexpr int kFailed = 1;
 constexpr int kThrew = 2;
 
-/// A file without a name, for texts that both processes have.
-Descriptor sharedText(const char* name) {
-    Descriptor text(memfd_create(name, MFD_CLOEXEC));
-    if (!text) {
-        throw Error(ErrorKind::kSystem, "out of memory for the messages of a reload");
-    }
-    return text;
-}
-
 std::string contentOf(const Descriptor& text) {
     std::string content;
     (void)lseek(text.get(), 0, SEEK_SET);
@@ -40,21 +30,21 @@ std::string contentOf(const Descriptor& text) {
     return content;
 }
 
-/// The new process. It never returns to the caller.
-[[noreturn]] void runInChild(const std::function<bool()>& work, const Descriptor& errors,
-                             const Descriptor& reason) {
+/// What the new process does; its exit status.
+int runInChild(const std::function<bool()>& work, const Descriptor& errors,
+               const Descriptor& reason) {
     (void)setsid();
     (void)dup2(errors.get(), STDERR_FILENO);
     // The process number distinguishes these log lines from those of other programs.
     openlog("tarnfw", LOG_PERROR | LOG_PID, LOG_USER);
-    int status = kThrew;
     try {
-        status = work() ? kSucceeded : kFailed;
+        const bool succeeded = work();
         std::cout << std::flush;
+        return succeeded ? kSucceeded : kFailed;
     } catch (const std::exception& error) {
         (void)writeText(reason.get(), reasonOf(error));
+        return kThrew;
     }
-    _exit(status);
 }
 
 /// What the process wrote, for the person who called it; lines of the log only `withLog`.
@@ -75,17 +65,13 @@ std::string messagesOf(const std::string& errors, pid_t process, bool withLog) {
 }  // namespace
 
 DetachedRun runDetached(const std::function<bool()>& work, const std::function<void()>& meanwhile) {
-    const Descriptor errors = sharedText("errors");
-    const Descriptor reason = sharedText("reason");
+    // Files of both processes: the new one writes them, this one reads them afterwards.
+    const Descriptor errors = memoryFile("errors");
+    const Descriptor reason = memoryFile("reason");
     std::cout << std::flush;  // or both would print it
     const SignalsWait wait;
-    const pid_t process = fork();
-    if (process < 0) {
-        throw Error(ErrorKind::kSystem, "cannot start a process");
-    }
-    if (process == 0) {
-        runInChild(work, errors, reason);
-    }
+    const pid_t process =
+        startProcess("a process", [&] { return runInChild(work, errors, reason); });
     std::exception_ptr thrown;
     try {
         if (meanwhile) {

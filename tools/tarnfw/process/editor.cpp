@@ -11,10 +11,12 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <sstream>
 #include <system_error>
 
 #include "tarnfwadmin/error.h"
+#include "tarnfwadmin/process.h"
 #include "tarnfwadmin/text.h"
 
 namespace fs = std::filesystem;
@@ -22,9 +24,8 @@ namespace fs = std::filesystem;
 namespace tarnfw {
 namespace {
 
-// Exit statuses of the shell: for a command that it cannot find, and, with the signal's number
-// added, for one that a signal ended.
-constexpr int kNotFound = 127;
+// The exit status of a shell for a command that a signal ended, less the signal's number. That for
+// a command that it cannot find is kProgramNotRun.
 constexpr int kSignalled = 128;
 
 /// Signals that belong to the editor for as long as this exists.
@@ -83,7 +84,7 @@ std::string failureOf(const std::string& command, int status) {
     if (status == 0) {
         return {};
     }
-    if (status == kNotFound) {
+    if (status == kProgramNotRun) {
         return editor + "cannot be found";
     }
     return status > kSignalled
@@ -142,23 +143,20 @@ std::string runEditor(const std::string& path) {
     // does not reach the editor, keeps the shell waiting for one that does not mind a signal.
     const std::string line = "trap : INT QUIT; " + command + " \"$@\"";
     const SignalsIgnored ignored;
-    const pid_t editor = fork();
-    if (editor < 0) {
-        return std::string("no editor can be started: ") + strerror(errno);
+    std::optional<int> status;
+    try {
+        status = waitStatusOf(startProcess("an editor", [&] {
+            ignored.restore();
+            return becomeProgram({"/bin/sh", "-c", line, "sh", path});
+        }));
+    } catch (const Error& error) {
+        return error.what();
     }
-    if (editor == 0) {
-        ignored.restore();
-        (void)execl("/bin/sh", "sh", "-c", line.c_str(), "sh", path.c_str(), nullptr);
-        _exit(kNotFound);
-    }
-    int status = 0;
-    while (waitpid(editor, &status, 0) < 0) {
-        if (errno != EINTR) {
-            return std::string("cannot wait for the editor: ") + strerror(errno);
-        }
+    if (!status) {
+        return "the end of the editor cannot be awaited";
     }
     return failureOf(command,
-                     WIFSIGNALED(status) ? kSignalled + WTERMSIG(status) : WEXITSTATUS(status));
+                     WIFSIGNALED(*status) ? kSignalled + WTERMSIG(*status) : WEXITSTATUS(*status));
 }
 
 }  // namespace tarnfw

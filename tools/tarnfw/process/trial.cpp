@@ -14,6 +14,7 @@
 
 #include "tarnfirewall/tarnFW.h"
 
+#include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/storeSession.h"
 
@@ -49,7 +50,7 @@ public:
         for (;;) {
             std::array<pollfd, 3> events = {pollfd{terminal_.fd(), POLLIN, 0},
                                             pollfd{listener_.fd(), POLLIN, 0},
-                                            pollfd{signals_.fd(), POLLIN, 0}};
+                                            pollfd{signals_.get(), POLLIN, 0}};
             const auto left = timeLeft();
             if (left <= Clock::duration::zero()) {
                 return {false, "nobody confirmed in time", {}};
@@ -72,11 +73,11 @@ public:
     }
 
 private:
-    static Channel terminationSignals() {
+    static Descriptor terminationSignals() {
         sigset_t set;
         (void)sigemptyset(&set);
         (void)sigaddset(&set, SIGTERM);
-        return Channel(signalfd(-1, &set, SFD_CLOEXEC));
+        return Descriptor(signalfd(-1, &set, SFD_CLOEXEC));
     }
 
     Clock::duration timeLeft() const { return begin_ + trial_.timeout - Clock::now(); }
@@ -113,7 +114,7 @@ private:
     const Trial& trial_;
     const Channel& terminal_;
     const Channel& listener_;
-    Channel signals_;
+    Descriptor signals_;
     Clock::time_point begin_ = Clock::now();
 };
 
@@ -199,7 +200,7 @@ void watchTrial(const Trial& trial, const Channel& terminal, const Channel& list
     const Json::Value end = conclude(trial.name, decision);
     stopListening();
     terminal.send(end);
-    if (decision.asker.fd() >= 0) {
+    if (decision.asker) {
         decision.asker.send(end);
     }
 }

@@ -36,8 +36,8 @@ sockaddr_un socketAddress() {
 }
 
 Channel openSocket() {
-    Channel channel(socket(AF_UNIX, kSocketType, 0));
-    if (channel.fd() < 0) {
+    Channel channel(Descriptor(socket(AF_UNIX, kSocketType, 0)));
+    if (!channel) {
         throw Error(ErrorKind::kSystem,
                     std::string("cannot create a socket: ") + std::strerror(errno));
     }
@@ -46,29 +46,18 @@ Channel openSocket() {
 
 }  // namespace
 
-Channel::~Channel() {
-    if (fd_ >= 0) {
-        (void)close(fd_);
-    }
-}
-
-Channel& Channel::operator=(Channel&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-}
-
 void Channel::send(const Json::Value& message) const {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     const std::string text = Json::writeString(builder, message);
-    (void)::send(fd_, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    (void)::send(fd_.get(), text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
 std::optional<Json::Value> Channel::receive() const {
     std::array<char, kMaxMessage> buffer{};
     ssize_t length = -1;
     do {
-        length = recv(fd_, buffer.data(), buffer.size(), 0);
+        length = recv(fd_.get(), buffer.data(), buffer.size(), 0);
     } while (length < 0 && errno == EINTR);
     if (length <= 0) {
         return std::nullopt;
@@ -88,7 +77,7 @@ std::pair<Channel, Channel> connectedChannels() {
         throw Error(ErrorKind::kSystem,
                     std::string("cannot create a socket: ") + std::strerror(errno));
     }
-    return {Channel(ends[0]), Channel(ends[1])};
+    return {Channel(Descriptor(ends[0])), Channel(Descriptor(ends[1]))};
 }
 
 Channel listenForTerminals() {
@@ -113,7 +102,7 @@ Channel listenForTerminals() {
 }
 
 Channel acceptTerminal(const Channel& listener) {
-    Channel channel(accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+    Channel channel(Descriptor(accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC)));
     const timeval patience = {kPatienceSeconds, 0};
     (void)setsockopt(channel.fd(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
     return channel;

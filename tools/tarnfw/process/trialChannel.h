@@ -6,18 +6,18 @@
 
 #include <json/json.h>
 
+#include "tarnfwadmin/descriptor.h"
+
 namespace tarnfw {
 
 /// One end of a connection that carries whole JSON documents. Closed by its destructor.
 class Channel {
 public:
     Channel() = default;
-    explicit Channel(int fd) : fd_(fd) {}
-    ~Channel();
-    Channel(Channel&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Channel& operator=(Channel&& other) noexcept;
+    explicit Channel(Descriptor fd) : fd_(std::move(fd)) {}
 
-    int fd() const { return fd_; }
+    explicit operator bool() const { return static_cast<bool>(fd_); }
+    int fd() const { return fd_.get(); }
 
     /// Sends a document, without waiting. It is not a failure if the other end is closed.
     void send(const Json::Value& message) const;
@@ -26,7 +26,7 @@ public:
     std::optional<Json::Value> receive() const;
 
 private:
-    int fd_ = -1;
+    Descriptor fd_;
 };
 
 /// Two connected ends.

@@ -1,15 +1,14 @@
-/// An open file, closed with the object.
+/// Open files that are closed with the object, and reading and writing them whole.
 #pragma once
 
-#include <errno.h>
 #include <unistd.h>
 
-#include <array>
 #include <string>
 #include <utility>
 
 namespace tarnfw {
 
+/// Owns a file descriptor.
 class Descriptor {
 public:
     Descriptor() = default;
@@ -23,6 +22,7 @@ public:
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
 
+    /// -1 when there is none.
     int get() const { return fd_; }
     explicit operator bool() const { return fd_ >= 0; }
 
@@ -39,29 +39,22 @@ private:
     int fd_ = -1;
 };
 
+/// A pipe. Throws Error, kSystem, when it cannot be made.
+struct Pipe {
+    Pipe();
+
+    Descriptor readEnd;
+    Descriptor writeEnd;
+};
+
+/// An empty file in memory; `name` is for people who list the open files of a process.
+/// Throws Error, kSystem, when it cannot be made.
+Descriptor memoryFile(const char* name);
+
 /// Appends what is left of a file or stream. False, with errno, when it cannot be read.
-inline bool readAll(int fd, std::string& text) {
-    std::array<char, 65536> chunk;
-    for (;;) {
-        const ssize_t length = read(fd, chunk.data(), chunk.size());
-        if (length > 0) {
-            text.append(chunk.data(), static_cast<std::size_t>(length));
-        } else if (length == 0 || errno != EINTR) {
-            return length == 0;
-        }
-    }
-}
+bool readAll(int fd, std::string& text);
 
 /// Writes all of a text. False, with errno, when that fails.
-inline bool writeText(int fd, const std::string& text) {
-    for (std::size_t done = 0; done < text.size();) {
-        const ssize_t length = write(fd, text.data() + done, text.size() - done);
-        if (length < 0 && errno != EINTR) {
-            return false;
-        }
-        done += static_cast<std::size_t>(length > 0 ? length : 0);
-    }
-    return true;
-}
+bool writeText(int fd, const std::string& text);
 
 }  // namespace tarnfw
