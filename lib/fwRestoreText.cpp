@@ -176,7 +176,7 @@ void makePrintable(std::string& text) {
 // ==== RestoreText ================================================================================
 
 RestoreText::RestoreText(std::size_t bufferBytes) : mark_(kExaminedMark) {
-    while (mark_.size() <= bufferBytes) {
+    while (mark_.size() < bufferBytes + sizeof(kExaminedMark)) {
         mark_.append(std::min(bufferBytes, kLineBytes - 1), '#').append("\n");
     }
 }

@@ -26,6 +26,7 @@ constexpr int kNotStarted = 127;  // as a shell has it
 constexpr char kOwnLockFile[] = "XTABLES_LOCKFILE=/proc/self/fd/1";
 
 constexpr int kOutputPauseMilliseconds = 1;
+constexpr std::chrono::minutes kOutputLimit{5};
 
 constexpr char kXtablesLockPath[] = "/run/xtables.lock";
 constexpr mode_t kXtablesLockMode = 0600;
@@ -59,17 +60,19 @@ Descriptor memoryFileOf(const std::string& text) {
     return file;
 }
 
-std::string contentOf(const Descriptor& file) {
+/// What a file holds from byte `from` on. The size is asked for without seeking: the program that
+/// still writes to the file has the same position in it.
+std::string contentOf(const Descriptor& file, std::size_t from = 0) {
+    struct stat info {};
     std::string content;
-    const off_t size = file ? lseek(file.get(), 0, SEEK_END) : 0;
-    if (size <= 0) {
+    if (!file || fstat(file.get(), &info) != 0 || info.st_size <= static_cast<off_t>(from)) {
         return content;
     }
-    content.resize(static_cast<std::size_t>(size));
+    content.resize(static_cast<std::size_t>(info.st_size) - from);
     std::size_t filled = 0;
     while (filled < content.size()) {
         const ssize_t count = pread(file.get(), &content[filled], content.size() - filled,
-                                    static_cast<off_t>(filled));
+                                    static_cast<off_t>(from + filled));
         if (count < 0 && errno == EINTR) {
             continue;
         }
@@ -158,12 +161,20 @@ void ToolRun::feed(const std::string& text) {
 }
 
 bool ToolRun::awaitOutput(const std::string& line) {
-    const auto isPrinted = [&] { return contentOf(output_).find(line) != std::string::npos; };
+    using Clock = std::chrono::steady_clock;
+    std::string printed;
+    const auto isPrinted = [&] {
+        const std::size_t old = printed.size();
+        printed += contentOf(output_, old);
+        return printed.find(line, old - std::min(old, line.size())) != std::string::npos;
+    };
     // No event reports that a file has grown, so it is looked at again and again. The other end of
     // the input is closed when the program ends, which ends the pause.
     pollfd input = {input_.get(), 0, 0};
+    const Clock::time_point end = Clock::now() + kOutputLimit;
     while (input_ && !isPrinted()) {
-        if (poll(&input, 1, kOutputPauseMilliseconds) > 0) {
+        const int ended = poll(&input, 1, kOutputPauseMilliseconds);
+        if (ended > 0 || (ended < 0 && errno != EINTR) || Clock::now() > end) {
             return isPrinted();
         }
     }

@@ -63,7 +63,8 @@ public:
     /// keep that much for it. Does nothing when the program has ended, which its result shows.
     void feed(const std::string& text);
 
-    /// Waits until the program has printed `line`. Returns false when it ends without that.
+    /// Waits until the program has printed `line`. Returns false when it ends without that, and
+    /// after five minutes: the largest rulesets take seconds.
     bool awaitOutput(const std::string& line);
 
     /// No further input comes.

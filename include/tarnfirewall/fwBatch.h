@@ -33,8 +33,8 @@ public:
     /// before, with its counters. Both are saved and both texts examined before either is
     /// committed, and what a commit that failed may have changed is put back. The families differ
     /// only where that fails too, which is logged, or the caller's process ends between the two
-    /// commits. Policies stay, except those that a reload line by line left at DROP when it was
-    /// interrupted: they become ACCEPT in both families, and its rule in FIREWALL_RELOADING goes.
+    /// commits. Policies stay, except where a reload line by line was interrupted after it had set its
+    /// rule in FIREWALL_RELOADING: that rule goes, and they become ACCEPT in both families.
     /// Returns false, logged with the adapter, the line and the tool's own words, when a line is
     /// refused or a tool cannot be run. Waits up to 30 s for other programs that change the packet
     /// filter under the lock of iptables, such as another call of this.

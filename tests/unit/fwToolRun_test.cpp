@@ -162,6 +162,23 @@ TEST(ToolRunTest, ProgramThatBuffersItsOutputPrintsWhenItHasMoreThanThat) {
     EXPECT_EQ(run.finish().status, 0);
 }
 
+TEST(ToolRunTest, LookingAtTheOutputLeavesThePositionOfTheProgram) {
+    ToolRun run({"/usr/bin/perl", "-e",
+                 "syswrite STDOUT, '0123456789'; sysseek STDOUT, 2, 0; <STDIN>;"
+                 "syswrite STDOUT, 'xy'"});
+    ASSERT_TRUE(run.awaitOutput("9"));
+    run.feed("go on\n");
+    EXPECT_EQ(run.finish().output, "01xy456789");
+}
+
+TEST(ToolRunTest, AwaitingFindsALineThatComesInPieces) {
+    ToolRun run(shell("printf do; read -r line; printf 'ne\\n'; cat"));
+    ASSERT_TRUE(run.awaitOutput("do"));
+    run.feed("go on\n");
+    EXPECT_TRUE(run.awaitOutput("done\n"));
+    EXPECT_EQ(run.finish().status, 0);
+}
+
 TEST(ToolRunTest, AwaitingTellsThatTheProgramHasEnded) {
     ToolRun run(shell("read -r line; exit 2"));
     run.feed("line\n");
