@@ -15,25 +15,25 @@
 namespace tarnfw {
 namespace {
 
-// What the library adds to the name for a moment, ".lock" and ".tmp", must fit as well.
+// Leaves room for the suffixes of the library's temporary files, ".lock" and ".tmp".
 constexpr std::size_t kNameBytes = 250;
 
 constexpr char kSettingsName[] = "firewall_settings.json";
 
 /// Why a key cannot be the name of a profile's file; empty when it can. The library appends it to
-/// the directory as it stands.
-std::string faultOfKey(const std::string& key) {
+/// the directory unchanged.
+std::string keyError(const std::string& key) {
     if (key.find('/') != std::string::npos) {
-        return "would leave the profile directory";
+        return "points outside the profile directory";
     }
     if (boost::starts_with(key, ".")) {
-        return "begins with a dot, and would not be found";
+        return "begins with a dot, so the profile would not be found";
     }
     if (!boost::ends_with(key, ".json")) {
-        return "does not end in \".json\", and would not be found";
+        return "does not end in \".json\", so the profile would not be found";
     }
     if (key == kSettingsName) {
-        return "is the settings' file";
+        return "is the name of the settings file";
     }
     if (key.size() > kNameBytes) {
         return "is too long";
@@ -49,25 +49,25 @@ void checkKeysAndNames(const Json::Value& document, Findings& findings) {
     std::map<std::string, std::string> paths;  // by profile name
     for (const std::string& key : profiles.getMemberNames()) {
         const std::string path = memberPath(kConfigProfiles, key);
-        const std::string fault = faultOfKey(key);
-        if (!fault.empty()) {
-            findings.error(path, fault);
+        const std::string wrong = keyError(key);
+        if (!wrong.empty()) {
+            findings.error(path, wrong);
         }
         if (!profiles[key].isObject() || !profiles[key]["name"].isString()) {
-            continue;  // the schema says so
+            continue;  // checkSchema() has reported it
         }
         const std::string name = profiles[key]["name"].asString();
         const auto [known, isNew] = paths.emplace(name, path);
         if (!isNew) {
             findings.error(memberPath(path, "name"),
-                           inQuotes(name) + " is the name of " + known->second + " as well");
+                           inQuotes(name) + " is also the name of " + known->second);
         }
     }
     const Json::Value& settings = document[kConfigSettings];
     if (settings.isObject() && settings["profile"].isString() &&
         paths.count(settings["profile"].asString()) == 0) {
         findings.error(memberPath(kConfigSettings, "profile"),
-                       inQuotes(settings["profile"].asString()) + " is none of the profiles");
+                       inQuotes(settings["profile"].asString()) + " is not one of the profiles");
     }
 }
 

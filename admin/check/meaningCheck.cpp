@@ -17,11 +17,11 @@ namespace {
 
 using Json::Value;
 
-constexpr std::size_t kChainBytes = 28;  // as the kernel has them
+constexpr std::size_t kChainBytes = 28;  // the kernel's limit
 
 constexpr char kNoEffect[] = ": the rule has no effect";
 
-// ---- Reading what may be of any shape -----------------------------------------------------------
+// ---- Reading members of any type ----------------------------------------------------------------
 
 std::optional<int> codeOf(const Value& rule, const char* member) {
     const Value& value = rule[member];
@@ -47,7 +47,7 @@ bool isOff(const Value& rule) {
 
 // ---- One rule -----------------------------------------------------------------------------------
 
-/// The checks of one rule. Each looks at the members that it needs and leaves the others alone.
+/// The checks of one rule. Each reads only the members that it needs.
 class RuleCheck {
 public:
     RuleCheck(const Value& rule, RulePlace place, Machine& machine, Findings& findings)
@@ -69,8 +69,8 @@ private:
         findings_.warning(place_, path, text);
     }
 
-    /// A warning that only a rule in use needs.
-    void useless(const std::string& path, const std::string& text) {
+    /// Warns, unless the rule is off.
+    void warningIfOn(const std::string& path, const std::string& text) {
         if (!isOff(rule_)) {
             warning(path, text);
         }
@@ -82,10 +82,10 @@ private:
     void checkRange(const std::vector<std::string>& list);
     void checkCountries(const std::vector<std::string>& list);
     void checkCountry(const std::string& code, const std::string& where);
-    bool enough(const std::vector<std::string>& list, std::size_t needed, const char* what);
+    bool requireEntries(const std::vector<std::string>& list, std::size_t needed, const char* what);
     std::optional<Address> address(const std::vector<std::string>& list, std::size_t index);
     void checkFamily(const Address& address);
-    void superfluous(const char* member, std::size_t first, std::size_t size,
+    void warnIgnored(const char* member, std::size_t first, std::size_t size,
                      const std::string& reason);
 
     void checkPorts();
@@ -117,7 +117,7 @@ void RuleCheck::checkAddresses() {
             checkNetwork(*list);
             break;
         case FW::FW_IP_GROUP_NONE:
-            useless("ipGroup", std::string("2 matches no address") + kNoEffect);
+            warningIfOn("ipGroup", std::string("2 matches no address") + kNoEffect);
             break;
         case FW::FW_IP_GROUP_COUNTRIES:
             checkCountries(*list);
@@ -126,24 +126,25 @@ void RuleCheck::checkAddresses() {
             checkRange(*list);
             break;
         case FW::FW_IP_GROUP_ANY:
-            superfluous("ipList", 0, list->size(), "ipGroup 5 is any address");
+            warnIgnored("ipList", 0, list->size(), "ipGroup 5 matches any address");
             break;
         default:
             break;
     }
 }
 
-/// Entries that the library does not look at: the rule may apply to more than its author believes.
-void RuleCheck::superfluous(const char* member, std::size_t first, std::size_t size,
+/// Warns about entries that the library ignores: the rule may match more than its author expects.
+void RuleCheck::warnIgnored(const char* member, std::size_t first, std::size_t size,
                             const std::string& reason) {
     for (std::size_t i = first; i < size; ++i) {
-        warning(elementPath(member, i), "is not looked at: " + reason);
+        warning(elementPath(member, i), "is ignored: " + reason);
     }
 }
 
-bool RuleCheck::enough(const std::vector<std::string>& list, std::size_t needed, const char* what) {
+bool RuleCheck::requireEntries(const std::vector<std::string>& list, std::size_t needed,
+                               const char* what) {
     if (list.size() < needed) {
-        error("ipList", std::string("lacks ") + what);
+        error("ipList", std::string("needs ") + what);
         return false;
     }
     return true;
@@ -164,31 +165,33 @@ std::optional<Address> RuleCheck::address(const std::vector<std::string>& list, 
 void RuleCheck::checkFamily(const Address& address) {
     const std::optional<int> type = codeOf(rule_, "ipType");
     const std::string family = address.isIpv6() ? "IPv6" : "IPv4";
-    const int right = address.isIpv6() ? FW::FW_IP_TYPE_V6 : FW::FW_IP_TYPE_V4;
-    if (!type || *type == right) {
+    const int expected = address.isIpv6() ? FW::FW_IP_TYPE_V6 : FW::FW_IP_TYPE_V4;
+    if (!type || *type == expected) {
         return;
     }
     if (*type == FW::FW_IP_TYPE_BOTH) {
-        error("ipType", "2 is both families, but the address is " + family + " (" +
-                            std::to_string(right) + ")");
+        error("ipType", "2 means both families, but the address is " + family + " (" +
+                            std::to_string(expected) + ")");
     } else if (*type == FW::FW_IP_TYPE_V4 || *type == FW::FW_IP_TYPE_V6) {
-        error("ipType", std::to_string(*type) + (address.isIpv6() ? " is IPv4" : " is IPv6") +
-                            ", but the address is " + family + " (" + std::to_string(right) + ")");
+        error("ipType", std::to_string(*type) + (address.isIpv6() ? " means IPv4" : " means IPv6") +
+                            ", but the address is " + family + " (" + std::to_string(expected) +
+                            ")");
     }
 }
 
 void RuleCheck::checkSingle(const std::vector<std::string>& list) {
-    if (!enough(list, 1, "its address")) {
+    if (!requireEntries(list, 1, "an address")) {
         return;
     }
     if (const auto found = address(list, 0)) {
         checkFamily(*found);
     }
-    superfluous("ipList", 1, list.size(), "ipGroup 0 is one address");
+    warnIgnored("ipList", 1, list.size(), "ipGroup 0 uses one address");
 }
 
 void RuleCheck::checkNetwork(const std::vector<std::string>& list) {
-    if (!enough(list, 2, list.empty() ? "an address and a mask" : "a mask or prefix length")) {
+    if (!requireEntries(list, 2,
+                        list.empty() ? "an address and a mask" : "a mask or prefix length")) {
         return;
     }
     const auto found = address(list, 0);
@@ -201,21 +204,24 @@ void RuleCheck::checkNetwork(const std::vector<std::string>& list) {
                                                          "mask without gaps"));
         }
     }
-    superfluous("ipList", 2, list.size(), "ipGroup 1 is an address and its mask");
+    warnIgnored("ipList", 2, list.size(), "ipGroup 1 uses an address and a mask");
 }
 
 void RuleCheck::checkRange(const std::vector<std::string>& list) {
-    if (!enough(list, 2, list.empty() ? "the ends of the range" : "the end of the range")) {
+    if (!requireEntries(
+            list, 2,
+            list.empty() ? "the first and the last address" : "the last address of the range")) {
         return;
     }
     const auto first = address(list, 0);
     const auto last = address(list, 1);
-    superfluous("ipList", 2, list.size(), "ipGroup 4 is a first and a last address");
+    warnIgnored("ipList", 2, list.size(), "ipGroup 4 uses a first and a last address");
     if (!first || !last) {
         return;
     }
     if (first->isIpv6() != last->isIpv6()) {
-        error("ipList", inQuotes(list[0]) + " and " + inQuotes(list[1]) + " are not of one family");
+        error("ipList",
+              inQuotes(list[0]) + " and " + inQuotes(list[1]) + " are of different families");
         return;
     }
     checkFamily(*first);
@@ -227,7 +233,7 @@ void RuleCheck::checkRange(const std::vector<std::string>& list) {
 
 void RuleCheck::checkCountries(const std::vector<std::string>& list) {
     if (list.empty()) {
-        useless("ipList", std::string("names no country") + kNoEffect);
+        warningIfOn("ipList", std::string("names no country") + kNoEffect);
     }
     for (std::size_t i = 0; i < list.size(); ++i) {
         checkCountry(list[i], elementPath("ipList", i));
@@ -246,11 +252,11 @@ void RuleCheck::checkCountry(const std::string& code, const std::string& path) {
     const bool lacksV6 = type != FW::FW_IP_TYPE_V4 && !machine_.hasCountry(code, true);
     if (lacksV4 || lacksV6) {
         const bool both = lacksV4 && lacksV6;
-        warning(path, "there are no " +
+        warning(path, "there is no " +
                           std::string(both      ? "data"
                                       : lacksV4 ? "IPv4 data"
                                                 : "IPv6 data") +
-                          " of country " + inQuotes(code) + ", which is left out");
+                          " for country " + inQuotes(code) + ", which is left out");
     }
 }
 
@@ -271,7 +277,7 @@ void RuleCheck::checkPorts() {
             checkPortEntries(*list);
             break;
         case FW::FW_PORT_GROUP_ANY:
-            superfluous("portList", 0, list->size(), "portGroup 3 is any port");
+            warnIgnored("portList", 0, list->size(), "portGroup 3 matches any port");
             break;
         default:
             break;
@@ -280,7 +286,7 @@ void RuleCheck::checkPorts() {
 
 void RuleCheck::checkServices(const std::vector<std::string>& names) {
     if (names.empty()) {
-        useless("portList", std::string("names no service") + kNoEffect);
+        warningIfOn("portList", std::string("names no service") + kNoEffect);
     }
     for (std::size_t i = 0; i < names.size(); ++i) {
         if (machine_.hasCatalogue() && !machine_.hasService(names[i])) {
@@ -294,11 +300,11 @@ void RuleCheck::checkServices(const std::vector<std::string>& names) {
 void RuleCheck::checkPortEntries(const std::vector<std::string>& entries) {
     const int protocol = codeOf(rule_, "protocol").value_or(0);
     if (protocol == FW::FW_PORT_PROTOCOL_ICMP || protocol == FW::FW_PORT_PROTOCOL_IGMP) {
-        superfluous("portList", 0, entries.size(), "ICMP and IGMP have no ports");
+        warnIgnored("portList", 0, entries.size(), "ICMP and IGMP have no ports");
         return;
     }
     if (entries.empty()) {
-        useless("portList", std::string("names no port") + kNoEffect);
+        warningIfOn("portList", std::string("names no port") + kNoEffect);
     }
     for (std::size_t i = 0; i < entries.size(); ++i) {
         const std::string wrong = portEntryError(entries[i]);
@@ -308,11 +314,11 @@ void RuleCheck::checkPortEntries(const std::vector<std::string>& entries) {
     }
 }
 
-// ---- What becomes of a packet, and where
+// ---- Policy, chains and table
 
 void RuleCheck::checkPolicy() {
     if (codeOf(rule_, "policy") == FW::FW_POLICY_NONE) {
-        useless("policy", std::string("2 has no target") + kNoEffect);
+        warningIfOn("policy", std::string("2 means none") + kNoEffect);
     }
 }
 
@@ -329,13 +335,13 @@ void RuleCheck::checkChains() {
         } else if (std::find(own.begin(), own.end(), chain) == own.end()) {
             warning(elementPath("chainList", i),
                     inQuotes(chain) +
-                        " is not a chain of the firewall, which adds the rule there at "
-                        "each reload and never takes it away");
+                        " is not one of the firewall's chains: each reload adds the rule "
+                        "there again and never removes it");
         }
     }
     for (const std::string& chain : own) {
         if (std::find(chains->begin(), chains->end(), chain) == chains->end()) {
-            warning("chainList", "the rule is added to " + inQuotes(chain) + " all the same");
+            warning("chainList", "the rule is added to " + inQuotes(chain) + " anyway");
         }
     }
 }
@@ -350,9 +356,7 @@ void RuleCheck::checkTable() {
         error("table", inQuotes(name) + " is not the name of a table");
         return;
     }
-    warning("table", inQuotes(name) +
-                         " is not \"filter\", the table that the "
-                         "firewall's chains are in");
+    warning("table", inQuotes(name) + " is not \"filter\", the table with the firewall's chains");
 }
 
 // ---- The document -------------------------------------------------------------------------------
@@ -362,16 +366,12 @@ void checkAdapter(const std::string& adapter, const std::string& path, Machine& 
     if (!isAdapterName(adapter)) {
         findings.error(path, inQuotes(adapter) + " is not the name of an adapter");
     } else if (adapter == FW::FW_PPPOE_INTERFACE) {
-        findings.warning(path,
-                         "what is said for \"ppp0\" is never applied; the adapter of a "
-                         "PPPoE connection is \"pppoe\"");
+        findings.warning(path, kPppoeInterfaceText);
     } else if (!machine.hasAdapter(adapter)) {
-        findings.warning(path, isPredefined(adapter)
-                                   ? inQuotes(adapter) +
-                                         " has no interface now: what is said for "
-                                         "it is left out"
-                                   : "there is no adapter " + inQuotes(adapter) +
-                                         " now: what is said for it is left out");
+        const std::string what = isPredefined(adapter)
+                                     ? inQuotes(adapter) + " has no interface now"
+                                     : "there is no adapter " + inQuotes(adapter) + " now";
+        findings.warning(path, what + ": its rules and default policy are skipped");
     }
 }
 
@@ -382,8 +382,8 @@ void checkName(const Value& name, Findings& findings) {
     if (name.asString().empty()) {
         findings.error("name", "a profile needs a name");
     } else if (name.asString().rfind(kTestPrefix, 0) == 0) {
-        findings.warning("name", inQuotes(name.asString()) +
-                                     " is the name of a test profile, which no list shows");
+        findings.warning(
+            "name", inQuotes(name.asString()) + " is a test profile's name: lists do not show it");
     }
 }
 

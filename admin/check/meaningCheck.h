@@ -1,4 +1,4 @@
-/// What a profile's document means, where its shape allows the question.
+/// Checks what a profile's document means, as far as its shape is valid.
 #pragma once
 
 #include <vector>
@@ -10,8 +10,8 @@
 
 namespace tarnfw {
 
-/// Addresses, ports, services, countries, adapters, chains and tables; rules without effect. A
-/// member of a wrong type or with an unknown code is passed over: that is the schema's to say.
+/// Checks addresses, ports, services, countries, adapters, chains and tables, and warns about rules
+/// without effect. Skips members with a wrong type or an unknown code: checkSchema() reports them.
 std::vector<Finding> checkMeaning(const Json::Value& document, Machine& machine);
 
 }  // namespace tarnfw

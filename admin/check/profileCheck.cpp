@@ -27,8 +27,8 @@ Json::Value documentOf(const FW::FWPROFILE& profile) {
     return document;
 }
 
-/// The profile with the first of those rules of an adapter that have the same codes. Of a record,
-/// whose members have their types, the schema constrains nothing else in a rule.
+/// The profile with only one of an adapter's rules that have the same codes. In a document made
+/// from a record all members have the right types, so the codes are all that the schema constrains.
 FW::FWPROFILE withOneRuleOfEachKind(const FW::FWPROFILE& profile) {
     FW::FWPROFILE examples;
     examples.name = profile.name;
@@ -67,7 +67,7 @@ std::size_t errorsOf(const FW::FWPROFILE& profile) {
     Machine machine;
     const Json::Value document = documentOf(profile);
     std::vector<Finding> findings = checkMeaning(document, machine);
-    // The schema takes nine tenths of the time, for rules of which most have the same codes.
+    // The schema check takes nine tenths of the time, and most rules have the same codes.
     if (!checkSchema(documentOf(withOneRuleOfEachKind(profile)), kProfileSchema).empty()) {
         append(findings, checkSchema(document, kProfileSchema));
     }

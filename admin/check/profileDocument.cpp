@@ -14,7 +14,7 @@ ProfileDocument::ProfileDocument(const std::string& text) {
     Json::Value document;
     findings_ = parseDocument(text, document);
     for (Finding& finding : findings_) {
-        finding.isError = true;  // also what the library would silently drop
+        finding.isError = true;  // also what the library would silently ignore
     }
     if (!valid()) {
         return;

@@ -22,18 +22,18 @@ using Json::Value;
 using valijson::ValidationResults;
 using valijson::adapters::JsonCppAdapter;
 
-// What the validator says of a place whose own parts are at fault, and of those it says more.
-constexpr char kFollows[] = "Failed to validate";
+// How the validator describes a place whose parts have errors; it also reports each of these.
+constexpr char kPartsFailed[] = "Failed to validate";
 
-constexpr std::size_t kCitedBytes = 60;  // of a value that is cited
+constexpr std::size_t kQuotedBytes = 60;  // of a value in a message
 constexpr char kDefinitions[] = "#/definitions/";
 constexpr std::size_t kRuleDepth = 3;  // in a profile: rules, adapter, rule
 
-/// A place in a document, and what the schema says about it.
+/// A place in a document, and the schema for it.
 struct Place {
     const Value* value;
     const Value* schema;
-    std::optional<RulePlace> rule;  // of a profile, at whose member or element this is
+    std::optional<RulePlace> rule;  // of a profile, if the place is in one
     std::string path;               // within the rule, else within the document
 };
 
@@ -42,12 +42,12 @@ Value schemaDocument(const char* text) {
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Value schema;
     if (!reader->parse(text, text + std::char_traits<char>::length(text), &schema, nullptr)) {
-        throw std::logic_error("the schema is no JSON document");
+        throw std::logic_error("the schema is not a JSON document");
     }
     return schema;
 }
 
-/// The schema that is meant: behind "$ref", or an "allOf" of one part.
+/// The schema itself: follows "$ref" and an "allOf" of one part.
 const Value& resolved(const Value& schema, const Value& root) {
     if (schema.isMember("allOf")) {
         return resolved(schema["allOf"][0U], root);
@@ -93,14 +93,14 @@ Place placeOf(const Value& document, const Value& root, const std::vector<std::s
 
 // ---- Words --------------------------------------------------------------------------------------
 
-/// A value as it stands in the document, cut where it is long.
-std::string cited(const Value& value) {
+/// A value as in the document, shortened if it is long.
+std::string quoted(const Value& value) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     builder["emitUTF8"] = true;
     std::string text = Json::writeString(builder, value);
-    if (text.size() > kCitedBytes) {
-        text.resize(kCitedBytes);
+    if (text.size() > kQuotedBytes) {
+        text.resize(kQuotedBytes);
         text += "...";
     }
     return text;
@@ -108,7 +108,7 @@ std::string cited(const Value& value) {
 
 std::string nameOfType(const std::string& type) {
     if (type == "string") {
-        return "a text";
+        return "a string";
     }
     if (type == "null") {
         return "null";
@@ -138,13 +138,13 @@ std::string kindOf(const Value& value) {
     if (value.isArray()) {
         return "an array";
     }
-    return value.isObject() ? "an object" : cited(value);
+    return value.isObject() ? "an object" : quoted(value);
 }
 
 std::string valuesOf(const Value& list) {
     std::vector<std::string> texts;
     for (const Value& value : list) {
-        texts.push_back(cited(value));
+        texts.push_back(quoted(value));
     }
     return boost::join(texts, ", ");
 }
@@ -156,10 +156,10 @@ bool nullAllowed(const Value& schema) {
 }
 
 std::string emptyText(const Value& schema) {
-    return nullAllowed(schema) ? "must not be empty; without any it is null" : "must not be empty";
+    return nullAllowed(schema) ? "must not be empty; use null for none" : "must not be empty";
 }
 
-/// What stands between the last two single quotes of the validator's description.
+/// The text between the outermost single quotes of the validator's description.
 std::string nameIn(const std::string& description) {
     const std::size_t end = description.rfind('\'');
     const std::size_t start = description.find('\'');
@@ -168,7 +168,7 @@ std::string nameIn(const std::string& description) {
 
 // ---- Findings -----------------------------------------------------------------------------------
 
-/// One finding for each member that the schema does not know: the validator names the first.
+/// One finding for each member that the schema does not know. The validator names only the first.
 void addUnknownMembers(const Place& place, Findings& findings) {
     const Value& known = (*place.schema)["properties"];
     for (const std::string& name : place.value->getMemberNames()) {
@@ -177,7 +177,7 @@ void addUnknownMembers(const Place& place, Findings& findings) {
         }
         const std::string meant = nearest(name, known.getMemberNames());
         findings.error(place.rule, memberPath(place.path, name),
-                       "there is no such member" + didYouMean(meant));
+                       "unknown member" + didYouMean(meant));
     }
 }
 
@@ -188,22 +188,22 @@ std::string textOf(const Place& place, const std::string& description) {
         return "must be " + typesOf(schema) + ", not " + kindOf(*place.value);
     }
     if (contains(description, "enum values")) {
-        return cited(*place.value) + " is none of " + valuesOf(schema["enum"]);
+        return quoted(*place.value) + " is not one of " + valuesOf(schema["enum"]);
     }
     if (contains(description, "'const' constraint")) {
-        return "must be " + cited(schema["const"]) + ", not " + cited(*place.value);
+        return "must be " + quoted(schema["const"]) + ", not " + quoted(*place.value);
     }
     if (contains(description, "no fewer than")) {
         return emptyText(schema);
     }
     if (contains(description, "uniqueness constraint")) {
-        return "the same text stands in it twice";
+        return "contains the same text twice";
     }
     if (contains(description, "greater than or equal to")) {
-        return cited(*place.value) + " is below " + cited(schema["minimum"]);
+        return quoted(*place.value) + " is below " + quoted(schema["minimum"]);
     }
     if (contains(description, "less than or equal to")) {
-        return cited(*place.value) + " is above " + cited(schema["maximum"]);
+        return quoted(*place.value) + " is above " + quoted(schema["maximum"]);
     }
     return description;
 }
@@ -230,7 +230,7 @@ std::vector<Finding> checkSchema(const Json::Value& document, const char* schema
 
     Findings findings;
     for (const ValidationResults::Error& error : results) {
-        if (!boost::starts_with(error.description, kFollows)) {
+        if (!boost::starts_with(error.description, kPartsFailed)) {
             addFinding(placeOf(document, root, error.context), error.description, findings);
         }
     }

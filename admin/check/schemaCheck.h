@@ -1,4 +1,4 @@
-/// Documents against their JSON Schema.
+/// Checks documents against their JSON Schema.
 #pragma once
 
 #include <string>
@@ -16,7 +16,7 @@ extern const char kExportSchema[];
 /// The text of docs/profile.schema.json.
 extern const char kProfileSchema[];
 
-/// What is wrong with a document by a schema of this tool; all of it errors.
+/// The errors of a document by one of the schemas above. All findings are errors.
 std::vector<Finding> checkSchema(const Json::Value& document, const char* schema);
 
 }  // namespace tarnfw

@@ -16,7 +16,7 @@ namespace {
 
 // ---- Ports --------------------------------------------------------------------------------------
 
-/// The packets that a rule's port matches take.
+/// The protocols and ports that a rule matches.
 class PortSet {
 public:
     explicit PortSet(const std::vector<PortMatch>& matches) {
@@ -47,7 +47,7 @@ public:
     }
 
 private:
-    /// Sorts ranges, and makes one of those that overlap or touch.
+    /// Sorts ranges and joins those that overlap or touch.
     static void merge(std::vector<PortSpan>& ranges) {
         std::sort(ranges.begin(), ranges.end(),
                   [](const PortSpan& a, const PortSpan& b) { return a.first < b.first; });
@@ -80,11 +80,11 @@ private:
 
 // ---- Rules --------------------------------------------------------------------------------------
 
-/// A rule that has lines, and what they match.
+/// A rule that yields lines, and what they match.
 struct Matcher {
     RulePlace place;
     FW::FWRULE rule;
-    bool global;  // of the list "global", whose lines name no interface
+    bool global;  // in the list "global": its lines match any interface
     PortSet ports;
     std::array<std::optional<AddressMatch>, 2> addresses;  // IPv4, IPv6
 };
@@ -111,7 +111,7 @@ bool shadows(const Matcher& first, const Matcher& later) {
     return first.ports.contains(later.ports);
 }
 
-/// The record of one rule's document; nothing for a shape that does not convert.
+/// The record of one rule's document; nothing if it cannot be converted.
 std::optional<FW::FWRULE> recordOf(const Json::Value& rule) {
     Json::Value document;
     document[FW::FW_ADAPTER_GLOBAL].append(rule);
@@ -134,7 +134,7 @@ public:
         }
     }
 
-    /// The rules of a list that have lines.
+    /// The rules of a list that yield lines.
     std::vector<Matcher> matchersOf(const Json::Value& list, const std::string& adapter) {
         std::vector<Matcher> matchers;
         for (Json::ArrayIndex i = 0; list.isArray() && i < list.size(); ++i) {
@@ -162,7 +162,8 @@ public:
         return matchers;
     }
 
-    /// Adds a warning for each rule of `list` that one of `before` or an earlier one of it shadows.
+    /// Adds a warning for each rule of `list` that is shadowed by a rule of `before` or by an
+    /// earlier rule of `list`.
     void check(const std::vector<Matcher>& before, const std::vector<Matcher>& list) {
         for (auto later = list.begin(); later != list.end(); ++later) {
             const auto shadowsLater = [&later](const Matcher& first) {

@@ -1,4 +1,4 @@
-/// Rules that never take effect, because an earlier one matches all that they do.
+/// Finds rules that never take effect because an earlier rule matches everything that they match.
 #pragma once
 
 #include <vector>
@@ -10,9 +10,9 @@
 
 namespace tarnfw {
 
-/// A warning for each rule in use that an earlier one of its list, or one of "global", shadows
-/// entirely. Only what is certain: a rule for which `findings` has an error neither shadows nor is
-/// looked at, and rules that shadow another one together are not found.
+/// A warning for each enabled rule that is shadowed entirely by one earlier rule of its list or by
+/// one rule of "global". Reports only what is certain: skips rules that have an error in
+/// `findings`, and does not find a rule that is shadowed by several others together.
 std::vector<Finding> checkShadows(const Json::Value& document, const std::vector<Finding>& findings,
                                   Machine& machine);
 

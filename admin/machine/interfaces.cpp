@@ -136,15 +136,13 @@ void requireAdapter(const std::string& adapter, const std::vector<std::string>& 
         return;
     }
     if (adapter == FW::FW_PPPOE_INTERFACE) {
-        throw Error(
-            ErrorKind::kUnusable,
-            "rules of \"ppp0\" are never applied; those of \"pppoe\" are, to that connection");
+        throw Error(ErrorKind::kUnusable, kPppoeInterfaceText);
     }
     const std::vector<std::string> names(known.begin(), known.end());
     const std::string meant = nearest(adapter, names);
-    throw Error(ErrorKind::kNotFound,
-                "there is no adapter " + inQuotes(adapter) + didYouMean(meant) +
-                    " (there is: " + printable(boost::join(names, ", ")) + ")");
+    throw Error(ErrorKind::kNotFound, "there is no adapter " + inQuotes(adapter) +
+                                          didYouMean(meant) +
+                                          " (known: " + printable(boost::join(names, ", ")) + ")");
 }
 
 }  // namespace tarnfw

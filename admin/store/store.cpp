@@ -246,7 +246,7 @@ void StoreSnapshot::requireProfile(const std::string& name) const {
         const std::string perhaps = unreadableText();
         throw Error(ErrorKind::kNotFound, "there is no profile " + inQuotes(name) +
                                               didYouMean(nearest(name, names)) +
-                                              " (there is: " + listed(names) + ")" +
+                                              " (profiles: " + listed(names) + ")" +
                                               (perhaps.empty() ? "" : "; " + perhaps));
     }
 }

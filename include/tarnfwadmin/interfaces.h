@@ -41,6 +41,10 @@ bool isPredefined(const std::string& adapter);
 /// exist.
 bool isAdapterName(const std::string& name);
 
+/// Why no rules can be for the adapter "ppp0".
+inline constexpr char kPppoeInterfaceText[] =
+    "rules and default policies of \"ppp0\" are never applied; use \"pppoe\"";
+
 /// Throws Error unless rules can be for `adapter`: unless it is an interface of the machine that
 /// the library finds, a predefined adapter, or one of `others` (those of a profile). kNotFound,
 /// with the nearest name, for an unknown one; kUnusable for one of `others` that isAdapterName()

@@ -22,7 +22,7 @@ prints_json <<'END'
  "allowed": true}
 END
 answers 1 blocked --port tcp/22 --adapter eht0
-complains '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (there is: eth0, global, pppoe, vpn)$'
+complains '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (known: eth0, global, pppoe, vpn)$'
 
 # --- verdicts and their reasons --------------------------------------------------------------------
 

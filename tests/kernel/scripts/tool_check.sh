@@ -41,7 +41,7 @@ prints <<<'default: valid'
 answers 0 check default
 prints <<<'default: valid'
 answers 1 check nowhere
-complains '^tarnfw: there is no profile "nowhere" (there is: default)$'
+complains '^tarnfw: there is no profile "nowhere" (profiles: default)$'
 answers 2 check one two
 profile office "$(rule '"portList": ["22", "99999"]')" >"$kProfileDirectory/office.json"
 answers 3 check office
@@ -77,8 +77,8 @@ answers 3 check wrong.json
 silent
 prints <<'END'
 wrong.json: rule 1 of eth0: "table" is missing
-wrong.json: rule 2 of eth0: portGroup: 9 is none of 0, 1, 2, 3
-wrong.json: colour: there is no such member
+wrong.json: rule 2 of eth0: portGroup: 9 is not one of 0, 1, 2, 3
+wrong.json: colour: unknown member
 wrong.json: rule 2 of eth0: ipList: the range runs backwards: "10.0.0.5" is before "10.0.0.9"
 END
 
@@ -125,14 +125,14 @@ step 'as a document' diff -u - <(jq --sort-keys . "$out/answer") <<'END'
       "adapter": "eth0",
       "position": 2,
       "severity": "error",
-      "text": "9 is none of 0, 1, 2, 3",
+      "text": "9 is not one of 0, 1, 2, 3",
       "where": "rules.eth0[1].portGroup"
     },
     {
       "adapter": null,
       "position": null,
       "severity": "error",
-      "text": "there is no such member",
+      "text": "unknown member",
       "where": "colour"
     },
     {
@@ -170,7 +170,7 @@ profile home "$(rule '')" \
     "$(rule '"ipGroup": 3, "ipList": ["DE"], "portList": ["81"]')" >refused.json
 answers 3 check --kernel refused.json
 silent
-says '^refused.json: rule 2 of eth0: chainList\[2\]: warning: "NOWHERE" is not a chain of the firewall'
+says '^refused.json: rule 2 of eth0: chainList\[2\]: warning: "NOWHERE" is not one of the firewall'\''s chains'
 says '^refused.json: rule 2 of eth0: /sbin/iptables refuses "-t filter -A NOWHERE -i eth0 -p tcp --dport 80 -j RETURN": iptables.*No chain/target/match by that name'
 for chain in FORWARD_FIREWALL INPUT_FIREWALL; do
     says "^refused.json: rule 3 of eth0: /sbin/iptables refuses \"-t filter -A $chain -i eth0 -m geoip --source-country DE -p tcp --dport 81 -j RETURN\": iptables.*geoip"
@@ -186,7 +186,7 @@ rm /usr/share/xt_geoip/DE.iv4
 # What cannot be translated, and what the library cannot read.
 jq '.rules.eth0[1].policy = 7' home.json >untranslatable.json
 answers 3 check --kernel untranslatable.json
-says '^untranslatable.json: rule 2 of eth0: policy: 7 is none of 0, 1, 2$'
+says '^untranslatable.json: rule 2 of eth0: policy: 7 is not one of 0, 1, 2$'
 says '^untranslatable.json: rule 2 of eth0 cannot be translated, and with it the whole profile$'
 jq '.rules.eth0[1].policy = "1"' home.json >unreadable.json
 answers 3 check --kernel unreadable.json

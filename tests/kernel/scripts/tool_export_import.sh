@@ -129,9 +129,9 @@ refuses_document() {
 add_as() {
     printf '.config_profiles["%s"] = (.config_profiles["deny_by_default.json"] | .name = "x")' "$1"
 }
-refuses_document "$(add_as ../../../../tmp/x.json)" 'config_profiles\["../../../../tmp/x.json"\]: would leave'
-refuses_document "$(add_as /tmp/x.json)" 'config_profiles\["/tmp/x.json"\]: would leave'
-refuses_document "$(add_as sub/x.json)" 'config_profiles\["sub/x.json"\]: would leave'
+refuses_document "$(add_as ../../../../tmp/x.json)" 'config_profiles\["../../../../tmp/x.json"\]: points outside'
+refuses_document "$(add_as /tmp/x.json)" 'config_profiles\["/tmp/x.json"\]: points outside'
+refuses_document "$(add_as sub/x.json)" 'config_profiles\["sub/x.json"\]: points outside'
 refuses_document "$(add_as .x.json)" 'config_profiles\[".x.json"\]: begins with a dot'
 refuses_document "$(add_as ..)" 'config_profiles\[".."\]: begins with a dot'
 refuses_document "$(add_as '')" 'config_profiles\[""\]: does not end in ".json"'
@@ -139,11 +139,11 @@ refuses_document "$(add_as x.txt)" 'config_profiles\["x.txt"\]: does not end in 
 refuses_document "$(add_as 'x\u0000.json')" 'config_profiles\["x?.json"\]: has control characters'
 refuses_document "$(add_as "$(printf 'x%.0s' {1..250}).json")" 'config_profiles\["x*.json"\]: is too long'
 refuses_document "$(add_as firewall_settings.json)" \
-    'config_profiles\["firewall_settings.json"\]: is the settings. file'
+    'config_profiles\["firewall_settings.json"\]: is the name of the settings file'
 refuses_document '.config_profiles["x.json"] = .config_profiles["deny_by_default.json"]' \
-    'config_profiles\["x.json"\].name: "deny_by_default" is the name of config_profiles\["deny_by_default.json"\] as well'
+    'config_profiles\["x.json"\].name: "deny_by_default" is also the name of config_profiles\["deny_by_default.json"\]'
 refuses_document '.config_firewall_settings.profile = "gone"' \
-    'config_firewall_settings.profile: "gone" is none of the profiles'
+    'config_firewall_settings.profile: "gone" is not one of the profiles'
 refuses_document '.config_firewall_settings.status = "yes"' \
     'config_firewall_settings.status: must be true or false, not "yes"'
 refuses_document 'del(.config_firewall_settings.profile)' \
@@ -154,7 +154,7 @@ refuses_document '.config_profiles = {}' 'config_profiles: must not be empty'
 refuses_document '.config_profiles = []' 'config_profiles: must be an object, not an array'
 refuses_document '.config_profiles["x.json"] = 7' 'config_profiles\["x.json"\]: must be an object, not 7'
 refuses_document '.config_profiles["x.json"] = {}' 'config_profiles\["x.json"\]: "name" is missing'
-refuses_document '.more = 1' 'more: there is no such member'
+refuses_document '.more = 1' 'more: unknown member'
 refuses_document '[.]' 'must be an object, not an array'
 step 'no file outside of the store' [ ! -e /tmp/x.json ]
 printf '{"config_profiles": {\n' >hostile.json

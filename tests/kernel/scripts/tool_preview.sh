@@ -73,7 +73,7 @@ step 'they are what a reload makes' same_listing enabled
 # --- what it refuses -------------------------------------------------------------------------------
 
 answers 1 preview nowhere
-complains '^tarnfw: there is no profile "nowhere" (there is: default, deny_by_default)$'
+complains '^tarnfw: there is no profile "nowhere" (profiles: default, deny_by_default)$'
 step 'nothing on standard output' [ ! -s "$out/answer" ]
 answers 2 preview --format xml
 answers 2 preview --family v5

@@ -105,7 +105,7 @@ for words in 'profile show haus' 'profile delete haus' 'check haus' 'preview hau
     read -r -a words <<<"$words"
     answers 1 "${words[@]}"
     step 'one line, and none of the library' [ "$(<"$out/complaint")" = \
-        "tarnfw: there is no profile \"haus\" (there is: default, lab, two words); $kUnreadable" ]
+        "tarnfw: there is no profile \"haus\" (profiles: default, lab, two words); $kUnreadable" ]
 done
 answers 3 check "$kProfileDirectory/177.json"
 answers 0 profile list
@@ -132,7 +132,7 @@ document["active"] = True
 print(json.dumps(document))
 END
 prints_json </tmp/wanted.json
-refused 1 '^tarnfw: there is no profile "nowhere" (there is: default, lab, two words)$' \
+refused 1 '^tarnfw: there is no profile "nowhere" (profiles: default, lab, two words)$' \
     profile show nowhere
 
 # --- copy, rename ----------------------------------------------------------------------------------
@@ -200,7 +200,7 @@ step 'now they are in the kernel' [ "$(listing v4 | grep -c -- '-j DROP')" = 0 ]
 answers 0 profile use default --reload
 step 'the others again' same_listing default
 refused 1 '^tarnfw: there is no profile "nowhere" ' profile use nowhere
-refused 1 '^tarnfw: there is no profile "opne"; did you mean "open"? (there is: ' profile use opne
+refused 1 '^tarnfw: there is no profile "opne"; did you mean "open"? (profiles: ' profile use opne
 # A reload of it would leave the machine open.
 sed 's/"policy" : 0/"policy" : 7/; s/"lan-only"/"broken"/' "$example" >"$kProfileDirectory/broken.json"
 refused 3 '^tarnfw: profile "broken" has [0-9]* errors*; "tarnfw check broken" lists [a-z]*; nothing was changed$' \

@@ -143,10 +143,10 @@ step 'and names the right one' grep --quiet 'Did you mean "tarnfw rule add --log
 
 # --- what is not there -----------------------------------------------------------------------------
 
-refused 1 '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (there is: eth0, eth1, global, pppoe, vpn)$' \
+refused 1 '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (known: eth0, eth1, global, pppoe, vpn)$' \
     rule add --adapter eht0 deny any
 refused 1 '^tarnfw: there is no adapter "eht0"; ' policy eht0 deny
-refused 1 '^tarnfw: rules of "ppp0" are never applied' rule add --adapter ppp0 deny any
+refused 1 '^tarnfw: rules and default policies of "ppp0" are never applied; use "pppoe"' rule add --adapter ppp0 deny any
 refused 1 '^tarnfw: "global" has no default policy' policy global deny
 refused 1 '^tarnfw: there is no profile "nowhere" ' rule add --adapter eth0 --profile nowhere deny any
 for words in 'set 5 deny any' 'delete 5' 'delete 1 0' 'on 5' 'off 1 5' 'move 5 1' 'move 1 5' 'move 0 1'; do

@@ -168,7 +168,7 @@ step 'now the kernel has it' grep --quiet -- '-i eth0 .*--dport 22 -j DROP' <(ip
 # The names that no reservation can be for, or that none can be on.
 refused_whole 1 '^tarnfw: there is no service "shh"; did you mean "ssh"?' service reserve shh allow --adapter eth0
 refused_whole 1 'keeps service "kept_out" out of the firewall' service reserve kept_out allow --adapter eth0
-refused_whole 1 '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (there is: eth0, eth5, global, pppoe, tun0, vpn)$' \
+refused_whole 1 '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (known: eth0, eth5, global, pppoe, tun0, vpn)$' \
     service reserve ssh allow --adapter eht0
 for wrong in 'service reserve' 'service reserve ssh' 'service reserve ssh allow' \
     'service reserve ssh maybe --adapter eth0' 'service release' 'service update ssh' service \
@@ -217,11 +217,11 @@ prints <<<'Rules updated from the service catalogue (no profile changed)'
 # --- adapter rename --------------------------------------------------------------------------------
 
 refused_whole 1 '^tarnfw: both names are "eth0"$' adapter rename eth0 eth0
-refused_whole 1 '^tarnfw: no profile has rules or a default policy for adapter "eht0"; did you mean "eth0"? (there is: eth0, eth5, global)$' \
+refused_whole 1 '^tarnfw: no profile has rules or a default policy for adapter "eht0"; did you mean "eth0"? (known: eth0, eth5, global)$' \
     adapter rename eht0 eth1
 refused_whole 1 '^tarnfw: "global" is every adapter' adapter rename global eth1
 refused_whole 1 '^tarnfw: "global" is every adapter' adapter rename eth0 global
-refused_whole 1 'rules of "ppp0" are never applied' adapter rename eth0 ppp0
+refused_whole 1 'rules and default policies of "ppp0" are never applied; use "pppoe"' adapter rename eth0 ppp0
 refused_whole 1 'is not the name of an adapter$' adapter rename eth0 'eth 1'
 refused_whole 1 'is not the name of an adapter$' adapter rename eth0 a_name_of_16_char
 # What a check would reject: the profile could not be applied any more.

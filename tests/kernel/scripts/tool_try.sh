@@ -7,7 +7,7 @@ source "$checkout/tests/kernel/answers.sh"
 readonly kTrialSocket=/run/tarn/trial.sock
 readonly kLong=600 # seconds that no trial here takes
 
-# on_terminal STATUS SCENARIO: one of tool_try.py, which drives the tool on a terminal of its own.
+# on_terminal STATUS SCENARIO: runs a scenario of tool_try.py, which runs the tool on its own terminal.
 on_terminal() {
     local status=0
     printf -- '-- %s: on a terminal: %s\n' "$1" "$2"
@@ -78,7 +78,7 @@ step 'the two differ' [ "$(<"$out/new.v4")" != "$(<"$out/home.v4")" ]
 # --- what cannot be tried --------------------------------------------------------------------------
 
 answers 1 try nowhere
-complains '^tarnfw: there is no profile "nowhere" (there is: default, deny_by_default, '
+complains '^tarnfw: there is no profile "nowhere" (profiles: default, deny_by_default, '
 answers 1 try deny_by_default
 complains '^tarnfw: profile "deny_by_default" is the active one, which a trial restores; '
 answers 1 try --confirm

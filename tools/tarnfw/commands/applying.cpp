@@ -139,11 +139,11 @@ void finishChange(Context& context, const std::string& profile, const ReloadOpti
     } else if (options.wanted) {
         reloadActive(context);
     } else if (context.store().firewallEnabled()) {
-        sayOldRules();
+        reportUnchangedKernel();
     }
 }
 
-void sayOldRules() {
+void reportUnchangedKernel() {
     std::cout << "The kernel still has the old rules; \"tarnfw reload\" applies the new ones\n";
 }
 

@@ -78,6 +78,6 @@ std::string stateNow(Context& context);
 void finishChange(Context& context, const std::string& profile, const ReloadOptions& options);
 
 /// Says that the kernel still has the old rules.
-void sayOldRules();
+void reportUnchangedKernel();
 
 }  // namespace tarnfw

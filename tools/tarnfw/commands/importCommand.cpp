@@ -325,7 +325,7 @@ void apply(Context& context, bool reload, bool wasEnabled, const std::string& go
         context.session().unlock();
         applyImported(context, goingBack);
     } else if (enabled) {
-        sayOldRules();
+        reportUnchangedKernel();
     }
 }
 

@@ -85,7 +85,7 @@ void changeAll(Context& context, const std::string& done, const ReloadOptions& r
         confirmReload(context, reload);
         reloadActive(context);
     } else if (activeChanged && context.store().firewallEnabled()) {
-        sayOldRules();
+        reportUnchangedKernel();
     }
 }
 
@@ -164,8 +164,7 @@ void requireRenamable(const std::string& from, const std::string& to, const Prof
         throw Error(ErrorKind::kUnusable, "\"global\" is every adapter; its rules cannot be moved");
     }
     if (to == FW::FW_PPPOE_INTERFACE) {
-        throw Error(ErrorKind::kUnusable,
-                    "rules of \"ppp0\" are never applied; use \"pppoe\" for that connection");
+        throw Error(ErrorKind::kUnusable, kPppoeInterfaceText);
     }
     if (!isAdapterName(to)) {
         throw Error(ErrorKind::kUnusable, inQuotes(to) + " is not the name of an adapter");
@@ -174,7 +173,7 @@ void requireRenamable(const std::string& from, const std::string& to, const Prof
     if (std::find(known.begin(), known.end(), from) == known.end()) {
         const std::string meant = nearest(from, known);
         throw Error(ErrorKind::kNotFound, "no profile has rules or a default policy for adapter " +
-                                              inQuotes(from) + didYouMean(meant) + " (there is: " +
+                                              inQuotes(from) + didYouMean(meant) + " (known: " +
                                               printable(boost::join(known, ", ")) + ")");
     }
 }

@@ -123,8 +123,8 @@ std::optional<std::string> interfaceOf(const SshConnection& connection,
     return found;
 }
 
-std::string sshRefusal(const FW::FWPROFILE& profile, const SshConnection& connection,
-                       const std::vector<std::string>& adapters) {
+std::string sshDropWarning(const FW::FWPROFILE& profile, const SshConnection& connection,
+                           const std::vector<std::string>& adapters) {
     Packet packet;
     packet.adapters = adapters;
     packet.source = connection.client;
@@ -159,7 +159,7 @@ std::string sshWarning(const FW::FWPROFILE& profile) {
     if (!interface) {
         return {};
     }
-    return sshRefusal(profile, *connection, adapterNamesOf(*interface));
+    return sshDropWarning(profile, *connection, adapterNamesOf(*interface));
 }
 
 void requireSshAccess(const FW::FWPROFILE& profile, bool yes, const std::string& question,

@@ -40,8 +40,8 @@ std::optional<std::string> interfaceOf(const SshConnection& connection,
 
 /// A warning that `profile` would drop a new connection like this one, and why; empty if it allows
 /// it. `adapters` are the names that profiles may have for the interface.
-std::string sshRefusal(const FW::FWPROFILE& profile, const SshConnection& connection,
-                       const std::vector<std::string>& adapters);
+std::string sshDropWarning(const FW::FWPROFILE& profile, const SshConnection& connection,
+                           const std::vector<std::string>& adapters);
 
 /// The same for the connection that this process runs under. Empty without one.
 std::string sshWarning(const FW::FWPROFILE& profile);
