@@ -19,16 +19,16 @@ constexpr char kSource[] = "fwBatch";
 constexpr char kFamilyV4[] = "v4";
 constexpr char kFamilyV6[] = "v6";
 
-// The last line of what a tool gets. It prints such lines, so it has then read and done all of its
-// input. The exit status alone does not say so: options like "-h" end it early with success, and
-// the caller's process may not get to see the status at all.
+// The last line of a tool's input. The tool prints comment lines, so once it prints this one it has
+// processed all of its input. The exit status alone does not prove that: options like "-h" end it
+// early with success, and the caller's process may not get the status at all.
 constexpr char kEndMark[] = "# end of the rules\n";
 
-// Logged for a tool that said nothing.
+// Logged for a tool that printed no message.
 constexpr char kInputCut[] = "it stopped before the end of its input";
 constexpr char kTableCut[] = "it stopped before the end of the table";
 
-/// Makes the text of one family, logging a line that cannot be written.
+/// Makes the text of one family; logs an invalid line.
 bool makeText(const Json::Value& cmds, const std::string& family, RestoreText& text) {
     RestoreLine invalid;
     if (!text.make(cmds[family], invalid)) {  // null without the family
@@ -50,9 +50,9 @@ struct Tools {
 constexpr Tools kToolsV4 = {"/sbin/iptables-save", "/sbin/iptables-restore"};
 constexpr Tools kToolsV6 = {"/sbin/ip6tables-save", "/sbin/ip6tables-restore"};
 
-// "--wait" has no effect: ToolRun gives each run a lock file of its own, which is free. It is
-// XtablesLock that waits for other programs. A tool that does not know XTABLES_LOCKFILE takes the
-// file that XtablesLock holds, and gives up after these seconds.
+// "--wait" has no effect: ToolRun gives each run its own lock file, which is free; XtablesLock
+// waits for other programs. A tool that does not know XTABLES_LOCKFILE tries the file that
+// XtablesLock holds, and gives up after these seconds.
 std::vector<std::string> restoreArguments(const Tools& tools, const char* option = nullptr) {
     std::vector<std::string> arguments = {tools.restore, "--noflush", "--wait", "30", "--verbose"};
     if (option != nullptr) {
@@ -65,12 +65,12 @@ bool exitedWell(const ToolResult& result) {
     return result.status.value_or(0) == 0;
 }
 
-/// Whether a run of iptables-restore has done all of its input.
+/// Whether a run of iptables-restore has processed all of its input.
 bool didAll(const ToolResult& result) {
     return exitedWell(result) && endsWith(result.output, kEndMark);
 }
 
-/// The tool's own words or, without any, its status; `afterSuccess` where that is no reason.
+/// The tool's message or, without one, its status; `afterSuccess` if the status is 0.
 std::string reasonOf(const ToolResult& result, const Refusal& refusal,
                      const char* afterSuccess = kInputCut) {
     if (!refusal.words.empty()) {
@@ -82,15 +82,15 @@ std::string reasonOf(const ToolResult& result, const Refusal& refusal,
     return afterSuccess;
 }
 
-/// The number of the line that makes a tool end early with success, as "-h" does, without naming
-/// it; 0 when it is not known. Nothing is changed.
+/// The number of the line that makes a tool end early with success, as "-h" does, without a
+/// message; 0 if it is not known. Changes nothing.
 std::size_t lineThatEnds(const Tools& tools, const RestoreText& text) {
     ToolRun run(restoreArguments(tools, "--test"), text.numbered() + kEndMark);
     const ToolResult result = run.finish();
     return didAll(result) ? 0 : numberReached(result.output);
 }
 
-/// Logs why a text was refused, by the line that the tool names.
+/// Logs why a text was refused, with the line that the tool names.
 void logRefusal(const Tools& tools, const RestoreText& text, const ToolResult& result) {
     const Refusal refusal = refusalOf(result.errors);
     const std::string reason = reasonOf(result, refusal);
@@ -108,7 +108,7 @@ void logRefusal(const Tools& tools, const RestoreText& text, const ToolResult& r
 
 // ---- One family ----
 
-/// The transaction of one family. What is not committed when the object ends is not done.
+/// The transaction of one family. Without a commit before it is destroyed, nothing changes.
 class FamilyRun {
 public:
     FamilyRun(const Tools& tools, RestoreText text) : tools_(tools), text_(std::move(text)) {}
@@ -121,9 +121,9 @@ public:
         }
     }
 
-    /// Starts the run that commits and hands on all up to the first COMMIT. That finds whatever
-    /// "--test" would, and leaves little to do for commit(). Further tables need a test of their
-    /// own.
+    /// Starts the run that commits and sends it everything before the first COMMIT. That finds
+    /// every error that "--test" would, and leaves little to do for commit(). Further tables need
+    /// a separate test.
     void startExamining() {
         if (text_.tables().size() > 1) {
             test_ = std::make_unique<ToolRun>(restoreArguments(tools_, "--test"),
@@ -133,7 +133,7 @@ public:
         commit_->feed(text_.head() + text_.mark());
     }
 
-    /// Whether all that can be found wrong without changing anything is right.
+    /// Whether the text passes every test that changes nothing.
     bool finishExamining() {
         if (!commit_->awaitOutput(kExaminedMark)) {
             logRefusal(tools_, text_, commit_->finish());
@@ -150,7 +150,7 @@ public:
         return true;
     }
 
-    /// Takes in what was saved.
+    /// Waits for the saves and keeps them.
     bool finishSaving() {
         for (std::size_t i = 0; i < saving_.size(); ++i) {
             ToolResult result = saving_[i]->finish();
@@ -165,16 +165,16 @@ public:
         return true;
     }
 
-    /// Whether a reload line by line was interrupted in this family.
+    /// Whether a line-by-line reload was interrupted in this family.
     bool wasInterrupted() const { return interrupted_ > 0; }
 
-    /// Has the commit mend what interrupted reloads left.
+    /// Makes the commit also repair what interrupted reloads left.
     void mend() {
         mends_ = true;
         text_.append(linesToMend(interrupted_));
     }
 
-    /// Commits and returns whether all of it is in place.
+    /// Commits, and returns whether everything is in place.
     bool commit() {
         commit_->feed(text_.tail() + kEndMark);
         const ToolResult result = commit_->finish();
@@ -185,7 +185,7 @@ public:
         return true;
     }
 
-    /// Puts back what was saved, in the chains that the text changes.
+    /// Restores the saved rules of the chains that the text changes.
     void putBack() const {
         std::string text;
         for (std::size_t i = 0; i < saved_.size(); ++i) {
@@ -217,8 +217,8 @@ private:
 
 /// Commits both families, or leaves both as they were.
 bool commitInOrder(FamilyRun& first, FamilyRun& last) {
-    // A commit that failed is put back as well. Mostly nothing of it is in place, but a tool with
-    // several tables may have done some, and one that was killed may have done all.
+    // A failed commit is undone as well. Usually it has changed nothing, but a tool with several
+    // tables may have committed some, and one that was killed may have committed all.
     if (!first.commit()) {
         first.putBack();
         return false;
@@ -231,7 +231,7 @@ bool commitInOrder(FamilyRun& first, FamilyRun& last) {
     return true;
 }
 
-/// Saves and examines both families at the same time, then commits them.
+/// Saves and tests both families at the same time, then commits them.
 bool commitBoth(FamilyRun& v4, FamilyRun& v6) {
     v4.startSaving();
     v6.startSaving();
@@ -242,13 +242,13 @@ bool commitBoth(FamilyRun& v4, FamilyRun& v6) {
         return false;
     }
     if (v4.wasInterrupted() || v6.wasInterrupted()) {
-        // Both, because the sign is set after the policies, and in IPv6 after IPv4: a family may be
-        // closed without it.
+        // Both, because the rule in FIREWALL_RELOADING is added after the policies are set, and in
+        // IPv6 after IPv4: a family may be closed without it.
         v4.mend();
         v6.mend();
     }
-    // The only sign of an interrupted reload goes last, for the case that this process ends in
-    // between.
+    // The family with the only sign of an interrupted reload goes last, in case this process ends
+    // in between.
     return v4.wasInterrupted() && !v6.wasInterrupted() ? commitInOrder(v6, v4)
                                                        : commitInOrder(v4, v6);
 }

@@ -1,4 +1,4 @@
-/// The platform's service catalogue, released when its owner goes.
+/// The platform's service catalogue, released with its owner.
 #pragma once
 
 #include <memory>
@@ -20,7 +20,7 @@ inline ServiceCatalogue catalogueLoad() {
     return count >= 1 ? std::move(catalogue) : nullptr;
 }
 
-/// Whether the firewall may use a service: one without a title is kept out of it.
+/// Whether the firewall may use a service: it ignores one without a title.
 inline bool isUsable(const TARNFW_SERVICE* service) {
     return service != nullptr && service->title[0] != '\0';
 }

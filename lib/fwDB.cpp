@@ -8,7 +8,7 @@
 #include <ctime>
 #include <utility>
 
-// Numbers as text, without the thousands separators of a program's locale.
+// Writes numbers without the thousands separators of a program's locale.
 #define BOOST_LEXICAL_CAST_ASSUME_C_LOCALE
 #include <boost/lexical_cast.hpp>
 
@@ -25,7 +25,7 @@ namespace {
 
 constexpr char kSource[] = "fwDB";
 
-// With the trailing slash: paths below it are made by plain concatenation.
+// With the trailing slash, because paths below it are made by plain concatenation.
 constexpr char kFirewallDir[] = "/usr/tarn/etc/firewall.d/";
 constexpr char kProfilePattern[] = "/usr/tarn/etc/firewall.d/*.json";
 constexpr char kProfileExtension[] = ".json";
@@ -88,7 +88,7 @@ void readTexts(const Json::Value& array, std::vector<std::string>& texts) {
 
 Json::Value ruleToJson(const FWRULE& rule, Json::ArrayIndex index) {
     Json::Value out(Json::objectValue);
-    // The position, not `ruleID`: what a reader finds in "ruleID" is not the store's to write.
+    // The position, not `ruleID`: the store never writes "ruleID".
     out["ruleIndex"] = static_cast<Json::Int>(index);
     out["enable"] = rule.enable;
     out["adapterDirect"] = rule.adapterDirect;
@@ -109,8 +109,8 @@ Json::Value ruleToJson(const FWRULE& rule, Json::ArrayIndex index) {
     return out;
 }
 
-/// Reads a rule. A missing scalar reads as 0, false or empty, not as a fresh rule's value; lists
-/// add to those of a fresh rule, so that a stored rule never loses one of the two firewall chains.
+/// Reads a rule. A missing scalar reads as 0, false or empty, not as a new rule's default; lists
+/// are added to those of a new rule, so that a stored rule always has both firewall chains.
 FWRULE jsonToRule(const Json::Value& in) {
     FWRULE rule;
     rule.ruleID = in["ruleID"].asInt();
@@ -143,8 +143,8 @@ Json::Value policiesToJson(const Policies& policies) {
     return out;
 }
 
-/// Appends the rules of a document; an adapter without any gets no entry. Raises for a document
-/// that is neither object nor null, as getMemberNames() does.
+/// Appends the rules of a document; an adapter without any gets no entry. Raises, in
+/// getMemberNames(), for a document that is neither an object nor null.
 void appendRules(const Json::Value& in, std::map<std::string, std::vector<FWRULE>>& rules) {
     for (const std::string& adapter : in.getMemberNames()) {
         const Json::Value& stored = in[adapter];
@@ -160,7 +160,7 @@ void appendRules(const Json::Value& in, std::map<std::string, std::vector<FWRULE
 }
 
 /// The policies as profileSet() stores them: every adapter with rules has one, and that of
-/// "global", where any other would decide for every interface, is always "no target".
+/// "global", where any other would decide for every interface, is always "none".
 Policies withDefaults(const FWPROFILE& profile) {
     Policies policies = profile.adapterPolicyMap;
     for (const auto& [adapter, rules] : profile.rules) {
@@ -172,10 +172,10 @@ Policies withDefaults(const FWPROFILE& profile) {
 
 // ---- Steps of operations ----
 //
-// Each works on the files of its operation and goes through the directory itself: what changes
-// between two steps counts.
+// Each works on the files of its operation and scans the directory itself, so it sees what has
+// changed between two steps.
 
-// Which documents an operation needs, besides the names.
+// Which documents an operation needs besides the names.
 bool keepNone(const std::string& /*name*/) {
     return false;
 }
@@ -193,7 +193,7 @@ bool indexCreate(StoreFiles& files, std::map<std::string, std::string>& stems) {
         FW_LOG_ERR("Fail to read file from %s", kFirewallDir);
         return false;
     }
-    // Backwards, so that of two files with one name the first one's entry is written last.
+    // Backwards, so that of two files with the same name the first one's entry is written last.
     for (std::size_t i = paths.count(); i-- > 0;) {
         const std::string path = paths.path(i);
         const Json::Value* const name = files.nameIn(path);
@@ -206,7 +206,7 @@ bool indexCreate(StoreFiles& files, std::map<std::string, std::string>& stems) {
     return true;
 }
 
-/// The same for an operation that ends without an index, which it logs.
+/// The same for an operation that cannot go on without an index, which is logged.
 bool indexCreateLogged(StoreFiles& files, std::map<std::string, std::string>& stems) {
     if (!indexCreate(files, stems)) {
         FW_LOG_ERR("Failed to create meta json from %s", kFirewallDir);
@@ -282,7 +282,7 @@ std::string TARNFW_JSON_DB::profilePathNameGen(const Json::Value& meta) {
             static_cast<std::int32_t>(static_cast<std::uint32_t>(std::time(nullptr)) +
                                       static_cast<std::uint32_t>(std::rand() % kStemSpread));
         const auto stem = boost::lexical_cast<std::string>(candidate);
-        // Accepted only after a comparison: without entries there is none, and no end.
+        // Accepted only after a comparison: without entries this never ends.
         bool accepted = false;
         for (const Json::Value& entry : meta) {
             accepted = entry["fileName"].asString() != stem;
@@ -319,7 +319,7 @@ bool TARNFW_JSON_DB::profileDbDump(const std::string& name, const Json::Value& d
 
 bool TARNFW_JSON_DB::profileDbRemove(const std::string& name) {
     const std::string path = profilePathGet(name);
-    (void)unlink(path.c_str());  // fails for a profile that does not exist, which is as well
+    (void)unlink(path.c_str());  // fails for a profile that does not exist
     const std::string lockPath = getLockFile(path);
     if (TLIBCFileExist(lockPath.c_str()) == 1) {
         (void)unlink(lockPath.c_str());
@@ -359,7 +359,7 @@ bool TARNFW_JSON_DB::profileEnum(std::map<std::string, FWPROFILE>& profiles) {
     for (const auto& [name, stem] : stems) {
         FWPROFILE profile;
         if (!recordGet(*this, files, name, profile)) {
-            // The name of the record that failed, which is empty: the lines before it say more.
+            // The name in the failed record, which is empty: the lines before it have the details.
             FW_LOG_ERR("Failed to profileDbLoad() [%s]", profile.name.c_str());
             return false;
         }
@@ -414,7 +414,7 @@ bool TARNFW_JSON_DB::profileRename(const std::string& oldName, const std::string
         FW_LOG_ERR("Failed to get profile %s", oldName.c_str());
         return false;
     }
-    // Over the old file, as loaded: a rename does not touch the policies.
+    // Overwrites the old file with what was loaded: a rename does not change the policies.
     const std::string storedName = std::exchange(profile.name, newName);
     Json::Value document;
     profileToJson(profile, document);
@@ -471,7 +471,7 @@ bool TARNFW_JSON_DB::exportConfig(Json::Value& out) {
 }
 
 bool TARNFW_JSON_DB::importConfig(const Json::Value& in) {
-    // Looked at before anything is deleted: a document of another shape raises here.
+    // Before anything is deleted, because an invalid document raises here.
     const Json::Value& documents = in[kExportProfiles];
     const std::vector<std::string> keys = documents.getMemberNames();
     const Json::Value& settings = in[kExportSettings];
@@ -479,7 +479,7 @@ bool TARNFW_JSON_DB::importConfig(const Json::Value& in) {
     Json::Value meta;
     if (!profileMetaCreate(meta)) {
         FW_LOG_ERR("Failed to create meta json from %s",
-                   kFirewallDir);  // no failure: there is nothing to delete
+                   kFirewallDir);  // not a failure: there is nothing to delete
     }
     for (const std::string& name : meta.getMemberNames()) {
         if (!profileDelete(name)) {

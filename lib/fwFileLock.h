@@ -8,7 +8,7 @@ namespace FW {
 /// An exclusive lock of a file, held from construction to destruction.
 class FileLock {
 public:
-    /// What a destructor does when the lock cannot be given back; mostly it logs.
+    /// What the destructor does when the lock cannot be released; usually it logs.
     using UnlockFailed = void (*)();
 
     /// Waits up to `seconds`. errno holds why the lock is not held.
@@ -23,11 +23,11 @@ public:
     FileLock(const FileLock&) = delete;
     FileLock& operator=(const FileLock&) = delete;
 
-    /// The platform's answer: 1 when the lock was obtained, 0 when it was not.
+    /// The platform's result: 1 when the lock was obtained, 0 when it was not.
     int result() const { return result_; }
     bool held() const { return result_ == 1; }
 
-    /// Gives nothing back at the end.
+    /// Does not release the lock in the destructor.
     void forget() { fd_ = -1; }
 
 private:

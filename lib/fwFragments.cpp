@@ -67,7 +67,7 @@ void appendTexts(const Texts& texts, Json::Value& document, const char* member) 
 void Fragments::appendTo(Json::Value& arg) const {
     appendTexts(adapter, arg, "adapter");
     for (const Family& family : kFamilies) {
-        if (!ip[family.index].empty()) {  // even naming the member would make it
+        if (!ip[family.index].empty()) {  // even reading the member would create it
             appendTexts(ip[family.index], arg["ip"], family.key);
         }
     }
@@ -94,7 +94,7 @@ void AdapterLines::append(const FWRULE& rule, const Fragments& fragments) {
     }
 }
 
-/// Each line begins as the one before, so what differs is cut off and put on.
+/// Each line starts like the previous one, so only what differs is replaced.
 void AdapterLines::appendFamily(const FWRULE& rule, const Fragments& fragments,
                                 const Family& family) {
     const std::size_t startEnd = line_.size();

@@ -1,5 +1,5 @@
-/// The fragments that a rule's lines are made of, and the lines made of them. The same content as
-/// an argument document, in plain lists: making a document for every rule takes far longer than the
+/// The fragments of a rule's lines, and the lines that they make. The same content as an argument
+/// document, in plain lists: building a document for every rule takes far longer than the
 /// translation itself.
 #pragma once
 
@@ -16,7 +16,7 @@ namespace FW {
 
 using Texts = std::vector<std::string>;
 
-// Both spellings of one protocol: a line takes that of its family.
+// Both spellings of one protocol: a line uses that of its family.
 inline constexpr char kIcmpV4[] = "-p icmp ";
 inline constexpr char kIcmpV6[] = "-p icmpv6 ";
 
@@ -25,7 +25,7 @@ struct Family {
     const char* key;  // in both documents
     std::size_t index;
     std::int32_t ipType;           // of a rule for this family only
-    const char* otherFamilysIcmp;  // a fragment that this family does not take
+    const char* otherFamilysIcmp;  // a fragment that is left out for this family
 
     bool ipv6() const { return index != 0; }
 
@@ -46,7 +46,7 @@ struct Fragments {
 
     void clear();
 
-    /// Reads an argument document, of its addresses those of the families of `ipType`.
+    /// Reads an argument document; of its addresses only those of the families of `ipType`.
     static Fragments of(const Json::Value& arg, std::int32_t ipType);
 
     /// Appends to an argument document.
@@ -56,16 +56,17 @@ struct Fragments {
 /// The texts of an array of a document.
 Texts textsOf(const Json::Value& array);
 
-/// Appends texts to an array of a document; without any, not even the member is made.
+/// Appends texts to an array of a document; without any texts the member is not created.
 void appendTexts(const Texts& texts, Json::Value& document, const char* member);
 
-/// Where the lines of one adapter go in a command document. A member is made with its first line.
+/// Where the lines of one adapter go in a command document. A member is created with its first
+/// line.
 class AdapterLines {
 public:
     AdapterLines(Json::Value& commands, const std::string& adapter)
         : commands_(commands), adapter_(adapter) {}
 
-    /// Appends one line for each combination of the fragments, and before it its " -j LOG" twin
+    /// Appends one line for each combination of the fragments, preceded by its " -j LOG" copy
     /// when `rule` logs.
     void append(const FWRULE& rule, const Fragments& fragments);
 
@@ -77,7 +78,7 @@ private:
     Json::Value& commands_;
     const std::string& adapter_;
     std::array<Json::Value*, 2> lines_{};  // by Family::index
-    std::string line_;                     // one for all lines, for its memory
+    std::string line_;                     // reused for all lines, to allocate once
 };
 
 }  // namespace FW

@@ -22,7 +22,7 @@ constexpr std::size_t kRecordBytesV6 = 32;
 constexpr std::size_t kTextBytes = 64;
 constexpr std::size_t kPathBytes = 1024;
 
-// One threshold for both families: an ".iv6" file too short for a record still counts.
+// One threshold for both families, so an ".iv6" file too short for a record still counts.
 constexpr off_t kUsableBytes = 8;
 
 struct FileClose {
@@ -93,7 +93,7 @@ int FW_GEOIP::geoipFileRead(const std::string& country, Json::Value& scratch, Js
     }
     char chunk[kChunkBytes];
     for (;;) {
-        // Zeroed each time: the zeros complete a partial last record.
+        // Zeroed each time, because zeros complete a partial last record.
         std::memset(chunk, 0, sizeof(chunk));
         const std::size_t length = std::fread(chunk, 1, sizeof(chunk), file.get());
         if (length < 1) {

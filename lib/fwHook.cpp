@@ -14,12 +14,12 @@ constexpr char kEnableHook[] = "net/firewall_enable";
 constexpr char kDisableHook[] = "net/firewall_disable";
 constexpr char kResultKey[] = "RESULT";
 
-// The platform's codes for running a hook before and after the operation that it announces.
+// The platform's codes for running a hook before and after an operation.
 constexpr int kActionPre = 4;
 constexpr int kActionPost = 5;
 
-/// A hook context, closed on every path. The platform wants it closed also when opening it failed,
-/// so the guard holds whatever the call left, null included.
+/// A hook context, closed on every path. The platform requires closing it even if opening it
+/// failed, so the guard holds whatever the call returned, even null.
 class HookContext {
 public:
     explicit HookContext(const std::string& name)
@@ -46,7 +46,7 @@ bool TarnFwHook::RunFwHook(const std::string& name, HookAction action, bool resu
     }
     const char* const value = result ? "0" : "-1";
     if (TLIBPluginSetArg(context.handle(), kResultKey, value) < 0) {
-        // A hook that cannot be given the result still runs.
+        // Runs the hook even if the result cannot be passed to it.
         FW_LOG_ERR("Failed to set %s = %s", kResultKey, value);
     }
     if (TLIBPluginAction(action == PreHook ? kActionPre : kActionPost, context.handle()) < 0) {

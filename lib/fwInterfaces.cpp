@@ -39,7 +39,7 @@ int interfacesEnum(std::vector<std::string>& names) {
         names.emplace_back(interface.name, strnlen(interface.name, sizeof(interface.name)));
     }
     if (modelHasWireless()) {
-        // Also while the driver is not loaded: rules for it may be there before the interface is.
+        // Even while the driver is not loaded: rules for it may exist before the interface does.
         names.emplace_back(kWirelessInterface);
     }
     names.erase(std::unique(names.begin(), names.end()), names.end());

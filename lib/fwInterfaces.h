@@ -1,4 +1,4 @@
-/// The machine's interfaces, for the translation and for the control class alike.
+/// The machine's interfaces, for both the translation and the control class.
 #pragma once
 
 #include <string>
@@ -7,9 +7,9 @@
 namespace FW {
 
 /// Appends the interface names in the platform's order, and "wlan0" on a model with wireless; then
-/// equal neighbours in `names` are one. Of more than 32 interfaces, the first 32. Returns how many
+/// merges equal neighbours in `names`. Of more than 32 interfaces, the first 32. Returns how many
 /// the platform named, at most 32 and without "wlan0"; or a negative platform error, with the error
-/// state set, when they cannot be listed. The caller logs that, each under its own source name,
+/// state set, when they cannot be listed. The caller logs that, under its own source name,
 /// with FW_LOG_INTERFACES_FAILURE.
 int interfacesEnum(std::vector<std::string>& names);
 

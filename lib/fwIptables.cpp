@@ -30,7 +30,7 @@ constexpr char kSystemTunnel[] = "tun1000";
 
 constexpr char kLoopbackLine[] = " -i lo -j ACCEPT";
 constexpr char kEstablishedMatch[] = " -m state --state ESTABLISHED,RELATED -j ACCEPT";
-// Without these an IPv6 host loses its neighbours and its router.
+// Without these an IPv6 host cannot reach its neighbours and its router.
 constexpr const char* kNeighbourLines[] = {
     " -s fe80::/10 -p icmpv6 --icmpv6-type router-solicitation -j ACCEPT",
     " -s fe80::/10 -p icmpv6 --icmpv6-type router-advertisement -j ACCEPT",
@@ -58,7 +58,7 @@ void addPorts(int protocol, const TLIBCSZLIST* list, PortsByProtocol& out) {
 
 // ---- Documents and lines ----
 
-/// Appends what `operation` makes to the texts of a member of a document.
+/// Appends the output of `operation` to the texts of a member of a document.
 template <typename Operation>
 bool appendTo(Json::Value& document, const char* member, Operation operation) {
     Texts texts;
@@ -67,8 +67,8 @@ bool appendTo(Json::Value& document, const char* member, Operation operation) {
     return result;
 }
 
-/// Lets `operation` add to `fragments` as if those of the document were in it: an adapter without
-/// interfaces is a match of its own only where there is none yet.
+/// Runs `operation` with the document's fragments already in `fragments`, then removes these: an
+/// adapter without interfaces becomes a match only when there is no other.
 template <typename Operation>
 bool afterAdaptersOf(const Json::Value& arg, Texts& fragments, Operation operation) {
     fragments = textsOf(arg["adapter"]);
@@ -78,7 +78,7 @@ bool afterAdaptersOf(const Json::Value& arg, Texts& fragments, Operation operati
     return result;
 }
 
-// The loopback address by name as well: a platform may not count it among a host's addresses.
+// Names the loopback address, because a platform may not count it among a host's addresses.
 bool isIpv4(const std::string& text) {
     return BlTLIBIsIpAddr(text.c_str()) != 0 || text == "127.0.0.1";
 }
@@ -90,7 +90,7 @@ bool isUsableLocalIp(const std::string& localIp) {
     return localIp.empty() || isIpv4(localIp) || isIpv6(localIp);
 }
 
-/// Whether a rule matches an address, a network or a range of IPv4, whatever its family says.
+/// Whether a rule matches an IPv4 address, network or range, whatever its family.
 bool hasIpv4Address(const FWRULE& rule) {
     const bool hasAddress = rule.ipGroup == FW_IP_GROUP_SINGLE ||
                             rule.ipGroup == FW_IP_GROUP_NETWORK ||
@@ -98,12 +98,12 @@ bool hasIpv4Address(const FWRULE& rule) {
     return hasAddress && !rule.ipList.empty() && isIpv4(rule.ipList[0]);
 }
 
-/// The line that lets established connections pass, except from `exceptedIp` unless it is empty.
+/// The line that lets established connections pass, except from `exceptedIp` if it is not empty.
 std::string establishedLine(const std::string& chainStart, const std::string& exceptedIp) {
     return chainStart + (exceptedIp.empty() ? "" : " ! -s " + exceptedIp) + kEstablishedMatch;
 }
 
-/// Appends the lines that every ruleset begins with.
+/// Appends the lines at the beginning of every ruleset.
 void appendFixedLines(bool acceptEstablished, const std::string& localIp, Json::Value& out) {
     const std::string exceptedV4 = !localIp.empty() && isIpv4(localIp) ? localIp : "";
     const std::string exceptedV6 = !localIp.empty() && isIpv6(localIp) ? localIp : "";
@@ -125,7 +125,7 @@ void appendFixedLines(bool acceptEstablished, const std::string& localIp, Json::
     }
 }
 
-/// The rule that closes an adapter's list: everything that the user's rules let through.
+/// The last rule of an adapter's list: it matches everything that no user's rule matched.
 FWRULE defaultRule(FW_POLICY policy) {
     FWRULE rule;
     rule.policy = policy;
@@ -135,14 +135,14 @@ FWRULE defaultRule(FW_POLICY policy) {
     return rule;
 }
 
-/// The rules of one adapter, and the one that closes them where it has a default policy.
+/// The rules of one adapter, and the last rule if the adapter has a default policy.
 struct AdapterRules {
     const std::vector<FWRULE>* rules = nullptr;
     std::optional<FWRULE> closing;
 };
 
-/// The interface other than that of `adapter` which routes IPv6 for it, if there is one and a rule
-/// can be repeated for it.
+/// A different interface that routes IPv6 for `adapter`, if there is one and the rule can be
+/// repeated for it.
 std::optional<std::string> tunnelFor(RuleTranslation& translation, const std::string& adapter,
                                      const FWRULE& rule) {
     const std::string& interface = translation.interfaceOf(adapter);
@@ -153,7 +153,7 @@ std::optional<std::string> tunnelFor(RuleTranslation& translation, const std::st
     return router;
 }
 
-/// Appends the lines of a rule to a command document. `fragments` lends its memory.
+/// Appends the lines of a rule to a command document. `fragments` is reused memory.
 bool appendRule(RuleTranslation& translation, const FWRULE& rule, const std::string& adapter,
                 AdapterLines& lines, Fragments& fragments) {
     fragments.clear();
@@ -164,7 +164,7 @@ bool appendRule(RuleTranslation& translation, const FWRULE& rule, const std::str
     return true;
 }
 
-/// The IPv6 lines of a rule once more, for the tunnel that routes it. Failures add nothing.
+/// Repeats the IPv6 lines of a rule for the tunnel that routes it. Failures add nothing.
 void appendTunnelRule(RuleTranslation& translation, const FWRULE& rule, const std::string& router,
                       Json::Value& out) {
     AdapterLines lines(out, router);
@@ -185,7 +185,7 @@ public:
           out_(out),
           lines_(out, adapter) {}
 
-    /// Skips a rule that is not for use now. False when it cannot be converted.
+    /// Skips a rule that is not in use now. False when it cannot be converted.
     bool append(const FWRULE& rule) {
         if (!rule.enable || adapter_ == FW_PPPOE_INTERFACE || !isEnabled() ||
             rule.policy == FW_POLICY_NONE) {
@@ -203,8 +203,8 @@ public:
     }
 
 private:
-    /// Asked once when the answer is yes: the translator keeps that. What it lacks it asks for, and
-    /// logs, once a rule.
+    /// Keeps a positive answer. After a negative one asks the translator again for each rule, which
+    /// logs it each time.
     bool isEnabled() {
         enabled_ = enabled_ || translator_.adapterIsEnabled(adapter_);
         return enabled_;

@@ -7,10 +7,10 @@
 
 namespace FW {
 
-/// jsonFileLoad(), which also gives the lock file that it took; untouched where it took none.
+/// As jsonFileLoad(); also returns the lock file that it used, untouched where it used none.
 bool jsonFileLoad(Json::Value& value, const std::string& path, std::string& lockPath);
 
-/// Whether a lock file is where it should be. Otherwise its directory cannot be made.
+/// Whether a lock file is in its proper directory. Otherwise that directory cannot be created.
 bool isInLockDirectory(const std::string& lockPath);
 
 }  // namespace FW

@@ -15,7 +15,7 @@ void logLine(int priority, const char* source, int line, const char* format, ...
     va_end(measured);
     std::string message;
     if (length > 0) {
-        // vsnprintf's terminating zero lands on the one that a string has after its end.
+        // vsnprintf's terminating zero overwrites the one that a string has after its end.
         message.resize(static_cast<std::size_t>(length));
         std::vsnprintf(&message[0], message.size() + 1, format, args);
     }

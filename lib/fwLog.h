@@ -2,7 +2,7 @@
 ///
 /// A source names itself once, in its unnamed namespace:
 ///     constexpr char kSource[] = "fwDB";
-/// The stem is written out, not cut from __FILE__: it belongs to the message.
+/// The name is written out, not derived from __FILE__, because it is part of the message.
 #pragma once
 
 #include <syslog.h>
@@ -16,6 +16,6 @@ void logLine(int priority, const char* source, int line, const char* format, ...
 
 }  // namespace FW
 
-// Macros, because the line must be the caller's.
+// Macros, because the line number must be the caller's.
 #define FW_LOG_ERR(...) ::FW::logLine(LOG_ERR, kSource, __LINE__, __VA_ARGS__)
 #define FW_LOG_DEBUG(...) ::FW::logLine(LOG_DEBUG, kSource, __LINE__, __VA_ARGS__)

@@ -16,21 +16,21 @@ namespace {
 constexpr char kFilter[] = "filter";
 constexpr char kCommit[] = "COMMIT";
 
-// The tool reads lines into 10240 bytes, with a line feed and a terminating zero, and takes the
-// rest of a longer one for a line of its own.
+// The tool reads lines into 10240 bytes, including a line feed and a terminating zero, and treats
+// the rest of a longer one as a separate line.
 constexpr std::size_t kLineBytes = 10238;
 
-constexpr std::size_t kUsualWords = 24;  // what most lines need, to save enlarging
+constexpr std::size_t kUsualWords = 24;  // enough for most lines, to avoid reallocation
 
-// Of the tool's words, and of each other text in a message, as much as a line of the system log
-// bears: some daemons cut it after 1024 bytes, and what the tool says comes last.
+// Limits for the tool's message and every other text in a log line: some daemons truncate lines
+// after 1024 bytes, and the tool's message comes last.
 constexpr std::size_t kWordsBytes = 400;
 constexpr std::size_t kLoggedBytes = 200;
 constexpr char kCutMark[] = "...";
 
 constexpr char kNumberComment[] = "# line ";
 
-// As a listing of either variant writes what fwDefaultDrop() adds.
+// What fwDefaultDrop() adds, as both variants list it.
 constexpr char kListedReloadingRule[] =
     "-A FIREWALL_RELOADING -m state --state RELATED,ESTABLISHED -j ACCEPT\n";
 constexpr char kReloadingRuleRemoval[] =
@@ -38,8 +38,8 @@ constexpr char kReloadingRuleRemoval[] =
 
 // ---- Words ----
 
-/// The words of a line as TARNFW::cmdExec() would pass them on: what lies between blanks, up to a
-/// zero byte.
+/// The words of a line as TARNFW::cmdExec() would pass them: separated by blanks, up to a zero
+/// byte.
 std::vector<std::string_view> wordsOf(std::string_view line) {
     std::vector<std::string_view> words;
     words.reserve(kUsualWords);
@@ -53,8 +53,8 @@ std::vector<std::string_view> wordsOf(std::string_view line) {
     return words;
 }
 
-/// Appends a word as the restore syntax reads it. One that needs no quotes must not have any: the
-/// tool treats quoted words in another way where they look like options.
+/// Appends a word in the restore syntax. A word that needs no quotes must not have any: the tool
+/// treats quoted words that look like options differently.
 void appendWord(std::string& text, std::string_view word) {
     if (!word.empty() && word.find_first_of("\t\"") == std::string::npos) {
         text += word;
@@ -70,8 +70,8 @@ void appendWord(std::string& text, std::string_view word) {
     text += '"';
 }
 
-/// Takes "-t" and its table away from the words. Only at the beginning, where a translation has
-/// them: elsewhere a "-t" may be another option's value, and the tool refuses one that is not.
+/// Removes "-t" and its table from the words. Only at the beginning, where a translation writes
+/// them: elsewhere "-t" may be another option's value, and otherwise the tool refuses it.
 std::string_view takeTable(std::vector<std::string_view>& words) {
     if (words.size() < 2 || words[0] != "-t") {
         return kFilter;
@@ -121,8 +121,8 @@ std::size_t failedLine(const std::string& message) {
 
 // ---- What iptables-save writes ----
 
-/// The lines of one table between its name and its COMMIT; nothing where it is not there or not
-/// complete.
+/// The lines of one table between its name and its COMMIT; nothing if it is missing or
+/// incomplete.
 std::optional<std::string_view> tableIn(std::string_view saved, const std::string& table) {
     const std::string title = "*" + table + "\n";
     std::size_t begin = 0;
@@ -146,12 +146,12 @@ bool isPolicyToMend(const std::string& line) {
     return startsWith(line, ":INPUT ") || startsWith(line, ":FORWARD ");
 }
 
-/// The chain of ":INPUT_FIREWALL - [0:0]"; empty for another line.
+/// The chain of ":INPUT_FIREWALL - [0:0]"; empty for any other line.
 std::string savedChain(const std::string& line) {
     return startsWith(line, ":") ? line.substr(1, line.find(' ') - 1) : "";
 }
 
-/// The chain of "[12:720] -A INPUT_FIREWALL -i lo -j ACCEPT"; empty for a line that is no rule.
+/// The chain of "[12:720] -A INPUT_FIREWALL -i lo -j ACCEPT"; empty for any other line.
 std::string chainOfSavedRule(const std::string& line) {
     if (!startsWith(line, "[")) {
         return "";
@@ -164,7 +164,7 @@ std::string chainOfSavedRule(const std::string& line) {
     return append == "-A" ? chain : "";
 }
 
-/// What others may have put into a message must not end it or change the terminal.
+/// Texts from other sources must not end a message or control the terminal.
 void makePrintable(std::string& text) {
     std::replace_if(
         text.begin(), text.end(),
@@ -242,7 +242,7 @@ bool RestoreText::addLine(const std::string& adapter, const std::string& line) {
     }
     RestoreTable& target = table(tableName);
     if (target.adapters.size() == 1) {
-        target.adapters.front() = adapter;  // it is to blame for a table that does not exist
+        target.adapters.front() = adapter;  // named in the error if the table does not exist
     }
     target.text += text;
     target.text += '\n';
@@ -321,7 +321,7 @@ Refusal refusalOf(const std::string& errors) {
             refusal.line = named;
             return;
         }
-        // One transaction can name several lines; the others mostly follow from the first.
+        // A tool can name several lines; the later errors usually follow from the first.
         if (line.empty() || startsWith(line, "Try `") || refusal.line != 0) {
             return;
         }

@@ -1,4 +1,4 @@
-/// Command documents as texts for iptables-restore, and its answers. Nothing is run here.
+/// Converts command documents to input for iptables-restore, and parses its output. Runs nothing.
 #pragma once
 
 #include <json/json.h>
@@ -16,13 +16,13 @@ namespace FW {
 struct RestoreTable {
     std::string name;                           ///< "filter"
     std::string text;                           ///< "*filter\n-F INPUT_FIREWALL\n..."
-    std::vector<std::string> adapters;          ///< whose each line of `text` is
+    std::vector<std::string> adapters;          ///< the adapter of each line of `text`
     std::set<std::string, std::less<>> chains;  ///< those that the lines change
 };
 
-/// What a refusal is traced back to.
+/// The line that caused an error.
 struct RestoreLine {
-    std::string adapter;  ///< empty for a line that was made from none of the document's
+    std::string adapter;  ///< empty for a line that does not come from the document
     std::string command;  ///< the line, or "COMMIT"
     std::string table;
 };
@@ -33,35 +33,36 @@ inline constexpr char kExaminedMark[] = "# examined\n";
 /// The text of one family.
 class RestoreText {
 public:
-    /// `bufferBytes` is what a tool keeps back of its output, see ToolRun::outputBufferBytes().
+    /// `bufferBytes` is how much output a tool buffers, see ToolRun::outputBufferBytes().
     explicit RestoreText(std::size_t bufferBytes);
 
     /// Makes the text of a family of a command document. Returns false when a line cannot be
     /// written; `invalid` is then that line.
     bool make(const Json::Value& family, RestoreLine& invalid);
 
-    /// Adds lines of the program's own after those of "filter".
+    /// Adds lines after those of "filter" that do not come from the document.
     void append(const std::string& lines) { appended_ += lines; }
 
     const std::vector<RestoreTable>& tables() const { return tables_; }
 
-    /// Up to the first COMMIT, which nothing is done without; append()ed lines are left out.
+    /// The text before the first COMMIT, without which nothing takes effect. Has no append()ed
+    /// lines.
     const std::string& head() const { return tables_.front().text; }
 
-    /// Comments between head() and tail(), which the tool prints once it has done all of head().
-    /// There are enough of them to make it write: what it prints waits in a buffer until then.
+    /// Comments between head() and tail(), which the tool prints once it has processed head(). They
+    /// are long enough to make the tool flush its output buffer.
     const std::string& mark() const { return mark_; }
 
-    /// What follows: append()ed lines, the first COMMIT, other tables.
+    /// The rest: append()ed lines, the first COMMIT, other tables.
     std::string tail() const;
 
     /// head(), mark() and tail().
     std::string whole() const;
 
-    /// The line of that number in whole(), from 1; an empty command when there is none.
+    /// The line with that number in whole(), from 1; has an empty command when there is none.
     RestoreLine lineAt(std::size_t number) const;
 
-    /// head() and tail() with a comment before each line, which names its number. For
+    /// head() and tail() with a comment before each line that has its number, for
     /// numberReached().
     std::string numbered() const;
 
@@ -77,34 +78,34 @@ private:
     std::string appended_;
 };
 
-/// What a tool said when it refused a text.
+/// The error message of a tool that rejected a text.
 struct Refusal {
     std::size_t line = 0;  ///< of the text, from 1; 0 when it names none
-    std::string words;     ///< in one line, without hints on usage
+    std::string words;     ///< on one line, without usage hints
 };
 
-/// Takes apart what iptables-restore, of either variant, writes to standard error.
+/// Parses what iptables-restore, of either variant, writes to standard error.
 Refusal refusalOf(const std::string& errors);
 
-/// The number of the line that a tool had read when it ended, by those comments of a
+/// The number of the last line that a tool had read when it ended, from the comments of a
 /// RestoreText::numbered() that it printed; 0 without any.
 std::size_t numberReached(const std::string& output);
 
-/// A text as a line of the system log bears it: without control characters, and cut.
+/// A text for a line of the system log: without control characters, and truncated.
 std::string forLog(std::string text);
 
-/// Whether iptables-save has written all of a table.
+/// Whether iptables-save has written a table completely.
 bool isWholeSave(const std::string& saved, const std::string& table);
 
-/// The lines that put chains of a table back as `saved` has them, which is a whole save of that
-/// table with counters: their rules and, with `policies`, the policies of INPUT and FORWARD. A
-/// chain that it does not have is left out: it was not there to be changed.
+/// The lines that restore chains of a table from `saved`, a complete save of that table with
+/// counters: their rules and, with `policies`, the policies of INPUT and FORWARD. A chain that is
+/// not in `saved` is left out, since it did not exist and cannot have been changed.
 std::string textToPutBack(const RestoreTable& table, const std::string& saved, bool policies);
 
-/// How often a save of "filter" has the rule that an interrupted reload leaves.
+/// How often a save of "filter" contains the rule that an interrupted reload leaves.
 std::size_t interruptedReloads(const std::string& saved);
 
-/// The lines that open the policies and take out the rules that so many interrupted reloads left.
+/// The lines that open the policies and remove the rules left by that many interrupted reloads.
 std::string linesToMend(std::size_t reloads);
 
 }  // namespace FW

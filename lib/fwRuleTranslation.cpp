@@ -9,7 +9,7 @@
 #include <utility>
 
 #include <boost/algorithm/string/join.hpp>
-// Numbers as text, without the thousands separators of a program's locale.
+// Writes numbers without the thousands separators of a program's locale.
 #define BOOST_LEXICAL_CAST_ASSUME_C_LOCALE
 #include <boost/lexical_cast.hpp>
 
@@ -26,7 +26,7 @@ constexpr char kSource[] = "fwIptables";
 
 // ---- Addresses ----
 
-/// The words that open an address match on the source and on the destination side.
+/// The words that start an address match on the source and on the destination side.
 struct AddressMatch {
     const char* source;
     const char* destination;
@@ -41,7 +41,7 @@ constexpr AddressMatch kRangeMatch = {"-m iprange --src-range ", "-m iprange --d
 constexpr AddressMatch kCountryMatch = {"-m geoip --source-country ",
                                         "-m geoip --destination-country "};
 
-/// Appends the text at `index`, or nothing where the list is too short.
+/// Appends the text at `index`, or nothing if the list is too short.
 void appendEntry(std::string& text, const Texts& list, std::size_t index) {
     if (index < list.size()) {
         text += list[index];
@@ -72,7 +72,7 @@ struct MemoryFree {
     void operator()(char* memory) const { std::free(memory); }
 };
 
-/// Reads one line. Returns false when there is nothing in it.
+/// Reads one line. Returns false when it is empty.
 bool readLine(FILE* stream, std::string& line) {
     char* buffer = nullptr;
     std::size_t capacity = 0;
@@ -82,8 +82,8 @@ bool readLine(FILE* stream, std::string& line) {
         return false;
     }
     line.assign(buffer, static_cast<std::size_t>(length));
-    // The platform's tool prints the bare name. One that ends its line means no other interface,
-    // and a line feed in a name would end the rule's line early.
+    // The platform's tool prints the bare name. A name with a line feed means no other interface,
+    // and would end the rule's line early.
     if (!line.empty() && line.back() == '\n') {
         line.pop_back();
     }
@@ -110,13 +110,13 @@ std::string routerInterface(const std::string& interface) {
 
 // ---- Ports ----
 
-// How many entries of a rule's `portList` go into one line; more make further lines. A multiport
+// How many entries of a rule's `portList` go into one line; more need further lines. A multiport
 // match takes 15 ports and counts a range twice, so seven entries always fit.
 constexpr std::size_t kPortsPerLine = 7;
 
 constexpr char kIgmp[] = "-p igmp ";
 
-/// Appends a port entry as iptables reads it: "6000-6010" as "6000:6010", and "80-80" as "80".
+/// Appends a port entry in the syntax of iptables: "6000-6010" as "6000:6010", and "80-80" as "80".
 void appendPort(std::string& text, const std::string& entry) {
     const auto dash = entry.find('-');
     if (dash == std::string::npos) {
@@ -173,7 +173,7 @@ void appendPorts(std::int32_t protocol, bool sourceSide, const std::vector<std::
             appendPortMatches("udp", sourceSide, ports, fragments);
             break;
         case FW_PORT_PROTOCOL_ICMP:
-            // Both spellings: the assembly of the lines leaves out the other family's.
+            // Both spellings: when the lines are made, the other family's is left out.
             fragments.emplace_back(kIcmpV4);
             fragments.emplace_back(kIcmpV6);
             break;
@@ -181,7 +181,7 @@ void appendPorts(std::int32_t protocol, bool sourceSide, const std::vector<std::
             fragments.emplace_back(kIgmp);
             break;
         default:
-            break;  // no protocol that rules know: no fragment and so no line
+            break;  // an unknown protocol: no fragment and so no line
     }
 }
 
@@ -247,8 +247,8 @@ std::string RuleTranslation::routerInterfaceOf(const std::string& interface) {
 
 bool RuleTranslation::convert(const std::string& adapter, const FWRULE& rule,
                               Fragments& fragments) {
-    // Addresses, chains and tables cannot fail. Their messages stay: they are part of what each
-    // step promises, and come into use with the first mapping that can.
+    // Addresses, chains and tables cannot fail now. Their messages stay, because each step promises
+    // one, for a mapping that can fail.
     if (!adapterFragments(adapter, rule, fragments.adapter)) {
         FW_LOG_ERR("Failed to adapterToIptablesArg()");
         return false;
@@ -301,7 +301,7 @@ bool RuleTranslation::adapterFragments(const std::string& adapter, const FWRULE&
         } else if (predefined == FW_ADAPTER_GLOBAL) {
             fragments.emplace_back();
         } else {
-            // A name added to the list without a meaning here must not pass for an interface.
+            // A name added to the list but not handled here must not be taken for an interface.
             FW_LOG_ERR("Failed to convert pre-defined adapter %s", adapter.c_str());
             return false;
         }
@@ -328,7 +328,7 @@ bool RuleTranslation::ipFragments(const FWRULE& rule, std::array<Texts, 2>& frag
             appendToEachFamily(addressMatch(kAddressMatch.of(rule), rule, '/'));
             break;
         case FW_IP_GROUP_NONE:
-            break;  // no address, so no line: not the same as any address
+            break;  // no address, so no line; unlike any address
         case FW_IP_GROUP_COUNTRIES:
             for (const Family& family : kFamilies) {
                 if (family.isOf(rule.ipType)) {
@@ -340,27 +340,27 @@ bool RuleTranslation::ipFragments(const FWRULE& rule, std::array<Texts, 2>& frag
             appendToEachFamily(addressMatch(kRangeMatch.of(rule), rule, '-'));
             break;
         case FW_IP_GROUP_ANY:
-            // Whatever the rule's families are; the assembly of the lines keeps to them.
+            // For both families; when the lines are made, only the rule's families are used.
             fragments[0].emplace_back();
             fragments[1].emplace_back();
             break;
         default:
-            // Logged, yet no failure: the rule yields no line. False would end the translation and
-            // leave the machine with no rules at all.
+            // Logged, but not a failure: the rule yields no line. False would end the translation
+            // and leave the machine with no rules at all.
             FW_LOG_ERR("Unknown ip group %d", rule.ipGroup);
             break;
     }
     return true;
 }
 
-/// Appends the match of those countries that the family has data for; no entry without any.
+/// Appends a match for the countries with data for the family; nothing without any.
 void RuleTranslation::appendCountries(const FWRULE& rule, const Family& family, Texts& fragments) {
     std::map<Texts, std::string>& known = countries_[family.index];
     auto usable = known.find(rule.ipList);
     if (usable == known.end()) {
         Texts found;
         if (!FW_GEOIP().geoipSanctify(rule.ipList, family.ipv6(), found)) {
-            return;  // and is asked again, since it may log
+            return;  // not kept, so that the next rule logs it again
         }
         usable = known.emplace(rule.ipList, boost::join(found, ",")).first;
     }
@@ -384,7 +384,7 @@ bool RuleTranslation::portFragments(const FWRULE& rule, Texts& fragments) {
             fragments.emplace_back();
             return true;
         default:
-            // No failure, for the reason given in ipFragments().
+            // Not a failure, for the reason given in ipFragments().
             FW_LOG_ERR("Unknown port group %d", rule.portGroup);
             return true;
     }

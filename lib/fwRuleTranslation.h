@@ -1,5 +1,5 @@
-/// Rules to fragments: the one piece of code for each mapping. TARNFW_IPTABLES_RULES offers the
-/// mappings one by one, on documents; a whole profile goes through here without them.
+/// Converts rules to fragments, with one function for each mapping. TARNFW_IPTABLES_RULES offers
+/// the mappings one by one, on documents; a whole profile is translated here without documents.
 #pragma once
 
 #include <array>
@@ -16,19 +16,19 @@ namespace FW {
 
 /// How the lines of a translation are put into the kernel.
 enum class LinesFor {
-    kRunning,  ///< one by one, each a program of its own
+    kRunning,  ///< one by one, each by its own process
     kBatch,    ///< all at once, see TARNFW_IPTABLES_RULES::fwRulesToBatchRules()
 };
 
-/// Every operation appends. What it needs of the machine it asks the translator for.
-/// One object is for one translation: the countries and services that a rule names are looked up
-/// for the first rule that names just these.
+/// Every operation appends. It gets facts about the machine from the translator.
+/// Use one object for one translation: it keeps the results for the countries and services that a
+/// rule names, for later rules that name the same.
 class RuleTranslation {
 public:
     explicit RuleTranslation(TARNFW_IPTABLES_RULES& translator, LinesFor use = LinesFor::kRunning)
         : translator_(translator), use_(use) {}
 
-    /// The interface of `adapter`, which is that of the connection for "pppoe".
+    /// The interface of `adapter`; for "pppoe" that of the connection.
     const std::string& interfaceOf(const std::string& adapter);
 
     /// The interface that routes IPv6 for `interface`, which may be itself.
@@ -53,7 +53,7 @@ private:
 
     TARNFW_IPTABLES_RULES& translator_;
     LinesFor use_;
-    std::map<std::string, std::string> routerInterfaces_;    // those asked for, for a batch
+    std::map<std::string, std::string> routerInterfaces_;    // those looked up, for a batch
     std::array<std::map<Texts, std::string>, 2> countries_;  // by Family::index: the usable ones
     std::map<Texts, Texts> services_;                        // their fragments
 };

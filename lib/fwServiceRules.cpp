@@ -32,7 +32,7 @@ void dropRulesWithoutService(std::vector<FWRULE>& list) {
                list.end());
 }
 
-/// Removes the names that are not usable, and notes what the others need.
+/// Removes unusable names, and records which protocols the others need.
 void updateRule(FWRULE& rule, const ServiceProtocol& protocolOf) {
     bool needsTcp = false;
     bool needsUdp = false;

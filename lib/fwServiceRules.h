@@ -1,5 +1,5 @@
-/// Rules that name services: how the operations over all profiles change an adapter's rule list.
-/// Pure functions on records; reading and writing the profiles is the caller's.
+/// Rules that name services: how the operations on all profiles change an adapter's rule list.
+/// Pure functions on records; the caller reads and writes the profiles.
 #pragma once
 
 #include <functional>
@@ -13,21 +13,21 @@
 namespace FW {
 
 /// Puts a service into the reserved rule of `adapter` with `policy`: into the rule at the head of
-/// the list when that is an enabled reserved rule with this policy, or else into a new one in
-/// front, after taking the service out of the other reserved rules. So reserved rules stay ahead of
-/// the user's, and the first of them that names a service is for what was asked last.
+/// the list if that is an enabled reserved rule with this policy, otherwise into a new one before
+/// it, after removing the service from the other reserved rules. So reserved rules stay before the
+/// user's, and the first one that names a service has the policy requested last.
 void reserveService(std::map<std::string, std::vector<FWRULE>>& rules, const std::string& adapter,
                     const std::string& service, FW_POLICY policy);
 
-/// Takes a service out of every rule that names services, and such rules that name none out of the
-/// lists.
+/// Removes a service from every rule that names services, and then such rules that name none from
+/// the lists.
 void removeService(std::map<std::string, std::vector<FWRULE>>& rules, const std::string& service);
 
-/// The catalogue's protocol of a service; nothing for one that is unknown or not usable.
+/// The catalogue's protocol of a service; nothing for an unknown or unusable one.
 using ServiceProtocol = std::function<std::optional<int>(const std::string& service)>;
 
-/// Brings an adapter's rules that name services up to date: names that are not usable go, and rules
-/// that then name none; what remains decides whether a rule is for TCP, UDP or both.
+/// Updates an adapter's rules that name services: removes unusable names, and rules that then name
+/// none. The remaining names decide whether a rule is for TCP, UDP or both.
 void updateServices(std::vector<FWRULE>& list, const ServiceProtocol& protocolOf);
 
 }  // namespace FW

@@ -11,7 +11,7 @@
 namespace FW {
 namespace {
 
-// The messages are those of firewall control, whose operations these were called through.
+// The messages are logged under the name of firewall control, whose operations use these functions.
 constexpr char kSource[] = "tarnFW";
 
 constexpr char kSettingsFile[] = "/usr/tarn/etc/firewall.d/firewall_settings.json";
@@ -32,7 +32,7 @@ void settingsDefaults(Json::Value& config) {
 bool settingsGet(Json::Value& config) {
     if (!hasFile()) {
         settingsDefaults(config);
-        (void)jsonFileDump(config, kSettingsFile);  // logs for itself; the defaults hold anyway
+        (void)jsonFileDump(config, kSettingsFile);  // logs for itself; the defaults apply anyway
         return true;
     }
     return jsonFileLoad(config, kSettingsFile);

@@ -1,5 +1,5 @@
-/// The settings file: whether the firewall is enabled, which profile is active, how rules are
-/// applied. For firewall control, under whose name it logs, and for the store.
+/// The settings file: whether the firewall is enabled, which profile is active, the apply mode.
+/// Used by firewall control, under whose name it logs, and by the store.
 #pragma once
 
 #include <json/json.h>
@@ -12,7 +12,7 @@ inline constexpr char kProfileKey[] = "profile";
 inline constexpr char kApplyLines[] = "lines";
 inline constexpr char kApplyBatch[] = "batch";
 
-/// Sets the members that a fresh settings file has, and leaves others alone.
+/// Sets the members of a new settings file and leaves others unchanged.
 void settingsDefaults(Json::Value& config);
 
 /// Reads the settings. Without a file these are the defaults, which it then tries to write.
@@ -22,17 +22,17 @@ bool settingsGet(Json::Value& config);
 /// Merges members into the settings. Returns false, logged, when they cannot be read or written.
 bool settingsSet(const Json::Value& members);
 
-/// As settingsGet(), without writing anything: null without a file.
+/// As settingsGet(), but writes nothing: null without a file.
 bool settingsPeek(Json::Value& config);
 
-/// Reads "status". Raises Json::Exception where it does not convert.
+/// Reads "status". Raises Json::Exception if it does not convert.
 bool isEnabled(const Json::Value& config);
 
 /// Whether the apply mode is "batch".
 bool choosesBatch(const Json::Value& config);
 
-/// The same of the file, for an operation that is not to depend on it: neither waits for its lock
-/// nor logs. A file that cannot be read chooses nothing.
+/// The same for the file, for an operation that must not depend on it: neither waits for its lock
+/// nor logs. False if the file cannot be read.
 bool settingsChooseBatch();
 
 }  // namespace FW

@@ -14,8 +14,8 @@ namespace {
 
 constexpr int kFirstOwnDescriptor = 3;  // after the three standard ones
 
-// The descriptor at which a program finds its own file, and the path that runs it. /proc/self is
-// the new process by the time the path is used.
+// The descriptor of a program's own file, and the path that runs it. When the path is used,
+// /proc/self is already the new process.
 constexpr int kFileDescriptor = 3;
 constexpr char kFileDescriptorPath[] = "/proc/self/fd/3";
 
@@ -25,15 +25,15 @@ void check(int error) {
     }
 }
 
-// Whether a new process would find the standard descriptor `fd` open. A daemon may have closed its
-// own, and the first files that the program opens must not take their place and collect its
+// Whether the standard descriptor `fd` would be open in a new process. A daemon may have closed its
+// own; then the first files that the program opens must not get these numbers and receive its
 // messages.
 bool isInherited(int fd) {
     const int flags = fcntl(fd, F_GETFD);
     return flags >= 0 && (flags & FD_CLOEXEC) == 0;
 }
 
-// The descriptors of the new process, in the order in which they are made.
+// The descriptors of the new process, in the order in which they are set up.
 class FileActions {
 public:
     FileActions() { check(posix_spawn_file_actions_init(&actions_)); }
@@ -63,7 +63,7 @@ public:
         sigemptyset(&none);
         sigfillset(&all);
         check(posix_spawnattr_init(&attributes_));
-        // These fail for flags that do not exist only.
+        // These fail only for unknown flags.
         (void)posix_spawnattr_setsigmask(&attributes_, &none);
         (void)posix_spawnattr_setsigdefault(&attributes_, &all);
         (void)posix_spawnattr_setflags(&attributes_,
@@ -82,7 +82,7 @@ private:
 std::vector<char*> pointersTo(const std::vector<std::string>& environment) {
     std::vector<char*> pointers;
     for (const char* variable : kFixedEnvironment) {
-        pointers.push_back(const_cast<char*>(variable));  // the interface's type, never written
+        pointers.push_back(const_cast<char*>(variable));  // the interface's type; never written to
     }
     for (const std::string& variable : environment) {
         pointers.push_back(const_cast<char*>(variable.c_str()));

@@ -1,9 +1,9 @@
-/// Running programs without a shell, and the guard of a descriptor. Compiled into the library and
-/// into platform/host, and using neither.
+/// Runs programs without a shell; owns descriptors. Compiled into both the library and
+/// platform/host, and depends on neither.
 ///
-/// A program gets nothing of the calling process but its rights, its directory and the descriptors
-/// named here: it has a fixed environment, no other descriptor, no blocked signal and every
-/// signal's default action.
+/// A program inherits only the calling process's rights, its directory and the descriptors named
+/// here: it has a fixed environment, no other descriptors, no blocked signals and the default
+/// action for every signal.
 #pragma once
 
 #include <sys/types.h>
@@ -26,7 +26,7 @@ public:
         std::swap(fd_, other.fd_);
         return *this;
     }
-    /// Leaves errno alone, so that a failure found before can still be reported.
+    /// Preserves errno, so that an earlier failure can still be reported.
     ~Descriptor() {
         if (fd_ >= 0) {
             const int error = errno;
@@ -43,11 +43,11 @@ private:
     int fd_;
 };
 
-/// A duplicate after the standard descriptors, in whose place a process that has closed its own
-/// would else use it. Throws std::system_error.
+/// A duplicate with a number above the standard descriptors. In a process that has closed these,
+/// `fd` could be one of them. Throws std::system_error.
 Descriptor aboveStandard(int fd);
 
-/// The status of a program that signal n killed is this + n, as a shell has it.
+/// The status of a program that signal n killed is this + n, as in a shell.
 inline constexpr int kSignalExitBase = 128;
 
 /// The variables of every program.
@@ -62,17 +62,17 @@ struct Program {
     int input = -1;                        ///< becomes the standard input; -1: /dev/null
     int output = -1;                       ///< becomes the standard output; -1: the caller's
     int errors = -1;                       ///< becomes the standard error; -1: the caller's
-    /// -1, or an open descriptor of the file to run, whatever `path` names by now. The program
-    /// finds it as descriptor 3, because the interpreter of a script has to open it once more.
+    /// -1, or an open descriptor of the file to run, whatever `path` names now. The program
+    /// gets it as descriptor 3, because the interpreter of a script has to open it again.
     int file = -1;
 };
 
-/// Starts a program. 0 with its process in `pid`, or the errno code of why it could not be started.
+/// Starts a program. 0 with its process in `pid`, or the errno code of the failure.
 int startProgram(const Program& program, pid_t& pid);
 
 /// Waits for a program. The result is its exit status, kSignalExitBase + n when signal n killed it,
-/// and nothing when the status is lost: a process that ignores SIGCHLD, or that waits for any child
-/// in another thread, never learns how its children ended.
+/// or nothing when the status is lost: a process that ignores SIGCHLD, or that waits for any child
+/// in another thread, does not get the status of its children.
 std::optional<int> waitForProgram(pid_t pid);
 
 }  // namespace FW

@@ -11,7 +11,7 @@
 namespace FW {
 namespace {
 
-// A time in whole seconds may be of a file system that keeps no more; two on some.
+// A time in whole seconds may come from a file system that keeps only seconds, or every second one.
 constexpr time_t kCoarseTickSeconds = 2;
 
 bool sameTime(const timespec& a, const timespec& b) {
@@ -22,8 +22,8 @@ bool isBefore(const timespec& a, const timespec& b) {
     return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
 }
 
-/// Whether a write at `now` or later would leave another time than `changed`. Two writes in one
-/// tick of the clock leave the same.
+/// Whether a write at `now` or later would set a time other than `changed`. Two writes in the same
+/// clock tick set the same time.
 bool isOver(timespec changed, const timespec& now) {
     if (changed.tv_nsec == 0) {
         changed.tv_sec += kCoarseTickSeconds;
@@ -36,7 +36,7 @@ bool isOver(timespec changed, const timespec& now) {
 FileState FileState::of(const std::string& path) {
     FileState state;
     struct stat status {};
-    // The clock that file systems use; first, so that no write comes in between.
+    // The clock that file systems use; read first, so that no write comes in between.
     (void)clock_gettime(CLOCK_REALTIME_COARSE, &state.taken_);
     state.exists_ = stat(path.c_str(), &status) == 0;
     state.device_ = status.st_dev;
@@ -57,8 +57,8 @@ StoreFiles::Known* StoreFiles::find(const std::string& path) {
         return nullptr;
     }
     if (!found->second.lockInPlace) {
-        // Nothing is read, so nothing needs the lock, but every step logs that the directory
-        // of the locks cannot be made.
+        // Nothing is read, so no lock is needed, but every step must log that the directory
+        // of the locks cannot be created.
         (void)getLockFile(path);
     }
     return &found->second;
@@ -69,7 +69,7 @@ const Json::Value* StoreFiles::nameIn(const std::string& path) {
         return &known->name;
     }
     Known loaded;
-    loaded.state = FileState::of(path);  // before the content, which is then no older
+    loaded.state = FileState::of(path);  // read before the content, which is then not older
     Json::Value document;
     std::string lockPath;
     if (!jsonFileLoad(document, path, lockPath)) {

@@ -1,4 +1,4 @@
-/// The files of the profile store, for one operation that goes through them more than once.
+/// The files of the profile store, for one operation that scans them more than once.
 #pragma once
 
 #include <json/json.h>
@@ -12,13 +12,13 @@
 
 namespace FW {
 
-/// The state of a file, to see whether it has been written since.
+/// The state of a file, to detect whether it has been written since.
 class FileState {
 public:
-    /// The state of the file at `path` now; that of a missing file equals no other.
+    /// The state of the file at `path` now. That of a missing file equals no other.
     static FileState of(const std::string& path);
 
-    /// Whether the file surely has not changed from this state to the `later` one.
+    /// Whether the file certainly has not changed between this state and the `later` one.
     bool stillHolds(const FileState& later) const;
 
 private:
@@ -27,24 +27,24 @@ private:
     ino_t inode_ = 0;
     off_t size_ = 0;
     timespec changed_{};
-    timespec taken_{};  // when this state was found
+    timespec taken_{};  // when this state was read
 };
 
-/// Each operation looks for its profile anew in every step, so a store of any number of profiles is
-/// gone through several times. Every time each file is looked at; it is locked, read and parsed
-/// again when it may have changed.
+/// Each operation searches for its profile again in every step, so it scans all files of the store
+/// several times. A scan checks the state of each file, and locks, reads and parses it again only
+/// if it may have changed.
 class StoreFiles {
 public:
     /// `keep` returns whether the document of a profile is wanted later.
     explicit StoreFiles(std::function<bool(const std::string& name)> keep)
         : keep_(std::move(keep)) {}
 
-    /// The "name" of a profile's file, null for a file that is none (such as the settings).
-    /// Nothing, logged, when the file cannot be loaded.
+    /// The "name" in a profile's file; null for a file without one (such as the settings). A null
+    /// pointer, logged, when the file cannot be loaded.
     const Json::Value* nameIn(const std::string& path);
 
-    /// Loads a document as jsonFileLoad() does, or hands out the one that nameIn() has kept: once,
-    /// when the file has not changed since, and then without its lock.
+    /// Loads a document as jsonFileLoad() does. If the file has not changed since nameIn() kept its
+    /// document, returns that instead, once and without locking the file.
     bool load(const std::string& path, Json::Value& out);
 
 private:
@@ -55,7 +55,7 @@ private:
         Json::Value document;  // null when it is not kept
     };
 
-    /// What is known of a file, null when that may be out of date.
+    /// What is known about a file; null if that may be out of date.
     Known* find(const std::string& path);
 
     std::function<bool(const std::string& name)> keep_;

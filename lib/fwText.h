@@ -1,4 +1,4 @@
-/// Small questions about texts that several sources ask.
+/// Small text helpers for several sources.
 #pragma once
 
 #include <string_view>

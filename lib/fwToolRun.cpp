@@ -20,7 +20,7 @@
 namespace FW {
 namespace {
 
-constexpr int kNotStarted = 127;  // as a shell has it
+constexpr int kNotStarted = 127;  // as in a shell
 
 // A file that nobody else locks: the program's own output.
 constexpr char kOwnLockFile[] = "XTABLES_LOCKFILE=/proc/self/fd/1";
@@ -45,7 +45,7 @@ Descriptor memoryFile(const char* name) {
     return aboveStandard(file.get());
 }
 
-/// A file in memory that holds `text`, to be read from its beginning.
+/// A file in memory with `text`, positioned at its beginning.
 Descriptor memoryFileOf(const std::string& text) {
     Descriptor file = memoryFile("input");
     std::size_t written = 0;
@@ -92,8 +92,8 @@ XtablesLock::XtablesLock()
     if (!file_) {
         return;
     }
-    // Asking again and again, because waiting could only be ended by a signal, and those belong to
-    // the caller's process.
+    // Polls, because only a signal could end a blocking wait, and signals belong to the caller's
+    // process.
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(kXtablesLockSeconds);
     do {
         held_ = flock(file_.get(), LOCK_EX | LOCK_NB) == 0;
@@ -107,7 +107,7 @@ XtablesLock::XtablesLock()
 
 XtablesLock::~XtablesLock() {
     if (held_) {
-        // Not closing alone: a process that another thread is just starting holds a duplicate.
+        // Closing is not enough: a process that another thread is starting may have a duplicate.
         (void)flock(file_.get(), LOCK_UN);
     }
 }
@@ -122,7 +122,7 @@ ToolRun::ToolRun(const std::vector<std::string>& arguments, const std::string& i
 
 ToolRun::ToolRun(const std::vector<std::string>& arguments) {
     try {
-        // No pipe: writing to a program that has ended must not raise a signal in the caller.
+        // Not a pipe: writing to a program that has ended must not raise a signal in the caller.
         int ends[2] = {-1, -1};
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
             check(errno);
@@ -145,8 +145,8 @@ void ToolRun::feed(const std::string& text) {
     if (!input_) {
         return;
     }
-    // Room for all of it, so that the caller can feed another program in the meantime. Without the
-    // right to that much, sending waits for the program.
+    // Room for all of it, so that the caller can feed another program in the meantime. Without
+    // permission for that much, sending waits for the program.
     const int room = static_cast<int>(std::min<std::size_t>(2 * text.size(), INT_MAX / 2));
     (void)setsockopt(input_.get(), SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room));
     std::size_t sent = 0;
@@ -168,8 +168,8 @@ bool ToolRun::awaitOutput(const std::string& line) {
         printed += contentOf(output_, old);
         return printed.find(line, old - std::min(old, line.size())) != std::string::npos;
     };
-    // No event reports that a file has grown, so it is looked at again and again. The other end of
-    // the input is closed when the program ends, which ends the pause.
+    // No event reports that a file has grown, so this polls. The other end of the input is closed
+    // when the program ends, which ends the pause.
     pollfd input = {input_.get(), 0, 0};
     const Clock::time_point end = Clock::now() + kOutputLimit;
     while (input_ && !isPrinted()) {
@@ -190,7 +190,7 @@ std::size_t ToolRun::outputBufferBytes() {
 
 void ToolRun::endInput() {
     if (input_) {
-        // Not closing alone: a process that another thread is just starting holds a duplicate.
+        // Closing is not enough: a process that another thread is starting may have a duplicate.
         (void)shutdown(input_.get(), SHUT_WR);
         input_ = Descriptor();
     }

@@ -1,4 +1,4 @@
-/// Running a program with text on its standard input, which the platform's functions do not offer.
+/// Runs a program with text on its standard input, which the platform's functions cannot do.
 #pragma once
 
 #include <sys/types.h>
@@ -11,12 +11,13 @@
 
 namespace FW {
 
-/// The lock that the programs of iptables' legacy variant hold while they change a table, held from
-/// construction to destruction. Where this library runs several of them, the lock has to span all:
-/// each would wait for the other.
+/// The lock that iptables' legacy programs hold while they change a table, held from construction
+/// to destruction. When this library runs several of them at the same time, it holds the lock for
+/// all: otherwise they would wait for each other.
 class XtablesLock {
 public:
-    /// Waits up to 30 s. errno holds why it is not held: EWOULDBLOCK when others had it.
+    /// Waits up to 30 s. If it is not held, errno has the reason: EWOULDBLOCK when another program
+    /// held it.
     XtablesLock();
     ~XtablesLock();
     XtablesLock(const XtablesLock&) = delete;
@@ -29,49 +30,49 @@ private:
     bool held_ = false;
 };
 
-/// What a run left.
+/// The result of a run.
 struct ToolResult {
-    /// The exit status, as waitForProgram() returns it. Empty where the caller's process ignores
-    /// the ends of its children or another part of it has collected this one: the output has to
-    /// show it then.
+    /// The exit status, as waitForProgram() returns it. Empty if the caller's process ignores
+    /// SIGCHLD or another part of it has collected this child: then only the output shows the
+    /// result.
     std::optional<int> status;
     std::string output;
     std::string errors;
 };
 
 /// One run of a program of iptables: no shell, a fixed environment, default signals, none of the
-/// caller's descriptors. What it prints is kept in memory, so it never waits for a reader, and no
-/// thread is needed. Over at the latest with the object: the destructor ends its input and waits.
+/// caller's descriptors. Its output is kept in memory, so it never waits for a reader, and no
+/// thread is needed. The destructor ends its input and waits for it.
 ///
-/// The program does not take the lock that those of the legacy variant share: XtablesLock does.
+/// The program does not take the lock of the legacy variant; use XtablesLock.
 class ToolRun {
 public:
-    /// Starts a program, `arguments[0]` being its path, that gets `input` as its standard input.
+    /// Starts the program `arguments[0]` with `input` as its standard input.
     ToolRun(const std::vector<std::string>& arguments, const std::string& input);
 
-    /// The same for input that comes piece by piece, see feed().
+    /// The same, with input that is passed piece by piece, see feed().
     explicit ToolRun(const std::vector<std::string>& arguments);
 
-    /// How much a program keeps back of what it prints, until it prints more or ends.
+    /// How much output a program buffers before it writes it.
     static std::size_t outputBufferBytes();
 
     ~ToolRun();
     ToolRun(const ToolRun&) = delete;
     ToolRun& operator=(const ToolRun&) = delete;
 
-    /// Hands on a piece of input, without waiting for the program where the system lets the caller
-    /// keep that much for it. Does nothing when the program has ended, which its result shows.
+    /// Sends a piece of input. Does not wait for the program if the system lets the caller buffer
+    /// that much. Does nothing when the program has ended, which its result shows.
     void feed(const std::string& text);
 
     /// Waits until the program has printed `line`. Returns false when it ends without that, and
     /// after five minutes: the largest rulesets take seconds.
     bool awaitOutput(const std::string& line);
 
-    /// No further input comes.
+    /// Ends the input.
     void endInput();
 
-    /// Ends the input, waits for the program and returns what it left. When it could not be
-    /// started, `errors` says why and `status` is 127. To be called once.
+    /// Ends the input, waits for the program and returns its result. If it could not be started,
+    /// `errors` has the reason and `status` is 127. Call it once.
     ToolResult finish();
 
 private:

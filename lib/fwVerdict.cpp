@@ -59,7 +59,7 @@ PolicyColumn columnOf(FW_POLICY policy) {
 
 // Rows: the verdict so far.
 enum VerdictRow : std::size_t {
-    kDefault = 0,    // allowed, blocked or undecided, as the default policy has it
+    kDefault = 0,    // allowed, blocked or undecided, from the default policy
     kAllowSome = 1,  // allowed from some addresses
     kDenySome = 2,   // blocked from some addresses
     kMixed = 3,      // mixed, or no verdict at all
@@ -94,13 +94,13 @@ constexpr FW_POLICY kBoth = FW_POLICY_MIXED;
 constexpr FW_POLICY kSomeAllowed = FW_POLICY_ALLOW_SOME;
 constexpr FW_POLICY kSomeBlocked = FW_POLICY_DENY_SOME;
 
-// Several entries allow where one might expect the old verdict to stay. They are what the callers
-// know, and changing one changes what they open.
+// Several entries are "allowed" where one might expect the old verdict to stay. Callers rely on
+// them, and changing one would change which ports they open.
 
 // clang-format off
 
-// A rule for any address ends the list. The first row is for the reader: nextVerdict() makes the
-// rule's policy the verdict there, whatever it is.
+// A rule for any address ends the list. The first row is only for the reader: nextVerdict() makes
+// the rule's policy the verdict there, whatever it is.
 constexpr VerdictStep kAnyAddress[4][3] = {
     //                 rule allows          rule denies          neither
     /* default    */ { stop(kAllowed),      stop(kBlocked),      stop(kUndecided) },
@@ -109,8 +109,8 @@ constexpr VerdictStep kAnyAddress[4][3] = {
     /* mixed      */ { stop(kAllowed),      stop(kAllowed),      stop(kAllowed)   },
 };
 
-// A rule for some addresses leaves room for the next one, until both sides are known. In the first
-// row a policy equal to the verdict allows; nextVerdict() sees to that.
+// After a rule for some addresses the next one is evaluated, until some are allowed and some
+// blocked. In the first row nextVerdict() returns "allowed" for a policy equal to the verdict.
 constexpr VerdictStep kSomeAddresses[4][3] = {
     //                 rule allows          rule denies          neither
     /* default    */ { goOn(kSomeAllowed),  goOn(kSomeBlocked),  goOn(kAllowed)   },

@@ -30,7 +30,7 @@ constexpr char kIp6tables[] = "/sbin/ip6tables";
 constexpr std::size_t kCommandBytes = 1024;
 constexpr std::size_t kCommandSlots = 256;
 
-// Under which the module loader counts the firewall's modules.
+// The name under which the module loader counts the firewall's modules.
 constexpr char kServiceName[] = "firewall";
 
 constexpr char kExecLockPath[] = "/tmp/firewall_iptables_exec.lock";
@@ -97,14 +97,14 @@ bool firewallModLoad() {
     return true;
 }
 
-/// Removes the firewall's modules; disabling goes on whatever comes of it.
+/// Removes the firewall's modules; disabling goes on whatever the result.
 void firewallModUnload() {
     if (!TARN_IPTABLES_MODULES::isModuleLoad(kServiceName)) {
         return;
     }
     const std::vector<std::string> modules(FW_FIREWALL_MODULES.rbegin(),
                                            FW_FIREWALL_MODULES.rend());
-    // The messages are those of loading, word for word, and part of the behaviour.
+    // The messages are exactly those of loading, and part of the behaviour.
     if (!TARN_IPTABLES_MODULES::moduleRemove(kServiceName, modules)) {
         FW_LOG_ERR("Failed to moduleInsert()");
         return;
@@ -141,7 +141,7 @@ bool statusSet(TARNFW& firewall, bool enabled) {
 
 // ---- Reload ----
 
-/// Runs a ruleset. A half-built one is worse than none, so a failure turns the firewall off.
+/// Runs a ruleset. An incomplete one is worse than none, so a failure disables the firewall.
 bool execOrDisable(TARNFW& firewall, const Json::Value& cmds) {
     if (!firewall.fwExec(cmds)) {
         (void)firewall.fwDisable();  // logs for itself
@@ -151,7 +151,7 @@ bool execOrDisable(TARNFW& firewall, const Json::Value& cmds) {
     return true;
 }
 
-/// Reopens the machine before an exception goes on to the caller.
+/// Reopens the machine before an exception reaches the caller.
 void acceptDespiteException(TARNFW& firewall) noexcept {
     try {
         (void)firewall.fwDefaultAccept();  // logs for itself
@@ -160,17 +160,17 @@ void acceptDespiteException(TARNFW& firewall) noexcept {
     }
 }
 
-/// Runs `apply` while the machine is closed to new connections, and once it is closed reopens it
-/// whatever comes. The result is that of all three steps.
+/// Runs `apply` while the machine is closed to new connections, and always reopens it afterwards.
+/// True if all three steps succeed.
 template <typename Apply>
 bool applyWhileClosed(TARNFW& firewall, Apply apply) {
     bool applied = false;
     bool accepted = false;
-    // A handler and not a guard's destructor: when nobody catches the exception, the process ends
+    // A handler, not a guard's destructor: when nobody catches the exception, the process ends
     // without running destructors, and the machine would stay closed.
     try {
         if (!firewall.fwDefaultDrop()) {
-            return false;  // what did run stays in force
+            return false;  // what was run stays in force
         }
         applied = apply();
         accepted = firewall.fwDefaultAccept();
@@ -195,7 +195,7 @@ bool activeProfileGet(TARNFW& firewall, std::string& profile) {
     return true;
 }
 
-/// Logs a translation that failed. The result is that of the translation.
+/// Logs a failed translation. Returns the translation's result.
 bool translated(bool result) {
     if (!result) {
         FW_LOG_ERR("Failed to fwIptablesRulesEnum()");
@@ -203,9 +203,9 @@ bool translated(bool result) {
     return result;
 }
 
-/// Replaces the chains' content by the rules of the active profile.
+/// Replaces the chains' content with the rules of the active profile.
 bool applyActiveProfile(TARNFW& firewall, bool acceptEstablished) {
-    (void)firewall.fwClear();  // logs for itself; the new rules go in all the same
+    (void)firewall.fwClear();  // logs for itself; the new rules are added anyway
     std::string profile;
     Json::Value cmds;
     return activeProfileGet(firewall, profile) &&
@@ -213,8 +213,8 @@ bool applyActiveProfile(TARNFW& firewall, bool acceptEstablished) {
            execOrDisable(firewall, cmds);
 }
 
-/// Replaces the chains' content by the rules of a test profile. Unlike a reload it goes no further
-/// than chains that cannot be flushed: a trial on top of other rules would show nothing.
+/// Replaces the chains' content with the rules of a test profile. Unlike a reload it stops when the
+/// chains cannot be flushed: a trial on top of other rules would show nothing.
 bool applyTestProfile(TARNFW& firewall, const std::string& testName, const std::string& localIp) {
     if (!firewall.fwClear()) {
         FW_LOG_ERR("Failed to fwClear()");
@@ -226,7 +226,7 @@ bool applyTestProfile(TARNFW& firewall, const std::string& testName, const std::
            execOrDisable(firewall, cmds);
 }
 
-/// Replaces the chains' content by the rules of a profile in apply mode "batch".
+/// Replaces the chains' content with the rules of a profile in apply mode "batch".
 bool applyInBatch(TARNFW& firewall, const std::string& profile, bool acceptEstablished,
                   const std::string& localIp) {
     Json::Value cmds;
@@ -307,7 +307,7 @@ bool TARNFW::fwProfileConfigSet(const std::string& profile, bool reload) {
         FW_LOG_ERR("Falied to configSet()");
         return false;
     }
-    // A fresh object: this one may hold the interfaces of an earlier translation.
+    // A new object: this one may have the interfaces of an earlier translation.
     if (reload && !TARNFW().fwReload(true)) {
         FW_LOG_ERR("Failed to reload firewall");
         return false;
@@ -317,7 +317,7 @@ bool TARNFW::fwProfileConfigSet(const std::string& profile, bool reload) {
 
 bool TARNFW::fwApplyMode(std::string& mode) {
     Json::Value config;
-    if (!settingsPeek(config)) {  // a trial leaves the settings alone
+    if (!settingsPeek(config)) {  // a trial does not change the settings
         FW_LOG_ERR("Falied to configGet()");
         return false;
     }
@@ -350,7 +350,7 @@ bool TARNFW::cmdExec(const std::string& cmd) {
     std::istringstream words(cmd);
     std::string word;
     while (std::getline(words, word, ' ')) {
-        // Before the test for an empty word, so a superfluous blank after a full line counts too.
+        // Before the test for an empty word, so an extra blank after a full line counts too.
         if (count >= kCommandSlots - 1 || used > kCommandBytes - 2) {
             FW_LOG_ERR("#Arguments exceeds limit");
             return false;
@@ -360,7 +360,7 @@ bool TARNFW::cmdExec(const std::string& cmd) {
         }
         argv[count++] = text + used;
         std::snprintf(text + used, kCommandBytes - used, "%s", word.c_str());
-        // By the word's full length, also where the copy was cut: the sum shows that it was.
+        // By the word's full length, even if the copy was truncated: the sum shows that it was.
         used += word.size() + 1;
     }
     argv[count] = nullptr;

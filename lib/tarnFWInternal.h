@@ -1,4 +1,4 @@
-/// What the sources of firewall control share. They log under one name.
+/// Shared by the sources of firewall control, which log under one name.
 #pragma once
 
 #include <string>

@@ -10,8 +10,8 @@ namespace {
 
 constexpr const char* kSource = kFirewallSource;
 
-/// Moves the entry of one adapter to another's place, replacing what was there. Returns whether
-/// there was one. With one name for both, the entry is gone afterwards.
+/// Moves the entry of one adapter to another, replacing the other's. Returns whether there was one.
+/// If both names are the same, the entry is removed.
 template <typename Value>
 bool moveEntry(std::map<std::string, Value>& entries, const std::string& oldAdapter,
                const std::string& newAdapter) {
@@ -132,7 +132,7 @@ bool TARNFW_PROFILE::profileChangeAdapter(const std::string& oldAdapter,
     }
     bool activeTouched = false;
     for (auto& [name, profile] : profiles) {
-        // Only the policy marks the active profile as touched: every stored adapter has one.
+        // The policy alone shows that the active profile changed: every stored adapter has one.
         if (moveEntry(profile.adapterPolicyMap, oldAdapter, newAdapter) && profile.name == active) {
             activeTouched = true;
         }

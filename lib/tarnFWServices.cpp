@@ -1,4 +1,4 @@
-/// Firewall control: services. Profiles follow the catalogue, and the blocked checks.
+/// Firewall control: updating profiles from the service catalogue, and the blocked checks.
 #include "tarnfirewall/tarnFW.h"
 
 #include <algorithm>
@@ -37,7 +37,7 @@ bool ruleMatches(TARNFW& firewall, const PortCompareST& query, const FWRULE& rul
                 FW_LOG_ERR("Failed to servToPorts()");
                 return false;
             }
-            // The rule's direction holds for both maps.
+            // The rule's direction applies to both maps.
             return anyEntryMatches(query, rule, ports.srcPorts) ||
                    anyEntryMatches(query, rule, ports.dstPorts);
         }
@@ -51,8 +51,8 @@ bool ruleMatches(TARNFW& firewall, const PortCompareST& query, const FWRULE& rul
     }
 }
 
-/// The verdicts of one check, and, when somebody asks for them, the steps that led there. A verdict
-/// changes through it alone, so that no step can be missing.
+/// The verdicts of one check and, if wanted, the steps that led to them. Verdicts change only
+/// through this class, so that no step is missing.
 class Evaluation {
 public:
     Evaluation(TARNFW& firewall, const PortCompareST& query, const FWPROFILE& profile,
@@ -82,7 +82,7 @@ private:
     std::vector<FWVERDICTSTEP>* steps_;
 };
 
-/// A step that is no rule's.
+/// A step that does not belong to a rule.
 FWVERDICTSTEP stepOf(FW_VERDICT_STEP kind, const std::string& adapter, FW_POLICY after) {
     FWVERDICTSTEP step;
     step.kind = kind;
@@ -92,7 +92,7 @@ FWVERDICTSTEP stepOf(FW_VERDICT_STEP kind, const std::string& adapter, FW_POLICY
 }
 
 void Evaluation::take(FWVERDICTSTEP step) {
-    FW_POLICY& verdict = verdicts_[step.adapter];  // a new entry says "allowed"
+    FW_POLICY& verdict = verdicts_[step.adapter];  // a new entry is "allowed"
     step.before = verdict;
     verdict = step.after;
     if (steps_ != nullptr) {
@@ -100,8 +100,8 @@ void Evaluation::take(FWVERDICTSTEP step) {
     }
 }
 
-/// Walks one list of rules; the verdict lives in the entry for `key`. The first match makes it
-/// where there is none.
+/// Evaluates one list of rules; the verdict is the entry for `key`. The first match creates a
+/// missing entry.
 void Evaluation::evaluateRules(const std::vector<FWRULE>& rules, const std::string& key) {
     bool blockingMatched = false;
     std::int32_t position = 0;
@@ -126,7 +126,7 @@ void Evaluation::evaluateRules(const std::vector<FWRULE>& rules, const std::stri
             break;
         }
     }
-    // Global rules that allow some addresses and block none leave the word to the adapters' own.
+    // Global rules that allow some addresses and block none leave the verdict to the adapters.
     if (key == FW_ADAPTER_GLOBAL && !blockingMatched) {
         const auto global = verdicts_.find(key);
         if (global != verdicts_.end() && global->second == FW_POLICY_ALLOW_SOME) {
@@ -197,10 +197,10 @@ void Evaluation::run(const std::string& adapter) {
         if (!adapter.empty() && profile_.adapterPolicyMap.count(adapter) == 0) {
             take(stepOf(FW_VERDICT_STEP_NO_DEFAULT, adapter, FW_POLICY_ALLOW));
             if (profile_.rules.count(adapter) == 0) {
-                return;  // interim verdicts stay as they are on this way out
+                return;  // interim verdicts stay in this case
             }
         }
-        // The adapters' own rules: those of `adapter`, or all, "global" again among them.
+        // The adapters' own rules: those of `adapter`, or all, including "global" again.
         for (const auto& [name, rules] : profile_.rules) {
             if (adapter.empty() || name == adapter) {
                 evaluateRules(rules, name);
@@ -305,7 +305,7 @@ bool TARNFW::fwServIsBlocked(const std::string& servName, const std::string& ada
             return false;
         }
         for (const auto& [name, verdict] : verdicts) {
-            FW_POLICY& merged = result[name];  // a new entry says "allowed"
+            FW_POLICY& merged = result[name];  // a new entry is "allowed"
             if (fwVerdictRank(verdict) > fwVerdictRank(merged)) {
                 merged = verdict;
             }

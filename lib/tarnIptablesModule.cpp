@@ -30,7 +30,7 @@ constexpr char kIpv6Key[] = "IPV6_MODULES";
 constexpr char kNatKey[] = "KERNEL_MODULES_NAT";
 constexpr std::size_t kModuleListBytes = 4096;
 
-// In /tmp on purpose: a reboot empties it together with the kernel.
+// In /tmp on purpose: a reboot removes it, as it does the modules.
 constexpr char kServiceRecordFile[] = "/tmp/iptables_serv_mod_list";
 constexpr char kLoaded[] = "yes";
 constexpr char kNotLoaded[] = "no";
@@ -40,19 +40,19 @@ constexpr int kLockSeconds = 30;
 
 constexpr int kModuleListCapacity = 1024;
 
-/// Where a platform failure arose, as the messages quote it.
+/// Where a platform failure occurred, as the messages quote it.
 struct PlatformError {
     unsigned code = static_cast<unsigned>(TLIBCErrGet());
     const char* file = TLIBCErrorGetFile();
     int line = TLIBCErrorGetLine();
 };
 
-/// The lock of the service record file. One that is not obtained does not stop the update.
+/// The lock of the service record file. The update goes on without it.
 class ServiceRecordLock {
 public:
     ServiceRecordLock()
         : path_(getLockFile(kServiceRecordFile)), lock_(path_.c_str(), kLockSeconds, [] {
-              // The text is an old copy and part of the behaviour, its trailing blank included.
+              // The text is part of the behaviour, including its trailing blank.
               FW_LOG_ERR("Failed to unlock mail config lock. ");
           }) {
         if (!lock_.held()) {
@@ -67,7 +67,7 @@ private:
     FileLock lock_;
 };
 
-/// A platform list of texts; a push may move it.
+/// A platform list of texts; a push may reallocate it.
 class TextList {
 public:
     TextList() : list_(TLIBCSzListAlloc(kModuleListCapacity, 0)) {}
@@ -107,7 +107,7 @@ void splitNames(const std::string& value, std::vector<std::string>& names) {
 bool serviceRecordSet(const std::string& servName, const char* value) {
     if (TLIBCFileSetKeyValue(kServiceRecordFile, servName.c_str(), value, 0) < 0) {
         const PlatformError error;
-        // File and service in each other's place: the text is part of the behaviour.
+        // File and service are swapped; the text is part of the behaviour.
         FW_LOG_ERR("failed to set key %s to file %s[0x%04X %s:%d]", kServiceRecordFile,
                    servName.c_str(), error.code, error.file, error.line);
         return false;
@@ -115,7 +115,7 @@ bool serviceRecordSet(const std::string& servName, const char* value) {
     return true;
 }
 
-/// What inserting and removing differ in.
+/// How inserting and removing differ.
 struct ModuleAction {
     int (*run)(const char* servName, PTLIBCSZLIST modules);
     const char* runName;
@@ -127,7 +127,7 @@ constexpr ModuleAction kRemove = {TLIBIptablesModRemove, "TLIBIptablesModRemove"
 
 bool runModuleAction(const ModuleAction& action, const std::string& servName,
                      const std::vector<std::string>& modules) {
-    std::optional<ServiceRecordLock> lock;  // taken after the modules, and given back last
+    std::optional<ServiceRecordLock> lock;  // locked after the modules, and released last
     TextList list;
     if (!list.allocated()) {
         const PlatformError error;
@@ -232,7 +232,7 @@ bool TARN_IPTABLES_MODULES::isModuleLoad(const std::string& servName) {
     char value[kServiceRecordBytes] = {};
     if (TLIBCFileGetKeyValue(kServiceRecordFile, servName.c_str(), value, sizeof(value), 0) < 0) {
         const PlatformError error;
-        // File and service in each other's place here as well.
+        // File and service are swapped here as well.
         FW_LOG_ERR("failed to get key %s from file %s[0x%04X %s:%d]", kServiceRecordFile,
                    servName.c_str(), error.code, error.file, error.line);
         return false;

@@ -23,14 +23,14 @@ constexpr int kSuccess = 0;
 constexpr int kFailure = -1;
 constexpr int kErrorBadParameter = 0x0D00;
 
-// Where reserved services live: they are meant for every interface.
+// The adapter of reserved services: they are for every interface.
 constexpr const char* kReservedAdapter = FW::FW_ADAPTER_GLOBAL;
 
 int statusOf(bool result) {
     return result ? kSuccess : kFailure;
 }
 
-/// Only 1 asks for a reload; other values have meant "no" to callers for long.
+/// Only 1 asks for a reload; callers rely on other values meaning no.
 bool isReload(int flag) {
     return flag == 1;
 }
@@ -48,7 +48,7 @@ bool isOpen(FW::FW_POLICY verdict) {
 
 namespace modules {
 
-// The module functions log under the name of the subsystem that they stand for.
+// The module functions log under the name of their subsystem.
 constexpr char kSource[] = "tarnIptablesModule";
 
 /// Runs a module operation for a service: 1 on success, 0 on failure, -1 without a service.

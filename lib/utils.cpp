@@ -71,9 +71,9 @@ std::string lastComponent(const std::string& path) {
     return ::basename(buffer);
 }
 
-/// Makes an empty lock file. A failure shows up when the lock is opened.
+/// Creates an empty lock file. A failure is reported when the lock is opened.
 void createLockFile(const std::string& path) {
-    // Not through a link: below the fallback directory anybody could have put one there.
+    // Does not follow a link: anybody could have put one into the fallback directory.
     const int fd =
         open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kLockFileMode);
     if (fd >= 0) {
@@ -81,8 +81,8 @@ void createLockFile(const std::string& path) {
     }
 }
 
-/// Reads the rest of a stream. The reader would take it character by character, an eighth of its
-/// time. False when it cannot be read, as that of a directory, which can be opened.
+/// Reads the rest of a stream; the JSON reader would read it character by character, which takes an
+/// eighth of its time. False when it cannot be read, such as a directory, which can be opened.
 bool readAll(std::istream& stream, std::string& text) {
     std::array<char, kChunkBytes> chunk;
     do {
@@ -134,7 +134,7 @@ bool jsonFileLoad(Json::Value& value, const std::string& path, std::string& lock
                  Json::Reader().parse(text.data(), text.data() + text.size(), value,
                                       /*collectComments=*/true);
     } catch (const Json::Exception&) {
-        // The reader returns false for wrong text, but raises for text nested too deeply.
+        // The reader returns false for invalid text, but raises for text nested too deeply.
     }
     if (!parsed) {
         FW_LOG_ERR("Failed to parse Json value of %s", path.c_str());

@@ -1,5 +1,5 @@
 /* Core library of the operating system: string lists, running programs, key/value files, file
- * locks, and the error state. Conventions common to all platform headers stand in README.md. */
+ * locks, and the error state. README.md has the conventions of all platform headers. */
 #pragma once
 
 #include <stdio.h>
@@ -17,10 +17,10 @@ typedef struct TLIBCSZLIST {
     char** items;
 } TLIBCSZLIST, *PTLIBCSZLIST;
 
-/* Makes an empty list with room for `capacity` texts; `flags` is 0. NULL on failure. */
+/* Creates an empty list with room for `capacity` texts; `flags` is 0. NULL on failure. */
 PTLIBCSZLIST TLIBCSzListAlloc(int capacity, int flags);
 
-/* Appends a copy of `text`. The list may move, so `*list` is read anew after the call.
+/* Appends a copy of `text`. The list may be reallocated, so read `*list` again after the call.
  * Negative on failure; `*list` is then as it was. */
 int TLIBCSzListPush(PTLIBCSZLIST* list, const char* text);
 
@@ -52,7 +52,7 @@ int TLIBCFileExist(const char* path);
  * Above 0 when found, 0 when the key is absent, negative on error. */
 int TLIBCFileGetKeyValue(const char* path, const char* key, char* value, int size, int flag);
 
-/* Writes `key`, making the file when needed; `flag` is 0. Negative on error. */
+/* Writes `key`, creating the file when needed; `flag` is 0. Negative on error. */
 int TLIBCFileSetKeyValue(const char* path, const char* key, const char* value, int flag);
 
 /* Non-zero when `key` has exactly `value`; `flag` is 0. */
@@ -72,7 +72,7 @@ int TLIBCFileUnlockByFile(int fd);
 
 /* ---- Error state -------------------------------------------------------------------------- */
 
-/* Records an error code with the place it was raised at; `file` is copied. */
+/* Records an error code and where it was raised; `file` is copied. */
 void TLIBCErrSetEx(int code, const char* file, int line);
 
 /* The code, file (never NULL) and line recorded last. */

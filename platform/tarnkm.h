@@ -11,7 +11,7 @@ extern "C" {
  * Negative on failure. */
 int TLIBIptablesModInsert(const char* servName, PTLIBCSZLIST modules);
 
-/* Takes back what the service inserted; a module leaves the kernel with its last user.
+/* Releases the listed modules for a service; a module is removed with its last user.
  * Negative on failure. */
 int TLIBIptablesModRemove(const char* servName, PTLIBCSZLIST modules);
 

@@ -1,5 +1,5 @@
-/* Development kit of the operating system: directories, and the plug-in hooks with which programs
- * announce events to each other. */
+/* Development kit of the operating system: directories, and the hooks by which programs announce
+ * events to each other. */
 #pragma once
 
 #include <sys/types.h>
@@ -8,7 +8,7 @@
 extern "C" {
 #endif
 
-/* Makes the directory `path` with its missing parents, owned by `uid` and `gid`, with `mode`.
+/* Creates the directory `path` with its missing parents, owned by `uid` and `gid`, with `mode`.
  * The library passes NULL for `base` and 1 for `flag`. Negative on failure, with errno set. */
 int TARNFSMkdirP(const char* path, const char* base, int flag, int uid, int gid, mode_t mode);
 

@@ -13,31 +13,31 @@
 namespace FW {
 
 /// The profile store. A profile is found by the "name" inside its file, never by the file name,
-/// which is a generated number; so every operation scans the directory anew. An object holds
-/// nothing: make one on the stack, use it, let it go.
+/// which is a generated number, so every operation scans the directory again. An object has no
+/// state: make one on the stack for each use.
 ///
-/// Each reading and writing of a file takes that file's lock and waits up to 30 s for it; an
-/// operation that comes to a file again which has not changed since does not read it again. Nothing
-/// locks the directory as a whole, so callers serialise operations that belong together. A lock
-/// file that cannot be opened raises boost::interprocess::interprocess_exception.
+/// Every read and write of a file takes that file's lock and waits up to 30 s for it; within one
+/// operation a file that has not changed is not read again. Nothing locks the directory as a
+/// whole, so callers serialise operations that belong together. A lock file that cannot be opened
+/// raises boost::interprocess::interprocess_exception.
 ///
-/// With no "*.json" file in the directory every scan fails. With such files but no profile among
-/// them, making the first profile does not return: the file name's generator accepts a number only
-/// after comparison with another profile's. The first profile's file is put there from outside.
+/// Without a "*.json" file in the directory every scan fails. With such files but no profile among
+/// them, creating the first profile never returns: the generator accepts a number for the file name
+/// only after comparing it with another profile's. Something else must create the first profile.
 class TARNFW_EXPORT TARNFW_JSON_DB {
 public:
     /// Builds the index of the directory: name -> {"fileName": file name without ".json"}. Of two
-    /// files with one name, the one that sorts first is listed.
+    /// files with the same name, the one that sorts first is listed.
     /// Returns false, logged, when the directory holds no "*.json" file or cannot be read. A file
-    /// that cannot be loaded is logged and left out; one without a text "name" is left out
-    /// silently.
+    /// that cannot be loaded is logged and left out; one whose "name" is not a string is left
+    /// out silently.
     bool profileMetaCreate(Json::Value& meta);
 
-    /// The path of the file of profile `name`; empty when there is none, or, logged, no index.
+    /// The path of the file of profile `name`; empty without one or, logged, without an index.
     std::string profilePathGet(const std::string& name);
 
-    /// A number in decimal, the time plus a random part, that no entry of `meta` has as its file
-    /// name. Never returns when `meta` has no entry.
+    /// A number in decimal, the time plus a random part, that is not yet the file name of an
+    /// entry of `meta`. Never returns when `meta` has no entry.
     std::string profilePathNameGen(const Json::Value& meta);
 
     /// Loads the document of profile `name`. Returns and logs as jsonFileLoad().
@@ -61,18 +61,18 @@ public:
     /// Appends the names of all profiles, sorted, to `names`. False, logged, without an index.
     bool profileEnum(std::vector<std::string>& names);
 
-    /// Loads every profile into `profiles`, by name. Returns false, logged, without an index and at
-    /// the first one that cannot be loaded; those loaded before it stay in the map.
+    /// Loads every profile into `profiles`, by name. Returns false, logged, without an index or
+    /// when a profile cannot be loaded; those loaded before it stay in the map.
     bool profileEnum(std::map<std::string, FWPROFILE>& profiles);
 
     /// Loads profile `name`, adding to what `out` holds; pass a fresh record.
-    /// Returns false, logged, when it does not exist, cannot be read, or holds a member of a type
-    /// that does not convert; `out` is then unchanged.
+    /// Returns false, logged, when it does not exist, cannot be read, or has a member whose
+    /// type does not convert; `out` is then unchanged.
     bool profileGet(const std::string& name, FWPROFILE& out);
 
     /// Stores `profile` in the file of `name` (a new one when there is none) under the name that
     /// the record carries. Adapters with rules and no default policy get "allow"; "global" always
-    /// gets "no target". Returns false, logged, when the file cannot be written. Never returns for
+    /// gets "none". Returns false, logged, when the file cannot be written. Never returns for
     /// a new profile in a store without any.
     bool profileSet(const std::string& name, const FWPROFILE& profile);
 
@@ -84,26 +84,26 @@ public:
     /// Returns true when all of that is written.
     /// Logs what stopped it: `newName` taken, `oldName` missing, a failed read or write.
     /// On failure no profile has changed, but a failed settings write leaves the file renamed, and
-    /// so does the Json::Exception for a "profile" setting that is no text.
+    /// so does the Json::Exception for a "profile" setting that is not a string.
     bool profileRename(const std::string& oldName, const std::string& newName);
 
     /// Copies the whole configuration into `out`: "config_profiles", each profile's document under
     /// the name of its file; "config_firewall_settings", the settings (missing ones are written
-    /// with the defaults first); "config_version", 1. A file that the scan cannot load holds no
-    /// profile: it is logged and left out, even where it is the active profile's. Returns false,
-    /// logged, without an index, when the settings cannot be read, or when the active profile's
-    /// file is lost after the scan. Raises Json::Exception for a "profile" setting that is no text.
+    /// with the defaults first); "config_version", 1. A file that the scan cannot load is
+    /// logged and left out, even if it is the active profile's. Returns false, logged, without an
+    /// index, when the settings cannot be read, or when the active profile's file disappears after
+    /// the scan. Raises Json::Exception for a "profile" setting that is not a string.
     bool exportConfig(Json::Value& out);
 
-    /// Replaces the whole configuration by that of an export, under the same file names. Contents
-    /// are not checked: a key of "config_profiles" is used as a file name as it stands. Nothing is
+    /// Replaces the whole configuration with that of an export, under the same file names. Contents
+    /// are not checked: a key of "config_profiles" becomes a file name unchanged. Nothing is
     /// applied, and nothing is rolled back: all profiles are deleted before the first is written.
-    /// Returns whether the settings were written; other failures are logged and passed over.
-    /// Raises Json::Exception, with nothing deleted, for a document or a "config_profiles" that is
-    /// no object; a lock file that cannot be opened raises wherever it is met.
+    /// Returns whether the settings were written; other failures are logged and ignored.
+    /// Raises Json::Exception, with nothing deleted, when the document or "config_profiles" is not
+    /// an object; a lock file that cannot be opened raises at any point.
     bool importConfig(const Json::Value& in);
 
-    /// Converts a profile into its document. `out` is empty before; "rules" and "adapterPolicyMap"
+    /// Converts a profile into its document. Pass an empty `out`; "rules" and "adapterPolicyMap"
     /// are null when there are none.
     void profileToJson(const FWPROFILE& profile, Json::Value& out);
 
@@ -112,8 +112,8 @@ public:
     void ruleListToJson(const std::map<std::string, std::vector<FWRULE>>& rules, Json::Value& out);
 
     /// Adds the profile of a document to `profile`. Nothing is checked: a missing member reads as
-    /// 0, false or empty, and unknown codes are kept. Raises Json::Exception for a member of a type
-    /// that does not convert; `profile` then holds what was read before it.
+    /// 0, false or empty, and unknown codes are kept. Raises Json::Exception for a member whose
+    /// type does not convert; `profile` then has what was read before it.
     void jsonToProfile(const Json::Value& in, FWPROFILE& profile);
 
     /// Appends the rules of "rules" to `rules`, by adapter. A rule always keeps both firewall

@@ -1,4 +1,4 @@
-/// Visibility of the library's interface: everything without this mark stays inside the library.
+/// Marks what the shared library exports; everything else is hidden.
 #pragma once
 
 #define TARNFW_EXPORT __attribute__((visibility("default")))

@@ -13,7 +13,7 @@ namespace FW {
 
 /// Reads the files that the kernel's geoip match reads: for each country "CC.iv4", records of two
 /// 32-bit numbers (first and last address), and "CC.iv6", records of two 16-byte addresses, all in
-/// native byte order, four 32-bit words to an IPv6 address. An object holds nothing.
+/// native byte order, four 32-bit words to an IPv6 address. An object has no state.
 class TARNFW_EXPORT FW_GEOIP {
 public:
     /// Writes an address, in native byte order, as "10.0.0.1". Returns as snprintf.

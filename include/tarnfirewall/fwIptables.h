@@ -33,8 +33,8 @@ struct CatalogueRelease {
 ///   "global" holds the fixed lines, which run first, and those of the adapter of that name.
 ///
 /// Use one object for one translation: it keeps the interface lists, the name of the PPPoE
-/// interface and the service catalogue that it has asked the platform for. An empty answer is asked
-/// for again.
+/// interface and the service catalogue that it has got from the platform. After an empty answer it
+/// asks again.
 class TARNFW_EXPORT TARNFW_IPTABLES_RULES {
 public:
     TARNFW_IPTABLES_RULES();
@@ -45,7 +45,7 @@ public:
     // ---- Rule to argument document, argument document to lines ----
 
     /// Fills the argument document of one rule from the operations below, in their order.
-    /// Returns false at the first that fails, logged; what it appended stays in `arg`.
+    /// Returns false, logged, when one fails; what was appended before stays in `arg`.
     bool FwRuleToIptablesArg(const std::string& adapter, const FWRULE& rule, Json::Value& arg);
 
     /// Appends the interface matches of `adapter` to "adapter": "-i eth0", or "-o eth0" by
@@ -55,14 +55,14 @@ public:
     bool adapterToIptablesArg(const std::string& adapter, const FWRULE& rule, Json::Value& arg);
 
     /// Appends the address match to "ip", for each family of `ipType`; any address for both. The
-    /// addresses are used as stored; one that `ipList` lacks reads as empty. Of countries, those
-    /// remain that have a database file for the family; without any, the family gets no match and
-    /// so no line. Always true; an unknown `ipGroup` is logged and appends nothing.
+    /// addresses are used as stored; a missing one reads as empty. Countries without a database
+    /// file for the family are left out; if none remains, the family gets no match and so no line.
+    /// Always true; an unknown `ipGroup` is logged and appends nothing.
     bool ipToIptablesArg(const FWRULE& rule, Json::Value& arg);
 
     /// Appends the protocol and port matches to "port", by `portGroup`.
     /// Returns false, logged, when the service catalogue cannot be read. An unknown `portGroup` is
-    /// logged, appends nothing and is no failure.
+    /// logged and appends nothing, but is not a failure.
     bool portToIptablesArg(const FWRULE& rule, Json::Value& arg);
 
     /// Appends "-A " + name to "chain" for each chain of the rule. Always true.
@@ -71,12 +71,12 @@ public:
     /// Appends "-t " + table to "table". Always true.
     bool tableToIptablesArg(const FWRULE& rule, Json::Value& arg);
 
-    /// Appends "-j RETURN" (allow) or "-j DROP" (deny) to "policy"; nothing for "no target".
+    /// Appends "-j RETURN" (allow) or "-j DROP" (deny) to "policy"; nothing for none.
     /// Returns false, logged, for any other policy.
     bool policyToIptablesArg(const FWRULE& rule, Json::Value& arg);
 
-    /// Appends one line for each combination of the fragments to out[family][adapter], and before
-    /// it its " -j LOG" twin when the rule logs. No combination, no line, and no member is made.
+    /// Appends one line for each combination of the fragments to out[family][adapter], preceded
+    /// by its " -j LOG" copy when the rule logs. Without a combination it adds nothing.
     void iptablesArgToCmd(const std::string& adapter, const FWRULE& rule, const Json::Value& arg,
                           Json::Value& out);
 
@@ -114,11 +114,11 @@ public:
 
     /// Translates a profile into its command document: the fixed lines, then each adapter's rules
     /// followed by its default policy. Rules and policies of adapters that the machine does not
-    /// have now, of "ppp0", disabled ones and those with "no target" are skipped.
+    /// have now, of "ppp0", disabled ones and those with policy "none" are skipped.
     /// `acceptEstablished` asks for the line that lets packets of established connections pass;
     /// `localIp`, an IPv4 or IPv6 address or empty, excepts packets from that address from it.
-    /// Returns false, logged, when `localIp` is no address (`out` is untouched) or a rule cannot be
-    /// converted (the lines before it stay in `out`).
+    /// Returns false, logged, when `localIp` is not an address (`out` is untouched) or a rule
+    /// cannot be converted (the lines before it stay in `out`).
     bool fwRulesToIptablesRules(const bool& acceptEstablished,
                                 const std::map<std::string, std::vector<FWRULE>>& rules,
                                 const std::map<std::string, FW_POLICY>& adapterPolicy,
@@ -131,21 +131,21 @@ public:
                                 Json::Value& out);
 
     /// The same for FW_BATCH, which takes all lines or none: asks for the router interface of an
-    /// adapter once, not for every rule, and repeats no rule for it whose address is one of IPv4.
-    /// ip6tables refuses such a line; run line by line, it is left out.
+    /// adapter once, not for every rule, and repeats no rule with an IPv4 address for it. ip6tables
+    /// refuses such a line; in apply mode "lines" it is left out.
     bool fwRulesToBatchRules(bool acceptEstablished,
                              const std::map<std::string, std::vector<FWRULE>>& rules,
                              const std::map<std::string, FW_POLICY>& adapterPolicy,
                              Json::Value& out, const std::string& localIp);
 
-    /// Makes `arg` an argument document without fragments. Always true.
+    /// Turns `arg` into an argument document without fragments. Always true.
     bool iptablesRulesInit(Json::Value& arg);
 
     /// Sets the two families of a command document to null. Always true.
     bool jIptablesCmdInit(Json::Value& out);
 
     /// Repeats the IPv6 lines of a rule for the interface that routes IPv6 for `adapter`, when that
-    /// is another one: a 6in4 tunnel, as "/usr/tarn/sbin/tarnnetdtool" names it. `rule` is IPv6
+    /// is a different one: a 6in4 tunnel, as "/usr/tarn/sbin/tarnnetdtool" names it. `rule` is IPv6
     /// only. Failures are logged and add nothing.
     void iptables6in4ToCmd(const std::string& adapter, const FWRULE& rule, Json::Value& out);
 

@@ -1,6 +1,6 @@
 /// The records that every part of the library passes around: rules, profiles, policies, protocols,
 /// the codes of a rule's fields and the three constant lists. Plain values: public fields, no
-/// invariants, nothing shared between copies. The store reads and writes them as JSON; the
+/// invariants, no state shared between copies. The store reads and writes them as JSON; the
 /// translation turns them into iptables lines.
 #pragma once
 
@@ -12,18 +12,18 @@
 
 namespace FW {
 
-/// What a matching packet gets, and the verdict of a blocked check. The type is fixed because a
-/// profile file can hold any number; the translation refuses all but the first three.
+/// What happens to a matching packet, and the verdict of a blocked check. The type is fixed because
+/// a profile file can hold any number; the translation rejects all but the first three.
 enum FW_POLICY : std::int32_t {
     FW_POLICY_ALLOW = 0,       ///< target "-j RETURN"; as a verdict: allowed
     FW_POLICY_DENY = 1,        ///< target "-j DROP"; as a verdict: blocked
-    FW_POLICY_NONE = 2,        ///< no target, the rule yields no line; as a verdict: undecided
+    FW_POLICY_NONE = 2,        ///< none: the rule yields no line; as a verdict: undecided
     FW_POLICY_MIXED = 3,       ///< verdict only: allowed from some addresses, blocked from others
     FW_POLICY_ALLOW_SOME = 4,  ///< interim verdict: some addresses allowed so far
     FW_POLICY_DENY_SOME = 5    ///< interim verdict: some addresses blocked so far
 };
 
-/// How verdicts on several ports merge: the one with the highest rank is that on all of them.
+/// How the verdicts for several ports merge: the one with the highest rank applies to all.
 /// Blocked comes before mixed, mixed before allowed, allowed before undecided.
 inline int fwVerdictRank(FW_POLICY verdict) {
     switch (verdict) {
@@ -53,8 +53,8 @@ enum FW_PORT_PROTOCOL : std::int32_t {
 
 /// FWRULE::adapterDirect.
 enum FW_ADAPTER_DIRECT : std::int32_t {
-    FW_ADAPTER_DIRECT_OUT = 0,  ///< the interface that a packet leaves by: "-o "
-    FW_ADAPTER_DIRECT_IN = 1    ///< the interface that it came in by: "-i "
+    FW_ADAPTER_DIRECT_OUT = 0,  ///< the interface through which a packet leaves: "-o "
+    FW_ADAPTER_DIRECT_IN = 1    ///< the interface through which it came in: "-i "
 };
 
 /// FWRULE::ipType.
@@ -110,7 +110,7 @@ struct FWRULE {
     std::int32_t ruleID = 0;                            ///< read from "ruleID", never written back
     bool enable = true;                                 ///< the rule is in use
     std::int32_t adapterDirect = FW_ADAPTER_DIRECT_IN;  ///< FW_ADAPTER_DIRECT code
-    FW_POLICY policy = FW_POLICY_ALLOW;                 ///< what a matching packet gets
+    FW_POLICY policy = FW_POLICY_ALLOW;                 ///< what happens to a matching packet
     bool blLog = false;                                 ///< log matching packets as well
     std::vector<std::string> labelList;                 ///< free texts of the user
     std::string name;                                   ///< free text of the user
@@ -132,8 +132,8 @@ inline bool fwRuleNamesServices(const FWRULE& rule) {
     return rule.portGroup == FW_PORT_GROUP_SERVICES || rule.portGroup == FW_PORT_GROUP_RESERVED;
 }
 
-/// Whether the library keeps the rule: one of the rules for any address at the head of an adapter's
-/// list, which allow or deny the services that were reserved there.
+/// Whether the library maintains the rule: one of the rules for any address at the head of an
+/// adapter's list that allow or deny the services reserved there.
 inline bool fwRuleIsReserved(const FWRULE& rule) {
     return rule.portGroup == FW_PORT_GROUP_RESERVED && rule.ipGroup == FW_IP_GROUP_ANY;
 }
@@ -141,12 +141,12 @@ inline bool fwRuleIsReserved(const FWRULE& rule) {
 /// One profile: the rules and the default policy of every adapter. An adapter is an interface name
 /// or one of FW_PREDEFINED_ADAPTERS.
 struct FWPROFILE {
-    std::string name;                                   ///< the key under which the store finds it
+    std::string name;                                   ///< the name by which the store finds it
     std::map<std::string, std::vector<FWRULE>> rules;   ///< by adapter, in rule order
-    std::map<std::string, FW_POLICY> adapterPolicyMap;  ///< by adapter: what no rule decided
+    std::map<std::string, FW_POLICY> adapterPolicyMap;  ///< by adapter: the default policies
 };
 
-/// The question of a blocked check.
+/// What a blocked check asks about.
 struct PortCompareST {
     std::int32_t portDirect;  ///< as FWRULE::portDirect
     std::int32_t protocol;    ///< FW_PORT_PROTOCOL code: 1, 2 or 3
@@ -168,12 +168,12 @@ enum FW_VERDICT_STEP : std::int32_t {
 struct FWVERDICTSTEP {
     FW_VERDICT_STEP kind = FW_VERDICT_STEP_RULE;
     std::string adapter;                 ///< the adapter whose verdict it is, or "global"
-    std::string list;                    ///< of a rule, the adapter whose list it is in
-    std::int32_t position = 0;           ///< of a rule, its place in that list, from 1
+    std::string list;                    ///< of a rule: the adapter whose list it is in
+    std::int32_t position = 0;           ///< of a rule: its position in that list, from 1
     FW_POLICY policy = FW_POLICY_NONE;   ///< the rule's, or the default policy
     FW_POLICY before = FW_POLICY_ALLOW;  ///< the verdict so far; without any, allowed
     FW_POLICY after = FW_POLICY_ALLOW;   ///< the verdict from here on
-    bool last = false;                   ///< the rules after this one were not looked at
+    bool last = false;                   ///< the rules after this one were not evaluated
 };
 
 /// The ports of one or more services, from the service catalogue: "80" or "6000-6010" by protocol.

@@ -10,12 +10,12 @@ namespace FW {
 
 /// Inserts and removes kernel modules on behalf of services. Which modules exist comes from the
 /// key/value file "/usr/tarn/etc.defaults/iptables_modules_list"; whether a service has loaded its
-/// own is kept as "yes" or "no" in "/tmp/iptables_serv_mod_list", which a reboot empties, as it
-/// does the kernel. The platform counts the users of each module. The C functions for other
+/// own is kept as "yes" or "no" in "/tmp/iptables_serv_mod_list", which a reboot removes, as it
+/// does the modules. The platform counts the users of each module. The C functions for other
 /// services are declared in tarnfirewall_c.h.
 ///
 /// Each operation returns true on success and logs a failure. Nothing is rolled back: after a
-/// failed second step the first one stays in force.
+/// failed second step the effect of the first one stays.
 class TARNFW_EXPORT TARN_IPTABLES_MODULES {
 public:
     /// Reads the module names under `key` of the list file. They are separated by single blanks, so
@@ -23,20 +23,20 @@ public:
     static bool iptablesModListGet(const std::string& key, std::vector<std::string>& modules);
 
     /// The core, common and IPv6 modules, in that order: "KERNEL_MODULES_CORE",
-    /// "KERNEL_MODULES_COMMON" and "IPV6_MODULES", each of which must be there.
+    /// "KERNEL_MODULES_COMMON" and "IPV6_MODULES". All three keys are required.
     static bool coreCommonModuleLoad(std::vector<std::string>& modules);
 
     /// The NAT modules: "KERNEL_MODULES_NAT".
     static bool natModuleLoad(std::vector<std::string>& modules);
 
-    /// Inserts `modules` for the service and records "yes". A record that cannot be locked in 30 s
-    /// is written all the same; one that cannot be written makes the result false.
+    /// Inserts `modules` for the service and records "yes". If the record cannot be locked in
+    /// 30 s, it is written anyway; if it cannot be written, the result is false.
     static bool moduleInsert(const std::string& servName, const std::vector<std::string>& modules);
 
     /// Removes `modules` for the service and records "no", likewise.
     static bool moduleRemove(const std::string& servName, const std::vector<std::string>& modules);
 
-    /// Whether the service's record says "yes". A missing record is no failure.
+    /// Whether the service's record is "yes". A missing record is not a failure.
     static bool isModuleLoad(const std::string& servName);
 
     /// Inserts the core list, or removes it in reverse order.

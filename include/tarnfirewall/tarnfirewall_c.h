@@ -7,9 +7,9 @@
 extern "C" {
 #endif
 
-/* Names and addresses of the system are texts that end with a zero byte. Unless said otherwise a
+/* Names and addresses are NUL-terminated strings. Unless said otherwise a
  * function returns 0 on success and -1 on failure, which is logged, and only a reload flag of 1
- * asks for a reload. What the classes raise (see tarnFW.h) is not caught here. */
+ * asks for a reload. Exceptions of the classes (see tarnFW.h) are not caught here. */
 
 /* Brings every profile up to date with the service catalogue and, if that succeeds, applies the
  * active one. */
@@ -18,7 +18,7 @@ TARNFW_EXPORT int TARNFwRuleHup(void);
 /* Disables the firewall. The outcome is not reported. */
 TARNFW_EXPORT void TARNFwReset(void);
 
-/* Takes a service out of every profile. `servName` must not be NULL; that is not checked. */
+/* Removes a service from every profile. `servName` must not be NULL; that is not checked. */
 TARNFW_EXPORT int TLIBFwServRemoveRec(const char* servName);
 
 /* Moves the rules and the policy of one adapter to another in every profile. The names must not be
@@ -26,15 +26,15 @@ TARNFW_EXPORT int TLIBFwServRemoveRec(const char* servName);
 TARNFW_EXPORT int TLIBFwChangeAdatper(const char* oldAdapter, const char* newAdapter, int reload);
 
 /* Reserves the services, separated by commas, on the adapter "global" of every profile: allowed
- * when `allow` is not 0, blocked when it is. Blanks belong to a name; empty names are dropped.
- * Stops at the first that fails. NULL or an empty text sets the platform's error state to 0x0D00,
+ * when `allow` is not 0, blocked when it is. Blanks are part of a name; empty names are ignored.
+ * Stops at the first failure. NULL or an empty text sets the platform's error state to 0x0D00,
  * unlogged. */
 TARNFW_EXPORT int TLIBFwRuleReserveServInsert(const char* servNames, int allow, int reload);
 
 /* Asks whether the active profile lets a service through on `adapter`, or on all adapters when that
  * is NULL or empty. Returns 1 when allowed, 0 when the verdict for any of them, or of the global
- * rules, is another, and -1 on failure; NULL for `servName` also sets the platform's error state to
- * 0x0D00. */
+ * rules, is a different one, and -1 on failure; NULL for `servName` also sets the platform's error
+ * state to 0x0D00. */
 TARNFW_EXPORT int TARNFwPortsCheckAllowByAdapter(const char* adapter, const char* servName);
 
 /* Kernel modules on behalf of the service `servName`: the core list, or the core and the NAT list.

@@ -1,5 +1,4 @@
-/// What the platform's functions have in common: how a failure is reported and how an exception is
-/// kept inside.
+/// Helpers of all platform functions: report a failure, and stop exceptions at the C interface.
 #pragma once
 
 #include <cerrno>
@@ -12,15 +11,15 @@
 
 namespace host {
 
-/// Puts a failure into the error state and into errno. Returns -1, for a caller that fails with it.
+/// Puts a failure into the error state and into errno. Returns -1, for the caller to return.
 inline int fail(int code, const char* source, int line) {
     TLIBCErrSetEx(code, source, line);
     errno = code == kErrorBadParameter ? EINVAL : code;
     return -1;
 }
 
-/// Runs `work` for a function with C linkage. An exception ends here: it is logged, it becomes the
-/// error state, and the result is `onException`.
+/// Runs `work` for a function with C linkage. An exception is caught: it is logged and
+/// put into the error state, and the result is `onException`.
 template <typename Result, typename Work>
 Result guarded(const char* source, int line, Result onException, Work work) noexcept {
     try {
@@ -39,7 +38,7 @@ using FW::Descriptor;
 
 }  // namespace host
 
-// Macros, because the line must be the caller's.
+// Macros, because the line number must be the caller's.
 #define HOST_FAIL(code) ::host::fail((code), kSource, __LINE__)
 #define HOST_GUARDED(onException, ...) \
     ::host::guarded(kSource, __LINE__, (onException), __VA_ARGS__)

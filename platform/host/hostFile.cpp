@@ -20,9 +20,9 @@ constexpr char kRefused[] = ".refused-";
 
 // ---- Reading ----
 
-// Opens a file whose content may be believed. 0, or an errno code as readTrustedFile() has it.
+// Opens a file whose content can be trusted. 0, or an errno code as in readTrustedFile().
 int openTrusted(const std::string& path, Descriptor& file, struct stat& info) {
-    // Not blocking, since opening a planted FIFO would wait for its writer.
+    // Non-blocking, since opening a planted FIFO would wait for a writer.
     file =
         Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     if (!file) {
@@ -54,7 +54,7 @@ int openTrusted(const std::string& path, Descriptor& file, struct stat& info) {
     return 0;
 }
 
-// Reads to the end, wherever that is by now. 0 or an errno code.
+// Reads to the end, even if the file has grown. 0 or an errno code.
 int readAll(const Descriptor& file, off_t most, std::string& content) {
     char buffer[4096];
     std::string text;
@@ -94,7 +94,7 @@ int fill(const Descriptor& file, const std::string& content, const FileOwner& ow
     if (const int error = writeAll(file, content)) {
         return error;
     }
-    // The owner first: changing it may take bits from the mode.
+    // The owner first: changing it may clear bits of the mode.
     struct stat info = {};
     if (fstat(file.get(), &info) != 0) {
         return errno;
@@ -103,7 +103,7 @@ int fill(const Descriptor& file, const std::string& content, const FileOwner& ow
         fchown(file.get(), owner.uid, owner.gid) != 0) {
         return errno;
     }
-    // On the disk before the new name leads to it, so that a crash leaves the old file or the new.
+    // On disk before it is renamed, so that a crash leaves the old file or the new one.
     if (fchmod(file.get(), owner.mode) != 0 || fsync(file.get()) != 0) {
         return errno;
     }
@@ -116,7 +116,7 @@ bool isSame(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// A name that nobody can have taken on purpose.
+// A name that nobody can guess and occupy.
 int randomName(const std::string& name, std::string& aside) {
     static constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyz012345";  // 32 of them
     unsigned char random[6];
@@ -137,8 +137,8 @@ int moveAside(int parent, const std::string& name, const std::string& aside, con
     }
     Found moved;
     if (lookAt(parent, aside, moved) == 0 && !isSame(moved.info, entry.info)) {
-        // Another process was faster, and this is what it has put there since. Where it has done
-        // so again, that is as good as this.
+        // Another process was faster, and this is what it has put there since. If it has done so
+        // again, either will do.
         (void)renameat2(parent, aside.c_str(), parent, name.c_str(), RENAME_NOREPLACE);
         return ENOENT;
     }
@@ -195,7 +195,7 @@ int setAside(int parent, const std::string& name, const Found& entry, const std:
         error = moveAside(parent, name, aside, entry);
     }
     if (error == ENOENT) {
-        return 0;  // somebody else has taken it away
+        return 0;  // somebody else has removed it
     }
     if (error != 0) {
         HOST_LOG_ERR("Refused %s: %s; not set aside: %s", path.c_str(), why.c_str(),

@@ -1,4 +1,4 @@
-/// Whole files, read and written at once, and what to do where others may have put something first.
+/// Reads and writes whole files, safely even where others can put something at the path first.
 #pragma once
 
 #include <sys/stat.h>
@@ -11,44 +11,44 @@
 
 namespace host {
 
-/// Reads a file whose content may be believed, of at most `most` bytes. Never waits, whatever the
-/// name leads to. 0, or the errno code of the failure: EFBIG for a larger file.
-/// Refused and logged: a symbolic link (ELOOP), anything else that is no regular file (EINVAL), and
-/// a file that belongs neither to root nor to the caller or that others may write (EPERM).
+/// Reads a file whose content can be trusted, of at most `most` bytes. Never blocks, whatever is at
+/// the path. 0, or the errno code of the failure: EFBIG for a larger file.
+/// Refused and logged: a symbolic link (ELOOP), anything else that is not a regular file (EINVAL),
+/// and a file that belongs neither to root nor to the caller or that others may write (EPERM).
 /// `info`, if given, gets the status of a file that was read.
 int readTrustedFile(const std::string& path, off_t most, std::string& content,
                     struct stat* info = nullptr);
 
-/// Whether an error of readTrustedFile() is a refusal, which is logged already.
+/// Whether an error of readTrustedFile() means that the file was refused, which is already logged.
 bool isRefusal(int error);
 
-/// What a new file gets, or a replaced one hands on to its successor.
+/// Owner and mode of a new file, or those that a replaced file passes on.
 struct FileOwner {
     uid_t uid = geteuid();
     gid_t gid = getegid();
     mode_t mode = 0644;
 };
 
-/// Puts a new file in the place of whatever has this name, with owner and mode whatever the umask.
-/// It is on the disk before the name leads to it. 0, or the errno code of the failure, which leaves
-/// everything as it was: EISDIR where a directory is in the way.
+/// Replaces whatever has this name with a new file, with the given owner and mode whatever the
+/// umask. The file is on disk before it gets the name. 0, or the errno code of the failure, after
+/// which nothing has changed: EISDIR if a directory has the name.
 int replaceFile(const std::string& path, const std::string& content, const FileOwner& owner);
 
-/// What is at a name. Holding it open keeps its inode from being given to something else.
+/// What is at a name. It is held open, so that its inode number is not reused.
 struct Found {
     Descriptor held;
     struct stat info {};
 };
 
-/// Looks at what is at `name` below `parent`, at a link itself. 0 or an errno code.
+/// Examines what is at `name` below `parent`; does not follow a link. 0 or an errno code.
 int lookAt(int parent, const std::string& name, Found& entry);
 
-/// How often a name is cleared before somebody who puts things there all the time has won.
+/// How often a name is cleared before giving up on somebody who occupies it again and again.
 constexpr int kMostPlanted = 8;
 
-/// Takes what root found at a name and must not use out of its way: "NAME.refused-XXXXXX" keeps it
-/// for a look. Logged with `path` and the reason. Whatever took the place of `entry` meanwhile is
-/// left there. 0 when the caller may look again, or the errno code of the failure, logged as well.
+/// Renames what root found at a name and must not use to "NAME.refused-XXXXXX", for inspection.
+/// Logged with `path` and the reason. Whatever has replaced `entry` meanwhile stays. 0 when the
+/// caller may try again, or the errno code of the failure, also logged.
 int setAside(int parent, const std::string& name, const Found& entry, const std::string& path,
              const std::string& why);
 

@@ -16,9 +16,9 @@ namespace host {
 
 namespace {
 
-// One lock for the writers of all key/value files, where only root can hold it. A lock beside the
-// file would stay in directories that others list, and a lock on the directory could be
-// held by anybody when that directory is /tmp.
+// One lock for the writers of all key/value files, in a place where only root can hold it. A lock
+// file next to the data file would clutter directories that others list, and anybody could hold a
+// lock on a directory such as /tmp.
 constexpr char kLockDirectory[] = "/run/tarn";
 constexpr char kLockFile[] = "/run/tarn/keyvalue.lock";
 constexpr int kLockSeconds = 30;
@@ -26,7 +26,7 @@ constexpr int kLockSeconds = 30;
 constexpr mode_t kModeBits = 07777;
 constexpr off_t kMostFileBytes = 16 * 1024 * 1024;  // real ones have some thousand
 
-constexpr char kBlanks[] = " \t\r";    // "\r" ends the lines of files edited elsewhere
+constexpr char kBlanks[] = " \t\r";    // "\r" is from files with other line ends
 constexpr char kEscaped[] = "\\\"$`";  // what a shell expands between double quotes
 
 // ---- Lines ----
@@ -76,7 +76,7 @@ std::optional<std::string> unquoted(const std::string& text) {
 std::string valueOf(const std::string& text) {
     std::string bare = trimmed(text);
     if (!bare.empty() && bare[0] == '"') {
-        // Half a quotation is damage that reads as it stands.
+        // An unclosed quotation is damage; it is read literally.
         return unquoted(bare).value_or(bare);
     }
     for (std::size_t i = 1; i < text.size(); ++i) {
@@ -92,7 +92,7 @@ struct Entry {
     std::string value;
 };
 
-// Nothing for a comment, a blank line, and a line that is no entry.
+// Nothing for a comment, a blank line or any other line that is not an entry.
 std::optional<Entry> entryOf(const std::string& line) {
     const auto equals = line.find('=');
     if (equals == std::string::npos) {
@@ -107,7 +107,7 @@ std::optional<Entry> entryOf(const std::string& line) {
 
 // ---- Files ----
 
-// Clears a path of a directory, which no file can replace. 0 or an errno code.
+// Moves a directory out of the way, since a file cannot replace it. 0 or an errno code.
 int clearDirectory(const std::string& path) {
     Found entry;
     if (const int error = lookAt(AT_FDCWD, path, entry)) {
@@ -173,7 +173,7 @@ int readKeyValueFile(const std::string& path, std::string& content) {
 }
 
 int writeKeyValueFile(const std::string& path, const std::string& key, const std::string& value) {
-    (void)mkdir(kLockDirectory, 0755);  // mostly there; a failure shows when the lock is opened
+    (void)mkdir(kLockDirectory, 0755);  // usually exists; opening the lock reports a failure
     const FW::FileLock lock(kLockFile, kLockSeconds, [] {});
     if (!lock.held()) {
         return errno;
@@ -187,7 +187,7 @@ int writeKeyValueFile(const std::string& path, const std::string& key, const std
     } else if (readError != ENOENT && !isRefusal(readError)) {
         return readError;
     }
-    // Of nothing, or of what is not believed, a new file takes the place.
+    // A new file replaces a missing or untrusted one.
     KeyValueText text(content);
     text.set(key, value);
     int error = replaceFile(path, text.content(), owner);

@@ -2,7 +2,7 @@
 ///
 /// Between double quotes the characters \ " $ ` are written with a backslash, as in a shell, so a
 /// script may source such a file. Without quotes a value ends at a "#" after a blank, and blanks
-/// around it do not count. Where a key stands twice, the last line counts, again as in a shell.
+/// around it are ignored. If a key occurs twice, the last line counts, also as in a shell.
 #pragma once
 
 #include <optional>
@@ -11,7 +11,7 @@
 
 namespace host {
 
-/// The text of a key/value file. What is not changed keeps its place and its spelling.
+/// The text of a key/value file. Lines that are not changed keep their place and spelling.
 class KeyValueText {
 public:
     explicit KeyValueText(const std::string& content);
@@ -33,15 +33,15 @@ private:
     std::vector<std::string> lines_;
 };
 
-/// Reads a key/value file as readTrustedFile() does, because such files live in /tmp as well, where
-/// anybody may plant one. 0, or the errno code of the failure.
+/// Reads a key/value file as readTrustedFile() does, because such files are also in /tmp, where
+/// anybody can plant one. 0, or the errno code of the failure.
 int readKeyValueFile(const std::string& path, std::string& content);
 
 /// Sets one key in a file and replaces the file as a whole, with its owner and mode; a new file
-/// gets mode 0644. 0, or the errno code of the failure, which leaves the file as it was. A file
-/// that readKeyValueFile() refuses is replaced by a new one that has this key alone; a directory is
-/// set aside for it when root is the caller, and EISDIR for anybody else. Writers wait for each
-/// other, at most 30 s (then EAGAIN), at one lock for all files.
+/// gets mode 0644. 0, or the errno code of the failure, which leaves the file unchanged. A file
+/// that readKeyValueFile() refuses is replaced by a new one with this key only; a directory is set
+/// aside if the caller is root, and otherwise EISDIR. Writers wait for each other, at most 30 s
+/// (then EAGAIN), with one lock for all files.
 int writeKeyValueFile(const std::string& path, const std::string& key, const std::string& value);
 
 }  // namespace host

@@ -6,7 +6,7 @@
 namespace host {
 
 void logLine(int priority, const char* source, int line, const char* format, ...) {
-    // Cut at a fixed length and without an allocation: this also runs when memory has run out.
+    // Fixed length and no allocation: this also runs when memory has run out.
     char message[2048];
     std::va_list args;
     va_start(args, format);

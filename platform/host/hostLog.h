@@ -1,4 +1,4 @@
-/// The platform's one way to the system log.
+/// All messages of the platform to the system log go through here.
 ///
 /// A source names itself once, in its unnamed namespace:
 ///     constexpr char kSource[] = "tarnkm";
@@ -10,7 +10,7 @@
 
 namespace host {
 
-/// The error code of an argument that no call may have; other codes are values of errno.
+/// The error code of an invalid argument; other codes are values of errno.
 constexpr int kErrorBadParameter = 0x0D00;
 
 /// Writes "source:line message" at `priority` (LOG_ERR, ...). `format` and what follows are

@@ -8,7 +8,7 @@ namespace host {
 
 namespace {
 
-// Every network namespace gets this one from the kernel; it catches packets that no tunnel claims.
+// The kernel creates this one in every network namespace, for packets that match no tunnel.
 constexpr char kFallbackTunnel[] = "sit0";
 
 bool carriesIpv6(const NetLink& link) {

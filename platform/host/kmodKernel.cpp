@@ -28,7 +28,7 @@ struct ModuleRelease {
 };
 using Module = std::unique_ptr<kmod_module, ModuleRelease>;
 
-// libkmod calls every missing index file an error; a kernel without modules has none of them.
+// libkmod reports every missing index file as an error; a kernel without modules has none.
 void logDetail(void* /*data*/, int /*priority*/, const char* /*file*/, int /*line*/,
                const char* function, const char* format, std::va_list args) {
     char message[512];
@@ -37,7 +37,7 @@ void logDetail(void* /*data*/, int /*priority*/, const char* /*file*/, int /*lin
     }
 }
 
-// The module that a name means, the first one where an alias names several; null without one.
+// The module of a name; the first one if an alias names several; null without one.
 Module lookUp(kmod_ctx* context, const std::string& name) {
     kmod_list* found = nullptr;
     Module module;
@@ -48,7 +48,7 @@ Module lookUp(kmod_ctx* context, const std::string& name) {
     return module;
 }
 
-// A module that no index lists, by what sysfs shows of it.
+// The state of a module that no index lists, from sysfs.
 ModuleState stateInSysfs(kmod_ctx* context, const std::string& name) {
     kmod_module* named = nullptr;
     if (kmod_module_new_from_name(context, name.c_str(), &named) < 0) {
@@ -60,7 +60,7 @@ ModuleState stateInSysfs(kmod_ctx* context, const std::string& name) {
         case KMOD_MODULE_GOING:
             return ModuleState::Present;
         case KMOD_MODULE_BUILTIN:
-        case KMOD_MODULE_COMING:  // also said of a directory without a state: a built-in's
+        case KMOD_MODULE_COMING:  // also for a directory without a state: a built-in one
             return ModuleState::BuiltIn;
         default:
             return ModuleState::Unknown;
@@ -95,7 +95,7 @@ int insert(kmod_ctx* context, const std::string& name) {
     const int result = kmod_module_probe_insert_module(
         module.get(), KMOD_PROBE_APPLY_BLACKLIST_ALIAS_ONLY, nullptr, nullptr, nullptr, nullptr);
     if (result > 0) {
-        return EPERM;  // an alias that the administrator has put on the blacklist
+        return EPERM;  // a blacklisted alias
     }
     return -result;
 }

@@ -5,10 +5,10 @@
 
 namespace host {
 
-/// A kernel to keep a ledger of. What it opens lives as long as the copies of its functions do.
-/// Modules are looked up and loaded as modprobe does it, dependencies, aliases, soft dependencies
-/// and install commands included. A kernel without any modules will do: then all are Unknown, or
-/// BuiltIn where sysfs shows them. Throws std::bad_alloc when libkmod cannot be set up.
+/// The kernel for a ledger. What it opens lives as long as the copies of its functions. Modules are
+/// looked up and loaded as by modprobe, including dependencies, aliases, soft dependencies and
+/// install commands. It works for a kernel without modules: all are then Unknown, or BuiltIn if
+/// sysfs shows them. Throws std::bad_alloc when libkmod cannot be set up.
 ModuleKernel runningKernel();
 
 }  // namespace host

@@ -39,13 +39,13 @@ std::string joined(const std::vector<std::string>& words) {
     return text;
 }
 
-// Takes a module that nobody uses any more out of the kernel and out of the ledger. 0 or an errno.
+// Removes a module without users from the kernel and from the ledger. 0 or an errno.
 int release(const ModuleKernel& kernel, ModuleLedger& ledger, ModuleLedger::iterator entry) {
     const std::string& name = entry->first;
     if (entry->second.inserted && kernel.state(name) == ModuleState::Present) {
         const int error = kernel.remove(name);
         if (error == EWOULDBLOCK || error == EBUSY) {
-            // Its entry stays too: it still is one that came in through here.
+            // Its entry stays too: the module was still inserted through here.
             HOST_LOG_NOTICE("The module %s is in use and stays", name.c_str());
             return 0;
         }
@@ -87,8 +87,8 @@ std::string moduleName(const std::string& fileName) {
 int insertModules(const ModuleKernel& kernel, const std::string& service,
                   const std::vector<std::string>& fileNames, ModuleLedger& ledger) {
     const std::vector<std::string> names = namesOf(fileNames);
-    // Asked before anything is inserted: a module that comes along with another one that needs it
-    // came in through here as well.
+    // Queried before anything is inserted: a module that is inserted as a dependency of another one
+    // was inserted through here as well.
     std::map<std::string, ModuleState> before;
     for (const std::string& name : names) {
         before.emplace(name, kernel.state(name));

@@ -1,8 +1,8 @@
-/// Which service uses which kernel module, and what follows for the kernel.
+/// Records which service uses which kernel module, and loads and removes modules accordingly.
 ///
-/// Each module has a set of services, so a service that inserts twice counts once and one removal
-/// takes it out. A module leaves the kernel when its set has become empty, and only if it came in
-/// through here: what was present before, or is built in, is never removed.
+/// Each module has a set of services, so a service that inserts twice counts once, and one removal
+/// is enough. A module is removed from the kernel when its set becomes empty, but only if it was
+/// inserted through here: one that was present before, or is built in, is never removed.
 #pragma once
 
 #include <functional>
@@ -15,13 +15,13 @@
 namespace host {
 
 enum class ModuleState {
-    Unknown,  ///< this kernel has no such module
+    Unknown,  ///< the kernel has no such module
     BuiltIn,
-    Absent,  ///< it has one, not loaded
+    Absent,  ///< exists, not loaded
     Present,
 };
 
-/// The kernel, as the bookkeeping needs it. Names are without ".ko", with "_" for "-".
+/// What the ledger needs of the kernel. Names are without ".ko", with "_" for "-".
 struct ModuleKernel {
     std::function<ModuleState(const std::string& name)> state;
     std::function<int(const std::string& name)> insert;  ///< 0 or a positive errno
@@ -29,8 +29,8 @@ struct ModuleKernel {
 };
 
 struct ModuleUse {
-    bool inserted = false;           ///< it came into the kernel through here
-    std::set<std::string> services;  ///< empty: it was in use when its last service let go of it
+    bool inserted = false;           ///< it was inserted through here
+    std::set<std::string> services;  ///< empty: still in use when its last service released it
 };
 
 /// By module name.
@@ -40,20 +40,20 @@ using ModuleLedger = std::map<std::string, ModuleUse>;
 std::string moduleName(const std::string& fileName);
 
 /// Makes the listed modules ("xt_mac.ko") present for a service, in list order. 0, or the errno of
-/// the first module that exists and will not load; those before it stay, and the ledger has them.
+/// the first module that exists but cannot be loaded; those before it stay, and are in the ledger.
 /// Modules that the kernel does not have are logged together, at LOG_WARNING.
 int insertModules(const ModuleKernel& kernel, const std::string& service,
                   const std::vector<std::string>& fileNames, ModuleLedger& ledger);
 
-/// Takes the listed modules back for a service, in list order. 0, or the errno of the first that
-/// could not leave; the others are done all the same. One that is in use stays, which is logged at
-/// LOG_NOTICE and no failure; it leaves with the next service that takes it back.
+/// Releases the listed modules for a service, in list order. 0, or the errno of the first that
+/// could not be removed; the others are still processed. One that is in use stays, which is logged
+/// at LOG_NOTICE and not a failure; it is removed when the next service releases it.
 int removeModules(const ModuleKernel& kernel, const std::string& service,
                   const std::vector<std::string>& fileNames, ModuleLedger& ledger);
 
-/// The ledger as a file holds it:
+/// The ledger as stored in a file:
 ///     {"xt_mac": {"inserted": true, "services": ["firewall"]}}
-/// Nothing comes of a text that is no such document.
+/// Nothing for a text that is not such a document.
 std::string ledgerText(const ModuleLedger& ledger);
 std::optional<ModuleLedger> parseLedger(const std::string& text);
 

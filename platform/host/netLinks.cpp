@@ -23,10 +23,10 @@ namespace {
 // The kernel fills at most 32 KiB at a time into a reader's buffer.
 constexpr std::size_t kReceiveBytes = 64 * 1024;
 
-// A dump that links come and go under is marked as inconsistent and read again.
+// If links change during a dump, it is marked as inconsistent and read again.
 constexpr int kDumpAttempts = 5;
 
-// Attributes are walked by offset and copied out: the macros of the kernel's headers cast bytes to
+// Attributes are read by offset and copied: the macros of the kernel's headers cast bytes to
 // structures and subtract with mixed signs.
 struct Attribute {
     unsigned type = 0;
@@ -64,7 +64,7 @@ std::vector<Attribute> attributesIn(const unsigned char* data, std::size_t size)
     return attributes;
 }
 
-// Copies a message's fixed part and gives its attributes; false when it is too short.
+// Copies a message's fixed part and returns its attributes; false when it is too short.
 template <typename Head>
 bool splitMessage(const nlmsghdr& message, Head& head, std::vector<Attribute>& attributes) {
     const std::size_t begin = NLMSG_HDRLEN + NLMSG_ALIGN(sizeof head);
@@ -101,7 +101,7 @@ void parseKind(const Attribute& info, NetLink& link) {
     }
 }
 
-// The result of one dump: 0, a negative errno, or 1 when it has to be repeated.
+// The result of one dump: 0, a negative errno, or 1 when it must be repeated.
 template <typename Take>
 int readDump(int fd, std::vector<char>& buffer, Take take) {
     bool interrupted = false;
@@ -177,8 +177,8 @@ int dump(std::uint16_t type, unsigned char family, bool (*parse)(const nlmsghdr&
     return -EAGAIN;
 }
 
-// sysfs shows the device of a link, but it may be another namespace's sysfs, in which the same
-// name means another link, or none at all; then a link without a kind counts as hardware.
+// sysfs shows the device of a link, but it may belong to another namespace, in which the same name
+// is a different link, or be missing; then a link without a kind counts as hardware.
 bool hasDevice(const NetLink& link) {
     const std::string directory = "/sys/class/net/" + link.name;
     int index = 0;

@@ -36,7 +36,7 @@ std::size_t countSessions(const std::string& text) {
     return count;
 }
 
-// Whether `a` is the better answer of two links that are otherwise equal.
+// Whether `a` is preferred to `b` when they are otherwise equal.
 bool preferred(const NetLink* a, const NetLink* b) {
     return a->up != b->up ? a->up : a->index < b->index;
 }
@@ -81,7 +81,7 @@ std::optional<std::string> pppoeLink(const std::string& sessions, const std::vec
         return bestOf(known);
     }
     if (possible.size() > sessionCount) {
-        return std::nullopt;  // some of them are no PPPoE, and nothing says which
+        return std::nullopt;  // some of them are not PPPoE, and it is unknown which
     }
     return bestOf(possible);
 }
@@ -91,7 +91,7 @@ PppTransport pppTransport(const std::string& name) {
     if (!(std::ifstream("/run/" + name + ".pid") >> pid) || pid <= 0) {
         return PppTransport::Unknown;
     }
-    // A pppd that was killed leaves its file, and the number goes to another program.
+    // A killed pppd leaves its file, and another process may get its id.
     if (contentOf("/proc/" + std::to_string(pid) + "/comm") != "pppd\n") {
         return PppTransport::Unknown;
     }

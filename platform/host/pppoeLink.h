@@ -1,12 +1,12 @@
-/// Which link is the PPPoE connection?
+/// Finds the link of the PPPoE connection.
 ///
 /// The kernel lists its PPPoE sessions in /proc/net/pppoe with the Ethernet device under each, but
-/// not with the ppp link above it. That tie is known to the process alone that connected the two:
-/// it holds the session's socket. So the answer is pieced together: a session must exist; a link
-/// whose process holds a PPPoE socket is its link; where that cannot be seen, the links that
-/// nothing speaks against stand in, if there are no more of them than sessions. A connection made
-/// wholly in user space is no kernel session; for it, and for any other doubt, there is the key
-/// "pppoe_interface" in the model file.
+/// not with the ppp link above it. Only the process that connected the two knows that: it holds the
+/// session's socket. So the link is inferred: a session must exist; a link whose process holds a
+/// PPPoE socket is its link; if that is not visible, the links that are not known to be something
+/// else count, if there are no more of them than sessions. A connection made entirely in user space
+/// is not a kernel session; for it, and whenever in doubt, set the key "pppoe_interface" in the
+/// model file.
 #pragma once
 
 #include <map>
@@ -18,15 +18,16 @@
 
 namespace host {
 
-/// What is known of the transport under a ppp link.
+/// What is known about the transport of a ppp link.
 enum class PppTransport {
     Unknown,
     Pppoe,
     Other,  ///< L2TP, PPTP, a serial line
 };
 
-/// The link of a PPPoE session by the rule above; among equals one that is up, then the lowest
-/// index. `sessions` is the text of /proc/net/pppoe; a link missing in `transports` is Unknown.
+/// The link of a PPPoE session by the rule above; among equals one that is up, then the one with
+/// the lowest index. `sessions` is the text of /proc/net/pppoe; a link missing in `transports` is
+/// Unknown.
 std::optional<std::string> pppoeLink(const std::string& sessions, const std::vector<NetLink>& links,
                                      const std::map<std::string, PppTransport>& transports);
 
@@ -34,12 +35,12 @@ std::optional<std::string> pppoeLink(const std::string& sessions, const std::vec
 /// /run ("ppp0.pid") while it runs the link.
 PppTransport pppTransport(const std::string& name);
 
-/// What process `pid` says: by the protocols of the sockets it holds, or, where those are not for
-/// this process to see, by a PPPoE plugin in its command line.
+/// The transport of process `pid`: from the protocols of its sockets or, if this process may not
+/// see those, from a PPPoE plugin in its command line.
 PppTransport transportOfProcess(int pid);
 
 /// Whether a process holds a socket of a protocol, by its name in /proc/net/protocols ("PPPOE").
-/// Nothing when its descriptors are not for this process to see.
+/// Nothing when this process may not see its descriptors.
 std::optional<bool> holdsSocketOf(int pid, const std::string& protocol);
 
 /// Whether a process's arguments, each ended by a NUL as in /proc/PID/cmdline, load a PPPoE plugin.

@@ -13,7 +13,7 @@ namespace {
 // Array, service, side, ports: four levels, and a few more for members that are ignored.
 constexpr int kMostLevels = 16;
 
-// A text field of the record has 256 bytes, the terminating zero included.
+// A text field of the record has 256 bytes, including the terminating zero.
 constexpr std::size_t kMostTextBytes = 255;
 
 constexpr unsigned kMostPort = 65535;
@@ -29,7 +29,7 @@ constexpr ProtocolName kProtocols[] = {
     {"tcp", 1}, {"udp", 2}, {"tcp/udp", 3}, {"icmp", kIcmp}, {"igmp", kIgmp},
 };
 
-// Each of the following gives false and a reason when the value is not what it has to be.
+// Each of the following returns false and a reason for an invalid value.
 
 bool readText(const Json::Value& value, const char* member, std::string& text,
               std::string& reason) {
@@ -42,7 +42,7 @@ bool readText(const Json::Value& value, const char* member, std::string& text,
         reason = std::string("\"") + member + "\" is longer than 255 bytes";
         return false;
     }
-    // A control character would spoil log lines and key/value files, and a NUL the record.
+    // A control character would break log lines and key/value files, and a NUL the record.
     if (std::any_of(text.begin(), text.end(),
                     [](unsigned char c) { return c < ' ' || c == 0x7f; })) {
         reason = std::string("\"") + member + "\" holds a control character";
@@ -148,7 +148,7 @@ bool readService(const Json::Value& entry, std::string& name, Service& service,
            readSide(entry, "src", service.src, reason);
 }
 
-// The reader explains itself in several indented lines; a log line is one.
+// The reader's message has several indented lines; a log message has one.
 std::string onOneLine(std::string text) {
     std::replace(text.begin(), text.end(), '\n', ' ');
     text.erase(

@@ -6,7 +6,7 @@
 /// then does not use the service. `dst` and `src` are the ports at either end and may be missing.
 /// `protocol` is "tcp", "udp", "tcp/udp", "icmp", "igmp" or the code of one, 1, 2, 3, 4 or 32.
 /// `ports` holds texts or numbers, "80" or "6000-6010". ICMP and IGMP need none; their list then
-/// gets the entry "0", because a side without entries would be passed over. Other members are
+/// gets the entry "0", because a side without entries would be ignored. Other members are
 /// ignored, and comments are allowed.
 #pragma once
 
@@ -18,7 +18,7 @@
 namespace host {
 
 struct ServiceSide {
-    int protocol = 0;                ///< 0: nothing is said of this side
+    int protocol = 0;                ///< 0: the service does not use this side
     std::vector<std::string> ports;  ///< decimal, without leading zeros
 };
 
@@ -31,9 +31,9 @@ struct Service {
 /// By name.
 using Services = std::map<std::string, Service>;
 
-/// Reads a document into `services`, where a service takes the place of an earlier one of its name.
-/// `report` gets a line for each entry that is wrong, or one for a document that is; neither
-/// touches the other services.
+/// Reads a document into `services`, replacing earlier services with the same name. `report`
+/// gets a line for each invalid entry, or one line for an invalid document; other services are
+/// unaffected.
 void readServices(const std::string& document, Services& services,
                   const std::function<void(const std::string&)>& report);
 

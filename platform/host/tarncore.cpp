@@ -37,7 +37,7 @@ namespace {
 
 constexpr int kFirstCapacity = 16;
 
-// Makes room for one more text. The list is C's own memory, because its record is public.
+// Makes room for one more text. The list is allocated with malloc, because its record is public.
 bool grow(TLIBCSZLIST& list) {
     if (list.nItem < list.capacity) {
         return true;
@@ -80,7 +80,7 @@ int TLIBCSzListPush(PTLIBCSZLIST* list, const char* text) {
     if (list == nullptr || *list == nullptr || text == nullptr) {
         return HOST_FAIL(host::kErrorBadParameter);
     }
-    // The copy first: the text may be one of the list's own.
+    // The copy first: the text may be an element of the list.
     std::unique_ptr<char, decltype(&free)> copy(strdup(text), &free);
     if (copy == nullptr || !grow(**list)) {
         return HOST_FAIL(ENOMEM);
@@ -116,7 +116,7 @@ struct RunningProgram {
     std::string line;  // its command line, for the log
 };
 
-// The programs of the streams of TLIBCPopen: a stream itself has no room for its program.
+// The programs of the streams of TLIBCPopen: a stream has no field for its program.
 class StreamTable {
 public:
     using Programs = std::map<FILE*, RunningProgram>;
@@ -126,7 +126,7 @@ public:
         return table;
     }
 
-    // Takes over entries made before the program was started, when failing was still harmless.
+    // Takes entries allocated before the program was started, when a failure was still harmless.
     void add(Programs& entries) {
         const std::lock_guard<std::mutex> lock(mutex_);
         programs_.merge(entries);
@@ -154,7 +154,7 @@ bool start(const FW::Program& program, RunningProgram& running) {
     return true;
 }
 
-// Waits for a program and logs any status but 0, which callers do not look at. A lost status counts
+// Waits for a program and logs any status but 0, which callers ignore. A lost status counts
 // as 0, since -1 is for programs that never ran.
 int finish(const RunningProgram& running) {
     const auto status = FW::waitForProgram(running.pid);
@@ -181,7 +181,7 @@ FILE* openProgram(const std::vector<const char*>& argv) {
         HOST_FAIL(errno);
         return nullptr;
     }
-    (void)readEnd.release();  // the stream's own from here on
+    (void)readEnd.release();  // the stream owns it now
 
     StreamTable::Programs entry;
     FW::Program program;
@@ -271,7 +271,7 @@ int TLIBCFileExist(const char* path) {
         HOST_FAIL(host::kErrorBadParameter);
         return 0;
     }
-    return lstat(path, &info) == 0 ? 1 : 0;  // of a link itself: it exists without its target, too
+    return lstat(path, &info) == 0 ? 1 : 0;  // a link exists even without its target
 }
 
 int TLIBCFileGetKeyValue(const char* path, const char* key, char* value, int size, int /*flag*/) {
@@ -286,7 +286,7 @@ int TLIBCFileGetKeyValue(const char* path, const char* key, char* value, int siz
             return result;
         }
         if (text.size() >= static_cast<std::size_t>(size)) {
-            // Half a value would pass for another one.
+            // Half a value could be taken for a different one.
             HOST_LOG_ERR("The value of %s in %s is longer than %d bytes", key, path, size - 1);
             return HOST_FAIL(ERANGE);
         }
@@ -339,16 +339,16 @@ struct flock wholeFile(short type) {
     return range;
 }
 
-// Whether `path` still leads to the opened file: one that was removed or replaced between opening
-// and locking keeps nobody out any more.
+// Whether `path` is still the opened file: one that was removed or replaced between opening and
+// locking no longer excludes anybody.
 bool isStillThere(const char* path, const struct stat& opened) {
     struct stat now = {};
     return lstat(path, &now) == 0 && now.st_dev == opened.st_dev && now.st_ino == opened.st_ino;
 }
 
 // Why root must not use what is at the path of a lock; empty when it may. Whoever can open the
-// file can hold its lock, so one of somebody else would let them keep root out. A link of root's
-// own is refused when it is opened.
+// file can hold its lock, so another user's file would let that user block root. A link that
+// root owns is refused when it is opened.
 std::string lockFault(const struct stat& info) {
     if (!S_ISREG(info.st_mode) && !S_ISLNK(info.st_mode)) {
         return "it is no regular file";
@@ -356,22 +356,22 @@ std::string lockFault(const struct stat& info) {
     return info.st_uid == 0 ? "" : "it belongs to user " + std::to_string(info.st_uid);
 }
 
-// For root, clears the path of a lock of what others may have put there. 0 or an errno code.
+// For root, removes what others may have put at the path of a lock. 0 or an errno code.
 int clearLockPath(const char* path) {
     host::Found entry;
     if (geteuid() != 0 || host::lookAt(AT_FDCWD, path, entry) != 0) {
-        return 0;  // what is wrong with the path shows when it is opened
+        return 0;  // a bad path is reported when it is opened
     }
     const std::string why = lockFault(entry.info);
     return why.empty() ? 0 : host::setAside(AT_FDCWD, path, entry, path, why);
 }
 
-// Opens a lock file, made when it is missing. 0 or an errno code, EEXIST when somebody else has
-// made it meanwhile.
+// Opens a lock file, creating it if needed. 0 or an errno code, EEXIST when somebody else has
+// created it meanwhile.
 int openLockFile(const char* path, host::Descriptor& file, struct stat& info) {
     constexpr int kFlags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
     // In two steps: in a directory like /tmp the kernel may refuse O_CREAT for an existing file
-    // even to its rightful users (fs.protected_regular).
+    // even for its rightful users (fs.protected_regular).
     file = host::Descriptor(open(path, kFlags));
     if (!file && errno == ENOENT) {
         file = host::Descriptor(open(path, kFlags | O_CREAT | O_EXCL, kLockFileMode));
@@ -379,7 +379,7 @@ int openLockFile(const char* path, host::Descriptor& file, struct stat& info) {
     return file && fstat(file.get(), &info) == 0 ? 0 : errno;
 }
 
-// Opens a lock file that may be relied on. 0, EAGAIN when it is worth another attempt, or the errno
+// Opens a lock file that can be trusted. 0, EAGAIN when it is worth another attempt, or the errno
 // code of a failure, which is logged.
 int openTrustedLock(const char* path, host::Descriptor& file, struct stat& info) {
     for (int i = 0; i < host::kMostPlanted; ++i) {
@@ -395,7 +395,7 @@ int openTrustedLock(const char* path, host::Descriptor& file, struct stat& info)
             return error;
         }
         if (geteuid() == 0 && !lockFault(info).empty()) {
-            continue;  // put there since the path was cleared
+            continue;  // put there after the path was cleared
         }
         if (!S_ISREG(info.st_mode)) {
             HOST_LOG_ERR("Refused lock file %s: it is no regular file", path);
@@ -415,7 +415,7 @@ int tryLock(const char* path, host::Descriptor& lock) {
         return error;
     }
     // Of the open file rather than of the process: two threads keep each other out as well, and
-    // closing another descriptor of the file does not give the lock away.
+    // closing another descriptor of the file does not release the lock.
     struct flock range = wholeFile(F_WRLCK);
     if (fcntl(file.get(), F_OFD_SETLK, &range) != 0) {
         const int error = errno;
@@ -495,7 +495,7 @@ thread_local ErrorState errorState;
 void TLIBCErrSetEx(int code, const char* file, int line) {
     errorState.code = code;
     errorState.line = line;
-    // Of a path too long, the end says more. It may be the recorded text itself.
+    // Keeps the end of a long path, which is more useful. `file` may be the recorded text itself.
     const char* const text = file == nullptr ? "" : file;
     const std::size_t length = strlen(text);
     const std::size_t kept = std::min(length, sizeof errorState.file - 1);

@@ -20,7 +20,7 @@ namespace {
 
 constexpr char kSource[] = "tarnkm";
 
-// Below /run, which a restart empties as it empties the kernel.
+// Below /run, which a restart empties, as it does the list of loaded modules.
 constexpr char kDirectory[] = "/run/tarn";
 constexpr mode_t kDirectoryMode = 0755;
 constexpr char kLedgerFile[] = "/run/tarn/iptables_modules.json";
@@ -29,8 +29,8 @@ constexpr off_t kMostLedgerBytes = 1024 * 1024;
 constexpr char kLockFile[] = "/run/tarn/iptables_modules.lock";
 constexpr int kLockSeconds = 30;
 
-// The ledger as it was left, with the text it was read from. A file that says nothing counts as
-// empty: modules that it might have named just stay in the kernel.
+// The stored ledger, with the text it was read from. An invalid file counts as empty: modules that
+// it may have named just stay in the kernel.
 host::ModuleLedger readLedger(std::string& text) {
     const int error = host::readTrustedFile(kLedgerFile, kMostLedgerBytes, text);
     if (error == ENOENT) {

@@ -34,7 +34,7 @@ std::string routerOf(const std::string& interface) {
     if (result < 0) {
         std::fprintf(stderr, "tarnnetdtool: cannot list the network links: %s\n",
                      std::strerror(-result));
-        return interface;  // a caller that asks for its link's router still has its link
+        return interface;  // a caller that asks for its link's router can still use its link
     }
     return host::ipv6RouterInterface(interface, links, addresses);
 }

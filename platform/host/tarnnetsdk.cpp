@@ -24,7 +24,7 @@ constexpr char kModelFile[] = "/etc.defaults/tarninfo.conf";
 constexpr char kPppoeKey[] = "pppoe_interface";
 constexpr char kPppoeSessions[] = "/proc/net/pppoe";
 
-// A name as the kernel takes it for a link: it also ends up as one word of a command line.
+// A name that the kernel accepts for a link; it also becomes one word of a command line.
 bool isLinkName(const std::string& name) {
     return !name.empty() && name.size() < sizeof TLIBNET_INTERFACE::name && name != "." &&
            name != ".." && std::none_of(name.begin(), name.end(), [](unsigned char c) {
@@ -44,7 +44,7 @@ int readInterfaces(std::vector<host::NetLink>& links) {
     return 0;
 }
 
-// The name that the model file gives, empty when it gives none.
+// The name in the model file; empty without one.
 std::string namedPppoeLink() {
     char value[256] = {};
     if (TLIBCFileExist(kModelFile) != 1 ||
@@ -73,7 +73,7 @@ int findPppoeLink(std::string& name) {
     }
     const std::optional<std::string> found = host::pppoeLink(sessionsText(), links, transports);
     if (!found) {
-        // A machine without PPPoE is no trouble, and this is asked again and again.
+        // Not logged: a machine without PPPoE is normal, and this is called often.
         HOST_LOG_DEBUG("No link is known to be a PPPoE session; \"%s\" in %s can name one",
                        kPppoeKey, kModelFile);
         return HOST_FAIL(ENODEV);
@@ -83,14 +83,14 @@ int findPppoeLink(std::string& name) {
 }
 
 bool isAddress(int family, const char* text) {
-    in6_addr address{};  // as large as either kind
+    in6_addr address{};  // large enough for both families
     return text != nullptr && inet_pton(family, text, &address) == 1;
 }
 
 }  // namespace
 
-// The selector would choose among kinds of links; here every link but `lo` is one kind. `extra`,
-// when there is one, gets the number of links, those that did not fit included.
+// The selector would choose kinds of links; here all links except `lo` are of one kind. `extra`, if
+// given, gets the number of links, including those that did not fit.
 int TLIBNetGetInterfaceInfo(TLIBNET_INTERFACE* table, int capacity, int selector, int* extra) {
     (void)selector;
     return HOST_GUARDED(-1, [&] {
@@ -120,7 +120,7 @@ int TARNPPPoeIntfGet(char* name, int size) {
         if (name == nullptr || size <= 0) {
             return HOST_FAIL(host::kErrorBadParameter);
         }
-        // The administrator's word counts as it is: the link may come and go with the connection.
+        // The administrator's setting is not checked: the link may come and go with the connection.
         std::string found = namedPppoeLink();
         if (!found.empty() && !isLinkName(found)) {
             HOST_LOG_ERR("%s: \"%s\" is no name of a link: \"%s\"", kModelFile, kPppoeKey,

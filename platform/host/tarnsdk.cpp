@@ -48,25 +48,25 @@ struct NewDirectory {
     mode_t mode = 0;
 };
 
-// Opens the directory `name` below `parent`, through links as well: /var/lock is one.
+// Opens the directory `name` below `parent`; follows links, such as /var/lock.
 host::Descriptor openExisting(int parent, const std::string& name) {
     return host::Descriptor(openat(parent, name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
 
-// Gives a directory just made its owner and mode. 0 or an errno code.
+// Sets the owner and mode of a new directory. 0 or an errno code.
 int adopt(const host::Descriptor& directory, const NewDirectory& wanted) {
     if (fchown(directory.get(), wanted.uid, wanted.gid) != 0) {
-        // Only root gives files away; for anybody else the directory stays the caller's own.
+        // Only root can change an owner; otherwise the directory stays the caller's.
         if (errno != EPERM || geteuid() == 0) {
             return errno;
         }
     }
-    // Behind the owner, since a change of owner may take bits from the mode.
+    // After the owner, since a change of owner may clear bits of the mode.
     return fchmod(directory.get(), wanted.mode) == 0 ? 0 : errno;
 }
 
-// Makes the directory `name` below `parent` and opens it. 0 or an errno code. What cannot be given
-// its owner and mode is removed again, or a later call would take it for finished.
+// Creates the directory `name` below `parent` and opens it. 0 or an errno code. If its owner and
+// mode cannot be set, it is removed again, or a later call would take it for complete.
 int makeAndOpen(int parent, const std::string& name, const NewDirectory& wanted,
                 host::Descriptor& directory) {
     if (mkdirat(parent, name.c_str(), S_IRWXU) != 0) {  // closed until it has its owner
@@ -84,7 +84,7 @@ int makeAndOpen(int parent, const std::string& name, const NewDirectory& wanted,
 }
 
 // Why root must not work in a directory; empty when it may. Whoever owns it, or may write it
-// without the sticky bit, can exchange everything below. Root's own group is as good as root.
+// without the sticky bit, can replace everything below. Root's group counts as root.
 std::string directoryFault(const struct stat& info, const NewDirectory& wanted) {
     if (info.st_uid != 0 && info.st_uid != wanted.uid) {
         return "it belongs to user " + std::to_string(info.st_uid);
@@ -101,12 +101,12 @@ std::string directoryFault(const struct stat& info, const NewDirectory& wanted) 
 struct Component {
     int parent = -1;
     std::string name;
-    std::string path;  // as far as this one, for the log
+    std::string path;  // up to this one, for the log
     bool last = false;
 };
 
-// Refuses a component to root: the last one is set aside, so that it can be made anew. What lies
-// before it may hold more than what is asked for. 0 or an errno code, logged.
+// Refuses a component: the last one is set aside, so that it can be created again; the ones before
+// it may contain other things. 0 or an errno code, logged.
 int refuse(const Component& component, const host::Found& entry, const std::string& why) {
     if (component.last) {
         return host::setAside(component.parent, component.name, entry, component.path, why);
@@ -137,7 +137,7 @@ int openTrusted(const Component& component, const NewDirectory& wanted,
     if (why.empty()) {
         return 0;
     }
-    if (S_ISLNK(entry.info.st_mode)) {  // the link is root's, and taking it away mends nothing
+    if (S_ISLNK(entry.info.st_mode)) {  // the link is root's; removing it would not help
         HOST_LOG_ERR("Refused directory %s: %s", component.path.c_str(), why.c_str());
         return EPERM;
     }
@@ -145,11 +145,11 @@ int openTrusted(const Component& component, const NewDirectory& wanted,
     return error == 0 ? ENOENT : error;
 }
 
-// Opens the directory of a component, made when it is missing. 0 or an errno code: EEXIST for a
-// link that leads nowhere.
+// Opens the directory of a component, creating it if needed. 0 or an errno code: EEXIST for a
+// dangling link.
 int openOrMake(const Component& component, const NewDirectory& wanted,
                host::Descriptor& directory) {
-    // Somebody else may make it first, or put something else there.
+    // Somebody else may create it first, or put something else there.
     for (int i = 0; i < host::kMostPlanted; ++i) {
         int error = openTrusted(component, wanted, directory);
         if (error == ENOENT) {
@@ -242,7 +242,7 @@ bool isArgumentName(const std::string& key) {
                         [&](const std::string& variable) { return variable.find(key + '=') == 0; });
 }
 
-// Hooks run as root, so nobody but root may have had a hand in them.
+// Hooks run as root, so only root may be able to change them.
 Verdict checkOwner(const std::string& path, const struct stat& info) {
     if (info.st_uid != 0) {
         HOST_LOG_ERR("Refused hook %s: it belongs to user %u", path.c_str(), info.st_uid);
@@ -256,7 +256,7 @@ Verdict checkOwner(const std::string& path, const struct stat& info) {
     return Verdict::kTrusted;
 }
 
-// Opens one entry of a directory, itself and not what a link leads to.
+// Opens one entry of a directory; does not follow links.
 Verdict openEntry(int parent, const std::string& name, const std::string& path, int flags,
                   host::Descriptor& entry, struct stat& info) {
     entry = host::Descriptor(openat(parent, name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC));
@@ -275,8 +275,8 @@ Verdict openEntry(int parent, const std::string& name, const std::string& path, 
     return Verdict::kTrusted;
 }
 
-// Opens the directory of a hook. Every directory on the way from kHookRoot is checked as the hooks
-// are: who may rename a directory may exchange what is in it.
+// Opens the directory of a hook. Every directory from kHookRoot on is checked like the hooks:
+// whoever may rename a directory may replace what is in it.
 Verdict openHookDirectory(const std::string& hookName, host::Descriptor& directory) {
     std::vector<std::string> components = {kHookRoot};
     for (std::string& component : componentsOf(hookName)) {
@@ -306,7 +306,7 @@ struct CloseDirectory {
     void operator()(DIR* stream) const { (void)closedir(stream); }
 };
 
-// The names in a directory that may be hooks, in byte order. Nothing on a failure, which is logged.
+// The names in a directory that may be hooks, in byte order. Nothing, logged, on failure.
 std::optional<std::vector<std::string>> hookFiles(const host::Descriptor& directory) {
     // A descriptor of its own, which the stream closes.
     host::Descriptor own(fcntl(directory.get(), F_DUPFD_CLOEXEC, 0));
@@ -332,8 +332,8 @@ std::optional<std::vector<std::string>> hookFiles(const host::Descriptor& direct
     return std::nullopt;
 }
 
-// Opens a hook for running. kAbsent is everything that is no hook: a directory, which holds the
-// hooks of a longer name, and a file that nobody may execute.
+// Opens a hook for running. kAbsent is anything that is not a hook: a directory, which has the
+// hooks of a longer name, or a file that nobody may execute.
 Verdict openHook(int directory, const std::string& name, const std::string& path,
                  host::Descriptor& file) {
     struct stat info = {};
@@ -361,7 +361,7 @@ bool runHook(const host::Descriptor& file, const std::string& path, const char* 
     FW::Program program;
     program.path = path.c_str();
     program.argv = argv;
-    program.file = file.get();  // the very file that was checked, whatever bears its name by now
+    program.file = file.get();  // the file that was checked, whatever has its name now
     for (const auto& [key, value] : context.arguments) {
         std::string& variable = program.environment.emplace_back(key);
         variable.append("=").append(value);
@@ -384,8 +384,8 @@ bool runHook(const host::Descriptor& file, const std::string& path, const char* 
     return *status == 0;
 }
 
-// Runs all hooks of a context. A refused one is as good as not installed; a failing one does not
-// keep the others from running.
+// Runs all hooks of a context. A refused one is ignored; a failing one does not prevent the others
+// from running.
 bool runHooks(const HookContext& context, const char* when) {
     host::Descriptor directory;
     const Verdict verdict = openHookDirectory(context.name, directory);

@@ -23,8 +23,8 @@ namespace {
 
 constexpr char kSource[] = "tarnserviceconf";
 
-// What the packages bring, then what the administrator puts in its place. Within a directory files
-// are read in byte order; of several services with one name the last one counts.
+// The packages' files, then the administrator's, which override them. Files of a directory are read
+// in byte order; of several services with the same name the last one counts.
 constexpr const char* kDirectories[] = {
     "/usr/tarn/etc.defaults/services.d",
     "/usr/tarn/etc/services.d",
@@ -35,7 +35,7 @@ constexpr off_t kMostFileBytes = 16 * 1024 * 1024;
 
 }  // namespace
 
-/// Records by name, so that one is found by halving; their lists belong to them.
+/// Records sorted by name, for a binary search; they own their lists.
 struct TARNFW_SERVICE_LIST {
     std::vector<TARNFW_SERVICE> records;
 
@@ -52,7 +52,7 @@ struct TARNFW_SERVICE_LIST {
 
 namespace {
 
-// The catalogue files of a directory, hidden ones aside. One that is missing has none.
+// The catalogue files of a directory, without hidden ones. None if it is missing.
 std::vector<std::string> filesIn(const char* directory) {
     std::vector<std::string> paths;
     std::error_code error;
@@ -90,7 +90,7 @@ host::Services readCatalogue() {
     return services;
 }
 
-// Fills a list of a record that its catalogue already owns; an empty one stays NULL.
+// Fills a list of a record that its catalogue already owns; NULL for an empty list.
 bool fillPorts(PTLIBCSZLIST& list, const std::vector<std::string>& ports) {
     if (ports.empty()) {
         return true;
