@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2034
-# What the scripts share. Sourced; the working directory is the checkout.
+# Shared by the scripts. Sourced; the working directory is the checkout.
 
 # Lists of packages, all of Debian 12. To build the library and the tool:
 readonly kBuildPackages=(
@@ -11,7 +11,7 @@ readonly kBuildPackages=(
 # prints.
 readonly kRunPackages=(iproute2 iptables mount netbase util-linux)
 
-# What the tests need besides.
+# Additionally for the tests.
 readonly kTestPackages=(
     clang clang-format clang-tidy libclang-rt-dev libgmock-dev libgtest-dev
     doxygen git mandoc scdoc shellcheck
@@ -21,8 +21,8 @@ readonly kTestPackages=(
 # To count instructions.
 readonly kCountPackages=(libbenchmark-dev valgrind)
 
-# To build the Debian packages, and to test them. libvalijson-dev brings much that nobody needs, but a
-# package is built with all that its control file names.
+# To build the Debian packages, and to test them. libvalijson-dev has many needless dependencies,
+# but a package is built with everything that its control file names.
 readonly kPackagePackages=(
     "${kBuildPackages[@]}"
     build-essential debhelper dpkg-dev git libvalijson-dev lintian scdoc systemd xz-utils
@@ -40,11 +40,11 @@ readonly kPicturePackages=(python3-rich)
 # machine's packet filter by being installed.
 readonly kPeerPackages=(dbus-daemon ferm firewalld nftables ufw)
 
-# Where quietly() writes; a script names its own.
+# The log of quietly(); each script sets its own.
 log=build/install.log
 
-# quietly TEXT COMMAND...: one line that says what is being done and how long it took; a terminal also
-# sees how far it is. The command writes to $log, whose end is shown when it fails.
+# quietly TEXT COMMAND...: prints one line with what is done and how long it took; on a terminal also
+# the progress. The command writes to $log, whose end is printed if it fails.
 quietly() {
     local text=$1 start=$SECONDS line status=0
     shift
@@ -74,7 +74,7 @@ is_installed() {
     [[ $(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null) == installed ]]
 }
 
-# install_missing PACKAGE...: nothing happens when all are there.
+# install_missing PACKAGE...: does nothing if all are installed.
 install_missing() {
     local package missing=()
     if ! command -v dpkg-query >/dev/null; then
@@ -101,7 +101,7 @@ unpack_valijson() {
     local new
     new=$(mktemp --directory build/headers.XXXXXX)
     chmod 755 "$new"
-    # Without lists of packages there is nothing to download from.
+    # Without package lists nothing can be downloaded.
     (cd -- "$new" && { apt-get download libvalijson-dev || {
         apt-get update && apt-get download libvalijson-dev
     }; }) &&

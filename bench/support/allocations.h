@@ -1,7 +1,7 @@
-/// How much memory the whole program has asked for, the libraries in it included.
+/// How much memory the whole program has requested, including its libraries.
 #pragma once
 
 #include <cstdint>
 
-/// Bytes asked of malloc and its kin since the start.
+/// Bytes requested from malloc and related functions since the start.
 std::uint64_t allocatedBytes();

@@ -1,6 +1,6 @@
-/// Platform functions that replace those of platform/host, because the dynamic linker
-/// finds a program's own first: the interfaces of a machine with a VPN server, and the tool that is
-/// asked for the router interface, answered without a process. So the library's own work shows.
+/// Replaces platform functions of platform/host, because the dynamic linker finds a program's own
+/// functions first: the interfaces are those of a machine with a VPN server, and the router
+/// interface is found without starting a process. So only the library's own work is measured.
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* kInterfaces[] = {"eth0", "eth1", "ppp100", "ppp101", "tun0", "tun1"};
 
-/// The stream that every question is answered on. Made once: what a stream costs is the platform's.
+/// The stream with every answer. Opened once: the cost of a stream belongs to the platform.
 struct Answer {
     char name[sizeof(TLIBNET_INTERFACE::name)] = {};
     std::size_t length = 0;
@@ -42,7 +42,7 @@ int TLIBNetGetInterfaceInfo(TLIBNET_INTERFACE* table, int capacity, int /*select
     return count;
 }
 
-/// Answers with its last argument: no interface has a tunnel.
+/// Returns its last argument: no interface has a tunnel.
 FILE* TLIBCPopen(const char* /*path*/, const char* mode, ...) {
     static Answer answer;
     static FILE* const stream =
@@ -61,6 +61,6 @@ FILE* TLIBCPopen(const char* /*path*/, const char* mode, ...) {
 }
 
 int TLIBCPclose(FILE* stream) {
-    clearerr(stream);  // it has been read to its end
+    clearerr(stream);  // it has been read to the end
     return 0;
 }

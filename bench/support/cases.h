@@ -7,8 +7,8 @@
 #include <functional>
 #include <string>
 
-/// Registers one measurement. `run` is called with the state and the size; its setup stands before
-/// the loop over the state. Returns what was registered, for what else there is to set.
+/// Registers one measurement. `run` is called with the state and the size; its setup is before
+/// the loop over the state. Returns the registered benchmark, for further settings.
 inline benchmark::internal::Benchmark* measure(
     const std::string& subject, const std::string& side, int size,
     const std::function<void(benchmark::State&, int)>& run) {

@@ -5,7 +5,7 @@
 #include <fstream>
 #include <string>
 
-/// Writes it as "peak: 1234 KiB". The kernel's count for a parent would begin with the parent's
+/// Prints it as "peak: 1234 KiB". The kernel's count for a parent would begin with the parent's
 /// own.
 inline void tellPeak(std::FILE* out) {
     std::ifstream status("/proc/self/status");

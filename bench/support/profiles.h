@@ -6,7 +6,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-/// What a profile's rules are like.
+/// The kind of a profile's rules.
 enum class RuleKind {
     Plain,      ///< an address, one TCP port
     Multiport,  ///< an address, ten ports and ranges, TCP and UDP
@@ -27,7 +27,7 @@ inline constexpr NamedKind kRuleKinds[] = {
     {"vpn", RuleKind::Vpn},         {"both", RuleKind::Both},
 };
 
-/// The countries that rules of that kind name.
+/// The countries in rules of that kind.
 inline const std::vector<std::string> kCountries = {"CN", "KP", "RU"};
 
 /// A profile of `name` with `rules` rules of one adapter, whose default policy is to deny.

@@ -1,9 +1,9 @@
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # out is the caller's
-# What the tool says and how it ends. Sourced by the scripts, which have lib.sh already.
+# Checks the tool's output and exit status. Sourced by the scripts, after lib.sh.
 
-# answers STATUS ARGUMENT...: that status; the output is in $out/answer and $out/complaint. Every
-# member of a JSON document has to be documented.
+# answers STATUS ARGUMENT...: the tool ends with that status; its output is in $out/answer and
+# $out/complaint. Every member of a JSON document must be documented.
 answers() {
     local wanted=$1 status=0
     shift
@@ -19,7 +19,7 @@ answers() {
     fi
 }
 
-# says PATTERN: a line of the last answer is like it.
+# says PATTERN: a line of the last answer matches it.
 says() {
     grep --quiet -- "$1" "$out/answer" || {
         cat -- "$out/answer"
@@ -27,13 +27,13 @@ says() {
     }
 }
 
-# prints: the last answer is exactly what is read.
+# prints: the last answer is exactly the standard input.
 prints() {
     diff -u - "$out/answer" || fail 'not the output expected'
 }
 
-# complains PATTERN: the last complaint is one line, and like it. Lines of the library's log, which
-# say where in the library something failed, may come before it.
+# complains PATTERN: the last complaint is one line and matches it. Lines of the library's log may
+# come before it.
 complains() {
     sed '/^tarnfw: [A-Za-z]*:[0-9]* /d' "$out/complaint" >"$out/own_complaint"
     if [[ $(wc -l <"$out/own_complaint") != 1 ]] || ! grep --quiet -- "$1" "$out/own_complaint"; then
@@ -49,7 +49,7 @@ silent() {
     }
 }
 
-# prints_json: the last answer is this JSON document, whatever its layout.
+# prints_json: the last answer is the JSON document on standard input, in any layout.
 prints_json() {
     diff -u <(/usr/bin/python3 -m json.tool --sort-keys) \
         <(/usr/bin/python3 -m json.tool --sort-keys "$out/answer") || fail 'not the document expected'
@@ -65,8 +65,8 @@ same_files() {
     diff -u "$out/$1.files" "$out/now.files"
 }
 
-# asked STATUS QUESTION ANSWER ARGUMENT...: on a terminal, where it asks that and is answered so, it ends
-# with that status; its output after the answer, including an echo of it, is in $out/answer.
+# asked STATUS QUESTION ANSWER ARGUMENT...: on a terminal it asks QUESTION, gets ANSWER and ends with
+# that status; its output after the answer, including an echo of it, is in $out/answer.
 asked() {
     local wanted=$1 question=$2 answer=$3 status=0
     shift 3
@@ -79,7 +79,7 @@ asked() {
     fi
 }
 
-# refused STATUS PATTERN ARGUMENT...: that status and a complaint like it, and no file has changed.
+# refused STATUS PATTERN ARGUMENT...: that status, a complaint that matches, and no changed file.
 refused() {
     local status=$1 pattern=$2
     shift 2

@@ -1,6 +1,6 @@
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # build, out and variant are the caller's
-# What tests/kernel/run and the scripts in scripts/ share. Sourced, inside the sandbox; expects
+# Shared by tests/kernel/run and the scripts in scripts/. Sourced, inside the sandbox; expects
 #   build     the build directory          out       the directory for this test's listings
 #   checkout  the top of the checkout      variant   nft or legacy
 
@@ -25,7 +25,7 @@ in_network() {
     nsenter --net="/run/netns/$1" -- "${@:2}"
 }
 
-# step TEXT COMMAND...: says what happens, and ends the test when it fails.
+# step TEXT COMMAND...: prints TEXT, runs COMMAND, and ends the test if it fails.
 step() {
     local text=$1
     shift
@@ -57,8 +57,8 @@ add_addresses() {
     "${runner[@]}" ip link set "$link" up
 }
 
-# await_carrier SHOW...: until the link shown is up. The kernel brings the two ends of a veth up in the
-# background and drops what is sent before; a dropped first packet would cost a second.
+# await_carrier SHOW...: waits until the link shown is up. The kernel brings the two ends of a veth up in
+# the background and drops packets sent before; a dropped first packet would cost a second.
 await_carrier() {
     until [[ $("$@") == *'state UP'* ]]; do
         :
@@ -127,7 +127,7 @@ make_links() {
     done
 }
 
-# listing v4|v6: the filter table as the kernel holds it.
+# listing v4|v6: prints the filter table of the kernel.
 listing() {
     case $1 in
     v4) iptables -S ;;
@@ -141,7 +141,7 @@ keep_listing() {
     listing v6 >"$out/$1.v6"
 }
 
-# same_listing NAME: fails, and shows how, when the filter table is not as it was kept.
+# same_listing NAME: fails and prints the difference if the filter table is not as kept.
 same_listing() {
     keep_listing now
     diff -u "$out/$1.v4" "$out/now.v4" && diff -u "$out/$1.v6" "$out/now.v6"
@@ -161,12 +161,12 @@ serve() {
     done
 }
 
-# check_packets: sends the probes read, as the clients.
+# check_packets: sends the probes on standard input, as the clients.
 check_packets() {
     in_network "$kClients" "$build/tests/kernel/packet_probe" check
 }
 
-# activate PROFILE: the active profile of the settings, whether or not it exists.
+# activate PROFILE: makes it the active profile in the settings, whether or not it exists.
 activate() {
     printf '{"status": false, "profile": "%s"}\n' "$1" >"$kSettings"
 }
@@ -178,12 +178,12 @@ use_profile() {
     activate "$profile"
 }
 
-# choose_apply lines|batch: how rules go into the kernel from now on.
+# choose_apply lines|batch: sets the apply mode.
 choose_apply() {
     sed -i -e '/"apply"/d' -e "s/^{/{ \"apply\": \"$1\",/" "$kSettings"
 }
 
-# empty_chains: as a freshly set up base filter has them.
+# empty_chains: empties the chains, as in a new base filter.
 empty_chains() {
     local tool chain
     for tool in iptables ip6tables; do
@@ -193,7 +193,7 @@ empty_chains() {
     done
 }
 
-# rules_probe ARGUMENT...: the program that applies command documents and compares both ways.
+# rules_probe ARGUMENT...: the program that applies command documents and compares both apply modes.
 rules_probe() {
     "$build/tests/kernel/rules_probe" "$@"
 }
@@ -210,8 +210,8 @@ readonly kPauseAt=/tmp/pause_at  # a pattern: the next command like it waits
 readonly kPaused=/tmp/paused     # read to wait until it does
 readonly kResume=/tmp/resume     # written to let it go on
 
-# Puts a wrapper in the place of iptables and ip6tables that keeps what changes the filter, and waits
-# when told.
+# Replaces iptables and ip6tables with a wrapper that records the commands that change the filter,
+# and pauses on request.
 wrap_iptables() {
     local program=/usr/sbin/xtables-$variant-multi
     mkdir /tmp/wrapped

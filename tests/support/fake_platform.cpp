@@ -222,7 +222,7 @@ int TLIBCSzListPush(PTLIBCSZLIST* list, const char* text) {
     if ((*list)->nItem == FakePlatform::current().listPushFailsAt) {
         return -1;
     }
-    // Moves at every push, so that a caller that keeps the old pointer is found out.
+    // Reallocates at every push, to expose a caller that keeps the old pointer.
     auto* moved = static_cast<PTLIBCSZLIST>(calloc(1, sizeof(TLIBCSZLIST)));
     *moved = **list;
     free(*list);

@@ -1,5 +1,5 @@
-/// A platform for unit tests: answers every function of platform/*.h from plain members that a test
-/// sets, and records what was asked, in order. Lines for the system log are captured as well.
+/// A platform for unit tests: implements every function of platform/*.h with results from members
+/// that a test sets, and records the calls, in order. Also captures lines for the system log.
 #pragma once
 
 #include <functional>
@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-/// One captured line of the system log, taken apart: "fwDB:12 The profile home already exist".
+/// One captured line of the system log, in parts: "fwDB:12 The profile home already exist".
 struct LoggedLine {
     int priority = 0;
     std::string source;  ///< "fwDB"
@@ -25,8 +25,8 @@ struct FakeService {
     std::vector<std::string> srcPorts;
 };
 
-/// Exactly one lives at a time; the platform functions answer from it. Real files are used where
-/// the functions deal with files and directories, except that key/value files are kept in memory.
+/// Exactly one exists at a time, and the platform functions use it. Files and directories are real,
+/// except that key/value files are kept in memory.
 class FakePlatform {
 public:
     FakePlatform();
@@ -35,7 +35,7 @@ public:
     FakePlatform& operator=(const FakePlatform&) = delete;
     static FakePlatform& current();
 
-    // ---- Everything that was asked, in order ----
+    // ---- All calls, in order ----
 
     /// One text for each call that changes something or runs something:
     ///   "exec /sbin/iptables -F X"   "popen PATH ARG..."          "pclose"
@@ -48,27 +48,27 @@ public:
     ///   "error set 0x0D00"
     std::vector<std::string> journal;
 
-    /// The journal's texts that begin with `prefix`, without it.
+    /// The journal's texts that begin with `prefix`, without the prefix.
     std::vector<std::string> journalOf(const std::string& prefix) const;
 
     // ---- Programs ----
 
-    /// Argument vectors of TLIBCExecv, in order, refused ones included.
+    /// Argument vectors of TLIBCExecv, in order, including failed ones.
     std::vector<std::vector<std::string>> executed() const { return executed_; }
 
     /// The same as lines, the arguments joined by blanks.
     std::vector<std::string> executedLines() const;
 
-    /// From now on TLIBCExecv answers -1 for command lines that begin with `prefix`.
+    /// From now on TLIBCExecv returns -1 for command lines that begin with `prefix`.
     void failExec(const std::string& prefix) { failingExec_.push_back(prefix); }
 
-    /// Called with each command line before it is answered; may throw.
+    /// Called with each command line before it returns; may throw.
     std::function<void(const std::string&)> onExec;
 
     /// The policy that the executed lines left for a chain, in IPv4 ("v4") or IPv6 ("v6").
     std::string policyOf(const std::string& chain, const std::string& family = "v4") const;
 
-    int execResult = 0;  ///< the answer for lines that do not fail
+    int execResult = 0;  ///< the result for lines that do not fail
 
     /// Output of TLIBCPopen by the last argument (the interface); the argument itself when not set.
     std::map<std::string, std::string> popenOutput;
@@ -114,7 +114,7 @@ public:
 
     std::map<std::string, FakeService> services;
     int servicesResult = 1;  ///< below 1: the answer of TARNFwServiceEnum
-    int openCatalogues = 0;  ///< handed out and not yet freed
+    int openCatalogues = 0;  ///< returned and not yet freed
 
     // ---- Kernel modules, hooks ----
 

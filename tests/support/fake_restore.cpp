@@ -19,7 +19,7 @@ const std::string kDirectory = "/tmp/fake_restore/";
 
 FakeRestore* g_current = nullptr;
 
-// Reads line by line and never ahead, as far as anybody outside can tell.
+// Reads line by line, apparently without reading ahead.
 constexpr char kScript[] = R"sh(#!/bin/sh
 cd /tmp/fake_restore || exit 99
 tool=${0##*/}

@@ -1,12 +1,12 @@
-/// Stand-ins for iptables-save, iptables-restore and their IPv6 companions, so that what
-/// the library gives them and what it makes of their answers can be tested without a kernel.
+/// Fakes of iptables-save, iptables-restore and their IPv6 counterparts, to test what the library
+/// passes to them and how it handles their output without a kernel.
 #pragma once
 
 #include <string>
 #include <vector>
 
-/// While one lives, programs of iptables that the library starts are scripts which keep what they
-/// get. Exactly one lives at a time.
+/// While one exists, the iptables programs that the library starts are scripts that record their
+/// input. Exactly one exists at a time.
 class FakeRestore {
 public:
     FakeRestore();
@@ -14,22 +14,22 @@ public:
     FakeRestore(const FakeRestore&) = delete;
     FakeRestore& operator=(const FakeRestore&) = delete;
 
-    /// What one run of iptables-restore got.
+    /// One run of iptables-restore.
     struct Run {
         std::string name;       ///< "v4 commit", "v6 test", "v4 put back"
         std::string arguments;  ///< "--noflush --wait 30 ..."
-        std::string text;       ///< its input without lines of comment
-        bool whole = false;     ///< whether it came to the end of its input
+        std::string text;       ///< its input without comment lines
+        bool whole = false;     ///< whether it reached the end of its input
 
         bool operator==(const Run& other) const {
             return name == other.name && text == other.text && whole == other.whole;
         }
     };
 
-    /// The runs that have ended: commits, tests, runs that put back. In the order of their ends.
+    /// The runs that have ended (commits, tests, restores), in the order in which they ended.
     std::vector<Run> runs() const;
 
-    /// The names of those that came to the end of their input and so changed something, in order.
+    /// The names of those that reached the end of their input and so changed something, in order.
     std::vector<std::string> committed() const;
 
     /// Every program that was started, with its arguments, sorted.
@@ -43,9 +43,9 @@ public:
     void refuse(const std::string& run, const std::string& line, const std::string& errors,
                 int status = 1);
 
-    /// The same by SIGKILL: nobody outside can tell whether a COMMIT was done.
+    /// The same with SIGKILL: the caller cannot know whether a COMMIT was done.
     void kill(const std::string& run, const std::string& line);
 
-    /// From now on a program of that path cannot be started.
+    /// From now on the program with that path cannot be started.
     void remove(const std::string& path);
 };

@@ -58,7 +58,7 @@ LibraryTest::LibraryTest() {
         }
     }
     fs::remove_all(kLockDir);
-    // Not whole trees: the checkout may lie below /tmp.
+    // Not whole trees: the checkout may be below /tmp.
     for (const auto& entry : fs::directory_iterator("/tmp")) {
         std::error_code notEmpty;
         fs::remove(entry.path(), notEmpty);

@@ -1,4 +1,4 @@
-/// The fixture of the library's unit tests: a fresh fake platform and empty fixed directories.
+/// The fixture of the library's unit tests: a new fake platform and empty fixed directories.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -26,11 +26,11 @@ std::string readFile(const std::string& path);  ///< whole; empty when it cannot
 void writeFile(const std::string& path, const std::string& content);  ///< makes directories
 std::vector<std::string> filesIn(const std::string& directory);       ///< names, sorted
 
-Json::Value parseJson(const std::string& text);   ///< fails the test when `text` is no JSON
+Json::Value parseJson(const std::string& text);   ///< fails the test for invalid JSON
 Json::Value storedJson(const std::string& path);  ///< the document in a file
 
 /// Starts every test with an empty profile directory, lock directory and GeoIP directory, without a
-/// settings file, and with a fresh FakePlatform.
+/// settings file, and with a new FakePlatform.
 class LibraryTest : public ::testing::Test {
 protected:
     LibraryTest();
@@ -51,8 +51,8 @@ protected:
         return platform_.hasLogged(LOG_ERR, source, text);
     }
 
-    /// What was logged, in order: "fwDB: The profile home already exist". What is not at LOG_ERR or
-    /// has no line number says so in brackets.
+    /// What was logged, in order: "fwDB: The profile home already exist". Brackets mark what
+    /// is not at LOG_ERR or has no line number.
     std::vector<std::string> errors() const;
 
     FakePlatform platform_;

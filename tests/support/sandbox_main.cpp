@@ -1,9 +1,9 @@
 /// The tests' main: they write to fixed system paths, so they run in script/sandbox or not at all.
 ///
-/// A program has one sandbox and runs each of its cases in a process of its own, which has mounts,
-/// a network and System V objects of its own. After a case the files are as they were before it,
-/// and whatever it left running is killed. So no case sees another's, and all fit in one sandbox.
-/// A case chosen alone runs in this very process, where a debugger finds it.
+/// A program has one sandbox and runs each of its cases in a separate process with its own mounts,
+/// network and System V objects. After a case all files are restored, and processes that it left
+/// running are killed. So cases do not affect each other although they share a sandbox.
+/// A single selected case runs in this process, for debugging.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -64,7 +64,7 @@ Files currentFiles() {
             if (lstat(entry->path().c_str(), &info) != 0) {
                 die(entry->path().c_str());
             }
-            if (info.st_dev != device) {  // mounted there, and none of ours
+            if (info.st_dev != device) {  // a different file system
                 entry.disable_recursion_pending();
                 continue;
             }
@@ -74,7 +74,7 @@ Files currentFiles() {
     return files;
 }
 
-/// Removes what `before` has not, and makes directories and modes as they were.
+/// Removes what is not in `before`, and restores directories and modes.
 void restoreFiles(const Files& before) {
     for (const auto& [path, mode] : currentFiles()) {
         if (before.count(path) == 0) {
@@ -83,7 +83,7 @@ void restoreFiles(const Files& before) {
     }
     for (const auto& [path, mode] : before) {
         if (S_ISDIR(mode)) {
-            (void)mkdir(path.c_str(), mode);  // fails where it still is
+            (void)mkdir(path.c_str(), mode);  // fails if it still exists
         }
         if (!S_ISLNK(mode) && chmod(path.c_str(), mode & 07777) != 0) {
             die(path.c_str());
@@ -91,7 +91,7 @@ void restoreFiles(const Files& before) {
     }
 }
 
-/// Kills what a case left running; this process inherits it.
+/// Kills processes that a case left running; this process is their parent by then.
 void endLeftovers() {
     while (waitpid(-1, nullptr, WNOHANG) != -1) {
         std::ifstream children("/proc/self/task/" + std::to_string(getpid()) + "/children");

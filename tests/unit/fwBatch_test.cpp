@@ -1,5 +1,5 @@
-// Command documents in one transaction: their text for iptables-restore, and the order in which the
-// tools get it, say no, and get back what was there.
+// Apply mode "batch": the input of iptables-restore, the order of the runs, and what is restored
+// when a tool fails.
 
 #include <algorithm>
 #include <csignal>

@@ -1,5 +1,5 @@
-// The whole configuration as one document: what an export holds, what an import replaces, and what
-// each failure leaves behind.
+// The whole configuration as one document: what an export contains, what an import replaces, and
+// what each failure leaves.
 
 #include <dlfcn.h>
 #include <glob.h>

@@ -1,5 +1,5 @@
-// The hooks around enabling and disabling: what the plug-in service is asked, and what a failure of
-// each of its calls means.
+// The hooks around enabling and disabling: the platform calls, and the result when one of them
+// fails.
 
 #include <syslog.h>
 

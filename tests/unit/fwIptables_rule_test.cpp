@@ -1,4 +1,4 @@
-// One rule's way to its lines: the fragments of each option, and their multiplication.
+// From a rule to its lines: the fragments of each option, and their combinations.
 
 #include <syslog.h>
 

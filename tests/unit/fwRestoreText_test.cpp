@@ -1,5 +1,5 @@
-// What the restore tools say, and the lines that put back or mend. The text of a command document
-// is fwBatch_test's business.
+// Parsing the output of the restore tools, and the lines that restore and repair. fwBatch_test
+// tests the text of a command document.
 
 #include "fwRestoreText.h"
 

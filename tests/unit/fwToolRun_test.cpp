@@ -1,5 +1,5 @@
-// Running a program with text on its standard input: what it gets, what it leaves, and that neither
-// the caller's signals nor its descriptors get in the way.
+// Running a program with text on its standard input: its input, its result, and that neither the
+// caller's signals nor its descriptors interfere.
 
 #include "fwToolRun.h"
 

@@ -1,5 +1,4 @@
-// The settings' choice between the two ways of putting rules into the kernel, and what a reload and
-// a trial do, and leave, in one transaction.
+// The apply mode in the settings, and what a reload and a trial do and leave in apply mode "batch".
 
 #include <algorithm>
 #include <filesystem>

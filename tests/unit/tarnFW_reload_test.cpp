@@ -1,5 +1,5 @@
 // Enabling, disabling and reloading: every step in order, what each failure leaves, and that
-// no exception leaves the machine shut.
+// no exception leaves the machine closed.
 
 #include <syslog.h>
 

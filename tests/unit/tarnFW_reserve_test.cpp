@@ -1,5 +1,5 @@
-// Services in all profiles: reserving one, removing one, moving an adapter's rules, and bringing
-// the rules that name services up to date with the catalogue.
+// Services in all profiles: reserving one, removing one, moving an adapter's rules, and updating
+// the rules that name services from the catalogue.
 
 #include <dlfcn.h>
 #include <stdio.h>

@@ -1,4 +1,4 @@
-// Test profiles: making, adopting and removing one, and its trial in the kernel, step by step.
+// Test profiles: creating, adopting and removing one, and its trial in the kernel, step by step.
 
 #include <dlfcn.h>
 #include <glob.h>

@@ -1,5 +1,5 @@
-// The functions for programs that do not use the classes: what each makes of its arguments and of
-// the classes' results. Those about kernel modules are tested with the module loader.
+// The functions for programs that do not use the classes: their arguments and results. Those
+// about kernel modules are tested with the module loader.
 
 #include "tarnfirewall/tarnfirewall_c.h"
 

@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# A tool that is killed when it has just committed: nobody can tell, so both families get their former
-# rules back, with the counters, however many there are.
+# A tool is killed just after its commit. The library cannot know that, so it restores the previous
+# rules of both families, with the counters, however many there are.
 
 # everything: all of the packet filter with the counters of its rules.
 everything() {

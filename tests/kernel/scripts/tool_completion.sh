@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# Tab after "tarnfw": the candidates that the tool prints, and what bash, zsh and fish make of
-# them on a terminal, with names that a shell has to quote.
+# Tab after "tarnfw": the candidates that the tool prints, and how bash, zsh and fish use
+# them on a terminal, with names that a shell must quote.
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 
 # shellcheck source=tests/kernel/answers.sh

@@ -1,4 +1,4 @@
-// Where a text is no JSON document, and where it is one that only the library takes.
+// Findings for text that is not a JSON document, or that only the library accepts.
 #include "tarnfwadmin/documentFile.h"
 
 #include <cstdio>

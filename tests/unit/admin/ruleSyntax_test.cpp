@@ -1,4 +1,4 @@
-// Rules from the words of a person: every form, the family that follows, and what is refused.
+// Rules from the words of a person: every form, the resulting family, and invalid words.
 #include "tarnfwadmin/ruleSyntax.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// Rules in plain words: every code of every field, and codes that are none.
+// Rules in plain words: every code of every field, and unknown codes.
 #include "tarnfwadmin/ruleText.h"
 
 #include <cstdint>

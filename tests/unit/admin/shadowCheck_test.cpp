@@ -1,4 +1,5 @@
-// Which rules never take effect because an earlier one shadows them, and which only look so.
+// Rules that never take effect because an earlier one shadows them, and rules that only look like
+// it.
 #include "check/shadowCheck.h"
 
 #include <ostream>

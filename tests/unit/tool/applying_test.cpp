@@ -1,4 +1,4 @@
-// What comes back of work in a process of its own: its result, its messages, its end.
+// Work in a separate process: its result, its messages, its end.
 #include "commands/applying.h"
 
 #include <signal.h>

@@ -1,4 +1,4 @@
-// The help texts: that they fit a terminal, and name only commands that there are.
+// The help texts fit a terminal and name only existing commands.
 #include "cli/helpTopics.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// The declarations of a command line, and what becomes of words that are parsed by them.
+// Command-line declarations, and the parsing of words by them.
 #include "cli/parser.h"
 
 #include <algorithm>

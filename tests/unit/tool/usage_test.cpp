@@ -1,4 +1,4 @@
-// What the tool says of a command line that it refuses.
+// The tool's messages for an invalid command line.
 #include "cli/usage.h"
 
 #include <string>
