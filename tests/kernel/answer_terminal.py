@@ -2,7 +2,7 @@
 
     answer_terminal.py QUESTION ANSWER TARNFW ARGUMENT...
 
-The question is the end of what stands there before the answer is typed; an answer "EOF" is the end of
+The question is the end of the output before the answer is typed; an answer "EOF" is the end of
 the input. Prints what the tool says after it, and ends as the tool does; with 99, which the tool never
 does, when that does not ask the question or does not end.
 """

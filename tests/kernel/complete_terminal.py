@@ -3,7 +3,7 @@
     complete_terminal.py bash|zsh SCRIPT
 
 Reads lines from standard input, types each at the prompt of a shell that completes by SCRIPT, presses
-Tab, and prints the line that then stands there. Behind "* " bash is asked for all completions at once.
+Tab, and prints the resulting line. After "* " bash is asked for all completions at once.
 """
 
 import os

@@ -37,7 +37,7 @@ public:
             try {
                 result = code(*this);
             } catch (...) {
-                // The exit code tells.
+                // The exit code shows it.
             }
             _exit(result);
         }
@@ -141,7 +141,7 @@ public:
     }
 };
 
-/// The lock that another process holds on `path`, as F_GETLK tells it; F_UNLCK: none.
+/// The lock that another process holds on `path`, as F_GETLK returns it; F_UNLCK: none.
 inline struct flock lockHeldByOthers(const std::string& path) {
     const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
     struct flock lock = wholeFileLock();

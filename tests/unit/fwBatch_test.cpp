@@ -165,7 +165,7 @@ TEST_P(RestoreFaultTest, NoTextAndOneLineThatNamesIt) {
     EXPECT_EQ(restoreText(cmds), "");
     EXPECT_THAT(errors(), ElementsAre("fwBatch: Adapter eth0: no line for iptables-restore: \"" +
                                       GetParam().logged + "\""));
-    EXPECT_EQ(restoreText(cmds, "v6"), filterText(""));  // the other family is in order
+    EXPECT_EQ(restoreText(cmds, "v6"), filterText(""));  // the other family is valid
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, RestoreFaultTest, ValuesIn(kFaultCases),
@@ -231,7 +231,7 @@ protected:
     Json::Value cmds_;
 };
 
-// A run of the stand-in for iptables-restore.
+// A run of the fake iptables-restore.
 FakeRestore::Run run(const std::string& name, const std::string& text, bool whole = true) {
     FakeRestore::Run made;
     made.name = name;
@@ -425,7 +425,7 @@ TEST_F(ApplyTest, EarlyEndWithSuccessIsARefusal) {
                                       "before the end of its input"));
 }
 
-// The tool names no line: in a test run, what it prints tells how far it came.
+// The tool names no line: in a test run, its output shows how far it came.
 TEST_F(ApplyTest, EarlyEndIsTracedToItsLine) {
     const std::string line = "-A INPUT_FIREWALL -i eth0 -j DROP";
     tools_.refuse("v6 commit", line, "", 0);
@@ -558,7 +558,7 @@ TEST_F(ApplyTest, InterruptedReloadIsMendedInTheSameTransaction) {
 
 constexpr char kOpened[] = "-P INPUT ACCEPT\n-P FORWARD ACCEPT\n";
 
-// A reload that is killed between the policies of IPv6 and the rule behind them leaves none there.
+// A reload that is killed between the policies of IPv6 and the rule after them leaves none there.
 TEST_F(ApplyTest, SignOfIpv4OpensIpv6AsWell) {
     tools_.setSaved("v4", savedWith(1));
     EXPECT_TRUE(apply());

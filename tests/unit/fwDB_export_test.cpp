@@ -302,7 +302,7 @@ TEST_F(ExportTest, SettingsWithoutAProfileMakeTheNamelessOneTheActiveOne) {
                                        "] for profile [] which is the current one."));
 }
 
-// It is in no index, so nobody can tell whose it was.
+// It is in no index, so nobody can know whose it was.
 TEST_F(ExportTest, FileThatTheScanCannotLoadIsLeftOutWithTheScansMessage) {
     for (const std::string stem : {"17", "1700000042"}) {
         SCOPED_TRACE(stem);
@@ -437,7 +437,8 @@ TEST_F(ImportTest, OldProfilesAreDeletedBeforeNewOnesAreWritten) {
     EXPECT_EQ(storedJson(fileOf("0")), parseJson(R"({"name": "away", "new": true})"));
 }
 
-// Only a profile written over the settings file tells, since the settings are then merged into it.
+// Only a profile written over the settings file shows it, since the settings are then merged into
+// it.
 TEST_F(ImportTest, SettingsAreWrittenAfterTheProfiles) {
     EXPECT_TRUE(store_.importConfig(parseJson(R"({
         "config_profiles": {"firewall_settings.json": {"status": true, "own": 1}},

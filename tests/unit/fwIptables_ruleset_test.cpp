@@ -132,7 +132,7 @@ TEST_F(RulesetTest, TranslationKeepsWhatTheDocumentHolds) {
 struct LocalIpCase {
     std::string name;
     std::string localIp;
-    std::string established4;  // behind "-A CHAIN "
+    std::string established4;  // after "-A CHAIN "
     std::string established6;
 };
 
@@ -612,7 +612,7 @@ class RouterTest : public RulesetTest, public ::testing::WithParamInterface<Rout
 protected:
     RouterTest() { platform_.popenOutput["eth0"] = GetParam().output; }
 
-    // The lines that the router interface gets for `rest` behind the interface match.
+    // The lines that the router interface gets for `rest` after the interface match.
     Texts routerLines(const std::string& rest) const {
         return {"-t filter -A INPUT_FIREWALL -i " + GetParam().router + rest};
     }

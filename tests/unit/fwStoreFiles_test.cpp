@@ -90,7 +90,7 @@ TEST_F(StoreFilesTest, ReadsAgainWhatWasWrittenOver) {
     EXPECT_EQ(nameIn(), "more");
 }
 
-// Names of one length written in one moment: neither the size nor, perhaps, the time tells.
+// Names of one length written in one moment: neither the size nor, perhaps, the time differs.
 TEST_F(StoreFilesTest, ReadsAgainWhatWasJustWritten) {
     for (int i = 0; i < 1000; ++i) {
         const std::string name = std::to_string(1000 + i);

@@ -20,7 +20,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-// ---- What the compiler can tell ----
+// ---- Checked by the compiler ----
 
 template <typename Field, typename Wanted>
 constexpr bool is = std::is_same_v<std::remove_reference_t<Field>, Wanted>;

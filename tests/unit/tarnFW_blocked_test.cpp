@@ -938,7 +938,7 @@ INSTANTIATE_TEST_SUITE_P(, VerdictTest, ValuesIn(kVerdicts),
 // ---- The whole space ----
 
 // A profile file can hold any number as a policy, so every verdict can be one that a walk starts
-// from. 6 stands for all above 5; of rules, 7 and -1 for all that are no policy.
+// from. 6 is any value above 5; for rules, 7 and -1 are any value that is not a policy.
 const int kCurrentVerdicts[] = {0, 1, 2, 3, 4, 5, 6};
 const int kRulePolicies[] = {0, 1, 2, 3, 4, 5, 7, -1};
 
@@ -1062,7 +1062,7 @@ TEST_F(WholeSpaceTest, EveryPairOfRulesOnAGivenAdapter) {
     }
 }
 
-// The global list starts undecided, and the adapter behind it from every verdict.
+// The global list starts undecided, and the adapter after it from every verdict.
 TEST_F(WholeSpaceTest, EveryPairOfGlobalRules) {
     Model model = oneAdapterEach({{kAllowSomebody}});
     std::vector<FWRULE> rules = rulesOf({0, 1, 2});

@@ -44,7 +44,7 @@ Lines firstOf(const Lines& lines, std::size_t count) {
     return {lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(count)};
 }
 
-// Every text behind `prefix`.
+// The rest of every text that begins with `prefix`.
 Lines behind(const std::string& prefix, const Lines& texts) {
     Lines made;
     for (const std::string& text : texts) {
@@ -63,7 +63,7 @@ const std::string kRecordLock = kLockDir + "iptables_serv_mod_list.lock";
 const Lines kTakeExecLock = {"lock " + kExecLock + " 1 30"};
 const Lines kReleaseExecLock = {"unlock 1000"};
 
-// What policies() tells of an open machine, and of one whose policies nobody touched.
+// The result of policies() for an open machine, and for one with unchanged policies.
 const Lines kOpen = {"ACCEPT", "ACCEPT", "ACCEPT", "ACCEPT"};
 const Lines kUntouched = {"", "", "", ""};
 
@@ -1349,7 +1349,7 @@ INSTANTIATE_TEST_SUITE_P(Off, FwDisableExceptionTest, ValuesIn(kOff),
 
 // ---- Exceptions that nobody catches ----
 
-// Says what a dying process leaves behind.
+// Prints what a dying process leaves.
 [[noreturn]] void reportAndAbort() {
     const FakePlatform& platform = FakePlatform::current();
     std::fprintf(stderr, "left: v4 %s %s, v6 %s %s, ", platform.policyOf("INPUT", "v4").c_str(),

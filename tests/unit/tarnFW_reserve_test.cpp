@@ -70,7 +70,7 @@ Lines operator+(Lines first, const Lines& second) {
     return first;
 }
 
-// A rule with what these operations look at. The name tells it from others; all the rest has
+// A rule with the fields that these operations read. The name identifies it; all the rest has
 // values that a rule made by the library has not.
 FWRULE rule(const std::string& name, int portGroup, int ipGroup, FW_POLICY policy, bool enable,
             const std::vector<std::string>& portList) {

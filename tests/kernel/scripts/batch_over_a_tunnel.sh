@@ -38,5 +38,5 @@ step 'the rules are the same' same_listing batch
 answers 0 apply-mode lines
 answers 0 reload
 answers 0 diff
-step 'diff tells of the refused line' grep --quiet 'this kernel refuses' "$out/complaint"
+step 'diff reports the refused line' grep --quiet 'this kernel refuses' "$out/complaint"
 step 'the rules are the same' same_listing batch

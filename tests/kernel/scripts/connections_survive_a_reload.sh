@@ -23,7 +23,7 @@ for address in 192.168.1.10 2001:db8:1::10; do
         "$build/tests/kernel/packet_probe" talk "$address" 443; }
     talker=$talk_PID
     read -r -t 30 greeting <&"${talk[0]}"
-    step "$address: the connection stands" [ "$greeting" = connected ]
+    step "$address: the connection is open" [ "$greeting" = connected ]
     step 'it carries data' say before
 
     # The closed moment: the policies drop, the chains are empty.

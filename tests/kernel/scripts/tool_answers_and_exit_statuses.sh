@@ -153,7 +153,7 @@ complains '^tarnfw: IPv4 is set up, but a firewall chain comes before FIREWALL_R
 step 'nothing was changed' same_listing reversed
 iptables -D FORWARD -j FIREWALL_RELOADING
 iptables -I FORWARD -j FIREWALL_RELOADING
-step 'it is in order again' same_listing enabled
+step 'it is complete again' same_listing enabled
 
 # --- profiles --------------------------------------------------------------------------------------
 

@@ -29,7 +29,7 @@ name_is() {
 }
 
 no_text_left() {
-    step 'no text is left behind' [ -z "$(compgen -G '/tmp/tarnfw.*')" ]
+    step 'no text is left' [ -z "$(compgen -G '/tmp/tarnfw.*')" ]
 }
 
 # text_kept PATTERN: the one text that was kept is named in the complaint, nobody else can read it,
@@ -239,7 +239,7 @@ text_kept '^rubbish$'
 on_terminal end_of_file 3
 text_kept '^rubbish$'
 on_terminal interrupted_question 'sig 2'
-step 'the text is kept all the same' grep --quiet '^rubbish$' /tmp/tarnfw.*/profile.json
+step 'the text is kept anyway' grep --quiet '^rubbish$' /tmp/tarnfw.*/profile.json
 rm -r -- /tmp/tarnfw.*
 
 # Ctrl-C is the editor's. One that dies of it ends the command, and nothing is changed.

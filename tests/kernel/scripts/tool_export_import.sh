@@ -62,7 +62,7 @@ step 'now it is not' cmp printed mine
 answers 1 export nowhere/all.json
 complains '^tarnfw: cannot write nowhere/all.json: No such file or directory$'
 answers 1 export --force "$kProfileDirectory"
-step 'nothing is left behind' [ -z "$(find /tmp /usr/tarn/etc -name '*.json.*' -o -name 'firewall.d.?*')" ]
+step 'nothing is left' [ -z "$(find /tmp /usr/tarn/etc -name '*.json.*' -o -name 'firewall.d.?*')" ]
 step 'the store is untouched' same_store first
 # Without settings there are none made.
 mv "$kSettings" settings

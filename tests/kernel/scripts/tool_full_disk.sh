@@ -19,7 +19,7 @@ refused_whole() {
     answers 1 "$@"
     complains "$pattern"
     step 'the files are as they were' same_files whole
-    step 'and nothing is left behind' [ "$(cd -- "$kProfileDirectory" && find . -mindepth 1 \
+    step 'and nothing is left' [ "$(cd -- "$kProfileDirectory" && find . -mindepth 1 \
         ! -name '*.json' ! -name filler)" = "" ]
 }
 

@@ -1,7 +1,7 @@
 """Interrupts the tool in the middle of its work, where the wrapper of iptables waits:
 tool_interrupted.py SCENARIO TARNFW ARGUMENT...
 
-The work must go on to its end all the same. What is in the kernel then is for the caller to see.
+The work must still go on to its end. The caller checks what is in the kernel then.
 """
 
 import os

@@ -79,7 +79,7 @@ says '^eth0  *'
 says 'absent$'
 silent
 
-# --- enabled, and yet not in order -----------------------------------------------------------------
+# --- enabled, but incomplete -----------------------------------------------------------------------
 
 # status_keys: the members that report a broken state, in one line.
 status_keys() {

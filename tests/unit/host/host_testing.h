@@ -30,7 +30,7 @@ inline void writeFile(const std::string& path, const std::string& content, mode_
     ASSERT_EQ(chmod(path.c_str(), mode), 0) << path;
 }
 
-/// Type and permissions of what stands at `path`, links not followed; 0 when there is nothing.
+/// Type and permissions of what is at `path`, without following links; 0 when there is nothing.
 inline mode_t modeOf(const std::string& path) {
     struct stat info;
     return lstat(path.c_str(), &info) == 0 ? info.st_mode : 0;

@@ -39,7 +39,7 @@ using ::testing::Not;
 
 constexpr char kModelFile[] = "/etc.defaults/tarninfo.conf";
 
-// glibc's header of this function cannot stand beside the kernel's.
+// glibc's header of this function conflicts with the kernel's.
 extern "C" unsigned if_nametoindex(const char* name);
 
 void run(const std::string& command) {
@@ -327,7 +327,7 @@ TEST_F(InterfaceInfoTest, ReportsAFailedQueryInTheErrorStateAndTheLog) {
     EXPECT_THAT(logged(LOG_ERR), ElementsAre(HasSubstr("Cannot list the network links")));
 }
 
-// ---- The PPPoE link, decided over what a kernel and its processes would tell --------------------
+// ---- The PPPoE link, decided from data as of a kernel and its processes -------------------------
 
 constexpr char kHeadings[] = "Id       Address              Device\n";
 constexpr char kSession[] = "000002A1       00:53:00:AA:BB:CC     eth1\n";
