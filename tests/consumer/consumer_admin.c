@@ -61,7 +61,7 @@ static void without_base(void) {
     EXPECT(check_rule(""), TARNFWADMIN_INVALID, "");
     EXPECT(check_rule(NULL), TARNFWADMIN_INVALID, "no rule is given");
     EXPECT(decide("10.0.0.5", "tcp/22", "eth0"), 1, "the firewall is disabled");
-    EXPECT(enable(), TARNFWADMIN_SYSTEM, "the base packet filter is not set up");
+    EXPECT(enable(), TARNFWADMIN_SYSTEM, "the base filter is not set up");
     EXPECT(reload(), TARNFWADMIN_OK, "the firewall is disabled");
 }
 
