@@ -185,7 +185,9 @@ std::size_t ToolRun::outputBufferBytes() {
     struct stat info {};
     const Descriptor file(memfd_create("output", MFD_CLOEXEC));
     // As the C library chooses it; start() reports a failure.
-    return fstat(file.get(), &info) == 0 ? std::max<std::size_t>(BUFSIZ, info.st_blksize) : BUFSIZ;
+    return fstat(file.get(), &info) == 0
+               ? std::max<std::size_t>(BUFSIZ, static_cast<std::size_t>(info.st_blksize))
+               : BUFSIZ;
 }
 
 void ToolRun::endInput() {
