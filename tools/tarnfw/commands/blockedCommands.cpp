@@ -220,7 +220,6 @@ std::string stepText(const FW::FWPROFILE& profile, const FW::FWVERDICTSTEP& step
         case FW::FW_VERDICT_STEP_DEFAULT:
             return "default policy: " + policyText(step.policy);
         case FW::FW_VERDICT_STEP_NO_DEFAULT:
-            return "no default policy";
         case FW::FW_VERDICT_STEP_GLOBAL:
             return "no default policy";
         case FW::FW_VERDICT_STEP_RULE:

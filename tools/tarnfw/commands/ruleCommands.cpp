@@ -131,6 +131,7 @@ Outcome changedAt(const Rules& rules, std::size_t position, const Target& target
 Texts warningsOf(const FW::FWPROFILE& profile, const std::string& adapter,
                  const std::vector<std::size_t>& positions) {
     std::vector<RulePlace> places;
+    places.reserve(positions.size());
     for (const std::size_t position : positions) {
         places.push_back({adapter, position});
     }

@@ -108,6 +108,7 @@ bool isNothingInForce(const std::string& active, const std::vector<FilterState>&
 
 std::vector<FilterState> filterStates(const std::vector<BaseFilter>& kernel) {
     std::vector<FilterState> states;
+    states.reserve(kernel.size());
     for (const BaseFilter& filter : kernel) {
         states.push_back({filter.key(), filter.title(), filter.missing(), filter.inOrder(),
                           filter.loadedRules()});
