@@ -1,7 +1,5 @@
 #include "fwStoreFiles.h"
 
-#include <sys/stat.h>
-
 #include <utility>
 
 #include "tarnfirewall/utils.h"
@@ -9,47 +7,6 @@
 #include "fwJsonFile.h"
 
 namespace FW {
-namespace {
-
-// A time in whole seconds may come from a file system that keeps only seconds, or every second one.
-constexpr time_t kCoarseTickSeconds = 2;
-
-bool sameTime(const timespec& a, const timespec& b) {
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
-bool isBefore(const timespec& a, const timespec& b) {
-    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
-}
-
-/// Whether a write at `now` or later would set a time other than `changed`. Two writes in the same
-/// clock tick set the same time.
-bool isOver(timespec changed, const timespec& now) {
-    if (changed.tv_nsec == 0) {
-        changed.tv_sec += kCoarseTickSeconds;
-    }
-    return isBefore(changed, now);
-}
-
-}  // namespace
-
-FileState FileState::of(const std::string& path) {
-    FileState state;
-    struct stat status {};
-    // The clock that file systems use; read first, so that no write comes in between.
-    (void)clock_gettime(CLOCK_REALTIME_COARSE, &state.taken_);
-    state.exists_ = stat(path.c_str(), &status) == 0;
-    state.device_ = status.st_dev;
-    state.inode_ = status.st_ino;
-    state.size_ = status.st_size;
-    state.changed_ = status.st_ctim;
-    return state;
-}
-
-bool FileState::stillHolds(const FileState& later) const {
-    return exists_ && later.exists_ && device_ == later.device_ && inode_ == later.inode_ &&
-           size_ == later.size_ && sameTime(changed_, later.changed_) && isOver(changed_, taken_);
-}
 
 StoreFiles::Known* StoreFiles::find(const std::string& path) {
     const auto found = known_.find(path);

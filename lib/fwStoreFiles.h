@@ -1,34 +1,16 @@
 /// The files of the profile store, for one operation that scans them more than once.
 #pragma once
 
-#include <json/json.h>
-#include <sys/types.h>
-#include <time.h>
-
 #include <functional>
 #include <map>
 #include <string>
 #include <utility>
 
+#include <json/json.h>
+
+#include "tarnfirewall/fwFileState.h"
+
 namespace FW {
-
-/// The state of a file, to detect whether it has been written since.
-class FileState {
-public:
-    /// The state of the file at `path` now. That of a missing file equals no other.
-    static FileState of(const std::string& path);
-
-    /// Whether the file certainly has not changed between this state and the `later` one.
-    bool stillHolds(const FileState& later) const;
-
-private:
-    bool exists_ = false;
-    dev_t device_ = 0;
-    ino_t inode_ = 0;
-    off_t size_ = 0;
-    timespec changed_{};
-    timespec taken_{};  // when this state was read
-};
 
 /// Each operation searches for its profile again in every step, so it scans all files of the store
 /// several times. A scan checks the state of each file, and locks, reads and parses it again only

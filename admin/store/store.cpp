@@ -1,7 +1,6 @@
 #include "tarnfwadmin/store.h"
 
 #include <glob.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -29,9 +28,6 @@ constexpr char kBatch[] = "batch";
 // Of a new profile's name, which is printed in tables and messages.
 constexpr std::size_t kMostNameBytes = 100;
 
-// Some file systems store times in whole seconds, or in steps of two.
-constexpr time_t kCoarseTickSeconds = 2;
-
 /// The names for a message: "default, home".
 std::string listed(const std::vector<std::string>& names) {
     return printable(boost::join(names, ", "));
@@ -52,53 +48,19 @@ bool isTestProfile(const std::string& name) {
     return boost::starts_with(name, kTestPrefix);
 }
 
-bool isBefore(const timespec& a, const timespec& b) {
-    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
-}
-
-/// Whether a write at `now` or later leaves another time than `changed`. Two writes in one tick of
-/// the clock leave the same.
-bool isOver(timespec changed, const timespec& now) {
-    if (changed.tv_nsec == 0) {
-        changed.tv_sec += kCoarseTickSeconds;
-    }
-    return isBefore(changed, now);
-}
-
 }  // namespace
 
 // ---- Reading ------------------------------------------------------------------------------------
 
-StoreSnapshot::FileVersion StoreSnapshot::FileVersion::of(const std::string& path) {
-    FileVersion version;
-    struct stat status {};
-    // The clock that file systems use; first, so that no write comes in between.
-    (void)clock_gettime(CLOCK_REALTIME_COARSE, &version.looked);
-    if (stat(path.c_str(), &status) == 0) {
-        version.regular = S_ISREG(status.st_mode);
-        version.device = status.st_dev;
-        version.inode = status.st_ino;
-        version.size = status.st_size;
-        version.changed = status.st_ctim;
-    }
-    return version;
-}
-
-bool StoreSnapshot::FileVersion::isStill(const FileVersion& later) const {
-    return regular && later.regular && device == later.device && inode == later.inode &&
-           size == later.size && !isBefore(changed, later.changed) &&
-           !isBefore(later.changed, changed) && isOver(changed, looked);
-}
-
 void StoreSnapshot::refresh() {
     std::map<std::string, File> known = std::exchange(files_, {});
     for (const std::string& path : documentPaths()) {
-        const FileVersion version = FileVersion::of(path);
+        const FW::FileState state = FW::FileState::of(path);
         const auto found = known.find(path);
-        if (found != known.end() && found->second.version.isStill(version)) {
+        if (found != known.end() && found->second.state.stillHolds(state)) {
             files_[path] = std::move(found->second);
         } else {
-            files_[path].version = version;
+            files_[path].state = state;
         }
     }
     paths_.reset();
@@ -194,9 +156,9 @@ std::map<std::string, std::string> StoreSnapshot::texts() const {
     std::map<std::string, std::string> texts;
     for (const auto& [path, unread] : files_) {
         const File& file = fileAt(path);
-        if (file.version.regular && file.read) {
+        if (file.state.isRegular() && file.read) {
             texts[path] = file.text;
-        } else if (file.version.regular) {
+        } else if (file.state.isRegular()) {
             texts[path] = readText(path);  // throws the reason
         }
     }

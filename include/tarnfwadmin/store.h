@@ -1,9 +1,6 @@
 /// A snapshot of the profiles and settings in the store.
 #pragma once
 
-#include <sys/types.h>
-#include <time.h>
-
 #include <map>
 #include <optional>
 #include <string>
@@ -11,6 +8,7 @@
 
 #include <json/json.h>
 
+#include "tarnfirewall/fwFileState.h"
 #include "tarnfirewall/fwTypes.h"
 
 namespace tarnfw {
@@ -125,21 +123,8 @@ public:
     bool isWhole(const std::string& path) const;
 
 private:
-    /// Identifies the version of a file.
-    struct FileVersion {
-        bool regular = false;
-        dev_t device = 0;
-        ino_t inode = 0;
-        off_t size = 0;
-        timespec changed{};
-        timespec looked{};  ///< when that was seen
-
-        static FileVersion of(const std::string& path);
-        bool isStill(const FileVersion& later) const;
-    };
-
     struct File {
-        FileVersion version;
+        FW::FileState state;  ///< when the document was read
         bool loaded = false;  ///< the rest says what was found
         bool read = false;    ///< `text` is its content
         bool whole = false;   ///< `content` is its document
