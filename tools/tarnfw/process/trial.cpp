@@ -33,20 +33,20 @@ Json::Value report(const std::string& name, const char* state, const std::string
     return message;
 }
 
-/// How a trial goes on from here, and whom to tell besides the terminal that began it.
-struct Decision {
+/// What a trial comes to, and whom to inform besides the terminal that began it.
+struct TrialOutcome {
     bool adopt = false;
     std::string reason;  ///< why not
     Channel asker;
 };
 
 /// Waits for a confirmation, a cancellation or the time limit.
-class Vigil {
+class TrialWait {
 public:
-    Vigil(const Trial& trial, const Channel& terminal, const Channel& listener)
+    TrialWait(const Trial& trial, const Channel& terminal, const Channel& listener)
         : trial_(trial), terminal_(terminal), listener_(listener), signals_(terminationSignals()) {}
 
-    Decision wait() const {
+    TrialOutcome outcome() const {
         for (;;) {
             std::array<pollfd, 3> events = {pollfd{terminal_.fd(), POLLIN, 0},
                                             pollfd{listener_.fd(), POLLIN, 0},
@@ -60,14 +60,14 @@ public:
             if (events[2].revents != 0) {
                 return {false, "the watchdog was ended by a signal", {}};
             }
-            std::optional<Decision> decision;
+            std::optional<TrialOutcome> heard;
             if (events[0].revents != 0) {
-                decision = hearTerminal();
+                heard = hearTerminal();
             } else if (events[1].revents != 0) {
-                decision = hearOther();
+                heard = hearOther();
             }
-            if (decision) {
-                return std::move(*decision);
+            if (heard) {
+                return std::move(*heard);
             }
         }
     }
@@ -82,27 +82,27 @@ private:
 
     Clock::duration timeLeft() const { return begin_ + trial_.timeout - Clock::now(); }
 
-    std::optional<Decision> hearTerminal() const {
+    std::optional<TrialOutcome> hearTerminal() const {
         const std::optional<Json::Value> message = terminal_.receive();
         if (!message) {
-            return Decision{false, "the terminal was lost", {}};
+            return TrialOutcome{false, "the terminal was lost", {}};
         }
         return answer(*message, {});
     }
 
-    std::optional<Decision> hearOther() const {
+    std::optional<TrialOutcome> hearOther() const {
         Channel caller = acceptTerminal(listener_);
         const std::optional<Json::Value> message = caller.receive();
         return message ? answer(*message, std::move(caller)) : std::nullopt;
     }
 
-    std::optional<Decision> answer(const Json::Value& message, Channel asker) const {
+    std::optional<TrialOutcome> answer(const Json::Value& message, Channel asker) const {
         const std::string ask = message.get("ask", "").asString();
         if (ask == kAskConfirm) {
-            return Decision{true, "", std::move(asker)};
+            return TrialOutcome{true, "", std::move(asker)};
         }
         if (ask == kAskCancel) {
-            return Decision{false, "cancelled", std::move(asker)};
+            return TrialOutcome{false, "cancelled", std::move(asker)};
         }
         Json::Value state = report(trial_.name, kTrialGoesOn, "");
         state["secondsLeft"] =
@@ -179,9 +179,9 @@ Json::Value takeBackFailedTrial(const std::string& name) {
               : report(name, kTrialFailed, "its rules cannot be applied, and the firewall is off");
 }
 
-Json::Value conclude(const std::string& name, const Decision& decision) {
-    if (!decision.adopt) {
-        return goBack(name, decision.reason);
+Json::Value conclude(const std::string& name, const TrialOutcome& outcome) {
+    if (!outcome.adopt) {
+        return goBack(name, outcome.reason);
     }
     return succeeded([&] { return adopt(name); }) ? report(name, kTrialAdopted, "")
                                                   : goBack(name, "it cannot be adopted");
@@ -196,12 +196,12 @@ void watchTrial(const Trial& trial, const Channel& terminal, const Channel& list
         return;
     }
     terminal.send(report(trial.name, kTrialGoesOn, ""));
-    const Decision decision = Vigil(trial, terminal, listener).wait();
-    const Json::Value end = conclude(trial.name, decision);
+    const TrialOutcome outcome = TrialWait(trial, terminal, listener).outcome();
+    const Json::Value end = conclude(trial.name, outcome);
     stopListening();
     terminal.send(end);
-    if (decision.asker) {
-        decision.asker.send(end);
+    if (outcome.asker) {
+        outcome.asker.send(end);
     }
 }
 
