@@ -26,11 +26,10 @@ ProfileDocument::ProfileDocument(const std::string& text) {
     document_ = document;
 }
 
-void ProfileDocument::requireName(const std::string& name) {
+void ProfileDocument::requireName(const std::string& name, const std::string& advice) {
     if (valid() && document_["name"] != name) {
         findings_.push_back(
-            {"must stay " + inQuotes(name) + "; \"tarnfw profile rename\" changes it", true,
-             std::nullopt, "name"});
+            {"must stay " + inQuotes(name) + "; " + advice, true, std::nullopt, "name"});
     }
 }
 

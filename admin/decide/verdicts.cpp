@@ -68,7 +68,7 @@ std::string portQuestionFrom(const std::string& text, FW::PortCompareST& questio
             if (!portSpanFrom(port)) {
                 return inQuotes(port) + " is not a port (0-65535) or a range such as 6000-6010";
             }
-            question = {0, known.protocol, port};
+            question = {FW::FW_PORT_DIRECT_DESTINATION, known.protocol, port};
             return {};
         }
     }

@@ -130,8 +130,8 @@ Service Catalogue::require(const std::string& name) const {
         names.push_back(other.name);
     }
     const std::string meant = nearest(name, names);
-    throw Error(ErrorKind::kNotFound, "there is no service " + inQuotes(name) + didYouMean(meant) +
-                                          " (\"tarnfw services\" lists them)");
+    throw Error(ErrorKind::kNotFound, "there is no service " + inQuotes(name) + didYouMean(meant),
+                {}, Remedy::kListServices);
 }
 
 Catalogue requireCatalogue() {
@@ -145,10 +145,10 @@ Catalogue requireCatalogue() {
 std::vector<FW::PortCompareST> portsOf(const Service& service) {
     std::vector<FW::PortCompareST> ports;
     for (const std::string& port : service.source.ports) {
-        ports.push_back({1, service.source.protocol, port});
+        ports.push_back({FW::FW_PORT_DIRECT_SOURCE, service.source.protocol, port});
     }
     for (const std::string& port : service.destination.ports) {
-        ports.push_back({0, service.destination.protocol, port});
+        ports.push_back({FW::FW_PORT_DIRECT_DESTINATION, service.destination.protocol, port});
     }
     return ports;
 }

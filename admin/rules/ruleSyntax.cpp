@@ -34,8 +34,13 @@ const std::map<std::string, std::int32_t> kProtocols = {
     {"icmp", FW::FW_PORT_PROTOCOL_ICMP},       {"igmp", FW::FW_PORT_PROTOCOL_IGMP},
 };
 
-[[noreturn]] void wrong(const std::string& text) {
-    throw Error(ErrorKind::kInvalid, text);
+[[noreturn]] void wrong(const std::string& text, Remedy remedy = Remedy::kNone) {
+    throw Error(ErrorKind::kInvalid, text, {}, remedy);
+}
+
+/// "on eth0" among a rule's words is an attempt to give its adapter.
+Remedy remedyFor(const std::string& word) {
+    return word == "on" ? Remedy::kGiveAdapterApart : Remedy::kNone;
 }
 
 /// The entries of "a,b,c"; `what` is what an empty one should have been.
@@ -152,9 +157,6 @@ void takeServices(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& ru
 
 /// A suggestion for `word` in the place of a protocol.
 std::string whatWasMeant(const std::string& word, const RuleVocabulary& vocabulary) {
-    if (word == "on") {
-        return "--adapter";
-    }
     if (vocabulary.services.count(word) > 0) {
         return "service " + word;
     }
@@ -189,7 +191,8 @@ void takeWhat(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) 
     const auto protocol = kProtocols.find(word);
     if (protocol == kProtocols.end()) {
         wrong("unexpected " + inQuotes(typed) + ": expected " + kWhatWords +
-              didYouMean(whatWasMeant(word, vocabulary)));
+                  didYouMean(whatWasMeant(word, vocabulary)),
+              remedyFor(word));
     }
     rule.portGroup = FW::FW_PORT_GROUP_PORTS;
     rule.protocol = protocol->second;
@@ -204,7 +207,7 @@ void takeWhat(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) 
 std::int32_t familyOf(const Address& address, const std::string& word, const RuleOptions& options) {
     if (address.isIpv6() ? options.v4 : options.v6) {
         wrong(inQuotes(word) + " is an " + (address.isIpv6() ? "IPv6" : "IPv4") +
-              " address, which excludes " + (options.v4 ? "--v4" : "--v6"));
+              " address, but the rule is for " + (options.v4 ? "IPv4" : "IPv6") + " only");
     }
     return address.isIpv6() ? FW::FW_IP_TYPE_V6 : FW::FW_IP_TYPE_V4;
 }
@@ -311,7 +314,8 @@ void takeSide(Words& words, const RuleOptions& options, const RuleVocabulary& vo
     const std::string word = boost::to_lower_copy(typed);
     if (word != "from" && word != "to") {
         wrong("unexpected " + inQuotes(typed) + ": expected from or to" +
-              didYouMean(word == "on" ? "--adapter" : nearest(word, {"from", "to"})));
+                  didYouMean(nearest(word, {"from", "to"})),
+              remedyFor(word));
     }
     rule.ipDirect = word == "from" ? FW::FW_IP_DIRECT_SOURCE : FW::FW_IP_DIRECT_DESTINATION;
     takeAddress(words, options, vocabulary, rule);
@@ -345,7 +349,7 @@ FW::FWRULE ruleFrom(const std::vector<std::string>& words, const RuleOptions& op
     takeSide(remaining, options, vocabulary, rule);
     if (options.sourcePort &&
         (rule.portGroup != FW::FW_PORT_GROUP_PORTS || rule.portList.empty())) {
-        wrong("--source-port needs tcp or udp and ports, such as \"udp 123\"");
+        wrong("a source port needs tcp or udp and ports, such as \"udp 123\"");
     }
     rule.portDirect =
         options.sourcePort ? FW::FW_PORT_DIRECT_SOURCE : FW::FW_PORT_DIRECT_DESTINATION;

@@ -147,9 +147,7 @@ std::vector<std::string> StoreSnapshot::unreadable() const {
 
 std::string StoreSnapshot::unreadableText() const {
     const std::vector<std::string> paths = unreadable();
-    return paths.empty() ? ""
-                         : counted(paths.size(), "file") + " cannot be read: " + listed(paths) +
-                               " (\"tarnfw check FILE\" shows why)";
+    return paths.empty() ? "" : counted(paths.size(), "file") + " cannot be read: " + listed(paths);
 }
 
 std::map<std::string, std::string> StoreSnapshot::texts() const {
@@ -194,10 +192,12 @@ std::vector<std::string> StoreSnapshot::testProfileNames() const {
 std::vector<std::string> StoreSnapshot::requireProfiles() const {
     std::vector<std::string> names = profileNames();
     if (names.empty()) {
-        const std::string perhaps = unreadableText();
-        throw Error(ErrorKind::kNotFound,
-                    "there are no profiles; " +
-                        (perhaps.empty() ? "\"tarnfw base up\" writes a first one" : perhaps));
+        const std::string unread = unreadableText();
+        if (unread.empty()) {
+            throw Error(ErrorKind::kNotFound, "there are no profiles", {}, Remedy::kSetUpBase);
+        }
+        throw Error(ErrorKind::kNotFound, "there are no profiles; " + unread, {},
+                    Remedy::kCheckFiles);
     }
     return names;
 }
@@ -205,11 +205,12 @@ std::vector<std::string> StoreSnapshot::requireProfiles() const {
 void StoreSnapshot::requireProfile(const std::string& name) const {
     const std::vector<std::string> names = requireProfiles();
     if (std::find(names.begin(), names.end(), name) == names.end()) {
-        const std::string perhaps = unreadableText();
-        throw Error(ErrorKind::kNotFound, "there is no profile " + inQuotes(name) +
-                                              didYouMean(nearest(name, names)) +
-                                              " (profiles: " + listed(names) + ")" +
-                                              (perhaps.empty() ? "" : "; " + perhaps));
+        const std::string unread = unreadableText();
+        throw Error(ErrorKind::kNotFound,
+                    "there is no profile " + inQuotes(name) + didYouMean(nearest(name, names)) +
+                        " (profiles: " + listed(names) + ")" +
+                        (unread.empty() ? "" : "; " + unread),
+                    {}, unread.empty() ? Remedy::kNone : Remedy::kCheckFiles);
     }
 }
 

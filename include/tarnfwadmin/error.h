@@ -22,6 +22,16 @@ enum class ErrorKind {
     kNoRights,  ///< this process lacks the rights
 };
 
+/// What may help after an error. A program that shows the error puts it in its own words; what()
+/// does not contain it.
+enum class Remedy {
+    kNone,
+    kListServices,      ///< list the services that exist
+    kCheckFiles,        ///< check the files that cannot be read
+    kSetUpBase,         ///< set up the base, which writes a first profile
+    kGiveAdapterApart,  ///< give the adapter beside the rule's words, not as one of them
+};
+
 /// The place of the error, as far as known.
 struct ErrorPlace {
     std::string file;               ///< path of a document; empty: none
@@ -34,15 +44,18 @@ struct ErrorPlace {
 /// otherwise.
 class Error : public std::runtime_error {
 public:
-    Error(ErrorKind kind, const std::string& text, ErrorPlace place = {})
-        : std::runtime_error(text), kind_(kind), place_(std::move(place)) {}
+    Error(ErrorKind kind, const std::string& text, ErrorPlace place = {},
+          Remedy remedy = Remedy::kNone)
+        : std::runtime_error(text), kind_(kind), place_(std::move(place)), remedy_(remedy) {}
 
     ErrorKind kind() const { return kind_; }
     const ErrorPlace& place() const { return place_; }
+    Remedy remedy() const { return remedy_; }
 
 private:
     ErrorKind kind_;
     ErrorPlace place_;
+    Remedy remedy_;
 };
 
 /// The reason in one line. Also for what the firewall library throws when it cannot open

@@ -19,8 +19,8 @@ public:
     /// Parses `text`. What is not valid JSON, has a member twice, or is no object is an error.
     explicit ProfileDocument(const std::string& text);
 
-    /// Makes any other "name" than this one an error.
-    void requireName(const std::string& name);
+    /// Makes any other "name" than this one an error, whose text ends with `advice`.
+    void requireName(const std::string& name, const std::string& advice);
 
     /// Makes it the document of a new profile: gives it this name, and removes "active", which
     /// "profile show --json" adds.

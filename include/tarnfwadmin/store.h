@@ -69,7 +69,7 @@ public:
     /// The paths of the files that cannot be read or are not JSON, sorted.
     std::vector<std::string> unreadable() const;
 
-    /// "1 file cannot be read: ...", with a command that shows why; empty if all can be read.
+    /// "2 files cannot be read: ..."; empty if all can be read.
     std::string unreadableText() const;
 
     // ---- Profiles ----

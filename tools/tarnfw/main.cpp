@@ -77,7 +77,7 @@ int main(int argc, char** argv) {
     try {
         return statusOfAnswer(run(argc, argv));
     } catch (const tarnfw::Error& failure) {
-        std::cerr << "tarnfw: " << failure.what() << '\n';
+        std::cerr << "tarnfw: " << tarnfw::messageOf(failure) << '\n';
         return tarnfw::exitStatusOf(failure.kind());
     } catch (const std::exception& error) {
         std::cerr << "tarnfw: " << tarnfw::reasonOf(error) << '\n';

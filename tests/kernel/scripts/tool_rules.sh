@@ -123,11 +123,12 @@ END
 refused 2 '^tarnfw: unexpected "22": expected .* did you mean "tcp 22"?$' rule add --adapter eth0 allow 22
 refused 2 '^tarnfw: "smbd" is not a service .* did you mean "smb"?$' \
     rule add --adapter eth0 allow service smbd
+refused 2 '^tarnfw: unexpected "on": .* did you mean "--adapter"?$' rule add --adapter eth0 allow on eth0
 refused 2 '^tarnfw: "99999" is not a port (0-65535)' rule add --adapter eth0 allow tcp 99999
 refused 2 '^tarnfw: "XX" is not a country with data' rule add --adapter eth0 deny from country XX
 refused 2 '^tarnfw: "CN" is not a country with IPv6 data (two letters, such as DE)$' \
     rule add --adapter eth0 deny from country CN --v6
-refused 2 '^tarnfw: "10.0.0.1" is an IPv4 address, which excludes --v6$' \
+refused 2 '^tarnfw: "10.0.0.1" is an IPv4 address, but the rule is for IPv6 only$' \
     rule add --adapter eth0 deny from 10.0.0.1 --v6
 refused 2 '^tarnfw: a rule.s words are missing: expected allow or deny$' rule add --adapter eth0
 refused 2 '^tarnfw: .*--v[46] excludes --v[46]' rule add --adapter eth0 deny --v4 --v6

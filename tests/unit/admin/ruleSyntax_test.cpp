@@ -231,13 +231,25 @@ TEST(RuleOptionsTest, NarrowTheFamily) {
     EXPECT_EQ(ruleOf("deny from ::1", onlyV6()).ipType, 1);
 }
 
+TEST(RuleSyntaxTest, AnAdapterAmongTheWordsHasARemedy) {
+    for (const char* const line : {"allow on eth0", "allow tcp 22 on eth0", "allow tcp 22 off"}) {
+        try {
+            (void)ruleOf(line);
+            ADD_FAILURE() << line;
+        } catch (const tarnfw::Error& error) {
+            const bool on = std::string(line).find(" on ") != std::string::npos;
+            EXPECT_EQ(error.remedy() == tarnfw::Remedy::kGiveAdapterApart, on) << line;
+        }
+    }
+}
+
 TEST(RuleOptionsTest, MustNotSpeakOfAnotherFamilyThanTheAddress) {
     EXPECT_EQ(refusal("deny from 10.0.0.0/8", onlyV6()),
-              "\"10.0.0.0/8\" is an IPv4 address, which excludes --v6");
+              "\"10.0.0.0/8\" is an IPv4 address, but the rule is for IPv6 only");
     EXPECT_EQ(refusal("deny from 10.0.0.1", onlyV6()),
-              "\"10.0.0.1\" is an IPv4 address, which excludes --v6");
+              "\"10.0.0.1\" is an IPv4 address, but the rule is for IPv6 only");
     EXPECT_EQ(refusal("deny from ::1-::2", onlyV4()),
-              "\"::1-::2\" is an IPv6 address, which excludes --v4");
+              "\"::1-::2\" is an IPv6 address, but the rule is for IPv4 only");
     EXPECT_EQ(refusal("deny from country CN", onlyV6()),
               "\"CN\" is not a country with IPv6 data (two letters, such as DE)");
     EXPECT_EQ(refusal("deny from country SE", onlyV4()),
@@ -280,7 +292,7 @@ TEST(RuleOptionsTest, SourcePortsNeedPorts) {
     for (const char* const words :
          {"allow", "allow any", "allow icmp", "allow igmp", "allow service ssh"}) {
         EXPECT_EQ(refusal(words, options),
-                  "--source-port needs tcp or udp and ports, such as \"udp 123\"")
+                  "a source port needs tcp or udp and ports, such as \"udp 123\"")
             << words;
     }
 }
@@ -314,8 +326,7 @@ const RefusalCase kRefusals[] = {
      "unexpected \"reject\": expected allow or deny; did you mean \"deny\"?"},
     {"Accept", "accept tcp 22",
      "unexpected \"accept\": expected allow or deny; did you mean \"allow\"?"},
-    {"OnAnAdapter", "allow tcp 22 on eth0",
-     "unexpected \"on\": expected from or to; did you mean \"--adapter\"?"},
+    {"OnAnAdapter", "allow tcp 22 on eth0", "unexpected \"on\": expected from or to"},
     {"UnknownProtocol", "allow sctp 22",
      "unexpected \"sctp\": expected service, tcp, udp, tcp/udp, icmp, igmp, any, from or to"},
     {"BarePort", "allow 22",

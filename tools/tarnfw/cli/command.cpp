@@ -22,6 +22,26 @@ ExitStatus exitStatusOf(ErrorKind kind) {
     return kExitFailed;
 }
 
+std::string wordsFor(Remedy remedy) {
+    switch (remedy) {
+        case Remedy::kListServices:
+            return " (\"tarnfw services\" lists them)";
+        case Remedy::kCheckFiles:
+            return " (\"tarnfw check FILE\" shows why)";
+        case Remedy::kSetUpBase:
+            return "; \"tarnfw base up\" writes a first one";
+        case Remedy::kGiveAdapterApart:
+            return "; did you mean \"--adapter\"?";
+        case Remedy::kNone:
+            break;
+    }
+    return "";
+}
+
+std::string messageOf(const Error& error) {
+    return error.what() + wordsFor(error.remedy());
+}
+
 void endWith(ExitStatus status) {
     throw CommandEnded(status);
 }

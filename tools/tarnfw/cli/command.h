@@ -22,6 +22,12 @@ enum ExitStatus : int {
 /// The exit status of a command that failed in this way.
 ExitStatus exitStatusOf(ErrorKind kind);
 
+/// What the tool adds to an error that has this remedy; empty without one.
+std::string wordsFor(Remedy remedy);
+
+/// The text of an error with its remedy, in one line.
+std::string messageOf(const Error& error);
+
 /// Thrown by endWith(); main() ends the process with the status.
 class CommandEnded : public std::exception {
 public:

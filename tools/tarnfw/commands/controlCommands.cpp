@@ -37,7 +37,7 @@ void enableOrGoBack(Context& context) {
         }
         reason = "the rules could not be applied";
     } catch (const Error& failure) {
-        reason = failure.what();
+        reason = messageOf(failure);
     }
     if (!wasEnabled && context.store().firewallEnabled()) {
         disableFirewall(context);

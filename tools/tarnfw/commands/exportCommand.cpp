@@ -30,7 +30,8 @@ struct Options {
 /// Throws Error if an export would not be complete: it may be somebody's only backup.
 void requireWhole(const StoreSnapshot& store) {
     if (!store.unreadable().empty()) {
-        throw Error(ErrorKind::kSystem, store.unreadableText() + "; --partial exports the rest");
+        throw Error(ErrorKind::kSystem, store.unreadableText() + wordsFor(Remedy::kCheckFiles) +
+                                            "; --partial exports the rest");
     }
     const std::vector<std::string> names = store.requireProfiles();
     const std::string active = store.activeProfile();

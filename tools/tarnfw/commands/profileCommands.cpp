@@ -60,7 +60,7 @@ void list(bool json) {
     const std::vector<std::string> names = store.requireProfiles();
     const std::string active = store.activeProfile();
     if (!store.unreadable().empty()) {
-        std::cerr << "tarnfw: " << store.unreadableText() << '\n';
+        std::cerr << "tarnfw: " << store.unreadableText() << wordsFor(Remedy::kCheckFiles) << '\n';
     }
     if (json) {
         Json::Value document;
@@ -296,7 +296,7 @@ std::optional<ProfileDocument> edited(const PrivateText& text, const std::string
         return std::nullopt;
     }
     ProfileDocument document(text.read());
-    document.requireName(name);
+    document.requireName(name, "\"tarnfw profile rename\" changes it");
     return document;
 }
 

@@ -184,7 +184,7 @@ FW::FWRULE ruleOf(const RuleCommand& command) {
         return ruleFrom(command.words, command.options, known);
     } catch (const Error& error) {
         if (error.kind() == ErrorKind::kInvalid) {
-            throw UsageError(error.what());  // wrong words are wrong usage
+            throw UsageError(messageOf(error));  // wrong words are wrong usage
         }
         throw;
     }
