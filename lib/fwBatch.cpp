@@ -71,10 +71,10 @@ bool didAll(const ToolResult& result) {
 }
 
 /// The tool's message or, without one, its status; `afterSuccess` if the status is 0.
-std::string reasonOf(const ToolResult& result, const Refusal& refusal,
+std::string reasonOf(const ToolResult& result, const ToolError& error,
                      const char* afterSuccess = kInputCut) {
-    if (!refusal.words.empty()) {
-        return refusal.words;
+    if (!error.words.empty()) {
+        return error.words;
     }
     if (!exitedWell(result)) {
         return "status " + std::to_string(*result.status);
@@ -91,11 +91,11 @@ std::size_t lineThatEnds(const Tools& tools, const RestoreText& text) {
 }
 
 /// Logs why a text was refused, with the line that the tool names.
-void logRefusal(const Tools& tools, const RestoreText& text, const ToolResult& result) {
-    const Refusal refusal = refusalOf(result.errors);
-    const std::string reason = reasonOf(result, refusal);
-    const bool silent = refusal.words.empty() && exitedWell(result);
-    const RestoreLine line = text.lineAt(silent ? lineThatEnds(tools, text) : refusal.line);
+void logToolError(const Tools& tools, const RestoreText& text, const ToolResult& result) {
+    const ToolError error = toolErrorFrom(result.errors);
+    const std::string reason = reasonOf(result, error);
+    const bool silent = error.words.empty() && exitedWell(result);
+    const RestoreLine line = text.lineAt(silent ? lineThatEnds(tools, text) : error.line);
     if (line.command.empty()) {
         FW_LOG_ERR("Failed to run %s: %s", tools.restore, reason.c_str());
         return;
@@ -136,7 +136,7 @@ public:
     /// Whether the text passes every test that changes nothing.
     bool finishExamining() {
         if (!commit_->awaitOutput(kExaminedMark)) {
-            logRefusal(tools_, text_, commit_->finish());
+            logToolError(tools_, text_, commit_->finish());
             return false;
         }
         if (!test_) {
@@ -144,7 +144,7 @@ public:
         }
         const ToolResult result = test_->finish();
         if (!didAll(result)) {
-            logRefusal(tools_, text_, result);
+            logToolError(tools_, text_, result);
             return false;
         }
         return true;
@@ -156,7 +156,7 @@ public:
             ToolResult result = saving_[i]->finish();
             if (!exitedWell(result) || !isWholeSave(result.output, text_.tables()[i].name)) {
                 FW_LOG_ERR("Failed to run %s: %s", tools_.save,
-                           reasonOf(result, refusalOf(result.errors), kTableCut).c_str());
+                           reasonOf(result, toolErrorFrom(result.errors), kTableCut).c_str());
                 return false;
             }
             saved_.push_back(std::move(result.output));
@@ -179,7 +179,7 @@ public:
         commit_->feed(text_.tail() + kEndMark);
         const ToolResult result = commit_->finish();
         if (!didAll(result)) {
-            logRefusal(tools_, text_, result);
+            logToolError(tools_, text_, result);
             return false;
         }
         return true;
@@ -200,7 +200,7 @@ public:
         const ToolResult result = run.finish();
         if (!didAll(result)) {
             FW_LOG_ERR("Failed to put back the rules with %s: %s", tools_.restore,
-                       reasonOf(result, refusalOf(result.errors)).c_str());
+                       reasonOf(result, toolErrorFrom(result.errors)).c_str());
         }
     }
 

@@ -313,27 +313,27 @@ RestoreLine RestoreText::lineAt(std::size_t number) const {
 
 // ==== Answers ====================================================================================
 
-Refusal refusalOf(const std::string& errors) {
-    Refusal refusal;
+ToolError toolErrorFrom(const std::string& errors) {
+    ToolError error;
     forEachLine(errors, [&](const std::string& line) {
         const std::size_t named = numberAfter(line, "Error occurred at line: ");
         if (named != 0) {
-            refusal.line = named;
+            error.line = named;
             return;
         }
         // A tool can name several lines; the later errors usually follow from the first.
-        if (line.empty() || startsWith(line, "Try `") || refusal.line != 0) {
+        if (line.empty() || startsWith(line, "Try `") || error.line != 0) {
             return;
         }
-        refusal.line = failedLine(line);
-        if (!refusal.words.empty() && refusal.words.back() != ' ') {
-            refusal.words += ' ';
+        error.line = failedLine(line);
+        if (!error.words.empty() && error.words.back() != ' ') {
+            error.words += ' ';
         }
-        refusal.words += line;
+        error.words += line;
     });
-    refusal.words.resize(std::min(refusal.words.size(), kWordsBytes));
-    makePrintable(refusal.words);
-    return refusal;
+    error.words.resize(std::min(error.words.size(), kWordsBytes));
+    makePrintable(error.words);
+    return error;
 }
 
 std::size_t numberReached(const std::string& output) {

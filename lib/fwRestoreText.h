@@ -79,13 +79,13 @@ private:
 };
 
 /// The error message of a tool that rejected a text.
-struct Refusal {
+struct ToolError {
     std::size_t line = 0;  ///< of the text, from 1; 0 when it names none
     std::string words;     ///< on one line, without usage hints
 };
 
 /// Parses what iptables-restore, of either variant, writes to standard error.
-Refusal refusalOf(const std::string& errors);
+ToolError toolErrorFrom(const std::string& errors);
 
 /// The number of the last line that a tool had read when it ended, from the comments of a
 /// RestoreText::numbered() that it printed; 0 without any.

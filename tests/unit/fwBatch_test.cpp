@@ -417,7 +417,7 @@ TEST_F(ApplyTest, NamesAndLinesAreCutAndPrintableInTheLog) {
 }
 
 // "-h" among a line's words makes the tool print its usage and end with success.
-TEST_F(ApplyTest, EarlyEndWithSuccessIsARefusal) {
+TEST_F(ApplyTest, EarlyEndWithSuccessIsAnError) {
     tools_.refuse("v6 commit", "-A INPUT_FIREWALL -i eth0 -j DROP", "", 0);
     EXPECT_FALSE(apply());
     EXPECT_THAT(tools_.committed(), IsEmpty());
@@ -437,7 +437,7 @@ TEST_F(ApplyTest, EarlyEndIsTracedToItsLine) {
                             "\" of adapter eth0: it stopped before the end of its input"));
 }
 
-TEST_F(ApplyTest, EarlyEndAtTheCommitIsARefusal) {
+TEST_F(ApplyTest, EarlyEndAtTheCommitIsAnError) {
     tools_.refuse("v6 commit", "COMMIT", "", 0);
     EXPECT_FALSE(apply());
     EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back", "v4 put back"));

@@ -11,9 +11,9 @@
 
 namespace {
 
-using FW::Refusal;
 using FW::RestoreLine;
 using FW::RestoreText;
+using FW::ToolError;
 using ::testing::ValuesIn;
 
 // ---- Refusals, as version 1.8.9 writes them ----
@@ -78,9 +78,9 @@ const RefusalCase kRefusals[] = {
 class RefusalTest : public ::testing::TestWithParam<RefusalCase> {};
 
 TEST_P(RefusalTest, LineAndWords) {
-    const Refusal refusal = FW::refusalOf(GetParam().errors);
-    EXPECT_EQ(refusal.line, GetParam().line);
-    EXPECT_EQ(refusal.words, GetParam().words);
+    const ToolError error = FW::toolErrorFrom(GetParam().errors);
+    EXPECT_EQ(error.line, GetParam().line);
+    EXPECT_EQ(error.words, GetParam().words);
 }
 
 INSTANTIATE_TEST_SUITE_P(Refusals, RefusalTest, ValuesIn(kRefusals),

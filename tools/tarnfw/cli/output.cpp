@@ -18,9 +18,9 @@ constexpr std::size_t kNarrowest = 4;        // no column is wrapped below this
 constexpr std::size_t kProgressParts = 200;  // most updates of the terminal
 
 bool colourWanted(int fd) {
-    const char* const refusal = std::getenv("NO_COLOR");
+    const char* const noColour = std::getenv("NO_COLOR");
     const char* const terminal = std::getenv("TERM");
-    return isatty(fd) == 1 && (refusal == nullptr || *refusal == '\0') && terminal != nullptr &&
+    return isatty(fd) == 1 && (noColour == nullptr || *noColour == '\0') && terminal != nullptr &&
            std::string(terminal) != "dumb";
 }
 
