@@ -15,6 +15,20 @@ std::string joinedPath(const std::string& base, const std::string& path) {
     return base + (dot ? "." : "") + path;
 }
 
+/// The path in words: "portList entry 2" for "portList[1]", "rules.eth0" unchanged.
+std::string pathText(const std::string& path) {
+    const std::size_t bracket = path.rfind('[');
+    if (bracket == std::string::npos || path.back() != ']') {
+        return path;
+    }
+    const std::string index = path.substr(bracket + 1, path.size() - bracket - 2);
+    if (index.empty() || index.find_first_not_of("0123456789") != std::string::npos) {
+        return path;  // a member with an unusual name
+    }
+    const std::string list = path.substr(0, bracket);
+    return list + (list.empty() ? "" : " ") + "entry " + std::to_string(std::stoul(index) + 1);
+}
+
 }  // namespace
 
 std::size_t countErrors(const std::vector<Finding>& findings) {
@@ -41,9 +55,9 @@ std::string textOf(const Finding& finding) {
     if (finding.rule) {
         append(finding.profile);
         append(placeText(*finding.rule));
-        append(finding.path);
+        append(pathText(finding.path));
     } else {
-        append(joinedPath(finding.profile, finding.path));
+        append(pathText(joinedPath(finding.profile, finding.path)));
     }
     append(finding.isError ? "" : "warning");
     return printable(line + finding.text);

@@ -43,6 +43,10 @@ std::string portSpanText(const PortSpan& span) {
     return text;
 }
 
+std::string notAPort(const std::string& entry) {
+    return inQuotes(entry) + " is not a port (0-65535) or a range of ports (6000-6010)";
+}
+
 std::string portEntryError(const std::string& entry) {
     if (portSpanFrom(entry)) {
         return "";
@@ -50,9 +54,7 @@ std::string portEntryError(const std::string& entry) {
     if (portEndsFrom(entry)) {
         return inQuotes(entry) + " is a range that runs backwards";
     }
-    const bool range = entry.find('-') != std::string::npos;
-    return inQuotes(entry) +
-           (range ? " is not a range of ports (0-65535)" : " is not a port (0-65535)");
+    return notAPort(entry);
 }
 
 }  // namespace tarnfw

@@ -365,7 +365,7 @@ void checkAdapter(const std::string& adapter, const std::string& path, Machine& 
                   Findings& findings) {
     if (!isAdapterName(adapter)) {
         findings.error(path, inQuotes(adapter) + " is not the name of an adapter");
-    } else if (adapter == FW::FW_PPPOE_INTERFACE) {
+    } else if (isNeverApplied(adapter)) {
         findings.warning(path, kPppoeInterfaceText);
     } else if (!machine.hasAdapter(adapter)) {
         const std::string what = isPredefined(adapter)

@@ -140,7 +140,7 @@ public:
         for (Json::ArrayIndex i = 0; list.isArray() && i < list.size(); ++i) {
             const RulePlace place{adapter, i + 1};
             const auto rule = invalid_.count(place) > 0 ? std::nullopt : recordOf(list[i]);
-            if (!rule || !rule->enable || rule->policy == FW::FW_POLICY_NONE) {
+            if (!rule || !hasLine(*rule)) {
                 continue;
             }
             const auto ports = portMatchesOf(*rule, machine_);
@@ -200,12 +200,12 @@ std::vector<Finding> checkShadows(const Json::Value& document, const std::vector
     }
     const Json::Value& rules = document["rules"];
     ShadowCheck check(findings, machine);
-    const std::vector<Matcher> global =
-        check.matchersOf(rules[FW::FW_ADAPTER_GLOBAL], FW::FW_ADAPTER_GLOBAL);
-    check.check({}, global);
-    for (const std::string& adapter : rules.getMemberNames()) {
-        if (adapter != FW::FW_ADAPTER_GLOBAL && adapter != FW::FW_PPPOE_INTERFACE) {
-            check.check(global, check.matchersOf(rules[adapter], adapter));
+    std::vector<Matcher> global;
+    for (const std::string& adapter : listsOf(rules.getMemberNames())) {
+        std::vector<Matcher> matchers = check.matchersOf(rules[adapter], adapter);
+        check.check(global, matchers);
+        if (adapter == FW::FW_ADAPTER_GLOBAL) {
+            global = std::move(matchers);
         }
     }
     return check.take();

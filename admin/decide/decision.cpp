@@ -24,28 +24,12 @@ bool overlap(const PortSpan& a, const PortSpan& b) {
 // ---- Rules ----
 
 /// Whether a rule has a line in the chain for incoming packets.
-bool hasLine(const FWRULE& rule, const std::string& adapter) {
+bool hasInputLine(const FWRULE& rule, const std::string& adapter) {
     // A line of "global" has no interface, whatever the rule's direction.
     const bool incoming =
         rule.adapterDirect != FW::FW_ADAPTER_DIRECT_OUT || adapter == FW::FW_ADAPTER_GLOBAL;
-    return rule.enable && incoming && rule.table == kFilterTable &&
-           rule.chainList.count(kInputChain) != 0 &&
-           (rule.policy == FW::FW_POLICY_ALLOW || rule.policy == FW::FW_POLICY_DENY);
-}
-
-/// The lists that the packet passes, in the kernel's order.
-std::vector<std::string> listsOf(const Packet& packet) {
-    std::vector<std::string> lists = packet.adapters;
-    std::sort(lists.begin(), lists.end());
-    lists.erase(std::unique(lists.begin(), lists.end()), lists.end());
-    lists.erase(std::remove_if(lists.begin(), lists.end(),
-                               [](const std::string& name) {
-                                   return name == FW::FW_ADAPTER_GLOBAL ||
-                                          name == FW::FW_PPPOE_INTERFACE;
-                               }),
-                lists.end());
-    lists.insert(lists.begin(), FW::FW_ADAPTER_GLOBAL);
-    return lists;
+    return hasLine(rule) && incoming && rule.table == kFilterTable &&
+           rule.chainList.count(kInputChain) != 0;
 }
 
 bool sameReason(const Decision& a, const Decision& b) {
@@ -240,12 +224,13 @@ std::vector<Decision> Decider::decide(const Packet& packet) {
     if (const std::optional<DecidedBy> line = fixedLine(packet)) {
         pieces.settle(packet.ports, decisionBy(*line, {}, false));
     }
-    for (const std::string& list : listsOf(packet)) {
+    for (const std::string& list : listsOf(packet.adapters)) {
         const auto rules = profile_.rules.find(list);
         const std::size_t count = rules == profile_.rules.end() ? 0 : rules->second.size();
         for (std::size_t i = 0; i < count; ++i) {
             const FWRULE& rule = rules->second[i];
-            const Fit address = hasLine(rule, list) ? fitOf(rule, packet, *machine_) : Fit::kNo;
+            const Fit address =
+                hasInputLine(rule, list) ? fitOf(rule, packet, *machine_) : Fit::kNo;
             if (address == Fit::kNo) {
                 continue;
             }

@@ -63,16 +63,21 @@ std::string portQuestionFrom(const std::string& text, FW::PortCompareST& questio
     const std::size_t slash = text.find('/');
     const std::string word = text.substr(0, slash);
     const std::string port = slash == std::string::npos ? "" : text.substr(slash + 1);
+    std::vector<std::string> words;
     for (const auto& known : kProtocols) {
+        words.emplace_back(known.word);
         if (word == known.word) {
-            if (!portSpanFrom(port)) {
-                return inQuotes(port) + " is not a port (0-65535) or a range such as 6000-6010";
+            const std::string wrong = portEntryError(port);
+            if (!wrong.empty()) {
+                return wrong;
             }
             question = {FW::FW_PORT_DIRECT_DESTINATION, known.protocol, port};
             return {};
         }
     }
-    return inQuotes(text) + " is not of the form tcp/22, udp/5000-5010 or both/53";
+    const std::string meant = nearest(word, words);
+    return inQuotes(text) + " is not of the form tcp/22, udp/5000-5010 or both/53" +
+           (port.empty() || meant.empty() ? "" : didYouMean(meant + "/" + port));
 }
 
 std::string questionText(const FW::PortCompareST& question) {

@@ -14,7 +14,6 @@ namespace tarnfw {
 namespace {
 
 constexpr char kFilter[] = "filter";
-constexpr char kReloadingChain[] = "FIREWALL_RELOADING";
 
 std::string jumpLine(const std::pair<std::string, std::string>& jump) {
     return "-A " + jump.first + " -j " + jump.second;

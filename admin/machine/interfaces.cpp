@@ -79,7 +79,7 @@ std::vector<std::string> machineAdapters() {
     return {names.begin(), names.end()};
 }
 
-std::vector<std::string> standsFor(const std::string& adapter) {
+std::vector<std::string> interfacesOf(const std::string& adapter) {
     FW::TARNFW_IPTABLES_RULES translator;
     if ((adapter != FW::FW_ADAPTER_PPPOE && adapter != FW::FW_ADAPTER_VPN) ||
         !translator.adapterIsEnabled(adapter)) {
@@ -103,7 +103,7 @@ std::vector<std::string> standsFor(const std::string& adapter) {
 std::vector<std::string> adapterNamesOf(const std::string& interface) {
     std::vector<std::string> names = {interface};
     for (const char* const predefined : {FW::FW_ADAPTER_PPPOE, FW::FW_ADAPTER_VPN}) {
-        const std::vector<std::string> meant = standsFor(predefined);
+        const std::vector<std::string> meant = interfacesOf(predefined);
         if (std::find(meant.begin(), meant.end(), interface) != meant.end()) {
             names.emplace_back(predefined);
         }
@@ -116,6 +116,10 @@ bool isPredefined(const std::string& adapter) {
     return std::find(names.begin(), names.end(), adapter) != names.end();
 }
 
+bool isNeverApplied(const std::string& adapter) {
+    return adapter == FW::FW_PPPOE_INTERFACE;
+}
+
 bool isAdapterName(const std::string& name) {
     return isWord(name) && name.size() < IFNAMSIZ && name != "." && name != ".." &&
            name.find_first_of("/:") == std::string::npos;
@@ -125,7 +129,7 @@ void requireAdapter(const std::string& adapter, const std::vector<std::string>& 
     std::set<std::string> known(others.begin(), others.end());
     known.insert(FW::FW_PREDEFINED_ADAPTERS.begin(), FW::FW_PREDEFINED_ADAPTERS.end());
     for (const std::string& name : machineAdapters()) {
-        if (name != FW::FW_PPPOE_INTERFACE) {
+        if (!isNeverApplied(name)) {
             known.insert(name);
         }
     }
@@ -135,7 +139,7 @@ void requireAdapter(const std::string& adapter, const std::vector<std::string>& 
         }
         return;
     }
-    if (adapter == FW::FW_PPPOE_INTERFACE) {
+    if (isNeverApplied(adapter)) {
         throw Error(ErrorKind::kUnusable, kPppoeInterfaceText);
     }
     const std::vector<std::string> names(known.begin(), known.end());

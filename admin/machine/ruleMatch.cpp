@@ -8,6 +8,8 @@
 #include <boost/algorithm/string/replace.hpp>
 #include <boost/algorithm/string/split.hpp>
 
+#include "tarnfwadmin/interfaces.h"
+
 namespace tarnfw {
 namespace {
 
@@ -156,6 +158,20 @@ bool AddressMatch::contains(const AddressMatch& other) const {
     }
     return !other.range && std::includes(countries.begin(), countries.end(),
                                          other.countries.begin(), other.countries.end());
+}
+
+bool hasLine(const FW::FWRULE& rule) {
+    return rule.enable && (rule.policy == FW::FW_POLICY_ALLOW || rule.policy == FW::FW_POLICY_DENY);
+}
+
+std::vector<std::string> listsOf(const std::vector<std::string>& adapters) {
+    std::vector<std::string> lists = {FW::FW_ADAPTER_GLOBAL};
+    for (const std::string& adapter : std::set<std::string>(adapters.begin(), adapters.end())) {
+        if (adapter != FW::FW_ADAPTER_GLOBAL && !isNeverApplied(adapter)) {
+            lists.push_back(adapter);
+        }
+    }
+    return lists;
 }
 
 std::optional<AddressMatch> addressMatchOf(const FW::FWRULE& rule, bool ipv6, Machine& machine) {

@@ -46,6 +46,13 @@ struct PortMatch {
     bool source = false;            ///< the ports are the sender's
 };
 
+/// Whether a rule can have lines: it is enabled, and its policy is allow or deny.
+bool hasLine(const FW::FWRULE& rule);
+
+/// The lists whose lines a packet of `adapters` passes, in the kernel's order: "global", then its
+/// adapters by their bytes.
+std::vector<std::string> listsOf(const std::vector<std::string>& adapters);
+
 /// What a rule's lines match in a family; nothing when it has no line there, or one
 /// that the kernel refuses.
 std::optional<AddressMatch> addressMatchOf(const FW::FWRULE& rule, bool ipv6, Machine& machine);

@@ -98,7 +98,7 @@ std::string withoutLeadingZeros(const std::string& entry) {
 std::string portEntry(const std::string& entry, const RuleVocabulary& vocabulary) {
     const std::optional<PortSpan> span = portEndsFrom(withoutLeadingZeros(entry));
     if (!span) {
-        wrong(inQuotes(entry) + " is not a port (0-65535) or a range of ports (6000-6010)" +
+        wrong(notAPort(entry) +
               (vocabulary.services.count(entry) > 0 ? didYouMean("service " + entry) : ""));
     }
     if (span->last < span->first) {

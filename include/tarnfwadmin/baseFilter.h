@@ -12,6 +12,9 @@
 
 namespace tarnfw {
 
+/// The chain that accepts established connections during a reload.
+inline constexpr char kReloadingChain[] = "FIREWALL_RELOADING";
+
 /// Chains and jumps of one family, present or missing, wanted or added.
 struct BaseParts {
     std::vector<std::string> chains;                         ///< "INPUT_FIREWALL"

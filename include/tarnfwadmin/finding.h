@@ -65,7 +65,8 @@ std::string memberPath(const std::string& base, const std::string& name);
 /// The path of an element: "portList[3]", from 0.
 std::string elementPath(const std::string& base, std::size_t index);
 
-/// "rule 4 of eth0: portList[1]: warning: ...": the finding without its document. Printable.
+/// "rule 4 of eth0: portList entry 2: warning: ...": the finding without its document. Elements
+/// count from 1 here. Printable.
 std::string textOf(const Finding& finding);
 
 /// The line for a finding: "home.json: rule 4 of eth0: warning: ...", with "home.json" for

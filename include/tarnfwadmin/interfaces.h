@@ -27,14 +27,18 @@ std::vector<std::string> machineAdapters();
 
 /// The interfaces that "pppoe" or "vpn" is now; none for any other name. Throws Error, kSystem,
 /// when they cannot be listed.
-std::vector<std::string> standsFor(const std::string& adapter);
+std::vector<std::string> interfacesOf(const std::string& adapter);
 
 /// What profiles may call an interface: its own name, then "pppoe" or "vpn" where it is one of
-/// standsFor() that. Throws Error as that does.
+/// interfacesOf() that. Throws Error as that does.
 std::vector<std::string> adapterNamesOf(const std::string& interface);
 
 /// Whether the name is one of "global", "pppoe", "vpn".
 bool isPredefined(const std::string& adapter);
+
+/// Whether rules and default policies for this name are never applied: those for "ppp0", whose
+/// connection is filtered as "pppoe".
+bool isNeverApplied(const std::string& adapter);
 
 /// Whether profiles can have rules for an adapter of this name: at most 15 bytes, the kernel's
 /// limit for an interface; one word (isWord()); without '/' and ':'; not "." or "..". It need not

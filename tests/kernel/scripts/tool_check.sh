@@ -46,10 +46,10 @@ answers 2 check one two
 profile office "$(rule '"portList": ["22", "99999"]')" >"$kProfileDirectory/office.json"
 answers 3 check office
 silent
-prints <<<'office: rule 1 of eth0: portList[1]: "99999" is not a port (0-65535)'
+prints <<<'office: rule 1 of eth0: portList entry 2: "99999" is not a port (0-65535) or a range of ports (6000-6010)'
 activate office
 answers 3 check
-prints <<<'office: rule 1 of eth0: portList[1]: "99999" is not a port (0-65535)'
+prints <<<'office: rule 1 of eth0: portList entry 2: "99999" is not a port (0-65535) or a range of ports (6000-6010)'
 activate default
 
 # --- files -----------------------------------------------------------------------------------------
@@ -170,7 +170,7 @@ profile home "$(rule '')" \
     "$(rule '"ipGroup": 3, "ipList": ["DE"], "portList": ["81"]')" >refused.json
 answers 3 check --kernel refused.json
 silent
-says '^refused.json: rule 2 of eth0: chainList\[2\]: warning: "NOWHERE" is not one of the firewall'\''s chains'
+says '^refused.json: rule 2 of eth0: chainList entry 3: warning: "NOWHERE" is not one of the firewall'\''s chains'
 says '^refused.json: rule 2 of eth0: /sbin/iptables refuses "-t filter -A NOWHERE -i eth0 -p tcp --dport 80 -j RETURN": iptables.*No chain/target/match by that name'
 for chain in FORWARD_FIREWALL INPUT_FIREWALL; do
     says "^refused.json: rule 3 of eth0: /sbin/iptables refuses \"-t filter -A $chain -i eth0 -m geoip --source-country DE -p tcp --dport 81 -j RETURN\": iptables.*geoip"

@@ -165,7 +165,7 @@ step 'no document' grep --quiet '^hostile.json: line 2, column 1: ' "$out/compla
 jq '.config_profiles["deny_by_default.json"].rules.eth0[1].portList = ["99999"]' all.json >faulty.json
 answers 3 import --yes faulty.json
 step 'the finding, with its place' grep --quiet --line-regexp \
-    'faulty.json: config_profiles\["deny_by_default.json"\]: rule 2 of eth0: portList\[0\]: "99999" is not a port (0-65535)' \
+    'faulty.json: config_profiles\["deny_by_default.json"\]: rule 2 of eth0: portList entry 1: "99999" is not a port (0-65535) or a range of ports (6000-6010)' \
     "$out/complaint"
 step 'one line says what came of it' grep --quiet --line-regexp \
     'tarnfw: nothing was imported: 1 error in faulty.json' "$out/complaint"

@@ -234,7 +234,7 @@ complains '^tarnfw: rules.pppoe: warning: '
 # What was written by hand and makes no sense is not switched on.
 sed 's/"ipList" : \[ "10.0.0.0"/"enable" : false, "ipList" : [ "10.0.0.999"/; s/"lan-only"/"bad"/' \
     "$checkout/examples/lan-only.json" >"$kProfileDirectory/bad.json"
-refused 3 '^tarnfw: rule 1 of eth0: ipList.0.: "10.0.0.999" is not an IPv4 address' \
+refused 3 '^tarnfw: rule 1 of eth0: ipList entry 1: "10.0.0.999" is not an IPv4 address' \
     rule on 1 --adapter eth0 --profile bad
 answers 0 rule delete 1 --adapter eth0 --profile bad
 silent

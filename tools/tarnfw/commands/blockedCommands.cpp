@@ -43,7 +43,7 @@ std::vector<std::string> uncovered(const std::vector<std::string>& covered) {
     std::vector<std::string> meant;
     for (const char* const predefined : {FW::FW_ADAPTER_PPPOE, FW::FW_ADAPTER_VPN}) {
         if (std::find(covered.begin(), covered.end(), predefined) != covered.end()) {
-            const std::vector<std::string> interfaces = standsFor(predefined);
+            const std::vector<std::string> interfaces = interfacesOf(predefined);
             meant.insert(meant.end(), interfaces.begin(), interfaces.end());
         }
     }
@@ -350,8 +350,8 @@ struct AdapterDecisions {
 };
 
 /// The packets of a question from one address, one for each protocol that has ports.
-std::vector<Packet> packetsOf(const BlockedOptions& options, const FW::PortCompareST& question,
-                              const std::string& adapter) {
+std::vector<Packet> packetsFor(const BlockedOptions& options, const FW::PortCompareST& question,
+                               const std::string& adapter) {
     Packet packet;
     packet.adapters = isPredefined(adapter) ? std::vector{adapter} : adapterNamesOf(adapter);
     packet.source = addressFrom(options.from).value();
@@ -380,7 +380,7 @@ AdapterDecisions decisionsOn(Decider& decider, const BlockedOptions& options,
                              const std::string& adapter) {
     AdapterDecisions found{adapter, {}};
     for (const FW::PortCompareST& question : questions) {
-        for (const Packet& packet : packetsOf(options, question, adapter)) {
+        for (const Packet& packet : packetsFor(options, question, adapter)) {
             for (Decision& decision : decider.decide(packet)) {
                 found.decisions.emplace_back(packet.protocol, std::move(decision));
             }
@@ -390,11 +390,6 @@ AdapterDecisions decisionsOn(Decider& decider, const BlockedOptions& options,
         throw Error(ErrorKind::kSystem, "--from needs tcp or udp ports");
     }
     return found;
-}
-
-std::string placeText(const Decider& decider, const RulePlace& place) {
-    return "rule " + std::to_string(place.position) + " of " + place.adapter + ": " +
-           ruleText(decider.ruleAt(place));
 }
 
 Json::Value placeDocument(const Decider& decider, const RulePlace& place) {
@@ -444,7 +439,8 @@ void printDecisions(const Decider& decider, const std::vector<AdapterDecisions>&
         for (const auto& [protocol, decision] : adapter.decisions) {
             std::string reason = decider.reason(decision);
             for (const RulePlace& place : decision.unless) {
-                reason.append("; unless this matches: ").append(placeText(decider, place));
+                reason.append("; unless this matches: ")
+                    .append(placeText(place) + ": " + ruleText(decider.ruleAt(place)));
             }
             const FW::FW_POLICY verdict =
                 decision.denied ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW;

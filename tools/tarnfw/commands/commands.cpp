@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <exception>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
@@ -135,9 +136,9 @@ Texts adapters() {
     std::set<std::string> names(FW::FW_PREDEFINED_ADAPTERS.begin(),
                                 FW::FW_PREDEFINED_ADAPTERS.end());
     for (const Texts& more : {orNone(machineAdapters), orNone(activeAdapters)}) {
-        names.insert(more.begin(), more.end());
+        std::copy_if(more.begin(), more.end(), std::inserter(names, names.end()),
+                     [](const std::string& name) { return !isNeverApplied(name); });
     }
-    names.erase(FW::FW_PPPOE_INTERFACE);  // its rules are never applied
     return {names.begin(), names.end()};
 }
 

@@ -18,6 +18,7 @@
 #include "cli/output.h"
 #include "commands/commands.h"
 #include "commands/context.h"
+#include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/ruleDiff.h"
 #include "tarnfwadmin/scratchKernel.h"
 #include "tarnfwadmin/translation.h"
@@ -26,7 +27,6 @@ namespace tarnfw {
 namespace {
 
 constexpr char kFilter[] = "filter";
-constexpr char kReloadingChain[] = "FIREWALL_RELOADING";
 constexpr const char* kPolicyChains[] = {"INPUT", "FORWARD"};
 constexpr char kAccept[] = "ACCEPT";
 constexpr const char* kFamilies[] = {"v4", "v6"};

@@ -44,7 +44,7 @@ Adapter adapterOf(const std::string& name, const std::vector<Interface>& interfa
                   const FW::FWPROFILE& profile) {
     Adapter adapter;
     adapter.name = name;
-    adapter.meant = standsFor(name);
+    adapter.meant = interfacesOf(name);
     const auto found =
         std::find_if(interfaces.begin(), interfaces.end(),
                      [&](const Interface& interface) { return interface.name == name; });

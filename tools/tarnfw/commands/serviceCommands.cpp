@@ -163,7 +163,7 @@ void requireRenamable(const std::string& from, const std::string& to, const Prof
     if (from == FW::FW_ADAPTER_GLOBAL || to == FW::FW_ADAPTER_GLOBAL) {
         throw Error(ErrorKind::kUnusable, "\"global\" is every adapter; its rules cannot be moved");
     }
-    if (to == FW::FW_PPPOE_INTERFACE) {
+    if (isNeverApplied(to)) {
         throw Error(ErrorKind::kUnusable, kPppoeInterfaceText);
     }
     if (!isAdapterName(to)) {
