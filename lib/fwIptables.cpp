@@ -393,16 +393,21 @@ bool TARNFW_IPTABLES_RULES::adapterIsEnabled(const std::string& adapter) {
 
 // ---- Services ----
 
-bool TARNFW_IPTABLES_RULES::servToPorts(const std::vector<std::string>& services, ServPort& out) {
+const TARNFW_SERVICE_LIST* TARNFW_IPTABLES_RULES::serviceCatalogue() {
     if (!services_) {
         services_ = catalogueLoad();
-        if (!services_) {
-            FW_LOG_ERR("Failed to enum services");
-            return false;
-        }
+    }
+    return services_.get();
+}
+
+bool TARNFW_IPTABLES_RULES::servToPorts(const std::vector<std::string>& services, ServPort& out) {
+    const TARNFW_SERVICE_LIST* const catalogue = serviceCatalogue();
+    if (catalogue == nullptr) {
+        FW_LOG_ERR("Failed to enum services");
+        return false;
     }
     for (const std::string& name : services) {
-        const TARNFW_SERVICE* const service = TARNFWServiceFind(services_.get(), name.c_str());
+        const TARNFW_SERVICE* const service = TARNFWServiceFind(catalogue, name.c_str());
         if (!isUsable(service)) {
             continue;
         }

@@ -100,6 +100,10 @@ public:
 
     // ---- Services ----
 
+    /// The platform's service catalogue, loaded once; it belongs to this object. Null when it is
+    /// empty or cannot be read.
+    const TARNFW_SERVICE_LIST* serviceCatalogue();
+
     /// Collects the ports of the services from the service catalogue, in service order. Names that
     /// are unknown or not usable for the firewall are skipped.
     /// Returns false, logged, when the catalogue is empty or cannot be read.

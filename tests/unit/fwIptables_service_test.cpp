@@ -228,6 +228,21 @@ TEST_F(ServiceTest, MissingCatalogueIsAskedForAgain) {
     EXPECT_EQ(platform_.openCatalogues, 0);
 }
 
+TEST_F(ServiceTest, CatalogueIsTheOneOfTheTranslation) {
+    {
+        TARNFW_IPTABLES_RULES rules;
+        const TARNFW_SERVICE_LIST* const catalogue = rules.serviceCatalogue();
+        ASSERT_NE(catalogue, nullptr);
+        FW::ServPort ports;
+        EXPECT_TRUE(rules.servToPorts({"ssh"}, ports));
+        EXPECT_EQ(rules.serviceCatalogue(), catalogue);
+        EXPECT_THAT(platform_.journal, ElementsAre("services enum"));
+    }
+    EXPECT_EQ(platform_.openCatalogues, 0);
+    platform_.servicesResult = 0;
+    EXPECT_EQ(TARNFW_IPTABLES_RULES().serviceCatalogue(), nullptr);
+}
+
 TEST_F(ServiceTest, FragmentsFailWithoutCatalogueSpecialServicesIncluded) {
     platform_.servicesResult = 0;
     Json::Value arg = emptyArgument();
