@@ -12,6 +12,7 @@
 #include "tarnfwadmin/decision.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/ruleChange.h"
 #include "tarnfwadmin/ruleText.h"
 #include "tarnfwadmin/storeSession.h"
@@ -101,8 +102,10 @@ std::string decided(const tarnfw::Decider& decider, const tarnfw::Decision& deci
 }  // namespace
 
 int tarnfwadmin_check_rule(const char* rule, char* reason, size_t size) {
-    return guarded({reason, size},
-                   [&] { return tarnfw::ruleText(tarnfw::ruleFromText(required(rule, "rule"))); });
+    return guarded({reason, size}, [&] {
+        tarnfw::Machine machine;
+        return tarnfw::ruleText(tarnfw::ruleFromText(required(rule, "rule"), machine));
+    });
 }
 
 int tarnfwadmin_add_rule(const char* profile, const char* adapter, const char* rule, char* reason,
@@ -110,10 +113,11 @@ int tarnfwadmin_add_rule(const char* profile, const char* adapter, const char* r
     return guarded({reason, size}, [&] {
         requireRoot();
         const std::string list = required(adapter, "adapter");
-        const FW::FWRULE added = tarnfw::ruleFromText(required(rule, "rule"));
+        tarnfw::Machine machine;
+        const FW::FWRULE added = tarnfw::ruleFromText(required(rule, "rule"), machine);
         StoreSession session(StoreSession::Access::kChange);
         const tarnfw::RulePlace place =
-            addRule(session, profile == nullptr ? "" : profile, list, added);
+            addRule(session, profile == nullptr ? "" : profile, list, added, machine);
         return placeText(place) + ": " + tarnfw::ruleText(added);
     });
 }
@@ -165,7 +169,8 @@ int tarnfwadmin_decide(const char* address, const char* port, const char* adapte
             *allowed = 1;
             return std::string("the firewall is disabled");
         }
-        tarnfw::Decider decider(session.snapshot().profile(""));
+        tarnfw::Machine machine;
+        tarnfw::Decider decider(session.snapshot().profile(""), machine);
         tarnfw::requireAdapter(interface, tarnfw::adaptersOf(decider.profile()));
         const tarnfw::Decision decision = decider.decide(packet).front();
         const std::string text = decided(decider, decision);

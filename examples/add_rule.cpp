@@ -5,6 +5,7 @@
 // Exit status: 0 done, 1 the profile is as it was, or could not be applied.
 #include <tarnfwadmin/control.h>
 #include <tarnfwadmin/error.h>
+#include <tarnfwadmin/machine.h>
 #include <tarnfwadmin/ruleChange.h>
 #include <tarnfwadmin/storeSession.h>
 #include <tarnfwadmin/vocabulary.h>
@@ -15,10 +16,11 @@
 namespace {
 
 void addAndApply(const char* adapter, const char* text) {
-    const FW::FWRULE rule = tarnfw::ruleFromText(text);
+    tarnfw::Machine machine;
+    const FW::FWRULE rule = tarnfw::ruleFromText(text, machine);
     tarnfw::StoreSession session(tarnfw::StoreSession::Access::kChange);
     const std::string profile = session.snapshot().activeProfile();
-    const tarnfw::RulePlace place = tarnfw::addRule(session, profile, adapter, rule);
+    const tarnfw::RulePlace place = tarnfw::addRule(session, profile, adapter, rule, machine);
     std::cout << "stored as " << tarnfw::placeText(place) << '\n';
     if (tarnfw::applyActiveProfile(session)) {
         std::cout << "applied\n";

@@ -5,6 +5,7 @@
 // Exit status: 0 it may, 1 it may not, 2 the question could not be answered.
 #include <tarnfwadmin/decision.h>
 #include <tarnfwadmin/error.h>
+#include <tarnfwadmin/machine.h>
 #include <tarnfwadmin/storeSession.h>
 
 #include <exception>
@@ -19,7 +20,8 @@ bool mayReach(const char* address, const char* port, const char* interface) {
         std::cout << "allowed: the firewall is disabled\n";
         return true;
     }
-    tarnfw::Decider decider(store.profile(store.activeProfile()));
+    tarnfw::Machine machine;
+    tarnfw::Decider decider(store.profile(store.activeProfile()), machine);
     bool allowed = true;
     // One decision; of a range such as tcp/6000-6010 one for each part that is decided alike.
     for (const auto& decision : decider.decide(tarnfw::packetFrom(address, port, interface))) {

@@ -7,7 +7,6 @@
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "check/schemaCheck.h"
-#include "machine/machine.h"
 #include "tarnfwadmin/profileCheck.h"
 #include "tarnfwadmin/store.h"
 #include "tarnfwadmin/text.h"
@@ -73,7 +72,7 @@ void checkKeysAndNames(const Json::Value& document, Findings& findings) {
 
 }  // namespace
 
-ExportFindings checkExport(const Json::Value& document) {
+ExportFindings checkExport(const Json::Value& document, Machine& machine) {
     ExportFindings all;
     all.document = checkSchema(document, kExportSchema);
     if (!document.isObject() || !document[kConfigProfiles].isObject()) {
@@ -85,7 +84,6 @@ ExportFindings checkExport(const Json::Value& document) {
     all.document.insert(all.document.end(), more.begin(), more.end());
 
     const Json::Value& profiles = document[kConfigProfiles];
-    Machine machine;
     for (const std::string& key : profiles.getMemberNames()) {
         if (!profiles[key].isObject() || !profiles[key]["name"].isString()) {
             continue;

@@ -11,7 +11,6 @@
 #include "check/meaningCheck.h"
 #include "check/schemaCheck.h"
 #include "check/shadowCheck.h"
-#include "machine/machine.h"
 
 namespace tarnfw {
 namespace {
@@ -51,11 +50,6 @@ FW::FWPROFILE withOneRuleOfEachKind(const FW::FWPROFILE& profile) {
 
 }  // namespace
 
-std::vector<Finding> checkProfile(const Json::Value& document) {
-    Machine machine;
-    return checkProfile(document, machine);
-}
-
 std::vector<Finding> checkProfile(const Json::Value& document, Machine& machine) {
     std::vector<Finding> findings = checkSchema(document, kProfileSchema);
     append(findings, checkMeaning(document, machine));
@@ -63,8 +57,7 @@ std::vector<Finding> checkProfile(const Json::Value& document, Machine& machine)
     return findings;
 }
 
-std::size_t errorsOf(const FW::FWPROFILE& profile) {
-    Machine machine;
+std::size_t errorsOf(const FW::FWPROFILE& profile, Machine& machine) {
     const Json::Value document = documentOf(profile);
     std::vector<Finding> findings = checkMeaning(document, machine);
     // The schema check takes nine tenths of the time, and most rules have the same codes.
@@ -75,8 +68,8 @@ std::size_t errorsOf(const FW::FWPROFILE& profile) {
 }
 
 std::vector<Finding> ruleFindings(const FW::FWPROFILE& profile,
-                                  const std::vector<RulePlace>& places) {
-    std::vector<Finding> found = checkProfile(documentOf(profile));
+                                  const std::vector<RulePlace>& places, Machine& machine) {
+    std::vector<Finding> found = checkProfile(documentOf(profile), machine);
     const auto concerns = [](const Finding& finding, const RulePlace& place) {
         return finding.rule == place || finding.shadowedBy == place ||
                (!finding.rule && finding.path == memberPath("rules", place.adapter));

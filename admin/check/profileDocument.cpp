@@ -38,11 +38,11 @@ void ProfileDocument::becomeNew(const std::string& name) {
     document_.removeMember("active");
 }
 
-bool ProfileDocument::check() {
+bool ProfileDocument::check(Machine& machine) {
     if (!valid()) {
         return false;
     }
-    findings_ = checkProfile(document_);
+    findings_ = checkProfile(document_, machine);
     std::stable_partition(findings_.begin(), findings_.end(),
                           [](const Finding& finding) { return finding.isError; });
     if (!valid()) {

@@ -15,14 +15,14 @@
 
 namespace tarnfw {
 
-void requireValidProfile(const FW::FWPROFILE& profile) {
-    const std::size_t errors = errorsOf(profile);
+void requireValidProfile(const FW::FWPROFILE& profile, Machine& machine) {
+    const std::size_t errors = errorsOf(profile, machine);
     if (errors == 0) {
         return;
     }
     Json::Value document;
     FW::TARNFW_JSON_DB().profileToJson(profile, document);
-    const std::vector<Finding> findings = checkProfile(document);
+    const std::vector<Finding> findings = checkProfile(document, machine);
     const auto first = std::find_if(findings.begin(), findings.end(),
                                     [](const Finding& finding) { return finding.isError; });
     std::string text = lineOf("profile " + inQuotes(profile.name), *first);
@@ -33,12 +33,12 @@ void requireValidProfile(const FW::FWPROFILE& profile) {
 }
 
 RulePlace addRule(StoreSession& session, const std::string& profile, const std::string& adapter,
-                  const FW::FWRULE& rule) {
+                  const FW::FWRULE& rule, Machine& machine) {
     FW::FWPROFILE changed = session.snapshot().profile(profile);
     requireAdapter(adapter, adaptersOf(changed));
     std::vector<FW::FWRULE>& rules = changed.rules[adapter];
     rules.push_back(rule);
-    requireValidProfile(changed);
+    requireValidProfile(changed, machine);
     session.storeProfile(changed);
     return {adapter, rules.size()};
 }

@@ -5,8 +5,8 @@
 
 #include <json/json.h>
 
-#include "machine/machine.h"
 #include "tarnfwadmin/finding.h"
+#include "tarnfwadmin/machine.h"
 
 namespace tarnfw {
 

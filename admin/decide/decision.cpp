@@ -214,10 +214,8 @@ Packet packetFrom(const std::string& address, const std::string& port,
     return packet;
 }
 
-Decider::Decider(FW::FWPROFILE profile)
-    : profile_(std::move(profile)), machine_(std::make_unique<Machine>()) {}
-
-Decider::~Decider() = default;
+Decider::Decider(FW::FWPROFILE profile, Machine& machine)
+    : profile_(std::move(profile)), machine_(machine) {}
 
 std::vector<Decision> Decider::decide(const Packet& packet) {
     Pieces pieces(packet.ports);
@@ -229,14 +227,13 @@ std::vector<Decision> Decider::decide(const Packet& packet) {
         const std::size_t count = rules == profile_.rules.end() ? 0 : rules->second.size();
         for (std::size_t i = 0; i < count; ++i) {
             const FWRULE& rule = rules->second[i];
-            const Fit address =
-                hasInputLine(rule, list) ? fitOf(rule, packet, *machine_) : Fit::kNo;
+            const Fit address = hasInputLine(rule, list) ? fitOf(rule, packet, machine_) : Fit::kNo;
             if (address == Fit::kNo) {
                 continue;
             }
             const RulePlace place = {list, i + 1};
             const bool denies = rule.policy == FW::FW_POLICY_DENY;
-            for (const FittingPorts& fitting : fittingPorts(rule, packet, *machine_)) {
+            for (const FittingPorts& fitting : fittingPorts(rule, packet, machine_)) {
                 if (std::min(address, fitting.fit) == Fit::kYes) {
                     pieces.settle(fitting.ports, decisionBy(DecidedBy::kRule, place, denies));
                 } else {

@@ -7,13 +7,15 @@
 
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/error.h"
+#include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/ruleChange.h"
 
 namespace tarnfw {
 
 void enableFirewall(StoreSession& session) {
     requireBase();
-    requireValidProfile(session.snapshot().profile(""));
+    Machine machine;
+    requireValidProfile(session.snapshot().profile(""), machine);
     const bool wasEnabled = session.snapshot().firewallEnabled();
     if (session.change([] { return FW::TARNFW().fwEnable(); })) {
         return;

@@ -75,18 +75,16 @@ ServiceSide sideOf(int protocol, const TLIBCSZLIST* list) {
 
 }  // namespace
 
-void Catalogue::Release::operator()(TARNFW_SERVICE_LIST* list) const {
-    TARNFwServiceFree(list);
-}
-
 Catalogue::Catalogue() {
     TARNFW_SERVICE_LIST* list = nullptr;
     const int count = TARNFwServiceEnum(&list);
-    list_.reset(list);
-    if (count < 1) {
-        list_.reset();
+    const Shared loaded(list, TARNFwServiceFree);
+    if (count >= 1) {
+        list_ = loaded;
     }
 }
+
+Catalogue::Catalogue(const TARNFW_SERVICE_LIST* list) : list_(Shared(), list) {}
 
 std::optional<Service> Catalogue::find(const std::string& name) const {
     const TARNFW_SERVICE* const record =
@@ -99,8 +97,11 @@ std::optional<Service> Catalogue::find(const std::string& name) const {
 }
 
 std::vector<Service> Catalogue::services() const {
+    if (!names_) {
+        names_ = namesInFiles();
+    }
     std::vector<Service> services;
-    for (const std::string& name : namesInFiles()) {
+    for (const std::string& name : *names_) {
         if (std::optional<Service> service = find(name)) {
             services.push_back(std::move(*service));
         }
@@ -132,14 +133,6 @@ Service Catalogue::require(const std::string& name) const {
     const std::string meant = nearest(name, names);
     throw Error(ErrorKind::kNotFound, "there is no service " + inQuotes(name) + didYouMean(meant),
                 {}, Remedy::kListServices);
-}
-
-Catalogue requireCatalogue() {
-    Catalogue catalogue;
-    if (!catalogue.readable()) {
-        throw Error(ErrorKind::kSystem, "the service catalogue is empty or cannot be read");
-    }
-    return catalogue;
 }
 
 std::vector<FW::PortCompareST> portsOf(const Service& service) {

@@ -1,9 +1,10 @@
-#include "machine/machine.h"
+#include "tarnfwadmin/machine.h"
 
 #include <vector>
 
 #include "tarnfirewall/fwGeoip.h"
 
+#include "tarnfwadmin/error.h"
 #include "tarnfwadmin/text.h"
 
 namespace tarnfw {
@@ -17,7 +18,14 @@ bool Machine::hasAdapter(const std::string& adapter) {
 }
 
 const Catalogue& Machine::catalogue() {
-    return catalogue_ ? *catalogue_ : catalogue_.emplace();
+    return catalogue_ ? *catalogue_ : catalogue_.emplace(translation_.serviceCatalogue());
+}
+
+const Catalogue& Machine::requireCatalogue() {
+    if (!hasCatalogue()) {
+        throw Error(ErrorKind::kSystem, "the service catalogue is empty or cannot be read");
+    }
+    return catalogue();
 }
 
 bool Machine::hasCatalogue() {

@@ -10,8 +10,8 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-#include "machine/machine.h"
 #include "tarnfwadmin/addressRange.h"
+#include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/portEntry.h"
 
 namespace tarnfw {

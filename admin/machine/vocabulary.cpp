@@ -9,7 +9,7 @@
 
 #include "tarnfirewall/fwGeoip.h"
 
-#include "tarnfwadmin/catalogue.h"
+#include "tarnfwadmin/machine.h"
 
 namespace tarnfw {
 namespace {
@@ -27,9 +27,9 @@ std::vector<std::string> countries() {
 
 }  // namespace
 
-RuleVocabulary machineVocabulary() {
+RuleVocabulary machineVocabulary(Machine& machine) {
     RuleVocabulary known;
-    for (const Service& service : Catalogue().usableServices()) {
+    for (const Service& service : machine.catalogue().usableServices()) {
         known.services[service.name] = service.destination.protocol;
     }
     const std::vector<std::string> codes = countries();
@@ -41,10 +41,10 @@ RuleVocabulary machineVocabulary() {
     return known;
 }
 
-FW::FWRULE ruleFromText(const std::string& text) {
+FW::FWRULE ruleFromText(const std::string& text, Machine& machine) {
     std::istringstream words(text);
     return ruleFrom({std::istream_iterator<std::string>(words), {}}, RuleOptions(),
-                    machineVocabulary());
+                    machineVocabulary(machine));
 }
 
 }  // namespace tarnfw

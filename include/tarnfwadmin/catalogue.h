@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -31,11 +32,15 @@ struct Service {
     bool usable() const { return !title.empty(); }
 };
 
-/// The catalogue, as read by the constructor. For one thread; it can be moved.
+/// The catalogue, as the platform read it when this was made. For one thread; it can be moved.
 class Catalogue {
 public:
     /// Reads the catalogue. One that cannot be read has no services; the platform logs why.
     Catalogue();
+
+    /// One that the platform has read; `list`, null for none, is not released and outlives this
+    /// object.
+    explicit Catalogue(const TARNFW_SERVICE_LIST* list);
 
     /// Whether the catalogue has services.
     bool readable() const { return list_ != nullptr; }
@@ -43,7 +48,7 @@ public:
     /// The service of this name, usable or not.
     std::optional<Service> find(const std::string& name) const;
 
-    /// All services, sorted by name. Reads the files' names of services anew.
+    /// All services, sorted by name. The first call reads their names from the files.
     std::vector<Service> services() const;
 
     /// Those that rules can name, sorted by name.
@@ -54,14 +59,11 @@ public:
     Service require(const std::string& name) const;
 
 private:
-    struct Release {
-        void operator()(TARNFW_SERVICE_LIST* list) const;
-    };
-    std::unique_ptr<TARNFW_SERVICE_LIST, Release> list_;
-};
+    using Shared = std::shared_ptr<const TARNFW_SERVICE_LIST>;
 
-/// The catalogue. Throws Error, kSystem, when it is empty or cannot be read.
-Catalogue requireCatalogue();
+    Shared list_;
+    mutable std::optional<std::set<std::string>> names_;
+};
 
 /// One question for a blocked check for each port of a service: its source ports, then its
 /// destination ports, as the library's own check of a service asks them.

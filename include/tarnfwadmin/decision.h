@@ -2,7 +2,6 @@
 /// INPUT_FIREWALL. A blocked check has a verdict for all addresses; this decides for one.
 #pragma once
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,7 +14,7 @@
 
 namespace tarnfw {
 
-class Machine;  // private
+class Machine;
 
 /// A packet for this machine, or several that differ only in the port.
 struct Packet {
@@ -59,14 +58,11 @@ struct Decision {
 /// Decides by one profile, as if every queried adapter existed. Country rules count as in a
 /// kernel with the "geoip" match. Rules whose line the kernel refuses, and those for "ppp0",
 /// which get no line, decide nothing.
-/// Reads the service catalogue and the country database when a rule needs them, each once. For one
-/// thread; changes nothing.
+/// Asks `machine`, which outlives this object, for services and countries when a rule needs them.
+/// For one thread; changes nothing.
 class Decider {
 public:
-    explicit Decider(FW::FWPROFILE profile);
-    ~Decider();
-    Decider(const Decider&) = delete;
-    Decider& operator=(const Decider&) = delete;
+    Decider(FW::FWPROFILE profile, Machine& machine);
 
     const FW::FWPROFILE& profile() const { return profile_; }
 
@@ -83,7 +79,7 @@ public:
 
 private:
     FW::FWPROFILE profile_;
-    std::unique_ptr<Machine> machine_;
+    Machine& machine_;
 };
 
 }  // namespace tarnfw

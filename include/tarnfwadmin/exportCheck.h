@@ -9,6 +9,8 @@
 
 namespace tarnfw {
 
+class Machine;
+
 /// Findings about an exported configuration.
 struct ExportFindings {
     std::vector<Finding> document;  ///< shape, file names, settings: with errors, never to import
@@ -18,6 +20,6 @@ struct ExportFindings {
 /// Checks an exported configuration (docs/export.schema.json): its shape; keys that cannot be file
 /// names; profile names that occur twice; an active profile that is not there; each profile. Reads
 /// what checkProfile() reads; changes nothing.
-ExportFindings checkExport(const Json::Value& document);
+ExportFindings checkExport(const Json::Value& document, Machine& machine);
 
 }  // namespace tarnfw

@@ -23,18 +23,15 @@ class Machine;
 /// without effect.
 /// Reads the service catalogue, the interfaces and the country database; changes nothing. What
 /// cannot be read there is a warning; any document can be given.
-std::vector<Finding> checkProfile(const Json::Value& document);
-
-/// The same for one of several profiles, with what was asked of the machine before.
 std::vector<Finding> checkProfile(const Json::Value& document, Machine& machine);
 
 /// How many errors checkProfile() finds in a profile; faster, since it leaves out the warnings
 /// about rules that never take effect.
-std::size_t errorsOf(const FW::FWPROFILE& profile);
+std::size_t errorsOf(const FW::FWPROFILE& profile, Machine& machine);
 
 /// The findings of checkProfile() about the rules at `places`, about those that they shadow, and
 /// about the adapters that they are for.
 std::vector<Finding> ruleFindings(const FW::FWPROFILE& profile,
-                                  const std::vector<RulePlace>& places);
+                                  const std::vector<RulePlace>& places, Machine& machine);
 
 }  // namespace tarnfw

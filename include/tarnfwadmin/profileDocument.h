@@ -12,6 +12,8 @@
 
 namespace tarnfw {
 
+class Machine;
+
 /// A profile's document (docs/profile-format.md) on its way from a text to the store. An object is
 /// for one thread; it reads what checkProfile() reads and writes nothing.
 class ProfileDocument {
@@ -27,7 +29,7 @@ public:
     void becomeNew(const std::string& name);
 
     /// Checks the document, unless it has errors already. Returns whether it can be stored.
-    bool check();
+    bool check(Machine& machine);
 
     /// What was found so far, errors first.
     const std::vector<Finding>& findings() const { return findings_; }

@@ -10,9 +10,11 @@
 
 namespace tarnfw {
 
+class Machine;
+
 /// Throws Error, kInvalid, with the first error that checkProfile() finds in the profile and how
 /// many more there are.
-void requireValidProfile(const FW::FWPROFILE& profile);
+void requireValidProfile(const FW::FWPROFILE& profile, Machine& machine);
 
 /// Adds a rule to profile `profile`, the active one when that is empty, as the last of an adapter's
 /// list, and stores it. `session` may change the store. Returns the rule's place; the kernel still
@@ -21,6 +23,6 @@ void requireValidProfile(const FW::FWPROFILE& profile);
 /// that neither the machine nor the profile has, kInvalid as requireValidProfile(), also for an
 /// error that was there before, kSystem as StoreSession::storeProfile().
 RulePlace addRule(StoreSession& session, const std::string& profile, const std::string& adapter,
-                  const FW::FWRULE& rule);
+                  const FW::FWRULE& rule, Machine& machine);
 
 }  // namespace tarnfw

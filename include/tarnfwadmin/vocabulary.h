@@ -9,12 +9,14 @@
 
 namespace tarnfw {
 
+class Machine;
+
 /// The usable services of the catalogue, and the countries that have data. Without a catalogue or
 /// without country data there are none.
-RuleVocabulary machineVocabulary();
+RuleVocabulary machineVocabulary(Machine& machine);
 
 /// The rule that a text such as "deny tcp 22,6000-6010 from 192.168.1.0/24" describes, see
 /// ruleSyntax.h; words are separated by blanks. Throws what ruleFrom() throws.
-FW::FWRULE ruleFromText(const std::string& text);
+FW::FWRULE ruleFromText(const std::string& text, Machine& machine);
 
 }  // namespace tarnfw

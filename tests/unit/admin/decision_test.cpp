@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "tarnfwadmin/error.h"
+#include "tarnfwadmin/machine.h"
 
 namespace {
 
@@ -132,7 +133,8 @@ std::string told(const std::vector<Decision>& decisions) {
 }
 
 std::string decided(const FWPROFILE& profile, const Packet& packet) {
-    return told(Decider(profile).decide(packet));
+    tarnfw::Machine machine;
+    return told(Decider(profile, machine).decide(packet));
 }
 
 void writeFile(const std::string& path, const std::string& content) {
@@ -466,7 +468,8 @@ TEST(DecisionReasonTest, NamesTheRuleOrThePolicy) {
     FWPROFILE profile;
     profile.rules["eth0"] = {ports(kDeny, {"23"}), ports(kAllow, {"22"})};
     profile.adapterPolicyMap["eth0"] = kDeny;
-    Decider decider(profile);
+    tarnfw::Machine machine;
+    Decider decider(profile, machine);
     const auto reasons = [&](const Packet& packet) {
         Texts texts;
         for (const Decision& decision : decider.decide(packet)) {

@@ -357,8 +357,9 @@ TEST_F(ProfileCheckTest, PlacesAreData) {
     Json::Value document = profile({rule(), rule(R"({"portList": ["23"]})")});
     document["rules"]["eth0.7"].append(rule(R"({"portList": ["x"]})"));
     document["rules"]["global"].append(rule());
+    Machine machine;
     std::vector<std::string> places;
-    for (const Finding& finding : checkProfile(document)) {
+    for (const Finding& finding : checkProfile(document, machine)) {
         const Json::Value entry = jsonOf(finding);
         places.push_back(entry["where"].asString() + " " + entry["adapter"].asString() + " " +
                          (entry["position"].isNull() ? "-" : entry["position"].asString()) +
@@ -374,9 +375,10 @@ TEST_F(ProfileCheckTest, FindingsOfOneRuleAreThoseThatConcernIt) {
     FW::TARNFW_JSON_DB().jsonToProfile(
         profile({rule(), rule(), rule(R"({"portList": ["x"]})"), rule(R"({"portList": ["y"]})")}),
         stored);
-    const auto textsAt = [&stored](std::size_t position) {
+    Machine machine;
+    const auto textsAt = [&](std::size_t position) {
         std::vector<std::string> texts;
-        for (const Finding& finding : ruleFindings(stored, {{"global", position}})) {
+        for (const Finding& finding : ruleFindings(stored, {{"global", position}}, machine)) {
             texts.push_back(textOf(finding));
         }
         return texts;
@@ -406,17 +408,18 @@ TEST_F(ProfileCheckTest, ErrorsAreCountedForEveryRule) {
     FW::FWRULE wrongPort = valid;
     wrongPort.portGroup = FW::FW_PORT_GROUP_PORTS;
     wrongPort.portList = {"x"};
+    Machine machine;
     FW::FWPROFILE profile;
     profile.name = "home";
     profile.adapterPolicyMap = {{"global", FW::FW_POLICY_NONE}};
     profile.rules["global"] = {valid, valid};
-    EXPECT_EQ(errorsOf(profile), 0U);
+    EXPECT_EQ(errorsOf(profile, machine), 0U);
     profile.rules["global"] = {valid, wrongPort, valid, wrongPort};
-    EXPECT_EQ(errorsOf(profile), 2U);
+    EXPECT_EQ(errorsOf(profile, machine), 2U);
     profile.rules["global"] = {valid, wrongCode, wrongPort, wrongCode, wrongCode};
-    EXPECT_EQ(errorsOf(profile), 4U);
+    EXPECT_EQ(errorsOf(profile, machine), 4U);
     profile.adapterPolicyMap["global"] = FW::FW_POLICY_DENY;
-    EXPECT_EQ(errorsOf(profile), 5U);
+    EXPECT_EQ(errorsOf(profile, machine), 5U);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/profileCheck.h"
 
 namespace tarnfw {
@@ -63,8 +64,9 @@ inline Json::Value profile(const std::vector<Json::Value>& rules) {
 }
 
 inline std::vector<std::string> linesOf(const Json::Value& document) {
+    Machine machine;
     std::vector<std::string> lines;
-    for (const Finding& finding : checkProfile(document)) {
+    for (const Finding& finding : checkProfile(document, machine)) {
         lines.push_back(lineOf("home.json", finding));
     }
     return lines;

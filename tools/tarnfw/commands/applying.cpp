@@ -31,8 +31,8 @@ void addReloadFlag(Command& command, ReloadOptions& options, const char* yesHelp
     command.flag("--yes", options.yes, yesHelp);
 }
 
-std::string errorsText(const FW::FWPROFILE& profile) {
-    const std::size_t errors = errorsOf(profile);
+std::string errorsText(const FW::FWPROFILE& profile, Machine& machine) {
+    const std::size_t errors = errorsOf(profile, machine);
     const std::string name = printable(profile.name);
     return errors == 0
                ? std::string()
@@ -40,15 +40,15 @@ std::string errorsText(const FW::FWPROFILE& profile) {
                      name + "\" lists " + (errors == 1 ? "it" : "them");
 }
 
-void requireValid(const FW::FWPROFILE& profile) {
-    const std::string text = errorsText(profile);
+void requireValid(const FW::FWPROFILE& profile, Machine& machine) {
+    const std::string text = errorsText(profile, machine);
     if (!text.empty()) {
         throw Error(ErrorKind::kInvalid, text + "; nothing was changed");
     }
 }
 
-void warnAboutErrors(const FW::FWPROFILE& profile) {
-    const std::string text = errorsText(profile);
+void warnAboutErrors(const FW::FWPROFILE& profile, Machine& machine) {
+    const std::string text = errorsText(profile, machine);
     if (!text.empty()) {
         warn(text);
     }
@@ -66,11 +66,11 @@ void requireAppliable(Context& context, const FW::FWPROFILE& changed, const Relo
     const bool goesIn = options.wanted && store.firewallEnabled() &&
                         (becomesActive || changed.name == store.activeProfile());
     if (!goesIn) {
-        warnAboutErrors(changed);
+        warnAboutErrors(changed, context.machine());
         return;
     }
-    requireValid(changed);
-    requireSshAccess(changed, options.yes, kQuestion);
+    requireValid(changed, context.machine());
+    requireSshAccess(changed, context.machine(), options.yes, kQuestion);
 }
 
 void confirmReload(Context& context, const ReloadOptions& options) {
@@ -78,8 +78,8 @@ void confirmReload(Context& context, const ReloadOptions& options) {
         return;
     }
     const FW::FWPROFILE& active = context.store().profile("");
-    warnAboutErrors(active);
-    requireSshAccess(active, options.yes, kQuestion,
+    warnAboutErrors(active, context.machine());
+    requireSshAccess(active, context.machine(), options.yes, kQuestion,
                      "the change is stored, but the kernel still has the old rules");
 }
 

@@ -26,13 +26,13 @@ void addReloadFlag(
 // ---- Before a change ----
 
 /// Throws Error, kInvalid, for a profile with errors.
-void requireValid(const FW::FWPROFILE& profile);
+void requireValid(const FW::FWPROFILE& profile, Machine& machine);
 
 /// "profile "home" has 2 errors; ..."; empty when it has none.
-std::string errorsText(const FW::FWPROFILE& profile);
+std::string errorsText(const FW::FWPROFILE& profile, Machine& machine);
 
 /// Warns in one line about an invalid profile.
-void warnAboutErrors(const FW::FWPROFILE& profile);
+void warnAboutErrors(const FW::FWPROFILE& profile, Machine& machine);
 
 /// For a command with "--reload", before it changes anything: throws what reloadActive() would.
 void requireReloadable(Context& context, const ReloadOptions& options);

@@ -20,6 +20,7 @@
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/decision.h"
 #include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/ruleText.h"
 #include "tarnfwadmin/store.h"
 #include "tarnfwadmin/verdicts.h"
@@ -82,13 +83,14 @@ void addBlockedOptions(Command& command, BlockedOptions& options) {
 }
 
 /// The queried ports, one question each. Throws Error for an unknown service.
-std::vector<FW::PortCompareST> questionsOf(const BlockedOptions& options) {
+std::vector<FW::PortCompareST> questionsOf(const BlockedOptions& options, Machine& machine) {
     if (options.service.empty()) {
         FW::PortCompareST question{};
         (void)portQuestionFrom(options.port, question);  // has passed as an option
         return {question};
     }
-    std::vector<FW::PortCompareST> questions = portsOf(requireCatalogue().require(options.service));
+    std::vector<FW::PortCompareST> questions =
+        portsOf(machine.requireCatalogue().require(options.service));
     if (questions.empty()) {
         throw Error(ErrorKind::kSystem, "service " + inQuotes(options.service) + " has no ports");
     }
@@ -176,8 +178,9 @@ std::string noteOn(const AdapterAnswer& answer) {
 
 void blocked(const BlockedOptions& options) {
     requireRoot();
-    const std::vector<FW::PortCompareST> questions = questionsOf(options);
-    const Context context(StoreSession::Access::kRead);
+    auto machine = std::make_unique<Machine>();
+    const std::vector<FW::PortCompareST> questions = questionsOf(options, *machine);
+    Context context(StoreSession::Access::kRead, std::move(machine));
     const StoreSnapshot& store = context.store();
     if (answeredDisabled(store, options, questions)) {
         return;
@@ -314,8 +317,9 @@ void printAnswer(const FW::FWPROFILE& profile, const AdapterAnswer& answer) {
 }
 
 void explain(const BlockedOptions& options) {
-    const std::vector<FW::PortCompareST> questions = questionsOf(options);
-    const Context context(StoreSession::Access::kRead);
+    auto machine = std::make_unique<Machine>();
+    const std::vector<FW::PortCompareST> questions = questionsOf(options, *machine);
+    Context context(StoreSession::Access::kRead, std::move(machine));
     const StoreSnapshot& store = context.store();
     if (answeredDisabled(store, options, questions)) {
         return;
@@ -466,13 +470,14 @@ void explainSender(const BlockedOptions& options) {
             "--adapter: no packet comes in through \"global\"; name another adapter, or none for "
             "all");
     }
-    const std::vector<FW::PortCompareST> questions = questionsOf(options);
-    const Context context(StoreSession::Access::kRead);
+    auto machine = std::make_unique<Machine>();
+    const std::vector<FW::PortCompareST> questions = questionsOf(options, *machine);
+    Context context(StoreSession::Access::kRead, std::move(machine));
     const StoreSnapshot& store = context.store();
     if (answeredDisabled(store, options, questions)) {
         return;
     }
-    Decider decider(store.profile(""));
+    Decider decider(store.profile(""), context.machine());
     std::vector<AdapterDecisions> found;
     bool allowed = true;
     for (const std::string& adapter : adaptersAsked(options, decider.profile())) {

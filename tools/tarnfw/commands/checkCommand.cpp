@@ -16,6 +16,7 @@
 #include "cli/output.h"
 #include "commands/commands.h"
 #include "tarnfwadmin/documentFile.h"
+#include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/profileCheck.h"
 #include "tarnfwadmin/scratchKernel.h"
 #include "tarnfwadmin/store.h"
@@ -127,7 +128,8 @@ void check(const Options& options) {
     std::vector<Finding> findings = parseDocument(source.text, document);
     std::size_t loaded = 0;
     if (countErrors(findings) == 0) {
-        append(findings, checkProfile(document));
+        Machine machine;
+        append(findings, checkProfile(document, machine));
         if (options.kernel && document.isObject()) {
             loaded = loadIntoKernel(document, findings);
         }

@@ -2,6 +2,7 @@
 
 #include <iostream>
 #include <string>
+#include <utility>
 
 #include "cli/command.h"
 #include "tarnfwadmin/baseFilter.h"
@@ -16,7 +17,8 @@ StoreSession::Access allowed(StoreSession::Access access) {
 
 }  // namespace
 
-Context::Context(StoreSession::Access access) : session_(allowed(access)) {
+Context::Context(StoreSession::Access access, std::unique_ptr<Machine> machine)
+    : session_(allowed(access)), machine_(std::move(machine)) {
     printNotes();
 }
 

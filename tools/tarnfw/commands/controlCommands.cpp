@@ -50,8 +50,8 @@ void enable(bool yes) {
     Context context(StoreSession::Access::kChange);
     context.requireBase();
     const FW::FWPROFILE& profile = context.store().profile("");
-    requireValid(profile);
-    requireSshAccess(profile, yes, "Enable anyway?");
+    requireValid(profile, context.machine());
+    requireSshAccess(profile, context.machine(), yes, "Enable anyway?");
     enableOrGoBack(context);
     std::cout << "Firewall enabled with profile " << inQuotes(context.store().activeProfile())
               << "\n";
@@ -75,11 +75,12 @@ void disable() {
 }
 
 /// Warns about errors of the active profile. The reload goes on: the profile is in force already.
-std::string warningsAboutActive(const Context& context) {
+std::string warningsAboutActive(Context& context) {
     std::string warnings;
     try {
         const FW::FWPROFILE& profile = context.store().profile("");
-        for (const std::string& text : {errorsText(profile), sshWarning(profile)}) {
+        for (const std::string& text :
+             {errorsText(profile, context.machine()), sshWarning(profile, context.machine())}) {
             warnings += text.empty() ? "" : "tarnfw: " + text + "\n";
         }
     } catch (const std::exception&) {

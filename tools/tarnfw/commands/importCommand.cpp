@@ -13,6 +13,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <json/json.h>
@@ -65,14 +66,14 @@ void complain(const std::string& source, const std::vector<Finding>& findings) {
 }
 
 /// Reads and checks the document. Prints its findings, and throws Error if it has errors.
-Json::Value checkedDocument(const Options& options) {
+Json::Value checkedDocument(const Options& options, Machine& machine) {
     const std::string source = sourceOf(options.path);
     Json::Value document;
     const std::vector<Finding> syntax = parseDocument(readText(options.path), document);
     complain(source, syntax);
     std::size_t errors = countErrors(syntax);
     if (errors == 0) {
-        const ExportFindings findings = checkExport(document);
+        const ExportFindings findings = checkExport(document, machine);
         complain(source, findings.document);
         complain(source, findings.profiles);
         errors =
@@ -254,14 +255,14 @@ std::string keepBackup(const Json::Value& current) {
 }
 
 /// The command that restores a backup.
-std::string recovery(const std::string& path, const Json::Value& backup) {
-    const bool whole = countErrors(checkExport(backup).profiles) == 0;
+std::string recovery(const std::string& path, const Json::Value& backup, Machine& machine) {
+    const bool whole = countErrors(checkExport(backup, machine).profiles) == 0;
     return "tarnfw import " + std::string(whole ? "" : "--force ") + path;
 }
 
 /// The same, and applies it.
-std::string goingBack(const std::string& path, const Json::Value& backup) {
-    return recovery(path, backup) + " --reload";
+std::string goingBack(const std::string& path, const Json::Value& backup, Machine& machine) {
+    return recovery(path, backup, machine) + " --reload";
 }
 
 // ---- Replacing ----------------------------------------------------------------------------------
@@ -297,7 +298,9 @@ void replace(Context& context, const Json::Value& document, const Json::Value& c
     }
     throw Error(ErrorKind::kSystem,
                 failed + ", and so did restoring the previous configuration" +
-                    (backup.empty() ? "" : "; \"" + recovery(backup, current) + "\" tries again"));
+                    (backup.empty() ? ""
+                                    : "; \"" + recovery(backup, current, context.machine()) +
+                                          "\" tries again"));
 }
 
 /// Applies the imported profile. If that fails, says how to restore the backup.
@@ -364,7 +367,8 @@ void requireWayBackIn(Context& context, const Options& options, const Json::Valu
         if (profile["name"] == name) {
             FW::FWPROFILE record;
             FW::TARNFW_JSON_DB().jsonToProfile(profile, record);
-            requireSshAccess(record, options.reload.yes, "Import and apply it anyway?");
+            requireSshAccess(record, context.machine(), options.reload.yes,
+                             "Import and apply it anyway?");
         }
     }
 }
@@ -399,20 +403,22 @@ std::optional<Imported> importInto(Context& context, const Json::Value& document
     std::string backup;
     if (!current[kConfigProfiles].empty()) {
         backup = keepBackup(current);
-        std::cout << "Backup: " << backup << " (\"" << recovery(backup, current)
+        std::cout << "Backup: " << backup << " (\"" << recovery(backup, current, context.machine())
                   << "\" restores it)" << std::endl;
     }
     const bool wasEnabled = context.store().firewallEnabled();
     replace(context, document, current, backup);
     std::cout << "Imported " << counted(document[kConfigProfiles].size(), "profile")
               << "; active: " << printable(context.store().activeProfile()) << '\n';
-    return Imported{wasEnabled, backup.empty() ? "" : goingBack(backup, current)};
+    return Imported{wasEnabled,
+                    backup.empty() ? "" : goingBack(backup, current, context.machine())};
 }
 
 void importAll(const Options& options) {
     requireRoot();
-    const Json::Value document = checkedDocument(options);
-    Context context(StoreSession::Access::kChange);
+    auto machine = std::make_unique<Machine>();
+    const Json::Value document = checkedDocument(options, *machine);
+    Context context(StoreSession::Access::kChange, std::move(machine));
     const std::optional<Imported> imported = importInto(context, document, options);
     if (imported) {
         apply(context, options.reload.wanted, imported->wasEnabled, imported->goingBack);

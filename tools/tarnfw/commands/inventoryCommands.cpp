@@ -20,8 +20,8 @@
 #include "cli/output.h"
 #include "commands/commands.h"
 #include "commands/context.h"
-#include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/ruleText.h"
 
 namespace tarnfw {
@@ -220,8 +220,8 @@ Json::Value serviceDocument(const Service& service) {
 
 void services(const std::string& pattern, bool json) {
     requireRoot();
-    const Catalogue catalogue = requireCatalogue();
-    std::vector<Service> found = catalogue.services();
+    Machine machine;
+    std::vector<Service> found = machine.requireCatalogue().services();
     found.erase(std::remove_if(found.begin(), found.end(),
                                [&](const Service& service) { return !fits(service, pattern); }),
                 found.end());

@@ -155,10 +155,10 @@ void show(const std::string& name, bool json) {
 
 // ---- create, copy, rename, delete ----
 
-FW::FWPROFILE profileFrom(const std::string& path, const std::string& name) {
+FW::FWPROFILE profileFrom(const std::string& path, const std::string& name, Machine& machine) {
     ProfileDocument document(readText(path));
     document.becomeNew(name);
-    const bool valid = document.check();
+    const bool valid = document.check(machine);
     warn(path, document.findings());
     if (!valid) {
         throw Error(ErrorKind::kInvalid, printable(path) + " is invalid: no profile was created");
@@ -172,7 +172,7 @@ void create(const std::string& name, const std::string& source) {
     FW::FWPROFILE profile;
     profile.name = name;
     if (!source.empty()) {
-        profile = profileFrom(source, name);
+        profile = profileFrom(source, name, context.machine());
     }
     context.session().storeProfile(profile);
     std::cout << "Profile " << inQuotes(name) << " created"
@@ -185,7 +185,7 @@ void copy(const std::string& oldName, const std::string& newName) {
     context.store().requireNewName(newName);
     profile.name = newName;
     context.session().storeProfile(profile);
-    warnAboutErrors(profile);
+    warnAboutErrors(profile, context.machine());
     std::cout << "Profile " << inQuotes(newName) << " created, a copy of " << inQuotes(oldName)
               << '\n';
 }
@@ -249,7 +249,7 @@ void use(const std::string& name, const ReloadOptions& reload) {
     requireReloadable(context, reload);
     context.store().requireProfile(name);
     const FW::FWPROFILE& profile = context.store().profile(name);
-    requireValid(profile);  // a reload of it would leave the machine open
+    requireValid(profile, context.machine());  // a reload of it would leave the machine open
     requireAppliable(context, profile, reload, /*becomesActive=*/true);
     const SignalsWait wait;
     const std::string before = context.store().activeProfile();
@@ -321,7 +321,8 @@ std::optional<ProfileDocument> validDocument(const PrivateText& text, const std:
         if (!document) {
             return std::nullopt;
         }
-        const bool valid = document->check();
+        Machine machine;  // it may have changed meanwhile
+        const bool valid = document->check(machine);
         warn(name, document->findings());
         if (valid) {
             return document;

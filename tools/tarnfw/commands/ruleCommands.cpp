@@ -6,6 +6,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tarnfirewall/fwTypes.h"
@@ -129,7 +130,7 @@ Outcome changedAt(const Rules& rules, std::size_t position, const Target& target
 
 /// What there is to say about the changed rules. Refuses invalid ones.
 Texts warningsOf(const FW::FWPROFILE& profile, const std::string& adapter,
-                 const std::vector<std::size_t>& positions) {
+                 const std::vector<std::size_t>& positions, Machine& machine) {
     std::vector<RulePlace> places;
     places.reserve(positions.size());
     for (const std::size_t position : positions) {
@@ -139,7 +140,7 @@ Texts warningsOf(const FW::FWPROFILE& profile, const std::string& adapter,
     if (places.empty()) {
         return warnings;
     }
-    for (const Finding& finding : ruleFindings(profile, places)) {
+    for (const Finding& finding : ruleFindings(profile, places, machine)) {
         if (finding.isError) {
             throw Error(ErrorKind::kInvalid, textOf(finding), {"", finding.path, finding.rule});
         }
@@ -167,7 +168,7 @@ void changeRules(Context& context, const Target& target,
     FW::FWPROFILE profile = context.store().profile(target.profile);
     requireAdapter(target.adapter, adaptersOf(profile));
     const Outcome outcome = change(profile.rules[target.adapter]);
-    const Texts warnings = warningsOf(profile, target.adapter, outcome.changed);
+    const Texts warnings = warningsOf(profile, target.adapter, outcome.changed, context.machine());
     requireAppliable(context, profile, target.reload);
     context.session().storeProfile(profile);
     context.session().unlock();
@@ -178,8 +179,8 @@ void changeRules(Context& context, const Target& target,
     finishChange(context, profile.name, target.reload);
 }
 
-FW::FWRULE ruleOf(const RuleCommand& command) {
-    const RuleVocabulary known = machineVocabulary();
+FW::FWRULE ruleOf(const RuleCommand& command, Machine& machine) {
+    const RuleVocabulary known = machineVocabulary(machine);
     try {
         return ruleFrom(command.words, command.options, known);
     } catch (const Error& error) {
@@ -194,8 +195,9 @@ FW::FWRULE ruleOf(const RuleCommand& command) {
 
 void add(const RuleCommand& command) {
     requireRoot();
-    const FW::FWRULE rule = ruleOf(command);
-    Context context(StoreSession::Access::kChange);
+    auto machine = std::make_unique<Machine>();
+    const FW::FWRULE rule = ruleOf(command, *machine);
+    Context context(StoreSession::Access::kChange, std::move(machine));
     changeRules(context, command.target, [&](Rules& rules) {
         rules.push_back(rule);
         return changedAt(rules, rules.size(), command.target);
@@ -204,8 +206,9 @@ void add(const RuleCommand& command) {
 
 void insert(const RuleCommand& command) {
     requireRoot();
-    const FW::FWRULE rule = ruleOf(command);
-    Context context(StoreSession::Access::kChange);
+    auto machine = std::make_unique<Machine>();
+    const FW::FWRULE rule = ruleOf(command, *machine);
+    Context context(StoreSession::Access::kChange, std::move(machine));
     changeRules(context, command.target, [&](Rules& rules) {
         const std::size_t position = freePosition(rules, command.position, command.target);
         insertAt(rules, position, rule);
@@ -215,8 +218,9 @@ void insert(const RuleCommand& command) {
 
 void set(const RuleCommand& command) {
     requireRoot();
-    const FW::FWRULE rule = ruleOf(command);
-    Context context(StoreSession::Access::kChange);
+    auto machine = std::make_unique<Machine>();
+    const FW::FWRULE rule = ruleOf(command, *machine);
+    Context context(StoreSession::Access::kChange, std::move(machine));
     changeRules(context, command.target, [&](Rules& rules) {
         requireOwn(rules, command.position, command.target);
         rules[command.position - 1] = rule;

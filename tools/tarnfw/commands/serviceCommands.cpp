@@ -22,7 +22,6 @@
 #include "cli/usage.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
-#include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/interfaces.h"
 
 namespace tarnfw {
@@ -123,7 +122,7 @@ void reserve(const std::string& service, const std::string& adapter, const std::
     Context context(StoreSession::Access::kChange);
     requireReloadable(context, reload);
     const Profiles before = allProfiles(context.store());
-    (void)requireCatalogue().require(service);
+    (void)context.machine().requireCatalogue().require(service);
     requireAdapter(adapter, adaptersIn(before));
     const FW::FW_POLICY code = policy == "deny" ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW;
     changeAll(context, "Service " + service + " reserved on " + adapter + ": " + policy, reload,
@@ -139,7 +138,7 @@ void release(const std::string& service, const ReloadOptions& reload) {
     const Profiles before = allProfiles(context.store());
     // A service that is no longer in the catalogue can still be removed from rules.
     if (!isNamed(before, service)) {
-        (void)requireCatalogue().require(service);
+        (void)context.machine().requireCatalogue().require(service);
     }
     changeAll(context, "Service " + service + " removed from all rules", reload, before,
               [&] { return FW::TARNFW_PROFILE().profileRemoveServ(service); });
@@ -149,7 +148,7 @@ void update(const ReloadOptions& reload) {
     Context context(StoreSession::Access::kChange);
     requireReloadable(context, reload);
     const Profiles before = allProfiles(context.store());
-    (void)requireCatalogue();
+    (void)context.machine().requireCatalogue();
     changeAll(context, "Rules updated from the service catalogue", reload, before,
               [] { return FW::TARNFW().fwUpdate(); });
 }

@@ -124,14 +124,14 @@ std::optional<std::string> interfaceOf(const SshConnection& connection,
 }
 
 std::string sshDropWarning(const FW::FWPROFILE& profile, const SshConnection& connection,
-                           const std::vector<std::string>& adapters) {
+                           const std::vector<std::string>& adapters, Machine& machine) {
     Packet packet;
     packet.adapters = adapters;
     packet.source = connection.client;
     packet.destination = connection.server;
     packet.ports = {connection.serverPort, connection.serverPort};
     // Any client port: the next connection has another one.
-    Decider decider(profile);
+    Decider decider(profile, machine);
     const Decision decision = decider.decide(packet).front();
     if (!decision.denied) {
         return {};
@@ -150,7 +150,7 @@ std::string sshDropWarning(const FW::FWPROFILE& profile, const SshConnection& co
     return printable(text);
 }
 
-std::string sshWarning(const FW::FWPROFILE& profile) {
+std::string sshWarning(const FW::FWPROFILE& profile, Machine& machine) {
     const std::optional<SshConnection> connection = currentSshConnection();
     if (!connection) {
         return {};
@@ -159,12 +159,12 @@ std::string sshWarning(const FW::FWPROFILE& profile) {
     if (!interface) {
         return {};
     }
-    return sshDropWarning(profile, *connection, adapterNamesOf(*interface));
+    return sshDropWarning(profile, *connection, adapterNamesOf(*interface), machine);
 }
 
-void requireSshAccess(const FW::FWPROFILE& profile, bool yes, const std::string& question,
-                      const std::string& otherwise) {
-    const std::string warning = sshWarning(profile);
+void requireSshAccess(const FW::FWPROFILE& profile, Machine& machine, bool yes,
+                      const std::string& question, const std::string& otherwise) {
+    const std::string warning = sshWarning(profile, machine);
     if (warning.empty()) {
         return;
     }

@@ -12,6 +12,7 @@
 
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/machine.h"
 
 namespace tarnfw {
 
@@ -41,14 +42,15 @@ std::optional<std::string> interfaceOf(const SshConnection& connection,
 /// A warning that `profile` would drop a new connection like this one, and why; empty if it allows
 /// it. `adapters` are the names that profiles may have for the interface.
 std::string sshDropWarning(const FW::FWPROFILE& profile, const SshConnection& connection,
-                           const std::vector<std::string>& adapters);
+                           const std::vector<std::string>& adapters, Machine& machine);
 
 /// The same for the connection that this process runs under. Empty without one.
-std::string sshWarning(const FW::FWPROFILE& profile);
+std::string sshWarning(const FW::FWPROFILE& profile, Machine& machine);
 
 /// Before a profile is applied: after a warning, asks `question` on the terminal, unless
 /// `yes`; throws Error, with `otherwise`, when the answer is no or nobody can be asked.
-void requireSshAccess(const FW::FWPROFILE& profile, bool yes, const std::string& question,
+void requireSshAccess(const FW::FWPROFILE& profile, Machine& machine, bool yes,
+                      const std::string& question,
                       const std::string& otherwise = "nothing was changed");
 
 }  // namespace tarnfw

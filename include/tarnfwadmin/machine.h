@@ -15,9 +15,16 @@
 
 namespace tarnfw {
 
-/// Asks the platform and the library once for each thing, and keeps the answer. Changes nothing.
+/// Asks the platform and the library once for each thing, and keeps the answer: make one for a task
+/// and pass it on. Nothing is asked before it is needed, and nothing changed. For one thread.
 class Machine {
 public:
+    /// The service catalogue; one that cannot be read has no services.
+    const Catalogue& catalogue();
+
+    /// The same. Throws Error, kSystem, when it is empty or cannot be read.
+    const Catalogue& requireCatalogue();
+
     /// Whether rules for `adapter` are applied now: "vpn" and "pppoe" need an interface as well.
     bool hasAdapter(const std::string& adapter);
 
@@ -41,13 +48,11 @@ public:
     Json::Value portMatches(const FW::FWRULE& rule);
 
 private:
-    const Catalogue& catalogue();
-
     FW::TARNFW_IPTABLES_RULES translation_;
     std::map<std::string, bool> adapters_;
     std::map<std::pair<std::string, bool>, bool> countries_;
     std::map<std::pair<std::string, bool>, std::vector<AddressRange>> ranges_;
-    std::optional<Catalogue> catalogue_;
+    std::optional<Catalogue> catalogue_;  // of the translation, which reads it as well
     std::optional<std::vector<std::string>> serviceNames_;
 };
 
