@@ -126,7 +126,8 @@ int tarnfwadmin_enable(char* reason, size_t size) {
     return guarded({reason, size}, [] {
         requireRoot();
         StoreSession session(StoreSession::Access::kChange);
-        enableFirewall(session);
+        tarnfw::Machine machine;
+        tarnfw::Control(session).enable(machine);
         return "the firewall is enabled with profile " +
                tarnfw::inQuotes(session.snapshot().activeProfile());
     });
@@ -136,7 +137,7 @@ int tarnfwadmin_disable(char* reason, size_t size) {
     return guarded({reason, size}, [] {
         requireRoot();
         StoreSession session(StoreSession::Access::kChange);
-        disableFirewall(session);
+        tarnfw::Control(session).disable();
         return std::string("the firewall is disabled");
     });
 }
@@ -145,7 +146,7 @@ int tarnfwadmin_reload(char* reason, size_t size) {
     return guarded({reason, size}, [] {
         requireRoot();
         StoreSession session(StoreSession::Access::kChange);
-        return applyActiveProfile(session)
+        return tarnfw::Control(session).apply()
                    ? "profile " + tarnfw::inQuotes(session.snapshot().activeProfile()) +
                          " is applied"
                    : std::string("the firewall is disabled: nothing to apply");

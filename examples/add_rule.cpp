@@ -22,7 +22,7 @@ void addAndApply(const char* adapter, const char* text) {
     const std::string profile = session.snapshot().activeProfile();
     const tarnfw::RulePlace place = tarnfw::addRule(session, profile, adapter, rule, machine);
     std::cout << "stored as " << tarnfw::placeText(place) << '\n';
-    if (tarnfw::applyActiveProfile(session)) {
+    if (tarnfw::Control(session).apply()) {
         std::cout << "applied\n";
     } else {
         std::cout << "the firewall is disabled\n";

@@ -25,22 +25,31 @@ void requireValidProfile(const FW::FWPROFILE& profile, Machine& machine) {
     const std::vector<Finding> findings = checkProfile(document, machine);
     const auto first = std::find_if(findings.begin(), findings.end(),
                                     [](const Finding& finding) { return finding.isError; });
-    std::string text = lineOf("profile " + inQuotes(profile.name), *first);
-    if (errors > 1) {
-        text += " (and " + counted(errors - 1, "more error") + ")";
-    }
+    const std::string text = "profile " + inQuotes(profile.name) + " has " +
+                             counted(errors, "error") + (errors == 1 ? ": " : ", the first: ") +
+                             textOf(*first);
     throw Error(ErrorKind::kInvalid, text, {"", first->path, first->rule});
+}
+
+FW::FWPROFILE changeProfile(StoreSession& session, const std::string& profile,
+                            const std::string& adapter,
+                            const std::function<void(FW::FWPROFILE&)>& edit,
+                            const std::function<void(const FW::FWPROFILE&)>& accept) {
+    FW::FWPROFILE changed = session.snapshot().profile(profile);
+    requireAdapter(adapter, adaptersOf(changed));
+    edit(changed);
+    accept(changed);
+    session.storeProfile(changed);
+    return changed;
 }
 
 RulePlace addRule(StoreSession& session, const std::string& profile, const std::string& adapter,
                   const FW::FWRULE& rule, Machine& machine) {
-    FW::FWPROFILE changed = session.snapshot().profile(profile);
-    requireAdapter(adapter, adaptersOf(changed));
-    std::vector<FW::FWRULE>& rules = changed.rules[adapter];
-    rules.push_back(rule);
-    requireValidProfile(changed, machine);
-    session.storeProfile(changed);
-    return {adapter, rules.size()};
+    const FW::FWPROFILE changed = changeProfile(
+        session, profile, adapter,
+        [&](FW::FWPROFILE& edited) { edited.rules[adapter].push_back(rule); },
+        [&](const FW::FWPROFILE& edited) { requireValidProfile(edited, machine); });
+    return {adapter, changed.rules.at(adapter).size()};
 }
 
 }  // namespace tarnfw

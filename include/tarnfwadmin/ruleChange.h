@@ -1,6 +1,7 @@
-/// Changes of a stored profile that are made only when the whole profile is valid with them.
+/// Changes of a stored profile.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "tarnfirewall/fwTypes.h"
@@ -12,16 +13,25 @@ namespace tarnfw {
 
 class Machine;
 
-/// Throws Error, kInvalid, with the first error that checkProfile() finds in the profile and how
-/// many more there are.
+/// Throws Error, kInvalid, with the number of errors that checkProfile() finds in the profile and
+/// the first of them, which is also the error's place.
 void requireValidProfile(const FW::FWPROFILE& profile, Machine& machine);
 
-/// Adds a rule to profile `profile`, the active one when that is empty, as the last of an adapter's
-/// list, and stores it. `session` may change the store. Returns the rule's place; the kernel still
-/// has the old rules, see applyActiveProfile().
-/// Throws Error, with the store as it was: kNotFound for a profile that is not there or an adapter
-/// that neither the machine nor the profile has, kInvalid as requireValidProfile(), also for an
-/// error that was there before, kSystem as StoreSession::storeProfile().
+/// Changes what a profile says about an adapter and stores the profile: `edit` alters a copy of it,
+/// and `accept` may refuse the result by throwing. `profile` is its name, empty for the active one.
+/// `session` may change the store. Returns the profile as stored; the kernel still has the old
+/// rules, see Control::apply(). Throws Error, with the store as it was: kNotFound for a profile
+/// that is not there or an adapter that neither the machine nor the profile has, kUnusable for a
+/// name that no adapter can have, kSystem as StoreSession::storeProfile(), and what `edit` and
+/// `accept` throw.
+FW::FWPROFILE changeProfile(StoreSession& session, const std::string& profile,
+                            const std::string& adapter,
+                            const std::function<void(FW::FWPROFILE&)>& edit,
+                            const std::function<void(const FW::FWPROFILE&)>& accept);
+
+/// Adds a rule as the last of an adapter's list, if the whole profile is valid with it, and returns
+/// its place. Throws Error like changeProfile(), and kInvalid, also for an error that was there
+/// before.
 RulePlace addRule(StoreSession& session, const std::string& profile, const std::string& adapter,
                   const FW::FWRULE& rule, Machine& machine);
 

@@ -153,8 +153,9 @@ static void with_base(const char* file) {
 
     add_in_threads();
     spoil(file);
-    EXPECT(add_rule("home", "eth0", "allow any"), TARNFWADMIN_INVALID, "profile \"home\": ");
-    EXPECT(enable(), TARNFWADMIN_INVALID, "profile \"home\": ");
+    EXPECT(add_rule("home", "eth0", "allow any"), TARNFWADMIN_INVALID,
+           "profile \"home\" has 1 error: ");
+    EXPECT(enable(), TARNFWADMIN_INVALID, "profile \"home\" has 1 error: ");
     (void)remove(file);
     EXPECT(reload(), TARNFWADMIN_REFUSED, "the active profile was not applied: ");
     EXPECT(enable(), TARNFWADMIN_NOT_FOUND, "there are no profiles");

@@ -1,10 +1,8 @@
 #include "commands/applying.h"
 
-#include <algorithm>
 #include <iostream>
-#include <vector>
-
-#include "tarnfirewall/tarnFW.h"
+#include <string>
+#include <utility>
 
 #include "cli/command.h"
 #include "cli/commandLine.h"
@@ -12,19 +10,35 @@
 #include "commands/sshGuard.h"
 #include "process/detachedRun.h"
 #include "process/signalsWait.h"
-#include "tarnfwadmin/control.h"
 #include "tarnfwadmin/profileCheck.h"
+#include "tarnfwadmin/ruleChange.h"
 
 namespace tarnfw {
 namespace {
 
-constexpr char kQuestion[] = "Apply it anyway?";
-
-std::string applyingText(const Context& context) {
-    return "Applying the rules of \"" + context.store().activeProfile() + "\"";
+StoreSession::Access allowed(StoreSession::Access access) {
+    requireRoot();
+    return access;
 }
 
 }  // namespace
+
+Context::Context(StoreSession::Access access, std::unique_ptr<Machine> machine)
+    : session_(allowed(access)),
+      machine_(std::move(machine)),
+      control_(session_, [](const auto& what, const auto& work) { return runWhole(what, work); }) {
+    printNotes();
+}
+
+Context::~Context() {
+    printNotes();
+}
+
+void Context::printNotes() {
+    for (const std::string& note : session_.takeNotes()) {
+        std::cerr << "tarnfw: " << note << '\n';
+    }
+}
 
 void addReloadFlag(Command& command, ReloadOptions& options, const char* yesHelp) {
     command.flag("--reload", options.wanted, "Apply the active profile afterwards");
@@ -40,13 +54,6 @@ std::string errorsText(const FW::FWPROFILE& profile, Machine& machine) {
                      name + "\" lists " + (errors == 1 ? "it" : "them");
 }
 
-void requireValid(const FW::FWPROFILE& profile, Machine& machine) {
-    const std::string text = errorsText(profile, machine);
-    if (!text.empty()) {
-        throw Error(ErrorKind::kInvalid, text + "; nothing was changed");
-    }
-}
-
 void warnAboutErrors(const FW::FWPROFILE& profile, Machine& machine) {
     const std::string text = errorsText(profile, machine);
     if (!text.empty()) {
@@ -56,21 +63,21 @@ void warnAboutErrors(const FW::FWPROFILE& profile, Machine& machine) {
 
 void requireReloadable(Context& context, const ReloadOptions& options) {
     if (options.wanted && context.store().firewallEnabled()) {
-        context.requireBase();
+        context.control().requireBase();
     }
 }
 
-void requireAppliable(Context& context, const FW::FWPROFILE& changed, const ReloadOptions& options,
-                      bool becomesActive) {
+void requireAppliable(Context& context, const FW::FWPROFILE& changed,
+                      const ReloadOptions& options) {
     const StoreSnapshot& store = context.store();
-    const bool goesIn = options.wanted && store.firewallEnabled() &&
-                        (becomesActive || changed.name == store.activeProfile());
+    const bool goesIn =
+        options.wanted && store.firewallEnabled() && changed.name == store.activeProfile();
     if (!goesIn) {
         warnAboutErrors(changed, context.machine());
         return;
     }
-    requireValid(changed, context.machine());
-    requireSshAccess(changed, context.machine(), options.yes, kQuestion);
+    requireValidProfile(changed, context.machine());
+    requireSshAccess(changed, context.machine(), options.yes, kApplyAnyway);
 }
 
 void confirmReload(Context& context, const ReloadOptions& options) {
@@ -79,7 +86,7 @@ void confirmReload(Context& context, const ReloadOptions& options) {
     }
     const FW::FWPROFILE& active = context.store().profile("");
     warnAboutErrors(active, context.machine());
-    requireSshAccess(active, context.machine(), options.yes, kQuestion,
+    requireSshAccess(active, context.machine(), options.yes, kApplyAnyway,
                      "the change is stored, but the kernel still has the old rules");
 }
 
@@ -99,35 +106,13 @@ bool runWhole(const std::string& what, const std::function<bool()>& change,
     return run.succeeded;
 }
 
-bool enableFirewall(Context& context) {
-    return context.session().change(
-        [&] { return runWhole(applyingText(context), [] { return FW::TARNFW().fwEnable(); }); });
-}
-
-void disableFirewall(Context& context) {
-    if (!context.session().change([] {
-            return runWhole("Switching the firewall off", [] { return FW::TARNFW().fwDisable(); });
-        })) {
-        throw Error(ErrorKind::kSystem, "the firewall's settings cannot be written");
-    }
-}
-
-void reloadActive(Context& context, const std::function<std::string()>& meanwhile) {
-    if (!context.store().firewallEnabled()) {
+void reloadActive(Control& control) {
+    if (!control.apply()) {
         std::cout << "Firewall disabled: nothing to reload\n";
         return;
     }
-    context.requireBase();
-    if (!runWhole(
-            applyingText(context), [] { return FW::TARNFW().fwReload(true); }, meanwhile)) {
-        throw Error(ErrorKind::kRefused,
-                    "the active profile was not applied: " + stateNow(context));
-    }
-    std::cout << "Profile " << inQuotes(context.store().activeProfile()) << " applied\n";
-}
-
-std::string stateNow(Context& context) {
-    return stateNow(context.session());
+    std::cout << "Profile " << inQuotes(control.session().snapshot().activeProfile())
+              << " applied\n";
 }
 
 void finishChange(Context& context, const std::string& profile, const ReloadOptions& options) {
@@ -137,7 +122,7 @@ void finishChange(Context& context, const std::string& profile, const ReloadOpti
                       << " is not the active one: nothing to reload\n";
         }
     } else if (options.wanted) {
-        reloadActive(context);
+        reloadActive(context.control());
     } else if (context.store().firewallEnabled()) {
         reportUnchangedKernel();
     }

@@ -1,15 +1,47 @@
-/// Applying stored profiles to the kernel.
+/// What a command works on, and how it applies stored profiles to the kernel.
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "tarnfirewall/fwTypes.h"
 
 #include "cli/commandLine.h"
-#include "commands/context.h"
+#include "tarnfwadmin/control.h"
+#include "tarnfwadmin/machine.h"
+#include "tarnfwadmin/storeSession.h"
 
 namespace tarnfw {
+
+/// The store, opened once for the whole command and handed on, with root's rights; and the machine,
+/// asked once for each thing. The session's notes go to standard error: those of opening at once,
+/// the others with the object's end.
+class Context {
+public:
+    /// A command that has asked the machine already hands that object over. Throws Error:
+    /// kNoRights, and what StoreSession throws.
+    explicit Context(StoreSession::Access access,
+                     std::unique_ptr<Machine> machine = std::make_unique<Machine>());
+    ~Context();
+    Context(const Context&) = delete;
+    Context& operator=(const Context&) = delete;
+
+    StoreSession& session() { return session_; }
+    const StoreSnapshot& store() const { return session_.snapshot(); }
+
+    Machine& machine() { return *machine_; }
+
+    /// Each operation runs to its end, see runWhole().
+    Control& control() { return control_; }
+
+private:
+    void printNotes();
+
+    StoreSession session_;
+    std::unique_ptr<Machine> machine_;
+    Control control_;
+};
 
 /// The reload options of a command that changes profiles.
 struct ReloadOptions {
@@ -25,9 +57,6 @@ void addReloadFlag(
 
 // ---- Before a change ----
 
-/// Throws Error, kInvalid, for a profile with errors.
-void requireValid(const FW::FWPROFILE& profile, Machine& machine);
-
 /// "profile "home" has 2 errors; ..."; empty when it has none.
 std::string errorsText(const FW::FWPROFILE& profile, Machine& machine);
 
@@ -37,20 +66,19 @@ void warnAboutErrors(const FW::FWPROFILE& profile, Machine& machine);
 /// For a command with "--reload", before it changes anything: throws what reloadActive() would.
 void requireReloadable(Context& context, const ReloadOptions& options);
 
-/// For a profile as it is about to be stored. Where "--reload" would then put it in force, because
-/// it is the active one or `becomesActive`: refuses one that does not check, and asks about one
-/// that would keep out the person who is connected over SSH. Elsewhere warns about the former.
-void requireAppliable(Context& context, const FW::FWPROFILE& changed, const ReloadOptions& options,
-                      bool becomesActive = false);
+/// The question about a profile that would lock out the person who applies it.
+inline constexpr char kApplyAnyway[] = "Apply it anyway?";
+
+/// For a profile as it is about to be stored. Where "--reload" would then apply it, because it is
+/// the active one: throws Error, kInvalid, for an invalid one, and asks about one that would lock
+/// out the person who is connected over SSH. Elsewhere warns about the former.
+void requireAppliable(Context& context, const FW::FWPROFILE& changed, const ReloadOptions& options);
 
 /// For a command that knows what it makes of the profiles only when it has changed them: asks the
 /// same about the active one as it is stored now.
 void confirmReload(Context& context, const ReloadOptions& options);
 
 // ---- The kernel ----
-//
-// All of these run to their end, see runWhole(). Afterwards the context has the store as it is
-// then.
 
 /// Runs `change` detached, see runDetached(). Says "`what` ..." on the terminal meanwhile, and
 /// hands on its messages when it is done. Returns what `change` returns. Throws Error, kSystem,
@@ -59,19 +87,9 @@ void confirmReload(Context& context, const ReloadOptions& options);
 bool runWhole(const std::string& what, const std::function<bool()>& change,
               const std::function<std::string()>& meanwhile = {});
 
-/// Switches the firewall on and applies the active profile. Returns false, logged, if that
-/// failed. The context may change the store.
-bool enableFirewall(Context& context);
-
-/// Switches the firewall off, likewise. Throws Error when the settings cannot be written.
-void disableFirewall(Context& context);
-
-/// Applies the active profile if the firewall is enabled, and prints its name. Throws
-/// Error, with what is in force now.
-void reloadActive(Context& context, const std::function<std::string()>& meanwhile = {});
-
-/// What is in force after rules could not be applied: "the firewall is off now".
-std::string stateNow(Context& context);
+/// Applies the active profile if the firewall is enabled, and prints its name. Throws as
+/// Control::apply().
+void reloadActive(Control& control);
 
 /// After a profile was changed. If it is the active one and the firewall is enabled:
 /// applies it with "--reload", or says that the kernel still has the old rules.

@@ -3,6 +3,7 @@
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,33 +27,13 @@ namespace {
 constexpr char kLinesMode[] = "lines";
 constexpr char kBatchMode[] = "batch";
 
-/// Switches the firewall on; if that fails and it was off, switches it off again.
-void enableOrGoBack(Context& context) {
-    const SignalsWait wait;
-    const bool wasEnabled = context.store().firewallEnabled();
-    std::string reason;
-    try {
-        if (enableFirewall(context)) {
-            return;
-        }
-        reason = "the rules could not be applied";
-    } catch (const Error& failure) {
-        reason = messageOf(failure);
-    }
-    if (!wasEnabled && context.store().firewallEnabled()) {
-        disableFirewall(context);
-    }
-    throw Error(ErrorKind::kSystem,
-                reason + (wasEnabled ? ": " + stateNow(context) : "; the firewall stays off"));
-}
-
 void enable(bool yes) {
     Context context(StoreSession::Access::kChange);
-    context.requireBase();
-    const FW::FWPROFILE& profile = context.store().profile("");
-    requireValid(profile, context.machine());
-    requireSshAccess(profile, context.machine(), yes, "Enable anyway?");
-    enableOrGoBack(context);
+    std::optional<SignalsWait> wait;  // from the answer on, to disable it again after a failure
+    context.control().enable(context.machine(), [&](const FW::FWPROFILE& profile) {
+        requireSshAccess(profile, context.machine(), yes, "Enable anyway?");
+        wait.emplace();
+    });
     std::cout << "Firewall enabled with profile " << inQuotes(context.store().activeProfile())
               << "\n";
 }
@@ -69,7 +50,7 @@ bool isFresh(const Context& context) {
 void disable() {
     Context context(StoreSession::Access::kChange);
     if (!isFresh(context)) {
-        disableFirewall(context);
+        context.control().disable();
     }
     std::cout << "Firewall disabled\n";
 }
@@ -91,7 +72,10 @@ std::string warningsAboutActive(Context& context) {
 
 void reload() {
     Context context(StoreSession::Access::kRead);
-    reloadActive(context, [&] { return warningsAboutActive(context); });
+    Control control(context.session(), [&](const std::string& what, const auto& work) {
+        return runWhole(what, work, [&] { return warningsAboutActive(context); });
+    });
+    reloadActive(control);
 }
 
 /// Sets the apply mode, or prints it.

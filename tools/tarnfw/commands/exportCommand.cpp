@@ -12,8 +12,8 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "commands/applying.h"
 #include "commands/commands.h"
-#include "commands/context.h"
 #include "tarnfwadmin/documentFile.h"
 
 namespace tarnfw {

@@ -306,7 +306,7 @@ void replace(Context& context, const Json::Value& document, const Json::Value& c
 /// Applies the imported profile. If that fails, says how to restore the backup.
 void applyImported(Context& context, const std::string& goingBack) {
     try {
-        reloadActive(context);
+        reloadActive(context.control());
     } catch (const Error& failure) {
         throw Error(ErrorKind::kSystem,
                     std::string("the import is stored, but ") + failure.what() +
@@ -319,7 +319,7 @@ void apply(Context& context, bool reload, bool wasEnabled, const std::string& go
     const bool enabled = context.store().firewallEnabled();
     if (!enabled && wasEnabled) {
         if (reload) {
-            disableFirewall(context);
+            context.control().disable();
         }
         std::cout << (reload ? "Firewall disabled\n"
                              : "The firewall is now disabled in the settings; the kernel keeps the "
@@ -361,7 +361,7 @@ void requireWayBackIn(Context& context, const Options& options, const Json::Valu
     if (!options.reload.wanted || settingAfter("status", current, document) != true) {
         return;
     }
-    context.requireBase();
+    context.control().requireBase();
     const Json::Value name = settingAfter("profile", current, document);
     for (const Json::Value& profile : document[kConfigProfiles]) {
         if (profile["name"] == name) {

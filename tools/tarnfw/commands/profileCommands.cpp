@@ -21,11 +21,12 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
-#include "commands/context.h"
+#include "commands/sshGuard.h"
 #include "process/editor.h"
 #include "process/signalsWait.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/profileDocument.h"
+#include "tarnfwadmin/ruleChange.h"
 #include "tarnfwadmin/ruleText.h"
 
 namespace tarnfw {
@@ -232,7 +233,7 @@ void setActive(Context& context, const std::string& name) {
 /// every later reload would fail.
 void reloadOrGoBack(Context& context, const std::string& name, const std::string& before) {
     try {
-        reloadActive(context);
+        reloadActive(context.control());
     } catch (const Error& failure) {
         Context again(StoreSession::Access::kChange);
         if (before == name || again.store().activeProfile() != name) {
@@ -249,8 +250,10 @@ void use(const std::string& name, const ReloadOptions& reload) {
     requireReloadable(context, reload);
     context.store().requireProfile(name);
     const FW::FWPROFILE& profile = context.store().profile(name);
-    requireValid(profile, context.machine());  // a reload of it would leave the machine open
-    requireAppliable(context, profile, reload, /*becomesActive=*/true);
+    requireValidProfile(profile, context.machine());  // a reload would leave the machine open
+    if (reload.wanted && context.store().firewallEnabled()) {
+        requireSshAccess(profile, context.machine(), reload.yes, kApplyAnyway);
+    }
     const SignalsWait wait;
     const std::string before = context.store().activeProfile();
     setActive(context, name);

@@ -17,8 +17,8 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
-#include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/profileCheck.h"
+#include "tarnfwadmin/ruleChange.h"
 #include "tarnfwadmin/ruleSyntax.h"
 #include "tarnfwadmin/ruleText.h"
 #include "tarnfwadmin/vocabulary.h"
@@ -165,18 +165,21 @@ void print(const Texts& warnings) {
 void changeRules(Context& context, const Target& target,
                  const std::function<Outcome(Rules&)>& change) {
     requireReloadable(context, target.reload);
-    FW::FWPROFILE profile = context.store().profile(target.profile);
-    requireAdapter(target.adapter, adaptersOf(profile));
-    const Outcome outcome = change(profile.rules[target.adapter]);
-    const Texts warnings = warningsOf(profile, target.adapter, outcome.changed, context.machine());
-    requireAppliable(context, profile, target.reload);
-    context.session().storeProfile(profile);
+    Outcome outcome;
+    Texts warnings;
+    const FW::FWPROFILE stored = changeProfile(
+        context.session(), target.profile, target.adapter,
+        [&](FW::FWPROFILE& profile) { outcome = change(profile.rules[target.adapter]); },
+        [&](const FW::FWPROFILE& profile) {
+            warnings = warningsOf(profile, target.adapter, outcome.changed, context.machine());
+            requireAppliable(context, profile, target.reload);
+        });
     context.session().unlock();
     for (const std::string& line : outcome.said) {
         std::cout << printable(line) << '\n';
     }
     print(warnings);
-    finishChange(context, profile.name, target.reload);
+    finishChange(context, stored.name, target.reload);
 }
 
 FW::FWRULE ruleOf(const RuleCommand& command, Machine& machine) {
@@ -289,15 +292,14 @@ void setPolicy(const Target& target, const std::string& word) {
     const FW::FW_POLICY policy = word == "allow"  ? FW::FW_POLICY_ALLOW
                                  : word == "deny" ? FW::FW_POLICY_DENY
                                                   : FW::FW_POLICY_NONE;
-    FW::FWPROFILE profile = context.store().profile(target.profile);
-    requireAdapter(target.adapter, adaptersOf(profile));
-    profile.adapterPolicyMap[target.adapter] = policy;
-    requireAppliable(context, profile, target.reload);
-    context.session().storeProfile(profile);
+    const FW::FWPROFILE stored = changeProfile(
+        context.session(), target.profile, target.adapter,
+        [&](FW::FWPROFILE& profile) { profile.adapterPolicyMap[target.adapter] = policy; },
+        [&](const FW::FWPROFILE& profile) { requireAppliable(context, profile, target.reload); });
     context.session().unlock();
     std::cout << "Default policy of " << printable(target.adapter) << ": " << policyText(policy)
               << '\n';
-    finishChange(context, profile.name, target.reload);
+    finishChange(context, stored.name, target.reload);
 }
 
 // ---- Options ----

@@ -82,7 +82,7 @@ void changeAll(Context& context, const std::string& done, const ReloadOptions& r
         std::find(changed.begin(), changed.end(), context.store().activeProfile()) != changed.end();
     if (reload.wanted) {
         confirmReload(context, reload);
-        reloadActive(context);
+        reloadActive(context.control());
     } else if (activeChanged && context.store().firewallEnabled()) {
         reportUnchangedKernel();
     }

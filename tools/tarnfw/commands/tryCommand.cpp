@@ -23,7 +23,6 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
-#include "commands/context.h"
 #include "process/trial.h"
 #include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/process.h"
@@ -60,7 +59,7 @@ void requireTriable(const std::string& name) {
                                             " is the active one, which a trial restores; try a "
                                             "copy of it (\"tarnfw profile copy\")");
     }
-    context.requireBase();
+    context.control().requireBase();
     StoreTransaction(context.session()).finish();  // whether there is room for the test profile
 }
 
