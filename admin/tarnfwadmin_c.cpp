@@ -44,8 +44,9 @@ int codeOf(ErrorKind kind) {
         case ErrorKind::kNotFound:
             return TARNFWADMIN_NOT_FOUND;
         case ErrorKind::kInvalid:
-        case ErrorKind::kUnusable:
             return TARNFWADMIN_INVALID;
+        case ErrorKind::kUnusable:
+            return TARNFWADMIN_UNUSABLE;
         case ErrorKind::kRefused:
             return TARNFWADMIN_REFUSED;
         case ErrorKind::kBusy:
@@ -53,6 +54,7 @@ int codeOf(ErrorKind kind) {
         case ErrorKind::kNoRights:
             return TARNFWADMIN_NO_RIGHTS;
         case ErrorKind::kSystem:
+        case ErrorKind::kDeclined:  // no operation here asks
             break;
     }
     return TARNFWADMIN_SYSTEM;

@@ -13,13 +13,16 @@ namespace tarnfw {
 
 /// The kind of an error.
 enum class ErrorKind {
-    kSystem,    ///< the operating system or the library failed; the reason is in the text or log
+    kSystem,    ///< the operating system or the library failed, or the base filter is missing; the
+                ///< reason is in the text or log
     kNotFound,  ///< a profile, rule, adapter, service or country that does not exist
-    kInvalid,   ///< a document or rule that is not valid
-    kUnusable,  ///< a name that cannot be used for this: taken, reserved or not possible
-    kRefused,   ///< the kernel refused the rules
+    kInvalid,   ///< an argument, a document, a profile or a rule that is not valid
+    kUnusable,  ///< what is asked cannot be done with this name, rule, profile or file: it is
+                ///< taken, reserved, active or of the wrong sort
+    kRefused,   ///< the rules could not be applied
     kBusy,      ///< another program holds a lock, or a trial is running
     kNoRights,  ///< this process lacks the rights
+    kDeclined,  ///< a person answered no, or nobody could be asked
 };
 
 /// What may help after an error. A program that shows the error puts it in its own words; what()

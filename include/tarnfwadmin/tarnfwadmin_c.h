@@ -17,14 +17,18 @@
 extern "C" {
 #endif
 
+/* The kinds of error.h, but for kDeclined: no function asks a person. */
 enum tarnfwadmin_code {
     TARNFWADMIN_OK = 0,
-    TARNFWADMIN_SYSTEM = 1, /* the operating system or the library failed; also: no base filter */
-    TARNFWADMIN_NOT_FOUND = 2, /* there is no such profile, adapter, service or country */
-    TARNFWADMIN_INVALID = 3,   /* an argument, a rule or the profile is not valid */
+    TARNFWADMIN_SYSTEM = 1,    /* the operating system or the library failed, or the base filter is
+                                  missing */
+    TARNFWADMIN_NOT_FOUND = 2, /* a profile, adapter, service or country that does not exist */
+    TARNFWADMIN_INVALID = 3,   /* an argument, a profile or a rule that is not valid */
     TARNFWADMIN_REFUSED = 4,   /* the rules could not be applied */
-    TARNFWADMIN_BUSY = 5,      /* another program held a lock for too long */
-    TARNFWADMIN_NO_RIGHTS = 6  /* this process lacks the rights */
+    TARNFWADMIN_BUSY = 5,      /* another program holds a lock */
+    TARNFWADMIN_NO_RIGHTS = 6, /* this process lacks the rights */
+    TARNFWADMIN_UNUSABLE = 7   /* a name that cannot be used for this: reserved, or of the wrong
+                                  sort */
 };
 
 /* Whether `rule` is a rule, such as "deny tcp 22,6000-6010 from 192.168.1.0/24" (see ruleSyntax.h),

@@ -141,6 +141,8 @@ static void with_base(const char* file) {
     EXPECT(decide(NULL, "tcp/22", "eth0"), -TARNFWADMIN_INVALID, "no address is given");
     EXPECT(add_rule("nosuch", "eth0", "allow any"), TARNFWADMIN_NOT_FOUND, "");
     EXPECT(add_rule("home", "nosuch", "allow any"), TARNFWADMIN_NOT_FOUND, "there is no adapter");
+    EXPECT(add_rule("home", "ppp0", "allow any"), TARNFWADMIN_UNUSABLE,
+           "rules and default policies");
     EXPECT(add_rule("home", "eth0", "allow tcp ssh,x"), TARNFWADMIN_INVALID, "");
     EXPECT(add_rule("home", NULL, "allow any"), TARNFWADMIN_INVALID, "no adapter is given");
 

@@ -17,6 +17,7 @@ ExitStatus exitStatusOf(ErrorKind kind) {
         case ErrorKind::kUnusable:
         case ErrorKind::kRefused:
         case ErrorKind::kBusy:
+        case ErrorKind::kDeclined:
             break;
     }
     return kExitFailed;

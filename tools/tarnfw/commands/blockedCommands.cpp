@@ -92,7 +92,7 @@ std::vector<FW::PortCompareST> questionsOf(const BlockedOptions& options, Machin
     std::vector<FW::PortCompareST> questions =
         portsOf(machine.requireCatalogue().require(options.service));
     if (questions.empty()) {
-        throw Error(ErrorKind::kSystem, "service " + inQuotes(options.service) + " has no ports");
+        throw Error(ErrorKind::kUnusable, "service " + inQuotes(options.service) + " has no ports");
     }
     return questions;
 }
@@ -391,7 +391,7 @@ AdapterDecisions decisionsOn(Decider& decider, const BlockedOptions& options,
         }
     }
     if (found.decisions.empty()) {
-        throw Error(ErrorKind::kSystem, "--from needs tcp or udp ports");
+        throw Error(ErrorKind::kUnusable, "--from needs tcp or udp ports");
     }
     return found;
 }

@@ -46,7 +46,7 @@ void exportAll(const Options& options) {
     requireRoot();
     const bool toFile = !options.path.empty() && options.path != kStandardInput;
     if (toFile && !options.force && TLIBCFileExist(options.path.c_str()) == 1) {
-        throw Error(ErrorKind::kSystem,
+        throw Error(ErrorKind::kUnusable,
                     printable(options.path) + " already exists; --force replaces it");
     }
     // Under the lock, so that the export is of no change that is half made.

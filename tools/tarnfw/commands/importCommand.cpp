@@ -308,7 +308,7 @@ void applyImported(Context& context, const std::string& goingBack) {
     try {
         reloadActive(context.control());
     } catch (const Error& failure) {
-        throw Error(ErrorKind::kSystem,
+        throw Error(failure.kind(),
                     std::string("the import is stored, but ") + failure.what() +
                         (goingBack.empty() ? "" : "; \"" + goingBack + "\" goes back"));
     }
@@ -340,11 +340,11 @@ void requireConsent(const Options& options) {
         return;
     }
     if (options.path == kStandardInput || isatty(STDIN_FILENO) != 1) {
-        throw Error(ErrorKind::kNotFound,
+        throw Error(ErrorKind::kDeclined,
                     "nothing was imported: there is no terminal to ask on; use --yes");
     }
     if (!confirmed("Replace the configuration?")) {
-        throw Error(ErrorKind::kSystem, "nothing was imported");
+        throw Error(ErrorKind::kDeclined, "nothing was imported");
     }
 }
 

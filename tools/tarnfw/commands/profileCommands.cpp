@@ -206,7 +206,7 @@ void remove(const std::string& name) {
     Context context(StoreSession::Access::kChange);
     context.store().requireProfile(name);
     if (name == context.store().activeProfile()) {
-        throw Error(ErrorKind::kSystem,
+        throw Error(ErrorKind::kUnusable,
                     "profile " + inQuotes(name) +
                         " is the active one; \"tarnfw profile use\" makes another one active");
     }
@@ -240,8 +240,8 @@ void reloadOrGoBack(Context& context, const std::string& name, const std::string
             throw;
         }
         setActive(again, before);
-        throw Error(ErrorKind::kSystem, std::string(failure.what()) + "; " + inQuotes(before) +
-                                            " is the active profile again");
+        throw Error(failure.kind(), std::string(failure.what()) + "; " + inQuotes(before) +
+                                        " is the active profile again");
     }
 }
 
@@ -353,7 +353,7 @@ std::unique_ptr<Context> stored(const ProfileDocument& document, const std::stri
 /// Throws Error for a default editor without a terminal. A chosen editor may need none.
 void requireEditable() {
     if (isatty(STDIN_FILENO) != 1 && chosenEditor().empty()) {
-        throw Error(ErrorKind::kNotFound,
+        throw Error(ErrorKind::kUnusable,
                     "there is no terminal to edit on; use \"tarnfw profile create NEW --from "
                     "FILE\", or an EDITOR that needs no terminal");
     }

@@ -82,7 +82,7 @@ void requireOwn(const Rules& rules, std::size_t position, const Target& target) 
     requirePosition(rules, position, target);
     if (FW::fwRuleIsReserved(rules[position - 1])) {
         throw Error(
-            ErrorKind::kSystem,
+            ErrorKind::kUnusable,
             "rule " + std::to_string(position) + " of " + printable(target.adapter) +
                 " is a reserved service rule; \"tarnfw service release\" removes a service");
     }
@@ -283,7 +283,7 @@ void switchRules(const Target& target, const std::vector<std::size_t>& positions
 void setPolicy(const Target& target, const std::string& word) {
     requireRoot();
     if (target.adapter == FW::FW_ADAPTER_GLOBAL) {
-        throw Error(ErrorKind::kSystem,
+        throw Error(ErrorKind::kUnusable,
                     "\"global\" has no default policy, because the adapters' rules come after its "
                     "own; a last rule \"deny any\" decides for all adapters");
     }

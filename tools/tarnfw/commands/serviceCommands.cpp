@@ -202,10 +202,10 @@ void requireReplacing(const std::string& to, const std::vector<std::string>& nam
     const std::string what = "the rules and default policy of " + inQuotes(to) + " in " +
                              printable(boost::join(names, ", ")) + " would be replaced";
     if (isatty(STDIN_FILENO) != 1) {
-        throw Error(ErrorKind::kSystem, what + "; nothing was changed (--yes goes on anyway)");
+        throw Error(ErrorKind::kDeclined, what + "; nothing was changed (--yes goes on anyway)");
     }
     if (!confirmed("tarnfw: " + what + ". Go on?")) {
-        throw Error(ErrorKind::kSystem, "nothing was changed");
+        throw Error(ErrorKind::kDeclined, "nothing was changed");
     }
 }
 

@@ -169,11 +169,11 @@ void requireSshAccess(const FW::FWPROFILE& profile, Machine& machine, bool yes,
         return;
     }
     if (!yes && isatty(STDIN_FILENO) != 1) {
-        throw Error(ErrorKind::kSystem, warning + "; " + otherwise + " (--yes goes on anyway)");
+        throw Error(ErrorKind::kDeclined, warning + "; " + otherwise + " (--yes goes on anyway)");
     }
     std::cerr << "tarnfw: " << warning << '\n';
     if (!yes && !confirmed(question)) {
-        throw Error(ErrorKind::kSystem, otherwise);
+        throw Error(ErrorKind::kDeclined, otherwise);
     }
 }
 

@@ -50,14 +50,14 @@ void requireTriable(const std::string& name) {
     const StoreSnapshot& store = context.store();
     store.requireProfile(name);
     if (!store.firewallEnabled()) {
-        throw Error(ErrorKind::kSystem,
+        throw Error(ErrorKind::kUnusable,
                     "the firewall is disabled, so a trial has no rules to restore; \"tarnfw "
                     "enable\" switches it on");
     }
     if (name == store.activeProfile()) {
-        throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) +
-                                            " is the active one, which a trial restores; try a "
-                                            "copy of it (\"tarnfw profile copy\")");
+        throw Error(ErrorKind::kUnusable, "profile " + inQuotes(name) +
+                                              " is the active one, which a trial restores; try a "
+                                              "copy of it (\"tarnfw profile copy\")");
     }
     context.control().requireBase();
     StoreTransaction(context.session()).finish();  // whether there is room for the test profile
@@ -263,7 +263,7 @@ void confirmTrial() {
     }
     const std::optional<Json::Value> report = askTrial(*trial, kAskConfirm);
     if (!report) {
-        throw Error(ErrorKind::kSystem, "the trial has just ended");
+        throw Error(ErrorKind::kNotFound, "the trial has just ended");
     }
     conclude(report->get("profile", "").asString(), *report);
 }
