@@ -4,6 +4,7 @@
 
 #include <fstream>
 
+#include "tarnfirewall/fwTypes.h"
 #include "tarnfirewall/utils.h"
 
 #include "fwLog.h"
@@ -16,7 +17,6 @@ constexpr char kSource[] = "tarnFW";
 
 constexpr char kSettingsFile[] = "/usr/tarn/etc/firewall.d/firewall_settings.json";
 constexpr char kDefaultProfile[] = "default";
-constexpr char kApplyKey[] = "apply";
 
 bool hasFile() {
     return access(kSettingsFile, F_OK) == 0;
@@ -59,7 +59,7 @@ bool isEnabled(const Json::Value& config) {
 }
 
 bool choosesBatch(const Json::Value& config) {
-    return config.isObject() && config[kApplyKey] == kApplyBatch;
+    return config.isObject() && config[FW_APPLY_KEY] == FW_APPLY_BATCH;
 }
 
 bool settingsChooseBatch() {

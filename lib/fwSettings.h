@@ -9,9 +9,6 @@ namespace FW {
 inline constexpr char kStatusKey[] = "status";
 inline constexpr char kProfileKey[] = "profile";
 
-inline constexpr char kApplyLines[] = "lines";
-inline constexpr char kApplyBatch[] = "batch";
-
 /// Sets the members of a new settings file and leaves others unchanged.
 void settingsDefaults(Json::Value& config);
 

@@ -321,7 +321,7 @@ bool TARNFW::fwApplyMode(std::string& mode) {
         FW_LOG_ERR("Falied to configGet()");
         return false;
     }
-    mode = choosesBatch(config) ? kApplyBatch : kApplyLines;
+    mode = choosesBatch(config) ? FW_APPLY_BATCH : FW_APPLY_LINES;
     return true;
 }
 

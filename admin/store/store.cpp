@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <set>
 #include <utility>
 
@@ -22,8 +23,16 @@ namespace {
 // The members of the settings.
 constexpr char kStatusKey[] = "status";
 constexpr char kProfileKey[] = "profile";
-constexpr char kApplyKey[] = "apply";
-constexpr char kBatch[] = "batch";
+
+struct ApplyModeRow {
+    ApplyMode mode;
+    const char* name;
+};
+
+constexpr ApplyModeRow kApplyModes[] = {
+    {ApplyMode::kLines, FW::FW_APPLY_LINES},
+    {ApplyMode::kBatch, FW::FW_APPLY_BATCH},
+};
 
 // Of a new profile's name, which is printed in tables and messages.
 constexpr std::size_t kMostNameBytes = 100;
@@ -95,6 +104,30 @@ const std::map<std::string, std::string>& StoreSnapshot::paths() const {
     return *paths_;
 }
 
+const char* applyModeName(ApplyMode mode) {
+    const auto* const row =
+        std::find_if(std::begin(kApplyModes), std::end(kApplyModes),
+                     [mode](const ApplyModeRow& known) { return known.mode == mode; });
+    return row->name;  // every mode has a row
+}
+
+std::optional<ApplyMode> applyModeFrom(const std::string& name) {
+    for (const ApplyModeRow& row : kApplyModes) {
+        if (name == row.name) {
+            return row.mode;
+        }
+    }
+    return std::nullopt;
+}
+
+std::vector<std::string> applyModeNames() {
+    std::vector<std::string> names;
+    for (const ApplyModeRow& row : kApplyModes) {
+        names.emplace_back(row.name);
+    }
+    return names;
+}
+
 // ---- Settings -----------------------------------------------------------------------------------
 
 bool StoreSnapshot::hasSettings() const {
@@ -129,8 +162,10 @@ std::string StoreSnapshot::activeProfile() const {
 
 ApplyMode StoreSnapshot::applyMode() const {
     const Json::Value document = settings();
-    return document.isObject() && document[kApplyKey] == kBatch ? ApplyMode::kBatch
-                                                                : ApplyMode::kLines;
+    if (!document.isObject() || !document[FW::FW_APPLY_KEY].isString()) {
+        return ApplyMode::kLines;
+    }
+    return applyModeFrom(document[FW::FW_APPLY_KEY].asString()).value_or(ApplyMode::kLines);
 }
 
 // ---- Files --------------------------------------------------------------------------------------

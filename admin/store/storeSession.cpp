@@ -112,6 +112,14 @@ void StoreSession::storeProfile(const FW::FWPROFILE& profile) {
     }
 }
 
+void StoreSession::setApplyMode(ApplyMode mode) {
+    Json::Value settings;
+    settings[FW::FW_APPLY_KEY] = applyModeName(mode);
+    if (!change([&] { return FW::TARNFW().configSet(settings); })) {
+        throw Error(ErrorKind::kSystem, "the settings cannot be written");
+    }
+}
+
 std::vector<std::string> StoreSession::takeNotes() {
     return std::exchange(notes_, {});
 }

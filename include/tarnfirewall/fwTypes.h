@@ -97,6 +97,11 @@ inline constexpr char FW_PPPOE_INTERFACE[] = "ppp0";
 inline const std::vector<std::string> FW_PREDEFINED_ADAPTERS = {FW_ADAPTER_GLOBAL, FW_ADAPTER_PPPOE,
                                                                 FW_ADAPTER_VPN};
 
+/// The settings' member for the apply mode, and its values; see TARNFW::fwApplyMode().
+inline constexpr char FW_APPLY_KEY[] = "apply";
+inline constexpr char FW_APPLY_LINES[] = "lines";
+inline constexpr char FW_APPLY_BATCH[] = "batch";
+
 /// The chains of the filter table that the library fills and flushes, in the order of their use.
 inline const std::vector<std::string> FW_FIREWALL_CHAINS = {"INPUT_FIREWALL", "FORWARD_FIREWALL"};
 

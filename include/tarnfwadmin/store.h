@@ -28,6 +28,15 @@ inline constexpr char kConfigSettings[] = "config_firewall_settings";
 /// How a reload puts lines into the kernel, and so which lines it makes.
 enum class ApplyMode { kLines, kBatch };
 
+/// The name of a mode, as in the settings: "lines", "batch".
+const char* applyModeName(ApplyMode mode);
+
+/// The mode of that name; nothing for any other text.
+std::optional<ApplyMode> applyModeFrom(const std::string& name);
+
+/// The names of all modes.
+std::vector<std::string> applyModeNames();
+
 /// The profiles and settings in "/usr/tarn/etc/firewall.d/", each "*.json" file read and parsed
 /// once, when it is first asked for: the settings alone for a question about them. Reading takes no
 /// lock and needs no more than permission to read: documents are replaced as a whole, so each is
@@ -59,6 +68,7 @@ public:
     /// The active profile's name; there need not be such a profile.
     std::string activeProfile() const;
 
+    /// The apply mode; "lines" where the settings name none that exists.
     ApplyMode applyMode() const;
 
     // ---- Files ----

@@ -75,6 +75,10 @@ public:
     /// the library cannot write it; kNotFound in a store without any profile.
     void storeProfile(const FW::FWPROFILE& profile);
 
+    /// Sets the apply mode. Throws Error, kSystem, like change() and if the library cannot write
+    /// it.
+    void setApplyMode(ApplyMode mode);
+
     /// Lets other programs change the store; the snapshot stays. Afterwards nothing may be changed.
     void unlock() { lock_.reset(); }
 

@@ -93,15 +93,11 @@ void writeFirstSettings(Context& context, bool filtersIpv6) {
     if (context.store().hasSettings()) {
         return;
     }
-    Json::Value settings;
-    settings["apply"] = filtersIpv6 ? "batch" : "lines";
-    if (!context.session().change([&] { return FW::TARNFW().configSet(settings); })) {
-        throw Error(ErrorKind::kSystem,
-                    std::string("cannot write the first settings to ") + kSettingsFile);
-    }
+    const ApplyMode mode = filtersIpv6 ? ApplyMode::kBatch : ApplyMode::kLines;
+    context.session().setApplyMode(mode);
     std::cout << "Settings written to " << kSettingsFile << ": "
-              << (filtersIpv6 ? "apply mode \"batch\""
-                              : "apply mode \"lines\", because ip6tables cannot run")
+              << "apply mode \"" << applyModeName(mode) << '"'
+              << (filtersIpv6 ? "" : ", because ip6tables cannot run")
               << " (see \"tarnfw apply-mode\")\n";
 }
 

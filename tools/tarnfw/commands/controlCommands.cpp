@@ -9,8 +9,6 @@
 
 #include <json/json.h>
 
-#include "tarnfirewall/tarnFW.h"
-
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
@@ -23,9 +21,16 @@
 namespace tarnfw {
 namespace {
 
-// The values of the settings' member "apply".
-constexpr char kLinesMode[] = "lines";
-constexpr char kBatchMode[] = "batch";
+/// What a reload does in a mode.
+const char* meaningOf(ApplyMode mode) {
+    switch (mode) {
+        case ApplyMode::kLines:
+            return "one command for each rule; new connections are dropped meanwhile";
+        case ApplyMode::kBatch:
+            return "all rules are replaced at once";
+    }
+    return "";
+}
 
 void enable(bool yes) {
     Context context(StoreSession::Access::kChange);
@@ -81,25 +86,17 @@ void reload() {
 /// Sets the apply mode, or prints it.
 void applyMode(const std::string& wanted, bool json) {
     Context context(wanted.empty() ? StoreSession::Access::kRead : StoreSession::Access::kChange);
-    if (!wanted.empty()) {
-        Json::Value settings;
-        settings["apply"] = wanted;
-        if (!context.session().change([&] { return FW::TARNFW().configSet(settings); })) {
-            throw Error(ErrorKind::kSystem, "the settings cannot be written");
-        }
+    if (const std::optional<ApplyMode> mode = applyModeFrom(wanted)) {
+        context.session().setApplyMode(*mode);
     }
-    const std::string mode =
-        context.store().applyMode() == ApplyMode::kBatch ? kBatchMode : kLinesMode;
+    const ApplyMode mode = context.store().applyMode();
     if (json) {
         Json::Value document;
-        document["applyMode"] = mode;
+        document["applyMode"] = applyModeName(mode);
         printJson(document);
         return;
     }
-    std::cout
-        << (mode == kBatchMode
-                ? "batch: all rules are replaced at once\n"
-                : "lines: one command for each rule; new connections are dropped meanwhile\n");
+    std::cout << applyModeName(mode) << ": " << meaningOf(mode) << '\n';
 }
 
 void addApplyModeCommand(Command& app) {
@@ -107,7 +104,7 @@ void addApplyModeCommand(Command& app) {
     const auto mode = std::make_shared<std::string>();
     const auto json = std::make_shared<bool>(false);
     command.option("MODE", *mode, "lines or batch; without it, show the present one")
-        .choices({kLinesMode, kBatchMode});
+        .choices(applyModeNames());
     command.footer(
         "lines: a reload closes the machine to new connections, runs one command for each rule, "
         "and opens the machine again. A line that the kernel refuses is left out.\n"

@@ -219,7 +219,7 @@ void status(bool json) {
     const std::optional<TrialState> trial = trialState(store);
     const bool interrupted = wasInterrupted(kernel);
     const bool nothingInForce = enabled && isNothingInForce(active, filters);
-    const char* const applyMode = store.applyMode() == ApplyMode::kBatch ? "batch" : "lines";
+    const char* const applyMode = applyModeName(store.applyMode());
 
     if (json) {
         Json::Value document;
