@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <sstream>
 
 #include "tarnfwadmin/descriptor.h"
@@ -16,6 +17,24 @@ namespace {
 
 // Other programs change the packet filter as well, at boot most of all.
 constexpr char kLockSeconds[] = "30";
+
+// A machine may have no IPv6.
+constexpr char kOptionalFamily[] = "v6";
+
+// What the tools say of a kernel without the family, or without its filter table.
+constexpr const char* kAbsent[] = {"Address family not supported", "Protocol not supported",
+                                   "Operation not supported", "Table does not exist"};
+
+bool hasProgram(const std::string& family) {
+    return family != kOptionalFamily || access(programOf(family).c_str(), X_OK) == 0;
+}
+
+bool saysAbsent(const ProgramAnswer& answer) {
+    return answer.status != 0 &&
+           std::any_of(std::begin(kAbsent), std::end(kAbsent), [&](const char* text) {
+               return answer.errors.find(text) != std::string::npos;
+           });
+}
 
 }  // namespace
 
@@ -89,6 +108,30 @@ RuleListing PacketFilter::list(const std::string& family, const std::string& tab
                     programOf(family) + " cannot list the " + table + " table" + becauseOf(answer));
     }
     return RuleListing::from(answer.output);
+}
+
+std::optional<RuleListing> PacketFilter::listPresent(const std::string& family,
+                                                     const std::string& table) const {
+    if (!hasProgram(family)) {
+        return std::nullopt;
+    }
+    const ProgramAnswer answer = run(family, {"-t", table, "-S"});
+    if (answer.status == 0) {
+        return RuleListing::from(answer.output);
+    }
+    if (family != kOptionalFamily || !saysAbsent(answer)) {
+        throw Error(ErrorKind::kSystem,
+                    programOf(family) + " cannot list the " + table + " table" + becauseOf(answer));
+    }
+    return std::nullopt;
+}
+
+bool PacketFilter::isAbsent(const std::string& family) const {
+    if (!hasProgram(family)) {
+        return true;
+    }
+    // One chain: the whole table may have thousands of rules.
+    return family == kOptionalFamily && saysAbsent(run(family, {"-S", "INPUT"}));
 }
 
 ProgramAnswer PacketFilter::runTool(const std::string& program,

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,14 @@ public:
     /// there is no such table or chain.
     RuleListing list(const std::string& family, const std::string& table,
                      const std::string& chain = "") const;
+
+    /// Lists a table; nothing when the machine does not have the family, see isAbsent().
+    std::optional<RuleListing> listPresent(const std::string& family,
+                                           const std::string& table) const;
+
+    /// Whether the machine lacks the family altogether: there is no such program, or the kernel has
+    /// no such table. IPv4 is never absent: without it nothing filters, which is an error.
+    bool isAbsent(const std::string& family) const;
 
 protected:
     PacketFilter() = default;

@@ -3,6 +3,8 @@
 ///     rules_probe lines FILE               fwClear() and fwExec() of a command document
 ///     rules_probe batch FILE               FW_BATCH::apply() of one; status 1 when it refuses
 ///     rules_probe closed                   closes the machine as a reload in "lines" does
+///     rules_probe save                     prints the rules of the firewall's chains
+///     rules_probe put-back FILE            puts them into the kernel again
 ///     rules_probe compare PROFILE...       each of these profile files both ways: same listing?
 ///     rules_probe random SEED COUNT LINK...  the same for random profiles on these links
 ///     rules_probe kill SEED COUNT A B      kills batches of A and B, in turns, at random moments:
@@ -37,6 +39,8 @@
 #include "tarnfirewall/fwBatch.h"
 #include "tarnfirewall/fwDB.h"
 #include "tarnfirewall/tarnFW.h"
+
+#include "tarnfwadmin/savedRules.h"
 
 namespace {
 
@@ -338,6 +342,14 @@ int run(const Texts& words) {
     }
     if (command == "closed" && words.size() == 1) {
         return FW::TARNFW().fwDefaultDrop() ? EXIT_SUCCESS : EXIT_FAILURE;
+    }
+    if (command == "save" && words.size() == 1) {
+        std::cout << tarnfw::SavedRules::inKernel().document() << '\n';
+        return EXIT_SUCCESS;
+    }
+    if (command == "put-back" && words.size() == 2) {
+        tarnfw::SavedRules::from(documentIn(words[1])).putBack();
+        return EXIT_SUCCESS;
     }
     if (command == "compare" && words.size() > 1) {
         return compareFiles({words.begin() + 1, words.end()});
