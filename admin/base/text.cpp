@@ -1,6 +1,7 @@
 #include "tarnfwadmin/text.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace tarnfw {
 namespace {
@@ -25,6 +26,17 @@ std::size_t distance(const std::string& from, const std::string& to) {
         }
     }
     return needed[from.size()][to.size()];
+}
+
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+std::string lettersOf(const std::string& name) {
+    std::string letters;
+    std::copy_if(name.begin(), name.end(), std::back_inserter(letters),
+                 [](char c) { return !isDigit(c) && c != '.'; });
+    return letters;
 }
 
 }  // namespace
@@ -72,6 +84,15 @@ std::string nearest(const std::string& word, const std::vector<std::string>& kno
 
 std::string nearestCode(const std::string& word, const std::vector<std::string>& known) {
     return word.size() > 2 ? nearest(word, known) : std::string();
+}
+
+std::string nearestAdapter(const std::string& word, const std::vector<std::string>& known) {
+    const std::string letters = lettersOf(word);
+    const bool numbered = std::any_of(word.begin(), word.end(), isDigit);
+    std::vector<std::string> candidates;
+    std::copy_if(known.begin(), known.end(), std::back_inserter(candidates),
+                 [&](const std::string& name) { return !numbered || lettersOf(name) != letters; });
+    return nearest(word, candidates);
 }
 
 std::string didYouMean(const std::string& guess) {

@@ -368,10 +368,11 @@ void checkAdapter(const std::string& adapter, const std::string& path, Machine& 
     } else if (isNeverApplied(adapter)) {
         findings.warning(path, kPppoeInterfaceText);
     } else if (!machine.hasAdapter(adapter)) {
-        const std::string what = isPredefined(adapter)
-                                     ? inQuotes(adapter) + " has no interface now"
-                                     : "there is no adapter " + inQuotes(adapter) + " now";
-        findings.warning(path, what + ": its rules and default policy are skipped");
+        const std::string skipped = " now: its rules and default policy are skipped";
+        findings.warning(path, isPredefined(adapter)
+                                   ? inQuotes(adapter) + " has no interface" + skipped
+                                   : "there is no adapter " + inQuotes(adapter) + skipped +
+                                         didYouMean(machine.nearestAdapter(adapter)));
     }
 }
 

@@ -181,6 +181,16 @@ void addUnknownMembers(const Place& place, Findings& findings) {
     }
 }
 
+/// The hint for a number that is written as a text: "1" for 1. All enumerations are of numbers, of
+/// which none is a misspelling of another.
+std::string meantNumber(const Value& value, const Value& list) {
+    const bool meant =
+        value.isString() && std::any_of(list.begin(), list.end(), [&](const Value& one) {
+            return quoted(one) == value.asString();
+        });
+    return meant ? "; did you mean " + value.asString() + " without quotes?" : std::string();
+}
+
 std::string textOf(const Place& place, const std::string& description) {
     const Value& schema = *place.schema;
     using boost::contains;
@@ -188,7 +198,8 @@ std::string textOf(const Place& place, const std::string& description) {
         return "must be " + typesOf(schema) + ", not " + kindOf(*place.value);
     }
     if (contains(description, "enum values")) {
-        return quoted(*place.value) + " is not one of " + valuesOf(schema["enum"]);
+        return quoted(*place.value) + " is not one of " + valuesOf(schema["enum"]) +
+               meantNumber(*place.value, schema["enum"]);
     }
     if (contains(description, "'const' constraint")) {
         return "must be " + quoted(schema["const"]) + ", not " + quoted(*place.value);

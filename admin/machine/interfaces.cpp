@@ -125,14 +125,21 @@ bool isAdapterName(const std::string& name) {
            name.find_first_of("/:") == std::string::npos;
 }
 
-void requireAdapter(const std::string& adapter, const std::vector<std::string>& others) {
-    std::set<std::string> known(others.begin(), others.end());
-    known.insert(FW::FW_PREDEFINED_ADAPTERS.begin(), FW::FW_PREDEFINED_ADAPTERS.end());
+std::vector<std::string> usableAdapters() {
+    std::set<std::string> names(FW::FW_PREDEFINED_ADAPTERS.begin(),
+                                FW::FW_PREDEFINED_ADAPTERS.end());
     for (const std::string& name : machineAdapters()) {
         if (!isNeverApplied(name)) {
-            known.insert(name);
+            names.insert(name);
         }
     }
+    return {names.begin(), names.end()};
+}
+
+void requireAdapter(const std::string& adapter, const std::vector<std::string>& others) {
+    const std::vector<std::string> usable = usableAdapters();
+    std::set<std::string> known(usable.begin(), usable.end());
+    known.insert(others.begin(), others.end());
     if (known.count(adapter) != 0) {
         if (!isAdapterName(adapter)) {
             throw Error(ErrorKind::kUnusable, inQuotes(adapter) + " is not the name of an adapter");
@@ -143,7 +150,7 @@ void requireAdapter(const std::string& adapter, const std::vector<std::string>& 
         throw Error(ErrorKind::kUnusable, kPppoeInterfaceText);
     }
     const std::vector<std::string> names(known.begin(), known.end());
-    const std::string meant = nearest(adapter, names);
+    const std::string meant = nearestAdapter(adapter, names);
     throw Error(ErrorKind::kNotFound, "there is no adapter " + inQuotes(adapter) +
                                           didYouMean(meant) +
                                           " (known: " + printable(boost::join(names, ", ")) + ")");

@@ -5,6 +5,7 @@
 #include "tarnfirewall/fwGeoip.h"
 
 #include "tarnfwadmin/error.h"
+#include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/text.h"
 
 namespace tarnfw {
@@ -15,6 +16,13 @@ bool Machine::hasAdapter(const std::string& adapter) {
         return known->second;
     }
     return adapters_[adapter] = translation_.adapterIsEnabled(adapter);
+}
+
+std::string Machine::nearestAdapter(const std::string& adapter) {
+    if (!adapterNames_) {
+        adapterNames_ = usableAdapters();
+    }
+    return tarnfw::nearestAdapter(adapter, *adapterNames_);
 }
 
 const Catalogue& Machine::catalogue() {

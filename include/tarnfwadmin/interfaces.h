@@ -25,6 +25,10 @@ std::vector<Interface> interfacesNow();
 /// Error, kSystem, when they cannot be listed.
 std::vector<std::string> machineAdapters();
 
+/// The adapters that rules can be for on this machine, sorted: machineAdapters() and the predefined
+/// ones, but for "ppp0". Throws Error as machineAdapters().
+std::vector<std::string> usableAdapters();
+
 /// The interfaces that "pppoe" or "vpn" is now; none for any other name. Throws Error, kSystem,
 /// when they cannot be listed.
 std::vector<std::string> interfacesOf(const std::string& adapter);

@@ -28,6 +28,10 @@ public:
     /// Whether rules for `adapter` are applied now: "vpn" and "pppoe" need an interface as well.
     bool hasAdapter(const std::string& adapter);
 
+    /// The usable adapter whose name is most like `adapter`, see nearestAdapter(); empty when none
+    /// is. Throws Error, kSystem, when the interfaces cannot be listed.
+    std::string nearestAdapter(const std::string& adapter);
+
     /// Whether the service catalogue can be read. Without it no profile with services is applied.
     bool hasCatalogue();
 
@@ -54,6 +58,7 @@ private:
     std::map<std::pair<std::string, bool>, std::vector<AddressRange>> ranges_;
     std::optional<Catalogue> catalogue_;  // of the translation, which reads it as well
     std::optional<std::vector<std::string>> serviceNames_;
+    std::optional<std::vector<std::string>> adapterNames_;
 };
 
 }  // namespace tarnfw

@@ -49,7 +49,10 @@ const RuleCase kShapes[] = {
     {"TwoUnknown",
      R"({"colour": 1, "size": 2})",
      {"colour: unknown member", "size: unknown member"}},
-    {"TextForNumber", R"({"policy": "1"})", {"policy: \"1\" is not one of 0, 1, 2"}},
+    {"TextForNumber",
+     R"({"policy": "1"})",
+     {"policy: \"1\" is not one of 0, 1, 2; did you mean 1 without quotes?"}},
+    {"TextOfNoNumber", R"({"policy": "3"})", {"policy: \"3\" is not one of 0, 1, 2"}},
     {"BooleanForNumber", R"({"ipType": true})", {"ipType: true is not one of 0, 1, 2"}},
     {"UnknownGroup", R"({"ipGroup": 6})", {"ipGroup: 6 is not one of 0, 1, 2, 3, 4, 5"}},
     {"UnknownProtocol", R"({"protocol": 5})", {"protocol: 5 is not one of 1, 2, 3, 4, 32"}},
@@ -302,6 +305,18 @@ const DocumentCase kDocuments[] = {
     {"AdapterAway",
      R"({"adapterPolicyMap": {"eth7": 1, "global": 2}})",
      {"adapterPolicyMap.eth7: warning: there is no adapter \"eth7\" now: its rules and default "
+      "policy are skipped"}},
+    {"AdapterMisspelt",
+     R"({"adapterPolicyMap": {"wlna0": 1, "global": 2}})",
+     {"adapterPolicyMap.wlna0: warning: there is no adapter \"wlna0\" now: its rules and default "
+      "policy are skipped; did you mean \"wlan0\"?"}},
+    {"PredefinedAdapterMisspelt",
+     R"({"adapterPolicyMap": {"ppoe": 1, "global": 2}})",
+     {"adapterPolicyMap.ppoe: warning: there is no adapter \"ppoe\" now: its rules and default "
+      "policy are skipped; did you mean \"pppoe\"?"}},
+    {"AdapterOfAnotherNumber",
+     R"({"adapterPolicyMap": {"wlan1": 1, "global": 2}})",
+     {"adapterPolicyMap.wlan1: warning: there is no adapter \"wlan1\" now: its rules and default "
       "policy are skipped"}},
     {"VpnAway",
      R"({"adapterPolicyMap": {"vpn": 1, "global": 2}})",

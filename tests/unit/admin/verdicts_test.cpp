@@ -55,6 +55,15 @@ TEST(QuestionTextTest, WhatIsNoneIsRefused) {
     }
 }
 
+TEST(QuestionTextTest, AMisspeltProtocolHasAHint) {
+    const std::string form = " is not of the form tcp/22, udp/5000-5010 or both/53";
+    FW::PortCompareST question;
+    EXPECT_EQ(tarnfw::portQuestionFrom("tpc/22", question),
+              "\"tpc/22\"" + form + "; did you mean \"tcp/22\"?");
+    EXPECT_EQ(tarnfw::portQuestionFrom("icmp/22", question), "\"icmp/22\"" + form);
+    EXPECT_EQ(tarnfw::portQuestionFrom("tpc", question), "\"tpc\"" + form) << "no port";
+}
+
 TEST(QuestionTextTest, NamesTheSideAndOtherProtocols) {
     EXPECT_EQ(tarnfw::questionText({1, 2, "53"}), "source udp/53");
     EXPECT_EQ(tarnfw::questionText({0, 4, "0"}), "icmp/0");

@@ -170,7 +170,7 @@ void requireRenamable(const std::string& from, const std::string& to, const Prof
     }
     const std::vector<std::string> known = adaptersIn(profiles);
     if (std::find(known.begin(), known.end(), from) == known.end()) {
-        const std::string meant = nearest(from, known);
+        const std::string meant = nearestAdapter(from, known);
         throw Error(ErrorKind::kNotFound, "no profile has rules or a default policy for adapter " +
                                               inQuotes(from) + didYouMean(meant) + " (known: " +
                                               printable(boost::join(known, ", ")) + ")");
