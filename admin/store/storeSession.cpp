@@ -25,7 +25,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kLockSeconds = 30;
 constexpr mode_t kDirectoryMode = 0755;
 
 // In the profile directory, so that a copy can replace its document by renaming, which needs no
@@ -82,15 +81,15 @@ void makeDirectory(const char* path) {
 
 // ---- Session ------------------------------------------------------------------------------------
 
-ToolLock::ToolLock(const std::string& name) : lock_(pathInRunDir(name), kLockSeconds) {
+ToolLock::ToolLock(const std::string& name, LockTime& time) : lock_(pathInRunDir(name), time) {
     if (!lock_.held()) {
-        throw Error(ErrorKind::kBusy, "cannot lock " + std::string(kRunDir) + "/" + name +
-                                          ": another tarnfw is running");
+        throwLocked(pathInRunDir(name));
     }
 }
 
-StoreSession::StoreSession(Access access)
-    : lock_(access == Access::kChange ? std::make_unique<ToolLock>("store.lock") : nullptr) {
+StoreSession::StoreSession(Access access, LockTime time)
+    : time_(time),
+      lock_(access == Access::kChange ? std::make_unique<ToolLock>("store.lock", time_) : nullptr) {
     if (lock_) {
         mendInterruptedChange();
     }

@@ -25,8 +25,9 @@ void makeDirectory(const char* path);
 /// A lock between the programs that use this library, held from construction to destruction.
 class ToolLock {
 public:
-    /// Waits up to 30 s for the lock file `name` of the run directory; throws Error, kBusy.
-    explicit ToolLock(const std::string& name);
+    /// Waits for the lock file `name` of the run directory. Throws Error, kBusy, which names the
+    /// process that holds the lock.
+    ToolLock(const std::string& name, LockTime& time);
 
 private:
     FileLock lock_;
@@ -51,15 +52,19 @@ public:
                   ///< that read and then write at the same time one would undo the other
     };
 
-    /// Opens and reads the store. With kChange, waits up to 30 s for the lock and first puts back
+    /// Opens and reads the store. With kChange, waits for the lock and first puts back
     /// files truncated by a killed program; the damaged file is kept
-    /// beside it with ".damaged" after its name. Throws Error, kBusy without the lock.
-    explicit StoreSession(Access access);
+    /// beside it with ".damaged" after its name. Throws Error, kBusy without the lock. `time` is
+    /// what the session may wait for locks, see lockTime().
+    explicit StoreSession(Access access, LockTime time = LockTime());
     StoreSession(const StoreSession&) = delete;
     StoreSession& operator=(const StoreSession&) = delete;
     ~StoreSession();
 
     const StoreSnapshot& snapshot() const { return snapshot_; }
+
+    /// The time that is left for locks, for all steps of the task.
+    LockTime& lockTime() { return time_; }
 
     /// Reads files that have changed since, as after an operation of the library outside
     /// change().
@@ -91,6 +96,7 @@ private:
     void mendInterruptedChange();
 
     std::vector<std::string> notes_;
+    LockTime time_;
     std::unique_ptr<ToolLock> lock_;
     StoreSnapshot snapshot_;
 };

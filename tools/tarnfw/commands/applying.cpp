@@ -23,8 +23,9 @@ StoreSession::Access allowed(StoreSession::Access access) {
 
 }  // namespace
 
-Context::Context(StoreSession::Access access, std::unique_ptr<Machine> machine)
-    : session_(allowed(access)),
+Context::Context(StoreSession::Access access, std::unique_ptr<Machine> machine,
+                 const LockTime& time)
+    : session_(allowed(access), time),
       machine_(std::move(machine)),
       control_(session_, [](const auto& what, const auto& work) { return runWhole(what, work); }) {
     printNotes();

@@ -19,10 +19,12 @@ namespace tarnfw {
 /// the others with the object's end.
 class Context {
 public:
-    /// A command that has asked the machine already hands that object over. Throws Error:
-    /// kNoRights, and what StoreSession throws.
+    /// A command that has asked the machine already hands that object over, and one that has taken
+    /// a lock, what it may still wait for others. Throws Error: kNoRights, and what StoreSession
+    /// throws.
     explicit Context(StoreSession::Access access,
-                     std::unique_ptr<Machine> machine = std::make_unique<Machine>());
+                     std::unique_ptr<Machine> machine = std::make_unique<Machine>(),
+                     const LockTime& time = LockTime());
     ~Context();
     Context(const Context&) = delete;
     Context& operator=(const Context&) = delete;

@@ -103,9 +103,9 @@ void writeFirstSettings(Context& context, bool filtersIpv6) {
 
 /// Writes the first profile if there is none, and the settings with it. Not through the store:
 /// its generator of file names needs a profile to compare with, and would not return.
-void writeFirstProfile(bool filtersIpv6) {
+void writeFirstProfile(bool filtersIpv6, const LockTime& time) {
     makeDirectory(kProfileDir);
-    Context context(StoreSession::Access::kChange);
+    Context context(StoreSession::Access::kChange, std::make_unique<Machine>(), time);
     if (storeHasProfile(context.store())) {
         return;
     }
@@ -148,7 +148,8 @@ void setUp(BaseFilter filter) {
 
 void baseUp() {
     requireRoot();
-    const ToolLock lock(kLockName);
+    LockTime time;
+    const ToolLock lock(kLockName, time);
     setUp(BaseFilter("v4"));
     std::string failure;
     try {
@@ -156,7 +157,7 @@ void baseUp() {
     } catch (const Error& failed) {
         failure = failed.what();  // thrown at the end: the rest is useful without IPv6
     }
-    writeFirstProfile(failure.empty());
+    writeFirstProfile(failure.empty(), time);
     if (!failure.empty()) {
         throw Error(ErrorKind::kSystem, failure);
     }
@@ -164,7 +165,8 @@ void baseUp() {
 
 void baseDown() {
     requireRoot();
-    const ToolLock lock(kLockName);
+    LockTime time;
+    const ToolLock lock(kLockName, time);
     if (StoreSnapshot().firewallEnabled()) {
         std::cerr
             << "tarnfw: the firewall is still enabled in the settings, but now filters nothing\n";

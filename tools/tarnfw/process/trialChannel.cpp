@@ -81,7 +81,8 @@ std::pair<Channel, Channel> connectedChannels() {
 }
 
 Channel listenForTerminals() {
-    const ToolLock lock("trial.lock");
+    LockTime time;
+    const ToolLock lock("trial.lock", time);
     if (callTrial()) {
         throw Error(ErrorKind::kBusy, "another trial is running; \"tarnfw status\" shows it");
     }
