@@ -376,6 +376,20 @@ void checkAdapter(const std::string& adapter, const std::string& path, Machine& 
     }
 }
 
+/// A profile with services is not applied without the catalogue.
+void checkCatalogue(const Catalogue& catalogue, Findings& findings) {
+    if (catalogue.readable()) {
+        return;
+    }
+    const std::vector<CatalogueError> errors = catalogue.errors();
+    for (const CatalogueError& error : errors) {
+        findings.error("", "the service catalogue cannot be read: " + textOf(error));
+    }
+    if (errors.empty()) {
+        findings.warning("", "the service catalogue is empty: services are not checked");
+    }
+}
+
 void checkName(const Value& name, Findings& findings) {
     if (!name.isString()) {
         return;
@@ -420,8 +434,8 @@ std::vector<Finding> checkMeaning(const Json::Value& document, Machine& machine)
             checkAdapter(adapter, memberPath("adapterPolicyMap", adapter), machine, findings);
         }
     }
-    if (services && !machine.hasCatalogue()) {
-        findings.warning("", "the service catalogue cannot be read: services are not checked");
+    if (services) {
+        checkCatalogue(machine.catalogue(), findings);
     }
     return findings.take();
 }

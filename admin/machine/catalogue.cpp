@@ -1,9 +1,14 @@
 #include "tarnfwadmin/catalogue.h"
 
 #include <glob.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
+#include <functional>
 #include <set>
 
 #include <json/json.h>
@@ -24,6 +29,9 @@ constexpr const char* kCataloguePatterns[] = {
     "/usr/tarn/etc/services.d/*.json",
 };
 
+// What the platform reads of a file at most.
+constexpr off_t kMostFileBytes = 16 * 1024 * 1024;
+
 void addNames(const Json::Value& document, std::set<std::string>& names) {
     if (document.isArray()) {
         for (const Json::Value& entry : document) {
@@ -34,32 +42,67 @@ void addNames(const Json::Value& document, std::set<std::string>& names) {
     }
 }
 
-/// The document in a file; null when it cannot be read, which the platform has logged.
-Json::Value documentIn(const char* path) {
+/// The document in a file; null, with a reason, when it cannot be read.
+Json::Value documentIn(const std::string& path, std::string& reason) {
     std::ifstream file(path);
+    if (!file) {
+        reason = std::strerror(errno);
+        return {};
+    }
+    Json::CharReaderBuilder builder;
+    builder["failIfExtra"] = true;
+    builder["rejectDupKeys"] = true;
     Json::Value document;
-    std::string reason;
     try {
-        if (Json::parseFromStream(Json::CharReaderBuilder(), file, &document, &reason)) {
+        if (Json::parseFromStream(builder, file, &document, &reason)) {
             return document;
         }
     } catch (const Json::Exception&) {  // too deeply nested
     }
+    reason = "it is not valid JSON";
     return {};
 }
 
-std::set<std::string> namesInFiles() {
-    std::set<std::string> names;
+void forEachFile(const std::function<void(const std::string&)>& use) {
     for (const char* const pattern : kCataloguePatterns) {
         glob_t found{};
         if (glob(pattern, 0, nullptr, &found) == 0) {
             for (std::size_t i = 0; i < found.gl_pathc; ++i) {
-                addNames(documentIn(found.gl_pathv[i]), names);
+                use(found.gl_pathv[i]);
             }
         }
         globfree(&found);
     }
+}
+
+std::set<std::string> namesInFiles() {
+    std::set<std::string> names;
+    forEachFile([&](const std::string& path) {
+        std::string reason;
+        addNames(documentIn(path, reason), names);
+    });
     return names;
+}
+
+/// Why the platform refuses a file, whatever it contains; empty when it does not.
+std::string refusalOf(const std::string& path) {
+    struct stat info {};
+    if (lstat(path.c_str(), &info) != 0) {
+        return std::strerror(errno);
+    }
+    if (S_ISLNK(info.st_mode)) {
+        return "it is a symbolic link";
+    }
+    if (!S_ISREG(info.st_mode)) {
+        return "it is no regular file";
+    }
+    if (info.st_uid != 0 && info.st_uid != geteuid()) {
+        return "it belongs to user " + std::to_string(info.st_uid);
+    }
+    if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return "group or others may write it";
+    }
+    return info.st_size > kMostFileBytes ? "it is larger than 16 MiB" : "";
 }
 
 ServiceSide sideOf(int protocol, const TLIBCSZLIST* list) {
@@ -75,6 +118,10 @@ ServiceSide sideOf(int protocol, const TLIBCSZLIST* list) {
 
 }  // namespace
 
+std::string textOf(const CatalogueError& error) {
+    return printable(error.path.empty() ? error.text : error.path + ": " + error.text);
+}
+
 Catalogue::Catalogue() {
     TARNFW_SERVICE_LIST* list = nullptr;
     const int count = TARNFwServiceEnum(&list);
@@ -85,6 +132,27 @@ Catalogue::Catalogue() {
 }
 
 Catalogue::Catalogue(const TARNFW_SERVICE_LIST* list) : list_(Shared(), list) {}
+
+std::vector<CatalogueError> Catalogue::errors() const {
+    std::vector<CatalogueError> errors;
+    if (readable()) {
+        return errors;
+    }
+    std::set<std::string> names;
+    forEachFile([&](const std::string& path) {
+        std::string reason = refusalOf(path);
+        if (reason.empty()) {
+            addNames(documentIn(path, reason), names);
+        }
+        if (!reason.empty()) {
+            errors.push_back({path, reason});
+        }
+    });
+    if (errors.empty() && !names.empty()) {
+        errors.push_back({"", "a file has an invalid service; the log names it"});
+    }
+    return errors;
+}
 
 std::optional<Service> Catalogue::find(const std::string& name) const {
     const TARNFW_SERVICE* const record =

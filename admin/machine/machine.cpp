@@ -31,7 +31,12 @@ const Catalogue& Machine::catalogue() {
 
 const Catalogue& Machine::requireCatalogue() {
     if (!hasCatalogue()) {
-        throw Error(ErrorKind::kSystem, "the service catalogue is empty or cannot be read");
+        std::string text;
+        for (const CatalogueError& error : catalogue().errors()) {
+            text +=
+                (text.empty() ? "the service catalogue cannot be read: " : "; ") + textOf(error);
+        }
+        throw Error(ErrorKind::kSystem, text.empty() ? "the service catalogue is empty" : text);
     }
     return catalogue();
 }

@@ -32,10 +32,20 @@ struct Service {
     bool usable() const { return !title.empty(); }
 };
 
+/// A file that keeps the platform from reading the catalogue.
+struct CatalogueError {
+    std::string path;  ///< the file; empty when only the log names it
+    std::string text;  ///< "group or others may write it"
+};
+
+/// "/usr/tarn/etc/services.d/a.json: group or others may write it". Printable.
+std::string textOf(const CatalogueError& error);
+
 /// The catalogue, as the platform read it when this was made. For one thread; it can be moved.
 class Catalogue {
 public:
-    /// Reads the catalogue. One that cannot be read has no services; the platform logs why.
+    /// Reads the catalogue. One that cannot be read has no services; the platform logs why, and
+    /// errors() says it.
     Catalogue();
 
     /// One that the platform has read; `list`, null for none, is not released and outlives this
@@ -44,6 +54,10 @@ public:
 
     /// Whether the catalogue has services.
     bool readable() const { return list_ != nullptr; }
+
+    /// Why it is not readable(), by file; none for a catalogue that is empty. The platform refuses
+    /// the whole catalogue for one bad file: its services would seem to be gone.
+    std::vector<CatalogueError> errors() const;
 
     /// The service of this name, usable or not.
     std::optional<Service> find(const std::string& name) const;

@@ -180,18 +180,19 @@ bool parse(const std::string& document, Json::Value& root, std::string& reason) 
 
 }  // namespace
 
-void readServices(const std::string& document, Services& services,
+bool readServices(const std::string& document, Services& services,
                   const std::function<void(const std::string&)>& report) {
     Json::Value root;
     std::string reason;
     if (!parse(document, root, reason)) {
         report("not read: " + reason);
-        return;
+        return false;
     }
     if (!root.isArray() && !root.isObject()) {
         report("not read: it is neither a service nor an array of services");
-        return;
+        return false;
     }
+    bool whole = true;
     const Json::ArrayIndex count = root.isArray() ? root.size() : 1;
     for (Json::ArrayIndex i = 0; i < count; ++i) {
         std::string name;
@@ -199,13 +200,15 @@ void readServices(const std::string& document, Services& services,
         if (readService(root.isArray() ? root[i] : root, name, service, reason)) {
             services[name] = std::move(service);
         } else {
+            whole = false;
             std::string text = "service " + std::to_string(i + 1);
             if (!name.empty()) {
                 text.append(" (").append(name).append(")");
             }
-            report(text.append(" left out: ").append(reason));
+            report(text.append(" is invalid: ").append(reason));
         }
     }
+    return whole;
 }
 
 }  // namespace host

@@ -52,43 +52,66 @@ struct TARNFW_SERVICE_LIST {
 
 namespace {
 
-// The catalogue files of a directory, without hidden ones. None if it is missing.
-std::vector<std::string> filesIn(const char* directory) {
-    std::vector<std::string> paths;
-    std::error_code error;
-    for (fs::directory_iterator entry(directory, error), end; !error && entry != end;
-         entry.increment(error)) {
-        const std::string name = entry->path().filename();
-        if (name.front() != '.' && entry->path().extension() == ".json") {
-            paths.push_back(entry->path());
-        }
-    }
-    if (error && error != std::errc::no_such_file_or_directory) {
-        HOST_LOG_ERR("%s: not read: %s", directory, error.message().c_str());
-    }
-    std::sort(paths.begin(), paths.end());
-    return paths;
-}
-
-host::Services readCatalogue() {
-    host::Services services;
-    for (const char* directory : kDirectories) {
-        for (const std::string& path : filesIn(directory)) {
-            std::string content;
-            const int error = host::readTrustedFile(path, kMostFileBytes, content);
-            if (error != 0) {
-                if (!host::isRefusal(error)) {
-                    HOST_LOG_ERR("%s: not read: %s", path.c_str(), strerror(error));
-                }
-                continue;
+// Reads the catalogue. All of it is examined even after a failure, so that one run names everything
+// that is wrong.
+class Reading {
+public:
+    Reading() {
+        for (const char* directory : kDirectories) {
+            for (const std::string& path : filesIn(directory)) {
+                read(path);
             }
-            host::readServices(content, services, [&](const std::string& reason) {
-                HOST_LOG_ERR("%s: %s", path.c_str(), reason.c_str());
-            });
         }
     }
-    return services;
-}
+
+    // Without one of its files the catalogue is not known: services would seem to be gone, and with
+    // them the rules that name them.
+    bool whole() const { return whole_; }
+
+    const host::Services& services() const { return services_; }
+
+private:
+    // The catalogue files of a directory, without hidden ones. None if it is missing.
+    std::vector<std::string> filesIn(const char* directory) {
+        std::vector<std::string> paths;
+        std::error_code error;
+        for (fs::directory_iterator entry(directory, error), end; !error && entry != end;
+             entry.increment(error)) {
+            const std::string name = entry->path().filename();
+            if (name.front() != '.' && entry->path().extension() == ".json") {
+                paths.push_back(entry->path());
+            }
+        }
+        if (error && error != std::errc::no_such_file_or_directory) {
+            HOST_LOG_ERR("%s: not read: %s", directory, error.message().c_str());
+            whole_ = false;
+        }
+        std::sort(paths.begin(), paths.end());
+        return paths;
+    }
+
+    void read(const std::string& path) {
+        std::string content;
+        const int error = host::readTrustedFile(path, kMostFileBytes, content);
+        if (error == ENOENT) {
+            return;  // removed since it was listed
+        }
+        if (error != 0) {
+            if (!host::isRefusal(error)) {
+                HOST_LOG_ERR("%s: not read: %s", path.c_str(), strerror(error));
+            }
+            whole_ = false;
+            return;
+        }
+        const bool valid = host::readServices(content, services_, [&](const std::string& reason) {
+            HOST_LOG_ERR("%s: %s", path.c_str(), reason.c_str());
+        });
+        whole_ = whole_ && valid;
+    }
+
+    host::Services services_;
+    bool whole_ = true;
+};
 
 // Fills a list of a record that its catalogue already owns; NULL for an empty list.
 bool fillPorts(PTLIBCSZLIST& list, const std::vector<std::string>& ports) {
@@ -117,7 +140,11 @@ int TARNFwServiceEnum(TARNFW_SERVICE_LIST** list) {
         if (list == nullptr) {
             return HOST_FAIL(host::kErrorBadParameter);
         }
-        const host::Services services = readCatalogue();
+        const Reading reading;
+        if (!reading.whole()) {
+            return HOST_FAIL(EIO);  // what is wrong has been logged
+        }
+        const host::Services& services = reading.services();
         if (services.empty()) {
             return 0;
         }

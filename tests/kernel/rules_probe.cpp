@@ -5,6 +5,7 @@
 ///     rules_probe closed                   closes the machine as a reload in "lines" does
 ///     rules_probe save                     prints the rules of the firewall's chains
 ///     rules_probe put-back FILE            puts them into the kernel again
+///     rules_probe hup                      TARNFwRuleHup(), as a service of the system calls it
 ///     rules_probe compare PROFILE...       each of these profile files both ways: same listing?
 ///     rules_probe random SEED COUNT LINK...  the same for random profiles on these links
 ///     rules_probe kill SEED COUNT A B      kills batches of A and B, in turns, at random moments:
@@ -39,6 +40,7 @@
 #include "tarnfirewall/fwBatch.h"
 #include "tarnfirewall/fwDB.h"
 #include "tarnfirewall/tarnFW.h"
+#include "tarnfirewall/tarnfirewall_c.h"
 
 #include "tarnfwadmin/savedRules.h"
 
@@ -351,6 +353,9 @@ int run(const Texts& words) {
         tarnfw::SavedRules::from(documentIn(words[1])).putBack();
         return EXIT_SUCCESS;
     }
+    if (command == "hup" && words.size() == 1) {
+        return TARNFwRuleHup() == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    }
     if (command == "compare" && words.size() > 1) {
         return compareFiles({words.begin() + 1, words.end()});
     }
@@ -363,8 +368,8 @@ int run(const Texts& words) {
                            {words[3], words[4]});
     }
     std::cerr
-        << "usage: rules_probe lines|batch FILE | closed | compare PROFILE... | random SEED COUNT "
-           "LINK... | kill SEED COUNT A B\n";
+        << "usage: rules_probe lines|batch FILE | closed | hup | compare PROFILE... | random SEED "
+           "COUNT LINK... | kill SEED COUNT A B\n";
     return 2;
 }
 

@@ -16,6 +16,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
+using testing::IsEmpty;
 
 // ---- One rule -----------------------------------------------------------------------------------
 
@@ -362,10 +363,34 @@ TEST_F(ProfileCheckTest, RulesOfAnAbsentAdapterAreChecked) {
 
 TEST_F(ProfileCheckTest, WithoutACatalogueServicesAreNotChecked) {
     std::filesystem::remove_all("/usr/tarn/etc.defaults/services.d");
+    EXPECT_THAT(linesOf(profile({rule(R"({"portGroup": 0, "portList": ["ssh"]})")})),
+                ElementsAre("home.json: warning: the service catalogue is empty: services are not "
+                            "checked"));
+}
+
+TEST_F(ProfileCheckTest, EachFileThatMakesTheCatalogueUnreadableIsAnError) {
+    const std::string directory = "/usr/tarn/etc.defaults/services.d/";
+    writeFile(directory + "b.json", "[");
+    writeFile("/usr/tarn/etc/services.d/c.json", "[]");
+    std::filesystem::permissions("/usr/tarn/etc/services.d/c.json",
+                                 std::filesystem::perms::group_write,
+                                 std::filesystem::perm_options::add);
+    std::filesystem::create_symlink("test.json", directory + "link.json");
+    const std::string start = "home.json: the service catalogue cannot be read: ";
     EXPECT_THAT(
         linesOf(profile({rule(R"({"portGroup": 0, "portList": ["ssh"]})")})),
-        ElementsAre("home.json: warning: the service catalogue cannot be read: services are "
-                    "not checked"));
+        ElementsAre(start + directory + "b.json: it is not valid JSON",
+                    start + directory + "link.json: it is a symbolic link",
+                    start + "/usr/tarn/etc/services.d/c.json: group or others may write it"));
+    EXPECT_THAT(linesOf(profile({rule()})), IsEmpty());
+}
+
+TEST_F(ProfileCheckTest, AnInvalidServiceMakesTheCatalogueUnreadable) {
+    writeFile("/usr/tarn/etc/services.d/c.json", R"({"name": "ssh", "dst": {"protocol": "sctp"}})");
+    EXPECT_THAT(
+        linesOf(profile({rule(R"({"portGroup": 0, "portList": ["ssh"]})")})),
+        ElementsAre("home.json: the service catalogue cannot be read: a file has an invalid "
+                    "service; the log names it"));
 }
 
 TEST_F(ProfileCheckTest, PlacesAreData) {
