@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <libgen.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -18,6 +19,7 @@
 
 #include "fwJsonFile.h"
 #include "fwLog.h"
+#include "fwSpawn.h"
 
 namespace FW {
 namespace {
@@ -28,6 +30,8 @@ constexpr char kLockDir[] = "/var/lock/firewall/";
 constexpr char kFallbackLockDir[] = "/tmp/";
 constexpr mode_t kLockDirMode = 0770;
 constexpr mode_t kLockFileMode = 0600;
+constexpr mode_t kNewFileMode = 0600;
+constexpr mode_t kPermissions = 0777;
 constexpr std::size_t kPathBytes = 1024;
 constexpr std::size_t kChunkBytes = 16384;
 
@@ -92,6 +96,42 @@ bool readAll(std::istream& stream, std::string& text) {
     return !stream.bad();
 }
 
+/// Gives a new file the owner and mode of the one that it will replace, whatever the umask; a file
+/// that replaces nothing is for its owner only. A caller who may not change the owner keeps what it
+/// writes.
+void takeOwnerAndMode(const Descriptor& file, const std::string& replaced) {
+    struct stat info {};
+    mode_t mode = kNewFileMode;
+    if (lstat(replaced.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
+        mode = info.st_mode & kPermissions;
+        if (fchown(file.get(), info.st_uid, info.st_gid) != 0) {
+            mode &= ~static_cast<mode_t>(S_IRWXG);  // they were for another group
+        }
+    }
+    (void)fchmod(file.get(), mode);
+}
+
+void writeAll(const Descriptor& file, const std::string& text) {
+    std::size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t count = write(file.get(), text.data() + written, text.size() - written);
+        if (count < 0 && errno != EINTR) {
+            return;
+        }
+        written += count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
+}
+
+/// Writes the names in a file's directory to the disk.
+void flushDirectoryOf(const std::string& path) {
+    const auto slash = path.rfind('/');
+    const std::string name = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const Descriptor directory(open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory) {
+        (void)fsync(directory.get());
+    }
+}
+
 }  // namespace
 
 std::string getLockFile(const std::string& path) {
@@ -149,18 +189,24 @@ bool jsonFileDump(const Json::Value& value, const std::string& path) {
         return false;
     }
     const std::string temporaryPath = path + ".tmp";
-    std::ofstream file(temporaryPath, std::ios::out | std::ios::binary | std::ios::trunc);
+    Descriptor file(
+        open(temporaryPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kNewFileMode));
     if (!file) {
         FW_LOG_ERR("Failed to open json file %s", temporaryPath.c_str());
         return false;
     }
-    // The result says whether the document was replaced; a failed write does not change it.
-    file << Json::StyledWriter().write(value);
-    file.close();
+    takeOwnerAndMode(file, path);
+    // The result says whether the document was replaced; a failed write or flush does not change
+    // it. Both flushes, so that after a power cut the old document is there, or the new one, and
+    // not an empty one; and so that what was reported as done is on the disk.
+    writeAll(file, Json::StyledWriter().write(value));
+    (void)fsync(file.get());
+    file = Descriptor();
     if (std::rename(temporaryPath.c_str(), path.c_str()) != 0) {
         FW_LOG_ERR("Failed to rename to %s", path.c_str());
         return false;
     }
+    flushDirectoryOf(path);
     return true;
 }
 

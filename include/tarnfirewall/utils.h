@@ -28,9 +28,11 @@ TARNFW_EXPORT std::string getLockFile(const std::string& path);
 TARNFW_EXPORT bool jsonFileLoad(Json::Value& value, const std::string& path);
 
 /// Replaces the document `path` with `value`, written to `path` + ".tmp" and renamed into place.
+/// Both the document and its name are flushed to the disk. It keeps owner and mode of the file that
+/// it replaces; a new one gets mode 0600, whatever the umask.
 /// Returns true when it was replaced. Logs a lock not obtained in time, a temporary file that
 /// cannot be opened, and a failed rename, which leaves the temporary file; the old document
-/// is then unchanged. A failed write is not detected.
+/// is then unchanged. A failed write or flush is not detected.
 /// Raises boost::interprocess::interprocess_exception when the lock file cannot be opened.
 TARNFW_EXPORT bool jsonFileDump(const Json::Value& value, const std::string& path);
 

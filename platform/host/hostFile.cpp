@@ -110,6 +110,16 @@ int fill(const Descriptor& file, const std::string& content, const FileOwner& ow
     return 0;
 }
 
+// Writes the names in a file's directory to the disk. The file is replaced even if that fails.
+void flushDirectoryOf(const std::string& path) {
+    const auto slash = path.rfind('/');
+    const std::string name = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const Descriptor directory(open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory) {
+        (void)fsync(directory.get());
+    }
+}
+
 // ---- Setting aside ----
 
 bool isSame(const struct stat& a, const struct stat& b) {
@@ -178,8 +188,10 @@ int replaceFile(const std::string& path, const std::string& content, const FileO
     }
     if (error != 0) {
         (void)unlink(temporary.c_str());
+        return error;
     }
-    return error;
+    flushDirectoryOf(path);
+    return 0;
 }
 
 int lookAt(int parent, const std::string& name, Found& entry) {

@@ -30,8 +30,9 @@ struct FileOwner {
 };
 
 /// Replaces whatever has this name with a new file, with the given owner and mode whatever the
-/// umask. The file is on disk before it gets the name. 0, or the errno code of the failure, after
-/// which nothing has changed: EISDIR if a directory has the name.
+/// umask. The file is on disk before it gets the name, and the name before success is returned. 0,
+/// or the errno code of the failure, after which nothing has changed: EISDIR if a directory has the
+/// name.
 int replaceFile(const std::string& path, const std::string& content, const FileOwner& owner);
 
 /// What is at a name. It is held open, so that its inode number is not reused.

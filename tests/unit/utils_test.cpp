@@ -42,6 +42,12 @@ std::function<void()>& beforeRename() {
     return action;
 }
 
+// What was flushed and renamed, in order.
+std::vector<std::string>& diskCalls() {
+    static std::vector<std::string> calls;
+    return calls;
+}
+
 Json::Value object(const std::string& key, int number) {
     Json::Value value;
     value[key] = number;
@@ -74,8 +80,16 @@ extern "C" int rename(const char* from, const char* to) noexcept {
     if (beforeRename()) {
         beforeRename()();
     }
+    diskCalls().push_back(std::string("rename ") + from + " " + to);
     using Function = int (*)(const char*, const char*);
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, "rename"))(from, to);
+}
+
+extern "C" int fsync(int fd) {
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    diskCalls().push_back("flush " + fs::read_symlink(link).string());
+    using Function = int (*)(int);
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, "fsync"))(fd);
 }
 
 namespace {
@@ -319,6 +333,54 @@ TEST_F(UtilsTest, DumpTruncatesAStaleTemporaryFile) {
     EXPECT_EQ(readFile(kData), "{\n   \"a\" : 1\n}\n");
     EXPECT_FALSE(fileExists(kTemporary));
 }
+
+TEST_F(UtilsTest, DumpFlushesTheFileBeforeTheRenameAndTheDirectoryAfterIt) {
+    EXPECT_TRUE(FW::jsonFileDump(object("a", 1), kData));
+    EXPECT_THAT(diskCalls(), ElementsAre("flush " + kTemporary,
+                                         "rename " + kTemporary + " " + kData, "flush /tmp/store"));
+}
+
+struct ModeCase {
+    const char* name;
+    mode_t mask;
+    mode_t before;  ///< of the file that is replaced; 0: there is none
+    mode_t after;
+};
+
+const ModeCase kModes[] = {
+    {"NewFileWithoutAMask", 0, 0, 0600},      {"NewFileWithTheUsualMask", 022, 0, 0600},
+    {"NewFileWithATightMask", 0777, 0, 0600}, {"ReadableByAGroup", 077, 0640, 0640},
+    {"ReadableByAll", 077, 0644, 0644},       {"ReadOnly", 0, 0400, 0400},
+};
+
+class DumpModeTest : public UtilsTest, public ::testing::WithParamInterface<ModeCase> {};
+
+TEST_P(DumpModeTest, IsThatOfTheReplacedFileWhateverTheMask) {
+    const ModeCase& c = GetParam();
+    constexpr uid_t kUser = 1000;
+    constexpr gid_t kGroup = 1001;
+    if (c.before != 0) {
+        writeFile(kData, "{}");
+        ASSERT_EQ(chown(kData.c_str(), kUser, kGroup), 0);
+        ASSERT_EQ(chmod(kData.c_str(), c.before), 0);
+    }
+    writeFile(kTemporary, "left by a killed process");
+    ASSERT_EQ(chmod(kTemporary.c_str(), 0666), 0);
+
+    const mode_t mask = umask(c.mask);
+    EXPECT_TRUE(FW::jsonFileDump(object("a", 1), kData));
+    umask(mask);
+
+    struct stat info {};
+    ASSERT_EQ(stat(kData.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777u, c.after);
+    EXPECT_EQ(info.st_uid, c.before != 0 ? kUser : geteuid());
+    EXPECT_EQ(info.st_gid, c.before != 0 ? kGroup : getegid());
+    EXPECT_EQ(storedJson(kData), object("a", 1));
+}
+
+INSTANTIATE_TEST_SUITE_P(, DumpModeTest, ::testing::ValuesIn(kModes),
+                         [](const auto& c) { return std::string(c.param.name); });
 
 TEST_F(UtilsTest, DumpKeepsNoDescriptorOpen) {
     const int descriptors = openDescriptors();

@@ -34,7 +34,7 @@ writes_one() {
     mapfile -t added < <(LC_ALL=C comm -13 "$out/$name.before" "$out/$name.after")
     step "$name: one file more" [ "${#added[@]}" = 1 ]
     step "$name: a document of the store" [ "${added[0]%.json}" != "${added[0]}" ]
-    step "$name: readable as all the others" [ "$(stat -c %a "${added[0]}")" = 644 ]
+    step "$name: for root alone" [ "$(stat -c %a "${added[0]}")" = 600 ]
     step "$name: it is the only profile" [ "$(tarnfw profile list)" = '* default' ]
 
     keep_directory >"$out/$name.written"
@@ -50,8 +50,8 @@ step 'no directory: base up returns' base_up
 umask 022
 step 'no directory: there is one' [ -d "$kProfileDirectory" ]
 step 'no directory: others may look into it' [ "$(stat -c %a "$kProfileDirectory")" = 755 ]
-step 'no directory: and read the profile' [ \
-    "$(find "$kProfileDirectory" -name '*.json' ! -path "$kSettings" -printf '%m\n')" = 644 ]
+step 'no directory: the profile and the settings are for root alone' [ \
+    "$(find "$kProfileDirectory" -name '*.json' -printf '%m\n' | sort --unique)" = 600 ]
 step 'no directory: the settings are there, with apply mode "batch"' [ \
     "$(jq -c '[.status, .profile, .apply]' "$kSettings")" = '[false,"default","batch"]' ]
 step 'no directory: the profile is there' [ "$(tarnfw profile list)" = '* default' ]
