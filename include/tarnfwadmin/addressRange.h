@@ -6,7 +6,9 @@
 #include <optional>
 #include <string>
 
-namespace tarnfw {
+#include "tarnfirewall/fwExport.h"
+
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// An IPv4 or IPv6 address, without a zone. All IPv4 addresses sort before all of IPv6.
 class Address {

@@ -8,9 +8,11 @@
 #include <utility>
 #include <vector>
 
+#include "tarnfirewall/fwExport.h"
+
 #include "tarnfwadmin/packetFilter.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// The chain that accepts established connections during a reload.
 inline constexpr char kReloadingChain[] = "FIREWALL_RELOADING";

@@ -9,11 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "tarnfirewall/fwExport.h"
 #include "tarnfirewall/fwTypes.h"
 
 struct TARNFW_SERVICE_LIST;
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// Ports of a service on one side of a connection.
 struct ServiceSide {

@@ -4,12 +4,13 @@
 #include <functional>
 #include <string>
 
+#include "tarnfirewall/fwExport.h"
 #include "tarnfirewall/fwTypes.h"
 
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/storeSession.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 class Machine;
 

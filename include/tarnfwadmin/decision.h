@@ -6,13 +6,14 @@
 #include <string>
 #include <vector>
 
+#include "tarnfirewall/fwExport.h"
 #include "tarnfirewall/fwTypes.h"
 
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/place.h"
 #include "tarnfwadmin/portEntry.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 class Machine;
 

@@ -6,7 +6,9 @@
 #include <string>
 #include <utility>
 
-namespace tarnfw {
+#include "tarnfirewall/fwExport.h"
+
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// Owns a file descriptor.
 class Descriptor {

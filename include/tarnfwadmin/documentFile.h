@@ -8,9 +8,11 @@
 
 #include <json/json.h>
 
+#include "tarnfirewall/fwExport.h"
+
 #include "tarnfwadmin/finding.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// "-" for a path: standard input.
 inline constexpr char kStandardInput[] = "-";

@@ -7,9 +7,11 @@
 #include <string>
 #include <utility>
 
+#include "tarnfirewall/fwExport.h"
+
 #include "tarnfwadmin/place.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// The kind of an error.
 enum class ErrorKind {

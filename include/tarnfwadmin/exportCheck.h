@@ -5,9 +5,11 @@
 
 #include <json/json.h>
 
+#include "tarnfirewall/fwExport.h"
+
 #include "tarnfwadmin/finding.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 class Machine;
 

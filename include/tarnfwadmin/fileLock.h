@@ -5,7 +5,9 @@
 #include <functional>
 #include <string>
 
-namespace tarnfw {
+#include "tarnfirewall/fwExport.h"
+
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// The time that a task may still spend waiting for locks, all together: a task that needs several
 /// of them otherwise waits for each in turn. Time between the waits does not count. Hand it on by

@@ -9,9 +9,11 @@
 
 #include <json/json.h>
 
+#include "tarnfirewall/fwExport.h"
+
 #include "tarnfwadmin/place.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// One finding of a check.
 struct Finding {

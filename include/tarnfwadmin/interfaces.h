@@ -5,9 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "tarnfirewall/fwExport.h"
+
 #include "tarnfwadmin/addressRange.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// An interface and its present state.
 struct Interface {

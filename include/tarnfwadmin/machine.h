@@ -8,12 +8,13 @@
 #include <utility>
 #include <vector>
 
+#include "tarnfirewall/fwExport.h"
 #include "tarnfirewall/fwIptables.h"
 
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/catalogue.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// Asks the platform and the library once for each thing, and keeps the answer: make one for a task
 /// and pass it on. Nothing is asked before it is needed, and nothing changed. For one thread.

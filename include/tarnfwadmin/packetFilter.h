@@ -6,9 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "tarnfirewall/fwExport.h"
+
 #include "tarnfwadmin/program.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// A table of one family, or some of its chains, as "-S" lists it.
 struct RuleListing {

@@ -4,7 +4,9 @@
 #include <cstddef>
 #include <string>
 
-namespace tarnfw {
+#include "tarnfirewall/fwExport.h"
+
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// A rule of a profile: the adapter whose list it is in, and its position there. Or an adapter's
 /// default policy.

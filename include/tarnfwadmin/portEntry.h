@@ -5,7 +5,9 @@
 #include <optional>
 #include <string>
 
-namespace tarnfw {
+#include "tarnfirewall/fwExport.h"
+
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 inline constexpr int kHighestPort = 65535;
 

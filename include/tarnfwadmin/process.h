@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
-namespace tarnfw {
+#include "tarnfirewall/fwExport.h"
+
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// The exit status of a process that cannot run its program, as a shell has it.
 inline constexpr int kProgramNotRun = 127;

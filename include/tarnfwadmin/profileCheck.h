@@ -6,12 +6,13 @@
 
 #include <json/json.h>
 
+#include "tarnfirewall/fwExport.h"
 #include "tarnfirewall/fwTypes.h"
 
 #include "tarnfwadmin/finding.h"
 #include "tarnfwadmin/place.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 class Machine;
 

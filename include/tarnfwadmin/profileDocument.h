@@ -6,11 +6,12 @@
 
 #include <json/json.h>
 
+#include "tarnfirewall/fwExport.h"
 #include "tarnfirewall/fwTypes.h"
 
 #include "tarnfwadmin/finding.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 class Machine;
 

@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
-namespace tarnfw {
+#include "tarnfirewall/fwExport.h"
+
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// How a program ended, and what it wrote.
 struct ProgramAnswer {

@@ -4,7 +4,9 @@
 #include <string>
 #include <vector>
 
-namespace tarnfw {
+#include "tarnfirewall/fwExport.h"
+
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// One line of a comparison.
 struct RuleEdit {

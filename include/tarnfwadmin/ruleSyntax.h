@@ -13,9 +13,10 @@
 #include <string>
 #include <vector>
 
+#include "tarnfirewall/fwExport.h"
 #include "tarnfirewall/fwTypes.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// The names for rules on this machine. The caller reads it (Catalogue, FW_GEOIP); reading a rule's
 /// words reads no file.

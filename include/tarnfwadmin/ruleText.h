@@ -5,9 +5,10 @@
 #include <cstdint>
 #include <string>
 
+#include "tarnfirewall/fwExport.h"
 #include "tarnfirewall/fwTypes.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// "allow", "deny", "none", or "unknown policy 7".
 std::string policyText(FW::FW_POLICY policy);

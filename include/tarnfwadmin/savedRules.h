@@ -8,9 +8,11 @@
 
 #include <json/json.h>
 
+#include "tarnfirewall/fwExport.h"
+
 #include "tarnfwadmin/packetFilter.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// What one family has, or had: the policies of INPUT and FORWARD, and the rules of INPUT_FIREWALL,
 /// FORWARD_FIREWALL and FIREWALL_RELOADING. Chains that are missing are left out.

@@ -6,11 +6,13 @@
 
 #include <string>
 
+#include "tarnfirewall/fwExport.h"
+
 #include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/packetFilter.h"
 #include "tarnfwadmin/translation.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// The packet filter of a fresh namespace, with the base filter set up in both families.
 class ScratchKernel : public PacketFilter {

@@ -8,10 +8,11 @@
 
 #include <json/json.h>
 
+#include "tarnfirewall/fwExport.h"
 #include "tarnfirewall/fwFileState.h"
 #include "tarnfirewall/fwTypes.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 inline constexpr char kProfileDir[] = "/usr/tarn/etc/firewall.d/";
 

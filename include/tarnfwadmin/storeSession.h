@@ -7,10 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "tarnfirewall/fwExport.h"
+
 #include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/store.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// The directory for locks and the records of running commands, cleared by a reboot.
 inline constexpr char kRunDir[] = "/run/tarn";

@@ -13,6 +13,8 @@
 
 #include <stddef.h>
 
+#include "tarnfirewall/fwExport.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -34,36 +36,36 @@ enum tarnfwadmin_code {
 /* Whether `rule` is a rule, such as "deny tcp 22,6000-6010 from 192.168.1.0/24" (see ruleSyntax.h),
  * with the services and countries of this machine. On success `reason` is the rule as it is
  * understood. Changes nothing. */
-int tarnfwadmin_check_rule(const char* rule, char* reason, size_t size);
+TARNFW_EXPORT int tarnfwadmin_check_rule(const char* rule, char* reason, size_t size);
 
 /* Adds `rule` as the last of an adapter's list ("eth0", "global") and stores the profile, when the
  * whole profile is valid with it. `profile` is its name; NULL or "" means the active one. The
  * kernel still has the old rules, see tarnfwadmin_reload(). On success `reason` says where the rule
  * is. On failure the store is as it was. */
-int tarnfwadmin_add_rule(const char* profile, const char* adapter, const char* rule, char* reason,
-                         size_t size);
+TARNFW_EXPORT int tarnfwadmin_add_rule(const char* profile, const char* adapter, const char* rule,
+                                       char* reason, size_t size);
 
 /* Enables the firewall and applies the active profile, when that is valid and the base filter is
  * set up. After TARNFWADMIN_REFUSED a firewall that was disabled is disabled again; after every
  * other failure nothing has changed. */
-int tarnfwadmin_enable(char* reason, size_t size);
+TARNFW_EXPORT int tarnfwadmin_enable(char* reason, size_t size);
 
 /* Empties the firewall's chains and disables it, also when it is disabled already. On failure the
  * chains may be empty while the settings still say that it is enabled. */
-int tarnfwadmin_disable(char* reason, size_t size);
+TARNFW_EXPORT int tarnfwadmin_disable(char* reason, size_t size);
 
 /* Applies the active profile. While the firewall is disabled it succeeds, does nothing and says so.
  * The profile is not checked: in the apply mode "lines" what the kernel does not take is left out.
  * After TARNFWADMIN_REFUSED `reason` says what is in force; after every other failure nothing has
  * changed. A process that is killed meanwhile may leave the machine closed to new connections. */
-int tarnfwadmin_reload(char* reason, size_t size);
+TARNFW_EXPORT int tarnfwadmin_reload(char* reason, size_t size);
 
 /* Whether packets from `address` ("10.0.0.5", "2001:db8::1") that come in by `adapter` ("eth0") may
  * reach a port of this machine ("tcp/445", "udp/53"), by the active profile as it is stored.
  * `allowed` becomes 1 or 0, and is left alone on failure; `reason` names the rule or default policy
  * that decides. While the firewall is disabled everything is allowed. Changes nothing. */
-int tarnfwadmin_decide(const char* address, const char* port, const char* adapter, int* allowed,
-                       char* reason, size_t size);
+TARNFW_EXPORT int tarnfwadmin_decide(const char* address, const char* port, const char* adapter,
+                                     int* allowed, char* reason, size_t size);
 
 #ifdef __cplusplus
 }

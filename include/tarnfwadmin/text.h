@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
-namespace tarnfw {
+#include "tarnfirewall/fwExport.h"
+
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// A text from a file made safe for a terminal: control characters become '?'.
 std::string printable(std::string text);

@@ -6,12 +6,13 @@
 
 #include <json/json.h>
 
+#include "tarnfirewall/fwExport.h"
 #include "tarnfirewall/fwTypes.h"
 
 #include "tarnfwadmin/place.h"
 #include "tarnfwadmin/store.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// One command line of a translation.
 struct TracedLine {

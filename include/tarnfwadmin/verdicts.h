@@ -4,9 +4,10 @@
 #include <string>
 #include <vector>
 
+#include "tarnfirewall/fwExport.h"
 #include "tarnfirewall/fwTypes.h"
 
-namespace tarnfw {
+namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// Reads "tcp/22", "udp/5000-5010" or "both/53" ("tcp+udp/53") into a question about destination
 /// ports. Returns why the text is not valid, and then leaves `question` alone; else an empty text.
