@@ -39,8 +39,14 @@ void check(int error) {
     }
 }
 
+/// A file in memory; none, with errno, when there can be none.
+Descriptor openMemoryFile(const char* name) {
+    return Descriptor(memfd_create(name, MFD_CLOEXEC));
+}
+
+/// The same above the standard descriptors; throws when there can be none.
 Descriptor memoryFile(const char* name) {
-    const Descriptor file(memfd_create(name, MFD_CLOEXEC));
+    const Descriptor file = openMemoryFile(name);
     check(file ? 0 : errno);
     return aboveStandard(file.get());
 }
@@ -183,7 +189,7 @@ bool ToolRun::awaitOutput(const std::string& line) {
 
 std::size_t ToolRun::outputBufferBytes() {
     struct stat info {};
-    const Descriptor file(memfd_create("output", MFD_CLOEXEC));
+    const Descriptor file = openMemoryFile("output");
     // As the C library chooses it; start() reports a failure.
     return fstat(file.get(), &info) == 0
                ? std::max<std::size_t>(BUFSIZ, static_cast<std::size_t>(info.st_blksize))

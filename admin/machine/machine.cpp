@@ -1,6 +1,9 @@
 #include "tarnfwadmin/machine.h"
 
+#include <algorithm>
 #include <vector>
+
+#include "tarncore.h"
 
 #include "tarnfirewall/fwGeoip.h"
 
@@ -9,6 +12,42 @@
 #include "tarnfwadmin/text.h"
 
 namespace tarnfw {
+namespace {
+
+constexpr char kCountryDirectory[] = "/usr/share/xt_geoip";
+
+bool hasCountryData(const std::string& code, bool ipv6) {
+    std::vector<std::string> usable;
+    return FW::FW_GEOIP().geoipSanctify({code}, ipv6, usable);
+}
+
+}  // namespace
+
+std::vector<std::string> machineCountries() {
+    std::vector<std::string> codes;
+    if (TLIBCFileExist(kCountryDirectory) == 1) {
+        (void)FW::FW_GEOIP().countryEnum(codes);  // logs for itself; then there are none
+    }
+    std::sort(codes.begin(), codes.end());
+    codes.erase(std::unique(codes.begin(), codes.end()), codes.end());
+    return codes;
+}
+
+std::vector<AddressRange> readCountryRanges(const std::string& code, bool ipv6) {
+    std::vector<AddressRange> ranges;
+    Json::Value records(Json::arrayValue);
+    if (!hasCountryData(code, ipv6) || !FW::FW_GEOIP().countryIPGet(code, ipv6, records)) {
+        return ranges;  // it logs for itself
+    }
+    ranges.reserve(records.size());
+    for (const Json::Value& record : records) {
+        if (const auto range =
+                rangeFrom(record["ip_begin"].asString(), record["ip_end"].asString())) {
+            ranges.push_back(*range);
+        }
+    }
+    return ranges;
+}
 
 bool Machine::hasAdapter(const std::string& adapter) {
     const auto known = adapters_.find(adapter);
@@ -66,21 +105,13 @@ bool Machine::hasCountry(const std::string& code, bool ipv6) {
     if (known != countries_.end()) {
         return known->second;
     }
-    std::vector<std::string> usable;
-    return countries_[key] = FW::FW_GEOIP().geoipSanctify({code}, ipv6, usable);
+    return countries_[key] = hasCountryData(code, ipv6);
 }
 
 const std::vector<AddressRange>& Machine::countryRanges(const std::string& code, bool ipv6) {
     const auto [entry, isNew] = ranges_.try_emplace({code, ipv6});
     if (isNew) {
-        Json::Value ranges;
-        (void)FW::FW_GEOIP().countryIPGet(code, ipv6, ranges);  // logs for itself
-        for (const Json::Value& range : ranges) {
-            if (const auto parsed =
-                    rangeFrom(range["ip_begin"].asString(), range["ip_end"].asString())) {
-                entry->second.push_back(*parsed);
-            }
-        }
+        entry->second = readCountryRanges(code, ipv6);
     }
     return entry->second;
 }

@@ -1,38 +1,21 @@
 #include "tarnfwadmin/vocabulary.h"
 
-#include <algorithm>
 #include <iterator>
 #include <sstream>
 #include <vector>
-
-#include "tarncore.h"
 
 #include "tarnfirewall/fwGeoip.h"
 
 #include "tarnfwadmin/machine.h"
 
 namespace tarnfw {
-namespace {
-
-constexpr char kCountryDirectory[] = "/usr/share/xt_geoip";
-
-std::vector<std::string> countries() {
-    std::vector<std::string> codes;
-    if (TLIBCFileExist(kCountryDirectory) == 1) {
-        (void)FW::FW_GEOIP().countryEnum(codes);  // logs for itself; then there are none
-    }
-    std::sort(codes.begin(), codes.end());
-    return codes;
-}
-
-}  // namespace
 
 RuleVocabulary machineVocabulary(Machine& machine) {
     RuleVocabulary known;
     for (const Service& service : machine.catalogue().usableServices()) {
         known.services[service.name] = service.destination.protocol;
     }
-    const std::vector<std::string> codes = countries();
+    const std::vector<std::string> codes = machineCountries();
     if (!codes.empty()) {
         FW::FW_GEOIP geoip;
         (void)geoip.geoipSanctify(codes, false, known.countriesV4);

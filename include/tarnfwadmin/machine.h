@@ -16,6 +16,12 @@
 
 namespace TARNFW_EXPORT_ALL tarnfw {
 
+/// The countries of the database, sorted, each once; none without a database.
+std::vector<std::string> machineCountries();
+
+/// The addresses of a country in a family, read from the database; none without data.
+std::vector<AddressRange> readCountryRanges(const std::string& code, bool ipv6);
+
 /// Asks the platform and the library once for each thing, and keeps the answer: make one for a task
 /// and pass it on. Nothing is asked before it is needed, and nothing changed. For one thread.
 class Machine {
@@ -45,7 +51,7 @@ public:
     /// Whether there are data of a country for a family.
     bool hasCountry(const std::string& code, bool ipv6);
 
-    /// The addresses of a country in a family; none without data.
+    /// What readCountryRanges() returns.
     const std::vector<AddressRange>& countryRanges(const std::string& code, bool ipv6);
 
     /// The port matches that the translation makes of a rule: "-p tcp --dport 22", or an empty

@@ -15,9 +15,6 @@
 #include <json/json.h>
 #include <boost/algorithm/string/join.hpp>
 
-#include "tarncore.h"
-
-#include "tarnfirewall/fwGeoip.h"
 #include "tarnfirewall/fwTypes.h"
 
 #include "cli/command.h"
@@ -28,6 +25,7 @@
 #include "cli/parser.h"
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/store.h"
 
 namespace tarnfw {
@@ -97,8 +95,6 @@ void help(const Command& tool, const Texts& words) {
 
 // ---- complete: what the shells' completion scripts ask; not for a person ----
 
-constexpr char kCountryDirectory[] = "/usr/share/xt_geoip";
-
 /// Tells the shell to complete file names.
 constexpr char kFilesLine[] = "<file>";
 
@@ -150,15 +146,6 @@ Texts services() {
     return names;
 }
 
-Texts countries() {
-    Texts codes;
-    if (TLIBCFileExist(kCountryDirectory) == 1) {
-        (void)FW::FW_GEOIP().countryEnum(codes);  // logs for itself
-    }
-    std::sort(codes.begin(), codes.end());
-    return codes;
-}
-
 Texts topicNames() {
     Texts names;
     for (const HelpTopic& topic : helpTopics()) {
@@ -175,7 +162,7 @@ void printCompletions(const Command& app, const Texts& line) {
     names.profiles = [] { return orNone([] { return StoreSnapshot().profileNames(); }); };
     names.adapters = [] { return orNone(adapters); };
     names.services = [] { return orNone(services); };
-    names.countries = [] { return orNone(countries); };
+    names.countries = [] { return orNone(machineCountries); };
     names.topics = topicNames;
     const Completion fits = complete(app, line, names);
     for (const std::string& word : fits.words) {

@@ -8,47 +8,23 @@
 #include <json/json.h>
 #include <boost/algorithm/string/case_conv.hpp>
 
-#include "tarnfirewall/fwGeoip.h"
-
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/commands.h"
 #include "tarnfwadmin/addressRange.h"
+#include "tarnfwadmin/machine.h"
 
 namespace tarnfw {
 namespace {
 
-/// The countries with data, sorted.
-std::vector<std::string> countries() {
-    std::vector<std::string> codes;
-    (void)FW::FW_GEOIP().countryEnum(codes);  // logs for itself
+/// The countries of the database. Throws Error without any.
+std::vector<std::string> requireCountries() {
+    std::vector<std::string> codes = machineCountries();
     if (codes.empty()) {
         throw Error(ErrorKind::kNotFound, "there are no country data in /usr/share/xt_geoip");
     }
-    std::sort(codes.begin(), codes.end());
-    codes.erase(std::unique(codes.begin(), codes.end()), codes.end());
     return codes;
-}
-
-/// The ranges of a country in a family; none without data.
-std::vector<AddressRange> rangesOf(const std::string& country, bool ipv6) {
-    FW::FW_GEOIP database;
-    std::vector<std::string> usable;
-    Json::Value records(Json::arrayValue);
-    if (!database.geoipSanctify({country}, ipv6, usable) ||
-        !database.countryIPGet(country, ipv6, records)) {
-        return {};
-    }
-    std::vector<AddressRange> ranges;
-    ranges.reserve(records.size());
-    for (const Json::Value& record : records) {
-        const auto range = rangeFrom(record["ip_begin"].asString(), record["ip_end"].asString());
-        if (range) {
-            ranges.push_back(*range);
-        }
-    }
-    return ranges;
 }
 
 std::string textOf(const AddressRange& range) {
@@ -67,13 +43,13 @@ Json::Value jsonOf(const AddressRange& range) {
 
 void list(bool json) {
     requireRoot();
-    const std::vector<std::string> codes = countries();
+    const std::vector<std::string> codes = requireCountries();
     Json::Value document;
     Table table({"country", "IPv4 ranges", "IPv6 ranges"});
     Progress progress("Reading countries", codes.size());
     for (const std::string& code : codes) {
-        const std::size_t v4 = rangesOf(code, false).size();
-        const std::size_t v6 = rangesOf(code, true).size();
+        const std::size_t v4 = readCountryRanges(code, false).size();
+        const std::size_t v6 = readCountryRanges(code, true).size();
         Json::Value entry;
         entry["country"] = code;
         entry["ipv4Ranges"] = static_cast<Json::UInt>(v4);
@@ -100,7 +76,7 @@ struct ShowOptions {
 
 /// The country as the database spells it. Throws Error for one without data.
 std::string knownCountry(const std::string& wanted) {
-    const std::vector<std::string> codes = countries();
+    const std::vector<std::string> codes = requireCountries();
     for (const std::string& code : {wanted, boost::to_upper_copy(wanted)}) {
         if (std::binary_search(codes.begin(), codes.end(), code)) {
             return code;
@@ -122,7 +98,7 @@ void show(const ShowOptions& options) {
         if (ipv6 ? options.v4 : options.v6) {
             continue;
         }
-        for (const AddressRange& range : rangesOf(country, ipv6)) {
+        for (const AddressRange& range : readCountryRanges(country, ipv6)) {
             if (!options.json) {
                 std::cout << textOf(range) << '\n';
                 continue;
@@ -151,11 +127,11 @@ struct Match {
 };
 
 std::vector<Match> matchesOf(const Address& address) {
-    const std::vector<std::string> codes = countries();
+    const std::vector<std::string> codes = requireCountries();
     std::vector<Match> matches;
     Progress progress("Reading countries", codes.size());
     for (const std::string& code : codes) {
-        const std::vector<AddressRange> ranges = rangesOf(code, address.isIpv6());
+        const std::vector<AddressRange> ranges = readCountryRanges(code, address.isIpv6());
         const auto found =
             std::find_if(ranges.begin(), ranges.end(),
                          [&](const AddressRange& range) { return range.contains(address); });
