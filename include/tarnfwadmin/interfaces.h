@@ -23,6 +23,13 @@ struct Interface {
 /// kSystem, when they cannot be listed.
 std::vector<Interface> interfacesNow();
 
+/// The interface that packets to `peer` leave through, which is the one that its packets come in
+/// through unless the routes of the two directions differ; "lo" for an address of the machine
+/// itself. `local` is the machine's own end, which its policy routing may depend on. Asks the
+/// kernel's routing table; nothing without a route.
+std::optional<std::string> interfaceTowards(const Address& peer,
+                                            const std::optional<Address>& local = {});
+
 /// The adapters that the library finds on the machine (TARNFW::fwAdapterEnum()), sorted. Throws
 /// Error, kSystem, when they cannot be listed.
 std::vector<std::string> machineAdapters();

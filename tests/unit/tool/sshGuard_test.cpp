@@ -41,6 +41,11 @@ const ValueCase kValues[] = {
     {"V4", "192.0.2.7 50022 192.0.2.1 22", "192.0.2.7 192.0.2.1 22 "},
     {"V6", "2001:db8::7 50022 2001:db8::1 2222", "2001:db8::7 2001:db8::1 2222 "},
     {"LinkLocal", "fe80::7%eth0 50022 fe80::1%eth0 22", "fe80::7 fe80::1 22 eth0"},
+    {"ClientWithAZone", "fe80::7%eth0 50022 fe80::1 22", "fe80::7 fe80::1 22 eth0"},
+    {"V4InV6Form", "::ffff:192.0.2.7 50022 ::ffff:192.0.2.1 22", "192.0.2.7 192.0.2.1 22 "},
+    {"V4InV6FormOnOneSide", "::ffff:192.0.2.7 50022 192.0.2.1 22", "192.0.2.7 192.0.2.1 22 "},
+    {"PortWithLeadingZeros", "192.0.2.7 050022 192.0.2.1 022", "192.0.2.7 192.0.2.1 22 "},
+    {"PortZero", "192.0.2.7 50022 192.0.2.1 000", "192.0.2.7 192.0.2.1 0 "},
     {"Empty", "", ""},
     {"NoServer", "192.0.2.7 50022", ""},
     {"NoServerPort", "192.0.2.7 50022 192.0.2.1", ""},
@@ -155,34 +160,45 @@ const std::vector<Interface> kInterfaces = {interface("eth0", {"192.0.2.1", "fe8
                                             interface("eth1", {"198.51.100.1", "fe80::1"}),
                                             interface("lo", {"127.0.0.1", "::1"})};
 
-struct InterfaceCase {
+struct EntranceCase {
     const char* name;
     SshConnection connection;
-    const char* found;
+    std::vector<std::string> routes;
+    std::vector<std::string> found;
 };
 
-void PrintTo(const InterfaceCase& c, std::ostream* out) {
+void PrintTo(const EntranceCase& c, std::ostream* out) {
     *out << told(c.connection);
 }
 
-const InterfaceCase kInterfaceCases[] = {
-    {"WithTheServersAddress", connection("203.0.113.7", "198.51.100.1"), "eth1"},
-    {"OfTheZone", connection("fe80::7", "fe80::1", "eth0"), "eth0"},
-    {"OfTheOtherZone", connection("fe80::7", "fe80::1", "eth1"), "eth1"},
-    {"OfNoZoneThatThereIs", connection("fe80::7", "fe80::1", "eth2"), "none"},
-    {"OfAnotherMachine", connection("203.0.113.7", "203.0.113.1"), "none"},
-    {"LoopbackAddress", connection("127.0.0.1", "127.0.0.1"), "lo"},
-    {"FromItselfToAnyOfItsAddresses", connection("198.51.100.1", "192.0.2.1"), "lo"},
+const EntranceCase kEntranceCases[] = {
+    {"WithTheServersAddress", connection("203.0.113.7", "198.51.100.1"), {"eth1"}, {"eth1"}},
+    {"AndThatOfAnotherRouteBack",
+     connection("203.0.113.7", "198.51.100.1"),
+     {"eth0"},
+     {"eth1", "eth0"}},
+    {"AndThoseOfPolicyRouting",
+     connection("203.0.113.7", "198.51.100.1"),
+     {"eth1", "ppp0"},
+     {"eth1", "ppp0"}},
+    {"WithoutARouteBack", connection("203.0.113.7", "198.51.100.1"), {}, {"eth1"}},
+    {"OfTheZone", connection("fe80::7", "fe80::1", "eth0"), {"eth1"}, {"eth0"}},
+    {"OfTheOtherZone", connection("fe80::7", "fe80::1", "eth1"), {}, {"eth1"}},
+    {"OfTheZoneWhateverTheAddress", connection("fe80::7", "fe80::9", "eth1"), {}, {"eth1"}},
+    {"OfNoZoneThatThereIs", connection("fe80::7", "fe80::1", "eth2"), {"eth0"}, {}},
+    {"OfAnotherMachine", connection("203.0.113.7", "203.0.113.1"), {"eth0"}, {}},
+    {"LoopbackAddress", connection("127.0.0.1", "127.0.0.1"), {"lo"}, {"lo"}},
+    {"FromItselfToAnyOfItsAddresses", connection("198.51.100.1", "192.0.2.1"), {"lo"}, {"lo"}},
 };
 
-class InterfaceTest : public ::testing::TestWithParam<InterfaceCase> {};
+class EntrancesTest : public ::testing::TestWithParam<EntranceCase> {};
 
-TEST_P(InterfaceTest, IsThis) {
-    EXPECT_EQ(tarnfw::interfaceOf(GetParam().connection, kInterfaces).value_or("none"),
+TEST_P(EntrancesTest, AreThese) {
+    EXPECT_EQ(tarnfw::entrancesOf(GetParam().connection, kInterfaces, GetParam().routes),
               GetParam().found);
 }
 
-INSTANTIATE_TEST_SUITE_P(, InterfaceTest, ValuesIn(kInterfaceCases), caseName<InterfaceCase>);
+INSTANTIATE_TEST_SUITE_P(, EntrancesTest, ValuesIn(kEntranceCases), caseName<EntranceCase>);
 
 // ---- The words ----
 

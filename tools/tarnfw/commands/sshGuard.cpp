@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -26,13 +27,33 @@ constexpr char kLoopback[] = "lo";
 // Parents may end while they are followed: this bounds the loop.
 constexpr int kMostParents = 1000;
 
+// Those of the IPv4 addresses in IPv6 form, "::ffff:192.0.2.7".
+constexpr std::array<unsigned char, 12> kMappedStart = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+
+Address unmapped(const Address& address) {
+    const Address::Bytes& bytes = address.bytes();
+    if (!address.isIpv6() || !std::equal(kMappedStart.begin(), kMappedStart.end(), bytes.begin())) {
+        return address;
+    }
+    Address::Bytes v4 = {};
+    std::copy(bytes.begin() + kMappedStart.size(), bytes.end(), v4.begin());
+    return Address(false, v4);
+}
+
 /// An address with or without a zone, "fe80::1%eth0". Fills the zone, if there is one.
 std::optional<Address> addressWithZone(const std::string& text, std::string& zone) {
     const std::size_t percent = text.find('%');
     if (percent != std::string::npos) {
         zone = text.substr(percent + 1);
     }
-    return addressFrom(text.substr(0, percent));
+    const std::optional<Address> address = addressFrom(text.substr(0, percent));
+    return address ? std::optional(unmapped(*address)) : std::nullopt;
+}
+
+/// A port as the environment has it, where leading zeros mean nothing.
+std::optional<int> environmentPort(const std::string& text) {
+    const std::size_t first = std::min(text.find_first_not_of('0'), text.size() - 1);
+    return text.empty() ? std::nullopt : portFrom(text.substr(first));
 }
 
 /// The variable in a process's environment, a list of NUL-terminated texts.
@@ -80,8 +101,8 @@ std::optional<SshConnection> sshConnectionFrom(const std::string& value) {
     std::string zone;
     const std::optional<Address> from = addressWithZone(client, zone);
     const std::optional<Address> to = addressWithZone(server, zone);
-    const std::optional<int> port = portFrom(serverPort);
-    if (!from || !to || !port || !portFrom(clientPort) || from->isIpv6() != to->isIpv6()) {
+    const std::optional<int> port = environmentPort(serverPort);
+    if (!from || !to || !port || !environmentPort(clientPort) || from->isIpv6() != to->isIpv6()) {
         return std::nullopt;
     }
     return SshConnection{*from, *to, *port, zone};
@@ -108,19 +129,42 @@ std::optional<SshConnection> currentSshConnection() {
     return sshConnectionAbove(getppid(), "/proc");
 }
 
-std::optional<std::string> interfaceOf(const SshConnection& connection,
-                                       const std::vector<Interface>& interfaces) {
-    std::optional<std::string> found;
+std::vector<std::string> entrancesOf(const SshConnection& connection,
+                                     const std::vector<Interface>& interfaces,
+                                     const std::vector<std::string>& routes) {
+    std::vector<std::string> entrances;
+    const auto add = [&entrances](const std::string& name) {
+        if (std::find(entrances.begin(), entrances.end(), name) == entrances.end()) {
+            entrances.push_back(name);
+        }
+    };
     for (const Interface& interface : interfaces) {
         if (hasAddress(interface, connection.client)) {
-            return kLoopback;  // the machine to itself, with any of its addresses
+            return {kLoopback};  // the machine to itself, with any of its addresses
         }
-        const bool zoneFits = connection.zone.empty() || connection.zone == interface.name;
-        if (zoneFits && hasAddress(interface, connection.server)) {
-            found = interface.name;
+        // Link-local addresses are those of any interface, so the zone alone decides about them.
+        if (connection.zone.empty() ? hasAddress(interface, connection.server)
+                                    : connection.zone == interface.name) {
+            add(interface.name);
         }
     }
-    return found;
+    if (!entrances.empty() && connection.zone.empty()) {
+        for (const std::string& name : routes) {
+            add(name);
+        }
+    }
+    return entrances;
+}
+
+std::vector<std::string> routesBack(const SshConnection& connection) {
+    std::vector<std::string> names;
+    for (const auto& local :
+         {std::optional<Address>(connection.server), std::optional<Address>()}) {
+        if (const auto name = interfaceTowards(connection.client, local)) {
+            names.push_back(*name);
+        }
+    }
+    return names;
 }
 
 std::string sshDropWarning(const FW::FWPROFILE& profile, const SshConnection& connection,
@@ -155,11 +199,15 @@ std::string sshWarning(const FW::FWPROFILE& profile, Machine& machine) {
     if (!connection) {
         return {};
     }
-    const std::optional<std::string> interface = interfaceOf(*connection, interfacesNow());
-    if (!interface) {
-        return {};
+    for (const std::string& interface :
+         entrancesOf(*connection, interfacesNow(), routesBack(*connection))) {
+        const std::string warning =
+            sshDropWarning(profile, *connection, adapterNamesOf(interface), machine);
+        if (!warning.empty()) {
+            return warning;
+        }
     }
-    return sshDropWarning(profile, *connection, adapterNamesOf(*interface), machine);
+    return {};
 }
 
 void requireSshAccess(const FW::FWPROFILE& profile, Machine& machine, bool yes,

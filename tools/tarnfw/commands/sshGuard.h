@@ -24,7 +24,9 @@ struct SshConnection {
     std::string zone;  ///< the interface, of a link-local address: "eth0"
 };
 
-/// Reads the variable SSH_CONNECTION: "CLIENT PORT SERVER PORT". Nothing for any other text.
+/// Reads the variable SSH_CONNECTION: "CLIENT PORT SERVER PORT". An IPv4 address in IPv6 form
+/// ("::ffff:192.0.2.7") is that IPv4 address: so the packet filter sees the packets. Nothing for
+/// any other text.
 std::optional<SshConnection> sshConnectionFrom(const std::string& value);
 
 /// The connection that this process runs under: from its own environment, or from that of its
@@ -34,10 +36,16 @@ std::optional<SshConnection> currentSshConnection();
 /// The same for the process `process` and its parents, read from a directory like "/proc".
 std::optional<SshConnection> sshConnectionAbove(pid_t process, const std::string& directory);
 
-/// The interface through which packets of the connection come in; nothing if no interface has the
-/// server's address, as for a connection to another machine or container.
-std::optional<std::string> interfaceOf(const SshConnection& connection,
-                                       const std::vector<Interface>& interfaces);
+/// The interfaces that packets of the connection may come in through: the one with the server's
+/// address, the one of the zone, and those of the routes back to the client, which differ where the
+/// client reaches an address of one interface through another one. None if no interface has the
+/// server's address or is the zone, as for a connection to another machine or container.
+std::vector<std::string> entrancesOf(const SshConnection& connection,
+                                     const std::vector<Interface>& interfaces,
+                                     const std::vector<std::string>& routes);
+
+/// The interfaces of the kernel's routes back to the client, with and without the server's address.
+std::vector<std::string> routesBack(const SshConnection& connection);
 
 /// A warning that `profile` would drop a new connection like this one, and why; empty if it allows
 /// it. `adapters` are the names that profiles may have for the interface.
