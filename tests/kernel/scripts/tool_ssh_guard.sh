@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# "enable" and every command with "--reload" ask if the person's SSH connection could not be made again;
-# "reload" only warns. Real packets confirm what they say.
+# "enable", "reload" and every command with "--reload" ask if the person's SSH connection could not be
+# made again. Real packets confirm what they say.
 make_links <<'END'
 veth eth0 192.168.1.10/24 fd00::10/64 lan 192.168.1.20/24 192.168.1.21/24 fd00::20/64
 END
@@ -60,12 +60,23 @@ tcp6 fd00::10 22 blocked fd00::20
 tcp4 192.168.1.10 22 open 192.168.1.20
 END
 
-# --- reload warns and goes on ----------------------------------------------------------------------
+# --- reload asks as well -----------------------------------------------------------------------------
 
-over_ssh 192.168.1.21 answers 0 reload </dev/null
+iptables -A INPUT_FIREWALL -s 10.9.9.9 -j DROP # a reload would remove it
+keep_listing marked
+over_ssh 192.168.1.21 answers 1 reload </dev/null
+complains "$kWarning; nothing was changed (--yes goes on anyway)\$"
+step 'nothing was changed' same_listing marked
+over_ssh 192.168.1.21 asked 1 $'you could not connect again\nApply it anyway? [y/N] ' n reload
+step 'nothing was changed' same_listing marked
+over_ssh 192.168.1.21 answers 0 reload --yes </dev/null
 says '^Profile "deny_by_default" applied$'
 complains "$kWarning\$"
+step 'it was applied' [ "$(iptables -S INPUT_FIREWALL | grep -c 10.9.9.9)" = 0 ]
 over_ssh 192.168.1.20 answers 0 reload </dev/null
+silent
+# At boot, and from scripts of the system, nobody is connected.
+answers 0 reload </dev/null
 silent
 turn_off
 over_ssh 192.168.1.21 answers 0 reload </dev/null
@@ -101,9 +112,36 @@ enables 192.168.1.21 203.0.113.1 22 # the connection is another machine's
 enables 127.0.0.1 127.0.0.1 22
 enables 192.168.1.10 192.168.1.10 22 # the machine with itself
 enables nonsense 192.168.1.10 22
+enables ::ffff:192.168.1.20 ::ffff:192.168.1.10 22
 answers 0 enable
 step 'no word about SSH' [ -z "$(grep SSH "$out/complaint")" ]
 turn_off
+
+# --- every interface that the client's packets may come in through -----------------------------------
+
+# asks CLIENT SERVER PORT INTERFACE: the warning is about that interface.
+asks() {
+    SSH_CONNECTION="$1 50022 $2 $3" answers 1 enable </dev/null
+    complains "to port 22 on $4, and profile \"deny_by_default\" denies that"
+    step 'nothing was changed' unchanged
+}
+
+asks ::ffff:192.168.1.21 ::ffff:192.168.1.10 22 eth0
+asks 192.168.1.21 192.168.1.10 022 eth0
+asks fe80::7%eth0 fe80::1%eth0 22 eth0
+# An address of eth1, which the profile leaves open, for a client whose packets come in through eth0.
+make_link veth eth1 10.0.1.10/24 other 10.0.1.20/24
+ip route add 203.0.113.0/24 via 192.168.1.20 dev eth0
+asks 203.0.113.7 10.0.1.10 22 eth0
+enables 10.0.1.20 10.0.1.10 22
+# Policy routing: the answer to this address goes out through eth1, and that to others through eth0.
+ip route add 198.51.100.0/24 via 10.0.1.20 dev eth1
+enables 198.51.100.7 10.0.1.10 22
+ip route add 198.51.100.0/24 via 192.168.1.20 dev eth0 table 7
+ip rule add from 10.0.1.10 lookup 7
+asks 198.51.100.7 10.0.1.10 22 eth0
+ip rule del from 10.0.1.10 lookup 7
+ip link del eth1
 
 # A rule may deny it, too, and the profile may name the interface otherwise.
 use_profile deny_ssh_on_one_adapter

@@ -62,21 +62,32 @@ void disable() {
 
 /// Warns about errors of the active profile. The reload goes on: the profile is in force already.
 std::string warningsAboutActive(Context& context) {
-    std::string warnings;
     try {
-        const FW::FWPROFILE& profile = context.store().profile("");
-        for (const std::string& text :
-             {errorsText(profile, context.machine()), sshWarning(profile, context.machine())}) {
-            warnings += text.empty() ? "" : "tarnfw: " + text + "\n";
-        }
+        const std::string text = errorsText(context.store().profile(""), context.machine());
+        return text.empty() ? text : "tarnfw: " + text + "\n";
     } catch (const std::exception&) {
-        // it cannot be read; the reload itself says so
+        return "";  // it cannot be read; the reload itself says so
     }
-    return warnings;
 }
 
-void reload() {
+/// Asks as "enable" does: the profile may have changed since it was applied. Without a connection
+/// over SSH, as at boot and in a script of the system, nobody is asked.
+void confirmOverSsh(Context& context, bool yes) {
+    if (!context.store().firewallEnabled() || !currentSshConnection()) {
+        return;
+    }
+    const FW::FWPROFILE* profile = nullptr;
+    try {
+        profile = &context.store().profile("");
+    } catch (const std::exception&) {
+        return;  // the reload itself says so
+    }
+    requireSshAccess(*profile, context.machine(), yes, kApplyAnyway);
+}
+
+void reload(bool yes) {
     Context context(StoreSession::Access::kRead);
+    confirmOverSsh(context, yes);
     Control control(context.session(), [&](const std::string& what, const auto& work) {
         return runWhole(what, work, [&] { return warningsAboutActive(context); });
     });
@@ -125,7 +136,11 @@ void addControlCommands(Command& app) {
     enableCommand.run([yes] { enable(*yes); });
     app.subcommand("disable", "Switch the firewall off: empty its chains, keep the profiles")
         .run(disable);
-    app.subcommand("reload", "Apply the active profile again").run(reload);
+    Command& reloadCommand = app.subcommand("reload", "Apply the active profile again");
+    const auto reloadYes = std::make_shared<bool>(false);
+    reloadCommand.flag("--yes", *reloadYes, "Do not ask if the rules would lock you out");
+    reloadCommand.footer("Over SSH, asks first if the profile would not let you connect again.");
+    reloadCommand.run([reloadYes] { reload(*reloadYes); });
     addApplyModeCommand(app);
 }
 
