@@ -35,17 +35,6 @@ struct Holder {
     bool stopped = false;
 };
 
-/// Whether somebody else holds a lock of the file, whichever way: the library's two sorts of locks
-/// exclude each other, as flock() does not.
-bool isLocked(const std::string& path) {
-    const Descriptor file(
-        open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
-    struct flock range {};
-    range.l_type = F_WRLCK;
-    range.l_whence = SEEK_SET;
-    return file && fcntl(file.get(), F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
-}
-
 /// Whether a process has locked the file by an open file that "/proc" lists at `descriptor`.
 /// "/proc/locks" does not have the process of a lock that belongs to an open file.
 bool hasLocked(const fs::path& process, const std::string& descriptor, const struct stat& file) {
@@ -128,6 +117,16 @@ FileLock::~FileLock() {
     if (held_) {
         (void)TLIBCFileUnlockByFile(fd_);  // fails only for a descriptor that is not open
     }
+}
+
+bool isLocked(const std::string& path) {
+    const Descriptor file(
+        open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    // Finds both sorts of locks that the library uses, of a process and of an open file.
+    struct flock range {};
+    range.l_type = F_WRLCK;
+    range.l_whence = SEEK_SET;
+    return file && fcntl(file.get(), F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
 }
 
 void awaitUnlocked(const std::string& path, LockTime& time) {

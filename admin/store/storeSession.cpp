@@ -1,21 +1,22 @@
 #include "tarnfwadmin/storeSession.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <filesystem>
 #include <utility>
 
+#include <boost/algorithm/string/predicate.hpp>
+
 #include "tarnsdk.h"
 
 #include "tarnfirewall/tarnFW.h"
+#include "tarnfirewall/utils.h"
 
-#include "tarnfwadmin/descriptor.h"
+#include "store/storeJournal.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/text.h"
@@ -27,18 +28,17 @@ namespace fs = std::filesystem;
 
 constexpr mode_t kDirectoryMode = 0755;
 
-// In the profile directory, so that a copy can replace its document by renaming, which needs no
-// space. The library ignores names that begin with a dot, and subdirectories.
-constexpr char kCopyDir[] = "/usr/tarn/etc/firewall.d/.change/";
-constexpr mode_t kCopyDirMode = 0700;
-constexpr mode_t kModeBits = 07777;
+constexpr char kStoreLock[] = "store.lock";
+
+// What a command that only reads waits for that lock.
+constexpr std::chrono::seconds kBriefly(2);
 
 // Suffix for the damaged document when its copy is restored, so that nothing is lost.
 constexpr char kDamaged[] = ".damaged";
 
-std::string copyOf(const std::string& path) {
-    return kCopyDir + fs::path(path).filename().string();
-}
+// The name of a document that the library is writing: its own with kPassing after it.
+constexpr char kPassing[] = ".tmp";
+constexpr char kUnfinished[] = ".json.tmp";
 
 /// A file of the run directory, which is created when missing.
 std::string pathInRunDir(const std::string& name) {
@@ -55,20 +55,17 @@ bool isWholeFile(const std::string& path) {
     }
 }
 
-void dropCopies() {
+/// Removes what the library has left of documents that it was writing: under the store's lock, and
+/// unless a program without it is writing that document now.
+void removeUnfinished() {
     std::error_code ignored;
-    (void)fs::remove_all(kCopyDir, ignored);  // the next copies replace leftovers
-}
-
-[[noreturn]] void refuse() {
-    throw Error(ErrorKind::kSystem, std::string("nothing was changed: cannot store a copy in ") +
-                                        kCopyDir + ": " + std::strerror(errno));
-}
-
-bool writeCopy(const std::string& path, const std::string& text, mode_t mode) {
-    Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
-    const bool written = file && writeText(file.get(), text) && fchmod(file.get(), mode) == 0;
-    return file.close() && written;
+    for (const fs::directory_entry& entry : fs::directory_iterator(kProfileDir, ignored)) {
+        const std::string path = entry.path().string();
+        if (boost::ends_with(path, kUnfinished) && entry.is_regular_file(ignored) &&
+            !isLocked(FW::getLockFile(path.substr(0, path.size() - std::strlen(kPassing))))) {
+            (void)unlink(path.c_str());
+        }
+    }
 }
 
 }  // namespace
@@ -89,19 +86,42 @@ ToolLock::ToolLock(const std::string& name, LockTime& time) : lock_(pathInRunDir
 
 StoreSession::StoreSession(Access access, LockTime time)
     : time_(time),
-      lock_(access == Access::kChange ? std::make_unique<ToolLock>("store.lock", time_) : nullptr) {
+      lock_(access == Access::kChange ? std::make_unique<ToolLock>(kStoreLock, time_) : nullptr) {
     if (lock_) {
-        mendInterruptedChange();
+        undoInterruptedChange();
+    } else {
+        undoIfPossible();
     }
 }
 
 StoreSession::~StoreSession() = default;
 
 bool StoreSession::change(const std::function<bool()>& write) {
-    StoreTransaction transaction(*this);
+    StoreTransaction transaction(*this, StoreTransaction::Extent::kOneDocument);
     const bool written = write();
     transaction.finish();
     return written;
+}
+
+bool StoreSession::changeMany(const std::function<bool()>& write) {
+    StoreTransaction transaction(*this, StoreTransaction::Extent::kManyDocuments);
+    if (write()) {
+        transaction.finish();
+        return true;
+    }
+    if (!transaction.undo()) {
+        throw Error(ErrorKind::kSystem,
+                    "the change failed, and so did undoing it; the documents before it are in " +
+                        std::string(kCopyDir));
+    }
+    return false;
+}
+
+bool StoreSession::deleteProfile(const std::string& name) {
+    // Without copies: a deletion needs no space, and makes some.
+    const bool deleted = FW::TARNFW_PROFILE().profileDelete(name) && flushProfileDir();
+    snapshot_.refresh();
+    return deleted && !snapshot_.hasProfile(name);
 }
 
 void StoreSession::storeProfile(const FW::FWPROFILE& profile) {
@@ -123,34 +143,69 @@ std::vector<std::string> StoreSession::takeNotes() {
     return std::exchange(notes_, {});
 }
 
-void StoreSession::mendInterruptedChange() {
-    if (!fs::exists(kCopyDir)) {
+void StoreSession::undoInterruptedChange() {
+    if (!hasCopies()) {
         return;
     }
+    if (hasJournal()) {
+        if (!undoByJournal()) {
+            throw Error(ErrorKind::kSystem,
+                        std::string("an interrupted change cannot be undone: ") +
+                            std::strerror(errno) + "; the documents before it are in " + kCopyDir);
+        }
+        notes_.emplace_back("an interrupted change was undone: all documents are as before it");
+    } else {
+        restoreTruncated();
+        dropCopies();
+    }
+    removeUnfinished();
+    snapshot_.refresh();
+}
+
+/// For a session without the lock. Copies without a journal may be those of an "enable" that goes
+/// on, and nothing needs them at once.
+void StoreSession::undoIfPossible() {
+    if (!hasJournal()) {
+        return;
+    }
+    LockTime brief(kBriefly);
+    try {
+        const ToolLock lock(kStoreLock, brief);
+        undoInterruptedChange();
+    } catch (const Error& error) {
+        notes_.emplace_back(
+            error.kind() != ErrorKind::kBusy ? error.what()
+            : geteuid() == 0
+                ? "the profiles are being changed: what is shown may be half of a change"
+                : "a change goes on or was interrupted: the next command as root undoes the "
+                  "latter");
+    }
+}
+
+void StoreSession::restoreTruncated() {
     for (const std::string& path : snapshot_.unreadable()) {
-        const std::string copy = copyOf(path);
-        if (fs::is_regular_file(path) && isWholeFile(copy) &&
-            std::rename(path.c_str(), (path + kDamaged).c_str()) == 0 &&
-            std::rename(copy.c_str(), path.c_str()) == 0) {
+        const std::string kept = path + kDamaged;
+        (void)unlink(kept.c_str());  // of an earlier time
+        if (fs::is_regular_file(path) && isWholeFile(copyOf(path)) &&
+            link(path.c_str(), kept.c_str()) == 0 && putBack(path) && flushProfileDir()) {
             notes_.push_back(printable(path) +
                              " was truncated by a killed command; previous version restored");
         }
     }
-    dropCopies();
-    snapshot_.refresh();
 }
 
 // ---- Transaction --------------------------------------------------------------------------------
 
-StoreTransaction::StoreTransaction(StoreSession& session) : session_(session) {
+StoreTransaction::StoreTransaction(StoreSession& session, Extent extent)
+    : session_(session), extent_(extent) {
     if (!fs::exists(kProfileDir)) {
         return;  // nothing to keep
     }
-    try {
-        copyAll();
-    } catch (const Error&) {
-        dropCopies();
-        throw;
+    session_.refresh();  // programs that ignore the lock may have written
+    before_ = session_.snapshot().texts();
+    copyDocuments(before_);
+    if (extent_ == Extent::kManyDocuments) {
+        beginJournal(before_);
     }
 }
 
@@ -159,9 +214,9 @@ StoreTransaction::~StoreTransaction() {
         return;
     }
     try {
-        const std::string failure = finished(/*refreshed=*/false);
-        if (!failure.empty()) {
-            session_.notes_.push_back(failure);
+        if (!undo()) {
+            session_.notes_.push_back("restoring the documents failed; the copies are in " +
+                                      std::string(kCopyDir));
         }
     } catch (const std::exception& error) {
         session_.notes_.emplace_back(error.what());
@@ -169,81 +224,85 @@ StoreTransaction::~StoreTransaction() {
 }
 
 void StoreTransaction::finish(bool refreshed) {
-    const std::string failure = finished(refreshed);
-    if (!failure.empty()) {
-        throw Error(ErrorKind::kSystem, failure);
-    }
-}
-
-void StoreTransaction::copyAll() {
-    session_.refresh();  // programs that ignore the lock may have written
-    if (mkdir(kCopyDir, kCopyDirMode) != 0) {
-        refuse();
-    }
-    before_ = session_.snapshot().texts();
-    for (const auto& [path, text] : before_) {
-        struct stat status {};
-        if (stat(path.c_str(), &status) != 0 ||
-            !writeCopy(copyOf(path), text, status.st_mode & kModeBits)) {
-            refuse();
-        }
-    }
-}
-
-/// Ends the change. Returns its error; empty on success.
-std::string StoreTransaction::finished(bool refreshed) {
     open_ = false;
     if (!refreshed) {
         session_.refresh();
     }
+    std::string failure;
+    const std::vector<std::string> paths = damaged();
+    if (!paths.empty()) {
+        failure = printable(paths.front()) + " could not be written completely; is the disk full? ";
+    } else if (extent_ == Extent::kManyDocuments && hasJournal() && !endJournal()) {
+        failure = std::string("the change could not be flushed to the disk: ") +
+                  std::strerror(errno) + ". ";
+    }
+    if (failure.empty()) {
+        dropCopies();
+        return;
+    }
+    throw Error(ErrorKind::kSystem,
+                failure + (undo() ? "All documents were restored"
+                                  : "Restoring them failed, too; the copies are in " +
+                                        std::string(kCopyDir)));
+}
+
+/// The documents that are not whole and were written meanwhile.
+std::vector<std::string> StoreTransaction::damaged() const {
     const StoreSnapshot& now = session_.snapshot();
+    std::vector<std::string> paths;
     for (const auto& [path, text] : now.texts()) {
         const auto old = before_.find(path);
-        if ((old != before_.end() && text == old->second) || now.isWhole(path)) {
-            continue;
+        if ((old == before_.end() || text != old->second) && !now.isWhole(path)) {
+            paths.push_back(path);
         }
-        const std::string failure =
-            printable(path) + " could not be written completely; is the disk full? ";
-        return failure +
-               (undo() ? "All documents were restored"
-                       : "Restoring them failed, too; the copies are in " + std::string(kCopyDir));
     }
-    dropCopies();
-    return "";
+    return paths;
+}
+
+/// The documents that are not as they were, or not there any more.
+std::vector<std::string> StoreTransaction::changed() const {
+    const std::map<std::string, std::string> now = session_.snapshot().texts();
+    std::vector<std::string> paths;
+    for (const auto& [path, text] : now) {
+        const auto old = before_.find(path);
+        if (old == before_.end() || text != old->second) {
+            paths.push_back(path);
+        }
+    }
+    for (const auto& [path, text] : before_) {
+        if (now.count(path) == 0) {
+            paths.push_back(path);
+        }
+    }
+    return paths;
 }
 
 bool StoreTransaction::undo() {
     open_ = false;
     session_.refresh();
-    const bool done = putBack();
+    const bool done = hasJournal()                        ? undoByJournal()
+                      : extent_ == Extent::kManyDocuments ? restore(changed())
+                                                          : restore(damaged());
     if (done) {
         dropCopies();
+        removeUnfinished();
     }
     session_.refresh();
     return done;
 }
 
-/// Restores all documents, even those that were written completely.
-bool StoreTransaction::putBack() const {
-    const std::map<std::string, std::string> now = session_.snapshot().texts();
+/// Puts these documents back; those that were not there before are removed.
+bool StoreTransaction::restore(const std::vector<std::string>& paths) const {
     bool done = true;
-    for (const auto& [path, text] : now) {
-        if (before_.count(path) == 0) {
-            done = unlink(path.c_str()) == 0 && done;
-        }
+    for (const std::string& path : paths) {
+        done = (before_.count(path) == 0 ? unlink(path.c_str()) == 0 : putBack(path)) && done;
     }
-    for (const auto& [path, text] : before_) {
-        const auto found = now.find(path);
-        if (found == now.end() || found->second != text) {
-            done = std::rename(copyOf(path).c_str(), path.c_str()) == 0 && done;
-        }
-    }
-    return done;
+    return flushProfileDir() && done;
 }
 
 void requireRoomForChange() {
     StoreSession session(StoreSession::Access::kChange);
-    StoreTransaction(session).finish();
+    StoreTransaction(session, StoreTransaction::Extent::kOneDocument).finish();
 }
 
 }  // namespace tarnfw

@@ -53,6 +53,9 @@ private:
     bool held_ = false;
 };
 
+/// Whether another open file has a lock of this file. False for a missing one.
+bool isLocked(const std::string& path);
+
 /// Waits for what is left of `time` until nobody holds a lock of the file, and does not take it:
 /// for a lock that an operation of the library takes, which would wait for each of its locks as
 /// long. A missing file has no lock. Throws Error, kBusy, as throwLocked().

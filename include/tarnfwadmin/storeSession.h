@@ -21,7 +21,7 @@ inline constexpr char kRunDir[] = "/run/tarn";
 /// reload; the library leaves that to its caller.
 inline constexpr char kReloadLock[] = "/tmp/firewall_iptables_exec.lock";
 
-/// Creates a directory and its parents. Throws Error, kSystem.
+/// Creates a directory and its parents, if it is missing. Throws Error, kSystem.
 void makeDirectory(const char* path);
 
 /// A lock between the programs that use this library, held from construction to destruction.
@@ -49,15 +49,18 @@ private:
 class StoreSession {
 public:
     enum class Access {
-        kRead,    ///< without a lock; changes are not allowed
+        kRead,    ///< without a lock, but to undo an interrupted change; changes are not allowed
         kChange,  ///< under the store's lock: the library locks single files, and of two programs
                   ///< that read and then write at the same time one would undo the other
     };
 
-    /// Opens and reads the store. With kChange, waits for the lock and first puts back
-    /// files truncated by a killed program; the damaged file is kept
-    /// beside it with ".damaged" after its name. Throws Error, kBusy without the lock. `time` is
-    /// what the session may wait for locks, see lockTime().
+    /// Opens and reads the store. With kChange, waits for the lock and first puts back what an
+    /// interrupted change has left: all documents, if it was a change of many, else those that are
+    /// truncated; the damaged file is kept beside its document with ".damaged" after its name. With
+    /// kRead, undoes an interrupted change of many documents as well; where the lock for it is not
+    /// free within 2 s, or the rights are missing, a note says so. Throws Error: kBusy without the
+    /// lock, kSystem where an interrupted change cannot be undone. `time` is what the session may
+    /// wait for locks, see lockTime().
     explicit StoreSession(Access access, LockTime time = LockTime());
     StoreSession(const StoreSession&) = delete;
     StoreSession& operator=(const StoreSession&) = delete;
@@ -72,11 +75,19 @@ public:
     /// change().
     void refresh() { snapshot_.refresh(); }
 
-    /// Makes one change of the store, in a StoreTransaction: `write` calls the library, and its
-    /// result is returned. The snapshot then is that of the changed store. Throws Error, kSystem,
-    /// if there is no space for the copies, with nothing changed, or if a document was not
-    /// written completely, with all documents restored; and what `write` throws.
+    /// Changes one document, in a StoreTransaction: `write` calls the library, and its result is
+    /// returned. The snapshot then is that of the changed store. Throws Error, kSystem, if there is
+    /// no space for the copies, with nothing changed, or if the document was not written
+    /// completely, with the previous version restored; and what `write` throws.
     bool change(const std::function<bool()>& write);
+
+    /// The same for a change of many documents, or of files that come and go: it is made as a whole
+    /// or not at all, whatever interrupts it. If `write` returns false or throws, all documents are
+    /// restored, and Error, kSystem, says if that fails.
+    bool changeMany(const std::function<bool()>& write);
+
+    /// Deletes a profile's file. False if it is still there.
+    bool deleteProfile(const std::string& name);
 
     /// Stores a profile under its name. Throws Error, kSystem, like change() and if
     /// the library cannot write it; kNotFound in a store without any profile.
@@ -95,7 +106,9 @@ public:
 private:
     friend class StoreTransaction;
 
-    void mendInterruptedChange();
+    void undoInterruptedChange();
+    void undoIfPossible();
+    void restoreTruncated();
 
     std::vector<std::string> notes_;
     LockTime time_;
@@ -103,41 +116,48 @@ private:
     StoreSnapshot snapshot_;
 };
 
-/// Protects the store while the library writes to it. The library does not notice a full disk:
-/// it replaces a document with a truncated or empty one, and reports success.
+/// Protects the store while the library writes to it, with copies of all documents in ".change/" of
+/// the profile directory.
 ///
 /// Create it in a session that may change the store, just before the library writes. A change that
-/// needs no space, such as a deletion, does without. The copies are in ".change/" of the profile
-/// directory, and not flushed: they protect against a failed or killed program, not against a power
-/// failure.
+/// needs no space, such as a deletion, does without.
 class StoreTransaction {
 public:
+    /// What the library writes meanwhile.
+    enum class Extent {
+        kOneDocument,  ///< which it replaces as a whole: an interrupted change was made or not, and
+                       ///< only a document that turns out to be damaged is restored
+        kManyDocuments,  ///< an interrupted change is undone by whoever opens the store next; the
+                         ///< copies are flushed, for a power failure
+    };
+
     /// Copies every document, which needs about as much space as the change. Throws Error,
     /// kSystem, if there is none, with nothing changed and no copy left.
-    explicit StoreTransaction(StoreSession& session);
+    StoreTransaction(StoreSession& session, Extent extent);
 
-    /// Does the same as finish() for a change that an exception has ended; what finish() would
-    /// throw is then a note of the session.
+    /// Ends a change that an exception has ended: undoes one of many documents, and restores what
+    /// is damaged. What goes wrong is then a note of the session.
     ~StoreTransaction();
     StoreTransaction(const StoreTransaction&) = delete;
     StoreTransaction& operator=(const StoreTransaction&) = delete;
 
     /// To be called when the library has written, and before its result is looked at: brings the
-    /// session's snapshot up to date. Where a document is not whole, all of them are put back, and
-    /// Error, kSystem, says so. A caller that has refreshed the session since the library wrote
-    /// says so with `refreshed`, and nothing is read again.
+    /// session's snapshot up to date, and flushes what was done. Where a document is not whole,
+    /// the change is undone, and Error, kSystem, says so. A caller that has refreshed the session
+    /// since the library wrote says so with `refreshed`, and nothing is read again.
     void finish(bool refreshed = false);
 
-    /// Ends the change by restoring all documents. False if that fails; they are then left in
-    /// the directory of the copies.
+    /// Ends the change by undoing it: restores all documents, or with kOneDocument those that are
+    /// damaged. False if that fails; the copies then stay, and the next session tries again.
     bool undo();
 
 private:
-    void copyAll();
-    std::string finished(bool refreshed);
-    bool putBack() const;
+    std::vector<std::string> damaged() const;
+    std::vector<std::string> changed() const;
+    bool restore(const std::vector<std::string>& paths) const;
 
     StoreSession& session_;
+    Extent extent_;
     std::map<std::string, std::string> before_;  // what the documents held, by their paths
     bool open_ = true;
 };

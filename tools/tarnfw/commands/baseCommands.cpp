@@ -167,7 +167,7 @@ void baseDown() {
     requireRoot();
     LockTime time;
     const ToolLock lock(kLockName, time);
-    if (StoreSnapshot().firewallEnabled()) {
+    if (Context(StoreSession::Access::kRead).store().firewallEnabled()) {
         std::cerr
             << "tarnfw: the firewall is still enabled in the settings, but now filters nothing\n";
     }

@@ -14,6 +14,7 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "commands/applying.h"
 #include "commands/commands.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/machine.h"
@@ -50,7 +51,8 @@ Source sourceOf(const std::string& what) {
     if (!what.empty() && namesAFile(what)) {
         return {readText(what), what};
     }
-    const StoreSnapshot store;
+    const Context context(StoreSession::Access::kRead);
+    const StoreSnapshot& store = context.store();
     const std::string profile = what.empty() ? store.activeProfile() : what;
     store.requireProfile(profile);
     return {store.textOf(profile), profile};

@@ -286,7 +286,7 @@ std::string errorOfReplacing(Context& context, const Json::Value& document) {
 void replace(Context& context, const Json::Value& document, const Json::Value& current,
              const std::string& backup) {
     const SignalsWait wait;  // the store is incomplete until the last file is written
-    StoreTransaction change(context.session());
+    StoreTransaction change(context.session(), StoreTransaction::Extent::kManyDocuments);
     const std::string error = errorOfReplacing(context, document);
     if (error.empty()) {
         change.finish(/*refreshed=*/true);
@@ -442,8 +442,9 @@ void addImportCommand(Command& app) {
     command.flag("--json", options->json, "With --dry-run: print one JSON document instead of text")
         .needs(dryRun);
     command.footer(
-        "Backups are in /usr/tarn/etc/firewall.d.backup/, named by date and time. If an import was "
-        "interrupted and profiles are missing, import the newest backup.");
+        "Backups are in /usr/tarn/etc/firewall.d.backup/, named by date and time. An import that "
+        "was "
+        "interrupted is undone by the next command.");
     command.run([options] { importAll(*options); });
 }
 

@@ -195,7 +195,7 @@ void rename(const std::string& oldName, const std::string& newName) {
     Context context(StoreSession::Access::kChange);
     context.store().requireProfile(oldName);
     context.store().requireNewName(newName);
-    if (!context.session().change(
+    if (!context.session().changeMany(  // of the profile, and of the settings that name it
             [&] { return FW::TARNFW_PROFILE().profileRename(oldName, newName); })) {
         throw Error(ErrorKind::kSystem, "profile " + inQuotes(oldName) + " cannot be renamed");
     }
@@ -210,10 +210,7 @@ void remove(const std::string& name) {
                     "profile " + inQuotes(name) +
                         " is the active one; \"tarnfw profile use\" makes another one active");
     }
-    // Without copies: a deletion needs no room, and makes some.
-    const bool deleted = FW::TARNFW_PROFILE().profileDelete(name);
-    context.session().refresh();
-    if (!deleted || context.store().hasProfile(name)) {
+    if (!context.session().deleteProfile(name)) {
         throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) + " still exists: " +
                                             printable(context.store().pathOf(name)));
     }

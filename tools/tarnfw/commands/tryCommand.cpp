@@ -60,7 +60,8 @@ void requireTriable(const std::string& name) {
                                               "copy of it (\"tarnfw profile copy\")");
     }
     context.control().requireBase();
-    StoreTransaction(context.session()).finish();  // whether there is room for the test profile
+    // Whether there is room for the test profile.
+    StoreTransaction(context.session(), StoreTransaction::Extent::kOneDocument).finish();
 }
 
 // ---- The watchdog's process ----

@@ -150,7 +150,7 @@ bool adopt(const std::string& name) {
     StoreSession session(StoreSession::Access::kChange);
     const std::string before = session.snapshot().activeProfile();
     FW::TARNFW_PROFILE store;
-    if (!session.change([&] {
+    if (!session.changeMany([&] {
             return store.AdoptTestProfile(name) &&
                    FW::TARNFW().fwProfileConfigSet(name, /*reload=*/false);
         })) {

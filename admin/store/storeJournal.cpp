@@ -1,0 +1,221 @@
+#include "store/storeJournal.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include "tarnfwadmin/descriptor.h"
+#include "tarnfwadmin/documentFile.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/store.h"
+
+namespace tarnfw {
+
+// In the profile directory, so that a copy can replace its document by a rename, which needs no
+// space. The library ignores names that begin with a dot, and subdirectories.
+const char kCopyDir[] = "/usr/tarn/etc/firewall.d/.change/";
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr mode_t kCopyDirMode = 0700;
+constexpr mode_t kJournalMode = 0600;
+constexpr mode_t kModeBits = 07777;
+
+// The list: each name with kEndOfName after it, which no name of a file can contain, and at the end
+// kEndOfName alone. No document has its name, which lacks ".json".
+constexpr char kJournal[] = "/usr/tarn/etc/firewall.d/.change/documents";
+constexpr char kEndOfName[] = "/\n";
+
+// A second name of a copy on its way to its document's place.
+constexpr char kPassingName[] = "/usr/tarn/etc/firewall.d/.change/put_back";
+
+[[noreturn]] void refuse() {
+    const int error = errno;
+    dropCopies();
+    throw Error(ErrorKind::kSystem, std::string("nothing was changed: cannot store a copy in ") +
+                                        kCopyDir + ": " + std::strerror(error));
+}
+
+/// Flushes a file or directory. False, with errno, when that fails, but true for a file system that
+/// cannot do it.
+bool flush(const std::string& path) {
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    return file && (fsync(file.get()) == 0 || errno == EINVAL);
+}
+
+/// Writes a copy with the mode and the owner of its document.
+bool writeCopy(const std::string& path, const std::string& text) {
+    struct stat document {};
+    if (stat(path.c_str(), &document) != 0) {
+        return false;
+    }
+    Descriptor file(
+        open(copyOf(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kJournalMode));
+    if (!file || !writeText(file.get(), text)) {
+        return false;
+    }
+    // Fails without the right to give files away; the document then is this process's as well.
+    const int owned = fchown(file.get(), document.st_uid, document.st_gid);
+    (void)owned;
+    return fchmod(file.get(), document.st_mode & kModeBits) == 0 && file.close();
+}
+
+bool writeJournal(const std::map<std::string, std::string>& texts) {
+    std::string list;
+    for (const auto& [path, text] : texts) {
+        list += fs::path(path).filename().string() + kEndOfName;
+    }
+    list += kEndOfName;
+    Descriptor file(open(kJournal, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kJournalMode));
+    return file && writeText(file.get(), list) && (fsync(file.get()) == 0 || errno == EINVAL) &&
+           file.close();
+}
+
+/// The paths of the listed documents; nothing without a complete list, or where a copy is missing:
+/// then the journal was not flushed, and the change had not begun.
+std::optional<std::set<std::string>> listedDocuments() {
+    const std::string end = kEndOfName;
+    std::set<std::string> paths;
+    std::string list;
+    try {
+        list = readText(kJournal);
+    } catch (const Error&) {
+        return std::nullopt;
+    }
+    std::size_t begin = 0;
+    for (std::size_t stop = list.find(end); stop != std::string::npos;
+         stop = list.find(end, begin)) {
+        if (stop == begin) {
+            return paths;
+        }
+        const std::string path = kProfileDir + list.substr(begin, stop - begin);
+        if (access(copyOf(path).c_str(), F_OK) != 0) {
+            return std::nullopt;
+        }
+        paths.insert(path);
+        begin = stop + end.size();
+    }
+    return std::nullopt;
+}
+
+std::string textOrNothing(const std::string& path) {
+    try {
+        return readText(path);
+    } catch (const Error&) {
+        return "";
+    }
+}
+
+/// Whether the document is as its copy.
+bool isAsBefore(const std::string& path) {
+    std::error_code ignored;
+    return fs::is_regular_file(path, ignored) &&
+           fs::file_size(path, ignored) == fs::file_size(copyOf(path), ignored) &&
+           textOrNothing(path) == textOrNothing(copyOf(path));
+}
+
+/// The files, and links, that the library takes for documents.
+std::vector<std::string> documents() {
+    std::vector<std::string> paths;
+    std::error_code ignored;  // entries that disappear meanwhile
+    for (const fs::directory_entry& entry : fs::directory_iterator(kProfileDir, ignored)) {
+        const fs::path& path = entry.path();
+        const fs::file_type type = entry.symlink_status(ignored).type();
+        if (path.extension() == ".json" && path.filename().string().front() != '.' &&
+            (type == fs::file_type::regular || type == fs::file_type::symlink)) {
+            paths.push_back(path.string());
+        }
+    }
+    return paths;
+}
+
+}  // namespace
+
+std::string copyOf(const std::string& path) {
+    return kCopyDir + fs::path(path).filename().string();
+}
+
+bool hasCopies() {
+    return access(kCopyDir, F_OK) == 0;
+}
+
+bool hasJournal() {
+    return access(kJournal, F_OK) == 0;
+}
+
+void copyDocuments(const std::map<std::string, std::string>& texts) {
+    if (mkdir(kCopyDir, kCopyDirMode) != 0) {
+        refuse();
+    }
+    for (const auto& [path, text] : texts) {
+        if (!writeCopy(path, text)) {
+            refuse();
+        }
+    }
+}
+
+void beginJournal(const std::map<std::string, std::string>& texts) {
+    // First all copies are written, then all are flushed: the first flush does most of the work.
+    const bool flushed = std::all_of(texts.begin(), texts.end(),
+                                     [](const auto& copy) { return flush(copyOf(copy.first)); });
+    if (!flushed || !writeJournal(texts) || !flush(kCopyDir) || !flushProfileDir()) {
+        refuse();
+    }
+}
+
+bool putBack(const std::string& path) {
+    const std::string copy = copyOf(path);
+    // By a second name, so that the copy is there until the end, should this be interrupted.
+    (void)unlink(kPassingName);
+    return flush(copy) && link(copy.c_str(), kPassingName) == 0 &&
+           std::rename(kPassingName, path.c_str()) == 0;
+}
+
+bool undoByJournal() {
+    const std::optional<std::set<std::string>> listed = listedDocuments();
+    if (!listed) {
+        dropCopies();
+        return true;
+    }
+    bool done = true;
+    for (const std::string& path : documents()) {
+        if (listed->count(path) == 0) {
+            done = unlink(path.c_str()) == 0 && done;
+        }
+    }
+    for (const std::string& path : *listed) {
+        done = (isAsBefore(path) || putBack(path)) && done;
+    }
+    return done && endJournal();
+}
+
+bool endJournal() {
+    // The change is on the disk before the journal goes, and that is before anybody relies on it.
+    if (!flushProfileDir() || unlink(kJournal) != 0 || !flush(kCopyDir)) {
+        return false;
+    }
+    dropCopies();
+    return true;
+}
+
+void dropCopies() {
+    std::error_code ignored;
+    (void)fs::remove_all(kCopyDir, ignored);  // the next copies replace leftovers
+}
+
+bool flushProfileDir() {
+    return flush(kProfileDir);
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,53 @@
+/// Copies of the documents during a change of the store, and the journal of a change of more than
+/// one document. Private to this folder.
+///
+/// The copies are in ".change/" of the profile directory, each under its document's name. In a
+/// change of many documents they are flushed, and a list of them is written last: the journal.
+/// While it is there, the change is not done, and whoever has the store's lock puts everything
+/// back.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tarnfw {
+
+/// Where the copies are.
+extern const char kCopyDir[];
+
+/// Whether there are copies: a change goes on, or was interrupted.
+bool hasCopies();
+
+/// Whether there is a journal: a change of many documents goes on, or was interrupted.
+bool hasJournal();
+
+/// Copies documents; `texts` is their content by path. Throws Error, kSystem, with the copies
+/// removed.
+void copyDocuments(const std::map<std::string, std::string>& texts);
+
+/// Flushes the copies and writes the journal. Throws Error, kSystem, with the copies removed.
+void beginJournal(const std::map<std::string, std::string>& texts);
+
+/// Puts everything back that the journal lists, and removes other documents. May be interrupted and
+/// called again. False if something cannot be put back; the copies then stay. Copies without
+/// a complete journal are removed: nothing was changed.
+bool undoByJournal();
+
+/// Replaces a document by its copy. False if that fails.
+bool putBack(const std::string& path);
+
+/// The copy's path.
+std::string copyOf(const std::string& path);
+
+/// Ends the change: what it did stays. False if that cannot be flushed: a power failure may then
+/// undo the change.
+bool endJournal();
+
+/// Removes the copies.
+void dropCopies();
+
+/// Flushes the entries of the profile directory. False, with errno, when that fails.
+bool flushProfileDir();
+
+}  // namespace tarnfw
