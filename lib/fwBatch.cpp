@@ -10,6 +10,7 @@
 #include "fwRestoreText.h"
 #include "fwText.h"
 #include "fwToolRun.h"
+#include "fwXtablesLock.h"
 
 namespace FW {
 namespace {
@@ -273,8 +274,9 @@ bool FW_BATCH::apply(const Json::Value& cmds) {
     }
     const XtablesLock lock;
     if (!lock.held()) {
-        FW_LOG_ERR("Failed to get the lock of iptables: %s",
-                   std::generic_category().message(errno).c_str());
+        FW_LOG_ERR("Failed to get the lock of iptables, %s: %s", kXtablesLockPath,
+                   errno == EWOULDBLOCK ? "another program holds it"
+                                        : std::generic_category().message(errno).c_str());
         return false;
     }
     FamilyRun v4(kToolsV4, std::move(textV4));

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,7 +13,6 @@
 #include <climits>
 #include <cstdio>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 namespace FW {
@@ -27,11 +25,6 @@ constexpr char kOwnLockFile[] = "XTABLES_LOCKFILE=/proc/self/fd/1";
 
 constexpr int kOutputPauseMilliseconds = 1;
 constexpr std::chrono::minutes kOutputLimit{5};
-
-constexpr char kXtablesLockPath[] = "/run/xtables.lock";
-constexpr mode_t kXtablesLockMode = 0600;
-constexpr int kXtablesLockSeconds = 30;
-constexpr std::chrono::milliseconds kXtablesLockPause{5};
 
 void check(int error) {
     if (error != 0) {
@@ -92,31 +85,6 @@ std::string contentOf(const Descriptor& file, std::size_t from = 0) {
 }
 
 }  // namespace
-
-XtablesLock::XtablesLock()
-    : file_(open(kXtablesLockPath, O_RDONLY | O_CREAT | O_CLOEXEC, kXtablesLockMode)) {
-    if (!file_) {
-        return;
-    }
-    // Polls, because only a signal could end a blocking wait, and signals belong to the caller's
-    // process.
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(kXtablesLockSeconds);
-    do {
-        held_ = flock(file_.get(), LOCK_EX | LOCK_NB) == 0;
-        if (held_ || (errno != EWOULDBLOCK && errno != EINTR)) {
-            return;
-        }
-        std::this_thread::sleep_for(kXtablesLockPause);
-    } while (std::chrono::steady_clock::now() < end);
-    errno = EWOULDBLOCK;
-}
-
-XtablesLock::~XtablesLock() {
-    if (held_) {
-        // Closing is not enough: a process that another thread is starting may have a duplicate.
-        (void)flock(file_.get(), LOCK_UN);
-    }
-}
 
 ToolRun::ToolRun(const std::vector<std::string>& arguments, const std::string& input) {
     try {

@@ -11,25 +11,6 @@
 
 namespace FW {
 
-/// The lock that iptables' legacy programs hold while they change a table, held from construction
-/// to destruction. When this library runs several of them at the same time, it holds the lock for
-/// all: otherwise they would wait for each other.
-class XtablesLock {
-public:
-    /// Waits up to 30 s. If it is not held, errno has the reason: EWOULDBLOCK when another program
-    /// held it.
-    XtablesLock();
-    ~XtablesLock();
-    XtablesLock(const XtablesLock&) = delete;
-    XtablesLock& operator=(const XtablesLock&) = delete;
-
-    bool held() const { return held_; }
-
-private:
-    Descriptor file_;
-    bool held_ = false;
-};
-
 /// The result of a run.
 struct ToolResult {
     /// The exit status, as waitForProgram() returns it. Empty if the caller's process ignores

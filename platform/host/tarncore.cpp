@@ -1,6 +1,7 @@
 #include "tarncore.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,6 +24,7 @@
 #include "fwSpawn.h"
 #include "hostCall.h"
 #include "hostFile.h"
+#include "hostIptables.h"
 #include "hostKeyValue.h"
 
 namespace {
@@ -154,18 +156,49 @@ bool start(const FW::Program& program, RunningProgram& running) {
     return true;
 }
 
-// Waits for a program and logs any status but 0, which callers ignore. A lost status counts
-// as 0, since -1 is for programs that never ran.
-int finish(const RunningProgram& running) {
+// Waits for a program. A lost status counts as 0, since -1 is for programs that never ran.
+int await(const RunningProgram& running) {
     const auto status = FW::waitForProgram(running.pid);
     if (!status) {
         HOST_LOG_WARNING("The exit status of \"%s\" is lost", running.line.c_str());
-        return 0;
     }
-    if (*status != 0) {
-        HOST_LOG_WARNING("\"%s\" ended with status %d", running.line.c_str(), *status);
+    return status.value_or(0);
+}
+
+// Logs any status but 0, which callers ignore.
+int logged(int status, const std::string& line) {
+    if (status > 0) {
+        HOST_LOG_WARNING("\"%s\" ended with status %d", line.c_str(), status);
     }
-    return *status;
+    return status;
+}
+
+int finish(const RunningProgram& running) {
+    return logged(await(running), running.line);
+}
+
+int run(const FW::Program& program) {
+    RunningProgram running;
+    return start(program, running) ? finish(running) : -1;
+}
+
+// Runs a program of iptables, which waits for no lock of other programs: see underXtablesLock().
+int runUnderXtablesLock(FW::Program program) {
+    const host::Descriptor lockFile(memfd_create("lock", MFD_CLOEXEC));
+    if (!lockFile) {
+        return HOST_FAIL(errno);
+    }
+    RunningProgram running;
+    const int status = host::underXtablesLock(program.path, [&](host::OwnLockFile own) {
+        const bool isOwn = own == host::OwnLockFile::kYes;
+        program.input = isOwn ? lockFile.get() : -1;
+        program.environment.clear();
+        if (isOwn) {
+            program.environment.emplace_back(host::kInputAsLockFile);
+        }
+        return start(program, running) ? await(running) : -1;
+    });
+    return logged(status, running.line);
 }
 
 FILE* openProgram(const std::vector<const char*>& argv) {
@@ -205,8 +238,7 @@ int TLIBCExecv(const char* path, const char* const argv[], int /*flag*/) {
         FW::Program program;
         program.path = path;
         program.argv = argv;
-        RunningProgram running;
-        return start(program, running) ? finish(running) : -1;
+        return host::takesXtablesLock(path) ? runUnderXtablesLock(program) : run(program);
     });
 }
 

@@ -223,7 +223,8 @@ wrap_iptables() {
 #!/bin/sh
 command="\${0##*/} \$*"
 case \$command in
-*' -S'*) ;;
+# A listing does not wait for a command that is paused and whose caller holds the lock of iptables.
+*' -S'*) export XTABLES_LOCKFILE=/tmp/listing.lock ;;
 *) echo "\$PPID \$command" >>$kCommands ;;
 esac
 if [ -e $kPauseAt ]; then

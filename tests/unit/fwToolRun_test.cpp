@@ -18,6 +18,8 @@
 
 #include <gtest/gtest.h>
 
+#include "fwXtablesLock.h"
+
 namespace {
 
 using FW::ToolResult;

@@ -1,0 +1,129 @@
+#include "hostIptables.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <vector>
+
+#include "logged.h"
+#include "syslog_capture.h"
+
+namespace {
+
+using host::OwnLockFile;
+using host::underXtablesLock;
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+constexpr char kProgram[] = "/sbin/iptables";
+constexpr int kLockTaken = 4;  // the status of a program that finds it taken
+
+class XtablesLockRunTest : public ::testing::Test {
+protected:
+    XtablesLockRunTest()
+        : other_(open(FW::kXtablesLockPath, O_RDONLY | O_CREAT | O_CLOEXEC, 0600)) {
+        clearCapturedLog();
+    }
+    ~XtablesLockRunTest() override { close(other_); }
+
+    bool isFree() const {
+        const bool got = flock(other_, LOCK_EX | LOCK_NB) == 0;
+        if (got) {
+            (void)flock(other_, LOCK_UN);
+        }
+        return got;
+    }
+    void take() const { ASSERT_EQ(flock(other_, LOCK_EX), 0); }
+    void release() const { ASSERT_EQ(flock(other_, LOCK_UN), 0); }
+
+    // Runs a program that ends with these statuses, one a time; records how it was run.
+    int run(std::vector<int> statuses, milliseconds most = hours(1)) {
+        return underXtablesLock(
+            kProgram,
+            [&, this](OwnLockFile own) {
+                runs_.push_back(own);
+                wasFree_.push_back(isFree());
+                const int status = statuses.front();
+                statuses.erase(statuses.begin());
+                return status;
+            },
+            most);
+    }
+
+    int other_;
+    std::vector<OwnLockFile> runs_;
+    std::vector<bool> wasFree_;
+};
+
+TEST_F(XtablesLockRunTest, TheProgramRunsWhileTheLockIsHeldAndNeedsItNot) {
+    EXPECT_EQ(run({2}), 2);
+    EXPECT_THAT(runs_, ElementsAre(OwnLockFile::kYes));
+    EXPECT_THAT(wasFree_, ElementsAre(false));
+    EXPECT_TRUE(isFree());
+    EXPECT_THAT(capturedLog(), IsEmpty());
+}
+
+TEST_F(XtablesLockRunTest, AProgramThatDoesNotStartIsNotRunAgain) {
+    EXPECT_EQ(run({-1}), -1);
+    EXPECT_EQ(runs_.size(), 1u);
+}
+
+TEST_F(XtablesLockRunTest, AnOldProgramIsRunAgainUntilItHasTheLockItself) {
+    EXPECT_EQ(run({kLockTaken, kLockTaken, 0}), 0);
+    EXPECT_THAT(runs_, ElementsAre(OwnLockFile::kYes, OwnLockFile::kNo, OwnLockFile::kNo));
+    EXPECT_THAT(wasFree_, ElementsAre(false, true, true));
+    EXPECT_THAT(capturedLog(), IsEmpty());
+}
+
+TEST_F(XtablesLockRunTest, AnOldProgramThatNeverGetsTheLockFails) {
+    EXPECT_EQ(run({kLockTaken, kLockTaken}, milliseconds(1)), -1);
+    EXPECT_THAT(logged(LOG_ERR), ElementsAre(HasSubstr("another program holds /run/xtables.lock")));
+}
+
+TEST_F(XtablesLockRunTest, NothingRunsWhileAnotherProgramHoldsTheLock) {
+    take();
+    EXPECT_EQ(run({0}, milliseconds(20)), -1);
+    EXPECT_EQ(errno, EWOULDBLOCK);
+    EXPECT_THAT(runs_, IsEmpty());
+    EXPECT_THAT(logged(LOG_ERR),
+                ElementsAre(HasSubstr("Cannot run /sbin/iptables: another program holds "
+                                      "/run/xtables.lock; waited 20 ms")));
+}
+
+TEST_F(XtablesLockRunTest, AfterAWaitInVainTheNextOnesAreShortUntilOneSucceeds) {
+    take();
+    EXPECT_EQ(run({0}, milliseconds(150)), -1);
+    EXPECT_EQ(run({0}, hours(1)), -1);
+    release();
+    EXPECT_EQ(run({0}, hours(1)), 0);
+    take();
+    EXPECT_EQ(run({0}, milliseconds(150)), -1);
+    EXPECT_THAT(logged(LOG_ERR), ElementsAre(HasSubstr("waited 150 ms"), HasSubstr("waited 100 ms"),
+                                             HasSubstr("waited 150 ms")));
+}
+
+TEST_F(XtablesLockRunTest, ALockFileThatCannotBeOpenedIsNamed) {
+    close(other_);
+    ASSERT_EQ(unlink(FW::kXtablesLockPath), 0);
+    ASSERT_EQ(symlink("/nowhere/xtables.lock", FW::kXtablesLockPath), 0);
+    EXPECT_EQ(run({0}), -1);
+    EXPECT_THAT(logged(LOG_ERR),
+                ElementsAre(HasSubstr("Cannot run /sbin/iptables: cannot lock /run/xtables.lock: "
+                                      "No such file or directory")));
+}
+
+TEST_F(XtablesLockRunTest, OtherProgramsTakeNoLock) {
+    EXPECT_FALSE(host::takesXtablesLock("/bin/true"));
+    EXPECT_FALSE(host::takesXtablesLock("/sbin/no-such-program"));
+}
+
+}  // namespace
