@@ -4,12 +4,12 @@
 ///   bench_connections probe ADDRESS OPEN DENIED     opens a connection to each port every
 ///                                                   millisecond until its input ends
 ///
-/// The prober then prints what became of them, as "NAME VALUE" lines:
+/// The prober then prints the results, as "NAME VALUE" lines:
 ///   attempts      connections tried with the open port
 ///   failed        of these, those not established within a fifth of a second: a lost packet is
 ///                 repeated after one
-///   stall         the longest time in seconds without an attempt that got through
-///   denied_open   connections that the denied port took
+///   stall         the longest time in seconds without a successful attempt
+///   denied_open   connections that the denied port accepted
 ///   denied_time   seconds from the first to the last of them
 #include <arpa/inet.h>
 #include <errno.h>
@@ -47,7 +47,7 @@ double now() {
     return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
 }
 
-/// Ahead of everything else on the machine, so that its own lateness is no stall.
+/// At the highest priority, so that a delay of this program does not count as a stall.
 void runAhead() {
     sched_param parameters{};
     parameters.sched_priority = 10;
@@ -57,7 +57,7 @@ void runAhead() {
 }
 
 void closeAtOnce(int fd) {
-    const linger reset = {1, 0};  // no port is kept for a connection that is over
+    const linger reset = {1, 0};  // a closed connection keeps no port
     (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
     (void)close(fd);
 }
@@ -126,13 +126,13 @@ public:
             if (time >= next) {
                 start(false);
                 start(true);
-                // Without catching up: a burst would measure itself.
+                // Does not catch up: a burst would disturb its own measurement.
                 next = std::max(next + kInterval, time);
             }
             collect(std::max(next - now(), 0.0));
             giveUp();
         }
-        tell();
+        print();
     }
 
 private:
@@ -159,13 +159,13 @@ private:
         }
         epoll_event event{};
         event.events = EPOLLOUT;
-        event.data.ptr = &attempt;  // a deque does not move what it has
+        event.data.ptr = &attempt;  // a deque does not move its elements
         if (epoll_ctl(events_, EPOLL_CTL_ADD, attempt.fd, &event) != 0) {
             fail("bench_connections: epoll_ctl");
         }
     }
 
-    /// Takes what has been decided, waiting for the first at most so long.
+    /// Collects finished attempts; waits at most this long for the first.
     void collect(double seconds) {
         epoll_event ready[64];
         timespec wait{};
@@ -176,11 +176,11 @@ private:
             int error = 0;
             socklen_t size = sizeof(error);
             (void)getsockopt(attempt.fd, SOL_SOCKET, SO_ERROR, &error, &size);
-            end(attempt, error == 0 || error == ECONNRESET);  // reset by the server: it was there
+            end(attempt, error == 0 || error == ECONNRESET);  // reset by the server, which answered
         }
     }
 
-    /// What is not established by now was dropped.
+    /// Attempts that are not established by now were dropped.
     void giveUp() {
         const double time = now();
         while (!pending_.empty() &&
@@ -210,7 +210,7 @@ private:
         }
     }
 
-    void tell() const {
+    void print() const {
         std::printf("attempts %d\nfailed %d\nstall %.6f\ndenied_open %d\ndenied_time %.6f\n",
                     attempts_, failed_, std::max(stall_, now() - lastThrough_), deniedOpen_,
                     deniedLast_ - deniedFirst_);

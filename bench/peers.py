@@ -1,4 +1,4 @@
-"""Other programs that put the same rules in place, each reloaded its own way.
+"""Other programs with the same rules, each reloaded by its own means.
 
 They come from Debian packages that are unpacked, not installed (script/bench), and are laid over the
 sandbox's /usr and /etc. Each peer writes its configuration for a list of rules and runs its reload.
@@ -102,7 +102,7 @@ class Ferm:
 
     def __init__(self, variant):
         if variant == 'nft':
-            # It prefers the programs of the legacy variant wherever they can be run.
+            # It prefers the programs of the legacy variant where they can run.
             command('mount', '--bind', '/dev/null', '/usr/sbin/xtables-legacy-multi')
 
     def write(self, count):
@@ -152,7 +152,7 @@ class Ufw:
         for name in ('before.init', 'after.init'):
             command('install', '-m', '640', f'/usr/share/ufw/{name}', f'/etc/ufw/{name}')
         command('cp', '/usr/share/ufw/ufw.conf', '/etc/ufw/ufw.conf')
-        # It insists on writable sysctls and on modules, which a namespace has not.
+        # It insists on writable sysctls and on modules, which a namespace does not have.
         self.set_default('IPT_SYSCTL', '')
         self.set_default('IPT_MODULES', '')
 

@@ -1,15 +1,15 @@
 /// Whole reloads on a real packet filter, beside bare runs of the same commands:
 ///
 ///   bench_reload store RULES lines|batch    makes a profile of so many rules the active one
-///   bench_reload texts DIRECTORY            what iptables-restore gets for it, as v4 and v6
+///   bench_reload texts DIRECTORY            its input for iptables-restore, as v4 and v6
 ///   bench_reload reload                     the library's reload, and nothing else
-///   bench_reload run SIDE...                reloads each way once, and prints "SIDE WALL CPU",
+///   bench_reload run SIDE...                reloads once by each side, and prints "SIDE WALL CPU",
 ///                                           then its peak size
 ///
 /// The sides are "library"; "lines", the same command lines run by posix_spawn alone; "lines+tool",
 /// with a run of the tool that the library asks for every rule's adapter; "restore", both programs
 /// fed with the same text; and "apply", the library's transaction without the reading of the
-/// profile and its translation. Besides, a program of its own each: "program", which does nothing
+/// profile and its translation. Two more are separate programs: "program", which does nothing
 /// but the library's reload, and "tarnfw reload", the command, whose path is in $TARNFW. Times are
 /// seconds, of the clock and of all processors.
 #include <fcntl.h>

@@ -72,7 +72,7 @@ def measure_library(case, mode, sides, sizes, options):
     rows = {}
     for size, runs in sizes.items():
         store(options, size, mode)
-        # The chains then hold what the next reload replaces.
+        # The next reload replaces these rules.
         _, peak = reload_sides(options, 'library')
         for _ in range(runs):
             times, _ = reload_sides(options, 'library', *sides)
@@ -174,7 +174,7 @@ class Connections:
             stdout=subprocess.PIPE,
             text=True,
         )
-        time.sleep(0.5)  # some undisturbed ones first
+        time.sleep(0.5)  # some attempts before the work begins
         start = time.monotonic()
         work()
         seconds = time.monotonic() - start

@@ -12,7 +12,7 @@ import sys
 
 from rows import growth, load, processor_ratio, ratio
 
-# A side of that name is what the others of its case are compared with.
+# The other sides of a case are compared with the side of this name.
 FLOOR = 'floor'
 
 # A fit over noisy times may exceed that of n log n by this much.

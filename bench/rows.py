@@ -1,4 +1,4 @@
-"""What every group of measurements yields: rows, and what follows from several of them."""
+"""Rows, the results of every group of measurements, and values computed from several rows."""
 
 import dataclasses
 import json
@@ -67,7 +67,7 @@ def growth(rows):
         points = sorted(
             (r.size, r.median) for r in rows if (r.group, r.case, r.side) == key and r.times
         )
-        # Before 100, what is the same for every size hides the growth.
+        # Below 100, costs that do not depend on the size hide the growth.
         points = [(n, t) for n, t in points if n >= 100 or n in [m for m, _ in points[-3:]]]
         k = exponent(points)
         if not math.isnan(k):

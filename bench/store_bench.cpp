@@ -1,6 +1,6 @@
 /// The profile store and the settings, beside jsoncpp's own parse and write of the same texts. The
-/// store finds a profile by what is inside its file, so an operation parses every file once; what
-/// it cannot do without is thus the parse of them all.
+/// store finds a profile by what is inside its file, so an operation parses every file once; the
+/// least that it needs is thus the parse of them all.
 #include <benchmark/benchmark.h>
 #include <json/json.h>
 
@@ -18,7 +18,7 @@
 
 namespace {
 
-/// Files in the store, and what they hold.
+/// Files in the store, and their content.
 struct Stored {
     int profiles;
     int rules;

@@ -1,4 +1,4 @@
-/// Profile to command document, for both ways of applying it, beside loops that only concatenate
+/// Profile to command document, for both apply modes, beside loops that only concatenate
 /// the same strings: into a list of texts (the floor), and into the document that the interface
 /// asks for.
 #include <benchmark/benchmark.h>

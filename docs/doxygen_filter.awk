@@ -1,5 +1,5 @@
 # Gives Doxygen the headers as it reads them. The headers' comments are plain: "///" blocks, "/* */"
-# in C, and headings "// ---- Like this ----" between members. A block that does not stand right in
+# in C, and headings "// ---- Like this ----" between members. A block that is not directly in
 # front of a declaration is about the whole file; a heading begins a group. Its marks are indented
 # like the members, or Doxygen would give the group's text to the first of them.
 

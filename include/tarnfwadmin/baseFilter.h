@@ -1,5 +1,5 @@
-/// The base packet filter: the chains that the library fills, and the jumps that lead to them. A
-/// storage OS sets them up by itself; on an ordinary Linux this does.
+/// The base packet filter: the chains that the library fills, and the jumps to them. A storage OS
+/// sets them up by itself; on an ordinary Linux this library does.
 #pragma once
 
 #include <cstddef>
@@ -25,7 +25,7 @@ struct BaseParts {
     bool empty() const { return chains.empty() && jumps.empty(); }
 };
 
-/// The base filter whole. The order is that of adding; jumps are listed in the order in which
+/// The complete base filter. The order is that of adding; jumps are listed in the order in which
 /// packets meet them.
 const BaseParts& wholeBase();
 
@@ -73,10 +73,10 @@ inline constexpr char kWrongOrder[] =
 /// Both families, IPv4 first.
 std::vector<BaseFilter> baseFilters();
 
-/// Throws Error while chains or jumps are missing, saying which. Lists only the two chains that the
-/// jumps are in: a chain that is jumped to is there. The library does not look at
-/// the exit status of the commands that it runs: the machine would seem protected and let everybody
-/// in.
+/// Throws Error, kSystem, with what is missing, while chains or jumps are missing. Lists only the
+/// two chains that have the jumps: a chain that is jumped to exists. The library does not look at
+/// the exit status of its commands: without these chains the machine would seem protected and let
+/// everybody in.
 void requireBase();
 
 /// "chains A, B; jumps C -> D", or "nothing".

@@ -171,8 +171,8 @@ inline int openDescriptors() {
     return count;
 }
 
-/// While one lives, gettimeofday() answers from it: the first reading is the start, every later one
-/// lies `later` microseconds after it. So the first wait for a lock is the one that it shortens.
+/// During its life, gettimeofday() answers from it: the first reading is the start, every later one
+/// is `later` microseconds after it. So it shortens the first wait for a lock.
 class JumpingClock {
 public:
     explicit JumpingClock(std::int64_t later) : later_(later) { current() = this; }

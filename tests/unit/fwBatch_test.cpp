@@ -47,7 +47,7 @@ TEST_F(RestoreTextTest, EmptyDocumentFlushesBothChains) {
     EXPECT_THAT(errors(), IsEmpty());
 }
 
-// A text for no family would flush the chains of whichever it is given to.
+// A text without a family would flush the chains of the family that it is given to.
 TEST_F(RestoreTextTest, OtherFamiliesHaveNoText) {
     for (const std::string family : {"", "V4", "v5\n"}) {
         EXPECT_EQ(restoreText(documentOf("-A X -j DROP"), family), "");
@@ -222,9 +222,9 @@ protected:
 
     bool apply() { return FW::FW_BATCH().apply(cmds_); }
 
-    std::string text(const std::string& mended = "") const {
+    std::string text(const std::string& repaired = "") const {
         return filterText("-A INPUT_FIREWALL -i lo -j ACCEPT\n-A INPUT_FIREWALL -i eth0 -j DROP\n" +
-                          mended);
+                          repaired);
     }
 
     FakeRestore tools_;
@@ -274,7 +274,7 @@ TEST_F(ApplyTest, LineThatCannotBeWrittenStartsNothing) {
                                       "\"-F INPUT_FIREWALL\""));
 }
 
-// Where a tool says no, and what it says.
+// Where a tool fails, and its message.
 struct RefusedCase {
     std::string name;
     std::string run;
@@ -355,7 +355,7 @@ TEST_F(ApplyTest, PuttingBackIsAboutTheChangedChainsWithTheirCounters) {
     EXPECT_EQ(tools_.runs().back().arguments, "--noflush --wait 30 --verbose --counters\n");
 }
 
-// A tool that is killed at its COMMIT may have done it.
+// A tool that is killed at its COMMIT may have committed.
 TEST_F(ApplyTest, KilledAtItsCommitIsPutBackAsWell) {
     tools_.kill("v4 commit", "COMMIT");
     EXPECT_FALSE(apply());
@@ -403,7 +403,7 @@ TEST_F(ApplyTest, FailureToPutBackIsLoggedToo) {
     EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 put back"));
 }
 
-// A message has its end in the tool's words, which a log that cuts long lines must not lose.
+// The tool's words end the message; a log that cuts long lines must not lose them.
 TEST_F(ApplyTest, NamesAndLinesAreCutAndPrintableInTheLog) {
     const std::string start = "-A INPUT_FIREWALL -m comment --comment ";
     const std::string line = start + std::string(2000, 'c');
@@ -590,7 +590,7 @@ TEST_F(ApplyTest, RefusalPutsBackWhatWasMended) {
                                rule + "COMMIT\n"));
 }
 
-// The sign must not go while the other family is closed without one.
+// The sign must stay while the other family is closed without one.
 TEST_F(ApplyTest, OnlySignGoesLast) {
     tools_.setSaved("v4", savedWith(1));
     EXPECT_TRUE(apply());

@@ -24,8 +24,8 @@ using ::testing::IsEmpty;
 
 namespace {
 
-// Called whenever a scan of the profile directory is over. A file that the scan could not load is
-// in no index, so one that fails later has to go bad just then.
+// Called after each scan of the profile directory. A file that the scan could not load is
+// in no index, so a file that is to fail later must be damaged at that moment.
 std::function<void()>& scanDone() {
     static std::function<void()> action;
     return action;
@@ -74,7 +74,7 @@ protected:
 
     Lines log() const { return logLines(platform_); }
 
-    // From the end of the next scan on, `path` holds no JSON.
+    // After the next scan, `path` is not JSON any more.
     static void breakAfterScan(const std::vector<std::string>& paths) {
         scanDone() = [paths] {
             for (const std::string& path : paths) {
@@ -86,7 +86,7 @@ protected:
     // Makes every write of the file at `path` fail.
     static void blockWrite(const std::string& path) { fs::create_directories(path + ".tmp"); }
 
-    // Documents that no store would have written in this form.
+    // Documents that the store never writes in this form.
     const std::string kHome = R"({"name": "home", "rules": {"eth0": [{"policy": 9}]}, "own": [1]})";
     const std::string kAway = R"({"name": "away", "adapterPolicyMap": {"global": 1}})";
 
@@ -302,7 +302,7 @@ TEST_F(ExportTest, SettingsWithoutAProfileMakeTheNamelessOneTheActiveOne) {
                                        "] for profile [] which is the current one."));
 }
 
-// It is in no index, so nobody can know whose it was.
+// It is not in the index, so its profile is unknown.
 TEST_F(ExportTest, FileThatTheScanCannotLoadIsLeftOutWithTheScansMessage) {
     for (const std::string stem : {"17", "1700000042"}) {
         SCOPED_TRACE(stem);
@@ -429,7 +429,7 @@ TEST_F(ImportTest, EmptyDirectoryIsLoggedAndNoFailure) {
     EXPECT_EQ(storedSettings(), configuration()["config_firewall_settings"]);
 }
 
-// Deleting goes by the profile's name: were it to come later, it would meet the new file first.
+// Deletion is by the profile's name: a later one would find the new file first.
 TEST_F(ImportTest, OldProfilesAreDeletedBeforeNewOnesAreWritten) {
     EXPECT_TRUE(store_.importConfig(
         parseJson(R"({"config_profiles": {"0.json": {"name": "away", "new": true}}})")));
@@ -464,7 +464,7 @@ struct KeyCase {
     std::string path;
 };
 
-// A key becomes a path without change.
+// A key is part of the path, unchanged.
 const KeyCase kKeys[] = {
     {"Number", "1700000042.json", "/usr/tarn/etc/firewall.d/1700000042.json"},
     {"Text", "my profile.json", "/usr/tarn/etc/firewall.d/my profile.json"},
@@ -591,10 +591,10 @@ TEST_F(ImportTest, OfAnExportReproducesFileNamesAndContents) {
         documents.push_back(storedJson(kProfileDir + file));
     }
 
-    // On the machine itself, and on one that was configured in another way since.
-    for (const bool otherwise : {false, true}) {
-        SCOPED_TRACE(otherwise);
-        if (otherwise) {
+    // On the machine itself, and on one that has been configured differently since.
+    for (const bool reconfigured : {false, true}) {
+        SCOPED_TRACE(reconfigured);
+        if (reconfigured) {
             fs::remove(fileOf("17"));
             writeFile(fileOf("5"), R"({"name": "office"})");
             writeFile(fileOf("a.b"), R"({"name": "renamed"})");

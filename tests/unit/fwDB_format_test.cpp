@@ -482,7 +482,7 @@ TEST_F(FormatTest, WritingAndReadingKeepsEveryFieldButTheRuleId) {
     EXPECT_THAT(rules.at("eth0"), ElementsAre(expected));
 }
 
-// Random profiles; the seed is fixed, so that a failure comes back.
+// Random profiles; the seed is fixed, so that a failure can be repeated.
 class RandomProfiles {
 public:
     explicit RandomProfiles(std::uint32_t seed) : random_(seed) {}
@@ -581,7 +581,7 @@ private:
     std::mt19937 random_;
 };
 
-// What a profile reads as after it was written.
+// A profile after it has been written and read.
 FW::FWPROFILE afterRoundTrip(FW::FWPROFILE profile) {
     for (auto entry = profile.rules.begin(); entry != profile.rules.end();) {
         for (FW::FWRULE& rule : entry->second) {

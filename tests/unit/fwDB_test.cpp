@@ -35,7 +35,7 @@ using ::testing::Not;
 
 namespace {
 
-// While one lives, it watches what the store asks of the C library, and answers where told to.
+// During its life, records what the store asks of the C library, and answers where set to.
 class WatchedLibc {
 public:
     WatchedLibc() { current() = this; }
@@ -612,7 +612,7 @@ TEST_F(StoreTest, DbDumpOfANewNameMakesANumberedFileBesideTheOthers) {
     EXPECT_THAT(filesIn(kProfileDir), ElementsAre("1700000005.json", "1700000006.json"));
 }
 
-// The generator looks at profiles only, so a file that is none can be written over.
+// The generator looks only at profiles, so any other file can be overwritten.
 TEST_F(StoreTest, DbDumpDoesNotSeeAFileThatHoldsNoProfile) {
     storeEmptyProfile("1", "away");
     writeFile(fileOf("1700000005"), "{}");
@@ -723,7 +723,7 @@ TEST_F(StoreTest, EnumStopsAtTheFirstProfileThatCannotBeLoadedAndKeepsThoseBefor
     storeEmptyProfile("1", "a");
     storeEmptyProfile("2", "b");
     storeEmptyProfile("3", "c");
-    // The index is the first scan; each profile takes two more. "b" goes after its second one.
+    // The index is the first scan; each profile takes two more. "b" is deleted after its second.
     libc_.scanDone = [](int scan) {
         if (scan == 5) {
             fs::remove(fileOf("2"));

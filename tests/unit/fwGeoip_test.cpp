@@ -61,7 +61,7 @@ std::size_t openDescriptors() {
     return filesIn("/proc/self/fd").size();
 }
 
-// Lets no further file be opened while it lives.
+// During its life no more files can be opened.
 class NoMoreFiles {
 public:
     NoMoreFiles() {

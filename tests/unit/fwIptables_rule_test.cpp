@@ -948,7 +948,7 @@ TEST_F(RuleTest, EveryListLengthProtocolAndSideAgreesWithASecondEvaluation) {
     }
 }
 
-// Draws rules from a fixed seed, so that a failing one is met again.
+// Draws rules from a fixed seed, so that a failure can be repeated.
 class RuleSource {
 public:
     std::size_t below(std::size_t limit) { return random_() % limit; }

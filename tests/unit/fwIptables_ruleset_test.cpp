@@ -36,7 +36,7 @@ constexpr FW_POLICY kNone = FW::FW_POLICY_NONE;
 
 constexpr char kTool[] = "popen /usr/tarn/sbin/tarnnetdtool --get-ipv6-router-interface ";
 
-// A rule that is told apart by its port: "-t filter -A INPUT_FIREWALL ... -p tcp --dport PORT".
+// A rule that is identified by its port: "-t filter -A INPUT_FIREWALL ... -p tcp --dport PORT".
 FWRULE onPort(const std::string& port, FW_POLICY policy = kAllow) {
     FWRULE rule;
     rule.policy = policy;

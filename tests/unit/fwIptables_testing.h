@@ -56,7 +56,7 @@ inline std::string joined(const Texts& words, const std::string& separator) {
     return text;
 }
 
-/// The fragments of a port list worked out in another way than the library does: from the list of
+/// The fragments of a port list computed differently from the library: from the list of
 /// port texts as it ends up on the command line, cut into sevens.
 inline Texts expectedFragments(std::int32_t protocol, std::int32_t direction, const Texts& ports) {
     if (protocol == 4) {

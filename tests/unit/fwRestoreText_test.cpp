@@ -98,8 +98,8 @@ TEST(RestoreLineTest, NumbersAreThoseOfTheTextWithItsMark) {
     family["eth0"].append("-t nat -A Y -o eth0");
     family["global"].append("-A X -i lo");
     RestoreText text(20000);
-    RestoreLine fault;
-    ASSERT_TRUE(text.make(family, fault));
+    RestoreLine invalid;
+    ASSERT_TRUE(text.make(family, invalid));
     text.append("-P INPUT ACCEPT\n");
 
     const std::string expected[] = {
@@ -134,8 +134,8 @@ TEST(RestoreLineTest, NumberedTextTellsHowFarAToolCame) {
     family["eth0"].append("-A X -i eth0");
     family["eth0"].append("-t nat -A Y -o eth0");
     RestoreText text(8192);
-    RestoreLine fault;
-    ASSERT_TRUE(text.make(family, fault));
+    RestoreLine invalid;
+    ASSERT_TRUE(text.make(family, invalid));
     const std::string numbered = text.numbered();
     EXPECT_EQ(numbered,
               "# line 1\n*filter\n# line 2\n-F INPUT_FIREWALL\n# line 3\n-F FORWARD_FIREWALL\n"
@@ -220,7 +220,7 @@ TEST(WholeSaveTest, TableFromItsNameToItsCommit) {
     EXPECT_FALSE(FW::isWholeSave("", "filter"));
     EXPECT_FALSE(FW::isWholeSave(saved, "raw"));
     EXPECT_FALSE(FW::isWholeSave(saved, "ilter"));
-    // The COMMIT of another table is none of this one.
+    // The COMMIT of another table does not count for this one.
     EXPECT_FALSE(FW::isWholeSave(saved.substr(0, saved.rfind("COMMIT")), "filter"));
 }
 

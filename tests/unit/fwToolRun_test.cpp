@@ -140,7 +140,7 @@ TEST(ToolRunTest, PiecesArriveInOrderAndTheInputEnds) {
 }
 
 TEST(ToolRunTest, FeedingDoesNotWaitForTheProgram) {
-    // Reads nothing before the second program is through with its own input.
+    // Reads nothing before the second program has read all of its input.
     ToolRun first(shell("read -r path; until [ -e \"$path\" ]; do :; done; cat >/dev/null"));
     ToolRun second(shell("cat >/dev/null; : >/tmp/second_is_through"));
     first.feed("/tmp/second_is_through\n" + std::string(1'000'000, 'x'));

@@ -108,7 +108,7 @@ protected:
         platform_.keyValues[kServiceRecord]["firewall"] = value;
     }
 
-    // The text that a family's tool got, which must have come to its end.
+    // The text that a family's tool got; it must have been complete.
     std::string committed(const std::string& name) const {
         for (const FakeRestore::Run& run : tools_.runs()) {
             if (run.name == name + " commit" && run.whole) {
@@ -284,7 +284,7 @@ TEST_F(BatchTest, RefusedTrialLeavesTheFirewallEnabled) {
     EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/iptables-restore: four"));
 }
 
-// ---- The default way beside it ----
+// ---- Apply mode "lines" beside it ----
 
 TEST_F(BatchTest, OtherwiseLinesAreRun) {
     choose("lines");
@@ -304,7 +304,7 @@ TEST_F(BatchTest, AnObjectThatDidABatchRunsLinesAsAnyOther) {
     EXPECT_EQ(platform_.journalOf("popen ").size(), 3U);  // once for each rule
 }
 
-// A trial says nothing of the settings; it is the store that meets the file, in both of its scans.
+// A trial logs nothing about the settings; the store finds the file, in both of its scans.
 TEST_F(BatchTest, TrialWithUnreadableSettingsRunsLines) {
     for (const std::string& settings : {std::string("{"), std::string(5000, '[')}) {
         platform_.clearLog();
@@ -317,7 +317,7 @@ TEST_F(BatchTest, TrialWithUnreadableSettingsRunsLines) {
     }
 }
 
-// What the settings' lock cannot do shows when the profile is read, in the machine closed.
+// A lock that fails shows only when the profile is read, while the machine is closed.
 TEST_F(BatchTest, TrialTakesNoLockToChoose) {
     choose("lines");
     std::filesystem::remove(kLockDir + "firewall_settings.json.lock");

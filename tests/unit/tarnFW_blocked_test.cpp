@@ -89,13 +89,13 @@ FWRULE inPortGroup(FWRULE rule, int portGroup) {
     return rule;
 }
 
-// A list of it is a list that has nothing to say.
+// A list of such rules does not decide.
 const FWRULE kIdle = disabled(allPorts(kBlocked, kAnybody));
 
 // ---- A profile, a question, and the second evaluation ----
 
 struct Model {
-    std::map<std::string, std::vector<FWRULE>> rules;  // none empty: a file knows no empty lists
+    std::map<std::string, std::vector<FWRULE>> rules;  // none empty: files have no empty lists
     Verdicts policies;
     std::map<std::string, FakeService> services;
 };
@@ -316,7 +316,7 @@ protected:
     Lines log() const { return logLines(platform_); }
 
     // Stores `model` as the active profile, in the few members that count, so that thousands of
-    // rules are read in no time; the policies stay as they are, that of "global" as well.
+    // rules are read quickly; the policies stay as they are, that of "global" as well.
     void store(const Model& model) {
         Json::Value document;
         document["name"] = "home";
@@ -385,14 +385,14 @@ protected:
             }
         }
         const Verdicts found = {result.begin(), result.end()};
-        if (!steps_.empty()) {  // a disabled firewall has an answer and no reasons
+        if (!steps_.empty()) {  // a disabled firewall has an answer without reasons
             EXPECT_EQ(followed, found);
         }
         return found;
     }
 
     // Compares the library's answer on the stored `model` with the second evaluation's. Returns
-    // false, and has told why, when they differ.
+    // false, after reporting the difference, when they differ.
     bool agrees(const Model& model, const PortCompareST& query, const std::string& adapter,
                 const Verdicts& before = {}) {
         Verdicts expected = before;
@@ -712,7 +712,7 @@ const MatchCase kMatches[] = {
     {"AllowWithoutPorts", {0, kTcp, "80"}, ports(kAllowed, kAnybody, {}), false},
     {"DenyWithoutPorts", {0, kTcp, "80"}, ports(kBlocked, kAnybody, {}), false},
 
-    // Texts are numbers as far as they go.
+    // A text counts up to its first character that is not a digit.
     {"TextIsPortZero", {0, kTcp, "0"}, ports(kAllowed, kAnybody, {"http"}), true},
     {"EmptyTextIsPortZero", {0, kTcp, ""}, ports(kAllowed, kAnybody, {"0"}), true},
     {"TextBehindANumberIsDropped", {0, kTcp, "80"}, ports(kAllowed, kAnybody, {"80/tcp"}), true},
@@ -748,7 +748,7 @@ const MatchCase kMatches[] = {
     {"DenyBothForUdp", {0, kUdp, "80"}, ports(kBlocked, kAnybody, {"80"}, kBoth), true},
     {"NoTargetTcpForBoth", {0, kBoth, "80"}, ports(kUndecided, kAnybody, {"80"}, kTcp), false},
 
-    // Directions are equal or nothing matches.
+    // Without equal directions nothing matches.
     {"AllowOfTheOtherDirection", {0, kTcp, "80"}, ports(kAllowed, 5, {"80"}, kBoth, 1), false},
     {"DenyOfTheOtherDirection", {1, kTcp, "80"}, ports(kBlocked, 5, {"80"}, kBoth, 0), false},
     {"AllowOfSourcePorts", {1, kTcp, "80"}, ports(kAllowed, 5, {"80"}, kTcp, 1), true},
@@ -766,9 +766,9 @@ class MatchTest : public BlockedTest, public ::testing::WithParamInterface<Match
 // A rule for anybody sets the verdict to its policy, so each starts from another one.
 TEST_P(MatchTest, DecidesWhetherTheRuleSetsTheVerdict) {
     const MatchCase& c = GetParam();
-    const int otherwise = c.rule.policy == kBlocked ? kAllowed : kBlocked;
-    store({{{"eth0", {c.rule}}}, {{"eth0", otherwise}}, {}});
-    const int expected = c.matches ? static_cast<int>(c.rule.policy) : otherwise;
+    const int defaultPolicy = c.rule.policy == kBlocked ? kAllowed : kBlocked;
+    store({{{"eth0", {c.rule}}}, {{"eth0", defaultPolicy}}, {}});
+    const int expected = c.matches ? static_cast<int>(c.rule.policy) : defaultPolicy;
     EXPECT_EQ(asked(c.query, "eth0")["eth0"], expected);
     EXPECT_EQ(asked(c.query, "")["eth0"], expected);
 }
@@ -830,11 +830,11 @@ TEST_P(ServiceRuleTest, MatchesInBothPortGroups) {
     const ServiceRuleCase& c = GetParam();
     for (const int portGroup : {0, 2}) {
         SCOPED_TRACE(portGroup);
-        const int otherwise = c.policy == kBlocked ? kAllowed : kBlocked;
+        const int defaultPolicy = c.policy == kBlocked ? kAllowed : kBlocked;
         store({{{"eth0", {servicesRule(c.policy, kAnybody, c.names, portGroup, c.direct)}}},
-               {{"eth0", otherwise}},
+               {{"eth0", defaultPolicy}},
                kServices});
-        EXPECT_EQ(asked(c.query, "eth0")["eth0"], c.matches ? c.policy : otherwise);
+        EXPECT_EQ(asked(c.query, "eth0")["eth0"], c.matches ? c.policy : defaultPolicy);
     }
 }
 
@@ -1383,7 +1383,7 @@ TEST_F(ServiceBlockedTest, DisabledFirewallAllowsTheAdapterAndNothingElse) {
 
 TEST_F(ServiceBlockedTest, ServiceWithoutPortsLeavesTheResultAlone) {
     store({{}, {{"eth0", kBlocked}}, kServices});
-    writeFile(kSettingsFile, "{");  // not read, for there is nothing to ask
+    writeFile(kSettingsFile, "{");  // not read: there is nothing to ask
     for (const std::string service : {"nothing", "unusable", "unknown", ""}) {
         SCOPED_TRACE(service);
         EXPECT_THAT(check(service, "eth0"), IsEmpty());

@@ -45,7 +45,7 @@ Lines firstOf(const Lines& lines, std::size_t count) {
 }
 
 // The rest of every text that begins with `prefix`.
-Lines behind(const std::string& prefix, const Lines& texts) {
+Lines after(const std::string& prefix, const Lines& texts) {
     Lines made;
     for (const std::string& text : texts) {
         made.push_back(prefix + text);
@@ -99,12 +99,12 @@ Lines fixedLines6(bool established) {
     return made;
 }
 
-// The lines of the profile "home" for eth0: TCP `port` is let through, the rest is dropped.
+// The lines of the profile "home" for eth0: TCP `port` is accepted, the rest is dropped.
 Lines adapterLines(const std::string& tool, const std::string& port) {
-    return behind("exec " + tool + " -t filter -A ",
-                  {"FORWARD_FIREWALL -i eth0 -p tcp --dport " + port + " -j RETURN",
-                   "INPUT_FIREWALL -i eth0 -p tcp --dport " + port + " -j RETURN",
-                   "FORWARD_FIREWALL -i eth0 -j DROP", "INPUT_FIREWALL -i eth0 -j DROP"});
+    return after("exec " + tool + " -t filter -A ",
+                 {"FORWARD_FIREWALL -i eth0 -p tcp --dport " + port + " -j RETURN",
+                  "INPUT_FIREWALL -i eth0 -p tcp --dport " + port + " -j RETURN",
+                  "FORWARD_FIREWALL -i eth0 -j DROP", "INPUT_FIREWALL -i eth0 -j DROP"});
 }
 
 const Lines kRules4 = fixedLines(true) + adapterLines("/sbin/iptables", "22");
@@ -204,7 +204,7 @@ protected:
     // Makes every write of the settings fail.
     void blockSettingsWrite() { std::filesystem::create_directories(kSettingsFile + ".tmp"); }
 
-    // Makes the lock file of a data file one that cannot be opened.
+    // Makes the lock file of a data file impossible to open.
     static void blockLockOf(const std::string& name) {
         std::filesystem::remove(kLockDir + name + ".lock");
         std::filesystem::create_directories(kLockDir + name + ".lock");

@@ -307,7 +307,7 @@ const InsertCase kInserts[] = {
      kOddPolicy,
      {service(kOddPolicy, "ssh"), reserved("r", FW_POLICY_ALLOW, {"a"})}},
 
-    // A new rule takes the service out of the reserved rules, and empty service rules away.
+    // A new rule removes the service from the reserved rules, and removes empty service rules.
     {"ServiceLeavesEveryReservedRuleWhateverItsStateAndPolicy",
      {reserved("deny", FW_POLICY_DENY, {"ssh", "a"}),
       rule("off", 2, 5, FW_POLICY_ALLOW, kOff, {"b", "ssh"}),
@@ -603,7 +603,7 @@ TEST_F(ReserveTest, RemovingAnUnknownServiceRewritesEveryProfileUnchanged) {
     }
 }
 
-// The store gives a default policy to every adapter that has a list, be it an empty one.
+// The store gives a default policy to every adapter that has a list, even an empty one.
 TEST_F(ReserveTest, AdapterThatLosesItsLastRuleStaysWithADefaultPolicy) {
     FWPROFILE profile;
     profile.name = "home";
@@ -906,7 +906,7 @@ protected:
 struct UpdateCase {
     const char* name;
     std::vector<std::string> before;
-    std::vector<std::string> after;  // none: the rule goes
+    std::vector<std::string> after;  // none: the rule is removed
     int protocol;
 };
 

@@ -339,7 +339,7 @@ INSTANTIATE_TEST_SUITE_P(, SettingsMismatchTest, ::testing::ValuesIn(kMismatches
                          [](const auto& c) { return std::string(c.param.name); });
 
 // The lock is not held from the reading to the writing: what another process writes in between is
-// overwritten, but nobody waits for anybody.
+// overwritten, but neither waits for the other.
 TEST_F(SettingsTest, SetTakesTheLockForEachStepAndLeavesItFree) {
     storeSettings(false, "home");
     platform_.clearJournal();

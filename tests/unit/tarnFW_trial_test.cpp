@@ -697,7 +697,7 @@ TEST_F(ApplyTest, FailedRuleAndFailedAcceptDisableTheFirewallTwice) {
     expectSettings(false);
 }
 
-// The message comes after the firewall's end, so the messages of that come in between.
+// The message comes after disabling, so the messages of disabling come before it.
 TEST_F(ApplyTest, FailedRuleIsReportedAfterTheFirewallIsDisabled) {
     failLine(kRules4[0]);
     platform_.failModRemoveOf = "xt_mac.ko";

@@ -412,7 +412,7 @@ const ProfileCase kProfiles[] = {
      {},
      established(kPacket),
      "22 allow established"},
-    // What was not told.
+    // Unknown parts of a packet.
     {"LocalAddressNotTold",
      {{"eth0", {kUnknownTo}}},
      {{"eth0", kAllow}},

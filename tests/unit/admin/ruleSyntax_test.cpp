@@ -43,7 +43,7 @@ FWRULE ruleOf(const std::string& line, const RuleOptions& options = {}) {
 }
 
 /// The complaint about wrong usage; "accepted" when there is none.
-std::string refusal(const Texts& words, const RuleOptions& options = {}) {
+std::string complaintAbout(const Texts& words, const RuleOptions& options = {}) {
     try {
         (void)tarnfw::ruleFrom(words, options, vocabulary());
     } catch (const tarnfw::Error& error) {
@@ -52,8 +52,8 @@ std::string refusal(const Texts& words, const RuleOptions& options = {}) {
     return "accepted";
 }
 
-std::string refusal(const std::string& line, const RuleOptions& options = {}) {
-    return refusal(split(line), options);
+std::string complaintAbout(const std::string& line, const RuleOptions& options = {}) {
+    return complaintAbout(split(line), options);
 }
 
 RuleOptions onlyV4() {
@@ -106,7 +106,7 @@ const WhatCase kWhats[] = {
     // iptables reads 010 as 8.
     {"LeadingZeros", "tcp 010,0022-0080", 1, 1, "10 22-80"},
     {"RangeOfOne", "tcp 80-80", 1, 1, "80"},
-    // No list at all would make a rule without any line.
+    // A rule without a list would yield no line.
     {"EveryTcpPort", "tcp", 1, 1, "0-65535"},
     {"EveryPort", "both", 1, 3, "0-65535"},
     {"Icmp", "icmp", 1, 4, ""},
@@ -120,7 +120,7 @@ const WhatCase kWhats[] = {
     {"ServicesOfBoth", "service dns,sip", 0, 3, "dns sip"},
     {"TcpServices", "service http,https", 0, 1, "http https"},
     {"TcpAndUdpServices", "service ssh,ntp", 0, 3, "ssh ntp"},
-    // What takes both does not count beside what takes one.
+    // A part that allows both families does not count beside one that allows only one.
     {"TcpServiceAndOneOfBoth", "service dns,ssh", 0, 1, "dns ssh"},
     {"UdpServiceAndOneOfBoth", "service ntp,dns", 0, 2, "ntp dns"},
     {"ServiceTwice", "service ssh,smb,ssh", 0, 1, "ssh smb"},
@@ -176,7 +176,7 @@ const AddressCase kAddresses[] = {
     {"V6WrittenLong", "2001:0DB8:0:0:0:0:0:1", 0, 1, "2001:db8::1"},
     {"V4Prefix", "192.168.1.0/24", 1, 0, "192.168.1.0 255.255.255.0"},
     {"V4Mask", "192.168.1.0/255.255.255.0", 1, 0, "192.168.1.0 255.255.255.0"},
-    // The kernel leaves these bits out of account: what is stored is what will match.
+    // The kernel ignores these bits, so the stored address is the one that matches.
     {"V4HostBits", "192.168.1.77/20", 1, 0, "192.168.0.0 255.255.240.0"},
     {"V4One", "10.0.0.1/32", 1, 0, "10.0.0.1 255.255.255.255"},
     {"V4All", "0.0.0.0/0", 1, 0, "0.0.0.0 0.0.0.0"},
@@ -244,15 +244,15 @@ TEST(RuleSyntaxTest, AnAdapterAmongTheWordsHasARemedy) {
 }
 
 TEST(RuleOptionsTest, MustNotSpeakOfAnotherFamilyThanTheAddress) {
-    EXPECT_EQ(refusal("deny from 10.0.0.0/8", onlyV6()),
+    EXPECT_EQ(complaintAbout("deny from 10.0.0.0/8", onlyV6()),
               "\"10.0.0.0/8\" is an IPv4 address, but the rule is for IPv6 only");
-    EXPECT_EQ(refusal("deny from 10.0.0.1", onlyV6()),
+    EXPECT_EQ(complaintAbout("deny from 10.0.0.1", onlyV6()),
               "\"10.0.0.1\" is an IPv4 address, but the rule is for IPv6 only");
-    EXPECT_EQ(refusal("deny from ::1-::2", onlyV4()),
+    EXPECT_EQ(complaintAbout("deny from ::1-::2", onlyV4()),
               "\"::1-::2\" is an IPv6 address, but the rule is for IPv4 only");
-    EXPECT_EQ(refusal("deny from country CN", onlyV6()),
+    EXPECT_EQ(complaintAbout("deny from country CN", onlyV6()),
               "\"CN\" is not a country with IPv6 data (two letters, such as DE)");
-    EXPECT_EQ(refusal("deny from country SE", onlyV4()),
+    EXPECT_EQ(complaintAbout("deny from country SE", onlyV4()),
               "\"SE\" is not a country with IPv4 data (two letters, such as CN)");
 }
 
@@ -291,7 +291,7 @@ TEST(RuleOptionsTest, SourcePortsNeedPorts) {
     options.sourcePort = true;
     for (const char* const words :
          {"allow", "allow any", "allow icmp", "allow igmp", "allow service ssh"}) {
-        EXPECT_EQ(refusal(words, options),
+        EXPECT_EQ(complaintAbout(words, options),
                   "a source port needs tcp or udp and ports, such as \"udp 123\"")
             << words;
     }
@@ -413,17 +413,18 @@ const RefusalCase kRefusals[] = {
 class RefusalTest : public ::testing::TestWithParam<RefusalCase> {};
 
 TEST_P(RefusalTest, NamesTheWordAndWhatWasExpected) {
-    EXPECT_EQ(refusal(std::string(GetParam().words)), GetParam().complaint);
+    EXPECT_EQ(complaintAbout(std::string(GetParam().words)), GetParam().complaint);
 }
 
 INSTANTIATE_TEST_SUITE_P(RuleSyntax, RefusalTest, ValuesIn(kRefusals), caseName<RefusalCase>);
 
 TEST(RefusedWordsTest, AreShownAsATerminalMaySeeThem) {
-    EXPECT_EQ(refusal(Texts{"allow\033[2J"}), "unexpected \"allow?[2J\": expected allow or deny");
+    EXPECT_EQ(complaintAbout(Texts{"allow\033[2J"}),
+              "unexpected \"allow?[2J\": expected allow or deny");
 }
 
 TEST(RefusedWordsTest, AnEmptyWordIsNoPort) {
-    EXPECT_EQ(refusal(Texts{"allow", "tcp", ""}),
+    EXPECT_EQ(complaintAbout(Texts{"allow", "tcp", ""}),
               "\"\" lacks a port next to a comma; lists contain no blanks");
 }
 
@@ -437,7 +438,7 @@ TEST(EmptyVocabularyTest, FailsForServicesAndCountriesOnly) {
 
 // ---- Round trip ----
 
-// What is printed of a rule, without the family that follows from the address, makes it again.
+// A rule's text, without the family that follows from the address, is read as the same rule.
 TEST(RoundTripTest, ThePrintedRuleIsTheRule) {
     for (const WhatCase& what : kWhats) {
         for (const AddressCase& address : kAddresses) {

@@ -171,7 +171,7 @@ TEST(ShippedModuleListTest, HasFourKeysOfModuleFilesWithSingleBlanks) {
             const std::string name = text.substr(begin, end - begin);
             ASSERT_GT(name.size(), 3u) << key << ": " << name;
             EXPECT_EQ(name.substr(name.size() - 3), ".ko") << key;
-            EXPECT_TRUE(seen.insert(name).second) << name << " stands twice";
+            EXPECT_TRUE(seen.insert(name).second) << name << " is listed twice";
             begin = end + 1;
         }
     }

@@ -930,7 +930,7 @@ TEST_F(KeyValueTest, CheckComparesExactly) {
     EXPECT_EQ(TLIBCFileCheckKeyValue(file_.c_str(), "key", "yes ", 0), 0);
     EXPECT_EQ(TLIBCFileCheckKeyValue(file_.c_str(), "key", "ye", 0), 0);
     EXPECT_EQ(TLIBCFileCheckKeyValue(file_.c_str(), "absent", "", 0), 0);
-    // An error is no match: anything but zero would be one.
+    // An error must not be taken for a match, which any result but zero is.
     EXPECT_EQ(TLIBCFileCheckKeyValue(path("missing").c_str(), "key", "yes", 0), 0);
     EXPECT_EQ(TLIBCFileCheckKeyValue(file_.c_str(), "key", nullptr, 0), 0);
 }
@@ -1281,7 +1281,7 @@ protected:
         EXPECT_EQ(std::distance(fs::directory_iterator(directory_), {}), 2);
     }
 
-    // The result of an attempt of another user, with the errno of a refusal as a negative number.
+    // The result of an attempt of another user, or its errno as a negative number.
     int lockAsOther() const {
         return runChild([&] {
             if (setresuid(kOtherUser, kOtherUser, kOtherUser) != 0) {

@@ -14,13 +14,13 @@
 
 namespace tarnfw {
 
-/// The store, opened once for the whole command and handed on, with root's rights; and the machine,
-/// asked once for each thing. The session's notes go to standard error: those of opening at once,
-/// the others with the object's end.
+/// The store, opened once with root's rights for the whole command, and the machine, asked once for
+/// each thing. The session's notes go to standard error: those of opening it at once, the others
+/// when the object is destroyed.
 class Context {
 public:
-    /// A command that has asked the machine already hands that object over, and one that has taken
-    /// a lock, what it may still wait for others. Throws Error: kNoRights, and what StoreSession
+    /// A command that already has a Machine passes it on; one that has taken a lock passes the
+    /// rest of its time for waiting. Throws Error: kNoRights, and what StoreSession
     /// throws.
     explicit Context(StoreSession::Access access,
                      std::unique_ptr<Machine> machine = std::make_unique<Machine>(),
@@ -71,21 +71,21 @@ void requireReloadable(Context& context, const ReloadOptions& options);
 /// The question about a profile that would lock out the person who applies it.
 inline constexpr char kApplyAnyway[] = "Apply it anyway?";
 
-/// For a profile as it is about to be stored. Where "--reload" would then apply it, because it is
-/// the active one: throws Error, kInvalid, for an invalid one, and asks about one that would lock
-/// out the person who is connected over SSH. Elsewhere warns about the former.
+/// For a profile that is about to be stored. If "--reload" will apply it, because it is the active
+/// one: throws Error, kInvalid, when it is invalid, and asks when it would lock out the person who
+/// is connected over SSH. If not: only warns when it is invalid.
 void requireAppliable(Context& context, const FW::FWPROFILE& changed, const ReloadOptions& options);
 
-/// For a command that knows what it makes of the profiles only when it has changed them: asks the
-/// same about the active one as it is stored now.
+/// The same check of the active profile as it is stored now, for a command whose result is known
+/// only after its change.
 void confirmReload(Context& context, const ReloadOptions& options);
 
 // ---- The kernel ----
 
-/// Runs `change` detached, see runDetached(). Says "`what` ..." on the terminal meanwhile, and
-/// hands on its messages when it is done. Returns what `change` returns. Throws Error, kSystem,
-/// with the reason where it throws, or where it was killed. What `meanwhile` returns, which runs at
-/// the same time, goes to standard error first.
+/// Runs `change` detached, see runDetached(). Shows "`what` ..." on the terminal meanwhile, and
+/// prints its messages when it is done. Returns what `change` returns. Throws Error, kSystem, with
+/// the reason when `change` throws or is killed. `meanwhile` runs at the same time; the text that
+/// it returns goes to standard error first.
 bool runWhole(const std::string& what, const std::function<bool()>& change,
               const std::function<std::string()>& meanwhile = {});
 

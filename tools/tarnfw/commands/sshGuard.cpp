@@ -211,17 +211,17 @@ std::string sshWarning(const FW::FWPROFILE& profile, Machine& machine) {
 }
 
 void requireSshAccess(const FW::FWPROFILE& profile, Machine& machine, bool yes,
-                      const std::string& question, const std::string& otherwise) {
+                      const std::string& question, const std::string& ifDeclined) {
     const std::string warning = sshWarning(profile, machine);
     if (warning.empty()) {
         return;
     }
     if (!yes && isatty(STDIN_FILENO) != 1) {
-        throw Error(ErrorKind::kDeclined, warning + "; " + otherwise + " (--yes goes on anyway)");
+        throw Error(ErrorKind::kDeclined, warning + "; " + ifDeclined + " (--yes goes on anyway)");
     }
     std::cerr << "tarnfw: " << warning << '\n';
     if (!yes && !confirmed(question)) {
-        throw Error(ErrorKind::kDeclined, otherwise);
+        throw Error(ErrorKind::kDeclined, ifDeclined);
     }
 }
 

@@ -56,9 +56,9 @@ std::string sshDropWarning(const FW::FWPROFILE& profile, const SshConnection& co
 std::string sshWarning(const FW::FWPROFILE& profile, Machine& machine);
 
 /// Before a profile is applied: after a warning, asks `question` on the terminal, unless
-/// `yes`; throws Error, kDeclined, with `otherwise`, when the answer is no or nobody can be asked.
+/// `yes`; throws Error, kDeclined, with `ifDeclined`, when the answer is no or nobody can be asked.
 void requireSshAccess(const FW::FWPROFILE& profile, Machine& machine, bool yes,
                       const std::string& question,
-                      const std::string& otherwise = "nothing was changed");
+                      const std::string& ifDeclined = "nothing was changed");
 
 }  // namespace tarnfw

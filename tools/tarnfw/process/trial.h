@@ -1,4 +1,4 @@
-/// The watchdog of a trial: puts a profile's rules in force, and restores the previous ones unless
+/// The watchdog of a trial: applies a profile's rules, and restores the previous ones unless
 /// somebody who can still reach the machine confirms in time.
 #pragma once
 
@@ -29,9 +29,10 @@ inline constexpr char kAskConfirm[] = "confirm";
 inline constexpr char kAskCancel[] = "cancel";
 inline constexpr char kAskState[] = "state";
 
-/// Runs a trial to its end; for a process of its own. `terminal` is the connection to the terminal
-/// that began it, whose end is the end of the trial; other terminals come through `listener`.
-/// SIGTERM goes back at once; SIGINT and SIGHUP, which are the terminal's, must be blocked.
+/// Runs a trial to its end, in a process of its own. `terminal` is the connection to the terminal
+/// that began it; when that closes, the trial ends. Other terminals connect to `listener`.
+/// SIGTERM ends it at once, with the previous rules; SIGINT and SIGHUP, from the terminal, must be
+/// blocked.
 /// All reports go to `terminal`, the last one also to the terminal that asked for it.
 void watchTrial(const Trial& trial, const Channel& terminal, const Channel& listener);
 
