@@ -462,5 +462,26 @@ TEST_F(ProfileCheckTest, ErrorsAreCountedForEveryRule) {
     EXPECT_EQ(errorsOf(profile, machine), 5U);
 }
 
+// The rules are checked in portions; what concerns the profile or an adapter counts once.
+TEST_F(ProfileCheckTest, ErrorsOfALongListAreCountedOnce) {
+    FW::FWRULE valid;
+    valid.ipGroup = FW::FW_IP_GROUP_ANY;
+    valid.portGroup = FW::FW_PORT_GROUP_ANY;
+    FW::FWRULE wrongPort = valid;
+    wrongPort.portGroup = FW::FW_PORT_GROUP_PORTS;
+    wrongPort.portList = {"x"};
+    Machine machine;
+    FW::FWPROFILE profile;
+    profile.name = "home";
+    profile.adapterPolicyMap = {{"global", FW::FW_POLICY_NONE}};
+    profile.rules["global"].assign(350, valid);
+    for (const std::size_t i : {0U, 99U, 100U, 199U, 200U, 349U}) {
+        profile.rules["global"][i] = wrongPort;
+    }
+    EXPECT_EQ(errorsOf(profile, machine), 6U);
+    profile.rules["a b"].assign(350, valid);  // no adapter's name
+    EXPECT_EQ(errorsOf(profile, machine), 7U);
+}
+
 }  // namespace
 }  // namespace tarnfw
