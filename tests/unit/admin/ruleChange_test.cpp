@@ -77,15 +77,15 @@ TEST_F(RuleChangeTest, AnEmptyNameIsTheActiveProfile) {
 TEST_F(RuleChangeTest, WhatAStepThrowsLeavesTheStore) {
     StoreSession session(StoreSession::Access::kChange);
     const auto edit = [](FW::FWPROFILE& profile) { profile.rules["global"].clear(); };
-    const Error declined(ErrorKind::kDeclined, "no");
     expectError(ErrorKind::kDeclined, "no", [&] {
         changeProfile(session, "home", "global", edit,
-                      [&](const FW::FWPROFILE&) { throw declined; });
+                      [&](const FW::FWPROFILE&) { throw Error(ErrorKind::kDeclined, "no"); });
     });
     bool asked = false;
     expectError(ErrorKind::kDeclined, "no", [&] {
         changeProfile(
-            session, "home", "global", [&](FW::FWPROFILE&) { throw declined; },
+            session, "home", "global",
+            [&](FW::FWPROFILE&) { throw Error(ErrorKind::kDeclined, "no"); },
             [&](const FW::FWPROFILE&) { asked = true; });
     });
     EXPECT_FALSE(asked);
