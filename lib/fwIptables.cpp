@@ -90,12 +90,37 @@ bool isUsableLocalIp(const std::string& localIp) {
     return localIp.empty() || isIpv4(localIp) || isIpv6(localIp);
 }
 
+/// Whether a text begins with an IPv4 address: "10.0.0.5", "10.0.0.0/24", and "10/8" as iptables
+/// reads it. No address of IPv6 and no name consists of digits and dots alone.
+bool beginsWithIpv4(const std::string& text) {
+    const std::string address = text.substr(0, text.find_first_of("/,"));
+    return !address.empty() && address.find_first_not_of("0123456789.") == std::string::npos;
+}
+
 /// Whether a rule matches an IPv4 address, network or range, whatever its family.
 bool hasIpv4Address(const FWRULE& rule) {
     const bool hasAddress = rule.ipGroup == FW_IP_GROUP_SINGLE ||
                             rule.ipGroup == FW_IP_GROUP_NETWORK ||
                             rule.ipGroup == FW_IP_GROUP_RANGE;
-    return hasAddress && !rule.ipList.empty() && isIpv4(rule.ipList[0]);
+    return hasAddress && !rule.ipList.empty() && beginsWithIpv4(rule.ipList[0]);
+}
+
+bool holdsNul(const std::string& text) {
+    return text.find('\0') != std::string::npos;
+}
+
+/// Whether lines can be made of a rule's texts; if not, it is logged. A program would see each of
+/// them only up to a NUL, and the line would mean something else.
+bool isTranslatable(const FWRULE& rule, const std::string& adapter) {
+    const auto anyHoldsNul = [](const auto& texts) {
+        return std::any_of(texts.begin(), texts.end(), holdsNul);
+    };
+    if (!holdsNul(adapter) && !holdsNul(rule.table) && !anyHoldsNul(rule.chainList) &&
+        !anyHoldsNul(rule.ipList) && !anyHoldsNul(rule.portList)) {
+        return true;
+    }
+    FW_LOG_ERR("A rule of adapter %s holds a NUL character and is left out", adapter.c_str());
+    return false;
 }
 
 /// The line that lets established connections pass, except from `exceptedIp` if it is not empty.
@@ -188,7 +213,7 @@ public:
     /// Skips a rule that is not in use now. False when it cannot be converted.
     bool append(const FWRULE& rule) {
         if (!rule.enable || adapter_ == FW_PPPOE_INTERFACE || !isEnabled() ||
-            rule.policy == FW_POLICY_NONE) {
+            rule.policy == FW_POLICY_NONE || !isTranslatable(rule, adapter_)) {
             return true;
         }
         if (!appendRule(translation_, rule, adapter_, lines_, fragments_)) {
@@ -273,6 +298,9 @@ TARNFW_IPTABLES_RULES::~TARNFW_IPTABLES_RULES() = default;
 
 bool TARNFW_IPTABLES_RULES::FwRuleToIptablesArg(const std::string& adapter, const FWRULE& rule,
                                                 Json::Value& arg) {
+    if (!isTranslatable(rule, adapter)) {
+        return true;  // without fragments: only this rule yields no line
+    }
     Fragments fragments;
     const bool converted = afterAdaptersOf(arg, fragments.adapter, [&] {
         return RuleTranslation(*this).convert(adapter, rule, fragments);
@@ -469,6 +497,9 @@ bool TARNFW_IPTABLES_RULES::jIptablesCmdInit(Json::Value& out) {
 
 void TARNFW_IPTABLES_RULES::iptables6in4ToCmd(const std::string& adapter, const FWRULE& rule,
                                               Json::Value& out) {
+    if (!isTranslatable(rule, adapter)) {
+        return;
+    }
     RuleTranslation translation(*this);
     if (const auto router = tunnelFor(translation, adapter, rule)) {
         appendTunnelRule(translation, rule, *router, out);

@@ -23,6 +23,7 @@ using FW::FWRULE;
 using FW::TARNFW_IPTABLES_RULES;
 using ::testing::Each;
 using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 using ::testing::ValuesIn;
@@ -545,6 +546,44 @@ TEST_F(RulesetTest, UnknownGroupsCostTheirRulesOnlyTheirLines) {
                                                  "err fwIptables: Unknown port group 4"));
 }
 
+TEST_F(RulesetTest, RuleWithANulInATextOfItsLinesYieldsNone) {
+    const std::string nul("\0", 1);
+    std::vector<FWRULE> rules(5, onPort("1"));
+    rules[0].ipGroup = 0;
+    rules[0].ipList = {"10.0.0.5" + nul + " -h"};
+    rules[1].portList = {"22" + nul};
+    rules[2].table = "filter" + nul + "x";
+    rules[3].chainList.insert("OWN" + nul);
+    rules[4].name = "name" + nul;  // part of no line
+    platform_.popenOutput["eth0"] = "sit0";
+
+    const Json::Value out = commandsOf({{"eth0", rules}}, {});
+
+    EXPECT_THAT(linesOf(out, "v4", "eth0"),
+                ElementsAre("-t filter -A INPUT_FIREWALL -i eth0 -p tcp --dport 1 -j RETURN"));
+    EXPECT_THAT(linesOf(out, "v6", "sit0"),
+                ElementsAre("-t filter -A INPUT_FIREWALL -i sit0 -p tcp --dport 1 -j RETURN"));
+    EXPECT_THAT(logLines(platform_),
+                ElementsAreArray(Texts(4,
+                                       "err fwIptables: A rule of adapter eth0 holds a NUL "
+                                       "character and is left out")));
+}
+
+TEST_F(RulesetTest, RuleWithANulHasNoArgumentsAndNoTunnelLinesOfItsOwn) {
+    FWRULE rule = onPort("1");
+    rule.portList = {std::string("1\0", 2)};
+    platform_.popenOutput["eth0"] = "sit0";
+    TARNFW_IPTABLES_RULES translator;
+    Json::Value arg = emptyArgument();
+    Json::Value out;
+
+    EXPECT_TRUE(translator.FwRuleToIptablesArg("eth0", rule, arg));
+    translator.iptables6in4ToCmd("eth0", rule, out);
+
+    EXPECT_EQ(arg, emptyArgument());
+    EXPECT_TRUE(out.isNull());
+}
+
 TEST_F(RulesetTest, NothingStaysOpenWhenTheTranslationThrows) {
     platform_.services["ssh"] = {"Secure shell", 1, {"22"}, 0, {}};
     platform_.popenOutput["eth0"] = "sit0";
@@ -746,6 +785,25 @@ TEST_F(RulesetTest, BatchRepeatsNoIpv4AddressForTheRouter) {
                             "RETURN",
                             "-t filter -A INPUT_FIREWALL -i sit0 -p tcp --dport 5 -j RETURN"));
     EXPECT_EQ(linesOf(commandsOf({{"eth0", rules}}, {}), "v6", "sit0").size(), 5U);
+}
+
+TEST_F(RulesetTest, BatchRepeatsNoIpv4NetworkForTheRouter) {
+    platform_.popenOutput["eth0"] = "sit0";
+    std::vector<FWRULE> rules;
+    for (const char* const network : {"10.0.0.0/24", "10.0.0.0/255.255.255.0", "0.0.0.0/0", "10/8",
+                                      "10.0.0.1,10.0.0.2", "fd00::/64", "::/0", "host.example"}) {
+        rules.push_back(onPort(std::to_string(rules.size() + 1)));
+        rules.back().ipGroup = 0;
+        rules.back().ipList = {network};
+    }
+    Json::Value out;
+    ASSERT_TRUE(TARNFW_IPTABLES_RULES().fwRulesToBatchRules(false, {{"eth0", rules}}, {}, out, ""));
+    const std::string start = "-t filter -A INPUT_FIREWALL -i sit0 -s ";
+    EXPECT_THAT(linesOf(out, "v6", "sit0"),
+                ElementsAre(start + "fd00::/64 -p tcp --dport 6 -j RETURN",
+                            start + "::/0 -p tcp --dport 7 -j RETURN",
+                            start + "host.example -p tcp --dport 8 -j RETURN"));
+    EXPECT_EQ(linesOf(commandsOf({{"eth0", rules}}, {}), "v6", "sit0").size(), rules.size());
 }
 
 TEST_F(RulesetTest, RouterGetsTheDefaultPolicyToo) {

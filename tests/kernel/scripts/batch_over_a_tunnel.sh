@@ -40,3 +40,21 @@ answers 0 reload
 answers 0 diff
 step 'diff reports the refused line' grep --quiet 'this kernel refuses' "$out/complaint"
 step 'the rules are the same' same_listing batch
+
+# A network written as one text is no IPv6 line either.
+/usr/bin/python3 - "$kProfileDirectory/single_address.json" <<'END'
+import json
+import sys
+
+with open(sys.argv[1]) as file:
+    profile = json.load(file)
+rule = profile["rules"]["eth0"][0]
+profile["rules"]["eth0"] = [dict(rule, ipGroup=0, ipList=[network])
+                            for network in ("10.0.0.0/24", "0.0.0.0/0")]
+with open(sys.argv[1], "w") as file:
+    json.dump(profile, file)
+END
+choose_apply batch
+answers 0 reload
+step 'the networks are in force' [ "$(iptables -S INPUT_FIREWALL | grep --count 10.0.0.0/24)" = 1 ]
+step 'and open nothing to all of IPv6' [ -z "$(ip6tables -S INPUT_FIREWALL | grep -- '-i six -p tcp')" ]
