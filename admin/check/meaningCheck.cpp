@@ -197,7 +197,17 @@ void RuleCheck::checkNetwork(const std::vector<std::string>& list) {
     const auto found = address(list, 0);
     if (found) {
         checkFamily(*found);
-        if (!prefixLengthFrom(list[1], found->isIpv6())) {
+        const auto length = prefixLengthFrom(list[1], found->isIpv6());
+        const bool isMask = list[1].find('.') != std::string::npos;
+        if (length == 0 && !isMask && !found->isIpv6() &&
+            codeOf(rule_, "policy") == FW::FW_POLICY_ALLOW) {
+            // Of all IPv4 networks, ip6tables takes this one for an IPv6 network.
+            warningIfOn(
+                "ipList",
+                "\"/0\" is every address: in apply mode \"lines\" it opens a 6in4 tunnel of "
+                "the adapter to all of IPv6 as well");
+        }
+        if (!length) {
             error(elementPath("ipList", 1),
                   inQuotes(list[1]) + (found->isIpv6() ? " is not a prefix length (0-128)"
                                                        : " is not a prefix length (0-32) or "
@@ -390,6 +400,64 @@ void checkCatalogue(const Catalogue& catalogue, Findings& findings) {
     }
 }
 
+/// Reports each text with a NUL character. A program sees it only up to there, whatever it is for,
+/// so no other check can say what it means.
+class NulCheck {
+public:
+    explicit NulCheck(Findings& findings) : findings_(findings) {}
+
+    void checkDocument(const Value& document) {
+        for (const std::string& name : document.getMemberNames()) {
+            checkText(name, std::nullopt, name);
+            const Value& member = document[name];
+            if (name == "rules" && member.isObject()) {
+                checkRules(member);
+            } else {
+                check(member, std::nullopt, memberPath("", name));
+            }
+        }
+    }
+
+private:
+    void checkRules(const Value& byAdapter) {
+        for (const std::string& adapter : byAdapter.getMemberNames()) {
+            const std::string path = memberPath("rules", adapter);
+            checkText(adapter, std::nullopt, path);
+            const Value& list = byAdapter[adapter];
+            if (!list.isArray()) {
+                check(list, std::nullopt, path);
+                continue;
+            }
+            for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
+                check(list[i], RulePlace{adapter, i + 1}, "");
+            }
+        }
+    }
+
+    void check(const Value& value, const std::optional<RulePlace>& rule, const std::string& path) {
+        if (value.isString()) {
+            checkText(value.asString(), rule, path);
+        }
+        for (Json::ArrayIndex i = 0; value.isArray() && i < value.size(); ++i) {
+            check(value[i], rule, elementPath(path, i));
+        }
+        for (const std::string& name :
+             value.isObject() ? value.getMemberNames() : std::vector<std::string>()) {
+            checkText(name, rule, memberPath(path, name));
+            check(value[name], rule, memberPath(path, name));
+        }
+    }
+
+    void checkText(const std::string& text, const std::optional<RulePlace>& rule,
+                   const std::string& path) {
+        if (text.find('\0') != std::string::npos) {
+            findings_.error(rule, path, inQuotes(text) + " contains a NUL character");
+        }
+    }
+
+    Findings& findings_;
+};
+
 void checkName(const Value& name, Findings& findings) {
     if (!name.isString()) {
         return;
@@ -409,6 +477,7 @@ std::vector<Finding> checkMeaning(const Json::Value& document, Machine& machine)
     if (!document.isObject()) {
         return {};
     }
+    NulCheck(findings).checkDocument(document);
     checkName(document["name"], findings);
     const Value& rules = document["rules"];
     const Value none(Json::objectValue);

@@ -97,7 +97,9 @@ const RuleCase kAddresses[] = {
     {"NetworkByMask",
      R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.0", "255.255.255.0"]})",
      {}},
-    {"NetworkByLength", R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.0", "0"]})", {}},
+    {"NetworkByLength",
+     R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.0", "0"], "policy": 1})",
+     {}},
     {"NetworkV6", R"({"ipGroup": 1, "ipType": 1, "ipList": ["2001:db8::", "128"]})", {}},
     {"NoNetwork",
      R"({"ipGroup": 1, "ipType": 0, "ipList": []})",
@@ -391,6 +393,51 @@ TEST_F(ProfileCheckTest, AnInvalidServiceMakesTheCatalogueUnreadable) {
         linesOf(profile({rule(R"({"portGroup": 0, "portList": ["ssh"]})")})),
         ElementsAre("home.json: the service catalogue cannot be read: a file has an invalid "
                     "service; the log names it"));
+}
+
+TEST_F(ProfileCheckTest, AnIpv4NetworkOfEveryAddressOpensATunnelToAllOfIpv6) {
+    const auto network = [](const char* members) {
+        return rule(std::string(R"({"ipGroup": 1, "ipType": 0, )") + members + "}");
+    };
+    EXPECT_THAT(
+        linesOf(
+            profile({network(R"("ipList": ["0.0.0.0", "0"])"),
+                     network(R"("ipList": ["10.0.0.0", "8"], "portList": ["1"])"),
+                     network(R"("ipList": ["0.0.0.0", "0"], "portList": ["2"], "policy": 1)")})),
+        ElementsAre(
+            "home.json: rule 1 of global: ipList: warning: \"/0\" is every address: in apply "
+            "mode \"lines\" it opens a 6in4 tunnel of the adapter to all of IPv6 as well"));
+}
+
+TEST_F(ProfileCheckTest, ANulInAnyTextIsAnError) {
+    Json::Value document = profile({rule(), rule(R"({"name": "a\u0000b", "labelList": ["\u0000"],
+        "ipGroup": 0, "ipList": ["10.0.0.5\u0000 -h"], "portList": ["22\u0000"]})")});
+    document["name"] = std::string("ho\0me", 5);
+    std::vector<std::string> nul;
+    for (const std::string& line : linesOf(document)) {
+        if (line.find("contains a NUL character") != std::string::npos) {
+            nul.push_back(line);
+        }
+    }
+    EXPECT_THAT(nul, ElementsAre("home.json: name: \"ho?me\" contains a NUL character",
+                                 "home.json: rule 2 of global: ipList entry 1: \"10.0.0.5? -h\" "
+                                 "contains a NUL character",
+                                 "home.json: rule 2 of global: labelList entry 1: \"?\" contains a "
+                                 "NUL character",
+                                 "home.json: rule 2 of global: name: \"a?b\" contains a NUL "
+                                 "character",
+                                 "home.json: rule 2 of global: portList entry 1: \"22?\" contains "
+                                 "a NUL character"));
+}
+
+TEST_F(ProfileCheckTest, ANulInTheNameOfAnAdapterIsAnError) {
+    Json::Value document = profile({});
+    document["rules"][std::string("et\0", 3)].append(rule());
+    document["adapterPolicyMap"][std::string("po\0", 3)] = 0;
+    EXPECT_THAT(linesOf(document),
+                testing::IsSupersetOf(
+                    {"home.json: rules[\"et?\"]: \"et?\" contains a NUL character",
+                     "home.json: adapterPolicyMap[\"po?\"]: \"po?\" contains a NUL character"}));
 }
 
 TEST_F(ProfileCheckTest, PlacesAreData) {
