@@ -112,6 +112,45 @@ def write_markdown(rows, path):
             file.write(f'- {line}\n')
 
 
+# The table of README: its columns, by the sides of this case, at these sizes.
+SPEED_CASE = 'batch nft'
+SPEED_SIZES = (1000, 5000)
+SPEED_SIDES = {
+    'tarnfw reload': '`tarnfw reload`',
+    'library': "the library's part",
+    FLOOR: 'bare `iptables-restore`',
+    'ferm': 'ferm',
+    'firewalld': 'firewalld',
+}
+
+
+def speed_lines(rows):
+    """A line for each size; none when the case was not measured."""
+    times = {
+        (row.size, row.side): row.median
+        for row in rows
+        if (row.group, row.case) == ('reload', SPEED_CASE) and row.times
+    }
+    sides = [side for side in SPEED_SIDES if all((size, side) in times for size in SPEED_SIZES)]
+    if not sides:
+        return []
+    lines = [
+        '| rules | ' + ' | '.join(SPEED_SIDES[side] for side in sides) + ' |',
+        '|---|' + '---|' * len(sides),
+    ]
+    for size in SPEED_SIZES:
+        cells = (f'{times[size, side]:.2g} s' for side in sides)
+        lines.append(f'| {size:,} | ' + ' | '.join(cells) + ' |')
+    return lines
+
+
+def write_speed(rows, path):
+    lines = speed_lines(rows)
+    if lines:
+        with open(path, 'w', encoding='utf-8') as file:
+            file.writelines(f'{line}\n' for line in lines)
+
+
 def write_csv(rows, path):
     with open(path, 'w', encoding='utf-8', newline='') as file:
         writer = csv.writer(file)
@@ -203,6 +242,7 @@ def main():
     write_json(rows, os.path.join(out, 'results.json'))
     write_csv(rows, os.path.join(out, 'results.csv'))
     write_markdown(rows, os.path.join(out, 'results.md'))
+    write_speed(rows, os.path.join(out, 'speed.md'))
     write_plots(rows, out)
 
 
