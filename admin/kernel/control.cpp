@@ -49,6 +49,7 @@ void Control::requireBase() {
 
 void Control::enable(Machine& machine, const std::function<void(const FW::FWPROFILE&)>& confirm) {
     requireBase();
+    session_.requireReload();
     const FW::FWPROFILE& profile = session_.snapshot().profile("");
     requireValidProfile(profile, machine);
     if (confirm) {
@@ -94,6 +95,7 @@ bool Control::apply() {
         return false;
     }
     requireBase();
+    session_.requireReload();
     if (!run_(applyingText(session_), [] { return FW::TARNFW().fwReload(true); })) {
         throw Error(ErrorKind::kRefused,
                     "the active profile was not applied: " + stateNow(session_));

@@ -91,10 +91,13 @@ private:
 
 }  // namespace
 
-bool commandsFor(const std::string& profile, ApplyMode mode, Json::Value& commands) {
-    FW::TARNFW firewall;
-    return mode == ApplyMode::kBatch ? firewall.fwBatchRulesEnum(profile, commands, true, "")
-                                     : firewall.fwIptablesRulesEnum(profile, commands, true);
+bool commandsFor(const FW::FWPROFILE& profile, ApplyMode mode, Json::Value& commands) {
+    FW::TARNFW_IPTABLES_RULES translation;
+    return mode == ApplyMode::kBatch
+               ? translation.fwRulesToBatchRules(true, profile.rules, profile.adapterPolicyMap,
+                                                 commands, "")
+               : translation.fwRulesToIptablesRules(true, profile.rules, profile.adapterPolicyMap,
+                                                    commands);
 }
 
 std::vector<TracedLine> tracedLines(const FW::FWPROFILE& profile, ApplyMode mode) {

@@ -141,6 +141,25 @@ std::string readText(const std::string& path) {
     return text;
 }
 
+std::string readDocument(const std::string& path, off_t most) {
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    std::string text;
+    if (!file || fstat(file.get(), &status) != 0) {
+        throw Error(ErrorKind::kSystem,
+                    "cannot read " + printable(path) + ": " + std::strerror(errno));
+    }
+    if (!S_ISREG(status.st_mode) || status.st_size > most) {
+        throw Error(ErrorKind::kSystem,
+                    "cannot read " + printable(path) + ": it is no regular file, or too large");
+    }
+    if (!readAll(file.get(), text)) {
+        throw Error(ErrorKind::kSystem,
+                    "cannot read " + printable(path) + ": " + std::strerror(errno));
+    }
+    return text;
+}
+
 bool parseAsStored(const std::string& text, Json::Value& document) {
     try {
         return Json::Reader().parse(text, document, /*collectComments=*/true);

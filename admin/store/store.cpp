@@ -1,6 +1,7 @@
 #include "tarnfwadmin/store.h"
 
 #include <glob.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -34,6 +35,9 @@ constexpr ApplyModeRow kApplyModes[] = {
     {ApplyMode::kBatch, FW::FW_APPLY_BATCH},
 };
 
+// Of a document. One of 10,000 rules has some 5 MB.
+constexpr off_t kMostBytes = 64 * 1024 * 1024;
+
 // Of a new profile's name, which is printed in tables and messages.
 constexpr std::size_t kMostNameBytes = 100;
 
@@ -43,7 +47,7 @@ std::string listed(const std::vector<std::string>& names) {
 }
 
 /// The files that the library reads, sorted.
-std::vector<std::string> documentPaths() {
+std::vector<std::string> filesOfStore() {
     std::vector<std::string> paths;
     glob_t found{};
     if (glob((std::string(kProfileDir) + "*.json").c_str(), 0, nullptr, &found) == 0) {
@@ -51,6 +55,37 @@ std::vector<std::string> documentPaths() {
     }
     globfree(&found);
     return paths;
+}
+
+/// What a path is that is not a regular file.
+std::string kindOf(mode_t mode) {
+    switch (mode & static_cast<mode_t>(S_IFMT)) {
+        case S_IFDIR:
+            return "a directory";
+        case S_IFIFO:
+            return "a named pipe";
+        case S_IFSOCK:
+            return "a socket";
+        case S_IFCHR:
+        case S_IFBLK:
+            return "a device";
+        default:
+            return "no regular file";
+    }
+}
+
+/// Why a file is not opened: "is a link to a device". Empty when it is.
+std::string whyUnusable(const std::string& path) {
+    struct stat entry {};
+    struct stat file {};
+    const bool isLink = lstat(path.c_str(), &entry) == 0 && S_ISLNK(entry.st_mode);
+    if (stat(path.c_str(), &file) != 0) {
+        return isLink ? "is a link that leads nowhere" : "";
+    }
+    if (!S_ISREG(file.st_mode)) {
+        return (isLink ? "is a link to " : "is ") + kindOf(file.st_mode);
+    }
+    return file.st_size > kMostBytes ? "is larger than 64 MiB" : "";
 }
 
 bool isTestProfile(const std::string& name) {
@@ -63,14 +98,16 @@ bool isTestProfile(const std::string& name) {
 
 void StoreSnapshot::refresh() {
     std::map<std::string, File> known = std::exchange(files_, {});
-    for (const std::string& path : documentPaths()) {
+    for (const std::string& path : filesOfStore()) {
         const FW::FileState state = FW::FileState::of(path);
+        const std::string unusable = whyUnusable(path);
         const auto found = known.find(path);
         if (found != known.end() && found->second.state.stillHolds(state)) {
             files_[path] = std::move(found->second);
         } else {
             files_[path].state = state;
         }
+        files_[path].unusable = unusable;
     }
     paths_.reset();
     profiles_.clear();
@@ -80,8 +117,11 @@ const StoreSnapshot::File& StoreSnapshot::fileAt(const std::string& path) const 
     File& file = files_.at(path);
     if (!file.loaded) {
         file.loaded = true;
+        if (!file.unusable.empty()) {
+            return file;
+        }
         try {
-            file.text = readText(path);
+            file.text = readDocument(path, kMostBytes);
             file.read = true;
             file.whole = parseAsStored(file.text, file.content);
         } catch (const Error&) {
@@ -170,6 +210,14 @@ ApplyMode StoreSnapshot::applyMode() const {
 
 // ---- Files --------------------------------------------------------------------------------------
 
+std::vector<std::string> StoreSnapshot::documentPaths() const {
+    std::vector<std::string> paths;
+    for (const auto& [path, unread] : files_) {
+        paths.push_back(path);
+    }
+    return paths;
+}
+
 std::vector<std::string> StoreSnapshot::unreadable() const {
     std::vector<std::string> paths;
     for (const auto& [path, unread] : files_) {
@@ -185,14 +233,27 @@ std::string StoreSnapshot::unreadableText() const {
     return paths.empty() ? "" : counted(paths.size(), "file") + " cannot be read: " + listed(paths);
 }
 
+std::map<std::string, std::string> StoreSnapshot::unusable() const {
+    std::map<std::string, std::string> reasons;
+    for (const auto& [path, file] : files_) {
+        if (!file.unusable.empty()) {
+            reasons[path] = file.unusable;
+        }
+    }
+    return reasons;
+}
+
 std::map<std::string, std::string> StoreSnapshot::texts() const {
     std::map<std::string, std::string> texts;
     for (const auto& [path, unread] : files_) {
         const File& file = fileAt(path);
+        if (!file.unusable.empty()) {
+            continue;
+        }
         if (file.state.isRegular() && file.read) {
             texts[path] = file.text;
         } else if (file.state.isRegular()) {
-            texts[path] = readText(path);  // throws the reason
+            texts[path] = readDocument(path, kMostBytes);  // throws the reason
         }
     }
     return texts;

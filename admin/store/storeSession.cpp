@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <utility>
 
+#include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "tarnsdk.h"
@@ -55,6 +56,21 @@ bool isWholeFile(const std::string& path) {
     }
 }
 
+/// Throws Error for the files that nobody may open.
+void requireUsable(const StoreSnapshot& store) {
+    const std::map<std::string, std::string> unusable = store.unusable();
+    if (unusable.empty()) {
+        return;
+    }
+    std::vector<std::string> texts;
+    for (const auto& [path, reason] : unusable) {
+        texts.push_back(printable(path).append(" ").append(reason));
+    }
+    throw Error(ErrorKind::kSystem, "nothing was changed: " + boost::join(texts, ", ") + "; move " +
+                                        (texts.size() == 1 ? "it" : "them") + " out of " +
+                                        kProfileDir);
+}
+
 /// Removes what the library has left of documents that it was writing: under the store's lock, and
 /// unless a program without it is writing that document now.
 void removeUnfinished() {
@@ -89,12 +105,29 @@ StoreSession::StoreSession(Access access, LockTime time)
       lock_(access == Access::kChange ? std::make_unique<ToolLock>(kStoreLock, time_) : nullptr) {
     if (lock_) {
         undoInterruptedChange();
-    } else {
-        undoIfPossible();
+        requireUsable(snapshot_);
+        return;
+    }
+    undoIfPossible();
+    for (const auto& [path, reason] : snapshot_.unusable()) {
+        notes_.push_back(printable(path).append(" ").append(reason).append(": skipped"));
     }
 }
 
 StoreSession::~StoreSession() = default;
+
+void StoreSession::requireLibrary() {
+    const StoreSnapshot now;  // lists the files, and reads none
+    requireUsable(now);
+    for (const std::string& path : now.documentPaths()) {
+        awaitUnlocked(FW::getLockFile(path), time_);
+    }
+}
+
+void StoreSession::requireReload() {
+    requireLibrary();
+    awaitUnlocked(kReloadLock, time_);
+}
 
 bool StoreSession::change(const std::function<bool()>& write) {
     StoreTransaction transaction(*this, StoreTransaction::Extent::kOneDocument);
@@ -118,6 +151,7 @@ bool StoreSession::changeMany(const std::function<bool()>& write) {
 }
 
 bool StoreSession::deleteProfile(const std::string& name) {
+    requireLibrary();
     // Without copies: a deletion needs no space, and makes some.
     const bool deleted = FW::TARNFW_PROFILE().profileDelete(name) && flushProfileDir();
     snapshot_.refresh();
@@ -204,6 +238,12 @@ StoreTransaction::StoreTransaction(StoreSession& session, Extent extent)
     session_.refresh();  // programs that ignore the lock may have written
     before_ = session_.snapshot().texts();
     copyDocuments(before_);
+    try {
+        session_.requireLibrary();
+    } catch (const std::exception&) {
+        dropCopies();
+        throw;
+    }
     if (extent_ == Extent::kManyDocuments) {
         beginJournal(before_);
     }

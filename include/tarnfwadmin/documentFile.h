@@ -21,6 +21,10 @@ inline constexpr char kStandardInput[] = "-";
 /// read.
 std::string readText(const std::string& path);
 
+/// The same for a document of the store: only a regular file of at most `most` bytes, and without
+/// waiting for anything, whatever is at `path`.
+std::string readDocument(const std::string& path, off_t most);
+
 /// Parses a text like the library's store, including comments. False for invalid JSON
 /// document; `document` then holds what was read up to there.
 bool parseAsStored(const std::string& text, Json::Value& document);

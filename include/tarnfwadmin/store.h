@@ -77,11 +77,19 @@ public:
     /// Whether there is a "*.json" file.
     bool empty() const { return files_.empty(); }
 
+    /// The paths of all files, sorted.
+    std::vector<std::string> documentPaths() const;
+
     /// The paths of the files that cannot be read or are not JSON, sorted.
     std::vector<std::string> unreadable() const;
 
     /// "2 files cannot be read: ..."; empty if all can be read.
     std::string unreadableText() const;
+
+    /// The files among these that are never opened: what is no regular file, nor a link to one, and
+    /// what is larger than 64 MiB. Their paths, with the reason: "is a named pipe". The library
+    /// opens them and may wait for ever.
+    std::map<std::string, std::string> unusable() const;
 
     // ---- Profiles ----
 
@@ -135,10 +143,11 @@ public:
 
 private:
     struct File {
-        FW::FileState state;  ///< when the document was read
-        bool loaded = false;  ///< the rest says what was found
-        bool read = false;    ///< `text` is its content
-        bool whole = false;   ///< `content` is its document
+        FW::FileState state;   ///< when the document was read
+        std::string unusable;  ///< why the file is not opened; empty: it is
+        bool loaded = false;   ///< the rest says what was found
+        bool read = false;     ///< `text` is its content
+        bool whole = false;    ///< `content` is its document
         std::string text;
         Json::Value content;
     };

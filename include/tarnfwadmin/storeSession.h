@@ -59,7 +59,8 @@ public:
     /// truncated; the damaged file is kept beside its document with ".damaged" after its name. With
     /// kRead, undoes an interrupted change of many documents as well; where the lock for it is not
     /// free within 2 s, or the rights are missing, a note says so. Throws Error: kBusy without the
-    /// lock, kSystem where an interrupted change cannot be undone. `time` is what the session may
+    /// lock, kSystem where an interrupted change cannot be undone, and with kChange for a file that
+    /// StoreSnapshot::unusable() lists, which with kRead is a note. `time` is what the session may
     /// wait for locks, see lockTime().
     explicit StoreSession(Access access, LockTime time = LockTime());
     StoreSession(const StoreSession&) = delete;
@@ -70,6 +71,15 @@ public:
 
     /// The time that is left for locks, for all steps of the task.
     LockTime& lockTime() { return time_; }
+
+    /// To be called before an operation of the library that reads documents, outside a change:
+    /// throws Error, kSystem, for a file on which the library may wait for ever, and kBusy, which
+    /// names the holder, when another process keeps the lock of a document for longer than
+    /// lockTime().
+    void requireLibrary();
+
+    /// The same for an operation that takes the lock of a reload as well.
+    void requireReload();
 
     /// Reads files that have changed since, as after an operation of the library outside
     /// change().

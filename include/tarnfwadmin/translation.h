@@ -21,9 +21,9 @@ struct TracedLine {
     RulePlace place;     ///< the rule or default policy; no adapter: a line of every profile
 };
 
-/// The commands of a stored profile for an apply mode, as a reload makes them. Returns false,
-/// logged, when it cannot be translated.
-bool commandsFor(const std::string& profile, ApplyMode mode, Json::Value& commands);
+/// The commands of a profile for an apply mode, as a reload makes them. Returns false, logged, when
+/// it cannot be translated.
+bool commandsFor(const FW::FWPROFILE& profile, ApplyMode mode, Json::Value& commands);
 
 /// The lines that a reload of `profile` runs, in its order. Throws Error, with the rule,
 /// when the profile cannot be translated.

@@ -105,6 +105,12 @@ void writeFirstSettings(Context& context, bool filtersIpv6) {
 /// its generator of file names needs a profile to compare with, and would not return.
 void writeFirstProfile(bool filtersIpv6, const LockTime& time) {
     makeDirectory(kProfileDir);
+    // First without the lock: at boot a stopped command, or a file that is no document, must not
+    // keep the machine from its rules.
+    if (storeHasProfile(
+            Context(StoreSession::Access::kRead, std::make_unique<Machine>(), time).store())) {
+        return;
+    }
     Context context(StoreSession::Access::kChange, std::make_unique<Machine>(), time);
     if (storeHasProfile(context.store())) {
         return;

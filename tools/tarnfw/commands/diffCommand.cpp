@@ -89,7 +89,7 @@ public:
         : mode_(store.applyMode()),
           lines_(tracedLines(store.profile(""), mode_)),
           machine_(machine) {
-        if (!loadAtOnce(store.activeProfile())) {
+        if (!loadAtOnce(store.profile(""))) {
             loadLineByLine();
         }
     }
@@ -115,12 +115,12 @@ private:
         }
     }
 
-    bool loadAtOnce(const std::string& profile) {
+    bool loadAtOnce(const FW::FWPROFILE& profile) {
         Json::Value commands;
         if (!commandsFor(profile, mode_, commands)) {
             return false;
         }
-        const Progress progress("Loading the rules of \"" + profile + "\"");
+        const Progress progress("Loading the rules of \"" + profile.name + "\"");
         makeKernel();
         return std::all_of(std::begin(kFamilies), std::end(kFamilies), [&](const char* family) {
             const std::string text = FW::FW_BATCH().restoreText(commands, family);

@@ -41,7 +41,7 @@ Json::Value commandsOf(const std::string& wanted, ApplyMode mode) {
         context.store().requireProfile(profile);
     }
     Json::Value commands;
-    if (!commandsFor(profile, mode, commands)) {
+    if (!commandsFor(context.store().profile(profile), mode, commands)) {
         throw Error(ErrorKind::kInvalid, "profile " + inQuotes(profile) + " cannot be translated");
     }
     return commands;

@@ -20,6 +20,7 @@
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/translation.h"
 
 namespace tarnfw {
 namespace {
@@ -91,13 +92,14 @@ bool wasInterrupted(const std::vector<BaseFilter>& filters) {
 
 /// Whether the active profile has rules, none of which the kernel has. A profile that cannot be
 /// translated counts as well.
-bool isNothingInForce(const std::string& active, const std::vector<FilterState>& filters) {
+bool isNothingInForce(const StoreSnapshot& store, const std::vector<FilterState>& filters) {
     if (std::any_of(filters.begin(), filters.end(),
                     [](const FilterState& filter) { return filter.loadedRules > 0; })) {
         return false;
     }
     Json::Value commands;
-    if (!FW::TARNFW().fwIptablesRulesEnum(active, commands, true)) {
+    if (!store.hasProfile(store.activeProfile()) ||
+        !commandsFor(store.profile(""), ApplyMode::kLines, commands)) {
         return true;
     }
     return std::any_of(commands.begin(), commands.end(), [](const Json::Value& family) {
@@ -218,7 +220,7 @@ void status(bool json) {
     const bool modules = FW::TARN_IPTABLES_MODULES::isModuleLoad(kModuleUser);
     const std::optional<TrialState> trial = trialState(store);
     const bool interrupted = wasInterrupted(kernel);
-    const bool nothingInForce = enabled && isNothingInForce(active, filters);
+    const bool nothingInForce = enabled && isNothingInForce(store, filters);
     const char* const applyMode = applyModeName(store.applyMode());
 
     if (json) {

@@ -1,0 +1,141 @@
+// Sessions of the store: what they do not open, and how long they wait.
+#include "tarnfwadmin/storeSession.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "store_testing.h"
+#include "tarnfirewall/utils.h"
+#include "tarnfwadmin/descriptor.h"
+#include "tarnfwadmin/fileLock.h"
+#include "tarnfwadmin/process.h"
+
+namespace tarnfw {
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+const std::string kOther = std::string(kProfileDir) + "aa.json";
+
+/// What is among the profiles besides "home".
+struct FileCase {
+    const char* name;
+    std::function<void()> make;
+    const char* reason;
+};
+
+std::ostream& operator<<(std::ostream& out, const FileCase& c) {
+    return out << c.name;
+}
+
+const FileCase kFiles[] = {
+    {"NamedPipe", [] { EXPECT_EQ(mkfifo(kOther.c_str(), 0600), 0); }, "is a named pipe"},
+    {"LinkToADevice", [] { fs::create_symlink("/dev/zero", kOther); }, "is a link to a device"},
+    {"LinkToItself", [] { fs::create_symlink("aa.json", kOther); }, "is a link that leads nowhere"},
+    {"LinkToNothing", [] { fs::create_symlink("/no/file", kOther); },
+     "is a link that leads nowhere"},
+    {"Directory", [] { fs::create_directory(kOther); }, "is a directory"},
+    {"LargeFile",
+     [] {
+         writeFile(kOther, "{}");
+         fs::resize_file(kOther, 64 * 1024 * 1024 + 1);
+     },
+     "is larger than 64 MiB"},
+};
+
+class UnusableFileTest : public StoreTest, public testing::WithParamInterface<FileCase> {};
+
+TEST_P(UnusableFileTest, IsSkippedByASessionThatReads) {
+    GetParam().make();
+    StoreSession session(StoreSession::Access::kRead);
+    EXPECT_THAT(session.takeNotes(), ElementsAre(kOther + " " + GetParam().reason + ": skipped"));
+    EXPECT_THAT(session.snapshot().profileNames(), ElementsAre("home"));
+    EXPECT_THAT(session.snapshot().unreadable(), ElementsAre(kOther));
+    expectError(ErrorKind::kSystem,
+                "nothing was changed: " + kOther + " " + GetParam().reason + "; move it out of " +
+                    kProfileDir,
+                [&] { session.requireLibrary(); });
+}
+
+TEST_P(UnusableFileTest, EndsASessionThatMayChange) {
+    GetParam().make();
+    expectError(ErrorKind::kSystem,
+                "nothing was changed: " + kOther + " " + GetParam().reason + "; move it out of " +
+                    kProfileDir,
+                [] { const StoreSession session(StoreSession::Access::kChange); });
+}
+
+TEST_P(UnusableFileTest, EndsAChangeBeforeTheLibraryMeetsIt) {
+    StoreSession session(StoreSession::Access::kChange);
+    GetParam().make();
+    bool called = false;
+    EXPECT_TRUE(errorOf([&] { session.change([&] { return called = true; }); }));
+    EXPECT_TRUE(errorOf([&] { session.deleteProfile("home"); }));
+    EXPECT_FALSE(called);
+    EXPECT_TRUE(fs::exists(kHomeFile));
+}
+
+INSTANTIATE_TEST_SUITE_P(Store, UnusableFileTest, testing::ValuesIn(kFiles),
+                         [](const auto& c) { return std::string(c.param.name); });
+
+using StoreSessionTest = StoreTest;
+
+TEST_F(StoreSessionTest, ALinkToADocumentIsADocument) {
+    const std::string target = std::string(kProfileDir) + "elsewhere";
+    fs::rename(kHomeFile, target);
+    fs::create_symlink(target, kHomeFile);
+    StoreSession session(StoreSession::Access::kChange);
+    EXPECT_THAT(session.takeNotes(), IsEmpty());
+    const FW::FWPROFILE home = session.snapshot().profile("home");
+    session.storeProfile(home);
+    EXPECT_TRUE(session.snapshot().hasProfile("home"));
+}
+
+TEST_F(StoreSessionTest, WaitsOnceForAllLocksOfDocumentsAndNamesOne) {
+    StoreSession session(StoreSession::Access::kChange, LockTime(std::chrono::milliseconds(200)));
+    const Pipe ready;
+    const pid_t holder = startProcess("a process", [&] {
+        for (const std::string& path : session.snapshot().documentPaths()) {
+            const int file = open(FW::getLockFile(path).c_str(), O_RDWR);
+            struct flock range {};
+            range.l_type = F_WRLCK;
+            (void)fcntl(file, F_SETLK, &range);
+        }
+        (void)writeText(ready.writeEnd.get(), "1");
+        return pause();
+    });
+    char held = '0';
+    ASSERT_EQ(read(ready.readEnd.get(), &held, 1), 1);
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 2; ++i) {
+        bool called = false;
+        const auto error = errorOf([&] { session.changeMany([&] { return called = true; }); });
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->kind(), ErrorKind::kBusy);
+        EXPECT_THAT(error->what(),
+                    HasSubstr(".json.lock is locked by process " + std::to_string(holder) + " ("));
+        EXPECT_FALSE(called);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    (void)kill(holder, SIGKILL);
+    (void)waitStatusOf(holder);
+}
+
+}  // namespace
+}  // namespace tarnfw
