@@ -15,7 +15,7 @@ readonly kRunPackages=(iproute2 iptables mount netbase util-linux)
 readonly kTestPackages=(
     clang clang-format clang-tidy libclang-rt-dev libgmock-dev libgtest-dev
     doxygen git mandoc scdoc shellcheck
-    fish jq procps python3-jsonschema python3-pexpect strace zsh
+    e2fsprogs fish jq procps python3-jsonschema python3-pexpect strace xfsprogs zsh
 )
 
 # To count instructions.
