@@ -108,8 +108,14 @@ public:
     }
 
     bool become(const std::string& path, Existing existing) const {
-        return existing == Existing::kReplaced ? rename(name_.c_str(), path.c_str()) == 0
-                                               : link(name_.c_str(), path.c_str()) == 0;
+        return existing == Existing::kKept ? link(name_.c_str(), path.c_str()) == 0
+                                           : rename(name_.c_str(), path.c_str()) == 0;
+    }
+
+    /// False where that is not allowed; then the group at least, if that is.
+    bool giveTo(uid_t owner, gid_t group) const {
+        return file_ && (fchown(file_.get(), owner, group) == 0 ||
+                         fchown(file_.get(), static_cast<uid_t>(-1), group) == 0);
     }
 
 private:
@@ -195,7 +201,13 @@ std::string documentText(const Json::Value& document) {
 void writeFileAtomically(const std::string& path, const std::string& text, mode_t mode,
                          Existing existing) {
     const PassingFile file(path);
-    if (!file.write(text, mode) || !file.become(path, existing)) {
+    struct stat old {};
+    const bool alike = existing == Existing::kReplacedAlike && lstat(path.c_str(), &old) == 0 &&
+                       S_ISREG(old.st_mode);
+    const bool owned = alike && file.giveTo(old.st_uid, old.st_gid);
+    // A group that it cannot have gets no rights.
+    const mode_t oldMode = old.st_mode & (owned ? 0777U : 0707U);
+    if (!file.write(text, alike ? oldMode : mode) || !file.become(path, existing)) {
         throw Error(ErrorKind::kSystem,
                     "cannot write " + printable(path) + ": " + std::strerror(errno));
     }

@@ -182,6 +182,20 @@ bool putBack(const std::string& path) {
            std::rename(kPassingName, path.c_str()) == 0;
 }
 
+void keepMode(const std::string& path) {
+    struct stat copy {};
+    struct stat now {};
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+    if (!file || fstat(file.get(), &now) != 0 || stat(copyOf(path).c_str(), &copy) != 0 ||
+        (now.st_mode == copy.st_mode && now.st_uid == copy.st_uid && now.st_gid == copy.st_gid)) {
+        return;
+    }
+    if (fchown(file.get(), copy.st_uid, copy.st_gid) == 0) {
+        (void)fchmod(file.get(), copy.st_mode & kModeBits);
+    }
+    (void)fsync(file.get());
+}
+
 bool undoByJournal() {
     const std::optional<std::set<std::string>> listed = listedDocuments();
     if (!listed) {

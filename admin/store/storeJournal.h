@@ -37,6 +37,10 @@ bool undoByJournal();
 /// Replaces a document by its copy. False if that fails.
 bool putBack(const std::string& path);
 
+/// Gives the document the mode and the owner of its copy where it was deleted and written anew;
+/// both are then on the disk. What fails leaves a document for root alone.
+void keepMode(const std::string& path);
+
 /// The copy's path.
 std::string copyOf(const std::string& path);
 

@@ -1,6 +1,8 @@
 #include "tarnfwadmin/storeSession.h"
 
 #include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -18,6 +20,7 @@
 #include "tarnfirewall/utils.h"
 
 #include "store/storeJournal.h"
+#include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/text.h"
@@ -28,6 +31,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr mode_t kDirectoryMode = 0755;
+constexpr mode_t kPrivateMode = 0700;
 
 constexpr char kStoreLock[] = "store.lock";
 
@@ -90,6 +94,22 @@ void makeDirectory(const char* path) {
     if (TARNFSMkdirP(path, nullptr, 1, 0, 0, kDirectoryMode) < 0) {
         throw Error(ErrorKind::kSystem, std::string("cannot create the directory ") + path);
     }
+}
+
+void makeProfileDirectory() {
+    const fs::path directory = fs::path(kProfileDir).parent_path();
+    if (fs::exists(directory)) {
+        return;  // with the mode and the group that an administrator gave it
+    }
+    makeDirectory(directory.parent_path().c_str());
+    if (mkdir(directory.c_str(), kPrivateMode) != 0 ||
+        chmod(directory.c_str(), kPrivateMode) != 0) {
+        throw Error(ErrorKind::kSystem, std::string("cannot create the directory ") + kProfileDir);
+    }
+    // What is flushed in it is lost without its own name.
+    const Descriptor parent(
+        open(directory.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    (void)fsync(parent.get());  // some file systems cannot
 }
 
 // ---- Session ------------------------------------------------------------------------------------
@@ -267,6 +287,11 @@ void StoreTransaction::finish(bool refreshed) {
     open_ = false;
     if (!refreshed) {
         session_.refresh();
+    }
+    if (extent_ == Extent::kManyDocuments) {
+        for (const auto& [path, text] : before_) {
+            keepMode(path);
+        }
     }
     std::string failure;
     const std::vector<std::string> paths = damaged();

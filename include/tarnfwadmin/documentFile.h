@@ -37,8 +37,9 @@ std::vector<Finding> parseDocument(const std::string& text, Json::Value& documen
 /// A document as text, indented, in UTF-8.
 std::string documentText(const Json::Value& document);
 
-/// What happens to an existing file.
-enum class Existing { kKept, kReplaced };
+/// What happens to an existing file. With kReplacedAlike the new one gets its mode and group, and
+/// its owner where this process may give files away.
+enum class Existing { kKept, kReplaced, kReplacedAlike };
 
 /// Writes a file atomically: under another name beside it, flushed, then
 /// renamed, and the directory flushed. `mode` is set whatever the umask. Throws Error, kSystem,

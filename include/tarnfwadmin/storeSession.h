@@ -24,6 +24,10 @@ inline constexpr char kReloadLock[] = "/tmp/firewall_iptables_exec.lock";
 /// Creates a directory and its parents, if it is missing. Throws Error, kSystem.
 void makeDirectory(const char* path);
 
+/// Creates the profile directory, if it is missing, for root alone as the profiles are. Throws
+/// Error, kSystem.
+void makeProfileDirectory();
+
 /// A lock between the programs that use this library, held from construction to destruction.
 class ToolLock {
 public:

@@ -45,11 +45,11 @@ writes_one() {
 }
 
 rm -rf -- "$kProfileDirectory"
-umask 077 # not what it makes them with
+umask 0 # not what it makes them with
 step 'no directory: base up returns' base_up
 umask 022
 step 'no directory: there is one' [ -d "$kProfileDirectory" ]
-step 'no directory: others may look into it' [ "$(stat -c %a "$kProfileDirectory")" = 755 ]
+step 'no directory: it is for root alone' [ "$(stat -c %a "$kProfileDirectory")" = 700 ]
 step 'no directory: the profile and the settings are for root alone' [ \
     "$(find "$kProfileDirectory" -name '*.json' -printf '%m\n' | sort --unique)" = 600 ]
 step 'no directory: the settings are there, with apply mode "batch"' [ \

@@ -51,7 +51,7 @@ answers 0 export all.json
 silent
 prints <<<'2 profiles and the settings written to all.json'
 step 'the same document' cmp printed all.json
-step 'for all to read' [ "$(stat --format=%a all.json)" = 644 ]
+step 'for root alone' [ "$(stat --format=%a all.json)" = 600 ]
 answers 1 export all.json
 complains '^tarnfw: all.json already exists; --force replaces it$'
 printf 'mine\n' >mine

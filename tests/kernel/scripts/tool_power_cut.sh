@@ -12,11 +12,15 @@ cuts=8 # on each file system
 readonly kStep=9 # milliseconds later with each cut; the commands take up to 100
 readonly kDisk=/tmp/disk kCut=/tmp/disk_after_cut kStart=/tmp/store_at_start
 
-# attach IMAGE: a loop device for it, in $device.
-attach() {
+# mount_disk IMAGE FILE_SYSTEM [OPTION...]: as the profile directory. The loop device goes with the mount,
+# even that of a test that failed.
+mount_disk() {
+    local device
     device=$(losetup --find)
     [[ -e $device ]] || mknod "$device" b 7 "${device#/dev/loop}"
     losetup "$device" "$1"
+    mount -t "$2" "${@:3}" "$device" "$kProfileDirectory"
+    losetup --detach "$device"
 }
 
 # documents: the content of all documents below the profile directory.
@@ -34,10 +38,9 @@ reset() {
 # after_cut FILE_SYSTEM: mounts the copied disk in place of the other, lets a command that reads see it,
 # and leaves the documents in $found.
 after_cut() {
-    local options=() live=$device
+    local options=()
     [[ $1 != xfs ]] || options=(-o nouuid) # two disks with one identity
-    attach "$kCut"
-    mount -t "$1" "${options[@]}" "$device" "$kProfileDirectory"
+    mount_disk "$kCut" "$1" "${options[@]}"
     answers 0 profile list
     found=$(documents)
     [[ ! -e $kProfileDirectory/.change/documents ]] || fail 'the journal is still there'
@@ -45,8 +48,6 @@ after_cut() {
     step 'nothing is left' [ "$(find "$kProfileDirectory" -mindepth 1 ! -name '*.json' \
         ! -name lost+found)" = "" ]
     umount "$kProfileDirectory"
-    losetup --detach "$device"
-    device=$live
 }
 
 # cut_during MILLISECONDS ARGUMENT...: a power cut so long after the command began.
@@ -113,14 +114,12 @@ for kind in ext4 xfs; do
     rm -f -- "$kDisk"
     truncate --size=300M "$kDisk"
     "mkfs.$kind" -q "$kDisk"
-    attach "$kDisk"
-    mount -t "$kind" "$device" "$kProfileDirectory"
+    mount_disk "$kDisk" "$kind"
     for change in "${changes[@]}"; do
         # shellcheck disable=SC2086  # words
         cuts_of "$kind" $change
     done
     umount "$kProfileDirectory"
-    losetup --detach "$device"
     printf '%s: %d cuts during a change, %d of them left the store as before; %d right after one\n' \
         "$kind" "$during" "$before" "${#changes[@]}"
 done

@@ -104,7 +104,7 @@ void writeFirstSettings(Context& context, bool filtersIpv6) {
 /// Writes the first profile if there is none, and the settings with it. Not through the store:
 /// its generator of file names needs a profile to compare with, and would not return.
 void writeFirstProfile(bool filtersIpv6, const LockTime& time) {
-    makeDirectory(kProfileDir);
+    makeProfileDirectory();
     // First without the lock: at boot a stopped command, or a file that is no document, must not
     // keep the machine from its rules.
     if (storeHasProfile(

@@ -19,7 +19,7 @@
 namespace tarnfw {
 namespace {
 
-constexpr mode_t kFileMode = 0644;  // as that of the profiles
+constexpr mode_t kFileMode = 0600;  // as that of the profiles
 
 struct Options {
     std::string path;
@@ -62,7 +62,7 @@ void exportAll(const Options& options) {
         return;
     }
     writeFileAtomically(options.path, text, kFileMode,
-                        options.force ? Existing::kReplaced : Existing::kKept);
+                        options.force ? Existing::kReplacedAlike : Existing::kKept);
     std::cout << counted(document[kConfigProfiles].size(), "profile")
               << " and the settings written to " << printable(options.path) << '\n';
 }

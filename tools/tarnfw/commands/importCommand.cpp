@@ -399,7 +399,7 @@ std::optional<Imported> importInto(Context& context, const Json::Value& document
     }
     requireConsent(options);
     requireWayBackIn(context, options, current, document);
-    makeDirectory(kProfileDir);
+    makeProfileDirectory();
     std::string backup;
     if (!current[kConfigProfiles].empty()) {
         backup = keepBackup(current);
