@@ -1,35 +1,153 @@
 #include "tarnfwadmin/control.h"
 
+#include <syslog.h>
+
 #include <algorithm>
 #include <exception>
+#include <optional>
+#include <sstream>
 #include <utility>
 #include <vector>
 
+#include "tarnfirewall/fwIptables.h"
 #include "tarnfirewall/tarnFW.h"
+#include "tarnfirewall/tarnIptablesModule.h"
 
+#include "kernel/reloadGuard.h"
 #include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/ruleChange.h"
+#include "tarnfwadmin/scratchKernel.h"
 #include "tarnfwadmin/text.h"
+#include "tarnfwadmin/translation.h"
 
 namespace tarnfw {
 namespace {
+
+constexpr int kLockSeconds = 30;
+constexpr char kModulesOwner[] = "firewall";
+constexpr std::size_t kMostNamed = 3;  // refused lines in a message
 
 std::string applyingText(const StoreSession& session) {
     return "Applying the rules of " + inQuotes(session.snapshot().activeProfile());
 }
 
-/// What is in force after rules could not be applied: "the firewall is off now".
-std::string stateNow(StoreSession& session) {
-    session.refresh();  // a reload that failed may have disabled the firewall
-    if (!session.snapshot().firewallEnabled()) {
-        return "the firewall is off now";
+// ---- Before a reload ----
+
+/// Throws Error when the library cannot translate the profile.
+void requireTranslation(const FW::FWPROFILE& profile, ApplyMode mode,
+                        FW::TARNFW_IPTABLES_RULES& translation) {
+    Json::Value commands;
+    if (mode == ApplyMode::kBatch ? translation.fwRulesToBatchRules(
+                                        true, profile.rules, profile.adapterPolicyMap, commands, "")
+                                  : translation.fwRulesToIptablesRules(
+                                        true, profile.rules, profile.adapterPolicyMap, commands)) {
+        return;
     }
-    const std::vector<BaseFilter> filters = baseFilters();
-    const bool empty = std::all_of(filters.begin(), filters.end(), [](const BaseFilter& filter) {
-        return filter.loadedRules() == 0;
-    });
-    return empty ? "no rules are in force; the machine is open"
-                 : "the kernel still has the old rules";
+    if (translation.serviceCatalogue() == nullptr) {
+        throw Error(ErrorKind::kInvalid,
+                    "profile " + inQuotes(profile.name) +
+                        " cannot be translated: the service catalogue cannot be read");
+    }
+    (void)tracedLines(profile, mode);  // throws, with the rule
+    throw Error(ErrorKind::kInvalid, "profile " + inQuotes(profile.name) + " cannot be translated");
+}
+
+/// The rule or policy that a line comes from.
+std::string ownerOf(const TracedLine& line) {
+    if (line.place.adapter.empty()) {
+        return "a line of every profile";
+    }
+    return line.place.position > 0 ? placeText(line.place)
+                                   : "the default policy of " + line.place.adapter;
+}
+
+/// Throws Error for lines that this kernel refuses.
+void requireTaken(const FW::FWPROFILE& profile, const std::vector<RefusedLine>& refused) {
+    if (refused.empty()) {
+        return;
+    }
+    std::string text = "this kernel refuses " + counted(refused.size(), "line") + " of profile " +
+                       inQuotes(profile.name) + ": ";
+    for (std::size_t i = 0; i < std::min(refused.size(), kMostNamed); ++i) {
+        text += (i == 0 ? "" : "; ") + ownerOf(refused[i].line) + ", " +
+                inQuotes(refused[i].line.line) + ": " + refused[i].reason;
+    }
+    const TracedLine& first = refused.front().line;
+    throw Error(
+        ErrorKind::kRefused, text,
+        {"", "", first.place.position > 0 ? std::optional<RulePlace>(first.place) : std::nullopt});
+}
+
+/// Whether the modules of the firewall are now loaded that were not before.
+bool loadedModules() {
+    using FW::TARN_IPTABLES_MODULES;
+    return !TARN_IPTABLES_MODULES::isModuleLoad(kModulesOwner) &&
+           TARN_IPTABLES_MODULES::iptablesCoreModLoad(kModulesOwner) &&
+           TARN_IPTABLES_MODULES::moduleInsert(kModulesOwner, FW::FW_FIREWALL_MODULES);
+}
+
+void unloadModules() {
+    using FW::TARN_IPTABLES_MODULES;
+    const std::vector<std::string> modules(FW::FW_FIREWALL_MODULES.rbegin(),
+                                           FW::FW_FIREWALL_MODULES.rend());
+    (void)TARN_IPTABLES_MODULES::moduleRemove(kModulesOwner, modules);  // they log for themselves
+    (void)TARN_IPTABLES_MODULES::iptablesCoreModUnload(kModulesOwner);
+}
+
+/// Throws Error for a profile that this kernel does not take. A match may need a module that only
+/// the firewall's own loading provides.
+void requireKernelTakes(const FW::FWPROFILE& profile, FW::TARNFW_IPTABLES_RULES& translation) {
+    std::vector<RefusedLine> refused = refusedLines(profile, translation);
+    if (!refused.empty() && loadedModules()) {
+        refused = refusedLines(profile, translation);
+        if (!refused.empty()) {
+            unloadModules();
+        }
+    }
+    requireTaken(profile, refused);
+}
+
+// ---- After a reload ----
+
+/// Stores the rules for the next boot. When that fails the reload has succeeded all the same; old
+/// rules are then not to be taken for the last good ones.
+void keepAsLastGood(const SavedRules& rules) {
+    try {
+        storeLastGood(rules);
+    } catch (const Error& error) {
+        syslog(LOG_ERR, "%s", error.what());
+        forgetLastGood();
+    }
+}
+
+/// Empties the firewall's chains and disables it; in the process that the runner makes.
+bool disableLocked() {
+    const FileLock lock(kReloadLock, kLockSeconds);
+    if (!lock.held()) {
+        throw Error(ErrorKind::kBusy, std::string("nothing was changed: cannot lock ") +
+                                          kReloadLock + ": a reload is running or stopped");
+    }
+    const ReloadGuard guard(ReloadGuard::Lock::kHeld);
+    const bool stored = FW::TARNFW().fwDisable();
+    SavedRules left = guard.finish();
+    if (left.hasRules()) {
+        // The library does not look whether its commands succeed.
+        std::map<std::string, FamilyRules> families = left.withoutPolicies().families();
+        for (auto& [unused, own] : families) {
+            for (auto& [chain, rules] : own.chains) {
+                rules.clear();
+            }
+        }
+        SavedRules(families).putBack();
+        left = SavedRules::inKernel();
+    }
+    if (left.hasRules()) {
+        throw Error(ErrorKind::kSystem,
+                    "the firewall's chains are not empty: its rules are still in force");
+    }
+    forgetLastGood();
+    return stored;
 }
 
 }  // namespace
@@ -47,45 +165,108 @@ void Control::requireBase() {
     }
 }
 
+void Control::requireApplicable() {
+    const StoreSnapshot& store = session_.snapshot();
+    const FW::FWPROFILE& profile = store.profile("");
+    FW::TARNFW_IPTABLES_RULES translation;
+    requireTranslation(profile, store.applyMode(), translation);
+    if (store.applyMode() != ApplyMode::kLines) {
+        return;  // a batch changes nothing when a line is refused
+    }
+    try {
+        requireKernelTakes(profile, translation);
+    } catch (const Error& failure) {
+        if (failure.kind() != ErrorKind::kSystem) {
+            throw;
+        }
+        session_.note("the rules are not tried beforehand: " + std::string(failure.what()));
+    }
+}
+
+/// Runs an operation of the library that applies the active profile. Throws Error, with the rules
+/// and settings as before, when it fails.
+void Control::runGuarded(const std::string& failed, bool (*operation)()) {
+    const std::string what = applyingText(session_);
+    const bool wasEnabled = session_.snapshot().firewallEnabled();
+    const ReloadGuard guard;
+    std::optional<Error> failure;
+    try {
+        if (!run_(what, [&] {
+                if (!operation()) {
+                    return false;
+                }
+                keepAsLastGood(guard.finish());
+                return true;
+            })) {
+            failure.emplace(ErrorKind::kRefused, failed);
+        }
+    } catch (const Error& error) {
+        failure.emplace(error.kind(), failed + ": " + error.what());
+    } catch (const std::exception& error) {
+        failure.emplace(ErrorKind::kSystem, failed + ": " + reasonOf(error));
+    }
+    if (!failure) {
+        return;
+    }
+    session_.refresh();
+    throw Error(failure->kind(), failure->what() + ("; " + goBack(guard, wasEnabled)));
+}
+
+/// Puts back what was in force before, and returns what is in force now.
+std::string Control::goBack(const ReloadGuard& guard, bool wasEnabled) {
+    const bool isEnabled = session_.snapshot().firewallEnabled();
+    try {
+        if (isEnabled == wasEnabled && guard.isAsBefore()) {
+            guard.mend(wasEnabled);
+            return !wasEnabled                 ? "the firewall stays off"
+                   : guard.before().hasRules() ? "the kernel still has the old rules"
+                                               : "no rules are in force; the machine is open";
+        }
+        (void)run_("Restoring the rules that were in force", [&] {
+            if (isEnabled && !wasEnabled) {
+                (void)FW::TARNFW().fwDisable();  // looked at below
+            }
+            if (guard.isAsBefore()) {
+                guard.mend(wasEnabled);
+            } else {
+                guard.putBack();
+            }
+            if (wasEnabled && !isEnabled) {
+                Json::Value settings;
+                settings["status"] = true;
+                (void)FW::TARNFW().configSet(settings);  // looked at below
+            }
+            return true;
+        });
+    } catch (const std::exception& failure) {
+        return std::string("restoring the old rules failed, too: ") + reasonOf(failure);
+    }
+    session_.refresh();
+    if (session_.snapshot().firewallEnabled() != wasEnabled) {
+        return wasEnabled ? "the old rules are in force again, but the settings say disabled"
+                          : "no rules are in force, but the settings say enabled";
+    }
+    return wasEnabled ? "the old rules are in force again" : "the firewall stays off";
+}
+
 void Control::enable(Machine& machine, const std::function<void(const FW::FWPROFILE&)>& confirm) {
     requireBase();
     session_.requireReload();
     const FW::FWPROFILE& profile = session_.snapshot().profile("");
     requireValidProfile(profile, machine);
+    requireApplicable();
     if (confirm) {
         confirm(profile);
     }
-    const bool wasEnabled = session_.snapshot().firewallEnabled();
-    const std::string what = applyingText(session_);
-    bool applied = false;
-    try {
-        applied =
-            session_.change([&] { return run_(what, [] { return FW::TARNFW().fwEnable(); }); });
-    } catch (const Error& failure) {
-        enableFailed(failure, wasEnabled);
-    } catch (const std::exception& failure) {
-        enableFailed(Error(ErrorKind::kSystem, reasonOf(failure)), wasEnabled);
-    }
-    if (!applied) {
-        enableFailed(Error(ErrorKind::kRefused, "the rules could not be applied"), wasEnabled);
-    }
-}
-
-/// Disables a firewall again that was disabled.
-void Control::enableFailed(const Error& reason, bool wasEnabled) {
-    if (!wasEnabled && session_.snapshot().firewallEnabled()) {
-        disable();
-    }
-    throw Error(
-        reason.kind(),
-        reason.what() + (wasEnabled ? ": " + stateNow(session_) : "; the firewall stays off"),
-        reason.place(), reason.remedy());
+    (void)session_.change([&] {
+        runGuarded("the rules could not be applied", [] { return FW::TARNFW().fwEnable(); });
+        return true;
+    });
 }
 
 void Control::disable() {
-    if (!session_.change([this] {
-            return run_("Switching the firewall off", [] { return FW::TARNFW().fwDisable(); });
-        })) {
+    session_.requireReload();
+    if (!session_.change([this] { return run_("Switching the firewall off", disableLocked); })) {
         throw Error(ErrorKind::kSystem, "the firewall's settings cannot be written");
     }
 }
@@ -94,13 +275,21 @@ bool Control::apply() {
     if (!session_.snapshot().firewallEnabled()) {
         return false;
     }
+    const std::string failed = "the active profile was not applied";
     requireBase();
     session_.requireReload();
-    if (!run_(applyingText(session_), [] { return FW::TARNFW().fwReload(true); })) {
-        throw Error(ErrorKind::kRefused,
-                    "the active profile was not applied: " + stateNow(session_));
+    try {
+        requireApplicable();
+    } catch (const Error& failure) {
+        throw Error(failure.kind(), failed + ": " + failure.what() + "; nothing was changed",
+                    failure.place(), failure.remedy());
     }
+    runGuarded(failed, [] { return FW::TARNFW().fwReload(true); });
     return true;
+}
+
+void tidyBase(bool enabled) {
+    ReloadGuard().mend(enabled);
 }
 
 }  // namespace tarnfw

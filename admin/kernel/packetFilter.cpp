@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <future>
 #include <iterator>
 #include <sstream>
+#include <utility>
 
 #include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/error.h"
@@ -124,6 +126,21 @@ std::optional<RuleListing> PacketFilter::listPresent(const std::string& family,
                     programOf(family) + " cannot list the " + table + " table" + becauseOf(answer));
     }
     return std::nullopt;
+}
+
+std::map<std::string, RuleListing> PacketFilter::listFilters() const {
+    // Most of the time goes into the start of the programs.
+    std::future<std::optional<RuleListing>> second =
+        std::async(std::launch::async, [this] { return listPresent("v6", "filter"); });
+    std::map<std::string, RuleListing> listings;
+    const auto keep = [&](const char* family, std::optional<RuleListing> listing) {
+        if (listing) {
+            listings.emplace(family, std::move(*listing));
+        }
+    };
+    keep("v4", listPresent("v4", "filter"));
+    keep("v6", second.get());
+    return listings;
 }
 
 bool PacketFilter::isAbsent(const std::string& family) const {

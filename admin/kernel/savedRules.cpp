@@ -3,14 +3,16 @@
 #include <errno.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
-#include <future>
 #include <set>
 #include <sstream>
 #include <utility>
 
 #include <boost/algorithm/string/join.hpp>
+
+#include "tarnfirewall/fwTypes.h"
 
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/documentFile.h"
@@ -19,7 +21,6 @@
 namespace tarnfw {
 namespace {
 
-constexpr char kFilter[] = "filter";
 constexpr std::array kFamilies = {"v4", "v6"};
 constexpr mode_t kLastGoodMode = 0600;
 
@@ -107,18 +108,13 @@ FamilyRules rulesOfLines(const Json::Value& lines) {
 // ---- SavedRules ---------------------------------------------------------------------------------
 
 SavedRules SavedRules::inKernel(const PacketFilter& kernel) {
-    const auto listingOf = [&kernel](const char* family) {
-        return kernel.listPresent(family, kFilter);
-    };
-    // At once: most of the time goes into the start of the programs.
-    std::future<std::optional<RuleListing>> second =
-        std::async(std::launch::async, listingOf, kFamilies[1]);
-    const std::array listings = {listingOf(kFamilies[0]), second.get()};
+    return of(kernel.listFilters());
+}
+
+SavedRules SavedRules::of(const std::map<std::string, RuleListing>& listings) {
     SavedRules saved;
-    for (std::size_t i = 0; i < kFamilies.size(); ++i) {
-        if (listings[i]) {
-            saved.families_.emplace(kFamilies[i], ownPart(*listings[i]));
-        }
+    for (const auto& [family, listing] : listings) {
+        saved.families_.emplace(family, ownPart(listing));
     }
     return saved;
 }
@@ -134,6 +130,15 @@ SavedRules SavedRules::from(const Json::Value& document) {
         }
     }
     return saved;
+}
+
+bool SavedRules::hasRules() const {
+    return std::any_of(families_.begin(), families_.end(), [](const auto& family) {
+        const auto& chains = FW::FW_FIREWALL_CHAINS;
+        return std::any_of(chains.begin(), chains.end(), [&](const std::string& chain) {
+            return !family.second.rulesOf(chain).empty();
+        });
+    });
 }
 
 SavedRules SavedRules::withoutPolicies() const {

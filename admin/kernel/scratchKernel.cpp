@@ -7,8 +7,15 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <set>
 #include <sstream>
 #include <utility>
+
+#include "tarnfirewall/fwBatch.h"
+#include "tarnfirewall/fwIptables.h"
+#include "tarnfirewall/fwTypes.h"
 
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/error.h"
@@ -22,6 +29,36 @@ namespace {
 // of a scratch namespace, and a reload must not wait for it.
 constexpr char kLockVariable[] = "XTABLES_LOCKFILE";
 constexpr char kLockName[] = "/scratch_kernel.lock";
+
+constexpr std::array kFamilies = {"v4", "v6"};
+
+/// The table and chain where a line adds its rule: "-t filter -A INPUT_FIREWALL ...".
+std::pair<std::string, std::string> placeOf(const std::string& line) {
+    std::istringstream words(line);
+    std::string word;
+    std::string table;
+    std::string chain;
+    words >> word >> table >> word >> chain;
+    return {table, chain};
+}
+
+bool isForFirewall(const std::string& table, const std::string& chain) {
+    const auto& chains = FW::FW_FIREWALL_CHAINS;
+    return table == "filter" && std::find(chains.begin(), chains.end(), chain) != chains.end();
+}
+
+/// The families whose lines the kernel does not take as one text.
+std::vector<std::string> familiesRefused(const ScratchKernel& kernel, const Json::Value& commands) {
+    std::vector<std::string> refused;
+    for (const char* const family : kFamilies) {
+        const std::string text = FW::FW_BATCH().restoreText(commands, family);
+        if ((text.empty() || kernel.restore(family, text).status != 0) &&
+            !MachineKernel().isAbsent(family)) {
+            refused.emplace_back(family);
+        }
+    }
+    return refused;
+}
 
 }  // namespace
 
@@ -75,19 +112,19 @@ bool ScratchKernel::enter() const {
 }
 
 void ScratchKernel::setUpBase() const {
-    for (const char* const family : {"v4", "v6"}) {
-        const auto required = [&](const std::vector<std::string>& arguments) {
-            const ProgramAnswer answer = run(family, arguments);
-            if (answer.status != 0) {
-                throw Error(ErrorKind::kSystem,
-                            "no packet filter in a network namespace: " + oneLine(answer.errors));
-            }
-        };
-        for (const std::string& chain : wholeBase().chains) {
-            required({"-N", chain});
-        }
-        for (const auto& [chain, target] : wholeBase().jumps) {
-            required({"-A", chain, "-j", target});
+    std::string text = "*filter\n";
+    for (const std::string& chain : wholeBase().chains) {
+        text += ":" + chain + " - [0:0]\n";
+    }
+    for (const auto& [chain, target] : wholeBase().jumps) {
+        text += "-A " + chain + " -j " + target + "\n";
+    }
+    text += "COMMIT\n";
+    for (const char* const family : kFamilies) {
+        const ProgramAnswer answer = restore(family, text);
+        if (answer.status != 0 && !isAbsent(family)) {
+            throw Error(ErrorKind::kSystem,
+                        "no packet filter in a network namespace: " + oneLine(answer.errors));
         }
     }
 }
@@ -102,6 +139,51 @@ std::string ScratchKernel::load(const TracedLine& line) const {
     }
     const ProgramAnswer answer = run(line.family, words);
     return answer.status == 0 ? std::string() : oneLine(answer.errors);
+}
+
+void ScratchKernel::addChainsOf(const Json::Value& commands, const PacketFilter& machine) const {
+    std::set<std::array<std::string, 3>> places;
+    for (const char* const family : kFamilies) {
+        for (const Json::Value& lines : commands[family]) {
+            for (const Json::Value& line : lines) {
+                const auto [table, chain] = placeOf(line.asString());
+                if (!isForFirewall(table, chain)) {
+                    places.insert({family, table, chain});
+                }
+            }
+        }
+    }
+    for (const auto& [family, table, chain] : places) {
+        if (machine.run(family, {"-t", table, "-S", chain}).status == 0) {
+            (void)run(family, {"-t", table, "-N", chain});  // fails for a built-in one
+        }
+    }
+}
+
+// ---- Refused lines ------------------------------------------------------------------------------
+
+std::vector<RefusedLine> refusedLines(const FW::FWPROFILE& profile,
+                                      FW::TARNFW_IPTABLES_RULES& translation) {
+    Json::Value commands;
+    (void)translation.fwRulesToBatchRules(true, profile.rules, profile.adapterPolicyMap, commands,
+                                          "");  // a failure is one for each rule, below
+    const ScratchKernel kernel;
+    kernel.addChainsOf(commands, MachineKernel());
+    const std::vector<std::string> families = familiesRefused(kernel, commands);
+    std::vector<RefusedLine> refused;
+    if (families.empty()) {
+        return refused;
+    }
+    for (const TracedLine& line : tracedLines(profile, ApplyMode::kBatch)) {
+        if (std::find(families.begin(), families.end(), line.family) == families.end()) {
+            continue;
+        }
+        const std::string reason = kernel.load(line);
+        if (!reason.empty()) {
+            refused.push_back({line, reason});
+        }
+    }
+    return refused;
 }
 
 }  // namespace tarnfw

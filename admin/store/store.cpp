@@ -184,18 +184,32 @@ Json::Value StoreSnapshot::settings() const {
     if (!file.whole) {
         throw Error(ErrorKind::kSystem, "the settings cannot be read");
     }
+    if (!file.content.isObject()) {
+        throw Error(ErrorKind::kSystem,
+                    std::string("the settings are no JSON object: ") + kSettingsFile);
+    }
     return file.content;
 }
 
 bool StoreSnapshot::firewallEnabled() const {
     const Json::Value document = settings();
+    if (!document[kStatusKey].isConvertibleTo(Json::booleanValue)) {
+        throw Error(
+            ErrorKind::kSystem,
+            std::string("\"status\" of the settings is neither true nor false: ") + kSettingsFile);
+    }
     return document.isMember(kStatusKey) && document[kStatusKey].asBool();
 }
 
 std::string StoreSnapshot::activeProfile() const {
     const Json::Value document = settings();
     if (!document.isMember(kProfileKey)) {
-        throw Error(ErrorKind::kSystem, "the settings cannot be read");
+        throw Error(ErrorKind::kSystem,
+                    std::string("the settings name no profile: ") + kSettingsFile);
+    }
+    if (!document[kProfileKey].isConvertibleTo(Json::stringValue)) {
+        throw Error(ErrorKind::kSystem,
+                    std::string("\"profile\" of the settings is no name: ") + kSettingsFile);
     }
     return document[kProfileKey].asString();
 }

@@ -13,6 +13,7 @@
 namespace TARNFW_EXPORT_ALL tarnfw {
 
 class Machine;
+class ReloadGuard;
 
 /// Runs `work`, an operation of the library, to its end and returns its result. `what` is for a
 /// person who waits: "Applying the rules of "home"". Throws what the work throws, and Error,
@@ -26,6 +27,15 @@ bool runHere(const std::string& what, const std::function<bool()>& work);
 
 /// Control of the firewall for one task. Uses the session, which must outlive it; after each
 /// operation the session has the store as it is then.
+///
+/// An operation that applies rules looks first whether they can be applied: the active profile is
+/// read and translated and, in apply mode "lines", where the library leaves out what the kernel
+/// does not take, loaded into a scratch kernel. After an error the rules and the settings are as
+/// before, also when it comes from the library's own reload. Policies of INPUT and FORWARD that
+/// others have set stay, and the firewall's two jumps in each of these chains come first. What is
+/// then in force is stored, see lastGoodRules().
+///
+/// A signal that ends this process between the steps may leave a change half made: block signals.
 class Control {
 public:
     explicit Control(StoreSession& session, Runner run = runHere);
@@ -36,30 +46,43 @@ public:
     /// kernel's rules once: later calls, and those of the operations below, return at once.
     void requireBase();
 
+    /// Throws Error when the active profile cannot be applied, without applying it: kNotFound,
+    /// kSystem or kInvalid for one that cannot be read or translated, kRefused for one that this
+    /// kernel does not take in apply mode "lines". Where the system does not allow a scratch
+    /// kernel, a note of the session says so.
+    void requireApplicable();
+
     /// Enables the firewall and applies the active profile. The session may change the store.
     /// `confirm` is called with the active profile when that is valid, and may throw to stop.
-    /// Throws Error: kNotFound or kInvalid for an active profile that is not there or not valid and
-    /// kSystem without the base filter, with nothing changed; kRefused when the rules could not be
-    /// applied, or what the runner throws: a firewall that was disabled is disabled again.
+    /// Throws Error: as requireApplicable(), kInvalid for an invalid profile and kSystem without
+    /// the base filter, with nothing changed; kRefused when the rules could not be applied, or what
+    /// the runner throws: a firewall that was disabled is disabled again.
     void enable(Machine& machine, const std::function<void(const FW::FWPROFILE&)>& confirm = {});
 
-    /// Empties the firewall's chains and disables it. The session may change the store. Throws
-    /// Error, kSystem, when the settings cannot be written; the chains are empty then.
+    /// Empties the firewall's chains and disables it, under the lock of a reload. The session may
+    /// change the store. Throws Error: kBusy without the lock, with nothing changed; kSystem when
+    /// the settings cannot be written, with the chains empty, or when chains are not empty.
     void disable();
 
     /// Applies the active profile, and returns true. While the firewall is disabled it does nothing
-    /// and returns false. The profile is not checked: in the apply mode "lines" the library leaves
-    /// out what the kernel does not take, see requireValidProfile(). Throws Error: kSystem without
-    /// the base filter, with nothing changed; kRefused, with what is in force now, when the rules
-    /// could not be applied.
+    /// and returns false. Throws Error: as requireApplicable(), and kSystem without the base
+    /// filter, with nothing changed; kRefused, with what is in force now, when the rules could not
+    /// be applied.
     bool apply();
 
 private:
-    [[noreturn]] void enableFailed(const Error& reason, bool wasEnabled);
+    void runGuarded(const std::string& failed, bool (*operation)());
+    std::string goBack(const ReloadGuard& guard, bool wasEnabled);
 
     StoreSession& session_;
     Runner run_;
     bool baseSeen_ = false;
 };
+
+/// Makes the base filter ready for rules, under the lock of a reload: puts the firewall's own jumps
+/// first in INPUT and FORWARD, and ends what a killed reload left there. `enabled` is the settings'
+/// status; a disabled firewall has no rules to put back. Throws Error: kBusy without the lock,
+/// kSystem when the kernel cannot be changed.
+void tidyBase(bool enabled);
 
 }  // namespace tarnfw

@@ -52,6 +52,9 @@ public:
     std::optional<RuleListing> listPresent(const std::string& family,
                                            const std::string& table) const;
 
+    /// The filter tables of the families that the machine has, listed at the same time.
+    std::map<std::string, RuleListing> listFilters() const;
+
     /// Whether the machine lacks the family altogether: there is no such program, or the kernel has
     /// no such table. IPv4 is never absent: without it nothing filters, which is an error.
     bool isAbsent(const std::string& family) const;

@@ -30,10 +30,16 @@ public:
     /// family that the machine has cannot be listed.
     static SavedRules inKernel(const PacketFilter& kernel = MachineKernel());
 
+    /// Those in listings of the filter table, by family.
+    static SavedRules of(const std::map<std::string, RuleListing>& listings);
+
     /// Those of a document, see document(). Throws Error, kInvalid, for one of another shape.
     static SavedRules from(const Json::Value& document);
 
     const std::map<std::string, FamilyRules>& families() const { return families_; }
+
+    /// Whether one of the firewall's two chains has a rule.
+    bool hasRules() const;
 
     /// The same with no policies: putting them back leaves the kernel's as they are.
     SavedRules withoutPolicies() const;

@@ -5,6 +5,9 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
+
+#include "tarnfirewall/fwIptables.h"
 
 #include "tarnfirewall/fwExport.h"
 
@@ -27,6 +30,10 @@ public:
     /// tool's own words.
     std::string load(const TracedLine& line) const;
 
+    /// Adds the chains that a command document puts rules into besides the firewall's own, as far
+    /// as `machine` has them.
+    void addChainsOf(const Json::Value& commands, const PacketFilter& machine) const;
+
 private:
     bool enter() const override;
     void setUpBase() const;
@@ -36,5 +43,19 @@ private:
     Descriptor pidfd_;   // the same, as setns() wants it
     Descriptor hold_;    // a pipe; the process ends when it is closed
 };
+
+/// A line that a kernel refused.
+struct RefusedLine {
+    TracedLine line;
+    std::string reason;  ///< the tool's own words
+};
+
+/// The lines of a profile that a scratch kernel refuses; those of a family that this machine does
+/// not have are left out. Loads all of them at once, and each alone only when that fails. Lines
+/// that apply mode "lines" makes although they cannot be used are not among them: see
+/// fwRulesToBatchRules(). Throws Error, with the rule, when the profile cannot be translated, and
+/// as the constructor of ScratchKernel.
+std::vector<RefusedLine> refusedLines(const FW::FWPROFILE& profile,
+                                      FW::TARNFW_IPTABLES_RULES& translation);
 
 }  // namespace tarnfw

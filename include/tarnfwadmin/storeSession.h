@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tarnfirewall/fwExport.h"
@@ -113,6 +114,9 @@ public:
 
     /// Lets other programs change the store; the snapshot stays. Afterwards nothing may be changed.
     void unlock() { lock_.reset(); }
+
+    /// Adds a message for a person.
+    void note(std::string text) { notes_.push_back(std::move(text)); }
 
     /// The messages for a person since the last call, one line each.
     std::vector<std::string> takeNotes();

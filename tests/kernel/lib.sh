@@ -211,16 +211,20 @@ readonly kPaused=/tmp/paused     # read to wait until it does
 readonly kResume=/tmp/resume     # written to let it go on
 
 # Replaces iptables and ip6tables with a wrapper that records the commands that change the filter,
-# and pauses on request.
+# and pauses on request. Their companions, such as iptables-restore, stay as they are.
 wrap_iptables() {
-    local program=/usr/sbin/xtables-$variant-multi
+    local program=/usr/sbin/xtables-$variant-multi tool
     mkdir /tmp/wrapped
-    cp -- "$program" /tmp/wrapped/iptables
-    cp -- "$program" /tmp/wrapped/ip6tables
+    for tool in {iptables,ip6tables}{,-save,-restore}; do
+        cp -- "$program" "/tmp/wrapped/$tool"
+    done
     mkfifo "$kPaused" "$kResume"
     : >"$kCommands"
     cat >/tmp/wrapper <<END
 #!/bin/sh
+case \${0##*/} in
+*-restore | *-save) exec "/tmp/wrapped/\${0##*/}" "\$@" ;;
+esac
 command="\${0##*/} \$*"
 case \$command in
 # A listing does not wait for a command that is paused and whose caller holds the lock of iptables.

@@ -3,6 +3,7 @@
 ///     rules_probe lines FILE               fwClear() and fwExec() of a command document
 ///     rules_probe batch FILE               FW_BATCH::apply() of one; status 1 when it refuses
 ///     rules_probe closed                   closes the machine as a reload in "lines" does
+///     rules_probe reload                   reloads as other programs do, without the tool's checks
 ///     rules_probe save                     prints the rules of the firewall's chains
 ///     rules_probe put-back FILE            puts them into the kernel again
 ///     rules_probe hup                      TARNFwRuleHup(), as a service of the system calls it
@@ -344,6 +345,9 @@ int run(const Texts& words) {
     }
     if (command == "closed" && words.size() == 1) {
         return FW::TARNFW().fwDefaultDrop() ? EXIT_SUCCESS : EXIT_FAILURE;
+    }
+    if (command == "reload" && words.size() == 1) {
+        return FW::TARNFW().fwReload(true) ? EXIT_SUCCESS : EXIT_FAILURE;
     }
     if (command == "save" && words.size() == 1) {
         std::cout << tarnfw::SavedRules::inKernel().document() << '\n';

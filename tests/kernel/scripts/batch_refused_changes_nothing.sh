@@ -108,8 +108,10 @@ iptables -F INPUT_FIREWALL
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 use_profile refused_line_is_left_out
 sed -i 's/"status": false/"status": true/' "$kSettings" # "enable" refuses a profile with errors
-step 'a reload line by line puts the rest in force' tarnfw reload
 everything >"$out/old"
+refuses 'a reload line by line' tarnfw reload 2>"$out/log"
+step 'the log names rule and port' grep --quiet 'rule 2 of eth0.*99999' "$out/log"
+step 'nothing has changed' unchanged
 choose_apply batch
 refuses 'a reload in apply mode "batch"' tarnfw reload 2>"$out/log"
 step 'nothing has changed' unchanged

@@ -14,10 +14,8 @@ first=$!
 await_pause
 "$build/tools/tarnfw/tarnfw" reload &
 second=$!
-# It waits for the lock once the process that does its work sleeps, and not because of a command of its
-# own.
-until worker=$(pgrep --parent "$second") && [[ $(ps -o stat= -p "$worker") != [RD]* ]] &&
-    ! pgrep --parent "$worker" >/dev/null; do
+# Nothing but a lock makes it pause.
+until [[ $(<"/proc/$second/wchan") == *nanosleep* ]]; do
     :
 done
 step 'the second has run nothing' [ "$(cut -d ' ' -f 1 "$kCommands" | uniq | wc -l)" = 1 ]

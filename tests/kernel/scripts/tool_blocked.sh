@@ -181,10 +181,10 @@ print(json.dumps({
     },
 }))
 END
-# A profile with a port that is none is not enabled, but it can be reloaded.
+# A profile with a port that is none is not enabled, nor reloaded by the tool.
 tarnfw enable 2>"$out/complaint"
 sed -i 's/"global_rules_first"/"mixture"/' "$kSettings"
-tarnfw reload 2>"$out/complaint"
+rules_probe reload 2>"$out/complaint"
 
 ports=(22 7001 7002 7003 7004 7005 7006 7007 7008 7009 7010 7011 7012)
 serve "${ports[@]/#/tcp/}" udp/7004 udp/7006 udp/7010

@@ -24,7 +24,9 @@ counted() {
     LD_PRELOAD=$build/tests/kernel/libopen_probe.so OPEN_PROBE=$kOpened answers "$@"
     store=$(most tool /usr/tarn/etc/firewall.d/)
     catalogue=$(most '[a-z]*' '/usr/tarn/etc[a-z.]*/services.d/')
-    [[ " $* " != *' --reload '* ]] || ((mostCatalogue += 1)) # the reload itself
+    # The reload itself, and the look at it beforehand.
+    [[ " $* " != *' --reload '* ]] || ((mostCatalogue += 2))
+    [[ $2 != enable && $2 != reload ]] || ((mostCatalogue += 1))
     total=$(grep --count '^[tl].*/firewall.d/' "$kOpened" || true)
     runs=$(grep --count '^run' "$kOpened" || true)
     printf '%-40s %5s %5s %5s %5s\n' "${*:2}" "$store" "$catalogue" "$total" "$runs" | tee -a "$kTable"

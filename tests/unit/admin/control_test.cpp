@@ -26,6 +26,7 @@ using testing::StartsWith;
 
 constexpr char kApplying[] = "Applying the rules of \"home\"";
 constexpr char kSwitchingOff[] = "Switching the firewall off";
+constexpr char kRestoring[] = "Restoring the rules that were in force";
 
 // What the kernel has, and the listings that were asked for.
 constexpr char kListing[] = "/tmp/listing";
@@ -123,7 +124,7 @@ TEST_F(ControlTest, EnableThatFailsDisablesAgain) {
     next(leaving(false, true));
     expectError(ErrorKind::kRefused, "the rules could not be applied; the firewall stays off",
                 [this] { enable(); });
-    EXPECT_THAT(run_, ElementsAre(kApplying, kSwitchingOff));
+    EXPECT_THAT(run_, ElementsAre(kApplying, kRestoring));
     EXPECT_FALSE(enabled());
 }
 
@@ -139,7 +140,7 @@ TEST_F(ControlTest, EnableThatFailsLeavesAnEnabledFirewallEnabled) {
     kernelHas(std::string(kChains) + kJumps + kRule);
     next(leaving(true, false));
     expectError(ErrorKind::kRefused,
-                "the rules could not be applied: the kernel still has the old rules",
+                "the rules could not be applied; the kernel still has the old rules",
                 [this] { enable(); });
     EXPECT_THAT(run_, ElementsAre(kApplying));
     EXPECT_TRUE(enabled());
@@ -150,12 +151,16 @@ TEST_F(ControlTest, WhatTheRunnerThrowsKeepsItsKind) {
         throw Error(ErrorKind::kBusy, "another one runs");
         return false;
     });
-    expectError(ErrorKind::kBusy, "another one runs; the firewall stays off", [this] { enable(); });
+    expectError(ErrorKind::kBusy,
+                "the rules could not be applied: another one runs; the firewall stays off",
+                [this] { enable(); });
     next([] {
         throw std::runtime_error("no memory");
         return false;
     });
-    expectError(ErrorKind::kSystem, "no memory; the firewall stays off", [this] { enable(); });
+    expectError(ErrorKind::kSystem,
+                "the rules could not be applied: no memory; the firewall stays off",
+                [this] { enable(); });
     EXPECT_FALSE(enabled());
 }
 
@@ -240,23 +245,47 @@ TEST_F(ControlTest, ApplyRunsTheReload) {
 
 TEST_F(ControlTest, ApplyThatFailsSaysWhatIsInForce) {
     struct {
-        bool enabledAfter;
         const char* rules;
         const char* state;
     } const cases[] = {
-        {true, kRule, "the kernel still has the old rules"},
-        {true, "", "no rules are in force; the machine is open"},
-        {false, "", "the firewall is off now"},
+        {kRule, "the kernel still has the old rules"},
+        {"", "no rules are in force; the machine is open"},
     };
     for (const auto& c : cases) {
         writeSettings(true);
         kernelHas(std::string(kChains) + kJumps + c.rules);
-        next(leaving(c.enabledAfter, false));
+        next(leaving(true, false));
         expectError(ErrorKind::kRefused,
-                    std::string("the active profile was not applied: ") + c.state,
+                    std::string("the active profile was not applied; ") + c.state,
                     [this] { apply(); });
     }
-    EXPECT_THAT(run_, ElementsAre(kApplying, kApplying, kApplying));
+    EXPECT_THAT(run_, ElementsAre(kApplying, kApplying));
+}
+
+TEST_F(ControlTest, ApplyThatFailsRestoresRulesAndSettings) {
+    writeSettings(true);
+    kernelHas(std::string(kChains) + kJumps + kRule);
+    next([] {
+        kernelHas(std::string(kChains) + kJumps);
+        writeSettings(false);
+        return false;
+    });
+    next(leaving(true, true));
+    expectError(ErrorKind::kRefused,
+                "the active profile was not applied; the old rules are in force again",
+                [this] { apply(); });
+    EXPECT_THAT(run_, ElementsAre(kApplying, kRestoring));
+    EXPECT_TRUE(enabled());
+}
+
+TEST_F(ControlTest, ApplyNeedsAProfileThatCanBeTranslated) {
+    writeSettings(true);
+    writeDocument(kHomeFile, profile({rule(R"({"policy": 7})")}));
+    const auto error = errorOf([this] { apply(); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->kind(), ErrorKind::kInvalid);
+    EXPECT_THAT(error->what(), testing::EndsWith("; nothing was changed"));
+    EXPECT_THAT(run_, IsEmpty());
 }
 
 TEST_F(ControlTest, ApplyNeedsTheBase) {
@@ -267,14 +296,11 @@ TEST_F(ControlTest, ApplyNeedsTheBase) {
 }
 
 TEST_F(ControlTest, TheBaseIsLookedAtOnce) {
-    writeSettings(true);
-    next(leaving(true, true));
     with([](Control& control) {
         control.requireBase();
         const std::size_t first = listings();
         EXPECT_GT(first, 0U);
         control.requireBase();
-        EXPECT_TRUE(control.apply());
         EXPECT_EQ(listings(), first);
     });
 }

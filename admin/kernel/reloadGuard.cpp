@@ -1,0 +1,244 @@
+#include "kernel/reloadGuard.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/documentFile.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/fileLock.h"
+#include "tarnfwadmin/storeSession.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr int kLockSeconds = 30;
+
+// The state before a reload, while it is running.
+constexpr char kRunningReload[] = "/run/tarn/reload.json";
+constexpr mode_t kPrivateMode = 0600;
+
+using Jump = std::pair<std::string, std::string>;
+
+/// Makes a text for one commit of the filter table.
+std::string transaction(const std::string& lines) {
+    return "*filter\n" + lines + "COMMIT\n";
+}
+
+void commit(const std::string& family, const std::string& lines) {
+    if (lines.empty()) {
+        return;
+    }
+    const ProgramAnswer answer = MachineKernel().restore(family, transaction(lines));
+    if (answer.status != 0) {
+        throw Error(ErrorKind::kSystem, "the " + titleOf(family) +
+                                            " filter cannot be changed: " + oneLine(answer.errors));
+    }
+}
+
+/// The lock of a reload, unless the caller has it.
+std::unique_ptr<FileLock> taken(ReloadGuard::Lock lock) {
+    if (lock == ReloadGuard::Lock::kHeld) {
+        return nullptr;
+    }
+    auto file = std::make_unique<FileLock>(kReloadLock, kLockSeconds);
+    if (!file->held()) {
+        throw Error(ErrorKind::kBusy, std::string("cannot lock ") + kReloadLock +
+                                          ": another reload is running or stopped");
+    }
+    return file;
+}
+
+// ---- What a killed reload leaves ----
+
+bool hasReloadingRules(const RuleListing& listing) {
+    return !listing.rulesOf(kReloadingChain).empty();
+}
+
+/// Whether the family is closed as during a reload in apply mode "lines".
+bool isClosed(const RuleListing& listing) {
+    const std::vector<std::string>& rules = listing.rulesOf(kReloadingChain);
+    return (listing.hasPolicy("INPUT", "DROP") || listing.hasPolicy("FORWARD", "DROP")) &&
+           std::any_of(rules.begin(), rules.end(), [](const std::string& rule) {
+               return rule.find("ESTABLISHED") != std::string::npos;
+           });
+}
+
+/// The state before a reload that was killed; nothing when none was, or when it did not change the
+/// policies.
+std::optional<SavedRules> beforeKilledReload(const std::map<std::string, RuleListing>& found) {
+    if (access(kRunningReload, F_OK) != 0) {
+        return std::nullopt;
+    }
+    Json::Value document;
+    try {
+        if (!parseAsStored(readText(kRunningReload), document)) {
+            return std::nullopt;
+        }
+        SavedRules before = SavedRules::from(document);
+        const bool closedSince = std::any_of(found.begin(), found.end(), [&](const auto& family) {
+            const auto old = before.families().find(family.first);
+            return old != before.families().end() &&
+                   std::any_of(old->second.policies.begin(), old->second.policies.end(),
+                               [&](const auto& policy) {
+                                   return policy.second != "DROP" &&
+                                          family.second.hasPolicy(policy.first, "DROP");
+                               });
+        });
+        return closedSince ? std::optional(std::move(before)) : std::nullopt;
+    } catch (const Error&) {
+        return std::nullopt;  // truncated by a kill as well
+    }
+}
+
+/// The rules, with the policies ACCEPT.
+SavedRules opened(const SavedRules& rules) {
+    std::map<std::string, FamilyRules> families = rules.families();
+    for (auto& [unused, own] : families) {
+        own.policies = {{"INPUT", "ACCEPT"}, {"FORWARD", "ACCEPT"}};
+    }
+    return SavedRules(std::move(families));
+}
+
+/// The same rules without any in FIREWALL_RELOADING.
+SavedRules withoutReloading(const SavedRules& rules) {
+    std::map<std::string, FamilyRules> families = rules.families();
+    for (auto& [unused, own] : families) {
+        if (own.has(kReloadingChain)) {
+            own.chains[kReloadingChain].clear();
+        }
+    }
+    return SavedRules(std::move(families));
+}
+
+std::optional<SavedRules> readableLastGood() {
+    try {
+        return lastGoodRules();
+    } catch (const Error&) {
+        return std::nullopt;
+    }
+}
+
+// ---- The jumps ----
+
+bool isJump(const std::string& rule, const Jump& jump) {
+    return rule == "-A " + jump.first + " -j " + jump.second;
+}
+
+/// The lines that put a chain's two jumps of the firewall ahead of all other rules; none when they
+/// are there. In one commit there is no moment without them.
+std::string linesToLead(const RuleListing& listing, const std::string& chain) {
+    std::vector<Jump> jumps;
+    for (const Jump& jump : wholeBase().jumps) {
+        if (jump.first == chain) {
+            jumps.push_back(jump);
+        }
+    }
+    const std::vector<std::string>& rules = listing.rulesOf(chain);
+    bool leads = rules.size() >= jumps.size();
+    std::string lines;
+    for (std::size_t i = 0; i < jumps.size(); ++i) {
+        const auto times = std::count_if(rules.begin(), rules.end(), [&](const std::string& rule) {
+            return isJump(rule, jumps[i]);
+        });
+        if (times == 0) {
+            return "";  // without the base filter nothing is applied
+        }
+        leads = leads && times == 1 && isJump(rules[i], jumps[i]);
+        for (auto left = times; left > 0; --left) {
+            lines += "-D " + chain + " -j " + jumps[i].second + "\n";
+        }
+    }
+    for (std::size_t i = 0; i < jumps.size(); ++i) {
+        lines += "-I " + chain + " " + std::to_string(i + 1) + " -j " + jumps[i].second + "\n";
+    }
+    return leads ? "" : lines;
+}
+
+}  // namespace
+
+// ---- ReloadGuard --------------------------------------------------------------------------------
+
+ReloadGuard::ReloadGuard(Lock lock) : lock_(lock) {
+    const auto held = taken(lock_);
+    const std::map<std::string, RuleListing> found = MachineKernel().listFilters();
+    read(found);
+    for (const auto& [family, listing] : found) {
+        std::string lines = linesToLead(listing, "INPUT") + linesToLead(listing, "FORWARD");
+        if (hasReloadingRules(listing) && !isClosed(listing)) {
+            lines += std::string("-F ") + kReloadingChain + "\n";
+        }
+        commit(family, lines);
+    }
+    makeDirectory(kRunDir);
+    writeFileAtomically(kRunningReload, documentText(before_.document()), kPrivateMode,
+                        Existing::kReplaced);
+}
+
+void ReloadGuard::read(const std::map<std::string, RuleListing>& found) {
+    const SavedRules now = SavedRules::of(found);
+    const bool closed = std::any_of(found.begin(), found.end(),
+                                    [](const auto& family) { return isClosed(family.second); });
+    if (std::optional<SavedRules> known = beforeKilledReload(found)) {
+        before_ = std::move(*known);
+    } else if (!closed) {
+        before_ = withoutReloading(now);
+    } else if (const std::optional<SavedRules> good = readableLastGood()) {
+        before_ = opened(withoutReloading(*good));
+    } else {
+        before_ = now;
+        leftClosed_ = true;
+    }
+}
+
+SavedRules ReloadGuard::finish() const {
+    const auto held = taken(lock_);
+    const SavedRules before = leftClosed_ ? opened(before_) : before_;
+    const std::map<std::string, RuleListing> now = MachineKernel().listFilters();
+    for (const auto& [family, listing] : now) {
+        std::string lines;
+        if (hasReloadingRules(listing)) {
+            lines += std::string("-F ") + kReloadingChain + "\n";
+        }
+        const auto old = before.families().find(family);
+        if (old != before.families().end()) {
+            for (const auto& [chain, policy] : old->second.policies) {
+                lines +=
+                    listing.hasPolicy(chain, policy) ? "" : ":" + chain + " " + policy + " [0:0]\n";
+            }
+        }
+        commit(family, lines);
+    }
+    (void)unlink(kRunningReload);
+    return withoutReloading(SavedRules::of(now));
+}
+
+void ReloadGuard::putBack() const {
+    std::unique_ptr<FileLock> held;
+    if (lock_ == Lock::kTake) {
+        held = std::make_unique<FileLock>(kReloadLock, kLockSeconds);
+    }
+    before_.putBack();  // without the lock, too: each family is one commit
+    (void)unlink(kRunningReload);
+}
+
+void ReloadGuard::mend(bool enabled) const {
+    if (!enabled) {
+        (void)finish();
+    } else if (!leftClosed_ && !isAsBefore()) {
+        putBack();
+    } else {
+        (void)unlink(kRunningReload);
+    }
+}
+
+bool ReloadGuard::isAsBefore() const {
+    return SavedRules::inKernel() == before_;
+}
+
+}  // namespace tarnfw

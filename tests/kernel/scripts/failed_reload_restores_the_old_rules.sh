@@ -1,0 +1,43 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# If the library's own reload fails or is killed, the rules and the settings of before are put back.
+make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
+
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+# killed COMMAND: ends with an error when the process that reloads is killed in its middle.
+killed() {
+    local status=0 reloading
+    pause_at 'ip6tables *-A INPUT_FIREWALL *'
+    tarnfw "$@" >"$out/answer" 2>"$out/complaint" &
+    tool=$!
+    await_pause
+    read -r reloading _ < <(tail -n 1 "$kCommands")
+    kill -KILL "$reloading"
+    resume
+    wait "$tool" || status=$?
+    step 'it fails' [ "$status" = 1 ]
+}
+
+wrap_iptables
+answers 0 base up
+keep_listing base
+use_profile deny_by_default
+answers 0 enable
+keep_listing enabled
+cp -- "$kSettings" /tmp/settings
+
+killed reload
+step 'it is said' grep --quiet 'was killed; .*the old rules are in force again$' "$out/complaint"
+step 'that is true' same_listing enabled
+step 'the settings are as before' cmp "$kSettings" /tmp/settings
+
+
+answers 0 disable
+step 'nothing is in force' same_listing base
+killed enable
+step 'it is said' grep --quiet 'was killed; .*the firewall stays off$' "$out/complaint"
+step 'that is true' same_listing base
+step 'the settings say so' [ "$(jq .status "$kSettings")" = false ]
+answers 0 reload
+says '^Firewall disabled: nothing to reload$'
