@@ -152,6 +152,15 @@ void setUp(BaseFilter filter) {
     }
 }
 
+/// What the settings say; settings that cannot be read count as enabled.
+bool isEnabled() {
+    try {
+        return StoreSnapshot().firewallEnabled();
+    } catch (const Error&) {
+        return true;
+    }
+}
+
 void baseUp() {
     requireRoot();
     LockTime time;
@@ -164,6 +173,7 @@ void baseUp() {
         failure = failed.what();  // thrown at the end: the rest is useful without IPv6
     }
     writeFirstProfile(failure.empty(), time);
+    tidyBase(isEnabled());
     if (!failure.empty()) {
         throw Error(ErrorKind::kSystem, failure);
     }
@@ -177,6 +187,7 @@ void baseDown() {
         std::cerr
             << "tarnfw: the firewall is still enabled in the settings, but now filters nothing\n";
     }
+    tidyBase(/*enabled=*/false);
     Json::Value record = recordLoad();
     for (BaseFilter filter : baseFilters()) {
         const BaseParts parts = recordedParts(record[filter.key()]);

@@ -194,9 +194,11 @@ public:
     const std::vector<ChainDifference>& differences() const { return differences_; }
 
 private:
+    /// A policy that others have set is theirs; only an interrupted reload's is a difference.
     static std::vector<RuleEdit> policyEdits(const std::string& chain, const RuleListing& held) {
         const auto policy = held.policies.find(chain);
-        if (policy == held.policies.end() || policy->second == kAccept) {
+        if (policy == held.policies.end() || policy->second == kAccept ||
+            held.rulesOf(kReloadingChain).empty()) {
             return {};
         }
         return {{'-', "-P " + chain + " " + kAccept, 0},
