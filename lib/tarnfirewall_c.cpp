@@ -1,6 +1,9 @@
 #include "tarnfirewall/tarnfirewall_c.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
+#include <exception>
 #include <map>
 #include <string>
 #include <vector>
@@ -26,6 +29,26 @@ constexpr int kErrorBadParameter = 0x0D00;
 // The adapter of reserved services: they are for every interface.
 constexpr const char* kReservedAdapter = FW::FW_ADAPTER_GLOBAL;
 
+void logException(const char* what) {
+    FW_LOG_ERR("Unexpected failure: %s", what);
+}
+
+/// Runs `work` for a function with C linkage: its callers cannot catch an exception. One is logged
+/// with `log`, and the result is `onException`.
+template <typename Result, typename Work>
+Result guarded(Result onException, Work work, void (*log)(const char*) = logException) {
+    try {
+        return work();
+    } catch (const abi::__forced_unwind&) {
+        throw;  // the thread is being cancelled, which must go on
+    } catch (const std::exception& exception) {
+        log(exception.what());
+    } catch (...) {
+        log("an exception of an unknown type");
+    }
+    return onException;
+}
+
 int statusOf(bool result) {
     return result ? kSuccess : kFailure;
 }
@@ -46,10 +69,42 @@ bool isOpen(FW::FW_POLICY verdict) {
     return verdict == FW::FW_POLICY_ALLOW || verdict == FW::FW_POLICY_NONE;
 }
 
+/// Reserves services, then reloads if wanted; their status.
+int reserve(const char* servNames, bool allow, bool reload) {
+    const FW::FW_POLICY policy = allow ? FW::FW_POLICY_ALLOW : FW::FW_POLICY_DENY;
+    for (const std::string& name : serviceNames(servNames)) {
+        if (!FW::TARNFW_PROFILE().profileAddServToReserve(kReservedAdapter, name, policy, false)) {
+            FW_LOG_ERR("Failed to assign serv [%s]", name.c_str());
+            return kFailure;
+        }
+    }
+    if (reload && !FW::TARNFW().fwReload(true)) {
+        FW_LOG_ERR("Failed to reload firewall");
+        return kFailure;
+    }
+    return kSuccess;
+}
+
+/// 1 when a service is allowed on an adapter, 0 when it is blocked, -1 on failure.
+int isAllowed(const char* adapter, const char* servName) {
+    std::map<std::string, FW::FW_POLICY> verdicts;
+    if (!FW::TARNFW().fwServIsBlocked(servName, adapter, verdicts)) {
+        FW_LOG_ERR("Failed to check %s is block or not", servName);
+        return kFailure;
+    }
+    const bool open = std::all_of(verdicts.begin(), verdicts.end(),
+                                  [](const auto& entry) { return isOpen(entry.second); });
+    return open ? 1 : 0;
+}
+
 namespace modules {
 
 // The module functions log under the name of their subsystem.
 constexpr char kSource[] = "tarnIptablesModule";
+
+void logException(const char* what) {
+    FW_LOG_ERR("Unexpected failure: %s", what);
+}
 
 /// Runs a module operation for a service: 1 on success, 0 on failure, -1 without a service.
 int runFor(const char* servName, bool (*operation)(const std::string&)) {
@@ -57,7 +112,8 @@ int runFor(const char* servName, bool (*operation)(const std::string&)) {
         FW_LOG_ERR("servName is NULL");
         return -1;
     }
-    return operation(servName) ? 1 : 0;
+    return guarded(
+        0, [&] { return operation(servName) ? 1 : 0; }, logException);
 }
 
 }  // namespace modules
@@ -67,21 +123,26 @@ int runFor(const char* servName, bool (*operation)(const std::string&)) {
 extern "C" {
 
 int TARNFwRuleHup(void) {
-    FW::TARNFW firewall;
-    return statusOf(firewall.fwUpdate() && firewall.fwReload(true));
+    return guarded(kFailure, [] {
+        FW::TARNFW firewall;
+        return statusOf(firewall.fwUpdate() && firewall.fwReload(true));
+    });
 }
 
 void TARNFwReset(void) {
-    (void)FW::TARNFW().fwReset();
+    (void)guarded(false, [] { return FW::TARNFW().fwReset(); });
 }
 
 int TLIBFwServRemoveRec(const char* servName) {
-    return statusOf(FW::TARNFW_PROFILE().profileRemoveServ(servName));
+    return guarded(kFailure,
+                   [&] { return statusOf(FW::TARNFW_PROFILE().profileRemoveServ(servName)); });
 }
 
 int TLIBFwChangeAdatper(const char* oldAdapter, const char* newAdapter, int reload) {
-    return statusOf(
-        FW::TARNFW_PROFILE().profileChangeAdapter(oldAdapter, newAdapter, isReload(reload)));
+    return guarded(kFailure, [&] {
+        return statusOf(
+            FW::TARNFW_PROFILE().profileChangeAdapter(oldAdapter, newAdapter, isReload(reload)));
+    });
 }
 
 int TLIBFwRuleReserveServInsert(const char* servNames, int allow, int reload) {
@@ -89,18 +150,7 @@ int TLIBFwRuleReserveServInsert(const char* servNames, int allow, int reload) {
         TLIBCErrSetEx(kErrorBadParameter, kSource, __LINE__);
         return kFailure;
     }
-    const FW::FW_POLICY policy = allow != 0 ? FW::FW_POLICY_ALLOW : FW::FW_POLICY_DENY;
-    for (const std::string& name : serviceNames(servNames)) {
-        if (!FW::TARNFW_PROFILE().profileAddServToReserve(kReservedAdapter, name, policy, false)) {
-            FW_LOG_ERR("Failed to assign serv [%s]", name.c_str());
-            return kFailure;
-        }
-    }
-    if (isReload(reload) && !FW::TARNFW().fwReload(true)) {
-        FW_LOG_ERR("Failed to reload firewall");
-        return kFailure;
-    }
-    return kSuccess;
+    return guarded(kFailure, [&] { return reserve(servNames, allow != 0, isReload(reload)); });
 }
 
 int TARNFwPortsCheckAllowByAdapter(const char* adapter, const char* servName) {
@@ -110,14 +160,8 @@ int TARNFwPortsCheckAllowByAdapter(const char* adapter, const char* servName) {
                    TLIBCErrorGetFile(), TLIBCErrorGetLine());
         return kFailure;
     }
-    std::map<std::string, FW::FW_POLICY> verdicts;
-    if (!FW::TARNFW().fwServIsBlocked(servName, adapter != nullptr ? adapter : "", verdicts)) {
-        FW_LOG_ERR("Failed to check %s is block or not", servName);
-        return kFailure;
-    }
-    const bool open = std::all_of(verdicts.begin(), verdicts.end(),
-                                  [](const auto& entry) { return isOpen(entry.second); });
-    return open ? 1 : 0;
+    return guarded(kFailure,
+                   [&] { return isAllowed(adapter != nullptr ? adapter : "", servName); });
 }
 
 int TARNIptablesCodeModeLoad(const char* servName) {

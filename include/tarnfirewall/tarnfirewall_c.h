@@ -9,7 +9,8 @@ extern "C" {
 
 /* Names and addresses are NUL-terminated strings. Unless said otherwise a
  * function returns 0 on success and -1 on failure, which is logged, and only a reload flag of 1
- * asks for a reload. Exceptions of the classes (see tarnFW.h) are not caught here. */
+ * asks for a reload. An exception of the classes is a failure like any other: it is logged and
+ * does not leave the function. */
 
 /* Brings every profile up to date with the service catalogue and, if that succeeds, applies the
  * active one. */

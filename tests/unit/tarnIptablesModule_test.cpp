@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <ostream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -562,6 +563,12 @@ TEST_P(ModuleExportTest, ZeroOnFailure) {
     platform_.modRemoveResult = -1;
     EXPECT_EQ(GetParam().run("ssh"), 0);
     EXPECT_THAT(calls(), ElementsAre(GetParam().calls[0]));
+}
+
+TEST_P(ModuleExportTest, AnExceptionIsZeroAndLogged) {
+    platform_.onLock = [](const std::string&) { throw std::runtime_error("lost"); };
+    EXPECT_EQ(GetParam().run("ssh"), 0);
+    EXPECT_THAT(errors(), ElementsAre("tarnIptablesModule: Unexpected failure: lost"));
 }
 
 TEST_P(ModuleExportTest, NullIsMinusOneAndLogged) {

@@ -632,4 +632,53 @@ TEST_P(StoreFailureTest, IsMinusOneAndMakesNoReload) {
 INSTANTIATE_TEST_SUITE_P(, StoreFailureTest, ValuesIn(kStoreFailures),
                          [](const auto& c) { return std::string(c.param.name); });
 
+// ---- Exceptions ----
+
+const StoreFailureCase kThrowing[] = {
+    {"RuleHup", [] { return TARNFwRuleHup(); }, {}},
+    {"ServRemoveRec", [] { return TLIBFwServRemoveRec("ssh"); }, {}},
+    {"ChangeAdapter", [] { return TLIBFwChangeAdatper("eth0", "eth1", 1); }, {}},
+    {"ReserveServInsert", [] { return TLIBFwRuleReserveServInsert("ssh,web", 1, 1); }, {}},
+    {"PortsCheck", [] { return TARNFwPortsCheckAllowByAdapter(nullptr, "ssh"); }, {}},
+};
+
+class ThrowingTest : public CInterfaceTest, public ::testing::WithParamInterface<StoreFailureCase> {
+protected:
+    // Lock files that cannot be opened: the store raises the lock library's exception.
+    void breakLockFiles() {
+        for (const auto& entry : std::filesystem::directory_iterator(kProfileDir)) {
+            const std::string lock = kLockDir + entry.path().filename().string() + ".lock";
+            std::filesystem::remove(lock);
+            std::filesystem::create_directories(lock);
+        }
+    }
+    Lines unexpected() const {
+        Lines found;
+        for (const std::string& line : log()) {
+            if (line.find("Unexpected failure: ") != std::string::npos) {
+                found.push_back(line);
+            }
+        }
+        return found;
+    }
+};
+
+TEST_P(ThrowingTest, AnExceptionIsAFailureWithOneLine) {
+    storeSettings(true, "home");
+    breakLockFiles();
+    EXPECT_EQ(GetParam().call(), -1);
+    EXPECT_THAT(unexpected(),
+                ElementsAre(::testing::StartsWith("err tarnfirewall_c: Unexpected failure: ")));
+}
+
+INSTANTIATE_TEST_SUITE_P(, ThrowingTest, ValuesIn(kThrowing),
+                         [](const auto& c) { return std::string(c.param.name); });
+
+TEST_F(ThrowingTest, ResettingLogsAnException) {
+    storeSettings(true, "home");
+    breakLockFiles();
+    TARNFwReset();
+    EXPECT_EQ(unexpected().size(), 1U);
+}
+
 }  // namespace
