@@ -8,6 +8,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
+#include "fwPrintable.h"
 #include "fwText.h"
 
 namespace FW {
@@ -162,13 +163,6 @@ std::string chainOfSavedRule(const std::string& line) {
     std::string chain;
     words >> counters >> append >> chain;
     return append == "-A" ? chain : "";
-}
-
-/// Texts from other sources must not end a message or control the terminal.
-void makePrintable(std::string& text) {
-    std::replace_if(
-        text.begin(), text.end(),
-        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 #include "tarnfwadmin/text.h"
 
 #include <algorithm>
+
 #include <iterator>
+#include "fwPrintable.h"
 
 namespace tarnfw {
 namespace {
@@ -42,9 +44,7 @@ std::string lettersOf(const std::string& name) {
 }  // namespace
 
 std::string printable(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(),
-        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
+    FW::makePrintable(text);
     return text;
 }
 

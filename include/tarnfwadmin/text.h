@@ -9,7 +9,8 @@
 
 namespace TARNFW_EXPORT_ALL tarnfw {
 
-/// A text from a file made safe for a terminal: control characters become '?'.
+/// A text from a file made safe for a terminal: a '?' for each control character, line separator
+/// and change of the direction of text, and for each byte that is not UTF-8.
 std::string printable(std::string text);
 
 /// The same in double quotes, for names and texts in messages.

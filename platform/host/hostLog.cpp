@@ -2,6 +2,9 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
+
+#include "fwPrintable.h"
 
 namespace host {
 
@@ -14,6 +17,7 @@ void logLine(int priority, const char* source, int line, const char* format, ...
         message[0] = '\0';
     }
     va_end(args);
+    message[FW::makePrintable(message, std::strlen(message))] = '\0';
     syslog(priority, "%s:%d %s", source, line, message);
 }
 
@@ -23,11 +27,9 @@ std::string commandLine(const char* const* argv) {
         if (i > 0) {
             line += ' ';
         }
-        for (const char* c = argv[i]; *c != '\0'; ++c) {
-            const auto byte = static_cast<unsigned char>(*c);
-            line += byte < 0x20 || byte == 0x7f ? '?' : *c;
-        }
+        line += argv[i];
     }
+    FW::makePrintable(line);
     return line;
 }
 

@@ -8,6 +8,43 @@
 namespace tarnfw {
 namespace {
 
+TEST(PrintableTest, NothingThatATerminalObeysIsLeft) {
+    const struct {
+        const char* name;
+        std::string text;
+        const char* shown;
+    } cases[] = {
+        {"Ascii", "eth0 ~", "eth0 ~"},
+        {"OtherLetters", "B\u00fcro \u65e5\u672c \U0001f525 \u00a0",
+         "B\u00fcro \u65e5\u672c \U0001f525 \u00a0"},
+        {"Escape", "\x1b]0;T\x07\x1b[31mR", "?]0;T??[31mR"},
+        {"LineBreaksAndTab", "a\nb\rc\td", "a?b?c?d"},
+        {"Nul", std::string("a\0b", 3), "a?b"},
+        {"Delete", "a\x7f", "a?"},
+        {"C1", "C\u009b31m\u0080\u009f", "C?31m??"},
+        {"Override", "B\u202e\u202agnp", "B??gnp"},
+        {"Isolates", "\u2066\u2069\u200e\u200f\u061c", "?????"},
+        {"Separators", "a\u2028\u2029b", "a??b"},
+        {"BareC1Byte",
+         "a\x9b"
+         "31m",
+         "a?31m"},
+        {"TruncatedAtTheEnd", "a\xe2\x80", "a??"},
+        {"TruncatedInside",
+         "\xe2\x80"
+         "a",
+         "??a"},
+        {"LongerThanNeeded", "\xc0\x9b", "??"},
+        {"LongEscape", "\xe0\x80\x9b", "???"},
+        {"Surrogate", "\xed\xa0\x80", "???"},
+        {"TooLarge", "\xf4\x90\x80\x80", "????"},
+        {"NoLeadByte", "\xff\xfe", "??"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(printable(c.text), c.shown) << c.name;
+    }
+}
+
 TEST(NearestTest, FindsTypingErrorsAndNothingElse) {
     const std::vector<std::string> known = {"enable", "disable", "profile", "preview"};
     EXPECT_EQ(nearest("enabel", known), "enable");

@@ -15,6 +15,7 @@
 #include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/process.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
@@ -54,9 +55,9 @@ std::string messagesOf(const std::string& errors, pid_t process, bool withLog) {
     std::istringstream lines(errors);
     for (std::string line; std::getline(lines, line);) {
         if (!boost::starts_with(line, start)) {
-            messages += line + "\n";
+            messages += printable(line) + "\n";
         } else if (withLog) {
-            messages += "tarnfw: " + line.substr(start.size()) + "\n";
+            messages += "tarnfw: " + printable(line.substr(start.size())) + "\n";
         }
     }
     return messages;
