@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <clocale>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <iostream>
@@ -38,6 +39,20 @@ int run(int argc, char** argv) {
     return 0;
 }
 
+// With these, the programs that the tool runs would load code from another place, or not wait for
+// other programs. An ordinary user may have set them, where "sudo" keeps the environment.
+// Not those of the loader: it has obeyed them for this program already.
+constexpr std::array<const char*, 4> kNotPassedOn = {
+    "XTABLES_LIBDIR", "IPTABLES_LIB_DIR", "IP6TABLES_LIB_DIR",  // where iptables finds extensions
+    "XTABLES_LOCKFILE",                                         // a lock that nobody else takes
+};
+
+void clearEnvironment() {
+    for (const char* const variable : kNotPassedOn) {
+        (void)unsetenv(variable);
+    }
+}
+
 /// Opens standard input, output and error if the caller closed them: otherwise a profile's file
 /// would get the number, and the output. Writing to a closed output fails.
 void openStandardFiles() {
@@ -67,6 +82,7 @@ int statusOfAnswer(int status) {
 
 int main(int argc, char** argv) {
     openStandardFiles();
+    clearEnvironment();
     // Only root may change what the library writes, whatever the caller's mask.
     umask(022);
     // Names in profiles are UTF-8, whatever the terminal's language.
