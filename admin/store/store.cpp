@@ -46,11 +46,11 @@ std::string listed(const std::vector<std::string>& names) {
     return printable(boost::join(names, ", "));
 }
 
-/// The files that the library reads, sorted.
-std::vector<std::string> filesOfStore() {
+/// The files of a name, sorted.
+std::vector<std::string> filesOfStore(const std::string& pattern) {
     std::vector<std::string> paths;
     glob_t found{};
-    if (glob((std::string(kProfileDir) + "*.json").c_str(), 0, nullptr, &found) == 0) {
+    if (glob((kProfileDir + pattern).c_str(), 0, nullptr, &found) == 0) {
         paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
     }
     globfree(&found);
@@ -98,7 +98,7 @@ bool isTestProfile(const std::string& name) {
 
 void StoreSnapshot::refresh() {
     std::map<std::string, File> known = std::exchange(files_, {});
-    for (const std::string& path : filesOfStore()) {
+    for (const std::string& path : filesOfStore("*.json")) {  // as the library reads them
         const FW::FileState state = FW::FileState::of(path);
         const std::string unusable = whyUnusable(path);
         const auto found = known.find(path);
@@ -379,6 +379,42 @@ std::map<std::string, FW::FWPROFILE> StoreSnapshot::profiles() const {
         all[name] = profile(name);
     }
     return all;
+}
+
+std::vector<Finding> StoreSnapshot::findings() const {
+    Findings found;
+    try {
+        if (hasSettings() && !hasProfile(activeProfile())) {
+            found.error("", "the settings name the profile " + inQuotes(activeProfile()) +
+                                ", which does not exist: no reload works");
+        }
+    } catch (const std::exception& error) {
+        found.error("", error.what());
+    }
+    for (const std::string& path : unreadable()) {
+        found.warning("", printable(path) + " cannot be read" +
+                              (path == kSettingsFile ? "" : ": it may be a profile"));
+    }
+    for (const auto& [path, unread] : files_) {
+        const File& file = fileAt(path);
+        if (!file.whole || !file.content.isObject() || !file.content["name"].isString()) {
+            continue;
+        }
+        const std::string name = file.content["name"].asString();
+        if (pathOf(name) != path) {
+            found.warning("", printable(path) + " has the name of " + printable(pathOf(name)) +
+                                  ", " + inQuotes(name) + ", and is not used");
+        }
+    }
+    for (const std::string& path : filesOfStore("*.json.tmp")) {
+        found.warning(
+            "", printable(path) + " is what an interrupted operation has left; it can be removed");
+    }
+    for (const std::string& name : testProfileNames()) {
+        found.warning("", "the test profile " + inQuotes(name) +
+                              " is of a trial that is running or was interrupted");
+    }
+    return found.take();
 }
 
 std::vector<std::string> adaptersOf(const FW::FWPROFILE& profile) {

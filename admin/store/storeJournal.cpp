@@ -185,15 +185,15 @@ bool putBack(const std::string& path) {
 void keepMode(const std::string& path) {
     struct stat copy {};
     struct stat now {};
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
-    if (!file || fstat(file.get(), &now) != 0 || stat(copyOf(path).c_str(), &copy) != 0 ||
+    if (lstat(path.c_str(), &now) != 0 || !S_ISREG(now.st_mode) ||
+        stat(copyOf(path).c_str(), &copy) != 0 ||
         (now.st_mode == copy.st_mode && now.st_uid == copy.st_uid && now.st_gid == copy.st_gid)) {
         return;
     }
-    if (fchown(file.get(), copy.st_uid, copy.st_gid) == 0) {
-        (void)fchmod(file.get(), copy.st_mode & kModeBits);
+    // Not flushed: after a power failure the document may be for root alone.
+    if (lchown(path.c_str(), copy.st_uid, copy.st_gid) == 0) {
+        (void)chmod(path.c_str(), copy.st_mode & kModeBits);
     }
-    (void)fsync(file.get());
 }
 
 bool undoByJournal() {

@@ -12,6 +12,8 @@
 #include "tarnfirewall/fwFileState.h"
 #include "tarnfirewall/fwTypes.h"
 
+#include "tarnfwadmin/finding.h"
+
 namespace TARNFW_EXPORT_ALL tarnfw {
 
 inline constexpr char kProfileDir[] = "/usr/tarn/etc/firewall.d/";
@@ -122,6 +124,11 @@ public:
 
     /// All profiles, test profiles among them, by name.
     std::map<std::string, FW::FWPROFILE> profiles() const;
+
+    /// What is wrong among the documents, such as an interrupted operation of the library leaves
+    /// it: settings that name no profile; two files with one profile's name; documents that cannot
+    /// be read or were not finished; test profiles.
+    std::vector<Finding> findings() const;
 
     // ---- The whole configuration ----
 

@@ -107,6 +107,34 @@ TEST_F(StoreSessionTest, ALinkToADocumentIsADocument) {
     EXPECT_TRUE(session.snapshot().hasProfile("home"));
 }
 
+TEST_F(StoreSessionTest, FindsWhatAnInterruptedOperationOfTheLibraryHasLeft) {
+    const auto found = [] {
+        std::vector<std::string> texts;
+        for (const Finding& finding : StoreSnapshot().findings()) {
+            texts.push_back((finding.isError ? "error: " : "warning: ") + finding.text);
+        }
+        return texts;
+    };
+    EXPECT_THAT(found(), IsEmpty());
+    const std::string file = kProfileDir + std::string("zz.json");
+    fs::copy(kHomeFile, file);
+    EXPECT_THAT(found(), ElementsAre("warning: " + file + " has the name of " + kHomeFile +
+                                     ", \"home\", and is not used"));
+    writeFile(file, R"({"name": ".test_home"})");
+    EXPECT_THAT(found(), ElementsAre("warning: the test profile \".test_home\" is of a trial that "
+                                     "is running or was interrupted"));
+    writeFile(file, R"({"name": "ho)");
+    EXPECT_THAT(found(), ElementsAre("warning: " + file + " cannot be read: it may be a profile"));
+    fs::rename(file, file + ".tmp");
+    EXPECT_THAT(found(), ElementsAre("warning: " + file +
+                                     ".tmp is what an interrupted operation has left; it can be "
+                                     "removed"));
+    fs::remove(file + ".tmp");
+    writeFile(kSettingsFile, R"({"profile": "casa", "status": true})");
+    EXPECT_THAT(found(), ElementsAre("error: the settings name the profile \"casa\", which does "
+                                     "not exist: no reload works"));
+}
+
 TEST_F(StoreSessionTest, WaitsOnceForAllLocksOfDocumentsAndNamesOne) {
     StoreSession session(StoreSession::Access::kChange, LockTime(std::chrono::milliseconds(200)));
     const Pipe ready;

@@ -37,6 +37,7 @@ struct Options {
 struct Source {
     std::string text;
     std::string name;
+    std::vector<Finding> around = {};  ///< about the store, for a stored profile
 };
 
 bool namesAFile(const std::string& what) {
@@ -55,7 +56,7 @@ Source sourceOf(const std::string& what) {
     const StoreSnapshot& store = context.store();
     const std::string profile = what.empty() ? store.activeProfile() : what;
     store.requireProfile(profile);
-    return {store.textOf(profile), profile};
+    return {store.textOf(profile), profile, store.findings()};
 }
 
 void append(std::vector<Finding>& all, const std::vector<Finding>& more) {
@@ -136,6 +137,7 @@ void check(const Options& options) {
             loaded = loadIntoKernel(document, findings);
         }
     }
+    append(findings, source.around);
     if (options.json) {
         Json::Value answer = jsonOf(source.name, findings);
         if (options.kernel) {
