@@ -1,6 +1,8 @@
 #include "tarnfirewall/fwBatch.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <memory>
 #include <system_error>
 #include <utility>
@@ -91,6 +93,15 @@ std::size_t lineThatEnds(const Tools& tools, const RestoreText& text) {
     return didAll(result) ? 0 : numberReached(result.output);
 }
 
+/// Whether the tool says that the kernel lacks its family.
+bool saysAbsent(const ToolResult& result) {
+    const auto says = [&](const char* words) {
+        return result.errors.find(words) != std::string::npos;
+    };
+    return !exitedWell(result) &&
+           std::any_of(std::begin(FW_ABSENT_FAMILY_WORDS), std::end(FW_ABSENT_FAMILY_WORDS), says);
+}
+
 /// Logs why a text was refused, with the line that the tool names.
 void logToolError(const Tools& tools, const RestoreText& text, const ToolResult& result) {
     const ToolError error = toolErrorFrom(result.errors);
@@ -134,6 +145,16 @@ public:
         commit_->feed(text_.head() + text_.mark());
     }
 
+    /// Whether the machine does not have this family: no such tools, or a kernel without it. Waits
+    /// for the saves.
+    bool isAbsent() {
+        if (saving_.front()->isMissing() && commit_->isMissing()) {
+            return true;
+        }
+        awaitSaves();
+        return saysAbsent(saves_.front());
+    }
+
     /// Whether the text passes every test that changes nothing.
     bool finishExamining() {
         if (!commit_->awaitOutput(kExaminedMark)) {
@@ -153,8 +174,9 @@ public:
 
     /// Waits for the saves and keeps them.
     bool finishSaving() {
-        for (std::size_t i = 0; i < saving_.size(); ++i) {
-            ToolResult result = saving_[i]->finish();
+        awaitSaves();
+        for (std::size_t i = 0; i < saves_.size(); ++i) {
+            ToolResult& result = saves_[i];
             if (!exitedWell(result) || !isWholeSave(result.output, text_.tables()[i].name)) {
                 FW_LOG_ERR("Failed to run %s: %s", tools_.save,
                            reasonOf(result, toolErrorFrom(result.errors), kTableCut).c_str());
@@ -206,52 +228,71 @@ public:
     }
 
 private:
+    void awaitSaves() {
+        for (const std::unique_ptr<ToolRun>& run : saving_) {
+            saves_.push_back(run->finish());
+        }
+        saving_.clear();
+    }
+
     Tools tools_;
     RestoreText text_;
     bool mends_ = false;
     std::size_t interrupted_ = 0;  ///< reloads
     std::vector<std::unique_ptr<ToolRun>> saving_;
+    std::vector<ToolResult> saves_;
     std::unique_ptr<ToolRun> test_;
     std::unique_ptr<ToolRun> commit_;
     std::vector<std::string> saved_;  ///< as the text's tables
 };
 
-/// Commits both families, or leaves both as they were.
-bool commitInOrder(FamilyRun& first, FamilyRun& last) {
-    // A failed commit is undone as well. Usually it has changed nothing, but a tool with several
-    // tables may have committed some, and one that was killed may have committed all.
-    if (!first.commit()) {
-        first.putBack();
-        return false;
-    }
-    if (!last.commit()) {
-        last.putBack();
-        first.putBack();
+/// Commits the families in this order, or leaves all as they were.
+bool commitInOrder(const std::vector<FamilyRun*>& families) {
+    for (std::size_t i = 0; i < families.size(); ++i) {
+        if (families[i]->commit()) {
+            continue;
+        }
+        // A failed commit is undone as well. Usually it has changed nothing, but a tool with
+        // several tables may have committed some, and one that was killed may have committed all.
+        for (std::size_t undone = i + 1; undone > 0; --undone) {
+            families[undone - 1]->putBack();
+        }
         return false;
     }
     return true;
 }
 
-/// Saves and tests both families at the same time, then commits them.
+/// Saves and tests both families at the same time, then commits them. A machine may have no IPv6:
+/// then IPv4 alone.
 bool commitBoth(FamilyRun& v4, FamilyRun& v6) {
     v4.startSaving();
     v6.startSaving();
     v4.startExamining();
     v6.startExamining();
-    if (!v4.finishExamining() || !v6.finishExamining() || !v4.finishSaving() ||
-        !v6.finishSaving()) {
+    std::vector<FamilyRun*> families = {&v4};
+    if (!v6.isAbsent()) {
+        families.push_back(&v6);
+    }
+    const auto all = [&](bool (FamilyRun::*done)()) {
+        return std::all_of(families.begin(), families.end(),
+                           [done](FamilyRun* family) { return (family->*done)(); });
+    };
+    if (!all(&FamilyRun::finishExamining) || !all(&FamilyRun::finishSaving)) {
         return false;
     }
-    if (v4.wasInterrupted() || v6.wasInterrupted()) {
+    const auto wasInterrupted = [](const FamilyRun* family) { return family->wasInterrupted(); };
+    if (std::any_of(families.begin(), families.end(), wasInterrupted)) {
         // Both, because the rule in FIREWALL_RELOADING is added after the policies are set, and in
         // IPv6 after IPv4: a family may be closed without it.
-        v4.mend();
-        v6.mend();
+        for (FamilyRun* const family : families) {
+            family->mend();
+        }
     }
     // The family with the only sign of an interrupted reload goes last, in case this process ends
     // in between.
-    return v4.wasInterrupted() && !v6.wasInterrupted() ? commitInOrder(v6, v4)
-                                                       : commitInOrder(v4, v6);
+    std::stable_partition(families.begin(), families.end(),
+                          [&](const FamilyRun* family) { return !wasInterrupted(family); });
+    return commitInOrder(families);
 }
 
 }  // namespace

@@ -115,6 +115,10 @@ ToolRun::~ToolRun() {
     (void)wait();
 }
 
+bool ToolRun::isMissing() const {
+    return startError_ == ENOENT;
+}
+
 void ToolRun::feed(const std::string& text) {
     if (!input_) {
         return;

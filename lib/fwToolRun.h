@@ -41,6 +41,9 @@ public:
     ToolRun(const ToolRun&) = delete;
     ToolRun& operator=(const ToolRun&) = delete;
 
+    /// Whether there is no such program.
+    bool isMissing() const;
+
     /// Sends a piece of input. Does not wait for the program if the system lets the caller buffer
     /// that much. Does nothing when the program has ended, which its result shows.
     void feed(const std::string& text);

@@ -9,6 +9,12 @@
 
 namespace FW {
 
+/// What the programs of iptables say on a kernel without their address family, or without its
+/// filter table.
+inline constexpr const char* FW_ABSENT_FAMILY_WORDS[] = {
+    "Address family not supported", "Protocol not supported", "Operation not supported",
+    "Table does not exist"};
+
 /// Replaces the content of the firewall chains with the lines of a command document (see
 /// TARNFW_IPTABLES_RULES), through iptables-restore and ip6tables-restore. No packet ever passes a
 /// part of the rules only, and policies do not change. An object has no state: make one on the
@@ -35,7 +41,8 @@ public:
     /// only if restoring fails too, which is logged, or if the caller's process ends between the
     /// two commits. Policies stay, except if a line-by-line reload was interrupted after it had
     /// set its rule in FIREWALL_RELOADING: that rule is removed, and they become ACCEPT in both
-    /// families.
+    /// families. On a machine without IPv6, which has no ip6tables-restore or whose kernel lacks
+    /// the family, IPv4 alone is applied.
     /// Returns false, logged with the adapter, the line and the tool's message, when a line is
     /// refused or a tool cannot be run. Waits up to 30 s for other programs that change the packet
     /// filter under the lock of iptables, such as another call of this function.

@@ -26,7 +26,11 @@ tool=${0##*/}
 echo "$tool $*" >>started
 case $tool in ip6*) family=v6 ;; *) family=v4 ;; esac
 case $tool in
-*-save) cat "$family saved"; exit 0 ;;
+*-save)
+    [ ! -e "$family not saved" ] || { cat "$family not saved" >&2; exit 3; }
+    cat "$family saved"
+    exit 0
+    ;;
 esac
 case " $* " in
 *' --counters '*) run="$family put back" ;;
@@ -130,6 +134,10 @@ std::vector<std::string> FakeRestore::started() const {
 
 void FakeRestore::setSaved(const std::string& family, const std::string& output) {
     writeFile(kDirectory + family + " saved", output);
+}
+
+void FakeRestore::failToSave(const std::string& family, const std::string& errors) {
+    writeFile(kDirectory + family + " not saved", errors);
 }
 
 void FakeRestore::refuse(const std::string& run, const std::string& line, const std::string& errors,

@@ -38,6 +38,9 @@ public:
     /// What iptables-save ("v4") or ip6tables-save ("v6") prints for any table.
     void setSaved(const std::string& family, const std::string& output);
 
+    /// From now on that program fails with status 3, saying `errors`.
+    void failToSave(const std::string& family, const std::string& errors);
+
     /// From now on the run of that name ("v6 commit") ends with `status` at a line of its input,
     /// saying `errors`.
     void refuse(const std::string& run, const std::string& line, const std::string& errors,

@@ -476,6 +476,36 @@ const MissingCase kMissing[] = {{"SaveV4", "/sbin/iptables-save"},
 INSTANTIATE_TEST_SUITE_P(Missing, ApplyMissingTest, ValuesIn(kMissing),
                          [](const auto& one) { return one.param.name; });
 
+TEST_F(ApplyTest, Ipv6WithoutProgramsIsLeftOut) {
+    tools_.remove("/sbin/ip6tables-save");
+    tools_.remove("/sbin/ip6tables-restore");
+    EXPECT_TRUE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit"));
+    EXPECT_THAT(platform_.log(), IsEmpty());
+}
+
+TEST_F(ApplyTest, Ipv6ThatTheKernelLacksIsLeftOut) {
+    tools_.failToSave("v6", "Cannot initialize: Address family not supported by protocol\n");
+    EXPECT_TRUE(apply());
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit"));
+    EXPECT_THAT(platform_.log(), IsEmpty());
+}
+
+TEST_F(ApplyTest, Ipv6ThatFailsOtherwiseIsNot) {
+    tools_.failToSave("v6", "Cannot initialize: Permission denied\n");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), IsEmpty());
+    EXPECT_THAT(errors(), ElementsAre("fwBatch: Failed to run /sbin/ip6tables-save: Cannot "
+                                      "initialize: Permission denied"));
+}
+
+// IPv4 must run: without it nothing is filtered.
+TEST_F(ApplyTest, Ipv4IsNeverLeftOut) {
+    tools_.failToSave("v4", "Cannot initialize: Address family not supported by protocol\n");
+    EXPECT_FALSE(apply());
+    EXPECT_THAT(tools_.committed(), IsEmpty());
+}
+
 TEST_F(ApplyTest, WhatCannotBeSavedIsNotReplaced) {
     for (const std::string saved : {"*filter\n:INPUT ACCEPT [0:0]\n", "*nat\nCOMMIT\n", ""}) {
         platform_.clearLog();
