@@ -131,13 +131,22 @@ const BaseParts& wholeBase() {
 }
 
 std::vector<BaseFilter> baseFilters() {
-    return {BaseFilter("v4"), BaseFilter("v6")};
+    const std::vector<std::string> families = MachineKernel().families();
+    return {families.begin(), families.end()};
 }
 
 void requireBase() {
     const auto listingOf = [](const char* family, const char* chain) {
         return std::async(std::launch::async, [family, chain] {
-            return MachineKernel().list(family, kFilter, chain).chains;
+            using Chains = decltype(RuleListing::chains);
+            try {
+                return std::optional<Chains>(MachineKernel().list(family, kFilter, chain).chains);
+            } catch (const Error&) {
+                if (MachineKernel().isAbsent(family)) {
+                    return std::optional<Chains>();
+                }
+                throw;
+            }
         });
     };
     // All at once: most of the time goes into the start of the programs.
@@ -145,9 +154,14 @@ void requireBase() {
                            listingOf("v6", "INPUT"), listingOf("v6", "FORWARD")};
     std::size_t next = 0;
     for (const char* const family : {"v4", "v6"}) {
+        auto input = listings[next++].get();
+        auto forward = listings[next++].get();
+        if (!input || !forward) {
+            continue;  // the machine does not have the family
+        }
         RuleListing listing;
-        listing.chains = listings[next++].get();
-        listing.chains.merge(listings[next++].get());
+        listing.chains = std::move(*input);
+        listing.chains.merge(*forward);
         const auto& jumps = wholeBase().jumps;
         if (std::all_of(jumps.begin(), jumps.end(),
                         [&](const auto& jump) { return hasJump(listing, jump); })) {

@@ -11,6 +11,8 @@
 #include <sstream>
 #include <utility>
 
+#include "tarnfirewall/fwBatch.h"
+
 #include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/error.h"
 
@@ -23,19 +25,11 @@ constexpr char kLockSeconds[] = "30";
 // A machine may have no IPv6.
 constexpr char kOptionalFamily[] = "v6";
 
-// What the tools say of a kernel without the family, or without its filter table.
-constexpr const char* kAbsent[] = {"Address family not supported", "Protocol not supported",
-                                   "Operation not supported", "Table does not exist"};
-
-bool hasProgram(const std::string& family) {
-    return family != kOptionalFamily || access(programOf(family).c_str(), X_OK) == 0;
-}
-
 bool saysAbsent(const ProgramAnswer& answer) {
     return answer.status != 0 &&
-           std::any_of(std::begin(kAbsent), std::end(kAbsent), [&](const char* text) {
-               return answer.errors.find(text) != std::string::npos;
-           });
+           std::any_of(
+               std::begin(FW::FW_ABSENT_FAMILY_WORDS), std::end(FW::FW_ABSENT_FAMILY_WORDS),
+               [&](const char* words) { return answer.errors.find(words) != std::string::npos; });
 }
 
 }  // namespace
@@ -151,11 +145,23 @@ bool PacketFilter::isAbsent(const std::string& family) const {
     return family == kOptionalFamily && saysAbsent(run(family, {"-S", "INPUT"}));
 }
 
+std::vector<std::string> PacketFilter::families() const {
+    std::vector<std::string> present = {"v4"};
+    if (!isAbsent(kOptionalFamily)) {
+        present.emplace_back(kOptionalFamily);
+    }
+    return present;
+}
+
 ProgramAnswer PacketFilter::runTool(const std::string& program,
                                     const std::vector<std::string>& arguments, int input) const {
     std::vector<std::string> words = {program, "-w", kLockSeconds};
     words.insert(words.end(), arguments.begin(), arguments.end());
     return runProgram(words, input, [this] { return enter(); });
+}
+
+bool hasProgram(const std::string& family) {
+    return family != kOptionalFamily || access(programOf(family).c_str(), X_OK) == 0;
 }
 
 std::string programOf(const std::string& family) {

@@ -51,6 +51,9 @@ bool isForFirewall(const std::string& table, const std::string& chain) {
 std::vector<std::string> familiesRefused(const ScratchKernel& kernel, const Json::Value& commands) {
     std::vector<std::string> refused;
     for (const char* const family : kFamilies) {
+        if (!hasProgram(family)) {
+            continue;
+        }
         const std::string text = FW::FW_BATCH().restoreText(commands, family);
         if ((text.empty() || kernel.restore(family, text).status != 0) &&
             !MachineKernel().isAbsent(family)) {
@@ -121,6 +124,9 @@ void ScratchKernel::setUpBase() const {
     }
     text += "COMMIT\n";
     for (const char* const family : kFamilies) {
+        if (!hasProgram(family)) {
+            continue;
+        }
         const ProgramAnswer answer = restore(family, text);
         if (answer.status != 0 && !isAbsent(family)) {
             throw Error(ErrorKind::kSystem,
@@ -154,7 +160,7 @@ void ScratchKernel::addChainsOf(const Json::Value& commands, const PacketFilter&
         }
     }
     for (const auto& [family, table, chain] : places) {
-        if (machine.run(family, {"-t", table, "-S", chain}).status == 0) {
+        if (hasProgram(family) && machine.run(family, {"-t", table, "-S", chain}).status == 0) {
             (void)run(family, {"-t", table, "-N", chain});  // fails for a built-in one
         }
     }

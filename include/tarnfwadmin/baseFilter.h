@@ -70,13 +70,13 @@ private:
 inline constexpr char kWrongOrder[] =
     "set up, but a firewall chain comes before FIREWALL_RELOADING: reloads cut connections";
 
-/// Both families, IPv4 first.
+/// Those of the families that the machine has, IPv4 first.
 std::vector<BaseFilter> baseFilters();
 
-/// Throws Error, kSystem, with what is missing, while chains or jumps are missing. Lists only the
-/// two chains that have the jumps: a chain that is jumped to exists. The library does not look at
-/// the exit status of its commands: without these chains the machine would seem protected and let
-/// everybody in.
+/// Throws Error, kSystem, with what is missing, while chains or jumps are missing in a family that
+/// the machine has. Lists only the two chains that have the jumps: a chain that is jumped to
+/// exists. The library does not look at the exit status of its commands: without these chains the
+/// machine would seem protected and let everybody in.
 void requireBase();
 
 /// "chains A, B; jumps C -> D", or "nothing".

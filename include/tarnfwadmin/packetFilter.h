@@ -59,6 +59,9 @@ public:
     /// no such table. IPv4 is never absent: without it nothing filters, which is an error.
     bool isAbsent(const std::string& family) const;
 
+    /// The families that the machine has, "v4" first.
+    std::vector<std::string> families() const;
+
 protected:
     PacketFilter() = default;
 
@@ -75,6 +78,9 @@ class MachineKernel : public PacketFilter {
 private:
     bool enter() const override { return true; }
 };
+
+/// Whether the family has a program. That of IPv4 always counts as there: see isAbsent().
+bool hasProgram(const std::string& family);
 
 /// "/sbin/iptables" or "/sbin/ip6tables".
 std::string programOf(const std::string& family);

@@ -17,7 +17,8 @@
 
 namespace TARNFW_EXPORT_ALL tarnfw {
 
-/// The packet filter of a fresh namespace, with the base filter set up in both families.
+/// The packet filter of a fresh namespace, with the base filter set up in the families that
+/// the machine has.
 class ScratchKernel : public PacketFilter {
 public:
     /// Throws Error where the system does not allow network namespaces.

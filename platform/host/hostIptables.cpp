@@ -1,5 +1,7 @@
 #include "hostIptables.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -19,7 +21,8 @@ constexpr char kSource[] = "hostIptables";
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr const char* kPrograms[] = {"/sbin/iptables", "/sbin/ip6tables"};
+constexpr char kIp6tables[] = "/sbin/ip6tables";
+constexpr const char* kPrograms[] = {"/sbin/iptables", kIp6tables};
 
 // The exit status when another program has the lock.
 constexpr int kResourceProblem = 4;
@@ -64,6 +67,10 @@ bool takesXtablesLock(const char* path) {
     // Both variants are one program under many names: "xtables-nft-multi".
     const std::unique_ptr<char, decltype(&free)> file(realpath(path, nullptr), &free);
     return file != nullptr && std::string_view(file.get()).find("nft") == std::string_view::npos;
+}
+
+bool isAbsentFamily(const char* path) {
+    return strcmp(path, kIp6tables) == 0 && access(path, F_OK) != 0 && errno == ENOENT;
 }
 
 int underXtablesLock(const char* path, const std::function<int(OwnLockFile)>& attempt,

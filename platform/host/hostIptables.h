@@ -15,6 +15,10 @@ namespace host {
 /// Those of the nft variant do not.
 bool takesXtablesLock(const char* path);
 
+/// Whether `path` is ip6tables on a machine that has none: there is then no IPv6 to filter, and
+/// what the program would do is done.
+bool isAbsentFamily(const char* path);
+
 /// The environment of a program that runs while the caller holds the lock: its own standard input
 /// is its lock file, for which nobody else waits.
 inline constexpr char kInputAsLockFile[] = "XTABLES_LOCKFILE=/proc/self/fd/0";

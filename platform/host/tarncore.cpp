@@ -235,6 +235,9 @@ int TLIBCExecv(const char* path, const char* const argv[], int /*flag*/) {
         if (path == nullptr || argv == nullptr || argv[0] == nullptr) {
             return HOST_FAIL(host::kErrorBadParameter);
         }
+        if (host::isAbsentFamily(path)) {
+            return 0;
+        }
         FW::Program program;
         program.path = path;
         program.argv = argv;

@@ -28,6 +28,8 @@ constexpr char kRecordFile[] = "/run/tarn/base_filter.json";
 // Serialises "base up" and "base down".
 constexpr char kLockName[] = "base_filter.lock";
 
+constexpr char kAbsent[] = "absent: this machine has no packet filter for it";
+
 constexpr char kFirstProfile[] = "/usr/tarn/etc.defaults/firewall_default_profile.json";
 
 // ---- The record of what was added ----
@@ -88,22 +90,21 @@ bool storeHasProfile(const StoreSnapshot& store) {
 }
 
 /// Writes the first settings if there are none: apply mode "batch", which no connection
-/// notices, or "lines" if ip6tables cannot run.
-void writeFirstSettings(Context& context, bool filtersIpv6) {
+/// notices, or "lines" if ip6tables fails.
+void writeFirstSettings(Context& context, bool ipv6Works) {
     if (context.store().hasSettings()) {
         return;
     }
-    const ApplyMode mode = filtersIpv6 ? ApplyMode::kBatch : ApplyMode::kLines;
+    const ApplyMode mode = ipv6Works ? ApplyMode::kBatch : ApplyMode::kLines;
     context.session().setApplyMode(mode);
     std::cout << "Settings written to " << kSettingsFile << ": "
               << "apply mode \"" << applyModeName(mode) << '"'
-              << (filtersIpv6 ? "" : ", because ip6tables cannot run")
-              << " (see \"tarnfw apply-mode\")\n";
+              << (ipv6Works ? "" : ", because ip6tables fails") << " (see \"tarnfw apply-mode\")\n";
 }
 
 /// Writes the first profile if there is none, and the settings with it. Not through the store:
 /// its generator of file names needs a profile to compare with, and would not return.
-void writeFirstProfile(bool filtersIpv6, const LockTime& time) {
+void writeFirstProfile(bool ipv6Works, const LockTime& time) {
     makeProfileDirectory();
     // First without the lock: at boot a stopped command, or a file that is no document, must not
     // keep the machine from its rules.
@@ -132,12 +133,16 @@ void writeFirstProfile(bool filtersIpv6, const LockTime& time) {
     }
     std::cout << "Profile " << inQuotes(document["name"].asString()) << " written to " << path
               << '\n';
-    writeFirstSettings(context, filtersIpv6);
+    writeFirstSettings(context, ipv6Works);
 }
 
 // ---- Commands ----
 
 void setUp(BaseFilter filter) {
+    if (MachineKernel().isAbsent(filter.key())) {
+        std::cout << filter.title() << ": " << kAbsent << '\n';
+        return;
+    }
     const BaseParts parts = filter.missing();
     if (!parts.empty()) {
         // Recorded first, so that "base down" also removes what an interrupted call added.
@@ -199,12 +204,16 @@ void baseDown() {
 }
 
 Json::Value statusJson(const BaseFilter& filter) {
+    Json::Value state;
+    state["absent"] = MachineKernel().isAbsent(filter.key());
+    if (state["absent"].asBool()) {
+        return state;
+    }
     const BaseParts parts = filter.missing();
     Json::Value missing(Json::objectValue);
     missing["chains"] = Json::Value(Json::arrayValue);
     missing["jumps"] = Json::Value(Json::arrayValue);
     addToRecord(missing, parts);
-    Json::Value state;
     state["setUp"] = parts.empty();
     state["inOrder"] = filter.inOrder();
     state["missing"] = missing;
@@ -212,6 +221,9 @@ Json::Value statusJson(const BaseFilter& filter) {
 }
 
 std::string statusText(const BaseFilter& filter) {
+    if (MachineKernel().isAbsent(filter.key())) {
+        return kAbsent;
+    }
     const BaseParts parts = filter.missing();
     if (!parts.empty()) {
         return "missing: " + describe(parts);
@@ -222,7 +234,7 @@ std::string statusText(const BaseFilter& filter) {
 void baseStatus(bool json) {
     requireRoot();
     Json::Value document;
-    for (const BaseFilter& filter : baseFilters()) {
+    for (const BaseFilter& filter : {BaseFilter("v4"), BaseFilter("v6")}) {
         if (json) {
             document[filter.key()] = statusJson(filter);
         } else {

@@ -1,4 +1,5 @@
 /// tarnfw check: the findings of a profile, and the kernel's answers.
+#include <algorithm>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -88,9 +89,17 @@ Finding refused(const TracedLine& line, const std::string& words) {
     return finding;
 }
 
-/// Loads every line of a profile into a scratch kernel. Returns how many there are.
+/// Loads every line of a profile into a scratch kernel, but none of a family that the machine does
+/// not have. Returns how many there are.
 std::size_t loadIntoKernel(const Json::Value& document, std::vector<Finding>& findings) {
-    const std::vector<TracedLine> lines = linesOf(document, findings);
+    std::vector<TracedLine> lines = linesOf(document, findings);
+    const std::vector<std::string> families = MachineKernel().families();
+    lines.erase(std::remove_if(lines.begin(), lines.end(),
+                               [&](const TracedLine& line) {
+                                   return std::find(families.begin(), families.end(),
+                                                    line.family) == families.end();
+                               }),
+                lines.end());
     const ScratchKernel kernel;
     Progress progress("Loading lines", lines.size());
     for (const TracedLine& line : lines) {

@@ -29,7 +29,6 @@ namespace {
 constexpr char kFilter[] = "filter";
 constexpr const char* kPolicyChains[] = {"INPUT", "FORWARD"};
 constexpr char kAccept[] = "ACCEPT";
-constexpr const char* kFamilies[] = {"v4", "v6"};
 constexpr std::size_t kContext = 1;  // lines shown around a difference
 
 /// A table and a chain of it.
@@ -88,12 +87,14 @@ public:
     WantedRules(const StoreSnapshot& store, const PacketFilter& machine)
         : mode_(store.applyMode()),
           lines_(tracedLines(store.profile(""), mode_)),
-          machine_(machine) {
+          machine_(machine),
+          families_(machine.families()) {
         if (!loadAtOnce(store.profile(""))) {
             loadLineByLine();
         }
     }
 
+    const std::vector<std::string>& families() const { return families_; }
     const std::vector<TracedLine>& lines() const { return lines_; }
     std::size_t refused() const { return refused_; }
     RuleListing listing(const std::string& family, const std::string& table) const {
@@ -105,7 +106,7 @@ private:
     void makeKernel() {
         kernel_.reset();
         kernel_ = std::make_unique<ScratchKernel>();
-        for (const char* const family : kFamilies) {
+        for (const std::string& family : families_) {
             for (const auto& [table, chain] : otherPlaces(lines_, family)) {
                 if (listingOf(machine_, family, table).has(chain)) {
                     // Fails for a built-in chain, which exists.
@@ -122,7 +123,7 @@ private:
         }
         const Progress progress("Loading the rules of \"" + profile.name + "\"");
         makeKernel();
-        return std::all_of(std::begin(kFamilies), std::end(kFamilies), [&](const char* family) {
+        return std::all_of(families_.begin(), families_.end(), [&](const std::string& family) {
             const std::string text = FW::FW_BATCH().restoreText(commands, family);
             return !text.empty() && kernel_->restore(family, text).status == 0;
         });
@@ -133,7 +134,9 @@ private:
         makeKernel();
         Progress progress("Loading lines", lines_.size());
         for (const TracedLine& line : lines_) {
-            refused_ += kernel_->load(line).empty() ? 0 : 1;
+            const bool wanted =
+                std::find(families_.begin(), families_.end(), line.family) != families_.end();
+            refused_ += !wanted || kernel_->load(line).empty() ? 0 : 1;
             progress.step();
         }
     }
@@ -141,6 +144,7 @@ private:
     ApplyMode mode_;
     std::vector<TracedLine> lines_;
     const PacketFilter& machine_;
+    std::vector<std::string> families_;  ///< those that it has
     std::unique_ptr<ScratchKernel> kernel_;
     std::size_t refused_ = 0;
 };
@@ -311,11 +315,11 @@ void diff(bool json) {
     if (compared.enabled) {
         const WantedRules wanted(store, machine);
         compared.refused = wanted.refused();
-        for (const char* const family : kFamilies) {
+        for (const std::string& family : wanted.families()) {
             comparison.compare(family, machine, wanted);
         }
     } else {
-        for (const char* const family : kFamilies) {
+        for (const std::string& family : machine.families()) {
             comparison.compareDisabled(family, machine);
         }
     }

@@ -258,6 +258,10 @@ void status(bool json) {
         table.addRow(
             {{"In the kernel:"}, {filter.title + " " + counted(filter.loadedRules, "rule")}});
     }
+    if (filters.size() == 1) {
+        table.addRow(
+            {{"In the kernel:"}, {"IPv6 absent: this machine has no packet filter for it"}});
+    }
     table.addRow({{"Apply mode:"}, {applyMode}});
     table.addRow({{"Kernel modules:"}, {modules ? "loaded for the firewall" : "not loaded"}});
     if (trial) {

@@ -1,0 +1,71 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# A machine without IPv6 has a firewall for IPv4: no command fails for want of ip6tables, whether there is
+# no such program or the kernel does not have the family. "base up" and "status" name what is absent.
+
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+# The programs as they answer on a kernel without IPv6, and none at all.
+kernel_without_ipv6() {
+    mkdir /tmp/wrapped
+    cp -- "/usr/sbin/xtables-$variant-multi" /tmp/wrapped/iptables
+    cat >/tmp/wrapper <<'END'
+#!/bin/sh
+case ${0##*/} in
+ip6tables*)
+    echo "${0##*/} v1 (legacy): can't initialize ip6tables table \`filter': Address family not supported by protocol" >&2
+    exit 3
+    ;;
+esac
+exec -a "${0##*/}" /tmp/wrapped/iptables "$@"
+END
+    sed -i '1s/sh$/bash/' /tmp/wrapper # for "exec -a"
+    chmod +x /tmp/wrapper
+    mount --bind /tmp/wrapper "/usr/sbin/xtables-$variant-multi"
+}
+
+no_ip6tables() {
+    umount "/usr/sbin/xtables-$variant-multi"
+    mkdir /tmp/sbin
+    cp --archive -- /usr/sbin/. /tmp/sbin/
+    rm -- /tmp/sbin/ip6tables*
+    mount --bind /tmp/sbin /usr/sbin
+}
+
+# all_commands: a firewall's life on this machine.
+all_commands() {
+    local mode
+    rm -f -- "$kProfileDirectory"/*.json
+    answers 0 base up
+    silent
+    says '^IPv4: added chains FIREWALL_RELOADING, '
+    says '^IPv6: absent: this machine has no packet filter for it$'
+    says '^Settings written to .*: apply mode "batch" '
+    answers 0 base status
+    says '^IPv6: absent: '
+    answers 0 base status --json
+    step 'IPv6 is absent' [ "$(jq --compact-output '[.v4.absent, .v6.absent]' "$out/answer")" = '[false,true]' ]
+    use_profile deny_by_default
+    for mode in batch lines; do
+        answers 0 apply-mode "$mode"
+        answers 0 enable --yes
+        step 'the rules of IPv4 are there' iptables -S INPUT_FIREWALL 1
+        answers 0 reload --yes
+        step 'the policies accept' [ "$(iptables -S | grep -c -- '^-P .* DROP')" = 0 ]
+        answers 0 diff
+        answers 0 check deny_by_default --kernel
+        answers 0 status
+        says 'IPv6.* absent'
+        answers 0 disable
+        step 'the rules are gone' [ -z "$(iptables -S INPUT_FIREWALL 1)" ]
+        answers 0 diff
+    done
+    answers 0 base down
+    silent
+}
+
+make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
+kernel_without_ipv6
+all_commands
+no_ip6tables
+all_commands
