@@ -50,19 +50,19 @@ def enter():
 
 
 def nobody_confirms():
-    return ended(begun("1"), "nobody confirmed in time; the active profile's rules are in force")
+    return ended(begun("1"), "nobody confirmed in time; the previous rules are in force again")
 
 
 def ctrl_c():
     command = begun()
     command.sendintr()
-    return ended(command, "was not kept: cancelled; the active profile's rules are in force again")
+    return ended(command, "was not kept: cancelled; the previous rules are in force again")
 
 
 def ctrl_d():
     command = begun()
     command.sendeof()
-    return ended(command, "was not kept: cancelled; the active profile's rules are in force again")
+    return ended(command, "was not kept: cancelled; the previous rules are in force again")
 
 
 def terminal_lost():
@@ -82,7 +82,7 @@ def command_killed():
 def watchdog_killed():
     command = begun()
     os.kill(watchdog_of(command.pid), signal.SIGKILL)
-    return ended(command, "the watchdog was killed; the active profile's rules are in force again")
+    return ended(command, "the watchdog was killed; the previous rules are in force again")
 
 
 def both_killed():

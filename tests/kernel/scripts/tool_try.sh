@@ -4,76 +4,15 @@
 # shellcheck source=tests/kernel/answers.sh
 source "$checkout/tests/kernel/answers.sh"
 
-readonly kTrialSocket=/run/tarn/trial.sock
-readonly kLong=600 # seconds that no trial here takes
-
-# on_terminal STATUS SCENARIO: runs a scenario of tool_try.py, which runs the tool on its own terminal.
-on_terminal() {
-    local status=0
-    printf -- '-- %s: on a terminal: %s\n' "$1" "$2"
-    /usr/bin/python3 "$checkout/tests/kernel/scripts/tool_try.py" "$build/tools/tarnfw/tarnfw" "$2" ||
-        status=$?
-    [[ $status == "$1" ]] || fail "$2 ends with $status instead of $1"
-}
-
-# in_background ARGUMENT...: "tarnfw try" without a terminal; returns when the rules are in force.
-in_background() {
-    rm -f -- "$out/trial"
-    mkfifo "$out/trial.fifo"
-    "$build/tools/tarnfw/tarnfw" try "$@" </dev/null >"$out/trial.fifo" 2>"$out/trial.complaint" &
-    trial=$!
-    exec {reports}<"$out/trial.fifo"
-    rm -- "$out/trial.fifo"
-    local line way
-    read -r line <&"$reports"
-    [[ $line == *'are in force'* ]] || fail "the trial does not begin: $line"
-    read -r way <&"$reports"
-    [[ $way == '"tarnfw try --confirm" keeps them.' ]] || fail "not how to keep them: $way"
-}
-
-# ends STATUS: the trial in the background ends with it.
-ends() {
-    local status=0
-    wait "$trial" || status=$?
-    exec {reports}<&-
-    [[ $status == "$1" ]] || {
-        cat -- "$out/trial.complaint"
-        fail "the trial ends with $status instead of $1"
-    }
-}
-
-await_end() {
-    while [[ -S $kTrialSocket ]]; do
-        :
-    done
-}
-
-# gone_back: the rules are those of before, and nothing is left of the trial.
-gone_back() {
-    step 'the rules are those of before' same_listing home
-    step 'the settings are those of before' cmp "$kSettings" /tmp/settings
-    step 'no test profile is left' [ -z "$(grep --files-with-matches .test_ "$kProfileDirectory"/*)" ]
-    step 'nobody listens any more' [ ! -e "$kTrialSocket" ]
-}
+# shellcheck source=tests/kernel/trials.sh
+source "$checkout/tests/kernel/trials.sh"
 
 # --- two profiles ----------------------------------------------------------------------------------
 
-make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
-answers 0 base up
-use_profile deny_by_default
-cp -- "$checkout/tests/kernel/cases/deny_ssh_on_one_adapter/profile.json" "$kProfileDirectory/new.json"
-new=deny_ssh_on_one_adapter
-
+store_two_profiles
 answers 1 try "$new"
 complains '^tarnfw: the firewall is disabled, so a trial has no rules to restore; "tarnfw enable" switches it on$'
-activate "$new"
-answers 0 enable
-keep_listing new
-activate deny_by_default
-answers 0 enable
-keep_listing home
-cp -- "$kSettings" /tmp/settings
-step 'the two differ' [ "$(<"$out/new.v4")" != "$(<"$out/home.v4")" ]
+keep_both_listings
 
 # --- what cannot be tried --------------------------------------------------------------------------
 
@@ -114,7 +53,7 @@ step 'the trial is abandoned' [ -e "$kTrialSocket" ]
 answers 0 status
 says "^Trial: *of \"$new\", abandoned; \"tarnfw try --cancel\" ends it"
 answers 0 try --cancel
-prints <<<"Abandoned trial of \"$new\" ended; the active profile's rules are in force"
+prints <<<"Abandoned trial of \"$new\" ended; the previous rules are in force again"
 gone_back
 
 # Typed before the rules were in force: for something else.
@@ -138,9 +77,9 @@ step 'established connections get nothing extra' [ -z "$(grep ESTABLISHED "$out/
 answers 0 status
 says "^Trial: *of \"$new\", [0-9]* s left"
 answers 1 try "$new"
-complains '^tarnfw: another trial is running; "tarnfw status" shows it$'
+complains "^tarnfw: a trial of \"$new\" is running; \"tarnfw try --confirm\" keeps its rules, "
 answers 0 try --cancel
-prints <<<"Trial of \"$new\" ended; the active profile's rules are in force"
+prints <<<"Trial of \"$new\" ended; the previous rules are in force again"
 ends 1
 gone_back
 
@@ -185,13 +124,3 @@ answers 1 try single_address
 step 'why is said' grep --quiet "was not kept: its rules cannot be applied" "$out/complaint"
 rm -- "$kProfileDirectory/broken.json"
 gone_back
-
-# --- a firewall that is switched off meanwhile ------------------------------------------------------
-
-in_background "$new" --timeout "$kLong"
-answers 0 disable
-answers 0 try --cancel
-ends 1
-answers 0 status
-says '^Firewall: *disabled$'
-step 'nothing is in force' [ -z "$(listing v4 | grep -- '^-A INPUT_FIREWALL')" ]

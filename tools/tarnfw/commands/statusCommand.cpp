@@ -16,7 +16,7 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
-#include "process/trial.h"
+#include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/ruleText.h"
@@ -44,12 +44,6 @@ struct FilterState {
     BaseParts missing;
     bool inOrder = true;
     std::size_t loadedRules = 0;
-};
-
-/// The running or abandoned trial.
-struct TrialState {
-    std::string profile;
-    std::optional<Json::Int64> secondsLeft;  ///< none: abandoned
 };
 
 std::vector<AdapterState> adapterStates(const FW::FWPROFILE& profile) {
@@ -118,22 +112,6 @@ std::vector<FilterState> filterStates(const std::vector<BaseFilter>& kernel) {
     return states;
 }
 
-std::optional<TrialState> trialState(const StoreSnapshot& store) {
-    if (const std::optional<Channel> trial = callTrial()) {
-        Json::Value message;
-        message["ask"] = kAskState;
-        trial->send(message);
-        if (const std::optional<Json::Value> state = trial->receive()) {
-            return TrialState{state->get("profile", "").asString(),
-                              state->get("secondsLeft", 0).asInt64()};
-        }
-    }
-    if (const std::optional<std::string> name = abandonedTrial(store)) {
-        return TrialState{*name, std::nullopt};
-    }
-    return std::nullopt;
-}
-
 std::string baseText(const FilterState& filter) {
     if (!filter.missing.empty()) {
         return "lacks " + describe(filter.missing);
@@ -160,20 +138,31 @@ Json::Value filterJson(const FilterState& filter) {
     return entry;
 }
 
+const char* phaseName(TrialState::Phase phase) {
+    switch (phase) {
+        case TrialState::Phase::kGoesOn:
+            return "in force";
+        case TrialState::Phase::kEnding:
+            return "ending";
+        case TrialState::Phase::kNotAnswering:
+            return "not answering";
+        case TrialState::Phase::kAbandoned:
+            break;
+    }
+    return "abandoned";
+}
+
 Json::Value trialJson(const std::optional<TrialState>& trial) {
     Json::Value entry;
     if (trial) {
         entry["profile"] = trial->profile;
-        entry["secondsLeft"] =
-            trial->secondsLeft ? Json::Value(*trial->secondsLeft) : Json::Value();
+        entry["state"] = phaseName(trial->phase);
+        entry["obstacle"] = trial->obstacle;
+        entry["secondsLeft"] = trial->phase == TrialState::Phase::kGoesOn
+                                   ? Json::Value(static_cast<Json::Int64>(trial->secondsLeft))
+                                   : Json::Value();
     }
     return entry;
-}
-
-std::string trialText(const TrialState& trial) {
-    const std::string name = "of " + inQuotes(trial.profile);
-    return trial.secondsLeft ? name + ", " + std::to_string(*trial.secondsLeft) + " s left"
-                             : name + ", abandoned; \"tarnfw try --cancel\" ends it";
 }
 
 void printAdapters(const std::vector<AdapterState>& states) {

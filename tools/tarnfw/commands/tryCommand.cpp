@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <termios.h>
 #include <unistd.h>
@@ -11,12 +12,12 @@
 #include <array>
 #include <chrono>
 #include <exception>
+#include <functional>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
-
-#include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
 #include "cli/commandLine.h"
@@ -24,6 +25,8 @@
 #include "commands/applying.h"
 #include "commands/commands.h"
 #include "process/trial.h"
+#include "process/trialState.h"
+#include "process/trialWatch.h"
 #include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/process.h"
 
@@ -36,6 +39,9 @@ constexpr int kDefaultSeconds = 60;
 constexpr int kMaxSeconds = 86400;
 constexpr int kTick = 1000;  // ms between two lines of the countdown
 
+// How long a terminal waits for the end of a trial that cannot end; the watchdog goes on.
+constexpr std::chrono::seconds kEndPatience{40};
+
 struct TryOptions {
     std::string profile;
     int seconds = kDefaultSeconds;
@@ -46,6 +52,7 @@ struct TryOptions {
 // ---- Conditions of a trial ----
 
 void requireTriable(const std::string& name) {
+    requireNoTrial();
     Context context(StoreSession::Access::kChange);
     const StoreSnapshot& store = context.store();
     store.requireProfile(name);
@@ -59,6 +66,11 @@ void requireTriable(const std::string& name) {
                                               " is the active one, which a trial restores; try a "
                                               "copy of it (\"tarnfw profile copy\")");
     }
+    if (const std::optional<std::string> abandoned = abandonedTrial(store)) {
+        throw Error(ErrorKind::kBusy, "the trial of " + inQuotes(*abandoned) +
+                                          " was abandoned; \"tarnfw try --cancel\" ends it");
+    }
+    requireRestorable(store.profile(name));
     context.control().requireBase();
     // Whether there is room for the test profile.
     StoreTransaction(context.session(), StoreTransaction::Extent::kOneDocument).finish();
@@ -78,45 +90,107 @@ sigset_t blockEndingSignals() {
     return set;
 }
 
-/// Detaches from the terminal, so that its end does not end this process.
-void leaveTerminal() {
+/// Detaches from the terminal, so that its end does not end this process. The library's log goes to
+/// a file: a terminal that takes no more output, as when its connection hangs, would stop the
+/// watchdog.
+void leaveTerminal(const Descriptor& log) {
     (void)setsid();
     (void)prctl(PR_SET_NAME, "tarnfw-watchdog");  // so that "killall tarnfw" does not find it
     const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
     (void)dup2(nothing, STDIN_FILENO);
     (void)dup2(nothing, STDOUT_FILENO);
-    (void)signal(SIGPIPE, SIG_IGN);  // nobody may read the pipe for the library's log
+    (void)dup2(log.get(), STDERR_FILENO);
+    (void)signal(SIGPIPE, SIG_IGN);  // of a program that ends before it has read its input
 }
 
-/// Starts the watchdog; returns the connection to it.
-Channel startWatchdog(const Trial& trial, pid_t& process) {
+/// A watchdog, and the connection to it.
+struct Watchdog {
+    Channel channel;
+    pid_t process = -1;
+    Descriptor log = memoryFile("log");
+
+    /// Prints what it has logged.
+    void printLog() const {
+        std::string text;
+        (void)lseek(log.get(), 0, SEEK_SET);
+        (void)readAll(log.get(), text);
+        std::cerr << text;
+    }
+
+    /// A stopped watchdog would not go back.
+    void wake() const {
+        int status = 0;
+        if (waitpid(process, &status, WNOHANG | WUNTRACED) == process && WIFSTOPPED(status)) {
+            (void)kill(process, SIGCONT);
+        }
+    }
+};
+
+using WatchdogWork = std::function<void(const Channel& terminal, const Channel& listener)>;
+
+/// Starts a process for `work`, which nothing ends but the work itself.
+Watchdog startWatchdog(const WatchdogWork& work) {
     const Channel listener = listenForTerminals();
     std::pair<Channel, Channel> ends = connectedChannels();
+    Watchdog watchdog;
     try {
-        process = startProcess("the watchdog", [&] {
+        watchdog.process = startProcess("the watchdog", [&] {
             ends.first = Channel();
-            leaveTerminal();
+            leaveTerminal(watchdog.log);
             try {
-                watchTrial(trial, ends.second, listener);
+                work(ends.second, listener);
                 return 0;
             } catch (const std::exception& error) {
                 syslog(LOG_ERR, "%s", error.what());
-                return 1;  // the terminal restores the rules, as after a killed watchdog
+                return 1;  // the terminal starts another one, as after a killed watchdog
             }
         });
     } catch (const Error&) {
         stopListening();
         throw;
     }
-    return std::move(ends.first);
+    watchdog.channel = std::move(ends.first);
+    return watchdog;
 }
 
 // ---- The terminal's side ----
 
+/// Says on standard error why a trial is not over yet.
+class Retries {
+public:
+    /// Returns whether the report is about that; after 40 seconds it is taken for the last one.
+    bool isShown(const Json::Value& report) {
+        if (report.get("state", "").asString() != kTrialEnding || isLeft()) {
+            return false;
+        }
+        if (!begin_) {
+            begin_ = Clock::now();
+        }
+        const std::string obstacle = report.get("obstacle", "").asString();
+        if (obstacle != shown_) {
+            shown_ = obstacle;
+            warn("the trial is not over yet, trying again: " + obstacle);
+        }
+        last_ = report;
+        return true;
+    }
+
+    /// Whether the terminal has waited long enough.
+    bool isLeft() const { return begin_ && Clock::now() - *begin_ > kEndPatience; }
+
+    /// The report so far; nothing where all has gone well.
+    const std::optional<Json::Value>& last() const { return last_; }
+
+private:
+    std::optional<Clock::time_point> begin_;
+    std::string shown_;
+    std::optional<Json::Value> last_;
+};
+
 /// Waits for the person, the watchdog or a signal, and shows the time left.
 class Countdown {
 public:
-    Countdown(const Trial& trial, const Channel& watchdog, const sigset_t& signals)
+    Countdown(const Trial& trial, const Watchdog& watchdog, const sigset_t& signals)
         : trial_(trial),
           watchdog_(watchdog),
           signals_(signalfd(-1, &signals, SFD_CLOEXEC)),
@@ -125,25 +199,42 @@ public:
         (void)tcflush(STDIN_FILENO, TCIFLUSH);
     }
 
-    /// The watchdog's last report; nothing if the watchdog has ended.
-    std::optional<Json::Value> wait() {
-        announce();
+    /// The watchdog's last report after the first one, or the last one so far when going back takes
+    /// too long or the person does not want to wait; nothing if the watchdog has ended.
+    std::optional<Json::Value> wait(const Json::Value& first) {
+        if (first.get("state", "").asString() == kTrialGoesOn) {
+            announce();
+        } else if (retries_.isShown(first)) {
+            onTerminal_ = false;
+        } else {
+            return first;
+        }
         for (;;) {
-            std::array<pollfd, 3> events = {pollfd{watchdog_.fd(), POLLIN, 0},
+            std::array<pollfd, 3> events = {pollfd{watchdog_.channel.fd(), POLLIN, 0},
                                             pollfd{signals_.get(), POLLIN, 0},
                                             pollfd{onTerminal_ ? STDIN_FILENO : -1, POLLIN, 0}};
             (void)poll(events.data(), events.size(), kTick);
             if (events[0].revents != 0) {
                 clearLine();
-                return watchdog_.receive();
+                std::optional<Json::Value> report = watchdog_.channel.receive();
+                if (!report || !retries_.isShown(*report)) {
+                    return report;
+                }
+                onTerminal_ = false;
+            }
+            if (retries_.isLeft() || (events[1].revents != 0 && retries_.last())) {
+                return retries_.last();
             }
             if (events[1].revents != 0) {
                 ask(kAskCancel);
-                (void)signals_.close();  // one is enough
+                (void)takeSignal();
             }
             if (events[2].revents != 0) {
                 ask(enterPressed() ? kAskConfirm : kAskCancel);
                 onTerminal_ = false;
+            }
+            if (Clock::now() > end_) {
+                watchdog_.wake();
             }
             showTime();
         }
@@ -153,7 +244,12 @@ private:
     void ask(const char* what) const {
         Json::Value message;
         message["ask"] = what;
-        watchdog_.send(message);
+        watchdog_.channel.send(message);
+    }
+
+    bool takeSignal() const {
+        signalfd_siginfo taken{};
+        return read(signals_.get(), &taken, sizeof(taken)) > 0;
     }
 
     /// A lost terminal, or Ctrl-D, does not confirm.
@@ -186,9 +282,10 @@ private:
     }
 
     const Trial& trial_;
-    const Channel& watchdog_;
+    const Watchdog& watchdog_;
     Descriptor signals_;
     bool onTerminal_;
+    Retries retries_;
     Clock::time_point end_ = Clock::now() + trial_.timeout;
 };
 
@@ -196,106 +293,118 @@ private:
 void conclude(const std::string& name, const Json::Value& report) {
     const std::string state = report.get("state", "").asString();
     const std::string reason = report.get("reason", "").asString();
+    const std::string obstacle = report.get("obstacle", "").asString();
     const std::string profile = "profile " + inQuotes(name);
     if (state == kTrialAdopted) {
         std::cout << "Kept: " << profile << " is now the active one\n";
         return;
     }
-    if (state == kTrialReverted) {
-        throw Error(ErrorKind::kSystem, profile + " was not kept: " + reason +
-                                            "; the active profile's rules are in force again");
+    if (state == kTrialNotBegun) {
+        throw Error(ErrorKind::kSystem, profile + " was not tried: " + reason);
     }
-    throw Error(ErrorKind::kSystem, profile + " was not kept: " + reason);
+    if (state == kTrialReverted) {
+        throw Error(ErrorKind::kSystem,
+                    profile + " was not kept: " + reason + "; " + report.get("now", "").asString());
+    }
+    if (reason.empty()) {
+        throw Error(ErrorKind::kBusy, profile + " is not kept yet; see \"tarnfw status\"");
+    }
+    throw Error(ErrorKind::kBusy, profile + " was not kept: " + reason +
+                                      (obstacle.empty() ? "" : "; not over yet: " + obstacle) +
+                                      "; \"tarnfw status\" shows when it is over");
 }
 
-/// Ends a trial that has no watchdog.
-bool goBackWhole(const std::string& name) {
-    return runWhole("Restoring the active profile", [&] { return revertTrial(name); });
+/// Waits for the watchdog's next report; nothing if it has ended.
+std::optional<Json::Value> nextReport(const Watchdog& watchdog) {
+    while (!watchdog.channel.awaits(std::chrono::milliseconds(kTick))) {
+        watchdog.wake();
+    }
+    return watchdog.channel.receive();
 }
 
-/// The watchdog was killed, so this process restores the active profile.
-void goBackWithoutWatchdog(const std::string& name) {
-    const bool reverted = goBackWhole(name);
-    stopListening();
-    throw Error(ErrorKind::kSystem,
-                "profile " + inQuotes(name) + " was not kept: the watchdog was killed" +
-                    (reverted ? "; the active profile's rules are in force again"
-                              : ", and the active profile could not be restored"));
-}
-
-/// The report on the start of the trial; nothing if the watchdog has ended.
-std::optional<Json::Value> firstReport(const Trial& trial, const Channel& watchdog) {
-    const Progress progress("Applying the rules of \"" + trial.name + "\"");
-    return watchdog.receive();
+/// Ends a trial whose watchdog is gone, with a new one; the last report. Whoever kills that one,
+/// too, leaves the trial abandoned.
+Json::Value endAbandoned(const std::string& name, const std::string& reason) {
+    const Watchdog watchdog = startWatchdog([&](const Channel& terminal, const Channel& listener) {
+        watchAbandonedTrial(name, reason, terminal, listener);
+    });
+    const Progress progress("Restoring the previous rules");
+    Retries retries;
+    for (;;) {
+        const bool heard = watchdog.channel.awaits(std::chrono::milliseconds(kTick));
+        if (heard) {
+            const std::optional<Json::Value> report = watchdog.channel.receive();
+            if (!report) {
+                throw Error(ErrorKind::kSystem, "the watchdog of " + inQuotes(name) +
+                                                    " was killed; see \"tarnfw status\"");
+            }
+            if (!retries.isShown(*report)) {
+                watchdog.printLog();
+                return *report;
+            }
+        }
+        if (retries.isLeft()) {
+            return *retries.last();
+        }
+        watchdog.wake();
+    }
 }
 
 void tryProfile(const TryOptions& options) {
     const Trial trial{options.profile, std::chrono::seconds(options.seconds)};
     requireTriable(trial.name);
     const sigset_t signals = blockEndingSignals();
-    pid_t process = -1;
     std::cout << std::flush;
-    const Channel watchdog = startWatchdog(trial, process);
-    std::optional<Json::Value> report = firstReport(trial, watchdog);
-    if (report && report->get("state", "").asString() == kTrialGoesOn) {
-        report = Countdown(trial, watchdog, signals).wait();
+    const Watchdog watchdog = startWatchdog([&](const Channel& terminal, const Channel& listener) {
+        watchTrial(trial, terminal, listener);
+    });
+    std::optional<Json::Value> report;
+    {
+        const Progress progress("Applying the rules of \"" + trial.name + "\"");
+        report = nextReport(watchdog);
     }
-    (void)waitStatusOf(process);  // its report says how it ended
-    if (!report) {
-        goBackWithoutWatchdog(trial.name);
+    if (report) {
+        report = Countdown(trial, watchdog, signals).wait(*report);
     }
-    conclude(trial.name, *report);
+    watchdog.printLog();
+    conclude(trial.name, report ? *report : endAbandoned(trial.name, "the watchdog was killed"));
 }
 
 // ---- From another terminal ----
 
-/// The running trial's answer; nothing if it has just ended.
-std::optional<Json::Value> askTrial(const Channel& trial, const char* what) {
-    Json::Value message;
-    message["ask"] = what;
-    trial.send(message);
-    return trial.receive();
-}
-
 void confirmTrial() {
     const std::optional<Channel> trial = callTrial();
     if (!trial) {
-        throw Error(ErrorKind::kNotFound, "there is no trial");
+        throw Error(ErrorKind::kNotFound, StoreSnapshot().firewallEnabled()
+                                              ? "there is no trial"
+                                              : "there is no trial: the firewall is disabled, and "
+                                                "nothing was kept");
     }
-    const std::optional<Json::Value> report = askTrial(*trial, kAskConfirm);
-    if (!report) {
-        throw Error(ErrorKind::kNotFound, "the trial has just ended");
-    }
-    conclude(report->get("profile", "").asString(), *report);
+    const Json::Value report = askTrial(*trial, kAskConfirm);
+    conclude(report.get("profile", "").asString(), report);
 }
 
-/// Ends an abandoned trial.
-void cancelAbandonedTrial() {
+/// Prints that a trial was cancelled. Throws Error where it is not over.
+void concludeCancelled(const std::string& whose, const Json::Value& report) {
+    if (report.get("state", "").asString() != kTrialReverted) {
+        conclude(report.get("profile", "").asString(), report);
+        return;
+    }
+    std::cout << whose << " of " << inQuotes(report.get("profile", "").asString()) << " ended; "
+              << report.get("now", "").asString() << '\n';
+}
+
+void cancelTrial() {
+    if (const std::optional<Channel> trial = callTrial()) {
+        concludeCancelled("Trial", askTrial(*trial, kAskCancel));
+        return;
+    }
     const std::optional<std::string> name = abandonedTrial(StoreSnapshot());
     if (!name) {
         throw Error(ErrorKind::kNotFound, "there is no trial");
     }
-    const bool reverted = goBackWhole(*name);
-    stopListening();
-    if (!reverted) {
-        throw Error(ErrorKind::kRefused, "the active profile could not be restored");
-    }
-    std::cout << "Abandoned trial of " << inQuotes(*name)
-              << " ended; the active profile's rules are in force\n";
-}
-
-void cancelTrial() {
-    const std::optional<Channel> trial = callTrial();
-    if (!trial) {
-        cancelAbandonedTrial();
-        return;
-    }
-    const std::optional<Json::Value> report = askTrial(*trial, kAskCancel);
-    if (!report || report->get("state", "").asString() != kTrialReverted) {
-        throw Error(ErrorKind::kSystem, "the trial did not end properly; see \"tarnfw status\"");
-    }
-    std::cout << "Trial of \"" << printable(report->get("profile", "").asString())
-              << "\" ended; the active profile's rules are in force\n";
+    (void)blockEndingSignals();
+    concludeCancelled("Abandoned trial", endAbandoned(*name, "cancelled"));
 }
 
 void run(const TryOptions& options) {
@@ -321,11 +430,11 @@ void addTryCommand(Command& app) {
     Option& profile = command.option(
         "PROFILE", options->profile,
         "A profile other than the active one; if confirmed, it becomes the active one");
-    Option& timeout = command
-                          .option("--timeout", options->seconds,
-                                  "Seconds until the active profile's rules are restored")
-                          .range(1, kMaxSeconds)
-                          .showDefault();
+    Option& timeout =
+        command
+            .option("--timeout", options->seconds, "Seconds until the previous rules are restored")
+            .range(1, kMaxSeconds)
+            .showDefault();
     Option& confirm = command.flag("--confirm", options->confirm, "Keep the rules on trial");
     Option& cancel =
         command.flag("--cancel", options->cancel,
@@ -334,9 +443,9 @@ void addTryCommand(Command& app) {
     cancel.excludes(profile).excludes(timeout);
     command.footer(
         "During the trial, established connections pass only if the rules allow them, so a "
-        "connection that keeps working is allowed.\nA watchdog restores the active profile's rules "
-        "after the time limit, on Ctrl-C, when the terminal is lost and when this command is "
-        "killed.");
+        "connection that keeps working is allowed.\nA watchdog restores the previous rules, and "
+        "tries until it has succeeded: after the time limit, on Ctrl-C, when the terminal is lost "
+        "and when this command is killed.");
     command.run([options] { run(*options); });
 }
 

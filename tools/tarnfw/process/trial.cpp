@@ -1,222 +1,487 @@
 #include "process/trial.h"
 
-#include <poll.h>
-#include <signal.h>
-#include <sys/signalfd.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstring>
 #include <exception>
+#include <map>
+#include <optional>
 #include <utility>
 #include <vector>
 
+#include <json/json.h>
+
 #include "tarnfirewall/tarnFW.h"
 
-#include "tarnfwadmin/descriptor.h"
+#include "process/trialRecord.h"
+#include "process/trialWatch.h"
+#include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/control.h"
+#include "tarnfwadmin/error.h"
 #include "tarnfwadmin/fileLock.h"
-#include "tarnfwadmin/storeSession.h"
+#include "tarnfwadmin/place.h"
+#include "tarnfwadmin/savedRules.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using std::chrono::seconds;
 
-constexpr int kLockSeconds = 30;
+constexpr seconds kAttemptLock{1};  // for each lock that an attempt to go back needs
+constexpr seconds kAdoptLock{20};   // for the locks of a confirmed trial; somebody waits
 
-Json::Value report(const std::string& name, const char* state, const std::string& reason) {
-    Json::Value message;
-    message["profile"] = name;
-    message["state"] = state;
-    message["reason"] = reason;
-    return message;
+// What is in force after a trial whose profile was not kept.
+constexpr char kNowPrevious[] = "the previous rules are in force again";
+constexpr char kNowActive[] = "the active profile's rules are in force";
+constexpr char kNowDisabled[] = "the firewall is disabled";
+
+std::string testProfileOf(const std::string& name) {
+    return kTestPrefix + name;
 }
 
-/// What a trial comes to, and whom to inform besides the terminal that began it.
-struct TrialOutcome {
-    bool adopt = false;
-    std::string reason;  ///< why not
-    Channel asker;
-};
-
-/// Waits for a confirmation, a cancellation or the time limit.
-class TrialWait {
-public:
-    TrialWait(const Trial& trial, const Channel& terminal, const Channel& listener)
-        : trial_(trial), terminal_(terminal), listener_(listener), signals_(terminationSignals()) {}
-
-    TrialOutcome outcome() const {
-        for (;;) {
-            std::array<pollfd, 3> events = {pollfd{terminal_.fd(), POLLIN, 0},
-                                            pollfd{listener_.fd(), POLLIN, 0},
-                                            pollfd{signals_.get(), POLLIN, 0}};
-            const auto left = timeLeft();
-            if (left <= Clock::duration::zero()) {
-                return {false, "nobody confirmed in time", {}};
-            }
-            const auto wait = std::chrono::ceil<std::chrono::milliseconds>(left).count();
-            (void)poll(events.data(), events.size(), static_cast<int>(wait));
-            if (events[2].revents != 0) {
-                return {false, "the watchdog was ended by a signal", {}};
-            }
-            std::optional<TrialOutcome> heard;
-            if (events[0].revents != 0) {
-                heard = hearTerminal();
-            } else if (events[1].revents != 0) {
-                heard = hearOther();
-            }
-            if (heard) {
-                return std::move(*heard);
-            }
-        }
-    }
-
-private:
-    static Descriptor terminationSignals() {
-        sigset_t set;
-        (void)sigemptyset(&set);
-        (void)sigaddset(&set, SIGTERM);
-        return Descriptor(signalfd(-1, &set, SFD_CLOEXEC));
-    }
-
-    Clock::duration timeLeft() const { return begin_ + trial_.timeout - Clock::now(); }
-
-    std::optional<TrialOutcome> hearTerminal() const {
-        const std::optional<Json::Value> message = terminal_.receive();
-        if (!message) {
-            return TrialOutcome{false, "the terminal was lost", {}};
-        }
-        return answer(*message, {});
-    }
-
-    std::optional<TrialOutcome> hearOther() const {
-        Channel caller = acceptTerminal(listener_);
-        const std::optional<Json::Value> message = caller.receive();
-        return message ? answer(*message, std::move(caller)) : std::nullopt;
-    }
-
-    std::optional<TrialOutcome> answer(const Json::Value& message, Channel asker) const {
-        const std::string ask = message.get("ask", "").asString();
-        if (ask == kAskConfirm) {
-            return TrialOutcome{true, "", std::move(asker)};
-        }
-        if (ask == kAskCancel) {
-            return TrialOutcome{false, "cancelled", std::move(asker)};
-        }
-        Json::Value state = report(trial_.name, kTrialGoesOn, "");
-        state["secondsLeft"] =
-            static_cast<Json::Int64>(std::chrono::ceil<std::chrono::seconds>(timeLeft()).count());
-        asker.send(state);
-        return std::nullopt;
-    }
-
-    const Trial& trial_;
-    const Channel& terminal_;
-    const Channel& listener_;
-    Descriptor signals_;
-    Clock::time_point begin_ = Clock::now();
-};
-
-/// Whether a step succeeds. If it throws, it has failed and the trial continues from there: only
-/// the watchdog can restore the rules.
-template <typename Step>
-bool succeeded(Step step) {
+bool isDisabled() {
     try {
-        return step();
-    } catch (const std::exception& error) {
-        syslog(LOG_ERR, "%s", error.what());
-        return false;
+        return !StoreSnapshot().firewallEnabled();
+    } catch (const std::exception&) {
+        return false;  // settings that cannot be read do not end a trial
     }
 }
 
-/// Stores the copy of the candidate that is tried.
-bool createTestProfile(const std::string& name) {
-    StoreSession session(StoreSession::Access::kChange);
-    const FW::FWPROFILE candidate = session.snapshot().profile(name);
-    return session.change([&] { return FW::TARNFW_PROFILE().CreateTestProfile(name, candidate); });
+/// The table or chain of a rule that the firewall does not empty, in words; empty without one.
+std::string foreignTarget(const FW::FWRULE& rule) {
+    if (rule.table != "filter") {
+        return "the table " + inQuotes(rule.table);
+    }
+    for (const std::string& chain : rule.chainList) {
+        if (std::count(FW::FW_FIREWALL_CHAINS.begin(), FW::FW_FIREWALL_CHAINS.end(), chain) == 0) {
+            return "the chain " + inQuotes(chain);
+        }
+    }
+    return "";
 }
 
-/// Puts the candidate's rules in force.
-bool apply(const std::string& name) {
-    const FileLock lock(kReloadLock, kLockSeconds);
-    return lock.held() && succeeded([&] {
-               return createTestProfile(name) && FW::TARNFW().TestApplyingProfile(name);
+// ---- The beginning ------------------------------------------------------------------------------
+
+/// The same rules with FIREWALL_RELOADING empty.
+SavedRules withoutReloading(const SavedRules& rules) {
+    std::map<std::string, FamilyRules> families = rules.families();
+    for (auto& [unused, own] : families) {
+        if (own.has(kReloadingChain)) {
+            own.chains[kReloadingChain].clear();
+        }
+    }
+    return SavedRules(std::move(families));
+}
+
+/// The same chains without rules.
+SavedRules emptied(const SavedRules& rules) {
+    std::map<std::string, FamilyRules> families = rules.families();
+    for (auto& [unused, own] : families) {
+        for (auto& [chain, lines] : own.chains) {
+            lines.clear();
+        }
+    }
+    return SavedRules(std::move(families));
+}
+
+/// The rules of `rules`, the policies of `policies`.
+SavedRules withPolicies(const SavedRules& rules, const SavedRules& policies) {
+    std::map<std::string, FamilyRules> families = rules.families();
+    for (auto& [family, own] : families) {
+        const auto found = policies.families().find(family);
+        if (found != policies.families().end()) {
+            own.policies = found->second.policies;
+        }
+    }
+    return SavedRules(std::move(families));
+}
+
+/// Makes the kernel have `wanted` where it has `now`.
+void change(const SavedRules& now, const SavedRules& wanted) {
+    if (!(now == wanted)) {
+        wanted.putBack();
+    }
+}
+
+/// Whether a reload that was killed has closed a family to new connections.
+bool isClosed(const FamilyRules& rules) {
+    const std::vector<std::string>& reloading = rules.rulesOf(kReloadingChain);
+    return (rules.hasPolicy("INPUT", "DROP") || rules.hasPolicy("FORWARD", "DROP")) &&
+           std::any_of(reloading.begin(), reloading.end(), [](const std::string& rule) {
+               return rule.find("ESTABLISHED") != std::string::npos;
            });
 }
 
-/// Makes the tried profile the active one; if that fails, the previous one is active again.
-bool adopt(const std::string& name) {
+/// What the trial goes back to. A rule that a killed reload has left in FIREWALL_RELOADING would
+/// keep the session alive of somebody whom the tried rules lock out: the chain is emptied.
+SavedRules startingPoint() {
+    const SavedRules now = SavedRules::inKernel();
+    for (const auto& [unused, rules] : now.families()) {
+        if (isClosed(rules)) {
+            throw Error(ErrorKind::kUnusable,
+                        "a reload was interrupted: the machine is closed to new connections; "
+                        "\"tarnfw reload\" opens it");
+        }
+    }
+    SavedRules before = withoutReloading(now);
+    change(now, before);
+    return before;
+}
+
+/// The documents of the profile on trial and of its copy: what is adopted must still be these.
+struct TrialDocuments {
+    Json::Value profile;
+    Json::Value copy;
+};
+
+TrialDocuments createTestProfile(StoreSession& session, const std::string& name) {
+    const FW::FWPROFILE candidate = session.snapshot().profile(name);
+    requireRestorable(candidate);
+    if (!session.change([&] { return FW::TARNFW_PROFILE().CreateTestProfile(name, candidate); })) {
+        throw Error(ErrorKind::kSystem, "its test profile cannot be stored");
+    }
+    const StoreSnapshot& store = session.snapshot();
+    return {store.documentOf(name), store.documentOf(testProfileOf(name))};
+}
+
+/// Puts the rules in force. Returns whether that has succeeded. Throws Error while the kernel still
+/// has the rules of before.
+bool begin(TrialRecord& record, TrialDocuments& documents) {
+    // The store's lock first, as in all commands.
     StoreSession session(StoreSession::Access::kChange);
-    const std::string before = session.snapshot().activeProfile();
-    FW::TARNFW_PROFILE store;
+    const FileLock lock(kReloadLock, session.lockTime());
+    if (!lock.held()) {
+        throwLocked(kReloadLock);
+    }
+    if (!session.snapshot().firewallEnabled()) {
+        throw Error(ErrorKind::kUnusable, "the firewall was disabled meanwhile");
+    }
+    record.active = session.snapshot().activeProfile();
+    record.watchdog = getpid();
+    record.before = startingPoint();
+    documents = createTestProfile(session, record.profile);
+    storeTrialRecord(record);
+    try {
+        if (!FW::TARNFW().TestApplyingProfile(record.profile)) {
+            return false;
+        }
+        const SavedRules now = SavedRules::inKernel();
+        record.tried = withPolicies(withoutReloading(now), record.before);
+        change(now, *record.tried);
+        storeTrialRecord(record);
+        return true;
+    } catch (const std::exception& error) {
+        syslog(LOG_ERR, "%s", reasonOf(error).c_str());
+        return false;
+    }
+}
+
+// ---- The end ------------------------------------------------------------------------------------
+
+/// The trial is over: what cannot be removed is only logged.
+void removeTracesOfAdopted(StoreSession& session, const std::string& name) {
+    try {
+        removeTraces(session, name);
+    } catch (const Error& error) {
+        syslog(LOG_ERR, "The trial of %s: %s", name.c_str(), error.what());
+    }
+}
+
+/// Makes the tried profile the active one. Throws Error, with the reason, where the settings may
+/// have changed but the kernel has not.
+void adopt(TrialRecord& record, const TrialDocuments& documents) {
+    StoreSession session(StoreSession::Access::kChange, LockTime(kAdoptLock));
+    const StoreSnapshot& store = session.snapshot();
+    if (!store.firewallEnabled()) {
+        throw Error(ErrorKind::kUnusable, "the firewall was disabled during the trial");
+    }
+    const auto isUnchanged = [&](const std::string& name, const Json::Value& document) {
+        return store.hasProfile(name) && store.documentOf(name) == document;
+    };
+    if (!isUnchanged(record.profile, documents.profile) ||
+        !isUnchanged(testProfileOf(record.profile), documents.copy)) {
+        throw Error(ErrorKind::kUnusable, "the profile was changed or deleted during the trial");
+    }
+    {
+        const FileLock lock(kReloadLock, session.lockTime());
+        if (!lock.held()) {
+            throwLocked(kReloadLock);
+        }
+        if (record.isChanged(SavedRules::inKernel())) {
+            throw Error(ErrorKind::kUnusable,
+                        "its rules are no longer in force: another program has changed them");
+        }
+    }
+    record.adopting = true;
+    storeTrialRecord(record);
     if (!session.changeMany([&] {
-            return store.AdoptTestProfile(name) &&
-                   FW::TARNFW().fwProfileConfigSet(name, /*reload=*/false);
+            return FW::TARNFW_PROFILE().AdoptTestProfile(record.profile) &&
+                   FW::TARNFW().fwProfileConfigSet(record.profile, /*reload=*/false);
         })) {
+        throw Error(ErrorKind::kSystem, "it cannot be stored as the active profile");
+    }
+    (void)Control(session).apply();
+    removeTracesOfAdopted(session, record.profile);
+}
+
+/// After rules that could not be applied: the library has disabled the firewall.
+void enableAgain() {
+    LockTime time(kAttemptLock);
+    awaitUnlocked(kReloadLock, time);
+    if (FW::TARNFW().fwEnable()) {
+        return;
+    }
+    // The rules of before are put back whether or not they can be made from the profile.
+    Json::Value settings;
+    settings["status"] = true;
+    if (!FW::TARNFW().configSet(settings)) {
+        throw Error(ErrorKind::kSystem, "the settings cannot be written");
+    }
+}
+
+/// Puts rules into the kernel and looks whether they are there.
+void putBackSeen(const SavedRules& rules) {
+    change(SavedRules::inKernel(), rules);
+    if (!(SavedRules::inKernel() == rules)) {
+        throw Error(ErrorKind::kSystem, "the kernel does not have the rules that were put back");
+    }
+}
+
+std::string applyActive() {
+    LockTime time(kAttemptLock);
+    awaitUnlocked(kReloadLock, time);  // or the library waits for it
+    StoreSession session(StoreSession::Access::kRead);
+    return Control(session).apply() ? kNowActive : kNowDisabled;
+}
+
+/// The rules of before the trial. Policies that another program has set during the trial stay.
+SavedRules goalOf(const TrialRecord& record, const SavedRules& now) {
+    return record.tried ? withPolicies(record.before, now) : record.before;
+}
+
+void putBackBefore(const TrialRecord& record) {
+    LockTime time(kAttemptLock);
+    const FileLock lock(kReloadLock, time);
+    if (!lock.held()) {
+        throwLocked(kReloadLock);
+    }
+    putBackSeen(goalOf(record, SavedRules::inKernel()));
+}
+
+/// One attempt to go back. Returns what is in force then. Throws Error, after which the next
+/// attempt may succeed.
+std::string restoreRules(const std::optional<TrialRecord>& record) {
+    bool isChanged = false;
+    {
+        LockTime time(kAttemptLock);
+        const FileLock lock(kReloadLock, time);
+        if (!lock.held()) {
+            throwLocked(kReloadLock);
+        }
+        const SavedRules now = SavedRules::inKernel();
+        if (isDisabled()) {
+            putBackSeen(emptied(now));
+            return kNowDisabled;
+        }
+        isChanged = !record || record->isChanged(now);
+        if (!isChanged) {
+            try {
+                putBackSeen(goalOf(*record, now));
+                return kNowPrevious;
+            } catch (const Error& error) {
+                syslog(LOG_ERR, "The trial of %s: %s", record->profile.c_str(), error.what());
+            }
+        }
+    }
+    // Another program has reloaded: the active profile is what it wanted. Or the rules of before
+    // cannot be put back as they were.
+    try {
+        return applyActive();
+    } catch (const Error& error) {
+        if (!record || !isChanged || error.kind() == ErrorKind::kBusy) {
+            throw;
+        }
+    }
+    putBackBefore(*record);
+    return kNowPrevious;
+}
+
+/// Makes the previous profile the active one again, if the trial has changed that.
+void restoreSettings(const TrialRecord& record) {
+    if (!record.adopting) {
+        return;
+    }
+    StoreSession session(StoreSession::Access::kChange, LockTime(kAttemptLock));
+    if (session.snapshot().activeProfile() != record.profile) {
+        return;
+    }
+    if (!session.change(
+            [&] { return FW::TARNFW().fwProfileConfigSet(record.active, /*reload=*/false); })) {
+        throw Error(ErrorKind::kSystem, "the settings still name " + inQuotes(record.profile) +
+                                            " as the active profile");
+    }
+}
+
+/// Repeats a step until it succeeds; returns what it returns.
+template <typename Step>
+std::string persist(TrialWatch& watch, Step step) {
+    for (;;) {
+        std::string obstacle;
+        try {
+            return step();
+        } catch (const std::exception& error) {
+            obstacle = reasonOf(error);
+        }
+        watch.pause(obstacle);
+    }
+}
+
+/// Repeats a step that a lock has kept from succeeding. Returns what is wrong otherwise, for the
+/// end of a text.
+template <typename Step>
+std::string complaintOf(TrialWatch& watch, Step step) {
+    return persist(watch, [&]() -> std::string {
+        try {
+            step();
+        } catch (const Error& error) {
+            if (error.kind() == ErrorKind::kBusy) {
+                throw;
+            }
+            return std::string(", but ") + error.what();
+        }
+        return "";
+    });
+}
+
+/// Goes back, however long that takes.
+void goBack(TrialWatch& watch, const std::optional<TrialRecord>& record,
+            const std::string& reason) {
+    watch.end(reason);
+    std::string now = persist(watch, [&] { return restoreRules(record); });
+    if (record) {
+        now += complaintOf(watch, [&] { restoreSettings(*record); });
+    }
+    now += complaintOf(watch, [&] {
+        StoreSession session(StoreSession::Access::kChange, LockTime(kAttemptLock));
+        removeTraces(session, watch.profile());
+    });
+    stopListening();
+    Json::Value end = trialReport(watch.profile(), kTrialReverted, reason);
+    end["now"] = now;
+    watch.conclude(end);
+}
+
+/// The end of a trial that was to be kept.
+void concludeAdopted(TrialWatch& watch) {
+    stopListening();
+    watch.conclude(trialReport(watch.profile(), kTrialAdopted, ""));
+}
+
+/// A trial that has changed nothing in the kernel.
+void concludeNotBegun(TrialWatch& watch, const std::string& reason) {
+    watch.end(reason);
+    (void)complaintOf(watch, [&] {
+        StoreSession session(StoreSession::Access::kChange, LockTime(kAttemptLock));
+        removeTraces(session, watch.profile());
+    });
+    stopListening();
+    watch.conclude(trialReport(watch.profile(), kTrialNotBegun, reason));
+}
+
+/// Finishes what a watchdog began that was killed after the confirmation. False when the profile
+/// had not become the active one, or cannot be applied.
+bool finishAdoption(const TrialRecord& record) {
+    try {
+        StoreSession session(StoreSession::Access::kChange, LockTime(kAdoptLock));
+        if (!record.adopting || session.snapshot().activeProfile() != record.profile ||
+            !Control(session).apply()) {
+            return false;
+        }
+        removeTracesOfAdopted(session, record.profile);
+        return true;
+    } catch (const std::exception& error) {
+        syslog(LOG_ERR, "The trial of %s: %s", record.profile.c_str(), reasonOf(error).c_str());
         return false;
     }
-    if (!FW::TARNFW().fwReload(true)) {
-        (void)FW::TARNFW().fwProfileConfigSet(before, /*reload=*/false);  // logs for itself
-        return false;
-    }
-    (void)store.RemoveTestProfile(name);  // logs for itself; it is only a copy
-    return true;
-}
-
-Json::Value goBack(const std::string& name, const std::string& reason) {
-    return succeeded([&] { return revertTrial(name); })
-               ? report(name, kTrialReverted, reason)
-               : report(name, kTrialFailed,
-                        reason + ", and the active profile could not be restored");
-}
-
-/// If rules cannot be applied, the library disables the firewall; a trial must enable it again.
-Json::Value takeBackFailedTrial(const std::string& name) {
-    const bool on =
-        succeeded([] { return StoreSnapshot().firewallEnabled() || FW::TARNFW().fwEnable(); });
-    return on ? goBack(name, "its rules cannot be applied")
-              : report(name, kTrialFailed, "its rules cannot be applied, and the firewall is off");
-}
-
-Json::Value conclude(const std::string& name, const TrialOutcome& outcome) {
-    if (!outcome.adopt) {
-        return goBack(name, outcome.reason);
-    }
-    return succeeded([&] { return adopt(name); }) ? report(name, kTrialAdopted, "")
-                                                  : goBack(name, "it cannot be adopted");
 }
 
 }  // namespace
 
+void removeTraces(StoreSession& session, const std::string& name) {
+    removeTrialRecord();
+    const std::string test = testProfileOf(name);
+    if (session.snapshot().hasProfile(test) && !session.deleteProfile(test)) {
+        throw Error(ErrorKind::kSystem, "its test profile cannot be removed");
+    }
+}
+
+// ---- The watchdog -------------------------------------------------------------------------------
+
+void requireRestorable(const FW::FWPROFILE& profile) {
+    for (const auto& [adapter, rules] : profile.rules) {
+        for (std::size_t i = 0; i < rules.size(); ++i) {
+            const std::string target = rules[i].enable ? foreignTarget(rules[i]) : "";
+            if (!target.empty()) {
+                throw Error(ErrorKind::kUnusable,
+                            "profile " + inQuotes(profile.name) +
+                                " cannot be tried: " + placeText({adapter, i + 1}) + " is for " +
+                                target + ", where it would stay in force afterwards");
+            }
+        }
+    }
+}
+
 void watchTrial(const Trial& trial, const Channel& terminal, const Channel& listener) {
-    if (!apply(trial.name)) {
-        terminal.send(takeBackFailedTrial(trial.name));
-        stopListening();
+    TrialWatch watch(trial.name, terminal, listener);
+    TrialRecord record;
+    record.profile = trial.name;
+    TrialDocuments documents;
+    try {
+        if (!begin(record, documents)) {
+            watch.end("its rules cannot be applied");
+            (void)persist(watch, [] {
+                if (isDisabled()) {
+                    enableAgain();
+                }
+                return "";
+            });
+            goBack(watch, record, "its rules cannot be applied");
+            return;
+        }
+    } catch (const std::exception& error) {
+        concludeNotBegun(watch, reasonOf(error));
         return;
     }
-    terminal.send(report(trial.name, kTrialGoesOn, ""));
-    const TrialOutcome outcome = TrialWait(trial, terminal, listener).outcome();
-    const Json::Value end = conclude(trial.name, outcome);
-    stopListening();
-    terminal.send(end);
-    if (outcome.asker) {
-        outcome.asker.send(end);
+    const TrialOutcome outcome = watch.outcome(trial.timeout);
+    if (!outcome.adopt) {
+        goBack(watch, record, outcome.reason);
+        return;
     }
+    watch.end("");
+    try {
+        adopt(record, documents);
+    } catch (const std::exception& error) {
+        goBack(watch, record, reasonOf(error));
+        return;
+    }
+    concludeAdopted(watch);
 }
 
-bool revertTrial(const std::string& name) {
-    const bool reverted = FW::TARNFW().fwReload(true);
-    (void)FW::TARNFW_PROFILE().RemoveTestProfile(name);  // logs for itself; it is only a copy
-    return reverted;
-}
-
-std::optional<std::string> abandonedTrial(const StoreSnapshot& store) {
-    const std::vector<std::string> names = store.testProfileNames();
-    if (names.empty()) {
-        return std::nullopt;
+void watchAbandonedTrial(const std::string& name, const std::string& reason,
+                         const Channel& terminal, const Channel& listener) {
+    TrialWatch watch(name, terminal, listener);
+    watch.end(reason);
+    std::optional<TrialRecord> record = readTrialRecord();
+    if (record && record->profile != name) {
+        record.reset();
     }
-    return names.front().substr(std::strlen(kTestPrefix));
+    if (record && finishAdoption(*record)) {
+        concludeAdopted(watch);
+        return;
+    }
+    goBack(watch, record, reason);
 }
 
 }  // namespace tarnfw

@@ -3,11 +3,12 @@
 #pragma once
 
 #include <chrono>
-#include <optional>
 #include <string>
 
+#include "tarnfirewall/fwTypes.h"
+
 #include "process/trialChannel.h"
-#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/storeSession.h"
 
 namespace tarnfw {
 
@@ -17,30 +18,25 @@ struct Trial {
     std::chrono::seconds timeout;  ///< from the moment when its rules are in force
 };
 
-// The watchdog's reports: "profile" is the one on trial, "state" one of these, "reason" the
-// cause; "secondsLeft" exists during the trial.
-inline constexpr char kTrialGoesOn[] = "in force";
-inline constexpr char kTrialAdopted[] = "adopted";    // now the active profile
-inline constexpr char kTrialReverted[] = "reverted";  // the active profile's rules again
-inline constexpr char kTrialFailed[] = "failed";      // neither; see "reason"
-
-// A terminal's requests: "ask" is one of these.
-inline constexpr char kAskConfirm[] = "confirm";
-inline constexpr char kAskCancel[] = "cancel";
-inline constexpr char kAskState[] = "state";
+/// Throws Error, kUnusable, for a profile with a rule that stays in the kernel when the firewall's
+/// chains are emptied: one for another table, or for another chain than theirs.
+void requireRestorable(const FW::FWPROFILE& profile);
 
 /// Runs a trial to its end, in a process of its own. `terminal` is the connection to the terminal
 /// that began it; when that closes, the trial ends. Other terminals connect to `listener`.
 /// SIGTERM ends it at once, with the previous rules; SIGINT and SIGHUP, from the terminal, must be
 /// blocked.
-/// All reports go to `terminal`, the last one also to the terminal that asked for it.
+///
+/// Tries to go back until the previous rules are seen in the kernel. The test profile, by which an
+/// abandoned trial is found, is removed last. All reports go to `terminal`, those of the end also
+/// to the terminals that asked for it.
 void watchTrial(const Trial& trial, const Channel& terminal, const Channel& listener);
 
-/// Restores the active profile's rules and removes the test profile of `name`.
-/// Returns false, logged, on failure.
-bool revertTrial(const std::string& name);
+/// Ends an abandoned trial in the same way. `reason` is for the report.
+void watchAbandonedTrial(const std::string& name, const std::string& reason,
+                         const Channel& terminal, const Channel& listener);
 
-/// The profile of an abandoned trial, left by a crash of the machine or the watchdog.
-std::optional<std::string> abandonedTrial(const StoreSnapshot& store);
+/// Removes what a trial has left in files. The test profile goes last. Throws Error, kSystem.
+void removeTraces(StoreSession& session, const std::string& name);
 
 }  // namespace tarnfw

@@ -1,11 +1,13 @@
 #include "process/trialChannel.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -22,8 +24,9 @@ constexpr char kSocketPath[] = "/run/tarn/trial.sock";
 constexpr int kBacklog = 4;
 constexpr std::size_t kMaxMessage = 4096;
 
-// Time limit for a terminal's request after it has connected.
+// Time limits: for a terminal's request after it has connected, and for a connection.
 constexpr time_t kPatienceSeconds = 1;
+constexpr time_t kConnectSeconds = 3;
 
 // Keeps the boundaries of documents, and shows immediately when the other end is closed.
 constexpr int kSocketType = SOCK_SEQPACKET | SOCK_CLOEXEC;
@@ -51,6 +54,17 @@ void Channel::send(const Json::Value& message) const {
     builder["indentation"] = "";
     const std::string text = Json::writeString(builder, message);
     (void)::send(fd_.get(), text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+bool Channel::awaits(std::chrono::milliseconds time) const {
+    pollfd event = {fd_.get(), POLLIN, 0};
+    const auto limit = std::max<std::chrono::milliseconds::rep>(time.count(), 0);
+    return poll(&event, 1, static_cast<int>(limit)) > 0;
+}
+
+bool Channel::isConnected() const {
+    pollfd event = {fd_.get(), 0, 0};
+    return poll(&event, 1, 0) == 0;
 }
 
 std::optional<Json::Value> Channel::receive() const {
@@ -115,11 +129,16 @@ void stopListening() {
 
 std::optional<Channel> callTrial() {
     Channel channel = openSocket();
+    const timeval patience = {kConnectSeconds, 0};  // with many waiting callers it would be endless
+    (void)setsockopt(channel.fd(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
     const sockaddr_un address = socketAddress();
-    if (connect(channel.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        return std::nullopt;
+    if (connect(channel.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+        return channel;
     }
-    return channel;
+    if (errno == EAGAIN || errno == EINTR) {
+        throw Error(ErrorKind::kBusy, "the watchdog of a running trial does not answer");
+    }
+    return std::nullopt;
 }
 
 }  // namespace tarnfw

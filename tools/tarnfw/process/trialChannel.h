@@ -1,6 +1,7 @@
 /// Communication in a trial: between the watchdog, the terminal that began it, and other terminals.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <utility>
 
@@ -22,6 +23,12 @@ public:
     /// Sends a document, without waiting. It is not a failure if the other end is closed.
     void send(const Json::Value& message) const;
 
+    /// Waits for a document, or for the end of the connection. False when the time is over.
+    bool awaits(std::chrono::milliseconds time) const;
+
+    /// Whether the other end is still open.
+    bool isConnected() const;
+
     /// Waits for the next document; nothing if the other end is closed.
     std::optional<Json::Value> receive() const;
 
@@ -42,7 +49,8 @@ Channel acceptTerminal(const Channel& listener);
 /// Removes what listenForTerminals() created, after the trial.
 void stopListening();
 
-/// A connection to the running trial; nothing if there is none.
+/// A connection to the running trial; nothing if there is none. Throws Error, kBusy, when it does
+/// not take one within 3 seconds.
 std::optional<Channel> callTrial();
 
 }  // namespace tarnfw

@@ -1,0 +1,75 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# A lock that another program holds delays the end of a trial, and does not prevent it. Meanwhile
+# status and the terminal say what it waits for, and the test profile shows that it is not over.
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+# shellcheck source=tests/kernel/trials.sh
+source "$checkout/tests/kernel/trials.sh"
+
+readonly kStoreLock=/run/tarn/store.lock
+
+# heard PATTERN: the terminal has written that going back is tried again, and why.
+heard() {
+    grep --quiet -- "^tarnfw: the trial is not over yet, trying again: $1" "$out/trial.complaint"
+}
+
+store_two_profiles
+keep_both_listings
+
+for mode in lines batch; do
+    answers 0 apply-mode "$mode"
+    cp -- "$kSettings" /tmp/settings
+
+    in_background "$new" --timeout "$kLong"
+    keep_listing tried
+    hold "$kReloadLock"
+    kill -TERM "$trial"
+    await_status "^Trial: *of \"$new\", not over yet, trying again: $kReloadLock is locked by process $holder (python3)"
+    step 'the terminal hears it' heard "$kReloadLock is locked by process $holder (python3)"
+    step 'the rules on trial are still in force' same_listing tried
+    refuses 'the test profile is still there' no_test_profile
+    answers 1 try "$new"
+    complains "^tarnfw: a trial of \"$new\" is running; "
+    release
+    ends 1 'was not kept: cancelled; the previous rules are in force again$'
+    gone_back
+done
+
+# The rules do not wait for the lock of the store, only the test profile does.
+in_background "$new" --timeout "$kLong"
+hold "$kStoreLock"
+kill -TERM "$trial"
+await_status "^Trial: *of \"$new\", not over yet, trying again: $kStoreLock is locked by process $holder (python3)"
+step 'the rules are those of before' same_listing home
+refuses 'the test profile is still there' no_test_profile
+release
+ends 1 'was not kept: cancelled; the previous rules are in force again$'
+gone_back
+
+# Who does not want to wait leaves the watchdog alone.
+in_background "$new" --timeout "$kLong"
+hold "$kReloadLock"
+kill -TERM "$trial"
+await_status '^Trial: .* not over yet, trying again: '
+kill -TERM "$trial"
+ends 1 'was not kept: cancelled; not over yet: .* is locked by .*; "tarnfw status" shows when it is over$'
+release
+await_end
+gone_back
+
+# A terminal that takes no more output, as when its connection hangs, does not stop the watchdog.
+mkfifo "$out/full"
+exec {full}<>"$out/full"
+refuses 'the pipe is full' dd if=/dev/zero of="$out/full" oflag=nonblock bs=4096 status=none
+complaints=$out/full in_background "$new" --timeout "$kLong"
+hold "$kReloadLock"
+kill -TERM "$trial"
+await_status '^Trial: .* not over yet, trying again: '
+release
+await_end
+gone_back
+kill -KILL "$trial"
+complaints=/dev/null
+ends 137
+exec {full}>&-
+rm -- "$out/full"
