@@ -7,6 +7,7 @@
 ///     rules_probe save                     prints the rules of the firewall's chains
 ///     rules_probe put-back FILE            puts them into the kernel again
 ///     rules_probe hup                      TARNFwRuleHup(), as a service of the system calls it
+///     rules_probe reset                    TARNFwReset(), likewise
 ///     rules_probe compare PROFILE...       each of these profile files both ways: same listing?
 ///     rules_probe random SEED COUNT LINK...  the same for random profiles on these links
 ///     rules_probe kill SEED COUNT A B      kills batches of A and B, in turns, at random moments:
@@ -360,6 +361,10 @@ int run(const Texts& words) {
     if (command == "hup" && words.size() == 1) {
         return TARNFwRuleHup() == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
     }
+    if (command == "reset" && words.size() == 1) {
+        TARNFwReset();
+        return EXIT_SUCCESS;
+    }
     if (command == "compare" && words.size() > 1) {
         return compareFiles({words.begin() + 1, words.end()});
     }
@@ -372,8 +377,8 @@ int run(const Texts& words) {
                            {words[3], words[4]});
     }
     std::cerr
-        << "usage: rules_probe lines|batch FILE | closed | hup | compare PROFILE... | random SEED "
-           "COUNT LINK... | kill SEED COUNT A B\n";
+        << "usage: rules_probe lines|batch FILE | closed | hup | reset | compare PROFILE... | "
+           "random SEED COUNT LINK... | kill SEED COUNT A B\n";
     return 2;
 }
 

@@ -188,9 +188,11 @@ During a trial, existing connections pass only if the rules allow them. If
 your terminal keeps answering, the new rules let it in; if it freezes, wait
 until the time is over.
 
-Only one trial runs at a time. Until it ends, the profile is also stored
-under a name that begins with ".test_"; "tarnfw try --cancel" removes a copy
-that a crash has left.
+Only one trial runs at a time. Until it ends, commands that would apply other
+rules are refused, and the profile is also stored under a name that begins
+with ".test_". "tarnfw disable" ends a trial at once, without any rules.
+"tarnfw status" names a trial that a crash has left; "tarnfw try --cancel" or
+"tarnfw reload" ends it.
 
 Before a trial, "tarnfw check home --kernel" lists the profile's errors, and
 "tarnfw preview home" shows what would run. Neither changes anything.

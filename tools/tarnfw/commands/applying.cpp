@@ -10,6 +10,7 @@
 #include "commands/sshGuard.h"
 #include "process/detachedRun.h"
 #include "process/signalsWait.h"
+#include "process/trialState.h"
 #include "tarnfwadmin/profileCheck.h"
 #include "tarnfwadmin/ruleChange.h"
 
@@ -64,6 +65,7 @@ void warnAboutErrors(const FW::FWPROFILE& profile, Machine& machine) {
 
 void requireReloadable(Context& context, const ReloadOptions& options) {
     if (options.wanted && context.store().firewallEnabled()) {
+        requireNoTrial();
         context.control().requireBase();
     }
 }

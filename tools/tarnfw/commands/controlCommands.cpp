@@ -16,6 +16,7 @@
 #include "commands/commands.h"
 #include "commands/sshGuard.h"
 #include "process/signalsWait.h"
+#include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
 
 namespace tarnfw {
@@ -32,7 +33,18 @@ const char* meaningOf(ApplyMode mode) {
     return "";
 }
 
+/// Ends an abandoned trial: the active profile's rules are in force again.
+void forgetTrial(Context& context) {
+    try {
+        context.session().unlock();
+        forgetAbandonedTrial(context.session().lockTime());
+    } catch (const Error& error) {
+        warn(std::string("an abandoned trial is not over: ") + error.what());
+    }
+}
+
 void enable(bool yes) {
+    requireNoTrial();
     Context context(StoreSession::Access::kChange);
     std::optional<SignalsWait> wait;  // from the answer on, to disable it again after a failure
     context.control().enable(context.machine(), [&](const FW::FWPROFILE& profile) {
@@ -41,6 +53,7 @@ void enable(bool yes) {
     });
     std::cout << "Firewall enabled with profile " << inQuotes(context.store().activeProfile())
               << "\n";
+    forgetTrial(context);
 }
 
 /// Whether the machine has neither settings nor chains, so that there is nothing to switch off.
@@ -58,6 +71,10 @@ void disable() {
         context.control().disable();
     }
     std::cout << "Firewall disabled\n";
+    context.session().unlock();
+    if (const std::optional<std::string> profile = endTrialOfDisabled()) {
+        std::cout << "The trial of " << inQuotes(*profile) << " has ended\n";
+    }
 }
 
 /// Warns about errors of the active profile. The reload goes on: the profile is in force already.
@@ -86,12 +103,14 @@ void confirmOverSsh(Context& context, bool yes) {
 }
 
 void reload(bool yes) {
+    requireNoTrial();
     Context context(StoreSession::Access::kRead);
     confirmOverSsh(context, yes);
     Control control(context.session(), [&](const std::string& what, const auto& work) {
         return runWhole(what, work, [&] { return warningsAboutActive(context); });
     });
     reloadActive(control);
+    forgetTrial(context);
 }
 
 /// Sets the apply mode, or prints it.

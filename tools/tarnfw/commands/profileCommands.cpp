@@ -24,6 +24,7 @@
 #include "commands/sshGuard.h"
 #include "process/editor.h"
 #include "process/signalsWait.h"
+#include "process/trialState.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/profileDocument.h"
 #include "tarnfwadmin/ruleChange.h"
@@ -192,8 +193,12 @@ void copy(const std::string& oldName, const std::string& newName) {
 }
 
 void rename(const std::string& oldName, const std::string& newName) {
+    requireNoTrialOf(oldName);
     Context context(StoreSession::Access::kChange);
     context.store().requireProfile(oldName);
+    if (oldName == context.store().activeProfile()) {
+        requireNoTrial();
+    }
     context.store().requireNewName(newName);
     if (!context.session().changeMany(  // of the profile, and of the settings that name it
             [&] { return FW::TARNFW_PROFILE().profileRename(oldName, newName); })) {
@@ -203,6 +208,7 @@ void rename(const std::string& oldName, const std::string& newName) {
 }
 
 void remove(const std::string& name) {
+    requireNoTrialOf(name);
     Context context(StoreSession::Access::kChange);
     context.store().requireProfile(name);
     if (name == context.store().activeProfile()) {
@@ -243,6 +249,7 @@ void reloadOrGoBack(Context& context, const std::string& name, const std::string
 }
 
 void use(const std::string& name, const ReloadOptions& reload) {
+    requireNoTrial();
     Context context(StoreSession::Access::kChange);
     requireReloadable(context, reload);
     context.store().requireProfile(name);

@@ -1,0 +1,98 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# A trial whose processes were killed or stopped is named by status, with what ends it; no command
+# waits for it without end.
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+# shellcheck source=tests/kernel/trials.sh
+source "$checkout/tests/kernel/trials.sh"
+
+# abandon: a trial whose two processes are killed at once.
+abandon() {
+    in_background "$new" --timeout "$kLong"
+    local process
+    process=$(watchdog)
+    kill -STOP "$process" # or it would see the other's end
+    kill -KILL "$trial" "$process"
+    ends 137
+}
+
+store_two_profiles
+keep_both_listings
+
+# --- killed ----------------------------------------------------------------------------------------
+
+abandon
+answers 0 status
+says "^Trial: *of \"$new\", abandoned; \"tarnfw try --cancel\" ends it$"
+answers 0 status --json
+says '"state" : "abandoned"'
+answers 1 try --confirm
+complains '^tarnfw: there is no trial$'
+answers 1 try "$new"
+complains "^tarnfw: the trial of \"$new\" was abandoned; \"tarnfw try --cancel\" ends it$"
+answers 0 reload
+prints <<<'Profile "deny_by_default" applied'
+rm -- "$kTrialSocket" # nobody listens there, and the next trial replaces it
+gone_back
+in_background "$new" --timeout "$kLong"
+answers 0 try --cancel
+ends 1
+gone_back
+
+# Without the record, as after a boot, the active profile is applied.
+abandon
+rm -- /run/tarn/trial.json
+answers 0 try --cancel
+prints <<<"Abandoned trial of \"$new\" ended; the active profile's rules are in force"
+gone_back
+
+# The one who ends it waits for a lock like any other watchdog.
+abandon
+hold "$kReloadLock"
+"$build/tools/tarnfw/tarnfw" try --cancel >"$out/cancelled" 2>&1 &
+canceller=$!
+await_status "^Trial: *of \"$new\", not over yet, trying again: $kReloadLock is locked by process $holder "
+release
+step 'it ends' wait "$canceller"
+step 'it says so' grep --quiet "^Abandoned trial of \"$new\" ended; the previous rules are in force again$" "$out/cancelled"
+gone_back
+
+# --- stopped ---------------------------------------------------------------------------------------
+
+in_background "$new" --timeout "$kLong"
+keep_listing tried
+stopped=$(watchdog)
+kill -STOP "$stopped"
+readonly kSilent="its watchdog, process $stopped, does not answer; \"kill -CONT $stopped\" wakes it if it is stopped"
+answers 0 status
+says "^Trial: *of \"$new\", $kSilent$"
+for command in 'try --confirm' 'try --cancel' reload "try $new"; do
+    # shellcheck disable=SC2086  # words
+    answers 1 $command
+    complains "^tarnfw: a trial of \"$new\" is running; $kSilent$"
+    step 'the rules on trial are in force' same_listing tried
+done
+kill -CONT "$stopped"
+# A confirmation that has failed does not count later.
+await_status "^Trial: *of \"$new\", [0-9]* s left$"
+answers 0 try --cancel
+ends 1 'was not kept: cancelled; the previous rules are in force again$'
+gone_back
+
+in_background "$new" --timeout "$kLong"
+stopped=$(watchdog)
+kill -STOP "$stopped"
+answers 0 disable
+answers 0 status
+says '^Firewall: *disabled$'
+kill -CONT "$stopped"
+ends 1 'the firewall is disabled$'
+answers 0 enable --yes
+cp -- "$kSettings" /tmp/settings
+gone_back
+
+# When the time is over, the terminal wakes the watchdog.
+in_background "$new" --timeout 5
+kill -STOP "$(watchdog)"
+ends 1 'was not kept: nobody confirmed in time; the previous rules are in force again$'
+gone_back
