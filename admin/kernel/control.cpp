@@ -183,6 +183,16 @@ void Control::requireApplicable() {
     }
 }
 
+std::string Control::kernelRefusal(const FW::FWPROFILE& profile) {
+    try {
+        FW::TARNFW_IPTABLES_RULES translation;
+        requireKernelTakes(profile, translation);
+    } catch (const Error& failure) {
+        return failure.kind() == ErrorKind::kRefused ? failure.what() : "";
+    }
+    return "";
+}
+
 /// Runs an operation of the library that applies the active profile. Throws Error, with the rules
 /// and settings as before, when it fails.
 void Control::runGuarded(const std::string& failed, bool (*operation)()) {

@@ -32,13 +32,18 @@ constexpr char kLockName[] = "/scratch_kernel.lock";
 
 constexpr std::array kFamilies = {"v4", "v6"};
 
-/// The table and chain where a line adds its rule: "-t filter -A INPUT_FIREWALL ...".
+/// The table and chain where a line adds its rule: "-t mangle -A PREROUTING ...", or "-A INPUT ..."
+/// for the table "filter".
 std::pair<std::string, std::string> placeOf(const std::string& line) {
     std::istringstream words(line);
     std::string word;
-    std::string table;
+    std::string table = "filter";
     std::string chain;
-    words >> word >> table >> word >> chain;
+    words >> word;
+    if (word == "-t") {
+        words >> table >> word;
+    }
+    words >> chain;
     return {table, chain};
 }
 

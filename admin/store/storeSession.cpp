@@ -149,7 +149,43 @@ void StoreSession::requireReload() {
     awaitUnlocked(kReloadLock, time_);
 }
 
+void StoreSession::unlock() {
+    if (!holds_) {
+        lock_.reset();
+    }
+}
+
+void StoreSession::holdChange() {
+    holds_ = true;
+}
+
+void StoreSession::keepChange() {
+    holds_ = false;
+    if (const std::unique_ptr<StoreTransaction> held = std::move(held_)) {
+        held->finish(/*refreshed=*/true);  // since the library wrote
+    }
+}
+
+bool StoreSession::undoChange() {
+    holds_ = false;
+    const std::unique_ptr<StoreTransaction> held = std::move(held_);
+    return !held || held->undo();
+}
+
+/// Makes a change as a part of the held one.
+bool StoreSession::changeHeld(const std::function<bool()>& write) {
+    if (!held_) {
+        held_ = std::make_unique<StoreTransaction>(*this, StoreTransaction::Extent::kManyDocuments);
+    }
+    const bool written = write();
+    held_->requireWhole();
+    return written;
+}
+
 bool StoreSession::change(const std::function<bool()>& write) {
+    if (holds_) {
+        return changeHeld(write);
+    }
     StoreTransaction transaction(*this, StoreTransaction::Extent::kOneDocument);
     const bool written = write();
     transaction.finish();
@@ -157,6 +193,9 @@ bool StoreSession::change(const std::function<bool()>& write) {
 }
 
 bool StoreSession::changeMany(const std::function<bool()>& write) {
+    if (holds_) {
+        return changeHeld(write);
+    }
     StoreTransaction transaction(*this, StoreTransaction::Extent::kManyDocuments);
     if (write()) {
         transaction.finish();
@@ -309,6 +348,15 @@ void StoreTransaction::finish(bool refreshed) {
                 failure + (undo() ? "All documents were restored"
                                   : "Restoring them failed, too; the copies are in " +
                                         std::string(kCopyDir)));
+}
+
+void StoreTransaction::requireWhole() const {
+    session_.refresh();
+    const std::vector<std::string> paths = damaged();
+    if (!paths.empty()) {
+        throw Error(ErrorKind::kSystem, printable(paths.front()) +
+                                            " could not be written completely; is the disk full?");
+    }
 }
 
 /// The documents that are not whole and were written meanwhile.

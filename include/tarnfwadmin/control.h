@@ -52,6 +52,11 @@ public:
     /// kernel, a note of the session says so.
     void requireApplicable();
 
+    /// Why requireApplicable() would refuse the lines of a profile in apply mode "lines", and a
+    /// reload in "batch": "this kernel refuses 1 line of profile ..."; empty when the kernel takes
+    /// all of them, or nobody can tell.
+    static std::string kernelRefusal(const FW::FWPROFILE& profile);
+
     /// Enables the firewall and applies the active profile. The session may change the store.
     /// `confirm` is called with the active profile when that is valid, and may throw to stop.
     /// Throws Error: as requireApplicable(), kInvalid for an invalid profile and kSystem without

@@ -40,6 +40,8 @@ private:
     FileLock lock_;
 };
 
+class StoreTransaction;
+
 /// The store for one task. Create one session at the beginning and pass it on: its snapshot is then
 /// the same for all steps, and unchanged files are not read again.
 ///
@@ -113,7 +115,20 @@ public:
     void setApplyMode(ApplyMode mode);
 
     /// Lets other programs change the store; the snapshot stays. Afterwards nothing may be changed.
-    void unlock() { lock_.reset(); }
+    /// Does nothing while a change is held.
+    void unlock();
+
+    // ---- A change that is kept only when what depends on it succeeds, such as a reload ----
+
+    /// The next changes stay open, as one, until keepChange() or undoChange(). A session that ends
+    /// before undoes them, and so does the next one after a kill.
+    void holdChange();
+
+    /// Ends a held change. Throws Error, kSystem, like change().
+    void keepChange();
+
+    /// Restores all documents. False if that fails; the copies then stay.
+    bool undoChange();
 
     /// Adds a message for a person.
     void note(std::string text) { notes_.push_back(std::move(text)); }
@@ -124,6 +139,7 @@ public:
 private:
     friend class StoreTransaction;
 
+    bool changeHeld(const std::function<bool()>& write);
     void undoInterruptedChange();
     void undoIfPossible();
     void restoreTruncated();
@@ -132,6 +148,8 @@ private:
     LockTime time_;
     std::unique_ptr<ToolLock> lock_;
     StoreSnapshot snapshot_;
+    bool holds_ = false;
+    std::unique_ptr<StoreTransaction> held_;  // uses the members before it
 };
 
 /// Protects the store while the library writes to it, with copies of all documents in ".change/" of
@@ -164,6 +182,10 @@ public:
     /// the change is undone, and Error, kSystem, says so. A caller that has refreshed the session
     /// since the library wrote says so with `refreshed`, and nothing is read again.
     void finish(bool refreshed = false);
+
+    /// Throws Error, kSystem, for a document that is not whole. The change goes on; brings the
+    /// session's snapshot up to date.
+    void requireWhole() const;
 
     /// Ends the change by undoing it: restores all documents, or with kOneDocument those that are
     /// damaged. False if that fails; the copies then stay, and the next session tries again.

@@ -19,7 +19,7 @@ most() {
 
 # counted STATUS ARGUMENT...: the command ends so, and opens no file too often.
 counted() {
-    local store catalogue total runs mostCatalogue=$kMostCatalogue
+    local store catalogue total runs most=$kMost mostCatalogue=$kMostCatalogue
     : >"$kOpened"
     LD_PRELOAD=$build/tests/kernel/libopen_probe.so OPEN_PROBE=$kOpened answers "$@"
     store=$(most tool /usr/tarn/etc/firewall.d/)
@@ -30,7 +30,12 @@ counted() {
     total=$(grep --count '^[tl].*/firewall.d/' "$kOpened" || true)
     runs=$(grep --count '^run' "$kOpened" || true)
     printf '%-40s %5s %5s %5s %5s\n' "${*:2}" "$store" "$catalogue" "$total" "$runs" | tee -a "$kTable"
-    ((store <= kMost && catalogue <= mostCatalogue)) || {
+    # The end of a change that may be undone as a whole opens each document once more, to flush it.
+    case " $* " in
+    *' --reload '* | *' import '* | *' service reserve '* | *' service release '* | *' service update '* | \
+        *' adapter rename '*) ((most += 1)) ;;
+    esac
+    ((store <= most && catalogue <= mostCatalogue)) || {
         sort "$kOpened" | uniq -c
         fail "opened too often: tarnfw ${*:2}"
     }

@@ -239,17 +239,20 @@ over_ssh 192.168.1.20 asked 0 "$kApplyQuestion" y rule off 2 --adapter eth0 --re
 step 'it is in the kernel' check_packets <<<'tcp4 192.168.1.10 22 blocked 192.168.1.20'
 answers 0 import --yes --reload "$out/open.json"
 
-# Commands that change every profile: known when it is stored, and not applied.
-readonly kStored='; the change is stored, but the kernel still has the old rules (--yes goes on anyway)$'
+# Commands that change every profile: known when it is stored, and undone.
+readonly kStored='; nothing was changed (--yes goes on anyway)$'
 answers 0 adapter rename eth0 eth7 --reload # nothing is denied on eth0 now
 keep_listing renamed
+keep_files renamed
 for command in 'adapter rename eth7 eth0' 'service reserve ssh deny --adapter eth0'; do
     # Another client's connection: no rule lets it in.
     read -r -a words <<<"$command"
     over_ssh 192.168.1.21 answers 1 "${words[@]}" --reload </dev/null
     step 'why' grep --quiet -- "from 192.168.1.21 .*$kStored" "$out/complaint"
     step 'the kernel has the old rules' same_listing renamed
+    step 'and so has the store' same_files renamed
 done
+answers 0 adapter rename eth7 eth0
 over_ssh 192.168.1.21 answers 1 service update --reload </dev/null
 step 'the kernel has the old rules' same_listing renamed
 over_ssh 192.168.1.21 answers 0 service reserve ssh deny --adapter eth0 --reload --yes </dev/null

@@ -1,8 +1,12 @@
 #include "commands/applying.h"
 
+#include <algorithm>
+#include <exception>
 #include <iostream>
 #include <string>
 #include <utility>
+
+#include "tarnfirewall/fwDB.h"
 
 #include "cli/command.h"
 #include "cli/commandLine.h"
@@ -22,6 +26,25 @@ StoreSession::Access allowed(StoreSession::Access access) {
     return access;
 }
 
+/// The rules of the active profile; null when it cannot be read.
+Json::Value activeRules(const StoreSnapshot& store) {
+    Json::Value document;
+    try {
+        FW::TARNFW_JSON_DB().profileToJson(store.profile(""), document);
+    } catch (const std::exception&) {
+        return {};
+    }
+    document.removeMember("name");
+    return document;
+}
+
+bool hasOtherChain(const FW::FWRULE& rule) {
+    const auto& own = FW::FW_FIREWALL_CHAINS;
+    return std::any_of(rule.chainList.begin(), rule.chainList.end(), [&](const std::string& chain) {
+        return std::find(own.begin(), own.end(), chain) == own.end();
+    });
+}
+
 }  // namespace
 
 Context::Context(StoreSession::Access access, std::unique_ptr<Machine> machine,
@@ -30,6 +53,13 @@ Context::Context(StoreSession::Access access, std::unique_ptr<Machine> machine,
       machine_(std::move(machine)),
       control_(session_, [](const auto& what, const auto& work) { return runWhole(what, work); }) {
     printNotes();
+    if (access == StoreSession::Access::kChange) {
+        before_ = activeRules(store());
+    }
+}
+
+bool Context::hasOtherRules() {
+    return activeRules(store()) != before_;
 }
 
 Context::~Context() {
@@ -67,6 +97,7 @@ void requireReloadable(Context& context, const ReloadOptions& options) {
     if (options.wanted && context.store().firewallEnabled()) {
         requireNoTrial();
         context.control().requireBase();
+        context.session().holdChange();
     }
 }
 
@@ -89,8 +120,7 @@ void confirmReload(Context& context, const ReloadOptions& options) {
     }
     const FW::FWPROFILE& active = context.store().profile("");
     warnAboutErrors(active, context.machine());
-    requireSshAccess(active, context.machine(), options.yes, kApplyAnyway,
-                     "the change is stored, but the kernel still has the old rules");
+    requireSshAccess(active, context.machine(), options.yes, kApplyAnyway);
 }
 
 bool runWhole(const std::string& what, const std::function<bool()>& change,
@@ -118,21 +148,98 @@ void reloadActive(Control& control) {
               << " applied\n";
 }
 
-void finishChange(Context& context, const std::string& profile, const ReloadOptions& options) {
-    if (profile != context.store().activeProfile()) {
-        if (options.wanted) {
-            std::cout << "Profile " << inQuotes(profile)
-                      << " is not the active one: nothing to reload\n";
+namespace {
+
+/// Applies the active profile as it was changed, and keeps the change; or undoes it.
+void reloadChanged(Context& context, const std::function<void()>& ask,
+                   const std::function<void()>& say) {
+    const SignalsWait wait;  // between the reload and the end of the change
+    bool applied = false;
+    try {
+        ask();
+        applied = context.control().apply();
+    } catch (const Error& failure) {
+        const bool undone = context.session().undoChange();
+        if (undone && failure.kind() == ErrorKind::kDeclined) {
+            throw;  // it says that nothing was changed
         }
-    } else if (options.wanted) {
-        reloadActive(context.control());
-    } else if (context.store().firewallEnabled()) {
-        reportUnchangedKernel();
+        throw Error(failure.kind(),
+                    std::string(failure.what()) +
+                        (undone ? "; nothing was stored" : "; undoing the change failed, too"),
+                    failure.place(), failure.remedy());
+    }
+    context.session().keepChange();
+    say();
+    if (applied) {
+        std::cout << "Profile " << inQuotes(context.store().activeProfile()) << " applied\n";
+    } else {
+        std::cout << "Firewall disabled: nothing to reload\n";
     }
 }
 
-void reportUnchangedKernel() {
-    std::cout << "The kernel still has the old rules; \"tarnfw reload\" applies the new ones\n";
+/// Whether the kernel may refuse what others take: a match or chain that not every one has.
+bool dependsOnKernel(const FW::FWPROFILE& profile) {
+    for (const auto& [adapter, rules] : profile.rules) {
+        if (std::any_of(rules.begin(), rules.end(), [](const FW::FWRULE& rule) {
+                return rule.enable && (rule.ipGroup == FW::FW_IP_GROUP_COUNTRIES ||
+                                       rule.table != "filter" || hasOtherChain(rule));
+            })) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Warns about a stored profile that a reload would refuse.
+void warnAboutRefusal(Context& context, const std::string& name) {
+    try {
+        const FW::FWPROFILE& profile = context.store().profile(name);
+        const std::string refusal =
+            dependsOnKernel(profile) ? Control::kernelRefusal(profile) : std::string();
+        if (!refusal.empty()) {
+            warn(refusal + "; it is stored, but a reload would be refused");
+        }
+    } catch (const Error&) {
+        // it cannot be read; a reload says so
+    }
+}
+
+}  // namespace
+
+void finishChange(Context& context, const std::string& profile, const ReloadOptions& options,
+                  const std::function<void()>& say) {
+    const bool active = profile == context.store().activeProfile();
+    if (active && options.wanted) {
+        reloadChanged(
+            context, [] {}, say);  // asked before it was stored
+        return;
+    }
+    context.session().keepChange();
+    say();
+    warnAboutRefusal(context, profile);
+    if (active) {
+        reportUnchangedKernel(context);
+    } else if (options.wanted) {
+        std::cout << "Profile " << inQuotes(profile)
+                  << " is not the active one: nothing to reload\n";
+    }
+}
+
+void finishChange(Context& context, const ReloadOptions& options,
+                  const std::function<void()>& say) {
+    if (options.wanted) {
+        reloadChanged(
+            context, [&] { confirmReload(context, options); }, say);
+        return;
+    }
+    say();
+    reportUnchangedKernel(context);
+}
+
+void reportUnchangedKernel(Context& context) {
+    if (context.store().firewallEnabled() && context.hasOtherRules()) {
+        std::cout << "The kernel still has the old rules; \"tarnfw reload\" applies the new ones\n";
+    }
 }
 
 }  // namespace tarnfw

@@ -37,12 +37,16 @@ public:
     /// Each operation runs to its end, see runWhole().
     Control& control() { return control_; }
 
+    /// Whether the rules of the active profile are other ones than when this was made.
+    bool hasOtherRules();
+
 private:
     void printNotes();
 
     StoreSession session_;
     std::unique_ptr<Machine> machine_;
     Control control_;
+    Json::Value before_;  // the active profile
 };
 
 /// The reload options of a command that changes profiles.
@@ -66,6 +70,7 @@ std::string errorsText(const FW::FWPROFILE& profile, Machine& machine);
 void warnAboutErrors(const FW::FWPROFILE& profile, Machine& machine);
 
 /// For a command with "--reload", before it changes anything: throws what reloadActive() would.
+/// What it then changes is undone unless finishChange() succeeds.
 void requireReloadable(Context& context, const ReloadOptions& options);
 
 /// The question about a profile that would lock out the person who applies it.
@@ -93,11 +98,18 @@ bool runWhole(const std::string& what, const std::function<bool()>& change,
 /// Control::apply().
 void reloadActive(Control& control);
 
-/// After a profile was changed. If it is the active one and the firewall is enabled:
-/// applies it with "--reload", or says that the kernel still has the old rules.
-void finishChange(Context& context, const std::string& profile, const ReloadOptions& options);
+/// After a profile was changed. If it is the active one and the firewall is enabled: applies it
+/// with
+/// "--reload", or says that the kernel still has the old rules. Throws Error, with the store as it
+/// was before and the old rules in force, when it cannot be applied. `say` prints what was changed.
+void finishChange(Context& context, const std::string& profile, const ReloadOptions& options,
+                  const std::function<void()>& say);
 
-/// Says that the kernel still has the old rules.
-void reportUnchangedKernel();
+/// The same for a change of all profiles.
+void finishChange(Context& context, const ReloadOptions& options, const std::function<void()>& say);
+
+/// Says that the kernel still has the old rules, if they are not those of the active profile as
+/// this command found it.
+void reportUnchangedKernel(Context& context);
 
 }  // namespace tarnfw

@@ -152,9 +152,6 @@ void setUp(BaseFilter filter) {
         filter.add(parts);
     }
     std::cout << filter.title() << ": added " << describe(parts) << '\n';
-    if (!filter.inOrder()) {
-        std::cerr << "tarnfw: " << filter.title() << " is " << kWrongOrder << '\n';
-    }
 }
 
 /// What the settings say; settings that cannot be read count as enabled.

@@ -260,11 +260,6 @@ std::string recovery(const std::string& path, const Json::Value& backup, Machine
     return "tarnfw import " + std::string(whole ? "" : "--force ") + path;
 }
 
-/// The same, and applies it.
-std::string goingBack(const std::string& path, const Json::Value& backup, Machine& machine) {
-    return recovery(path, backup, machine) + " --reload";
-}
-
 // ---- Replacing ----------------------------------------------------------------------------------
 
 /// Imports and verifies the result: the library skips a profile that it cannot
@@ -282,12 +277,26 @@ std::string errorOfReplacing(Context& context, const Json::Value& document) {
     }
 }
 
-/// Replaces the configuration, or restores the previous one.
+/// Applies the imported profile if the firewall is enabled. Returns the error; empty on success.
+std::string errorOfApplying(Context& context) {
+    try {
+        (void)context.control().apply();
+        return "";
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
+
+/// Replaces the configuration and, with `reload`, applies it while the firewall is enabled; or
+/// restores the previous one.
 void replace(Context& context, const Json::Value& document, const Json::Value& current,
-             const std::string& backup) {
+             const std::string& backup, bool reload) {
     const SignalsWait wait;  // the store is incomplete until the last file is written
     StoreTransaction change(context.session(), StoreTransaction::Extent::kManyDocuments);
-    const std::string error = errorOfReplacing(context, document);
+    std::string error = errorOfReplacing(context, document);
+    if (error.empty() && reload) {
+        error = errorOfApplying(context);
+    }
     if (error.empty()) {
         change.finish(/*refreshed=*/true);
         return;
@@ -303,19 +312,9 @@ void replace(Context& context, const Json::Value& document, const Json::Value& c
                                           "\" tries again"));
 }
 
-/// Applies the imported profile. If that fails, says how to restore the backup.
-void applyImported(Context& context, const std::string& goingBack) {
-    try {
-        reloadActive(context.control());
-    } catch (const Error& failure) {
-        throw Error(failure.kind(),
-                    std::string("the import is stored, but ") + failure.what() +
-                        (goingBack.empty() ? "" : "; \"" + goingBack + "\" goes back"));
-    }
-}
-
-/// Applies the import with --reload, else says that the kernel is unchanged.
-void apply(Context& context, bool reload, bool wasEnabled, const std::string& goingBack) {
+/// Says what the import means for the kernel; disables the firewall with "--reload" where the
+/// import does.
+void report(Context& context, bool reload, bool wasEnabled) {
     const bool enabled = context.store().firewallEnabled();
     if (!enabled && wasEnabled) {
         if (reload) {
@@ -324,11 +323,12 @@ void apply(Context& context, bool reload, bool wasEnabled, const std::string& go
         std::cout << (reload ? "Firewall disabled\n"
                              : "The firewall is now disabled in the settings; the kernel keeps the "
                                "old rules until \"tarnfw disable\"\n");
+    } else if (reload && enabled) {
+        std::cout << "Profile " << inQuotes(context.store().activeProfile()) << " applied\n";
     } else if (reload) {
-        context.session().unlock();
-        applyImported(context, goingBack);
-    } else if (enabled) {
-        reportUnchangedKernel();
+        std::cout << "Firewall disabled: nothing to reload\n";
+    } else {
+        reportUnchangedKernel(context);
     }
 }
 
@@ -373,15 +373,10 @@ void requireWayBackIn(Context& context, const Options& options, const Json::Valu
     }
 }
 
-/// What apply() needs to know about an import.
-struct Imported {
-    bool wasEnabled;  ///< the firewall, before
-    std::string goingBack;
-};
-
-/// Replaces the configuration, all of it under one lock. Returns nothing when nothing was replaced.
-std::optional<Imported> importInto(Context& context, const Json::Value& document,
-                                   const Options& options) {
+/// Replaces the configuration, all of it under one lock. Returns nothing when nothing was replaced,
+/// else whether the firewall was enabled before.
+std::optional<bool> importInto(Context& context, const Json::Value& document,
+                               const Options& options) {
     const Json::Value current = context.store().configuration();
     requireRoomFor(document, current);
     const ImportPlan plan = importPlan(current, document);
@@ -407,11 +402,10 @@ std::optional<Imported> importInto(Context& context, const Json::Value& document
                   << "\" restores it)" << std::endl;
     }
     const bool wasEnabled = context.store().firewallEnabled();
-    replace(context, document, current, backup);
+    replace(context, document, current, backup, options.reload.wanted);
     std::cout << "Imported " << counted(document[kConfigProfiles].size(), "profile")
               << "; active: " << printable(context.store().activeProfile()) << '\n';
-    return Imported{wasEnabled,
-                    backup.empty() ? "" : goingBack(backup, current, context.machine())};
+    return wasEnabled;
 }
 
 void importAll(const Options& options) {
@@ -419,9 +413,9 @@ void importAll(const Options& options) {
     auto machine = std::make_unique<Machine>();
     const Json::Value document = checkedDocument(options, *machine);
     Context context(StoreSession::Access::kChange, std::move(machine));
-    const std::optional<Imported> imported = importInto(context, document, options);
-    if (imported) {
-        apply(context, options.reload.wanted, imported->wasEnabled, imported->goingBack);
+    const std::optional<bool> wasEnabled = importInto(context, document, options);
+    if (wasEnabled) {
+        report(context, options.reload.wanted, *wasEnabled);
     }
 }
 

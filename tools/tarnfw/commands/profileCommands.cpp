@@ -232,22 +232,6 @@ void setActive(Context& context, const std::string& name) {
     }
 }
 
-/// Applies the new active profile; if that fails, makes the previous one active again, or
-/// every later reload would fail.
-void reloadOrGoBack(Context& context, const std::string& name, const std::string& before) {
-    try {
-        reloadActive(context.control());
-    } catch (const Error& failure) {
-        Context again(StoreSession::Access::kChange);
-        if (before == name || again.store().activeProfile() != name) {
-            throw;
-        }
-        setActive(again, before);
-        throw Error(failure.kind(), std::string(failure.what()) + "; " + inQuotes(before) +
-                                        " is the active profile again");
-    }
-}
-
 void use(const std::string& name, const ReloadOptions& reload) {
     requireNoTrial();
     Context context(StoreSession::Access::kChange);
@@ -259,15 +243,10 @@ void use(const std::string& name, const ReloadOptions& reload) {
         requireSshAccess(profile, context.machine(), reload.yes, kApplyAnyway);
     }
     const SignalsWait wait;
-    const std::string before = context.store().activeProfile();
     setActive(context, name);
     context.session().unlock();
-    std::cout << "Profile " << inQuotes(name) << " is now the active one\n";
-    if (reload.wanted && context.store().firewallEnabled()) {
-        reloadOrGoBack(context, name, before);
-    } else {
-        finishChange(context, name, reload);
-    }
+    finishChange(context, name, reload,
+                 [&] { std::cout << "Profile " << inQuotes(name) << " is now the active one\n"; });
 }
 
 // ---- edit: a document in the person's editor ----
@@ -345,6 +324,7 @@ std::unique_ptr<Context> stored(const ProfileDocument& document, const std::stri
                                 const ReloadOptions& reload, const PrivateText& text) {
     try {
         auto context = std::make_unique<Context>(StoreSession::Access::kChange);
+        requireReloadable(*context, reload);
         requireAppliable(*context, document.profile(), reload);
         store(*context, document, original);
         context->session().unlock();
@@ -382,9 +362,13 @@ void edit(const std::string& wanted, const ReloadOptions& reload) {
         return;
     }
     const std::unique_ptr<Context> context = stored(*document, original, reload, text);
+    try {
+        finishChange(*context, name, reload,
+                     [&] { std::cout << "Profile " << inQuotes(name) << " stored\n"; });
+    } catch (const Error& failure) {
+        keep(text, failure.what(), failure.kind());
+    }
     text.remove();
-    std::cout << "Profile " << inQuotes(name) << " stored\n";
-    finishChange(*context, name, reload);
 }
 
 // ---- Options ----

@@ -175,11 +175,12 @@ void changeRules(Context& context, const Target& target,
             requireAppliable(context, profile, target.reload);
         });
     context.session().unlock();
-    for (const std::string& line : outcome.said) {
-        std::cout << printable(line) << '\n';
-    }
-    print(warnings);
-    finishChange(context, stored.name, target.reload);
+    finishChange(context, stored.name, target.reload, [&] {
+        for (const std::string& line : outcome.said) {
+            std::cout << printable(line) << '\n';
+        }
+        print(warnings);
+    });
 }
 
 FW::FWRULE ruleOf(const RuleCommand& command, Machine& machine) {
@@ -297,9 +298,10 @@ void setPolicy(const Target& target, const std::string& word) {
         [&](FW::FWPROFILE& profile) { profile.adapterPolicyMap[target.adapter] = policy; },
         [&](const FW::FWPROFILE& profile) { requireAppliable(context, profile, target.reload); });
     context.session().unlock();
-    std::cout << "Default policy of " << printable(target.adapter) << ": " << policyText(policy)
-              << '\n';
-    finishChange(context, stored.name, target.reload);
+    finishChange(context, stored.name, target.reload, [&] {
+        std::cout << "Default policy of " << printable(target.adapter) << ": " << policyText(policy)
+                  << '\n';
+    });
 }
 
 // ---- Options ----

@@ -71,18 +71,12 @@ void changeAll(Context& context, const std::string& done, const ReloadOptions& r
         throw Error(ErrorKind::kSystem, "not every profile could be written; nothing was changed");
     }
     const std::vector<std::string> changed = changedSince(context.store(), before);
-    std::cout << printable(done) << " ("
-              << (changed.empty() ? "no profile changed"
-                                  : "changed: " + printable(boost::join(changed, ", ")))
-              << ")\n";
-    const bool activeChanged =
-        std::find(changed.begin(), changed.end(), context.store().activeProfile()) != changed.end();
-    if (reload.wanted) {
-        confirmReload(context, reload);
-        reloadActive(context.control());
-    } else if (activeChanged && context.store().firewallEnabled()) {
-        reportUnchangedKernel();
-    }
+    finishChange(context, reload, [&] {
+        std::cout << printable(done) << " ("
+                  << (changed.empty() ? "no profile changed"
+                                      : "changed: " + printable(boost::join(changed, ", ")))
+                  << ")\n";
+    });
 }
 
 std::vector<std::string> adaptersIn(const Profiles& profiles) {

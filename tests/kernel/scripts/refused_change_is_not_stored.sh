@@ -1,0 +1,65 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# A change with "--reload" is stored and in force, or neither. Without it, a profile that the kernel
+# would refuse is stored with a warning. "The kernel still has the old rules" is said only when they
+# are other ones.
+make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
+
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+answers 0 base up
+use_profile deny_by_default
+printf '\0%.0s' {1..8} >/usr/share/xt_geoip/DE.iv4
+jq '.name = "abroad" | .rules.eth0[0] |= (.ipType = 0 | .ipGroup = 3 | .ipList = ["DE"])' \
+    "$kProfileDirectory/deny_by_default.json" >"$kProfileDirectory/abroad.json"
+if iptables -t raw -A PREROUTING -m geoip --source-country DE -j ACCEPT 2>/dev/null; then
+    iptables -t raw -F PREROUTING
+    skip='this kernel has the country match'
+fi
+if [[ -z ${skip-} ]]; then
+    for mode in lines batch; do
+        answers 0 apply-mode "$mode"
+        answers 0 enable
+        keep_listing enabled
+        answers 0 export --force "$out/all.json"
+        jq '.config_firewall_settings.profile = "abroad"' "$out/all.json" >"$out/abroad.json"
+        keep_files before
+        for command in 'rule add --adapter eth0 deny from country DE --v4' 'profile use abroad' \
+            'rule insert 1 --adapter eth0 deny from country DE --v4' \
+            'rule set 1 --adapter eth0 deny from country DE --v4' "import --yes $out/abroad.json"; do
+            read -r -a words <<<"$command"
+            answers 1 "${words[@]}" --reload
+            step 'nothing is stored' same_files before
+            step 'the old rules are in force' same_listing enabled
+            step 'nothing else is said' [ "$(grep --count 'applied\|Rule\|active one' "$out/answer")" = 0 ]
+        done
+        answers 0 rule add --adapter eth0 deny from country DE --v4
+        step 'a warning' grep --quiet 'this kernel refuses .*rule 3 of eth0.*a reload would be refused' \
+            "$out/complaint"
+        answers 1 reload
+        answers 0 rule delete 3 --adapter eth0
+        answers 0 reload
+    done
+fi
+
+# The whole of a change of all profiles.
+answers 0 apply-mode batch
+answers 0 enable
+keep_files before
+keep_listing enabled
+wrap_iptables
+rm /tmp/wrapped/*-restore # a batch fails from now on
+for command in 'service reserve ssh --adapter eth0 deny' 'adapter rename eth0 eth5' 'policy eth0 allow'; do
+    read -r -a words <<<"$command"
+    answers 1 "${words[@]}" --reload
+    step 'nothing is stored' same_files before
+    step 'the old rules are in force' same_listing enabled
+done
+
+umount "/usr/sbin/xtables-$variant-multi"
+answers 0 policy eth0 deny # as it is
+refuses 'nothing is new' grep --quiet 'kernel still has the old rules' "$out/answer"
+answers 0 policy eth0 allow
+says '^The kernel still has the old rules; '
+answers 0 profile use deny_by_default
+refuses 'the profile is the same' grep --quiet 'kernel still has the old rules' "$out/answer"
