@@ -137,9 +137,9 @@ void addApplyModeCommand(Command& app) {
         .choices(applyModeNames());
     command.footer(
         "lines: a reload closes the machine to new connections, runs one command for each rule, "
-        "and opens the machine again. A line that the kernel refuses is left out.\n"
-        "batch: a reload replaces all rules of a family at once. Nothing is closed meanwhile. If "
-        "the kernel refuses a line, nothing changes.");
+        "and opens the machine again.\n"
+        "batch: a reload replaces all rules of a family at once. Nothing is closed meanwhile.\n"
+        "In both, nothing changes if the kernel refuses a line.");
     addJsonFlag(command, *json);
     command.run([mode, json] { applyMode(*mode, *json); });
 }
