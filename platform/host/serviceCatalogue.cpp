@@ -6,6 +6,8 @@
 
 #include <json/json.h>
 
+#include "fwPrintable.h"
+
 namespace host {
 
 namespace {
@@ -181,7 +183,12 @@ bool parse(const std::string& document, Json::Value& root, std::string& reason) 
 }  // namespace
 
 bool readServices(const std::string& document, Services& services,
-                  const std::function<void(const std::string&)>& report) {
+                  const std::function<void(const std::string&)>& say) {
+    // Texts of the document are in the lines, and a NUL would cut them.
+    const auto report = [&say](std::string line) {
+        FW::makePrintable(line);
+        say(line);
+    };
     Json::Value root;
     std::string reason;
     if (!parse(document, root, reason)) {

@@ -32,7 +32,7 @@ struct Service {
 using Services = std::map<std::string, Service>;
 
 /// Reads a document into `services`, replacing earlier services with the same name. Returns whether
-/// all of it is valid. `report` gets a line for each invalid entry, or one line for an invalid
+/// all of it is valid. `report` gets a printable line for each invalid entry, or one for an invalid
 /// document; other services are unaffected.
 bool readServices(const std::string& document, Services& services,
                   const std::function<void(const std::string&)>& report);

@@ -1,0 +1,102 @@
+// The words of a rule: what the grammar takes is printed in words that it reads as the same rule.
+// The first byte of an input gives the options.
+#include <cstddef>
+#include <cstdint>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tarnfirewall/fwTypes.h"
+
+#include "property.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/ruleSyntax.h"
+#include "tarnfwadmin/ruleText.h"
+
+namespace {
+
+tarnfw::RuleVocabulary vocabulary() {
+    tarnfw::RuleVocabulary words;
+    words.services = {{"ssh", FW::FW_PORT_PROTOCOL_TCP},
+                      {"dns", FW::FW_PORT_PROTOCOL_TCP_UDP},
+                      {"ping", FW::FW_PORT_PROTOCOL_ICMP}};
+    words.countriesV4 = {"DE", "US"};
+    words.countriesV6 = {"DE"};
+    return words;
+}
+
+std::vector<std::string> wordsOf(const std::string& text) {
+    std::istringstream stream(text);
+    std::vector<std::string> words;
+    for (std::string word; stream >> word;) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+tarnfw::RuleOptions optionsFrom(unsigned bits) {
+    tarnfw::RuleOptions options;
+    options.v4 = (bits & 3U) == 1;
+    options.v6 = (bits & 3U) == 2;
+    options.sourcePort = (bits & 4U) != 0;
+    options.out = (bits & 8U) != 0;
+    options.log = (bits & 16U) != 0;
+    options.disabled = (bits & 32U) != 0;
+    return options;
+}
+
+/// The rule in the words of the grammar.
+std::string spelledRule(const FW::FWRULE& rule) {
+    std::string ports;
+    if (rule.portGroup == FW::FW_PORT_GROUP_PORTS) {
+        ports = tarnfw::protocolText(rule.protocol);
+        for (std::size_t i = 0; i < rule.portList.size(); ++i) {
+            ports += (i == 0 ? " " : ",") + rule.portList[i];
+        }
+    } else {
+        ports = rule.portGroup == FW::FW_PORT_GROUP_ANY ? "any" : tarnfw::portText(rule);
+    }
+    return tarnfw::policyText(rule.policy) + " " + ports + " " + tarnfw::addressText(rule);
+}
+
+bool same(const FW::FWRULE& a, const FW::FWRULE& b) {
+    return a.enable == b.enable && a.adapterDirect == b.adapterDirect && a.policy == b.policy &&
+           a.blLog == b.blLog && a.table == b.table && a.chainList == b.chainList &&
+           a.ipType == b.ipType && a.ipDirect == b.ipDirect && a.ipGroup == b.ipGroup &&
+           a.ipList == b.ipList && a.portDirect == b.portDirect && a.portGroup == b.portGroup &&
+           a.protocol == b.protocol && a.portList == b.portList;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const tarnfw::RuleVocabulary kVocabulary = vocabulary();
+    if (size == 0) {
+        return 0;
+    }
+    tarnfw::RuleOptions options = optionsFrom(data[0]);
+    const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
+    FW::FWRULE rule;
+    try {
+        rule = tarnfw::ruleFrom(wordsOf(text), options, kVocabulary);
+    } catch (const tarnfw::Error&) {
+        return 0;
+    }
+    for (const auto* list : {&rule.ipList, &rule.portList}) {
+        for (const std::string& entry : *list) {
+            require(entry.find_first_of(std::string("\0 \n", 3)) == std::string::npos,
+                    "no blank and no NUL in an entry", entry);
+        }
+    }
+    require(!tarnfw::ruleText(rule).empty(), "a rule has a text");
+    options.v4 = rule.ipType == FW::FW_IP_TYPE_V4;
+    options.v6 = rule.ipType == FW::FW_IP_TYPE_V6;
+    const std::string spelled = spelledRule(rule);
+    try {
+        require(same(tarnfw::ruleFrom(wordsOf(spelled), options, kVocabulary), rule),
+                "the same rule again", text + " -> " + spelled);
+    } catch (const tarnfw::Error& error) {
+        require(false, "a rule's words can be read", text + " -> " + spelled + ": " + error.what());
+    }
+    return 0;
+}
