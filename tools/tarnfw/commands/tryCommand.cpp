@@ -367,7 +367,11 @@ void tryProfile(const TryOptions& options) {
         report = Countdown(trial, watchdog, signals).wait(*report);
     }
     watchdog.printLog();
-    conclude(trial.name, report ? *report : endAbandoned(trial.name, "the watchdog was killed"));
+    if (!report) {
+        (void)waitStatusOf(watchdog.process);  // until then it may seem to listen
+        report = endAbandoned(trial.name, "the watchdog was killed");
+    }
+    conclude(trial.name, *report);
 }
 
 // ---- From another terminal ----
