@@ -57,6 +57,27 @@ step 'it ends' wait "$canceller"
 step 'it says so' grep --quiet "^Abandoned trial of \"$new\" ended; the previous rules are in force again$" "$out/cancelled"
 gone_back
 
+# A watchdog that is killed after the confirmation, when the new profile is the active one: the
+# terminal's second watchdog finishes its work.
+wrap_iptables
+answers 0 apply-mode lines
+in_background "$new" --timeout "$kLong"
+process=$(watchdog)
+pause_at 'ip6tables *-A INPUT_FIREWALL *'
+"$build/tools/tarnfw/tarnfw" try --confirm >"$out/confirmed" 2>&1 &
+confirmer=$!
+await_pause
+kill -KILL "$process"
+resume
+ends 0
+refuses 'who confirmed is not told that it is kept' wait "$confirmer"
+step 'why is said' grep --quiet '^tarnfw: the trial has just ended; see "tarnfw status"$' "$out/confirmed"
+step 'the rules are the new ones' same_listing new
+step 'the new profile is active' [ "$(tarnfw profile list | grep '^\*')" = "* $new" ]
+step 'no test profile is left' no_test_profile
+answers 0 profile use deny_by_default --reload --yes
+cp -- "$kSettings" /tmp/settings
+
 # --- stopped ---------------------------------------------------------------------------------------
 
 in_background "$new" --timeout "$kLong"

@@ -57,6 +57,20 @@ release
 await_end
 gone_back
 
+# Other failures pass as well.
+printf '#!/bin/sh\necho "out of order" >&2\nexit 4\n' >/tmp/broken
+chmod +x /tmp/broken
+in_background "$new" --timeout "$kLong"
+mount --bind /tmp/broken "/usr/sbin/xtables-$variant-multi"
+kill -TERM "$trial"
+until heard '.*out of order'; do
+    kill -0 "$trial" || fail 'it does not try again'
+    sleep 0.1
+done
+umount "/usr/sbin/xtables-$variant-multi"
+ends 1 'was not kept: cancelled; the previous rules are in force again$'
+gone_back
+
 # A terminal that takes no more output, as when its connection hangs, does not stop the watchdog.
 mkfifo "$out/full"
 exec {full}<>"$out/full"
