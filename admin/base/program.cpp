@@ -2,9 +2,13 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <chrono>
+#include <optional>
 #include <sstream>
 
 #include <boost/algorithm/string/predicate.hpp>
@@ -19,14 +23,33 @@ namespace {
 // The exit status of a new process that does not get as far as the program.
 constexpr int kNotEntered = 126;
 
-/// Reads two streams until both have ended.
-void readBoth(int first, std::string& firstText, int second, std::string& secondText) {
+using Clock = std::chrono::steady_clock;
+
+/// For poll(): the milliseconds until then, -1 without a limit.
+int waitUntil(const std::optional<Clock::time_point>& limit) {
+    if (!limit) {
+        return -1;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*limit - Clock::now()).count();
+    return static_cast<int>(std::max<decltype(left)>(left, 0));
+}
+
+/// Reads two streams until both have ended. False when they have not by then.
+bool readBoth(int first, std::string& firstText, int second, std::string& secondText,
+              const std::optional<Clock::time_point>& limit) {
     std::array<pollfd, 2> streams{pollfd{first, POLLIN, 0}, pollfd{second, POLLIN, 0}};
     const std::array<std::string*, 2> texts{&firstText, &secondText};
     std::array<char, 65536> buffer;
     while (streams[0].fd >= 0 || streams[1].fd >= 0) {
-        if (poll(streams.data(), streams.size(), -1) < 0 && errno != EINTR) {
-            return;
+        const int ready = poll(streams.data(), streams.size(), waitUntil(limit));
+        if (ready < 0 && errno != EINTR) {
+            return true;
+        }
+        if (limit && Clock::now() >= *limit) {
+            return false;
+        }
+        if (ready <= 0) {
+            continue;
         }
         for (std::size_t i = 0; i < streams.size(); ++i) {
             if (streams[i].fd < 0 || streams[i].revents == 0) {
@@ -40,12 +63,13 @@ void readBoth(int first, std::string& firstText, int second, std::string& second
             }
         }
     }
+    return true;
 }
 
 }  // namespace
 
 ProgramAnswer runProgram(const std::vector<std::string>& words, int input,
-                         const std::function<bool()>& enter) {
+                         const std::function<bool()>& enter, int mostSeconds) {
     const std::string& program = words.front();
     Pipe output;
     Pipe errors;
@@ -58,7 +82,16 @@ ProgramAnswer runProgram(const std::vector<std::string>& words, int input,
     (void)output.writeEnd.close();
     (void)errors.writeEnd.close();
     ProgramAnswer answer;
-    readBoth(output.readEnd.get(), answer.output, errors.readEnd.get(), answer.errors);
+    const std::optional<Clock::time_point> limit =
+        mostSeconds > 0 ? std::optional(Clock::now() + std::chrono::seconds(mostSeconds))
+                        : std::nullopt;
+    if (!readBoth(output.readEnd.get(), answer.output, errors.readEnd.get(), answer.errors,
+                  limit)) {
+        (void)kill(process, SIGKILL);
+        (void)exitStatusOf(process);
+        throw Error(ErrorKind::kSystem,
+                    program + " did not end within " + std::to_string(mostSeconds) + " s");
+    }
     answer.status = exitStatusOf(process).value_or(kProgramNotRun);
     if (answer.status == kNotEntered || answer.status == kProgramNotRun) {
         throw Error(ErrorKind::kSystem, "cannot run " + program);

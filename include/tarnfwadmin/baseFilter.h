@@ -36,6 +36,10 @@ public:
     /// `key` is "v4" or "v6".
     explicit BaseFilter(std::string key) : key_(std::move(key)) {}
 
+    /// The same with a listing of the filter table that is there already.
+    BaseFilter(std::string key, RuleListing listing)
+        : key_(std::move(key)), listing_(std::move(listing)) {}
+
     const std::string& key() const { return key_; }
     std::string title() const;  ///< "IPv4" or "IPv6"
 

@@ -1,0 +1,407 @@
+#include "tarnfwadmin/foreignRules.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <utility>
+
+#include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/predicate.hpp>
+
+#include "tarnfirewall/fwTypes.h"
+
+#include "kernel/kernelRule.h"
+#include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/descriptor.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/program.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr int kNatSeconds = 5;
+
+// A host of containers has thousands of rules in chains that jump to each other. What is not
+// followed to its end may accept.
+constexpr std::size_t kMostSteps = 100000;
+constexpr std::size_t kMostDepth = 50;
+
+// ---- Which packets of a question a rule is for --------------------------------------------------
+
+enum class Match { kNone, kSome, kAll };
+
+Match lessOf(Match one, Match other) {
+    return std::min(one, other);
+}
+
+Match opposite(Match match) {
+    return match == Match::kAll ? Match::kNone : match == Match::kNone ? Match::kAll : match;
+}
+
+/// Of a condition. `compare` is asked when the condition has been read and the question says more
+/// than "any".
+template <typename Value>
+Match matchOf(const Condition<Value>& condition, bool known,
+              const std::function<Match(const Value&)>& compare) {
+    if (!condition.isThere()) {
+        return Match::kAll;
+    }
+    if (condition.unread || !known) {
+        return Match::kSome;
+    }
+    const Match match = compare(*condition.value);
+    return condition.negated ? opposite(match) : match;
+}
+
+bool isInterface(const std::string& pattern, const std::string& name) {
+    return !pattern.empty() && pattern.back() == '+'
+               ? boost::starts_with(name, pattern.substr(0, pattern.size() - 1))
+               : pattern == name;
+}
+
+Match matchOfNames(const std::string& pattern, const std::vector<std::string>& names) {
+    const auto hits = std::count_if(names.begin(), names.end(), [&](const std::string& name) {
+        return isInterface(pattern, name);
+    });
+    return hits == 0                                        ? Match::kNone
+           : static_cast<std::size_t>(hits) == names.size() ? Match::kAll
+                                                            : Match::kSome;
+}
+
+Match matchOfPorts(const std::vector<PortSpan>& spans, const PortSpan& asked) {
+    Match match = Match::kNone;
+    for (const PortSpan& span : spans) {
+        if (covers(span, asked)) {
+            return Match::kAll;
+        }
+        if (span.first <= asked.last && asked.first <= span.last) {
+            match = Match::kSome;
+        }
+    }
+    return match;
+}
+
+Match matchOfAddress(const AddressRange& range, const Address& address) {
+    return range.contains(address) ? Match::kAll : Match::kNone;
+}
+
+Match matchOf(const KernelRule& rule, const ForeignQuestion& question) {
+    // Packets of the machine to itself are none of the question, and the firewall accepts them too.
+    if (rule.establishedOnly || (rule.in.value == "lo" && !rule.in.negated)) {
+        return Match::kNone;
+    }
+    Match match = rule.more ? Match::kSome : Match::kAll;
+    if (rule.toThisMachine && !question.toThisMachine) {
+        match = Match::kSome;
+    }
+    match =
+        lessOf(match, matchOf<std::string>(rule.in, !question.interfaces.empty(),
+                                           [&](const std::string& pattern) {
+                                               return matchOfNames(pattern, question.interfaces);
+                                           }));
+    match = lessOf(match, matchOf<std::string>(rule.out, false, {}));
+    match = lessOf(match, matchOf<AddressRange>(rule.source, question.source.has_value(),
+                                                [&](const AddressRange& range) {
+                                                    return matchOfAddress(range, *question.source);
+                                                }));
+    match =
+        lessOf(match, matchOf<AddressRange>(rule.destination, question.destination.has_value(),
+                                            [&](const AddressRange& range) {
+                                                return matchOfAddress(range, *question.destination);
+                                            }));
+    match = lessOf(match, matchOf<int>(rule.protocol, question.protocol != 0, [&](int protocol) {
+                       return protocol == question.protocol ? Match::kAll : Match::kNone;
+                   }));
+    match = lessOf(match, matchOf<std::vector<PortSpan>>(
+                              rule.ports, question.ports.has_value(), [&](const auto& spans) {
+                                  return matchOfPorts(spans, *question.ports);
+                              }));
+    return lessOf(
+        match, matchOf<std::vector<PortSpan>>(
+                   rule.sourcePorts, question.sourcePorts.has_value(),
+                   [&](const auto& spans) { return matchOfPorts(spans, *question.sourcePorts); }));
+}
+
+// ---- A packet's way through the chains ----------------------------------------------------------
+
+/// What a target does that is no chain.
+enum class Effect { kGoesOn, kDrops, kAccepts, kReturns, kRedirects };
+
+Effect effectOf(const std::string& target) {
+    static const std::map<std::string, Effect> effects = {
+        {"", Effect::kGoesOn},           {"LOG", Effect::kGoesOn},
+        {"NFLOG", Effect::kGoesOn},      {"ULOG", Effect::kGoesOn},
+        {"MARK", Effect::kGoesOn},       {"CONNMARK", Effect::kGoesOn},
+        {"SET", Effect::kGoesOn},        {"TRACE", Effect::kGoesOn},
+        {"AUDIT", Effect::kGoesOn},      {"LED", Effect::kGoesOn},
+        {"CLASSIFY", Effect::kGoesOn},   {"TCPMSS", Effect::kGoesOn},
+        {"SECMARK", Effect::kGoesOn},    {"CONNSECMARK", Effect::kGoesOn},
+        {"RATEEST", Effect::kGoesOn},    {"DROP", Effect::kDrops},
+        {"REJECT", Effect::kDrops},      {"TARPIT", Effect::kDrops},
+        {"RETURN", Effect::kReturns},    {"DNAT", Effect::kRedirects},
+        {"REDIRECT", Effect::kRedirects}};
+    const auto found = effects.find(target);
+    // Others hand the packet to a program (NFQUEUE), or are not known: they may accept.
+    return found == effects.end() ? Effect::kAccepts : found->second;
+}
+
+bool isOwnChain(const std::string& chain) {
+    const auto& chains = FW::FW_FIREWALL_CHAINS;
+    return chain == kReloadingChain ||
+           std::find(chains.begin(), chains.end(), chain) != chains.end();
+}
+
+/// Follows packets through a table.
+class Walk {
+public:
+    /// Called with the rules up to an accepting or redirecting one; `certain` when all packets of
+    /// the question that get there do so.
+    using Found =
+        std::function<void(const std::vector<KernelRule>& path, Effect effect, bool certain)>;
+
+    /// `accepts`: looking for what accepts, rather than for what redirects.
+    Walk(const RuleListing& table, const ForeignQuestion& question, bool accepts, Found found)
+        : table_(table), question_(question), accepts_(accepts), found_(std::move(found)) {}
+
+    void run(const std::string& chain) {
+        const bool accepts = table_.hasPolicy(chain, "ACCEPT") || table_.policies.empty();
+        base_ = chain;
+        returns_ = accepts ? Effect::kAccepts : Effect::kDrops;
+        (void)follow(chain, Match::kAll);
+    }
+
+private:
+    enum class End { kFellThrough, kStopped };
+
+    /// `match`: which packets of the question come to the chain.
+    End follow(const std::string& chain, Match match) {
+        for (const std::string& line : table_.rulesOf(chain)) {
+            const KernelRule rule = kernelRuleFrom(line);
+            if (isOwnChain(rule.target)) {
+                if (chain == base_ && rule.target == base_ + "_FIREWALL") {
+                    return End::kStopped;
+                }
+                continue;
+            }
+            const Match matched = lessOf(match, matchOf(rule, question_));
+            if (matched == Match::kNone) {
+                continue;
+            }
+            path_.push_back(rule);
+            if (++steps_ > kMostSteps || path_.size() > kMostDepth) {
+                report(Effect::kAccepts, Match::kSome);
+                path_.pop_back();
+                return End::kFellThrough;
+            }
+            const bool ends = apply(rule, matched);
+            path_.pop_back();
+            if (ends) {
+                return rule.target == "RETURN" && chain != base_ ? End::kFellThrough
+                                                                 : End::kStopped;
+            }
+        }
+        return End::kFellThrough;
+    }
+
+    /// Whether no packet goes on after the rule.
+    bool apply(const KernelRule& rule, Match matched) {
+        if (!table_.has(rule.target)) {
+            return end(effectOf(rule.target), matched);
+        }
+        const End ended = follow(rule.target, matched);
+        if (ended == End::kFellThrough && rule.goesTo && rule.chain == base_) {
+            return end(Effect::kReturns, matched);
+        }
+        return ended == End::kStopped && matched == Match::kAll;
+    }
+
+    bool end(Effect effect, Match matched) {
+        const KernelRule& rule = path_.back();
+        if (effect == Effect::kGoesOn) {
+            return false;
+        }
+        if (effect == Effect::kReturns && rule.chain == base_) {
+            effect = returns_;  // the policy
+        }
+        if (effect == Effect::kAccepts || effect == Effect::kRedirects) {
+            report(effect, matched);
+        }
+        if (matched == Match::kAll) {
+            return true;
+        }
+        // Some packets of the question do not come to the next rules. Those that this one accepts
+        // make what the next ones accept no less.
+        clean_ = clean_ && effect == Effect::kAccepts && accepts_;
+        return false;
+    }
+
+    void report(Effect effect, Match matched) {
+        found_(path_, effect, matched == Match::kAll && clean_);
+    }
+
+    const RuleListing& table_;
+    const ForeignQuestion& question_;
+    bool accepts_;
+    Found found_;
+    std::string base_;
+    Effect returns_ = Effect::kAccepts;
+    std::vector<KernelRule> path_;
+    std::size_t steps_ = 0;
+    bool clean_ = true;
+};
+
+std::vector<std::string> textsOf(const std::vector<KernelRule>& path) {
+    std::vector<std::string> texts;
+    for (const KernelRule& rule : path) {
+        texts.push_back(rule.text);
+    }
+    return texts;
+}
+
+// ---- Redirections -------------------------------------------------------------------------------
+
+/// The text after an option of the target; empty without it.
+std::string optionOf(const KernelRule& rule, const std::string& option) {
+    const auto found = std::find(rule.targetWords.begin(), rule.targetWords.end(), option);
+    return found == rule.targetWords.end() || found + 1 == rule.targetWords.end() ? std::string()
+                                                                                  : *(found + 1);
+}
+
+/// The ports that all rules of a path and the question have in common, as far as they are a span.
+PortSpan portsOn(const std::vector<KernelRule>& path, const ForeignQuestion& question) {
+    PortSpan ports = question.ports.value_or(PortSpan());
+    for (const KernelRule& rule : path) {
+        if (rule.ports.value && !rule.ports.negated && rule.ports.value->size() == 1) {
+            const PortSpan& span = rule.ports.value->front();
+            ports.first = std::max(ports.first, span.first);
+            ports.last = std::min(ports.last, span.last);
+        }
+    }
+    return ports;
+}
+
+/// "172.17.0.2:80", "[fd00::1]:100-200", "10.0.0.1-10.0.0.9", ":8080": address and ports.
+std::pair<std::string, std::string> endsOf(const std::string& target) {
+    if (boost::starts_with(target, "[")) {
+        const std::size_t close = target.find(']');
+        const std::string rest = close == std::string::npos ? "" : target.substr(close + 1);
+        return {target.substr(1, close - 1), rest.empty() ? rest : rest.substr(1)};
+    }
+    const std::size_t colon = target.find(':');
+    if (colon == std::string::npos || target.find(':', colon + 1) != std::string::npos) {
+        return {target, ""};  // also an IPv6 address without a port
+    }
+    return {target.substr(0, colon), target.substr(colon + 1)};
+}
+
+}  // namespace
+
+std::optional<RuleListing> natRules(const std::string& family, std::string& failure) {
+    const std::string program = programOf(family) + "-save";
+    std::error_code ignored;
+    const std::string real = std::filesystem::canonical(program, ignored).filename().string();
+    if (real.empty()) {
+        return RuleListing();  // no such family
+    }
+    if (!boost::contains(real, "nft")) {
+        // The programs of the legacy variant load the table by asking for it, and with it the
+        // tracking of connections.
+        std::ifstream names(family == "v4" ? "/proc/net/ip_tables_names"
+                                           : "/proc/net/ip6_tables_names");
+        bool loaded = false;
+        for (std::string name; std::getline(names, name);) {
+            loaded = loaded || name == "nat";
+        }
+        if (!loaded) {
+            return RuleListing();
+        }
+    }
+    try {
+        const Descriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
+        const ProgramAnswer answer =
+            runProgram({program, "-t", "nat"}, nothing.get(), {}, kNatSeconds);
+        // A kernel without the table says so; its filter table is listed elsewhere.
+        return answer.status == 0 ? RuleListing::from(answer.output) : RuleListing();
+    } catch (const Error& error) {
+        failure = error.what();
+        return std::nullopt;
+    }
+}
+
+ForeignRules::ForeignRules(std::string family, RuleListing filter, RuleListing nat,
+                           std::vector<Address> own)
+    : family_(std::move(family)),
+      filter_(std::move(filter)),
+      nat_(std::move(nat)),
+      own_(std::move(own)) {}
+
+std::vector<EarlyAccept> ForeignRules::earlyAccepts(const std::string& chain,
+                                                    const ForeignQuestion& question) const {
+    std::vector<EarlyAccept> accepts;
+    if (filter_.positionOf(chain, "-A " + chain + " -j " + chain + "_FIREWALL") == 0) {
+        return accepts;
+    }
+    Walk(filter_, question, true, [&](const auto& path, Effect /*effect*/, bool certain) {
+        if (accepts.size() < kMostForeignRules) {
+            accepts.push_back({chain, textsOf(path), certain});
+        }
+    }).run(chain);
+    return accepts;
+}
+
+std::vector<EarlyAccept> ForeignRules::anyEarlyAccepts() const {
+    std::vector<EarlyAccept> all;
+    for (const char* const chain : {"INPUT", "FORWARD"}) {
+        std::set<std::string> seen;
+        for (EarlyAccept& accept : earlyAccepts(chain, ForeignQuestion())) {
+            accept.rules.resize(1);
+            if (seen.insert(accept.rules.front()).second) {
+                all.push_back(std::move(accept));
+            }
+        }
+    }
+    return all;
+}
+
+std::vector<Redirection> ForeignRules::redirections(const ForeignQuestion& question) const {
+    std::vector<Redirection> found;
+    Walk(nat_, question, false, [&](const auto& path, Effect effect, bool certain) {
+        const KernelRule& last = path.back();
+        if (effect != Effect::kRedirects || found.size() >= kMostForeignRules) {
+            return;
+        }
+        Redirection redirection;
+        redirection.rules = textsOf(path);
+        redirection.ports = portsOn(path, question);
+        redirection.certain = certain;
+        std::string ports = optionOf(last, "--to-ports");
+        if (last.target == "REDIRECT") {
+            redirection.toThisMachine = true;
+            redirection.target = ports.empty() ? "this machine" : "port " + ports;
+        } else {
+            redirection.target = optionOf(last, "--to-destination");
+            const auto ends = endsOf(redirection.target);
+            ports = ends.second;
+            redirection.destination = addressFrom(ends.first);
+            redirection.toThisMachine =
+                ends.first.empty() ||
+                (redirection.destination &&
+                 std::find(own_.begin(), own_.end(), *redirection.destination) != own_.end());
+        }
+        redirection.seenPorts = portSpanFrom(ports);
+        found.push_back(std::move(redirection));
+    }).run("PREROUTING");
+    return found;
+}
+
+std::string rulesText(const std::vector<std::string>& rules) {
+    return boost::join(rules, "; ");
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,91 @@
+/// Rules of other programs that packets meet before the firewall's: those of INPUT and FORWARD that
+/// may accept, and those of the table "nat" that change where packets go.
+///
+/// Only these can let a packet past the firewall's rules. What accepts in another table or in
+/// another program's own nftables chain ends only that chain: the packet still meets INPUT and
+/// FORWARD. What drops there makes the machine no more open.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tarnfirewall/fwExport.h"
+
+#include "tarnfwadmin/addressRange.h"
+#include "tarnfwadmin/packetFilter.h"
+#include "tarnfwadmin/portEntry.h"
+
+namespace TARNFW_EXPORT_ALL tarnfw {
+
+/// Packets that open a connection and come in from outside, as far as a question says.
+struct ForeignQuestion {
+    std::vector<std::string> interfaces;  ///< they come in through one of these; empty: any
+    int protocol = 0;                     ///< IPPROTO_TCP; 0: any
+    std::optional<PortSpan> ports;        ///< of the destination; none: any
+    std::optional<PortSpan> sourcePorts;  ///< none: any
+    std::optional<Address> source;        ///< none: any
+    std::optional<Address> destination;   ///< none: any
+    bool toThisMachine = true;            ///< for an address of this machine, before nat
+};
+
+/// A rule that may accept packets before they meet the firewall's.
+struct EarlyAccept {
+    std::string chain;  ///< "INPUT" or "FORWARD"
+    /// As iptables prints them: the rule of `chain`, and those of the chains that it leads to.
+    std::vector<std::string> rules;
+    bool certain = false;  ///< it accepts all the packets of the question
+};
+
+/// A rule that changes where packets go.
+struct Redirection {
+    std::vector<std::string> rules;      ///< from that of PREROUTING on
+    PortSpan ports;                      ///< those of the question that it is for
+    std::string target;                  ///< "172.17.0.2:80"; "port 8081" of this machine
+    bool toThisMachine = false;          ///< the packets then meet INPUT, else FORWARD
+    std::optional<Address> destination;  ///< the new one; none for a range, or as before
+    std::optional<PortSpan> seenPorts;   ///< the number that the filter sees; none: as before
+    bool certain = false;                ///< it changes all those packets
+};
+
+/// The rules of "nat", as iptables-save prints them. Nothing, with the reason in `failure`, when
+/// they cannot be listed within 5 s. A kernel without the table has no rules; it is not asked in a
+/// way that would load it.
+std::optional<RuleListing> natRules(const std::string& family, std::string& failure);
+
+/// The rules of one family, and what they do to the packets of a question.
+class ForeignRules {
+public:
+    /// `own` are the machine's addresses.
+    ForeignRules(std::string family, RuleListing filter, RuleListing nat,
+                 std::vector<Address> own = {});
+
+    const std::string& family() const { return family_; }
+
+    /// The rules of a chain before its jump to the firewall's chain that may accept such packets;
+    /// none without that jump. At most kMostForeignRules.
+    std::vector<EarlyAccept> earlyAccepts(const std::string& chain,
+                                          const ForeignQuestion& question) const;
+
+    /// Those of INPUT and FORWARD, for any packet that opens a connection. Only the first rule of
+    /// each is given, the one of INPUT or FORWARD, and each once.
+    std::vector<EarlyAccept> anyEarlyAccepts() const;
+
+    /// The rules that change where such packets go. At most kMostForeignRules.
+    std::vector<Redirection> redirections(const ForeignQuestion& question) const;
+
+private:
+    std::string family_;
+    RuleListing filter_;
+    RuleListing nat_;
+    std::vector<Address> own_;
+};
+
+inline constexpr std::size_t kMostForeignRules = 100;
+
+/// "-A FORWARD -o docker0 -j DOCKER; -A DOCKER -d 172.17.0.2/32 ... -j ACCEPT".
+std::string rulesText(const std::vector<std::string>& rules);
+
+}  // namespace tarnfw
