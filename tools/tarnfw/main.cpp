@@ -65,12 +65,14 @@ void openStandardFiles() {
     }
 }
 
-/// The exit status of a command that ended with `status`: output that could not be written is a
+/// The exit status of a command that ended with `status`: an answer that could not be written is a
 /// failure.
 int statusOfAnswer(int status) {
+    const bool isAnswer =
+        status == 0 || status == tarnfw::kExitBlocked || status == tarnfw::kExitNotInForce;
     errno = 0;
     std::cout.flush();
-    if (std::cout.good() || status != 0) {
+    if (std::cout.good() || !isAnswer) {
         return status;
     }
     std::cerr << "tarnfw: cannot write the output"

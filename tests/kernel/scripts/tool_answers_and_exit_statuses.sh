@@ -91,7 +91,7 @@ complains '^tarnfw: the base filter is not set up ('
 answers 1 enable
 step 'the settings are untouched' cmp "$kSettings" /tmp/settings
 step 'the filter is untouched' same_listing before
-answers 0 status
+answers 11 status
 says '^Firewall: *enabled, but no rules are in force; "tarnfw reload" shows why$'
 rm -- "$kSettings"
 

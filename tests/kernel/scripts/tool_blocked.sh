@@ -19,7 +19,7 @@ prints <<<'Firewall disabled: nothing is blocked'
 answers 0 blocked --service ssh --json
 prints_json <<'END'
 {"enabled": false, "profile": "default", "service": "ssh", "ports": ["tcp/22"], "adapters": [],
- "allowed": true}
+ "allowed": true, "holds": true, "complaints": [], "redirects": []}
 END
 answers 1 blocked --port tcp/22 --adapter eht0
 complains '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (known: eth0, global, pppoe, vpn)$'
@@ -42,8 +42,9 @@ END
 answers 10 blocked --port tcp/22 --json
 prints_json <<'END'
 {"enabled": true, "profile": "deny_by_default", "ports": ["tcp/22"], "allowed": false,
- "adapters": [{"name": "global", "verdict": "undecided"}, {"name": "eth0", "verdict": "mixed"},
-              {"name": "eth1", "verdict": "allowed"}]}
+ "holds": true, "complaints": [], "redirects": [],
+ "adapters": [{"name": "global", "verdict": "undecided", "acceptedBefore": []}, {"name": "eth0", "verdict": "mixed", "acceptedBefore": []},
+              {"name": "eth1", "verdict": "allowed", "acceptedBefore": []}]}
 END
 answers 0 blocked --service https --adapter eth0
 prints <<'END'
@@ -82,12 +83,12 @@ END
 answers 0 explain --service https --adapter eth0 --json
 prints_json <<'END'
 {"enabled": true, "profile": "deny_by_default", "service": "https", "ports": ["tcp/443"],
- "allowed": true,
+ "allowed": true, "holds": true, "complaints": [], "redirects": [],
  "adapters": [
-   {"name": "global", "verdict": "undecided",
+   {"name": "global", "verdict": "undecided", "acceptedBefore": [],
     "ports": [{"port": "tcp/443", "verdict": "undecided",
                "steps": [{"kind": "global", "before": "allowed", "after": "undecided"}]}]},
-   {"name": "eth0", "verdict": "allowed",
+   {"name": "eth0", "verdict": "allowed", "acceptedBefore": [],
     "ports": [{"port": "tcp/443", "verdict": "allowed",
                "steps": [{"kind": "default", "before": "allowed", "after": "blocked"},
                          {"kind": "rule", "list": "eth0", "position": 1, "last": true,
@@ -194,12 +195,10 @@ serve "${ports[@]/#/tcp/}" udp/7004 udp/7006 udp/7010
 decide() {
     local family=4 status=0 outcome
     [[ $3 != *:* ]] || family=6
-    tarnfw explain --port "$1/$2" --adapter eth0 --from "$3" --to "$4" >"$out/answer" || status=$?
-    case $status in
-    0) outcome=open ;;
-    10) outcome=blocked ;;
-    *) fail "explain ends with $status" ;;
-    esac
+    tarnfw explain --port "$1/$2" --adapter eth0 --from "$3" --to "$4" --json >"$out/answer" ||
+        status=$?
+    ((status == 11)) || fail "explain ends with $status" # one line is not in force
+    outcome=$(jq -r 'if .allowed then "open" else "blocked" end' "$out/answer")
     printf '%s%s %s %s %s %s\n' "$1" "$family" "$4" "$2" "$outcome" "$3" >>"$out/packets"
 }
 
@@ -222,10 +221,14 @@ done
 sort "$out/packets"
 step 'packets meet what was told' check_packets <"$out/packets"
 
+# The kernel has not taken the last rule's line, and each answer says so.
+readonly kDiffers='the rules in force for IPv4 and IPv6 are not those of the profile; "tarnfw diff" shows how they differ, "tarnfw reload" applies the profile or shows why not'
+
 # One answer for the whole range, cut where the rules' ports begin and end.
-answers 10 explain --port tcp/7001-7010 --adapter eth0 --from 192.168.1.20
+answers 11 explain --port tcp/7001-7010 --adapter eth0 --from 192.168.1.20
 silent
-prints <<'END'
+prints <<END
+The kernel does not do this: $kDiffers
 Profile "mixture", tcp/7001-7010
 Adapter  Port           Verdict  Decided by
 eth0     tcp/7001-7002  allowed  rule 2 of global: allow tcp 7001-7002 from anywhere, outgoing
@@ -236,12 +239,12 @@ eth0     tcp/7006-7008  allowed  rule 3 of eth0: allow tcp/udp 7004,7006-7008 fr
 eth0     tcp/7009       blocked  rule 4 of eth0: deny tcp 7005-7009 from 192.0.1.20/255.0.255.255 (IPv4)
 eth0     tcp/7010       blocked  the default policy of eth0: deny; unless this matches: rule 6 of eth0: allow tcp 7010 to 192.168.1.11 (IPv4)
 END
-answers 10 explain --port both/7010 --from 192.168.1.20 --json
-prints_json <<'END'
+answers 11 explain --port both/7010 --from 192.168.1.20 --json
+prints_json <<END
 {"enabled": true, "profile": "mixture", "ports": ["both/7010"], "from": "192.168.1.20",
- "allowed": false,
+ "allowed": false, "holds": false, "complaints": [$(jq -Rn --arg text "$kDiffers" '$text')], "redirects": [],
  "adapters": [
-   {"name": "eth0",
+   {"name": "eth0", "acceptedBefore": [],
     "decisions": [
       {"port": "tcp/7010", "by": "defaultPolicy", "list": "eth0", "allowed": false,
        "unless": [{"list": "eth0", "position": 6,
@@ -249,17 +252,17 @@ prints_json <<'END'
       {"port": "udp/7010", "by": "defaultPolicy", "list": "eth0", "allowed": false,
        "unless": []}]}]}
 END
-answers 0 explain --port tcp/7010 --from 192.168.1.20 --to 192.168.1.11 --json
-prints_json <<'END'
+answers 11 explain --port tcp/7010 --from 192.168.1.20 --to 192.168.1.11 --json
+prints_json <<END
 {"enabled": true, "profile": "mixture", "ports": ["tcp/7010"], "from": "192.168.1.20",
- "to": "192.168.1.11", "allowed": true,
+ "to": "192.168.1.11", "allowed": true, "holds": false, "complaints": [$(jq -Rn --arg text "$kDiffers" '$text')], "redirects": [],
  "adapters": [
-   {"name": "eth0",
+   {"name": "eth0", "acceptedBefore": [],
     "decisions": [
       {"port": "tcp/7010", "by": "rule", "list": "eth0", "position": 6, "allowed": true,
        "rule": "allow tcp 7010 to 192.168.1.11 (IPv4)", "unless": []}]}]}
 END
-answers 0 explain --service ssh --from fd00::21 --adapter eth0
+answers 11 explain --service ssh --from fd00::21 --adapter eth0
 says '^eth0  *tcp/22  *allowed  *rule 7 of eth0: allow service ssh from anywhere$'
 
 # --- nothing of all this changes anything ----------------------------------------------------------
@@ -270,7 +273,7 @@ for question in '--port tcp/22' '--service ssh --json' '--port both/7000-7020'; 
     read -r -a words <<<"$question"
     for command in blocked explain 'explain --from 192.168.1.20'; do
         # shellcheck disable=SC2086  # it is several words
-        tarnfw $command "${words[@]}" >"$out/answer" || (($? == 10))
+        tarnfw $command "${words[@]}" >"$out/answer" || (($? == 11))
     done
 done
 step 'the filter is untouched' same_listing asked

@@ -27,6 +27,7 @@ counted() {
     # The reload itself, and the look at it beforehand.
     [[ " $* " != *' --reload '* ]] || ((mostCatalogue += 2))
     [[ $2 != enable && $2 != reload ]] || ((mostCatalogue += 1))
+    [[ $2 != blocked ]] || ((mostCatalogue += 1))            # "global" and the adapter; the kernel's rules
     total=$(grep --count '^[tl].*/firewall.d/' "$kOpened" || true)
     runs=$(grep --count '^run' "$kOpened" || true)
     printf '%-40s %5s %5s %5s %5s\n' "${*:2}" "$store" "$catalogue" "$total" "$runs" | tee -a "$kTable"
@@ -57,6 +58,7 @@ opens library
 counted 0 status
 opens tool
 step 'IPv4 is listed once' [ "$(grep --count '^run .*/iptables .* -S' "$kOpened")" = 1 ]
+step 'and so is its nat table' [ "$(grep --count '^run .*/iptables-save ' "$kOpened")" -le 1 ]
 step 'and so is IPv6' [ "$(grep --count '^run .*/ip6tables .* -S' "$kOpened")" = 1 ]
 counted 0 profile list
 counted 0 profile show
@@ -68,6 +70,7 @@ counted 0 reload
 counted 0 check
 counted 0 preview
 counted 10 blocked --port tcp/23 --adapter eth0
+step 'IPv4 is listed once' [ "$(grep --count '^run .*/iptables .* -S' "$kOpened")" = 1 ]
 counted 10 explain --port tcp/23 --adapter eth0 --from 192.168.1.20
 counted 0 diff
 counted 0 adapters

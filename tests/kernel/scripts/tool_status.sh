@@ -10,11 +10,11 @@ make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 
 answers 0 base status --json
 prints_json <<'END'
-{"v4": {"inOrder": true, "setUp": false, "missing": {
+{"v4": {"absent": false, "inOrder": true, "setUp": false, "missing": {
     "chains": ["FIREWALL_RELOADING", "INPUT_FIREWALL", "FORWARD_FIREWALL"],
     "jumps": [["INPUT", "FIREWALL_RELOADING"], ["INPUT", "INPUT_FIREWALL"],
               ["FORWARD", "FIREWALL_RELOADING"], ["FORWARD", "FORWARD_FIREWALL"]]}},
- "v6": {"inOrder": true, "setUp": false, "missing": {
+ "v6": {"absent": false, "inOrder": true, "setUp": false, "missing": {
     "chains": ["FIREWALL_RELOADING", "INPUT_FIREWALL", "FORWARD_FIREWALL"],
     "jumps": [["INPUT", "FIREWALL_RELOADING"], ["INPUT", "INPUT_FIREWALL"],
               ["FORWARD", "FIREWALL_RELOADING"], ["FORWARD", "FORWARD_FIREWALL"]]}}}
@@ -45,8 +45,8 @@ answers 0 apply-mode
 prints <<<"batch: all rules are replaced at once"
 answers 0 base status --json
 prints_json <<'END'
-{"v4": {"inOrder": true, "setUp": true, "missing": {"chains": [], "jumps": []}},
- "v6": {"inOrder": true, "setUp": true, "missing": {"chains": [], "jumps": []}}}
+{"v4": {"absent": false, "inOrder": true, "setUp": true, "missing": {"chains": [], "jumps": []}},
+ "v6": {"absent": false, "inOrder": true, "setUp": true, "missing": {"chains": [], "jumps": []}}}
 END
 
 use_profile disabled_rule_and_absent_adapter
@@ -55,13 +55,16 @@ prints <<<'lines: one command for each rule; new connections are dropped meanwhi
 answers 0 enable
 answers 0 status --json
 prints_json <<END
-{"enabled": true, "nothingInForce": false, "interruptedReload": false,
+{"enabled": true, "asStored": true, "complaints": [],
+ "nothingInForce": false, "interruptedReload": false,
  "activeProfile": "disabled_rule_and_absent_adapter", "activeProfileExists": true,
  "applyMode": "lines", "modulesLoaded": true, "trial": null,
  "kernel": {
-  "v4": {"setUp": true, "inOrder": true, "base": "set up",
+  "v4": {"setUp": true, "inOrder": true, "base": "set up", "inForce": "asStored",
+         "acceptedBefore": [], "redirects": [],
          "loadedRules": $(iptables -S | grep -c -e '^-A INPUT_FIREWALL' -e '^-A FORWARD_FIREWALL')},
-  "v6": {"setUp": true, "inOrder": true, "base": "set up",
+  "v6": {"setUp": true, "inOrder": true, "base": "set up", "inForce": "asStored",
+         "acceptedBefore": [], "redirects": [],
          "loadedRules": $(ip6tables -S | grep -c -e '^-A INPUT_FIREWALL' -e '^-A FORWARD_FIREWALL')}},
  "adapters": $(jq '[(.rules + .adapterPolicyMap | keys)[] as $name | {name: $name,
     present: ($name == "global" or $name == "eth0"),
@@ -81,9 +84,9 @@ silent
 
 # --- enabled, but incomplete -----------------------------------------------------------------------
 
-# status_keys: the members that report a broken state, in one line.
+# status_keys STATUS: the members that report a broken state, in one line.
 status_keys() {
-    answers 0 status --json >&2
+    answers "$1" status --json >&2
     jq -c '[.enabled, .nothingInForce, .interruptedReload]' "$out/answer"
 }
 
@@ -91,11 +94,11 @@ for tool in iptables ip6tables; do
     "$tool" -F INPUT_FIREWALL
     "$tool" -F FORWARD_FIREWALL
 done
-step 'nothing is in force' [ "$(status_keys)" = '[true,true,false]' ]
-answers 0 status
+step 'nothing is in force' [ "$(status_keys 11)" = '[true,true,false]' ]
+answers 11 status
 says '^Firewall: *enabled, but no rules are in force; "tarnfw reload" shows why$'
 ip6tables -A INPUT_FIREWALL -j RETURN
-step 'one rule is something' [ "$(status_keys)" = '[true,false,false]' ]
+step 'one rule is something' [ "$(status_keys 11)" = '[true,false,false]' ]
 ip6tables -F INPUT_FIREWALL
 cat >"$kProfileDirectory/nothing.json" <<'END'
 {"name": "nothing", "adapterPolicyMap": {"global": 2}, "rules": {}}
@@ -107,18 +110,20 @@ answers 0 profile use disabled_rule_and_absent_adapter --reload
 
 # The state that a killed reload in apply mode "lines" leaves.
 ip6tables --policy INPUT DROP
-step 'a policy alone is the administrator'"'"'s' [ "$(status_keys)" = '[true,false,false]' ]
+step 'a policy alone is the administrator'"'"'s' [ "$(status_keys 0)" = '[true,false,false]' ]
 ip6tables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT
-step 'a reload was interrupted' [ "$(status_keys)" = '[true,false,true]' ]
-answers 0 status
-says '^ *a reload was interrupted: the machine is closed to new connections; "tarnfw reload" opens it$'
+step 'a reload was interrupted' [ "$(status_keys 11)" = '[true,false,true]' ]
+answers 11 status
+says '^Firewall: *enabled, but a reload was interrupted: the machine is closed to new connections; "tarnfw reload" opens it$'
 exec {lock}>/tmp/firewall_iptables_exec.lock
 /usr/bin/python3 -c 'import fcntl, struct, sys
 fcntl.fcntl(int(sys.argv[1]), 37, struct.pack("hhqqi", fcntl.F_WRLCK, 0, 0, 0, 0))' "$lock" # F_OFD_SETLK
-step 'not while one is going on' [ "$(status_keys)" = '[true,false,false]' ]
+step 'not while one is going on' [ "$(status_keys 11)" = '[true,false,false]' ]
+answers 11 status
+says '^Firewall: *enabled, but a reload is running; new connections are dropped meanwhile$'
 exec {lock}>&-
 answers 0 reload
-step 'it is mended' [ "$(status_keys)" = '[true,false,false]' ]
+step 'it is mended' [ "$(status_keys 0)" = '[true,false,false]' ]
 step 'the policies accept' policies_accept
 ip6tables -F FIREWALL_RELOADING
 

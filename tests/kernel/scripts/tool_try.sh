@@ -50,7 +50,7 @@ gone_back
 
 on_terminal 0 both_killed
 step 'the trial is abandoned' [ -e "$kTrialSocket" ]
-answers 0 status
+answers 11 status
 says "^Trial: *of \"$new\", abandoned; \"tarnfw try --cancel\" ends it"
 answers 0 try --cancel
 prints <<<"Abandoned trial of \"$new\" ended; the previous rules are in force again"

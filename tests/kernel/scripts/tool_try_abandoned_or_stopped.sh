@@ -22,9 +22,9 @@ keep_both_listings
 # --- killed ----------------------------------------------------------------------------------------
 
 abandon
-answers 0 status
+answers 11 status
 says "^Trial: *of \"$new\", abandoned; \"tarnfw try --cancel\" ends it$"
-answers 0 status --json
+answers 11 status --json
 says '"state" : "abandoned"'
 answers 1 try --confirm
 complains '^tarnfw: there is no trial$'
@@ -85,7 +85,7 @@ keep_listing tried
 stopped=$(watchdog)
 kill -STOP "$stopped"
 readonly kSilent="its watchdog, process $stopped, does not answer; \"kill -CONT $stopped\" wakes it if it is stopped"
-answers 0 status
+answers 11 status
 says "^Trial: *of \"$new\", $kSilent$"
 for command in 'try --confirm' 'try --cancel' reload "try $new"; do
     # shellcheck disable=SC2086  # words

@@ -17,6 +17,8 @@ enum ExitStatus : int {
     kExitInvalid = 3,  ///< an invalid document, profile or rule
     kExitNotRoot = 4,
     kExitBlocked = 10,  ///< "blocked": blocked or mixed somewhere; "diff": the kernel differs
+    kExitNotInForce =
+        11,  ///< "status", "blocked", "explain": the kernel does not do what is stored
 };
 
 /// The exit status of a command that failed in this way.

@@ -1,7 +1,9 @@
 /// tarnfw blocked, explain: whether a port or a service gets through, and why.
 #include <algorithm>
 #include <iostream>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,6 +18,7 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
+#include "commands/kernelReport.h"
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/decision.h"
@@ -116,6 +119,91 @@ std::vector<std::string> adaptersAsked(const BlockedOptions& options,
     return adapters;
 }
 
+/// What the kernel does of the answer.
+class KernelAnswer {
+public:
+    KernelAnswer(const StoreSnapshot& store, const BlockedOptions& options,
+                 const std::vector<FW::PortCompareST>& questions)
+        : report_(kernelReportIfAny(store)), complaints_(complaintsOf(report_)) {
+        if (!options.from.empty()) {
+            from_ = addressFrom(options.from);
+            to_ = options.to.empty() ? std::nullopt : addressFrom(options.to);
+        }
+        questions_ = questions;
+    }
+
+    /// What comes before the firewall's rules on an adapter. Where those block the packets, it may
+    /// make the answer wrong.
+    const BeforeFirewall& ask(const std::string& adapter, bool blocked) {
+        BeforeFirewall& before = before_[adapter];
+        for (const FW::PortCompareST& question : questions_) {
+            addTo(before, beforeFirewall(report_, question, adapter, from_, to_));
+        }
+        if (adapter == FW::FW_ADAPTER_GLOBAL) {
+            before.redirects.clear();  // the adapters' answers have them
+        }
+        if (!blocked) {
+            before.accepts.clear();  // they accept what the firewall accepts
+        }
+        accepted_ = accepted_ || !before.accepts.empty();
+        addTo(all_, before);
+        return before;
+    }
+
+    /// Whether the kernel does what the answer says, as far as can be seen.
+    bool holds() const { return complaints_.empty() && !accepted_ && !hasOtherPorts(all_); }
+
+    /// Before the answer.
+    void printFirst() const {
+        for (const std::string& text : complaints_) {
+            std::cout << painted(printable("The kernel does not do this: " + text), Paint::kBad)
+                      << '\n';
+        }
+    }
+
+    /// After it.
+    void printLast() const {
+        for (const std::string& line : redirectsText(all_)) {
+            std::cout << painted(line, Paint::kDoubtful) << '\n';
+        }
+        for (const std::string& text : report_.unknownNat) {
+            std::cout << painted(printable("It may be redirected: " + text), Paint::kDoubtful)
+                      << '\n';
+        }
+    }
+
+    void addTo(Json::Value& document) const {
+        document["holds"] = holds();
+        document["complaints"] = Json::Value(Json::arrayValue);
+        for (const std::string& text : complaints_) {
+            document["complaints"].append(text);
+        }
+        document["redirects"] = redirectsJson(all_);
+    }
+
+    /// Ends the command with the exit status of the answer.
+    void end(bool allowed) const {
+        if (!holds()) {
+            endWith(kExitNotInForce);
+        }
+        if (!allowed) {
+            endWith(kExitBlocked);
+        }
+    }
+
+private:
+    void addTo(BeforeFirewall& all, const BeforeFirewall& more) const { tarnfw::addTo(all, more); }
+
+    KernelReport report_;
+    std::vector<std::string> complaints_;
+    std::vector<FW::PortCompareST> questions_;
+    std::optional<Address> from_;
+    std::optional<Address> to_;
+    std::map<std::string, BeforeFirewall> before_;
+    BeforeFirewall all_;
+    bool accepted_ = false;
+};
+
 /// The common members of the JSON documents; "adapters" is an empty array.
 Json::Value documentOf(const StoreSnapshot& store, const BlockedOptions& options,
                        const std::vector<FW::PortCompareST>& questions, bool enabled,
@@ -150,11 +238,16 @@ bool answeredDisabled(const StoreSnapshot& store, const BlockedOptions& options,
     if (!options.adapter.empty()) {
         (void)adaptersAsked(options, store.profile(""));  // an unknown name is an error anyway
     }
+    const KernelAnswer kernel(store, options, questions);
     if (options.json) {
-        printJson(documentOf(store, options, questions, false, true));
+        Json::Value document = documentOf(store, options, questions, false, true);
+        kernel.addTo(document);
+        printJson(document);
     } else {
+        kernel.printFirst();
         std::cout << "Firewall disabled: nothing is blocked\n";
     }
+    kernel.end(true);
     return true;
 }
 
@@ -176,6 +269,15 @@ std::string noteOn(const AdapterAnswer& answer) {
     }
 }
 
+/// Whether a verdict says that packets do not get through.
+bool isBlocked(FW::FW_POLICY verdict) {
+    return verdict == FW::FW_POLICY_DENY || verdict == FW::FW_POLICY_MIXED;
+}
+
+std::string joined(const std::string& one, const std::string& other) {
+    return one.empty() || other.empty() ? one + other : one + "; " + other;
+}
+
 void blocked(const BlockedOptions& options) {
     requireRoot();
     auto machine = std::make_unique<Machine>();
@@ -188,28 +290,30 @@ void blocked(const BlockedOptions& options) {
     const std::vector<AdapterAnswer> answers =
         askVerdicts(questions, adaptersAsked(options, store.profile("")));
     const bool allowed = allAllowed(answers);
+    KernelAnswer kernel(store, options, questions);
+    Json::Value document = documentOf(store, options, questions, true, allowed);
+    Table table({"Adapter", "Verdict", ""});
+    for (const AdapterAnswer& answer : answers) {
+        const BeforeFirewall& before = kernel.ask(answer.adapter, isBlocked(answer.verdict));
+        Json::Value entry;
+        entry["name"] = answer.adapter;
+        entry["verdict"] = verdictText(answer.verdict);
+        entry["acceptedBefore"] = acceptsJson(before);
+        document["adapters"].append(entry);
+        table.addRow({{answer.adapter, Paint::kPlain},
+                      {verdictText(answer.verdict), policyPaint(answer.verdict)},
+                      {joined(noteOn(answer), acceptsText(before)), Paint::kPlain}});
+    }
     if (options.json) {
-        Json::Value document = documentOf(store, options, questions, true, allowed);
-        for (const AdapterAnswer& answer : answers) {
-            Json::Value entry;
-            entry["name"] = answer.adapter;
-            entry["verdict"] = verdictText(answer.verdict);
-            document["adapters"].append(entry);
-        }
+        kernel.addTo(document);
         printJson(document);
     } else {
+        kernel.printFirst();
         printHeading(store, options, questions);
-        Table table({"Adapter", "Verdict", ""});
-        for (const AdapterAnswer& answer : answers) {
-            table.addRow({{answer.adapter, Paint::kPlain},
-                          {verdictText(answer.verdict), policyPaint(answer.verdict)},
-                          {noteOn(answer), Paint::kPlain}});
-        }
         table.print();
+        kernel.printLast();
     }
-    if (!allowed) {
-        endWith(kExitBlocked);
-    }
+    kernel.end(allowed);
 }
 
 // ---- explain ----
@@ -298,10 +402,15 @@ Json::Value answerDocument(const FW::FWPROFILE& profile, const AdapterAnswer& an
     return document;
 }
 
-void printAnswer(const FW::FWPROFILE& profile, const AdapterAnswer& answer) {
+void printAnswer(const FW::FWPROFILE& profile, const AdapterAnswer& answer,
+                 const BeforeFirewall& before) {
     std::cout << '\n'
               << printable(answer.adapter) << ": "
               << painted(verdictText(answer.verdict), policyPaint(answer.verdict)) << '\n';
+    const std::string accepted = acceptsText(before);
+    if (!accepted.empty()) {
+        std::cout << "  " << painted(printable(accepted), Paint::kBad) << '\n';
+    }
     Table table;
     for (const PortAnswer& port : answer.ports) {
         if (answer.ports.size() > 1) {
@@ -328,21 +437,26 @@ void explain(const BlockedOptions& options) {
     const std::vector<AdapterAnswer> answers =
         askVerdicts(questions, adaptersAsked(options, profile));
     const bool allowed = allAllowed(answers);
+    KernelAnswer kernel(store, options, questions);
     if (options.json) {
         Json::Value document = documentOf(store, options, questions, true, allowed);
         for (const AdapterAnswer& answer : answers) {
-            document["adapters"].append(answerDocument(profile, answer));
+            Json::Value entry = answerDocument(profile, answer);
+            entry["acceptedBefore"] =
+                acceptsJson(kernel.ask(answer.adapter, isBlocked(answer.verdict)));
+            document["adapters"].append(entry);
         }
+        kernel.addTo(document);
         printJson(document);
     } else {
+        kernel.printFirst();
         printHeading(store, options, questions);
         for (const AdapterAnswer& answer : answers) {
-            printAnswer(profile, answer);
+            printAnswer(profile, answer, kernel.ask(answer.adapter, isBlocked(answer.verdict)));
         }
+        kernel.printLast();
     }
-    if (!allowed) {
-        endWith(kExitBlocked);
-    }
+    kernel.end(allowed);
 }
 
 // ---- explain --from: the one rule that decides for a sender ----
@@ -351,6 +465,7 @@ void explain(const BlockedOptions& options) {
 struct AdapterDecisions {
     std::string adapter;
     std::vector<std::pair<FW::FW_PORT_PROTOCOL, Decision>> decisions;
+    BeforeFirewall before;
 };
 
 /// The packets of a question from one address, one for each protocol that has ports.
@@ -382,7 +497,7 @@ std::vector<Packet> packetsFor(const BlockedOptions& options, const FW::PortComp
 AdapterDecisions decisionsOn(Decider& decider, const BlockedOptions& options,
                              const std::vector<FW::PortCompareST>& questions,
                              const std::string& adapter) {
-    AdapterDecisions found{adapter, {}};
+    AdapterDecisions found{adapter, {}, {}};
     for (const FW::PortCompareST& question : questions) {
         for (const Packet& packet : packetsFor(options, question, adapter)) {
             for (Decision& decision : decider.decide(packet)) {
@@ -446,6 +561,9 @@ void printDecisions(const Decider& decider, const std::vector<AdapterDecisions>&
                 reason.append("; unless this matches: ")
                     .append(placeText(place) + ": " + ruleText(decider.ruleAt(place)));
             }
+            if (decision.denied) {
+                reason = joined(reason, acceptsText(adapter.before));
+            }
             const FW::FW_POLICY verdict =
                 decision.denied ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW;
             table.addRow(
@@ -478,13 +596,17 @@ void explainSender(const BlockedOptions& options) {
         return;
     }
     Decider decider(store.profile(""), context.machine());
+    KernelAnswer kernel(store, options, questions);
     std::vector<AdapterDecisions> found;
     bool allowed = true;
     for (const std::string& adapter : adaptersAsked(options, decider.profile())) {
         found.push_back(decisionsOn(decider, options, questions, adapter));
+        bool denied = false;
         for (const auto& [protocol, decision] : found.back().decisions) {
-            allowed = allowed && !decision.denied;
+            denied = denied || decision.denied;
         }
+        allowed = allowed && !denied;
+        found.back().before = kernel.ask(adapter, denied);
     }
     if (options.json) {
         Json::Value document = documentOf(store, options, questions, true, allowed);
@@ -498,25 +620,32 @@ void explainSender(const BlockedOptions& options) {
             for (const auto& [protocol, decision] : adapter.decisions) {
                 entry["decisions"].append(decisionDocument(decider, protocol, decision));
             }
+            entry["acceptedBefore"] = acceptsJson(adapter.before);
             document["adapters"].append(entry);
         }
+        kernel.addTo(document);
         printJson(document);
     } else {
+        kernel.printFirst();
         printHeading(store, options, questions);
         printDecisions(decider, found);
+        kernel.printLast();
     }
-    if (!allowed) {
-        endWith(kExitBlocked);
-    }
+    kernel.end(allowed);
 }
 
 // ---- The command line ----
 
 constexpr char kFooter[] =
-    "Exit status 0 when nothing is blocked, 10 when something is blocked or mixed.\nUndecided does "
-    "not block: \"global\" then leaves the verdict to the adapters, and an adapter allows what no "
-    "rule decides. The verdicts are for the stored rules of the active profile; a disabled "
-    "firewall blocks nothing.";
+    "Exit status 0 when nothing is blocked, 10 when something is blocked or mixed, 11 when the "
+    "kernel "
+    "does not do what the answer says.\nUndecided does not block: \"global\" then leaves the "
+    "verdict "
+    "to the adapters, and an adapter allows what no rule decides. The verdicts are for the stored "
+    "rules of the active profile; a disabled firewall blocks nothing. Where the kernel does not "
+    "have "
+    "those rules, where rules of other programs may accept what they block, and where packets are "
+    "handed to another port before they meet them, the answer says so.";
 
 /// The error of an address; empty for a valid one.
 std::string addressComplaint(const std::string& text) {

@@ -19,6 +19,7 @@
 #include "commands/applying.h"
 #include "commands/commands.h"
 #include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/foreignRules.h"
 #include "tarnfwadmin/ruleDiff.h"
 #include "tarnfwadmin/scratchKernel.h"
 #include "tarnfwadmin/translation.h"
@@ -168,6 +169,7 @@ public:
         std::set<Place> others = otherPlaces(wanted.lines(), family);
         for (const char* const chain : kPolicyChains) {
             std::vector<RuleEdit> edits = policyEdits(chain, held);
+            append(edits, aheadEdits(family, chain, held));
             append(edits, missingFrom(wantedFilter.rulesOf(chain), held.rulesOf(chain)));
             add(family, {kFilter, chain}, edits);
             others.erase({kFilter, chain});
@@ -207,6 +209,19 @@ private:
         }
         return {{'-', "-P " + chain + " " + kAccept, 0},
                 {'+', "-P " + chain + " " + policy->second, 0}};
+    }
+
+    /// Rules of others that may accept packets before they meet the firewall's.
+    static std::vector<RuleEdit> aheadEdits(const std::string& family, const std::string& chain,
+                                            const RuleListing& held) {
+        std::vector<RuleEdit> edits;
+        for (const EarlyAccept& accept : ForeignRules(family, held, {}).anyEarlyAccepts()) {
+            if (accept.chain == chain) {
+                const std::string& rule = accept.rules.front();
+                edits.push_back({'+', rule, held.positionOf(chain, rule)});
+            }
+        }
+        return edits;
     }
 
     static void append(std::vector<RuleEdit>& edits, const std::vector<RuleEdit>& more) {
@@ -350,7 +365,8 @@ void addDiffCommand(Command& app) {
     command.footer(
         "The profile is loaded into a separate network namespace, so that the kernel lists both "
         "sides. This compares the firewall's chains in their order, the policies of INPUT and "
-        "FORWARD, the jumps of the base filter, and the profile's rules in other chains.");
+        "FORWARD, the jumps of the base filter and what other programs accept before them, and the "
+        "profile's rules in other chains.");
     command.run([json] { diff(*json); });
 }
 

@@ -16,17 +16,19 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
+#include "commands/kernelReport.h"
 #include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
-#include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/ruleText.h"
-#include "tarnfwadmin/translation.h"
 
 namespace tarnfw {
 namespace {
 
 // Under which the library counts the firewall's kernel modules.
 constexpr char kModuleUser[] = "firewall";
+
+// As many rules of others are shown, of each kind and family.
+constexpr std::size_t kMostNamed = 5;
 
 /// One adapter of the active profile.
 struct AdapterState {
@@ -35,15 +37,6 @@ struct AdapterState {
     std::size_t rules = 0;
     std::size_t enabledRules = 0;
     bool present = false;
-};
-
-/// One family of the kernel's packet filter.
-struct FilterState {
-    std::string key;
-    std::string title;
-    BaseParts missing;
-    bool inOrder = true;
-    std::size_t loadedRules = 0;
 };
 
 std::vector<AdapterState> adapterStates(const FW::FWPROFILE& profile) {
@@ -69,54 +62,11 @@ std::vector<AdapterState> adapterStates(const FW::FWPROFILE& profile) {
     return states;
 }
 
-bool isClosed(const std::vector<BaseFilter>& filters) {
-    return std::any_of(filters.begin(), filters.end(),
-                       [](const BaseFilter& filter) { return filter.isClosed(); });
-}
-
-/// Whether a reload was interrupted, rather than still running.
-bool wasInterrupted(const std::vector<BaseFilter>& filters) {
-    if (!isClosed(filters)) {
-        return false;
+std::string baseText(const FamilyInForce& family) {
+    if (!family.missing.empty()) {
+        return "lacks " + describe(family.missing);
     }
-    const FileLock lock(kReloadLock, 0);
-    // The reload may have ended before the lock was taken.
-    return lock.held() && isClosed(baseFilters());
-}
-
-/// Whether the active profile has rules, none of which the kernel has. A profile that cannot be
-/// translated counts as well.
-bool isNothingInForce(const StoreSnapshot& store, const std::vector<FilterState>& filters) {
-    if (std::any_of(filters.begin(), filters.end(),
-                    [](const FilterState& filter) { return filter.loadedRules > 0; })) {
-        return false;
-    }
-    Json::Value commands;
-    if (!store.hasProfile(store.activeProfile()) ||
-        !commandsFor(store.profile(""), ApplyMode::kLines, commands)) {
-        return true;
-    }
-    return std::any_of(commands.begin(), commands.end(), [](const Json::Value& family) {
-        return std::any_of(family.begin(), family.end(),
-                           [](const Json::Value& lines) { return !lines.empty(); });
-    });
-}
-
-std::vector<FilterState> filterStates(const std::vector<BaseFilter>& kernel) {
-    std::vector<FilterState> states;
-    states.reserve(kernel.size());
-    for (const BaseFilter& filter : kernel) {
-        states.push_back({filter.key(), filter.title(), filter.missing(), filter.inOrder(),
-                          filter.loadedRules()});
-    }
-    return states;
-}
-
-std::string baseText(const FilterState& filter) {
-    if (!filter.missing.empty()) {
-        return "lacks " + describe(filter.missing);
-    }
-    return filter.inOrder ? "set up" : kWrongOrder;
+    return family.inOrder ? "set up" : kWrongOrder;
 }
 
 Json::Value adapterJson(const AdapterState& state) {
@@ -129,13 +79,37 @@ Json::Value adapterJson(const AdapterState& state) {
     return entry;
 }
 
-Json::Value filterJson(const FilterState& filter) {
+Json::Value familyJson(const FamilyInForce& family) {
     Json::Value entry;
-    entry["setUp"] = filter.missing.empty();
-    entry["inOrder"] = filter.inOrder;
-    entry["base"] = baseText(filter);
-    entry["loadedRules"] = static_cast<Json::UInt64>(filter.loadedRules);
+    entry["inForce"] = inForceWord(family.state);
+    entry["acceptedBefore"] = Json::Value(Json::arrayValue);
+    entry["redirects"] = Json::Value(Json::arrayValue);
+    if (family.state == InForce::kAbsent) {
+        return entry;
+    }
+    entry["setUp"] = family.missing.empty();
+    entry["inOrder"] = family.inOrder;
+    entry["base"] = baseText(family);
+    entry["loadedRules"] = static_cast<Json::UInt64>(family.loadedRules);
     return entry;
+}
+
+/// By family: what is in force, and what comes before it.
+Json::Value kernelJson(const KernelReport& report) {
+    Json::Value document;
+    for (const FamilyInForce& family : report.families) {
+        document[family.key] = familyJson(family);
+    }
+    for (const ForeignRules& rules : report.foreign) {
+        Json::Value& entry = document[rules.family()];
+        for (const EarlyAccept& accept : rules.anyEarlyAccepts()) {
+            entry["acceptedBefore"].append(accept.rules.front());
+        }
+        for (const Redirection& redirection : rules.redirections(ForeignQuestion())) {
+            entry["redirects"].append(redirection.rules.back());
+        }
+    }
+    return document;
 }
 
 const char* phaseName(TrialState::Phase phase) {
@@ -182,18 +156,79 @@ void printAdapters(const std::vector<AdapterState>& states) {
     table.print();
 }
 
-Cell firewallCell(bool enabled, bool nothingInForce) {
-    if (nothingInForce) {
-        return {"enabled, but no rules are in force; \"tarnfw reload\" shows why", Paint::kBad};
+/// "28 rules", with what is to be said of them.
+Cell inForceCell(const FamilyInForce& family) {
+    const std::string title = titleOf(family.key);
+    const std::string rules = title + " " + counted(family.loadedRules, "rule");
+    switch (family.state) {
+        case InForce::kAsStored:
+            return {rules};
+        case InForce::kDifferent:
+            return {rules + ", not those of the profile", Paint::kBad};
+        case InForce::kNothing:
+            return {rules + (family.open ? ": open" : ""), Paint::kBad};
+        case InForce::kNoBase:
+            return {rules + ", which packets do not meet" + (family.open ? ": open" : ""),
+                    Paint::kBad};
+        case InForce::kClosed:
+            return {rules + ", closed to new connections", Paint::kBad};
+        case InForce::kAbsent:
+            break;
     }
-    return {enabled ? "enabled" : "disabled", enabled ? Paint::kGood : Paint::kDoubtful};
+    return {title + " absent: this machine has no packet filter for it"};
 }
 
-/// A reload does nothing while the firewall is disabled.
-std::string interruptedText(bool enabled) {
-    return std::string("a reload was interrupted: the machine is closed to new connections; \"")
-        .append(enabled ? "tarnfw reload" : "tarnfw enable")
-        .append("\" opens it");
+/// Rows for the rules of others that packets meet before the firewall's.
+void addForeignRows(Table& table, const KernelReport& report) {
+    const auto add = [&table](const char* label, const std::string& title, const auto& all,
+                              const auto& ruleOf, Paint paint) {
+        for (std::size_t i = 0; i < std::min(all.size(), kMostNamed); ++i) {
+            table.addRow({{label}, {title + " " + ruleOf(all[i]), paint}});
+        }
+        if (all.size() > kMostNamed) {
+            table.addRow(
+                {{label},
+                 {title + " " + std::to_string(all.size() - kMostNamed) + " more", paint}});
+        }
+    };
+    for (const ForeignRules& rules : report.foreign) {
+        const std::string title = titleOf(rules.family());
+        add(
+            "Accepts before:", title, rules.anyEarlyAccepts(),
+            [](const EarlyAccept& accept) { return accept.rules.front(); }, Paint::kBad);
+        add(
+            "Redirects:", title, rules.redirections(ForeignQuestion()),
+            [](const Redirection& redirection) { return redirection.rules.back(); },
+            Paint::kDoubtful);
+    }
+}
+
+/// The rules of a trial are those that should be in force, until its time is over.
+bool isTrialRunning(const std::optional<TrialState>& trial) {
+    return trial && trial->phase == TrialState::Phase::kGoesOn;
+}
+
+/// What the kernel does not do of what it should.
+std::vector<std::string> complaints(const KernelReport& report,
+                                    const std::optional<TrialState>& trial) {
+    KernelReport judged = report;
+    for (FamilyInForce& family : judged.families) {
+        if (isTrialRunning(trial) && family.state == InForce::kDifferent) {
+            family.state = InForce::kAsStored;
+        }
+    }
+    std::vector<std::string> texts = complaintsOf(judged);
+    const std::string ahead = aheadComplaint(report);
+    if (!ahead.empty()) {
+        texts.push_back(ahead);
+    }
+    return texts;
+}
+
+void endUnlessAsStored(const std::vector<std::string>& wrong) {
+    if (!wrong.empty()) {
+        endWith(kExitNotInForce);
+    }
 }
 
 void status(bool json) {
@@ -204,19 +239,22 @@ void status(bool json) {
     const bool stored = store.hasProfile(active);
     const std::vector<AdapterState> adapters =
         stored ? adapterStates(store.profile(active)) : std::vector<AdapterState>();
-    const std::vector<BaseFilter> kernel = baseFilters();  // listed once
-    const std::vector<FilterState> filters = filterStates(kernel);
+    const KernelReport kernel = kernelReport(store);  // lists each family once
     const bool modules = FW::TARN_IPTABLES_MODULES::isModuleLoad(kModuleUser);
     const std::optional<TrialState> trial = trialState(store);
-    const bool interrupted = wasInterrupted(kernel);
-    const bool nothingInForce = enabled && isNothingInForce(store, filters);
+    const std::vector<std::string> wrong = complaints(kernel, trial);
     const char* const applyMode = applyModeName(store.applyMode());
 
     if (json) {
         Json::Value document;
         document["enabled"] = enabled;
-        document["nothingInForce"] = nothingInForce;
-        document["interruptedReload"] = interrupted;
+        document["asStored"] = wrong.empty();
+        document["complaints"] = Json::Value(Json::arrayValue);
+        for (const std::string& text : wrong) {
+            document["complaints"].append(text);
+        }
+        document["nothingInForce"] = isNothingInForce(kernel);
+        document["interruptedReload"] = isClosed(kernel) && !kernel.reloading;
         document["activeProfile"] = active;
         document["activeProfileExists"] = stored;
         document["applyMode"] = applyMode;
@@ -226,30 +264,33 @@ void status(bool json) {
         for (const AdapterState& state : adapters) {
             document["adapters"].append(adapterJson(state));
         }
-        for (const FilterState& filter : filters) {
-            document["kernel"][filter.key] = filterJson(filter);
-        }
+        document["kernel"] = kernelJson(kernel);
         printJson(document);
+        endUnlessAsStored(wrong);
         return;
     }
     Table table;
-    table.addRow({{"Firewall:"}, firewallCell(enabled, nothingInForce)});
-    if (interrupted) {
-        table.addRow({{""}, {interruptedText(enabled), Paint::kBad}});
+    const std::string word = enabled ? "enabled" : "disabled";
+    table.addRow({{"Firewall:"},
+                  wrong.empty() ? Cell{word, enabled ? Paint::kGood : Paint::kDoubtful}
+                                : Cell{word + ", but " + wrong.front(), Paint::kBad}});
+    for (std::size_t i = 1; i < wrong.size(); ++i) {
+        table.addRow({{""}, {wrong[i], Paint::kBad}});
     }
     table.addRow({{"Active profile:"}, {stored ? active : active + " (does not exist)"}});
-    for (const FilterState& filter : filters) {
-        table.addRow({{"Base filter:"},
-                      {filter.title + " " + baseText(filter),
-                       filter.missing.empty() ? Paint::kPlain : Paint::kBad}});
+    for (const FamilyInForce& family : kernel.families) {
+        if (family.state != InForce::kAbsent) {
+            table.addRow({{"Base filter:"},
+                          {titleOf(family.key) + " " + baseText(family),
+                           family.missing.empty() ? Paint::kPlain : Paint::kBad}});
+        }
     }
-    for (const FilterState& filter : filters) {
-        table.addRow(
-            {{"In the kernel:"}, {filter.title + " " + counted(filter.loadedRules, "rule")}});
+    for (const FamilyInForce& family : kernel.families) {
+        table.addRow({{"In the kernel:"}, inForceCell(family)});
     }
-    if (filters.size() == 1) {
-        table.addRow(
-            {{"In the kernel:"}, {"IPv6 absent: this machine has no packet filter for it"}});
+    addForeignRows(table, kernel);
+    for (const std::string& text : kernel.unknownNat) {
+        table.addRow({{"Redirects:"}, {text, Paint::kDoubtful}});
     }
     table.addRow({{"Apply mode:"}, {applyMode}});
     table.addRow({{"Kernel modules:"}, {modules ? "loaded for the firewall" : "not loaded"}});
@@ -260,13 +301,16 @@ void status(bool json) {
     if (!adapters.empty()) {
         printAdapters(adapters);
     }
+    endUnlessAsStored(wrong);
 }
 
 }  // namespace
 
 void addStatusCommand(Command& app) {
     Command& command = app.subcommand(
-        "status", "Show whether the firewall is enabled, its profile, and what is in force");
+        "status",
+        "Show whether the firewall is enabled, its profile, and what is in force. Exit status 0 "
+        "when the kernel does what is stored, else 11");
     const auto json = std::make_shared<bool>(false);
     addJsonFlag(command, *json);
     command.run([json] { status(*json); });

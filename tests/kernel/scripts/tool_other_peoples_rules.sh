@@ -1,0 +1,165 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# Rules of other programs that packets meet before the firewall's: status, diff, blocked and explain name
+# them, and real packets confirm what they say.
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+make_links <<'END'
+router
+veth eth0 192.168.1.10/24 fd00::10/64 lan 192.168.1.20/24 192.168.1.21/24 fd00::20/64
+veth docker0 172.17.0.1/16 container 172.17.0.2/16
+END
+
+answers 0 base up
+use_profile deny_by_default
+answers 0 enable
+serve tcp/22 tcp/23 tcp/80 tcp/443
+
+# as_stored: no command has anything to say about the kernel.
+as_stored() {
+    answers 0 status
+    says '^Firewall: *enabled$'
+    answers 0 diff
+    answers 10 blocked --port tcp/22 --adapter eth0
+    says '^eth0  *mixed  *allowed from some addresses, blocked from others$'
+    answers 0 blocked --port tcp/80 --adapter eth0
+}
+
+as_stored
+
+# --- everything is accepted before the firewall ------------------------------------------------------
+
+readonly kAhead='"tarnfw reload" puts the firewall'"'"'s first$'
+iptables -I INPUT 1 -j ACCEPT
+step 'the port is open' check_packets <<<'tcp4 192.168.1.10 22 open 192.168.1.21'
+answers 11 status
+says "^Firewall: *enabled, but other programs' rules in INPUT (IPv4) may accept packets before the firewall's; $kAhead"
+says '^Accepts before: *IPv4 -A INPUT -j ACCEPT$'
+answers 11 status --json
+step 'as a document' [ "$(jq -c '[.asStored, .kernel.v4.acceptedBefore, .kernel.v6.acceptedBefore]' \
+    "$out/answer")" = '[false,["-A INPUT -j ACCEPT"],[]]' ]
+answers 10 diff
+prints <<'DIFF'
+--- profile "deny_by_default"
++++ kernel
+IPv4, chain INPUT
++ -A INPUT -j ACCEPT
+DIFF
+answers 11 blocked --port tcp/22 --adapter eth0
+prints <<'END'
+Profile "deny_by_default", tcp/22
+Adapter  Verdict
+global   undecided  left to the adapters
+eth0     mixed      allowed from some addresses, blocked from others; but accepted before it by: -A INPUT -j ACCEPT (IPv4)
+END
+answers 11 blocked --port tcp/22 --adapter eth0 --json
+step 'as a document' [ "$(jq -c '[.holds, .allowed, .adapters[1].acceptedBefore]' "$out/answer")" = \
+    '[false,false,[{"certain":true,"family":"v4","rules":["-A INPUT -j ACCEPT"]}]]' ]
+answers 11 explain --port tcp/23 --adapter eth0
+says '^  but accepted before it by: -A INPUT -j ACCEPT (IPv4)$'
+answers 11 explain --port tcp/23 --adapter eth0 --from 192.168.1.21
+says 'the default policy of eth0: deny; but accepted before it by: -A INPUT -j ACCEPT (IPv4)$'
+answers 11 explain --port tcp/23 --adapter eth0 --from 192.168.1.21 --json
+# IPv6 has no such rule, and what the firewall allows is allowed.
+answers 10 explain --port tcp/23 --adapter eth0 --from fd00::20
+answers 0 blocked --port tcp/80 --adapter eth0
+iptables -D INPUT 1
+as_stored
+
+# --- rules that are for some packets ---------------------------------------------------------------
+
+ip6tables -I INPUT 1 -i eth0 -p tcp --dport 23 -j ACCEPT
+step 'the port is open' check_packets <<<'tcp6 fd00::10 23 open fd00::20'
+answers 11 blocked --port tcp/23 --adapter eth0
+says 'blocked  *but accepted before it by: -A INPUT -i eth0 -p tcp -m tcp --dport 23 -j ACCEPT (IPv6)$'
+answers 11 blocked --port tcp/20-25 --adapter eth0
+says 'but may be accepted before it by: -A INPUT -i eth0 '
+answers 10 blocked --port tcp/22 --adapter eth0
+answers 10 blocked --port udp/23 --adapter eth0
+ip6tables -D INPUT 1
+
+iptables -N FRIENDS
+iptables -I INPUT 1 -s 192.168.1.20/31 -j FRIENDS
+iptables -A FRIENDS -s 192.168.1.20 -j RETURN
+iptables -A FRIENDS -p tcp --dport 23 -j ACCEPT
+answers 11 blocked --port tcp/23 --adapter eth0
+says 'but may be accepted before it by: -A INPUT -s 192.168.1.20/31 -j FRIENDS, -A FRIENDS -p tcp -m tcp --dport 23 -j ACCEPT (IPv4)$'
+answers 11 explain --port tcp/23 --adapter eth0 --from 192.168.1.21
+says 'deny; but accepted before it by: -A INPUT -s 192.168.1.20/31 -j FRIENDS'
+answers 10 explain --port tcp/23 --adapter eth0 --from 192.168.1.20
+answers 10 explain --port tcp/23 --adapter eth0 --from 192.168.1.22
+step 'and so do packets' check_packets <<'END'
+tcp4 192.168.1.10 23 open 192.168.1.21
+tcp4 192.168.1.10 23 blocked 192.168.1.20
+END
+iptables -D INPUT 1
+
+# What drops, logs, or is for established connections or loopback, lets nothing past.
+iptables -I INPUT 1 -i lo -j ACCEPT
+iptables -I INPUT 1 -m conntrack --ctstate RELATED,ESTABLISHED -j ACCEPT
+iptables -I INPUT 1 -s 192.168.1.99 -j DROP
+iptables -I INPUT 1 -j LOG
+iptables -t mangle -A PREROUTING -j ACCEPT
+iptables -t raw -A PREROUTING -j ACCEPT
+as_stored
+for _ in 1 2 3 4; do
+    iptables -D INPUT 1
+done
+
+# --- a host of containers --------------------------------------------------------------------------
+
+iptables -t nat -N DOCKER
+iptables -t nat -A PREROUTING -m addrtype --dst-type LOCAL -j DOCKER
+iptables -t nat -A DOCKER -i docker0 -j RETURN
+iptables -t nat -A DOCKER ! -i docker0 -p tcp --dport 8080 -j DNAT --to-destination 172.17.0.2:23
+iptables -N DOCKER
+iptables -A DOCKER -d 172.17.0.2/32 ! -i docker0 -o docker0 -p tcp --dport 23 -j ACCEPT
+
+# The firewall's jump comes first: the port of the container decides, and it is named.
+iptables -A FORWARD -o docker0 -j DOCKER
+step 'the container is closed' check_packets <<<'tcp4 192.168.1.10 8080 blocked 192.168.1.21'
+answers 0 status
+says '^Redirects: *IPv4 -A DOCKER ! -i docker0 -p tcp -m tcp --dport 8080 -j DNAT --to-destination 172.17.0.2:23$'
+answers 0 status --json
+step 'as a document' [ "$(jq -c '.kernel.v4.redirects | length' "$out/answer")" = 1 ]
+answers 0 diff
+readonly kHanded='tcp/8080 is handed to 172.17.0.2:23 (IPv4: -A PREROUTING -m addrtype --dst-type LOCAL -j DOCKER, -A DOCKER ! -i docker0 -p tcp -m tcp --dport 8080 -j DNAT --to-destination 172.17.0.2:23); the rules of FORWARD_FIREWALL see port 23'
+answers 11 blocked --port tcp/8080 --adapter eth0
+says "^$kHanded\$"
+answers 11 explain --port tcp/8080 --adapter eth0 --from 192.168.1.21
+says "^$kHanded\$"
+answers 11 blocked --port tcp/8080 --adapter eth0 --json
+step 'as a document' [ "$(jq -c '.redirects | map([.port, .target, .chain, .seenPort, .certain])' \
+    "$out/answer")" = '[["tcp/8080","172.17.0.2:23","FORWARD_FIREWALL","tcp/23",true]]' ]
+answers 11 blocked --port tcp/8000-8100 --adapter eth0
+says '^tcp/8080 may be handed to 172.17.0.2:23 '
+answers 10 blocked --port tcp/8081 --adapter eth0
+answers 0 rule add allow tcp 8080 --adapter eth0 --profile deny_by_default --reload
+step 'allowing the published port does not open it' \
+    check_packets <<<'tcp4 192.168.1.10 8080 blocked 192.168.1.21'
+answers 11 blocked --port tcp/8080 --adapter eth0
+says '^eth0  *allowed$'
+says "^$kHanded\$"
+
+# That host's jump comes first: the container is open, whatever the profile says.
+iptables -D FORWARD -o docker0 -j DOCKER
+iptables -I FORWARD -o docker0 -j DOCKER
+step 'the container is open' check_packets <<<'tcp4 192.168.1.10 8080 open 192.168.1.21'
+answers 11 status
+says "^Firewall: *enabled, but other programs' rules in FORWARD (IPv4) may accept packets "
+says '^Accepts before: *IPv4 -A FORWARD -o docker0 -j DOCKER$'
+answers 10 diff
+says '^+ -A FORWARD -o docker0 -j DOCKER$'
+answers 11 blocked --port tcp/23 --adapter eth0
+says '^eth0  *blocked  *but may be accepted before it by: -A FORWARD -o docker0 -j DOCKER, -A DOCKER '
+answers 10 blocked --port tcp/22 --adapter eth0
+answers 0 rule delete 3 --adapter eth0 --profile deny_by_default
+answers 11 explain --port tcp/8080 --adapter eth0 --from 192.168.1.21
+says 'the default policy of eth0: deny; but may be accepted before it by: -A FORWARD -o docker0 -j DOCKER'
+
+# A port of the machine itself.
+iptables -t nat -F DOCKER
+iptables -t nat -I PREROUTING -i eth0 -p tcp --dport 81 -j REDIRECT --to-ports 80
+step 'the profile sees the other port' check_packets <<<'tcp4 192.168.1.10 81 open 192.168.1.21'
+answers 11 blocked --port tcp/81 --adapter eth0
+says '^tcp/81 is handed to port 80 (IPv4: .*); the rules of INPUT_FIREWALL see port 80$'

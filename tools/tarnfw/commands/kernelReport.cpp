@@ -1,0 +1,389 @@
+#include "commands/kernelReport.h"
+
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <future>
+#include <map>
+#include <set>
+#include <utility>
+
+#include <boost/algorithm/string/join.hpp>
+
+#include "cli/output.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/fileLock.h"
+#include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/store.h"
+
+namespace tarnfw {
+namespace {
+
+// As many rules are named in one answer.
+constexpr std::size_t kMostNamed = 3;
+
+/// Looks again at what a reload in apply mode "lines" leaves: it may be running, or have ended.
+void lookAgain(KernelReport& report, const StoreSnapshot& store) {
+    const FileLock lock(kReloadLock, 0);
+    report.reloading = !lock.held();
+    if (lock.held()) {
+        report.families = familiesInForce(filterListings(), store);
+    }
+}
+
+std::vector<Address> ownAddresses() {
+    std::vector<Address> own;
+    for (const Interface& interface : interfacesNow()) {
+        own.insert(own.end(), interface.addresses.begin(), interface.addresses.end());
+    }
+    return own;
+}
+
+/// The families in a state: "IPv4 and IPv6"; empty without one.
+std::string familiesIn(const KernelReport& report, InForce state) {
+    std::vector<std::string> titles;
+    for (const FamilyInForce& family : report.families) {
+        if (family.state == state) {
+            titles.push_back(titleOf(family.key));
+        }
+    }
+    return boost::join(titles, " and ");
+}
+
+/// Whether a family in this state lets everything through.
+bool isOpen(const KernelReport& report, InForce state) {
+    return std::any_of(
+        report.families.begin(), report.families.end(),
+        [state](const FamilyInForce& family) { return family.state == state && family.open; });
+}
+
+std::string closedText(const KernelReport& report) {
+    if (report.reloading) {
+        return "a reload is running; new connections are dropped meanwhile";
+    }
+    // A reload does nothing while the firewall is disabled.
+    return std::string("a reload was interrupted: the machine is closed to new connections; \"")
+        .append(report.enabled ? "tarnfw reload" : "tarnfw enable")
+        .append("\" opens it");
+}
+
+std::string nothingText(const KernelReport& report) {
+    if (isNothingInForce(report)) {
+        return "no rules are in force; \"tarnfw reload\" shows why";
+    }
+    return "no rules are in force for " + familiesIn(report, InForce::kNothing) +
+           (isOpen(report, InForce::kNothing) ? ", which is open" : "") +
+           "; \"tarnfw reload\" applies them or shows why";
+}
+
+std::string differentText(const KernelReport& report) {
+    const std::string families = familiesIn(report, InForce::kDifferent);
+    if (!report.enabled) {
+        return "rules are still in force for " + families + "; \"tarnfw disable\" removes them";
+    }
+    return "the rules in force for " + families +
+           " are not those of the profile; \"tarnfw diff\" shows how they differ, \"tarnfw "
+           "reload\" applies the profile or shows why not";
+}
+
+int protocolNumber(FW::FW_PORT_PROTOCOL protocol, bool ipv6) {
+    switch (protocol) {
+        case FW::FW_PORT_PROTOCOL_TCP:
+            return IPPROTO_TCP;
+        case FW::FW_PORT_PROTOCOL_UDP:
+            return IPPROTO_UDP;
+        case FW::FW_PORT_PROTOCOL_ICMP:
+            if (ipv6) {
+                return IPPROTO_ICMPV6;
+            }
+            return IPPROTO_ICMP;
+        case FW::FW_PORT_PROTOCOL_IGMP:
+            return IPPROTO_IGMP;
+        default:
+            return 0;
+    }
+}
+
+/// The protocols of a question, apart.
+std::vector<FW::FW_PORT_PROTOCOL> protocolsOf(const FW::PortCompareST& question) {
+    if (question.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP) {
+        return {FW::FW_PORT_PROTOCOL_TCP, FW::FW_PORT_PROTOCOL_UDP};
+    }
+    return {static_cast<FW::FW_PORT_PROTOCOL>(question.protocol)};
+}
+
+std::string protocolName(FW::FW_PORT_PROTOCOL protocol) {
+    return protocol == FW::FW_PORT_PROTOCOL_UDP ? "udp" : "tcp";
+}
+
+/// The part of an answer about the packets of one family and protocol.
+BeforeFirewall beforeIn(const ForeignRules& rules, ForeignQuestion question,
+                        const std::string& protocol) {
+    BeforeFirewall before;
+    const auto addAccepts = [&](const char* chain, const ForeignQuestion& asked) {
+        for (EarlyAccept& accept : rules.earlyAccepts(chain, asked)) {
+            before.accepts.push_back({rules.family(), std::move(accept)});
+        }
+    };
+    bool stays = true;
+    for (const Redirection& redirection : rules.redirections(question)) {
+        ForeignQuestion seen = question;
+        seen.ports = redirection.seenPorts ? redirection.seenPorts : redirection.ports;
+        seen.destination = redirection.destination;
+        seen.toThisMachine = redirection.toThisMachine;
+        addAccepts(redirection.toThisMachine ? "INPUT" : "FORWARD", seen);
+        stays = stays && !redirection.certain;
+        before.redirects.push_back({rules.family(), protocol, redirection});
+    }
+    if (stays) {
+        addAccepts("INPUT", question);
+        question.toThisMachine = false;
+        addAccepts("FORWARD", question);
+    }
+    return before;
+}
+
+template <typename Item>
+std::string keyOf(const Item& item);
+
+template <>
+std::string keyOf(const BeforeFirewall::Accept& item) {
+    return item.family + (item.accept.certain ? "!" : "?") + rulesText(item.accept.rules);
+}
+
+template <>
+std::string keyOf(const BeforeFirewall::Redirect& item) {
+    return item.family + item.protocol + portSpanText(item.redirection.ports) +
+           rulesText(item.redirection.rules);
+}
+
+template <typename Item>
+void addMissing(std::vector<Item>& all, const std::vector<Item>& more) {
+    for (const Item& item : more) {
+        if (std::none_of(all.begin(), all.end(),
+                         [&item](const Item& known) { return keyOf(known) == keyOf(item); })) {
+            all.push_back(item);
+        }
+    }
+}
+
+/// "-A INPUT -j ACCEPT (IPv4); ... and 4 more".
+std::string named(const std::vector<BeforeFirewall::Accept>& accepts, bool certain) {
+    std::vector<std::string> texts;
+    std::size_t more = 0;
+    for (const BeforeFirewall::Accept& item : accepts) {
+        if (item.accept.certain != certain) {
+            continue;
+        }
+        if (texts.size() < kMostNamed) {
+            texts.push_back(boost::join(item.accept.rules, ", ") + " (" + titleOf(item.family) +
+                            ")");
+        } else {
+            ++more;
+        }
+    }
+    std::string text = boost::join(texts, "; ");
+    return more == 0 ? text : text + "; and " + std::to_string(more) + " more";
+}
+
+const char* chainSeenBy(const Redirection& redirection) {
+    return redirection.toThisMachine ? "INPUT_FIREWALL" : "FORWARD_FIREWALL";
+}
+
+}  // namespace
+
+KernelReport kernelReport(const StoreSnapshot& store) {
+    KernelReport report;
+    std::map<std::string, std::string> failures;
+    std::map<std::string, std::future<std::optional<RuleListing>>> nat;
+    for (const char* const family : {"v4", "v6"}) {
+        nat[family] = std::async(std::launch::async, [family, &failure = failures[family]] {
+            return natRules(family, failure);
+        });
+    }
+    const FilterListings listings = filterListings();
+    const std::vector<Address> own = ownAddresses();
+    for (const auto& [family, listing] : listings) {
+        const std::optional<RuleListing> rules = nat.at(family).get();
+        if (!rules) {
+            report.unknownNat.push_back("the nat table of " + titleOf(family) +
+                                        " cannot be listed: " + failures[family]);
+        }
+        if (listing) {
+            report.foreign.emplace_back(family, *listing, rules.value_or(RuleListing()), own);
+        }
+    }
+    report.enabled = store.firewallEnabled();
+    report.families = familiesInForce(listings, store);
+    if (isClosed(report)) {
+        lookAgain(report, store);
+    }
+    return report;
+}
+
+KernelReport kernelReportIfAny(const StoreSnapshot& store) {
+    try {
+        return kernelReport(store);
+    } catch (const Error& failure) {
+        KernelReport report;
+        report.enabled = store.firewallEnabled();
+        report.unknown = failure.what();
+        return report;
+    }
+}
+
+bool isClosed(const KernelReport& report) {
+    return !familiesIn(report, InForce::kClosed).empty();
+}
+
+bool isNothingInForce(const KernelReport& report) {
+    std::size_t rules = 0;
+    bool wanted = false;
+    for (const FamilyInForce& family : report.families) {
+        rules += family.loadedRules;
+        wanted = wanted || family.state == InForce::kNothing || family.state == InForce::kNoBase;
+    }
+    return report.enabled && wanted && rules == 0;
+}
+
+std::vector<std::string> complaintsOf(const KernelReport& report) {
+    std::vector<std::string> texts;
+    const std::string noBase = familiesIn(report, InForce::kNoBase);
+    if (!noBase.empty() && !isNothingInForce(report)) {
+        texts.push_back("packets of " + noBase + " do not meet the rules" +
+                        (isOpen(report, InForce::kNoBase) ? ", which leaves it open" : "") +
+                        ": the base filter is not set up; \"tarnfw base up\" and \"tarnfw "
+                        "reload\" mend that");
+    }
+    if (isNothingInForce(report) || !familiesIn(report, InForce::kNothing).empty()) {
+        texts.push_back(nothingText(report));
+    }
+    if (isClosed(report)) {
+        texts.push_back(closedText(report));
+    }
+    if (!familiesIn(report, InForce::kDifferent).empty()) {
+        texts.push_back(differentText(report));
+    }
+    if (!report.unknown.empty()) {
+        texts.push_back("what the kernel does is not known: " + report.unknown);
+    }
+    return texts;
+}
+
+std::string aheadComplaint(const KernelReport& report) {
+    if (!report.enabled) {
+        return "";
+    }
+    std::vector<std::string> places;
+    for (const ForeignRules& rules : report.foreign) {
+        std::set<std::string> chains;
+        for (const EarlyAccept& accept : rules.anyEarlyAccepts()) {
+            if (chains.insert(accept.chain).second) {
+                places.push_back(accept.chain + " (" + titleOf(rules.family()) + ")");
+            }
+        }
+    }
+    return places.empty() ? ""
+                          : "other programs' rules in " + boost::join(places, ", ") +
+                                " may accept packets before the firewall's; \"tarnfw reload\" puts "
+                                "the firewall's first";
+}
+
+BeforeFirewall beforeFirewall(const KernelReport& report, const FW::PortCompareST& question,
+                              const std::string& adapter, const std::optional<Address>& from,
+                              const std::optional<Address>& to) {
+    ForeignQuestion asked;
+    if (adapter != FW::FW_ADAPTER_GLOBAL) {
+        asked.interfaces = isPredefined(adapter) ? interfacesOf(adapter) : std::vector{adapter};
+        if (asked.interfaces.empty()) {
+            return {};  // no packet comes in through it
+        }
+    }
+    const std::optional<PortSpan> ports = portSpanFrom(question.port);
+    (question.portDirect == FW::FW_PORT_DIRECT_DESTINATION ? asked.ports : asked.sourcePorts) =
+        ports;
+    asked.source = from;
+    asked.destination = to;
+    BeforeFirewall before;
+    for (const ForeignRules& rules : report.foreign) {
+        const bool ipv6 = rules.family() == "v6";
+        if (from && from->isIpv6() != ipv6) {
+            continue;
+        }
+        for (const FW::FW_PORT_PROTOCOL protocol : protocolsOf(question)) {
+            asked.protocol = protocolNumber(protocol, ipv6);
+            addTo(before, beforeIn(rules, asked, protocolName(protocol)));
+        }
+    }
+    return before;
+}
+
+void addTo(BeforeFirewall& all, const BeforeFirewall& more) {
+    addMissing(all.accepts, more.accepts);
+    addMissing(all.redirects, more.redirects);
+}
+
+bool hasOtherPorts(const BeforeFirewall& before) {
+    return std::any_of(before.redirects.begin(), before.redirects.end(), [](const auto& item) {
+        const Redirection& redirection = item.redirection;
+        return redirection.seenPorts && (redirection.seenPorts->first != redirection.ports.first ||
+                                         redirection.seenPorts->last != redirection.ports.last);
+    });
+}
+
+std::string acceptsText(const BeforeFirewall& before) {
+    const std::string certain = named(before.accepts, true);
+    if (!certain.empty()) {
+        return "but accepted before it by: " + certain;
+    }
+    const std::string maybe = named(before.accepts, false);
+    return maybe.empty() ? "" : "but may be accepted before it by: " + maybe;
+}
+
+std::vector<std::string> redirectsText(const BeforeFirewall& before) {
+    std::vector<std::string> lines;
+    for (const auto& [family, protocol, redirection] : before.redirects) {
+        const PortSpan seen = redirection.seenPorts.value_or(redirection.ports);
+        lines.push_back(printable(protocol + "/" + portSpanText(redirection.ports) +
+                                  (redirection.certain ? " is" : " may be") + " handed to " +
+                                  redirection.target + " (" + titleOf(family) + ": " +
+                                  boost::join(redirection.rules, ", ") + "); the rules of " +
+                                  chainSeenBy(redirection) + " see port " + portSpanText(seen)));
+    }
+    return lines;
+}
+
+Json::Value acceptsJson(const BeforeFirewall& before) {
+    Json::Value document(Json::arrayValue);
+    for (const auto& [family, accept] : before.accepts) {
+        Json::Value entry;
+        entry["family"] = family;
+        entry["certain"] = accept.certain;
+        for (const std::string& rule : accept.rules) {
+            entry["rules"].append(rule);
+        }
+        document.append(entry);
+    }
+    return document;
+}
+
+Json::Value redirectsJson(const BeforeFirewall& before) {
+    Json::Value document(Json::arrayValue);
+    for (const auto& [family, protocol, redirection] : before.redirects) {
+        Json::Value entry;
+        entry["family"] = family;
+        entry["port"] = protocol + "/" + portSpanText(redirection.ports);
+        entry["target"] = redirection.target;
+        entry["chain"] = chainSeenBy(redirection);
+        entry["seenPort"] =
+            protocol + "/" + portSpanText(redirection.seenPorts.value_or(redirection.ports));
+        entry["certain"] = redirection.certain;
+        for (const std::string& rule : redirection.rules) {
+            entry["rules"].append(rule);
+        }
+        document.append(entry);
+    }
+    return document;
+}
+
+}  // namespace tarnfw

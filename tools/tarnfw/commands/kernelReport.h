@@ -1,0 +1,85 @@
+/// What the kernel does of what is stored, for the commands that answer from the stored rules.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "tarnfirewall/fwTypes.h"
+
+#include "tarnfwadmin/foreignRules.h"
+#include "tarnfwadmin/inForce.h"
+#include "tarnfwadmin/storeSession.h"
+
+namespace tarnfw {
+
+/// The kernel at one moment: the filter table and "nat" of each family, listed once and all at the
+/// same time.
+struct KernelReport {
+    std::vector<FamilyInForce> families;  ///< "v4" first
+    std::vector<ForeignRules> foreign;    ///< of the families that the machine has
+    std::string unknown;                  ///< why the filter tables could not be listed
+    std::vector<std::string> unknownNat;  ///< that redirections are not known, and why
+    bool enabled = false;                 ///< by the settings
+    bool reloading = false;               ///< a reload is running
+};
+
+/// Throws Error, kSystem, when a filter table cannot be listed.
+KernelReport kernelReport(const StoreSnapshot& store);
+
+/// The same, with the failure in `unknown`.
+KernelReport kernelReportIfAny(const StoreSnapshot& store);
+
+bool isClosed(const KernelReport& report);
+
+/// Whether no family has any rule, though the active profile has some.
+bool isNothingInForce(const KernelReport& report);
+
+/// What the kernel does not do of what is stored, and what mends it, the worst first: "no rules are
+/// in force for IPv6, which is open; "tarnfw reload" applies them". Empty when it does all.
+std::vector<std::string> complaintsOf(const KernelReport& report);
+
+/// That rules of other programs may accept packets before an enabled firewall's, and what mends it;
+/// empty without such rules.
+std::string aheadComplaint(const KernelReport& report);
+
+/// What happens to the packets of a question before they meet the firewall's rules.
+struct BeforeFirewall {
+    struct Accept {
+        std::string family;
+        EarlyAccept accept;
+    };
+    struct Redirect {
+        std::string family;
+        std::string protocol;  ///< "tcp"
+        Redirection redirection;
+    };
+    std::vector<Accept> accepts;
+    std::vector<Redirect> redirects;
+};
+
+/// For a question about an adapter, and for one sender if there is one. `to` is the machine's
+/// address that the sender uses.
+BeforeFirewall beforeFirewall(const KernelReport& report, const FW::PortCompareST& question,
+                              const std::string& adapter, const std::optional<Address>& from = {},
+                              const std::optional<Address>& to = {});
+
+/// Adds what is not there yet.
+void addTo(BeforeFirewall& all, const BeforeFirewall& more);
+
+/// Whether packets meet the firewall with another port than the asked one.
+bool hasOtherPorts(const BeforeFirewall& before);
+
+/// "but accepted before it by: -A INPUT -j ACCEPT (IPv4)", or "but may be accepted ..."; empty
+/// without such rules.
+std::string acceptsText(const BeforeFirewall& before);
+
+/// "tcp/8080 is handed to 172.17.0.2:80 (IPv4: -A DOCKER ...); the rules of FORWARD_FIREWALL see
+/// port 80", one line each.
+std::vector<std::string> redirectsText(const BeforeFirewall& before);
+
+Json::Value acceptsJson(const BeforeFirewall& before);
+Json::Value redirectsJson(const BeforeFirewall& before);
+
+}  // namespace tarnfw
