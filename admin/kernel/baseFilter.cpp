@@ -131,8 +131,11 @@ const BaseParts& wholeBase() {
 }
 
 std::vector<BaseFilter> baseFilters() {
-    const std::vector<std::string> families = MachineKernel().families();
-    return {families.begin(), families.end()};
+    std::vector<BaseFilter> filters;
+    for (auto& [family, listing] : MachineKernel().listFilters()) {
+        filters.emplace_back(family, std::move(listing));
+    }
+    return filters;
 }
 
 void requireBase() {

@@ -33,8 +33,9 @@ const BaseParts& wholeBase();
 /// question, and again after a change. Failures throw Error, kSystem.
 class BaseFilter {
 public:
-    /// `key` is "v4" or "v6".
-    explicit BaseFilter(std::string key) : key_(std::move(key)) {}
+    /// `key` is "v4" or "v6"; `listing` is that of its filter table, where it is known.
+    explicit BaseFilter(std::string key, std::optional<RuleListing> listing = std::nullopt)
+        : key_(std::move(key)), listing_(std::move(listing)) {}
 
     /// The same with a listing of the filter table that is there already.
     BaseFilter(std::string key, RuleListing listing)
@@ -74,7 +75,7 @@ private:
 inline constexpr char kWrongOrder[] =
     "set up, but a firewall chain comes before FIREWALL_RELOADING: reloads cut connections";
 
-/// Those of the families that the machine has, IPv4 first.
+/// Those of the families that the machine has, IPv4 first, as listed now. Throws Error, kSystem.
 std::vector<BaseFilter> baseFilters();
 
 /// Throws Error, kSystem, with what is missing, while chains or jumps are missing in a family that
