@@ -258,6 +258,7 @@ private:
 
 std::vector<std::string> textsOf(const std::vector<KernelRule>& path) {
     std::vector<std::string> texts;
+    texts.reserve(path.size());
     for (const KernelRule& rule : path) {
         texts.push_back(rule.text);
     }
