@@ -72,6 +72,11 @@ void requireTriable(const std::string& name) {
     }
     requireRestorable(store.profile(name));
     context.control().requireBase();
+    // Apply mode "lines" leaves out what the kernel refuses: other rules would be tried.
+    const std::string refusal = Control::kernelRefusal(store.profile(name));
+    if (!refusal.empty()) {
+        throw Error(ErrorKind::kRefused, refusal);
+    }
     // Whether there is room for the test profile.
     StoreTransaction(context.session(), StoreTransaction::Extent::kOneDocument).finish();
 }
