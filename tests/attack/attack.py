@@ -32,7 +32,7 @@ LONG_POINTS = {"kills": 64, "faults": 64}
 KILLED_AT = ["change"]
 FAILED_AT = ["file", "process", "kernel", "memory"]
 
-STATUSES = (0, 1, 2, 3, 4, 10)  # all that the tool has, see tools/tarnfw/cli/command.h
+STATUSES = (0, 1, 2, 3, 4, 10, 11)  # all that the tool has, see tools/tarnfw/cli/command.h
 
 WRITERS = 16
 SHORT_TOGETHER = 5  # seconds
@@ -363,7 +363,7 @@ def write_until(end, tool, number):
             if result.status not in STATUSES:
                 notes.write("odd %s: exit %s: %s\n" % (" ".join(words), result.status,
                                                        result.last_line()))
-            elif result.status not in (0, 10) and not result.text.strip():
+            elif result.status not in (0, 10, 11) and not result.text.strip():
                 notes.write("odd %s: exit %d without a message\n" % (" ".join(words), result.status))
             elif words is add and result.status == 0:
                 notes.write("added %d\n" % port)
