@@ -73,6 +73,21 @@ bool BaseFilter::isClosed() const {
            });
 }
 
+std::map<std::string, std::string> BaseFilter::policies() const {
+    std::map<std::string, std::string> policies;
+    for (const char* const chain : {"INPUT", "FORWARD"}) {
+        const auto policy = listing().policies.find(chain);
+        if (policy != listing().policies.end()) {
+            policies.insert(*policy);
+        }
+    }
+    return policies;
+}
+
+void BaseFilter::setPolicy(const std::string& chain, const std::string& policy) {
+    run({"-P", chain, policy});
+}
+
 void BaseFilter::add(const BaseParts& parts) {
     for (const std::string& chain : parts.chains) {
         run({"-N", chain});

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -57,6 +58,11 @@ public:
 
     /// Whether the machine is closed, as during a reload in apply mode "lines".
     bool isClosed() const;
+
+    /// The policies of INPUT and FORWARD: "ACCEPT" or "DROP", by chain.
+    std::map<std::string, std::string> policies() const;
+
+    void setPolicy(const std::string& chain, const std::string& policy);
 
     /// Adds `parts`: chains, then jumps, at the head of their chain and FIREWALL_RELOADING's first.
     void add(const BaseParts& parts);

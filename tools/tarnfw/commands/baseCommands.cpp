@@ -22,8 +22,13 @@
 namespace tarnfw {
 namespace {
 
-// What was added, so that only that is removed. A reboot empties /run and the kernel.
+// What was added, so that only that is removed, and the policies that were found. A reboot empties
+// /run and the kernel.
 constexpr char kRecordFile[] = "/run/tarn/base_filter.json";
+
+constexpr char kPoliciesKey[] = "policies";
+constexpr char kAcceptPolicy[] = "ACCEPT";
+constexpr char kDropPolicy[] = "DROP";
 
 // Serialises "base up" and "base down".
 constexpr char kLockName[] = "base_filter.lock";
@@ -69,6 +74,27 @@ BaseParts recordedParts(const Json::Value& family) {
         parts.jumps.emplace_back(jump[0U].asString(), jump[1U].asString());
     }
     return parts;
+}
+
+/// Remembers the policies that others have set. Not those of a reload in apply mode "lines" that is
+/// running or was killed, and not those of a later call, which may be a reload's.
+void recordPolicies(Json::Value& family, const BaseFilter& filter) {
+    if (family.isMember(kPoliciesKey) || filter.isClosed()) {
+        return;
+    }
+    for (const auto& [chain, policy] : filter.policies()) {
+        family[kPoliciesKey][chain] = policy;
+    }
+}
+
+/// Puts back a policy that drops: a reload by a program that does not restore it has made it
+/// ACCEPT. One that others have set since stays.
+void putPoliciesBack(const Json::Value& family, BaseFilter& filter) {
+    for (const auto& [chain, policy] : filter.policies()) {
+        if (policy == kAcceptPolicy && family[kPoliciesKey][chain] == kDropPolicy) {
+            filter.setPolicy(chain, kDropPolicy);
+        }
+    }
 }
 
 // ---- The first profile ----
@@ -144,13 +170,15 @@ void setUp(BaseFilter filter) {
         return;
     }
     const BaseParts parts = filter.missing();
-    if (!parts.empty()) {
-        // Recorded first, so that "base down" also removes what an interrupted call added.
-        Json::Value record = recordLoad();
-        addToRecord(record[filter.key()], parts);
+    // Recorded first, so that "base down" also removes what an interrupted call added.
+    const Json::Value before = recordLoad();
+    Json::Value record = before;
+    addToRecord(record[filter.key()], parts);
+    recordPolicies(record[filter.key()], filter);
+    if (record != before) {
         recordStore(record);
-        filter.add(parts);
     }
+    filter.add(parts);
     std::cout << filter.title() << ": added " << describe(parts) << '\n';
 }
 
@@ -194,6 +222,7 @@ void baseDown() {
     for (BaseFilter filter : baseFilters()) {
         const BaseParts parts = recordedParts(record[filter.key()]);
         filter.remove(parts);
+        putPoliciesBack(record[filter.key()], filter);
         record.removeMember(filter.key());
         recordStore(record);
         std::cout << filter.title() << ": removed " << describe(parts) << '\n';
