@@ -15,6 +15,7 @@
 
 #include "kernel/reloadGuard.h"
 #include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/bootRules.h"
 #include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/ruleChange.h"
 #include "tarnfwadmin/scratchKernel.h"
@@ -113,6 +114,7 @@ void requireKernelTakes(const FW::FWPROFILE& profile, FW::TARNFW_IPTABLES_RULES&
 /// Stores the rules for the next boot. When that fails the reload has succeeded all the same; old
 /// rules are then not to be taken for the last good ones.
 void keepAsLastGood(const SavedRules& rules) {
+    forgetBootFailure();
     try {
         storeLastGood(rules);
     } catch (const Error& error) {
@@ -147,6 +149,7 @@ bool disableLocked() {
                     "the firewall's chains are not empty: its rules are still in force");
     }
     forgetLastGood();
+    forgetBootFailure();
     return stored;
 }
 

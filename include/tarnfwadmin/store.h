@@ -65,6 +65,10 @@ public:
     /// Whether there is a settings file, readable or not.
     bool hasSettings() const;
 
+    /// Their document, that of a first start without a file. Throws Error, kSystem, for one that
+    /// cannot be read or is no JSON object.
+    Json::Value settings() const;
+
     /// Whether the settings say that the firewall is enabled.
     bool firewallEnabled() const;
 
@@ -164,9 +168,6 @@ private:
 
     /// The paths of the profiles' files, by name.
     const std::map<std::string, std::string>& paths() const;
-
-    /// The settings' document; the defaults without a file.
-    Json::Value settings() const;
 
     mutable std::map<std::string, File> files_;  // by path
     mutable std::optional<std::map<std::string, std::string>> paths_;

@@ -102,6 +102,7 @@ def _written(modes):
         Operation("modules unload", "modules unload vpn", ["modules load vpn"], weight=0.5),
         Operation("base up", "base up", ["base down"], weight=0.5),
         Operation("base down", "base down", weight=0.5),
+        Operation("boot", "boot", ["base down"], reloads=True),
     ]
     for mode in modes:
         if mode != "lines":

@@ -56,7 +56,7 @@ answers 0 enable
 answers 0 status --json
 prints_json <<END
 {"enabled": true, "asStored": true, "complaints": [],
- "nothingInForce": false, "interruptedReload": false,
+ "nothingInForce": false, "interruptedReload": false, "bootFailure": null,
  "activeProfile": "disabled_rule_and_absent_adapter", "activeProfileExists": true,
  "applyMode": "lines", "modulesLoaded": true, "trial": null,
  "kernel": {

@@ -1,7 +1,12 @@
-/// tarnfw base: the chains and jumps that the library expects to find, and a first profile.
+/// tarnfw base: the chains and jumps that the library expects to find, and a first profile. tarnfw
+/// boot: what the service runs.
+#include <syslog.h>
+
 #include <ctime>
+#include <exception>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,7 +22,9 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
+#include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/bootRules.h"
 
 namespace tarnfw {
 namespace {
@@ -182,11 +189,32 @@ void setUp(BaseFilter filter) {
     std::cout << filter.title() << ": added " << describe(parts) << '\n';
 }
 
+/// Sets up both families. Returns why IPv6 could not be, or nothing: IPv4 is useful without it.
+std::string setUpBoth() {
+    setUp(BaseFilter("v4"));
+    try {
+        setUp(BaseFilter("v6"));
+    } catch (const Error& failure) {
+        return failure.what();
+    }
+    return "";
+}
+
+/// Sets up the base filter and what is missing in the store, and only then fails.
+void setUpMachine(const LockTime& time, bool enabled) {
+    const std::string failure = setUpBoth();
+    writeFirstProfile(failure.empty(), time);
+    tidyBase(enabled);
+    if (!failure.empty()) {
+        throw Error(ErrorKind::kSystem, failure);
+    }
+}
+
 /// What the settings say; settings that cannot be read count as enabled.
 bool isEnabled() {
     try {
         return StoreSnapshot().firewallEnabled();
-    } catch (const Error&) {
+    } catch (const std::exception&) {
         return true;
     }
 }
@@ -195,18 +223,7 @@ void baseUp() {
     requireRoot();
     LockTime time;
     const ToolLock lock(kLockName, time);
-    setUp(BaseFilter("v4"));
-    std::string failure;
-    try {
-        setUp(BaseFilter("v6"));
-    } catch (const Error& failed) {
-        failure = failed.what();  // thrown at the end: the rest is useful without IPv6
-    }
-    writeFirstProfile(failure.empty(), time);
-    tidyBase(isEnabled());
-    if (!failure.empty()) {
-        throw Error(ErrorKind::kSystem, failure);
-    }
+    setUpMachine(time, isEnabled());
 }
 
 void baseDown() {
@@ -272,6 +289,64 @@ void baseStatus(bool json) {
     }
 }
 
+// ---- Boot ----
+
+/// Applies the active profile. Throws what went wrong.
+void applyAtBoot(const std::string& baseFailure, LockTime& time) {
+    // To change, so that what an interrupted command has left is undone, or nothing is applied.
+    Context context(StoreSession::Access::kChange, std::make_unique<Machine>(), time);
+    context.session().unlock();
+    if (!baseFailure.empty()) {
+        throw Error(ErrorKind::kSystem, baseFailure);
+    }
+    tidyBase(/*enabled=*/true);
+    if (!context.store().firewallEnabled()) {
+        throw Error(ErrorKind::kSystem, "the settings do not say whether the firewall is enabled");
+    }
+    reloadActive(context.control());
+}
+
+/// For the journal and the system log, and for "status".
+[[noreturn]] void bootFailed(const std::exception& error, const std::string& inForce) {
+    const BootFailure failure{error.what(), inForce};
+    const std::string text = textOf(failure);
+    syslog(LOG_ERR, "%s", text.c_str());
+    try {
+        storeBootFailure(failure);
+    } catch (const std::exception& another) {
+        std::cerr << "tarnfw: " << another.what() << '\n';
+    }
+    throw Error(ErrorKind::kSystem, text);
+}
+
+void boot() {
+    requireRoot();
+    requireNoTrial();
+    LockTime time;
+    const ToolLock lock(kLockName, time);
+    try {
+        // Undoes an interrupted change, before its half is read.
+        const Context context(StoreSession::Access::kChange, std::make_unique<Machine>(), time);
+    } catch (const Error&) {
+        // said by the second attempt, with the machine protected
+    }
+    if (!mustProtect()) {
+        forgetBootFailure();
+        setUpMachine(time, /*enabled=*/false);
+        std::cout << "Firewall disabled: nothing to apply\n";
+        return;
+    }
+    // Without a first profile: it would take the place of a lost one of the same name.
+    const std::string baseFailure = setUpBoth();
+    std::string inForce = "nothing: the machine is open";
+    try {
+        inForce = protectMachine();
+        applyAtBoot(baseFailure, time);
+    } catch (const std::exception& error) {
+        bootFailed(error, inForce);
+    }
+}
+
 }  // namespace
 
 void addBaseCommands(Command& app) {
@@ -291,6 +366,17 @@ void addBaseCommands(Command& app) {
     const auto json = std::make_shared<bool>(false);
     addJsonFlag(status, *json);
     status.run([json] { baseStatus(*json); });
+    Command& bootCommand = app.subcommand(
+        "boot",
+        "What the service runs at boot: the base filter, as \"base up\" does it, then the active "
+        "profile. Fails when that is not in force");
+    bootCommand.footer(
+        "With the firewall enabled, first loads the rules of the last successful reload, which "
+        "stay in force when the profile cannot be applied. Without them, the machine is closed, "
+        "except for established connections, loopback, neighbour discovery, DHCP, and SSH from "
+        "private and link-local networks. With the firewall disabled, or on a machine without "
+        "settings, the machine is open.");
+    bootCommand.run(boot);
 }
 
 }  // namespace tarnfw

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <json/json.h>
@@ -19,6 +20,7 @@
 #include "commands/kernelReport.h"
 #include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/bootRules.h"
 #include "tarnfwadmin/ruleText.h"
 
 namespace tarnfw {
@@ -208,9 +210,10 @@ bool isTrialRunning(const std::optional<TrialState>& trial) {
     return trial && trial->phase == TrialState::Phase::kGoesOn;
 }
 
-/// What the kernel does not do of what it should.
+/// What the kernel does not do of what it should, and why.
 std::vector<std::string> complaints(const KernelReport& report,
-                                    const std::optional<TrialState>& trial) {
+                                    const std::optional<TrialState>& trial,
+                                    const std::optional<BootFailure>& boot) {
     KernelReport judged = report;
     for (FamilyInForce& family : judged.families) {
         if (isTrialRunning(trial) && family.state == InForce::kDifferent) {
@@ -218,6 +221,9 @@ std::vector<std::string> complaints(const KernelReport& report,
         }
     }
     std::vector<std::string> texts = complaintsOf(judged);
+    if (boot) {
+        texts.insert(texts.begin(), textOf(*boot));
+    }
     const std::string ahead = aheadComplaint(report);
     if (!ahead.empty()) {
         texts.push_back(ahead);
@@ -231,18 +237,29 @@ void endUnlessAsStored(const std::vector<std::string>& wrong) {
     }
 }
 
+/// What the settings say. When they cannot be read, the error names what a boot has left in force.
+std::pair<bool, std::string> statusAndProfile(const StoreSnapshot& store,
+                                              const std::optional<BootFailure>& boot) {
+    try {
+        return {store.firewallEnabled(), store.activeProfile()};
+    } catch (const Error& error) {
+        throw Error(error.kind(), error.what() + (boot ? "; " + textOf(*boot) : ""), error.place(),
+                    error.remedy());
+    }
+}
+
 void status(bool json) {
     const Context context(StoreSession::Access::kRead);
     const StoreSnapshot& store = context.store();
-    const bool enabled = store.firewallEnabled();
-    const std::string active = store.activeProfile();
+    const std::optional<BootFailure> boot = bootFailure();
+    const auto [enabled, active] = statusAndProfile(store, boot);
     const bool stored = store.hasProfile(active);
     const std::vector<AdapterState> adapters =
         stored ? adapterStates(store.profile(active)) : std::vector<AdapterState>();
     const KernelReport kernel = kernelReport(store);  // lists each family once
     const bool modules = FW::TARN_IPTABLES_MODULES::isModuleLoad(kModuleUser);
     const std::optional<TrialState> trial = trialState(store);
-    const std::vector<std::string> wrong = complaints(kernel, trial);
+    const std::vector<std::string> wrong = complaints(kernel, trial, boot);
     const char* const applyMode = applyModeName(store.applyMode());
 
     if (json) {
@@ -255,6 +272,7 @@ void status(bool json) {
         }
         document["nothingInForce"] = isNothingInForce(kernel);
         document["interruptedReload"] = isClosed(kernel) && !kernel.reloading;
+        document["bootFailure"] = boot ? Json::Value(textOf(*boot)) : Json::Value();
         document["activeProfile"] = active;
         document["activeProfileExists"] = stored;
         document["applyMode"] = applyMode;

@@ -1,0 +1,157 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# A boot whose active profile cannot be applied leaves the rules of the last successful reload in force,
+# or, where there are none, closes the machine to all but the minimum. It fails and "status" says so. A
+# disabled firewall and a fresh machine boot open.
+
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+readonly kLastGood=/usr/tarn/etc/firewall.last_good.json
+readonly kProfile=$kProfileDirectory/deny_by_default.json
+readonly kMinimum='closed, except for established connections, loopback, neighbour discovery, DHCP, and SSH'
+
+# What a boot does to the running system. Profiles, settings and the last good rules stay.
+reboot() {
+    local tool
+    for tool in iptables ip6tables; do
+        "$tool" -P INPUT ACCEPT
+        "$tool" -P FORWARD ACCEPT
+        "$tool" -F
+        "$tool" -X
+    done
+    rm -rf -- /run/tarn /run/lock/firewall /tmp/firewall_iptables_exec.lock /tmp/iptables_serv_mod_list
+}
+
+restore() {
+    cp -- "$out/profile" "$kProfile"
+    cp --remove-destination -- "$out/settings" "$kSettings"
+}
+
+# damage HOW: what may happen to a profile and to the settings.
+damage() {
+    restore
+    case $1 in
+    truncated) head --bytes=300 "$out/profile" >"$kProfile" ;;
+    empty) : >"$kProfile" ;;
+    missing) rm -- "$kProfile" ;;
+    renamed) sed -i 's/"name" : "deny_by_default"/"name" : "other"/' "$kProfile" ;;
+    unknown_policy) sed -i 's/"policy" : 0/"policy" : 7/' "$kProfile" ;;
+    no_profile_named) jq 'del(.profile)' "$out/settings" >"$kSettings" ;;
+    settings_cut_short) printf '{ "status" : tr' >"$kSettings" ;;
+    settings_of_a_wrong_type) jq '.status = "yes"' "$out/settings" >"$kSettings" ;;
+    settings_no_object) printf '[]\n' >"$kSettings" ;;
+    settings_link_to_nowhere) ln -sf -- /nowhere "$kSettings" ;;
+    *) fail "no such damage: $1" ;;
+    esac
+    ! cmp --silent "$out/profile" "$kProfile" || ! cmp --silent "$out/settings" "$kSettings" ||
+        fail "$1 damages nothing"
+}
+
+# boots STATUS: a boot ends with that status.
+boots() {
+    reboot
+    answers "$1" boot
+}
+
+# says_so: "status" names the failure, whether the settings can be read or not.
+says_so() {
+    tarnfw status >"$out/answer" 2>&1 || true
+    says "not applied at boot: .*In force: .*$1"
+}
+
+make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
+readonly kDamages='truncated empty missing renamed unknown_policy no_profile_named settings_cut_short
+    settings_of_a_wrong_type settings_no_object settings_link_to_nowhere'
+
+rm -f -- "$kProfileDirectory"/*.json
+boots 0
+says '^Profile "default" written'
+says '^Firewall disabled'
+step 'a fresh machine is open' [ -z "$(iptables -S INPUT_FIREWALL 1)" ]
+
+use_profile deny_by_default
+for mode in batch lines; do
+    answers 0 apply-mode "$mode"
+    answers 0 enable
+    cp -- "$kProfile" "$out/profile"
+    cp -- "$kSettings" "$out/settings"
+    keep_listing enabled
+    boots 0
+    says '^Profile "deny_by_default" applied$'
+    step 'a boot with a valid profile puts it in force' same_listing enabled
+    answers 0 status
+    step 'and "status" has nothing to say' [ -z "$(grep 'at boot' "$out/answer")" ]
+    for how in $kDamages; do
+        damage "$how"
+        boots 1
+        step "$how: the last good rules are in force" same_listing enabled
+        step 'that is said' grep --quiet 'In force: IPv4 and IPv6: the rules of the last successful reload$' \
+            "$out/complaint"
+        says_so 'the rules of the last successful reload'
+    done
+    answers 1 boot
+    step 'a second try, as of a restarted service, changes nothing' same_listing enabled
+    restore
+    answers 0 reload
+    answers 0 status
+    step 'after a reload "status" has nothing to say' [ -z "$(grep 'at boot' "$out/answer")" ]
+done
+
+# --- what was changed since is applied, and what cannot be is not ------------------------------------
+
+mkdir -- "$kProfileDirectory/.change"
+cp -- "$kProfile" "$kProfileDirectory/.change/"
+cp -- "$kSettings" "$kProfileDirectory/.change/"
+printf 'deny_by_default.json/\nfirewall_settings.json/\n/\n' >"$kProfileDirectory/.change/documents"
+damage truncated
+boots 0
+step 'an interrupted change is undone first' cmp "$out/profile" "$kProfile"
+step 'and the profile is in force' same_listing enabled
+
+# --- without last good rules -------------------------------------------------------------------------
+
+serve tcp/22 tcp/80
+for how in truncated missing settings_cut_short; do
+    damage "$how"
+    for file in none damaged; do
+        rm -f -- "$kLastGood"
+        [[ $file == none ]] || printf '{"v4": ["*nat", "COMMIT"]}\n' >"$kLastGood"
+        boots 1
+        step "$how, last good rules $file: closed but for the minimum" \
+            grep --quiet "In force: IPv4 and IPv6: $kMinimum" "$out/complaint"
+        says_so "$kMinimum"
+        check_packets <<'END'
+tcp4 192.168.1.10 22 open
+tcp4 192.168.1.10 80 blocked
+END
+    done
+done
+keep_listing closed
+answers 1 boot
+step 'a second try leaves it closed' same_listing closed
+step 'and says so' grep --quiet "In force: IPv4 and IPv6: $kMinimum" "$out/complaint"
+restore
+answers 0 reload
+step 'a reload with a repaired profile ends that' same_listing enabled
+step 'and stores the last good rules for root alone' [ "$(stat --format=%a "$kLastGood")" = 600 ]
+
+# --- a rule that the kernel no longer takes ----------------------------------------------------------
+
+jq '.v4 |= map(sub("-i eth0"; "-m no_such_match"))' "$kLastGood" >"$out/last_good"
+cp -- "$out/last_good" "$kLastGood"
+damage truncated
+boots 1
+step 'a family that refuses its rules is closed' \
+    grep --quiet "IPv4: $kMinimum.*; IPv6: the rules of the last successful reload$" "$out/complaint"
+restore
+answers 0 reload
+
+# --- disabled ----------------------------------------------------------------------------------------
+
+answers 0 disable
+step 'there are no last good rules' [ ! -e "$kLastGood" ]
+damage truncated
+sed -i 's/"status" : true/"status" : false/' "$kSettings"
+boots 0
+says '^Firewall disabled'
+step 'a disabled firewall boots open' [ -z "$(iptables -S INPUT_FIREWALL 1)" ]
