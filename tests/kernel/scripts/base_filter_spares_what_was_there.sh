@@ -9,7 +9,7 @@ for tool in iptables ip6tables; do
     "$tool" -A FORWARD -p tcp --dport 9 -j DROP
 done
 iptables -N INPUT_FIREWALL
-iptables -A INPUT -j INPUT_FIREWALL
+iptables -I INPUT -j INPUT_FIREWALL # where "base up" moves it anyway
 ip6tables -N FIREWALL_RELOADING
 keep_listing before
 
