@@ -14,6 +14,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
+#include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/error.h"
@@ -38,6 +39,7 @@ constexpr char kMinimum[] =
     "closed, except for established connections, loopback, neighbour discovery, DHCP, and SSH from "
     "private and link-local networks";
 constexpr char kOld[] = "the rules of before";
+constexpr char kNotMet[] = "no rules that packets meet, because the base filter is not set up";
 
 constexpr char kSshService[] = "ssh";
 constexpr char kSshPort[] = "22";
@@ -175,7 +177,9 @@ std::string protectMachine() {
     std::string failure;
     for (const auto& [family, rules] : now.families()) {
         try {
-            titles[protectFamily(family, rules, lastGood)].push_back(titleOf(family));
+            const char* const loaded = protectFamily(family, rules, lastGood);
+            const bool met = BaseFilter(family).missing().empty();
+            titles[met ? loaded : kNotMet].push_back(titleOf(family));
         } catch (const Error& error) {
             failure +=
                 (failure.empty() ? "" : "; ") + titleOf(family) + " is open: " + error.what();

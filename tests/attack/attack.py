@@ -209,7 +209,7 @@ class Attack:
         if kind == "exit":
             self.judge_answer(operation, point, int(number), old, new, now)
         elif operation.mode != "lines" and not operation.reloads and now.kernel not in (
-                *old.kernels, new.kernel) and not operation.command.startswith("base"):
+                *old.kernels, new.kernel) and operation.command not in operations.SETTING_UP:
             self.found(operation, point, "rules neither old nor new: " + now.kernel.summary())
         key = (operation.name, now.files.key(), now.kernel.key())
         if key not in self.seen:
@@ -238,7 +238,7 @@ class Attack:
         if stored not in (before, wanted):
             self.found(operation, point, "exit %d, documents neither old nor new: %s" %
                        (status, differing(stored, before)))
-        if operation.command in ("base up", "base down"):
+        if operation.command in operations.SETTING_UP:
             return  # they change a family after the other, and say how far they came
         if now.kernel not in (*old.kernels, new.kernel):
             self.found(operation, point, "exit %d, rules neither old nor new: %s" %
@@ -261,7 +261,7 @@ class Attack:
             yield "next: the settings name a profile that does not exist"
         if operation.command in ("try",):
             self.end_trial()
-        if operation.command.startswith("base"):
+        if operation.command in operations.SETTING_UP:
             result = run([self.tool, "base", "up"])
             if result.status != 0:
                 yield "next \"base up\": exit %s: %s" % (result.status, result.last_line())

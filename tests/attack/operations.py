@@ -6,6 +6,9 @@ import re
 
 from machine import must, settings
 
+# These change the base filter, one family after the other.
+SETTING_UP = ("base up", "base down", "boot")
+
 # Commands that write nothing. A command that is in neither list fails the test.
 READING = (
     "status", "profile list", "profile show", "adapters", "services", "blocked", "explain", "preview",

@@ -291,6 +291,26 @@ void baseStatus(bool json) {
 
 // ---- Boot ----
 
+/// Sets up both families, and tries each twice: at boot nobody else does. Returns why one of them
+/// could not be, or nothing.
+std::string setUpAtBoot() {
+    std::string failures;
+    for (const char* const family : {"v4", "v6"}) {
+        try {
+            setUp(BaseFilter(family));
+            continue;
+        } catch (const Error&) {
+            // once more, from what is there now
+        }
+        try {
+            setUp(BaseFilter(family));
+        } catch (const Error& failure) {
+            failures += (failures.empty() ? "" : "; ") + std::string(failure.what());
+        }
+    }
+    return failures;
+}
+
 /// Applies the active profile. Throws what went wrong.
 void applyAtBoot(const std::string& baseFailure, LockTime& time) {
     // To change, so that what an interrupted command has left is undone, or nothing is applied.
@@ -337,7 +357,7 @@ void boot() {
         return;
     }
     // Without a first profile: it would take the place of a lost one of the same name.
-    const std::string baseFailure = setUpBoth();
+    const std::string baseFailure = setUpAtBoot();
     std::string inForce = "nothing: the machine is open";
     try {
         inForce = protectMachine();
