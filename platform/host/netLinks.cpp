@@ -154,10 +154,14 @@ int dump(std::uint16_t type, unsigned char family, bool (*parse)(const nlmsghdr&
     *reinterpret_cast<unsigned char*>(&request.body) = family;  // the first byte of either body
 
     std::vector<char> buffer(kReceiveBytes);
+    int failure = 0;
+    // Also after an error, such as ENOBUFS: a translation without the list has no rules for any
+    // interface.
     for (int attempt = 0; attempt < kDumpAttempts; ++attempt) {
         const Descriptor netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
         if (!netlink || send(netlink.get(), &request, sizeof request, 0) < 0) {
-            return -errno;
+            failure = -errno;
+            continue;
         }
         std::vector<Record> read;
         const int result = readDump(netlink.get(), buffer, [&](const nlmsghdr& message) {
@@ -166,15 +170,13 @@ int dump(std::uint16_t type, unsigned char family, bool (*parse)(const nlmsghdr&
                 read.push_back(std::move(record));
             }
         });
-        if (result < 0) {
-            return result;
-        }
         if (result == 0) {
             records = std::move(read);
             return 0;
         }
+        failure = result < 0 ? result : -EAGAIN;
     }
-    return -EAGAIN;
+    return failure;
 }
 
 // sysfs shows the device of a link, but it may belong to another namespace, in which the same name
