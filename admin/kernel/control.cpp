@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <exception>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <utility>
 #include <vector>
@@ -17,6 +18,7 @@
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/bootRules.h"
 #include "tarnfwadmin/fileLock.h"
+#include "tarnfwadmin/inForce.h"
 #include "tarnfwadmin/ruleChange.h"
 #include "tarnfwadmin/scratchKernel.h"
 #include "tarnfwadmin/text.h"
@@ -34,6 +36,15 @@ std::string applyingText(const StoreSession& session) {
 }
 
 // ---- Before a reload ----
+
+/// Throws Error when the interfaces cannot be listed: the library then translates as if there were
+/// none, and the machine would be open.
+void requireInterfaces() {
+    std::set<std::string> names;
+    if (!FW::TARNFW().fwAdapterEnum(names)) {
+        throw Error(ErrorKind::kSystem, "the network interfaces cannot be listed");
+    }
+}
 
 /// Throws Error when the library cannot translate the profile.
 void requireTranslation(const FW::FWPROFILE& profile, ApplyMode mode,
@@ -111,6 +122,16 @@ void requireKernelTakes(const FW::FWPROFILE& profile, FW::TARNFW_IPTABLES_RULES&
 
 // ---- After a reload ----
 
+/// Throws Error when the rules are not those of the active profile: the library does not see that
+/// the interfaces cannot be listed, nor that one of its commands was killed.
+void requireInForce(const SavedRules& rules, const StoreSnapshot& store) {
+    requireInterfaces();
+    // Another program may have changed the profile meanwhile.
+    if (!hasActiveProfile(rules, store) && !hasActiveProfile(rules, StoreSnapshot())) {
+        throw Error(ErrorKind::kSystem, "the kernel did not get all rules of the profile");
+    }
+}
+
 /// Stores the rules for the next boot. When that fails the reload has succeeded all the same; old
 /// rules are then not to be taken for the last good ones.
 void keepAsLastGood(const SavedRules& rules) {
@@ -171,6 +192,7 @@ void Control::requireBase() {
 void Control::requireApplicable() {
     const StoreSnapshot& store = session_.snapshot();
     const FW::FWPROFILE& profile = store.profile("");
+    requireInterfaces();
     FW::TARNFW_IPTABLES_RULES translation;
     requireTranslation(profile, store.applyMode(), translation);
     if (store.applyMode() != ApplyMode::kLines) {
@@ -208,7 +230,9 @@ void Control::runGuarded(const std::string& failed, bool (*operation)()) {
                 if (!operation()) {
                     return false;
                 }
-                keepAsLastGood(guard.finish());
+                const SavedRules rules = guard.finish();
+                requireInForce(rules, session_.snapshot());
+                keepAsLastGood(rules);
                 return true;
             })) {
             failure.emplace(ErrorKind::kRefused, failed);

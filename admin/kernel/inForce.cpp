@@ -43,6 +43,13 @@ bool hasLines(const RuleListing& listing, const std::string& chain,
                       });
 }
 
+/// Whether the firewall's chains have these lines, and nothing else.
+bool hasAllLines(const RuleListing& listing, const std::vector<std::string>& lines) {
+    const std::vector<std::string>& chains = FW::FW_FIREWALL_CHAINS;
+    return std::all_of(chains.begin(), chains.end(),
+                       [&](const auto& chain) { return hasLines(listing, chain, lines); });
+}
+
 InForce stateOf(const BaseFilter& filter, const RuleListing& listing,
                 const std::optional<std::vector<std::string>>& wanted) {
     const bool wantsRules = !wanted || !wanted->empty();
@@ -55,11 +62,7 @@ InForce stateOf(const BaseFilter& filter, const RuleListing& listing,
     if (filter.loadedRules() == 0) {
         return wantsRules ? InForce::kNothing : InForce::kAsStored;
     }
-    const std::vector<std::string>& chains = FW::FW_FIREWALL_CHAINS;
-    const bool same = wanted && std::all_of(chains.begin(), chains.end(), [&](const auto& chain) {
-                          return hasLines(listing, chain, *wanted);
-                      });
-    return same ? InForce::kAsStored : InForce::kDifferent;
+    return wanted && hasAllLines(listing, *wanted) ? InForce::kAsStored : InForce::kDifferent;
 }
 
 /// The lines of the active profile for the firewall's chains, by family, in order. Nothing when it
@@ -137,6 +140,21 @@ std::vector<FamilyInForce> familiesInForce(const FilterListings& listings,
         }
     }
     return families;
+}
+
+bool hasActiveProfile(const SavedRules& rules, const StoreSnapshot& store) {
+    std::vector<ApplyMode> modes = {ApplyMode::kBatch};
+    if (store.applyMode() == ApplyMode::kLines) {
+        modes.push_back(ApplyMode::kLines);
+    }
+    return std::any_of(modes.begin(), modes.end(), [&](ApplyMode mode) {
+        const auto wanted = wantedLines(store, mode);
+        return wanted &&
+               std::all_of(rules.families().begin(), rules.families().end(),
+                           [&](const auto& family) {
+                               return hasAllLines(family.second, wanted->at(family.first));
+                           });
+    });
 }
 
 FamilyInForce inForceOf(const std::string& key, const std::optional<RuleListing>& listing,

@@ -11,6 +11,7 @@
 
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/packetFilter.h"
+#include "tarnfwadmin/savedRules.h"
 #include "tarnfwadmin/storeSession.h"
 
 namespace TARNFW_EXPORT_ALL tarnfw {
@@ -45,6 +46,10 @@ FilterListings filterListings();
 /// What is in force in each family, "v4" first, by the stored settings and the active profile.
 std::vector<FamilyInForce> familiesInForce(const FilterListings& listings,
                                            const StoreSnapshot& store);
+
+/// Whether these rules are those of the active profile, in every family that they have; compared
+/// as by inForceOf(). False when the profile cannot be read or translated.
+bool hasActiveProfile(const SavedRules& rules, const StoreSnapshot& store);
 
 /// What is in force in a family. `listing` is its filter table; none where the machine has none.
 /// `wanted` are the stored profile's lines for the firewall's chains, in order: empty while the

@@ -41,3 +41,30 @@ step 'that is true' same_listing base
 step 'the settings say so' [ "$(jq .status "$kSettings")" = false ]
 answers 0 reload
 says '^Firewall disabled: nothing to reload$'
+
+# Without an error of the library, too: in apply mode "lines" it goes on after a command that was killed.
+answers 0 apply-mode lines
+answers 0 enable
+keep_listing lines
+mkdir /tmp/unspoilt
+mv /tmp/wrapped/iptables /tmp/unspoilt
+cat >/tmp/wrapped/iptables <<'END'
+#!/bin/sh
+case $* in
+*'-F INPUT_FIREWALL' | *'-A INPUT_FIREWALL '*)
+    if [ -e /tmp/lose ]; then
+        rm /tmp/lose
+        kill -KILL $$
+    fi
+    ;;
+esac
+exec /tmp/unspoilt/iptables "$@"
+END
+chmod +x /tmp/wrapped/iptables
+touch /tmp/lose
+answers 1 reload
+step 'a command was lost' [ ! -e /tmp/lose ]
+complains 'the kernel did not get all rules of the profile; the old rules are in force again$'
+step 'that is true' same_listing lines
+answers 0 reload
+step 'nothing is lost the next time' same_listing lines
