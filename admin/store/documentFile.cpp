@@ -10,9 +10,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <iterator>
 #include <memory>
 #include <sstream>
+#include <system_error>
 
 #include <boost/algorithm/string/predicate.hpp>
 
@@ -164,6 +166,25 @@ std::string readDocument(const std::string& path, off_t most) {
                     "cannot read " + printable(path) + ": " + std::strerror(errno));
     }
     return text;
+}
+
+std::vector<std::string> filesIn(const std::string& directory, const std::string& suffix) {
+    std::vector<std::string> paths;
+    std::error_code error;
+    std::filesystem::directory_iterator entry(directory, error);
+    while (!error && entry != std::filesystem::directory_iterator()) {
+        const std::string name = entry->path().filename().string();
+        if (name.front() != '.' && boost::ends_with(name, suffix)) {
+            paths.push_back(directory + name);
+        }
+        entry.increment(error);
+    }
+    if (error && error != std::errc::no_such_file_or_directory) {
+        throw Error(ErrorKind::kSystem,
+                    "cannot read the directory " + printable(directory) + ": " + error.message());
+    }
+    std::sort(paths.begin(), paths.end());
+    return paths;
 }
 
 bool parseAsStored(const std::string& text, Json::Value& document) {

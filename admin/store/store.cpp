@@ -1,6 +1,5 @@
 #include "tarnfwadmin/store.h"
 
-#include <glob.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -46,17 +45,6 @@ std::string listed(const std::vector<std::string>& names) {
     return printable(boost::join(names, ", "));
 }
 
-/// The files of a name, sorted.
-std::vector<std::string> filesOfStore(const std::string& pattern) {
-    std::vector<std::string> paths;
-    glob_t found{};
-    if (glob((kProfileDir + pattern).c_str(), 0, nullptr, &found) == 0) {
-        paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
-    }
-    globfree(&found);
-    return paths;
-}
-
 /// What a path is that is not a regular file.
 std::string kindOf(mode_t mode) {
     switch (mode & static_cast<mode_t>(S_IFMT)) {
@@ -98,7 +86,7 @@ bool isTestProfile(const std::string& name) {
 
 void StoreSnapshot::refresh() {
     std::map<std::string, File> known = std::exchange(files_, {});
-    for (const std::string& path : filesOfStore("*.json")) {  // as the library reads them
+    for (const std::string& path : filesIn(kProfileDir, ".json")) {  // as the library reads them
         const FW::FileState state = FW::FileState::of(path);
         const std::string unusable = whyUnusable(path);
         const auto found = known.find(path);
@@ -406,7 +394,7 @@ std::vector<Finding> StoreSnapshot::findings() const {
                                   ", " + inQuotes(name) + ", and is not used");
         }
     }
-    for (const std::string& path : filesOfStore("*.json.tmp")) {
+    for (const std::string& path : filesIn(kProfileDir, ".json.tmp")) {
         found.warning(
             "", printable(path) + " is what an interrupted operation has left; it can be removed");
     }

@@ -129,12 +129,10 @@ bool isAsBefore(const std::string& path) {
 std::vector<std::string> documents() {
     std::vector<std::string> paths;
     std::error_code ignored;  // entries that disappear meanwhile
-    for (const fs::directory_entry& entry : fs::directory_iterator(kProfileDir, ignored)) {
-        const fs::path& path = entry.path();
-        const fs::file_type type = entry.symlink_status(ignored).type();
-        if (path.extension() == ".json" && path.filename().string().front() != '.' &&
-            (type == fs::file_type::regular || type == fs::file_type::symlink)) {
-            paths.push_back(path.string());
+    for (const std::string& path : filesIn(kProfileDir, ".json")) {
+        const fs::file_type type = fs::symlink_status(path, ignored).type();
+        if (type == fs::file_type::regular || type == fs::file_type::symlink) {
+            paths.push_back(path);
         }
     }
     return paths;

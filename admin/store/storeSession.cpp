@@ -79,9 +79,8 @@ void requireUsable(const StoreSnapshot& store) {
 /// unless a program without it is writing that document now.
 void removeUnfinished() {
     std::error_code ignored;
-    for (const fs::directory_entry& entry : fs::directory_iterator(kProfileDir, ignored)) {
-        const std::string path = entry.path().string();
-        if (boost::ends_with(path, kUnfinished) && entry.is_regular_file(ignored) &&
+    for (const std::string& path : filesIn(kProfileDir, kUnfinished)) {
+        if (fs::is_regular_file(path, ignored) &&
             !isLocked(FW::getLockFile(path.substr(0, path.size() - std::strlen(kPassing))))) {
             (void)unlink(path.c_str());
         }
@@ -323,10 +322,10 @@ StoreTransaction::~StoreTransaction() {
 }
 
 void StoreTransaction::finish(bool refreshed) {
-    open_ = false;
     if (!refreshed) {
         session_.refresh();
     }
+    open_ = false;
     if (extent_ == Extent::kManyDocuments) {
         for (const auto& [path, text] : before_) {
             keepMode(path);

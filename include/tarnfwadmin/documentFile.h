@@ -25,6 +25,11 @@ std::string readText(const std::string& path);
 /// waiting for anything, whatever is at `path`.
 std::string readDocument(const std::string& path, off_t most);
 
+/// The paths in `directory`, which ends with a slash, of the entries whose names end with `suffix`;
+/// sorted, and without those whose names begin with a dot. None if there is no such directory.
+/// Throws Error, kSystem, for one that cannot be read: it may have any files.
+std::vector<std::string> filesIn(const std::string& directory, const std::string& suffix);
+
 /// Parses a text like the library's store, including comments. False for invalid JSON
 /// document; `document` then holds what was read up to there.
 bool parseAsStored(const std::string& text, Json::Value& document);

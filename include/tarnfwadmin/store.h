@@ -53,7 +53,7 @@ std::vector<std::string> applyModeNames();
 /// be read, and what jsoncpp throws for a member of a type that does not convert.
 class StoreSnapshot {
 public:
-    /// Lists the files.
+    /// Lists the files. Throws Error, kSystem, when the directory is there and cannot be read.
     StoreSnapshot() { refresh(); }
 
     /// Lists them again. Those that have changed since, by inode, size and time of change, are read

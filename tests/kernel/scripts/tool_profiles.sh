@@ -23,6 +23,15 @@ for words in 'create new' 'copy one two' 'rename one two' 'delete one' 'use one'
     refused 1 '^tarnfw: there are no profiles; "tarnfw base up" writes a first one$' profile "${words[@]}"
 done
 rm -- "$kProfileDirectory/other.json"
+# A directory that cannot be read is not one without profiles.
+rmdir -- "$kProfileDirectory"
+: >"$kProfileDirectory"
+for words in 'profile list' 'profile create new' 'base up'; do
+    read -r -a words <<<"$words"
+    answers 1 "${words[@]}"
+    complains '^tarnfw: cannot read the directory .*/firewall\.d/: Not a directory$'
+done
+rm -- "$kProfileDirectory"
 step 'base up' tarnfw base up
 keep_listing base
 

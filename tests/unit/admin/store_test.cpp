@@ -1,6 +1,10 @@
-// The apply modes: their names, in the settings and out of them.
+// A store that cannot be listed; the apply modes: their names, in the settings and out of them.
 #include "tarnfwadmin/store.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -12,6 +16,30 @@
 
 namespace tarnfw {
 namespace {
+
+using StoreListingTest = StoreTest;
+
+TEST_F(StoreListingTest, DirectoryThatIsMissingIsEmpty) {
+    std::filesystem::remove_all(kProfileDir);
+    EXPECT_TRUE(StoreSnapshot().empty());
+    EXPECT_FALSE(StoreSnapshot().hasSettings());
+}
+
+TEST_F(StoreListingTest, DirectoryThatCannotBeReadIsNotEmpty) {
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const int next = dup(STDERR_FILENO);
+    ASSERT_EQ(close(next), 0);
+    rlimit none = before;
+    none.rlim_cur = static_cast<rlim_t>(next);  // no descriptor is left
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const std::optional<Error> error = errorOf([] { (void)StoreSnapshot(); });
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->kind(), ErrorKind::kSystem);
+    EXPECT_EQ(std::string(error->what()),
+              std::string("cannot read the directory ") + kProfileDir + ": Too many open files");
+}
 
 TEST(ApplyModeTest, EachModeHasOneName) {
     EXPECT_STREQ(applyModeName(ApplyMode::kLines), "lines");
