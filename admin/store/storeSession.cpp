@@ -77,7 +77,7 @@ void requireUsable(const StoreSnapshot& store) {
 
 /// Removes what the library has left of documents that it was writing: under the store's lock, and
 /// unless a program without it is writing that document now.
-void removeUnfinished() {
+void removeUnfinished() try {
     std::error_code ignored;
     for (const std::string& path : filesIn(kProfileDir, kUnfinished)) {
         if (fs::is_regular_file(path, ignored) &&
@@ -85,6 +85,8 @@ void removeUnfinished() {
             (void)unlink(path.c_str());
         }
     }
+} catch (const Error&) {
+    // the next session removes them
 }
 
 }  // namespace
@@ -237,6 +239,7 @@ std::vector<std::string> StoreSession::takeNotes() {
 
 void StoreSession::undoInterruptedChange() {
     if (!hasCopies()) {
+        removeUnfinished();
         return;
     }
     if (hasJournal()) {
@@ -341,6 +344,7 @@ void StoreTransaction::finish(bool refreshed) {
     }
     if (failure.empty()) {
         dropCopies();
+        removeUnfinished();
         return;
     }
     throw Error(ErrorKind::kSystem,

@@ -135,6 +135,35 @@ TEST_F(StoreSessionTest, FindsWhatAnInterruptedOperationOfTheLibraryHasLeft) {
                                      "not exist: no reload works"));
 }
 
+TEST_F(StoreSessionTest, RemovesWhatTheLibraryCouldNotRename) {
+    const std::string left = kHomeFile + ".tmp";
+    {
+        StoreSession session(StoreSession::Access::kChange);
+        EXPECT_FALSE(session.change([&] {
+            writeFile(left, "{}");
+            return false;
+        }));
+        EXPECT_FALSE(fs::exists(left));
+        EXPECT_TRUE(session.snapshot().hasProfile("home"));
+    }
+    writeFile(left, "{}");
+    const StoreSession reading(StoreSession::Access::kRead);
+    EXPECT_TRUE(fs::exists(left));
+    const StoreSession changing(StoreSession::Access::kChange);
+    EXPECT_FALSE(fs::exists(left));
+}
+
+TEST_F(StoreSessionTest, LeavesWhatAnotherProgramIsWriting) {
+    const std::string left = kHomeFile + ".tmp";
+    writeFile(left, "{}");
+    const Descriptor file(open(FW::getLockFile(kHomeFile).c_str(), O_RDWR | O_CLOEXEC));
+    struct flock range {};
+    range.l_type = F_WRLCK;
+    ASSERT_EQ(fcntl(file.get(), F_OFD_SETLK, &range), 0);
+    const StoreSession session(StoreSession::Access::kChange);
+    EXPECT_TRUE(fs::exists(left));
+}
+
 TEST_F(StoreSessionTest, WaitsOnceForAllLocksOfDocumentsAndNamesOne) {
     StoreSession session(StoreSession::Access::kChange, LockTime(std::chrono::milliseconds(200)));
     const Pipe ready;
