@@ -48,8 +48,7 @@ void requireInterfaces() {
 
 /// Throws Error when the library cannot translate the profile.
 void requireTranslation(const FW::FWPROFILE& profile, ApplyMode mode,
-                        FW::TARNFW_IPTABLES_RULES& translation) {
-    Json::Value commands;
+                        FW::TARNFW_IPTABLES_RULES& translation, Json::Value& commands) {
     if (mode == ApplyMode::kBatch ? translation.fwRulesToBatchRules(
                                         true, profile.rules, profile.adapterPolicyMap, commands, "")
                                   : translation.fwRulesToIptablesRules(
@@ -122,12 +121,13 @@ void requireKernelTakes(const FW::FWPROFILE& profile, FW::TARNFW_IPTABLES_RULES&
 
 // ---- After a reload ----
 
-/// Throws Error when the rules are not those of the active profile: the library does not see that
-/// the interfaces cannot be listed, nor that one of its commands was killed.
-void requireInForce(const SavedRules& rules, const StoreSnapshot& store) {
+/// Throws Error when the rules are not those of the active profile, whose translation is `commands`:
+/// the library does not see that the interfaces cannot be listed, nor that one of its commands was
+/// killed.
+void requireInForce(const SavedRules& rules, const Json::Value& commands) {
     requireInterfaces();
-    // Another program may have changed the profile meanwhile.
-    if (!hasActiveProfile(rules, store) && !hasActiveProfile(rules, StoreSnapshot())) {
+    // The profile or the interfaces may have changed since the translation.
+    if (!hasTranslation(rules, commands) && !hasActiveProfile(rules, StoreSnapshot())) {
         throw Error(ErrorKind::kSystem, "the kernel did not get all rules of the profile");
     }
 }
@@ -194,7 +194,8 @@ void Control::requireApplicable() {
     const FW::FWPROFILE& profile = store.profile("");
     requireInterfaces();
     FW::TARNFW_IPTABLES_RULES translation;
-    requireTranslation(profile, store.applyMode(), translation);
+    commands_ = Json::Value();
+    requireTranslation(profile, store.applyMode(), translation, commands_);
     if (store.applyMode() != ApplyMode::kLines) {
         return;  // a batch changes nothing when a line is refused
     }
@@ -231,7 +232,7 @@ void Control::runGuarded(const std::string& failed, bool (*operation)()) {
                     return false;
                 }
                 const SavedRules rules = guard.finish();
-                requireInForce(rules, session_.snapshot());
+                requireInForce(rules, commands_);
                 keepAsLastGood(rules);
                 return true;
             })) {

@@ -65,22 +65,14 @@ InForce stateOf(const BaseFilter& filter, const RuleListing& listing,
     return wanted && hasAllLines(listing, *wanted) ? InForce::kAsStored : InForce::kDifferent;
 }
 
-/// The lines of the active profile for the firewall's chains, by family, in order. Nothing when it
-/// cannot be read or translated.
-std::optional<std::map<std::string, std::vector<std::string>>> wantedLines(
-    const StoreSnapshot& store, ApplyMode mode) {
-    Json::Value commands;
-    try {
-        if (!commandsFor(store.profile(""), mode, commands)) {
-            return std::nullopt;
-        }
-    } catch (const Error&) {
-        return std::nullopt;
-    }
-    std::map<std::string, std::vector<std::string>> wanted;
+using FamilyLines = std::map<std::string, std::vector<std::string>>;
+
+/// The lines of a translation for the firewall's chains, by family, in order.
+FamilyLines linesOf(const Json::Value& commands) {
+    FamilyLines all;
     for (const char* const family : {"v4", "v6"}) {
         const Json::Value& adapters = commands[family];
-        std::vector<std::string>& lines = wanted[family];
+        std::vector<std::string>& lines = all[family];
         if (!adapters.isObject()) {
             continue;
         }
@@ -91,14 +83,32 @@ std::optional<std::map<std::string, std::vector<std::string>>> wantedLines(
             }
         }
     }
-    return wanted;
+    return all;
+}
+
+/// The same of the active profile; nothing when it cannot be read or translated.
+std::optional<FamilyLines> wantedLines(const StoreSnapshot& store, ApplyMode mode) {
+    Json::Value commands;
+    try {
+        if (!commandsFor(store.profile(""), mode, commands)) {
+            return std::nullopt;
+        }
+    } catch (const Error&) {
+        return std::nullopt;
+    }
+    return linesOf(commands);
+}
+
+bool hasFamilyLines(const SavedRules& rules, const FamilyLines& wanted) {
+    return std::all_of(rules.families().begin(), rules.families().end(), [&](const auto& family) {
+        return hasAllLines(family.second, wanted.at(family.first));
+    });
 }
 
 std::vector<FamilyInForce> familiesByMode(const FilterListings& listings,
                                           const StoreSnapshot& store, ApplyMode mode) {
-    using Lines = std::map<std::string, std::vector<std::string>>;
-    const std::optional<Lines> wanted =
-        store.firewallEnabled() ? wantedLines(store, mode) : Lines();
+    const std::optional<FamilyLines> wanted =
+        store.firewallEnabled() ? wantedLines(store, mode) : FamilyLines();
     std::vector<FamilyInForce> families;
     for (const auto& [key, listing] : listings) {
         families.push_back(
@@ -142,19 +152,18 @@ std::vector<FamilyInForce> familiesInForce(const FilterListings& listings,
     return families;
 }
 
+bool hasTranslation(const SavedRules& rules, const Json::Value& commands) {
+    return commands.isObject() && hasFamilyLines(rules, linesOf(commands));
+}
+
 bool hasActiveProfile(const SavedRules& rules, const StoreSnapshot& store) {
-    std::vector<ApplyMode> modes = {ApplyMode::kBatch};
-    if (store.applyMode() == ApplyMode::kLines) {
-        modes.push_back(ApplyMode::kLines);
-    }
-    return std::any_of(modes.begin(), modes.end(), [&](ApplyMode mode) {
-        const auto wanted = wantedLines(store, mode);
-        return wanted &&
-               std::all_of(rules.families().begin(), rules.families().end(),
-                           [&](const auto& family) {
-                               return hasAllLines(family.second, wanted->at(family.first));
-                           });
-    });
+    const auto has = [&](ApplyMode mode) {
+        const std::optional<FamilyLines> wanted = wantedLines(store, mode);
+        return wanted && hasFamilyLines(rules, *wanted);
+    };
+    // As in familiesInForce().
+    return has(ApplyMode::kBatch) ||
+           (store.applyMode() == ApplyMode::kLines && has(ApplyMode::kLines));
 }
 
 FamilyInForce inForceOf(const std::string& key, const std::optional<RuleListing>& listing,

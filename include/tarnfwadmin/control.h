@@ -4,6 +4,8 @@
 #include <functional>
 #include <string>
 
+#include <json/json.h>
+
 #include "tarnfirewall/fwExport.h"
 #include "tarnfirewall/fwTypes.h"
 
@@ -82,6 +84,7 @@ private:
     StoreSession& session_;
     Runner run_;
     bool baseSeen_ = false;
+    Json::Value commands_;  // the active profile, translated by requireApplicable()
 };
 
 /// Makes the base filter ready for rules, under the lock of a reload: puts the firewall's own jumps

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include <json/json.h>
+
 #include "tarnfirewall/fwExport.h"
 
 #include "tarnfwadmin/baseFilter.h"
@@ -47,8 +49,11 @@ FilterListings filterListings();
 std::vector<FamilyInForce> familiesInForce(const FilterListings& listings,
                                            const StoreSnapshot& store);
 
-/// Whether these rules are those of the active profile, in every family that they have; compared
-/// as by inForceOf(). False when the profile cannot be read or translated.
+/// Whether these rules are those of a translation, see commandsFor(), in every family that they
+/// have; compared as by inForceOf().
+bool hasTranslation(const SavedRules& rules, const Json::Value& commands);
+
+/// The same for the active profile, translated now. False when it cannot be read or translated.
 bool hasActiveProfile(const SavedRules& rules, const StoreSnapshot& store);
 
 /// What is in force in a family. `listing` is its filter table; none where the machine has none.
