@@ -304,7 +304,18 @@ void Control::enable(Machine& machine, const std::function<void(const FW::FWPROF
 
 void Control::disable() {
     session_.requireReload();
-    if (!session_.change([this] { return run_("Switching the firewall off", disableLocked); })) {
+    const auto switchOff = [this] {
+        try {
+            return run_("Switching the firewall off", disableLocked);
+        } catch (const Error& error) {
+            if (error.kind() != ErrorKind::kSystem) {
+                throw;
+            }
+        }
+        // The process was killed, and some of the rules may be left: this one ends what it began.
+        return disableLocked();
+    };
+    if (!session_.change(switchOff)) {
         throw Error(ErrorKind::kSystem, "the firewall's settings cannot be written");
     }
 }

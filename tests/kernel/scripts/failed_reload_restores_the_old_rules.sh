@@ -32,9 +32,18 @@ step 'it is said' grep --quiet 'was killed; .*the old rules are in force again$'
 step 'that is true' same_listing enabled
 step 'the settings are as before' cmp "$kSettings" /tmp/settings
 
-
-answers 0 disable
+# The tool itself ends what its killed process began.
+pause_at 'iptables *-F FORWARD_FIREWALL*'
+tarnfw disable >"$out/answer" 2>"$out/complaint" &
+tool=$!
+await_pause
+read -r disabling _ < <(tail -n 1 "$kCommands")
+kill -KILL "$disabling"
+resume
+step 'it is disabled' wait "$tool"
 step 'nothing is in force' same_listing base
+step 'the settings say so' [ "$(jq .status "$kSettings")" = false ]
+
 killed enable
 step 'it is said' grep --quiet 'was killed; .*the firewall stays off$' "$out/complaint"
 step 'that is true' same_listing base
