@@ -407,6 +407,9 @@ public:
     explicit NulCheck(Findings& findings) : findings_(findings) {}
 
     void checkDocument(const Value& document) {
+        if (!hasNul(document)) {
+            return;  // as nearly all: no path has to be made
+        }
         for (const std::string& name : document.getMemberNames()) {
             checkText(name, std::nullopt, name);
             const Value& member = document[name];
@@ -419,6 +422,23 @@ public:
     }
 
 private:
+    static bool hasNul(const Value& value) {
+        const char* begin = nullptr;
+        const char* end = nullptr;
+        if (value.isString()) {
+            return value.getString(&begin, &end) && std::find(begin, end, '\0') != end;
+        }
+        for (auto member = value.begin(); member != value.end(); ++member) {
+            if (value.isObject()) {
+                begin = member.memberName(&end);
+            }
+            if (std::find(begin, end, '\0') != end || hasNul(*member)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
     void checkRules(const Value& byAdapter) {
         for (const std::string& adapter : byAdapter.getMemberNames()) {
             const std::string path = memberPath("rules", adapter);
