@@ -224,7 +224,9 @@ std::string Control::kernelRefusal(const FW::FWPROFILE& profile) {
 void Control::runGuarded(const std::string& failed, bool (*operation)()) {
     const std::string what = applyingText(session_);
     const bool wasEnabled = session_.snapshot().firewallEnabled();
-    const ReloadGuard guard;
+    const bool batch = session_.snapshot().applyMode() == ApplyMode::kBatch;
+    const ReloadGuard guard(ReloadGuard::Lock::kTake,
+                            batch ? ReloadGuard::Change::kBatch : ReloadGuard::Change::kAny);
     std::optional<Error> failure;
     try {
         if (!run_(what, [&] {
@@ -247,7 +249,17 @@ void Control::runGuarded(const std::string& failed, bool (*operation)()) {
         return;
     }
     session_.refresh();
-    throw Error(failure->kind(), failure->what() + ("; " + goBack(guard, wasEnabled)));
+    const std::string now = goBack(guard, wasEnabled);
+    if (batch && failure->kind() == ErrorKind::kRefused) {
+        try {
+            requireApplicable();  // says why, where the library has no more than a line of the log
+        } catch (const Error& error) {
+            failure.emplace(error.kind(), failed + ": " + error.what(), error.place(),
+                            error.remedy());
+        }
+    }
+    throw Error(failure->kind(), failure->what() + ("; " + now), failure->place(),
+                failure->remedy());
 }
 
 /// Puts back what was in force before, and returns what is in force now.
@@ -325,10 +337,19 @@ bool Control::apply() {
         return false;
     }
     const std::string failed = "the active profile was not applied";
-    requireBase();
+    const bool batch = session_.snapshot().applyMode() == ApplyMode::kBatch;
+    if (!batch) {
+        requireBase();
+    }
     session_.requireReload();
     try {
-        requireApplicable();
+        if (batch) {
+            // The library changes nothing when it cannot read or translate the profile, and the
+            // guard looks for the base filter.
+            requireInterfaces();
+        } else {
+            requireApplicable();
+        }
     } catch (const Error& failure) {
         throw Error(failure.kind(), failed + ": " + failure.what() + "; nothing was changed",
                     failure.place(), failure.remedy());

@@ -57,6 +57,26 @@ RuleListing RuleListing::from(const std::string& text) {
     return listing;
 }
 
+RuleListing RuleListing::fromSaved(const std::string& text) {
+    RuleListing listing;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string first;
+        std::string second;
+        words >> first >> second;
+        if (first == "-A") {
+            listing.chains[second].push_back(line);
+        } else if (first.size() > 1 && first[0] == ':') {
+            listing.chains[first.substr(1)];
+            if (second != "-") {
+                listing.policies[first.substr(1)] = second;
+            }
+        }
+    }
+    return listing;
+}
+
 const std::vector<std::string>& RuleListing::rulesOf(const std::string& chain) const {
     static const std::vector<std::string> none;
     const auto found = chains.find(chain);
@@ -135,6 +155,37 @@ std::map<std::string, RuleListing> PacketFilter::listFilters() const {
     keep("v4", listPresent("v4", "filter"));
     keep("v6", second.get());
     return listings;
+}
+
+std::optional<std::map<std::string, RuleListing>> PacketFilter::listChains(
+    const std::vector<std::string>& chains) const {
+    // "-S" takes one chain; the restoring tool takes many such commands, and reads the table once.
+    std::string text = "*filter\n";
+    for (const std::string& chain : chains) {
+        text += "-S " + chain + "\n";
+    }
+    text += "COMMIT\n";
+    const auto answerOf = [&](const char* family) {
+        return hasProgram(family) ? std::optional(restore(family, text)) : std::nullopt;
+    };
+    std::future<std::optional<ProgramAnswer>> second =
+        std::async(std::launch::async, answerOf, kOptionalFamily);
+    std::map<std::string, RuleListing> listings;
+    bool all = true;
+    const auto keep = [&](const char* family, const std::optional<ProgramAnswer>& answer) {
+        if (answer && answer->status == 0) {
+            listings.emplace(family, RuleListing::from(answer->output));
+        } else if (answer && (family != std::string(kOptionalFamily) || !saysAbsent(*answer))) {
+            all = false;
+        }
+    };
+    try {
+        keep("v4", answerOf("v4"));
+        keep(kOptionalFamily, second.get());
+    } catch (const Error&) {
+        return std::nullopt;
+    }
+    return all ? std::optional(std::move(listings)) : std::nullopt;
 }
 
 bool PacketFilter::isAbsent(const std::string& family) const {

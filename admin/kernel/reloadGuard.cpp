@@ -1,5 +1,8 @@
 #include "kernel/reloadGuard.h"
 
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,9 +12,11 @@
 #include <vector>
 
 #include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/fileLock.h"
+#include "tarnfwadmin/process.h"
 #include "tarnfwadmin/storeSession.h"
 
 namespace tarnfw {
@@ -22,6 +27,9 @@ constexpr int kLockSeconds = 30;
 // The state before a reload, while it is running.
 constexpr char kRunningReload[] = "/run/tarn/reload.json";
 constexpr mode_t kPrivateMode = 0600;
+
+// The lock of iptables, which the library takes before a batch.
+constexpr char kXtablesLock[] = "/run/xtables.lock";
 
 using Jump = std::pair<std::string, std::string>;
 
@@ -162,12 +170,123 @@ std::string linesToLead(const RuleListing& listing, const std::string& chain) {
 
 }  // namespace
 
+// ---- RuleSaves ----------------------------------------------------------------------------------
+
+/// The rules of the families as iptables-save writes them, by programs that may still be running.
+/// Until they have ended the lock of iptables is held: by them, so that it ends with the last one.
+class RuleSaves {
+public:
+    explicit RuleSaves(const std::vector<std::string>& families) {
+        const Descriptor lock(open(kXtablesLock, O_RDONLY | O_CREAT | O_CLOEXEC, kPrivateMode));
+        const bool held = lock && flock(lock.get(), LOCK_EX | LOCK_NB) == 0;
+        for (const std::string& family : families) {
+            start(family, lock.get());
+        }
+        if (!held) {
+            await();  // nothing keeps a reload from being faster
+        }
+    }
+    ~RuleSaves() { await(); }
+    RuleSaves(const RuleSaves&) = delete;
+    RuleSaves& operator=(const RuleSaves&) = delete;
+
+    /// Throws Error, kSystem, when a program has failed.
+    SavedRules rules() {
+        await();
+        std::map<std::string, RuleListing> listings;
+        for (const auto& [family, save] : saves_) {
+            std::string text;
+            if (!save.succeeded || lseek(save.text.get(), 0, SEEK_SET) != 0 ||
+                !readAll(save.text.get(), text) || text.find("\nCOMMIT\n") == std::string::npos) {
+                throw Error(ErrorKind::kSystem,
+                            "the " + titleOf(family) + " rules of before could not be saved");
+            }
+            listings.emplace(family, RuleListing::fromSaved(text));
+        }
+        return SavedRules::of(listings);
+    }
+
+private:
+    struct Save {
+        Descriptor text;
+        pid_t process = -1;
+        bool succeeded = false;
+    };
+
+    void start(const std::string& family, int lock) {
+        Save& save = saves_[family];
+        save.text = memoryFile("rules");
+        save.process = startProcess("iptables-save", [&] {
+            (void)fcntl(lock, F_SETFD, 0);  // kept open by the program
+            // As it has no lock to wait for: this process holds the machine's.
+            (void)setenv("XTABLES_LOCKFILE", "/proc/self/fd/1", 1);
+            return dup2(save.text.get(), STDOUT_FILENO) < 0
+                       ? kProgramNotRun
+                       : becomeProgram({programOf(family) + "-save", "-t", "filter"});
+        });
+    }
+
+    void await() {
+        for (auto& [unused, save] : saves_) {
+            if (save.process > 0) {
+                save.succeeded = exitStatusOf(save.process) == 0;
+                save.process = -1;
+            }
+        }
+    }
+
+    std::map<std::string, Save> saves_;  // by family
+};
+
 // ---- ReloadGuard --------------------------------------------------------------------------------
 
-ReloadGuard::ReloadGuard(Lock lock) : lock_(lock) {
+ReloadGuard::ReloadGuard(Lock lock, Change change) : lock_(lock) {
     const auto held = taken(lock_);
-    const std::map<std::string, RuleListing> found = MachineKernel().listFilters();
+    if (change == Change::kBatch && readForBatch()) {
+        return;
+    }
+    const Listings found = MachineKernel().listFilters();
     read(found);
+    makeReady(found);
+    makeDirectory(kRunDir);
+    writeFileAtomically(kRunningReload, documentText(before().document()), kPrivateMode,
+                        Existing::kReplaced);
+}
+
+ReloadGuard::~ReloadGuard() = default;
+
+/// Reads what is needed before a batch, and makes ready. False when a killed reload has left
+/// something: all has to be read then.
+bool ReloadGuard::readForBatch() {
+    const auto found = MachineKernel().listChains({"INPUT", "FORWARD", kReloadingChain});
+    const auto lacksBase = [](const auto& family) {
+        const auto& jumps = wholeBase().jumps;
+        return std::any_of(jumps.begin(), jumps.end(), [&](const Jump& jump) {
+            return family.second.positionOf(jump.first,
+                                            "-A " + jump.first + " -j " + jump.second) == 0;
+        });
+    };
+    if (!found || std::any_of(found->begin(), found->end(), lacksBase)) {
+        requireBase();
+        return false;
+    }
+    if (access(kRunningReload, F_OK) == 0 ||
+        std::any_of(found->begin(), found->end(),
+                    [](const auto& family) { return isClosed(family.second); })) {
+        return false;
+    }
+    std::vector<std::string> families;
+    for (const auto& [family, unused] : *found) {
+        families.push_back(family);
+    }
+    shared_ = SavedRules::of(*found).families();
+    makeReady(*found);
+    saves_ = std::make_unique<RuleSaves>(families);
+    return true;
+}
+
+/// Puts the jumps first, and ends what a killed reload has left unless the machine is closed.
+void ReloadGuard::makeReady(const Listings& found) {
     for (const auto& [family, listing] : found) {
         std::string lines = linesToLead(listing, "INPUT") + linesToLead(listing, "FORWARD");
         if (hasReloadingRules(listing) && !isClosed(listing)) {
@@ -175,12 +294,9 @@ ReloadGuard::ReloadGuard(Lock lock) : lock_(lock) {
         }
         commit(family, lines);
     }
-    makeDirectory(kRunDir);
-    writeFileAtomically(kRunningReload, documentText(before_.document()), kPrivateMode,
-                        Existing::kReplaced);
 }
 
-void ReloadGuard::read(const std::map<std::string, RuleListing>& found) {
+void ReloadGuard::read(const Listings& found) {
     const SavedRules now = SavedRules::of(found);
     const bool closed = std::any_of(found.begin(), found.end(),
                                     [](const auto& family) { return isClosed(family.second); });
@@ -196,17 +312,31 @@ void ReloadGuard::read(const std::map<std::string, RuleListing>& found) {
     }
 }
 
+const SavedRules& ReloadGuard::before() const {
+    if (!before_) {
+        before_ = withoutReloading(saves_->rules());
+    }
+    return *before_;
+}
+
 SavedRules ReloadGuard::finish() const {
     const auto held = taken(lock_);
-    const SavedRules before = leftClosed_ ? opened(before_) : before_;
-    const std::map<std::string, RuleListing> now = MachineKernel().listFilters();
+    const Listings now = MachineKernel().listFilters();
+    settle(now);
+    return withoutReloading(SavedRules::of(now));
+}
+
+/// Empties FIREWALL_RELOADING and puts the policies back.
+void ReloadGuard::settle(const Listings& now) const {
+    const std::map<std::string, FamilyRules> before =
+        !before_ ? shared_ : (leftClosed_ ? opened(*before_) : *before_).families();
     for (const auto& [family, listing] : now) {
         std::string lines;
         if (hasReloadingRules(listing)) {
             lines += std::string("-F ") + kReloadingChain + "\n";
         }
-        const auto old = before.families().find(family);
-        if (old != before.families().end()) {
+        const auto old = before.find(family);
+        if (old != before.end()) {
             for (const auto& [chain, policy] : old->second.policies) {
                 lines +=
                     listing.hasPolicy(chain, policy) ? "" : ":" + chain + " " + policy + " [0:0]\n";
@@ -215,7 +345,6 @@ SavedRules ReloadGuard::finish() const {
         commit(family, lines);
     }
     (void)unlink(kRunningReload);
-    return withoutReloading(SavedRules::of(now));
 }
 
 void ReloadGuard::putBack() const {
@@ -223,7 +352,7 @@ void ReloadGuard::putBack() const {
     if (lock_ == Lock::kTake) {
         held = std::make_unique<FileLock>(kReloadLock, kLockSeconds);
     }
-    before_.putBack();  // without the lock, too: each family is one commit
+    before().putBack();  // without the lock, too: each family is one commit
     (void)unlink(kRunningReload);
 }
 
@@ -238,7 +367,7 @@ void ReloadGuard::mend(bool enabled) const {
 }
 
 bool ReloadGuard::isAsBefore() const {
-    return SavedRules::inKernel() == before_;
+    return SavedRules::inKernel() == before();
 }
 
 }  // namespace tarnfw

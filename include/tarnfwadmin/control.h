@@ -30,12 +30,13 @@ bool runHere(const std::string& what, const std::function<bool()>& work);
 /// Control of the firewall for one task. Uses the session, which must outlive it; after each
 /// operation the session has the store as it is then.
 ///
-/// An operation that applies rules looks first whether they can be applied: the active profile is
-/// read and translated and, in apply mode "lines", where the library leaves out what the kernel
-/// does not take, loaded into a scratch kernel. After an error the rules and the settings are as
-/// before, also when it comes from the library's own reload. Policies of INPUT and FORWARD that
-/// others have set stay, and the firewall's two jumps in each of these chains come first. What is
-/// then in force is stored, see lastGoodRules().
+/// An operation that applies rules looks first whether they can be applied. In apply mode "lines",
+/// where the library leaves out what the kernel does not take, the active profile is read,
+/// translated and loaded into a scratch kernel; in "batch" the library changes nothing when it
+/// cannot read or translate it, or when a line is refused. After an error the rules and the
+/// settings are as before, also when it comes from the library's own reload. Policies of INPUT and
+/// FORWARD that others have set stay, and the firewall's two jumps in each of these chains come
+/// first. What is then in force is stored, see lastGoodRules().
 ///
 /// A signal that ends this process between the steps may leave a change half made: block signals.
 class Control {

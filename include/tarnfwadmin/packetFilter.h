@@ -20,6 +20,9 @@ struct RuleListing {
     /// Reads a listing.
     static RuleListing from(const std::string& text);
 
+    /// Reads what iptables-save writes of one table.
+    static RuleListing fromSaved(const std::string& text);
+
     bool has(const std::string& chain) const { return chains.count(chain) != 0; }
 
     /// The rules of a chain; none where it is not there.
@@ -54,6 +57,11 @@ public:
 
     /// The filter tables of the families that the machine has, listed at the same time.
     std::map<std::string, RuleListing> listFilters() const;
+
+    /// These chains of the filter tables, in one run a family, by family; nothing when one of them
+    /// is missing or cannot be listed. A whole table may have thousands of rules.
+    std::optional<std::map<std::string, RuleListing>> listChains(
+        const std::vector<std::string>& chains) const;
 
     /// Whether the machine lacks the family altogether: there is no such program, or the kernel has
     /// no such table. IPv4 is never absent: without it nothing filters, which is an error.

@@ -77,3 +77,46 @@ complains 'the kernel did not get all rules of the profile; the old rules are in
 step 'that is true' same_listing lines
 answers 0 reload
 step 'nothing is lost the next time' same_listing lines
+
+# A batch changes one family after the other, and may be killed in between.
+answers 0 apply-mode batch
+answers 0 enable
+keep_listing enabled
+cp -- "$kSettings" /tmp/settings
+# The run of the library waits.
+mv -- /tmp/wrapped/ip6tables-restore /tmp/wrapped/multi
+cat >/tmp/wrapped/ip6tables-restore <<END
+#!/bin/sh
+case "\$*" in
+*--verbose*)
+    if [ -e $kPauseAt ]; then
+        rm $kPauseAt
+        echo "\$PPID" >>$kCommands
+        echo >$kPaused
+        read -r _ <$kResume
+    fi
+    ;;
+esac
+exec /tmp/wrapped/multi ip6tables-restore "\$@"
+END
+chmod +x /tmp/wrapped/ip6tables-restore
+for change in nothing one_family; do
+    pause_at batch
+    tarnfw reload >"$out/answer" 2>"$out/complaint" &
+    tool=$!
+    await_pause
+    read -r reloading _ < <(tail -n 1 "$kCommands")
+    state='the kernel still has the old rules'
+    if [[ $change == one_family ]]; then
+        XTABLES_LOCKFILE=/tmp/listing.lock iptables -F INPUT_FIREWALL
+        state='the old rules are in force again'
+    fi
+    kill -KILL "$reloading"
+    resume
+    status=0
+    wait "$tool" || status=$?
+    step "batch, $change: it fails" [ "$status" = 1 ]
+    step 'it is said' grep --quiet "was killed; .*; $state\$" "$out/complaint"
+    step 'that is true' same_listing enabled
+    step 'the settings are as before' cmp "$kSettings" /tmp/settings
+done
