@@ -9,6 +9,7 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
+#include <map>
 #include <utility>
 
 #include <boost/algorithm/string/join.hpp>
@@ -73,6 +74,28 @@ void requireUsable(const StoreSnapshot& store) {
     throw Error(ErrorKind::kSystem, "nothing was changed: " + boost::join(texts, ", ") + "; move " +
                                         (texts.size() == 1 ? "it" : "them") + " out of " +
                                         kProfileDir);
+}
+
+struct Stored {
+    std::string path;
+    ino_t inode;
+};
+
+/// 0 for a file that is not there.
+ino_t inodeOf(const std::string& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 ? info.st_ino : 0;
+}
+
+/// The documents of all profiles, by name. A document that is stored anew is another file: the old
+/// one is there until the new one replaces it.
+std::map<std::string, Stored> storedProfiles(const StoreSnapshot& store) {
+    std::map<std::string, Stored> documents;
+    for (const auto& [name, profile] : store.profiles()) {
+        const std::string& path = store.pathOf(name);
+        documents[name] = {path, inodeOf(path)};
+    }
+    return documents;
 }
 
 /// Removes what the library has left of documents that it was writing: under the store's lock, and
@@ -208,6 +231,22 @@ bool StoreSession::changeMany(const std::function<bool()>& write) {
                         std::string(kCopyDir));
     }
     return false;
+}
+
+bool StoreSession::changeAllProfiles(const std::function<bool()>& write) {
+    return changeMany([&] {
+        const std::map<std::string, Stored> before = storedProfiles(snapshot_);
+        if (!write()) {
+            return false;
+        }
+        for (const auto& [name, stored] : before) {
+            if (inodeOf(stored.path) == stored.inode) {
+                throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) +
+                                                    " could not be read; nothing was changed");
+            }
+        }
+        return true;
+    });
 }
 
 bool StoreSession::deleteProfile(const std::string& name) {

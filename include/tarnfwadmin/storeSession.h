@@ -103,6 +103,12 @@ public:
     /// restored, and Error, kSystem, says if that fails.
     bool changeMany(const std::function<bool()>& write);
 
+    /// changeMany() for an operation of the library that stores every profile anew. The library
+    /// skips a profile that it cannot read at the moment, for want of a descriptor or after an
+    /// error of the disk, and reports success: then all documents are restored, and Error, kSystem,
+    /// names the profile.
+    bool changeAllProfiles(const std::function<bool()>& write);
+
     /// Deletes a profile's file. False if it is still there.
     bool deleteProfile(const std::string& name);
 

@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "store_testing.h"
+#include "tarnfirewall/tarnFW.h"
 #include "tarnfirewall/utils.h"
 #include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/fileLock.h"
@@ -133,6 +134,46 @@ TEST_F(StoreSessionTest, FindsWhatAnInterruptedOperationOfTheLibraryHasLeft) {
     writeFile(kSettingsFile, R"({"profile": "casa", "status": true})");
     EXPECT_THAT(found(), ElementsAre("error: the settings name the profile \"casa\", which does "
                                      "not exist: no reload works"));
+}
+
+/// Stores some profiles, as the library does when it cannot read the others.
+bool storeOnly(const std::vector<FW::FWPROFILE>& profiles) {
+    for (const FW::FWPROFILE& profile : profiles) {
+        if (!FW::TARNFW_PROFILE().profileSet(profile.name, profile)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+TEST_F(StoreSessionTest, ChangeOfAllProfilesThatSkipsOneIsUndone) {
+    for (const bool held : {false, true}) {
+        writeFile(kOther, R"({"name": "other"})");
+        const std::string home = contentOf(kHomeFile);
+        const std::string other = contentOf(kOther);
+        {
+            StoreSession session(StoreSession::Access::kChange);
+            const FW::FWPROFILE homeProfile = session.snapshot().profile("home");
+            const FW::FWPROFILE otherProfile = session.snapshot().profile("other");
+            if (held) {
+                session.holdChange();
+            }
+            expectError(
+                ErrorKind::kSystem, "profile \"home\" could not be read; nothing was changed",
+                [&] { session.changeAllProfiles([&] { return storeOnly({otherProfile}); }); });
+        }
+        EXPECT_EQ(contentOf(kHomeFile), home);
+        EXPECT_EQ(contentOf(kOther), other);
+        EXPECT_FALSE(fs::exists(std::string(kProfileDir) + ".change"));
+    }
+}
+
+TEST_F(StoreSessionTest, ChangeOfAllProfilesMayStoreThemAsTheyWere) {
+    StoreSession session(StoreSession::Access::kChange);
+    const FW::FWPROFILE home = session.snapshot().profile("home");
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(session.changeAllProfiles([&] { return storeOnly({home}); }));
+    }
 }
 
 TEST_F(StoreSessionTest, RemovesWhatTheLibraryCouldNotRename) {

@@ -67,7 +67,8 @@ std::vector<std::string> changedSince(const StoreSnapshot& store, const Profiles
 template <typename Change>
 void changeAll(Context& context, const std::string& done, const ReloadOptions& reload,
                const Profiles& before, Change change) {
-    if (!context.session().changeMany([&] { return runWhole("Changing the profiles", change); })) {
+    if (!context.session().changeAllProfiles(
+            [&] { return runWhole("Changing the profiles", change); })) {
         throw Error(ErrorKind::kSystem, "not every profile could be written; nothing was changed");
     }
     const std::vector<std::string> changed = changedSince(context.store(), before);
