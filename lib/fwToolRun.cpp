@@ -1,10 +1,15 @@
 #include "fwToolRun.h"
 
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +17,7 @@
 #include <chrono>
 #include <climits>
 #include <cstdio>
+#include <fstream>
 #include <system_error>
 #include <utility>
 
@@ -25,6 +31,10 @@ constexpr char kOwnLockFile[] = "XTABLES_LOCKFILE=/proc/self/fd/1";
 
 constexpr int kOutputPauseMilliseconds = 1;
 constexpr std::chrono::minutes kOutputLimit{5};
+
+// A program that waits for input at so many looks in a row has done all that it was sent.
+constexpr std::chrono::milliseconds kLookPause{500};
+constexpr int kIdleLooks = 2;
 
 void check(int error) {
     if (error != 0) {
@@ -132,6 +142,11 @@ void ToolRun::feed(const std::string& text) {
         const ssize_t count =
             send(input_.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
         if (count < 0 && errno != EINTR) {
+            feedError_ = errno;
+            if (feedError_ != EPIPE && feedError_ != ECONNRESET) {  // it has not ended
+                kill();
+            }
+            endInput();
             return;
         }
         sent += count > 0 ? static_cast<std::size_t>(count) : 0;
@@ -150,10 +165,20 @@ bool ToolRun::awaitOutput(const std::string& line) {
     // when the program ends, which ends the pause.
     pollfd input = {input_.get(), 0, 0};
     const Clock::time_point end = Clock::now() + kOutputLimit;
+    Clock::time_point nextLook = Clock::now() + kLookPause;
+    int idle = 0;
     while (input_ && !isPrinted()) {
         const int ended = poll(&input, 1, kOutputPauseMilliseconds);
         if (ended > 0 || (ended < 0 && errno != EINTR) || Clock::now() > end) {
             return isPrinted();
+        }
+        // A program that could not write the line reads on, and would wait for ever.
+        if (Clock::now() > nextLook) {
+            idle = waitsForInput() ? idle + 1 : 0;
+            if (idle == kIdleLooks) {
+                return isPrinted();
+            }
+            nextLook = Clock::now() + kLookPause;
         }
     }
     return static_cast<bool>(input_);
@@ -187,6 +212,10 @@ ToolResult ToolRun::finish() {
     result.status = wait();
     result.output = contentOf(output_);
     result.errors = contentOf(errors_);
+    if (wasKilled_) {
+        result.status = kSignalExitBase + SIGKILL;  // also where the status is lost
+        result.errors += "cannot send it its input: " + std::generic_category().message(feedError_);
+    }
     return result;
 }
 
@@ -207,6 +236,31 @@ void ToolRun::start(const std::vector<std::string>& arguments, int input) {
     program.output = output_.get();
     program.errors = errors_.get();
     check(startProgram(program, pid_));
+}
+
+/// Kills the program, unless it is another one's by now: a process that ignores SIGCHLD does not
+/// keep the numbers of its children.
+void ToolRun::kill() {
+    siginfo_t info{};
+    if (pid_ > 0 &&
+        waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0) {
+        (void)::kill(pid_, SIGKILL);
+    }
+    wasKilled_ = true;
+}
+
+/// Whether the program has read all of its input and waits for more. False where the kernel does
+/// not say what it waits for.
+bool ToolRun::waitsForInput() const {
+    int unread = 0;
+    if (!input_ || ioctl(input_.get(), SIOCOUTQ, &unread) != 0 || unread != 0) {
+        return false;
+    }
+    // "0 0x0 ...": the number of the system call and its first argument, the descriptor.
+    std::ifstream file("/proc/" + std::to_string(pid_) + "/syscall");
+    std::string call;
+    std::string descriptor;
+    return file >> call >> descriptor && call == std::to_string(SYS_read) && descriptor == "0x0";
 }
 
 std::optional<int> ToolRun::wait() {

@@ -45,11 +45,14 @@ public:
     bool isMissing() const;
 
     /// Sends a piece of input. Does not wait for the program if the system lets the caller buffer
-    /// that much. Does nothing when the program has ended, which its result shows.
+    /// that much. Does nothing when the program has ended, which its result shows. If sending
+    /// fails, kills the program, which must not take the part that it got for the whole; finish()
+    /// then says why.
     void feed(const std::string& text);
 
-    /// Waits until the program has printed `line`. Returns false when it ends without that, and
-    /// after five minutes: the largest rulesets take seconds.
+    /// Waits until the program has printed `line`. Returns false when it ends or waits for further
+    /// input without that, when it was killed, and after five minutes: the largest rulesets take
+    /// seconds.
     bool awaitOutput(const std::string& line);
 
     /// Ends the input.
@@ -62,9 +65,13 @@ public:
 private:
     void start(const std::vector<std::string>& arguments, int input);
     std::optional<int> wait();
+    void kill();
+    bool waitsForInput() const;
 
     pid_t pid_ = -1;
     int startError_ = 0;
+    int feedError_ = 0;
+    bool wasKilled_ = false;
     Descriptor input_;
     Descriptor output_;
     Descriptor errors_;

@@ -5,10 +5,12 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <optional>
@@ -187,6 +189,56 @@ TEST(ToolRunTest, AwaitingTellsThatTheProgramHasEnded) {
     EXPECT_FALSE(run.awaitOutput("done\n"));
     run.feed("more\n");  // no signal for the caller
     EXPECT_EQ(run.finish().status, 2);
+}
+
+/// Makes sending fail: puts /dev/null in the place of the socket, which stays open under another
+/// number. Returns that.
+int breakInput() {
+    for (int fd = 3; fd < 100; ++fd) {
+        struct stat info {};
+        if (fstat(fd, &info) == 0 && S_ISSOCK(info.st_mode)) {
+            const int kept = fcntl(fd, F_DUPFD_CLOEXEC, 100);
+            const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+            EXPECT_EQ(dup3(null, fd, O_CLOEXEC), fd);
+            close(null);
+            return kept;
+        }
+    }
+    return -1;
+}
+
+TEST(ToolRunTest, ProgramWhoseInputCannotBeSentIsKilled) {
+    ToolRun run(shell("read -r line; echo \"$line\"; cat; : >/tmp/took_it_for_the_end; exit 0"));
+    run.feed("first\n");
+    ASSERT_TRUE(run.awaitOutput("first\n"));
+    const int kept = breakInput();
+    ASSERT_GE(kept, 0);
+    const auto begin = std::chrono::steady_clock::now();
+    run.feed("second\n");
+    EXPECT_FALSE(run.awaitOutput("second\n"));
+    const ToolResult result = run.finish();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    EXPECT_EQ(result.status, 128 + SIGKILL);
+    EXPECT_EQ(result.errors, "cannot send it its input: Socket operation on non-socket");
+    EXPECT_NE(access("/tmp/took_it_for_the_end", F_OK), 0);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    close(kept);
+}
+
+TEST(ToolRunTest, AwaitingNoticesThatTheProgramWaitsForFurtherInput) {
+    ToolRun run({"/bin/sed", "--quiet", "d"});
+    run.feed("line\n");
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_FALSE(run.awaitOutput("line\n"));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+    EXPECT_EQ(run.finish().status, 0);
+}
+
+TEST(ToolRunTest, AwaitingGoesOnWhileTheProgramWorks) {
+    ToolRun run(shell("read -r line; sleep 3; echo done; cat"));
+    run.feed("line\n");
+    EXPECT_TRUE(run.awaitOutput("done\n"));
+    EXPECT_EQ(run.finish().status, 0);
 }
 
 TEST(ToolRunTest, AbandonedRunGetsTheEndOfItsInputAndIsWaitedFor) {
