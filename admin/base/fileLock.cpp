@@ -2,12 +2,16 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <sstream>
 #include <thread>
 
 #include <boost/algorithm/string/predicate.hpp>
@@ -129,11 +133,34 @@ bool isLocked(const std::string& path) {
     return file && fcntl(file.get(), F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
 }
 
-void awaitUnlocked(const std::string& path, LockTime& time) {
+bool isFlocked(const std::string& path) {
+    struct stat file {};
+    if (stat(path.c_str(), &file) != 0) {
+        return false;
+    }
+    std::array<char, 64> wanted{};
+    (void)std::snprintf(wanted.data(), wanted.size(), "%02x:%02x:%llu", major(file.st_dev),
+                        minor(file.st_dev), static_cast<unsigned long long>(file.st_ino));
+    std::ifstream lines("/proc/locks");
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);  // "1: FLOCK ADVISORY WRITE 123 00:1a:456 0 EOF"
+        std::string word;
+        std::string kind;
+        std::string place;
+        words >> word >> kind >> word >> word >> word >> place;
+        if (kind == "FLOCK" && place == wanted.data()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void awaitUnlocked(const std::string& path, LockTime& time,
+                   bool (*isHeld)(const std::string& path)) {
     bool locked = true;
     time.spend([&] {
         const auto end = Clock::now() + time.left();
-        while ((locked = isLocked(path)) && Clock::now() < end) {
+        while ((locked = isHeld(path)) && Clock::now() < end) {
             std::this_thread::sleep_for(kPause);
         }
     });

@@ -121,9 +121,9 @@ void requireKernelTakes(const FW::FWPROFILE& profile, FW::TARNFW_IPTABLES_RULES&
 
 // ---- After a reload ----
 
-/// Throws Error when the rules are not those of the active profile, whose translation is `commands`:
-/// the library does not see that the interfaces cannot be listed, nor that one of its commands was
-/// killed.
+/// Throws Error when the rules are not those of the active profile, whose translation is
+/// `commands`: the library does not see that the interfaces cannot be listed, nor that one of its
+/// commands was killed.
 void requireInForce(const SavedRules& rules, const Json::Value& commands) {
     requireInterfaces();
     // The profile or the interfaces may have changed since the translation.
@@ -184,9 +184,16 @@ Control::Control(StoreSession& session, Runner run) : session_(session), run_(st
 
 void Control::requireBase() {
     if (!baseSeen_) {
+        awaitXtablesLock(session_.lockTime());
         tarnfw::requireBase();
         baseSeen_ = true;
     }
+}
+
+/// Throws Error, kBusy, when somebody keeps a lock that the operation needs.
+void Control::requireLocks() {
+    session_.requireReload();
+    awaitXtablesLock(session_.lockTime());
 }
 
 void Control::requireApplicable() {
@@ -301,7 +308,7 @@ std::string Control::goBack(const ReloadGuard& guard, bool wasEnabled) {
 
 void Control::enable(Machine& machine, const std::function<void(const FW::FWPROFILE&)>& confirm) {
     requireBase();
-    session_.requireReload();
+    requireLocks();
     const FW::FWPROFILE& profile = session_.snapshot().profile("");
     requireValidProfile(profile, machine);
     requireApplicable();
@@ -315,7 +322,7 @@ void Control::enable(Machine& machine, const std::function<void(const FW::FWPROF
 }
 
 void Control::disable() {
-    session_.requireReload();
+    requireLocks();
     const auto switchOff = [this] {
         try {
             return run_("Switching the firewall off", disableLocked);
@@ -341,7 +348,7 @@ bool Control::apply() {
     if (!batch) {
         requireBase();
     }
-    session_.requireReload();
+    requireLocks();
     try {
         if (batch) {
             // The library changes nothing when it cannot read or translate the profile, and the

@@ -2,12 +2,14 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <future>
 #include <iterator>
+#include <memory>
 #include <sstream>
 #include <utility>
 
@@ -21,6 +23,9 @@ namespace {
 
 // Other programs change the packet filter as well, at boot most of all.
 constexpr char kLockSeconds[] = "30";
+
+// The lock of the legacy variant.
+constexpr char kXtablesLock[] = "/run/xtables.lock";
 
 // A machine may have no IPv6.
 constexpr char kOptionalFamily[] = "v6";
@@ -209,6 +214,15 @@ ProgramAnswer PacketFilter::runTool(const std::string& program,
     std::vector<std::string> words = {program, "-w", kLockSeconds};
     words.insert(words.end(), arguments.begin(), arguments.end());
     return runProgram(words, input, [this] { return enter(); });
+}
+
+void awaitXtablesLock(LockTime& time) {
+    // Both variants are one program under many names: "xtables-nft-multi", which takes no lock.
+    const std::unique_ptr<char, decltype(&free)> file(realpath(programOf("v4").c_str(), nullptr),
+                                                      &free);
+    if (file && std::string(file.get()).find("nft") == std::string::npos) {
+        awaitUnlocked(kXtablesLock, time, isFlocked);
+    }
 }
 
 bool hasProgram(const std::string& family) {

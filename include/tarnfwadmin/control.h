@@ -79,6 +79,7 @@ public:
     bool apply();
 
 private:
+    void requireLocks();
     void runGuarded(const std::string& failed, bool (*operation)());
     std::string goBack(const ReloadGuard& guard, bool wasEnabled);
 

@@ -56,10 +56,16 @@ private:
 /// Whether another open file has a lock of this file. False for a missing one.
 bool isLocked(const std::string& path);
 
+/// The same for a lock of flock(2), which is one of another sort. It is not tried but read from
+/// "/proc/locks": others may be there who do not wait for it.
+bool isFlocked(const std::string& path);
+
 /// Waits for what is left of `time` until nobody holds a lock of the file, and does not take it:
 /// for a lock that an operation of the library takes, which would wait for each of its locks as
-/// long. A missing file has no lock. Throws Error, kBusy, as throwLocked().
-void awaitUnlocked(const std::string& path, LockTime& time);
+/// long. `isHeld` looks at the lock. A missing file has no lock. Throws Error, kBusy, as
+/// throwLocked().
+void awaitUnlocked(const std::string& path, LockTime& time,
+                   bool (*isHeld)(const std::string& path) = isLocked);
 
 /// Throws Error, kBusy, which names the file and, where it can be found, the process that holds its
 /// lock: "/run/tarn/store.lock is locked by process 123 (tarnfw), which is stopped".

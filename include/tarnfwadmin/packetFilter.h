@@ -8,6 +8,7 @@
 
 #include "tarnfirewall/fwExport.h"
 
+#include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/program.h"
 
 namespace TARNFW_EXPORT_ALL tarnfw {
@@ -86,6 +87,11 @@ class MachineKernel : public PacketFilter {
 private:
     bool enter() const override { return true; }
 };
+
+/// Waits for what is left of `time` until nobody holds the lock that the legacy variant of iptables
+/// takes: a task that runs iptables several times would wait for it each time. Throws Error, kBusy,
+/// as throwLocked().
+void awaitXtablesLock(LockTime& time);
 
 /// Whether the family has a program. That of IPv4 always counts as there: see isAbsent().
 bool hasProgram(const std::string& family);

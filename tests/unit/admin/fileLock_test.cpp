@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,9 +39,9 @@ protected:
     }
 
     /// The message of awaitUnlocked(); empty when nobody held the lock.
-    std::string waited(LockTime& time) const {
+    std::string waited(LockTime& time, bool (*isHeld)(const std::string& path) = isLocked) const {
         try {
-            awaitUnlocked(path_, time);
+            awaitUnlocked(path_, time, isHeld);
         } catch (const Error& busy) {
             EXPECT_EQ(busy.kind(), ErrorKind::kBusy);
             return busy.what();
@@ -127,6 +128,21 @@ TEST_F(FileLockTest, WaitsNoLongerThanTheTimeOfTheTaskAllTogether) {
     EXPECT_NE(waited(time), "");
     EXPECT_FALSE(FileLock(path_, time).held());
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+}
+
+TEST_F(FileLockTest, SeesALockOfFlock) {
+    EXPECT_FALSE(isFlocked(path_));
+    const Holder holder(
+        [&] { return flock(open(path_.c_str(), O_RDWR | O_CREAT, 0600), LOCK_EX) == 0; });
+    holder.stop();
+    EXPECT_TRUE(isFlocked(path_));
+    EXPECT_FALSE(isLocked(path_));
+    LockTime time(std::chrono::milliseconds(1));
+    EXPECT_EQ(waited(time, isFlocked),
+              path_ + " is locked by " + holder.text() + ", which is stopped");
+    EXPECT_EQ(waited(time), "");
+    const FileLock another(path_ + "2", 0);
+    EXPECT_FALSE(isFlocked(path_ + "2"));
 }
 
 TEST_F(FileLockTest, DoesNotWaitForALockThatNobodyHolds) {
