@@ -2,6 +2,7 @@
 // it.
 #include "check/shadowCheck.h"
 
+#include <algorithm>
 #include <ostream>
 #include <string>
 
@@ -36,19 +37,29 @@ protected:
         }
         return {"home.json: " + later + ": warning: never takes effect: shadowed by " + first};
     }
+    /// The findings about shadows; a prefix of 0 has one of its own besides.
+    static std::vector<std::string> shadowsOf(const Json::Value& document) {
+        std::vector<std::string> lines = linesOf(document);
+        lines.erase(std::remove_if(lines.begin(), lines.end(),
+                                   [](const std::string& line) {
+                                       return line.find("6in4 tunnel") != std::string::npos;
+                                   }),
+                    lines.end());
+        return lines;
+    }
     static Json::Value first() { return rule(GetParam().first); }
     static Json::Value later() { return rule(GetParam().later); }
 };
 
 TEST_P(ShadowTest, WithinOneList) {
-    EXPECT_THAT(linesOf(profile({first(), later()})),
+    EXPECT_THAT(shadowsOf(profile({first(), later()})),
                 ElementsAreArray(expected("rule 1 of global", "rule 2 of global")));
 }
 
 TEST_P(ShadowTest, ByGlobal) {
     Json::Value document = profile({first()});
     document["rules"]["wlan0"].append(later());
-    EXPECT_THAT(linesOf(document),
+    EXPECT_THAT(shadowsOf(document),
                 ElementsAreArray(expected("rule 1 of global", "rule 1 of wlan0")));
 }
 
