@@ -8,6 +8,7 @@
 
 #include <json/json.h>
 
+#include <cstddef>
 #include <string>
 
 #include "tarnfirewall/fwExport.h"
@@ -26,6 +27,12 @@ TARNFW_EXPORT std::string getLockFile(const std::string& path);
 /// in time, and invalid JSON; in the last case `value` has what the parser read.
 /// Raises boost::interprocess::interprocess_exception when the lock file cannot be opened.
 TARNFW_EXPORT bool jsonFileLoad(Json::Value& value, const std::string& path);
+
+/// Lets jsonFileLoad() and jsonFileDump() of this process open regular files alone, and read none
+/// of more than `bytes`: for a program that has to go on when a pipe or a device lies among the
+/// documents, on which they may otherwise wait for ever. Such a file counts as one that cannot be
+/// opened. 0, as at the start, for no limit.
+TARNFW_EXPORT void jsonFileLimit(std::size_t bytes);
 
 /// Replaces the document `path` with `value`, written to `path` + ".tmp" and renamed into place.
 /// Both the document and its name are flushed to the disk. It keeps owner and mode of the file that

@@ -237,6 +237,31 @@ TEST_F(UtilsTest, LoadOfADanglingLinkIsThatOfAMissingFile) {
     EXPECT_THAT(log(), ElementsAre("err utils: File " + kData + " does not exist"));
 }
 
+TEST_F(UtilsTest, LoadAndDumpWithALimitDoNotWaitForAPipe) {
+    FW::jsonFileLimit(100);
+    ASSERT_EQ(mkfifo(kData.c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo(kTemporary.c_str(), 0600), 0);
+    Json::Value value;
+    EXPECT_FALSE(FW::jsonFileLoad(value, kData));
+    EXPECT_FALSE(FW::jsonFileDump(object("a", 1), kData));
+    EXPECT_THAT(log(), ElementsAre("err utils: Failed to open json file " + kData,
+                                   "err utils: Failed to open json file " + kTemporary));
+}
+
+TEST_F(UtilsTest, LoadWithALimitReadsNeitherADeviceNorMore) {
+    FW::jsonFileLimit(100);
+    fs::create_symlink("/dev/zero", kData);
+    Json::Value value;
+    EXPECT_FALSE(FW::jsonFileLoad(value, kData));
+    fs::remove(kData);
+    writeFile(kData, "{}" + std::string(99, ' '));
+    EXPECT_FALSE(FW::jsonFileLoad(value, kData));
+    fs::resize_file(kData, 100);
+    EXPECT_TRUE(FW::jsonFileLoad(value, kData));
+    EXPECT_THAT(log(), ElementsAre("err utils: Failed to open json file " + kData,
+                                   "err utils: Failed to open json file " + kData));
+}
+
 TEST_F(UtilsTest, LoadOfAFileThatCannotBeOpenedFails) {
     makeUnopenableFile(kData);
     Json::Value value;
