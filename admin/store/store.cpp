@@ -34,9 +34,6 @@ constexpr ApplyModeRow kApplyModes[] = {
     {ApplyMode::kBatch, FW::FW_APPLY_BATCH},
 };
 
-// Of a document. One of 10,000 rules has some 5 MB.
-constexpr off_t kMostBytes = 64 * 1024 * 1024;
-
 // Of a new profile's name, which is printed in tables and messages.
 constexpr std::size_t kMostNameBytes = 100;
 
@@ -73,7 +70,7 @@ std::string whyUnusable(const std::string& path) {
     if (!S_ISREG(file.st_mode)) {
         return (isLink ? "is a link to " : "is ") + kindOf(file.st_mode);
     }
-    return file.st_size > kMostBytes ? "is larger than 64 MiB" : "";
+    return file.st_size > static_cast<off_t>(kMostDocumentBytes) ? "is larger than 64 MiB" : "";
 }
 
 bool isTestProfile(const std::string& name) {
@@ -109,7 +106,7 @@ const StoreSnapshot::File& StoreSnapshot::fileAt(const std::string& path) const 
             return file;
         }
         try {
-            file.text = readDocument(path, kMostBytes);
+            file.text = readDocument(path, kMostDocumentBytes);
             file.read = true;
             file.whole = parseAsStored(file.text, file.content);
         } catch (const Error&) {
@@ -255,7 +252,7 @@ std::map<std::string, std::string> StoreSnapshot::texts() const {
         if (file.state.isRegular() && file.read) {
             texts[path] = file.text;
         } else if (file.state.isRegular()) {
-            texts[path] = readDocument(path, kMostBytes);  // throws the reason
+            texts[path] = readDocument(path, kMostDocumentBytes);  // throws the reason
         }
     }
     return texts;

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <set>
 #include <vector>
@@ -201,8 +202,9 @@ bool undoByJournal() {
         return true;
     }
     bool done = true;
+    const std::map<std::string, std::string> unusable = StoreSnapshot().unusable();
     for (const std::string& path : documents()) {
-        if (listed->count(path) == 0) {
+        if (listed->count(path) == 0 && unusable.count(path) == 0) {
             done = unlink(path.c_str()) == 0 && done;
         }
     }

@@ -12,7 +12,6 @@
 #include <map>
 #include <utility>
 
-#include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "tarnsdk.h"
@@ -59,21 +58,6 @@ bool isWholeFile(const std::string& path) {
     } catch (const Error&) {
         return false;
     }
-}
-
-/// Throws Error for the files that nobody may open.
-void requireUsable(const StoreSnapshot& store) {
-    const std::map<std::string, std::string> unusable = store.unusable();
-    if (unusable.empty()) {
-        return;
-    }
-    std::vector<std::string> texts;
-    for (const auto& [path, reason] : unusable) {
-        texts.push_back(printable(path).append(" ").append(reason));
-    }
-    throw Error(ErrorKind::kSystem, "nothing was changed: " + boost::join(texts, ", ") + "; move " +
-                                        (texts.size() == 1 ? "it" : "them") + " out of " +
-                                        kProfileDir);
 }
 
 struct Stored {
@@ -147,12 +131,12 @@ ToolLock::ToolLock(const std::string& name, LockTime& time) : lock_(pathInRunDir
 StoreSession::StoreSession(Access access, LockTime time)
     : time_(time),
       lock_(access == Access::kChange ? std::make_unique<ToolLock>(kStoreLock, time_) : nullptr) {
+    FW::jsonFileLimit(kMostDocumentBytes);
     if (lock_) {
         undoInterruptedChange();
-        requireUsable(snapshot_);
-        return;
+    } else {
+        undoIfPossible();
     }
-    undoIfPossible();
     for (const auto& [path, reason] : snapshot_.unusable()) {
         notes_.push_back(printable(path).append(" ").append(reason).append(": skipped"));
     }
@@ -162,7 +146,6 @@ StoreSession::~StoreSession() = default;
 
 void StoreSession::requireLibrary() {
     const StoreSnapshot now;  // lists the files, and reads none
-    requireUsable(now);
     for (const std::string& path : now.documentPaths()) {
         awaitUnlocked(FW::getLockFile(path), time_);
     }

@@ -1,6 +1,7 @@
 /// A snapshot of the profiles and settings in the store.
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <optional>
 #include <string>
@@ -20,6 +21,9 @@ inline constexpr char kProfileDir[] = "/usr/tarn/etc/firewall.d/";
 
 /// The settings: the only document of the profile directory that is not a profile.
 inline constexpr char kSettingsFile[] = "/usr/tarn/etc/firewall.d/firewall_settings.json";
+
+/// Of a document that is read. One of 10,000 rules has some 5 MB.
+inline constexpr std::size_t kMostDocumentBytes = 64 * 1024 * 1024;
 
 /// The prefix of the names of test profiles, which a trial creates and removes.
 inline constexpr char kTestPrefix[] = ".test_";
@@ -93,8 +97,8 @@ public:
     std::string unreadableText() const;
 
     /// The files among these that are never opened: what is no regular file, nor a link to one, and
-    /// what is larger than 64 MiB. Their paths, with the reason: "is a named pipe". The library
-    /// opens them and may wait for ever.
+    /// what is larger than 64 MiB. Their paths, with the reason: "is a named pipe". In a
+    /// StoreSession the library opens them neither.
     std::map<std::string, std::string> unusable() const;
 
     // ---- Profiles ----

@@ -66,9 +66,9 @@ public:
     /// truncated; the damaged file is kept beside its document with ".damaged" after its name. With
     /// kRead, undoes an interrupted change of many documents as well; where the lock for it is not
     /// free within 2 s, or the rights are missing, a note says so. Throws Error: kBusy without the
-    /// lock, kSystem where an interrupted change cannot be undone, and with kChange for a file that
-    /// StoreSnapshot::unusable() lists, which with kRead is a note. `time` is what the session may
-    /// wait for locks, see lockTime().
+    /// lock, kSystem where an interrupted change cannot be undone. A file that
+    /// StoreSnapshot::unusable() lists is a note. `time` is what the session may wait for locks,
+    /// see lockTime().
     explicit StoreSession(Access access, LockTime time = LockTime());
     StoreSession(const StoreSession&) = delete;
     StoreSession& operator=(const StoreSession&) = delete;
@@ -80,9 +80,8 @@ public:
     LockTime& lockTime() { return time_; }
 
     /// To be called before an operation of the library that reads documents, outside a change:
-    /// throws Error, kSystem, for a file on which the library may wait for ever, and kBusy, which
-    /// names the holder, when another process keeps the lock of a document for longer than
-    /// lockTime().
+    /// throws Error, kBusy, which names the holder, when another process keeps the lock of a
+    /// document for longer than lockTime().
     void requireLibrary();
 
     /// The same for an operation that takes the lock of a reload as well.

@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# What is no document among the profiles stops no command: commands that read name it and go on without it,
-# commands that write refuse at once and say what to do. The rules in force stay.
+# What is no document among the profiles stops no command: each names it and goes on without it, and it stays
+# where it is.
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 
 # shellcheck source=tests/kernel/answers.sh
@@ -33,14 +33,15 @@ hostile() {
             "$out/complaint"
     done
     for words in 'rule add allow tcp 80 --adapter eth0' 'policy eth0 allow' 'profile create new' \
-        'profile rename home casa' 'profile delete default' 'apply-mode batch' 'service release ssh' \
-        'import --yes /tmp/all.json' reload 'enable --yes'; do
+        'profile rename home casa' 'profile delete default' 'apply-mode batch' \
+        'service reserve ssh allow --adapter eth0' 'service release ssh' reload disable 'enable --yes' \
+        'import --yes /tmp/all.json' 'profile use home --reload --yes'; do
         # shellcheck disable=SC2086  # words
-        answers 1 $words
-        step 'refused' grep --quiet \
-            "^tarnfw: .*$kProfileDirectory/aa.json $reason; move it out of $kProfileDirectory/" \
+        answers 0 $words
+        step 'named' grep --quiet "^tarnfw: $kProfileDirectory/aa.json $reason: skipped$" \
             "$out/complaint"
     done
+    step 'it is still there' [ -e "$kProfileDirectory/aa.json" -o -L "$kProfileDirectory/aa.json" ]
     answers 0 base up
     step 'the rules are those of before' same_listing enabled
     rm -r -- "$kProfileDirectory"
