@@ -61,7 +61,7 @@ std::vector<std::string> familiesRefused(const ScratchKernel& kernel, const Json
         }
         const std::string text = FW::FW_BATCH().restoreText(commands, family);
         if ((text.empty() || kernel.restore(family, text).status != 0) &&
-            !MachineKernel().isAbsent(family)) {
+            !kernel.isAbsent(family)) {
             refused.emplace_back(family);
         }
     }

@@ -93,14 +93,14 @@ Finding refused(const TracedLine& line, const std::string& words) {
 /// not have. Returns how many there are.
 std::size_t loadIntoKernel(const Json::Value& document, std::vector<Finding>& findings) {
     std::vector<TracedLine> lines = linesOf(document, findings);
-    const std::vector<std::string> families = MachineKernel().families();
+    const ScratchKernel kernel;
+    const std::vector<std::string> families = kernel.families();
     lines.erase(std::remove_if(lines.begin(), lines.end(),
                                [&](const TracedLine& line) {
                                    return std::find(families.begin(), families.end(),
                                                     line.family) == families.end();
                                }),
                 lines.end());
-    const ScratchKernel kernel;
     Progress progress("Loading lines", lines.size());
     for (const TracedLine& line : lines) {
         const std::string words = kernel.load(line);
