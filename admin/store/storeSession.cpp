@@ -242,7 +242,29 @@ bool StoreSession::deleteProfile(const std::string& name) {
 
 void StoreSession::storeProfile(const FW::FWPROFILE& profile) {
     (void)snapshot_.requireProfiles();
-    if (!change([&] { return FW::TARNFW_PROFILE().profileSet(profile.name, profile); })) {
+    Stored before{"", 0};
+    if (snapshot_.hasProfile(profile.name)) {
+        const std::string& path = snapshot_.pathOf(profile.name);
+        before = {path, inodeOf(path)};
+    }
+    const auto write = [&] { return FW::TARNFW_PROFILE().profileSet(profile.name, profile); };
+    // The library writes a second document when it cannot read the one that is there.
+    const auto wasMissed = [&] {
+        return before.inode != 0 && inodeOf(before.path) == before.inode;
+    };
+    bool written = false;
+    if (holds_) {
+        written = changeHeld(write);
+    } else {
+        StoreTransaction transaction(*this, StoreTransaction::Extent::kOneDocument);
+        written = write();
+        if (wasMissed()) {
+            (void)transaction.undo();
+        } else {
+            transaction.finish();
+        }
+    }
+    if (!written || wasMissed()) {
         throw Error(ErrorKind::kSystem, "profile " + inQuotes(profile.name) + " cannot be written");
     }
 }
