@@ -25,6 +25,7 @@
 #include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/bootRules.h"
+#include "tarnfwadmin/documentFile.h"
 
 namespace tarnfw {
 namespace {
@@ -36,6 +37,8 @@ constexpr char kRecordFile[] = "/run/tarn/base_filter.json";
 constexpr char kPoliciesKey[] = "policies";
 constexpr char kAcceptPolicy[] = "ACCEPT";
 constexpr char kDropPolicy[] = "DROP";
+
+constexpr mode_t kRecordMode = 0600;
 
 // Serialises "base up" and "base down".
 constexpr char kLockName[] = "base_filter.lock";
@@ -55,9 +58,7 @@ Json::Value recordLoad() {
 }
 
 void recordStore(const Json::Value& record) {
-    if (!FW::jsonFileDump(record, kRecordFile)) {
-        throw Error(ErrorKind::kSystem, std::string("cannot write ") + kRecordFile);
-    }
+    writeFileAtomically(kRecordFile, documentText(record), kRecordMode, Existing::kReplaced);
 }
 
 void addToRecord(Json::Value& family, const BaseParts& parts) {
