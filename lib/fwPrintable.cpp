@@ -27,17 +27,17 @@ bool isObeyed(char32_t character) {
 
 /// One form of a character in UTF-8. The smallest character excludes longer forms than needed.
 struct Form {
-    unsigned char mask;
-    unsigned char lead;
     std::size_t bytes;
     char32_t smallest;
+    unsigned char mask;
+    unsigned char lead;
 };
 
 constexpr Form kForms[] = {
-    {0x80, 0x00, 1, 0x00},
-    {0xe0, 0xc0, 2, 0x80},
-    {0xf0, 0xe0, 3, 0x800},
-    {0xf8, 0xf0, 4, 0x10000},
+    {1, 0x00, 0x80, 0x00},
+    {2, 0x80, 0xe0, 0xc0},
+    {3, 0x800, 0xf0, 0xe0},
+    {4, 0x10000, 0xf8, 0xf0},
 };
 
 constexpr char32_t kLargest = 0x10ffff;

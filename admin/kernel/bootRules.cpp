@@ -189,6 +189,7 @@ std::string protectMachine() {
         throw Error(ErrorKind::kSystem, failure);
     }
     std::vector<std::string> texts;
+    texts.reserve(titles.size());
     for (const auto& [inForce, families] : titles) {
         texts.push_back(boost::join(families, " and ") + ": " + inForce);
     }

@@ -338,8 +338,9 @@ void ReloadGuard::settle(const Listings& now) const {
         const auto old = before.find(family);
         if (old != before.end()) {
             for (const auto& [chain, policy] : old->second.policies) {
-                lines +=
-                    listing.hasPolicy(chain, policy) ? "" : ":" + chain + " " + policy + " [0:0]\n";
+                if (!listing.hasPolicy(chain, policy)) {
+                    lines.append(":").append(chain).append(" ").append(policy).append(" [0:0]\n");
+                }
             }
         }
         commit(family, lines);

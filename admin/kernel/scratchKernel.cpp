@@ -122,10 +122,10 @@ bool ScratchKernel::enter() const {
 void ScratchKernel::setUpBase() const {
     std::string text = "*filter\n";
     for (const std::string& chain : wholeBase().chains) {
-        text += ":" + chain + " - [0:0]\n";
+        text.append(":").append(chain).append(" - [0:0]\n");
     }
     for (const auto& [chain, target] : wholeBase().jumps) {
-        text += "-A " + chain + " -j " + target + "\n";
+        text.append("-A ").append(chain).append(" -j ").append(target).append("\n");
     }
     text += "COMMIT\n";
     for (const char* const family : kFamilies) {

@@ -180,8 +180,8 @@ std::vector<std::string> filesIn(const std::string& directory, const std::string
         entry.increment(error);
     }
     if (error && error != std::errc::no_such_file_or_directory) {
-        throw Error(ErrorKind::kSystem,
-                    "cannot read the directory " + printable(directory) + ": " + error.message());
+        throw Error(ErrorKind::kSystem, "cannot read the directory " + printable(directory) + ": " +
+                                            std::strerror(error.value()));
     }
     std::sort(paths.begin(), paths.end());
     return paths;
