@@ -179,7 +179,7 @@ std::vector<std::string> filesIn(const std::string& directory, const std::string
         }
         entry.increment(error);
     }
-    if (error && error != std::errc::no_such_file_or_directory) {
+    if (error && error.value() != ENOENT) {
         throw Error(ErrorKind::kSystem, "cannot read the directory " + printable(directory) + ": " +
                                             std::strerror(error.value()));
     }
