@@ -113,17 +113,6 @@ SavedRules opened(const SavedRules& rules) {
     return SavedRules(std::move(families));
 }
 
-/// The same rules without any in FIREWALL_RELOADING.
-SavedRules withoutReloading(const SavedRules& rules) {
-    std::map<std::string, FamilyRules> families = rules.families();
-    for (auto& [unused, own] : families) {
-        if (own.has(kReloadingChain)) {
-            own.chains[kReloadingChain].clear();
-        }
-    }
-    return SavedRules(std::move(families));
-}
-
 std::optional<SavedRules> readableLastGood() {
     try {
         return lastGoodRules();
@@ -303,9 +292,9 @@ void ReloadGuard::read(const Listings& found) {
     if (std::optional<SavedRules> known = beforeKilledReload(found)) {
         before_ = std::move(*known);
     } else if (!closed) {
-        before_ = withoutReloading(now);
+        before_ = now.withoutReloading();
     } else if (const std::optional<SavedRules> good = readableLastGood()) {
-        before_ = opened(withoutReloading(*good));
+        before_ = opened(good->withoutReloading());
     } else {
         before_ = now;
         leftClosed_ = true;
@@ -314,7 +303,7 @@ void ReloadGuard::read(const Listings& found) {
 
 const SavedRules& ReloadGuard::before() const {
     if (!before_) {
-        before_ = withoutReloading(saves_->rules());
+        before_ = saves_->rules().withoutReloading();
     }
     return *before_;
 }
@@ -323,7 +312,7 @@ SavedRules ReloadGuard::finish() const {
     const auto held = taken(lock_);
     const Listings now = MachineKernel().listFilters();
     settle(now);
-    return withoutReloading(SavedRules::of(now));
+    return SavedRules::of(now).withoutReloading();
 }
 
 /// Empties FIREWALL_RELOADING and puts the policies back.

@@ -149,6 +149,16 @@ SavedRules SavedRules::withoutPolicies() const {
     return copy;
 }
 
+SavedRules SavedRules::withoutReloading() const {
+    SavedRules copy = *this;
+    for (auto& [unused, rules] : copy.families_) {
+        if (rules.has(kReloadingChain)) {
+            rules.chains[kReloadingChain].clear();
+        }
+    }
+    return copy;
+}
+
 std::string SavedRules::restoreText(const std::string& family) const {
     const auto found = families_.find(family);
     return found == families_.end() ? std::string()

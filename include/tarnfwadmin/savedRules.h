@@ -44,6 +44,9 @@ public:
     /// The same with no policies: putting them back leaves the kernel's as they are.
     SavedRules withoutPolicies() const;
 
+    /// The same with FIREWALL_RELOADING empty.
+    SavedRules withoutReloading() const;
+
     /// The text for iptables-restore --noflush or ip6tables-restore --noflush. It replaces the
     /// rules of the chains, which it creates when they are missing, and sets the policies.
     std::string restoreText(const std::string& family) const;

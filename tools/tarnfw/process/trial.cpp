@@ -64,17 +64,6 @@ std::string foreignTarget(const FW::FWRULE& rule) {
 
 // ---- The beginning ------------------------------------------------------------------------------
 
-/// The same rules with FIREWALL_RELOADING empty.
-SavedRules withoutReloading(const SavedRules& rules) {
-    std::map<std::string, FamilyRules> families = rules.families();
-    for (auto& [unused, own] : families) {
-        if (own.has(kReloadingChain)) {
-            own.chains[kReloadingChain].clear();
-        }
-    }
-    return SavedRules(std::move(families));
-}
-
 /// The same chains without rules.
 SavedRules emptied(const SavedRules& rules) {
     std::map<std::string, FamilyRules> families = rules.families();
@@ -125,7 +114,7 @@ SavedRules startingPoint() {
                         "\"tarnfw reload\" opens it");
         }
     }
-    SavedRules before = withoutReloading(now);
+    SavedRules before = now.withoutReloading();
     change(now, before);
     return before;
 }
@@ -168,7 +157,7 @@ bool begin(TrialRecord& record, TrialDocuments& documents) {
             return false;
         }
         const SavedRules now = SavedRules::inKernel();
-        record.tried = withPolicies(withoutReloading(now), record.before);
+        record.tried = withPolicies(now.withoutReloading(), record.before);
         change(now, *record.tried);
         storeTrialRecord(record);
         return true;
