@@ -4,8 +4,6 @@
 #include <cstdio>
 #include <string>
 
-#include "fwPrintable.h"
-
 namespace FW {
 
 void logLine(int priority, const char* source, int line, const char* format, ...) {
@@ -22,13 +20,6 @@ void logLine(int priority, const char* source, int line, const char* format, ...
         std::vsnprintf(&message[0], message.size() + 1, format, args);
     }
     va_end(args);
-    // Names in messages come from documents, and some callers print their log on a terminal. A line
-    // feed at the end is the message's own.
-    const bool hasLineFeed = !message.empty() && message.back() == '\n';
-    makePrintable(message);
-    if (hasLineFeed) {
-        message.back() = '\n';
-    }
     syslog(priority, "%s:%d %s", source, line, message.c_str());
 }
 

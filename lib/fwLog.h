@@ -10,7 +10,8 @@
 namespace FW {
 
 /// Writes "source:line message" at `priority` (LOG_ERR, ...). `format` and what follows are
-/// printf's.
+/// printf's. Names go into the log unchanged: a program that also prints its log on a terminal
+/// makes the lines printable itself.
 void logLine(int priority, const char* source, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 

@@ -184,6 +184,13 @@ TEST_F(CmdExecTest, ProgramThatCannotBeRunIsAFailureThatNamesItsPath) {
     EXPECT_THAT(errors(), ElementsAre("tarnFW: Failed to execute /sbin/iptables"));
 }
 
+// The message has the word itself; what prints it on a terminal sees to that.
+TEST_F(CmdExecTest, PathIsLoggedUnchanged) {
+    platform_.execResult = -1;
+    EXPECT_FALSE(FW::TARNFW().cmdExec("/sbin/a\tb\x1b[31m\xe9\n -F X"));
+    EXPECT_THAT(errors(), ElementsAre("tarnFW: Failed to execute /sbin/a\tb\x1b[31m\xe9\n"));
+}
+
 TEST_F(CmdExecTest, AnyOtherResultIsSuccess) {
     for (const int result : {0, 1, 2, 127, 255, -2}) {
         platform_.execResult = result;
