@@ -129,3 +129,41 @@ refuses 'a trial ends' setpriv --bounding-set -sys_admin \
 step 'why is said' grep --quiet "was not kept: its rules cannot be applied" "$out/complaint"
 rm -- "$kProfileDirectory/broken.json"
 gone_back
+
+# In apply mode "lines" the library does not look whether its commands succeed.
+answers 0 apply-mode lines
+cp -- "$kSettings" /tmp/settings
+wrap_iptables
+mkdir /tmp/unspoilt
+mv /tmp/wrapped/iptables /tmp/unspoilt
+cat >/tmp/wrapped/iptables <<'END'
+#!/bin/sh
+if [ -e /tmp/refuse ]; then
+    case $* in
+    *"$(cat /tmp/refuse)"*)
+        rm /tmp/refuse
+        echo refused >&2
+        exit 1
+        ;;
+    esac
+fi
+exec /tmp/unspoilt/iptables "$@"
+END
+chmod +x /tmp/wrapped/iptables
+for line in '-A INPUT_FIREWALL ' '-F INPUT_FIREWALL'; do
+    printf '%s' "$line" >/tmp/refuse
+    answers 1 try "$new" --timeout 1
+    step "\"$line\" was refused" [ ! -e /tmp/refuse ]
+    step 'why is said' grep --quiet --line-regexp \
+        "tarnfw: profile \"$new\" was not kept: the kernel did not get all of its rules; the previous rules are in force again" \
+        "$out/complaint"
+    gone_back
+
+    in_background "$new" --timeout "$kLong"
+    printf '%s' "$line" >/tmp/refuse
+    answers 1 try --confirm
+    step "\"$line\" was refused" [ ! -e /tmp/refuse ]
+    complains 'was not kept: .*the kernel did not get all rules of the profile'
+    ends 1 'the previous rules are in force again$'
+    gone_back
+done

@@ -7,6 +7,7 @@
 #include <exception>
 #include <map>
 #include <optional>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -20,6 +21,7 @@
 #include "tarnfwadmin/control.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/fileLock.h"
+#include "tarnfwadmin/inForce.h"
 #include "tarnfwadmin/place.h"
 #include "tarnfwadmin/savedRules.h"
 #include "tarnfwadmin/text.h"
@@ -31,6 +33,10 @@ using std::chrono::seconds;
 
 constexpr seconds kAttemptLock{1};  // for each lock that an attempt to go back needs
 constexpr seconds kAdoptLock{20};   // for the locks of a confirmed trial; somebody waits
+
+// Why a trial ends at its beginning.
+constexpr char kNotApplied[] = "its rules cannot be applied";
+constexpr char kIncomplete[] = "the kernel did not get all of its rules";
 
 // What is in force after a trial whose profile was not kept.
 constexpr char kNowPrevious[] = "the previous rules are in force again";
@@ -125,9 +131,8 @@ struct TrialDocuments {
     Json::Value copy;
 };
 
-TrialDocuments createTestProfile(StoreSession& session, const std::string& name) {
-    const FW::FWPROFILE candidate = session.snapshot().profile(name);
-    requireRestorable(candidate);
+TrialDocuments createTestProfile(StoreSession& session, const FW::FWPROFILE& candidate) {
+    const std::string& name = candidate.name;
     if (!session.change([&] { return FW::TARNFW_PROFILE().CreateTestProfile(name, candidate); })) {
         throw Error(ErrorKind::kSystem, "its test profile cannot be stored");
     }
@@ -135,9 +140,30 @@ TrialDocuments createTestProfile(StoreSession& session, const std::string& name)
     return {store.documentOf(name), store.documentOf(testProfileOf(name))};
 }
 
-/// Puts the rules in force. Returns whether that has succeeded. Throws Error while the kernel still
-/// has the rules of before.
-bool begin(TrialRecord& record, TrialDocuments& documents) {
+/// Whether these are the rules of a profile without the line for established connections. False as
+/// well when the interfaces cannot be listed: the library then translates as if there were none.
+bool hasRulesOf(const FW::FWPROFILE& profile, const SavedRules& rules) {
+    FW::TARNFW library;
+    std::set<std::string> interfaces;
+    if (!library.fwAdapterEnum(interfaces)) {
+        return false;
+    }
+    Json::Value commands;
+    if (library.fwRulesToBatchRules(/*acceptEstablished=*/false, profile.rules,
+                                    profile.adapterPolicyMap, commands, "") &&
+        hasTranslation(rules, commands)) {
+        return true;
+    }
+    // Apply mode "lines" has more lines for a tunnel of IPv6, and the kernel may take them.
+    commands = Json::Value();
+    return library.fwRulesToIptablesRules(/*acceptEstablished=*/false, profile.rules,
+                                          profile.adapterPolicyMap, commands) &&
+           hasTranslation(rules, commands);
+}
+
+/// Puts the rules in force. Returns why they are not, or nothing. Throws Error while the kernel
+/// still has the rules of before.
+std::string begin(TrialRecord& record, TrialDocuments& documents) {
     // The store's lock first, as in all commands.
     StoreSession session(StoreSession::Access::kChange);
     const FileLock lock(kReloadLock, session.lockTime());
@@ -149,21 +175,27 @@ bool begin(TrialRecord& record, TrialDocuments& documents) {
     }
     record.active = session.snapshot().activeProfile();
     record.watchdog = getpid();
+    const FW::FWPROFILE candidate = session.snapshot().profile(record.profile);
+    requireRestorable(candidate);
     record.before = startingPoint();
-    documents = createTestProfile(session, record.profile);
+    documents = createTestProfile(session, candidate);
     storeTrialRecord(record);
     try {
         if (!FW::TARNFW().TestApplyingProfile(record.profile)) {
-            return false;
+            return kNotApplied;
         }
         const SavedRules now = SavedRules::inKernel();
+        // In apply mode "lines" the library does not look whether its commands succeed.
+        if (!hasRulesOf(candidate, now)) {
+            return kIncomplete;
+        }
         record.tried = withPolicies(now.withoutReloading(), record.before);
         change(now, *record.tried);
         storeTrialRecord(record);
-        return true;
+        return "";
     } catch (const std::exception& error) {
         syslog(LOG_ERR, "%s", reasonOf(error).c_str());
-        return false;
+        return kNotApplied;
     }
 }
 
@@ -428,15 +460,16 @@ void watchTrial(const Trial& trial, const Channel& terminal, const Channel& list
     record.profile = trial.name;
     TrialDocuments documents;
     try {
-        if (!begin(record, documents)) {
-            watch.end("its rules cannot be applied");
+        const std::string failure = begin(record, documents);
+        if (!failure.empty()) {
+            watch.end(failure);
             (void)persist(watch, [] {
                 if (isDisabled()) {
                     enableAgain();
                 }
                 return "";
             });
-            goBack(watch, record, "its rules cannot be applied");
+            goBack(watch, record, failure);
             return;
         }
     } catch (const std::exception& error) {
