@@ -189,8 +189,9 @@ your terminal keeps answering, the new rules let it in; if it freezes, wait
 until the time is over.
 
 Only one trial runs at a time. Until it ends, commands that would apply other
-rules are refused, and the profile is also stored under a name that begins
-with ".test_". "tarnfw disable" ends a trial at once, without any rules.
+rules are refused, as are "base up" and "base down", and the profile is also
+stored under a name that begins with ".test_". "tarnfw disable" ends a trial
+at once, without any rules.
 "tarnfw status" names a trial that a crash has left; "tarnfw try --cancel" or
 "tarnfw reload" ends it.
 

@@ -222,6 +222,7 @@ bool isEnabled() {
 
 void baseUp() {
     requireRoot();
+    requireNoTrial();
     LockTime time;
     const ToolLock lock(kLockName, time);
     setUpMachine(time, isEnabled());
@@ -229,6 +230,7 @@ void baseUp() {
 
 void baseDown() {
     requireRoot();
+    requireNoTrial();
     LockTime time;
     const ToolLock lock(kLockName, time);
     if (Context(StoreSession::Access::kRead).store().firewallEnabled()) {
