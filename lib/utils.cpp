@@ -31,14 +31,14 @@ constexpr char kFallbackLockDir[] = "/tmp/";
 constexpr mode_t kLockDirMode = 0770;
 constexpr mode_t kLockFileMode = 0600;
 constexpr mode_t kNewFileMode = 0600;
-
-// See jsonFileLimit().
-std::size_t mostBytes = 0;
 constexpr mode_t kPermissions = 0777;
 constexpr std::size_t kPathBytes = 1024;
 constexpr std::size_t kChunkBytes = 16384;
 
 constexpr long kLockMicroseconds = 30 * 1000 * 1000;
+
+// See jsonFileLimit().
+std::size_t mostBytes = 0;
 
 bool pathExists(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
@@ -88,20 +88,17 @@ void createLockFile(const std::string& path) {
     }
 }
 
-/// What to open a document with besides the access.
-int openFlags() {
-    return O_CLOEXEC | (mostBytes > 0 ? O_NONBLOCK | O_NOCTTY : 0);
+/// Whether the limit allows this process to use a file as a document.
+bool isAllowed(const Descriptor& file) {
+    struct stat info {};
+    return mostBytes == 0 || (fstat(file.get(), &info) == 0 && S_ISREG(info.st_mode) &&
+                              static_cast<std::size_t>(info.st_size) <= mostBytes);
 }
 
-Descriptor openToRead(const std::string& path) {
-    Descriptor file(open(path.c_str(), O_RDONLY | openFlags()));
-    struct stat info {};
-    if (mostBytes > 0 && file &&
-        (fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode) ||
-         static_cast<std::size_t>(info.st_size) > mostBytes)) {
-        return Descriptor();
-    }
-    return file;
+Descriptor openDocument(const std::string& path, int flags) {
+    const int doNotWait = mostBytes > 0 ? O_NONBLOCK | O_NOCTTY : 0;
+    Descriptor file(open(path.c_str(), flags | O_CLOEXEC | doNotWait, kNewFileMode));
+    return file && isAllowed(file) ? std::move(file) : Descriptor();
 }
 
 /// Reads the rest of a file. False when it cannot be read, such as a directory, which can be
@@ -119,9 +116,12 @@ bool readAll(const Descriptor& file, std::string& text) {
 
 /// Gives a new file the owner and mode of the one that it will replace, whatever the umask; a file
 /// that replaces nothing is for its owner only. A caller who may not change the owner keeps what it
-/// writes.
+/// writes. A pipe or a device in the place of the new file keeps its own.
 void takeOwnerAndMode(const Descriptor& file, const std::string& replaced) {
     struct stat info {};
+    if (fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+        return;
+    }
     mode_t mode = kNewFileMode;
     if (lstat(replaced.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
         mode = info.st_mode & kPermissions;
@@ -183,7 +183,7 @@ bool jsonFileLoad(Json::Value& value, const std::string& path, std::string& lock
         FW_LOG_ERR("Failed to get lock timeout");
         return false;
     }
-    const Descriptor file = openToRead(path);
+    const Descriptor file = openDocument(path, O_RDONLY);
     if (!file) {
         FW_LOG_ERR("Failed to open json file %s", path.c_str());
         return false;
@@ -214,8 +214,7 @@ bool jsonFileDump(const Json::Value& value, const std::string& path) {
         return false;
     }
     const std::string temporaryPath = path + ".tmp";
-    Descriptor file(
-        open(temporaryPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | openFlags(), kNewFileMode));
+    Descriptor file = openDocument(temporaryPath, O_WRONLY | O_CREAT | O_TRUNC);
     if (!file) {
         FW_LOG_ERR("Failed to open json file %s", temporaryPath.c_str());
         return false;

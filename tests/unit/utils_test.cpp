@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/resource.h>
@@ -246,6 +247,32 @@ TEST_F(UtilsTest, LoadAndDumpWithALimitDoNotWaitForAPipe) {
     EXPECT_FALSE(FW::jsonFileDump(object("a", 1), kData));
     EXPECT_THAT(log(), ElementsAre("err utils: Failed to open json file " + kData,
                                    "err utils: Failed to open json file " + kTemporary));
+}
+
+// Both can be opened at once: somebody reads from the pipe.
+TEST_F(UtilsTest, DumpWithALimitWritesIntoNoPipe) {
+    FW::jsonFileLimit(100);
+    writeFile(kData, "{}");
+    ASSERT_EQ(mkfifo(kTemporary.c_str(), 0644), 0);
+    const int reader = open(kTemporary.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    const bool dumped = FW::jsonFileDump(object("a", 1), kData);
+    close(reader);
+    ASSERT_FALSE(dumped);
+    EXPECT_EQ(readFile(kData), "{}");
+    EXPECT_THAT(log(), ElementsAre("err utils: Failed to open json file " + kTemporary));
+}
+
+TEST_F(UtilsTest, DumpIntoAPipeLeavesItsModeAlone) {
+    writeFile(kData, "{}");
+    ASSERT_EQ(mkfifo(kTemporary.c_str(), 0600), 0);
+    ASSERT_EQ(chmod(kTemporary.c_str(), 0640), 0);
+    const int reader = open(kTemporary.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    EXPECT_TRUE(FW::jsonFileDump(object("a", 1), kData));
+    close(reader);
+    EXPECT_EQ(fs::status(kData).type(), fs::file_type::fifo);
+    EXPECT_EQ(static_cast<unsigned>(fs::status(kData).permissions()), 0640u);
 }
 
 TEST_F(UtilsTest, LoadWithALimitReadsNeitherADeviceNorMore) {
