@@ -173,7 +173,8 @@ int tarnfwadmin_decide(const char* address, const char* port, const char* adapte
             return std::string("the firewall is disabled");
         }
         tarnfw::Machine machine;
-        tarnfw::Decider decider(session.snapshot().profile(""), machine);
+        tarnfw::Decider decider(session.snapshot().profile(""), machine,
+                                session.snapshot().applyMode());
         tarnfw::requireAdapter(interface, tarnfw::adaptersOf(decider.profile()));
         const tarnfw::Decision decision = decider.decide(packet).front();
         const std::string text = decided(decider, decision);

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 #include <boost/lexical_cast/try_lexical_convert.hpp>
@@ -96,6 +97,19 @@ std::optional<AddressRange> rangeFrom(const std::string& first, const std::strin
         return std::nullopt;
     }
     return AddressRange{*low, *high};
+}
+
+bool isEveryIpv4Address(const std::string& text) {
+    const std::size_t slash = text.find('/');
+    const std::optional<Address> address = addressFrom(text.substr(0, slash));
+    if (!address || address->isIpv6() || slash == std::string::npos) {
+        return false;
+    }
+    std::string length = text.substr(slash + 1);
+    for (const char* const start : {"+", "0x"}) {
+        length.erase(0, length.rfind(start, 0) == 0 ? std::strlen(start) : 0);
+    }
+    return !length.empty() && length.find_first_not_of('0') == std::string::npos;
 }
 
 AddressRange wholeFamily(bool ipv6) {

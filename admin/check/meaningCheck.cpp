@@ -85,6 +85,7 @@ private:
     bool requireEntries(const std::vector<std::string>& list, std::size_t needed, const char* what);
     std::optional<Address> address(const std::vector<std::string>& list, std::size_t index);
     void checkFamily(const Address& address);
+    void checkTunnel(const std::string& network);
     void warnIgnored(const char* member, std::size_t first, std::size_t size,
                      const std::string& reason);
 
@@ -179,10 +180,20 @@ void RuleCheck::checkFamily(const Address& address) {
     }
 }
 
+/// Of all IPv4 networks, ip6tables takes this one for an IPv6 network.
+void RuleCheck::checkTunnel(const std::string& network) {
+    if (isEveryIpv4Address(network) && codeOf(rule_, "policy") == FW::FW_POLICY_ALLOW) {
+        warningIfOn("ipList",
+                    "\"/0\" is every address: in apply mode \"lines\" it opens a 6in4 tunnel of "
+                    "the adapter to all of IPv6 as well");
+    }
+}
+
 void RuleCheck::checkSingle(const std::vector<std::string>& list) {
     if (!requireEntries(list, 1, "an address")) {
         return;
     }
+    checkTunnel(list[0]);
     if (const auto found = address(list, 0)) {
         checkFamily(*found);
     }
@@ -198,15 +209,7 @@ void RuleCheck::checkNetwork(const std::vector<std::string>& list) {
     if (found) {
         checkFamily(*found);
         const auto length = prefixLengthFrom(list[1], found->isIpv6());
-        const bool isMask = list[1].find('.') != std::string::npos;
-        if (length == 0 && !isMask && !found->isIpv6() &&
-            codeOf(rule_, "policy") == FW::FW_POLICY_ALLOW) {
-            // Of all IPv4 networks, ip6tables takes this one for an IPv6 network.
-            warningIfOn(
-                "ipList",
-                "\"/0\" is every address: in apply mode \"lines\" it opens a 6in4 tunnel of "
-                "the adapter to all of IPv6 as well");
-        }
+        checkTunnel(list[0] + "/" + list[1]);
         if (!length) {
             error(elementPath("ipList", 1),
                   inQuotes(list[1]) + (found->isIpv6() ? " is not a prefix length (0-128)"

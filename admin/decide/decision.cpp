@@ -1,6 +1,7 @@
 #include "tarnfwadmin/decision.h"
 
 #include <algorithm>
+#include <set>
 
 #include "machine/ruleMatch.h"
 #include "tarnfwadmin/error.h"
@@ -14,6 +15,7 @@ namespace {
 using FW::FWRULE;
 
 constexpr char kInputChain[] = "INPUT_FIREWALL";
+constexpr char kForwardChain[] = "FORWARD_FIREWALL";
 constexpr char kFilterTable[] = "filter";
 constexpr char kLoopback[] = "lo";
 
@@ -23,17 +25,28 @@ bool overlap(const PortSpan& a, const PortSpan& b) {
 
 // ---- Rules ----
 
-/// Whether a rule has a line in the chain for incoming packets.
-bool hasInputLine(const FWRULE& rule, const std::string& adapter) {
+bool has(const std::vector<std::string>& names, const std::string& name) {
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+/// Whether the packet meets a line for this interface and direction.
+bool passes(const Packet& packet, const std::string& adapter, bool incoming) {
+    return incoming ? has(packet.adapters, adapter)
+                    : packet.forwardedTo && has(*packet.forwardedTo, adapter);
+}
+
+/// Whether a rule has a line that the packet meets, for the interfaces of `adapter`.
+bool hasLineFor(const Packet& packet, const FWRULE& rule, const std::string& adapter) {
     // A line of "global" has no interface, whatever the rule's direction.
-    const bool incoming =
-        rule.adapterDirect != FW::FW_ADAPTER_DIRECT_OUT || adapter == FW::FW_ADAPTER_GLOBAL;
-    return hasLine(rule) && incoming && rule.table == kFilterTable &&
-           rule.chainList.count(kInputChain) != 0;
+    return hasLine(rule) && rule.table == kFilterTable &&
+           rule.chainList.count(packet.forwardedTo ? kForwardChain : kInputChain) != 0 &&
+           (adapter == FW::FW_ADAPTER_GLOBAL ||
+            passes(packet, adapter, rule.adapterDirect != FW::FW_ADAPTER_DIRECT_OUT));
 }
 
 bool sameReason(const Decision& a, const Decision& b) {
-    return a.by == b.by && a.place == b.place && a.denied == b.denied && a.unless == b.unless;
+    return a.by == b.by && a.place == b.place && a.denied == b.denied && a.tunnel == b.tunnel &&
+           a.unless == b.unless;
 }
 
 // ---- Undecided ports ----
@@ -122,11 +135,13 @@ private:
     std::vector<Decision> settled_;
 };
 
-Decision decisionBy(DecidedBy by, const RulePlace& place, bool denied) {
+Decision decisionBy(DecidedBy by, const RulePlace& place, bool denied,
+                    const std::string& tunnel = "") {
     Decision decision;
     decision.by = by;
     decision.place = place;
     decision.denied = denied;
+    decision.tunnel = tunnel;
     return decision;
 }
 
@@ -144,8 +159,7 @@ std::optional<DecidedBy> fixedLine(const Packet& packet) {
 /// Whether a packet fits; kPerhaps where it depends on what was not said about the packet.
 enum class Fit { kNo, kPerhaps, kYes };
 
-Fit fitOf(const FWRULE& rule, const Packet& packet, Machine& machine) {
-    const std::optional<AddressMatch> match = addressMatchOf(rule, packet.source.isIpv6(), machine);
+Fit fitOf(const std::optional<AddressMatch>& match, const Packet& packet, Machine& machine) {
     if (!match) {
         return Fit::kNo;
     }
@@ -189,7 +203,26 @@ std::vector<FittingPorts> fittingPorts(const FWRULE& rule, const Packet& packet,
     return fitting;
 }
 
+/// The address after the last of a range; nothing after the last of all.
+std::optional<Address> after(const Address& address) {
+    Address::Bytes bytes = address.bytes();
+    for (std::size_t i = bytes.size(); i > 0; --i) {
+        if (++bytes[i - 1] != 0) {
+            return Address(address.isIpv6(), bytes);
+        }
+    }
+    return std::nullopt;
+}
+
 }  // namespace
+
+/// A list of the profile whose lines a packet meets.
+struct Decider::List {
+    std::string adapter;  // of the list
+    std::string lines;    // of the interface that its lines are for: another one for a tunnel
+
+    bool isRepeated() const { return adapter != lines; }
+};
 
 // ---- Deciding ----
 
@@ -214,42 +247,143 @@ Packet packetFrom(const std::string& address, const std::string& port,
     return packet;
 }
 
-Decider::Decider(FW::FWPROFILE profile, Machine& machine)
-    : profile_(std::move(profile)), machine_(machine) {}
+Decider::Decider(FW::FWPROFILE profile, Machine& machine, ApplyMode mode)
+    : profile_(std::move(profile)), machine_(machine), mode_(mode) {}
+
+std::vector<std::string> Decider::tunnelOwners(const std::string& interface) {
+    std::set<std::string> lists;
+    for (const auto& [adapter, unused] : profile_.rules) {
+        lists.insert(adapter);
+    }
+    for (const auto& [adapter, unused] : profile_.adapterPolicyMap) {
+        lists.insert(adapter);
+    }
+    std::vector<std::string> owners;
+    for (const std::string& adapter : lists) {
+        if (adapter != FW::FW_ADAPTER_GLOBAL && adapter != interface &&
+            machine_.tunnelOf(adapter) == interface) {
+            owners.push_back(adapter);
+        }
+    }
+    return owners;
+}
+
+/// In the order of the kernel's lines.
+std::vector<Decider::List> Decider::listsFor(const Packet& packet) {
+    std::vector<std::string> adapters = packet.adapters;
+    if (packet.forwardedTo) {
+        adapters.insert(adapters.end(), packet.forwardedTo->begin(), packet.forwardedTo->end());
+    }
+    std::vector<List> lists;
+    for (const std::string& adapter : listsOf(adapters)) {
+        std::set<std::string> names = {adapter};
+        if (packet.source.isIpv6() && adapter != FW::FW_ADAPTER_GLOBAL) {
+            const std::vector<std::string> owners = tunnelOwners(adapter);
+            names.insert(owners.begin(), owners.end());
+        }
+        for (const std::string& name : names) {
+            lists.push_back({name, adapter});
+        }
+    }
+    return lists;
+}
+
+/// What the lines of a rule of a list match; nothing when it has none for such packets.
+std::optional<AddressMatch> Decider::matchOf(const List& list, const FWRULE& rule,
+                                             const Packet& packet) {
+    if (!hasLineFor(packet, rule, list.lines)) {
+        return std::nullopt;
+    }
+    if (!list.isRepeated()) {
+        return addressMatchOf(rule, packet.source.isIpv6(), machine_);
+    }
+    if (isTakenForAllOfIpv6(rule)) {
+        AddressMatch any;
+        any.source = rule.ipDirect != FW::FW_IP_DIRECT_DESTINATION;
+        // A batch does not repeat rules for IPv4 addresses.
+        return mode_ == ApplyMode::kLines ? std::optional(any) : std::nullopt;
+    }
+    FWRULE repeated = rule;
+    repeated.ipType = FW::FW_IP_TYPE_V6;  // whatever it is for
+    return addressMatchOf(repeated, true, machine_);
+}
 
 std::vector<Decision> Decider::decide(const Packet& packet) {
     Pieces pieces(packet.ports);
     if (const std::optional<DecidedBy> line = fixedLine(packet)) {
         pieces.settle(packet.ports, decisionBy(*line, {}, false));
     }
-    for (const std::string& list : listsOf(packet.adapters)) {
-        const auto rules = profile_.rules.find(list);
+    for (const List& list : listsFor(packet)) {
+        const std::string tunnel = list.isRepeated() ? list.lines : "";
+        const auto rules = profile_.rules.find(list.adapter);
         const std::size_t count = rules == profile_.rules.end() ? 0 : rules->second.size();
         for (std::size_t i = 0; i < count; ++i) {
             const FWRULE& rule = rules->second[i];
-            const Fit address = hasInputLine(rule, list) ? fitOf(rule, packet, machine_) : Fit::kNo;
+            const Fit address = fitOf(matchOf(list, rule, packet), packet, machine_);
             if (address == Fit::kNo) {
                 continue;
             }
-            const RulePlace place = {list, i + 1};
+            const RulePlace place = {list.adapter, i + 1};
             const bool denies = rule.policy == FW::FW_POLICY_DENY;
             for (const FittingPorts& fitting : fittingPorts(rule, packet, machine_)) {
                 if (std::min(address, fitting.fit) == Fit::kYes) {
-                    pieces.settle(fitting.ports, decisionBy(DecidedBy::kRule, place, denies));
+                    pieces.settle(fitting.ports,
+                                  decisionBy(DecidedBy::kRule, place, denies, tunnel));
                 } else {
                     pieces.note(fitting.ports, place, denies);
                 }
             }
         }
-        const auto policy = profile_.adapterPolicyMap.find(list);
+        const auto policy = profile_.adapterPolicyMap.find(list.adapter);
         if (policy != profile_.adapterPolicyMap.end() &&
+            (list.lines == FW::FW_ADAPTER_GLOBAL || passes(packet, list.lines, true)) &&
             (policy->second == FW::FW_POLICY_ALLOW || policy->second == FW::FW_POLICY_DENY)) {
-            pieces.settle(packet.ports, decisionBy(DecidedBy::kDefaultPolicy, {list, 0},
-                                                   policy->second == FW::FW_POLICY_DENY));
+            pieces.settle(packet.ports, decisionBy(DecidedBy::kDefaultPolicy, {list.adapter, 0},
+                                                   policy->second == FW::FW_POLICY_DENY, tunnel));
         }
     }
     pieces.settle(packet.ports, decisionBy(DecidedBy::kNothing, {}, false));
     return std::move(pieces).result();
+}
+
+std::optional<FW::FW_POLICY> Decider::ipv6Verdict(Packet packet) {
+    // Between two neighbours of these, all senders are treated alike.
+    std::set<Address> senders = {Address(true, {})};
+    packet.source = *senders.begin();
+    for (const List& list : listsFor(packet)) {
+        const auto rules = profile_.rules.find(list.adapter);
+        if (rules == profile_.rules.end()) {
+            continue;
+        }
+        for (const FWRULE& rule : rules->second) {
+            const std::optional<AddressMatch> match = matchOf(list, rule, packet);
+            if (!match || !match->source) {
+                continue;
+            }
+            if (match->masked || !match->countries.empty()) {
+                return std::nullopt;
+            }
+            if (match->range) {
+                senders.insert(match->range->first);
+                if (const std::optional<Address> next = after(match->range->last)) {
+                    senders.insert(*next);
+                }
+            }
+        }
+    }
+    std::set<bool> denied;
+    for (const Address& sender : senders) {
+        packet.source = sender;
+        for (const Decision& decision : decide(packet)) {
+            if (!decision.unless.empty()) {
+                return std::nullopt;
+            }
+            denied.insert(decision.denied);
+        }
+    }
+    return denied.size() > 1 ? FW::FW_POLICY_MIXED
+           : *denied.begin() ? FW::FW_POLICY_DENY
+                             : FW::FW_POLICY_ALLOW;
 }
 
 const FWRULE& Decider::ruleAt(const RulePlace& place) const {
@@ -257,11 +391,16 @@ const FWRULE& Decider::ruleAt(const RulePlace& place) const {
 }
 
 std::string Decider::reason(const Decision& decision) const {
+    const std::string repeated =
+        decision.tunnel.empty() ? "" : " (repeated for the 6in4 tunnel " + decision.tunnel + ")";
     switch (decision.by) {
         case DecidedBy::kRule:
-            return placeText(decision.place) + ": " + ruleText(ruleAt(decision.place));
+            return placeText(decision.place) + ": " + ruleText(ruleAt(decision.place)) + repeated +
+                   (!decision.tunnel.empty() && isTakenForAllOfIpv6(ruleAt(decision.place))
+                        ? ", where \"/0\" is all of IPv6"
+                        : "");
         case DecidedBy::kDefaultPolicy:
-            return placeText(decision.place) + (decision.denied ? ": deny" : ": allow");
+            return placeText(decision.place) + (decision.denied ? ": deny" : ": allow") + repeated;
         case DecidedBy::kLoopback:
             return "packets of the machine to itself are always allowed";
         case DecidedBy::kEstablished:

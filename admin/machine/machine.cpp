@@ -6,6 +6,7 @@
 #include "tarncore.h"
 
 #include "tarnfirewall/fwGeoip.h"
+#include "tarnfirewall/fwTypes.h"
 
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/interfaces.h"
@@ -55,6 +56,24 @@ bool Machine::hasAdapter(const std::string& adapter) {
         return known->second;
     }
     return adapters_[adapter] = translation_.adapterIsEnabled(adapter);
+}
+
+const std::string& Machine::tunnelOf(const std::string& adapter) {
+    const auto [entry, isNew] = tunnels_.try_emplace(adapter);
+    if (isNew && !isNeverApplied(adapter) && hasAdapter(adapter)) {
+        // The translation repeats this rule, as any other, for a tunnel.
+        FW::FWRULE any;
+        any.ipType = FW::FW_IP_TYPE_V6;
+        any.ipGroup = FW::FW_IP_GROUP_ANY;
+        any.portGroup = FW::FW_PORT_GROUP_ANY;
+        Json::Value lines;
+        translation_.iptables6in4ToCmd(adapter, any, lines);
+        const Json::Value& repeated = lines["v6"];
+        if (repeated.isObject() && !repeated.empty()) {
+            entry->second = repeated.getMemberNames().front();
+        }
+    }
+    return entry->second;
 }
 
 std::string Machine::nearestAdapter(const std::string& adapter) {

@@ -192,6 +192,14 @@ std::optional<AddressMatch> addressMatchOf(const FW::FWRULE& rule, bool ipv6, Ma
     return match;
 }
 
+bool isTakenForAllOfIpv6(const FW::FWRULE& rule) {
+    const std::string first = at(rule.ipList, 0);
+    return rule.ipGroup == FW::FW_IP_GROUP_SINGLE
+               ? isEveryIpv4Address(first)
+               : rule.ipGroup == FW::FW_IP_GROUP_NETWORK &&
+                     isEveryIpv4Address(first + "/" + at(rule.ipList, 1));
+}
+
 std::optional<std::vector<PortMatch>> portMatchesOf(const FW::FWRULE& rule, Machine& machine) {
     const Json::Value fragments = machine.portMatches(rule);
     if (fragments.isNull()) {

@@ -57,6 +57,10 @@ std::vector<std::string> listsOf(const std::vector<std::string>& adapters);
 /// that the kernel refuses.
 std::optional<AddressMatch> addressMatchOf(const FW::FWRULE& rule, bool ipv6, Machine& machine);
 
+/// Whether a rule for IPv4 addresses is one for all of IPv6 where it is repeated for a 6in4 tunnel:
+/// ip6tables takes "10.0.0.0/0" for every address, and refuses any other address of IPv4.
+bool isTakenForAllOfIpv6(const FW::FWRULE& rule);
+
 /// What a rule's lines match; a packet has to fit one entry. A line that the kernel refuses, since
 /// one of its ports is none, has no entries. Nothing when the rule names services and the
 /// catalogue cannot be read.

@@ -66,6 +66,10 @@ std::optional<AddressRange> networkFrom(const std::string& address, const std::s
 /// of two families, and for a range that runs backwards.
 std::optional<AddressRange> rangeFrom(const std::string& first, const std::string& last);
 
+/// Whether a text is an IPv4 address with prefix length 0: "10.0.0.0/0", also "/00" or "/+0", as
+/// iptables reads numbers. ip6tables takes such a text, and no other IPv4 one, for all of IPv6.
+bool isEveryIpv4Address(const std::string& text);
+
 /// Every address of a family.
 AddressRange wholeFamily(bool ipv6);
 

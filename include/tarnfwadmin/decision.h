@@ -1,5 +1,6 @@
 /// The decision for a packet: the first rule that matches, in the order of the lines of
-/// INPUT_FIREWALL. A blocked check has a verdict for all addresses; this decides for one.
+/// INPUT_FIREWALL, or of FORWARD_FIREWALL for a forwarded packet. A blocked check has a verdict for
+/// all addresses; this decides for one.
 #pragma once
 
 #include <optional>
@@ -12,12 +13,14 @@
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/place.h"
 #include "tarnfwadmin/portEntry.h"
+#include "tarnfwadmin/store.h"
 
 namespace TARNFW_EXPORT_ALL tarnfw {
 
 class Machine;
+struct AddressMatch;
 
-/// A packet for this machine, or several that differ only in the port.
+/// A packet for this machine or forwarded by it, or several that differ only in the port.
 struct Packet {
     /// The adapters that include the interface: {"eth0"}, or {"tun0", "vpn"}.
     std::vector<std::string> adapters;
@@ -27,6 +30,10 @@ struct Packet {
     PortSpan ports;                                            ///< of the destination
     std::optional<PortSpan> sourcePorts;                       ///< if known
     bool established = false;  ///< it belongs to an established connection
+
+    /// Of a forwarded packet: the adapters that include the interface it leaves through, as far as
+    /// known. Its destination is where it is forwarded to.
+    std::optional<std::vector<std::string>> forwardedTo;
 };
 
 /// A packet for one port of this machine, or a span: from "10.0.0.5", to "tcp/445" or
@@ -51,6 +58,10 @@ struct Decision {
     RulePlace place;  ///< the rule or default policy; else without an adapter
     bool denied = false;
 
+    /// The interface of the 6in4 tunnel for which the rule or policy is repeated, where that and
+    /// not its own line decides.
+    std::string tunnel;
+
     /// Earlier rules with the other outcome that match some of these packets, depending on the
     /// source port or on the machine's own address, which the packet leaves open.
     std::vector<RulePlace> unless;
@@ -58,12 +69,13 @@ struct Decision {
 
 /// Decides by one profile, as if every queried adapter existed. Country rules count as in a
 /// kernel with the "geoip" match. Rules whose line the kernel refuses, and those for "ppp0",
-/// which get no line, decide nothing.
+/// which get no line, decide nothing. IPv6 packets through a 6in4 tunnel of an adapter that exists
+/// meet the rules of that adapter as well, as the translation repeats them in the apply mode.
 /// Asks `machine`, which outlives this object, for services and countries when a rule needs them.
 /// For one thread; changes nothing.
 class Decider {
 public:
-    Decider(FW::FWPROFILE profile, Machine& machine);
+    Decider(FW::FWPROFILE profile, Machine& machine, ApplyMode mode = ApplyMode::kLines);
 
     const FW::FWPROFILE& profile() const { return profile_; }
 
@@ -71,16 +83,31 @@ public:
     /// differ. Throws Error, kSystem, when a rule names services and the catalogue cannot be read.
     std::vector<Decision> decide(const Packet& packet);
 
+    /// The adapters, besides `interface` itself, whose rules and default policies IPv6 packets
+    /// through it meet, since it is the interface of their 6in4 tunnel.
+    std::vector<std::string> tunnelOwners(const std::string& interface);
+
+    /// What is decided for IPv6 packets like `packet` from anywhere: allowed, denied, or mixed when
+    /// it depends on the sender; nothing when that cannot be said without one.
+    std::optional<FW::FW_POLICY> ipv6Verdict(Packet packet);
+
     /// The rule at a place of a decision of this profile; else throws std::out_of_range.
     const FW::FWRULE& ruleAt(const RulePlace& place) const;
 
     /// In words: "rule 3 of eth0: allow tcp 22 from 192.168.1.0/24 (IPv4)", "the default policy of
-    /// eth0: deny", "no rule and no default policy matches", ... Not made printable.
+    /// eth0: deny", "... (repeated for the 6in4 tunnel six)", "no rule and no default policy
+    /// matches", ... Not made printable.
     std::string reason(const Decision& decision) const;
 
 private:
+    struct List;
+    std::vector<List> listsFor(const Packet& packet);
+    std::optional<AddressMatch> matchOf(const List& list, const FW::FWRULE& rule,
+                                        const Packet& packet);
+
     FW::FWPROFILE profile_;
     Machine& machine_;
+    ApplyMode mode_;
 };
 
 }  // namespace tarnfw

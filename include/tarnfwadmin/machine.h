@@ -35,6 +35,10 @@ public:
     /// Whether rules for `adapter` are applied now: "vpn" and "pppoe" need an interface as well.
     bool hasAdapter(const std::string& adapter);
 
+    /// The interface of the 6in4 tunnel that routes IPv6 for `adapter`, for which its rules are
+    /// repeated; empty without one, and for an adapter that is not there.
+    const std::string& tunnelOf(const std::string& adapter);
+
     /// The usable adapter whose name is most like `adapter`, see nearestAdapter(); empty when none
     /// is. Throws Error, kSystem, when the interfaces cannot be listed.
     std::string nearestAdapter(const std::string& adapter);
@@ -61,6 +65,7 @@ public:
 private:
     FW::TARNFW_IPTABLES_RULES translation_;
     std::map<std::string, bool> adapters_;
+    std::map<std::string, std::string> tunnels_;
     std::map<std::pair<std::string, bool>, bool> countries_;
     std::map<std::pair<std::string, bool>, std::vector<AddressRange>> ranges_;
     std::optional<Catalogue> catalogue_;  // of the translation, which reads it as well

@@ -462,6 +462,115 @@ TEST_P(ProfileDecisionTest, IsThis) {
 
 INSTANTIATE_TEST_SUITE_P(, ProfileDecisionTest, ValuesIn(kProfiles), caseName<ProfileCase>);
 
+// ---- Through a 6in4 tunnel ----
+
+/// IPv6 of wlan0 comes in through "six"; wlan0 is the one adapter that is there.
+class TunnelTest : public ::testing::Test {
+protected:
+    TunnelTest() {
+        writeFile("/etc.defaults/tarninfo.conf", "support_wireless=\"yes\"\n");
+        writeFile("/usr/tarn/sbin/tarnnetdtool",
+                  "#!/bin/sh\n[ \"$2\" = wlan0 ] && set -- \"$1\" six\nprintf %s \"$2\"\n");
+        std::filesystem::permissions("/usr/tarn/sbin/tarnnetdtool",
+                                     std::filesystem::perms::owner_all);
+        profile_.adapterPolicyMap["wlan0"] = kDeny;
+    }
+
+    std::string reasonFor(const Packet& packet,
+                          tarnfw::ApplyMode mode = tarnfw::ApplyMode::kLines) {
+        tarnfw::Machine machine;
+        Decider decider(profile_, machine, mode);
+        return decider.reason(decider.decide(packet).front());
+    }
+
+    std::string verdict() {
+        tarnfw::Machine machine;
+        Packet packet = on({"six"}, kPacketV6);
+        const auto found = Decider(profile_, machine).ipv6Verdict(packet);
+        return !found                          ? "depends"
+               : *found == FW::FW_POLICY_MIXED ? "mixed"
+               : *found == kDeny               ? "denied"
+                                               : "allowed";
+    }
+
+    FWPROFILE profile_;
+    const FWRULE v4_ = with(ports(kAllow, {"22"}), &FWRULE::ipType, 0);
+};
+
+TEST_F(TunnelTest, TheRulesOfItsAdapterDecide) {
+    EXPECT_EQ(reasonFor(on({"six"}, kPacketV6)),
+              "the default policy of wlan0: deny (repeated for the 6in4 tunnel six)");
+    EXPECT_EQ(reasonFor(on({"six"})), "no rule and no default policy matches");
+    EXPECT_EQ(reasonFor(on({"wlan0"}, kPacketV6)), "the default policy of wlan0: deny");
+    profile_.rules["wlan0"] = {v4_};
+    EXPECT_EQ(reasonFor(on({"six"}, kPacketV6)),
+              "rule 1 of wlan0: allow tcp 22 from anywhere (IPv4) (repeated for the 6in4 tunnel "
+              "six)");
+    EXPECT_EQ(reasonFor(on({"wlan0"}, kPacketV6)), "the default policy of wlan0: deny");
+}
+
+TEST_F(TunnelTest, ItsOwnRulesComeInTheOrderOfTheNames) {
+    profile_.rules["six"] = {ports(kDeny, {"22"})};
+    profile_.rules["wlan0"] = {v4_};
+    tarnfw::Machine machine;
+    EXPECT_EQ(told(Decider(profile_, machine).decide(on({"six"}, kPacketV6))), "22 deny six/1");
+}
+
+TEST_F(TunnelTest, ANetworkOfEveryIpv4AddressIsAllOfIpv6InLines) {
+    const std::string opens =
+        " (IPv4) (repeated for the 6in4 tunnel six), where \"/0\" is all of IPv6";
+    const std::string denies =
+        "the default policy of wlan0: deny (repeated for the 6in4 tunnel six)";
+    const Packet packet = on({"six"}, kPacketV6);
+    profile_.rules["wlan0"] = {from(v4_, 0, {"10.1.2.3/0"})};
+    EXPECT_EQ(reasonFor(packet), "rule 1 of wlan0: allow tcp 22 from 10.1.2.3/0" + opens);
+    EXPECT_EQ(reasonFor(packet, tarnfw::ApplyMode::kBatch), denies);
+    EXPECT_EQ(reasonFor(on({"wlan0"}, kPacketV6)), "the default policy of wlan0: deny");
+    EXPECT_EQ(verdict(), "allowed");
+    profile_.rules["wlan0"] = {from(v4_, 1, {"0.0.0.0", "0"})};
+    EXPECT_EQ(reasonFor(packet), "rule 1 of wlan0: allow tcp 22 from 0.0.0.0/0" + opens);
+    EXPECT_EQ(reasonFor(packet, tarnfw::ApplyMode::kBatch), denies);
+    // ip6tables refuses these.
+    for (const auto& refused : {from(v4_, 1, {"0.0.0.0", "0.0.0.0"}), from(v4_, 0, {"10.0.0.0/8"}),
+                                from(v4_, 4, {"0.0.0.0", "255.255.255.255"})}) {
+        profile_.rules["wlan0"] = {refused};
+        EXPECT_EQ(reasonFor(packet), denies);
+    }
+    EXPECT_EQ(verdict(), "denied");
+}
+
+TEST_F(TunnelTest, TheVerdictIsForAllSenders) {
+    const FWRULE some = from(ports(kAllow, {"22"}), 1, {"2001:db8::", "32"});
+    profile_.rules["wlan0"] = {with(some, &FWRULE::ipType, 1)};
+    EXPECT_EQ(verdict(), "mixed");
+    profile_.rules["wlan0"] = {to(some, 1, {"2001:db8::", "32"})};
+    EXPECT_EQ(verdict(), "depends");
+    profile_.rules["wlan0"] = {ports(kAllow, {"22"})};
+    EXPECT_EQ(verdict(), "allowed");
+}
+
+// ---- Forwarded ----
+
+TEST(ForwardedTest, MeetsTheRulesForBothInterfacesInTheForwardChain) {
+    FWPROFILE profile;
+    profile.rules["docker0"] = {with(ports(kDeny, {"22"}), &FWRULE::adapterDirect, 0),
+                                with(ports(kDeny, {"23"}), &FWRULE::adapterDirect, 1)};
+    profile.rules["eth0"] = {
+        with(ports(kDeny, {"24"}), &FWRULE::chainList, std::set<std::string>{"INPUT_FIREWALL"}),
+        with(ports(kDeny, {"25"}), &FWRULE::adapterDirect, 0), ports(kDeny, {"26"})};
+    profile.adapterPolicyMap = {{"docker0", kDeny}, {"eth0", kAllow}};
+    Packet packet = packetFrom("192.168.1.20", {22, 26});
+    packet.forwardedTo = Texts{"docker0"};
+    EXPECT_EQ(decided(profile, packet),
+              "22 deny docker0/1; 23-25 allow default of eth0; 26 deny eth0/3");
+    packet.forwardedTo = Texts{};
+    EXPECT_EQ(decided(profile, packet), "22-25 allow default of eth0; 26 deny eth0/3");
+    packet.forwardedTo.reset();
+    EXPECT_EQ(decided(profile, packet),
+              "22-23 allow default of eth0; 24 deny eth0/1; 25 allow default of eth0; "
+              "26 deny eth0/3");
+}
+
 // ---- In words ----
 
 TEST(DecisionReasonTest, NamesTheRuleOrThePolicy) {

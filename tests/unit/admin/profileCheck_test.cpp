@@ -403,10 +403,14 @@ TEST_F(ProfileCheckTest, AnIpv4NetworkOfEveryAddressOpensATunnelToAllOfIpv6) {
         linesOf(
             profile({network(R"("ipList": ["0.0.0.0", "0"])"),
                      network(R"("ipList": ["10.0.0.0", "8"], "portList": ["1"])"),
+                     network(R"("ipGroup": 0, "ipList": ["10.1.2.3/0"], "portList": ["3"])"),
                      network(R"("ipList": ["0.0.0.0", "0"], "portList": ["2"], "policy": 1)")})),
         ElementsAre(
             "home.json: rule 1 of global: ipList: warning: \"/0\" is every address: in apply "
-            "mode \"lines\" it opens a 6in4 tunnel of the adapter to all of IPv6 as well"));
+            "mode \"lines\" it opens a 6in4 tunnel of the adapter to all of IPv6 as well",
+            "home.json: rule 3 of global: ipList: warning: \"/0\" is every address: in apply "
+            "mode \"lines\" it opens a 6in4 tunnel of the adapter to all of IPv6 as well",
+            "home.json: rule 3 of global: ipList entry 1: \"10.1.2.3/0\" is not an IPv4 address"));
 }
 
 TEST_F(ProfileCheckTest, ANulInAnyTextIsAnError) {

@@ -4,11 +4,13 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <json/json.h>
+#include <boost/algorithm/string/join.hpp>
 
 #include "tarnfirewall/fwTypes.h"
 #include "tarnfirewall/tarnFW.h"
@@ -251,6 +253,82 @@ bool answeredDisabled(const StoreSnapshot& store, const BlockedOptions& options,
     return true;
 }
 
+/// The packets of a question through an adapter, one for each protocol that has ports.
+std::vector<Packet> packetsFor(const FW::PortCompareST& question, const std::string& adapter) {
+    Packet packet;
+    packet.adapters = isPredefined(adapter) ? std::vector{adapter} : adapterNamesOf(adapter);
+    const std::optional<PortSpan> span = portSpanFrom(question.port);
+    if (!span) {
+        return {};
+    }
+    if (question.portDirect != FW::FW_PORT_DIRECT_DESTINATION) {
+        packet.sourcePorts = span;
+    } else {
+        packet.ports = *span;
+    }
+    std::vector<Packet> packets;
+    for (const auto protocol : {FW::FW_PORT_PROTOCOL_TCP, FW::FW_PORT_PROTOCOL_UDP}) {
+        if (question.protocol == protocol || question.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP) {
+            packet.protocol = protocol;
+            packets.push_back(packet);
+        }
+    }
+    return packets;
+}
+
+// ---- 6in4 tunnels ----
+
+/// The answer for IPv6 through an interface that is the 6in4 tunnel of other adapters: the verdict
+/// on it does not know that the rules of those are repeated for it.
+struct TunnelAnswer {
+    std::vector<std::string> owners;       ///< none: it is no such interface
+    std::optional<FW::FW_POLICY> verdict;  ///< none: it depends on the packets
+
+    bool blocks() const { return !owners.empty() && verdict != FW::FW_POLICY_ALLOW; }
+
+    std::string text() const {
+        const std::string names = boost::join(owners, ", ");
+        return owners.empty()
+                   ? ""
+                   : "IPv6 through it, the 6in4 tunnel of " + names + ", also meets the rules of " +
+                         names + ": " + (verdict ? verdictText(*verdict) : "depends on the packet");
+    }
+
+    void addTo(Json::Value& entry) const {
+        entry["tunnelOf"] = Json::Value(Json::arrayValue);
+        for (const std::string& owner : owners) {
+            entry["tunnelOf"].append(owner);
+        }
+        if (!owners.empty()) {
+            entry["ipv6Verdict"] = verdict ? Json::Value(verdictText(*verdict)) : Json::Value();
+        }
+    }
+};
+
+TunnelAnswer tunnelAnswer(Decider& decider, const std::vector<FW::PortCompareST>& questions,
+                          const std::string& adapter) {
+    TunnelAnswer answer;
+    if (isPredefined(adapter)) {
+        return answer;
+    }
+    answer.owners = decider.tunnelOwners(adapter);
+    if (answer.owners.empty()) {
+        return answer;
+    }
+    std::set<std::optional<FW::FW_POLICY>> verdicts;
+    for (const FW::PortCompareST& question : questions) {
+        for (const Packet& packet : packetsFor(question, adapter)) {
+            verdicts.insert(decider.ipv6Verdict(packet));
+        }
+    }
+    if (verdicts.size() > 1 && verdicts.count(std::nullopt) == 0) {
+        answer.verdict = FW::FW_POLICY_MIXED;
+    } else if (verdicts.size() == 1) {
+        answer.verdict = *verdicts.begin();
+    }
+    return answer;
+}
+
 // ---- blocked ----
 
 /// A note on a verdict that needs one.
@@ -289,22 +367,29 @@ void blocked(const BlockedOptions& options) {
     }
     const std::vector<AdapterAnswer> answers =
         askVerdicts(questions, adaptersAsked(options, store.profile("")));
-    const bool allowed = allAllowed(answers);
     KernelAnswer kernel(store, options, questions);
+    Decider decider(store.profile(""), context.machine(), store.applyMode());
+    bool allowed = allAllowed(answers);
     Json::Value document = documentOf(store, options, questions, true, allowed);
     Table table({"Adapter", "Verdict", ""});
     for (const AdapterAnswer& answer : answers) {
-        const BeforeFirewall& before = kernel.ask(answer.adapter, isBlocked(answer.verdict));
+        const TunnelAnswer tunnel = tunnelAnswer(decider, questions, answer.adapter);
+        allowed = allowed && !tunnel.blocks();
+        const BeforeFirewall& before =
+            kernel.ask(answer.adapter, isBlocked(answer.verdict) || tunnel.blocks());
         Json::Value entry;
+        tunnel.addTo(entry);
         entry["name"] = answer.adapter;
         entry["verdict"] = verdictText(answer.verdict);
         entry["acceptedBefore"] = acceptsJson(before);
         document["adapters"].append(entry);
-        table.addRow({{answer.adapter, Paint::kPlain},
-                      {verdictText(answer.verdict), policyPaint(answer.verdict)},
-                      {joined(noteOn(answer), acceptsText(before)), Paint::kPlain}});
+        table.addRow(
+            {{answer.adapter, Paint::kPlain},
+             {verdictText(answer.verdict), policyPaint(answer.verdict)},
+             {joined(joined(noteOn(answer), tunnel.text()), acceptsText(before)), Paint::kPlain}});
     }
     if (options.json) {
+        document["allowed"] = allowed;
         kernel.addTo(document);
         printJson(document);
     } else {
@@ -403,10 +488,13 @@ Json::Value answerDocument(const FW::FWPROFILE& profile, const AdapterAnswer& an
 }
 
 void printAnswer(const FW::FWPROFILE& profile, const AdapterAnswer& answer,
-                 const BeforeFirewall& before) {
+                 const TunnelAnswer& tunnel, const BeforeFirewall& before) {
     std::cout << '\n'
               << printable(answer.adapter) << ": "
               << painted(verdictText(answer.verdict), policyPaint(answer.verdict)) << '\n';
+    if (!tunnel.owners.empty()) {
+        std::cout << "  " << printable(tunnel.text()) << '\n';
+    }
     const std::string accepted = acceptsText(before);
     if (!accepted.empty()) {
         std::cout << "  " << painted(printable(accepted), Paint::kBad) << '\n';
@@ -436,14 +524,25 @@ void explain(const BlockedOptions& options) {
     const FW::FWPROFILE& profile = store.profile("");
     const std::vector<AdapterAnswer> answers =
         askVerdicts(questions, adaptersAsked(options, profile));
-    const bool allowed = allAllowed(answers);
     KernelAnswer kernel(store, options, questions);
+    Decider decider(profile, context.machine(), store.applyMode());
+    std::map<std::string, TunnelAnswer> tunnels;
+    bool allowed = allAllowed(answers);
+    for (const AdapterAnswer& answer : answers) {
+        TunnelAnswer& tunnel = tunnels[answer.adapter];
+        tunnel = tunnelAnswer(decider, questions, answer.adapter);
+        allowed = allowed && !tunnel.blocks();
+    }
+    const auto before = [&](const AdapterAnswer& answer) {
+        return kernel.ask(answer.adapter,
+                          isBlocked(answer.verdict) || tunnels[answer.adapter].blocks());
+    };
     if (options.json) {
         Json::Value document = documentOf(store, options, questions, true, allowed);
         for (const AdapterAnswer& answer : answers) {
             Json::Value entry = answerDocument(profile, answer);
-            entry["acceptedBefore"] =
-                acceptsJson(kernel.ask(answer.adapter, isBlocked(answer.verdict)));
+            tunnels[answer.adapter].addTo(entry);
+            entry["acceptedBefore"] = acceptsJson(before(answer));
             document["adapters"].append(entry);
         }
         kernel.addTo(document);
@@ -452,7 +551,7 @@ void explain(const BlockedOptions& options) {
         kernel.printFirst();
         printHeading(store, options, questions);
         for (const AdapterAnswer& answer : answers) {
-            printAnswer(profile, answer, kernel.ask(answer.adapter, isBlocked(answer.verdict)));
+            printAnswer(profile, answer, tunnels[answer.adapter], before(answer));
         }
         kernel.printLast();
     }
@@ -468,38 +567,14 @@ struct AdapterDecisions {
     BeforeFirewall before;
 };
 
-/// The packets of a question from one address, one for each protocol that has ports.
-std::vector<Packet> packetsFor(const BlockedOptions& options, const FW::PortCompareST& question,
-                               const std::string& adapter) {
-    Packet packet;
-    packet.adapters = isPredefined(adapter) ? std::vector{adapter} : adapterNamesOf(adapter);
-    packet.source = addressFrom(options.from).value();
-    packet.destination = options.to.empty() ? std::nullopt : addressFrom(options.to);
-    const std::optional<PortSpan> span = portSpanFrom(question.port);
-    if (!span) {
-        return {};
-    }
-    if (question.portDirect != FW::FW_PORT_DIRECT_DESTINATION) {
-        packet.sourcePorts = span;
-    } else {
-        packet.ports = *span;
-    }
-    std::vector<Packet> packets;
-    for (const auto protocol : {FW::FW_PORT_PROTOCOL_TCP, FW::FW_PORT_PROTOCOL_UDP}) {
-        if (question.protocol == protocol || question.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP) {
-            packet.protocol = protocol;
-            packets.push_back(packet);
-        }
-    }
-    return packets;
-}
-
 AdapterDecisions decisionsOn(Decider& decider, const BlockedOptions& options,
                              const std::vector<FW::PortCompareST>& questions,
                              const std::string& adapter) {
     AdapterDecisions found{adapter, {}, {}};
     for (const FW::PortCompareST& question : questions) {
-        for (const Packet& packet : packetsFor(options, question, adapter)) {
+        for (Packet& packet : packetsFor(question, adapter)) {
+            packet.source = addressFrom(options.from).value();
+            packet.destination = options.to.empty() ? std::nullopt : addressFrom(options.to);
             for (Decision& decision : decider.decide(packet)) {
                 found.decisions.emplace_back(packet.protocol, std::move(decision));
             }
@@ -545,6 +620,9 @@ Json::Value decisionDocument(const Decider& decider, FW::FW_PORT_PROTOCOL protoc
     document["port"] = protocolText(protocol) + "/" + portSpanText(decision.ports);
     document["by"] = deciderWord(decision.by);
     document["allowed"] = !decision.denied;
+    if (!decision.tunnel.empty()) {
+        document["tunnel"] = decision.tunnel;
+    }
     document["unless"] = Json::Value(Json::arrayValue);
     for (const RulePlace& place : decision.unless) {
         document["unless"].append(placeDocument(decider, place));
@@ -595,7 +673,7 @@ void explainSender(const BlockedOptions& options) {
     if (answeredDisabled(store, options, questions)) {
         return;
     }
-    Decider decider(store.profile(""), context.machine());
+    Decider decider(store.profile(""), context.machine(), store.applyMode());
     KernelAnswer kernel(store, options, questions);
     std::vector<AdapterDecisions> found;
     bool allowed = true;
