@@ -92,3 +92,14 @@ refused() {
     }
     step 'no file has changed' same_files refused
 }
+
+# store_home_and_copy: "home", active, with a rule for eth0, and its copy "third"; mode "lines" is chosen.
+store_home_and_copy() {
+    answers 0 base up
+    answers 0 apply-mode lines
+    answers 0 profile create home
+    answers 0 policy eth0 deny --profile home
+    answers 0 rule add --adapter eth0 --profile home allow service ssh from 192.168.1.0/24
+    answers 0 profile copy home third
+    answers 0 profile use home
+}

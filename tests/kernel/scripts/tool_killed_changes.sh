@@ -6,13 +6,7 @@ make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 # shellcheck source=tests/kernel/answers.sh
 source "$checkout/tests/kernel/answers.sh"
 
-answers 0 base up
-answers 0 apply-mode lines
-answers 0 profile create home
-answers 0 policy eth0 deny --profile home
-answers 0 rule add --adapter eth0 --profile home allow service ssh from 192.168.1.0/24
-answers 0 profile copy home third
-answers 0 profile use home
+store_home_and_copy
 answers 0 export /tmp/all.json
 # Another set of profiles: one goes, one comes, one changes, and one more is active.
 jq '(.config_profiles[] | select(.name == "home") | .rules.eth0[0].labelList) = ["new"]

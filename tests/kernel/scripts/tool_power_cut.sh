@@ -83,13 +83,7 @@ cuts_of() {
     done
 }
 
-answers 0 base up
-answers 0 apply-mode lines
-answers 0 profile create home
-answers 0 policy eth0 deny --profile home
-answers 0 rule add --adapter eth0 --profile home allow service ssh from 192.168.1.0/24
-answers 0 profile copy home third
-answers 0 profile use home
+store_home_and_copy
 jq '(.config_profiles[] | select(.name == "home") | .rules.eth0[0].labelList) = ["new"]
     | .config_profiles["77.json"] = {name: "fresh", rules: null, adapterPolicyMap: {global: 2}}
     | .config_firewall_settings.profile = "fresh"' <(tarnfw export) >/tmp/other.json

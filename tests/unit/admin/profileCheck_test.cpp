@@ -305,42 +305,6 @@ const DocumentCase kDocuments[] = {
      R"({"adapterPolicyMap": {"global": 0}})",
      {"adapterPolicyMap.global: must be 2, not 0"}},
     {"PoliciesNull", R"({"name": "x"})", {}},
-    {"AdapterAway",
-     R"({"adapterPolicyMap": {"eth7": 1, "global": 2}})",
-     {"adapterPolicyMap.eth7: warning: there is no adapter \"eth7\" now: its rules and default "
-      "policy are skipped"}},
-    {"AdapterMisspelt",
-     R"({"adapterPolicyMap": {"wlna0": 1, "global": 2}})",
-     {"adapterPolicyMap.wlna0: warning: there is no adapter \"wlna0\" now: its rules and default "
-      "policy are skipped; did you mean \"wlan0\"?"}},
-    {"PredefinedAdapterMisspelt",
-     R"({"adapterPolicyMap": {"ppoe": 1, "global": 2}})",
-     {"adapterPolicyMap.ppoe: warning: there is no adapter \"ppoe\" now: its rules and default "
-      "policy are skipped; did you mean \"pppoe\"?"}},
-    {"AdapterOfAnotherNumber",
-     R"({"adapterPolicyMap": {"wlan1": 1, "global": 2}})",
-     {"adapterPolicyMap.wlan1: warning: there is no adapter \"wlan1\" now: its rules and default "
-      "policy are skipped"}},
-    {"VpnAway",
-     R"({"adapterPolicyMap": {"vpn": 1, "global": 2}})",
-     {"adapterPolicyMap.vpn: warning: \"vpn\" has no interface now: its rules and default "
-      "policy are skipped"}},
-    {"PppoeInterface",
-     R"({"adapterPolicyMap": {"ppp0": 1, "global": 2}})",
-     {"adapterPolicyMap.ppp0: warning: rules and default policies of \"ppp0\" are never "
-      "applied; use \"pppoe\""}},
-    {"NoAdapterName",
-     R"({"adapterPolicyMap": {"eth0 -j ACCEPT": 1, "global": 2}})",
-     {"adapterPolicyMap[\"eth0 -j ACCEPT\"]: \"eth0 -j ACCEPT\" is not the name of an adapter"}},
-    {"AdapterNameThatNegates",
-     R"({"adapterPolicyMap": {"!x": 1, "global": 2}})",
-     {"adapterPolicyMap[\"!x\"]: \"!x\" is not the name of an adapter"}},
-    {"AdapterNameOfADirectory",
-     R"({"adapterPolicyMap": {"..": 1, "global": 2}})",
-     {"adapterPolicyMap[\"..\"]: \"..\" is not the name of an adapter"}},
-    {"AdapterNameTooLong",
-     R"({"adapterPolicyMap": {"abcdefghijklmnop": 1, "global": 2}})",
-     {"adapterPolicyMap.abcdefghijklmnop: \"abcdefghijklmnop\" is not the name of an adapter"}},
 };
 
 INSTANTIATE_TEST_SUITE_P(Documents, DocumentTest, testing::ValuesIn(kDocuments),
@@ -535,4 +499,52 @@ TEST_F(ProfileCheckTest, ErrorsOfALongListAreCountedOnce) {
 }
 
 }  // namespace
+// ---- The adapters of the default policies -------------------------------------------------------
+
+struct AdapterCase {
+    const char* name;
+    const char* adapter;
+    const char* finding;  // with its place as text
+};
+
+std::ostream& operator<<(std::ostream& out, const AdapterCase& c) {
+    return out << c.adapter;
+}
+
+class AdapterTest : public ProfileCheckTest, public testing::WithParamInterface<AdapterCase> {};
+
+TEST_P(AdapterTest, HasThisFinding) {
+    Json::Value document = profile({});
+    document["adapterPolicyMap"][GetParam().adapter] = 1;
+    EXPECT_THAT(linesOf(document),
+                ElementsAre(std::string("home.json: adapterPolicyMap") + GetParam().finding));
+}
+
+const AdapterCase kAdapters[] = {
+    {"Away", "eth7",
+     ".eth7: warning: there is no adapter \"eth7\" now: its rules and default policy are skipped"},
+    {"Misspelt", "wlna0",
+     ".wlna0: warning: there is no adapter \"wlna0\" now: its rules and default policy are "
+     "skipped; did you mean \"wlan0\"?"},
+    {"PredefinedMisspelt", "ppoe",
+     ".ppoe: warning: there is no adapter \"ppoe\" now: its rules and default policy are "
+     "skipped; did you mean \"pppoe\"?"},
+    {"OfAnotherNumber", "wlan1",
+     ".wlan1: warning: there is no adapter \"wlan1\" now: its rules and default policy are "
+     "skipped"},
+    {"VpnAway", "vpn",
+     ".vpn: warning: \"vpn\" has no interface now: its rules and default policy are skipped"},
+    {"PppoeInterface", "ppp0",
+     ".ppp0: warning: rules and default policies of \"ppp0\" are never applied; use \"pppoe\""},
+    {"NoName", "eth0 -j ACCEPT",
+     "[\"eth0 -j ACCEPT\"]: \"eth0 -j ACCEPT\" is not the name of an adapter"},
+    {"NameThatNegates", "!x", "[\"!x\"]: \"!x\" is not the name of an adapter"},
+    {"NameOfADirectory", "..", "[\"..\"]: \"..\" is not the name of an adapter"},
+    {"NameTooLong", "abcdefghijklmnop",
+     ".abcdefghijklmnop: \"abcdefghijklmnop\" is not the name of an adapter"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Adapters, AdapterTest, testing::ValuesIn(kAdapters),
+                         [](const auto& c) { return std::string(c.param.name); });
+
 }  // namespace tarnfw
