@@ -33,7 +33,7 @@ step 'the rules are in force' same_listing enabled
 cat >/tmp/refusing <<'END'
 #!/bin/sh
 case "${0##*/} $*" in
-*' -F '* | *-restore*) echo 'no' >&2; exit 4 ;;
+*' -F '* | *-restore*) echo 'no' >&2; exit 1 ;;
 esac
 exec "/tmp/wrapped/${0##*/}" "$@"
 END
