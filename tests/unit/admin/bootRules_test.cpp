@@ -1,0 +1,256 @@
+// What protects the machine at boot, with stand-ins for iptables that keep what they are to load;
+// tests/kernel/scripts/boot_without_its_profile_is_not_open.sh has it in a kernel.
+#include "tarnfwadmin/bootRules.h"
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "store_testing.h"
+#include "tarnfwadmin/documentFile.h"
+
+namespace tarnfw {
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+// What the kernel has, a text that it refuses, and what was loaded last.
+constexpr char kListing[] = "/tmp/listing";
+constexpr char kRefused[] = "/tmp/refused";
+constexpr char kLoaded4[] = "/tmp/loaded.iptables-restore";
+constexpr char kLoaded6[] = "/tmp/loaded.ip6tables-restore";
+
+constexpr char kStandIn[] = R"sh(#!/bin/sh
+name=${0##*/}
+case $name in
+*-restore)
+    input=$(cat; echo .)
+    if [ -s /tmp/refused ] && printf '%s' "$input" | grep -q -- "$(cat /tmp/refused)"; then
+        echo 'not taken' >&2
+        exit 2
+    fi
+    printf '%s' "${input%.}" >"/tmp/loaded.$name"
+    ;;
+*) cat /tmp/listing ;;
+esac
+)sh";
+
+constexpr char kChains[] =
+    "-P INPUT ACCEPT\n-P FORWARD ACCEPT\n"
+    "-N FIREWALL_RELOADING\n-N FORWARD_FIREWALL\n-N INPUT_FIREWALL\n";
+constexpr char kJumps[] =
+    "-A INPUT -j FIREWALL_RELOADING\n-A INPUT -j INPUT_FIREWALL\n"
+    "-A FORWARD -j FIREWALL_RELOADING\n-A FORWARD -j FORWARD_FIREWALL\n";
+
+constexpr char kMinimum4[] =
+    "*filter\n"
+    ":FORWARD_FIREWALL - [0:0]\n"
+    ":INPUT_FIREWALL - [0:0]\n"
+    "-A FORWARD_FIREWALL -m state --state RELATED,ESTABLISHED -j ACCEPT\n"
+    "-A FORWARD_FIREWALL -j DROP\n"
+    "-A INPUT_FIREWALL -i lo -j ACCEPT\n"
+    "-A INPUT_FIREWALL -m state --state RELATED,ESTABLISHED -j ACCEPT\n"
+    "-A INPUT_FIREWALL -p udp -m udp --sport 67 --dport 68 -j ACCEPT\n"
+    "-A INPUT_FIREWALL -s 10.0.0.0/8 -p tcp -m tcp --dport 22 -j ACCEPT\n"
+    "-A INPUT_FIREWALL -s 172.16.0.0/12 -p tcp -m tcp --dport 22 -j ACCEPT\n"
+    "-A INPUT_FIREWALL -s 192.168.0.0/16 -p tcp -m tcp --dport 22 -j ACCEPT\n"
+    "-A INPUT_FIREWALL -s 169.254.0.0/16 -p tcp -m tcp --dport 22 -j ACCEPT\n"
+    "-A INPUT_FIREWALL -j DROP\n"
+    "COMMIT\n";
+constexpr char kMinimum6[] =
+    "*filter\n"
+    ":FORWARD_FIREWALL - [0:0]\n"
+    ":INPUT_FIREWALL - [0:0]\n"
+    "-A FORWARD_FIREWALL -m state --state RELATED,ESTABLISHED -j ACCEPT\n"
+    "-A FORWARD_FIREWALL -j DROP\n"
+    "-A INPUT_FIREWALL -i lo -j ACCEPT\n"
+    "-A INPUT_FIREWALL -m state --state RELATED,ESTABLISHED -j ACCEPT\n"
+    "-A INPUT_FIREWALL -p ipv6-icmp -m icmp6 --icmpv6-type 133 -j ACCEPT\n"
+    "-A INPUT_FIREWALL -p ipv6-icmp -m icmp6 --icmpv6-type 134 -j ACCEPT\n"
+    "-A INPUT_FIREWALL -p ipv6-icmp -m icmp6 --icmpv6-type 135 -j ACCEPT\n"
+    "-A INPUT_FIREWALL -p ipv6-icmp -m icmp6 --icmpv6-type 136 -j ACCEPT\n"
+    "-A INPUT_FIREWALL -s fe80::/10 -p udp -m udp --sport 547 --dport 546 -j ACCEPT\n"
+    "-A INPUT_FIREWALL -s fc00::/7 -p tcp -m tcp --dport 22 -j ACCEPT\n"
+    "-A INPUT_FIREWALL -s fe80::/10 -p tcp -m tcp --dport 22 -j ACCEPT\n"
+    "-A INPUT_FIREWALL -j DROP\n"
+    "COMMIT\n";
+
+constexpr char kClosed[] =
+    "closed, except for established connections, loopback, neighbour discovery, DHCP, and SSH from "
+    "private and link-local networks";
+
+/// One rule that denies a port of its own in each family.
+SavedRules lastGood() {
+    FamilyRules v4;
+    v4.chains["INPUT_FIREWALL"] = {"-A INPUT_FIREWALL -p tcp -m tcp --dport 4444 -j DROP"};
+    FamilyRules v6;
+    v6.chains["INPUT_FIREWALL"] = {"-A INPUT_FIREWALL -p tcp -m tcp --dport 6666 -j DROP"};
+    return SavedRules({{"v4", v4}, {"v6", v6}});
+}
+
+class BootRulesTest : public StoreTest {
+protected:
+    /// A kernel with the base filter and without rules.
+    void SetUp() override {
+        StoreTest::SetUp();
+        const std::string program = "/tmp/iptables";
+        writeFile(program, kStandIn);
+        ASSERT_EQ(chmod(program.c_str(), 0755), 0);
+        for (const char* const name : {"/sbin/iptables", "/sbin/ip6tables",
+                                       "/sbin/iptables-restore", "/sbin/ip6tables-restore"}) {
+            // In the mounts of this case, so it ends with it.
+            ASSERT_EQ(mount(program.c_str(), name, nullptr, MS_BIND, nullptr), 0) << name;
+        }
+        kernelHas(std::string(kChains) + kJumps);
+        for (const char* const file : {kRefused, kLoaded4, kLoaded6, kLastGoodFile}) {
+            std::remove(file);
+        }
+        forgetBootFailure();
+    }
+
+    static void kernelHas(const std::string& listing) { writeFile(kListing, listing); }
+};
+
+// ---- What is loaded -----------------------------------------------------------------------------
+
+TEST_F(BootRulesTest, LastGoodRulesComeFirst) {
+    storeLastGood(lastGood());
+    EXPECT_EQ(protectMachine(), "IPv4 and IPv6: the rules of the last successful reload");
+    EXPECT_EQ(contentOf(kLoaded4), lastGood().restoreText("v4"));
+    EXPECT_EQ(contentOf(kLoaded6), lastGood().restoreText("v6"));
+}
+
+TEST_F(BootRulesTest, WithoutThemTheMachineIsClosedButForTheMinimum) {
+    EXPECT_EQ(protectMachine(), std::string("IPv4 and IPv6: ") + kClosed);
+    EXPECT_EQ(contentOf(kLoaded4), kMinimum4);
+    EXPECT_EQ(contentOf(kLoaded6), kMinimum6);
+}
+
+TEST_F(BootRulesTest, TruncatedLastGoodRulesAreNotTrusted) {
+    storeLastGood(lastGood());
+    const std::string whole = contentOf(kLastGoodFile);
+    const std::size_t end = whole.find_last_of('}');
+    for (std::size_t length = 0; length <= end; ++length) {
+        writeFile(kLastGoodFile, whole.substr(0, length));
+        EXPECT_THROW((void)lastGoodRules(), Error) << whole.substr(0, length);
+    }
+    EXPECT_EQ(protectMachine(), std::string("IPv4 and IPv6: ") + kClosed);
+    EXPECT_EQ(contentOf(kLoaded4), kMinimum4);
+    EXPECT_EQ(contentOf(kLoaded6), kMinimum6);
+}
+
+TEST_F(BootRulesTest, FamilyThatRefusesItsRulesIsClosed) {
+    storeLastGood(lastGood());
+    writeFile(kRefused, "dport 4444");
+    EXPECT_EQ(protectMachine(),
+              std::string("IPv4: ") + kClosed + "; IPv6: the rules of the last successful reload");
+    EXPECT_EQ(contentOf(kLoaded4), kMinimum4);
+    EXPECT_EQ(contentOf(kLoaded6), lastGood().restoreText("v6"));
+}
+
+TEST_F(BootRulesTest, RulesThatAreThereStay) {
+    storeLastGood(lastGood());
+    kernelHas(std::string(kChains) + kJumps + "-A INPUT_FIREWALL -j DROP\n");
+    EXPECT_EQ(protectMachine(), "IPv4 and IPv6: the rules of before");
+    EXPECT_NE(access(kLoaded4, F_OK), 0);
+    EXPECT_NE(access(kLoaded6, F_OK), 0);
+}
+
+TEST_F(BootRulesTest, RulesThatPacketsDoNotMeetAreNamed) {
+    kernelHas(kChains);
+    EXPECT_THAT(protectMachine(), StartsWith("IPv4 and IPv6: no rules that packets meet"));
+    EXPECT_EQ(contentOf(kLoaded4), kMinimum4);
+}
+
+TEST_F(BootRulesTest, FamilyThatTakesNothingIsNamedAndTheOtherProtected) {
+    writeFile(kRefused, "--dport 68");
+    expectError(ErrorKind::kSystem,
+                "IPv4 is open: the rules could not be put back: IPv4: not taken",
+                [] { (void)protectMachine(); });
+    EXPECT_EQ(contentOf(kLoaded6), kMinimum6);
+}
+
+TEST_F(BootRulesTest, MinimumHasEveryPortOfSsh) {
+    const std::string text = minimumRules({"v6"}, {"22", "2200-2210"}).restoreText("v6");
+    for (const char* const network : {"fc00::/7", "fe80::/10"}) {
+        for (const char* const port : {"22", "2200:2210"}) {
+            EXPECT_THAT(text, HasSubstr(std::string("-A INPUT_FIREWALL -s ") + network +
+                                        " -p tcp -m tcp --dport " + port + " -j ACCEPT\n"));
+        }
+    }
+}
+
+// ---- When ---------------------------------------------------------------------------------------
+
+TEST_F(BootRulesTest, SettingsSayWhetherToProtect) {
+    writeSettings(true);
+    EXPECT_TRUE(mustProtect());
+    writeSettings(false);
+    EXPECT_FALSE(mustProtect());
+    storeLastGood(lastGood());
+    EXPECT_FALSE(mustProtect()) << "disabled";
+}
+
+TEST_F(BootRulesTest, SettingsThatSayNothingCountAsEnabledWithLastGoodRules) {
+    writeFile(kSettingsFile, R"({"profile": "home"})");
+    EXPECT_FALSE(mustProtect());
+    std::remove(kSettingsFile);
+    EXPECT_FALSE(mustProtect()) << "a fresh machine";
+    storeLastGood(lastGood());
+    EXPECT_TRUE(mustProtect());
+    writeFile(kSettingsFile, R"({"profile": "home"})");
+    EXPECT_TRUE(mustProtect());
+}
+
+TEST_F(BootRulesTest, SettingsThatCannotBeReadCountAsEnabled) {
+    for (const char* const text : {"", "{ \"status\" : tr", "[]", R"({"status": "yes"})"}) {
+        writeFile(kSettingsFile, text);
+        EXPECT_TRUE(mustProtect()) << text;
+    }
+    std::remove(kSettingsFile);
+    ASSERT_EQ(symlink("/nowhere", kSettingsFile), 0);
+    EXPECT_TRUE(mustProtect());
+}
+
+TEST_F(BootRulesTest, ForgottenLastGoodRulesAreGone) {
+    storeLastGood(lastGood());
+    EXPECT_EQ(*lastGoodRules(), lastGood());
+    forgetLastGood();
+    EXPECT_FALSE(lastGoodRules());
+    EXPECT_NE(access(kLastGoodFile, F_OK), 0);
+    forgetLastGood();  // none is no error
+    EXPECT_EQ(protectMachine(), std::string("IPv4 and IPv6: ") + kClosed);
+}
+
+// ---- The failure --------------------------------------------------------------------------------
+
+TEST_F(BootRulesTest, FailureIsKnownAsLongAsTheKernelHasItsRules) {
+    storeBootFailure({"the profile is damaged", "IPv4: some rules"});
+    const std::optional<BootFailure> failure = bootFailure();
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(textOf(*failure),
+              "the active profile was not applied at boot: the profile is damaged. In force: IPv4: "
+              "some rules");
+    EXPECT_EQ(protectMachine(), "IPv4: some rules");
+    EXPECT_NE(access(kLoaded4, F_OK), 0);
+    kernelHas(std::string(kChains) + kJumps + "-A INPUT_FIREWALL -j DROP\n");
+    EXPECT_FALSE(bootFailure());
+}
+
+TEST_F(BootRulesTest, ForgottenFailureIsGone) {
+    storeBootFailure({"a reason", "some rules"});
+    forgetBootFailure();
+    EXPECT_FALSE(bootFailure());
+}
+
+}  // namespace
+}  // namespace tarnfw
