@@ -143,14 +143,16 @@ void writeAll(const Descriptor& file, const std::string& text) {
     }
 }
 
+/// Writes a file or directory to the disk. True also on a file system that cannot do it.
+bool flush(const Descriptor& file) {
+    return file && (fsync(file.get()) == 0 || errno == EINVAL);
+}
+
 /// Writes the names in a file's directory to the disk.
-void flushDirectoryOf(const std::string& path) {
+bool flushDirectoryOf(const std::string& path) {
     const auto slash = path.rfind('/');
     const std::string name = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const Descriptor directory(open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory) {
-        (void)fsync(directory.get());
-    }
+    return flush(Descriptor(open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
 }
 
 }  // namespace
@@ -220,17 +222,24 @@ bool jsonFileDump(const Json::Value& value, const std::string& path) {
         return false;
     }
     takeOwnerAndMode(file, path);
-    // The result says whether the document was replaced; a failed write or flush does not change
-    // it. Both flushes, so that after a power cut the old document is there, or the new one, and
-    // not an empty one; and so that what was reported as done is on the disk.
+    // A failed write does not change the result. Both flushes do: after a power cut the old
+    // document is there, or the new one, and not an empty one; and what was reported as done is on
+    // the disk.
     writeAll(file, Json::StyledWriter().write(value));
-    (void)fsync(file.get());
+    if (!flush(file)) {
+        FW_LOG_ERR("Failed to flush %s", temporaryPath.c_str());
+        (void)unlink(temporaryPath.c_str());
+        return false;
+    }
     file = Descriptor();
     if (std::rename(temporaryPath.c_str(), path.c_str()) != 0) {
         FW_LOG_ERR("Failed to rename to %s", path.c_str());
         return false;
     }
-    flushDirectoryOf(path);
+    if (!flushDirectoryOf(path)) {
+        FW_LOG_ERR("Failed to flush the directory of %s", path.c_str());
+        return false;
+    }
     return true;
 }
 

@@ -53,4 +53,8 @@ bool writeText(int fd, const std::string& text) {
     return true;
 }
 
+bool flush(int fd) {
+    return fsync(fd) == 0 || errno == EINVAL;
+}
+
 }  // namespace tarnfw

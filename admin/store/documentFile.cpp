@@ -106,7 +106,7 @@ public:
     /// Writes all of the text and flushes it to disk.
     bool write(const std::string& text, mode_t mode) const {
         return file_ && writeText(file_.get(), text) && fchmod(file_.get(), mode) == 0 &&
-               fsync(file_.get()) == 0;
+               flush(file_.get());
     }
 
     bool become(const std::string& path, Existing existing) const {
@@ -125,14 +125,12 @@ private:
     Descriptor file_;
 };
 
-/// Flushes the directory, which has the file's name.
-void syncDirectoryOf(const std::string& path) {
+/// Flushes the directory, which has the file's name. False, with errno, when that fails.
+bool flushDirectoryOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
     const Descriptor file(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (file) {
-        (void)fsync(file.get());  // some file systems cannot; the file exists anyway
-    }
+    return file && flush(file.get());
 }
 
 }  // namespace
@@ -232,7 +230,12 @@ void writeFileAtomically(const std::string& path, const std::string& text, mode_
         throw Error(ErrorKind::kSystem,
                     "cannot write " + printable(path) + ": " + std::strerror(errno));
     }
-    syncDirectoryOf(path);
+    if (!flushDirectoryOf(path)) {
+        throw Error(ErrorKind::kSystem, printable(path) +
+                                            " is written, but a power failure may undo that: its "
+                                            "directory cannot be flushed: " +
+                                            std::strerror(errno));
+    }
 }
 
 }  // namespace tarnfw

@@ -48,11 +48,10 @@ constexpr char kPassingName[] = "/usr/tarn/etc/firewall.d/.change/put_back";
                                         kCopyDir + ": " + std::strerror(error));
 }
 
-/// Flushes a file or directory. False, with errno, when that fails, but true for a file system that
-/// cannot do it.
+/// Flushes a file or directory. False, with errno, when that fails.
 bool flush(const std::string& path) {
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    return file && (fsync(file.get()) == 0 || errno == EINVAL);
+    return file && tarnfw::flush(file.get());
 }
 
 /// Writes a copy with the mode and the owner of its document.
@@ -79,8 +78,7 @@ bool writeJournal(const std::map<std::string, std::string>& texts) {
     }
     list += kEndOfName;
     Descriptor file(open(kJournal, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kJournalMode));
-    return file && writeText(file.get(), list) && (fsync(file.get()) == 0 || errno == EINVAL) &&
-           file.close();
+    return file && writeText(file.get(), list) && tarnfw::flush(file.get()) && file.close();
 }
 
 /// The paths of the listed documents; nothing without a complete list, or where a copy is missing:
@@ -177,8 +175,9 @@ bool putBack(const std::string& path) {
     const std::string copy = copyOf(path);
     // By a second name, so that the copy is there until the end, should this be interrupted.
     (void)unlink(kPassingName);
-    return flush(copy) && link(copy.c_str(), kPassingName) == 0 &&
-           std::rename(kPassingName, path.c_str()) == 0;
+    const bool flushed = flush(copy);
+    return link(copy.c_str(), kPassingName) == 0 && std::rename(kPassingName, path.c_str()) == 0 &&
+           flushed;
 }
 
 void keepMode(const std::string& path) {

@@ -34,7 +34,7 @@ void beginJournal(const std::map<std::string, std::string>& texts);
 /// a complete journal are removed: nothing was changed.
 bool undoByJournal();
 
-/// Replaces a document by its copy. False if that fails.
+/// Replaces a document by its copy. False if that fails, or if the copy cannot be flushed.
 bool putBack(const std::string& path);
 
 /// Gives the document the mode and the owner of its copy where it was deleted and written anew;

@@ -117,7 +117,11 @@ void makeProfileDirectory() {
     // What is flushed in it is lost without its own name.
     const Descriptor parent(
         open(directory.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    (void)fsync(parent.get());  // some file systems cannot
+    if (!parent || !flush(parent.get())) {
+        throw Error(ErrorKind::kSystem, "cannot flush the directory " +
+                                            directory.parent_path().string() + ": " +
+                                            std::strerror(errno));
+    }
 }
 
 // ---- Session ------------------------------------------------------------------------------------
@@ -193,27 +197,14 @@ bool StoreSession::change(const std::function<bool()>& write) {
     if (holds_) {
         return changeHeld(write);
     }
-    StoreTransaction transaction(*this, StoreTransaction::Extent::kOneDocument);
-    const bool written = write();
-    transaction.finish();
-    return written;
+    return StoreTransaction::change(*this, StoreTransaction::Extent::kOneDocument, write);
 }
 
 bool StoreSession::changeMany(const std::function<bool()>& write) {
     if (holds_) {
         return changeHeld(write);
     }
-    StoreTransaction transaction(*this, StoreTransaction::Extent::kManyDocuments);
-    if (write()) {
-        transaction.finish();
-        return true;
-    }
-    if (!transaction.undo()) {
-        throw Error(ErrorKind::kSystem,
-                    "the change failed, and so did undoing it; the documents before it are in " +
-                        std::string(kCopyDir));
-    }
-    return false;
+    return StoreTransaction::change(*this, StoreTransaction::Extent::kManyDocuments, write);
 }
 
 bool StoreSession::changeAllProfiles(const std::function<bool()>& write) {
@@ -235,9 +226,18 @@ bool StoreSession::changeAllProfiles(const std::function<bool()>& write) {
 bool StoreSession::deleteProfile(const std::string& name) {
     requireLibrary();
     // Without copies: a deletion needs no space, and makes some.
-    const bool deleted = FW::TARNFW_PROFILE().profileDelete(name) && flushProfileDir();
+    const bool deleted = FW::TARNFW_PROFILE().profileDelete(name);
     snapshot_.refresh();
-    return deleted && !snapshot_.hasProfile(name);
+    if (!deleted || snapshot_.hasProfile(name)) {
+        return false;
+    }
+    if (!flushProfileDir()) {
+        throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) +
+                                            " is deleted, but a power failure may bring it back: "
+                                            "that could not be flushed to the disk: " +
+                                            std::strerror(errno));
+    }
+    return true;
 }
 
 void StoreSession::storeProfile(const FW::FWPROFILE& profile) {
@@ -252,19 +252,7 @@ void StoreSession::storeProfile(const FW::FWPROFILE& profile) {
     const auto wasMissed = [&] {
         return before.inode != 0 && inodeOf(before.path) == before.inode;
     };
-    bool written = false;
-    if (holds_) {
-        written = changeHeld(write);
-    } else {
-        StoreTransaction transaction(*this, StoreTransaction::Extent::kOneDocument);
-        written = write();
-        if (wasMissed()) {
-            (void)transaction.undo();
-        } else {
-            transaction.finish();
-        }
-    }
-    if (!written || wasMissed()) {
+    if (!change([&] { return write() && !wasMissed(); })) {
         throw Error(ErrorKind::kSystem, "profile " + inQuotes(profile.name) + " cannot be written");
     }
 }
@@ -354,14 +342,27 @@ StoreTransaction::StoreTransaction(StoreSession& session, Extent extent)
     }
 }
 
+/// A change as a whole, as StoreSession::change().
+bool StoreTransaction::change(StoreSession& session, Extent extent,
+                              const std::function<bool()>& write) {
+    StoreTransaction transaction(session, extent);
+    if (write()) {
+        transaction.finish();
+        return true;
+    }
+    if (!transaction.undo()) {
+        throw Error(ErrorKind::kSystem, "the change failed. " + transaction.notUndoneText());
+    }
+    return false;
+}
+
 StoreTransaction::~StoreTransaction() {
     if (!open_) {
         return;
     }
     try {
-        if (!undo()) {
-            session_.notes_.push_back("restoring the documents failed; the copies are in " +
-                                      std::string(kCopyDir));
+        if (!(extent_ == Extent::kManyDocuments ? undo() : undoDamage())) {
+            session_.notes_.push_back(notUndoneText());
         }
     } catch (const std::exception& error) {
         session_.notes_.emplace_back(error.what());
@@ -392,9 +393,7 @@ void StoreTransaction::finish(bool refreshed) {
         return;
     }
     throw Error(ErrorKind::kSystem,
-                failure + (undo() ? "All documents were restored"
-                                  : "Restoring them failed, too; the copies are in " +
-                                        std::string(kCopyDir)));
+                failure + (undo() ? "All documents were restored" : notUndoneText()));
 }
 
 void StoreTransaction::requireWhole() const {
@@ -440,9 +439,18 @@ std::vector<std::string> StoreTransaction::changed() const {
 bool StoreTransaction::undo() {
     open_ = false;
     session_.refresh();
-    const bool done = hasJournal()                        ? undoByJournal()
-                      : extent_ == Extent::kManyDocuments ? restore(changed())
-                                                          : restore(damaged());
+    return endUndone(hasJournal() ? undoByJournal() : restore(changed()));
+}
+
+/// Restores only what is not whole.
+bool StoreTransaction::undoDamage() {
+    open_ = false;
+    session_.refresh();
+    return endUndone(restore(damaged()));
+}
+
+/// Removes the copies when the documents were restored. Returns `done`.
+bool StoreTransaction::endUndone(bool done) {
     if (done) {
         dropCopies();
         removeUnfinished();
@@ -451,13 +459,21 @@ bool StoreTransaction::undo() {
     return done;
 }
 
+/// What is so after undo() has failed.
+std::string StoreTransaction::notUndoneText() const {
+    return changed().empty()
+               ? "The documents are as before, but that could not be flushed to the "
+                 "disk: a power failure may bring the change back"
+               : "Restoring the documents failed, too; the copies are in " + std::string(kCopyDir);
+}
+
 /// Puts these documents back; those that were not there before are removed.
 bool StoreTransaction::restore(const std::vector<std::string>& paths) const {
     bool done = true;
     for (const std::string& path : paths) {
         done = (before_.count(path) == 0 ? unlink(path.c_str()) == 0 : putBack(path)) && done;
     }
-    return flushProfileDir() && done;
+    return (paths.empty() || flushProfileDir()) && done;
 }
 
 void requireRoomForChange() {

@@ -37,9 +37,11 @@ TARNFW_EXPORT void jsonFileLimit(std::size_t bytes);
 /// Replaces the document `path` with `value`, written to `path` + ".tmp" and renamed into place.
 /// Both the document and its name are flushed to the disk. It keeps owner and mode of the file that
 /// it replaces; a new one gets mode 0600, whatever the umask.
-/// Returns true when it was replaced. Logs a lock not obtained in time, a temporary file that
-/// cannot be opened, and a failed rename, which leaves the temporary file; the old document
-/// is then unchanged. A failed write or flush is not detected.
+/// Returns true when it was replaced and flushed. Logs a lock not obtained in time, a temporary
+/// file that cannot be opened or flushed, and a failed rename, which leaves the temporary file; the
+/// old document is then unchanged. Logs also that the directory cannot be flushed: the new document
+/// is then in its place, but a power failure may bring the old one back. A failed write is not
+/// detected.
 /// Raises boost::interprocess::interprocess_exception when the lock file cannot be opened.
 TARNFW_EXPORT bool jsonFileDump(const Json::Value& value, const std::string& path);
 

@@ -59,4 +59,8 @@ bool readAll(int fd, std::string& text);
 /// Writes all of a text. False, with errno, when that fails.
 bool writeText(int fd, const std::string& text);
 
+/// Flushes a file or directory to the disk. False, with errno, when that fails; true on a file
+/// system that cannot do it.
+bool flush(int fd);
+
 }  // namespace tarnfw

@@ -48,7 +48,8 @@ enum class Existing { kKept, kReplaced, kReplacedAlike };
 
 /// Writes a file atomically: under another name beside it, flushed, then
 /// renamed, and the directory flushed. `mode` is set whatever the umask. Throws Error, kSystem,
-/// with no file left, if that fails or, with kKept, the file exists.
+/// with no file left, if that fails or, with kKept, the file exists; where only the directory
+/// cannot be flushed, with the new file in its place.
 void writeFileAtomically(const std::string& path, const std::string& text, mode_t mode,
                          Existing existing);
 

@@ -92,14 +92,14 @@ public:
     void refresh() { snapshot_.refresh(); }
 
     /// Changes one document, in a StoreTransaction: `write` calls the library, and its result is
-    /// returned. The snapshot then is that of the changed store. Throws Error, kSystem, if there is
-    /// no space for the copies, with nothing changed, or if the document was not written
-    /// completely, with the previous version restored; and what `write` throws.
+    /// returned. The snapshot then is that of the changed store. If `write` returns false, as when
+    /// the document cannot be flushed, the previous version is restored. Throws Error, kSystem, if
+    /// there is no space for the copies, with nothing changed; if the document was not written
+    /// completely, with the previous version restored; if restoring fails; and what `write` throws.
     bool change(const std::function<bool()>& write);
 
     /// The same for a change of many documents, or of files that come and go: it is made as a whole
-    /// or not at all, whatever interrupts it. If `write` returns false or throws, all documents are
-    /// restored, and Error, kSystem, says if that fails.
+    /// or not at all, whatever interrupts it. All documents are also restored if `write` throws.
     bool changeMany(const std::function<bool()>& write);
 
     /// changeMany() for an operation of the library that stores every profile anew. The library
@@ -108,7 +108,8 @@ public:
     /// names the profile.
     bool changeAllProfiles(const std::function<bool()>& write);
 
-    /// Deletes a profile's file. False if it is still there.
+    /// Deletes a profile's file. False if it is still there. Throws Error, kSystem, if it is
+    /// deleted and that cannot be flushed to the disk.
     bool deleteProfile(const std::string& name);
 
     /// Stores a profile under its name. Throws Error, kSystem, like change() and if
@@ -192,11 +193,17 @@ public:
     /// session's snapshot up to date.
     void requireWhole() const;
 
-    /// Ends the change by undoing it: restores all documents, or with kOneDocument those that are
-    /// damaged. False if that fails; the copies then stay, and the next session tries again.
+    /// Ends the change by undoing it: restores all documents. False if that fails; the copies then
+    /// stay, and the next session tries again.
     bool undo();
 
 private:
+    friend class StoreSession;
+
+    static bool change(StoreSession& session, Extent extent, const std::function<bool()>& write);
+    bool undoDamage();
+    bool endUndone(bool done);
+    std::string notUndoneText() const;
     std::vector<std::string> damaged() const;
     std::vector<std::string> changed() const;
     bool restore(const std::vector<std::string>& paths) const;

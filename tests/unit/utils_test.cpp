@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,12 @@ std::function<void()>& beforeRename() {
 std::vector<std::string>& diskCalls() {
     static std::vector<std::string> calls;
     return calls;
+}
+
+// What flushing a path fails with, by path.
+std::map<std::string, int>& flushErrors() {
+    static std::map<std::string, int> errors;
+    return errors;
 }
 
 Json::Value object(const std::string& key, int number) {
@@ -87,8 +94,13 @@ extern "C" int rename(const char* from, const char* to) noexcept {
 }
 
 extern "C" int fsync(int fd) {
-    const std::string link = "/proc/self/fd/" + std::to_string(fd);
-    diskCalls().push_back("flush " + fs::read_symlink(link).string());
+    const std::string path = fs::read_symlink("/proc/self/fd/" + std::to_string(fd)).string();
+    diskCalls().push_back("flush " + path);
+    const auto error = flushErrors().find(path);
+    if (error != flushErrors().end()) {
+        errno = error->second;
+        return -1;
+    }
     using Function = int (*)(int);
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, "fsync"))(fd);
 }
@@ -390,6 +402,33 @@ TEST_F(UtilsTest, DumpFlushesTheFileBeforeTheRenameAndTheDirectoryAfterIt) {
     EXPECT_TRUE(FW::jsonFileDump(object("a", 1), kData));
     EXPECT_THAT(diskCalls(), ElementsAre("flush " + kTemporary,
                                          "rename " + kTemporary + " " + kData, "flush /tmp/store"));
+}
+
+TEST_F(UtilsTest, DumpWhoseFileCannotBeFlushedLeavesTheOldOne) {
+    writeFile(kData, "{\"old\": 1}");
+    flushErrors()[kTemporary] = EIO;
+    EXPECT_FALSE(FW::jsonFileDump(object("new", 2), kData));
+    EXPECT_EQ(readFile(kData), "{\"old\": 1}");
+    EXPECT_THAT(filesIn("/tmp/store"), ElementsAre("data.json"));
+    EXPECT_THAT(log(), ElementsAre("err utils: Failed to flush " + kTemporary));
+    EXPECT_TRUE(lockIsFree(kLock));
+}
+
+TEST_F(UtilsTest, DumpWhoseDirectoryCannotBeFlushedFails) {
+    writeFile(kData, "{\"old\": 1}");
+    flushErrors()["/tmp/store"] = EIO;
+    EXPECT_FALSE(FW::jsonFileDump(object("new", 2), kData));
+    EXPECT_EQ(storedJson(kData), object("new", 2));
+    EXPECT_THAT(filesIn("/tmp/store"), ElementsAre("data.json"));
+    EXPECT_THAT(log(), ElementsAre("err utils: Failed to flush the directory of " + kData));
+    EXPECT_TRUE(lockIsFree(kLock));
+}
+
+TEST_F(UtilsTest, DumpSucceedsOnAFileSystemThatCannotFlush) {
+    flushErrors() = {{kTemporary, EINVAL}, {"/tmp/store", EINVAL}};
+    EXPECT_TRUE(FW::jsonFileDump(object("a", 1), kData));
+    EXPECT_EQ(storedJson(kData), object("a", 1));
+    EXPECT_THAT(log(), IsEmpty());
 }
 
 struct ModeCase {

@@ -1,6 +1,8 @@
 // Sessions of the store: what they do not open, and how long they wait.
 #include "tarnfwadmin/storeSession.h"
 
+#include <dlfcn.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -9,6 +11,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -31,6 +34,20 @@ namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+
+// The flushes that fail, counted from 1: none from kNever on, or all from `first` to `last`.
+constexpr int kNever = 1'000'000;
+
+struct Flushes {
+    int made = 0;
+    int first = kNever;
+    int last = kNever;
+};
+
+Flushes& flushes() {
+    static Flushes all;
+    return all;
+}
 
 const std::string kOther = std::string(kProfileDir) + "aa.json";
 
@@ -59,6 +76,24 @@ const FileCase kFiles[] = {
      },
      "is larger than 64 MiB"},
 };
+
+}  // namespace
+}  // namespace tarnfw
+
+// Also called by the library, which is a shared object.
+extern "C" __attribute__((visibility("default"))) int fsync(int fd) {
+    tarnfw::Flushes& all = tarnfw::flushes();
+    ++all.made;
+    if (all.made >= all.first && all.made <= all.last) {
+        errno = EIO;
+        return -1;
+    }
+    using Function = int (*)(int);
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, "fsync"))(fd);
+}
+
+namespace tarnfw {
+namespace {
 
 class UnusableFileTest : public StoreTest, public testing::WithParamInterface<FileCase> {};
 
@@ -177,6 +212,137 @@ TEST_F(StoreSessionTest, ChangeOfAllProfilesMayStoreThemAsTheyWere) {
     for (int i = 0; i < 2; ++i) {
         EXPECT_TRUE(session.changeAllProfiles([&] { return storeOnly({home}); }));
     }
+}
+
+/// What is in the profile directory, by name; for a file its content.
+std::map<std::string, std::string> contentOfStore() {
+    std::map<std::string, std::string> contents;
+    for (const fs::directory_entry& entry : fs::directory_iterator(kProfileDir)) {
+        const std::string path = entry.path().string();
+        contents[path] = entry.is_regular_file() ? contentOf(path) : "";
+    }
+    return contents;
+}
+
+TEST_F(StoreSessionTest, ProfileThatTheLibraryCannotReadIsNotStoredASecondTime) {
+    writeFile(kOther, R"({"name": "other"})");
+    const auto before = contentOfStore();
+    for (const bool held : {false, true}) {
+        {
+            StoreSession session(StoreSession::Access::kChange);
+            FW::FWPROFILE home = session.snapshot().profile("home");
+            home.rules.clear();
+            if (held) {
+                session.holdChange();
+            }
+            FW::jsonFileLimit(contentOf(kOther).size());  // the document of "home" is larger
+            expectError(ErrorKind::kSystem, "profile \"home\" cannot be written",
+                        [&] { session.storeProfile(home); });
+        }
+        EXPECT_EQ(contentOfStore(), before);
+    }
+}
+
+/// A change of one document; throws or returns false when it is not made.
+struct ChangeCase {
+    const char* name;
+    std::function<bool(StoreSession& session)> make;
+};
+
+std::ostream& operator<<(std::ostream& out, const ChangeCase& c) {
+    return out << c.name;
+}
+
+const ChangeCase kChanges[] = {
+    {"OfAProfile",
+     [](StoreSession& session) {
+         FW::FWPROFILE home = session.snapshot().profile("home");
+         home.rules.clear();
+         session.storeProfile(home);
+         return true;
+     }},
+    {"NewProfile",
+     [](StoreSession& session) {
+         FW::FWPROFILE casa = session.snapshot().profile("home");
+         casa.name = "casa";
+         session.storeProfile(casa);
+         return true;
+     }},
+    {"OfTheApplyMode",
+     [](StoreSession& session) {
+         session.setApplyMode(ApplyMode::kBatch);
+         return true;
+     }},
+    {"OfTheActiveProfile",
+     [](StoreSession& session) {
+         return session.change([] { return FW::TARNFW().fwProfileConfigSet("other", false); });
+     }},
+};
+
+class FailedFlushTest : public StoreTest, public testing::WithParamInterface<ChangeCase> {
+protected:
+    void SetUp() override {
+        StoreTest::SetUp();
+        writeFile(kOther, R"({"name": "other"})");
+    }
+
+    /// Makes the change; whether it reports success.
+    static bool made() {
+        StoreSession session(StoreSession::Access::kChange);
+        try {
+            return GetParam().make(session);
+        } catch (const Error& error) {
+            message() = error.what();
+            return false;
+        }
+    }
+
+    static std::string& message() {
+        static std::string text;
+        return text;
+    }
+};
+
+TEST_P(FailedFlushTest, IsAFailureThatLeavesTheDocumentsAsTheyWere) {
+    const auto before = contentOfStore();
+    int failed = 0;
+    for (;; ++failed) {
+        flushes() = {0, failed + 1, failed + 1};
+        const bool isMade = made();
+        if (flushes().made <= failed) {
+            EXPECT_TRUE(isMade);
+            break;
+        }
+        EXPECT_FALSE(isMade) << "flush " << failed + 1;
+        EXPECT_EQ(contentOfStore(), before) << "flush " << failed + 1;
+    }
+    EXPECT_EQ(failed, 2);  // of the document, and of its directory
+    EXPECT_NE(contentOfStore(), before);
+}
+
+TEST_P(FailedFlushTest, SaysSoWhereTheOldDocumentCannotBeFlushedEither) {
+    const auto before = contentOfStore();
+    flushes() = {0, 2, kNever};
+    EXPECT_FALSE(made());
+    EXPECT_EQ(message(),
+              "the change failed. The documents are as before, but that could not be flushed to "
+              "the disk: a power failure may bring the change back");
+    flushes() = {};
+    const StoreSession next(StoreSession::Access::kChange);
+    EXPECT_EQ(contentOfStore(), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(Store, FailedFlushTest, testing::ValuesIn(kChanges),
+                         [](const auto& c) { return std::string(c.param.name); });
+
+TEST_F(StoreSessionTest, DeletionThatCannotBeFlushedIsAFailure) {
+    writeFile(kOther, R"({"name": "other"})");
+    StoreSession session(StoreSession::Access::kChange);
+    flushes() = {0, 1, 1};
+    expectError(ErrorKind::kSystem,
+                "profile \"other\" is deleted, but a power failure may bring it back: that could "
+                "not be flushed to the disk: Input/output error",
+                [&] { session.deleteProfile("other"); });
 }
 
 TEST_F(StoreSessionTest, RemovesWhatTheLibraryCouldNotRename) {
