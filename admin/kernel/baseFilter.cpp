@@ -186,8 +186,10 @@ void requireBase() {
             continue;
         }
         const BaseFilter filter(family);
-        throw Error(ErrorKind::kSystem, "the base filter is not set up (" + filter.title() +
-                                            " lacks " + describe(filter.missing()) + ")");
+        throw Error(ErrorKind::kSystem,
+                    "the base filter is not set up (" + filter.title() + " lacks " +
+                        describe(filter.missing()) + ")",
+                    {}, Remedy::kAddBase);
     }
 }
 

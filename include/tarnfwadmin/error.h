@@ -34,6 +34,7 @@ enum class Remedy {
     kListServices,      ///< list the services that exist
     kCheckFiles,        ///< check the files that cannot be read
     kSetUpBase,         ///< set up the base, which writes a first profile
+    kAddBase,           ///< set up the base, whose chains or jumps are missing
     kGiveAdapterApart,  ///< give the adapter beside the rule's words, not as one of them
 };
 

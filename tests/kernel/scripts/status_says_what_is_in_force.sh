@@ -42,6 +42,7 @@ in_force
 
 # --- one family is wide open -----------------------------------------------------------------------
 
+readonly kDiffers='"tarnfw diff" shows how they differ, "tarnfw reload" applies the profile or shows why not'
 readonly kShows='"tarnfw reload" applies them or shows why'
 ip6tables -F INPUT_FIREWALL
 ip6tables -F FORWARD_FIREWALL
@@ -69,15 +70,55 @@ for tool in iptables ip6tables; do
     "$tool" -F INPUT_FIREWALL
     "$tool" -F FORWARD_FIREWALL
 done
-not_in_force 'no rules are in force' '"tarnfw reload" shows why'
+not_in_force 'no rules are in force and the machine is open' "$kShows"
 answers 0 reload
+in_force
+
+# One chain, by hand.
+iptables -F INPUT_FIREWALL
+not_in_force 'the rules in force for IPv4 are not those of the profile (INPUT_FIREWALL of IPv4 is empty)' "$kDiffers"
+answers 0 reload
+in_force
 
 # --- packets do not meet the rules -----------------------------------------------------------------
+
+readonly kMends='"tarnfw base up" and then "tarnfw reload" mend that'
+readonly kNoBase='the base filter is not set up'
+
+# Both families are flushed, or deleted; then one, and one closed by its policies.
+for how in F X; do
+    for tool in iptables ip6tables; do
+        "$tool" -F
+        [[ $how == F ]] || "$tool" -X
+    done
+    not_in_force "no rules are in force and the machine is open: $kNoBase" "$kMends"
+    answers 11 status
+    says '^In the kernel: *IPv4 0 rules: open$'
+    answers 1 reload
+    step 'what sets it up' grep --quiet '; "tarnfw base up" sets it up$' "$out/complaint"
+    answers 0 base up
+    answers 0 reload
+    in_force
+done
+ip6tables -F
+ip6tables -X
+not_in_force "packets of IPv6 do not meet the rules, which leaves it open: $kNoBase" "$kMends"
+answers 0 base up
+answers 0 reload
+iptables -P INPUT DROP
+for tool in iptables ip6tables; do
+    "$tool" -F
+done
+not_in_force "no rules are in force: $kNoBase" "$kMends"
+iptables -P INPUT ACCEPT
+answers 0 base up
+answers 0 reload
+in_force
 
 ip6tables -D INPUT -j INPUT_FIREWALL
 step 'IPv6 is open' check_packets <<<'tcp6 fd00::10 22 open fd00::20'
 not_in_force 'packets of IPv6 do not meet the rules, which leaves it open: the base filter is not set up' \
-    '"tarnfw base up" and "tarnfw reload" mend that'
+    "$kMends"
 step 'the state of each' [ "$(states)" = 'asStored noBase false' ]
 answers 0 base up
 answers 0 reload
@@ -85,7 +126,6 @@ in_force
 
 # --- other rules than those of the profile ---------------------------------------------------------
 
-readonly kDiffers='"tarnfw diff" shows how they differ, "tarnfw reload" applies the profile or shows why not'
 answers 0 policy eth0 allow --profile deny_by_default
 not_in_force 'the rules in force for IPv4 and IPv6 are not those of the profile' "$kDiffers"
 answers 11 status

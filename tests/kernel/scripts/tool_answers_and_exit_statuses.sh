@@ -80,7 +80,7 @@ answers 1 profile list
 step 'no profile is listed' [ ! -s "$out/answer" ]
 step 'the way to a first one is named' grep --quiet 'tarnfw base up' "$out/complaint"
 answers 1 enable
-complains '^tarnfw: the base filter is not set up ('
+complains '^tarnfw: the base filter is not set up (.*); "tarnfw base up" sets it up$'
 step 'no profile or settings came of all this' [ ! -e "$kSettings" ]
 # Settings that count as enabled: a reload has something to do, and must not do it.
 mkdir -p -- "$kProfileDirectory"
@@ -92,7 +92,7 @@ answers 1 enable
 step 'the settings are untouched' cmp "$kSettings" /tmp/settings
 step 'the filter is untouched' same_listing before
 answers 11 status
-says '^Firewall: *enabled, but no rules are in force; "tarnfw reload" shows why$'
+says '^Firewall: *enabled, but no rules are in force and the machine is open: the base filter is not set up; "tarnfw base up" and then "tarnfw reload" mend that$'
 rm -- "$kSettings"
 
 # --- with it ---------------------------------------------------------------------------------------

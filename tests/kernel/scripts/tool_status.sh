@@ -96,7 +96,7 @@ for tool in iptables ip6tables; do
 done
 step 'nothing is in force' [ "$(status_keys 11)" = '[true,true,false]' ]
 answers 11 status
-says '^Firewall: *enabled, but no rules are in force; "tarnfw reload" shows why$'
+says '^Firewall: *enabled, but no rules are in force and the machine is open; "tarnfw reload" applies them or shows why$'
 ip6tables -A INPUT_FIREWALL -j RETURN
 step 'one rule is something' [ "$(status_keys 11)" = '[true,false,false]' ]
 ip6tables -F INPUT_FIREWALL

@@ -31,6 +31,8 @@ std::string wordsFor(Remedy remedy) {
             return " (\"tarnfw check FILE\" shows why)";
         case Remedy::kSetUpBase:
             return "; \"tarnfw base up\" writes a first one";
+        case Remedy::kAddBase:
+            return "; \"tarnfw base up\" sets it up";
         case Remedy::kGiveAdapterApart:
             return "; did you mean \"--adapter\"?";
         case Remedy::kNone:

@@ -22,6 +22,25 @@ namespace {
 // As many rules are named in one answer.
 constexpr std::size_t kMostNamed = 3;
 
+/// The firewall's chains without a rule in families that have other rules than the profile's:
+/// "INPUT_FIREWALL of IPv4".
+std::vector<std::string> emptyChains(const FilterListings& listings,
+                                     const std::vector<FamilyInForce>& families) {
+    std::vector<std::string> names;
+    for (const FamilyInForce& family : families) {
+        const auto listing = listings.find(family.key);
+        if (family.state != InForce::kDifferent || listing == listings.end() || !listing->second) {
+            continue;
+        }
+        for (const std::string& chain : FW::FW_FIREWALL_CHAINS) {
+            if (listing->second->rulesOf(chain).empty()) {
+                names.push_back(chain + " of " + titleOf(family.key));
+            }
+        }
+    }
+    return names;
+}
+
 /// Looks again at what a reload in apply mode "lines" leaves: it may be running, or have ended.
 void lookAgain(KernelReport& report, const StoreSnapshot& store) {
     const FileLock lock(kReloadLock, 0);
@@ -67,9 +86,29 @@ std::string closedText(const KernelReport& report) {
         .append("\" opens it");
 }
 
+/// Of a machine without any rules, though the active profile has some.
+std::string noneText(const KernelReport& report) {
+    const bool open = std::all_of(report.families.begin(), report.families.end(),
+                                  [](const FamilyInForce& family) {
+                                      return family.open || family.state == InForce::kAbsent;
+                                  });
+    return std::string("no rules are in force") + (open ? " and the machine is open" : "");
+}
+
+constexpr char kBaseMends[] =
+    ": the base filter is not set up; \"tarnfw base up\" and then \"tarnfw reload\" mend that";
+
+std::string noBaseText(const KernelReport& report) {
+    if (isNothingInForce(report)) {
+        return noneText(report) + kBaseMends;
+    }
+    return "packets of " + familiesIn(report, InForce::kNoBase) + " do not meet the rules" +
+           (isOpen(report, InForce::kNoBase) ? ", which leaves it open" : "") + kBaseMends;
+}
+
 std::string nothingText(const KernelReport& report) {
     if (isNothingInForce(report)) {
-        return "no rules are in force; \"tarnfw reload\" shows why";
+        return noneText(report) + "; \"tarnfw reload\" applies them or shows why";
     }
     return "no rules are in force for " + familiesIn(report, InForce::kNothing) +
            (isOpen(report, InForce::kNothing) ? ", which is open" : "") +
@@ -81,8 +120,13 @@ std::string differentText(const KernelReport& report) {
     if (!report.enabled) {
         return "rules are still in force for " + families + "; \"tarnfw disable\" removes them";
     }
-    return "the rules in force for " + families +
-           " are not those of the profile; \"tarnfw diff\" shows how they differ, \"tarnfw "
+    const std::string empty =
+        report.emptyChains.empty()
+            ? ""
+            : " (" + boost::join(report.emptyChains, ", ") +
+                  (report.emptyChains.size() == 1 ? " is empty)" : " are empty)");
+    return "the rules in force for " + families + " are not those of the profile" + empty +
+           "; \"tarnfw diff\" shows how they differ, \"tarnfw "
            "reload\" applies the profile or shows why not";
 }
 
@@ -215,6 +259,7 @@ KernelReport kernelReport(const StoreSnapshot& store) {
     }
     report.enabled = store.firewallEnabled();
     report.families = familiesInForce(listings, store);
+    report.emptyChains = emptyChains(listings, report.families);
     if (isClosed(report)) {
         lookAgain(report, store);
     }
@@ -248,14 +293,11 @@ bool isNothingInForce(const KernelReport& report) {
 
 std::vector<std::string> complaintsOf(const KernelReport& report) {
     std::vector<std::string> texts;
-    const std::string noBase = familiesIn(report, InForce::kNoBase);
-    if (!noBase.empty() && !isNothingInForce(report)) {
-        texts.push_back("packets of " + noBase + " do not meet the rules" +
-                        (isOpen(report, InForce::kNoBase) ? ", which leaves it open" : "") +
-                        ": the base filter is not set up; \"tarnfw base up\" and \"tarnfw "
-                        "reload\" mend that");
+    const bool noBase = !familiesIn(report, InForce::kNoBase).empty();
+    if (noBase) {
+        texts.push_back(noBaseText(report));
     }
-    if (isNothingInForce(report) || !familiesIn(report, InForce::kNothing).empty()) {
+    if (!familiesIn(report, InForce::kNothing).empty() && !(noBase && isNothingInForce(report))) {
         texts.push_back(nothingText(report));
     }
     if (isClosed(report)) {

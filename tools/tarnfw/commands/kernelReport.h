@@ -18,6 +18,8 @@ namespace tarnfw {
 /// same time.
 struct KernelReport {
     std::vector<FamilyInForce> families;  ///< "v4" first
+    std::vector<std::string>
+        emptyChains;                      ///< where the others have rules: "INPUT_FIREWALL of IPv4"
     std::vector<ForeignRules> foreign;    ///< of the families that the machine has
     std::string unknown;                  ///< why the filter tables could not be listed
     std::vector<std::string> unknownNat;  ///< that redirections are not known, and why

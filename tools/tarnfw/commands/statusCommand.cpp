@@ -170,7 +170,8 @@ Cell inForceCell(const FamilyInForce& family) {
         case InForce::kNothing:
             return {rules + (family.open ? ": open" : ""), Paint::kBad};
         case InForce::kNoBase:
-            return {rules + ", which packets do not meet" + (family.open ? ": open" : ""),
+            return {rules + (family.loadedRules > 0 ? ", which packets do not meet" : "") +
+                        (family.open ? ": open" : ""),
                     Paint::kBad};
         case InForce::kClosed:
             return {rules + ", closed to new connections", Paint::kBad};
