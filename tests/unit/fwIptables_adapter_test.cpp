@@ -486,7 +486,7 @@ TEST_F(AdapterTest, GlobalHasOneEmptyMatchInBothDirections) {
     EXPECT_THAT(platform_.journal, IsEmpty());
 }
 
-TEST_F(AdapterTest, PppoeMatchNamesItsInterface) {
+TEST_F(AdapterTest, PppoeMatchNamesItsInterfaceInBothDirections) {
     platform_.pppoeInterface = "ppp0";
 
     EXPECT_THAT(matchesOf("pppoe", 1), ElementsAre("-i ppp0"));
@@ -505,7 +505,7 @@ TEST_F(AdapterTest, PppoeWithoutInterfaceFails) {
                 ElementsAre(kNoPppoe, "err fwIptables: pppoe interface is empty"));
 }
 
-TEST_F(AdapterTest, VpnHasOneMatchForEachInterfaceInListOrder) {
+TEST_F(AdapterTest, VpnHasOneMatchForEachInterfaceInListOrderAndBothDirections) {
     platform_.pppoeInterface = "ppp0";
     platform_.interfaces = {"tun3", "eth0", "ppp0", "ppp2", "tun1"};
 
