@@ -41,8 +41,8 @@ public:
     /// only if restoring fails too, which is logged, or if the caller's process ends between the
     /// two commits. Policies stay, except if a line-by-line reload was interrupted after it had
     /// set its rule in FIREWALL_RELOADING: that rule is removed, and they become ACCEPT in both
-    /// families. On a machine without IPv6, which has no ip6tables-restore or whose kernel lacks
-    /// the family, IPv4 alone is applied.
+    /// families. On a machine without IPv6, which has neither ip6tables-save nor ip6tables-restore
+    /// or whose kernel lacks the family, IPv4 alone is applied.
     /// Returns false, logged with the adapter, the line and the tool's message, when a line is
     /// refused or a tool cannot be run. Waits up to 30 s for other programs that change the packet
     /// filter under the lock of iptables, such as another call of this function.

@@ -32,6 +32,9 @@ struct CatalogueRelease {
 ///   such as "-t filter -A INPUT_FIREWALL -i eth0 -j DROP", in the order in which they must be run.
 ///   "global" holds the fixed lines, which run first, and those of the adapter of that name.
 ///
+/// A rule yields no line, which is logged, when there is a NUL character in its adapter, table,
+/// chains, addresses or ports: a program would see the text only up to it.
+///
 /// Use one object for one translation: it keeps the interface lists, the name of the PPPoE
 /// interface and the service catalogue that it has got from the platform. After an empty answer it
 /// asks again.
@@ -44,7 +47,9 @@ public:
 
     // ---- Rule to argument document, argument document to lines ----
 
-    /// Fills the argument document of one rule from the operations below, in their order.
+    /// Fills the argument document of one rule from the operations below, in their order. Adds
+    /// nothing, which is logged, for a rule with a NUL character; the operations below do not look
+    /// for one.
     /// Returns false, logged, when one fails; what was appended before stays in `arg`.
     bool FwRuleToIptablesArg(const std::string& adapter, const FWRULE& rule, Json::Value& arg);
 

@@ -15,11 +15,11 @@
 
 namespace FW {
 
-/// The lock file of the data file `path`, "/var/lock/firewall/" + its last component +
-/// ".lock", and creates directory and file if they are missing. Data files with the same name in
-/// different directories share a lock file. Returns the lock file's path; below "/tmp/" when the
-/// directory cannot be created, which is logged at LOG_DEBUG. A lock file that cannot be created is
-/// reported when it is opened.
+/// Returns the path of the lock file of the data file `path`: "/var/lock/firewall/" + its last
+/// component + ".lock"; below "/tmp/" when that directory cannot be created, which is logged at
+/// LOG_DEBUG. Creates directory and file if they are missing. Data files with the same name in
+/// different directories share a lock file. A lock file that cannot be created is reported when it
+/// is opened.
 TARNFW_EXPORT std::string getLockFile(const std::string& path);
 
 /// Reads the JSON document `path` (comments are kept) into `value`.
@@ -28,10 +28,10 @@ TARNFW_EXPORT std::string getLockFile(const std::string& path);
 /// Raises boost::interprocess::interprocess_exception when the lock file cannot be opened.
 TARNFW_EXPORT bool jsonFileLoad(Json::Value& value, const std::string& path);
 
-/// Lets jsonFileLoad() and jsonFileDump() of this process open regular files alone, and read none
-/// of more than `bytes`: for a program that has to go on when a pipe or a device lies among the
+/// Lets jsonFileLoad() and jsonFileDump() of this process use only regular files, and read none of
+/// more than `bytes`: for a program that has to go on when a pipe or a device lies among the
 /// documents, on which they may otherwise wait for ever. Such a file counts as one that cannot be
-/// opened. 0, as at the start, for no limit.
+/// opened. 0, the default, for no limit.
 TARNFW_EXPORT void jsonFileLimit(std::size_t bytes);
 
 /// Replaces the document `path` with `value`, written to `path` + ".tmp" and renamed into place.
