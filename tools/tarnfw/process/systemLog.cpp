@@ -2,10 +2,14 @@
 /// C library's. The libraries log names from documents unchanged, and LOG_PERROR prints each line
 /// on the terminal as well.
 
+#include <stdio.h>
+
 #include <cstdarg>
-#include <cstdio>
+#include <cstdlib>
 #include <exception>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "tarnfwadmin/text.h"
 
@@ -14,6 +18,8 @@ extern "C" void vsyslog(int priority, const char* format, va_list args);
 
 namespace {
 
+constexpr char kNoMemory[] = "There is no memory for a line of the log";
+
 __attribute__((format(printf, 2, 3))) void send(int priority, const char* format, ...) {
     va_list args;
     va_start(args, format);
@@ -21,28 +27,23 @@ __attribute__((format(printf, 2, 3))) void send(int priority, const char* format
     va_end(args);
 }
 
-std::string messageOf(const char* format, va_list args) {
-    va_list measured;
-    va_copy(measured, args);
-    const int length = vsnprintf(nullptr, 0, format, measured);
-    va_end(measured);
-    std::string message;
-    if (length > 0) {
-        message.resize(static_cast<std::size_t>(length));
-        (void)vsnprintf(message.data(), message.size() + 1, format, args);
-    }
-    if (!message.empty() && message.back() == '\n') {
-        message.pop_back();  // vsyslog() ends the line itself
-    }
-    return message;
-}
+struct MemoryFree {
+    void operator()(char* memory) const { std::free(memory); }
+};
 
 /// Raises nothing: the callers are C functions, and some log that there is no memory.
 void sendPrintable(int priority, const char* format, va_list args) noexcept {
+    char* text = nullptr;
+    const int length = vasprintf(&text, format, args);
+    const std::unique_ptr<char, MemoryFree> owned(length >= 0 ? text : nullptr);
     try {
-        send(priority, "%s", tarnfw::printable(messageOf(format, args)).c_str());
+        std::string message = owned ? owned.get() : kNoMemory;
+        if (!message.empty() && message.back() == '\n') {
+            message.pop_back();  // vsyslog() ends the line itself
+        }
+        send(priority, "%s", tarnfw::printable(std::move(message)).c_str());
     } catch (const std::exception&) {
-        send(priority, "There is no memory for a line of the log");
+        send(priority, "%s", kNoMemory);
     }
 }
 
