@@ -27,7 +27,7 @@ SCRATCH = "/tmp/attack"
 REPORT = SCRATCH + "/report"
 
 # At how many of its calls an operation is attacked, times its weight.
-SHORT_POINTS = {"kills": 8, "faults": 8}
+SHORT_POINTS = {"kills": 5, "faults": 5}
 LONG_POINTS = {"kills": 64, "faults": 64}
 KILLED_AT = ["change"]
 FAILED_AT = ["file", "process", "kernel", "memory"]
