@@ -3,16 +3,21 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
+#include <string>
 #include <vector>
 
 #include "logged.h"
 #include "syslog_capture.h"
+#include "tarncore.h"
 
 namespace {
 
@@ -124,6 +129,40 @@ TEST_F(XtablesLockRunTest, ALockFileThatCannotBeOpenedIsNamed) {
 TEST_F(XtablesLockRunTest, OtherProgramsTakeNoLock) {
     EXPECT_FALSE(host::takesXtablesLock("/bin/true"));
     EXPECT_FALSE(host::takesXtablesLock("/sbin/no-such-program"));
+}
+
+// ---- A machine without IPv6 ----
+
+int execute(const char* path) {
+    const char* const argv[] = {path, "-F", "INPUT_FIREWALL", nullptr};
+    return TLIBCExecv(path, argv, 1);
+}
+
+// Empties /sbin. Each case is a process of its own, so nothing of this is left for the next one.
+void hidePrograms() {
+    ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    const std::string directory = std::filesystem::canonical("/sbin");
+    ASSERT_EQ(mount("none", directory.c_str(), "tmpfs", 0, nullptr), 0);
+}
+
+TEST(AbsentFamilyTest, Ip6tablesThatIsNotThereSucceedsAndIptablesDoesNot) {
+    ASSERT_NO_FATAL_FAILURE(hidePrograms());
+    clearCapturedLog();
+    EXPECT_EQ(execute("/sbin/ip6tables"), 0);
+    EXPECT_THAT(logged(LOG_ERR), IsEmpty());
+    EXPECT_EQ(execute("/sbin/iptables"), -1);
+    EXPECT_THAT(logged(LOG_ERR), ElementsAre(HasSubstr("Cannot run /sbin/iptables: ")));
+}
+
+TEST(AbsentFamilyTest, Ip6tablesThatCannotBeRunIsAFailure) {
+    ASSERT_NO_FATAL_FAILURE(hidePrograms());
+    const int file = open("/sbin/ip6tables", O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    ASSERT_GE(file, 0);
+    close(file);
+    clearCapturedLog();
+    EXPECT_EQ(execute("/sbin/ip6tables"), -1);
+    EXPECT_THAT(logged(LOG_ERR), ElementsAre(HasSubstr("Cannot run /sbin/ip6tables: ")));
 }
 
 }  // namespace
