@@ -59,7 +59,9 @@ says_so() {
     says "not applied at boot: .*In force: .*$1"
 }
 
-make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
+make_links <<END
+veth eth0 192.168.1.10/24 fd00:1::10/64 2001:db8:1::10/64 fe80::10/64 lan 192.168.1.20/24 fd00:1::20/64 2001:db8:1::20/64 fe80::20/64
+END
 readonly kDamages='truncated empty missing renamed unknown_policy no_profile_named settings_cut_short
     settings_of_a_wrong_type settings_no_object settings_link_to_nowhere'
 
@@ -110,7 +112,7 @@ step 'and the profile is in force' same_listing enabled
 
 # --- without last good rules -------------------------------------------------------------------------
 
-serve tcp/22 tcp/80
+serve tcp/22 tcp/80 udp/68 udp/546
 for how in truncated missing settings_cut_short; do
     damage "$how"
     for file in none damaged; do
@@ -127,6 +129,52 @@ END
     done
 done
 keep_listing closed
+
+# Neighbours are found anew: that works only with what the minimum accepts of ICMPv6.
+forget_neighbours() {
+    ip -6 neighbour flush dev eth0
+    in_network "$kClients" ip -6 neighbour flush dev far-eth0
+}
+
+forget_neighbours
+check_packets <<'END'
+icmp4 192.168.1.10 0 blocked
+udp4 192.168.1.10 68 blocked
+tcp6 fd00:1::10 22 open fd00:1::20
+tcp6 fd00:1::10 80 blocked fd00:1::20
+tcp6 2001:db8:1::10 22 blocked 2001:db8:1::20
+icmp6 fd00:1::10 0 blocked
+udp6 fd00:1::10 546 blocked
+END
+step 'SSH and DHCPv6 from link-local addresses, DHCP from its port' in_network "$kClients" /usr/bin/python3 - <<'END'
+import socket
+
+def answered(kind, address, source):
+    family = socket.AF_INET6 if ":" in address[0] else socket.AF_INET
+    with socket.socket(family, kind) as probe:
+        probe.settimeout(5)
+        probe.bind(socket.getaddrinfo(*source, family, kind)[0][4])
+        to = socket.getaddrinfo(*address, family, kind)[0][4]
+        if kind == socket.SOCK_STREAM:
+            probe.connect(to)
+            probe.send(b"probe")
+        else:  # the answer may come from another address of the interface
+            probe.sendto(b"probe", to)
+        return probe.recv(9) == b"probe"
+
+assert answered(socket.SOCK_STREAM, ("fe80::10%far-eth0", 22), ("fe80::20%far-eth0", 0))
+assert answered(socket.SOCK_DGRAM, ("192.168.1.10", 68), ("192.168.1.20", 67))
+assert answered(socket.SOCK_DGRAM, ("fe80::10%far-eth0", 546), ("fe80::20%far-eth0", 547))
+END
+exec {ready}< <(exec nsenter --net="/run/netns/$kClients" -- "$build/tests/kernel/packet_probe" serve tcp/9000)
+[[ $(head -n 1 <&"$ready") == ready ]] || fail 'cannot serve the other direction'
+forget_neighbours
+step 'the machine itself gets answers' "$build/tests/kernel/packet_probe" check <<'END'
+tcp4 192.168.1.20 9000 open
+tcp6 fd00:1::20 9000 open
+tcp6 2001:db8:1::20 9000 open
+END
+
 answers 1 boot
 step 'a second try leaves it closed' same_listing closed
 step 'and says so' grep --quiet "In force: IPv4 and IPv6: $kMinimum" "$out/complaint"
@@ -145,6 +193,36 @@ step 'a family that refuses its rules is closed' \
     grep --quiet "IPv4: $kMinimum.*; IPv6: the rules of the last successful reload$" "$out/complaint"
 restore
 answers 0 reload
+
+# --- without locks and records -----------------------------------------------------------------------
+
+# boots_on_a_read_only_run: nothing can be locked or recorded there.
+boots_on_a_read_only_run() {
+    reboot
+    rm -f -- /run/xtables.lock
+    mount -t tmpfs -o ro tmpfs /run
+    answers 1 boot
+    umount /run
+    step 'what is not possible is said' grep --quiet 'cannot create the directory /run/tarn' "$out/complaint"
+}
+
+boots_on_a_read_only_run
+step 'the last good rules are in force' same_listing enabled
+step 'that is said' grep --quiet 'In force: IPv4 and IPv6: the rules of the last successful reload$' \
+    "$out/complaint"
+mv -- "$kLastGood" /tmp/last_good
+boots_on_a_read_only_run
+step 'without them the machine is closed but for the minimum' same_listing closed
+mv -- /tmp/last_good "$kLastGood"
+
+reboot
+mkdir /run/tarn
+echo '{' >/run/tarn/base_filter.json
+answers 1 boot
+step 'a record that cannot be read is named' grep --quiet 'cannot read /run/tarn/base_filter.json' "$out/complaint"
+step 'the last good rules are in force' same_listing enabled
+boots 0
+step 'the profile is in force' same_listing enabled
 
 # --- disabled ----------------------------------------------------------------------------------------
 

@@ -1,7 +1,10 @@
 /// tarnfw base: the chains and jumps that the library expects to find, and a first profile. tarnfw
 /// boot: what the service runs.
+#include <fcntl.h>
+#include <stdlib.h>
 #include <syslog.h>
 
+#include <chrono>
 #include <ctime>
 #include <exception>
 #include <iostream>
@@ -25,6 +28,7 @@
 #include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/bootRules.h"
+#include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/documentFile.h"
 
 namespace tarnfw {
@@ -42,6 +46,9 @@ constexpr mode_t kRecordMode = 0600;
 
 // Serialises "base up" and "base down".
 constexpr char kLockName[] = "base_filter.lock";
+
+// The lock of iptables' legacy variant.
+constexpr char kXtablesLock[] = "/run/xtables.lock";
 
 constexpr char kAbsent[] = "absent: this machine has no packet filter for it";
 
@@ -172,13 +179,9 @@ void writeFirstProfile(bool ipv6Works, const LockTime& time) {
 
 // ---- Commands ----
 
-void setUp(BaseFilter filter) {
-    if (MachineKernel().isAbsent(filter.key())) {
-        std::cout << filter.title() << ": " << kAbsent << '\n';
-        return;
-    }
-    const BaseParts parts = filter.missing();
-    // Recorded first, so that "base down" also removes what an interrupted call added.
+/// Records what is about to be added to a family, so that "base down" also removes what an
+/// interrupted call added. Throws Error, kSystem.
+void recordParts(const BaseFilter& filter, const BaseParts& parts) {
     const Json::Value before = recordLoad();
     Json::Value record = before;
     addToRecord(record[filter.key()], parts);
@@ -186,15 +189,37 @@ void setUp(BaseFilter filter) {
     if (record != before) {
         recordStore(record);
     }
+}
+
+/// What to do when the record cannot be written.
+enum class Unrecorded { kStop, kGoOn };
+
+/// Sets up one family. Returns why it is not recorded, or nothing; throws Error where it stops.
+std::string setUp(BaseFilter filter, Unrecorded unrecorded = Unrecorded::kStop) {
+    if (MachineKernel().isAbsent(filter.key())) {
+        std::cout << filter.title() << ": " << kAbsent << '\n';
+        return "";
+    }
+    const BaseParts parts = filter.missing();
+    std::string failure;
+    try {
+        recordParts(filter, parts);
+    } catch (const Error& error) {
+        if (unrecorded == Unrecorded::kStop) {
+            throw;
+        }
+        failure = error.what();
+    }
     filter.add(parts);
     std::cout << filter.title() << ": added " << describe(parts) << '\n';
+    return failure;
 }
 
 /// Sets up both families. Returns why IPv6 could not be, or nothing: IPv4 is useful without it.
 std::string setUpBoth() {
-    setUp(BaseFilter("v4"));
+    (void)setUp(BaseFilter("v4"));
     try {
-        setUp(BaseFilter("v6"));
+        (void)setUp(BaseFilter("v6"));
     } catch (const Error& failure) {
         return failure.what();
     }
@@ -225,6 +250,7 @@ void baseUp() {
     requireNoTrial();
     LockTime time;
     const ToolLock lock(kLockName, time);
+    awaitXtablesLock(time);
     setUpMachine(time, isEnabled());
 }
 
@@ -233,6 +259,7 @@ void baseDown() {
     requireNoTrial();
     LockTime time;
     const ToolLock lock(kLockName, time);
+    awaitXtablesLock(time);
     if (Context(StoreSession::Access::kRead).store().firewallEnabled()) {
         std::cerr
             << "tarnfw: the firewall is still enabled in the settings, but now filters nothing\n";
@@ -294,34 +321,90 @@ void baseStatus(bool json) {
 
 // ---- Boot ----
 
-/// Sets up both families, and tries each twice: at boot nobody else does. Returns why one of them
-/// could not be, or nothing.
+/// While it exists, the programs that this process starts take the lock of a file in memory
+/// instead of that of iptables. For a machine that would be open otherwise: the holder of that lock
+/// is stopped, or the file cannot be opened. A change that the holder has begun is refused by the
+/// kernel when it goes on, because the number of rules is another one.
+class OwnXtablesLock {
+public:
+    OwnXtablesLock() : file_(memoryFile("xtables.lock")) {
+        (void)fcntl(file_.get(), F_SETFD, 0);  // the programs find it open
+        const std::string path = "/proc/self/fd/" + std::to_string(file_.get());
+        (void)setenv(kLockVariable, path.c_str(), 1);
+    }
+    ~OwnXtablesLock() { (void)unsetenv(kLockVariable); }
+    OwnXtablesLock(const OwnXtablesLock&) = delete;
+    OwnXtablesLock& operator=(const OwnXtablesLock&) = delete;
+
+private:
+    static constexpr char kLockVariable[] = "XTABLES_LOCKFILE";
+
+    Descriptor file_;
+};
+
+/// Nothing where the lock of iptables can be had. Waits for what is left of `time`.
+std::unique_ptr<OwnXtablesLock> ownXtablesLockIfNeeded(LockTime& time) {
+    try {
+        awaitXtablesLock(time);
+        // As iptables opens it.
+        if (Descriptor(open(kXtablesLock, O_RDONLY | O_CREAT | O_CLOEXEC, kRecordMode))) {
+            return nullptr;
+        }
+    } catch (const Error&) {
+        // said when the profile is applied, with the machine protected
+    }
+    return std::make_unique<OwnXtablesLock>();
+}
+
+/// Adds a failure to a text of several.
+void addFailure(std::string& failures, const std::string& failure) {
+    failures += (failures.empty() || failure.empty() ? "" : "; ") + failure;
+}
+
+/// Sets up both families. Returns what has failed, or nothing.
 std::string setUpAtBoot() {
     std::string failures;
     for (const char* const family : {"v4", "v6"}) {
         try {
-            setUp(BaseFilter(family));
-            continue;
-        } catch (const Error&) {
-            // once more, from what is there now
-        }
-        try {
-            setUp(BaseFilter(family));
+            const std::string unrecorded = setUp(BaseFilter(family), Unrecorded::kGoOn);
+            addFailure(failures, unrecorded);
         } catch (const Error& failure) {
-            failures += (failures.empty() ? "" : "; ") + std::string(failure.what());
+            addFailure(failures, failure.what());
         }
     }
     return failures;
 }
 
-/// Applies the active profile. Throws what went wrong.
-void applyAtBoot(const std::string& baseFailure, LockTime& time) {
+/// Sets up the base filter and protects the machine, in up to two attempts: at boot nobody else
+/// does. Returns what is in force, and adds to `failures`. Throws Error, kSystem.
+std::string setUpAndProtect(LockTime& time, std::string& failures) {
+    std::unique_ptr<OwnXtablesLock> own = ownXtablesLockIfNeeded(time);
+    for (;;) {
+        const std::string failure = setUpAtBoot();
+        try {
+            if (failure.empty() || own) {
+                addFailure(failures, failure);
+                return protectMachine();
+            }
+        } catch (const Error&) {
+            if (own) {
+                throw;
+            }
+        }
+        own = std::make_unique<OwnXtablesLock>();
+    }
+}
+
+/// Applies the active profile, unless something has failed before. Throws what went wrong.
+void applyAtBoot(const std::string& failures, const LockTime& time) {
+    if (!failures.empty()) {
+        throw Error(ErrorKind::kSystem, failures);
+    }
     // To change, so that what an interrupted command has left is undone, or nothing is applied.
     Context context(StoreSession::Access::kChange, std::make_unique<Machine>(), time);
     context.session().unlock();
-    if (!baseFailure.empty()) {
-        throw Error(ErrorKind::kSystem, baseFailure);
-    }
+    context.session().requireReload();
+    awaitXtablesLock(context.session().lockTime());
     tidyBase(/*enabled=*/true);
     if (!context.store().firewallEnabled()) {
         throw Error(ErrorKind::kSystem, "the settings do not say whether the firewall is enabled");
@@ -335,6 +418,8 @@ void applyAtBoot(const std::string& baseFailure, LockTime& time) {
     const std::string text = textOf(failure);
     syslog(LOG_ERR, "%s", text.c_str());
     try {
+        LockTime none(std::chrono::milliseconds::zero());
+        const auto own = ownXtablesLockIfNeeded(none);
         storeBootFailure(failure);
     } catch (const std::exception& another) {
         std::cerr << "tarnfw: " << another.what() << '\n';
@@ -342,29 +427,60 @@ void applyAtBoot(const std::string& baseFailure, LockTime& time) {
     throw Error(ErrorKind::kSystem, text);
 }
 
+/// A trial is not asked for where nobody can listen.
+void requireNoTrialAtBoot() {
+    try {
+        requireNoTrial();
+    } catch (const Error& error) {
+        if (error.kind() == ErrorKind::kBusy) {
+            throw;
+        }
+    }
+}
+
+/// The lock of the base filter. Nothing when it cannot be had, and why in `failures`: the machine
+/// is protected all the same.
+std::unique_ptr<ToolLock> lockAtBoot(LockTime& time, std::string& failures) {
+    try {
+        return std::make_unique<ToolLock>(kLockName, time);
+    } catch (const Error& error) {
+        failures = error.what();
+        return nullptr;
+    }
+}
+
+/// Undoes an interrupted change, before its half is read.
+void undoChangeAtBoot(LockTime& time) {
+    time.spend([&] {
+        try {
+            const Context context(StoreSession::Access::kChange, std::make_unique<Machine>(), time);
+        } catch (const std::exception&) {
+            // said by the second attempt, with the machine protected
+        }
+    });
+}
+
 void boot() {
     requireRoot();
-    requireNoTrial();
+    requireNoTrialAtBoot();
     LockTime time;
-    const ToolLock lock(kLockName, time);
-    try {
-        // Undoes an interrupted change, before its half is read.
-        const Context context(StoreSession::Access::kChange, std::make_unique<Machine>(), time);
-    } catch (const Error&) {
-        // said by the second attempt, with the machine protected
-    }
+    std::string failures;
+    const std::unique_ptr<ToolLock> lock = lockAtBoot(time, failures);
+    undoChangeAtBoot(time);
     if (!mustProtect()) {
+        if (!lock) {
+            throw Error(ErrorKind::kBusy, failures);
+        }
         forgetBootFailure();
         setUpMachine(time, /*enabled=*/false);
         std::cout << "Firewall disabled: nothing to apply\n";
         return;
     }
     // Without a first profile: it would take the place of a lost one of the same name.
-    const std::string baseFailure = setUpAtBoot();
     std::string inForce = "nothing: the machine is open";
     try {
-        inForce = protectMachine();
-        applyAtBoot(baseFailure, time);
+        inForce = setUpAndProtect(time, failures);
+        applyAtBoot(failures, time);
     } catch (const std::exception& error) {
         bootFailed(error, inForce);
     }
