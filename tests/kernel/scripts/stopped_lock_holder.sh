@@ -1,10 +1,11 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
 # A lock that a stopped process holds: every command ends within 40 s, and a command that needs the lock
-# names its file and the process. The lock of the store, and in the long form the other three.
-make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
-
+# names its file and the process. The lock of the store, and in the long form the others, a trial that is
+# running, and a boot.
 # shellcheck source=tests/kernel/answers.sh
 source "$checkout/tests/kernel/answers.sh"
+# shellcheck source=tests/kernel/trials.sh
+source "$checkout/tests/kernel/trials.sh"
 
 readonly kMostSeconds=40
 
@@ -41,30 +42,39 @@ bounded() {
     printf '%s %s\n' "$status" $((SECONDS - start)) >"$out/$1.end"
 }
 
-# all_end FILE KIND NAME...: with the lock held, each of these commands ends in time, fails and says which
+# in_time LOCK COMMAND...: with the lock held, each of these commands ends in time, fails and says which
 # lock it is and who holds it. Two that change the store would wait for each other.
-all_end() {
-    local lock=$1 name status seconds named
-    touch -- "$lock"
-    stopped_holder "$lock" "$2"
+in_time() {
+    local lock=$1 command name status seconds named
     named="$lock.*$holder"
-    [[ $lock != /run/xtables.lock ]] || named=$lock # iptables waits for it, and does not know the holder
     local -a running=()
-    for name in "${@:3}"; do
-        bounded "$name" "$name" &
+    for command in "${@:2}"; do
+        # shellcheck disable=SC2086  # words
+        bounded "${command// /_}" $command &
         running+=("$!")
     done
     wait "${running[@]}"
-    for name in "${@:3}"; do
+    for command in "${@:2}"; do
+        name=${command// /_}
         read -r status seconds <"$out/$name.end"
-        printf -- '-- %s held: %s ends with %s after %s s\n' "$lock" "$name" "$status" "$seconds"
-        ((seconds <= kMostSeconds)) || fail "$name takes $seconds s"
-        ((status == 1)) || fail "$name ends with $status"
+        printf -- '-- %s held: %s ends with %s after %s s\n' "$lock" "$command" "$status" "$seconds"
+        ((seconds <= kMostSeconds)) || fail "$command takes $seconds s"
+        ((status == 1)) || fail "$command ends with $status"
+        # "status" does not know who it is that iptables waits for.
+        [[ $command != status ]] || named=$lock
         grep --quiet "$named" "$out/$name.text" || {
             cat -- "$out/$name.text"
-            fail "$name does not name $named"
+            fail "$command does not name $named"
         }
     done
+}
+
+# all_end FILE KIND COMMAND...: the same with the lock held now; when it is free, all is as before.
+all_end() {
+    local lock=$1
+    touch -- "$lock"
+    stopped_holder "$lock" "$2"
+    in_time "$lock" "${@:3}"
     [[ $lock == /run/xtables.lock ]] || answers 0 status # reads, and waits for nobody
     kill -KILL "$holder"
     wait "$holder" 2>/dev/null || true
@@ -73,15 +83,72 @@ all_end() {
     answers 0 diff
 }
 
-answers 0 base up
-use_profile deny_by_default
+# trial_ends FILE KIND: so do the commands of a trial that is running when the lock is taken, and "status"
+# says what it waits for. The trial goes back when the lock is free.
+trial_ends() {
+    local lock=$1 way start
+    for way in --confirm --cancel; do
+        in_background "$new" --timeout "$kLong"
+        stopped_holder "$lock" "$2"
+        start=$SECONDS
+        [[ $way == --confirm ]] || kill -TERM "$trial" # ends in time as well
+        in_time "$lock" "try $way"
+        if [[ $lock != /run/xtables.lock ]]; then
+            tarnfw status >"$out/answer" 2>&1 || (($? == 11)) # the rules on trial may be in force
+            says "^Trial: .*not over yet, trying again: $lock is locked by process $holder (python3), which is stopped"
+        fi
+        if [[ $way == --cancel ]]; then
+            ends 1 "not over yet: $lock.*$holder"
+            ((SECONDS - start <= kMostSeconds)) || fail "the terminal takes $((SECONDS - start)) s"
+        fi
+        kill -KILL "$holder"
+        wait "$holder" 2>/dev/null || true
+        [[ $way == --cancel ]] || ends 1
+        await_end
+        answers 0 diff
+        step 'no test profile is left' no_test_profile
+    done
+}
+
+# boot_protects FILE KIND COMMAND...: so does "tarnfw boot", with the rules of the last successful reload in
+# force.
+boot_protects() {
+    local lock=$1 tool
+    keep_listing enabled
+    for tool in iptables ip6tables; do
+        "$tool" -F
+        "$tool" -X
+    done
+    touch -- "$lock"
+    stopped_holder "$lock" "$2"
+    in_time "$lock" boot "${@:3}"
+    kill -KILL "$holder"
+    wait "$holder" 2>/dev/null || true
+    step 'the last good rules are in force' same_listing enabled
+    step 'that is said' grep --quiet 'In force: IPv4 and IPv6: the rules of the last successful reload$' "$out/boot.text"
+    answers 0 boot
+    answers 0 diff
+}
+
+store_two_profiles
 answers 0 profile copy deny_by_default home
 answers 0 profile use home
 answers 0 enable
 
-all_end /run/tarn/store.lock ofd disable
+all_end /run/tarn/store.lock ofd disable "try $new"
 if [[ -v TARN_LONG ]]; then
-    all_end /var/lock/firewall/firewall_settings.json.lock posix reload disable
-    all_end /tmp/firewall_iptables_exec.lock ofd reload disable
-    [[ $variant == nft ]] || all_end /run/xtables.lock flock status reload disable
+    boot_protects /run/tarn/base_filter.lock ofd 'base up' 'base down'
+    boot_protects /run/tarn/store.lock ofd
+    trial_ends /run/tarn/store.lock ofd
+    while read -r lock kind commands; do
+        # shellcheck disable=SC2086  # words
+        all_end "$lock" "$kind" $commands disable
+        all_end "$lock" "$kind" "try $new"
+        trial_ends "$lock" "$kind"
+        boot_protects "$lock" "$kind"
+    done < <(
+        printf '%s posix reload\n' /var/lock/firewall/firewall_settings.json.lock
+        printf '%s ofd reload\n' "$kReloadLock"
+        [[ $variant == nft ]] || printf '%s flock status reload\n' /run/xtables.lock
+    )
 fi

@@ -40,7 +40,7 @@ constexpr int kMaxSeconds = 86400;
 constexpr int kTick = 1000;  // ms between two lines of the countdown
 
 // How long a terminal waits for the end of a trial that cannot end; the watchdog goes on.
-constexpr std::chrono::seconds kEndPatience{40};
+constexpr std::chrono::seconds kEndPatience{35};
 
 struct TryOptions {
     std::string profile;
@@ -163,14 +163,19 @@ Watchdog startWatchdog(const WatchdogWork& work) {
 /// Says on standard error why a trial is not over yet.
 class Retries {
 public:
-    /// Returns whether the report is about that; after 40 seconds it is taken for the last one.
-    bool isShown(const Json::Value& report) {
-        if (report.get("state", "").asString() != kTrialEnding || isLeft()) {
-            return false;
-        }
+    /// To be called when the trial is to end.
+    void start() {
         if (!begin_) {
             begin_ = Clock::now();
         }
+    }
+
+    /// Returns whether the report is about that; after 35 seconds it is taken for the last one.
+    bool isShown(const Json::Value& report) {
+        if (report.get("state", "").asString() != kTrialEnding || isOver()) {
+            return false;
+        }
+        start();
         const std::string obstacle = report.get("obstacle", "").asString();
         if (obstacle != shown_) {
             shown_ = obstacle;
@@ -180,13 +185,15 @@ public:
         return true;
     }
 
-    /// Whether the terminal has waited long enough.
-    bool isLeft() const { return begin_ && Clock::now() - *begin_ > kEndPatience; }
+    /// Whether the terminal has waited long enough, and there is a report to leave with.
+    bool isLeft() const { return last_ && isOver(); }
 
     /// The report so far; nothing where all has gone well.
     const std::optional<Json::Value>& last() const { return last_; }
 
 private:
+    bool isOver() const { return begin_ && Clock::now() - *begin_ > kEndPatience; }
+
     std::optional<Clock::time_point> begin_;
     std::string shown_;
     std::optional<Json::Value> last_;
@@ -246,7 +253,8 @@ public:
     }
 
 private:
-    void ask(const char* what) const {
+    void ask(const char* what) {
+        retries_.start();
         Json::Value message;
         message["ask"] = what;
         watchdog_.channel.send(message);
@@ -335,6 +343,7 @@ Json::Value endAbandoned(const std::string& name, const std::string& reason) {
     });
     const Progress progress("Restoring the previous rules");
     Retries retries;
+    retries.start();
     for (;;) {
         const bool heard = watchdog.channel.awaits(std::chrono::milliseconds(kTick));
         if (heard) {

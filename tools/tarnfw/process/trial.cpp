@@ -170,6 +170,7 @@ std::string begin(TrialRecord& record, TrialDocuments& documents) {
     if (!lock.held()) {
         throwLocked(kReloadLock);
     }
+    awaitXtablesLock(session.lockTime());
     if (!session.snapshot().firewallEnabled()) {
         throw Error(ErrorKind::kUnusable, "the firewall was disabled meanwhile");
     }
@@ -230,6 +231,7 @@ void adopt(TrialRecord& record, const TrialDocuments& documents) {
         if (!lock.held()) {
             throwLocked(kReloadLock);
         }
+        awaitXtablesLock(session.lockTime());
         if (record.isChanged(SavedRules::inKernel())) {
             throw Error(ErrorKind::kUnusable,
                         "its rules are no longer in force: another program has changed them");
@@ -251,6 +253,7 @@ void adopt(TrialRecord& record, const TrialDocuments& documents) {
 void enableAgain() {
     LockTime time(kAttemptLock);
     awaitUnlocked(kReloadLock, time);
+    awaitXtablesLock(time);
     if (FW::TARNFW().fwEnable()) {
         return;
     }
@@ -273,6 +276,7 @@ void putBackSeen(const SavedRules& rules) {
 std::string applyActive() {
     LockTime time(kAttemptLock);
     awaitUnlocked(kReloadLock, time);  // or the library waits for it
+    awaitXtablesLock(time);
     StoreSession session(StoreSession::Access::kRead);
     return Control(session).apply() ? kNowActive : kNowDisabled;
 }
@@ -288,6 +292,7 @@ void putBackBefore(const TrialRecord& record) {
     if (!lock.held()) {
         throwLocked(kReloadLock);
     }
+    awaitXtablesLock(time);
     putBackSeen(goalOf(record, SavedRules::inKernel()));
 }
 
@@ -301,6 +306,7 @@ std::string restoreRules(const std::optional<TrialRecord>& record) {
         if (!lock.held()) {
             throwLocked(kReloadLock);
         }
+        awaitXtablesLock(time);
         const SavedRules now = SavedRules::inKernel();
         if (isDisabled()) {
             putBackSeen(emptied(now));

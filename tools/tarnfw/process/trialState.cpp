@@ -20,7 +20,7 @@ using std::chrono::seconds;
 
 // Limits for the watchdog: for the first answer, and for the end of the trial.
 constexpr seconds kAnswerTime{3};
-constexpr seconds kEndTime{40};
+constexpr seconds kEndTime{35};
 
 void send(const Channel& trial, const char* what) {
     Json::Value message;

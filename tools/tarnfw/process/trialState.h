@@ -50,7 +50,7 @@ void forgetAbandonedTrial(LockTime& time);
 /// none, or when the watchdog does not answer. The caller must not have the store's lock.
 std::optional<std::string> endTrialOfDisabled();
 
-/// Sends a request to the trial and returns the last report, or after 40 seconds the last one so
+/// Sends a request to the trial and returns the last report, or after 35 seconds the last one so
 /// far. Throws Error: kBusy when the watchdog does not answer, kNotFound when the trial has just
 /// ended.
 Json::Value askTrial(const Channel& trial, const char* what);

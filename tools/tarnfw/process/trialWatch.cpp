@@ -103,6 +103,9 @@ void TrialWatch::pause(const std::string& obstacle) {
         syslog(LOG_ERR, "The trial of %s is not over yet, trying again: %s", profile_.c_str(),
                obstacle.c_str());
         terminal_.send(state());
+        for (const Channel& asker : askers_) {
+            asker.send(state());
+        }
     }
     const Clock::time_point next = Clock::now() + kPause;
     for (Clock::duration left = kPause; left > Clock::duration::zero();

@@ -52,8 +52,8 @@ public:
     /// From now on the trial is ending; signals and a lost terminal change nothing any more.
     void end(const std::string& reason);
 
-    /// Says why the trial cannot end yet, to the terminal and, when that has changed, the log. Then
-    /// waits for a second, answering others.
+    /// Says why the trial cannot end yet, when that has changed: to the terminal, to those who wait
+    /// for the end, and to the log. Then waits for a second, answering others.
     void pause(const std::string& obstacle);
 
     /// Sends the last report to all who wait for it.
