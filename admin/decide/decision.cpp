@@ -203,10 +203,12 @@ std::vector<FittingPorts> fittingPorts(const FWRULE& rule, const Packet& packet,
     return fitting;
 }
 
+constexpr std::size_t kIpv4Bytes = 4;
+
 /// The address after the last of a range; nothing after the last of all.
 std::optional<Address> after(const Address& address) {
     Address::Bytes bytes = address.bytes();
-    for (std::size_t i = bytes.size(); i > 0; --i) {
+    for (std::size_t i = address.isIpv6() ? bytes.size() : kIpv4Bytes; i > 0; --i) {
         if (++bytes[i - 1] != 0) {
             return Address(address.isIpv6(), bytes);
         }
@@ -346,9 +348,9 @@ std::vector<Decision> Decider::decide(const Packet& packet) {
     return std::move(pieces).result();
 }
 
-std::optional<FW::FW_POLICY> Decider::ipv6Verdict(Packet packet) {
+std::optional<FW::FW_POLICY> Decider::verdictForAll(Packet packet) {
     // Between two neighbours of these, all senders are treated alike.
-    std::set<Address> senders = {Address(true, {})};
+    std::set<Address> senders = {Address(packet.source.isIpv6(), {})};
     packet.source = *senders.begin();
     for (const List& list : listsFor(packet)) {
         const auto rules = profile_.rules.find(list.adapter);

@@ -1,12 +1,8 @@
 #include "tarnfwadmin/foreignRules.h"
 
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <set>
 #include <utility>
@@ -18,14 +14,9 @@
 
 #include "kernel/kernelRule.h"
 #include "tarnfwadmin/baseFilter.h"
-#include "tarnfwadmin/descriptor.h"
-#include "tarnfwadmin/error.h"
-#include "tarnfwadmin/program.h"
 
 namespace tarnfw {
 namespace {
-
-constexpr int kNatSeconds = 5;
 
 // A host of containers has thousands of rules in chains that jump to each other. What is not
 // followed to its end may accept.
@@ -187,6 +178,9 @@ private:
                 if (chain == base_ && rule.target == base_ + "_FIREWALL") {
                     return End::kStopped;
                 }
+                if (endsInReloading(rule, match)) {
+                    return End::kStopped;
+                }
                 continue;
             }
             const Match matched = lessOf(match, matchOf(rule, question_));
@@ -207,6 +201,15 @@ private:
             }
         }
         return End::kFellThrough;
+    }
+
+    /// Follows a jump to FIREWALL_RELOADING, for the rules that others have put there: during a
+    /// reload the firewall has one, for established connections. Whether no packet comes back.
+    bool endsInReloading(const KernelRule& rule, Match match) {
+        const Match matched = lessOf(match, matchOf(rule, question_));
+        return accepts_ && rule.target == kReloadingChain && rule.chain == base_ &&
+               matched != Match::kNone && follow(kReloadingChain, matched) == End::kStopped &&
+               matched == Match::kAll;
     }
 
     /// Whether no packet goes on after the rule.
@@ -301,41 +304,41 @@ std::pair<std::string, std::string> endsOf(const std::string& target) {
     return {target.substr(0, colon), target.substr(colon + 1)};
 }
 
-}  // namespace
-
-std::optional<RuleListing> natRules(const std::string& family, std::string& failure) {
-    const std::string program = programOf(family) + "-save";
-    std::error_code ignored;
-    const std::string real = std::filesystem::canonical(program, ignored).filename().string();
-    if (real.empty()) {
-        return RuleListing();  // no such family
+/// What the last rule of a path through a table does; without the ports that it is for.
+Redirection redirectionBy(const std::vector<KernelRule>& path, const NatTable& table,
+                          const std::vector<Address>& own) {
+    const KernelRule& last = path.back();
+    Redirection redirection;
+    for (const KernelRule& rule : path) {
+        const auto text = table.texts.find(rule.text);
+        redirection.rules.push_back(text == table.texts.end() ? rule.text : text->second);
     }
-    if (!boost::contains(real, "nft")) {
-        // The programs of the legacy variant load the table by asking for it, and with it the
-        // tracking of connections.
-        std::ifstream names(family == "v4" ? "/proc/net/ip_tables_names"
-                                           : "/proc/net/ip6_tables_names");
-        bool loaded = false;
-        for (std::string name; std::getline(names, name);) {
-            loaded = loaded || name == "nat";
-        }
-        if (!loaded) {
-            return RuleListing();
-        }
+    std::string ports = optionOf(last, "--to-ports");
+    if (last.target == "REDIRECT") {
+        redirection.toThisMachine = true;
+        redirection.target = ports.empty() ? "this machine" : "port " + ports;
+    } else {
+        redirection.target = optionOf(last, "--to-destination");
+        const auto ends = endsOf(redirection.target);
+        ports = ends.second;
+        redirection.destination = addressFrom(ends.first);
+        redirection.toThisMachine =
+            ends.first.empty() ||
+            (redirection.destination &&
+             std::find(own.begin(), own.end(), *redirection.destination) != own.end());
     }
-    try {
-        const Descriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
-        const ProgramAnswer answer =
-            runProgram({program, "-t", "nat"}, nothing.get(), {}, kNatSeconds);
-        // A kernel without the table says so; its filter table is listed elsewhere.
-        return answer.status == 0 ? RuleListing::from(answer.output) : RuleListing();
-    } catch (const Error& error) {
-        failure = error.what();
-        return std::nullopt;
-    }
+    redirection.seenPorts = portSpanFrom(ports);
+    return redirection;
 }
 
+}  // namespace
+
 ForeignRules::ForeignRules(std::string family, RuleListing filter, RuleListing nat,
+                           std::vector<Address> own)
+    : ForeignRules(std::move(family), std::move(filter),
+                   std::vector<NatTable>{{std::move(nat), {kNatEntrance}, {}}}, std::move(own)) {}
+
+ForeignRules::ForeignRules(std::string family, RuleListing filter, std::vector<NatTable> nat,
                            std::vector<Address> own)
     : family_(std::move(family)),
       filter_(std::move(filter)),
@@ -358,10 +361,11 @@ std::vector<EarlyAccept> ForeignRules::earlyAccepts(const std::string& chain,
 
 std::vector<EarlyAccept> ForeignRules::anyEarlyAccepts() const {
     std::vector<EarlyAccept> all;
+    std::set<std::string> seen;
     for (const char* const chain : {"INPUT", "FORWARD"}) {
-        std::set<std::string> seen;
         for (EarlyAccept& accept : earlyAccepts(chain, ForeignQuestion())) {
             accept.rules.resize(1);
+            accept.chain = kernelRuleFrom(accept.rules.front()).chain;
             if (seen.insert(accept.rules.front()).second) {
                 all.push_back(std::move(accept));
             }
@@ -372,32 +376,18 @@ std::vector<EarlyAccept> ForeignRules::anyEarlyAccepts() const {
 
 std::vector<Redirection> ForeignRules::redirections(const ForeignQuestion& question) const {
     std::vector<Redirection> found;
-    Walk(nat_, question, false, [&](const auto& path, Effect effect, bool certain) {
-        const KernelRule& last = path.back();
-        if (effect != Effect::kRedirects || found.size() >= kMostForeignRules) {
-            return;
+    for (const NatTable& table : nat_) {
+        for (const std::string& entrance : table.entrances) {
+            Walk(table.rules, question, false, [&](const auto& path, Effect effect, bool certain) {
+                if (effect != Effect::kRedirects || found.size() >= kMostForeignRules) {
+                    return;
+                }
+                found.push_back(redirectionBy(path, table, own_));
+                found.back().ports = portsOn(path, question);
+                found.back().certain = certain;
+            }).run(entrance);
         }
-        Redirection redirection;
-        redirection.rules = textsOf(path);
-        redirection.ports = portsOn(path, question);
-        redirection.certain = certain;
-        std::string ports = optionOf(last, "--to-ports");
-        if (last.target == "REDIRECT") {
-            redirection.toThisMachine = true;
-            redirection.target = ports.empty() ? "this machine" : "port " + ports;
-        } else {
-            redirection.target = optionOf(last, "--to-destination");
-            const auto ends = endsOf(redirection.target);
-            ports = ends.second;
-            redirection.destination = addressFrom(ends.first);
-            redirection.toThisMachine =
-                ends.first.empty() ||
-                (redirection.destination &&
-                 std::find(own_.begin(), own_.end(), *redirection.destination) != own_.end());
-        }
-        redirection.seenPorts = portSpanFrom(ports);
-        found.push_back(std::move(redirection));
-    }).run("PREROUTING");
+    }
     return found;
 }
 

@@ -87,9 +87,10 @@ public:
     /// through it meet, since it is the interface of their 6in4 tunnel.
     std::vector<std::string> tunnelOwners(const std::string& interface);
 
-    /// What is decided for IPv6 packets like `packet` from anywhere: allowed, denied, or mixed when
-    /// it depends on the sender; nothing when that cannot be said without one.
-    std::optional<FW::FW_POLICY> ipv6Verdict(Packet packet);
+    /// What is decided for packets like `packet` from any address of the family of its source:
+    /// allowed, denied, or mixed when it depends on the address or the port; nothing when that
+    /// cannot be said of all addresses at once.
+    std::optional<FW::FW_POLICY> verdictForAll(Packet packet);
 
     /// The rule at a place of a decision of this profile; else throws std::out_of_range.
     const FW::FWRULE& ruleAt(const RulePlace& place) const;

@@ -1,5 +1,6 @@
 /// Rules of other programs that packets meet before the firewall's: those of INPUT and FORWARD that
-/// may accept, and those of the table "nat" that change where packets go.
+/// may accept, those that somebody has put into FIREWALL_RELOADING, and those that change where
+/// packets go, in the table "nat" or in other programs' tables of nftables.
 ///
 /// Only these can let a packet past the firewall's rules. What accepts in another table or in
 /// another program's own nftables chain ends only that chain: the packet still meets INPUT and
@@ -34,14 +35,15 @@ struct ForeignQuestion {
 /// A rule that may accept packets before they meet the firewall's.
 struct EarlyAccept {
     std::string chain;  ///< "INPUT" or "FORWARD"
-    /// As iptables prints them: the rule of `chain`, and those of the chains that it leads to.
+    /// As iptables prints them: the rule of `chain`, or of FIREWALL_RELOADING, and those of the
+    /// chains that it leads to.
     std::vector<std::string> rules;
     bool certain = false;  ///< it accepts all the packets of the question
 };
 
 /// A rule that changes where packets go.
 struct Redirection {
-    std::vector<std::string> rules;      ///< from that of PREROUTING on
+    std::vector<std::string> rules;      ///< from that of PREROUTING on, or as nft prints them
     PortSpan ports;                      ///< those of the question that it is for
     std::string target;                  ///< "172.17.0.2:80"; "port 8081" of this machine
     bool toThisMachine = false;          ///< the packets then meet INPUT, else FORWARD
@@ -50,15 +52,34 @@ struct Redirection {
     bool certain = false;                ///< it changes all those packets
 };
 
-/// The rules of "nat", as iptables-save prints them. Nothing, with the reason in `failure`, when
-/// they cannot be listed within 5 s. A kernel without the table has no rules; it is not asked in a
-/// way that would load it.
-std::optional<RuleListing> natRules(const std::string& family, std::string& failure);
+/// Rules that change where packets go, in the form of iptables-save.
+struct NatTable {
+    RuleListing rules;
+    std::vector<std::string> entrances;        ///< the chains that incoming packets begin with
+    std::map<std::string, std::string> texts;  ///< a rule as it is shown, where that is not its own
+};
+
+/// Those of the machine, by family: the table "nat" of iptables, and other programs' tables of
+/// nftables.
+struct NatTables {
+    std::map<std::string, std::vector<NatTable>> byFamily;
+    std::vector<std::string> unknown;  ///< "the nat table of IPv4 cannot be listed: ..."
+};
+
+/// Lists them, each program within 5 s. A kernel without the table "nat" has no rules; it is not
+/// asked in a way that would load it. Without the program "nft" only iptables is asked; with it,
+/// one run lists the chains of nftables, and one more each table of others that changes where
+/// packets go.
+NatTables natTables();
 
 /// The rules of one family, and what they do to the packets of a question.
 class ForeignRules {
 public:
     /// `own` are the machine's addresses.
+    ForeignRules(std::string family, RuleListing filter, std::vector<NatTable> nat,
+                 std::vector<Address> own = {});
+
+    /// The same with the table "nat" of iptables alone.
     ForeignRules(std::string family, RuleListing filter, RuleListing nat,
                  std::vector<Address> own = {});
 
@@ -69,8 +90,8 @@ public:
     std::vector<EarlyAccept> earlyAccepts(const std::string& chain,
                                           const ForeignQuestion& question) const;
 
-    /// Those of INPUT and FORWARD, for any packet that opens a connection. Only the first rule of
-    /// each is given, the one of INPUT or FORWARD, and each once.
+    /// Those of both, for any packet that opens a connection. Only the first rule of each is given,
+    /// each once, and `chain` is its own, which may be FIREWALL_RELOADING.
     std::vector<EarlyAccept> anyEarlyAccepts() const;
 
     /// The rules that change where such packets go. At most kMostForeignRules.
@@ -79,11 +100,14 @@ public:
 private:
     std::string family_;
     RuleListing filter_;
-    RuleListing nat_;
+    std::vector<NatTable> nat_;
     std::vector<Address> own_;
 };
 
 inline constexpr std::size_t kMostForeignRules = 100;
+
+/// The first chain of incoming packets in the table "nat".
+inline constexpr char kNatEntrance[] = "PREROUTING";
 
 /// "-A FORWARD -o docker0 -j DOCKER; -A DOCKER -d 172.17.0.2/32 ... -j ACCEPT".
 std::string rulesText(const std::vector<std::string>& rules);

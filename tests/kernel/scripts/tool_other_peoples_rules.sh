@@ -125,12 +125,14 @@ step 'as a document' [ "$(jq -c '.kernel.v4.redirects | length' "$out/answer")" 
 answers 0 diff
 readonly kHanded='tcp/8080 is handed to 172.17.0.2:23 (IPv4: -A PREROUTING -m addrtype --dst-type LOCAL -j DOCKER, -A DOCKER ! -i docker0 -p tcp -m tcp --dport 8080 -j DNAT --to-destination 172.17.0.2:23); the rules of FORWARD_FIREWALL see port 23'
 answers 11 blocked --port tcp/8080 --adapter eth0
-says "^$kHanded\$"
+says "^$kHanded: eth0 blocked\$"
 answers 11 explain --port tcp/8080 --adapter eth0 --from 192.168.1.21
-says "^$kHanded\$"
+says "^$kHanded: eth0 blocked (the default policy of eth0: deny)\$"
 answers 11 blocked --port tcp/8080 --adapter eth0 --json
 step 'as a document' [ "$(jq -c '.redirects | map([.port, .target, .chain, .seenPort, .certain])' \
     "$out/answer")" = '[["tcp/8080","172.17.0.2:23","FORWARD_FIREWALL","tcp/23",true]]' ]
+step 'with the verdict' [ "$(jq -c '.redirects[0].verdicts' "$out/answer")" = \
+    '[{"adapter":"eth0","verdict":"blocked"}]' ]
 answers 11 blocked --port tcp/8000-8100 --adapter eth0
 says '^tcp/8080 may be handed to 172.17.0.2:23 '
 answers 10 blocked --port tcp/8081 --adapter eth0
@@ -139,7 +141,12 @@ step 'allowing the published port does not open it' \
     check_packets <<<'tcp4 192.168.1.10 8080 blocked 192.168.1.21'
 answers 11 blocked --port tcp/8080 --adapter eth0
 says '^eth0  *allowed$'
-says "^$kHanded\$"
+says "^$kHanded: eth0 blocked\$"
+answers 0 rule add allow tcp 23 --adapter eth0 --profile deny_by_default --reload
+step "allowing the container's port does" check_packets <<<'tcp4 192.168.1.10 8080 open 192.168.1.21'
+answers 11 explain --port tcp/8080 --adapter eth0 --from 192.168.1.21
+says "^$kHanded: eth0 allowed (rule 4 of eth0: allow tcp 23 from anywhere)\$"
+answers 0 rule delete 4 --adapter eth0 --profile deny_by_default --reload
 
 # That host's jump comes first: the container is open, whatever the profile says.
 iptables -D FORWARD -o docker0 -j DOCKER
@@ -162,4 +169,60 @@ iptables -t nat -F DOCKER
 iptables -t nat -I PREROUTING -i eth0 -p tcp --dport 81 -j REDIRECT --to-ports 80
 step 'the profile sees the other port' check_packets <<<'tcp4 192.168.1.10 81 open 192.168.1.21'
 answers 11 blocked --port tcp/81 --adapter eth0
-says '^tcp/81 is handed to port 80 (IPv4: .*); the rules of INPUT_FIREWALL see port 80$'
+says '^tcp/81 is handed to port 80 (IPv4: .*); the rules of INPUT_FIREWALL see port 80: eth0 allowed$'
+iptables -t nat -F PREROUTING
+iptables -D FORWARD -o docker0 -j DOCKER
+answers 0 reload
+as_stored
+
+# --- in the firewall's own chain -------------------------------------------------------------------
+
+iptables -A FIREWALL_RELOADING -p tcp --dport 23 -j ACCEPT
+step 'the port is open' check_packets <<<'tcp4 192.168.1.10 23 open 192.168.1.21'
+answers 11 status
+says "^Firewall: *enabled, but other programs' rules in FIREWALL_RELOADING (IPv4) may accept packets "
+says '"tarnfw reload" puts the firewall.s first and empties FIREWALL_RELOADING$'
+says '^Accepts before: *IPv4 -A FIREWALL_RELOADING -p tcp -m tcp --dport 23 -j ACCEPT$'
+answers 11 blocked --port tcp/23 --adapter eth0
+says 'blocked  *but accepted before it by: -A FIREWALL_RELOADING -p tcp -m tcp --dport 23 -j ACCEPT (IPv4)'
+answers 10 diff
+says '^+ -A FIREWALL_RELOADING -p tcp -m tcp --dport 23 -j ACCEPT$'
+answers 0 reload
+step 'the port is closed' check_packets <<<'tcp4 192.168.1.10 23 blocked 192.168.1.21'
+answers 0 status
+
+# --- in a table of nftables ------------------------------------------------------------------------
+
+# Such a table as nft prints it. What nft does to packets is its own tests' concern.
+mkdir /tmp/sbin
+cp --archive -- /usr/sbin/. /tmp/sbin/
+cat >/tmp/sbin/nft <<'END'
+#!/bin/sh
+echo "$*" >>/tmp/nft_runs
+if [ "$*" = 'list chains' ]; then
+    printf 'table ip nat {\n\tchain PREROUTING {\n\t\ttype nat hook prerouting priority dstnat; policy accept;\n\t}\n}\n'
+    printf 'table inet filter {\n\tchain pre {\n\t\ttype filter hook prerouting priority raw; policy accept;\n\t}\n}\n'
+fi
+printf 'table inet others {\n\tchain pre {\n\t\ttype nat hook prerouting priority dstnat; policy accept;\n'
+[ "$*" = 'list chains' ] || printf '\t\ttcp dport 8443 counter packets 3 bytes 180 redirect to :23\n'
+printf '\t}\n}\n'
+END
+chmod +x /tmp/sbin/nft
+mount --bind /tmp/sbin /usr/sbin
+answers 0 status
+says '^Redirects: *IPv4 table inet others chain pre: tcp dport 8443 redirect to :23$'
+says '^Redirects: *IPv6 table inet others chain pre: tcp dport 8443 redirect to :23$'
+if [[ $variant == nft ]]; then
+    step 'no other table is listed' [ "$(sort /tmp/nft_runs)" = \
+        "$(printf -- '-t -n list table inet others\nlist chains')" ]
+fi
+answers 11 blocked --port tcp/8443 --adapter eth0
+says '^tcp/8443 is handed to port 23 (IPv4: table inet others chain pre: tcp dport 8443 redirect to :23); the rules of INPUT_FIREWALL see port 23: eth0 blocked$'
+answers 11 explain --port tcp/8443 --adapter eth0 --from fd00::20
+says 'see port 23: eth0 blocked (the default policy of eth0: deny)$'
+printf '#!/bin/sh\necho "Error: no rights" >&2\nexit 1\n' >/tmp/sbin/nft
+answers 0 status
+says '^Redirects: *the tables of nftables cannot be listed: /usr/sbin/nft fails: Error: no rights$'
+printf '#!/bin/sh\necho "netlink: Error: cache initialization failed: Protocol not supported" >&2\nexit 1\n' >/tmp/sbin/nft
+answers 0 status
+step 'a kernel without nftables is no error' [ "$(grep --count '^Redirects' "$out/answer" || true)" = 0 ]

@@ -486,7 +486,7 @@ protected:
     std::string verdict() {
         tarnfw::Machine machine;
         Packet packet = on({"six"}, kPacketV6);
-        const auto found = Decider(profile_, machine).ipv6Verdict(packet);
+        const auto found = Decider(profile_, machine).verdictForAll(packet);
         return !found                          ? "depends"
                : *found == FW::FW_POLICY_MIXED ? "mixed"
                : *found == kDeny               ? "denied"
@@ -565,6 +565,15 @@ TEST(ForwardedTest, MeetsTheRulesForBothInterfacesInTheForwardChain) {
               "22 deny docker0/1; 23-25 allow default of eth0; 26 deny eth0/3");
     packet.forwardedTo = Texts{};
     EXPECT_EQ(decided(profile, packet), "22-25 allow default of eth0; 26 deny eth0/3");
+    tarnfw::Machine machine;
+    EXPECT_EQ(Decider(profile, machine).verdictForAll(packet), FW::FW_POLICY_MIXED);
+    packet.ports = {26, 26};
+    EXPECT_EQ(Decider(profile, machine).verdictForAll(packet), kDeny);
+    profile.rules["eth0"].insert(profile.rules["eth0"].begin(),
+                                 from(ports(kAllow, {"26"}), 1, {"255.255.255.0", "24"}));
+    EXPECT_EQ(Decider(profile, machine).verdictForAll(packet), FW::FW_POLICY_MIXED);
+    profile.rules["eth0"].erase(profile.rules["eth0"].begin());
+    packet.ports = {22, 26};
     packet.forwardedTo.reset();
     EXPECT_EQ(decided(profile, packet),
               "22-23 allow default of eth0; 24 deny eth0/1; 25 allow default of eth0; "

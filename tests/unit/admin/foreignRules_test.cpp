@@ -47,7 +47,7 @@ ForeignQuestion question(int port = 22) {
 std::string found(const RuleListing& filter, const ForeignQuestion& asked,
                   const std::string& chain = "INPUT") {
     const std::vector<EarlyAccept> accepts =
-        ForeignRules("v4", filter, {}).earlyAccepts(chain, asked);
+        ForeignRules("v4", filter, RuleListing()).earlyAccepts(chain, asked);
     if (accepts.empty()) {
         return "none";
     }
@@ -109,6 +109,14 @@ const AcceptCase kAccepts[] = {
     {"AChainOfAChain", "-A INPUT -j OTHERS\n-A OTHERS -j MORE\n-A MORE -j ACCEPT\n", "certain"},
     {"AChainThatDoesNotComeBack", "-A INPUT -g OTHERS\n-A OTHERS -p udp -j DROP\n", "certain"},
     {"AnEmptyChain", "-A INPUT -j OTHERS\n", "none"},
+    {"InTheReloadingChain", "-A FIREWALL_RELOADING -p tcp -m tcp --dport 22 -j ACCEPT\n",
+     "certain"},
+    {"OfTheReloadItself", "-A FIREWALL_RELOADING -m state --state RELATED,ESTABLISHED -j ACCEPT\n",
+     "none"},
+    {"BeforeADropInTheReloadingChain",
+     "-A FIREWALL_RELOADING -j OTHERS\n"
+     "-A OTHERS -s 10.0.0.0/8 -j ACCEPT\n-A FIREWALL_RELOADING -j DROP\n",
+     "maybe"},
 };
 
 class AcceptTest : public testing::TestWithParam<AcceptCase> {};
@@ -140,15 +148,26 @@ TEST(ForeignRulesTest, TheSenderDecides) {
 
 TEST(ForeignRulesTest, TheWholeWayIsNamed) {
     const std::vector<EarlyAccept> accepts =
-        ForeignRules("v4", filterWith("-A INPUT -i eth0 -j OTHERS\n-A OTHERS -j ACCEPT\n"), {})
+        ForeignRules("v4", filterWith("-A INPUT -i eth0 -j OTHERS\n-A OTHERS -j ACCEPT\n"),
+                     RuleListing())
             .earlyAccepts("INPUT", question());
     ASSERT_THAT(accepts, SizeIs(1));
     EXPECT_THAT(accepts[0].rules, ElementsAre("-A INPUT -i eth0 -j OTHERS", "-A OTHERS -j ACCEPT"));
 }
 
+TEST(ForeignRulesTest, ARuleInTheReloadingChainIsGivenOnceWithItsChain) {
+    const std::vector<EarlyAccept> accepts =
+        ForeignRules("v4", filterWith("-A FIREWALL_RELOADING -s 10.0.0.0/8 -j ACCEPT\n"),
+                     RuleListing())
+            .anyEarlyAccepts();
+    ASSERT_THAT(accepts, SizeIs(1));
+    EXPECT_EQ(accepts[0].chain, "FIREWALL_RELOADING");
+    EXPECT_THAT(accepts[0].rules, ElementsAre("-A FIREWALL_RELOADING -s 10.0.0.0/8 -j ACCEPT"));
+}
+
 TEST(ForeignRulesTest, WithoutTheJumpThereIsNoBefore) {
     const RuleListing filter = RuleListing::from("-P INPUT ACCEPT\n-A INPUT -j ACCEPT\n");
-    EXPECT_THAT(ForeignRules("v4", filter, {}).anyEarlyAccepts(), IsEmpty());
+    EXPECT_THAT(ForeignRules("v4", filter, RuleListing()).anyEarlyAccepts(), IsEmpty());
 }
 
 TEST(ForeignRulesTest, EachRuleOfAContainerHostIsGivenOnce) {
@@ -161,7 +180,7 @@ TEST(ForeignRulesTest, EachRuleOfAContainerHostIsGivenOnce) {
         "-A DOCKER -d 172.17.0.3/32 ! -i docker0 -o docker0 -p tcp -m tcp --dport 81 -j ACCEPT\n"
         "-A FORWARD -i docker0 ! -o docker0 -j ACCEPT\n");
     std::vector<std::string> rules;
-    for (const EarlyAccept& accept : ForeignRules("v4", filter, {}).anyEarlyAccepts()) {
+    for (const EarlyAccept& accept : ForeignRules("v4", filter, RuleListing()).anyEarlyAccepts()) {
         EXPECT_EQ(accept.chain, "FORWARD");
         rules.push_back(rulesText(accept.rules));
     }
@@ -229,8 +248,9 @@ class RedirectionTest : public testing::TestWithParam<RedirectionCase> {};
 TEST_P(RedirectionTest, IsNamed) {
     const RuleListing nat = RuleListing::from(std::string("-N DOCKER\n") + GetParam().rules);
     std::string told;
-    for (const Redirection& found : ForeignRules("v4", {}, nat, {*addressFrom("192.0.2.1")})
-                                        .redirections(question(GetParam().port))) {
+    for (const Redirection& found :
+         ForeignRules("v4", RuleListing(), nat, {*addressFrom("192.0.2.1")})
+             .redirections(question(GetParam().port))) {
         told += found.target + (found.toThisMachine ? " INPUT " : " FORWARD ") +
                 (found.seenPorts ? portSpanText(*found.seenPorts) : "-") +
                 (found.certain ? " certain" : " maybe");
@@ -244,7 +264,7 @@ TEST(RedirectionOfManyTest, NamesThePortsThatItIsFor) {
     ForeignQuestion asked = question();
     asked.ports = PortSpan{8000, 8100};
     const auto found =
-        ForeignRules("v4", {}, RuleListing::from("-N DOCKER\n" + std::string(kDocker)))
+        ForeignRules("v4", RuleListing(), RuleListing::from("-N DOCKER\n" + std::string(kDocker)))
             .redirections(asked);
     ASSERT_THAT(found, SizeIs(1));
     EXPECT_EQ(portSpanText(found[0].ports), "8080");

@@ -121,6 +121,60 @@ std::vector<std::string> adaptersAsked(const BlockedOptions& options,
     return adapters;
 }
 
+/// The packets of a question through an adapter, one for each protocol that has ports.
+std::vector<Packet> packetsFor(const FW::PortCompareST& question, const std::string& adapter) {
+    Packet packet;
+    packet.adapters = isPredefined(adapter) ? std::vector{adapter} : adapterNamesOf(adapter);
+    const std::optional<PortSpan> span = portSpanFrom(question.port);
+    if (!span) {
+        return {};
+    }
+    if (question.portDirect != FW::FW_PORT_DIRECT_DESTINATION) {
+        packet.sourcePorts = span;
+    } else {
+        packet.ports = *span;
+    }
+    std::vector<Packet> packets;
+    for (const auto protocol : {FW::FW_PORT_PROTOCOL_TCP, FW::FW_PORT_PROTOCOL_UDP}) {
+        if (question.protocol == protocol || question.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP) {
+            packet.protocol = protocol;
+            packets.push_back(packet);
+        }
+    }
+    return packets;
+}
+
+/// What the rules do to packets that a rule of others redirects, with the address and the port that
+/// they then have. Without a sender: to those of all.
+InnerAnswer innerAnswer(Decider& decider, const BeforeFirewall::Redirect& redirect,
+                        const std::string& adapter, const std::optional<Address>& from) {
+    const Redirection& redirection = redirect.redirection;
+    const FW::PortCompareST question{
+        FW::FW_PORT_DIRECT_DESTINATION,
+        redirect.protocol == "udp" ? FW::FW_PORT_PROTOCOL_UDP : FW::FW_PORT_PROTOCOL_TCP,
+        portSpanText(redirection.seenPorts.value_or(redirection.ports))};
+    Packet packet = packetsFor(question, adapter).front();
+    packet.source = from.value_or(Address(redirect.family == "v6", {}));
+    packet.destination = redirection.destination;
+    if (!redirection.toThisMachine) {
+        const auto out = packet.destination ? interfaceTowards(*packet.destination) : std::nullopt;
+        packet.forwardedTo = out ? adapterNamesOf(*out) : std::vector<std::string>();
+    }
+    InnerAnswer answer{adapter, "", ""};
+    if (!from) {
+        const std::optional<FW::FW_POLICY> verdict = decider.verdictForAll(packet);
+        answer.verdict = verdict ? verdictText(*verdict) : "";
+        return answer;
+    }
+    const std::vector<Decision> decisions = decider.decide(packet);
+    if (decisions.size() == 1 && decisions.front().unless.empty()) {
+        answer.verdict =
+            verdictText(decisions.front().denied ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW);
+        answer.by = decider.reason(decisions.front());
+    }
+    return answer;
+}
+
 /// What the kernel does of the answer.
 class KernelAnswer {
 public:
@@ -136,13 +190,16 @@ public:
 
     /// What comes before the firewall's rules on an adapter. Where those block the packets, it may
     /// make the answer wrong.
-    const BeforeFirewall& ask(const std::string& adapter, bool blocked) {
+    const BeforeFirewall& ask(Decider& decider, const std::string& adapter, bool blocked) {
         BeforeFirewall& before = before_[adapter];
         for (const FW::PortCompareST& question : questions_) {
             addTo(before, beforeFirewall(report_, question, adapter, from_, to_));
         }
         if (adapter == FW::FW_ADAPTER_GLOBAL) {
             before.redirects.clear();  // the adapters' answers have them
+        }
+        for (BeforeFirewall::Redirect& redirect : before.redirects) {
+            redirect.inner.push_back(innerAnswer(decider, redirect, adapter, from_));
         }
         if (!blocked) {
             before.accepts.clear();  // they accept what the firewall accepts
@@ -253,29 +310,6 @@ bool answeredDisabled(const StoreSnapshot& store, const BlockedOptions& options,
     return true;
 }
 
-/// The packets of a question through an adapter, one for each protocol that has ports.
-std::vector<Packet> packetsFor(const FW::PortCompareST& question, const std::string& adapter) {
-    Packet packet;
-    packet.adapters = isPredefined(adapter) ? std::vector{adapter} : adapterNamesOf(adapter);
-    const std::optional<PortSpan> span = portSpanFrom(question.port);
-    if (!span) {
-        return {};
-    }
-    if (question.portDirect != FW::FW_PORT_DIRECT_DESTINATION) {
-        packet.sourcePorts = span;
-    } else {
-        packet.ports = *span;
-    }
-    std::vector<Packet> packets;
-    for (const auto protocol : {FW::FW_PORT_PROTOCOL_TCP, FW::FW_PORT_PROTOCOL_UDP}) {
-        if (question.protocol == protocol || question.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP) {
-            packet.protocol = protocol;
-            packets.push_back(packet);
-        }
-    }
-    return packets;
-}
-
 // ---- 6in4 tunnels ----
 
 /// The answer for IPv6 through an interface that is the 6in4 tunnel of other adapters: the verdict
@@ -317,8 +351,9 @@ TunnelAnswer tunnelAnswer(Decider& decider, const std::vector<FW::PortCompareST>
     }
     std::set<std::optional<FW::FW_POLICY>> verdicts;
     for (const FW::PortCompareST& question : questions) {
-        for (const Packet& packet : packetsFor(question, adapter)) {
-            verdicts.insert(decider.ipv6Verdict(packet));
+        for (Packet& packet : packetsFor(question, adapter)) {
+            packet.source = Address(true, {});
+            verdicts.insert(decider.verdictForAll(packet));
         }
     }
     if (verdicts.size() > 1 && verdicts.count(std::nullopt) == 0) {
@@ -376,7 +411,7 @@ void blocked(const BlockedOptions& options) {
         const TunnelAnswer tunnel = tunnelAnswer(decider, questions, answer.adapter);
         allowed = allowed && !tunnel.blocks();
         const BeforeFirewall& before =
-            kernel.ask(answer.adapter, isBlocked(answer.verdict) || tunnel.blocks());
+            kernel.ask(decider, answer.adapter, isBlocked(answer.verdict) || tunnel.blocks());
         Json::Value entry;
         tunnel.addTo(entry);
         entry["name"] = answer.adapter;
@@ -534,7 +569,7 @@ void explain(const BlockedOptions& options) {
         allowed = allowed && !tunnel.blocks();
     }
     const auto before = [&](const AdapterAnswer& answer) {
-        return kernel.ask(answer.adapter,
+        return kernel.ask(decider, answer.adapter,
                           isBlocked(answer.verdict) || tunnels[answer.adapter].blocks());
     };
     if (options.json) {
@@ -684,7 +719,7 @@ void explainSender(const BlockedOptions& options) {
             denied = denied || decision.denied;
         }
         allowed = allowed && !denied;
-        found.back().before = kernel.ask(adapter, denied);
+        found.back().before = kernel.ask(decider, adapter, denied);
     }
     if (options.json) {
         Json::Value document = documentOf(store, options, questions, true, allowed);

@@ -215,7 +215,8 @@ private:
     static std::vector<RuleEdit> aheadEdits(const std::string& family, const std::string& chain,
                                             const RuleListing& held) {
         std::vector<RuleEdit> edits;
-        for (const EarlyAccept& accept : ForeignRules(family, held, {}).anyEarlyAccepts()) {
+        for (const EarlyAccept& accept :
+             ForeignRules(family, held, RuleListing()).anyEarlyAccepts()) {
             if (accept.chain == chain) {
                 const std::string& rule = accept.rules.front();
                 edits.push_back({'+', rule, held.positionOf(chain, rule)});

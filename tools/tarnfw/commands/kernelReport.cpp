@@ -177,7 +177,7 @@ BeforeFirewall beforeIn(const ForeignRules& rules, ForeignQuestion question,
         seen.toThisMachine = redirection.toThisMachine;
         addAccepts(redirection.toThisMachine ? "INPUT" : "FORWARD", seen);
         stays = stays && !redirection.certain;
-        before.redirects.push_back({rules.family(), protocol, redirection});
+        before.redirects.push_back({rules.family(), protocol, redirection, {}});
     }
     if (stays) {
         addAccepts("INPUT", question);
@@ -230,6 +230,18 @@ std::string named(const std::vector<BeforeFirewall::Accept>& accepts, bool certa
     return more == 0 ? text : text + "; and " + std::to_string(more) + " more";
 }
 
+/// ": eth0 blocked, wlan0 allowed"; empty without answers.
+std::string innerText(const std::vector<InnerAnswer>& answers) {
+    std::vector<std::string> texts;
+    texts.reserve(answers.size());
+    for (const InnerAnswer& answer : answers) {
+        texts.push_back(answer.adapter + " " +
+                        (answer.verdict.empty() ? "depends on the packet" : answer.verdict) +
+                        (answer.by.empty() ? "" : " (" + answer.by + ")"));
+    }
+    return (texts.empty() ? "" : ": ") + boost::join(texts, ", ");
+}
+
 const char* chainSeenBy(const Redirection& redirection) {
     return redirection.toThisMachine ? "INPUT_FIREWALL" : "FORWARD_FIREWALL";
 }
@@ -238,23 +250,14 @@ const char* chainSeenBy(const Redirection& redirection) {
 
 KernelReport kernelReport(const StoreSnapshot& store) {
     KernelReport report;
-    std::map<std::string, std::string> failures;
-    std::map<std::string, std::future<std::optional<RuleListing>>> nat;
-    for (const char* const family : {"v4", "v6"}) {
-        nat[family] = std::async(std::launch::async, [family, &failure = failures[family]] {
-            return natRules(family, failure);
-        });
-    }
+    std::future<NatTables> listing = std::async(std::launch::async, natTables);
     const FilterListings listings = filterListings();
     const std::vector<Address> own = ownAddresses();
-    for (const auto& [family, listing] : listings) {
-        const std::optional<RuleListing> rules = nat.at(family).get();
-        if (!rules) {
-            report.unknownNat.push_back("the nat table of " + titleOf(family) +
-                                        " cannot be listed: " + failures[family]);
-        }
-        if (listing) {
-            report.foreign.emplace_back(family, *listing, rules.value_or(RuleListing()), own);
+    NatTables nat = listing.get();
+    report.unknownNat = std::move(nat.unknown);
+    for (const auto& [family, filter] : listings) {
+        if (filter) {
+            report.foreign.emplace_back(family, *filter, std::move(nat.byFamily[family]), own);
         }
     }
     report.enabled = store.firewallEnabled();
@@ -317,9 +320,11 @@ std::string aheadComplaint(const KernelReport& report) {
         return "";
     }
     std::vector<std::string> places;
+    bool inReloading = false;
     for (const ForeignRules& rules : report.foreign) {
         std::set<std::string> chains;
         for (const EarlyAccept& accept : rules.anyEarlyAccepts()) {
+            inReloading = inReloading || accept.chain == kReloadingChain;
             if (chains.insert(accept.chain).second) {
                 places.push_back(accept.chain + " (" + titleOf(rules.family()) + ")");
             }
@@ -328,7 +333,8 @@ std::string aheadComplaint(const KernelReport& report) {
     return places.empty() ? ""
                           : "other programs' rules in " + boost::join(places, ", ") +
                                 " may accept packets before the firewall's; \"tarnfw reload\" puts "
-                                "the firewall's first";
+                                "the firewall's first" +
+                                (inReloading ? std::string(" and empties ") + kReloadingChain : "");
 }
 
 BeforeFirewall beforeFirewall(const KernelReport& report, const FW::PortCompareST& question,
@@ -362,7 +368,16 @@ BeforeFirewall beforeFirewall(const KernelReport& report, const FW::PortCompareS
 
 void addTo(BeforeFirewall& all, const BeforeFirewall& more) {
     addMissing(all.accepts, more.accepts);
-    addMissing(all.redirects, more.redirects);
+    for (const BeforeFirewall::Redirect& item : more.redirects) {
+        const auto known =
+            std::find_if(all.redirects.begin(), all.redirects.end(),
+                         [&item](const auto& other) { return keyOf(other) == keyOf(item); });
+        if (known == all.redirects.end()) {
+            all.redirects.push_back(item);
+        } else {
+            known->inner.insert(known->inner.end(), item.inner.begin(), item.inner.end());
+        }
+    }
 }
 
 bool hasOtherPorts(const BeforeFirewall& before) {
@@ -384,13 +399,13 @@ std::string acceptsText(const BeforeFirewall& before) {
 
 std::vector<std::string> redirectsText(const BeforeFirewall& before) {
     std::vector<std::string> lines;
-    for (const auto& [family, protocol, redirection] : before.redirects) {
+    for (const auto& [family, protocol, redirection, inner] : before.redirects) {
         const PortSpan seen = redirection.seenPorts.value_or(redirection.ports);
-        lines.push_back(printable(protocol + "/" + portSpanText(redirection.ports) +
-                                  (redirection.certain ? " is" : " may be") + " handed to " +
-                                  redirection.target + " (" + titleOf(family) + ": " +
-                                  boost::join(redirection.rules, ", ") + "); the rules of " +
-                                  chainSeenBy(redirection) + " see port " + portSpanText(seen)));
+        lines.push_back(printable(
+            protocol + "/" + portSpanText(redirection.ports) +
+            (redirection.certain ? " is" : " may be") + " handed to " + redirection.target + " (" +
+            titleOf(family) + ": " + boost::join(redirection.rules, ", ") + "); the rules of " +
+            chainSeenBy(redirection) + " see port " + portSpanText(seen) + innerText(inner)));
     }
     return lines;
 }
@@ -411,7 +426,7 @@ Json::Value acceptsJson(const BeforeFirewall& before) {
 
 Json::Value redirectsJson(const BeforeFirewall& before) {
     Json::Value document(Json::arrayValue);
-    for (const auto& [family, protocol, redirection] : before.redirects) {
+    for (const auto& [family, protocol, redirection, inner] : before.redirects) {
         Json::Value entry;
         entry["family"] = family;
         entry["port"] = protocol + "/" + portSpanText(redirection.ports);
@@ -422,6 +437,16 @@ Json::Value redirectsJson(const BeforeFirewall& before) {
         entry["certain"] = redirection.certain;
         for (const std::string& rule : redirection.rules) {
             entry["rules"].append(rule);
+        }
+        entry["verdicts"] = Json::Value(Json::arrayValue);
+        for (const InnerAnswer& answer : inner) {
+            Json::Value item;
+            item["adapter"] = answer.adapter;
+            item["verdict"] = answer.verdict.empty() ? Json::Value() : Json::Value(answer.verdict);
+            if (!answer.by.empty()) {
+                item["by"] = answer.by;
+            }
+            entry["verdicts"].append(item);
         }
         document.append(entry);
     }

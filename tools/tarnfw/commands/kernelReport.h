@@ -46,6 +46,14 @@ std::vector<std::string> complaintsOf(const KernelReport& report);
 /// empty without such rules.
 std::string aheadComplaint(const KernelReport& report);
 
+/// What the firewall's rules do to redirected packets: those that come in through an adapter, with
+/// the address and the port that they then have.
+struct InnerAnswer {
+    std::string adapter;
+    std::string verdict;  ///< "blocked"; empty when it depends on more than is known
+    std::string by;       ///< the rule, in words, where the sender is known
+};
+
 /// What happens to the packets of a question before they meet the firewall's rules.
 struct BeforeFirewall {
     struct Accept {
@@ -56,6 +64,7 @@ struct BeforeFirewall {
         std::string family;
         std::string protocol;  ///< "tcp"
         Redirection redirection;
+        std::vector<InnerAnswer> inner = {};  ///< where the packets come in
     };
     std::vector<Accept> accepts;
     std::vector<Redirect> redirects;
@@ -67,7 +76,7 @@ BeforeFirewall beforeFirewall(const KernelReport& report, const FW::PortCompareS
                               const std::string& adapter, const std::optional<Address>& from = {},
                               const std::optional<Address>& to = {});
 
-/// Adds what is not there yet.
+/// Adds what is not there yet, and inner answers to what is.
 void addTo(BeforeFirewall& all, const BeforeFirewall& more);
 
 /// Whether packets meet the firewall with another port than the asked one.
@@ -78,7 +87,7 @@ bool hasOtherPorts(const BeforeFirewall& before);
 std::string acceptsText(const BeforeFirewall& before);
 
 /// "tcp/8080 is handed to 172.17.0.2:80 (IPv4: -A DOCKER ...); the rules of FORWARD_FIREWALL see
-/// port 80", one line each.
+/// port 80: eth0 blocked", one line each.
 std::vector<std::string> redirectsText(const BeforeFirewall& before);
 
 Json::Value acceptsJson(const BeforeFirewall& before);

@@ -1,0 +1,25 @@
+/// Rules of nftables in the words of iptables, as far as they change where packets go.
+#pragma once
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tarnfwadmin/foreignRules.h"
+
+namespace tarnfw {
+
+/// A table of nftables: its family ("ip", "ip6", "inet") and name.
+using NftTable = std::pair<std::string, std::string>;
+
+/// The tables with a chain that may change where incoming packets go. `text` is what
+/// "nft list chains" prints.
+std::vector<NftTable> nftNatTables(const std::string& text);
+
+/// The rules of a table for a family, "v4" or "v6". `text` is what "nft -t -n list table" prints.
+/// What has no equivalent becomes a condition that is not read, so that an answer that depends on
+/// it is no certain one.
+NatTable natTableFrom(const std::string& text, const NftTable& table, const std::string& family);
+
+}  // namespace tarnfw

@@ -1,0 +1,188 @@
+// Rules of nftables that change where packets go, in the words of iptables.
+#include "kernel/nftRules.h"
+
+#include <netinet/in.h>
+
+#include <ostream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace tarnfw {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::ValuesIn;
+
+template <typename Case>
+std::string caseName(const testing::TestParamInfo<Case>& info) {
+    return info.param.name;
+}
+
+/// "tcp/22 from anywhere through eth0".
+ForeignQuestion question(int port) {
+    ForeignQuestion asked;
+    asked.interfaces = {"eth0"};
+    asked.protocol = IPPROTO_TCP;
+    asked.ports = PortSpan{port, port};
+    return asked;
+}
+
+// As nft 1.0.6 prints them.
+constexpr char kChains[] = R"(table ip nat {
+	chain PREROUTING {
+		type nat hook prerouting priority dstnat; policy accept;
+	}
+}
+table ip filter {
+	chain INPUT {
+		type filter hook input priority filter; policy accept;
+	}
+}
+table inet others {
+	chain pre {
+		type nat hook prerouting priority dstnat; policy accept;
+	}
+	chain published {
+	}
+	chain out {
+		type nat hook output priority -100; policy accept;
+	}
+}
+table ip local {
+	chain out {
+		type nat hook output priority -100; policy accept;
+	}
+}
+table ip6 mine {
+	chain p {
+		type nat hook prerouting priority dstnat + 10; policy accept;
+	}
+}
+)";
+
+constexpr char kOthers[] = R"(table inet others {
+	set blocked {
+		type ipv4_addr
+	}
+
+	map ports {
+		type inet_service : ipv4_addr . inet_service
+	}
+
+	chain pre {
+		type nat hook prerouting priority -100; policy accept;
+		iifname "docker0" return
+		fib daddr type 2 jump published
+		tcp dport 8443 counter packets 0 bytes 0 redirect to :443 comment "a web server"
+		iifname "eth0" ip saddr 10.0.0.0/8 udp dport { 53, 5353 } dnat ip to 172.17.0.2:5300
+		ip6 daddr fd00::10 tcp dport 81 dnat ip6 to [fd00::2]:80
+		tcp dport 7000-7010 dnat ip to 172.17.0.9
+		ip saddr != 10.0.0.0/8 tcp dport 6000 redirect to :6001
+		ct state 0x2,0x4 accept
+		tcp dport vmap { 90 : jump mapped, 91 : goto mapped, 92 : drop }
+		meta l4proto 6 th dport { 9000,
+					  9001 } dnat ip to tcp dport map @ports
+		ip daddr . tcp dport vmap @sockets
+	}
+
+	chain published {
+		tcp dport 8080 dnat ip to 172.17.0.2:23
+	}
+
+	chain mapped {
+		dnat ip to 172.17.0.3:90
+	}
+
+	chain elsewhere {
+		tcp dport 4000 redirect
+	}
+
+	chain out {
+		type nat hook output priority -100; policy accept;
+		tcp dport 5000 dnat ip to 172.17.0.2:23
+	}
+}
+)";
+
+TEST(NftTest, FindsTheTablesThatIncomingPacketsMeet) {
+    EXPECT_THAT(
+        nftNatTables(kChains),
+        ElementsAre(NftTable("ip", "nat"), NftTable("inet", "others"), NftTable("ip6", "mine")));
+    EXPECT_THAT(nftNatTables(""), IsEmpty());
+}
+
+struct NftCase {
+    const char* name;
+    const char* family;
+    int protocol;
+    int port;
+    const char* told;  ///< target, chain, seen ports, certain, of each
+};
+
+void PrintTo(const NftCase& c, std::ostream* out) {
+    *out << c.name;
+}
+
+const NftCase kNftCases[] = {
+    {"ARedirection", "v4", IPPROTO_TCP, 8443, "port 443 INPUT 443 certain;"},
+    {"OfIpv6AsWell", "v6", IPPROTO_TCP, 8443, "port 443 INPUT 443 certain;"},
+    {"OfAnotherProtocol", "v4", IPPROTO_UDP, 8443, ""},
+    {"InAChain", "v4", IPPROTO_TCP, 8080, "172.17.0.2:23 FORWARD 23 certain;"},
+    {"OfIpv4Only", "v6", IPPROTO_TCP, 8080, ""},
+    {"OfIpv6Only", "v6", IPPROTO_TCP, 81, "[fd00::2]:80 FORWARD 80 maybe;"},
+    {"NotOfIpv4", "v4", IPPROTO_TCP, 81, ""},
+    {"OfASet", "v4", IPPROTO_UDP, 5353, "172.17.0.2:5300 FORWARD 5300 maybe;"},
+    {"OfARange", "v4", IPPROTO_TCP, 7005, "172.17.0.9 FORWARD - certain;"},
+    {"NotOfSomeSenders", "v4", IPPROTO_TCP, 6000, "port 6001 INPUT 6001 maybe;"},
+    {"ByAMapOfVerdicts", "v4", IPPROTO_TCP, 90, "172.17.0.3:90 FORWARD 90 maybe;"},
+    {"ByAMapOfAddresses", "v4", IPPROTO_TCP, 9001, "an address of a map FORWARD - maybe;"},
+    {"ByAMapThatIsNotShown", "v4", IPPROTO_TCP, 4000, "this machine INPUT - maybe;"},
+    {"OfTheMachineItself", "v4", IPPROTO_TCP, 5000, ""},
+};
+
+class NftRuleTest : public testing::TestWithParam<NftCase> {};
+
+TEST_P(NftRuleTest, IsFollowed) {
+    const NftCase& c = GetParam();
+    const NatTable table = natTableFrom(kOthers, {"inet", "others"}, c.family);
+    ForeignQuestion asked = question(c.port);
+    asked.protocol = c.protocol;
+    std::set<std::string> told;
+    for (const Redirection& found :
+         ForeignRules(c.family, RuleListing(), std::vector<NatTable>{table}).redirections(asked)) {
+        told.insert(found.target + (found.toThisMachine ? " INPUT " : " FORWARD ") +
+                    (found.seenPorts ? portSpanText(*found.seenPorts) : "-") +
+                    (found.certain ? " certain;" : " maybe;"));
+    }
+    EXPECT_THAT(told, testing::Contains(c.told).Times(*c.told == '\0' ? 0 : 1));
+    EXPECT_TRUE(*c.told != '\0' || told.empty() ||
+                told == std::set<std::string>{"172.17.0.3:90 FORWARD 90 maybe;"})
+        << testing::PrintToString(told);
+}
+
+INSTANTIATE_TEST_SUITE_P(, NftRuleTest, ValuesIn(kNftCases), caseName<NftCase>);
+
+TEST(NftTest, RulesAreNamedAsNftPrintsThem) {
+    const NatTable table = natTableFrom(kOthers, {"inet", "others"}, "v4");
+    const auto found = ForeignRules("v4", RuleListing(), std::vector<NatTable>{table})
+                           .redirections(question(8080));
+    ASSERT_FALSE(found.empty());
+    EXPECT_THAT(found[0].rules,
+                ElementsAre("table inet others chain pre: fib daddr type 2 jump published",
+                            "table inet others chain published: tcp dport 8080 dnat ip to "
+                            "172.17.0.2:23"));
+    const auto other = ForeignRules("v4", RuleListing(), std::vector<NatTable>{table})
+                           .redirections(question(8443));
+    ASSERT_FALSE(other.empty());
+    EXPECT_THAT(other[0].rules,
+                ElementsAre("table inet others chain pre: tcp dport 8443 redirect to :443 comment "
+                            "\"a web server\""));
+}
+
+}  // namespace
+}  // namespace tarnfw
