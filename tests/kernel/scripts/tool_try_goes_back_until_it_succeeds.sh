@@ -52,7 +52,8 @@ hold "$kReloadLock"
 kill -TERM "$trial"
 await_status '^Trial: .* not over yet, trying again: '
 kill -TERM "$trial"
-ends 1 'was not kept: cancelled; not over yet: .* is locked by .*; "tarnfw status" shows when it is over$'
+ends 1 'was not kept: cancelled; the trial is not over yet: .* is locked by .*; "tarnfw status" shows when it is over$'
+step 'what it waits for is said once' [ "$(grep --count 'trying again' "$out/trial.complaint")" = 1 ]
 release
 await_end
 gone_back

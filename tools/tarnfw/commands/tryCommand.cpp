@@ -16,6 +16,7 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <utility>
 
@@ -114,12 +115,17 @@ struct Watchdog {
     pid_t process = -1;
     Descriptor log = memoryFile("log");
 
-    /// Prints what it has logged.
+    /// Prints what it has logged, without what Retries has shown already.
     void printLog() const {
         std::string text;
         (void)lseek(log.get(), 0, SEEK_SET);
         (void)readAll(log.get(), text);
-        std::cerr << text;
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);) {
+            if (line.find(kTrialTryingAgain) == std::string::npos) {
+                std::cerr << line << '\n';
+            }
+        }
     }
 
     /// A stopped watchdog would not go back.
@@ -179,7 +185,7 @@ public:
         const std::string obstacle = report.get("obstacle", "").asString();
         if (obstacle != shown_) {
             shown_ = obstacle;
-            warn("the trial is not over yet, trying again: " + obstacle);
+            warn("the trial" + std::string(kTrialTryingAgain) + obstacle);
         }
         last_ = report;
         return true;
@@ -320,11 +326,14 @@ void conclude(const std::string& name, const Json::Value& report) {
                     profile + " was not kept: " + reason + "; " + report.get("now", "").asString());
     }
     if (reason.empty()) {
-        throw Error(ErrorKind::kBusy, profile + " is not kept yet; see \"tarnfw status\"");
+        throw Error(ErrorKind::kBusy, "whether " + profile +
+                                          " is kept is not known yet; \"tarnfw "
+                                          "status\" shows when the trial is over");
     }
-    throw Error(ErrorKind::kBusy, profile + " was not kept: " + reason +
-                                      (obstacle.empty() ? "" : "; not over yet: " + obstacle) +
-                                      "; \"tarnfw status\" shows when it is over");
+    throw Error(ErrorKind::kBusy,
+                profile + " was not kept: " + reason +
+                    (obstacle.empty() ? "" : "; the trial is not over yet: " + obstacle) +
+                    "; \"tarnfw status\" shows when it is over");
 }
 
 /// Waits for the watchdog's next report; nothing if it has ended.
@@ -349,7 +358,7 @@ Json::Value endAbandoned(const std::string& name, const std::string& reason) {
         if (heard) {
             const std::optional<Json::Value> report = watchdog.channel.receive();
             if (!report) {
-                throw Error(ErrorKind::kSystem, "the watchdog of " + inQuotes(name) +
+                throw Error(ErrorKind::kSystem, "the watchdog of the trial of " + inQuotes(name) +
                                                     " was killed; see \"tarnfw status\"");
             }
             if (!retries.isShown(*report)) {
@@ -450,20 +459,24 @@ void addTryCommand(Command& app) {
         "A profile other than the active one; if confirmed, it becomes the active one");
     Option& timeout =
         command
-            .option("--timeout", options->seconds, "Seconds until the previous rules are restored")
+            .option("--timeout", options->seconds,
+                    "Seconds until the previous rules are restored if nobody confirms")
             .range(1, kMaxSeconds)
             .showDefault();
-    Option& confirm = command.flag("--confirm", options->confirm, "Keep the rules on trial");
-    Option& cancel =
-        command.flag("--cancel", options->cancel,
-                     "Restore the previous rules immediately, also after an abandoned trial");
+    Option& confirm =
+        command.flag("--confirm", options->confirm, "Keep the rules of the running trial");
+    Option& cancel = command.flag(
+        "--cancel", options->cancel,
+        "Restore the previous rules immediately; also ends a trial that a crash has left");
     confirm.excludes(profile).excludes(timeout).excludes(cancel);
     cancel.excludes(profile).excludes(timeout);
     command.footer(
-        "During the trial, established connections pass only if the rules allow them, so a "
-        "connection that keeps working is allowed.\nA watchdog restores the previous rules, and "
-        "tries until it has succeeded: after the time limit, on Ctrl-C, when the terminal is lost "
-        "and when this command is killed.");
+        "Enter, or \"tarnfw try --confirm\" in another terminal, keeps the rules. After the time "
+        "limit, on Ctrl-C, when the terminal is lost and when this command is killed, the previous "
+        "ones are restored: by a process of its own, the watchdog, which tries until it "
+        "succeeds.\nDuring the trial, established connections pass only if the rules allow them, "
+        "so a connection that keeps working is allowed. Commands that would apply other rules are "
+        "refused; \"tarnfw disable\" ends the trial at once, without any rules.");
     command.run([options] { run(*options); });
 }
 

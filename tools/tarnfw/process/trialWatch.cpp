@@ -100,7 +100,7 @@ void TrialWatch::end(const std::string& reason) {
 void TrialWatch::pause(const std::string& obstacle) {
     if (obstacle != obstacle_) {
         obstacle_ = obstacle;
-        syslog(LOG_ERR, "The trial of %s is not over yet, trying again: %s", profile_.c_str(),
+        syslog(LOG_ERR, "The trial of %s%s%s", profile_.c_str(), kTrialTryingAgain,
                obstacle.c_str());
         terminal_.send(state());
         for (const Channel& asker : askers_) {

@@ -28,6 +28,9 @@ inline constexpr char kAskConfirm[] = "confirm";
 inline constexpr char kAskCancel[] = "cancel";
 inline constexpr char kAskState[] = "state";
 
+/// What the log says between the name of a trial that cannot end yet and the reason.
+inline constexpr char kTrialTryingAgain[] = " is not over yet, trying again: ";
+
 /// A report without the members that only some states have.
 Json::Value trialReport(const std::string& profile, const char* state, const std::string& reason);
 
