@@ -13,6 +13,14 @@ heard() {
     grep --quiet -- "^tarnfw: the trial is not over yet, trying again: $1" "$out/trial.complaint"
 }
 
+# await_heard PATTERN: until it has. The watchdog tells it before it answers others, but it may write later.
+await_heard() {
+    until heard "$1"; do
+        kill -0 "$trial" || fail "it does not try again: $1"
+        sleep 0.1
+    done
+}
+
 store_two_profiles
 keep_both_listings
 
@@ -25,7 +33,7 @@ for mode in lines batch; do
     hold "$kReloadLock"
     kill -TERM "$trial"
     await_status "^Trial: *of \"$new\", not over yet, trying again: $kReloadLock is locked by process $holder (python3)"
-    step 'the terminal hears it' heard "$kReloadLock is locked by process $holder (python3)"
+    step 'the terminal hears it' await_heard "$kReloadLock is locked by process $holder (python3)"
     step 'the rules on trial are still in force' same_listing tried
     refuses 'the test profile is still there' no_test_profile
     answers 1 try "$new"
@@ -64,10 +72,7 @@ chmod +x /tmp/broken
 in_background "$new" --timeout "$kLong"
 mount --bind /tmp/broken "/usr/sbin/xtables-$variant-multi"
 kill -TERM "$trial"
-until heard '.*out of order'; do
-    kill -0 "$trial" || fail 'it does not try again'
-    sleep 0.1
-done
+await_heard '.*out of order'
 umount "/usr/sbin/xtables-$variant-multi"
 ends 1 'was not kept: cancelled; the previous rules are in force again$'
 gone_back
