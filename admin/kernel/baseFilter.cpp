@@ -1,19 +1,28 @@
 #include "tarnfwadmin/baseFilter.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
+#include <exception>
 #include <future>
 
+#include <json/json.h>
 #include <boost/algorithm/string/join.hpp>
 
 #include "tarnfirewall/fwTypes.h"
 
+#include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/error.h"
+#include "tarnfwadmin/fileLock.h"
+#include "tarnfwadmin/storeSession.h"
 
 namespace tarnfw {
 namespace {
 
 constexpr char kFilter[] = "filter";
+
+constexpr int kLockSeconds = 30;
 
 std::string jumpLine(const std::pair<std::string, std::string>& jump) {
     return "-A " + jump.first + " -j " + jump.second;
@@ -25,6 +34,29 @@ bool hasJump(const RuleListing& listing, const std::pair<std::string, std::strin
 
 std::size_t reloadingPosition(const RuleListing& listing, const std::string& chain) {
     return listing.positionOf(chain, jumpLine({chain, kReloadingChain}));
+}
+
+/// The chains of a family whose policy was DROP at "base up".
+std::vector<std::string> droppingAtBaseUp(const std::string& family) {
+    std::vector<std::string> chains;
+    if (access(kBaseRecordFile, F_OK) != 0) {
+        return chains;
+    }
+    try {
+        Json::Value record;
+        if (!parseAsStored(readText(kBaseRecordFile), record)) {
+            return chains;
+        }
+        const Json::Value& policies = record[family][kPoliciesKey];
+        for (const char* const chain : {"INPUT", "FORWARD"}) {
+            if (policies.isObject() && policies[chain] == "DROP") {
+                chains.emplace_back(chain);
+            }
+        }
+    } catch (const std::exception&) {
+        chains.clear();  // somebody else's document
+    }
+    return chains;
 }
 
 }  // namespace
@@ -191,6 +223,35 @@ void requireBase() {
                         describe(filter.missing()) + ")",
                     {}, Remedy::kAddBase);
     }
+}
+
+std::vector<std::string> openedPolicies(const std::string& family, const RuleListing& listing) {
+    std::vector<std::string> opened;
+    for (const std::string& chain : droppingAtBaseUp(family)) {
+        if (listing.hasPolicy(chain, "ACCEPT")) {
+            opened.push_back(chain);
+        }
+    }
+    return opened;
+}
+
+std::vector<std::string> closeOpenedPolicies() {
+    if (droppingAtBaseUp("v4").empty() && droppingAtBaseUp("v6").empty()) {
+        return {};  // as nearly always: nothing has to be listed
+    }
+    const FileLock lock(kReloadLock, kLockSeconds);
+    if (!lock.held()) {
+        throw Error(ErrorKind::kBusy, std::string("policies were not put back: cannot lock ") +
+                                          kReloadLock + ": a reload is running or stopped");
+    }
+    std::vector<std::string> closed;
+    for (const auto& [family, listing] : MachineKernel().listFilters()) {
+        for (const std::string& chain : openedPolicies(family, listing)) {
+            BaseFilter(family).setPolicy(chain, "DROP");
+            closed.push_back(chain + " of " + titleOf(family));
+        }
+    }
+    return closed;
 }
 
 std::string describe(const BaseParts& parts) {

@@ -90,6 +90,20 @@ std::vector<BaseFilter> baseFilters();
 /// machine would seem protected and let everybody in.
 void requireBase();
 
+/// Where "base up" keeps what it added and, under this member, the policies that it found, by
+/// family. A reboot empties /run and the kernel.
+inline constexpr char kBaseRecordFile[] = "/run/tarn/base_filter.json";
+inline constexpr char kPoliciesKey[] = "policies";
+
+/// The chains, INPUT or FORWARD, whose policy was DROP at "base up" and is ACCEPT in `listing`: a
+/// reload by a program that does not put policies back has made it so, or somebody. None without a
+/// readable record.
+std::vector<std::string> openedPolicies(const std::string& family, const RuleListing& listing);
+
+/// Makes them DROP again, under the lock of a reload, and returns them: "INPUT of IPv4". Throws
+/// Error: kBusy, kSystem.
+std::vector<std::string> closeOpenedPolicies();
+
 /// "chains A, B; jumps C -> D", or "nothing".
 std::string describe(const BaseParts& parts);
 

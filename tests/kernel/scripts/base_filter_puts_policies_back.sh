@@ -1,6 +1,7 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
 # Policies that drop before "base up" drop again after "base down", though a reload by another program has
-# made them ACCEPT meanwhile. A policy that somebody has set since stays, and a machine that was open is.
+# made them ACCEPT meanwhile. "status" and "diff" name them until then, and the tool's own reload puts them
+# back. A policy that somebody has set since stays, and a machine that was open is.
 
 # shellcheck source=tests/kernel/answers.sh
 source "$checkout/tests/kernel/answers.sh"
@@ -15,6 +16,32 @@ sed -i 's/"status": false/"status": true/' "$kSettings"
 step 'a reload of the library' rules_probe reload
 step 'makes the policies ACCEPT' policies_accept
 answers 0 base up # which finds these, and keeps in mind the first
+answers 11 status
+says 'the policies of FORWARD of IPv4, INPUT of IPv6 were DROP at "tarnfw base up" and are ACCEPT now; "tarnfw reload" puts them back$'
+answers 10 diff
+prints <<'DIFF'
+--- profile "deny_by_default"
++++ kernel
+IPv4, chain FORWARD
+- -P FORWARD DROP
++ -P FORWARD ACCEPT
+IPv6, chain INPUT
+- -P INPUT DROP
++ -P INPUT ACCEPT
+DIFF
+answers 0 reload
+says '^Policy of INPUT of IPv6 put back: DROP$'
+answers 0 status
+answers 0 diff
+step 'they drop' [ "$({ iptables -S FORWARD && ip6tables -S INPUT; } | grep --count '^-P .* DROP$')" = 2 ]
+answers 0 reload
+step 'a reload of the library' rules_probe reload
+answers 0 disable
+says '^Policy of FORWARD of IPv4 put back: DROP$'
+answers 0 diff
+answers 0 enable
+step 'a reload of the library' rules_probe reload
+step 'makes the policies ACCEPT' policies_accept
 answers 0 base down
 step 'the policies drop as before' same_listing before
 

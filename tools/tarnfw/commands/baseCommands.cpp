@@ -34,11 +34,6 @@
 namespace tarnfw {
 namespace {
 
-// What was added, so that only that is removed, and the policies that were found. A reboot empties
-// /run and the kernel.
-constexpr char kRecordFile[] = "/run/tarn/base_filter.json";
-
-constexpr char kPoliciesKey[] = "policies";
 constexpr char kAcceptPolicy[] = "ACCEPT";
 constexpr char kDropPolicy[] = "DROP";
 
@@ -58,14 +53,14 @@ constexpr char kFirstProfile[] = "/usr/tarn/etc.defaults/firewall_default_profil
 
 Json::Value recordLoad() {
     Json::Value record(Json::objectValue);
-    if (TLIBCFileExist(kRecordFile) == 1 && !FW::jsonFileLoad(record, kRecordFile)) {
-        throw Error(ErrorKind::kSystem, std::string("cannot read ") + kRecordFile);
+    if (TLIBCFileExist(kBaseRecordFile) == 1 && !FW::jsonFileLoad(record, kBaseRecordFile)) {
+        throw Error(ErrorKind::kSystem, std::string("cannot read ") + kBaseRecordFile);
     }
     return record;
 }
 
 void recordStore(const Json::Value& record) {
-    writeFileAtomically(kRecordFile, documentText(record), kRecordMode, Existing::kReplaced);
+    writeFileAtomically(kBaseRecordFile, documentText(record), kRecordMode, Existing::kReplaced);
 }
 
 void addToRecord(Json::Value& family, const BaseParts& parts) {

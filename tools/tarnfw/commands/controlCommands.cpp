@@ -43,6 +43,14 @@ void forgetTrial(Context& context) {
     }
 }
 
+/// Puts back the policies that dropped at "base up" and that a reload by another program has
+/// opened.
+void putPoliciesBack() {
+    for (const std::string& chain : closeOpenedPolicies()) {
+        std::cout << "Policy of " << chain << " put back: DROP\n";
+    }
+}
+
 void enable(bool yes) {
     requireNoTrial();
     Context context(StoreSession::Access::kChange);
@@ -53,6 +61,7 @@ void enable(bool yes) {
     });
     std::cout << "Firewall enabled with profile " << inQuotes(context.store().activeProfile())
               << "\n";
+    putPoliciesBack();
     forgetTrial(context);
 }
 
@@ -72,6 +81,7 @@ void disable() {
     }
     std::cout << "Firewall disabled\n";
     context.session().unlock();
+    putPoliciesBack();
     if (const std::optional<std::string> profile = endTrialOfDisabled()) {
         std::cout << "The trial of " << inQuotes(*profile) << " has ended\n";
     }
@@ -110,6 +120,9 @@ void reload(bool yes) {
         return runWhole(what, work, [&] { return warningsAboutActive(context); });
     });
     reloadActive(control);
+    if (context.store().firewallEnabled()) {
+        putPoliciesBack();
+    }
     forgetTrial(context);
 }
 

@@ -30,6 +30,7 @@ namespace {
 constexpr char kFilter[] = "filter";
 constexpr const char* kPolicyChains[] = {"INPUT", "FORWARD"};
 constexpr char kAccept[] = "ACCEPT";
+constexpr char kDrop[] = "DROP";
 constexpr std::size_t kContext = 1;  // lines shown around a difference
 
 /// A table and a chain of it.
@@ -168,7 +169,7 @@ public:
         const RuleListing wantedFilter = wanted.listing(family, kFilter);
         std::set<Place> others = otherPlaces(wanted.lines(), family);
         for (const char* const chain : kPolicyChains) {
-            std::vector<RuleEdit> edits = policyEdits(chain, held);
+            std::vector<RuleEdit> edits = changedPolicyEdits(family, chain, held);
             append(edits, aheadEdits(family, chain, held));
             append(edits, missingFrom(wantedFilter.rulesOf(chain), held.rulesOf(chain)));
             add(family, {kFilter, chain}, edits);
@@ -192,6 +193,9 @@ public:
     /// Of a family while it is disabled.
     void compareDisabled(const std::string& family, const PacketFilter& machine) {
         const RuleListing held = listingOf(machine, family, kFilter);
+        for (const char* const chain : kPolicyChains) {
+            add(family, {kFilter, chain}, openedEdits(family, chain, held));
+        }
         for (const std::string& chain : ownChains()) {
             add(family, {kFilter, chain}, editsBetween({}, held.rulesOf(chain)));
         }
@@ -200,15 +204,31 @@ public:
     const std::vector<ChainDifference>& differences() const { return differences_; }
 
 private:
-    /// A policy that others have set is theirs; only an interrupted reload's is a difference.
-    static std::vector<RuleEdit> policyEdits(const std::string& chain, const RuleListing& held) {
+    static std::vector<RuleEdit> policyEdits(const std::string& chain, const std::string& wanted,
+                                             const std::string& held) {
+        return {{'-', "-P " + chain + " " + wanted, 0}, {'+', "-P " + chain + " " + held, 0}};
+    }
+
+    /// A policy that was DROP before the firewall, and that some program's reload made ACCEPT.
+    static std::vector<RuleEdit> openedEdits(const std::string& family, const std::string& chain,
+                                             const RuleListing& held) {
+        const std::vector<std::string> opened = openedPolicies(family, held);
+        return std::find(opened.begin(), opened.end(), chain) == opened.end()
+                   ? std::vector<RuleEdit>()
+                   : policyEdits(chain, kDrop, kAccept);
+    }
+
+    /// Any other policy that others have set is theirs; only an interrupted reload's is a
+    /// difference.
+    static std::vector<RuleEdit> changedPolicyEdits(const std::string& family,
+                                                    const std::string& chain,
+                                                    const RuleListing& held) {
         const auto policy = held.policies.find(chain);
         if (policy == held.policies.end() || policy->second == kAccept ||
             held.rulesOf(kReloadingChain).empty()) {
-            return {};
+            return openedEdits(family, chain, held);
         }
-        return {{'-', "-P " + chain + " " + kAccept, 0},
-                {'+', "-P " + chain + " " + policy->second, 0}};
+        return policyEdits(chain, kAccept, policy->second);
     }
 
     /// Rules of others that may accept packets before they meet the firewall's.

@@ -257,6 +257,9 @@ KernelReport kernelReport(const StoreSnapshot& store) {
     report.unknownNat = std::move(nat.unknown);
     for (const auto& [family, filter] : listings) {
         if (filter) {
+            for (const std::string& chain : openedPolicies(family, *filter)) {
+                report.opened.push_back(chain + " of " + titleOf(family));
+            }
             report.foreign.emplace_back(family, *filter, std::move(nat.byFamily[family]), own);
         }
     }
@@ -313,6 +316,19 @@ std::vector<std::string> complaintsOf(const KernelReport& report) {
         texts.push_back("what the kernel does is not known: " + report.unknown);
     }
     return texts;
+}
+
+std::string openedComplaint(const KernelReport& report) {
+    if (report.opened.empty()) {
+        return "";
+    }
+    const bool one = report.opened.size() == 1;
+    return std::string(one ? "the policy of " : "the policies of ") +
+           boost::join(report.opened, ", ") +
+           (one ? " was DROP at \"tarnfw base up\" and is ACCEPT now; \"tarnfw "
+                : " were DROP at \"tarnfw base up\" and are ACCEPT now; \"tarnfw ") +
+           (report.enabled ? "reload" : "disable") +
+           (one ? "\" puts it back" : "\" puts them back");
 }
 
 std::string aheadComplaint(const KernelReport& report) {

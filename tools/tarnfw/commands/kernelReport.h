@@ -21,6 +21,7 @@ struct KernelReport {
     std::vector<std::string>
         emptyChains;                      ///< where the others have rules: "INPUT_FIREWALL of IPv4"
     std::vector<ForeignRules> foreign;    ///< of the families that the machine has
+    std::vector<std::string> opened;      ///< see openedPolicies(): "INPUT of IPv4"
     std::string unknown;                  ///< why the filter tables could not be listed
     std::vector<std::string> unknownNat;  ///< that redirections are not known, and why
     bool enabled = false;                 ///< by the settings
@@ -41,6 +42,9 @@ bool isNothingInForce(const KernelReport& report);
 /// What the kernel does not do of what is stored, and what mends it, the worst first: "no rules are
 /// in force for IPv6, which is open; "tarnfw reload" applies them". Empty when it does all.
 std::vector<std::string> complaintsOf(const KernelReport& report);
+
+/// That policies accept which dropped at "base up", and what puts them back; empty without such.
+std::string openedComplaint(const KernelReport& report);
 
 /// That rules of other programs may accept packets before an enabled firewall's, and what mends it;
 /// empty without such rules.

@@ -225,9 +225,10 @@ std::vector<std::string> complaints(const KernelReport& report,
     if (boot) {
         texts.insert(texts.begin(), textOf(*boot));
     }
-    const std::string ahead = aheadComplaint(report);
-    if (!ahead.empty()) {
-        texts.push_back(ahead);
+    for (const std::string& text : {aheadComplaint(report), openedComplaint(report)}) {
+        if (!text.empty()) {
+            texts.push_back(text);
+        }
     }
     return texts;
 }
