@@ -21,6 +21,7 @@
 #include <gtest/gtest.h>
 
 #include "fwXtablesLock.h"
+#include "needs.h"
 
 namespace {
 
@@ -142,6 +143,7 @@ TEST(ToolRunTest, PiecesArriveInOrderAndTheInputEnds) {
 }
 
 TEST(ToolRunTest, FeedingDoesNotWaitForTheProgram) {
+    TARN_NEEDS_LARGE_BUFFERS();
     // Reads nothing before the second program has read all of its input.
     ToolRun first(shell("read -r path; until [ -e \"$path\" ]; do :; done; cat >/dev/null"));
     ToolRun second(shell("cat >/dev/null; : >/tmp/second_is_through"));

@@ -24,6 +24,7 @@
 #include "file_lock_testing.h"
 #include "library_test.h"
 #include "log_lines.h"
+#include "needs.h"
 
 namespace fs = std::filesystem;
 
@@ -451,6 +452,7 @@ TEST_P(DumpModeTest, IsThatOfTheReplacedFileWhateverTheMask) {
     constexpr uid_t kUser = 1000;
     constexpr gid_t kGroup = 1001;
     if (c.before != 0) {
+        TARN_NEEDS_OTHER_USERS();
         writeFile(kData, "{}");
         ASSERT_EQ(chown(kData.c_str(), kUser, kGroup), 0);
         ASSERT_EQ(chmod(kData.c_str(), c.before), 0);

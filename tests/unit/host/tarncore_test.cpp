@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "host_testing.h"
+#include "needs.h"
 #include "syslog_capture.h"
 
 namespace fs = std::filesystem;
@@ -715,6 +716,7 @@ TEST_F(KeyValueTest, SetChangesTheLineThatCounts) {
 }
 
 TEST_F(KeyValueTest, SetKeepsModeAndGroup) {
+    TARN_NEEDS_OTHER_USERS();
     writeFile(file_, "key=1\n", 0640);
     ASSERT_EQ(chown(file_.c_str(), 0, kOtherGroup), 0);
     EXPECT_GE(set("key", "2"), 0);
@@ -817,6 +819,7 @@ TEST_F(KeyValueTest, LinkThatLeadsNowhereIsReplaced) {
 }
 
 TEST_F(KeyValueTest, FileOfAnotherUserIsNotBelieved) {
+    TARN_NEEDS_OTHER_USERS();
     writeFile(file_, "firewall=\"yes\"\n", 0666);
     ASSERT_EQ(chown(file_.c_str(), kOtherUser, kOtherUser), 0);
     EXPECT_EQ(get("firewall"), "(error)");
@@ -832,6 +835,7 @@ TEST_F(KeyValueTest, FileOfAnotherUserIsNotBelieved) {
 }
 
 TEST_F(KeyValueTest, OtherUsersBelieveTheirOwnFilesAndRoots) {
+    TARN_NEEDS_OTHER_USERS();
     ASSERT_EQ(chmod(directory_.c_str(), 0755), 0);
     writeFile(file_, "key=root\n");
     writeFile(path("own"), "key=own\n");
@@ -867,6 +871,7 @@ TEST_F(KeyValueTest, FileThatOthersMayWriteIsNotBelieved) {
 }
 
 TEST_F(KeyValueTest, DirectoryIsNotBelievedAndIsSetAsideByAWrite) {
+    TARN_NEEDS_OTHER_USERS();
     fs::create_directory(file_);
     writeFile(file_ + "/trap", "");
     ASSERT_EQ(chown(file_.c_str(), kOtherUser, kOtherUser), 0);
@@ -1295,18 +1300,21 @@ protected:
 }  // namespace
 
 TEST_F(PlantedLockTest, DirectoryIsSetAside) {
+    TARN_NEEDS_OTHER_USERS();
     fs::create_directory(file_);
     giveAway();
     expectSetAside("it is no regular file");
 }
 
 TEST_F(PlantedLockTest, FifoIsSetAside) {
+    TARN_NEEDS_OTHER_USERS();
     ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0);
     giveAway();
     expectSetAside("it is no regular file");
 }
 
 TEST_F(PlantedLockTest, LinkOfAnotherUserIsSetAside) {
+    TARN_NEEDS_OTHER_USERS();
     fs::create_symlink(path("nowhere"), file_);
     giveAway();
     expectSetAside("it belongs to user 1000");
@@ -1314,6 +1322,7 @@ TEST_F(PlantedLockTest, LinkOfAnotherUserIsSetAside) {
 }
 
 TEST_F(PlantedLockTest, FileOfAnotherUserIsSetAsideThoughItIsLocked) {
+    TARN_NEEDS_OTHER_USERS();
     const Signal locked;
     const Signal done;
     writeFile(file_, "");
@@ -1343,6 +1352,7 @@ TEST_F(PlantedLockTest, WhatCannotBeMovedIsAFailure) {
 }
 
 TEST_F(PlantedLockTest, OtherUsersAreRefusedWhatIsNoFile) {
+    TARN_NEEDS_OTHER_USERS();
     fs::create_directory(file_);
     EXPECT_EQ(lockAsOther(), EISDIR);
     fs::remove(file_);

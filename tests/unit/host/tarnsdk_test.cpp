@@ -21,6 +21,7 @@
 
 #include "host_testing.h"
 #include "logged.h"
+#include "needs.h"
 #include "syslog_capture.h"
 #include "tarncore.h"
 
@@ -82,6 +83,7 @@ TEST_F(MkdirTest, SpecialModeBitsAreSetToo) {
 }
 
 TEST_F(MkdirTest, OwnerAndGroupAreSetOnAllThatIsMade) {
+    TARN_NEEDS_OTHER_USERS();
     EXPECT_GE(make(path("a/b"), 0750, kOtherUser, kOtherGroup), 0);
     for (const char* name : {"a", "a/b"}) {
         EXPECT_EQ(statusOf(path(name)).st_uid, kOtherUser);
@@ -152,6 +154,7 @@ TEST_F(MkdirTest, BadArgumentsAreRefused) {
 }
 
 TEST_F(MkdirTest, OrdinaryCallersKeepWhatTheyMake) {
+    TARN_NEEDS_OTHER_USERS();
     ASSERT_EQ(chmod(directory_.c_str(), 0777), 0);
     EXPECT_EQ(runChild([&] {
                   if (setresgid(kOtherGroup, kOtherGroup, kOtherGroup) != 0 ||
@@ -166,6 +169,7 @@ TEST_F(MkdirTest, OrdinaryCallersKeepWhatTheyMake) {
 }
 
 TEST_F(MkdirTest, WithoutPermissionItFails) {
+    TARN_NEEDS_OTHER_USERS();
     ASSERT_EQ(chmod(directory_.c_str(), 0755), 0);
     EXPECT_EQ(runChild([&] {
                   if (setresuid(kOtherUser, kOtherUser, kOtherUser) != 0) {
@@ -225,6 +229,7 @@ protected:
 }  // namespace
 
 TEST_F(PlantedDirectoryTest, DirectoryOfAnotherUserIsSetAside) {
+    TARN_NEEDS_OTHER_USERS();
     fs::create_directory(path("a"));
     writeFile(path("a/trap"), "");
     giveAway(path("a"));
@@ -235,6 +240,7 @@ TEST_F(PlantedDirectoryTest, DirectoryOfAnotherUserIsSetAside) {
 }
 
 TEST_F(PlantedDirectoryTest, DirectoryThatOthersMayWriteIsSetAside) {
+    TARN_NEEDS_OTHER_USERS();
     for (const mode_t mode : {0777U, 0702U, 0770U}) {
         fs::remove_all(path("a"));
         for (const std::string& aside : refused("a")) {
@@ -250,6 +256,7 @@ TEST_F(PlantedDirectoryTest, DirectoryThatOthersMayWriteIsSetAside) {
 }
 
 TEST_F(PlantedDirectoryTest, DirectoriesOfRootAndOfTheUserAskedForStay) {
+    TARN_NEEDS_OTHER_USERS();
     fs::create_directory(path("sticky"));
     ASSERT_EQ(chmod(path("sticky").c_str(), 01777), 0);
     EXPECT_EQ(make(path("sticky")), 0);
@@ -268,6 +275,7 @@ TEST_F(PlantedDirectoryTest, DirectoriesOfRootAndOfTheUserAskedForStay) {
 }
 
 TEST_F(PlantedDirectoryTest, FileOfAnotherUserIsSetAside) {
+    TARN_NEEDS_OTHER_USERS();
     writeFile(path("a"), "content");
     giveAway(path("a"));
     EXPECT_EQ(make(path("a")), 0);
@@ -276,6 +284,7 @@ TEST_F(PlantedDirectoryTest, FileOfAnotherUserIsSetAside) {
 }
 
 TEST_F(PlantedDirectoryTest, LinkOfAnotherUserIsSetAsideWhereverItLeads) {
+    TARN_NEEDS_OTHER_USERS();
     fs::create_directory(path("real"));
     fs::create_directory_symlink("real", path("a"));
     giveAway(path("a"));
@@ -291,6 +300,7 @@ TEST_F(PlantedDirectoryTest, LinkOfAnotherUserIsSetAsideWhereverItLeads) {
 }
 
 TEST_F(PlantedDirectoryTest, LinkOfRootToADirectoryOfAnotherUserIsRefused) {
+    TARN_NEEDS_OTHER_USERS();
     fs::create_directory(path("real"));
     giveAway(path("real"));
     fs::create_directory_symlink("real", path("link"));
@@ -303,6 +313,7 @@ TEST_F(PlantedDirectoryTest, LinkOfRootToADirectoryOfAnotherUserIsRefused) {
 }
 
 TEST_F(PlantedDirectoryTest, OnTheWayItIsRefusedAndStays) {
+    TARN_NEEDS_OTHER_USERS();
     fs::create_directory(path("owned"));
     giveAway(path("owned"));
     fs::create_directory(path("open"));
@@ -332,6 +343,7 @@ TEST_F(PlantedDirectoryTest, WhatCannotBeMovedIsAFailure) {
 }
 
 TEST_F(PlantedDirectoryTest, OrdinaryCallersUseWhatTheyMayUse) {
+    TARN_NEEDS_OTHER_USERS();
     fs::create_directory(path("a"));
     ASSERT_EQ(chmod(path("a").c_str(), 0777), 0);
     EXPECT_EQ(runChild([&] {
@@ -538,6 +550,7 @@ TEST_F(HookTest, OnlyExecutableFilesWithPlainNamesAreHooks) {
 }
 
 TEST_F(HookTest, FilesOfOthersAreRefused) {
+    TARN_NEEDS_OTHER_USERS();
     install("a");
     install("b");
     install("c");
@@ -573,6 +586,7 @@ TEST_F(HookTest, LinksAndOtherFilesAreRefused) {
 }
 
 TEST_F(HookTest, DirectoriesOfOthersAreRefused) {
+    TARN_NEEDS_OTHER_USERS();
     install("hook");
     for (const std::string& directory : {kHookDirectory, kHookRoot + "/net", kHookRoot}) {
         ASSERT_EQ(chown(directory.c_str(), kOtherUser, 0), 0);

@@ -16,6 +16,7 @@
 #include "hostCall.h"
 #include "host_testing.h"
 #include "logged.h"
+#include "needs.h"
 #include "serviceCatalogue.h"
 #include "tarncore.h"
 
@@ -193,6 +194,7 @@ TEST_F(ServiceConfTest, WhatIsNoRegularFileFailsTheCatalogueAndIsNotWaitedFor) {
 }
 
 TEST_F(ServiceConfTest, FilesThatOthersMayHaveWrittenFailTheCatalogue) {
+    TARN_NEEDS_OTHER_USERS();
     writeFile(kOwn + "foreign.json", service("foreign", "1"));
     ASSERT_EQ(chown((kOwn + "foreign.json").c_str(), 1000, 1000), 0);
     writeFile(kOwn + "group.json", service("group", "2"), 0664);
