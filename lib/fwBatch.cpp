@@ -188,6 +188,9 @@ public:
         return true;
     }
 
+    /// The filter table as it was saved.
+    const std::string& savedFilter() const { return saved_.front(); }
+
     /// Whether a line-by-line reload was interrupted in this family.
     bool wasInterrupted() const { return interrupted_ > 0; }
 
@@ -262,15 +265,17 @@ bool commitInOrder(const std::vector<FamilyRun*>& families) {
     return true;
 }
 
-/// Saves and tests both families at the same time, then commits them. A machine may have no IPv6:
-/// then IPv4 alone.
-bool commitBoth(FamilyRun& v4, FamilyRun& v6) {
+/// Saves and tests both families at the same time, then commits them if the review agrees. A
+/// machine may have no IPv6: then IPv4 alone.
+bool commitBoth(FamilyRun& v4, FamilyRun& v6, const Json::Value& cmds,
+                const FW_BATCH_REVIEW& review) {
     v4.startSaving();
     v6.startSaving();
     v4.startExamining();
     v6.startExamining();
     std::vector<FamilyRun*> families = {&v4};
-    if (!v6.isAbsent()) {
+    const bool hasV6 = !v6.isAbsent();
+    if (hasV6) {
         families.push_back(&v6);
     }
     const auto all = [&](bool (FamilyRun::*done)()) {
@@ -278,6 +283,13 @@ bool commitBoth(FamilyRun& v4, FamilyRun& v6) {
                            [done](FamilyRun* family) { return (family->*done)(); });
     };
     if (!all(&FamilyRun::finishExamining) || !all(&FamilyRun::finishSaving)) {
+        return false;
+    }
+    FWBATCH batch{cmds, {{kFamilyV4, v4.savedFilter()}}};
+    if (hasV6) {
+        batch.saved.emplace(kFamilyV6, v6.savedFilter());
+    }
+    if (review && !review(batch)) {
         return false;
     }
     const auto wasInterrupted = [](const FamilyRun* family) { return family->wasInterrupted(); };
@@ -307,6 +319,10 @@ std::string FW_BATCH::restoreText(const Json::Value& cmds, const std::string& fa
 }
 
 bool FW_BATCH::apply(const Json::Value& cmds) {
+    return apply(cmds, {});
+}
+
+bool FW_BATCH::apply(const Json::Value& cmds, const FW_BATCH_REVIEW& review) {
     const std::size_t bufferBytes = ToolRun::outputBufferBytes();
     RestoreText textV4(bufferBytes);
     RestoreText textV6(bufferBytes);
@@ -322,7 +338,7 @@ bool FW_BATCH::apply(const Json::Value& cmds) {
     }
     FamilyRun v4(kToolsV4, std::move(textV4));
     FamilyRun v6(kToolsV6, std::move(textV6));
-    return commitBoth(v4, v6);
+    return commitBoth(v4, v6, cmds, review);
 }
 
 }  // namespace FW

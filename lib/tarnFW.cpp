@@ -228,10 +228,10 @@ bool applyTestProfile(TARNFW& firewall, const std::string& testName, const std::
 
 /// Replaces the chains' content with the rules of a profile in apply mode "batch".
 bool applyInBatch(TARNFW& firewall, const std::string& profile, bool acceptEstablished,
-                  const std::string& localIp) {
+                  const std::string& localIp, const FW_BATCH_REVIEW& review = {}) {
     Json::Value cmds;
     return translated(firewall.fwBatchRulesEnum(profile, cmds, acceptEstablished, localIp)) &&
-           FW_BATCH().apply(cmds);
+           FW_BATCH().apply(cmds, review);
 }
 
 /// Reads from the settings whether the firewall is enabled and, if so, whether in apply mode
@@ -468,6 +468,10 @@ bool TARNFW::fwReset() {
 }
 
 bool TARNFW::fwReload(bool acceptEstablished) {
+    return fwReload(acceptEstablished, {});
+}
+
+bool TARNFW::fwReload(bool acceptEstablished, const FW_BATCH_REVIEW& review) {
     const FileLock lock(kExecLockPath, kExecLockSeconds, [] { FW_LOG_ERR("Failed to unlock"); });
     if (lock.result() == 0) {
         FW_LOG_ERR("TIMEOUT: getting lock");
@@ -489,7 +493,7 @@ bool TARNFW::fwReload(bool acceptEstablished) {
     if (inBatch) {
         std::string profile;
         return activeProfileGet(*this, profile) &&
-               applyInBatch(*this, profile, acceptEstablished, "");
+               applyInBatch(*this, profile, acceptEstablished, "", review);
     }
     return applyWhileClosed(*this, [&] { return applyActiveProfile(*this, acceptEstablished); });
 }

@@ -3,7 +3,10 @@
 
 #include <json/json.h>
 
+#include <functional>
+#include <map>
 #include <string>
+#include <string_view>
 
 #include "tarnfirewall/fwExport.h"
 
@@ -14,6 +17,21 @@ namespace FW {
 inline constexpr const char* FW_ABSENT_FAMILY_WORDS[] = {
     "Address family not supported", "Protocol not supported", "Operation not supported",
     "Table does not exist"};
+
+/// A batch that is about to be committed. It is there only during the review.
+struct FWBATCH {
+    const Json::Value& commands;  ///< the command document
+
+    /// The filter table of each family that the machine has, "v4" or "v6", as iptables-save
+    /// "--counters" writes it; read after the lock of iptables was taken.
+    std::map<std::string, std::string_view> saved;
+};
+
+/// A caller's part in a batch: called once, when both texts have passed their tests and before
+/// anything changes. The batch is committed only if it returns true; what it throws goes on to the
+/// caller of the batch. The lock of iptables is held meanwhile, and the programs that commit have
+/// read the tables: it must neither run iptables nor change the packet filter.
+using FW_BATCH_REVIEW = std::function<bool(const FWBATCH&)>;
 
 /// Replaces the content of the firewall chains with the lines of a command document (see
 /// TARNFW_IPTABLES_RULES), through iptables-restore and ip6tables-restore. No packet ever passes a
@@ -47,6 +65,10 @@ public:
     /// refused or a tool cannot be run. Waits up to 30 s for other programs that change the packet
     /// filter under the lock of iptables, such as another call of this function.
     bool apply(const Json::Value& cmds);
+
+    /// The same, unless `review` is against it: then nothing changes, and it returns false without
+    /// a log line. An empty `review` agrees.
+    bool apply(const Json::Value& cmds, const FW_BATCH_REVIEW& review);
 };
 
 }  // namespace FW

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tarnfirewall/fwBatch.h"
 #include "tarnfirewall/fwDB.h"
 #include "tarnfirewall/fwExport.h"
 #include "tarnfirewall/fwIptables.h"
@@ -114,6 +115,11 @@ public:
     /// and FW_BATCH::apply() puts the rules in place. Every failure then leaves the settings and,
     /// with the exceptions named there, the packet filter as they were.
     bool fwReload(bool acceptEstablished);
+
+    /// The same, and with "apply" set to "batch" the caller takes part: see FW_BATCH::apply().
+    /// Without "batch", or while the firewall is disabled, `review` is not called. Where it is
+    /// against the batch nothing changes, and the result is false without a log line.
+    bool fwReload(bool acceptEstablished, const FW_BATCH_REVIEW& review);
 
     /// Translates the stored profile `profile` into the command document `cmds`.
     bool fwIptablesRulesEnum(std::string profile, Json::Value& cmds, bool acceptEstablished);

@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <csignal>
+#include <map>
 
 #include <ostream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -516,6 +518,49 @@ TEST_F(ApplyTest, WhatCannotBeSavedIsNotReplaced) {
                                           "before the end of the table"))
             << saved;
     }
+}
+
+// ---- The caller's review ----
+
+TEST_F(ApplyTest, ReviewSeesTheBatchBeforeAnythingChanges) {
+    std::map<std::string, std::string> saved;
+    EXPECT_TRUE(FW::FW_BATCH().apply(cmds_, [&](const FW::FWBATCH& batch) {
+        EXPECT_EQ(batch.commands, cmds_);
+        EXPECT_THAT(tools_.committed(), IsEmpty());
+        saved.insert(batch.saved.begin(), batch.saved.end());
+        return true;
+    }));
+    EXPECT_EQ(saved, (std::map<std::string, std::string>{{"v4", kSaved}, {"v6", kSaved}}));
+    EXPECT_THAT(tools_.committed(), ElementsAre("v4 commit", "v6 commit"));
+}
+
+TEST_F(ApplyTest, ReviewSeesOnlyTheFamiliesOfTheMachine) {
+    tools_.failToSave("v6", "Cannot initialize: Address family not supported by protocol\n");
+    EXPECT_TRUE(FW::FW_BATCH().apply(cmds_, [](const FW::FWBATCH& batch) {
+        return batch.saved.size() == 1 && batch.saved.count("v4") == 1;
+    }));
+}
+
+TEST_F(ApplyTest, ReviewThatIsAgainstItLeavesEverything) {
+    EXPECT_FALSE(FW::FW_BATCH().apply(cmds_, [](const FW::FWBATCH&) { return false; }));
+    EXPECT_THAT(tools_.committed(), IsEmpty());
+    EXPECT_THAT(platform_.log(), IsEmpty());
+}
+
+TEST_F(ApplyTest, ReviewThatThrowsLeavesEverything) {
+    EXPECT_THROW((void)FW::FW_BATCH().apply(
+                     cmds_, [](const FW::FWBATCH&) -> bool { throw std::runtime_error("no"); }),
+                 std::runtime_error);
+    EXPECT_THAT(tools_.committed(), IsEmpty());
+    EXPECT_TRUE(apply());  // the lock of iptables is free
+}
+
+TEST_F(ApplyTest, RefusedBatchIsNotReviewed) {
+    tools_.refuse("v4 commit", "-A INPUT_FIREWALL -i eth0 -j DROP", "line 4 failed\n");
+    EXPECT_FALSE(FW::FW_BATCH().apply(cmds_, [](const FW::FWBATCH&) {
+        ADD_FAILURE();
+        return true;
+    }));
 }
 
 // ---- More than one table, each a commit of its own ----

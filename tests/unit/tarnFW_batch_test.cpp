@@ -182,6 +182,24 @@ TEST_F(BatchTest, DisabledFirewallStartsNothing) {
     EXPECT_THAT(tools_.started(), IsEmpty());
 }
 
+TEST_F(BatchTest, ReloadThatItsReviewIsAgainstChangesNothing) {
+    EXPECT_FALSE(FW::TARNFW().fwReload(true, [](const FW::FWBATCH& batch) {
+        EXPECT_TRUE(batch.commands["v4"].isMember("eth0"));
+        return false;
+    }));
+    EXPECT_THAT(tools_.committed(), IsEmpty());
+    EXPECT_THAT(errors(), IsEmpty());
+    EXPECT_EQ(platform_.journal.back(), "unlock 1000");
+}
+
+TEST_F(BatchTest, ReloadLineByLineHasNoReview) {
+    choose("lines");
+    EXPECT_TRUE(FW::TARNFW().fwReload(true, [](const FW::FWBATCH&) {
+        ADD_FAILURE();
+        return false;
+    }));
+}
+
 TEST_F(BatchTest, RouterInterfaceIsAskedForOnceAnAdapter) {
     FW::TARNFW firewall;
     EXPECT_TRUE(firewall.fwReload(true));
