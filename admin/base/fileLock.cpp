@@ -1,17 +1,15 @@
 #include "tarnfwadmin/fileLock.h"
 
+#include <errno.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <sstream>
 #include <thread>
 
 #include <boost/algorithm/string/predicate.hpp>
@@ -134,25 +132,10 @@ bool isLocked(const std::string& path) {
 }
 
 bool isFlocked(const std::string& path) {
-    struct stat file {};
-    if (stat(path.c_str(), &file) != 0) {
-        return false;
-    }
-    std::array<char, 64> wanted{};
-    (void)std::snprintf(wanted.data(), wanted.size(), "%02x:%02x:%llu", major(file.st_dev),
-                        minor(file.st_dev), static_cast<unsigned long long>(file.st_ino));
-    std::ifstream lines("/proc/locks");
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream words(line);  // "1: FLOCK ADVISORY WRITE 123 00:1a:456 0 EOF"
-        std::string word;
-        std::string kind;
-        std::string place;
-        words >> word >> kind >> word >> word >> word >> place;
-        if (kind == "FLOCK" && place == wanted.data()) {
-            return true;
-        }
-    }
-    return false;
+    // Takes it for a moment, shared. "/proc/locks" would not disturb a program that does not wait,
+    // but its reader waits for every processor, some 15 ms.
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    return file && flock(file.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
 void awaitUnlocked(const std::string& path, LockTime& time,

@@ -56,8 +56,7 @@ private:
 /// Whether another open file has a lock of this file. False for a missing one.
 bool isLocked(const std::string& path);
 
-/// The same for a lock of flock(2), which is one of another sort. It is not tried but read from
-/// "/proc/locks": others may be there who do not wait for it.
+/// The same for an exclusive lock of flock(2), which is one of another sort.
 bool isFlocked(const std::string& path);
 
 /// Waits for what is left of `time` until nobody holds a lock of the file, and does not take it:
