@@ -3,11 +3,14 @@
 #include <errno.h>
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <iterator>
 #include <optional>
 #include <sstream>
 
@@ -66,19 +69,69 @@ bool readBoth(int first, std::string& firstText, int second, std::string& second
     return true;
 }
 
+std::vector<char*> pointersTo(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    std::transform(texts.begin(), texts.end(), std::back_inserter(pointers),
+                   [](std::string& text) { return text.data(); });
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+/// The descriptors that a program gets as its standard ones.
+using Standard = std::array<int, 3>;
+
+/// Starts a program without a copy of this process, which takes the longer the more memory it has.
+pid_t spawnProgram(std::vector<std::string> words, const Standard& descriptors,
+                   const std::string& variable) {
+    std::vector<std::string> environment;
+    for (char** own = environ; *own != nullptr; ++own) {
+        environment.emplace_back(*own);
+    }
+    if (!variable.empty()) {
+        environment.push_back(variable);
+    }
+    posix_spawn_file_actions_t actions;
+    int error = posix_spawn_file_actions_init(&actions);
+    for (int to = 0; error == 0 && to < static_cast<int>(descriptors.size()); ++to) {
+        error = posix_spawn_file_actions_adddup2(&actions,
+                                                 descriptors.at(static_cast<std::size_t>(to)), to);
+    }
+    pid_t process = -1;
+    if (error == 0) {
+        error = posix_spawn(&process, words.front().c_str(), &actions, nullptr,
+                            pointersTo(words).data(), pointersTo(environment).data());
+    }
+    (void)posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) {
+        throw Error(ErrorKind::kSystem, "cannot run " + words.front());
+    }
+    return process;
+}
+
+/// The same in a copy, where `enter` is called first.
+pid_t startProgram(const std::vector<std::string>& words, const Standard& descriptors,
+                   const std::string& variable, const std::function<bool()>& enter) {
+    return startProcess(words.front(), [&] {
+        std::string owned = variable;
+        bool entered = (variable.empty() || putenv(owned.data()) == 0) && enter();
+        for (int to = 0; entered && to < static_cast<int>(descriptors.size()); ++to) {
+            entered = dup2(descriptors.at(static_cast<std::size_t>(to)), to) >= 0;
+        }
+        return entered ? becomeProgram(words) : kNotEntered;
+    });
+}
+
 }  // namespace
 
 ProgramAnswer runProgram(const std::vector<std::string>& words, int input,
-                         const std::function<bool()>& enter, int mostSeconds) {
+                         const std::function<bool()>& enter, int mostSeconds,
+                         const std::string& variable) {
     const std::string& program = words.front();
     Pipe output;
     Pipe errors;
-    const pid_t process = startProcess(program, [&] {
-        const bool entered = (!enter || enter()) && dup2(input, STDIN_FILENO) >= 0 &&
-                             dup2(output.writeEnd.get(), STDOUT_FILENO) >= 0 &&
-                             dup2(errors.writeEnd.get(), STDERR_FILENO) >= 0;
-        return entered ? becomeProgram(words) : kNotEntered;
-    });
+    const Standard descriptors = {input, output.writeEnd.get(), errors.writeEnd.get()};
+    const pid_t process = enter ? startProgram(words, descriptors, variable, enter)
+                                : spawnProgram(words, descriptors, variable);
     (void)output.writeEnd.close();
     (void)errors.writeEnd.close();
     ProgramAnswer answer;

@@ -80,6 +80,15 @@ BaseParts BaseFilter::missing() const {
     return parts;
 }
 
+void BaseFilter::requireWhole() const {
+    const BaseParts parts = missing();
+    if (!parts.empty()) {
+        throw Error(ErrorKind::kSystem,
+                    "the base filter is not set up (" + title() + " lacks " + describe(parts) + ")",
+                    {}, Remedy::kAddBase);
+    }
+}
+
 bool BaseFilter::inOrder() const {
     const auto& jumps = wholeBase().jumps;
     return std::all_of(jumps.begin(), jumps.end(), [&](const auto& jump) {
@@ -217,11 +226,7 @@ void requireBase() {
                         [&](const auto& jump) { return hasJump(listing, jump); })) {
             continue;
         }
-        const BaseFilter filter(family);
-        throw Error(ErrorKind::kSystem,
-                    "the base filter is not set up (" + filter.title() + " lacks " +
-                        describe(filter.missing()) + ")",
-                    {}, Remedy::kAddBase);
+        BaseFilter(family).requireWhole();
     }
 }
 

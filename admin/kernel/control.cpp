@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <exception>
+#include <future>
+#include <map>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -15,6 +17,7 @@
 #include "tarnfirewall/tarnIptablesModule.h"
 
 #include "kernel/reloadGuard.h"
+#include "kernel/wantedRules.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/bootRules.h"
 #include "tarnfwadmin/fileLock.h"
@@ -121,13 +124,21 @@ void requireKernelTakes(const FW::FWPROFILE& profile, FW::TARNFW_IPTABLES_RULES&
 
 // ---- After a reload ----
 
-/// Throws Error when the rules are not those of the active profile, whose translation is
-/// `commands`: the library does not see that the interfaces cannot be listed, nor that one of its
-/// commands was killed.
-void requireInForce(const SavedRules& rules, const Json::Value& commands) {
+/// The rules that a reload is to put into the kernel, which are read while it does that.
+using WantedRules = std::shared_future<std::map<std::string, ChainRules>>;
+
+WantedRules wantedRules(FamilyLines lines) {
+    return std::async(std::launch::async,
+                      [own = std::move(lines)] { return familyRulesFrom(own); });
+}
+
+/// Throws Error when the rules are not those of the active profile: the library does not see that
+/// the interfaces cannot be listed, nor that one of its commands was killed.
+void requireInForce(const SavedRules& rules, const WantedRules& wanted) {
     requireInterfaces();
     // The profile or the interfaces may have changed since the translation.
-    if (!hasTranslation(rules, commands) && !hasActiveProfile(rules, StoreSnapshot())) {
+    if (!(wanted.valid() && hasRules(rules, wanted.get())) &&
+        !hasActiveProfile(rules, StoreSnapshot())) {
         throw Error(ErrorKind::kSystem, "the kernel did not get all rules of the profile");
     }
 }
@@ -226,25 +237,33 @@ std::string Control::kernelRefusal(const FW::FWPROFILE& profile) {
     return "";
 }
 
+/// The work of a reload: the operation of the library, and the look at what it has done.
+bool Control::reload(const Operation& operation, ReloadGuard& guard) const {
+    WantedRules wanted;
+    if (!operation([&](const FW::FWBATCH& batch) {
+            wanted = wantedRules(commandLinesOf(batch.commands));
+            return guard.review(batch.saved);
+        })) {
+        return false;
+    }
+    if (!wanted.valid() && commands_.isObject()) {
+        wanted = wantedRules(commandLinesOf(commands_));
+    }
+    const SavedRules rules = guard.finish();
+    requireInForce(rules, wanted);
+    keepAsLastGood(rules);
+    return true;
+}
+
 /// Runs an operation of the library that applies the active profile. Throws Error, with the rules
 /// and settings as before, when it fails.
-void Control::runGuarded(const std::string& failed, bool (*operation)()) {
-    const std::string what = applyingText(session_);
+void Control::runGuarded(const std::string& failed, const Operation& operation, bool reviewed) {
     const bool wasEnabled = session_.snapshot().firewallEnabled();
-    const bool batch = session_.snapshot().applyMode() == ApplyMode::kBatch;
-    const ReloadGuard guard(ReloadGuard::Lock::kTake,
-                            batch ? ReloadGuard::Change::kBatch : ReloadGuard::Change::kAny);
+    ReloadGuard guard(ReloadGuard::Lock::kTake,
+                      reviewed ? ReloadGuard::Change::kBatch : ReloadGuard::Change::kAny);
     std::optional<Error> failure;
     try {
-        if (!run_(what, [&] {
-                if (!operation()) {
-                    return false;
-                }
-                const SavedRules rules = guard.finish();
-                requireInForce(rules, commands_);
-                keepAsLastGood(rules);
-                return true;
-            })) {
+        if (!run_(applyingText(session_), [&] { return reload(operation, guard); })) {
             failure.emplace(ErrorKind::kRefused, failed);
         }
     } catch (const Error& error) {
@@ -255,11 +274,19 @@ void Control::runGuarded(const std::string& failed, bool (*operation)()) {
     if (!failure) {
         return;
     }
+    if (guard.needsMore()) {
+        runGuarded(failed, operation, /*reviewed=*/false);
+        return;
+    }
     session_.refresh();
     const std::string now = goBack(guard, wasEnabled);
-    if (batch && failure->kind() == ErrorKind::kRefused) {
+    if (session_.snapshot().applyMode() == ApplyMode::kBatch) {
         try {
-            requireApplicable();  // says why, where the library has no more than a line of the log
+            // They say why, where the library has no more than a line of the log.
+            tarnfw::requireBase();
+            if (failure->kind() == ErrorKind::kRefused) {
+                requireApplicable();
+            }
         } catch (const Error& error) {
             failure.emplace(error.kind(), failed + ": " + error.what(), error.place(),
                             error.remedy());
@@ -316,7 +343,10 @@ void Control::enable(Machine& machine, const std::function<void(const FW::FWPROF
         confirm(profile);
     }
     (void)session_.change([&] {
-        runGuarded("the rules could not be applied", [] { return FW::TARNFW().fwEnable(); });
+        runGuarded(
+            "the rules could not be applied",
+            [](const FW::FW_BATCH_REVIEW& /*review*/) { return FW::TARNFW().fwEnable(); },
+            /*reviewed=*/false);
         return true;
     });
 }
@@ -352,7 +382,7 @@ bool Control::apply() {
     try {
         if (batch) {
             // The library changes nothing when it cannot read or translate the profile, and the
-            // guard looks for the base filter.
+            // guard's review looks for the base filter.
             requireInterfaces();
         } else {
             requireApplicable();
@@ -361,7 +391,10 @@ bool Control::apply() {
         throw Error(failure.kind(), failed + ": " + failure.what() + "; nothing was changed",
                     failure.place(), failure.remedy());
     }
-    runGuarded(failed, [] { return FW::TARNFW().fwReload(true); });
+    runGuarded(
+        failed,
+        [](const FW::FW_BATCH_REVIEW& review) { return FW::TARNFW().fwReload(true, review); },
+        batch);
     return true;
 }
 

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <sstream>
+#include <string_view>
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/classification.hpp>
@@ -16,6 +16,22 @@ namespace tarnfw {
 namespace {
 
 using Words = std::vector<std::string>;
+
+constexpr std::size_t kUsualWords = 24;
+
+/// The words of a line without quotes.
+std::vector<std::string_view> plainWordsOf(std::string_view line) {
+    std::vector<std::string_view> words;
+    words.reserve(kUsualWords);
+    while (!line.empty()) {
+        const std::string_view word = line.substr(0, line.find(' '));
+        if (!word.empty()) {
+            words.push_back(word);
+        }
+        line.remove_prefix(std::min(word.size() + 1, line.size()));
+    }
+    return words;
+}
 
 /// The words of a line; comments and log prefixes are in quotes.
 Words wordsOf(const std::string& line) {
@@ -46,7 +62,7 @@ Words wordsOf(const std::string& line) {
     return words;
 }
 
-bool isOneOf(const std::string& word, std::initializer_list<const char*> words) {
+bool isOneOf(std::string_view word, std::initializer_list<const char*> words) {
     return std::find(words.begin(), words.end(), word) != words.end();
 }
 
@@ -123,11 +139,19 @@ void dropEmptyConditions(KernelRule& rule) {
 
 class Reader {
 public:
-    explicit Reader(const std::string& line) : words_(wordsOf(line)) { rule_.text = line; }
+    explicit Reader(const std::string& line) {
+        rule_.text = line;
+        if (line.find('"') == std::string::npos) {
+            words_ = plainWordsOf(line);
+        } else {
+            unquoted_ = wordsOf(line);
+            words_.assign(unquoted_.begin(), unquoted_.end());
+        }
+    }
 
     KernelRule read() {
         while (at_ < words_.size()) {
-            const std::string word = next();
+            const std::string_view word = next();
             if (word == "!") {
                 negated_ = true;
                 continue;
@@ -140,23 +164,24 @@ public:
     }
 
 private:
-    std::string next() { return at_ < words_.size() ? words_[at_++] : std::string(); }
+    std::string_view next() { return at_ < words_.size() ? words_[at_++] : std::string_view(); }
+    std::string nextText() { return std::string(next()); }
 
-    void readOption(const std::string& word) {
+    void readOption(std::string_view word) {
         if (word == "-t") {
             rule_.table = next();
         } else if (word == "-A") {
             rule_.chain = next();
         } else if (word == "-i") {
-            set(rule_.in, std::optional(next()), negated_);
+            set(rule_.in, std::optional(nextText()), negated_);
         } else if (word == "-o") {
-            set(rule_.out, std::optional(next()), negated_);
+            set(rule_.out, std::optional(nextText()), negated_);
         } else if (word == "-s") {
-            set(rule_.source, rangeOf(next()), negated_);
+            set(rule_.source, rangeOf(nextText()), negated_);
         } else if (word == "-d") {
-            set(rule_.destination, rangeOf(next()), negated_);
+            set(rule_.destination, rangeOf(nextText()), negated_);
         } else if (word == "-p") {
-            set(rule_.protocol, protocolOf(next()), negated_);
+            set(rule_.protocol, protocolOf(nextText()), negated_);
         } else if (isOneOf(word, {"--dport", "--dports", "--destination-port"})) {
             readPorts(rule_.ports);
         } else if (isOneOf(word, {"--sport", "--sports", "--source-port"})) {
@@ -172,7 +197,7 @@ private:
         }
     }
 
-    void readMatch(const std::string& word) {
+    void readMatch(std::string_view word) {
         if (word == "-m") {
             // The options of these are read one by one, and those of others are not.
             rule_.more = !isOneOf(next(), {"tcp", "udp", "multiport", "comment", "state",
@@ -191,11 +216,11 @@ private:
         }
     }
 
-    std::string peek() const { return at_ < words_.size() ? words_[at_] : std::string(); }
+    std::string_view peek() const { return at_ < words_.size() ? words_[at_] : std::string_view(); }
 
     /// RELATED is for connections that an established one has announced: the firewall's own line
     /// accepts them as well.
-    static bool isEstablished(const std::string& states) {
+    static bool isEstablished(std::string_view states) {
         Words names;
         boost::split(names, states, boost::is_any_of(","));
         return std::all_of(names.begin(), names.end(), [](const std::string& name) {
@@ -205,7 +230,7 @@ private:
 
     void readPorts(Condition<std::vector<PortSpan>>& condition) {
         Words entries;
-        const std::string list = next();
+        const std::string_view list = next();
         boost::split(entries, list, boost::is_any_of(","));
         std::vector<PortSpan> spans;
         for (const std::string& entry : entries) {
@@ -219,7 +244,8 @@ private:
         set(condition, std::optional(spans), negated_);
     }
 
-    Words words_;
+    Words unquoted_;  // where the line has quotes
+    std::vector<std::string_view> words_;
     std::size_t at_ = 0;
     bool negated_ = false;
     KernelRule rule_;

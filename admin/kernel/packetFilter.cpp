@@ -10,8 +10,10 @@
 #include <future>
 #include <iterator>
 #include <memory>
-#include <sstream>
+#include <string_view>
 #include <utility>
+
+#include <boost/algorithm/string/predicate.hpp>
 
 #include "tarnfirewall/fwBatch.h"
 
@@ -27,6 +29,9 @@ constexpr char kLockSeconds[] = "30";
 // The lock of the legacy variant.
 constexpr char kXtablesLock[] = "/run/xtables.lock";
 
+// Where that variant looks for its lock, and a file that nobody else locks: the program's input.
+constexpr char kOwnLock[] = "XTABLES_LOCKFILE=/proc/self/fd/0";
+
 // A machine may have no IPv6.
 constexpr char kOptionalFamily[] = "v6";
 
@@ -41,22 +46,59 @@ bool saysAbsent(const ProgramAnswer& answer) {
 
 // ---- Listing ------------------------------------------------------------------------------------
 
+namespace {
+
+/// Cuts the first line off a text.
+std::string_view takeLine(std::string_view& text) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+    return line;
+}
+
+/// Cuts the first word off a line.
+std::string_view takeWord(std::string_view& line) {
+    const std::string_view word = line.substr(0, line.find(' '));
+    line.remove_prefix(std::min(word.size() + 1, line.size()));
+    return word;
+}
+
+/// Collects the rules of a listing. Those of a chain follow each other, and may be thousands.
+class RuleSink {
+public:
+    explicit RuleSink(RuleListing& listing) : listing_(listing) {}
+
+    void add(std::string_view chain, std::string_view rule) {
+        if (rules_ == nullptr || chain != chain_) {
+            rules_ = &listing_.chains[std::string(chain)];
+            chain_ = chain;
+        }
+        rules_->emplace_back(rule);
+    }
+
+private:
+    RuleListing& listing_;
+    std::string_view chain_;
+    std::vector<std::string>* rules_ = nullptr;
+};
+
+}  // namespace
+
 RuleListing RuleListing::from(const std::string& text) {
     RuleListing listing;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream words(line);
-        std::string kind;
-        std::string chain;
-        std::string policy;
-        words >> kind >> chain >> policy;
-        if (kind == "-P") {
-            listing.policies[chain] = policy;
-            listing.chains[chain];
-        } else if (kind == "-N") {
-            listing.chains[chain];
-        } else if (kind == "-A") {
-            listing.chains[chain].push_back(line);
+    RuleSink rules(listing);
+    std::string_view lines = text;
+    while (!lines.empty()) {
+        const std::string_view line = takeLine(lines);
+        std::string_view words = line;
+        const std::string_view kind = takeWord(words);
+        const std::string_view chain = takeWord(words);
+        if (kind == "-A") {
+            rules.add(chain, line);
+        } else if (kind == "-P" || kind == "-N") {
+            listing.chains[std::string(chain)];
+            if (kind == "-P") {
+                listing.policies[std::string(chain)] = takeWord(words);
+            }
         }
     }
     return listing;
@@ -64,18 +106,23 @@ RuleListing RuleListing::from(const std::string& text) {
 
 RuleListing RuleListing::fromSaved(const std::string& text) {
     RuleListing listing;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream words(line);
-        std::string first;
-        std::string second;
-        words >> first >> second;
+    RuleSink rules(listing);
+    std::string_view lines = text;
+    while (!lines.empty()) {
+        std::string_view line = takeLine(lines);
+        if (boost::starts_with(line, "[")) {
+            (void)takeWord(line);  // the rule's counters
+        }
+        std::string_view words = line;
+        const std::string_view first = takeWord(words);
+        const std::string_view second = takeWord(words);
         if (first == "-A") {
-            listing.chains[second].push_back(line);
+            rules.add(second, line);
         } else if (first.size() > 1 && first[0] == ':') {
-            listing.chains[first.substr(1)];
+            const std::string chain(first.substr(1));
+            listing.chains[chain];
             if (second != "-") {
-                listing.policies[first.substr(1)] = second;
+                listing.policies[chain] = second;
             }
         }
     }
@@ -104,17 +151,18 @@ bool RuleListing::hasPolicy(const std::string& chain, const std::string& policy)
 ProgramAnswer PacketFilter::run(const std::string& family,
                                 const std::vector<std::string>& arguments) const {
     const Descriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    return runTool(programOf(family), arguments, nothing.get());
+    return runTool(programOf(family), arguments, nothing.get(), Others::kAwaited);
 }
 
-ProgramAnswer PacketFilter::restore(const std::string& family, const std::string& text) const {
+ProgramAnswer PacketFilter::restore(const std::string& family, const std::string& text,
+                                    Others others) const {
     // A file without a name: the tool may stop reading, and nobody has to wait for it to go on.
     const Descriptor input = memoryFile("rules");
     if (!writeText(input.get(), text) || lseek(input.get(), 0, SEEK_SET) != 0) {
         throw Error(ErrorKind::kSystem,
                     std::string("cannot keep the rules: ") + std::strerror(errno));
     }
-    return runTool(programOf(family) + "-restore", {"--noflush"}, input.get());
+    return runTool(programOf(family) + "-restore", {"--noflush"}, input.get(), others);
 }
 
 RuleListing PacketFilter::list(const std::string& family, const std::string& table,
@@ -163,32 +211,36 @@ std::map<std::string, RuleListing> PacketFilter::listFilters() const {
 }
 
 std::optional<std::map<std::string, RuleListing>> PacketFilter::listChains(
-    const std::vector<std::string>& chains) const {
-    // "-S" takes one chain; the restoring tool takes many such commands, and reads the table once.
-    std::string text = "*filter\n";
-    for (const std::string& chain : chains) {
-        text += "-S " + chain + "\n";
-    }
-    text += "COMMIT\n";
-    const auto answerOf = [&](const char* family) {
-        return hasProgram(family) ? std::optional(restore(family, text)) : std::nullopt;
+    const std::map<std::string, ChainGroups>& families) const {
+    const auto listGroup = [&](const std::string& family, const std::vector<std::string>& group) {
+        // "-S" takes one chain; the restoring tool takes many such commands.
+        std::string text = "*filter\n";
+        for (const std::string& chain : group) {
+            text += "-S " + chain + "\n";
+        }
+        const ProgramAnswer answer = restore(family, text + "COMMIT\n", Others::kIgnored);
+        return answer.status == 0 ? std::optional(RuleListing::from(answer.output)) : std::nullopt;
     };
-    std::future<std::optional<ProgramAnswer>> second =
-        std::async(std::launch::async, answerOf, kOptionalFamily);
+    using Group = std::future<std::optional<RuleListing>>;
+    std::vector<std::pair<std::string, Group>> running;
+    for (const auto& [family, groups] : families) {
+        for (const std::vector<std::string>& group : groups) {
+            running.emplace_back(family, std::async(std::launch::async, listGroup, family, group));
+        }
+    }
     std::map<std::string, RuleListing> listings;
     bool all = true;
-    const auto keep = [&](const char* family, const std::optional<ProgramAnswer>& answer) {
-        if (answer && answer->status == 0) {
-            listings.emplace(family, RuleListing::from(answer->output));
-        } else if (answer && (family != std::string(kOptionalFamily) || !saysAbsent(*answer))) {
+    for (auto& [family, group] : running) {
+        try {
+            std::optional<RuleListing> listing = group.get();
+            all = all && listing;
+            if (listing) {
+                listings[family].policies.merge(listing->policies);
+                listings[family].chains.merge(listing->chains);
+            }
+        } catch (const Error&) {
             all = false;
         }
-    };
-    try {
-        keep("v4", answerOf("v4"));
-        keep(kOptionalFamily, second.get());
-    } catch (const Error&) {
-        return std::nullopt;
     }
     return all ? std::optional(std::move(listings)) : std::nullopt;
 }
@@ -210,10 +262,11 @@ std::vector<std::string> PacketFilter::families() const {
 }
 
 ProgramAnswer PacketFilter::runTool(const std::string& program,
-                                    const std::vector<std::string>& arguments, int input) const {
+                                    const std::vector<std::string>& arguments, int input,
+                                    Others others) const {
     std::vector<std::string> words = {program, "-w", kLockSeconds};
     words.insert(words.end(), arguments.begin(), arguments.end());
-    return runProgram(words, input, [this] { return enter(); });
+    return runProgram(words, input, entrance(), 0, others == Others::kAwaited ? "" : kOwnLock);
 }
 
 void awaitXtablesLock(LockTime& time) {

@@ -1,22 +1,21 @@
 #include "kernel/reloadGuard.h"
 
-#include <fcntl.h>
-#include <stdlib.h>
-#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
 
+#include <boost/algorithm/string/predicate.hpp>
+
 #include "tarnfwadmin/baseFilter.h"
-#include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/fileLock.h"
-#include "tarnfwadmin/process.h"
 #include "tarnfwadmin/storeSession.h"
 
 namespace tarnfw {
@@ -27,9 +26,6 @@ constexpr int kLockSeconds = 30;
 // The state before a reload, while it is running.
 constexpr char kRunningReload[] = "/run/tarn/reload.json";
 constexpr mode_t kPrivateMode = 0600;
-
-// The lock of iptables, which the library takes before a batch.
-constexpr char kXtablesLock[] = "/run/xtables.lock";
 
 using Jump = std::pair<std::string, std::string>;
 
@@ -157,81 +153,69 @@ std::string linesToLead(const RuleListing& listing, const std::string& chain) {
     return leads ? "" : lines;
 }
 
+// ---- A batch ----
+
+// From this size of a table on, two programs that list half of it each are quicker than one.
+constexpr std::size_t kManyBytes = 65536;
+
+// What review() keeps: the texts, this line with the family before each, and the other at the end.
+constexpr char kFamilyMark[] = "\n# family ";
+constexpr char kEndMark[] = "\n# end\n";
+constexpr char kClosedMark[] = "# closed\n";  // instead of all that, after a killed reload
+
+/// What iptables-save wrote, without the rules of the firewall's two chains.
+std::string sharedPart(std::string_view saved) {
+    std::string part;
+    while (!saved.empty()) {
+        const std::string_view line = saved.substr(0, saved.find('\n'));
+        saved.remove_prefix(std::min(line.size() + 1, saved.size()));
+        const std::size_t rule = std::min(line.find("-A "), line.size());
+        if (!boost::starts_with(line.substr(rule), "-A INPUT_FIREWALL ") &&
+            !boost::starts_with(line.substr(rule), "-A FORWARD_FIREWALL ")) {
+            part.append(line).append("\n");
+        }
+    }
+    return part;
+}
+
+/// The rules in what review() keeps.
+SavedRules savedIn(const std::string& text) {
+    std::map<std::string, RuleListing> listings;
+    std::size_t mark = text.find(kFamilyMark);
+    while (mark != std::string::npos) {
+        const std::size_t name = mark + std::strlen(kFamilyMark);
+        const std::size_t begin = text.find('\n', name);
+        mark = text.find(kFamilyMark, begin);
+        listings.emplace(text.substr(name, begin - name),
+                         RuleListing::fromSaved(text.substr(begin, mark - begin)));
+    }
+    return SavedRules::of(listings);
+}
+
+/// The chains of the base filter of families with a table of this many bytes; where one has no
+/// such chain, the whole tables.
+std::map<std::string, RuleListing> listOwn(const std::map<std::string, std::size_t>& bytes) {
+    std::map<std::string, PacketFilter::ChainGroups> chains;
+    for (const auto& [family, count] : bytes) {
+        chains[family] =
+            count < kManyBytes
+                ? PacketFilter::ChainGroups{{"INPUT", "INPUT_FIREWALL", kReloadingChain, "FORWARD",
+                                             "FORWARD_FIREWALL"}}
+                : PacketFilter::ChainGroups{{"INPUT", "INPUT_FIREWALL", kReloadingChain},
+                                            {"FORWARD", "FORWARD_FIREWALL"}};
+    }
+    const auto found = MachineKernel().listChains(chains);
+    return found ? *found : MachineKernel().listFilters();
+}
+
 }  // namespace
-
-// ---- RuleSaves ----------------------------------------------------------------------------------
-
-/// The rules of the families as iptables-save writes them, by programs that may still be running.
-/// Until they have ended the lock of iptables is held: by them, so that it ends with the last one.
-class RuleSaves {
-public:
-    explicit RuleSaves(const std::vector<std::string>& families) {
-        const Descriptor lock(open(kXtablesLock, O_RDONLY | O_CREAT | O_CLOEXEC, kPrivateMode));
-        const bool held = lock && flock(lock.get(), LOCK_EX | LOCK_NB) == 0;
-        for (const std::string& family : families) {
-            start(family, lock.get());
-        }
-        if (!held) {
-            await();  // nothing keeps a reload from being faster
-        }
-    }
-    ~RuleSaves() { await(); }
-    RuleSaves(const RuleSaves&) = delete;
-    RuleSaves& operator=(const RuleSaves&) = delete;
-
-    /// Throws Error, kSystem, when a program has failed.
-    SavedRules rules() {
-        await();
-        std::map<std::string, RuleListing> listings;
-        for (const auto& [family, save] : saves_) {
-            std::string text;
-            if (!save.succeeded || lseek(save.text.get(), 0, SEEK_SET) != 0 ||
-                !readAll(save.text.get(), text) || text.find("\nCOMMIT\n") == std::string::npos) {
-                throw Error(ErrorKind::kSystem,
-                            "the " + titleOf(family) + " rules of before could not be saved");
-            }
-            listings.emplace(family, RuleListing::fromSaved(text));
-        }
-        return SavedRules::of(listings);
-    }
-
-private:
-    struct Save {
-        Descriptor text;
-        pid_t process = -1;
-        bool succeeded = false;
-    };
-
-    void start(const std::string& family, int lock) {
-        Save& save = saves_[family];
-        save.text = memoryFile("rules");
-        save.process = startProcess("iptables-save", [&] {
-            (void)fcntl(lock, F_SETFD, 0);  // kept open by the program
-            // As it has no lock to wait for: this process holds the machine's.
-            (void)setenv("XTABLES_LOCKFILE", "/proc/self/fd/1", 1);
-            return dup2(save.text.get(), STDOUT_FILENO) < 0
-                       ? kProgramNotRun
-                       : becomeProgram({programOf(family) + "-save", "-t", "filter"});
-        });
-    }
-
-    void await() {
-        for (auto& [unused, save] : saves_) {
-            if (save.process > 0) {
-                save.succeeded = exitStatusOf(save.process) == 0;
-                save.process = -1;
-            }
-        }
-    }
-
-    std::map<std::string, Save> saves_;  // by family
-};
 
 // ---- ReloadGuard --------------------------------------------------------------------------------
 
 ReloadGuard::ReloadGuard(Lock lock, Change change) : lock_(lock) {
     const auto held = taken(lock_);
-    if (change == Change::kBatch && readForBatch()) {
+    if (change == Change::kBatch && access(kRunningReload, F_OK) != 0) {
+        saved_ = memoryFile("rules");
         return;
     }
     const Listings found = MachineKernel().listFilters();
@@ -242,36 +226,39 @@ ReloadGuard::ReloadGuard(Lock lock, Change change) : lock_(lock) {
                         Existing::kReplaced);
 }
 
-ReloadGuard::~ReloadGuard() = default;
+bool ReloadGuard::review(const std::map<std::string, std::string_view>& saved) {
+    if (!saved_) {
+        return true;
+    }
+    Listings shared;
+    std::string kept;
+    for (const auto& [family, text] : saved) {
+        const auto& [here, unused] =
+            shared.emplace(family, RuleListing::fromSaved(sharedPart(text)));
+        BaseFilter(family, here->second).requireWhole();
+        bytes_[family] = text.size();
+        kept.append(kFamilyMark).append(family).append("\n").append(text);
+    }
+    const bool closed = std::any_of(shared.begin(), shared.end(),
+                                    [](const auto& family) { return isClosed(family.second); });
+    if (!writeText(saved_.get(), closed ? kClosedMark : kept + kEndMark)) {
+        throw Error(ErrorKind::kSystem, "the rules of before could not be kept");
+    }
+    shared_ = SavedRules::of(shared).families();
+    return !closed;
+}
 
-/// Reads what is needed before a batch, and makes ready. False when a killed reload has left
-/// something: all has to be read then.
-bool ReloadGuard::readForBatch() {
-    const auto found = MachineKernel().listChains({"INPUT", "FORWARD", kReloadingChain});
-    const auto lacksBase = [](const auto& family) {
-        const auto& jumps = wholeBase().jumps;
-        return std::any_of(jumps.begin(), jumps.end(), [&](const Jump& jump) {
-            return family.second.positionOf(jump.first,
-                                            "-A " + jump.first + " -j " + jump.second) == 0;
-        });
-    };
-    if (!found || std::any_of(found->begin(), found->end(), lacksBase)) {
-        requireBase();
-        return false;
+/// What review() has kept; empty when the change did not come so far.
+std::string ReloadGuard::reviewed() const {
+    std::string text;
+    if (saved_ && (lseek(saved_.get(), 0, SEEK_SET) != 0 || !readAll(saved_.get(), text))) {
+        throw Error(ErrorKind::kSystem, "the rules of before cannot be read");
     }
-    if (access(kRunningReload, F_OK) == 0 ||
-        std::any_of(found->begin(), found->end(),
-                    [](const auto& family) { return isClosed(family.second); })) {
-        return false;
-    }
-    std::vector<std::string> families;
-    for (const auto& [family, unused] : *found) {
-        families.push_back(family);
-    }
-    shared_ = SavedRules::of(*found).families();
-    makeReady(*found);
-    saves_ = std::make_unique<RuleSaves>(families);
-    return true;
+    return boost::ends_with(text, kEndMark) || text == kClosedMark ? text : "";
+}
+
+bool ReloadGuard::needsMore() const {
+    return reviewed() == kClosedMark;
 }
 
 /// Puts the jumps first, and ends what a killed reload has left unless the machine is closed.
@@ -303,24 +290,26 @@ void ReloadGuard::read(const Listings& found) {
 
 const SavedRules& ReloadGuard::before() const {
     if (!before_) {
-        before_ = saves_->rules().withoutReloading();
+        const std::string text = reviewed();
+        // Without a review nothing has changed.
+        before_ = (text.empty() ? SavedRules::inKernel() : savedIn(text)).withoutReloading();
     }
     return *before_;
 }
 
 SavedRules ReloadGuard::finish() const {
     const auto held = taken(lock_);
-    const Listings now = MachineKernel().listFilters();
+    const Listings now = bytes_.empty() ? MachineKernel().listFilters() : listOwn(bytes_);
     settle(now);
     return SavedRules::of(now).withoutReloading();
 }
 
-/// Empties FIREWALL_RELOADING and puts the policies back.
+/// Empties FIREWALL_RELOADING, and puts the policies back and the jumps first.
 void ReloadGuard::settle(const Listings& now) const {
     const std::map<std::string, FamilyRules> before =
         !before_ ? shared_ : (leftClosed_ ? opened(*before_) : *before_).families();
     for (const auto& [family, listing] : now) {
-        std::string lines;
+        std::string lines = linesToLead(listing, "INPUT") + linesToLead(listing, "FORWARD");
         if (hasReloadingRules(listing)) {
             lines += std::string("-F ") + kReloadingChain + "\n";
         }
@@ -357,6 +346,9 @@ void ReloadGuard::mend(bool enabled) const {
 }
 
 bool ReloadGuard::isAsBefore() const {
+    if (saved_ && reviewed().empty()) {
+        return true;
+    }
     return SavedRules::inKernel() == before();
 }
 

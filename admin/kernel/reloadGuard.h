@@ -2,18 +2,17 @@
 /// what it would leave otherwise.
 #pragma once
 
+#include <cstddef>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
-#include <vector>
+#include <string_view>
 
+#include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/packetFilter.h"
 #include "tarnfwadmin/savedRules.h"
 
 namespace tarnfw {
-
-class RuleSaves;
 
 /// Looks at the kernel under the reload's lock, before and after. The library takes that lock by
 /// itself for a reload, so this class holds it only for its own steps.
@@ -23,25 +22,36 @@ class RuleSaves;
 /// what the policies were.
 ///
 /// A reload in "batch" changes neither policies nor FIREWALL_RELOADING, and all or nothing of the
-/// rules unless it is killed. The guard then lists only the chains that the firewall shares with
-/// others. The rules of before are saved while the library reads and translates the profile: the
-/// lock of iptables, which the library takes before it changes anything, is held until they are.
+/// rules unless it is killed. The library saves the tables for itself then, and review() looks at
+/// that: nothing is listed twice before the reload.
 class ReloadGuard {
 public:
     /// Whether the caller holds the reload's lock.
     enum class Lock { kTake, kHeld };
 
     /// How the operation changes the rules.
-    enum class Change { kAny, kBatch };
+    enum class Change {
+        kAny,
+        kBatch,  ///< in a reload that calls review(): the constructor then only looks whether a
+                 ///< reload in "lines" was killed, which makes it a guard for any change
+    };
 
     /// Reads the state before and makes ready: the firewall's jumps come first in INPUT and
     /// FORWARD, no rule of a killed reload is left unless the machine is closed, and the state
     /// before is stored. Throws Error: kBusy without the lock, kSystem when the kernel cannot be
-    /// listed or changed, or, for a batch, without the base filter.
+    /// listed or changed.
     explicit ReloadGuard(Lock lock = Lock::kTake, Change change = Change::kAny);
-    ~ReloadGuard();
     ReloadGuard(const ReloadGuard&) = delete;
     ReloadGuard& operator=(const ReloadGuard&) = delete;
+
+    /// To be called in a batch, with what the library saved, see FW_BATCH_REVIEW: keeps the state
+    /// before, also for the process that has made this one. Returns whether the batch may go on:
+    /// not after a killed reload that closed the machine, see needsMore(). Throws Error, kSystem,
+    /// without the base filter.
+    bool review(const std::map<std::string, std::string_view>& saved);
+
+    /// Whether review() has found that the batch needs a guard for any change.
+    bool needsMore() const;
 
     /// The rules and policies of before, without what a killed reload left. After a killed reload
     /// that closed the machine: the rules of before that one, where they are known; else the rules
@@ -49,8 +59,9 @@ public:
     /// when they could not be saved.
     const SavedRules& before() const;
 
-    /// After a change that has succeeded: FIREWALL_RELOADING is empty and the policies are those of
-    /// before. Returns what is in force. Throws as the constructor.
+    /// After a change that has succeeded: FIREWALL_RELOADING is empty, the policies are those of
+    /// before, and the firewall's jumps come first. Returns what is in force. Throws as the
+    /// constructor.
     SavedRules finish() const;
 
     /// After a change that has failed: puts back the state before. Throws Error, kSystem.
@@ -67,15 +78,16 @@ public:
 private:
     using Listings = std::map<std::string, RuleListing>;
 
-    bool readForBatch();
     void read(const Listings& found);
+    std::string reviewed() const;
     static void makeReady(const Listings& found);
     void settle(const Listings& now) const;
 
     Lock lock_;
     mutable std::optional<SavedRules> before_;   // for a batch only when somebody asks
-    std::map<std::string, FamilyRules> shared_;  // the policies of before, for a batch
-    std::unique_ptr<RuleSaves> saves_;
+    std::map<std::string, FamilyRules> shared_;  // the policies of before, in a batch
+    std::map<std::string, std::size_t> bytes_;   // of the tables of before, in a batch
+    Descriptor saved_;         // a file of the processes that share this guard in a batch
     bool leftClosed_ = false;  // before_ is that of a killed reload
 };
 

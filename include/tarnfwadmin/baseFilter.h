@@ -48,6 +48,9 @@ public:
     /// The missing chains and jumps.
     BaseParts missing() const;
 
+    /// Throws Error, kSystem, with what is missing, unless all is there.
+    void requireWhole() const;
+
     /// Whether packets pass the jump to FIREWALL_RELOADING before that to a firewall chain.
     /// Another program may have set them up in the wrong order; a reload then cuts established
     /// connections.

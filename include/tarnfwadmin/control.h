@@ -6,6 +6,7 @@
 
 #include <json/json.h>
 
+#include "tarnfirewall/fwBatch.h"
 #include "tarnfirewall/fwExport.h"
 #include "tarnfirewall/fwTypes.h"
 
@@ -80,7 +81,10 @@ public:
 
 private:
     void requireLocks();
-    void runGuarded(const std::string& failed, bool (*operation)());
+    using Operation = std::function<bool(const FW::FW_BATCH_REVIEW&)>;
+
+    bool reload(const Operation& operation, ReloadGuard& guard) const;
+    void runGuarded(const std::string& failed, const Operation& operation, bool reviewed);
     std::string goBack(const ReloadGuard& guard, bool wasEnabled);
 
     StoreSession& session_;

@@ -1,6 +1,7 @@
 /// The kernel's packet filter, as iptables and ip6tables list and change it.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -21,7 +22,7 @@ struct RuleListing {
     /// Reads a listing.
     static RuleListing from(const std::string& text);
 
-    /// Reads what iptables-save writes of one table.
+    /// Reads what iptables-save writes of one table, with counters or without.
     static RuleListing fromSaved(const std::string& text);
 
     bool has(const std::string& chain) const { return chains.count(chain) != 0; }
@@ -36,16 +37,21 @@ struct RuleListing {
     bool hasPolicy(const std::string& chain, const std::string& policy) const;
 };
 
-/// The packet filter of a network. Every run waits up to 30 s for other programs' locks.
+/// The packet filter of a network. Every run waits up to 30 s for other programs' locks, where
+/// nothing else is said.
 class PacketFilter {
 public:
+    /// Whether a run waits for other programs that change the filter, as the legacy variant does.
+    enum class Others { kAwaited, kIgnored };
+
     virtual ~PacketFilter() = default;
 
     /// Runs the tool of a family ("v4", "v6"). Throws Error, kSystem, when that cannot be done.
     ProgramAnswer run(const std::string& family, const std::vector<std::string>& arguments) const;
 
     /// Hands a text to the restoring tool of a family, which adds to what is there.
-    ProgramAnswer restore(const std::string& family, const std::string& text) const;
+    ProgramAnswer restore(const std::string& family, const std::string& text,
+                          Others others = Others::kAwaited) const;
 
     /// Lists a table of a family, in one run, or only one chain of it. Throws Error, kSystem, where
     /// there is no such table or chain.
@@ -59,10 +65,13 @@ public:
     /// The filter tables of the families that the machine has, listed at the same time.
     std::map<std::string, RuleListing> listFilters() const;
 
-    /// These chains of the filter tables, in one run a family, by family; nothing when one of them
-    /// is missing or cannot be listed. A whole table may have thousands of rules.
+    /// Chains in groups, each of which is listed by a program of its own.
+    using ChainGroups = std::vector<std::vector<std::string>>;
+
+    /// Chains of the filter tables, by family; nothing when one of them is missing or cannot be
+    /// listed. All programs run at the same time, and wait for nobody.
     std::optional<std::map<std::string, RuleListing>> listChains(
-        const std::vector<std::string>& chains) const;
+        const std::map<std::string, ChainGroups>& families) const;
 
     /// Whether the machine lacks the family altogether: there is no such program, or the kernel has
     /// no such table. IPv4 is never absent: without it nothing filters, which is an error.
@@ -76,17 +85,14 @@ protected:
 
 private:
     ProgramAnswer runTool(const std::string& program, const std::vector<std::string>& arguments,
-                          int input) const;
+                          int input, Others others) const;
 
-    /// Called between fork and exec; false when the program must not run.
-    virtual bool enter() const = 0;
+    /// What is called in a new process before its program runs, see runProgram(); none for nothing.
+    virtual std::function<bool()> entrance() const { return {}; }
 };
 
 /// That of this machine.
-class MachineKernel : public PacketFilter {
-private:
-    bool enter() const override { return true; }
-};
+class MachineKernel : public PacketFilter {};
 
 /// Waits for what is left of `time` until nobody holds the lock that the legacy variant of iptables
 /// takes: a task that runs iptables several times would wait for it each time. Throws Error, kBusy,

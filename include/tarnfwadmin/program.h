@@ -18,11 +18,13 @@ struct ProgramAnswer {
 
 /// Runs a program and waits for it. `words` are its path and its arguments; `input` is read as its
 /// standard input, a descriptor. `enter` is called in the new process first; where it returns
-/// false, the program does not run.
+/// false, the program does not run. Without `enter` the start is quicker, the more so the more
+/// memory this process has. `variable` is added to the program's environment: "NAME=value".
 /// Throws Error, kSystem, when it cannot be run or was killed, and after `mostSeconds`, which kills
 /// it; 0 is without a limit.
 ProgramAnswer runProgram(const std::vector<std::string>& words, int input,
-                         const std::function<bool()>& enter = {}, int mostSeconds = 0);
+                         const std::function<bool()>& enter = {}, int mostSeconds = 0,
+                         const std::string& variable = "");
 
 /// The words of a complaint in one line, without the advice at its end ("Try `iptables -h' ...").
 std::string oneLine(const std::string& errors);

@@ -36,7 +36,10 @@ public:
     void addChainsOf(const Json::Value& commands, const PacketFilter& machine) const;
 
 private:
-    bool enter() const override;
+    bool enter() const;
+    std::function<bool()> entrance() const override {
+        return [this] { return enter(); };
+    }
     void setUpBase() const;
     void end() const;
 

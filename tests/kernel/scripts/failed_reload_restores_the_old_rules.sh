@@ -83,21 +83,24 @@ answers 0 apply-mode batch
 answers 0 enable
 keep_listing enabled
 cp -- "$kSettings" /tmp/settings
-# The run of the library waits.
+# The run of the library waits before its commit, and when it is resumed does not commit.
 mv -- /tmp/wrapped/ip6tables-restore /tmp/wrapped/multi
 cat >/tmp/wrapped/ip6tables-restore <<END
 #!/bin/sh
 case "\$*" in
-*--verbose*)
-    if [ -e $kPauseAt ]; then
+*--verbose*) ;;
+*) exec /tmp/wrapped/multi ip6tables-restore "\$@" ;;
+esac
+while IFS= read -r line; do
+    if [ "\$line" = COMMIT ] && [ -e $kPauseAt ]; then
         rm $kPauseAt
         echo "\$PPID" >>$kCommands
         echo >$kPaused
         read -r _ <$kResume
+        exit
     fi
-    ;;
-esac
-exec /tmp/wrapped/multi ip6tables-restore "\$@"
+    printf '%s\n' "\$line"
+done | /tmp/wrapped/multi ip6tables-restore "\$@"
 END
 chmod +x /tmp/wrapped/ip6tables-restore
 for change in nothing one_family; do

@@ -1,6 +1,7 @@
 #include "tarnfwadmin/process.h"
 
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -8,10 +9,13 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "tarnfwadmin/descriptor.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/program.h"
 
 namespace tarnfw {
 namespace {
@@ -39,6 +43,30 @@ TEST(ProcessTest, AKilledProcessHasNoExitStatus) {
     const auto killed = [] { return raise(SIGKILL); };
     EXPECT_EQ(endOf(killed), std::nullopt);
     EXPECT_EQ(waitStatusOf(startProcess("a process", killed)), SIGKILL);
+}
+
+TEST(ProcessTest, ProgramGetsItsInputAndItsVariable) {
+    const Descriptor input = memoryFile("input");
+    ASSERT_TRUE(writeText(input.get(), "given\n"));
+    const std::vector<std::string> words = {"/bin/sh", "-c",
+                                            "cat; echo \"$OWN\" >&2; exit ${OWN:+7}"};
+    // In a copy of this process, and without one.
+    for (const std::function<bool()>& enter :
+         {std::function<bool()>([] { return true; }), std::function<bool()>()}) {
+        ASSERT_EQ(lseek(input.get(), 0, SEEK_SET), 0);
+        const ProgramAnswer answer = runProgram(words, input.get(), enter, 0, "OWN=value");
+        EXPECT_EQ(answer.status, 7);
+        EXPECT_EQ(answer.output, "given\n");
+        EXPECT_EQ(answer.errors, "value\n");
+        EXPECT_EQ(getenv("OWN"), nullptr);
+    }
+}
+
+TEST(ProcessTest, MissingProgramIsAnError) {
+    const Descriptor input = memoryFile("input");
+    EXPECT_THROW((void)runProgram({"/nowhere/program"}, input.get()), Error);
+    EXPECT_THROW((void)runProgram({"/nowhere/program"}, input.get(), [] { return true; }), Error);
+    EXPECT_THROW((void)runProgram({"/bin/true"}, input.get(), [] { return false; }), Error);
 }
 
 TEST(ProcessTest, WaitsOnlyForChildren) {

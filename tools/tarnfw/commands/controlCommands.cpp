@@ -90,7 +90,9 @@ void disable() {
 /// Warns about errors of the active profile. The reload goes on: the profile is in force already.
 std::string warningsAboutActive(Context& context) {
     try {
-        const std::string text = errorsText(context.store().profile(""), context.machine());
+        // A copy, so that the documents are freed here, while the reload is running.
+        const StoreSnapshot store = context.store();
+        const std::string text = errorsText(store.profile(""), context.machine());
         return text.empty() ? text : "tarnfw: " + text + "\n";
     } catch (const std::exception&) {
         return "";  // it cannot be read; the reload itself says so
