@@ -69,8 +69,19 @@ bool takesXtablesLock(const char* path) {
     return file != nullptr && std::string_view(file.get()).find("nft") == std::string_view::npos;
 }
 
+bool isIp6tables(const char* path) {
+    return strcmp(path, kIp6tables) == 0;
+}
+
+bool saysAbsentAgain(const std::string& complaint) {
+    static std::atomic<bool> said{false};
+    const auto has = [&](const char* words) { return complaint.find(words) != std::string::npos; };
+    return has("not supported") && (has("initialize") || has("TABLE_ADD failed")) &&
+           said.exchange(true);
+}
+
 bool isAbsentFamily(const char* path) {
-    return strcmp(path, kIp6tables) == 0 && access(path, F_OK) != 0 && errno == ENOENT;
+    return isIp6tables(path) && access(path, F_OK) != 0 && errno == ENOENT;
 }
 
 int underXtablesLock(const char* path, const std::function<int(OwnLockFile)>& attempt,

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <functional>
+#include <string>
 
 #include "fwXtablesLock.h"
 
@@ -18,6 +19,13 @@ bool takesXtablesLock(const char* path);
 /// Whether `path` is ip6tables on a machine that has none: there is then no IPv6 to filter, and
 /// what the program would do is done.
 bool isAbsentFamily(const char* path);
+
+/// Whether `path` is ip6tables.
+bool isIp6tables(const char* path);
+
+/// Whether a complaint of ip6tables says that the kernel does not have its family, and an earlier one
+/// of this process has said so: it does for every line.
+bool saysAbsentAgain(const std::string& complaint);
 
 /// The environment of a program that runs while the caller holds the lock: its own standard input
 /// is its lock file, for which nobody else waits.

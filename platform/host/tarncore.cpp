@@ -177,27 +177,53 @@ int finish(const RunningProgram& running) {
     return logged(await(running), running.line);
 }
 
-int run(const FW::Program& program) {
-    RunningProgram running;
-    return start(program, running) ? finish(running) : -1;
+// Runs a program to its end. Its status is not logged yet.
+int run(const FW::Program& program, RunningProgram& running) {
+    return start(program, running) ? await(running) : -1;
 }
 
-// Runs a program of iptables, which waits for no lock of other programs: see underXtablesLock().
-int runUnderXtablesLock(FW::Program program) {
+// The same for one of iptables, which waits for no lock of other programs: see underXtablesLock().
+int runUnderXtablesLock(FW::Program program, RunningProgram& running) {
     const host::Descriptor lockFile(memfd_create("lock", MFD_CLOEXEC));
     if (!lockFile) {
         return HOST_FAIL(errno);
     }
-    RunningProgram running;
-    const int status = host::underXtablesLock(program.path, [&](host::OwnLockFile own) {
+    return host::underXtablesLock(program.path, [&](host::OwnLockFile own) {
         const bool isOwn = own == host::OwnLockFile::kYes;
         program.input = isOwn ? lockFile.get() : -1;
         program.environment.clear();
         if (isOwn) {
             program.environment.emplace_back(host::kInputAsLockFile);
         }
-        return start(program, running) ? await(running) : -1;
+        return run(program, running);
     });
+}
+
+std::string textOf(int file) {
+    std::string text;
+    char part[4096];
+    if (lseek(file, 0, SEEK_SET) == 0) {
+        for (ssize_t size = 0; (size = read(file, part, sizeof part)) > 0;) {
+            text.append(part, static_cast<std::size_t>(size));
+        }
+    }
+    return text;
+}
+
+int execute(FW::Program program) {
+    const host::Descriptor complaints(
+        host::isIp6tables(program.path) ? memfd_create("complaints", MFD_CLOEXEC) : -1);
+    program.errors = complaints.get();
+    RunningProgram running;
+    const int status = host::takesXtablesLock(program.path) ? runUnderXtablesLock(program, running)
+                                                            : run(program, running);
+    if (complaints) {
+        const std::string complaint = textOf(complaints.get());
+        if (status > 0 && host::saysAbsentAgain(complaint)) {
+            return status;
+        }
+        (void)!write(STDERR_FILENO, complaint.data(), complaint.size());  // for people only
+    }
     return logged(status, running.line);
 }
 
@@ -241,7 +267,7 @@ int TLIBCExecv(const char* path, const char* const argv[], int /*flag*/) {
         FW::Program program;
         program.path = path;
         program.argv = argv;
-        return host::takesXtablesLock(path) ? runUnderXtablesLock(program) : run(program);
+        return execute(program);
     });
 }
 

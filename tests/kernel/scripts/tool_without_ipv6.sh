@@ -32,6 +32,14 @@ no_ip6tables() {
     mount --bind /tmp/sbin /usr/sbin
 }
 
+# named_once: the last command complains at most once that the family is absent.
+named_once() {
+    (($(wc -l <"$out/complaint") <= 1)) || {
+        cat -- "$out/complaint"
+        fail 'an absent family named more than once'
+    }
+}
+
 # all_commands: a firewall's life on this machine.
 all_commands() {
     local mode
@@ -49,14 +57,17 @@ all_commands() {
     for mode in batch lines; do
         answers 0 apply-mode "$mode"
         answers 0 enable --yes
+        named_once
         step 'the rules of IPv4 are there' iptables -S INPUT_FIREWALL 1
         answers 0 reload --yes
+        named_once
         step 'the policies accept' [ "$(iptables -S | grep -c -- '^-P .* DROP')" = 0 ]
         answers 0 diff
         answers 0 check deny_by_default --kernel
         answers 0 status
         says 'IPv6.* absent'
         answers 0 disable
+        named_once
         step 'the rules are gone' [ -z "$(iptables -S INPUT_FIREWALL 1)" ]
         answers 0 diff
     done

@@ -6,12 +6,14 @@
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -153,6 +155,28 @@ TEST(AbsentFamilyTest, Ip6tablesThatIsNotThereSucceedsAndIptablesDoesNot) {
     EXPECT_THAT(logged(LOG_ERR), IsEmpty());
     EXPECT_EQ(execute("/sbin/iptables"), -1);
     EXPECT_THAT(logged(LOG_ERR), ElementsAre(HasSubstr("Cannot run /sbin/iptables: ")));
+}
+
+TEST(AbsentFamilyTest, AKernelWithoutTheFamilyIsNamedOnce) {
+    ASSERT_NO_FATAL_FAILURE(hidePrograms());
+    const auto answer = [](const std::string& words) {
+        std::ofstream("/sbin/ip6tables") << "#!/bin/sh\necho '" << words << "' >&2\nexit 3\n";
+        ASSERT_EQ(chmod("/sbin/ip6tables", 0755), 0);
+    };
+    clearCapturedLog();
+    testing::internal::CaptureStderr();
+    answer("ip6tables: host/network 10.0.0.1 not found");
+    EXPECT_EQ(execute("/sbin/ip6tables"), 3);
+    EXPECT_EQ(execute("/sbin/ip6tables"), 3);
+    answer("ip6tables: can not initialize ip6tables table filter: Address family not supported");
+    EXPECT_EQ(execute("/sbin/ip6tables"), 3);
+    EXPECT_EQ(execute("/sbin/ip6tables"), 3);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "ip6tables: host/network 10.0.0.1 not found\n"
+              "ip6tables: host/network 10.0.0.1 not found\n"
+              "ip6tables: can not initialize ip6tables table filter: Address family not "
+              "supported\n");
+    EXPECT_THAT(logged(LOG_WARNING), testing::SizeIs(3));
 }
 
 TEST(AbsentFamilyTest, Ip6tablesThatCannotBeRunIsAFailure) {
