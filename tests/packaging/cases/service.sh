@@ -1,14 +1,15 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# The commands of the service work with the capabilities and the writable paths that it has, and fail
-# with less.
+# The commands of the service work with the capabilities, the writable paths and the system calls that it
+# has, and fail with less.
 
 # unit_setting NAME: all values of a setting, in one line.
 unit_setting() {
     sed -n "s/^$1=//p" "$kRoot$kUnit" | paste --serial --delimiters=' '
 }
 
-# start_service CAPABILITIES WRITABLE-PATHS: runs the service's commands with these alone, as systemd
-# would with ProtectSystem=strict. The first command, with a dash, waits for udev, which is not here.
+# start_service CAPABILITIES WRITABLE-PATHS [UNIT]: runs the service's commands with these alone, as systemd
+# would with ProtectSystem=strict, and with the system calls that the unit allows. The first command, with a
+# dash, waits for udev, which is not here.
 start_service() (
     local capabilities=-all capability
     for capability in $1; do
@@ -17,8 +18,8 @@ start_service() (
     done
     # shellcheck disable=SC2016  # the inner shell expands them
     unshare --mount --propagation private -- bash -euc '
-        root=$1 paths=$2 capabilities=$3
-        shift 3
+        restricted=$1 unit=$2 root=$3 paths=$4 capabilities=$5
+        shift 5
         mount --rbind "$root" "$root"
         for path in $paths; do
             mount --bind "$root$path" "$root$path"
@@ -26,10 +27,10 @@ start_service() (
         mount -o remount,bind,ro "$root"
         for line; do
             read -ra command <<<"$line"
-            chroot "$root" setpriv --bounding-set="$capabilities" --inh-caps=-all --ambient-caps=-all \
-                --no-new-privs -- "${command[@]}"
+            "$restricted" "$unit" "$root" setpriv --bounding-set="$capabilities" --inh-caps=-all \
+                --ambient-caps=-all --no-new-privs -- "${command[@]}"
         done
-    ' start_service "$kRoot" "$2" "$capabilities" "${commands[@]}"
+    ' start_service "$here/restricted" "${3-$kRoot$kUnit}" "$kRoot" "$2" "$capabilities" "${commands[@]}"
 )
 
 # What a boot does to the running system. Profiles and settings stay.
@@ -90,10 +91,10 @@ step 'without CAP_DAC_READ_SEARCH, and so without the profile, it fails' \
     fails start_service "$(without "$capabilities" CAP_DAC_READ_SEARCH)" "$paths"
 step 'with the rules of the last successful reload in force' same rules enabled
 
-# tries_rules CAPABILITIES: whether a start loads the rules into a network namespace first.
+# tries_rules CAPABILITIES [UNIT]: whether a start loads the rules into a network namespace first.
 tries_rules() {
     local output
-    output=$(start_service "$1" "$paths" 2>&1)
+    output=$(start_service "$1" "$paths" "${@:2}" 2>&1)
     printf '%s\n' "$output"
     [[ $output != *'not tried beforehand'* ]]
 }
@@ -123,6 +124,21 @@ reboot
 step 'with it, it is undone' start_service "$capabilities" "$paths"
 step 'so that the profile is as before' cmp -- "$kWork/own.json" "$kRoot$kStore/own.json"
 step 'and in force' same rules enabled
+
+# without_word WORD: the unit without it, as the file restricted.service.
+without_word() {
+    sed "s/\(=.*\)$1/\1/" "$kRoot$kUnit" >"$kWork/restricted.service"
+}
+
+reboot
+without_word AF_NETLINK
+step 'without AF_NETLINK it does not start' fails start_service "$capabilities" "$paths" "$kWork/restricted.service"
+within tarnfw apply-mode lines
+reboot
+without_word net
+step 'where a namespace is not allowed, the rules are not tried first' \
+    fails tries_rules "$capabilities" "$kWork/restricted.service"
+within tarnfw apply-mode batch
 
 if [[ $variant == legacy ]]; then
     # A raw socket is how this variant speaks to the kernel.
