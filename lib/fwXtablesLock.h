@@ -1,5 +1,5 @@
-/// The lock of iptables' legacy programs. Compiled into both the library and platform/host, and
-/// depends on neither.
+/// The lock of iptables' legacy programs. Compiled into the library, libtarnfwadmin and
+/// platform/host, and depends on none of them.
 #pragma once
 
 #include <chrono>

@@ -155,6 +155,12 @@ void keepAsLastGood(const SavedRules& rules) {
     }
 }
 
+bool storeStatus(bool enabled) {
+    Json::Value settings;
+    settings["status"] = enabled;
+    return FW::TARNFW().configSet(settings);
+}
+
 /// Empties the firewall's chains and disables it; in the process that the runner makes.
 bool disableLocked() {
     const FileLock lock(kReloadLock, kLockSeconds);
@@ -297,8 +303,9 @@ void Control::runGuarded(const std::string& failed, const Operation& operation, 
 }
 
 /// Puts back what was in force before, and returns what is in force now.
-std::string Control::goBack(const ReloadGuard& guard, bool wasEnabled) {
+std::string Control::goBack(ReloadGuard& guard, bool wasEnabled) {
     const bool isEnabled = session_.snapshot().firewallEnabled();
+    guard.insist();
     try {
         if (isEnabled == wasEnabled && guard.isAsBefore()) {
             guard.mend(wasEnabled);
@@ -308,7 +315,8 @@ std::string Control::goBack(const ReloadGuard& guard, bool wasEnabled) {
         }
         (void)run_("Restoring the rules that were in force", [&] {
             if (isEnabled && !wasEnabled) {
-                (void)FW::TARNFW().fwDisable();  // looked at below
+                // It would wait for the lock of iptables once more. Looked at below.
+                (void)(guard.lockIsKept() ? storeStatus(false) : FW::TARNFW().fwDisable());
             }
             if (guard.isAsBefore()) {
                 guard.mend(wasEnabled);
@@ -316,9 +324,7 @@ std::string Control::goBack(const ReloadGuard& guard, bool wasEnabled) {
                 guard.putBack();
             }
             if (wasEnabled && !isEnabled) {
-                Json::Value settings;
-                settings["status"] = true;
-                (void)FW::TARNFW().configSet(settings);  // looked at below
+                (void)storeStatus(true);  // looked at below
             }
             return true;
         });

@@ -149,9 +149,9 @@ bool RuleListing::hasPolicy(const std::string& chain, const std::string& policy)
 // ---- PacketFilter -------------------------------------------------------------------------------
 
 ProgramAnswer PacketFilter::run(const std::string& family,
-                                const std::vector<std::string>& arguments) const {
-    const Descriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    return runTool(programOf(family), arguments, nothing.get(), Others::kAwaited);
+                                const std::vector<std::string>& arguments, Others others) const {
+    const Descriptor nothing = memoryFile("nothing");  // a file, for kOwnLock
+    return runTool(programOf(family), arguments, nothing.get(), others);
 }
 
 ProgramAnswer PacketFilter::restore(const std::string& family, const std::string& text,
@@ -180,11 +180,12 @@ RuleListing PacketFilter::list(const std::string& family, const std::string& tab
 }
 
 std::optional<RuleListing> PacketFilter::listPresent(const std::string& family,
-                                                     const std::string& table) const {
+                                                     const std::string& table,
+                                                     Others others) const {
     if (!hasProgram(family)) {
         return std::nullopt;
     }
-    const ProgramAnswer answer = run(family, {"-t", table, "-S"});
+    const ProgramAnswer answer = run(family, {"-t", table, "-S"}, others);
     if (answer.status == 0) {
         return RuleListing::from(answer.output);
     }
@@ -195,17 +196,17 @@ std::optional<RuleListing> PacketFilter::listPresent(const std::string& family,
     return std::nullopt;
 }
 
-std::map<std::string, RuleListing> PacketFilter::listFilters() const {
+std::map<std::string, RuleListing> PacketFilter::listFilters(Others others) const {
     // Most of the time goes into the start of the programs.
     std::future<std::optional<RuleListing>> second =
-        std::async(std::launch::async, [this] { return listPresent("v6", "filter"); });
+        std::async(std::launch::async, [&] { return listPresent("v6", "filter", others); });
     std::map<std::string, RuleListing> listings;
     const auto keep = [&](const char* family, std::optional<RuleListing> listing) {
         if (listing) {
             listings.emplace(family, std::move(*listing));
         }
     };
-    keep("v4", listPresent("v4", "filter"));
+    keep("v4", listPresent("v4", "filter", others));
     keep("v6", second.get());
     return listings;
 }

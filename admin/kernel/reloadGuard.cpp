@@ -1,9 +1,11 @@
 #include "kernel/reloadGuard.h"
 
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -12,6 +14,7 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 
+#include "fwXtablesLock.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/error.h"
@@ -27,6 +30,9 @@ constexpr int kLockSeconds = 30;
 constexpr char kRunningReload[] = "/run/tarn/reload.json";
 constexpr mode_t kPrivateMode = 0600;
 
+// The library and the platform have waited for the lock of iptables already.
+constexpr std::chrono::seconds kGoBackWait{3};
+
 using Jump = std::pair<std::string, std::string>;
 
 /// Makes a text for one commit of the filter table.
@@ -34,11 +40,12 @@ std::string transaction(const std::string& lines) {
     return "*filter\n" + lines + "COMMIT\n";
 }
 
-void commit(const std::string& family, const std::string& lines) {
+void commit(const std::string& family, const std::string& lines,
+            PacketFilter::Others others = PacketFilter::Others::kAwaited) {
     if (lines.empty()) {
         return;
     }
-    const ProgramAnswer answer = MachineKernel().restore(family, transaction(lines));
+    const ProgramAnswer answer = MachineKernel().restore(family, transaction(lines), others);
     if (answer.status != 0) {
         throw Error(ErrorKind::kSystem, "the " + titleOf(family) +
                                             " filter cannot be changed: " + oneLine(answer.errors));
@@ -56,6 +63,10 @@ std::unique_ptr<FileLock> taken(ReloadGuard::Lock lock) {
                                           ": another reload is running or stopped");
     }
     return file;
+}
+
+PacketFilter::Others othersFor(bool insists) {
+    return insists ? PacketFilter::Others::kIgnored : PacketFilter::Others::kAwaited;
 }
 
 // ---- What a killed reload leaves ----
@@ -292,20 +303,21 @@ const SavedRules& ReloadGuard::before() const {
     if (!before_) {
         const std::string text = reviewed();
         // Without a review nothing has changed.
-        before_ = (text.empty() ? SavedRules::inKernel() : savedIn(text)).withoutReloading();
+        before_ = (text.empty() ? SavedRules::of(listNow()) : savedIn(text)).withoutReloading();
     }
     return *before_;
 }
 
 SavedRules ReloadGuard::finish() const {
     const auto held = taken(lock_);
-    const Listings now = bytes_.empty() ? MachineKernel().listFilters() : listOwn(bytes_);
+    const Listings now = bytes_.empty() ? listNow() : listOwn(bytes_);
     settle(now);
     return SavedRules::of(now).withoutReloading();
 }
 
 /// Empties FIREWALL_RELOADING, and puts the policies back and the jumps first.
 void ReloadGuard::settle(const Listings& now) const {
+    const auto iptables = lockIfFree();
     const std::map<std::string, FamilyRules> before =
         !before_ ? shared_ : (leftClosed_ ? opened(*before_) : *before_).families();
     for (const auto& [family, listing] : now) {
@@ -321,9 +333,29 @@ void ReloadGuard::settle(const Listings& now) const {
                 }
             }
         }
-        commit(family, lines);
+        commit(family, lines, othersFor(insists_));
     }
     (void)unlink(kRunningReload);
+}
+
+void ReloadGuard::insist() {
+    insists_ = true;
+    const FW::XtablesLock lock(kGoBackWait);
+    lockIsKept_ = !lock.held();
+    if (lockIsKept_) {
+        syslog(LOG_ERR, "%s is kept by another process: going back without it",
+               FW::kXtablesLockPath);
+    }
+}
+
+/// The lock of iptables while going back; nothing when the programs take it themselves.
+std::unique_ptr<FW::XtablesLock> ReloadGuard::lockIfFree() const {
+    const std::chrono::seconds wait = lockIsKept_ ? std::chrono::seconds(0) : kGoBackWait;
+    return insists_ ? std::make_unique<FW::XtablesLock>(wait) : nullptr;
+}
+
+ReloadGuard::Listings ReloadGuard::listNow() const {
+    return MachineKernel().listFilters(othersFor(insists_));
 }
 
 void ReloadGuard::putBack() const {
@@ -331,7 +363,9 @@ void ReloadGuard::putBack() const {
     if (lock_ == Lock::kTake) {
         held = std::make_unique<FileLock>(kReloadLock, kLockSeconds);
     }
-    before().putBack();  // without the lock, too: each family is one commit
+    // Without that lock, too: each family is one commit.
+    const auto iptables = lockIfFree();
+    before().putBack(MachineKernel(), othersFor(insists_));
     (void)unlink(kRunningReload);
 }
 
@@ -349,7 +383,7 @@ bool ReloadGuard::isAsBefore() const {
     if (saved_ && reviewed().empty()) {
         return true;
     }
-    return SavedRules::inKernel() == before();
+    return SavedRules::of(listNow()) == before();
 }
 
 }  // namespace tarnfw

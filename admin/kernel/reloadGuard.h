@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -11,6 +12,10 @@
 #include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/packetFilter.h"
 #include "tarnfwadmin/savedRules.h"
+
+namespace FW {
+class XtablesLock;
+}
 
 namespace tarnfw {
 
@@ -59,6 +64,14 @@ public:
     /// when they could not be saved.
     const SavedRules& before() const;
 
+    /// From now on, to go back, the lock of iptables is awaited for some seconds only, and then the
+    /// machine does without, which a line of the log says: closed for good would be worse than a
+    /// change that another process loses.
+    void insist();
+
+    /// Whether insist() has found that somebody keeps that lock.
+    bool lockIsKept() const { return lockIsKept_; }
+
     /// After a change that has succeeded: FIREWALL_RELOADING is empty, the policies are those of
     /// before, and the firewall's jumps come first. Returns what is in force. Throws as the
     /// constructor.
@@ -82,12 +95,16 @@ private:
     std::string reviewed() const;
     static void makeReady(const Listings& found);
     void settle(const Listings& now) const;
+    Listings listNow() const;
+    std::unique_ptr<FW::XtablesLock> lockIfFree() const;
 
     Lock lock_;
     mutable std::optional<SavedRules> before_;   // for a batch only when somebody asks
     std::map<std::string, FamilyRules> shared_;  // the policies of before, in a batch
     std::map<std::string, std::size_t> bytes_;   // of the tables of before, in a batch
-    Descriptor saved_;         // a file of the processes that share this guard in a batch
+    Descriptor saved_;  // a file of the processes that share this guard in a batch
+    bool insists_ = false;
+    bool lockIsKept_ = false;
     bool leftClosed_ = false;  // before_ is that of a killed reload
 };
 

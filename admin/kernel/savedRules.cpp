@@ -107,8 +107,8 @@ FamilyRules rulesOfLines(const Json::Value& lines) {
 
 // ---- SavedRules ---------------------------------------------------------------------------------
 
-SavedRules SavedRules::inKernel(const PacketFilter& kernel) {
-    return of(kernel.listFilters());
+SavedRules SavedRules::inKernel(const PacketFilter& kernel, PacketFilter::Others others) {
+    return of(kernel.listFilters(others));
 }
 
 SavedRules SavedRules::of(const std::map<std::string, RuleListing>& listings) {
@@ -176,11 +176,11 @@ Json::Value SavedRules::document() const {
     return document;
 }
 
-void SavedRules::putBack(const PacketFilter& kernel) const {
+void SavedRules::putBack(const PacketFilter& kernel, PacketFilter::Others others) const {
     std::string failure;
     for (const auto& [family, unused] : families_) {
         try {
-            const ProgramAnswer answer = kernel.restore(family, restoreText(family));
+            const ProgramAnswer answer = kernel.restore(family, restoreText(family), others);
             if (answer.status == 0) {
                 continue;
             }

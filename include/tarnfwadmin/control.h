@@ -85,7 +85,7 @@ private:
 
     bool reload(const Operation& operation, ReloadGuard& guard) const;
     void runGuarded(const std::string& failed, const Operation& operation, bool reviewed);
-    std::string goBack(const ReloadGuard& guard, bool wasEnabled);
+    std::string goBack(ReloadGuard& guard, bool wasEnabled);
 
     StoreSession& session_;
     Runner run_;

@@ -47,7 +47,8 @@ public:
     virtual ~PacketFilter() = default;
 
     /// Runs the tool of a family ("v4", "v6"). Throws Error, kSystem, when that cannot be done.
-    ProgramAnswer run(const std::string& family, const std::vector<std::string>& arguments) const;
+    ProgramAnswer run(const std::string& family, const std::vector<std::string>& arguments,
+                      Others others = Others::kAwaited) const;
 
     /// Hands a text to the restoring tool of a family, which adds to what is there.
     ProgramAnswer restore(const std::string& family, const std::string& text,
@@ -59,11 +60,11 @@ public:
                      const std::string& chain = "") const;
 
     /// Lists a table; nothing when the machine does not have the family, see isAbsent().
-    std::optional<RuleListing> listPresent(const std::string& family,
-                                           const std::string& table) const;
+    std::optional<RuleListing> listPresent(const std::string& family, const std::string& table,
+                                           Others others = Others::kAwaited) const;
 
     /// The filter tables of the families that the machine has, listed at the same time.
-    std::map<std::string, RuleListing> listFilters() const;
+    std::map<std::string, RuleListing> listFilters(Others others = Others::kAwaited) const;
 
     /// Chains in groups, each of which is listed by a program of its own.
     using ChainGroups = std::vector<std::vector<std::string>>;

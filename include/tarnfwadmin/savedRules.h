@@ -28,7 +28,8 @@ public:
 
     /// Those in the kernel now, IPv4 and IPv6 at the same time. Throws Error, kSystem, when a
     /// family that the machine has cannot be listed.
-    static SavedRules inKernel(const PacketFilter& kernel = MachineKernel());
+    static SavedRules inKernel(const PacketFilter& kernel = MachineKernel(),
+                               PacketFilter::Others others = PacketFilter::Others::kAwaited);
 
     /// Those in listings of the filter table, by family.
     static SavedRules of(const std::map<std::string, RuleListing>& listings);
@@ -56,7 +57,8 @@ public:
 
     /// Puts them into the kernel, each family at once. Throws Error, kSystem, for a family that
     /// cannot be put back, after trying the other.
-    void putBack(const PacketFilter& kernel = MachineKernel()) const;
+    void putBack(const PacketFilter& kernel = MachineKernel(),
+                 PacketFilter::Others others = PacketFilter::Others::kAwaited) const;
 
     bool operator==(const SavedRules& other) const { return document() == other.document(); }
 

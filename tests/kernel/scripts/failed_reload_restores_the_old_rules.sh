@@ -5,7 +5,9 @@ make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 # shellcheck source=tests/kernel/answers.sh
 source "$checkout/tests/kernel/answers.sh"
 
-# killed COMMAND: ends with an error when the process that reloads is killed in its middle.
+# killed COMMAND: ends with an error when the process that reloads is killed in its middle. $meanwhile runs
+# before that.
+meanwhile=:
 killed() {
     local status=0 reloading
     pause_at 'ip6tables *-A INPUT_FIREWALL *'
@@ -13,10 +15,29 @@ killed() {
     tool=$!
     await_pause
     read -r reloading _ < <(tail -n 1 "$kCommands")
+    "$meanwhile"
     kill -KILL "$reloading"
     resume
     wait "$tool" || status=$?
     step 'it fails' [ "$status" = 1 ]
+}
+
+# A process that waits for the lock of iptables, and is stopped when it has it; its number in $keeper.
+keep_lock() {
+    /usr/bin/python3 - <<'END' &
+import fcntl
+import os
+import signal
+
+file = open("/run/xtables.lock", "a")
+open("/tmp/waiting", "w").close()
+fcntl.flock(file, fcntl.LOCK_EX)
+os.kill(os.getpid(), signal.SIGSTOP)
+END
+    keeper=$!
+    until [[ -e /tmp/waiting ]]; do
+        sleep 0.05
+    done
 }
 
 wrap_iptables
@@ -31,6 +52,18 @@ killed reload
 step 'it is said' grep --quiet 'was killed; .*the old rules are in force again$' "$out/complaint"
 step 'that is true' same_listing enabled
 step 'the settings are as before' cmp "$kSettings" /tmp/settings
+
+# Going back does not depend on a lock that somebody keeps: the machine would stay closed.
+if [[ $variant == legacy ]]; then
+    meanwhile=keep_lock
+    killed reload
+    meanwhile=:
+    step 'it is said' grep --quiet 'was killed; .*the old rules are in force again$' "$out/complaint"
+    step 'the lock is still kept' [ "$(cut -d ' ' -f 3 "/proc/$keeper/stat")" = T ]
+    step 'the lock is named' grep --quiet '/run/xtables.lock is kept by another process' "$out/complaint"
+    kill -KILL "$keeper"
+    step 'that is true' same_listing enabled
+fi
 
 # The tool itself ends what its killed process began.
 pause_at 'iptables *-F FORWARD_FIREWALL*'
