@@ -23,8 +23,8 @@ bool isAbsentFamily(const char* path);
 /// Whether `path` is ip6tables.
 bool isIp6tables(const char* path);
 
-/// Whether a complaint of ip6tables says that the kernel does not have its family, and an earlier one
-/// of this process has said so: it does for every line.
+/// Whether a complaint of ip6tables says that the kernel does not have its family, and an earlier
+/// one of this process has said so: it does for every line.
 bool saysAbsentAgain(const std::string& complaint);
 
 /// The environment of a program that runs while the caller holds the lock: its own standard input

@@ -329,11 +329,8 @@ struct TunnelAnswer {
     }
 
     void addTo(Json::Value& entry) const {
-        entry["tunnelOf"] = Json::Value(Json::arrayValue);
         for (const std::string& owner : owners) {
             entry["tunnelOf"].append(owner);
-        }
-        if (!owners.empty()) {
             entry["ipv6Verdict"] = verdict ? Json::Value(verdictText(*verdict)) : Json::Value();
         }
     }
