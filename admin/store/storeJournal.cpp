@@ -38,6 +38,10 @@ constexpr mode_t kModeBits = 07777;
 constexpr char kJournal[] = "/usr/tarn/etc/firewall.d/.change/documents";
 constexpr char kEndOfName[] = "/\n";
 
+// Empty files beside the journal: the rules of the change are being applied, and were applied.
+constexpr char kApplying[] = "/usr/tarn/etc/firewall.d/.change/applying";
+constexpr char kApplied[] = "/usr/tarn/etc/firewall.d/.change/applied";
+
 // A second name of a copy on its way to its document's place.
 constexpr char kPassingName[] = "/usr/tarn/etc/firewall.d/.change/put_back";
 
@@ -151,6 +155,41 @@ bool hasJournal() {
     return access(kJournal, F_OK) == 0;
 }
 
+bool makeMark(const char* path) {
+    return static_cast<bool>(
+        Descriptor(open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kJournalMode)));
+}
+
+ChangePhase changePhase() {
+    return access(kApplied, F_OK) == 0    ? ChangePhase::kApplied
+           : access(kApplying, F_OK) == 0 ? ChangePhase::kApplying
+                                          : ChangePhase::kWriting;
+}
+
+bool beginApplying() {
+    return makeMark(kApplying);
+}
+
+bool markApplied() {
+    if (const auto listed = listedDocuments()) {
+        std::for_each(listed->begin(), listed->end(), keepMode);
+    }
+    if (!flushProfileDir() || !makeMark(kApplied)) {
+        return false;
+    }
+    if (!flush(kCopyDir)) {
+        const int error = errno;
+        (void)unlink(kApplied);
+        errno = error;
+        return false;
+    }
+    return true;
+}
+
+bool unmarkApplied() {
+    return unlink(kApplied) == 0 ? flush(kCopyDir) : errno == ENOENT;
+}
+
 void copyDocuments(const std::map<std::string, std::string>& texts) {
     if (mkdir(kCopyDir, kCopyDirMode) != 0) {
         refuse();
@@ -199,6 +238,9 @@ bool undoByJournal() {
     if (!listed) {
         dropCopies();
         return true;
+    }
+    if (!unmarkApplied()) {
+        return false;  // whoever finds both would keep what is half undone
     }
     bool done = true;
     const std::map<std::string, std::string> unusable = StoreSnapshot().unusable();

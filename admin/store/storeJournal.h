@@ -22,6 +22,23 @@ bool hasCopies();
 /// Whether there is a journal: a change of many documents goes on, or was interrupted.
 bool hasJournal();
 
+/// How far the rules of the change are that the journal is of. Once they are applied, the change
+/// stays, whoever finds the journal.
+enum class ChangePhase { kWriting, kApplying, kApplied };
+
+ChangePhase changePhase();
+
+/// From kWriting to kApplying. False if it was that already.
+bool beginApplying();
+
+/// From kApplying to kApplied: gives the documents their modes, see keepMode(), and flushes what
+/// the change has done. False, with errno, if that fails; the change then is one that is to be
+/// undone.
+bool markApplied();
+
+/// Back to kApplying, on the disk, too. False, with errno, if that fails.
+bool unmarkApplied();
+
 /// Copies documents; `texts` is their content by path. Throws Error, kSystem, with the copies
 /// removed.
 void copyDocuments(const std::map<std::string, std::string>& texts);
@@ -29,9 +46,9 @@ void copyDocuments(const std::map<std::string, std::string>& texts);
 /// Flushes the copies and writes the journal. Throws Error, kSystem, with the copies removed.
 void beginJournal(const std::map<std::string, std::string>& texts);
 
-/// Puts everything back that the journal lists, and removes other documents. May be interrupted and
-/// called again. False if something cannot be put back; the copies then stay. Copies without
-/// a complete journal are removed: nothing was changed.
+/// Puts everything back that the journal lists, and removes other documents, whatever the phase.
+/// May be interrupted and called again. False if something cannot be put back; the copies then
+/// stay. Copies without a complete journal are removed: nothing was changed.
 bool undoByJournal();
 
 /// Replaces a document by its copy. False if that fails, or if the copy cannot be flushed.

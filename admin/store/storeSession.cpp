@@ -183,6 +183,25 @@ bool StoreSession::undoChange() {
     return !held || held->undo();
 }
 
+bool StoreSession::applyChange(const std::function<bool()>& apply) {
+    if (!hasJournal()) {
+        return apply();
+    }
+    if (!beginApplying()) {
+        (void)unmarkApplied();  // where that fails, undoing the change fails as well, and says so
+        return apply();
+    }
+    if (!apply()) {
+        return false;
+    }
+    if (!markApplied()) {
+        throw Error(
+            ErrorKind::kSystem,
+            std::string("the change could not be flushed to the disk: ") + std::strerror(errno));
+    }
+    return true;
+}
+
 /// Makes a change as a part of the held one.
 bool StoreSession::changeHeld(const std::function<bool()>& write) {
     if (!held_) {
@@ -274,13 +293,25 @@ void StoreSession::undoInterruptedChange() {
         removeUnfinished();
         return;
     }
-    if (hasJournal()) {
+    const ChangePhase phase = changePhase();
+    if (hasJournal() && phase == ChangePhase::kApplied) {
+        if (!endJournal()) {
+            throw Error(ErrorKind::kSystem, std::string("an interrupted change cannot be ended: ") +
+                                                std::strerror(errno) + "; its rules are in force");
+        }
+        notes_.emplace_back(
+            "a change whose command was interrupted is kept: its rules had been applied");
+    } else if (hasJournal()) {
         if (!undoByJournal()) {
             throw Error(ErrorKind::kSystem,
                         std::string("an interrupted change cannot be undone: ") +
                             std::strerror(errno) + "; the documents before it are in " + kCopyDir);
         }
-        notes_.emplace_back("an interrupted change was undone: all documents are as before it");
+        notes_.push_back(
+            std::string("an interrupted change was undone: all documents are as before it") +
+            (phase == ChangePhase::kApplying ? ", but its rules may be in force; \"tarnfw reload\" "
+                                               "applies those that are stored"
+                                             : ""));
     } else {
         restoreTruncated();
         dropCopies();
@@ -378,6 +409,13 @@ void StoreTransaction::finish(bool refreshed) {
         for (const auto& [path, text] : before_) {
             keepMode(path);
         }
+    }
+    if (hasJournal() && changePhase() == ChangePhase::kApplied) {
+        // It is on the disk, and its rules are in force: whoever opens the store next ends what
+        // cannot be ended here.
+        (void)endJournal();
+        removeUnfinished();
+        return;
     }
     std::string failure;
     const std::vector<std::string> paths = damaged();

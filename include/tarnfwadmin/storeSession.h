@@ -130,7 +130,16 @@ public:
     /// before undoes them, and so does the next one after a kill.
     void holdChange();
 
-    /// Ends a held change. Throws Error, kSystem, like change().
+    /// For the process that applies the rules of an open change of many documents: calls `apply`,
+    /// and when that returns true, makes the change one that stays: whoever opens the store after a
+    /// kill or a power failure keeps it. Throws Error, kSystem, when that cannot be flushed to the
+    /// disk; the change is then still to be undone. A further call puts back the old rules: the
+    /// change is to be undone again. Without such a change it only calls `apply`. A change that was
+    /// interrupted in between is undone, with a note that its rules may be in force.
+    bool applyChange(const std::function<bool()>& apply);
+
+    /// Ends a held change. Throws Error, kSystem, like change(), but not when its rules were
+    /// applied.
     void keepChange();
 
     /// Restores all documents. False if that fails; the copies then stay.

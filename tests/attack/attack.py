@@ -255,6 +255,12 @@ class Attack:
         if result.status != 0:
             yield "next \"profile list\": exit %s: %s" % (result.status, result.last_line())
         stored = without_trials(documents())
+        now = Kernel()
+        if "--reload" in operation.words and before != wanted and old.kernel != new.kernel and (
+                stored == before and now == new.kernel or stored == wanted and now == old.kernel):
+            said = "may be in force" in result.text or run([self.tool, "status"]).status == 11
+            if not said:
+                yield "next: the rules are not those of the documents, and nothing says so"
         if stored not in (before, wanted):
             yield "next: documents neither all old nor all new: " + differing(stored, before)
         if operations.active_is_missing(stored):

@@ -345,6 +345,111 @@ TEST_F(StoreSessionTest, DeletionThatCannotBeFlushedIsAFailure) {
                 [&] { session.deleteProfile("other"); });
 }
 
+// ---- A change whose rules are applied ----
+
+const char kKept[] = "a change whose command was interrupted is kept: its rules had been applied";
+const char kUndone[] = "an interrupted change was undone: all documents are as before it";
+const char kUndoneRules[] =
+    "an interrupted change was undone: all documents are as before it, but its rules may be in "
+    "force; \"tarnfw reload\" applies those that are stored";
+
+class AppliedChangeTest : public StoreTest {
+protected:
+    /// Stores another "home" in a process that is killed in `apply` or after it.
+    static void killedDuring(const std::function<void(StoreSession& session)>& apply) {
+        const pid_t process = startProcess("a process", [&] {
+            StoreSession session(StoreSession::Access::kChange);
+            FW::FWPROFILE home = session.snapshot().profile("home");
+            home.rules.clear();
+            session.holdChange();
+            session.storeProfile(home);
+            apply(session);
+            return raise(SIGKILL);
+        });
+        EXPECT_EQ(waitStatusOf(process).value_or(0) & 0x7f, SIGKILL);
+    }
+
+    static bool homeIsNew() { return StoreSnapshot().profile("home").rules.empty(); }
+
+    /// What the next session says.
+    static std::vector<std::string> notes() {
+        std::vector<std::string> all;
+        for (const auto access : {StoreSession::Access::kRead, StoreSession::Access::kChange}) {
+            StoreSession session(access);
+            for (const std::string& note : session.takeNotes()) {
+                all.push_back(note);
+            }
+        }
+        EXPECT_FALSE(fs::exists(std::string(kProfileDir) + ".change"));
+        return all;
+    }
+};
+
+TEST_F(AppliedChangeTest, IsUndoneWhenItIsInterruptedBefore) {
+    killedDuring([](StoreSession& /*session*/) {});
+    EXPECT_THAT(notes(), ElementsAre(kUndone));
+    EXPECT_FALSE(homeIsNew());
+}
+
+TEST_F(AppliedChangeTest, IsUndoneAndSaidWhenItIsInterruptedMeanwhile) {
+    killedDuring([](StoreSession& session) {
+        (void)session.applyChange([] { return raise(SIGKILL) == 0; });
+    });
+    EXPECT_THAT(notes(), ElementsAre(kUndoneRules));
+    EXPECT_FALSE(homeIsNew());
+}
+
+TEST_F(AppliedChangeTest, IsKeptWhenItIsInterruptedAfterwards) {
+    killedDuring(
+        [](StoreSession& session) { EXPECT_TRUE(session.applyChange([] { return true; })); });
+    EXPECT_THAT(notes(), ElementsAre(kKept));
+    EXPECT_TRUE(homeIsNew());
+}
+
+TEST_F(AppliedChangeTest, IsUndoneWhenTheOldRulesArePutBack) {
+    killedDuring([](StoreSession& session) {
+        EXPECT_TRUE(session.applyChange([] { return true; }));
+        EXPECT_TRUE(session.applyChange([] { return true; }));
+    });
+    EXPECT_THAT(notes(), ElementsAre(kUndoneRules));
+    EXPECT_FALSE(homeIsNew());
+}
+
+TEST_F(AppliedChangeTest, IsToBeUndoneWhenItCannotBeFlushed) {
+    for (int failed = 1; failed <= 2; ++failed) {  // of the profile directory, of the journal's
+        {
+            StoreSession session(StoreSession::Access::kChange);
+            FW::FWPROFILE home = session.snapshot().profile("home");
+            home.rules.clear();
+            session.holdChange();
+            session.storeProfile(home);
+            flushes() = {0, failed, failed};
+            expectError(ErrorKind::kSystem,
+                        "the change could not be flushed to the disk: Input/output error",
+                        [&] { (void)session.applyChange([] { return true; }); });
+            EXPECT_TRUE(session.undoChange());
+        }
+        EXPECT_THAT(notes(), IsEmpty());
+        EXPECT_FALSE(homeIsNew());
+    }
+}
+
+TEST_F(AppliedChangeTest, StaysWhateverFailsAfterwards) {
+    {
+        StoreSession session(StoreSession::Access::kChange);
+        FW::FWPROFILE home = session.snapshot().profile("home");
+        home.rules.clear();
+        session.holdChange();
+        session.storeProfile(home);
+        EXPECT_TRUE(session.applyChange([] { return true; }));
+        flushes() = {0, 1, kNever};
+        EXPECT_NO_THROW(session.keepChange());
+        flushes() = {};
+    }
+    EXPECT_THAT(notes(), ElementsAre(kKept));
+    EXPECT_TRUE(homeIsNew());
+}
+
 TEST_F(StoreSessionTest, RemovesWhatTheLibraryCouldNotRename) {
     const std::string left = kHomeFile + ".tmp";
     {

@@ -51,7 +51,9 @@ Context::Context(StoreSession::Access access, std::unique_ptr<Machine> machine,
                  const LockTime& time)
     : session_(allowed(access), time),
       machine_(std::move(machine)),
-      control_(session_, [](const auto& what, const auto& work) { return runWhole(what, work); }) {
+      control_(session_, [this](const auto& what, const auto& work) {
+          return runWhole(what, [&] { return session_.applyChange(work); });
+      }) {
     printNotes();
     if (access == StoreSession::Access::kChange) {
         before_ = activeRules(store());
