@@ -1,6 +1,8 @@
 #include "fwPrintable.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <cstring>
 
 namespace FW {
@@ -18,6 +20,8 @@ constexpr Span kObeyed[] = {
     {0x202a, 0x202e},                                // embeddings and overrides
     {0x2066, 0x2069},                                // isolates
 };
+
+constexpr char32_t kDelete = 0x7f;
 
 bool isObeyed(char32_t character) {
     return std::any_of(std::begin(kObeyed), std::end(kObeyed), [&](const Span& span) {
@@ -83,6 +87,26 @@ std::size_t makePrintable(char* text, std::size_t size) noexcept {
 
 void makePrintable(std::string& text) {
     text.resize(makePrintable(text.data(), text.size()));
+}
+
+std::string escapedJson(const std::string& json, NotUtf8 bytes) {
+    std::string escaped;
+    for (std::size_t i = 0; i < json.size();) {
+        char32_t character = 0;
+        const std::size_t size = readCharacter(json.data() + i, json.size() - i, character);
+        if (size == 0 && bytes == NotUtf8::kReplaced) {
+            escaped += "\\ufffd";
+        } else if (size != 0 && character >= kDelete && isObeyed(character)) {
+            std::array<char, 12> text{};
+            (void)std::snprintf(text.data(), text.size(), "\\u%04x",
+                                static_cast<unsigned>(character));
+            escaped += text.data();
+        } else {
+            escaped.append(json, i, std::max<std::size_t>(size, 1));
+        }
+        i += std::max<std::size_t>(size, 1);
+    }
+    return escaped;
 }
 
 }  // namespace FW

@@ -14,4 +14,12 @@ std::size_t makePrintable(char* text, std::size_t size) noexcept;
 
 void makePrintable(std::string& text);
 
+/// What becomes of bytes that are not UTF-8.
+enum class NotUtf8 { kKept, kReplaced };
+
+/// A JSON text of the same value in which "\u009b" and its like stand for what makePrintable()
+/// replaces. Control characters below U+007F are taken to be escaped already, but for those between
+/// two parts of the text. A byte that is not UTF-8 can become "\ufffd".
+std::string escapedJson(const std::string& json, NotUtf8 bytes);
+
 }  // namespace FW

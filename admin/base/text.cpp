@@ -43,6 +43,10 @@ std::string lettersOf(const std::string& name) {
 
 }  // namespace
 
+std::string printableJson(const std::string& json) {
+    return FW::escapedJson(json, FW::NotUtf8::kReplaced);
+}
+
 std::string printable(std::string text) {
     FW::makePrintable(text);
     return text;

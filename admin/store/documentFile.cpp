@@ -18,6 +18,7 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 
+#include "fwPrintable.h"
 #include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/text.h"
@@ -214,7 +215,8 @@ std::string documentText(const Json::Value& document) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "  ";
     builder["emitUTF8"] = true;
-    return Json::writeString(builder, document) + "\n";
+    // It may be printed. Bytes that are not UTF-8 stay, since it may also be the only backup.
+    return FW::escapedJson(Json::writeString(builder, document), FW::NotUtf8::kKept) + "\n";
 }
 
 void writeFileAtomically(const std::string& path, const std::string& text, mode_t mode,

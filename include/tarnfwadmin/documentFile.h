@@ -39,7 +39,7 @@ bool parseAsStored(const std::string& text, Json::Value& document);
 /// that other programs reject: a member that occurs twice, text after the document.
 std::vector<Finding> parseDocument(const std::string& text, Json::Value& document);
 
-/// A document as text, indented, in UTF-8.
+/// A document as text, indented, in UTF-8, with escapes for what a terminal would obey.
 std::string documentText(const Json::Value& document);
 
 /// What happens to an existing file. With kReplacedAlike the new one gets its mode and group, and

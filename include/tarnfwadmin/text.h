@@ -13,6 +13,10 @@ namespace TARNFW_EXPORT_ALL tarnfw {
 /// and change of the direction of text, and for each byte that is not UTF-8.
 std::string printable(std::string text);
 
+/// A JSON text of the same value for a terminal: with escapes for what printable() replaces, and
+/// U+FFFD for each byte that is not UTF-8.
+std::string printableJson(const std::string& json);
+
 /// The same in double quotes, for names and texts in messages.
 std::string inQuotes(const std::string& text);
 

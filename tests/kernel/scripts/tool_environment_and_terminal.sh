@@ -50,7 +50,8 @@ harmless() {
 }
 
 for command in 'profile list' status 'profile show' check diff preview 'blocked --port tcp/22' reload \
-    enable disable 'profile delete x'; do
+    enable disable 'profile delete x' 'profile list --json' 'status --json' \
+    'profile show --json' 'check --json' export; do
     read -r -a words <<<"$command"
     tarnfw "${words[@]}" >"$out/answer" 2>"$out/complaint" </dev/null || true
     step "tarnfw $command: nothing that a terminal obeys" harmless

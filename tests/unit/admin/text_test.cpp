@@ -45,6 +45,17 @@ TEST(PrintableTest, NothingThatATerminalObeysIsLeft) {
     }
 }
 
+TEST(PrintableJsonTest, HasEscapesForWhatATerminalObeys) {
+    EXPECT_EQ(printableJson(
+                  "{\n  \"B\u00fcro \\u001b\" : \"\u009b\u0080\x7f\u061c\u200e\u202e\u2066\"\n}"),
+              "{\n  \"B\u00fcro \\u001b\" : "
+              "\"\\u009b\\u0080\\u007f\\u061c\\u200e\\u202e\\u2066\"\n}");
+    EXPECT_EQ(printableJson("\"a\x9b"
+                            "b\""),
+              "\"a\\ufffd"
+              "b\"");
+}
+
 TEST(NearestTest, FindsTypingErrorsAndNothingElse) {
     const std::vector<std::string> known = {"enable", "disable", "profile", "preview"};
     EXPECT_EQ(nearest("enabel", known), "enable");

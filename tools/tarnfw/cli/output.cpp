@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
-#include <memory>
 #include <numeric>
 
 namespace tarnfw {
@@ -259,9 +258,7 @@ void printJson(const Json::Value& document) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "  ";
     builder["emitUTF8"] = true;
-    const std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
-    (void)writer->write(document, &std::cout);
-    std::cout << '\n';
+    std::cout << printableJson(Json::writeString(builder, document)) << '\n';
 }
 
 Progress::Progress(const std::string& what)
