@@ -17,6 +17,7 @@ if iptables -t raw -A PREROUTING -m geoip --source-country DE -j ACCEPT 2>/dev/n
     skip='this kernel has the country match'
 fi
 if [[ -z ${skip-} ]]; then
+    ip link add eth7 type veth peer name far7
     for mode in lines batch; do
         answers 0 apply-mode "$mode"
         answers 0 enable
@@ -34,10 +35,24 @@ if [[ -z ${skip-} ]]; then
             step 'nothing else is said' [ "$(grep --count 'applied\|Rule\|active one' "$out/answer")" = 0 ]
         done
         answers 0 rule add --adapter eth0 deny from country DE --v4
-        step 'a warning' grep --quiet 'this kernel refuses .*rule 3 of eth0.*a reload would be refused' \
+        step 'a warning' grep --quiet 'stored, but a reload would be refused: this kernel refuses .*rule 3 of eth0' \
             "$out/complaint"
         answers 1 reload
-        answers 0 rule delete 3 --adapter eth0
+        for command in 'profile copy deny_by_default other' "import --yes $out/refused.json" \
+            "profile create third --from $out/refused_profile.json" \
+            'service reserve ssh --adapter eth0 allow' 'adapter rename eth0 eth7'; do
+            read -r -a words <<<"$command"
+            tarnfw export --force "$out/refused.json" >/dev/null
+            jq '.config_profiles |= with_entries(select(.value.name == "deny_by_default"))' \
+                "$out/refused.json" >"$out/only.json"
+            jq '.config_profiles[]' "$out/only.json" >"$out/refused_profile.json"
+            jq '.config_profiles |= map_values(.rules.eth0[1].name = "new")' "$out/only.json" \
+                >"$out/refused.json"
+            answers 0 "${words[@]}"
+            step "a warning after $command" grep --quiet \
+                'stored, but a reload would be refused: this kernel refuses ' "$out/complaint"
+        done
+        answers 0 import --yes "$out/all.json"
         answers 0 reload
     done
 fi

@@ -27,6 +27,8 @@ counted() {
     # The reload itself, and the look at it beforehand.
     [[ " $* " != *' --reload '* ]] || ((mostCatalogue += 2))
     [[ $2 != enable && $2 != reload ]] || ((mostCatalogue += 1))
+    # A changed rule is translated, to be tried in a scratch kernel.
+    [[ $2 != rule || " $* " == *' --reload '* ]] || ((mostCatalogue += 1))
     [[ $2 != blocked ]] || ((mostCatalogue += 1))            # "global" and the adapter; the kernel's rules
     total=$(grep --count '^[tl].*/firewall.d/' "$kOpened" || true)
     runs=$(grep --count '^run' "$kOpened" || true)

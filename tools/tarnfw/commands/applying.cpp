@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <exception>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "tarnfirewall/fwDB.h"
 
@@ -26,6 +28,8 @@ StoreSession::Access allowed(StoreSession::Access access) {
     return access;
 }
 
+constexpr std::size_t kMostRefused = 3;  // profiles that are named
+
 /// The rules of the active profile; null when it cannot be read.
 Json::Value activeRules(const StoreSnapshot& store) {
     Json::Value document;
@@ -36,13 +40,6 @@ Json::Value activeRules(const StoreSnapshot& store) {
     }
     document.removeMember("name");
     return document;
-}
-
-bool hasOtherChain(const FW::FWRULE& rule) {
-    const auto& own = FW::FW_FIREWALL_CHAINS;
-    return std::any_of(rule.chainList.begin(), rule.chainList.end(), [&](const std::string& chain) {
-        return std::find(own.begin(), own.end(), chain) == own.end();
-    });
 }
 
 }  // namespace
@@ -179,37 +176,80 @@ void reloadChanged(Context& context, const std::function<void()>& ask,
     }
 }
 
-/// Whether the kernel may refuse what others take: a match or chain that not every one has.
-bool dependsOnKernel(const FW::FWPROFILE& profile) {
-    for (const auto& [adapter, rules] : profile.rules) {
-        if (std::any_of(rules.begin(), rules.end(), [](const FW::FWRULE& rule) {
-                return rule.enable && (rule.ipGroup == FW::FW_IP_GROUP_COUNTRIES ||
-                                       rule.table != "filter" || hasOtherChain(rule));
-            })) {
-            return true;
-        }
+/// "stored, but a reload would be refused: ..."; false when it would not be.
+bool warnAboutRefusal(const FW::FWPROFILE& profile) {
+    const std::string refusal = Control::kernelRefusal(profile);
+    if (!refusal.empty()) {
+        warn("stored, but a reload would be refused: " + refusal);
     }
-    return false;
+    return !refusal.empty();
 }
 
-/// Warns about a stored profile that a reload would refuse.
-void warnAboutRefusal(Context& context, const std::string& name) {
-    try {
-        const FW::FWPROFILE& profile = context.store().profile(name);
-        const std::string refusal =
-            dependsOnKernel(profile) ? Control::kernelRefusal(profile) : std::string();
-        if (!refusal.empty()) {
-            warn(refusal + "; it is stored, but a reload would be refused");
+bool makesLines(const FW::FWPROFILE& profile) {
+    return std::any_of(profile.adapterPolicyMap.begin(), profile.adapterPolicyMap.end(),
+                       [](const auto& entry) { return entry.second != FW::FW_POLICY_NONE; }) ||
+           std::any_of(profile.rules.begin(), profile.rules.end(), [](const auto& entry) {
+               return std::any_of(entry.second.begin(), entry.second.end(),
+                                  [](const FW::FWRULE& rule) { return rule.enable; });
+           });
+}
+
+/// The rules and default policies of all the profiles in one.
+FW::FWPROFILE together(const std::vector<FW::FWPROFILE>& profiles) {
+    FW::FWPROFILE all;
+    for (const FW::FWPROFILE& profile : profiles) {
+        for (const auto& [adapter, rules] : profile.rules) {
+            std::vector<FW::FWRULE>& list = all.rules[adapter];
+            list.insert(list.end(), rules.begin(), rules.end());
         }
-    } catch (const Error&) {
-        // it cannot be read; a reload says so
+        all.adapterPolicyMap.insert(profile.adapterPolicyMap.begin(),
+                                    profile.adapterPolicyMap.end());
     }
+    return all;
 }
 
 }  // namespace
 
+void warnAboutRefusals(Context& context, const std::vector<std::string>& names) {
+    std::vector<FW::FWPROFILE> profiles;
+    for (const std::string& name : names) {
+        try {
+            profiles.push_back(context.store().profile(name));
+        } catch (const Error&) {
+            // it cannot be read; a reload says so
+        }
+    }
+    // Mostly the kernel takes all of them, which it answers at once.
+    if (profiles.size() > 1 && Control::kernelRefusal(together(profiles)).empty()) {
+        return;
+    }
+    std::size_t refused = 0;
+    for (const FW::FWPROFILE& profile : profiles) {
+        if (refused == kMostRefused) {
+            warn("other profiles may be refused as well; \"tarnfw check --kernel\" lists them");
+            return;
+        }
+        refused += warnAboutRefusal(profile) ? 1U : 0U;
+    }
+}
+
+FW::FWPROFILE onlyRules(FW::FWPROFILE profile, const std::string& adapter,
+                        const std::vector<std::size_t>& positions) {
+    for (auto& [name, rules] : profile.rules) {
+        for (std::size_t i = 0; i < rules.size(); ++i) {
+            const bool kept = name == adapter && std::find(positions.begin(), positions.end(),
+                                                           i + 1) != positions.end();
+            rules[i].enable = rules[i].enable && kept;
+        }
+    }
+    for (auto& [name, policy] : profile.adapterPolicyMap) {
+        policy = FW::FW_POLICY_NONE;
+    }
+    return profile;
+}
+
 void finishChange(Context& context, const std::string& profile, const ReloadOptions& options,
-                  const std::function<void()>& say) {
+                  const std::function<void()>& say, const std::optional<FW::FWPROFILE>& changed) {
     const bool active = profile == context.store().activeProfile();
     if (active && options.wanted) {
         reloadChanged(
@@ -218,7 +258,11 @@ void finishChange(Context& context, const std::string& profile, const ReloadOpti
     }
     context.session().keepChange();
     say();
-    warnAboutRefusal(context, profile);
+    if (changed) {
+        (void)(makesLines(*changed) && warnAboutRefusal(*changed));
+    } else {
+        warnAboutRefusals(context, {profile});
+    }
     if (active) {
         reportUnchangedKernel(context);
     } else if (options.wanted) {
@@ -227,14 +271,15 @@ void finishChange(Context& context, const std::string& profile, const ReloadOpti
     }
 }
 
-void finishChange(Context& context, const ReloadOptions& options,
-                  const std::function<void()>& say) {
+void finishChange(Context& context, const std::vector<std::string>& profiles,
+                  const ReloadOptions& options, const std::function<void()>& say) {
     if (options.wanted) {
         reloadChanged(
             context, [&] { confirmReload(context, options); }, say);
         return;
     }
     say();
+    warnAboutRefusals(context, profiles);
     reportUnchangedKernel(context);
 }
 

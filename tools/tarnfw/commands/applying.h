@@ -3,7 +3,9 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "tarnfirewall/fwTypes.h"
 
@@ -99,14 +101,25 @@ bool runWhole(const std::string& what, const std::function<bool()>& change,
 void reloadActive(Control& control);
 
 /// After a profile was changed. If it is the active one and the firewall is enabled: applies it
-/// with
-/// "--reload", or says that the kernel still has the old rules. Throws Error, with the store as it
-/// was before and the old rules in force, when it cannot be applied. `say` prints what was changed.
+/// with "--reload", or says that the kernel still has the old rules. Throws Error, with the store
+/// as it was before and the old rules in force, when it cannot be applied. `say` prints what was
+/// changed. A profile that is not applied is tried in a scratch kernel, with a warning when a
+/// reload would be refused; of a large one only what is new, if that is given as `changed`.
 void finishChange(Context& context, const std::string& profile, const ReloadOptions& options,
-                  const std::function<void()>& say);
+                  const std::function<void()>& say,
+                  const std::optional<FW::FWPROFILE>& changed = std::nullopt);
 
-/// The same for a change of all profiles.
-void finishChange(Context& context, const ReloadOptions& options, const std::function<void()>& say);
+/// The same for a change of more than one profile; `profiles` are those that changed.
+void finishChange(Context& context, const std::vector<std::string>& profiles,
+                  const ReloadOptions& options, const std::function<void()>& say);
+
+/// Warns about stored profiles that a reload would refuse.
+void warnAboutRefusals(Context& context, const std::vector<std::string>& names);
+
+/// The profile with all rules switched off but those at these positions of an adapter, and without
+/// default policies.
+FW::FWPROFILE onlyRules(FW::FWPROFILE profile, const std::string& adapter,
+                        const std::vector<std::size_t>& positions);
 
 /// Says that the kernel still has the old rules, if they are not those of the active profile as
 /// this command found it.

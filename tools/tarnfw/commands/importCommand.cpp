@@ -312,6 +312,20 @@ void replace(Context& context, const Json::Value& document, const Json::Value& c
                                           "\" tries again"));
 }
 
+/// The imported profiles that the store did not have as they are. The active one was applied with
+/// "--reload", or that was refused.
+std::vector<std::string> untried(const Context& context, const ImportPlan& plan, bool reload) {
+    std::vector<std::string> names;
+    for (const ProfileChange& change : plan.profiles) {
+        const bool isNew = change.change == "added" || change.change == "changed";
+        if (isNew && !(reload && context.store().firewallEnabled() &&
+                       change.name == context.store().activeProfile())) {
+            names.push_back(change.name);
+        }
+    }
+    return names;
+}
+
 /// Says what the import means for the kernel; disables the firewall with "--reload" where the
 /// import does.
 void report(Context& context, bool reload, bool wasEnabled) {
@@ -405,6 +419,7 @@ std::optional<bool> importInto(Context& context, const Json::Value& document,
     replace(context, document, current, backup, options.reload.wanted);
     std::cout << "Imported " << counted(document[kConfigProfiles].size(), "profile")
               << "; active: " << printable(context.store().activeProfile()) << '\n';
+    warnAboutRefusals(context, untried(context, plan, options.reload.wanted));
     return wasEnabled;
 }
 

@@ -177,8 +177,12 @@ void create(const std::string& name, const std::string& source) {
         profile = profileFrom(source, name, context.machine());
     }
     context.session().storeProfile(profile);
+    context.session().unlock();
     std::cout << "Profile " << inQuotes(name) << " created"
               << (source.empty() ? "; without rules it allows everything" : "") << '\n';
+    if (!source.empty()) {
+        warnAboutRefusals(context, {name});
+    }
 }
 
 void copy(const std::string& oldName, const std::string& newName) {
@@ -187,9 +191,11 @@ void copy(const std::string& oldName, const std::string& newName) {
     context.store().requireNewName(newName);
     profile.name = newName;
     context.session().storeProfile(profile);
+    context.session().unlock();
     warnAboutErrors(profile, context.machine());
     std::cout << "Profile " << inQuotes(newName) << " created, a copy of " << inQuotes(oldName)
               << '\n';
+    warnAboutRefusals(context, {newName});
 }
 
 void rename(const std::string& oldName, const std::string& newName) {

@@ -175,12 +175,15 @@ void changeRules(Context& context, const Target& target,
             requireAppliable(context, profile, target.reload);
         });
     context.session().unlock();
-    finishChange(context, stored.name, target.reload, [&] {
-        for (const std::string& line : outcome.said) {
-            std::cout << printable(line) << '\n';
-        }
-        print(warnings);
-    });
+    finishChange(
+        context, stored.name, target.reload,
+        [&] {
+            for (const std::string& line : outcome.said) {
+                std::cout << printable(line) << '\n';
+            }
+            print(warnings);
+        },
+        onlyRules(stored, target.adapter, outcome.changed));
 }
 
 FW::FWRULE ruleOf(const RuleCommand& command, Machine& machine) {
@@ -298,10 +301,15 @@ void setPolicy(const Target& target, const std::string& word) {
         [&](FW::FWPROFILE& profile) { profile.adapterPolicyMap[target.adapter] = policy; },
         [&](const FW::FWPROFILE& profile) { requireAppliable(context, profile, target.reload); });
     context.session().unlock();
-    finishChange(context, stored.name, target.reload, [&] {
-        std::cout << "Default policy of " << printable(target.adapter) << ": " << policyText(policy)
-                  << '\n';
-    });
+    FW::FWPROFILE changed = onlyRules(stored, target.adapter, {});
+    changed.adapterPolicyMap[target.adapter] = policy;
+    finishChange(
+        context, stored.name, target.reload,
+        [&] {
+            std::cout << "Default policy of " << printable(target.adapter) << ": "
+                      << policyText(policy) << '\n';
+        },
+        changed);
 }
 
 // ---- Options ----

@@ -72,7 +72,7 @@ void changeAll(Context& context, const std::string& done, const ReloadOptions& r
         throw Error(ErrorKind::kSystem, "not every profile could be written; nothing was changed");
     }
     const std::vector<std::string> changed = changedSince(context.store(), before);
-    finishChange(context, reload, [&] {
+    finishChange(context, changed, reload, [&] {
         std::cout << printable(done) << " ("
                   << (changed.empty() ? "no profile changed"
                                       : "changed: " + printable(boost::join(changed, ", ")))
