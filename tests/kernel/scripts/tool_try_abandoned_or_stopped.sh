@@ -42,6 +42,15 @@ gone_back
 # Without the record, as after a boot, the active profile is applied.
 abandon
 rm -- /run/tarn/trial.json
+answers 11 status
+says "^Trial: *of \"$new\", interrupted: its test profile \"\.test_$new\" is left; \"tarnfw try --cancel\" or the next"
+tarnfw check >"$out/answer" 2>&1 || true
+says "the test profile \"\.test_$new\" is of a trial .*\"tarnfw try --cancel\" ends it"
+cp -r "$kProfileDirectory" "$out/store"
+answers 0 apply-mode lines
+complains "^tarnfw: the test profile \"\.test_$new\" of an interrupted trial was removed$"
+step 'no test profile is left' no_test_profile
+cp "$out/store"/*.json "$kProfileDirectory/"
 answers 0 try --cancel
 prints <<<"Abandoned trial of \"$new\" ended; the active profile's rules are in force"
 gone_back

@@ -51,6 +51,9 @@ Context::Context(StoreSession::Access access, std::unique_ptr<Machine> machine,
       control_(session_, [this](const auto& what, const auto& work) {
           return runWhole(what, [&] { return session_.applyChange(work); });
       }) {
+    if (access == StoreSession::Access::kChange) {
+        removeLeftoverTestProfiles(session_);
+    }
     printNotes();
     if (access == StoreSession::Access::kChange) {
         before_ = activeRules(store());

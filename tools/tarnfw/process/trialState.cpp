@@ -104,6 +104,7 @@ std::optional<TrialState> trialState(const StoreSnapshot& store) {
     if (const std::optional<std::string> name = abandonedTrial(store)) {
         TrialState state;
         state.profile = *name;
+        state.leftover = !readTrialRecord();
         return state;
     }
     return std::nullopt;
@@ -123,7 +124,10 @@ std::string trialText(const TrialState& trial) {
         case TrialState::Phase::kAbandoned:
             break;
     }
-    return name + "abandoned; \"tarnfw try --cancel\" ends it";
+    return name + (trial.leftover
+                       ? "interrupted: its test profile " + inQuotes(kTestPrefix + trial.profile) +
+                             " is left; \"tarnfw try --cancel\" or the next change removes it"
+                       : "abandoned; \"tarnfw try --cancel\" ends it");
 }
 
 void requireNoTrial() {
@@ -147,6 +151,24 @@ void forgetAbandonedTrial(LockTime& time) {
     StoreSession session(StoreSession::Access::kChange, time);
     if (!watchedTrial()) {  // a new one listens before it takes the store's lock
         removeTraces(session, record->profile);
+    }
+}
+
+void removeLeftoverTestProfiles(StoreSession& session) {
+    const std::vector<std::string> names = session.snapshot().testProfileNames();
+    try {
+        // A trial listens before it takes the store's lock, and writes its record under that.
+        if (names.empty() || readTrialRecord() || watchedTrial()) {
+            return;
+        }
+        for (const std::string& name : names) {
+            session.note(
+                (session.deleteProfile(name)
+                     ? "the test profile " + inQuotes(name) + " of an interrupted trial was removed"
+                     : "the test profile " + inQuotes(name) + " cannot be removed"));
+        }
+    } catch (const Error& error) {
+        session.note(error.what());
     }
 }
 

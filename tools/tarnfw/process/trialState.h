@@ -11,7 +11,7 @@
 
 #include "process/trialChannel.h"
 #include "tarnfwadmin/fileLock.h"
-#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/storeSession.h"
 
 namespace tarnfw {
 
@@ -24,6 +24,7 @@ struct TrialState {
     std::int64_t secondsLeft = 0;  ///< of kGoesOn
     std::string obstacle;          ///< of kEnding: why that has failed so far, or empty
     pid_t watchdog = -1;           ///< of kNotAnswering; -1 where it is not known
+    bool leftover = false;         ///< of kAbandoned: only its test profile is left
 };
 
 /// Asks the watchdog, for at most 3 seconds. Nothing when there is no trial.
@@ -45,6 +46,11 @@ void requireNoTrialOf(const std::string& profile);
 /// After the active profile was applied: removes what an abandoned trial has left. Throws Error,
 /// kBusy, without the store's lock; the caller must not have it.
 void forgetAbandonedTrial(LockTime& time);
+
+/// Removes the test profiles of which nothing else is left: neither a watchdog nor a record, as
+/// after a power failure during a trial. A note of the session, which must have the store's lock,
+/// names each.
+void removeLeftoverTestProfiles(StoreSession& session);
 
 /// After the firewall was disabled: ends the trial at once. Its profile; nothing when there is
 /// none, or when the watchdog does not answer. The caller must not have the store's lock.
