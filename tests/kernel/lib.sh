@@ -20,6 +20,16 @@ tarnfw() {
     "$build/tools/tarnfw/tarnfw" "$@"
 }
 
+# need_other_users: ends the test as skipped in the sandbox of an ordinary user, who is alone there.
+need_other_users() {
+    local first count
+    while read -r first _ count; do
+        ((first > 65534 || first + count <= 65534)) || return 0
+    done </proc/self/gid_map
+    echo 'skipped: there is one user in this user namespace'
+    exit 77
+}
+
 # in_network NETWORK COMMAND...: runs it in that network namespace.
 in_network() {
     nsenter --net="/run/netns/$1" -- "${@:2}"

@@ -27,6 +27,7 @@ jq '.config_profiles[].rules = null' /tmp/all.json >/tmp/other.json
 answers 0 import --yes /tmp/other.json
 step 'so are imported documents' modes '600 0'
 
+need_other_users
 chgrp "$kGroup" "$kProfileDirectory" "$kProfileDirectory"/*.json /tmp/all.json
 chmod 750 "$kProfileDirectory"
 chmod 640 "$kProfileDirectory"/*.json /tmp/all.json

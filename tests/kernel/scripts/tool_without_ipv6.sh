@@ -27,7 +27,7 @@ END
 no_ip6tables() {
     umount "/usr/sbin/xtables-$variant-multi"
     mkdir /tmp/sbin
-    cp --archive -- /usr/sbin/. /tmp/sbin/
+    cp --recursive --no-dereference --preserve=mode -- /usr/sbin/. /tmp/sbin/
     rm -- /tmp/sbin/ip6tables*
     mount --bind /tmp/sbin /usr/sbin
 }
