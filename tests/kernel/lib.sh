@@ -71,7 +71,7 @@ add_addresses() {
 # the background and drops packets sent before; a dropped first packet would cost a second.
 await_carrier() {
     until [[ $("$@") == *'state UP'* ]]; do
-        :
+        sleep 0.02
     done
 }
 

@@ -75,7 +75,7 @@ ends() {
 
 await_end() {
     while [[ -S $kTrialSocket ]]; do
-        :
+        sleep 0.02
     done
 }
 
