@@ -108,8 +108,9 @@ ScratchKernel::~ScratchKernel() {
     end();
 }
 
-void ScratchKernel::end() const {
-    // Closing the pipe is not enough: processes that were forked since may have it open, too.
+void ScratchKernel::end() {
+    // Either is enough, unless processes that were forked since have the pipe open, too.
+    (void)hold_.close();
     (void)kill(holder_, SIGKILL);
     (void)waitStatusOf(holder_);
 }

@@ -41,7 +41,7 @@ private:
         return [this] { return enter(); };
     }
     void setUpBase() const;
-    void end() const;
+    void end();
 
     pid_t holder_ = -1;  // a process that does nothing but keep the namespace
     Descriptor pidfd_;   // the same, as setns() wants it
