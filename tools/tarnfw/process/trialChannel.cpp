@@ -13,6 +13,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/storeSession.h"
@@ -27,6 +28,8 @@ constexpr std::size_t kMaxMessage = 4096;
 // Time limits: for a terminal's request after it has connected, and for a connection.
 constexpr time_t kPatienceSeconds = 1;
 constexpr time_t kConnectSeconds = 3;
+
+constexpr std::chrono::milliseconds kPollPause(10);
 
 // Keeps the boundaries of documents, and shows immediately when the other end is closed.
 constexpr int kSocketType = SOCK_SEQPACKET | SOCK_CLOEXEC;
@@ -57,9 +60,19 @@ void Channel::send(const Json::Value& message) const {
 }
 
 bool Channel::awaits(std::chrono::milliseconds time) const {
-    pollfd event = {fd_.get(), POLLIN, 0};
-    const auto limit = std::max<std::chrono::milliseconds::rep>(time.count(), 0);
-    return poll(&event, 1, static_cast<int>(limit)) > 0;
+    using Clock = std::chrono::steady_clock;
+    const auto end = Clock::now() + time;
+    while (true) {
+        pollfd event = {fd_.get(), POLLIN, 0};
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        const int limit =
+            static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+        const int ready = poll(&event, 1, limit);
+        if (ready >= 0 || limit == 0) {
+            return ready > 0;
+        }
+        std::this_thread::sleep_for(kPollPause);  // interrupted, or short of memory: not the end
+    }
 }
 
 bool Channel::isConnected() const {
