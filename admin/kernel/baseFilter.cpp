@@ -186,9 +186,9 @@ const BaseParts& wholeBase() {
     return base;
 }
 
-std::vector<BaseFilter> baseFilters() {
+std::vector<BaseFilter> baseFilters(PacketFilter::Others others) {
     std::vector<BaseFilter> filters;
-    for (auto& [family, listing] : MachineKernel().listFilters()) {
+    for (auto& [family, listing] : MachineKernel().listFilters(others)) {
         filters.emplace_back(family, std::move(listing));
     }
     return filters;

@@ -288,8 +288,11 @@ void Control::runGuarded(const std::string& failed, const Operation& operation, 
     const std::string now = goBack(guard, wasEnabled);
     if (session_.snapshot().applyMode() == ApplyMode::kBatch) {
         try {
-            // They say why, where the library has no more than a line of the log.
-            tarnfw::requireBase();
+            // They say why, where the library has no more than a line of the log. The lock of
+            // iptables may be what the reload has waited for.
+            for (const BaseFilter& filter : baseFilters(PacketFilter::Others::kIgnored)) {
+                filter.requireWhole();
+            }
             if (failure->kind() == ErrorKind::kRefused) {
                 requireApplicable();
             }

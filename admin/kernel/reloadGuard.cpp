@@ -340,18 +340,22 @@ void ReloadGuard::settle(const Listings& now) const {
 
 void ReloadGuard::insist() {
     insists_ = true;
-    const FW::XtablesLock lock(kGoBackWait);
-    lockIsKept_ = !lock.held();
-    if (lockIsKept_) {
-        syslog(LOG_ERR, "%s is kept by another process: going back without it",
-               FW::kXtablesLockPath);
-    }
+    (void)lockIfFree();
 }
 
 /// The lock of iptables while going back; nothing when the programs take it themselves.
 std::unique_ptr<FW::XtablesLock> ReloadGuard::lockIfFree() const {
-    const std::chrono::seconds wait = lockIsKept_ ? std::chrono::seconds(0) : kGoBackWait;
-    return insists_ ? std::make_unique<FW::XtablesLock>(wait) : nullptr;
+    if (!insists_) {
+        return nullptr;
+    }
+    auto lock =
+        std::make_unique<FW::XtablesLock>(lockIsKept_ ? std::chrono::seconds(0) : kGoBackWait);
+    if (!lock->held() && !lockIsKept_) {
+        lockIsKept_ = true;
+        syslog(LOG_ERR, "%s is kept by another process: going back without it",
+               FW::kXtablesLockPath);
+    }
+    return lock;
 }
 
 ReloadGuard::Listings ReloadGuard::listNow() const {

@@ -69,7 +69,7 @@ public:
     /// change that another process loses.
     void insist();
 
-    /// Whether insist() has found that somebody keeps that lock.
+    /// Whether somebody was found to keep that lock.
     bool lockIsKept() const { return lockIsKept_; }
 
     /// After a change that has succeeded: FIREWALL_RELOADING is empty, the policies are those of
@@ -104,7 +104,7 @@ private:
     std::map<std::string, std::size_t> bytes_;   // of the tables of before, in a batch
     Descriptor saved_;  // a file of the processes that share this guard in a batch
     bool insists_ = false;
-    bool lockIsKept_ = false;
+    mutable bool lockIsKept_ = false;
     bool leftClosed_ = false;  // before_ is that of a killed reload
 };
 

@@ -85,7 +85,7 @@ inline constexpr char kWrongOrder[] =
     "set up, but a firewall chain comes before FIREWALL_RELOADING: reloads cut connections";
 
 /// Those of the families that the machine has, IPv4 first, as listed now. Throws Error, kSystem.
-std::vector<BaseFilter> baseFilters();
+std::vector<BaseFilter> baseFilters(PacketFilter::Others others = PacketFilter::Others::kAwaited);
 
 /// Throws Error, kSystem, with what is missing, while chains or jumps are missing in a family that
 /// the machine has. Lists only the two chains that have the jumps: a chain that is jumped to
