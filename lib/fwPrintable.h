@@ -17,9 +17,9 @@ void makePrintable(std::string& text);
 /// What becomes of bytes that are not UTF-8.
 enum class NotUtf8 { kKept, kReplaced };
 
-/// A JSON text of the same value in which "\u009b" and its like stand for what makePrintable()
-/// replaces. Control characters below U+007F are taken to be escaped already, but for those between
-/// two parts of the text. A byte that is not UTF-8 can become "\ufffd".
+/// A JSON text of the same value, with what makePrintable() replaces written as an escape such as
+/// "\u009b". Control characters up to U+007F must be escaped already, except between two parts of
+/// the text. A byte that is not UTF-8 becomes "\ufffd" with NotUtf8::kReplaced.
 std::string escapedJson(const std::string& json, NotUtf8 bytes);
 
 }  // namespace FW

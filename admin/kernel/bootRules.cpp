@@ -38,7 +38,7 @@ constexpr char kLastGood[] = "the rules of the last successful reload";
 constexpr char kMinimum[] =
     "closed, except for established connections, loopback, neighbour discovery, DHCP, and SSH from "
     "private and link-local networks";
-constexpr char kOld[] = "the rules of before";
+constexpr char kOld[] = "the previous rules";
 constexpr char kNotMet[] = "no rules that packets meet, because the base filter is not set up";
 
 constexpr char kSshService[] = "ssh";

@@ -253,7 +253,7 @@ bool ReloadGuard::review(const std::map<std::string, std::string_view>& saved) {
     const bool closed = std::any_of(shared.begin(), shared.end(),
                                     [](const auto& family) { return isClosed(family.second); });
     if (!writeText(saved_.get(), closed ? kClosedMark : kept + kEndMark)) {
-        throw Error(ErrorKind::kSystem, "the rules of before could not be kept");
+        throw Error(ErrorKind::kSystem, "the previous rules could not be kept");
     }
     shared_ = SavedRules::of(shared).families();
     return !closed;
@@ -263,7 +263,7 @@ bool ReloadGuard::review(const std::map<std::string, std::string_view>& saved) {
 std::string ReloadGuard::reviewed() const {
     std::string text;
     if (saved_ && (lseek(saved_.get(), 0, SEEK_SET) != 0 || !readAll(saved_.get(), text))) {
-        throw Error(ErrorKind::kSystem, "the rules of before cannot be read");
+        throw Error(ErrorKind::kSystem, "the previous rules cannot be read");
     }
     return boost::ends_with(text, kEndMark) || text == kClosedMark ? text : "";
 }

@@ -26,19 +26,19 @@ namespace tarnfw {
 /// directory has the state before as long as a reload is running: of one that was killed it says
 /// what the policies were.
 ///
-/// A reload in "batch" changes neither policies nor FIREWALL_RELOADING, and all or nothing of the
-/// rules unless it is killed. The library saves the tables for itself then, and review() looks at
-/// that: nothing is listed twice before the reload.
+/// A reload in "batch" changes neither policies nor FIREWALL_RELOADING. Unless it is killed, it
+/// changes all of the rules or none. The library saves the tables itself then, and review() reads
+/// what it saved: nothing is listed twice before the reload.
 class ReloadGuard {
 public:
     /// Whether the caller holds the reload's lock.
     enum class Lock { kTake, kHeld };
 
-    /// How the operation changes the rules.
+    /// What the operation changes in the kernel.
     enum class Change {
         kAny,
-        kBatch,  ///< in a reload that calls review(): the constructor then only looks whether a
-                 ///< reload in "lines" was killed, which makes it a guard for any change
+        kBatch,  ///< a reload that calls review(). The constructor then only checks whether a
+                 ///< reload in "lines" was killed; if so, this is a guard for any change
     };
 
     /// Reads the state before and makes ready: the firewall's jumps come first in INPUT and
@@ -58,15 +58,15 @@ public:
     /// Whether review() has found that the batch needs a guard for any change.
     bool needsMore() const;
 
-    /// The rules and policies of before, without what a killed reload left. After a killed reload
-    /// that closed the machine: the rules of before that one, where they are known; else the rules
+    /// The previous rules and policies, without what a killed reload left. After a killed reload
+    /// that closed the machine: the rules before that reload, where they are known; else the rules
     /// that were last in force without an error; else what it left, closed. Throws Error, kSystem,
     /// when they could not be saved.
     const SavedRules& before() const;
 
-    /// From now on, to go back, the lock of iptables is awaited for some seconds only, and then the
-    /// machine does without, which a line of the log says: closed for good would be worse than a
-    /// change that another process loses.
+    /// From now on, going back waits only some seconds for the lock of iptables, then does without
+    /// it and logs that: a machine that stays closed would be worse than a change that another
+    /// process loses.
     void insist();
 
     /// Whether somebody was found to keep that lock.
@@ -80,7 +80,7 @@ public:
     /// After a change that has failed: puts back the state before. Throws Error, kSystem.
     void putBack() const;
 
-    /// Without a change: ends what a killed reload left. With `enabled` the rules of before are put
+    /// Without a change: ends what a killed reload left. With `enabled` the previous rules are put
     /// back; where they are not known, a machine that is closed stays so until a reload succeeds.
     /// Throws Error, kSystem.
     void mend(bool enabled) const;

@@ -397,8 +397,9 @@ std::vector<Finding> StoreSnapshot::findings() const {
     }
     for (const std::string& name : testProfileNames()) {
         found.warning("", "the test profile " + inQuotes(name) +
-                              " is of a trial that is running or was interrupted, see \"tarnfw "
-                              "status\"; \"tarnfw try --cancel\" ends it and removes the profile");
+                              " belongs to a trial that is running or was interrupted, see "
+                              "\"tarnfw status\"; \"tarnfw try --cancel\" ends it and removes "
+                              "the profile");
     }
     return found.take();
 }

@@ -18,7 +18,7 @@ inline constexpr const char* FW_ABSENT_FAMILY_WORDS[] = {
     "Address family not supported", "Protocol not supported", "Operation not supported",
     "Table does not exist"};
 
-/// A batch that is about to be committed. It is there only during the review.
+/// A batch that is about to be committed. Valid only during the review.
 struct FWBATCH {
     const Json::Value& commands;  ///< the command document
 
@@ -66,8 +66,8 @@ public:
     /// filter under the lock of iptables, such as another call of this function.
     bool apply(const Json::Value& cmds);
 
-    /// The same, unless `review` is against it: then nothing changes, and it returns false without
-    /// a log line. An empty `review` agrees.
+    /// The same, unless `review` returns false: then nothing changes, and apply() returns false
+    /// without a log line. An empty `review` agrees.
     bool apply(const Json::Value& cmds, const FW_BATCH_REVIEW& review);
 };
 

@@ -56,7 +56,7 @@ struct Redirection {
 struct NatTable {
     RuleListing rules;
     std::vector<std::string> entrances;        ///< the chains that incoming packets begin with
-    std::map<std::string, std::string> texts;  ///< a rule as it is shown, where that is not its own
+    std::map<std::string, std::string> texts;  ///< what to show for a rule instead of its text
 };
 
 /// Those of the machine, by family: the table "nat" of iptables, and other programs' tables of

@@ -23,7 +23,7 @@ enum class InForce {
     kAsStored,   ///< the rules of the active profile; while the firewall is disabled, none
     kDifferent,  ///< other rules, such as those from before a change
     kNothing,    ///< no rules, though the active profile has some
-    kNoBase,     ///< chains or jumps are missing: packets do not meet the rules
+    kNoBase,     ///< chains or jumps are missing: packets bypass the rules
     kClosed,  ///< what a reload in apply mode "lines" leaves while it runs, or when it was killed
     kAbsent   ///< the machine has no packet filter for this family
 };

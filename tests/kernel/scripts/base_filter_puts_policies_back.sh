@@ -30,14 +30,14 @@ IPv6, chain INPUT
 + -P INPUT ACCEPT
 DIFF
 answers 0 reload
-says '^Policy of INPUT of IPv6 put back: DROP$'
+says '^Policy of INPUT of IPv6 restored to DROP$'
 answers 0 status
 answers 0 diff
 step 'they drop' [ "$({ iptables -S FORWARD && ip6tables -S INPUT; } | grep --count '^-P .* DROP$')" = 2 ]
 answers 0 reload
 step 'a reload of the library' rules_probe reload
 answers 0 disable
-says '^Policy of FORWARD of IPv4 put back: DROP$'
+says '^Policy of FORWARD of IPv4 restored to DROP$'
 answers 0 diff
 answers 0 enable
 step 'a reload of the library' rules_probe reload

@@ -82,9 +82,9 @@ step 'closed in a batch' check_packets <<<'tcp6 fd00::10 22 blocked fd00::20'
 answers 10 explain --port tcp/22 --adapter six --from fd00::20
 says 'blocked  *the default policy of eth0: deny (repeated for the 6in4 tunnel six)$'
 answers 10 blocked --port tcp/22 --adapter six
-says '^six .*IPv6 through it, the 6in4 tunnel of eth0, also meets the rules of eth0: blocked$'
+says '^six .*IPv6 through this tunnel of eth0, where eth0.s rules apply too: blocked$'
 answers 10 explain --port tcp/22 --adapter six
-says '^  IPv6 through it, the 6in4 tunnel of eth0, also meets the rules of eth0: blocked$'
+says '^  IPv6 through this tunnel of eth0, where eth0.s rules apply too: blocked$'
 answers 0 apply-mode lines
 answers 0 reload
 step 'open line by line' check_packets <<<'tcp6 fd00::10 22 open fd00::20'

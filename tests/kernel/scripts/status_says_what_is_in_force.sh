@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# The first line and the exit status of "status" say what is in force, family by family, and what mends
+# The first line and the exit status of "status" say what is in force, family by family, and what fixes
 # it; "blocked" and "explain" say it before their answer.
 # shellcheck source=tests/kernel/answers.sh
 source "$checkout/tests/kernel/answers.sh"
@@ -80,9 +80,9 @@ not_in_force 'the rules in force for IPv4 are not those of the profile (INPUT_FI
 answers 0 reload
 in_force
 
-# --- packets do not meet the rules -----------------------------------------------------------------
+# --- packets bypass the rules ------------------------------------------------------------------------
 
-readonly kMends='"tarnfw base up" and then "tarnfw reload" mend that'
+readonly kFix='"tarnfw base up" and then "tarnfw reload" fix this'
 readonly kNoBase='the base filter is not set up'
 
 # Both families are flushed, or deleted; then one, and one closed by its policies.
@@ -91,7 +91,7 @@ for how in F X; do
         "$tool" -F
         [[ $how == F ]] || "$tool" -X
     done
-    not_in_force "no rules are in force and the machine is open: $kNoBase" "$kMends"
+    not_in_force "no rules are in force and the machine is open: $kNoBase" "$kFix"
     answers 11 status
     says '^In the kernel: *IPv4 0 rules: open$'
     answers 1 reload
@@ -102,14 +102,14 @@ for how in F X; do
 done
 ip6tables -F
 ip6tables -X
-not_in_force "packets of IPv6 do not meet the rules, which leaves it open: $kNoBase" "$kMends"
+not_in_force "IPv6 packets bypass the rules, which leaves the machine open: $kNoBase" "$kFix"
 answers 0 base up
 answers 0 reload
 iptables -P INPUT DROP
 for tool in iptables ip6tables; do
     "$tool" -F
 done
-not_in_force "no rules are in force: $kNoBase" "$kMends"
+not_in_force "no rules are in force: $kNoBase" "$kFix"
 iptables -P INPUT ACCEPT
 answers 0 base up
 answers 0 reload
@@ -117,8 +117,8 @@ in_force
 
 ip6tables -D INPUT -j INPUT_FIREWALL
 step 'IPv6 is open' check_packets <<<'tcp6 fd00::10 22 open fd00::20'
-not_in_force 'packets of IPv6 do not meet the rules, which leaves it open: the base filter is not set up' \
-    "$kMends"
+not_in_force 'IPv6 packets bypass the rules, which leaves the machine open: the base filter is not set up' \
+    "$kFix"
 step 'the state of each' [ "$(states)" = 'asStored noBase false' ]
 answers 0 base up
 answers 0 reload

@@ -92,7 +92,7 @@ answers 1 enable
 step 'the settings are untouched' cmp "$kSettings" /tmp/settings
 step 'the filter is untouched' same_listing before
 answers 11 status
-says '^Firewall: *enabled, but no rules are in force and the machine is open: the base filter is not set up; "tarnfw base up" and then "tarnfw reload" mend that$'
+says '^Firewall: *enabled, but no rules are in force and the machine is open: the base filter is not set up; "tarnfw base up" and then "tarnfw reload" fix this$'
 rm -- "$kSettings"
 
 # --- with it ---------------------------------------------------------------------------------------

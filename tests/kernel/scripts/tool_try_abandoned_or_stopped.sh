@@ -45,7 +45,7 @@ rm -- /run/tarn/trial.json
 answers 11 status
 says "^Trial: *of \"$new\", interrupted: its test profile \"\.test_$new\" is left; \"tarnfw try --cancel\" or the next"
 tarnfw check >"$out/answer" 2>&1 || true
-says "the test profile \"\.test_$new\" is of a trial .*\"tarnfw try --cancel\" ends it"
+says "the test profile \"\.test_$new\" belongs to a trial .*\"tarnfw try --cancel\" ends it"
 cp -r "$kProfileDirectory" "$out/store"
 answers 0 apply-mode lines
 complains "^tarnfw: the test profile \"\.test_$new\" of an interrupted trial was removed$"

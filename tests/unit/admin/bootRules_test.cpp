@@ -160,7 +160,7 @@ TEST_F(BootRulesTest, FamilyThatRefusesItsRulesIsClosed) {
 TEST_F(BootRulesTest, RulesThatAreThereStay) {
     storeLastGood(lastGood());
     kernelHas(std::string(kChains) + kJumps + "-A INPUT_FIREWALL -j DROP\n");
-    EXPECT_EQ(protectMachine(), "IPv4 and IPv6: the rules of before");
+    EXPECT_EQ(protectMachine(), "IPv4 and IPv6: the previous rules");
     EXPECT_NE(access(kLoaded4, F_OK), 0);
     EXPECT_NE(access(kLoaded6, F_OK), 0);
 }

@@ -160,8 +160,8 @@ TEST_F(StoreSessionTest, FindsWhatAnInterruptedOperationOfTheLibraryHasLeft) {
     EXPECT_THAT(found(), ElementsAre("warning: " + file + " has the name of " + kHomeFile +
                                      ", \"home\", and is not used"));
     writeFile(file, R"({"name": ".test_home"})");
-    EXPECT_THAT(found(), ElementsAre("warning: the test profile \".test_home\" is of a trial that "
-                                     "is running or was interrupted, see \"tarnfw status\"; "
+    EXPECT_THAT(found(), ElementsAre("warning: the test profile \".test_home\" belongs to a trial "
+                                     "that is running or was interrupted, see \"tarnfw status\"; "
                                      "\"tarnfw try --cancel\" ends it and removes the profile"));
     writeFile(file, R"({"name": "ho)");
     EXPECT_THAT(found(), ElementsAre("warning: " + file + " cannot be read: it may be a profile"));

@@ -222,7 +222,7 @@ void warnAboutRefusals(Context& context, const std::vector<std::string>& names) 
             // it cannot be read; a reload says so
         }
     }
-    // Mostly the kernel takes all of them, which it answers at once.
+    // Usually the kernel takes all profiles, which one call for all of them shows.
     if (profiles.size() > 1 && Control::kernelRefusal(together(profiles)).empty()) {
         return;
     }

@@ -422,7 +422,7 @@ void applyAtBoot(const std::string& failures, const LockTime& time) {
     throw Error(ErrorKind::kSystem, text);
 }
 
-/// A trial is not asked for where nobody can listen.
+/// As requireNoTrial(), but the boot goes on when it cannot be found out whether a trial runs.
 void requireNoTrialAtBoot() {
     try {
         requireNoTrial();

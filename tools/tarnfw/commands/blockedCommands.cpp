@@ -321,11 +321,12 @@ struct TunnelAnswer {
     bool blocks() const { return !owners.empty() && verdict != FW::FW_POLICY_ALLOW; }
 
     std::string text() const {
-        const std::string names = boost::join(owners, ", ");
-        return owners.empty()
-                   ? ""
-                   : "IPv6 through it, the 6in4 tunnel of " + names + ", also meets the rules of " +
-                         names + ": " + (verdict ? verdictText(*verdict) : "depends on the packet");
+        if (owners.empty()) {
+            return "";
+        }
+        return "IPv6 through this tunnel of " + boost::join(owners, ", ") + ", where " +
+               (owners.size() == 1 ? owners.front() + "'s" : "their") +
+               " rules apply too: " + (verdict ? verdictText(*verdict) : "depends on the packet");
     }
 
     void addTo(Json::Value& entry) const {

@@ -49,7 +49,7 @@ void forgetTrial(Context& context) {
 /// opened.
 void putPoliciesBack() {
     for (const std::string& chain : closeOpenedPolicies()) {
-        std::cout << "Policy of " << chain << " put back: DROP\n";
+        std::cout << "Policy of " << chain << " restored to DROP\n";
     }
 }
 

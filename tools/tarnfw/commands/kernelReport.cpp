@@ -95,15 +95,15 @@ std::string noneText(const KernelReport& report) {
     return std::string("no rules are in force") + (open ? " and the machine is open" : "");
 }
 
-constexpr char kBaseMends[] =
-    ": the base filter is not set up; \"tarnfw base up\" and then \"tarnfw reload\" mend that";
+constexpr char kFixBase[] =
+    ": the base filter is not set up; \"tarnfw base up\" and then \"tarnfw reload\" fix this";
 
 std::string noBaseText(const KernelReport& report) {
     if (isNothingInForce(report)) {
-        return noneText(report) + kBaseMends;
+        return noneText(report) + kFixBase;
     }
-    return "packets of " + familiesIn(report, InForce::kNoBase) + " do not meet the rules" +
-           (isOpen(report, InForce::kNoBase) ? ", which leaves it open" : "") + kBaseMends;
+    return familiesIn(report, InForce::kNoBase) + " packets bypass the rules" +
+           (isOpen(report, InForce::kNoBase) ? ", which leaves the machine open" : "") + kFixBase;
 }
 
 std::string nothingText(const KernelReport& report) {

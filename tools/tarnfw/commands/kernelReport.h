@@ -39,14 +39,14 @@ bool isClosed(const KernelReport& report);
 /// Whether no family has any rule, though the active profile has some.
 bool isNothingInForce(const KernelReport& report);
 
-/// What the kernel does not do of what is stored, and what mends it, the worst first: "no rules are
+/// What the kernel does not do of what is stored, and what fixes it, the worst first: "no rules are
 /// in force for IPv6, which is open; "tarnfw reload" applies them". Empty when it does all.
 std::vector<std::string> complaintsOf(const KernelReport& report);
 
 /// That policies accept which dropped at "base up", and what puts them back; empty without such.
 std::string openedComplaint(const KernelReport& report);
 
-/// That rules of other programs may accept packets before an enabled firewall's, and what mends it;
+/// That rules of other programs may accept packets before an enabled firewall's, and what fixes it;
 /// empty without such rules.
 std::string aheadComplaint(const KernelReport& report);
 

@@ -170,7 +170,7 @@ Cell inForceCell(const FamilyInForce& family) {
         case InForce::kNothing:
             return {rules + (family.open ? ": open" : ""), Paint::kBad};
         case InForce::kNoBase:
-            return {rules + (family.loadedRules > 0 ? ", which packets do not meet" : "") +
+            return {rules + (family.loadedRules > 0 ? ", bypassed" : "") +
                         (family.open ? ": open" : ""),
                     Paint::kBad};
         case InForce::kClosed:
