@@ -141,6 +141,12 @@ std::vector<std::string> documents() {
     return paths;
 }
 
+/// Creates a mark. False, with errno, if that fails: EEXIST if it is there.
+bool makeMark(const char* path) {
+    return static_cast<bool>(
+        Descriptor(open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kJournalMode)));
+}
+
 }  // namespace
 
 std::string copyOf(const std::string& path) {
@@ -155,11 +161,6 @@ bool hasJournal() {
     return access(kJournal, F_OK) == 0;
 }
 
-bool makeMark(const char* path) {
-    return static_cast<bool>(
-        Descriptor(open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kJournalMode)));
-}
-
 ChangePhase changePhase() {
     return access(kApplied, F_OK) == 0    ? ChangePhase::kApplied
            : access(kApplying, F_OK) == 0 ? ChangePhase::kApplying
@@ -167,7 +168,14 @@ ChangePhase changePhase() {
 }
 
 bool beginApplying() {
-    return makeMark(kApplying);
+    if (makeMark(kApplying)) {
+        return true;
+    }
+    if (errno != EEXIST) {
+        throw Error(ErrorKind::kSystem, std::string("nothing was applied: cannot create ") +
+                                            kApplying + ": " + std::strerror(errno));
+    }
+    return false;
 }
 
 bool markApplied() {

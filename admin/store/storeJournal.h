@@ -3,8 +3,8 @@
 ///
 /// The copies are in ".change/" of the profile directory, each under its document's name. In a
 /// change of many documents they are flushed, and a list of them is written last: the journal.
-/// While it is there, the change is not done, and whoever has the store's lock puts everything
-/// back.
+/// While it is there, the change is open: whoever has the store's lock next puts everything back,
+/// or, once the rules of the change were applied, keeps the change.
 #pragma once
 
 #include <map>
@@ -22,13 +22,14 @@ bool hasCopies();
 /// Whether there is a journal: a change of many documents goes on, or was interrupted.
 bool hasJournal();
 
-/// How far the rules of the change are that the journal is of. Once they are applied, the change
-/// stays, whoever finds the journal.
+/// How far the change of the journal has come: documents are written, its rules are being applied,
+/// or they were applied. In the last phase, whoever finds the journal keeps the change.
 enum class ChangePhase { kWriting, kApplying, kApplied };
 
 ChangePhase changePhase();
 
-/// From kWriting to kApplying. False if it was that already.
+/// From kWriting to kApplying. False if it was begun before. Throws Error, kSystem, when that
+/// cannot be recorded; the phase then is as before.
 bool beginApplying();
 
 /// From kApplying to kApplied: gives the documents their modes, see keepMode(), and flushes what

@@ -56,17 +56,18 @@ class StoreTransaction;
 class StoreSession {
 public:
     enum class Access {
-        kRead,    ///< without a lock, but to undo an interrupted change; changes are not allowed
+        kRead,    ///< without a lock, but to end an interrupted change; changes are not allowed
         kChange,  ///< under the store's lock: the library locks single files, and of two programs
                   ///< that read and then write at the same time one would undo the other
     };
 
-    /// Opens and reads the store. With kChange, waits for the lock and first puts back what an
-    /// interrupted change has left: all documents, if it was a change of many, else those that are
-    /// truncated; the damaged file is kept beside its document with ".damaged" after its name. With
-    /// kRead, undoes an interrupted change of many documents as well; where the lock for it is not
-    /// free within 2 s, or the rights are missing, a note says so. Throws Error: kBusy without the
-    /// lock, kSystem where an interrupted change cannot be undone. A file that
+    /// Opens and reads the store. With kChange, waits for the lock and first ends an interrupted
+    /// change. One of many documents is undone, or kept if its rules were applied, see
+    /// applyChange(); a note says which. Of any other, truncated documents are restored; the
+    /// damaged file is kept beside its document with ".damaged" after its name. With kRead, ends an
+    /// interrupted change of many documents as well; where the lock for it is not free within 2 s,
+    /// or the rights are missing, a note says so. Throws Error: kBusy without the lock, kSystem
+    /// where an interrupted change can be neither undone nor kept. A file that
     /// StoreSnapshot::unusable() lists is a note. `time` is what the session may wait for locks,
     /// see lockTime().
     explicit StoreSession(Access access, LockTime time = LockTime());
@@ -127,15 +128,18 @@ public:
     // ---- A change that is kept only when what depends on it succeeds, such as a reload ----
 
     /// The next changes stay open, as one, until keepChange() or undoChange(). A session that ends
-    /// before undoes them, and so does the next one after a kill.
+    /// before that undoes them. After a kill the next session does, unless their rules were
+    /// applied.
     void holdChange();
 
-    /// For the process that applies the rules of an open change of many documents: calls `apply`,
-    /// and when that returns true, makes the change one that stays: whoever opens the store after a
-    /// kill or a power failure keeps it. Throws Error, kSystem, when that cannot be flushed to the
-    /// disk; the change is then still to be undone. A further call puts back the old rules: the
-    /// change is to be undone again. Without such a change it only calls `apply`. A change that was
-    /// interrupted in between is undone, with a note that its rules may be in force.
+    /// For the process that applies the rules of an open change of many documents: records that,
+    /// calls `apply`, and when that returns true, records that the rules were applied: whoever
+    /// opens the store after a kill or a power failure then keeps the change. A change that is
+    /// interrupted in between is undone, with a note that its rules may be in force. A further
+    /// call, such as one that puts back the old rules, makes the change one that is undone after a
+    /// kill. Without such a change only calls `apply`. Throws Error, kSystem: without calling
+    /// `apply`, when its beginning cannot be recorded; after it, when its end cannot be flushed to
+    /// the disk. The change is then still to be undone.
     bool applyChange(const std::function<bool()>& apply);
 
     /// Ends a held change. Throws Error, kSystem, like change(), but not when its rules were
@@ -177,9 +181,9 @@ public:
     /// What the library writes meanwhile.
     enum class Extent {
         kOneDocument,  ///< which it replaces as a whole: an interrupted change was made or not, and
-                       ///< only a document that turns out to be damaged is restored
-        kManyDocuments,  ///< an interrupted change is undone by whoever opens the store next; the
-                         ///< copies are flushed, for a power failure
+                       ///< only a damaged document is restored; undo() restores all
+        kManyDocuments,  ///< whoever opens the store next undoes an interrupted change, or keeps it
+                         ///< if its rules were applied; the copies are flushed, for a power failure
     };
 
     /// Copies every document, which needs about as much space as the change. Throws Error,
@@ -192,10 +196,11 @@ public:
     StoreTransaction(const StoreTransaction&) = delete;
     StoreTransaction& operator=(const StoreTransaction&) = delete;
 
-    /// To be called when the library has written, and before its result is looked at: brings the
-    /// session's snapshot up to date, and flushes what was done. Where a document is not whole,
-    /// the change is undone, and Error, kSystem, says so. A caller that has refreshed the session
-    /// since the library wrote says so with `refreshed`, and nothing is read again.
+    /// To be called when the library has written: brings the session's snapshot up to date. Of many
+    /// documents, what was done is flushed. Where a document is not whole, or that fails, the
+    /// change is undone, and Error, kSystem, says so. A change whose rules were applied stays
+    /// instead, and nothing is thrown: applyChange() has flushed it. A caller that has refreshed
+    /// the session since the library wrote says so with `refreshed`, and nothing is read again.
     void finish(bool refreshed = false);
 
     /// Throws Error, kSystem, for a document that is not whole. The change goes on; brings the

@@ -1,10 +1,12 @@
-// Sessions of the store: what they do not open, and how long they wait.
+// Sessions of the store: what they skip, how changes of it fail or are interrupted, when a change
+// whose rules are applied stays, and how long a session waits.
 #include "tarnfwadmin/storeSession.h"
 
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -413,6 +415,30 @@ TEST_F(AppliedChangeTest, IsUndoneWhenTheOldRulesArePutBack) {
         EXPECT_TRUE(session.applyChange([] { return true; }));
     });
     EXPECT_THAT(notes(), ElementsAre(kUndoneRules));
+    EXPECT_FALSE(homeIsNew());
+}
+
+TEST_F(AppliedChangeTest, IsNotAppliedWhenItsBeginningCannotBeRecorded) {
+    {
+        StoreSession session(StoreSession::Access::kChange);
+        FW::FWPROFILE home = session.snapshot().profile("home");
+        home.rules.clear();
+        session.holdChange();
+        session.storeProfile(home);
+        bool applied = false;
+        const std::string copies = std::string(kProfileDir) + ".change";
+        ASSERT_EQ(mount(copies.c_str(), copies.c_str(), nullptr, MS_BIND, nullptr), 0);
+        ASSERT_EQ(
+            mount(nullptr, copies.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0);
+        expectError(
+            ErrorKind::kSystem,
+            "nothing was applied: cannot create " + copies + "/applying: Read-only file system",
+            [&] { (void)session.applyChange([&] { return applied = true; }); });
+        ASSERT_EQ(umount(copies.c_str()), 0);
+        EXPECT_FALSE(applied);
+        EXPECT_TRUE(session.undoChange());
+    }
+    EXPECT_THAT(notes(), IsEmpty());
     EXPECT_FALSE(homeIsNew());
 }
 
