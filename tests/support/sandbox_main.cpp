@@ -223,7 +223,8 @@ int runCases(const std::vector<std::string>& names) {
         }
     }
     std::cout << names.size() - failed.size() - leftOut << " cases passed, " << failed.size()
-              << " failed\n";
+              << " failed" << (leftOut > 0 ? ", " + std::to_string(leftOut) + " left out" : "")
+              << '\n';
     for (const std::string& name : failed) {
         std::cout << "FAILED: " << name << '\n';
     }

@@ -498,7 +498,6 @@ TEST_F(ProfileCheckTest, ErrorsOfALongListAreCountedOnce) {
     EXPECT_EQ(errorsOf(profile, machine), 7U);
 }
 
-}  // namespace
 // ---- The adapters of the default policies -------------------------------------------------------
 
 struct AdapterCase {
@@ -547,4 +546,5 @@ const AdapterCase kAdapters[] = {
 INSTANTIATE_TEST_SUITE_P(Adapters, AdapterTest, testing::ValuesIn(kAdapters),
                          [](const auto& c) { return std::string(c.param.name); });
 
+}  // namespace
 }  // namespace tarnfw
