@@ -1,5 +1,5 @@
 /// The lock of iptables' legacy programs. Compiled into the library, libtarnfwadmin and
-/// platform/host, and depends on none of them.
+/// platform/host, and depends on nothing of theirs but the header fwSpawn.h.
 #pragma once
 
 #include <chrono>

@@ -1,6 +1,8 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# A command opens no file of the store more than twice, besides what the library's own operations open,
-# and no file of the service catalogue more than twice in all; "status" lists each family once.
+# A command opens a file of the store at most twice, besides what the library's own operations open, and
+# once more to flush it in a change that is made as a whole. It opens a file of the service catalogue at
+# most twice, and once or twice more where rules are tried, applied or queried. "status" lists each family
+# once.
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 
 # shellcheck source=tests/kernel/answers.sh
