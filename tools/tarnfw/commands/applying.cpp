@@ -152,8 +152,9 @@ void reloadActive(Control& control) {
 
 namespace {
 
-/// Applies the active profile as it was changed, and keeps the change; or undoes it.
-void reloadChanged(Context& context, const std::function<void()>& ask,
+/// Applies the active profile as it was changed, and keeps the change; or undoes it. Returns false
+/// when the change is kept and nothing was applied: the firewall is disabled.
+bool reloadChanged(Context& context, const std::function<void()>& ask,
                    const std::function<void()>& say) {
     const SignalsWait wait;  // between the reload and the end of the change
     bool applied = false;
@@ -177,6 +178,7 @@ void reloadChanged(Context& context, const std::function<void()>& ask,
     } else {
         std::cout << "Firewall disabled: nothing to reload\n";
     }
+    return applied;
 }
 
 /// "stored, but a reload would be refused: ..."; false when it would not be.
@@ -254,18 +256,23 @@ FW::FWPROFILE onlyRules(FW::FWPROFILE profile, const std::string& adapter,
 void finishChange(Context& context, const std::string& profile, const ReloadOptions& options,
                   const std::function<void()>& say, const std::optional<FW::FWPROFILE>& changed) {
     const bool active = profile == context.store().activeProfile();
+    const auto warnIfRefused = [&] {
+        if (changed) {
+            (void)(makesLines(*changed) && warnAboutRefusal(*changed));
+        } else {
+            warnAboutRefusals(context, {profile});
+        }
+    };
     if (active && options.wanted) {
-        reloadChanged(
-            context, [] {}, say);  // asked before it was stored
+        const auto asked = [] {};  // before it was stored
+        if (!reloadChanged(context, asked, say)) {
+            warnIfRefused();
+        }
         return;
     }
     context.session().keepChange();
     say();
-    if (changed) {
-        (void)(makesLines(*changed) && warnAboutRefusal(*changed));
-    } else {
-        warnAboutRefusals(context, {profile});
-    }
+    warnIfRefused();
     if (active) {
         reportUnchangedKernel(context);
     } else if (options.wanted) {
@@ -276,14 +283,21 @@ void finishChange(Context& context, const std::string& profile, const ReloadOpti
 
 void finishChange(Context& context, const std::vector<std::string>& profiles,
                   const ReloadOptions& options, const std::function<void()>& say) {
-    if (options.wanted) {
-        reloadChanged(
-            context, [&] { confirmReload(context, options); }, say);
+    if (!options.wanted) {
+        say();
+        warnAboutRefusals(context, profiles);
+        reportUnchangedKernel(context);
         return;
     }
-    say();
-    warnAboutRefusals(context, profiles);
-    reportUnchangedKernel(context);
+    const bool applied = reloadChanged(
+        context, [&] { confirmReload(context, options); }, say);
+    std::vector<std::string> untried;
+    for (const std::string& name : profiles) {
+        if (!(applied && name == context.store().activeProfile())) {
+            untried.push_back(name);
+        }
+    }
+    warnAboutRefusals(context, untried);
 }
 
 void reportUnchangedKernel(Context& context) {
