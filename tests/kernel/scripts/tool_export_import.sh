@@ -220,6 +220,37 @@ answers 0 import --yes "$backup"
 answers 0 import --yes --reload all.json
 says '^Firewall disabled$'
 answers 0 diff
+step 'no rules are left' [ -z "$(listing v4 | grep -- '^-A INPUT_FIREWALL')" ]
+
+# It is stored and in force, or neither.
+answers 0 import --yes --reload "$backup"
+step 'the old rules' same_listing enabled
+keep_files enabled
+wrap_iptables
+cp -r /tmp/wrapped /tmp/whole
+# break_tool TOOL, BODY: a script instead of the tool; $whole is the tool itself.
+break_tool() {
+    # shellcheck disable=SC2016  # for the script
+    printf '#!/bin/sh\nwhole=/tmp/whole/%s\n%s\nexec "$whole" "$@"\n' "$1" "$2" >"/tmp/wrapped/$1"
+}
+# not_disabled PATTERN: the import fails with such a reason, and leaves store and kernel as they are.
+not_disabled() {
+    answers 1 import --yes --reload all.json
+    cp /tmp/whole/* /tmp/wrapped
+    step "it says: $1" grep --quiet \
+        "^tarnfw: the import failed ($1); the previous configuration is restored$" "$out/complaint"
+    refuses 'nothing else is said' grep '^Imported\|^Firewall' "$out/answer"
+    step 'nothing is stored' same_files enabled
+    step 'the old rules are in force' same_listing enabled
+}
+break_tool iptables 'exit 1'
+not_disabled '.*'
+# IPv6 cannot be emptied, nor can it in the two attempts that follow. IPv4 can.
+break_tool ip6tables 'case "$*" in *-F*) exit 1 ;; esac'
+break_tool ip6tables-restore '[ -e /tmp/2 ] || { [ ! -e /tmp/1 ] || : >/tmp/2; : >/tmp/1; exit 1; }'
+not_disabled '.*; the old rules are in force again'
+umount "/usr/sbin/xtables-$variant-multi"
+answers 0 import --yes --reload all.json
 
 # Profiles with errors come back from their backup with --force.
 answers 0 import --yes --force faulty.json

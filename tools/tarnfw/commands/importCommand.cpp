@@ -34,6 +34,8 @@
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/exportCheck.h"
+#include "tarnfwadmin/fileLock.h"
+#include "tarnfwadmin/savedRules.h"
 
 namespace tarnfw {
 namespace {
@@ -266,10 +268,10 @@ std::string recovery(const std::string& path, const Json::Value& backup, Machine
 /// write, and does not notice a full disk. Returns the error; empty on success.
 std::string errorOfReplacing(Context& context, const Json::Value& document) {
     try {
-        if (!FW::TARNFW_JSON_DB().importConfig(document)) {
+        if (!context.session().changeMany(
+                [&] { return FW::TARNFW_JSON_DB().importConfig(document); })) {
             return "the settings cannot be written";
         }
-        context.session().refresh();
         return context.store().configurationIs(document) ? ""
                                                          : "not everything was written correctly";
     } catch (const std::exception& error) {
@@ -277,32 +279,55 @@ std::string errorOfReplacing(Context& context, const Json::Value& document) {
     }
 }
 
-/// Applies the imported profile if the firewall is enabled. Returns the error; empty on success.
-std::string errorOfApplying(Context& context) {
+/// Puts back the rules that a failed disabling has removed. Returns what became of them, to be
+/// added to a message.
+std::string afterDisabling(const SavedRules& before, LockTime& time) {
     try {
-        (void)context.control().apply();
-        return "";
+        const FileLock lock(kReloadLock, time);
+        if (!lock.held() || SavedRules::inKernel() == before) {
+            return "";  // without the lock the disabling has changed nothing, either
+        }
+        before.putBack();
+        return "; the old rules are in force again";
     } catch (const std::exception& error) {
-        return error.what();
+        return std::string("; restoring the old rules failed, too: ") + error.what();
     }
 }
 
-/// Replaces the configuration and, with `reload`, applies it while the firewall is enabled; or
-/// restores the previous one.
+/// Makes the kernel follow the imported configuration: applies the active profile, or disables a
+/// firewall that was enabled. Returns the error, with the old rules in force; empty on success.
+std::string errorOfApplying(Context& context, bool wasEnabled) {
+    std::optional<SavedRules> before;
+    try {
+        if (!context.control().apply() && wasEnabled) {
+            before = SavedRules::inKernel();
+            context.control().disable();
+        }
+        return "";
+    } catch (const std::exception& error) {
+        return error.what() + (before ? afterDisabling(*before, context.session().lockTime()) : "");
+    }
+}
+
+/// Replaces the configuration and, with `reload`, makes the kernel follow it; or restores the
+/// previous one.
 void replace(Context& context, const Json::Value& document, const Json::Value& current,
              const std::string& backup, bool reload) {
     const SignalsWait wait;  // the store is incomplete until the last file is written
-    StoreTransaction change(context.session(), StoreTransaction::Extent::kManyDocuments);
+    const bool wasEnabled = context.store().firewallEnabled();
+    StoreSession& session = context.session();
+    session.holdChange();
+    (void)session.changeMany([] { return true; });  // begins it; throws with nothing changed
     std::string error = errorOfReplacing(context, document);
     if (error.empty() && reload) {
-        error = errorOfApplying(context);
+        error = errorOfApplying(context, wasEnabled);
     }
     if (error.empty()) {
-        change.finish(/*refreshed=*/true);
+        session.keepChange();
         return;
     }
     const std::string failed = "the import failed (" + error + ")";
-    if (change.undo()) {
+    if (session.undoChange()) {
         throw Error(ErrorKind::kSystem, failed + "; the previous configuration is restored");
     }
     throw Error(ErrorKind::kSystem,
@@ -326,14 +351,10 @@ std::vector<std::string> untried(const Context& context, const ImportPlan& plan,
     return names;
 }
 
-/// Says what the import means for the kernel; disables the firewall with "--reload" where the
-/// import does.
+/// Says what the import means for the kernel.
 void report(Context& context, bool reload, bool wasEnabled) {
     const bool enabled = context.store().firewallEnabled();
     if (!enabled && wasEnabled) {
-        if (reload) {
-            context.control().disable();
-        }
         std::cout << (reload ? "Firewall disabled\n"
                              : "The firewall is now disabled in the settings; the kernel keeps the "
                                "old rules until \"tarnfw disable\"\n");
