@@ -47,7 +47,8 @@ TARNFW_EXPORT int tarnfwadmin_add_rule(const char* profile, const char* adapter,
 
 /* Enables the firewall and applies the active profile, when that is valid and the base filter is
  * set up. After TARNFWADMIN_REFUSED a firewall that was disabled is disabled again; after every
- * other failure nothing has changed. */
+ * other failure nothing has changed. During a trial ("tarnfw try") the rules on trial are
+ * replaced and the trial keeps nothing: only the tool knows about trials and refuses that. */
 TARNFW_EXPORT int tarnfwadmin_enable(char* reason, size_t size);
 
 /* Empties the firewall's chains and disables it, also when it is disabled already. On failure the
@@ -57,7 +58,8 @@ TARNFW_EXPORT int tarnfwadmin_disable(char* reason, size_t size);
 /* Applies the active profile. While the firewall is disabled it succeeds, does nothing and says so.
  * The profile is not checked: in the apply mode "lines" what the kernel does not take is left out.
  * After TARNFWADMIN_REFUSED `reason` says what is in force; after every other failure nothing has
- * changed. A process that is killed meanwhile may leave the machine closed to new connections. */
+ * changed. A process that is killed meanwhile may leave the machine closed to new connections. A
+ * trial is not noticed, see tarnfwadmin_enable(). */
 TARNFW_EXPORT int tarnfwadmin_reload(char* reason, size_t size);
 
 /* Whether packets from `address` ("10.0.0.5", "2001:db8::1") that come in by `adapter` ("eth0") may

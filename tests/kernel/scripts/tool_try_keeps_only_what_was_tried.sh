@@ -30,11 +30,15 @@ keep_both_listings
 
 # --- commands of the tool --------------------------------------------------------------------------
 
+tarnfw export "$out/all.json" >/dev/null
+jq '(.config_profiles[] | select(.name == "deny_by_default") | .rules.eth0) |= .[:1]' "$out/all.json" \
+    >"$out/other.json"
 in_background "$new" --timeout "$kLong"
 keep_listing tried
 for command in 'reload' 'enable --yes' "profile use $new" 'profile use deny_by_default --reload' \
     'profile rename deny_by_default other' "profile rename $new other" "profile delete $new" \
-    'policy eth0 allow --profile deny_by_default --reload' 'base up' 'base down' boot; do
+    'policy eth0 allow --profile deny_by_default --reload' "import --yes $out/other.json" \
+    "import --yes --reload $out/other.json" 'base up' 'base down' boot; do
     # shellcheck disable=SC2086  # words
     refused 1 "^tarnfw: a trial of \"$new\" is running; \"tarnfw try --confirm\" keeps its rules, \"tarnfw try --cancel\" restores the previous ones$" \
         $command

@@ -31,6 +31,7 @@
 #include "commands/commands.h"
 #include "commands/sshGuard.h"
 #include "process/signalsWait.h"
+#include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/exportCheck.h"
@@ -412,6 +413,9 @@ void requireWayBackIn(Context& context, const Options& options, const Json::Valu
 /// else whether the firewall was enabled before.
 std::optional<bool> importInto(Context& context, const Json::Value& document,
                                const Options& options) {
+    if (!options.dryRun) {
+        requireNoTrial();  // its test profile would be removed
+    }
     const Json::Value current = context.store().configuration();
     requireRoomFor(document, current);
     const ImportPlan plan = importPlan(current, document);
