@@ -84,9 +84,8 @@ bool isClosed(const RuleListing& listing) {
            });
 }
 
-/// The state before a reload that was killed; nothing when none was, or when it did not change the
-/// policies.
-std::optional<SavedRules> beforeKilledReload(const std::map<std::string, RuleListing>& found) {
+/// The state before a reload that is running or was killed; nothing when none was.
+std::optional<SavedRules> recordedBefore() {
     if (access(kRunningReload, F_OK) != 0) {
         return std::nullopt;
     }
@@ -95,20 +94,35 @@ std::optional<SavedRules> beforeKilledReload(const std::map<std::string, RuleLis
         if (!parseAsStored(readText(kRunningReload), document)) {
             return std::nullopt;
         }
-        SavedRules before = SavedRules::from(document);
-        const bool closedSince = std::any_of(found.begin(), found.end(), [&](const auto& family) {
-            const auto old = before.families().find(family.first);
-            return old != before.families().end() &&
-                   std::any_of(old->second.policies.begin(), old->second.policies.end(),
-                               [&](const auto& policy) {
-                                   return policy.second != "DROP" &&
-                                          family.second.hasPolicy(policy.first, "DROP");
-                               });
-        });
-        return closedSince ? std::optional(std::move(before)) : std::nullopt;
+        return SavedRules::from(document);
     } catch (const Error&) {
         return std::nullopt;  // truncated by a kill as well
     }
+}
+
+/// The chains whose policy is DROP, and was another before.
+std::vector<std::string> closedSince(const SavedRules& before, const std::string& family,
+                                     const RuleListing& listing) {
+    std::vector<std::string> chains;
+    const auto old = before.families().find(family);
+    if (old != before.families().end()) {
+        for (const auto& [chain, policy] : old->second.policies) {
+            if (policy != "DROP" && listing.hasPolicy(chain, "DROP")) {
+                chains.push_back(chain);
+            }
+        }
+    }
+    return chains;
+}
+
+/// The state before a reload that was killed; nothing when none was, or when it did not change the
+/// policies.
+std::optional<SavedRules> beforeKilledReload(const std::map<std::string, RuleListing>& found) {
+    std::optional<SavedRules> before = recordedBefore();
+    const bool closed = before && std::any_of(found.begin(), found.end(), [&](const auto& family) {
+                            return !closedSince(*before, family.first, family.second).empty();
+                        });
+    return closed ? std::move(before) : std::nullopt;
 }
 
 /// The rules, with the policies ACCEPT.
@@ -220,6 +234,11 @@ std::map<std::string, RuleListing> listOwn(const std::map<std::string, std::size
 }
 
 }  // namespace
+
+std::vector<std::string> closedPolicies(const std::string& family, const RuleListing& listing) {
+    const std::optional<SavedRules> before = recordedBefore();
+    return before ? closedSince(*before, family, listing) : std::vector<std::string>();
+}
 
 // ---- ReloadGuard --------------------------------------------------------------------------------
 

@@ -107,6 +107,11 @@ std::vector<std::string> openedPolicies(const std::string& family, const RuleLis
 /// Error: kBusy, kSystem.
 std::vector<std::string> closeOpenedPolicies();
 
+/// The chains, INPUT or FORWARD, whose policy is DROP in `listing` and was another before a reload
+/// in apply mode "lines" that has not ended: it is running, or was killed. Such a reload sets these
+/// policies before its rule for established connections, see BaseFilter::isClosed().
+std::vector<std::string> closedPolicies(const std::string& family, const RuleListing& listing);
+
 /// "chains A, B; jumps C -> D", or "nothing".
 std::string describe(const BaseParts& parts);
 

@@ -41,10 +41,29 @@ pause_at 'iptables --policy FORWARD DROP'
 tarnfw reload >"$out/reload" 2>&1 &
 tool=$!
 await_pause
+answers 11 status
+says '^Firewall: *enabled, but a reload is running; new connections are dropped meanwhile$'
 read -r reloading _ < <(tail -n 1 "$kCommands")
 mapfile -t commands < <(pgrep --parent "$reloading")
-kill -KILL "$tool" "$reloading" "${commands[@]}"
+# Also the process that would put back the rules of before.
+read -r guarding < <(ps -o ppid= -p "$reloading")
+kill -KILL "$guarding" "$tool" "$reloading" "${commands[@]}"
 wait "$tool" || true
 step 'a policy is left' grep --quiet -- '-P INPUT DROP' <(iptables -S INPUT)
+readonly kInterrupted='a reload was interrupted: the machine is closed to new connections; "tarnfw reload" opens it'
+answers 11 status
+says "^Firewall: *enabled, but $kInterrupted\$"
+answers 10 diff
+complains "^tarnfw: $kInterrupted\$"
+prints <<'END'
+--- profile "deny_by_default"
++++ kernel
+IPv4, chain INPUT
+- -P INPUT ACCEPT
++ -P INPUT DROP
+END
 answers 0 reload
 step 'it is gone' same_listing enabled
+answers 0 status
+answers 0 diff
+silent

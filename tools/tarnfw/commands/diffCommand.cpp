@@ -18,7 +18,9 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
+#include "commands/kernelReport.h"
 #include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/foreignRules.h"
 #include "tarnfwadmin/ruleDiff.h"
 #include "tarnfwadmin/scratchKernel.h"
@@ -168,6 +170,7 @@ public:
         const RuleListing held = listingOf(machine, family, kFilter);
         const RuleListing wantedFilter = wanted.listing(family, kFilter);
         std::set<Place> others = otherPlaces(wanted.lines(), family);
+        noteClosed(family, held);
         for (const char* const chain : kPolicyChains) {
             std::vector<RuleEdit> edits = changedPolicyEdits(family, chain, held);
             append(edits, aheadEdits(family, chain, held));
@@ -193,8 +196,9 @@ public:
     /// Of a family while it is disabled.
     void compareDisabled(const std::string& family, const PacketFilter& machine) {
         const RuleListing held = listingOf(machine, family, kFilter);
+        noteClosed(family, held);
         for (const char* const chain : kPolicyChains) {
-            add(family, {kFilter, chain}, openedEdits(family, chain, held));
+            add(family, {kFilter, chain}, changedPolicyEdits(family, chain, held));
         }
         for (const std::string& chain : ownChains()) {
             add(family, {kFilter, chain}, editsBetween({}, held.rulesOf(chain)));
@@ -202,6 +206,10 @@ public:
     }
 
     const std::vector<ChainDifference>& differences() const { return differences_; }
+
+    /// Whether a family is as a reload in apply mode "lines" leaves it while it runs, or when it
+    /// was killed.
+    bool isClosed() const { return isClosed_; }
 
 private:
     static std::vector<RuleEdit> policyEdits(const std::string& chain, const std::string& wanted,
@@ -224,11 +232,18 @@ private:
                                                     const std::string& chain,
                                                     const RuleListing& held) {
         const auto policy = held.policies.find(chain);
-        if (policy == held.policies.end() || policy->second == kAccept ||
-            held.rulesOf(kReloadingChain).empty()) {
+        if (policy == held.policies.end() || policy->second == kAccept) {
             return openedEdits(family, chain, held);
         }
-        return policyEdits(chain, kAccept, policy->second);
+        const std::vector<std::string> closed = closedPolicies(family, held);
+        const bool ofReload = std::find(closed.begin(), closed.end(), chain) != closed.end() ||
+                              !held.rulesOf(kReloadingChain).empty();
+        return ofReload ? policyEdits(chain, kAccept, policy->second) : std::vector<RuleEdit>();
+    }
+
+    void noteClosed(const std::string& family, const RuleListing& held) {
+        isClosed_ = isClosed_ || BaseFilter(family, held).isClosed() ||
+                    !closedPolicies(family, held).empty();
     }
 
     /// Rules of others that may accept packets before they meet the firewall's.
@@ -256,6 +271,7 @@ private:
     }
 
     std::vector<ChainDifference> differences_;
+    bool isClosed_ = false;
 };
 
 // ---- Output -------------------------------------------------------------------------------------
@@ -367,6 +383,9 @@ void diff(bool json) {
             std::cerr << "tarnfw: this kernel refuses " << counted(compared.refused, "line")
                       << " of the profile; \"tarnfw check --kernel\" shows them\n";
         }
+    }
+    if (comparison.isClosed() && !isLocked(kReloadLock)) {
+        std::cerr << "tarnfw: " << interruptedText(compared.enabled) << '\n';
     }
     if (!comparison.differences().empty()) {
         endWith(kExitBlocked);

@@ -46,7 +46,8 @@ void lookAgain(KernelReport& report, const StoreSnapshot& store) {
     const FileLock lock(kReloadLock, 0);
     report.reloading = !lock.held();
     if (lock.held()) {
-        report.families = familiesInForce(filterListings(), store);
+        report.listings = filterListings();
+        report.families = familiesInForce(report.listings, store);
     }
 }
 
@@ -80,10 +81,7 @@ std::string closedText(const KernelReport& report) {
     if (report.reloading) {
         return "a reload is running; new connections are dropped meanwhile";
     }
-    // A reload does nothing while the firewall is disabled.
-    return std::string("a reload was interrupted: the machine is closed to new connections; \"")
-        .append(report.enabled ? "tarnfw reload" : "tarnfw enable")
-        .append("\" opens it");
+    return interruptedText(report.enabled);
 }
 
 /// Of a machine without any rules, though the active profile has some.
@@ -251,11 +249,11 @@ const char* chainSeenBy(const Redirection& redirection) {
 KernelReport kernelReport(const StoreSnapshot& store) {
     KernelReport report;
     std::future<NatTables> listing = std::async(std::launch::async, natTables);
-    const FilterListings listings = filterListings();
+    report.listings = filterListings();
     const std::vector<Address> own = ownAddresses();
     NatTables nat = listing.get();
     report.unknownNat = std::move(nat.unknown);
-    for (const auto& [family, filter] : listings) {
+    for (const auto& [family, filter] : report.listings) {
         if (filter) {
             for (const std::string& chain : openedPolicies(family, *filter)) {
                 report.opened.push_back(chain + " of " + titleOf(family));
@@ -264,8 +262,8 @@ KernelReport kernelReport(const StoreSnapshot& store) {
         }
     }
     report.enabled = store.firewallEnabled();
-    report.families = familiesInForce(listings, store);
-    report.emptyChains = emptyChains(listings, report.families);
+    report.families = familiesInForce(report.listings, store);
+    report.emptyChains = emptyChains(report.listings, report.families);
     if (isClosed(report)) {
         lookAgain(report, store);
     }
@@ -285,6 +283,13 @@ KernelReport kernelReportIfAny(const StoreSnapshot& store) {
 
 bool isClosed(const KernelReport& report) {
     return !familiesIn(report, InForce::kClosed).empty();
+}
+
+std::string interruptedText(bool enabled) {
+    // A reload does nothing while the firewall is disabled.
+    return std::string("a reload was interrupted: the machine is closed to new connections; \"")
+        .append(enabled ? "tarnfw reload" : "tarnfw enable")
+        .append("\" opens it");
 }
 
 bool isNothingInForce(const KernelReport& report) {

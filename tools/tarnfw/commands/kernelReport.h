@@ -17,6 +17,7 @@ namespace tarnfw {
 /// The kernel at one moment: the filter table and "nat" of each family, listed once and all at the
 /// same time.
 struct KernelReport {
+    FilterListings listings;              ///< the filter tables
     std::vector<FamilyInForce> families;  ///< "v4" first
     std::vector<std::string>
         emptyChains;                      ///< where the others have rules: "INPUT_FIREWALL of IPv4"
@@ -35,6 +36,10 @@ KernelReport kernelReport(const StoreSnapshot& store);
 KernelReport kernelReportIfAny(const StoreSnapshot& store);
 
 bool isClosed(const KernelReport& report);
+
+/// That a killed reload has closed the machine, and what opens it while the firewall is enabled or
+/// disabled.
+std::string interruptedText(bool enabled);
 
 /// Whether no family has any rule, though the active profile has some.
 bool isNothingInForce(const KernelReport& report);
