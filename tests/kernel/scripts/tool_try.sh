@@ -76,6 +76,19 @@ step 'the rules are those that are tried' diff -u \
 step 'established connections get nothing extra' [ -z "$(grep ESTABLISHED "$out/tried.v4")" ]
 answers 0 status
 says "^Trial: *of \"$new\", [0-9]* s left"
+
+# Another program changes the rules meanwhile.
+readonly kOthers='the rules of the trial are not those in force; "tarnfw try --cancel" ends the trial'
+iptables-save -t filter >"$out/tried"
+for change in '-I INPUT_FIREWALL 1 -j ACCEPT' '-F INPUT_FIREWALL'; do
+    # shellcheck disable=SC2086  # words of a command
+    iptables $change
+    answers 11 status
+    says "^Firewall: *enabled, but $kOthers\$"
+    iptables-restore <"$out/tried"
+    answers 0 status
+done
+
 answers 1 try "$new"
 complains "^tarnfw: a trial of \"$new\" is running; \"tarnfw try --confirm\" keeps its rules, "
 answers 0 try --cancel

@@ -1,6 +1,7 @@
 /// tarnfw status: everything at a glance.
 #include <algorithm>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,6 +19,7 @@
 #include "commands/applying.h"
 #include "commands/commands.h"
 #include "commands/kernelReport.h"
+#include "process/trialRecord.h"
 #include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/bootRules.h"
@@ -211,17 +213,47 @@ bool isTrialRunning(const std::optional<TrialState>& trial) {
     return trial && trial->phase == TrialState::Phase::kGoesOn;
 }
 
-/// What the kernel does not do of what it should, and why.
-std::vector<std::string> complaints(const KernelReport& report,
-                                    const std::optional<TrialState>& trial,
-                                    const std::optional<BootFailure>& boot) {
-    KernelReport judged = report;
-    for (FamilyInForce& family : judged.families) {
-        if (isTrialRunning(trial) && family.state == InForce::kDifferent) {
+bool hasTriedRules(const KernelReport& report, const TrialRecord& trial) {
+    std::map<std::string, RuleListing> present;
+    for (const auto& [family, listing] : report.listings) {
+        if (listing) {
+            present.emplace(family, *listing);
+        }
+    }
+    return !trial.isChanged(SavedRules::of(present));
+}
+
+/// What the kernel does not do of what it should during a trial: the rules that it compares are
+/// those of the trial.
+std::vector<std::string> trialComplaints(const KernelReport& report, const TrialRecord& trial) {
+    std::vector<FamilyInForce> families = report.families;
+    for (FamilyInForce& family : families) {
+        if (family.state == InForce::kDifferent || family.state == InForce::kNothing) {
             family.state = InForce::kAsStored;
         }
     }
-    std::vector<std::string> texts = complaintsOf(judged);
+    KernelReport others;
+    others.families = std::move(families);
+    others.enabled = report.enabled;
+    others.reloading = report.reloading;
+    std::vector<std::string> texts = complaintsOf(others);
+    if (!hasTriedRules(report, trial)) {
+        texts.emplace_back(
+            "the rules of the trial are not those in force; \"tarnfw try --cancel\" ends the "
+            "trial");
+    }
+    return texts;
+}
+
+/// What the kernel does not do of what it should, and why. `record` was read before the kernel was
+/// listed: without the tried rules, the trial began or ended meanwhile.
+std::vector<std::string> complaints(const KernelReport& report,
+                                    const std::optional<TrialState>& trial,
+                                    const std::optional<TrialRecord>& record,
+                                    const std::optional<BootFailure>& boot) {
+    std::vector<std::string> texts = isTrialRunning(trial) && record && record->tried
+                                         ? trialComplaints(report, *record)
+                                         : complaintsOf(report);
     if (boot) {
         texts.insert(texts.begin(), textOf(*boot));
     }
@@ -258,10 +290,11 @@ void status(bool json) {
     const bool stored = store.hasProfile(active);
     const std::vector<AdapterState> adapters =
         stored ? adapterStates(store.profile(active)) : std::vector<AdapterState>();
+    const std::optional<TrialRecord> record = readTrialRecord();
     const KernelReport kernel = kernelReport(store);  // lists each family once
     const bool modules = FW::TARN_IPTABLES_MODULES::isModuleLoad(kModuleUser);
     const std::optional<TrialState> trial = trialState(store);
-    const std::vector<std::string> wrong = complaints(kernel, trial, boot);
+    const std::vector<std::string> wrong = complaints(kernel, trial, record, boot);
     const char* const applyMode = applyModeName(store.applyMode());
 
     if (json) {
