@@ -18,6 +18,7 @@ namespace {
 using Words = std::vector<std::string>;
 
 constexpr std::size_t kUsualWords = 24;
+constexpr std::size_t kProtocolBytes = 4096;  // for a line of /etc/protocols
 
 /// The words of a line without quotes.
 std::vector<std::string_view> plainWordsOf(std::string_view line) {
@@ -104,8 +105,14 @@ std::optional<int> protocolOf(std::string text) {
     if (const std::optional<int> number = portFrom(text)) {
         return number;
     }
-    const protoent* const found = getprotobyname(text.c_str());  // of /etc/protocols
-    return found == nullptr ? std::nullopt : std::optional(found->p_proto);
+    // Of /etc/protocols. Lines are read in several threads, which would share the answer of
+    // getprotobyname().
+    std::array<char, kProtocolBytes> buffer;
+    protoent entry = {};
+    protoent* found = nullptr;
+    const int failure =
+        getprotobyname_r(text.c_str(), &entry, buffer.data(), buffer.size(), &found);
+    return failure != 0 || found == nullptr ? std::nullopt : std::optional(found->p_proto);
 }
 
 template <typename Value>

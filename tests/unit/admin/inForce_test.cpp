@@ -108,6 +108,22 @@ TEST(InForceTest, AFamilyThatTheMachineDoesNotHaveIsAbsent) {
     EXPECT_EQ(inForceWord(inForceOf("v6", std::nullopt, kWanted).state), "absent");
 }
 
+// The two chains are compared at the same time, and each looks up the numbers of its protocols.
+TEST(InForceTest, ProtocolNamesAreLookedUpInBothChains) {
+    std::string held = kBase;
+    std::vector<std::string> wanted;
+    for (const std::string chain : {"INPUT_FIREWALL", "FORWARD_FIREWALL"}) {
+        for (int i = 0; i < 1000; ++i) {
+            for (const std::string protocol : {"esp", "ah", "gre"}) {
+                held.append("-A ").append(chain).append(" -p ").append(protocol).append(
+                    " -j DROP\n");
+                wanted.push_back("-A " + chain + " -p " + protocol + " -j DROP");
+            }
+        }
+    }
+    EXPECT_EQ(stateOf(held, wanted), "asStored");
+}
+
 TEST(InForceTest, OpenIsAFamilyWhosePoliciesAccept) {
     EXPECT_TRUE(inForceOf("v4", RuleListing::from(kBase), kWanted).open);
     EXPECT_FALSE(
