@@ -3,8 +3,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <exception>
 #include <filesystem>
+#include <iterator>
 #include <map>
 #include <utility>
 
@@ -40,6 +42,11 @@ constexpr char kMinimum[] =
     "private and link-local networks";
 constexpr char kOld[] = "the previous rules";
 constexpr char kNotMet[] = "no rules that packets meet, because the base filter is not set up";
+constexpr char kNothing[] = "nothing, so it is open";
+constexpr char kUnknown[] = "unknown, because its rules cannot be listed";
+
+constexpr std::array kFamilies = {"v4", "v6"};
+constexpr char kFilter[] = "filter";
 
 constexpr char kSshService[] = "ssh";
 constexpr char kSshPort[] = "22";
@@ -113,12 +120,24 @@ bool hasRules(const std::string& family, const FamilyRules& rules) {
     return SavedRules({{family, rules}}).hasRules();
 }
 
-/// Protects one family, and returns what is in force there.
-const char* protectFamily(const std::string& family, const FamilyRules& now,
-                          const std::map<std::string, FamilyRules>& lastGood) {
-    if (hasRules(family, now)) {
-        return kOld;
+/// The rules of the families that can be listed, as a document.
+Json::Value rulesThatCanBeListed() {
+    std::map<std::string, RuleListing> listings;
+    for (const char* const family : kFamilies) {
+        try {
+            if (std::optional<RuleListing> listing = MachineKernel().listPresent(family, kFilter)) {
+                listings.emplace(family, std::move(*listing));
+            }
+        } catch (const Error&) {
+            // the failure has it
+        }
     }
+    return SavedRules::of(listings).withoutPolicies().document();
+}
+
+/// Puts rules into one family that has none, and returns what is in force there.
+const char* loadInto(const std::string& family,
+                     const std::map<std::string, FamilyRules>& lastGood) {
     const auto good = lastGood.find(family);
     if (good != lastGood.end()) {
         try {
@@ -134,6 +153,54 @@ const char* protectFamily(const std::string& family, const FamilyRules& now,
         minimumRules({family}, {kSshPort}).putBack();  // a port text that iptables does not take
     }
     return kMinimum;
+}
+
+/// One family after the attempt to protect it.
+struct FamilyProtection {
+    std::string inForce = kUnknown;
+    std::string loaded;  ///< "" for nothing
+    std::string failure;
+};
+
+/// Nothing for a family that the machine does not have.
+std::optional<FamilyProtection> tryToProtect(const std::string& family,
+                                             const std::map<std::string, FamilyRules>& lastGood) {
+    FamilyProtection own;
+    try {
+        const std::optional<RuleListing> now = MachineKernel().listPresent(family, kFilter);
+        if (!now) {
+            return std::nullopt;
+        }
+        std::string inForce = kOld;
+        if (!hasRules(family, *now)) {
+            own.inForce = kNothing;
+            own.loaded = loadInto(family, lastGood);
+            own.inForce = kUnknown;
+            inForce = own.loaded;
+        }
+        own.inForce = BaseFilter(family).missing().empty() ? inForce : kNotMet;
+    } catch (const Error& error) {
+        own.failure = own.inForce == kNothing ? titleOf(family) + " is open: " : "";
+        own.failure += error.what();
+    }
+    return own;
+}
+
+/// "IPv4 and IPv6: WHAT", or "IPv4: WHAT; IPv6: WHAT".
+std::string inForceText(const std::map<std::string, std::string>& families) {
+    std::vector<std::string> texts;
+    std::string title;
+    for (auto family = families.begin(); family != families.end(); ++family) {
+        const auto next = std::next(family);
+        title += titleOf(family->first);
+        if (next != families.end() && next->second == family->second) {
+            title += " and ";
+            continue;
+        }
+        texts.push_back(title + ": " + family->second);
+        title.clear();
+    }
+    return boost::join(texts, "; ");
 }
 
 }  // namespace
@@ -166,41 +233,34 @@ SavedRules minimumRules(const std::vector<std::string>& families,
     return SavedRules(std::move(rules));
 }
 
-std::string protectMachine() {
+Protection protectMachine(const Protection& before) {
     const std::optional<BootFailure> known = bootFailure();
-    const SavedRules now = SavedRules::inKernel();
-    if (known) {
-        return known->inForce;  // the boot was tried before, and nothing has changed
-    }
     const std::map<std::string, FamilyRules> lastGood = readableLastGood();
-    std::map<std::string, std::vector<std::string>> titles;  // by what is in force
-    std::string failure;
-    for (const auto& [family, rules] : now.families()) {
-        try {
-            const char* const loaded = protectFamily(family, rules, lastGood);
-            const bool met = BaseFilter(family).missing().empty();
-            titles[met ? loaded : kNotMet].push_back(titleOf(family));
-        } catch (const Error& error) {
-            failure +=
-                (failure.empty() ? "" : "; ") + titleOf(family) + " is open: " + error.what();
+    Protection all = {"", "", before.loaded};
+    std::map<std::string, std::string> inForce;
+    for (const char* const family : kFamilies) {
+        const std::optional<FamilyProtection> own = tryToProtect(family, lastGood);
+        if (!own) {
+            continue;
         }
+        if (!own->loaded.empty()) {
+            all.loaded[family] = own->loaded;
+        }
+        const auto loaded = all.loaded.find(family);
+        inForce[family] =
+            own->inForce == kOld && loaded != all.loaded.end() ? loaded->second : own->inForce;
+        all.failure += (all.failure.empty() || own->failure.empty() ? "" : "; ") + own->failure;
     }
-    if (!failure.empty()) {
-        throw Error(ErrorKind::kSystem, failure);
-    }
-    std::vector<std::string> texts;
-    texts.reserve(titles.size());
-    for (const auto& [inForce, families] : titles) {
-        texts.push_back(boost::join(families, " and ") + ": " + inForce);
-    }
-    return boost::join(texts, "; ");
+    // The boot may have been tried before, and nothing has changed.
+    all.inForce = known && all.loaded.empty() ? known->inForce : inForceText(inForce);
+    return all;
 }
 
 void storeBootFailure(const BootFailure& failure) {
     Json::Value document;
     document[kReasonKey] = failure.reason;
     document[kInForceKey] = failure.inForce;
-    document[kRulesKey] = SavedRules::inKernel().withoutPolicies().document();
+    document[kRulesKey] = rulesThatCanBeListed();
     makeDirectory(kRunDir);
     writeFileAtomically(kFailureFile, documentText(document), kFailureMode, Existing::kReplaced);
 }
@@ -213,7 +273,7 @@ std::optional<BootFailure> bootFailure() {
     try {
         if (!parseAsStored(readText(kFailureFile), document) || !document.isObject() ||
             !document[kReasonKey].isString() || !document[kInForceKey].isString() ||
-            document[kRulesKey] != SavedRules::inKernel().withoutPolicies().document()) {
+            document[kRulesKey] != rulesThatCanBeListed()) {
             return std::nullopt;
         }
     } catch (const Error&) {

@@ -2,6 +2,7 @@
 /// profile cannot be applied.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,19 +25,27 @@ bool mustProtect();
 SavedRules minimumRules(const std::vector<std::string>& families,
                         const std::vector<std::string>& sshPorts);
 
+/// What protects the machine.
+struct Protection {
+    std::string inForce;  ///< "IPv4 and IPv6: the rules of the last successful reload"
+    std::string failure;  ///< why a family could not be protected; "" for none
+    std::map<std::string, std::string> loaded;  ///< what was loaded, by family
+};
+
 /// Loads the last good rules; into a family for which there are none, or which refuses them, those
-/// of last resort. A family that has rules keeps them: it is no boot. Needs the base filter.
-/// Returns what is in force: "IPv4 and IPv6: the rules of the last successful reload". Throws
-/// Error, kSystem, when a family cannot be protected, after trying the other.
-std::string protectMachine();
+/// of last resort. A family that has rules keeps them: it is no boot, or they are from the attempt
+/// `before`. Needs the base filter. A family that cannot be listed or protected does not
+/// keep the other from it.
+Protection protectMachine(const Protection& before = {});
 
 /// A boot without the active profile.
 struct BootFailure {
     std::string reason;   ///< why the profile was not applied
-    std::string inForce;  ///< what is instead, as protectMachine() returns it
+    std::string inForce;  ///< what is instead, as in Protection
 };
 
-/// Stores the failure for bootFailure(), with the rules in force. Throws Error, kSystem.
+/// Stores the failure for bootFailure(), with the rules in force of each family that can be listed.
+/// Throws Error, kSystem.
 void storeBootFailure(const BootFailure& failure);
 
 /// The failure of the last boot, as long as the kernel has the rules that it left.

@@ -194,6 +194,47 @@ step 'a family that refuses its rules is closed' \
 restore
 answers 0 reload
 
+# --- one family fails ----------------------------------------------------------------------------------
+
+readonly kPrograms=/tmp/programs
+mkdir -- "$kPrograms"
+cp -a -- /usr/sbin/. "$kPrograms/"
+
+# breaks PROGRAM...: they fail until "umount /usr/sbin".
+breaks() {
+    local program
+    for program; do
+        rm -f -- "$kPrograms/$program"
+        printf '#!/bin/sh\necho broken >&2\nexit 3\n' >"$kPrograms/$program"
+        chmod +x "$kPrograms/$program"
+    done
+    mount --bind "$kPrograms" /usr/sbin
+}
+
+iptables -S INPUT_FIREWALL >"$out/input"
+same_v4() {
+    iptables -S INPUT_FIREWALL | cmp - "$out/input"
+}
+
+reboot
+breaks ip6tables-restore
+answers 1 boot
+step 'only ip6tables-restore fails: IPv4 is protected' same_v4
+step 'and what is in force is said for each family' grep --quiet \
+    'In force: IPv4: the rules of the last successful reload; IPv6: nothing, so it is open$' "$out/complaint"
+umount /usr/sbin
+
+reboot
+breaks ip6tables ip6tables-save
+answers 1 boot
+step 'all of ip6tables fails: IPv4 is protected' same_v4
+step 'and so it is said' grep --quiet \
+    'cannot list the filter table: .*In force: IPv4: the rules of the last successful reload; IPv6: unknown, ' \
+    "$out/complaint"
+umount /usr/sbin
+answers 0 boot
+step 'with ip6tables repaired the profile is in force' same_listing enabled
+
 # --- without locks and records -----------------------------------------------------------------------
 
 # boots_on_a_read_only_run: nothing can be locked or recorded there.

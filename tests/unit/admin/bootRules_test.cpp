@@ -23,8 +23,10 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-// What the kernel has, a text that it refuses, and what was loaded last.
+// What the kernel has, the program that cannot list it, a text that is refused, and what was loaded
+// last.
 constexpr char kListing[] = "/tmp/listing";
+constexpr char kUnlisted[] = "/tmp/unlisted";
 constexpr char kRefused[] = "/tmp/refused";
 constexpr char kLoaded4[] = "/tmp/loaded.iptables-restore";
 constexpr char kLoaded6[] = "/tmp/loaded.ip6tables-restore";
@@ -40,7 +42,13 @@ case $name in
     fi
     printf '%s' "${input%.}" >"/tmp/loaded.$name"
     ;;
-*) cat /tmp/listing ;;
+*)
+    if grep -q -x -- "$name" /tmp/unlisted; then
+        echo 'broken' >&2
+        exit 3
+    fi
+    cat /tmp/listing
+    ;;
 esac
 )sh";
 
@@ -111,6 +119,7 @@ protected:
             ASSERT_EQ(mount(program.c_str(), name, nullptr, MS_BIND, nullptr), 0) << name;
         }
         kernelHas(std::string(kChains) + kJumps);
+        writeFile(kUnlisted, "");
         for (const char* const file : {kRefused, kLoaded4, kLoaded6, kLastGoodFile}) {
             std::remove(file);
         }
@@ -124,13 +133,13 @@ protected:
 
 TEST_F(BootRulesTest, LastGoodRulesComeFirst) {
     storeLastGood(lastGood());
-    EXPECT_EQ(protectMachine(), "IPv4 and IPv6: the rules of the last successful reload");
+    EXPECT_EQ(protectMachine().inForce, "IPv4 and IPv6: the rules of the last successful reload");
     EXPECT_EQ(contentOf(kLoaded4), lastGood().restoreText("v4"));
     EXPECT_EQ(contentOf(kLoaded6), lastGood().restoreText("v6"));
 }
 
 TEST_F(BootRulesTest, WithoutThemTheMachineIsClosedButForTheMinimum) {
-    EXPECT_EQ(protectMachine(), std::string("IPv4 and IPv6: ") + kClosed);
+    EXPECT_EQ(protectMachine().inForce, std::string("IPv4 and IPv6: ") + kClosed);
     EXPECT_EQ(contentOf(kLoaded4), kMinimum4);
     EXPECT_EQ(contentOf(kLoaded6), kMinimum6);
 }
@@ -143,7 +152,7 @@ TEST_F(BootRulesTest, TruncatedLastGoodRulesAreNotTrusted) {
         writeFile(kLastGoodFile, whole.substr(0, length));
         EXPECT_THROW((void)lastGoodRules(), Error) << whole.substr(0, length);
     }
-    EXPECT_EQ(protectMachine(), std::string("IPv4 and IPv6: ") + kClosed);
+    EXPECT_EQ(protectMachine().inForce, std::string("IPv4 and IPv6: ") + kClosed);
     EXPECT_EQ(contentOf(kLoaded4), kMinimum4);
     EXPECT_EQ(contentOf(kLoaded6), kMinimum6);
 }
@@ -151,7 +160,7 @@ TEST_F(BootRulesTest, TruncatedLastGoodRulesAreNotTrusted) {
 TEST_F(BootRulesTest, FamilyThatRefusesItsRulesIsClosed) {
     storeLastGood(lastGood());
     writeFile(kRefused, "dport 4444");
-    EXPECT_EQ(protectMachine(),
+    EXPECT_EQ(protectMachine().inForce,
               std::string("IPv4: ") + kClosed + "; IPv6: the rules of the last successful reload");
     EXPECT_EQ(contentOf(kLoaded4), kMinimum4);
     EXPECT_EQ(contentOf(kLoaded6), lastGood().restoreText("v6"));
@@ -160,23 +169,53 @@ TEST_F(BootRulesTest, FamilyThatRefusesItsRulesIsClosed) {
 TEST_F(BootRulesTest, RulesThatAreThereStay) {
     storeLastGood(lastGood());
     kernelHas(std::string(kChains) + kJumps + "-A INPUT_FIREWALL -j DROP\n");
-    EXPECT_EQ(protectMachine(), "IPv4 and IPv6: the previous rules");
+    EXPECT_EQ(protectMachine().inForce, "IPv4 and IPv6: the previous rules");
     EXPECT_NE(access(kLoaded4, F_OK), 0);
     EXPECT_NE(access(kLoaded6, F_OK), 0);
 }
 
 TEST_F(BootRulesTest, RulesThatPacketsDoNotMeetAreNamed) {
     kernelHas(kChains);
-    EXPECT_THAT(protectMachine(), StartsWith("IPv4 and IPv6: no rules that packets meet"));
+    EXPECT_THAT(protectMachine().inForce, StartsWith("IPv4 and IPv6: no rules that packets meet"));
     EXPECT_EQ(contentOf(kLoaded4), kMinimum4);
 }
 
 TEST_F(BootRulesTest, FamilyThatTakesNothingIsNamedAndTheOtherProtected) {
     writeFile(kRefused, "--dport 68");
-    expectError(ErrorKind::kSystem,
-                "IPv4 is open: the rules could not be put back: IPv4: not taken",
-                [] { (void)protectMachine(); });
+    const Protection protection = protectMachine();
+    EXPECT_EQ(protection.failure, "IPv4 is open: the rules could not be put back: IPv4: not taken");
+    EXPECT_EQ(protection.inForce, std::string("IPv4: nothing, so it is open; IPv6: ") + kClosed);
     EXPECT_EQ(contentOf(kLoaded6), kMinimum6);
+}
+
+TEST_F(BootRulesTest, FamilyThatCannotBeListedIsNamedAndTheOtherProtected) {
+    storeLastGood(lastGood());
+    for (const bool first : {true, false}) {
+        std::remove(kLoaded4);
+        std::remove(kLoaded6);
+        const std::string failing = first ? "iptables" : "ip6tables";
+        writeFile(kUnlisted, failing + "\n");
+        const Protection protection = protectMachine();
+        EXPECT_EQ(protection.failure, "/sbin/" + failing + " cannot list the filter table: broken");
+        const std::string unknown = "unknown, because its rules cannot be listed";
+        const std::string good = "the rules of the last successful reload";
+        EXPECT_EQ(protection.inForce,
+                  "IPv4: " + (first ? unknown : good) + "; IPv6: " + (first ? good : unknown));
+        EXPECT_NE(access(first ? kLoaded4 : kLoaded6, F_OK), 0);
+        EXPECT_EQ(contentOf(first ? kLoaded6 : kLoaded4),
+                  lastGood().restoreText(first ? "v6" : "v4"));
+    }
+}
+
+TEST_F(BootRulesTest, SecondAttemptStillSaysWhatTheFirstHasLoaded) {
+    storeLastGood(lastGood());
+    writeFile(kRefused, "dport 6666\\|icmpv6-type");
+    const Protection first = protectMachine();
+    EXPECT_EQ(first.inForce,
+              "IPv4: the rules of the last successful reload; IPv6: nothing, so it is open");
+    kernelHas(std::string(kChains) + kJumps + "-A INPUT_FIREWALL -j DROP\n");
+    EXPECT_THAT(protectMachine(first).inForce,
+                StartsWith("IPv4: the rules of the last successful reload; "));
 }
 
 TEST_F(BootRulesTest, MinimumHasEveryPortOfSsh) {
@@ -228,22 +267,38 @@ TEST_F(BootRulesTest, ForgottenLastGoodRulesAreGone) {
     EXPECT_FALSE(lastGoodRules());
     EXPECT_NE(access(kLastGoodFile, F_OK), 0);
     forgetLastGood();  // none is no error
-    EXPECT_EQ(protectMachine(), std::string("IPv4 and IPv6: ") + kClosed);
+    EXPECT_EQ(protectMachine().inForce, std::string("IPv4 and IPv6: ") + kClosed);
 }
 
 // ---- The failure --------------------------------------------------------------------------------
 
 TEST_F(BootRulesTest, FailureIsKnownAsLongAsTheKernelHasItsRules) {
+    kernelHas(std::string(kChains) + kJumps + "-A INPUT_FIREWALL -j RETURN\n");
     storeBootFailure({"the profile is damaged", "IPv4: some rules"});
     const std::optional<BootFailure> failure = bootFailure();
     ASSERT_TRUE(failure);
     EXPECT_EQ(textOf(*failure),
               "the active profile was not applied at boot: the profile is damaged. In force: IPv4: "
               "some rules");
-    EXPECT_EQ(protectMachine(), "IPv4: some rules");
+    EXPECT_EQ(protectMachine().inForce, "IPv4: some rules");
     EXPECT_NE(access(kLoaded4, F_OK), 0);
     kernelHas(std::string(kChains) + kJumps + "-A INPUT_FIREWALL -j DROP\n");
     EXPECT_FALSE(bootFailure());
+}
+
+TEST_F(BootRulesTest, KnownFailureDoesNotKeepAnOpenMachineOpen) {
+    storeBootFailure({"iptables is broken", "IPv4: nothing, so it is open"});
+    ASSERT_TRUE(bootFailure());
+    EXPECT_EQ(protectMachine().inForce, std::string("IPv4 and IPv6: ") + kClosed);
+    EXPECT_EQ(contentOf(kLoaded4), kMinimum4);
+}
+
+TEST_F(BootRulesTest, FailureIsKnownWhileOneFamilyCannotBeListed) {
+    kernelHas(std::string(kChains) + kJumps + "-A INPUT_FIREWALL -j RETURN\n");
+    writeFile(kUnlisted, "ip6tables\n");
+    storeBootFailure({"ip6tables is broken", "IPv4: some rules; IPv6: unknown"});
+    EXPECT_TRUE(bootFailure());
+    EXPECT_EQ(protectMachine().inForce, "IPv4: some rules; IPv6: unknown");
 }
 
 TEST_F(BootRulesTest, ForgottenFailureIsGone) {

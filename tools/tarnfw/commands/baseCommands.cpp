@@ -351,9 +351,12 @@ std::unique_ptr<OwnXtablesLock> ownXtablesLockIfNeeded(LockTime& time) {
     return std::make_unique<OwnXtablesLock>();
 }
 
-/// Adds a failure to a text of several.
+/// Adds a failure to a text of several, unless it is there.
 void addFailure(std::string& failures, const std::string& failure) {
-    failures += (failures.empty() || failure.empty() ? "" : "; ") + failure;
+    if (failures.find(failure) != std::string::npos) {
+        return;
+    }
+    failures += (failures.empty() ? "" : "; ") + failure;
 }
 
 /// Sets up both families. Returns what has failed, or nothing.
@@ -371,20 +374,17 @@ std::string setUpAtBoot() {
 }
 
 /// Sets up the base filter and protects the machine, in up to two attempts: at boot nobody else
-/// does. Returns what is in force, and adds to `failures`. Throws Error, kSystem.
+/// does. Returns what is in force, and adds to `failures`.
 std::string setUpAndProtect(LockTime& time, std::string& failures) {
     std::unique_ptr<OwnXtablesLock> own = ownXtablesLockIfNeeded(time);
+    Protection protection;
     for (;;) {
-        const std::string failure = setUpAtBoot();
-        try {
-            if (failure.empty() || own) {
-                addFailure(failures, failure);
-                return protectMachine();
-            }
-        } catch (const Error&) {
-            if (own) {
-                throw;
-            }
+        std::string failure = setUpAtBoot();
+        protection = protectMachine(protection);
+        addFailure(failure, protection.failure);
+        if (failure.empty() || own) {
+            addFailure(failures, failure);
+            return protection.inForce;
         }
         own = std::make_unique<OwnXtablesLock>();
     }
