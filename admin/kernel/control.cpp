@@ -1,6 +1,7 @@
 #include "tarnfwadmin/control.h"
 
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <exception>
@@ -20,6 +21,7 @@
 #include "kernel/wantedRules.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/bootRules.h"
+#include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/inForce.h"
 #include "tarnfwadmin/ruleChange.h"
@@ -144,15 +146,27 @@ void requireInForce(const SavedRules& rules, const WantedRules& wanted) {
 }
 
 /// Stores the rules for the next boot. When that fails the reload has succeeded all the same; old
-/// rules are then not to be taken for the last good ones.
-void keepAsLastGood(const SavedRules& rules) {
+/// rules are then not to be taken for the last good ones, where that can be helped. Returns a
+/// warning, or nothing.
+std::string keepAsLastGood(const SavedRules& rules) {
     forgetBootFailure();
+    std::string reason;
     try {
         storeLastGood(rules);
+        return "";
     } catch (const Error& error) {
-        syslog(LOG_ERR, "%s", error.what());
-        forgetLastGood();
+        reason = error.what();
     }
+    std::string next = "it has none";
+    try {
+        forgetLastGood();
+    } catch (const Error&) {
+        next = "it may load older ones";
+    }
+    const std::string warning =
+        "the rules could not be stored for the next boot, so " + next + ": " + reason;
+    syslog(LOG_WARNING, "%s", warning.c_str());
+    return warning;
 }
 
 bool storeStatus(bool enabled) {
@@ -243,8 +257,10 @@ std::string Control::kernelRefusal(const FW::FWPROFILE& profile) {
     return "";
 }
 
-/// The work of a reload: the operation of the library, and the look at what it has done.
-bool Control::reload(const Operation& operation, ReloadGuard& guard) const {
+/// The work of a reload: the operation of the library, and the look at what it has done. It may run
+/// in a process of its own, so `warning` is a file.
+bool Control::reload(const Operation& operation, ReloadGuard& guard,
+                     const Descriptor& warning) const {
     WantedRules wanted;
     if (!operation([&](const FW::FWBATCH& batch) {
             wanted = wantedRules(commandLinesOf(batch.commands));
@@ -257,7 +273,7 @@ bool Control::reload(const Operation& operation, ReloadGuard& guard) const {
     }
     const SavedRules rules = guard.finish();
     requireInForce(rules, wanted);
-    keepAsLastGood(rules);
+    (void)writeText(warning.get(), keepAsLastGood(rules));
     return true;
 }
 
@@ -267,9 +283,10 @@ void Control::runGuarded(const std::string& failed, const Operation& operation, 
     const bool wasEnabled = session_.snapshot().firewallEnabled();
     ReloadGuard guard(ReloadGuard::Lock::kTake,
                       reviewed ? ReloadGuard::Change::kBatch : ReloadGuard::Change::kAny);
+    const Descriptor warning = memoryFile("warning");
     std::optional<Error> failure;
     try {
-        if (!run_(applyingText(session_), [&] { return reload(operation, guard); })) {
+        if (!run_(applyingText(session_), [&] { return reload(operation, guard, warning); })) {
             failure.emplace(ErrorKind::kRefused, failed);
         }
     } catch (const Error& error) {
@@ -278,6 +295,11 @@ void Control::runGuarded(const std::string& failed, const Operation& operation, 
         failure.emplace(ErrorKind::kSystem, failed + ": " + reasonOf(error));
     }
     if (!failure) {
+        std::string text;
+        if (lseek(warning.get(), 0, SEEK_SET) == 0 && readAll(warning.get(), text) &&
+            !text.empty()) {
+            session_.note(text);
+        }
         return;
     }
     if (guard.needsMore()) {

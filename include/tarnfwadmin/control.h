@@ -16,6 +16,7 @@
 namespace TARNFW_EXPORT_ALL tarnfw {
 
 class Machine;
+class Descriptor;
 class ReloadGuard;
 
 /// Runs `work`, an operation of the library, to its end and returns its result. `what` is for a
@@ -83,7 +84,7 @@ private:
     void requireLocks();
     using Operation = std::function<bool(const FW::FW_BATCH_REVIEW&)>;
 
-    bool reload(const Operation& operation, ReloadGuard& guard) const;
+    bool reload(const Operation& operation, ReloadGuard& guard, const Descriptor& warning) const;
     void runGuarded(const std::string& failed, const Operation& operation, bool reviewed);
     std::string goBack(ReloadGuard& guard, bool wasEnabled);
 

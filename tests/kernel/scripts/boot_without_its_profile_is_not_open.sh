@@ -235,6 +235,31 @@ umount /usr/sbin
 answers 0 boot
 step 'with ip6tables repaired the profile is in force' same_listing enabled
 
+# --- a disk that cannot be written ---------------------------------------------------------------------
+
+readonly kStore=/usr/tarn/etc
+mount --bind "$kStore" "$kStore"
+mount -o remount,bind,ro "$kStore"
+answers 0 reload
+step 'with the same rules a reload says nothing of a read-only disk' [ -z "$(grep 'Read-only' "$out/complaint")" ]
+umount "$kStore"
+
+# The last good rules are other ones now.
+cp -- "$kLastGood" "$out/last_good"
+jq '.v4 |= map(select(contains("-i eth0") | not))' "$out/last_good" >"$kLastGood"
+! cmp --silent "$out/last_good" "$kLastGood" || fail 'the last good rules are the same'
+mount --bind "$kStore" "$kStore"
+mount -o remount,bind,ro "$kStore"
+answers 0 reload
+step 'a reload on a read-only disk succeeds' same_listing enabled
+step 'with one warning' \
+    [ "$(grep --count 'could not be stored for the next boot, so it may load older ones: .*Read-only' "$out/complaint")" = 1 ]
+boots 0
+step 'and so does a boot' same_listing enabled
+umount "$kStore"
+answers 0 reload
+step 'later the rules are stored' cmp "$out/last_good" "$kLastGood"
+
 # --- without locks and records -----------------------------------------------------------------------
 
 # boots_on_a_read_only_run: nothing can be locked or recorded there.
