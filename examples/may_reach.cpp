@@ -21,7 +21,7 @@ bool mayReach(const char* address, const char* port, const char* interface) {
         return true;
     }
     tarnfw::Machine machine;
-    tarnfw::Decider decider(store.profile(store.activeProfile()), machine);
+    tarnfw::Decider decider(store.profile(store.activeProfile()), machine, store.applyMode());
     bool allowed = true;
     // One decision; of a range such as tcp/6000-6010 one for each part that is decided alike.
     for (const auto& decision : decider.decide(tarnfw::packetFrom(address, port, interface))) {

@@ -75,7 +75,7 @@ struct Decision {
 /// For one thread; changes nothing.
 class Decider {
 public:
-    Decider(FW::FWPROFILE profile, Machine& machine, ApplyMode mode = ApplyMode::kLines);
+    Decider(FW::FWPROFILE profile, Machine& machine, ApplyMode mode);
 
     const FW::FWPROFILE& profile() const { return profile_; }
 

@@ -134,7 +134,7 @@ std::string told(const std::vector<Decision>& decisions) {
 
 std::string decided(const FWPROFILE& profile, const Packet& packet) {
     tarnfw::Machine machine;
-    return told(Decider(profile, machine).decide(packet));
+    return told(Decider(profile, machine, tarnfw::ApplyMode::kLines).decide(packet));
 }
 
 void writeFile(const std::string& path, const std::string& content) {
@@ -486,7 +486,8 @@ protected:
     std::string verdict() {
         tarnfw::Machine machine;
         Packet packet = on({"six"}, kPacketV6);
-        const auto found = Decider(profile_, machine).verdictForAll(packet);
+        const auto found =
+            Decider(profile_, machine, tarnfw::ApplyMode::kLines).verdictForAll(packet);
         return !found                          ? "depends"
                : *found == FW::FW_POLICY_MIXED ? "mixed"
                : *found == kDeny               ? "denied"
@@ -513,7 +514,9 @@ TEST_F(TunnelTest, ItsOwnRulesComeInTheOrderOfTheNames) {
     profile_.rules["six"] = {ports(kDeny, {"22"})};
     profile_.rules["wlan0"] = {v4_};
     tarnfw::Machine machine;
-    EXPECT_EQ(told(Decider(profile_, machine).decide(on({"six"}, kPacketV6))), "22 deny six/1");
+    EXPECT_EQ(
+        told(Decider(profile_, machine, tarnfw::ApplyMode::kLines).decide(on({"six"}, kPacketV6))),
+        "22 deny six/1");
 }
 
 TEST_F(TunnelTest, ANetworkOfEveryIpv4AddressIsAllOfIpv6InLines) {
@@ -566,12 +569,14 @@ TEST(ForwardedTest, MeetsTheRulesForBothInterfacesInTheForwardChain) {
     packet.forwardedTo = Texts{};
     EXPECT_EQ(decided(profile, packet), "22-25 allow default of eth0; 26 deny eth0/3");
     tarnfw::Machine machine;
-    EXPECT_EQ(Decider(profile, machine).verdictForAll(packet), FW::FW_POLICY_MIXED);
+    EXPECT_EQ(Decider(profile, machine, tarnfw::ApplyMode::kLines).verdictForAll(packet),
+              FW::FW_POLICY_MIXED);
     packet.ports = {26, 26};
-    EXPECT_EQ(Decider(profile, machine).verdictForAll(packet), kDeny);
+    EXPECT_EQ(Decider(profile, machine, tarnfw::ApplyMode::kLines).verdictForAll(packet), kDeny);
     profile.rules["eth0"].insert(profile.rules["eth0"].begin(),
                                  from(ports(kAllow, {"26"}), 1, {"255.255.255.0", "24"}));
-    EXPECT_EQ(Decider(profile, machine).verdictForAll(packet), FW::FW_POLICY_MIXED);
+    EXPECT_EQ(Decider(profile, machine, tarnfw::ApplyMode::kLines).verdictForAll(packet),
+              FW::FW_POLICY_MIXED);
     profile.rules["eth0"].erase(profile.rules["eth0"].begin());
     packet.ports = {22, 26};
     packet.forwardedTo.reset();
@@ -587,7 +592,7 @@ TEST(DecisionReasonTest, NamesTheRuleOrThePolicy) {
     profile.rules["eth0"] = {ports(kDeny, {"23"}), ports(kAllow, {"22"})};
     profile.adapterPolicyMap["eth0"] = kDeny;
     tarnfw::Machine machine;
-    Decider decider(profile, machine);
+    Decider decider(profile, machine, tarnfw::ApplyMode::kLines);
     const auto reasons = [&](const Packet& packet) {
         Texts texts;
         for (const Decision& decision : decider.decide(packet)) {

@@ -213,7 +213,8 @@ const SshConnection kConnection = connection("203.0.113.7", "192.0.2.1");
 
 std::string dropWarning(const FWPROFILE& profile, const std::vector<std::string>& adapters) {
     tarnfw::Machine machine;
-    return tarnfw::sshDropWarning(profile, kConnection, adapters, machine);
+    return tarnfw::sshDropWarning(profile, kConnection, adapters, machine,
+                                  tarnfw::ApplyMode::kLines);
 }
 
 TEST(SshRefusalTest, NamesTheDefaultPolicy) {

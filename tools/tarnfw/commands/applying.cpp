@@ -113,7 +113,7 @@ void requireAppliable(Context& context, const FW::FWPROFILE& changed,
         return;
     }
     requireValidProfile(changed, context.machine());
-    requireSshAccess(changed, context.machine(), options.yes, kApplyAnyway);
+    requireSshAccess(changed, context.machine(), store.applyMode(), options.yes, kApplyAnyway);
 }
 
 void confirmReload(Context& context, const ReloadOptions& options) {
@@ -122,7 +122,8 @@ void confirmReload(Context& context, const ReloadOptions& options) {
     }
     const FW::FWPROFILE& active = context.store().profile("");
     warnAboutErrors(active, context.machine());
-    requireSshAccess(active, context.machine(), options.yes, kApplyAnyway);
+    requireSshAccess(active, context.machine(), context.store().applyMode(), options.yes,
+                     kApplyAnyway);
 }
 
 bool runWhole(const std::string& what, const std::function<bool()>& change,

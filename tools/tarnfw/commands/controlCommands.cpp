@@ -58,7 +58,8 @@ void enable(bool yes) {
     Context context(StoreSession::Access::kChange);
     std::optional<SignalsWait> wait;  // from the answer on, to disable it again after a failure
     context.control().enable(context.machine(), [&](const FW::FWPROFILE& profile) {
-        requireSshAccess(profile, context.machine(), yes, "Enable anyway?");
+        requireSshAccess(profile, context.machine(), context.store().applyMode(), yes,
+                         "Enable anyway?");
         wait.emplace();
     });
     std::cout << "Firewall enabled with profile " << inQuotes(context.store().activeProfile())
@@ -115,7 +116,7 @@ void confirmOverSsh(Context& context, bool yes) {
     } catch (const std::exception&) {
         return;  // the reload itself says so
     }
-    requireSshAccess(*profile, context.machine(), yes, kApplyAnyway);
+    requireSshAccess(*profile, context.machine(), context.store().applyMode(), yes, kApplyAnyway);
 }
 
 void reload(bool yes) {

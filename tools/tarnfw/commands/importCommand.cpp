@@ -403,8 +403,8 @@ void requireWayBackIn(Context& context, const Options& options, const Json::Valu
         if (profile["name"] == name) {
             FW::FWPROFILE record;
             FW::TARNFW_JSON_DB().jsonToProfile(profile, record);
-            requireSshAccess(record, context.machine(), options.reload.yes,
-                             "Import and apply it anyway?");
+            requireSshAccess(record, context.machine(), context.store().applyMode(),
+                             options.reload.yes, "Import and apply it anyway?");
         }
     }
 }

@@ -246,7 +246,8 @@ void use(const std::string& name, const ReloadOptions& reload) {
     const FW::FWPROFILE& profile = context.store().profile(name);
     requireValidProfile(profile, context.machine());  // a reload would leave the machine open
     if (reload.wanted && context.store().firewallEnabled()) {
-        requireSshAccess(profile, context.machine(), reload.yes, kApplyAnyway);
+        requireSshAccess(profile, context.machine(), context.store().applyMode(), reload.yes,
+                         kApplyAnyway);
     }
     const SignalsWait wait;
     setActive(context, name);

@@ -168,14 +168,15 @@ std::vector<std::string> routesBack(const SshConnection& connection) {
 }
 
 std::string sshDropWarning(const FW::FWPROFILE& profile, const SshConnection& connection,
-                           const std::vector<std::string>& adapters, Machine& machine) {
+                           const std::vector<std::string>& adapters, Machine& machine,
+                           ApplyMode mode) {
     Packet packet;
     packet.adapters = adapters;
     packet.source = connection.client;
     packet.destination = connection.server;
     packet.ports = {connection.serverPort, connection.serverPort};
     // Any client port: the next connection has another one.
-    Decider decider(profile, machine);
+    Decider decider(profile, machine, mode);
     const Decision decision = decider.decide(packet).front();
     if (!decision.denied) {
         return {};
@@ -194,7 +195,7 @@ std::string sshDropWarning(const FW::FWPROFILE& profile, const SshConnection& co
     return printable(text);
 }
 
-std::string sshWarning(const FW::FWPROFILE& profile, Machine& machine) {
+std::string sshWarning(const FW::FWPROFILE& profile, Machine& machine, ApplyMode mode) {
     const std::optional<SshConnection> connection = currentSshConnection();
     if (!connection) {
         return {};
@@ -202,7 +203,7 @@ std::string sshWarning(const FW::FWPROFILE& profile, Machine& machine) {
     for (const std::string& interface :
          entrancesOf(*connection, interfacesNow(), routesBack(*connection))) {
         const std::string warning =
-            sshDropWarning(profile, *connection, adapterNamesOf(interface), machine);
+            sshDropWarning(profile, *connection, adapterNamesOf(interface), machine, mode);
         if (!warning.empty()) {
             return warning;
         }
@@ -210,9 +211,9 @@ std::string sshWarning(const FW::FWPROFILE& profile, Machine& machine) {
     return {};
 }
 
-void requireSshAccess(const FW::FWPROFILE& profile, Machine& machine, bool yes,
+void requireSshAccess(const FW::FWPROFILE& profile, Machine& machine, ApplyMode mode, bool yes,
                       const std::string& question, const std::string& ifDeclined) {
-    const std::string warning = sshWarning(profile, machine);
+    const std::string warning = sshWarning(profile, machine, mode);
     if (warning.empty()) {
         return;
     }

@@ -13,6 +13,7 @@
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/machine.h"
+#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 
@@ -48,16 +49,17 @@ std::vector<std::string> entrancesOf(const SshConnection& connection,
 std::vector<std::string> routesBack(const SshConnection& connection);
 
 /// A warning that `profile` would drop a new connection like this one, and why; empty if it allows
-/// it. `adapters` are the names that profiles may have for the interface.
+/// it, applied in `mode`. `adapters` are the names that profiles may have for the interface.
 std::string sshDropWarning(const FW::FWPROFILE& profile, const SshConnection& connection,
-                           const std::vector<std::string>& adapters, Machine& machine);
+                           const std::vector<std::string>& adapters, Machine& machine,
+                           ApplyMode mode);
 
 /// The same for the connection that this process runs under. Empty without one.
-std::string sshWarning(const FW::FWPROFILE& profile, Machine& machine);
+std::string sshWarning(const FW::FWPROFILE& profile, Machine& machine, ApplyMode mode);
 
 /// Before a profile is applied: after a warning, asks `question` on the terminal, unless
 /// `yes`; throws Error, kDeclined, with `ifDeclined`, when the answer is no or nobody can be asked.
-void requireSshAccess(const FW::FWPROFILE& profile, Machine& machine, bool yes,
+void requireSshAccess(const FW::FWPROFILE& profile, Machine& machine, ApplyMode mode, bool yes,
                       const std::string& question,
                       const std::string& ifDeclined = "nothing was changed");
 
