@@ -103,7 +103,8 @@ pid_t spawnProgram(std::vector<std::string> words, const Standard& descriptors,
     }
     (void)posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {
-        throw Error(ErrorKind::kSystem, "cannot run " + words.front());
+        throw Error(ErrorKind::kSystem,
+                    "cannot run " + words.front() + ": " + std::strerror(error));
     }
     return process;
 }

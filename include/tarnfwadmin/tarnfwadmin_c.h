@@ -3,7 +3,7 @@
  * Texts end with a zero byte and are UTF-8. Every function returns one of the codes below and
  * writes one line about it for a person to `reason`: why it failed, or what was done or found. The
  * line is cut to fit `size` bytes and always ends with a zero byte; with NULL or 0 it is left out.
- * No exception leaves a function. Nothing is printed; the library underneath logs to syslog.
+ * No exception leaves a function. Nothing is printed; the libraries log to syslog.
  *
  * The functions hold nothing between calls and may be called by several threads and processes at a
  * time: those that change something wait for each other, up to 30 s. They need root's rights,
@@ -56,9 +56,9 @@ TARNFW_EXPORT int tarnfwadmin_enable(char* reason, size_t size);
 TARNFW_EXPORT int tarnfwadmin_disable(char* reason, size_t size);
 
 /* Applies the active profile. While the firewall is disabled it succeeds, does nothing and says so.
- * The profile is not checked: in the apply mode "lines" what the kernel does not take is left out.
- * After TARNFWADMIN_REFUSED `reason` says what is in force; after every other failure nothing has
- * changed. A process that is killed meanwhile may leave the machine closed to new connections. A
+ * A profile that this kernel does not take as a whole is refused. After a failure `reason` says
+ * what is in force: the old rules, unless going back to them failed, too. In the apply mode "lines"
+ * a process that is killed meanwhile leaves the machine closed to new connections. A
  * trial is not noticed, see tarnfwadmin_enable(). */
 TARNFW_EXPORT int tarnfwadmin_reload(char* reason, size_t size);
 
