@@ -22,8 +22,6 @@ namespace {
 
 constexpr char kFilter[] = "filter";
 
-constexpr int kLockSeconds = 30;
-
 std::string jumpLine(const std::pair<std::string, std::string>& jump) {
     return "-A " + jump.first + " -j " + jump.second;
 }
@@ -244,7 +242,7 @@ std::vector<std::string> closeOpenedPolicies() {
     if (droppingAtBaseUp("v4").empty() && droppingAtBaseUp("v6").empty()) {
         return {};  // as nearly always: nothing has to be listed
     }
-    const FileLock lock(kReloadLock, kLockSeconds);
+    const FileLock lock(kReloadLock, kReloadLockSeconds);
     if (!lock.held()) {
         throw Error(ErrorKind::kBusy, std::string("policies were not put back: cannot lock ") +
                                           kReloadLock + ": a reload is running or stopped");

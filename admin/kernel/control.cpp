@@ -32,7 +32,6 @@
 namespace tarnfw {
 namespace {
 
-constexpr int kLockSeconds = 30;
 constexpr char kModulesOwner[] = "firewall";
 constexpr std::size_t kMostNamed = 3;  // refused lines in a message
 
@@ -177,7 +176,7 @@ bool storeStatus(bool enabled) {
 
 /// Empties the firewall's chains and disables it; in the process that the runner makes.
 bool disableLocked() {
-    const FileLock lock(kReloadLock, kLockSeconds);
+    const FileLock lock(kReloadLock, kReloadLockSeconds);
     if (!lock.held()) {
         throw Error(ErrorKind::kBusy, std::string("nothing was changed: cannot lock ") +
                                           kReloadLock + ": a reload is running or stopped");

@@ -40,12 +40,6 @@ struct NatRules {
     std::string failure;        ///< why it cannot be listed
 };
 
-/// The file of the listing program; empty when the machine does not have the family.
-std::string realProgram(const std::string& family) {
-    std::error_code ignored;
-    return std::filesystem::canonical(programOf(family) + "-save", ignored).filename().string();
-}
-
 /// Whether the legacy variant has the table: its programs would load it by asking for it, and with
 /// it the tracking of connections.
 bool hasLegacyNat(const std::string& family) {
@@ -61,8 +55,7 @@ bool hasLegacyNat(const std::string& family) {
 
 NatRules natRules(const std::string& family) {
     NatRules result;
-    const std::string real = realProgram(family);
-    if (real.empty() || (!boost::contains(real, "nft") && !hasLegacyNat(family))) {
+    if (!isNftVariant(family) && !hasLegacyNat(family)) {
         return result;
     }
     try {
@@ -116,8 +109,7 @@ void addNftTables(const std::string& chains, const std::set<NftTable>& known, Na
             const std::string text =
                 nftOutput({"-t", "-n", "list", "table", table.first, table.second});
             for (const char* const family : {"v4", "v6"}) {
-                if (table.first == "inet" ||
-                    table == NftTable(tableOfIptables(family).first, table.second)) {
+                if (table.first == "inet" || table.first == tableOfIptables(family).first) {
                     all.byFamily[family].push_back(natTableFrom(text, table, family));
                 }
             }
@@ -152,7 +144,7 @@ NatTables natTables() {
         } else if (nat.incompatible && !chains) {
             all.unknown.push_back("the nat table of " + titleOf(family) +
                                   " cannot be listed: it has rules that only nft shows");
-        } else if (!nat.incompatible && boost::contains(realProgram(family), "nft")) {
+        } else if (!nat.incompatible && isNftVariant(family)) {
             known.insert(tableOfIptables(family));
         }
         all.byFamily[family].push_back({std::move(nat.rules), {kNatEntrance}, {}});

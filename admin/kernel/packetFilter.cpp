@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <future>
 #include <iterator>
 #include <memory>
@@ -17,6 +18,7 @@
 
 #include "tarnfirewall/fwBatch.h"
 
+#include "fwXtablesLock.h"
 #include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/error.h"
 
@@ -26,8 +28,7 @@ namespace {
 // Other programs change the packet filter as well, at boot most of all.
 constexpr char kLockSeconds[] = "30";
 
-// The lock of the legacy variant.
-constexpr char kXtablesLock[] = "/run/xtables.lock";
+constexpr mode_t kXtablesLockMode = 0600;  // as iptables makes it
 
 // Where that variant looks for its lock, and a file that nobody else locks: the program's input.
 constexpr char kOwnLock[] = "XTABLES_LOCKFILE=/proc/self/fd/0";
@@ -271,12 +272,20 @@ ProgramAnswer PacketFilter::runTool(const std::string& program,
 }
 
 void awaitXtablesLock(LockTime& time) {
-    // Both variants are one program under many names: "xtables-nft-multi", which takes no lock.
-    const std::unique_ptr<char, decltype(&free)> file(realpath(programOf("v4").c_str(), nullptr),
-                                                      &free);
-    if (file && std::string(file.get()).find("nft") == std::string::npos) {
-        awaitUnlocked(kXtablesLock, time, isFlocked);
+    if (!isNftVariant("v4")) {
+        awaitUnlocked(FW::kXtablesLockPath, time, isFlocked);
     }
+}
+
+bool canOpenXtablesLock() {
+    return static_cast<bool>(
+        Descriptor(open(FW::kXtablesLockPath, O_RDONLY | O_CREAT | O_CLOEXEC, kXtablesLockMode)));
+}
+
+bool isNftVariant(const std::string& family) {
+    std::error_code ignored;
+    const auto file = std::filesystem::canonical(programOf(family), ignored);
+    return file.filename().string().find("nft") != std::string::npos;
 }
 
 bool hasProgram(const std::string& family) {

@@ -24,8 +24,6 @@
 namespace tarnfw {
 namespace {
 
-constexpr int kLockSeconds = 30;
-
 // The state before a reload, while it is running.
 constexpr char kRunningReload[] = "/run/tarn/reload.json";
 constexpr mode_t kPrivateMode = 0600;
@@ -57,7 +55,7 @@ std::unique_ptr<FileLock> taken(ReloadGuard::Lock lock) {
     if (lock == ReloadGuard::Lock::kHeld) {
         return nullptr;
     }
-    auto file = std::make_unique<FileLock>(kReloadLock, kLockSeconds);
+    auto file = std::make_unique<FileLock>(kReloadLock, kReloadLockSeconds);
     if (!file->held()) {
         throw Error(ErrorKind::kBusy, std::string("cannot lock ") + kReloadLock +
                                           ": another reload is running or stopped");
@@ -384,7 +382,7 @@ ReloadGuard::Listings ReloadGuard::listNow() const {
 void ReloadGuard::putBack() const {
     std::unique_ptr<FileLock> held;
     if (lock_ == Lock::kTake) {
-        held = std::make_unique<FileLock>(kReloadLock, kLockSeconds);
+        held = std::make_unique<FileLock>(kReloadLock, kReloadLockSeconds);
     }
     // Without that lock, too: each family is one commit.
     const auto iptables = lockIfFree();

@@ -74,6 +74,7 @@ std::map<std::string, ChainRules> familyRulesFrom(const FamilyLines& lines) {
 bool hasRules(const RuleListing& listing, const ChainRules& wanted) {
     // At the same time: there may be thousands of rules.
     std::vector<std::future<bool>> chains;
+    chains.reserve(FW::FW_FIREWALL_CHAINS.size());
     for (const std::string& chain : FW::FW_FIREWALL_CHAINS) {
         chains.push_back(std::async(std::launch::async,
                                     [&, chain] { return hasChain(listing, wanted, chain); }));

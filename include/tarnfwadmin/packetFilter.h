@@ -100,6 +100,13 @@ class MachineKernel : public PacketFilter {};
 /// as throwLocked().
 void awaitXtablesLock(LockTime& time);
 
+/// Whether this process can open the file of that lock, which is made if it is missing.
+bool canOpenXtablesLock();
+
+/// Whether the family has the programs of nf_tables: they take no lock, and hand their rules to the
+/// part of the kernel that nft serves as well. False also without programs.
+bool isNftVariant(const std::string& family);
+
 /// Whether the family has a program. That of IPv4 always counts as there: see isAbsent().
 bool hasProgram(const std::string& family);
 

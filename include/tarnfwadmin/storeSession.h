@@ -21,6 +21,7 @@ inline constexpr char kRunDir[] = "/run/tarn";
 /// The lock that the library holds during a reload. A trial must not run during a
 /// reload; the library leaves that to its caller.
 inline constexpr char kReloadLock[] = "/tmp/firewall_iptables_exec.lock";
+inline constexpr int kReloadLockSeconds = 30;  // that an operation waits for it
 
 /// Creates a directory and its parents, if it is missing. Throws Error, kSystem.
 void makeDirectory(const char* path);

@@ -42,9 +42,6 @@ constexpr mode_t kRecordMode = 0600;
 // Serialises "base up" and "base down".
 constexpr char kLockName[] = "base_filter.lock";
 
-// The lock of iptables' legacy variant.
-constexpr char kXtablesLock[] = "/run/xtables.lock";
-
 constexpr char kAbsent[] = "absent: this machine has no packet filter for it";
 
 constexpr char kFirstProfile[] = "/usr/tarn/etc.defaults/firewall_default_profile.json";
@@ -341,8 +338,7 @@ private:
 std::unique_ptr<OwnXtablesLock> ownXtablesLockIfNeeded(LockTime& time) {
     try {
         awaitXtablesLock(time);
-        // As iptables opens it.
-        if (Descriptor(open(kXtablesLock, O_RDONLY | O_CREAT | O_CLOEXEC, kRecordMode))) {
+        if (canOpenXtablesLock()) {
             return nullptr;
         }
     } catch (const Error&) {

@@ -191,7 +191,7 @@ public:
     /// What comes before the firewall's rules on an adapter. Where those block the packets, it may
     /// make the answer wrong.
     const BeforeFirewall& ask(Decider& decider, const std::string& adapter, bool blocked) {
-        BeforeFirewall& before = before_[adapter];
+        BeforeFirewall before;
         for (const FW::PortCompareST& question : questions_) {
             addTo(before, beforeFirewall(report_, question, adapter, from_, to_));
         }
@@ -206,7 +206,7 @@ public:
         }
         accepted_ = accepted_ || !before.accepts.empty();
         addTo(all_, before);
-        return before;
+        return before_[adapter] = std::move(before);
     }
 
     /// Whether the kernel does what the answer says, as far as can be seen.
