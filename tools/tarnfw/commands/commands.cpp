@@ -200,7 +200,8 @@ void addCommands(Command& app) {
     addRuleCommands(app);
     addInventoryCommands(app);
     addServiceCommands(app);
-    addBlockedCommands(app);
+    addBlockedCommand(app);
+    addExplainCommand(app);
     addPreviewCommand(app);
     addCheckCommand(app);
     addDiffCommand(app);

@@ -16,7 +16,8 @@ void addProfileCommands(Command& app);    ///< profile list, show, create, ..., 
 void addRuleCommands(Command& app);       ///< rule add, insert, ..., off; policy
 void addInventoryCommands(Command& app);  ///< adapters, services
 void addServiceCommands(Command& app);    ///< service reserve, release, update; adapter rename
-void addBlockedCommands(Command& app);    ///< blocked, explain
+void addBlockedCommand(Command& app);     ///< blocked
+void addExplainCommand(Command& app);     ///< explain
 void addPreviewCommand(Command& app);     ///< preview
 void addCheckCommand(Command& app);       ///< check
 void addDiffCommand(Command& app);        ///< diff

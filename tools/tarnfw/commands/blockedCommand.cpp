@@ -1,0 +1,98 @@
+/// tarnfw blocked: whether a port or a service gets through, adapter by adapter.
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "tarnfirewall/fwIptables.h"
+#include "tarnfirewall/fwTypes.h"
+
+#include "cli/command.h"
+#include "cli/commandLine.h"
+#include "cli/output.h"
+#include "commands/applying.h"
+#include "commands/commands.h"
+#include "commands/kernelReport.h"
+#include "commands/portQuery.h"
+#include "tarnfwadmin/decision.h"
+#include "tarnfwadmin/machine.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/verdicts.h"
+
+namespace tarnfw {
+namespace {
+
+/// A note on a verdict that needs one.
+std::string noteOn(const AdapterAnswer& answer) {
+    const bool global = answer.adapter == FW::FW_ADAPTER_GLOBAL;
+    if (!FW::TARNFW_IPTABLES_RULES().adapterIsEnabled(answer.adapter)) {
+        return "absent";
+    }
+    switch (answer.verdict) {
+        case FW::FW_POLICY_NONE:
+            return global ? "left to the adapters" : "no rule or default policy decides: allowed";
+        case FW::FW_POLICY_MIXED:
+            return "allowed from some addresses, blocked from others";
+        default:
+            return global ? "for every adapter" : "";
+    }
+}
+
+void blocked(const PortQuery& options) {
+    requireRoot();
+    auto machine = std::make_unique<Machine>();
+    const std::vector<FW::PortCompareST> questions = questionsOf(options, *machine);
+    Context context(StoreSession::Access::kRead, std::move(machine));
+    const StoreSnapshot& store = context.store();
+    if (answeredDisabled(store, options, questions)) {
+        return;
+    }
+    const std::vector<AdapterAnswer> answers =
+        askVerdicts(questions, adaptersAsked(options, store.profile("")));
+    KernelAnswer kernel(store, options, questions);
+    Decider decider(store.profile(""), context.machine(), store.applyMode());
+    bool allowed = allAllowed(answers);
+    Json::Value document = documentOf(store, options, questions, true, allowed);
+    Table table({"Adapter", "Verdict", ""});
+    for (const AdapterAnswer& answer : answers) {
+        const TunnelAnswer tunnel = tunnelAnswer(decider, questions, answer.adapter);
+        allowed = allowed && !tunnel.blocks();
+        const BeforeFirewall before =
+            kernel.ask(decider, answer.adapter, isBlocked(answer.verdict) || tunnel.blocks());
+        Json::Value entry;
+        tunnel.addTo(entry);
+        entry["name"] = answer.adapter;
+        entry["verdict"] = verdictText(answer.verdict);
+        entry["acceptedBefore"] = acceptsJson(before);
+        document["adapters"].append(entry);
+        table.addRow(
+            {{answer.adapter, Paint::kPlain},
+             {verdictText(answer.verdict), policyPaint(answer.verdict)},
+             {joined(joined(noteOn(answer), tunnel.text()), acceptsText(before)), Paint::kPlain}});
+    }
+    if (options.json) {
+        document["allowed"] = allowed;
+        kernel.addTo(document);
+        printJson(document);
+    } else {
+        kernel.printFirst();
+        printHeading(store, options, questions);
+        table.print();
+        kernel.printLast();
+    }
+    kernel.end(allowed);
+}
+
+}  // namespace
+
+void addBlockedCommand(Command& app) {
+    Command& command = app.subcommand(
+        "blocked", "Show whether a port or a service gets through, adapter by adapter");
+    const auto options = std::make_shared<PortQuery>();
+    addQueryOptions(command, *options);
+    command.footer(kPortQueryFooter);
+    command.run([options] { blocked(*options); });
+}
+
+}  // namespace tarnfw

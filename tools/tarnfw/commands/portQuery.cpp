@@ -1,0 +1,325 @@
+#include "commands/portQuery.h"
+
+#include <algorithm>
+#include <iostream>
+#include <set>
+#include <utility>
+
+#include <boost/algorithm/string/join.hpp>
+
+#include "cli/commandLine.h"
+#include "cli/output.h"
+#include "tarnfwadmin/catalogue.h"
+#include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/verdicts.h"
+
+namespace tarnfw {
+
+const char* const kPortQueryFooter =
+    "Exit status 0 when nothing is blocked, 10 when something is blocked or mixed, 11 when the "
+    "kernel "
+    "does not do what the answer says.\nUndecided does not block: \"global\" then leaves the "
+    "verdict "
+    "to the adapters, and an adapter allows what no rule decides. The verdicts are for the stored "
+    "rules of the active profile; a disabled firewall blocks nothing. Where the kernel does not "
+    "have "
+    "those rules, where rules of other programs may accept what they block, and where packets are "
+    "handed to another port before they meet them, the answer says so.";
+
+namespace {
+
+/// The machine's adapters that no predefined adapter of the profile covers.
+std::vector<std::string> uncovered(const std::vector<std::string>& covered) {
+    std::vector<std::string> meant;
+    for (const char* const predefined : {FW::FW_ADAPTER_PPPOE, FW::FW_ADAPTER_VPN}) {
+        if (std::find(covered.begin(), covered.end(), predefined) != covered.end()) {
+            const std::vector<std::string> interfaces = interfacesOf(predefined);
+            meant.insert(meant.end(), interfaces.begin(), interfaces.end());
+        }
+    }
+    std::vector<std::string> others;
+    for (const std::string& adapter : machineAdapters()) {
+        if (std::find(meant.begin(), meant.end(), adapter) == meant.end()) {
+            others.push_back(adapter);
+        }
+    }
+    return others;
+}
+
+std::string subjectText(const PortQuery& options, const std::vector<FW::PortCompareST>& questions) {
+    std::string text;
+    for (const FW::PortCompareST& question : questions) {
+        text.append(text.empty() ? "" : ", ").append(questionText(question));
+    }
+    return options.service.empty() ? text : "service " + options.service + " (" + text + ")";
+}
+
+}  // namespace
+
+// ---- The question ----
+
+void addQueryOptions(Command& command, PortQuery& options) {
+    constexpr char kSubject[] = "What to ask about";
+    command.option("--service", options.service, "A service of the catalogue, such as ssh")
+        .exactlyOneOf(kSubject);
+    command.option("--port", options.port, "Ports: tcp/22, udp/5000-5010, both/53, tcp+udp/53")
+        .check([](const std::string& text) {
+            FW::PortCompareST question{};
+            return portQuestionFrom(text, question);
+        })
+        .exactlyOneOf(kSubject);
+    command.option("--adapter", options.adapter,
+                   "One adapter; by default all of the profile and the machine");
+    addJsonFlag(command, options.json);
+}
+
+std::vector<FW::PortCompareST> questionsOf(const PortQuery& options, Machine& machine) {
+    if (options.service.empty()) {
+        FW::PortCompareST question{};
+        (void)portQuestionFrom(options.port, question);  // has passed as an option
+        return {question};
+    }
+    std::vector<FW::PortCompareST> questions =
+        portsOf(machine.requireCatalogue().require(options.service));
+    if (questions.empty()) {
+        throw Error(ErrorKind::kUnusable, "service " + inQuotes(options.service) + " has no ports");
+    }
+    return questions;
+}
+
+std::vector<std::string> adaptersAsked(const PortQuery& options, const FW::FWPROFILE& profile) {
+    std::vector<std::string> adapters = adaptersOf(profile);
+    if (!options.adapter.empty()) {
+        requireAdapter(options.adapter, adapters);
+        return {options.adapter};
+    }
+    for (const std::string& other : uncovered(adapters)) {
+        adapters.push_back(other);
+    }
+    std::sort(adapters.begin(), adapters.end());
+    adapters.erase(std::unique(adapters.begin(), adapters.end()), adapters.end());
+    adapters.erase(std::remove(adapters.begin(), adapters.end(), FW::FW_ADAPTER_GLOBAL),
+                   adapters.end());
+    return adapters;
+}
+
+std::vector<Packet> packetsFor(const FW::PortCompareST& question, const std::string& adapter) {
+    Packet packet;
+    packet.adapters = isPredefined(adapter) ? std::vector{adapter} : adapterNamesOf(adapter);
+    const std::optional<PortSpan> span = portSpanFrom(question.port);
+    if (!span) {
+        return {};
+    }
+    if (question.portDirect != FW::FW_PORT_DIRECT_DESTINATION) {
+        packet.sourcePorts = span;
+    } else {
+        packet.ports = *span;
+    }
+    std::vector<Packet> packets;
+    for (const auto protocol : {FW::FW_PORT_PROTOCOL_TCP, FW::FW_PORT_PROTOCOL_UDP}) {
+        if (question.protocol == protocol || question.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP) {
+            packet.protocol = protocol;
+            packets.push_back(packet);
+        }
+    }
+    return packets;
+}
+
+// ---- What the kernel does of the answer ----
+
+namespace {
+
+/// What the rules do to packets that a rule of others redirects, with the address and the port that
+/// they then have. Without a sender: to those of all.
+InnerAnswer innerAnswer(Decider& decider, const BeforeFirewall::Redirect& redirect,
+                        const std::string& adapter, const std::optional<Address>& from) {
+    const Redirection& redirection = redirect.redirection;
+    const FW::PortCompareST question{
+        FW::FW_PORT_DIRECT_DESTINATION,
+        redirect.protocol == "udp" ? FW::FW_PORT_PROTOCOL_UDP : FW::FW_PORT_PROTOCOL_TCP,
+        portSpanText(redirection.seenPorts.value_or(redirection.ports))};
+    Packet packet = packetsFor(question, adapter).front();
+    packet.source = from.value_or(Address(redirect.family == "v6", {}));
+    packet.destination = redirection.destination;
+    if (!redirection.toThisMachine) {
+        const auto out = packet.destination ? interfaceTowards(*packet.destination) : std::nullopt;
+        packet.forwardedTo = out ? adapterNamesOf(*out) : std::vector<std::string>();
+    }
+    InnerAnswer answer{adapter, "", ""};
+    if (!from) {
+        const std::optional<FW::FW_POLICY> verdict = decider.verdictForAll(packet);
+        answer.verdict = verdict ? verdictText(*verdict) : "";
+        return answer;
+    }
+    const std::vector<Decision> decisions = decider.decide(packet);
+    if (decisions.size() == 1 && decisions.front().unless.empty()) {
+        answer.verdict =
+            verdictText(decisions.front().denied ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW);
+        answer.by = decider.reason(decisions.front());
+    }
+    return answer;
+}
+
+}  // namespace
+
+KernelAnswer::KernelAnswer(const StoreSnapshot& store, const PortQuery& query,
+                           const std::vector<FW::PortCompareST>& questions)
+    : report_(kernelReportIfAny(store)), complaints_(complaintsOf(report_)), questions_(questions) {
+    if (!query.from.empty()) {
+        from_ = addressFrom(query.from);
+        to_ = query.to.empty() ? std::nullopt : addressFrom(query.to);
+    }
+}
+
+BeforeFirewall KernelAnswer::ask(Decider& decider, const std::string& adapter, bool blocked) {
+    BeforeFirewall before;
+    for (const FW::PortCompareST& question : questions_) {
+        tarnfw::addTo(before, beforeFirewall(report_, question, adapter, from_, to_));
+    }
+    if (adapter == FW::FW_ADAPTER_GLOBAL) {
+        before.redirects.clear();  // the adapters' answers have them
+    }
+    for (BeforeFirewall::Redirect& redirect : before.redirects) {
+        redirect.inner.push_back(innerAnswer(decider, redirect, adapter, from_));
+    }
+    if (!blocked) {
+        before.accepts.clear();  // they accept what the firewall accepts
+    }
+    accepted_ = accepted_ || !before.accepts.empty();
+    tarnfw::addTo(all_, before);
+    return before;
+}
+
+void KernelAnswer::printFirst() const {
+    for (const std::string& text : complaints_) {
+        std::cout << painted(printable("The kernel does not do this: " + text), Paint::kBad)
+                  << '\n';
+    }
+}
+
+void KernelAnswer::printLast() const {
+    for (const std::string& line : redirectsText(all_)) {
+        std::cout << painted(line, Paint::kDoubtful) << '\n';
+    }
+    for (const std::string& text : report_.unknownNat) {
+        std::cout << painted(printable("It may be redirected: " + text), Paint::kDoubtful) << '\n';
+    }
+}
+
+void KernelAnswer::addTo(Json::Value& document) const {
+    document["holds"] = holds();
+    document["complaints"] = Json::Value(Json::arrayValue);
+    for (const std::string& text : complaints_) {
+        document["complaints"].append(text);
+    }
+    document["redirects"] = redirectsJson(all_);
+}
+
+void KernelAnswer::end(bool allowed) const {
+    if (!holds()) {
+        endWith(kExitNotInForce);
+    }
+    if (!allowed) {
+        endWith(kExitBlocked);
+    }
+}
+
+// ---- 6in4 tunnels ----
+
+std::string TunnelAnswer::text() const {
+    if (owners.empty()) {
+        return "";
+    }
+    return "IPv6 through this tunnel of " + boost::join(owners, ", ") + ", where " +
+           (owners.size() == 1 ? owners.front() + "'s" : "their") +
+           " rules apply too: " + (verdict ? verdictText(*verdict) : "depends on the packet");
+}
+
+void TunnelAnswer::addTo(Json::Value& entry) const {
+    for (const std::string& owner : owners) {
+        entry["tunnelOf"].append(owner);
+        entry["ipv6Verdict"] = verdict ? Json::Value(verdictText(*verdict)) : Json::Value();
+    }
+}
+
+TunnelAnswer tunnelAnswer(Decider& decider, const std::vector<FW::PortCompareST>& questions,
+                          const std::string& adapter) {
+    TunnelAnswer answer;
+    if (isPredefined(adapter)) {
+        return answer;
+    }
+    answer.owners = decider.tunnelOwners(adapter);
+    if (answer.owners.empty()) {
+        return answer;
+    }
+    std::set<std::optional<FW::FW_POLICY>> verdicts;
+    for (const FW::PortCompareST& question : questions) {
+        for (Packet& packet : packetsFor(question, adapter)) {
+            packet.source = Address(true, {});
+            verdicts.insert(decider.verdictForAll(packet));
+        }
+    }
+    if (verdicts.size() > 1 && verdicts.count(std::nullopt) == 0) {
+        answer.verdict = FW::FW_POLICY_MIXED;
+    } else if (verdicts.size() == 1) {
+        answer.verdict = *verdicts.begin();
+    }
+    return answer;
+}
+
+// ---- The answer ----
+
+Json::Value documentOf(const StoreSnapshot& store, const PortQuery& options,
+                       const std::vector<FW::PortCompareST>& questions, bool enabled,
+                       bool allowed) {
+    Json::Value document;
+    document["enabled"] = enabled;
+    document["profile"] = store.activeProfile();
+    if (!options.service.empty()) {
+        document["service"] = options.service;
+    }
+    for (const FW::PortCompareST& question : questions) {
+        document["ports"].append(questionText(question));
+    }
+    document["adapters"] = Json::Value(Json::arrayValue);
+    document["allowed"] = allowed;
+    return document;
+}
+
+void printHeading(const StoreSnapshot& store, const PortQuery& options,
+                  const std::vector<FW::PortCompareST>& questions) {
+    std::cout << "Profile " << inQuotes(store.activeProfile()) << ", "
+              << printable(subjectText(options, questions)) << '\n';
+}
+
+bool answeredDisabled(const StoreSnapshot& store, const PortQuery& options,
+                      const std::vector<FW::PortCompareST>& questions) {
+    if (store.firewallEnabled()) {
+        return false;
+    }
+    if (!options.adapter.empty()) {
+        (void)adaptersAsked(options, store.profile(""));  // an unknown name is an error anyway
+    }
+    const KernelAnswer kernel(store, options, questions);
+    if (options.json) {
+        Json::Value document = documentOf(store, options, questions, false, true);
+        kernel.addTo(document);
+        printJson(document);
+    } else {
+        kernel.printFirst();
+        std::cout << "Firewall disabled: nothing is blocked\n";
+    }
+    kernel.end(true);
+    return true;
+}
+
+bool isBlocked(FW::FW_POLICY verdict) {
+    return verdict == FW::FW_POLICY_DENY || verdict == FW::FW_POLICY_MIXED;
+}
+
+std::string joined(const std::string& one, const std::string& other) {
+    return one.empty() || other.empty() ? one + other : one + "; " + other;
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,114 @@
+/// What "blocked" and "explain" have in common: the question, and what the kernel does of the
+/// answer.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "tarnfirewall/fwTypes.h"
+
+#include "cli/command.h"
+#include "commands/kernelReport.h"
+#include "tarnfwadmin/addressRange.h"
+#include "tarnfwadmin/decision.h"
+#include "tarnfwadmin/machine.h"
+#include "tarnfwadmin/store.h"
+
+namespace tarnfw {
+
+struct PortQuery {
+    std::string service;  ///< or `port`
+    std::string port;     ///< "tcp/22"
+    std::string adapter;  ///< empty: all
+    std::string from;     ///< of "explain": a sender's address
+    std::string to;       ///< the machine's address that the sender uses; may be empty
+    bool json = false;
+};
+
+/// What the help of both says of exit statuses and verdicts.
+extern const char* const kPortQueryFooter;
+
+/// Adds the options but `from` and `to`.
+void addQueryOptions(Command& command, PortQuery& query);
+
+/// The queried ports, one question each. Throws Error for an unknown service.
+std::vector<FW::PortCompareST> questionsOf(const PortQuery& query, Machine& machine);
+
+/// The queried adapters: the given one, or those of the profile and of the machine without
+/// "global". Throws Error for an unknown one.
+std::vector<std::string> adaptersAsked(const PortQuery& query, const FW::FWPROFILE& profile);
+
+/// The packets of a question through an adapter, one for each protocol that has ports.
+std::vector<Packet> packetsFor(const FW::PortCompareST& question, const std::string& adapter);
+
+/// What the kernel does of the answer.
+class KernelAnswer {
+public:
+    KernelAnswer(const StoreSnapshot& store, const PortQuery& query,
+                 const std::vector<FW::PortCompareST>& questions);
+
+    /// What comes before the firewall's rules on an adapter. Where those block the packets, it may
+    /// make the answer wrong. Once for each adapter.
+    BeforeFirewall ask(Decider& decider, const std::string& adapter, bool blocked);
+
+    /// Whether the kernel does what the answer says, as far as can be seen.
+    bool holds() const { return complaints_.empty() && !accepted_ && !hasOtherPorts(all_); }
+
+    /// Before the answer.
+    void printFirst() const;
+
+    /// After it.
+    void printLast() const;
+
+    void addTo(Json::Value& document) const;
+
+    /// Ends the command with the exit status of the answer.
+    void end(bool allowed) const;
+
+private:
+    KernelReport report_;
+    std::vector<std::string> complaints_;
+    std::vector<FW::PortCompareST> questions_;
+    std::optional<Address> from_;
+    std::optional<Address> to_;
+    BeforeFirewall all_;
+    bool accepted_ = false;
+};
+
+/// The answer for IPv6 through an interface that is the 6in4 tunnel of other adapters: the verdict
+/// on it does not know that the rules of those are repeated for it.
+struct TunnelAnswer {
+    std::vector<std::string> owners;       ///< none: it is no such interface
+    std::optional<FW::FW_POLICY> verdict;  ///< none: it depends on the packets
+
+    bool blocks() const { return !owners.empty() && verdict != FW::FW_POLICY_ALLOW; }
+    std::string text() const;  ///< empty without owners
+    void addTo(Json::Value& entry) const;
+};
+
+TunnelAnswer tunnelAnswer(Decider& decider, const std::vector<FW::PortCompareST>& questions,
+                          const std::string& adapter);
+
+/// The common members of the JSON documents; "adapters" is an empty array.
+Json::Value documentOf(const StoreSnapshot& store, const PortQuery& query,
+                       const std::vector<FW::PortCompareST>& questions, bool enabled, bool allowed);
+
+/// "Profile "home", service ssh (tcp/22)".
+void printHeading(const StoreSnapshot& store, const PortQuery& query,
+                  const std::vector<FW::PortCompareST>& questions);
+
+/// If the firewall is disabled, prints the answer for that. Returns whether it did.
+bool answeredDisabled(const StoreSnapshot& store, const PortQuery& query,
+                      const std::vector<FW::PortCompareST>& questions);
+
+/// Whether a verdict says that packets do not get through.
+bool isBlocked(FW::FW_POLICY verdict);
+
+/// Two remarks as one; either may be empty.
+std::string joined(const std::string& one, const std::string& other);
+
+}  // namespace tarnfw
