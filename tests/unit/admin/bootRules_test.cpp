@@ -2,8 +2,6 @@
 // tests/kernel/scripts/boot_without_its_profile_is_not_open.sh has it in a kernel.
 #include "tarnfwadmin/bootRules.h"
 
-#include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -12,7 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "store_testing.h"
+#include "kernel_testing.h"
 #include "tarnfwadmin/documentFile.h"
 
 namespace tarnfw {
@@ -23,9 +21,7 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-// What the kernel has, the program that cannot list it, a text that is refused, and what was loaded
-// last.
-constexpr char kListing[] = "/tmp/listing";
+// The program that cannot list, a text that is refused, and what was loaded last.
 constexpr char kUnlisted[] = "/tmp/unlisted";
 constexpr char kRefused[] = "/tmp/refused";
 constexpr char kLoaded4[] = "/tmp/loaded.iptables-restore";
@@ -51,13 +47,6 @@ case $name in
     ;;
 esac
 )sh";
-
-constexpr char kChains[] =
-    "-P INPUT ACCEPT\n-P FORWARD ACCEPT\n"
-    "-N FIREWALL_RELOADING\n-N FORWARD_FIREWALL\n-N INPUT_FIREWALL\n";
-constexpr char kJumps[] =
-    "-A INPUT -j FIREWALL_RELOADING\n-A INPUT -j INPUT_FIREWALL\n"
-    "-A FORWARD -j FIREWALL_RELOADING\n-A FORWARD -j FORWARD_FIREWALL\n";
 
 constexpr char kMinimum4[] =
     "*filter\n"
@@ -105,28 +94,17 @@ SavedRules lastGood() {
     return SavedRules({{"v4", v4}, {"v6", v6}});
 }
 
-class BootRulesTest : public StoreTest {
+class BootRulesTest : public KernelTest {
 protected:
-    /// A kernel with the base filter and without rules.
     void SetUp() override {
-        StoreTest::SetUp();
-        const std::string program = "/tmp/iptables";
-        writeFile(program, kStandIn);
-        ASSERT_EQ(chmod(program.c_str(), 0755), 0);
-        for (const char* const name : {"/sbin/iptables", "/sbin/ip6tables",
-                                       "/sbin/iptables-restore", "/sbin/ip6tables-restore"}) {
-            // In the mounts of this case, so it ends with it.
-            ASSERT_EQ(mount(program.c_str(), name, nullptr, MS_BIND, nullptr), 0) << name;
-        }
-        kernelHas(std::string(kChains) + kJumps);
+        KernelTest::SetUp();
+        playPrograms(kStandIn, {"iptables", "ip6tables", "iptables-restore", "ip6tables-restore"});
         writeFile(kUnlisted, "");
         for (const char* const file : {kRefused, kLoaded4, kLoaded6, kLastGoodFile}) {
             std::remove(file);
         }
         forgetBootFailure();
     }
-
-    static void kernelHas(const std::string& listing) { writeFile(kListing, listing); }
 };
 
 // ---- What is loaded -----------------------------------------------------------------------------

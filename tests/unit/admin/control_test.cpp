@@ -2,9 +2,6 @@
 // which order, and what an error says and leaves.
 #include "tarnfwadmin/control.h"
 
-#include <sys/mount.h>
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <functional>
 #include <stdexcept>
@@ -14,7 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "store_testing.h"
+#include "kernel_testing.h"
 #include "tarnfwadmin/machine.h"
 
 namespace tarnfw {
@@ -28,36 +25,18 @@ constexpr char kApplying[] = "Applying the rules of \"home\"";
 constexpr char kSwitchingOff[] = "Switching the firewall off";
 constexpr char kRestoring[] = "Restoring the rules that were in force";
 
-// What the kernel has, and the listings that were asked for.
-constexpr char kListing[] = "/tmp/listing";
+// The listings that were asked for.
 constexpr char kCalls[] = "/tmp/calls";
-
-constexpr char kChains[] =
-    "-P INPUT ACCEPT\n-P FORWARD ACCEPT\n"
-    "-N FIREWALL_RELOADING\n-N FORWARD_FIREWALL\n-N INPUT_FIREWALL\n";
-constexpr char kJumps[] =
-    "-A INPUT -j FIREWALL_RELOADING\n-A INPUT -j INPUT_FIREWALL\n"
-    "-A FORWARD -j FIREWALL_RELOADING\n-A FORWARD -j FORWARD_FIREWALL\n";
 constexpr char kRule[] = "-A INPUT_FIREWALL -p tcp -m tcp --dport 22 -j ACCEPT\n";
 
-class ControlTest : public StoreTest {
+class ControlTest : public KernelTest {
 protected:
-    /// A kernel with the base filter and without rules, listed by stand-ins for iptables.
     void SetUp() override {
-        StoreTest::SetUp();
-        const std::string program = "/tmp/iptables";
-        writeFile(program,
-                  std::string("#!/bin/sh\necho \"$*\" >>") + kCalls + "\ncat " + kListing + "\n");
-        ASSERT_EQ(chmod(program.c_str(), 0755), 0);
-        for (const char* const name : {"/sbin/iptables", "/sbin/ip6tables"}) {
-            // In the mounts of this case, so it ends with it.
-            ASSERT_EQ(mount(program.c_str(), name, nullptr, MS_BIND, nullptr), 0) << name;
-        }
-        kernelHas(std::string(kChains) + kJumps);
+        KernelTest::SetUp();
+        playPrograms(std::string("#!/bin/sh\necho \"$*\" >>") + kCalls + "\ncat " + kListing + "\n",
+                     {"iptables", "ip6tables"});
         std::remove(kCalls);
     }
-
-    static void kernelHas(const std::string& listing) { writeFile(kListing, listing); }
 
     static std::size_t listings() {
         const std::string calls = contentOf(kCalls);

@@ -358,14 +358,19 @@ const char kUndoneRules[] =
 
 class AppliedChangeTest : public StoreTest {
 protected:
-    /// Stores another "home" in a process that is killed in `apply` or after it.
+    /// Stores another "home", in a change that the session holds.
+    static void holdNewHome(StoreSession& session) {
+        FW::FWPROFILE home = session.snapshot().profile("home");
+        home.rules.clear();
+        session.holdChange();
+        session.storeProfile(home);
+    }
+
+    /// The same in a process that is killed in `apply` or after it.
     static void killedDuring(const std::function<void(StoreSession& session)>& apply) {
         const pid_t process = startProcess("a process", [&] {
             StoreSession session(StoreSession::Access::kChange);
-            FW::FWPROFILE home = session.snapshot().profile("home");
-            home.rules.clear();
-            session.holdChange();
-            session.storeProfile(home);
+            holdNewHome(session);
             apply(session);
             return raise(SIGKILL);
         });
@@ -421,10 +426,7 @@ TEST_F(AppliedChangeTest, IsUndoneWhenTheOldRulesArePutBack) {
 TEST_F(AppliedChangeTest, IsNotAppliedWhenItsBeginningCannotBeRecorded) {
     {
         StoreSession session(StoreSession::Access::kChange);
-        FW::FWPROFILE home = session.snapshot().profile("home");
-        home.rules.clear();
-        session.holdChange();
-        session.storeProfile(home);
+        holdNewHome(session);
         bool applied = false;
         const std::string copies = std::string(kProfileDir) + ".change";
         ASSERT_EQ(mount(copies.c_str(), copies.c_str(), nullptr, MS_BIND, nullptr), 0);
@@ -446,10 +448,7 @@ TEST_F(AppliedChangeTest, IsToBeUndoneWhenItCannotBeFlushed) {
     for (int failed = 1; failed <= 2; ++failed) {  // of the profile directory, of the journal's
         {
             StoreSession session(StoreSession::Access::kChange);
-            FW::FWPROFILE home = session.snapshot().profile("home");
-            home.rules.clear();
-            session.holdChange();
-            session.storeProfile(home);
+            holdNewHome(session);
             flushes() = {0, failed, failed};
             expectError(ErrorKind::kSystem,
                         "the change could not be flushed to the disk: Input/output error",
@@ -464,10 +463,7 @@ TEST_F(AppliedChangeTest, IsToBeUndoneWhenItCannotBeFlushed) {
 TEST_F(AppliedChangeTest, StaysWhateverFailsAfterwards) {
     {
         StoreSession session(StoreSession::Access::kChange);
-        FW::FWPROFILE home = session.snapshot().profile("home");
-        home.rules.clear();
-        session.holdChange();
-        session.storeProfile(home);
+        holdNewHome(session);
         EXPECT_TRUE(session.applyChange([] { return true; }));
         flushes() = {0, 1, kNever};
         EXPECT_NO_THROW(session.keepChange());
