@@ -285,7 +285,7 @@ bool commitBoth(FamilyRun& v4, FamilyRun& v6, const Json::Value& cmds,
     if (!all(&FamilyRun::finishExamining) || !all(&FamilyRun::finishSaving)) {
         return false;
     }
-    FWBATCH batch{cmds, {{kFamilyV4, v4.savedFilter()}}};
+    FWPENDINGBATCH batch{cmds, {{kFamilyV4, v4.savedFilter()}}};
     if (hasV6) {
         batch.saved.emplace(kFamilyV6, v6.savedFilter());
     }
@@ -319,10 +319,10 @@ std::string FW_BATCH::restoreText(const Json::Value& cmds, const std::string& fa
 }
 
 bool FW_BATCH::apply(const Json::Value& cmds) {
-    return apply(cmds, {});
+    return applyReviewed(cmds, {});
 }
 
-bool FW_BATCH::apply(const Json::Value& cmds, const FW_BATCH_REVIEW& review) {
+bool FW_BATCH::applyReviewed(const Json::Value& cmds, const FW_BATCH_REVIEW& review) {
     const std::size_t bufferBytes = ToolRun::outputBufferBytes();
     RestoreText textV4(bufferBytes);
     RestoreText textV6(bufferBytes);

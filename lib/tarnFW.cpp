@@ -231,7 +231,7 @@ bool applyInBatch(TARNFW& firewall, const std::string& profile, bool acceptEstab
                   const std::string& localIp, const FW_BATCH_REVIEW& review = {}) {
     Json::Value cmds;
     return translated(firewall.fwBatchRulesEnum(profile, cmds, acceptEstablished, localIp)) &&
-           FW_BATCH().apply(cmds, review);
+           FW_BATCH().applyReviewed(cmds, review);
 }
 
 /// Reads from the settings whether the firewall is enabled and, if so, whether in apply mode
@@ -468,10 +468,10 @@ bool TARNFW::fwReset() {
 }
 
 bool TARNFW::fwReload(bool acceptEstablished) {
-    return fwReload(acceptEstablished, {});
+    return fwReloadReviewed(acceptEstablished, {});
 }
 
-bool TARNFW::fwReload(bool acceptEstablished, const FW_BATCH_REVIEW& review) {
+bool TARNFW::fwReloadReviewed(bool acceptEstablished, const FW_BATCH_REVIEW& review) {
     const FileLock lock(kExecLockPath, kExecLockSeconds, [] { FW_LOG_ERR("Failed to unlock"); });
     if (lock.result() == 0) {
         FW_LOG_ERR("TIMEOUT: getting lock");

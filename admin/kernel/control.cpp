@@ -261,7 +261,7 @@ std::string Control::kernelRefusal(const FW::FWPROFILE& profile) {
 bool Control::reload(const Operation& operation, ReloadGuard& guard,
                      const Descriptor& warning) const {
     WantedRules wanted;
-    if (!operation([&](const FW::FWBATCH& batch) {
+    if (!operation([&](const FW::FWPENDINGBATCH& batch) {
             wanted = wantedRules(commandLinesOf(batch.commands));
             return guard.review(batch.saved);
         })) {
@@ -423,7 +423,9 @@ bool Control::apply() {
     }
     runGuarded(
         failed,
-        [](const FW::FW_BATCH_REVIEW& review) { return FW::TARNFW().fwReload(true, review); },
+        [](const FW::FW_BATCH_REVIEW& review) {
+            return FW::TARNFW().fwReloadReviewed(true, review);
+        },
         batch);
     return true;
 }

@@ -19,7 +19,7 @@ inline constexpr const char* FW_ABSENT_FAMILY_WORDS[] = {
     "Table does not exist"};
 
 /// A batch that is about to be committed. Valid only during the review.
-struct FWBATCH {
+struct FWPENDINGBATCH {
     const Json::Value& commands;  ///< the command document
 
     /// The filter table of each family that the machine has, "v4" or "v6", as iptables-save
@@ -31,7 +31,7 @@ struct FWBATCH {
 /// anything changes. The batch is committed only if it returns true; what it throws goes on to the
 /// caller of the batch. The lock of iptables is held meanwhile, and the programs that commit have
 /// read the tables: it must neither run iptables nor change the packet filter.
-using FW_BATCH_REVIEW = std::function<bool(const FWBATCH&)>;
+using FW_BATCH_REVIEW = std::function<bool(const FWPENDINGBATCH&)>;
 
 /// Replaces the content of the firewall chains with the lines of a command document (see
 /// TARNFW_IPTABLES_RULES), through iptables-restore and ip6tables-restore. No packet ever passes a
@@ -66,9 +66,9 @@ public:
     /// filter under the lock of iptables, such as another call of this function.
     bool apply(const Json::Value& cmds);
 
-    /// The same, unless `review` returns false: then nothing changes, and apply() returns false
+    /// apply(), unless `review` returns false: then nothing changes, and the result is false
     /// without a log line. An empty `review` agrees.
-    bool apply(const Json::Value& cmds, const FW_BATCH_REVIEW& review);
+    bool applyReviewed(const Json::Value& cmds, const FW_BATCH_REVIEW& review);
 };
 
 }  // namespace FW

@@ -116,10 +116,11 @@ public:
     /// with the exceptions named there, the packet filter as they were.
     bool fwReload(bool acceptEstablished);
 
-    /// The same, and with "apply" set to "batch" the caller takes part: see FW_BATCH::apply().
+    /// fwReload(), and with "apply" set to "batch" the caller takes part: see
+    /// FW_BATCH::applyReviewed().
     /// Without "batch", or while the firewall is disabled, `review` is not called. Where it is
     /// against the batch nothing changes, and the result is false without a log line.
-    bool fwReload(bool acceptEstablished, const FW_BATCH_REVIEW& review);
+    bool fwReloadReviewed(bool acceptEstablished, const FW_BATCH_REVIEW& review);
 
     /// Translates the stored profile `profile` into the command document `cmds`.
     bool fwIptablesRulesEnum(std::string profile, Json::Value& cmds, bool acceptEstablished);

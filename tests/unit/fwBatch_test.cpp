@@ -524,7 +524,7 @@ TEST_F(ApplyTest, WhatCannotBeSavedIsNotReplaced) {
 
 TEST_F(ApplyTest, ReviewSeesTheBatchBeforeAnythingChanges) {
     std::map<std::string, std::string> saved;
-    EXPECT_TRUE(FW::FW_BATCH().apply(cmds_, [&](const FW::FWBATCH& batch) {
+    EXPECT_TRUE(FW::FW_BATCH().applyReviewed(cmds_, [&](const FW::FWPENDINGBATCH& batch) {
         EXPECT_EQ(batch.commands, cmds_);
         EXPECT_THAT(tools_.committed(), IsEmpty());
         saved.insert(batch.saved.begin(), batch.saved.end());
@@ -536,28 +536,30 @@ TEST_F(ApplyTest, ReviewSeesTheBatchBeforeAnythingChanges) {
 
 TEST_F(ApplyTest, ReviewSeesOnlyTheFamiliesOfTheMachine) {
     tools_.failToSave("v6", "Cannot initialize: Address family not supported by protocol\n");
-    EXPECT_TRUE(FW::FW_BATCH().apply(cmds_, [](const FW::FWBATCH& batch) {
+    EXPECT_TRUE(FW::FW_BATCH().applyReviewed(cmds_, [](const FW::FWPENDINGBATCH& batch) {
         return batch.saved.size() == 1 && batch.saved.count("v4") == 1;
     }));
 }
 
 TEST_F(ApplyTest, ReviewThatIsAgainstItLeavesEverything) {
-    EXPECT_FALSE(FW::FW_BATCH().apply(cmds_, [](const FW::FWBATCH&) { return false; }));
+    EXPECT_FALSE(
+        FW::FW_BATCH().applyReviewed(cmds_, [](const FW::FWPENDINGBATCH&) { return false; }));
     EXPECT_THAT(tools_.committed(), IsEmpty());
     EXPECT_THAT(platform_.log(), IsEmpty());
 }
 
 TEST_F(ApplyTest, ReviewThatThrowsLeavesEverything) {
-    EXPECT_THROW((void)FW::FW_BATCH().apply(
-                     cmds_, [](const FW::FWBATCH&) -> bool { throw std::runtime_error("no"); }),
-                 std::runtime_error);
+    EXPECT_THROW(
+        (void)FW::FW_BATCH().applyReviewed(
+            cmds_, [](const FW::FWPENDINGBATCH&) -> bool { throw std::runtime_error("no"); }),
+        std::runtime_error);
     EXPECT_THAT(tools_.committed(), IsEmpty());
     EXPECT_TRUE(apply());  // the lock of iptables is free
 }
 
 TEST_F(ApplyTest, RefusedBatchIsNotReviewed) {
     tools_.refuse("v4 commit", "-A INPUT_FIREWALL -i eth0 -j DROP", "line 4 failed\n");
-    EXPECT_FALSE(FW::FW_BATCH().apply(cmds_, [](const FW::FWBATCH&) {
+    EXPECT_FALSE(FW::FW_BATCH().applyReviewed(cmds_, [](const FW::FWPENDINGBATCH&) {
         ADD_FAILURE();
         return true;
     }));

@@ -183,7 +183,7 @@ TEST_F(BatchTest, DisabledFirewallStartsNothing) {
 }
 
 TEST_F(BatchTest, ReloadThatItsReviewIsAgainstChangesNothing) {
-    EXPECT_FALSE(FW::TARNFW().fwReload(true, [](const FW::FWBATCH& batch) {
+    EXPECT_FALSE(FW::TARNFW().fwReloadReviewed(true, [](const FW::FWPENDINGBATCH& batch) {
         EXPECT_TRUE(batch.commands["v4"].isMember("eth0"));
         return false;
     }));
@@ -194,7 +194,7 @@ TEST_F(BatchTest, ReloadThatItsReviewIsAgainstChangesNothing) {
 
 TEST_F(BatchTest, ReloadLineByLineHasNoReview) {
     choose("lines");
-    EXPECT_TRUE(FW::TARNFW().fwReload(true, [](const FW::FWBATCH&) {
+    EXPECT_TRUE(FW::TARNFW().fwReloadReviewed(true, [](const FW::FWPENDINGBATCH&) {
         ADD_FAILURE();
         return false;
     }));
