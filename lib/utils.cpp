@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -38,7 +39,7 @@ constexpr std::size_t kChunkBytes = 16384;
 constexpr long kLockMicroseconds = 30 * 1000 * 1000;
 
 // See jsonFileLimit().
-std::size_t mostBytes = 0;
+std::atomic<std::size_t> mostBytes = 0;
 
 bool pathExists(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
