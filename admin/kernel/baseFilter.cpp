@@ -1,18 +1,14 @@
 #include "tarnfwadmin/baseFilter.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
-#include <exception>
 #include <future>
 
-#include <json/json.h>
 #include <boost/algorithm/string/join.hpp>
 
 #include "tarnfirewall/fwTypes.h"
 
-#include "tarnfwadmin/documentFile.h"
+#include "tarnfwadmin/baseRecord.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/storeSession.h"
@@ -37,22 +33,15 @@ std::size_t reloadingPosition(const RuleListing& listing, const std::string& cha
 /// The chains of a family whose policy was DROP at "base up".
 std::vector<std::string> droppingAtBaseUp(const std::string& family) {
     std::vector<std::string> chains;
-    if (access(kBaseRecordFile, F_OK) != 0) {
-        return chains;
-    }
     try {
-        Json::Value record;
-        if (!parseAsStored(readText(kBaseRecordFile), record)) {
-            return chains;
-        }
-        const Json::Value& policies = record[family][kPoliciesKey];
-        for (const char* const chain : {"INPUT", "FORWARD"}) {
-            if (policies.isObject() && policies[chain] == "DROP") {
-                chains.emplace_back(chain);
+        BaseRecord record = loadBaseRecord();
+        for (const auto& [chain, policy] : record[family].policies) {
+            if (policy == "DROP") {
+                chains.push_back(chain);
             }
         }
-    } catch (const std::exception&) {
-        chains.clear();  // somebody else's document
+    } catch (const Error&) {
+        chains.clear();  // a reload is not refused for it
     }
     return chains;
 }

@@ -126,6 +126,20 @@ private:
     Descriptor file_;
 };
 
+/// With the reason in errno.
+[[noreturn]] void throwUnreadable(const std::string& name) {
+    throw Error(ErrorKind::kSystem, "cannot read " + name + ": " + std::strerror(errno));
+}
+
+/// What is left of an open file or stream.
+std::string allOf(int file, const std::string& name) {
+    std::string text;
+    if (!readAll(file, text)) {
+        throwUnreadable(name);
+    }
+    return text;
+}
+
 /// Flushes the directory, which has the file's name. False, with errno, when that fails.
 bool flushDirectoryOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
@@ -137,34 +151,38 @@ bool flushDirectoryOf(const std::string& path) {
 }  // namespace
 
 std::string readText(const std::string& path) {
-    const bool standard = path == kStandardInput;
-    const Descriptor file(standard ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    std::string text;
-    if ((!standard && !file) || !readAll(standard ? STDIN_FILENO : file.get(), text)) {
-        throw Error(ErrorKind::kSystem, "cannot read " +
-                                            (standard ? "standard input" : printable(path)) + ": " +
-                                            std::strerror(errno));
+    if (path == kStandardInput) {
+        return allOf(STDIN_FILENO, "standard input");
     }
-    return text;
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file) {
+        throwUnreadable(printable(path));
+    }
+    return allOf(file.get(), printable(path));
+}
+
+std::optional<std::string> readTextIfAny(const std::string& path) {
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file && errno == ENOENT) {
+        return std::nullopt;
+    }
+    if (!file) {
+        throwUnreadable(printable(path));
+    }
+    return allOf(file.get(), printable(path));
 }
 
 std::string readDocument(const std::string& path, off_t most) {
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
-    std::string text;
     if (!file || fstat(file.get(), &status) != 0) {
-        throw Error(ErrorKind::kSystem,
-                    "cannot read " + printable(path) + ": " + std::strerror(errno));
+        throwUnreadable(printable(path));
     }
     if (!S_ISREG(status.st_mode) || status.st_size > most) {
         throw Error(ErrorKind::kSystem,
                     "cannot read " + printable(path) + ": it is no regular file, or too large");
     }
-    if (!readAll(file.get(), text)) {
-        throw Error(ErrorKind::kSystem,
-                    "cannot read " + printable(path) + ": " + std::strerror(errno));
-    }
-    return text;
+    return allOf(file.get(), printable(path));
 }
 
 std::vector<std::string> filesIn(const std::string& directory, const std::string& suffix) {

@@ -93,14 +93,9 @@ std::vector<BaseFilter> baseFilters(PacketFilter::Others others = PacketFilter::
 /// machine would seem protected and let everybody in.
 void requireBase();
 
-/// Where "base up" keeps what it added and, under this member, the policies that it found, by
-/// family. A reboot empties /run and the kernel.
-inline constexpr char kBaseRecordFile[] = "/run/tarn/base_filter.json";
-inline constexpr char kPoliciesKey[] = "policies";
-
 /// The chains, INPUT or FORWARD, whose policy was DROP at "base up" and is ACCEPT in `listing`: a
 /// reload by a program that does not put policies back has made it so, or somebody. None without a
-/// readable record.
+/// readable record, see loadBaseRecord(): this only looks.
 std::vector<std::string> openedPolicies(const std::string& family, const RuleListing& listing);
 
 /// Makes them DROP again, under the lock of a reload, and returns them: "INPUT of IPv4". Throws

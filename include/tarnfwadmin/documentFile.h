@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,10 @@ inline constexpr char kStandardInput[] = "-";
 /// The whole content of a file, or of standard input. Throws Error, kSystem, when it cannot be
 /// read.
 std::string readText(const std::string& path);
+
+/// The whole content of a file; nothing when there is none. Throws Error, kSystem, when there may
+/// be one: it cannot be opened for any other reason, or not be read.
+std::optional<std::string> readTextIfAny(const std::string& path);
 
 /// The same for a document of the store: only a regular file of at most `most` bytes, and without
 /// waiting for anything, whatever is at `path`.

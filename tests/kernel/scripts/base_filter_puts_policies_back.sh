@@ -1,7 +1,7 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
 # Policies that drop before "base up" drop again after "base down", though a reload by another program has
 # made them ACCEPT meanwhile. "status" and "diff" name them until then, and the tool's own reload puts them
-# back. A policy that somebody has set since stays, and a machine that was open is.
+# back. A policy that somebody has set since stays, and a machine that was open is. What cannot be known is said.
 
 # shellcheck source=tests/kernel/answers.sh
 source "$checkout/tests/kernel/answers.sh"
@@ -42,6 +42,26 @@ answers 0 diff
 answers 0 enable
 step 'a reload of the library' rules_probe reload
 step 'makes the policies ACCEPT' policies_accept
+
+# A record that cannot be read is neither taken for an empty one nor replaced. A reload goes on.
+readonly kRecord=/run/tarn/base_filter.json
+mv -- "$kRecord" "$out/record"
+ln -s -- "$kRecord" "$kRecord"
+keep_listing opened
+for command in up down; do
+    answers 1 base "$command"
+    complains "^tarnfw: cannot read $kRecord: Too many levels of symbolic links$"
+    step 'nothing was removed' same_listing opened
+    step 'nor replaced' [ -L "$kRecord" ]
+done
+answers 0 reload
+complains "^tarnfw: policies that were DROP at \"tarnfw base up\" may be ACCEPT now: cannot read $kRecord: "
+step 'a reload puts none back' policies_accept
+answers 11 status
+says "policies that were DROP at \"tarnfw base up\" may be ACCEPT now: cannot read $kRecord: "
+rm -- "$kRecord"
+mv -- "$out/record" "$kRecord"
+
 answers 0 base down
 step 'the policies drop as before' same_listing before
 

@@ -27,17 +27,15 @@
 #include "commands/commands.h"
 #include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/baseRecord.h"
 #include "tarnfwadmin/bootRules.h"
 #include "tarnfwadmin/descriptor.h"
-#include "tarnfwadmin/documentFile.h"
 
 namespace tarnfw {
 namespace {
 
 constexpr char kAcceptPolicy[] = "ACCEPT";
 constexpr char kDropPolicy[] = "DROP";
-
-constexpr mode_t kRecordMode = 0600;
 
 // Serialises "base up" and "base down".
 constexpr char kLockName[] = "base_filter.lock";
@@ -48,57 +46,30 @@ constexpr char kFirstProfile[] = "/usr/tarn/etc.defaults/firewall_default_profil
 
 // ---- The record of what was added ----
 
-Json::Value recordLoad() {
-    Json::Value record(Json::objectValue);
-    if (TLIBCFileExist(kBaseRecordFile) == 1 && !FW::jsonFileLoad(record, kBaseRecordFile)) {
-        throw Error(ErrorKind::kSystem, std::string("cannot read ") + kBaseRecordFile);
+/// Records what is about to be added to a family, so that "base down" also removes what an
+/// interrupted call added, and the policies that others have set. Not those of a reload in apply
+/// mode "lines" that is running or was killed, and not those of a later call, which may be a
+/// reload's. Throws Error, kSystem.
+void recordBase(const BaseFilter& filter, const BaseParts& parts) {
+    const BaseRecord before = loadBaseRecord();
+    BaseRecord record = before;
+    FamilyBaseRecord& family = record[filter.key()];
+    family.add(parts);
+    if (family.policies.empty() && !filter.isClosed()) {
+        family.policies = filter.policies();
     }
-    return record;
-}
-
-void recordStore(const Json::Value& record) {
-    writeFileAtomically(kBaseRecordFile, documentText(record), kRecordMode, Existing::kReplaced);
-}
-
-void addToRecord(Json::Value& family, const BaseParts& parts) {
-    for (const std::string& chain : parts.chains) {
-        family["chains"].append(chain);
-    }
-    for (const auto& [chain, target] : parts.jumps) {
-        Json::Value jump;
-        jump.append(chain);
-        jump.append(target);
-        family["jumps"].append(jump);
-    }
-}
-
-BaseParts recordedParts(const Json::Value& family) {
-    BaseParts parts;
-    for (const Json::Value& chain : family["chains"]) {
-        parts.chains.push_back(chain.asString());
-    }
-    for (const Json::Value& jump : family["jumps"]) {
-        parts.jumps.emplace_back(jump[0U].asString(), jump[1U].asString());
-    }
-    return parts;
-}
-
-/// Remembers the policies that others have set. Not those of a reload in apply mode "lines" that is
-/// running or was killed, and not those of a later call, which may be a reload's.
-void recordPolicies(Json::Value& family, const BaseFilter& filter) {
-    if (family.isMember(kPoliciesKey) || filter.isClosed()) {
-        return;
-    }
-    for (const auto& [chain, policy] : filter.policies()) {
-        family[kPoliciesKey][chain] = policy;
+    if (record != before) {
+        storeBaseRecord(record);
     }
 }
 
 /// Puts back a policy that drops: a reload by a program that does not restore it has made it
 /// ACCEPT. One that others have set since stays.
-void putPoliciesBack(const Json::Value& family, BaseFilter& filter) {
-    for (const auto& [chain, policy] : filter.policies()) {
-        if (policy == kAcceptPolicy && family[kPoliciesKey][chain] == kDropPolicy) {
+void putPoliciesBack(const FamilyBaseRecord& family, BaseFilter& filter) {
+    const auto now = filter.policies();
+    for (const auto& [chain, policy] : family.policies) {
+        const auto found = now.find(chain);
+        if (policy == kDropPolicy && found != now.end() && found->second == kAcceptPolicy) {
             filter.setPolicy(chain, kDropPolicy);
         }
     }
@@ -171,19 +142,7 @@ void writeFirstProfile(bool ipv6Works, const LockTime& time) {
 
 // ---- Commands ----
 
-/// Records what is about to be added to a family, so that "base down" also removes what an
-/// interrupted call added. Throws Error, kSystem.
-void recordParts(const BaseFilter& filter, const BaseParts& parts) {
-    const Json::Value before = recordLoad();
-    Json::Value record = before;
-    addToRecord(record[filter.key()], parts);
-    recordPolicies(record[filter.key()], filter);
-    if (record != before) {
-        recordStore(record);
-    }
-}
-
-/// What to do when the record cannot be written.
+/// What to do when the record cannot be read or written.
 enum class Unrecorded { kStop, kGoOn };
 
 /// Sets up one family. Returns why it is not recorded, or nothing; throws Error where it stops.
@@ -195,7 +154,7 @@ std::string setUp(BaseFilter filter, Unrecorded unrecorded = Unrecorded::kStop) 
     const BaseParts parts = filter.missing();
     std::string failure;
     try {
-        recordParts(filter, parts);
+        recordBase(filter, parts);
     } catch (const Error& error) {
         if (unrecorded == Unrecorded::kStop) {
             throw;
@@ -252,19 +211,19 @@ void baseDown() {
     LockTime time;
     const ToolLock lock(kLockName, time);
     awaitXtablesLock(time);
+    BaseRecord record = loadBaseRecord();
     if (Context(StoreSession::Access::kRead).store().firewallEnabled()) {
         std::cerr
             << "tarnfw: the firewall is still enabled in the settings, but now filters nothing\n";
     }
     tidyBase(/*enabled=*/false);
-    Json::Value record = recordLoad();
     for (BaseFilter filter : baseFilters()) {
-        const BaseParts parts = recordedParts(record[filter.key()]);
-        filter.remove(parts);
-        putPoliciesBack(record[filter.key()], filter);
-        record.removeMember(filter.key());
-        recordStore(record);
-        std::cout << filter.title() << ": removed " << describe(parts) << '\n';
+        const FamilyBaseRecord family = record[filter.key()];
+        filter.remove(family.added);
+        putPoliciesBack(family, filter);
+        record.erase(filter.key());
+        storeBaseRecord(record);
+        std::cout << filter.title() << ": removed " << describe(family.added) << '\n';
     }
 }
 
@@ -278,7 +237,15 @@ Json::Value statusJson(const BaseFilter& filter) {
     Json::Value missing(Json::objectValue);
     missing["chains"] = Json::Value(Json::arrayValue);
     missing["jumps"] = Json::Value(Json::arrayValue);
-    addToRecord(missing, parts);
+    for (const std::string& chain : parts.chains) {
+        missing["chains"].append(chain);
+    }
+    for (const auto& [chain, target] : parts.jumps) {
+        Json::Value jump;
+        jump.append(chain);
+        jump.append(target);
+        missing["jumps"].append(jump);
+    }
     state["setUp"] = parts.empty();
     state["inOrder"] = filter.inOrder();
     state["missing"] = missing;

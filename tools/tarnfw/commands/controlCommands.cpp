@@ -20,6 +20,7 @@
 #include "process/signalsWait.h"
 #include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
+#include "tarnfwadmin/baseRecord.h"
 
 namespace tarnfw {
 namespace {
@@ -46,8 +47,15 @@ void forgetTrial(Context& context) {
 }
 
 /// Puts back the policies that dropped at "base up" and that a reload by another program has
-/// opened.
+/// opened. Where it is not known which these are, the rules are in force all the same.
 void putPoliciesBack() {
+    try {
+        (void)loadBaseRecord();
+    } catch (const Error& error) {
+        warn(std::string("policies that were DROP at \"tarnfw base up\" may be ACCEPT now: ") +
+             error.what());
+        return;
+    }
     for (const std::string& chain : closeOpenedPolicies()) {
         std::cout << "Policy of " << chain << " restored to DROP\n";
     }

@@ -11,6 +11,7 @@
 #include <boost/algorithm/string/join.hpp>
 
 #include "cli/output.h"
+#include "tarnfwadmin/baseRecord.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/interfaces.h"
@@ -57,6 +58,16 @@ std::vector<Address> ownAddresses() {
         own.insert(own.end(), interface.addresses.begin(), interface.addresses.end());
     }
     return own;
+}
+
+/// Why it is not known which policies dropped at "base up"; empty when it is.
+std::string unreadRecord() {
+    try {
+        (void)loadBaseRecord();
+        return "";
+    } catch (const Error& error) {
+        return error.what();
+    }
 }
 
 /// The families in a state: "IPv4 and IPv6"; empty without one.
@@ -261,6 +272,7 @@ KernelReport kernelReport(const StoreSnapshot& store) {
             report.foreign.emplace_back(family, *filter, std::move(nat.byFamily[family]), own);
         }
     }
+    report.unknownOpened = unreadRecord();
     report.enabled = store.firewallEnabled();
     report.families = familiesInForce(report.listings, store);
     report.emptyChains = emptyChains(report.listings, report.families);
@@ -324,6 +336,10 @@ std::vector<std::string> complaintsOf(const KernelReport& report) {
 }
 
 std::string openedComplaint(const KernelReport& report) {
+    if (!report.unknownOpened.empty()) {
+        return "policies that were DROP at \"tarnfw base up\" may be ACCEPT now: " +
+               report.unknownOpened;
+    }
     if (report.opened.empty()) {
         return "";
     }

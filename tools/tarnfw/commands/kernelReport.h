@@ -23,6 +23,7 @@ struct KernelReport {
         emptyChains;                      ///< where the others have rules: "INPUT_FIREWALL of IPv4"
     std::vector<ForeignRules> foreign;    ///< of the families that the machine has
     std::vector<std::string> opened;      ///< see openedPolicies(): "INPUT of IPv4"
+    std::string unknownOpened;            ///< why that is not known
     std::string unknown;                  ///< why the filter tables could not be listed
     std::vector<std::string> unknownNat;  ///< that redirections are not known, and why
     bool enabled = false;                 ///< by the settings
