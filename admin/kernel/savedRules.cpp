@@ -10,7 +10,7 @@
 #include <sstream>
 #include <utility>
 
-#include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/predicate.hpp>
 
 #include "tarnfirewall/fwTypes.h"
 
@@ -23,6 +23,10 @@ namespace {
 
 constexpr std::array kFamilies = {"v4", "v6"};
 constexpr mode_t kLastGoodMode = 0600;
+
+// Of a restore text.
+constexpr char kFirstLine[] = "*filter\n";
+constexpr char kLastLine[] = "COMMIT\n";
 
 // The chains whose policies a reload changes.
 const std::set<std::string> kPolicyChains = {"INPUT", "FORWARD"};
@@ -43,19 +47,20 @@ FamilyRules ownPart(const RuleListing& listing) {
     return own;
 }
 
-std::vector<std::string> restoreLines(const FamilyRules& rules) {
-    std::vector<std::string> lines = {"*filter"};
+std::string restoreTextOf(const FamilyRules& rules) {
+    std::string text = kFirstLine;
     for (const auto& [chain, policy] : rules.policies) {
-        lines.push_back(boost::join(std::array{":" + chain, policy, std::string("[0:0]")}, " "));
+        text.append(":").append(chain).append(" ").append(policy).append(" [0:0]\n");
     }
     for (const auto& [chain, unused] : rules.chains) {
-        lines.push_back(":" + chain + " - [0:0]");
+        text.append(":").append(chain).append(" - [0:0]\n");
     }
     for (const auto& [unused, rulesOfChain] : rules.chains) {
-        lines.insert(lines.end(), rulesOfChain.begin(), rulesOfChain.end());
+        for (const std::string& rule : rulesOfChain) {
+            text.append(rule).append("\n");
+        }
     }
-    lines.emplace_back("COMMIT");
-    return lines;
+    return text + kLastLine;
 }
 
 [[noreturn]] void refuseDocument(const std::string& line) {
@@ -69,8 +74,7 @@ void takeLine(FamilyRules& rules, const std::string& line) {
     std::string first;
     std::string second;
     words >> first >> second;
-    const bool oneLine = line.find_first_of(std::string("\n\0", 2)) == std::string::npos;
-    if (!oneLine || first.empty()) {
+    if (first.empty() || line.find('\0') != std::string::npos) {
         refuseDocument(line);
     }
     if (first[0] == ':') {
@@ -91,14 +95,17 @@ void takeLine(FamilyRules& rules, const std::string& line) {
     refuseDocument(line);
 }
 
-FamilyRules rulesOfLines(const Json::Value& lines) {
-    FamilyRules rules;
-    const Json::ArrayIndex count = lines.isArray() ? lines.size() : 0;
-    if (count < 2 || lines[0U] != "*filter" || lines[count - 1] != "COMMIT") {
+FamilyRules rulesOfText(const std::string& text) {
+    if (!boost::starts_with(text, kFirstLine) ||
+        !boost::ends_with(text, std::string("\n") + kLastLine)) {
         refuseDocument("");
     }
-    for (Json::ArrayIndex i = 1; i + 1 < count; ++i) {
-        takeLine(rules, lines[i].isString() ? lines[i].asString() : "");
+    FamilyRules rules;
+    const std::size_t end = text.size() - std::strlen(kLastLine);
+    for (std::size_t begin = std::strlen(kFirstLine); begin < end;) {
+        const std::size_t next = text.find('\n', begin);
+        takeLine(rules, text.substr(begin, next - begin));
+        begin = next + 1;
     }
     return rules;
 }
@@ -126,7 +133,8 @@ SavedRules SavedRules::from(const Json::Value& document) {
     SavedRules saved;
     for (const char* const family : kFamilies) {
         if (document.isMember(family)) {
-            saved.families_.emplace(family, rulesOfLines(document[family]));
+            const Json::Value& text = document[family];
+            saved.families_.emplace(family, rulesOfText(text.isString() ? text.asString() : ""));
         }
     }
     return saved;
@@ -161,17 +169,13 @@ SavedRules SavedRules::withoutReloading() const {
 
 std::string SavedRules::restoreText(const std::string& family) const {
     const auto found = families_.find(family);
-    return found == families_.end() ? std::string()
-                                    : boost::join(restoreLines(found->second), "\n") + "\n";
+    return found == families_.end() ? std::string() : restoreTextOf(found->second);
 }
 
 Json::Value SavedRules::document() const {
     Json::Value document(Json::objectValue);
     for (const auto& [family, rules] : families_) {
-        Json::Value& lines = document[family];
-        for (const std::string& line : restoreLines(rules)) {
-            lines.append(line);
-        }
+        document[family] = restoreTextOf(rules);
     }
     return document;
 }

@@ -52,7 +52,7 @@ public:
     /// rules of the chains, which it creates when they are missing, and sets the policies.
     std::string restoreText(const std::string& family) const;
 
-    /// The lines of each family's text: {"v4": ["*filter", ...], "v6": [...]}.
+    /// The text of each family: {"v4": "*filter\n...", "v6": "..."}.
     Json::Value document() const;
 
     /// Puts them into the kernel, each family at once. Throws Error, kSystem, for a family that

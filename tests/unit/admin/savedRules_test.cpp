@@ -50,20 +50,24 @@ TEST(SavedRules, DocumentGivesTheSameRules) {
 }
 
 TEST(SavedRules, DocumentOfAnotherShapeIsRefused) {
-    for (const char* const text : {
-             "[]",
-             R"({"v4": 1})",
-             R"({"v4": ["*filter"]})",
-             R"({"v4": ["*nat", "COMMIT"]})",
-             R"({"v4": ["*filter", "COMMIT", "*nat", "COMMIT"]})",
-             R"({"v4": ["*filter", ":OUTPUT DROP [0:0]", "COMMIT"]})",
-             R"({"v4": ["*filter", ":OTHERS - [0:0]", "COMMIT"]})",
-             R"({"v4": ["*filter", "-A INPUT -j ACCEPT", "COMMIT"]})",
-             R"({"v4": ["*filter", "-A INPUT_FIREWALL -j DROP", "COMMIT"]})",
-             R"({"v4": ["*filter", ":INPUT_FIREWALL - [0:0]", "-F INPUT", "COMMIT"]})",
-             R"({"v4": ["*filter", ":INPUT_FIREWALL - [0:0]",
-                        "-A INPUT_FIREWALL -j DROP\n-F INPUT", "COMMIT"]})",
-         }) {
+    for (
+        const char* const text : {
+            R"([])",
+            R"({"v4": 1})",
+            R"({"v4": ["*filter", "COMMIT"]})",
+            R"({"v4": "*filter\n"})",
+            R"({"v4": "*nat\nCOMMIT\n"})",
+            R"({"v4": "*filter\nCOMMIT"})",
+            R"({"v4": "*filter\nCOMMIT\n*nat\nCOMMIT\n"})",
+            R"({"v4": "*filter\n\nCOMMIT\n"})",
+            R"({"v4": "*filter\n:OUTPUT DROP [0:0]\nCOMMIT\n"})",
+            R"({"v4": "*filter\n:OTHERS - [0:0]\nCOMMIT\n"})",
+            R"({"v4": "*filter\n-A INPUT -j ACCEPT\nCOMMIT\n"})",
+            R"({"v4": "*filter\n-A INPUT_FIREWALL -j DROP\nCOMMIT\n"})",
+            R"({"v4": "*filter\n:INPUT_FIREWALL - [0:0]\n-F INPUT\nCOMMIT\n"})",
+            R"({"v4": "*filter\n:INPUT_FIREWALL - [0:0]\n-A INPUT_FIREWALL -j DROP\u0000\nCOMMIT\n"})",
+            R"({"v4": "*filter\n:INPUT_FIREWALL - [0:0]\n-A INPUT_FIREWALL -j DROPCOMMIT\n"})",
+        }) {
         EXPECT_THROW((void)SavedRules::from(parsed(text)), Error) << text;
     }
 }
