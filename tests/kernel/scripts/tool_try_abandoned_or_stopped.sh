@@ -126,3 +126,12 @@ in_background "$new" --timeout 5
 kill -STOP "$(watchdog)"
 ends 1 'was not kept: nobody confirmed in time; the previous rules are in force again$'
 gone_back
+
+# --- without memory --------------------------------------------------------------------------------
+
+# A watchdog that gets no more memory makes way for another one.
+in_background "$new" --timeout "$kLong"
+prlimit --pid "$(watchdog)" --as=4096
+kill -TERM "$trial"
+ends 1 'was not kept: the watchdog failed; the previous rules are in force again$'
+gone_back

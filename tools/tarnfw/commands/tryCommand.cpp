@@ -391,8 +391,9 @@ void tryProfile(const TryOptions& options) {
     }
     watchdog.printLog();
     if (!report) {
-        (void)waitStatusOf(watchdog.process);  // until then it may seem to listen
-        report = endAbandoned(trial.name, "the watchdog was killed");
+        const bool killed = !exitStatusOf(watchdog.process);  // until then it may seem to listen
+        report =
+            endAbandoned(trial.name, killed ? "the watchdog was killed" : "the watchdog failed");
     }
     conclude(trial.name, *report);
 }

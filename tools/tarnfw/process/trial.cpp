@@ -1,13 +1,17 @@
 #include "process/trial.h"
 
+#include <sys/mman.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <exception>
 #include <map>
+#include <new>
 #include <optional>
 #include <set>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -33,6 +37,14 @@ using std::chrono::seconds;
 
 constexpr seconds kAttemptLock{1};  // for each lock that an attempt to go back needs
 constexpr seconds kAdoptLock{20};   // for the locks of a confirmed trial; somebody waits
+
+constexpr seconds kStarvedPause{1};  // between two attempts without memory
+
+/// Who goes on when a watchdog ends before the trial is over.
+enum class Successor {
+    kNobody,
+    kTerminals,  ///< a watchdog that the terminal starts, if that is still there
+};
 
 // Why a trial ends at its beginning.
 constexpr char kNotApplied[] = "its rules cannot be applied";
@@ -351,25 +363,45 @@ void restoreSettings(const TrialRecord& record) {
     }
 }
 
-/// Repeats a step until it succeeds; returns what it returns.
+/// Whether the kernel gives this process more memory.
+bool hasMemory() {
+    constexpr std::size_t kBytes = 1U << 20U;
+    void* const block =
+        mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (block == MAP_FAILED) {
+        return false;
+    }
+    (void)munmap(block, kBytes);
+    return true;
+}
+
+/// Repeats a step until it succeeds; returns what it returns. Throws std::bad_alloc, for another
+/// watchdog to go on, when this process gets no more memory.
 template <typename Step>
-std::string persist(TrialWatch& watch, Step step) {
+std::string persist(TrialWatch& watch, Successor successor, Step step) {
     for (;;) {
-        std::string obstacle;
         try {
-            return step();
-        } catch (const std::exception& error) {
-            obstacle = reasonOf(error);
+            std::string obstacle;
+            try {
+                return step();
+            } catch (const std::exception& error) {
+                obstacle = reasonOf(error);
+            }
+            watch.pause(obstacle);
+        } catch (const std::bad_alloc&) {
+            std::this_thread::sleep_for(kStarvedPause);
         }
-        watch.pause(obstacle);
+        if (successor == Successor::kTerminals && watch.hasTerminal() && !hasMemory()) {
+            throw std::bad_alloc();
+        }
     }
 }
 
 /// Repeats a step that a lock has kept from succeeding. Returns what is wrong otherwise, for the
 /// end of a text.
 template <typename Step>
-std::string complaintOf(TrialWatch& watch, Step step) {
-    return persist(watch, [&]() -> std::string {
+std::string complaintOf(TrialWatch& watch, Successor successor, Step step) {
+    return persist(watch, successor, [&]() -> std::string {
         try {
             step();
         } catch (const Error& error) {
@@ -383,14 +415,14 @@ std::string complaintOf(TrialWatch& watch, Step step) {
 }
 
 /// Goes back, however long that takes.
-void goBack(TrialWatch& watch, const std::optional<TrialRecord>& record,
+void goBack(TrialWatch& watch, Successor successor, const std::optional<TrialRecord>& record,
             const std::string& reason) {
     watch.end(reason);
-    std::string now = persist(watch, [&] { return restoreRules(record); });
+    std::string now = persist(watch, successor, [&] { return restoreRules(record); });
     if (record) {
-        now += complaintOf(watch, [&] { restoreSettings(*record); });
+        now += complaintOf(watch, successor, [&] { restoreSettings(*record); });
     }
-    now += complaintOf(watch, [&] {
+    now += complaintOf(watch, successor, [&] {
         StoreSession session(StoreSession::Access::kChange, LockTime(kAttemptLock));
         removeTraces(session, watch.profile());
     });
@@ -409,7 +441,7 @@ void concludeAdopted(TrialWatch& watch) {
 /// A trial that has changed nothing in the kernel.
 void concludeNotBegun(TrialWatch& watch, const std::string& reason) {
     watch.end(reason);
-    (void)complaintOf(watch, [&] {
+    (void)complaintOf(watch, Successor::kTerminals, [&] {
         StoreSession session(StoreSession::Access::kChange, LockTime(kAttemptLock));
         removeTraces(session, watch.profile());
     });
@@ -465,33 +497,34 @@ void watchTrial(const Trial& trial, const Channel& terminal, const Channel& list
     TrialRecord record;
     record.profile = trial.name;
     TrialDocuments documents;
+    std::string failure;
     try {
-        const std::string failure = begin(record, documents);
-        if (!failure.empty()) {
-            watch.end(failure);
-            (void)persist(watch, [] {
-                if (isDisabled()) {
-                    enableAgain();
-                }
-                return "";
-            });
-            goBack(watch, record, failure);
-            return;
-        }
+        failure = begin(record, documents);
     } catch (const std::exception& error) {
         concludeNotBegun(watch, reasonOf(error));
         return;
     }
+    if (!failure.empty()) {
+        watch.end(failure);
+        (void)persist(watch, Successor::kTerminals, [] {
+            if (isDisabled()) {
+                enableAgain();
+            }
+            return "";
+        });
+        goBack(watch, Successor::kTerminals, record, failure);
+        return;
+    }
     const TrialOutcome outcome = watch.outcome(trial.timeout);
     if (!outcome.adopt) {
-        goBack(watch, record, outcome.reason);
+        goBack(watch, Successor::kTerminals, record, outcome.reason);
         return;
     }
     watch.end("");
     try {
         adopt(record, documents);
     } catch (const std::exception& error) {
-        goBack(watch, record, reasonOf(error));
+        goBack(watch, Successor::kTerminals, record, reasonOf(error));
         return;
     }
     concludeAdopted(watch);
@@ -509,7 +542,7 @@ void watchAbandonedTrial(const std::string& name, const std::string& reason,
         concludeAdopted(watch);
         return;
     }
-    goBack(watch, record, reason);
+    goBack(watch, Successor::kNobody, record, reason);
 }
 
 }  // namespace tarnfw

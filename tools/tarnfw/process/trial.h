@@ -30,9 +30,12 @@ void requireRestorable(const FW::FWPROFILE& profile);
 /// Tries to go back until the previous rules are seen in the kernel. The test profile, by which an
 /// abandoned trial is found, is removed last. All reports go to `terminal`, those of the end also
 /// to the terminals that asked for it.
+///
+/// Throws std::bad_alloc in a process that gets no more memory: the terminal then ends the trial
+/// with another one. Where that terminal is gone, the watchdog goes on trying.
 void watchTrial(const Trial& trial, const Channel& terminal, const Channel& listener);
 
-/// Ends an abandoned trial in the same way. `reason` is for the report.
+/// Ends an abandoned trial in the same way, but has nobody after it. `reason` is for the report.
 void watchAbandonedTrial(const std::string& name, const std::string& reason,
                          const Channel& terminal, const Channel& listener);
 

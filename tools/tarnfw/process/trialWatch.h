@@ -59,6 +59,10 @@ public:
     /// for the end, and to the log. Then waits for a second, answering others.
     void pause(const std::string& obstacle);
 
+    /// Whether the terminal that began the trial is still there: it starts another watchdog when
+    /// this one ends without a last report.
+    bool hasTerminal() const { return terminal_.isConnected(); }
+
     /// Sends the last report to all who wait for it.
     void conclude(const Json::Value& report) const;
 
