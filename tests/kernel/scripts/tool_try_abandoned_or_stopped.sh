@@ -55,6 +55,26 @@ answers 0 try --cancel
 prints <<<"Abandoned trial of \"$new\" ended; the active profile's rules are in force"
 gone_back
 
+# An import removes the test profile. The trial is over when its rules are gone.
+jq '.config_profiles["77.json"] = {name: "fresh", rules: null, adapterPolicyMap: {global: 2}}' \
+    <(tarnfw export) >/tmp/imported.json
+abandon
+answers 0 import --yes /tmp/imported.json
+step 'no test profile is left' no_test_profile
+answers 11 status
+says "^Trial: *of \"$new\", abandoned; \"tarnfw try --cancel\" ends it$"
+answers 1 try "$new"
+complains "^tarnfw: the trial of \"$new\" was abandoned; "
+answers 0 try --cancel
+prints <<<"Abandoned trial of \"$new\" ended; the previous rules are in force again"
+cp -- "$kSettings" /tmp/settings
+gone_back
+abandon
+jq 'del(.config_profiles["77.json"])' /tmp/imported.json >/tmp/imported_again.json
+answers 0 import --yes /tmp/imported_again.json --reload
+rm -- "$kTrialSocket"
+gone_back
+
 # The one who ends it waits for a lock like any other watchdog.
 abandon
 hold "$kReloadLock"

@@ -151,6 +151,15 @@ void reloadActive(Control& control) {
               << " applied\n";
 }
 
+void forgetTrial(Context& context) {
+    try {
+        context.session().unlock();
+        forgetAbandonedTrial(context.session().lockTime());
+    } catch (const Error& error) {
+        warn(std::string("an abandoned trial is not over: ") + error.what());
+    }
+}
+
 namespace {
 
 /// Applies the active profile as it was changed, and keeps the change; or undoes it. Returns false
@@ -176,6 +185,7 @@ bool reloadChanged(Context& context, const std::function<void()>& ask,
     say();
     if (applied) {
         std::cout << "Profile " << inQuotes(context.store().activeProfile()) << " applied\n";
+        forgetTrial(context);
     } else {
         std::cout << "Firewall disabled: nothing to reload\n";
     }

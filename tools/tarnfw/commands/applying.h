@@ -100,6 +100,10 @@ bool runWhole(const std::string& what, const std::function<bool()>& change,
 /// Control::apply().
 void reloadActive(Control& control);
 
+/// After the active profile was applied, or the firewall disabled: ends an abandoned trial. What
+/// fails is a warning. Afterwards the context may change nothing.
+void forgetTrial(Context& context);
+
 /// After a profile was changed. If it is the active one and the firewall is enabled: applies it
 /// with "--reload", or says that the kernel still has the old rules. Throws Error, with the store
 /// as it was before and the old rules in force, when it cannot be applied. `say` prints what was

@@ -36,16 +36,6 @@ const char* meaningOf(ApplyMode mode) {
     return "";
 }
 
-/// Ends an abandoned trial: the active profile's rules are in force again.
-void forgetTrial(Context& context) {
-    try {
-        context.session().unlock();
-        forgetAbandonedTrial(context.session().lockTime());
-    } catch (const Error& error) {
-        warn(std::string("an abandoned trial is not over: ") + error.what());
-    }
-}
-
 /// Puts back the policies that dropped at "base up" and that a reload by another program has
 /// opened. Where it is not known which these are, the rules are in force all the same.
 void putPoliciesBack() {

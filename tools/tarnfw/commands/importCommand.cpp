@@ -456,6 +456,9 @@ void importAll(const Options& options) {
     const std::optional<bool> wasEnabled = importInto(context, document, options);
     if (wasEnabled) {
         report(context, options.reload.wanted, *wasEnabled);
+        if (options.reload.wanted && *wasEnabled) {
+            forgetTrial(context);
+        }
     }
 }
 

@@ -90,6 +90,9 @@ std::string notAnsweringText(pid_t watchdog) {
 }  // namespace
 
 std::optional<std::string> abandonedTrial(const StoreSnapshot& store) {
+    if (const std::optional<TrialRecord> record = readTrialRecord()) {
+        return record->profile;  // an import removes the test profile
+    }
     const std::vector<std::string> names = store.testProfileNames();
     if (names.empty()) {
         return std::nullopt;
