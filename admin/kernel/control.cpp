@@ -302,6 +302,7 @@ void Control::runGuarded(const std::string& failed, const Operation& operation, 
         return;
     }
     if (guard.needsMore()) {
+        session_.applyAnew();
         runGuarded(failed, operation, /*reviewed=*/false);
         return;
     }

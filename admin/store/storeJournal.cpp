@@ -178,6 +178,10 @@ bool beginApplying() {
     return false;
 }
 
+void endApplying() {
+    (void)unlink(kApplying);
+}
+
 bool markApplied() {
     if (const auto listed = listedDocuments()) {
         std::for_each(listed->begin(), listed->end(), keepMode);

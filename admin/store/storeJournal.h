@@ -32,6 +32,9 @@ ChangePhase changePhase();
 /// cannot be recorded; the phase then is as before.
 bool beginApplying();
 
+/// From kApplying back to kWriting. Does nothing if that fails.
+void endApplying();
+
 /// From kApplying to kApplied: gives the documents their modes, see keepMode(), and flushes what
 /// the change has done. False, with errno, if that fails; the change then is one that is to be
 /// undone.

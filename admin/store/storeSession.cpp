@@ -202,6 +202,10 @@ bool StoreSession::applyChange(const std::function<bool()>& apply) {
     return true;
 }
 
+void StoreSession::applyAnew() {
+    endApplying();  // where that fails, a change that is interrupted will be undone, with a note
+}
+
 /// Makes a change as a part of the held one.
 bool StoreSession::changeHeld(const std::function<bool()>& write) {
     if (!held_) {

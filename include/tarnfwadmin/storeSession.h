@@ -143,6 +143,9 @@ public:
     /// the disk. The change is then still to be undone.
     bool applyChange(const std::function<bool()>& apply);
 
+    /// After an applyChange() whose `apply` has put nothing in force: the next one is the first.
+    void applyAnew();
+
     /// Ends a held change. Throws Error, kSystem, like change(), but not when its rules were
     /// applied.
     void keepChange();

@@ -66,3 +66,13 @@ step 'a reload is interrupted' rules_probe closed
 step 'the machine is closed' [ "$(iptables -S INPUT | head -n 1)" = '-P INPUT DROP' ]
 step 'a reload succeeds' tarnfw reload
 step 'all is mended' same_listing enabled
+
+# Such a batch is applied in two runs. A command that is killed after the second one has stored its change.
+tarnfw profile copy deny_by_default other >/dev/null
+step 'a reload is interrupted' rules_probe closed
+refuses 'a command that is killed before it ends its change' strace -f -qq -o /dev/null \
+    -P "$kProfileDirectory/.change/documents" -e trace=unlink -e inject=unlink:signal=KILL \
+    "$build/tools/tarnfw/tarnfw" profile use other --reload --yes
+step 'the next command keeps the change' test "$(tarnfw profile list 2>&1 | grep --count \
+    '^tarnfw: a change .* is kept: its rules had been applied$\|^\* other')" = 2
+step 'the rules are those of the store' tarnfw diff

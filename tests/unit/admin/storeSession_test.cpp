@@ -423,6 +423,16 @@ TEST_F(AppliedChangeTest, IsUndoneWhenTheOldRulesArePutBack) {
     EXPECT_FALSE(homeIsNew());
 }
 
+TEST_F(AppliedChangeTest, IsKeptWhenItWasAppliedAnew) {
+    killedDuring([](StoreSession& session) {
+        EXPECT_FALSE(session.applyChange([] { return false; }));
+        session.applyAnew();
+        EXPECT_TRUE(session.applyChange([] { return true; }));
+    });
+    EXPECT_THAT(notes(), ElementsAre(kKept));
+    EXPECT_TRUE(homeIsNew());
+}
+
 TEST_F(AppliedChangeTest, IsNotAppliedWhenItsBeginningCannotBeRecorded) {
     {
         StoreSession session(StoreSession::Access::kChange);
