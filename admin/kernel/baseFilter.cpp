@@ -96,9 +96,10 @@ bool BaseFilter::isClosed() const {
     const std::vector<std::string>& rules = listing().rulesOf(kReloadingChain);
     const bool drops =
         listing().hasPolicy("INPUT", "DROP") || listing().hasPolicy("FORWARD", "DROP");
-    return drops && std::any_of(rules.begin(), rules.end(), [](const std::string& rule) {
-               return rule.find("ESTABLISHED") != std::string::npos;
-           });
+    const bool established = std::any_of(rules.begin(), rules.end(), [](const std::string& rule) {
+        return rule.find("ESTABLISHED") != std::string::npos;
+    });
+    return drops && (established || !closedPolicies(key_, listing()).empty());
 }
 
 std::map<std::string, std::string> BaseFilter::policies() const {

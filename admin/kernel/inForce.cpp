@@ -105,12 +105,6 @@ std::vector<FamilyInForce> familiesInForce(const FilterListings& listings,
             }
         }
     }
-    for (FamilyInForce& family : families) {
-        const std::optional<RuleListing>& listing = listings.at(family.key);
-        if (listing && !closedPolicies(family.key, *listing).empty()) {
-            family.state = InForce::kClosed;
-        }
-    }
     return families;
 }
 

@@ -59,7 +59,8 @@ public:
     /// How many rules are in the two firewall chains.
     std::size_t loadedRules() const;
 
-    /// Whether the machine is closed, as during a reload in apply mode "lines".
+    /// Whether the machine is closed, as a reload in apply mode "lines" leaves it while it runs, or
+    /// when it was killed, even at its first commands: see closedPolicies().
     bool isClosed() const;
 
     /// The policies of INPUT and FORWARD: "ACCEPT" or "DROP", by chain.
@@ -104,7 +105,7 @@ std::vector<std::string> closeOpenedPolicies();
 
 /// The chains, INPUT or FORWARD, whose policy is DROP in `listing` and was another before a reload
 /// in apply mode "lines" that has not ended: it is running, or was killed. Such a reload sets these
-/// policies before its rule for established connections, see BaseFilter::isClosed().
+/// policies before its rule for established connections.
 std::vector<std::string> closedPolicies(const std::string& family, const RuleListing& listing);
 
 /// "chains A, B; jumps C -> D", or "nothing".

@@ -62,8 +62,22 @@ IPv4, chain INPUT
 - -P INPUT ACCEPT
 + -P INPUT DROP
 END
+answers 0 profile copy deny_by_default tried
+answers 1 try tried --timeout 1
+complains "^tarnfw: profile \"tried\" was not tried: $kInterrupted\$"
+cp -- /run/tarn/reload.json "$out/killed"
 answers 0 reload
 step 'it is gone' same_listing enabled
 answers 0 status
 answers 0 diff
 silent
+
+# The same again: "base up" does not take it for a policy that "base down" must put back.
+cp -- "$out/killed" /run/tarn/reload.json
+iptables -P INPUT DROP
+rm -- /run/tarn/base_filter.json
+answers 0 base up
+step 'it is gone' same_listing enabled
+step 'and not recorded' [ "$(jq .v4.policies /run/tarn/base_filter.json)" = null ]
+answers 0 base down
+step 'nor put back' policies_accept

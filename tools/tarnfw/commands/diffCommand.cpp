@@ -242,8 +242,7 @@ private:
     }
 
     void noteClosed(const std::string& family, const RuleListing& held) {
-        isClosed_ = isClosed_ || BaseFilter(family, held).isClosed() ||
-                    !closedPolicies(family, held).empty();
+        isClosed_ = isClosed_ || BaseFilter(family, held).isClosed();
     }
 
     /// Rules of others that may accept packets before they meet the firewall's.

@@ -112,21 +112,12 @@ void change(const SavedRules& now, const SavedRules& wanted) {
     }
 }
 
-/// Whether a reload that was killed has closed a family to new connections.
-bool isClosed(const FamilyRules& rules) {
-    const std::vector<std::string>& reloading = rules.rulesOf(kReloadingChain);
-    return (rules.hasPolicy("INPUT", "DROP") || rules.hasPolicy("FORWARD", "DROP")) &&
-           std::any_of(reloading.begin(), reloading.end(), [](const std::string& rule) {
-               return rule.find("ESTABLISHED") != std::string::npos;
-           });
-}
-
 /// What the trial goes back to. A rule that a killed reload has left in FIREWALL_RELOADING would
 /// keep the session alive of somebody whom the tried rules lock out: the chain is emptied.
 SavedRules startingPoint() {
     const SavedRules now = SavedRules::inKernel();
-    for (const auto& [unused, rules] : now.families()) {
-        if (isClosed(rules)) {
+    for (const auto& [family, rules] : now.families()) {
+        if (BaseFilter(family, rules).isClosed()) {
             throw Error(ErrorKind::kUnusable,
                         "a reload was interrupted: the machine is closed to new connections; "
                         "\"tarnfw reload\" opens it");
