@@ -53,17 +53,12 @@ public:
     /// longer than iptables-restore reads.
     std::string restoreText(const Json::Value& cmds, const std::string& family);
 
-    /// Applies a command document. Afterwards both families have the new rules, or both have what
-    /// they had before, with its counters. Both are saved and both texts tested before either is
-    /// committed, and whatever a failed commit may have changed is restored. The families differ
-    /// only if restoring fails too, which is logged, or if the caller's process ends between the
-    /// two commits. Policies stay, except if a line-by-line reload was interrupted after it had
-    /// set its rule in FIREWALL_RELOADING: that rule is removed, and they become ACCEPT in both
-    /// families. On a machine without IPv6, which has neither ip6tables-save nor ip6tables-restore
-    /// or whose kernel lacks the family, IPv4 alone is applied.
-    /// Returns false, logged with the adapter, the line and the tool's message, when a line is
-    /// refused or a tool cannot be run. Waits up to 30 s for other programs that change the packet
-    /// filter under the lock of iptables, such as another call of this function.
+    /// Gives both families the document's rules, or leaves both as they were, counters included; on
+    /// a machine without IPv6, IPv4 alone. They differ only if undoing a failed commit fails, which
+    /// is logged, or the process ends between the commits. Policies stay, but a rule that a killed
+    /// "lines" reload left in FIREWALL_RELOADING goes, and INPUT and FORWARD then become ACCEPT.
+    /// Waits up to 30 s for the lock of iptables. Returns false, logged with adapter, line and the
+    /// tool's message, when a line is refused, a tool cannot be run, or the lock is kept.
     bool apply(const Json::Value& cmds);
 
     /// apply(), unless `review` returns false: then nothing changes, and the result is false
