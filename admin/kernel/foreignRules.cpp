@@ -311,7 +311,8 @@ Redirection redirectionBy(const std::vector<KernelRule>& path, const NatTable& t
     Redirection redirection;
     for (const KernelRule& rule : path) {
         const auto text = table.texts.find(rule.text);
-        redirection.rules.push_back(text == table.texts.end() ? rule.text : text->second);
+        redirection.rules.push_back(text == table.texts.end() ? table.prefix + rule.text
+                                                              : text->second);
     }
     std::string ports = optionOf(last, "--to-ports");
     if (last.target == "REDIRECT") {
@@ -336,7 +337,8 @@ Redirection redirectionBy(const std::vector<KernelRule>& path, const NatTable& t
 ForeignRules::ForeignRules(std::string family, RuleListing filter, RuleListing nat,
                            std::vector<Address> own)
     : ForeignRules(std::move(family), std::move(filter),
-                   std::vector<NatTable>{{std::move(nat), {kNatEntrance}, {}}}, std::move(own)) {}
+                   std::vector<NatTable>{{std::move(nat), {kNatEntrance}, {}, ""}},
+                   std::move(own)) {}
 
 ForeignRules::ForeignRules(std::string family, RuleListing filter, std::vector<NatTable> nat,
                            std::vector<Address> own)
@@ -376,7 +378,9 @@ std::vector<EarlyAccept> ForeignRules::anyEarlyAccepts() const {
 
 std::vector<Redirection> ForeignRules::redirections(const ForeignQuestion& question) const {
     std::vector<Redirection> found;
+    std::size_t certainTables = 0;
     for (const NatTable& table : nat_) {
+        bool certainHere = false;
         for (const std::string& entrance : table.entrances) {
             Walk(table.rules, question, false, [&](const auto& path, Effect effect, bool certain) {
                 if (effect != Effect::kRedirects || found.size() >= kMostForeignRules) {
@@ -385,7 +389,15 @@ std::vector<Redirection> ForeignRules::redirections(const ForeignQuestion& quest
                 found.push_back(redirectionBy(path, table, own_));
                 found.back().ports = portsOn(path, question);
                 found.back().certain = certain;
+                certainHere = certainHere || certain;
             }).run(entrance);
+        }
+        certainTables += certainHere ? 1 : 0;
+    }
+    if (certainTables > 1) {
+        // The table that the packets meet first decides, and the order is not known.
+        for (Redirection& redirection : found) {
+            redirection.certain = false;
         }
     }
     return found;

@@ -1,15 +1,19 @@
 #include <fcntl.h>
+#include <linux/netfilter.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <future>
-#include <optional>
+#include <map>
 #include <set>
+#include <sstream>
+#include <utility>
 
+#include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 
+#include "kernel/nftChains.h"
 #include "kernel/nftRules.h"
 #include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/error.h"
@@ -19,84 +23,163 @@
 namespace tarnfw {
 namespace {
 
-constexpr int kNatSeconds = 5;
+constexpr int kSeconds = 5;
 
 constexpr char kNft[] = "/usr/sbin/nft";
 
 // Each is one more run of nft.
 constexpr std::size_t kMostNftTables = 20;
 
+using Names = std::set<std::string>;
+
 ProgramAnswer answerOf(const std::vector<std::string>& words) {
     const Descriptor nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    return runProgram(words, nothing.get(), {}, kNatSeconds);
+    return runProgram(words, nothing.get(), {}, kSeconds);
+}
+
+bool isProgram(const std::string& path) {
+    return access(path.c_str(), X_OK) == 0;
 }
 
 // ---- iptables -----------------------------------------------------------------------------------
 
-/// The table "nat" of a family.
-struct NatRules {
-    RuleListing rules;
-    bool incompatible = false;  ///< it has rules that only nft can list
-    std::string failure;        ///< why it cannot be listed
+/// The tables of a family in one of the two parts of the kernel that variants of iptables use. Both
+/// are in force at once, whichever the firewall's is.
+struct Part {
+    std::string family;
+    bool nft = false;
+    Names tables;  ///< those to list
+
+    bool isOwn() const { return nft == isNftVariant(family); }
+
+    /// "iptables-legacy".
+    std::string variant() const {
+        return (family == "v4" ? "iptables" : "ip6tables") + std::string(nft ? "-nft" : "-legacy");
+    }
+
+    std::string program() const {
+        return programOf(family) + (isOwn() ? "" : nft ? "-nft" : "-legacy") + "-save";
+    }
+
+    /// What to write before the rules of a table.
+    std::string prefixOf(const std::string& table) const {
+        return isOwn() ? "" : variant() + " -t " + table + " ";
+    }
 };
 
-/// Whether the legacy variant has the table: its programs would load it by asking for it, and with
-/// it the tracking of connections.
-bool hasLegacyNat(const std::string& family) {
-    std::ifstream names(family == "v4" ? "/proc/net/ip_tables_names"
-                                       : "/proc/net/ip6_tables_names");
-    for (std::string name; std::getline(names, name);) {
-        if (name == "nat") {
-            return true;
-        }
+/// What was found of it.
+struct PartListing {
+    std::map<std::string, RuleListing> tables;
+    Names unread;         ///< tables with rules that only nft can list
+    std::string failure;  ///< why the others cannot be listed
+};
+
+/// The tables that the legacy variant has: its programs would load another one by asking for it,
+/// and with "nat" the tracking of connections.
+Names legacyTables(const std::string& family) {
+    std::ifstream file(family == "v4" ? "/proc/net/ip_tables_names" : "/proc/net/ip6_tables_names");
+    Names names;
+    for (std::string name; std::getline(file, name);) {
+        names.insert(name);
     }
-    return false;
+    return names;
 }
 
-NatRules natRules(const std::string& family) {
-    NatRules result;
-    if (!isNftVariant(family) && !hasLegacyNat(family)) {
-        return result;
+/// Reads what the saving program writes of several tables.
+PartListing tablesIn(const std::string& text, const Names& wanted) {
+    PartListing listing;
+    std::istringstream lines(text);
+    std::string table;
+    std::string rules;
+    for (std::string line; std::getline(lines, line);) {
+        if (boost::starts_with(line, "*")) {
+            table = line.substr(1);
+            rules.clear();
+        } else if (line == "COMMIT" && wanted.count(table) != 0) {
+            listing.tables[table] = RuleListing::fromSaved(rules);
+        } else if (boost::contains(line, "is incompatible")) {
+            for (const std::string& name : wanted) {  // # Table `nat' is incompatible, use 'nft'
+                if (boost::contains(line, "`" + name + "'")) {
+                    listing.unread.insert(name);
+                }
+            }
+        } else {
+            rules += line + "\n";
+        }
+    }
+    return listing;
+}
+
+PartListing listingOf(const Part& part) {
+    PartListing listing;
+    if (part.tables.empty()) {
+        return listing;
+    }
+    const std::string what = "the rules in " + boost::join(part.tables, ", ") + " of " +
+                             part.variant() + " are not known: ";
+    if (!isProgram(part.program())) {
+        listing.failure = what + "there is no " + part.program();
+        return listing;
     }
     try {
-        const ProgramAnswer answer = answerOf({programOf(family) + "-save", "-t", "nat"});
-        // A kernel without the table says so; its filter table is listed elsewhere.
-        if (answer.status == 0) {
-            result.rules = RuleListing::from(answer.output);
-            result.incompatible = boost::contains(answer.output, "is incompatible");
+        std::vector<std::string> words = {part.program()};
+        if (part.tables.size() == 1) {
+            words.insert(words.end(), {"-t", *part.tables.begin()});
         }
+        const ProgramAnswer answer = answerOf(words);
+        if (answer.status == 0) {
+            return tablesIn(answer.output, part.tables);
+        }
+        listing.failure = what + part.program() + " fails" + becauseOf(answer);
     } catch (const Error& error) {
-        result.failure = error.what();
+        listing.failure = what + error.what();
     }
-    return result;
+    return listing;
 }
 
 // ---- nftables -----------------------------------------------------------------------------------
 
-/// "ip" and "nat": that of iptables, in its variant for nftables.
-NftTable tableOfIptables(const std::string& family) {
-    return {family == "v4" ? "ip" : "ip6", "nat"};
+/// The family of iptables' tables in its variant for nftables.
+std::string nftFamilyOf(const std::string& family) {
+    return family == "v4" ? "ip" : "ip6";
 }
 
-bool hasNft() {
-    return access(kNft, X_OK) == 0;
+/// Whether incoming packets may get another destination in a chain.
+bool redirects(const NftBaseChain& chain) {
+    return chain.type == "nat" && chain.hook == NF_INET_PRE_ROUTING &&
+           chain.table.first != "netdev";
 }
 
-/// What "nft" prints; nothing on a kernel without nftables. Throws Error, kSystem, when it fails.
-std::string nftOutput(const std::vector<std::string>& arguments) {
-    std::vector<std::string> words = {kNft};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    const ProgramAnswer answer = answerOf(words);
-    if (answer.status != 0 && !boost::contains(answer.errors, "not supported")) {
+/// The tables that have such chains.
+std::vector<NftTable> tablesToList(const std::vector<NftBaseChain>& chains) {
+    std::vector<NftTable> tables;
+    for (const NftBaseChain& chain : chains) {
+        if (redirects(chain) &&
+            std::find(tables.begin(), tables.end(), chain.table) == tables.end()) {
+            tables.push_back(chain.table);
+        }
+    }
+    return tables;
+}
+
+/// What nft prints of a table. Throws Error, kSystem.
+std::string listedByNft(const NftTable& table) {
+    if (!isProgram(kNft)) {
+        throw Error(ErrorKind::kSystem, std::string("there is no ") + kNft);
+    }
+    const ProgramAnswer answer =
+        answerOf({kNft, "-t", "-n", "list", "table", table.first, table.second});
+    if (answer.status != 0) {
         throw Error(ErrorKind::kSystem, std::string(kNft) + " fails" + becauseOf(answer));
     }
     return answer.output;
 }
 
 /// Adds the tables of nftables but `known`, those that iptables has listed.
-void addNftTables(const std::string& chains, const std::set<NftTable>& known, NatTables& all) {
+void addNftTables(const std::vector<NftTable>& tables, const std::set<NftTable>& known,
+                  NatTables& all) {
     std::size_t listed = 0;
-    for (const NftTable& table : nftNatTables(chains)) {
+    for (const NftTable& table : tables) {
         if (known.count(table) != 0) {
             continue;
         }
@@ -106,10 +189,9 @@ void addNftTables(const std::string& chains, const std::set<NftTable>& known, Na
             return;
         }
         try {
-            const std::string text =
-                nftOutput({"-t", "-n", "list", "table", table.first, table.second});
+            const std::string text = listedByNft(table);
             for (const char* const family : {"v4", "v6"}) {
-                if (table.first == "inet" || table.first == tableOfIptables(family).first) {
+                if (table.first == "inet" || table.first == nftFamilyOf(family)) {
                     all.byFamily[family].push_back(natTableFrom(text, table, family));
                 }
             }
@@ -119,39 +201,62 @@ void addNftTables(const std::string& chains, const std::set<NftTable>& known, Na
     }
 }
 
+/// The parts that have tables to list: of both families, in each variant.
+std::vector<Part> partsToList(const std::vector<NftTable>& nft) {
+    std::vector<Part> parts;
+    for (const char* const family : {"v4", "v6"}) {
+        Part legacy{family, false, {}};
+        if (legacyTables(family).count("nat") != 0) {
+            legacy.tables = {"nat"};
+        }
+        parts.push_back(legacy);
+        Part other{family, true, {}};
+        if (std::find(nft.begin(), nft.end(), NftTable(nftFamilyOf(family), "nat")) != nft.end()) {
+            other.tables = {"nat"};
+        }
+        parts.push_back(other);
+    }
+    return parts;
+}
+
 }  // namespace
 
 NatTables natTables() {
-    // All at once: most of the time goes into the start of the programs.
-    auto v4 = std::async(std::launch::async, natRules, "v4");
-    auto v6 = std::async(std::launch::async, natRules, "v6");
     NatTables all;
-    std::optional<std::string> chains;
+    std::vector<NftTable> nft;
     try {
-        if (hasNft()) {
-            chains = nftOutput({"list", "chains"});
-        }
+        nft = tablesToList(nftBaseChains());
     } catch (const Error& error) {
-        all.unknown.push_back(std::string("the tables of nftables cannot be listed: ") +
-                              error.what());
+        all.unknown.emplace_back(error.what());
+    }
+    // All at once: most of the time goes into the start of the programs.
+    const std::vector<Part> parts = partsToList(nft);
+    std::vector<std::future<PartListing>> running;
+    running.reserve(parts.size());
+    for (const Part& part : parts) {
+        running.push_back(std::async(std::launch::async, listingOf, part));
     }
     std::set<NftTable> known;
-    for (const char* const family : {"v4", "v6"}) {
-        NatRules nat = (family == std::string("v4") ? v4 : v6).get();
-        if (!nat.failure.empty()) {
-            all.unknown.push_back("the nat table of " + titleOf(family) +
-                                  " cannot be listed: " + nat.failure);
-        } else if (nat.incompatible && !chains) {
-            all.unknown.push_back("the nat table of " + titleOf(family) +
-                                  " cannot be listed: it has rules that only nft shows");
-        } else if (!nat.incompatible && isNftVariant(family)) {
-            known.insert(tableOfIptables(family));
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        PartListing listing = running[i].get();
+        for (auto& [table, rules] : listing.tables) {
+            if (parts[i].nft && listing.unread.count(table) == 0) {
+                known.insert({nftFamilyOf(parts[i].family), table});
+            }
+            all.byFamily[parts[i].family].push_back(
+                {std::move(rules), {kNatEntrance}, {}, parts[i].prefixOf(table)});
         }
-        all.byFamily[family].push_back({std::move(nat.rules), {kNatEntrance}, {}});
+        if (listing.failure.empty() || (parts[i].nft && isProgram(kNft))) {
+            continue;  // what a program for nftables cannot list is left to nft
+        }
+        all.unknown.push_back(listing.failure);
+        for (const std::string& table : parts[i].tables) {
+            if (parts[i].nft) {
+                known.insert({nftFamilyOf(parts[i].family), table});
+            }
+        }
     }
-    if (chains) {
-        addNftTables(*chains, known, all);
-    }
+    addNftTables(nft, known, all);
     return all;
 }
 

@@ -347,22 +347,6 @@ std::string shown(const NftTable& table, const std::string& chain, const std::st
 
 }  // namespace
 
-std::vector<NftTable> nftNatTables(const std::string& text) {
-    std::vector<NftTable> tables;
-    NftTable current;
-    for (const std::string& line : linesOf(text)) {
-        const std::string name = nameIn(line, "table");
-        if (!name.empty()) {
-            const std::size_t blank = name.find(' ');
-            current = {name.substr(0, blank), name.substr(blank + 1)};
-        } else if (isNatEntrance(line) && (tables.empty() || tables.back() != current) &&
-                   (current.first == "ip" || current.first == "ip6" || current.first == "inet")) {
-            tables.push_back(current);
-        }
-    }
-    return tables;
-}
-
 NatTable natTableFrom(const std::string& text, const NftTable& table, const std::string& family) {
     NatTable result;
     Words anywhere;  // the rules that go to chains which are not shown

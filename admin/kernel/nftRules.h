@@ -13,10 +13,6 @@ namespace tarnfw {
 /// A table of nftables: its family ("ip", "ip6", "inet") and name.
 using NftTable = std::pair<std::string, std::string>;
 
-/// The tables with a chain that may change where incoming packets go. `text` is what
-/// "nft list chains" prints.
-std::vector<NftTable> nftNatTables(const std::string& text);
-
 /// The rules of a table for a family, "v4" or "v6". `text` is what "nft -t -n list table" prints.
 /// What has no equivalent becomes a condition that is not read, so that an answer that depends on
 /// it is no certain one.

@@ -57,19 +57,20 @@ struct NatTable {
     RuleListing rules;
     std::vector<std::string> entrances;        ///< the chains that incoming packets begin with
     std::map<std::string, std::string> texts;  ///< what to show for a rule instead of its text
+    std::string prefix;                        ///< before other rules: "iptables-legacy -t nat "
 };
 
-/// Those of the machine, by family: the table "nat" of iptables, and other programs' tables of
-/// nftables.
+/// Those of the machine, by family: the table "nat" of both variants of iptables, which are in
+/// force together whichever the firewall's is, and other programs' tables of nftables.
 struct NatTables {
     std::map<std::string, std::vector<NatTable>> byFamily;
-    std::vector<std::string> unknown;  ///< "the nat table of IPv4 cannot be listed: ..."
+    /// "the rules in nat of iptables-legacy are not known: there is no ...".
+    std::vector<std::string> unknown;
 };
 
-/// Lists them, each program within 5 s. A kernel without the table "nat" has no rules; it is not
-/// asked in a way that would load it. Without the program "nft" only iptables is asked; with it,
-/// one run lists the chains of nftables, and one more each table of others that changes where
-/// packets go.
+/// Lists them, each program within 5 s. The kernel is asked first which tables there are, in a way
+/// that loads none: a program runs only for a variant that has a table "nat", and "nft" for each
+/// table of others that changes where packets go.
 NatTables natTables();
 
 /// The rules of one family, and what they do to the packets of a question.

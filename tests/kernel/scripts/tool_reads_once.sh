@@ -62,7 +62,7 @@ opens library
 counted 0 status
 opens tool
 step 'IPv4 is listed once' [ "$(grep --count '^run .*/iptables .* -S' "$kOpened")" = 1 ]
-step 'and so is its nat table' [ "$(grep --count '^run .*/iptables-save ' "$kOpened")" -le 1 ]
+step 'nothing else is listed where nobody has other tables' [ "$(grep --count '^run ' "$kOpened")" = 2 ]
 step 'and so is IPv6' [ "$(grep --count '^run .*/ip6tables .* -S' "$kOpened")" = 1 ]
 counted 0 profile list
 counted 0 profile show
@@ -75,6 +75,7 @@ counted 0 check
 counted 0 preview
 counted 10 blocked --port tcp/23 --adapter eth0
 step 'IPv4 is listed once' [ "$(grep --count '^run .*/iptables .* -S' "$kOpened")" = 1 ]
+step 'and nothing but the two families' [ "$(grep --count '^run ' "$kOpened")" = 2 ]
 counted 10 explain --port tcp/23 --adapter eth0 --from 192.168.1.20
 counted 0 diff
 counted 0 adapters

@@ -271,5 +271,33 @@ TEST(RedirectionOfManyTest, NamesThePortsThatItIsFor) {
     EXPECT_FALSE(found[0].certain);
 }
 
+/// The nat table of the other variant of iptables.
+NatTable tableOfLegacy(const std::string& rules) {
+    return {RuleListing::from(rules), {kNatEntrance}, {}, "iptables-legacy -t nat "};
+}
+
+TEST(RedirectionOfManyTest, NamesTheVariantOfIptables) {
+    const auto found = ForeignRules("v4", RuleListing(),
+                                    {{RuleListing(), {kNatEntrance}, {}, ""},
+                                     tableOfLegacy("-A PREROUTING -j REDIRECT --to-ports 23\n")})
+                           .redirections(question());
+    ASSERT_THAT(found, SizeIs(1));
+    EXPECT_THAT(found[0].rules, ElementsAre("iptables-legacy -t nat -A PREROUTING -j REDIRECT "
+                                            "--to-ports 23"));
+    EXPECT_TRUE(found[0].certain);
+}
+
+TEST(RedirectionOfManyTest, OfTwoTablesNeitherIsCertain) {
+    const NatTable own{
+        RuleListing::from("-A PREROUTING -j REDIRECT --to-ports 80\n"), {kNatEntrance}, {}, ""};
+    const auto found =
+        ForeignRules("v4", RuleListing(),
+                     {own, tableOfLegacy("-A PREROUTING -j REDIRECT --to-ports 23\n")})
+            .redirections(question());
+    ASSERT_THAT(found, SizeIs(2));
+    EXPECT_FALSE(found[0].certain);
+    EXPECT_FALSE(found[1].certain);
+}
+
 }  // namespace
 }  // namespace tarnfw

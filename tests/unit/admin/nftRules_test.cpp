@@ -15,7 +15,6 @@ namespace tarnfw {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::ValuesIn;
 
 template <typename Case>
@@ -32,39 +31,7 @@ ForeignQuestion question(int port) {
     return asked;
 }
 
-// As nft 1.0.6 prints them.
-constexpr char kChains[] = R"(table ip nat {
-	chain PREROUTING {
-		type nat hook prerouting priority dstnat; policy accept;
-	}
-}
-table ip filter {
-	chain INPUT {
-		type filter hook input priority filter; policy accept;
-	}
-}
-table inet others {
-	chain pre {
-		type nat hook prerouting priority dstnat; policy accept;
-	}
-	chain published {
-	}
-	chain out {
-		type nat hook output priority -100; policy accept;
-	}
-}
-table ip local {
-	chain out {
-		type nat hook output priority -100; policy accept;
-	}
-}
-table ip6 mine {
-	chain p {
-		type nat hook prerouting priority dstnat + 10; policy accept;
-	}
-}
-)";
-
+// As nft 1.0.6 prints it.
 constexpr char kOthers[] = R"(table inet others {
 	set blocked {
 		type ipv4_addr
@@ -108,13 +75,6 @@ constexpr char kOthers[] = R"(table inet others {
 	}
 }
 )";
-
-TEST(NftTest, FindsTheTablesThatIncomingPacketsMeet) {
-    EXPECT_THAT(
-        nftNatTables(kChains),
-        ElementsAre(NftTable("ip", "nat"), NftTable("inet", "others"), NftTable("ip6", "mine")));
-    EXPECT_THAT(nftNatTables(""), IsEmpty());
-}
 
 struct NftCase {
     const char* name;
