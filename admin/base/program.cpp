@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstring>
 #include <iterator>
 #include <optional>
 #include <sstream>
@@ -37,19 +38,20 @@ int waitUntil(const std::optional<Clock::time_point>& limit) {
     return static_cast<int>(std::max<decltype(left)>(left, 0));
 }
 
-/// Reads two streams until both have ended. False when they have not by then.
-bool readBoth(int first, std::string& firstText, int second, std::string& secondText,
-              const std::optional<Clock::time_point>& limit) {
+/// Reads two streams until both have ended. Returns 0, or the error number of what has failed:
+/// ETIMEDOUT when they have not ended by then.
+int readBoth(int first, std::string& firstText, int second, std::string& secondText,
+             const std::optional<Clock::time_point>& limit) {
     std::array<pollfd, 2> streams{pollfd{first, POLLIN, 0}, pollfd{second, POLLIN, 0}};
     const std::array<std::string*, 2> texts{&firstText, &secondText};
     std::array<char, 65536> buffer;
     while (streams[0].fd >= 0 || streams[1].fd >= 0) {
         const int ready = poll(streams.data(), streams.size(), waitUntil(limit));
         if (ready < 0 && errno != EINTR) {
-            return true;
+            return errno;
         }
         if (limit && Clock::now() >= *limit) {
-            return false;
+            return ETIMEDOUT;
         }
         if (ready <= 0) {
             continue;
@@ -61,12 +63,14 @@ bool readBoth(int first, std::string& firstText, int second, std::string& second
             const ssize_t length = read(streams[i].fd, buffer.data(), buffer.size());
             if (length > 0) {
                 texts[i]->append(buffer.data(), static_cast<std::size_t>(length));
-            } else if (length == 0 || errno != EINTR) {
+            } else if (length == 0) {
                 streams[i].fd = -1;
+            } else if (errno != EINTR) {
+                return errno;
             }
         }
     }
-    return true;
+    return 0;
 }
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
@@ -139,14 +143,22 @@ ProgramAnswer runProgram(const std::vector<std::string>& words, int input,
     const std::optional<Clock::time_point> limit =
         mostSeconds > 0 ? std::optional(Clock::now() + std::chrono::seconds(mostSeconds))
                         : std::nullopt;
-    if (!readBoth(output.readEnd.get(), answer.output, errors.readEnd.get(), answer.errors,
-                  limit)) {
+    const int failure =
+        readBoth(output.readEnd.get(), answer.output, errors.readEnd.get(), answer.errors, limit);
+    if (failure == ETIMEDOUT) {
         (void)kill(process, SIGKILL);
         (void)exitStatusOf(process);
         throw Error(ErrorKind::kSystem,
                     program + " did not end within " + std::to_string(mostSeconds) + " s");
     }
+    (void)output.readEnd.close();  // so that a program whose answer is not read ends
+    (void)errors.readEnd.close();
     answer.status = exitStatusOf(process).value_or(kProgramNotRun);
+    if (failure != 0) {
+        // A part of an answer would be taken for all of it.
+        throw Error(ErrorKind::kSystem,
+                    "cannot read what " + program + " answers: " + std::strerror(failure));
+    }
     if (answer.status == kNotEntered || answer.status == kProgramNotRun) {
         throw Error(ErrorKind::kSystem, "cannot run " + program);
     }

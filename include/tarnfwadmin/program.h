@@ -20,8 +20,8 @@ struct ProgramAnswer {
 /// standard input, a descriptor. `enter` is called in the new process first; where it returns
 /// false, the program does not run. Without `enter` the start is quicker, the more so the more
 /// memory this process has. `variable` is added to the program's environment: "NAME=value".
-/// Throws Error, kSystem, when it cannot be run or was killed, and after `mostSeconds`, which kills
-/// it; 0 is without a limit.
+/// Throws Error, kSystem, when it cannot be run or was killed, when what it writes cannot be read,
+/// and after `mostSeconds`, which kills it; 0 is without a limit.
 ProgramAnswer runProgram(const std::vector<std::string>& words, int input,
                          const std::function<bool()>& enter = {}, int mostSeconds = 0,
                          const std::string& variable = "");

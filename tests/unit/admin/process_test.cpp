@@ -1,5 +1,7 @@
 #include "tarnfwadmin/process.h"
 
+#include <dlfcn.h>
+#include <errno.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/time.h>
@@ -16,6 +18,23 @@
 #include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/program.h"
+
+namespace {
+
+// Of this process; the one that fails, from 1, or 0.
+int reads = 0;
+int failingRead = 0;
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) ssize_t read(int fd, void* to, size_t bytes) {
+    if (++reads == failingRead) {
+        errno = EIO;
+        return -1;
+    }
+    using Function = ssize_t (*)(int, void*, size_t);
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, "read"))(fd, to, bytes);
+}
 
 namespace tarnfw {
 namespace {
@@ -67,6 +86,23 @@ TEST(ProcessTest, MissingProgramIsAnError) {
     EXPECT_THROW((void)runProgram({"/nowhere/program"}, input.get()), Error);
     EXPECT_THROW((void)runProgram({"/nowhere/program"}, input.get(), [] { return true; }), Error);
     EXPECT_THROW((void)runProgram({"/bin/true"}, input.get(), [] { return false; }), Error);
+}
+
+TEST(ProcessTest, AnswerThatCannotBeReadIsAnError) {
+    const Descriptor input = memoryFile("input");
+    const std::vector<std::string> words = {"/bin/sh", "-c", "echo answer"};
+    // Each of its reads in turn: of the text, and of the ends of the two streams.
+    for (failingRead = 1; failingRead <= 3; ++failingRead) {
+        reads = 0;
+        try {
+            (void)runProgram(words, input.get());
+            ADD_FAILURE() << "read " << failingRead;
+        } catch (const Error& error) {
+            EXPECT_STREQ(error.what(), "cannot read what /bin/sh answers: Input/output error");
+        }
+    }
+    failingRead = 0;
+    EXPECT_EQ(runProgram(words, input.get()).output, "answer\n");
 }
 
 TEST(ProcessTest, WaitsOnlyForChildren) {
