@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <exception>
@@ -205,6 +206,16 @@ void baseUp() {
     setUpMachine(time, isEnabled());
 }
 
+/// Whether some of `parts` are among the missing ones.
+bool isAnyOf(const BaseParts& parts, const BaseParts& missing) {
+    const auto haveOne = [](const auto& all, const auto& others) {
+        return std::any_of(all.begin(), all.end(), [&](const auto& part) {
+            return std::find(others.begin(), others.end(), part) != others.end();
+        });
+    };
+    return haveOne(parts.chains, missing.chains) || haveOne(parts.jumps, missing.jumps);
+}
+
 void baseDown() {
     requireRoot();
     requireNoTrial();
@@ -219,6 +230,10 @@ void baseDown() {
     tidyBase(/*enabled=*/false);
     for (BaseFilter filter : baseFilters()) {
         const FamilyBaseRecord family = record[filter.key()];
+        if (isAnyOf(family.added, filter.missing())) {
+            // Once more: iptables succeeds even when it could not write all of a listing.
+            filter = BaseFilter(filter.key());
+        }
         filter.remove(family.added);
         putPoliciesBack(family, filter);
         record.erase(filter.key());
