@@ -204,6 +204,25 @@ bool disableLocked() {
     return stored;
 }
 
+/// What is in force after a reload that has changed nothing.
+std::string unchangedText(const ReloadGuard& guard) {
+    try {
+        return guard.before().hasRules() ? "the kernel still has the old rules"
+                                         : "no rules are in force; the machine is open";
+    } catch (const Error&) {
+        return "nothing was changed";  // a family cannot be listed, as the failure says
+    }
+}
+
+/// False as well when a family cannot be listed: that of the other is to be put back.
+bool isSeenAsBefore(const ReloadGuard& guard) {
+    try {
+        return guard.isAsBefore();
+    } catch (const Error&) {
+        return false;
+    }
+}
+
 }  // namespace
 
 bool runHere(const std::string& /*what*/, const std::function<bool()>& work) {
@@ -332,18 +351,16 @@ std::string Control::goBack(ReloadGuard& guard, bool wasEnabled) {
     const bool isEnabled = session_.snapshot().firewallEnabled();
     guard.insist();
     try {
-        if (isEnabled == wasEnabled && guard.isAsBefore()) {
+        if (isEnabled == wasEnabled && isSeenAsBefore(guard)) {
             guard.mend(wasEnabled);
-            return !wasEnabled                 ? "the firewall stays off"
-                   : guard.before().hasRules() ? "the kernel still has the old rules"
-                                               : "no rules are in force; the machine is open";
+            return wasEnabled ? unchangedText(guard) : "the firewall stays off";
         }
         (void)run_("Restoring the rules that were in force", [&] {
             if (isEnabled && !wasEnabled) {
                 // It would wait for the lock of iptables once more. Looked at below.
                 (void)(guard.lockIsKept() ? storeStatus(false) : FW::TARNFW().fwDisable());
             }
-            if (guard.isAsBefore()) {
+            if (isSeenAsBefore(guard)) {
                 guard.mend(wasEnabled);
             } else {
                 guard.putBack();

@@ -1,7 +1,9 @@
 #include "tarnfwadmin/inForce.h"
 
 #include <algorithm>
+#include <future>
 #include <map>
+#include <utility>
 
 #include <json/json.h>
 
@@ -65,13 +67,21 @@ std::vector<FamilyInForce> familiesByMode(const FilterListings& listings,
     const std::optional<FamilyChainRules> wanted =
         store.firewallEnabled() ? wantedRules(store, mode) : FamilyChainRules();
     std::vector<FamilyInForce> families;
-    for (const auto& [key, listing] : listings) {
+    for (const auto& [key, filter] : listings) {
+        if (!filter.failure.empty()) {
+            FamilyInForce family;
+            family.key = key;
+            family.state = InForce::kUnknown;
+            family.failure = filter.failure;
+            families.push_back(std::move(family));
+            continue;
+        }
         std::optional<ChainRules> own;
         if (wanted) {
             const auto found = wanted->find(key);
             own = found == wanted->end() ? ChainRules() : found->second;
         }
-        families.push_back(familyInForce(key, listing, own));
+        families.push_back(familyInForce(key, filter.rules, own));
     }
     return families;
 }
@@ -79,12 +89,23 @@ std::vector<FamilyInForce> familiesByMode(const FilterListings& listings,
 }  // namespace
 
 FilterListings filterListings() {
-    const std::map<std::string, RuleListing> present = MachineKernel().listFilters();
+    const auto listingOf = [](const char* family) {
+        FilterListing filter;
+        try {
+            filter.rules = MachineKernel().listPresent(family, "filter");
+        } catch (const Error& error) {
+            filter.failure = error.what();
+        }
+        return filter;
+    };
+    // Most of the time goes into the start of the programs.
+    std::future<FilterListing> second = std::async(std::launch::async, listingOf, "v6");
     FilterListings listings;
-    for (const char* const family : {"v4", "v6"}) {
-        const auto found = present.find(family);
-        listings[family] =
-            found == present.end() ? std::nullopt : std::optional<RuleListing>(found->second);
+    listings["v4"] = listingOf("v4");
+    listings["v6"] = second.get();
+    const FilterListing& first = listings["v4"];
+    if (!first.failure.empty() && !listings["v6"].rules) {
+        throw Error(ErrorKind::kSystem, first.failure);
     }
     return listings;
 }
@@ -140,6 +161,8 @@ std::string inForceWord(InForce state) {
             return "noBase";
         case InForce::kClosed:
             return "closed";
+        case InForce::kUnknown:
+            return "unknown";
         case InForce::kAbsent:
             break;
     }

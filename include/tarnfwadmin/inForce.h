@@ -25,7 +25,8 @@ enum class InForce {
     kNothing,    ///< no rules, though the active profile has some
     kNoBase,     ///< chains or jumps are missing: packets bypass the rules
     kClosed,  ///< what a reload in apply mode "lines" leaves while it runs, or when it was killed
-    kAbsent   ///< the machine has no packet filter for this family
+    kAbsent,  ///< the machine has no packet filter for this family
+    kUnknown  ///< its filter table cannot be listed
 };
 
 /// One family of the kernel's packet filter.
@@ -36,13 +37,19 @@ struct FamilyInForce {
     bool inOrder = true;
     BaseParts missing;
     std::size_t loadedRules = 0;  ///< in the two firewall chains
+    std::string failure;          ///< with kUnknown, why
 };
 
-/// The filter tables of the machine, by family; none for a family that it does not have.
-using FilterListings = std::map<std::string, std::optional<RuleListing>>;
+/// The filter table of a family.
+struct FilterListing {
+    std::optional<RuleListing> rules;  ///< none when the machine does not have the family
+    std::string failure;               ///< why it cannot be listed; `rules` is then none
+};
 
-/// Lists them, each once, at the same time. Throws Error, kSystem, when a family that the machine
-/// has cannot be listed.
+/// Those of the machine, by family: "v4", "v6".
+using FilterListings = std::map<std::string, FilterListing>;
+
+/// Lists them, each once, at the same time. Throws Error, kSystem, when none can be listed.
 FilterListings filterListings();
 
 /// What is in force in each family, "v4" first, by the stored settings and the active profile.
@@ -65,7 +72,7 @@ bool hasActiveProfile(const SavedRules& rules, const StoreSnapshot& store);
 FamilyInForce inForceOf(const std::string& key, const std::optional<RuleListing>& listing,
                         const std::optional<std::vector<std::string>>& wanted);
 
-/// "asStored", "different", "nothing", "noBase", "closed", "absent".
+/// "asStored", "different", "nothing", "noBase", "closed", "absent", "unknown".
 std::string inForceWord(InForce state);
 
 }  // namespace tarnfw

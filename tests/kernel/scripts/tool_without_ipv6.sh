@@ -5,21 +5,24 @@
 # shellcheck source=tests/kernel/answers.sh
 source "$checkout/tests/kernel/answers.sh"
 
-# The programs as they answer on a kernel without IPv6, and none at all.
-kernel_without_ipv6() {
+# The programs with an ip6tables that answers as on a kernel without IPv6 while there is a file
+# /tmp/absent, and that fails while there is /tmp/broken; and no ip6tables at all.
+wrap_programs() {
     mkdir /tmp/wrapped
     cp -- "/usr/sbin/xtables-$variant-multi" /tmp/wrapped/iptables
     cat >/tmp/wrapper <<'END'
-#!/bin/sh
+#!/bin/bash
 case ${0##*/} in
 ip6tables*)
-    echo "${0##*/} v1 (legacy): can't initialize ip6tables table \`filter': Address family not supported by protocol" >&2
-    exit 3
+    [ ! -e /tmp/broken ] || { echo 'is broken' >&2; exit 1; }
+    if [ -e /tmp/absent ]; then
+        echo "${0##*/} v1 (legacy): can't initialize ip6tables table \`filter': Address family not supported by protocol" >&2
+        exit 3
+    fi
     ;;
 esac
 exec -a "${0##*/}" /tmp/wrapped/iptables "$@"
 END
-    sed -i '1s/sh$/bash/' /tmp/wrapper # for "exec -a"
     chmod +x /tmp/wrapper
     mount --bind /tmp/wrapper "/usr/sbin/xtables-$variant-multi"
 }
@@ -75,8 +78,47 @@ all_commands() {
     silent
 }
 
+# An ip6tables that is there and fails is no absent one: IPv4 is looked at all the same, the failure is named
+# once, and nothing succeeds.
+broken_ip6tables() {
+    local command mode words
+    answers 0 base up
+    use_profile deny_by_default
+    answers 0 enable --yes
+    keep_listing enabled
+    touch /tmp/broken
+    for mode in batch lines; do
+        answers 0 apply-mode "$mode"
+        answers 11 status
+        says '^Firewall: *enabled, but what is in force for IPv6 is not known: /sbin/ip6tables cannot list the filter table: is broken$'
+        says '^Base filter: *IPv4 set up$'
+        says '^In the kernel: *IPv4 [0-9]* rules$'
+        says '^In the kernel: *IPv6 not known$'
+        step 'once' [ "$(grep --count broken "$out/answer")" = 1 ]
+        silent
+        answers 11 status --json
+        step 'in JSON as well' [ "$(jq --compact-output '[.asStored, .kernel.v4.inForce, .kernel.v6.inForce]' \
+            "$out/answer")" = '[false,"asStored","unknown"]' ]
+        answers 11 blocked --port tcp/22 --adapter eth0
+        says 'what is in force for IPv6 is not known: '
+        for command in 'reload --yes' 'enable --yes' disable 'base up' 'base down'; do
+            read -r -a words <<<"$command"
+            answers 1 "${words[@]}"
+            complains '/sbin/ip6tables cannot list the filter table: is broken\(; nothing was changed\)\?$'
+        done
+        step 'IPv4 is as before' diff -u "$out/enabled.v4" <(listing v4)
+    done
+    rm /tmp/broken
+    answers 0 status
+    answers 0 base down
+    step 'the firewall that filters nothing is named' grep --quiet 'now filters nothing' "$out/complaint"
+}
+
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
-kernel_without_ipv6
+wrap_programs
+touch /tmp/absent
 all_commands
+rm /tmp/absent
+broken_ip6tables
 no_ip6tables
 all_commands

@@ -241,6 +241,24 @@ TEST_F(ControlTest, ApplyThatFailsSaysWhatIsInForce) {
     EXPECT_THAT(run_, ElementsAre(kApplying, kApplying));
 }
 
+// Those of the other family can be put back.
+TEST_F(ControlTest, ApplyThatFailsRestoresRulesThoughAFamilyCannotBeListed) {
+    writeSettings(true);
+    kernelHas(std::string(kChains) + kJumps + kRule);
+    next([] {
+        kernelHas(std::string(kChains) + kJumps);
+        playPrograms(
+            std::string("#!/bin/sh\ncase $0 in *ip6*) exit 1 ;; esac\ncat ") + kListing + "\n",
+            {"ip6tables"});
+        return false;
+    });
+    next(leaving(true, true));
+    expectError(ErrorKind::kRefused,
+                "the active profile was not applied; the old rules are in force again",
+                [this] { apply(); });
+    EXPECT_THAT(run_, ElementsAre(kApplying, kRestoring));
+}
+
 TEST_F(ControlTest, ApplyThatFailsRestoresRulesAndSettings) {
     writeSettings(true);
     kernelHas(std::string(kChains) + kJumps + kRule);

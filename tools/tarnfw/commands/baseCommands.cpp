@@ -223,10 +223,7 @@ void baseDown() {
     const ToolLock lock(kLockName, time);
     awaitXtablesLock(time);
     BaseRecord record = loadBaseRecord();
-    if (Context(StoreSession::Access::kRead).store().firewallEnabled()) {
-        std::cerr
-            << "tarnfw: the firewall is still enabled in the settings, but now filters nothing\n";
-    }
+    const bool enabled = Context(StoreSession::Access::kRead).store().firewallEnabled();
     tidyBase(/*enabled=*/false);
     for (BaseFilter filter : baseFilters()) {
         const FamilyBaseRecord family = record[filter.key()];
@@ -239,6 +236,10 @@ void baseDown() {
         record.erase(filter.key());
         storeBaseRecord(record);
         std::cout << filter.title() << ": removed " << describe(family.added) << '\n';
+    }
+    if (enabled) {
+        std::cerr
+            << "tarnfw: the firewall is still enabled in the settings, but now filters nothing\n";
     }
 }
 

@@ -30,11 +30,12 @@ std::vector<std::string> emptyChains(const FilterListings& listings,
     std::vector<std::string> names;
     for (const FamilyInForce& family : families) {
         const auto listing = listings.find(family.key);
-        if (family.state != InForce::kDifferent || listing == listings.end() || !listing->second) {
+        if (family.state != InForce::kDifferent || listing == listings.end() ||
+            !listing->second.rules) {
             continue;
         }
         for (const std::string& chain : FW::FW_FIREWALL_CHAINS) {
-            if (listing->second->rulesOf(chain).empty()) {
+            if (listing->second.rules->rulesOf(chain).empty()) {
                 names.push_back(chain + " of " + titleOf(family.key));
             }
         }
@@ -265,11 +266,12 @@ KernelReport kernelReport(const StoreSnapshot& store) {
     NatTables nat = listing.get();
     report.unknownNat = std::move(nat.unknown);
     for (const auto& [family, filter] : report.listings) {
-        if (filter) {
-            for (const std::string& chain : openedPolicies(family, *filter)) {
+        if (filter.rules) {
+            for (const std::string& chain : openedPolicies(family, *filter.rules)) {
                 report.opened.push_back(chain + " of " + titleOf(family));
             }
-            report.foreign.emplace_back(family, *filter, std::move(nat.byFamily[family]), own);
+            report.foreign.emplace_back(family, *filter.rules, std::move(nat.byFamily[family]),
+                                        own);
         }
     }
     report.unknownOpened = unreadRecord();
@@ -308,6 +310,9 @@ bool isNothingInForce(const KernelReport& report) {
     std::size_t rules = 0;
     bool wanted = false;
     for (const FamilyInForce& family : report.families) {
+        if (family.state == InForce::kUnknown) {
+            return false;
+        }
         rules += family.loadedRules;
         wanted = wanted || family.state == InForce::kNothing || family.state == InForce::kNoBase;
     }
@@ -328,6 +333,12 @@ std::vector<std::string> complaintsOf(const KernelReport& report) {
     }
     if (!familiesIn(report, InForce::kDifferent).empty()) {
         texts.push_back(differentText(report));
+    }
+    for (const FamilyInForce& family : report.families) {
+        if (family.state == InForce::kUnknown) {
+            texts.push_back("what is in force for " + titleOf(family.key) +
+                            " is not known: " + family.failure);
+        }
     }
     if (!report.unknown.empty()) {
         texts.push_back("what the kernel does is not known: " + report.unknown);

@@ -30,7 +30,8 @@ struct KernelReport {
     bool reloading = false;               ///< a reload is running
 };
 
-/// Throws Error, kSystem, when a filter table cannot be listed.
+/// Throws Error, kSystem, when no filter table can be listed. A family that cannot be listed while
+/// the other can is InForce::kUnknown.
 KernelReport kernelReport(const StoreSnapshot& store);
 
 /// The same, with the failure in `unknown`.
@@ -42,7 +43,7 @@ bool isClosed(const KernelReport& report);
 /// disabled.
 std::string interruptedText(bool enabled);
 
-/// Whether no family has any rule, though the active profile has some.
+/// Whether it is known that no family has any rule, though the active profile has some.
 bool isNothingInForce(const KernelReport& report);
 
 /// What the kernel does not do of what is stored, and what fixes it, the worst first: "no rules are

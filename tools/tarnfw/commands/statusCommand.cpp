@@ -66,6 +66,10 @@ std::vector<AdapterState> adapterStates(const FW::FWPROFILE& profile) {
     return states;
 }
 
+bool isListed(const FamilyInForce& family) {
+    return family.state != InForce::kAbsent && family.state != InForce::kUnknown;
+}
+
 std::string baseText(const FamilyInForce& family) {
     if (!family.missing.empty()) {
         return "lacks " + describe(family.missing);
@@ -88,7 +92,7 @@ Json::Value familyJson(const FamilyInForce& family) {
     entry["inForce"] = inForceWord(family.state);
     entry["acceptedBefore"] = Json::Value(Json::arrayValue);
     entry["redirects"] = Json::Value(Json::arrayValue);
-    if (family.state == InForce::kAbsent) {
+    if (!isListed(family)) {
         return entry;
     }
     entry["setUp"] = family.missing.empty();
@@ -177,6 +181,8 @@ Cell inForceCell(const FamilyInForce& family) {
                     Paint::kBad};
         case InForce::kClosed:
             return {rules + ", closed to new connections", Paint::kBad};
+        case InForce::kUnknown:
+            return {title + " not known", Paint::kBad};
         case InForce::kAbsent:
             break;
     }
@@ -215,9 +221,9 @@ bool isTrialRunning(const std::optional<TrialState>& trial) {
 
 bool hasTriedRules(const KernelReport& report, const TrialRecord& trial) {
     std::map<std::string, RuleListing> present;
-    for (const auto& [family, listing] : report.listings) {
-        if (listing) {
-            present.emplace(family, *listing);
+    for (const auto& [family, filter] : report.listings) {
+        if (filter.rules) {
+            present.emplace(family, *filter.rules);
         }
     }
     return !trial.isChanged(SavedRules::of(present));
@@ -237,7 +243,10 @@ std::vector<std::string> trialComplaints(const KernelReport& report, const Trial
     others.enabled = report.enabled;
     others.reloading = report.reloading;
     std::vector<std::string> texts = complaintsOf(others);
-    if (!hasTriedRules(report, trial)) {
+    const bool allListed =
+        std::all_of(report.listings.begin(), report.listings.end(),
+                    [](const auto& family) { return family.second.failure.empty(); });
+    if (allListed && !hasTriedRules(report, trial)) {
         texts.emplace_back(
             "the rules of the trial are not those in force; \"tarnfw try --cancel\" ends the "
             "trial");
@@ -332,7 +341,7 @@ void status(bool json) {
     }
     table.addRow({{"Active profile:"}, {stored ? active : active + " (does not exist)"}});
     for (const FamilyInForce& family : kernel.families) {
-        if (family.state != InForce::kAbsent) {
+        if (isListed(family)) {
             table.addRow({{"Base filter:"},
                           {titleOf(family.key) + " " + baseText(family),
                            family.missing.empty() ? Paint::kPlain : Paint::kBad}});
