@@ -9,6 +9,11 @@ source "$checkout/tests/kernel/trials.sh"
 
 readonly kMostSeconds=40
 
+# kept_by_holder LOCK: what a command says of it.
+kept_by_holder() {
+    printf '%s is locked by process %s (python3), which is stopped' "$1" "$holder"
+}
+
 # stopped_holder FILE KIND: a process that holds the lock of that kind and is stopped; its number in
 # $holder.
 stopped_holder() {
@@ -46,7 +51,6 @@ bounded() {
 # lock it is and who holds it. Two that change the store would wait for each other.
 in_time() {
     local lock=$1 command name status seconds named
-    named="$lock.*$holder"
     local -a running=()
     for command in "${@:2}"; do
         # shellcheck disable=SC2086  # words
@@ -61,8 +65,9 @@ in_time() {
         ((seconds <= kMostSeconds)) || fail "$command takes $seconds s"
         ((status == 1)) || fail "$command ends with $status"
         # "status" does not know who it is that iptables waits for.
-        [[ $command != status ]] || named=$lock
-        grep --quiet "$named" "$out/$name.text" || {
+        named=$lock
+        [[ $command == status ]] || named=$(kept_by_holder "$lock")
+        grep --quiet --fixed-strings -- "$named" "$out/$name.text" || {
             cat -- "$out/$name.text"
             fail "$command does not name $named"
         }
@@ -95,10 +100,10 @@ trial_ends() {
         in_time "$lock" "try $way"
         if [[ $lock != /run/xtables.lock ]]; then
             tarnfw status >"$out/answer" 2>&1 || (($? == 11)) # the rules on trial may be in force
-            says "^Trial: .*not over yet, trying again: $lock is locked by process $holder (python3), which is stopped"
+            says "^Trial: .*not over yet, trying again: $(kept_by_holder "$lock")"
         fi
         if [[ $way == --cancel ]]; then
-            ends 1 "not over yet: $lock.*$holder"
+            ends 1 "not over yet: $(kept_by_holder "$lock")"
             ((SECONDS - start <= kMostSeconds)) || fail "the terminal takes $((SECONDS - start)) s"
         fi
         kill -KILL "$holder"
