@@ -1,5 +1,6 @@
 #include "fwSettings.h"
 
+#include <errno.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -18,8 +19,9 @@ constexpr char kSource[] = "tarnFW";
 constexpr char kSettingsFile[] = "/usr/tarn/etc/firewall.d/firewall_settings.json";
 constexpr char kDefaultProfile[] = "default";
 
+// A file that cannot be looked at is not missing: the defaults would replace it.
 bool hasFile() {
-    return access(kSettingsFile, F_OK) == 0;
+    return access(kSettingsFile, F_OK) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
 }  // namespace

@@ -65,6 +65,15 @@ TEST_F(SettingsTest, MissingFileReadsAsTheDefaultsAndIsWritten) {
     EXPECT_THAT(log(), IsEmpty());
 }
 
+TEST_F(SettingsTest, FileThatCannotBeLookedAtIsNotTakenForMissing) {
+    fs::create_directories(fs::path(kSettingsFile).parent_path());
+    fs::create_symlink(kSettingsFile, kSettingsFile);  // to itself
+    Json::Value config;
+    EXPECT_FALSE(FW::TARNFW().configGet(config));
+    EXPECT_FALSE(FW::TARNFW().configSet(defaults()));
+    EXPECT_TRUE(fs::is_symlink(kSettingsFile));
+}
+
 TEST_F(SettingsTest, MissingFileIsWrittenWithWhatTheCallerHadInTheDocument) {
     Json::Value config = parseJson(R"({"other": 3, "status": true})");
     EXPECT_TRUE(FW::TARNFW().configGet(config));
