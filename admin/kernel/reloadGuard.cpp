@@ -242,7 +242,7 @@ std::vector<std::string> closedPolicies(const std::string& family, const RuleLis
 
 ReloadGuard::ReloadGuard(Lock lock, Change change) : lock_(lock) {
     const auto held = taken(lock_);
-    if (change == Change::kBatch && access(kRunningReload, F_OK) != 0) {
+    if (change == Change::kBatch && !isThere(kRunningReload)) {
         saved_ = memoryFile("rules");
         return;
     }

@@ -161,6 +161,16 @@ std::string readText(const std::string& path) {
     return allOf(file.get(), printable(path));
 }
 
+bool isThere(const std::string& path) {
+    if (access(path.c_str(), F_OK) == 0) {
+        return true;
+    }
+    if (errno != ENOENT && errno != ENOTDIR) {
+        throwUnreadable(printable(path));
+    }
+    return false;
+}
+
 std::optional<std::string> readTextIfAny(const std::string& path) {
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file && errno == ENOENT) {

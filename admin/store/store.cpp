@@ -249,9 +249,9 @@ std::map<std::string, std::string> StoreSnapshot::texts() const {
         if (!file.unusable.empty()) {
             continue;
         }
-        if (file.state.isRegular() && file.read) {
+        if (file.read) {
             texts[path] = file.text;
-        } else if (file.state.isRegular()) {
+        } else if (isThere(path)) {                                // it may have gone meanwhile
             texts[path] = readDocument(path, kMostDocumentBytes);  // throws the reason
         }
     }

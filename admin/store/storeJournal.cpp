@@ -18,6 +18,7 @@
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/store.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 
@@ -86,16 +87,12 @@ bool writeJournal(const std::map<std::string, std::string>& texts) {
 }
 
 /// The paths of the listed documents; nothing without a complete list, or where a copy is missing:
-/// then the journal was not flushed, and the change had not begun.
+/// then the journal was not flushed, and the change had not begun. Throws Error, kSystem, when that
+/// cannot be read.
 std::optional<std::set<std::string>> listedDocuments() {
     const std::string end = kEndOfName;
     std::set<std::string> paths;
-    std::string list;
-    try {
-        list = readText(kJournal);
-    } catch (const Error&) {
-        return std::nullopt;
-    }
+    const std::string list = readTextIfAny(kJournal).value_or("");
     std::size_t begin = 0;
     for (std::size_t stop = list.find(end); stop != std::string::npos;
          stop = list.find(end, begin)) {
@@ -103,7 +100,7 @@ std::optional<std::set<std::string>> listedDocuments() {
             return paths;
         }
         const std::string path = kProfileDir + list.substr(begin, stop - begin);
-        if (access(copyOf(path).c_str(), F_OK) != 0) {
+        if (!isThere(copyOf(path))) {
             return std::nullopt;
         }
         paths.insert(path);
@@ -112,28 +109,29 @@ std::optional<std::set<std::string>> listedDocuments() {
     return std::nullopt;
 }
 
-std::string textOrNothing(const std::string& path) {
+/// Whether the document is as its copy. False, too, when one of them cannot be read.
+bool isAsBefore(const std::string& path) {
+    std::error_code ignored;
     try {
-        return readText(path);
+        return fs::is_regular_file(path, ignored) &&
+               fs::file_size(path, ignored) == fs::file_size(copyOf(path), ignored) &&
+               readText(path) == readText(copyOf(path));
     } catch (const Error&) {
-        return "";
+        return false;
     }
 }
 
-/// Whether the document is as its copy.
-bool isAsBefore(const std::string& path) {
-    std::error_code ignored;
-    return fs::is_regular_file(path, ignored) &&
-           fs::file_size(path, ignored) == fs::file_size(copyOf(path), ignored) &&
-           textOrNothing(path) == textOrNothing(copyOf(path));
-}
-
-/// The files, and links, that the library takes for documents.
+/// The files, and links, that the library takes for documents. Throws Error, kSystem, when that
+/// cannot be found out.
 std::vector<std::string> documents() {
     std::vector<std::string> paths;
-    std::error_code ignored;  // entries that disappear meanwhile
     for (const std::string& path : filesIn(kProfileDir, ".json")) {
-        const fs::file_type type = fs::symlink_status(path, ignored).type();
+        std::error_code error;
+        const fs::file_type type = fs::symlink_status(path, error).type();
+        if (type == fs::file_type::none) {
+            throw Error(ErrorKind::kSystem,
+                        "cannot look at " + printable(path) + ": " + error.message());
+        }
         if (type == fs::file_type::regular || type == fs::file_type::symlink) {
             paths.push_back(path);
         }
@@ -154,17 +152,17 @@ std::string copyOf(const std::string& path) {
 }
 
 bool hasCopies() {
-    return access(kCopyDir, F_OK) == 0;
+    return isThere(kCopyDir);
 }
 
 bool hasJournal() {
-    return access(kJournal, F_OK) == 0;
+    return isThere(kJournal);
 }
 
 ChangePhase changePhase() {
-    return access(kApplied, F_OK) == 0    ? ChangePhase::kApplied
-           : access(kApplying, F_OK) == 0 ? ChangePhase::kApplying
-                                          : ChangePhase::kWriting;
+    return isThere(kApplied)    ? ChangePhase::kApplied
+           : isThere(kApplying) ? ChangePhase::kApplying
+                                : ChangePhase::kWriting;
 }
 
 bool beginApplying() {

@@ -5,6 +5,9 @@
 /// change of many documents they are flushed, and a list of them is written last: the journal.
 /// While it is there, the change is open: whoever has the store's lock next puts everything back,
 /// or, once the rules of the change were applied, keeps the change.
+///
+/// A file that cannot be looked at is not taken for missing: each function throws Error, kSystem,
+/// then, with everything left as it is.
 #pragma once
 
 #include <map>

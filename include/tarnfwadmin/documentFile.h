@@ -22,6 +22,9 @@ inline constexpr char kStandardInput[] = "-";
 /// read.
 std::string readText(const std::string& path);
 
+/// Whether there is such a file. Throws Error, kSystem, when that cannot be found out.
+bool isThere(const std::string& path);
+
 /// The whole content of a file; nothing when there is none. Throws Error, kSystem, when there may
 /// be one: it cannot be opened for any other reason, or not be read.
 std::optional<std::string> readTextIfAny(const std::string& path);

@@ -399,6 +399,30 @@ TEST_F(AppliedChangeTest, IsUndoneWhenItIsInterruptedBefore) {
     EXPECT_FALSE(homeIsNew());
 }
 
+TEST_F(AppliedChangeTest, StaysOpenWhileItsCopiesCannotBeLookedAt) {
+    const std::string copies = std::string(kProfileDir) + ".change/";
+    const std::string aside = std::string(kProfileDir) + ".aside";
+    for (const char* const name : {"documents", "home.json", "applied"}) {
+        killedDuring([](StoreSession& /*session*/) {});
+        const std::string path = copies + name;
+        const bool was = fs::exists(path);
+        if (was) {
+            fs::rename(path, aside);
+        }
+        fs::create_symlink(path, path);  // to itself
+        EXPECT_EQ(errorOf([] { StoreSession session(StoreSession::Access::kChange); })->kind(),
+                  ErrorKind::kSystem)
+            << name;
+        EXPECT_TRUE(homeIsNew()) << name;
+        fs::remove(path);
+        if (was) {
+            fs::rename(aside, path);
+        }
+        EXPECT_THAT(notes(), ElementsAre(kUndone)) << name;
+        EXPECT_FALSE(homeIsNew()) << name;
+    }
+}
+
 TEST_F(AppliedChangeTest, IsUndoneAndSaidWhenItIsInterruptedMeanwhile) {
     killedDuring([](StoreSession& session) {
         (void)session.applyChange([] { return raise(SIGKILL) == 0; });
