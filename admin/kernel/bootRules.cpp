@@ -1,5 +1,6 @@
 #include "tarnfwadmin/bootRules.h"
 
+#include <errno.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -221,7 +222,7 @@ bool mustProtect() {
     } catch (const std::exception&) {
         return true;
     }
-    return access(kLastGoodFile, F_OK) == 0;
+    return access(kLastGoodFile, F_OK) == 0 || errno != ENOENT;
 }
 
 SavedRules minimumRules(const std::vector<std::string>& families,

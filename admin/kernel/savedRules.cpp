@@ -203,11 +203,12 @@ void SavedRules::putBack(const PacketFilter& kernel, PacketFilter::Others others
 // ---- The last good rules ------------------------------------------------------------------------
 
 std::optional<SavedRules> lastGoodRules() {
-    if (access(kLastGoodFile, F_OK) != 0 && errno == ENOENT) {
+    const std::optional<std::string> text = readTextIfAny(kLastGoodFile);
+    if (!text) {
         return std::nullopt;
     }
     Json::Value document;
-    if (!parseAsStored(readText(kLastGoodFile), document)) {
+    if (!parseAsStored(*text, document)) {
         throw Error(ErrorKind::kInvalid, std::string(kLastGoodFile) + " is damaged");
     }
     try {
@@ -220,7 +221,7 @@ std::optional<SavedRules> lastGoodRules() {
 void storeLastGood(const SavedRules& rules) {
     const std::string text = documentText(rules.withoutPolicies().document());
     try {
-        if (access(kLastGoodFile, F_OK) == 0 && readText(kLastGoodFile) == text) {
+        if (readTextIfAny(kLastGoodFile) == text) {
             return;
         }
     } catch (const Error&) {

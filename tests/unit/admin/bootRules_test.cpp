@@ -228,6 +228,12 @@ TEST_F(BootRulesTest, SettingsThatSayNothingCountAsEnabledWithLastGoodRules) {
     EXPECT_TRUE(mustProtect());
 }
 
+TEST_F(BootRulesTest, LastGoodRulesThatCannotBeReadCountAsThere) {
+    std::remove(kSettingsFile);
+    ASSERT_EQ(symlink(kLastGoodFile, kLastGoodFile), 0);
+    EXPECT_TRUE(mustProtect());
+}
+
 TEST_F(BootRulesTest, SettingsThatCannotBeReadCountAsEnabled) {
     for (const char* const text : {"", "{ \"status\" : tr", "[]", R"({"status": "yes"})"}) {
         writeFile(kSettingsFile, text);
