@@ -52,6 +52,7 @@ class State:
     def __init__(self):
         self.files = Files()
         self.documents = documents()
+        self.restored = self.documents  # where a change was interrupted: what undoing it gives
         self.kernel = Kernel()
         self.kernels = [self.kernel]  # all that mean this state: a trial that goes on is one, too
 
@@ -133,6 +134,19 @@ class Attack:
         """Ends what is left of a trial."""
         run([self.tool, "try", "--cancel"])
 
+    def interrupt(self, words):
+        """Kills a command that changes many documents before it writes the last one. Returns the
+        documents before it."""
+        operation = operations.Operation("", " ".join(words))
+        state = State()
+        calls, _ = self.traced(operation, ["count"], KILLED_AT)
+        state.put_back()
+        last = max(int(call.split()[0]) for call in calls if call.split()[1:2] == ["rename"])
+        self.traced(operation, ["kill-all", str(last)], KILLED_AT)
+        if not os.path.exists(machine.JOURNAL) or documents() == state.documents:
+            raise SystemExit("attack: not interrupted between two documents: " + " ".join(words))
+        return state.documents
+
     # ---- One operation ----
 
     def attack(self, operation, base):
@@ -141,7 +155,9 @@ class Attack:
             must([self.tool, "apply-mode", operation.mode])
         for words in operation.before:
             must([self.tool, *words])
+        restored = self.interrupt(operation.interrupted) if operation.interrupted else None
         old = State()
+        old.restored = restored or old.documents
         trial = self.begin_trial() if operation.trial else None
         if trial:
             old.kernels.append(Kernel())
@@ -262,7 +278,8 @@ class Attack:
             self.found(operation, point, "exit 0 instead of %d" % operation.status)
         if not point.result.text.strip():
             self.found(operation, point, "exit %d without a message" % status)
-        if stored not in (before, wanted):
+        # What is half undone is for the next command.
+        if stored not in (before, wanted) and not operation.interrupted:
             self.found(operation, point, "exit %d, documents neither old nor new: %s" %
                        (status, differing(stored, before)))
         if operation.command in operations.SETTING_UP:
@@ -277,7 +294,7 @@ class Attack:
 
     def next_commands(self, operation, old, new):
         """What the next commands make of the state; yields what is wrong with it."""
-        before, wanted = without_trials(old.documents), without_trials(new.documents)
+        before, wanted = without_trials(old.restored), without_trials(new.documents)
         result = run([self.tool, "profile", "list"])
         if result.status != 0:
             yield "next \"profile list\": exit %s: %s" % (result.status, result.last_line())

@@ -108,6 +108,8 @@ def _write(path, mode, content):
     if stat.S_ISDIR(mode):
         os.makedirs(path, exist_ok=True)
     elif stat.S_ISREG(mode):
+        if os.path.lexists(path) and os.lstat(path).st_nlink > 1:
+            os.unlink(path)  # its other name keeps what it has
         with open(path, "wb") as file:
             file.write(content)
     elif stat.S_ISLNK(mode):

@@ -30,11 +30,13 @@ class Operation:
     status      its exit status when nothing goes wrong
     trial       whether a trial of "third" is running meanwhile
     reloads     whether it puts rules into the kernel, which an apply mode "lines" does one by one
+    interrupted a command line that is killed before that, between the first and the last document that
+                it writes: the operation undoes what it has done
     weight      how many points of it are attacked, of those of others; a trial lasts a second
     """
 
     def __init__(self, command, words, before=(), status=0, trial=False, reloads=False, weight=1.0,
-                 mode=None, environment=None):
+                 mode=None, environment=None, interrupted=""):
         self.command = command
         self.words = words.split()
         self.before = [line.split() for line in before]
@@ -45,6 +47,9 @@ class Operation:
         self.mode = mode
         self.environment = environment or {}
         self.name = " ".join([words] + (["(%s)" % mode] if mode else []))
+        self.interrupted = interrupted.split()
+        if interrupted:
+            self.name += " after an interrupted " + interrupted
         if before:
             self.name += " after " + ", ".join(before)
 
@@ -106,6 +111,10 @@ def _written(modes):
         Operation("base up", "base up", ["base down"], weight=0.5),
         Operation("base down", "base down", weight=0.5),
         Operation("boot", "boot", ["base down"], reloads=True),
+    ]
+    some += [
+        Operation("apply-mode", "apply-mode batch", interrupted=words)
+        for words in ("profile rename home casa", "import --yes " + OTHER)
     ]
     for mode in modes:
         if mode != "lines":
