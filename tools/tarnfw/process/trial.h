@@ -27,9 +27,9 @@ void requireRestorable(const FW::FWPROFILE& profile);
 /// SIGTERM ends it at once, with the previous rules; SIGINT and SIGHUP, from the terminal, must be
 /// blocked.
 ///
-/// Tries to go back until the previous rules are seen in the kernel. The test profile, by which an
-/// abandoned trial is found, is removed last. All reports go to `terminal`, those of the end also
-/// to the terminals that asked for it.
+/// Tries to go back until the previous rules are seen in the kernel. The record and the test
+/// profile, by which an abandoned trial is found, are removed last. All reports go to `terminal`,
+/// those of the end also to the terminals that asked for it.
 ///
 /// Throws std::bad_alloc in a process that gets no more memory: the terminal then ends the trial
 /// with another one. Where that terminal is gone, the watchdog goes on trying.

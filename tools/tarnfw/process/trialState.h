@@ -33,7 +33,8 @@ std::optional<TrialState> trialState(const StoreSnapshot& store);
 /// "of "home", 12 s left".
 std::string trialText(const TrialState& trial);
 
-/// The profile of an abandoned trial, left by a crash of the machine or the watchdog.
+/// The profile of an abandoned trial, left by a crash of the machine or the watchdog: that of its
+/// record, or of a test profile.
 std::optional<std::string> abandonedTrial(const StoreSnapshot& store);
 
 /// Throws Error, kBusy, while a trial is running: for commands that would end it unseen, or that
