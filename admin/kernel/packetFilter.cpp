@@ -289,7 +289,9 @@ bool isNftVariant(const std::string& family) {
 }
 
 bool hasProgram(const std::string& family) {
-    return family != kOptionalFamily || access(programOf(family).c_str(), X_OK) == 0;
+    // Any other failure is none to look for it: running it then says what is wrong.
+    return family != kOptionalFamily || access(programOf(family).c_str(), X_OK) == 0 ||
+           (errno != ENOENT && errno != EACCES);
 }
 
 std::string programOf(const std::string& family) {
