@@ -25,14 +25,6 @@ void check(int error) {
     }
 }
 
-// Whether the standard descriptor `fd` would be open in a new process. A daemon may have closed its
-// own; then the first files that the program opens must not get these numbers and receive its
-// messages.
-bool isInherited(int fd) {
-    const int flags = fcntl(fd, F_GETFD);
-    return flags >= 0 && (flags & FD_CLOEXEC) == 0;
-}
-
 // The descriptors of the new process, in the order in which they are set up.
 class FileActions {
 public:
@@ -92,6 +84,11 @@ std::vector<char*> pointersTo(const std::vector<std::string>& environment) {
 }
 
 }  // namespace
+
+bool isInherited(int fd) {
+    const int flags = fcntl(fd, F_GETFD);
+    return flags >= 0 && (flags & FD_CLOEXEC) == 0;
+}
 
 Descriptor aboveStandard(int fd) {
     Descriptor duplicate(fcntl(fd, F_DUPFD_CLOEXEC, kFirstOwnDescriptor));

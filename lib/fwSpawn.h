@@ -47,6 +47,10 @@ private:
 /// `fd` could be one of them. Throws std::system_error.
 Descriptor aboveStandard(int fd);
 
+/// Whether a program would inherit the standard descriptor `fd`. A daemon may have closed its own;
+/// then the first files that it opens may have these numbers, and must not receive messages.
+bool isInherited(int fd);
+
 /// The status of a program that signal n killed is this + n, as in a shell.
 inline constexpr int kSignalExitBase = 128;
 

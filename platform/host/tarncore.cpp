@@ -1,6 +1,7 @@
 #include "tarncore.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -210,6 +211,25 @@ std::string textOf(int file) {
     return text;
 }
 
+/// Writes what a program has said to where the program would have written it. A reader that is gone
+/// must not end this process in the middle of a reload.
+void passOn(const std::string& text) {
+    if (text.empty() || !FW::isInherited(STDERR_FILENO)) {
+        return;
+    }
+    sigset_t brokenPipe;
+    sigset_t before;
+    sigemptyset(&brokenPipe);
+    sigaddset(&brokenPipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &brokenPipe, &before);
+    if (write(STDERR_FILENO, text.data(), text.size()) < 0 && errno == EPIPE &&
+        sigismember(&before, SIGPIPE) == 0) {
+        const timespec atOnce{};
+        (void)sigtimedwait(&brokenPipe, nullptr, &atOnce);  // takes the signal that is pending now
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
 int execute(FW::Program program) {
     const host::Descriptor complaints(
         host::isIp6tables(program.path) ? memfd_create("complaints", MFD_CLOEXEC) : -1);
@@ -222,7 +242,7 @@ int execute(FW::Program program) {
         if (status > 0 && host::saysAbsentAgain(complaint)) {
             return status;
         }
-        (void)!write(STDERR_FILENO, complaint.data(), complaint.size());  // for people only
+        passOn(complaint);
     }
     return logged(status, running.line);
 }

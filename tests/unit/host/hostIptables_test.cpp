@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -157,12 +158,14 @@ TEST(AbsentFamilyTest, Ip6tablesThatIsNotThereSucceedsAndIptablesDoesNot) {
     EXPECT_THAT(logged(LOG_ERR), ElementsAre(HasSubstr("Cannot run /sbin/iptables: ")));
 }
 
+/// Makes an ip6tables that fails with these words.
+void answer(const std::string& words) {
+    std::ofstream("/sbin/ip6tables") << "#!/bin/sh\necho '" << words << "' >&2\nexit 3\n";
+    ASSERT_EQ(chmod("/sbin/ip6tables", 0755), 0);
+}
+
 TEST(AbsentFamilyTest, AKernelWithoutTheFamilyIsNamedOnce) {
     ASSERT_NO_FATAL_FAILURE(hidePrograms());
-    const auto answer = [](const std::string& words) {
-        std::ofstream("/sbin/ip6tables") << "#!/bin/sh\necho '" << words << "' >&2\nexit 3\n";
-        ASSERT_EQ(chmod("/sbin/ip6tables", 0755), 0);
-    };
     clearCapturedLog();
     testing::internal::CaptureStderr();
     answer("ip6tables: host/network 10.0.0.1 not found");
@@ -177,6 +180,34 @@ TEST(AbsentFamilyTest, AKernelWithoutTheFamilyIsNamedOnce) {
               "ip6tables: can not initialize ip6tables table filter: Address family not "
               "supported\n");
     EXPECT_THAT(logged(LOG_WARNING), testing::SizeIs(3));
+}
+
+TEST(ErrorsOfIp6tablesTest, DoNotEndAProcessWhoseReaderIsGone) {
+    ASSERT_NO_FATAL_FAILURE(hidePrograms());
+    answer("ip6tables: host/network 10.0.0.1 not found");
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    close(ends[0]);
+    const int own = dup(STDERR_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    const int status = execute("/sbin/ip6tables");
+    dup2(own, STDERR_FILENO);
+    EXPECT_EQ(status, 3);
+    sigset_t waiting;
+    sigpending(&waiting);
+    EXPECT_EQ(sigismember(&waiting, SIGPIPE), 0);
+}
+
+TEST(ErrorsOfIp6tablesTest, DoNotReachAFileOfTheCallerThatHasTheirNumber) {
+    ASSERT_NO_FATAL_FAILURE(hidePrograms());
+    answer("ip6tables: host/network 10.0.0.1 not found");
+    const int own = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+    const int file = open("/sbin/file", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_GE(dup3(file, STDERR_FILENO, O_CLOEXEC), 0);
+    const int status = execute("/sbin/ip6tables");
+    dup2(own, STDERR_FILENO);
+    EXPECT_EQ(status, 3);
+    EXPECT_EQ(lseek(file, 0, SEEK_END), 0);
 }
 
 TEST(AbsentFamilyTest, Ip6tablesThatCannotBeRunIsAFailure) {
