@@ -88,11 +88,11 @@ using Standard = std::array<int, 3>;
 pid_t spawnProgram(std::vector<std::string> words, const Standard& descriptors,
                    const std::string& variable) {
     std::vector<std::string> environment;
+    if (!variable.empty()) {
+        environment.push_back(variable);  // before one of the same name: the first counts
+    }
     for (char** own = environ; *own != nullptr; ++own) {
         environment.emplace_back(*own);
-    }
-    if (!variable.empty()) {
-        environment.push_back(variable);
     }
     posix_spawn_file_actions_t actions;
     int error = posix_spawn_file_actions_init(&actions);
