@@ -65,6 +65,17 @@ Match matchOfNames(const std::string& pattern, const std::vector<std::string>& n
                                                             : Match::kSome;
 }
 
+/// Whether a packet through one of the interfaces comes through those of a chain.
+Match matchOfInterfaces(const std::vector<std::string>& asked,
+                        const std::vector<std::string>& chain) {
+    const auto hits = std::count_if(asked.begin(), asked.end(), [&](const std::string& name) {
+        return std::find(chain.begin(), chain.end(), name) != chain.end();
+    });
+    return hits == 0                                        ? Match::kNone
+           : static_cast<std::size_t>(hits) == asked.size() ? Match::kAll
+                                                            : Match::kSome;
+}
+
 Match matchOfPorts(const std::vector<PortSpan>& spans, const PortSpan& asked) {
     Match match = Match::kNone;
     for (const PortSpan& span : spans) {
@@ -82,9 +93,33 @@ Match matchOfAddress(const AddressRange& range, const Address& address) {
     return range.contains(address) ? Match::kAll : Match::kNone;
 }
 
-Match matchOf(const KernelRule& rule, const ForeignQuestion& question) {
+bool isLoopback(const Address& address) {
+    static const std::optional<AddressRange> v4 = networkFrom("127.0.0.0", "8");
+    static const std::optional<AddressRange> v6 = networkFrom("::1", "128");
+    return v4->contains(address) || v6->contains(address);
+}
+
+/// Which of the machine's addresses a range has, apart from those of loopback.
+Match matchOfOwn(const AddressRange& range, const std::vector<Address>& own) {
+    std::size_t hits = 0;
+    std::size_t all = 0;
+    for (const Address& address : own) {
+        if (!isLoopback(address) && address.isIpv6() == range.first.isIpv6()) {
+            ++all;
+            hits += range.contains(address) ? 1 : 0;
+        }
+    }
+    return all == 0      ? Match::kSome
+           : hits == 0   ? Match::kNone
+           : hits == all ? Match::kAll
+                         : Match::kSome;
+}
+
+/// `own` are the destinations that packets for this machine may have; empty: any.
+Match matchOf(const KernelRule& rule, const ForeignQuestion& question,
+              const std::vector<Address>& own) {
     // Packets of the machine to itself are none of the question, and the firewall accepts them too.
-    if (rule.establishedOnly || (rule.in.value == "lo" && !rule.in.negated)) {
+    if (rule.establishedOnly || rule.opensNone || (rule.in.value == "lo" && !rule.in.negated)) {
         return Match::kNone;
     }
     Match match = rule.more ? Match::kSome : Match::kAll;
@@ -101,11 +136,13 @@ Match matchOf(const KernelRule& rule, const ForeignQuestion& question) {
                                                 [&](const AddressRange& range) {
                                                     return matchOfAddress(range, *question.source);
                                                 }));
-    match =
-        lessOf(match, matchOf<AddressRange>(rule.destination, question.destination.has_value(),
-                                            [&](const AddressRange& range) {
-                                                return matchOfAddress(range, *question.destination);
-                                            }));
+    const bool toOwn = question.toThisMachine && !question.destination && !own.empty();
+    match = lessOf(match, matchOf<AddressRange>(
+                              rule.destination, toOwn || question.destination.has_value(),
+                              [&](const AddressRange& range) {
+                                  return toOwn ? matchOfOwn(range, own)
+                                               : matchOfAddress(range, *question.destination);
+                              }));
     match = lessOf(match, matchOf<int>(rule.protocol, question.protocol != 0, [&](int protocol) {
                        return protocol == question.protocol ? Match::kAll : Match::kNone;
                    }));
@@ -122,24 +159,28 @@ Match matchOf(const KernelRule& rule, const ForeignQuestion& question) {
 // ---- A packet's way through the chains ----------------------------------------------------------
 
 /// What a target does that is no chain.
-enum class Effect { kGoesOn, kDrops, kAccepts, kReturns, kRedirects };
+enum class Effect { kGoesOn, kDrops, kAccepts, kReturns, kRedirects, kUnknown };
 
 Effect effectOf(const std::string& target) {
     static const std::map<std::string, Effect> effects = {
-        {"", Effect::kGoesOn},           {"LOG", Effect::kGoesOn},
-        {"NFLOG", Effect::kGoesOn},      {"ULOG", Effect::kGoesOn},
-        {"MARK", Effect::kGoesOn},       {"CONNMARK", Effect::kGoesOn},
-        {"SET", Effect::kGoesOn},        {"TRACE", Effect::kGoesOn},
-        {"AUDIT", Effect::kGoesOn},      {"LED", Effect::kGoesOn},
-        {"CLASSIFY", Effect::kGoesOn},   {"TCPMSS", Effect::kGoesOn},
-        {"SECMARK", Effect::kGoesOn},    {"CONNSECMARK", Effect::kGoesOn},
-        {"RATEEST", Effect::kGoesOn},    {"DROP", Effect::kDrops},
-        {"REJECT", Effect::kDrops},      {"TARPIT", Effect::kDrops},
-        {"RETURN", Effect::kReturns},    {"DNAT", Effect::kRedirects},
-        {"REDIRECT", Effect::kRedirects}};
+        {"", Effect::kGoesOn},         {"LOG", Effect::kGoesOn},
+        {"NFLOG", Effect::kGoesOn},    {"ULOG", Effect::kGoesOn},
+        {"MARK", Effect::kGoesOn},     {"CONNMARK", Effect::kGoesOn},
+        {"SET", Effect::kGoesOn},      {"TRACE", Effect::kGoesOn},
+        {"AUDIT", Effect::kGoesOn},    {"LED", Effect::kGoesOn},
+        {"CLASSIFY", Effect::kGoesOn}, {"TCPMSS", Effect::kGoesOn},
+        {"SECMARK", Effect::kGoesOn},  {"CONNSECMARK", Effect::kGoesOn},
+        {"RATEEST", Effect::kGoesOn},  {"CT", Effect::kGoesOn},
+        {"NOTRACK", Effect::kGoesOn},  {"CHECKSUM", Effect::kGoesOn},
+        {"DSCP", Effect::kGoesOn},     {"TOS", Effect::kGoesOn},
+        {"TTL", Effect::kGoesOn},      {"HL", Effect::kGoesOn},
+        {"TEE", Effect::kGoesOn},      {"ACCEPT", Effect::kAccepts},
+        {"DROP", Effect::kDrops},      {"REJECT", Effect::kDrops},
+        {"TARPIT", Effect::kDrops},    {"RETURN", Effect::kReturns},
+        {"DNAT", Effect::kRedirects},  {"REDIRECT", Effect::kRedirects}};
     const auto found = effects.find(target);
-    // Others hand the packet to a program (NFQUEUE), or are not known: they may accept.
-    return found == effects.end() ? Effect::kAccepts : found->second;
+    // Others hand the packet to a program (NFQUEUE), or are not known.
+    return found == effects.end() ? Effect::kUnknown : found->second;
 }
 
 bool isOwnChain(const std::string& chain) {
@@ -148,23 +189,29 @@ bool isOwnChain(const std::string& chain) {
            std::find(chains.begin(), chains.end(), chain) != chains.end();
 }
 
-/// Follows packets through a table.
+/// Follows packets through a table, looking for what accepts, drops or redirects them. Where it
+/// looks for what drops, the firewall allows the packets.
 class Walk {
 public:
-    /// Called with the rules up to an accepting or redirecting one; `certain` when all packets of
-    /// the question that get there do so.
-    using Found =
-        std::function<void(const std::vector<KernelRule>& path, Effect effect, bool certain)>;
+    /// Called with the rules up to one with the effect; `certain` when all packets of the question
+    /// that get there have it.
+    using Found = std::function<void(const std::vector<KernelRule>& path, bool certain)>;
 
-    /// `accepts`: looking for what accepts, rather than for what redirects.
-    Walk(const RuleListing& table, const ForeignQuestion& question, bool accepts, Found found)
-        : table_(table), question_(question), accepts_(accepts), found_(std::move(found)) {}
+    /// `isFilter`: the table has the firewall's chains.
+    Walk(const RuleListing& table, const ForeignQuestion& question, Effect wanted, Found found,
+         bool isFilter, std::vector<Address> own = {})
+        : table_(table),
+          question_(question),
+          wanted_(wanted),
+          found_(std::move(found)),
+          isFilter_(isFilter),
+          own_(std::move(own)) {}
 
     void run(const std::string& chain) {
-        const bool accepts = table_.hasPolicy(chain, "ACCEPT") || table_.policies.empty();
         base_ = chain;
-        returns_ = accepts ? Effect::kAccepts : Effect::kDrops;
-        (void)follow(chain, Match::kAll);
+        if (follow(chain, Match::kAll) == End::kFellThrough) {
+            (void)endWithPolicy(Match::kAll);
+        }
     }
 
 private:
@@ -174,8 +221,9 @@ private:
     End follow(const std::string& chain, Match match) {
         for (const std::string& line : table_.rulesOf(chain)) {
             const KernelRule rule = kernelRuleFrom(line);
-            if (isOwnChain(rule.target)) {
-                if (chain == base_ && rule.target == base_ + "_FIREWALL") {
+            if (isFilter_ && isOwnChain(rule.target)) {
+                if (wanted_ == Effect::kAccepts && chain == base_ &&
+                    rule.target == base_ + "_FIREWALL") {
                     return End::kStopped;
                 }
                 if (endsInReloading(rule, match)) {
@@ -183,13 +231,13 @@ private:
                 }
                 continue;
             }
-            const Match matched = lessOf(match, matchOf(rule, question_));
+            const Match matched = lessOf(match, matchOf(rule, question_, own_));
             if (matched == Match::kNone) {
                 continue;
             }
             path_.push_back(rule);
             if (++steps_ > kMostSteps || path_.size() > kMostDepth) {
-                report(Effect::kAccepts, Match::kSome);
+                report(Match::kSome);
                 path_.pop_back();
                 return End::kFellThrough;
             }
@@ -206,10 +254,9 @@ private:
     /// Follows a jump to FIREWALL_RELOADING, for the rules that others have put there: during a
     /// reload the firewall has one, for established connections. Whether no packet comes back.
     bool endsInReloading(const KernelRule& rule, Match match) {
-        const Match matched = lessOf(match, matchOf(rule, question_));
-        return accepts_ && rule.target == kReloadingChain && rule.chain == base_ &&
-               matched != Match::kNone && follow(kReloadingChain, matched) == End::kStopped &&
-               matched == Match::kAll;
+        const Match matched = lessOf(match, matchOf(rule, question_, own_));
+        return rule.target == kReloadingChain && rule.chain == base_ && matched != Match::kNone &&
+               follow(kReloadingChain, matched) == End::kStopped && matched == Match::kAll;
     }
 
     /// Whether no packet goes on after the rule.
@@ -219,51 +266,70 @@ private:
         }
         const End ended = follow(rule.target, matched);
         if (ended == End::kFellThrough && rule.goesTo && rule.chain == base_) {
-            return end(Effect::kReturns, matched);
+            return endWithPolicy(matched);
         }
         return ended == End::kStopped && matched == Match::kAll;
     }
 
     bool end(Effect effect, Match matched) {
-        const KernelRule& rule = path_.back();
         if (effect == Effect::kGoesOn) {
             return false;
         }
-        if (effect == Effect::kReturns && rule.chain == base_) {
-            effect = returns_;  // the policy
+        if (effect == Effect::kReturns && path_.back().chain == base_) {
+            return endWithPolicy(matched);
         }
-        if (effect == Effect::kAccepts || effect == Effect::kRedirects) {
-            report(effect, matched);
+        if (effect == Effect::kUnknown && wanted_ != Effect::kRedirects) {
+            report(Match::kSome);
         }
-        if (matched == Match::kAll) {
+        return endWith(effect, matched);
+    }
+
+    bool endWithPolicy(Match matched) {
+        if (!table_.hasPolicy(base_, "DROP")) {
+            return !path_.empty() && endWith(Effect::kAccepts, matched);
+        }
+        KernelRule policy;
+        policy.text = "-P " + base_ + " DROP";
+        path_.push_back(policy);
+        const bool ends = endWith(Effect::kDrops, matched);
+        path_.pop_back();
+        return ends;
+    }
+
+    bool endWith(Effect effect, Match matched) {
+        if (effect == wanted_) {
+            report(matched);
+        }
+        if (matched == Match::kAll && effect != Effect::kUnknown) {
             return true;
         }
-        // Some packets of the question do not come to the next rules. Those that this one accepts
-        // make what the next ones accept no less.
-        clean_ = clean_ && effect == Effect::kAccepts && accepts_;
+        // Some packets of the question do not come to the next rules. Those that have met the
+        // effect already make what the next ones do no less certain.
+        clean_ = clean_ && effect == wanted_ && wanted_ != Effect::kRedirects;
         return false;
     }
 
-    void report(Effect effect, Match matched) {
-        found_(path_, effect, matched == Match::kAll && clean_);
-    }
+    void report(Match matched) { found_(path_, matched == Match::kAll && clean_); }
 
     const RuleListing& table_;
     const ForeignQuestion& question_;
-    bool accepts_;
+    Effect wanted_;
     Found found_;
+    bool isFilter_;
+    std::vector<Address> own_;
     std::string base_;
-    Effect returns_ = Effect::kAccepts;
     std::vector<KernelRule> path_;
     std::size_t steps_ = 0;
     bool clean_ = true;
 };
 
-std::vector<std::string> textsOf(const std::vector<KernelRule>& path) {
+std::vector<std::string> textsOf(const std::vector<KernelRule>& path,
+                                 const HookTable& table = HookTable()) {
     std::vector<std::string> texts;
     texts.reserve(path.size());
     for (const KernelRule& rule : path) {
-        texts.push_back(rule.text);
+        const auto text = table.texts.find(rule.text);
+        texts.push_back(text == table.texts.end() ? table.prefix + rule.text : text->second);
     }
     return texts;
 }
@@ -305,15 +371,11 @@ std::pair<std::string, std::string> endsOf(const std::string& target) {
 }
 
 /// What the last rule of a path through a table does; without the ports that it is for.
-Redirection redirectionBy(const std::vector<KernelRule>& path, const NatTable& table,
+Redirection redirectionBy(const std::vector<KernelRule>& path, const HookTable& table,
                           const std::vector<Address>& own) {
     const KernelRule& last = path.back();
     Redirection redirection;
-    for (const KernelRule& rule : path) {
-        const auto text = table.texts.find(rule.text);
-        redirection.rules.push_back(text == table.texts.end() ? table.prefix + rule.text
-                                                              : text->second);
-    }
+    redirection.rules = textsOf(path, table);
     std::string ports = optionOf(last, "--to-ports");
     if (last.target == "REDIRECT") {
         redirection.toThisMachine = true;
@@ -336,15 +398,16 @@ Redirection redirectionBy(const std::vector<KernelRule>& path, const NatTable& t
 
 ForeignRules::ForeignRules(std::string family, RuleListing filter, RuleListing nat,
                            std::vector<Address> own)
-    : ForeignRules(std::move(family), std::move(filter),
-                   std::vector<NatTable>{{std::move(nat), {kNatEntrance}, {}, ""}},
-                   std::move(own)) {}
+    : ForeignRules(
+          std::move(family), std::move(filter),
+          std::vector<HookTable>{{std::move(nat), {{kNatEntrance, Hook::kPrerouting}}, {}, ""}},
+          std::move(own)) {}
 
-ForeignRules::ForeignRules(std::string family, RuleListing filter, std::vector<NatTable> nat,
+ForeignRules::ForeignRules(std::string family, RuleListing filter, std::vector<HookTable> others,
                            std::vector<Address> own)
     : family_(std::move(family)),
       filter_(std::move(filter)),
-      nat_(std::move(nat)),
+      others_(std::move(others)),
       own_(std::move(own)) {}
 
 std::vector<EarlyAccept> ForeignRules::earlyAccepts(const std::string& chain,
@@ -353,11 +416,15 @@ std::vector<EarlyAccept> ForeignRules::earlyAccepts(const std::string& chain,
     if (filter_.positionOf(chain, "-A " + chain + " -j " + chain + "_FIREWALL") == 0) {
         return accepts;
     }
-    Walk(filter_, question, true, [&](const auto& path, Effect /*effect*/, bool certain) {
-        if (accepts.size() < kMostForeignRules) {
-            accepts.push_back({chain, textsOf(path), certain});
-        }
-    }).run(chain);
+    Walk(
+        filter_, question, Effect::kAccepts,
+        [&](const auto& path, bool certain) {
+            if (accepts.size() < kMostForeignRules) {
+                accepts.push_back({chain, textsOf(path), certain});
+            }
+        },
+        true)
+        .run(chain);
     return accepts;
 }
 
@@ -379,18 +446,25 @@ std::vector<EarlyAccept> ForeignRules::anyEarlyAccepts() const {
 std::vector<Redirection> ForeignRules::redirections(const ForeignQuestion& question) const {
     std::vector<Redirection> found;
     std::size_t certainTables = 0;
-    for (const NatTable& table : nat_) {
+    for (const HookTable& table : others_) {
         bool certainHere = false;
-        for (const std::string& entrance : table.entrances) {
-            Walk(table.rules, question, false, [&](const auto& path, Effect effect, bool certain) {
-                if (effect != Effect::kRedirects || found.size() >= kMostForeignRules) {
-                    return;
-                }
-                found.push_back(redirectionBy(path, table, own_));
-                found.back().ports = portsOn(path, question);
-                found.back().certain = certain;
-                certainHere = certainHere || certain;
-            }).run(entrance);
+        for (const HookTable::Entrance& entrance : table.entrances) {
+            if (entrance.hook != Hook::kPrerouting) {
+                continue;
+            }
+            Walk(
+                table.rules, question, Effect::kRedirects,
+                [&](const auto& path, bool certain) {
+                    if (found.size() >= kMostForeignRules) {
+                        return;
+                    }
+                    found.push_back(redirectionBy(path, table, own_));
+                    found.back().ports = portsOn(path, question);
+                    found.back().certain = certain;
+                    certainHere = certainHere || certain;
+                },
+                false)
+                .run(entrance.chain);
         }
         certainTables += certainHere ? 1 : 0;
     }
@@ -398,6 +472,35 @@ std::vector<Redirection> ForeignRules::redirections(const ForeignQuestion& quest
         // The table that the packets meet first decides, and the order is not known.
         for (Redirection& redirection : found) {
             redirection.certain = false;
+        }
+    }
+    return found;
+}
+
+std::vector<ForeignDrop> ForeignRules::drops(Hook hook, const ForeignQuestion& question) const {
+    std::vector<ForeignDrop> found;
+    const auto follow = [&](const RuleListing& rules, const HookTable& shown,
+                            const HookTable::Entrance& entrance, bool isFilter) {
+        const Match match = entrance.interfaces.empty() ? Match::kAll
+                            : question.interfaces.empty()
+                                ? Match::kSome
+                                : matchOfInterfaces(question.interfaces, entrance.interfaces);
+        if (entrance.hook != hook || match == Match::kNone) {
+            return;
+        }
+        const auto add = [&](const auto& path, bool certain) {
+            if (found.size() < kMostForeignRules) {
+                found.push_back({textsOf(path, shown), certain && match == Match::kAll});
+            }
+        };
+        Walk(rules, question, Effect::kDrops, add, isFilter, own_).run(entrance.chain);
+    };
+    if (hook != Hook::kPrerouting) {
+        follow(filter_, HookTable(), {hook == Hook::kInput ? "INPUT" : "FORWARD", hook}, true);
+    }
+    for (const HookTable& table : others_) {
+        for (const HookTable::Entrance& entrance : table.entrances) {
+            follow(table.rules, table, entrance, false);
         }
     }
     return found;

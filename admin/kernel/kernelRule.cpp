@@ -218,9 +218,37 @@ private:
         } else if (isOneOf(word, {"--state", "--ctstate"}) && !negated_ && isEstablished(peek())) {
             (void)next();
             rule_.establishedOnly = true;
+        } else if (isOneOf(word, {"--state", "--ctstate"}) && !negated_ && opensNone(peek())) {
+            (void)next();
+            rule_.opensNone = true;
+        } else if (word == "--tcp-flags") {
+            const std::string mask = nextText();
+            rule_.opensNone = hasOpeningFlags(mask, nextText()) == negated_ || rule_.opensNone;
         } else {
             rule_.more = true;
         }
+    }
+
+    static bool areAll(std::string_view list, std::initializer_list<const char*> words) {
+        Words names;
+        boost::split(names, list, boost::is_any_of(","));
+        return std::all_of(names.begin(), names.end(),
+                           [&](const std::string& name) { return isOneOf(name, words); });
+    }
+
+    static bool opensNone(std::string_view states) {
+        return areAll(states, {"ESTABLISHED", "RELATED", "INVALID"});
+    }
+
+    /// Whether the first packet of a connection matches: of the flags it has SYN alone.
+    static bool hasOpeningFlags(const std::string& mask, const std::string& set) {
+        Words names;
+        boost::split(names, mask, boost::is_any_of(","));
+        const bool looksAtSyn =
+            std::any_of(names.begin(), names.end(), [](const std::string& name) {
+                return isOneOf(name, {"SYN", "ALL"});
+            });
+        return set == (looksAtSyn ? "SYN" : "NONE");
     }
 
     std::string_view peek() const { return at_ < words_.size() ? words_[at_] : std::string_view(); }
@@ -228,11 +256,7 @@ private:
     /// RELATED is for connections that an established one has announced: the firewall's own line
     /// accepts them as well.
     static bool isEstablished(std::string_view states) {
-        Words names;
-        boost::split(names, states, boost::is_any_of(","));
-        return std::all_of(names.begin(), names.end(), [](const std::string& name) {
-            return isOneOf(name, {"ESTABLISHED", "RELATED"});
-        });
+        return areAll(states, {"ESTABLISHED", "RELATED"});
     }
 
     void readPorts(Condition<std::vector<PortSpan>>& condition) {
@@ -294,8 +318,9 @@ KernelRule kernelRuleFrom(const std::string& line) {
 
 bool isSameAsFarAsRead(const KernelRule& one, const KernelRule& other) {
     return one.chain == other.chain && one.target == other.target &&
-           one.establishedOnly == other.establishedOnly && isSameCondition(one.in, other.in) &&
-           isSameCondition(one.out, other.out) && isSameCondition(one.source, other.source) &&
+           one.establishedOnly == other.establishedOnly && one.opensNone == other.opensNone &&
+           isSameCondition(one.in, other.in) && isSameCondition(one.out, other.out) &&
+           isSameCondition(one.source, other.source) &&
            isSameCondition(one.destination, other.destination) &&
            isSameCondition(one.protocol, other.protocol) &&
            isSameCondition(one.ports, other.ports) &&

@@ -33,7 +33,8 @@ struct KernelRule {
     Condition<std::vector<PortSpan>> ports;
     Condition<std::vector<PortSpan>> sourcePorts;
     bool toThisMachine = false;    ///< for addresses of this machine: "addrtype --dst-type LOCAL"
-    bool establishedOnly = false;  ///< for no packet that opens a connection
+    bool establishedOnly = false;  ///< for packets of established connections only
+    bool opensNone = false;        ///< the same by other words: invalid ones, TCP without SYN
     bool more = false;             ///< it has further conditions, which are not read
     std::string target;            ///< "ACCEPT", a chain; empty without one
     bool goesTo = false;           ///< the target is a chain that does not come back

@@ -2,12 +2,16 @@
 
 #include <algorithm>
 #include <cctype>
+#include <optional>
 #include <set>
 #include <sstream>
 
+#include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/erase.hpp>
+#include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/replace.hpp>
+#include <boost/algorithm/string/split.hpp>
 #include <boost/algorithm/string/trim.hpp>
 
 #include "tarnfwadmin/addressRange.h"
@@ -77,8 +81,37 @@ std::string nameIn(const std::string& line, const std::string& kind) {
                : std::string();
 }
 
-bool isNatEntrance(const std::string& line) {
-    return boost::starts_with(line, "type nat hook prerouting ");
+// ---- Chains at hooks ----------------------------------------------------------------------------
+
+/// The interfaces of "type filter hook ingress devices = { "eth0", "eth1" } priority 0; ...".
+Words devicesIn(const Words& words) {
+    Words devices;
+    for (std::size_t i = 0; i + 1 < words.size(); ++i) {
+        if (words[i] == "device") {
+            devices.push_back(words[i + 1]);
+        } else if (words[i] == "devices" && words[i + 1] == "=" && i + 2 < words.size()) {
+            boost::split(devices, words[i + 2], boost::is_any_of("{}, \""),
+                         boost::token_compress_on);
+        }
+    }
+    devices.erase(std::remove(devices.begin(), devices.end(), ""), devices.end());
+    return devices;
+}
+
+/// The hook of the second line of a chain; none where incoming packets do not meet it.
+std::optional<HookTable::Entrance> entranceFrom(const std::string& chain, const Words& words) {
+    const auto hook = std::find(words.begin(), words.end(), "hook");
+    if (hook == words.end() || hook + 1 == words.end()) {
+        return std::nullopt;
+    }
+    const std::string& name = *(hook + 1);
+    if (name == "prerouting" || name == "ingress") {
+        return HookTable::Entrance{chain, Hook::kPrerouting, devicesIn(words)};
+    }
+    if (name == "input" || name == "forward") {
+        return HookTable::Entrance{chain, name == "input" ? Hook::kInput : Hook::kForward, {}};
+    }
+    return std::nullopt;
 }
 
 // ---- One rule -----------------------------------------------------------------------------------
@@ -130,6 +163,9 @@ private:
     void read(const std::string& word) {
         if (word == "iifname" || word == "iif") {
             readInterface();
+        } else if (word == "icmp" || word == "icmpv6") {
+            protocol_ = word;
+            unread();
         } else if (word == "ip" || word == "ip6") {
             forFamily_ = forFamily_ && (word == "ip6") == ipv6_;
             readAddress(next());
@@ -140,7 +176,11 @@ private:
         } else if (word == "fib" && skip("daddr") && skip("type") && (skip("2") || skip("local"))) {
             conditions_ += " -m addrtype --dst-type LOCAL";
         } else if (word == "ct" && skip("state")) {
-            readStates(next());
+            if (skip("vmap")) {
+                readVerdicts(next(), true);
+            } else {
+                readStates(next());
+            }
         } else if (word == "counter") {
             (void)(skip("packets") && !next().empty());
             (void)(skip("bytes") && !next().empty());
@@ -173,8 +213,8 @@ private:
             return;
         }
         const std::string name = next();
-        if (isSet(name)) {
-            unread();
+        if (isSet(name) || std::isdigit(static_cast<unsigned char>(name.front())) != 0) {
+            unread();  // also the number of an interface
         } else {
             conditions_ += negated + " -i " + boost::replace_all_copy(name, "*", "+");
         }
@@ -240,15 +280,25 @@ private:
         ports_ += negated + (field == "dport" ? " --dports " : " --sports ") + value;
     }
 
+    /// A state of packets that open no connection in the words of iptables; empty for others.
+    static std::string stateFrom(const std::string& name) {
+        return name == "established" || name == "0x2" ? "ESTABLISHED"
+               : name == "related" || name == "0x4"   ? "RELATED"
+               : name == "invalid" || name == "0x1"   ? "INVALID"
+                                                      : "";
+    }
+
     void readStates(const std::string& states) {
         std::istringstream names(boost::replace_all_copy(states, ",", " "));
+        Words read;
         for (std::string name; names >> name;) {
-            if (name != "established" && name != "related" && name != "0x2" && name != "0x4") {
+            read.push_back(stateFrom(name));
+            if (read.back().empty()) {
                 unread();
                 return;
             }
         }
-        conditions_ += " -m conntrack --ctstate RELATED,ESTABLISHED";
+        conditions_ += " -m conntrack --ctstate " + boost::join(read, ",");
     }
 
     /// Whether the last words were the key of a map of verdicts, which is then read.
@@ -260,16 +310,25 @@ private:
         return true;
     }
 
-    /// "{ 80 : jump published, 81 : drop }", or "@published", whose chains are not shown.
-    void readVerdicts(const std::string& map) {
+    /// "{ 80 : jump published, 81 : drop }", or "@published", whose verdicts are not shown.
+    void readVerdicts(const std::string& map, bool ofStates = false) {
         unread();
-        goesAnywhere_ = goesAnywhere_ || map.front() == '@';
-        std::istringstream words(map);
-        for (std::string word; words >> word;) {
-            std::string chain;
-            if ((word == "jump" || word == "goto") && words >> chain) {
-                boost::trim_right_if(chain, [](char c) { return c == ',' || c == '}'; });
-                targets_.push_back(std::string("-j ") + kChainMark + chain);
+        if (map.empty() || map.front() == '@') {
+            goesAnywhere_ = true;
+            targets_.emplace_back("-j @");
+            return;
+        }
+        Words words;
+        boost::split(words, map, boost::is_any_of("{}, "), boost::token_compress_on);
+        for (std::size_t i = 1; i + 1 < words.size(); ++i) {
+            if (words[i] != ":" || (ofStates && !stateFrom(words[i - 1]).empty())) {
+                continue;
+            }
+            const std::string& verdict = words[i + 1];
+            if (verdict == "drop" || verdict == "accept") {
+                targets_.emplace_back(verdict == "drop" ? "-j DROP" : "-j ACCEPT");
+            } else if ((verdict == "jump" || verdict == "goto") && i + 2 < words.size()) {
+                targets_.push_back(std::string("-j ") + kChainMark + words[i + 2]);
             }
         }
     }
@@ -283,6 +342,9 @@ private:
             readDnat();
         } else if (word == "redirect") {
             readRedirect();
+        } else if (word == "reject" || word == "queue") {
+            targets_.emplace_back(word == "reject" ? "-j REJECT" : "-j NFQUEUE");
+            at_ = words_.size();
         } else if (word == "accept" || word == "drop" || word == "return") {
             targets_.push_back(word == "accept" ? "-j ACCEPT"
                                : word == "drop" ? "-j DROP"
@@ -347,8 +409,8 @@ std::string shown(const NftTable& table, const std::string& chain, const std::st
 
 }  // namespace
 
-NatTable natTableFrom(const std::string& text, const NftTable& table, const std::string& family) {
-    NatTable result;
+HookTable hookTableFrom(const std::string& text, const NftTable& table, const std::string& family) {
+    HookTable result;
     Words anywhere;  // the rules that go to chains which are not shown
     std::string chain;
     std::size_t number = 0;
@@ -369,13 +431,19 @@ NatTable natTableFrom(const std::string& text, const NftTable& table, const std:
             others.insert(chain);
         } else if (line == "}") {
             chain.clear();
+        } else if (chain.empty() && line == "flags dormant") {
+            return HookTable();  // no packet meets it
         } else if (chain.empty() || line.empty() || boost::starts_with(line, "comment ")) {
             continue;
         } else if (boost::starts_with(line, "type ")) {
             others.erase(chain);
-            if (isNatEntrance(line)) {
-                result.entrances.push_back(kChainMark + chain);
+            if (const auto entrance = entranceFrom(kChainMark + chain, wordsOf(line))) {
+                result.entrances.push_back(*entrance);
             }
+            const bool drops = boost::ends_with(line, "policy drop;");
+            result.rules.policies[kChainMark + chain] = drops ? "DROP" : "ACCEPT";
+            result.texts["-P " + (kChainMark + chain) + " DROP"] =
+                shown(table, chain, "policy drop");
         } else {
             const Translation rule(line, family);
             if (!rule.isForFamily()) {

@@ -1,4 +1,4 @@
-/// Rules of nftables in the words of iptables, as far as they change where packets go.
+/// Rules of nftables in the words of iptables, as far as they drop packets or change where they go.
 #pragma once
 
 #include <map>
@@ -10,12 +10,12 @@
 
 namespace tarnfw {
 
-/// A table of nftables: its family ("ip", "ip6", "inet") and name.
+/// A table of nftables: its family ("ip", "ip6", "inet", "netdev") and name.
 using NftTable = std::pair<std::string, std::string>;
 
 /// The rules of a table for a family, "v4" or "v6". `text` is what "nft -t -n list table" prints.
 /// What has no equivalent becomes a condition that is not read, so that an answer that depends on
 /// it is no certain one.
-NatTable natTableFrom(const std::string& text, const NftTable& table, const std::string& family);
+HookTable hookTableFrom(const std::string& text, const NftTable& table, const std::string& family);
 
 }  // namespace tarnfw

@@ -1,10 +1,10 @@
-/// Rules of other programs that packets meet before the firewall's: those of INPUT and FORWARD that
-/// may accept, those that somebody has put into FIREWALL_RELOADING, and those that change where
-/// packets go, in the table "nat" or in other programs' tables of nftables.
+/// Rules of other programs that packets meet besides the firewall's: those of INPUT and FORWARD
+/// that may accept before it, those that somebody has put into FIREWALL_RELOADING, those that
+/// change where packets go, and those that drop.
 ///
-/// Only these can let a packet past the firewall's rules. What accepts in another table or in
-/// another program's own nftables chain ends only that chain: the packet still meets INPUT and
-/// FORWARD. What drops there makes the machine no more open.
+/// What accepts in another table ends only that table's chain: the packet still meets INPUT and
+/// FORWARD. What drops is final wherever it is, in any table of either variant of iptables or of
+/// nftables, before the firewall's rules or after them: a packet that those allow goes on.
 #pragma once
 
 #include <cstddef>
@@ -41,6 +41,19 @@ struct EarlyAccept {
     bool certain = false;  ///< it accepts all the packets of the question
 };
 
+/// A rule or a policy that may drop packets that the firewall allows.
+struct ForeignDrop {
+    std::vector<std::string> rules;  ///< as in Redirection; the last may be "-P INPUT DROP"
+    bool certain = false;            ///< it drops all the packets of the question
+};
+
+/// Where incoming packets meet a chain.
+enum class Hook {
+    kPrerouting,  ///< all of them, with the destination that the sender has written
+    kInput,       ///< those for this machine
+    kForward,     ///< those for others
+};
+
 /// A rule that changes where packets go.
 struct Redirection {
     std::vector<std::string> rules;      ///< from that of PREROUTING on, or as nft prints them
@@ -52,32 +65,40 @@ struct Redirection {
     bool certain = false;                ///< it changes all those packets
 };
 
-/// Rules that change where packets go, in the form of iptables-save.
-struct NatTable {
+/// A table in the form of iptables-save.
+struct HookTable {
+    /// A chain that packets begin with.
+    struct Entrance {
+        std::string chain;
+        Hook hook = Hook::kPrerouting;
+        std::vector<std::string> interfaces = {};  ///< only for packets through these; empty: any
+    };
+
     RuleListing rules;
-    std::vector<std::string> entrances;        ///< the chains that incoming packets begin with
+    std::vector<Entrance> entrances;
     std::map<std::string, std::string> texts;  ///< what to show for a rule instead of its text
     std::string prefix;                        ///< before other rules: "iptables-legacy -t nat "
 };
 
-/// Those of the machine, by family: the table "nat" of both variants of iptables, which are in
-/// force together whichever the firewall's is, and other programs' tables of nftables.
-struct NatTables {
-    std::map<std::string, std::vector<NatTable>> byFamily;
+/// Those of the machine, by family, but the table "filter" of the firewall's variant of iptables:
+/// the tables of both variants, which are in force together whichever the firewall's is, and other
+/// programs' tables of nftables.
+struct HookTables {
+    std::map<std::string, std::vector<HookTable>> byFamily;
     /// "the rules in nat of iptables-legacy are not known: there is no ...".
     std::vector<std::string> unknown;
 };
 
 /// Lists them, each program within 5 s. The kernel is asked first which tables there are, in a way
-/// that loads none: a program runs only for a variant that has a table "nat", and "nft" for each
-/// table of others that changes where packets go.
-NatTables natTables();
+/// that loads none: a program runs only for a variant that has one, and "nft" for each table of
+/// others that incoming packets meet.
+HookTables hookTables();
 
 /// The rules of one family, and what they do to the packets of a question.
 class ForeignRules {
 public:
     /// `own` are the machine's addresses.
-    ForeignRules(std::string family, RuleListing filter, std::vector<NatTable> nat,
+    ForeignRules(std::string family, RuleListing filter, std::vector<HookTable> others,
                  std::vector<Address> own = {});
 
     /// The same with the table "nat" of iptables alone.
@@ -98,10 +119,15 @@ public:
     /// The rules that change where such packets go. At most kMostForeignRules.
     std::vector<Redirection> redirections(const ForeignQuestion& question) const;
 
+    /// The rules and policies at a hook that may drop such packets, though the firewall allows
+    /// them. Without a destination, packets for this machine have one of its addresses. At most
+    /// kMostForeignRules.
+    std::vector<ForeignDrop> drops(Hook hook, const ForeignQuestion& question) const;
+
 private:
     std::string family_;
     RuleListing filter_;
-    std::vector<NatTable> nat_;
+    std::vector<HookTable> others_;
     std::vector<Address> own_;
 };
 

@@ -228,7 +228,7 @@ answers 0 status
 step 'in bounded time' [ "$SECONDS" -lt 15 ]
 says "^Redirects: *the rules in nat of iptables-$variant are not known: /sbin/iptables-save did not end within 5 s\$"
 answers 10 blocked --port tcp/22 --adapter eth0
-says "^It may be redirected: the rules in nat of ip6tables-$variant are not known: "
+says "^It may be redirected or dropped: the rules in nat of ip6tables-$variant are not known: "
 
 # --- a kernel that cannot be asked -----------------------------------------------------------------
 

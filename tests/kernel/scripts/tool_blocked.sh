@@ -43,8 +43,8 @@ answers 10 blocked --port tcp/22 --json
 prints_json <<'END'
 {"enabled": true, "profile": "deny_by_default", "ports": ["tcp/22"], "allowed": false,
  "holds": true, "complaints": [], "redirects": [],
- "adapters": [{"name": "global", "verdict": "undecided", "acceptedBefore": []}, {"name": "eth0", "verdict": "mixed", "acceptedBefore": []},
-              {"name": "eth1", "verdict": "allowed", "acceptedBefore": []}]}
+ "adapters": [{"name": "global", "verdict": "undecided", "acceptedBefore": [], "droppedBy": []}, {"name": "eth0", "verdict": "mixed", "acceptedBefore": [], "droppedBy": []},
+              {"name": "eth1", "verdict": "allowed", "acceptedBefore": [], "droppedBy": []}]}
 END
 answers 0 blocked --service https --adapter eth0
 prints <<'END'
@@ -85,10 +85,10 @@ prints_json <<'END'
 {"enabled": true, "profile": "deny_by_default", "service": "https", "ports": ["tcp/443"],
  "allowed": true, "holds": true, "complaints": [], "redirects": [],
  "adapters": [
-   {"name": "global", "verdict": "undecided", "acceptedBefore": [],
+   {"name": "global", "verdict": "undecided", "acceptedBefore": [], "droppedBy": [],
     "ports": [{"port": "tcp/443", "verdict": "undecided",
                "steps": [{"kind": "global", "before": "allowed", "after": "undecided"}]}]},
-   {"name": "eth0", "verdict": "allowed", "acceptedBefore": [],
+   {"name": "eth0", "verdict": "allowed", "acceptedBefore": [], "droppedBy": [],
     "ports": [{"port": "tcp/443", "verdict": "allowed",
                "steps": [{"kind": "default", "before": "allowed", "after": "blocked"},
                          {"kind": "rule", "list": "eth0", "position": 1, "last": true,
@@ -244,7 +244,7 @@ prints_json <<END
 {"enabled": true, "profile": "mixture", "ports": ["both/7010"], "from": "192.168.1.20",
  "allowed": false, "holds": false, "complaints": [$(jq -Rn --arg text "$kDiffers" '$text')], "redirects": [],
  "adapters": [
-   {"name": "eth0", "acceptedBefore": [],
+   {"name": "eth0", "acceptedBefore": [], "droppedBy": [],
     "decisions": [
       {"port": "tcp/7010", "by": "defaultPolicy", "list": "eth0", "allowed": false,
        "unless": [{"list": "eth0", "position": 6,
@@ -257,7 +257,7 @@ prints_json <<END
 {"enabled": true, "profile": "mixture", "ports": ["tcp/7010"], "from": "192.168.1.20",
  "to": "192.168.1.11", "allowed": true, "holds": false, "complaints": [$(jq -Rn --arg text "$kDiffers" '$text')], "redirects": [],
  "adapters": [
-   {"name": "eth0", "acceptedBefore": [],
+   {"name": "eth0", "acceptedBefore": [], "droppedBy": [],
     "decisions": [
       {"port": "tcp/7010", "by": "rule", "list": "eth0", "position": 6, "allowed": true,
        "rule": "allow tcp 7010 to 192.168.1.11 (IPv4)", "unless": []}]}]}

@@ -94,17 +94,22 @@ tcp4 192.168.1.10 23 blocked 192.168.1.20
 END
 iptables -D INPUT 1
 
-# What drops, logs, or is for established connections or loopback, lets nothing past.
+# What drops elsewhere, logs, or is for established connections, invalid packets or loopback, changes nothing.
 iptables -I INPUT 1 -i lo -j ACCEPT
 iptables -I INPUT 1 -m conntrack --ctstate RELATED,ESTABLISHED -j ACCEPT
-iptables -I INPUT 1 -s 192.168.1.99 -j DROP
+iptables -I INPUT 1 -i eth7 -j DROP
+iptables -I INPUT 1 -d 172.17.0.2 -j DROP
+iptables -I INPUT 1 -m conntrack --ctstate INVALID -j DROP
+iptables -I INPUT 1 -p tcp ! --syn -m conntrack --ctstate NEW -j DROP
 iptables -I INPUT 1 -j LOG
 iptables -t mangle -A PREROUTING -j ACCEPT
 iptables -t raw -A PREROUTING -j ACCEPT
 as_stored
-for _ in 1 2 3 4; do
+for _ in {1..7}; do
     iptables -D INPUT 1
 done
+iptables -t mangle -F
+iptables -t raw -F
 
 # --- a host of containers --------------------------------------------------------------------------
 
@@ -215,6 +220,82 @@ says "^tcp/8081 is handed to port 80 (IPv6: ip6tables-$other -t nat .*); the rul
 "ip6tables-$other" -t nat -F
 as_stored
 
+# --- what drops ------------------------------------------------------------------------------------
+
+# dropped RULE: packets to tcp/80, which the profile allows, are dropped, and the answers name the rule.
+dropped() {
+    step 'the port is closed' check_packets <<<'tcp4 192.168.1.10 80 blocked 192.168.1.21'
+    answers 10 blocked --port tcp/80 --adapter eth0
+    says "^eth0  *allowed  *but dropped by: $1 (IPv4)\$"
+    answers 10 explain --port tcp/80 --adapter eth0
+    says "^  but dropped by: $1 (IPv4)\$"
+    answers 10 explain --port tcp/80 --adapter eth0 --from 192.168.1.21
+    says "^eth0  *tcp/80  *allowed  *rule .*; but dropped by: $1 (IPv4)\$"
+    answers 0 explain --port tcp/80 --adapter eth0 --from fd00::20
+    answers 0 blocked --port tcp/443 --adapter eth0
+}
+
+# Before the firewall.
+iptables -I INPUT 1 -p tcp --dport 80 -j DROP
+dropped '-A INPUT -p tcp -m tcp --dport 80 -j DROP'
+answers 10 blocked --port tcp/80 --adapter eth0 --json
+step 'as a document' [ "$(jq -c '[.holds, .allowed, .adapters[1].verdict, .adapters[1].droppedBy]' "$out/answer")" = \
+    '[true,false,"allowed",[{"certain":true,"family":"v4","rules":["-A INPUT -p tcp -m tcp --dport 80 -j DROP"]}]]' ]
+answers 10 explain --port tcp/80 --adapter eth0 --from 192.168.1.21 --json
+step 'as a document' [ "$(jq -c '[.allowed, (.adapters[0].droppedBy | length)]' "$out/answer")" = '[false,1]' ]
+# Of what is blocked anyway, or accepted before, nothing is said.
+answers 10 blocked --port tcp/81 --adapter eth0
+says '^eth0  *blocked$'
+iptables -I INPUT 1 -p tcp --dport 80 -j ACCEPT
+step 'the port is open' check_packets <<<'tcp4 192.168.1.10 80 open 192.168.1.21'
+answers 0 blocked --port tcp/80 --adapter eth0
+iptables -D INPUT 1
+iptables -D INPUT 1
+
+# After it: what the firewall allows goes on.
+iptables -A INPUT -p tcp --dport 80 -j DROP
+dropped '-A INPUT -p tcp -m tcp --dport 80 -j DROP'
+iptables -D INPUT -p tcp --dport 80 -j DROP
+iptables -A INPUT -p tcp --dport 443 -j ACCEPT
+iptables -P INPUT DROP
+dropped '-P INPUT DROP'
+iptables -P INPUT ACCEPT
+iptables -D INPUT -p tcp --dport 443 -j ACCEPT
+
+# In another table.
+iptables -t mangle -A PREROUTING -i eth0 -p tcp --dport 80 -j DROP
+dropped '-t mangle -A PREROUTING -i eth0 -p tcp -m tcp --dport 80 -j DROP'
+iptables -t mangle -F
+
+# For some senders.
+iptables -I INPUT 1 -s 192.168.1.21 -p tcp -j DROP
+step 'one is dropped' check_packets <<'END'
+tcp4 192.168.1.10 80 blocked 192.168.1.21
+tcp4 192.168.1.10 80 open 192.168.1.20
+END
+answers 10 blocked --port tcp/80 --adapter eth0
+says '^eth0  *allowed  *but may be dropped by: -A INPUT -s 192.168.1.21/32 -p tcp -j DROP (IPv4)$'
+answers 10 explain --port tcp/80 --adapter eth0 --from 192.168.1.21
+says '; but dropped by: -A INPUT -s 192.168.1.21/32 -p tcp -j DROP (IPv4)$'
+answers 0 explain --port tcp/80 --adapter eth0 --from 192.168.1.20
+iptables -D INPUT 1
+
+# By the other variant of iptables, which also decides what this one accepts before the firewall.
+"iptables-$other" -A INPUT -p tcp --dport 80 -j DROP
+"iptables-$other" -A INPUT -p tcp --dport 23 -j DROP
+dropped "iptables-$other -t filter -A INPUT -p tcp -m tcp --dport 80 -j DROP"
+iptables -I INPUT 1 -j ACCEPT
+step 'what is accepted is dropped all the same' check_packets <<'END'
+tcp4 192.168.1.10 80 blocked 192.168.1.21
+tcp4 192.168.1.10 23 blocked 192.168.1.21
+END
+answers 10 blocked --port tcp/23 --adapter eth0
+says '^eth0  *blocked$'
+answers 10 blocked --port tcp/80 --adapter eth0
+iptables -D INPUT 1
+"iptables-$other" -F INPUT
+as_stored
+
 # --- in a table of nftables ------------------------------------------------------------------------
 
 "$checkout/tests/kernel/nft_chain.py" inet others pre nat prerouting -100 accept 8443 redirect 23
@@ -226,7 +307,7 @@ if [[ ! -e $kNft ]]; then
     answers 0 status
     says "^Redirects: *table inet others of nftables cannot be listed: there is no $kNft\$"
     answers 10 blocked --port tcp/8443 --adapter eth0
-    says "^It may be redirected: table inet others of nftables cannot be listed: there is no $kNft\$"
+    says "^It may be redirected or dropped: table inet others of nftables cannot be listed: there is no $kNft\$"
 fi
 
 # As nft prints that table.
@@ -235,6 +316,11 @@ cp --archive -- /usr/sbin/. /tmp/sbin/
 cat >/tmp/sbin/nft <<'END'
 #!/bin/sh
 echo "$*" >>/tmp/nft_runs
+if [ "$6" = early ]; then
+    printf 'table ip early {\n\tchain in {\n\t\ttype filter hook input priority -5; policy drop;\n'
+    printf '\t\ttcp dport 80 drop\n\t}\n}\n'
+    exit
+fi
 printf 'table inet others {\n\tchain pre {\n\t\ttype nat hook prerouting priority -100; policy accept;\n'
 printf '\t\ttcp dport 8443 counter packets 3 bytes 180 redirect to :23\n\t}\n}\n'
 END
@@ -248,6 +334,19 @@ answers 11 blocked --port tcp/8443 --adapter eth0
 says '^tcp/8443 is handed to port 23 (IPv4: table inet others chain pre: tcp dport 8443 redirect to :23); the rules of INPUT_FIREWALL see port 23: eth0 blocked$'
 answers 11 explain --port tcp/8443 --adapter eth0 --from fd00::20
 says 'see port 23: eth0 blocked (the default policy of eth0: deny)$'
+"$checkout/tests/kernel/nft_chain.py" ip early in filter input -5 drop 80 drop
+step 'the ports are closed' check_packets <<'END'
+tcp4 192.168.1.10 80 blocked 192.168.1.21
+tcp4 192.168.1.10 443 blocked 192.168.1.21
+tcp6 fd00::10 443 open fd00::20
+END
+answers 10 blocked --port tcp/80 --adapter eth0
+says '^eth0  *allowed  *but dropped by: table ip early chain in: tcp dport 80 drop (IPv4)$'
+answers 10 blocked --port tcp/443 --adapter eth0
+says '^eth0  *allowed  *but dropped by: table ip early chain in: policy drop (IPv4)$'
+answers 0 explain --port tcp/443 --adapter eth0 --from fd00::20
 printf '#!/bin/sh\necho "Error: no rights" >&2\nexit 1\n' >/tmp/sbin/nft
 answers 0 status
 says '^Redirects: *table inet others of nftables cannot be listed: /usr/sbin/nft fails: Error: no rights$'
+answers 0 blocked --port tcp/80 --adapter eth0
+says '^It may be redirected or dropped: table ip early of nftables cannot be listed: '

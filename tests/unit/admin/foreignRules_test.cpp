@@ -97,7 +97,7 @@ const AcceptCase kAccepts[] = {
      "certain"},
     {"Logs", "-A INPUT -j LOG\n", "none"},
     {"Counts", "-A INPUT -p tcp\n", "none"},
-    {"AProgramDecides", "-A INPUT -j NFQUEUE --queue-num 0\n", "certain"},
+    {"AProgramDecides", "-A INPUT -j NFQUEUE --queue-num 0\n", "maybe"},
     {"Returns", "-A INPUT -j RETURN\n", "certain"},
     {"AnOwnChain", "-A INPUT -s 10.0.0.1/32 -j INPUT_FIREWALL\n", "none"},
     {"AnotherChain", "-A INPUT -j OTHERS\n-A OTHERS -p tcp -m tcp --dport 22 -j ACCEPT\n",
@@ -203,6 +203,111 @@ TEST(ForeignRulesTest, ChainsWithoutEndAreMaybe) {
     EXPECT_EQ(found(filterWith(rules), question()), "maybe");
 }
 
+// ---- what drops ----
+
+/// A filter table whose INPUT has these rules after the firewall's jumps.
+RuleListing filterThen(const std::string& after, const std::string& policy = "ACCEPT") {
+    RuleListing filter = filterWith("", policy);
+    filter.chains["INPUT"].pop_back();  // the rule for a friend
+    const RuleListing more = RuleListing::from(after);
+    for (const auto& [chain, rules] : more.chains) {
+        filter.chains[chain].insert(filter.chains[chain].end(), rules.begin(), rules.end());
+    }
+    return filter;
+}
+
+/// "certain", "maybe" or "none", of tcp/22 through eth0 to this machine, which is 192.0.2.1.
+std::string dropsIn(const RuleListing& filter, const std::vector<HookTable>& others = {},
+                    Hook hook = Hook::kInput) {
+    std::string told = "none";
+    for (const ForeignDrop& drop :
+         ForeignRules("v4", filter, others, {*addressFrom("192.0.2.1"), *addressFrom("127.0.0.1")})
+             .drops(hook, question())) {
+        told = drop.certain || told == "certain" ? "certain" : "maybe";
+    }
+    return told;
+}
+
+struct DropCase {
+    const char* name;
+    const char* rules;
+    const char* drops;
+};
+
+void PrintTo(const DropCase& c, std::ostream* out) {
+    *out << c.rules;
+}
+
+const DropCase kDrops[] = {
+    {"Nothing", "", "none"},
+    {"Everything", "-A INPUT -j DROP\n", "certain"},
+    {"ThePort", "-A INPUT -p tcp -m tcp --dport 22 -j REJECT --reject-with tcp-reset\n", "certain"},
+    {"AnotherPort", "-A INPUT -p tcp -m tcp --dport 23 -j DROP\n", "none"},
+    {"AnotherProtocol", "-A INPUT -p udp -j DROP\n", "none"},
+    {"AnotherInterface", "-A INPUT -i eth1 -j DROP\n", "none"},
+    {"SomeSenders", "-A INPUT -s 10.0.0.0/8 -j DROP\n", "maybe"},
+    {"AnUnknownMatch", "-A INPUT -m set --match-set foes src -j DROP\n", "maybe"},
+    {"AProgramDecides", "-A INPUT -j NFQUEUE --queue-num 0\n", "maybe"},
+    {"ToThisMachine", "-A INPUT -d 192.0.2.1/32 -j DROP\n", "certain"},
+    {"ToOthers", "-A INPUT -d 172.17.0.2/32 -j DROP\n", "none"},
+    {"InvalidPackets", "-A INPUT -m conntrack --ctstate INVALID -j DROP\n", "none"},
+    {"NewPackets", "-A INPUT -m conntrack --ctstate NEW -j DROP\n", "maybe"},
+    {"WithoutSyn", "-A INPUT -p tcp -m tcp ! --tcp-flags FIN,SYN,RST,ACK SYN -j DROP\n", "none"},
+    {"WithSyn", "-A INPUT -p tcp -m tcp --tcp-flags FIN,SYN,RST,ACK SYN -j DROP\n", "certain"},
+    {"WithoutFlags", "-A INPUT -p tcp -m tcp --tcp-flags ALL NONE -j DROP\n", "none"},
+    {"AfterAnAccept", "-A INPUT -j ACCEPT\n-A INPUT -j DROP\n", "none"},
+    {"AfterAnAcceptForSome", "-A INPUT -s 10.0.0.0/8 -j ACCEPT\n-A INPUT -j DROP\n", "maybe"},
+    {"AfterADropForSome", "-A INPUT -s 10.0.0.0/8 -j DROP\n-A INPUT -j DROP\n", "certain"},
+    {"InAChain", "-A INPUT -j OTHERS\n-A OTHERS -p tcp -j DROP\n", "certain"},
+    {"AfterAReturn", "-A INPUT -j OTHERS\n-A OTHERS -j RETURN\n-A OTHERS -j DROP\n", "none"},
+    {"InTheReloadingChain", "-A FIREWALL_RELOADING -p tcp -j DROP\n", "certain"},
+    {"OfTheFirewallItself", "-A INPUT_FIREWALL -j DROP\n", "none"},
+};
+
+class DropTest : public testing::TestWithParam<DropCase> {};
+
+TEST_P(DropTest, IsSeenBeforeAndAfterTheFirewall) {
+    EXPECT_EQ(dropsIn(filterWith(GetParam().rules)), GetParam().drops);
+    EXPECT_EQ(dropsIn(filterThen(GetParam().rules)), GetParam().drops);
+}
+
+INSTANTIATE_TEST_SUITE_P(, DropTest, ValuesIn(kDrops), caseName<DropCase>);
+
+TEST(ForeignDropTest, APolicyDropsWhatNoRuleAccepts) {
+    EXPECT_EQ(dropsIn(filterThen("", "DROP")), "certain");
+    EXPECT_EQ(dropsIn(filterThen("-A INPUT -p tcp -m tcp --dport 22 -j ACCEPT\n", "DROP")), "none");
+    EXPECT_EQ(dropsIn(filterThen("-A INPUT -s 10.0.0.0/8 -j ACCEPT\n", "DROP")), "maybe");
+    const auto drops =
+        ForeignRules("v4", filterThen("", "DROP"), RuleListing()).drops(Hook::kInput, question());
+    ASSERT_THAT(drops, SizeIs(1));
+    EXPECT_THAT(drops[0].rules, ElementsAre("-P INPUT DROP"));
+}
+
+/// A table of the other variant; its chains drop whatever the firewall's do.
+HookTable legacyFilter(const std::string& rules) {
+    return {RuleListing::from(rules),
+            {{"INPUT", Hook::kInput}, {"FORWARD", Hook::kForward}},
+            {},
+            "iptables-legacy -t filter "};
+}
+
+TEST(ForeignDropTest, AnotherTableDropsThoughThisOneAccepts) {
+    const RuleListing accepts = filterWith("-A INPUT -j ACCEPT\n");
+    const HookTable other = legacyFilter("-P INPUT ACCEPT\n-A INPUT -p tcp -j DROP\n");
+    EXPECT_EQ(dropsIn(accepts, {other}), "certain");
+    EXPECT_EQ(dropsIn(accepts, {other}, Hook::kForward), "none");
+    EXPECT_EQ(dropsIn(accepts, {legacyFilter("-P INPUT DROP\n")}), "certain");
+    const auto drops = ForeignRules("v4", accepts, {other}, {}).drops(Hook::kInput, question());
+    ASSERT_THAT(drops, SizeIs(1));
+    EXPECT_THAT(drops[0].rules, ElementsAre("iptables-legacy -t filter -A INPUT -p tcp -j DROP"));
+}
+
+TEST(ForeignDropTest, RulesOfThisFirewallLeftInTheOtherVariantAreInForce) {
+    EXPECT_EQ(dropsIn(filterWith(""), {legacyFilter("-P INPUT ACCEPT\n-A INPUT -j INPUT_FIREWALL\n"
+                                                    "-A INPUT_FIREWALL -i eth0 -j DROP\n")}),
+              "certain");
+}
+
 // ---- nat ----
 
 struct RedirectionCase {
@@ -272,13 +377,16 @@ TEST(RedirectionOfManyTest, NamesThePortsThatItIsFor) {
 }
 
 /// The nat table of the other variant of iptables.
-NatTable tableOfLegacy(const std::string& rules) {
-    return {RuleListing::from(rules), {kNatEntrance}, {}, "iptables-legacy -t nat "};
+HookTable tableOfLegacy(const std::string& rules) {
+    return {RuleListing::from(rules),
+            {{kNatEntrance, Hook::kPrerouting}},
+            {},
+            "iptables-legacy -t nat "};
 }
 
 TEST(RedirectionOfManyTest, NamesTheVariantOfIptables) {
     const auto found = ForeignRules("v4", RuleListing(),
-                                    {{RuleListing(), {kNatEntrance}, {}, ""},
+                                    {{RuleListing(), {{kNatEntrance, Hook::kPrerouting}}, {}, ""},
                                      tableOfLegacy("-A PREROUTING -j REDIRECT --to-ports 23\n")})
                            .redirections(question());
     ASSERT_THAT(found, SizeIs(1));
@@ -288,8 +396,10 @@ TEST(RedirectionOfManyTest, NamesTheVariantOfIptables) {
 }
 
 TEST(RedirectionOfManyTest, OfTwoTablesNeitherIsCertain) {
-    const NatTable own{
-        RuleListing::from("-A PREROUTING -j REDIRECT --to-ports 80\n"), {kNatEntrance}, {}, ""};
+    const HookTable own{RuleListing::from("-A PREROUTING -j REDIRECT --to-ports 80\n"),
+                        {{kNatEntrance, Hook::kPrerouting}},
+                        {},
+                        ""};
     const auto found =
         ForeignRules("v4", RuleListing(),
                      {own, tableOfLegacy("-A PREROUTING -j REDIRECT --to-ports 23\n")})

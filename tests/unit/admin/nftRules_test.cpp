@@ -116,12 +116,12 @@ class NftRuleTest : public testing::TestWithParam<NftCase> {};
 
 TEST_P(NftRuleTest, IsFollowed) {
     const NftCase& c = GetParam();
-    const NatTable table = natTableFrom(kOthers, {"inet", "others"}, c.family);
+    const HookTable table = hookTableFrom(kOthers, {"inet", "others"}, c.family);
     ForeignQuestion asked = question(c.port);
     asked.protocol = c.protocol;
     std::set<std::string> told;
     for (const Redirection& found :
-         ForeignRules(c.family, RuleListing(), std::vector<NatTable>{table}).redirections(asked)) {
+         ForeignRules(c.family, RuleListing(), std::vector<HookTable>{table}).redirections(asked)) {
         told.insert(found.target + (found.toThisMachine ? " INPUT " : " FORWARD ") +
                     (found.seenPorts ? portSpanText(*found.seenPorts) : "-") +
                     (found.certain ? " certain;" : " maybe;"));
@@ -132,20 +132,105 @@ TEST_P(NftRuleTest, IsFollowed) {
 INSTANTIATE_TEST_SUITE_P(, NftRuleTest, ValuesIn(kNftCases), caseName<NftCase>);
 
 TEST(NftTest, RulesAreNamedAsNftPrintsThem) {
-    const NatTable table = natTableFrom(kOthers, {"inet", "others"}, "v4");
-    const auto found = ForeignRules("v4", RuleListing(), std::vector<NatTable>{table})
+    const HookTable table = hookTableFrom(kOthers, {"inet", "others"}, "v4");
+    const auto found = ForeignRules("v4", RuleListing(), std::vector<HookTable>{table})
                            .redirections(question(8080));
     ASSERT_FALSE(found.empty());
     EXPECT_THAT(found[0].rules,
                 ElementsAre("table inet others chain pre: fib daddr type 2 jump published",
                             "table inet others chain published: tcp dport 8080 dnat ip to "
                             "172.17.0.2:23"));
-    const auto other = ForeignRules("v4", RuleListing(), std::vector<NatTable>{table})
+    const auto other = ForeignRules("v4", RuleListing(), std::vector<HookTable>{table})
                            .redirections(question(8443));
     ASSERT_FALSE(other.empty());
     EXPECT_THAT(other[0].rules,
                 ElementsAre("table inet others chain pre: tcp dport 8443 redirect to :443 comment "
                             "\"a web server\""));
+}
+
+// ---- what drops ----
+
+constexpr char kFilter[] = R"(table inet filter {
+	chain in {
+		type filter hook input priority 10; policy drop;
+		ct state vmap { 0x1 : drop, 0x2 : accept, 0x4 : accept }
+		ct state 0x1 drop
+		iifname "lo" accept
+		icmpv6 type { 133, 134 } accept
+		tcp dport 22 accept
+		tcp dport 80 counter packets 0 bytes 0 reject with tcp reset
+		tcp dport vmap { 90 : drop, 91 : accept }
+		tcp dport 92 limit rate 3/second drop
+		udp dport vmap @others
+	}
+
+	chain pre {
+		type filter hook prerouting priority -300; policy accept;
+		tcp dport 23 drop
+	}
+}
+)";
+
+constexpr char kDevice[] = R"(table netdev early {
+	chain in {
+		type filter hook ingress devices = { "eth0", "eth1" } priority 0; policy accept;
+		tcp dport 24 drop
+	}
+}
+)";
+
+constexpr char kSleeps[] = R"(table inet sleeps {
+	flags dormant
+	chain in {
+		type filter hook input priority 0; policy drop;
+	}
+}
+)";
+
+std::string dropsOf(const char* text, const NftTable& table, Hook hook, int port,
+                    int protocol = IPPROTO_TCP, const std::string& interface = "eth0") {
+    ForeignQuestion asked = question(port);
+    asked.protocol = protocol;
+    asked.interfaces = {interface};
+    std::string told;
+    for (const ForeignDrop& drop :
+         ForeignRules("v4", RuleListing(), std::vector<HookTable>{hookTableFrom(text, table, "v4")})
+             .drops(hook, asked)) {
+        told += (drop.certain ? "certain " : "maybe ") + rulesText(drop.rules) + "\n";
+    }
+    return told;
+}
+
+TEST(NftTest, NamesTheRulesAndPoliciesThatDrop) {
+    const NftTable filter("inet", "filter");
+    const std::string chain = "table inet filter chain in: ";
+    EXPECT_EQ(dropsOf(kFilter, filter, Hook::kInput, 22), "");
+    EXPECT_EQ(dropsOf(kFilter, filter, Hook::kInput, 80),
+              "certain " + chain + "tcp dport 80 reject with tcp reset\n");
+    EXPECT_EQ(dropsOf(kFilter, filter, Hook::kInput, 53, IPPROTO_UDP),
+              "maybe " + chain + "udp dport vmap @others\nmaybe " + chain + "policy drop\n");
+    EXPECT_EQ(dropsOf(kFilter, filter, Hook::kPrerouting, 23),
+              "certain table inet filter chain pre: tcp dport 23 drop\n");
+    EXPECT_EQ(dropsOf(kFilter, filter, Hook::kForward, 80), "");
+}
+
+TEST(NftTest, WhatAConditionDoesNotShowMayDrop) {
+    const NftTable filter("inet", "filter");
+    const std::string told = dropsOf(kFilter, filter, Hook::kInput, 92);
+    EXPECT_NE(told.find("maybe table inet filter chain in: tcp dport 92 limit rate 3/second drop"),
+              std::string::npos);
+    EXPECT_EQ(told.find("certain"), std::string::npos);
+}
+
+TEST(NftTest, ADeviceDropsForItself) {
+    const NftTable early("netdev", "early");
+    EXPECT_EQ(dropsOf(kDevice, early, Hook::kPrerouting, 24),
+              "certain table netdev early chain in: tcp dport 24 drop\n");
+    EXPECT_EQ(dropsOf(kDevice, early, Hook::kPrerouting, 24, IPPROTO_TCP, "eth2"), "");
+}
+
+TEST(NftTest, ADormantTableDropsNothing) {
+    EXPECT_EQ(dropsOf(kSleeps, {"inet", "sleeps"}, Hook::kInput, 22), "");
 }
 
 }  // namespace

@@ -59,17 +59,19 @@ void blocked(const PortQuery& options) {
         const TunnelAnswer tunnel = tunnelAnswer(decider, questions, answer.adapter);
         allowed = allowed && !tunnel.blocks();
         const BeforeFirewall before =
-            kernel.ask(decider, answer.adapter, isBlocked(answer.verdict) || tunnel.blocks());
+            kernel.ask(decider, answer.adapter, verdictOf(answer.verdict, tunnel));
         Json::Value entry;
         tunnel.addTo(entry);
         entry["name"] = answer.adapter;
         entry["verdict"] = verdictText(answer.verdict);
         entry["acceptedBefore"] = acceptsJson(before);
+        entry["droppedBy"] = dropsJson(before);
         document["adapters"].append(entry);
-        table.addRow(
-            {{answer.adapter, Paint::kPlain},
-             {verdictText(answer.verdict), policyPaint(answer.verdict)},
-             {joined(joined(noteOn(answer), tunnel.text()), acceptsText(before)), Paint::kPlain}});
+        table.addRow({{answer.adapter, Paint::kPlain},
+                      {verdictText(answer.verdict), policyPaint(answer.verdict)},
+                      {joined(joined(joined(noteOn(answer), tunnel.text()), acceptsText(before)),
+                              dropsText(before)),
+                       Paint::kPlain}});
     }
     if (options.json) {
         document["allowed"] = allowed;

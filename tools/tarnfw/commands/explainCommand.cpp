@@ -122,9 +122,10 @@ void printAnswer(const FW::FWPROFILE& profile, const AdapterAnswer& answer,
     if (!tunnel.owners.empty()) {
         std::cout << "  " << printable(tunnel.text()) << '\n';
     }
-    const std::string accepted = acceptsText(before);
-    if (!accepted.empty()) {
-        std::cout << "  " << painted(printable(accepted), Paint::kBad) << '\n';
+    for (const std::string& text : {acceptsText(before), dropsText(before)}) {
+        if (!text.empty()) {
+            std::cout << "  " << painted(printable(text), Paint::kBad) << '\n';
+        }
     }
     Table table;
     for (const PortAnswer& port : answer.ports) {
@@ -162,14 +163,16 @@ void explain(const PortQuery& options) {
     }
     const auto before = [&](const AdapterAnswer& answer) {
         return kernel.ask(decider, answer.adapter,
-                          isBlocked(answer.verdict) || tunnels[answer.adapter].blocks());
+                          verdictOf(answer.verdict, tunnels[answer.adapter]));
     };
     if (options.json) {
         Json::Value document = documentOf(store, options, questions, true, allowed);
         for (const AdapterAnswer& answer : answers) {
             Json::Value entry = answerDocument(profile, answer);
             tunnels[answer.adapter].addTo(entry);
-            entry["acceptedBefore"] = acceptsJson(before(answer));
+            const BeforeFirewall others = before(answer);
+            entry["acceptedBefore"] = acceptsJson(others);
+            entry["droppedBy"] = dropsJson(others);
             document["adapters"].append(entry);
         }
         kernel.addTo(document);
@@ -266,9 +269,8 @@ void printDecisions(const Decider& decider, const std::vector<AdapterDecisions>&
                 reason.append("; unless this matches: ")
                     .append(placeText(place) + ": " + ruleText(decider.ruleAt(place)));
             }
-            if (decision.denied) {
-                reason = joined(reason, acceptsText(adapter.before));
-            }
+            reason = joined(
+                reason, decision.denied ? acceptsText(adapter.before) : dropsText(adapter.before));
             const FW::FW_POLICY verdict =
                 decision.denied ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW;
             table.addRow(
@@ -306,12 +308,13 @@ void explainSender(const PortQuery& options) {
     bool allowed = true;
     for (const std::string& adapter : adaptersAsked(options, decider.profile())) {
         found.push_back(decisionsOn(decider, options, questions, adapter));
-        bool denied = false;
+        KernelAnswer::Verdict verdict;
         for (const auto& [protocol, decision] : found.back().decisions) {
-            denied = denied || decision.denied;
+            verdict.blocks = verdict.blocks || decision.denied;
+            verdict.allows = verdict.allows || !decision.denied;
         }
-        allowed = allowed && !denied;
-        found.back().before = kernel.ask(decider, adapter, denied);
+        allowed = allowed && !verdict.blocks;
+        found.back().before = kernel.ask(decider, adapter, verdict);
     }
     if (options.json) {
         Json::Value document = documentOf(store, options, questions, true, allowed);
@@ -326,6 +329,7 @@ void explainSender(const PortQuery& options) {
                 entry["decisions"].append(decisionDocument(decider, protocol, decision));
             }
             entry["acceptedBefore"] = acceptsJson(adapter.before);
+            entry["droppedBy"] = dropsJson(adapter.before);
             document["adapters"].append(entry);
         }
         kernel.addTo(document);

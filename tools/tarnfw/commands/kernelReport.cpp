@@ -179,20 +179,35 @@ BeforeFirewall beforeIn(const ForeignRules& rules, ForeignQuestion question,
             before.accepts.push_back({rules.family(), std::move(accept)});
         }
     };
+    const auto addDrops = [&](Hook hook, const ForeignQuestion& asked, bool certain) {
+        for (ForeignDrop& drop : rules.drops(hook, asked)) {
+            drop.certain = drop.certain && certain;
+            before.drops.push_back({rules.family(), std::move(drop)});
+        }
+    };
+    addDrops(Hook::kPrerouting, question, true);
     bool stays = true;
-    for (const Redirection& redirection : rules.redirections(question)) {
+    const std::vector<Redirection> redirections = rules.redirections(question);
+    for (const Redirection& redirection : redirections) {
         ForeignQuestion seen = question;
         seen.ports = redirection.seenPorts ? redirection.seenPorts : redirection.ports;
         seen.destination = redirection.destination;
         seen.toThisMachine = redirection.toThisMachine;
         addAccepts(redirection.toThisMachine ? "INPUT" : "FORWARD", seen);
+        addDrops(redirection.toThisMachine ? Hook::kInput : Hook::kForward, seen,
+                 redirection.certain);
         stays = stays && !redirection.certain;
         before.redirects.push_back({rules.family(), protocol, redirection, {}});
     }
     if (stays) {
+        addDrops(Hook::kInput, question, redirections.empty());
         addAccepts("INPUT", question);
         question.toThisMachine = false;
         addAccepts("FORWARD", question);
+    }
+    if (std::any_of(before.drops.begin(), before.drops.end(),
+                    [](const BeforeFirewall::Drop& item) { return item.drop.certain; })) {
+        before.accepts.clear();  // to be accepted in one place does not help
     }
     return before;
 }
@@ -203,6 +218,11 @@ std::string keyOf(const Item& item);
 template <>
 std::string keyOf(const BeforeFirewall::Accept& item) {
     return item.family + (item.accept.certain ? "!" : "?") + rulesText(item.accept.rules);
+}
+
+template <>
+std::string keyOf(const BeforeFirewall::Drop& item) {
+    return item.family + (item.drop.certain ? "!" : "?") + rulesText(item.drop.rules);
 }
 
 template <>
@@ -221,16 +241,25 @@ void addMissing(std::vector<Item>& all, const std::vector<Item>& more) {
     }
 }
 
+const EarlyAccept& ruleOf(const BeforeFirewall::Accept& item) {
+    return item.accept;
+}
+
+const ForeignDrop& ruleOf(const BeforeFirewall::Drop& item) {
+    return item.drop;
+}
+
 /// "-A INPUT -j ACCEPT (IPv4); ... and 4 more".
-std::string named(const std::vector<BeforeFirewall::Accept>& accepts, bool certain) {
+template <typename Item>
+std::string named(const std::vector<Item>& items, bool certain) {
     std::vector<std::string> texts;
     std::size_t more = 0;
-    for (const BeforeFirewall::Accept& item : accepts) {
-        if (item.accept.certain != certain) {
+    for (const Item& item : items) {
+        if (ruleOf(item).certain != certain) {
             continue;
         }
         if (texts.size() < kMostNamed) {
-            texts.push_back(boost::join(item.accept.rules, ", ") + " (" + titleOf(item.family) +
+            texts.push_back(boost::join(ruleOf(item).rules, ", ") + " (" + titleOf(item.family) +
                             ")");
         } else {
             ++more;
@@ -238,6 +267,32 @@ std::string named(const std::vector<BeforeFirewall::Accept>& accepts, bool certa
     }
     std::string text = boost::join(texts, "; ");
     return more == 0 ? text : text + "; and " + std::to_string(more) + " more";
+}
+
+/// As certain ones, or where there are none as others: "but dropped by: ...".
+template <typename Item>
+std::string namedFirst(const std::vector<Item>& items, const char* certainly, const char* maybe) {
+    const std::string certain = named(items, true);
+    if (!certain.empty()) {
+        return certainly + certain;
+    }
+    const std::string others = named(items, false);
+    return others.empty() ? "" : maybe + others;
+}
+
+template <typename Item>
+Json::Value itemsJson(const std::vector<Item>& items) {
+    Json::Value document(Json::arrayValue);
+    for (const Item& item : items) {
+        Json::Value entry;
+        entry["family"] = item.family;
+        entry["certain"] = ruleOf(item).certain;
+        for (const std::string& rule : ruleOf(item).rules) {
+            entry["rules"].append(rule);
+        }
+        document.append(entry);
+    }
+    return document;
 }
 
 /// ": eth0 blocked, wlan0 allowed"; empty without answers.
@@ -260,17 +315,17 @@ const char* chainSeenBy(const Redirection& redirection) {
 
 KernelReport kernelReport(const StoreSnapshot& store) {
     KernelReport report;
-    std::future<NatTables> listing = std::async(std::launch::async, natTables);
+    std::future<HookTables> listing = std::async(std::launch::async, hookTables);
     report.listings = filterListings();
     const std::vector<Address> own = ownAddresses();
-    NatTables nat = listing.get();
-    report.unknownNat = std::move(nat.unknown);
+    HookTables others = listing.get();
+    report.unknownRules = std::move(others.unknown);
     for (const auto& [family, filter] : report.listings) {
         if (filter.rules) {
             for (const std::string& chain : openedPolicies(family, *filter.rules)) {
                 report.opened.push_back(chain + " of " + titleOf(family));
             }
-            report.foreign.emplace_back(family, *filter.rules, std::move(nat.byFamily[family]),
+            report.foreign.emplace_back(family, *filter.rules, std::move(others.byFamily[family]),
                                         own);
         }
     }
@@ -416,6 +471,7 @@ BeforeFirewall beforeFirewall(const KernelReport& report, const FW::PortCompareS
 
 void addTo(BeforeFirewall& all, const BeforeFirewall& more) {
     addMissing(all.accepts, more.accepts);
+    addMissing(all.drops, more.drops);
     for (const BeforeFirewall::Redirect& item : more.redirects) {
         const auto known =
             std::find_if(all.redirects.begin(), all.redirects.end(),
@@ -437,12 +493,12 @@ bool hasOtherPorts(const BeforeFirewall& before) {
 }
 
 std::string acceptsText(const BeforeFirewall& before) {
-    const std::string certain = named(before.accepts, true);
-    if (!certain.empty()) {
-        return "but accepted before it by: " + certain;
-    }
-    const std::string maybe = named(before.accepts, false);
-    return maybe.empty() ? "" : "but may be accepted before it by: " + maybe;
+    return namedFirst(before.accepts,
+                      "but accepted before it by: ", "but may be accepted before it by: ");
+}
+
+std::string dropsText(const BeforeFirewall& before) {
+    return namedFirst(before.drops, "but dropped by: ", "but may be dropped by: ");
 }
 
 std::vector<std::string> redirectsText(const BeforeFirewall& before) {
@@ -459,17 +515,11 @@ std::vector<std::string> redirectsText(const BeforeFirewall& before) {
 }
 
 Json::Value acceptsJson(const BeforeFirewall& before) {
-    Json::Value document(Json::arrayValue);
-    for (const auto& [family, accept] : before.accepts) {
-        Json::Value entry;
-        entry["family"] = family;
-        entry["certain"] = accept.certain;
-        for (const std::string& rule : accept.rules) {
-            entry["rules"].append(rule);
-        }
-        document.append(entry);
-    }
-    return document;
+    return itemsJson(before.accepts);
+}
+
+Json::Value dropsJson(const BeforeFirewall& before) {
+    return itemsJson(before.drops);
 }
 
 Json::Value redirectsJson(const BeforeFirewall& before) {

@@ -14,20 +14,20 @@
 
 namespace tarnfw {
 
-/// The kernel at one moment: the filter table and "nat" of each family, listed once and all at the
-/// same time.
+/// The kernel at one moment: the filter table of each family and those of others, listed once and
+/// all at the same time.
 struct KernelReport {
     FilterListings listings;              ///< the filter tables
     std::vector<FamilyInForce> families;  ///< "v4" first
     std::vector<std::string>
-        emptyChains;                      ///< where the others have rules: "INPUT_FIREWALL of IPv4"
-    std::vector<ForeignRules> foreign;    ///< of the families that the machine has
-    std::vector<std::string> opened;      ///< see openedPolicies(): "INPUT of IPv4"
-    std::string unknownOpened;            ///< why that is not known
-    std::string unknown;                  ///< why the filter tables could not be listed
-    std::vector<std::string> unknownNat;  ///< that redirections are not known, and why
-    bool enabled = false;                 ///< by the settings
-    bool reloading = false;               ///< a reload is running
+        emptyChains;                    ///< where the others have rules: "INPUT_FIREWALL of IPv4"
+    std::vector<ForeignRules> foreign;  ///< of the families that the machine has
+    std::vector<std::string> opened;    ///< see openedPolicies(): "INPUT of IPv4"
+    std::string unknownOpened;          ///< why that is not known
+    std::string unknown;                ///< why the filter tables could not be listed
+    std::vector<std::string> unknownRules;  ///< what others have that is not known, and why
+    bool enabled = false;                   ///< by the settings
+    bool reloading = false;                 ///< a reload is running
 };
 
 /// Throws Error, kSystem, when no filter table can be listed. A family that cannot be listed while
@@ -65,11 +65,16 @@ struct InnerAnswer {
     std::string by;       ///< the rule, in words, where the sender is known
 };
 
-/// What happens to the packets of a question before they meet the firewall's rules.
+/// What rules of other programs do to the packets of a question: most of it before they meet the
+/// firewall's rules, but what drops may also do so after these have allowed them.
 struct BeforeFirewall {
     struct Accept {
         std::string family;
         EarlyAccept accept;
+    };
+    struct Drop {
+        std::string family;
+        ForeignDrop drop;
     };
     struct Redirect {
         std::string family;
@@ -78,6 +83,7 @@ struct BeforeFirewall {
         std::vector<InnerAnswer> inner = {};  ///< where the packets come in
     };
     std::vector<Accept> accepts;
+    std::vector<Drop> drops;  ///< of packets for this machine, and of redirected ones
     std::vector<Redirect> redirects;
 };
 
@@ -97,11 +103,16 @@ bool hasOtherPorts(const BeforeFirewall& before);
 /// without such rules.
 std::string acceptsText(const BeforeFirewall& before);
 
+/// "but dropped by: -A INPUT -p tcp -j DROP (IPv4)", or "but may be dropped by ..."; empty without
+/// such rules.
+std::string dropsText(const BeforeFirewall& before);
+
 /// "tcp/8080 is handed to 172.17.0.2:80 (IPv4: -A DOCKER ...); the rules of FORWARD_FIREWALL see
 /// port 80: eth0 blocked", one line each.
 std::vector<std::string> redirectsText(const BeforeFirewall& before);
 
 Json::Value acceptsJson(const BeforeFirewall& before);
+Json::Value dropsJson(const BeforeFirewall& before);
 Json::Value redirectsJson(const BeforeFirewall& before);
 
 }  // namespace tarnfw

@@ -23,9 +23,9 @@ const char* const kPortQueryFooter =
     "verdict "
     "to the adapters, and an adapter allows what no rule decides. The verdicts are for the stored "
     "rules of the active profile; a disabled firewall blocks nothing. Where the kernel does not "
-    "have "
-    "those rules, where rules of other programs may accept what they block, and where packets are "
-    "handed to another port before they meet them, the answer says so.";
+    "have those rules, where rules of other programs may accept what they block or drop what they "
+    "allow, and where packets are handed to another port before they meet them, the answer says "
+    "so. What may be dropped counts as blocked.";
 
 namespace {
 
@@ -165,14 +165,17 @@ InnerAnswer innerAnswer(Decider& decider, const BeforeFirewall::Redirect& redire
 
 KernelAnswer::KernelAnswer(const StoreSnapshot& store, const PortQuery& query,
                            const std::vector<FW::PortCompareST>& questions)
-    : report_(kernelReportIfAny(store)), complaints_(complaintsOf(report_)), questions_(questions) {
+    : report_(kernelReportIfAny(store)),
+      complaints_(complaintsOf(report_)),
+      questions_(questions),
+      onlyGlobal_(query.adapter == FW::FW_ADAPTER_GLOBAL) {
     if (!query.from.empty()) {
         from_ = addressFrom(query.from);
         to_ = query.to.empty() ? std::nullopt : addressFrom(query.to);
     }
 }
 
-BeforeFirewall KernelAnswer::ask(Decider& decider, const std::string& adapter, bool blocked) {
+BeforeFirewall KernelAnswer::ask(Decider& decider, const std::string& adapter, Verdict verdict) {
     BeforeFirewall before;
     for (const FW::PortCompareST& question : questions_) {
         tarnfw::addTo(before, beforeFirewall(report_, question, adapter, from_, to_));
@@ -183,10 +186,16 @@ BeforeFirewall KernelAnswer::ask(Decider& decider, const std::string& adapter, b
     for (BeforeFirewall::Redirect& redirect : before.redirects) {
         redirect.inner.push_back(innerAnswer(decider, redirect, adapter, from_));
     }
-    if (!blocked) {
+    if (!verdict.blocks) {
         before.accepts.clear();  // they accept what the firewall accepts
     }
+    const bool adaptersAnswer = adapter == FW::FW_ADAPTER_GLOBAL && !onlyGlobal_;
+    // A reload that was killed has made policies drop: that is a complaint already.
+    if (!verdict.allows || adaptersAnswer || isClosed(report_)) {
+        before.drops.clear();
+    }
     accepted_ = accepted_ || !before.accepts.empty();
+    dropped_ = dropped_ || !before.drops.empty();
     tarnfw::addTo(all_, before);
     return before;
 }
@@ -202,13 +211,16 @@ void KernelAnswer::printLast() const {
     for (const std::string& line : redirectsText(all_)) {
         std::cout << painted(line, Paint::kDoubtful) << '\n';
     }
-    for (const std::string& text : report_.unknownNat) {
-        std::cout << painted(printable("It may be redirected: " + text), Paint::kDoubtful) << '\n';
+    for (const std::string& text : report_.unknownRules) {
+        std::cout << painted(printable("It may be redirected or dropped: " + text),
+                             Paint::kDoubtful)
+                  << '\n';
     }
 }
 
 void KernelAnswer::addTo(Json::Value& document) const {
     document["holds"] = holds();
+    document["allowed"] = document["allowed"].asBool() && !dropped_;
     document["complaints"] = Json::Value(Json::arrayValue);
     for (const std::string& text : complaints_) {
         document["complaints"].append(text);
@@ -220,7 +232,7 @@ void KernelAnswer::end(bool allowed) const {
     if (!holds()) {
         endWith(kExitNotInForce);
     }
-    if (!allowed) {
+    if (!allowed || dropped_) {
         endWith(kExitBlocked);
     }
 }
@@ -314,8 +326,9 @@ bool answeredDisabled(const StoreSnapshot& store, const PortQuery& options,
     return true;
 }
 
-bool isBlocked(FW::FW_POLICY verdict) {
-    return verdict == FW::FW_POLICY_DENY || verdict == FW::FW_POLICY_MIXED;
+KernelAnswer::Verdict verdictOf(FW::FW_POLICY verdict, const TunnelAnswer& tunnel) {
+    const bool denies = verdict == FW::FW_POLICY_DENY;
+    return {denies || verdict == FW::FW_POLICY_MIXED || tunnel.blocks(), !denies};
 }
 
 std::string joined(const std::string& one, const std::string& other) {

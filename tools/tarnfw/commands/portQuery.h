@@ -51,9 +51,16 @@ public:
     KernelAnswer(const StoreSnapshot& store, const PortQuery& query,
                  const std::vector<FW::PortCompareST>& questions);
 
-    /// What comes before the firewall's rules on an adapter. Where those block the packets, it may
-    /// make the answer wrong. Once for each adapter.
-    BeforeFirewall ask(Decider& decider, const std::string& adapter, bool blocked);
+    /// What the firewall's rules do to the packets on an adapter: both, when it depends on the
+    /// packet.
+    struct Verdict {
+        bool blocks = false;
+        bool allows = false;
+    };
+
+    /// What rules of others do to them. What accepts matters where the firewall's block, and what
+    /// drops where these allow. Once for each adapter.
+    BeforeFirewall ask(Decider& decider, const std::string& adapter, Verdict verdict);
 
     /// Whether the kernel does what the answer says, as far as can be seen.
     bool holds() const { return complaints_.empty() && !accepted_ && !hasOtherPorts(all_); }
@@ -64,6 +71,7 @@ public:
     /// After it.
     void printLast() const;
 
+    /// Also makes "allowed" false where rules of others may drop the packets.
     void addTo(Json::Value& document) const;
 
     /// Ends the command with the exit status of the answer.
@@ -76,7 +84,9 @@ private:
     std::optional<Address> from_;
     std::optional<Address> to_;
     BeforeFirewall all_;
+    bool onlyGlobal_ = false;
     bool accepted_ = false;
+    bool dropped_ = false;
 };
 
 /// The answer for IPv6 through an interface that is the 6in4 tunnel of other adapters: the verdict
@@ -105,8 +115,8 @@ void printHeading(const StoreSnapshot& store, const PortQuery& query,
 bool answeredDisabled(const StoreSnapshot& store, const PortQuery& query,
                       const std::vector<FW::PortCompareST>& questions);
 
-/// Whether a verdict says that packets do not get through.
-bool isBlocked(FW::FW_POLICY verdict);
+/// What the verdict on an adapter says, and that on the tunnel that it may be.
+KernelAnswer::Verdict verdictOf(FW::FW_POLICY verdict, const TunnelAnswer& tunnel);
 
 /// Two remarks as one; either may be empty.
 std::string joined(const std::string& one, const std::string& other);

@@ -351,7 +351,7 @@ void status(bool json) {
         table.addRow({{"In the kernel:"}, inForceCell(family)});
     }
     addForeignRows(table, kernel);
-    for (const std::string& text : kernel.unknownNat) {
+    for (const std::string& text : kernel.unknownRules) {
         table.addRow({{"Redirects:"}, {text, Paint::kDoubtful}});
     }
     table.addRow({{"Apply mode:"}, {applyMode}});

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <fstream>
 #include <future>
+#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -24,6 +25,12 @@ namespace tarnfw {
 namespace {
 
 constexpr int kSeconds = 5;
+
+constexpr const char* kFamilies[] = {"v4", "v6"};
+
+// Of iptables.
+constexpr char kFilter[] = "filter";
+constexpr const char* kTables[] = {"raw", "mangle", "nat", kFilter, "security"};
 
 constexpr char kNft[] = "/usr/sbin/nft";
 
@@ -63,7 +70,8 @@ struct Part {
 
     /// What to write before the rules of a table.
     std::string prefixOf(const std::string& table) const {
-        return isOwn() ? "" : variant() + " -t " + table + " ";
+        return isOwn() ? (table == "nat" ? "" : "-t " + table + " ")
+                       : variant() + " -t " + table + " ";
     }
 };
 
@@ -144,17 +152,23 @@ std::string nftFamilyOf(const std::string& family) {
     return family == "v4" ? "ip" : "ip6";
 }
 
-/// Whether incoming packets may get another destination in a chain.
-bool redirects(const NftBaseChain& chain) {
-    return chain.type == "nat" && chain.hook == NF_INET_PRE_ROUTING &&
-           chain.table.first != "netdev";
+/// Whether incoming packets meet a chain.
+bool isForIncoming(const NftBaseChain& chain) {
+    if (chain.table.first == "netdev") {
+        return chain.hook == NF_NETDEV_INGRESS;
+    }
+    return chain.hook == NF_INET_PRE_ROUTING || chain.hook == NF_INET_LOCAL_IN ||
+           chain.hook == NF_INET_FORWARD || chain.hook == NF_INET_INGRESS;
 }
 
-/// The tables that have such chains.
+/// The tables that have such chains, but the firewall's.
 std::vector<NftTable> tablesToList(const std::vector<NftBaseChain>& chains) {
     std::vector<NftTable> tables;
     for (const NftBaseChain& chain : chains) {
-        if (redirects(chain) &&
+        const bool own = std::any_of(std::begin(kFamilies), std::end(kFamilies), [&](auto family) {
+            return isNftVariant(family) && chain.table == NftTable(nftFamilyOf(family), kFilter);
+        });
+        if (!own && isForIncoming(chain) &&
             std::find(tables.begin(), tables.end(), chain.table) == tables.end()) {
             tables.push_back(chain.table);
         }
@@ -177,7 +191,7 @@ std::string listedByNft(const NftTable& table) {
 
 /// Adds the tables of nftables but `known`, those that iptables has listed.
 void addNftTables(const std::vector<NftTable>& tables, const std::set<NftTable>& known,
-                  NatTables& all) {
+                  HookTables& all) {
     std::size_t listed = 0;
     for (const NftTable& table : tables) {
         if (known.count(table) != 0) {
@@ -190,9 +204,10 @@ void addNftTables(const std::vector<NftTable>& tables, const std::set<NftTable>&
         }
         try {
             const std::string text = listedByNft(table);
-            for (const char* const family : {"v4", "v6"}) {
-                if (table.first == "inet" || table.first == nftFamilyOf(family)) {
-                    all.byFamily[family].push_back(natTableFrom(text, table, family));
+            for (const char* const family : kFamilies) {
+                if (table.first == "inet" || table.first == "netdev" ||
+                    table.first == nftFamilyOf(family)) {
+                    all.byFamily[family].push_back(hookTableFrom(text, table, family));
                 }
             }
         } catch (const Error& error) {
@@ -204,25 +219,28 @@ void addNftTables(const std::vector<NftTable>& tables, const std::set<NftTable>&
 /// The parts that have tables to list: of both families, in each variant.
 std::vector<Part> partsToList(const std::vector<NftTable>& nft) {
     std::vector<Part> parts;
-    for (const char* const family : {"v4", "v6"}) {
-        Part legacy{family, false, {}};
-        if (legacyTables(family).count("nat") != 0) {
-            legacy.tables = {"nat"};
+    for (const char* const family : kFamilies) {
+        Part legacy{family, false, legacyTables(family)};
+        if (legacy.isOwn()) {
+            legacy.tables.erase(kFilter);
         }
-        parts.push_back(legacy);
+        parts.push_back(std::move(legacy));
         Part other{family, true, {}};
-        if (std::find(nft.begin(), nft.end(), NftTable(nftFamilyOf(family), "nat")) != nft.end()) {
-            other.tables = {"nat"};
+        for (const char* const name : kTables) {
+            const NftTable table(nftFamilyOf(family), name);
+            if (std::find(nft.begin(), nft.end(), table) != nft.end()) {
+                other.tables.insert(name);
+            }
         }
-        parts.push_back(other);
+        parts.push_back(std::move(other));
     }
     return parts;
 }
 
 }  // namespace
 
-NatTables natTables() {
-    NatTables all;
+HookTables hookTables() {
+    HookTables all;
     std::vector<NftTable> nft;
     try {
         nft = tablesToList(nftBaseChains());
@@ -236,6 +254,8 @@ NatTables natTables() {
     for (const Part& part : parts) {
         running.push_back(std::async(std::launch::async, listingOf, part));
     }
+    const std::vector<HookTable::Entrance> entrances = {
+        {kNatEntrance, Hook::kPrerouting}, {"INPUT", Hook::kInput}, {"FORWARD", Hook::kForward}};
     std::set<NftTable> known;
     for (std::size_t i = 0; i < parts.size(); ++i) {
         PartListing listing = running[i].get();
@@ -244,7 +264,7 @@ NatTables natTables() {
                 known.insert({nftFamilyOf(parts[i].family), table});
             }
             all.byFamily[parts[i].family].push_back(
-                {std::move(rules), {kNatEntrance}, {}, parts[i].prefixOf(table)});
+                {std::move(rules), entrances, {}, parts[i].prefixOf(table)});
         }
         if (listing.failure.empty() || (parts[i].nft && isProgram(kNft))) {
             continue;  // what a program for nftables cannot list is left to nft
