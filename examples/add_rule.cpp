@@ -2,7 +2,7 @@
 //
 //   add_rule ADAPTER RULE      add_rule eth0 "allow tcp 445 from 10.0.0.0/8"
 //
-// Exit status: 0 done, 1 the profile is as it was, or could not be applied.
+// Exit status: 0 done, 1 the profile is as it was, or could not be applied, 2 wrong usage.
 #include <tarnfwadmin/control.h>
 #include <tarnfwadmin/error.h>
 #include <tarnfwadmin/machine.h>

@@ -2,7 +2,8 @@
  *
  *   ask SERVICE [ADAPTER]
  *
- * Exit status: 0 allowed, 1 blocked, 2 the question could not be answered; the system log says why.
+ * Exit status: 0 allowed, 1 blocked for some senders or all, 2 the question could not be answered;
+ * the system log says why. A service that nobody knows has no ports, and counts as allowed.
  */
 #include <stdio.h>
 #include <tarnfirewall/tarnfirewall_c.h>

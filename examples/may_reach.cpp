@@ -27,6 +27,9 @@ bool mayReach(const char* address, const char* port, const char* interface) {
     for (const auto& decision : decider.decide(tarnfw::packetFrom(address, port, interface))) {
         std::cout << (decision.denied ? "denied: " : "allowed: ") << decider.reason(decision)
                   << '\n';
+        for (const auto& place : decision.unless) {  // rules of which it is not known
+            std::cout << "  unless " << tarnfw::placeText(place) << " matches\n";
+        }
         allowed = allowed && !decision.denied;
     }
     return allowed;

@@ -1,5 +1,5 @@
 // Opens a port in the active profile, ahead of its other rules for every adapter, and prints the
-// commands that the next reload would run for IPv4. Nothing is applied.
+// commands of that list that the next reload would run for IPv4. Nothing is applied.
 //
 //   open_port tcp|udp PORT
 #include <tarnfirewall/tarnFW.h>
@@ -8,7 +8,8 @@
 #include <string>
 
 int main(int argc, char* argv[]) {
-    if (argc != 3) {
+    const std::string protocol = argc == 3 ? argv[1] : "";
+    if (protocol != "tcp" && protocol != "udp") {
         std::cerr << "usage: open_port tcp|udp PORT\n";
         return 2;
     }
@@ -25,8 +26,7 @@ int main(int argc, char* argv[]) {
     rule.ipType = FW::FW_IP_TYPE_BOTH;
     rule.ipGroup = FW::FW_IP_GROUP_ANY;
     rule.portGroup = FW::FW_PORT_GROUP_PORTS;
-    rule.protocol =
-        std::string(argv[1]) == "udp" ? FW::FW_PORT_PROTOCOL_UDP : FW::FW_PORT_PROTOCOL_TCP;
+    rule.protocol = protocol == "udp" ? FW::FW_PORT_PROTOCOL_UDP : FW::FW_PORT_PROTOCOL_TCP;
     rule.portList = {argv[2]};
     auto& rules = profile.rules[FW::FW_ADAPTER_GLOBAL];
     rules.insert(rules.begin(), rule);

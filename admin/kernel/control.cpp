@@ -94,8 +94,8 @@ void requireTaken(const FW::FWPROFILE& profile, const std::vector<RefusedLine>& 
         {"", "", first.place.position > 0 ? std::optional<RulePlace>(first.place) : std::nullopt});
 }
 
-/// Whether the modules of the firewall are now loaded that were not before.
-bool loadedModules() {
+/// Loads the modules of the firewall. Returns whether they were not loaded before and now are.
+bool loadMissingModules() {
     using FW::TARN_IPTABLES_MODULES;
     return !TARN_IPTABLES_MODULES::isModuleLoad(kModulesOwner) &&
            TARN_IPTABLES_MODULES::iptablesCoreModLoad(kModulesOwner) &&
@@ -114,7 +114,7 @@ void unloadModules() {
 /// the firewall's own loading provides.
 void requireKernelTakes(const FW::FWPROFILE& profile, FW::TARNFW_IPTABLES_RULES& translation) {
     std::vector<RefusedLine> refused = refusedLines(profile, translation);
-    if (!refused.empty() && loadedModules()) {
+    if (!refused.empty() && loadMissingModules()) {
         refused = refusedLines(profile, translation);
         if (!refused.empty()) {
             unloadModules();

@@ -53,9 +53,9 @@ public:
     /// longer than iptables-restore reads.
     std::string restoreText(const Json::Value& cmds, const std::string& family);
 
-    /// Gives both families the document's rules, or leaves both as they were, counters included; on
-    /// a machine without IPv6, IPv4 alone. They differ only if undoing a failed commit fails, which
-    /// is logged, or the process ends between the commits. Policies stay, but a rule that a killed
+    /// Gives both families the document's rules, or leaves both as they were; without IPv6, or a
+    /// filter table for it, IPv4 alone. They differ only if undoing a failed commit fails, which is
+    /// logged, or the process ends between the commits. Policies stay, but a rule that a killed
     /// "lines" reload left in FIREWALL_RELOADING goes, and INPUT and FORWARD then become ACCEPT.
     /// Waits up to 30 s for the lock of iptables. Returns false, logged with adapter, line and the
     /// tool's message, when a line is refused, a tool cannot be run, or the lock is kept.

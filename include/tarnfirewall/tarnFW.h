@@ -24,8 +24,8 @@ namespace FW {
 ///
 /// Operations return true on success and log a failure. Concurrent reloads, also of other
 /// processes, wait for each other, up to 30 s; callers serialise other operations that belong
-/// together. Exceptions come only from the libraries used: for a settings member whose type does
-/// not convert (Json::Exception) and for a lock file that cannot be opened
+/// together. Exceptions come only from a review and from the libraries used: for a settings member
+/// whose type does not convert (Json::Exception) and for a lock file that cannot be opened
 /// (boost::interprocess::interprocess_exception). Before an exception leaves a reload, the machine
 /// is reopened.
 class TARNFW_EXPORT TARNFW : public TARNFW_IPTABLES_RULES {

@@ -33,9 +33,9 @@ TARNFW_EXPORT int TLIBFwChangeAdatper(const char* oldAdapter, const char* newAda
 TARNFW_EXPORT int TLIBFwRuleReserveServInsert(const char* servNames, int allow, int reload);
 
 /* Asks whether the active profile lets a service through on `adapter`, or on all adapters when that
- * is NULL or empty. Returns 1 when allowed, 0 when the verdict for any of them, or of the global
- * rules, is a different one, and -1 on failure; NULL for `servName` also sets the platform's error
- * state to 0x0D00. */
+ * is NULL or empty. Returns 1 when allowed, also for a service that the catalogue does not have, as
+ * it has no ports; 0 when the verdict for any of them, or of the global rules, is a different one,
+ * and -1 on failure; NULL for `servName` also sets the platform's error state to 0x0D00. */
 TARNFW_EXPORT int TARNFwPortsCheckAllowByAdapter(const char* adapter, const char* servName);
 
 /* Kernel modules on behalf of the service `servName`: the core list, or the core and the NAT list.

@@ -36,7 +36,8 @@ bool runHere(const std::string& what, const std::function<bool()>& work);
 /// where the library leaves out what the kernel does not take, the active profile is read,
 /// translated and loaded into a scratch kernel; in "batch" the library changes nothing when it
 /// cannot read or translate it, or when a line is refused. After an error the rules and the
-/// settings are as before, also when it comes from the library's own reload. Policies of INPUT and
+/// settings are as before, also when it comes from the library's own reload; where going back has
+/// failed, too, the error says so. Policies of INPUT and
 /// FORWARD that others have set stay, and the firewall's two jumps in each of these chains come
 /// first. What is then in force is stored, see lastGoodRules().
 ///
@@ -54,7 +55,8 @@ public:
     /// Throws Error when the active profile cannot be applied, without applying it: kNotFound,
     /// kSystem or kInvalid for one that cannot be read or translated, kRefused for one that this
     /// kernel does not take in apply mode "lines". Where the system does not allow a scratch
-    /// kernel, a note of the session says so.
+    /// kernel, a note of the session says so. May load the firewall's kernel modules, and leaves
+    /// them loaded when the lines need them.
     void requireApplicable();
 
     /// Why requireApplicable() would refuse the lines of a profile in apply mode "lines", and a

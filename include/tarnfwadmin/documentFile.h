@@ -29,8 +29,9 @@ bool isThere(const std::string& path);
 /// be one: it cannot be opened for any other reason, or not be read.
 std::optional<std::string> readTextIfAny(const std::string& path);
 
-/// The same for a document of the store: only a regular file of at most `most` bytes, and without
-/// waiting for anything, whatever is at `path`.
+/// The whole content of a document of the store: only of a regular file of at most `most` bytes,
+/// and without waiting for anything, whatever is at `path`. Throws Error, kSystem, also when there
+/// is none.
 std::string readDocument(const std::string& path, off_t most);
 
 /// The paths in `directory`, which ends with a slash, of the entries whose names end with `suffix`;
@@ -38,8 +39,8 @@ std::string readDocument(const std::string& path, off_t most);
 /// Throws Error, kSystem, for one that cannot be read: it may have any files.
 std::vector<std::string> filesIn(const std::string& directory, const std::string& suffix);
 
-/// Parses a text like the library's store, including comments. False for invalid JSON
-/// document; `document` then holds what was read up to there.
+/// Parses a text like the library's store, including comments. False for invalid JSON;
+/// `document` then holds what was read up to there.
 bool parseAsStored(const std::string& text, Json::Value& document);
 
 /// Parses a text into `document`, with comments allowed. The findings, with "line 3, column 7" for

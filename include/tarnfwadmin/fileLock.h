@@ -59,10 +59,10 @@ bool isLocked(const std::string& path);
 /// The same for an exclusive lock of flock(2), which is one of another sort.
 bool isFlocked(const std::string& path);
 
-/// Waits for what is left of `time` until nobody holds a lock of the file, and does not take it:
+/// Waits for what is left of `time` until nobody holds a lock of the file, and leaves it free:
 /// for a lock that an operation of the library takes, which would wait for each of its locks as
-/// long. `isHeld` looks at the lock. A missing file has no lock. Throws Error, kBusy, as
-/// throwLocked().
+/// long. `isHeld` looks at the lock; isFlocked() takes it, shared, for that moment. A missing file
+/// has no lock. Throws Error, kBusy, as throwLocked().
 void awaitUnlocked(const std::string& path, LockTime& time,
                    bool (*isHeld)(const std::string& path) = isLocked);
 

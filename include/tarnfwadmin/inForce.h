@@ -1,4 +1,4 @@
-/// What the kernel has of what is stored, family by family.
+/// Compares the rules in the kernel with the active profile, family by family.
 #pragma once
 
 #include <cstddef>

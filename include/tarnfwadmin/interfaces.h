@@ -38,8 +38,8 @@ std::vector<std::string> machineAdapters();
 /// ones, but for "ppp0". Throws Error as machineAdapters().
 std::vector<std::string> usableAdapters();
 
-/// The interfaces that "pppoe" or "vpn" is now; none for any other name. Throws Error, kSystem,
-/// when they cannot be listed.
+/// The interfaces that "pppoe" or "vpn" is now; none for any other name, nor where the library
+/// finds none, as when it cannot list them. Throws Error, kSystem, when they go meanwhile.
 std::vector<std::string> interfacesOf(const std::string& adapter);
 
 /// What profiles may call an interface: its own name, then "pppoe" or "vpn" where it is one of
@@ -65,8 +65,8 @@ inline constexpr char kPppoeInterfaceText[] =
 /// Throws Error unless rules can be for `adapter`: unless it is an interface of the machine that
 /// the library finds, a predefined adapter, or one of `others` (those of a profile). kNotFound,
 /// with the nearest name, for an unknown one; kUnusable for one of `others` that isAdapterName()
-/// rejects, and for "ppp0", whose rules are never applied; kSystem when the interfaces cannot be
-/// listed.
+/// rejects, and for "ppp0", whose rules are never applied, unless it is one of `others`; kSystem
+/// when the interfaces cannot be listed.
 void requireAdapter(const std::string& adapter, const std::vector<std::string>& others);
 
 }  // namespace tarnfw

@@ -26,10 +26,10 @@ ProgramAnswer runProgram(const std::vector<std::string>& words, int input,
                          const std::function<bool()>& enter = {}, int mostSeconds = 0,
                          const std::string& variable = "");
 
-/// The words of a complaint in one line, without the advice at its end ("Try `iptables -h' ...").
+/// An error message in one line, without the advice at its end ("Try `iptables -h' ...").
 std::string oneLine(const std::string& errors);
 
-/// ": " and the program's complaint in one line, to end a message with; empty without one.
+/// ": " and the program's error message in one line, to end a message with; empty without one.
 std::string becauseOf(const ProgramAnswer& answer);
 
 }  // namespace tarnfw

@@ -15,7 +15,8 @@ struct RuleEdit {
     std::size_t position = 0;  ///< in its chain, from 1: that wanted for '-', that there for '+'
 };
 
-/// All lines of both, in order, with as few differences as possible.
+/// All lines of both, in order, with as few differences as possible. Of long lists that differ in
+/// thousands of lines, all of these lines are differences.
 std::vector<RuleEdit> editsBetween(const std::vector<std::string>& wanted,
                                    const std::vector<std::string>& held);
 

@@ -22,7 +22,7 @@ inline constexpr char kProfileDir[] = "/usr/tarn/etc/firewall.d/";
 /// The settings: the only document of the profile directory that is not a profile.
 inline constexpr char kSettingsFile[] = "/usr/tarn/etc/firewall.d/firewall_settings.json";
 
-/// Of a document that is read. One of 10,000 rules has some 5 MB.
+/// The largest document that is read, in bytes. One of 10,000 rules has some 5 MB.
 inline constexpr std::size_t kMostDocumentBytes = 64 * 1024 * 1024;
 
 /// The prefix of the names of test profiles, which a trial creates and removes.
@@ -98,7 +98,7 @@ public:
 
     /// The files among these that are never opened: what is no regular file, nor a link to one, and
     /// what is larger than 64 MiB. Their paths, with the reason: "is a named pipe". In a
-    /// StoreSession the library opens them neither.
+    /// StoreSession the library does not open them either.
     std::map<std::string, std::string> unusable() const;
 
     // ---- Profiles ----

@@ -21,7 +21,7 @@ inline constexpr char kRunDir[] = "/run/tarn";
 /// The lock that the library holds during a reload. A trial must not run during a
 /// reload; the library leaves that to its caller.
 inline constexpr char kReloadLock[] = "/tmp/firewall_iptables_exec.lock";
-inline constexpr int kReloadLockSeconds = 30;  // that an operation waits for it
+inline constexpr int kReloadLockSeconds = 30;  // the longest wait for it
 
 /// Creates a directory and its parents, if it is missing. Throws Error, kSystem.
 void makeDirectory(const char* path);
@@ -57,7 +57,7 @@ class StoreTransaction;
 class StoreSession {
 public:
     enum class Access {
-        kRead,    ///< without a lock, but to end an interrupted change; changes are not allowed
+        kRead,    ///< no changes, and no lock except to end an interrupted change
         kChange,  ///< under the store's lock: the library locks single files, and of two programs
                   ///< that read and then write at the same time one would undo the other
     };
@@ -143,7 +143,8 @@ public:
     /// the disk. The change is then still to be undone.
     bool applyChange(const std::function<bool()>& apply);
 
-    /// After an applyChange() whose `apply` has put nothing in force: the next one is the first.
+    /// After an applyChange() whose `apply` has put nothing in force: the next call counts as the
+    /// first.
     void applyAnew();
 
     /// Ends a held change. Throws Error, kSystem, like change(), but not when its rules were

@@ -47,8 +47,9 @@ TARNFW_EXPORT int tarnfwadmin_add_rule(const char* profile, const char* adapter,
 
 /* Enables the firewall and applies the active profile, when that is valid and the base filter is
  * set up. After TARNFWADMIN_REFUSED a firewall that was disabled is disabled again; after every
- * other failure nothing has changed. During a trial ("tarnfw try") the rules on trial are
- * replaced and the trial keeps nothing: only the tool knows about trials and refuses that. */
+ * other failure nothing has changed, unless `reason` says that going back has failed. During a
+ * trial ("tarnfw try") the rules on trial are replaced and the trial keeps nothing: only the tool
+ * knows about trials and refuses that. */
 TARNFW_EXPORT int tarnfwadmin_enable(char* reason, size_t size);
 
 /* Empties the firewall's chains and disables it, also when it is disabled already. On failure the
@@ -65,7 +66,8 @@ TARNFW_EXPORT int tarnfwadmin_reload(char* reason, size_t size);
 /* Whether packets from `address` ("10.0.0.5", "2001:db8::1") that come in by `adapter` ("eth0") may
  * reach a port of this machine ("tcp/445", "udp/53"), by the active profile as it is stored.
  * `allowed` becomes 1 or 0, and is left alone on failure; `reason` names the rule or default policy
- * that decides. While the firewall is disabled everything is allowed. Changes nothing. */
+ * that decides, and then, after "; unless", each earlier rule that may match and decide otherwise.
+ * While the firewall is disabled everything is allowed. Changes nothing. */
 TARNFW_EXPORT int tarnfwadmin_decide(const char* address, const char* port, const char* adapter,
                                      int* allowed, char* reason, size_t size);
 

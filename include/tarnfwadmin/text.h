@@ -35,8 +35,8 @@ std::string nearest(const std::string& word, const std::vector<std::string>& kno
 /// codes.
 std::string nearestCode(const std::string& word, const std::vector<std::string>& known);
 
-/// The same for adapters, without those that differ from a `word` with digits in no letter: "eth0"
-/// is another adapter than "eth1" or "eth1.7", not a correction of its name.
+/// The same for adapters, without those that differ from a `word` with digits only in what are no
+/// letters: "eth0" is another adapter than "eth1" or "eth1.7", not a correction of its name.
 std::string nearestAdapter(const std::string& word, const std::vector<std::string>& known);
 
 /// "; did you mean "eth0"?", for the end of a message; empty without a guess.
