@@ -136,7 +136,7 @@ void ScratchKernel::setUpBase() const {
         const ProgramAnswer answer = restore(family, text);
         if (answer.status != 0 && !isAbsent(family)) {
             throw Error(ErrorKind::kSystem,
-                        "no packet filter in a network namespace: " + oneLine(answer.errors));
+                        "the scratch kernel cannot be set up: " + oneLine(answer.errors));
         }
     }
 }

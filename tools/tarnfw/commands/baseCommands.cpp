@@ -286,7 +286,8 @@ void baseStatus(bool json) {
         if (json) {
             document[filter.key()] = statusJson(filter);
         } else {
-            std::cout << filter.title() << ": " << statusText(filter) << '\n';
+            const std::string text = statusText(filter);  // may throw: nothing is printed then
+            std::cout << filter.title() << ": " << text << '\n';
         }
     }
     if (json) {

@@ -18,14 +18,13 @@ namespace tarnfw {
 
 const char* const kPortQueryFooter =
     "Exit status 0 when nothing is blocked, 10 when something is blocked or mixed, 11 when the "
-    "kernel "
-    "does not do what the answer says.\nUndecided does not block: \"global\" then leaves the "
-    "verdict "
-    "to the adapters, and an adapter allows what no rule decides. The verdicts are for the stored "
-    "rules of the active profile; a disabled firewall blocks nothing. Where the kernel does not "
-    "have those rules, where rules of other programs may accept what they block or drop what they "
-    "allow, and where packets are handed to another port before they meet them, the answer says "
-    "so. What may be dropped counts as blocked.";
+    "kernel does not do what the answer says.\n"
+    "Undecided does not block: \"global\" then leaves the verdict to the adapters, and an "
+    "adapter allows what no rule decides. The verdicts are for the stored rules of the active "
+    "profile; a disabled firewall blocks nothing. Where the kernel does not have those rules, "
+    "where rules of other programs may accept what they block or drop what they allow, and "
+    "where packets are handed to another port before they meet them, the answer says so. What "
+    "may be dropped counts as blocked.";
 
 namespace {
 
