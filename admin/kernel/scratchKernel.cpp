@@ -32,26 +32,6 @@ constexpr char kLockName[] = "/scratch_kernel.lock";
 
 constexpr std::array kFamilies = {"v4", "v6"};
 
-/// The table and chain where a line adds its rule: "-t mangle -A PREROUTING ...", or "-A INPUT ..."
-/// for the table "filter".
-std::pair<std::string, std::string> placeOf(const std::string& line) {
-    std::istringstream words(line);
-    std::string word;
-    std::string table = "filter";
-    std::string chain;
-    words >> word;
-    if (word == "-t") {
-        words >> table >> word;
-    }
-    words >> chain;
-    return {table, chain};
-}
-
-bool isForFirewall(const std::string& table, const std::string& chain) {
-    const auto& chains = FW::FW_FIREWALL_CHAINS;
-    return table == "filter" && std::find(chains.begin(), chains.end(), chain) != chains.end();
-}
-
 /// The families whose lines the kernel does not take as one text.
 std::vector<std::string> familiesRefused(const ScratchKernel& kernel, const Json::Value& commands) {
     std::vector<std::string> refused;
@@ -158,9 +138,9 @@ void ScratchKernel::addChainsOf(const Json::Value& commands, const PacketFilter&
     for (const char* const family : kFamilies) {
         for (const Json::Value& lines : commands[family]) {
             for (const Json::Value& line : lines) {
-                const auto [table, chain] = placeOf(line.asString());
-                if (!isForFirewall(table, chain)) {
-                    places.insert({family, table, chain});
+                const TableAndChain place = chainOf(line.asString());
+                if (!isFirewallChain(place)) {
+                    places.insert({family, place.first, place.second});
                 }
             }
         }

@@ -1,6 +1,8 @@
 #include "tarnfwadmin/translation.h"
 
+#include <algorithm>
 #include <map>
+#include <sstream>
 
 #include "tarnfirewall/fwIptables.h"
 #include "tarnfirewall/fwTypes.h"
@@ -90,6 +92,25 @@ private:
 };
 
 }  // namespace
+
+TableAndChain chainOf(const std::string& line) {
+    std::istringstream words(line);
+    std::string word;
+    std::string table = "filter";
+    std::string chain;
+    words >> word;
+    if (word == "-t") {
+        words >> table >> word;
+    }
+    words >> chain;
+    return {table, chain};
+}
+
+bool isFirewallChain(const TableAndChain& place) {
+    const auto& chains = FW::FW_FIREWALL_CHAINS;
+    return place.first == "filter" &&
+           std::find(chains.begin(), chains.end(), place.second) != chains.end();
+}
 
 bool commandsFor(const FW::FWPROFILE& profile, ApplyMode mode, Json::Value& commands) {
     FW::TARNFW_IPTABLES_RULES translation;

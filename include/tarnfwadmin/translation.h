@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <json/json.h>
@@ -20,6 +21,16 @@ struct TracedLine {
     std::string line;    ///< "-t filter -A INPUT_FIREWALL -i eth0 -j DROP"
     RulePlace place;     ///< the rule or default policy; no adapter: a line of every profile
 };
+
+/// A table of iptables and a chain of it.
+using TableAndChain = std::pair<std::string, std::string>;
+
+/// Where a line adds its rule: "-t mangle -A PREROUTING ...", or "-A INPUT ..." for the table
+/// "filter".
+TableAndChain chainOf(const std::string& line);
+
+/// Whether it is one of the firewall's two chains.
+bool isFirewallChain(const TableAndChain& place);
 
 /// The commands of a profile for an apply mode, as a reload makes them. Returns false, logged, when
 /// it cannot be translated.

@@ -78,6 +78,8 @@ step 'IPv4 is listed once' [ "$(grep --count '^run .*/iptables .* -S' "$kOpened"
 step 'and nothing but the two families' [ "$(grep --count '^run ' "$kOpened")" = 2 ]
 counted 10 explain --port tcp/23 --adapter eth0 --from 192.168.1.20
 counted 0 diff
+# Which families there are; two texts a family for the scratch kernel; a list in each of both kernels.
+step 'and lists a table once a kernel' [ "$(grep --count '^run ' "$kOpened")" = 9 ]
 counted 0 adapters
 counted 0 services
 counted 0 export /tmp/all.json

@@ -163,5 +163,14 @@ TEST_F(TranslationTest, ARuleThatCannotBeTranslatedIsNamed) {
     }
 }
 
+TEST(ChainOfALine, HasTheTableFilterWhereTheLineNamesNone) {
+    EXPECT_EQ(chainOf("-A INPUT_FIREWALL -i lo -j ACCEPT"),
+              TableAndChain("filter", "INPUT_FIREWALL"));
+    EXPECT_EQ(chainOf("-t mangle -A PREROUTING -j DROP"), TableAndChain("mangle", "PREROUTING"));
+    EXPECT_TRUE(isFirewallChain({"filter", "FORWARD_FIREWALL"}));
+    EXPECT_FALSE(isFirewallChain({"filter", "INPUT"}));
+    EXPECT_FALSE(isFirewallChain({"mangle", "INPUT_FIREWALL"}));
+}
+
 }  // namespace
 }  // namespace tarnfw

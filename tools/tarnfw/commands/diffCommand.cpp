@@ -3,7 +3,6 @@
 #include <iostream>
 #include <memory>
 #include <set>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,30 +34,11 @@ constexpr char kAccept[] = "ACCEPT";
 constexpr char kDrop[] = "DROP";
 constexpr std::size_t kContext = 1;  // lines shown around a difference
 
-/// A table and a chain of it.
-using Place = std::pair<std::string, std::string>;
-
 struct ChainDifference {
     std::string family;
-    Place place;
+    TableAndChain place;
     std::vector<RuleEdit> edits;
 };
-
-bool isFirewallChain(const Place& place) {
-    const auto& chains = FW::FW_FIREWALL_CHAINS;
-    return place.first == kFilter &&
-           std::find(chains.begin(), chains.end(), place.second) != chains.end();
-}
-
-/// Where a line adds its rule: "-t filter -A INPUT_FIREWALL ...".
-Place placeOf(const std::string& line) {
-    std::istringstream words(line);
-    std::string word;
-    std::string table;
-    std::string chain;
-    words >> word >> table >> word >> chain;
-    return {table, chain};
-}
 
 RuleListing listingOf(const PacketFilter& filter, const std::string& family,
                       const std::string& table) {
@@ -74,10 +54,11 @@ RuleListing listingOf(const PacketFilter& filter, const std::string& family,
 }
 
 /// The chains besides the firewall's own that a profile's rules are added to, by family.
-std::set<Place> otherPlaces(const std::vector<TracedLine>& lines, const std::string& family) {
-    std::set<Place> places;
+std::set<TableAndChain> otherPlaces(const std::vector<TracedLine>& lines,
+                                    const std::string& family) {
+    std::set<TableAndChain> places;
     for (const TracedLine& line : lines) {
-        const Place place = placeOf(line.line);
+        const TableAndChain place = chainOf(line.line);
         if (line.family == family && !isFirewallChain(place)) {
             places.insert(place);
         }
@@ -169,7 +150,7 @@ public:
                  const WantedRules& wanted) {
         const RuleListing held = listingOf(machine, family, kFilter);
         const RuleListing wantedFilter = wanted.listing(family, kFilter);
-        std::set<Place> others = otherPlaces(wanted.lines(), family);
+        std::set<TableAndChain> others = otherPlaces(wanted.lines(), family);
         noteClosed(family, held);
         for (const char* const chain : kPolicyChains) {
             std::vector<RuleEdit> edits = changedPolicyEdits(family, chain, held);
@@ -186,7 +167,7 @@ public:
             append(edits, editsBetween(wantedFilter.rulesOf(chain), held.rulesOf(chain)));
             add(family, {kFilter, chain}, edits);
         }
-        for (const Place& place : others) {
+        for (const TableAndChain& place : others) {
             add(family, place,
                 missingFrom(wanted.listing(family, place.first).rulesOf(place.second),
                             listingOf(machine, family, place.first).rulesOf(place.second)));
@@ -263,7 +244,8 @@ private:
         edits.insert(edits.end(), more.begin(), more.end());
     }
 
-    void add(const std::string& family, const Place& place, const std::vector<RuleEdit>& edits) {
+    void add(const std::string& family, const TableAndChain& place,
+             const std::vector<RuleEdit>& edits) {
         if (hasDifferences(edits)) {
             differences_.push_back({family, place, edits});
         }
