@@ -93,13 +93,7 @@ std::size_t BaseFilter::loadedRules() const {
 }
 
 bool BaseFilter::isClosed() const {
-    const std::vector<std::string>& rules = listing().rulesOf(kReloadingChain);
-    const bool drops =
-        listing().hasPolicy("INPUT", "DROP") || listing().hasPolicy("FORWARD", "DROP");
-    const bool established = std::any_of(rules.begin(), rules.end(), [](const std::string& rule) {
-        return rule.find("ESTABLISHED") != std::string::npos;
-    });
-    return drops && (established || !closedPolicies(key_, listing()).empty());
+    return dropsAllButEstablished(listing()) || !closedPolicies(key_, listing()).empty();
 }
 
 std::map<std::string, std::string> BaseFilter::policies() const {
@@ -216,6 +210,14 @@ void requireBase() {
         }
         BaseFilter(family).requireWhole();
     }
+}
+
+bool dropsAllButEstablished(const RuleListing& listing) {
+    const std::vector<std::string>& rules = listing.rulesOf(kReloadingChain);
+    return (listing.hasPolicy("INPUT", "DROP") || listing.hasPolicy("FORWARD", "DROP")) &&
+           std::any_of(rules.begin(), rules.end(), [](const std::string& rule) {
+               return rule.find("ESTABLISHED") != std::string::npos;
+           });
 }
 
 std::vector<std::string> openedPolicies(const std::string& family, const RuleListing& listing) {

@@ -73,15 +73,6 @@ bool hasReloadingRules(const RuleListing& listing) {
     return !listing.rulesOf(kReloadingChain).empty();
 }
 
-/// Whether the family is closed as during a reload in apply mode "lines".
-bool isClosed(const RuleListing& listing) {
-    const std::vector<std::string>& rules = listing.rulesOf(kReloadingChain);
-    return (listing.hasPolicy("INPUT", "DROP") || listing.hasPolicy("FORWARD", "DROP")) &&
-           std::any_of(rules.begin(), rules.end(), [](const std::string& rule) {
-               return rule.find("ESTABLISHED") != std::string::npos;
-           });
-}
-
 /// The state before a reload that is running or was killed; nothing when none was.
 std::optional<SavedRules> recordedBefore() {
     if (access(kRunningReload, F_OK) != 0) {
@@ -267,8 +258,9 @@ bool ReloadGuard::review(const std::map<std::string, std::string_view>& saved) {
         bytes_[family] = text.size();
         kept.append(kFamilyMark).append(family).append("\n").append(text);
     }
-    const bool closed = std::any_of(shared.begin(), shared.end(),
-                                    [](const auto& family) { return isClosed(family.second); });
+    const bool closed = std::any_of(shared.begin(), shared.end(), [](const auto& family) {
+        return dropsAllButEstablished(family.second);
+    });
     if (!writeText(saved_.get(), closed ? kClosedMark : kept + kEndMark)) {
         throw Error(ErrorKind::kSystem, "the previous rules could not be kept");
     }
@@ -293,7 +285,7 @@ bool ReloadGuard::needsMore() const {
 void ReloadGuard::makeReady(const Listings& found) {
     for (const auto& [family, listing] : found) {
         std::string lines = linesToLead(listing, "INPUT") + linesToLead(listing, "FORWARD");
-        if (hasReloadingRules(listing) && !isClosed(listing)) {
+        if (hasReloadingRules(listing) && !dropsAllButEstablished(listing)) {
             lines += std::string("-F ") + kReloadingChain + "\n";
         }
         commit(family, lines);
@@ -302,8 +294,9 @@ void ReloadGuard::makeReady(const Listings& found) {
 
 void ReloadGuard::read(const Listings& found) {
     const SavedRules now = SavedRules::of(found);
-    const bool closed = std::any_of(found.begin(), found.end(),
-                                    [](const auto& family) { return isClosed(family.second); });
+    const bool closed = std::any_of(found.begin(), found.end(), [](const auto& family) {
+        return dropsAllButEstablished(family.second);
+    });
     if (std::optional<SavedRules> known = beforeKilledReload(found)) {
         before_ = std::move(*known);
     } else if (!closed) {

@@ -103,6 +103,10 @@ std::vector<std::string> openedPolicies(const std::string& family, const RuleLis
 /// Error: kBusy, kSystem.
 std::vector<std::string> closeOpenedPolicies();
 
+/// Whether a family is closed but for established connections, as a reload in apply mode "lines"
+/// makes it: a policy is DROP, and FIREWALL_RELOADING has the rule for these.
+bool dropsAllButEstablished(const RuleListing& listing);
+
 /// The chains, INPUT or FORWARD, whose policy is DROP in `listing` and was another before a reload
 /// in apply mode "lines" that has not ended: it is running, or was killed. Such a reload sets these
 /// policies before its rule for established connections.
