@@ -16,9 +16,14 @@ readonly kDisk=/tmp/disk kCut=/tmp/disk_after_cut kStart=/tmp/store_at_start
 # even that of a test that failed.
 mount_disk() {
     local device
-    device=$(losetup --find)
-    [[ -e $device ]] || mknod "$device" b 7 "${device#/dev/loop}"
-    losetup "$device" "$1"
+    # Another process may take the device that was found free.
+    until
+        device=$(losetup --find)
+        [[ -e $device ]] || mknod "$device" b 7 "${device#/dev/loop}"
+        losetup "$device" "$1" 2>"$out/losetup"
+    do
+        grep --quiet 'resource busy' "$out/losetup" || fail "$(cat -- "$out/losetup")"
+    done
     mount -t "$2" "${@:3}" "$device" "$kProfileDirectory"
     losetup --detach "$device"
 }
