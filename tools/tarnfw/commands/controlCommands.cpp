@@ -67,12 +67,15 @@ void enable(bool yes) {
 }
 
 /// Whether the machine has neither settings nor chains, so that there is nothing to switch off.
-bool isFresh(const Context& context) {
+bool isFresh(Context& context) {
+    if (context.store().hasSettings()) {
+        return false;
+    }
+    awaitXtablesLock(context.session().lockTime());
     const std::vector<BaseFilter> filters = baseFilters();
-    return !context.store().hasSettings() &&
-           std::all_of(filters.begin(), filters.end(), [](const BaseFilter& filter) {
-               return filter.missing().chains.size() == wholeBase().chains.size();
-           });
+    return std::all_of(filters.begin(), filters.end(), [](const BaseFilter& filter) {
+        return filter.missing().chains.size() == wholeBase().chains.size();
+    });
 }
 
 void disable() {
