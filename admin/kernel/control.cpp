@@ -240,8 +240,8 @@ void Control::requireBase() {
 }
 
 /// Throws Error, kBusy, when somebody keeps a lock that the operation needs.
-void Control::requireLocks() {
-    session_.requireReload();
+void Control::awaitLocks() {
+    session_.awaitReloadLock();
     awaitXtablesLock(session_.lockTime());
 }
 
@@ -383,7 +383,7 @@ std::string Control::goBack(ReloadGuard& guard, bool wasEnabled) {
 
 void Control::enable(Machine& machine, const std::function<void(const FW::FWPROFILE&)>& confirm) {
     requireBase();
-    requireLocks();
+    awaitLocks();
     const FW::FWPROFILE& profile = session_.snapshot().profile("");
     requireValidProfile(profile, machine);
     requireApplicable();
@@ -400,7 +400,7 @@ void Control::enable(Machine& machine, const std::function<void(const FW::FWPROF
 }
 
 void Control::disable() {
-    requireLocks();
+    awaitLocks();
     const auto switchOff = [this] {
         try {
             return run_("Switching the firewall off", disableLocked);
@@ -426,7 +426,7 @@ bool Control::apply() {
     if (!batch) {
         requireBase();
     }
-    requireLocks();
+    awaitLocks();
     try {
         if (batch) {
             // The library changes nothing when it cannot read or translate the profile, and the

@@ -148,15 +148,15 @@ StoreSession::StoreSession(Access access, LockTime time)
 
 StoreSession::~StoreSession() = default;
 
-void StoreSession::requireLibrary() {
+void StoreSession::awaitDocumentLocks() {
     const StoreSnapshot now;  // lists the files, and reads none
     for (const std::string& path : now.documentPaths()) {
         awaitUnlocked(FW::getLockFile(path), time_);
     }
 }
 
-void StoreSession::requireReload() {
-    requireLibrary();
+void StoreSession::awaitReloadLock() {
+    awaitDocumentLocks();
     awaitUnlocked(kReloadLock, time_);
 }
 
@@ -247,7 +247,7 @@ bool StoreSession::changeAllProfiles(const std::function<bool()>& write) {
 }
 
 bool StoreSession::deleteProfile(const std::string& name) {
-    requireLibrary();
+    awaitDocumentLocks();
     // Without copies: a deletion needs no space, and makes some.
     const bool deleted = FW::TARNFW_PROFILE().profileDelete(name);
     snapshot_.refresh();
@@ -367,7 +367,7 @@ StoreTransaction::StoreTransaction(StoreSession& session, Extent extent)
     before_ = session_.snapshot().texts();
     copyDocuments(before_);
     try {
-        session_.requireLibrary();
+        session_.awaitDocumentLocks();
     } catch (const std::exception&) {
         dropCopies();
         throw;

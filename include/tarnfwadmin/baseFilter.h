@@ -38,10 +38,6 @@ public:
     explicit BaseFilter(std::string key, std::optional<RuleListing> listing = std::nullopt)
         : key_(std::move(key)), listing_(std::move(listing)) {}
 
-    /// The same with a listing of the filter table that is there already.
-    BaseFilter(std::string key, RuleListing listing)
-        : key_(std::move(key)), listing_(std::move(listing)) {}
-
     const std::string& key() const { return key_; }
     std::string title() const;  ///< "IPv4" or "IPv6"
 
@@ -82,6 +78,7 @@ private:
     mutable std::optional<RuleListing> listing_;
 };
 
+/// What to say of a base filter that is not inOrder().
 inline constexpr char kWrongOrder[] =
     "set up, but a firewall chain comes before FIREWALL_RELOADING: reloads cut connections";
 

@@ -83,7 +83,7 @@ public:
     bool apply();
 
 private:
-    void requireLocks();
+    void awaitLocks();
     using Operation = std::function<bool(const FW::FW_BATCH_REVIEW&)>;
 
     bool reload(const Operation& operation, ReloadGuard& guard, const Descriptor& warning) const;

@@ -34,10 +34,11 @@ std::optional<PortSpan> portSpanFrom(const std::string& text);
 /// "80" or "6000-6010": the text that portSpanFrom() reads.
 std::string portSpanText(const PortSpan& span);
 
-/// The text for an entry that is no port and no range of them: ""http" is not a port ...".
+/// The text for an entry that is no port and no range of them, which begins with it:
+/// "\"http\" is not a port (0-65535)".
 std::string notAPort(const std::string& entry);
 
-/// Why portSpanFrom() does not read an entry: "\"99999\" is not a port (0-65535)". Empty for an
+/// Why portSpanFrom() does not read an entry: as notAPort() says it. Empty for an
 /// entry that it reads. Printable.
 std::string portEntryError(const std::string& entry);
 

@@ -84,10 +84,10 @@ public:
     /// To be called before an operation of the library that reads documents, outside a change:
     /// throws Error, kBusy, which names the holder, when another process keeps the lock of a
     /// document for longer than lockTime().
-    void requireLibrary();
+    void awaitDocumentLocks();
 
     /// The same for an operation that takes the lock of a reload as well.
-    void requireReload();
+    void awaitReloadLock();
 
     /// Reads files that have changed since, as after an operation of the library outside
     /// change().

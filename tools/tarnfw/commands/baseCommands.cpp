@@ -378,7 +378,7 @@ void applyAtBoot(const std::string& failures, const LockTime& time) {
     // To change, so that what an interrupted command has left is undone, or nothing is applied.
     Context context(StoreSession::Access::kChange, std::make_unique<Machine>(), time);
     context.session().unlock();
-    context.session().requireReload();
+    context.session().awaitReloadLock();
     awaitXtablesLock(context.session().lockTime());
     tidyBase(/*enabled=*/true);
     if (!context.store().firewallEnabled()) {
