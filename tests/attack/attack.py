@@ -241,6 +241,8 @@ class Attack:
         if point.end == "hang":
             self.found(operation, point, "not done after %d s" % SECONDS)
         kind, _, number = point.end.partition(" ")
+        if operation.trial:
+            await_rest()
         now = State()
         if kind == "signal" and (point.how == "fail" or number != "9"):
             # A program that got no memory from its beginning may die, but not of a change.
@@ -420,6 +422,16 @@ def write_until(end, tool, number):
                 notes.write("added %d\n" % port)
             else:
                 notes.write("done\n")
+
+
+def await_rest():
+    """Waits for the watchdog of a trial, which may go on when its terminal has ended: until it has
+    changed no document for a moment, for some seconds at most."""
+    end = time.monotonic() + 5
+    before = None
+    while documents() != before and time.monotonic() < end:
+        before = documents()
+        time.sleep(0.3)
 
 
 def differing(stored, wanted):

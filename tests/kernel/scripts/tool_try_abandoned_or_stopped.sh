@@ -100,7 +100,7 @@ kill -KILL "$process"
 resume
 ends 0
 refuses 'who confirmed is not told that it is kept' wait "$confirmer"
-step 'why is said' grep --quiet '^tarnfw: the trial has just ended; see "tarnfw status"$' "$out/confirmed"
+step 'why is said' grep --quiet '^tarnfw: the trial does not answer any more; see "tarnfw status"$' "$out/confirmed"
 step 'the rules are the new ones' same_listing new
 step 'the new profile is active' [ "$(tarnfw profile list | grep '^\*')" = "* $new" ]
 step 'no test profile is left' no_test_profile

@@ -196,7 +196,8 @@ Json::Value askTrial(const Channel& trial, const char* what) {
     do {
         std::optional<Json::Value> report = trial.receive();
         if (!report) {
-            throw Error(ErrorKind::kNotFound, "the trial has just ended; see \"tarnfw status\"");
+            throw Error(ErrorKind::kNotFound,
+                        "the trial does not answer any more; see \"tarnfw status\"");
         }
         last = std::move(*report);
     } while (last.get("state", "").asString() == kTrialEnding &&
