@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -274,12 +275,6 @@ std::vector<std::string> complaints(const KernelReport& report,
     return texts;
 }
 
-void endUnlessAsStored(const std::vector<std::string>& wrong) {
-    if (!wrong.empty()) {
-        endWith(kExitNotInForce);
-    }
-}
-
 /// What the settings say. When they cannot be read, the error names what a boot has left in force.
 std::pair<bool, std::string> statusAndProfile(const StoreSnapshot& store,
                                               const std::optional<BootFailure>& boot) {
@@ -291,79 +286,111 @@ std::pair<bool, std::string> statusAndProfile(const StoreSnapshot& store,
     }
 }
 
-void status(bool json) {
-    const Context context(StoreSession::Access::kRead);
-    const StoreSnapshot& store = context.store();
-    const std::optional<BootFailure> boot = bootFailure();
-    const auto [enabled, active] = statusAndProfile(store, boot);
-    const bool stored = store.hasProfile(active);
-    const std::vector<AdapterState> adapters =
-        stored ? adapterStates(store.profile(active)) : std::vector<AdapterState>();
-    const std::optional<TrialRecord> record = readTrialRecord();
-    const KernelReport kernel = kernelReport(store);  // lists each family once
-    const bool modules = FW::TARN_IPTABLES_MODULES::isModuleLoad(kModuleUser);
-    const std::optional<TrialState> trial = trialState(store);
-    const std::vector<std::string> wrong = complaints(kernel, trial, record, boot);
-    const char* const applyMode = applyModeName(store.applyMode());
+/// All that "status" says.
+struct Status {
+    std::optional<BootFailure> boot;
+    bool enabled = false;
+    std::string active;
+    bool hasActive = false;  ///< the store has a profile of that name
+    std::vector<AdapterState> adapters;
+    std::optional<TrialRecord> record;
+    KernelReport kernel;
+    bool modules = false;
+    std::optional<TrialState> trial;
+    std::vector<std::string> complaints;
+    const char* applyMode = nullptr;
+};
 
-    if (json) {
-        Json::Value document;
-        document["enabled"] = enabled;
-        document["asStored"] = wrong.empty();
-        document["complaints"] = Json::Value(Json::arrayValue);
-        for (const std::string& text : wrong) {
-            document["complaints"].append(text);
-        }
-        document["nothingInForce"] = isNothingInForce(kernel);
-        document["interruptedReload"] = isClosed(kernel) && !kernel.reloading;
-        document["bootFailure"] = boot ? Json::Value(textOf(*boot)) : Json::Value();
-        document["activeProfile"] = active;
-        document["activeProfileExists"] = stored;
-        document["applyMode"] = applyMode;
-        document["modulesLoaded"] = modules;
-        document["trial"] = trialJson(trial);
-        document["adapters"] = Json::Value(Json::arrayValue);
-        for (const AdapterState& state : adapters) {
-            document["adapters"].append(adapterJson(state));
-        }
-        document["kernel"] = kernelJson(kernel);
-        printJson(document);
-        endUnlessAsStored(wrong);
-        return;
+Status readStatus(const StoreSnapshot& store) {
+    Status status;
+    status.boot = bootFailure();
+    std::tie(status.enabled, status.active) = statusAndProfile(store, status.boot);
+    status.hasActive = store.hasProfile(status.active);
+    if (status.hasActive) {
+        status.adapters = adapterStates(store.profile(status.active));
     }
+    status.record = readTrialRecord();
+    status.kernel = kernelReport(store);  // lists each family once
+    status.modules = FW::TARN_IPTABLES_MODULES::isModuleLoad(kModuleUser);
+    status.trial = trialState(store);
+    status.complaints = complaints(status.kernel, status.trial, status.record, status.boot);
+    status.applyMode = applyModeName(store.applyMode());
+    return status;
+}
+
+Json::Value documentOf(const Status& status) {
+    Json::Value document;
+    document["enabled"] = status.enabled;
+    document["asStored"] = status.complaints.empty();
+    document["complaints"] = Json::Value(Json::arrayValue);
+    for (const std::string& text : status.complaints) {
+        document["complaints"].append(text);
+    }
+    document["nothingInForce"] = isNothingInForce(status.kernel);
+    document["interruptedReload"] = isClosed(status.kernel) && !status.kernel.reloading;
+    document["bootFailure"] = status.boot ? Json::Value(textOf(*status.boot)) : Json::Value();
+    document["activeProfile"] = status.active;
+    document["activeProfileExists"] = status.hasActive;
+    document["applyMode"] = status.applyMode;
+    document["modulesLoaded"] = status.modules;
+    document["trial"] = trialJson(status.trial);
+    document["adapters"] = Json::Value(Json::arrayValue);
+    for (const AdapterState& state : status.adapters) {
+        document["adapters"].append(adapterJson(state));
+    }
+    document["kernel"] = kernelJson(status.kernel);
+    return document;
+}
+
+void print(const Status& status) {
     Table table;
-    const std::string word = enabled ? "enabled" : "disabled";
+    const std::vector<std::string>& wrong = status.complaints;
+    const std::string word = status.enabled ? "enabled" : "disabled";
     table.addRow({{"Firewall:"},
-                  wrong.empty() ? Cell{word, enabled ? Paint::kGood : Paint::kDoubtful}
+                  wrong.empty() ? Cell{word, status.enabled ? Paint::kGood : Paint::kDoubtful}
                                 : Cell{word + ", but " + wrong.front(), Paint::kBad}});
     for (std::size_t i = 1; i < wrong.size(); ++i) {
         table.addRow({{""}, {wrong[i], Paint::kBad}});
     }
-    table.addRow({{"Active profile:"}, {stored ? active : active + " (does not exist)"}});
-    for (const FamilyInForce& family : kernel.families) {
+    table.addRow({{"Active profile:"},
+                  {status.hasActive ? status.active : status.active + " (does not exist)"}});
+    for (const FamilyInForce& family : status.kernel.families) {
         if (isListed(family)) {
             table.addRow({{"Base filter:"},
                           {titleOf(family.key) + " " + baseText(family),
                            family.missing.empty() ? Paint::kPlain : Paint::kBad}});
         }
     }
-    for (const FamilyInForce& family : kernel.families) {
+    for (const FamilyInForce& family : status.kernel.families) {
         table.addRow({{"In the kernel:"}, inForceCell(family)});
     }
-    addForeignRows(table, kernel);
-    for (const std::string& text : kernel.unknownRules) {
+    addForeignRows(table, status.kernel);
+    for (const std::string& text : status.kernel.unknownRules) {
         table.addRow({{"Redirects:"}, {text, Paint::kDoubtful}});
     }
-    table.addRow({{"Apply mode:"}, {applyMode}});
-    table.addRow({{"Kernel modules:"}, {modules ? "loaded for the firewall" : "not loaded"}});
-    if (trial) {
-        table.addRow({{"Trial:"}, {trialText(*trial), Paint::kDoubtful}});
+    table.addRow({{"Apply mode:"}, {status.applyMode}});
+    table.addRow(
+        {{"Kernel modules:"}, {status.modules ? "loaded for the firewall" : "not loaded"}});
+    if (status.trial) {
+        table.addRow({{"Trial:"}, {trialText(*status.trial), Paint::kDoubtful}});
     }
     table.print();
-    if (!adapters.empty()) {
-        printAdapters(adapters);
+    if (!status.adapters.empty()) {
+        printAdapters(status.adapters);
     }
-    endUnlessAsStored(wrong);
+}
+
+void printStatus(bool json) {
+    const Context context(StoreSession::Access::kRead);
+    const Status status = readStatus(context.store());
+    if (json) {
+        printJson(documentOf(status));
+    } else {
+        print(status);
+    }
+    if (!status.complaints.empty()) {
+        endWith(kExitNotInForce);
+    }
 }
 
 }  // namespace
@@ -375,7 +402,7 @@ void addStatusCommand(Command& app) {
         "when the kernel does what is stored, else 11");
     const auto json = std::make_shared<bool>(false);
     addJsonFlag(command, *json);
-    command.run([json] { status(*json); });
+    command.run([json] { printStatus(*json); });
 }
 
 }  // namespace tarnfw
