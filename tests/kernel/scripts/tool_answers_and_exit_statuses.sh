@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# The tool's output and exit statuses: 0 success, 1 failed, 2 wrong usage, 4 not root.
+# The tool's output and exit statuses: 0 success, 1 failed, 2 wrong usage, 4 not root, 5 not known.
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 
 # shellcheck source=tests/kernel/answers.sh
@@ -76,7 +76,7 @@ says '^Firewall: *disabled$'
 says '^Active profile: *default (does not exist)$'
 says '^Base filter: *IPv4 lacks chains '
 says '^Base filter: *IPv6 lacks chains '
-answers 1 profile list
+answers 5 profile list
 step 'no profile is listed' [ ! -s "$out/answer" ]
 step 'the way to a first one is named' grep --quiet 'tarnfw base up' "$out/complaint"
 answers 1 enable
@@ -189,7 +189,7 @@ step 'the other one is not active' [ "$(head -n 1 "$out/answer")" = 'Profile def
 
 for command in 'profile show' preview; do
     read -r -a words <<<"$command"
-    answers 1 "${words[@]}" nowhere
+    answers 5 "${words[@]}" nowhere
     step 'nothing on standard output' [ ! -s "$out/answer" ]
     complains '^tarnfw: .*"nowhere"'
 done

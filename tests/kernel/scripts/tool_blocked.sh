@@ -21,7 +21,7 @@ prints_json <<'END'
 {"enabled": false, "profile": "default", "service": "ssh", "ports": ["tcp/22"], "adapters": [],
  "allowed": true, "holds": true, "complaints": [], "redirects": []}
 END
-answers 1 blocked --port tcp/22 --adapter eht0
+answers 5 blocked --port tcp/22 --adapter eht0
 complains '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (known: eth0, global, pppoe, vpn)$'
 
 # --- verdicts and their reasons --------------------------------------------------------------------
@@ -119,9 +119,9 @@ says '^global  *blocked  *for every adapter$'
 
 # --- questions that are none -----------------------------------------------------------------------
 
-answers 1 blocked --service shh
+answers 5 blocked --service shh
 complains '^tarnfw: there is no service "shh"; did you mean "ssh"?'
-answers 1 explain --port tcp/22 --adapter eht0
+answers 5 explain --port tcp/22 --adapter eht0
 complains '^tarnfw: there is no adapter "eht0"; did you mean "eth0"?'
 mkdir -p /usr/tarn/etc/services.d
 printf '[{"name": "hidden", "dst": {"protocol": "tcp", "ports": [1]}}, {"name": "bare", "title": "Bare"}]' \

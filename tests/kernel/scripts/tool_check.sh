@@ -42,7 +42,7 @@ silent
 prints <<<'default: valid'
 answers 0 check default
 prints <<<'default: valid'
-answers 1 check nowhere
+answers 5 check nowhere
 complains '^tarnfw: there is no profile "nowhere" (profiles: default)$'
 answers 2 check one two
 profile office "$(rule '"portList": ["22", "99999"]')" >"$kProfileDirectory/office.json"

@@ -192,7 +192,7 @@ DIFF
 
 activate nowhere
 printf '{"status": true, "profile": "nowhere"}\n' >"$kSettings"
-answers 1 diff
+answers 5 diff
 complains '^tarnfw: there is no profile "nowhere"'
 answers 2 diff deny_by_default
 step 'no process is left' [ -z "$(pidof tarnfw)" ]

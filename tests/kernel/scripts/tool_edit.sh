@@ -109,7 +109,7 @@ editor removes <<<"rm \"\$1\""
 edits 1 /tmp/editors/removes lab
 complains '^tarnfw: cannot read /tmp/tarnfw\..*/profile.json$'
 rm -rf -- /tmp/tarnfw.*
-refused 1 '^tarnfw: there is no profile "nowhere" ' profile edit nowhere
+refused 5 '^tarnfw: there is no profile "nowhere" ' profile edit nowhere
 no_text_left
 step 'nothing was written' same_files second
 

@@ -30,7 +30,7 @@ configuration() {
 
 # --- export ----------------------------------------------------------------------------------------
 
-answers 1 export
+answers 5 export
 complains '^tarnfw: there are no profiles; "tarnfw base up" writes a first one$'
 answers 0 base up
 use_profile deny_by_default

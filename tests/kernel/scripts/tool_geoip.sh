@@ -22,7 +22,7 @@ PYTHON
 
 for words in 'geoip list' 'geoip show DE' 'geoip check 10.0.0.1'; do
     read -r -a command <<<"$words"
-    answers 1 "${command[@]}"
+    answers 5 "${command[@]}"
     complains '^tarnfw: there are no country data in /usr/share/xt_geoip$'
 done
 
@@ -63,9 +63,9 @@ answers 0 geoip show DE --json
 step 'as a document' diff -u - <(jq --compact-output --sort-keys . "$out/answer") <<'END_OF_RANGES'
 {"country":"DE","ranges":[{"family":"v4","first":"10.0.0.0","last":"10.0.0.255"},{"family":"v4","first":"10.0.2.7","last":"10.0.2.7"},{"family":"v6","first":"2001:db8::","last":"2001:db8::ffff"}]}
 END_OF_RANGES
-answers 1 geoip show IT
+answers 5 geoip show IT
 complains '^tarnfw: there are no data for country "IT"; see "tarnfw geoip list"$'
-answers 1 geoip show ../DE
+answers 5 geoip show ../DE
 complains '^tarnfw: there are no data for country "../DE"; '
 
 answers 0 geoip check 10.0.0.255

@@ -72,7 +72,7 @@ step 'they are what a reload makes' same_listing enabled
 
 # --- what it refuses -------------------------------------------------------------------------------
 
-answers 1 preview nowhere
+answers 5 preview nowhere
 complains '^tarnfw: there is no profile "nowhere" (profiles: default, deny_by_default)$'
 step 'nothing on standard output' [ ! -s "$out/answer" ]
 answers 2 preview --format xml

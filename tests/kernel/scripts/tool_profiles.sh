@@ -20,7 +20,7 @@ mkdir -p -- "$kProfileDirectory"
 printf '{"status": false}\n' >"$kProfileDirectory/other.json"
 for words in 'create new' 'copy one two' 'rename one two' 'delete one' 'use one' 'show one' 'edit one'; do
     read -r -a words <<<"$words"
-    refused 1 '^tarnfw: there are no profiles; "tarnfw base up" writes a first one$' profile "${words[@]}"
+    refused 5 '^tarnfw: there are no profiles; "tarnfw base up" writes a first one$' profile "${words[@]}"
 done
 rm -- "$kProfileDirectory/other.json"
 # A directory that cannot be read is not one without profiles.
@@ -112,7 +112,7 @@ printf '{"name": "haus",\n' >"$kProfileDirectory/177.json"
 readonly kUnreadable="1 file cannot be read: $kProfileDirectory/177.json (\"tarnfw check FILE\" shows why)"
 for words in 'profile show haus' 'profile delete haus' 'check haus' 'preview haus'; do
     read -r -a words <<<"$words"
-    answers 1 "${words[@]}"
+    answers 5 "${words[@]}"
     step 'one line, and none of the library' [ "$(<"$out/complaint")" = \
         "tarnfw: there is no profile \"haus\" (profiles: default, lab, two words); $kUnreadable" ]
 done
@@ -141,7 +141,7 @@ document["active"] = True
 print(json.dumps(document))
 END
 prints_json </tmp/wanted.json
-refused 1 '^tarnfw: there is no profile "nowhere" (profiles: default, lab, two words)$' \
+refused 5 '^tarnfw: there is no profile "nowhere" (profiles: default, lab, two words)$' \
     profile show nowhere
 
 # --- copy, rename ----------------------------------------------------------------------------------
@@ -151,7 +151,7 @@ prints <<<'Profile "copied" created, a copy of "two words"'
 step 'it is the same under another name' diff -u \
     <(sed 's/"name" : "two words"/"name" : "copied"/' "$(file_of 'two words')") "$(file_of copied)"
 refused 1 '^tarnfw: profile "copied" already exists$' profile copy lab copied
-refused 1 '^tarnfw: there is no profile "nowhere" ' profile copy nowhere new
+refused 5 '^tarnfw: there is no profile "nowhere" ' profile copy nowhere new
 refused 2 '^tarnfw: NEW is required$' profile copy lab
 
 answers 0 profile rename copied renamed
@@ -163,7 +163,7 @@ step 'the settings follow the active one' [ "$(setting profile)" = standard ]
 answers 0 profile rename standard default
 step 'and back' [ "$(setting profile)" = default ]
 refused 1 '^tarnfw: profile "lab" already exists$' profile rename default lab
-refused 1 '^tarnfw: there is no profile "nowhere" ' profile rename nowhere new
+refused 5 '^tarnfw: there is no profile "nowhere" ' profile rename nowhere new
 refused 1 '^tarnfw: invalid profile name ""$' profile rename lab ''
 
 # --- delete ----------------------------------------------------------------------------------------
@@ -174,7 +174,7 @@ prints <<<'Profile "renamed" deleted'
 step 'its file is gone' [ ! -e "$file" ]
 refused 1 '^tarnfw: profile "default" is the active one; "tarnfw profile use" makes another one ' \
     profile delete default
-refused 1 '^tarnfw: there is no profile "renamed" ' profile delete renamed
+refused 5 '^tarnfw: there is no profile "renamed" ' profile delete renamed
 # The library removes the first of two files with one name; the other one is not silently left.
 cp -- "$(file_of lab)" "$kProfileDirectory/9999999999.json"
 answers 1 profile delete lab
@@ -208,8 +208,8 @@ says '^Profile "open" applied$'
 step 'now they are in the kernel' [ "$(listing v4 | grep -c -- '-j DROP')" = 0 ]
 answers 0 profile use default --reload
 step 'the others again' same_listing default
-refused 1 '^tarnfw: there is no profile "nowhere" ' profile use nowhere
-refused 1 '^tarnfw: there is no profile "opne"; did you mean "open"? (profiles: ' profile use opne
+refused 5 '^tarnfw: there is no profile "nowhere" ' profile use nowhere
+refused 5 '^tarnfw: there is no profile "opne"; did you mean "open"? (profiles: ' profile use opne
 # A reload of it would leave the machine open.
 sed 's/"policy" : 0/"policy" : 7/; s/"lan-only"/"broken"/' "$example" >"$kProfileDirectory/broken.json"
 refused 3 '^tarnfw: profile "broken" has 6 errors, the first: rule 1 of eth0: policy: 7 is not one of 0, 1, 2$' \

@@ -43,7 +43,7 @@ keep_listing base
 
 mkdir -p /usr/share/xt_geoip
 rm -rf -- /usr/share/xt_geoip/*
-refused 1 '^tarnfw: there is no country data on this machine' \
+refused 5 '^tarnfw: there is no country data on this machine' \
     rule add --adapter eth0 deny from country CN
 for country in CN.iv4 RU.iv4 DE.iv4; do
     printf '\1\2\3\4\5\6\7\10' >"/usr/share/xt_geoip/$country"
@@ -144,25 +144,25 @@ step 'and names the right one' grep --quiet 'Did you mean "tarnfw rule add --log
 
 # --- what is not there -----------------------------------------------------------------------------
 
-refused 1 '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (known: eth0, eth1, global, pppoe, vpn)$' \
+refused 5 '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (known: eth0, eth1, global, pppoe, vpn)$' \
     rule add --adapter eht0 deny any
-refused 1 '^tarnfw: there is no adapter "eht0"; ' policy eht0 deny
+refused 5 '^tarnfw: there is no adapter "eht0"; ' policy eht0 deny
 refused 1 '^tarnfw: rules and default policies of "ppp0" are never applied; use "pppoe"' rule add --adapter ppp0 deny any
 refused 1 '^tarnfw: "global" has no default policy' policy global deny
-refused 1 '^tarnfw: there is no profile "nowhere" ' rule add --adapter eth0 --profile nowhere deny any
+refused 5 '^tarnfw: there is no profile "nowhere" ' rule add --adapter eth0 --profile nowhere deny any
 for words in 'set 5 deny any' 'delete 5' 'delete 1 0' 'on 5' 'off 1 5' 'move 5 1' 'move 1 5' 'move 0 1'; do
     read -r -a words <<<"$words"
-    refused 1 '^tarnfw: there is no rule [05]: eth0 has 4 rules$' rule "${words[@]}" --adapter eth0
+    refused 5 '^tarnfw: there is no rule [05]: eth0 has 4 rules$' rule "${words[@]}" --adapter eth0
 done
-refused 1 '^tarnfw: there is no position 6: eth0 has 4 rules$' \
+refused 5 '^tarnfw: there is no position 6: eth0 has 4 rules$' \
     rule insert 6 --adapter eth0 deny any
 for words in 'delete -1' 'delete x' 'off 99999999999999999999999' 'move 1 -1' 'insert -1 deny any'; do
     read -r -a arguments <<<"$words"
     refused 2 'not in range' rule "${arguments[@]}" --adapter eth0
 done
-refused 1 '^tarnfw: there is no position 0: eth0 has 4 rules$' \
+refused 5 '^tarnfw: there is no position 0: eth0 has 4 rules$' \
     rule insert 0 --adapter eth0 deny any
-refused 1 '^tarnfw: there is no rule 1: pppoe has 0 rules$' rule off 1 --adapter pppoe
+refused 5 '^tarnfw: there is no rule 1: pppoe has 0 rules$' rule off 1 --adapter pppoe
 
 # --- insert, set, move, on, off, delete ------------------------------------------------------------
 

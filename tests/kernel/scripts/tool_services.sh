@@ -38,7 +38,7 @@ refused_whole() {
 for command in 'service reserve ssh allow --adapter eth0' 'service release ssh' 'service update' \
     'adapter rename eth0 eth1'; do
     read -r -a words <<<"$command"
-    answers 1 "${words[@]}"
+    answers 5 "${words[@]}"
     complains '^tarnfw: there are no profiles; "tarnfw base up" writes a first one$'
 done
 step 'none came of it' [ -z "$(ls "$kProfileDirectory" 2>/dev/null)" ]
@@ -135,7 +135,7 @@ prints_json <<'END'
                "destination": {"protocol": "tcp/udp", "ports": ["53", "60-61"]},
                "source": {"protocol": "udp", "ports": ["67"]}}]}
 END
-answers 1 services no_such_thing
+answers 5 services no_such_thing
 complains '^tarnfw: no service of the catalogue matches "no_such_thing"$'
 
 # --- service reserve -------------------------------------------------------------------------------
@@ -166,9 +166,9 @@ Profile "home" applied
 END
 step 'now the kernel has it' grep --quiet -- '-i eth0 .*--dport 22 -j DROP' <(iptables -S)
 # The names that no reservation can be for, or that none can be on.
-refused_whole 1 '^tarnfw: there is no service "shh"; did you mean "ssh"?' service reserve shh allow --adapter eth0
+refused_whole 5 '^tarnfw: there is no service "shh"; did you mean "ssh"?' service reserve shh allow --adapter eth0
 refused_whole 1 'keeps service "kept_out" out of the firewall' service reserve kept_out allow --adapter eth0
-refused_whole 1 '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (known: eth0, eth5, global, pppoe, tun0, vpn)$' \
+refused_whole 5 '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (known: eth0, eth5, global, pppoe, tun0, vpn)$' \
     service reserve ssh allow --adapter eht0
 for wrong in 'service reserve' 'service reserve ssh' 'service reserve ssh allow' \
     'service reserve ssh maybe --adapter eth0' 'service release' 'service update ssh' service \
@@ -189,7 +189,7 @@ allow 9000
 END
 answers 0 service release ssh
 prints <<<'Service ssh removed from all rules (no profile changed)'
-refused_whole 1 '^tarnfw: there is no service "htpp"; did you mean "http"?' service release htpp
+refused_whole 5 '^tarnfw: there is no service "htpp"; did you mean "http"?' service release htpp
 # One that the catalogue has lost can still be released; its rule names nothing else and goes.
 answers 0 service release lost_service
 says '^Service lost_service removed from all rules (changed: home)$'
@@ -217,7 +217,7 @@ prints <<<'Rules updated from the service catalogue (no profile changed)'
 # --- adapter rename --------------------------------------------------------------------------------
 
 refused_whole 1 '^tarnfw: both names are "eth0"$' adapter rename eth0 eth0
-refused_whole 1 '^tarnfw: no profile has rules or a default policy for adapter "eht0"; did you mean "eth0"? (known: eth0, eth5, global)$' \
+refused_whole 5 '^tarnfw: no profile has rules or a default policy for adapter "eht0"; did you mean "eth0"? (known: eth0, eth5, global)$' \
     adapter rename eht0 eth1
 refused_whole 1 '^tarnfw: "global" is every adapter' adapter rename global eth1
 refused_whole 1 '^tarnfw: "global" is every adapter' adapter rename eth0 global

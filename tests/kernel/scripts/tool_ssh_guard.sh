@@ -151,7 +151,7 @@ complains '"deny_ssh_on_one_adapter" denies that (rule [0-9]* of eth0: deny '
 # A profile that is not there: said before anything is changed.
 activate nowhere
 cp -- "$kSettings" /tmp/settings
-over_ssh 192.168.1.21 answers 1 enable </dev/null
+over_ssh 192.168.1.21 answers 5 enable </dev/null
 complains '^tarnfw: there is no profile "nowhere"'
 step 'nothing was changed' unchanged
 

@@ -151,7 +151,7 @@ step 'its own' [ "$(jq -c '[.service, .loaded]' "$out/answer")" = '["firewall",t
 step 'the modules in the list' [ "$(jq '.modules | length > 5' "$out/answer")" = true ]
 answers 0 modules status vpn
 prints <<<'Modules are not loaded for "vpn"'
-answers 1 modules unload vpn
+answers 5 modules unload vpn
 complains '^tarnfw: no modules are loaded for "vpn"$'
 answers 0 modules load vpn --nat
 prints <<<'Modules loaded for "vpn"'
@@ -159,7 +159,7 @@ answers 0 modules status vpn
 prints <<<'Modules are loaded for "vpn"'
 answers 0 modules unload vpn --nat
 prints <<<'Modules released by "vpn"'
-answers 1 modules unload vpn
+answers 5 modules unload vpn
 answers 2 modules load 'a=b'
 answers 2 modules load ''
 answers 0 modules status

@@ -16,13 +16,13 @@ keep_both_listings
 
 # --- what cannot be tried --------------------------------------------------------------------------
 
-answers 1 try nowhere
+answers 5 try nowhere
 complains '^tarnfw: there is no profile "nowhere" (profiles: default, deny_by_default, '
 answers 1 try deny_by_default
 complains '^tarnfw: profile "deny_by_default" is the active one, which a trial restores; '
-answers 1 try --confirm
+answers 5 try --confirm
 complains '^tarnfw: there is no trial$'
-answers 1 try --cancel
+answers 5 try --cancel
 complains '^tarnfw: there is no trial$'
 answers 2 try
 answers 2 try "$new" --timeout 0

@@ -26,7 +26,7 @@ answers 11 status
 says "^Trial: *of \"$new\", abandoned; \"tarnfw try --cancel\" ends it$"
 answers 11 status --json
 says '"state" : "abandoned"'
-answers 1 try --confirm
+answers 5 try --confirm
 complains '^tarnfw: there is no trial$'
 answers 1 try "$new"
 complains "^tarnfw: the trial of \"$new\" was abandoned; \"tarnfw try --cancel\" ends it$"

@@ -21,7 +21,7 @@ is_off() {
     step 'the active profile is the same' \
         [ "$(tarnfw profile list | grep '^\*')" = '* deny_by_default' ]
     step 'no test profile is left' no_test_profile
-    answers 1 try --confirm
+    answers 5 try --confirm
     complains '^tarnfw: there is no trial: the firewall is disabled, and nothing was kept$'
 }
 

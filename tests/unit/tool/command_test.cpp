@@ -8,6 +8,15 @@ using tarnfw::Error;
 using tarnfw::ErrorKind;
 using tarnfw::Remedy;
 
+TEST(ExitStatusOfTest, UnknownHasItsOwn) {
+    using tarnfw::exitStatusOf;
+    EXPECT_EQ(exitStatusOf(ErrorKind::kNotFound), 5);
+    EXPECT_EQ(exitStatusOf(ErrorKind::kInvalid), 3);
+    EXPECT_EQ(exitStatusOf(ErrorKind::kNoRights), 4);
+    EXPECT_EQ(exitStatusOf(ErrorKind::kUnusable), 1);
+    EXPECT_EQ(exitStatusOf(ErrorKind::kSystem), 1);
+}
+
 TEST(MessageOfTest, EndsWithTheRemedyInTheWordsOfTheTool) {
     const auto messageWith = [](Remedy remedy) {
         return tarnfw::messageOf(Error(ErrorKind::kSystem, "it failed", {}, remedy));

@@ -12,8 +12,9 @@ ExitStatus exitStatusOf(ErrorKind kind) {
             return kExitInvalid;
         case ErrorKind::kNoRights:
             return kExitNotRoot;
-        case ErrorKind::kSystem:
         case ErrorKind::kNotFound:
+            return kExitUnknown;
+        case ErrorKind::kSystem:
         case ErrorKind::kUnusable:
         case ErrorKind::kRefused:
         case ErrorKind::kBusy:

@@ -16,6 +16,7 @@ enum ExitStatus : int {
     kExitUsage = 2,    ///< wrong usage
     kExitInvalid = 3,  ///< an invalid document, profile or rule
     kExitNotRoot = 4,
+    kExitUnknown = 5,   ///< what the command names is not known: ErrorKind::kNotFound
     kExitBlocked = 10,  ///< "blocked": blocked or mixed somewhere; "diff": the kernel differs
     kExitNotInForce =
         11,  ///< "status", "blocked", "explain": the kernel does not do what is stored

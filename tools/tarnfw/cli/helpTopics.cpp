@@ -206,6 +206,7 @@ constexpr char kExitStatus[] = R"(Exit status
   2    wrong usage; the message suggests the nearest command
   3    an invalid document, profile or rule
   4    not root
+  5    unknown: there is no such profile, rule, adapter, service or country
   10   a negative answer:
          blocked, explain   blocked somewhere, or from some addresses
          diff               the kernel does not hold what it should
