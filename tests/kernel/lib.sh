@@ -188,6 +188,25 @@ use_profile() {
     activate "$profile"
 }
 
+# pretend_systemd: systemd seems to run the machine, and the service is installed with /etc writable, but
+# not enabled.
+pretend_systemd() {
+    mkdir -p -- /run/systemd/system /tmp/etc/{new,work}
+    mount -t overlay -o lowerdir=/etc,upperdir=/tmp/etc/new,workdir=/tmp/etc/work overlay /etc
+    rm -rf -- /etc/systemd/system
+    mkdir -p -- /etc/systemd/system/sysinit.target.wants
+    cp -- "$checkout/packaging/tarnfw.service" /etc/systemd/system/
+}
+
+# As "systemctl enable tarnfw" and "systemctl disable tarnfw" do it.
+enable_service() {
+    ln -s -- ../tarnfw.service /etc/systemd/system/sysinit.target.wants/tarnfw.service
+}
+
+disable_service() {
+    rm -- /etc/systemd/system/sysinit.target.wants/tarnfw.service
+}
+
 # choose_apply lines|batch: sets the apply mode.
 choose_apply() {
     sed -i -e '/"apply"/d' -e "s/^{/{ \"apply\": \"$1\",/" "$kSettings"

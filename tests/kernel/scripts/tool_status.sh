@@ -56,7 +56,7 @@ answers 0 enable
 answers 0 status --json
 prints_json <<END
 {"enabled": true, "asStored": true, "complaints": [],
- "nothingInForce": false, "interruptedReload": false, "bootFailure": null,
+ "nothingInForce": false, "interruptedReload": false, "bootFailure": null, "startsAtBoot": null,
  "activeProfile": "disabled_rule_and_absent_adapter", "activeProfileExists": true,
  "applyMode": "lines", "modulesLoaded": true, "trial": null,
  "kernel": {
@@ -126,6 +126,30 @@ answers 0 reload
 step 'it is mended' [ "$(status_keys 0)" = '[true,false,false]' ]
 step 'the policies accept' policies_accept
 ip6tables -F FIREWALL_RELOADING
+
+# --- after a restart -------------------------------------------------------------------------------
+
+answers 0 enable
+says '^After a restart: in force only if the system runs "tarnfw boot" at its start (systemd does not run here)$'
+pretend_systemd
+answers 0 enable
+complains '^tarnfw: after a restart the firewall will not be in force: tarnfw.service is not enabled; "systemctl enable tarnfw" enables it$'
+step 'nothing else is said of it' [ "$(wc -l <"$out/answer")" = 1 ]
+answers 0 status
+says '^After a restart: *not in force: tarnfw.service is not enabled; "systemctl enable tarnfw" enables it$'
+answers 0 status --json
+step 'also as JSON' [ "$(jq .startsAtBoot "$out/answer")" = false ]
+answers 0 disable
+answers 0 status
+step 'a disabled firewall need not be' [ -z "$(grep 'After a restart' "$out/answer")" ]
+enable_service
+answers 0 enable
+silent
+says '^After a restart: in force again, by tarnfw.service$'
+answers 0 status
+step 'which "status" does not repeat' [ -z "$(grep 'After a restart' "$out/answer")" ]
+answers 0 status --json
+step 'but for programs' [ "$(jq .startsAtBoot "$out/answer")" = true ]
 
 # --- how rules are applied -------------------------------------------------------------------------
 

@@ -5,7 +5,9 @@ keep rules before
 
 step 'the packages install, with no dependency missing' install_packages
 step 'no rule is loaded' same rules before
-step 'the service is not enabled' unit_is disabled
+step 'the service is enabled' unit_is enabled
+step 'it does nothing while the firewall is disabled' within tarnfw boot
+step 'so that no rule is loaded' same rules before
 step 'no profile is written' [ ! -e "$kRoot$kStore" ]
 step 'the tool says its version' grep --line-regexp --quiet '[0-9]*\.[0-9]*\.[0-9]*' \
     <(within tarnfw --version)
@@ -18,9 +20,11 @@ step 'its status says so' grep --quiet '^Firewall: *enabled$' <(within tarnfw st
 keep rules enabled
 step 'enabling has loaded rules' fails same rules base
 
+step 'the service is disabled' within deb-systemd-helper disable tarnfw.service
 step 'the same packages install as an upgrade' install_packages
 step 'an upgrade leaves the rules alone' same rules enabled
 step 'and the service as it was' unit_is disabled
+step 'which is enabled again' within deb-systemd-helper enable tarnfw.service
 
 step 'the firewall is disabled' within tarnfw disable
 step 'the base goes down' within tarnfw base down

@@ -36,7 +36,8 @@ Once confirmed, it is the active profile. Look, and ask:
   tarnfw explain --service ssh --from 192.168.1.20
 
 "tarnfw disable" opens the machine again and keeps the profiles.
-To apply the active profile at every boot: systemctl enable tarnfw.service
+"tarnfw enable" says whether the firewall will be in force after a restart; if
+not: systemctl enable tarnfw.service
 Read on with "tarnfw help rules" and "tarnfw help trials".
 )";
 

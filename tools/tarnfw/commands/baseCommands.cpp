@@ -443,11 +443,8 @@ void boot() {
     const std::unique_ptr<ToolLock> lock = lockAtBoot(time, failures);
     undoChangeAtBoot(time);
     if (!mustProtect()) {
-        if (!lock) {
-            throw Error(ErrorKind::kBusy, failures);
-        }
+        // The service is enabled by installing the package: nobody has asked for chains yet.
         forgetBootFailure();
-        setUpMachine(time, /*enabled=*/false);
         std::cout << "Firewall disabled: nothing to apply\n";
         return;
     }
@@ -489,7 +486,7 @@ void addBaseCommands(Command& app) {
         "stay in force when the profile cannot be applied. Without them, the machine is closed, "
         "except for established connections, loopback, neighbour discovery, DHCP, and SSH from "
         "private and link-local networks. With the firewall disabled, or on a machine without "
-        "settings, the machine is open.");
+        "settings, it changes nothing, and the machine is open.");
     bootCommand.run(boot);
 }
 

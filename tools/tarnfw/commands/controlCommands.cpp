@@ -15,6 +15,7 @@
 #include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/applying.h"
+#include "commands/bootUnit.h"
 #include "commands/commands.h"
 #include "commands/sshGuard.h"
 #include "process/signalsWait.h"
@@ -51,6 +52,20 @@ void putPoliciesBack() {
     }
 }
 
+/// Says whether the firewall will be in force after a restart.
+void sayAfterRestart() {
+    const BootUnit unit = bootUnit();
+    const std::string missing = notAfterRestart(unit);
+    if (!missing.empty()) {
+        warn("after a restart the firewall will not be in force: " + missing);
+    } else if (unit.enabled) {
+        std::cout << "After a restart: in force again, by " << unit.name << '\n';
+    } else {
+        std::cout << "After a restart: in force only if the system runs \"tarnfw boot\" at its "
+                     "start (systemd does not run here)\n";
+    }
+}
+
 void enable(bool yes) {
     requireNoTrial();
     Context context(StoreSession::Access::kChange);
@@ -64,6 +79,7 @@ void enable(bool yes) {
               << "\n";
     putPoliciesBack();
     forgetTrial(context);
+    sayAfterRestart();
 }
 
 /// Whether the machine has neither settings nor chains, so that there is nothing to switch off.

@@ -18,6 +18,7 @@
 #include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/applying.h"
+#include "commands/bootUnit.h"
 #include "commands/commands.h"
 #include "commands/kernelReport.h"
 #include "process/trialRecord.h"
@@ -298,6 +299,7 @@ struct Status {
     bool modules = false;
     std::optional<TrialState> trial;
     std::vector<std::string> complaints;
+    BootUnit unit;
     const char* applyMode = nullptr;
 };
 
@@ -314,6 +316,7 @@ Status readStatus(const StoreSnapshot& store) {
     status.modules = FW::TARN_IPTABLES_MODULES::isModuleLoad(kModuleUser);
     status.trial = trialState(store);
     status.complaints = complaints(status.kernel, status.trial, status.record, status.boot);
+    status.unit = bootUnit();
     status.applyMode = applyModeName(store.applyMode());
     return status;
 }
@@ -329,6 +332,8 @@ Json::Value documentOf(const Status& status) {
     document["nothingInForce"] = isNothingInForce(status.kernel);
     document["interruptedReload"] = isClosed(status.kernel) && !status.kernel.reloading;
     document["bootFailure"] = status.boot ? Json::Value(textOf(*status.boot)) : Json::Value();
+    document["startsAtBoot"] =
+        status.unit.enabled ? Json::Value(*status.unit.enabled) : Json::Value();
     document["activeProfile"] = status.active;
     document["activeProfileExists"] = status.hasActive;
     document["applyMode"] = status.applyMode;
@@ -351,6 +356,10 @@ void print(const Status& status) {
                                 : Cell{word + ", but " + wrong.front(), Paint::kBad}});
     for (std::size_t i = 1; i < wrong.size(); ++i) {
         table.addRow({{""}, {wrong[i], Paint::kBad}});
+    }
+    const std::string notStarted = notAfterRestart(status.unit);
+    if (status.enabled && !notStarted.empty()) {
+        table.addRow({{"After a restart:"}, {"not in force: " + notStarted, Paint::kBad}});
     }
     table.addRow({{"Active profile:"},
                   {status.hasActive ? status.active : status.active + " (does not exist)"}});
