@@ -32,10 +32,11 @@ AddressRange networkOf(const Address& address, int length) {
     return {Address(address.isIpv6(), first), Address(address.isIpv6(), last)};
 }
 
-/// The length of a dotted mask; nothing when a one follows a zero.
+/// The length of a mask in words; nothing when a one follows a zero.
 std::optional<int> lengthOfMask(const Address& mask) {
-    for (int length = 0; length <= kIpv4Bits; ++length) {
-        if (networkOf(kHighestIpv4, length).first == mask) {
+    const Address highest = mask.isIpv6() ? wholeFamily(true).last : kHighestIpv4;
+    for (int length = 0; length <= (mask.isIpv6() ? kIpv6Bits : kIpv4Bits); ++length) {
+        if (networkOf(highest, length).first == mask) {
             return length;
         }
     }
@@ -63,11 +64,9 @@ std::string spelled(const Address& address) {
 }
 
 std::optional<int> prefixLengthFrom(const std::string& mask, bool ipv6) {
-    if (!ipv6) {
-        const std::optional<Address> dotted = addressFrom(mask);
-        if (dotted && !dotted->isIpv6()) {
-            return lengthOfMask(*dotted);
-        }
+    const std::optional<Address> bits = addressFrom(mask);
+    if (bits && bits->isIpv6() == ipv6) {
+        return lengthOfMask(*bits);
     }
     unsigned length = 0;
     const bool digits = mask.find_first_not_of("0123456789") == std::string::npos;
@@ -101,8 +100,9 @@ std::optional<AddressRange> rangeFrom(const std::string& first, const std::strin
 
 bool isEveryIpv4Address(const std::string& text) {
     const std::size_t slash = text.find('/');
-    const std::optional<Address> address = addressFrom(text.substr(0, slash));
-    if (!address || address->isIpv6() || slash == std::string::npos) {
+    const std::string address = text.substr(0, slash);
+    if (slash == std::string::npos || address.empty() ||
+        address.find_first_not_of("0123456789.") != std::string::npos) {
         return false;
     }
     std::string length = text.substr(slash + 1);

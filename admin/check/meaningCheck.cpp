@@ -6,6 +6,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
+#include "base/iptablesAddress.h"
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/portEntry.h"
@@ -80,11 +81,18 @@ private:
     void checkSingle(const std::vector<std::string>& list);
     void checkNetwork(const std::vector<std::string>& list);
     void checkRange(const std::vector<std::string>& list);
+    void checkEnds(const std::vector<std::string>& list);
     void checkCountries(const std::vector<std::string>& list);
     void checkCountry(const std::string& code, const std::string& where);
     bool requireEntries(const std::vector<std::string>& list, std::size_t needed, const char* what);
-    std::optional<Address> address(const std::vector<std::string>& list, std::size_t index);
-    void checkFamily(const Address& address);
+    bool hasFamily() const;
+    std::vector<bool> families() const;
+    template <typename Read>
+    bool isReadInAll(const Read& read) const;
+    std::string familyText() const;
+    void checkAddress(const std::string& text, std::size_t index);
+    void checkReading(const std::string& path, const std::string& text);
+    bool checkFamily(const std::string& text);
     void checkTunnel(const std::string& network);
     void warnIgnored(const char* member, std::size_t first, std::size_t size,
                      const std::string& reason);
@@ -151,32 +159,87 @@ bool RuleCheck::requireEntries(const std::vector<std::string>& list, std::size_t
     return true;
 }
 
-std::optional<Address> RuleCheck::address(const std::vector<std::string>& list, std::size_t index) {
-    const std::optional<Address> found = addressFrom(list[index]);
-    if (!found) {
-        const char* const family = codeOf(rule_, "ipType") == FW::FW_IP_TYPE_V4 ? "an IPv4 address"
-                                   : codeOf(rule_, "ipType") == FW::FW_IP_TYPE_V6
-                                       ? "an IPv6 address"
-                                       : "an address";
-        error(elementPath("ipList", index), inQuotes(list[index]) + " is not " + family);
-    }
-    return found;
+/// Whether "ipType" says which families the rule is for.
+bool RuleCheck::hasFamily() const {
+    const std::optional<int> type = codeOf(rule_, "ipType");
+    return type == FW::FW_IP_TYPE_V4 || type == FW::FW_IP_TYPE_V6 || type == FW::FW_IP_TYPE_BOTH;
 }
 
-void RuleCheck::checkFamily(const Address& address) {
-    const std::optional<int> type = codeOf(rule_, "ipType");
-    const std::string family = address.isIpv6() ? "IPv6" : "IPv4";
-    const int expected = address.isIpv6() ? FW::FW_IP_TYPE_V6 : FW::FW_IP_TYPE_V4;
-    if (!type || *type == expected) {
-        return;
+/// Whether the programs that get lines of the rule are those of IPv6.
+std::vector<bool> RuleCheck::families() const {
+    switch (codeOf(rule_, "ipType").value_or(FW::FW_IP_TYPE_BOTH)) {
+        case FW::FW_IP_TYPE_V4:
+            return {false};
+        case FW::FW_IP_TYPE_V6:
+            return {true};
+        default:
+            return {false, true};
     }
-    if (*type == FW::FW_IP_TYPE_BOTH) {
-        error("ipType", "2 means both families, but the address is " + family + " (" +
-                            std::to_string(expected) + ")");
-    } else if (*type == FW::FW_IP_TYPE_V4 || *type == FW::FW_IP_TYPE_V6) {
-        error("ipType", std::to_string(*type) + (address.isIpv6() ? " means IPv4" : " means IPv6") +
-                            ", but the address is " + family + " (" + std::to_string(expected) +
-                            ")");
+}
+
+/// Whether the programs of the rule's families read something; without families, whether one does.
+template <typename Read>
+bool RuleCheck::isReadInAll(const Read& read) const {
+    const std::vector<bool> all = families();
+    const auto isRead = [&](bool ipv6) { return read(ipv6).has_value(); };
+    return hasFamily() ? std::all_of(all.begin(), all.end(), isRead)
+                       : std::any_of(all.begin(), all.end(), isRead);
+}
+
+std::string RuleCheck::familyText() const {
+    const std::vector<bool> all = families();
+    return all.size() > 1 ? "an address" : all.front() ? "an IPv6 address" : "an IPv4 address";
+}
+
+/// An error when the address is one of the other family. Returns whether it is.
+bool RuleCheck::checkFamily(const std::string& text) {
+    const std::optional<int> type = codeOf(rule_, "ipType");
+    const std::optional<Address> address = addressFrom(text.substr(0, text.find('/')));
+    if (!address || !hasFamily() ||
+        *type == (address->isIpv6() ? FW::FW_IP_TYPE_V6 : FW::FW_IP_TYPE_V4)) {
+        return false;
+    }
+    const std::string means = *type == FW::FW_IP_TYPE_BOTH ? " means both families"
+                              : *type == FW::FW_IP_TYPE_V4 ? " means IPv4"
+                                                           : " means IPv6";
+    error("ipType", std::to_string(*type) + means + ", but the address is " +
+                        (address->isIpv6() ? "IPv6 (1)" : "IPv4 (0)"));
+    return true;
+}
+
+/// Reports an address that a program refuses.
+void RuleCheck::checkAddress(const std::string& text, std::size_t index) {
+    if (!checkFamily(text)) {
+        error(elementPath("ipList", index), inQuotes(text) + " is not " + familyText());
+    }
+}
+
+/// Whether iptables reads an address and a mask as everybody does.
+bool isPlain(const std::string& text, bool ipv6) {
+    const std::size_t slash = text.find('/');
+    const std::optional<Address> address = addressFrom(text.substr(0, slash));
+    if (!address || address->isIpv6() != ipv6) {
+        return false;
+    }
+    const std::string mask = slash == std::string::npos ? "0" : text.substr(slash + 1);
+    const std::optional<Address> dotted = addressFrom(mask);
+    return dotted ? dotted->isIpv6() == ipv6
+                  : mask == "0" || (mask.front() != '0' &&
+                                    mask.find_first_not_of("0123456789") == std::string::npos);
+}
+
+/// Warns about an address that iptables takes for something else than most people would.
+void RuleCheck::checkReading(const std::string& path, const std::string& text) {
+    for (const bool ipv6 : families()) {
+        const auto addresses = addressesRead(text, ipv6);
+        if (!addresses || isPlain(text, ipv6)) {
+            continue;
+        }
+        std::string read;
+        for (const MaskedAddress& one : *addresses) {
+            read += (read.empty() ? "" : ", ") + spelled(one);
+        }
+        warning(path, inQuotes(text) + " is read as " + read);
     }
 }
 
@@ -194,8 +257,10 @@ void RuleCheck::checkSingle(const std::vector<std::string>& list) {
         return;
     }
     checkTunnel(list[0]);
-    if (const auto found = address(list, 0)) {
-        checkFamily(*found);
+    if (isReadInAll([&](bool ipv6) { return addressesRead(list[0], ipv6); })) {
+        checkReading(elementPath("ipList", 0), list[0]);
+    } else {
+        checkAddress(list[0], 0);
     }
     warnIgnored("ipList", 1, list.size(), "ipGroup 0 uses one address");
 }
@@ -205,17 +270,19 @@ void RuleCheck::checkNetwork(const std::vector<std::string>& list) {
                         list.empty() ? "an address and a mask" : "a mask or prefix length")) {
         return;
     }
-    const auto found = address(list, 0);
-    if (found) {
-        checkFamily(*found);
-        const auto length = prefixLengthFrom(list[1], found->isIpv6());
-        checkTunnel(list[0] + "/" + list[1]);
-        if (!length) {
-            error(elementPath("ipList", 1),
-                  inQuotes(list[1]) + (found->isIpv6() ? " is not a prefix length (0-128)"
-                                                       : " is not a prefix length (0-32) or "
-                                                         "mask without gaps"));
-        }
+    const std::string network = list[0] + "/" + list[1];
+    const bool ipv6 = families().front();
+    checkTunnel(network);
+    if (isReadInAll([&](bool v6) { return addressesRead(network, v6); })) {
+        checkReading("ipList", network);
+    } else if (checkFamily(list[0])) {
+        // Its mask is one of that family.
+    } else if (!maskRead(list[1], ipv6)) {
+        error(elementPath("ipList", 1),
+              inQuotes(list[1]) + (ipv6 ? " is not a prefix length (0-128) or mask of IPv6"
+                                        : " is not a prefix length (0-32) or mask of IPv4"));
+    } else {
+        checkAddress(list[0], 0);
     }
     warnIgnored("ipList", 2, list.size(), "ipGroup 1 uses an address and a mask");
 }
@@ -226,21 +293,51 @@ void RuleCheck::checkRange(const std::vector<std::string>& list) {
             list.empty() ? "the first and the last address" : "the last address of the range")) {
         return;
     }
-    const auto first = address(list, 0);
-    const auto last = address(list, 1);
     warnIgnored("ipList", 2, list.size(), "ipGroup 4 uses a first and a last address");
-    if (!first || !last) {
+    const auto ends = endsRead(list[0], list[1], families().front());
+    if (!isReadInAll([&](bool ipv6) { return endsRead(list[0], list[1], ipv6); })) {
+        checkEnds(list);
         return;
     }
-    if (first->isIpv6() != last->isIpv6()) {
-        error("ipList",
-              inQuotes(list[0]) + " and " + inQuotes(list[1]) + " are of different families");
+    for (std::size_t i = 0; i < 2; ++i) {
+        const Address& end = i == 0 ? ends->first : ends->second;
+        if (!addressFrom(list[i])) {
+            warning(elementPath("ipList", i), inQuotes(list[i]) + " is read as " + spelled(end));
+        }
+    }
+    if (ends->second < ends->first) {
+        warningIfOn("ipList", "the range runs backwards: " + inQuotes(list[1]) + " is before " +
+                                  inQuotes(list[0]) + kNoEffect);
+    }
+}
+
+/// Reports the ends of a range that a program refuses.
+void RuleCheck::checkEnds(const std::vector<std::string>& list) {
+    const std::optional<Address> first = addressFrom(list[0]);
+    const std::optional<Address> last = addressFrom(list[1]);
+    if (first && last) {
+        if (first->isIpv6() != last->isIpv6()) {
+            error("ipList",
+                  inQuotes(list[0]) + " and " + inQuotes(list[1]) + " are of different families");
+        } else {
+            checkAddress(list[0], 0);
+        }
         return;
     }
-    checkFamily(*first);
-    if (*last < *first) {
-        error("ipList",
-              "the range runs backwards: " + inQuotes(list[1]) + " is before " + inQuotes(list[0]));
+    const std::vector<bool> all = families();
+    bool isRead = true;
+    for (std::size_t i = 0; i < 2; ++i) {
+        const bool one = std::any_of(all.begin(), all.end(), [&](bool ipv6) {
+            return endsRead(list[i], list[i], ipv6).has_value();
+        });
+        isRead = isRead && one;
+        if (!one) {
+            error(elementPath("ipList", i), inQuotes(list[i]) + " is not " + familyText());
+        }
+    }
+    if (isRead) {
+        error("ipList", inQuotes(list[0]) + " and " + inQuotes(list[1]) +
+                            " are not the ends of a range in both families");
     }
 }
 

@@ -299,11 +299,8 @@ std::optional<AddressMatch> Decider::matchOf(const List& list, const FWRULE& rul
     if (!list.isRepeated()) {
         return addressMatchOf(rule, packet.source.isIpv6(), machine_);
     }
-    if (isTakenForAllOfIpv6(rule)) {
-        AddressMatch any;
-        any.source = rule.ipDirect != FW::FW_IP_DIRECT_DESTINATION;
-        // A batch does not repeat rules for IPv4 addresses.
-        return mode_ == ApplyMode::kLines ? std::optional(any) : std::nullopt;
+    if (mode_ != ApplyMode::kLines && isTakenForAllOfIpv6(rule)) {
+        return std::nullopt;  // a batch does not repeat rules for IPv4 addresses
     }
     FWRULE repeated = rule;
     repeated.ipType = FW::FW_IP_TYPE_V6;  // whatever it is for
@@ -362,12 +359,12 @@ std::optional<FW::FW_POLICY> Decider::verdictForAll(Packet packet) {
             if (!match || !match->source) {
                 continue;
             }
-            if (match->masked || !match->countries.empty()) {
+            if (!match->masked.empty() || !match->countries.empty()) {
                 return std::nullopt;
             }
-            if (match->range) {
-                senders.insert(match->range->first);
-                if (const std::optional<Address> next = after(match->range->last)) {
+            for (const AddressRange& range : match->ranges) {
+                senders.insert(range.first);
+                if (const std::optional<Address> next = after(range.last)) {
                     senders.insert(*next);
                 }
             }

@@ -21,42 +21,69 @@ std::string at(const Texts& list, std::size_t index) {
 
 // ---- Addresses ----
 
-bool isIn(const MaskedAddress& network, const Address& address) {
-    if (network.base.isIpv6() != address.isIpv6()) {
+/// Makes it match what "-s" and this text do; false when the kernel gets no such line.
+bool matchText(const std::string& text, bool ipv6, AddressMatch& match) {
+    const auto addresses = addressesRead(text, ipv6);
+    for (const MaskedAddress& one : addresses.value_or(std::vector<MaskedAddress>())) {
+        if (const std::optional<AddressRange> range = one.range()) {
+            match.ranges.push_back(*range);
+        } else {
+            match.masked.push_back(one);
+        }
+    }
+    return addresses.has_value();
+}
+
+/// The same for a range; false also for one that runs backwards, which matches no address.
+bool matchRange(const Texts& ends, bool ipv6, AddressMatch& match) {
+    const auto range = endsRead(at(ends, 0), at(ends, 1), ipv6);
+    if (!range || range->second < range->first) {
         return false;
     }
-    const Address::Bytes& mask = network.mask.bytes();
+    match.ranges.push_back({range->first, range->second});
+    return true;
+}
+
+/// Whether `outer` contains a whole range: none of the bits in which its addresses differ counts.
+/// False also for a few that it contains.
+bool isInside(const AddressRange& range, const MaskedAddress& outer) {
+    if (!outer.contains(range.first)) {
+        return false;
+    }
+    const Address::Bytes& mask = outer.mask.bytes();
+    const Address::Bytes& first = range.first.bytes();
+    const Address::Bytes& last = range.last.bytes();
+    bool differs = false;
     for (std::size_t i = 0; i < mask.size(); ++i) {
-        if (((network.base.bytes()[i] ^ address.bytes()[i]) & mask[i]) != 0) {
+        unsigned varying = differs ? 0xffU : 0U;
+        for (unsigned bit = 0x80; bit != 0 && !differs; bit >>= 1U) {
+            differs = ((first[i] ^ last[i]) & bit) != 0;
+            varying = differs ? (bit << 1U) - 1 : 0;
+        }
+        if ((mask[i] & varying) != 0) {
             return false;
         }
     }
     return true;
 }
 
-/// Makes it match a network; false for texts that are none.
-bool matchNetwork(const std::string& base, const std::string& mask, AddressMatch& match) {
-    match.range = networkFrom(base, mask);
-    if (match.range) {
-        return true;
+/// Whether `outer` contains all of `inner`.
+bool isInside(const MaskedAddress& inner, const MaskedAddress& outer) {
+    for (std::size_t i = 0; i < inner.mask.bytes().size(); ++i) {
+        if ((outer.mask.bytes()[i] & ~inner.mask.bytes()[i]) != 0) {
+            return false;
+        }
     }
-    const std::optional<Address> address = addressFrom(base);
-    const std::optional<Address> bits = addressFrom(mask);
-    if (!address || !bits || address->isIpv6() != bits->isIpv6()) {
-        return false;
-    }
-    match.masked = MaskedAddress{*address, *bits};
-    return true;
+    return outer.contains(inner.base);
 }
 
-/// "10.0.0.1", or with a mask, which iptables takes in the same place.
-bool matchSingle(const std::string& text, AddressMatch& match) {
-    const std::size_t slash = text.find('/');
-    if (slash != std::string::npos) {
-        return matchNetwork(text.substr(0, slash), text.substr(slash + 1), match);
-    }
-    match.range = rangeFrom(text, text);
-    return match.range.has_value();
+/// Whether one of a match's ranges and masked addresses contains all of `inner`.
+template <typename Inner>
+bool isInOne(const Inner& inner, const AddressRange& hull, const AddressMatch& match) {
+    return std::any_of(match.ranges.begin(), match.ranges.end(),
+                       [&](const AddressRange& mine) { return mine.contains(hull); }) ||
+           std::any_of(match.masked.begin(), match.masked.end(),
+                       [&](const MaskedAddress& mine) { return isInside(inner, mine); });
 }
 
 bool matchCountries(const Texts& codes, bool ipv6, Machine& machine, AddressMatch& match) {
@@ -69,14 +96,13 @@ bool matchCountries(const Texts& codes, bool ipv6, Machine& machine, AddressMatc
 bool matchGroup(const FW::FWRULE& rule, bool ipv6, Machine& machine, AddressMatch& match) {
     switch (rule.ipGroup) {
         case FW::FW_IP_GROUP_SINGLE:
-            return matchSingle(at(rule.ipList, 0), match);
+            return matchText(at(rule.ipList, 0), ipv6, match);
         case FW::FW_IP_GROUP_NETWORK:
-            return matchNetwork(at(rule.ipList, 0), at(rule.ipList, 1), match);
+            return matchText(at(rule.ipList, 0) + "/" + at(rule.ipList, 1), ipv6, match);
         case FW::FW_IP_GROUP_COUNTRIES:
             return matchCountries(rule.ipList, ipv6, machine, match);
         case FW::FW_IP_GROUP_RANGE:
-            match.range = rangeFrom(at(rule.ipList, 0), at(rule.ipList, 1));
-            return match.range.has_value();
+            return matchRange(rule.ipList, ipv6, match);
         default:
             return rule.ipGroup == FW::FW_IP_GROUP_ANY;
     }
@@ -131,18 +157,12 @@ void append(const std::string& fragment, std::vector<PortMatch>& matches) {
 }  // namespace
 
 bool AddressMatch::contains(const Address& address, Machine& machine) const {
-    if (range) {
-        return range->contains(address);
-    }
-    if (masked) {
-        return isIn(*masked, address);
-    }
-    return countries.empty() ||
+    const auto has = [&](const auto& one) { return one.contains(address); };
+    return any() || std::any_of(ranges.begin(), ranges.end(), has) ||
+           std::any_of(masked.begin(), masked.end(), has) ||
            std::any_of(countries.begin(), countries.end(), [&](const std::string& code) {
-               const std::vector<AddressRange>& ranges =
-                   machine.countryRanges(code, address.isIpv6());
-               return std::any_of(ranges.begin(), ranges.end(),
-                                  [&](const AddressRange& one) { return one.contains(address); });
+               const std::vector<AddressRange>& all = machine.countryRanges(code, address.isIpv6());
+               return std::any_of(all.begin(), all.end(), has);
            });
 }
 
@@ -150,14 +170,17 @@ bool AddressMatch::contains(const AddressMatch& other) const {
     if (any()) {
         return true;
     }
-    if (other.any() || source != other.source || masked || other.masked) {
+    if (other.any() || source != other.source) {
         return false;
     }
-    if (range) {
-        return other.range && range->contains(*other.range);
-    }
-    return !other.range && std::includes(countries.begin(), countries.end(),
-                                         other.countries.begin(), other.countries.end());
+    return std::all_of(
+               other.ranges.begin(), other.ranges.end(),
+               [this](const AddressRange& range) { return isInOne(range, range, *this); }) &&
+           std::all_of(
+               other.masked.begin(), other.masked.end(),
+               [this](const MaskedAddress& one) { return isInOne(one, one.hull(), *this); }) &&
+           std::includes(countries.begin(), countries.end(), other.countries.begin(),
+                         other.countries.end());
 }
 
 bool hasLine(const FW::FWRULE& rule) {
@@ -181,13 +204,15 @@ std::optional<AddressMatch> addressMatchOf(const FW::FWRULE& rule, bool ipv6, Ma
     }
     AddressMatch match;
     match.source = rule.ipDirect != FW::FW_IP_DIRECT_DESTINATION;
-    if (!matchGroup(rule, ipv6, machine, match) ||
-        (match.range && match.range->first.isIpv6() != ipv6) ||
-        (match.masked && match.masked->base.isIpv6() != ipv6)) {
+    if (!matchGroup(rule, ipv6, machine, match)) {
         return std::nullopt;
     }
-    if (match.range && match.range->contains(wholeFamily(ipv6))) {
-        match.range.reset();
+    const bool whole =
+        std::any_of(match.ranges.begin(), match.ranges.end(),
+                    [&](const AddressRange& range) { return range.contains(wholeFamily(ipv6)); });
+    if (whole) {
+        match.ranges.clear();
+        match.masked.clear();
     }
     return match;
 }

@@ -10,27 +10,22 @@
 
 #include "tarnfirewall/fwTypes.h"
 
+#include "base/iptablesAddress.h"
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/portEntry.h"
 
 namespace tarnfw {
 
-/// A network whose mask has gaps: all addresses that agree with `base` in the bits of `mask`.
-struct MaskedAddress {
-    Address base;
-    Address mask;
-};
-
-/// The addresses of one family that a rule matches, on one side of a packet. At most one member
-/// says which; without any, every address.
+/// The addresses of one family that a rule matches, on one side of a packet. Without countries,
+/// ranges and masked addresses, every address.
 struct AddressMatch {
     bool source = true;  ///< the sender's; else the machine's own
-    std::optional<AddressRange> range;
-    std::optional<MaskedAddress> masked;
-    std::set<std::string> countries;  ///< codes, those that have data
+    std::vector<AddressRange> ranges;
+    std::vector<MaskedAddress> masked;  ///< those whose mask has gaps
+    std::set<std::string> countries;    ///< codes, those that have data
 
-    bool any() const { return !range && !masked && countries.empty(); }
+    bool any() const { return ranges.empty() && masked.empty() && countries.empty(); }
 
     /// Reads the country database.
     bool contains(const Address& address, Machine& machine) const;
@@ -58,7 +53,7 @@ std::vector<std::string> listsOf(const std::vector<std::string>& adapters);
 std::optional<AddressMatch> addressMatchOf(const FW::FWRULE& rule, bool ipv6, Machine& machine);
 
 /// Whether a rule for IPv4 addresses is one for all of IPv6 where it is repeated for a 6in4 tunnel:
-/// ip6tables takes "10.0.0.0/0" for every address, and refuses any other address of IPv4.
+/// ip6tables takes "10.0.0.0/0" for every address.
 bool isTakenForAllOfIpv6(const FW::FWRULE& rule);
 
 /// What a rule's lines match; a packet has to fit one entry. A line that the kernel refuses, since

@@ -54,8 +54,8 @@ std::optional<Address> addressFrom(const std::string& text);
 /// "192.168.1.20" or "2001:db8::1": the shortest spelling, which addressFrom() reads.
 std::string spelled(const Address& address);
 
-/// The bits of a mask: "255.255.255.0" or "24" for IPv4 (0-32), "64" for IPv6 (0-128). Nothing for
-/// any other text, also for a mask with a gap in it ("255.0.255.0").
+/// The bits of a mask: "255.255.255.0" or "24" for IPv4 (0-32), "ffff:ffff::" or "32" for IPv6
+/// (0-128). Nothing for any other text, also for a mask with a gap in it ("255.0.255.0").
 std::optional<int> prefixLengthFrom(const std::string& mask, bool ipv6);
 
 /// The addresses of a network: "192.168.1.0" and "255.255.255.0" or "24", "2001:db8::" and "64".
@@ -66,8 +66,8 @@ std::optional<AddressRange> networkFrom(const std::string& address, const std::s
 /// of two families, and for a range that runs backwards.
 std::optional<AddressRange> rangeFrom(const std::string& first, const std::string& last);
 
-/// Whether a text is an IPv4 address with prefix length 0: "10.0.0.0/0", also "/00" or "/+0", as
-/// iptables reads numbers. ip6tables takes such a text, and no other IPv4 one, for all of IPv6.
+/// Whether a text is an IPv4 address with prefix length 0: "10.0.0.0/0", also "10/00" or "10/+0",
+/// as iptables reads them. ip6tables takes such a text, and no other IPv4 one, for all of IPv6.
 bool isEveryIpv4Address(const std::string& text);
 
 /// Every address of a family.

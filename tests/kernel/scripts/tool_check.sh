@@ -73,7 +73,7 @@ answers 1 check /tmp
 complains '^tarnfw: cannot read /tmp: Is a directory$'
 
 # Each error is one line, in the document's words.
-jq '.rules.eth0[1] |= (.ipGroup = 4 | .ipList = ["10.0.0.9", "10.0.0.5"] | .portGroup = 9)
+jq '.rules.eth0[1] |= (.ipGroup = 4 | .ipList = ["10.0.0.9", "10.0.0.256"] | .portGroup = 9)
     | .colour = 1 | del(.rules.eth0[0].table)' home.json >wrong.json
 answers 3 check wrong.json
 silent
@@ -81,7 +81,7 @@ prints <<'END'
 wrong.json: rule 1 of eth0: "table" is missing
 wrong.json: rule 2 of eth0: portGroup: 9 is not one of 0, 1, 2, 3
 wrong.json: colour: unknown member
-wrong.json: rule 2 of eth0: ipList: the range runs backwards: "10.0.0.5" is before "10.0.0.9"
+wrong.json: rule 2 of eth0: ipList entry 2: "10.0.0.256" is not an IPv4 address
 END
 
 # Warnings leave the exit status alone, unless they are to count.
@@ -141,8 +141,8 @@ step 'as a document' diff -u - <(jq --sort-keys . "$out/answer") <<'END'
       "adapter": "eth0",
       "position": 2,
       "severity": "error",
-      "text": "the range runs backwards: \"10.0.0.5\" is before \"10.0.0.9\"",
-      "where": "rules.eth0[1].ipList"
+      "text": "\"10.0.0.256\" is not an IPv4 address",
+      "where": "rules.eth0[1].ipList[1]"
     }
   ],
   "source": "wrong.json",
@@ -184,6 +184,132 @@ answers 3 check --kernel --json refused.json
 step 'counted' [ "$(jq --compact-output '[.errors, .warnings, .loadedLines]' "$out/answer")" = \
     "[3,1,$((lines + 3))]" ]
 rm /usr/share/xt_geoip/DE.iv4
+
+# --- addresses -------------------------------------------------------------------------------------
+
+# An address that the kernel accepts is no error of the document, and one that it refuses is one.
+# TAKEN FAMILY GROUP LIST; names, which would be looked up, are not among them.
+cat >addresses <<'END'
+yes 0 0 10.0.0.1
+yes 0 0 010.0.0.1
+yes 0 0 10.1
+yes 0 0 10.256
+yes 0 0 0x0a000001
+yes 0 0 +10.0.0.1
+yes 0 0 0.0.0.0
+yes 0 0 255.255.255.255
+yes 0 0 10.0.0.0/8
+yes 0 0 10.0.0.1,10.1.0.0/16
+yes 0 0 ::ffff:1.2.3.4
+no 0 0 10.0.0.256
+no 0 0 10.0.0.1/
+no 0 0 10.0.0.1,
+no 0 0 10..0.1
+no 0 0 10.0.0.1%lo
+no 0 0 1.2.3.4.5
+no 0 0 ::1
+yes 1 0 fe80::1
+yes 1 0 FE80::1
+yes 1 0 0:0:0:0:0:0:0:1
+yes 1 0 2001:0db8::1
+yes 1 0 fe80::1%lo
+yes 1 0 ::ffff:1.2.3.4
+yes 1 0 ::1.2.3.4/96
+yes 1 0 fe80::1,fe81::/64
+yes 1 0 10.0.0.0/0
+no 1 0 2001:00db8::1
+no 1 0 2001:db8:::1
+no 1 0 fe80::1%nowhere
+no 1 0 10.0.0.1
+no 1 0 [::1]
+no 1 0 1:2:3:4:5:6:7:8:9
+yes 2 0 ::ffff:1.2.3.4
+yes 2 0 0.0.0.0/0
+no 2 0 10.0.0.1
+no 2 0 fe80::1
+yes 0 1 10.0.0.0 8
+yes 0 1 10.1.2.3 8
+yes 0 1 10.0.0.0 010
+yes 0 1 10.0.0.0 0x8
+yes 0 1 10.0.0.0 +8
+yes 0 1 10.0.0.0 0
+yes 0 1 10.0.0.0 00
+yes 0 1 0.0.0.0 0
+yes 0 1 10.0.0.0 32
+yes 0 1 10.0.0.0 255.0.0.0
+yes 0 1 10.0.0.0 255.0.255.0
+yes 0 1 10.0.0.0 0.0.0.255
+yes 0 1 10.0.0.0 0.0.0.0
+yes 0 1 10.0.0.0 0377.0xff.0.0
+yes 0 1 any 0
+yes 0 1 any 0.0.0.0
+yes 0 1 10.0.0.1,10.1.0.0 16
+no 0 1 10.0.0.0 33
+no 0 1 10.0.0.0 08
+no 0 1 10.0.0.0 -1
+no 0 1 10.0.0.0 8x
+no 0 1 10.0.0.0 4294967304
+no 0 1 10.0.0.0 255.255
+no 0 1 10.0.0.0 300.0.0.0
+no 0 1 10.0.0.0 ffff::
+no 0 1 10.0.0.0/8 8
+yes 1 1 fe80:: 10
+yes 1 1 fe80::1 10
+yes 1 1 fe80:: 064
+yes 1 1 fe80:: 0x40
+yes 1 1 ::1 0
+yes 1 1 fe80:: 128
+yes 1 1 fe80:: ffff:ffff::
+yes 1 1 fe80:: FFFF::
+yes 1 1 fe80:: ffff:0:ffff::
+yes 1 1 fe80:: ::ffff
+yes 1 1 fe80:: ::
+yes 1 1 fe80:: ffff:ffff:ffff:ffff:ffff:ffff:255.255.0.0
+yes 1 1 10.0.0.0 ::
+no 1 1 fe80:: 129
+no 1 1 fe80:: 08
+no 1 1 fe80:: ffff
+no 1 1 fe80:: 255.0.0.0
+no 1 1 10.0.0.0 0.0.0.0
+no 1 1 10.0.0.0 8
+yes 2 1 10.0.0.0 0
+yes 2 1 :: 0
+no 2 1 10.0.0.0 8
+no 2 1 fe80:: 10
+yes 0 4 10.0.0.1 10.0.0.9
+yes 0 4 10.0.0.1 10.0.0.1
+yes 0 4 10.0.0.9 10.0.0.1
+yes 0 4 10.1 10.2
+yes 0 4 010.0.0.1 10.0.0.9
+no 0 4 10.0.0.1 ::1
+no 0 4 ::1 ::2
+no 0 4 10.0.0.1/8 10.0.0.9
+no 0 4 0x0a000001 20.0.0.0
+no 0 4 10.0.0.1-10.0.0.2 10.0.0.3
+yes 1 4 fe80::1 fe80::9
+yes 1 4 fe80::9 fe80::1
+yes 1 4 ::ffff:1.2.3.4 ::ffff:1.2.3.9
+no 1 4 fe80::1%lo fe80::2%lo
+no 1 4 10.0.0.1 10.0.0.9
+no 1 4 fe80::1 10.0.0.1
+no 2 4 10.0.0.1 10.0.0.9
+no 2 4 fe80::1 fe80::9
+END
+profile addresses "$(rule '')" | jq --rawfile table addresses '.rules.eth0[0] as $rule
+    | .rules.eth0 = [$table | rtrimstr("\n") | split("\n")[] | split(" ")
+        | $rule + {ipType: (.[1] | tonumber), ipGroup: (.[2] | tonumber), ipList: .[3:]}]' \
+    >addresses.json
+answers 3 check --kernel --json addresses.json
+for refused in true false; do
+    step "errors with a refused line: $refused" diff -u addresses <(
+        jq --raw-output --rawfile table addresses --argjson refused "$refused" '
+            ([.findings[] | select(.severity == "error")
+                | select((.text | test("tables refuses ")) == $refused) | .position]) as $wrong
+            | $table | rtrimstr("\n") | split("\n") | to_entries[]
+            | (if .key + 1 | IN($wrong[]) then "no" else "yes" end)
+                + (.value | sub("^[a-z]*"; ""))' "$out/answer"
+    )
+done
 
 # What cannot be translated, and what the library cannot read.
 jq '.rules.eth0[1].policy = 7' home.json >untranslatable.json

@@ -46,6 +46,9 @@ INSTANTIATE_TEST_SUITE_P(
                     NetworkCase{"2001:db8::5", "127", "2001:db8::4-2001:db8::5"},
                     NetworkCase{"2001:db8::5", "128", "2001:db8::5-2001:db8::5"},
                     NetworkCase{"2001:db8::5", "129", "none"},
+                    NetworkCase{"2001:db8::5",
+                                "ffff:ffff::", "2001:db8::-2001:db8:ffff:ffff:ffff:ffff:ffff:ffff"},
+                    NetworkCase{"2001:db8::5", "ffff:0:ffff::", "none"},
                     NetworkCase{"2001:db8::5", "255.0.0.0", "none"}));
 
 TEST(AddressFromTest, TakesWholeAddressesOnly) {
