@@ -4,6 +4,7 @@
 #include <set>
 
 #include "machine/ruleMatch.h"
+#include "rules/portWords.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/ruleText.h"
@@ -234,17 +235,17 @@ Packet packetFrom(const std::string& address, const std::string& port,
     if (!source) {
         throw Error(ErrorKind::kInvalid, inQuotes(address) + " is not an IP address");
     }
-    const std::string protocol = port.substr(0, port.find('/'));
-    const std::optional<PortSpan> ports =
-        portSpanFrom(protocol == port ? "" : port.substr(protocol.size() + 1));
-    if ((protocol != "tcp" && protocol != "udp") || !ports) {
+    const std::optional<ProtocolPorts> read = protocolPortsFrom(port);
+    const std::optional<PortSpan> ports = read ? portEndsWritten(read->ports) : std::nullopt;
+    if (!ports || ports->last < ports->first || read->protocol == FW::FW_PORT_PROTOCOL_TCP_UDP) {
         throw Error(ErrorKind::kInvalid,
                     inQuotes(port) + " is not a port such as tcp/22 or udp/6000-6010");
     }
     Packet packet;
     packet.adapters = adapterNamesOf(interface);
     packet.source = *source;
-    packet.protocol = protocol == "udp" ? FW::FW_PORT_PROTOCOL_UDP : FW::FW_PORT_PROTOCOL_TCP;
+    packet.protocol = read->protocol == FW::FW_PORT_PROTOCOL_UDP ? FW::FW_PORT_PROTOCOL_UDP
+                                                                 : FW::FW_PORT_PROTOCOL_TCP;
     packet.ports = *ports;
     return packet;
 }

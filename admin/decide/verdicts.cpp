@@ -1,11 +1,13 @@
 #include "tarnfwadmin/verdicts.h"
 
 #include <map>
+#include <optional>
 #include <utility>
 
 #include "tarnfirewall/fwTypes.h"
 #include "tarnfirewall/tarnFW.h"
 
+#include "rules/portWords.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/portEntry.h"
 #include "tarnfwadmin/ruleText.h"
@@ -13,16 +15,6 @@
 
 namespace tarnfw {
 namespace {
-
-constexpr struct {
-    const char* word;
-    FW::FW_PORT_PROTOCOL protocol;
-} kProtocols[] = {
-    {"tcp", FW::FW_PORT_PROTOCOL_TCP},
-    {"udp", FW::FW_PORT_PROTOCOL_UDP},
-    {"both", FW::FW_PORT_PROTOCOL_TCP_UDP},
-    {"tcp+udp", FW::FW_PORT_PROTOCOL_TCP_UDP},
-};
 
 /// The library returns interim verdicts of "global" unchanged if the profile does not have the
 /// adapter.
@@ -60,31 +52,26 @@ AdapterAnswer answerFor(const std::string& adapter, const std::string& asked,
 }  // namespace
 
 std::string portQuestionFrom(const std::string& text, FW::PortCompareST& question) {
-    const std::size_t slash = text.find('/');
-    const std::string word = text.substr(0, slash);
-    const std::string port = slash == std::string::npos ? "" : text.substr(slash + 1);
-    std::vector<std::string> words;
-    for (const auto& known : kProtocols) {
-        words.emplace_back(known.word);
-        if (word == known.word) {
-            const std::string wrong = portEntryError(port);
-            if (!wrong.empty()) {
-                return wrong;
-            }
-            question = {FW::FW_PORT_DIRECT_DESTINATION, known.protocol, port};
-            return {};
+    if (const std::optional<ProtocolPorts> read = protocolPortsFrom(text)) {
+        const std::optional<PortSpan> ends = portEndsWritten(read->ports);
+        if (!ends || ends->last < ends->first) {
+            return ends ? portEntryError(portSpanText(*ends)) : notAPort(read->ports);
         }
+        question = {FW::FW_PORT_DIRECT_DESTINATION, read->protocol, portSpanText(*ends)};
+        return {};
     }
-    const std::string meant = nearest(word, words);
+    const std::size_t slash = text.find('/');
+    const std::string port = slash == std::string::npos ? "" : text.substr(slash + 1);
+    const std::string meant = nearest(text.substr(0, slash), portProtocolWords());
     return inQuotes(text) + " is not of the form tcp/22, udp/5000-5010 or both/53" +
            (port.empty() || meant.empty() ? "" : didYouMean(meant + "/" + port));
 }
 
 std::string questionText(const FW::PortCompareST& question) {
-    std::string text = question.portDirect != FW::FW_PORT_DIRECT_DESTINATION ? "source " : "";
-    text += question.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP ? "both"
-                                                              : protocolText(question.protocol);
-    return text.append("/").append(question.port);
+    const bool source = question.portDirect != FW::FW_PORT_DIRECT_DESTINATION;
+    return protocolText(question.protocol)
+        .append(source ? " source port " : " ")
+        .append(question.port);
 }
 
 std::string verdictText(FW::FW_POLICY verdict) {

@@ -4,15 +4,18 @@
 #include <cctype>
 #include <iterator>
 #include <optional>
+#include <sstream>
 #include <utility>
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/split.hpp>
 
 #include "tarnfirewall/fwTypes.h"
 
+#include "rules/portWords.h"
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/portEntry.h"
@@ -28,14 +31,18 @@ constexpr char kEveryPort[] = "0-65535";
 
 constexpr char kWhatWords[] = "service, tcp, udp, tcp/udp, icmp, igmp, any, from or to";
 
-const std::map<std::string, std::int32_t> kProtocols = {
-    {"tcp", FW::FW_PORT_PROTOCOL_TCP},         {"udp", FW::FW_PORT_PROTOCOL_UDP},
-    {"tcp/udp", FW::FW_PORT_PROTOCOL_TCP_UDP}, {"both", FW::FW_PORT_PROTOCOL_TCP_UDP},
-    {"icmp", FW::FW_PORT_PROTOCOL_ICMP},       {"igmp", FW::FW_PORT_PROTOCOL_IGMP},
+/// The protocols without ports.
+const std::map<std::string, std::int32_t> kPortlessProtocols = {
+    {"icmp", FW::FW_PORT_PROTOCOL_ICMP},
+    {"igmp", FW::FW_PORT_PROTOCOL_IGMP},
 };
 
 [[noreturn]] void wrong(const std::string& text, Remedy remedy = Remedy::kNone) {
     throw Error(ErrorKind::kInvalid, text, {}, remedy);
+}
+
+[[noreturn]] void unknown(const std::string& text, Remedy remedy = Remedy::kNone) {
+    throw Error(ErrorKind::kNotFound, text, {}, remedy);
 }
 
 /// "on eth0" among a rule's words is an attempt to give its adapter.
@@ -65,6 +72,13 @@ public:
     }
     const std::string& peek() const { return words_[next_]; }
 
+    /// Takes the next word if it is this one, in any case of letters.
+    bool takeIf(const std::string& word) {
+        const bool isIt = !done() && boost::iequals(peek(), word);
+        next_ += isIt ? 1U : 0U;
+        return isIt;
+    }
+
     /// The next word; without one, an error that `expected` is missing after the last.
     const std::string& take(const std::string& expected) {
         if (done()) {
@@ -81,22 +95,9 @@ private:
 
 // ---- Ports, protocols, services ----
 
-/// "0022-0080" becomes "22-80": iptables takes leading zeros for octal.
-std::string withoutLeadingZeros(const std::string& entry) {
-    std::string text;
-    for (std::size_t i = 0; i < entry.size(); ++i) {
-        const bool leads = text.empty() || text.back() == '-';
-        const bool isLast = i + 1 == entry.size() || entry[i + 1] == '-';
-        if (entry[i] != '0' || !leads || isLast) {
-            text += entry[i];
-        }
-    }
-    return text;
-}
-
 /// A port or a range as rules have it.
 std::string portEntry(const std::string& entry, const RuleVocabulary& vocabulary) {
-    const std::optional<PortSpan> span = portEndsFrom(withoutLeadingZeros(entry));
+    const std::optional<PortSpan> span = portEndsWritten(entry);
     if (!span) {
         wrong(notAPort(entry) +
               (vocabulary.services.count(entry) > 0 ? didYouMean("service " + entry) : ""));
@@ -107,14 +108,27 @@ std::string portEntry(const std::string& entry, const RuleVocabulary& vocabulary
     return portSpanText(*span);
 }
 
+void readPorts(const std::string& list, const RuleVocabulary& vocabulary, FW::FWRULE& rule) {
+    for (const std::string& entry : entriesOf(list, "a port")) {
+        rule.portList.push_back(portEntry(entry, vocabulary));
+    }
+}
+
+/// The ports after a protocol: "22", "port 22", "source port 123"; none is every port.
 void takePorts(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) {
-    if (words.done() || words.isSide()) {
+    const bool source = words.takeIf("source");
+    const bool named = words.takeIf("port") || words.takeIf("ports");
+    if (source && !named) {
+        wrong("expected port after \"source\"");
+    }
+    if (!named && (words.done() || words.isSide())) {
         rule.portList = {kEveryPort};
         return;
     }
-    for (const std::string& entry : entriesOf(words.take("ports"), "a port")) {
-        rule.portList.push_back(portEntry(entry, vocabulary));
+    if (source) {
+        rule.portDirect = FW::FW_PORT_DIRECT_SOURCE;
     }
+    readPorts(words.take("ports"), vocabulary, rule);
 }
 
 /// The protocol that the services need, as the library computes it in an update: those that
@@ -145,8 +159,8 @@ void takeServices(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& ru
     }
     for (const std::string& name : entriesOf(word, "a service")) {
         if (vocabulary.services.count(name) == 0) {
-            wrong(inQuotes(name) + " is not a service that the firewall knows" +
-                  didYouMean(nearest(name, known)));
+            unknown("there is no service " + inQuotes(name) + didYouMean(nearest(name, known)),
+                    Remedy::kListServices);
         }
         if (std::find(rule.portList.begin(), rule.portList.end(), name) == rule.portList.end()) {
             rule.portList.push_back(name);
@@ -160,17 +174,11 @@ std::string whatWasMeant(const std::string& word, const RuleVocabulary& vocabula
     if (vocabulary.services.count(word) > 0) {
         return "service " + word;
     }
-    const std::size_t slash = word.find('/');
-    if (slash != std::string::npos && kProtocols.count(word.substr(slash + 1)) > 0) {
-        return word.substr(slash + 1) + " " + word.substr(0, slash);  // "22/tcp"
-    }
-    if (portFrom(withoutLeadingZeros(word.substr(0, word.find_first_of(",-"))))) {
+    if (portEndsWritten(word.substr(0, word.find(',')))) {
         return "tcp " + word;
     }
-    Texts known = {"service", "any", "from", "to"};
-    for (const auto& [name, protocol] : kProtocols) {
-        known.push_back(name);
-    }
+    Texts known = portProtocolWords();
+    known.insert(known.end(), {"icmp", "igmp", "service", "any", "from", "to"});
     return nearest(word, known);
 }
 
@@ -188,16 +196,19 @@ void takeWhat(Words& words, const RuleVocabulary& vocabulary, FW::FWRULE& rule) 
         takeServices(words, vocabulary, rule);
         return;
     }
-    const auto protocol = kProtocols.find(word);
-    if (protocol == kProtocols.end()) {
+    rule.portGroup = FW::FW_PORT_GROUP_PORTS;
+    if (const auto portless = kPortlessProtocols.find(word); portless != kPortlessProtocols.end()) {
+        rule.protocol = portless->second;
+    } else if (const auto protocol = portProtocolFrom(word)) {
+        rule.protocol = *protocol;
+        takePorts(words, vocabulary, rule);
+    } else if (const auto both = protocolPortsFrom(word)) {
+        rule.protocol = both->protocol;
+        readPorts(both->ports, vocabulary, rule);
+    } else {
         wrong("unexpected " + inQuotes(typed) + ": expected " + kWhatWords +
                   didYouMean(whatWasMeant(word, vocabulary)),
               remedyFor(word));
-    }
-    rule.portGroup = FW::FW_PORT_GROUP_PORTS;
-    rule.protocol = protocol->second;
-    if (rule.protocol <= FW::FW_PORT_PROTOCOL_TCP_UDP) {
-        takePorts(words, vocabulary, rule);
     }
 }
 
@@ -265,9 +276,9 @@ void useCountries(const std::string& word, const RuleOptions& options,
     for (const std::string& entry : entriesOf(word, "a country")) {
         const std::string code = boost::to_upper_copy(entry);
         if (std::find(known.begin(), known.end(), code) == known.end()) {
-            wrong(inQuotes(entry) + " is not a country with " + family +
-                  "data (two letters, such as " + known.front() + ")" +
-                  didYouMean(nearestCode(code, known)));
+            unknown(inQuotes(entry) + " is not a country with " + family +
+                    "data (two letters, such as " + known.front() + ")" +
+                    didYouMean(nearestCode(code, known)));
         }
         if (std::find(rule.ipList.begin(), rule.ipList.end(), code) == rule.ipList.end()) {
             rule.ipList.push_back(code);
@@ -338,12 +349,12 @@ FW::FW_POLICY takePolicy(Words& words) {
     return word == "allow" ? FW::FW_POLICY_ALLOW : FW::FW_POLICY_DENY;
 }
 
-}  // namespace
-
-FW::FWRULE ruleFrom(const std::vector<std::string>& words, const RuleOptions& options,
-                    const RuleVocabulary& vocabulary) {
+FW::FWRULE ruleFromPlain(const Texts& words, const RuleOptions& options,
+                         const RuleVocabulary& vocabulary) {
     FW::FWRULE rule;
     Words remaining(words);
+    rule.portDirect =
+        options.sourcePort ? FW::FW_PORT_DIRECT_SOURCE : FW::FW_PORT_DIRECT_DESTINATION;
     rule.policy = takePolicy(remaining);
     takeWhat(remaining, vocabulary, rule);
     takeSide(remaining, options, vocabulary, rule);
@@ -351,14 +362,98 @@ FW::FWRULE ruleFrom(const std::vector<std::string>& words, const RuleOptions& op
         (rule.portGroup != FW::FW_PORT_GROUP_PORTS || rule.portList.empty())) {
         wrong("a source port needs tcp or udp and ports, such as \"udp 123\"");
     }
-    rule.portDirect =
-        options.sourcePort ? FW::FW_PORT_DIRECT_SOURCE : FW::FW_PORT_DIRECT_DESTINATION;
     rule.adapterDirect = options.out ? FW::FW_ADAPTER_DIRECT_OUT : FW::FW_ADAPTER_DIRECT_IN;
     rule.blLog = options.log;
     rule.enable = !options.disabled;
     rule.name = options.name;
     rule.labelList = options.labels;
     return rule;
+}
+
+// ---- The words as ruleText() prints them --------------------------------------------------------
+
+/// The parts of the words that options say as well; `words` keeps the others.
+class Printed {
+public:
+    Printed(const Texts& words, const RuleOptions& options) : options_(options) {
+        for (auto word = words.begin(); word != words.end(); ++word) {
+            const std::size_t quote = word->find('"');
+            if (quote != std::string::npos &&
+                takeName(boost::join(Texts(word, words.end()), " ").substr(quote))) {
+                add(word->substr(0, quote));
+                break;
+            }
+            // An empty word stays: it is what a script makes of a variable that is not set.
+            word->empty() ? words_.push_back("") : add(*word);
+        }
+        if (!words_.empty() && words_.front() == "[off]") {
+            options_.disabled = true;
+            words_.erase(words_.begin());
+        }
+        if (takeLast("(ipv4)")) {
+            narrow(options_.v4, options_.v6);
+        } else if (takeLast("(ipv6)")) {
+            narrow(options_.v6, options_.v4);
+        }
+        const bool logged = takeLast("logged");
+        const bool outgoing = takeLast("outgoing");
+        options_.log = options_.log || logged;
+        options_.out = options_.out || outgoing;
+    }
+
+    const RuleOptions& options() const { return options_; }
+    const Texts& words() const { return words_; }
+
+private:
+    void add(const std::string& words) {
+        std::istringstream stream(words);
+        for (std::string word; stream >> word;) {
+            words_.push_back(word);
+        }
+    }
+
+    /// Takes a name in quotes.
+    bool takeName(const std::string& text) {
+        if (text.size() < 2 || text.back() != '"') {
+            return false;
+        }
+        const std::string name = text.substr(1, text.size() - 2);
+        if (!options_.name.empty() && options_.name != name) {
+            wrong("the rule has two names: " + inQuotes(name) + " and " + inQuotes(options_.name));
+        }
+        options_.name = name;
+        return true;
+    }
+
+    /// Takes the last word if it is this one, and a comma before it.
+    bool takeLast(const std::string& word) {
+        if (words_.empty() || !boost::iequals(words_.back(), word)) {
+            return false;
+        }
+        words_.pop_back();
+        if (!words_.empty() && words_.back().size() > 1 && words_.back().back() == ',') {
+            words_.back().pop_back();
+        }
+        return true;
+    }
+
+    static void narrow(bool& wanted, bool other) {
+        if (other) {
+            wrong("the rule's words and options say different address families");
+        }
+        wanted = true;
+    }
+
+    RuleOptions options_;
+    Texts words_;
+};
+
+}  // namespace
+
+FW::FWRULE ruleFrom(const std::vector<std::string>& words, const RuleOptions& options,
+                    const RuleVocabulary& vocabulary) {
+    const Printed printed(words, options);
+    return ruleFromPlain(printed.words(), printed.options(), vocabulary);
 }
 
 }  // namespace tarnfw

@@ -1,11 +1,15 @@
 /// Rules from words: "deny tcp 22,6000-6010 from 192.168.1.0/24".
 ///
 ///     allow|deny [WHAT] [from|to ADDRESS]
-///     WHAT     service NAME[,NAME...]; tcp, udp or tcp/udp ("both" is the same), alone or with
-///              PORT[,PORT...]; icmp; igmp; any, the default
+///     WHAT     service NAME[,NAME...]; tcp, udp or tcp/udp, alone or with PORT[,PORT...]; icmp;
+///              igmp; any, the default
 ///     PORT     22 or 6000-6010
 ///     ADDRESS  one address; a network, ADDRESS/LENGTH or ADDRESS/MASK; FIRST-LAST;
 ///              country CC[,CC...]; anywhere, the default
+///
+/// Other spellings are read as well: "tcp/22" and "22/tcp", "both 53", "tcp,udp 53", "6000:6010";
+/// and all that ruleText() prints of a rule that this made: "[off] deny udp source port 123 from
+/// anywhere, outgoing, logged (IPv6)  "a name"".
 #pragma once
 
 #include <cstdint>
@@ -43,9 +47,10 @@ struct RuleOptions {
 /// The rule that `words` and `options` describe. It is for both address families unless an address
 /// or an option says otherwise. A network is stored by its first address, an IPv4 mask with dots;
 /// countries in capital letters; tcp or udp without ports as "0-65535".
-/// Throws Error: kInvalid, with one line that names the word, what was expected in its place and
-/// the nearest right one; kSystem for a service when `vocabulary` has none at all; kNotFound for a
-/// country when it has none for the family.
+/// Words may be given in any number of texts. Throws Error: kInvalid, with one line that names the
+/// word, what was expected in its place and the nearest right one; kNotFound for a service or
+/// country that `vocabulary` does not have, with the nearest; kSystem for a service when it has
+/// none at all.
 FW::FWRULE ruleFrom(const std::vector<std::string>& words, const RuleOptions& options,
                     const RuleVocabulary& vocabulary);
 

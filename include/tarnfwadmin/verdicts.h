@@ -9,11 +9,13 @@
 
 namespace TARNFW_EXPORT_ALL tarnfw {
 
-/// Reads "tcp/22", "udp/5000-5010" or "both/53" ("tcp+udp/53") into a question about destination
-/// ports. Returns why the text is not valid, and then leaves `question` alone; else an empty text.
+/// Reads "tcp/22", "udp/5000-5010" or "both/53" into a question about destination ports; also "tcp
+/// 22", "22/tcp", "tcp/udp 53", "5000:5010/udp". Returns why the text is not valid, and then leaves
+/// `question` alone; else an empty text.
 std::string portQuestionFrom(const std::string& text, FW::PortCompareST& question);
 
-/// "tcp/22", "both/53"; for source ports "source tcp/22". Not made printable.
+/// "tcp 22", "tcp/udp 53"; for source ports "tcp source port 22": as portText() has them. Not made
+/// printable.
 std::string questionText(const FW::PortCompareST& question);
 
 /// "allowed", "blocked", "undecided", "mixed"; in steps also "allowed for some addresses", "blocked

@@ -18,7 +18,7 @@ answers 0 explain --service ssh --from 192.168.1.20
 prints <<<'Firewall disabled: nothing is blocked'
 answers 0 blocked --service ssh --json
 prints_json <<'END'
-{"enabled": false, "profile": "default", "service": "ssh", "ports": ["tcp/22"], "adapters": [],
+{"enabled": false, "profile": "default", "service": "ssh", "ports": ["tcp 22"], "adapters": [],
  "allowed": true, "holds": true, "complaints": [], "redirects": []}
 END
 answers 5 blocked --port tcp/22 --adapter eht0
@@ -33,7 +33,7 @@ keep_listing enabled
 answers 10 blocked --port tcp/22
 silent
 prints <<'END'
-Profile "deny_by_default", tcp/22
+Profile "deny_by_default", tcp 22
 Adapter  Verdict
 global   undecided  left to the adapters
 eth0     mixed      allowed from some addresses, blocked from others
@@ -41,14 +41,14 @@ eth1     allowed    absent
 END
 answers 10 blocked --port tcp/22 --json
 prints_json <<'END'
-{"enabled": true, "profile": "deny_by_default", "ports": ["tcp/22"], "allowed": false,
+{"enabled": true, "profile": "deny_by_default", "ports": ["tcp 22"], "allowed": false,
  "holds": true, "complaints": [], "redirects": [],
  "adapters": [{"name": "global", "verdict": "undecided", "acceptedBefore": [], "droppedBy": []}, {"name": "eth0", "verdict": "mixed", "acceptedBefore": [], "droppedBy": []},
               {"name": "eth1", "verdict": "allowed", "acceptedBefore": [], "droppedBy": []}]}
 END
 answers 0 blocked --service https --adapter eth0
 prints <<'END'
-Profile "deny_by_default", service https (tcp/443)
+Profile "deny_by_default", service https (tcp 443)
 Adapter  Verdict
 global   undecided  left to the adapters
 eth0     allowed
@@ -56,7 +56,11 @@ END
 answers 10 blocked --port tcp/443-444 --adapter eth0
 says '^eth0  *blocked$'
 answers 10 blocked --port tcp+udp/443 --adapter eth0
-says '^Profile "deny_by_default", both/443$'
+says '^Profile "deny_by_default", tcp/udp 443$'
+for port in both/443 443/both 'tcp/udp 443' TCP,UDP/443; do
+    answers 10 blocked --port "$port" --adapter eth0
+    says '^Profile "deny_by_default", tcp/udp 443$'
+done
 says '^eth0  *blocked$'
 # The machine has it, the profile knows nothing of it.
 ip tuntap add eth9 mode tun
@@ -67,7 +71,7 @@ ip tuntap del eth9 mode tun
 answers 10 explain --port tcp/22
 silent
 prints <<'END'
-Profile "deny_by_default", tcp/22
+Profile "deny_by_default", tcp 22
 
 global: undecided
   no default policy  undecided
@@ -82,14 +86,14 @@ eth1: allowed
 END
 answers 0 explain --service https --adapter eth0 --json
 prints_json <<'END'
-{"enabled": true, "profile": "deny_by_default", "service": "https", "ports": ["tcp/443"],
+{"enabled": true, "profile": "deny_by_default", "service": "https", "ports": ["tcp 443"],
  "allowed": true, "holds": true, "complaints": [], "redirects": [],
  "adapters": [
    {"name": "global", "verdict": "undecided", "acceptedBefore": [], "droppedBy": [],
-    "ports": [{"port": "tcp/443", "verdict": "undecided",
+    "ports": [{"port": "tcp 443", "verdict": "undecided",
                "steps": [{"kind": "global", "before": "allowed", "after": "undecided"}]}]},
    {"name": "eth0", "verdict": "allowed", "acceptedBefore": [], "droppedBy": [],
-    "ports": [{"port": "tcp/443", "verdict": "allowed",
+    "ports": [{"port": "tcp 443", "verdict": "allowed",
                "steps": [{"kind": "default", "before": "allowed", "after": "blocked"},
                          {"kind": "rule", "list": "eth0", "position": 1, "last": true,
                           "rule": "allow service http,https from anywhere  \"Web\"",
@@ -101,7 +105,7 @@ use_profile global_rules_first
 answers 0 enable
 answers 10 explain --port tcp/8080 --adapter eth0
 prints <<'END'
-Profile "global_rules_first", tcp/8080
+Profile "global_rules_first", tcp 8080
 
 global: blocked
   no default policy                                         undecided
@@ -112,8 +116,8 @@ eth0: blocked
   decided by global     blocked
 END
 answers 10 explain --service smb --adapter eth0
-says '^  tcp/139  *blocked$'
-says '^  tcp/445  *blocked$'
+says '^  tcp 139  *blocked$'
+says '^  tcp 445  *blocked$'
 answers 10 blocked --port tcp/8080
 says '^global  *blocked  *for every adapter$'
 
@@ -229,41 +233,41 @@ answers 11 explain --port tcp/7001-7010 --adapter eth0 --from 192.168.1.20
 silent
 prints <<END
 The kernel does not do this: $kDiffers
-Profile "mixture", tcp/7001-7010
+Profile "mixture", tcp 7001-7010
 Adapter  Port           Verdict  Decided by
-eth0     tcp/7001-7002  allowed  rule 2 of global: allow tcp 7001-7002 from anywhere, outgoing
-eth0     tcp/7003       blocked  the default policy of eth0: deny
-eth0     tcp/7004       allowed  rule 3 of eth0: allow tcp/udp 7004,7006-7008 from 192.168.1.15-192.168.1.25 (IPv4)
-eth0     tcp/7005       blocked  rule 4 of eth0: deny tcp 7005-7009 from 192.0.1.20/255.0.255.255 (IPv4)
-eth0     tcp/7006-7008  allowed  rule 3 of eth0: allow tcp/udp 7004,7006-7008 from 192.168.1.15-192.168.1.25 (IPv4)
-eth0     tcp/7009       blocked  rule 4 of eth0: deny tcp 7005-7009 from 192.0.1.20/255.0.255.255 (IPv4)
-eth0     tcp/7010       blocked  the default policy of eth0: deny; unless this matches: rule 6 of eth0: allow tcp 7010 to 192.168.1.11 (IPv4)
+eth0     tcp 7001-7002  allowed  rule 2 of global: allow tcp 7001-7002 from anywhere, outgoing
+eth0     tcp 7003       blocked  the default policy of eth0: deny
+eth0     tcp 7004       allowed  rule 3 of eth0: allow tcp/udp 7004,7006-7008 from 192.168.1.15-192.168.1.25 (IPv4)
+eth0     tcp 7005       blocked  rule 4 of eth0: deny tcp 7005-7009 from 192.0.1.20/255.0.255.255 (IPv4)
+eth0     tcp 7006-7008  allowed  rule 3 of eth0: allow tcp/udp 7004,7006-7008 from 192.168.1.15-192.168.1.25 (IPv4)
+eth0     tcp 7009       blocked  rule 4 of eth0: deny tcp 7005-7009 from 192.0.1.20/255.0.255.255 (IPv4)
+eth0     tcp 7010       blocked  the default policy of eth0: deny; unless this matches: rule 6 of eth0: allow tcp 7010 to 192.168.1.11 (IPv4)
 END
 answers 11 explain --port both/7010 --from 192.168.1.20 --json
 prints_json <<END
-{"enabled": true, "profile": "mixture", "ports": ["both/7010"], "from": "192.168.1.20",
+{"enabled": true, "profile": "mixture", "ports": ["tcp/udp 7010"], "from": "192.168.1.20",
  "allowed": false, "holds": false, "complaints": [$(jq -Rn --arg text "$kDiffers" '$text')], "redirects": [],
  "adapters": [
    {"name": "eth0", "acceptedBefore": [], "droppedBy": [],
     "decisions": [
-      {"port": "tcp/7010", "by": "defaultPolicy", "list": "eth0", "allowed": false,
+      {"port": "tcp 7010", "by": "defaultPolicy", "list": "eth0", "allowed": false,
        "unless": [{"list": "eth0", "position": 6,
                    "rule": "allow tcp 7010 to 192.168.1.11 (IPv4)"}]},
-      {"port": "udp/7010", "by": "defaultPolicy", "list": "eth0", "allowed": false,
+      {"port": "udp 7010", "by": "defaultPolicy", "list": "eth0", "allowed": false,
        "unless": []}]}]}
 END
 answers 11 explain --port tcp/7010 --from 192.168.1.20 --to 192.168.1.11 --json
 prints_json <<END
-{"enabled": true, "profile": "mixture", "ports": ["tcp/7010"], "from": "192.168.1.20",
+{"enabled": true, "profile": "mixture", "ports": ["tcp 7010"], "from": "192.168.1.20",
  "to": "192.168.1.11", "allowed": true, "holds": false, "complaints": [$(jq -Rn --arg text "$kDiffers" '$text')], "redirects": [],
  "adapters": [
    {"name": "eth0", "acceptedBefore": [], "droppedBy": [],
     "decisions": [
-      {"port": "tcp/7010", "by": "rule", "list": "eth0", "position": 6, "allowed": true,
+      {"port": "tcp 7010", "by": "rule", "list": "eth0", "position": 6, "allowed": true,
        "rule": "allow tcp 7010 to 192.168.1.11 (IPv4)", "unless": []}]}]}
 END
 answers 11 explain --service ssh --from fd00::21 --adapter eth0
-says '^eth0  *tcp/22  *allowed  *rule 7 of eth0: allow service ssh from anywhere$'
+says '^eth0  *tcp 22  *allowed  *rule 7 of eth0: allow service ssh from anywhere$'
 
 # --- nothing of all this changes anything ----------------------------------------------------------
 

@@ -59,6 +59,11 @@ prints <<<'2001:db8::-2001:db8::ffff'
 answers 0 geoip show FR --v6
 silent
 step 'which it has none of' [ ! -s "$out/answer" ]
+for family in v6 6 ipv6; do
+    answers 0 geoip show DE --family "$family"
+    prints <<<'2001:db8::-2001:db8::ffff'
+done
+answers 2 geoip show DE --family 5
 answers 0 geoip show DE --json
 step 'as a document' diff -u - <(jq --compact-output --sort-keys . "$out/answer") <<'END_OF_RANGES'
 {"country":"DE","ranges":[{"family":"v4","first":"10.0.0.0","last":"10.0.0.255"},{"family":"v4","first":"10.0.2.7","last":"10.0.2.7"},{"family":"v6","first":"2001:db8::","last":"2001:db8::ffff"}]}

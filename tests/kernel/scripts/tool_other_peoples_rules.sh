@@ -47,7 +47,7 @@ IPv4, chain INPUT
 DIFF
 answers 11 blocked --port tcp/22 --adapter eth0
 prints <<'END'
-Profile "deny_by_default", tcp/22
+Profile "deny_by_default", tcp 22
 Adapter  Verdict
 global   undecided  left to the adapters
 eth0     mixed      allowed from some addresses, blocked from others; but accepted before it by: -A INPUT -j ACCEPT (IPv4)
@@ -128,18 +128,18 @@ says '^Redirects: *IPv4 -A DOCKER ! -i docker0 -p tcp -m tcp --dport 8080 -j DNA
 answers 0 status --json
 step 'as a document' [ "$(jq -c '.kernel.v4.redirects | length' "$out/answer")" = 1 ]
 answers 0 diff
-readonly kHanded='tcp/8080 is handed to 172.17.0.2:23 (IPv4: -A PREROUTING -m addrtype --dst-type LOCAL -j DOCKER, -A DOCKER ! -i docker0 -p tcp -m tcp --dport 8080 -j DNAT --to-destination 172.17.0.2:23); the rules of FORWARD_FIREWALL see port 23'
+readonly kHanded='tcp 8080 is handed to 172.17.0.2:23 (IPv4: -A PREROUTING -m addrtype --dst-type LOCAL -j DOCKER, -A DOCKER ! -i docker0 -p tcp -m tcp --dport 8080 -j DNAT --to-destination 172.17.0.2:23); the rules of FORWARD_FIREWALL see port 23'
 answers 11 blocked --port tcp/8080 --adapter eth0
 says "^$kHanded: eth0 blocked\$"
 answers 11 explain --port tcp/8080 --adapter eth0 --from 192.168.1.21
 says "^$kHanded: eth0 blocked (the default policy of eth0: deny)\$"
 answers 11 blocked --port tcp/8080 --adapter eth0 --json
 step 'as a document' [ "$(jq -c '.redirects | map([.port, .target, .chain, .seenPort, .certain])' \
-    "$out/answer")" = '[["tcp/8080","172.17.0.2:23","FORWARD_FIREWALL","tcp/23",true]]' ]
+    "$out/answer")" = '[["tcp 8080","172.17.0.2:23","FORWARD_FIREWALL","tcp 23",true]]' ]
 step 'with the verdict' [ "$(jq -c '.redirects[0].verdicts' "$out/answer")" = \
     '[{"adapter":"eth0","verdict":"blocked"}]' ]
 answers 11 blocked --port tcp/8000-8100 --adapter eth0
-says '^tcp/8080 may be handed to 172.17.0.2:23 '
+says '^tcp 8080 may be handed to 172.17.0.2:23 '
 answers 10 blocked --port tcp/8081 --adapter eth0
 answers 0 rule add allow tcp 8080 --adapter eth0 --profile deny_by_default --reload
 step 'allowing the published port does not open it' \
@@ -174,7 +174,7 @@ iptables -t nat -F DOCKER
 iptables -t nat -I PREROUTING -i eth0 -p tcp --dport 81 -j REDIRECT --to-ports 80
 step 'the profile sees the other port' check_packets <<<'tcp4 192.168.1.10 81 open 192.168.1.21'
 answers 11 blocked --port tcp/81 --adapter eth0
-says '^tcp/81 is handed to port 80 (IPv4: .*); the rules of INPUT_FIREWALL see port 80: eth0 allowed$'
+says '^tcp 81 is handed to port 80 (IPv4: .*); the rules of INPUT_FIREWALL see port 80: eth0 allowed$'
 iptables -t nat -F PREROUTING
 iptables -D FORWARD -o docker0 -j DOCKER
 answers 0 reload
@@ -211,18 +211,18 @@ answers 0 status
 says "^Redirects: *IPv4 iptables-$other -t nat -A PREROUTING -p tcp -m tcp --dport 8080 -j REDIRECT --to-ports 22\$"
 says "^Redirects: *IPv6 ip6tables-$other -t nat -A PREROUTING -p tcp -m tcp --dport 8081 -j REDIRECT --to-ports 80\$"
 answers 11 blocked --port tcp/8080 --adapter eth0
-says "^tcp/8080 is handed to port 22 (IPv4: iptables-$other -t nat -A PREROUTING .*); the rules of INPUT_FIREWALL see port 22: eth0 mixed\$"
+says "^tcp 8080 is handed to port 22 (IPv4: iptables-$other -t nat -A PREROUTING .*); the rules of INPUT_FIREWALL see port 22: eth0 mixed\$"
 answers 11 explain --port tcp/8080 --adapter eth0 --from 192.168.1.20
 says 'see port 22: eth0 allowed (rule 2 of eth0: '
 answers 11 explain --port tcp/8081 --adapter eth0 --from fd00::20
-says "^tcp/8081 is handed to port 80 (IPv6: ip6tables-$other -t nat .*); the rules of INPUT_FIREWALL see port 80: eth0 allowed "
+says "^tcp 8081 is handed to port 80 (IPv6: ip6tables-$other -t nat .*); the rules of INPUT_FIREWALL see port 80: eth0 allowed "
 "iptables-$other" -t nat -F
 "ip6tables-$other" -t nat -F
 as_stored
 
 # --- what drops ------------------------------------------------------------------------------------
 
-# dropped RULE: packets to tcp/80, which the profile allows, are dropped, and the answers name the rule.
+# dropped RULE: packets to tcp 80, which the profile allows, are dropped, and the answers name the rule.
 dropped() {
     step 'the port is closed' check_packets <<<'tcp4 192.168.1.10 80 blocked 192.168.1.21'
     answers 10 blocked --port tcp/80 --adapter eth0
@@ -230,7 +230,7 @@ dropped() {
     answers 10 explain --port tcp/80 --adapter eth0
     says "^  but dropped by: $1 (IPv4)\$"
     answers 10 explain --port tcp/80 --adapter eth0 --from 192.168.1.21
-    says "^eth0  *tcp/80  *allowed  *rule .*; but dropped by: $1 (IPv4)\$"
+    says "^eth0  *tcp 80  *allowed  *rule .*; but dropped by: $1 (IPv4)\$"
     answers 0 explain --port tcp/80 --adapter eth0 --from fd00::20
     answers 0 blocked --port tcp/443 --adapter eth0
 }
@@ -331,7 +331,7 @@ says '^Redirects: *IPv4 table inet others chain pre: tcp dport 8443 redirect to 
 says '^Redirects: *IPv6 table inet others chain pre: tcp dport 8443 redirect to :23$'
 step 'no other table is listed' [ "$(cat /tmp/nft_runs)" = '-t -n list table inet others' ]
 answers 11 blocked --port tcp/8443 --adapter eth0
-says '^tcp/8443 is handed to port 23 (IPv4: table inet others chain pre: tcp dport 8443 redirect to :23); the rules of INPUT_FIREWALL see port 23: eth0 blocked$'
+says '^tcp 8443 is handed to port 23 (IPv4: table inet others chain pre: tcp dport 8443 redirect to :23); the rules of INPUT_FIREWALL see port 23: eth0 blocked$'
 answers 11 explain --port tcp/8443 --adapter eth0 --from fd00::20
 says 'see port 23: eth0 blocked (the default policy of eth0: deny)$'
 "$checkout/tests/kernel/nft_chain.py" ip early in filter input -5 drop 80 drop

@@ -21,8 +21,11 @@ answers 0 preview --format lines deny_by_default
 prints <"$out/lines"
 answers 0 preview --family v4
 prints < <(sed '/^# IPv6$/,$d' "$out/lines")
-answers 0 preview --family v6
-prints < <(sed -n '/^# IPv6$/,$p' "$out/lines")
+for family in '--family v6' '--family 6' '--family ipv6' --v6; do
+    read -r -a words <<<"$family"
+    answers 0 preview "${words[@]}"
+    prints < <(sed -n '/^# IPv6$/,$p' "$out/lines")
+done
 
 # --- JSON ------------------------------------------------------------------------------------------
 

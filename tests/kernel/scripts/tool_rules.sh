@@ -59,7 +59,7 @@ rule add deny from country cn,RU --name abroad --label one --label 'two words'
 prints <<<'Rule 2 of eth0: deny everything from country CN,RU  "abroad"'
 rule add allow service smb from 10.0.0.5-10.0.0.9
 prints <<<'Rule 3 of eth0: allow service smb from 10.0.0.5-10.0.0.9 (IPv4)'
-rule add --disabled --out --source-port --v6 deny udp 123
+rule add --disabled --out --source-port --family v6 deny udp 123
 prints <<<'Rule 4 of eth0: [off] deny udp source port 123 from anywhere, outgoing (IPv6)'
 answers 0 rule add allow icmp to 2001:db8::/64 --adapter global
 prints <<<'Rule 1 of global: allow icmp to 2001:db8::/64 (IPv6)'
@@ -121,12 +121,12 @@ END
 # --- wrong words -----------------------------------------------------------------------------------
 
 refused 2 '^tarnfw: unexpected "22": expected .* did you mean "tcp 22"?$' rule add --adapter eth0 allow 22
-refused 2 '^tarnfw: "smbd" is not a service .* did you mean "smb"?$' \
+refused 5 '^tarnfw: there is no service "smbd"; did you mean "smb"? ("tarnfw services" lists them)$' \
     rule add --adapter eth0 allow service smbd
 refused 2 '^tarnfw: unexpected "on": .* did you mean "--adapter"?$' rule add --adapter eth0 allow on eth0
 refused 2 '^tarnfw: "99999" is not a port (0-65535)' rule add --adapter eth0 allow tcp 99999
-refused 2 '^tarnfw: "XX" is not a country with data' rule add --adapter eth0 deny from country XX
-refused 2 '^tarnfw: "CN" is not a country with IPv6 data (two letters, such as DE)$' \
+refused 5 '^tarnfw: "XX" is not a country with data' rule add --adapter eth0 deny from country XX
+refused 5 '^tarnfw: "CN" is not a country with IPv6 data (two letters, such as DE)$' \
     rule add --adapter eth0 deny from country CN --v6
 refused 2 '^tarnfw: "10.0.0.1" is an IPv4 address, but the rule is for IPv6 only$' \
     rule add --adapter eth0 deny from 10.0.0.1 --v6

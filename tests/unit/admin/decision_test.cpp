@@ -628,6 +628,7 @@ TEST(PacketFromTest, ReadsAddressPortAndInterface) {
     EXPECT_EQ(packet.ports.first, 6000);
     EXPECT_EQ(packet.ports.last, 6010);
     EXPECT_EQ(tarnfw::packetFrom("10.0.0.5", "tcp/22", "eth0").protocol, kTcp);
+    EXPECT_EQ(tarnfw::packetFrom("10.0.0.5", "53/udp", "eth0").protocol, kUdp);
 }
 
 TEST(PacketFromTest, OtherTextsAreInvalid) {
@@ -641,7 +642,8 @@ TEST(PacketFromTest, OtherTextsAreInvalid) {
     };
     EXPECT_STREQ(kindOf("10.0.0.5", "tcp/22"), "valid");
     EXPECT_STREQ(kindOf("10.0.0", "tcp/22"), "invalid");
-    for (const char* const port : {"", "22", "tcp", "tcp/", "icmp/22", "tcp/65536", "tcp/23-22"}) {
+    for (const char* const port :
+         {"", "22", "tcp", "tcp/", "icmp/22", "tcp/65536", "tcp/23-22", "both/22"}) {
         EXPECT_STREQ(kindOf("10.0.0.5", port), "invalid") << port;
     }
 }

@@ -23,12 +23,19 @@ void PrintTo(const QuestionCase& c, std::ostream* out) {
 }
 
 const QuestionCase kQuestions[] = {
-    {"Tcp", "tcp/22", 1, "22", "tcp/22"},
-    {"Udp", "udp/53", 2, "53", "udp/53"},
-    {"Range", "udp/5000-5010", 2, "5000-5010", "udp/5000-5010"},
-    {"Both", "both/53", 3, "53", "both/53"},
-    {"BothByName", "tcp+udp/53", 3, "53", "both/53"},
-    {"Ends", "tcp/0-65535", 1, "0-65535", "tcp/0-65535"},
+    {"Tcp", "tcp/22", 1, "22", "tcp 22"},
+    {"Udp", "udp/53", 2, "53", "udp 53"},
+    {"Range", "udp/5000-5010", 2, "5000-5010", "udp 5000-5010"},
+    {"RangeWithColon", "udp/5000:5010", 2, "5000-5010", "udp 5000-5010"},
+    {"Both", "both/53", 3, "53", "tcp/udp 53"},
+    {"BothByName", "tcp+udp/53", 3, "53", "tcp/udp 53"},
+    {"BothByNames", "tcp/udp/53", 3, "53", "tcp/udp 53"},
+    {"Blank", "tcp 22", 1, "22", "tcp 22"},
+    {"BothWithBlank", "tcp/udp 53", 3, "53", "tcp/udp 53"},
+    {"PortFirst", "22/tcp", 1, "22", "tcp 22"},
+    {"CapitalLetters", "TCP/22", 1, "22", "tcp 22"},
+    {"LeadingZeros", "tcp/022", 1, "22", "tcp 22"},
+    {"Ends", "tcp/0-65535", 1, "0-65535", "tcp 0-65535"},
 };
 
 class QuestionTest : public ::testing::TestWithParam<QuestionCase> {};
@@ -47,8 +54,9 @@ INSTANTIATE_TEST_SUITE_P(, QuestionTest, ValuesIn(kQuestions),
                          [](const auto& c) { return std::string(c.param.name); });
 
 TEST(QuestionTextTest, WhatIsNoneIsRefused) {
-    for (const std::string text : {"", "22", "tcp", "tcp/", "/22", "TCP/22", "icmp/0", "tcp/udp/53",
-                                   "tcp/x", "tcp/65536", "tcp/20-10", "tcp 22", "tcp/22,23"}) {
+    for (const std::string text :
+         {"", "22", "tcp", "tcp/", "/22", "22/", "icmp/0", "tcp/udp", "tcp/udp/", "tcp/x",
+          "tcp/65536", "tcp/20-10", "tcp  22", "tcp/22,23"}) {
         FW::PortCompareST question{9, 9, "before"};
         EXPECT_NE(tarnfw::portQuestionFrom(text, question), "") << text;
         EXPECT_EQ(question.port, "before") << text;
@@ -65,8 +73,8 @@ TEST(QuestionTextTest, AMisspeltProtocolHasAHint) {
 }
 
 TEST(QuestionTextTest, NamesTheSideAndOtherProtocols) {
-    EXPECT_EQ(tarnfw::questionText({1, 2, "53"}), "source udp/53");
-    EXPECT_EQ(tarnfw::questionText({0, 4, "0"}), "icmp/0");
+    EXPECT_EQ(tarnfw::questionText({1, 2, "53"}), "udp source port 53");
+    EXPECT_EQ(tarnfw::questionText({0, 4, "0"}), "icmp 0");
 }
 
 TEST(VerdictTextTest, EveryVerdictHasItsWords) {

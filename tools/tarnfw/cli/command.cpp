@@ -54,6 +54,21 @@ void addJsonFlag(Command& command, bool& json) {
     command.flag("--json", json, "Print one JSON document instead of text");
 }
 
+bool FamilyOptions::onlyV4() const {
+    return v4 || (!family.empty() && family.back() == '4');
+}
+
+bool FamilyOptions::onlyV6() const {
+    return v6 || (!family.empty() && family.back() == '6');
+}
+
+void addFamilyOptions(Command& command, FamilyOptions& options) {
+    Option& family = command.option("--family", options.family, "Only IPv4 (v4) or only IPv6 (v6)")
+                         .choices({"v4", "v6"}, {"4", "6", "ipv4", "ipv6", "IPv4", "IPv6"});
+    Option& v4 = command.flag("--v4", options.v4, "The same as --family v4").excludes(family);
+    command.flag("--v6", options.v6, "The same as --family v6").excludes(family).excludes(v4);
+}
+
 void requireRoot() {
     if (geteuid() != 0) {
         throw Error(ErrorKind::kNoRights, "this needs root's rights");

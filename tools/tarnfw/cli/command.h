@@ -48,6 +48,19 @@ private:
 /// Adds "--json" to a command that reads: one JSON document instead of text.
 void addJsonFlag(Command& command, bool& json);
 
+/// The address family that a command is limited to.
+struct FamilyOptions {
+    std::string family;  ///< as typed
+    bool v4 = false;
+    bool v6 = false;
+
+    bool onlyV4() const;
+    bool onlyV6() const;
+};
+
+/// Adds "--family v4|v6", and the same as "--v4" and "--v6".
+void addFamilyOptions(Command& command, FamilyOptions& options);
+
 /// Throws Error without root's rights. Also for commands that only read: reading a profile takes
 /// its lock, and lock files must be root's.
 void requireRoot();

@@ -22,8 +22,9 @@ Option& Option::placeholder(std::string word) {
     return *this;
 }
 
-Option& Option::choices(std::vector<std::string> words) {
+Option& Option::choices(std::vector<std::string> words, std::vector<std::string> others) {
     facts_.choices = std::move(words);
+    facts_.otherChoices = std::move(others);
     return *this;
 }
 

@@ -43,6 +43,7 @@ public:
         Target target;
         std::optional<std::string> placeholder;    ///< of the value, for the help text
         std::vector<std::string> choices;          ///< empty: any value
+        std::vector<std::string> otherChoices;     ///< accepted as well, but not named
         std::optional<std::pair<int, int>> range;  ///< least and greatest value
         Check check;
         bool required = false;
@@ -59,8 +60,8 @@ public:
     /// The word that the help text has for the value; an empty one leaves it out. Without this call
     /// it is a word for the value's type, such as TEXT.
     Option& placeholder(std::string word);
-    /// The value is one of these words.
-    Option& choices(std::vector<std::string> words);
+    /// The value is one of these words, or one of `others`, which help and completion do not name.
+    Option& choices(std::vector<std::string> words, std::vector<std::string> others = {});
     /// The value is a number, neither less nor greater than these.
     Option& range(int least, int greatest);
     Option& check(Check check);

@@ -80,10 +80,12 @@ public:
 // ---- The parser ---------------------------------------------------------------------------------
 
 /// Rejects a word that is not one of the choices, and suggests the nearest one.
-CLI::Validator choiceOf(const std::vector<std::string>& choices) {
+CLI::Validator choiceOf(const std::vector<std::string>& choices,
+                        const std::vector<std::string>& others) {
     return CLI::Validator(
-        [choices](const std::string& word) -> std::string {
-            if (std::find(choices.begin(), choices.end(), word) != choices.end()) {
+        [choices, others](const std::string& word) -> std::string {
+            if (std::find(choices.begin(), choices.end(), word) != choices.end() ||
+                std::find(others.begin(), others.end(), word) != others.end()) {
                 return {};
             }
             // Thrown and not returned: the parser would put the option's name before it.
@@ -202,7 +204,7 @@ private:
             made->type_name(*facts.placeholder);
         }
         if (!facts.choices.empty()) {
-            made->check(choiceOf(facts.choices));
+            made->check(choiceOf(facts.choices, facts.otherChoices));
         }
         if (facts.range) {
             made->check(CLI::Range(facts.range->first, facts.range->second));

@@ -247,7 +247,7 @@ Json::Value decisionDocument(const Decider& decider, FW::FW_PORT_PROTOCOL protoc
     } else if (decision.by == DecidedBy::kDefaultPolicy) {
         document["list"] = decision.place.adapter;
     }
-    document["port"] = protocolText(protocol) + "/" + portSpanText(decision.ports);
+    document["port"] = protocolText(protocol) + " " + portSpanText(decision.ports);
     document["by"] = deciderWord(decision.by);
     document["allowed"] = !decision.denied;
     if (!decision.tunnel.empty()) {
@@ -275,7 +275,7 @@ void printDecisions(const Decider& decider, const std::vector<AdapterDecisions>&
                 decision.denied ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW;
             table.addRow(
                 {{adapter.adapter, Paint::kPlain},
-                 {protocolText(protocol) + "/" + portSpanText(decision.ports), Paint::kPlain},
+                 {protocolText(protocol) + " " + portSpanText(decision.ports), Paint::kPlain},
                  {verdictText(verdict), policyPaint(verdict)},
                  {reason, Paint::kPlain}});
         }

@@ -69,8 +69,7 @@ void list(bool json) {
 
 struct ShowOptions {
     std::string country;
-    bool v4 = false;
-    bool v6 = false;
+    FamilyOptions family;
     bool json = false;
 };
 
@@ -95,7 +94,7 @@ void show(const ShowOptions& options) {
     document["country"] = country;
     document["ranges"] = Json::Value(Json::arrayValue);
     for (const bool ipv6 : {false, true}) {
-        if (ipv6 ? options.v4 : options.v6) {
+        if (ipv6 ? options.family.onlyV4() : options.family.onlyV6()) {
             continue;
         }
         for (const AddressRange& range : readCountryRanges(country, ipv6)) {
@@ -184,8 +183,7 @@ void addShow(Command& group) {
     Command& command = group.subcommand("show", "Print the address ranges of a country");
     const auto options = std::make_shared<ShowOptions>();
     command.option("COUNTRY", options->country, "The code of a country, such as DE").required();
-    Option& v4 = command.flag("--v4", options->v4, "Only IPv4");
-    command.flag("--v6", options->v6, "Only IPv6").excludes(v4);
+    addFamilyOptions(command, options->family);
     addJsonFlag(command, options->json);
     command.run([options] { show(*options); });
 }

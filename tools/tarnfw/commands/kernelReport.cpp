@@ -506,7 +506,7 @@ std::vector<std::string> redirectsText(const BeforeFirewall& before) {
     for (const auto& [family, protocol, redirection, inner] : before.redirects) {
         const PortSpan seen = redirection.seenPorts.value_or(redirection.ports);
         lines.push_back(printable(
-            protocol + "/" + portSpanText(redirection.ports) +
+            protocol + " " + portSpanText(redirection.ports) +
             (redirection.certain ? " is" : " may be") + " handed to " + redirection.target + " (" +
             titleOf(family) + ": " + boost::join(redirection.rules, ", ") + "); the rules of " +
             chainSeenBy(redirection) + " see port " + portSpanText(seen) + innerText(inner)));
@@ -527,11 +527,11 @@ Json::Value redirectsJson(const BeforeFirewall& before) {
     for (const auto& [family, protocol, redirection, inner] : before.redirects) {
         Json::Value entry;
         entry["family"] = family;
-        entry["port"] = protocol + "/" + portSpanText(redirection.ports);
+        entry["port"] = protocol + " " + portSpanText(redirection.ports);
         entry["target"] = redirection.target;
         entry["chain"] = chainSeenBy(redirection);
         entry["seenPort"] =
-            protocol + "/" + portSpanText(redirection.seenPorts.value_or(redirection.ports));
+            protocol + " " + portSpanText(redirection.seenPorts.value_or(redirection.ports));
         entry["certain"] = redirection.certain;
         for (const std::string& rule : redirection.rules) {
             entry["rules"].append(rule);

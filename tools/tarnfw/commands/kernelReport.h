@@ -107,7 +107,7 @@ std::string acceptsText(const BeforeFirewall& before);
 /// such rules.
 std::string dropsText(const BeforeFirewall& before);
 
-/// "tcp/8080 is handed to 172.17.0.2:80 (IPv4: -A DOCKER ...); the rules of FORWARD_FIREWALL see
+/// "tcp 8080 is handed to 172.17.0.2:80 (IPv4: -A DOCKER ...); the rules of FORWARD_FIREWALL see
 /// port 80: eth0 blocked", one line each.
 std::vector<std::string> redirectsText(const BeforeFirewall& before);
 

@@ -107,7 +107,7 @@ TunnelAnswer tunnelAnswer(Decider& decider, const std::vector<FW::PortCompareST>
 Json::Value documentOf(const StoreSnapshot& store, const PortQuery& query,
                        const std::vector<FW::PortCompareST>& questions, bool enabled, bool allowed);
 
-/// "Profile "home", service ssh (tcp/22)".
+/// "Profile "home", service ssh (tcp 22)".
 void printHeading(const StoreSnapshot& store, const PortQuery& query,
                   const std::vector<FW::PortCompareST>& questions);
 

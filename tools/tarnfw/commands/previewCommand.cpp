@@ -29,7 +29,7 @@ constexpr char kJson[] = "json";
 struct Options {
     std::string profile;
     std::string format = kLines;
-    std::string family;
+    FamilyOptions family;
     bool json = false;
 };
 
@@ -85,9 +85,13 @@ void preview(const Options& options) {
     const bool asLines = options.json || options.format != kRestore;
     const Json::Value commands =
         commandsOf(options.profile, asLines ? ApplyMode::kLines : ApplyMode::kBatch);
-    const std::vector<std::string> families = options.family.empty()
-                                                  ? std::vector<std::string>{"v4", "v6"}
-                                                  : std::vector<std::string>{options.family};
+    std::vector<std::string> families;
+    if (!options.family.onlyV6()) {
+        families.emplace_back("v4");
+    }
+    if (!options.family.onlyV4()) {
+        families.emplace_back("v6");
+    }
     if (options.json || options.format == kJson) {
         Json::Value document(Json::objectValue);
         for (const std::string& family : families) {
@@ -122,8 +126,7 @@ void addPreviewCommand(Command& app) {
                     "firewall's chains and adds to others; json: the lines by family and "
                     "adapter")
             .choices({kLines, kRestore, kJson});
-    command.option("--family", options->family, "Only IPv4 (v4) or only IPv6 (v6)")
-        .choices({"v4", "v6"});
+    addFamilyOptions(command, options->family);
     command.flag("--json", options->json, "The same as --format json").excludes(format);
     command.footer(
         "Example: tarnfw preview --format restore --family v4 | iptables-restore --noflush --test");

@@ -35,7 +35,7 @@ constexpr char kWordsHelp[] =
     "The words of a rule:\n"
     "  allow|deny [WHAT] [from|to ADDRESS]\n"
     "  WHAT     service NAME[,NAME...], tcp|udp|tcp/udp [PORT[,PORT...]], icmp, igmp,\n"
-    "           or any, the default\n"
+    "           or any, the default; tcp/22, 22/tcp and both 53 are read as well\n"
     "  ADDRESS  192.168.1.20, 192.168.1.0/24, 10.0.0.5-10.0.0.9, country CN,RU,\n"
     "           or anywhere, the default\n"
     "Examples:\n";
@@ -55,6 +55,7 @@ struct Target {
 struct RuleCommand {
     Target target;
     RuleOptions options;
+    FamilyOptions family;
     Texts words;
     std::size_t position = 0;
 };
@@ -188,8 +189,11 @@ void changeRules(Context& context, const Target& target,
 
 FW::FWRULE ruleOf(const RuleCommand& command, Machine& machine) {
     const RuleVocabulary known = machineVocabulary(machine);
+    RuleOptions options = command.options;
+    options.v4 = command.family.onlyV4();
+    options.v6 = command.family.onlyV6();
     try {
-        return ruleFrom(command.words, command.options, known);
+        return ruleFrom(command.words, options, known);
     } catch (const Error& error) {
         if (error.kind() == ErrorKind::kInvalid) {
             throw UsageError(messageOf(error));  // wrong words are wrong usage
@@ -326,9 +330,9 @@ void addTarget(Command& command, Target& target) {
     addReloadFlag(command, target.reload);
 }
 
-void addRuleOptions(Command& command, RuleOptions& options) {
-    Option& v4 = command.flag("--v4", options.v4, "For IPv4 only");
-    command.flag("--v6", options.v6, "For IPv6 only").excludes(v4);
+void addRuleOptions(Command& command, RuleCommand& values) {
+    RuleOptions& options = values.options;
+    addFamilyOptions(command, values.family);
     command.flag("--source-port", options.sourcePort, "The ports are the sender's");
     command.flag("--out", options.out,
                  "For packets forwarded out through the adapter; packets that the machine itself "
@@ -357,7 +361,7 @@ void addRuleWriter(Command& group, const char* name, const char* help, const cha
     }
     command.option("WORDS", values->words, "The rule; see below").placeholder("");
     addTarget(command, values->target);
-    addRuleOptions(command, values->options);
+    addRuleOptions(command, *values);
     command.footer(kWordsHelp + examples);
     command.run([values, run] { run(*values); });
 }
