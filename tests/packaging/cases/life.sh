@@ -20,11 +20,32 @@ step 'its status says so' grep --quiet '^Firewall: *enabled$' <(within tarnfw st
 keep rules enabled
 step 'enabling has loaded rules' fails same rules base
 
-step 'the service is disabled' within deb-systemd-helper disable tarnfw.service
+step 'the service is disabled' systemctl --root="$kRoot" disable tarnfw.service
 step 'the same packages install as an upgrade' install_packages
 step 'an upgrade leaves the rules alone' same rules enabled
 step 'and the service as it was' unit_is disabled
-step 'which is enabled again' within deb-systemd-helper enable tarnfw.service
+step 'which is enabled again' systemctl --root="$kRoot" enable tarnfw.service
+
+# Everything that is written to disk, each by what writes it.
+step 'profiles are copied, tried and changed' within sh -ec '
+    tarnfw profile copy default other
+    tarnfw rule add --adapter global --profile other allow tcp 8080
+    tarnfw rule add --adapter global --profile other allow tcp 8081
+    tarnfw profile rename other another
+    tarnfw profile delete another
+    tarnfw reload'
+step 'a configuration is imported' within sh -ec '
+    tarnfw export /root/all.json
+    tarnfw profile copy default second
+    tarnfw import /root/all.json --yes'
+step 'which keeps what it replaces' [ -n "$(ls -A "$kRoot/usr/tarn/etc/firewall.d.backup")" ]
+step 'the exported file is the administrator'\''s' rm -- "$kRoot/root/all.json"
+mkdir -- "$kRoot/usr/tarn/etc/services.d" "$kRoot$kStore/.change"
+printf '{}\n' >"$kRoot/usr/tarn/etc/services.d/own.json"
+step 'the document of a change that was interrupted' touch "$kRoot$kStore/.change/1700000042.json"
+step 'a lock of a document without a directory of locks' touch "$kRoot/tmp/firewall_settings.json.lock"
+step 'what root set aside' touch "$kRoot/tmp/iptables_serv_mod_list.refused-abcdef"
+keep rules used
 
 step 'the firewall is disabled' within tarnfw disable
 step 'the base goes down' within tarnfw base down
