@@ -103,6 +103,35 @@ step 'in apply mode "lines" the rules are tried first' tries_rules "$capabilitie
 step 'for which it has CAP_SYS_ADMIN' fails tries_rules "$(without "$capabilities" CAP_SYS_ADMIN)"
 within tarnfw apply-mode batch
 
+# --- an interface that appears later -----------------------------------------------------------------
+
+# start_adapter_service NAME: as systemd would when udev has found the interface. Prints "not needed" where
+# its condition does not hold.
+start_adapter_service() {
+    local unit=$kRoot/lib/systemd/system/tarnfw-adapter@.service condition start
+    condition=$(sed -n 's/^ExecCondition=//p' "$unit")
+    start=$(sed -n 's/^ExecStart=//p' "$unit")
+    eval "within ${condition//%i/$1}" || {
+        echo 'not needed'
+        return
+    }
+    eval "within $start"
+}
+
+within tarnfw rule add --adapter wg0 allow udp 51820
+within tarnfw policy wg0 deny
+within tarnfw reload
+step 'a rule for an absent interface is left out' fails grep --quiet wg0 <(list_rules)
+ip tuntap add wg0 mode tun
+step 'the service for the interface starts' start_adapter_service wg0
+step 'and its rules are in force' grep --quiet 'wg0.*51820' <(list_rules)
+step 'not for an interface that no profile names' grep --quiet '^not needed$' <(start_adapter_service veth7)
+ip link delete wg0
+within tarnfw rule delete 1 --adapter wg0
+within tarnfw policy wg0 none
+within tarnfw reload
+keep rules enabled
+
 # A change that was interrupted in the middle of another user's profile.
 interrupt_change() {
     chown 1000 -- "$kRoot$kStore/own.json"
