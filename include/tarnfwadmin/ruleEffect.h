@@ -1,0 +1,45 @@
+/// What a rule does at its place in a profile, besides the rules and default policies around it.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tarnfirewall/fwExport.h"
+#include "tarnfirewall/fwTypes.h"
+
+#include "tarnfwadmin/place.h"
+
+namespace TARNFW_EXPORT_ALL tarnfw {
+
+class Machine;
+
+struct RuleEffect {
+    bool hasLines = false;                ///< else it matches nothing on this machine, or is off
+    std::optional<RulePlace> shadowedBy;  ///< it never takes effect, because of this rule
+
+    /// Rules before it that decide otherwise for some of what it matches, or may.
+    std::vector<RulePlace> exceptions;
+
+    /// Without it everything that it matches would be decided in the same way: by later rules and
+    /// default policies, or since nothing decides.
+    bool changesNothing = false;
+};
+
+/// What the rule at `place` of a profile does. Considers single rules: one that several shadow
+/// together counts as taking effect. Throws Error, kSystem, when the interfaces cannot be listed.
+RuleEffect ruleEffect(const FW::FWPROFILE& profile, const RulePlace& place, Machine& machine);
+
+/// The place at which `rule`, which never takes effect as the last of an adapter's list, would: in
+/// that list, before the rule that shadows it; or, where one of "global" does, in "global". Nothing
+/// where the rule that shadows it is a reserved one, which no other may precede.
+std::optional<RulePlace> effectivePlace(FW::FWPROFILE profile, const FW::FWRULE& rule,
+                                        const std::string& adapter, Machine& machine);
+
+/// In one line, for a rule with lines that is not shadowed: "opens tcp 8080 on every adapter, for
+/// everybody", "closes tcp 22 on eth0, for 10.0.0.0/8, except what rule 1 of eth0 allows". Not made
+/// printable.
+std::string effectText(const FW::FWRULE& rule, const std::string& adapter,
+                       const RuleEffect& effect);
+
+}  // namespace tarnfw
