@@ -179,7 +179,7 @@ std::string effectText(const FW::FWRULE& rule, const std::string& adapter,
         (rule.ipGroup == FW::FW_IP_GROUP_ANY || rule.ipGroup == FW::FW_IP_GROUP_COUNTRIES);
     const std::string family = narrow ? ", " + familyText(rule.ipType) + " only" : "";
     if (effect.changesNothing) {
-        return verb + " nothing new: nothing else " + (denies ? "opens " : "closes ") +
+        return verb + " nothing new, since nothing else " + (denies ? "opens " : "closes ") +
                whatText(rule) + " " + where + ", " + whomText(rule) + family;
     }
     std::string text = verb + " " + whatText(rule) + " " + where + ", " + whomText(rule) + family;

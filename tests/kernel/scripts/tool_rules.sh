@@ -54,17 +54,25 @@ rule add allow tcp 22,80,6000-6010 from 192.168.1.0/24 --log --name office
 silent
 prints <<'END'
 Rule 1 of eth0: allow tcp 22,80,6000-6010 from 192.168.1.0/24, logged (IPv4)  "office"
+Opens nothing new, since nothing else closes tcp 22,80,6000-6010 on eth0, for 192.168.1.0/24
 END
 rule add deny from country cn,RU --name abroad --label one --label 'two words'
-prints <<<'Rule 2 of eth0: deny everything from country CN,RU  "abroad"'
+prints <<'END'
+Rule 2 of eth0: deny everything from country CN,RU  "abroad"
+Once the firewall is enabled: closes everything on eth0, for country CN,RU, except what rule 1 of eth0 allows
+END
 rule add allow service smb from 10.0.0.5-10.0.0.9
-prints <<<'Rule 3 of eth0: allow service smb from 10.0.0.5-10.0.0.9 (IPv4)'
+prints <<'END'
+Rule 3 of eth0: allow service smb from 10.0.0.5-10.0.0.9 (IPv4)
+Opens nothing new, since nothing else closes service smb on eth0, for 10.0.0.5-10.0.0.9
+END
 rule add --disabled --out --source-port --family v6 deny udp 123
 prints <<<'Rule 4 of eth0: [off] deny udp source port 123 from anywhere, outgoing (IPv6)'
-answers 0 rule add allow icmp to 2001:db8::/64 --adapter global
-prints <<<'Rule 1 of global: allow icmp to 2001:db8::/64 (IPv6)'
+# Without an adapter it is "global".
+answers 0 rule add allow icmp to 2001:db8::/64
+says '^Rule 1 of global: allow icmp to 2001:db8::/64 (IPv6)$'
 answers 0 rule add --adapter vpn --profile lab allow
-prints <<<'Rule 1 of vpn: allow everything from anywhere'
+says '^Rule 1 of vpn: allow everything from anywhere$'
 
 rules_of eth0 >"$out/answer"
 prints_json <<'END'
@@ -132,10 +140,13 @@ refused 2 '^tarnfw: "10.0.0.1" is an IPv4 address, but the rule is for IPv6 only
     rule add --adapter eth0 deny from 10.0.0.1 --v6
 refused 2 '^tarnfw: a rule.s words are missing: expected allow or deny$' rule add --adapter eth0
 refused 2 '^tarnfw: .*--v[46] excludes --v[46]' rule add --adapter eth0 deny --v4 --v6
-refused 2 '^tarnfw: --adapter is required$' rule add allow tcp 22
 refused 2 '^tarnfw: ' rule insert --adapter eth0 deny any
 refused 2 '^tarnfw: ' rule delete --adapter eth0
-refused 2 '^tarnfw: ' rule delete first --adapter eth0
+refused 2 '^tarnfw: unexpected "first": expected allow or deny$' rule delete first --adapter eth0
+refused 2 '^tarnfw: expected positions (2-4,7) or --name$' rule off --adapter eth0
+refused 2 '^tarnfw: "allow" is no position and no range of positions (2-4,7)$' rule on allow --adapter eth0
+refused 2 '^tarnfw: the range of positions "3-1" runs backwards$' rule delete 3-1 --adapter eth0
+refused 2 '^tarnfw: positions and --name exclude each other$' rule delete 1 --name office --adapter eth0
 refused 2 '^tarnfw: ' rule move 1 --adapter eth0
 refused 2 '^tarnfw: ' policy eth0
 refused 2 '^tarnfw: .*dany' policy eth0 dany
@@ -150,23 +161,32 @@ refused 5 '^tarnfw: there is no adapter "eht0"; ' policy eht0 deny
 refused 1 '^tarnfw: rules and default policies of "ppp0" are never applied; use "pppoe"' rule add --adapter ppp0 deny any
 refused 1 '^tarnfw: "global" has no default policy' policy global deny
 refused 5 '^tarnfw: there is no profile "nowhere" ' rule add --adapter eth0 --profile nowhere deny any
-for words in 'set 5 deny any' 'delete 5' 'delete 1 0' 'on 5' 'off 1 5' 'move 5 1' 'move 1 5' 'move 0 1'; do
+for words in 'set 5 deny any' 'delete 5' 'delete 1 0' 'delete 2-99999' 'on 5' 'off 1,5' 'move 5 1' 'move 1 5' 'move 0 1'; do
     read -r -a words <<<"$words"
-    refused 5 '^tarnfw: there is no rule [05]: eth0 has 4 rules$' rule "${words[@]}" --adapter eth0
+    refused 5 '^tarnfw: there is no rule [05] of eth0, which has 4 rules$' rule "${words[@]}" --adapter eth0
 done
-refused 5 '^tarnfw: there is no position 6: eth0 has 4 rules$' \
+refused 5 '^tarnfw: there is no position 6 in the list of eth0, which has 4 rules$' \
     rule insert 6 --adapter eth0 deny any
 for words in 'delete -1' 'delete x' 'off 99999999999999999999999' 'move 1 -1' 'insert -1 deny any'; do
     read -r -a arguments <<<"$words"
-    refused 2 'not in range' rule "${arguments[@]}" --adapter eth0
+    refused 2 '^tarnfw: ' rule "${arguments[@]}" --adapter eth0
 done
-refused 5 '^tarnfw: there is no position 0: eth0 has 4 rules$' \
+refused 5 '^tarnfw: there is no position 0 in the list of eth0, which has 4 rules$' \
     rule insert 0 --adapter eth0 deny any
-refused 5 '^tarnfw: there is no rule 1: pppoe has 0 rules$' rule off 1 --adapter pppoe
+refused 5 '^tarnfw: there is no rule 1 of pppoe, which has 0 rules$' rule off 1 --adapter pppoe
+refused 5 '^tarnfw: no rule of eth0 is named "ofice"; did you mean "office"?$' \
+    rule delete --name ofice --adapter eth0
+refused 5 '^tarnfw: no rule of global is named "office", but rule 1 of eth0 is (--adapter eth0)$' \
+    rule delete --name office
+refused 5 '^tarnfw: no rule of eth0 is "allow service smb from 10.0.0.5-10.0.0.8 (IPv4)"; the nearest is rule 3: allow service smb from 10.0.0.5-10.0.0.9 (IPv4)$' \
+    rule delete allow service smb from 10.0.0.5-10.0.0.8 --adapter eth0
+refused 5 '^tarnfw: no rule of global is "deny everything from country CN,RU", but rule 2 of eth0 is this rule (--adapter eth0)$' \
+    rule delete deny from country CN,RU
+refused 5 '^tarnfw: no rule of global is "deny tcp 1 from anywhere", which has 1 rule$' rule delete deny tcp 1
 
 # --- insert, set, move, on, off, delete ------------------------------------------------------------
 
-rule delete 4 1 4 2 3
+rule delete 4 1,2-3 2-3
 prints <<'END'
 Deleted: Rule 1 of eth0: allow tcp 22,80,6000-6010 from 192.168.1.0/24, logged (IPv4)  "office"
 Deleted: Rule 2 of eth0: deny everything from country CN,RU  "abroad"
@@ -177,10 +197,13 @@ step 'no rule is left' [ "$(rules_of eth0)" = null ]
 step 'the default policy is' grep --quiet '^  default policy: deny$' <(tarnfw profile show)
 
 rule insert 1 allow tcp 1 --name one
-prints <<<'Rule 1 of eth0: allow tcp 1 from anywhere  "one"'
+prints <<'END'
+Rule 1 of eth0: allow tcp 1 from anywhere  "one"
+Once the firewall is enabled: opens tcp 1 on eth0, for everybody
+END
 rule insert 2 allow tcp 3 --name three
 rule insert 2 allow tcp 2 --name two
-prints <<<'Rule 2 of eth0: allow tcp 2 from anywhere  "two"'
+says '^Rule 2 of eth0: allow tcp 2 from anywhere  "two"$'
 rule add allow tcp 4 --name four
 step 'each is in its place' [ "$(names_of eth0)" = 'one two three four' ]
 rule move 1 3
@@ -206,15 +229,102 @@ END
 rule delete 2 4
 step 'two are left' [ "$(names_of eth0)" = 'four three' ]
 
+# By range, name and words; "rule off" by name.
+rule off --name three
+prints <<<'Rule 2 of eth0: [off] allow tcp 3 from anywhere  "three"'
+for port in 7 8 9; do
+    rule add allow tcp "$port" from 10.0.0.0/8 --name both
+done
+rule delete --name both
+prints <<'END'
+Deleted: Rule 3 of eth0: allow tcp 7 from 10.0.0.0/8 (IPv4)  "both"
+Deleted: Rule 4 of eth0: allow tcp 8 from 10.0.0.0/8 (IPv4)  "both"
+Deleted: Rule 5 of eth0: allow tcp 9 from 10.0.0.0/8 (IPv4)  "both"
+END
+rule insert 3 deny both 53 --v6 --log
+rule insert 3 deny both 53
+rule insert 3 deny 53/both --log --family 6 --name again
+rule delete deny tcp,udp 53 --v6 --log
+prints <<'END'
+Deleted: Rule 3 of eth0: deny tcp/udp 53 from anywhere, logged (IPv6)  "again"
+Deleted: Rule 5 of eth0: deny tcp/udp 53 from anywhere, logged (IPv6)
+END
+# As it was printed.
+rule delete 'deny tcp/udp 53 from anywhere'
+prints <<<'Deleted: Rule 3 of eth0: deny tcp/udp 53 from anywhere'
+rule on 2
+step 'the two are left' [ "$(names_of eth0)" = 'four three' ]
+
+# --- a rule that is there already ------------------------------------------------------------------
+
+stored() {
+    sha256sum "$kProfileDirectory"/*.json
+}
+stored >"$out/before"
+rule add allow 3/tcp from anywhere
+silent
+prints <<<'Rule 2 of eth0 is this rule already: allow tcp 3 from anywhere  "three"'
+rule add allow tcp 3 --first --name drei --label new
+prints <<'END'
+Rule 2 of eth0 is this rule already: allow tcp 3 from anywhere  "three"; its name stays; its labels stay; "tarnfw rule move 2 1 --adapter eth0" puts it first
+END
+rule add allow tcp 3 --reload
+prints <<'END'
+Rule 2 of eth0 is this rule already: allow tcp 3 from anywhere  "three"
+Firewall disabled: nothing to reload
+END
+rule add allow tcp 3 --disabled
+prints <<'END'
+Rule 2 of eth0 is this rule already, switched on; "tarnfw rule off 2 --adapter eth0" switches it off: allow tcp 3 from anywhere  "three"
+END
+step 'nothing is written' diff "$out/before" <(stored)
+rule off 2
+rule add allow tcp 3
+prints <<'END'
+Rule 2 of eth0 is this rule already, switched off; "tarnfw rule on 2 --adapter eth0" switches it on: [off] allow tcp 3 from anywhere  "three"
+END
+rule on 2
+# Another list, and another rule.
+answers 0 rule add allow tcp 3
+says '^Rule 2 of global: allow tcp 3 from anywhere$'
+answers 0 rule delete allow tcp 3
+prints <<<'Deleted: Rule 2 of global: allow tcp 3 from anywhere'
+rule add allow tcp 3 --log --first
+says '^Rule 1 of eth0: allow tcp 3 from anywhere, logged$'
+rule delete 1
+rule off 2
+
 # --- rules that never take effect -----------------------------------------------------------------
 
 rule add deny from 10.0.0.0/8
 silent
 rule add allow tcp 5 from 10.1.0.0/16
 prints <<<'Rule 4 of eth0: allow tcp 5 from 10.1.0.0/16 (IPv4)'
-complains '^tarnfw: rule 4 of eth0: warning: never takes effect: shadowed by rule 3 of eth0$'
+complains '^tarnfw: rule 4 of eth0: warning: never takes effect: shadowed by rule 3 of eth0; at position 3 it does ("tarnfw rule move 4 3 --adapter eth0")$'
 rule move 4 3
 silent
+rule delete 3
+rule add allow tcp 5 from 10.1.0.0/16 --first
+silent
+prints <<'END'
+Rule 1 of eth0: allow tcp 5 from 10.1.0.0/16 (IPv4)
+Once the firewall is enabled: opens tcp 5 on eth0, for 10.1.0.0/16
+END
+rule move 1 3
+silent
+# Rules of "global" come first.
+answers 0 rule add deny
+rule add allow tcp 8080
+prints <<<'Rule 5 of eth0: allow tcp 8080 from anywhere'
+complains "^tarnfw: rule 5 of eth0: warning: never takes effect: shadowed by rule 2 of global; rules of global come before those of eth0, so only there it does, for every adapter: tarnfw rule insert 2 'allow tcp 8080 from anywhere'\$"
+answers 0 rule insert 2 'allow tcp 8080 from anywhere'
+complains '^tarnfw: rule 5 of eth0: warning: never takes effect: shadowed by rule 2 of global$'
+prints <<'END'
+Rule 2 of global: allow tcp 8080 from anywhere
+Once the firewall is enabled: opens tcp 8080 on every adapter, for everybody
+END
+answers 0 rule delete 2-3
+rule delete 5
 # Also when the new rule is the one that shadows others.
 rule insert 1 deny any
 warns 3 '^tarnfw: rule 2 of eth0: warning: never takes effect: shadowed by rule 1 of eth0$'
@@ -225,9 +335,9 @@ rule move 2 1
 warns 4 '^tarnfw: and 1 more warning$'
 rule off 1
 silent
-answers 0 rule add --adapter global allow tcp 4 --name global
+answers 0 rule add allow tcp 4 --name global
 complains '^tarnfw: rule 2 of eth0: warning: never takes effect: shadowed by rule 2 of global$'
-answers 0 rule delete 2 --adapter global
+answers 0 rule delete --name global
 rule delete 1 4 5 6
 answers 0 rule add --adapter pppoe deny any
 complains '^tarnfw: rules.pppoe: warning: '
@@ -238,6 +348,7 @@ refused 3 '^tarnfw: rule 1 of eth0: ipList entry 1: "10.0.0.999" is not an IPv4 
     rule on 1 --adapter eth0 --profile bad
 answers 0 rule delete 1 --adapter eth0 --profile bad
 silent
+refused 5 '^tarnfw: there is no rule 9 of eth0' rule delete 9 --adapter eth0 --profile bad
 
 # --- the system's own rules ------------------------------------------------------------------------
 
@@ -262,18 +373,28 @@ for words in 'set 1 deny any' 'delete 3 1' 'delete 2' 'off 2' 'move 1 3' 'move 2
 done
 for position in 1 2 3; do
     answers 0 rule insert "$position" --adapter eth0 --profile reserved deny tcp "$position"
-    prints <<<"Rule 3 of eth0: deny tcp $position from anywhere"
+    prints <<END
+Rule 3 of eth0: deny tcp $position from anywhere
+Closes nothing new, since nothing else opens tcp $position on eth0, for everybody
+END
 done
 answers 0 rule move 6 1 --adapter eth0 --profile reserved
 prints <<<'Rule 3 of eth0: allow tcp 4 from anywhere  "four"'
 answers 0 rule on 1 --adapter eth0 --profile reserved
 prints <<<'Rule 1 of eth0: deny service smb from anywhere  "Service"'
 
+# Those of the system are not meant by the words of a person, and nothing precedes them.
+refused 1 '^tarnfw: rule 2 of eth0 is a reserved service rule' \
+    rule delete allow service ssh --adapter eth0 --profile reserved
+answers 0 rule add allow service smb --adapter eth0 --profile reserved
+complains '^tarnfw: rule [0-9]* of eth0: warning: never takes effect: shadowed by rule 1 of eth0; reserved service rules stay before it$'
+
 # --- what a reload makes of it ---------------------------------------------------------------------
 
 answers 0 rule add --adapter eth0 allow tcp 22 --reload
 prints <<'END'
 Rule 3 of eth0: allow tcp 22 from anywhere
+Once the firewall is enabled: opens tcp 22 on eth0, for everybody
 Firewall disabled: nothing to reload
 END
 step 'the filter is untouched' same_listing base
@@ -284,12 +405,14 @@ step 'the default policy is in the kernel' iptables -C INPUT_FIREWALL -i eth0 -j
 answers 0 rule add --adapter eth0 deny tcp 23,6000-6010 from 192.168.1.20 --log
 prints <<'END'
 Rule 4 of eth0: deny tcp 23,6000-6010 from 192.168.1.20, logged (IPv4)
+Closes nothing new, since nothing else opens tcp 23,6000-6010 on eth0, for 192.168.1.20
 The kernel still has the old rules; "tarnfw reload" applies the new ones
 END
 step 'so it has' same_listing enabled
 answers 0 rule insert 1 --adapter eth0 allow udp --v6 --reload
 prints <<'END'
 Rule 1 of eth0: allow udp 0-65535 from anywhere (IPv6)
+Opens udp 0-65535 on eth0, for everybody, IPv6 only
 Profile "lab" applied
 END
 step 'both are in the kernel' iptables -C INPUT_FIREWALL -s 192.168.1.20 -i eth0 -p tcp \
@@ -300,8 +423,24 @@ step 'a rule for every port is one' ip6tables -C FORWARD_FIREWALL -i eth0 -p udp
     -m multiport --dports 0:65535 -j RETURN
 
 keep_listing applied
+answers 0 rule add --adapter eth0 allow udp 0-65535 --v6 --reload
+prints <<'END'
+Rule 1 of eth0 is this rule already: allow udp 0-65535 from anywhere (IPv6)
+Profile "lab" is in force
+END
+iptables -F INPUT_FIREWALL
+answers 0 rule add --adapter eth0 allow udp 0-65535 --v6 --reload
+says '^Profile "lab" applied$'
+step 'the rules are in the kernel again' same_listing applied
+answers 0 rule add --adapter eth0 allow tcp 24
+prints <<'END'
+Rule 6 of eth0: allow tcp 24 from anywhere
+Once applied: opens tcp 24 on eth0, for everybody
+The kernel still has the old rules; "tarnfw reload" applies the new ones
+END
+answers 0 rule delete allow tcp 24 --adapter eth0 --reload
 answers 0 rule add --adapter eth0 --profile default deny any
-prints <<<'Rule 1 of eth0: deny everything from anywhere'
+says '^Rule 1 of eth0: deny everything from anywhere$'
 answers 0 policy eth0 allow --profile default --reload
 prints <<'END'
 Default policy of eth0: allow

@@ -102,18 +102,19 @@ TEST_F(RuleEffectTest, NamesWhatEarlierRulesKeep) {
 
 TEST_F(RuleEffectTest, SaysWhenNothingChanges) {
     EXPECT_EQ(effectOf("wlan0", "allow tcp 22"),
-              "opens nothing new: nothing else closes tcp 22 on wlan0, for everybody");
+              "opens nothing new, since nothing else closes tcp 22 on wlan0, for everybody");
     EXPECT_EQ(effectOf("wlan0", "deny tcp 22"), "closes tcp 22 on wlan0, for everybody");
     profile_.adapterPolicyMap = {{"wlan0", FW::FW_POLICY_DENY}, {"eth7", FW::FW_POLICY_NONE}};
     EXPECT_EQ(effectOf("wlan0", "allow tcp 22"), "opens tcp 22 on wlan0, for everybody");
     EXPECT_EQ(effectOf("wlan0", "deny tcp 22"),
-              "closes nothing new: nothing else opens tcp 22 on wlan0, for everybody");
+              "closes nothing new, since nothing else opens tcp 22 on wlan0, for everybody");
     // Another adapter has no default policy.
     EXPECT_EQ(effectOf("global", "deny tcp 22"), "closes tcp 22 on every adapter, for everybody");
     // A rule of an adapter comes after those of "global".
     profile_.adapterPolicyMap.clear();
-    EXPECT_EQ(effectOf("global", "allow tcp 22"),
-              "opens nothing new: nothing else closes tcp 22 on every adapter, for everybody");
+    EXPECT_EQ(
+        effectOf("global", "allow tcp 22"),
+        "opens nothing new, since nothing else closes tcp 22 on every adapter, for everybody");
     add("wlan0", {"deny tcp 22 from 10.0.0.0/8"});
     EXPECT_EQ(effectOf("global", "allow tcp 22"), "opens tcp 22 on every adapter, for everybody");
 }

@@ -2,31 +2,30 @@
 #include <algorithm>
 #include <functional>
 #include <iostream>
-#include <iterator>
 #include <memory>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "tarnfirewall/fwTypes.h"
-#include "tarnfirewall/tarnFW.h"
 
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
-#include "tarnfwadmin/profileCheck.h"
+#include "commands/ruleEditing.h"
+#include "process/trialState.h"
+#include "tarnfwadmin/inForce.h"
 #include "tarnfwadmin/ruleChange.h"
-#include "tarnfwadmin/ruleSyntax.h"
+#include "tarnfwadmin/ruleCompare.h"
 #include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/savedRules.h"
 #include "tarnfwadmin/vocabulary.h"
 
 namespace tarnfw {
 namespace {
 
-using Rules = std::vector<FW::FWRULE>;
 using Texts = std::vector<std::string>;
 
 constexpr int kMaxPosition = 1'000'000;  // longer than any list
@@ -44,13 +43,6 @@ constexpr char kReservedHelp[] =
     "Reserved service rules stay at the head of an adapter's list and cannot be changed: a "
     "position before them counts as the first one after them.";
 
-/// The list that a command changes.
-struct Target {
-    std::string adapter;
-    std::string profile;  ///< empty: the active one
-    ReloadOptions reload;
-};
-
 /// A command with the words of a rule.
 struct RuleCommand {
     Target target;
@@ -58,148 +50,92 @@ struct RuleCommand {
     FamilyOptions family;
     Texts words;
     std::size_t position = 0;
+    bool first = false;
 };
-
-// ---- Reserved rules ----
-
-/// How many rules at the head of the list are reserved.
-std::size_t reservedAtHead(const Rules& rules) {
-    return static_cast<std::size_t>(std::distance(
-        rules.begin(), std::find_if_not(rules.begin(), rules.end(), FW::fwRuleIsReserved)));
-}
-
-// ---- Positions, as a person counts them: from 1 ----
-
-void requirePosition(const Rules& rules, std::size_t position, const Target& target) {
-    if (position < 1 || position > rules.size()) {
-        throw Error(ErrorKind::kNotFound, "there is no rule " + std::to_string(position) + ": " +
-                                              printable(target.adapter) + " has " +
-                                              counted(rules.size(), "rule"));
-    }
-}
-
-/// Throws Error for a reserved rule.
-void requireOwn(const Rules& rules, std::size_t position, const Target& target) {
-    requirePosition(rules, position, target);
-    if (FW::fwRuleIsReserved(rules[position - 1])) {
-        throw Error(
-            ErrorKind::kUnusable,
-            "rule " + std::to_string(position) + " of " + printable(target.adapter) +
-                " is a reserved service rule; \"tarnfw service release\" removes a service");
-    }
-}
-
-/// The index for a rule that is to be at `position` of `rules`.
-std::size_t freePosition(const Rules& rules, std::size_t position, const Target& target) {
-    if (position < 1 || position > rules.size() + 1) {
-        throw Error(ErrorKind::kNotFound, "there is no position " + std::to_string(position) +
-                                              ": " + printable(target.adapter) + " has " +
-                                              counted(rules.size(), "rule"));
-    }
-    return std::max(position, reservedAtHead(rules) + 1);
-}
-
-void insertAt(Rules& rules, std::size_t position, const FW::FWRULE& rule) {
-    rules.insert(std::next(rules.begin(), static_cast<std::ptrdiff_t>(position - 1)), rule);
-}
-
-void eraseAt(Rules& rules, std::size_t position) {
-    rules.erase(std::next(rules.begin(), static_cast<std::ptrdiff_t>(position - 1)));
-}
-
-// ---- Changing a list ----
-
-/// The rule in words, with its place.
-std::string standing(const Rules& rules, std::size_t position, const Target& target) {
-    return std::string("Rule ")
-        .append(std::to_string(position))
-        .append(" of ")
-        .append(target.adapter)
-        .append(": ")
-        .append(ruleText(rules[position - 1]));
-}
-
-/// The result of a change.
-struct Outcome {
-    Texts said;                             ///< what to print when it is stored
-    std::vector<std::size_t> changed = {};  ///< positions of rules that are new or were switched on
-};
-
-Outcome changedAt(const Rules& rules, std::size_t position, const Target& target) {
-    return {{standing(rules, position, target)}, {position}};
-}
-
-/// What there is to say about the changed rules. Refuses invalid ones.
-Texts warningsOf(const FW::FWPROFILE& profile, const std::string& adapter,
-                 const std::vector<std::size_t>& positions, Machine& machine) {
-    std::vector<RulePlace> places;
-    places.reserve(positions.size());
-    for (const std::size_t position : positions) {
-        places.push_back({adapter, position});
-    }
-    Texts warnings;
-    if (places.empty()) {
-        return warnings;
-    }
-    for (const Finding& finding : ruleFindings(profile, places, machine)) {
-        if (finding.isError) {
-            throw Error(ErrorKind::kInvalid, textOf(finding), {"", finding.path, finding.rule});
-        }
-        warnings.push_back(textOf(finding));
-    }
-    return warnings;
-}
-
-/// A rule put ahead of many can shadow all of them.
-void print(const Texts& warnings) {
-    constexpr std::size_t kMost = 3;
-    for (std::size_t i = 0; i < std::min(warnings.size(), kMost); ++i) {
-        warn(warnings[i]);
-    }
-    if (warnings.size() > kMost) {
-        warn("and " + counted(warnings.size() - kMost, "more warning"));
-    }
-}
-
-/// Reads the profile, lets `change` alter the adapter's list, and stores it. An exception
-/// leaves the profile unchanged.
-void changeRules(Context& context, const Target& target,
-                 const std::function<Outcome(Rules&)>& change) {
-    requireReloadable(context, target.reload);
-    Outcome outcome;
-    Texts warnings;
-    const FW::FWPROFILE stored = changeProfile(
-        context.session(), target.profile, target.adapter,
-        [&](FW::FWPROFILE& profile) { outcome = change(profile.rules[target.adapter]); },
-        [&](const FW::FWPROFILE& profile) {
-            warnings = warningsOf(profile, target.adapter, outcome.changed, context.machine());
-            requireAppliable(context, profile, target.reload);
-        });
-    context.session().unlock();
-    finishChange(
-        context, stored.name, target.reload,
-        [&] {
-            for (const std::string& line : outcome.said) {
-                std::cout << printable(line) << '\n';
-            }
-            print(warnings);
-        },
-        onlyRules(stored, target.adapter, outcome.changed));
-}
 
 FW::FWRULE ruleOf(const RuleCommand& command, Machine& machine) {
-    const RuleVocabulary known = machineVocabulary(machine);
-    RuleOptions options = command.options;
-    options.v4 = command.family.onlyV4();
-    options.v6 = command.family.onlyV6();
-    try {
-        return ruleFrom(command.words, options, known);
-    } catch (const Error& error) {
-        if (error.kind() == ErrorKind::kInvalid) {
-            throw UsageError(messageOf(error));  // wrong words are wrong usage
+    return ruleFromWords(command.words, command.options, command.family,
+                         machineVocabulary(machine));
+}
+
+// ---- A rule that is there already ----
+
+/// The position of a rule that is the same as `rule`; 0 without one.
+std::size_t positionOf(const FW::FWRULE& rule, const FW::FWPROFILE& profile,
+                       const std::string& adapter) {
+    const auto list = profile.rules.find(adapter);
+    for (std::size_t i = 0; list != profile.rules.end() && i < list->second.size(); ++i) {
+        if (isSameRule(rule, list->second[i])) {
+            return i + 1;
         }
-        throw;
     }
+    return 0;
+}
+
+/// "rule 3 of eth0 is this rule already ...", and what is different about it.
+std::string alreadyText(const RuleCommand& command, const FW::FWRULE& wanted, const Rules& rules,
+                        std::size_t position) {
+    const Target& target = command.target;
+    const FW::FWRULE& there = rules[position - 1];
+    const std::string place = std::to_string(position) + optionsText(target);
+    std::string text =
+        "Rule " + std::to_string(position) + " of " + target.adapter + " is this rule already";
+    if (there.enable != wanted.enable) {
+        text += there.enable ? ", switched on; \"tarnfw rule off " + place + "\" switches it off"
+                             : ", switched off; \"tarnfw rule on " + place + "\" switches it on";
+    }
+    text += ": " + ruleText(there);
+    if (!wanted.name.empty() && wanted.name != there.name) {
+        text += there.name.empty() ? "; it stays without a name" : "; its name stays";
+    }
+    if (!wanted.labelList.empty() && wanted.labelList != there.labelList) {
+        text += "; its labels stay";
+    }
+    const std::size_t first = reservedAtHead(rules) + 1;
+    if (command.first && position > first) {
+        text += "; \"tarnfw rule move " + std::to_string(position) + " " + std::to_string(first) +
+                optionsText(target) + "\" puts it first";
+    }
+    return text;
+}
+
+/// Applies the active profile, as with a rule that is new, unless its rules are in force.
+void reloadUnchanged(Context& context, const Target& target, const FW::FWPROFILE& profile) {
+    if (profile.name != context.store().activeProfile()) {
+        std::cout << "Profile " << inQuotes(profile.name)
+                  << " is not the active one: nothing to reload\n";
+        return;
+    }
+    if (!context.store().firewallEnabled()) {
+        std::cout << "Firewall disabled: nothing to reload\n";
+        return;
+    }
+    requireNoTrial();
+    context.control().requireBase();
+    if (hasActiveProfile(SavedRules::inKernel(), context.store())) {
+        std::cout << "Profile " << inQuotes(profile.name) << " is in force\n";
+        return;
+    }
+    requireAppliable(context, profile, target.reload);
+    reloadActive(context.control());
+    forgetTrial(context);
+}
+
+/// Says that the rule is there already, if it is; nothing is stored then.
+bool isThereAlready(Context& context, const RuleCommand& command, const FW::FWRULE& rule) {
+    const Target& target = command.target;
+    const FW::FWPROFILE profile = context.store().profile(target.profile);
+    const std::size_t position = positionOf(rule, profile, target.adapter);
+    if (position == 0) {
+        return false;
+    }
+    std::cout << printable(alreadyText(command, rule, profile.rules.at(target.adapter), position))
+              << '\n';
+    printWarnings(warningsOf(profile, target, {position}, context.machine()));
+    if (target.reload.wanted) {
+        reloadUnchanged(context, target, profile);
+    }
+    return true;
 }
 
 // ---- Commands ----
@@ -209,9 +145,15 @@ void add(const RuleCommand& command) {
     auto machine = std::make_unique<Machine>();
     const FW::FWRULE rule = ruleOf(command, *machine);
     Context context(StoreSession::Access::kChange, std::move(machine));
-    changeRules(context, command.target, [&](Rules& rules) {
-        rules.push_back(rule);
-        return changedAt(rules, rules.size(), command.target);
+    if (isThereAlready(context, command, rule)) {
+        return;
+    }
+    changeRules(context, command.target, [&](const FW::FWPROFILE& /*profile*/, Rules& rules) {
+        const std::size_t position = command.first ? reservedAtHead(rules) + 1 : rules.size() + 1;
+        insertAt(rules, position, rule);
+        Outcome outcome = changedAt(rules, position, command.target);
+        outcome.saysEffect = true;
+        return outcome;
     });
 }
 
@@ -220,10 +162,12 @@ void insert(const RuleCommand& command) {
     auto machine = std::make_unique<Machine>();
     const FW::FWRULE rule = ruleOf(command, *machine);
     Context context(StoreSession::Access::kChange, std::move(machine));
-    changeRules(context, command.target, [&](Rules& rules) {
+    changeRules(context, command.target, [&](const FW::FWPROFILE& /*profile*/, Rules& rules) {
         const std::size_t position = freePosition(rules, command.position, command.target);
         insertAt(rules, position, rule);
-        return changedAt(rules, position, command.target);
+        Outcome outcome = changedAt(rules, position, command.target);
+        outcome.saysEffect = true;
+        return outcome;
     });
 }
 
@@ -232,7 +176,7 @@ void set(const RuleCommand& command) {
     auto machine = std::make_unique<Machine>();
     const FW::FWRULE rule = ruleOf(command, *machine);
     Context context(StoreSession::Access::kChange, std::move(machine));
-    changeRules(context, command.target, [&](Rules& rules) {
+    changeRules(context, command.target, [&](const FW::FWPROFILE& /*profile*/, Rules& rules) {
         requireOwn(rules, command.position, command.target);
         rules[command.position - 1] = rule;
         return changedAt(rules, command.position, command.target);
@@ -241,7 +185,7 @@ void set(const RuleCommand& command) {
 
 void move(const Target& target, std::size_t from, std::size_t to) {
     Context context(StoreSession::Access::kChange);
-    changeRules(context, target, [&](Rules& rules) {
+    changeRules(context, target, [&](const FW::FWPROFILE& /*profile*/, Rules& rules) {
         requireOwn(rules, from, target);
         const FW::FWRULE rule = rules[from - 1];
         requirePosition(rules, to, target);
@@ -252,15 +196,16 @@ void move(const Target& target, std::size_t from, std::size_t to) {
     });
 }
 
-void remove(const Target& target, const std::vector<std::size_t>& positions) {
+void remove(const Target& target, const RuleSelection& selection) {
+    requireSelection(selection, /*wordsAllowed=*/true);
     Context context(StoreSession::Access::kChange);
-    const std::set<std::size_t> ascending(positions.begin(), positions.end());
-    changeRules(context, target, [&](Rules& rules) {
+    changeRules(context, target, [&](const FW::FWPROFILE& profile, Rules& rules) {
         Outcome outcome;
+        const std::vector<std::size_t> ascending =
+            selectedPositions(selection, profile, target, context.machine());
         for (const std::size_t position : ascending) {
             requireOwn(rules, position, target);
-            outcome.said.push_back(
-                std::string("Deleted: ").append(standing(rules, position, target)));
+            outcome.said.push_back("Deleted: " + placedText(rules, position, target));
         }
         // From the end, so that the other positions stay the same.
         std::for_each(ascending.rbegin(), ascending.rend(),
@@ -269,20 +214,20 @@ void remove(const Target& target, const std::vector<std::size_t>& positions) {
     });
 }
 
-void switchRules(const Target& target, const std::vector<std::size_t>& positions, bool on) {
+void switchRules(const Target& target, const RuleSelection& selection, bool on) {
+    requireSelection(selection, /*wordsAllowed=*/false);
     Context context(StoreSession::Access::kChange);
-    const std::set<std::size_t> ascending(positions.begin(), positions.end());
-    changeRules(context, target, [&](Rules& rules) {
+    changeRules(context, target, [&](const FW::FWPROFILE& profile, Rules& rules) {
         Outcome outcome;
-        for (const std::size_t position : ascending) {
+        for (const std::size_t position :
+             selectedPositions(selection, profile, target, context.machine())) {
             if (on) {
-                requirePosition(rules, position, target);
                 outcome.changed.push_back(position);
             } else {
                 requireOwn(rules, position, target);
             }
             rules[position - 1].enable = on;
-            outcome.said.push_back(standing(rules, position, target));
+            outcome.said.push_back(placedText(rules, position, target));
         }
         return outcome;
     });
@@ -318,26 +263,19 @@ void setPolicy(const Target& target, const std::string& word) {
 
 // ---- Options ----
 
-void addTarget(Command& command, Target& target) {
-    command
-        .option("--adapter", target.adapter,
-                "The adapter: an interface, or \"global\", \"pppoe\", "
-                "\"vpn\"")
-        .placeholder("NAME")
-        .required();
-    command.option("--profile", target.profile, "The profile; by default the active one")
-        .placeholder("NAME");
-    addReloadFlag(command, target.reload);
-}
-
-void addRuleOptions(Command& command, RuleCommand& values) {
-    RuleOptions& options = values.options;
-    addFamilyOptions(command, values.family);
+/// What rules and those that are to be found match besides their words.
+void addMatchOptions(Command& command, FamilyOptions& family, RuleOptions& options) {
+    addFamilyOptions(command, family);
     command.flag("--source-port", options.sourcePort, "The ports are the sender's");
     command.flag("--out", options.out,
                  "For packets forwarded out through the adapter; packets that the machine itself "
                  "sends are not filtered");
     command.flag("--log", options.log, "Also log matching packets");
+}
+
+void addRuleOptions(Command& command, RuleCommand& values) {
+    RuleOptions& options = values.options;
+    addMatchOptions(command, values.family, options);
     command.flag("--disabled", options.disabled, "Store the rule switched off");
     command.option("--name", options.name, "A name for the rule").placeholder("TEXT");
     command.option("--label", options.labels, "A label; may be given more than once")
@@ -352,10 +290,10 @@ Option& addPosition(Command& command, const char* name, std::size_t& position, c
 using RuleRun = void (*)(const RuleCommand&);
 
 /// A command that takes a rule; with a position if `positionHelp` is given.
-void addRuleWriter(Command& group, const char* name, const char* help, const char* positionHelp,
-                   const std::string& examples, RuleRun run) {
+Command& addRuleWriter(Command& group, const char* name, const char* help, const char* positionHelp,
+                       const std::string& examples, RuleRun run,
+                       const std::shared_ptr<RuleCommand>& values) {
     Command& command = group.subcommand(name, help);
-    const auto values = std::make_shared<RuleCommand>();
     if (positionHelp != nullptr) {
         addPosition(command, "POSITION", values->position, positionHelp);
     }
@@ -364,6 +302,7 @@ void addRuleWriter(Command& group, const char* name, const char* help, const cha
     addRuleOptions(command, *values);
     command.footer(kWordsHelp + examples);
     command.run([values, run] { run(*values); });
+    return command;
 }
 
 void addMove(Command& group) {
@@ -377,25 +316,54 @@ void addMove(Command& group) {
     addPosition(command, "FROM", values->from, "Its present position");
     addPosition(command, "TO", values->to, "Its new position");
     addTarget(command, values->target);
-    command.footer(kReservedHelp);
+    command.footer(std::string("Example: tarnfw rule move 4 1 --adapter eth0\n") + kReservedHelp);
     command.run([values] { move(values->target, values->from, values->to); });
 }
 
-using PositionsRun = std::function<void(const Target&, const std::vector<std::size_t>&)>;
+struct SelectingCommand {
+    Target target;
+    RuleSelection selection;
+};
 
-void addForPositions(Command& group, const char* name, const char* help, const PositionsRun& run) {
-    struct Values {
-        Target target;
-        std::vector<std::size_t> positions;
-    };
+using SelectionRun = std::function<void(const Target&, const RuleSelection&)>;
+
+/// A command for rules that are there, by position or name.
+Command& addForRules(Command& group, const char* name, const char* help, const char* words,
+                     const char* wordsHelp, const std::shared_ptr<SelectingCommand>& values,
+                     const SelectionRun& run) {
     Command& command = group.subcommand(name, help);
-    const auto values = std::make_shared<Values>();
-    command.option("POSITION", values->positions, "Positions, as \"profile show\" prints them")
-        .placeholder("")
-        .required()
-        .range(0, kMaxPosition);
+    command.option(words, values->selection.words, wordsHelp).placeholder("");
+    command.option("--name", values->selection.options.name, "The rules of this name")
+        .placeholder("TEXT");
     addTarget(command, values->target);
-    command.run([values, run] { run(values->target, values->positions); });
+    command.run([values, run] { run(values->target, values->selection); });
+    return command;
+}
+
+void addDelete(Command& group) {
+    const auto values = std::make_shared<SelectingCommand>();
+    Command& command =
+        addForRules(group, "delete", "Delete rules", "WORDS",
+                    "Positions, or the words of a rule; every rule that is this one is deleted",
+                    values, remove);
+    addMatchOptions(command, values->selection.family, values->selection.options);
+    command.flag("--disabled", values->selection.options.disabled,
+                 "With words: only if it is switched off");
+    command.footer(
+        "Positions are those before the first deletion, as \"profile show\" prints them.\n"
+        "Examples:\n"
+        "  tarnfw rule delete 2-4,7 --adapter eth0\n"
+        "  tarnfw rule delete allow tcp 8080\n"
+        "  tarnfw rule delete --name office --adapter eth0");
+}
+
+void addSwitch(Command& group, const char* name, const char* help, bool on) {
+    addForRules(group, name, help, "POSITION", "Positions, as \"profile show\" prints them: 2-4,7",
+                std::make_shared<SelectingCommand>(),
+                [on](const Target& target, const RuleSelection& selection) {
+                    switchRules(target, selection, on);
+                })
+        .footer(std::string("Example: tarnfw rule ") + name + " 2-4,7 --adapter eth0");
 }
 
 void addPolicyCommand(Command& app) {
@@ -423,30 +391,27 @@ void addPolicyCommand(Command& app) {
 void addRuleCommands(Command& app) {
     Command& rule = app.subcommand("rule", "Change the rules of a profile");
     rule.footer(kReservedHelp);
+    const auto added = std::make_shared<RuleCommand>();
     addRuleWriter(rule, "add", "Add a rule after the adapter's others", nullptr,
+                  "  tarnfw rule add allow tcp 8080\n"
                   "  tarnfw rule add --adapter eth0 allow tcp 22,80,6000-6010 from 192.168.1.0/24\n"
                   "  tarnfw rule add --adapter eth0 allow service smb from 10.0.0.5-10.0.0.9\n"
-                  "  tarnfw rule add --adapter global deny from country CN,RU --log --name abroad",
-                  add);
+                  "  tarnfw rule add deny from country CN,RU --log --name abroad --first",
+                  add, added)
+        .flag("--first", added->first, "Before the adapter's others");
     addRuleWriter(rule, "insert", "Insert a rule at a position, before the rule that is there now",
                   "Its position, from 1",
                   std::string("  tarnfw rule insert 1 --adapter eth0 deny from 203.0.113.9\n") +
                       kReservedHelp,
-                  insert);
+                  insert, std::make_shared<RuleCommand>());
     addRuleWriter(rule, "set", "Replace a rule with a new one",
                   "The position of the rule to replace",
-                  "  tarnfw rule set 3 --adapter eth0 allow udp 53 from 10.0.0.0/8", set);
+                  "  tarnfw rule set 3 --adapter eth0 allow udp 53 from 10.0.0.0/8", set,
+                  std::make_shared<RuleCommand>());
     addMove(rule);
-    addForPositions(rule, "delete",
-                    "Delete rules; the positions are those before the first deletion", remove);
-    addForPositions(rule, "on", "Switch rules on",
-                    [](const Target& target, const std::vector<std::size_t>& positions) {
-                        switchRules(target, positions, true);
-                    });
-    addForPositions(rule, "off", "Switch rules off; they stay in the profile",
-                    [](const Target& target, const std::vector<std::size_t>& positions) {
-                        switchRules(target, positions, false);
-                    });
+    addDelete(rule);
+    addSwitch(rule, "on", "Switch rules on", true);
+    addSwitch(rule, "off", "Switch rules off; they stay in the profile", false);
     addPolicyCommand(app);
 }
 

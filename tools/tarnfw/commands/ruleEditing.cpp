@@ -1,0 +1,426 @@
+#include "commands/ruleEditing.h"
+
+#include <algorithm>
+#include <cctype>
+#include <iostream>
+#include <iterator>
+#include <optional>
+#include <set>
+#include <utility>
+
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/split.hpp>
+
+#include "tarnfirewall/tarnFW.h"
+
+#include "cli/output.h"
+#include "tarnfwadmin/profileCheck.h"
+#include "tarnfwadmin/ruleChange.h"
+#include "tarnfwadmin/ruleCompare.h"
+#include "tarnfwadmin/ruleEffect.h"
+#include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/vocabulary.h"
+
+namespace tarnfw {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+/// "eth0, which has 4 rules".
+std::string listText(const Rules& rules, const Target& target) {
+    return printable(target.adapter) + ", which has " + counted(rules.size(), "rule");
+}
+
+[[noreturn]] void notFound(const std::string& text) {
+    throw Error(ErrorKind::kNotFound, text);
+}
+
+}  // namespace
+
+void addTarget(Command& command, Target& target) {
+    command
+        .option("--adapter", target.adapter,
+                "The adapter: an interface, or \"global\", \"pppoe\", \"vpn\"; by default global, "
+                "whose rules are for every adapter")
+        .placeholder("NAME");
+    command.option("--profile", target.profile, "The profile; by default the active one")
+        .placeholder("NAME");
+    addReloadFlag(command, target.reload);
+}
+
+std::string optionsText(const Target& target) {
+    return (target.adapter == FW::FW_ADAPTER_GLOBAL ? "" : " --adapter " + target.adapter) +
+           (target.profile.empty() ? "" : " --profile " + target.profile);
+}
+
+// ---- Positions ----------------------------------------------------------------------------------
+
+std::size_t reservedAtHead(const Rules& rules) {
+    return static_cast<std::size_t>(std::distance(
+        rules.begin(), std::find_if_not(rules.begin(), rules.end(), FW::fwRuleIsReserved)));
+}
+
+void requirePosition(const Rules& rules, std::size_t position, const Target& target) {
+    if (position < 1 || position > rules.size()) {
+        notFound("there is no rule " + std::to_string(position) + " of " + listText(rules, target));
+    }
+}
+
+void requireOwn(const Rules& rules, std::size_t position, const Target& target) {
+    requirePosition(rules, position, target);
+    if (FW::fwRuleIsReserved(rules[position - 1])) {
+        const RulePlace place{target.adapter, position};
+        throw Error(ErrorKind::kUnusable,
+                    placeText(place) +
+                        " is a reserved service rule; \"tarnfw service release\" "
+                        "removes a service",
+                    {"", "", place});
+    }
+}
+
+std::size_t freePosition(const Rules& rules, std::size_t position, const Target& target) {
+    if (position < 1 || position > rules.size() + 1) {
+        notFound("there is no position " + std::to_string(position) + " in the list of " +
+                 listText(rules, target));
+    }
+    return std::max(position, reservedAtHead(rules) + 1);
+}
+
+void insertAt(Rules& rules, std::size_t position, const FW::FWRULE& rule) {
+    rules.insert(std::next(rules.begin(), static_cast<std::ptrdiff_t>(position - 1)), rule);
+}
+
+void eraseAt(Rules& rules, std::size_t position) {
+    rules.erase(std::next(rules.begin(), static_cast<std::ptrdiff_t>(position - 1)));
+}
+
+// ---- Which rules are meant ----------------------------------------------------------------------
+
+namespace {
+
+constexpr std::size_t kMostDigits = 7;  // longer than any list
+
+struct PositionRange {
+    std::size_t first = 0;
+    std::size_t last = 0;
+};
+
+bool isNumber(const std::string& text) {
+    return !text.empty() && text.size() <= kMostDigits &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+/// "2-4" or "7"; nothing for any other text.
+std::optional<PositionRange> rangeFrom(const std::string& text) {
+    const std::size_t dash = text.find('-');
+    const std::string first = text.substr(0, dash);
+    const std::string last = dash == std::string::npos ? first : text.substr(dash + 1);
+    if (!isNumber(first) || !isNumber(last)) {
+        return std::nullopt;
+    }
+    const PositionRange range{std::stoul(first), std::stoul(last)};
+    if (range.last < range.first) {
+        throw UsageError("the range of positions " + inQuotes(text) + " runs backwards");
+    }
+    return range;
+}
+
+/// Nothing for words that are no positions.
+std::optional<std::vector<PositionRange>> rangesFrom(const Texts& words) {
+    std::vector<PositionRange> ranges;
+    for (const std::string& word : words) {
+        Texts parts;
+        boost::split(parts, word, boost::is_any_of(", "), boost::token_compress_on);
+        for (const std::string& part : parts) {
+            const std::optional<PositionRange> range = rangeFrom(part);
+            if (!range) {
+                return std::nullopt;
+            }
+            ranges.push_back(*range);
+        }
+    }
+    return ranges;
+}
+
+std::vector<std::size_t> positionsIn(const std::vector<PositionRange>& ranges, const Rules& rules,
+                                     const Target& target) {
+    std::set<std::size_t> positions;
+    for (const PositionRange& range : ranges) {
+        requirePosition(rules, range.first, target);
+        requirePosition(rules, std::min(range.last, rules.size() + 1), target);
+        for (std::size_t position = range.first; position <= range.last; ++position) {
+            positions.insert(position);
+        }
+    }
+    return {positions.begin(), positions.end()};
+}
+
+template <typename Fits>
+std::vector<std::size_t> positionsWhere(const Rules& rules, const Fits& fits) {
+    std::vector<std::size_t> positions;
+    for (std::size_t i = 0; i < rules.size(); ++i) {
+        if (fits(rules[i])) {
+            positions.push_back(i + 1);
+        }
+    }
+    return positions;
+}
+
+/// ", but rule 3 of eth0 is (--adapter eth0)"; empty when no other list has it.
+template <typename Fits>
+std::string elsewhere(const FW::FWPROFILE& profile, const Target& target, const char* is,
+                      const Fits& fits) {
+    for (const auto& [adapter, rules] : profile.rules) {
+        const std::vector<std::size_t> found = positionsWhere(rules, fits);
+        if (adapter != target.adapter && !found.empty()) {
+            return ", but " + placeText({adapter, found.front()}) + is + " (--adapter " +
+                   printable(adapter) + ")";
+        }
+    }
+    return "";
+}
+
+std::vector<std::size_t> positionsNamed(const std::string& name, const Rules& rules,
+                                        const FW::FWPROFILE& profile, const Target& target) {
+    const auto fits = [&](const FW::FWRULE& rule) { return rule.name == name; };
+    std::vector<std::size_t> found = positionsWhere(rules, fits);
+    if (found.empty()) {
+        Texts names;
+        for (const FW::FWRULE& rule : rules) {
+            names.push_back(rule.name);
+        }
+        const std::string other = elsewhere(profile, target, " is", fits);
+        notFound("no rule of " + printable(target.adapter) + " is named " + inQuotes(name) +
+                 (other.empty() ? didYouMean(nearest(name, names)) : other));
+    }
+    return found;
+}
+
+/// Reserved services have no words of their own, so those of a service rule mean them as well.
+FW::FWRULE asWords(FW::FWRULE rule) {
+    if (rule.portGroup == FW::FW_PORT_GROUP_RESERVED) {
+        rule.portGroup = FW::FW_PORT_GROUP_SERVICES;
+    }
+    return rule;
+}
+
+/// ": the nearest is rule 3, "allow tcp 23 from anywhere"".
+std::string nearestText(const FW::FWRULE& wanted, const Rules& rules) {
+    Texts texts;
+    for (const FW::FWRULE& rule : rules) {
+        texts.push_back(ruleText(rule));
+    }
+    const auto found = std::find(texts.begin(), texts.end(), nearest(ruleText(wanted), texts));
+    return found == texts.end() ? ", which has " + counted(rules.size(), "rule")
+                                : "; the nearest is rule " +
+                                      std::to_string(found - texts.begin() + 1) + ": " + *found;
+}
+
+std::vector<std::size_t> positionsOf(const FW::FWRULE& wanted, const Rules& rules,
+                                     const FW::FWPROFILE& profile, const Target& target) {
+    const auto fits = [&](const FW::FWRULE& rule) {
+        return isSameRule(wanted, rule) && (wanted.name.empty() || wanted.name == rule.name) &&
+               (wanted.enable || !rule.enable);
+    };
+    std::vector<std::size_t> found = positionsWhere(rules, fits);
+    if (found.empty()) {
+        found = positionsWhere(rules, [&](const FW::FWRULE& rule) { return fits(asWords(rule)); });
+    }
+    if (found.empty()) {
+        const std::string other = elsewhere(profile, target, " is this rule", fits);
+        notFound("no rule of " + printable(target.adapter) + " is " + inQuotes(ruleText(wanted)) +
+                 (other.empty() ? nearestText(wanted, rules) : other));
+    }
+    return found;
+}
+
+/// With the services of the profile: those that have left the catalogue can be named, too.
+RuleVocabulary vocabularyFor(const FW::FWPROFILE& profile, Machine& machine) {
+    RuleVocabulary known = machineVocabulary(machine);
+    for (const auto& [adapter, rules] : profile.rules) {
+        for (const FW::FWRULE& rule : rules) {
+            for (const std::string& name :
+                 FW::fwRuleNamesServices(rule) ? rule.portList : Texts()) {
+                known.services.emplace(name, rule.protocol);
+            }
+        }
+    }
+    return known;
+}
+
+}  // namespace
+
+void requireSelection(const RuleSelection& selection, bool wordsAllowed) {
+    if (selection.words.empty() && selection.options.name.empty()) {
+        throw UsageError(wordsAllowed ? "expected positions (2-4,7), the words of a rule, or --name"
+                                      : "expected positions (2-4,7) or --name");
+    }
+    const bool positions = !selection.words.empty() && rangesFrom(selection.words);
+    if (positions && !selection.options.name.empty()) {
+        throw UsageError("positions and --name exclude each other");
+    }
+    if (!positions && !wordsAllowed && !selection.words.empty()) {
+        throw UsageError(inQuotes(boost::join(selection.words, " ")) +
+                         " is no position and no range of positions (2-4,7)");
+    }
+}
+
+std::vector<std::size_t> selectedPositions(const RuleSelection& selection,
+                                           const FW::FWPROFILE& profile, const Target& target,
+                                           Machine& machine) {
+    const auto list = profile.rules.find(target.adapter);
+    const Rules rules = list == profile.rules.end() ? Rules() : list->second;
+    if (selection.words.empty()) {
+        return positionsNamed(selection.options.name, rules, profile, target);
+    }
+    if (const auto ranges = rangesFrom(selection.words)) {
+        return positionsIn(*ranges, rules, target);
+    }
+    return positionsOf(ruleFromWords(selection.words, selection.options, selection.family,
+                                     vocabularyFor(profile, machine)),
+                       rules, profile, target);
+}
+
+FW::FWRULE ruleFromWords(const std::vector<std::string>& words, RuleOptions options,
+                         const FamilyOptions& family, const RuleVocabulary& known) {
+    options.v4 = family.onlyV4();
+    options.v6 = family.onlyV6();
+    try {
+        return ruleFrom(words, options, known);
+    } catch (const Error& error) {
+        if (error.kind() == ErrorKind::kInvalid) {
+            throw UsageError(messageOf(error));  // wrong words are wrong usage
+        }
+        throw;
+    }
+}
+
+// ---- Changing a list ----------------------------------------------------------------------------
+
+std::string placedText(const Rules& rules, std::size_t position, const Target& target) {
+    return "Rule " + std::to_string(position) + " of " + target.adapter + ": " +
+           ruleText(rules[position - 1]);
+}
+
+Outcome changedAt(const Rules& rules, std::size_t position, const Target& target) {
+    return {{placedText(rules, position, target)}, {position}};
+}
+
+namespace {
+
+/// Where a rule would take effect that never does at its place.
+std::string offerFor(FW::FWPROFILE profile, const RulePlace& place, const Target& target,
+                     Machine& machine) {
+    Rules& rules = profile.rules[place.adapter];
+    const FW::FWRULE rule = rules[place.position - 1];
+    eraseAt(rules, place.position);
+    const std::optional<RulePlace> better =
+        effectivePlace(std::move(profile), rule, place.adapter, machine);
+    if (!better) {
+        return "; reserved service rules stay before it";
+    }
+    const std::string position = std::to_string(better->position);
+    if (better->adapter == place.adapter) {
+        return "; at position " + position + " it does (\"tarnfw rule move " +
+               std::to_string(place.position) + " " + position + optionsText(target) + "\")";
+    }
+    Target global = target;
+    global.adapter = better->adapter;
+    return "; rules of global come before those of " + place.adapter +
+           ", so only there it does, for every adapter: tarnfw rule insert " + position + " '" +
+           ruleText(rule) + "'" + optionsText(global);
+}
+
+/// "Once applied: opens tcp 8080 on every adapter, for everybody". Empty for a rule without effect.
+std::string effectLine(Context& context, const FW::FWPROFILE& stored, const RulePlace& place,
+                       const Target& target) {
+    const RuleEffect effect = ruleEffect(stored, place, context.machine());
+    if (!effect.hasLines || effect.shadowedBy) {
+        return "";
+    }
+    std::string text =
+        effectText(stored.rules.at(place.adapter)[place.position - 1], place.adapter, effect);
+    const StoreSnapshot& store = context.store();
+    const bool always = effect.changesNothing;
+    if (!always && stored.name != store.activeProfile()) {
+        return "Once profile " + inQuotes(stored.name) + " is in use: " + text;
+    }
+    if (!always && !store.firewallEnabled()) {
+        return "Once the firewall is enabled: " + text;
+    }
+    if (!always && !target.reload.wanted) {
+        return "Once applied: " + text;
+    }
+    text.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(text.front())));
+    return text;
+}
+
+}  // namespace
+
+std::vector<std::string> warningsOf(const FW::FWPROFILE& profile, const Target& target,
+                                    const std::vector<std::size_t>& positions, Machine& machine) {
+    std::vector<RulePlace> places;
+    places.reserve(positions.size());
+    for (const std::size_t position : positions) {
+        places.push_back({target.adapter, position});
+    }
+    Texts warnings;
+    if (places.empty()) {
+        return warnings;
+    }
+    for (const Finding& finding : ruleFindings(profile, places, machine)) {
+        if (finding.isError) {
+            throw Error(ErrorKind::kInvalid, textOf(finding), {"", finding.path, finding.rule});
+        }
+        const bool shadowed =
+            finding.shadowedBy && finding.rule &&
+            std::find(places.begin(), places.end(), *finding.rule) != places.end();
+        warnings.push_back(textOf(finding) +
+                           (shadowed ? offerFor(profile, *finding.rule, target, machine) : ""));
+    }
+    return warnings;
+}
+
+void printWarnings(const std::vector<std::string>& warnings) {
+    constexpr std::size_t kMost = 3;
+    for (std::size_t i = 0; i < std::min(warnings.size(), kMost); ++i) {
+        warn(warnings[i]);
+    }
+    if (warnings.size() > kMost) {
+        warn("and " + counted(warnings.size() - kMost, "more warning"));
+    }
+}
+
+void changeRules(Context& context, const Target& target,
+                 const std::function<Outcome(FW::FWPROFILE&, Rules&)>& change) {
+    requireReloadable(context, target.reload);
+    Outcome outcome;
+    Texts warnings;
+    const FW::FWPROFILE stored = changeProfile(
+        context.session(), target.profile, target.adapter,
+        [&](FW::FWPROFILE& profile) { outcome = change(profile, profile.rules[target.adapter]); },
+        [&](const FW::FWPROFILE& profile) {
+            warnings = warningsOf(profile, target, outcome.changed, context.machine());
+            requireAppliable(context, profile, target.reload);
+        });
+    context.session().unlock();
+    for (const std::size_t position :
+         outcome.saysEffect ? outcome.changed : std::vector<std::size_t>()) {
+        const std::string effect = effectLine(context, stored, {target.adapter, position}, target);
+        if (!effect.empty()) {
+            outcome.said.push_back(effect);
+        }
+    }
+    finishChange(
+        context, stored.name, target.reload,
+        [&] {
+            for (const std::string& line : outcome.said) {
+                std::cout << printable(line) << '\n';
+            }
+            printWarnings(warnings);
+        },
+        onlyRules(stored, target.adapter, outcome.changed));
+}
+
+}  // namespace tarnfw
