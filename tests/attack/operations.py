@@ -101,6 +101,7 @@ def _written(modes):
         Operation("rule on", "rule on 2 %s" % rule),
         Operation("rule off", "rule off 1 %s" % rule),
         Operation("policy", "policy eth0 allow --profile home"),
+        Operation("log-denied", "log-denied on --profile home"),
         Operation("service reserve", "service reserve rsync --adapter eth0 allow"),
         Operation("service release", "service release ssh"),
         Operation("service update", "service update", ["profile use third"]),

@@ -458,6 +458,37 @@ for words in 'rule delete 1 --adapter eth0' 'policy eth0 deny'; do
     refused 1 'IPv4 lacks jumps INPUT -> INPUT_FIREWALL' "${words[@]}" --reload
 done
 
+# --- logging what default policies deny --------------------------------------------------------------
+
+answers 0 profile create logged
+answers 1 log-denied on --profile logged
+complains '^tarnfw: no adapter of "logged" denies by default; "tarnfw policy ADAPTER deny" sets that$'
+answers 0 policy eth0 deny --profile logged
+answers 0 policy eth1 deny --profile logged
+answers 0 rule add --adapter eth0 --profile logged allow tcp 22
+answers 0 log-denied on --profile logged
+prints <<<'Denied packets are logged: eth0, eth1'
+answers 0 log-denied on --profile logged
+prints <<<'Denied packets are logged already: eth0, eth1'
+answers 0 rule add --adapter eth0 --profile logged allow tcp 80
+silent
+answers 0 log-denied --profile logged --json
+prints_json <<'ANSWER'
+{"profile": "logged", "adapters": [{"name": "eth0", "logged": true}, {"name": "eth1", "logged": true}]}
+ANSWER
+answers 0 preview logged --family v4
+sed -n 's/^.*-A INPUT_FIREWALL -i eth0 //p' "$out/answer" >"$out/own"
+step 'new rules come before it, and it logs and denies' \
+    [ "$(grep -n -e 'port 80 ' -e '-j LOG' -e '-j DROP' "$out/own" | sed 's/:.*-j/ -j/' | tr '\n' ';')" = '2 -j RETURN;3 -j LOG;4 -j DROP;5 -j DROP;' ]
+answers 0 policy eth1 allow --profile logged
+answers 0 log-denied --profile logged
+says '^eth0  *logged$'
+step 'an adapter that no longer denies has none' [ -z "$(tarnfw profile show logged | grep -A9 '^eth1' | grep 'log denied')" ]
+answers 0 log-denied off --profile logged
+prints <<<'Denied packets are no longer logged: eth0'
+answers 0 log-denied off --profile logged
+prints <<<'No denied packets are logged'
+
 # --- two at the same time --------------------------------------------------------------------------
 
 answers 0 profile create busy

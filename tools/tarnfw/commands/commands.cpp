@@ -198,6 +198,7 @@ void addCommands(Command& app) {
     addTryCommand(app);
     addProfileCommands(app);
     addRuleCommands(app);
+    addLogDeniedCommand(app);
     addInventoryCommands(app);
     addServiceCommands(app);
     addBlockedCommand(app);

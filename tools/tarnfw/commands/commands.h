@@ -14,6 +14,7 @@ void addControlCommands(Command& app);    ///< enable, disable, reload, apply-mo
 void addTryCommand(Command& app);         ///< try
 void addProfileCommands(Command& app);    ///< profile list, show, create, ..., edit
 void addRuleCommands(Command& app);       ///< rule add, insert, ..., off; policy
+void addLogDeniedCommand(Command& app);   ///< log-denied
 void addInventoryCommands(Command& app);  ///< adapters, services
 void addServiceCommands(Command& app);    ///< service reserve, release, update; adapter rename
 void addBlockedCommand(Command& app);     ///< blocked

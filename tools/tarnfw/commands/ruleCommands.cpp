@@ -14,6 +14,7 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
+#include "commands/logDenied.h"
 #include "commands/ruleEditing.h"
 #include "process/trialState.h"
 #include "tarnfwadmin/inForce.h"
@@ -149,7 +150,8 @@ void add(const RuleCommand& command) {
         return;
     }
     changeRules(context, command.target, [&](const FW::FWPROFILE& /*profile*/, Rules& rules) {
-        const std::size_t position = command.first ? reservedAtHead(rules) + 1 : rules.size() + 1;
+        const std::size_t position =
+            command.first ? reservedAtHead(rules) + 1 : lastPositionForNew(rules);
         insertAt(rules, position, rule);
         Outcome outcome = changedAt(rules, position, command.target);
         outcome.saysEffect = true;
@@ -247,7 +249,13 @@ void setPolicy(const Target& target, const std::string& word) {
                                                   : FW::FW_POLICY_NONE;
     const FW::FWPROFILE stored = changeProfile(
         context.session(), target.profile, target.adapter,
-        [&](FW::FWPROFILE& profile) { profile.adapterPolicyMap[target.adapter] = policy; },
+        [&](FW::FWPROFILE& profile) {
+            profile.adapterPolicyMap[target.adapter] = policy;
+            const auto rules = profile.rules.find(target.adapter);
+            if (policy != FW::FW_POLICY_DENY && rules != profile.rules.end()) {
+                (void)removeLogOfDenied(rules->second);
+            }
+        },
         [&](const FW::FWPROFILE& profile) { requireAppliable(context, profile, target.reload); });
     context.session().unlock();
     FW::FWPROFILE changed = onlyRules(stored, target.adapter, {});

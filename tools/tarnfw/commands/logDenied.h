@@ -1,0 +1,22 @@
+/// Logging what default policies deny: a last rule of an adapter, which denies everything as the
+/// default policy would, and logs it. A default policy itself cannot log.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "tarnfirewall/fwTypes.h"
+
+namespace tarnfw {
+
+/// Whether the rule is one that "log-denied on" adds.
+bool isLogOfDenied(const FW::FWRULE& rule);
+
+/// The position, from 1, for a new last rule: before the log of the denied, which matches all.
+std::size_t lastPositionForNew(const std::vector<FW::FWRULE>& rules);
+
+/// Removes the log of the denied. True when there was one. For a default policy that no longer
+/// denies: else the rule would deny in its place.
+bool removeLogOfDenied(std::vector<FW::FWRULE>& rules);
+
+}  // namespace tarnfw
