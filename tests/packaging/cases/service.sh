@@ -118,8 +118,10 @@ start_adapter_service() {
     eval "within $start"
 }
 
+ip tuntap add wg0 mode tun
 within tarnfw rule add --adapter wg0 allow udp 51820
 within tarnfw policy wg0 deny
+ip link delete wg0
 within tarnfw reload
 step 'a rule for an absent interface is left out' fails grep --quiet wg0 <(list_rules)
 ip tuntap add wg0 mode tun
