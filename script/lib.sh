@@ -4,7 +4,7 @@
 # Lists of packages, all of Debian 12. To build the library and the tool:
 readonly kBuildPackages=(
     cmake g++ ninja-build pkg-config
-    libboost-dev libcli11-dev libjsoncpp-dev libkmod-dev
+    libboost-dev libcli11-dev libjsoncpp-dev libkmod-dev libmnl-dev
 )
 
 # The sandbox, and what runs in it. netbase has the names of the protocols that iptables reads and

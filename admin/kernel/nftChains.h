@@ -23,8 +23,7 @@ struct NftBaseChain {
 /// Error, kSystem, when they cannot be listed.
 std::vector<NftBaseChain> nftBaseChains();
 
-/// Those in the messages of one answer of the kernel. `ended` becomes true with its last one.
-/// Throws std::system_error with the error that the kernel answers.
-std::vector<NftBaseChain> nftBaseChainsFrom(std::string_view messages, bool& ended);
+/// Those in a part of the kernel's answer. Throws as readMessages().
+std::vector<NftBaseChain> nftBaseChainsFrom(std::string_view datagram);
 
 }  // namespace tarnfw

@@ -6,23 +6,24 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <set>
+#include <system_error>
 
 #include <json/json.h>
 #include <boost/algorithm/string/join.hpp>
 
 #include "tarnfirewall/tarnFW.h"
 
-#include "tarnfwadmin/descriptor.h"
+#include "base/netlink.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/text.h"
 
@@ -50,92 +51,38 @@ std::optional<Address> addressOf(const sockaddr* address) {
     return std::nullopt;
 }
 
-// The kernel answers at once.
-constexpr timeval kRouteWait{2, 0};
-
 std::size_t lengthOf(const Address& address) {
     return address.isIpv6() ? sizeof(in6_addr) : sizeof(in_addr);
 }
 
-/// A question for the route to an address.
-struct RouteRequest {
-    nlmsghdr header{};
-    rtmsg route{};
-    std::array<char, 2 * RTA_SPACE(sizeof(in6_addr))> attributes{};
-
-    explicit RouteRequest(const Address& peer) {
-        header.nlmsg_len = NLMSG_LENGTH(sizeof route);
-        header.nlmsg_type = RTM_GETROUTE;
-        header.nlmsg_flags = NLM_F_REQUEST;
-        route.rtm_family = peer.isIpv6() ? AF_INET6 : AF_INET;
-        add(RTA_DST, peer);
-        route.rtm_dst_len = static_cast<unsigned char>(lengthOf(peer) * CHAR_BIT);
-    }
-
-    void addSource(const Address& local) {
-        add(RTA_SRC, local);
-        route.rtm_src_len = static_cast<unsigned char>(lengthOf(local) * CHAR_BIT);
-    }
-
-private:
-    void add(unsigned short type, const Address& address) {
-        const std::size_t length = lengthOf(address);
-        char* const place = attributes.data() + (header.nlmsg_len - NLMSG_LENGTH(sizeof route));
-        rtattr attribute{};
-        attribute.rta_type = type;
-        attribute.rta_len = static_cast<unsigned short>(RTA_LENGTH(length));
-        std::memcpy(place, &attribute, sizeof attribute);
-        std::memcpy(place + RTA_LENGTH(0), address.bytes().data(), length);
-        header.nlmsg_len += static_cast<unsigned int>(RTA_SPACE(length));
-    }
-};
-
-/// The outgoing interface in the kernel's answer; 0 in an error.
-unsigned int outgoingInterface(const char* answer, std::size_t length) {
-    nlmsghdr header{};
-    if (length < NLMSG_LENGTH(sizeof(rtmsg))) {
-        return 0;
-    }
-    std::memcpy(&header, answer, sizeof header);
-    if (header.nlmsg_type != RTM_NEWROUTE) {
-        return 0;
-    }
-    std::size_t at = NLMSG_SPACE(sizeof(rtmsg));
-    const std::size_t end = std::min<std::size_t>(header.nlmsg_len, length);
-    rtattr attribute{};
-    while (at + sizeof attribute <= end) {
-        std::memcpy(&attribute, answer + at, sizeof attribute);
-        unsigned int index = 0;
-        if (attribute.rta_type == RTA_OIF && at + RTA_LENGTH(sizeof index) <= end) {
-            std::memcpy(&index, answer + at + RTA_LENGTH(0), sizeof index);
-            return index;
-        }
-        if (attribute.rta_len < sizeof attribute) {
-            return 0;
-        }
-        at += RTA_ALIGN(attribute.rta_len);
-    }
-    return 0;
+/// Adds an address to a question for a route. Returns the bits of a prefix that is just this one.
+unsigned char putAddress(nlmsghdr& request, std::uint16_t type, const Address& address) {
+    mnl_attr_put(&request, type, lengthOf(address), address.bytes().data());
+    return static_cast<unsigned char>(lengthOf(address) * CHAR_BIT);
 }
 
 }  // namespace
 
 std::optional<std::string> interfaceTowards(const Address& peer,
                                             const std::optional<Address>& local) {
-    RouteRequest request(peer);
+    std::array<char, 256> space{};  // for two addresses, at most 72 bytes are needed
+    nlmsghdr& request = *mnl_nlmsg_put_header(space.data());
+    request.nlmsg_type = RTM_GETROUTE;
+    request.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+    auto* const route = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(&request, sizeof(rtmsg)));
+    route->rtm_family = peer.isIpv6() ? AF_INET6 : AF_INET;
+    route->rtm_dst_len = putAddress(request, RTA_DST, peer);
     if (local) {
-        request.addSource(*local);
+        route->rtm_src_len = putAddress(request, RTA_SRC, *local);
     }
-    const Descriptor kernel(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-    std::array<char, 8192> answer{};
-    if (kernel.get() < 0 ||
-        setsockopt(kernel.get(), SOL_SOCKET, SO_RCVTIMEO, &kRouteWait, sizeof kRouteWait) != 0 ||
-        send(kernel.get(), &request, request.header.nlmsg_len, 0) < 0) {
-        return std::nullopt;
+    unsigned int index = 0;
+    try {
+        askKernel(NETLINK_ROUTE, request, [&index](const nlmsghdr& message) {
+            index = Attributes(message, sizeof(rtmsg)).numberAt(RTA_OIF).value_or(0);
+        });
+    } catch (const std::system_error&) {
+        return std::nullopt;  // no route, or the kernel cannot be asked
     }
-    const ssize_t length = recv(kernel.get(), answer.data(), answer.size(), 0);
-    const unsigned int index =
-        length > 0 ? outgoingInterface(answer.data(), static_cast<std::size_t>(length)) : 0;
     std::array<char, IF_NAMESIZE> name{};
     if (index == 0 || if_indextoname(index, name.data()) == nullptr) {
         return std::nullopt;

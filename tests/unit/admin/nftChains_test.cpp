@@ -7,12 +7,15 @@
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netlink.h>
 
+#include <cstring>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "base/netlink.h"
 
 namespace tarnfw {
 namespace {
@@ -59,14 +62,11 @@ std::string chainAt(unsigned int hook) {
 }
 
 TEST(NftChainsTest, GivesTheChainsAtHooks) {
-    bool ended = false;
     const std::vector<NftBaseChain> chains =
         nftBaseChainsFrom(chainMessage(NFPROTO_INET, chainAt(NF_INET_LOCAL_IN)) +
-                              chainMessage(NFPROTO_INET, named(NFTA_CHAIN_TABLE, "others") +
-                                                             named(NFTA_CHAIN_NAME, "c")) +
-                              chainMessage(NFPROTO_BRIDGE, chainAt(NF_INET_LOCAL_IN)),
-                          ended);
-    EXPECT_FALSE(ended);
+                          chainMessage(NFPROTO_INET, named(NFTA_CHAIN_TABLE, "others") +
+                                                         named(NFTA_CHAIN_NAME, "c")) +
+                          chainMessage(NFPROTO_BRIDGE, chainAt(NF_INET_LOCAL_IN)));
     ASSERT_THAT(chains, SizeIs(1));
     EXPECT_EQ(chains[0].table, NftTable("inet", "others"));
     EXPECT_EQ(chains[0].name, "pre");
@@ -74,25 +74,39 @@ TEST(NftChainsTest, GivesTheChainsAtHooks) {
     EXPECT_EQ(chains[0].hook, static_cast<unsigned int>(NF_INET_LOCAL_IN));
 }
 
-TEST(NftChainsTest, EndsWithTheLastMessage) {
-    bool ended = false;
-    EXPECT_THAT(nftBaseChainsFrom(message(NLMSG_DONE, bytesOf(0)), ended), IsEmpty());
-    EXPECT_TRUE(ended);
+TEST(NetlinkTest, EndsWithTheLastMessage) {
+    std::size_t messages = 0;
+    const auto count = [&messages](const nlmsghdr&) { ++messages; };
+    EXPECT_FALSE(readMessages(chainMessage(NFPROTO_INET, chainAt(0)), count));
+    EXPECT_EQ(messages, 1U);
+    EXPECT_TRUE(readMessages(message(NLMSG_DONE, bytesOf(0)), count));
+    EXPECT_TRUE(readMessages(message(NLMSG_ERROR, bytesOf(nlmsgerr())), count));
+    EXPECT_EQ(messages, 1U);
+}
+
+TEST(NetlinkTest, AListThatFailedOrHasChangedMeanwhileIsNone) {
+    const auto ignored = [](const nlmsghdr&) {};
+    EXPECT_THROW((void)readMessages(message(NLMSG_DONE, bytesOf(-EPERM)), ignored),
+                 std::system_error);
+    std::string changed = chainMessage(NFPROTO_INET, chainAt(0));
+    nlmsghdr header{};
+    std::memcpy(&header, changed.data(), sizeof header);
+    header.nlmsg_flags = NLM_F_DUMP_INTR;
+    std::memcpy(changed.data(), &header, sizeof header);
+    EXPECT_THROW((void)readMessages(changed, ignored), std::system_error);
 }
 
 TEST(NftChainsTest, AnErrorOrACutMessageIsNoEmptyList) {
-    bool ended = false;
     nlmsgerr refused{};
     refused.error = -EPERM;
     try {
-        (void)nftBaseChainsFrom(message(NLMSG_ERROR, bytesOf(refused)), ended);
+        (void)nftBaseChainsFrom(message(NLMSG_ERROR, bytesOf(refused)));
         FAIL();
     } catch (const std::system_error& error) {
         EXPECT_EQ(error.code().value(), EPERM);
     }
     const std::string whole = chainMessage(NFPROTO_INET, chainAt(0));
-    EXPECT_THROW((void)nftBaseChainsFrom(whole.substr(0, whole.size() - 4), ended),
-                 std::system_error);
+    EXPECT_THROW((void)nftBaseChainsFrom(whole.substr(0, whole.size() - 4)), std::system_error);
 }
 
 }  // namespace
