@@ -63,6 +63,26 @@ std::string spelled(const Address& address) {
     return text;
 }
 
+std::string spelled(const AddressRange& range) {
+    if (range.first == range.last) {
+        return spelled(range.first);
+    }
+    const std::size_t bits = range.first.isIpv6() ? 128 : 32;
+    const auto bitOf = [](const Address& address, std::size_t bit) {
+        return (address.bytes()[bit / 8] >> (7 - bit % 8) & 1) != 0;
+    };
+    std::size_t length = 0;
+    while (bitOf(range.first, length) == bitOf(range.last, length)) {
+        ++length;
+    }
+    std::size_t bit = length;
+    while (bit < bits && !bitOf(range.first, bit) && bitOf(range.last, bit)) {
+        ++bit;
+    }
+    return bit == bits ? spelled(range.first) + "/" + std::to_string(length)
+                       : spelled(range.first) + "-" + spelled(range.last);
+}
+
 std::optional<int> prefixLengthFrom(const std::string& mask, bool ipv6) {
     const std::optional<Address> bits = addressFrom(mask);
     if (bits && bits->isIpv6() == ipv6) {
@@ -114,6 +134,42 @@ bool isEveryIpv4Address(const std::string& text) {
 
 AddressRange wholeFamily(bool ipv6) {
     return networkOf(Address(ipv6, {}), 0);
+}
+
+std::optional<Address> addressAfter(const Address& address) {
+    Address::Bytes bytes = address.bytes();
+    for (std::size_t i = address.isIpv6() ? bytes.size() : kIpv4Bytes; i > 0; --i) {
+        if (++bytes[i - 1] != 0) {
+            return Address(address.isIpv6(), bytes);
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<Address> addressBefore(const Address& address) {
+    Address::Bytes bytes = address.bytes();
+    for (std::size_t i = address.isIpv6() ? bytes.size() : kIpv4Bytes; i > 0; --i) {
+        if (bytes[i - 1]-- != 0) {
+            return Address(address.isIpv6(), bytes);
+        }
+    }
+    return std::nullopt;
+}
+
+std::vector<AddressRange> gapsOf(const std::vector<AddressRange>& ranges, bool ipv6) {
+    const AddressRange whole = wholeFamily(ipv6);
+    std::vector<AddressRange> gaps;
+    std::optional<Address> next = whole.first;
+    for (const AddressRange& range : ranges) {
+        if (next && *next < range.first) {
+            gaps.push_back({*next, *addressBefore(range.first)});
+        }
+        next = addressAfter(range.last);
+    }
+    if (next) {
+        gaps.push_back({*next, whole.last});
+    }
+    return gaps;
 }
 
 }  // namespace tarnfw

@@ -1,6 +1,7 @@
 #include "tarnfwadmin/decision.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
 
 #include "machine/ruleMatch.h"
@@ -204,19 +205,6 @@ std::vector<FittingPorts> fittingPorts(const FWRULE& rule, const Packet& packet,
     return fitting;
 }
 
-constexpr std::size_t kIpv4Bytes = 4;
-
-/// The address after the last of a range; nothing after the last of all.
-std::optional<Address> after(const Address& address) {
-    Address::Bytes bytes = address.bytes();
-    for (std::size_t i = address.isIpv6() ? bytes.size() : kIpv4Bytes; i > 0; --i) {
-        if (++bytes[i - 1] != 0) {
-            return Address(address.isIpv6(), bytes);
-        }
-    }
-    return std::nullopt;
-}
-
 }  // namespace
 
 /// A list of the profile whose lines a packet meets.
@@ -346,10 +334,10 @@ std::vector<Decision> Decider::decide(const Packet& packet) {
     return std::move(pieces).result();
 }
 
-std::optional<FW::FW_POLICY> Decider::verdictForAll(Packet packet) {
-    // Between two neighbours of these, all senders are treated alike.
-    std::set<Address> senders = {Address(packet.source.isIpv6(), {})};
-    packet.source = *senders.begin();
+std::optional<std::map<Address, std::set<bool>>> Decider::deniedBySender(Packet packet) {
+    std::map<Address, std::set<bool>> denied;
+    denied[Address(packet.source.isIpv6(), {})];
+    packet.source = denied.begin()->first;
     for (const List& list : listsFor(packet)) {
         const auto rules = profile_.rules.find(list.adapter);
         if (rules == profile_.rules.end()) {
@@ -364,26 +352,56 @@ std::optional<FW::FW_POLICY> Decider::verdictForAll(Packet packet) {
                 return std::nullopt;
             }
             for (const AddressRange& range : match->ranges) {
-                senders.insert(range.first);
-                if (const std::optional<Address> next = after(range.last)) {
-                    senders.insert(*next);
+                denied[range.first];
+                if (const std::optional<Address> next = addressAfter(range.last)) {
+                    denied[*next];
                 }
             }
         }
     }
-    std::set<bool> denied;
-    for (const Address& sender : senders) {
+    for (auto& [sender, outcomes] : denied) {
         packet.source = sender;
         for (const Decision& decision : decide(packet)) {
             if (!decision.unless.empty()) {
                 return std::nullopt;
             }
-            denied.insert(decision.denied);
+            outcomes.insert(decision.denied);
         }
     }
-    return denied.size() > 1 ? FW::FW_POLICY_MIXED
-           : *denied.begin() ? FW::FW_POLICY_DENY
-                             : FW::FW_POLICY_ALLOW;
+    return denied;
+}
+
+std::optional<std::vector<AddressRange>> Decider::allowedSenders(const Packet& packet) {
+    const auto denied = deniedBySender(packet);
+    if (!denied) {
+        return std::nullopt;
+    }
+    std::vector<AddressRange> allowed;
+    bool open = false;  // the last one has no end yet
+    for (const auto& [sender, outcomes] : *denied) {
+        const bool isAllowed = outcomes.count(true) == 0;
+        if (isAllowed && !open) {
+            allowed.push_back({sender, wholeFamily(sender.isIpv6()).last});
+        } else if (!isAllowed && open) {
+            allowed.back().last = *addressBefore(sender);
+        }
+        open = isAllowed;
+    }
+    return allowed;
+}
+
+std::optional<FW::FW_POLICY> Decider::verdictForAll(const Packet& packet) {
+    const auto denied = deniedBySender(packet);
+    if (!denied) {
+        return std::nullopt;
+    }
+    std::set<bool> outcomes;
+    for (const auto& [sender, some] : *denied) {
+        outcomes.insert(some.begin(), some.end());
+    }
+    return outcomes.size() > 1 ? FW::FW_POLICY_MIXED
+           : *outcomes.begin() ? FW::FW_POLICY_DENY
+                               : FW::FW_POLICY_ALLOW;
 }
 
 const FWRULE& Decider::ruleAt(const RulePlace& place) const {

@@ -5,6 +5,7 @@
 #include <array>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tarnfirewall/fwExport.h"
 
@@ -54,6 +55,9 @@ std::optional<Address> addressFrom(const std::string& text);
 /// "192.168.1.20" or "2001:db8::1": the shortest spelling, which addressFrom() reads.
 std::string spelled(const Address& address);
 
+/// "10.0.0.5", "192.168.0.0/16" where a range is one network, else "10.0.0.5-10.0.0.9".
+std::string spelled(const AddressRange& range);
+
 /// The bits of a mask: "255.255.255.0" or "24" for IPv4 (0-32), "ffff:ffff::" or "32" for IPv6
 /// (0-128). Nothing for any other text, also for a mask with a gap in it ("255.0.255.0").
 std::optional<int> prefixLengthFrom(const std::string& mask, bool ipv6);
@@ -72,5 +76,14 @@ bool isEveryIpv4Address(const std::string& text);
 
 /// Every address of a family.
 AddressRange wholeFamily(bool ipv6);
+
+/// The next address of the family; nothing after its last one.
+std::optional<Address> addressAfter(const Address& address);
+
+/// The address before this one; nothing before the first of the family.
+std::optional<Address> addressBefore(const Address& address);
+
+/// The addresses of a family that are in none of these ranges of it, which ascend without touching.
+std::vector<AddressRange> gapsOf(const std::vector<AddressRange>& ranges, bool ipv6);
 
 }  // namespace tarnfw

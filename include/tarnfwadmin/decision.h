@@ -3,7 +3,9 @@
 /// all addresses; this decides for one.
 #pragma once
 
+#include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -87,10 +89,15 @@ public:
     /// through it meet, since it is the interface of their 6in4 tunnel.
     std::vector<std::string> tunnelOwners(const std::string& interface);
 
+    /// The addresses, of the family of the source of `packet`, from which all packets like it are
+    /// allowed: in ascending order, with gaps between them. Nothing when that cannot be said by the
+    /// address alone, or depends on a country or on a mask with gaps.
+    std::optional<std::vector<AddressRange>> allowedSenders(const Packet& packet);
+
     /// What is decided for packets like `packet` from any address of the family of its source:
     /// allowed, denied, or mixed when it depends on the address or the port; nothing when that
     /// cannot be said of all addresses at once.
-    std::optional<FW::FW_POLICY> verdictForAll(Packet packet);
+    std::optional<FW::FW_POLICY> verdictForAll(const Packet& packet);
 
     /// The rule at a place of a decision of this profile; else throws std::out_of_range.
     const FW::FWRULE& ruleAt(const RulePlace& place) const;
@@ -102,6 +109,11 @@ public:
 
 private:
     struct List;
+
+    /// Whether packets like `packet` are denied, by their sender: what a sender has is for all up
+    /// to the next one. Both where that depends on the port; nothing as for allowedSenders().
+    std::optional<std::map<Address, std::set<bool>>> deniedBySender(Packet packet);
+
     std::vector<List> listsFor(const Packet& packet);
     std::optional<AddressMatch> matchOf(const List& list, const FW::FWRULE& rule,
                                         const Packet& packet);

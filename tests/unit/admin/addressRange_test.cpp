@@ -69,6 +69,21 @@ TEST(SpelledTest, IsTheShortestSpelling) {
               "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
 }
 
+TEST(SpelledTest, ARangeIsANetworkWhereItCanBe) {
+    const auto range = [](const char* first, const char* last) {
+        return spelled(*rangeFrom(first, last));
+    };
+    EXPECT_EQ(range("10.0.0.5", "10.0.0.5"), "10.0.0.5");
+    EXPECT_EQ(range("10.0.0.4", "10.0.0.5"), "10.0.0.4/31");
+    EXPECT_EQ(range("10.0.0.5", "10.0.0.6"), "10.0.0.5-10.0.0.6");
+    EXPECT_EQ(range("10.0.0.0", "10.0.0.254"), "10.0.0.0-10.0.0.254");
+    EXPECT_EQ(range("172.16.0.0", "172.31.255.255"), "172.16.0.0/12");
+    EXPECT_EQ(spelled(wholeFamily(false)), "0.0.0.0/0");
+    EXPECT_EQ(spelled(wholeFamily(true)), "::/0");
+    EXPECT_EQ(range("fe80::", "febf:ffff:ffff:ffff:ffff:ffff:ffff:ffff"), "fe80::/10");
+    EXPECT_EQ(range("2001:db8::1", "2001:db8::2"), "2001:db8::1-2001:db8::2");
+}
+
 TEST(RangeFromTest, NeedsOneFamilyAndAscendingEnds) {
     EXPECT_EQ(textOf(rangeFrom("10.0.0.5", "10.0.0.9")), "10.0.0.5-10.0.0.9");
     EXPECT_EQ(textOf(rangeFrom("10.0.0.5", "10.0.0.5")), "10.0.0.5-10.0.0.5");
@@ -76,6 +91,25 @@ TEST(RangeFromTest, NeedsOneFamilyAndAscendingEnds) {
     EXPECT_EQ(textOf(rangeFrom("9.0.0.0", "10.0.0.0")), "9.0.0.0-10.0.0.0");
     EXPECT_EQ(textOf(rangeFrom("10.0.0.5", "2001:db8::1")), "none");
     EXPECT_EQ(textOf(rangeFrom("10.0.0.5", "")), "none");
+}
+
+TEST(GapsOfTest, AreWhatIsInNoRange) {
+    const auto gaps = [](const std::vector<AddressRange>& ranges, bool ipv6) {
+        std::string text;
+        for (const AddressRange& gap : gapsOf(ranges, ipv6)) {
+            text.append(text.empty() ? "" : " ").append(spelled(gap));
+        }
+        return text;
+    };
+    EXPECT_EQ(gaps({}, false), "0.0.0.0/0");
+    EXPECT_EQ(gaps({wholeFamily(true)}, true), "");
+    EXPECT_EQ(gaps({*networkFrom("10.0.0.0", "8"), *networkFrom("12.0.0.0", "8")}, false),
+              "0.0.0.0-9.255.255.255 11.0.0.0/8 13.0.0.0-255.255.255.255");
+    EXPECT_EQ(
+        gaps({*rangeFrom("0.0.0.0", "192.168.1.76"), *rangeFrom("192.168.1.78", "255.255.255.255")},
+             false),
+        "192.168.1.77");
+    EXPECT_EQ(gaps({*networkFrom("8000::", "1")}, true), "::/1");
 }
 
 TEST(AddressRangeTest, ContainsItsEndsAndNothingOfTheOtherFamily) {

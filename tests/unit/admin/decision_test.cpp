@@ -560,6 +560,42 @@ TEST_F(TunnelTest, TheVerdictIsForAllSenders) {
     EXPECT_EQ(verdict(), "allowed");
 }
 
+// ---- Who is allowed ----
+
+std::string allowedTo(const FWPROFILE& profile, const char* family) {
+    tarnfw::Machine machine;
+    Packet packet = kPacket;
+    packet.source = *tarnfw::addressFrom(family);
+    const auto senders =
+        tarnfw::Decider(profile, machine, tarnfw::ApplyMode::kBatch).allowedSenders(packet);
+    if (!senders) {
+        return "depends";
+    }
+    std::string text;
+    for (const tarnfw::AddressRange& range : *senders) {
+        text.append(text.empty() ? "" : " ").append(tarnfw::spelled(range));
+    }
+    return text;
+}
+
+TEST(AllowedSendersTest, AreRangesWithGapsBetweenThem) {
+    FWPROFILE profile;
+    EXPECT_EQ(allowedTo(profile, "0.0.0.0"), "0.0.0.0/0");
+    EXPECT_EQ(allowedTo(profile, "::"), "::/0");
+    profile.adapterPolicyMap["eth0"] = kDeny;
+    EXPECT_EQ(allowedTo(profile, "0.0.0.0"), "");
+    profile.rules["eth0"] = {from(everything(kDeny), 1, {"10.3.0.0", "16"}),
+                             from(ports(kAllow, {"22"}), 1, {"10.0.0.0", "8"}),
+                             from(ports(kAllow, {"22"}), 1, {"11.0.0.0", "8"}),
+                             from(ports(kAllow, {"23"}), 1, {"12.0.0.0", "8"})};
+    EXPECT_EQ(allowedTo(profile, "0.0.0.0"), "10.0.0.0-10.2.255.255 10.4.0.0-11.255.255.255");
+    EXPECT_EQ(allowedTo(profile, "::"), "");
+    profile.adapterPolicyMap["eth0"] = kAllow;
+    EXPECT_EQ(allowedTo(profile, "0.0.0.0"), "0.0.0.0-10.2.255.255 10.4.0.0-255.255.255.255");
+    profile.rules["eth0"].push_back(kUnknownTo);
+    EXPECT_EQ(allowedTo(profile, "0.0.0.0"), "depends");
+}
+
 // ---- Forwarded ----
 
 TEST(ForwardedTest, MeetsTheRulesForBothInterfacesInTheForwardChain) {
