@@ -203,6 +203,7 @@ void addCommands(Command& app) {
     addServiceCommands(app);
     addBlockedCommand(app);
     addExplainCommand(app);
+    addOpenCommand(app);
     addPreviewCommand(app);
     addCheckCommand(app);
     addDiffCommand(app);

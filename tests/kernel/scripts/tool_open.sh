@@ -1,0 +1,123 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# "open": what listens, and who may reach it, compared with packets that arrive or do not.
+make_links <<'END'
+veth eth0 192.168.1.10/24 fd00::10/64 lan 192.168.1.20/24 10.9.0.20/24 fd00::20/64
+veth eth1 192.168.2.10/24 wan 192.168.2.20/24
+END
+ip address add 10.9.0.10/24 dev eth0
+
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+# listen: one socket of each sort, until the test ends.
+listen() {
+    local ready
+    exec {ready}< <(exec /usr/bin/python3 -c '
+import socket, time
+def take(family, kind, address, port, only6=0):
+    taken = socket.socket(family, kind)
+    if family == socket.AF_INET6:
+        taken.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, only6)
+    taken.bind((address, port))
+    if kind == socket.SOCK_STREAM:
+        taken.listen()
+    return taken
+V4, V6, TCP, UDP = socket.AF_INET, socket.AF_INET6, socket.SOCK_STREAM, socket.SOCK_DGRAM
+kept = [
+    take(V4, TCP, "127.0.0.1", 3306), take(V6, TCP, "::", 8000), take(V6, TCP, "::", 8443, 1),
+    take(V4, TCP, "192.168.2.10", 9000), take(V4, UDP, "0.0.0.0", 5353),
+]
+own = take(V4, UDP, "0.0.0.0", 7000)
+own.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, b"eth1")
+print("ready", flush=True)
+time.sleep(600)')
+    [[ $(head -n 1 <&"$ready") == ready ]] || fail 'cannot listen'
+}
+
+# shows: like prints, without the numbers of processes and with two blanks between columns.
+shows() {
+    sed --in-place -e 's/ ([0-9]*)//' -e 's/   */  /g' -e 's/ *$//' "$out/answer"
+    prints
+}
+
+serve tcp/22 tcp/8080
+listen
+answers 0 base up
+answers 0 open
+shows <<'END'
+Firewall disabled: nothing is blocked
+Port  Program  Adapter  Open to
+tcp 22  packet_probe  eth0, eth1  everybody
+tcp 3306  python3  lo  this machine alone
+tcp 8000  python3  eth0, eth1  everybody
+tcp 8080  packet_probe  eth0, eth1  everybody
+tcp 8443  python3  eth0, eth1  everybody (IPv6)
+tcp 9000  python3  eth0, eth1  everybody (IPv4)
+udp 5353  python3  eth0, eth1  everybody (IPv4)
+udp 7000  python3  eth1  everybody (IPv4)
+END
+
+cat >"$kProfileDirectory/some.json" <<'END'
+{"name": "some", "adapterPolicyMap": {"eth0": 1, "eth1": 1}, "rules": {}}
+END
+activate some
+answers 0 rule add --adapter eth0 --profile some deny from 192.168.1.77
+answers 0 rule add --adapter eth0 --profile some allow tcp 22 from 192.168.1.0/24
+answers 0 rule add --adapter eth0 --profile some allow tcp 22 from fd00::/64
+answers 0 rule add --adapter eth0 --profile some allow tcp 8080
+answers 0 rule add --adapter eth1 --profile some allow tcp 9000 from 192.168.2.20
+answers 0 enable
+
+answers 0 open
+shows <<'END'
+Profile "some"
+Port  Program  Adapter  Open to
+tcp 22  packet_probe  eth0  IPv4: 192.168.1.0-192.168.1.76, 192.168.1.78-192.168.1.255; IPv6: fd00::/64
+  eth1  nobody
+tcp 3306  python3  lo  this machine alone
+tcp 8000  python3  eth0, eth1  nobody
+tcp 8080  packet_probe  eth0  IPv4: everybody but 192.168.1.77; IPv6: everybody
+  eth1  nobody
+tcp 8443  python3  eth0, eth1  nobody (IPv6)
+tcp 9000  python3  eth0  nobody (IPv4)
+  eth1  192.168.2.20 (IPv4)
+udp 5353  python3  eth0, eth1  nobody (IPv4)
+udp 7000  python3  eth1  nobody (IPv4)
+END
+
+answers 0 open --from 192.168.1.20 --adapter eth0
+says '^Port  *Program  *Adapter  *From 192\.168\.1\.20$'
+says '^tcp 22 .* open$'
+says '^tcp 9000 .* closed$'
+answers 0 open --from 10.9.0.20 --adapter eth0
+says '^tcp 22 .* closed$'
+says '^tcp 8080 .* open$'
+step 'packets agree' check_packets <<'END'
+tcp4 192.168.1.10 22 open
+tcp4 10.9.0.10 22 blocked 10.9.0.20
+tcp4 10.9.0.10 8080 open 10.9.0.20
+tcp6 fd00::10 22 open
+tcp6 fd00::10 8080 open
+END
+
+answers 0 open --adapter eth1 --json
+step 'the ranges as data' jq --exit-status '
+    [.ports[] | select(.port == "tcp 9000") | .adapters[]] ==
+    [{"name": "eth1", "v4": ["192.168.2.20"], "v6": null, "acceptedBefore": [], "droppedBy": [],
+      "redirects": []}]' "$out/answer"
+
+# What others do, and what is not in force, is said.
+iptables -I INPUT -p tcp --dport 8000 -j ACCEPT
+iptables -I INPUT -p tcp --dport 8080 -j DROP
+answers 11 open --adapter eth0
+says '^tcp 8000 .*nobody; but accepted before it by: -A INPUT -p tcp -m tcp --dport 8000 -j ACCEPT (IPv4)'
+says '^tcp 8080 .*but .*dropped by: -A INPUT -p tcp -m tcp --dport 8080 -j DROP (IPv4)'
+iptables -D INPUT -p tcp --dport 8000 -j ACCEPT
+iptables -D INPUT -p tcp --dport 8080 -j DROP
+iptables -F INPUT_FIREWALL
+answers 11 open
+says '^The kernel does not do this: '
+
+answers 5 open --adapter eth7
+complains '"eth7"'
+answers 2 open --from nowhere
