@@ -25,9 +25,8 @@ void requireValidProfile(const FW::FWPROFILE& profile, Machine& machine) {
     const std::vector<Finding> findings = checkProfile(document, machine);
     const auto first = std::find_if(findings.begin(), findings.end(),
                                     [](const Finding& finding) { return finding.isError; });
-    const std::string text = "profile " + inQuotes(profile.name) + " has " +
-                             counted(errors, "error") + (errors == 1 ? ": " : ", the first: ") +
-                             textOf(*first);
+    const std::string text = textOf(*first) + "; profile " + inQuotes(profile.name) + " has " +
+                             counted(errors, "error") + (errors == 1 ? "" : ", this is the first");
     throw Error(ErrorKind::kInvalid, text, {"", first->path, first->rule});
 }
 

@@ -236,8 +236,9 @@ std::vector<std::string> closeOpenedPolicies() {
     }
     const FileLock lock(kReloadLock, kReloadLockSeconds);
     if (!lock.held()) {
-        throw Error(ErrorKind::kBusy, std::string("policies were not put back: cannot lock ") +
-                                          kReloadLock + ": a reload is running or stopped");
+        throw Error(ErrorKind::kBusy,
+                    std::string("cannot lock ") + kReloadLock +
+                        ": a reload is running or stopped; policies were not put back");
     }
     std::vector<std::string> closed;
     for (const auto& [family, listing] : MachineKernel().listFilters()) {

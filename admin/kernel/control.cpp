@@ -33,7 +33,7 @@ namespace tarnfw {
 namespace {
 
 constexpr char kModulesOwner[] = "firewall";
-constexpr std::size_t kMostNamed = 3;  // refused lines in a message
+constexpr std::size_t kMostNamed = 3;  // further rules in a message about refused lines
 
 std::string applyingText(const StoreSession& session) {
     return "Applying the rules of " + inQuotes(session.snapshot().activeProfile());
@@ -60,9 +60,8 @@ void requireTranslation(const FW::FWPROFILE& profile, ApplyMode mode,
         return;
     }
     if (translation.serviceCatalogue() == nullptr) {
-        throw Error(ErrorKind::kInvalid,
-                    "profile " + inQuotes(profile.name) +
-                        " cannot be translated: the service catalogue cannot be read");
+        throw Error(ErrorKind::kInvalid, "the service catalogue cannot be read, so profile " +
+                                             inQuotes(profile.name) + " cannot be translated");
     }
     (void)tracedLines(profile, mode);  // throws, with the rule
     throw Error(ErrorKind::kInvalid, "profile " + inQuotes(profile.name) + " cannot be translated");
@@ -82,13 +81,22 @@ void requireTaken(const FW::FWPROFILE& profile, const std::vector<RefusedLine>& 
     if (refused.empty()) {
         return;
     }
-    std::string text = "this kernel refuses " + counted(refused.size(), "line") + " of profile " +
-                       inQuotes(profile.name) + ": ";
-    for (std::size_t i = 0; i < std::min(refused.size(), kMostNamed); ++i) {
-        text += (i == 0 ? "" : "; ") + ownerOf(refused[i].line) + ", " +
-                inQuotes(refused[i].line.line) + ": " + refused[i].reason;
-    }
     const TracedLine& first = refused.front().line;
+    std::string text = ownerOf(first) + ": this kernel refuses " + inQuotes(first.line) + ": " +
+                       refused.front().reason + "; profile " + inQuotes(profile.name) + " has " +
+                       counted(refused.size(), "line") + " that it refuses";
+    std::vector<std::string> others;
+    for (const RefusedLine& other : refused) {
+        const std::string owner = ownerOf(other.line);
+        if (owner != ownerOf(first) &&
+            std::find(others.begin(), others.end(), owner) == others.end()) {
+            others.push_back(owner);
+        }
+    }
+    for (std::size_t i = 0; i < std::min(others.size(), kMostNamed); ++i) {
+        text += (i == 0 ? ", also of " : ", ") + others[i];
+    }
+    text += others.size() > kMostNamed ? ", ..." : "";
     throw Error(
         ErrorKind::kRefused, text,
         {"", "", first.place.position > 0 ? std::optional<RulePlace>(first.place) : std::nullopt});
@@ -121,6 +129,18 @@ void requireKernelTakes(const FW::FWPROFILE& profile, FW::TARNFW_IPTABLES_RULES&
         }
     }
     requireTaken(profile, refused);
+}
+
+/// Throws Error for lines that this kernel refuses, where that can be found out.
+void requireNoRefusedLine(const FW::FWPROFILE& profile) {
+    try {
+        FW::TARNFW_IPTABLES_RULES translation;
+        requireKernelTakes(profile, translation);
+    } catch (const Error& failure) {
+        if (failure.kind() == ErrorKind::kRefused) {
+            throw;
+        }
+    }
 }
 
 // ---- After a reload ----
@@ -178,8 +198,8 @@ bool storeStatus(bool enabled) {
 bool disableLocked() {
     const FileLock lock(kReloadLock, kReloadLockSeconds);
     if (!lock.held()) {
-        throw Error(ErrorKind::kBusy, std::string("nothing was changed: cannot lock ") +
-                                          kReloadLock + ": a reload is running or stopped");
+        throw Error(ErrorKind::kBusy, std::string("cannot lock ") + kReloadLock +
+                                          ": a reload is running or stopped; nothing was changed");
     }
     const ReloadGuard guard(ReloadGuard::Lock::kHeld);
     const bool stored = FW::TARNFW().fwDisable();
@@ -267,10 +287,9 @@ void Control::requireApplicable() {
 
 std::string Control::kernelRefusal(const FW::FWPROFILE& profile) {
     try {
-        FW::TARNFW_IPTABLES_RULES translation;
-        requireKernelTakes(profile, translation);
+        requireNoRefusedLine(profile);
     } catch (const Error& failure) {
-        return failure.kind() == ErrorKind::kRefused ? failure.what() : "";
+        return failure.what();
     }
     return "";
 }
@@ -308,9 +327,10 @@ void Control::runGuarded(const std::string& failed, const Operation& operation, 
             failure.emplace(ErrorKind::kRefused, failed);
         }
     } catch (const Error& error) {
-        failure.emplace(error.kind(), failed + ": " + error.what());
+        failure.emplace(error.kind(), error.what() + ("; " + failed), error.place(),
+                        error.remedy());
     } catch (const std::exception& error) {
-        failure.emplace(ErrorKind::kSystem, failed + ": " + reasonOf(error));
+        failure.emplace(ErrorKind::kSystem, reasonOf(error) + "; " + failed);
     }
     if (!failure) {
         std::string text;
@@ -336,9 +356,10 @@ void Control::runGuarded(const std::string& failed, const Operation& operation, 
             }
             if (failure->kind() == ErrorKind::kRefused) {
                 requireApplicable();
+                requireNoRefusedLine(session_.snapshot().profile(""));
             }
         } catch (const Error& error) {
-            failure.emplace(error.kind(), failed + ": " + error.what(), error.place(),
+            failure.emplace(error.kind(), error.what() + ("; " + failed), error.place(),
                             error.remedy());
         }
     }
@@ -436,7 +457,7 @@ bool Control::apply() {
             requireApplicable();
         }
     } catch (const Error& failure) {
-        throw Error(failure.kind(), failed + ": " + failure.what() + "; nothing was changed",
+        throw Error(failure.kind(), failure.what() + ("; " + failed) + "; nothing was changed",
                     failure.place(), failure.remedy());
     }
     runGuarded(

@@ -49,8 +49,8 @@ constexpr char kPassingName[] = "/usr/tarn/etc/firewall.d/.change/put_back";
 [[noreturn]] void refuse() {
     const int error = errno;
     dropCopies();
-    throw Error(ErrorKind::kSystem, std::string("nothing was changed: cannot store a copy in ") +
-                                        kCopyDir + ": " + std::strerror(error));
+    throw Error(ErrorKind::kSystem, std::string("cannot store a copy in ") + kCopyDir + ": " +
+                                        std::strerror(error) + "; nothing was changed");
 }
 
 /// Flushes a file or directory. False, with errno, when that fails.
@@ -170,8 +170,8 @@ bool beginApplying() {
         return true;
     }
     if (errno != EEXIST) {
-        throw Error(ErrorKind::kSystem, std::string("nothing was applied: cannot create ") +
-                                            kApplying + ": " + std::strerror(errno));
+        throw Error(ErrorKind::kSystem, std::string("cannot create ") + kApplying + ": " +
+                                            std::strerror(errno) + "; nothing was applied");
     }
     return false;
 }

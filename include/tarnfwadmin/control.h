@@ -60,7 +60,7 @@ public:
     void requireApplicable();
 
     /// Why requireApplicable() would refuse the lines of a profile in apply mode "lines", and a
-    /// reload in "batch": "this kernel refuses 1 line of profile ..."; empty when the kernel takes
+    /// reload in "batch": "rule 3 of eth0: this kernel refuses ..."; empty when the kernel takes
     /// all of them, or nobody can tell.
     static std::string kernelRefusal(const FW::FWPROFILE& profile);
 

@@ -14,8 +14,8 @@ namespace TARNFW_EXPORT_ALL tarnfw {
 
 class Machine;
 
-/// Throws Error, kInvalid, with the number of errors that checkProfile() finds in the profile and
-/// the first of them, which is also the error's place.
+/// Throws Error, kInvalid, with the first error that checkProfile() finds in the profile, which is
+/// also the error's place, and the number of errors.
 void requireValidProfile(const FW::FWPROFILE& profile, Machine& machine);
 
 /// Changes what a profile says about an adapter and stores the profile: `edit` alters a copy of it,

@@ -156,11 +156,11 @@ static void with_base(const char* file) {
     add_in_threads();
     spoil(file);
     EXPECT(add_rule("home", "eth0", "allow any"), TARNFWADMIN_INVALID,
-           "profile \"home\" has 1 error: ");
-    EXPECT(enable(), TARNFWADMIN_INVALID, "profile \"home\" has 1 error: ");
+           "rule 1 of eth0: ");
+    EXPECT(enable(), TARNFWADMIN_INVALID, "rule 1 of eth0: ");
     (void)remove(file);
     EXPECT(reload(), TARNFWADMIN_NOT_FOUND,
-           "the active profile was not applied: there are no profiles");
+           "there are no profiles");
     EXPECT(enable(), TARNFWADMIN_NOT_FOUND, "there are no profiles");
     EXPECT(decide("10.0.0.5", "tcp/22", "eth0"), -TARNFWADMIN_NOT_FOUND, "there are no profiles");
     EXPECT(disable(), TARNFWADMIN_OK, "the firewall is disabled");

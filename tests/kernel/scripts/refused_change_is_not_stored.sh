@@ -25,7 +25,7 @@ else
         'rule insert 1 --adapter eth0 deny from country DE --v4'
         'rule set 1 --adapter eth0 deny from country DE --v4')
 fi
-readonly kWarning='stored, but a reload would be refused: this kernel refuses '
+readonly kWarning='^tarnfw: rule [0-9]* of [a-z0-9]*: this kernel refuses .*; stored, but a reload would be refused$'
 ip link add eth7 type veth peer name far7
 for mode in lines batch; do
     answers 0 apply-mode "$mode"
@@ -43,7 +43,7 @@ for mode in lines batch; do
     done
 
     answers 0 rule on 3 --adapter eth0
-    step 'a warning' grep --quiet "$kWarning.*rule 3 of eth0" "$out/complaint"
+    step 'a warning' grep --quiet "${kWarning/\[0-9\]\* of/3 of}" "$out/complaint"
     answers 1 reload
     for command in 'profile copy deny_by_default other' "import --yes $out/refused.json" \
         "profile create third --from $out/refused_profile.json" \
@@ -66,7 +66,7 @@ done
 answers 0 service reserve rsync --adapter eth0 allow --reload
 says '^Profile "deny_by_default" applied$'
 step 'a warning about the other profile' \
-    [ "$(grep --count "${kWarning}.* of profile \"refused\": rule 4 of eth0" "$out/complaint")" = 1 ]
+    [ "$(grep --count "^tarnfw: rule 4 of eth0: this kernel refuses .*; profile \"refused\" has .*; stored, but" "$out/complaint")" = 1 ]
 step 'and no other' [ "$(grep --count "$kWarning" "$out/complaint")" = 1 ]
 answers 0 import --yes "$out/all.json"
 answers 0 disable

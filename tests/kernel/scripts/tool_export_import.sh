@@ -103,7 +103,7 @@ says '^new  *added  *2.json$'
 answers 2 import
 answers 2 import --json next.json
 answers 1 import next.json </dev/null
-complains '^tarnfw: nothing was imported: there is no terminal to ask on; use --yes$'
+complains '^tarnfw: there is no terminal to ask on (--yes asks nothing); nothing was imported$'
 answers 1 import --yes missing.json
 complains '^tarnfw: cannot read missing.json: No such file or directory$'
 answers 0 import --yes all.json
@@ -122,7 +122,7 @@ refuses_document() {
         fail "not refused for: $2"
     }
     step 'one line says what came of it' [ \
-        "$(grep --count '^tarnfw: nothing was imported: [0-9]* errors\? in hostile.json$' \
+        "$(grep --count '^tarnfw: hostile.json has [0-9]* errors\?; nothing was imported$' \
             "$out/complaint")" = 1 ]
     step 'the store is untouched' same_store before
 }
@@ -168,13 +168,13 @@ step 'the finding, with its place' grep --quiet --line-regexp \
     'faulty.json: config_profiles\["deny_by_default.json"\]: rule 2 of eth0: portList entry 1: "99999" is not a port (0-65535) or a range of ports (6000-6010)' \
     "$out/complaint"
 step 'one line says what came of it' grep --quiet --line-regexp \
-    'tarnfw: nothing was imported: 1 error in faulty.json' "$out/complaint"
+    'tarnfw: faulty.json has 1 error; nothing was imported' "$out/complaint"
 step 'the store is untouched' same_store before
 
 # A file that no backup would keep.
 printf '{"mine": true}\n' >"$kProfileDirectory/2.json"
 answers 1 import --yes next.json
-complains "^tarnfw: nothing was imported: $kProfileDirectory/2.json would be replaced, but is not a profile"
+complains "^tarnfw: $kProfileDirectory/2.json would be replaced, but is not a profile .*; nothing was imported$"
 step 'it is there' [ "$(<"$kProfileDirectory/2.json")" = '{"mine": true}' ]
 rm "$kProfileDirectory/2.json"
 # Settings that the library would fail with, when it had deleted the profiles.
@@ -238,7 +238,7 @@ not_disabled() {
     answers 1 import --yes --reload all.json
     cp /tmp/whole/* /tmp/wrapped
     step "it says: $1" grep --quiet \
-        "^tarnfw: the import failed ($1); the previous configuration is restored$" "$out/complaint"
+        "^tarnfw: $1; the import failed, and the previous configuration is restored$" "$out/complaint"
     refuses 'nothing else is said' grep '^Imported\|^Firewall' "$out/answer"
     step 'nothing is stored' same_files enabled
     step 'the old rules are in force' same_listing enabled
@@ -337,7 +337,7 @@ cp /tmp/store/*.json "$kProfileDirectory"
 jq '.config_profiles["2.json"] = (.config_profiles["deny_by_default.json"] | .name = "large"
     | .rules.eth0[0].labelList = [range(3000) | tostring])' all.json >large.json
 answers 1 import --yes large.json
-complains '^tarnfw: the import failed (.*); the previous configuration is restored$'
+complains '^tarnfw: .*; the import failed, and the previous configuration is restored$'
 answers 0 export
 step 'it is' diff <(configuration all.json) <(configuration "$out/answer")
 umount "$kProfileDirectory"

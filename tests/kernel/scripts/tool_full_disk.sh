@@ -71,9 +71,9 @@ fill() {
     cat /dev/zero >>"$kProfileDirectory/filler" 2>/dev/null || true
 }
 fill
-writing_commands '^tarnfw: nothing was changed: cannot store a copy in .*: No space left on device'
+writing_commands '^tarnfw: cannot store a copy in .*: No space left on device; nothing was changed'
 jq '.config_firewall_settings.apply = "batch"' <(tarnfw export) >/tmp/all.json
-refused_whole '^tarnfw: nothing was changed: cannot store a copy in .*: No space left on device' \
+refused_whole '^tarnfw: cannot store a copy in .*: No space left on device; nothing was changed' \
     import --yes /tmp/all.json
 step 'the rules are those of before' same_listing enabled
 
@@ -94,7 +94,7 @@ umount "$kProfileDirectory"
 # A store that has nothing yet.
 mount -t tmpfs -o size=64k tmpfs "$kProfileDirectory"
 fill
-refused_whole 'nothing was changed: cannot store a copy\|could not be written completely' base up
+refused_whole 'cannot store a copy\|could not be written completely' base up
 umount "$kProfileDirectory"
 
 # --- files that may not grow -----------------------------------------------------------------------
@@ -108,7 +108,7 @@ may_not_grow() {
 }
 keep_files grown
 step 'refused' [ "$(may_not_grow rule add allow tcp 80 --adapter eth0)" = \
-    "tarnfw: nothing was changed: cannot store a copy in $kProfileDirectory/.change/: File too large" ]
+    "tarnfw: cannot store a copy in $kProfileDirectory/.change/: File too large; nothing was changed" ]
 step 'the files are as they were' same_files grown
 
 # --- a command that was killed ---------------------------------------------------------------------

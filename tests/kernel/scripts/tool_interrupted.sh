@@ -62,7 +62,7 @@ prints <<<'Profile "deny_by_default" applied'
 # The log comes of a reload that fails alone, and does not end it.
 sed -i 's/"policy" : 0/"policy" : 7/' "$kProfileDirectory/deny_by_default.json"
 answers 3 reload
-step 'the reason' grep --quiet '^tarnfw: .*: rule 1 of eth0 cannot be translated' "$out/complaint"
+step 'the reason' grep --quiet '^tarnfw: rule 1 of eth0 cannot be translated, .*; the active profile was not applied; ' "$out/complaint"
 step 'the policies accept' policies_accept
 interrupt nobody_reads reload
 step 'the policies accept' policies_accept

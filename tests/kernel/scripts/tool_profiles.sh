@@ -212,7 +212,7 @@ refused 5 '^tarnfw: there is no profile "nowhere" ' profile use nowhere
 refused 5 '^tarnfw: there is no profile "opne"; did you mean "open"? (profiles: ' profile use opne
 # A reload of it would leave the machine open.
 sed 's/"policy" : 0/"policy" : 7/; s/"lan-only"/"broken"/' "$example" >"$kProfileDirectory/broken.json"
-refused 3 '^tarnfw: profile "broken" has 6 errors, the first: rule 1 of eth0: policy: 7 is not one of 0, 1, 2$' \
+refused 3 '^tarnfw: rule 1 of eth0: policy: 7 is not one of 0, 1, 2; profile "broken" has 6 errors, this is the first$' \
     profile use broken --reload
 step 'the rules are the same' same_listing default
 step 'default stays the active one' [ "$(setting profile)" = default ]

@@ -136,15 +136,23 @@ prints_json <<'END'
                "source": {"protocol": "udp", "ports": ["67"]}}]}
 END
 answers 5 services no_such_thing
-complains '^tarnfw: no service of the catalogue matches "no_such_thing"$'
+complains '^tarnfw: no service of the catalogue matches "no_such_thing" ("tarnfw services" lists them)$'
+# Whatever names a service that does not exist ends in the same way.
+for words in 'services sshh' 'service reserve sshh --adapter eth0 allow' 'service release sshh' \
+    'rule add allow service sshh' 'rule insert 1 allow service http,sshh' 'rule set 1 deny service sshh' \
+    'rule delete allow service sshh' 'blocked --service sshh' 'explain --service sshh'; do
+    read -r -a arguments <<<"$words"
+    answers 5 "${arguments[@]}"
+    complains '^tarnfw: .*"sshh"; did you mean "ssh"? ("tarnfw services" lists them)$'
+done
 
 # --- service reserve -------------------------------------------------------------------------------
 
 # A service that the catalogue has lost: a profile that was enabled before is still applied.
-refused 3 '^tarnfw: profile "home" has 1 error: rule [0-9]* of [a-z0-9]*: ' enable
+refused 3 '^tarnfw: rule [0-9]* of [a-z0-9]*: .*; profile "home" has 1 error$' enable
 sed -i 's/"status" *: *false/"status": true/' "$kSettings"
 answers 0 reload
-complains '^tarnfw: profile "home" has 1 error; "tarnfw check home" lists it$'
+complains '^tarnfw: rule [0-9]* of [a-z0-9]*: .*; profile "home" has 1 error; "tarnfw check home" lists all$'
 keep_listing enabled
 answers 0 service reserve ssh --adapter eth0 deny
 silent

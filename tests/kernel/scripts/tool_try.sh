@@ -134,7 +134,7 @@ sed 's/"name" *: *"[^"]*"\(,\{0,1\}\)$/&/; s/"192.168.1.20"/"'"$words"'"/' \
     "$checkout/tests/kernel/cases/single_address/profile.json" >"$kProfileDirectory/broken.json"
 step 'the profile is broken' grep --quiet "$words" "$kProfileDirectory/broken.json"
 answers 1 try single_address
-complains '^tarnfw: this kernel refuses [0-9]* lines\{0,1\} of profile "single_address": '
+complains '^tarnfw: rule [0-9]* of [a-z0-9]*: this kernel refuses .*; profile "single_address" has [0-9]* lines\{0,1\} that it refuses'
 gone_back
 # Without the right to try them elsewhere, the library finds it, and disables the firewall.
 refuses 'a trial ends' setpriv --bounding-set -sys_admin \

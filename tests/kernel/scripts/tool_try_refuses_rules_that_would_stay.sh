@@ -36,11 +36,11 @@ for mode in lines batch; do
     cp -- "$kSettings" /tmp/settings
 
     change_rule table '"raw"'
-    refused 1 "^tarnfw: profile \"$new\" cannot be tried: rule 1 of eth0 is for the table \"raw\", where it would stay in force afterwards$" \
+    refused 1 "^tarnfw: rule 1 of eth0 is for the table \"raw\", where it would stay in force afterwards; profile \"$new\" cannot be tried$" \
         try "$new" --timeout 1
     change_rule table '"filter"'
     change_rule chainList '["INPUT_FIREWALL", "INPUT"]'
-    refused 1 "^tarnfw: profile \"$new\" cannot be tried: rule 1 of eth0 is for the chain \"INPUT\", where it would stay in force afterwards$" \
+    refused 1 "^tarnfw: rule 1 of eth0 is for the chain \"INPUT\", where it would stay in force afterwards; profile \"$new\" cannot be tried$" \
         try "$new" --timeout 1
     step 'no table has changed' diff -u "$out/before" <(every_table)
     gone_back

@@ -131,14 +131,14 @@ TEST_F(ControlTest, WhatTheRunnerThrowsKeepsItsKind) {
         return false;
     });
     expectError(ErrorKind::kBusy,
-                "the rules could not be applied: another one runs; the firewall stays off",
+                "another one runs; the rules could not be applied; the firewall stays off",
                 [this] { enable(); });
     next([] {
         throw std::runtime_error("no memory");
         return false;
     });
     expectError(ErrorKind::kSystem,
-                "the rules could not be applied: no memory; the firewall stays off",
+                "no memory; the rules could not be applied; the firewall stays off",
                 [this] { enable(); });
     EXPECT_FALSE(enabled());
 }

@@ -144,8 +144,8 @@ TEST_F(RuleChangeTest, AnInvalidRuleIsNotStored) {
     ASSERT_TRUE(error);
     EXPECT_EQ(error->kind(), ErrorKind::kInvalid);
     EXPECT_EQ(std::string(error->what()),
-              "profile \"home\" has 1 error: rule 3 of global: portList entry 1: \"99999\" is not "
-              "a port (0-65535) or a range of ports (6000-6010)");
+              "rule 3 of global: portList entry 1: \"99999\" is not a port (0-65535) or a range of "
+              "ports (6000-6010); profile \"home\" has 1 error");
     ASSERT_TRUE(error->place().rule);
     EXPECT_EQ(placeText(*error->place().rule), "rule 3 of global");
     EXPECT_EQ(contentOf(kHomeFile), before_);
@@ -158,8 +158,8 @@ TEST_F(RuleChangeTest, AnErrorThatWasThereBeforeStopsItToo) {
     StoreSession session(StoreSession::Access::kChange);
     Machine machine;
     expectError(ErrorKind::kInvalid,
-                "profile \"home\" has 2 errors, the first: rule 1 of global: portList entry 1: "
-                "\"x\" is not a port (0-65535) or a range of ports (6000-6010)",
+                "rule 1 of global: portList entry 1: \"x\" is not a port (0-65535) or a range of "
+                "ports (6000-6010); profile \"home\" has 2 errors, this is the first",
                 [&] { addRule(session, "home", "global", portRule("80"), machine); });
     EXPECT_EQ(contentOf(kHomeFile), before);
 }

@@ -468,7 +468,7 @@ TEST_F(AppliedChangeTest, IsNotAppliedWhenItsBeginningCannotBeRecorded) {
             mount(nullptr, copies.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0);
         expectError(
             ErrorKind::kSystem,
-            "nothing was applied: cannot create " + copies + "/applying: Read-only file system",
+            "cannot create " + copies + "/applying: Read-only file system; nothing was applied",
             [&] { (void)session.applyChange([&] { return applied = true; }); });
         ASSERT_EQ(umount(copies.c_str()), 0);
         EXPECT_FALSE(applied);

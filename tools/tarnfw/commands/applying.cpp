@@ -80,12 +80,12 @@ void addReloadFlag(Command& command, ReloadOptions& options, const char* yesHelp
 }
 
 std::string errorsText(const FW::FWPROFILE& profile, Machine& machine) {
-    const std::size_t errors = errorsOf(profile, machine);
-    const std::string name = printable(profile.name);
-    return errors == 0
-               ? std::string()
-               : "profile \"" + name + "\" has " + counted(errors, "error") + "; \"tarnfw check " +
-                     name + "\" lists " + (errors == 1 ? "it" : "them");
+    try {
+        requireValidProfile(profile, machine);
+    } catch (const Error& error) {
+        return error.what() + ("; \"tarnfw check " + printable(profile.name) + "\" lists all");
+    }
+    return "";
 }
 
 void warnAboutErrors(const FW::FWPROFILE& profile, Machine& machine) {
@@ -192,11 +192,11 @@ bool reloadChanged(Context& context, const std::function<void()>& ask,
     return applied;
 }
 
-/// "stored, but a reload would be refused: ..."; false when it would not be.
+/// "...; stored, but a reload would be refused"; false when it would not be.
 bool warnAboutRefusal(const FW::FWPROFILE& profile) {
     const std::string refusal = Control::kernelRefusal(profile);
     if (!refusal.empty()) {
-        warn("stored, but a reload would be refused: " + refusal);
+        warn(refusal + "; stored, but a reload would be refused");
     }
     return !refusal.empty();
 }

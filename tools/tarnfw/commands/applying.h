@@ -65,7 +65,7 @@ void addReloadFlag(
 
 // ---- Before a change ----
 
-/// "profile "home" has 2 errors; ..."; empty when it has none.
+/// "rule 3 of eth0: ...; profile "home" has 2 errors, ..."; empty when it has none.
 std::string errorsText(const FW::FWPROFILE& profile, Machine& machine);
 
 /// Warns in one line about an invalid profile.

@@ -83,8 +83,8 @@ Json::Value checkedDocument(const Options& options, Machine& machine) {
             countErrors(findings.document) + (options.force ? 0 : countErrors(findings.profiles));
     }
     if (errors > 0) {
-        throw Error(ErrorKind::kInvalid, "nothing was imported: " + counted(errors, "error") +
-                                             " in " + printable(source));
+        throw Error(ErrorKind::kInvalid, printable(source) + " has " + counted(errors, "error") +
+                                             "; nothing was imported");
     }
     return document;
 }
@@ -94,9 +94,10 @@ void requireRoomFor(const Json::Value& document, const Json::Value& current) {
     for (const std::string& key : document[kConfigProfiles].getMemberNames()) {
         const std::string path = kProfileDir + key;
         if (!current[kConfigProfiles].isMember(key) && TLIBCFileExist(path.c_str()) == 1) {
-            throw Error(ErrorKind::kSystem, "nothing was imported: " + printable(path) +
+            throw Error(ErrorKind::kSystem, printable(path) +
                                                 " would be replaced, but is not a profile that a "
-                                                "backup could hold; move it away first");
+                                                "backup could hold; move it away first; nothing "
+                                                "was imported");
         }
     }
 }
@@ -244,8 +245,8 @@ std::string timeText() {
 std::string keepBackup(const Json::Value& current) {
     if (TARNFSMkdirP(kBackupDir, nullptr, 1, 0, 0, kBackupDirMode) < 0 ||
         chmod(kBackupDir, kBackupDirMode) != 0) {
-        throw Error(ErrorKind::kSystem,
-                    std::string("nothing was imported: cannot create the directory ") + kBackupDir);
+        throw Error(ErrorKind::kSystem, std::string("cannot create the directory ") + kBackupDir +
+                                            "; nothing was imported");
     }
     const std::string start = kBackupDir + timeText();
     std::string path = start + ".json";
@@ -327,9 +328,9 @@ void replace(Context& context, const Json::Value& document, const Json::Value& c
         session.keepChange();
         return;
     }
-    const std::string failed = "the import failed (" + error + ")";
+    const std::string failed = error + "; the import failed";
     if (session.undoChange()) {
-        throw Error(ErrorKind::kSystem, failed + "; the previous configuration is restored");
+        throw Error(ErrorKind::kSystem, failed + ", and the previous configuration is restored");
     }
     throw Error(ErrorKind::kSystem,
                 failed + ", and so did restoring the previous configuration" +
@@ -377,7 +378,7 @@ void requireConsent(const Options& options) {
     }
     if (options.path == kStandardInput || isatty(STDIN_FILENO) != 1) {
         throw Error(ErrorKind::kDeclined,
-                    "nothing was imported: there is no terminal to ask on; use --yes");
+                    "there is no terminal to ask on (--yes asks nothing); nothing was imported");
     }
     if (!confirmed("Replace the configuration?")) {
         throw Error(ErrorKind::kDeclined, "nothing was imported");

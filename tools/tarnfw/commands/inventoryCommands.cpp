@@ -222,12 +222,18 @@ void services(const std::string& pattern, bool json) {
     requireRoot();
     Machine machine;
     std::vector<Service> found = machine.requireCatalogue().services();
+    std::vector<std::string> names;
+    for (const Service& service : found) {
+        names.push_back(service.name);
+    }
     found.erase(std::remove_if(found.begin(), found.end(),
                                [&](const Service& service) { return !fits(service, pattern); }),
                 found.end());
     if (found.empty()) {
         throw Error(ErrorKind::kNotFound,
-                    "no service of the catalogue matches " + inQuotes(pattern));
+                    "no service of the catalogue matches " + inQuotes(pattern) +
+                        didYouMean(nearest(pattern, names)),
+                    {}, Remedy::kListServices);
     }
     if (json) {
         Json::Value document;

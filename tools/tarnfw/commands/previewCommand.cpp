@@ -42,6 +42,7 @@ Json::Value commandsOf(const std::string& wanted, ApplyMode mode) {
     }
     Json::Value commands;
     if (!commandsFor(context.store().profile(profile), mode, commands)) {
+        (void)tracedLines(context.store().profile(profile), mode);  // throws, with the rule
         throw Error(ErrorKind::kInvalid, "profile " + inQuotes(profile) + " cannot be translated");
     }
     return commands;

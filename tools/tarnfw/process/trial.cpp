@@ -475,9 +475,10 @@ void requireRestorable(const FW::FWPROFILE& profile) {
             const std::string target = rules[i].enable ? foreignTarget(rules[i]) : "";
             if (!target.empty()) {
                 throw Error(ErrorKind::kUnusable,
-                            "profile " + inQuotes(profile.name) +
-                                " cannot be tried: " + placeText({adapter, i + 1}) + " is for " +
-                                target + ", where it would stay in force afterwards");
+                            placeText({adapter, i + 1}) + " is for " + target +
+                                ", where it would stay in force afterwards; profile " +
+                                inQuotes(profile.name) + " cannot be tried",
+                            {"", "", RulePlace{adapter, i + 1}});
             }
         }
     }
