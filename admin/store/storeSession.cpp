@@ -254,6 +254,7 @@ bool StoreSession::deleteProfile(const std::string& name) {
     if (!deleted || snapshot_.hasProfile(name)) {
         return false;
     }
+    changed_ = true;
     if (!flushProfileDir()) {
         throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) +
                                             " is deleted, but a power failure may bring it back: "
@@ -409,6 +410,7 @@ void StoreTransaction::finish(bool refreshed) {
         session_.refresh();
     }
     open_ = false;
+    session_.changed_ = session_.changed_ || !changed().empty();
     if (extent_ == Extent::kManyDocuments) {
         for (const auto& [path, text] : before_) {
             keepMode(path);

@@ -154,6 +154,9 @@ public:
     /// Restores all documents. False if that fails; the copies then stay.
     bool undoChange();
 
+    /// Whether a change of this session that was kept has altered a document.
+    bool hasChanged() const { return changed_; }
+
     /// Adds a message for a person.
     void note(std::string text) { notes_.push_back(std::move(text)); }
 
@@ -173,6 +176,7 @@ private:
     std::unique_ptr<ToolLock> lock_;
     StoreSnapshot snapshot_;
     bool holds_ = false;
+    bool changed_ = false;
     std::unique_ptr<StoreTransaction> held_;  // uses the members before it
 };
 

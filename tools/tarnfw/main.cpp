@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -10,33 +11,64 @@
 #include <cstring>
 #include <exception>
 #include <iostream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "cli/command.h"
+#include "cli/output.h"
 #include "cli/parser.h"
+#include "cli/report.h"
 #include "cli/usage.h"
 #include "commands/commands.h"
 
 namespace {
 
-int run(int argc, char** argv) {
+/// Wrong usage; the text is that of wrongUsage(), some lines.
+class WrongUsage : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+int run(const std::vector<std::string>& words) {
     tarnfw::Command tool("tarnfw",
                          "Manages the host firewall: profiles of rules, stored on disk and applied "
                          "to the kernel's packet filter.");
     tool.version(TARNFW_VERSION);
     tool.footer("To begin, run \"tarnfw base up\", then \"tarnfw enable\".");
     tarnfw::addCommands(tool);
-    const std::vector<std::string> words(argv + 1, argv + argc);
     try {
         if (const auto error = tarnfw::runCommandLine(tool, words)) {
-            std::cerr << tarnfw::wrongUsage(tool, *error, words);
-            return tarnfw::kExitUsage;
+            throw WrongUsage(tarnfw::wrongUsage(tool, *error, words));
         }
     } catch (const tarnfw::CommandEnded& ended) {
         return ended.status();
     }
     return 0;
+}
+
+/// The same with "--json": what fails is a document on standard output, with all that was written
+/// to standard error before it.
+int runWithDocuments(const std::vector<std::string>& words) {
+    Json::Value document;
+    int status = 0;
+    {
+        tarnfw::CapturedOutput errors(STDERR_FILENO);
+        try {
+            return run(words);
+        } catch (const WrongUsage& wrong) {
+            document = tarnfw::usageDocument(wrong.what(), errors.takeLines());
+            status = tarnfw::kExitUsage;
+        } catch (const tarnfw::Error& failure) {
+            document = tarnfw::errorDocument(failure, errors.takeLines());
+            status = tarnfw::exitStatusOf(failure.kind());
+        } catch (const std::exception& error) {
+            document = tarnfw::errorDocument(error, errors.takeLines());
+            status = tarnfw::kExitFailed;
+        }
+    }
+    tarnfw::printJson(document);
+    return status;
 }
 
 // With these, the programs that the tool runs would load code from another place, or not wait for
@@ -93,7 +125,11 @@ int main(int argc, char** argv) {
     openlog("tarnfw", LOG_PERROR, LOG_USER);
     setlogmask(LOG_UPTO(LOG_WARNING));
     try {
-        return statusOfAnswer(run(argc, argv));
+        const std::vector<std::string> words(argv + 1, argv + argc);
+        return statusOfAnswer(tarnfw::asksForJson(words) ? runWithDocuments(words) : run(words));
+    } catch (const WrongUsage& wrong) {
+        std::cerr << wrong.what();
+        return tarnfw::kExitUsage;
     } catch (const tarnfw::Error& failure) {
         std::cerr << "tarnfw: " << tarnfw::messageOf(failure) << '\n';
         return tarnfw::exitStatusOf(failure.kind());

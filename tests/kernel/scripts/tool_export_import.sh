@@ -96,12 +96,13 @@ status   false            true
 END_OF_PLAN
 answers 0 import --dry-run --json next.json
 step 'as a document' diff -u - <(jq --compact-output --sort-keys . "$out/answer") <<END_OF_PLAN
-{"changes":true,"profiles":[{"change":"removed","file":"$first","name":"default"},{"change":"changed","file":"deny_by_default.json","name":"deny_by_default"},{"change":"added","file":"2.json","name":"new"}],"settings":[{"imported":"new","now":"deny_by_default","setting":"profile"},{"imported":"true","now":"false","setting":"status"}]}
+{"applied":false,"backup":null,"changed":false,"changes":true,"messages":[],"profile":null,"profiles":[{"change":"removed","file":"$first","name":"default"},{"change":"changed","file":"deny_by_default.json","name":"deny_by_default"},{"change":"added","file":"2.json","name":"new"}],"settings":[{"imported":"new","now":"deny_by_default","setting":"profile"},{"imported":"true","now":"false","setting":"status"}],"warnings":[]}
 END_OF_PLAN
 tarnfw import --dry-run - <next.json >"$out/answer" || fail 'not from standard input'
 says '^new  *added  *2.json$'
 answers 2 import
-answers 2 import --json next.json
+answers 1 import --json next.json
+step 'nobody was asked' [ "$(jq -r .error.kind "$out/answer")" = declined ]
 answers 1 import next.json </dev/null
 complains '^tarnfw: there is no terminal to ask on (--yes asks nothing); nothing was imported$'
 answers 1 import --yes missing.json

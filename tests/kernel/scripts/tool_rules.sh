@@ -474,7 +474,8 @@ answers 0 rule add --adapter eth0 --profile logged allow tcp 80
 silent
 answers 0 log-denied --profile logged --json
 prints_json <<'ANSWER'
-{"profile": "logged", "adapters": [{"name": "eth0", "logged": true}, {"name": "eth1", "logged": true}]}
+{"profile": "logged", "adapters": [{"name": "eth0", "logged": true}, {"name": "eth1", "logged": true}],
+ "changed": false, "applied": false, "messages": [], "warnings": []}
 ANSWER
 answers 0 preview logged --family v4
 sed -n 's/^.*-A INPUT_FIREWALL -i eth0 //p' "$out/answer" >"$out/own"

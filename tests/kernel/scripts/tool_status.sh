@@ -20,7 +20,7 @@ prints_json <<'END'
               ["FORWARD", "FIREWALL_RELOADING"], ["FORWARD", "FORWARD_FIREWALL"]]}}}
 END
 answers 0 apply-mode --json
-prints_json <<<'{"applyMode": "lines"}'
+step 'the default' [ "$(jq -c '[.applyMode, .changed]' "$out/answer")" = '["lines",false]' ]
 answers 0 apply-mode
 prints <<<'lines: one command for each rule; new connections are dropped meanwhile'
 step 'asking writes no settings' [ ! -e "$kSettings" ]

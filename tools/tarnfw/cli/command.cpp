@@ -24,22 +24,31 @@ ExitStatus exitStatusOf(ErrorKind kind) {
     return kExitFailed;
 }
 
-std::string wordsFor(Remedy remedy) {
+std::string remedyText(Remedy remedy) {
     switch (remedy) {
         case Remedy::kListServices:
-            return " (\"tarnfw services\" lists them)";
+            return "\"tarnfw services\" lists them";
         case Remedy::kCheckFiles:
-            return " (\"tarnfw check FILE\" shows why)";
+            return "\"tarnfw check FILE\" shows why";
         case Remedy::kSetUpBase:
-            return "; \"tarnfw base up\" writes a first one";
+            return "\"tarnfw base up\" writes a first one";
         case Remedy::kAddBase:
-            return "; \"tarnfw base up\" sets it up";
+            return "\"tarnfw base up\" sets it up";
         case Remedy::kGiveAdapterApart:
-            return "; did you mean \"--adapter\"?";
+            return "did you mean \"--adapter\"?";
         case Remedy::kNone:
             break;
     }
     return "";
+}
+
+std::string wordsFor(Remedy remedy) {
+    const std::string text = remedyText(remedy);
+    if (text.empty()) {
+        return "";
+    }
+    const bool aside = remedy == Remedy::kListServices || remedy == Remedy::kCheckFiles;
+    return aside ? " (" + text + ")" : "; " + text;
 }
 
 std::string messageOf(const Error& error) {
@@ -75,8 +84,12 @@ void requireRoot() {
     }
 }
 
+bool canAsk() {
+    return isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1;
+}
+
 bool confirmed(const std::string& question) {
-    if (isatty(STDIN_FILENO) != 1) {
+    if (!canAsk()) {
         return false;
     }
     std::cerr << question << " [y/N] " << std::flush;

@@ -25,6 +25,9 @@ enum ExitStatus : int {
 /// The exit status of a command that failed in this way.
 ExitStatus exitStatusOf(ErrorKind kind);
 
+/// What may help after an error that has this remedy, in words; empty without one.
+std::string remedyText(Remedy remedy);
+
 /// What the tool adds to an error that has this remedy; empty without one.
 std::string wordsFor(Remedy remedy);
 
@@ -65,7 +68,11 @@ void addFamilyOptions(Command& command, FamilyOptions& options);
 /// its lock, and lock files must be root's.
 void requireRoot();
 
-/// Asks a question that takes yes or no on the terminal. Without one, the answer is no.
+/// Whether somebody can be asked: standard input is a terminal, and standard error, where questions
+/// go.
+bool canAsk();
+
+/// Asks a question that takes yes or no, if canAsk(). Otherwise the answer is no.
 bool confirmed(const std::string& question);
 
 }  // namespace tarnfw

@@ -142,13 +142,15 @@ bool runWhole(const std::string& what, const std::function<bool()>& change,
     return run.succeeded;
 }
 
-void reloadActive(Control& control) {
+void reloadActive(Control& control, Report& report) {
+    report.setProfile(control.session().snapshot().activeProfile());
     if (!control.apply()) {
         std::cout << "Firewall disabled: nothing to reload\n";
         return;
     }
     std::cout << "Profile " << inQuotes(control.session().snapshot().activeProfile())
               << " applied\n";
+    report.setApplied();
 }
 
 void forgetTrial(Context& context) {
@@ -164,7 +166,7 @@ namespace {
 
 /// Applies the active profile as it was changed, and keeps the change; or undoes it. Returns false
 /// when the change is kept and nothing was applied: the firewall is disabled.
-bool reloadChanged(Context& context, const std::function<void()>& ask,
+bool reloadChanged(Context& context, Report& report, const std::function<void()>& ask,
                    const std::function<void()>& say) {
     const SignalsWait wait;  // between the reload and the end of the change
     bool applied = false;
@@ -183,6 +185,8 @@ bool reloadChanged(Context& context, const std::function<void()>& ask,
     }
     context.session().keepChange();
     say();
+    report.setChanged(context.session().hasChanged());
+    report.setApplied(applied);
     if (applied) {
         std::cout << "Profile " << inQuotes(context.store().activeProfile()) << " applied\n";
         forgetTrial(context);
@@ -267,6 +271,7 @@ FW::FWPROFILE onlyRules(FW::FWPROFILE profile, const std::string& adapter,
 void finishChange(Context& context, const std::string& profile, const ReloadOptions& options,
                   const std::function<void()>& say, const std::optional<FW::FWPROFILE>& changed) {
     const bool active = profile == context.store().activeProfile();
+    options.report->setProfile(profile);
     const auto warnIfRefused = [&] {
         if (changed) {
             (void)(makesLines(*changed) && warnAboutRefusal(*changed));
@@ -276,12 +281,13 @@ void finishChange(Context& context, const std::string& profile, const ReloadOpti
     };
     if (active && options.wanted) {
         const auto asked = [] {};  // before it was stored
-        if (!reloadChanged(context, asked, say)) {
+        if (!reloadChanged(context, *options.report, asked, say)) {
             warnIfRefused();
         }
         return;
     }
     context.session().keepChange();
+    options.report->setChanged(context.session().hasChanged());
     say();
     warnIfRefused();
     if (active) {
@@ -295,13 +301,14 @@ void finishChange(Context& context, const std::string& profile, const ReloadOpti
 void finishChange(Context& context, const std::vector<std::string>& profiles,
                   const ReloadOptions& options, const std::function<void()>& say) {
     if (!options.wanted) {
+        options.report->setChanged(context.session().hasChanged());
         say();
         warnAboutRefusals(context, profiles);
         reportUnchangedKernel(context);
         return;
     }
     const bool applied = reloadChanged(
-        context, [&] { confirmReload(context, options); }, say);
+        context, *options.report, [&] { confirmReload(context, options); }, say);
     std::vector<std::string> untried;
     for (const std::string& name : profiles) {
         if (!(applied && name == context.store().activeProfile())) {

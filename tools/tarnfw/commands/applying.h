@@ -10,6 +10,7 @@
 #include "tarnfirewall/fwTypes.h"
 
 #include "cli/commandLine.h"
+#include "cli/report.h"
 #include "tarnfwadmin/control.h"
 #include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/storeSession.h"
@@ -55,6 +56,8 @@ private:
 struct ReloadOptions {
     bool wanted = false;  ///< apply the active profile afterwards
     bool yes = false;     ///< do not ask
+    /// What the command reports; see runReporting().
+    std::shared_ptr<Report> report = std::make_shared<Report>();
 };
 
 /// Adds "--reload" and "--yes" to a command that changes profiles. `yesHelp` is for one that has
@@ -96,9 +99,9 @@ void confirmReload(Context& context, const ReloadOptions& options);
 bool runWhole(const std::string& what, const std::function<bool()>& change,
               const std::function<std::string()>& meanwhile = {});
 
-/// Applies the active profile if the firewall is enabled, and prints its name. Throws as
+/// Applies the active profile if the firewall is enabled, prints its name and reports it. Throws as
 /// Control::apply().
-void reloadActive(Control& control);
+void reloadActive(Control& control, Report& report);
 
 /// After the active profile was applied, or the firewall disabled: ends an abandoned trial. What
 /// fails is a warning. Afterwards the context may change nothing.

@@ -24,6 +24,7 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "cli/report.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
 #include "process/trialState.h"
@@ -384,7 +385,8 @@ void applyAtBoot(const std::string& failures, const LockTime& time) {
     if (!context.store().firewallEnabled()) {
         throw Error(ErrorKind::kSystem, "the settings do not say whether the firewall is enabled");
     }
-    reloadActive(context.control());
+    Report report;  // nobody asks for it
+    reloadActive(context.control(), report);
 }
 
 /// For the journal and the system log, and for "status".

@@ -14,6 +14,7 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "cli/report.h"
 #include "commands/applying.h"
 #include "commands/bootUnit.h"
 #include "commands/commands.h"
@@ -66,15 +67,18 @@ void sayAfterRestart() {
     }
 }
 
-void enable(bool yes) {
+void enable(bool yes, Report& report) {
     requireNoTrial();
     Context context(StoreSession::Access::kChange);
+    report.setProfile(context.store().activeProfile());
     std::optional<SignalsWait> wait;  // from the answer on, to disable it again after a failure
     context.control().enable(context.machine(), [&](const FW::FWPROFILE& profile) {
         requireSshAccess(profile, context.machine(), context.store().applyMode(), yes,
                          "Enable anyway?");
         wait.emplace();
     });
+    report.setChanged(context.session().hasChanged());
+    report.setApplied();
     std::cout << "Firewall enabled with profile " << inQuotes(context.store().activeProfile())
               << "\n";
     putPoliciesBack();
@@ -94,10 +98,12 @@ bool isFresh(Context& context) {
     });
 }
 
-void disable() {
+void disable(Report& report) {
     Context context(StoreSession::Access::kChange);
+    report.setProfile(context.store().activeProfile());
     if (!isFresh(context)) {
         context.control().disable();
+        report.setChanged(context.session().hasChanged());
     }
     std::cout << "Firewall disabled\n";
     context.session().unlock();
@@ -136,14 +142,14 @@ void confirmOverSsh(Context& context, bool yes) {
     requireSshAccess(*profile, context.machine(), context.store().applyMode(), yes, kApplyAnyway);
 }
 
-void reload(bool yes) {
+void reload(bool yes, Report& report) {
     requireNoTrial();
     Context context(StoreSession::Access::kRead);
     confirmOverSsh(context, yes);
     Control control(context.session(), [&](const std::string& what, const auto& work) {
         return runWhole(what, work, [&] { return warningsAboutActive(context); });
     });
-    reloadActive(control);
+    reloadActive(control, report);
     if (context.store().firewallEnabled()) {
         putPoliciesBack();
     }
@@ -151,52 +157,58 @@ void reload(bool yes) {
 }
 
 /// Sets the apply mode, or prints it.
-void applyMode(const std::string& wanted, bool json) {
+void applyMode(const std::string& wanted, Report& report) {
     Context context(wanted.empty() ? StoreSession::Access::kRead : StoreSession::Access::kChange);
     if (const std::optional<ApplyMode> mode = applyModeFrom(wanted)) {
         context.session().setApplyMode(*mode);
+        report.setChanged(context.session().hasChanged());
     }
     const ApplyMode mode = context.store().applyMode();
-    if (json) {
-        Json::Value document;
-        document["applyMode"] = applyModeName(mode);
-        printJson(document);
-        return;
-    }
+    report["applyMode"] = applyModeName(mode);
     std::cout << applyModeName(mode) << ": " << meaningOf(mode) << '\n';
 }
 
 void addApplyModeCommand(Command& app) {
     Command& command = app.subcommand("apply-mode", "Show or set how rules go into the kernel");
-    const auto mode = std::make_shared<std::string>();
-    const auto json = std::make_shared<bool>(false);
-    command.option("MODE", *mode, "lines or batch; without it, show the present one")
+    struct Values {
+        std::string mode;
+        Report report;
+    };
+    const auto values = std::make_shared<Values>();
+    command.option("MODE", values->mode, "lines or batch; without it, show the present one")
         .choices(applyModeNames());
     command.footer(
         "lines: a reload closes the machine to new connections, runs one command for each rule, "
         "and opens the machine again.\n"
         "batch: a reload replaces all rules of a family at once. Nothing is closed meanwhile.\n"
         "In both, nothing changes if the kernel refuses a line.");
-    addJsonFlag(command, *json);
-    command.run([mode, json] { applyMode(*mode, *json); });
+    runReporting(command, values->report, [values] { applyMode(values->mode, values->report); });
 }
 
 }  // namespace
 
 void addControlCommands(Command& app) {
+    struct Values {
+        bool yes = false;
+        Report report;
+    };
     Command& enableCommand =
         app.subcommand("enable", "Switch the firewall on and apply the active profile");
-    const auto yes = std::make_shared<bool>(false);
-    enableCommand.flag("--yes", *yes, "Do not ask if the rules would lock you out");
+    const auto enabling = std::make_shared<Values>();
+    enableCommand.flag("--yes", enabling->yes, "Do not ask if the rules would lock you out");
     enableCommand.footer("Over SSH, asks first if the profile would not let you connect again.");
-    enableCommand.run([yes] { enable(*yes); });
-    app.subcommand("disable", "Switch the firewall off: empty its chains, keep the profiles")
-        .run(disable);
+    runReporting(enableCommand, enabling->report,
+                 [enabling] { enable(enabling->yes, enabling->report); });
+    const auto disabling = std::make_shared<Report>();
+    runReporting(
+        app.subcommand("disable", "Switch the firewall off: empty its chains, keep the profiles"),
+        *disabling, [disabling] { disable(*disabling); });
     Command& reloadCommand = app.subcommand("reload", "Apply the active profile again");
-    const auto reloadYes = std::make_shared<bool>(false);
-    reloadCommand.flag("--yes", *reloadYes, "Do not ask if the rules would lock you out");
+    const auto reloading = std::make_shared<Values>();
+    reloadCommand.flag("--yes", reloading->yes, "Do not ask if the rules would lock you out");
     reloadCommand.footer("Over SSH, asks first if the profile would not let you connect again.");
-    reloadCommand.run([reloadYes] { reload(*reloadYes); });
+    runReporting(reloadCommand, reloading->report,
+                 [reloading] { reload(reloading->yes, reloading->report); });
     addApplyModeCommand(app);
 }
 

@@ -27,6 +27,7 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "cli/report.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
 #include "commands/sshGuard.h"
@@ -52,7 +53,6 @@ struct Options {
     bool dryRun = false;
     bool force = false;
     ReloadOptions reload;
-    bool json = false;
 };
 
 // ---- Checks -------------------------------------------------------------------------------------
@@ -207,9 +207,8 @@ void printPlan(const ImportPlan& plan) {
     settings.print();
 }
 
-/// The document of "--json": "changes", "profiles", "settings".
-Json::Value jsonOf(const ImportPlan& plan) {
-    Json::Value document;
+/// Puts it into the document of "--json": "changes", "profiles", "settings".
+void report(const ImportPlan& plan, Report& document) {
     document["changes"] = !plan.changesNothing;
     document["profiles"] = Json::Value(Json::arrayValue);
     for (const ProfileChange& change : plan.profiles) {
@@ -227,7 +226,6 @@ Json::Value jsonOf(const ImportPlan& plan) {
         entry["imported"] = change.imported;
         document["settings"].append(entry);
     }
-    return document;
 }
 
 // ---- Backup -------------------------------------------------------------------------------------
@@ -354,7 +352,7 @@ std::vector<std::string> untried(const Context& context, const ImportPlan& plan,
 }
 
 /// Says what the import means for the kernel.
-void report(Context& context, bool reload, bool wasEnabled) {
+void sayAboutKernel(Context& context, bool reload, bool wasEnabled) {
     const bool enabled = context.store().firewallEnabled();
     if (!enabled && wasEnabled) {
         std::cout << (reload ? "Firewall disabled\n"
@@ -376,7 +374,7 @@ void requireConsent(const Options& options) {
     if (options.reload.yes) {
         return;
     }
-    if (options.path == kStandardInput || isatty(STDIN_FILENO) != 1) {
+    if (options.path == kStandardInput || !canAsk()) {
         throw Error(ErrorKind::kDeclined,
                     "there is no terminal to ask on (--yes asks nothing); nothing was imported");
     }
@@ -420,11 +418,11 @@ std::optional<bool> importInto(Context& context, const Json::Value& document,
     const Json::Value current = context.store().configuration();
     requireRoomFor(document, current);
     const ImportPlan plan = importPlan(current, document);
-    if (options.json) {
-        printJson(jsonOf(plan));
-        return std::nullopt;
+    report(plan, *options.reload.report);
+    (*options.reload.report)["backup"] = Json::nullValue;
+    if (!options.reload.report->isJson()) {
+        printPlan(plan);
     }
-    printPlan(plan);
     if (plan.changesNothing) {
         std::cout << "Nothing to change\n";
         return std::nullopt;
@@ -438,11 +436,14 @@ std::optional<bool> importInto(Context& context, const Json::Value& document,
     std::string backup;
     if (!current[kConfigProfiles].empty()) {
         backup = keepBackup(current);
+        (*options.reload.report)["backup"] = backup;
         std::cout << "Backup: " << backup << " (\"" << recovery(backup, current, context.machine())
                   << "\" restores it)" << std::endl;
     }
     const bool wasEnabled = context.store().firewallEnabled();
     replace(context, document, current, backup, options.reload.wanted);
+    options.reload.report->setChanged();
+    options.reload.report->setApplied(options.reload.wanted && context.store().firewallEnabled());
     std::cout << "Imported " << counted(document[kConfigProfiles].size(), "profile")
               << "; active: " << printable(context.store().activeProfile()) << '\n';
     warnAboutRefusals(context, untried(context, plan, options.reload.wanted));
@@ -456,7 +457,7 @@ void importAll(const Options& options) {
     Context context(StoreSession::Access::kChange, std::move(machine));
     const std::optional<bool> wasEnabled = importInto(context, document, options);
     if (wasEnabled) {
-        report(context, options.reload.wanted, *wasEnabled);
+        sayAboutKernel(context, options.reload.wanted, *wasEnabled);
         if (options.reload.wanted && *wasEnabled) {
             forgetTrial(context);
         }
@@ -472,18 +473,16 @@ void addImportCommand(Command& app) {
                        "It is checked first, and what it replaces is kept in a file");
     const auto options = std::make_shared<Options>();
     command.option("FILE", options->path, "The document; - for standard input").required();
-    Option& dryRun = command.flag("--dry-run", options->dryRun, "Only show what would change");
+    command.flag("--dry-run", options->dryRun, "Only show what would change");
     command.flag("--force", options->force,
                  "Also import profiles with errors, for a backup of such profiles. A document of a "
                  "wrong shape is always rejected");
     addReloadFlag(command, options->reload, "Do not ask");
-    command.flag("--json", options->json, "With --dry-run: print one JSON document instead of text")
-        .needs(dryRun);
     command.footer(
         "Backups are in /usr/tarn/etc/firewall.d.backup/, named by date and time. An import that "
         "was "
         "interrupted is undone by the next command.");
-    command.run([options] { importAll(*options); });
+    runReporting(command, *options->reload.report, [options] { importAll(*options); });
 }
 
 }  // namespace tarnfw

@@ -11,6 +11,7 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "cli/report.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
 #include "tarnfwadmin/ruleChange.h"
@@ -78,26 +79,29 @@ std::string listed(const std::vector<std::string>& names) {
 }
 
 /// What is logged, as it is stored.
-void show(const std::string& name, bool json) {
-    const Context context(StoreSession::Access::kRead);
-    const FW::FWPROFILE& profile = context.store().profile(name);
-    Json::Value document;
-    document["profile"] = profile.name;
+/// The adapters that deny by default, in the report.
+void report(const FW::FWPROFILE& profile, Report& document) {
+    document.setProfile(profile.name);
     document["adapters"] = Json::Value(Json::arrayValue);
-    Table table({"Adapter", "Denied packets"});
     for (const std::string& adapter : denyingAdapters(profile)) {
-        const bool logged = isLogged(profile, adapter);
         Json::Value entry;
         entry["name"] = adapter;
-        entry["logged"] = logged;
+        entry["logged"] = isLogged(profile, adapter);
         document["adapters"].append(entry);
-        table.addRow({{adapter}, {logged ? "logged" : "not logged"}});
     }
-    if (json) {
-        printJson(document);
-    } else if (table.empty()) {
+}
+
+void show(const std::string& name, Report& document) {
+    const Context context(StoreSession::Access::kRead);
+    const FW::FWPROFILE& profile = context.store().profile(name);
+    report(profile, document);
+    Table table({"Adapter", "Denied packets"});
+    for (const std::string& adapter : denyingAdapters(profile)) {
+        table.addRow({{adapter}, {isLogged(profile, adapter) ? "logged" : "not logged"}});
+    }
+    if (table.empty()) {
         std::cout << "No adapter of " << inQuotes(profile.name) << " denies by default\n";
-    } else {
+    } else if (!document.isJson()) {
         table.print();
     }
 }
@@ -111,6 +115,7 @@ void change(const std::string& name, bool on, const ReloadOptions& options) {
                         " denies by default; \"tarnfw policy ADAPTER deny\" sets that");
     }
     FW::FWPROFILE after = before;
+    report(before, *options.report);
     if (setLogged(after, on).empty()) {
         std::cout << (on ? "Denied packets are logged already: " + listed(denyingAdapters(before))
                          : std::string("No denied packets are logged"))
@@ -124,6 +129,7 @@ void change(const std::string& name, bool on, const ReloadOptions& options) {
         [&](FW::FWPROFILE& profile) { changed = setLogged(profile, on); },
         [&](const FW::FWPROFILE& profile) { requireAppliable(context, profile, options); });
     context.session().unlock();
+    report(stored, *options.report);
     finishChange(context, stored.name, options, [&] {
         std::cout << (on ? "Denied packets are logged: " : "Denied packets are no longer logged: ")
                   << listed(changed) << '\n';
@@ -152,7 +158,6 @@ void addLogDeniedCommand(Command& app) {
         std::string state;
         std::string profile;
         ReloadOptions reload;
-        bool json = false;
     };
     Command& command = app.subcommand(
         "log-denied", "Log the packets that default policies deny, or show whether they are");
@@ -163,14 +168,13 @@ void addLogDeniedCommand(Command& app) {
     command.option("--profile", values->profile, "The profile; by default the active one")
         .placeholder("NAME");
     addReloadFlag(command, values->reload);
-    addJsonFlag(command, values->json);
     command.footer(
         "Adds a last rule \"log denied\" to each adapter that denies by default; \"rule add\" puts "
         "new rules before it. The kernel's log has the packets: journalctl -k -g IN=eth0\n"
         "Example: tarnfw log-denied on");
-    command.run([values] {
+    runReporting(command, *values->reload.report, [values] {
         if (values->state.empty()) {
-            show(values->profile, values->json);
+            show(values->profile, *values->reload.report);
         } else {
             change(values->profile, values->state == "on", values->reload);
         }

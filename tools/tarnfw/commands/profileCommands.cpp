@@ -19,6 +19,7 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "cli/report.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
 #include "commands/sshGuard.h"
@@ -168,7 +169,8 @@ FW::FWPROFILE profileFrom(const std::string& path, const std::string& name, Mach
     return document.profile();
 }
 
-void create(const std::string& name, const std::string& source) {
+void create(const std::string& name, const std::string& source, Report& report) {
+    report.setProfile(name);
     Context context(StoreSession::Access::kChange);
     context.store().requireNewName(name);
     FW::FWPROFILE profile;
@@ -177,6 +179,7 @@ void create(const std::string& name, const std::string& source) {
         profile = profileFrom(source, name, context.machine());
     }
     context.session().storeProfile(profile);
+    report.setChanged();
     context.session().unlock();
     std::cout << "Profile " << inQuotes(name) << " created"
               << (source.empty() ? "; without rules it allows everything" : "") << '\n';
@@ -185,12 +188,14 @@ void create(const std::string& name, const std::string& source) {
     }
 }
 
-void copy(const std::string& oldName, const std::string& newName) {
+void copy(const std::string& oldName, const std::string& newName, Report& report) {
+    report.setProfile(newName);
     Context context(StoreSession::Access::kChange);
     FW::FWPROFILE profile = context.store().profile(oldName);
     context.store().requireNewName(newName);
     profile.name = newName;
     context.session().storeProfile(profile);
+    report.setChanged();
     context.session().unlock();
     warnAboutErrors(profile, context.machine());
     std::cout << "Profile " << inQuotes(newName) << " created, a copy of " << inQuotes(oldName)
@@ -198,7 +203,8 @@ void copy(const std::string& oldName, const std::string& newName) {
     warnAboutRefusals(context, {newName});
 }
 
-void rename(const std::string& oldName, const std::string& newName) {
+void rename(const std::string& oldName, const std::string& newName, Report& report) {
+    report.setProfile(newName);
     requireNoTrialOf(oldName);
     Context context(StoreSession::Access::kChange);
     context.store().requireProfile(oldName);
@@ -210,10 +216,12 @@ void rename(const std::string& oldName, const std::string& newName) {
             [&] { return FW::TARNFW_PROFILE().profileRename(oldName, newName); })) {
         throw Error(ErrorKind::kSystem, "profile " + inQuotes(oldName) + " cannot be renamed");
     }
+    report.setChanged();
     std::cout << "Profile " << inQuotes(oldName) << " renamed to " << inQuotes(newName) << "\n";
 }
 
-void remove(const std::string& name) {
+void remove(const std::string& name, Report& report) {
+    report.setProfile(name);
     requireNoTrialOf(name);
     Context context(StoreSession::Access::kChange);
     context.store().requireProfile(name);
@@ -226,6 +234,7 @@ void remove(const std::string& name) {
         throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) + " still exists: " +
                                             printable(context.store().pathOf(name)));
     }
+    report.setChanged();
     std::cout << "Profile " << inQuotes(name) << " deleted\n";
 }
 
@@ -264,7 +273,7 @@ void use(const std::string& name, const ReloadOptions& reload) {
 }
 
 bool editAgain(const PrivateText& text) {
-    if (isatty(STDIN_FILENO) != 1) {
+    if (!canAsk()) {
         return false;
     }
     std::cerr << "The text is in " << text.path() << ". Edit again? [Y/n] " << std::flush;
@@ -343,7 +352,7 @@ std::unique_ptr<Context> stored(const ProfileDocument& document, const std::stri
 
 /// Throws Error for a default editor without a terminal. A chosen editor may need none.
 void requireEditable() {
-    if (isatty(STDIN_FILENO) != 1 && chosenEditor().empty()) {
+    if (!canAsk() && chosenEditor().empty()) {
         throw Error(ErrorKind::kUnusable,
                     "there is no terminal to edit on; use \"tarnfw profile create NEW --from "
                     "FILE\", or an EDITOR that needs no terminal");
@@ -365,6 +374,7 @@ void edit(const std::string& wanted, const ReloadOptions& reload) {
     const std::optional<ProfileDocument> document = validDocument(text, original, name);
     if (!document) {
         text.remove();
+        reload.report->setProfile(name);
         std::cout << "Profile " << inQuotes(name) << " is unchanged\n";
         return;
     }
@@ -407,6 +417,7 @@ void addCreate(Command& group) {
     struct Values {
         std::string name;
         std::string source;
+        Report report;
     };
     Command& command =
         group.subcommand("create", "Create a profile; without rules it allows everything");
@@ -416,28 +427,36 @@ void addCreate(Command& group) {
         .option("--from", values->source,
                 "The document to create it from; \"profile show --json\" prints one")
         .placeholder("FILE");
-    command.run([values] { create(values->name, values->source); });
+    runReporting(command, values->report,
+                 [values] { create(values->name, values->source, values->report); });
 }
 
-using TwoNamesRun = void (*)(const std::string& oldName, const std::string& newName);
+using TwoNamesRun = void (*)(const std::string& oldName, const std::string& newName,
+                             Report& report);
 
 void addForTwoNames(Command& group, const char* name, const char* help, TwoNamesRun run) {
     struct Values {
         std::string oldName;
         std::string newName;
+        Report report;
     };
     Command& command = group.subcommand(name, help);
     const auto values = std::make_shared<Values>();
     addName(command, values->oldName, "OLD", "The profile");
     addName(command, values->newName, "NEW", "The new name");
-    command.run([values, run] { run(values->oldName, values->newName); });
+    runReporting(command, values->report,
+                 [values, run] { run(values->oldName, values->newName, values->report); });
 }
 
 void addDelete(Command& group) {
     Command& command = group.subcommand("delete", "Delete a profile; not the active one");
-    const auto name = std::make_shared<std::string>();
-    addName(command, *name, "NAME", "The profile");
-    command.run([name] { remove(*name); });
+    struct Values {
+        std::string name;
+        Report report;
+    };
+    const auto values = std::make_shared<Values>();
+    addName(command, values->name, "NAME", "The profile");
+    runReporting(command, values->report, [values] { remove(values->name, values->report); });
 }
 
 void addUse(Command& group) {
@@ -449,7 +468,7 @@ void addUse(Command& group) {
     const auto values = std::make_shared<Values>();
     addName(command, values->name, "NAME", "The profile");
     addReloadFlag(command, values->reload);
-    command.run([values] { use(values->name, values->reload); });
+    runReporting(command, *values->reload.report, [values] { use(values->name, values->reload); });
 }
 
 void addEdit(Command& group) {
@@ -463,7 +482,7 @@ void addEdit(Command& group) {
     command.option("NAME", values->name, "The profile; by default the active one").placeholder("");
     addReloadFlag(command, values->reload);
     command.footer("The editor is $VISUAL, $EDITOR, \"editor\" or \"vi\".");
-    command.run([values] { edit(values->name, values->reload); });
+    runReporting(command, *values->reload.report, [values] { edit(values->name, values->reload); });
 }
 
 }  // namespace

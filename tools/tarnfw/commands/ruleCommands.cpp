@@ -12,6 +12,7 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "cli/report.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
 #include "commands/logDenied.h"
@@ -118,7 +119,7 @@ void reloadUnchanged(Context& context, const Target& target, const FW::FWPROFILE
         return;
     }
     requireAppliable(context, profile, target.reload);
-    reloadActive(context.control());
+    reloadActive(context.control(), *target.reload.report);
     forgetTrial(context);
 }
 
@@ -130,8 +131,10 @@ bool isThereAlready(Context& context, const RuleCommand& command, const FW::FWRU
     if (position == 0) {
         return false;
     }
-    std::cout << printable(alreadyText(command, rule, profile.rules.at(target.adapter), position))
-              << '\n';
+    const Rules& rules = profile.rules.at(target.adapter);
+    std::cout << printable(alreadyText(command, rule, rules, position)) << '\n';
+    target.reload.report->setProfile(profile.name);
+    (*target.reload.report)["rules"].append(ruleDocument(rules, position, target));
     printWarnings(warningsOf(profile, target, {position}, context.machine()));
     if (target.reload.wanted) {
         reloadUnchanged(context, target, profile);
@@ -208,6 +211,7 @@ void remove(const Target& target, const RuleSelection& selection) {
         for (const std::size_t position : ascending) {
             requireOwn(rules, position, target);
             outcome.said.push_back("Deleted: " + placedText(rules, position, target));
+            outcome.rules.append(ruleDocument(rules, position, target));
         }
         // From the end, so that the other positions stay the same.
         std::for_each(ascending.rbegin(), ascending.rend(),
@@ -230,6 +234,7 @@ void switchRules(const Target& target, const RuleSelection& selection, bool on) 
             }
             rules[position - 1].enable = on;
             outcome.said.push_back(placedText(rules, position, target));
+            outcome.rules.append(ruleDocument(rules, position, target));
         }
         return outcome;
     });
@@ -258,6 +263,8 @@ void setPolicy(const Target& target, const std::string& word) {
         },
         [&](const FW::FWPROFILE& profile) { requireAppliable(context, profile, target.reload); });
     context.session().unlock();
+    (*target.reload.report)["adapter"] = target.adapter;
+    (*target.reload.report)["policy"] = policyText(policy);
     FW::FWPROFILE changed = onlyRules(stored, target.adapter, {});
     changed.adapterPolicyMap[target.adapter] = policy;
     finishChange(
@@ -309,7 +316,7 @@ Command& addRuleWriter(Command& group, const char* name, const char* help, const
     addTarget(command, values->target);
     addRuleOptions(command, *values);
     command.footer(kWordsHelp + examples);
-    command.run([values, run] { run(*values); });
+    runReporting(command, *values->target.reload.report, [values, run] { run(*values); });
     return command;
 }
 
@@ -325,7 +332,8 @@ void addMove(Command& group) {
     addPosition(command, "TO", values->to, "Its new position");
     addTarget(command, values->target);
     command.footer(std::string("Example: tarnfw rule move 4 1 --adapter eth0\n") + kReservedHelp);
-    command.run([values] { move(values->target, values->from, values->to); });
+    runReporting(command, *values->target.reload.report,
+                 [values] { move(values->target, values->from, values->to); });
 }
 
 struct SelectingCommand {
@@ -344,7 +352,8 @@ Command& addForRules(Command& group, const char* name, const char* help, const c
     command.option("--name", values->selection.options.name, "The rules of this name")
         .placeholder("TEXT");
     addTarget(command, values->target);
-    command.run([values, run] { run(values->target, values->selection); });
+    runReporting(command, *values->target.reload.report,
+                 [values, run] { run(values->target, values->selection); });
     return command;
 }
 
@@ -391,7 +400,8 @@ void addPolicyCommand(Command& app) {
         .placeholder("NAME");
     addReloadFlag(command, values->target.reload);
     command.footer("Example: tarnfw policy eth0 deny");
-    command.run([values] { setPolicy(values->target, values->policy); });
+    runReporting(command, *values->target.reload.report,
+                 [values] { setPolicy(values->target, values->policy); });
 }
 
 }  // namespace

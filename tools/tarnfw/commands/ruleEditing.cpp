@@ -303,8 +303,18 @@ std::string placedText(const Rules& rules, std::size_t position, const Target& t
            ruleText(rules[position - 1]);
 }
 
+Json::Value ruleDocument(const Rules& rules, std::size_t position, const Target& target) {
+    Json::Value document;
+    document["adapter"] = target.adapter;
+    document["position"] = static_cast<Json::UInt64>(position);
+    document["text"] = ruleText(rules[position - 1]);
+    return document;
+}
+
 Outcome changedAt(const Rules& rules, std::size_t position, const Target& target) {
-    return {{placedText(rules, position, target)}, {position}};
+    Outcome outcome{{placedText(rules, position, target)}, {position}};
+    outcome.rules.append(ruleDocument(rules, position, target));
+    return outcome;
 }
 
 namespace {
@@ -405,6 +415,7 @@ void changeRules(Context& context, const Target& target,
             requireAppliable(context, profile, target.reload);
         });
     context.session().unlock();
+    (*target.reload.report)["rules"] = outcome.rules;
     for (const std::size_t position :
          outcome.saysEffect ? outcome.changed : std::vector<std::size_t>()) {
         const std::string effect = effectLine(context, stored, {target.adapter, position}, target);

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include <json/json.h>
+
 #include "tarnfirewall/fwTypes.h"
 
 #include "cli/command.h"
@@ -76,11 +78,15 @@ FW::FWRULE ruleFromWords(const std::vector<std::string>& words, RuleOptions opti
 /// The rule in words, with its place: "Rule 3 of eth0: allow tcp 22 from anywhere".
 std::string placedText(const Rules& rules, std::size_t position, const Target& target);
 
+/// The rule for "--json": its adapter, its position and the rule in words.
+Json::Value ruleDocument(const Rules& rules, std::size_t position, const Target& target);
+
 /// The result of a change.
 struct Outcome {
     std::vector<std::string> said;          ///< what to print when it is stored
     std::vector<std::size_t> changed = {};  ///< positions of rules that are new or were switched on
     bool saysEffect = false;                ///< say what these open or close
+    Json::Value rules = Json::arrayValue;   ///< the rules that the command is about, for "--json"
 };
 
 Outcome changedAt(const Rules& rules, std::size_t position, const Target& target);

@@ -19,6 +19,7 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "cli/report.h"
 #include "cli/usage.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
@@ -72,6 +73,10 @@ void changeAll(Context& context, const std::string& done, const ReloadOptions& r
         throw Error(ErrorKind::kSystem, "not every profile could be written; nothing was changed");
     }
     const std::vector<std::string> changed = changedSince(context.store(), before);
+    Json::Value& names = (*reload.report)["profiles"] = Json::Value(Json::arrayValue);
+    for (const std::string& name : changed) {
+        names.append(name);
+    }
     finishChange(context, changed, reload, [&] {
         std::cout << printable(done) << " ("
                   << (changed.empty() ? "no profile changed"
@@ -193,7 +198,7 @@ void requireReplacing(const std::string& to, const std::vector<std::string>& nam
     }
     const std::string what = "the rules and default policy of " + inQuotes(to) + " in " +
                              printable(boost::join(names, ", ")) + " would be replaced";
-    if (isatty(STDIN_FILENO) != 1) {
+    if (!canAsk()) {
         throw Error(ErrorKind::kDeclined, what + "; nothing was changed (--yes goes on anyway)");
     }
     if (!confirmed("tarnfw: " + what + ". Go on?")) {
@@ -239,7 +244,7 @@ void addReserve(Command& group) {
         .required();
     addReloadFlag(command, options->reload);
     command.footer("Example: tarnfw service reserve ssh --adapter eth0 allow");
-    command.run([options] {
+    runReporting(command, *options->reload.report, [options] {
         reserve(options->service, options->adapter, options->policy, options->reload);
     });
 }
@@ -252,7 +257,8 @@ void addRelease(Command& group) {
     command.option("NAME", options->service, "The service").required();
     addReloadFlag(command, options->reload);
     command.footer("A rule that then names no service is deleted.");
-    command.run([options] { release(options->service, options->reload); });
+    runReporting(command, *options->reload.report,
+                 [options] { release(options->service, options->reload); });
 }
 
 void addUpdate(Command& group) {
@@ -263,7 +269,7 @@ void addUpdate(Command& group) {
     command.footer(
         "Services that are no longer in the catalogue are removed from the rules, and a rule\nthat "
         "then names none is deleted.");
-    command.run([options] { update(options->reload); });
+    runReporting(command, *options->reload.report, [options] { update(options->reload); });
 }
 
 void addRename(Command& group) {
@@ -275,7 +281,8 @@ void addRename(Command& group) {
     addReloadFlag(command, options->reload,
                   "Do not ask before replacing rules that NEW already has or, with --reload, if "
                   "the rules would lock you out");
-    command.run([options] { renameAdapter(options->from, options->to, options->reload); });
+    runReporting(command, *options->reload.report,
+                 [options] { renameAdapter(options->from, options->to, options->reload); });
 }
 
 }  // namespace

@@ -217,7 +217,7 @@ void requireSshAccess(const FW::FWPROFILE& profile, Machine& machine, ApplyMode 
     if (warning.empty()) {
         return;
     }
-    if (!yes && isatty(STDIN_FILENO) != 1) {
+    if (!yes && !canAsk()) {
         throw Error(ErrorKind::kDeclined, warning + "; " + ifDeclined + " (--yes goes on anyway)");
     }
     std::cerr << "tarnfw: " << warning << '\n';

@@ -1,0 +1,86 @@
+# shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
+# "--json" of commands that change something, and of errors: one document each, and nothing else.
+make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
+
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
+# fails STATUS KIND ARGUMENT...: an error of that kind, as a document.
+fails() {
+    local kind=$2
+    answers "$1" "${@:3}" --json
+    silent
+    step "it is of the kind $kind" [ "$(jq -r '.error.kind' "$out/answer")" = "$kind" ]
+    step 'its message is one line' [ "$(jq -r '.error.message' "$out/answer" | wc -l)" = 1 ]
+}
+
+# --- errors ----------------------------------------------------------------------------------------
+
+fails 5 notFound profile list
+step 'with what helps' [ "$(jq -r '.error.remedy' "$out/answer")" = '"tarnfw base up" writes a first one' ]
+fails 1 system enable
+answers 0 base up
+answers 0 profile create home
+answers 0 profile use home
+fails 5 notFound profile show nowhere
+fails 5 notFound blocked --service shh
+fails 2 usage profile sohw
+step 'with the suggestion' grep --quiet 'Did you mean' "$out/answer"
+fails 2 usage blocked
+fails 3 invalid profile create odd --from <(echo '{"name": "odd", "rules": {"eth0": [{"policy": 7}]}}')
+step 'its findings are warnings' [ "$(jq '.warnings | length > 0' "$out/answer")" = true ]
+fails 1 unusable profile delete home
+
+# --- changes ---------------------------------------------------------------------------------------
+
+answers 0 rule add --adapter eth0 allow tcp 22 --json
+silent
+cp -- "$out/answer" "$out/added"
+jq '.messages = .messages[:1]' "$out/added" >"$out/answer" # then what it opens
+prints_json <<'END'
+{"changed": true, "applied": false, "profile": "home",
+ "rules": [{"adapter": "eth0", "position": 1, "text": "allow tcp 22 from anywhere"}],
+ "messages": ["Rule 1 of eth0: allow tcp 22 from anywhere"], "warnings": []}
+END
+answers 0 rule add --adapter eth0 allow tcp 22 --json
+step 'the same again' [ "$(jq -c '[.changed, .rules[0].position]' "$out/answer")" = '[false,1]' ]
+answers 0 policy eth0 deny --json
+prints_json <<'END'
+{"changed": true, "applied": false, "profile": "home", "adapter": "eth0", "policy": "deny",
+ "messages": ["Default policy of eth0: deny"], "warnings": []}
+END
+answers 0 policy eth0 deny --json
+step 'the same again changes nothing' [ "$(jq '.changed' "$out/answer")" = false ]
+answers 0 enable --json
+silent
+step 'enabled' [ "$(jq -c '[.changed, .applied, .profile, .messages[0]]' "$out/answer")" = \
+    '[true,true,"home","Firewall enabled with profile \"home\""]' ]
+answers 0 reload --json
+prints_json <<'END'
+{"changed": false, "applied": true, "profile": "home",
+ "messages": ["Profile \"home\" applied"], "warnings": []}
+END
+answers 0 rule add --adapter eth0 deny tcp 22-22 from 192.168.1.0/24 --json --reload
+silent
+step 'a finding is a warning' [ "$(jq -r '.warnings | length > 0' "$out/answer")" = true ]
+step 'the rules are applied' [ "$(jq '.applied' "$out/answer")" = true ]
+answers 0 rule delete 2 --adapter eth0 --json
+step 'what the kernel still has is said' grep --quiet 'The kernel still has the old rules' "$out/answer"
+answers 0 service reserve ssh allow --adapter eth0 --json
+step 'the changed profiles' [ "$(jq -c '.profiles' "$out/answer")" = '["default","home"]' ]
+answers 0 profile copy home away --json
+step 'the new one' [ "$(jq -c '[.changed, .profile]' "$out/answer")" = '[true,"away"]' ]
+answers 0 profile rename away gone --json
+answers 0 profile delete gone --json
+step 'the deleted one' [ "$(jq -c '[.changed, .profile]' "$out/answer")" = '[true,"gone"]' ]
+answers 0 export /tmp/all.json
+answers 0 apply-mode lines --json
+step 'the mode' [ "$(jq -c '[.changed, .applyMode]' "$out/answer")" = '[true,"lines"]' ]
+fails 1 declined import /tmp/all.json
+answers 0 import /tmp/all.json --yes --json
+silent
+step 'what changed' [ "$(jq -c '[.changed, .changes, .profiles[0].change, .settings[0].now]' "$out/answer")" = \
+    '[true,true,"unchanged","lines"]' ]
+step 'the backup' [ -f "$(jq -r .backup "$out/answer")" ]
+answers 0 disable --json
+silent
