@@ -150,6 +150,8 @@ answers 0 status
 step 'which "status" does not repeat' [ -z "$(grep 'After a restart' "$out/answer")" ]
 answers 0 status --json
 step 'but for programs' [ "$(jq .startsAtBoot "$out/answer")" = true ]
+answers 0 enable --json
+step 'who also learn it from "enable"' [ "$(jq .startsAtBoot "$out/answer")" = true ]
 
 # --- how rules are applied -------------------------------------------------------------------------
 

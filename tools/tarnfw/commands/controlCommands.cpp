@@ -54,8 +54,9 @@ void putPoliciesBack() {
 }
 
 /// Says whether the firewall will be in force after a restart.
-void sayAfterRestart() {
+void sayAfterRestart(Report& report) {
     const BootUnit unit = bootUnit();
+    report["startsAtBoot"] = unit.enabled ? Json::Value(*unit.enabled) : Json::Value();
     const std::string missing = notAfterRestart(unit);
     if (!missing.empty()) {
         warn("after a restart the firewall will not be in force: " + missing);
@@ -83,7 +84,7 @@ void enable(bool yes, Report& report) {
               << "\n";
     putPoliciesBack();
     forgetTrial(context);
-    sayAfterRestart();
+    sayAfterRestart(report);
 }
 
 /// Whether the machine has neither settings nor chains, so that there is nothing to switch off.

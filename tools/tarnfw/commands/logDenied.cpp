@@ -78,7 +78,6 @@ std::string listed(const std::vector<std::string>& names) {
     return text;
 }
 
-/// What is logged, as it is stored.
 /// The adapters that deny by default, in the report.
 void report(const FW::FWPROFILE& profile, Report& document) {
     document.setProfile(profile.name);
@@ -91,6 +90,7 @@ void report(const FW::FWPROFILE& profile, Report& document) {
     }
 }
 
+/// What is logged, as it is stored.
 void show(const std::string& name, Report& document) {
     const Context context(StoreSession::Access::kRead);
     const FW::FWPROFILE& profile = context.store().profile(name);
