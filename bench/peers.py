@@ -246,11 +246,14 @@ class Firewalld:
             + ['</zone>'],
         )
         if not self.started:
-            self.processes.append(
-                subprocess.Popen(['/usr/sbin/firewalld', '--nofork', '--nopid'], **QUIET)
-            )
-            self.await_running()
-            self.started = True
+            self.start()
+
+    def start(self):
+        self.processes.append(
+            subprocess.Popen(['/usr/sbin/firewalld', '--nofork', '--nopid'], **QUIET)
+        )
+        self.await_running()
+        self.started = True
 
     def await_running(self):
         deadline = time.monotonic() + 60

@@ -36,9 +36,10 @@ readonly kBenchPackages=(
 # What the README's picture needs besides the tool.
 readonly kPicturePackages=(python3-rich)
 
-# What script/bench compares with. Unpacked into build/, never installed: some of these change a
-# machine's packet filter by being installed.
+# What script/bench and docs/coming-from.md compare with. Unpacked into build/, never installed: some of
+# these change a machine's packet filter by being installed.
 readonly kPeerPackages=(dbus-daemon ferm firewalld nftables ufw)
+readonly kPeers=build/peers
 
 # The log of quietly(); each script sets its own.
 log=build/install.log
@@ -119,4 +120,35 @@ provide_headers() {
     fi
     mkdir -p build
     quietly 'Fetching the headers of valijson' unpack_valijson
+}
+
+download_peers() {
+    mkdir -p "$kPeers/debs/partial"
+    apt-get --option "Dir::Cache::archives=$PWD/$kPeers/debs" --option Debug::NoLocking=1 \
+        install --quiet --download-only --yes --no-install-recommends --reinstall \
+        "${kPeerPackages[@]}"
+}
+
+unpack_downloaded_peers() {
+    local package actions new=$kPeers/new
+    rm -rf -- "$new"
+    # Without package lists nothing can be downloaded.
+    download_peers || { apt-get update -q && download_peers; } || return
+    mkdir -p "$new"
+    for package in "$kPeers"/debs/*.deb; do
+        dpkg-deb --extract "$package" "$new"
+    done
+    if [[ -d $new/lib ]]; then
+        mkdir -p "$new/usr/lib"
+        cp -R -- "$new/lib/." "$new/usr/lib"
+    fi
+    # As the installation of firewalld does.
+    actions=$new/usr/share/polkit-1/actions/org.fedoraproject.FirewallD1
+    ln -s -- "${actions##*/}.server.policy.choice" "$actions.policy"
+    mv -- "$new" "$kPeers/root"
+}
+
+# Unpacks the packages to compare with, and their missing dependencies, into $kPeers/root.
+unpack_peers() {
+    [[ -e $kPeers/root ]] || quietly 'Unpacking other firewalls' unpack_downloaded_peers
 }
