@@ -170,7 +170,7 @@ refuses 'the tool does not leave lines out' tarnfw reload
 step 'a reload of the library does' rules_probe reload
 tarnfw diff >"$out/answer" 2>"$out/complaint" || fail 'not the same'
 prints <<<'The kernel agrees with profile "elsewhere"'
-complains '^tarnfw: this kernel refuses 2 lines of the profile; "tarnfw check --kernel" shows them$'
+complains '^tarnfw: rule 2 of eth0: this kernel refuses 2 lines of the profile; "tarnfw check --kernel" shows why$'
 answers 0 diff --json
 step 'as a number' [ "$(jq .refusedLines "$out/answer")" = 2 ]
 # A second reload adds them a second time: that is how these are.

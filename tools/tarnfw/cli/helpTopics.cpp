@@ -78,10 +78,12 @@ it only if it is valid.
 
 constexpr char kRules[] = R"(Rules
 
-  tarnfw rule add --adapter ADAPTER allow|deny [WHAT] [from|to ADDRESS]
+  tarnfw rule add [--adapter ADAPTER] allow|deny [WHAT] [from|to ADDRESS]
 
+Without --adapter the rule is for every adapter: it is one of "global".
 WHAT is one of these, by default "any":
-  tcp 22                     a port: tcp, udp, or tcp/udp for both
+  tcp 22                     a port: tcp, udp, or tcp/udp for both; tcp/22,
+                             22/tcp and both 22 are read as well
   tcp 80,443,6000-6010       ports and ranges, without blanks
   udp                        every port
   service ssh,https          services of the catalogue ("tarnfw services")
@@ -91,19 +93,22 @@ WHAT is one of these, by default "any":
 ADDRESS is described in "tarnfw help addresses"; the default is "anywhere".
 "from" means the sender, "to" the receiver.
 
+  tarnfw rule add allow tcp 8080
   tarnfw rule add --adapter eth0 allow tcp 22 from 192.168.1.0/24
   tarnfw rule add --adapter eth0 allow service smb from 10.0.0.5-10.0.0.9
-  tarnfw rule add --adapter global deny from country CN,RU --log
+  tarnfw rule add deny from country CN,RU --log --first
   tarnfw rule insert 1 --adapter eth0 deny from 203.0.113.9 --name nuisance
 
 The order counts: the first rule that matches decides. "rule add" puts a
-rule after the others, where an earlier one may shadow it; "rule insert"
-puts it at the given position. Positions are those that "tarnfw profile
-show" prints:
+rule after the others, or with --first before them, and says what it opens
+or closes; where an earlier rule shadows it, it says which position would
+do. "rule insert" puts it at the given position. Positions are those that
+"tarnfw profile show" prints:
 
   tarnfw rule move 3 1 --adapter eth0
   tarnfw rule off 2 --adapter eth0      keep it, without effect
-  tarnfw rule delete 2 --adapter eth0
+  tarnfw rule delete 2-3 --adapter eth0
+  tarnfw rule delete allow tcp 8080     by its words, or by --name
 
 A denying rule does not cut existing connections. After "allow", a packet
 still passes the rules of other programs; "deny" drops it without an answer.

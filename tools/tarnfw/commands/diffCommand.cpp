@@ -82,6 +82,9 @@ public:
     const std::vector<std::string>& families() const { return families_; }
     const std::vector<TracedLine>& lines() const { return lines_; }
     std::size_t refused() const { return refused_; }
+
+    /// Where the first of these lines comes from: "rule 3 of eth0"; empty without one.
+    const std::string& firstRefused() const { return firstRefused_; }
     RuleListing listing(const std::string& family, const std::string& table) const {
         return listingOf(*kernel_, family, table);
     }
@@ -121,7 +124,12 @@ private:
         for (const TracedLine& line : lines_) {
             const bool wanted =
                 std::find(families_.begin(), families_.end(), line.family) != families_.end();
-            refused_ += !wanted || kernel_->load(line).empty() ? 0 : 1;
+            if (wanted && !kernel_->load(line).empty()) {
+                if (refused_++ == 0) {
+                    firstRefused_ = line.place.adapter.empty() ? "a line of every profile"
+                                                               : placeText(line.place);
+                }
+            }
             progress.step();
         }
     }
@@ -132,6 +140,7 @@ private:
     std::vector<std::string> families_;  ///< those that it has
     std::unique_ptr<ScratchKernel> kernel_;
     std::size_t refused_ = 0;
+    std::string firstRefused_;
 };
 
 // ---- Comparison ---------------------------------------------------------------------------------
@@ -261,7 +270,8 @@ private:
 struct Compared {
     bool enabled;
     std::string profile;
-    std::size_t refused;
+    std::size_t refused = 0;
+    std::string firstRefused = {};
 };
 
 /// Whether a line is a difference or near one.
@@ -343,11 +353,12 @@ void diff(bool json) {
     const Context context(StoreSession::Access::kRead);
     const StoreSnapshot& store = context.store();
     const MachineKernel machine;
-    Compared compared{store.firewallEnabled(), store.activeProfile(), 0};
+    Compared compared{store.firewallEnabled(), store.activeProfile()};
     Comparison comparison;
     if (compared.enabled) {
         const WantedRules wanted(store, machine);
         compared.refused = wanted.refused();
+        compared.firstRefused = wanted.firstRefused();
         for (const std::string& family : wanted.families()) {
             comparison.compare(family, machine, wanted);
         }
@@ -361,8 +372,9 @@ void diff(bool json) {
     } else {
         printText(compared, comparison.differences());
         if (compared.refused > 0) {
-            std::cerr << "tarnfw: this kernel refuses " << counted(compared.refused, "line")
-                      << " of the profile; \"tarnfw check --kernel\" shows them\n";
+            warn(compared.firstRefused + ": this kernel refuses " +
+                 counted(compared.refused, "line") +
+                 " of the profile; \"tarnfw check --kernel\" shows why");
         }
     }
     if (comparison.isClosed() && !isLocked(kReloadLock)) {
