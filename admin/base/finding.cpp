@@ -36,6 +36,14 @@ std::size_t countErrors(const std::vector<Finding>& findings) {
         findings.begin(), findings.end(), [](const Finding& finding) { return finding.isError; }));
 }
 
+ErrorPlace placeOfFirstError(const std::string& file, const std::vector<Finding>& findings) {
+    const auto first = std::find_if(findings.begin(), findings.end(),
+                                    [](const Finding& finding) { return finding.isError; });
+    return first == findings.end()
+               ? ErrorPlace{file, "", std::nullopt}
+               : ErrorPlace{file, jsonOf(*first)["where"].asString(), first->rule};
+}
+
 std::string memberPath(const std::string& base, const std::string& name) {
     if (name.empty() || name.find_first_not_of(kPlainName) != std::string::npos) {
         return std::string(base).append("[\"").append(name).append("\"]");

@@ -11,6 +11,7 @@
 
 #include "tarnfirewall/fwExport.h"
 
+#include "tarnfwadmin/error.h"
 #include "tarnfwadmin/place.h"
 
 namespace TARNFW_EXPORT_ALL tarnfw {
@@ -59,6 +60,9 @@ private:
 };
 
 std::size_t countErrors(const std::vector<Finding>& findings);
+
+/// The place of the first error of a document; without one, the document alone. `file` is its path.
+ErrorPlace placeOfFirstError(const std::string& file, const std::vector<Finding>& findings);
 
 /// The path of a member: "rules.eth0", and rules["eth0.7"] where a name has other characters than
 /// letters, digits, '_' and '-'.

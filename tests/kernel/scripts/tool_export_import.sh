@@ -168,6 +168,10 @@ answers 3 import --yes faulty.json
 step 'the finding, with its place' grep --quiet --line-regexp \
     'faulty.json: config_profiles\["deny_by_default.json"\]: rule 2 of eth0: portList entry 1: "99999" is not a port (0-65535) or a range of ports (6000-6010)' \
     "$out/complaint"
+answers 3 import --yes faulty.json --json
+step 'the place of the first error' [ "$(jq -c '.error.place | [.file, .path, .adapter, .position]' "$out/answer")" = \
+    '["faulty.json","config_profiles[\"deny_by_default.json\"].rules.eth0[1].portList[0]","eth0",2]' ]
+answers 3 import --yes faulty.json
 step 'one line says what came of it' grep --quiet --line-regexp \
     'tarnfw: faulty.json has 1 error; nothing was imported' "$out/complaint"
 step 'the store is untouched' same_store before

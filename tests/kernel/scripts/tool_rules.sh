@@ -174,6 +174,8 @@ done
 refused 5 '^tarnfw: there is no position 0 in the list of eth0, which has 4 rules$' \
     rule insert 0 --adapter eth0 deny any
 refused 5 '^tarnfw: there is no rule 1 of pppoe, which has 0 rules$' rule off 1 --adapter pppoe
+answers 5 rule off 9 --adapter eth0 --json
+step 'the place' [ "$(jq -c '.error.place | [.adapter, .position]' "$out/answer")" = '["eth0",9]' ]
 refused 5 '^tarnfw: no rule of eth0 is named "ofice"; did you mean "office"?$' \
     rule delete --name ofice --adapter eth0
 refused 5 '^tarnfw: no rule of global is named "office", but rule 1 of eth0 is (--adapter eth0)$' \

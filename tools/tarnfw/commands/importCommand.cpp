@@ -74,17 +74,21 @@ Json::Value checkedDocument(const Options& options, Machine& machine) {
     Json::Value document;
     const std::vector<Finding> syntax = parseDocument(readText(options.path), document);
     complain(source, syntax);
-    std::size_t errors = countErrors(syntax);
-    if (errors == 0) {
+    std::vector<Finding> wrong = syntax;
+    if (countErrors(wrong) == 0) {
         const ExportFindings findings = checkExport(document, machine);
         complain(source, findings.document);
         complain(source, findings.profiles);
-        errors =
-            countErrors(findings.document) + (options.force ? 0 : countErrors(findings.profiles));
+        wrong = findings.document;
+        if (!options.force) {
+            wrong.insert(wrong.end(), findings.profiles.begin(), findings.profiles.end());
+        }
     }
-    if (errors > 0) {
-        throw Error(ErrorKind::kInvalid, printable(source) + " has " + counted(errors, "error") +
-                                             "; nothing was imported");
+    if (countErrors(wrong) > 0) {
+        throw Error(ErrorKind::kInvalid,
+                    printable(source) + " has " + counted(countErrors(wrong), "error") +
+                        "; nothing was imported",
+                    placeOfFirstError(source, wrong));
     }
     return document;
 }

@@ -164,7 +164,8 @@ FW::FWPROFILE profileFrom(const std::string& path, const std::string& name, Mach
     const bool valid = document.check(machine);
     warn(path, document.findings());
     if (!valid) {
-        throw Error(ErrorKind::kInvalid, printable(path) + " is invalid: no profile was created");
+        throw Error(ErrorKind::kInvalid, printable(path) + " is invalid: no profile was created",
+                    placeOfFirstError(path, document.findings()));
     }
     return document.profile();
 }
@@ -268,8 +269,9 @@ void use(const std::string& name, const ReloadOptions& reload) {
 // ---- edit: a document in the person's editor ----
 
 /// Ends the command without storing the text.
-[[noreturn]] void keep(const PrivateText& text, const std::string& why, ErrorKind kind) {
-    throw Error(kind, why + "; nothing was stored, the text is kept in " + text.path());
+[[noreturn]] void keep(const PrivateText& text, const std::string& why, ErrorKind kind,
+                       const ErrorPlace& place = {}) {
+    throw Error(kind, why + "; nothing was stored, the text is kept in " + text.path(), place);
 }
 
 bool editAgain(const PrivateText& text) {
@@ -330,7 +332,8 @@ std::optional<ProfileDocument> validDocument(const PrivateText& text, const std:
             return document;
         }
         if (!editAgain(text)) {
-            keep(text, "profile " + inQuotes(name) + " is invalid", ErrorKind::kInvalid);
+            keep(text, "profile " + inQuotes(name) + " is invalid", ErrorKind::kInvalid,
+                 placeOfFirstError(text.path(), document->findings()));
         }
     }
 }

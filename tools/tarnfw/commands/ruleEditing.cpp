@@ -63,7 +63,12 @@ std::size_t reservedAtHead(const Rules& rules) {
 
 void requirePosition(const Rules& rules, std::size_t position, const Target& target) {
     if (position < 1 || position > rules.size()) {
-        notFound("there is no rule " + std::to_string(position) + " of " + listText(rules, target));
+        const std::optional<RulePlace> place =
+            position > 0 ? std::optional(RulePlace{target.adapter, position}) : std::nullopt;
+        throw Error(
+            ErrorKind::kNotFound,
+            "there is no rule " + std::to_string(position) + " of " + listText(rules, target),
+            {"", "", place});
     }
 }
 
