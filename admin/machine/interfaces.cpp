@@ -61,7 +61,68 @@ unsigned char putAddress(nlmsghdr& request, std::uint16_t type, const Address& a
     return static_cast<unsigned char>(lengthOf(address) * CHAR_BIT);
 }
 
+/// An interface as the kernel lists it.
+struct ListedInterface {
+    InterfaceKind kind;
+    unsigned int portOf = 0;  // an index; 0: none
+};
+
+/// The kernel's list of its interfaces, by index. Throws std::system_error.
+std::map<int, ListedInterface> listedInterfaces() {
+    std::array<char, 64> space{};  // 32 bytes are needed
+    nlmsghdr& request = *mnl_nlmsg_put_header(space.data());
+    request.nlmsg_type = RTM_GETLINK;
+    request.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    (void)mnl_nlmsg_put_extra_header(&request, sizeof(ifinfomsg));
+    std::map<int, ListedInterface> found;
+    askKernel(NETLINK_ROUTE, request, [&found](const nlmsghdr& message) {
+        ifinfomsg device{};
+        if (message.nlmsg_type != RTM_NEWLINK ||
+            mnl_nlmsg_get_payload_len(&message) < sizeof device) {
+            return;
+        }
+        std::memcpy(&device, mnl_nlmsg_get_payload(&message), sizeof device);
+        const Attributes attributes(message, sizeof device);
+        ListedInterface& listed = found[device.ifi_index];
+        listed.kind.name = attributes.textAt(IFLA_IFNAME);
+        listed.kind.kind = Attributes(attributes.at(IFLA_LINKINFO)).textAt(IFLA_INFO_KIND);
+        listed.portOf = attributes.numberAt(IFLA_MASTER).value_or(0);
+    });
+    return found;
+}
+
+/// The same. A list that has changed meanwhile is asked for again.
+std::map<int, ListedInterface> listedInterfacesAtLast() {
+    constexpr int kMostTimes = 5;
+    for (int times = 1;; ++times) {
+        try {
+            return listedInterfaces();
+        } catch (const std::system_error& error) {
+            if (error.code() != std::errc::interrupted || times == kMostTimes) {
+                throw Error(
+                    ErrorKind::kSystem,
+                    std::string("the machine's interfaces cannot be listed: ") + error.what());
+            }
+        }
+    }
+}
+
 }  // namespace
+
+std::vector<InterfaceKind> interfaceKindsNow() {
+    const std::map<int, ListedInterface> listed = listedInterfacesAtLast();
+    std::vector<InterfaceKind> kinds;
+    for (const auto& [index, interface] : listed) {
+        kinds.push_back(interface.kind);
+        const auto port = listed.find(static_cast<int>(interface.portOf));
+        if (port != listed.end()) {
+            kinds.back().portOf = port->second.kind.name;
+        }
+    }
+    std::sort(kinds.begin(), kinds.end(),
+              [](const auto& one, const auto& other) { return one.name < other.name; });
+    return kinds;
+}
 
 std::optional<std::string> interfaceTowards(const Address& peer,
                                             const std::optional<Address>& local) {

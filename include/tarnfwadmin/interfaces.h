@@ -23,6 +23,17 @@ struct Interface {
 /// kSystem, when they cannot be listed.
 std::vector<Interface> interfacesNow();
 
+/// What kind of device an interface is.
+struct InterfaceKind {
+    std::string name;
+    std::string kind;    ///< the kernel's word: "bridge", "veth", "tun"; empty for hardware
+    std::string portOf;  ///< the bridge or bond that it is a port of; empty without one
+};
+
+/// The kinds of all interfaces of the kernel, "lo" among them, sorted by name. Throws Error,
+/// kSystem, when they cannot be listed.
+std::vector<InterfaceKind> interfaceKindsNow();
+
 /// The interface that packets to `peer` leave through, which is the one that its packets come in
 /// through unless the routes of the two directions differ; "lo" for an address of the machine
 /// itself. `local` is the machine's own end, which its policy routing may depend on. Asks the
