@@ -200,11 +200,13 @@ std::string StoreSnapshot::activeProfile() const {
 }
 
 ApplyMode StoreSnapshot::applyMode() const {
+    return chosenApplyMode().value_or(ApplyMode::kLines);
+}
+
+std::optional<ApplyMode> StoreSnapshot::chosenApplyMode() const {
     const Json::Value document = settings();
-    if (!document.isObject() || !document[FW::FW_APPLY_KEY].isString()) {
-        return ApplyMode::kLines;
-    }
-    return applyModeFrom(document[FW::FW_APPLY_KEY].asString()).value_or(ApplyMode::kLines);
+    const Json::Value& mode = document[FW::FW_APPLY_KEY];
+    return mode.isString() ? applyModeFrom(mode.asString()) : std::nullopt;
 }
 
 // ---- Files --------------------------------------------------------------------------------------

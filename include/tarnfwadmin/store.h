@@ -82,6 +82,9 @@ public:
     /// The apply mode; "lines" where the settings name none that exists.
     ApplyMode applyMode() const;
 
+    /// The apply mode that the settings name; nothing where they name none that exists.
+    std::optional<ApplyMode> chosenApplyMode() const;
+
     // ---- Files ----
 
     /// Whether there is a "*.json" file.

@@ -97,7 +97,7 @@ refused() {
 store_home_and_copy() {
     answers 0 base up
     answers 0 apply-mode lines
-    answers 0 profile create home
+    answers 0 profile create home --empty
     answers 0 policy eth0 deny --profile home
     answers 0 rule add --adapter eth0 --profile home allow service ssh from 192.168.1.0/24
     answers 0 profile copy home third

@@ -12,6 +12,7 @@ ip6tables -P INPUT DROP
 keep_listing before
 answers 0 base up
 use_profile deny_by_default
+choose_apply lines # in which a reload sets the policies
 sed -i 's/"status": false/"status": true/' "$kSettings"
 step 'a reload of the library' rules_probe reload
 step 'makes the policies ACCEPT' policies_accept

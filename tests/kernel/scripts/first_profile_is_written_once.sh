@@ -1,8 +1,11 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# Without a profile, "base up" writes a first one that keeps the machine reachable; if there
-# is one, it writes none. Other files in the directory stay, and nothing makes it wait forever.
+# Without a profile, "base up" writes a first one for this machine, which lets in the local network and the
+# person who is connected, and to which rules can be added; if there is one, it writes none. It chooses an
+# apply mode if nobody has. Other files in the directory stay, and nothing makes it wait forever.
+. "$checkout/tests/kernel/answers.sh"
+
 make_links <<'END'
-veth eth0 192.168.1.10/24 203.0.113.10/24 2001:db8:1::10/64 lan 192.168.1.20/24 203.0.113.20/24 2001:db8:1::20/64
+veth eth0 192.168.1.10/24 203.0.113.10/24 fd00:1::10/64 2001:db8:1::10/64 lan 192.168.1.20/24 203.0.113.20/24 203.0.113.30/24 fd00:1::20/64 2001:db8:1::20/64
 END
 readonly kSeconds=20 # far more than needed, far less than for ever
 
@@ -25,7 +28,7 @@ writes_one() {
     local name=$1 added
     mkdir -p -- "$kProfileDirectory"
     profile_files >"$out/$name.before"
-    keep_directory >"$out/$name.sums"
+    keep_directory | grep --invert-match " $kSettings$" >"$out/$name.sums" || true
     step "$name: base up returns" base_up
     step "$name: what was there is as it was" [ -z "$(
         LC_ALL=C comm -23 "$out/$name.sums" <(keep_directory)
@@ -83,27 +86,93 @@ writes_none() {
 rm -rf -- "$kProfileDirectory"
 mkdir -p -- "$kProfileDirectory"
 printf '{"name": "default", ' >"$kProfileDirectory/1.json"
+printf '{"status": false, "profile": "default", "apply": "lines"}\n' >"$kSettings"
 writes_none broken
 
 # Somebody's own profile is reason enough to write none.
 rm -rf -- "$kProfileDirectory"
 mkdir -p -- "$kProfileDirectory"
 printf '{"name": "mine", "rules": {}, "adapterPolicyMap": {}}\n' >"$kProfileDirectory/mine.json"
+printf '{"status": false, "profile": "mine", "apply": "lines"}\n' >"$kSettings"
 writes_none mine
+
+# --- the apply mode --------------------------------------------------------------------------------
+
+# chooses MODE NAME MEMBERS: with these members of the settings, base up leaves that mode, and the others.
+chooses() {
+    local mode=$1 name=$2 members=$3
+    printf '{"status": false, "profile": "mine"%s}\n' "$members" >"$kSettings"
+    step "$name: base up" base_up
+    step "$name: the mode is \"$mode\"" [ \
+        "$(jq -c '[.status, .profile, .apply]' "$kSettings")" = "[false,\"mine\",\"$mode\"]" ]
+}
+
+# A library call writes settings before anybody has chosen.
+rm -f -- "$kSettings"
+/usr/bin/python3 -c 'import ctypes, sys
+ctypes.CDLL(sys.argv[1]).TARNFwPortsCheckAllowByAdapter(b"eth0", b"ssh")' "$build/lib/libtarnfirewall.so"
+step 'they have no mode' [ "$(jq -c 'keys' "$kSettings")" = '["profile","status"]' ]
+step 'base up' base_up
+step 'now they have one' [ "$(jq -c .apply "$kSettings")" = '"batch"' ]
+chooses batch 'no mode' ''
+chooses batch 'no mode that exists' ', "apply": "Batch"'
+chooses batch 'not even a text' ', "apply": 1'
+chooses lines "a person's choice" ', "apply": "lines"'
+chooses batch "a person's other choice" ', "apply": "batch"'
+printf '{"status": false, ' >"$kSettings"
+writes_none 'settings that cannot be read'
 
 # --- the profile itself ----------------------------------------------------------------------------
 
+# What is the machine's own, and what containers have.
+ip link add br0 type bridge
+ip link add docker0 type bridge
+ip link add veth0a1b2c3 type veth peer name eth0 netns lan
+ip link set veth0a1b2c3 master docker0
+
 rm -rf -- "$kProfileDirectory"
-step 'base up' base_up
+SSH_CONNECTION='203.0.113.30 50000 203.0.113.10 22' step 'base up over SSH' base_up
+step 'what is denied by default' [ "$(tarnfw profile show --json | jq -c '.adapterPolicyMap')" = \
+    '{"br0":1,"eth0":1,"global":2}' ]
+
+# shown COLUMNS: the active profile on a terminal so wide.
+shown() {
+    /usr/bin/python3 -c 'import pexpect, sys
+tool = pexpect.spawn(sys.argv[2], ["profile", "show"], encoding="utf-8", dimensions=(24, int(sys.argv[1])))
+tool.expect(pexpect.EOF)
+print(tool.before.replace("\r", ""), end="")' "$1" "$build/tools/tarnfw/tarnfw" |
+        sed 's/\x1b\[[0-9;]*m//g' >"$out/shown"
+}
+step 'it is shown' shown 80
+cat -- "$out/shown"
+step 'in at most 25 lines' [ "$(wc -l <"$out/shown")" -le 25 ]
+step 'of at most 80 columns' [ "$(wc -L <"$out/shown")" -le 80 ]
+step 'all of it' [ "$(grep -c '^  [0-9]* *allow ' "$out/shown")" = 9 ]
+
 tarnfw profile show default >"$out/default.txt" || fail 'its rules can be read'
 step 'each of its codes is known' [ "$(grep -c unknown "$out/default.txt")" = 0 ]
 mapfile -t services < <(sed -n 's/^.* service \([^ ]*\).*/\1/p' "$out/default.txt" | tr , '\n' |
     LC_ALL=C sort --unique)
-step 'it names services' [ "${#services[@]}" -ge 2 ]
+step 'it names services' [ "${#services[@]}" = 16 ]
 for service in "${services[@]}"; do
     step "the catalogue has $service" grep --quiet "\"name\": *\"$service\"" \
         /usr/tarn/etc.defaults/services.d/*.json
 done
+answers 0 check --strict default
+
+# What "service update" finds is what was written.
+answers 0 service update
+says '(no profile changed)$'
+answers 0 profile create home
+says '^Profile "home" created with the rules of a first profile$'
+step 'of this machine' [ "$(tarnfw profile show home --json | jq -c .adapterPolicyMap)" = \
+    '{"br0":1,"eth0":1,"global":2}' ]
+answers 0 service update
+says '(no profile changed)$'
+answers 0 profile create nothing --empty
+says '^Profile "nothing" created; without rules it allows everything$'
+step 'it has none' [ "$(tarnfw profile show nothing --json | jq ".rules // {} | length")" = 0 ]
+answers 2 profile create other --empty --from "$kSettings"
 
 tarnfw preview default >"$out/default.preview" 2>"$out/default.complaints" || fail 'it translates'
 step 'without a complaint' diff -u /dev/null "$out/default.complaints"
@@ -116,19 +185,41 @@ for family in v4 v6; do
         "$(grep -c "^/sbin/$tool .*-A  *[A-Z]*_FIREWALL" "$out/default.preview")" ]
 done
 
-serve tcp/22 tcp/443 tcp/445 tcp/3493 tcp/47123 udp/47123
-step 'what has to be in reach is, and nothing else' check_packets <<'END'
-tcp4 192.168.1.10 22 open
-tcp6 2001:db8:1::10 22 open
-tcp4 203.0.113.10 22 open 203.0.113.20
-tcp4 192.168.1.10 443 open
-tcp4 192.168.1.10 445 open 192.168.1.20
-tcp4 192.168.1.10 3493 open 192.168.1.20
-tcp4 203.0.113.10 445 blocked 203.0.113.20
-tcp6 2001:db8:1::10 445 blocked
-tcp4 192.168.1.10 47123 blocked
-udp4 192.168.1.10 47123 blocked
-tcp6 2001:db8:1::10 47123 blocked
+serve tcp/22 tcp/443 tcp/445 tcp/8080 tcp/47123 udp/5353 udp/47123
+step 'the local network, and the person who was connected, are let in, and nobody else' check_packets <<'END'
 icmp4 192.168.1.10 0 open
+icmp4 203.0.113.10 0 open 203.0.113.20
 icmp6 2001:db8:1::10 0 open
+udp4 203.0.113.10 5353 open 203.0.113.20
+tcp4 192.168.1.10 22 open 192.168.1.20
+tcp4 192.168.1.10 443 open 192.168.1.20
+tcp4 192.168.1.10 445 open 192.168.1.20
+tcp6 fd00:1::10 22 open
+tcp6 fd00:1::10 445 open
+tcp4 192.168.1.10 8080 blocked 192.168.1.20
+tcp4 192.168.1.10 47123 blocked 192.168.1.20
+udp4 192.168.1.10 47123 blocked 192.168.1.20
+tcp4 203.0.113.10 22 blocked 203.0.113.20
+tcp4 203.0.113.10 443 blocked 203.0.113.20
+tcp4 203.0.113.10 445 blocked 203.0.113.20
+tcp6 2001:db8:1::10 22 blocked
+tcp6 2001:db8:1::10 445 blocked
+tcp4 203.0.113.10 22 open 203.0.113.30
+tcp4 203.0.113.10 445 blocked 203.0.113.30
 END
+
+# A rule after the others opens what it says.
+answers 0 rule add --adapter global --reload allow tcp 8080
+step 'it is open to everybody' check_packets <<'END'
+tcp4 192.168.1.10 8080 open 192.168.1.20
+tcp4 203.0.113.10 8080 open 203.0.113.20
+tcp6 2001:db8:1::10 8080 open
+tcp4 203.0.113.10 22 blocked 203.0.113.20
+tcp4 203.0.113.10 47123 blocked 203.0.113.20
+END
+answers 0 disable
+
+# --- the profile of a storage system ---------------------------------------------------------------
+
+# Nothing here writes it; systems that bring their own tool do.
+answers 0 check --strict /usr/tarn/etc.defaults/firewall_default_profile.json

@@ -46,7 +46,7 @@ text_kept() {
 
 unset VISUAL EDITOR
 step 'base up' tarnfw base up
-answers 0 profile create lab
+answers 0 profile create lab --empty
 answers 0 rule add --adapter eth0 --profile lab allow tcp 22 --name first
 editor to_second <<<"sed -i s/first/second/ \"\$1\""
 editor to_first <<<"sed -i s/second/first/ \"\$1\""

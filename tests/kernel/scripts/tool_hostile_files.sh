@@ -13,7 +13,7 @@ tarnfw() {
 }
 
 answers 0 base up
-answers 0 profile create home
+answers 0 profile create home --empty
 answers 0 policy eth0 deny --profile home
 answers 0 profile use home
 answers 0 enable --yes

@@ -20,7 +20,7 @@ fails 5 notFound profile list
 step 'with what helps' [ "$(jq -r '.error.remedy' "$out/answer")" = '"tarnfw base up" writes a first one' ]
 fails 1 system enable
 answers 0 base up
-answers 0 profile create home
+answers 0 profile create home --empty
 answers 0 profile use home
 fails 5 notFound profile show nowhere
 fails 5 notFound blocked --service shh

@@ -37,7 +37,7 @@ keep_listing base
 
 # --- create ----------------------------------------------------------------------------------------
 
-answers 0 profile create lab
+answers 0 profile create lab --empty
 silent
 prints <<<'Profile "lab" created; without rules it allows everything'
 answers 0 profile show lab
@@ -60,7 +60,7 @@ refused 1 "$names" profile create $'\e[31mred'
 refused 1 "$names" profile copy default "$(printf 'x%.0s' {1..101})"
 refused 1 "$names" profile rename lab $'tab\there'
 long=$(printf 'x%.0s' {1..100})
-answers 0 profile create "$long"
+answers 0 profile create "$long" --empty
 answers 0 profile delete "$long"
 
 example=$checkout/examples/lan-only.json
@@ -94,7 +94,7 @@ prints <<'END'
 END
 answers 0 profile list --json
 prints_json <<'END'
-{"profiles": [{"name": "default", "active": true, "adapters": 1, "rules": 10},
+{"profiles": [{"name": "default", "active": true, "adapters": 2, "rules": 8},
               {"name": "lab", "active": false, "adapters": 1, "rules": 0},
               {"name": "two words", "active": false, "adapters": 2, "rules": 6}]}
 END
@@ -184,7 +184,7 @@ step 'both are gone' [ "$(tarnfw profile list | tr '\n' ,)" = '* default,  two w
 
 # --- use -------------------------------------------------------------------------------------------
 
-answers 0 profile create open
+answers 0 profile create open --empty
 answers 0 profile use open
 prints <<<'Profile "open" is now the active one'
 step 'the settings say so' [ "$(setting profile)" = open ]

@@ -35,7 +35,7 @@ warns() {
 }
 
 step 'base up' tarnfw base up
-answers 0 profile create lab
+answers 0 profile create lab --empty
 answers 0 profile use lab
 keep_listing base
 
@@ -462,7 +462,7 @@ done
 
 # --- logging what default policies deny --------------------------------------------------------------
 
-answers 0 profile create logged
+answers 0 profile create logged --empty
 answers 1 log-denied on --profile logged
 complains '^tarnfw: no adapter of "logged" denies by default; "tarnfw policy ADAPTER deny" sets that$'
 answers 0 policy eth0 deny --profile logged
@@ -494,7 +494,7 @@ prints <<<'No denied packets are logged'
 
 # --- two at the same time --------------------------------------------------------------------------
 
-answers 0 profile create busy
+answers 0 profile create busy --empty
 children=()
 for port in 1 2 3 4 5 6 7 8 9 10; do
     tarnfw rule add --adapter eth0 --profile busy allow tcp "$port" >>"$out/busy" &

@@ -44,7 +44,7 @@ for command in 'reload' 'enable --yes' "profile use $new" 'profile use deny_by_d
         $command
     step 'the rules on trial are in force' same_listing tried
 done
-answers 0 profile create spare
+answers 0 profile create spare --empty
 answers 0 profile rename spare unused
 answers 0 profile delete unused
 answers 0 try --confirm

@@ -9,7 +9,7 @@ source "$checkout/tests/kernel/answers.sh"
 readonly kShipped=/usr/tarn/etc.defaults/services.d kOwn=/usr/tarn/etc/services.d
 
 answers 0 base up
-answers 0 profile create home
+answers 0 profile create home --empty
 answers 0 profile use home
 answers 0 rule add --profile home --adapter eth0 allow service ssh from 192.168.1.0/24
 answers 0 policy eth0 deny --profile home

@@ -10,18 +10,21 @@ All commands need root's rights.
 
   tarnfw base up                add the firewall's chains to the packet
                                 filter, and a first profile "default"
+                                for this machine's interfaces
   tarnfw profile show default   its rules, in plain words
   tarnfw adapters               the adapters that rules can be for
   tarnfw services               the services that rules can name
 
 Make a profile of your own, and change it while it is not in use:
 
-  tarnfw profile copy default home
-  tarnfw rule insert 1 --profile home --adapter global \
+  tarnfw profile create home    like "default"; --empty: without rules
+  tarnfw rule add --profile home --adapter global \
       allow tcp 8443 from 192.168.1.0/24
   tarnfw check home --kernel    is it valid, and does the kernel accept it?
 
-Switch the firewall on. The first profile lets the local network in:
+Switch the firewall on. The first profile lets private networks reach file
+services, SSH and the web interface, and the address that you were connected
+from over SSH; everything else is denied:
 
   tarnfw enable
 
@@ -48,7 +51,7 @@ and its rules are in force while the firewall is enabled.
 
   tarnfw profile list           the active one has a star
   tarnfw profile show home      its rules, with their positions
-  tarnfw profile create work    a new one, which allows everything
+  tarnfw profile create work    a new one, like the first one
   tarnfw profile copy home work
   tarnfw profile use work       make it the active one
 
@@ -248,7 +251,8 @@ Yours; back these up:
 
 The system's:
   /usr/tarn/etc.defaults/firewall_default_profile.json
-      the first profile, which "tarnfw base up" writes if there is none
+      a first profile for storage systems that bring their own tool;
+      "tarnfw base up" makes one for the machine instead
   /usr/tarn/etc.defaults/services.d/*.json
       the catalogue of services
   /usr/tarn/etc.defaults/iptables_modules_list

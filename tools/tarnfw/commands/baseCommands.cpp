@@ -27,6 +27,7 @@
 #include "cli/report.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
+#include "commands/sshGuard.h"
 #include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/baseRecord.h"
@@ -44,7 +45,8 @@ constexpr char kLockName[] = "base_filter.lock";
 
 constexpr char kAbsent[] = "absent: this machine has no packet filter for it";
 
-constexpr char kFirstProfile[] = "/usr/tarn/etc.defaults/firewall_default_profile.json";
+// The profile that new settings name.
+constexpr char kFirstProfile[] = "default";
 
 // ---- The record of what was added ----
 
@@ -95,38 +97,12 @@ bool storeHasProfile(const StoreSnapshot& store) {
     return false;
 }
 
-/// Writes the first settings if there are none: apply mode "batch", which no connection
-/// notices, or "lines" if ip6tables fails.
-void writeFirstSettings(Context& context, bool ipv6Works) {
-    if (context.store().hasSettings()) {
-        return;
-    }
-    const ApplyMode mode = ipv6Works ? ApplyMode::kBatch : ApplyMode::kLines;
-    context.session().setApplyMode(mode);
-    std::cout << "Settings written to " << kSettingsFile << ": "
-              << "apply mode \"" << applyModeName(mode) << '"'
-              << (ipv6Works ? "" : ", because ip6tables fails") << " (see \"tarnfw apply-mode\")\n";
-}
-
-/// Writes the first profile if there is none, and the settings with it. Not through the store:
-/// its generator of file names needs a profile to compare with, and would not return.
-void writeFirstProfile(bool ipv6Works, const LockTime& time) {
-    makeProfileDirectory();
-    // First without the lock: at boot a stopped command, or a file that is no document, must not
-    // keep the machine from its rules.
-    if (storeHasProfile(
-            Context(StoreSession::Access::kRead, std::make_unique<Machine>(), time).store())) {
-        return;
-    }
-    Context context(StoreSession::Access::kChange, std::make_unique<Machine>(), time);
-    if (storeHasProfile(context.store())) {
-        return;
-    }
+/// Writes the first profile, for this machine. Not through the store: its generator of file names
+/// needs a profile to compare with, and would not return.
+void writeFirstProfile(Context& context) {
     Json::Value document;
-    if (!FW::jsonFileLoad(document, kFirstProfile)) {
-        throw Error(ErrorKind::kSystem,
-                    std::string("cannot read the first profile from ") + kFirstProfile);
-    }
+    FW::TARNFW_JSON_DB().profileToJson(firstProfileHere(kFirstProfile, context.machine()),
+                                       document);
     std::string path;
     for (std::time_t number = std::time(nullptr); path.empty(); ++number) {
         const std::string candidate = kProfileDir + std::to_string(number) + ".json";
@@ -137,9 +113,45 @@ void writeFirstProfile(bool ipv6Works, const LockTime& time) {
     if (!context.session().change([&] { return FW::jsonFileDump(document, path); })) {
         throw Error(ErrorKind::kSystem, "cannot write the first profile to " + path);
     }
-    std::cout << "Profile " << inQuotes(document["name"].asString()) << " written to " << path
-              << '\n';
-    writeFirstSettings(context, ipv6Works);
+    std::cout << "Profile " << inQuotes(kFirstProfile) << " written to " << path << '\n';
+}
+
+/// Whether nobody has chosen an apply mode. Settings that cannot be read are not to be written.
+bool lacksApplyMode(const StoreSnapshot& store) {
+    try {
+        return !store.chosenApplyMode();
+    } catch (const Error&) {
+        return false;
+    }
+}
+
+/// Chooses the apply mode: "batch", which no connection notices, or "lines" if ip6tables fails.
+void chooseApplyMode(Context& context, bool ipv6Works) {
+    const ApplyMode mode = ipv6Works ? ApplyMode::kBatch : ApplyMode::kLines;
+    context.session().setApplyMode(mode);
+    std::cout << "Settings written to " << kSettingsFile << ": "
+              << "apply mode \"" << applyModeName(mode) << '"'
+              << (ipv6Works ? "" : ", because ip6tables fails") << " (see \"tarnfw apply-mode\")\n";
+}
+
+/// Writes what the store lacks: a first profile, an apply mode.
+void setUpStore(bool ipv6Works, const LockTime& time) {
+    makeProfileDirectory();
+    {
+        // First without the lock: at boot a stopped command, or a file that is no document, must
+        // not keep the machine from its rules.
+        const Context context(StoreSession::Access::kRead, std::make_unique<Machine>(), time);
+        if (!lacksApplyMode(context.store()) && storeHasProfile(context.store())) {
+            return;
+        }
+    }
+    Context context(StoreSession::Access::kChange, std::make_unique<Machine>(), time);
+    if (!storeHasProfile(context.store())) {
+        writeFirstProfile(context);
+    }
+    if (lacksApplyMode(context.store())) {
+        chooseApplyMode(context, ipv6Works);
+    }
 }
 
 // ---- Commands ----
@@ -182,7 +194,7 @@ std::string setUpBoth() {
 /// Sets up the base filter and what is missing in the store, and only then fails.
 void setUpMachine(const LockTime& time, bool enabled) {
     const std::string failure = setUpBoth();
-    writeFirstProfile(failure.empty(), time);
+    setUpStore(failure.empty(), time);
     tidyBase(enabled);
     if (!failure.empty()) {
         throw Error(ErrorKind::kSystem, failure);
@@ -468,7 +480,8 @@ void addBaseCommands(Command& app) {
     base.subcommand("up",
                     "Add those of the chains INPUT_FIREWALL, FORWARD_FIREWALL and "
                     "FIREWALL_RELOADING, and of the jumps to them, that are missing, for IPv4 and "
-                    "IPv6, and write a first profile and settings if there are none")
+                    "IPv6, write a first profile for this machine if there is none, and choose an "
+                    "apply mode if nobody has")
         .run(baseUp);
     base.subcommand("down",
                     "Remove the chains and jumps that \"base up\" added, and nothing else; "

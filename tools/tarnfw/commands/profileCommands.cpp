@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <functional>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -106,27 +107,41 @@ std::string notesOf(const FW::FWRULE& rule) {
     return text;
 }
 
-void addRule(Table& table, std::size_t position, const FW::FWRULE& rule) {
+void addRule(Table& table, std::size_t position, const std::string& ports, const FW::FWRULE& rule) {
     const auto paint = [&](Paint usual) { return rule.enable ? usual : Paint::kFaint; };
     table.addRow({{std::to_string(position), paint(Paint::kPlain)},
                   {policyText(rule.policy), paint(policyPaint(rule.policy))},
-                  {portText(rule), paint(Paint::kPlain)},
+                  {ports, paint(Paint::kPlain)},
                   {addressText(rule), paint(Paint::kPlain)},
                   {familyText(rule.ipType), paint(Paint::kPlain)},
                   {notesOf(rule), paint(Paint::kPlain)}});
 }
 
-void printAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
-    std::cout << '\n' << painted(printable(adapter), Paint::kStrong) << '\n';
-    const auto rules = profile.rules.find(adapter);
-    if (rules != profile.rules.end() && !rules->second.empty()) {
-        Table table({"#", "Action", "What", "Address", "Family", "Notes"});
-        std::size_t position = 0;
-        for (const FW::FWRULE& rule : rules->second) {
-            addRule(table, ++position, rule);
+/// Prints the rules of an adapter. On a terminal, long lists of services that several rules in a
+/// row share are printed once.
+void printRules(const std::vector<FW::FWRULE>& rules) {
+    constexpr std::size_t kLongText = 24;  // columns
+    const bool whole = terminalWidth() == 0;
+    Table table({"#", "Action", "What", "Address", "Family", "Notes"});
+    std::size_t position = 0;
+    std::size_t printed = 0;  // the position whose text was printed last
+    std::string last;
+    for (const FW::FWRULE& rule : rules) {
+        ++position;
+        std::string text = portText(rule);
+        if (!whole && text == last && text.size() > kLongText) {
+            text = "as rule " + std::to_string(printed);
+        } else {
+            last = text;
+            printed = position;
         }
-        table.print(2);
+        addRule(table, position, text, rule);
     }
+    table.print(2);
+}
+
+/// "  default policy: deny"; nothing for an adapter without one.
+void printPolicy(const FW::FWPROFILE& profile, const std::string& adapter) {
     const auto policy = profile.adapterPolicyMap.find(adapter);
     if (isGlobal(adapter)) {
         std::cout << "  default policy: none (the adapters decide)\n";
@@ -134,6 +149,32 @@ void printAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
         std::cout << "  default policy: "
                   << painted(policyText(policy->second), policyPaint(policy->second)) << '\n';
     }
+}
+
+/// Whether an adapter has rules.
+bool hasRules(const FW::FWPROFILE& profile, const std::string& adapter) {
+    const auto rules = profile.rules.find(adapter);
+    return rules != profile.rules.end() && !rules->second.empty();
+}
+
+/// Whether two adapters differ in their names only: without rules, and with the same policy.
+bool areAlike(const FW::FWPROFILE& profile, const std::string& one, const std::string& other) {
+    const auto policyOf = [&](const std::string& adapter) {
+        const auto policy = profile.adapterPolicyMap.find(adapter);
+        return policy == profile.adapterPolicyMap.end() ? std::optional<FW::FW_POLICY>()
+                                                        : policy->second;
+    };
+    return !isGlobal(one) && !isGlobal(other) && !hasRules(profile, one) &&
+           !hasRules(profile, other) && policyOf(one) == policyOf(other);
+}
+
+/// Prints adapters that are alike under one heading.
+void printAdapters(const FW::FWPROFILE& profile, const std::vector<std::string>& adapters) {
+    std::cout << '\n' << painted(printable(boost::join(adapters, ", ")), Paint::kStrong) << '\n';
+    if (hasRules(profile, adapters.front())) {
+        printRules(profile.rules.at(adapters.front()));
+    }
+    printPolicy(profile, adapters.front());
 }
 
 void show(const std::string& name, bool json) {
@@ -151,8 +192,12 @@ void show(const std::string& name, bool json) {
     std::vector<std::string> adapters = adaptersOf(profile);
     // In the order in which packets pass them.
     (void)std::stable_partition(adapters.begin(), adapters.end(), isGlobal);
-    for (const std::string& adapter : adapters) {
-        printAdapter(profile, adapter);
+    for (auto next = adapters.begin(); next != adapters.end();) {
+        const auto end = std::find_if_not(std::next(next), adapters.end(), [&](const auto& other) {
+            return areAlike(profile, *next, other);
+        });
+        printAdapters(profile, {next, end});
+        next = end;
     }
 }
 
@@ -170,21 +215,32 @@ FW::FWPROFILE profileFrom(const std::string& path, const std::string& name, Mach
     return document.profile();
 }
 
-void create(const std::string& name, const std::string& source, Report& report) {
+/// What a profile is created from.
+struct Origin {
+    std::string path;  ///< a document
+    bool empty = false;
+};
+
+void create(const std::string& name, const Origin& origin, Report& report) {
     report.setProfile(name);
     Context context(StoreSession::Access::kChange);
     context.store().requireNewName(name);
     FW::FWPROFILE profile;
     profile.name = name;
-    if (!source.empty()) {
-        profile = profileFrom(source, name, context.machine());
+    if (!origin.path.empty()) {
+        profile = profileFrom(origin.path, name, context.machine());
+    } else if (!origin.empty) {
+        profile = firstProfileHere(name, context.machine());
     }
     context.session().storeProfile(profile);
     report.setChanged();
     context.session().unlock();
     std::cout << "Profile " << inQuotes(name) << " created"
-              << (source.empty() ? "; without rules it allows everything" : "") << '\n';
-    if (!source.empty()) {
+              << (origin.empty          ? "; without rules it allows everything"
+                  : origin.path.empty() ? " with the rules of a first profile"
+                                        : "")
+              << '\n';
+    if (!origin.empty) {
         warnAboutRefusals(context, {name});
     }
 }
@@ -419,19 +475,21 @@ void addName(Command& command, std::string& name, const char* placeholder, const
 void addCreate(Command& group) {
     struct Values {
         std::string name;
-        std::string source;
+        Origin origin;
         Report report;
     };
     Command& command =
-        group.subcommand("create", "Create a profile; without rules it allows everything");
+        group.subcommand("create", "Create a profile like the first one that \"base up\" makes");
     const auto values = std::make_shared<Values>();
     addName(command, values->name, "NAME", "Its name");
-    command
-        .option("--from", values->source,
-                "The document to create it from; \"profile show --json\" prints one")
-        .placeholder("FILE");
+    Option& from = command
+                       .option("--from", values->origin.path,
+                               "The document to create it from; \"profile show --json\" prints one")
+                       .placeholder("FILE");
+    command.flag("--empty", values->origin.empty, "Without rules: such a profile allows everything")
+        .excludes(from);
     runReporting(command, values->report,
-                 [values] { create(values->name, values->source, values->report); });
+                 [values] { create(values->name, values->origin, values->report); });
 }
 
 using TwoNamesRun = void (*)(const std::string& oldName, const std::string& newName,

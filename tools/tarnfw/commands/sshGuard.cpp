@@ -15,6 +15,7 @@
 #include "cli/command.h"
 #include "cli/output.h"
 #include "tarnfwadmin/decision.h"
+#include "tarnfwadmin/firstProfile.h"
 #include "tarnfwadmin/portEntry.h"
 
 namespace tarnfw {
@@ -224,6 +225,14 @@ void requireSshAccess(const FW::FWPROFILE& profile, Machine& machine, ApplyMode 
     if (!yes && !confirmed(question)) {
         throw Error(ErrorKind::kDeclined, ifDeclined);
     }
+}
+
+FW::FWPROFILE firstProfileHere(const std::string& name, Machine& machine) {
+    const std::optional<SshConnection> connection = currentSshConnection();
+    const auto session = connection
+                             ? std::optional(SshSession{connection->client, connection->serverPort})
+                             : std::nullopt;
+    return firstProfile(name, interfaceKindsNow(), machine.catalogue().usableServices(), session);
 }
 
 }  // namespace tarnfw

@@ -1,5 +1,5 @@
 /// Whether a profile would lock out the person who is enabling it, if that person is connected
-/// over SSH.
+/// over SSH; and a first profile that does not.
 #pragma once
 
 #include <sys/types.h>
@@ -62,5 +62,9 @@ std::string sshWarning(const FW::FWPROFILE& profile, Machine& machine, ApplyMode
 void requireSshAccess(const FW::FWPROFILE& profile, Machine& machine, ApplyMode mode, bool yes,
                       const std::string& question,
                       const std::string& ifDeclined = "nothing was changed");
+
+/// A first profile for this machine and the connection that this process runs under, see
+/// firstProfile(). Throws Error, kSystem, when the interfaces cannot be listed.
+FW::FWPROFILE firstProfileHere(const std::string& name, Machine& machine);
 
 }  // namespace tarnfw
