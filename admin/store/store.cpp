@@ -209,6 +209,14 @@ std::optional<ApplyMode> StoreSnapshot::chosenApplyMode() const {
     return mode.isString() ? applyModeFrom(mode.asString()) : std::nullopt;
 }
 
+bool StoreSnapshot::appliesChanges() const {
+    try {
+        return settings()[kApplyChangesKey] == true;
+    } catch (const Error&) {
+        return false;
+    }
+}
+
 // ---- Files --------------------------------------------------------------------------------------
 
 std::vector<std::string> StoreSnapshot::documentPaths() const {

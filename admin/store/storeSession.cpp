@@ -281,12 +281,22 @@ void StoreSession::storeProfile(const FW::FWPROFILE& profile) {
     }
 }
 
-void StoreSession::setApplyMode(ApplyMode mode) {
-    Json::Value settings;
-    settings[FW::FW_APPLY_KEY] = applyModeName(mode);
-    if (!change([&] { return FW::TARNFW().configSet(settings); })) {
+void StoreSession::changeSettings(const Json::Value& members) {
+    if (!change([&] { return FW::TARNFW().configSet(members); })) {
         throw Error(ErrorKind::kSystem, "the settings cannot be written");
     }
+}
+
+void StoreSession::setApplyMode(ApplyMode mode) {
+    Json::Value members;
+    members[FW::FW_APPLY_KEY] = applyModeName(mode);
+    changeSettings(members);
+}
+
+void StoreSession::setAppliesChanges() {
+    Json::Value members;
+    members[kApplyChangesKey] = true;
+    changeSettings(members);
 }
 
 std::vector<std::string> StoreSession::takeNotes() {

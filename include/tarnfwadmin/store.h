@@ -28,6 +28,9 @@ inline constexpr std::size_t kMostDocumentBytes = 64 * 1024 * 1024;
 /// The prefix of the names of test profiles, which a trial creates and removes.
 inline constexpr char kTestPrefix[] = ".test_";
 
+/// The settings' member for StoreSnapshot::appliesChanges(). The library ignores it.
+inline constexpr char kApplyChangesKey[] = "applyChanges";
+
 // The members of an exported configuration.
 inline constexpr char kConfigProfiles[] = "config_profiles";
 inline constexpr char kConfigSettings[] = "config_firewall_settings";
@@ -84,6 +87,10 @@ public:
 
     /// The apply mode that the settings name; nothing where they name none that exists.
     std::optional<ApplyMode> chosenApplyMode() const;
+
+    /// Whether changes of the active profile are to be applied at once: the member "applyChanges"
+    /// is true. False for settings that cannot be read.
+    bool appliesChanges() const;
 
     // ---- Files ----
 

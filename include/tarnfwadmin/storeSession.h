@@ -122,6 +122,10 @@ public:
     /// it.
     void setApplyMode(ApplyMode mode);
 
+    /// Has changes of the active profile applied at once, see StoreSnapshot::appliesChanges().
+    /// Throws Error as setApplyMode().
+    void setAppliesChanges();
+
     /// Lets other programs change the store; the snapshot stays. Afterwards nothing may be changed.
     /// Does nothing while a change is held.
     void unlock();
@@ -167,6 +171,7 @@ private:
     friend class StoreTransaction;
 
     bool changeHeld(const std::function<bool()>& write);
+    void changeSettings(const Json::Value& members);
     void undoInterruptedChange();
     void undoIfPossible();
     void restoreTruncated();

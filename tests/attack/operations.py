@@ -4,7 +4,7 @@ import json
 import os
 import re
 
-from machine import must, settings
+from machine import SETTINGS, must, settings
 
 # These change the base filter, one family after the other.
 SETTING_UP = ("base up", "base down", "boot")
@@ -161,7 +161,9 @@ def set_up(tool):
     rule = ["--profile", "home", "--adapter", "eth0"]
     os.makedirs(os.path.dirname(CATALOGUE), exist_ok=True)
     write_catalogue(["7000"])
-    for line in (["base", "up"], ["profile", "create", "home"],
+    must([tool, "base", "up"])
+    _apply_with_reload_only()
+    for line in (["profile", "create", "home", "--empty"],
                  ["policy", "eth0", "deny", "--profile", "home"],
                  ["rule", "add", *rule, "--name", "Shell", "allow", "service", "ssh", "from",
                   "192.168.1.0/24"],
@@ -176,6 +178,15 @@ def set_up(tool):
     # What "service update" finds.
     write_catalogue(["7000", "7100-7110"])
     _write_other(json.loads(must([tool, "export"])))
+
+
+def _apply_with_reload_only():
+    """As on a machine that had a profile before "base up": without "--reload" a change is stored."""
+    with open(SETTINGS, encoding="utf-8") as file:
+        members = json.load(file)
+    del members["applyChanges"]
+    with open(SETTINGS, "w", encoding="utf-8") as file:
+        json.dump(members, file)
 
 
 def write_catalogue(ports):

@@ -55,9 +55,31 @@ TEST_F(ApplyModeInTheStoreTest, IsLinesWithoutAKnownName) {
     for (const char* const apply : {R"("Batch")", R"("")", "null"}) {
         writeFile(kSettingsFile, std::string(R"({"profile": "home", "apply": )") + apply + "}");
         EXPECT_EQ(StoreSnapshot().applyMode(), ApplyMode::kLines) << apply;
+        EXPECT_FALSE(StoreSnapshot().chosenApplyMode()) << apply;
     }
     writeFile(kSettingsFile, R"({"profile": "home", "apply": "batch"})");
     EXPECT_EQ(StoreSnapshot().applyMode(), ApplyMode::kBatch);
+    writeFile(kSettingsFile, R"({"profile": "home", "apply": "lines"})");
+    EXPECT_EQ(StoreSnapshot().chosenApplyMode(), ApplyMode::kLines);
+}
+
+using AppliesChangesTest = StoreTest;
+
+TEST_F(AppliesChangesTest, OnlyWhereTheSettingsSayTrue) {
+    EXPECT_FALSE(StoreSnapshot().appliesChanges());
+    for (const char* const value : {"false", R"("true")", "1", "null", "[true]"}) {
+        writeFile(kSettingsFile,
+                  std::string(R"({"profile": "home", "applyChanges": )") + value + "}");
+        EXPECT_FALSE(StoreSnapshot().appliesChanges()) << value;
+    }
+    writeFile(kSettingsFile, R"({"applyChanges": true, )");
+    EXPECT_FALSE(StoreSnapshot().appliesChanges());
+
+    writeSettings(true);
+    StoreSession session(StoreSession::Access::kChange);
+    session.setAppliesChanges();
+    EXPECT_TRUE(session.snapshot().appliesChanges());
+    EXPECT_TRUE(session.snapshot().firewallEnabled());
 }
 
 TEST_F(ApplyModeInTheStoreTest, IsSetBesideTheOtherSettings) {

@@ -67,9 +67,10 @@ policy of the adapter decides: "tarnfw policy eth0 deny". "global" has none,
 because it would decide for every adapter; use a last rule "deny any" there
 instead. An adapter with rules and without a default policy gets "allow".
 
-Changing a profile does not change the kernel. For the active profile,
-"tarnfw reload" applies the change; commands that change profiles take
---reload for that.
+Where "tarnfw base up" has written the first profile, a change of the active
+profile of an enabled firewall is applied at once: the settings have the
+member "applyChanges". --later only stores it. Elsewhere, "tarnfw reload"
+applies it, or --reload with the change.
 The apply mode decides whether the rules take effect together or one after
 another: "tarnfw apply-mode". Rules of an adapter whose interface does not
 exist are skipped; if it appears later, it is unfiltered until the next

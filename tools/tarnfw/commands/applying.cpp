@@ -64,6 +64,13 @@ bool Context::hasOtherRules() {
     return activeRules(store()) != before_;
 }
 
+bool Context::applies(const ReloadOptions& options) {
+    if (!atOnce_) {
+        atOnce_ = store().appliesChanges() && store().firewallEnabled();
+    }
+    return options.wanted || (*atOnce_ && !options.later);
+}
+
 Context::~Context() {
     printNotes();
 }
@@ -75,7 +82,12 @@ void Context::printNotes() {
 }
 
 void addReloadFlag(Command& command, ReloadOptions& options, const char* yesHelp) {
-    command.flag("--reload", options.wanted, "Apply the active profile afterwards");
+    const Option& reload = command.flag(
+        "--reload", options.wanted,
+        "Apply the active profile afterwards. Not needed where \"base up\" has written "
+        "the settings: there, changes of an enabled firewall are applied at once");
+    command.flag("--later", options.later, "Only store the change; \"tarnfw reload\" applies it")
+        .excludes(reload);
     command.flag("--yes", options.yes, yesHelp);
 }
 
@@ -95,8 +107,10 @@ void warnAboutErrors(const FW::FWPROFILE& profile, Machine& machine) {
     }
 }
 
-void requireReloadable(Context& context, const ReloadOptions& options) {
-    if (options.wanted && context.store().firewallEnabled()) {
+void requireReloadable(Context& context, const ReloadOptions& options, const std::string& profile) {
+    const bool concerned =
+        options.wanted || profile.empty() || profile == context.store().activeProfile();
+    if (concerned && context.applies(options) && context.store().firewallEnabled()) {
         requireNoTrial();
         context.control().requireBase();
         context.session().holdChange();
@@ -106,8 +120,8 @@ void requireReloadable(Context& context, const ReloadOptions& options) {
 void requireAppliable(Context& context, const FW::FWPROFILE& changed,
                       const ReloadOptions& options) {
     const StoreSnapshot& store = context.store();
-    const bool goesIn =
-        options.wanted && store.firewallEnabled() && changed.name == store.activeProfile();
+    const bool goesIn = context.applies(options) && store.firewallEnabled() &&
+                        changed.name == store.activeProfile();
     if (!goesIn) {
         warnAboutErrors(changed, context.machine());
         return;
@@ -117,7 +131,7 @@ void requireAppliable(Context& context, const FW::FWPROFILE& changed,
 }
 
 void confirmReload(Context& context, const ReloadOptions& options) {
-    if (!options.wanted || !context.store().firewallEnabled()) {
+    if (!context.applies(options) || !context.store().firewallEnabled()) {
         return;
     }
     const FW::FWPROFILE& active = context.store().profile("");
@@ -279,7 +293,7 @@ void finishChange(Context& context, const std::string& profile, const ReloadOpti
             warnAboutRefusals(context, {profile});
         }
     };
-    if (active && options.wanted) {
+    if (active && context.applies(options)) {
         const auto asked = [] {};  // before it was stored
         if (!reloadChanged(context, *options.report, asked, say)) {
             warnIfRefused();
@@ -300,7 +314,10 @@ void finishChange(Context& context, const std::string& profile, const ReloadOpti
 
 void finishChange(Context& context, const std::vector<std::string>& profiles,
                   const ReloadOptions& options, const std::function<void()>& say) {
-    if (!options.wanted) {
+    const bool active = std::find(profiles.begin(), profiles.end(),
+                                  context.store().activeProfile()) != profiles.end();
+    if (!options.wanted && !(active && context.applies(options))) {
+        context.session().keepChange();
         options.report->setChanged(context.session().hasChanged());
         say();
         warnAboutRefusals(context, profiles);

@@ -17,6 +17,15 @@
 
 namespace tarnfw {
 
+/// The reload options of a command that changes profiles. Context::applies() resolves them.
+struct ReloadOptions {
+    bool wanted = false;  ///< "--reload": apply the active profile afterwards
+    bool later = false;   ///< "--later": only store the change
+    bool yes = false;     ///< do not ask
+    /// What the command reports; see runReporting().
+    std::shared_ptr<Report> report = std::make_shared<Report>();
+};
+
 /// The store, opened once with root's rights for the whole command, and the machine, asked once for
 /// each thing. The session's notes go to standard error: those of opening it at once, the others
 /// when the object is destroyed.
@@ -43,28 +52,25 @@ public:
     /// Whether the rules of the active profile are other ones than when this was made.
     bool hasOtherRules();
 
+    /// Whether a change of the active profile is to be applied: with "--reload"; without it, and
+    /// without "--later", if the firewall is enabled and the settings have changes applied at once,
+    /// as they were at the first call.
+    bool applies(const ReloadOptions& options);
+
 private:
     void printNotes();
 
     StoreSession session_;
     std::unique_ptr<Machine> machine_;
     Control control_;
-    Json::Value before_;  // the active profile
+    Json::Value before_;          // the active profile
+    std::optional<bool> atOnce_;  // whether changes are applied without "--reload"
 };
 
-/// The reload options of a command that changes profiles.
-struct ReloadOptions {
-    bool wanted = false;  ///< apply the active profile afterwards
-    bool yes = false;     ///< do not ask
-    /// What the command reports; see runReporting().
-    std::shared_ptr<Report> report = std::make_shared<Report>();
-};
-
-/// Adds "--reload" and "--yes" to a command that changes profiles. `yesHelp` is for one that has
-/// more to ask.
-void addReloadFlag(
-    Command& command, ReloadOptions& options,
-    const char* yesHelp = "With --reload: do not ask if the rules would lock you out");
+/// Adds "--reload", "--later" and "--yes" to a command that changes profiles. `yesHelp` is for one
+/// that has more to ask.
+void addReloadFlag(Command& command, ReloadOptions& options,
+                   const char* yesHelp = "Do not ask if rules that are applied would lock you out");
 
 // ---- Before a change ----
 
@@ -74,15 +80,18 @@ std::string errorsText(const FW::FWPROFILE& profile, Machine& machine);
 /// Warns in one line about an invalid profile.
 void warnAboutErrors(const FW::FWPROFILE& profile, Machine& machine);
 
-/// For a command with "--reload", before it changes anything: throws what reloadActive() would.
-/// What it then changes is undone unless finishChange() succeeds.
-void requireReloadable(Context& context, const ReloadOptions& options);
+/// For a command that will apply its change, before it changes anything: throws what reloadActive()
+/// would. What it then changes is undone unless finishChange() succeeds. `profile` is the only one
+/// that it changes, if there is only one; empty for the active one. A change of another one is
+/// applied with "--reload" alone.
+void requireReloadable(Context& context, const ReloadOptions& options,
+                       const std::string& profile = "");
 
 /// The question about a profile that would lock out the person who applies it.
 inline constexpr char kApplyAnyway[] = "Apply it anyway?";
 
-/// For a profile that is about to be stored. If "--reload" will apply it, because it is the active
-/// one: throws Error, kInvalid, when it is invalid, and asks when it would lock out the person who
+/// For a profile that is about to be stored. If it will be applied, because it is the active one:
+/// throws Error, kInvalid, when it is invalid, and asks when it would lock out the person who
 /// is connected over SSH. If not: only warns when it is invalid.
 void requireAppliable(Context& context, const FW::FWPROFILE& changed, const ReloadOptions& options);
 
@@ -107,10 +116,10 @@ void reloadActive(Control& control, Report& report);
 /// fails is a warning. Afterwards the context may change nothing.
 void forgetTrial(Context& context);
 
-/// After a profile was changed. If it is the active one and the firewall is enabled: applies it
-/// with "--reload", or says that the kernel still has the old rules. Throws Error, with the store
-/// as it was before and the old rules in force, when it cannot be applied. `say` prints what was
-/// changed. A profile that is not applied is tried in a scratch kernel, with a warning when a
+/// After a profile was changed. If it is the active one and the firewall is enabled: applies it,
+/// see Context::applies(), or says that the kernel still has the old rules. Throws Error, with the
+/// store as it was before and the old rules in force, when it cannot be applied. `say` prints what
+/// was changed. A profile that is not applied is tried in a scratch kernel, with a warning when a
 /// reload would be refused; of a large one only what is new, if that is given as `changed`.
 void finishChange(Context& context, const std::string& profile, const ReloadOptions& options,
                   const std::function<void()>& say,

@@ -134,7 +134,17 @@ void chooseApplyMode(Context& context, bool ipv6Works) {
               << (ipv6Works ? "" : ", because ip6tables fails") << " (see \"tarnfw apply-mode\")\n";
 }
 
-/// Writes what the store lacks: a first profile, an apply mode.
+/// Whether the settings do not say when changes are applied.
+bool lacksAppliesChanges(const StoreSnapshot& store) {
+    try {
+        return !store.settings().isMember(kApplyChangesKey);
+    } catch (const Error&) {
+        return false;
+    }
+}
+
+/// Writes what the store lacks: a first profile, an apply mode. On a new machine, changes are then
+/// applied at once; one with a profile goes on as its people know it.
 void setUpStore(bool ipv6Works, const LockTime& time) {
     makeProfileDirectory();
     {
@@ -146,11 +156,18 @@ void setUpStore(bool ipv6Works, const LockTime& time) {
         }
     }
     Context context(StoreSession::Access::kChange, std::make_unique<Machine>(), time);
-    if (!storeHasProfile(context.store())) {
+    const bool first = !storeHasProfile(context.store());
+    if (first) {
         writeFirstProfile(context);
     }
     if (lacksApplyMode(context.store())) {
         chooseApplyMode(context, ipv6Works);
+    }
+    if (first && lacksAppliesChanges(context.store())) {
+        context.session().setAppliesChanges();
+        std::cout
+            << "Commands apply their changes of the active profile at once; \"--later\" leaves "
+               "that out\n";
     }
 }
 

@@ -393,11 +393,11 @@ Json::Value settingAfter(const char* key, const Json::Value& current, const Json
     return imported.isMember(key) ? imported[key] : current[kConfigSettings][key];
 }
 
-/// For "--reload": asks if the new active profile would lock out the person who is connected over
-/// SSH.
+/// For an import that is applied: asks if the new active profile would lock out the person who is
+/// connected over SSH.
 void requireWayBackIn(Context& context, const Options& options, const Json::Value& current,
                       const Json::Value& document) {
-    if (!options.reload.wanted || settingAfter("status", current, document) != true) {
+    if (!context.applies(options.reload) || settingAfter("status", current, document) != true) {
         return;
     }
     context.control().requireBase();
@@ -445,12 +445,13 @@ std::optional<bool> importInto(Context& context, const Json::Value& document,
                   << "\" restores it)" << std::endl;
     }
     const bool wasEnabled = context.store().firewallEnabled();
-    replace(context, document, current, backup, options.reload.wanted);
+    const bool reload = context.applies(options.reload);
+    replace(context, document, current, backup, reload);
     options.reload.report->setChanged();
-    options.reload.report->setApplied(options.reload.wanted && context.store().firewallEnabled());
+    options.reload.report->setApplied(reload && context.store().firewallEnabled());
     std::cout << "Imported " << counted(document[kConfigProfiles].size(), "profile")
               << "; active: " << printable(context.store().activeProfile()) << '\n';
-    warnAboutRefusals(context, untried(context, plan, options.reload.wanted));
+    warnAboutRefusals(context, untried(context, plan, reload));
     return wasEnabled;
 }
 
@@ -461,8 +462,9 @@ void importAll(const Options& options) {
     Context context(StoreSession::Access::kChange, std::move(machine));
     const std::optional<bool> wasEnabled = importInto(context, document, options);
     if (wasEnabled) {
-        sayAboutKernel(context, options.reload.wanted, *wasEnabled);
-        if (options.reload.wanted && *wasEnabled) {
+        const bool reload = context.applies(options.reload);  // as it was before
+        sayAboutKernel(context, reload, *wasEnabled);
+        if (reload && *wasEnabled) {
             forgetTrial(context);
         }
     }

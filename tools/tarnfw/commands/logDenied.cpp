@@ -122,7 +122,7 @@ void change(const std::string& name, bool on, const ReloadOptions& options) {
                   << '\n';
         return;
     }
-    requireReloadable(context, options);
+    requireReloadable(context, options, name);
     std::vector<std::string> changed;
     const FW::FWPROFILE stored = changeProfile(
         context.session(), name, FW::FW_ADAPTER_GLOBAL,

@@ -311,7 +311,7 @@ void use(const std::string& name, const ReloadOptions& reload) {
     context.store().requireProfile(name);
     const FW::FWPROFILE& profile = context.store().profile(name);
     requireValidProfile(profile, context.machine());  // a reload would leave the machine open
-    if (reload.wanted && context.store().firewallEnabled()) {
+    if (context.applies(reload) && context.store().firewallEnabled()) {
         requireSshAccess(profile, context.machine(), context.store().applyMode(), reload.yes,
                          kApplyAnyway);
     }
@@ -399,7 +399,7 @@ std::unique_ptr<Context> stored(const ProfileDocument& document, const std::stri
                                 const ReloadOptions& reload, const PrivateText& text) {
     try {
         auto context = std::make_unique<Context>(StoreSession::Access::kChange);
-        requireReloadable(*context, reload);
+        requireReloadable(*context, reload, document.profile().name);
         requireAppliable(*context, document.profile(), reload);
         store(*context, document, original);
         context->session().unlock();
@@ -423,7 +423,7 @@ void edit(const std::string& wanted, const ReloadOptions& reload) {
     std::string original;
     {
         Context context(StoreSession::Access::kRead);
-        requireReloadable(context, reload);
+        requireReloadable(context, reload, wanted);
         name = wanted.empty() ? context.store().activeProfile() : wanted;
         context.store().requireProfile(name);
         requireEditable();

@@ -248,7 +248,7 @@ void setPolicy(const Target& target, const std::string& word) {
                     "own; a last rule \"deny any\" decides for all adapters");
     }
     Context context(StoreSession::Access::kChange);
-    requireReloadable(context, target.reload);
+    requireReloadable(context, target.reload, target.profile);
     const FW::FW_POLICY policy = word == "allow"  ? FW::FW_POLICY_ALLOW
                                  : word == "deny" ? FW::FW_POLICY_DENY
                                                   : FW::FW_POLICY_NONE;

@@ -364,7 +364,7 @@ std::string effectLine(Context& context, const FW::FWPROFILE& stored, const Rule
     if (!always && !store.firewallEnabled()) {
         return "Once the firewall is enabled: " + text;
     }
-    if (!always && !target.reload.wanted) {
+    if (!always && !context.applies(target.reload)) {
         return "Once applied: " + text;
     }
     text.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(text.front())));
@@ -409,7 +409,7 @@ void printWarnings(const std::vector<std::string>& warnings) {
 
 void changeRules(Context& context, const Target& target,
                  const std::function<Outcome(FW::FWPROFILE&, Rules&)>& change) {
-    requireReloadable(context, target.reload);
+    requireReloadable(context, target.reload, target.profile);
     Outcome outcome;
     Texts warnings;
     const FW::FWPROFILE stored = changeProfile(
