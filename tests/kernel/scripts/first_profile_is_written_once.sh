@@ -149,6 +149,16 @@ step 'in at most 25 lines' [ "$(wc -l <"$out/shown")" -le 25 ]
 step 'of at most 80 columns' [ "$(wc -L <"$out/shown")" -le 80 ]
 step 'all of it' [ "$(grep -c '^  [0-9]* *allow ' "$out/shown")" = 9 ]
 
+# The longest address that a person can come from.
+rm -rf -- "$kProfileDirectory"
+SSH_CONNECTION='2001:db8:1111:2222:3333:4444:5555:6666 50000 2001:db8:1::10 2222' step 'base up again' base_up
+step 'it is shown' shown 80
+cat -- "$out/shown"
+step 'in at most 25 lines' [ "$(wc -l <"$out/shown")" -le 25 ]
+step 'all of it' [ "$(grep -c '^  [0-9]* *allow ' "$out/shown")" = 10 ]
+rm -rf -- "$kProfileDirectory"
+SSH_CONNECTION='203.0.113.30 50000 203.0.113.10 22' step 'and the first one again' base_up
+
 tarnfw profile show default >"$out/default.txt" || fail 'its rules can be read'
 step 'each of its codes is known' [ "$(grep -c unknown "$out/default.txt")" = 0 ]
 mapfile -t services < <(sed -n 's/^.* service \([^ ]*\).*/\1/p' "$out/default.txt" | tr , '\n' |

@@ -132,6 +132,14 @@ TEST(TableOnATerminalTest, CutsAWordThatIsTooLongBehindASign) {
               "   2001:db8:1:2:3:4:5:ffff\n");
 }
 
+TEST(TableOnATerminalTest, CutsALongWordBeforeOtherColumnsGetNarrow) {
+    Table table;
+    table.addRow({{"service ssh,http,https,smb"}, {"from 2001:db8:1111:2222:3333:4444:5555:6666"}});
+    EXPECT_EQ(printedOn(54, table),
+              "service ssh,http,https,smb  from 2001:db8:1111:2222:\n"
+              "                            3333:4444:5555:6666\n");
+}
+
 TEST(TableOnATerminalTest, CutsAWordWithoutSignsBetweenLetters) {
     (void)std::setlocale(LC_CTYPE, "C.UTF-8");
     Table table;

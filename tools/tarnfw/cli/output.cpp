@@ -14,6 +14,7 @@ namespace {
 
 constexpr std::size_t kGap = 2;              // blanks between two columns
 constexpr std::size_t kNarrowest = 4;        // no column is wrapped below this
+constexpr std::size_t kLongWord = 26;        // longer words, such as IPv6 addresses, may be cut
 constexpr std::size_t kProgressParts = 200;  // most updates of the terminal
 
 bool colourWanted(int fd) {
@@ -84,13 +85,25 @@ std::size_t bytesWithin(const std::string& text, std::size_t width) {
     return bytes;
 }
 
+// Between these, a word that is too long is cut.
+constexpr char kSigns[] = "-_/:.";
+
+/// Takes the start of a word, up to a sign, that fits into `width` columns; it may be empty.
+std::string startWithin(std::string& word, std::size_t width) {
+    const std::size_t most = width == 0 ? 0 : bytesWithin(word, width);
+    const std::size_t sign = word.substr(0, most).find_last_of(kSigns);
+    const std::string start = word.substr(0, sign == std::string::npos ? 0 : sign + 1);
+    word.erase(0, start.size());
+    return start;
+}
+
 /// Cuts a word that is too long: after a character that separates parts of such words, else
 /// anywhere.
 std::vector<std::string> pieces(std::string word, std::size_t width) {
     std::vector<std::string> found;
     while (widthOf(word) > width) {
         const std::size_t most = bytesWithin(word, width);
-        const std::size_t sign = word.substr(0, most).find_last_of("-_/:.");
+        const std::size_t sign = word.substr(0, most).find_last_of(kSigns);
         const std::size_t cut = sign == std::string::npos ? most : sign + 1;
         found.push_back(word.substr(0, cut));
         word.erase(0, cut);
@@ -181,7 +194,12 @@ std::size_t terminalWidth() {
 std::vector<std::string> wrapped(const std::string& text, std::size_t width) {
     std::vector<std::string> lines(1);
     for (const std::string& word : wordsOf(text)) {
-        for (const std::string& piece : pieces(withoutEndBlanks(word), width)) {
+        std::string rest = withoutEndBlanks(word);
+        if (widthOf(rest) > width) {
+            // It is cut anyway, so it begins on this line.
+            lines.back() += startWithin(rest, width - std::min(width, widthOf(lines.back())));
+        }
+        for (const std::string& piece : pieces(rest, width)) {
             if (!lines.back().empty() && widthOf(lines.back()) + widthOf(piece) > width) {
                 lines.emplace_back();
             }
@@ -237,7 +255,7 @@ void Table::print(std::size_t indent) const {
         for (std::size_t i = 0; i < row.size(); ++i) {
             const std::string text = printable(row[i].text);
             widths[i] = std::max(widths[i], widthOf(text));
-            words[i] = std::max(words[i], longestWord(text));
+            words[i] = std::max(words[i], std::min(longestWord(text), kLongWord));
         }
     }
     if (widths.empty()) {
@@ -245,7 +263,8 @@ void Table::print(std::size_t indent) const {
     }
     const std::size_t taken = indent + kGap * (widths.size() - 1);
     if (const std::size_t terminal = terminalWidth(); terminal > taken) {
-        // Words are cut only if wrapping between them is not enough.
+        // Words are cut only if wrapping between them is not enough; long ones before other columns
+        // get narrow.
         narrow(widths, words, terminal - taken);
         narrow(widths, std::vector<std::size_t>(widths.size(), kNarrowest), terminal - taken);
     }

@@ -107,22 +107,33 @@ std::string notesOf(const FW::FWRULE& rule) {
     return text;
 }
 
-void addRule(Table& table, std::size_t position, const std::string& ports, const FW::FWRULE& rule) {
+void addRule(Table& table, std::size_t position, const std::string& ports, const FW::FWRULE& rule,
+             bool noted) {
     const auto paint = [&](Paint usual) { return rule.enable ? usual : Paint::kFaint; };
-    table.addRow({{std::to_string(position), paint(Paint::kPlain)},
-                  {policyText(rule.policy), paint(policyPaint(rule.policy))},
-                  {ports, paint(Paint::kPlain)},
-                  {addressText(rule), paint(Paint::kPlain)},
-                  {familyText(rule.ipType), paint(Paint::kPlain)},
-                  {notesOf(rule), paint(Paint::kPlain)}});
+    std::vector<Cell> cells = {{std::to_string(position), paint(Paint::kPlain)},
+                               {policyText(rule.policy), paint(policyPaint(rule.policy))},
+                               {ports, paint(Paint::kPlain)},
+                               {addressText(rule), paint(Paint::kPlain)},
+                               {familyText(rule.ipType), paint(Paint::kPlain)}};
+    if (noted) {
+        cells.push_back({notesOf(rule), paint(Paint::kPlain)});
+    }
+    table.addRow(std::move(cells));
 }
 
 /// Prints the rules of an adapter. On a terminal, long lists of services that several rules in a
-/// row share are printed once.
+/// row share are printed once, and a column without notes is left out.
 void printRules(const std::vector<FW::FWRULE>& rules) {
     constexpr std::size_t kLongText = 24;  // columns
     const bool whole = terminalWidth() == 0;
-    Table table({"#", "Action", "What", "Address", "Family", "Notes"});
+    const bool noted = whole || std::any_of(rules.begin(), rules.end(), [](const auto& rule) {
+                           return !notesOf(rule).empty();
+                       });
+    std::vector<std::string> headings = {"#", "Action", "What", "Address", "Family"};
+    if (noted) {
+        headings.emplace_back("Notes");
+    }
+    Table table(headings);
     std::size_t position = 0;
     std::size_t printed = 0;  // the position whose text was printed last
     std::string last;
@@ -135,7 +146,7 @@ void printRules(const std::vector<FW::FWRULE>& rules) {
             last = text;
             printed = position;
         }
-        addRule(table, position, text, rule);
+        addRule(table, position, text, rule, noted);
     }
     table.print(2);
 }
