@@ -36,7 +36,21 @@ answers 0 enable
 # --- every command ---------------------------------------------------------------------------------
 
 answers 0 rule add allow tcp 8081
+prints <<END
+$(grep '^Rule [0-9]* of global: allow tcp 8081 from anywhere$' "$out/answer")
+Opens tcp 8081 on every adapter, for everybody
+Profile "default" applied
+END
 applied
+# A rule that is there already, but was only stored.
+answers 0 rule add allow tcp 8084 --later
+says '^Once applied: opens tcp 8084 on every adapter, for everybody$'
+answers 0 rule add allow tcp 8084
+says '^Rule [0-9]* of global is this rule already: '
+applied
+answers 0 rule add allow tcp 8084
+step 'which is enough' [ "$(wc -l <"$out/answer")" = 1 ]
+answers 0 rule delete allow tcp 8084
 answers 0 policy eth0 allow
 applied
 answers 0 service reserve nfs allow --adapter eth0

@@ -115,7 +115,9 @@ void reloadUnchanged(Context& context, const Target& target, const FW::FWPROFILE
     requireNoTrial();
     context.control().requireBase();
     if (hasActiveProfile(SavedRules::inKernel(), context.store())) {
-        std::cout << "Profile " << inQuotes(profile.name) << " is in force\n";
+        if (target.reload.wanted) {
+            std::cout << "Profile " << inQuotes(profile.name) << " is in force\n";
+        }
         return;
     }
     requireAppliable(context, profile, target.reload);
@@ -136,7 +138,8 @@ bool isThereAlready(Context& context, const RuleCommand& command, const FW::FWRU
     target.reload.report->setProfile(profile.name);
     (*target.reload.report)["rules"].append(ruleDocument(rules, position, target));
     printWarnings(warningsOf(profile, target, {position}, context.machine()));
-    if (target.reload.wanted) {
+    const bool active = profile.name == context.store().activeProfile();
+    if (target.reload.wanted || (active && context.applies(target.reload))) {
         reloadUnchanged(context, target, profile);
     }
     return true;
