@@ -288,6 +288,12 @@ bool TARNFW::fwPortExplain(const PortCompareST& port, const std::string& adapter
     return portCheck(*this, port, adapter, result, &steps);
 }
 
+void TARNFW::fwPortExplainOf(const FWPROFILE& profile, const PortCompareST& port,
+                             const std::string& adapter, std::map<std::string, FW_POLICY>& result,
+                             std::vector<FWVERDICTSTEP>& steps) {
+    Evaluation(*this, port, profile, result, &steps).run(adapter);
+}
+
 bool TARNFW::fwServIsBlocked(const std::string& servName, const std::string& adapter,
                              std::map<std::string, FW_POLICY>& result) {
     ServPort ports;

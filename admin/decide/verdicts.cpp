@@ -24,17 +24,15 @@ FW::FW_POLICY closed(FW::FW_POLICY verdict) {
                : verdict;
 }
 
-AdapterAnswer answerFor(const std::string& adapter, const std::string& asked,
-                        const std::vector<FW::PortCompareST>& questions) {
+AdapterAnswer answerFor(const FW::FWPROFILE& profile, const std::string& adapter,
+                        const std::string& asked, const std::vector<FW::PortCompareST>& questions) {
     AdapterAnswer answer;
     answer.adapter = adapter;
     FW::TARNFW firewall;
     for (const FW::PortCompareST& question : questions) {
         std::map<std::string, FW::FW_POLICY> verdicts;
         std::vector<FW::FWVERDICTSTEP> steps;
-        if (!firewall.fwPortExplain(question, asked, verdicts, steps)) {
-            throw Error(ErrorKind::kSystem, "the active profile cannot be evaluated");
-        }
+        firewall.fwPortExplainOf(profile, question, asked, verdicts, steps);
         PortAnswer port{question, closed(verdicts[adapter]), {}};
         for (FW::FWVERDICTSTEP& step : steps) {
             if (step.adapter == adapter) {
@@ -92,19 +90,21 @@ std::string verdictText(FW::FW_POLICY verdict) {
     return "unknown verdict " + std::to_string(verdict);
 }
 
-std::vector<AdapterAnswer> askVerdicts(const std::vector<FW::PortCompareST>& questions,
+std::vector<AdapterAnswer> askVerdicts(const FW::FWPROFILE& profile,
+                                       const std::vector<FW::PortCompareST>& questions,
                                        const std::vector<std::string>& adapters) {
     std::vector<AdapterAnswer> answers;
     for (const std::string& adapter : adapters) {
         if (answers.empty()) {
-            answers.push_back(answerFor(FW::FW_ADAPTER_GLOBAL, adapter, questions));
+            answers.push_back(answerFor(profile, FW::FW_ADAPTER_GLOBAL, adapter, questions));
         }
         if (adapter != FW::FW_ADAPTER_GLOBAL) {
-            answers.push_back(answerFor(adapter, adapter, questions));
+            answers.push_back(answerFor(profile, adapter, adapter, questions));
         }
     }
     if (answers.empty()) {
-        answers.push_back(answerFor(FW::FW_ADAPTER_GLOBAL, FW::FW_ADAPTER_GLOBAL, questions));
+        answers.push_back(
+            answerFor(profile, FW::FW_ADAPTER_GLOBAL, FW::FW_ADAPTER_GLOBAL, questions));
     }
     return answers;
 }

@@ -127,8 +127,10 @@ private:
 };
 
 /// With the reason in errno.
-[[noreturn]] void throwUnreadable(const std::string& name) {
-    throw Error(ErrorKind::kSystem, "cannot read " + name + ": " + std::strerror(errno));
+[[noreturn]] void throwUnreadable(const std::string& name, int error = errno) {
+    const bool denied = geteuid() != 0 && (error == EACCES || error == EPERM);
+    throw Error(denied ? ErrorKind::kNoRights : ErrorKind::kSystem,
+                "cannot read " + name + ": " + std::strerror(error) + (denied ? "; root can" : ""));
 }
 
 /// What is left of an open file or stream.
@@ -207,8 +209,7 @@ std::vector<std::string> filesIn(const std::string& directory, const std::string
         entry.increment(error);
     }
     if (error && error.value() != ENOENT) {
-        throw Error(ErrorKind::kSystem, "cannot read the directory " + printable(directory) + ": " +
-                                            std::strerror(error.value()));
+        throwUnreadable("the directory " + printable(directory), error.value());
     }
     std::sort(paths.begin(), paths.end());
     return paths;

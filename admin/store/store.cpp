@@ -109,8 +109,8 @@ const StoreSnapshot::File& StoreSnapshot::fileAt(const std::string& path) const 
             file.text = readDocument(path, kMostDocumentBytes);
             file.read = true;
             file.whole = parseAsStored(file.text, file.content);
-        } catch (const Error&) {
-            // unreadable() names it
+        } catch (const Error& error) {
+            file.denied = error.kind() == ErrorKind::kNoRights;  // unreadable() names it
         }
     }
     return file;
@@ -167,7 +167,9 @@ Json::Value StoreSnapshot::settings() const {
     }
     const File& file = fileAt(kSettingsFile);
     if (!file.whole) {
-        throw Error(ErrorKind::kSystem, "the settings cannot be read");
+        throw Error(
+            file.denied ? ErrorKind::kNoRights : ErrorKind::kSystem,
+            std::string("the settings cannot be read") + (file.denied ? ": only root may" : ""));
     }
     if (!file.content.isObject()) {
         throw Error(ErrorKind::kSystem,
@@ -238,7 +240,10 @@ std::vector<std::string> StoreSnapshot::unreadable() const {
 }
 
 std::string StoreSnapshot::unreadableText() const {
-    const std::vector<std::string> paths = unreadable();
+    std::vector<std::string> paths = unreadable();
+    for (std::string& path : paths) {
+        path += fileAt(path).denied ? " (only root may)" : "";
+    }
     return paths.empty() ? "" : counted(paths.size(), "file") + " cannot be read: " + listed(paths);
 }
 

@@ -338,6 +338,14 @@ void StoreSession::undoInterruptedChange() {
 /// For a session without the lock. Copies without a journal may be those of an "enable" that goes
 /// on, and nothing needs them at once.
 void StoreSession::undoIfPossible() {
+    if (geteuid() != 0) {  // no lock: its file would be this user's
+        if (hasCopies()) {
+            notes_.emplace_back(
+                "a change goes on or was interrupted: what is shown may be half of it; the next "
+                "command as root ends it");
+        }
+        return;
+    }
     if (!hasJournal()) {
         return;
     }
@@ -347,11 +355,9 @@ void StoreSession::undoIfPossible() {
         undoInterruptedChange();
     } catch (const Error& error) {
         notes_.emplace_back(
-            error.kind() != ErrorKind::kBusy ? error.what()
-            : geteuid() == 0
-                ? "the profiles are being changed: what is shown may be half of a change"
-                : "a change goes on or was interrupted: the next command as root undoes the "
-                  "latter");
+            error.kind() != ErrorKind::kBusy
+                ? error.what()
+                : "the profiles are being changed: what is shown may be half of a change");
     }
 }
 

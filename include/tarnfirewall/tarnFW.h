@@ -175,6 +175,12 @@ public:
     bool fwPortExplain(const PortCompareST& port, const std::string& adapter,
                        std::map<std::string, FW_POLICY>& result, std::vector<FWVERDICTSTEP>& steps);
 
+    /// The same about `profile`, as if it were the active one of an enabled firewall. Reads no file
+    /// of the store and takes no lock.
+    void fwPortExplainOf(const FWPROFILE& profile, const PortCompareST& port,
+                         const std::string& adapter, std::map<std::string, FW_POLICY>& result,
+                         std::vector<FWVERDICTSTEP>& steps);
+
     /// fwPortIsBlocked() for every port of a service; the most severe verdict of an adapter counts,
     /// blocked before mixed before allowed. A service without ports leaves `result` as it is.
     bool fwServIsBlocked(const std::string& servName, const std::string& adapter,

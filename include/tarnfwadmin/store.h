@@ -172,6 +172,7 @@ private:
         std::string unusable;  ///< why the file is not opened; empty: it is
         bool loaded = false;   ///< the rest says what was found
         bool read = false;     ///< `text` is its content
+        bool denied = false;   ///< this process may not read it
         bool whole = false;    ///< `content` is its document
         std::string text;
         Json::Value content;

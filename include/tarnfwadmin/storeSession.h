@@ -65,12 +65,12 @@ public:
     /// Opens and reads the store. With kChange, waits for the lock and first ends an interrupted
     /// change. One of many documents is undone, or kept if its rules were applied, see
     /// applyChange(); a note says which. Of any other, truncated documents are restored; the
-    /// damaged file is kept beside its document with ".damaged" after its name. With kRead, ends an
-    /// interrupted change of many documents as well; where the lock for it is not free within 2 s,
-    /// or the rights are missing, a note says so. Throws Error: kBusy without the lock, kSystem
-    /// where an interrupted change can be neither undone nor kept. A file that
-    /// StoreSnapshot::unusable() lists is a note. `time` is what the session may wait for locks,
-    /// see lockTime().
+    /// damaged file is kept beside its document with ".damaged" after its name. With kRead, root
+    /// ends an interrupted change of many documents as well; where the lock for it is not free
+    /// within 2 s, a note says so. Others take no lock, and a note names a change that goes on.
+    /// Throws Error: kBusy without the lock, kSystem where an interrupted change can be neither
+    /// undone nor kept. A file that StoreSnapshot::unusable() lists is a note. `time` is what the
+    /// session may wait for locks, see lockTime().
     explicit StoreSession(Access access, LockTime time = LockTime());
     StoreSession(const StoreSession&) = delete;
     StoreSession& operator=(const StoreSession&) = delete;

@@ -26,7 +26,7 @@ std::string verdictText(FW::FW_POLICY verdict);
 struct PortAnswer {
     FW::PortCompareST question;
     FW::FW_POLICY verdict = FW::FW_POLICY_NONE;  ///< ALLOW, DENY, NONE or MIXED
-    std::vector<FW::FWVERDICTSTEP> steps;        ///< in the order of TARNFW::fwPortExplain()
+    std::vector<FW::FWVERDICTSTEP> steps;        ///< in the order of TARNFW::fwPortExplainOf()
 };
 
 /// The verdict of an adapter for all queries, the most severe one: blocked, mixed, allowed,
@@ -38,10 +38,10 @@ struct AdapterAnswer {
 };
 
 /// The verdicts for each adapter; the first answer is that of "global", and then one for each of
-/// `adapters`, in their order. Asks the library about each by its name: asked about all at once, it
-/// goes through the rules of "global" twice. Throws Error, kSystem, when the active profile or the
-/// service catalogue cannot be read.
-std::vector<AdapterAnswer> askVerdicts(const std::vector<FW::PortCompareST>& questions,
+/// `adapters`, in their order, by the rules of `profile`. Asks the library about each by its name:
+/// asked about all at once, it goes through the rules of "global" twice.
+std::vector<AdapterAnswer> askVerdicts(const FW::FWPROFILE& profile,
+                                       const std::vector<FW::PortCompareST>& questions,
                                        const std::vector<std::string>& adapters);
 
 /// Whether no verdict is "blocked" or "mixed".

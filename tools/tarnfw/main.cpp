@@ -100,8 +100,9 @@ void openStandardFiles() {
 /// The exit status of a command that ended with `status`: an answer that could not be written is a
 /// failure.
 int statusOfAnswer(int status) {
-    const bool isAnswer = status == 0 || status == tarnfw::kExitUnknown ||
-                          status == tarnfw::kExitBlocked || status == tarnfw::kExitNotInForce;
+    const bool isAnswer = status == 0 || status == tarnfw::kExitNotRoot ||
+                          status == tarnfw::kExitUnknown || status == tarnfw::kExitBlocked ||
+                          status == tarnfw::kExitNotInForce;
     errno = 0;
     std::cout.flush();
     if (std::cout.good() || !isAnswer) {

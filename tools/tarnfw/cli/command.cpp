@@ -78,9 +78,19 @@ void addFamilyOptions(Command& command, FamilyOptions& options) {
     command.flag("--v6", options.v6, "The same as --family v6").excludes(family).excludes(v4);
 }
 
+bool isRoot() {
+    return geteuid() == 0;
+}
+
 void requireRoot() {
-    if (geteuid() != 0) {
+    if (!isRoot()) {
         throw Error(ErrorKind::kNoRights, "this needs root's rights");
+    }
+}
+
+void requireKernelRights() {
+    if (!isRoot()) {
+        throw Error(ErrorKind::kNoRights, kKernelIsRoots);
     }
 }
 

@@ -64,9 +64,17 @@ struct FamilyOptions {
 /// Adds "--family v4|v6", and the same as "--v4" and "--v6".
 void addFamilyOptions(Command& command, FamilyOptions& options);
 
-/// Throws Error without root's rights. Also for commands that only read: reading a profile takes
-/// its lock, and lock files must be root's.
+/// Whether this process has root's rights, which all changes need, and the kernel's packet filter.
+bool isRoot();
+
+/// Throws Error, kNoRights, without root's rights. For commands that change something.
 void requireRoot();
+
+/// The part of an answer that only root gets.
+inline constexpr char kKernelIsRoots[] = "what is in force can be seen by root only";
+
+/// The same for commands that only say what the kernel has.
+void requireKernelRights();
 
 /// Whether somebody can be asked: standard input is a terminal, and standard error, where questions
 /// go.

@@ -215,7 +215,8 @@ constexpr char kExitStatus[] = R"(Exit status
   1    failed; the reason is on standard error
   2    wrong usage; the message suggests the nearest command
   3    an invalid document, profile or rule
-  4    not root
+  4    not root; status, blocked and explain then answer from the files alone,
+       because only root can see what is in force
   5    unknown: there is no such profile, rule, adapter, service or country
   10   a negative answer:
          blocked, explain   blocked somewhere, or from some addresses

@@ -24,7 +24,9 @@ namespace tarnfw {
 namespace {
 
 StoreSession::Access allowed(StoreSession::Access access) {
-    requireRoot();
+    if (access == StoreSession::Access::kChange) {
+        requireRoot();
+    }
     return access;
 }
 

@@ -26,14 +26,14 @@ struct ReloadOptions {
     std::shared_ptr<Report> report = std::make_shared<Report>();
 };
 
-/// The store, opened once with root's rights for the whole command, and the machine, asked once for
+/// The store, opened once for the whole command, and the machine, asked once for
 /// each thing. The session's notes go to standard error: those of opening it at once, the others
 /// when the object is destroyed.
 class Context {
 public:
     /// A command that already has a Machine passes it on; one that has taken a lock passes the
-    /// rest of its time for waiting. Throws Error: kNoRights, and what StoreSession
-    /// throws.
+    /// rest of its time for waiting. Throws Error: kNoRights for a change without root's rights,
+    /// and what StoreSession throws.
     explicit Context(StoreSession::Access access,
                      std::unique_ptr<Machine> machine = std::make_unique<Machine>(),
                      const LockTime& time = LockTime());

@@ -310,7 +310,7 @@ std::string statusText(const BaseFilter& filter) {
 }
 
 void baseStatus(bool json) {
-    requireRoot();
+    requireKernelRights();
     Json::Value document;
     for (const BaseFilter& filter : {BaseFilter("v4"), BaseFilter("v6")}) {
         if (json) {

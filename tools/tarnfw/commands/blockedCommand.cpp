@@ -40,7 +40,6 @@ std::string noteOn(const AdapterAnswer& answer) {
 }
 
 void blocked(const PortQuery& options) {
-    requireRoot();
     auto machine = std::make_unique<Machine>();
     const std::vector<FW::PortCompareST> questions = questionsOf(options, *machine);
     Context context(StoreSession::Access::kRead, std::move(machine));
@@ -49,7 +48,7 @@ void blocked(const PortQuery& options) {
         return;
     }
     const std::vector<AdapterAnswer> answers =
-        askVerdicts(questions, adaptersAsked(options, store.profile("")));
+        askVerdicts(store.profile(""), questions, adaptersAsked(options, store.profile("")));
     KernelAnswer kernel(store, options, questions);
     Decider decider(store.profile(""), context.machine(), store.applyMode());
     bool allowed = allAllowed(answers);

@@ -144,6 +144,7 @@ void confirmOverSsh(Context& context, bool yes) {
 }
 
 void reload(bool yes, Report& report) {
+    requireRoot();
     requireNoTrial();
     Context context(StoreSession::Access::kRead);
     confirmOverSsh(context, yes);

@@ -350,6 +350,7 @@ void printDocument(const Compared& compared, const std::vector<ChainDifference>&
 }
 
 void diff(bool json) {
+    requireKernelRights();
     const Context context(StoreSession::Access::kRead);
     const StoreSnapshot& store = context.store();
     const MachineKernel machine;

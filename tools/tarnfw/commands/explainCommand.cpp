@@ -151,7 +151,7 @@ void explain(const PortQuery& options) {
     }
     const FW::FWPROFILE& profile = store.profile("");
     const std::vector<AdapterAnswer> answers =
-        askVerdicts(questions, adaptersAsked(options, profile));
+        askVerdicts(profile, questions, adaptersAsked(options, profile));
     KernelAnswer kernel(store, options, questions);
     Decider decider(profile, context.machine(), store.applyMode());
     std::map<std::string, TunnelAnswer> tunnels;
@@ -367,7 +367,6 @@ void addExplainCommand(Command& app) {
                    "depend on the source port or on --to.\nExample: tarnfw explain --port "
                    "tcp/20-25 --adapter eth0 --from 192.168.1.20");
     command.run([options] {
-        requireRoot();
         if (options->from.empty()) {
             explain(*options);
         } else {

@@ -42,7 +42,6 @@ Json::Value jsonOf(const AddressRange& range) {
 // ---- list ---------------------------------------------------------------------------------------
 
 void list(bool json) {
-    requireRoot();
     const std::vector<std::string> codes = requireCountries();
     Json::Value document;
     Table table({"country", "IPv4 ranges", "IPv6 ranges"});
@@ -88,7 +87,6 @@ std::string knownCountry(const std::string& wanted) {
 }
 
 void show(const ShowOptions& options) {
-    requireRoot();
     const std::string country = knownCountry(options.country);
     Json::Value document;
     document["country"] = country;
@@ -143,7 +141,6 @@ std::vector<Match> matchesOf(const Address& address) {
 }
 
 void check(const CheckOptions& options) {
-    requireRoot();
     const Address address = *addressFrom(options.address);  // has passed as an option
     const std::vector<Match> matches = matchesOf(address);
     if (options.json) {

@@ -10,6 +10,7 @@
 
 #include <boost/algorithm/string/join.hpp>
 
+#include "cli/command.h"
 #include "cli/output.h"
 #include "tarnfwadmin/baseRecord.h"
 #include "tarnfwadmin/error.h"
@@ -315,6 +316,11 @@ const char* chainSeenBy(const Redirection& redirection) {
 
 KernelReport kernelReport(const StoreSnapshot& store) {
     KernelReport report;
+    if (!isRoot()) {
+        report.hidden = true;
+        report.enabled = store.firewallEnabled();
+        return report;
+    }
     std::future<HookTables> listing = std::async(std::launch::async, hookTables);
     report.listings = filterListings();
     const std::vector<Address> own = ownAddresses();

@@ -24,14 +24,15 @@ struct KernelReport {
     std::vector<ForeignRules> foreign;  ///< of the families that the machine has
     std::vector<std::string> opened;    ///< see openedPolicies(): "INPUT of IPv4"
     std::string unknownOpened;          ///< why that is not known
+    bool hidden = false;                ///< only root may list it; nothing else is filled in
     std::string unknown;                ///< why the filter tables could not be listed
     std::vector<std::string> unknownRules;  ///< what others have that is not known, and why
     bool enabled = false;                   ///< by the settings
     bool reloading = false;                 ///< a reload is running
 };
 
-/// Throws Error, kSystem, when no filter table can be listed. A family that cannot be listed while
-/// the other can is InForce::kUnknown.
+/// Without root's rights it is hidden. Throws Error, kSystem, when no filter table can be listed. A
+/// family that cannot be listed while the other can is InForce::kUnknown.
 KernelReport kernelReport(const StoreSnapshot& store);
 
 /// The same, with the failure in `unknown`.

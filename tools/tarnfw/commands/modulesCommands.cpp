@@ -74,7 +74,7 @@ void unload(const ModulesOptions& options) {
 }
 
 void status(const ModulesOptions& options) {
-    requireRoot();
+    requireKernelRights();
     requireServiceName(options.service);
     const bool loaded = Modules::isModuleLoad(options.service);
     const std::vector<std::string> names = moduleNames(/*nat=*/true);

@@ -218,7 +218,7 @@ void KernelAnswer::printLast() const {
 }
 
 void KernelAnswer::addTo(Json::Value& document) const {
-    document["holds"] = holds();
+    document["holds"] = report_.hidden ? Json::Value() : Json::Value(holds());
     document["allowed"] = document["allowed"].asBool() && !dropped_;
     document["complaints"] = Json::Value(Json::arrayValue);
     for (const std::string& text : complaints_) {
@@ -228,6 +228,10 @@ void KernelAnswer::addTo(Json::Value& document) const {
 }
 
 void KernelAnswer::end(bool allowed) const {
+    if (report_.hidden) {
+        warn(std::string("this is the answer of the stored rules; ") + kKernelIsRoots);
+        endWith(kExitNotRoot);
+    }
     if (!holds()) {
         endWith(kExitNotInForce);
     }

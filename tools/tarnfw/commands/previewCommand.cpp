@@ -82,7 +82,6 @@ std::string restoreTexts(const Json::Value& commands, const std::vector<std::str
 }
 
 void preview(const Options& options) {
-    requireRoot();
     const bool asLines = options.json || options.format != kRestore;
     const Json::Value commands =
         commandsOf(options.profile, asLines ? ApplyMode::kLines : ApplyMode::kBatch);

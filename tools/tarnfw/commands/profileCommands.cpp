@@ -430,6 +430,7 @@ void requireEditable() {
 }
 
 void edit(const std::string& wanted, const ReloadOptions& reload) {
+    requireRoot();
     std::string name;
     std::string original;
     {

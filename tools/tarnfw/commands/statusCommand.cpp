@@ -305,7 +305,9 @@ struct Status {
 
 Status readStatus(const StoreSnapshot& store) {
     Status status;
-    status.boot = bootFailure();
+    if (isRoot()) {
+        status.boot = bootFailure();
+    }
     std::tie(status.enabled, status.active) = statusAndProfile(store, status.boot);
     status.hasActive = store.hasProfile(status.active);
     if (status.hasActive) {
@@ -313,9 +315,11 @@ Status readStatus(const StoreSnapshot& store) {
     }
     status.record = readTrialRecord();
     status.kernel = kernelReport(store);  // lists each family once
-    status.modules = FW::TARN_IPTABLES_MODULES::isModuleLoad(kModuleUser);
-    status.trial = trialState(store);
-    status.complaints = complaints(status.kernel, status.trial, status.record, status.boot);
+    if (!status.kernel.hidden) {
+        status.modules = FW::TARN_IPTABLES_MODULES::isModuleLoad(kModuleUser);
+        status.trial = trialState(store);
+        status.complaints = complaints(status.kernel, status.trial, status.record, status.boot);
+    }
     status.unit = bootUnit();
     status.applyMode = applyModeName(store.applyMode());
     return status;
@@ -324,7 +328,7 @@ Status readStatus(const StoreSnapshot& store) {
 Json::Value documentOf(const Status& status) {
     Json::Value document;
     document["enabled"] = status.enabled;
-    document["asStored"] = status.complaints.empty();
+    document["asStored"] = status.complaints.empty();  // what only root knows is null, see below
     document["complaints"] = Json::Value(Json::arrayValue);
     for (const std::string& text : status.complaints) {
         document["complaints"].append(text);
@@ -344,6 +348,12 @@ Json::Value documentOf(const Status& status) {
         document["adapters"].append(adapterJson(state));
     }
     document["kernel"] = kernelJson(status.kernel);
+    if (status.kernel.hidden) {
+        for (const char* const member : {"asStored", "nothingInForce", "interruptedReload",
+                                         "bootFailure", "modulesLoaded", "trial", "kernel"}) {
+            document[member] = Json::nullValue;
+        }
+    }
     return document;
 }
 
@@ -352,8 +362,9 @@ void print(const Status& status) {
     const std::vector<std::string>& wrong = status.complaints;
     const std::string word = status.enabled ? "enabled" : "disabled";
     table.addRow({{"Firewall:"},
-                  wrong.empty() ? Cell{word, status.enabled ? Paint::kGood : Paint::kDoubtful}
-                                : Cell{word + ", but " + wrong.front(), Paint::kBad}});
+                  status.kernel.hidden ? Cell{word + " in the settings", Paint::kDoubtful}
+                  : wrong.empty() ? Cell{word, status.enabled ? Paint::kGood : Paint::kDoubtful}
+                                  : Cell{word + ", but " + wrong.front(), Paint::kBad}});
     for (std::size_t i = 1; i < wrong.size(); ++i) {
         table.addRow({{""}, {wrong[i], Paint::kBad}});
     }
@@ -377,9 +388,14 @@ void print(const Status& status) {
     for (const std::string& text : status.kernel.unknownRules) {
         table.addRow({{"Redirects:"}, {text, Paint::kDoubtful}});
     }
+    if (status.kernel.hidden) {
+        table.addRow({{"In the kernel:"}, {kKernelIsRoots, Paint::kDoubtful}});
+    }
     table.addRow({{"Apply mode:"}, {status.applyMode}});
-    table.addRow(
-        {{"Kernel modules:"}, {status.modules ? "loaded for the firewall" : "not loaded"}});
+    if (!status.kernel.hidden) {
+        table.addRow(
+            {{"Kernel modules:"}, {status.modules ? "loaded for the firewall" : "not loaded"}});
+    }
     if (status.trial) {
         table.addRow({{"Trial:"}, {trialText(*status.trial), Paint::kDoubtful}});
     }
@@ -396,6 +412,9 @@ void printStatus(bool json) {
         printJson(documentOf(status));
     } else {
         print(status);
+    }
+    if (status.kernel.hidden) {
+        endWith(kExitNotRoot);
     }
     if (!status.complaints.empty()) {
         endWith(kExitNotInForce);
