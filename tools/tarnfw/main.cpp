@@ -1,5 +1,6 @@
 /// tarnfw: the firewall from a terminal. Parses the command line, calls the library, prints.
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -97,6 +98,12 @@ void openStandardFiles() {
     }
 }
 
+/// Whether nobody reads what is written there.
+bool isClosedPipe(int fd) {
+    pollfd pipe{fd, POLLOUT, 0};
+    return poll(&pipe, 1, 0) == 1 && (pipe.revents & POLLERR) != 0;
+}
+
 /// The exit status of a command that ended with `status`: an answer that could not be written is a
 /// failure.
 int statusOfAnswer(int status) {
@@ -107,6 +114,9 @@ int statusOfAnswer(int status) {
     std::cout.flush();
     if (std::cout.good() || !isAnswer) {
         return status;
+    }
+    if (isClosedPipe(STDOUT_FILENO)) {
+        return tarnfw::kExitFailed;  // somebody has read enough: "tarnfw services | head -3"
     }
     std::cerr << "tarnfw: cannot write the output"
               << (errno != 0 ? std::string(": ").append(std::strerror(errno)) : "") << '\n';

@@ -84,3 +84,27 @@ step 'what changed' [ "$(jq -c '[.changed, .changes, .profiles[0].change, .setti
 step 'the backup' [ -f "$(jq -r .backup "$out/answer")" ]
 answers 0 disable --json
 silent
+
+# --- nobody reads the answer -----------------------------------------------------------------------
+
+for action in Ignore Default; do
+    printf -- '-- SIGPIPE: %s\n' "$action"
+    /usr/bin/python3 - "$build/tools/tarnfw/tarnfw" "$action" <<'END' || fail 'not silent, or not done'
+import os, signal, subprocess, sys
+tool, action = sys.argv[1:]
+if action == "Ignore":
+    signal.signal(signal.SIGPIPE, signal.SIG_IGN)
+def run(*words):
+    ends = os.pipe()
+    os.close(ends[0])
+    done = subprocess.run([tool, *words], stdout=ends[1], stderr=subprocess.PIPE, text=True,
+                          restore_signals=action != "Ignore")
+    os.close(ends[1])
+    assert done.stderr == "", done.stderr
+    assert done.returncode != 0
+run("services")
+run("services", "--json")
+run("profile", "create", "unread" + action)
+assert "unread" + action in subprocess.run([tool, "profile", "list"], stdout=subprocess.PIPE, text=True).stdout
+END
+done

@@ -139,7 +139,7 @@ refused 5 '^tarnfw: "CN" is not a country with IPv6 data (two letters, such as D
 refused 2 '^tarnfw: "10.0.0.1" is an IPv4 address, but the rule is for IPv6 only$' \
     rule add --adapter eth0 deny from 10.0.0.1 --v6
 refused 2 '^tarnfw: a rule.s words are missing: expected allow or deny$' rule add --adapter eth0
-refused 2 '^tarnfw: .*--v[46] excludes --v[46]' rule add --adapter eth0 deny --v4 --v6
+refused 2 '^tarnfw: .*--v[46] and --v[46] exclude each other' rule add --adapter eth0 deny --v4 --v6
 refused 2 '^tarnfw: ' rule insert --adapter eth0 deny any
 refused 2 '^tarnfw: ' rule delete --adapter eth0
 refused 2 '^tarnfw: unexpected "first": expected allow or deny$' rule delete first --adapter eth0

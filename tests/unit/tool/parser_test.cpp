@@ -131,11 +131,19 @@ const RefusedCase kRefused[] = {
     {"UnknownOption", "ask --port 22 --what", "tool ask? --what"},
     {"SurplusWord", "ask --port 22 more", "tool ask? more"},
     {"Missing", "rule add", "tool rule add: POSITION is required"},
-    {"NoNumber", "rule add first", "tool rule add: POSITION: Value first not in range 1 to 9"},
-    {"TooSmall", "rule add 0", "tool rule add: POSITION: Value 0 not in range 1 to 9"},
-    {"TooGreat", "rule add 10", "tool rule add: POSITION: Value 10 not in range 1 to 9"},
-    {"Excluded", "rule add 1 --v4 --v6", "tool rule add: --v4 excludes --v6"},
-    {"Needed", "rule add 1 --seconds 5", "tool rule add: --seconds requires --v4"},
+    {"NoNumber", "rule add first",
+     "tool rule add: POSITION: \"first\" is not a number from 1 to 9"},
+    {"TooSmall", "rule add 0", "tool rule add: POSITION: \"0\" is not a number from 1 to 9"},
+    {"TooGreat", "rule add 10", "tool rule add: POSITION: \"10\" is not a number from 1 to 9"},
+    {"Excluded", "rule add 1 --v4 --v6", "tool rule add: --v4 and --v6 exclude each other"},
+    {"Needed", "rule add 1 --seconds 5", "tool rule add: --seconds needs --v4"},
+    {"NoValue", "rule add 1 --label", "tool rule add: --label needs a value"},
+    {"NoValueOfOne", "ask --port", "tool ask: --port needs a value"},
+    {"NoSecondsGiven", "rule add 1 --v4 --seconds", "tool rule add: --seconds needs a value"},
+    {"NoSeconds", "rule add 1 --v4 --seconds soon",
+     "tool rule add: --seconds: \"soon\" is not of the right sort"},
+    {"OneTwice", "ask --port 22 --port 22", "tool ask: --port is given more than once"},
+    {"FlagWithAValue", "rule add 1 --v4=yes-or-no", "tool rule add: --v4 takes no value"},
     {"NoChoice", "ask --port 22 --mode btach",
      "tool ask: \"btach\" is not one of lines, batch; did you mean \"batch\"?"},
     {"NoChoiceNear", "ask --port 22 --mode x", "tool ask: \"x\" is not one of lines, batch"},
@@ -173,8 +181,7 @@ TEST_F(ParserTest, HelpOfACommand) {
               "Usage: tool rule add [OPTIONS] POSITION [WORDS...]\n"
               "\n"
               "Positionals:\n"
-              "  POSITION UINT:INT in [1 - 9] REQUIRED\n"
-              "                              Where\n"
+              "  POSITION UINT REQUIRED      Where\n"
               "  WORDS ...                   The rule\n"
               "\n"
               "Options:\n"

@@ -1,6 +1,7 @@
 #include "cli/parser.h"
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -10,6 +11,7 @@
 
 #include <CLI/CLI.hpp>
 #include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/replace.hpp>
 #include <boost/algorithm/string/trim.hpp>
 
 #include "tarnfwadmin/text.h"
@@ -46,6 +48,19 @@ std::string fitted(const std::string& text, std::size_t taken) {
         }
     }
     return boost::join(lines, "\n");
+}
+
+/// Accepts numbers from the first to the second.
+std::function<std::string(const std::string&)> rangeOf(const std::pair<int, int>& range) {
+    return [range](const std::string& text) -> std::string {
+        int number = 0;
+        const bool isNumber = CLI::detail::lexical_cast(text, number);
+        if (isNumber && number >= range.first && number <= range.second) {
+            return "";
+        }
+        return inQuotes(text) + " is not a number from " + std::to_string(range.first) + " to " +
+               std::to_string(range.second);
+    };
 }
 
 /// The parser's own layout, with texts wrapped; those of options and commands keep their column.
@@ -118,13 +133,14 @@ public:
     }
 
     /// The error in the words that the parser has read.
-    ParseError errorOf(const std::string& message) const {
+    /// `kind` is the parser's name for it; empty for an error of the command.
+    ParseError errorOf(const std::string& message, const std::string& kind = "") const {
         const auto [refusing, extra] = firstExtra(root_);
         if (!extra.empty()) {
             return {commands_.at(refusing), extra, {}};
         }
         const Command& command = *commands_.at(&deepest(root_));
-        return {&command, {}, inWords(command, message)};
+        return {&command, {}, kind.empty() ? message : inWords(command, message, kind)};
     }
 
 private:
@@ -207,7 +223,7 @@ private:
             made->check(choiceOf(facts.choices, facts.otherChoices));
         }
         if (facts.range) {
-            made->check(CLI::Range(facts.range->first, facts.range->second));
+            made->check(rangeOf(*facts.range));
         }
         if (facts.check) {
             made->check(facts.check);
@@ -238,8 +254,57 @@ private:
         return parsed.empty() ? std::make_pair(&app, std::string()) : firstExtra(*parsed.front());
     }
 
+    static bool isFlag(const Command& command, const std::string& name) {
+        const std::vector<const Option*> options = command.options();
+        return std::any_of(options.begin(), options.end(), [&name](const Option* option) {
+            return option->facts().name == name && option->mostValues() == 0;
+        });
+    }
+
+    /// "--port: 1 required TEXT missing", for instance, as "--port needs a value".
+    static std::string aboutValues(const Command& command, const std::string& message) {
+        const std::string name = message.substr(0, message.find(':'));
+        if (isFlag(command, name)) {
+            return name + " takes no value";
+        }
+        const bool missing = message.find("missing") != std::string::npos ||
+                             message.find("received 0") != std::string::npos ||
+                             message.find("At Least") != std::string::npos;
+        return name + (missing ? " needs a value" : " is given more than once");
+    }
+
+    /// "Could not convert: --seconds = soon".
+    static std::string aboutConversion(const Command& command, const std::string& message) {
+        const std::size_t name = message.find(": ");
+        const std::size_t value = message.find(" = ");
+        if (name == std::string::npos || value == std::string::npos || value < name) {
+            return "a value is not of the right sort";
+        }
+        const std::string option = message.substr(name + 2, value - name - 2);
+        if (isFlag(command, option)) {
+            return option + " takes no value";
+        }
+        return option + ": " + inQuotes(message.substr(value + 3)) + " is not of the right sort";
+    }
+
     /// A plain text for those of the parser's messages that are not plain.
-    static std::string inWords(const Command& command, const std::string& message) {
+    static std::string inWords(const Command& command, const std::string& message,
+                               const std::string& kind) {
+        const auto between = [&message](const char* word, const char* with, const char* end) {
+            return boost::replace_first_copy(message, word, with) + end;
+        };
+        if (kind == "ExcludesError") {
+            return between(" excludes ", " and ", " exclude each other");
+        }
+        if (kind == "RequiresError") {
+            return between(" requires ", " needs ", "");
+        }
+        if (kind == "ArgumentMismatch") {
+            return aboutValues(command, message);
+        }
+        if (kind == "ConversionError") {
+            return aboutConversion(command, message);
+        }
         std::vector<std::string> needed;
         if (message.find(" 1 option from [") != std::string::npos) {
             for (const Option* option : command.options()) {
@@ -274,7 +339,7 @@ std::optional<ParseError> runCommandLine(const Command& tool,
     } catch (const CLI::Success& answered) {  // help, or the version
         (void)parser.root().exit(answered);
     } catch (const CLI::ParseError& error) {
-        return parser.errorOf(error.what());
+        return parser.errorOf(error.what(), error.get_name());
     } catch (const UsageError& error) {
         return parser.errorOf(error.what());
     }
