@@ -79,5 +79,22 @@ TEST(HelpTopicsTest, PointToTopicsThatThereAre) {
     }
 }
 
+/// Checks a command, or those of a group.
+void expectExamples(const Command& command) {
+    for (const auto& below : command.subcommands()) {
+        expectExamples(*below);
+    }
+    if (command.subcommands().empty()) {
+        EXPECT_NE(command.footer().find(command.fullName()), std::string::npos)
+            << command.fullName() << ": " << command.footer();
+    }
+}
+
+TEST(CommandHelpTest, EachHasAnExampleOfThatCommand) {
+    Command tool("tarnfw", "The tool");
+    addCommands(tool);
+    expectExamples(tool);
+}
+
 }  // namespace
 }  // namespace tarnfw

@@ -190,6 +190,60 @@ void addComplete(Command& app) {
     command.run([&app, line] { printCompletions(app, *line); });
 }
 
+// ---- Examples -----------------------------------------------------------------------------------
+
+/// What follows the words of a command in its example.
+struct Example {
+    const char* command;
+    const char* arguments;
+};
+
+constexpr Example kExamples[] = {
+    {"adapter rename", " eth0 enp3s0"},
+    {"apply-mode", " batch"},
+    {"base up", ""},
+    {"blocked", " --service ssh --adapter eth0"},
+    {"explain", " --port tcp/22"},
+    {"export", " backup.json"},
+    {"geoip check", " 192.0.2.1"},
+    {"geoip show", " DE --family v4"},
+    {"import", " backup.json --dry-run"},
+    {"modules load", " vpn --nat"},
+    {"modules status", " vpn"},
+    {"modules unload", " vpn --nat"},
+    {"preview", " home --format restore"},
+    {"profile copy", " home travel"},
+    {"profile create", " home"},
+    {"profile delete", " travel"},
+    {"profile edit", " home"},
+    {"profile rename", " home office"},
+    {"profile show", " home"},
+    {"profile use", " home --reload"},
+    {"service release", " ssh"},
+    {"services", " '*sm*'"},
+    {"try", " travel --timeout 120"},
+};
+
+/// Adds an example to the help of each command whose own text has none.
+void addExamples(Command& command, const std::string& name) {
+    if (!command.subcommands().empty()) {
+        for (const auto& below : command.subcommands()) {
+            addExamples(*below, name + " " + below->name());
+        }
+        return;
+    }
+    if (command.footer().find("tarnfw " + name) != std::string::npos) {
+        return;
+    }
+    const auto* const found =
+        std::find_if(std::begin(kExamples), std::end(kExamples),
+                     [&name](const Example& example) { return name == example.command; });
+    const std::string inherited = command.parent() == nullptr ? "" : command.parent()->footer();
+    const std::string text = command.footer().empty() ? inherited : command.footer();
+    command.footer(text + (text.empty() ? "" : "\n") + "Example: tarnfw " + name +
+                   (found == std::end(kExamples) ? "" : found->arguments));
+}
+
 }  // namespace
 
 void addCommands(Command& app) {
@@ -214,6 +268,9 @@ void addCommands(Command& app) {
     addBaseCommands(app);
     addHelp(app);
     addComplete(app);
+    for (const auto& command : app.subcommands()) {
+        addExamples(*command, command->name());
+    }
 }
 
 }  // namespace tarnfw
