@@ -83,6 +83,10 @@ step 'what changed' [ "$(jq -c '[.changed, .changes, .profiles[0].change, .setti
     '[true,true,"unchanged","lines"]' ]
 step 'the backup' [ -f "$(jq -r .backup "$out/answer")" ]
 answers 0 disable --json
+answers 0 modules load vpn --json
+silent
+step 'it is loaded' [ "$(jq -c '[.changed, .messages]' "$out/answer")" = '[true,["Modules loaded for \"vpn\""]]' ]
+answers 0 modules unload vpn --json
 silent
 
 # --- nobody reads the answer -----------------------------------------------------------------------

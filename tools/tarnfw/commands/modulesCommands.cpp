@@ -11,6 +11,7 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "cli/report.h"
 #include "commands/commands.h"
 
 namespace tarnfw {
@@ -21,7 +22,8 @@ using Modules = FW::TARN_IPTABLES_MODULES;
 struct ModulesOptions {
     std::string service;
     bool nat = false;
-    bool json = false;
+    bool json = false;                                            ///< of "status"
+    std::shared_ptr<Report> report = std::make_shared<Report>();  ///< of the others
 };
 
 /// The modules of a service, without the ".ko" of their files.
@@ -50,6 +52,7 @@ void requireServiceName(const std::string& service) {
 void load(const ModulesOptions& options) {
     requireRoot();
     requireServiceName(options.service);
+    options.report->setChanged(!Modules::isModuleLoad(options.service));
     if (!(options.nat ? Modules::iptablesNATModLoad(options.service)
                       : Modules::iptablesCoreModLoad(options.service))) {
         throw Error(ErrorKind::kSystem,
@@ -70,6 +73,7 @@ void unload(const ModulesOptions& options) {
         throw Error(ErrorKind::kSystem,
                     "not all modules of " + inQuotes(options.service) + " are released");
     }
+    options.report->setChanged();
     std::cout << "Modules released by " << inQuotes(options.service) << '\n';
 }
 
@@ -95,14 +99,12 @@ void status(const ModulesOptions& options) {
 
 /// One subcommand of the group, for a service.
 Command& addCommand(Command& group, const char* name, const char* summary,
-                    const std::shared_ptr<ModulesOptions>& options,
-                    void (*run)(const ModulesOptions&)) {
+                    const std::shared_ptr<ModulesOptions>& options) {
     Command& command = group.subcommand(name, summary);
     command
         .option("SERVICE", options->service,
                 "The name under which the modules are counted; the firewall's own is \"firewall\"")
         .showDefault();
-    command.run([options, run] { run(*options); });
     return command;
 }
 
@@ -121,16 +123,19 @@ void addModulesCommands(Command& app) {
     constexpr char kNatHelp[] = "Also the modules for address translation";
 
     auto options = freshOptions();
-    addCommand(group, "load", "Load the modules for a service", options, load)
-        .flag("--nat", options->nat, kNatHelp);
+    Command& loading = addCommand(group, "load", "Load the modules for a service", options);
+    loading.flag("--nat", options->nat, kNatHelp);
+    runReporting(loading, *options->report, [options] { load(*options); });
     options = freshOptions();
-    addCommand(group, "unload", "Release the modules of a service, in reverse order", options,
-               unload)
-        .flag("--nat", options->nat, kNatHelp);
+    Command& unloading =
+        addCommand(group, "unload", "Release the modules of a service, in reverse order", options);
+    unloading.flag("--nat", options->nat, kNatHelp);
+    runReporting(unloading, *options->report, [options] { unload(*options); });
     options = freshOptions();
-    addJsonFlag(addCommand(group, "status", "Show whether a service has its modules loaded",
-                           options, status),
-                options->json);
+    Command& showing =
+        addCommand(group, "status", "Show whether a service has its modules loaded", options);
+    addJsonFlag(showing, options->json);
+    showing.run([options] { status(*options); });
 }
 
 }  // namespace tarnfw
