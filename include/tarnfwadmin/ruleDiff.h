@@ -1,4 +1,5 @@
-/// Comparison of the rules that should be in a packet filter with those that are.
+/// Comparison of two lists of rules, as lines: those that should be in a packet filter with those
+/// that are, or those of a profile before and after a change.
 #pragma once
 
 #include <string>
