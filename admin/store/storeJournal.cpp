@@ -14,6 +14,7 @@
 #include <set>
 #include <vector>
 
+#include "store/changeRecord.h"
 #include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/error.h"
@@ -200,14 +201,25 @@ bool unmarkApplied() {
     return unlink(kApplied) == 0 ? flush(kCopyDir) : errno == ENOENT;
 }
 
-void copyDocuments(const std::map<std::string, std::string>& texts) {
-    if (mkdir(kCopyDir, kCopyDirMode) != 0) {
-        refuse();
+bool tryToCopy(const std::map<std::string, std::string>& texts,
+               const std::vector<std::string>& present) {
+    const bool copied =
+        mkdir(kCopyDir, kCopyDirMode) == 0 &&
+        std::all_of(texts.begin(), texts.end(),
+                    [](const auto& copy) { return writeCopy(copy.first, copy.second); }) &&
+        beginRecord(present);
+    if (!copied) {
+        const int error = errno;
+        dropCopies();
+        errno = error;
     }
-    for (const auto& [path, text] : texts) {
-        if (!writeCopy(path, text)) {
-            refuse();
-        }
+    return copied;
+}
+
+void copyDocuments(const std::map<std::string, std::string>& texts,
+                   const std::vector<std::string>& present) {
+    if (!tryToCopy(texts, present)) {
+        refuse();
     }
 }
 
@@ -262,16 +274,16 @@ bool undoByJournal() {
     for (const std::string& path : *listed) {
         done = (isAsBefore(path) || putBack(path)) && done;
     }
-    return done && endJournal();
-}
-
-bool endJournal() {
-    // The change is on the disk before the journal goes, and that is before anybody relies on it.
-    if (!flushProfileDir() || unlink(kJournal) != 0 || !flush(kCopyDir)) {
+    if (!done || !endJournal()) {
         return false;
     }
     dropCopies();
     return true;
+}
+
+bool endJournal() {
+    // The change is on the disk before the journal goes, and that is before anybody relies on it.
+    return flushProfileDir() && unlink(kJournal) == 0 && flush(kCopyDir);
 }
 
 void dropCopies() {

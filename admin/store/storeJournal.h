@@ -4,7 +4,8 @@
 /// The copies are in ".change/" of the profile directory, each under its document's name. In a
 /// change of many documents they are flushed, and a list of them is written last: the journal.
 /// While it is there, the change is open: whoever has the store's lock next puts everything back,
-/// or, once the rules of the change were applied, keeps the change.
+/// or, once the rules of the change were applied, keeps the change. Copies of a change that is kept
+/// become an entry of the history, see changeRecord.h.
 ///
 /// A file that cannot be looked at is not taken for missing: each function throws Error, kSystem,
 /// then, with everything left as it is.
@@ -46,9 +47,14 @@ bool markApplied();
 /// Back to kApplying, on the disk, too. False, with errno, if that fails.
 bool unmarkApplied();
 
-/// Copies documents; `texts` is their content by path. Throws Error, kSystem, with the copies
-/// removed.
-void copyDocuments(const std::map<std::string, std::string>& texts);
+/// Copies documents; `texts` is their content by path. `present` are the paths of all documents,
+/// for the record of the change. Throws Error, kSystem, with the copies removed.
+void copyDocuments(const std::map<std::string, std::string>& texts,
+                   const std::vector<std::string>& present);
+
+/// The same; false, with errno, instead of an error.
+bool tryToCopy(const std::map<std::string, std::string>& texts,
+               const std::vector<std::string>& present);
 
 /// Flushes the copies and writes the journal. Throws Error, kSystem, with the copies removed.
 void beginJournal(const std::map<std::string, std::string>& texts);
@@ -68,8 +74,8 @@ void keepMode(const std::string& path);
 /// The copy's path.
 std::string copyOf(const std::string& path);
 
-/// Ends the change: what it did stays. False if that cannot be flushed: a power failure may then
-/// undo the change.
+/// Ends the change: what it did stays, and so do the copies. False if that cannot be flushed: a
+/// power failure may then undo the change.
 bool endJournal();
 
 /// Removes the copies.

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <filesystem>
@@ -19,6 +20,7 @@
 #include "tarnfirewall/tarnFW.h"
 #include "tarnfirewall/utils.h"
 
+#include "store/changeRecord.h"
 #include "store/storeJournal.h"
 #include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/documentFile.h"
@@ -32,6 +34,8 @@ namespace fs = std::filesystem;
 
 constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kPrivateMode = 0700;
+constexpr mode_t kPrivateFile = 0600;
+constexpr mode_t kPermissions = 0777;
 
 constexpr char kStoreLock[] = "store.lock";
 
@@ -80,6 +84,25 @@ std::map<std::string, Stored> storedProfiles(const StoreSnapshot& store) {
         documents[name] = {path, inodeOf(path)};
     }
     return documents;
+}
+
+/// Writes a document as the library does, under its passing name first; what is left of that is
+/// removed with the library's. A new one gets the mode and the owner of `likeFile`.
+void replaceDocument(const std::string& path, const std::string& text,
+                     const std::string& likeFile) {
+    struct stat like {};
+    const bool known = stat(path.c_str(), &like) == 0 || stat(likeFile.c_str(), &like) == 0;
+    const std::string passing = path + kPassing;
+    Descriptor file(open(passing.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kPrivateFile));
+    // Giving files away fails without the right to it; the document then is this process's.
+    const int owned = file && known ? fchown(file.get(), like.st_uid, like.st_gid) : 0;
+    (void)owned;
+    if (!file || !writeText(file.get(), text) ||
+        (known && fchmod(file.get(), like.st_mode & kPermissions) != 0) || !flush(file.get()) ||
+        !file.close() || std::rename(passing.c_str(), path.c_str()) != 0) {
+        throw Error(ErrorKind::kSystem,
+                    "cannot write " + printable(path) + ": " + std::strerror(errno));
+    }
 }
 
 /// Removes what the library has left of documents that it was writing: under the store's lock, and
@@ -248,13 +271,24 @@ bool StoreSession::changeAllProfiles(const std::function<bool()>& write) {
 
 bool StoreSession::deleteProfile(const std::string& name) {
     awaitDocumentLocks();
-    // Without copies: a deletion needs no space, and makes some.
+    snapshot_.refresh();
+    const std::map<std::string, std::string> before = snapshot_.texts();
+    // A deletion makes space, so a full disk does not refuse it: that is how it gets less full.
+    if (snapshot_.hasProfile(name) && !boost::starts_with(name, kTestPrefix) &&
+        !tryToCopy({{snapshot_.pathOf(name), snapshot_.textOf(name)}}, snapshot_.documentPaths())) {
+        notes_.push_back(
+            std::string("\"tarnfw undo\" cannot undo this deletion: cannot store a copy "
+                        "in ") +
+            kCopyDir + ": " + std::strerror(errno));
+    }
     const bool deleted = FW::TARNFW_PROFILE().profileDelete(name);
     snapshot_.refresh();
     if (!deleted || snapshot_.hasProfile(name)) {
+        dropCopies();
         return false;
     }
     changed_ = true;
+    noteIfAny(keepRecord(before, snapshot_.texts()));
     if (!flushProfileDir()) {
         throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) +
                                             " is deleted, but a power failure may bring it back: "
@@ -262,6 +296,20 @@ bool StoreSession::deleteProfile(const std::string& name) {
                                             std::strerror(errno));
     }
     return true;
+}
+
+void StoreSession::replaceDocuments(const std::map<std::string, UndoneDocument>& documents) {
+    (void)changeMany([&] {
+        for (const auto& [path, document] : documents) {
+            if (document.text) {
+                replaceDocument(path, *document.text, document.likeFile);
+            } else if (unlink(path.c_str()) != 0) {
+                throw Error(ErrorKind::kSystem,
+                            "cannot remove " + printable(path) + ": " + std::strerror(errno));
+            }
+        }
+        return true;
+    });
 }
 
 void StoreSession::storeProfile(const FW::FWPROFILE& profile) {
@@ -314,6 +362,7 @@ void StoreSession::undoInterruptedChange() {
             throw Error(ErrorKind::kSystem, std::string("an interrupted change cannot be ended: ") +
                                                 std::strerror(errno) + "; its rules are in force");
         }
+        keepKilled();
         notes_.emplace_back(
             "a change whose command was interrupted is kept: its rules had been applied");
     } else if (hasJournal()) {
@@ -329,10 +378,26 @@ void StoreSession::undoInterruptedChange() {
                                              : ""));
     } else {
         restoreTruncated();
-        dropCopies();
+        keepKilled();
     }
     removeUnfinished();
     snapshot_.refresh();
+}
+
+/// Adds what a killed command has done as a whole to the history.
+void StoreSession::keepKilled() {
+    snapshot_.refresh();
+    try {
+        noteIfAny(keepRecordOfKilled(snapshot_.texts()));
+    } catch (const Error&) {
+        dropCopies();  // of documents that cannot be read any more
+    }
+}
+
+void StoreSession::noteIfAny(std::string text) {
+    if (!text.empty()) {
+        notes_.push_back(std::move(text));
+    }
 }
 
 /// For a session without the lock. Copies without a journal may be those of an "enable" that goes
@@ -382,7 +447,7 @@ StoreTransaction::StoreTransaction(StoreSession& session, Extent extent)
     }
     session_.refresh();  // programs that ignore the lock may have written
     before_ = session_.snapshot().texts();
-    copyDocuments(before_);
+    copyDocuments(before_, session_.snapshot().documentPaths());
     try {
         session_.awaitDocumentLocks();
     } catch (const std::exception&) {
@@ -435,7 +500,9 @@ void StoreTransaction::finish(bool refreshed) {
     if (hasJournal() && changePhase() == ChangePhase::kApplied) {
         // It is on the disk, and its rules are in force: whoever opens the store next ends what
         // cannot be ended here.
-        (void)endJournal();
+        if (endJournal()) {
+            keepInHistory();
+        }
         removeUnfinished();
         return;
     }
@@ -448,12 +515,23 @@ void StoreTransaction::finish(bool refreshed) {
                   std::strerror(errno) + ". ";
     }
     if (failure.empty()) {
-        dropCopies();
+        keepInHistory();
         removeUnfinished();
         return;
     }
     throw Error(ErrorKind::kSystem,
                 failure + (undo() ? "All documents were restored" : notUndoneText()));
+}
+
+/// Makes the copies an entry of the history. What goes wrong is a note: the change is made.
+void StoreTransaction::keepInHistory() {
+    try {
+        session_.noteIfAny(keepRecord(before_, session_.snapshot().texts()));
+    } catch (const Error& error) {  // a document that cannot be read
+        session_.notes_.push_back(std::string("\"tarnfw undo\" cannot undo this change: ") +
+                                  error.what());
+        dropCopies();
+    }
 }
 
 void StoreTransaction::requireWhole() const {
@@ -502,11 +580,17 @@ bool StoreTransaction::undo() {
     return endUndone(hasJournal() ? undoByJournal() : restore(changed()));
 }
 
-/// Restores only what is not whole.
+/// Restores only what is not whole; what was written before the exception stays.
 bool StoreTransaction::undoDamage() {
     open_ = false;
     session_.refresh();
-    return endUndone(restore(damaged()));
+    if (!restore(damaged())) {
+        return endUndone(false);
+    }
+    session_.refresh();
+    keepInHistory();
+    removeUnfinished();
+    return true;
 }
 
 /// Removes the copies when the documents were restored. Returns `done`.

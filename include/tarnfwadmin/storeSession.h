@@ -12,6 +12,7 @@
 
 #include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/store.h"
+#include "tarnfwadmin/storeHistory.h"
 
 namespace TARNFW_EXPORT_ALL tarnfw {
 
@@ -51,6 +52,9 @@ class StoreTransaction;
 ///     if (!session.change([] { return FW::TARNFW().fwProfileConfigSet("home", false); })) {
 ///         ...
 ///     }
+///
+/// Each change is added to the history, see storeHistory.h, with the copies that it has made
+/// anyway. What cannot be added is a note: the change itself is made, and needs no more space.
 ///
 /// Nothing is printed: messages for a person, such as a restored file, are in
 /// takeNotes().
@@ -111,8 +115,13 @@ public:
     bool changeAllProfiles(const std::function<bool()>& write);
 
     /// Deletes a profile's file. False if it is still there. Throws Error, kSystem, if it is
-    /// deleted and that cannot be flushed to the disk.
+    /// deleted and that cannot be flushed to the disk. Without space for a copy it is deleted, with
+    /// a note that this cannot be undone.
     bool deleteProfile(const std::string& name);
+
+    /// Writes and removes documents as StoreHistory::undoing() says, with changeMany(). Throws
+    /// Error, kSystem, with the store as it was.
+    void replaceDocuments(const std::map<std::string, UndoneDocument>& documents);
 
     /// Stores a profile under its name. Throws Error, kSystem, like change() and if
     /// the library cannot write it; kNotFound in a store without any profile.
@@ -172,6 +181,8 @@ private:
 
     bool changeHeld(const std::function<bool()>& write);
     void changeSettings(const Json::Value& members);
+    void keepKilled();
+    void noteIfAny(std::string text);
     void undoInterruptedChange();
     void undoIfPossible();
     void restoreTruncated();
@@ -229,6 +240,7 @@ private:
     friend class StoreSession;
 
     static bool change(StoreSession& session, Extent extent, const std::function<bool()>& write);
+    void keepInHistory();
     bool undoDamage();
     bool endUndone(bool done);
     std::string notUndoneText() const;

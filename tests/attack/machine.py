@@ -9,6 +9,7 @@ import subprocess
 
 STORE = "/usr/tarn/etc/firewall.d/"
 JOURNAL = STORE + ".change/documents"
+HISTORY = STORE + ".history/"
 SETTINGS = STORE + "firewall_settings.json"
 FAMILIES = ("iptables", "ip6tables")
 
@@ -93,8 +94,9 @@ class Files:
                 _write(path, *self.entries[path])
 
     def key(self):
-        """Equal for equal files, whatever their names in a random part."""
-        return tuple(sorted((path, content) for path, (_, content) in self.entries.items()))
+        """Equal for equal files, but for the records of changes, which have their time."""
+        return tuple(sorted((path, content) for path, (_, content) in self.entries.items()
+                            if not path.endswith("/record")))
 
 
 def _remove(path):
@@ -156,7 +158,8 @@ def settings(found):
 
 def leftovers():
     """What a command leaves in the store only when it is killed."""
-    return sorted(name for name in os.listdir(STORE) if not name.endswith(".json"))
+    return sorted(name for name in os.listdir(STORE)
+                  if not name.endswith(".json") and name != os.path.basename(HISTORY[:-1]))
 
 
 # ---- The kernel -----------------------------------------------------------------------------------

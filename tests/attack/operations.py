@@ -12,7 +12,8 @@ SETTING_UP = ("base up", "base down", "boot")
 # Commands that write nothing. A command that is in neither list fails the test.
 READING = (
     "status", "profile list", "profile show", "adapters", "services", "blocked", "explain", "open",
-    "preview", "check", "diff", "geoip list", "geoip show", "geoip check", "modules status", "base status", "help",
+    "preview", "check", "diff", "history", "geoip list", "geoip show", "geoip check", "modules status",
+    "base status", "help",
 )
 
 OTHER = "/usr/tarn/etc/other.json"
@@ -108,6 +109,9 @@ def _written(modes):
         Operation("adapter rename", "adapter rename eth0 lan0"),
         Operation("export", "export --force " + EXPORTED),
         Operation("import", "import --yes " + OTHER),
+        Operation("undo", "undo", ["rule add %s allow tcp 98" % rule]),
+        Operation("undo", "undo", ["profile delete third"]),
+        Operation("undo", "undo 2", ["profile rename home casa", "profile copy casa fresh"]),
         Operation("modules load", "modules load vpn", weight=0.5),
         Operation("modules unload", "modules unload vpn", ["modules load vpn"], weight=0.5),
         Operation("base up", "base up", ["base down"], weight=0.5),

@@ -15,12 +15,12 @@ base_up() {
 
 # The directory's files with what is in them.
 keep_directory() {
-    find "$kProfileDirectory" -type f -exec sha256sum -- {} + | LC_ALL=C sort
+    find "$kProfileDirectory" -maxdepth 1 -type f -exec sha256sum -- {} + | LC_ALL=C sort
 }
 
 # The directory's files but the settings.
 profile_files() {
-    find "$kProfileDirectory" -type f ! -path "$kSettings" | LC_ALL=C sort
+    find "$kProfileDirectory" -maxdepth 1 -type f ! -path "$kSettings" | LC_ALL=C sort
 }
 
 # writes_one NAME: base up adds exactly one file, the profile "default", and a second call none.
@@ -54,7 +54,7 @@ umask 022
 step 'no directory: there is one' [ -d "$kProfileDirectory" ]
 step 'no directory: it is for root alone' [ "$(stat -c %a "$kProfileDirectory")" = 700 ]
 step 'no directory: the profile and the settings are for root alone' [ \
-    "$(find "$kProfileDirectory" -name '*.json' -printf '%m\n' | sort --unique)" = 600 ]
+    "$(find "$kProfileDirectory" -maxdepth 1 -name '*.json' -printf '%m\n' | sort --unique)" = 600 ]
 step 'no directory: the settings are there, with apply mode "batch"' [ \
     "$(jq -c '[.status, .profile, .apply]' "$kSettings")" = '[false,"default","batch"]' ]
 step 'no directory: the profile is there' [ "$(tarnfw profile list)" = '* default' ]

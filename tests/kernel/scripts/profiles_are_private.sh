@@ -10,7 +10,7 @@ readonly kGroup=4
 
 # modes MODES: the only combinations of mode and group of all documents.
 modes() {
-    diff <(echo "$1") <(find "$kProfileDirectory" -name '*.json' -printf '%m %G\n' | sort --unique)
+    diff <(echo "$1") <(find "$kProfileDirectory" -maxdepth 1 -name '*.json' -printf '%m %G\n' | sort --unique)
 }
 
 rm -rf -- "$kProfileDirectory"

@@ -11,7 +11,7 @@ commands=('base up' 'base down' 'base status' status enable disable reload previ
     'profile show' 'profile create' 'profile copy' 'profile rename' 'profile delete' 'profile use'
     'profile edit' 'rule add' 'rule insert' 'rule set' 'rule move' 'rule delete' 'rule on' 'rule off'
     policy blocked explain adapters services 'service reserve' 'service release' 'service update'
-    'adapter rename' apply-mode check diff export import 'geoip list' 'geoip show' 'geoip check'
+    'adapter rename' apply-mode check diff history undo export import 'geoip list' 'geoip show' 'geoip check'
     'modules load' 'modules unload' 'modules status')
 # What they do not work without.
 declare -A arguments=(['profile create']=new ['profile copy']='default new'

@@ -203,7 +203,7 @@ refuses 'a copy of the old rules' grep --quiet 'kernel still has' "$out/answer"
 step 'nothing is applied' same_listing enabled
 answers 0 export
 step 'the store holds it' diff <(configuration next.json) <(configuration "$out/answer")
-step 'no other file' [ "$(find "$kProfileDirectory" -name '*.json' | wc -l)" = 3 ]
+step 'no other file' [ "$(find "$kProfileDirectory" -maxdepth 1 -name '*.json' | wc -l)" = 3 ]
 step 'the backup holds what was there' diff \
     <(jq --sort-keys '.config_firewall_settings.status = true' all.json) <(configuration "$backup")
 step 'for root alone' [ "$(stat --format='%a %U' "$kBackups" "$backup")" = $'700 root\n600 root' ]

@@ -20,7 +20,7 @@ refused_whole() {
     complains "$pattern"
     step 'the files are as they were' same_files whole
     step 'and nothing is left' [ "$(cd -- "$kProfileDirectory" && find . -mindepth 1 \
-        ! -name '*.json' ! -name filler)" = "" ]
+        ! -path './.history*' ! -name '*.json' ! -name filler)" = "" ]
 }
 
 # writing_commands PATTERN: each command that writes to the store is refused like that.
@@ -89,8 +89,13 @@ fill
 answers 0 profile delete other
 rm -- "$kProfileDirectory/filler"
 answers 0 rule add allow tcp 80 --adapter eth0
+complains '^tarnfw: "tarnfw undo" cannot undo this deletion: .*No space left on device$'
 umount "$kProfileDirectory"
 
+fill
+refused_whole '^tarnfw: cannot store a copy in .*: No space left on device; nothing was changed' undo
+rm -- "$kProfileDirectory/filler"
+answers 0 undo
 # A store that has nothing yet.
 mount -t tmpfs -o size=64k tmpfs "$kProfileDirectory"
 fill

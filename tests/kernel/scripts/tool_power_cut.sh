@@ -50,7 +50,7 @@ after_cut() {
     found=$(documents)
     [[ ! -e $kProfileDirectory/.change/documents ]] || fail 'the journal is still there'
     answers 0 apply-mode lines
-    step 'nothing is left' [ "$(find "$kProfileDirectory" -mindepth 1 ! -name '*.json' \
+    step 'nothing is left' [ "$(find "$kProfileDirectory" -mindepth 1 ! -path '*/.history*' ! -name '*.json' \
         ! -name lost+found)" = "" ]
     umount "$kProfileDirectory"
 }

@@ -261,6 +261,7 @@ void addCommands(Command& app) {
     addPreviewCommand(app);
     addCheckCommand(app);
     addDiffCommand(app);
+    addHistoryCommands(app);
     addExportCommand(app);
     addImportCommand(app);
     addGeoipCommands(app);

@@ -38,6 +38,7 @@
 #include "tarnfwadmin/exportCheck.h"
 #include "tarnfwadmin/fileLock.h"
 #include "tarnfwadmin/savedRules.h"
+#include "tarnfwadmin/storeDifference.h"
 
 namespace tarnfw {
 namespace {
@@ -115,16 +116,9 @@ struct ProfileChange {
     std::string change;  ///< "added", "changed", "removed", "unchanged"
 };
 
-/// A setting that gets another value; as texts, "-" for none.
-struct SettingChange {
-    std::string setting;
-    std::string now;
-    std::string imported;
-};
-
 struct ImportPlan {
-    std::vector<ProfileChange> profiles;  ///< of all profiles, sorted by name
-    std::vector<SettingChange> settings;  ///< only those that change
+    std::vector<ProfileChange> profiles;      ///< of all profiles, sorted by name
+    std::vector<SettingDifference> settings;  ///< only those that change
     bool changesNothing = true;
 };
 
@@ -136,15 +130,6 @@ std::map<std::string, std::string> keysByName(const Json::Value& document) {
         keys[profiles[key]["name"].asString()] = key;
     }
     return keys;
-}
-
-std::string settingText(const Json::Value& value) {
-    if (value.isString()) {
-        return value.asString();
-    }
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return value.isNull() ? "-" : Json::writeString(builder, value);
 }
 
 Paint paintOf(const std::string& change) {
@@ -182,13 +167,11 @@ ImportPlan importPlan(const Json::Value& current, const Json::Value& document) {
             plan.profiles.push_back({name, after->second, same ? "unchanged" : "changed"});
         }
     }
-    const Json::Value& settings = document[kConfigSettings];
-    for (const std::string& member : settings.getMemberNames()) {
-        const Json::Value& now = current[kConfigSettings][member];
-        if (now != settings[member]) {
-            plan.settings.push_back({member, settingText(now), settingText(settings[member])});
-        }
+    Json::Value settings = current[kConfigSettings];  // members that only it has stay
+    for (const std::string& member : document[kConfigSettings].getMemberNames()) {
+        settings[member] = document[kConfigSettings][member];
     }
+    plan.settings = settingDifferences(current[kConfigSettings], settings);
     plan.changesNothing =
         plan.settings.empty() && current[kConfigProfiles] == document[kConfigProfiles];
     return plan;
@@ -205,8 +188,8 @@ void printPlan(const ImportPlan& plan) {
     }
     std::cout << '\n';
     Table settings({"setting", "now", "imported"});
-    for (const SettingChange& change : plan.settings) {
-        settings.addRow({{change.setting}, {change.now}, {change.imported, Paint::kDoubtful}});
+    for (const SettingDifference& change : plan.settings) {
+        settings.addRow({{change.setting}, {change.before}, {change.after, Paint::kDoubtful}});
     }
     settings.print();
 }
@@ -223,11 +206,11 @@ void report(const ImportPlan& plan, Report& document) {
         document["profiles"].append(entry);
     }
     document["settings"] = Json::Value(Json::arrayValue);
-    for (const SettingChange& change : plan.settings) {
+    for (const SettingDifference& change : plan.settings) {
         Json::Value entry;
         entry["setting"] = change.setting;
-        entry["now"] = change.now;
-        entry["imported"] = change.imported;
+        entry["now"] = change.before;
+        entry["imported"] = change.after;
         document["settings"].append(entry);
     }
 }

@@ -1,0 +1,348 @@
+#include "store/changeRecord.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <set>
+#include <utility>
+
+#include <json/json.h>
+
+#include "store/storeJournal.h"
+#include "tarnfwadmin/descriptor.h"
+#include "tarnfwadmin/documentFile.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/store.h"
+#include "tarnfwadmin/storeHistory.h"
+#include "tarnfwadmin/text.h"
+
+namespace tarnfw {
+
+// Beside the copies, so that these become an entry by a rename.
+const char kHistoryDir[] = "/usr/tarn/etc/firewall.d/.history/";
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr mode_t kPrivateDir = 0700;
+constexpr mode_t kPrivateFile = 0600;
+
+// In ".change/" and in an entry. No document has this name, which lacks ".json".
+constexpr char kRecord[] = "record";
+
+// What is being written under another name.
+constexpr char kNewRecord[] = "record.new";
+
+// An entry that is being removed.
+constexpr char kGone[] = "gone";
+
+// The members of a record. "present" has all documents that were there before the change, for
+// whoever finds what a killed command has left.
+constexpr char kTime[] = "time";
+constexpr char kCommand[] = "command";
+constexpr char kDocuments[] = "documents";
+constexpr char kBefore[] = "before";
+constexpr char kAfter[] = "after";
+constexpr char kPresent[] = "present";
+
+// Of a command line, which may have any length.
+constexpr std::size_t kMostCommandBytes = 1000;
+
+/// A word as a shell would read it again.
+std::string quoted(const std::string& word) {
+    const bool plain = !word.empty() && std::all_of(word.begin(), word.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
+               std::strchr("-_./,:=+@%", c) != nullptr || (static_cast<unsigned char>(c) & 0x80U);
+    });
+    if (plain) {
+        return word;
+    }
+    std::string text = "'";
+    for (const char c : word) {
+        text += c == '\'' ? "'\\''" : std::string(1, c);
+    }
+    return text + "'";
+}
+
+/// The command line of this process: the program's name without its directory, and its arguments.
+std::string ownCommandLine() {
+    std::string words;
+    try {
+        words = readText("/proc/self/cmdline");
+    } catch (const Error&) {
+        return "";
+    }
+    std::string line;
+    for (std::size_t begin = 0; begin < words.size();) {
+        const std::size_t end = std::min(words.find('\0', begin), words.size());
+        const std::string word = words.substr(begin, end - begin);
+        line += begin == 0 ? quoted(fs::path(word).filename().string()) : " " + quoted(word);
+        begin = end + 1;
+    }
+    if (line.size() > kMostCommandBytes) {
+        line.resize(kMostCommandBytes);
+        line += "...";
+    }
+    return line;
+}
+
+std::string nameOf(const std::string& path) {
+    return fs::path(path).filename().string();
+}
+
+/// FNV-1a: it finds what has changed or was not written, not what somebody has forged.
+std::string fnv1a(const std::string& text) {
+    std::uint64_t hash = 14695981039346656037U;
+    for (const char c : text) {
+        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211U;
+    }
+    char digits[17] = {};
+    (void)std::snprintf(digits, sizeof digits, "%016llx", static_cast<unsigned long long>(hash));
+    return std::to_string(text.size()).append("-").append(digits);
+}
+
+/// Whether a text is the document of a test profile, which no entry is about.
+bool isTestDocument(const std::string& text) {
+    if (text.find(std::string("\"").append(kTestPrefix)) == std::string::npos) {
+        return false;  // without reading each document of thousands of rules
+    }
+    Json::Value document;
+    return parseAsStored(text, document) && document.isObject() && document["name"].isString() &&
+           document["name"].asString().rfind(kTestPrefix, 0) == 0;
+}
+
+Json::Value jsonOf(const std::optional<std::string>& digest) {
+    return digest ? Json::Value(*digest) : Json::Value();
+}
+
+std::optional<std::string> digestIn(const Json::Value& member) {
+    return member.isString() ? std::optional(member.asString()) : std::nullopt;
+}
+
+/// The document in ".change/record"; null when there is none.
+Json::Value begunRecord() {
+    Json::Value document;
+    try {
+        const auto text = readTextIfAny(std::string(kCopyDir) + kRecord);
+        if (!text || !parseAsStored(*text, document) || !document.isObject()) {
+            return {};
+        }
+    } catch (const Error&) {
+        return {};
+    }
+    return document;
+}
+
+/// Replaces ".change/record". False, with errno, when that fails.
+bool writeRecord(const Json::Value& document) {
+    const std::string path = std::string(kCopyDir) + kNewRecord;
+    Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kPrivateFile));
+    return file && writeText(file.get(), documentText(document)) && file.close() &&
+           std::rename(path.c_str(), (std::string(kCopyDir) + kRecord).c_str()) == 0;
+}
+
+/// What has changed, without test profiles.
+std::map<std::string, RecordedDocument> changedDocuments(const DocumentTexts& before,
+                                                         const DocumentTexts& now) {
+    std::map<std::string, RecordedDocument> changed;
+    for (const auto& [path, text] : before) {
+        const auto after = now.find(path);
+        if ((after == now.end() || after->second != text) && !isTestDocument(text)) {
+            changed[path].before = digestOf(path, text);
+        }
+    }
+    for (const auto& [path, text] : now) {
+        const auto old = before.find(path);
+        if ((old == before.end() || old->second != text) && !isTestDocument(text)) {
+            changed[path].after = digestOf(path, text);
+        }
+    }
+    return changed;
+}
+
+/// Removes what is no part of an entry.
+void removeOtherCopies(const std::map<std::string, RecordedDocument>& changed) {
+    std::set<std::string> kept = {kRecord};
+    for (const auto& [path, document] : changed) {
+        if (document.before) {
+            kept.insert(nameOf(path));
+        }
+    }
+    std::error_code ignored;
+    std::vector<fs::path> others;
+    for (const fs::directory_entry& entry : fs::directory_iterator(kCopyDir)) {
+        if (kept.count(entry.path().filename().string()) == 0) {
+            others.push_back(entry.path());
+        }
+    }
+    for (const fs::path& path : others) {
+        (void)fs::remove_all(path, ignored);
+    }
+}
+
+/// Removes the oldest entries, and what was left of removing others.
+void prune() {
+    std::error_code ignored;
+    const std::string gone = std::string(kHistoryDir) + kGone;
+    const std::vector<unsigned long> numbers = entryNumbers();
+    (void)fs::remove_all(gone, ignored);
+    for (std::size_t i = kHistoryLength; i < numbers.size(); ++i) {
+        // Under another name first: it is an entry as a whole, or none.
+        fs::rename(entryPath(numbers[i]), gone, ignored);
+        (void)fs::remove_all(gone, ignored);
+    }
+}
+
+/// The entry of the change. Throws Error or a file system's error.
+void makeEntry(const std::map<std::string, RecordedDocument>& changed) {
+    Json::Value document = begunRecord();
+    document[kDocuments] = Json::Value(Json::objectValue);
+    for (const auto& [path, digests] : changed) {
+        Json::Value& member = document[kDocuments][nameOf(path)];
+        member[kBefore] = jsonOf(digests.before);
+        member[kAfter] = jsonOf(digests.after);
+    }
+    removeOtherCopies(changed);
+    if (!writeRecord(document)) {
+        throw Error(ErrorKind::kSystem, std::strerror(errno));
+    }
+    if (mkdir(kHistoryDir, kPrivateDir) != 0 && errno != EEXIST) {
+        throw Error(ErrorKind::kSystem, std::strerror(errno));
+    }
+    const std::vector<unsigned long> numbers = entryNumbers();
+    fs::rename(kCopyDir, entryPath(numbers.empty() ? 1 : numbers.front() + 1));
+    prune();
+}
+
+std::string keep(const std::map<std::string, RecordedDocument>& changed) {
+    if (changed.empty()) {
+        dropCopies();
+        return "";
+    }
+    try {
+        makeEntry(changed);
+        return "";
+    } catch (const std::exception& error) {
+        dropCopies();
+        return std::string("\"tarnfw undo\" cannot undo this change: it could not be kept in ") +
+               kHistoryDir + ": " + error.what();
+    }
+}
+
+}  // namespace
+
+std::string digestOf(const std::string& path, const std::string& text) {
+    Json::Value settings;
+    if (path != kSettingsFile || !parseAsStored(text, settings) || !settings.isObject()) {
+        return fnv1a(text);
+    }
+    settings.removeMember("status");
+    return fnv1a(documentText(settings));
+}
+
+std::vector<unsigned long> entryNumbers() {
+    std::vector<unsigned long> numbers;
+    std::error_code error;
+    for (fs::directory_iterator entry(kHistoryDir, error);
+         !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        constexpr std::size_t kMostDigits = 15;
+        if (name.size() <= kMostDigits &&
+            std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+            numbers.push_back(std::stoul(name));
+        }
+    }
+    if (error && error != std::errc::no_such_file_or_directory) {
+        throw Error(
+            error == std::errc::permission_denied ? ErrorKind::kNoRights : ErrorKind::kSystem,
+            std::string("cannot read ") + kHistoryDir + ": " + error.message());
+    }
+    std::sort(numbers.begin(), numbers.end(), std::greater<>());
+    return numbers;
+}
+
+std::string entryPath(unsigned long number) {
+    return std::string(kHistoryDir).append(std::to_string(number)).append("/");
+}
+
+std::optional<ChangeRecord> readRecord(unsigned long number) {
+    ChangeRecord record;
+    Json::Value document;
+    try {
+        const auto text = readTextIfAny(entryPath(number) + kRecord);
+        if (!text || !parseAsStored(*text, document) || !document.isObject() ||
+            !document[kDocuments].isObject()) {
+            return std::nullopt;
+        }
+        for (const std::string& name : document[kDocuments].getMemberNames()) {
+            const Json::Value& member = document[kDocuments][name];
+            if (!member.isObject() || name.find('/') != std::string::npos) {
+                return std::nullopt;
+            }
+            const std::string path = kProfileDir + name;
+            RecordedDocument& recorded = record.documents[path];
+            recorded = {digestIn(member[kBefore]), digestIn(member[kAfter])};
+            if (recorded.before) {
+                const auto copy = readTextIfAny(entryPath(number) + name);
+                if (!copy || digestOf(path, *copy) != *recorded.before) {
+                    return std::nullopt;
+                }
+            }
+        }
+    } catch (const Error&) {
+        return std::nullopt;
+    }
+    record.time = document[kTime].isIntegral() ? document[kTime].asInt64() : 0;
+    record.command = document[kCommand].isString() ? document[kCommand].asString() : "";
+    return record;
+}
+
+bool beginRecord(const std::vector<std::string>& paths) {
+    Json::Value document;
+    document[kTime] = static_cast<Json::Int64>(std::time(nullptr));
+    document[kCommand] = ownCommandLine();
+    document[kPresent] = Json::Value(Json::arrayValue);
+    for (const std::string& path : paths) {
+        document[kPresent].append(nameOf(path));
+    }
+    return writeRecord(document);
+}
+
+std::string keepRecord(const DocumentTexts& before, const DocumentTexts& now) {
+    return hasCopies() ? keep(changedDocuments(before, now)) : "";
+}
+
+std::string keepRecordOfKilled(const DocumentTexts& now) {
+    const Json::Value begun = begunRecord();
+    if (!begun[kPresent].isArray()) {
+        dropCopies();  // the change had not begun
+        return "";
+    }
+    DocumentTexts before;
+    try {
+        for (const Json::Value& member : begun[kPresent]) {
+            const std::string path = kProfileDir + member.asString();
+            if (const auto copy = readTextIfAny(copyOf(path))) {
+                before[path] = *copy;
+            } else if (now.count(path) != 0) {
+                before[path] = now.at(path);  // not copied, or not kept: it has not changed
+            }
+        }
+    } catch (const std::exception&) {
+        dropCopies();
+        return "";
+    }
+    return keep(changedDocuments(before, now));
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,161 @@
+#include "tarnfwadmin/storeHistory.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <utility>
+
+#include <json/json.h>
+
+#include "store/changeRecord.h"
+#include "tarnfwadmin/documentFile.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/text.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr char kStatus[] = "status";
+
+std::string copyIn(unsigned long directory, const std::string& path) {
+    return entryPath(directory) + std::filesystem::path(path).filename().string();
+}
+
+/// Gives the settings that are to be put back the present "status". False when they are to stay.
+bool keepStatus(UndoneDocument& settings, const StoreSnapshot& store) {
+    const bool enabled = store.firewallEnabled();
+    if (!settings.text) {
+        return !enabled;  // without settings it would be disabled
+    }
+    Json::Value old;
+    if (!parseAsStored(*settings.text, old) || !old.isObject() || old[kStatus] == enabled) {
+        return true;
+    }
+    old[kStatus] = enabled;
+    settings.text = old.toStyledString();
+    return old != store.settings();
+}
+
+}  // namespace
+
+StoreHistory::StoreHistory() {
+    for (const unsigned long number : entryNumbers()) {
+        const std::optional<ChangeRecord> record = readRecord(number);
+        if (!record) {
+            continue;  // not flushed before a power failure, or removed meanwhile
+        }
+        HistoryEntry entry{entries_.size() + 1, record->time, record->command, {}};
+        std::map<std::string, std::string> before;
+        std::map<std::string, std::string> after;
+        for (const auto& [path, digests] : record->documents) {
+            entry.documents.push_back(path);
+            if (digests.before) {
+                before[path] = *digests.before;
+            }
+            if (digests.after) {
+                after[path] = *digests.after;
+            }
+        }
+        entries_.push_back(std::move(entry));
+        directories_.push_back(number);
+        before_.push_back(std::move(before));
+        after_.push_back(std::move(after));
+    }
+}
+
+const HistoryEntry& StoreHistory::entry(std::size_t number) const {
+    if (entries_.empty()) {
+        throw Error(ErrorKind::kNotFound, "no change is kept");
+    }
+    if (number < 1 || number > entries_.size()) {
+        throw Error(ErrorKind::kNotFound, "there is no change " + std::to_string(number) + ": " +
+                                              counted(entries_.size(), "change") + " " +
+                                              (entries_.size() == 1 ? "is" : "are") + " kept");
+    }
+    return entries_[number - 1];
+}
+
+/// What a document of change `number` held before it.
+std::optional<std::string> StoreHistory::textBefore(std::size_t number,
+                                                    const std::string& path) const {
+    return before_[number - 1].count(path) == 0
+               ? std::nullopt
+               : std::optional(readText(copyIn(directories_[number - 1], path)));
+}
+
+StoreChange StoreHistory::changeOf(std::size_t number, const StoreSnapshot& store) const {
+    const std::map<std::string, std::string> now = store.texts();
+    StoreChange change;
+    for (const std::string& path : entry(number).documents) {
+        if (const auto text = textBefore(number, path)) {
+            change.before[path] = *text;
+        }
+        std::size_t later = number - 1;
+        while (later > 0 && std::count(entries_[later - 1].documents.begin(),
+                                       entries_[later - 1].documents.end(), path) == 0) {
+            --later;
+        }
+        if (later == 0) {
+            if (now.count(path) != 0) {
+                change.after[path] = now.at(path);
+            }
+        } else if (const auto text = textBefore(later, path)) {
+            change.after[path] = *text;
+        }
+    }
+    return change;
+}
+
+std::map<std::string, UndoneDocument> StoreHistory::undoing(std::size_t number,
+                                                            const StoreSnapshot& store) const {
+    (void)entry(number);
+    const std::map<std::string, std::string> now = store.texts();
+    std::map<std::string, UndoneDocument> undone;
+    for (std::size_t each = 1; each <= number; ++each) {  // what an earlier change found, counts
+        for (const std::string& path : entries_[each - 1].documents) {
+            undone[path] = {textBefore(each, path), copyIn(directories_[each - 1], path)};
+        }
+    }
+    const auto settings = undone.find(kSettingsFile);
+    if (settings != undone.end() && !keepStatus(settings->second, store)) {
+        undone.erase(settings);
+    }
+    for (auto document = undone.begin(); document != undone.end();) {
+        const auto present = now.find(document->first);
+        const bool same = present == now.end() ? !document->second.text
+                                               : document->second.text == present->second;
+        document = same ? undone.erase(document) : std::next(document);
+    }
+    return undone;
+}
+
+std::vector<std::string> StoreHistory::changedByOthers(std::size_t number,
+                                                       const StoreSnapshot& store) const {
+    const std::map<std::string, std::string> now = store.texts();
+    std::vector<std::string> paths;
+    for (const auto& [path, document] : undoing(number, store)) {
+        // From the present back to the state before the change: each change has to have left what
+        // the next one found.
+        const auto present = now.find(path);
+        std::optional<std::string> found;
+        if (present != now.end()) {
+            found = digestOf(path, present->second);
+        }
+        bool own = true;
+        for (std::size_t each = 1; each <= number; ++each) {
+            const std::vector<std::string>& documents = entries_[each - 1].documents;
+            if (std::count(documents.begin(), documents.end(), path) == 0) {
+                continue;
+            }
+            const auto left = after_[each - 1].find(path);
+            own = own && (left == after_[each - 1].end() ? !found : found == left->second);
+            const auto had = before_[each - 1].find(path);
+            found = had == before_[each - 1].end() ? std::nullopt : std::optional(had->second);
+        }
+        if (!own) {
+            paths.push_back(path);
+        }
+    }
+    return paths;
+}
+
+}  // namespace tarnfw

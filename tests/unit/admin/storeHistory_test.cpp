@@ -1,0 +1,265 @@
+// The history of the store: what becomes an entry, what undoing gives back, what is never lost.
+#include "tarnfwadmin/storeHistory.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "store_testing.h"
+#include "tarnfirewall/tarnFW.h"
+#include "tarnfwadmin/process.h"
+#include "tarnfwadmin/storeDifference.h"
+#include "tarnfwadmin/storeSession.h"
+
+namespace tarnfw {
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+const std::string kHistory = std::string(kProfileDir) + ".history/";
+
+class StoreHistoryTest : public StoreTest {
+protected:
+    /// One change of "home", to `port`.
+    static void setPort(const std::string& port) {
+        StoreSession session(StoreSession::Access::kChange);
+        FW::FWPROFILE changed = session.snapshot().profile("home");
+        changed.rules["global"][0].portList = {port};
+        session.storeProfile(changed);
+    }
+
+    static std::vector<std::string> lines(std::size_t number) {
+        const StoreChange change = StoreHistory().changeOf(number, StoreSnapshot());
+        std::vector<std::string> lines;
+        for (const StoreDifference& difference : storeDifferences(change.before, change.after)) {
+            lines.push_back(difference.line());
+        }
+        return lines;
+    }
+
+    static void undo(std::size_t number) {
+        StoreSession session(StoreSession::Access::kChange);
+        session.replaceDocuments(StoreHistory().undoing(number, session.snapshot()));
+    }
+};
+
+TEST_F(StoreHistoryTest, UndoingGivesBackEachByteAndMode) {
+    ASSERT_EQ(chmod(kHomeFile.c_str(), 0640), 0);
+    const std::string first = contentOf(kHomeFile);
+    setPort("81");
+    const std::string second = contentOf(kHomeFile);
+    setPort("82");
+    ASSERT_EQ(StoreHistory().entries().size(), 2U);
+    EXPECT_THAT(StoreHistory().entry(1).documents, ElementsAre(kHomeFile));
+    EXPECT_THAT(StoreHistory().entry(1).command, HasSubstr("storeHistory_test"));
+
+    undo(2);
+    EXPECT_EQ(contentOf(kHomeFile), first);
+    EXPECT_EQ(fs::status(kHomeFile).permissions(), fs::perms(0640));
+    undo(2);  // undoes the undoing, and the change to 82
+    EXPECT_EQ(contentOf(kHomeFile), second);
+    EXPECT_EQ(StoreHistory().entries().size(), 4U);
+}
+
+TEST_F(StoreHistoryTest, DeletedProfileComesBackAsItWas) {
+    const std::string other = std::string(kProfileDir) + "other.json";
+    Json::Value document = profile({rule()});
+    document["name"] = "other";
+    writeDocument(other, document);
+    ASSERT_EQ(chmod(other.c_str(), 0604), 0);
+    const std::string before = contentOf(other);
+    {
+        StoreSession session(StoreSession::Access::kChange);
+        ASSERT_TRUE(session.deleteProfile("other"));
+        EXPECT_THAT(session.takeNotes(), IsEmpty());
+    }
+    EXPECT_THAT(lines(1), ElementsAre("- profile \"other\" (1 rule)"));
+    undo(1);
+    EXPECT_EQ(contentOf(other), before);
+    EXPECT_EQ(fs::status(other).permissions(), fs::perms(0604));
+    EXPECT_THAT(lines(1), ElementsAre("+ profile \"other\" (1 rule)"));
+}
+
+TEST_F(StoreHistoryTest, NothingChangedIsNoEntry) {
+    StoreSession session(StoreSession::Access::kChange);
+    ASSERT_TRUE(session.change([] { return true; }));
+    EXPECT_FALSE(session.change([] {
+        writeFile(kHomeFile, "{}");
+        return false;
+    }));
+    session.holdChange();
+    session.setApplyMode(ApplyMode::kBatch);
+    EXPECT_TRUE(session.undoChange());
+    EXPECT_THAT(StoreHistory().entries(), IsEmpty());
+    EXPECT_FALSE(fs::exists(std::string(kProfileDir) + ".change"));
+}
+
+TEST_F(StoreHistoryTest, DocumentsOfTrialsAreNoEntry) {
+    StoreSession session(StoreSession::Access::kChange);
+    const FW::FWPROFILE test = session.snapshot().profile("home");
+    ASSERT_TRUE(
+        session.change([&] { return FW::TARNFW_PROFILE().CreateTestProfile("home", test); }));
+    ASSERT_EQ(session.snapshot().testProfileNames().size(), 1U);
+    ASSERT_TRUE(session.deleteProfile(session.snapshot().testProfileNames().front()));
+    EXPECT_THAT(StoreHistory().entries(), IsEmpty());
+}
+
+TEST_F(StoreHistoryTest, StatusStaysAsItIs) {
+    {
+        StoreSession session(StoreSession::Access::kChange);
+        session.setApplyMode(ApplyMode::kBatch);
+        ASSERT_TRUE(session.change([] {
+            Json::Value enabled;
+            enabled["status"] = true;
+            return FW::TARNFW().configSet(enabled);
+        }));
+    }
+    EXPECT_THAT(lines(1), ElementsAre("~ firewall: disabled -> enabled"));
+    EXPECT_THAT(StoreHistory().undoing(1, StoreSnapshot()), IsEmpty());
+    undo(2);
+    const StoreSnapshot store;
+    EXPECT_TRUE(store.firewallEnabled());
+    EXPECT_EQ(store.applyMode(), ApplyMode::kLines);
+    EXPECT_THAT(lines(1), ElementsAre("~ apply mode: batch -> -"));
+}
+
+TEST_F(StoreHistoryTest, OthersChangesAreSeen) {
+    setPort("81");
+    EXPECT_THAT(StoreHistory().changedByOthers(1, StoreSnapshot()), IsEmpty());
+    writeDocument(kHomeFile, profile({rule()}));  // without a session
+    EXPECT_THAT(StoreHistory().changedByOthers(1, StoreSnapshot()), ElementsAre(kHomeFile));
+    setPort("82");
+    EXPECT_THAT(StoreHistory().changedByOthers(1, StoreSnapshot()), IsEmpty());
+    EXPECT_THAT(StoreHistory().changedByOthers(2, StoreSnapshot()), ElementsAre(kHomeFile));
+    // The library enables and disables for other programs; undoing does not touch that.
+    {
+        StoreSession session(StoreSession::Access::kChange);
+        session.setApplyMode(ApplyMode::kBatch);
+    }
+    Json::Value enabled;
+    enabled["status"] = true;
+    ASSERT_TRUE(FW::TARNFW().configSet(enabled));
+    EXPECT_THAT(StoreHistory().changedByOthers(1, StoreSnapshot()), IsEmpty());
+}
+
+TEST_F(StoreHistoryTest, OldestGoAndOnlyRootMayLook) {
+    for (std::size_t i = 0; i < kHistoryLength + 2; ++i) {
+        setPort(std::to_string(100 + i));
+    }
+    EXPECT_EQ(StoreHistory().entries().size(), kHistoryLength);
+    EXPECT_FALSE(fs::exists(kHistory + "2"));
+    EXPECT_TRUE(fs::exists(kHistory + "3"));
+    EXPECT_EQ(fs::status(kHistory).permissions(), fs::perms(0700));
+    EXPECT_EQ(fs::status(kHistory + "3").permissions(), fs::perms(0700));
+    EXPECT_EQ(fs::status(kHistory + "3/record").permissions(), fs::perms(0600));
+    expectError(ErrorKind::kNotFound, "there is no change 51: 50 changes are kept",
+                [] { (void)StoreHistory().entry(51); });
+}
+
+/// Where a command is killed, as it ends the change.
+TEST_F(StoreHistoryTest, ChangeOfAKilledCommandIsAnEntryOnceItWasMade) {
+    const std::string before = contentOf(kHomeFile);
+    const auto killed = [](bool isWritten) {
+        return startProcess("change", [isWritten] {
+            StoreSession session(StoreSession::Access::kChange);
+            (void)session.change([&] {
+                if (isWritten) {
+                    FW::FWPROFILE changed = session.snapshot().profile("home");
+                    changed.rules["global"][0].portList = {"81"};
+                    (void)FW::TARNFW_PROFILE().profileSet("home", changed);
+                }
+                _exit(0);
+                return true;
+            });
+            return 0;
+        });
+    };
+    (void)waitStatusOf(killed(false));
+    { const StoreSession next(StoreSession::Access::kChange); }
+    EXPECT_THAT(StoreHistory().entries(), IsEmpty());
+    (void)waitStatusOf(killed(true));
+    ASSERT_NE(contentOf(kHomeFile), before);
+    { const StoreSession next(StoreSession::Access::kChange); }
+    EXPECT_EQ(StoreHistory().entries().size(), 1U);
+    undo(1);
+    EXPECT_EQ(contentOf(kHomeFile), before);
+}
+
+TEST_F(StoreHistoryTest, IncompleteEntryCountsAsMissing) {
+    setPort("81");
+    setPort("82");
+    writeFile(kHistory + "2/home.json", "{}");
+    ASSERT_EQ(StoreHistory().entries().size(), 1U);
+    // What it did is then like a change by another program.
+    EXPECT_THAT(StoreHistory().changedByOthers(1, StoreSnapshot()), ElementsAre(kHomeFile));
+    writeFile(kHistory + "1/record", "");
+    EXPECT_THAT(StoreHistory().entries(), IsEmpty());
+    setPort("83");
+    EXPECT_EQ(StoreHistory().entries().size(), 1U);
+}
+
+TEST_F(StoreHistoryTest, ChangeStaysWhenItCannotBeKept) {
+    writeFile(std::string(kProfileDir) + ".history", "no directory");
+    StoreSession session(StoreSession::Access::kChange);
+    session.setApplyMode(ApplyMode::kBatch);
+    EXPECT_EQ(StoreSnapshot().applyMode(), ApplyMode::kBatch);
+    EXPECT_THAT(session.takeNotes(),
+                ElementsAre(HasSubstr("\"tarnfw undo\" cannot undo this change")));
+    EXPECT_FALSE(fs::exists(std::string(kProfileDir) + ".change"));
+}
+
+// ---- Differences --------------------------------------------------------------------------------
+
+std::vector<std::string> between(const Json::Value& before, const Json::Value& after) {
+    const auto text = [](const Json::Value& document) { return document.toStyledString(); };
+    std::vector<std::string> lines;
+    for (const StoreDifference& difference :
+         storeDifferences({{kHomeFile, text(before)}}, {{kHomeFile, text(after)}})) {
+        lines.push_back(difference.line());
+    }
+    return lines;
+}
+
+TEST_F(StoreHistoryTest, RulesAndPoliciesInWords) {
+    const Json::Value first = profile({rule(), rule(R"({"portList": ["23"]})")});
+    Json::Value second = profile({rule(R"({"labelList": ["x"]})"), rule(R"({"portList": ["23"]})"),
+                                  rule(R"({"enable": false, "portList": ["24"]})")});
+    second["adapterPolicyMap"]["eth7"] = 1;
+    EXPECT_THAT(between(first, second),
+                ElementsAre("home: + default policy of eth7: deny",
+                            "home: - rule 1 of global: allow tcp 22 from anywhere",
+                            "home: + rule 1 of global: allow tcp 22 from anywhere [x]",
+                            "home: + rule 3 of global: [off] allow tcp 24 from anywhere"));
+    Json::Value third = first;
+    third["adapterPolicyMap"]["eth7"] = 0;
+    third["adapterPolicyMap"]["global"] = 2;
+    EXPECT_THAT(between(second, third),
+                ElementsAre("home: ~ default policy of eth7: deny -> allow",
+                            "home: - rule 1 of global: allow tcp 22 from anywhere [x]",
+                            "home: + rule 1 of global: allow tcp 22 from anywhere",
+                            "home: - rule 3 of global: [off] allow tcp 24 from anywhere"));
+}
+
+TEST_F(StoreHistoryTest, NamesAndOtherFilesInWords) {
+    const Json::Value first = profile({rule()});
+    Json::Value renamed = first;
+    renamed["name"] = "casa";
+    EXPECT_THAT(between(first, renamed), ElementsAre("casa: ~ renamed, was \"home\""));
+    EXPECT_THAT(between(first, Json::Value("no profile")),
+                ElementsAre("- profile \"home\" (1 rule)",
+                            "~ file " + kHomeFile + ", which is not a profile"));
+    EXPECT_THAT(between(first, first), IsEmpty());
+}
+
+}  // namespace
+}  // namespace tarnfw
