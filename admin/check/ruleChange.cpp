@@ -1,6 +1,7 @@
 #include "tarnfwadmin/ruleChange.h"
 
 #include <algorithm>
+#include <iterator>
 #include <vector>
 
 #include <json/json.h>
@@ -49,6 +50,30 @@ RulePlace addRule(StoreSession& session, const std::string& profile, const std::
         [&](FW::FWPROFILE& edited) { edited.rules[adapter].push_back(rule); },
         [&](const FW::FWPROFILE& edited) { requireValidProfile(edited, machine); });
     return {adapter, changed.rules.at(adapter).size()};
+}
+
+bool releaseService(FW::FWPROFILE& profile, const std::string& service, const std::string& adapter,
+                    ReleaseFrom rules) {
+    bool changed = false;
+    for (auto list = profile.rules.begin(); list != profile.rules.end();) {
+        bool fewer = false;
+        for (auto rule = list->second.begin(); rule != list->second.end();) {
+            std::vector<std::string>& names = rule->portList;
+            const bool isMeant = (adapter.empty() || list->first == adapter) &&
+                                 (rules == ReleaseFrom::kAll ? FW::fwRuleNamesServices(*rule)
+                                                             : FW::fwRuleIsReserved(*rule)) &&
+                                 std::find(names.begin(), names.end(), service) != names.end();
+            if (isMeant) {
+                names.erase(std::remove(names.begin(), names.end(), service), names.end());
+                changed = true;
+            }
+            const bool isEmpty = isMeant && names.empty();
+            fewer = fewer || isEmpty;
+            rule = isEmpty ? list->second.erase(rule) : std::next(rule);
+        }
+        list = fewer && list->second.empty() ? profile.rules.erase(list) : std::next(list);
+    }
+    return changed;
 }
 
 }  // namespace tarnfw

@@ -36,4 +36,16 @@ FW::FWPROFILE changeProfile(StoreSession& session, const std::string& profile,
 RulePlace addRule(StoreSession& session, const std::string& profile, const std::string& adapter,
                   const FW::FWRULE& rule, Machine& machine);
 
+/// Which rules releaseService() changes.
+enum class ReleaseFrom {
+    kReserved,  ///< those that a reservation has made, see fwRuleIsReserved()
+    kAll,       ///< all that name services
+};
+
+/// Removes a service from rules of an adapter, or of every adapter when that is empty. A rule that
+/// then names no service is removed, and so is the list of an adapter without rules: what a
+/// reservation has added to a profile is gone. Returns whether the profile has changed.
+bool releaseService(FW::FWPROFILE& profile, const std::string& service, const std::string& adapter,
+                    ReleaseFrom rules);
+
 }  // namespace tarnfw

@@ -41,7 +41,7 @@ writing_commands() {
     refused_whole "$pattern" profile use other
     refused_whole "$pattern" apply-mode batch
     refused_whole "$pattern" service reserve ssh allow --adapter eth0
-    refused_whole "$pattern" service release ssh
+    refused_whole "$pattern" service release mqtt
     refused_whole "$pattern" service update
     refused_whole "$pattern" adapter rename eth0 eth7
     refused_whole "$pattern" enable --yes
@@ -58,6 +58,7 @@ answers 0 profile copy deny_by_default other
 answers 0 rule add allow tcp 22 --adapter eth0
 answers 0 rule add allow tcp 25 --adapter eth0
 answers 0 enable --yes
+answers 0 service reserve mqtt allow --adapter global
 answers 0 profile show other --json
 cp -- "$out/answer" "$kDocument"
 keep_listing enabled

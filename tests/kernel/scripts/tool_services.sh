@@ -188,18 +188,85 @@ done
 
 # --- service release -------------------------------------------------------------------------------
 
+# What it releases is what was reserved: a rule that a person has made stays.
+answers 0 service release ssh --adapter tun0
+says '^Service ssh released on tun0 (no profile changed)$'
 answers 0 service release ssh
-says '^Service ssh removed from all rules (changed: away, home)$'
+prints <<'END'
+Service ssh released (changed: away, home)
+Other rules name it: home; "tarnfw service release ssh --everywhere" removes it from them, too
+The kernel still has the old rules; "tarnfw reload" applies the new ones
+END
 has_rules away eth0 </dev/null
+has_rules home eth0 <<'END'
+allow ssh http
+allow 9000
+END
+refused_whole 5 '^tarnfw: there is no service "htpp"; did you mean "http"?' service release htpp
+refused_whole 5 '^tarnfw: there is no adapter "eht0"' service release ssh --adapter eht0
+
+# Reserving and releasing leave each byte as it was, whatever was there.
+documents() {
+    (cd -- "$kProfileDirectory" && tail -n +1 -- *.json)
+}
+without_policy() {
+    jq "del(.adapterPolicyMap.$1)" "$kProfileDirectory"/*.json
+}
+round_trip() {
+    documents >/tmp/documents_before
+    answers 0 service reserve "$@"
+    refuses 'it is reserved' cmp --silent /tmp/documents_before <(documents)
+    answers 0 service release "$1" --adapter "$4"
+    step 'as before' diff -u /tmp/documents_before <(documents)
+}
+round_trip ssh allow --adapter eth0
+round_trip ssh deny --adapter global
+# For a new adapter, the library adds the default policy "allow", which is what there is without one.
+without_policy tun0 >/tmp/without_policy
+answers 0 service reserve smb allow --adapter tun0
+refuses 'it is reserved' cmp --silent /tmp/without_policy <(without_policy tun0)
+answers 0 service release smb
+step 'as before' diff -u /tmp/without_policy <(without_policy tun0)
+step 'allow' [ "$(jq .adapterPolicyMap.tun0 "$kProfileDirectory/home.json")" = 0 ]
+round_trip smb allow --adapter tun0
+answers 0 service reserve nfs allow --adapter eth0
+round_trip ssh allow --adapter eth0 # into the rule that is there
+round_trip ssh deny --adapter eth0  # into a new one before it
+answers 0 service release nfs
+has_rules home eth0 <<'END'
+allow ssh http
+allow 9000
+END
+
+# From rules made by a person only when asked for, and after a question.
+answers 0 service reserve ssh allow --adapter global
+keep_files everywhere
+answers 1 service release ssh --everywhere
+complains '^tarnfw: these rules would change; nothing was changed (--yes goes on anyway)$'
+prints_rules() {
+    grep '^  ' "$out/answer" | diff -u - "$1" || fail 'not the rules that would change'
+}
+cat >/tmp/rules_that_change <<'END'
+  away: - rule 1 of global: allow service ssh from anywhere  "Service", reserved
+  home: - rule 1 of eth0: allow service ssh,http from anywhere  "Shell and web"
+  home: + rule 1 of eth0: allow service http from anywhere  "Shell and web"
+  home: - rule 1 of global: allow service ssh from anywhere  "Service", reserved
+END
+prints_rules /tmp/rules_that_change
+asked 1 'tarnfw: these rules would change. Go on? [y/N] ' n service release ssh --everywhere
+step 'no file has changed' same_files everywhere
+asked 0 'tarnfw: these rules would change. Go on? [y/N] ' y service release ssh --everywhere --adapter global
+says '^Service ssh removed from all rules on global (changed: away, home)'
+answers 0 service release ssh --everywhere --yes
+says '^Service ssh removed from all rules (changed: home)$'
 has_rules home eth0 <<'END'
 allow http
 allow 9000
 END
-answers 0 service release ssh
+answers 0 service release ssh --everywhere
 prints <<<'Service ssh removed from all rules (no profile changed)'
-refused_whole 5 '^tarnfw: there is no service "htpp"; did you mean "http"?' service release htpp
 # One that the catalogue has lost can still be released; its rule names nothing else and goes.
-answers 0 service release lost_service
+answers 0 service release lost_service --everywhere --yes
 says '^Service lost_service removed from all rules (changed: home)$'
 has_rules home eth5 </dev/null
 
@@ -225,7 +292,7 @@ prints <<<'Rules updated from the service catalogue (no profile changed)'
 # --- adapter rename --------------------------------------------------------------------------------
 
 refused_whole 1 '^tarnfw: both names are "eth0"$' adapter rename eth0 eth0
-refused_whole 5 '^tarnfw: no profile has rules or a default policy for adapter "eht0"; did you mean "eth0"? (known: eth0, eth5, global)$' \
+refused_whole 5 '^tarnfw: no profile has rules or a default policy for adapter "eht0"; did you mean "eth0"? (known: eth0, eth5, global, tun0)$' \
     adapter rename eht0 eth1
 refused_whole 1 '^tarnfw: "global" is every adapter' adapter rename global eth1
 refused_whole 1 '^tarnfw: "global" is every adapter' adapter rename eth0 global

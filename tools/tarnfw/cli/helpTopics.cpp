@@ -169,8 +169,9 @@ A service can be allowed, or denied, in every profile:
   tarnfw service reserve ssh allow --adapter eth0
   tarnfw service release ssh
 
-Reserved rules come before all others of the adapter. "release" removes the
-service from every rule, including your own.
+Reserved rules come before all others of the adapter. "release" is the
+inverse, and leaves your own rules alone; with --everywhere it removes the
+service from those, too, after asking.
 
 For the options see "tarnfw services --help" and, for instance, "tarnfw help
 service reserve".

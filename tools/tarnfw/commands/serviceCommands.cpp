@@ -7,6 +7,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <json/json.h>
@@ -24,6 +25,8 @@
 #include "commands/applying.h"
 #include "commands/commands.h"
 #include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/ruleChange.h"
+#include "tarnfwadmin/storeDifference.h"
 
 namespace tarnfw {
 namespace {
@@ -129,16 +132,107 @@ void reserve(const std::string& service, const std::string& adapter, const std::
               });
 }
 
-void release(const std::string& service, const ReloadOptions& reload) {
+std::vector<std::string> namesOf(const Profiles& profiles) {
+    std::vector<std::string> names;
+    for (const auto& [name, profile] : profiles) {
+        names.push_back(name);
+    }
+    return names;
+}
+
+/// The profiles that a release changes, as they are then.
+Profiles released(const Profiles& before, const std::string& service, const std::string& adapter,
+                  ReleaseFrom rules) {
+    Profiles changed;
+    for (const auto& [name, profile] : before) {
+        FW::FWPROFILE copy = profile;
+        if (!boost::starts_with(name, kTestPrefix) &&
+            releaseService(copy, service, adapter, rules)) {
+            changed[name] = std::move(copy);
+        }
+    }
+    return changed;
+}
+
+/// For a release from all rules: shows what it changes, and asks.
+void requireRelease(const Profiles& before, const Profiles& changed, bool yes) {
+    for (const auto& [name, profile] : changed) {
+        for (const StoreDifference& difference : profileDifferences(before.at(name), profile)) {
+            std::cout << "  " << printable(difference.line()) << '\n';
+        }
+    }
+    std::cout << std::flush;
+    if (yes || changed.empty()) {
+        return;
+    }
+    if (!canAsk()) {
+        throw Error(ErrorKind::kDeclined,
+                    "these rules would change; nothing was changed (--yes goes on anyway)");
+    }
+    if (!confirmed("tarnfw: these rules would change. Go on?")) {
+        throw Error(ErrorKind::kDeclined, "nothing was changed");
+    }
+}
+
+struct ReleaseOptions {
+    std::string service;
+    std::string adapter;
+    bool everywhere = false;
+    ReloadOptions reload;
+};
+
+/// Says what was released, and which rules name the service still.
+void sayReleased(const ReleaseOptions& options, const Profiles& before, const Profiles& changed) {
+    const std::vector<std::string> names = namesOf(changed);
+    const std::string where = options.adapter.empty() ? "" : " on " + options.adapter;
+    const std::string done =
+        options.everywhere ? " removed from all rules" + where : " released" + where;
+    std::cout << printable("Service " + options.service + done) << " ("
+              << (names.empty() ? "no profile changed"
+                                : "changed: " + printable(boost::join(names, ", ")))
+              << ")\n";
+    Profiles now = before;
+    for (const auto& [name, profile] : changed) {
+        now[name] = profile;
+    }
+    const Profiles own = released(now, options.service, options.adapter, ReleaseFrom::kAll);
+    if (!own.empty()) {
+        std::cout << "Other rules name it: " << printable(boost::join(namesOf(own), ", "))
+                  << "; \"tarnfw service release " << printable(options.service)
+                  << " --everywhere\" removes it from them, too\n";
+    }
+}
+
+void release(const ReleaseOptions& options) {
     Context context(StoreSession::Access::kChange);
-    requireReloadable(context, reload);
+    requireReloadable(context, options.reload);
     const Profiles before = allProfiles(context.store());
     // A service that is no longer in the catalogue can still be removed from rules.
-    if (!isNamed(before, service)) {
-        (void)context.machine().requireCatalogue().require(service);
+    if (!isNamed(before, options.service)) {
+        (void)context.machine().requireCatalogue().require(options.service);
     }
-    changeAll(context, "Service " + service + " removed from all rules", reload, before,
-              [&] { return FW::TARNFW_PROFILE().profileRemoveServ(service); });
+    if (!options.adapter.empty()) {
+        requireAdapter(options.adapter, adaptersIn(before));
+    }
+    const Profiles changed =
+        released(before, options.service, options.adapter,
+                 options.everywhere ? ReleaseFrom::kAll : ReleaseFrom::kReserved);
+    if (options.everywhere) {
+        requireRelease(before, changed, options.reload.yes);
+    }
+    context.session().holdChange();  // all of them or none
+    for (const auto& [name, profile] : changed) {
+        context.session().storeProfile(profile);
+    }
+    if (!options.reload.wanted) {
+        context.session().keepChange();
+    }
+    Json::Value& names = (*options.reload.report)["profiles"] = Json::Value(Json::arrayValue);
+    for (const auto& [name, profile] : changed) {
+        names.append(name);
+    }
+    finishChange(context, namesOf(changed), options.reload,
+                 [&] { sayReleased(options, before, changed); });
 }
 
 void update(const ReloadOptions& reload) {
@@ -251,14 +345,21 @@ void addReserve(Command& group) {
 
 void addRelease(Command& group) {
     Command& command = group.subcommand(
-        "release",
-        "Remove a service from every rule of every profile, including rules made by a person");
-    const auto options = std::make_shared<Options>();
+        "release", "Undo \"service reserve\": remove a service from the reserved rules");
+    const auto options = std::make_shared<ReleaseOptions>();
     command.option("NAME", options->service, "The service").required();
-    addReloadFlag(command, options->reload);
-    command.footer("A rule that then names no service is deleted.");
-    runReporting(command, *options->reload.report,
-                 [options] { release(options->service, options->reload); });
+    command
+        .option("--adapter", options->adapter, "Only the rules of this adapter; by default of all")
+        .placeholder("NAME");
+    command.flag("--everywhere", options->everywhere,
+                 "Also remove it from rules made by a person; shows them, and asks");
+    addReloadFlag(command, options->reload,
+                  "Do not ask: with --everywhere, before rules change, or with --reload, if the "
+                  "rules would lock you out");
+    command.footer(
+        "A rule that then names no service is deleted.\n"
+        "Example: tarnfw service release ssh --adapter eth0");
+    runReporting(command, *options->reload.report, [options] { release(*options); });
 }
 
 void addUpdate(Command& group) {
