@@ -6,9 +6,51 @@
 
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/profileCheck.h"
+#include "tarnfwadmin/ruleText.h"
 #include "tarnfwadmin/text.h"
 
 namespace tarnfw {
+namespace {
+
+void makeCode(Json::Value& policy) {
+    for (const FW::FW_POLICY code : {FW::FW_POLICY_ALLOW, FW::FW_POLICY_DENY, FW::FW_POLICY_NONE}) {
+        if (policy == policyText(code)) {
+            policy = static_cast<Json::Int>(code);
+            return;
+        }
+    }
+}
+
+}  // namespace
+
+// A member that is missing stays missing: Json::Value's operator[] would add it, as null.
+void makeStoredForm(Json::Value& document) {
+    if (!document.isObject()) {
+        return;
+    }
+    if (document.isMember("active") &&
+        (document["active"].isBool() || document["active"].isNull())) {
+        document.removeMember("active");
+    }
+    if (document.isMember("adapterPolicyMap") && document["adapterPolicyMap"].isObject()) {
+        for (Json::Value& policy : document["adapterPolicyMap"]) {
+            makeCode(policy);
+        }
+    }
+    if (!document.isMember("rules") || !document["rules"].isObject()) {
+        return;
+    }
+    for (Json::Value& list : document["rules"]) {
+        if (!list.isArray()) {
+            continue;
+        }
+        for (Json::Value& rule : list) {
+            if (rule.isObject() && rule.isMember("policy")) {
+                makeCode(rule["policy"]);
+            }
+        }
+    }
+}
 
 ProfileDocument::ProfileDocument(const std::string& text) {
     Json::Value document;
@@ -24,10 +66,11 @@ ProfileDocument::ProfileDocument(const std::string& text) {
         return;
     }
     document_ = document;
+    makeStoredForm(document_);
 }
 
 void ProfileDocument::requireName(const std::string& name, const std::string& advice) {
-    if (valid() && document_["name"] != name) {
+    if (valid() && document_.get("name", Json::Value()) != name) {
         findings_.push_back(
             {"must stay " + inQuotes(name) + "; " + advice, true, std::nullopt, "name"});
     }
@@ -35,7 +78,6 @@ void ProfileDocument::requireName(const std::string& name, const std::string& ad
 
 void ProfileDocument::becomeNew(const std::string& name) {
     document_["name"] = name;
-    document_.removeMember("active");
 }
 
 bool ProfileDocument::check(Machine& machine) {

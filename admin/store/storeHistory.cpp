@@ -6,6 +6,8 @@
 
 #include <json/json.h>
 
+#include "tarnfirewall/tarnFW.h"
+
 #include "store/changeRecord.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/error.h"
@@ -33,6 +35,17 @@ bool keepStatus(UndoneDocument& settings, const StoreSnapshot& store) {
     old[kStatus] = enabled;
     settings.text = old.toStyledString();
     return old != store.settings();
+}
+
+/// The library writes settings that are missing when it reads them, as the defaults: that is no
+/// change. Any other document that is missing has no digest.
+std::optional<std::string> digestOfMissing(const std::string& path) {
+    if (path != kSettingsFile) {
+        return std::nullopt;
+    }
+    Json::Value defaults;
+    FW::TARNFW().initJconfig(defaults);
+    return digestOf(path, defaults.toStyledString());
 }
 
 }  // namespace
@@ -136,7 +149,7 @@ std::vector<std::string> StoreHistory::changedByOthers(std::size_t number,
         // From the present back to the state before the change: each change has to have left what
         // the next one found.
         const auto present = now.find(path);
-        std::optional<std::string> found;
+        std::optional<std::string> found = digestOfMissing(path);
         if (present != now.end()) {
             found = digestOf(path, present->second);
         }
@@ -146,10 +159,13 @@ std::vector<std::string> StoreHistory::changedByOthers(std::size_t number,
             if (std::count(documents.begin(), documents.end(), path) == 0) {
                 continue;
             }
-            const auto left = after_[each - 1].find(path);
-            own = own && (left == after_[each - 1].end() ? !found : found == left->second);
-            const auto had = before_[each - 1].find(path);
-            found = had == before_[each - 1].end() ? std::nullopt : std::optional(had->second);
+            const auto digestIn = [&](const std::map<std::string, std::string>& digests) {
+                const auto digest = digests.find(path);
+                return digest == digests.end() ? digestOfMissing(path)
+                                               : std::optional(digest->second);
+            };
+            own = own && found == digestIn(after_[each - 1]);
+            found = digestIn(before_[each - 1]);
         }
         if (!own) {
             paths.push_back(path);

@@ -9,14 +9,14 @@ source "$checkout/tests/kernel/answers.sh"
 
 commands=('base up' 'base down' 'base status' status enable disable reload preview try 'profile list'
     'profile show' 'profile create' 'profile copy' 'profile rename' 'profile delete' 'profile use'
-    'profile edit' 'rule add' 'rule insert' 'rule set' 'rule move' 'rule delete' 'rule on' 'rule off'
+    'profile edit' 'profile set' 'rule add' 'rule insert' 'rule set' 'rule move' 'rule delete' 'rule on' 'rule off'
     policy blocked explain adapters services 'service reserve' 'service release' 'service update'
     'adapter rename' apply-mode check diff history undo export import 'geoip list' 'geoip show' 'geoip check'
     'modules load' 'modules unload' 'modules status')
 # What they do not work without.
 declare -A arguments=(['profile create']=new ['profile copy']='default new'
     ['profile rename']='default new' ['profile delete']=deny_by_default
-    ['profile use']=deny_by_default ['rule add']='--adapter global deny any'
+    ['profile use']=deny_by_default ['profile set']='default --from deny_by_default' ['rule add']='--adapter global deny any'
     ['rule insert']='1 --adapter global deny any' ['rule set']='1 --adapter global deny any'
     ['rule move']='1 2 --adapter global' ['rule delete']='1 --adapter global'
     ['rule on']='1 --adapter global' ['rule off']='1 --adapter global' [policy]='eth0 deny'

@@ -68,7 +68,9 @@ completes preview my <<<$'my home\nmy office'
 completes try 'my h' <<<'my home'
 completes rule add --adapter eth0 --profile c <<<$'colon:one\ncolon:two'
 completes check d <<<$'default\n<file>'
-completes profile create new --from '' <<<'<file>'
+completes profile create new --from d <<<$'default\n<file>'
+completes profile set d <<<default
+completes profile set default --from d <<<$'default\n<file>'
 none profile create d
 completes policy '' <<<$'eth0\nglobal\nlab7\npppoe\nvpn'
 completes blocked --adapter=l <<<--adapter=lab7

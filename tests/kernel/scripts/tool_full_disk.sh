@@ -36,6 +36,7 @@ writing_commands() {
     refused_whole "$pattern" policy eth0 deny
     refused_whole "$pattern" profile create new
     refused_whole "$pattern" profile create new --from "$kDocument"
+    refused_whole "$pattern" profile set other --from "$kDocument"
     refused_whole "$pattern" profile copy other new
     refused_whole "$pattern" profile rename other new
     refused_whole "$pattern" profile use other
@@ -57,8 +58,8 @@ use_profile deny_by_default
 answers 0 profile copy deny_by_default other
 answers 0 rule add allow tcp 22 --adapter eth0
 answers 0 rule add allow tcp 25 --adapter eth0
-answers 0 enable --yes
 answers 0 service reserve mqtt allow --adapter global
+answers 0 enable --yes
 answers 0 profile show other --json
 cp -- "$out/answer" "$kDocument"
 keep_listing enabled
@@ -88,15 +89,15 @@ refused_whole '^tarnfw: .*/[0-9]*\.json could not be written completely; is the 
 # A deletion needs no room, and makes some.
 fill
 answers 0 profile delete other
+complains '^tarnfw: "tarnfw undo" cannot undo this deletion: .*No space left on device$'
 rm -- "$kProfileDirectory/filler"
 answers 0 rule add allow tcp 80 --adapter eth0
-complains '^tarnfw: "tarnfw undo" cannot undo this deletion: .*No space left on device$'
-umount "$kProfileDirectory"
-
 fill
 refused_whole '^tarnfw: cannot store a copy in .*: No space left on device; nothing was changed' undo
 rm -- "$kProfileDirectory/filler"
 answers 0 undo
+umount "$kProfileDirectory"
+
 # A store that has nothing yet.
 mount -t tmpfs -o size=64k tmpfs "$kProfileDirectory"
 fill

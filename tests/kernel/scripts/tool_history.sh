@@ -128,6 +128,12 @@ says ': tarnfw undo 2$'
 answers 0 undo
 step 'done again' same_documents now
 
+# As a document.
+answers 0 undo --json
+step 'what it has undone' [ "$(jq --compact-output '[.changed, .applied, .profile, .undone, .profiles,
+    (.differences | length)]' "$out/answer")" = '[true,false,null,1,["third"],2]' ]
+answers 0 undo --json
+
 # What changes nothing is no change.
 answers 0 service update
 kept=$(newest)

@@ -83,6 +83,69 @@ refused 3 '^tarnfw: /tmp/broken.json: line 1, column [0-9]*: the member "name" o
 sed 's/"ipGroup" : 1/"ipGroup" : "1"/' "$example" >/tmp/broken.json
 refused 3 '^tarnfw: /tmp/broken.json: ' profile create new --from /tmp/broken.json
 
+# --- what "show --json" prints goes back in ----------------------------------------------------------
+
+# With policies as codes and as texts; "active" is left out.
+answers 0 profile show 'two words' --json
+cp -- "$out/answer" /tmp/shown.json
+readonly kAsCodes='def code: {"allow": 0, "deny": 1, "none": 2}[.]? // .;
+    .adapterPolicyMap[] |= code | .rules[][].policy |= code'
+readonly kAsTexts='def text: ["allow", "deny", "none"][.]? // .;
+    .adapterPolicyMap[] |= text | .rules[][].policy |= text'
+jq "$kAsCodes" /tmp/shown.json >/tmp/codes.json
+jq "$kAsTexts" /tmp/shown.json >/tmp/texts.json
+step 'both have policies' [ "$(jq -c '[.rules[][].policy] | unique' /tmp/codes.json)" = '[0]' ]
+step 'both have policies' [ "$(jq -c '[.rules[][].policy] | unique' /tmp/texts.json)" = '["allow"]' ]
+wanted=$(file_of 'two words')
+cp -- "$wanted" /tmp/wanted.json
+for shown in /tmp/shown.json /tmp/codes.json /tmp/texts.json; do
+    answers 0 check "$shown"
+    says ': valid$'
+    answers 0 check - <"$shown"
+    says '^standard input: valid$'
+    answers 0 profile create again --from "$shown"
+    step 'created' diff -u <(sed 's/"two words"/"again"/' /tmp/wanted.json) "$(file_of again)"
+    answers 0 profile delete again
+    answers 0 profile create again --from - <"$shown"
+    step 'created' diff -u <(sed 's/"two words"/"again"/' /tmp/wanted.json) "$(file_of again)"
+    answers 0 profile delete again
+    answers 0 profile create again --empty
+    answers 0 profile set again --from "$shown"
+    prints <<<'Profile "again" stored'
+    step 'set' diff -u <(sed 's/"two words"/"again"/' /tmp/wanted.json) "$(file_of again)"
+    answers 0 profile delete again
+    answers 0 profile create again --empty
+    answers 0 profile set again --from - <"$shown"
+    step 'set' diff -u <(sed 's/"two words"/"again"/' /tmp/wanted.json) "$(file_of again)"
+    answers 0 profile delete again
+    jq '.rules = null' "$wanted" >/tmp/emptied.json
+    answers 0 profile set 'two words' --from /tmp/emptied.json
+    EDITOR="cp -- $shown" answers 0 profile edit 'two words'
+    step 'edited' cmp /tmp/wanted.json "$wanted"
+done
+# What lacks its rules is no empty profile.
+printf '{"name": "two words"}' >/tmp/nothing.json
+refused 3 'missing' profile set 'two words' --from /tmp/nothing.json
+answers 3 check /tmp/nothing.json
+# From a stored profile; a name that a file here has as well has to say which.
+answers 0 profile create again --from 'two words'
+step 'created' diff -u <(sed 's/"two words"/"again"/' /tmp/wanted.json) "$(file_of again)"
+(cd /tmp && cp -- shown.json again && refused 1 \
+    '^tarnfw: "again" is both a stored profile and a file here; "./again" is the file$' \
+    profile set again --from again) || exit 1
+answers 0 profile delete again
+refused 5 '^tarnfw: there is no profile "nothing"' profile create again --from nothing
+refused 5 '^tarnfw: there is no profile "nothing"' profile set nothing --from /tmp/shown.json
+refused 2 '.*--from' profile set lab
+# What is in neither form is found, not guessed.
+jq '.adapterPolicyMap.eth0 = "maybe"' /tmp/texts.json >/tmp/broken.json
+refused 3 '^tarnfw: /tmp/broken.json: ' profile set lab --from /tmp/broken.json
+step 'and says what came of it' grep --quiet \
+    '^tarnfw: /tmp/broken.json is invalid: nothing was stored$' "$out/complaint"
+answers 3 check /tmp/broken.json
+jq '.active = "yes"' /tmp/texts.json >/tmp/broken.json
+answers 3 check /tmp/broken.json
+
 # --- list, show ------------------------------------------------------------------------------------
 
 answers 0 profile list

@@ -10,6 +10,7 @@
 #include "tarnfirewall/fwDB.h"
 
 #include "profileCheck_testing.h"
+#include "tarnfwadmin/profileDocument.h"
 
 namespace tarnfw {
 namespace {
@@ -347,6 +348,21 @@ INSTANTIATE_TEST_SUITE_P(Documents, DocumentTest, testing::ValuesIn(kDocuments),
 TEST_F(ProfileCheckTest, WhatIsNoObjectHasOneFinding) {
     EXPECT_THAT(linesOf(parsed("[1]")), ElementsAre("home.json: must be an object, not an array"));
     EXPECT_THAT(linesOf(Json::Value()), ElementsAre("home.json: must be an object, not null"));
+}
+
+TEST_F(ProfileCheckTest, WhatADocumentLacksIsNotAddedByReadingIt) {
+    for (const char* const text :
+         {"{}", R"({"name": "x"})", R"({"name": "x", "rules": {}})",
+          R"({"name": "x", "adapterPolicyMap": {}})", R"({"rules": {}, "adapterPolicyMap": {}})"}) {
+        Machine machine;
+        ProfileDocument document(text);
+        EXPECT_FALSE(document.check(machine)) << text;
+    }
+    Json::Value shown;
+    shown["name"] = "x";
+    const Json::Value before = shown;
+    makeStoredForm(shown);
+    EXPECT_EQ(shown, before);
 }
 
 TEST_F(ProfileCheckTest, RulesOfAnAbsentAdapterAreChecked) {

@@ -4,6 +4,10 @@
 
 #include <iostream>
 
+#include <boost/algorithm/string/predicate.hpp>
+
+#include "tarnfwadmin/documentFile.h"
+
 namespace tarnfw {
 
 ExitStatus exitStatusOf(ErrorKind kind) {
@@ -96,6 +100,11 @@ void requireKernelRights() {
 
 bool canAsk() {
     return isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1;
+}
+
+bool namesAFile(const std::string& argument) {
+    return argument == kStandardInput || argument.find('/') != std::string::npos ||
+           boost::ends_with(argument, ".json") || access(argument.c_str(), F_OK) == 0;
 }
 
 bool confirmed(const std::string& question) {

@@ -80,6 +80,11 @@ void requireKernelRights();
 /// go.
 bool canAsk();
 
+/// Whether the argument of a command that takes a document or the name of a stored profile is a
+/// document: "-" for standard input, a path with a slash, a name that ends in ".json", or any other
+/// file that exists.
+bool namesAFile(const std::string& argument);
+
 /// Asks a question that takes yes or no, if canAsk(). Otherwise the answer is no.
 bool confirmed(const std::string& question);
 

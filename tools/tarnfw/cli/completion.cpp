@@ -37,7 +37,7 @@ struct KindRow {
 // The first row that fits counts.
 constexpr KindRow kKinds[] = {
     {"profile create", "NAME", Kind::kText},
-    {"profile create", "--from", Kind::kFile},
+    {"profile", "--from", Kind::kProfileOrFile},
     {"profile", "NAME", Kind::kProfile},
     {"profile", "OLD", Kind::kProfile},
     {"service", "NAME", Kind::kService},

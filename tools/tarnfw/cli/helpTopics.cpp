@@ -275,12 +275,12 @@ All of it as one document, and back on this machine or another one:
   tarnfw import --dry-run backup.json   what would change
   tarnfw import backup.json             keeps a copy of what it replaces
 
-Change profiles with the tool rather than with an editor: "tarnfw profile
 The last 50 changes are kept as well:
 
   tarnfw history                        what was changed, by which command
   tarnfw undo                           put back what the last one replaced
 
+Change profiles with the tool rather than with an editor: "tarnfw profile
 edit" stores only valid documents, and two commands at once do not lose each
 other's changes. Only root may have write access to these directories.
 )";

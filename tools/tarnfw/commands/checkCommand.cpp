@@ -20,6 +20,7 @@
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/profileCheck.h"
+#include "tarnfwadmin/profileDocument.h"
 #include "tarnfwadmin/scratchKernel.h"
 #include "tarnfwadmin/store.h"
 #include "tarnfwadmin/translation.h"
@@ -38,13 +39,9 @@ struct Options {
 struct Source {
     std::string text;
     std::string name;
+    bool isStored = false;
     std::vector<Finding> around = {};  ///< about the store, for a stored profile
 };
-
-bool namesAFile(const std::string& what) {
-    return what == kStandardInput || what.find('/') != std::string::npos ||
-           boost::ends_with(what, ".json") || TLIBCFileExist(what.c_str()) == 1;
-}
 
 Source sourceOf(const std::string& what) {
     if (what == kStandardInput) {
@@ -57,7 +54,7 @@ Source sourceOf(const std::string& what) {
     const StoreSnapshot& store = context.store();
     const std::string profile = what.empty() ? store.activeProfile() : what;
     store.requireProfile(profile);
-    return {store.textOf(profile), profile, store.findings()};
+    return {store.textOf(profile), profile, /*isStored=*/true, store.findings()};
 }
 
 void append(std::vector<Finding>& all, const std::vector<Finding>& more) {
@@ -140,6 +137,9 @@ void check(const Options& options) {
     std::size_t loaded = 0;
     if (countErrors(findings) == 0) {
         Machine machine;
+        if (!source.isStored) {
+            makeStoredForm(document);
+        }
         append(findings, checkProfile(document, machine));
         if (options.kernel && isRoot() && document.isObject()) {
             loaded = loadIntoKernel(document, findings);

@@ -17,8 +17,8 @@ void addRuleCommands(Command& app);       ///< rule add, insert, ..., off; polic
 void addLogDeniedCommand(Command& app);   ///< log-denied
 void addInventoryCommands(Command& app);  ///< adapters, services
 void addServiceCommands(Command& app);    ///< service reserve, release, update; adapter rename
-void addBlockedCommand(Command& app);    ///< blocked
-void addOpenCommand(Command& app);       ///< open
+void addBlockedCommand(Command& app);     ///< blocked
+void addOpenCommand(Command& app);        ///< open
 void addExplainCommand(Command& app);     ///< explain
 void addPreviewCommand(Command& app);     ///< preview
 void addCheckCommand(Command& app);       ///< check

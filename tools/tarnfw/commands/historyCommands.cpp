@@ -18,6 +18,7 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "cli/report.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
 #include "process/trialState.h"
@@ -305,8 +306,20 @@ void undo(const UndoOptions& options) {
     const Differences differences = differencesOf(undone, context.store());
     print(differences);
     std::cout << std::flush;  // before a question
+    const std::string active = context.store().activeProfile();
     context.session().replaceDocuments(undone);
-    finishChange(context, profilesIn(differences, context.store()), options.reload, [&] {
+    std::vector<std::string> profiles = profilesIn(differences, context.store());
+    if (context.store().activeProfile() != active) {
+        profiles.push_back(context.store().activeProfile());  // its rules are to be in force now
+    }
+    Report& report = *options.reload.report;
+    report["undone"] = static_cast<Json::UInt64>(options.number);
+    report["differences"] = jsonOf(differences);
+    Json::Value& names = report["profiles"] = Json::Value(Json::arrayValue);
+    for (const std::string& name : profiles) {
+        names.append(name);
+    }
+    finishChange(context, profiles, options.reload, [&] {
         std::cout << undoneText(entry) << '\n';
         if (!note.empty()) {
             std::cout << "Note: " << note << '\n';
@@ -346,7 +359,7 @@ void addUndo(Command& app) {
         "Undoing is a change itself: \"tarnfw undo\" once more does it again. It never enables or "
         "disables the firewall.\n"
         "Example: tarnfw undo 3 --reload");
-    command.run([options] { undo(*options); });
+    runReporting(command, *options->reload.report, [options] { undo(*options); });
 }
 
 }  // namespace

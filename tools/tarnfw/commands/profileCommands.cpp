@@ -1,4 +1,4 @@
-/// tarnfw profile: list, show, create, copy, rename, delete, use, edit.
+/// tarnfw profile: list, show, create, copy, rename, delete, use, edit, set.
 #include <unistd.h>
 
 #include <algorithm>
@@ -214,14 +214,34 @@ void show(const std::string& name, bool json) {
 
 // ---- create, copy, rename, delete ----
 
-FW::FWPROFILE profileFrom(const std::string& path, const std::string& name, Machine& machine) {
-    ProfileDocument document(readText(path));
+/// The document of "--from", read before the store is locked: standard input may take its time.
+/// Nothing when it is to be that of a stored profile.
+std::optional<std::string> fileText(const std::string& source) {
+    if (source.empty() || !namesAFile(source)) {
+        return std::nullopt;
+    }
+    // Asked of a name that could be both.
+    const bool isPath = source == kStandardInput || source.find('/') != std::string::npos;
+    if (!isPath && StoreSnapshot().hasProfile(source)) {
+        throw Error(ErrorKind::kUnusable, inQuotes(source) +
+                                              " is both a stored profile and a file here; " +
+                                              inQuotes("./" + source) + " is the file");
+    }
+    return readText(source);
+}
+
+/// The profile of this name that the document gives. `failed` is what an invalid one has not done.
+FW::FWPROFILE profileFrom(Context& context, const std::string& source,
+                          const std::optional<std::string>& text, const std::string& name,
+                          const char* failed) {
+    ProfileDocument document(text ? *text : context.store().textOf(source));
     document.becomeNew(name);
-    const bool valid = document.check(machine);
-    warn(path, document.findings());
+    const bool valid = document.check(context.machine());
+    const std::string title = source == kStandardInput ? "standard input" : source;
+    warn(title, document.findings());
     if (!valid) {
-        throw Error(ErrorKind::kInvalid, printable(path) + " is invalid: no profile was created",
-                    placeOfFirstError(path, document.findings()));
+        throw Error(ErrorKind::kInvalid, printable(title) + " is invalid: " + failed,
+                    placeOfFirstError(title, document.findings()));
     }
     return document.profile();
 }
@@ -234,12 +254,14 @@ struct Origin {
 
 void create(const std::string& name, const Origin& origin, Report& report) {
     report.setProfile(name);
+    requireRoot();
+    const std::optional<std::string> text = fileText(origin.path);
     Context context(StoreSession::Access::kChange);
     context.store().requireNewName(name);
     FW::FWPROFILE profile;
     profile.name = name;
     if (!origin.path.empty()) {
-        profile = profileFrom(origin.path, name, context.machine());
+        profile = profileFrom(context, origin.path, text, name, "no profile was created");
     } else if (!origin.empty) {
         profile = firstProfileHere(name, context.machine());
     }
@@ -254,6 +276,20 @@ void create(const std::string& name, const Origin& origin, Report& report) {
     if (!origin.empty) {
         warnAboutRefusals(context, {name});
     }
+}
+
+void set(const std::string& name, const std::string& source, const ReloadOptions& reload) {
+    requireRoot();
+    const std::optional<std::string> text = fileText(source);
+    Context context(StoreSession::Access::kChange);
+    requireReloadable(context, reload, name);
+    context.store().requireProfile(name);
+    const FW::FWPROFILE profile = profileFrom(context, source, text, name, "nothing was stored");
+    requireAppliable(context, profile, reload);
+    context.session().storeProfile(profile);
+    context.session().unlock();
+    finishChange(context, name, reload,
+                 [&] { std::cout << "Profile " << inQuotes(name) << " stored\n"; });
 }
 
 void copy(const std::string& oldName, const std::string& newName, Report& report) {
@@ -484,6 +520,14 @@ void addName(Command& command, std::string& name, const char* placeholder, const
     command.option(placeholder, name, help).placeholder("").required();
 }
 
+Option& addSource(Command& command, std::string& source) {
+    return command
+        .option("--from", source,
+                "The document: a path, - for standard input, or the name of a stored profile; "
+                "\"profile show --json\" prints one")
+        .placeholder("FILE|PROFILE");
+}
+
 void addCreate(Command& group) {
     struct Values {
         std::string name;
@@ -494,14 +538,29 @@ void addCreate(Command& group) {
         group.subcommand("create", "Create a profile like the first one that \"base up\" makes");
     const auto values = std::make_shared<Values>();
     addName(command, values->name, "NAME", "Its name");
-    Option& from = command
-                       .option("--from", values->origin.path,
-                               "The document to create it from; \"profile show --json\" prints one")
-                       .placeholder("FILE");
+    Option& from = addSource(command, values->origin.path);
     command.flag("--empty", values->origin.empty, "Without rules: such a profile allows everything")
         .excludes(from);
+    command.footer("Example: tarnfw profile create travel --from ./travel.json");
     runReporting(command, values->report,
                  [values] { create(values->name, values->origin, values->report); });
+}
+
+void addSet(Command& group) {
+    struct Values {
+        std::string name;
+        std::string source;
+        ReloadOptions reload;
+    };
+    Command& command = group.subcommand(
+        "set", "Replace a profile with a document; an invalid document is not stored");
+    const auto values = std::make_shared<Values>();
+    addName(command, values->name, "NAME", "The profile");
+    addSource(command, values->source).required();
+    addReloadFlag(command, values->reload);
+    command.footer("Example: tarnfw profile show home --json | tarnfw profile set travel --from -");
+    runReporting(command, *values->reload.report,
+                 [values] { set(values->name, values->source, values->reload); });
 }
 
 using TwoNamesRun = void (*)(const std::string& oldName, const std::string& newName,
@@ -570,6 +629,7 @@ void addProfileCommands(Command& app) {
     addDelete(profile);
     addUse(profile);
     addEdit(profile);
+    addSet(profile);
 }
 
 }  // namespace tarnfw

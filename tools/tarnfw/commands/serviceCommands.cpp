@@ -224,9 +224,6 @@ void release(const ReleaseOptions& options) {
     for (const auto& [name, profile] : changed) {
         context.session().storeProfile(profile);
     }
-    if (!options.reload.wanted) {
-        context.session().keepChange();
-    }
     Json::Value& names = (*options.reload.report)["profiles"] = Json::Value(Json::arrayValue);
     for (const auto& [name, profile] : changed) {
         names.append(name);
