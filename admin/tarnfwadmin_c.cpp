@@ -101,6 +101,12 @@ std::string decided(const tarnfw::Decider& decider, const tarnfw::Decision& deci
     return text;
 }
 
+/// Those of the active profile; none when there is no such profile, or it cannot be read.
+std::vector<std::string> adaptersKnown(const tarnfw::StoreSnapshot& store) {
+    return store.hasProfile(store.activeProfile()) ? tarnfw::adaptersOf(store.profile(""))
+                                                   : std::vector<std::string>();
+}
+
 }  // namespace
 
 int tarnfwadmin_check_rule(const char* rule, char* reason, size_t size) {
@@ -120,7 +126,9 @@ int tarnfwadmin_add_rule(const char* profile, const char* adapter, const char* r
         StoreSession session(StoreSession::Access::kChange);
         const tarnfw::RulePlace place =
             addRule(session, profile == nullptr ? "" : profile, list, added, machine);
-        return placeText(place) + ": " + tarnfw::ruleText(added);
+        const std::string absence = machine.absenceOf(list);
+        return placeText(place) + ": " + tarnfw::ruleText(added) +
+               (absence.empty() ? "" : "; " + absence);
     });
 }
 
@@ -155,6 +163,20 @@ int tarnfwadmin_reload(char* reason, size_t size) {
     });
 }
 
+int tarnfwadmin_known(const char* service, const char* adapter, char* reason, size_t size) {
+    return guarded({reason, size}, [&] {
+        if (service != nullptr) {
+            tarnfw::Machine machine;
+            (void)machine.requireCatalogue().require(service);
+        }
+        if (adapter != nullptr) {
+            const StoreSession session(StoreSession::Access::kRead);
+            tarnfw::requireAdapter(adapter, adaptersKnown(session.snapshot()));
+        }
+        return std::string("known");
+    });
+}
+
 int tarnfwadmin_decide(const char* address, const char* port, const char* adapter, int* allowed,
                        char* reason, size_t size) {
     return guarded({reason, size}, [&] {
@@ -168,13 +190,14 @@ int tarnfwadmin_decide(const char* address, const char* port, const char* adapte
             throw Error(ErrorKind::kInvalid, "there is no place for the answer");
         }
         const StoreSession session(StoreSession::Access::kRead);
-        if (!session.snapshot().firewallEnabled()) {
+        const tarnfw::StoreSnapshot& store = session.snapshot();
+        if (!store.firewallEnabled()) {
+            tarnfw::requireAdapter(interface, adaptersKnown(store));
             *allowed = 1;
             return std::string("the firewall is disabled");
         }
         tarnfw::Machine machine;
-        tarnfw::Decider decider(session.snapshot().profile(""), machine,
-                                session.snapshot().applyMode());
+        tarnfw::Decider decider(store.profile(""), machine, store.applyMode());
         tarnfw::requireAdapter(interface, tarnfw::adaptersOf(decider.profile()));
         const tarnfw::Decision decision = decider.decide(packet).front();
         const std::string text = decided(decider, decision);

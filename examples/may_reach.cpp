@@ -2,9 +2,11 @@
 //
 //   may_reach ADDRESS PORT INTERFACE      may_reach 10.0.0.5 tcp/445 eth0
 //
-// Exit status: 0 it may, 1 it may not, 2 the question could not be answered.
+// Exit status: 0 it may, 1 it may not, 2 the question could not be answered, 3 neither the machine
+// nor the profile has such an interface.
 #include <tarnfwadmin/decision.h>
 #include <tarnfwadmin/error.h>
+#include <tarnfwadmin/interfaces.h>
 #include <tarnfwadmin/machine.h>
 #include <tarnfwadmin/storeSession.h>
 
@@ -16,12 +18,14 @@ namespace {
 bool mayReach(const char* address, const char* port, const char* interface) {
     const tarnfw::StoreSession session(tarnfw::StoreSession::Access::kRead);
     const tarnfw::StoreSnapshot& store = session.snapshot();
+    const FW::FWPROFILE& profile = store.profile(store.activeProfile());
+    tarnfw::requireAdapter(interface, tarnfw::adaptersOf(profile));
     if (!store.firewallEnabled()) {
         std::cout << "allowed: the firewall is disabled\n";
         return true;
     }
     tarnfw::Machine machine;
-    tarnfw::Decider decider(store.profile(store.activeProfile()), machine, store.applyMode());
+    tarnfw::Decider decider(profile, machine, store.applyMode());
     bool allowed = true;
     // One decision; of a range such as tcp/6000-6010 one for each part that is decided alike.
     for (const auto& decision : decider.decide(tarnfw::packetFrom(address, port, interface))) {
@@ -44,6 +48,9 @@ int main(int argc, char* argv[]) {
     }
     try {
         return mayReach(argv[1], argv[2], argv[3]) ? 0 : 1;
+    } catch (const tarnfw::Error& error) {
+        std::cerr << "may_reach: " << error.what() << '\n';
+        return error.kind() == tarnfw::ErrorKind::kNotFound ? 3 : 2;
     } catch (const std::exception& error) {
         std::cerr << "may_reach: " << tarnfw::reasonOf(error) << '\n';
         return 2;

@@ -477,12 +477,8 @@ void checkAdapter(const std::string& adapter, const std::string& path, Machine& 
         findings.error(path, inQuotes(adapter) + " is not the name of an adapter");
     } else if (isNeverApplied(adapter)) {
         findings.warning(path, kPppoeInterfaceText);
-    } else if (!machine.hasAdapter(adapter)) {
-        const std::string skipped = " now: its rules and default policy are skipped";
-        findings.warning(path, isPredefined(adapter)
-                                   ? inQuotes(adapter) + " has no interface" + skipped
-                                   : "there is no adapter " + inQuotes(adapter) + skipped +
-                                         didYouMean(machine.nearestAdapter(adapter)));
+    } else if (const std::string absence = machine.absenceOf(adapter); !absence.empty()) {
+        findings.warning(path, absence);
     }
 }
 

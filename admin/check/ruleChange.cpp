@@ -36,8 +36,16 @@ FW::FWPROFILE changeProfile(StoreSession& session, const std::string& profile,
                             const std::function<void(FW::FWPROFILE&)>& edit,
                             const std::function<void(const FW::FWPROFILE&)>& accept) {
     FW::FWPROFILE changed = session.snapshot().profile(profile);
-    requireAdapter(adapter, adaptersOf(changed));
-    edit(changed);
+    const std::vector<std::string> others = adaptersOf(changed);
+    requireAdapterName(adapter, others);
+    try {
+        edit(changed);
+    } catch (const Error& error) {
+        if (error.kind() == ErrorKind::kNotFound) {
+            requireAdapter(adapter, others);  // there is nothing of it: probably a misspelt name
+        }
+        throw;
+    }
     accept(changed);
     session.storeProfile(changed);
     return changed;

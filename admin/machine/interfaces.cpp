@@ -241,18 +241,23 @@ std::vector<std::string> usableAdapters() {
     return {names.begin(), names.end()};
 }
 
+void requireAdapterName(const std::string& adapter, const std::vector<std::string>& others) {
+    if (!isAdapterName(adapter)) {
+        throw Error(ErrorKind::kUnusable, inQuotes(adapter) + " is not the name of an adapter");
+    }
+    if (isNeverApplied(adapter) &&
+        std::find(others.begin(), others.end(), adapter) == others.end()) {
+        throw Error(ErrorKind::kUnusable, kPppoeInterfaceText);
+    }
+}
+
 void requireAdapter(const std::string& adapter, const std::vector<std::string>& others) {
     const std::vector<std::string> usable = usableAdapters();
     std::set<std::string> known(usable.begin(), usable.end());
     known.insert(others.begin(), others.end());
-    if (known.count(adapter) != 0) {
-        if (!isAdapterName(adapter)) {
-            throw Error(ErrorKind::kUnusable, inQuotes(adapter) + " is not the name of an adapter");
-        }
+    if (known.count(adapter) != 0 || isNeverApplied(adapter)) {
+        requireAdapterName(adapter, others);
         return;
-    }
-    if (isNeverApplied(adapter)) {
-        throw Error(ErrorKind::kUnusable, kPppoeInterfaceText);
     }
     const std::vector<std::string> names(known.begin(), known.end());
     const std::string meant = nearestAdapter(adapter, names);

@@ -58,6 +58,17 @@ bool Machine::hasAdapter(const std::string& adapter) {
     return adapters_[adapter] = translation_.adapterIsEnabled(adapter);
 }
 
+std::string Machine::absenceOf(const std::string& adapter) {
+    if (isNeverApplied(adapter) || hasAdapter(adapter)) {
+        return "";
+    }
+    constexpr char kLater[] =
+        " now: its rules and default policy have no effect until there is one and a reload follows";
+    return isPredefined(adapter) ? inQuotes(adapter) + " has no interface" + kLater
+                                 : "there is no adapter " + inQuotes(adapter) + kLater +
+                                       didYouMean(nearestAdapter(adapter));
+}
+
 const std::string& Machine::tunnelOf(const std::string& adapter) {
     const auto [entry, isNew] = tunnels_.try_emplace(adapter);
     if (isNew && !isNeverApplied(adapter) && hasAdapter(adapter)) {

@@ -73,11 +73,16 @@ bool isAdapterName(const std::string& name);
 inline constexpr char kPppoeInterfaceText[] =
     "rules and default policies of \"ppp0\" are never applied; use \"pppoe\"";
 
-/// Throws Error unless rules can be for `adapter`: unless it is an interface of the machine that
-/// the library finds, a predefined adapter, or one of `others` (those of a profile). kNotFound,
-/// with the nearest name, for an unknown one; kUnusable for one of `others` that isAdapterName()
-/// rejects, and for "ppp0", whose rules are never applied, unless it is one of `others`; kSystem
-/// when the interfaces cannot be listed.
+/// Throws Error, kUnusable, unless profiles can have rules for `adapter`, which need not exist: for
+/// a name that isAdapterName() rejects, and for "ppp0", whose rules are never applied, unless it is
+/// one of `others` (those of a profile).
+void requireAdapterName(const std::string& adapter, const std::vector<std::string>& others);
+
+/// Throws Error unless something is known of `adapter`: unless it is an interface of the machine
+/// that the library finds, a predefined adapter, or one of `others` (those of a profile).
+/// kNotFound, with the nearest name, for an unknown one; kUnusable for one of `others` that
+/// isAdapterName() rejects, and for "ppp0" as requireAdapterName(); kSystem when the interfaces
+/// cannot be listed.
 void requireAdapter(const std::string& adapter, const std::vector<std::string>& others);
 
 }  // namespace tarnfw

@@ -35,6 +35,11 @@ public:
     /// Whether rules for `adapter` are applied now: "vpn" and "pppoe" need an interface as well.
     bool hasAdapter(const std::string& adapter);
 
+    /// That there is no interface for `adapter` now, with the nearest name: "there is no adapter
+    /// "eth7" now: ...". Empty where there is one, and for "ppp0". Throws Error, kSystem,
+    /// when the interfaces cannot be listed.
+    std::string absenceOf(const std::string& adapter);
+
     /// The interface of the 6in4 tunnel that routes IPv6 for `adapter`, for which its rules are
     /// repeated; empty without one, and for an adapter that is not there.
     const std::string& tunnelOf(const std::string& adapter);

@@ -21,10 +21,11 @@ void requireValidProfile(const FW::FWPROFILE& profile, Machine& machine);
 /// Changes what a profile says about an adapter and stores the profile: `edit` alters a copy of it,
 /// and `accept` may refuse the result by throwing. `profile` is its name, empty for the active one.
 /// `session` may change the store. Returns the profile as stored; the kernel still has the old
-/// rules, see Control::apply(). Throws Error, with the store as it was: kNotFound for a profile
-/// that is not there or an adapter that neither the machine nor the profile has, kUnusable for a
-/// name that no adapter can have, kSystem as StoreSession::storeProfile(), and what `edit` and
-/// `accept` throw.
+/// rules, see Control::apply(). The adapter need not exist, see Machine::absenceOf(). Throws Error,
+/// with the store as it was: kNotFound for a profile that is not there, kUnusable for a name that
+/// no adapter can have, kSystem as StoreSession::storeProfile(), and what `edit` and
+/// `accept` throw; where `edit` finds nothing (kNotFound) and neither the machine nor the profile
+/// has the adapter, that is the error.
 FW::FWPROFILE changeProfile(StoreSession& session, const std::string& profile,
                             const std::string& adapter,
                             const std::function<void(FW::FWPROFILE&)>& edit,

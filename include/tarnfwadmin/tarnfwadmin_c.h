@@ -7,7 +7,8 @@
  *
  * The functions hold nothing between calls and may be called by several threads and processes at a
  * time: those that change something wait for each other, up to 30 s. They need root's rights,
- * tarnfwadmin_check_rule() and tarnfwadmin_decide() only the permission to read. */
+ * tarnfwadmin_check_rule(), tarnfwadmin_known() and tarnfwadmin_decide() only the permission to
+ * read. */
 #ifndef TARNFWADMIN_TARNFWADMIN_C_H
 #define TARNFWADMIN_TARNFWADMIN_C_H
 
@@ -38,8 +39,15 @@ enum tarnfwadmin_code {
  * understood. Changes nothing. */
 TARNFW_EXPORT int tarnfwadmin_check_rule(const char* rule, char* reason, size_t size);
 
+/* Whether the service catalogue has `service`, and whether `adapter` is an interface of the
+ * machine, one of the active profile's adapters, or predefined. NULL is not asked about. Otherwise
+ * TARNFWADMIN_NOT_FOUND; `reason` has the nearest name. Changes nothing. */
+TARNFW_EXPORT int tarnfwadmin_known(const char* service, const char* adapter, char* reason,
+                                    size_t size);
+
 /* Adds `rule` as the last of an adapter's list ("eth0", "global") and stores the profile, when the
- * whole profile is valid with it. `profile` is its name; NULL or "" means the active one. The
+ * whole profile is valid with it. The machine need not have the adapter: the rule has no effect
+ * until it has, and `reason` says so. `profile` is its name; NULL or "" means the active one. The
  * kernel still has the old rules, see tarnfwadmin_reload(). On success `reason` says where the rule
  * is. On failure the store is as it was. */
 TARNFW_EXPORT int tarnfwadmin_add_rule(const char* profile, const char* adapter, const char* rule,
@@ -67,7 +75,8 @@ TARNFW_EXPORT int tarnfwadmin_reload(char* reason, size_t size);
  * reach a port of this machine ("tcp/445", "udp/53"), by the active profile as it is stored.
  * `allowed` becomes 1 or 0, and is left alone on failure; `reason` names the rule or default policy
  * that decides, and then, after "; unless", each earlier rule that may match and decide otherwise.
- * While the firewall is disabled everything is allowed. Changes nothing. */
+ * While the firewall is disabled everything is allowed. TARNFWADMIN_NOT_FOUND for an adapter that
+ * tarnfwadmin_known() does not know. Changes nothing. */
 TARNFW_EXPORT int tarnfwadmin_decide(const char* address, const char* port, const char* adapter,
                                      int* allowed, char* reason, size_t size);
 

@@ -29,6 +29,9 @@ static void expect(const char* what, int code, int expected, const char* start) 
 static int check_rule(const char* rule) {
     return tarnfwadmin_check_rule(rule, REASON);
 }
+static int known(const char* service, const char* adapter) {
+    return tarnfwadmin_known(service, adapter, REASON);
+}
 static int add_rule(const char* profile, const char* adapter, const char* rule) {
     return tarnfwadmin_add_rule(profile, adapter, rule, REASON);
 }
@@ -140,7 +143,14 @@ static void with_base(const char* file) {
     EXPECT(decide("10.0.0.5", "tcp/22", "nosuch"), -TARNFWADMIN_NOT_FOUND, "there is no adapter");
     EXPECT(decide(NULL, "tcp/22", "eth0"), -TARNFWADMIN_INVALID, "no address is given");
     EXPECT(add_rule("nosuch", "eth0", "allow any"), TARNFWADMIN_NOT_FOUND, "");
-    EXPECT(add_rule("home", "nosuch", "allow any"), TARNFWADMIN_NOT_FOUND, "there is no adapter");
+    EXPECT(add_rule("home", "no/such", "allow any"), TARNFWADMIN_UNUSABLE,
+           "\"no/such\" is not the name of an adapter");
+    EXPECT(add_rule("home", "eht0", "allow any"), TARNFWADMIN_OK,
+           "rule 1 of eht0: allow everything from anywhere; there is no adapter \"eht0\" now: ");
+    EXPECT(known("ssh", "eht0"), TARNFWADMIN_OK, "known");
+    EXPECT(known(NULL, "global"), TARNFWADMIN_OK, "known");
+    EXPECT(known("nosuch", NULL), TARNFWADMIN_NOT_FOUND, "there is no service \"nosuch\"");
+    EXPECT(known("ssh", "nosuch"), TARNFWADMIN_NOT_FOUND, "there is no adapter \"nosuch\"");
     EXPECT(add_rule("home", "ppp0", "allow any"), TARNFWADMIN_UNUSABLE,
            "rules and default policies");
     EXPECT(add_rule("home", "eth0", "allow tcp ssh,x"), TARNFWADMIN_INVALID, "");
@@ -155,17 +165,16 @@ static void with_base(const char* file) {
 
     add_in_threads();
     spoil(file);
-    EXPECT(add_rule("home", "eth0", "allow any"), TARNFWADMIN_INVALID,
-           "rule 1 of eth0: ");
+    EXPECT(add_rule("home", "eth0", "allow any"), TARNFWADMIN_INVALID, "rule 1 of eth0: ");
     EXPECT(enable(), TARNFWADMIN_INVALID, "rule 1 of eth0: ");
     (void)remove(file);
-    EXPECT(reload(), TARNFWADMIN_NOT_FOUND,
-           "there are no profiles");
+    EXPECT(reload(), TARNFWADMIN_NOT_FOUND, "there are no profiles");
     EXPECT(enable(), TARNFWADMIN_NOT_FOUND, "there are no profiles");
     EXPECT(decide("10.0.0.5", "tcp/22", "eth0"), -TARNFWADMIN_NOT_FOUND, "there are no profiles");
     EXPECT(disable(), TARNFWADMIN_OK, "the firewall is disabled");
     EXPECT(disable(), TARNFWADMIN_OK, "the firewall is disabled");
-    EXPECT(decide("10.0.0.5", "tcp/22", "eth0"), 1, "the firewall is disabled");
+    EXPECT(decide("10.0.0.5", "tcp/22", "global"), 1, "the firewall is disabled");
+    EXPECT(decide("10.0.0.5", "tcp/22", "nosuch"), -TARNFWADMIN_NOT_FOUND, "there is no adapter");
 }
 
 int main(int argc, char* argv[]) {

@@ -48,7 +48,7 @@ for command in 'policy eth1 deny --profile bad' 'rule off 1 --adapter eth0 --pro
         "$out/complaint"
 done
 answers 0 policy eth1 deny
-silent
+complains '^tarnfw: there is no adapter "eth1" now: '
 
 sed -i 's/"deny_by_default"/"bad"/' "$kSettings"
 for command in 'policy eth1 allow' 'rule off 1 --adapter eth0' 'rule add --adapter eth0 allow tcp 81'; do

@@ -80,7 +80,7 @@ eth0     up                 192.168.1.10, fd00::10  deny     2 (1 off)
 eth5     absent                                     allow    1
 global   every adapter                              none     0
 pppoe    no interface now                           -        0
-tun0     up, not connected  10.9.0.1                -        0
+tun0     up, not connected  10.9.0.1                -        0          open: not in the profile
 vpn      tun0                                       -        0
 END
 answers 0 adapters --json
@@ -89,17 +89,17 @@ prints_json <<'END'
  "adapters": [
    {"name": "eth0", "predefined": false, "present": true, "up": true,
     "addresses": ["192.168.1.10", "fd00::10"], "standsFor": [], "policy": "deny", "rules": 2,
-    "rulesOff": 1},
+    "rulesOff": 1, "inProfile": true, "open": null},
    {"name": "eth5", "predefined": false, "present": false, "up": false, "addresses": [],
-    "standsFor": [], "policy": "allow", "rules": 1, "rulesOff": 0},
+    "standsFor": [], "policy": "allow", "rules": 1, "rulesOff": 0, "inProfile": true, "open": null},
    {"name": "global", "predefined": true, "present": true, "up": false, "addresses": [],
-    "standsFor": [], "policy": "none", "rules": 0, "rulesOff": 0},
+    "standsFor": [], "policy": "none", "rules": 0, "rulesOff": 0, "inProfile": true, "open": null},
    {"name": "pppoe", "predefined": true, "present": false, "up": false, "addresses": [],
-    "standsFor": [], "policy": null, "rules": 0, "rulesOff": 0},
+    "standsFor": [], "policy": null, "rules": 0, "rulesOff": 0, "inProfile": false, "open": null},
    {"name": "tun0", "predefined": false, "present": true, "up": true, "addresses": ["10.9.0.1"],
-    "standsFor": [], "policy": null, "rules": 0, "rulesOff": 0},
+    "standsFor": [], "policy": null, "rules": 0, "rulesOff": 0, "inProfile": false, "open": true},
    {"name": "vpn", "predefined": true, "present": true, "up": false, "addresses": [],
-    "standsFor": ["tun0"], "policy": null, "rules": 0, "rulesOff": 0}]}
+    "standsFor": ["tun0"], "policy": null, "rules": 0, "rulesOff": 0, "inProfile": false, "open": null}]}
 END
 ip link set tun0 down
 printf 'pppoe_interface="ppp7"\n' >>/etc.defaults/tarninfo.conf
@@ -152,7 +152,11 @@ done
 refused 3 '^tarnfw: rule [0-9]* of [a-z0-9]*: .*; profile "home" has 1 error$' enable
 sed -i 's/"status" *: *false/"status": true/' "$kSettings"
 answers 0 reload
-complains '^tarnfw: rule [0-9]* of [a-z0-9]*: .*; profile "home" has 1 error; "tarnfw check home" lists all$'
+step 'the error is named' grep --quiet \
+    '^tarnfw: rule [0-9]* of [a-z0-9]*: .*; profile "home" has 1 error; "tarnfw check home" lists all$' \
+    "$out/complaint"
+step 'and the adapter that is left out' grep --quiet \
+    '^tarnfw: left out, without an interface now: eth5$' "$out/complaint"
 keep_listing enabled
 answers 0 service reserve ssh --adapter eth0 deny
 silent
@@ -318,7 +322,7 @@ allow http
 allow 9000
 END
 answers 0 adapters
-says '^eth0 .* -  *0$'
+says '^eth0 .* -  *0  *open: not in the profile$'
 says '^eth5  *absent  *deny  *2 (1 off)$'
 answers 0 adapter rename eth5 eth0 --reload
 silent

@@ -70,7 +70,8 @@ prints_json <<END
     present: ($name == "global" or $name == "eth0"),
     policy: (["allow", "deny", "none"][.adapterPolicyMap[$name]]),
     rules: (.rules[$name] // [] | length),
-    enabledRules: ([.rules[$name] // [] | .[] | select(.enable)] | length)}]' \
+    enabledRules: ([.rules[$name] // [] | .[] | select(.enable)] | length),
+    inProfile: true, open: null}]' \
     "$kProfileDirectory/disabled_rule_and_absent_adapter.json")}
 END
 answers 0 status
@@ -101,11 +102,33 @@ ip6tables -A INPUT_FIREWALL -j RETURN
 step 'one rule is something' [ "$(status_keys 11)" = '[true,false,false]' ]
 ip6tables -F INPUT_FIREWALL
 cat >"$kProfileDirectory/nothing.json" <<'END'
-{"name": "nothing", "adapterPolicyMap": {"global": 2}, "rules": {}}
+{"name": "nothing", "adapterPolicyMap": {"global": 2}, "rules": null}
 END
 answers 0 profile use nothing --reload
 answers 0 status
 says '^Firewall: *enabled$'
+says '^eth0  *-  *0  *open: not in the profile$'
+answers 0 status --json
+step 'also as JSON' [ "$(jq -c '.adapters[-1] | [.name, .present, .inProfile, .open]' \
+    "$out/answer")" = '["eth0",true,false,true]' ]
+answers 0 check
+prints <<<'nothing: warning: adapter "eth0" is open: not in the profile'
+answers 3 check --strict
+# A port of a bridge is none of its own: its packets come in by the bridge.
+ip link add br0 type bridge
+ip link set eth0 master br0
+answers 0 check
+prints <<<'nothing: warning: adapter "br0" is open: not in the profile'
+ip link delete br0
+# Where "global" ends in the denial of everything, an adapter is not open.
+answers 0 rule add --adapter global deny any --reload
+answers 0 status
+says '^eth0  *-  *0  *not in the profile$'
+answers 0 adapters
+says '^eth0  *up .* -  *0  *not in the profile$'
+answers 0 check --strict
+prints <<<'nothing: valid'
+answers 0 rule delete 1 --adapter global
 answers 0 profile use disabled_rule_and_absent_adapter --reload
 
 # The state that a killed reload in apply mode "lines" leaves.
@@ -130,6 +153,9 @@ ip6tables -F FIREWALL_RELOADING
 # --- after a restart -------------------------------------------------------------------------------
 
 answers 0 enable
+complains '^tarnfw: left out, without an interface now: eth7, pppoe, vpn$'
+answers 0 profile use nothing --reload
+answers 0 enable
 says '^After a restart: in force only if the system runs "tarnfw boot" at its start (systemd does not run here)$'
 pretend_systemd
 answers 0 enable
@@ -152,6 +178,7 @@ answers 0 status --json
 step 'but for programs' [ "$(jq .startsAtBoot "$out/answer")" = true ]
 answers 0 enable --json
 step 'who also learn it from "enable"' [ "$(jq .startsAtBoot "$out/answer")" = true ]
+answers 0 profile use disabled_rule_and_absent_adapter --reload
 
 # --- how rules are applied -------------------------------------------------------------------------
 

@@ -372,7 +372,8 @@ TEST_F(ProfileCheckTest, RulesOfAnAbsentAdapterAreChecked) {
     document["adapterPolicyMap"]["eth0.7"] = 0;
     EXPECT_THAT(linesOf(document),
                 ElementsAre("home.json: rules[\"eth0.7\"]: warning: there is no adapter \"eth0.7\" "
-                            "now: its rules and default policy are skipped",
+                            "now: its rules and default policy have no effect until there is one "
+                            "and a reload follows",
                             "home.json: rule 2 of eth0.7: portList entry 1: \"x\" is not a port "
                             "(0-65535) or a range of ports (6000-6010)"));
 }
@@ -570,18 +571,20 @@ TEST_P(AdapterTest, HasThisFinding) {
 
 const AdapterCase kAdapters[] = {
     {"Away", "eth7",
-     ".eth7: warning: there is no adapter \"eth7\" now: its rules and default policy are skipped"},
+     ".eth7: warning: there is no adapter \"eth7\" now: its rules and default policy have no "
+     "effect until there is one and a reload follows"},
     {"Misspelt", "wlna0",
-     ".wlna0: warning: there is no adapter \"wlna0\" now: its rules and default policy are "
-     "skipped; did you mean \"wlan0\"?"},
+     ".wlna0: warning: there is no adapter \"wlna0\" now: its rules and default policy have no "
+     "effect until there is one and a reload follows; did you mean \"wlan0\"?"},
     {"PredefinedMisspelt", "ppoe",
-     ".ppoe: warning: there is no adapter \"ppoe\" now: its rules and default policy are "
-     "skipped; did you mean \"pppoe\"?"},
+     ".ppoe: warning: there is no adapter \"ppoe\" now: its rules and default policy have no "
+     "effect until there is one and a reload follows; did you mean \"pppoe\"?"},
     {"OfAnotherNumber", "wlan1",
-     ".wlan1: warning: there is no adapter \"wlan1\" now: its rules and default policy are "
-     "skipped"},
+     ".wlan1: warning: there is no adapter \"wlan1\" now: its rules and default policy have no "
+     "effect until there is one and a reload follows"},
     {"VpnAway", "vpn",
-     ".vpn: warning: \"vpn\" has no interface now: its rules and default policy are skipped"},
+     ".vpn: warning: \"vpn\" has no interface now: its rules and default policy have no effect "
+     "until there is one and a reload follows"},
     {"PppoeInterface", "ppp0",
      ".ppp0: warning: rules and default policies of \"ppp0\" are never applied; use \"pppoe\""},
     {"NoName", "eth0 -j ACCEPT",

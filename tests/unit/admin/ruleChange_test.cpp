@@ -93,7 +93,7 @@ TEST_F(RuleChangeTest, WhatAStepThrowsLeavesTheStore) {
     EXPECT_EQ(session.snapshot().profile("home").rules.at("global").size(), 2U);
 }
 
-TEST_F(RuleChangeTest, NeedsAProfileAndAnAdapter) {
+TEST_F(RuleChangeTest, NeedsAProfileAndANameOfAnAdapter) {
     Json::Value document = profile({rule()});
     document["rules"]["eth7"].append(rule());
     document["rules"]["a/b"].append(rule());
@@ -107,12 +107,27 @@ TEST_F(RuleChangeTest, NeedsAProfileAndAnAdapter) {
         });
     };
     EXPECT_EQ(changed("away", "global")->kind(), ErrorKind::kNotFound);
-    EXPECT_EQ(changed("home", "eth6")->kind(), ErrorKind::kNotFound);
     EXPECT_EQ(changed("home", "ppp0")->kind(), ErrorKind::kUnusable);
     EXPECT_EQ(changed("home", "a/b")->kind(), ErrorKind::kUnusable);
     EXPECT_FALSE(edited);
     EXPECT_FALSE(changed("home", "eth7")) << "the profile has it";
     EXPECT_TRUE(edited);
+    EXPECT_FALSE(changed("home", "eth6")) << "it may come later";
+}
+
+TEST_F(RuleChangeTest, WhatIsNotFoundOnAnUnknownAdapterIsTheAdapter) {
+    StoreSession session(StoreSession::Access::kChange);
+    const auto findNothing = [](FW::FWPROFILE&) {
+        throw Error(ErrorKind::kNotFound, "there is no rule 1");
+    };
+    const auto change = [&](const char* adapter) {
+        return std::string(errorOf([&] {
+                               changeProfile(session, "home", adapter, findNothing, acceptAll);
+                           })->what());
+    };
+    EXPECT_EQ(change("global"), "there is no rule 1");
+    EXPECT_EQ(change("gobal").rfind("there is no adapter \"gobal\"; did you mean \"global\"?", 0),
+              0U);
 }
 
 TEST_F(RuleChangeTest, NeedsASessionThatFindsTheProfileWhole) {

@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include <boost/algorithm/string/join.hpp>
+
 #include "tarnfirewall/fwDB.h"
 
 #include "cli/command.h"
@@ -17,6 +19,7 @@
 #include "process/detachedRun.h"
 #include "process/signalsWait.h"
 #include "process/trialState.h"
+#include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/profileCheck.h"
 #include "tarnfwadmin/ruleChange.h"
 
@@ -31,6 +34,12 @@ StoreSession::Access allowed(StoreSession::Access access) {
 }
 
 constexpr std::size_t kMostRefused = 3;  // profiles that are named
+
+void warnIfAny(const std::string& text) {
+    if (!text.empty()) {
+        warn(text);
+    }
+}
 
 /// The rules of the active profile; null when it cannot be read.
 Json::Value activeRules(const StoreSnapshot& store) {
@@ -103,10 +112,7 @@ std::string errorsText(const FW::FWPROFILE& profile, Machine& machine) {
 }
 
 void warnAboutErrors(const FW::FWPROFILE& profile, Machine& machine) {
-    const std::string text = errorsText(profile, machine);
-    if (!text.empty()) {
-        warn(text);
-    }
+    warnIfAny(errorsText(profile, machine));
 }
 
 void requireReloadable(Context& context, const ReloadOptions& options, const std::string& profile) {
@@ -158,6 +164,30 @@ bool runWhole(const std::string& what, const std::function<bool()>& change,
     return run.succeeded;
 }
 
+void addUnlisted(Json::Value& document, bool inProfile,
+                 const std::optional<UnlistedAdapter>& adapter) {
+    document["inProfile"] = inProfile;
+    document["open"] = adapter ? Json::Value(adapter->open) : Json::Value();
+}
+
+std::string skippedText(const FW::FWPROFILE& profile, Machine& machine) {
+    std::vector<std::string> skipped;
+    for (const std::string& adapter : adaptersOf(profile)) {
+        const auto rules = profile.rules.find(adapter);
+        const auto policy = profile.adapterPolicyMap.find(adapter);
+        const bool wanted =
+            (policy != profile.adapterPolicyMap.end() && policy->second == FW::FW_POLICY_DENY) ||
+            (rules != profile.rules.end() &&
+             std::any_of(rules->second.begin(), rules->second.end(),
+                         [](const FW::FWRULE& rule) { return rule.enable; }));
+        if (wanted && !isNeverApplied(adapter) && !machine.hasAdapter(adapter)) {
+            skipped.push_back(adapter);
+        }
+    }
+    return skipped.empty() ? ""
+                           : "left out, without an interface now: " + boost::join(skipped, ", ");
+}
+
 void reloadActive(Control& control, Report& report) {
     report.setProfile(control.session().snapshot().activeProfile());
     if (!control.apply()) {
@@ -205,6 +235,7 @@ bool reloadChanged(Context& context, Report& report, const std::function<void()>
     report.setApplied(applied);
     if (applied) {
         std::cout << "Profile " << inQuotes(context.store().activeProfile()) << " applied\n";
+        warnIfAny(skippedText(context.store().profile(""), context.machine()));
         forgetTrial(context);
     } else {
         std::cout << "Firewall disabled: nothing to reload\n";

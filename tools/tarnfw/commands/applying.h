@@ -14,6 +14,7 @@
 #include "tarnfwadmin/control.h"
 #include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/storeSession.h"
+#include "tarnfwadmin/unlisted.h"
 
 namespace tarnfw {
 
@@ -107,6 +108,15 @@ void confirmReload(Context& context, const ReloadOptions& options);
 /// it returns goes to standard error first.
 bool runWhole(const std::string& what, const std::function<bool()>& change,
               const std::function<std::string()>& meanwhile = {});
+
+/// Adds to the document of an adapter whether the profile has anything for it ("inProfile"), and
+/// whether it is open without that ("open").
+void addUnlisted(Json::Value& document, bool inProfile,
+                 const std::optional<UnlistedAdapter>& adapter);
+
+/// "left out, without an interface now: eth7, vpn": the adapters of a profile that a reload skips
+/// although they have rules, or are denied by default. Empty when there is none.
+std::string skippedText(const FW::FWPROFILE& profile, Machine& machine);
 
 /// Applies the active profile if the firewall is enabled, prints its name and reports it. Throws as
 /// Control::apply().

@@ -24,6 +24,7 @@
 #include "tarnfwadmin/scratchKernel.h"
 #include "tarnfwadmin/store.h"
 #include "tarnfwadmin/translation.h"
+#include "tarnfwadmin/unlisted.h"
 
 namespace tarnfw {
 namespace {
@@ -59,6 +60,19 @@ Source sourceOf(const std::string& what) {
 
 void append(std::vector<Finding>& all, const std::vector<Finding>& more) {
     all.insert(all.end(), more.begin(), more.end());
+}
+
+/// Warns about the machine's adapters that a stored profile leaves open without mentioning them.
+void addOpenAdapters(const Json::Value& document, Machine& machine,
+                     std::vector<Finding>& findings) {
+    FW::FWPROFILE profile;
+    FW::TARNFW_JSON_DB().jsonToProfile(document, profile);
+    for (const UnlistedAdapter& adapter : unlistedAdapters(profile, machine)) {
+        if (adapter.open) {
+            findings.push_back({"adapter " + inQuotes(adapter.name) + " is " + textOf(adapter),
+                                /*isError=*/false});
+        }
+    }
 }
 
 /// The lines of a document; none, with a finding, if it cannot be translated.
@@ -141,6 +155,9 @@ void check(const Options& options) {
             makeStoredForm(document);
         }
         append(findings, checkProfile(document, machine));
+        if (source.isStored && countErrors(findings) == 0) {
+            addOpenAdapters(document, machine, findings);
+        }
         if (options.kernel && isRoot() && document.isObject()) {
             loaded = loadIntoKernel(document, findings);
         }

@@ -82,6 +82,10 @@ void enable(bool yes, Report& report) {
     report.setApplied();
     std::cout << "Firewall enabled with profile " << inQuotes(context.store().activeProfile())
               << "\n";
+    const std::string skipped = skippedText(context.store().profile(""), context.machine());
+    if (!skipped.empty()) {
+        warn(skipped);
+    }
     putPoliciesBack();
     forgetTrial(context);
     sayAfterRestart(report);
@@ -115,17 +119,20 @@ void disable(Report& report) {
 }
 
 /// Warns about errors of the active profile. The reload goes on: the profile is in force already.
-std::string warningsAboutActive(Context& context) {
+/// Sets what it skips, to be said of a reload that succeeds.
+std::string warningsAboutActive(Context& context, std::string& skipped) {
     std::string text;
     try {
         // A copy, so that the documents are freed here, while the reload is running.
         const StoreSnapshot store = context.store();
-        text = errorsText(store.profile(""), context.machine());
+        const FW::FWPROFILE& profile = store.profile("");
+        text = errorsText(profile, context.machine());
+        skipped = skippedText(profile, context.machine());
     } catch (const std::exception&) {
         return "";  // it cannot be read; the reload itself says so
     }
     (void)malloc_trim(0);  // else the next large allocation, for the answer, does it: 9 ms
-    return text.empty() ? text : "tarnfw: " + text + "\n";
+    return text.empty() ? text : "tarnfw: " + printable(text) + "\n";
 }
 
 /// Asks as "enable" does: the profile may have changed since it was applied. Without a connection
@@ -148,10 +155,14 @@ void reload(bool yes, Report& report) {
     requireNoTrial();
     Context context(StoreSession::Access::kRead);
     confirmOverSsh(context, yes);
+    std::string skipped;
     Control control(context.session(), [&](const std::string& what, const auto& work) {
-        return runWhole(what, work, [&] { return warningsAboutActive(context); });
+        return runWhole(what, work, [&] { return warningsAboutActive(context, skipped); });
     });
     reloadActive(control, report);
+    if (!skipped.empty()) {
+        warn(skipped);
+    }
     if (context.store().firewallEnabled()) {
         putPoliciesBack();
     }

@@ -38,6 +38,7 @@ struct Adapter {
     std::optional<FW::FW_POLICY> policy;
     std::size_t rules = 0;
     std::size_t rulesOff = 0;
+    std::optional<UnlistedAdapter> unlisted;  ///< the profile has nothing for it
 };
 
 Adapter adapterOf(const std::string& name, const std::vector<Interface>& interfaces,
@@ -79,8 +80,17 @@ std::vector<Adapter> adaptersNow(const FW::FWPROFILE& profile) {
     }
     std::vector<Adapter> adapters;
     adapters.reserve(names.size());
+    Machine machine;
+    const std::vector<UnlistedAdapter> unlisted =
+        profile.name.empty() ? std::vector<UnlistedAdapter>() : unlistedAdapters(profile, machine);
     for (const std::string& name : names) {
         adapters.push_back(adapterOf(name, interfaces, profile));
+        const auto found =
+            std::find_if(unlisted.begin(), unlisted.end(),
+                         [&](const UnlistedAdapter& adapter) { return adapter.name == name; });
+        if (found != unlisted.end()) {
+            adapters.back().unlisted = *found;
+        }
     }
     return adapters;
 }
@@ -114,7 +124,7 @@ void printAdapters(const FW::FWPROFILE& profile, const std::vector<Adapter>& ada
     } else {
         std::cout << "Profile " << inQuotes(profile.name) << " (active)\n";
     }
-    Table table({"Adapter", "Now", "Addresses", "Default", "Rules"});
+    Table table({"Adapter", "Now", "Addresses", "Default", "Rules", ""});
     for (const Adapter& adapter : adapters) {
         std::string rules = std::to_string(adapter.rules);
         if (adapter.rulesOff > 0) {
@@ -129,7 +139,9 @@ void printAdapters(const FW::FWPROFILE& profile, const std::vector<Adapter>& ada
              {adapter.policy ? policyText(*adapter.policy) : "-", !adapter.policy ? Paint::kFaint
                                                                   : denies        ? Paint::kBad
                                                                                   : Paint::kPlain},
-             {rules, adapter.rules > 0 ? Paint::kPlain : Paint::kFaint}});
+             {rules, adapter.rules > 0 ? Paint::kPlain : Paint::kFaint},
+             {adapter.unlisted ? textOf(*adapter.unlisted) : "",
+              adapter.unlisted && adapter.unlisted->open ? Paint::kDoubtful : Paint::kFaint}});
     }
     table.print();
 }
@@ -154,6 +166,7 @@ Json::Value adapterDocument(const Adapter& adapter) {
     document["policy"] = adapter.policy ? Json::Value(policyText(*adapter.policy)) : Json::Value();
     document["rules"] = static_cast<Json::UInt64>(adapter.rules);
     document["rulesOff"] = static_cast<Json::UInt64>(adapter.rulesOff);
+    addUnlisted(document, adapter.policy || adapter.rules > 0, adapter.unlisted);
     return document;
 }
 

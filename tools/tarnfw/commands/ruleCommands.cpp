@@ -268,6 +268,7 @@ void setPolicy(const Target& target, const std::string& word) {
     context.session().unlock();
     (*target.reload.report)["adapter"] = target.adapter;
     (*target.reload.report)["policy"] = policyText(policy);
+    const std::string absence = context.machine().absenceOf(target.adapter);
     FW::FWPROFILE changed = onlyRules(stored, target.adapter, {});
     changed.adapterPolicyMap[target.adapter] = policy;
     finishChange(
@@ -275,6 +276,9 @@ void setPolicy(const Target& target, const std::string& word) {
         [&] {
             std::cout << "Default policy of " << printable(target.adapter) << ": "
                       << policyText(policy) << '\n';
+            if (!absence.empty()) {
+                warn(absence);
+            }
         },
         changed);
 }

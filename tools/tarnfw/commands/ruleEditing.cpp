@@ -391,7 +391,7 @@ std::vector<std::string> warningsOf(const FW::FWPROFILE& profile, const Target& 
         const bool shadowed =
             finding.shadowedBy && finding.rule &&
             std::find(places.begin(), places.end(), *finding.rule) != places.end();
-        warnings.push_back(textOf(finding) +
+        warnings.push_back((finding.rule ? textOf(finding) : finding.text) +
                            (shadowed ? offerFor(profile, *finding.rule, target, machine) : ""));
     }
     return warnings;

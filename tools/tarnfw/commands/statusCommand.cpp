@@ -25,7 +25,9 @@
 #include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/bootRules.h"
+#include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/unlisted.h"
 
 namespace tarnfw {
 namespace {
@@ -36,13 +38,14 @@ constexpr char kModuleUser[] = "firewall";
 // As many rules of others are shown, of each kind and family.
 constexpr std::size_t kMostNamed = 5;
 
-/// One adapter of the active profile.
+/// One adapter of the active profile, or of the machine.
 struct AdapterState {
     std::string name;
     std::optional<FW::FW_POLICY> policy;
     std::size_t rules = 0;
     std::size_t enabledRules = 0;
     bool present = false;
+    std::optional<UnlistedAdapter> unlisted = std::nullopt;  ///< the profile has nothing for it
 };
 
 std::vector<AdapterState> adapterStates(const FW::FWPROFILE& profile) {
@@ -63,6 +66,14 @@ std::vector<AdapterState> adapterStates(const FW::FWPROFILE& profile) {
                 state.enabledRules += rule.enable ? 1U : 0U;
             }
         }
+        states.push_back(state);
+    }
+    Machine machine;
+    for (const UnlistedAdapter& adapter : unlistedAdapters(profile, machine)) {
+        AdapterState state;
+        state.name = adapter.name;
+        state.present = true;
+        state.unlisted = adapter;
         states.push_back(state);
     }
     return states;
@@ -86,6 +97,7 @@ Json::Value adapterJson(const AdapterState& state) {
     entry["policy"] = state.policy ? Json::Value(policyText(*state.policy)) : Json::Value();
     entry["rules"] = static_cast<Json::UInt64>(state.rules);
     entry["enabledRules"] = static_cast<Json::UInt64>(state.enabledRules);
+    addUnlisted(entry, !state.unlisted, state.unlisted);
     return entry;
 }
 
@@ -149,6 +161,13 @@ Json::Value trialJson(const std::optional<TrialState>& trial) {
     return entry;
 }
 
+Cell noteOn(const AdapterState& state) {
+    if (state.unlisted) {
+        return {textOf(*state.unlisted), state.unlisted->open ? Paint::kDoubtful : Paint::kFaint};
+    }
+    return {state.present ? "" : "absent", Paint::kFaint};
+}
+
 void printAdapters(const std::vector<AdapterState>& states) {
     Table table({"Adapter", "Default", "Rules", ""});
     for (const AdapterState& state : states) {
@@ -160,7 +179,7 @@ void printAdapters(const std::vector<AdapterState>& states) {
                       {state.policy ? policyText(*state.policy) : "-",
                        state.policy ? policyPaint(*state.policy) : Paint::kPlain},
                       {rules},
-                      {state.present ? "" : "absent", Paint::kFaint}});
+                      noteOn(state)});
     }
     std::cout << '\n';
     table.print();
