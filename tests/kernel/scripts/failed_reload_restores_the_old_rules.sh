@@ -106,7 +106,7 @@ chmod +x /tmp/wrapped/iptables
 touch /tmp/lose
 answers 1 reload
 step 'a command was lost' [ ! -e /tmp/lose ]
-complains 'the kernel did not get all rules of the profile; the old rules are in force again$'
+complains 'the kernel did not get all rules of the profile; the active profile was not applied; the old rules are in force again$'
 step 'that is true' same_listing lines
 answers 0 reload
 step 'nothing is lost the next time' same_listing lines

@@ -30,7 +30,7 @@ for mode in lines batch; do
     cp -- "$kLastGood" /tmp/good
     cp -- "$kSettings" /tmp/settings
     sed -i 's/"deny_by_default"/"nowhere"/' "$kSettings"
-    answers 1 reload
+    answers 5 reload
     step 'a refused reload changes nothing' cmp "$kLastGood" /tmp/good
     cp -- /tmp/settings "$kSettings"
     answers 0 policy eth0 deny --reload
