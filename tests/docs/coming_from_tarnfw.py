@@ -7,6 +7,7 @@ import coming_from
 
 # What the page says of some of them.
 SAYS = [
+    ("tarnfw rule add --adapter wg0 allow udp 51820", "there is no adapter \"wg0\" now"),
     ("tarnfw rule add allow tcp 8080", "already"),
     ("tarnfw rule delete allow tcp 8080", "^Deleted: "),
     ("tarnfw adapters", "^eth1 .* deny "),
