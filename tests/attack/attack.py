@@ -27,7 +27,7 @@ SCRATCH = "/tmp/attack"
 REPORT = SCRATCH + "/report"
 
 # At how many of its calls an operation is attacked, times its weight.
-SHORT_POINTS = {"kills": 5, "faults": 5}
+SHORT_POINTS = {"kills": 3, "faults": 3}
 LONG_POINTS = {"kills": 64, "faults": 64}
 # An operation that seems to have fewer is not seen by the probe.
 FEWEST_CALLS = {"kills": 3, "faults": 20}
@@ -41,7 +41,7 @@ MOST_SKIPPED = 0.15
 KILLED_AT = ["change"]
 FAILED_AT = ["file", "process", "kernel", "memory"]
 
-STATUSES = (0, 1, 2, 3, 4, 10, 11)  # all that the tool has, see tools/tarnfw/cli/command.h
+STATUSES = (0, 1, 2, 3, 4, 5, 10, 11)  # all that the tool has, see tools/tarnfw/cli/command.h
 
 WRITERS = 16
 SHORT_TOGETHER = 5  # seconds
@@ -142,12 +142,15 @@ class Attack:
         operation = operations.Operation("", " ".join(words))
         state = State()
         calls, _ = self.traced(operation, ["count"], KILLED_AT)
-        state.put_back()
-        last = max(int(call.split()[0]) for call in calls if call.split()[1:2] == ["rename"])
-        self.traced(operation, ["kill-all", str(last)], KILLED_AT)
-        if not os.path.exists(machine.JOURNAL) or documents() == state.documents:
-            raise SystemExit("attack: not interrupted between two documents: " + " ".join(words))
-        return state.documents
+        changed = documents()
+        renames = [int(call.split()[0]) for call in calls if call.split()[1:2] == ["rename"]]
+        # The last ones make an entry of the history, with all documents written.
+        for number in reversed(renames):
+            state.put_back()
+            self.traced(operation, ["kill-all", str(number)], KILLED_AT)
+            if os.path.exists(machine.JOURNAL) and documents() not in (state.documents, changed):
+                return state.documents
+        raise SystemExit("attack: not interrupted between two documents: " + " ".join(words))
 
     # ---- One operation ----
 
