@@ -150,7 +150,7 @@ const RefusedCase kRefused[] = {
     {"Checked", "ask --port ssh", "tool ask: --port: ssh is no port"},
     {"NoneOfAGroup", "ask", "tool ask: \"tool ask\" needs one of --service, --port"},
     {"TwoOfAGroup", "ask --port 22 --service ssh",
-     "tool ask: \"tool ask\" needs one of --service, --port"},
+     "tool ask: \"tool ask\" takes only one of --service, --port"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Lines, RefusedTest, ::testing::ValuesIn(kRefused),
@@ -181,18 +181,32 @@ TEST_F(ParserTest, HelpOfACommand) {
               "Usage: tool rule add [OPTIONS] POSITION [WORDS...]\n"
               "\n"
               "Positionals:\n"
-              "  POSITION UINT REQUIRED      Where\n"
+              "  POSITION                    Where (required)\n"
               "  WORDS ...                   The rule\n"
               "\n"
               "Options:\n"
-              "  -h,--help                   Print this help message and exit\n"
-              "  --v4 Excludes: --v6         For IPv4\n"
-              "  --v6 Excludes: --v4         For IPv6\n"
+              "  -h, --help                  Print this help message and exit\n"
+              "  --v4                        For IPv4 (not together with --v6)\n"
+              "  --v6                        For IPv6 (not together with --v4)\n"
               "  --label TEXT ...            A label\n"
-              "  --seconds INT=60 Needs: --v4\n"
-              "                              How long\n"
+              "  --seconds NUMBER            How long (by default 60; only with --v4)\n"
               "\n"
               "Example: tool rule add 1\n");
+}
+
+TEST_F(ParserTest, HelpOfChoicesAndOfOptionsOneOfWhichIsNeeded) {
+    EXPECT_EQ(helpText(*tool_.shown("ask")),
+              "Ask\n"
+              "Usage: tool ask [OPTIONS]\n"
+              "\n"
+              "Options:\n"
+              "  -h, --help                  Print this help message and exit\n"
+              "  --mode lines|batch          A mode\n"
+              "\n"
+              "Subject, one of:\n"
+              "  --service TEXT              A service\n"
+              "  --port TEXT                 A port\n"
+              "\n");
 }
 
 TEST_F(ParserTest, HelpOfAGroupHasFirstSentencesAndNothingHidden) {

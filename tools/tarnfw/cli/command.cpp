@@ -76,7 +76,7 @@ bool FamilyOptions::onlyV6() const {
 }
 
 void addFamilyOptions(Command& command, FamilyOptions& options) {
-    Option& family = command.option("--family", options.family, "Only IPv4 (v4) or only IPv6 (v6)")
+    Option& family = command.option("--family", options.family, "Only IPv4 or only IPv6")
                          .choices({"v4", "v6"}, {"4", "6", "ipv4", "ipv6", "IPv4", "IPv6"});
     Option& v4 = command.flag("--v4", options.v4, "The same as --family v4").excludes(family);
     command.flag("--v6", options.v6, "The same as --family v6").excludes(family).excludes(v4);

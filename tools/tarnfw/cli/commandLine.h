@@ -58,7 +58,7 @@ public:
 
     Option& required();
     /// The word that the help text has for the value; an empty one leaves it out. Without this call
-    /// it is a word for the value's type, such as TEXT.
+    /// it is the choices, or a word for the value's type, such as TEXT; a positional has none.
     Option& placeholder(std::string word);
     /// The value is one of these words, or one of `others`, which help and completion do not name.
     Option& choices(std::vector<std::string> words, std::vector<std::string> others = {});

@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <type_traits>
 #include <utility>
@@ -12,7 +13,6 @@
 #include <CLI/CLI.hpp>
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/replace.hpp>
-#include <boost/algorithm/string/trim.hpp>
 
 #include "tarnfwadmin/text.h"
 
@@ -63,12 +63,38 @@ std::function<std::string(const std::string&)> rangeOf(const std::pair<int, int>
     };
 }
 
+/// What the help says of an option after its own text: "required", "by default 60", "not together
+/// with --v4, --v6".
+std::vector<std::string> conditionsOf(const CLI::Option& option) {
+    const auto namesOf = [](const std::set<CLI::Option*>& options) {
+        std::vector<std::string> names;
+        for (const CLI::Option* other : options) {
+            names.push_back(other->get_name());
+        }
+        std::sort(names.begin(), names.end());
+        return boost::join(names, ", ");
+    };
+    std::vector<std::string> conditions;
+    if (option.get_required()) {
+        conditions.emplace_back("required");
+    }
+    if (!option.get_default_str().empty()) {
+        conditions.push_back("by default " + option.get_default_str());
+    }
+    if (!option.get_needs().empty()) {
+        conditions.push_back("only with " + namesOf(option.get_needs()));
+    }
+    if (!option.get_excludes().empty()) {
+        conditions.push_back("not together with " + namesOf(option.get_excludes()));
+    }
+    return conditions;
+}
+
 /// The parser's own layout, with texts wrapped; those of options and commands keep their column.
 class HelpFormat : public CLI::Formatter {
 public:
     std::string make_description(const CLI::App* app) const override {
-        // A group of options without a text of its own begins with what of them is required.
-        const std::string text = boost::trim_left_copy(CLI::Formatter::make_description(app));
+        const std::string text = app->get_description();
         return text.empty() ? text : fitted(text, 0) + "\n";
     }
 
@@ -77,8 +103,36 @@ public:
         return footer.empty() ? footer : footer + "\n";
     }
 
+    std::string make_option_name(const CLI::Option* option, bool isPositional) const override {
+        return boost::replace_all_copy(CLI::Formatter::make_option_name(option, isPositional), ",",
+                                       ", ");
+    }
+
+    std::string make_option_opts(const CLI::Option* option) const override {
+        if (option->get_type_size() == 0) {
+            return "";
+        }
+        const std::string word = option->get_type_name();
+        const bool isList = option->get_expected_max() == CLI::detail::expected_max_vector_size;
+        return (word.empty() ? "" : " " + word) + (isList ? " ..." : "");
+    }
+
     std::string make_option_desc(const CLI::Option* option) const override {
-        return fitted(option->get_description(), get_column_width());
+        const std::string conditions = boost::join(conditionsOf(*option), "; ");
+        return fitted(
+            option->get_description() + (conditions.empty() ? "" : " (" + conditions + ")"),
+            get_column_width());
+    }
+
+    /// A group of options, of which one is to be given.
+    std::string make_expanded(const CLI::App* group) const override {
+        std::string text = "\n" + group->get_group() + ", one of:\n";
+        for (const CLI::Option* option : group->get_options()) {
+            if (option != group->get_help_ptr()) {
+                text += make_option(option, false);
+            }
+        }
+        return text;
     }
 
     std::string make_subcommand(const CLI::App* command) const override {
@@ -107,7 +161,25 @@ CLI::Validator choiceOf(const std::vector<std::string>& choices,
             throw UsageError("\"" + word + "\" is not one of " + boost::join(choices, ", ") +
                              didYouMean(nearest(word, choices)));
         },
-        "{" + boost::join(choices, ",") + "}");
+        "");
+}
+
+/// The word that the help text has for the value of an option.
+std::string placeholderOf(const Option& option) {
+    const Option::Facts& facts = option.facts();
+    if (facts.placeholder) {
+        return *facts.placeholder;
+    }
+    if (option.isPositional()) {
+        return "";  // its name says it
+    }
+    if (!facts.choices.empty()) {
+        return boost::join(facts.choices, "|");
+    }
+    const bool isNumber = std::holds_alternative<int*>(facts.target) ||
+                          std::holds_alternative<std::size_t*>(facts.target) ||
+                          std::holds_alternative<std::vector<std::size_t>*>(facts.target);
+    return isNumber ? "NUMBER" : "TEXT";
 }
 
 /// The declared commands as the parser knows them.
@@ -216,8 +288,8 @@ private:
         if (made == nullptr) {
             return made;
         }
-        if (facts.placeholder) {
-            made->type_name(*facts.placeholder);
+        if (option.mostValues() != 0) {
+            made->type_name(placeholderOf(option));
         }
         if (!facts.choices.empty()) {
             made->check(choiceOf(facts.choices, facts.otherChoices));
@@ -306,6 +378,7 @@ private:
             return aboutConversion(command, message);
         }
         std::vector<std::string> needed;
+        const bool several = message.find(" were given") != std::string::npos;
         if (message.find(" 1 option from [") != std::string::npos) {
             for (const Option* option : command.options()) {
                 if (!option->facts().oneOf.empty()) {
@@ -317,7 +390,8 @@ private:
         }
         return needed.empty()
                    ? message
-                   : "\"" + command.fullName() + "\" needs one of " + boost::join(needed, ", ");
+                   : inQuotes(command.fullName()) + (several ? " takes only" : " needs") +
+                         " one of " + boost::join(needed, ", ");
     }
 
     CLI::App root_;

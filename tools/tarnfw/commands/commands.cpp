@@ -218,7 +218,7 @@ constexpr Example kExamples[] = {
     {"profile edit", " home"},
     {"profile rename", " home office"},
     {"profile show", " home"},
-    {"profile use", " home --reload"},
+    {"profile use", " home"},
     {"service release", " ssh"},
     {"services", " '*sm*'"},
     {"try", " travel --timeout 120"},
@@ -232,7 +232,9 @@ void addExamples(Command& command, const std::string& name) {
         }
         return;
     }
-    if (command.footer().find("tarnfw " + name) != std::string::npos) {
+    const std::size_t heading = command.footer().find("Example");
+    if (heading != std::string::npos &&
+        command.footer().find("tarnfw " + name, heading) != std::string::npos) {
         return;
     }
     const auto* const found =

@@ -352,13 +352,17 @@ std::string addressComplaint(const std::string& text) {
 
 void addExplainCommand(Command& app) {
     Command& command =
-        app.subcommand("explain", "Show the same, with the rules that lead to each verdict");
+        app.subcommand("explain",
+                       "Show whether a port or a service gets through, and the rules that lead to "
+                       "each verdict");
     const auto options = std::make_shared<PortQuery>();
     addQueryOptions(command, *options);
     Option& from =
         command.option("--from", options->from, "Show the one rule that decides for a sender")
+            .placeholder("ADDRESS")
             .check(addressComplaint);
     command.option("--to", options->to, "The machine's address that the sender uses")
+        .placeholder("ADDRESS")
         .check(addressComplaint)
         .needs(from);
     command.footer(std::string(kPortQueryFooter) +

@@ -358,7 +358,7 @@ void addUndo(Command& app) {
     command.footer(
         "Undoing is a change itself: \"tarnfw undo\" once more does it again. It never enables or "
         "disables the firewall.\n"
-        "Example: tarnfw undo 3 --reload");
+        "Example: tarnfw undo 3");
     runReporting(command, *options->reload.report, [options] { undo(*options); });
 }
 

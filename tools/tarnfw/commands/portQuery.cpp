@@ -69,7 +69,8 @@ void addQueryOptions(Command& command, PortQuery& options) {
         })
         .exactlyOneOf(kSubject);
     command.option("--adapter", options.adapter,
-                   "One adapter; by default all of the profile and the machine");
+                   "One adapter; by default all of the profile and the machine")
+        .placeholder("NAME");
     addJsonFlag(command, options.json);
 }
 
