@@ -46,8 +46,8 @@ constexpr char kNewRecord[] = "record.new";
 // An entry that is being removed.
 constexpr char kGone[] = "gone";
 
-// The members of a record. "present" has all documents that were there before the change, for
-// whoever finds what a killed command has left.
+// The members of a record. "present" has all documents that were there before the change, with the
+// digests of those that were copied, for whoever finds what a killed command has left.
 constexpr char kTime[] = "time";
 constexpr char kCommand[] = "command";
 constexpr char kDocuments[] = "documents";
@@ -224,6 +224,31 @@ void makeEntry(const std::map<std::string, RecordedDocument>& changed) {
     prune();
 }
 
+/// What the documents of a killed change held before it. False when the change had not begun, or
+/// its copies are not whole: they are not flushed, so a power failure may have left the record
+/// alone.
+bool readCopies(DocumentTexts& before, const DocumentTexts& now) {
+    const Json::Value begun = begunRecord();
+    if (!begun[kPresent].isObject()) {
+        return false;
+    }
+    for (const std::string& name : begun[kPresent].getMemberNames()) {
+        const std::string path = kProfileDir + name;
+        const auto digest = digestIn(begun[kPresent][name]);
+        const auto present = now.find(path);
+        if (const auto copy = digest ? readTextIfAny(copyOf(path)) : std::nullopt) {
+            before[path] = *copy;
+        } else if (present != now.end()) {
+            before[path] = present->second;  // not copied, or not kept: it has not changed
+        }
+        const auto text = before.find(path);
+        if (digest && (text == before.end() || digestOf(path, text->second) != *digest)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 std::string keep(const std::map<std::string, RecordedDocument>& changed) {
     if (changed.empty()) {
         dropCopies();
@@ -307,13 +332,15 @@ std::optional<ChangeRecord> readRecord(unsigned long number) {
     return record;
 }
 
-bool beginRecord(const std::vector<std::string>& paths) {
+bool beginRecord(const DocumentTexts& copied, const std::vector<std::string>& paths) {
     Json::Value document;
     document[kTime] = static_cast<Json::Int64>(std::time(nullptr));
     document[kCommand] = ownCommandLine();
-    document[kPresent] = Json::Value(Json::arrayValue);
+    Json::Value& present = document[kPresent] = Json::Value(Json::objectValue);
     for (const std::string& path : paths) {
-        document[kPresent].append(nameOf(path));
+        const auto text = copied.find(path);
+        present[nameOf(path)] =
+            text == copied.end() ? Json::Value() : Json::Value(digestOf(path, text->second));
     }
     return writeRecord(document);
 }
@@ -323,20 +350,11 @@ std::string keepRecord(const DocumentTexts& before, const DocumentTexts& now) {
 }
 
 std::string keepRecordOfKilled(const DocumentTexts& now) {
-    const Json::Value begun = begunRecord();
-    if (!begun[kPresent].isArray()) {
-        dropCopies();  // the change had not begun
-        return "";
-    }
     DocumentTexts before;
     try {
-        for (const Json::Value& member : begun[kPresent]) {
-            const std::string path = kProfileDir + member.asString();
-            if (const auto copy = readTextIfAny(copyOf(path))) {
-                before[path] = *copy;
-            } else if (now.count(path) != 0) {
-                before[path] = now.at(path);  // not copied, or not kept: it has not changed
-            }
+        if (!readCopies(before, now)) {
+            dropCopies();
+            return "";
         }
     } catch (const std::exception&) {
         dropCopies();

@@ -50,9 +50,10 @@ std::string entryPath(unsigned long number);
 /// The record of an entry; nothing for one that is not complete.
 std::optional<ChangeRecord> readRecord(unsigned long number);
 
-/// Before a change, when the copies are there: notes in ".change/" which command makes it, and
-/// which documents there are. False, with errno, when that cannot be written.
-bool beginRecord(const std::vector<std::string>& paths);
+/// Before a change, when the copies are there: notes in ".change/" which command makes it, which
+/// documents there are, and the digests of the copies. False, with errno, when that cannot be
+/// written.
+bool beginRecord(const DocumentTexts& copied, const std::vector<std::string>& paths);
 
 /// After a change that was ended: makes an entry of the copies, and removes the oldest of more
 /// than kHistoryLength; or removes the copies, if no document has changed. Returns why there is no
@@ -60,7 +61,8 @@ bool beginRecord(const std::vector<std::string>& paths);
 std::string keepRecord(const DocumentTexts& before, const DocumentTexts& now);
 
 /// The same for a change whose command was killed before it could do that: what the documents held
-/// is in the copies. `now` is what they hold.
+/// is in the copies. `now` is what they hold. Without an entry, too, where a power failure has left
+/// copies that do not agree with their digests.
 std::string keepRecordOfKilled(const DocumentTexts& now);
 
 }  // namespace tarnfw

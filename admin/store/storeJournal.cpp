@@ -207,7 +207,7 @@ bool tryToCopy(const std::map<std::string, std::string>& texts,
         mkdir(kCopyDir, kCopyDirMode) == 0 &&
         std::all_of(texts.begin(), texts.end(),
                     [](const auto& copy) { return writeCopy(copy.first, copy.second); }) &&
-        beginRecord(present);
+        beginRecord(texts, present);
     if (!copied) {
         const int error = errno;
         dropCopies();

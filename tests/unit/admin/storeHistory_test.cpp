@@ -166,31 +166,49 @@ TEST_F(StoreHistoryTest, OldestGoAndOnlyRootMayLook) {
                 [] { (void)StoreHistory().entry(51); });
 }
 
-/// Where a command is killed, as it ends the change.
+/// A command that is killed in a change, once it has set the port if `port` is not empty.
+void killChange(const std::string& port) {
+    const pid_t child = startProcess("change", [port] {
+        StoreSession session(StoreSession::Access::kChange);
+        (void)session.change([&] {
+            if (!port.empty()) {
+                FW::FWPROFILE changed = session.snapshot().profile("home");
+                changed.rules["global"][0].portList = {port};
+                (void)FW::TARNFW_PROFILE().profileSet("home", changed);
+            }
+            _exit(0);
+            return true;
+        });
+        return 0;
+    });
+    (void)waitStatusOf(child);
+}
+
 TEST_F(StoreHistoryTest, ChangeOfAKilledCommandIsAnEntryOnceItWasMade) {
     const std::string before = contentOf(kHomeFile);
-    const auto killed = [](bool isWritten) {
-        return startProcess("change", [isWritten] {
-            StoreSession session(StoreSession::Access::kChange);
-            (void)session.change([&] {
-                if (isWritten) {
-                    FW::FWPROFILE changed = session.snapshot().profile("home");
-                    changed.rules["global"][0].portList = {"81"};
-                    (void)FW::TARNFW_PROFILE().profileSet("home", changed);
-                }
-                _exit(0);
-                return true;
-            });
-            return 0;
-        });
-    };
-    (void)waitStatusOf(killed(false));
+    killChange("");
     { const StoreSession next(StoreSession::Access::kChange); }
     EXPECT_THAT(StoreHistory().entries(), IsEmpty());
-    (void)waitStatusOf(killed(true));
+    killChange("81");
     ASSERT_NE(contentOf(kHomeFile), before);
     { const StoreSession next(StoreSession::Access::kChange); }
     EXPECT_EQ(StoreHistory().entries().size(), 1U);
+    undo(1);
+    EXPECT_EQ(contentOf(kHomeFile), before);
+}
+
+TEST_F(StoreHistoryTest, CopiesThatAPowerFailureHasEmptiedAreNoEntry) {
+    const std::string copies = std::string(kProfileDir) + ".change/";
+    const std::string before = contentOf(kHomeFile);
+    setPort("81");
+    for (const char* const emptied : {"home.json", "firewall_settings.json"}) {
+        killChange("");
+        writeFile(copies + emptied, "");
+        { const StoreSession next(StoreSession::Access::kChange); }
+        EXPECT_FALSE(fs::exists(copies)) << emptied;
+        EXPECT_EQ(StoreHistory().entries().size(), 1U) << emptied;
+    }
+    EXPECT_THAT(StoreHistory().changedByOthers(1, StoreSnapshot()), IsEmpty());
     undo(1);
     EXPECT_EQ(contentOf(kHomeFile), before);
 }
