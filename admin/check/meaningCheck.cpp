@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "tarnfirewall/fwTypes.h"
 
@@ -294,8 +295,12 @@ void RuleCheck::checkRange(const std::vector<std::string>& list) {
         return;
     }
     warnIgnored("ipList", 2, list.size(), "ipGroup 4 uses a first and a last address");
-    const auto ends = endsRead(list[0], list[1], families().front());
-    if (!isReadInAll([&](bool ipv6) { return endsRead(list[0], list[1], ipv6); })) {
+    const auto read = [&](bool ipv6) { return endsRead(list[0], list[1], ipv6); };
+    std::optional<std::pair<Address, Address>> ends;
+    for (const bool ipv6 : families()) {
+        ends = ends ? ends : read(ipv6);
+    }
+    if (!ends || !isReadInAll(read)) {
         checkEnds(list);
         return;
     }

@@ -188,6 +188,9 @@ const RuleCase kAddresses[] = {
      {"ipList: warning: the range runs backwards: \"10.0.0.5\" is before \"10.0.0.9\": the rule "
       "has "
       "no effect"}},
+    {"RangeWithoutAFamily",
+     R"({"ipGroup": 4, "ipType": 7, "ipList": ["fd00::1", "fd00::9"]})",
+     {"ipType: 7 is not one of 0, 1, 2"}},
     {"ShortRange",
      R"({"ipGroup": 4, "ipType": 0, "ipList": ["10.1", "10.2"]})",
      {"ipList entry 1: warning: \"10.1\" is read as 10.1.0.0",
