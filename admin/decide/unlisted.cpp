@@ -1,17 +1,9 @@
 #include "tarnfwadmin/unlisted.h"
 
-#include <linux/if_link.h>
-#include <linux/rtnetlink.h>
-
 #include <algorithm>
-#include <array>
 #include <optional>
 #include <set>
-#include <system_error>
 
-#include <libmnl/libmnl.h>
-
-#include "base/netlink.h"
 #include "machine/ruleMatch.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/machine.h"
@@ -23,43 +15,25 @@ namespace {
 constexpr char kInputChain[] = "INPUT_FIREWALL";
 constexpr char kFilterTable[] = "filter";
 
-// ---- Ports of bridges and bonds ----
-
-/// The interfaces that are ports of others; none where the kernel does not say.
-std::set<std::string> portsNow() {
-    std::array<char, MNL_NLMSG_HDRLEN + MNL_ALIGN(sizeof(ifinfomsg))> space{};
-    nlmsghdr* const request = mnl_nlmsg_put_header(space.data());
-    request->nlmsg_type = RTM_GETLINK;
-    request->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    (void)mnl_nlmsg_put_extra_header(request, sizeof(ifinfomsg));
-    std::set<std::string> names;
-    try {
-        askKernel(NETLINK_ROUTE, *request, [&](const nlmsghdr& message) {
-            const Attributes link(message, sizeof(ifinfomsg));
-            if (link.at(IFLA_MASTER) != nullptr) {
-                names.insert(link.textAt(IFLA_IFNAME));
-            }
-        });
-    } catch (const std::system_error&) {
-        // then each counts as an adapter of its own
-    }
-    return names;
-}
-
 // ---- What "global" leaves open ----
 
-/// Whether the ranges together are a whole family.
-bool areWhole(std::vector<AddressRange> ranges, bool ipv6) {
-    std::sort(ranges.begin(), ranges.end(),
-              [](const AddressRange& a, const AddressRange& b) { return a.first < b.first; });
-    std::optional<Address> next = wholeFamily(ipv6).first;
+/// Those of `ranges` that are not in `taken`, which is of the same family.
+std::vector<AddressRange> without(const std::vector<AddressRange>& ranges,
+                                  const AddressRange& taken) {
+    std::vector<AddressRange> left;
     for (const AddressRange& range : ranges) {
-        if (!next || *next < range.first) {
-            break;
+        if (range.last < taken.first || taken.last < range.first) {
+            left.push_back(range);
+            continue;
         }
-        next = range.last < *next ? next : addressAfter(range.last);
+        if (range.first < taken.first) {
+            left.push_back({range.first, *addressBefore(taken.first)});
+        }
+        if (taken.last < range.last) {
+            left.push_back({*addressAfter(taken.last), range.last});
+        }
     }
-    return !next;
+    return left;
 }
 
 bool matchesEveryProtocol(const FW::FWRULE& rule, Machine& machine) {
@@ -68,36 +42,56 @@ bool matchesEveryProtocol(const FW::FWRULE& rule, Machine& machine) {
                                   [](const PortMatch& match) { return match.protocol.empty(); });
 }
 
-/// Whether packets of a family to this machine can pass the list of "global". Where that depends on
-/// a country, or on the machine's own address, they count as passing.
-bool isLeftOpen(const std::vector<FW::FWRULE>& global, bool ipv6, Machine& machine) {
-    std::vector<AddressRange> decided;
-    for (const FW::FWRULE& rule : global) {
-        if (!hasLine(rule) || rule.table != kFilterTable ||
-            rule.chainList.count(kInputChain) == 0 || !matchesEveryProtocol(rule, machine)) {
-            continue;
-        }
-        const std::optional<AddressMatch> match = addressMatchOf(rule, ipv6, machine);
-        if (!match) {
-            continue;
-        }
-        if (match->any()) {
-            return rule.policy == FW::FW_POLICY_ALLOW;
-        }
-        if (match->source) {
-            decided.insert(decided.end(), match->ranges.begin(), match->ranges.end());
-        }
-        if (areWhole(decided, ipv6)) {
-            return false;
+/// The senders of a family that a rule decides on, whatever the protocol. Without those of a
+/// country, of a mask with gaps, and without a rule that depends on the machine's own address.
+std::vector<AddressRange> sendersOf(const FW::FWRULE& rule, bool ipv6, Machine& machine) {
+    if (!hasLine(rule) || rule.table != kFilterTable || rule.chainList.count(kInputChain) == 0 ||
+        !matchesEveryProtocol(rule, machine)) {
+        return {};
+    }
+    const std::optional<AddressMatch> match = addressMatchOf(rule, ipv6, machine);
+    if (!match) {
+        return {};
+    }
+    return match->any()    ? std::vector<AddressRange>{wholeFamily(ipv6)}
+           : match->source ? match->ranges
+                           : std::vector<AddressRange>();
+}
+
+/// Whether packets of a family to this machine can pass "global" with no rule that decides on
+/// them, or all of them do, since it allows them. The first rule for a sender counts.
+bool isLeftOpen(const FW::FWPROFILE& profile, bool ipv6, Machine& machine) {
+    std::vector<AddressRange> left = {wholeFamily(ipv6)};
+    bool denies = false;
+    const auto global = profile.rules.find(FW::FW_ADAPTER_GLOBAL);
+    for (const FW::FWRULE& rule :
+         global == profile.rules.end() ? std::vector<FW::FWRULE>() : global->second) {
+        for (const AddressRange& senders : sendersOf(rule, ipv6, machine)) {
+            const auto isIn = [&](const AddressRange& range) {
+                return range.first <= senders.last && senders.first <= range.last;
+            };
+            denies = denies || (rule.policy == FW::FW_POLICY_DENY &&
+                                std::any_of(left.begin(), left.end(), isIn));
+            left = without(left, senders);
         }
     }
-    return true;
+    const auto policy = profile.adapterPolicyMap.find(FW::FW_ADAPTER_GLOBAL);
+    if (policy != profile.adapterPolicyMap.end() && policy->second == FW::FW_POLICY_DENY &&
+        !left.empty()) {
+        return false;
+    }
+    return !left.empty() || !denies;
 }
 
 }  // namespace
 
 std::vector<UnlistedAdapter> unlistedAdapters(const FW::FWPROFILE& profile, Machine& machine) {
-    std::set<std::string> others = portsNow();
+    std::set<std::string> others;
+    for (const InterfaceKind& interface : interfaceKindsNow()) {
+        if (!interface.portOf.empty()) {
+            others.insert(interface.name);
+        }
+    }
     for (const std::string& adapter : adaptersOf(profile)) {
         others.insert(adapter);
         others.insert(machine.tunnelOf(adapter));
@@ -105,10 +99,7 @@ std::vector<UnlistedAdapter> unlistedAdapters(const FW::FWPROFILE& profile, Mach
             others.insert(interface);
         }
     }
-    const auto global = profile.rules.find(FW::FW_ADAPTER_GLOBAL);
-    const std::vector<FW::FWRULE> none;
-    const std::vector<FW::FWRULE>& rules = global == profile.rules.end() ? none : global->second;
-    const bool open = isLeftOpen(rules, false, machine) || isLeftOpen(rules, true, machine);
+    const bool open = isLeftOpen(profile, false, machine) || isLeftOpen(profile, true, machine);
     std::vector<UnlistedAdapter> unlisted;
     for (const std::string& adapter : machineAdapters()) {
         if (others.count(adapter) == 0) {

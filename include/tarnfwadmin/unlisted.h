@@ -15,7 +15,9 @@ class Machine;
 struct UnlistedAdapter {
     std::string name;
 
-    /// Packets that no rule of "global" decides are allowed, or a rule of "global" allows all.
+    /// Of one family or of both, "global" lets packets through that it does not decide on, or
+    /// denies none. Rules for some protocols or ports only do not count, and neither do a country,
+    /// a mask with gaps, and the machine's own address.
     bool open = false;
 };
 

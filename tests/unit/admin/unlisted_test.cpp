@@ -78,6 +78,26 @@ const GlobalCase kGlobals[] = {
      {R"({"policy": 1, "ipType": 1})",
       R"({"policy": 1, "ipType": 0, "ipGroup": 1, "ipList": ["128.0.0.0", "1"]})"},
      true},
+    {"AllowInHalves",
+     {R"({"ipType": 0, "ipGroup": 1, "ipList": ["0.0.0.0", "1"]})",
+      R"({"ipType": 0, "ipGroup": 1, "ipList": ["128.0.0.0", "1"]})",
+      R"({"ipType": 1, "ipGroup": 1, "ipList": ["::", "1"]})",
+      R"({"ipType": 1, "ipGroup": 1, "ipList": ["8000::", "1"]})"},
+     true},
+    {"AllowInHalvesBeforeDenyAll",
+     {R"({"ipType": 0, "ipGroup": 1, "ipList": ["0.0.0.0", "1"]})",
+      R"({"ipType": 0, "ipGroup": 1, "ipList": ["128.0.0.0", "1"]})", R"({"policy": 1})"},
+     true},
+    {"AllowOneHalfDenyTheOther",
+     {R"({"policy": 1, "ipType": 1})", R"({"ipType": 0, "ipGroup": 1, "ipList": ["0.0.0.0", "1"]})",
+      R"({"policy": 1, "ipType": 0, "ipGroup": 1, "ipList": ["128.0.0.0", "1"]})"},
+     false},
+    {"DenyAfterAllowOfTheSame",
+     {R"({"policy": 1, "ipType": 1})",
+      R"({"ipType": 0, "ipGroup": 4, "ipList": ["0.0.0.0", "200.255.255.255"]})",
+      R"({"policy": 1, "ipType": 0, "ipGroup": 4, "ipList": ["10.0.0.0", "10.0.0.9"]})",
+      R"({"ipType": 0})"},
+     true},
     {"DenyMaskWithGaps",
      {R"({"policy": 1, "ipType": 1})",
       R"({"policy": 1, "ipType": 0, "ipGroup": 1, "ipList": ["0.0.0.0", "128.0.0.1"]})"},
@@ -98,6 +118,9 @@ TEST_F(UnlistedTest, RulesOrADefaultPolicyAreAMention) {
     document = profile({});
     document["rules"]["wlan0"].append(rule(R"({"enable": false})"));
     EXPECT_TRUE(unlistedOf(document).empty());
+    document = profile({});
+    document["adapterPolicyMap"]["global"] = 1;
+    EXPECT_EQ(unlistedOf(document), kNotOpen);
     document = profile({});
     document["rules"]["wlan1"].append(rule());
     EXPECT_EQ(unlistedOf(document), kOpen);
