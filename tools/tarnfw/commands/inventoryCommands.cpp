@@ -33,6 +33,7 @@ namespace {
 struct Adapter {
     std::string name;
     bool present = false;
+    bool inProfile = false;
     std::optional<Interface> interface;
     std::vector<std::string> meant;  ///< the interfaces of a predefined adapter
     std::optional<FW::FW_POLICY> policy;
@@ -75,9 +76,8 @@ std::vector<Adapter> adaptersNow(const FW::FWPROFILE& profile) {
     for (const std::string& name : machineAdapters()) {
         names.insert(name);
     }
-    for (const std::string& name : adaptersOf(profile)) {
-        names.insert(name);
-    }
+    const std::vector<std::string> mentioned = adaptersOf(profile);
+    names.insert(mentioned.begin(), mentioned.end());
     std::vector<Adapter> adapters;
     adapters.reserve(names.size());
     Machine machine;
@@ -85,6 +85,8 @@ std::vector<Adapter> adaptersNow(const FW::FWPROFILE& profile) {
         profile.name.empty() ? std::vector<UnlistedAdapter>() : unlistedAdapters(profile, machine);
     for (const std::string& name : names) {
         adapters.push_back(adapterOf(name, interfaces, profile));
+        adapters.back().inProfile =
+            std::find(mentioned.begin(), mentioned.end(), name) != mentioned.end();
         const auto found =
             std::find_if(unlisted.begin(), unlisted.end(),
                          [&](const UnlistedAdapter& adapter) { return adapter.name == name; });
@@ -166,7 +168,7 @@ Json::Value adapterDocument(const Adapter& adapter) {
     document["policy"] = adapter.policy ? Json::Value(policyText(*adapter.policy)) : Json::Value();
     document["rules"] = static_cast<Json::UInt64>(adapter.rules);
     document["rulesOff"] = static_cast<Json::UInt64>(adapter.rulesOff);
-    addUnlisted(document, adapter.policy || adapter.rules > 0, adapter.unlisted);
+    addUnlisted(document, adapter.inProfile, adapter.unlisted);
     return document;
 }
 
