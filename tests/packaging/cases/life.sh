@@ -44,6 +44,11 @@ mkdir -- "$kRoot/usr/tarn/etc/services.d" "$kRoot$kStore/.change"
 printf '{}\n' >"$kRoot/usr/tarn/etc/services.d/own.json"
 step 'the document of a change that was interrupted' touch "$kRoot$kStore/.change/1700000042.json"
 step 'a lock of a document without a directory of locks' touch "$kRoot/tmp/firewall_settings.json.lock"
+step 'one that another program has there' sh -c 'echo 123 >"$1"' sh "$kRoot/tmp/own.json.lock"
+step 'what other programs have beside the store' within sh -ec '
+    mkdir /usr/tarn/etc/other.d
+    echo other >/usr/tarn/etc/other.d/settings.json
+    echo other >/usr/tarn/etc/firewall.d/notes.txt'
 step 'what root set aside' touch "$kRoot/tmp/iptables_serv_mod_list.refused-abcdef"
 keep rules used
 
@@ -57,4 +62,11 @@ step 'the tool is gone' [ ! -e "$kRoot/usr/sbin/tarnfw" ]
 step 'profiles stay' [ -e "$kRoot$kStore/firewall_settings.json" ]
 step 'what an administrator wrote stays' grep --quiet ppp7 "$kRoot/etc.defaults/tarninfo.conf"
 step 'the packages are purged' within dpkg --purge "${kPackages[@]}"
-step 'nothing is left' same system before
+step 'what belongs to other programs stays' within sh -ec '
+    rm /tmp/own.json.lock /usr/tarn/etc/other.d/settings.json /usr/tarn/etc/firewall.d/notes.txt
+    rmdir /usr/tarn/etc/firewall.d
+    cd /usr/tarn
+    rmdir -p etc/other.d
+    cd /
+    [ ! -e /usr/tarn ] || rmdir /usr/tarn'
+step 'nothing else is left' same system before
