@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -54,6 +55,9 @@ constexpr char kDocuments[] = "documents";
 constexpr char kBefore[] = "before";
 constexpr char kAfter[] = "after";
 constexpr char kPresent[] = "present";
+
+// Of all entries together.
+constexpr std::uintmax_t kHistoryBytes = 64 * 1024 * 1024;
 
 // Of a command line, which may have any length.
 constexpr std::size_t kMostCommandBytes = 1000;
@@ -190,17 +194,52 @@ void removeOtherCopies(const std::map<std::string, RecordedDocument>& changed) {
     }
 }
 
-/// Removes the oldest entries, and what was left of removing others.
-void prune() {
+/// What the files in a directory take on the disk, in bytes.
+std::uintmax_t bytesIn(const std::string& directory) {
+    constexpr std::uintmax_t kBlock = 512;  // of st_blocks
+    std::uintmax_t bytes = 0;
+    std::error_code error;
+    for (fs::directory_iterator entry(directory, error);
+         !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        struct stat info {};
+        if (lstat(entry->path().c_str(), &info) == 0) {
+            bytes += static_cast<std::uintmax_t>(info.st_blocks) * kBlock;
+        }
+    }
+    return bytes;
+}
+
+/// How many bytes the history may take that has `bytes` now: as many as are free then, so that
+/// deleting profiles makes space on a disk that is nearly full.
+std::uintmax_t mostBytes(std::uintmax_t bytes) {
+    struct statvfs disk {};
+    if (statvfs(kHistoryDir, &disk) != 0 || disk.f_blocks == 0) {  // without a limit
+        return kHistoryBytes;
+    }
+    return std::min<std::uintmax_t>(kHistoryBytes, (bytes + disk.f_bfree * disk.f_frsize) / 2);
+}
+
+/// Removes the oldest entries of too many, or of too large ones, and what was left of removing
+/// others. False when the last one is among them.
+bool prune() {
     std::error_code ignored;
     const std::string gone = std::string(kHistoryDir) + kGone;
-    const std::vector<unsigned long> numbers = entryNumbers();
     (void)fs::remove_all(gone, ignored);
-    for (std::size_t i = kHistoryLength; i < numbers.size(); ++i) {
+    const std::vector<unsigned long> numbers = entryNumbers();
+    std::vector<std::uintmax_t> upTo;  // bytes of each entry and those after it
+    for (const unsigned long number : numbers) {
+        upTo.push_back((upTo.empty() ? 0 : upTo.back()) + bytesIn(entryPath(number)));
+    }
+    const std::uintmax_t most = mostBytes(upTo.empty() ? 0 : upTo.back());
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+        if (i < kHistoryLength && upTo[i] <= most) {
+            continue;
+        }
         // Under another name first: it is an entry as a whole, or none.
         fs::rename(entryPath(numbers[i]), gone, ignored);
         (void)fs::remove_all(gone, ignored);
     }
+    return upTo.empty() || upTo.front() <= most;
 }
 
 /// The entry of the change. Throws Error or a file system's error.
@@ -221,7 +260,9 @@ void makeEntry(const std::map<std::string, RecordedDocument>& changed) {
     }
     const std::vector<unsigned long> numbers = entryNumbers();
     fs::rename(kCopyDir, entryPath(numbers.empty() ? 1 : numbers.front() + 1));
-    prune();
+    if (!prune()) {
+        throw Error(ErrorKind::kSystem, "it is too large, or the disk is nearly full");
+    }
 }
 
 /// What the documents of a killed change held before it. False when the change had not begun, or

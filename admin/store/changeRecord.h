@@ -55,9 +55,10 @@ std::optional<ChangeRecord> readRecord(unsigned long number);
 /// written.
 bool beginRecord(const DocumentTexts& copied, const std::vector<std::string>& paths);
 
-/// After a change that was ended: makes an entry of the copies, and removes the oldest of more
-/// than kHistoryLength; or removes the copies, if no document has changed. Returns why there is no
-/// entry of a change; else an empty text. Does not throw.
+/// After a change that was ended: makes an entry of the copies; or removes the copies, if no
+/// document has changed. Then removes the oldest entries while there are more than kHistoryLength,
+/// or they take more than 64 MiB, or more than what is free on their disk. Returns why there is no
+/// entry of a change; else an empty text.
 std::string keepRecord(const DocumentTexts& before, const DocumentTexts& now);
 
 /// The same for a change whose command was killed before it could do that: what the documents held

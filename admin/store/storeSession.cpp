@@ -269,18 +269,26 @@ bool StoreSession::changeAllProfiles(const std::function<bool()>& write) {
     });
 }
 
-bool StoreSession::deleteProfile(const std::string& name) {
-    awaitDocumentLocks();
-    snapshot_.refresh();
-    const std::map<std::string, std::string> before = snapshot_.texts();
-    // A deletion makes space, so a full disk does not refuse it: that is how it gets less full.
-    if (snapshot_.hasProfile(name) && !boost::starts_with(name, kTestPrefix) &&
-        !tryToCopy({{snapshot_.pathOf(name), snapshot_.textOf(name)}}, snapshot_.documentPaths())) {
+/// Copies what a deletion removes. A deletion makes space, so a full disk does not refuse it: that
+/// is how it gets less full. Nothing else does, either: what is not copied is a note.
+std::map<std::string, std::string> StoreSession::copyDeleted(const std::string& name) {
+    if (!snapshot_.hasProfile(name) || boost::starts_with(name, kTestPrefix)) {
+        return {};
+    }
+    std::map<std::string, std::string> deleted = {{snapshot_.pathOf(name), snapshot_.textOf(name)}};
+    if (!tryToCopy(deleted, snapshot_.documentPaths())) {
         notes_.push_back(
             std::string("\"tarnfw undo\" cannot undo this deletion: cannot store a copy "
                         "in ") +
             kCopyDir + ": " + std::strerror(errno));
     }
+    return deleted;
+}
+
+bool StoreSession::deleteProfile(const std::string& name) {
+    awaitDocumentLocks();
+    snapshot_.refresh();
+    const std::map<std::string, std::string> before = copyDeleted(name);
     const bool deleted = FW::TARNFW_PROFILE().profileDelete(name);
     snapshot_.refresh();
     if (!deleted || snapshot_.hasProfile(name)) {
@@ -288,7 +296,7 @@ bool StoreSession::deleteProfile(const std::string& name) {
         return false;
     }
     changed_ = true;
-    noteIfAny(keepRecord(before, snapshot_.texts()));
+    noteIfAny(keepRecord(before, {}));  // other documents stay, and may be unreadable
     if (!flushProfileDir()) {
         throw Error(ErrorKind::kSystem, "profile " + inQuotes(name) +
                                             " is deleted, but a power failure may bring it back: "

@@ -14,7 +14,8 @@
 
 namespace TARNFW_EXPORT_ALL tarnfw {
 
-/// How many changes are kept.
+/// How many changes are kept; fewer where they take more than 64 MiB, or more than what is free on
+/// their disk.
 inline constexpr std::size_t kHistoryLength = 50;
 
 /// One change of the store, by a program that used a StoreSession.

@@ -116,7 +116,7 @@ public:
 
     /// Deletes a profile's file. False if it is still there. Throws Error, kSystem, if it is
     /// deleted and that cannot be flushed to the disk. Without space for a copy it is deleted, with
-    /// a note that this cannot be undone.
+    /// a note that this cannot be undone. Other documents need not be readable.
     bool deleteProfile(const std::string& name);
 
     /// Writes and removes documents as StoreHistory::undoing() says, with changeMany(). Throws
@@ -183,6 +183,7 @@ private:
     void changeSettings(const Json::Value& members);
     void keepKilled();
     void noteIfAny(std::string text);
+    std::map<std::string, std::string> copyDeleted(const std::string& name);
     void undoInterruptedChange();
     void undoIfPossible();
     void restoreTruncated();

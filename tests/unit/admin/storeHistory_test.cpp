@@ -1,7 +1,10 @@
 // The history of the store: what becomes an entry, what undoing gives back, what is never lost.
 #include "tarnfwadmin/storeHistory.h"
 
+#include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -13,6 +16,7 @@
 
 #include "store_testing.h"
 #include "tarnfirewall/tarnFW.h"
+#include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/process.h"
 #include "tarnfwadmin/storeDifference.h"
 #include "tarnfwadmin/storeSession.h"
@@ -165,6 +169,76 @@ TEST_F(StoreHistoryTest, OldestGoAndOnlyRootMayLook) {
     expectError(ErrorKind::kNotFound, "there is no change 51: 50 changes are kept",
                 [] { (void)StoreHistory().entry(51); });
 }
+
+// ---- Deletions, and the room that the history takes ---------------------------------------------
+
+const std::string kOther = std::string(kProfileDir) + "other.json";
+
+/// Profile "other", with a label of `bytes` bytes.
+void writeOther(std::size_t bytes = 1) {
+    Json::Value document = profile({rule()});
+    document["name"] = "other";
+    document["rules"]["global"][0]["labelList"].append(std::string(bytes, 'x'));
+    writeDocument(kOther, document);
+}
+
+TEST_F(StoreHistoryTest, DeletionNeedsNoOtherDocument) {
+    const std::string unreadable = std::string(kProfileDir) + "zz.json";
+    writeOther();
+    const std::string before = contentOf(kOther);
+    StoreSession session(StoreSession::Access::kChange);
+    const FW::FWPROFILE test = session.snapshot().profile("home");
+    ASSERT_TRUE(
+        session.change([&] { return FW::TARNFW_PROFILE().CreateTestProfile("home", test); }));
+    ASSERT_EQ(symlink("/proc/self/mem", unreadable.c_str()), 0);
+    EXPECT_TRUE(session.deleteProfile(session.snapshot().testProfileNames().front()));
+    EXPECT_TRUE(session.deleteProfile("other"));
+    EXPECT_FALSE(fs::exists(kOther));
+    EXPECT_FALSE(fs::exists(std::string(kProfileDir) + ".change"));
+    EXPECT_THAT(session.takeNotes(), IsEmpty());
+    ASSERT_EQ(unlink(unreadable.c_str()), 0);
+    ASSERT_EQ(StoreHistory().entries().size(), 1U);
+    session.replaceDocuments(StoreHistory().undoing(1, StoreSnapshot()));
+    EXPECT_EQ(contentOf(kOther), before);
+}
+
+TEST_F(StoreHistoryTest, DeletionMakesRoomOnADiskThatIsNearlyFull) {
+    constexpr std::size_t kPage = 4096;
+    constexpr std::size_t kLabel = 5 * kPage - kPage / 2;  // a document of five pages
+    ASSERT_EQ(mount("small", kProfileDir, "tmpfs", 0, "size=128k"), 0);
+    writeDocument(kHomeFile, profile({rule()}));
+    writeSettings(false);
+    writeOther(kLabel);
+    const auto freeBytes = [] {
+        struct statvfs disk {};
+        EXPECT_EQ(statvfs(kProfileDir, &disk), 0);
+        return disk.f_bfree * disk.f_frsize;
+    };
+    writeFile(std::string(kProfileDir) + "filler", std::string(freeBytes() - 6 * kPage, 'x'));
+    const auto before = freeBytes();  // for the copy and its record
+    ASSERT_EQ(before, 6 * kPage);
+    StoreSession session(StoreSession::Access::kChange);
+    ASSERT_TRUE(session.deleteProfile("other"));
+    EXPECT_EQ(freeBytes(), before + 5 * kPage);
+    EXPECT_THAT(session.takeNotes(), ElementsAre(HasSubstr("or the disk is nearly full")));
+    EXPECT_THAT(StoreHistory().entries(), IsEmpty());
+}
+
+TEST_F(StoreHistoryTest, OldestGoWhereTheyTakeTooMuchRoom) {
+    constexpr off_t kTooMuch = 64 * 1024 * 1024;
+    setPort("81");
+    setPort("82");
+    {
+        const std::string path = kHistory + "1/filler";
+        const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        ASSERT_EQ(posix_fallocate(file.get(), 0, kTooMuch), 0);
+    }
+    setPort("83");
+    EXPECT_FALSE(fs::exists(kHistory + "1"));
+    EXPECT_EQ(StoreHistory().entries().size(), 2U);
+}
+
+// ---- Interruptions ------------------------------------------------------------------------------
 
 /// A command that is killed in a change, once it has set the port if `port` is not empty.
 void killChange(const std::string& port) {
