@@ -41,7 +41,7 @@ ErrorPlace placeOfFirstError(const std::string& file, const std::vector<Finding>
                                     [](const Finding& finding) { return finding.isError; });
     return first == findings.end()
                ? ErrorPlace{file, "", std::nullopt}
-               : ErrorPlace{file, jsonOf(*first)["where"].asString(), first->rule};
+               : ErrorPlace{file, jsonOf(*first)["path"].asString(), first->rule};
 }
 
 std::string memberPath(const std::string& base, const std::string& name) {
@@ -76,18 +76,19 @@ std::string lineOf(const std::string& source, const Finding& finding) {
 }
 
 Json::Value jsonOf(const Finding& finding) {
-    std::string where = finding.profile;
+    std::string path = finding.profile;
     Json::Value entry(Json::objectValue);
     entry["adapter"] = Json::nullValue;
     entry["position"] = Json::nullValue;
     if (finding.rule) {
         entry["adapter"] = finding.rule->adapter;
         entry["position"] = static_cast<Json::UInt64>(finding.rule->position);
-        where = joinedPath(where, elementPath(memberPath("rules", finding.rule->adapter),
-                                              finding.rule->position - 1));
+        path = joinedPath(path, elementPath(memberPath("rules", finding.rule->adapter),
+                                            finding.rule->position - 1));
     }
-    entry["where"] = joinedPath(where, finding.path);
-    entry["text"] = finding.text;
+    path = joinedPath(path, finding.path);
+    entry["path"] = path.empty() ? Json::Value() : Json::Value(path);
+    entry["message"] = finding.text;
     entry["severity"] = finding.isError ? "error" : "warning";
     return entry;
 }

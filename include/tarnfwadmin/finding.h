@@ -79,9 +79,10 @@ std::string textOf(const Finding& finding);
 /// `source`. Printable.
 std::string lineOf(const std::string& source, const Finding& finding);
 
-/// A finding as the "--json" of a command has it: "where", which is a path through the document
-/// with indices from 0 ("rules.eth0[3].portList[1]"), "adapter" and "position" of the rule (null
-/// for a finding about another part), "text", "severity" ("error" or "warning").
+/// A finding as the "--json" of a command has it: "path", which leads through the document with
+/// indices from 0 ("rules.eth0[3].portList[1]"; null for the whole document), "adapter" and
+/// "position" of the rule (null for a finding about another part), "message", "severity" ("error"
+/// or "warning").
 Json::Value jsonOf(const Finding& finding);
 
 }  // namespace tarnfw

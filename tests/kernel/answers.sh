@@ -3,7 +3,7 @@
 # Checks the tool's output and exit status. Sourced by the scripts, after lib.sh.
 
 # answers STATUS ARGUMENT...: the tool ends with that status; its output is in $out/answer and
-# $out/complaint. Every member of a JSON document must be documented.
+# $out/complaint. A JSON document must be as its schema says.
 answers() {
     local wanted=$1 status=0
     shift
@@ -14,8 +14,8 @@ answers() {
         fail "tarnfw $* ends with $status instead of $wanted"
     fi
     if [[ " $* " == *' --json '* && -s $out/answer ]]; then
-        "$checkout/tests/kernel/json_keys" "$checkout/docs/tarnfw-json.md" "$@" <"$out/answer" ||
-            fail 'members that are not documented'
+        "$checkout/tests/kernel/json_answer" "$checkout/docs/tarnfw-json.schema.json" "$@" \
+            <"$out/answer" || fail 'not as its schema says'
     fi
 }
 

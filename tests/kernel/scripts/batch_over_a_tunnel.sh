@@ -91,10 +91,10 @@ step 'open line by line' check_packets <<<'tcp6 fd00::10 22 open fd00::20'
 answers 0 explain --port tcp/22 --adapter six --from fd00::20
 says 'allowed  *rule 1 of eth0: allow tcp 22 from 0.0.0.0/0 (IPv4).* (repeated for the 6in4 tunnel six), where "/0" is all of IPv6$'
 answers 0 explain --port tcp/22 --adapter six --from fd00::20 --json
-step 'as a document' [ "$(jq -r '.adapters[0].decisions[0] | [.list, .position, .tunnel] | join(" ")' \
+step 'as a document' [ "$(jq -r '.adapters[0].decisions[0] | [.adapter, .position, .tunnel] | join(" ")' \
     "$out/answer")" = 'eth0 1 six' ]
 answers 0 blocked --port tcp/22 --adapter six --json
-step 'as a document' [ "$(jq -c '.adapters[1] | [.tunnelOf, .ipv6Verdict]' "$out/answer")" = '[["eth0"],"allowed"]' ]
+step 'as a document' [ "$(jq -c '.adapters[1] | [.tunnelOf, .v6Verdict]' "$out/answer")" = '[["eth0"],"allowed"]' ]
 answers 10 explain --port tcp/23 --adapter six --from fd00::20
 answers 0 check
 says '"/0" is every address: in apply mode "lines" it opens a 6in4 tunnel of the adapter to all of IPv6 as well'

@@ -133,7 +133,7 @@ ip link set veth0a1b2c3 master docker0
 rm -rf -- "$kProfileDirectory"
 SSH_CONNECTION='203.0.113.30 50000 203.0.113.10 22' step 'base up over SSH' base_up
 step 'what is denied by default' [ "$(tarnfw profile show --json | jq -c '.adapterPolicyMap')" = \
-    '{"br0":1,"eth0":1,"global":2}' ]
+    '{"br0":"deny","eth0":"deny","global":"none"}' ]
 
 # shown COLUMNS: the active profile on a terminal so wide.
 shown() {
@@ -176,7 +176,7 @@ says '(no profile changed)$'
 answers 0 profile create home
 says '^Profile "home" created with the rules of a first profile$'
 step 'of this machine' [ "$(tarnfw profile show home --json | jq -c .adapterPolicyMap)" = \
-    '{"br0":1,"eth0":1,"global":2}' ]
+    '{"br0":"deny","eth0":"deny","global":"none"}' ]
 answers 0 service update
 says '(no profile changed)$'
 answers 0 profile create nothing --empty

@@ -95,8 +95,8 @@ prints_json <<'END'
    {"name": "eth0", "verdict": "allowed", "acceptedBefore": [], "droppedBy": [],
     "ports": [{"port": "tcp 443", "verdict": "allowed",
                "steps": [{"kind": "default", "before": "allowed", "after": "blocked"},
-                         {"kind": "rule", "list": "eth0", "position": 1, "last": true,
-                          "rule": "allow service http,https from anywhere  \"Web\"",
+                         {"kind": "rule", "adapter": "eth0", "position": 1, "last": true,
+                          "text": "allow service http,https from anywhere  \"Web\"",
                           "before": "blocked", "after": "allowed"}]}]}]}
 END
 
@@ -250,10 +250,10 @@ prints_json <<END
  "adapters": [
    {"name": "eth0", "acceptedBefore": [], "droppedBy": [],
     "decisions": [
-      {"port": "tcp 7010", "by": "defaultPolicy", "list": "eth0", "allowed": false,
-       "unless": [{"list": "eth0", "position": 6,
-                   "rule": "allow tcp 7010 to 192.168.1.11 (IPv4)"}]},
-      {"port": "udp 7010", "by": "defaultPolicy", "list": "eth0", "allowed": false,
+      {"port": "tcp 7010", "by": "defaultPolicy", "adapter": "eth0", "allowed": false,
+       "unless": [{"adapter": "eth0", "position": 6,
+                   "text": "allow tcp 7010 to 192.168.1.11 (IPv4)"}]},
+      {"port": "udp 7010", "by": "defaultPolicy", "adapter": "eth0", "allowed": false,
        "unless": []}]}]}
 END
 answers 11 explain --port tcp/7010 --from 192.168.1.20 --to 192.168.1.11 --json
@@ -263,8 +263,8 @@ prints_json <<END
  "adapters": [
    {"name": "eth0", "acceptedBefore": [], "droppedBy": [],
     "decisions": [
-      {"port": "tcp 7010", "by": "rule", "list": "eth0", "position": 6, "allowed": true,
-       "rule": "allow tcp 7010 to 192.168.1.11 (IPv4)", "unless": []}]}]}
+      {"port": "tcp 7010", "by": "rule", "adapter": "eth0", "position": 6, "allowed": true,
+       "text": "allow tcp 7010 to 192.168.1.11 (IPv4)", "unless": []}]}]}
 END
 answers 11 explain --service ssh --from fd00::21 --adapter eth0
 says '^eth0  *tcp 22  *allowed  *rule 7 of eth0: allow service ssh from anywhere$'

@@ -118,31 +118,31 @@ step 'as a document' diff -u - <(jq --sort-keys . "$out/answer") <<'END'
   "findings": [
     {
       "adapter": "eth0",
+      "message": "\"table\" is missing",
+      "path": "rules.eth0[0]",
       "position": 1,
-      "severity": "error",
-      "text": "\"table\" is missing",
-      "where": "rules.eth0[0]"
+      "severity": "error"
     },
     {
       "adapter": "eth0",
+      "message": "9 is not one of 0, 1, 2, 3",
+      "path": "rules.eth0[1].portGroup",
       "position": 2,
-      "severity": "error",
-      "text": "9 is not one of 0, 1, 2, 3",
-      "where": "rules.eth0[1].portGroup"
+      "severity": "error"
     },
     {
       "adapter": null,
+      "message": "unknown member",
+      "path": "colour",
       "position": null,
-      "severity": "error",
-      "text": "unknown member",
-      "where": "colour"
+      "severity": "error"
     },
     {
       "adapter": "eth0",
+      "message": "\"10.0.0.256\" is not an IPv4 address",
+      "path": "rules.eth0[1].ipList[1]",
       "position": 2,
-      "severity": "error",
-      "text": "\"10.0.0.256\" is not an IPv4 address",
-      "where": "rules.eth0[1].ipList[1]"
+      "severity": "error"
     }
   ],
   "source": "wrong.json",
@@ -304,7 +304,7 @@ for refused in true false; do
     step "errors with a refused line: $refused" diff -u addresses <(
         jq --raw-output --rawfile table addresses --argjson refused "$refused" '
             ([.findings[] | select(.severity == "error")
-                | select((.text | test("tables refuses ")) == $refused) | .position]) as $wrong
+                | select((.message | test("tables refuses ")) == $refused) | .position]) as $wrong
             | $table | rtrimstr("\n") | split("\n") | to_entries[]
             | (if .key + 1 | IN($wrong[]) then "no" else "yes" end)
                 + (.value | sub("^[a-z]*"; ""))' "$out/answer"

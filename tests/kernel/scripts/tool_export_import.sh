@@ -96,7 +96,7 @@ status   false            true
 END_OF_PLAN
 answers 0 import --dry-run --json next.json
 step 'as a document' diff -u - <(jq --compact-output --sort-keys . "$out/answer") <<END_OF_PLAN
-{"applied":false,"backup":null,"changed":false,"changes":true,"messages":[],"profile":null,"profiles":[{"change":"removed","file":"$first","name":"default"},{"change":"changed","file":"deny_by_default.json","name":"deny_by_default"},{"change":"added","file":"2.json","name":"new"}],"settings":[{"imported":"new","now":"deny_by_default","setting":"profile"},{"imported":"true","now":"false","setting":"status"}],"warnings":[]}
+{"applied":false,"backup":null,"changed":false,"changes":true,"messages":[],"profile":"new","profiles":[{"change":"removed","file":"$first","name":"default"},{"change":"changed","file":"deny_by_default.json","name":"deny_by_default"},{"change":"added","file":"2.json","name":"new"}],"settings":[{"imported":"new","now":"deny_by_default","setting":"profile"},{"imported":true,"now":false,"setting":"status"}],"warnings":[]}
 END_OF_PLAN
 tarnfw import --dry-run - <next.json >"$out/answer" || fail 'not from standard input'
 says '^new  *added  *2.json$'

@@ -44,9 +44,9 @@ XX       0            0
 END_OF_LIST
 answers 0 geoip list --json
 step 'as a document' diff -u - <(jq --compact-output --sort-keys '.countries[]' "$out/answer") <<'END_OF_LIST'
-{"country":"DE","ipv4Ranges":2,"ipv6Ranges":1}
-{"country":"FR","ipv4Ranges":1,"ipv6Ranges":0}
-{"country":"XX","ipv4Ranges":0,"ipv6Ranges":0}
+{"country":"DE","v4Ranges":2,"v6Ranges":1}
+{"country":"FR","v4Ranges":1,"v6Ranges":0}
+{"country":"XX","v4Ranges":0,"v6Ranges":0}
 END_OF_LIST
 
 answers 0 geoip show DE

@@ -48,7 +48,7 @@ global
   default policy: none (the adapters decide)
 END
 answers 0 profile show lab --json
-prints_json <<<'{"active": false, "adapterPolicyMap": {"global": 2}, "name": "lab", "rules": null}'
+prints_json <<<'{"active": false, "adapterPolicyMap": {"global": "none"}, "name": "lab", "rules": null}'
 
 refused 1 '^tarnfw: profile "lab" already exists$' profile create lab
 refused 1 '^tarnfw: invalid profile name ""$' profile create ''
@@ -88,6 +88,7 @@ refused 3 '^tarnfw: /tmp/broken.json: ' profile create new --from /tmp/broken.js
 # With policies as codes and as texts; "active" is left out.
 answers 0 profile show 'two words' --json
 cp -- "$out/answer" /tmp/shown.json
+step 'its policies are texts' [ "$(jq -c '[.rules[][].policy] | unique' /tmp/shown.json)" = '["allow"]' ]
 readonly kAsCodes='def code: {"allow": 0, "deny": 1, "none": 2}[.]? // .;
     .adapterPolicyMap[] |= code | .rules[][].policy |= code'
 readonly kAsTexts='def text: ["allow", "deny", "none"][.]? // .;
@@ -201,6 +202,10 @@ answers 0 profile show --json
 import json, sys
 document = json.load(open(sys.argv[1]))
 document["active"] = True
+texts = ["allow", "deny", "none"]
+document["adapterPolicyMap"] = {name: texts[code] for name, code in document["adapterPolicyMap"].items()}
+for rule in (rule for rules in document["rules"].values() for rule in rules):
+    rule["policy"] = texts[rule["policy"]]
 print(json.dumps(document))
 END
 prints_json </tmp/wanted.json

@@ -76,20 +76,20 @@ says '^Rule 1 of vpn: allow everything from anywhere$'
 
 rules_of eth0 >"$out/answer"
 prints_json <<'END'
-[{"ruleIndex": 0, "enable": true, "adapterDirect": 1, "protocol": 1, "policy": 0, "blLog": true,
+[{"ruleIndex": 0, "enable": true, "adapterDirect": 1, "protocol": 1, "policy": "allow", "blLog": true,
   "name": "office", "table": "filter", "labelList": [],
   "chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL"], "ipType": 0, "ipDirect": 1, "ipGroup": 1,
   "ipList": ["192.168.1.0", "255.255.255.0"], "portDirect": 0, "portGroup": 1,
   "portList": ["22", "80", "6000-6010"]},
- {"ruleIndex": 1, "enable": true, "adapterDirect": 1, "protocol": 1, "policy": 1, "blLog": false,
+ {"ruleIndex": 1, "enable": true, "adapterDirect": 1, "protocol": 1, "policy": "deny", "blLog": false,
   "name": "abroad", "table": "filter", "labelList": ["one", "two words"],
   "chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL"], "ipType": 2, "ipDirect": 1, "ipGroup": 3,
   "ipList": ["CN", "RU"], "portDirect": 0, "portGroup": 3, "portList": []},
- {"ruleIndex": 2, "enable": true, "adapterDirect": 1, "protocol": 1, "policy": 0, "blLog": false,
+ {"ruleIndex": 2, "enable": true, "adapterDirect": 1, "protocol": 1, "policy": "allow", "blLog": false,
   "name": "", "table": "filter", "labelList": [],
   "chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL"], "ipType": 0, "ipDirect": 1, "ipGroup": 4,
   "ipList": ["10.0.0.5", "10.0.0.9"], "portDirect": 0, "portGroup": 0, "portList": ["smb"]},
- {"ruleIndex": 3, "enable": false, "adapterDirect": 0, "protocol": 2, "policy": 1, "blLog": false,
+ {"ruleIndex": 3, "enable": false, "adapterDirect": 0, "protocol": 2, "policy": "deny", "blLog": false,
   "name": "", "table": "filter", "labelList": [],
   "chainList": ["FORWARD_FIREWALL", "INPUT_FIREWALL"], "ipType": 1, "ipDirect": 1, "ipGroup": 5,
   "ipList": [], "portDirect": 1, "portGroup": 1, "portList": ["123"]}]
@@ -358,7 +358,7 @@ refused 5 '^tarnfw: there is no rule 9 of eth0' rule delete 9 --adapter eth0 --p
 # Two, as after one service was allowed and then another one blocked.
 tarnfw profile show lab --json | /usr/bin/python3 -c 'import json, sys
 document = json.load(sys.stdin)
-for policy, service in (0, "ssh"), (1, "smb"):
+for policy, service in ("allow", "ssh"), ("deny", "smb"):
     rule = dict(document["rules"]["eth0"][0], name="Service", policy=policy, protocol=3,
                 portGroup=2, portList=[service])
     document["rules"]["eth0"].insert(0, rule)

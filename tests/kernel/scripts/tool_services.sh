@@ -95,11 +95,11 @@ prints_json <<'END'
    {"name": "global", "predefined": true, "present": true, "up": false, "addresses": [],
     "standsFor": [], "policy": "none", "rules": 0, "rulesOff": 0, "inProfile": true, "open": null},
    {"name": "pppoe", "predefined": true, "present": false, "up": false, "addresses": [],
-    "standsFor": [], "policy": null, "rules": 0, "rulesOff": 0, "inProfile": false, "open": null},
+    "standsFor": [], "policy": "none", "rules": 0, "rulesOff": 0, "inProfile": false, "open": null},
    {"name": "tun0", "predefined": false, "present": true, "up": true, "addresses": ["10.9.0.1"],
-    "standsFor": [], "policy": null, "rules": 0, "rulesOff": 0, "inProfile": false, "open": true},
+    "standsFor": [], "policy": "none", "rules": 0, "rulesOff": 0, "inProfile": false, "open": true},
    {"name": "vpn", "predefined": true, "present": true, "up": false, "addresses": [],
-    "standsFor": ["tun0"], "policy": null, "rules": 0, "rulesOff": 0, "inProfile": false, "open": null}]}
+    "standsFor": ["tun0"], "policy": "none", "rules": 0, "rulesOff": 0, "inProfile": false, "open": null}]}
 END
 ip link set tun0 down
 printf 'pppoe_interface="ppp7"\n' >>/etc.defaults/tarninfo.conf
@@ -127,13 +127,13 @@ step 'titles count, in any letters' [ "$(tail -n +2 "$out/answer" | cut -d ' ' -
 answers 0 services 'k*t_o?t' --json
 prints_json <<'END'
 {"services": [{"name": "kept_out", "title": "", "usable": false, "source": null,
-               "destination": {"protocol": "tcp", "ports": ["1"]}}]}
+               "destination": {"protocol": "tcp", "ports": ["tcp 1"]}}]}
 END
 answers 0 services two_sided --json
 prints_json <<'END'
 {"services": [{"name": "two_sided", "title": "Two sides", "usable": true,
-               "destination": {"protocol": "tcp/udp", "ports": ["53", "60-61"]},
-               "source": {"protocol": "udp", "ports": ["67"]}}]}
+               "destination": {"protocol": "tcp/udp", "ports": ["tcp/udp 53", "tcp/udp 60-61"]},
+               "source": {"protocol": "udp", "ports": ["udp 67"]}}]}
 END
 answers 5 services no_such_thing
 complains '^tarnfw: no service of the catalogue matches "no_such_thing" ("tarnfw services" lists them)$'

@@ -57,7 +57,7 @@ answers 0 status --json
 prints_json <<END
 {"enabled": true, "asStored": true, "complaints": [],
  "nothingInForce": false, "interruptedReload": false, "bootFailure": null, "startsAtBoot": null,
- "activeProfile": "disabled_rule_and_absent_adapter", "activeProfileExists": true,
+ "profile": "disabled_rule_and_absent_adapter", "profileExists": true,
  "applyMode": "lines", "modulesLoaded": true, "trial": null,
  "kernel": {
   "v4": {"setUp": true, "inOrder": true, "base": "set up", "inForce": "asStored",
@@ -70,7 +70,7 @@ prints_json <<END
     present: ($name == "global" or $name == "eth0"),
     policy: (["allow", "deny", "none"][.adapterPolicyMap[$name]]),
     rules: (.rules[$name] // [] | length),
-    enabledRules: ([.rules[$name] // [] | .[] | select(.enable)] | length),
+    rulesOff: ([.rules[$name] // [] | .[] | select(.enable | not)] | length),
     inProfile: true, open: null}]' \
     "$kProfileDirectory/disabled_rule_and_absent_adapter.json")}
 END

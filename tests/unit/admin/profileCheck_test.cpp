@@ -469,7 +469,7 @@ TEST_F(ProfileCheckTest, PlacesAreData) {
     std::vector<std::string> places;
     for (const Finding& finding : checkProfile(document, machine)) {
         const Json::Value entry = jsonOf(finding);
-        places.push_back(entry["where"].asString() + " " + entry["adapter"].asString() + " " +
+        places.push_back(entry["path"].asString() + " " + entry["adapter"].asString() + " " +
                          (entry["position"].isNull() ? "-" : entry["position"].asString()) +
                          (finding.shadowedBy ? " by " + placeText(*finding.shadowedBy) : ""));
     }

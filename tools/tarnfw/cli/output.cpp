@@ -273,11 +273,19 @@ void Table::print(std::size_t indent) const {
     }
 }
 
-void printJson(const Json::Value& document) {
+std::string jsonText(const Json::Value& document) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "  ";
     builder["emitUTF8"] = true;
-    std::cout << printableJson(Json::writeString(builder, document)) << '\n';
+    return printableJson(Json::writeString(builder, document)) + '\n';
+}
+
+void printJson(const Json::Value& document) {
+    std::cout << jsonText(document);
+}
+
+Json::Value textOrNull(const std::string& text) {
+    return text.empty() ? Json::Value() : Json::Value(text);
 }
 
 Progress::Progress(const std::string& what)

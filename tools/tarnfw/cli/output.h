@@ -60,8 +60,14 @@ private:
     std::vector<std::vector<Cell>> rows_;
 };
 
-/// Prints a document to standard output, indented, in UTF-8, with a line feed at its end.
+/// A document as "--json" prints it: indented, in UTF-8, with a line feed at its end.
+std::string jsonText(const Json::Value& document);
+
+/// Prints it to standard output.
 void printJson(const Json::Value& document);
+
+/// A text of a document; null when it is empty.
+Json::Value textOrNull(const std::string& text);
 
 /// Progress of long work, on standard error if it is a terminal; cleared at the end.
 class Progress {

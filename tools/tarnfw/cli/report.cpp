@@ -68,10 +68,6 @@ const char* nameOf(ErrorKind kind) {
     return "system";
 }
 
-Json::Value textOrNull(const std::string& text) {
-    return text.empty() ? Json::Value() : Json::Value(text);
-}
-
 /// Null where nothing is known of it.
 Json::Value documentOf(const ErrorPlace& place) {
     if (place.file.empty() && place.path.empty() && !place.rule) {

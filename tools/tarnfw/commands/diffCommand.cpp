@@ -342,7 +342,9 @@ void printDocument(const Compared& compared, const std::vector<ChainDifference>&
             entry["chain"] = difference.place.second;
             entry["change"] = edit.mark == '-' ? "missing" : "extra";
             entry["rule"] = edit.line;
-            entry["position"] = static_cast<Json::UInt>(edit.position);
+            entry["position"] = edit.position == 0
+                                    ? Json::Value()
+                                    : Json::Value(static_cast<Json::UInt>(edit.position));
             document["differences"].append(entry);
         }
     }

@@ -89,9 +89,9 @@ Json::Value stepDocument(const FW::FWPROFILE& profile, const FW::FWVERDICTSTEP& 
     document["before"] = verdictText(step.before);
     document["after"] = verdictText(step.after);
     if (step.kind == FW::FW_VERDICT_STEP_RULE) {
-        document["list"] = step.list;
+        document["adapter"] = step.list;
         document["position"] = step.position;
-        document["rule"] = ruleText(ruleOf(profile, step));
+        document["text"] = ruleText(ruleOf(profile, step));
         document["last"] = step.last;
     }
     return document;
@@ -218,9 +218,9 @@ AdapterDecisions decisionsOn(Decider& decider, const PortQuery& options,
 
 Json::Value placeDocument(const Decider& decider, const RulePlace& place) {
     Json::Value document;
-    document["list"] = place.adapter;
+    document["adapter"] = place.adapter;
     document["position"] = static_cast<Json::UInt64>(place.position);
-    document["rule"] = ruleText(decider.ruleAt(place));
+    document["text"] = ruleText(decider.ruleAt(place));
     return document;
 }
 
@@ -245,7 +245,7 @@ Json::Value decisionDocument(const Decider& decider, FW::FW_PORT_PROTOCOL protoc
     if (decision.by == DecidedBy::kRule) {
         document = placeDocument(decider, decision.place);
     } else if (decision.by == DecidedBy::kDefaultPolicy) {
-        document["list"] = decision.place.adapter;
+        document["adapter"] = decision.place.adapter;
     }
     document["port"] = protocolText(protocol) + " " + portSpanText(decision.ports);
     document["by"] = deciderWord(decision.by);

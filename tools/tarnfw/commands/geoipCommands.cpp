@@ -51,8 +51,8 @@ void list(bool json) {
         const std::size_t v6 = readCountryRanges(code, true).size();
         Json::Value entry;
         entry["country"] = code;
-        entry["ipv4Ranges"] = static_cast<Json::UInt>(v4);
-        entry["ipv6Ranges"] = static_cast<Json::UInt>(v6);
+        entry["v4Ranges"] = static_cast<Json::UInt>(v4);
+        entry["v6Ranges"] = static_cast<Json::UInt>(v6);
         document["countries"].append(entry);
         table.addRow({{code}, {std::to_string(v4)}, {std::to_string(v6)}});
         progress.step();

@@ -99,15 +99,12 @@ void print(const Differences& differences) {
 }
 
 Json::Value jsonOf(const Differences& differences) {
-    const auto orNull = [](const std::string& text) {
-        return text.empty() ? Json::Value() : Json::Value(text);
-    };
     Json::Value list(Json::arrayValue);
     for (const StoreDifference& difference : differences) {
         Json::Value entry;
         entry["change"] = nameOf(difference.kind);
-        entry["profile"] = orNull(difference.profile);
-        entry["adapter"] = orNull(difference.adapter);
+        entry["profile"] = textOrNull(difference.profile);
+        entry["adapter"] = textOrNull(difference.adapter);
         entry["position"] = difference.position == 0
                                 ? Json::Value()
                                 : Json::Value(static_cast<Json::UInt64>(difference.position));
@@ -129,7 +126,7 @@ Json::Value jsonOf(const HistoryEntry& entry, const Differences& differences) {
     Json::Value document;
     document["number"] = static_cast<Json::UInt64>(entry.number);
     document["time"] = timeForPrograms(entry.time);
-    document["command"] = entry.command;
+    document["command"] = textOrNull(entry.command);
     document["differences"] = jsonOf(differences);
     return document;
 }

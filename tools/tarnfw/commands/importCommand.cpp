@@ -195,7 +195,8 @@ void printPlan(const ImportPlan& plan) {
 }
 
 /// Puts it into the document of "--json": "changes", "profiles", "settings".
-void report(const ImportPlan& plan, Report& document) {
+void report(const ImportPlan& plan, const Json::Value& current, const Json::Value& imported,
+            Report& document) {
     document["changes"] = !plan.changesNothing;
     document["profiles"] = Json::Value(Json::arrayValue);
     for (const ProfileChange& change : plan.profiles) {
@@ -209,8 +210,8 @@ void report(const ImportPlan& plan, Report& document) {
     for (const SettingDifference& change : plan.settings) {
         Json::Value entry;
         entry["setting"] = change.setting;
-        entry["now"] = change.before;
-        entry["imported"] = change.after;
+        entry["now"] = current[kConfigSettings][change.setting];
+        entry["imported"] = imported[kConfigSettings][change.setting];
         document["settings"].append(entry);
     }
 }
@@ -405,7 +406,10 @@ std::optional<bool> importInto(Context& context, const Json::Value& document,
     const Json::Value current = context.store().configuration();
     requireRoomFor(document, current);
     const ImportPlan plan = importPlan(current, document);
-    report(plan, *options.reload.report);
+    report(plan, current, document, *options.reload.report);
+    const Json::Value active = settingAfter("profile", current, document);
+    options.reload.report->setProfile(active.isString() ? active.asString()
+                                                        : context.store().activeProfile());
     (*options.reload.report)["backup"] = Json::nullValue;
     if (!options.reload.report->isJson()) {
         printPlan(plan);

@@ -165,7 +165,7 @@ Json::Value adapterDocument(const Adapter& adapter) {
     document["addresses"] =
         toArray(adapter.interface ? addressTexts(*adapter.interface) : std::vector<std::string>());
     document["standsFor"] = toArray(adapter.meant);
-    document["policy"] = adapter.policy ? Json::Value(policyText(*adapter.policy)) : Json::Value();
+    document["policy"] = policyText(adapter.policy.value_or(FW::FW_POLICY_NONE));
     document["rules"] = static_cast<Json::UInt64>(adapter.rules);
     document["rulesOff"] = static_cast<Json::UInt64>(adapter.rulesOff);
     addUnlisted(document, adapter.inProfile, adapter.unlisted);
@@ -219,7 +219,9 @@ Json::Value sideDocument(const ServiceSide& side) {
     }
     Json::Value document;
     document["protocol"] = protocolText(side.protocol);
-    document["ports"] = toArray(side.ports);
+    for (const std::string& port : side.ports) {
+        document["ports"].append(protocolText(side.protocol) + " " + port);
+    }
     return document;
 }
 

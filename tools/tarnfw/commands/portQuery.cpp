@@ -255,7 +255,7 @@ std::string TunnelAnswer::text() const {
 void TunnelAnswer::addTo(Json::Value& entry) const {
     for (const std::string& owner : owners) {
         entry["tunnelOf"].append(owner);
-        entry["ipv6Verdict"] = verdict ? Json::Value(verdictText(*verdict)) : Json::Value();
+        entry["v6Verdict"] = verdict ? Json::Value(verdictText(*verdict)) : Json::Value();
     }
 }
 

@@ -188,6 +188,24 @@ void printAdapters(const FW::FWPROFILE& profile, const std::vector<std::string>&
     printPolicy(profile, adapters.front());
 }
 
+/// As all answers have them; makeStoredForm() is the way back. An unknown code stays one.
+void makePoliciesTexts(Json::Value& document) {
+    const auto makeText = [](Json::Value& policy) {
+        const int code = policy.asInt();
+        if (code >= FW::FW_POLICY_ALLOW && code <= FW::FW_POLICY_NONE) {
+            policy = policyText(static_cast<FW::FW_POLICY>(code));
+        }
+    };
+    for (Json::Value& policy : document["adapterPolicyMap"]) {
+        makeText(policy);
+    }
+    for (Json::Value& rules : document["rules"]) {
+        for (Json::Value& rule : rules) {
+            makeText(rule["policy"]);
+        }
+    }
+}
+
 void show(const std::string& name, bool json) {
     const Context context(StoreSession::Access::kRead);
     const FW::FWPROFILE& profile = context.store().profile(name);
@@ -195,6 +213,7 @@ void show(const std::string& name, bool json) {
     if (json) {
         Json::Value document;
         FW::TARNFW_JSON_DB().profileToJson(profile, document);
+        makePoliciesTexts(document);
         document["active"] = active;
         printJson(document);
         return;

@@ -94,9 +94,9 @@ Json::Value adapterJson(const AdapterState& state) {
     Json::Value entry;
     entry["name"] = state.name;
     entry["present"] = state.present;
-    entry["policy"] = state.policy ? Json::Value(policyText(*state.policy)) : Json::Value();
+    entry["policy"] = policyText(state.policy.value_or(FW::FW_POLICY_NONE));
     entry["rules"] = static_cast<Json::UInt64>(state.rules);
-    entry["enabledRules"] = static_cast<Json::UInt64>(state.enabledRules);
+    entry["rulesOff"] = static_cast<Json::UInt64>(state.rules - state.enabledRules);
     addUnlisted(entry, !state.unlisted, state.unlisted);
     return entry;
 }
@@ -151,9 +151,9 @@ const char* phaseName(TrialState::Phase phase) {
 Json::Value trialJson(const std::optional<TrialState>& trial) {
     Json::Value entry;
     if (trial) {
-        entry["profile"] = trial->profile;
+        entry["profile"] = textOrNull(trial->profile);
         entry["state"] = phaseName(trial->phase);
-        entry["obstacle"] = trial->obstacle;
+        entry["obstacle"] = textOrNull(trial->obstacle);
         entry["secondsLeft"] = trial->phase == TrialState::Phase::kGoesOn
                                    ? Json::Value(static_cast<Json::Int64>(trial->secondsLeft))
                                    : Json::Value();
@@ -357,8 +357,8 @@ Json::Value documentOf(const Status& status) {
     document["bootFailure"] = status.boot ? Json::Value(textOf(*status.boot)) : Json::Value();
     document["startsAtBoot"] =
         status.unit.enabled ? Json::Value(*status.unit.enabled) : Json::Value();
-    document["activeProfile"] = status.active;
-    document["activeProfileExists"] = status.hasActive;
+    document["profile"] = status.active;
+    document["profileExists"] = status.hasActive;
     document["applyMode"] = status.applyMode;
     document["modulesLoaded"] = status.modules;
     document["trial"] = trialJson(status.trial);
