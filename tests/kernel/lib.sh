@@ -23,7 +23,7 @@ changes=stored
 tarnfw() {
     local status=0
     "$build/tools/tarnfw/tarnfw" "$@" || status=$?
-    if [[ $changes == stored && $* == 'base up' ]] &&
+    if [[ $changes == stored && $* == 'base up'* ]] &&
         grep --quiet --no-messages '"applyChanges"' "$kSettings"; then
         sed -i '/"applyChanges"/d' "$kSettings"
     fi

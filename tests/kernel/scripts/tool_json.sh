@@ -19,7 +19,13 @@ fails() {
 fails 5 notFound profile list
 step 'with what helps' [ "$(jq -r '.error.remedy' "$out/answer")" = '"tarnfw base up" writes a first one' ]
 fails 1 system enable
-answers 0 base up
+answers 0 base up --json
+silent
+step 'what was added' [ "$(jq -c '[.changed, .profile, .v4.chains, (.v6.jumps | length)]' "$out/answer")" = \
+    '[true,"default",["FIREWALL_RELOADING","INPUT_FIREWALL","FORWARD_FIREWALL"],4]' ]
+answers 0 base up --json
+step 'nothing is left to add' [ "$(jq -c '[.changed, .profile, .v4.chains, .v6.jumps]' "$out/answer")" = \
+    '[false,null,[],[]]' ]
 answers 0 profile create home --empty
 answers 0 profile use home
 fails 5 notFound profile show nowhere
@@ -73,7 +79,11 @@ step 'the new one' [ "$(jq -c '[.changed, .profile]' "$out/answer")" = '[true,"a
 answers 0 profile rename away gone --json
 answers 0 profile delete gone --json
 step 'the deleted one' [ "$(jq -c '[.changed, .profile]' "$out/answer")" = '[true,"gone"]' ]
-answers 0 export /tmp/all.json
+answers 0 export /tmp/all.json --json
+silent
+step 'what was exported' [ "$(jq -c '[.changed, .profile, .profiles, .file]' "$out/answer")" = \
+    '[false,"home",["default","home"],"/tmp/all.json"]' ]
+fails 2 usage export
 answers 0 apply-mode lines --json
 step 'the mode' [ "$(jq -c '[.changed, .applyMode]' "$out/answer")" = '[true,"lines"]' ]
 fails 1 declined import /tmp/all.json
@@ -82,7 +92,49 @@ silent
 step 'what changed' [ "$(jq -c '[.changed, .changes, .profiles[0].change, .settings[0].now]' "$out/answer")" = \
     '[true,true,"unchanged","lines"]' ]
 step 'the backup' [ -f "$(jq -r .backup "$out/answer")" ]
+answers 0 boot --json
+silent
+step 'what a boot has applied' [ "$(jq -c '[.changed, .applied, .profile]' "$out/answer")" = '[false,true,"home"]' ]
+
+# on_trial PROFILE: until its rules are in force.
+on_trial() {
+    rm -f -- "$out/trial"
+    tarnfw try "$1" --json </dev/null >"$out/trial" 2>&1 &
+    trial=$!
+    until [[ -s $out/trial ]]; do
+        step 'the trial goes on' kill -0 "$trial"
+        sleep 0.05
+    done
+    step 'what is on trial' [ "$(jq -c '[.state, .profile, .changed, .applied, (.until | fromdate) > now]' \
+        "$out/trial")" = "[\"in force\",\"$1\",false,true,true]" ]
+}
+
+# ended STATUS TEXT: so the trial has ended, with a second document.
+ended() {
+    local status=0
+    wait "$trial" || status=$?
+    step "it ends with $1" [ "$status" = "$1" ]
+    step 'says how it ended' [ "$(jq -r '.state // .error.message' "$out/trial" | sed 1d)" = "$2" ]
+    step 'as its schema says' "$checkout/tests/kernel/json_answer" "$checkout/docs/tarnfw-json.schema.json" \
+        try <"$out/trial"
+}
+
+answers 0 profile copy home tried
+on_trial tried
+answers 0 try --cancel --json
+silent
+step 'cancelled' [ "$(jq -c '[.state, .profile, .changed, .until]' "$out/answer")" = '["reverted","tried",false,null]' ]
+ended 1 'profile "tried" was not kept: cancelled; the previous rules are in force again'
+on_trial tried
+answers 0 try --confirm --json
+silent
+step 'kept' [ "$(jq -c '[.state, .profile, .changed]' "$out/answer")" = '["kept","tried",true]' ]
+ended 0 kept
+fails 5 notFound try --cancel
 answers 0 disable --json
+answers 0 base down --json
+step 'what was removed' [ "$(jq -c '[.changed, (.v4.chains | length), (.v6.chains | length)]' "$out/answer")" = \
+    '[true,3,3]' ]
 answers 0 modules load vpn --json
 silent
 step 'it is loaded' [ "$(jq -c '[.changed, .messages]' "$out/answer")" = '[true,["Modules loaded for \"vpn\""]]' ]

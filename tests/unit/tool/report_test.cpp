@@ -105,6 +105,28 @@ TEST_F(ReportTest, WhatAFailedCommandHasSaidGoesWithTheError) {
     EXPECT_THROW(std::rethrow_exception(thrown_), Error);
 }
 
+TEST_F(ReportTest, ACommandThatGoesOnPrintsADocumentBeforeTheLast) {
+    run({"change", "--json"}, [this] {
+        std::cout << "begun\n";
+        report_.printNow();
+        std::cout << "ended\n";
+        report_.setChanged();
+    });
+    const std::size_t end = output_.find("\n}\n") + 3;
+    const Json::Value first = parsed(output_.substr(0, end));
+    EXPECT_EQ(first["messages"][0], "begun");
+    EXPECT_EQ(first["changed"], false);
+    const Json::Value last = parsed(output_.substr(end));
+    EXPECT_EQ(last["messages"].size(), 1U);
+    EXPECT_EQ(last["messages"][0], "ended");
+    EXPECT_EQ(last["changed"], true);
+}
+
+TEST_F(ReportTest, WithoutJsonNothingIsPrintedBeforehand) {
+    run({"change"}, [this] { report_.printNow(); });
+    EXPECT_EQ(output_, "");
+}
+
 TEST_F(ReportTest, NobodyIsAskedWithJson) {
     bool asked = true;
     run({"change", "--json"}, [&] { asked = canAsk(); });

@@ -1,11 +1,14 @@
 #include "cli/output.h"
 
 #include <sys/ioctl.h>
+#include <time.h>
 #include <unistd.h>
 #include <wchar.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
+#include <ctime>
 #include <iostream>
 #include <numeric>
 
@@ -282,6 +285,13 @@ std::string jsonText(const Json::Value& document) {
 
 void printJson(const Json::Value& document) {
     std::cout << jsonText(document);
+}
+
+std::string timeForPrograms(std::time_t time) {
+    std::tm parts{};
+    (void)gmtime_r(&time, &parts);
+    std::array<char, 32> text{};
+    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
 
 Json::Value textOrNull(const std::string& text) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,9 @@ std::string jsonText(const Json::Value& document);
 
 /// Prints it to standard output.
 void printJson(const Json::Value& document);
+
+/// A time of a document: "2026-11-21T05:14:56Z".
+std::string timeForPrograms(std::time_t time);
 
 /// A text of a document; null when it is empty.
 Json::Value textOrNull(const std::string& text);

@@ -128,6 +128,10 @@ std::vector<std::string> CapturedOutput::takeLines() {
     return linesOf(take());
 }
 
+void CapturedOutput::writeThrough(const std::string& text) const {
+    (void)writeText(before_.get(), text);
+}
+
 // ---- Reports ------------------------------------------------------------------------------------
 
 Json::Value Report::document(const std::vector<std::string>& messages,
@@ -139,6 +143,12 @@ Json::Value Report::document(const std::vector<std::string>& messages,
     document["messages"] = listOf(messages);
     document["warnings"] = listOf(warnings);
     return document;
+}
+
+void Report::printNow() {
+    if (output_ != nullptr) {
+        output_->writeThrough(jsonText(document(output_->takeLines(), errors_->takeLines())));
+    }
 }
 
 void runReporting(Command& command, Report& report, std::function<void()> action) {
@@ -153,6 +163,8 @@ void runReporting(Command& command, Report& report, std::function<void()> action
         {
             CapturedOutput errors(STDERR_FILENO);
             CapturedOutput output(STDOUT_FILENO);
+            report.output_ = &output;
+            report.errors_ = &errors;
             try {
                 action();
             } catch (const CommandEnded&) {

@@ -30,6 +30,9 @@ public:
     /// The lines so far, printable and without "tarnfw: " before them.
     std::vector<std::string> takeLines();
 
+    /// Writes to where the output would have gone.
+    void writeThrough(const std::string& text) const;
+
 private:
     std::string take();
 
@@ -55,6 +58,10 @@ public:
 
     bool isJson() const { return json_; }
 
+    /// With "--json", prints the document as it is now, with the lines so far: for a command that
+    /// goes on until somebody else ends it. The lines after it are those of the last document.
+    void printNow();
+
 private:
     friend void runReporting(Command& command, Report& report, std::function<void()> action);
 
@@ -62,6 +69,8 @@ private:
                          const std::vector<std::string>& warnings) const;
 
     bool json_ = false;
+    CapturedOutput* output_ = nullptr;  // while the command runs
+    CapturedOutput* errors_ = nullptr;
     bool changed_ = false;
     bool applied_ = false;
     Json::Value profile_;

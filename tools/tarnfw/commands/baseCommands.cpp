@@ -99,7 +99,7 @@ bool storeHasProfile(const StoreSnapshot& store) {
 
 /// Writes the first profile, for this machine. Not through the store: its generator of file names
 /// needs a profile to compare with, and would not return.
-void writeFirstProfile(Context& context) {
+void writeFirstProfile(Context& context, Report& report) {
     Json::Value document;
     FW::TARNFW_JSON_DB().profileToJson(firstProfileHere(kFirstProfile, context.machine()),
                                        document);
@@ -113,6 +113,8 @@ void writeFirstProfile(Context& context) {
     if (!context.session().change([&] { return FW::jsonFileDump(document, path); })) {
         throw Error(ErrorKind::kSystem, "cannot write the first profile to " + path);
     }
+    report.setChanged();
+    report.setProfile(kFirstProfile);
     std::cout << "Profile " << inQuotes(kFirstProfile) << " written to " << path << '\n';
 }
 
@@ -145,7 +147,7 @@ bool lacksAppliesChanges(const StoreSnapshot& store) {
 
 /// Writes what the store lacks: a first profile, an apply mode. On a new machine, changes are then
 /// applied at once; one with a profile goes on as its people know it.
-void setUpStore(bool ipv6Works, const LockTime& time) {
+void setUpStore(bool ipv6Works, const LockTime& time, Report& report) {
     makeProfileDirectory();
     {
         // First without the lock: at boot a stopped command, or a file that is no document, must
@@ -158,10 +160,11 @@ void setUpStore(bool ipv6Works, const LockTime& time) {
     Context context(StoreSession::Access::kChange, std::make_unique<Machine>(), time);
     const bool first = !storeHasProfile(context.store());
     if (first) {
-        writeFirstProfile(context);
+        writeFirstProfile(context, report);
     }
     if (lacksApplyMode(context.store())) {
         chooseApplyMode(context, ipv6Works);
+        report.setChanged();
     }
     if (first && lacksAppliesChanges(context.store())) {
         context.session().setAppliesChanges();
@@ -173,13 +176,44 @@ void setUpStore(bool ipv6Works, const LockTime& time) {
 
 // ---- Commands ----
 
+Json::Value chainsJson(const BaseParts& parts) {
+    Json::Value chains(Json::arrayValue);
+    for (const std::string& chain : parts.chains) {
+        chains.append(chain);
+    }
+    return chains;
+}
+
+Json::Value jumpsJson(const BaseParts& parts) {
+    Json::Value jumps(Json::arrayValue);
+    for (const auto& [chain, target] : parts.jumps) {
+        Json::Value jump;
+        jump.append(chain);
+        jump.append(target);
+        jumps.append(jump);
+    }
+    return jumps;
+}
+
+/// Reports what was added to a family, or removed.
+void reportParts(const BaseFilter& filter, const BaseParts& parts, Report& report) {
+    Json::Value& family = report[filter.key().c_str()];
+    family["absent"] = false;
+    family["chains"] = chainsJson(parts);
+    family["jumps"] = jumpsJson(parts);
+    if (!parts.empty()) {
+        report.setChanged();
+    }
+}
+
 /// What to do when the record cannot be read or written.
 enum class Unrecorded { kStop, kGoOn };
 
 /// Sets up one family. Returns why it is not recorded, or nothing; throws Error where it stops.
-std::string setUp(BaseFilter filter, Unrecorded unrecorded = Unrecorded::kStop) {
+std::string setUp(BaseFilter filter, Report& report, Unrecorded unrecorded = Unrecorded::kStop) {
     if (MachineKernel().isAbsent(filter.key())) {
         std::cout << filter.title() << ": " << kAbsent << '\n';
+        report[filter.key().c_str()]["absent"] = true;
         return "";
     }
     const BaseParts parts = filter.missing();
@@ -193,15 +227,16 @@ std::string setUp(BaseFilter filter, Unrecorded unrecorded = Unrecorded::kStop) 
         failure = error.what();
     }
     filter.add(parts);
+    reportParts(filter, parts, report);
     std::cout << filter.title() << ": added " << describe(parts) << '\n';
     return failure;
 }
 
 /// Sets up both families. Returns why IPv6 could not be, or nothing: IPv4 is useful without it.
-std::string setUpBoth() {
-    (void)setUp(BaseFilter("v4"));
+std::string setUpBoth(Report& report) {
+    (void)setUp(BaseFilter("v4"), report);
     try {
-        (void)setUp(BaseFilter("v6"));
+        (void)setUp(BaseFilter("v6"), report);
     } catch (const Error& failure) {
         return failure.what();
     }
@@ -209,9 +244,9 @@ std::string setUpBoth() {
 }
 
 /// Sets up the base filter and what is missing in the store, and only then fails.
-void setUpMachine(const LockTime& time, bool enabled) {
-    const std::string failure = setUpBoth();
-    setUpStore(failure.empty(), time);
+void setUpMachine(const LockTime& time, bool enabled, Report& report) {
+    const std::string failure = setUpBoth(report);
+    setUpStore(failure.empty(), time, report);
     tidyBase(enabled);
     if (!failure.empty()) {
         throw Error(ErrorKind::kSystem, failure);
@@ -227,13 +262,13 @@ bool isEnabled() {
     }
 }
 
-void baseUp() {
+void baseUp(Report& report) {
     requireRoot();
     requireNoTrial();
     LockTime time;
     const ToolLock lock(kLockName, time);
     awaitXtablesLock(time);
-    setUpMachine(time, isEnabled());
+    setUpMachine(time, isEnabled(), report);
 }
 
 /// Whether some of `parts` are among the missing ones.
@@ -246,7 +281,7 @@ bool isAnyOf(const BaseParts& parts, const BaseParts& missing) {
     return haveOne(parts.chains, missing.chains) || haveOne(parts.jumps, missing.jumps);
 }
 
-void baseDown() {
+void baseDown(Report& report) {
     requireRoot();
     requireNoTrial();
     LockTime time;
@@ -265,7 +300,13 @@ void baseDown() {
         putPoliciesBack(family, filter);
         record.erase(filter.key());
         storeBaseRecord(record);
+        reportParts(filter, family.added, report);
         std::cout << filter.title() << ": removed " << describe(family.added) << '\n';
+    }
+    for (const char* const family : {"v4", "v6"}) {
+        if (report[family].isNull()) {
+            report[family]["absent"] = true;
+        }
     }
     if (enabled) {
         std::cerr
@@ -281,17 +322,8 @@ Json::Value statusJson(const BaseFilter& filter) {
     }
     const BaseParts parts = filter.missing();
     Json::Value missing(Json::objectValue);
-    missing["chains"] = Json::Value(Json::arrayValue);
-    missing["jumps"] = Json::Value(Json::arrayValue);
-    for (const std::string& chain : parts.chains) {
-        missing["chains"].append(chain);
-    }
-    for (const auto& [chain, target] : parts.jumps) {
-        Json::Value jump;
-        jump.append(chain);
-        jump.append(target);
-        missing["jumps"].append(jump);
-    }
+    missing["chains"] = chainsJson(parts);
+    missing["jumps"] = jumpsJson(parts);
     state["setUp"] = parts.empty();
     state["inOrder"] = filter.inOrder();
     state["missing"] = missing;
@@ -374,7 +406,8 @@ std::string setUpAtBoot() {
     std::string failures;
     for (const char* const family : {"v4", "v6"}) {
         try {
-            const std::string unrecorded = setUp(BaseFilter(family), Unrecorded::kGoOn);
+            Report report;  // "boot" reports no parts
+            const std::string unrecorded = setUp(BaseFilter(family), report, Unrecorded::kGoOn);
             addFailure(failures, unrecorded);
         } catch (const Error& failure) {
             addFailure(failures, failure.what());
@@ -401,7 +434,7 @@ std::string setUpAndProtect(LockTime& time, std::string& failures) {
 }
 
 /// Applies the active profile, unless something has failed before. Throws what went wrong.
-void applyAtBoot(const std::string& failures, const LockTime& time) {
+void applyAtBoot(const std::string& failures, const LockTime& time, Report& report) {
     if (!failures.empty()) {
         throw Error(ErrorKind::kSystem, failures);
     }
@@ -414,7 +447,6 @@ void applyAtBoot(const std::string& failures, const LockTime& time) {
     if (!context.store().firewallEnabled()) {
         throw Error(ErrorKind::kSystem, "the settings do not say whether the firewall is enabled");
     }
-    Report report;  // nobody asks for it
     reloadActive(context.control(), report);
 }
 
@@ -466,7 +498,7 @@ void undoChangeAtBoot(LockTime& time) {
     });
 }
 
-void boot() {
+void boot(Report& report) {
     requireRoot();
     requireNoTrialAtBoot();
     LockTime time;
@@ -483,7 +515,7 @@ void boot() {
     std::string inForce = "nothing: the machine is open";
     try {
         inForce = setUpAndProtect(time, failures);
-        applyAtBoot(failures, time);
+        applyAtBoot(failures, time, report);
     } catch (const std::exception& error) {
         bootFailed(error, inForce);
     }
@@ -494,16 +526,20 @@ void boot() {
 void addBaseCommands(Command& app) {
     Command& base = app.subcommand(
         "base", "The chains that the firewall fills, for machines that do not create them");
-    base.subcommand("up",
-                    "Add those of the chains INPUT_FIREWALL, FORWARD_FIREWALL and "
-                    "FIREWALL_RELOADING, and of the jumps to them, that are missing, for IPv4 and "
-                    "IPv6, write a first profile for this machine if there is none, and choose an "
-                    "apply mode if nobody has")
-        .run(baseUp);
-    base.subcommand("down",
-                    "Remove the chains and jumps that \"base up\" added, and nothing else; "
-                    "profiles stay")
-        .run(baseDown);
+    const auto up = std::make_shared<Report>();
+    Command& upCommand = base.subcommand(
+        "up",
+        "Add those of the chains INPUT_FIREWALL, FORWARD_FIREWALL and "
+        "FIREWALL_RELOADING, and of the jumps to them, that are missing, for IPv4 and "
+        "IPv6, write a first profile for this machine if there is none, and choose an "
+        "apply mode if nobody has");
+    runReporting(upCommand, *up, [up] { baseUp(*up); });
+    const auto down = std::make_shared<Report>();
+    Command& downCommand =
+        base.subcommand("down",
+                        "Remove the chains and jumps that \"base up\" added, and nothing else; "
+                        "profiles stay");
+    runReporting(downCommand, *down, [down] { baseDown(*down); });
     Command& status =
         base.subcommand("status", "Show which chains and jumps exist and which are missing");
     const auto json = std::make_shared<bool>(false);
@@ -519,7 +555,8 @@ void addBaseCommands(Command& app) {
         "except for established connections, loopback, neighbour discovery, DHCP, and SSH from "
         "private and link-local networks. With the firewall disabled, or on a machine without "
         "settings, it changes nothing, and the machine is open.");
-    bootCommand.run(boot);
+    const auto booting = std::make_shared<Report>();
+    runReporting(bootCommand, *booting, [booting] { boot(*booting); });
 }
 
 }  // namespace tarnfw

@@ -12,6 +12,7 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "cli/report.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
 #include "tarnfwadmin/documentFile.h"
@@ -25,6 +26,7 @@ struct Options {
     std::string path;
     bool force = false;
     bool partial = false;
+    Report report;
 };
 
 /// Throws Error if an export would not be complete: it may be somebody's only backup.
@@ -42,9 +44,12 @@ void requireWhole(const StoreSnapshot& store) {
     }
 }
 
-void exportAll(const Options& options) {
+void exportAll(Options& options) {
     requireRoot();
     const bool toFile = !options.path.empty() && options.path != kStandardInput;
+    if (!toFile && options.report.isJson()) {
+        throw UsageError("--json needs a FILE: what goes to standard output is a document already");
+    }
     if (toFile && !options.force && TLIBCFileExist(options.path.c_str()) == 1) {
         throw Error(ErrorKind::kUnusable,
                     printable(options.path) + " already exists; --force replaces it");
@@ -63,6 +68,12 @@ void exportAll(const Options& options) {
     }
     writeFileAtomically(options.path, text, kFileMode,
                         options.force ? Existing::kReplacedAlike : Existing::kKept);
+    options.report.setProfile(context.store().activeProfile());
+    options.report["file"] = options.path;
+    Json::Value& names = options.report["profiles"] = Json::Value(Json::arrayValue);
+    for (const std::string& name : context.store().profileNames()) {
+        names.append(name);
+    }
     std::cout << counted(document[kConfigProfiles].size(), "profile")
               << " and the settings written to " << printable(options.path) << '\n';
 }
@@ -77,7 +88,7 @@ void addExportCommand(Command& app) {
     command.flag("--force", options->force, "Replace an existing file");
     command.flag("--partial", options->partial,
                  "Export what can be read, even if profiles or the active one are missing");
-    command.run([options] { exportAll(*options); });
+    runReporting(command, options->report, [options] { exportAll(*options); });
 }
 
 }  // namespace tarnfw

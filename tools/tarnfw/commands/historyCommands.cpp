@@ -45,14 +45,6 @@ std::string localTime(std::time_t time) {
     return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts)};
 }
 
-/// "2026-11-21T05:14:56Z".
-std::string timeForPrograms(std::time_t time) {
-    std::tm parts{};
-    (void)gmtime_r(&time, &parts);
-    std::array<char, 32> text{};
-    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts)};
-}
-
 std::string commandOf(const HistoryEntry& entry) {
     return entry.command.empty() ? "(unknown)" : entry.command;
 }

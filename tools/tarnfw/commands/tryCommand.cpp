@@ -11,6 +11,7 @@
 
 #include <array>
 #include <chrono>
+#include <ctime>
 #include <exception>
 #include <functional>
 #include <iostream>
@@ -23,6 +24,7 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "cli/report.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
 #include "process/trial.h"
@@ -48,6 +50,7 @@ struct TryOptions {
     int seconds = kDefaultSeconds;
     bool confirm = false;
     bool cancel = false;
+    Report report;
 };
 
 // ---- Conditions of a trial ----
@@ -208,11 +211,13 @@ private:
 /// Waits for the person, the watchdog or a signal, and shows the time left.
 class Countdown {
 public:
-    Countdown(const Trial& trial, const Watchdog& watchdog, const sigset_t& signals)
+    Countdown(const Trial& trial, const Watchdog& watchdog, const sigset_t& signals, Report& answer)
         : trial_(trial),
           watchdog_(watchdog),
           signals_(signalfd(-1, &signals, SFD_CLOEXEC)),
-          onTerminal_(isatty(STDIN_FILENO) == 1) {
+          answer_(answer),
+          showsTime_(isatty(STDIN_FILENO) == 1 && !answer.isJson()),
+          onTerminal_(showsTime_) {
         // Enter counts only when it is pressed after the rules are in force.
         (void)tcflush(STDIN_FILENO, TCIFLUSH);
     }
@@ -277,7 +282,7 @@ private:
         return read(STDIN_FILENO, line.data(), line.size()) > 0;
     }
 
-    void announce() const {
+    void announce() {
         std::cout << "The rules of " << inQuotes(trial_.name) << " are in force for "
                   << counted(static_cast<std::size_t>(trial_.timeout.count()), "second") << ".\n"
                   << (onTerminal_ ? "Press Enter to keep them, Ctrl-C to restore the previous "
@@ -285,6 +290,10 @@ private:
                                   : "")
                   << "\"tarnfw try --confirm\" keeps them.\n"
                   << std::flush;
+        answer_.setApplied();
+        answer_["state"] = "in force";
+        answer_["until"] = timeForPrograms(std::time(nullptr) + trial_.timeout.count());
+        answer_.printNow();
     }
 
     void showTime() const {
@@ -295,7 +304,7 @@ private:
     }
 
     void clearLine() const {
-        if (isatty(STDIN_FILENO) == 1) {
+        if (showsTime_) {
             std::cout << "\r\033[K" << std::flush;
         }
     }
@@ -303,18 +312,25 @@ private:
     const Trial& trial_;
     const Watchdog& watchdog_;
     Descriptor signals_;
+    Report& answer_;
+    const bool showsTime_;
     bool onTerminal_;
     Retries retries_;
     Clock::time_point end_ = Clock::now() + trial_.timeout;
 };
 
 /// Prints how a trial ended. Throws Error unless the profile was kept.
-void conclude(const std::string& name, const Json::Value& report) {
+void conclude(const std::string& name, const Json::Value& report, Report& answer) {
+    answer.setProfile(name);
     const std::string state = report.get("state", "").asString();
     const std::string reason = report.get("reason", "").asString();
     const std::string obstacle = report.get("obstacle", "").asString();
     const std::string profile = "profile " + inQuotes(name);
     if (state == kTrialAdopted) {
+        answer.setChanged();
+        answer.setApplied();
+        answer["state"] = "kept";
+        answer["until"] = Json::nullValue;
         std::cout << "Kept: " << profile << " is now the active one\n";
         return;
     }
@@ -373,8 +389,9 @@ Json::Value endAbandoned(const std::string& name, const std::string& reason) {
     }
 }
 
-void tryProfile(const TryOptions& options) {
+void tryProfile(TryOptions& options) {
     const Trial trial{options.profile, std::chrono::seconds(options.seconds)};
+    options.report.setProfile(trial.name);
     requireTriable(trial.name);
     const sigset_t signals = blockEndingSignals();
     std::cout << std::flush;
@@ -387,7 +404,7 @@ void tryProfile(const TryOptions& options) {
         report = nextReport(watchdog);
     }
     if (report) {
-        report = Countdown(trial, watchdog, signals).wait(*report);
+        report = Countdown(trial, watchdog, signals, options.report).wait(*report);
     }
     watchdog.printLog();
     if (!report) {
@@ -395,12 +412,12 @@ void tryProfile(const TryOptions& options) {
         report =
             endAbandoned(trial.name, killed ? "the watchdog was killed" : "the watchdog failed");
     }
-    conclude(trial.name, *report);
+    conclude(trial.name, *report, options.report);
 }
 
 // ---- From another terminal ----
 
-void confirmTrial() {
+void confirmTrial(Report& answer) {
     const std::optional<Channel> trial = callTrial();
     if (!trial) {
         throw Error(ErrorKind::kNotFound, StoreSnapshot().firewallEnabled()
@@ -409,22 +426,26 @@ void confirmTrial() {
                                                 "nothing was kept");
     }
     const Json::Value report = askTrial(*trial, kAskConfirm);
-    conclude(report.get("profile", "").asString(), report);
+    conclude(report.get("profile", "").asString(), report, answer);
 }
 
 /// Prints that a trial was cancelled. Throws Error where it is not over.
-void concludeCancelled(const std::string& whose, const Json::Value& report) {
+void concludeCancelled(const std::string& whose, const Json::Value& report, Report& answer) {
     if (report.get("state", "").asString() != kTrialReverted) {
-        conclude(report.get("profile", "").asString(), report);
+        conclude(report.get("profile", "").asString(), report, answer);
         return;
     }
+    answer.setProfile(report.get("profile", "").asString());
+    answer.setApplied();
+    answer["state"] = "reverted";
+    answer["until"] = Json::nullValue;
     std::cout << whose << " of " << inQuotes(report.get("profile", "").asString()) << " ended; "
               << report.get("now", "").asString() << '\n';
 }
 
-void cancelTrial() {
+void cancelTrial(Report& answer) {
     if (const std::optional<Channel> trial = callTrial()) {
-        concludeCancelled("Trial", askTrial(*trial, kAskCancel));
+        concludeCancelled("Trial", askTrial(*trial, kAskCancel), answer);
         return;
     }
     const std::optional<std::string> name = abandonedTrial(StoreSnapshot());
@@ -432,15 +453,15 @@ void cancelTrial() {
         throw Error(ErrorKind::kNotFound, "there is no trial");
     }
     (void)blockEndingSignals();
-    concludeCancelled("Abandoned trial", endAbandoned(*name, "cancelled"));
+    concludeCancelled("Abandoned trial", endAbandoned(*name, "cancelled"), answer);
 }
 
-void run(const TryOptions& options) {
+void run(TryOptions& options) {
     requireRoot();
     if (options.confirm) {
-        confirmTrial();
+        confirmTrial(options.report);
     } else if (options.cancel) {
-        cancelTrial();
+        cancelTrial(options.report);
     } else if (options.profile.empty()) {
         throw UsageError("PROFILE is required");
     } else {
@@ -478,7 +499,7 @@ void addTryCommand(Command& app) {
         "succeeds.\nDuring the trial, established connections pass only if the rules allow them, "
         "so a connection that keeps working is allowed. Commands that would apply other rules are "
         "refused; \"tarnfw disable\" ends the trial at once, without any rules.");
-    command.run([options] { run(*options); });
+    runReporting(command, options->report, [options] { run(*options); });
 }
 
 }  // namespace tarnfw
