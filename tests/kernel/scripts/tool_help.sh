@@ -123,6 +123,48 @@ answers 0 status
 says '^Active profile: *home$'
 says '^Firewall: *enabled$'
 
+# The examples that end the help of each command are commands. What they find here differs, and so does how
+# they end; "try" is refused at once, since "disable" comes before it.
+examples_of() {
+    tarnfw "$@" --help | sed -n -e '/^Examples:$/,$s/^  \(tarnfw .*\)/\1/p' -e 's/^Example: //p' \
+        -e '/^Examples: /{s///; s/, /\n/g; p}'
+}
+
+# noting_wrong_usage ARGUMENT...: the tool; other programs of an example may end with 2 as well.
+noting_wrong_usage() {
+    local status=0
+    "$build/tools/tarnfw/tarnfw" "$@" || status=$?
+    ((status != 2)) || touch "$out/wrong_usage"
+    return "$status"
+}
+
+run_all_examples() {
+    local command line
+    for command in $(subcommands "$@"); do
+        if [[ -n $(subcommands "$@" "$command") ]]; then
+            run_all_examples "$@" "$command"
+            continue
+        fi
+        step "an example of: $* $command" [ -n "$(examples_of "$@" "$command")" ]
+        while read -r line; do
+            printf -- '-- %s\n' "$line"
+            (cd /tmp && EDITOR=true eval "${line//tarnfw /noting_wrong_usage }") >"$out/answer" \
+                2>"$out/complaint" </dev/null || true
+            [[ ! -e $out/wrong_usage ]] || {
+                cat -- "$out/complaint"
+                fail "wrong usage: $line"
+            }
+        done < <(examples_of "$@" "$command")
+    done
+}
+
+answers 0 profile copy home travel
+cp -- "$checkout/examples/lan-only.json" /tmp/home.json
+cp -- "$checkout/examples/lan-only.json" /tmp/travel.json
+answers 0 disable
+run_all_examples
+answers 0 base up
+
 ordinary=(setpriv --reuid 65534 --regid 65534 --clear-groups --inh-caps +dac_override
     --ambient-caps +dac_override --)
 if "${ordinary[@]}" true 2>/dev/null; then
