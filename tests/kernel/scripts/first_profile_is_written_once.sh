@@ -59,6 +59,36 @@ step 'no directory: the settings are there, with apply mode "batch"' [ \
     "$(jq -c '[.status, .profile, .apply]' "$kSettings")" = '[false,"default","batch"]' ]
 step 'no directory: the profile is there' [ "$(tarnfw profile list)" = '* default' ]
 
+# Killed when only the profile is written, it has done nothing: the next call does all of it, which is one
+# change of the history.
+rm -rf -- "$kProfileDirectory"
+exec {held}< <(
+    exec /usr/bin/python3 -c '
+import fcntl, signal
+lock = open("/var/lock/firewall/firewall_settings.json.lock", "w")
+fcntl.lockf(lock, fcntl.LOCK_EX)
+print("held", flush=True)
+signal.pause()'
+)
+holder=$!
+[[ $(head -n 1 <&"$held") == held ]] || fail 'cannot lock the settings'
+"$build/tools/tarnfw/tarnfw" base up >"$out/killed" 2>&1 &
+killed=$!
+until compgen -G "$kProfileDirectory/*.json" >/dev/null; do
+    kill -0 "$killed" || fail 'it did not wait'
+done
+kill -KILL "$killed"
+wait "$killed" || true
+kill "$holder"
+exec {held}<&-
+step 'after a killed call: base up returns' base_up
+step 'after a killed call: all settings are there' [ \
+    "$(jq -c '[.status, .profile, .apply, .applyChanges]' "$kSettings")" = '[false,"default","batch",true]' ]
+step 'after a killed call: one profile' [ "$(profile_files | wc -l)" = 1 ]
+step 'it is one change' [ "$(tarnfw history --json | jq '.history | length')" = 1 ]
+step 'which can be undone' tarnfw undo
+step 'as a whole' [ -z "$(find "$kProfileDirectory" -maxdepth 1 -name '*.json')" ]
+
 rm -rf -- "$kProfileDirectory"
 writes_one empty
 

@@ -11,6 +11,8 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <ostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -99,7 +101,7 @@ bool storeHasProfile(const StoreSnapshot& store) {
 
 /// Writes the first profile, for this machine. Not through the store: its generator of file names
 /// needs a profile to compare with, and would not return.
-void writeFirstProfile(Context& context, Report& report) {
+void writeFirstProfile(Context& context, std::ostream& said) {
     Json::Value document;
     FW::TARNFW_JSON_DB().profileToJson(firstProfileHere(kFirstProfile, context.machine()),
                                        document);
@@ -113,9 +115,7 @@ void writeFirstProfile(Context& context, Report& report) {
     if (!context.session().change([&] { return FW::jsonFileDump(document, path); })) {
         throw Error(ErrorKind::kSystem, "cannot write the first profile to " + path);
     }
-    report.setChanged();
-    report.setProfile(kFirstProfile);
-    std::cout << "Profile " << inQuotes(kFirstProfile) << " written to " << path << '\n';
+    said << "Profile " << inQuotes(kFirstProfile) << " written to " << path << '\n';
 }
 
 /// Whether nobody has chosen an apply mode. Settings that cannot be read are not to be written.
@@ -128,12 +128,12 @@ bool lacksApplyMode(const StoreSnapshot& store) {
 }
 
 /// Chooses the apply mode: "batch", which no connection notices, or "lines" if ip6tables fails.
-void chooseApplyMode(Context& context, bool ipv6Works) {
+void chooseApplyMode(Context& context, bool ipv6Works, std::ostream& said) {
     const ApplyMode mode = ipv6Works ? ApplyMode::kBatch : ApplyMode::kLines;
     context.session().setApplyMode(mode);
-    std::cout << "Settings written to " << kSettingsFile << ": "
-              << "apply mode \"" << applyModeName(mode) << '"'
-              << (ipv6Works ? "" : ", because ip6tables fails") << " (see \"tarnfw apply-mode\")\n";
+    said << "Settings written to " << kSettingsFile << ": "
+         << "apply mode \"" << applyModeName(mode) << '"'
+         << (ipv6Works ? "" : ", because ip6tables fails") << " (see \"tarnfw apply-mode\")\n";
 }
 
 /// Whether the settings do not say when changes are applied.
@@ -145,8 +145,8 @@ bool lacksAppliesChanges(const StoreSnapshot& store) {
     }
 }
 
-/// Writes what the store lacks: a first profile, an apply mode. On a new machine, changes are then
-/// applied at once; one with a profile goes on as its people know it.
+/// Writes what the store lacks, as one change: a first profile, an apply mode. On a new machine,
+/// changes are then applied at once; one with a profile goes on as its people know it.
 void setUpStore(bool ipv6Works, const LockTime& time, Report& report) {
     makeProfileDirectory();
     {
@@ -159,19 +159,27 @@ void setUpStore(bool ipv6Works, const LockTime& time, Report& report) {
     }
     Context context(StoreSession::Access::kChange, std::make_unique<Machine>(), time);
     const bool first = !storeHasProfile(context.store());
+    std::ostringstream said;
+    context.session().holdChange();  // with a profile alone, the next call would leave out the rest
     if (first) {
-        writeFirstProfile(context, report);
+        writeFirstProfile(context, said);
     }
     if (lacksApplyMode(context.store())) {
-        chooseApplyMode(context, ipv6Works);
-        report.setChanged();
+        chooseApplyMode(context, ipv6Works, said);
     }
     if (first && lacksAppliesChanges(context.store())) {
         context.session().setAppliesChanges();
-        std::cout
-            << "Commands apply their changes of the active profile at once; \"--later\" leaves "
-               "that out\n";
+        said << "Commands apply their changes of the active profile at once; \"--later\" leaves "
+                "that out\n";
     }
+    context.session().keepChange();
+    if (first) {
+        report.setProfile(kFirstProfile);
+    }
+    if (context.session().hasChanged()) {
+        report.setChanged();
+    }
+    std::cout << said.str();
 }
 
 // ---- Commands ----
