@@ -7,6 +7,7 @@
 #include <tuple>
 #include <vector>
 
+#include "base/iptablesAddress.h"
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/portEntry.h"
 
@@ -37,6 +38,13 @@ Texts addressesOf(const FW::FWRULE& rule) {
             if (list.size() >= 2) {
                 if (const auto network = networkFrom(list[0], list[1])) {
                     return {spelled(network->first) + "-" + spelled(network->last)};
+                }
+                const auto read =
+                    addressesRead(list[0] + "/" + list[1], rule.ipType == FW::FW_IP_TYPE_V6);
+                if (read && read->size() == 1) {
+                    const AddressRange hull = read->front().hull();
+                    return {read->front().range() ? spelled(hull.first) + "-" + spelled(hull.last)
+                                                  : spelled(read->front())};
                 }
                 return {plainAddress(list[0]) + "/" + plainAddress(list[1])};
             }

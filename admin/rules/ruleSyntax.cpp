@@ -15,6 +15,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
+#include "base/iptablesAddress.h"
 #include "rules/portWords.h"
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/error.h"
@@ -223,17 +224,40 @@ std::int32_t familyOf(const Address& address, const std::string& word, const Rul
     return address.isIpv6() ? FW::FW_IP_TYPE_V6 : FW::FW_IP_TYPE_V4;
 }
 
+/// A network as iptables and ip6tables read it, see addressesRead(). Not with a zone, which they
+/// leave out, nor with a mask of 0, before which they take anything.
+std::optional<MaskedAddress> networkRead(const std::string& word) {
+    for (const bool ipv6 : {false, true}) {
+        const auto read = addressesRead(word, ipv6);
+        if (read && read->size() == 1 && read->front().mask != Address(ipv6, {}) &&
+            word.find('%') == std::string::npos) {
+            return read->front();
+        }
+    }
+    return std::nullopt;
+}
+
 void useNetwork(const std::string& word, const RuleOptions& options, FW::FWRULE& rule) {
     const std::size_t slash = word.find('/');
-    const std::string mask = word.substr(slash + 1);
-    const std::optional<AddressRange> network = networkFrom(word.substr(0, slash), mask);
+    std::string mask = word.substr(slash + 1);
+    std::optional<AddressRange> network = networkFrom(word.substr(0, slash), mask);
+    rule.ipGroup = FW::FW_IP_GROUP_NETWORK;
     if (!network) {
-        wrong(inQuotes(word) +
-              " is not a network such as 192.168.1.0/24, 192.168.1.0/255.255.255.0 "
-              "or 2001:db8::/64");
+        const std::optional<MaskedAddress> read = networkRead(word);
+        if (!read) {
+            wrong(inQuotes(word) +
+                  " is not a network such as 192.168.1.0/24, 192.168.1.0/255.255.255.0 "
+                  "or 2001:db8::/64");
+        }
+        network = read->range();
+        mask = spelled(read->mask);
+        if (!network) {  // the mask has a gap, and so no length
+            rule.ipType = familyOf(read->base, word, options);
+            rule.ipList = {spelled(read->base), mask};
+            return;
+        }
     }
     const int length = *prefixLengthFrom(mask, network->first.isIpv6());
-    rule.ipGroup = FW::FW_IP_GROUP_NETWORK;
     rule.ipType = familyOf(network->first, word, options);
     rule.ipList = {spelled(network->first), std::to_string(length)};
     if (!network->first.isIpv6()) {

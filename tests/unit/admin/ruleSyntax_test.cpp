@@ -197,6 +197,11 @@ const AddressCase kAddresses[] = {
     {"V6Prefix", "2001:db8:1::/64", 1, 1, "2001:db8:1:: 64"},
     {"V6HostBits", "fe80::1/10", 1, 1, "fe80:: 10"},
     {"V6All", "::/0", 1, 1, ":: 0"},
+    {"V4MaskWithGap", "10.1.2.3/255.0.255.0", 1, 0, "10.0.2.0 255.0.255.0"},
+    {"V6MaskWithGap", "2001:db8:1::/ffff:0:ffff::", 1, 1, "2001:0:1:: ffff:0:ffff::"},
+    {"V6Mask", "2001:db8::1/ffff:ffff::", 1, 1, "2001:db8:: 32"},
+    {"ShortNetwork", "10.1/16", 1, 0, "10.1.0.0 255.255.0.0"},
+    {"HexadecimalLength", "10.0.0.0/0x8", 1, 0, "10.0.0.0 255.0.0.0"},
     {"V4Range", "10.0.0.5-10.0.0.9", 4, 0, "10.0.0.5 10.0.0.9"},
     {"V6Range", "2001:db8::5-2001:db8::9", 4, 1, "2001:db8::5 2001:db8::9"},
     {"RangeOfOne", "10.0.0.5-10.0.0.5", 4, 0, "10.0.0.5 10.0.0.5"},
@@ -340,6 +345,8 @@ TEST(RulePrintedTest, IsReadAsTheSameRule) {
         {"deny icmp to 2001:db8::1", {}},
         {"allow service ssh,ntp from 10.0.0.5-10.0.0.9", named},
         {"deny from country CN,RU", onlyV4()},
+        {"deny from 10.0.2.0/255.0.255.0", {}},
+        {"deny tcp 22 to 2001:0:1::/ffff:0:ffff::", {}},
         {"deny udp 123", all},
     };
     for (const auto& [words, options] : cases) {
@@ -482,9 +489,15 @@ const RefusalCase kRefusals[] = {
     {"PrefixTooLong", "allow from 10.0.0.0/33",
      "\"10.0.0.0/33\" is not a network such as 192.168.1.0/24, 192.168.1.0/255.255.255.0 or "
      "2001:db8::/64"},
-    {"MaskWithGap", "allow from 10.0.0.0/255.0.255.0",
-     "\"10.0.0.0/255.0.255.0\" is not a network such as 192.168.1.0/24, "
+    {"MaskTooHigh", "allow from 10.0.0.0/255.0.256.0",
+     "\"10.0.0.0/255.0.256.0\" is not a network such as 192.168.1.0/24, "
      "192.168.1.0/255.255.255.0 or 2001:db8::/64"},
+    {"NoNetworkBeforeMask", "allow from lan/0",
+     "\"lan/0\" is not a network such as 192.168.1.0/24, 192.168.1.0/255.255.255.0 or "
+     "2001:db8::/64"},
+    {"ZoneOfNetwork", "allow from fe80::1%eth0/64",
+     "\"fe80::1%eth0/64\" is not a network such as 192.168.1.0/24, 192.168.1.0/255.255.255.0 or "
+     "2001:db8::/64"},
     {"V6PrefixTooLong", "allow from ::/129",
      "\"::/129\" is not a network such as 192.168.1.0/24, 192.168.1.0/255.255.255.0 or "
      "2001:db8::/64"},
