@@ -169,6 +169,29 @@ std::optional<RulePlace> effectivePlace(FW::FWPROFILE profile, const FW::FWRULE&
     return effect.hasLines && !effect.shadowedBy ? shadow : std::nullopt;
 }
 
+OpenByPolicy openByPolicy(FW::FWPROFILE profile, const std::string& adapter, Machine& machine) {
+    const auto policy = profile.adapterPolicyMap.find(adapter);
+    const bool denies =
+        policy != profile.adapterPolicyMap.end() && policy->second == FW::FW_POLICY_DENY;
+    if (adapter == kGlobal || denies) {
+        return OpenByPolicy::kNothing;
+    }
+    std::vector<FW::FWRULE>& list = profile.rules[adapter];
+    FW::FWRULE everything;
+    everything.enable = true;
+    everything.policy = FW::FW_POLICY_ALLOW;
+    everything.portGroup = FW::FW_PORT_GROUP_ANY;
+    everything.ipGroup = FW::FW_IP_GROUP_ANY;
+    everything.ipType = FW::FW_IP_TYPE_BOTH;
+    everything.adapterDirect = FW::FW_ADAPTER_DIRECT_IN;
+    list.push_back(everything);
+    const RuleEffect effect = ruleEffect(profile, {adapter, list.size()}, machine);
+    if (effect.shadowedBy) {
+        return OpenByPolicy::kNothing;
+    }
+    return effect.exceptions.empty() ? OpenByPolicy::kEverything : OpenByPolicy::kNotDenied;
+}
+
 std::string effectText(const FW::FWRULE& rule, const std::string& adapter,
                        const RuleEffect& effect) {
     const bool denies = rule.policy == FW::FW_POLICY_DENY;
@@ -179,8 +202,8 @@ std::string effectText(const FW::FWRULE& rule, const std::string& adapter,
         (rule.ipGroup == FW::FW_IP_GROUP_ANY || rule.ipGroup == FW::FW_IP_GROUP_COUNTRIES);
     const std::string family = narrow ? ", " + familyText(rule.ipType) + " only" : "";
     if (effect.changesNothing) {
-        return verb + " nothing new, since nothing else " + (denies ? "opens " : "closes ") +
-               whatText(rule) + " " + where + ", " + whomText(rule) + family;
+        return whatText(rule) + (denies ? " is closed already " : " is open already ") + where +
+               ", " + whomText(rule) + family;
     }
     std::string text = verb + " " + whatText(rule) + " " + where + ", " + whomText(rule) + family;
     if (!effect.exceptions.empty()) {

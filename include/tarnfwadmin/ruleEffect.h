@@ -36,9 +36,20 @@ RuleEffect ruleEffect(const FW::FWPROFILE& profile, const RulePlace& place, Mach
 std::optional<RulePlace> effectivePlace(FW::FWPROFILE profile, const FW::FWRULE& rule,
                                         const std::string& adapter, Machine& machine);
 
+/// What the default policy of an adapter leaves open.
+enum class OpenByPolicy {
+    kNothing,     ///< it denies, or a rule decides everything
+    kNotDenied,   ///< what no rule denies
+    kEverything,  ///< everything: no rule denies anything
+};
+
+/// The adapter's default policy is "allow" unless the profile has one. Of "global" it is kNothing.
+/// Considers single rules. Throws as ruleEffect().
+OpenByPolicy openByPolicy(FW::FWPROFILE profile, const std::string& adapter, Machine& machine);
+
 /// In one line, for a rule with lines that is not shadowed: "opens tcp 8080 on every adapter, for
-/// everybody", "closes tcp 22 on eth0, for 10.0.0.0/8, except what rule 1 of eth0 allows". Not made
-/// printable.
+/// everybody", "closes tcp 22 on eth0, for 10.0.0.0/8, except what rule 1 of eth0 allows", "tcp 22
+/// is open already on eth0, for everybody". Not made printable.
 std::string effectText(const FW::FWRULE& rule, const std::string& adapter,
                        const RuleEffect& effect);
 

@@ -9,7 +9,7 @@ import coming_from
 SAYS = [
     ("tarnfw rule add --adapter wg0 allow udp 51820", "there is no adapter \"wg0\" now"),
     ("tarnfw rule add allow tcp 8080", "already"),
-    ("tarnfw rule delete allow tcp 8080", "^Deleted: "),
+    ("tarnfw rule delete allow tcp 8080", "^Deleted rule "),
     ("tarnfw adapters", "^eth1 .* deny "),
     ("tarnfw open", "Open to"),
     ("tarnfw log-denied on", "^Denied packets are logged: eth0, eth1"),

@@ -46,7 +46,8 @@ jq '.messages = .messages[:1]' "$out/added" >"$out/answer" # then what it opens
 prints_json <<'END'
 {"changed": true, "applied": false, "profile": "home",
  "rules": [{"adapter": "eth0", "position": 1, "text": "allow tcp 22 from anywhere"}],
- "messages": ["Rule 1 of eth0: allow tcp 22 from anywhere"], "warnings": []}
+ "messages": ["Rule 1 of eth0: allow tcp 22 from anywhere"],
+ "warnings": ["eth0 has the default policy \"allow\": everything else is open on it, too; \"tarnfw policy eth0 deny\" closes it"]}
 END
 answers 0 rule add --adapter eth0 allow tcp 22 --json
 step 'the same again' [ "$(jq -c '[.changed, .rules[0].position]' "$out/answer")" = '[false,1]' ]

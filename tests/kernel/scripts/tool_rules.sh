@@ -50,11 +50,12 @@ for country in CN.iv4 RU.iv4 DE.iv4; do
 done
 head -c 32 /dev/zero >/usr/share/xt_geoip/DE.iv6
 
+# Nothing is closed yet, which is said with each rule that allows something.
 rule add allow tcp 22,80,6000-6010 from 192.168.1.0/24 --log --name office
-silent
+complains '^tarnfw: eth0 has the default policy "allow": everything else is open on it, too; "tarnfw policy eth0 deny" closes it$'
 prints <<'END'
 Rule 1 of eth0: allow tcp 22,80,6000-6010 from 192.168.1.0/24, logged (IPv4)  "office"
-Opens nothing new, since nothing else closes tcp 22,80,6000-6010 on eth0, for 192.168.1.0/24
+tcp 22,80,6000-6010 is open already on eth0, for 192.168.1.0/24
 END
 rule add deny from country cn,RU --name abroad --label one --label 'two words'
 prints <<'END'
@@ -64,8 +65,9 @@ END
 rule add allow service smb from 10.0.0.5-10.0.0.9
 prints <<'END'
 Rule 3 of eth0: allow service smb from 10.0.0.5-10.0.0.9 (IPv4)
-Opens nothing new, since nothing else closes service smb on eth0, for 10.0.0.5-10.0.0.9
+Service smb is open already on eth0, for 10.0.0.5-10.0.0.9
 END
+complains '^tarnfw: eth0 has the default policy "allow": what no rule denies is open on it, too; '
 rule add --disabled --out --source-port --family v6 deny udp 123
 prints <<<'Rule 4 of eth0: [off] deny udp source port 123 from anywhere, outgoing (IPv6)'
 # Without an adapter it is "global".
@@ -150,6 +152,16 @@ refused 2 '^tarnfw: positions and --name exclude each other$' rule delete 1 --na
 refused 2 '^tarnfw: ' rule move 1 --adapter eth0
 refused 2 '^tarnfw: ' policy eth0
 refused 2 '^tarnfw: .*dany' policy eth0 dany
+for word in DROP reject Deny; do
+    refused 2 "^tarnfw: \"$word\" is not one of allow, deny, none; did you mean \"deny\"?\$" policy eth0 "$word"
+done
+refused 2 '; did you mean "allow"?$' policy eth0 ACCEPT
+for word in 0 allow; do
+    refused 2 "\"$word\" is not a number from 1 to 1000000\$" rule insert "$word" --adapter eth0 tcp 22
+done
+answers 0 rule delete --help
+says '^  --log  *With words: the rule logs matching packets$'
+refuses 'not as for a new one' grep --quiet 'Also log' "$out/answer"
 refused 2 '^tarnfw: "tarnfw rule add" does not take "--lgo"$' rule add --adapter eth0 deny any --lgo
 step 'and names the right one' grep --quiet 'Did you mean "tarnfw rule add --log"?' "$out/complaint"
 
@@ -162,18 +174,16 @@ refused 1 '^tarnfw: "a/b" is not the name of an adapter$' policy a/b deny
 refused 1 '^tarnfw: rules and default policies of "ppp0" are never applied; use "pppoe"' rule add --adapter ppp0 deny any
 refused 1 '^tarnfw: "global" has no default policy' policy global deny
 refused 5 '^tarnfw: there is no profile "nowhere" ' rule add --adapter eth0 --profile nowhere deny any
-for words in 'set 5 deny any' 'delete 5' 'delete 1 0' 'delete 2-99999' 'on 5' 'off 1,5' 'move 5 1' 'move 1 5' 'move 0 1'; do
+for words in 'set 5 deny any' 'delete 5' 'delete 1 0' 'delete 2-99999' 'on 5' 'off 1,5' 'move 5 1' 'move 1 5'; do
     read -r -a words <<<"$words"
     refused 5 '^tarnfw: there is no rule [05] of eth0, which has 4 rules$' rule "${words[@]}" --adapter eth0
 done
 refused 5 '^tarnfw: there is no position 6 in the list of eth0, which has 4 rules$' \
     rule insert 6 --adapter eth0 deny any
-for words in 'delete -1' 'delete x' 'off 99999999999999999999999' 'move 1 -1' 'insert -1 deny any'; do
+for words in 'delete -1' 'delete x' 'off 99999999999999999999999' 'move 1 -1' 'move 0 1' 'insert -1 deny any'; do
     read -r -a arguments <<<"$words"
     refused 2 '^tarnfw: ' rule "${arguments[@]}" --adapter eth0
 done
-refused 5 '^tarnfw: there is no position 0 in the list of eth0, which has 4 rules$' \
-    rule insert 0 --adapter eth0 deny any
 refused 5 '^tarnfw: there is no rule 1 of pppoe, which has 0 rules$' rule off 1 --adapter pppoe
 answers 5 rule off 9 --adapter eth0 --json
 step 'the place' [ "$(jq -c '.error.place | [.adapter, .position]' "$out/answer")" = '["eth0",9]' ]
@@ -185,16 +195,21 @@ refused 5 '^tarnfw: no rule of eth0 is "allow service smb from 10.0.0.5-10.0.0.8
     rule delete allow service smb from 10.0.0.5-10.0.0.8 --adapter eth0
 refused 5 '^tarnfw: no rule of global is "deny everything from country CN,RU", but rule 2 of eth0 is this rule (--adapter eth0)$' \
     rule delete deny from country CN,RU
-refused 5 '^tarnfw: no rule of global is "deny tcp 1 from anywhere", which has 1 rule$' rule delete deny tcp 1
+refused 5 '^tarnfw: no rule of global is "deny tcp 1 from anywhere"; "tarnfw profile show lab" lists the rules$' \
+    rule delete deny tcp 1 --profile lab
+refused 5 '^tarnfw: no rule of eth0 is "deny udp 12345 from anywhere"; "tarnfw profile show" lists the rules$' \
+    rule delete deny udp 12345 --adapter eth0
+refused 5 '; the nearest is rule 3: allow service smb from 10.0.0.5-10.0.0.9 (IPv4)$' \
+    rule delete deny service smb --adapter eth0
 
 # --- insert, set, move, on, off, delete ------------------------------------------------------------
 
 rule delete 4 1,2-3 2-3
 prints <<'END'
-Deleted: Rule 1 of eth0: allow tcp 22,80,6000-6010 from 192.168.1.0/24, logged (IPv4)  "office"
-Deleted: Rule 2 of eth0: deny everything from country CN,RU  "abroad"
-Deleted: Rule 3 of eth0: allow service smb from 10.0.0.5-10.0.0.9 (IPv4)
-Deleted: Rule 4 of eth0: [off] deny udp source port 123 from anywhere, outgoing (IPv6)
+Deleted rule 1 of eth0: allow tcp 22,80,6000-6010 from 192.168.1.0/24, logged (IPv4)  "office"
+Deleted rule 2 of eth0: deny everything from country CN,RU  "abroad"
+Deleted rule 3 of eth0: allow service smb from 10.0.0.5-10.0.0.9 (IPv4)
+Deleted rule 4 of eth0: [off] deny udp source port 123 from anywhere, outgoing (IPv6)
 END
 step 'no rule is left' [ "$(rules_of eth0)" = null ]
 step 'the default policy is' grep --quiet '^  default policy: deny$' <(tarnfw profile show)
@@ -240,21 +255,21 @@ for port in 7 8 9; do
 done
 rule delete --name both
 prints <<'END'
-Deleted: Rule 3 of eth0: allow tcp 7 from 10.0.0.0/8 (IPv4)  "both"
-Deleted: Rule 4 of eth0: allow tcp 8 from 10.0.0.0/8 (IPv4)  "both"
-Deleted: Rule 5 of eth0: allow tcp 9 from 10.0.0.0/8 (IPv4)  "both"
+Deleted rule 3 of eth0: allow tcp 7 from 10.0.0.0/8 (IPv4)  "both"
+Deleted rule 4 of eth0: allow tcp 8 from 10.0.0.0/8 (IPv4)  "both"
+Deleted rule 5 of eth0: allow tcp 9 from 10.0.0.0/8 (IPv4)  "both"
 END
 rule insert 3 deny both 53 --v6 --log
 rule insert 3 deny both 53
 rule insert 3 deny 53/both --log --family 6 --name again
 rule delete deny tcp,udp 53 --v6 --log
 prints <<'END'
-Deleted: Rule 3 of eth0: deny tcp/udp 53 from anywhere, logged (IPv6)  "again"
-Deleted: Rule 5 of eth0: deny tcp/udp 53 from anywhere, logged (IPv6)
+Deleted rule 3 of eth0: deny tcp/udp 53 from anywhere, logged (IPv6)  "again"
+Deleted rule 5 of eth0: deny tcp/udp 53 from anywhere, logged (IPv6)
 END
 # As it was printed.
 rule delete 'deny tcp/udp 53 from anywhere'
-prints <<<'Deleted: Rule 3 of eth0: deny tcp/udp 53 from anywhere'
+prints <<<'Deleted rule 3 of eth0: deny tcp/udp 53 from anywhere'
 rule on 2
 step 'the two are left' [ "$(names_of eth0)" = 'four three' ]
 
@@ -271,6 +286,7 @@ rule add allow tcp 3 --first --name drei --label new
 prints <<'END'
 Rule 2 of eth0 is this rule already: allow tcp 3 from anywhere  "three"; its name stays; its labels stay; "tarnfw rule move 2 1 --adapter eth0" puts it first
 END
+silent
 rule add allow tcp 3 --reload
 prints <<'END'
 Rule 2 of eth0 is this rule already: allow tcp 3 from anywhere  "three"
@@ -278,24 +294,35 @@ Firewall disabled: nothing to reload
 END
 rule add allow tcp 3 --disabled
 prints <<'END'
-Rule 2 of eth0 is this rule already, switched on; "tarnfw rule off 2 --adapter eth0" switches it off: allow tcp 3 from anywhere  "three"
+Rule 2 of eth0 is this rule already: allow tcp 3 from anywhere  "three"
 END
 step 'nothing is written' diff "$out/before" <(stored)
 rule off 2
 rule add allow tcp 3
 prints <<'END'
-Rule 2 of eth0 is this rule already, switched off; "tarnfw rule on 2 --adapter eth0" switches it on: [off] allow tcp 3 from anywhere  "three"
+Rule 2 of eth0 is this rule already, but switched off: [off] allow tcp 3 from anywhere  "three"; "tarnfw rule on 2 --adapter eth0" switches it on
 END
 rule on 2
 # Another list, and another rule.
 answers 0 rule add allow tcp 3
 says '^Rule 2 of global: allow tcp 3 from anywhere$'
 answers 0 rule delete allow tcp 3
-prints <<<'Deleted: Rule 2 of global: allow tcp 3 from anywhere'
+prints <<<'Deleted rule 2 of global: allow tcp 3 from anywhere'
 rule add allow tcp 3 --log --first
 says '^Rule 1 of eth0: allow tcp 3 from anywhere, logged$'
 rule delete 1
 rule off 2
+
+# Addresses that agree in some bits alone, as "check" accepts them.
+rule add deny from 10.1.2.3/255.0.255.0
+says '^Rule 3 of eth0: deny everything from 10.0.2.0/255.0.255.0 (IPv4)$'
+rule add 'deny everything from 10.0.2.0/255.0.255.0 (IPv4)'
+says '^Rule 3 of eth0 is this rule already: '
+rule add deny to 2001:db8::/ffff:0:ffff::
+says '^Rule 4 of eth0: deny everything to 2001::/ffff:0:ffff:: (IPv6)$'
+rule delete deny to 2001::/ffff:0:ffff::
+rule delete deny from 10.0.2.0/255.0.255.0
+step 'the two are left' [ "$(names_of eth0)" = 'four three' ]
 
 # --- rules that never take effect -----------------------------------------------------------------
 
@@ -315,6 +342,22 @@ Once the firewall is enabled: opens tcp 5 on eth0, for 10.1.0.0/16
 END
 rule move 1 3
 silent
+# An earlier rule does the same: there is no better position.
+rule add allow tcp 5 from 10.1.2.3
+silent
+prints <<'END'
+Rule 5 of eth0: allow tcp 5 from 10.1.2.3 (IPv4)
+Rule 3 of eth0 allows this already
+END
+# But it does not log.
+rule add allow tcp 5 from 10.1.2.4 --log
+complains 'never takes effect: shadowed by rule 3 of eth0; at position 3 it does '
+# A duplicate says nothing of the rules that it shadows.
+rule insert 1 deny from 10.0.0.0/8
+rule add deny from 10.0.0.0/8 --disabled
+silent
+says '^Rule 1 of eth0 is this rule already: '
+rule delete 1 6 7
 # Rules of "global" come first.
 answers 0 rule add deny
 rule add allow tcp 8080
@@ -340,6 +383,13 @@ rule off 1
 silent
 answers 0 rule add allow tcp 4 --name global
 complains '^tarnfw: rule 2 of eth0: warning: never takes effect: shadowed by rule 2 of global$'
+answers 0 rule add --adapter eth1 allow tcp 4 from 10.0.0.5-10.0.0.9
+complains '^tarnfw: eth1 has the default policy "none": everything else is open on it, too; '
+prints <<'END'
+Rule 1 of eth1: allow tcp 4 from 10.0.0.5-10.0.0.9 (IPv4)
+Rule 2 of global allows this already
+END
+answers 0 rule delete 1 --adapter eth1
 answers 0 rule delete --name global
 rule delete 1 4 5 6
 answers 0 rule add --adapter pppoe deny any
@@ -378,7 +428,7 @@ for position in 1 2 3; do
     answers 0 rule insert "$position" --adapter eth0 --profile reserved deny tcp "$position"
     prints <<END
 Rule 3 of eth0: deny tcp $position from anywhere
-Closes nothing new, since nothing else opens tcp $position on eth0, for everybody
+In profile "reserved", tcp $position is closed already on eth0, for everybody
 END
 done
 answers 0 rule move 6 1 --adapter eth0 --profile reserved
@@ -408,7 +458,7 @@ step 'the default policy is in the kernel' iptables -C INPUT_FIREWALL -i eth0 -j
 answers 0 rule add --adapter eth0 deny tcp 23,6000-6010 from 192.168.1.20 --log
 prints <<'END'
 Rule 4 of eth0: deny tcp 23,6000-6010 from 192.168.1.20, logged (IPv4)
-Closes nothing new, since nothing else opens tcp 23,6000-6010 on eth0, for 192.168.1.20
+In profile "lab", tcp 23,6000-6010 is closed already on eth0, for 192.168.1.20
 The kernel still has the old rules; "tarnfw reload" applies the new ones
 END
 step 'so it has' same_listing enabled
@@ -473,6 +523,51 @@ answers 0 rule off 1 --adapter eth7
 answers 0 reload
 warns 1 '^tarnfw: left out, without an interface now: pppoe, vpn$'
 answers 0 rule delete 1 --adapter eth7
+# A new adapter is open, which a rule that allows something does not change.
+answers 0 rule add --adapter wg0 allow udp 51820
+says '^Rule 1 of wg0: allow udp 51820 from anywhere$'
+warns 2 '^tarnfw: wg0 has the default policy "allow": everything else is open on it, too; "tarnfw policy wg0 deny" closes it$'
+answers 0 policy wg0 none
+answers 0 rule add --adapter wg0 allow udp 51821
+warns 2 '^tarnfw: wg0 has the default policy "none": everything else is open on it, too; '
+answers 0 policy wg0 deny
+answers 0 rule add --adapter wg0 allow udp 51822
+warns 1 'there is no adapter "wg0" now'
+answers 0 policy wg0 allow
+answers 0 rule add --adapter wg0 deny
+answers 0 rule add --adapter wg0 allow udp 51823 --first
+warns 1 'there is no adapter "wg0" now'
+answers 0 rule delete 1-5 --adapter wg0
+answers 0 policy wg0 none
+
+# --- nothing to change -------------------------------------------------------------------------------
+
+history_length() {
+    tarnfw history --json | jq '.changes | length'
+}
+length=$(history_length)
+answers 0 policy wg0 none
+prints <<<'Default policy of wg0 is none already'
+answers 0 profile use lab
+prints <<<'Profile "lab" is the active one already'
+step 'no change is kept' [ "$(history_length)" = "$length" ]
+answers 0 policy eth0 none --reload
+prints <<'END'
+Default policy of eth0 is none already
+Profile "lab" is in force
+END
+iptables -F INPUT_FIREWALL
+answers 0 policy eth0 none --reload
+prints <<'END'
+Default policy of eth0 is none already
+Profile "lab" applied
+END
+answers 0 profile use lab --reload
+prints <<'END'
+Profile "lab" is the active one already
+Profile "lab" applied
+END
+step 'still none' [ "$(history_length)" = "$length" ]
 
 # Without the base filter nothing would be applied: nothing is changed either.
 iptables -D INPUT -j INPUT_FIREWALL
@@ -504,9 +599,36 @@ answers 0 preview logged --family v4
 sed -n 's/^.*-A INPUT_FIREWALL -i eth0 //p' "$out/answer" >"$out/own"
 step 'new rules come before it, and it logs and denies' \
     [ "$(grep -n -e 'port 80 ' -e '-j LOG' -e '-j DROP' "$out/own" | sed 's/:.*-j/ -j/' | tr '\n' ';')" = '2 -j RETURN;3 -j LOG;4 -j DROP;5 -j DROP;' ]
+answers 0 rule move 1 3 --adapter eth0 --profile logged
+prints <<<'Rule 2 of eth0: allow tcp 22 from anywhere'
+answers 0 rule move 3 1 --adapter eth0 --profile logged
+says '^Rule 3 of eth0: deny everything from anywhere, logged  "log denied"$'
+answers 0 rule insert 4 --adapter eth0 --profile logged allow tcp 81
+says '^Rule 3 of eth0: allow tcp 81 from anywhere$'
+answers 0 log-denied --profile logged --adapter eth0
+prints <<'END'
+Adapter  Denied packets
+eth0     logged
+END
 answers 0 policy eth1 allow --profile logged
+prints <<'END'
+Default policy of eth1: allow
+Deleted rule 1 of eth1, which logged what the default policy denied
+END
 answers 0 log-denied --profile logged
 says '^eth0  *logged$'
+refused 1 '^tarnfw: eth1 does not deny by default; "tarnfw policy eth1 deny" sets that$' \
+    log-denied on --adapter eth1 --profile logged
+refused 5 '^tarnfw: there is no adapter "eht0"; did you mean "eth0"?' \
+    log-denied off --adapter eht0 --profile logged
+answers 0 policy eth1 deny --profile logged
+answers 0 log-denied on --adapter eth1 --profile logged
+prints <<<'Denied packets are logged: eth1'
+answers 0 log-denied off --adapter eth1 --profile logged
+prints <<<'Denied packets are no longer logged: eth1'
+answers 0 log-denied off --adapter eth1 --profile logged
+prints <<<'No denied packets are logged: eth1'
+answers 0 policy eth1 allow --profile logged
 step 'an adapter that no longer denies has none' [ -z "$(tarnfw profile show logged | grep -A9 '^eth1' | grep 'log denied')" ]
 answers 0 log-denied off --profile logged
 prints <<<'Denied packets are no longer logged: eth0'

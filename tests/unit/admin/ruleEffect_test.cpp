@@ -101,22 +101,36 @@ TEST_F(RuleEffectTest, NamesWhatEarlierRulesKeep) {
 }
 
 TEST_F(RuleEffectTest, SaysWhenNothingChanges) {
-    EXPECT_EQ(effectOf("wlan0", "allow tcp 22"),
-              "opens nothing new, since nothing else closes tcp 22 on wlan0, for everybody");
+    EXPECT_EQ(effectOf("wlan0", "allow tcp 22"), "tcp 22 is open already on wlan0, for everybody");
     EXPECT_EQ(effectOf("wlan0", "deny tcp 22"), "closes tcp 22 on wlan0, for everybody");
     profile_.adapterPolicyMap = {{"wlan0", FW::FW_POLICY_DENY}, {"eth7", FW::FW_POLICY_NONE}};
     EXPECT_EQ(effectOf("wlan0", "allow tcp 22"), "opens tcp 22 on wlan0, for everybody");
-    EXPECT_EQ(effectOf("wlan0", "deny tcp 22"),
-              "closes nothing new, since nothing else opens tcp 22 on wlan0, for everybody");
+    EXPECT_EQ(effectOf("wlan0", "deny tcp 22"), "tcp 22 is closed already on wlan0, for everybody");
     // Another adapter has no default policy.
     EXPECT_EQ(effectOf("global", "deny tcp 22"), "closes tcp 22 on every adapter, for everybody");
     // A rule of an adapter comes after those of "global".
     profile_.adapterPolicyMap.clear();
-    EXPECT_EQ(
-        effectOf("global", "allow tcp 22"),
-        "opens nothing new, since nothing else closes tcp 22 on every adapter, for everybody");
+    EXPECT_EQ(effectOf("global", "allow tcp 22"),
+              "tcp 22 is open already on every adapter, for everybody");
     add("wlan0", {"deny tcp 22 from 10.0.0.0/8"});
     EXPECT_EQ(effectOf("global", "allow tcp 22"), "opens tcp 22 on every adapter, for everybody");
+}
+
+TEST_F(RuleEffectTest, SaysWhatTheDefaultPolicyLeavesOpen) {
+    const auto open = [&] { return openByPolicy(profile_, "wlan0", machine_); };
+    EXPECT_EQ(open(), OpenByPolicy::kEverything) << "in no profile yet";
+    EXPECT_EQ(openByPolicy(profile_, "global", machine_), OpenByPolicy::kNothing);
+    add("wlan0", {"allow tcp 22", "[off] deny"});
+    profile_.adapterPolicyMap = {{"wlan0", FW::FW_POLICY_NONE}};
+    EXPECT_EQ(open(), OpenByPolicy::kEverything);
+    add("global", {"deny from 203.0.113.9"});
+    EXPECT_EQ(open(), OpenByPolicy::kNotDenied);
+    add("global", {"deny"});
+    EXPECT_EQ(open(), OpenByPolicy::kNothing);
+    profile_.rules.erase("global");
+    EXPECT_EQ(open(), OpenByPolicy::kEverything);
+    profile_.adapterPolicyMap = {{"wlan0", FW::FW_POLICY_DENY}};
+    EXPECT_EQ(open(), OpenByPolicy::kNothing);
 }
 
 TEST_F(RuleEffectTest, ALaterRuleIsWhatItOpensAgainst) {

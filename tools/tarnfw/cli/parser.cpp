@@ -11,6 +11,7 @@
 #include <variant>
 
 #include <CLI/CLI.hpp>
+#include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/replace.hpp>
 
@@ -148,6 +149,19 @@ public:
 
 // ---- The parser ---------------------------------------------------------------------------------
 
+/// The choice that a word may have meant: in other letters, mistyped, or a word that other tools
+/// have for it. Empty if there is none.
+std::string meantBy(const std::string& word, const std::vector<std::string>& choices) {
+    static const std::map<std::string, std::string> kOthers = {
+        {"accept", "allow"}, {"block", "deny"}, {"drop", "deny"}, {"reject", "deny"}};
+    const std::string lower = boost::to_lower_copy(word);
+    const auto other = kOthers.find(lower);
+    const std::string guess = other == kOthers.end() ? lower : other->second;
+    return std::find(choices.begin(), choices.end(), guess) != choices.end()
+               ? guess
+               : nearest(lower, choices);
+}
+
 /// Rejects a word that is not one of the choices, and suggests the nearest one.
 CLI::Validator choiceOf(const std::vector<std::string>& choices,
                         const std::vector<std::string>& others) {
@@ -159,7 +173,7 @@ CLI::Validator choiceOf(const std::vector<std::string>& choices,
             }
             // Thrown and not returned: the parser would put the option's name before it.
             throw UsageError("\"" + word + "\" is not one of " + boost::join(choices, ", ") +
-                             didYouMean(nearest(word, choices)));
+                             didYouMean(meantBy(word, choices)));
         },
         "");
 }

@@ -19,9 +19,11 @@
 #include "process/detachedRun.h"
 #include "process/signalsWait.h"
 #include "process/trialState.h"
+#include "tarnfwadmin/inForce.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/profileCheck.h"
 #include "tarnfwadmin/ruleChange.h"
+#include "tarnfwadmin/savedRules.h"
 
 namespace tarnfw {
 namespace {
@@ -275,7 +277,39 @@ FW::FWPROFILE together(const std::vector<FW::FWPROFILE>& profiles) {
     return all;
 }
 
+/// Applies the active profile unless its rules are in force.
+void reloadUnchanged(Context& context, const FW::FWPROFILE& profile, const ReloadOptions& options) {
+    if (profile.name != context.store().activeProfile()) {
+        std::cout << "Profile " << inQuotes(profile.name)
+                  << " is not the active one: nothing to reload\n";
+        return;
+    }
+    if (!context.store().firewallEnabled()) {
+        std::cout << "Firewall disabled: nothing to reload\n";
+        return;
+    }
+    requireNoTrial();
+    context.control().requireBase();
+    if (hasActiveProfile(SavedRules::inKernel(), context.store())) {
+        if (options.wanted) {
+            std::cout << "Profile " << inQuotes(profile.name) << " is in force\n";
+        }
+        return;
+    }
+    requireAppliable(context, profile, options);
+    reloadActive(context.control(), *options.report);
+    forgetTrial(context);
+}
+
 }  // namespace
+
+void finishUnchanged(Context& context, const FW::FWPROFILE& profile, const ReloadOptions& options) {
+    options.report->setProfile(profile.name);
+    const bool active = profile.name == context.store().activeProfile();
+    if (options.wanted || (active && context.applies(options))) {
+        reloadUnchanged(context, profile, options);
+    }
+}
 
 void warnAboutRefusals(Context& context, const std::vector<std::string>& names) {
     std::vector<FW::FWPROFILE> profiles;

@@ -139,6 +139,10 @@ void finishChange(Context& context, const std::string& profile, const ReloadOpti
 void finishChange(Context& context, const std::vector<std::string>& profiles,
                   const ReloadOptions& options, const std::function<void()>& say);
 
+/// After a command that found the profile to be as wanted. Where a change of it would have been
+/// applied: applies it unless its rules are in force. Throws Error when it cannot be applied.
+void finishUnchanged(Context& context, const FW::FWPROFILE& profile, const ReloadOptions& options);
+
 /// Warns about stored profiles that a reload would refuse.
 void warnAboutRefusals(Context& context, const std::vector<std::string>& names);
 

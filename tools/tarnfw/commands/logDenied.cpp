@@ -14,6 +14,7 @@
 #include "cli/report.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
+#include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/ruleChange.h"
 #include "tarnfwadmin/ruleSyntax.h"
 
@@ -31,11 +32,17 @@ FW::FWRULE logOfDenied() {
     return ruleFrom({"deny", "any"}, options, {});
 }
 
-/// The adapters of a profile that deny by default.
-std::vector<std::string> denyingAdapters(const FW::FWPROFILE& profile) {
+/// What the command is about.
+struct Subject {
+    std::string profile;  ///< empty: the active one
+    std::string adapter;  ///< empty: each
+};
+
+/// The adapters of a profile that deny by default; of these one alone unless that is empty.
+std::vector<std::string> denyingAdapters(const FW::FWPROFILE& profile, const std::string& only) {
     std::vector<std::string> names;
     for (const auto& [adapter, policy] : profile.adapterPolicyMap) {
-        if (policy == FW::FW_POLICY_DENY) {
+        if (policy == FW::FW_POLICY_DENY && (only.empty() || adapter == only)) {
             names.push_back(adapter);
         }
     }
@@ -48,18 +55,19 @@ bool isLogged(const FW::FWPROFILE& profile, const std::string& adapter) {
            isLogOfDenied(rules->second.back());
 }
 
-/// Sets whether the denied packets of each adapter are logged. Returns the adapters that changed.
-std::vector<std::string> setLogged(FW::FWPROFILE& profile, bool on) {
+/// Sets whether the denied packets of an adapter, or of each when that is empty, are logged.
+/// Returns the adapters that changed.
+std::vector<std::string> setLogged(FW::FWPROFILE& profile, const std::string& only, bool on) {
     std::vector<std::string> changed;
     if (!on) {
         for (auto& [adapter, rules] : profile.rules) {
-            if (removeLogOfDenied(rules)) {
+            if ((only.empty() || adapter == only) && removeLogOfDenied(rules)) {
                 changed.push_back(adapter);
             }
         }
         return changed;
     }
-    for (const std::string& adapter : denyingAdapters(profile)) {
+    for (const std::string& adapter : denyingAdapters(profile, only)) {
         if (!isLogged(profile, adapter)) {
             Rules& rules = profile.rules[adapter];
             (void)removeLogOfDenied(rules);  // one that is not the last any more
@@ -78,11 +86,20 @@ std::string listed(const std::vector<std::string>& names) {
     return text;
 }
 
+/// "no adapter of "home" denies by default"; a name that nothing is known of is an error.
+std::string noneText(const FW::FWPROFILE& profile, const std::string& only) {
+    if (only.empty()) {
+        return "no adapter of " + inQuotes(profile.name) + " denies by default";
+    }
+    requireAdapter(only, adaptersOf(profile));
+    return printable(only) + " does not deny by default";
+}
+
 /// The adapters that deny by default, in the report.
-void report(const FW::FWPROFILE& profile, Report& document) {
+void report(const FW::FWPROFILE& profile, const std::string& only, Report& document) {
     document.setProfile(profile.name);
     document["adapters"] = Json::Value(Json::arrayValue);
-    for (const std::string& adapter : denyingAdapters(profile)) {
+    for (const std::string& adapter : denyingAdapters(profile, only)) {
         Json::Value entry;
         entry["name"] = adapter;
         entry["logged"] = isLogged(profile, adapter);
@@ -91,34 +108,45 @@ void report(const FW::FWPROFILE& profile, Report& document) {
 }
 
 /// What is logged, as it is stored.
-void show(const std::string& name, Report& document) {
+void show(const Subject& subject, Report& document) {
     const Context context(StoreSession::Access::kRead);
-    const FW::FWPROFILE& profile = context.store().profile(name);
-    report(profile, document);
+    const FW::FWPROFILE& profile = context.store().profile(subject.profile);
+    report(profile, subject.adapter, document);
     Table table({"Adapter", "Denied packets"});
-    for (const std::string& adapter : denyingAdapters(profile)) {
+    for (const std::string& adapter : denyingAdapters(profile, subject.adapter)) {
         table.addRow({{adapter}, {isLogged(profile, adapter) ? "logged" : "not logged"}});
     }
     if (table.empty()) {
-        std::cout << "No adapter of " << inQuotes(profile.name) << " denies by default\n";
+        std::string text = noneText(profile, subject.adapter);
+        if (subject.adapter.empty()) {
+            text.front() = 'N';  // a name keeps its letters
+        }
+        std::cout << text << '\n';
     } else if (!document.isJson()) {
         table.print();
     }
 }
 
-void change(const std::string& name, bool on, const ReloadOptions& options) {
+void change(const Subject& subject, bool on, const ReloadOptions& options) {
+    const std::string& name = subject.profile;
+    const std::string& only = subject.adapter;
     Context context(StoreSession::Access::kChange);
     const FW::FWPROFILE before = context.store().profile(name);
-    if (on && denyingAdapters(before).empty()) {
-        throw Error(ErrorKind::kUnusable,
-                    "no adapter of " + inQuotes(before.name) +
-                        " denies by default; \"tarnfw policy ADAPTER deny\" sets that");
+    if (!only.empty()) {
+        requireAdapter(only, adaptersOf(before));
+    }
+    if (on && denyingAdapters(before, only).empty()) {
+        throw Error(ErrorKind::kUnusable, noneText(before, only) + "; \"tarnfw policy " +
+                                              (only.empty() ? "ADAPTER" : printable(only)) +
+                                              " deny\" sets that");
     }
     FW::FWPROFILE after = before;
-    report(before, *options.report);
-    if (setLogged(after, on).empty()) {
-        std::cout << (on ? "Denied packets are logged already: " + listed(denyingAdapters(before))
-                         : std::string("No denied packets are logged"))
+    report(before, only, *options.report);
+    if (setLogged(after, only, on).empty()) {
+        std::cout << (on ? "Denied packets are logged already: " +
+                               listed(denyingAdapters(before, only))
+                         : "No denied packets are logged" +
+                               (only.empty() ? std::string() : ": " + printable(only)))
                   << '\n';
         return;
     }
@@ -126,10 +154,10 @@ void change(const std::string& name, bool on, const ReloadOptions& options) {
     std::vector<std::string> changed;
     const FW::FWPROFILE stored = changeProfile(
         context.session(), name, FW::FW_ADAPTER_GLOBAL,
-        [&](FW::FWPROFILE& profile) { changed = setLogged(profile, on); },
+        [&](FW::FWPROFILE& profile) { changed = setLogged(profile, only, on); },
         [&](const FW::FWPROFILE& profile) { requireAppliable(context, profile, options); });
     context.session().unlock();
-    report(stored, *options.report);
+    report(stored, only, *options.report);
     finishChange(context, stored.name, options, [&] {
         std::cout << (on ? "Denied packets are logged: " : "Denied packets are no longer logged: ")
                   << listed(changed) << '\n';
@@ -146,6 +174,11 @@ std::size_t lastPositionForNew(const Rules& rules) {
     return rules.size() + (!rules.empty() && isLogOfDenied(rules.back()) ? 0 : 1);
 }
 
+std::size_t positionOfLogOfDenied(const Rules& rules) {
+    const auto found = std::find_if(rules.begin(), rules.end(), isLogOfDenied);
+    return found == rules.end() ? 0 : static_cast<std::size_t>(found - rules.begin()) + 1;
+}
+
 bool removeLogOfDenied(Rules& rules) {
     const auto end = std::remove_if(rules.begin(), rules.end(), isLogOfDenied);
     const bool had = end != rules.end();
@@ -156,7 +189,7 @@ bool removeLogOfDenied(Rules& rules) {
 void addLogDeniedCommand(Command& app) {
     struct Values {
         std::string state;
-        std::string profile;
+        Subject subject;
         ReloadOptions reload;
     };
     Command& command = app.subcommand(
@@ -165,18 +198,24 @@ void addLogDeniedCommand(Command& app) {
     command.option("STATE", values->state, "on or off; without it, show the present one")
         .placeholder("")
         .choices({"on", "off"});
-    command.option("--profile", values->profile, "The profile; by default the active one")
+    command
+        .option("--adapter", values->subject.adapter,
+                "This adapter alone; by default each that denies by default")
+        .placeholder("NAME");
+    command.option("--profile", values->subject.profile, "The profile; by default the active one")
         .placeholder("NAME");
     addReloadFlag(command, values->reload);
     command.footer(
         "Adds a last rule \"log denied\" to each adapter that denies by default; \"rule add\" puts "
         "new rules before it. The kernel's log has the packets: journalctl -k -g IN=eth0\n"
-        "Example: tarnfw log-denied on");
+        "Examples:\n"
+        "  tarnfw log-denied on\n"
+        "  tarnfw log-denied off --adapter eth0");
     runReporting(command, *values->reload.report, [values] {
         if (values->state.empty()) {
-            show(values->profile, *values->reload.report);
+            show(values->subject, *values->reload.report);
         } else {
-            change(values->profile, values->state == "on", values->reload);
+            change(values->subject, values->state == "on", values->reload);
         }
     });
 }

@@ -15,6 +15,9 @@ bool isLogOfDenied(const FW::FWRULE& rule);
 /// The position, from 1, for a new last rule: before the log of the denied, which matches all.
 std::size_t lastPositionForNew(const std::vector<FW::FWRULE>& rules);
 
+/// Where the log of the denied is, from 1; 0 without one.
+std::size_t positionOfLogOfDenied(const std::vector<FW::FWRULE>& rules);
+
 /// Removes the log of the denied. True when there was one. For a default policy that no longer
 /// denies: else the rule would deny in its place.
 bool removeLogOfDenied(std::vector<FW::FWRULE>& rules);

@@ -373,19 +373,28 @@ void setActive(Context& context, const std::string& name) {
 void use(const std::string& name, const ReloadOptions& reload) {
     requireNoTrial();
     Context context(StoreSession::Access::kChange);
-    requireReloadable(context, reload);
     context.store().requireProfile(name);
     const FW::FWPROFILE& profile = context.store().profile(name);
+    const bool already = name == context.store().activeProfile();
+    const std::string said = "Profile " + inQuotes(name) +
+                             (already ? " is the active one already" : " is now the active one");
+    if (already && !reload.wanted) {
+        std::cout << said << '\n';
+        finishUnchanged(context, profile, reload);
+        return;
+    }
+    requireReloadable(context, reload);
     requireValidProfile(profile, context.machine());  // a reload would leave the machine open
     if (context.applies(reload) && context.store().firewallEnabled()) {
         requireSshAccess(profile, context.machine(), context.store().applyMode(), reload.yes,
                          kApplyAnyway);
     }
     const SignalsWait wait;
-    setActive(context, name);
+    if (!already) {
+        setActive(context, name);
+    }
     context.session().unlock();
-    finishChange(context, name, reload,
-                 [&] { std::cout << "Profile " << inQuotes(name) << " is now the active one\n"; });
+    finishChange(context, name, reload, [&] { std::cout << said << '\n'; });
 }
 
 // ---- edit: a document in the person's editor ----

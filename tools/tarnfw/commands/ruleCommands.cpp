@@ -17,12 +17,9 @@
 #include "commands/commands.h"
 #include "commands/logDenied.h"
 #include "commands/ruleEditing.h"
-#include "process/trialState.h"
-#include "tarnfwadmin/inForce.h"
 #include "tarnfwadmin/ruleChange.h"
 #include "tarnfwadmin/ruleCompare.h"
 #include "tarnfwadmin/ruleText.h"
-#include "tarnfwadmin/savedRules.h"
 #include "tarnfwadmin/vocabulary.h"
 
 namespace tarnfw {
@@ -74,7 +71,7 @@ std::size_t positionOf(const FW::FWRULE& rule, const FW::FWPROFILE& profile,
     return 0;
 }
 
-/// "rule 3 of eth0 is this rule already ...", and what is different about it.
+/// "Rule 3 of eth0 is this rule already: ...", and what is different about it.
 std::string alreadyText(const RuleCommand& command, const FW::FWRULE& wanted, const Rules& rules,
                         std::size_t position) {
     const Target& target = command.target;
@@ -82,11 +79,11 @@ std::string alreadyText(const RuleCommand& command, const FW::FWRULE& wanted, co
     const std::string place = std::to_string(position) + optionsText(target);
     std::string text =
         "Rule " + std::to_string(position) + " of " + target.adapter + " is this rule already";
-    if (there.enable != wanted.enable) {
-        text += there.enable ? ", switched on; \"tarnfw rule off " + place + "\" switches it off"
-                             : ", switched off; \"tarnfw rule on " + place + "\" switches it on";
+    const bool isOff = wanted.enable && !there.enable;
+    text += (isOff ? ", but switched off: " : ": ") + ruleText(there);
+    if (isOff) {
+        text += "; \"tarnfw rule on " + place + "\" switches it on";
     }
-    text += ": " + ruleText(there);
     if (!wanted.name.empty() && wanted.name != there.name) {
         text += there.name.empty() ? "; it stays without a name" : "; its name stays";
     }
@@ -101,30 +98,6 @@ std::string alreadyText(const RuleCommand& command, const FW::FWRULE& wanted, co
     return text;
 }
 
-/// Applies the active profile, as with a rule that is new, unless its rules are in force.
-void reloadUnchanged(Context& context, const Target& target, const FW::FWPROFILE& profile) {
-    if (profile.name != context.store().activeProfile()) {
-        std::cout << "Profile " << inQuotes(profile.name)
-                  << " is not the active one: nothing to reload\n";
-        return;
-    }
-    if (!context.store().firewallEnabled()) {
-        std::cout << "Firewall disabled: nothing to reload\n";
-        return;
-    }
-    requireNoTrial();
-    context.control().requireBase();
-    if (hasActiveProfile(SavedRules::inKernel(), context.store())) {
-        if (target.reload.wanted) {
-            std::cout << "Profile " << inQuotes(profile.name) << " is in force\n";
-        }
-        return;
-    }
-    requireAppliable(context, profile, target.reload);
-    reloadActive(context.control(), *target.reload.report);
-    forgetTrial(context);
-}
-
 /// Says that the rule is there already, if it is; nothing is stored then.
 bool isThereAlready(Context& context, const RuleCommand& command, const FW::FWRULE& rule) {
     const Target& target = command.target;
@@ -134,14 +107,17 @@ bool isThereAlready(Context& context, const RuleCommand& command, const FW::FWRU
         return false;
     }
     const Rules& rules = profile.rules.at(target.adapter);
+    Notes notes;
+    notes.ownOnly = true;
+    addNotes(notes, profile, target, {position}, context.machine());
     std::cout << printable(alreadyText(command, rule, rules, position)) << '\n';
+    for (const std::string& line : notes.said) {
+        std::cout << printable(line) << '\n';
+    }
     target.reload.report->setProfile(profile.name);
     (*target.reload.report)["rules"].append(ruleDocument(rules, position, target));
-    printWarnings(warningsOf(profile, target, {position}, context.machine()));
-    const bool active = profile.name == context.store().activeProfile();
-    if (target.reload.wanted || (active && context.applies(target.reload))) {
-        reloadUnchanged(context, target, profile);
-    }
+    printWarnings(notes.warnings);
+    finishUnchanged(context, profile, target.reload);
     return true;
 }
 
@@ -198,7 +174,8 @@ void move(const Target& target, std::size_t from, std::size_t to) {
         const FW::FWRULE rule = rules[from - 1];
         requirePosition(rules, to, target);
         eraseAt(rules, from);
-        const std::size_t position = freePosition(rules, to, target);
+        const std::size_t position =
+            isLogOfDenied(rule) ? rules.size() + 1 : freePosition(rules, to, target);
         insertAt(rules, position, rule);
         return changedAt(rules, position, target);
     });
@@ -213,7 +190,8 @@ void remove(const Target& target, const RuleSelection& selection) {
             selectedPositions(selection, profile, target, context.machine());
         for (const std::size_t position : ascending) {
             requireOwn(rules, position, target);
-            outcome.said.push_back("Deleted: " + placedText(rules, position, target));
+            outcome.said.push_back("Deleted " + placeText({target.adapter, position}) + ": " +
+                                   ruleText(rules[position - 1]));
             outcome.rules.append(ruleDocument(rules, position, target));
         }
         // From the end, so that the other positions stay the same.
@@ -243,6 +221,12 @@ void switchRules(const Target& target, const RuleSelection& selection, bool on) 
     });
 }
 
+/// The position of the log of what an adapter's default policy denies; 0 without one.
+std::size_t logToRemove(const FW::FWPROFILE& profile, const std::string& adapter) {
+    const auto rules = profile.rules.find(adapter);
+    return rules == profile.rules.end() ? 0 : positionOfLogOfDenied(rules->second);
+}
+
 void setPolicy(const Target& target, const std::string& word) {
     requireRoot();
     if (target.adapter == FW::FW_ADAPTER_GLOBAL) {
@@ -251,23 +235,31 @@ void setPolicy(const Target& target, const std::string& word) {
                     "own; a last rule \"deny any\" decides for all adapters");
     }
     Context context(StoreSession::Access::kChange);
-    requireReloadable(context, target.reload, target.profile);
     const FW::FW_POLICY policy = word == "allow"  ? FW::FW_POLICY_ALLOW
                                  : word == "deny" ? FW::FW_POLICY_DENY
                                                   : FW::FW_POLICY_NONE;
+    (*target.reload.report)["adapter"] = target.adapter;
+    (*target.reload.report)["policy"] = policyText(policy);
+    const FW::FWPROFILE before = context.store().profile(target.profile);
+    const std::size_t log = policy == FW::FW_POLICY_DENY ? 0 : logToRemove(before, target.adapter);
+    const auto present = before.adapterPolicyMap.find(target.adapter);
+    if (present != before.adapterPolicyMap.end() && present->second == policy && log == 0) {
+        std::cout << "Default policy of " << printable(target.adapter) << " is "
+                  << policyText(policy) << " already\n";
+        finishUnchanged(context, before, target.reload);
+        return;
+    }
+    requireReloadable(context, target.reload, target.profile);
     const FW::FWPROFILE stored = changeProfile(
         context.session(), target.profile, target.adapter,
         [&](FW::FWPROFILE& profile) {
             profile.adapterPolicyMap[target.adapter] = policy;
-            const auto rules = profile.rules.find(target.adapter);
-            if (policy != FW::FW_POLICY_DENY && rules != profile.rules.end()) {
-                (void)removeLogOfDenied(rules->second);
+            if (log > 0) {
+                (void)removeLogOfDenied(profile.rules.at(target.adapter));
             }
         },
         [&](const FW::FWPROFILE& profile) { requireAppliable(context, profile, target.reload); });
     context.session().unlock();
-    (*target.reload.report)["adapter"] = target.adapter;
-    (*target.reload.report)["policy"] = policyText(policy);
     const std::string absence = context.machine().absenceOf(target.adapter);
     FW::FWPROFILE changed = onlyRules(stored, target.adapter, {});
     changed.adapterPolicyMap[target.adapter] = policy;
@@ -276,6 +268,11 @@ void setPolicy(const Target& target, const std::string& word) {
         [&] {
             std::cout << "Default policy of " << printable(target.adapter) << ": "
                       << policyText(policy) << '\n';
+            if (log > 0) {
+                std::cout << "Deleted "
+                          << printable(placeText({target.adapter, log})) +
+                                 ", which logged what the default policy denied\n";
+            }
             if (!absence.empty()) {
                 warn(absence);
             }
@@ -286,18 +283,20 @@ void setPolicy(const Target& target, const std::string& word) {
 // ---- Options ----
 
 /// What rules and those that are to be found match besides their words.
-void addMatchOptions(Command& command, FamilyOptions& family, RuleOptions& options) {
+void addMatchOptions(Command& command, FamilyOptions& family, RuleOptions& options,
+                     const char* outHelp, const char* logHelp) {
     addFamilyOptions(command, family);
     command.flag("--source-port", options.sourcePort, "The ports are the sender's");
-    command.flag("--out", options.out,
-                 "For packets forwarded out through the adapter; packets that the machine itself "
-                 "sends are not filtered");
-    command.flag("--log", options.log, "Also log matching packets");
+    command.flag("--out", options.out, outHelp);
+    command.flag("--log", options.log, logHelp);
 }
 
 void addRuleOptions(Command& command, RuleCommand& values) {
     RuleOptions& options = values.options;
-    addMatchOptions(command, values.family, options);
+    addMatchOptions(command, values.family, options,
+                    "For packets forwarded out through the adapter; packets that the machine "
+                    "itself sends are not filtered",
+                    "Also log matching packets");
     command.flag("--disabled", options.disabled, "Store the rule switched off");
     command.option("--name", options.name, "A name for the rule").placeholder("TEXT");
     command.option("--label", options.labels, "A label; may be given more than once")
@@ -306,7 +305,7 @@ void addRuleOptions(Command& command, RuleCommand& values) {
 }
 
 Option& addPosition(Command& command, const char* name, std::size_t& position, const char* help) {
-    return command.option(name, position, help).placeholder("").required().range(0, kMaxPosition);
+    return command.option(name, position, help).placeholder("").required().range(1, kMaxPosition);
 }
 
 using RuleRun = void (*)(const RuleCommand&);
@@ -338,7 +337,8 @@ void addMove(Command& group) {
     addPosition(command, "FROM", values->from, "Its present position");
     addPosition(command, "TO", values->to, "Its new position");
     addTarget(command, values->target);
-    command.footer(std::string("Example: tarnfw rule move 4 1 --adapter eth0\n") + kReservedHelp);
+    command.footer(std::string("Example: tarnfw rule move 4 1 --adapter eth0\n") + kReservedHelp +
+                   "\nThe rule \"log denied\" stays the last one.");
     runReporting(command, *values->target.reload.report,
                  [values] { move(values->target, values->from, values->to); });
 }
@@ -370,7 +370,9 @@ void addDelete(Command& group) {
         addForRules(group, "delete", "Delete rules", "WORDS",
                     "Positions, or the words of a rule; every rule that is this one is deleted",
                     values, remove);
-    addMatchOptions(command, values->selection.family, values->selection.options);
+    addMatchOptions(command, values->selection.family, values->selection.options,
+                    "With words: the rule is for packets forwarded out through the adapter",
+                    "With words: the rule logs matching packets");
     command.flag("--disabled", values->selection.options.disabled,
                  "With words: only if it is switched off");
     command.footer(

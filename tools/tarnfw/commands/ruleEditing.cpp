@@ -15,6 +15,7 @@
 #include "tarnfirewall/tarnFW.h"
 
 #include "cli/output.h"
+#include "commands/logDenied.h"
 #include "tarnfwadmin/profileCheck.h"
 #include "tarnfwadmin/ruleChange.h"
 #include "tarnfwadmin/ruleCompare.h"
@@ -89,7 +90,7 @@ std::size_t freePosition(const Rules& rules, std::size_t position, const Target&
         notFound("there is no position " + std::to_string(position) + " in the list of " +
                  listText(rules, target));
     }
-    return std::max(position, reservedAtHead(rules) + 1);
+    return std::max(std::min(position, lastPositionForNew(rules)), reservedAtHead(rules) + 1);
 }
 
 void insertAt(Rules& rules, std::size_t position, const FW::FWRULE& rule) {
@@ -210,16 +211,49 @@ FW::FWRULE asWords(FW::FWRULE rule) {
     return rule;
 }
 
-/// ": the nearest is rule 3, "allow tcp 23 from anywhere"".
-std::string nearestText(const FW::FWRULE& wanted, const Rules& rules) {
-    Texts texts;
-    for (const FW::FWRULE& rule : rules) {
-        texts.push_back(ruleText(rule));
+bool isVerdict(const std::string& word) {
+    return word == "allow" || word == "deny";
+}
+
+/// Whether two texts of rules have the same words but one, which is similar, or the verdict.
+bool differInOneWord(const std::string& one, const std::string& other) {
+    Texts words;
+    Texts others;
+    boost::split(words, one, boost::is_any_of(" "));
+    boost::split(others, other, boost::is_any_of(" "));
+    if (words.size() != others.size()) {
+        return false;
     }
-    const auto found = std::find(texts.begin(), texts.end(), nearest(ruleText(wanted), texts));
-    return found == texts.end() ? ", which has " + counted(rules.size(), "rule")
-                                : "; the nearest is rule " +
-                                      std::to_string(found - texts.begin() + 1) + ": " + *found;
+    const auto first = std::mismatch(words.begin(), words.end(), others.begin());
+    return first.first != words.end() &&
+           std::equal(std::next(first.first), words.end(), std::next(first.second)) &&
+           (isVerdict(*first.first) ? isVerdict(*first.second)
+                                    : !nearest(*first.first, {*first.second}).empty());
+}
+
+/// "; the nearest is rule 3: allow tcp 23 from anywhere", or how to list the rules. Near is one for
+/// the same ports, or with one other word.
+std::string nearestText(const FW::FWRULE& wanted, const Rules& rules, const Target& target) {
+    const std::string text = ruleText(wanted);
+    const std::string ports = portText(wanted);
+    std::size_t position = 0;
+    for (std::size_t i = 0; i < rules.size(); ++i) {
+        const bool one = differInOneWord(text, ruleText(rules[i]));
+        const bool same = wanted.portGroup != FW::FW_PORT_GROUP_ANY && portText(rules[i]) == ports;
+        if ((one && same) || ((one || same) && position == 0)) {
+            position = i + 1;
+        }
+        if (one && same) {
+            break;
+        }
+    }
+    if (position == 0) {
+        return "; \"tarnfw profile show" +
+               (target.profile.empty() ? "" : " " + printable(target.profile)) +
+               "\" lists the rules";
+    }
+    return "; the nearest is rule " + std::to_string(position) + ": " +
+           ruleText(rules[position - 1]);
 }
 
 std::vector<std::size_t> positionsOf(const FW::FWRULE& wanted, const Rules& rules,
@@ -235,7 +269,7 @@ std::vector<std::size_t> positionsOf(const FW::FWRULE& wanted, const Rules& rule
     if (found.empty()) {
         const std::string other = elsewhere(profile, target, " is this rule", fits);
         notFound("no rule of " + printable(target.adapter) + " is " + inQuotes(ruleText(wanted)) +
-                 (other.empty() ? nearestText(wanted, rules) : other));
+                 (other.empty() ? nearestText(wanted, rules, target) : other));
     }
     return found;
 }
@@ -324,6 +358,11 @@ Outcome changedAt(const Rules& rules, std::size_t position, const Target& target
 
 namespace {
 
+std::string capitalised(std::string text) {
+    text.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(text.front())));
+    return text;
+}
+
 /// Where a rule would take effect that never does at its place.
 std::string offerFor(FW::FWPROFILE profile, const RulePlace& place, const Target& target,
                      Machine& machine) {
@@ -354,47 +393,111 @@ std::string effectLine(Context& context, const FW::FWPROFILE& stored, const Rule
     if (!effect.hasLines || effect.shadowedBy) {
         return "";
     }
-    std::string text =
-        effectText(stored.rules.at(place.adapter)[place.position - 1], place.adapter, effect);
+    const FW::FWRULE& rule = stored.rules.at(place.adapter)[place.position - 1];
+    std::string text = effectText(rule, place.adapter, effect);
     const StoreSnapshot& store = context.store();
-    const bool always = effect.changesNothing;
-    if (!always && stored.name != store.activeProfile()) {
+    const bool active = stored.name == store.activeProfile();
+    const bool applied = context.applies(target.reload);
+    if (effect.changesNothing) {
+        // Without the firewall everything is open.
+        const bool holdsNow =
+            active && (store.firewallEnabled() ? applied : rule.policy != FW::FW_POLICY_DENY);
+        if (!holdsNow) {
+            return "In profile " + inQuotes(stored.name) + ", " + text;
+        }
+        if (rule.portGroup == FW::FW_PORT_GROUP_PORTS) {
+            return text;  // it begins with the name of a protocol
+        }
+    } else if (!active) {
         return "Once profile " + inQuotes(stored.name) + " is in use: " + text;
-    }
-    if (!always && !store.firewallEnabled()) {
+    } else if (!store.firewallEnabled()) {
         return "Once the firewall is enabled: " + text;
-    }
-    if (!always && !context.applies(target.reload)) {
+    } else if (!applied) {
         return "Once applied: " + text;
     }
-    text.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(text.front())));
-    return text;
+    return capitalised(text);
+}
+
+/// "rule 3 of global allows this already"; empty where the earlier rule does otherwise, or does not
+/// log what the later one would.
+std::string sameAsText(const FW::FWPROFILE& profile, const RulePlace& earlier,
+                       const RulePlace& later, bool namesLater) {
+    const auto ruleAt = [&](const RulePlace& place) -> const FW::FWRULE& {
+        return profile.rules.at(place.adapter).at(place.position - 1);
+    };
+    const FW::FWRULE& first = ruleAt(earlier);
+    const FW::FWRULE& second = ruleAt(later);
+    if (first.policy != second.policy || (second.blLog && !first.blLog)) {
+        return "";
+    }
+    const char* const does = first.policy == FW::FW_POLICY_DENY ? " denies" : " allows";
+    return placeText(earlier) + does +
+           (namesLater ? " already what " + placeText(later) + does : std::string(" this already"));
+}
+
+/// "wg0 has the default policy "allow": ..." for a new rule that allows some of what that leaves
+/// open; else empty.
+std::string openAdapterText(const FW::FWPROFILE& stored, const RulePlace& place,
+                            const Target& target, Machine& machine) {
+    FW::FWPROFILE others = stored;
+    eraseAt(others.rules[place.adapter], place.position);
+    const FW::FWRULE& rule = stored.rules.at(place.adapter)[place.position - 1];
+    const RuleEffect effect = ruleEffect(stored, place, machine);
+    const bool allowsAll = rule.portGroup == FW::FW_PORT_GROUP_ANY &&
+                           rule.ipGroup == FW::FW_IP_GROUP_ANY &&
+                           rule.ipType == FW::FW_IP_TYPE_BOTH;
+    if (rule.policy != FW::FW_POLICY_ALLOW || !effect.hasLines || allowsAll) {
+        return "";
+    }
+    const OpenByPolicy open = openByPolicy(std::move(others), place.adapter, machine);
+    if (open == OpenByPolicy::kNothing) {
+        return "";
+    }
+    const auto policy = stored.adapterPolicyMap.find(place.adapter);
+    const std::string adapter = printable(place.adapter);
+    return adapter + " has the default policy " +
+           inQuotes(policyText(policy == stored.adapterPolicyMap.end() ? FW::FW_POLICY_ALLOW
+                                                                       : policy->second)) +
+           (open == OpenByPolicy::kEverything ? ": everything else is open on it, too"
+                                              : ": what no rule denies is open on it, too") +
+           "; \"tarnfw policy " + adapter + " deny" +
+           (target.profile.empty() ? "" : " --profile " + printable(target.profile)) +
+           "\" closes it";
 }
 
 }  // namespace
 
-std::vector<std::string> warningsOf(const FW::FWPROFILE& profile, const Target& target,
-                                    const std::vector<std::size_t>& positions, Machine& machine) {
+void addNotes(Notes& notes, const FW::FWPROFILE& profile, const Target& target,
+              const std::vector<std::size_t>& positions, Machine& machine) {
     std::vector<RulePlace> places;
     places.reserve(positions.size());
     for (const std::size_t position : positions) {
         places.push_back({target.adapter, position});
     }
-    Texts warnings;
     if (places.empty()) {
-        return warnings;
+        return;
     }
     for (const Finding& finding : ruleFindings(profile, places, machine)) {
         if (finding.isError) {
             throw Error(ErrorKind::kInvalid, textOf(finding), {"", finding.path, finding.rule});
         }
-        const bool shadowed =
-            finding.shadowedBy && finding.rule &&
-            std::find(places.begin(), places.end(), *finding.rule) != places.end();
-        warnings.push_back((finding.rule ? textOf(finding) : finding.text) +
-                           (shadowed ? offerFor(profile, *finding.rule, target, machine) : ""));
+        const bool own =
+            finding.rule && std::find(places.begin(), places.end(), *finding.rule) != places.end();
+        if (notes.ownOnly && finding.rule && !own) {
+            continue;
+        }
+        const bool shadowed = finding.shadowedBy && own;
+        const std::string same =
+            shadowed ? sameAsText(profile, *finding.shadowedBy, *finding.rule, places.size() > 1)
+                     : "";
+        if (!same.empty()) {
+            notes.said.push_back(capitalised(same));
+            continue;
+        }
+        notes.warnings.push_back(
+            (finding.rule ? textOf(finding) : finding.text) +
+            (shadowed ? offerFor(profile, *finding.rule, target, machine) : ""));
     }
-    return warnings;
 }
 
 void printWarnings(const std::vector<std::string>& warnings) {
@@ -411,12 +514,12 @@ void changeRules(Context& context, const Target& target,
                  const std::function<Outcome(FW::FWPROFILE&, Rules&)>& change) {
     requireReloadable(context, target.reload, target.profile);
     Outcome outcome;
-    Texts warnings;
+    Notes notes;
     const FW::FWPROFILE stored = changeProfile(
         context.session(), target.profile, target.adapter,
         [&](FW::FWPROFILE& profile) { outcome = change(profile, profile.rules[target.adapter]); },
         [&](const FW::FWPROFILE& profile) {
-            warnings = warningsOf(profile, target, outcome.changed, context.machine());
+            addNotes(notes, profile, target, outcome.changed, context.machine());
             requireAppliable(context, profile, target.reload);
         });
     context.session().unlock();
@@ -427,14 +530,20 @@ void changeRules(Context& context, const Target& target,
         if (!effect.empty()) {
             outcome.said.push_back(effect);
         }
+        const std::string open =
+            openAdapterText(stored, {target.adapter, position}, target, context.machine());
+        if (!open.empty()) {
+            notes.warnings.push_back(open);
+        }
     }
+    outcome.said.insert(outcome.said.end(), notes.said.begin(), notes.said.end());
     finishChange(
         context, stored.name, target.reload,
         [&] {
             for (const std::string& line : outcome.said) {
                 std::cout << printable(line) << '\n';
             }
-            printWarnings(warnings);
+            printWarnings(notes.warnings);
         },
         onlyRules(stored, target.adapter, outcome.changed));
 }

@@ -43,7 +43,8 @@ void requirePosition(const Rules& rules, std::size_t position, const Target& tar
 /// Throws Error for a reserved rule.
 void requireOwn(const Rules& rules, std::size_t position, const Target& target);
 
-/// Where a rule goes that is to be at `position` of `rules`.
+/// Where a rule goes that is to be at `position` of `rules`: after the reserved ones, and before
+/// the log of the denied.
 std::size_t freePosition(const Rules& rules, std::size_t position, const Target& target);
 
 void insertAt(Rules& rules, std::size_t position, const FW::FWRULE& rule);
@@ -91,10 +92,19 @@ struct Outcome {
 
 Outcome changedAt(const Rules& rules, std::size_t position, const Target& target);
 
-/// What there is to say about rules at these positions. Throws Error for invalid ones. For one that
-/// never takes effect, it says where it would.
-std::vector<std::string> warningsOf(const FW::FWPROFILE& profile, const Target& target,
-                                    const std::vector<std::size_t>& positions, Machine& machine);
+/// What there is to say about rules at their positions.
+struct Notes {
+    std::vector<std::string> said;      ///< no warnings: an earlier rule does the same already
+    std::vector<std::string> warnings;  ///< with the place where one takes effect that never does
+
+    /// Leaves out what is about rules at other positions.
+    bool ownOnly = false;
+};
+
+/// Adds to `notes` what there is to say about rules at these positions. Throws Error for invalid
+/// ones.
+void addNotes(Notes& notes, const FW::FWPROFILE& profile, const Target& target,
+              const std::vector<std::size_t>& positions, Machine& machine);
 
 /// Prints them; a rule put ahead of many can shadow all of them.
 void printWarnings(const std::vector<std::string>& warnings);
