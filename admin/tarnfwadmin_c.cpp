@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,7 @@
 #include "tarnfwadmin/ruleText.h"
 #include "tarnfwadmin/storeSession.h"
 #include "tarnfwadmin/text.h"
+#include "tarnfwadmin/verdicts.h"
 #include "tarnfwadmin/vocabulary.h"
 
 namespace {
@@ -107,6 +109,33 @@ std::vector<std::string> adaptersKnown(const tarnfw::StoreSnapshot& store) {
                                                    : std::vector<std::string>();
 }
 
+/// The adapters of the profile and the machine, but for "lo", whose packets no rule meets.
+std::vector<std::string> filteredAdapters(const FW::FWPROFILE& profile) {
+    std::set<std::string> adapters;
+    for (const auto& some : {tarnfw::adaptersOf(profile), tarnfw::machineAdapters()}) {
+        adapters.insert(some.begin(), some.end());
+    }
+    adapters.erase("lo");
+    return {adapters.begin(), adapters.end()};
+}
+
+/// "eth0: blocked; eth1: allowed". The answer of "global", the first one, counts only alone: the
+/// adapters' contain it.
+std::string summary(const std::vector<tarnfw::AdapterAnswer>& answers, int& blocked) {
+    std::string text;
+    bool all = true;
+    bool some = false;
+    for (std::size_t i = answers.size() > 1 ? 1 : 0; i < answers.size(); ++i) {
+        const FW::FW_POLICY verdict = answers[i].verdict;
+        all = all && verdict == FW::FW_POLICY_DENY;
+        some = some || verdict == FW::FW_POLICY_DENY || verdict == FW::FW_POLICY_MIXED;
+        text.append(text.empty() ? "" : "; ").append(answers[i].adapter);
+        text.append(": ").append(tarnfw::verdictText(verdict));
+    }
+    blocked = all ? 2 : some ? 1 : 0;
+    return text;
+}
+
 }  // namespace
 
 int tarnfwadmin_check_rule(const char* rule, char* reason, size_t size) {
@@ -174,6 +203,33 @@ int tarnfwadmin_known(const char* service, const char* adapter, char* reason, si
             tarnfw::requireAdapter(adapter, adaptersKnown(session.snapshot()));
         }
         return std::string("known");
+    });
+}
+
+int tarnfwadmin_blocked(const char* service, const char* adapter, int* blocked, char* reason,
+                        size_t size) {
+    return guarded({reason, size}, [&] {
+        if (blocked == nullptr) {
+            throw Error(ErrorKind::kInvalid, "there is no place for the answer");
+        }
+        tarnfw::Machine machine;
+        const std::vector<FW::PortCompareST> questions =
+            portsOf(machine.requireCatalogue().require(required(service, "service")));
+        const StoreSession session(StoreSession::Access::kRead);
+        const tarnfw::StoreSnapshot& store = session.snapshot();
+        if (adapter != nullptr) {
+            tarnfw::requireAdapter(adapter, adaptersKnown(store));
+        }
+        if (!store.firewallEnabled()) {
+            *blocked = 0;
+            return std::string("the firewall is disabled");
+        }
+        const FW::FWPROFILE& profile = store.profile("");
+        const std::vector<std::string> asked =
+            adapter == nullptr ? filteredAdapters(profile) : std::vector<std::string>{adapter};
+        std::vector<tarnfw::AdapterAnswer> answers = tarnfw::askVerdicts(profile, questions, asked);
+        tarnfw::makeExact(answers, profile, machine, store.applyMode());
+        return summary(answers, *blocked);
     });
 }
 

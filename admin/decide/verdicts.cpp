@@ -2,6 +2,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <utility>
 
 #include "tarnfirewall/fwTypes.h"
@@ -9,6 +10,7 @@
 
 #include "rules/portWords.h"
 #include "tarnfwadmin/error.h"
+#include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/portEntry.h"
 #include "tarnfwadmin/ruleText.h"
 #include "tarnfwadmin/text.h"
@@ -107,6 +109,103 @@ std::vector<AdapterAnswer> askVerdicts(const FW::FWPROFILE& profile,
             answerFor(profile, FW::FW_ADAPTER_GLOBAL, FW::FW_ADAPTER_GLOBAL, questions));
     }
     return answers;
+}
+
+std::vector<Packet> packetsFor(const FW::PortCompareST& question, const std::string& adapter) {
+    Packet packet;
+    packet.adapters = isPredefined(adapter) ? std::vector{adapter} : adapterNamesOf(adapter);
+    const std::optional<PortSpan> span = portSpanFrom(question.port);
+    if (!span) {
+        return {};
+    }
+    if (question.portDirect != FW::FW_PORT_DIRECT_DESTINATION) {
+        packet.sourcePorts = span;
+    } else {
+        packet.ports = *span;
+    }
+    std::vector<Packet> packets;
+    for (const auto protocol : {FW::FW_PORT_PROTOCOL_TCP, FW::FW_PORT_PROTOCOL_UDP}) {
+        if (question.protocol == protocol || question.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP) {
+            packet.protocol = protocol;
+            packets.push_back(packet);
+        }
+    }
+    return packets;
+}
+
+namespace {
+
+/// No interface has this name, so that "global" alone decides, or leaves it to the default policy.
+constexpr char kNoInterface[] = "-";
+
+/// For every packet of a question from any address; nothing where that cannot be told.
+std::optional<FW::FW_POLICY> verdictForAll(Decider& decider, const FW::PortCompareST& question,
+                                           const std::string& adapter) {
+    std::set<std::optional<FW::FW_POLICY>> verdicts;
+    for (Packet& packet : packetsFor(question, adapter)) {
+        for (const bool ipv6 : {false, true}) {
+            packet.source = Address(ipv6, {});
+            verdicts.insert(decider.verdictForAll(packet));
+        }
+    }
+    if (verdicts.empty() || verdicts.count(std::nullopt) != 0) {
+        return std::nullopt;
+    }
+    return verdicts.size() > 1 ? FW::FW_POLICY_MIXED : *verdicts.begin();
+}
+
+/// The rules of "global" alone, with this policy for what they leave to the adapters.
+FW::FWPROFILE globalAlone(const FW::FWPROFILE& profile, FW::FW_POLICY rest) {
+    FW::FWPROFILE alone;
+    const auto rules = profile.rules.find(FW::FW_ADAPTER_GLOBAL);
+    const auto policy = profile.adapterPolicyMap.find(FW::FW_ADAPTER_GLOBAL);
+    if (rules != profile.rules.end()) {
+        alone.rules.insert(*rules);
+    }
+    if (policy != profile.adapterPolicyMap.end()) {
+        alone.adapterPolicyMap.insert(*policy);
+    }
+    alone.adapterPolicyMap[kNoInterface] = rest;
+    return alone;
+}
+
+/// What the deciders of globalAlone() come to, with the rest denied and with the rest allowed.
+std::optional<FW::FW_POLICY> globalVerdict(std::optional<FW::FW_POLICY> restDenied,
+                                           std::optional<FW::FW_POLICY> restAllowed) {
+    if (!restDenied || !restAllowed) {
+        return std::nullopt;
+    }
+    if (restDenied == FW::FW_POLICY_ALLOW || restAllowed != FW::FW_POLICY_ALLOW) {
+        return restAllowed;
+    }
+    return FW::FW_POLICY_NONE;
+}
+
+}  // namespace
+
+void makeExact(std::vector<AdapterAnswer>& answers, const FW::FWPROFILE& profile, Machine& machine,
+               ApplyMode mode) {
+    Decider decider(profile, machine, mode);
+    Decider restDenied(globalAlone(profile, FW::FW_POLICY_DENY), machine, mode);
+    Decider restAllowed(globalAlone(profile, FW::FW_POLICY_ALLOW), machine, mode);
+    for (AdapterAnswer& answer : answers) {
+        answer.verdict = FW::FW_POLICY_NONE;
+        for (PortAnswer& port : answer.ports) {
+            const std::optional<FW::FW_POLICY> exact =
+                answer.adapter == FW::FW_ADAPTER_GLOBAL
+                    ? globalVerdict(verdictForAll(restDenied, port.question, kNoInterface),
+                                    verdictForAll(restAllowed, port.question, kNoInterface))
+                    : verdictForAll(decider, port.question, answer.adapter);
+            const bool isUndecided =
+                port.verdict == FW::FW_POLICY_NONE && exact == FW::FW_POLICY_ALLOW;
+            if (exact && !isUndecided) {
+                port.verdict = *exact;
+            }
+            if (FW::fwVerdictRank(port.verdict) > FW::fwVerdictRank(answer.verdict)) {
+                answer.verdict = port.verdict;
+            }
+        }
+    }
 }
 
 bool allAllowed(const std::vector<AdapterAnswer>& answers) {

@@ -45,6 +45,14 @@ TARNFW_EXPORT int tarnfwadmin_check_rule(const char* rule, char* reason, size_t 
 TARNFW_EXPORT int tarnfwadmin_known(const char* service, const char* adapter, char* reason,
                                     size_t size);
 
+/* Whether the active profile, as it is stored, lets packets for `service` in through `adapter`;
+ * NULL asks about "global" and all adapters of the profile and of the machine, but for "lo".
+ * `blocked` becomes 0 when nothing blocks any of them, 1 when it depends on the sender or the
+ * adapter, 2 when all are blocked, and is left alone on failure. While the firewall is disabled
+ * nothing is blocked. TARNFWADMIN_NOT_FOUND as tarnfwadmin_known(). Changes nothing. */
+TARNFW_EXPORT int tarnfwadmin_blocked(const char* service, const char* adapter, int* blocked,
+                                      char* reason, size_t size);
+
 /* Adds `rule` as the last of an adapter's list ("eth0", "global") and stores the profile, when the
  * whole profile is valid with it. The machine need not have the adapter: the rule has no effect
  * until it has, and `reason` says so. `profile` is its name; NULL or "" means the active one. The

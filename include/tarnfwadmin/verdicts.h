@@ -7,6 +7,8 @@
 #include "tarnfirewall/fwExport.h"
 #include "tarnfirewall/fwTypes.h"
 
+#include "tarnfwadmin/decision.h"
+
 namespace TARNFW_EXPORT_ALL tarnfw {
 
 /// Reads "tcp/22", "udp/5000-5010" or "both/53" into a question about destination ports; also "tcp
@@ -21,6 +23,10 @@ std::string questionText(const FW::PortCompareST& question);
 /// "allowed", "blocked", "undecided", "mixed"; in steps also "allowed for some addresses", "blocked
 /// for some addresses"; or "unknown verdict 7".
 std::string verdictText(FW::FW_POLICY verdict);
+
+/// The packets of a question through an adapter, one for each protocol that has ports. Throws Error
+/// as adapterNamesOf().
+std::vector<Packet> packetsFor(const FW::PortCompareST& question, const std::string& adapter);
 
 /// The verdict for one query, and the adapter's steps to it.
 struct PortAnswer {
@@ -43,6 +49,14 @@ struct AdapterAnswer {
 std::vector<AdapterAnswer> askVerdicts(const FW::FWPROFILE& profile,
                                        const std::vector<FW::PortCompareST>& questions,
                                        const std::vector<std::string>& adapters);
+
+/// Puts the verdict for every packet of a question, from any address, in place of that of the
+/// library's check: this counts a port as allowed once two rules allow it from some addresses, and
+/// as allowed after two that deny it so. A verdict stays where the one for all packets cannot be
+/// told, see Decider::verdictForAll(). The steps stay as well: they lead to the library's.
+/// "undecided" stays for what no rule and no default policy decides.
+void makeExact(std::vector<AdapterAnswer>& answers, const FW::FWPROFILE& profile, Machine& machine,
+               ApplyMode mode);
 
 /// Whether no verdict is "blocked" or "mixed".
 bool allAllowed(const std::vector<AdapterAnswer>& answers);

@@ -54,14 +54,14 @@ global   undecided  left to the adapters
 eth0     allowed
 END
 answers 10 blocked --port tcp/443-444 --adapter eth0
-says '^eth0  *blocked$'
+says '^eth0  *mixed  *allowed for some of the packets, blocked for others$'
 answers 10 blocked --port tcp+udp/443 --adapter eth0
 says '^Profile "deny_by_default", tcp/udp 443$'
 for port in both/443 443/both 'tcp/udp 443' TCP,UDP/443; do
     answers 10 blocked --port "$port" --adapter eth0
     says '^Profile "deny_by_default", tcp/udp 443$'
 done
-says '^eth0  *blocked$'
+says '^eth0  *mixed  *allowed for some of the packets, blocked for others$'
 # The machine has it, the profile knows nothing of it.
 ip tuntap add eth9 mode tun
 answers 0 blocked --port udp/5000-5010 --adapter eth9
@@ -116,8 +116,8 @@ eth0: blocked
   decided by global     blocked
 END
 answers 10 explain --service smb --adapter eth0
-says '^  tcp 139  *blocked$'
-says '^  tcp 445  *blocked$'
+says '^  tcp 139  *mixed$'
+says '^  tcp 445  *mixed$'
 answers 10 blocked --port tcp/8080
 says '^global  *blocked  *for every adapter$'
 

@@ -3,8 +3,12 @@
 
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
+
+#include "tarnfwadmin/machine.h"
+#include "tarnfwadmin/vocabulary.h"
 
 namespace {
 
@@ -88,6 +92,54 @@ TEST(VerdictTextTest, EveryVerdictHasItsWords) {
     for (int verdict = 0; verdict < 7; ++verdict) {
         EXPECT_EQ(tarnfw::verdictText(static_cast<FW::FW_POLICY>(verdict)), texts[verdict]);
     }
+}
+
+/// The verdicts on "global" and eth0, for tcp 22 by these rules of "global" and of eth0.
+std::string exactFor(const char* question, const std::vector<const char*>& global,
+                     const std::vector<const char*>& own, FW::FW_POLICY policy) {
+    tarnfw::Machine machine;
+    FW::FWPROFILE profile;
+    profile.adapterPolicyMap["eth0"] = policy;
+    for (const char* const rule : global) {
+        profile.rules["global"].push_back(tarnfw::ruleFromText(rule, machine));
+    }
+    for (const char* const rule : own) {
+        profile.rules["eth0"].push_back(tarnfw::ruleFromText(rule, machine));
+    }
+    FW::PortCompareST asked;
+    EXPECT_EQ(tarnfw::portQuestionFrom(question, asked), "");
+    std::vector<tarnfw::AdapterAnswer> answers = tarnfw::askVerdicts(profile, {asked}, {"eth0"});
+    tarnfw::makeExact(answers, profile, machine, tarnfw::ApplyMode::kBatch);
+    EXPECT_EQ(answers.size(), 2U);
+    return tarnfw::verdictText(answers[0].verdict) + ", " + tarnfw::verdictText(answers[1].verdict);
+}
+
+TEST(MakeExactTest, AddsUpTheAddressesOfSeveralRules) {
+    const std::vector<const char*> some = {"allow tcp 22 from 10.0.0.0/8",
+                                           "allow tcp 22 from 172.16.0.0/12"};
+    EXPECT_EQ(exactFor("tcp 22", {}, some, FW::FW_POLICY_DENY), "undecided, mixed");
+    EXPECT_EQ(exactFor("tcp 22", some, {}, FW::FW_POLICY_DENY), "undecided, mixed");
+    EXPECT_EQ(exactFor("tcp 22", some, {}, FW::FW_POLICY_ALLOW), "undecided, allowed");
+    EXPECT_EQ(exactFor("tcp 23", some, {}, FW::FW_POLICY_DENY), "undecided, blocked");
+    EXPECT_EQ(
+        exactFor("tcp 22", {}, {"deny tcp 22 from 10.0.0.0/8", "deny tcp 22 from 172.16.0.0/12"},
+                 FW::FW_POLICY_ALLOW),
+        "undecided, mixed");
+    EXPECT_EQ(exactFor("tcp 22", {},
+                       {"allow tcp 22 from 0.0.0.0/1", "allow tcp 22 from 128.0.0.0/1",
+                        "allow tcp 22 from ::/1", "allow tcp 22 from 8000::/1"},
+                       FW::FW_POLICY_DENY),
+              "undecided, allowed");
+}
+
+TEST(MakeExactTest, GlobalDecidesForAllAdaptersOrLeavesItToThem) {
+    EXPECT_EQ(exactFor("tcp 22", {"allow tcp 22"}, {}, FW::FW_POLICY_DENY), "allowed, allowed");
+    EXPECT_EQ(exactFor("tcp 22", {"deny tcp 22"}, {"allow tcp 22"}, FW::FW_POLICY_ALLOW),
+              "blocked, blocked");
+    EXPECT_EQ(exactFor("tcp 22", {"deny tcp 22 from 10.0.0.0/8"}, {}, FW::FW_POLICY_ALLOW),
+              "mixed, mixed");
+    EXPECT_EQ(exactFor("tcp 22", {}, {}, FW::FW_POLICY_NONE), "undecided, undecided");
+    EXPECT_EQ(exactFor("tcp/udp 22", {"allow tcp 22"}, {}, FW::FW_POLICY_DENY), "undecided, mixed");
 }
 
 TEST(AllAllowedTest, UndecidedIsNoObstacle) {

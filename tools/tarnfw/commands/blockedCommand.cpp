@@ -1,5 +1,7 @@
 /// tarnfw blocked: whether a port or a service gets through, adapter by adapter.
+#include <algorithm>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,6 +25,15 @@
 namespace tarnfw {
 namespace {
 
+/// Whether the packets of each question differ in their addresses alone.
+bool areSinglePorts(const AdapterAnswer& answer) {
+    return std::all_of(answer.ports.begin(), answer.ports.end(), [](const PortAnswer& port) {
+        const std::optional<PortSpan> span = portSpanFrom(port.question.port);
+        return port.question.protocol != FW::FW_PORT_PROTOCOL_TCP_UDP && span &&
+               span->first == span->last;
+    });
+}
+
 /// A note on a verdict that needs one.
 std::string noteOn(const AdapterAnswer& answer) {
     const bool global = answer.adapter == FW::FW_ADAPTER_GLOBAL;
@@ -33,7 +44,8 @@ std::string noteOn(const AdapterAnswer& answer) {
         case FW::FW_POLICY_NONE:
             return global ? "left to the adapters" : "no rule or default policy decides: allowed";
         case FW::FW_POLICY_MIXED:
-            return "allowed from some addresses, blocked from others";
+            return areSinglePorts(answer) ? "allowed from some addresses, blocked from others"
+                                          : "allowed for some of the packets, blocked for others";
         default:
             return global ? "for every adapter" : "";
     }
@@ -47,8 +59,9 @@ void blocked(const PortQuery& options) {
     if (answeredDisabled(store, options, questions)) {
         return;
     }
-    const std::vector<AdapterAnswer> answers =
+    std::vector<AdapterAnswer> answers =
         askVerdicts(store.profile(""), questions, adaptersAsked(options, store.profile("")));
+    makeExact(answers, store.profile(""), context.machine(), store.applyMode());
     KernelAnswer kernel(store, options, questions);
     Decider decider(store.profile(""), context.machine(), store.applyMode());
     bool allowed = allAllowed(answers);

@@ -137,6 +137,11 @@ void printAnswer(const FW::FWPROFILE& profile, const AdapterAnswer& answer,
             table.addRow({{stepText(profile, step), Paint::kPlain},
                           {outcomeText(step), policyPaint(step.after)}});
         }
+        if (!port.steps.empty() && port.steps.back().after != port.verdict) {
+            // The library's check does not add up the addresses of several rules.
+            table.addRow({{"all packets together", Paint::kPlain},
+                          {verdictText(port.verdict), policyPaint(port.verdict)}});
+        }
     }
     table.print(2);
 }
@@ -150,8 +155,9 @@ void explain(const PortQuery& options) {
         return;
     }
     const FW::FWPROFILE& profile = store.profile("");
-    const std::vector<AdapterAnswer> answers =
+    std::vector<AdapterAnswer> answers =
         askVerdicts(profile, questions, adaptersAsked(options, profile));
+    makeExact(answers, profile, context.machine(), store.applyMode());
     KernelAnswer kernel(store, options, questions);
     Decider decider(profile, context.machine(), store.applyMode());
     std::map<std::string, TunnelAnswer> tunnels;

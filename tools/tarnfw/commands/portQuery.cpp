@@ -12,7 +12,6 @@
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/ruleText.h"
-#include "tarnfwadmin/verdicts.h"
 
 namespace tarnfw {
 
@@ -68,8 +67,9 @@ void addQueryOptions(Command& command, PortQuery& options) {
             return portQuestionFrom(text, question);
         })
         .exactlyOneOf(kSubject);
-    command.option("--adapter", options.adapter,
-                   "One adapter; by default all of the profile and the machine")
+    command
+        .option("--adapter", options.adapter,
+                "One adapter; by default all of the profile and the machine")
         .placeholder("NAME");
     addJsonFlag(command, options.json);
 }
@@ -102,28 +102,6 @@ std::vector<std::string> adaptersAsked(const PortQuery& options, const FW::FWPRO
     adapters.erase(std::remove(adapters.begin(), adapters.end(), FW::FW_ADAPTER_GLOBAL),
                    adapters.end());
     return adapters;
-}
-
-std::vector<Packet> packetsFor(const FW::PortCompareST& question, const std::string& adapter) {
-    Packet packet;
-    packet.adapters = isPredefined(adapter) ? std::vector{adapter} : adapterNamesOf(adapter);
-    const std::optional<PortSpan> span = portSpanFrom(question.port);
-    if (!span) {
-        return {};
-    }
-    if (question.portDirect != FW::FW_PORT_DIRECT_DESTINATION) {
-        packet.sourcePorts = span;
-    } else {
-        packet.ports = *span;
-    }
-    std::vector<Packet> packets;
-    for (const auto protocol : {FW::FW_PORT_PROTOCOL_TCP, FW::FW_PORT_PROTOCOL_UDP}) {
-        if (question.protocol == protocol || question.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP) {
-            packet.protocol = protocol;
-            packets.push_back(packet);
-        }
-    }
-    return packets;
 }
 
 // ---- What the kernel does of the answer ----

@@ -17,6 +17,7 @@
 #include "tarnfwadmin/decision.h"
 #include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/store.h"
+#include "tarnfwadmin/verdicts.h"
 
 namespace tarnfw {
 
@@ -41,9 +42,6 @@ std::vector<FW::PortCompareST> questionsOf(const PortQuery& query, Machine& mach
 /// The queried adapters: the given one, or those of the profile and of the machine without
 /// "global". Throws Error for an unknown one.
 std::vector<std::string> adaptersAsked(const PortQuery& query, const FW::FWPROFILE& profile);
-
-/// The packets of a question through an adapter, one for each protocol that has ports.
-std::vector<Packet> packetsFor(const FW::PortCompareST& question, const std::string& adapter);
 
 /// What the kernel does of the answer.
 class KernelAnswer {
