@@ -83,6 +83,15 @@ bool isLeftOpen(const FW::FWPROFILE& profile, bool ipv6, Machine& machine) {
     return !left.empty() || !denies;
 }
 
+bool hasLines(const FW::FWPROFILE& profile, const std::string& adapter) {
+    const auto policy = profile.adapterPolicyMap.find(adapter);
+    const auto rules = profile.rules.find(adapter);
+    return (policy != profile.adapterPolicyMap.end() &&
+            (policy->second == FW::FW_POLICY_ALLOW || policy->second == FW::FW_POLICY_DENY)) ||
+           (rules != profile.rules.end() &&
+            std::any_of(rules->second.begin(), rules->second.end(), hasLine));
+}
+
 }  // namespace
 
 std::vector<UnlistedAdapter> unlistedAdapters(const FW::FWPROFILE& profile, Machine& machine) {
@@ -107,6 +116,19 @@ std::vector<UnlistedAdapter> unlistedAdapters(const FW::FWPROFILE& profile, Mach
         }
     }
     return unlisted;
+}
+
+bool hasLinesFor(const FW::FWPROFILE& profile, const std::string& interface, Machine& machine) {
+    const std::vector<std::string> names = adapterNamesOf(interface);
+    const std::vector<std::string> adapters = adaptersOf(profile);
+    return std::any_of(adapters.begin(), adapters.end(), [&](const std::string& adapter) {
+        if (adapter == FW::FW_ADAPTER_GLOBAL || isNeverApplied(adapter) ||
+            !hasLines(profile, adapter)) {
+            return false;
+        }
+        return std::find(names.begin(), names.end(), adapter) != names.end() ||
+               machine.tunnelOf(adapter) == interface;
+    });
 }
 
 std::string textOf(const UnlistedAdapter& adapter) {

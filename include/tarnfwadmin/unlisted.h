@@ -1,4 +1,4 @@
-/// Adapters of the machine that a profile has nothing for.
+/// Adapters of the machine that a profile has nothing for, and interfaces that it has lines for.
 #pragma once
 
 #include <string>
@@ -26,6 +26,12 @@ struct UnlistedAdapter {
 /// bridges and bonds, whose packets come in by the bridge or bond. Throws Error as
 /// machineAdapters().
 std::vector<UnlistedAdapter> unlistedAdapters(const FW::FWPROFILE& profile, Machine& machine);
+
+/// Whether lines of the profile are for an interface of the machine: an enabled rule, or a default
+/// policy of allow or deny, of an adapter of its name, of "pppoe" or "vpn" where it is one of
+/// these, or of an adapter whose 6in4 tunnel it is. Those of "global", which are for every
+/// interface, do not count. Throws Error as adapterNamesOf().
+bool hasLinesFor(const FW::FWPROFILE& profile, const std::string& interface, Machine& machine);
 
 /// "open: not in the profile", "not in the profile".
 std::string textOf(const UnlistedAdapter& adapter);

@@ -77,6 +77,21 @@ umount "/usr/sbin/xtables-$variant-multi"
 ends 1 'was not kept: cancelled; the previous rules are in force again$'
 gone_back
 
+# A reload for an interface that has appeared meanwhile waits for the end: nobody would start it again.
+in_background "$new" --timeout "$kLong"
+"$build/tools/tarnfw/tarnfw" reload --for eth0 >"$out/waiting" &
+reload=$!
+until [[ -s $out/waiting ]]; do
+    kill -0 "$reload" || fail 'the reload does not wait'
+    sleep 0.02
+done
+answers 1 reload
+answers 0 try --cancel
+ends 1 'was not kept: '
+step 'the reload for an interface has waited' wait "$reload"
+step 'and applied the active profile' grep --quiet '^Profile "deny_by_default" applied$' "$out/waiting"
+gone_back
+
 # A terminal that takes no more output, as when its connection hangs, does not stop the watchdog.
 mkfifo "$out/full"
 exec {full}<>"$out/full"

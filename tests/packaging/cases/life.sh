@@ -44,7 +44,7 @@ mkdir -- "$kRoot/usr/tarn/etc/services.d" "$kRoot$kStore/.change"
 printf '{}\n' >"$kRoot/usr/tarn/etc/services.d/own.json"
 step 'the document of a change that was interrupted' touch "$kRoot$kStore/.change/1700000042.json"
 step 'a lock of a document without a directory of locks' touch "$kRoot/tmp/firewall_settings.json.lock"
-step 'one that another program has there' sh -c 'echo 123 >"$1"' sh "$kRoot/tmp/own.json.lock"
+step 'one that another program has there' within sh -ec 'echo 123 >/tmp/own.json.lock'
 step 'what other programs have beside the store' within sh -ec '
     mkdir /usr/tarn/etc/other.d
     echo other >/usr/tarn/etc/other.d/settings.json

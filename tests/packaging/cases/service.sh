@@ -105,17 +105,11 @@ within tarnfw apply-mode batch
 
 # --- an interface that appears later -----------------------------------------------------------------
 
-# start_adapter_service NAME: as systemd would when udev has found the interface. Prints "not needed" where
-# its condition does not hold.
+# start_adapter_service NAME: as systemd would when udev has found the interface.
 start_adapter_service() {
-    local unit=$kRoot/lib/systemd/system/tarnfw-adapter@.service condition start
-    condition=$(sed -n 's/^ExecCondition=//p' "$unit")
-    start=$(sed -n 's/^ExecStart=//p' "$unit")
-    eval "within ${condition//%i/$1}" || {
-        echo 'not needed'
-        return
-    }
-    eval "within $start"
+    local command
+    read -ra command < <(sed -n 's/^ExecStart=//p' "$kRoot/lib/systemd/system/tarnfw-adapter@.service")
+    within "${command[@]//%i/$1}"
 }
 
 ip tuntap add wg0 mode tun
@@ -127,7 +121,13 @@ step 'a rule for an absent interface is left out' fails grep --quiet wg0 <(list_
 ip tuntap add wg0 mode tun
 step 'the service for the interface starts' start_adapter_service wg0
 step 'and its rules are in force' grep --quiet 'wg0.*51820' <(list_rules)
-step 'not for an interface that no profile names' grep --quiet '^not needed$' <(start_adapter_service veth7)
+step 'not for an interface that the profile has nothing for' \
+    grep --quiet ' has nothing for "veth7": not reloaded$' <(start_adapter_service veth7)
+within tarnfw profile copy own other
+within tarnfw policy veth7 deny --profile other
+step 'nor for one that another profile has rules for' \
+    grep --quiet ' has nothing for "veth7": not reloaded$' <(start_adapter_service veth7)
+within tarnfw profile delete other
 ip link delete wg0
 within tarnfw rule delete 1 --adapter wg0
 within tarnfw policy wg0 none

@@ -126,5 +126,30 @@ TEST_F(UnlistedTest, RulesOrADefaultPolicyAreAMention) {
     EXPECT_EQ(unlistedOf(document), kOpen);
 }
 
+TEST_F(UnlistedTest, InterfacesThatAProfileHasLinesFor) {
+    const auto hasLines = [](const Json::Value& document, const std::string& interface) {
+        FW::FWPROFILE profile;
+        FW::TARNFW_JSON_DB().jsonToProfile(document, profile);
+        Machine machine;
+        return hasLinesFor(profile, interface, machine);
+    };
+    Json::Value document = profile({rule()});
+    EXPECT_FALSE(hasLines(document, "wlan0")) << "global is for all";
+    document["rules"]["wlan0"].append(rule());
+    EXPECT_TRUE(hasLines(document, "wlan0"));
+    EXPECT_FALSE(hasLines(document, "wlan01")) << "another one";
+    EXPECT_FALSE(hasLines(document, "wlan.")) << "no pattern";
+    document = profile({});
+    document["rules"]["wlan0"].append(rule(R"({"enable": false})"));
+    EXPECT_FALSE(hasLines(document, "wlan0"));
+    document["adapterPolicyMap"]["wlan0"] = 2;
+    EXPECT_FALSE(hasLines(document, "wlan0"));
+    document["adapterPolicyMap"]["wlan0"] = 1;
+    EXPECT_TRUE(hasLines(document, "wlan0"));
+    document = profile({});
+    document["adapterPolicyMap"]["ppp0"] = 1;
+    EXPECT_FALSE(hasLines(document, "ppp0")) << "never applied";
+}
+
 }  // namespace
 }  // namespace tarnfw

@@ -50,6 +50,7 @@ constexpr KindRow kKinds[] = {
     {"modules", "SERVICE", Kind::kText},
     {"", "ADAPTER", Kind::kAdapter},
     {"", "--adapter", Kind::kAdapter},
+    {"reload", "--for", Kind::kAdapter},
     {"", "PROFILE", Kind::kProfile},
     {"", "--profile", Kind::kProfile},
     {"", "FILE|PROFILE", Kind::kProfileOrFile},

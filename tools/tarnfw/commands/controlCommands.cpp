@@ -2,11 +2,13 @@
 #include <malloc.h>
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <json/json.h>
@@ -150,10 +152,40 @@ void confirmOverSsh(Context& context, bool yes) {
     requireSshAccess(*profile, context.machine(), context.store().applyMode(), yes, kApplyAnyway);
 }
 
-void reload(bool yes, Report& report) {
+/// Waits for the end of a running trial, however long that takes.
+void awaitEndOfTrial() {
+    constexpr std::chrono::seconds kPause{1};
+    for (bool isSaid = false;; isSaid = true) {
+        try {
+            requireNoTrial();
+            return;
+        } catch (const Error& error) {
+            if (error.kind() != ErrorKind::kBusy) {
+                throw;
+            }
+        }
+        if (!isSaid) {
+            std::cout << "Waiting for the end of the running trial\n" << std::flush;
+        }
+        std::this_thread::sleep_for(kPause);
+    }
+}
+
+void reload(bool yes, const std::string& interface, Report& report) {
     requireRoot();
-    requireNoTrial();
+    if (interface.empty()) {
+        requireNoTrial();
+    } else {
+        awaitEndOfTrial();
+    }
     Context context(StoreSession::Access::kRead);
+    if (!interface.empty() &&
+        !hasLinesFor(context.store().profile(""), interface, context.machine())) {
+        report.setProfile(context.store().activeProfile());
+        std::cout << "Profile " << inQuotes(context.store().activeProfile()) << " has nothing for "
+                  << inQuotes(interface) << ": not reloaded\n";
+        return;
+    }
     confirmOverSsh(context, yes);
     std::string skipped;
     Control control(context.session(), [&](const std::string& what, const auto& work) {
@@ -203,6 +235,7 @@ void addApplyModeCommand(Command& app) {
 void addControlCommands(Command& app) {
     struct Values {
         bool yes = false;
+        std::string interface;
         Report report;
     };
     Command& enableCommand =
@@ -219,9 +252,16 @@ void addControlCommands(Command& app) {
     Command& reloadCommand = app.subcommand("reload", "Apply the active profile again");
     const auto reloading = std::make_shared<Values>();
     reloadCommand.flag("--yes", reloading->yes, "Do not ask if the rules would lock you out");
-    reloadCommand.footer("Over SSH, asks first if the profile would not let you connect again.");
+    reloadCommand
+        .option("--for", reloading->interface,
+                "Only if the profile has rules or a default policy for this interface; waits for "
+                "the end of a trial")
+        .placeholder("INTERFACE");
+    reloadCommand.footer(
+        "Over SSH, asks first if the profile would not let you connect again.\n"
+        "When an interface has appeared: tarnfw reload --for eth0");
     runReporting(reloadCommand, reloading->report,
-                 [reloading] { reload(reloading->yes, reloading->report); });
+                 [reloading] { reload(reloading->yes, reloading->interface, reloading->report); });
     addApplyModeCommand(app);
 }
 
