@@ -63,11 +63,10 @@ struct KnownService {
     std::int32_t protocol;  // for a machine whose catalogue cannot be read
 };
 
-// Answers to what the machine itself asks.
+// Answers to what the machine itself asks, from servers with any address.
 constexpr KnownService kAnswers[] = {
     {"dhcp_client", FW::FW_PORT_PROTOCOL_UDP},
     {"dhcpv6_client", FW::FW_PORT_PROTOCOL_UDP},
-    {"mdns", FW::FW_PORT_PROTOCOL_UDP},
 };
 
 constexpr KnownService kManagement[] = {
@@ -82,6 +81,7 @@ constexpr KnownService kStorage[] = {
     {"afp", FW::FW_PORT_PROTOCOL_TCP},          {"ftp", FW::FW_PORT_PROTOCOL_TCP},
     {"ftp_passive", FW::FW_PORT_PROTOCOL_TCP},  {"ftps", FW::FW_PORT_PROTOCOL_TCP},
     {"rsync", FW::FW_PORT_PROTOCOL_TCP},        {"iscsi", FW::FW_PORT_PROTOCOL_TCP},
+    {"mdns", FW::FW_PORT_PROTOCOL_UDP},
 };
 
 // Private and link-local, of both families.

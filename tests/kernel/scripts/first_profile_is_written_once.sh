@@ -230,7 +230,8 @@ step 'the local network, and the person who was connected, are let in, and nobod
 icmp4 192.168.1.10 0 open
 icmp4 203.0.113.10 0 open 203.0.113.20
 icmp6 2001:db8:1::10 0 open
-udp4 203.0.113.10 5353 open 203.0.113.20
+udp4 203.0.113.10 5353 blocked 203.0.113.20
+udp4 192.168.1.10 5353 open 192.168.1.20
 tcp4 192.168.1.10 22 open 192.168.1.20
 tcp4 192.168.1.10 443 open 192.168.1.20
 tcp4 192.168.1.10 445 open 192.168.1.20
