@@ -287,6 +287,13 @@ void printJson(const Json::Value& document) {
     std::cout << jsonText(document);
 }
 
+std::string localTime(std::time_t time, const char* format) {
+    std::tm parts{};
+    (void)localtime_r(&time, &parts);
+    std::array<char, 32> text{};
+    return {text.data(), std::strftime(text.data(), text.size(), format, &parts)};
+}
+
 std::string timeForPrograms(std::time_t time) {
     std::tm parts{};
     (void)gmtime_r(&time, &parts);

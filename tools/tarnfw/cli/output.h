@@ -67,6 +67,9 @@ std::string jsonText(const Json::Value& document);
 /// Prints it to standard output.
 void printJson(const Json::Value& document);
 
+/// A time as local time, in a format of strftime() that makes less than 32 characters.
+std::string localTime(std::time_t time, const char* format);
+
 /// A time of a document: "2026-11-21T05:14:56Z".
 std::string timeForPrograms(std::time_t time);
 

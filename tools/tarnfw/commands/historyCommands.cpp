@@ -1,7 +1,4 @@
 /// tarnfw history, undo: what the last changes of the store did, and putting it back.
-#include <time.h>
-
-#include <array>
 #include <ctime>
 #include <iostream>
 #include <iterator>
@@ -37,12 +34,9 @@ constexpr int kMostNumber = static_cast<int>(kHistoryLength);
 
 // ---- Texts ----
 
-/// "2026-11-21 06:14:56", by the clock on the wall.
-std::string localTime(std::time_t time) {
-    std::tm parts{};
-    (void)localtime_r(&time, &parts);
-    std::array<char, 32> text{};
-    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts)};
+/// "2026-11-21 06:14:56", in local time.
+std::string timeForPeople(std::time_t time) {
+    return localTime(time, "%Y-%m-%d %H:%M:%S");
 }
 
 std::string commandOf(const HistoryEntry& entry) {
@@ -133,7 +127,7 @@ void listChanges(const StoreHistory& history, const StoreSnapshot& store, bool j
             document["history"].append(jsonOf(entry, differences));
         } else {
             table.addRow({{std::to_string(entry.number)},
-                          {localTime(entry.time)},
+                          {timeForPeople(entry.time)},
                           {commandOf(entry)},
                           {summaryOf(differences)}});
         }
@@ -161,7 +155,7 @@ void showHistory(std::size_t number, bool json) {
         printJson(jsonOf(entry, differences));
         return;
     }
-    std::cout << "Change " << number << ", " << localTime(entry.time) << ": "
+    std::cout << "Change " << number << ", " << timeForPeople(entry.time) << ": "
               << printable(commandOf(entry)) << '\n';
     print(differences);
 }
@@ -270,7 +264,7 @@ std::vector<std::string> profilesIn(const Differences& differences, const StoreS
 
 std::string undoneText(const HistoryEntry& entry) {
     return (entry.number == 1 ? "Change 1" : "Changes 1 to " + std::to_string(entry.number)) +
-           std::string(" undone, back to before ") + localTime(entry.time) + ": " +
+           std::string(" undone, back to before ") + timeForPeople(entry.time) + ": " +
            printable(commandOf(entry));
 }
 

@@ -1,10 +1,8 @@
 /// tarnfw import: replaces the whole configuration with an exported one.
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <ctime>
 #include <exception>
 #include <iostream>
@@ -218,15 +216,6 @@ void report(const ImportPlan& plan, const Json::Value& current, const Json::Valu
 
 // ---- Backup -------------------------------------------------------------------------------------
 
-/// "2026-11-21_06-14-56", by the clock on the wall.
-std::string timeText() {
-    const std::time_t now = std::time(nullptr);
-    std::tm parts{};
-    (void)localtime_r(&now, &parts);
-    std::array<char, 32> text{};
-    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%d_%H-%M-%S", &parts)};
-}
-
 /// Keeps what the store holds. Returns the file's path.
 std::string keepBackup(const Json::Value& current) {
     if (TARNFSMkdirP(kBackupDir, nullptr, 1, 0, 0, kBackupDirMode) < 0 ||
@@ -234,7 +223,7 @@ std::string keepBackup(const Json::Value& current) {
         throw Error(ErrorKind::kSystem, std::string("cannot create the directory ") + kBackupDir +
                                             "; nothing was imported");
     }
-    const std::string start = kBackupDir + timeText();
+    const std::string start = kBackupDir + localTime(std::time(nullptr), "%Y-%m-%d_%H-%M-%S");
     std::string path = start + ".json";
     for (int number = 2; TLIBCFileExist(path.c_str()) == 1; ++number) {
         path = start;
