@@ -13,10 +13,13 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <set>
 #include <utility>
 
 #include <json/json.h>
+
+#include "tarnfirewall/tarnFW.h"
 
 #include "store/storeJournal.h"
 #include "tarnfwadmin/descriptor.h"
@@ -155,7 +158,8 @@ bool writeRecord(const Json::Value& document) {
            std::rename(path.c_str(), (std::string(kCopyDir) + kRecord).c_str()) == 0;
 }
 
-/// What has changed, without test profiles.
+/// What has changed, without test profiles, and without what undoing never changes, which has the
+/// same digests.
 std::map<std::string, RecordedDocument> changedDocuments(const DocumentTexts& before,
                                                          const DocumentTexts& now) {
     std::map<std::string, RecordedDocument> changed;
@@ -170,6 +174,14 @@ std::map<std::string, RecordedDocument> changedDocuments(const DocumentTexts& be
         if ((old == before.end() || old->second != text) && !isTestDocument(text)) {
             changed[path].after = digestOf(path, text);
         }
+    }
+    for (auto document = changed.begin(); document != changed.end();) {
+        const std::optional<std::string> missing = digestOfMissing(document->first);
+        const auto digestOr = [&](const std::optional<std::string>& digest) {
+            return digest ? digest : missing;
+        };
+        const bool same = digestOr(document->second.before) == digestOr(document->second.after);
+        document = same ? changed.erase(document) : std::next(document);
     }
     return changed;
 }
@@ -314,6 +326,15 @@ std::string digestOf(const std::string& path, const std::string& text) {
     }
     settings.removeMember("status");
     return fnv1a(documentText(settings));
+}
+
+std::optional<std::string> digestOfMissing(const std::string& path) {
+    if (path != kSettingsFile) {
+        return std::nullopt;
+    }
+    Json::Value defaults;
+    FW::TARNFW().initJconfig(defaults);
+    return digestOf(path, defaults.toStyledString());
 }
 
 std::vector<unsigned long> entryNumbers() {

@@ -40,6 +40,10 @@ extern const char kHistoryDir[];
 /// which enabling and disabling change, and undoing never does.
 std::string digestOf(const std::string& path, const std::string& text);
 
+/// The digest that counts where there is no such document. The library writes settings that are
+/// missing when it reads them, as the defaults: that is no change. Any other document has none.
+std::optional<std::string> digestOfMissing(const std::string& path);
+
 /// The numbers of the entries, the last change first. None without the directory. Throws Error,
 /// kSystem, for one that cannot be read.
 std::vector<unsigned long> entryNumbers();

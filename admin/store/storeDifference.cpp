@@ -29,14 +29,15 @@ std::string settingText(const Json::Value& value) {
     return value.isNull() ? "-" : Json::writeString(builder, value);
 }
 
-/// A setting as people call it: "firewall: disabled -> enabled".
+/// A setting as people call it: "firewall: disabled -> enabled". Empty where both values mean the
+/// same: without "status" the firewall is disabled.
 std::string changeText(const SettingDifference& difference) {
-    const auto statusText = [](const std::string& value) {
-        return value == "true" ? "enabled" : "disabled";
-    };
     if (difference.setting == "status") {
-        return std::string("firewall: ") + statusText(difference.before) + " -> " +
-               statusText(difference.after);
+        const bool before = difference.before == "true";
+        const bool after = difference.after == "true";
+        return before == after ? ""
+               : after         ? "firewall: disabled -> enabled"
+                               : "firewall: enabled -> disabled";
     }
     const std::string name = difference.setting == "profile" ? "active profile"
                              : difference.setting == "apply"
@@ -247,7 +248,10 @@ std::vector<StoreDifference> storeDifferences(const std::map<std::string, std::s
     Differences differences;
     for (const SettingDifference& setting :
          settingDifferences(settingsIn(before), settingsIn(after))) {
-        differences.push_back({Kind::kChanged, "", "", 0, changeText(setting)});
+        const std::string text = changeText(setting);
+        if (!text.empty()) {
+            differences.push_back({Kind::kChanged, "", "", 0, text});
+        }
     }
     std::set<std::string> others;
     std::map<std::string, Found> old = profilesIn(before, others);

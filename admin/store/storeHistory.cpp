@@ -6,8 +6,6 @@
 
 #include <json/json.h>
 
-#include "tarnfirewall/tarnFW.h"
-
 #include "store/changeRecord.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/error.h"
@@ -37,15 +35,16 @@ bool keepStatus(UndoneDocument& settings, const StoreSnapshot& store) {
     return old != store.settings();
 }
 
-/// The library writes settings that are missing when it reads them, as the defaults: that is no
-/// change. Any other document that is missing has no digest.
-std::optional<std::string> digestOfMissing(const std::string& path) {
-    if (path != kSettingsFile) {
-        return std::nullopt;
+/// The text of settings with the "status" that others have.
+std::string withStatusOf(const std::string& others, const std::string& text) {
+    Json::Value settings;
+    Json::Value from;
+    if (!parseAsStored(text, settings) || !settings.isObject() || !parseAsStored(others, from) ||
+        !from.isObject() || settings[kStatus] == from[kStatus]) {
+        return text;
     }
-    Json::Value defaults;
-    FW::TARNFW().initJconfig(defaults);
-    return digestOf(path, defaults.toStyledString());
+    settings[kStatus] = from[kStatus];
+    return settings.toStyledString();
 }
 
 }  // namespace
@@ -115,6 +114,11 @@ StoreChange StoreHistory::changeOf(std::size_t number, const StoreSnapshot& stor
             change.after[path] = *text;
         }
     }
+    const auto before = change.before.find(kSettingsFile);
+    const auto after = change.after.find(kSettingsFile);
+    if (before != change.before.end() && after != change.after.end()) {
+        after->second = withStatusOf(before->second, after->second);
+    }
     return change;
 }
 
@@ -172,6 +176,38 @@ std::vector<std::string> StoreHistory::changedByOthers(std::size_t number,
         }
     }
     return paths;
+}
+
+void requireUndoable(const std::map<std::string, UndoneDocument>& undone,
+                     const StoreSnapshot& store) {
+    std::map<std::string, std::string> paths;  // by name, of the profiles that there would be
+    for (const std::string& name : store.profileNames()) {
+        if (undone.count(store.pathOf(name)) == 0) {
+            paths[name] = store.pathOf(name);
+        }
+    }
+    std::string active = store.activeProfile();
+    for (const auto& [path, document] : undone) {
+        Json::Value content;
+        if (!document.text || !parseAsStored(*document.text, content) || !content.isObject()) {
+            continue;
+        }
+        if (path == kSettingsFile) {
+            active = content["profile"].isString() ? content["profile"].asString() : "";
+        } else if (content["name"].isString()) {
+            const auto [other, isNew] = paths.emplace(content["name"].asString(), path);
+            if (!isNew) {
+                throw Error(ErrorKind::kUnusable, "profile " + inQuotes(other->first) +
+                                                      " would be there twice, in " +
+                                                      printable(other->second) + " and " +
+                                                      printable(path) + "; nothing was changed");
+            }
+        }
+    }
+    if (paths.count(active) == 0 && (store.firewallEnabled() || !paths.empty())) {
+        throw Error(ErrorKind::kUnusable, "the active profile, " + inQuotes(active) +
+                                              ", would be gone; nothing was changed");
+    }
 }
 
 }  // namespace tarnfw

@@ -40,7 +40,8 @@ struct UndoneDocument {
 };
 
 /// The changes that are kept in ".history/" of the profile directory, as they were when this was
-/// made. Only root can read them. Changes by the firewall library alone are not among them.
+/// made. Only root can read them. Changes by the firewall library alone are not among them, nor
+/// those that only enabled or disabled the firewall, which no undoing does.
 class StoreHistory {
 public:
     /// Reads all of it. Throws Error: kNoRights, kSystem when it cannot be read.
@@ -53,7 +54,8 @@ public:
     const HistoryEntry& entry(std::size_t number) const;
 
     /// What that change did. `store` is the present one, which ends the last change. What other
-    /// programs did since, without a StoreSession, counts as done by it.
+    /// programs did since, without a StoreSession, counts as done by it. "status" of the settings
+    /// is no part of a change: both sides have that of before.
     StoreChange changeOf(std::size_t number, const StoreSnapshot& store) const;
 
     /// What puts back the documents that change `number` and all later ones have changed, by path;
@@ -74,5 +76,10 @@ private:
     std::vector<std::map<std::string, std::string>> before_;  // digests by path, of each entry
     std::vector<std::map<std::string, std::string>> after_;
 };
+
+/// Throws Error, kUnusable, for documents of StoreHistory::undoing() that are not to be written:
+/// the active profile would not be there any more, or two documents would have one profile's name.
+void requireUndoable(const std::map<std::string, UndoneDocument>& undone,
+                     const StoreSnapshot& store);
 
 }  // namespace tarnfw

@@ -32,6 +32,8 @@ using testing::IsEmpty;
 
 const std::string kHistory = std::string(kProfileDir) + ".history/";
 
+const std::string kOther = std::string(kProfileDir) + "other.json";
+
 class StoreHistoryTest : public StoreTest {
 protected:
     /// One change of "home", to `port`.
@@ -40,6 +42,14 @@ protected:
         FW::FWPROFILE changed = session.snapshot().profile("home");
         changed.rules["global"][0].portList = {port};
         session.storeProfile(changed);
+    }
+
+    /// Profile "other", with a label of `bytes` bytes.
+    static void writeOther(std::size_t bytes = 1) {
+        Json::Value document = profile({rule()});
+        document["name"] = "other";
+        document["rules"]["global"][0]["labelList"].append(std::string(bytes, 'x'));
+        writeDocument(kOther, document);
     }
 
     static std::vector<std::string> lines(std::size_t number) {
@@ -128,13 +138,26 @@ TEST_F(StoreHistoryTest, StatusStaysAsItIs) {
             return FW::TARNFW().configSet(enabled);
         }));
     }
-    EXPECT_THAT(lines(1), ElementsAre("~ firewall: disabled -> enabled"));
-    EXPECT_THAT(StoreHistory().undoing(1, StoreSnapshot()), IsEmpty());
-    undo(2);
+    ASSERT_EQ(StoreHistory().entries().size(), 1U);  // no undoing enables or disables
+    EXPECT_THAT(lines(1), ElementsAre("~ apply mode: - -> batch"));
+    undo(1);
     const StoreSnapshot store;
     EXPECT_TRUE(store.firewallEnabled());
     EXPECT_EQ(store.applyMode(), ApplyMode::kLines);
     EXPECT_THAT(lines(1), ElementsAre("~ apply mode: batch -> -"));
+}
+
+TEST_F(StoreHistoryTest, DefaultsThatAreWrittenAreNoEntry) {
+    ASSERT_EQ(unlink(kSettingsFile), 0);
+    StoreSession session(StoreSession::Access::kChange);
+    ASSERT_TRUE(session.change([] {
+        Json::Value enabled;
+        enabled["status"] = true;
+        return FW::TARNFW().configSet(enabled);
+    }));
+    ASSERT_TRUE(fs::exists(kSettingsFile));
+    EXPECT_THAT(StoreHistory().entries(), IsEmpty());
+    EXPECT_THAT(session.takeNotes(), IsEmpty());
 }
 
 TEST_F(StoreHistoryTest, OthersChangesAreSeen) {
@@ -156,6 +179,39 @@ TEST_F(StoreHistoryTest, OthersChangesAreSeen) {
     EXPECT_THAT(StoreHistory().changedByOthers(1, StoreSnapshot()), IsEmpty());
 }
 
+TEST_F(StoreHistoryTest, NoProfileIsThereTwiceAfterUndoing) {
+    writeOther();
+    {
+        StoreSession session(StoreSession::Access::kChange);
+        ASSERT_TRUE(session.deleteProfile("other"));
+    }
+    const StoreSnapshot deleted;
+    EXPECT_NO_THROW(requireUndoable(StoreHistory().undoing(1, deleted), deleted));
+    const std::string second = std::string(kProfileDir) + "second.json";
+    writeFile(second, R"({"name": "other"})");  // without a session
+    const StoreSnapshot store;
+    expectError(ErrorKind::kUnusable,
+                "profile \"other\" would be there twice, in " + second + " and " + kOther +
+                    "; nothing was changed",
+                [&] { requireUndoable(StoreHistory().undoing(1, store), store); });
+}
+
+TEST_F(StoreHistoryTest, ActiveProfileIsThereAfterUndoing) {
+    writeOther();
+    {
+        StoreSession session(StoreSession::Access::kChange);
+        ASSERT_TRUE(
+            session.change([] { return FW::TARNFW_PROFILE().profileRename("other", "third"); }));
+    }
+    Json::Value settings;
+    settings["profile"] = "third";
+    writeDocument(kSettingsFile, settings);  // without a session
+    const StoreSnapshot store;
+    expectError(ErrorKind::kUnusable,
+                "the active profile, \"third\", would be gone; nothing was changed",
+                [&] { requireUndoable(StoreHistory().undoing(1, store), store); });
+}
+
 TEST_F(StoreHistoryTest, OldestGoAndOnlyRootMayLook) {
     for (std::size_t i = 0; i < kHistoryLength + 2; ++i) {
         setPort(std::to_string(100 + i));
@@ -171,16 +227,6 @@ TEST_F(StoreHistoryTest, OldestGoAndOnlyRootMayLook) {
 }
 
 // ---- Deletions, and the room that the history takes ---------------------------------------------
-
-const std::string kOther = std::string(kProfileDir) + "other.json";
-
-/// Profile "other", with a label of `bytes` bytes.
-void writeOther(std::size_t bytes = 1) {
-    Json::Value document = profile({rule()});
-    document["name"] = "other";
-    document["rules"]["global"][0]["labelList"].append(std::string(bytes, 'x'));
-    writeDocument(kOther, document);
-}
 
 TEST_F(StoreHistoryTest, DeletionNeedsNoOtherDocument) {
     const std::string unreadable = std::string(kProfileDir) + "zz.json";
@@ -340,6 +386,27 @@ TEST_F(StoreHistoryTest, RulesAndPoliciesInWords) {
                             "home: - rule 1 of global: allow tcp 22 from anywhere [x]",
                             "home: + rule 1 of global: allow tcp 22 from anywhere",
                             "home: - rule 3 of global: [off] allow tcp 24 from anywhere"));
+}
+
+TEST_F(StoreHistoryTest, SettingsInWords) {
+    const auto between = [](const std::map<std::string, std::string>& before,
+                            const std::map<std::string, std::string>& after) {
+        std::vector<std::string> lines;
+        for (const StoreDifference& difference : storeDifferences(before, after)) {
+            lines.push_back(difference.line());
+        }
+        return lines;
+    };
+    const std::map<std::string, std::string> none;
+    const std::map<std::string, std::string> disabled = {
+        {kSettingsFile, R"({"profile": "home", "status": false})"}};
+    const std::map<std::string, std::string> enabled = {
+        {kSettingsFile, R"({"profile": "home", "status": true})"}};
+    EXPECT_THAT(between(none, disabled), ElementsAre("~ active profile: - -> home"));
+    EXPECT_THAT(between(disabled, none), ElementsAre("~ active profile: home -> -"));
+    EXPECT_THAT(between(none, enabled),
+                ElementsAre("~ active profile: - -> home", "~ firewall: disabled -> enabled"));
+    EXPECT_THAT(between(enabled, disabled), ElementsAre("~ firewall: enabled -> disabled"));
 }
 
 TEST_F(StoreHistoryTest, NamesAndOtherFilesInWords) {

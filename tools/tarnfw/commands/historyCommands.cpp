@@ -225,32 +225,6 @@ void requireOwn(const StoreHistory& history, std::size_t number, const StoreSnap
     }
 }
 
-/// Throws Error when the active profile would not be there any more.
-void requireActiveProfile(const Documents& undone, const StoreSnapshot& store) {
-    std::set<std::string> names;
-    for (const std::string& name : store.profileNames()) {
-        if (undone.count(store.pathOf(name)) == 0) {
-            names.insert(name);
-        }
-    }
-    std::string active = store.activeProfile();
-    for (const auto& [path, document] : undone) {
-        Json::Value content;
-        if (!document.text || !parseAsStored(*document.text, content) || !content.isObject()) {
-            continue;
-        }
-        if (path == kSettingsFile) {
-            active = content["profile"].isString() ? content["profile"].asString() : "";
-        } else if (content["name"].isString()) {
-            names.insert(content["name"].asString());
-        }
-    }
-    if (names.count(active) == 0 && (store.firewallEnabled() || !names.empty())) {
-        throw Error(ErrorKind::kUnusable, "the active profile, " + inQuotes(active) +
-                                              ", would be gone; nothing was changed");
-    }
-}
-
 /// The profiles that are other ones then, test profiles apart.
 std::vector<std::string> profilesIn(const Differences& differences, const StoreSnapshot& store) {
     std::set<std::string> names;
@@ -285,7 +259,7 @@ void undo(const UndoOptions& options) {
     if (!options.force) {
         requireOwn(history, options.number, context.store());
     }
-    requireActiveProfile(undone, context.store());
+    requireUndoable(undone, context.store());
     const Differences differences = differencesOf(undone, context.store());
     print(differences);
     std::cout << std::flush;  // before a question
