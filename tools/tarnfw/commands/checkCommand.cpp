@@ -148,6 +148,7 @@ void check(const Options& options) {
     const Source source = sourceOf(options.what);
     Json::Value document;
     std::vector<Finding> findings = parseDocument(source.text, document);
+    std::vector<Finding> open;  // of the machine, whatever the profile: nothing for "--strict"
     std::size_t loaded = 0;
     if (countErrors(findings) == 0) {
         Machine machine;
@@ -156,13 +157,16 @@ void check(const Options& options) {
         }
         append(findings, checkProfile(document, machine));
         if (source.isStored && countErrors(findings) == 0) {
-            addOpenAdapters(document, machine, findings);
+            addOpenAdapters(document, machine, open);
         }
         if (options.kernel && isRoot() && document.isObject()) {
             loaded = loadIntoKernel(document, findings);
         }
     }
     append(findings, source.around);
+    const bool isInvalid = countErrors(findings) > 0 || (options.strict && !findings.empty());
+    const bool isValid = findings.empty();
+    append(findings, open);
     if (options.json) {
         Json::Value answer = jsonOf(source.name, findings);
         if (options.kernel) {
@@ -172,7 +176,7 @@ void check(const Options& options) {
         printJson(answer);
     } else {
         printFindings(source.name, findings);
-        if (findings.empty()) {
+        if (isValid) {
             std::cout << printable(source.name) << ": valid"
                       << (options.kernel && isRoot()
                               ? "; the kernel accepts " + counted(loaded, "line")
@@ -180,7 +184,7 @@ void check(const Options& options) {
                       << '\n';
         }
     }
-    if (countErrors(findings) > 0 || (options.strict && !findings.empty())) {
+    if (isInvalid) {
         endWith(kExitInvalid);
     }
     if (options.kernel && !isRoot()) {
@@ -204,7 +208,8 @@ void addCheckCommand(Command& app) {
     command.flag("--kernel", options->kernel,
                  "Also load every line into a separate network namespace, and report each one that "
                  "the kernel refuses. The machine's own filter is not touched");
-    command.flag("--strict", options->strict, "Count warnings as errors");
+    command.flag("--strict", options->strict,
+                 "Count warnings as errors, but for those about open adapters");
     addJsonFlag(command, options->json);
     command.footer("Example: tarnfw check --kernel ./home.json");
     command.run([options] { check(*options); });
