@@ -163,7 +163,7 @@ bool RuleCheck::requireEntries(const std::vector<std::string>& list, std::size_t
 /// Whether "ipType" says which families the rule is for.
 bool RuleCheck::hasFamily() const {
     const std::optional<int> type = codeOf(rule_, "ipType");
-    return type == FW::FW_IP_TYPE_V4 || type == FW::FW_IP_TYPE_V6 || type == FW::FW_IP_TYPE_BOTH;
+    return type && *type >= FW::FW_IP_TYPE_V4 && *type <= FW::FW_IP_TYPE_BOTH;
 }
 
 /// Whether the programs that get lines of the rule are those of IPv6.

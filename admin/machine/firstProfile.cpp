@@ -215,9 +215,10 @@ FW::FWPROFILE firstProfile(const std::string& name, const std::vector<InterfaceK
     rules.allowServices(rules.known(kAnswers));
     const std::string management = rules.known(kManagement);
     const std::string storage = rules.known(kStorage);
-    const bool both = !management.empty() && !storage.empty();
+    std::string both = management;
+    both.append(management.empty() || storage.empty() ? "" : ",").append(storage);
     for (const char* const network : kLocalNetworks) {
-        rules.allowServices(management + (both ? "," : "") + storage, network);
+        rules.allowServices(both, network);
     }
     if (session) {
         allowSession(rules, *session, services);

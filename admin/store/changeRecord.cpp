@@ -239,6 +239,7 @@ bool prune() {
     (void)fs::remove_all(gone, ignored);
     const std::vector<unsigned long> numbers = entryNumbers();
     std::vector<std::uintmax_t> upTo;  // bytes of each entry and those after it
+    upTo.reserve(numbers.size());
     for (const unsigned long number : numbers) {
         upTo.push_back((upTo.empty() ? 0 : upTo.back()) + bytesIn(entryPath(number)));
     }

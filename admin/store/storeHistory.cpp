@@ -149,7 +149,8 @@ std::vector<std::string> StoreHistory::changedByOthers(std::size_t number,
                                                        const StoreSnapshot& store) const {
     const std::map<std::string, std::string> now = store.texts();
     std::vector<std::string> paths;
-    for (const auto& [path, document] : undoing(number, store)) {
+    for (const auto& undone : undoing(number, store)) {
+        const std::string& path = undone.first;
         // From the present back to the state before the change: each change has to have left what
         // the next one found.
         const auto present = now.find(path);

@@ -33,7 +33,7 @@ writing_commands() {
     refused_whole "$pattern" rule delete 1 --adapter eth0
     refused_whole "$pattern" rule off 1 --adapter eth0
     refused_whole "$pattern" rule on 1 --adapter eth0
-    refused_whole "$pattern" policy eth0 deny
+    refused_whole "$pattern" policy eth0 allow
     refused_whole "$pattern" profile create new
     refused_whole "$pattern" profile create new --from "$kDocument"
     refused_whole "$pattern" profile set other --from "$kDocument"

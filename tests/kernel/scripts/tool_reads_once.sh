@@ -31,7 +31,7 @@ counted() {
     [[ $2 != enable && $2 != reload ]] || ((mostCatalogue += 1))
     # A changed rule is translated, to be tried in a scratch kernel.
     [[ $2 != rule || " $* " == *' --reload '* ]] || ((mostCatalogue += 1))
-    [[ $2 != blocked ]] || ((mostCatalogue += 1))            # "global" and the adapter; the kernel's rules
+    [[ $2 != blocked ]] || ((mostCatalogue += 2)) # "global", the adapter; the kernel's rules; all packets
     total=$(grep --count '^[tl].*/firewall.d/' "$kOpened" || true)
     runs=$(grep --count '^run' "$kOpened" || true)
     printf '%-40s %5s %5s %5s %5s\n' "${*:2}" "$store" "$catalogue" "$total" "$runs" | tee -a "$kTable"

@@ -69,6 +69,7 @@ std::function<std::string(const std::string&)> rangeOf(const std::pair<int, int>
 std::vector<std::string> conditionsOf(const CLI::Option& option) {
     const auto namesOf = [](const std::set<CLI::Option*>& options) {
         std::vector<std::string> names;
+        names.reserve(options.size());
         for (const CLI::Option* other : options) {
             names.push_back(other->get_name());
         }

@@ -30,7 +30,7 @@ constexpr off_t kMostBytes = 1 << 20;
 /// The text of the unit `name`; empty for a masked one, which is a link to /dev/null.
 std::string unitText(const std::string& root, const std::string& name) {
     for (const char* const directory : kUnitDirectories) {
-        const std::filesystem::path path = root + directory + "/" + name;
+        const std::filesystem::path path = std::filesystem::path(root + directory) / name;
         std::error_code error;
         if (std::filesystem::symlink_status(path, error).type() ==
             std::filesystem::file_type::not_found) {

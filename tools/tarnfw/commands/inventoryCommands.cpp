@@ -239,6 +239,7 @@ void services(const std::string& pattern, bool json) {
     Machine machine;
     std::vector<Service> found = machine.requireCatalogue().services();
     std::vector<std::string> names;
+    names.reserve(found.size());
     for (const Service& service : found) {
         names.push_back(service.name);
     }
