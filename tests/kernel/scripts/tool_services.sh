@@ -75,7 +75,7 @@ answers 0 adapters
 silent
 prints <<'END'
 Profile "home" (active)
-Adapter  Now                Addresses               Default  Rules
+Adapter  Now                Addresses               Default  Rules      Note
 eth0     up                 192.168.1.10, fd00::10  deny     2 (1 off)
 eth5     absent                                     allow    1
 global   every adapter                              none     0

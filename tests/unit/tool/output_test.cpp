@@ -116,6 +116,16 @@ TEST(TableTest, WithoutRowsThereIsOnlyTheHeading) {
     EXPECT_EQ(printed(Table()), "");
 }
 
+TEST(TableOnATerminalTest, AColumnIsCutBeforeOthersAreWrapped) {
+    Table table({"Address", "Note"});
+    table.addRow({{"fd00:1111:2222:3333:4444::20"}, {"open: not in the profile"}});
+    table.cutFirst(0);
+    EXPECT_EQ(printedOn(42, table),
+              "Address           Note\n"
+              "fd00:1111:2222:   open: not in the profile\n"
+              "3333:4444::20\n");
+}
+
 TEST(TableOnATerminalTest, WrapsBetweenWordsAndBehindCommas) {
     Table table;
     table.addRow({{"eth0"}, {"192.168.1.10/24, 10.0.0.1/8"}, {"up"}});

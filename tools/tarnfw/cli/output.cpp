@@ -18,6 +18,7 @@ namespace {
 constexpr std::size_t kGap = 2;              // blanks between two columns
 constexpr std::size_t kNarrowest = 4;        // no column is wrapped below this
 constexpr std::size_t kLongWord = 26;        // longer words, such as IPv6 addresses, may be cut
+constexpr std::size_t kCutFirst = 16;        // the least of a column that is cut before others
 constexpr std::size_t kProgressParts = 200;  // most updates of the terminal
 
 bool colourWanted(int fd) {
@@ -266,6 +267,11 @@ void Table::print(std::size_t indent) const {
     }
     const std::size_t taken = indent + kGap * (widths.size() - 1);
     if (const std::size_t terminal = terminalWidth(); terminal > taken) {
+        if (cutFirst_ && *cutFirst_ < widths.size()) {
+            std::vector<std::size_t> floors = widths;
+            floors[*cutFirst_] = std::min(kCutFirst, widths[*cutFirst_]);
+            narrow(widths, floors, terminal - taken);
+        }
         // Words are cut only if wrapping between them is not enough; long ones before other columns
         // get narrow.
         narrow(widths, words, terminal - taken);

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <ctime>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,10 @@ public:
     /// `headings` names the columns; without any there is no heading line.
     explicit Table(std::vector<std::string> headings = {}) : headings_(std::move(headings)) {}
 
+    /// On a terminal that is too narrow, this column gets narrow before the others: its words, such
+    /// as addresses, may be cut.
+    void cutFirst(std::size_t column) { cutFirst_ = column; }
+
     void addRow(std::vector<Cell> cells) { rows_.push_back(std::move(cells)); }
     bool empty() const { return rows_.empty(); }
 
@@ -59,6 +64,7 @@ public:
 private:
     std::vector<std::string> headings_;
     std::vector<std::vector<Cell>> rows_;
+    std::optional<std::size_t> cutFirst_;
 };
 
 /// A document as "--json" prints it: indented, in UTF-8, with a line feed at its end.

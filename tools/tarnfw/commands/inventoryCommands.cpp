@@ -126,7 +126,8 @@ void printAdapters(const FW::FWPROFILE& profile, const std::vector<Adapter>& ada
     } else {
         std::cout << "Profile " << inQuotes(profile.name) << " (active)\n";
     }
-    Table table({"Adapter", "Now", "Addresses", "Default", "Rules", ""});
+    Table table({"Adapter", "Now", "Addresses", "Default", "Rules", "Note"});
+    table.cutFirst(2);
     for (const Adapter& adapter : adapters) {
         std::string rules = std::to_string(adapter.rules);
         if (adapter.rulesOff > 0) {
