@@ -193,8 +193,9 @@ done
 # --- service release -------------------------------------------------------------------------------
 
 # What it releases is what was reserved: a rule that a person has made stays.
-answers 0 service release ssh --adapter tun0
-says '^Service ssh released on tun0 (no profile changed)$'
+refused_whole 5 '^tarnfw: service "ssh" is not reserved on "tun0"$' service release ssh --adapter tun0
+refused_whole 5 '^tarnfw: service "http" is not reserved; other rules name it: home; "tarnfw service release http --everywhere" removes it from them$' \
+    service release http
 answers 0 service release ssh
 prints <<'END'
 Service ssh released (changed: away, home)

@@ -181,6 +181,29 @@ struct ReleaseOptions {
     ReloadOptions reload;
 };
 
+/// "other rules name it: home; "tarnfw service release ssh --everywhere" removes it from them,
+/// too"; empty when no rule of these profiles does.
+std::string otherRulesText(const ReleaseOptions& options, const Profiles& profiles) {
+    const Profiles own = released(profiles, options.service, options.adapter, ReleaseFrom::kAll);
+    return own.empty() ? ""
+                       : "other rules name it: " + printable(boost::join(namesOf(own), ", ")) +
+                             "; \"tarnfw service release " + printable(options.service) +
+                             " --everywhere\" removes it from them";
+}
+
+/// Throws Error for a release of what is not reserved.
+void requireReserved(const ReleaseOptions& options, const Profiles& before,
+                     const Profiles& changed) {
+    if (!changed.empty() || options.everywhere) {
+        return;
+    }
+    const std::string others = otherRulesText(options, before);
+    throw Error(ErrorKind::kNotFound,
+                "service " + inQuotes(options.service) + " is not reserved" +
+                    (options.adapter.empty() ? "" : " on " + inQuotes(options.adapter)) +
+                    (others.empty() ? "" : "; " + others));
+}
+
 /// Says what was released, and which rules name the service still.
 void sayReleased(const ReleaseOptions& options, const Profiles& before, const Profiles& changed) {
     const std::vector<std::string> names = namesOf(changed);
@@ -195,11 +218,10 @@ void sayReleased(const ReleaseOptions& options, const Profiles& before, const Pr
     for (const auto& [name, profile] : changed) {
         now[name] = profile;
     }
-    const Profiles own = released(now, options.service, options.adapter, ReleaseFrom::kAll);
-    if (!own.empty()) {
-        std::cout << "Other rules name it: " << printable(boost::join(namesOf(own), ", "))
-                  << "; \"tarnfw service release " << printable(options.service)
-                  << " --everywhere\" removes it from them, too\n";
+    std::string others = otherRulesText(options, now);
+    if (!others.empty()) {
+        others.front() = 'O';
+        std::cout << others << ", too\n";
     }
 }
 
@@ -217,6 +239,7 @@ void release(const ReleaseOptions& options) {
     const Profiles changed =
         released(before, options.service, options.adapter,
                  options.everywhere ? ReleaseFrom::kAll : ReleaseFrom::kReserved);
+    requireReserved(options, before, changed);
     if (options.everywhere) {
         requireRelease(before, changed, options.reload.yes);
     }
