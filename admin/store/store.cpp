@@ -333,6 +333,11 @@ void StoreSnapshot::requireNewName(const std::string& name) const {
                                               std::to_string(kMostNameBytes) +
                                               " bytes, and no control characters");
     }
+    if (profileNames().empty() && unreadable().empty()) {
+        // The library's generator of file names needs a profile to compare with.
+        throw Error(ErrorKind::kUnusable, "no profile can be created before the first one", {},
+                    Remedy::kSetUpBase);
+    }
     (void)requireProfiles();
     if (hasProfile(name)) {
         throw Error(ErrorKind::kUnusable, "profile " + inQuotes(name) + " already exists");

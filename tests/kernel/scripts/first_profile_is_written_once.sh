@@ -152,6 +152,23 @@ chooses batch "a person's other choice" ', "apply": "batch"'
 printf '{"status": false, ' >"$kSettings"
 writes_none 'settings that cannot be read'
 
+# It can be chosen before there is anything; the first profile then is the active one all the same.
+rm -rf -- /usr/tarn/etc
+answers 0 apply-mode lines
+silent
+step 'the mode stays, and the profile is active' base_up
+step 'as the settings say' [ "$(jq -c '[.status, .profile, .apply]' "$kSettings")" = '[false,"default","lines"]' ]
+# activates NAME SETTINGS: with these settings and no profile, base up makes NAME the active one.
+activates() {
+    rm -- "$kProfileDirectory"/*.json
+    printf '%s\n' "$2" >"$kSettings"
+    step 'base up' base_up
+    step "the settings name \"$1\"" [ "$(jq -r .profile "$kSettings")" = "$1" ]
+}
+activates default '{"status": false, "profile": ""}'
+activates default '{"status": false}'
+activates work '{"status": false, "profile": "work"}' # somebody's choice
+
 # --- the profile itself ----------------------------------------------------------------------------
 
 # What is the machine's own, and what containers have.

@@ -18,7 +18,9 @@ setting() {
 
 mkdir -p -- "$kProfileDirectory"
 printf '{"status": false}\n' >"$kProfileDirectory/other.json"
-for words in 'create new' 'copy one two' 'rename one two' 'delete one' 'use one' 'show one' 'edit one'; do
+refused 1 '^tarnfw: no profile can be created before the first one; "tarnfw base up" writes a first one$' \
+    profile create new
+for words in 'copy one two' 'rename one two' 'delete one' 'use one' 'show one' 'edit one'; do
     read -r -a words <<<"$words"
     refused 5 '^tarnfw: there are no profiles; "tarnfw base up" writes a first one$' profile "${words[@]}"
 done

@@ -118,6 +118,31 @@ void writeFirstProfile(Context& context, std::ostream& said) {
     said << "Profile " << inQuotes(kFirstProfile) << " written to " << path << '\n';
 }
 
+/// Whether the settings are there and name no profile: they were written, such as by a choice of
+/// the apply mode, before there was one.
+bool namesNoProfile(const StoreSnapshot& store) {
+    if (!store.hasSettings()) {
+        return false;
+    }
+    try {
+        const Json::Value settings = store.settings();
+        const Json::Value& profile = settings["profile"];
+        return profile.isNull() || (profile.isString() && profile.asString().empty());
+    } catch (const Error&) {
+        return false;
+    }
+}
+
+/// Makes the first profile the active one. Only stored: changes of the firewall's state are not
+/// those of "base up".
+void activateFirst(Context& context, std::ostream& said) {
+    if (!context.session().change(
+            [] { return FW::TARNFW().fwProfileConfigSet(kFirstProfile, /*reload=*/false); })) {
+        throw Error(ErrorKind::kSystem, "the settings cannot be written");
+    }
+    said << "Profile " << inQuotes(kFirstProfile) << " is now the active one\n";
+}
+
 /// Whether nobody has chosen an apply mode. Settings that cannot be read are not to be written.
 bool lacksApplyMode(const StoreSnapshot& store) {
     try {
@@ -163,6 +188,9 @@ void setUpStore(bool ipv6Works, const LockTime& time, Report& report) {
     context.session().holdChange();  // with a profile alone, the next call would leave out the rest
     if (first) {
         writeFirstProfile(context, said);
+        if (namesNoProfile(context.store())) {
+            activateFirst(context, said);
+        }
     }
     if (lacksApplyMode(context.store())) {
         chooseApplyMode(context, ipv6Works, said);

@@ -203,6 +203,10 @@ void reload(bool yes, const std::string& interface, Report& report) {
 
 /// Sets the apply mode, or prints it.
 void applyMode(const std::string& wanted, Report& report) {
+    if (!wanted.empty()) {
+        requireRoot();
+        makeProfileDirectory();  // the mode can be chosen before there is anything else
+    }
     Context context(wanted.empty() ? StoreSession::Access::kRead : StoreSession::Access::kChange);
     if (const std::optional<ApplyMode> mode = applyModeFrom(wanted)) {
         context.session().setApplyMode(*mode);
