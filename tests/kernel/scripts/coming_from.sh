@@ -7,6 +7,7 @@ veth eth1 192.168.2.10/24 lan 192.168.2.20/24
 END_OF_LINKS
 export PATH=$build/tools/tarnfw:$PATH LC_ALL=C.UTF-8
 unset SSH_CONNECTION
+serve tcp/22
 pretend_systemd
 enable_service
 rm -f -- "$kProfileDirectory"/*.json

@@ -234,7 +234,7 @@ if "${ordinary[@]}" true 2>/dev/null; then
         case $command in
         # These answer him, see tool_without_root.sh.
         status | adapters | services | preview | check | blocked | explain | apply-mode | listening | \
-            'profile list' | 'profile show' | geoip* | log-denied | history) continue ;;
+            'profile list' | 'profile show' | geoip* | log-denied | history | export) continue ;;
         esac
         read -r -a words <<<"$command ${arguments[$command]-}"
         answers 4 "${words[@]}"

@@ -40,9 +40,14 @@ shows() {
     prints
 }
 
+answers 0 base up
+answers 0 open
+prints <<'END'
+Firewall disabled: nothing is blocked
+Nothing listens for others
+END
 serve tcp/22 tcp/8080
 listen
-answers 0 base up
 answers 0 open
 shows <<'END'
 Firewall disabled: nothing is blocked

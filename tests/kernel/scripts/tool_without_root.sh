@@ -29,7 +29,7 @@ keep_files ordinary
 # --- what needs nothing but the files --------------------------------------------------------------
 
 for words in 'profile list' 'profile show' 'profile show home --json' check 'check home' preview \
-    adapters services 'services ssh --json' 'help rules' apply-mode; do
+    adapters services 'services ssh --json' 'help rules' apply-mode export; do
     read -r -a command <<<"$words"
     answers 0 "${command[@]}"
     silent
@@ -54,6 +54,8 @@ step 'nothing is claimed of the kernel' [ "$(jq -c '[.allowed, .holds]' "$out/an
 answers 4 explain --port tcp/23 --adapter eth0 --from 192.168.1.20
 says 'default policy of eth0'
 answers 4 explain --port tcp/23
+answers 4 open
+complains 'the answer of the stored rules; the programs of other users and what is in force can be seen by root only$'
 for words in diff 'base status' 'modules status'; do
     read -r -a command <<<"$words"
     answers 4 "${command[@]}"
@@ -87,7 +89,7 @@ rmdir "$kProfileDirectory/.change"
 # --- changes ---------------------------------------------------------------------------------------
 
 for words in 'rule add deny any' 'policy eth0 allow' 'profile use home' reload 'apply-mode batch' \
-    'profile edit' export 'service update' 'base up'; do
+    'profile edit' 'service update' 'base up'; do
     read -r -a command <<<"$words"
     answers 4 "${command[@]}"
     complains "^tarnfw: this needs root's rights$"

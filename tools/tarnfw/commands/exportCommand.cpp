@@ -45,7 +45,6 @@ void requireWhole(const StoreSnapshot& store) {
 }
 
 void exportAll(Options& options) {
-    requireRoot();
     const bool toFile = !options.path.empty() && options.path != kStandardInput;
     if (!toFile && options.report.isJson()) {
         throw UsageError("--json needs a FILE: what goes to standard output is a document already");
@@ -54,8 +53,9 @@ void exportAll(Options& options) {
         throw Error(ErrorKind::kUnusable,
                     printable(options.path) + " already exists; --force replaces it");
     }
-    // Under the lock, so that the export is of no change that is half made.
-    const Context context(StoreSession::Access::kChange);
+    // Root's under the lock, so that it is of no change that is half made; others get a note of
+    // one.
+    const Context context(isRoot() ? StoreSession::Access::kChange : StoreSession::Access::kRead);
     if (!options.partial) {
         requireWhole(context.store());
     }

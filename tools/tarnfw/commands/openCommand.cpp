@@ -261,11 +261,18 @@ public:
         std::cout << (enabled_ ? "Profile " + inQuotes(document_["profile"].asString())
                                : std::string("Firewall disabled: nothing is blocked"))
                   << '\n';
-        table_.print();
+        if (table_.empty()) {
+            std::cout << "Nothing listens for others\n";
+        } else {
+            table_.print();
+        }
         for (const std::string& line : redirectsText(before_)) {
             std::cout << painted(line, Paint::kDoubtful) << '\n';
         }
     }
+
+    /// Whether only root could see what the kernel does.
+    bool isHidden() const { return report_.hidden; }
 
     /// Whether the kernel does what the answer says, as far as can be seen.
     bool holds() const { return complaints_.empty() && !accepted_; }
@@ -337,6 +344,12 @@ void open(const OpenQuery& query) {
         answer.add(sockets);
     }
     answer.print();
+    if (answer.isHidden()) {
+        warn(std::string(
+                 "this is the answer of the stored rules; the programs of other users and ") +
+             kKernelIsRoots);
+        endWith(kExitNotRoot);
+    }
     if (!answer.holds()) {
         endWith(kExitNotInForce);
     }
