@@ -63,7 +63,8 @@ std::string Machine::absenceOf(const std::string& adapter) {
         return "";
     }
     constexpr char kLater[] =
-        " now: its rules and default policy have no effect until there is one and a reload follows";
+        " now: its rules and default policy have no effect until there is one; the package's udev "
+        "rule then applies them, without it the next reload does";
     return isPredefined(adapter) ? inQuotes(adapter) + " has no interface" + kLater
                                  : "there is no adapter " + inQuotes(adapter) + kLater +
                                        didYouMean(nearestAdapter(adapter));

@@ -505,14 +505,14 @@ says '^Profile "lab" applied$'
 refuses 'the default policy has left the kernel' iptables -C INPUT_FIREWALL -i eth0 -j DROP
 
 # An adapter that the machine does not have yet: taken with a note, and named by what leaves it out.
-absent='^tarnfw: there is no adapter "eth7" now: its rules and default policy have no effect until there is one and a reload follows$'
+absent='^tarnfw: there is no adapter "eth7" now: its rules and default policy have no effect until there is one; the package.s udev rule then applies them, without it the next reload does$'
 answers 0 rule add --adapter eth7 deny tcp 23
 warns 1 "$absent"
 answers 0 policy eth7 deny --reload
 warns 2 "$absent"
 step 'the reload names it' grep -q '^tarnfw: left out, without an interface now: eth7, pppoe, vpn$' "$out/complaint"
 answers 0 rule add --adapter eht0 deny tcp 23
-warns 1 'until there is one and a reload follows; did you mean "eth0"?$'
+warns 1 'until there is one; the package.s udev rule then applies them, without it the next reload does; did you mean "eth0"?$'
 answers 0 reload
 warns 1 '^tarnfw: left out, without an interface now: eht0, eth7, pppoe, vpn$'
 answers 0 enable

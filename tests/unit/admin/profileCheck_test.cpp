@@ -375,8 +375,9 @@ TEST_F(ProfileCheckTest, RulesOfAnAbsentAdapterAreChecked) {
     document["adapterPolicyMap"]["eth0.7"] = 0;
     EXPECT_THAT(linesOf(document),
                 ElementsAre("home.json: rules[\"eth0.7\"]: warning: there is no adapter \"eth0.7\" "
-                            "now: its rules and default policy have no effect until there is one "
-                            "and a reload follows",
+                            "now: its rules and default policy have no effect until there is one; "
+                            "the package's udev rule then applies them, without it the next "
+                            "reload does",
                             "home.json: rule 2 of eth0.7: portList entry 1: \"x\" is not a port "
                             "(0-65535) or a range of ports (6000-6010)"));
 }
@@ -575,19 +576,24 @@ TEST_P(AdapterTest, HasThisFinding) {
 const AdapterCase kAdapters[] = {
     {"Away", "eth7",
      ".eth7: warning: there is no adapter \"eth7\" now: its rules and default policy have no "
-     "effect until there is one and a reload follows"},
+     "effect until there is one; the package's udev rule then applies them, without it the next "
+     "reload does"},
     {"Misspelt", "wlna0",
      ".wlna0: warning: there is no adapter \"wlna0\" now: its rules and default policy have no "
-     "effect until there is one and a reload follows; did you mean \"wlan0\"?"},
+     "effect until there is one; the package's udev rule then applies them, without it the next "
+     "reload does; did you mean \"wlan0\"?"},
     {"PredefinedMisspelt", "ppoe",
      ".ppoe: warning: there is no adapter \"ppoe\" now: its rules and default policy have no "
-     "effect until there is one and a reload follows; did you mean \"pppoe\"?"},
+     "effect until there is one; the package's udev rule then applies them, without it the next "
+     "reload does; did you mean \"pppoe\"?"},
     {"OfAnotherNumber", "wlan1",
      ".wlan1: warning: there is no adapter \"wlan1\" now: its rules and default policy have no "
-     "effect until there is one and a reload follows"},
+     "effect until there is one; the package's udev rule then applies them, without it the next "
+     "reload does"},
     {"VpnAway", "vpn",
      ".vpn: warning: \"vpn\" has no interface now: its rules and default policy have no effect "
-     "until there is one and a reload follows"},
+     "until there is one; the package's udev rule then applies them, without it the next "
+     "reload does"},
     {"PppoeInterface", "ppp0",
      ".ppp0: warning: rules and default policies of \"ppp0\" are never applied; use \"pppoe\""},
     {"NoName", "eth0 -j ACCEPT",

@@ -6,7 +6,7 @@ namespace {
 constexpr char kFirstSteps[] = R"(First steps
 
 The firewall is off until you enable it. Installing it changes nothing.
-All commands need root's rights.
+Changes need root's rights, and so does seeing what is in force.
 
   tarnfw base up                add the firewall's chains to the packet
                                 filter, and a first profile "default"
@@ -73,8 +73,8 @@ member "applyChanges". --later only stores it. Elsewhere, "tarnfw reload"
 applies it, or --reload with the change.
 The apply mode decides whether the rules take effect together or one after
 another: "tarnfw apply-mode". Rules of an adapter whose interface does not
-exist are skipped; if it appears later, it is unfiltered until the next
-reload.
+exist are skipped. If it appears later, they take effect within a second where
+the package's udev rule is installed, elsewhere with the next reload.
 
 "tarnfw profile edit" opens the profile's document in your editor and stores
 it only if it is valid.
@@ -127,7 +127,7 @@ After "from" or "to" in a rule:
   192.168.1.0/24                a network, by its prefix length
   192.168.1.0/255.255.255.0     the same, by its mask
   10.0.0.5-10.0.0.9             a range, including both ends
-  2001:db8::/64                 IPv6 in all these forms, but without masks
+  2001:db8::/64                 IPv6 in all these forms
   country CN,RU                 everybody in these countries
   anywhere                      any address; the same as leaving it out
 
@@ -216,12 +216,14 @@ constexpr char kExitStatus[] = R"(Exit status
   1    failed; the reason is on standard error
   2    wrong usage; the message suggests the nearest command
   3    an invalid document, profile or rule
-  4    not root; status, blocked and explain then answer from the files alone,
-       because only root can see what is in force
-  5    unknown: there is no such profile, rule, adapter, service or country
+  4    not root, which changes need; status, blocked, explain and open then
+       answer from the files alone: only root can see what is in force
+  5    unknown: there is no such profile, rule, adapter, service, country or
+       trial, or none at all
   10   a negative answer:
          blocked, explain   blocked somewhere, or from some addresses
          diff               the kernel does not hold what it should
+  11   status, blocked, explain, open: the kernel does not do what is stored
 
 So a script can check whether a service is open before it relies on it:
 
@@ -254,14 +256,12 @@ Yours; back these up:
 
 The system's:
   /usr/tarn/etc.defaults/firewall_default_profile.json
-      a first profile for storage systems that bring their own tool;
-      "tarnfw base up" makes one for the machine instead
+      a first profile for storage systems that bring their own tool
   /usr/tarn/etc.defaults/services.d/*.json
       the catalogue of services
   /usr/tarn/etc.defaults/iptables_modules_list
       the kernel modules that the firewall loads
-  /usr/share/xt_geoip/*.iv4, *.iv6
-      the addresses of countries
+  /usr/share/xt_geoip/*.iv4, *.iv6   the addresses of countries
   /usr/tarn/libexec/hooks/net/
       programs that run when the firewall is enabled or disabled
 
@@ -273,9 +273,10 @@ All of it as one document, and back on this machine or another one:
 
   tarnfw export backup.json
   tarnfw import --dry-run backup.json   what would change
-  tarnfw import backup.json             keeps a copy of what it replaces
+  tarnfw import backup.json
 
-The last 50 changes are kept as well:
+What imports replaced is in /usr/tarn/etc/firewall.d.backup/, and what the
+last 50 changes replaced is in /usr/tarn/etc/firewall.d/.history/:
 
   tarnfw history                        what was changed, by which command
   tarnfw undo                           put back what the last one replaced
