@@ -151,6 +151,9 @@ name_is first
 edits 0 'sed -i s/first/argument/' lab
 name_is argument
 edits 0 'sed -i s/argument/second/' lab
+EDITOR='sed -i s/second/unseen/' edits_on_terminal 1 profile edit lab --json
+says 'an editor cannot use the terminal with --json'
+name_is second
 unset EDITOR
 mkdir /tmp/bin
 ln -s "$(command -v sed)" /tmp/bin/sed

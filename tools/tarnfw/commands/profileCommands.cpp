@@ -489,8 +489,14 @@ std::unique_ptr<Context> stored(const ProfileDocument& document, const std::stri
     }
 }
 
-/// Throws Error for a default editor without a terminal. A chosen editor may need none.
-void requireEditable() {
+/// Throws Error for a default editor without a terminal. A chosen editor may need none. What it
+/// writes with "--json" is a part of the document, so on a terminal nobody would see it.
+void requireEditable(const Report& report) {
+    if (report.isJson() && isatty(STDIN_FILENO) == 1) {
+        throw Error(ErrorKind::kUnusable,
+                    "an editor cannot use the terminal with --json; use \"tarnfw profile set NAME "
+                    "--from FILE\", or leave out --json");
+    }
     if (!canAsk() && chosenEditor().empty()) {
         throw Error(ErrorKind::kUnusable,
                     "there is no terminal to edit on; use \"tarnfw profile create NEW --from "
@@ -507,7 +513,7 @@ void edit(const std::string& wanted, const ReloadOptions& reload) {
         requireReloadable(context, reload, wanted);
         name = wanted.empty() ? context.store().activeProfile() : wanted;
         context.store().requireProfile(name);
-        requireEditable();
+        requireEditable(*reload.report);
         original = context.store().textOf(name);
     }
     const PrivateText text("profile.json", original);
