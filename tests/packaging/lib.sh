@@ -66,6 +66,18 @@ install_packages() {
     rm -r -- "$kRoot/debs"
 }
 
+# reboot: what a boot does to the running system. Profiles and settings stay.
+reboot() {
+    local family
+    for family in iptables ip6tables; do
+        within "$family" -P INPUT ACCEPT
+        within "$family" -P FORWARD ACCEPT
+        within "$family" -F
+        within "$family" -X
+    done
+    rm -rf -- "$kRoot"/run/tarn "$kRoot"/run/lock/firewall "$kRoot"/run/xtables.lock "$kRoot"/tmp/*
+}
+
 # Everything in the system that a package could leave: type, mode, owner, path, target, content. Not
 # what dpkg, ldconfig and iptables keep for themselves, except which packages dpkg knows.
 list_system() {

@@ -33,18 +33,6 @@ start_service() (
     ' start_service "$here/restricted" "${3-$kRoot$kUnit}" "$kRoot" "$2" "$capabilities" "${commands[@]}"
 )
 
-# What a boot does to the running system. Profiles and settings stay.
-reboot() {
-    local family
-    for family in iptables ip6tables; do
-        within "$family" -P INPUT ACCEPT
-        within "$family" -P FORWARD ACCEPT
-        within "$family" -F
-        within "$family" -X
-    done
-    rm -rf -- "$kRoot"/run/tarn "$kRoot"/run/lock/firewall "$kRoot"/run/xtables.lock "$kRoot"/tmp/*
-}
-
 without() {
     printf '%s' "${1/$2/}"
 }
