@@ -33,9 +33,14 @@ prints() {
 }
 
 # complains PATTERN: the last complaint is one line and matches it. Lines of the library's log may
-# come before it.
+# come after it.
 complains() {
-    sed '/^tarnfw: [A-Za-z]*:[0-9]* /d' "$out/complaint" >"$out/own_complaint"
+    local -r logged='^tarnfw: [A-Za-z]*:[0-9]* '
+    if head -n 1 -- "$out/complaint" | grep --quiet -- "$logged"; then
+        cat -- "$out/complaint"
+        fail 'lines of the log come before the cause'
+    fi
+    sed "/$logged/d" "$out/complaint" >"$out/own_complaint"
     if [[ $(wc -l <"$out/own_complaint") != 1 ]] || ! grep --quiet -- "$1" "$out/own_complaint"; then
         cat -- "$out/complaint"
         fail "not this one line: $1"

@@ -22,6 +22,7 @@
 #include "cli/report.h"
 #include "cli/usage.h"
 #include "commands/commands.h"
+#include "process/heldLog.h"
 
 namespace {
 
@@ -123,6 +124,27 @@ int statusOfAnswer(int status) {
     return tarnfw::kExitFailed;
 }
 
+/// Runs the command and prints the cause when it fails.
+int runSaying(int argc, char** argv) {
+    try {
+        const std::vector<std::string> words(argv + 1, argv + argc);
+        if (tarnfw::asksForJson(words)) {
+            return statusOfAnswer(runWithDocuments(words));
+        }
+        tarnfw::holdLog();
+        return statusOfAnswer(run(words));
+    } catch (const WrongUsage& wrong) {
+        std::cerr << wrong.what();
+        return tarnfw::kExitUsage;
+    } catch (const tarnfw::Error& failure) {
+        std::cerr << "tarnfw: " << tarnfw::messageOf(failure) << '\n';
+        return tarnfw::exitStatusOf(failure.kind());
+    } catch (const std::exception& error) {
+        std::cerr << "tarnfw: " << tarnfw::reasonOf(error) << '\n';
+    }
+    return tarnfw::kExitFailed;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -135,17 +157,7 @@ int main(int argc, char** argv) {
     // The library's log has the reason for a failure: print it, too.
     openlog("tarnfw", LOG_PERROR, LOG_USER);
     setlogmask(LOG_UPTO(LOG_WARNING));
-    try {
-        const std::vector<std::string> words(argv + 1, argv + argc);
-        return statusOfAnswer(tarnfw::asksForJson(words) ? runWithDocuments(words) : run(words));
-    } catch (const WrongUsage& wrong) {
-        std::cerr << wrong.what();
-        return tarnfw::kExitUsage;
-    } catch (const tarnfw::Error& failure) {
-        std::cerr << "tarnfw: " << tarnfw::messageOf(failure) << '\n';
-        return tarnfw::exitStatusOf(failure.kind());
-    } catch (const std::exception& error) {
-        std::cerr << "tarnfw: " << tarnfw::reasonOf(error) << '\n';
-    }
-    return tarnfw::kExitFailed;
+    const int status = runSaying(argc, argv);
+    tarnfw::printHeldLog();
+    return status;
 }

@@ -1,6 +1,9 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
 # A reload of the library that cannot read the active profile fails, and leaves policies that accept and
 # empty chains: the machine stays reachable. The tool refuses such a reload.
+# shellcheck source=tests/kernel/answers.sh
+source "$checkout/tests/kernel/answers.sh"
+
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 tarnfw base up
 keep_listing base
@@ -22,3 +25,12 @@ printf '{ "name" : "deny_by_default", ' >"$kProfileDirectory/deny_by_default.jso
 refuses 'a reload of a profile cut short' rules_probe reload
 step 'the chains are empty and the policies accept' same_listing base
 step 'the firewall can be disabled' tarnfw disable
+
+use_profile deny_by_default
+choose_apply batch
+step 'with rules in force' tarnfw enable
+printf '{ "name" : "deny_by_default", ' >"$kProfileDirectory/deny_by_default.json"
+answers 5 reload
+complains '^tarnfw: there is no profile "deny_by_default".*; the kernel still has the old rules'
+step 'the log comes after the cause' grep --quiet '^tarnfw: fwDB:[0-9]* Failed to load json' \
+    "$out/complaint"

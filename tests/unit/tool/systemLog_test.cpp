@@ -9,6 +9,8 @@
 
 #include "tarnfirewall/utils.h"
 
+#include "process/heldLog.h"
+
 // What <syslog.h> leads to where the C library is fortified.
 extern "C" void __syslog_chk(int priority, int flag, const char* format, ...);  // NOLINT
 
@@ -47,6 +49,37 @@ TEST_F(SystemLogTest, LongLinesAreWhole) {
     const std::string name(100000, 'n');
     syslog(LOG_ERR, "%s!", name.c_str());
     EXPECT_THAT(printed(), EndsWith("nn!\n"));
+}
+
+TEST_F(SystemLogTest, HeldLinesComeWhenAskedForAndOnce) {
+    tarnfw::holdLog();
+    syslog(LOG_ERR, "File %s", "a\nb");
+    syslog(LOG_ERR, "other");
+    syslog(LOG_ERR, "File %s", "a\nb");
+    EXPECT_EQ(printed(), "");
+
+    ::testing::internal::CaptureStderr();
+    tarnfw::printHeldLog();
+    tarnfw::printHeldLog();
+    EXPECT_EQ(printed(), "tarnfw: File a?b\ntarnfw: other\n");
+
+    ::testing::internal::CaptureStderr();
+    syslog(LOG_ERR, "inherited");
+    tarnfw::printLogAtOnce(/*withNumber=*/false);
+    syslog(LOG_ERR, "at once");
+    tarnfw::printHeldLog();
+    EXPECT_EQ(printed(), "tarnfw: at once\n");
+}
+
+TEST_F(SystemLogTest, HeldLinesHaveThePriorityOfTheMask) {
+    tarnfw::holdLog();
+    const int before = setlogmask(LOG_UPTO(LOG_WARNING));
+    syslog(LOG_USER | LOG_WARNING, "warning");
+    syslog(LOG_NOTICE, "notice");
+    (void)setlogmask(before);
+    tarnfw::printHeldLog();
+    tarnfw::printLogAtOnce(/*withNumber=*/false);
+    EXPECT_EQ(printed(), "tarnfw: warning\n");
 }
 
 // The library is a shared one, and logs names unchanged.

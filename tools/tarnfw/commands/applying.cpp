@@ -17,6 +17,7 @@
 #include "cli/output.h"
 #include "commands/sshGuard.h"
 #include "process/detachedRun.h"
+#include "process/heldLog.h"
 #include "process/signalsWait.h"
 #include "process/trialState.h"
 #include "tarnfwadmin/inForce.h"
@@ -159,7 +160,12 @@ bool runWhole(const std::string& what, const std::function<bool()>& change,
         const Progress progress(what);
         run = runDetached(change, [&] { found = meanwhile ? meanwhile() : ""; });
     }
-    std::cerr << found << run.messages;
+    std::cerr << found;
+    if (run.succeeded) {
+        std::cerr << run.messages;
+    } else {
+        printAfterwards(run.messages);
+    }
     if (!run.failure.empty()) {
         throw Error(ErrorKind::kSystem, run.failure);
     }

@@ -103,7 +103,8 @@ void confirmReload(Context& context, const ReloadOptions& options);
 // ---- The kernel ----
 
 /// Runs `change` detached, see runDetached(). Shows "`what` ..." on the terminal meanwhile, and
-/// prints its messages when it is done. Returns what `change` returns. Throws Error, kSystem, with
+/// prints its messages when it is done; those of a failure wait for its cause, see
+/// printAfterwards(). Returns what `change` returns. Throws Error, kSystem, with
 /// the reason when `change` throws or is killed. `meanwhile` runs at the same time; the text that
 /// it returns goes to standard error first.
 bool runWhole(const std::string& what, const std::function<bool()>& change,

@@ -27,6 +27,7 @@
 #include "cli/report.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
+#include "process/heldLog.h"
 #include "process/trial.h"
 #include "process/trialState.h"
 #include "process/trialWatch.h"
@@ -109,6 +110,7 @@ void leaveTerminal(const Descriptor& log) {
     (void)dup2(nothing, STDIN_FILENO);
     (void)dup2(nothing, STDOUT_FILENO);
     (void)dup2(log.get(), STDERR_FILENO);
+    printLogAtOnce(/*withNumber=*/false);
     (void)signal(SIGPIPE, SIG_IGN);  // of a program that ends before it has read its input
 }
 
@@ -118,7 +120,7 @@ struct Watchdog {
     pid_t process = -1;
     Descriptor log = memoryFile("log");
 
-    /// Prints what it has logged, without what Retries has shown already.
+    /// Has printed afterwards what it has logged, without what Retries has shown already.
     void printLog() const {
         std::string text;
         (void)lseek(log.get(), 0, SEEK_SET);
@@ -126,7 +128,7 @@ struct Watchdog {
         std::istringstream lines(text);
         for (std::string line; std::getline(lines, line);) {
             if (line.find(kTrialTryingAgain) == std::string::npos) {
-                std::cerr << line << '\n';
+                printAfterwards(line + "\n");
             }
         }
     }

@@ -1,7 +1,6 @@
 #include "process/detachedRun.h"
 
 #include <sys/types.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <exception>
@@ -11,6 +10,7 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 
+#include "process/heldLog.h"
 #include "process/signalsWait.h"
 #include "tarnfwadmin/descriptor.h"
 #include "tarnfwadmin/error.h"
@@ -37,7 +37,7 @@ int runInChild(const std::function<bool()>& work, const Descriptor& errors,
     (void)setsid();
     (void)dup2(errors.get(), STDERR_FILENO);
     // The process number distinguishes these log lines from those of other programs.
-    openlog("tarnfw", LOG_PERROR | LOG_PID, LOG_USER);
+    printLogAtOnce(/*withNumber=*/true);
     try {
         const bool succeeded = work();
         std::cout << std::flush;

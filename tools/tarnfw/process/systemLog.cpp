@@ -1,6 +1,6 @@
 /// The system log of the whole program, its shared libraries included: syslog() in the place of the
-/// C library's. The libraries log names from documents unchanged, and LOG_PERROR prints each line
-/// on the terminal as well.
+/// C library's. The libraries log names from documents unchanged, and each line is printed on the
+/// terminal as well: by LOG_PERROR, or after what the command says, see heldLog.h.
 
 #include <stdio.h>
 
@@ -11,10 +11,14 @@
 #include <string>
 #include <utility>
 
+#include "process/heldLog.h"
 #include "tarnfwadmin/text.h"
 
 // Without <syslog.h>, which defines syslog() inline where the C library is fortified.
-extern "C" void vsyslog(int priority, const char* format, va_list args);
+extern "C" {
+void vsyslog(int priority, const char* format, va_list args);
+int setlogmask(int mask);
+}
 
 namespace {
 
@@ -31,6 +35,12 @@ struct MemoryFree {
     void operator()(char* memory) const { std::free(memory); }
 };
 
+bool isLogged(int priority) {
+    constexpr int kPriorities = 7;  // the rest says which part of the system it is
+    constexpr int kAsItIs = 0;
+    return (setlogmask(kAsItIs) & (1 << (priority & kPriorities))) != 0;
+}
+
 /// Raises nothing: the callers are C functions, and some log that there is no memory.
 void sendPrintable(int priority, const char* format, va_list args) noexcept {
     char* text = nullptr;
@@ -41,7 +51,11 @@ void sendPrintable(int priority, const char* format, va_list args) noexcept {
         if (!message.empty() && message.back() == '\n') {
             message.pop_back();  // vsyslog() ends the line itself
         }
-        send(priority, "%s", tarnfw::printable(std::move(message)).c_str());
+        message = tarnfw::printable(std::move(message));
+        send(priority, "%s", message.c_str());
+        if (tarnfw::isLogHeld() && isLogged(priority)) {
+            tarnfw::printAfterwards("tarnfw: " + message + "\n");
+        }
     } catch (const std::exception&) {
         send(priority, "%s", kNoMemory);
     }
