@@ -42,6 +42,11 @@ for command in 'service reserve ssh allow --adapter eth0' 'service release ssh' 
     complains '^tarnfw: there are no profiles; "tarnfw base up" writes a first one$'
 done
 step 'none came of it' [ -z "$(ls "$kProfileDirectory" 2>/dev/null)" ]
+mkdir -p -- "$kProfileDirectory"
+printf '{' >"$kProfileDirectory/broken.json"
+answers 5 service update
+complains "^tarnfw: there are no profiles; 1 file cannot be read: $kProfileDirectory/broken.json (\"tarnfw check FILE\" shows why)$"
+rm -r -- "$kProfileDirectory"
 
 # --- what there is ---------------------------------------------------------------------------------
 
@@ -335,6 +340,9 @@ answers 0 adapter rename eth0 eth6
 says '^Rules and default policy of eth0 are now those of eth6 (changed: away, home)$'
 says '^The kernel still has the old rules'
 complains '^tarnfw: the machine has no interface "eth6" now; until it has one, these rules have no effect$'
+answers 0 adapter rename eth6 eth7 --reload
+complains '^tarnfw: left out, without an interface now: eth7$'
+answers 0 adapter rename eth7 eth6
 
 # Without the base filter nothing would be applied: nothing is changed either.
 iptables -D INPUT -j INPUT_FIREWALL

@@ -51,6 +51,7 @@ public:
     void setChanged(bool changed = true) { changed_ = changed; }
     /// Rules were put in force in the kernel.
     void setApplied(bool applied = true) { applied_ = applied; }
+    bool isApplied() const { return applied_; }
     /// The profile that the command is about, where it is one.
     void setProfile(const std::string& name) { profile_ = name; }
     /// A further member of the document.

@@ -36,10 +36,7 @@ using Profiles = std::map<std::string, FW::FWPROFILE>;
 // ---- Common to these commands ----
 
 Profiles allProfiles(const StoreSnapshot& store) {
-    if (store.profileNames().empty()) {
-        throw Error(ErrorKind::kNotFound,
-                    "there are no profiles; \"tarnfw base up\" writes a first one");
-    }
+    (void)store.requireProfiles();
     try {
         return store.profiles();
     } catch (const Error&) {
@@ -96,6 +93,11 @@ std::vector<std::string> adaptersIn(const Profiles& profiles) {
         }
     }
     return {adapters.begin(), adapters.end()};
+}
+
+bool hasAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
+    const std::vector<std::string> adapters = adaptersOf(profile);
+    return std::find(adapters.begin(), adapters.end(), adapter) != adapters.end();
 }
 
 // ---- Services ----
@@ -328,6 +330,9 @@ void renameAdapter(const std::string& from, const std::string& to, const ReloadO
     requireReplacing(to, replacedIn(before, from, to), reload.yes);
     changeAll(context, "Rules and default policy of " + from + " are now those of " + to, reload,
               before, [&] { return FW::TARNFW_PROFILE().profileChangeAdapter(from, to, false); });
+    if (reload.report->isApplied() && hasAdapter(context.store().profile(""), to)) {
+        return;  // the reload has named the adapters without an interface
+    }
     const std::vector<std::string> present = machineAdapters();
     if (!isPredefined(to) && std::find(present.begin(), present.end(), to) == present.end()) {
         std::cerr << "tarnfw: the machine has no interface " << inQuotes(to)
