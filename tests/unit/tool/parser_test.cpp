@@ -134,6 +134,8 @@ const RefusedCase kRefused[] = {
     {"NoNumber", "rule add first",
      "tool rule add: POSITION: \"first\" is not a number from 1 to 9"},
     {"TooSmall", "rule add 0", "tool rule add: POSITION: \"0\" is not a number from 1 to 9"},
+    {"WrongAfterTheEndOfOptions", "rule add -- 0",
+     "tool rule add: POSITION: \"0\" is not a number from 1 to 9"},
     {"TooGreat", "rule add 10", "tool rule add: POSITION: \"10\" is not a number from 1 to 9"},
     {"Excluded", "rule add 1 --v4 --v6", "tool rule add: --v4 and --v6 exclude each other"},
     {"Needed", "rule add 1 --seconds 5", "tool rule add: --seconds needs --v4"},

@@ -334,8 +334,11 @@ private:
     /// The command on the path that did not take a word, and the word.
     static std::pair<const CLI::App*, std::string> firstExtra(const CLI::App& app) {
         const std::vector<std::string> extras = app.remaining();
-        if (!extras.empty()) {
-            return {&app, extras.front()};
+        const auto extra = std::find_if(extras.begin(), extras.end(), [](const std::string& word) {
+            return word != "--";  // the end of the options, which every command takes
+        });
+        if (extra != extras.end()) {
+            return {&app, *extra};
         }
         const std::vector<CLI::App*> parsed = app.get_subcommands();
         return parsed.empty() ? std::make_pair(&app, std::string()) : firstExtra(*parsed.front());
