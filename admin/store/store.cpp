@@ -34,7 +34,7 @@ constexpr ApplyModeRow kApplyModes[] = {
     {ApplyMode::kBatch, FW::FW_APPLY_BATCH},
 };
 
-// Of a new profile's name, which is printed in tables and messages.
+// Of a new profile's name, which is printed in tables and messages. newNameError() names it.
 constexpr std::size_t kMostNameBytes = 100;
 
 /// The names for a message: "default, home".
@@ -299,6 +299,15 @@ std::vector<std::string> StoreSnapshot::testProfileNames() const {
     return names;
 }
 
+std::string newNameError(const std::string& name) {
+    const bool valid = !name.empty() && name.size() <= kMostNameBytes && printable(name) == name &&
+                       name.front() != '.' && name.find('/') == std::string::npos;
+    return valid ? ""
+                 : inQuotes(name) +
+                       " is not a name for a profile: that has 1 to 100 bytes, no control "
+                       "characters and no \"/\", and does not begin with \".\"";
+}
+
 std::vector<std::string> StoreSnapshot::requireProfiles() const {
     std::vector<std::string> names = profileNames();
     if (names.empty()) {
@@ -325,13 +334,9 @@ void StoreSnapshot::requireProfile(const std::string& name) const {
 }
 
 void StoreSnapshot::requireNewName(const std::string& name) const {
-    if (name.empty() || isTestProfile(name)) {
-        throw Error(ErrorKind::kUnusable, "invalid profile name " + inQuotes(name));
-    }
-    if (name.size() > kMostNameBytes || printable(name) != name) {
-        throw Error(ErrorKind::kUnusable, "a profile's name has at most " +
-                                              std::to_string(kMostNameBytes) +
-                                              " bytes, and no control characters");
+    const std::string wrong = newNameError(name);
+    if (!wrong.empty()) {
+        throw Error(ErrorKind::kUnusable, wrong);
     }
     if (profileNames().empty() && unreadable().empty()) {
         // The library's generator of file names needs a profile to compare with.

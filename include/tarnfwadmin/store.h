@@ -44,6 +44,11 @@ const char* applyModeName(ApplyMode mode);
 /// The mode of that name; nothing for any other text.
 std::optional<ApplyMode> applyModeFrom(const std::string& name);
 
+/// Why a profile that a person makes cannot have this name; empty when it can. Stored profiles may
+/// have any name: other programs give them, and every command takes them. A name with a slash would
+/// be taken for a file, and test profiles, which lists leave out, begin with a dot.
+std::string newNameError(const std::string& name);
+
 /// The names of all modes.
 std::vector<std::string> applyModeNames();
 

@@ -53,14 +53,15 @@ answers 0 profile show lab --json
 prints_json <<<'{"active": false, "adapterPolicyMap": {"global": "none"}, "name": "lab", "rules": null}'
 
 refused 1 '^tarnfw: profile "lab" already exists$' profile create lab
-refused 1 '^tarnfw: invalid profile name ""$' profile create ''
-refused 1 '^tarnfw: invalid profile name "\.test_lab"$' profile create .test_lab
+for name in '' .test_lab .hidden bad/name; do
+    refused 2 "^tarnfw: NAME: \"$name\" is not a name for a profile: " profile create "$name"
+done
 refused 2 '^tarnfw: NAME is required$' profile create
-names="^tarnfw: a profile's name has at most 100 bytes, and no control characters\$"
-refused 1 "$names" profile create $'two\nlines'
-refused 1 "$names" profile create $'\e[31mred'
-refused 1 "$names" profile copy default "$(printf 'x%.0s' {1..101})"
-refused 1 "$names" profile rename lab $'tab\there'
+names=' is not a name for a profile: that has 1 to 100 bytes, no control characters and no "/", and does not begin with "\."$'
+refused 2 "$names" profile create $'two\nlines'
+refused 2 "$names" profile create $'\e[31mred'
+refused 2 "$names" profile copy default "$(printf 'x%.0s' {1..101})"
+refused 2 "$names" profile rename lab $'tab\there'
 long=$(printf 'x%.0s' {1..100})
 answers 0 profile create "$long" --empty
 answers 0 profile delete "$long"
@@ -234,7 +235,7 @@ answers 0 profile rename standard default
 step 'and back' [ "$(setting profile)" = default ]
 refused 1 '^tarnfw: profile "lab" already exists$' profile rename default lab
 refused 5 '^tarnfw: there is no profile "nowhere" ' profile rename nowhere new
-refused 1 '^tarnfw: invalid profile name ""$' profile rename lab ''
+refused 2 '^tarnfw: NEW: "" is not a name for a profile: ' profile rename lab ''
 
 # --- delete ----------------------------------------------------------------------------------------
 

@@ -169,8 +169,9 @@ step 'and names the right one' grep --quiet 'Did you mean "tarnfw rule add --log
 
 refused 5 '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (known: eth0, eth1, global, pppoe, vpn)$' \
     rule delete 1 --adapter eht0
-refused 1 '^tarnfw: "a/b" is not the name of an adapter$' rule add --adapter a/b deny any
-refused 1 '^tarnfw: "a/b" is not the name of an adapter$' policy a/b deny
+refused 2 '^tarnfw: --adapter: "a/b" is not the name of an adapter$' rule add --adapter a/b deny any
+refused 2 '^tarnfw: ADAPTER: "a/b" is not the name of an adapter$' policy a/b deny
+refused 2 '^tarnfw: --adapter: "a/b" is not the name of an adapter$' log-denied on --adapter a/b
 refused 1 '^tarnfw: rules and default policies of "ppp0" are never applied; use "pppoe"' rule add --adapter ppp0 deny any
 refused 1 '^tarnfw: "global" has no default policy' policy global deny
 refused 5 '^tarnfw: there is no profile "nowhere" ' rule add --adapter eth0 --profile nowhere deny any

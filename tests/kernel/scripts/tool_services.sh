@@ -307,11 +307,13 @@ refused_whole 5 '^tarnfw: no profile has rules or a default policy for adapter "
 refused_whole 1 '^tarnfw: "global" is every adapter' adapter rename global eth1
 refused_whole 1 '^tarnfw: "global" is every adapter' adapter rename eth0 global
 refused_whole 1 'rules and default policies of "ppp0" are never applied; use "pppoe"' adapter rename eth0 ppp0
-refused_whole 1 'is not the name of an adapter$' adapter rename eth0 'eth 1'
-refused_whole 1 'is not the name of an adapter$' adapter rename eth0 a_name_of_16_char
+refused 2 'is not the name of an adapter$' adapter rename eth0 'eth 1'
+refused 2 'is not the name of an adapter$' adapter rename eth0 a_name_of_16_char
+refused 2 'is not the name of an adapter$' service reserve ssh allow --adapter 'eth 1'
+refused 2 'is not the name of an adapter$' service release ssh --adapter 'eth 1'
 # What a check would reject: the profile could not be applied any more.
-refused_whole 1 '^tarnfw: "!x" is not the name of an adapter$' adapter rename eth0 '!x'
-refused_whole 1 '^tarnfw: "-x" is not the name of an adapter$' adapter rename eth0 -- -x
+refused 2 '^tarnfw: NEW: "!x" is not the name of an adapter$' adapter rename eth0 '!x'
+refused 2 '^tarnfw: NEW: "-x" is not the name of an adapter$' adapter rename eth0 -- -x
 # Their default policies differ: one of them would be lost.
 refused_whole 1 '^tarnfw: the rules and default policy of "eth5" in home would be replaced; nothing was changed (--yes goes on' \
     adapter rename eth0 eth5

@@ -1,4 +1,5 @@
-// A store that cannot be listed; the apply modes: their names, in the settings and out of them.
+// A store that cannot be listed; the names of new profiles; the apply modes: their names, in the
+// settings and out of them.
 #include "tarnfwadmin/store.h"
 
 #include <cstring>
@@ -80,6 +81,20 @@ TEST_F(AppliesChangesTest, OnlyWhereTheSettingsSayTrue) {
     session.setAppliesChanges();
     EXPECT_TRUE(session.snapshot().appliesChanges());
     EXPECT_TRUE(session.snapshot().firewallEnabled());
+}
+
+TEST(NewNameTest, IsPrintableAndNoPath) {
+    for (const std::string& name :
+         {std::string("home"), std::string("two words"), std::string("caf\xc3\xa9"),
+          std::string("a.b"), std::string("-x"), std::string(100, 'x')}) {
+        EXPECT_EQ(newNameError(name), "");
+    }
+    for (const std::string& name :
+         {std::string(), std::string(".hidden"), std::string(".test_home"), std::string("bad/name"),
+          std::string("two\nlines"), std::string("\x1b[31m"), std::string(101, 'x')}) {
+        EXPECT_THAT(newNameError(name), testing::HasSubstr(" is not a name for a profile: "))
+            << name;
+    }
 }
 
 TEST_F(ApplyModeInTheStoreTest, IsSetBesideTheOtherSettings) {

@@ -7,6 +7,7 @@
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "tarnfwadmin/documentFile.h"
+#include "tarnfwadmin/interfaces.h"
 
 namespace tarnfw {
 
@@ -105,6 +106,15 @@ bool canAsk() {
 bool namesAFile(const std::string& argument) {
     return argument == kStandardInput || argument.find('/') != std::string::npos ||
            boost::ends_with(argument, ".json") || access(argument.c_str(), F_OK) == 0;
+}
+
+std::string adapterNameError(const std::string& argument) {
+    try {
+        requireAdapterName(argument, /*others=*/{argument});
+    } catch (const Error& error) {
+        return error.what();
+    }
+    return "";
 }
 
 bool confirmed(const std::string& question) {

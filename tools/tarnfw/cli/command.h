@@ -85,6 +85,10 @@ bool canAsk();
 /// file that exists.
 bool namesAFile(const std::string& argument);
 
+/// Why the argument of a command that changes profiles cannot be the name of an adapter; empty when
+/// it can. A check of an option.
+std::string adapterNameError(const std::string& argument);
+
 /// Asks a question that takes yes or no, if canAsk(). Otherwise the answer is no.
 bool confirmed(const std::string& question);
 

@@ -201,7 +201,8 @@ void addLogDeniedCommand(Command& app) {
     command
         .option("--adapter", values->subject.adapter,
                 "This adapter alone; by default each that denies by default")
-        .placeholder("NAME");
+        .placeholder("NAME")
+        .check(adapterNameError);
     command.option("--profile", values->subject.profile, "The profile; by default the active one")
         .placeholder("NAME");
     addReloadFlag(command, values->reload);

@@ -555,8 +555,8 @@ void addShow(Command& group) {
     command.run([values] { show(values->name, values->json); });
 }
 
-void addName(Command& command, std::string& name, const char* placeholder, const char* help) {
-    command.option(placeholder, name, help).placeholder("").required();
+Option& addName(Command& command, std::string& name, const char* placeholder, const char* help) {
+    return command.option(placeholder, name, help).placeholder("").required();
 }
 
 Option& addSource(Command& command, std::string& source) {
@@ -576,7 +576,7 @@ void addCreate(Command& group) {
     Command& command =
         group.subcommand("create", "Create a profile like the first one that \"base up\" makes");
     const auto values = std::make_shared<Values>();
-    addName(command, values->name, "NAME", "Its name");
+    addName(command, values->name, "NAME", "Its name").check(newNameError);
     Option& from = addSource(command, values->origin.path);
     command.flag("--empty", values->origin.empty, "Without rules: such a profile allows everything")
         .excludes(from);
@@ -614,7 +614,7 @@ void addForTwoNames(Command& group, const char* name, const char* help, TwoNames
     Command& command = group.subcommand(name, help);
     const auto values = std::make_shared<Values>();
     addName(command, values->oldName, "OLD", "The profile");
-    addName(command, values->newName, "NEW", "The new name");
+    addName(command, values->newName, "NEW", "The new name").check(newNameError);
     runReporting(command, values->report,
                  [values, run] { run(values->oldName, values->newName, values->report); });
 }

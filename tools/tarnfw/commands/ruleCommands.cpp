@@ -400,7 +400,10 @@ void addPolicyCommand(Command& app) {
     Command& command = app.subcommand(
         "policy", "Set the default policy of an adapter, for packets that no rule matches");
     const auto values = std::make_shared<Values>();
-    command.option("ADAPTER", values->target.adapter, "The adapter").placeholder("").required();
+    command.option("ADAPTER", values->target.adapter, "The adapter")
+        .placeholder("")
+        .required()
+        .check(adapterNameError);
     command.option("POLICY", values->policy, "allow, deny or none")
         .placeholder("")
         .required()

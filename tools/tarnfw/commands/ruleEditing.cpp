@@ -44,7 +44,8 @@ void addTarget(Command& command, Target& target) {
         .option("--adapter", target.adapter,
                 "The adapter: an interface, or \"global\", \"pppoe\", \"vpn\"; by default global, "
                 "whose rules are for every adapter")
-        .placeholder("NAME");
+        .placeholder("NAME")
+        .check(adapterNameError);
     command.option("--profile", target.profile, "The profile; by default the active one")
         .placeholder("NAME");
     addReloadFlag(command, target.reload);

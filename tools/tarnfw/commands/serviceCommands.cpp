@@ -278,9 +278,6 @@ void requireRenamable(const std::string& from, const std::string& to, const Prof
     if (isNeverApplied(to)) {
         throw Error(ErrorKind::kUnusable, kPppoeInterfaceText);
     }
-    if (!isAdapterName(to)) {
-        throw Error(ErrorKind::kUnusable, inQuotes(to) + " is not the name of an adapter");
-    }
     const std::vector<std::string> known = adaptersIn(profiles);
     if (std::find(known.begin(), known.end(), from) == known.end()) {
         const std::string meant = nearestAdapter(from, known);
@@ -360,7 +357,8 @@ void addReserve(Command& group) {
         .required()
         .choices({"allow", "deny"});
     command.option("--adapter", options->adapter, "The adapter; global is every adapter")
-        .required();
+        .required()
+        .check(adapterNameError);
     addReloadFlag(command, options->reload);
     command.footer("Example: tarnfw service reserve ssh --adapter eth0 allow");
     runReporting(command, *options->reload.report, [options] {
@@ -375,7 +373,8 @@ void addRelease(Command& group) {
     command.option("NAME", options->service, "The service").required();
     command
         .option("--adapter", options->adapter, "Only the rules of this adapter; by default of all")
-        .placeholder("NAME");
+        .placeholder("NAME")
+        .check(adapterNameError);
     command.flag("--everywhere", options->everywhere,
                  "Also remove it from rules made by a person; shows them, and asks");
     addReloadFlag(command, options->reload,
@@ -403,7 +402,7 @@ void addRename(Command& group) {
         "rename", "Move an adapter's rules and default policy to another name, in every profile");
     const auto options = std::make_shared<Options>();
     command.option("OLD", options->from, "The present name").required();
-    command.option("NEW", options->to, "The new name").required();
+    command.option("NEW", options->to, "The new name").required().check(adapterNameError);
     addReloadFlag(command, options->reload,
                   "Do not ask before replacing rules that NEW already has or, with --reload, if "
                   "the rules would lock you out");
