@@ -16,6 +16,16 @@ silent
 prints <<<'Firewall disabled: nothing is blocked'
 answers 0 explain --service ssh --from 192.168.1.20
 prints <<<'Firewall disabled: nothing is blocked'
+for ports in 'tcp/443' 'tcp 443' '443/tcp'; do
+    read -r -a words <<<"$ports"
+    answers 0 blocked --port "${words[@]}" --json
+    step 'the ports are those' [ "$(jq -c .ports "$out/answer")" = '["tcp 443"]' ]
+    answers 0 explain --port "${words[@]}" --from 192.168.1.20
+done
+answers 2 blocked --port tcp 443 444
+step 'all words are said' grep --quiet '"443 444" is not a port' "$out/complaint"
+answers 2 explain --port tcp eth0
+step 'so is a word that is no port' grep --quiet '^tarnfw: --port: "eth0" is not a port' "$out/complaint"
 answers 0 blocked --service ssh --json
 prints_json <<'END'
 {"enabled": false, "profile": "default", "service": "ssh", "ports": ["tcp 22"], "adapters": [],

@@ -75,6 +75,7 @@ none profile create d
 completes policy '' <<<$'eth0\nglobal\nlab7\npppoe\nvpn'
 completes blocked --adapter=l <<<--adapter=lab7
 completes adapter rename l <<<lab7
+completes reload --for l <<<lab7
 completes policy eth0 '' <<<$'allow\ndeny\nnone'
 completes service reserve ft <<<$'ftp\nftp_passive\nftps'
 completes service reserve ftp '' <<<$'allow\ndeny'

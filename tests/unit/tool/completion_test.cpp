@@ -37,6 +37,9 @@ protected:
         policy.option("POLICY", text_, "").choices({"allow", "deny", "none"});
         Command& blocked = tool_.subcommand("blocked", "");
         blocked.option("--service", text_, "").exactlyOneOf("group");
+        Command& reload = tool_.subcommand("reload", "");
+        reload.option("--for", text_, "");
+        reload.option("--port", text_, "").severalWords();
         tool_.subcommand("check", "").option("FILE|PROFILE", text_, "");
         tool_.subcommand("geoip", "").subcommand("show", "").option("COUNTRY", text_, "");
         tool_.subcommand("help", "").option("TOPIC", texts_, "");
@@ -68,10 +71,10 @@ protected:
 };
 
 TEST_F(CompletionTest, CommandsWithoutHiddenOnes) {
-    EXPECT_THAT(words({""}),
-                ElementsAre("profile", "rule", "policy", "blocked", "check", "geoip", "help"));
-    EXPECT_THAT(words({}),
-                ElementsAre("profile", "rule", "policy", "blocked", "check", "geoip", "help"));
+    EXPECT_THAT(words({""}), ElementsAre("profile", "rule", "policy", "blocked", "reload", "check",
+                                         "geoip", "help"));
+    EXPECT_THAT(words({}), ElementsAre("profile", "rule", "policy", "blocked", "reload", "check",
+                                       "geoip", "help"));
     EXPECT_THAT(words({"p"}), ElementsAre("profile", "policy"));
     EXPECT_THAT(words({"profile", ""}), ElementsAre("show", "create"));
     EXPECT_THAT(words({"secret", ""}), IsEmpty());
@@ -114,6 +117,10 @@ TEST_F(CompletionTest, ValuesOfOptions) {
     EXPECT_THAT(words({"rule", "add", "--adapter", "eth0", "--profile", "d"}),
                 ElementsAre("default"));
     EXPECT_THAT(words({"blocked", "--service", "s"}), ElementsAre("ssh"));
+    EXPECT_THAT(words({"reload", "--for", "e"}), ElementsAre("eth0", "eth1"));
+    EXPECT_THAT(words({"reload", "--for=e"}), ElementsAre("--for=eth0", "--for=eth1"));
+    EXPECT_THAT(words({"reload", "--port", "tcp", "22", "--f"}), ElementsAre("--for"));
+    EXPECT_THAT(words({"reload", "--port=tcp", "22", ""}), ElementsAre("--help", "--for"));
     EXPECT_THAT(words({"rule", "add", "--label", ""}), IsEmpty());
 }
 

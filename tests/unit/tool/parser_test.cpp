@@ -55,6 +55,12 @@ protected:
                 return text == "22" ? std::string() : text + " is no port";
             })
             .exactlyOneOf("Subject");
+        ask.option("--span", span_, "Two ports")
+            .severalWords()
+            .check([](const std::string& text) {
+                return text == "5 9" || text == "5-9" ? std::string() : text + " is no span";
+            })
+            .exactlyOneOf("Subject");
         ask.run([this] {
             ran_.emplace_back("ask");
             if (service_ == "unusable") {
@@ -88,6 +94,7 @@ protected:
     std::string mode_;
     std::string service_;
     std::string port_;
+    std::string span_;
     Texts ran_;
 };
 
@@ -100,6 +107,15 @@ TEST_F(ParserTest, FillsTheTargetsAndRunsTheCommand) {
     EXPECT_THAT(labels_, ElementsAre("a", "b"));
     EXPECT_EQ(seconds_, 5);
     EXPECT_THAT(ran_, ElementsAre("rule add"));
+}
+
+TEST_F(ParserTest, AValueOfSeveralWordsEndsWithAnOption) {
+    EXPECT_EQ(refused("ask --span 5 9 --mode lines"), "");
+    EXPECT_EQ(span_, "5 9");
+    EXPECT_EQ(refused("ask --span 5-9"), "");
+    EXPECT_EQ(span_, "5-9");
+    EXPECT_EQ(refused("ask --span=5 9"), "");
+    EXPECT_EQ(span_, "5 9");
 }
 
 TEST_F(ParserTest, RunsHiddenCommands) {
@@ -150,9 +166,12 @@ const RefusedCase kRefused[] = {
      "tool ask: \"btach\" is not one of lines, batch; did you mean \"batch\"?"},
     {"NoChoiceNear", "ask --port 22 --mode x", "tool ask: \"x\" is not one of lines, batch"},
     {"Checked", "ask --port ssh", "tool ask: --port: ssh is no port"},
-    {"NoneOfAGroup", "ask", "tool ask: \"tool ask\" needs one of --service, --port"},
+    {"CheckedTogether", "ask --span 5 ssh", "tool ask: --span: 5 ssh is no span"},
+    {"TooManyWords", "ask --span 5 to 9", "tool ask: --span: 5 to 9 is no span"},
+    {"WordsTwice", "ask --span 5-9 --span 5-9", "tool ask: --span: 5-9 5-9 is no span"},
+    {"NoneOfAGroup", "ask", "tool ask: \"tool ask\" needs one of --service, --port, --span"},
     {"TwoOfAGroup", "ask --port 22 --service ssh",
-     "tool ask: \"tool ask\" takes only one of --service, --port"},
+     "tool ask: \"tool ask\" takes only one of --service, --port, --span"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Lines, RefusedTest, ::testing::ValuesIn(kRefused),
@@ -208,6 +227,7 @@ TEST_F(ParserTest, HelpOfChoicesAndOfOptionsOneOfWhichIsNeeded) {
               "Subject, one of:\n"
               "  --service TEXT              A service\n"
               "  --port TEXT                 A port\n"
+              "  --span TEXT                 Two ports\n"
               "\n");
 }
 
@@ -228,7 +248,7 @@ TEST_F(ParserTest, DeclarationsCanBeAsked) {
     for (const Option* option : ask.options()) {
         names.push_back(option->facts().name);
     }
-    EXPECT_THAT(names, ElementsAre("--help", "--mode", "--service", "--port"));
+    EXPECT_THAT(names, ElementsAre("--help", "--mode", "--service", "--port", "--span"));
     const std::vector<const Option*> options = tool_.shown("rule")->shown("add")->options();
     const auto most = [&options](const std::string& name) {
         return (*std::find_if(

@@ -43,6 +43,11 @@ Option& Option::showDefault() {
     return *this;
 }
 
+Option& Option::severalWords() {
+    facts_.severalWords = true;
+    return *this;
+}
+
 Option& Option::oneValueEach() {
     facts_.oneValueEach = true;
     return *this;

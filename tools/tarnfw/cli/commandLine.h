@@ -49,6 +49,7 @@ public:
         bool required = false;
         bool showsDefault = false;
         bool oneValueEach = false;
+        bool severalWords = false;
         std::string oneOf;  ///< title of a group; empty: in none
         std::vector<const Option*> excluded;
         std::vector<const Option*> needed;
@@ -69,6 +70,9 @@ public:
     Option& showDefault();
     /// A list that grows by one value each time the option is given.
     Option& oneValueEach();
+    /// The value, a text, may come in several words; the target gets them with a blank between.
+    /// Only for an option of a command without positionals.
+    Option& severalWords();
     /// Of the options of a command with the same title, exactly one must be given. The help text
     /// lists them under the title.
     Option& exactlyOneOf(std::string title);

@@ -141,6 +141,7 @@ struct Place {
     const Command* command = nullptr;
     std::string path;                 ///< the command's words: "rule add"
     const Option* waiting = nullptr;  ///< given, its value comes next
+    bool goesOn = false;              ///< words belong to the value before
     std::set<const Option*> given;
     Texts taken;  ///< words that are neither commands nor options
     bool onlyWords = false;
@@ -150,6 +151,7 @@ void takeOption(Place& place, const std::string& word) {
     const std::size_t equals = word.find('=');
     const Option* const option = optionNamed(*place.command, word.substr(0, equals));
     place.given.insert(option);
+    place.goesOn = option != nullptr && option->facts().severalWords;
     if (option != nullptr && takesValue(*option) && equals == std::string::npos) {
         place.waiting = option;
     }
@@ -167,7 +169,7 @@ void take(Place& place, const std::string& word) {
         place.command = next;
         place.path.append(place.path.empty() ? "" : " ").append(word);
         place.given.clear();
-    } else {
+    } else if (!place.goesOn) {
         place.taken.push_back(word);
     }
 }

@@ -285,6 +285,23 @@ private:
         return group;
     }
 
+    static constexpr int kMostWords = 99;  // of a value: its check says what is too much
+
+    /// An option whose value may come in several words, which are checked together.
+    static CLI::Option* addOfWords(CLI::App& group, const Option::Facts& facts,
+                                   std::string& target) {
+        const auto take = [&facts, &target](const std::vector<std::string>& words) {
+            target = boost::join(words, " ");
+            const std::string wrong = facts.check ? facts.check(target) : "";
+            if (!wrong.empty()) {
+                throw CLI::ValidationError(facts.name, wrong);
+            }
+        };
+        CLI::Option* const made =
+            group.add_option_function<std::vector<std::string>>(facts.name, take, facts.help);
+        return made->expected(1, kMostWords);
+    }
+
     /// Null for an option that the parser has by itself.
     static CLI::Option* addTo(CLI::App& app, const Option& option) {
         const Option::Facts& facts = option.facts();
@@ -295,6 +312,10 @@ private:
                     return nullptr;
                 } else if constexpr (std::is_same_v<Target, bool*>) {
                     return groupOf(app, facts.oneOf).add_flag(facts.name, *target, facts.help);
+                } else if constexpr (std::is_same_v<Target, std::string*>) {
+                    CLI::App& group = groupOf(app, facts.oneOf);
+                    return facts.severalWords ? addOfWords(group, facts, *target)
+                                              : group.add_option(facts.name, *target, facts.help);
                 } else {
                     return groupOf(app, facts.oneOf).add_option(facts.name, *target, facts.help);
                 }
@@ -312,7 +333,7 @@ private:
         if (facts.range) {
             made->check(rangeOf(*facts.range));
         }
-        if (facts.check) {
+        if (facts.check && !facts.severalWords) {
             made->check(facts.check);
         }
         made->required(facts.required);

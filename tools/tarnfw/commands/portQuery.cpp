@@ -61,7 +61,8 @@ void addQueryOptions(Command& command, PortQuery& options) {
     constexpr char kSubject[] = "What to ask about";
     command.option("--service", options.service, "A service of the catalogue, such as ssh")
         .exactlyOneOf(kSubject);
-    command.option("--port", options.port, "Ports: tcp/22, udp/5000-5010, both/53")
+    command.option("--port", options.port, "Ports: tcp/22 or tcp 22, udp/5000-5010, both/53")
+        .severalWords()
         .check([](const std::string& text) {
             FW::PortCompareST question{};
             return portQuestionFrom(text, question);
