@@ -30,6 +30,24 @@ tarnfw() {
     return "$status"
 }
 
+# hold FILE, release: another program holds the lock of a file, and lets it go.
+hold() {
+    local ready
+    exec {ready}< <(exec /usr/bin/python3 -c '
+import fcntl, signal, struct, sys
+file = open(sys.argv[1], "a+")
+F_OFD_SETLKW = 38
+fcntl.fcntl(file, F_OFD_SETLKW, struct.pack("hhqqi4x", fcntl.F_WRLCK, 0, 0, 0, 0))
+print("held", flush=True)
+signal.pause()' "$1")
+    holder=$!
+    [[ $(head -n 1 <&"$ready") == held ]] || fail "cannot lock $1"
+}
+
+release() {
+    kill "$holder"
+}
+
 # need_other_users: ends the test as skipped in the sandbox of an ordinary user, who is alone there.
 need_other_users() {
     local first count

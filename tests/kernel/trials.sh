@@ -101,24 +101,6 @@ await_status() {
     fail "the status never says: $1"
 }
 
-# hold FILE, release: another program holds the lock of a file, and lets it go.
-hold() {
-    local ready
-    exec {ready}< <(exec /usr/bin/python3 -c '
-import fcntl, signal, struct, sys
-file = open(sys.argv[1], "a+")
-F_OFD_SETLKW = 38
-fcntl.fcntl(file, F_OFD_SETLKW, struct.pack("hhqqi4x", fcntl.F_WRLCK, 0, 0, 0, 0))
-print("held", flush=True)
-signal.pause()' "$1")
-    holder=$!
-    [[ $(head -n 1 <&"$ready") == held ]] || fail "cannot lock $1"
-}
-
-release() {
-    kill "$holder"
-}
-
 no_test_profile() {
     ! grep --quiet --recursive --exclude-dir=.change .test_ "$kProfileDirectory"
 }

@@ -62,16 +62,7 @@ step 'no directory: the profile is there' [ "$(tarnfw profile list)" = '* defaul
 # Killed when only the profile is written, it has done nothing: the next call does all of it, which is one
 # change of the history.
 rm -rf -- "$kProfileDirectory"
-exec {held}< <(
-    exec /usr/bin/python3 -c '
-import fcntl, signal
-lock = open("/var/lock/firewall/firewall_settings.json.lock", "w")
-fcntl.lockf(lock, fcntl.LOCK_EX)
-print("held", flush=True)
-signal.pause()'
-)
-holder=$!
-[[ $(head -n 1 <&"$held") == held ]] || fail 'cannot lock the settings'
+hold /var/lock/firewall/firewall_settings.json.lock
 "$build/tools/tarnfw/tarnfw" base up >"$out/killed" 2>&1 &
 killed=$!
 until compgen -G "$kProfileDirectory/*.json" >/dev/null; do
@@ -79,8 +70,7 @@ until compgen -G "$kProfileDirectory/*.json" >/dev/null; do
 done
 kill -KILL "$killed"
 wait "$killed" || true
-kill "$holder"
-exec {held}<&-
+release
 step 'after a killed call: base up returns' base_up
 step 'after a killed call: all settings are there' [ \
     "$(jq -c '[.status, .profile, .apply, .applyChanges]' "$kSettings")" = '[false,"default","batch",true]' ]

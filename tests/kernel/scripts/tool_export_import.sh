@@ -283,26 +283,9 @@ answers 0 import --yes all.json
 
 # --- interrupted -----------------------------------------------------------------------------------
 
-# hold FILE: keeps the lock of a file of the store, so that writers wait.
-hold() {
-    exec {held}< <(
-        exec /usr/bin/python3 -c '
-import fcntl, signal, sys
-lock = open(sys.argv[1], "w")
-fcntl.lockf(lock, fcntl.LOCK_EX)
-print("held", flush=True)
-signal.pause()' "/var/lock/firewall/$1.lock"
-    )
-    holder=$!
-    [[ $(head -n 1 <&"$held") == held ]] || fail "cannot lock $1"
-}
-release() {
-    kill "$holder"
-    exec {held}<&-
-}
 # start_import: an import that has deleted the profiles, and waits.
 start_import() {
-    hold 2.json
+    hold /var/lock/firewall/2.json.lock
     "$build/tools/tarnfw/tarnfw" import --yes next.json >"$out/answer" 2>"$out/complaint" &
     importing=$!
     until [[ ! -e $kProfileDirectory/$first && ! -e $kProfileDirectory/deny_by_default.json ]]; do

@@ -121,16 +121,7 @@ step 'the files are as they were' same_files grown
 # --- a command that was killed ---------------------------------------------------------------------
 
 # It has made its copies, and waits for the lock of the settings.
-exec {held}< <(
-    exec /usr/bin/python3 -c '
-import fcntl, signal
-lock = open("/var/lock/firewall/firewall_settings.json.lock", "w")
-fcntl.lockf(lock, fcntl.LOCK_EX)
-print("held", flush=True)
-signal.pause()'
-)
-holder=$!
-[[ $(head -n 1 <&"$held") == held ]] || fail 'cannot lock the settings'
+hold /var/lock/firewall/firewall_settings.json.lock
 keep_files killed
 "$build/tools/tarnfw/tarnfw" apply-mode batch >"$out/answer" 2>&1 &
 killed=$!
@@ -139,8 +130,7 @@ until cmp --silent "$kSettings" "$kProfileDirectory/.change/firewall_settings.js
 done
 kill -KILL "$killed"
 wait "$killed" || true
-kill "$holder"
-exec {held}<&-
+release
 : >"$kSettings"
 answers 1 status
 answers 0 export /tmp/mended.json
