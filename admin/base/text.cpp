@@ -1,8 +1,10 @@
 #include "tarnfwadmin/text.h"
 
 #include <algorithm>
-
 #include <iterator>
+
+#include <boost/algorithm/string/join.hpp>
+
 #include "fwPrintable.h"
 
 namespace tarnfw {
@@ -97,6 +99,10 @@ std::string nearestAdapter(const std::string& word, const std::vector<std::strin
     std::copy_if(known.begin(), known.end(), std::back_inserter(candidates),
                  [&](const std::string& name) { return !numbered || lettersOf(name) != letters; });
     return nearest(word, candidates);
+}
+
+std::string listed(const std::vector<std::string>& names) {
+    return printable(boost::join(names, ", "));
 }
 
 std::string didYouMean(const std::string& guess) {

@@ -79,16 +79,6 @@ bool isDecidedAnyway(const RuleMatcher& rule, const FW::FWPROFILE& profile,
            });
 }
 
-std::size_t reservedAtHead(const FW::FWPROFILE& profile, const std::string& adapter) {
-    const auto list = profile.rules.find(adapter);
-    if (list == profile.rules.end()) {
-        return 0;
-    }
-    return static_cast<std::size_t>(std::distance(
-        list->second.begin(),
-        std::find_if_not(list->second.begin(), list->second.end(), FW::fwRuleIsReserved)));
-}
-
 // ---- In words -----------------------------------------------------------------------------------
 
 std::string whatText(const FW::FWRULE& rule) {
@@ -119,6 +109,11 @@ std::string whomText(const FW::FWRULE& rule) {
 }
 
 }  // namespace
+
+std::size_t reservedAtHead(const std::vector<FW::FWRULE>& rules) {
+    return static_cast<std::size_t>(std::distance(
+        rules.begin(), std::find_if_not(rules.begin(), rules.end(), FW::fwRuleIsReserved)));
+}
 
 RuleEffect ruleEffect(const FW::FWPROFILE& profile, const RulePlace& place, Machine& machine) {
     RuleEffect effect;
@@ -159,7 +154,7 @@ std::optional<RulePlace> effectivePlace(FW::FWPROFILE profile, const FW::FWRULE&
     list.push_back(rule);
     const std::optional<RulePlace> shadow =
         ruleEffect(profile, {adapter, list.size()}, machine).shadowedBy;
-    if (!shadow || shadow->position <= reservedAtHead(profile, shadow->adapter)) {
+    if (!shadow || shadow->position <= reservedAtHead(profile.rules[shadow->adapter])) {
         return std::nullopt;
     }
     list.pop_back();

@@ -19,7 +19,6 @@
 #include <system_error>
 
 #include <json/json.h>
-#include <boost/algorithm/string/join.hpp>
 
 #include "tarnfirewall/tarnFW.h"
 
@@ -262,8 +261,7 @@ void requireAdapter(const std::string& adapter, const std::vector<std::string>& 
     const std::vector<std::string> names(known.begin(), known.end());
     const std::string meant = nearestAdapter(adapter, names);
     throw Error(ErrorKind::kNotFound, "there is no adapter " + inQuotes(adapter) +
-                                          didYouMean(meant) +
-                                          " (known: " + printable(boost::join(names, ", ")) + ")");
+                                          didYouMean(meant) + " (known: " + listed(names) + ")");
 }
 
 }  // namespace tarnfw

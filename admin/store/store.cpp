@@ -8,7 +8,6 @@
 #include <set>
 #include <utility>
 
-#include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "tarnfirewall/tarnFW.h"
@@ -36,11 +35,6 @@ constexpr ApplyModeRow kApplyModes[] = {
 
 // Of a new profile's name, which is printed in tables and messages. newNameError() names it.
 constexpr std::size_t kMostNameBytes = 100;
-
-/// The names for a message: "default, home".
-std::string listed(const std::vector<std::string>& names) {
-    return printable(boost::join(names, ", "));
-}
 
 /// What a path is that is not a regular file.
 std::string kindOf(mode_t mode) {

@@ -1,6 +1,7 @@
 /// What a rule does at its place in a profile, besides the rules and default policies around it.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,6 +14,9 @@
 namespace TARNFW_EXPORT_ALL tarnfw {
 
 class Machine;
+
+/// How many rules at the head of an adapter's list are reserved: no other rule may precede them.
+std::size_t reservedAtHead(const std::vector<FW::FWRULE>& rules);
 
 struct RuleEffect {
     bool hasLines = false;                ///< else it matches nothing on this machine, or is off

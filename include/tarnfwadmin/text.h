@@ -39,6 +39,9 @@ std::string nearestCode(const std::string& word, const std::vector<std::string>&
 /// letters: "eth0" is another adapter than "eth1" or "eth1.7", not a correction of its name.
 std::string nearestAdapter(const std::string& word, const std::vector<std::string>& known);
 
+/// Names for a message, printable: "default, home".
+std::string listed(const std::vector<std::string>& names);
+
 /// "; did you mean "eth0"?", for the end of a message; empty without a guess.
 std::string didYouMean(const std::string& guess);
 

@@ -93,6 +93,7 @@ Json::Value checkedDocument(const Options& options, Machine& machine) {
 }
 
 /// Throws Error before files are overwritten that a backup cannot hold: unreadable ones, and those
+/// that are no profiles.
 void requireRoomFor(const Json::Value& document, const Json::Value& current) {
     for (const std::string& key : document[kConfigProfiles].getMemberNames()) {
         const std::string path = kProfileDir + key;

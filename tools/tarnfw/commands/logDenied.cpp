@@ -78,14 +78,6 @@ std::vector<std::string> setLogged(FW::FWPROFILE& profile, const std::string& on
     return changed;
 }
 
-std::string listed(const std::vector<std::string>& names) {
-    std::string text;
-    for (const std::string& name : names) {
-        text += (text.empty() ? "" : ", ") + printable(name);
-    }
-    return text;
-}
-
 /// "no adapter of "home" denies by default"; a name that nothing is known of is an error.
 std::string noneText(const FW::FWPROFILE& profile, const std::string& only) {
     if (only.empty()) {

@@ -181,7 +181,7 @@ bool areAlike(const FW::FWPROFILE& profile, const std::string& one, const std::s
 
 /// Prints adapters that are alike under one heading.
 void printAdapters(const FW::FWPROFILE& profile, const std::vector<std::string>& adapters) {
-    const std::string names = printable(boost::join(adapters, ", "));
+    const std::string names = listed(adapters);
     const std::size_t width = terminalWidth();
     std::cout << '\n';
     for (const std::string& line : wrapped(names, width == 0 ? std::string::npos : width)) {

@@ -19,6 +19,7 @@
 #include "commands/ruleEditing.h"
 #include "tarnfwadmin/ruleChange.h"
 #include "tarnfwadmin/ruleCompare.h"
+#include "tarnfwadmin/ruleEffect.h"
 #include "tarnfwadmin/ruleText.h"
 #include "tarnfwadmin/vocabulary.h"
 

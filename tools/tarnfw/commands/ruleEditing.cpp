@@ -58,11 +58,6 @@ std::string optionsText(const Target& target) {
 
 // ---- Positions ----------------------------------------------------------------------------------
 
-std::size_t reservedAtHead(const Rules& rules) {
-    return static_cast<std::size_t>(std::distance(
-        rules.begin(), std::find_if_not(rules.begin(), rules.end(), FW::fwRuleIsReserved)));
-}
-
 void requirePosition(const Rules& rules, std::size_t position, const Target& target) {
     if (position < 1 || position > rules.size()) {
         const std::optional<RulePlace> place =

@@ -35,9 +35,6 @@ std::string optionsText(const Target& target);
 
 // ---- Positions, as a person counts them: from 1 ----
 
-/// How many rules at the head of the list are reserved.
-std::size_t reservedAtHead(const Rules& rules);
-
 void requirePosition(const Rules& rules, std::size_t position, const Target& target);
 
 /// Throws Error for a reserved rule.

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include <json/json.h>
-#include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 
 #include "tarnfirewall/fwTypes.h"
@@ -79,8 +78,7 @@ void changeAll(Context& context, const std::string& done, const ReloadOptions& r
     }
     finishChange(context, changed, reload, [&] {
         std::cout << printable(done) << " ("
-                  << (changed.empty() ? "no profile changed"
-                                      : "changed: " + printable(boost::join(changed, ", ")))
+                  << (changed.empty() ? "no profile changed" : "changed: " + listed(changed))
                   << ")\n";
     });
 }
@@ -98,6 +96,19 @@ std::vector<std::string> adaptersIn(const Profiles& profiles) {
 bool hasAdapter(const FW::FWPROFILE& profile, const std::string& adapter) {
     const std::vector<std::string> adapters = adaptersOf(profile);
     return std::find(adapters.begin(), adapters.end(), adapter) != adapters.end();
+}
+
+/// Asks whether `what` is to happen. Throws Error, kDeclined, unless somebody agrees.
+void requireConsent(const std::string& what, bool yes) {
+    if (yes) {
+        return;
+    }
+    if (!canAsk()) {
+        throw Error(ErrorKind::kDeclined, what + "; nothing was changed (--yes goes on anyway)");
+    }
+    if (!confirmed("tarnfw: " + what + ". Go on?")) {
+        throw Error(ErrorKind::kDeclined, "nothing was changed");
+    }
 }
 
 // ---- Services ----
@@ -164,15 +175,8 @@ void requireRelease(const Profiles& before, const Profiles& changed, bool yes) {
         }
     }
     std::cout << std::flush;
-    if (yes || changed.empty()) {
-        return;
-    }
-    if (!canAsk()) {
-        throw Error(ErrorKind::kDeclined,
-                    "these rules would change; nothing was changed (--yes goes on anyway)");
-    }
-    if (!confirmed("tarnfw: these rules would change. Go on?")) {
-        throw Error(ErrorKind::kDeclined, "nothing was changed");
+    if (!changed.empty()) {
+        requireConsent("these rules would change", yes);
     }
 }
 
@@ -187,10 +191,10 @@ struct ReleaseOptions {
 /// too"; empty when no rule of these profiles does.
 std::string otherRulesText(const ReleaseOptions& options, const Profiles& profiles) {
     const Profiles own = released(profiles, options.service, options.adapter, ReleaseFrom::kAll);
-    return own.empty() ? ""
-                       : "other rules name it: " + printable(boost::join(namesOf(own), ", ")) +
-                             "; \"tarnfw service release " + printable(options.service) +
-                             " --everywhere\" removes it from them";
+    return own.empty()
+               ? ""
+               : "other rules name it: " + listed(namesOf(own)) + "; \"tarnfw service release " +
+                     printable(options.service) + " --everywhere\" removes it from them";
 }
 
 /// Throws Error for a release of what is not reserved.
@@ -213,9 +217,7 @@ void sayReleased(const ReleaseOptions& options, const Profiles& before, const Pr
     const std::string done =
         options.everywhere ? " removed from all rules" + where : " released" + where;
     std::cout << printable("Service " + options.service + done) << " ("
-              << (names.empty() ? "no profile changed"
-                                : "changed: " + printable(boost::join(names, ", ")))
-              << ")\n";
+              << (names.empty() ? "no profile changed" : "changed: " + listed(names)) << ")\n";
     Profiles now = before;
     for (const auto& [name, profile] : changed) {
         now[name] = profile;
@@ -282,8 +284,8 @@ void requireRenamable(const std::string& from, const std::string& to, const Prof
     if (std::find(known.begin(), known.end(), from) == known.end()) {
         const std::string meant = nearestAdapter(from, known);
         throw Error(ErrorKind::kNotFound, "no profile has rules or a default policy for adapter " +
-                                              inQuotes(from) + didYouMean(meant) + " (known: " +
-                                              printable(boost::join(known, ", ")) + ")");
+                                              inQuotes(from) + didYouMean(meant) +
+                                              " (known: " + listed(known) + ")");
     }
 }
 
@@ -306,16 +308,10 @@ std::vector<std::string> replacedIn(const Profiles& profiles, const std::string&
 }
 
 void requireReplacing(const std::string& to, const std::vector<std::string>& names, bool yes) {
-    if (names.empty() || yes) {
-        return;
-    }
-    const std::string what = "the rules and default policy of " + inQuotes(to) + " in " +
-                             printable(boost::join(names, ", ")) + " would be replaced";
-    if (!canAsk()) {
-        throw Error(ErrorKind::kDeclined, what + "; nothing was changed (--yes goes on anyway)");
-    }
-    if (!confirmed("tarnfw: " + what + ". Go on?")) {
-        throw Error(ErrorKind::kDeclined, "nothing was changed");
+    if (!names.empty()) {
+        requireConsent("the rules and default policy of " + inQuotes(to) + " in " + listed(names) +
+                           " would be replaced",
+                       yes);
     }
 }
 
