@@ -89,10 +89,11 @@ watchdog() {
 }
 
 # await_status PATTERN: until the tool's status has such a line.
+# A watchdog has waited its time for a lock before it says so.
 await_status() {
     printf -- '-- until the status says: %s\n' "$1"
     local i
-    for ((i = 0; i < 60; ++i)); do
+    for ((i = 0; i < 150; ++i)); do
         tarnfw status >"$out/answer" || (($? == 11)) # the rules are not the stored ones
         ! grep --quiet -- "$1" "$out/answer" || return 0
         sleep 0.2
