@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 #include <boost/lexical_cast/try_lexical_convert.hpp>
@@ -17,6 +18,9 @@ constexpr int kByteBits = 8;
 
 constexpr std::size_t kIpv4Bytes = 4;
 constexpr Address kHighestIpv4(false, {0xff, 0xff, 0xff, 0xff});
+
+// Those of the IPv4 addresses in IPv6 form.
+constexpr unsigned char kMappedStart[] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
 
 /// The addresses that share the first `length` bits of `address`.
 AddressRange networkOf(const Address& address, int length) {
@@ -54,6 +58,17 @@ std::optional<Address> addressFrom(const std::string& text) {
         return Address(true, bytes);
     }
     return std::nullopt;
+}
+
+Address unmapped(const Address& address) {
+    const Address::Bytes& bytes = address.bytes();
+    if (!address.isIpv6() ||
+        !std::equal(std::begin(kMappedStart), std::end(kMappedStart), bytes.begin())) {
+        return address;
+    }
+    Address::Bytes v4 = {};
+    std::copy(bytes.begin() + sizeof kMappedStart, bytes.end(), v4.begin());
+    return Address(false, v4);
 }
 
 std::string spelled(const Address& address) {

@@ -51,7 +51,8 @@ Socket socketOf(const nlmsghdr& message, FW_PORT_PROTOCOL protocol) {
     found.inode = head->idiag_inode;
     found.listener.protocol = protocol;
     found.listener.port = ntohs(head->id.idiag_sport);
-    found.listener.address = Address(ipv6, bytes);
+    // A socket bound to "::ffff:192.0.2.7" takes IPv4 packets, and no others.
+    found.listener.address = unmapped(Address(ipv6, bytes));
     const nlattr* const onlyIpv6 = Attributes(message, sizeof *head).at(INET_DIAG_SKV6ONLY);
     found.listener.takesIpv4 = ipv6 && found.listener.address == Address(true, {}) &&
                                onlyIpv6 != nullptr && mnl_attr_get_u8(onlyIpv6) == 0;

@@ -52,6 +52,9 @@ struct AddressRange {
 /// zone ("fe80::1%eth0") or a short IPv4 form ("10.1").
 std::optional<Address> addressFrom(const std::string& text);
 
+/// The IPv4 address that an IPv6 one stands for, as "::ffff:192.0.2.7" does; any other as it is.
+Address unmapped(const Address& address);
+
 /// "192.168.1.20" or "2001:db8::1": the shortest spelling, which addressFrom() reads.
 std::string spelled(const Address& address);
 

@@ -29,7 +29,7 @@ struct SocketOwner {
 struct Listener {
     FW::FW_PORT_PROTOCOL protocol = FW::FW_PORT_PROTOCOL_TCP;  ///< TCP or UDP
     std::uint16_t port = 0;
-    Address address;         ///< zeros: every address of its family
+    Address address;         ///< unmapped(); zeros: every address of its family
     bool takesIpv4 = false;  ///< an IPv6 socket of every address that takes IPv4 packets, too
     std::string interface;   ///< the only one that it hears; empty: all
 

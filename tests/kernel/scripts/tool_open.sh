@@ -26,6 +26,7 @@ V4, V6, TCP, UDP = socket.AF_INET, socket.AF_INET6, socket.SOCK_STREAM, socket.S
 kept = [
     take(V4, TCP, "127.0.0.1", 3306), take(V6, TCP, "::", 8000), take(V6, TCP, "::", 8443, 1),
     take(V4, TCP, "192.168.2.10", 9000), take(V4, UDP, "0.0.0.0", 5353),
+    take(V6, TCP, "::ffff:127.0.0.1", 3307), take(V6, TCP, "::ffff:192.168.1.10", 9001),
 ]
 own = take(V4, UDP, "0.0.0.0", 7000)
 own.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, b"eth1")
@@ -54,10 +55,12 @@ Firewall disabled: nothing is blocked
 Port  Program  Adapter  Open to
 tcp 22  packet_probe  eth0, eth1  everybody
 tcp 3306  python3  lo  this machine alone
+tcp 3307  python3  lo  this machine alone
 tcp 8000  python3  eth0, eth1  everybody
 tcp 8080  packet_probe  eth0, eth1  everybody
 tcp 8443  python3  eth0, eth1  everybody (IPv6)
 tcp 9000  python3  eth0, eth1  everybody (IPv4)
+tcp 9001  python3  eth0, eth1  everybody (IPv4)
 udp 5353  python3  eth0, eth1  everybody (IPv4)
 udp 7000  python3  eth1  everybody (IPv4)
 END
@@ -80,12 +83,14 @@ Port  Program  Adapter  Open to
 tcp 22  packet_probe  eth0  IPv4: 192.168.1.0-192.168.1.76, 192.168.1.78-192.168.1.255; IPv6: fd00::/64
   eth1  nobody
 tcp 3306  python3  lo  this machine alone
+tcp 3307  python3  lo  this machine alone
 tcp 8000  python3  eth0, eth1  nobody
 tcp 8080  packet_probe  eth0  IPv4: everybody but 192.168.1.77; IPv6: everybody
   eth1  nobody
 tcp 8443  python3  eth0, eth1  nobody (IPv6)
 tcp 9000  python3  eth0  nobody (IPv4)
   eth1  192.168.2.20 (IPv4)
+tcp 9001  python3  eth0, eth1  nobody (IPv4)
 udp 5353  python3  eth0, eth1  nobody (IPv4)
 udp 7000  python3  eth1  nobody (IPv4)
 END

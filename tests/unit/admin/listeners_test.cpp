@@ -87,5 +87,13 @@ TEST(ListenersTest, AnIpv6SocketOfEveryAddressMayTakeIpv4) {
     EXPECT_TRUE(listenerAt(FW::FW_PORT_PROTOCOL_TCP, one.port)->address.isIpv6());
 }
 
+TEST(ListenersTest, AnIpv6SocketOfAnIpv4AddressTakesIpv4) {
+    const Bound mapped = bound(SOCK_STREAM, "::ffff:127.0.0.1");
+    const Bound every = bound(SOCK_DGRAM, "::ffff:0.0.0.0");
+    EXPECT_EQ(spelled(listenerAt(FW::FW_PORT_PROTOCOL_TCP, mapped.port)->address), "127.0.0.1");
+    EXPECT_EQ(listenerAt(FW::FW_PORT_PROTOCOL_UDP, every.port)->address, Address(false, {}));
+    EXPECT_FALSE(listenerAt(FW::FW_PORT_PROTOCOL_UDP, every.port)->takesIpv4);
+}
+
 }  // namespace
 }  // namespace tarnfw

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -27,19 +26,6 @@ constexpr char kLoopback[] = "lo";
 
 // Parents may end while they are followed: this bounds the loop.
 constexpr int kMostParents = 1000;
-
-// Those of the IPv4 addresses in IPv6 form, "::ffff:192.0.2.7".
-constexpr std::array<unsigned char, 12> kMappedStart = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
-
-Address unmapped(const Address& address) {
-    const Address::Bytes& bytes = address.bytes();
-    if (!address.isIpv6() || !std::equal(kMappedStart.begin(), kMappedStart.end(), bytes.begin())) {
-        return address;
-    }
-    Address::Bytes v4 = {};
-    std::copy(bytes.begin() + kMappedStart.size(), bytes.end(), v4.begin());
-    return Address(false, v4);
-}
 
 /// An address with or without a zone, "fe80::1%eth0". Fills the zone, if there is one.
 std::optional<Address> addressWithZone(const std::string& text, std::string& zone) {
