@@ -264,4 +264,14 @@ void requireAdapter(const std::string& adapter, const std::vector<std::string>& 
                                           didYouMean(meant) + " (known: " + listed(names) + ")");
 }
 
+void requireCoveredAdapter(const std::string& adapter, const std::vector<std::string>& others) {
+    requireAdapter(adapter, others);
+    if (isPredefined(adapter) && adapter != FW::FW_ADAPTER_GLOBAL &&
+        std::find(others.begin(), others.end(), adapter) == others.end() &&
+        interfacesOf(adapter).empty()) {
+        throw Error(ErrorKind::kNotFound, "the machine has no interface for " + inQuotes(adapter) +
+                                              " now, and the profile has nothing for it");
+    }
+}
+
 }  // namespace tarnfw

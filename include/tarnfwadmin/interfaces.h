@@ -85,4 +85,8 @@ void requireAdapterName(const std::string& adapter, const std::vector<std::strin
 /// cannot be listed.
 void requireAdapter(const std::string& adapter, const std::vector<std::string>& others);
 
+/// The same, for a question about what holds for `adapter`: throws Error, kNotFound, also for
+/// "pppoe" and "vpn" when no interface is one now and it is none of `others`.
+void requireCoveredAdapter(const std::string& adapter, const std::vector<std::string>& others);
+
 }  // namespace tarnfw

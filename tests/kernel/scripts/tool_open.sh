@@ -113,7 +113,7 @@ END
 answers 0 open --adapter eth1 --json
 step 'the ranges as data' jq --exit-status '
     [.ports[] | select(.port == "tcp 9000") | .adapters[]] ==
-    [{"name": "eth1", "v4": ["192.168.2.20"], "v6": null, "acceptedBefore": [], "droppedBy": [],
+    [{"name": "eth1", "v4": ["192.168.2.20"], "acceptedBefore": [], "droppedBy": [],
       "redirects": []}]' "$out/answer"
 
 # What others do, and what is not in force, is said.
@@ -131,3 +131,29 @@ says '^The kernel does not do this: '
 answers 5 open --adapter eth7
 complains '"eth7"'
 answers 2 open --from nowhere
+answers 2 open --adapter global
+step 'what to do' grep --quiet -F '"global" is no interface that packets come in through; leave --adapter out' "$out/complaint"
+answers 2 open --adapter lo
+answers 0 reload
+
+# An adapter that the machine does not have now, and one of other names.
+answers 5 open --adapter vpn
+complains '^tarnfw: the machine has no interface for "vpn" now, and the profile has nothing for it$'
+answers 0 policy wg0 deny
+answers 0 open --adapter wg0
+prints <<'END'
+Profile "some"
+"wg0" is absent now: no packets come in through it
+END
+answers 0 open --adapter wg0 --json
+step 'absent' jq --exit-status '.adapter == "wg0" and .present == false and
+    ([.ports[].adapters // [] | length] | add) == 0' "$out/answer"
+ip tuntap add tun0 mode tun
+ip link set tun0 up
+answers 0 open --adapter vpn
+says '^tcp 8000 .* tun0 *everybody$'
+answers 0 policy vpn deny --reload
+answers 0 open --adapter vpn
+says '^tcp 8000 .* tun0 *nobody$'
+answers 0 open --adapter vpn --json
+step 'present' jq --exit-status '.adapter == "vpn" and .present' "$out/answer"

@@ -24,6 +24,7 @@
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/listeners.h"
 #include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/store.h"
 #include "tarnfwadmin/verdicts.h"
 
 namespace tarnfw {
@@ -166,12 +167,12 @@ Paint paintOf(const std::string& text) {
                                                 : Paint::kPlain;
 }
 
-Json::Value jsonOf(const std::optional<Senders>& senders) {
-    if (!senders || !*senders) {
+Json::Value jsonOf(const Senders& senders) {
+    if (!senders) {
         return {};
     }
     Json::Value ranges(Json::arrayValue);
-    for (const AddressRange& range : **senders) {
+    for (const AddressRange& range : *senders) {
         ranges.append(spelled(range));
     }
     return ranges;
@@ -190,6 +191,20 @@ void leaveOut(const std::string& family, BeforeFirewall& before) {
 }
 
 // ---- The answer ---------------------------------------------------------------------------------
+
+/// The interfaces of the machine that an adapter is, or all for an empty name; never "lo".
+Texts interfacesAsked(const std::string& adapter) {
+    if (isPredefined(adapter)) {
+        return interfacesOf(adapter);
+    }
+    Texts interfaces;
+    for (const std::string& interface : machineAdapters()) {
+        if (interface != "lo" && (adapter.empty() || adapter == interface)) {
+            interfaces.push_back(interface);
+        }
+    }
+    return interfaces;
+}
 
 /// The adapters for which the answer about a port is the same.
 struct SameAnswer {
@@ -215,10 +230,10 @@ public:
         for (const std::string& text : complaints_) {
             document_["complaints"].append(text);
         }
-        for (const std::string& adapter : machineAdapters()) {
-            if (adapter != "lo" && (query.adapter.empty() || query.adapter == adapter)) {
-                adapters_.push_back(adapter);
-            }
+        adapters_ = interfacesAsked(query.adapter);
+        if (!query.adapter.empty()) {
+            document_["adapter"] = query.adapter;
+            document_["present"] = !adapters_.empty();
         }
     }
 
@@ -261,7 +276,10 @@ public:
         std::cout << (enabled_ ? "Profile " + inQuotes(document_["profile"].asString())
                                : std::string("Firewall disabled: nothing is blocked"))
                   << '\n';
-        if (table_.empty()) {
+        if (adapters_.empty() && !query_.adapter.empty()) {
+            std::cout << inQuotes(query_.adapter)
+                      << " is absent now: no packets come in through it\n";
+        } else if (table_.empty()) {
             std::cout << "Nothing listens for others\n";
         } else {
             table_.print();
@@ -302,8 +320,12 @@ private:
             addTo(before_, before);
             Json::Value one;
             one["name"] = adapter;
-            one["v4"] = jsonOf(reach.v4);
-            one["v6"] = jsonOf(reach.v6);
+            if (reach.v4) {
+                one["v4"] = jsonOf(*reach.v4);
+            }
+            if (reach.v6) {
+                one["v6"] = jsonOf(*reach.v6);
+            }
             one["acceptedBefore"] = acceptsJson(before);
             one["droppedBy"] = dropsJson(before);
             one["redirects"] = redirectsJson(before);
@@ -335,9 +357,18 @@ private:
 };
 
 void open(const OpenQuery& query) {
+    if (query.adapter == FW::FW_ADAPTER_GLOBAL || query.adapter == "lo") {
+        throw UsageError("--adapter: " + inQuotes(query.adapter) +
+                         (query.adapter == "lo" ? " is open to this machine alone"
+                                                : " is no interface that packets come in through") +
+                         "; leave --adapter out for all the others");
+    }
     Context context(StoreSession::Access::kRead);
+    const StoreSnapshot& store = context.store();
     if (!query.adapter.empty()) {
-        requireAdapter(query.adapter, {});
+        requireCoveredAdapter(query.adapter, store.hasProfile(store.activeProfile())
+                                                 ? adaptersOf(store.profile(""))
+                                                 : Texts());
     }
     OpenAnswer answer(query, context);
     for (const Sockets& sockets : socketsByPort()) {
