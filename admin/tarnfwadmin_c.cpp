@@ -218,7 +218,7 @@ int tarnfwadmin_blocked(const char* service, const char* adapter, int* blocked, 
         const StoreSession session(StoreSession::Access::kRead);
         const tarnfw::StoreSnapshot& store = session.snapshot();
         if (adapter != nullptr) {
-            tarnfw::requireAdapter(adapter, adaptersKnown(store));
+            tarnfw::requireCoveredAdapter(adapter, adaptersKnown(store));
         }
         if (!store.firewallEnabled()) {
             *blocked = 0;
@@ -248,13 +248,13 @@ int tarnfwadmin_decide(const char* address, const char* port, const char* adapte
         const StoreSession session(StoreSession::Access::kRead);
         const tarnfw::StoreSnapshot& store = session.snapshot();
         if (!store.firewallEnabled()) {
-            tarnfw::requireAdapter(interface, adaptersKnown(store));
+            tarnfw::requireCoveredAdapter(interface, adaptersKnown(store));
             *allowed = 1;
             return std::string("the firewall is disabled");
         }
         tarnfw::Machine machine;
         tarnfw::Decider decider(store.profile(""), machine, store.applyMode());
-        tarnfw::requireAdapter(interface, tarnfw::adaptersOf(decider.profile()));
+        tarnfw::requireCoveredAdapter(interface, tarnfw::adaptersOf(decider.profile()));
         const tarnfw::Decision decision = decider.decide(packet).front();
         const std::string text = decided(decider, decision);
         *allowed = decision.denied ? 0 : 1;

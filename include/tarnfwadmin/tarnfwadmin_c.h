@@ -49,7 +49,8 @@ TARNFW_EXPORT int tarnfwadmin_known(const char* service, const char* adapter, ch
  * NULL asks about "global" and all adapters of the profile and of the machine, but for "lo".
  * `blocked` becomes 0 when nothing blocks any of them, 1 when it depends on the sender or the
  * adapter, 2 when all are blocked, and is left alone on failure. While the firewall is disabled
- * nothing is blocked. TARNFWADMIN_NOT_FOUND as tarnfwadmin_known(). Changes nothing. */
+ * nothing is blocked. TARNFWADMIN_NOT_FOUND as tarnfwadmin_known(), and for "pppoe" and "vpn" when
+ * the profile has nothing for it and no interface of the machine is one. Changes nothing. */
 TARNFW_EXPORT int tarnfwadmin_blocked(const char* service, const char* adapter, int* blocked,
                                       char* reason, size_t size);
 
@@ -83,8 +84,8 @@ TARNFW_EXPORT int tarnfwadmin_reload(char* reason, size_t size);
  * reach a port of this machine ("tcp/445", "udp/53"), by the active profile as it is stored.
  * `allowed` becomes 1 or 0, and is left alone on failure; `reason` names the rule or default policy
  * that decides, and then, after "; unless", each earlier rule that may match and decide otherwise.
- * While the firewall is disabled everything is allowed. TARNFWADMIN_NOT_FOUND for an adapter that
- * tarnfwadmin_known() does not know. Changes nothing. */
+ * While the firewall is disabled everything is allowed. TARNFWADMIN_NOT_FOUND as
+ * tarnfwadmin_blocked(). Changes nothing. */
 TARNFW_EXPORT int tarnfwadmin_decide(const char* address, const char* port, const char* adapter,
                                      int* allowed, char* reason, size_t size);
 

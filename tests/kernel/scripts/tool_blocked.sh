@@ -53,8 +53,8 @@ answers 10 blocked --port tcp/22 --json
 prints_json <<'END'
 {"enabled": true, "profile": "deny_by_default", "ports": ["tcp 22"], "allowed": false,
  "holds": true, "complaints": [], "redirects": [],
- "adapters": [{"name": "global", "verdict": "undecided", "acceptedBefore": [], "droppedBy": []}, {"name": "eth0", "verdict": "mixed", "acceptedBefore": [], "droppedBy": []},
-              {"name": "eth1", "verdict": "allowed", "acceptedBefore": [], "droppedBy": []}]}
+ "adapters": [{"name": "global", "present": true, "inProfile": true, "verdict": "undecided", "acceptedBefore": [], "droppedBy": []}, {"name": "eth0", "present": true, "inProfile": true, "verdict": "mixed", "acceptedBefore": [], "droppedBy": []},
+              {"name": "eth1", "present": false, "inProfile": true, "verdict": "allowed", "acceptedBefore": [], "droppedBy": []}]}
 END
 answers 0 blocked --service https --adapter eth0
 prints <<'END'
@@ -75,8 +75,21 @@ says '^eth0  *mixed  *allowed for some of the packets, blocked for others$'
 # The machine has it, the profile knows nothing of it.
 ip tuntap add eth9 mode tun
 answers 0 blocked --port udp/5000-5010 --adapter eth9
-says '^eth9  *allowed$'
+says '^eth9  *allowed  *not in the profile$'
+answers 0 blocked --port udp/5000-5010 --adapter eth9 --json
+step 'the profile has nothing for it' jq --exit-status '.adapters[1] | .present and .inProfile == false' "$out/answer"
+answers 0 explain --port tcp/22 --adapter eth9 --from 192.168.1.20
+says '^eth9  *tcp 22  *allowed  *no rule and no default policy matches; not in the profile$'
 ip tuntap del eth9 mode tun
+
+# Nothing covers the name: there is nothing to answer.
+readonly kNothing='^tarnfw: the machine has no interface for "vpn" now, and the profile has nothing for it$'
+for question in blocked explain 'explain --from 192.168.1.20'; do
+    # shellcheck disable=SC2086  # it is several words
+    answers 5 $question --port tcp/22 --adapter vpn
+    complains "$kNothing"
+done
+answers 5 blocked --port tcp/22 --adapter pppoe
 
 answers 10 explain --port tcp/22
 silent
@@ -91,7 +104,7 @@ eth0: mixed
   rule 2: allow tcp 22 from 192.168.1.20 (IPv4)  "SSH from the admin station"  allowed for some addresses
   end of the list: not all addresses                                           mixed
 
-eth1: allowed
+eth1 (absent): allowed
   default policy: allow  allowed
 END
 answers 0 explain --service https --adapter eth0 --json
@@ -99,10 +112,10 @@ prints_json <<'END'
 {"enabled": true, "profile": "deny_by_default", "service": "https", "ports": ["tcp 443"],
  "allowed": true, "holds": true, "complaints": [], "redirects": [],
  "adapters": [
-   {"name": "global", "verdict": "undecided", "acceptedBefore": [], "droppedBy": [],
+   {"name": "global", "present": true, "inProfile": true, "verdict": "undecided", "acceptedBefore": [], "droppedBy": [],
     "ports": [{"port": "tcp 443", "verdict": "undecided",
                "steps": [{"kind": "global", "before": "allowed", "after": "undecided"}]}]},
-   {"name": "eth0", "verdict": "allowed", "acceptedBefore": [], "droppedBy": [],
+   {"name": "eth0", "present": true, "inProfile": true, "verdict": "allowed", "acceptedBefore": [], "droppedBy": [],
     "ports": [{"port": "tcp 443", "verdict": "allowed",
                "steps": [{"kind": "default", "before": "allowed", "after": "blocked"},
                          {"kind": "rule", "adapter": "eth0", "position": 1, "last": true,
@@ -130,6 +143,46 @@ says '^  tcp 139  *mixed$'
 says '^  tcp 445  *mixed$'
 answers 10 blocked --port tcp/8080
 says '^global  *blocked  *for every adapter$'
+
+# "global" allows some: the library's check ends there, the others are the adapters'.
+cat >"$kProfileDirectory/some.json" <<'END'
+{"name": "some", "adapterPolicyMap": {"eth0": 1, "vpn": 1}, "rules": {}}
+END
+activate some
+answers 0 rule add allow tcp 22 from 10.0.0.0/8
+answers 0 rule add allow tcp 22 from 192.168.0.0/16
+answers 0 rule add allow tcp 22 from fd00::/8
+answers 0 enable
+ip tuntap add eth9 mode tun
+answers 10 explain --port tcp/22
+sed --in-place '1,/^$/d' "$out/answer"
+prints <<'END'
+global: undecided
+  no default policy                                undecided
+  rule 1: allow tcp 22 from 10.0.0.0/8 (IPv4)      allowed for some addresses
+  rule 2: allow tcp 22 from 192.168.0.0/16 (IPv4)  allowed
+  rule 3: allow tcp 22 from fd00::/8 (IPv6)        allowed
+  all packets together                             undecided
+
+eth0: mixed
+  default policy: deny                blocked
+  decided by global for some packets  allowed
+  all packets together                mixed
+
+eth9 (not in the profile): allowed
+  decided by global for some packets     allowed
+  the other packets: not in the profile  allowed
+
+vpn (absent): mixed
+  default policy: deny                blocked
+  decided by global for some packets  allowed
+  all packets together                mixed
+END
+ip tuntap del eth9 mode tun
+answers 10 explain --port tcp/22 --from 198.51.100.1 --adapter vpn
+says '^vpn  *tcp 22  *blocked  *the default policy of vpn: deny; absent$'
+use_profile global_rules_first
+answers 0 enable
 
 # --- questions that are none -----------------------------------------------------------------------
 
@@ -258,7 +311,7 @@ prints_json <<END
 {"enabled": true, "profile": "mixture", "ports": ["tcp/udp 7010"], "from": "192.168.1.20",
  "allowed": false, "holds": false, "complaints": [$(jq -Rn --arg text "$kDiffers" '$text')], "redirects": [],
  "adapters": [
-   {"name": "eth0", "acceptedBefore": [], "droppedBy": [],
+   {"name": "eth0", "present": true, "inProfile": true, "acceptedBefore": [], "droppedBy": [],
     "decisions": [
       {"port": "tcp 7010", "by": "defaultPolicy", "adapter": "eth0", "allowed": false,
        "unless": [{"adapter": "eth0", "position": 6,
@@ -271,7 +324,7 @@ prints_json <<END
 {"enabled": true, "profile": "mixture", "ports": ["tcp 7010"], "from": "192.168.1.20",
  "to": "192.168.1.11", "allowed": true, "holds": false, "complaints": [$(jq -Rn --arg text "$kDiffers" '$text')], "redirects": [],
  "adapters": [
-   {"name": "eth0", "acceptedBefore": [], "droppedBy": [],
+   {"name": "eth0", "present": true, "inProfile": true, "acceptedBefore": [], "droppedBy": [],
     "decisions": [
       {"port": "tcp 7010", "by": "rule", "adapter": "eth0", "position": 6, "allowed": true,
        "text": "allow tcp 7010 to 192.168.1.11 (IPv4)", "unless": []}]}]}

@@ -7,7 +7,6 @@
 
 #include <json/json.h>
 
-#include "tarnfirewall/fwIptables.h"
 #include "tarnfirewall/fwTypes.h"
 
 #include "cli/command.h"
@@ -37,9 +36,6 @@ bool areSinglePorts(const AdapterAnswer& answer) {
 /// A note on a verdict that needs one.
 std::string noteOn(const AdapterAnswer& answer) {
     const bool global = answer.adapter == FW::FW_ADAPTER_GLOBAL;
-    if (!FW::TARNFW_IPTABLES_RULES().adapterIsEnabled(answer.adapter)) {
-        return "absent";
-    }
     switch (answer.verdict) {
         case FW::FW_POLICY_NONE:
             return global ? "left to the adapters" : "no rule or default policy decides: allowed";
@@ -72,18 +68,21 @@ void blocked(const PortQuery& options) {
         allowed = allowed && !tunnel.blocks();
         const BeforeFirewall before =
             kernel.ask(decider, answer.adapter, verdictOf(answer.verdict, tunnel));
+        const AdapterNow now = adapterNow(answer.adapter, store.profile(""));
+        const std::string note =
+            joined(tunnel.owners.empty() ? now.text() : "", joined(noteOn(answer), tunnel.text()));
         Json::Value entry;
+        now.addTo(entry);
         tunnel.addTo(entry);
         entry["name"] = answer.adapter;
         entry["verdict"] = verdictText(answer.verdict);
         entry["acceptedBefore"] = acceptsJson(before);
         entry["droppedBy"] = dropsJson(before);
         document["adapters"].append(entry);
-        table.addRow({{answer.adapter, Paint::kPlain},
-                      {verdictText(answer.verdict), policyPaint(answer.verdict)},
-                      {joined(joined(joined(noteOn(answer), tunnel.text()), acceptsText(before)),
-                              dropsText(before)),
-                       Paint::kPlain}});
+        table.addRow(
+            {{answer.adapter, Paint::kPlain},
+             {verdictText(answer.verdict), policyPaint(answer.verdict)},
+             {joined(joined(note, acceptsText(before)), dropsText(before)), Paint::kPlain}});
     }
     if (options.json) {
         document["allowed"] = allowed;

@@ -114,10 +114,23 @@ Json::Value answerDocument(const FW::FWPROFILE& profile, const AdapterAnswer& an
     return document;
 }
 
+/// What follows the steps to a verdict, where they do not lead to it: the library's check does not
+/// add up the addresses of several rules. `global` is the verdict of "global" for all packets.
+std::string restText(const PortAnswer& port, FW::FW_POLICY global, const AdapterNow& now) {
+    const FW::FWVERDICTSTEP& last = port.steps.back();
+    if (last.kind == FW::FW_VERDICT_STEP_DECIDED && global != last.after && !now.inProfile) {
+        return "the other packets: not in the profile";
+    }
+    return last.after != port.verdict ? "all packets together" : "";
+}
+
 void printAnswer(const FW::FWPROFILE& profile, const AdapterAnswer& answer,
-                 const TunnelAnswer& tunnel, const BeforeFirewall& before) {
+                 const AdapterAnswer& global, const TunnelAnswer& tunnel,
+                 const BeforeFirewall& before) {
+    const AdapterNow now = adapterNow(answer.adapter, profile);
+    const std::string note = tunnel.owners.empty() ? now.text() : "";
     std::cout << '\n'
-              << printable(answer.adapter) << ": "
+              << printable(answer.adapter) << (note.empty() ? "" : " (" + note + ")") << ": "
               << painted(verdictText(answer.verdict), policyPaint(answer.verdict)) << '\n';
     if (!tunnel.owners.empty()) {
         std::cout << "  " << printable(tunnel.text()) << '\n';
@@ -128,19 +141,23 @@ void printAnswer(const FW::FWPROFILE& profile, const AdapterAnswer& answer,
         }
     }
     Table table;
-    for (const PortAnswer& port : answer.ports) {
+    for (std::size_t i = 0; i < answer.ports.size(); ++i) {
+        const PortAnswer& port = answer.ports[i];
+        const FW::FW_POLICY all = global.ports[i].verdict;
         if (answer.ports.size() > 1) {
             table.addRow({{questionText(port.question), Paint::kStrong},
                           {verdictText(port.verdict), policyPaint(port.verdict)}});
         }
         for (const FW::FWVERDICTSTEP& step : port.steps) {
-            table.addRow({{stepText(profile, step), Paint::kPlain},
+            const bool some = step.kind == FW::FW_VERDICT_STEP_DECIDED && all != step.after;
+            table.addRow({{some ? "decided by global for some packets" : stepText(profile, step),
+                           Paint::kPlain},
                           {outcomeText(step), policyPaint(step.after)}});
         }
-        if (!port.steps.empty() && port.steps.back().after != port.verdict) {
-            // The library's check does not add up the addresses of several rules.
-            table.addRow({{"all packets together", Paint::kPlain},
-                          {verdictText(port.verdict), policyPaint(port.verdict)}});
+        const std::string rest = port.steps.empty() ? "" : restText(port, all, now);
+        if (!rest.empty()) {
+            table.addRow(
+                {{rest, Paint::kPlain}, {verdictText(port.verdict), policyPaint(port.verdict)}});
         }
     }
     table.print(2);
@@ -175,6 +192,7 @@ void explain(const PortQuery& options) {
         Json::Value document = documentOf(store, options, questions, true, allowed);
         for (const AdapterAnswer& answer : answers) {
             Json::Value entry = answerDocument(profile, answer);
+            adapterNow(answer.adapter, profile).addTo(entry);
             tunnels[answer.adapter].addTo(entry);
             const BeforeFirewall others = before(answer);
             entry["acceptedBefore"] = acceptsJson(others);
@@ -187,7 +205,7 @@ void explain(const PortQuery& options) {
         kernel.printFirst();
         printHeading(store, options, questions);
         for (const AdapterAnswer& answer : answers) {
-            printAnswer(profile, answer, tunnels[answer.adapter], before(answer));
+            printAnswer(profile, answer, answers.front(), tunnels[answer.adapter], before(answer));
         }
         kernel.printLast();
     }
@@ -199,6 +217,7 @@ void explain(const PortQuery& options) {
 /// The decisions on one adapter, protocol by protocol.
 struct AdapterDecisions {
     std::string adapter;
+    AdapterNow now;
     std::vector<std::pair<FW::FW_PORT_PROTOCOL, Decision>> decisions;
     BeforeFirewall before;
 };
@@ -206,7 +225,7 @@ struct AdapterDecisions {
 AdapterDecisions decisionsOn(Decider& decider, const PortQuery& options,
                              const std::vector<FW::PortCompareST>& questions,
                              const std::string& adapter) {
-    AdapterDecisions found{adapter, {}, {}};
+    AdapterDecisions found{adapter, adapterNow(adapter, decider.profile()), {}, {}};
     for (const FW::PortCompareST& question : questions) {
         for (Packet& packet : packetsFor(question, adapter)) {
             packet.source = addressFrom(options.from).value();
@@ -275,6 +294,7 @@ void printDecisions(const Decider& decider, const std::vector<AdapterDecisions>&
                 reason.append("; unless this matches: ")
                     .append(placeText(place) + ": " + ruleText(decider.ruleAt(place)));
             }
+            reason = joined(reason, decision.tunnel.empty() ? adapter.now.text() : "");
             reason = joined(
                 reason, decision.denied ? acceptsText(adapter.before) : dropsText(adapter.before));
             const FW::FW_POLICY verdict =
@@ -331,6 +351,7 @@ void explainSender(const PortQuery& options) {
         for (const AdapterDecisions& adapter : found) {
             Json::Value entry;
             entry["name"] = adapter.adapter;
+            adapter.now.addTo(entry);
             for (const auto& [protocol, decision] : adapter.decisions) {
                 entry["decisions"].append(decisionDocument(decider, protocol, decision));
             }

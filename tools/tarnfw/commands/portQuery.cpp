@@ -7,6 +7,8 @@
 
 #include <boost/algorithm/string/join.hpp>
 
+#include "tarnfirewall/fwIptables.h"
+
 #include "cli/commandLine.h"
 #include "cli/output.h"
 #include "tarnfwadmin/catalogue.h"
@@ -92,7 +94,7 @@ std::vector<FW::PortCompareST> questionsOf(const PortQuery& options, Machine& ma
 std::vector<std::string> adaptersAsked(const PortQuery& options, const FW::FWPROFILE& profile) {
     std::vector<std::string> adapters = adaptersOf(profile);
     if (!options.adapter.empty()) {
-        requireAdapter(options.adapter, adapters);
+        requireCoveredAdapter(options.adapter, adapters);
         return {options.adapter};
     }
     for (const std::string& other : uncovered(adapters)) {
@@ -261,6 +263,31 @@ TunnelAnswer tunnelAnswer(Decider& decider, const std::vector<FW::PortCompareST>
         answer.verdict = *verdicts.begin();
     }
     return answer;
+}
+
+// ---- Adapters ----
+
+std::string AdapterNow::text() const {
+    return !present ? "absent" : inProfile ? "" : "not in the profile";
+}
+
+void AdapterNow::addTo(Json::Value& entry) const {
+    entry["present"] = present;
+    entry["inProfile"] = inProfile;
+}
+
+AdapterNow adapterNow(const std::string& adapter, const FW::FWPROFILE& profile) {
+    AdapterNow now;
+    now.present = FW::TARNFW_IPTABLES_RULES().adapterIsEnabled(adapter);
+    const std::vector<std::string> names =
+        isPredefined(adapter) ? std::vector{adapter} : adapterNamesOf(adapter);
+    const std::vector<std::string> mentioned = adaptersOf(profile);
+    now.inProfile =
+        adapter == FW::FW_ADAPTER_GLOBAL ||
+        std::any_of(names.begin(), names.end(), [&](const std::string& name) {
+            return std::find(mentioned.begin(), mentioned.end(), name) != mentioned.end();
+        });
+    return now;
 }
 
 // ---- The answer ----

@@ -101,6 +101,18 @@ struct TunnelAnswer {
 TunnelAnswer tunnelAnswer(Decider& decider, const std::vector<FW::PortCompareST>& questions,
                           const std::string& adapter);
 
+/// Whether the machine has an adapter now, and whether the profile has anything for it, if only as
+/// "vpn" or "pppoe". Both hold for "global".
+struct AdapterNow {
+    bool present = false;
+    bool inProfile = false;
+
+    std::string text() const;  ///< "absent", "not in the profile" or empty
+    void addTo(Json::Value& entry) const;
+};
+
+AdapterNow adapterNow(const std::string& adapter, const FW::FWPROFILE& profile);
+
 /// The common members of the JSON documents; "adapters" is an empty array.
 Json::Value documentOf(const StoreSnapshot& store, const PortQuery& query,
                        const std::vector<FW::PortCompareST>& questions, bool enabled, bool allowed);
