@@ -74,15 +74,29 @@ in_time() {
     done
 }
 
-# all_end FILE KIND COMMAND...: the same with the lock held now; when it is free, all is as before.
+# all_end FILE KIND COMMAND...: the same with the lock held now; when it is free, all is as before. A reload
+# for an interface that has appeared waits for the lock of a reload: nobody would start it again.
 all_end() {
-    local lock=$1
+    local lock=$1 reload=
     touch -- "$lock"
     stopped_holder "$lock" "$2"
+    if [[ $lock == "$kReloadLock" ]]; then
+        "$build/tools/tarnfw/tarnfw" reload --for eth0 >"$out/waiting" &
+        reload=$!
+    fi
     in_time "$lock" "${@:3}"
     [[ $lock == /run/xtables.lock ]] || answers 0 status # reads, and waits for nobody
+    while [[ -n $reload && ! -s $out/waiting ]]; do
+        kill -0 "$reload" || fail 'the reload for an interface does not wait'
+        sleep 0.05
+    done
     kill -KILL "$holder"
     wait "$holder" 2>/dev/null || true
+    if [[ -n $reload ]]; then
+        step 'the reload for an interface has waited' wait "$reload"
+        step 'for this lock' grep --quiet --fixed-strings "Waiting: $(kept_by_holder "$lock")" "$out/waiting"
+        step 'and applied the profile' grep --quiet '^Profile "home" applied$' "$out/waiting"
+    fi
     answers 0 profile use home
     answers 0 enable
     answers 0 diff

@@ -111,3 +111,10 @@ step 'it is said' grep --quiet -- '^tarnfw: the rules could not be applied; the 
     "$out/complaint"
 step 'the settings say so' cmp "$kSettings" /tmp/settings
 step 'nothing is in force' same_listing base
+
+# After "base down" nothing can be in force: there is nothing to do for an interface that appears.
+sed -i 's/"status" *: false/"status": true/' "$kSettings"
+answers 0 base down
+refused 1 '^tarnfw: the base filter is not set up (' reload
+answers 0 reload --for eth0
+prints <<<'The base filter is not set up, so no rules are in force: not reloaded'

@@ -171,19 +171,28 @@ void awaitEndOfTrial() {
     }
 }
 
-void reload(bool yes, const std::string& interface, Report& report) {
-    requireRoot();
-    if (interface.empty()) {
-        requireNoTrial();
-    } else {
-        awaitEndOfTrial();
-    }
+/// Whether no family has a chain of the base filter, as after "base down".
+bool isBaseDown() {
+    const std::vector<BaseFilter> filters = baseFilters();
+    return !filters.empty() &&
+           std::all_of(filters.begin(), filters.end(), [](const BaseFilter& filter) {
+               return filter.missing().chains.size() == wholeBase().chains.size();
+           });
+}
+
+/// Applies the active profile; with an interface only if it has lines for that.
+void applyAgain(bool yes, const std::string& interface, Report& report) {
     Context context(StoreSession::Access::kRead);
     if (!interface.empty() &&
         !hasLinesFor(context.store().profile(""), interface, context.machine())) {
         report.setProfile(context.store().activeProfile());
         std::cout << "Profile " << inQuotes(context.store().activeProfile()) << " has nothing for "
                   << inQuotes(interface) << ": not reloaded\n";
+        return;
+    }
+    if (!interface.empty() && isBaseDown()) {
+        report.setProfile(context.store().activeProfile());
+        std::cout << "The base filter is not set up, so no rules are in force: not reloaded\n";
         return;
     }
     confirmOverSsh(context, yes);
@@ -199,6 +208,33 @@ void reload(bool yes, const std::string& interface, Report& report) {
         putPoliciesBack();
     }
     forgetTrial(context);
+}
+
+/// For an interface that has appeared, waits for the end of a trial and for a lock that another
+/// program keeps, however long that takes: nobody would start it again.
+void reload(bool yes, const std::string& interface, Report& report) {
+    constexpr std::chrono::seconds kPause{1};
+    requireRoot();
+    if (interface.empty()) {
+        requireNoTrial();
+        applyAgain(yes, interface, report);
+        return;
+    }
+    for (bool isSaid = false;; isSaid = true) {
+        awaitEndOfTrial();
+        try {
+            applyAgain(yes, interface, report);
+            return;
+        } catch (const Error& error) {
+            if (error.kind() != ErrorKind::kBusy) {
+                throw;
+            }
+            if (!isSaid) {
+                std::cout << "Waiting: " << error.what() << '\n' << std::flush;
+            }
+        }
+        std::this_thread::sleep_for(kPause);
+    }
 }
 
 /// Sets the apply mode, or prints it.
@@ -259,7 +295,7 @@ void addControlCommands(Command& app) {
     reloadCommand
         .option("--for", reloading->interface,
                 "Only if the profile has rules or a default policy for this interface; waits for "
-                "the end of a trial")
+                "the end of a trial, and for locks")
         .placeholder("INTERFACE");
     reloadCommand.footer(
         "Over SSH, asks first if the profile would not let you connect again.\n"
