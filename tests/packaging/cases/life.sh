@@ -61,8 +61,11 @@ step 'the packages are removed' within dpkg --remove "${kPackages[@]}"
 step 'the tool is gone' [ ! -e "$kRoot/usr/sbin/tarnfw" ]
 step 'profiles stay' [ -e "$kRoot$kStore/firewall_settings.json" ]
 step 'what an administrator wrote stays' grep --quiet ppp7 "$kRoot/etc.defaults/tarninfo.conf"
+step 'somebody has directories with names of such files' \
+    mkdir "$kRoot/tmp/iptables_serv_mod_list.abcdef" "$kRoot$kStore/x.json"
 step 'the packages are purged' within dpkg --purge "${kPackages[@]}"
 step 'what belongs to other programs stays' within sh -ec '
+    rmdir /tmp/iptables_serv_mod_list.abcdef /usr/tarn/etc/firewall.d/x.json
     rm /tmp/own.json.lock /usr/tarn/etc/other.d/settings.json /usr/tarn/etc/firewall.d/notes.txt
     rmdir /usr/tarn/etc/firewall.d
     cd /usr/tarn
