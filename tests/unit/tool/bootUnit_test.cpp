@@ -88,6 +88,27 @@ TEST_F(BootUnitTest, MaskedUnitDoesNotRun) {
     EXPECT_EQ(missing(), "no enabled unit of systemd runs \"tarnfw boot\"");
 }
 
+TEST_F(BootUnitTest, DropInMayClearAndSetWhatRuns) {
+    write(kPackaged, kOwn);
+    link(kWanted, root_ + kPackaged);
+    write("/usr/lib/systemd/system/tarnfw.service.d/20-off.conf", "[Service]\nExecStart=");
+    EXPECT_EQ(bootUnit(root_).enabled, false);
+    EXPECT_EQ(missing(), "no enabled unit of systemd runs \"tarnfw boot\"");
+    write("/etc/systemd/system/tarnfw.service.d/30-on.conf",
+          "[Service]\nExecStart=/usr/sbin/tarnfw boot\n");
+    EXPECT_EQ(bootUnit(root_).enabled, true);
+    link("/etc/systemd/system/tarnfw.service.d/20-off.conf", "/dev/null");
+    fs::remove(root_ + "/etc/systemd/system/tarnfw.service.d/30-on.conf");
+    EXPECT_EQ(bootUnit(root_).enabled, true);
+}
+
+TEST_F(BootUnitTest, RescueIsNoStart) {
+    write(kPackaged, kOwn);
+    link("/etc/systemd/system/rescue.target.wants/tarnfw.service", root_ + kPackaged);
+    EXPECT_EQ(bootUnit(root_).enabled, false);
+    EXPECT_EQ(missing(), "tarnfw.service is not enabled; \"systemctl enable tarnfw\" enables it");
+}
+
 TEST_F(BootUnitTest, LinkToNowhereAndAMentionDoNotRun) {
     link(kWanted, root_ + kPackaged);
     write("/etc/systemd/system/sysinit.target.wants/notes.service",

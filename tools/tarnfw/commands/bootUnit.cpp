@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <filesystem>
+#include <map>
 #include <sstream>
 #include <system_error>
 #include <vector>
@@ -24,52 +25,86 @@ constexpr const char* kUnitDirectories[] = {
     "/lib/systemd/system",
 };
 
+// The targets that a start of the machine reaches, whatever it is for, but for rescue and
+// emergency.
+constexpr const char* kBootTargets[] = {
+    "default",     "graphical", "multi-user",     "basic",    "sysinit",   "sockets", "timers",
+    "network-pre", "network",   "network-online", "local-fs", "remote-fs", "paths",
+};
+
 // No unit is that long.
 constexpr off_t kMostBytes = 1 << 20;
 
-/// The text of the unit `name`; empty for a masked one, which is a link to /dev/null.
+bool isThere(const std::filesystem::path& path) {
+    std::error_code error;
+    return std::filesystem::symlink_status(path, error).type() !=
+           std::filesystem::file_type::not_found;
+}
+
+/// Empty for what is masked, by a link to /dev/null, and for a link to nowhere.
+std::string textOf(const std::filesystem::path& path) {
+    try {
+        return readDocument(path, kMostBytes) + "\n";
+    } catch (const std::exception&) {
+        return "";
+    }
+}
+
+/// The text of the unit `name` and then of its drop-ins, in the order in which systemd reads them.
 std::string unitText(const std::string& root, const std::string& name) {
+    std::string text;
+    std::map<std::string, std::filesystem::path> dropIns;
+    bool isFound = false;
     for (const char* const directory : kUnitDirectories) {
         const std::filesystem::path path = std::filesystem::path(root + directory) / name;
-        std::error_code error;
-        if (std::filesystem::symlink_status(path, error).type() ==
-            std::filesystem::file_type::not_found) {
-            continue;
+        if (!isFound && isThere(path)) {
+            isFound = true;
+            text = textOf(path);
         }
-        try {
-            return readDocument(path, kMostBytes);
-        } catch (const std::exception&) {
-            return "";  // masked, or a link to nowhere
+        std::error_code error;
+        for (std::filesystem::directory_iterator at(path.string() + ".d", error), end;
+             !error && at != end; at.increment(error)) {
+            if (at->path().extension() == ".conf") {
+                dropIns.emplace(at->path().filename(), at->path());
+            }
         }
     }
-    return "";
+    if (text.empty()) {
+        return "";
+    }
+    for (const auto& [file, path] : dropIns) {
+        text += textOf(path);
+    }
+    return text;
 }
 
 bool runsBoot(const std::string& unit) {
+    bool runs = false;
     std::istringstream lines(unit);
     for (std::string line; std::getline(lines, line);) {
-        if (line.rfind("ExecStart", 0) == 0 && line.find("tarnfw boot") != std::string::npos) {
-            return true;
+        if (line == "ExecStart=") {
+            runs = false;  // forgets those before
+        } else if (line.rfind("ExecStart", 0) == 0 &&
+                   line.find("tarnfw boot") != std::string::npos) {
+            runs = true;
         }
     }
-    return false;
+    return runs;
 }
 
-/// The services that a unit of `directory` wants or requires: "sysinit.target.wants/x.service".
+/// The services that a target of a start wants or requires: "sysinit.target.wants/x.service".
 std::vector<std::string> wantedServices(const std::filesystem::path& directory) {
     std::vector<std::string> names;
-    std::error_code error;
-    for (std::filesystem::directory_iterator at(directory, error), end; !error && at != end;
-         at.increment(error)) {
-        const std::string kind = at->path().extension();
-        if (kind != ".wants" && kind != ".requires") {
-            continue;
-        }
-        std::error_code unreadable;
-        for (std::filesystem::directory_iterator link(at->path(), unreadable);
-             !unreadable && link != end; link.increment(unreadable)) {
-            if (link->path().extension() == ".service") {
-                names.push_back(link->path().filename());
+    for (const char* const target : kBootTargets) {
+        for (const char* const kind : {".target.wants", ".target.requires"}) {
+            std::error_code error;
+            for (std::filesystem::directory_iterator
+                     link(directory / (std::string(target) + kind), error),
+                 end;
+                 !error && link != end; link.increment(error)) {
+                if (link->path().extension() == ".service") {
+                    names.push_back(link->path().filename());
+                }
             }
         }
     }

@@ -12,9 +12,9 @@ struct BootUnit {
     std::string name;  ///< the enabled unit, or what there would be to enable; may be empty
 };
 
-/// Looks for a unit that runs "tarnfw boot" and that a target or another unit wants. Reads the
-/// units' files below `root`, so systemd need not answer. Throws nothing: what cannot be read is
-/// not enabled.
+/// Looks for a unit that runs "tarnfw boot", with its drop-ins, and that a target wants which every
+/// start of the machine reaches: multi-user, sysinit, ... Reads the units' files below `root`, so
+/// systemd need not answer. Throws nothing: what cannot be read is not enabled.
 BootUnit bootUnit(const std::string& root = "");
 
 /// "tarnfw.service is not enabled; ..." and what to do; empty unless it is known that the
