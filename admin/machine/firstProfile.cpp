@@ -18,6 +18,7 @@ constexpr char kLoopback[] = "lo";
 constexpr char kBridge[] = "bridge";
 constexpr char kVeth[] = "veth";
 constexpr char kTap[] = "tun";
+constexpr char kVrf[] = "vrf";
 
 // ---- What belongs to containers ----
 
@@ -50,10 +51,17 @@ bool hasManagersName(const std::string& bridge) {
     return numbered || startsWithOneOf(bridge, kManagersBridges);
 }
 
-/// The machine's end of a link to a container or a virtual machine.
-bool isLinkToContainer(const InterfaceKind& interface) {
-    return (interface.kind == kVeth || interface.kind == kTap) &&
-           (!interface.portOf.empty() || startsWithOneOf(interface.name, kContainersLinks));
+/// The machine's end of a link to a container or a virtual machine: a port of a bridge, or one by
+/// its name, unless it is in a VRF, which routes for the machine itself.
+bool isLinkToContainer(const InterfaceKind& interface, const std::vector<InterfaceKind>& all) {
+    if (interface.kind != kVeth && interface.kind != kTap) {
+        return false;
+    }
+    const auto port = std::find_if(all.begin(), all.end(), [&](const InterfaceKind& other) {
+        return other.name == interface.portOf;
+    });
+    const std::string kind = port == all.end() ? "" : port->kind;
+    return kind == kBridge || (kind != kVrf && startsWithOneOf(interface.name, kContainersLinks));
 }
 
 // ---- Services ----
@@ -198,12 +206,12 @@ void allowSession(GlobalRules& rules, const SshSession& session,
 
 bool isOfContainers(const InterfaceKind& interface, const std::vector<InterfaceKind>& all) {
     if (interface.kind != kBridge) {
-        return isLinkToContainer(interface);
+        return isLinkToContainer(interface, all);
     }
     // With a port to the outside it is the machine's own, whatever its name.
     return hasManagersName(interface.name) &&
            std::all_of(all.begin(), all.end(), [&](const InterfaceKind& other) {
-               return other.portOf != interface.name || isLinkToContainer(other);
+               return other.portOf != interface.name || isLinkToContainer(other, all);
            });
 }
 

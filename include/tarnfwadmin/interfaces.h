@@ -27,7 +27,7 @@ std::vector<Interface> interfacesNow();
 struct InterfaceKind {
     std::string name;
     std::string kind;    ///< the kernel's word: "bridge", "veth", "tun"; empty for hardware
-    std::string portOf;  ///< the bridge or bond that it is a port of; empty without one
+    std::string portOf;  ///< the bridge, bond or VRF that it is in; empty without one
 };
 
 /// The kinds of all interfaces of the kernel, "lo" among them, sorted by name. Throws Error,

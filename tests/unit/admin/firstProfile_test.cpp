@@ -187,6 +187,10 @@ TEST(FirstProfileTest, DecidesByKindAndPortsWhereNamesMislead) {
     EXPECT_THAT(denied({{"eth0", "veth", ""}}), ElementsAre("eth0"));
     // Hardware that only has such a name.
     EXPECT_THAT(denied({{"docker0", "", ""}, {"veth0", "", ""}}), ElementsAre("docker0", "veth0"));
+    // In a VRF, which is no bridge.
+    EXPECT_THAT(
+        denied({{"blue", "vrf", ""}, {"uplink", "veth", "blue"}, {"veth1", "veth", "blue"}}),
+        ElementsAre("blue", "uplink", "veth1"));
     // Too short for a number, and no number.
     EXPECT_THAT(denied({{"br-lan", "bridge", ""}, {"br-0123456789ag", "bridge", ""}}),
                 ElementsAre("br-0123456789ag", "br-lan"));
