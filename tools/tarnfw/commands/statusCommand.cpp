@@ -390,6 +390,8 @@ void print(const Status& status) {
     const std::string notStarted = notAfterRestart(status.unit);
     if (status.enabled && !notStarted.empty()) {
         table.addRow({{"After a restart:"}, {"not in force: " + notStarted, Paint::kBad}});
+    } else if (status.enabled && status.unit.enabled) {
+        table.addRow({{"After a restart:"}, {"in force again, by " + status.unit.name}});
     }
     table.addRow({{"Active profile:"},
                   {status.hasActive ? status.active : status.active + " (does not exist)"}});
