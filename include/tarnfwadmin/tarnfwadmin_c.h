@@ -7,8 +7,8 @@
  *
  * The functions hold nothing between calls and may be called by several threads and processes at a
  * time: those that change something wait for each other, up to 30 s. They need root's rights,
- * tarnfwadmin_check_rule(), tarnfwadmin_known() and tarnfwadmin_decide() only the permission to
- * read. */
+ * tarnfwadmin_check_rule(), tarnfwadmin_known(), tarnfwadmin_blocked() and tarnfwadmin_decide()
+ * only the permission to read. */
 #ifndef TARNFWADMIN_TARNFWADMIN_C_H
 #define TARNFWADMIN_TARNFWADMIN_C_H
 

@@ -82,6 +82,11 @@ protected:
             TARNFWADMIN_OK);
         EXPECT_EQ(allowed, 1);
         EXPECT_STREQ(reason, "the firewall is disabled");
+        int blocked = 7;
+        EXPECT_EQ(tarnfwadmin_blocked("ssh", "global", &blocked, reason, sizeof reason),
+                  TARNFWADMIN_OK)
+            << reason;
+        EXPECT_EQ(blocked, 0);
     }
 
 private:

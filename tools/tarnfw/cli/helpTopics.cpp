@@ -73,8 +73,9 @@ member "applyChanges". --later only stores it. Elsewhere, "tarnfw reload"
 applies it, or --reload with the change.
 The apply mode decides whether the rules take effect together or one after
 another: "tarnfw apply-mode". Rules of an adapter whose interface does not
-exist are skipped. If it appears later, they take effect within a second where
-the package's udev rule is installed, elsewhere with the next reload.
+exist are skipped. If it appears later, they take effect, mostly within a
+second, where the package's udev rule is installed, elsewhere with the next
+reload.
 
 "tarnfw profile edit" opens the profile's document in your editor and stores
 it only if it is valid.
