@@ -18,6 +18,7 @@ SAYS = [
     ("tarnfw rule add allow tcp 8443 --v6", "IPv6 only"),
     ("tarnfw undo", "allow tcp 22 from 192.168.1.20"),
     ("tarnfw enable", "^After a restart: in force again, by tarnfw.service$"),
+    ("tarnfw status", "^After a restart: +in force again, by tarnfw.service$"),
     ("tarnfw profile show", "^ *1 "),
     ("tarnfw explain --port tcp/22 --from 192.168.1.20", "allow"),
 ]
