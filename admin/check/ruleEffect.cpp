@@ -7,11 +7,24 @@
 #include "check/ruleMatcher.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {
 
 const std::string kGlobal = FW::FW_ADAPTER_GLOBAL;
+
+/// Matches all packets that come in.
+FW::FWRULE ruleForEverything(FW::FW_POLICY policy) {
+    FW::FWRULE everything;
+    everything.enable = true;
+    everything.policy = policy;
+    everything.portGroup = FW::FW_PORT_GROUP_ANY;
+    everything.ipGroup = FW::FW_IP_GROUP_ANY;
+    everything.ipType = FW::FW_IP_TYPE_BOTH;
+    everything.adapterDirect = FW::FW_ADAPTER_DIRECT_IN;
+    return everything;
+}
 
 std::vector<RuleMatcher> matchersOf(const FW::FWPROFILE& profile, const std::string& adapter,
                                     Machine& machine) {
@@ -44,26 +57,86 @@ std::set<std::string> adaptersMet(const FW::FWPROFILE& profile, const std::strin
     return adapters;
 }
 
-/// Whether a packet may match both; packets of an adapter's own rules come in or go out.
+/// What an adapter's default policy matches: as the last rule of its list, for incoming packets.
+std::optional<RuleMatcher> policyMatcher(const FW::FWPROFILE& profile, const std::string& adapter,
+                                         Machine& machine) {
+    const auto policy = profile.adapterPolicyMap.find(adapter);
+    if (policy == profile.adapterPolicyMap.end()) {
+        return std::nullopt;
+    }
+    return matcherOf(ruleForEverything(policy->second), {adapter, 0}, machine);
+}
+
+enum class Side { kBefore, kAfter };
+
+/// The rules and default policies of the other adapters whose lines come before those of `adapter`,
+/// or after them. Those of "global" are not among them.
+std::vector<RuleMatcher> matchersOfOthers(const FW::FWPROFILE& profile, const std::string& adapter,
+                                          Side side, Machine& machine) {
+    std::vector<RuleMatcher> matchers;
+    for (const std::string& other : adaptersOf(profile)) {
+        const bool isMeant = side == Side::kBefore ? other < adapter : adapter < other;
+        if (other == kGlobal || isNeverApplied(other) || !isMeant) {
+            continue;
+        }
+        for (RuleMatcher& matcher : matchersOf(profile, other, machine)) {
+            matchers.push_back(std::move(matcher));
+        }
+        if (auto matcher = policyMatcher(profile, other, machine)) {
+            matchers.push_back(std::move(*matcher));
+        }
+    }
+    return matchers;
+}
+
+/// Whether an interface may be of both: "vpn" and "pppoe" are other names of interfaces.
+bool shareInterface(const std::string& one, const std::string& other) {
+    const auto isAmong = [](const std::string& name, const std::vector<std::string>& names) {
+        return std::find(names.begin(), names.end(), name) != names.end();
+    };
+    return one == other || isAmong(one, interfacesOf(other)) || isAmong(other, interfacesOf(one));
+}
+
+bool isOutgoing(const FW::FWRULE& rule) {
+    return rule.adapterDirect == FW::FW_ADAPTER_DIRECT_OUT;
+}
+
+/// Whether a packet may match both. Packets of an adapter's rules come in or go out; one that is
+/// forwarded comes in through one adapter and goes out through another.
 bool mayMeet(const RuleMatcher& one, const RuleMatcher& other) {
-    const bool sameWay =
-        one.global || other.global || one.rule.adapterDirect == other.rule.adapterDirect;
-    return sameWay && mayOverlap(one, other);
+    if (!mayOverlap(one, other)) {
+        return false;
+    }
+    const bool sameWay = isOutgoing(one.rule) == isOutgoing(other.rule);
+    return one.global || other.global ||
+           (sameWay ? shareInterface(one.place.adapter, other.place.adapter)
+                    : one.place.adapter != other.place.adapter);
 }
 
 bool decidesOtherwise(const RuleMatcher& one, const RuleMatcher& other) {
     return one.rule.policy != other.rule.policy && mayMeet(one, other);
 }
 
-/// Whether what comes after it decides all that it matches as it does.
+/// Whether what comes after it decides all that it matches as it does. Says so of no rule for
+/// outgoing packets: what they meet depends on where they came in.
 bool isDecidedAnyway(const RuleMatcher& rule, const FW::FWPROFILE& profile,
                      const std::vector<RuleMatcher>& later, Machine& machine) {
     const auto otherwise = [&](const RuleMatcher& other) { return decidesOtherwise(other, rule); };
-    if (std::any_of(later.begin(), later.end(), otherwise)) {
+    if ((!rule.global && isOutgoing(rule.rule)) ||
+        std::any_of(later.begin(), later.end(), otherwise)) {
         return false;
     }
     const bool denies = rule.rule.policy == FW::FW_POLICY_DENY;
-    const std::set<std::string> adapters = adaptersMet(profile, rule.place.adapter);
+    const std::string& list = rule.place.adapter;
+    if (!rule.global && !policyMatcher(profile, list, machine)) {
+        // Packets that are forwarded go on to the lines for where they go out.
+        const std::vector<RuleMatcher> others =
+            matchersOfOthers(profile, list, Side::kAfter, machine);
+        if (std::any_of(others.begin(), others.end(), otherwise)) {
+            return false;
+        }
+    }
+    const std::set<std::string> adapters = adaptersMet(profile, list);
     return !adapters.empty() &&
            std::all_of(adapters.begin(), adapters.end(), [&](const std::string& adapter) {
                const auto policy = profile.adapterPolicyMap.find(adapter);
@@ -108,6 +181,20 @@ std::string whomText(const FW::FWRULE& rule) {
                                                          : "for " + other;
 }
 
+/// ", except what rule 2 of global allows"; empty without exceptions.
+std::string exceptionsText(const std::vector<RulePlace>& places, bool denies) {
+    if (places.empty()) {
+        return "";
+    }
+    if (places.size() == 1) {
+        return ", except what " + placeText(places.front()) + (denies ? " allows" : " denies");
+    }
+    const bool policies = std::any_of(places.begin(), places.end(),
+                                      [](const RulePlace& place) { return place.position == 0; });
+    return std::string(", except what earlier rules ") + (policies ? "and default policies " : "") +
+           (denies ? "allow" : "deny");
+}
+
 }  // namespace
 
 std::size_t reservedAtHead(const std::vector<FW::FWRULE>& rules) {
@@ -144,6 +231,14 @@ RuleEffect ruleEffect(const FW::FWPROFILE& profile, const RulePlace& place, Mach
             effect.exceptions.push_back(other.place);
         }
     }
+    if (!own->global) {
+        for (const RuleMatcher& other :
+             matchersOfOthers(profile, place.adapter, Side::kBefore, machine)) {
+            if (decidesOtherwise(other, *own)) {
+                effect.exceptions.push_back(other.place);
+            }
+        }
+    }
     effect.changesNothing = isDecidedAnyway(*own, profile, later, machine);
     return effect;
 }
@@ -172,14 +267,7 @@ OpenByPolicy openByPolicy(FW::FWPROFILE profile, const std::string& adapter, Mac
         return OpenByPolicy::kNothing;
     }
     std::vector<FW::FWRULE>& list = profile.rules[adapter];
-    FW::FWRULE everything;
-    everything.enable = true;
-    everything.policy = FW::FW_POLICY_ALLOW;
-    everything.portGroup = FW::FW_PORT_GROUP_ANY;
-    everything.ipGroup = FW::FW_IP_GROUP_ANY;
-    everything.ipType = FW::FW_IP_TYPE_BOTH;
-    everything.adapterDirect = FW::FW_ADAPTER_DIRECT_IN;
-    list.push_back(everything);
+    list.push_back(ruleForEverything(FW::FW_POLICY_ALLOW));
     const RuleEffect effect = ruleEffect(profile, {adapter, list.size()}, machine);
     if (effect.shadowedBy) {
         return OpenByPolicy::kNothing;
@@ -190,24 +278,17 @@ OpenByPolicy openByPolicy(FW::FWPROFILE profile, const std::string& adapter, Mac
 std::string effectText(const FW::FWRULE& rule, const std::string& adapter,
                        const RuleEffect& effect) {
     const bool denies = rule.policy == FW::FW_POLICY_DENY;
-    const std::string verb = denies ? "closes" : "opens";
     const std::string where = whereText(rule, adapter);
     const bool narrow =
         rule.ipType != FW::FW_IP_TYPE_BOTH &&
         (rule.ipGroup == FW::FW_IP_GROUP_ANY || rule.ipGroup == FW::FW_IP_GROUP_COUNTRIES);
     const std::string family = narrow ? ", " + familyText(rule.ipType) + " only" : "";
-    if (effect.changesNothing) {
-        return whatText(rule) + (denies ? " is closed already " : " is open already ") + where +
-               ", " + whomText(rule) + family;
-    }
-    std::string text = verb + " " + whatText(rule) + " " + where + ", " + whomText(rule) + family;
-    if (!effect.exceptions.empty()) {
-        text += ", except what ";
-        text += effect.exceptions.size() == 1
-                    ? placeText(effect.exceptions.front()) + (denies ? " allows" : " denies")
-                    : std::string("earlier rules ") + (denies ? "allow" : "deny");
-    }
-    return text;
+    const std::string begin =
+        effect.changesNothing
+            ? whatText(rule) + (denies ? " is closed already " : " is open already ")
+            : (denies ? "closes " : "opens ") + whatText(rule) + " ";
+    return begin + where + ", " + whomText(rule) + family +
+           exceptionsText(effect.exceptions, denies);
 }
 
 }  // namespace tarnfw

@@ -22,11 +22,13 @@ struct RuleEffect {
     bool hasLines = false;                ///< else it matches nothing on this machine, or is off
     std::optional<RulePlace> shadowedBy;  ///< it never takes effect, because of this rule
 
-    /// Rules before it that decide otherwise for some of what it matches, or may.
+    /// Rules and default policies before it that decide otherwise for some of what it matches, or
+    /// may: those of other adapters as well, for packets that are forwarded.
     std::vector<RulePlace> exceptions;
 
-    /// Without it everything that it matches would be decided in the same way: by later rules and
-    /// default policies, or since nothing decides.
+    /// Without it everything that it matches, but for the exceptions, would be decided in the same
+    /// way: by other rules and default policies, or since nothing decides. Never said of a rule of
+    /// an adapter for outgoing packets.
     bool changesNothing = false;
 };
 
@@ -53,7 +55,8 @@ OpenByPolicy openByPolicy(FW::FWPROFILE profile, const std::string& adapter, Mac
 
 /// In one line, for a rule with lines that is not shadowed: "opens tcp 8080 on every adapter, for
 /// everybody", "closes tcp 22 on eth0, for 10.0.0.0/8, except what rule 1 of eth0 allows", "tcp 22
-/// is open already on eth0, for everybody". Not made printable.
+/// is open already on eth0, for everybody". An effect that changes nothing has its exceptions
+/// named, too. Not made printable.
 std::string effectText(const FW::FWRULE& rule, const std::string& adapter,
                        const RuleEffect& effect);
 

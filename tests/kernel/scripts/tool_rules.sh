@@ -65,7 +65,7 @@ END
 rule add allow service smb from 10.0.0.5-10.0.0.9
 prints <<'END'
 Rule 3 of eth0: allow service smb from 10.0.0.5-10.0.0.9 (IPv4)
-Service smb is open already on eth0, for 10.0.0.5-10.0.0.9
+Service smb is open already on eth0, for 10.0.0.5-10.0.0.9, except what rule 2 of eth0 denies
 END
 complains '^tarnfw: eth0 has the default policy "allow": what no rule denies is open on it, too; '
 rule add --disabled --out --source-port --family v6 deny udp 123

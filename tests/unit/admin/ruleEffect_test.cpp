@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "profileCheck_testing.h"
+#include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/ruleSyntax.h"
 
 namespace tarnfw {
@@ -114,6 +115,64 @@ TEST_F(RuleEffectTest, SaysWhenNothingChanges) {
               "tcp 22 is open already on every adapter, for everybody");
     add("wlan0", {"deny tcp 22 from 10.0.0.0/8"});
     EXPECT_EQ(effectOf("global", "allow tcp 22"), "opens tcp 22 on every adapter, for everybody");
+}
+
+TEST_F(RuleEffectTest, WhatEarlierRulesKeepIsNotSaidToBeSoAlready) {
+    profile_.adapterPolicyMap = {{"wlan0", FW::FW_POLICY_DENY}};
+    add("global", {"allow tcp 22 from 192.168.0.0/16"});
+    const std::string kept = ", except what rule 1 of global allows";
+    EXPECT_EQ(effectOf("wlan0", "deny tcp 22"),
+              "tcp 22 is closed already on wlan0, for everybody" + kept);
+    EXPECT_EQ(effectOf("wlan0", "deny tcp 22 from 192.168.1.0/24"), "shadowed by rule 1 of global");
+    EXPECT_EQ(effectOf("wlan0", "deny service ssh"),
+              "service ssh is closed already on wlan0, for everybody" + kept);
+    EXPECT_EQ(effectOf("wlan0", "deny"),
+              "everything is closed already on wlan0, for everybody" + kept);
+    EXPECT_EQ(effectOf("wlan0", "deny tcp 23"), "tcp 23 is closed already on wlan0, for everybody");
+    add("global", {"allow icmp", "allow udp 67"});
+    EXPECT_EQ(effectOf("wlan0", "deny from 203.0.113.9"),
+              "everything is closed already on wlan0, for 203.0.113.9, except what earlier rules "
+              "allow");
+    profile_.adapterPolicyMap = {{"wlan0", FW::FW_POLICY_ALLOW}};
+    profile_.rules.clear();
+    add("global", {"deny tcp 8080 from 192.168.1.0/24"});
+    EXPECT_EQ(effectOf("wlan0", "allow tcp 8080"),
+              "tcp 8080 is open already on wlan0, for everybody, except what rule 1 of global "
+              "denies");
+    // Everywhere: the machine's only adapter is closed.
+    profile_.adapterPolicyMap.clear();
+    for (const std::string& adapter : machineAdapters()) {
+        profile_.adapterPolicyMap[adapter] = FW::FW_POLICY_DENY;
+    }
+    profile_.rules.clear();
+    add("global", {"allow tcp 22 from 192.168.0.0/16"});
+    EXPECT_EQ(effectOf("global", "deny tcp 22"),
+              "tcp 22 is closed already on every adapter, for everybody" + kept);
+}
+
+TEST_F(RuleEffectTest, ForwardedPacketsMeetTheLinesOfTwoAdapters) {
+    profile_.adapterPolicyMap = {{"eth0", FW::FW_POLICY_DENY}, {"wlan0", FW::FW_POLICY_ALLOW}};
+    // The default policy of eth0 is for what comes in through it.
+    EXPECT_EQ(effectOf("eth0", "deny, outgoing"),
+              "closes everything for packets forwarded out through eth0, for everybody");
+    EXPECT_EQ(
+        effectOf("wlan0", "allow tcp 80, outgoing"),
+        "opens tcp 80 for packets forwarded out through wlan0, for everybody, except what the "
+        "default policy of eth0 denies");
+    add("eth0", {"deny tcp 80"});
+    EXPECT_EQ(effectOf("wlan0", "allow tcp 80, outgoing"),
+              "opens tcp 80 for packets forwarded out through wlan0, for everybody, except what "
+              "earlier rules and default policies deny");
+    // What br0 lets out does not reach the lines of eth0.
+    add("br0", {"allow tcp 22, outgoing"});
+    EXPECT_EQ(effectOf("eth0", "deny tcp 22"),
+              "tcp 22 is closed already on eth0, for everybody, except what rule 1 of br0 allows");
+    // What comes in through wlan0 goes on to the lines of wlan1, unless wlan0 decides.
+    add("wlan1", {"deny tcp 22, outgoing"});
+    EXPECT_EQ(effectOf("wlan0", "allow tcp 22"), "tcp 22 is open already on wlan0, for everybody");
+    profile_.adapterPolicyMap["wlan0"] = FW::FW_POLICY_NONE;
+    EXPECT_EQ(effectOf("wlan0", "allow tcp 22"), "opens tcp 22 on wlan0, for everybody");
+    EXPECT_EQ(effectOf("wlan0", "allow tcp 23"), "tcp 23 is open already on wlan0, for everybody");
 }
 
 TEST_F(RuleEffectTest, SaysWhatTheDefaultPolicyLeavesOpen) {
