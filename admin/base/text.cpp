@@ -1,6 +1,8 @@
 #include "tarnfwadmin/text.h"
 
 #include <algorithm>
+#include <cctype>
+#include <cstring>
 #include <iterator>
 
 #include <boost/algorithm/string/join.hpp>
@@ -56,6 +58,21 @@ std::string printable(std::string text) {
 
 std::string inQuotes(const std::string& text) {
     return std::string("\"").append(printable(text)).append("\"");
+}
+
+std::string shellWord(const std::string& word) {
+    const bool plain = !word.empty() && std::all_of(word.begin(), word.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
+               std::strchr("-_./,:=+@%", c) != nullptr || (static_cast<unsigned char>(c) & 0x80U);
+    });
+    if (plain) {
+        return word;
+    }
+    std::string text = "'";
+    for (const char c : word) {
+        text += c == '\'' ? "'\\''" : std::string(1, c);
+    }
+    return text + "'";
 }
 
 bool isWord(const std::string& text) {

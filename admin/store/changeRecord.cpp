@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -65,22 +64,6 @@ constexpr std::uintmax_t kHistoryBytes = 64 * 1024 * 1024;
 // Of a command line, which may have any length.
 constexpr std::size_t kMostCommandBytes = 1000;
 
-/// A word as a shell would read it again.
-std::string quoted(const std::string& word) {
-    const bool plain = !word.empty() && std::all_of(word.begin(), word.end(), [](char c) {
-        return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
-               std::strchr("-_./,:=+@%", c) != nullptr || (static_cast<unsigned char>(c) & 0x80U);
-    });
-    if (plain) {
-        return word;
-    }
-    std::string text = "'";
-    for (const char c : word) {
-        text += c == '\'' ? "'\\''" : std::string(1, c);
-    }
-    return text + "'";
-}
-
 /// The command line of this process: the program's name without its directory, and its arguments.
 std::string ownCommandLine() {
     std::string words;
@@ -93,7 +76,7 @@ std::string ownCommandLine() {
     for (std::size_t begin = 0; begin < words.size();) {
         const std::size_t end = std::min(words.find('\0', begin), words.size());
         const std::string word = words.substr(begin, end - begin);
-        line += begin == 0 ? quoted(fs::path(word).filename().string()) : " " + quoted(word);
+        line += begin == 0 ? shellWord(fs::path(word).filename().string()) : " " + shellWord(word);
         begin = end + 1;
     }
     if (line.size() > kMostCommandBytes) {

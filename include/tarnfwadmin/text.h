@@ -20,6 +20,10 @@ std::string printableJson(const std::string& json);
 /// The same in double quotes, for names and texts in messages.
 std::string inQuotes(const std::string& text);
 
+/// A word as a shell reads it again, for a command in a message: in single quotes unless it is
+/// plain. Not made printable.
+std::string shellWord(const std::string& word);
+
 /// Whether a text can be one word of a line for the packet filter: not empty, without blanks and
 /// control characters, no option ("-x") and no negation ("!").
 bool isWord(const std::string& text);

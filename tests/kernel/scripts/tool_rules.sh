@@ -372,6 +372,16 @@ Once the firewall is enabled: opens tcp 8080 on every adapter, for everybody
 END
 answers 0 rule delete 2-3
 rule delete 5
+# What is offered can be pasted into a shell.
+answers 0 profile create 'my home' --empty
+answers 0 rule add --adapter eth0 --profile 'my home' deny
+answers 0 rule add --adapter eth0 --profile 'my home' allow tcp 80
+complains "at position 1 it does (\"tarnfw rule move 2 1 --adapter eth0 --profile 'my home'\")\$"
+answers 0 rule add --adapter eth1 --profile 'my home' allow tcp 80
+complains "; \"tarnfw policy eth1 deny --profile 'my home'\" closes it\$"
+answers 1 log-denied on --profile 'my home'
+complains "; \"tarnfw policy ADAPTER deny --profile 'my home'\" sets that\$"
+answers 0 profile delete 'my home'
 # Also when the new rule is the one that shadows others.
 rule insert 1 deny any
 warns 3 '^tarnfw: rule 2 of eth0: warning: never takes effect: shadowed by rule 1 of eth0$'
@@ -581,7 +591,7 @@ done
 
 answers 0 profile create logged --empty
 answers 1 log-denied on --profile logged
-complains '^tarnfw: no adapter of "logged" denies by default; "tarnfw policy ADAPTER deny" sets that$'
+complains '^tarnfw: no adapter of "logged" denies by default; "tarnfw policy ADAPTER deny --profile logged" sets that$'
 answers 0 policy eth0 deny --profile logged
 answers 0 policy eth1 deny --profile logged
 answers 0 rule add --adapter eth0 --profile logged allow tcp 22
@@ -618,7 +628,7 @@ Deleted rule 1 of eth1, which logged what the default policy denied
 END
 answers 0 log-denied --profile logged
 says '^eth0  *logged$'
-refused 1 '^tarnfw: eth1 does not deny by default; "tarnfw policy eth1 deny" sets that$' \
+refused 1 '^tarnfw: eth1 does not deny by default; "tarnfw policy eth1 deny --profile logged" sets that$' \
     log-denied on --adapter eth1 --profile logged
 refused 5 '^tarnfw: there is no adapter "eht0"; did you mean "eth0"?' \
     log-denied off --adapter eht0 --profile logged

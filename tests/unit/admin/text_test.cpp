@@ -56,6 +56,19 @@ TEST(PrintableJsonTest, HasEscapesForWhatATerminalObeys) {
               "b\"");
 }
 
+TEST(ShellWordTest, IsQuotedUnlessItIsPlain) {
+    for (const char* const plain : {"home", "eth0.7", "10.0.0.0/8", "22-23,80", "--v4", "Büro"}) {
+        EXPECT_EQ(shellWord(plain), plain);
+    }
+    EXPECT_EQ(shellWord(""), "''");
+    EXPECT_EQ(shellWord("my home"), "'my home'");
+    EXPECT_EQ(shellWord("it's"), "'it'\\''s'");
+    for (const char* const special :
+         {"a;b", "$HOME", "~", "*", "a\"b", "a\\b", "#1", "a&b", "!x"}) {
+        EXPECT_EQ(shellWord(special), "'" + std::string(special) + "'");
+    }
+}
+
 TEST(NearestTest, FindsTypingErrorsAndNothingElse) {
     const std::vector<std::string> known = {"enable", "disable", "profile", "preview"};
     EXPECT_EQ(nearest("enabel", known), "enable");

@@ -109,7 +109,8 @@ std::string errorsText(const FW::FWPROFILE& profile, Machine& machine) {
     try {
         requireValidProfile(profile, machine);
     } catch (const Error& error) {
-        return error.what() + ("; \"tarnfw check " + printable(profile.name) + "\" lists all");
+        return error.what() +
+               ("; \"tarnfw check " + printable(shellWord(profile.name)) + "\" lists all");
     }
     return "";
 }

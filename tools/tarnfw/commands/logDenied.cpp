@@ -128,9 +128,10 @@ void change(const Subject& subject, bool on, const ReloadOptions& options) {
         requireAdapter(only, adaptersOf(before));
     }
     if (on && denyingAdapters(before, only).empty()) {
-        throw Error(ErrorKind::kUnusable, noneText(before, only) + "; \"tarnfw policy " +
-                                              (only.empty() ? "ADAPTER" : printable(only)) +
-                                              " deny\" sets that");
+        const std::string policy = "tarnfw policy " + (only.empty() ? "ADAPTER" : shellWord(only)) +
+                                   " deny" + (name.empty() ? "" : " --profile " + shellWord(name));
+        throw Error(ErrorKind::kUnusable,
+                    noneText(before, only) + "; " + inQuotes(policy) + " sets that");
     }
     FW::FWPROFILE after = before;
     report(before, only, *options.report);

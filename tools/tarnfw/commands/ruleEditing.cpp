@@ -51,9 +51,19 @@ void addTarget(Command& command, Target& target) {
     addReloadFlag(command, target.reload);
 }
 
+namespace {
+
+/// " --profile home", or nothing for the active profile.
+std::string profileOption(const Target& target) {
+    return target.profile.empty() ? "" : " --profile " + shellWord(target.profile);
+}
+
+}  // namespace
+
 std::string optionsText(const Target& target) {
-    return (target.adapter == FW::FW_ADAPTER_GLOBAL ? "" : " --adapter " + target.adapter) +
-           (target.profile.empty() ? "" : " --profile " + target.profile);
+    return (target.adapter == FW::FW_ADAPTER_GLOBAL ? ""
+                                                    : " --adapter " + shellWord(target.adapter)) +
+           profileOption(target);
 }
 
 // ---- Positions ----------------------------------------------------------------------------------
@@ -177,7 +187,7 @@ std::string elsewhere(const FW::FWPROFILE& profile, const Target& target, const 
         const std::vector<std::size_t> found = positionsWhere(rules, fits);
         if (adapter != target.adapter && !found.empty()) {
             return ", but " + placeText({adapter, found.front()}) + is + " (--adapter " +
-                   printable(adapter) + ")";
+                   printable(shellWord(adapter)) + ")";
         }
     }
     return "";
@@ -245,7 +255,7 @@ std::string nearestText(const FW::FWRULE& wanted, const Rules& rules, const Targ
     }
     if (position == 0) {
         return "; \"tarnfw profile show" +
-               (target.profile.empty() ? "" : " " + printable(target.profile)) +
+               (target.profile.empty() ? "" : " " + printable(shellWord(target.profile))) +
                "\" lists the rules";
     }
     return "; the nearest is rule " + std::to_string(position) + ": " +
@@ -378,8 +388,8 @@ std::string offerFor(FW::FWPROFILE profile, const RulePlace& place, const Target
     Target global = target;
     global.adapter = better->adapter;
     return "; rules of global come before those of " + place.adapter +
-           ", so only there it does, for every adapter: tarnfw rule insert " + position + " '" +
-           ruleText(rule) + "'" + optionsText(global);
+           ", so only there it does, for every adapter: tarnfw rule insert " + position + " " +
+           shellWord(ruleText(rule)) + optionsText(global);
 }
 
 /// "Once applied: opens tcp 8080 on every adapter, for everybody". Empty for a rule without effect.
@@ -456,9 +466,8 @@ std::string openAdapterText(const FW::FWPROFILE& stored, const RulePlace& place,
                                                                        : policy->second)) +
            (open == OpenByPolicy::kEverything ? ": everything else is open on it, too"
                                               : ": what no rule denies is open on it, too") +
-           "; \"tarnfw policy " + adapter + " deny" +
-           (target.profile.empty() ? "" : " --profile " + printable(target.profile)) +
-           "\" closes it";
+           "; \"tarnfw policy " +
+           printable(shellWord(place.adapter) + " deny" + profileOption(target)) + "\" closes it";
 }
 
 }  // namespace

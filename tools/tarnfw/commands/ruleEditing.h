@@ -30,7 +30,7 @@ struct Target {
 /// Adds "--adapter", "--profile" and the options of a reload.
 void addTarget(Command& command, Target& target);
 
-/// " --adapter eth0 --profile home", as a command needs them for this list.
+/// " --adapter eth0 --profile home", as a shell reads them in a command for this list.
 std::string optionsText(const Target& target);
 
 // ---- Positions, as a person counts them: from 1 ----

@@ -194,7 +194,7 @@ std::string otherRulesText(const ReleaseOptions& options, const Profiles& profil
     return own.empty()
                ? ""
                : "other rules name it: " + listed(namesOf(own)) + "; \"tarnfw service release " +
-                     printable(options.service) + " --everywhere\" removes it from them";
+                     printable(shellWord(options.service)) + " --everywhere\" removes it from them";
 }
 
 /// Throws Error for a release of what is not reserved.
