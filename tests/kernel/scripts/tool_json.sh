@@ -54,7 +54,7 @@ step 'the same again' [ "$(jq -c '[.changed, .rules[0].position]' "$out/answer")
 answers 0 policy eth0 deny --json
 prints_json <<'END'
 {"changed": true, "applied": false, "profile": "home", "adapter": "eth0", "policy": "deny",
- "messages": ["Default policy of eth0: deny"], "warnings": []}
+ "rules": [], "messages": ["Default policy of eth0: deny"], "warnings": []}
 END
 answers 0 policy eth0 deny --json
 step 'the same again changes nothing' [ "$(jq '.changed' "$out/answer")" = false ]

@@ -621,11 +621,22 @@ prints <<'END'
 Adapter  Denied packets
 eth0     logged
 END
+# A rule of the same name is somebody's own; the log is not its place.
+answers 0 rule add --adapter eth1 --profile logged --log --name 'log denied' deny tcp 23 from 10.0.0.0/8
+says '^Rule 1 of eth1: '
 answers 0 policy eth1 allow --profile logged
 prints <<'END'
 Default policy of eth1: allow
-Deleted rule 1 of eth1, which logged what the default policy denied
+Deleted rule 2 of eth1, which logged what the default policy denied: deny everything from anywhere, logged  "log denied"
 END
+answers 0 policy eth1 deny --profile logged
+answers 0 log-denied on --adapter eth1 --profile logged
+answers 0 policy eth1 none --profile logged --json
+step 'the document lists it' [ "$(jq --compact-output .rules "$out/answer")" = \
+    '[{"adapter":"eth1","position":2,"text":"deny everything from anywhere, logged  \"log denied\""}]' ]
+answers 0 rule delete 1 --adapter eth1 --profile logged
+prints <<<'Deleted rule 1 of eth1: deny tcp 23 from 10.0.0.0/8, logged (IPv4)  "log denied"'
+answers 0 policy eth1 allow --profile logged
 answers 0 log-denied --profile logged
 says '^eth0  *logged$'
 refused 1 '^tarnfw: eth1 does not deny by default; "tarnfw policy eth1 deny --profile logged" sets that$' \

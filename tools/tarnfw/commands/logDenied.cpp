@@ -16,6 +16,7 @@
 #include "commands/commands.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/ruleChange.h"
+#include "tarnfwadmin/ruleCompare.h"
 #include "tarnfwadmin/ruleSyntax.h"
 
 namespace tarnfw {
@@ -160,16 +161,21 @@ void change(const Subject& subject, bool on, const ReloadOptions& options) {
 }  // namespace
 
 bool isLogOfDenied(const FW::FWRULE& rule) {
-    return rule.name == kRuleName && rule.blLog && rule.policy == FW::FW_POLICY_DENY;
+    return rule.name == kRuleName && isSameRule(rule, logOfDenied());
 }
 
 std::size_t lastPositionForNew(const Rules& rules) {
     return rules.size() + (!rules.empty() && isLogOfDenied(rules.back()) ? 0 : 1);
 }
 
-std::size_t positionOfLogOfDenied(const Rules& rules) {
-    const auto found = std::find_if(rules.begin(), rules.end(), isLogOfDenied);
-    return found == rules.end() ? 0 : static_cast<std::size_t>(found - rules.begin()) + 1;
+std::vector<std::size_t> positionsOfLogOfDenied(const Rules& rules) {
+    std::vector<std::size_t> positions;
+    for (std::size_t i = 0; i < rules.size(); ++i) {
+        if (isLogOfDenied(rules[i])) {
+            positions.push_back(i + 1);
+        }
+    }
+    return positions;
 }
 
 bool removeLogOfDenied(Rules& rules) {

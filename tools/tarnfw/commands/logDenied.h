@@ -9,14 +9,15 @@
 
 namespace tarnfw {
 
-/// Whether the rule is one that "log-denied on" adds.
+/// Whether the rule is one that "log-denied on" adds. A rule of the same name for less than
+/// everything is somebody's own.
 bool isLogOfDenied(const FW::FWRULE& rule);
 
 /// The position, from 1, for a new last rule: before the log of the denied, which matches all.
 std::size_t lastPositionForNew(const std::vector<FW::FWRULE>& rules);
 
-/// Where the log of the denied is, from 1; 0 without one.
-std::size_t positionOfLogOfDenied(const std::vector<FW::FWRULE>& rules);
+/// Where the log of the denied is, from 1. More than one place only if somebody put it there.
+std::vector<std::size_t> positionsOfLogOfDenied(const std::vector<FW::FWRULE>& rules);
 
 /// Removes the log of the denied. True when there was one. For a default policy that no longer
 /// denies: else the rule would deny in its place.

@@ -222,10 +222,20 @@ void switchRules(const Target& target, const RuleSelection& selection, bool on) 
     });
 }
 
-/// The position of the log of what an adapter's default policy denies; 0 without one.
-std::size_t logToRemove(const FW::FWPROFILE& profile, const std::string& adapter) {
-    const auto rules = profile.rules.find(adapter);
-    return rules == profile.rules.end() ? 0 : positionOfLogOfDenied(rules->second);
+/// The rules that deny and log what an adapter's default policy denies, as a deletion of them.
+Outcome logToRemove(const FW::FWPROFILE& profile, const Target& target) {
+    Outcome outcome;
+    const auto list = profile.rules.find(target.adapter);
+    if (list == profile.rules.end()) {
+        return outcome;
+    }
+    for (const std::size_t position : positionsOfLogOfDenied(list->second)) {
+        outcome.said.push_back("Deleted " + placeText({target.adapter, position}) +
+                               ", which logged what the default policy denied: " +
+                               ruleText(list->second[position - 1]));
+        outcome.rules.append(ruleDocument(list->second, position, target));
+    }
+    return outcome;
 }
 
 void setPolicy(const Target& target, const std::string& word) {
@@ -242,9 +252,10 @@ void setPolicy(const Target& target, const std::string& word) {
     (*target.reload.report)["adapter"] = target.adapter;
     (*target.reload.report)["policy"] = policyText(policy);
     const FW::FWPROFILE before = context.store().profile(target.profile);
-    const std::size_t log = policy == FW::FW_POLICY_DENY ? 0 : logToRemove(before, target.adapter);
+    const Outcome log = policy == FW::FW_POLICY_DENY ? Outcome() : logToRemove(before, target);
+    (*target.reload.report)["rules"] = log.rules;
     const auto present = before.adapterPolicyMap.find(target.adapter);
-    if (present != before.adapterPolicyMap.end() && present->second == policy && log == 0) {
+    if (present != before.adapterPolicyMap.end() && present->second == policy && log.said.empty()) {
         std::cout << "Default policy of " << printable(target.adapter) << " is "
                   << policyText(policy) << " already\n";
         finishUnchanged(context, before, target.reload);
@@ -255,7 +266,7 @@ void setPolicy(const Target& target, const std::string& word) {
         context.session(), target.profile, target.adapter,
         [&](FW::FWPROFILE& profile) {
             profile.adapterPolicyMap[target.adapter] = policy;
-            if (log > 0) {
+            if (!log.said.empty()) {
                 (void)removeLogOfDenied(profile.rules.at(target.adapter));
             }
         },
@@ -269,10 +280,8 @@ void setPolicy(const Target& target, const std::string& word) {
         [&] {
             std::cout << "Default policy of " << printable(target.adapter) << ": "
                       << policyText(policy) << '\n';
-            if (log > 0) {
-                std::cout << "Deleted "
-                          << printable(placeText({target.adapter, log})) +
-                                 ", which logged what the default policy denied\n";
+            for (const std::string& line : log.said) {
+                std::cout << printable(line) << '\n';
             }
             if (!absence.empty()) {
                 warn(absence);
