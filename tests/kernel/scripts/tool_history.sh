@@ -75,9 +75,16 @@ read -r -a rule <<<"$kRule"
 undone rule add "${rule[@]}" allow tcp 99
 undone rule insert 1 "${rule[@]}" deny udp 99
 undone rule set 1 "${rule[@]}" allow tcp 2222
+answers 0 rule add "${rule[@]}" deny tcp 23
+undone rule move 2 1 "${rule[@]}"
+answers 0 rule delete 2 "${rule[@]}"
 undone rule delete 1 "${rule[@]}"
 undone rule off 1 "${rule[@]}"
+answers 0 rule off 1 "${rule[@]}"
+undone rule on 1 "${rule[@]}"
+answers 0 undo
 undone policy eth0 allow --profile home
+undone log-denied on --profile home
 undone profile create fresh
 undone profile create fresh --from /tmp/third.json
 undone profile copy home fresh
@@ -85,8 +92,15 @@ undone profile rename home casa
 undone profile rename third terza
 undone profile delete third
 undone profile use third
+undone profile set home --from <(jq '.rules = null' /tmp/third.json)
 EDITOR='sed -i s/ssh/http/' undone profile edit home
 undone service reserve http allow --adapter eth0
+answers 0 service reserve http allow --adapter eth0
+sed -i 's/"http"/"http", "lost_service"/' "$kProfileDirectory"/*.json
+undone service update
+answers 0 service update
+undone service release http
+answers 0 service release http
 undone adapter rename eth0 lan0
 undone apply-mode batch
 undone import --yes /tmp/other.json
