@@ -390,6 +390,9 @@ rule move 1 2
 warns 3 '^tarnfw: rule 4 of eth0: warning: never takes effect: shadowed by rule 2 of eth0$'
 rule move 2 1
 warns 4 '^tarnfw: and 1 more warning$'
+rule move 1 1 --json
+step 'a document has all of them' [ "$(jq '.warnings | length' "$out/answer")" = 4 ]
+refuses 'each in full' grep --quiet 'more warning' "$out/answer"
 rule off 1
 silent
 answers 0 rule add allow tcp 4 --name global

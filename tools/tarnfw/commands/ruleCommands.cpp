@@ -117,7 +117,7 @@ bool isThereAlready(Context& context, const RuleCommand& command, const FW::FWRU
     }
     target.reload.report->setProfile(profile.name);
     (*target.reload.report)["rules"].append(ruleDocument(rules, position, target));
-    printWarnings(notes.warnings);
+    printWarnings(notes.warnings, *target.reload.report);
     finishUnchanged(context, profile, target.reload);
     return true;
 }

@@ -505,13 +505,15 @@ void addNotes(Notes& notes, const FW::FWPROFILE& profile, const Target& target,
     }
 }
 
-void printWarnings(const std::vector<std::string>& warnings) {
-    constexpr std::size_t kMost = 3;
-    for (std::size_t i = 0; i < std::min(warnings.size(), kMost); ++i) {
+void printWarnings(const std::vector<std::string>& warnings, const Report& report) {
+    constexpr std::size_t kMost = 3;  // for people
+    const std::size_t printed =
+        report.isJson() ? warnings.size() : std::min(warnings.size(), kMost);
+    for (std::size_t i = 0; i < printed; ++i) {
         warn(warnings[i]);
     }
-    if (warnings.size() > kMost) {
-        warn("and " + counted(warnings.size() - kMost, "more warning"));
+    if (warnings.size() > printed) {
+        warn("and " + counted(warnings.size() - printed, "more warning"));
     }
 }
 
@@ -548,7 +550,7 @@ void changeRules(Context& context, const Target& target,
             for (const std::string& line : outcome.said) {
                 std::cout << printable(line) << '\n';
             }
-            printWarnings(notes.warnings);
+            printWarnings(notes.warnings, *target.reload.report);
         },
         onlyRules(stored, target.adapter, outcome.changed));
 }

@@ -103,8 +103,9 @@ struct Notes {
 void addNotes(Notes& notes, const FW::FWPROFILE& profile, const Target& target,
               const std::vector<std::size_t>& positions, Machine& machine);
 
-/// Prints them; a rule put ahead of many can shadow all of them.
-void printWarnings(const std::vector<std::string>& warnings);
+/// Prints them: the first ones and how many more there are, since a rule put ahead of many can
+/// shadow all of them. With "--json" all.
+void printWarnings(const std::vector<std::string>& warnings, const Report& report);
 
 /// Reads the profile, lets `change` alter the adapter's list, and stores it. An exception leaves
 /// the profile unchanged.
