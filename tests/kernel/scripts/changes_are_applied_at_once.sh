@@ -42,6 +42,13 @@ Opens tcp 8081 on every adapter, for everybody
 Profile "default" applied
 END
 applied
+# What makes no rules for the kernel leaves it as it is.
+for words in 'rule add deny tcp 8085 --disabled' 'rule delete deny tcp 8085 --disabled' \
+    'rule add deny tcp 8085 --adapter eth9' 'rule delete deny tcp 8085 --adapter eth9'; do
+    read -r -a words <<<"$words"
+    answers 0 "${words[@]}" --later
+    refuses 'the kernel has the rules' grep --quiet 'still has the old rules' "$out/answer"
+done
 # A rule that is there already, but was only stored.
 answers 0 rule add allow tcp 8084 --later
 says '^Once applied: opens tcp 8084 on every adapter, for everybody$'

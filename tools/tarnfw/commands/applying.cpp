@@ -44,15 +44,47 @@ void warnIfAny(const std::string& text) {
     }
 }
 
-/// The rules of the active profile; null when it cannot be read.
-Json::Value activeRules(const StoreSnapshot& store) {
-    Json::Value document;
+/// The active profile; nothing when it cannot be read.
+std::optional<FW::FWPROFILE> activeProfileOf(const StoreSnapshot& store) {
     try {
-        FW::TARNFW_JSON_DB().profileToJson(store.profile(""), document);
+        return store.profile("");
     } catch (const std::exception&) {
-        return {};
+        return std::nullopt;
     }
-    document.removeMember("name");
+}
+
+/// What of a profile makes the kernel's rules now: without rules that are off, the names of rules,
+/// and what is for adapters that are not there.
+Json::Value effectiveRules(FW::FWPROFILE profile, Machine& machine) {
+    profile.name.clear();
+    for (const std::string& adapter : adaptersOf(profile)) {
+        if (isNeverApplied(adapter) || !machine.hasAdapter(adapter)) {
+            profile.rules.erase(adapter);
+            profile.adapterPolicyMap.erase(adapter);
+            continue;
+        }
+        const auto policy = profile.adapterPolicyMap.find(adapter);
+        if (policy != profile.adapterPolicyMap.end() && policy->second == FW::FW_POLICY_NONE) {
+            profile.adapterPolicyMap.erase(policy);
+        }
+        const auto list = profile.rules.find(adapter);
+        if (list == profile.rules.end()) {
+            continue;
+        }
+        std::vector<FW::FWRULE>& rules = list->second;
+        rules.erase(std::remove_if(rules.begin(), rules.end(),
+                                   [](const FW::FWRULE& rule) { return !rule.enable; }),
+                    rules.end());
+        for (FW::FWRULE& rule : rules) {
+            rule.name.clear();
+            rule.labelList.clear();
+        }
+        if (rules.empty()) {
+            profile.rules.erase(list);
+        }
+    }
+    Json::Value document;
+    FW::TARNFW_JSON_DB().profileToJson(profile, document);
     return document;
 }
 
@@ -70,12 +102,14 @@ Context::Context(StoreSession::Access access, std::unique_ptr<Machine> machine,
     }
     printNotes();
     if (access == StoreSession::Access::kChange) {
-        before_ = activeRules(store());
+        before_ = activeProfileOf(store());
     }
 }
 
 bool Context::hasOtherRules() {
-    return activeRules(store()) != before_;
+    const std::optional<FW::FWPROFILE> now = activeProfileOf(store());
+    return now && before_ ? effectiveRules(*now, *machine_) != effectiveRules(*before_, *machine_)
+                          : now.has_value() != before_.has_value();
 }
 
 bool Context::applies(const ReloadOptions& options) {

@@ -50,7 +50,8 @@ public:
     /// Each operation runs to its end, see runWhole().
     Control& control() { return control_; }
 
-    /// Whether the rules of the active profile are other ones than when this was made.
+    /// Whether the active profile makes other rules for the kernel than when this was made: what is
+    /// off, or for an adapter that is not there, makes none.
     bool hasOtherRules();
 
     /// Whether a change of the active profile is to be applied: with "--reload"; without it, and
@@ -64,8 +65,8 @@ private:
     StoreSession session_;
     std::unique_ptr<Machine> machine_;
     Control control_;
-    Json::Value before_;          // the active profile
-    std::optional<bool> atOnce_;  // whether changes are applied without "--reload"
+    std::optional<FW::FWPROFILE> before_;  // the active profile
+    std::optional<bool> atOnce_;           // whether changes are applied without "--reload"
 };
 
 /// Adds "--reload", "--later" and "--yes" to a command that changes profiles. `yesHelp` is for one
