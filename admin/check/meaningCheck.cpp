@@ -480,10 +480,10 @@ void checkAdapter(const std::string& adapter, const std::string& path, Machine& 
                   Findings& findings) {
     if (!isAdapterName(adapter)) {
         findings.error(path, inQuotes(adapter) + " is not the name of an adapter");
-    } else if (isNeverApplied(adapter)) {
-        findings.warning(path, kPppoeInterfaceText);
     } else if (const std::string absence = machine.absenceOf(adapter); !absence.empty()) {
         findings.warning(path, absence);
+    } else if (isNeverApplied(adapter)) {
+        findings.warning(path, kPppoeInterfaceText);
     }
 }
 

@@ -1,6 +1,7 @@
 #include "tarnfwadmin/ruleEffect.h"
 
 #include <algorithm>
+#include <iterator>
 #include <set>
 #include <utility>
 
@@ -53,7 +54,9 @@ std::set<std::string> adaptersMet(const FW::FWPROFILE& profile, const std::strin
     for (const auto& [name, policy] : profile.adapterPolicyMap) {
         adapters.insert(name);
     }
-    adapters.erase(kGlobal);
+    for (auto name = adapters.begin(); name != adapters.end();) {
+        name = *name == kGlobal || isNeverApplied(*name) ? adapters.erase(name) : std::next(name);
+    }
     return adapters;
 }
 
@@ -206,7 +209,7 @@ RuleEffect ruleEffect(const FW::FWPROFILE& profile, const RulePlace& place, Mach
     RuleEffect effect;
     const FW::FWRULE& rule = profile.rules.at(place.adapter).at(place.position - 1);
     const auto own = matcherOf(rule, place, machine);
-    if (!own) {
+    if (!own || isNeverApplied(place.adapter)) {
         return effect;
     }
     effect.hasLines = true;

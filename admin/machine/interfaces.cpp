@@ -221,7 +221,11 @@ bool isPredefined(const std::string& adapter) {
 }
 
 bool isNeverApplied(const std::string& adapter) {
-    return adapter == FW::FW_PPPOE_INTERFACE;
+    return adapter == FW::FW_PPPOE_INTERFACE || isLoopback(adapter);
+}
+
+bool isLoopback(const std::string& adapter) {
+    return adapter == "lo";
 }
 
 bool isAdapterName(const std::string& name) {
@@ -244,7 +248,7 @@ void requireAdapterName(const std::string& adapter, const std::vector<std::strin
     if (!isAdapterName(adapter)) {
         throw Error(ErrorKind::kUnusable, inQuotes(adapter) + " is not the name of an adapter");
     }
-    if (isNeverApplied(adapter) &&
+    if (adapter == FW::FW_PPPOE_INTERFACE &&
         std::find(others.begin(), others.end(), adapter) == others.end()) {
         throw Error(ErrorKind::kUnusable, kPppoeInterfaceText);
     }
@@ -254,7 +258,7 @@ void requireAdapter(const std::string& adapter, const std::vector<std::string>& 
     const std::vector<std::string> usable = usableAdapters();
     std::set<std::string> known(usable.begin(), usable.end());
     known.insert(others.begin(), others.end());
-    if (known.count(adapter) != 0 || isNeverApplied(adapter)) {
+    if (known.count(adapter) != 0 || adapter == FW::FW_PPPOE_INTERFACE) {
         requireAdapterName(adapter, others);
         return;
     }

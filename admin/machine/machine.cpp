@@ -59,6 +59,9 @@ bool Machine::hasAdapter(const std::string& adapter) {
 }
 
 std::string Machine::absenceOf(const std::string& adapter) {
+    if (isLoopback(adapter)) {
+        return kLoopbackText;
+    }
     if (isNeverApplied(adapter) || hasAdapter(adapter)) {
         return "";
     }

@@ -61,8 +61,12 @@ std::vector<std::string> adapterNamesOf(const std::string& interface);
 bool isPredefined(const std::string& adapter);
 
 /// Whether rules and default policies for this name are never applied: those for "ppp0", whose
-/// connection is filtered as "pppoe".
+/// connection is filtered as "pppoe", and for "lo".
 bool isNeverApplied(const std::string& adapter);
+
+/// Whether the name is that of the loopback interface. The first line of every profile accepts what
+/// comes in through it.
+bool isLoopback(const std::string& adapter);
 
 /// Whether profiles can have rules for an adapter of this name: at most 15 bytes, the kernel's
 /// limit for an interface; one word (isWord()); without '/' and ':'; not "." or "..". It need not
@@ -72,6 +76,10 @@ bool isAdapterName(const std::string& name);
 /// Why no rules can be for the adapter "ppp0".
 inline constexpr char kPppoeInterfaceText[] =
     "rules and default policies of \"ppp0\" are never applied; use \"pppoe\"";
+
+/// What there is to say about rules for "lo".
+inline constexpr char kLoopbackText[] =
+    "\"lo\" is never filtered: its rules and default policy have no effect";
 
 /// Throws Error, kUnusable, unless profiles can have rules for `adapter`, which need not exist: for
 /// a name that isAdapterName() rejects, and for "ppp0", whose rules are never applied, unless it is

@@ -36,8 +36,8 @@ public:
     bool hasAdapter(const std::string& adapter);
 
     /// That there is no interface for `adapter` now, with the nearest name: "there is no adapter
-    /// "eth7" now: ...". Empty where there is one, and for "ppp0". Throws Error, kSystem,
-    /// when the interfaces cannot be listed.
+    /// "eth7" now: ...". Of "lo" that it is never filtered. Empty where there is one, and for
+    /// "ppp0". Throws Error, kSystem, when the interfaces cannot be listed.
     std::string absenceOf(const std::string& adapter);
 
     /// The interface of the 6in4 tunnel that routes IPv6 for `adapter`, for which its rules are

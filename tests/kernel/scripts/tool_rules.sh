@@ -537,6 +537,30 @@ answers 0 rule off 1 --adapter eth7
 answers 0 reload
 warns 1 '^tarnfw: left out, without an interface now: pppoe, vpn$'
 answers 0 rule delete 1 --adapter eth7
+# "lo" is there, but never filtered.
+readonly kNeverFiltered='^tarnfw: .*"lo" is never filtered: its rules and default policy have no effect$'
+answers 0 policy lo deny --reload
+warns 2 "$kNeverFiltered"
+answers 0 rule add --adapter lo deny tcp 23 --reload
+warns 2 "$kNeverFiltered"
+prints <<'END'
+Rule 1 of lo: deny tcp 23 from anywhere
+Profile "lab" applied
+END
+answers 1 log-denied on --adapter lo
+complains "$kNeverFiltered"
+answers 0 log-denied --adapter lo
+answers 0 reload
+refuses 'it is not left out' grep --quiet '\<lo\>' "$out/complaint"
+answers 0 status
+says '^ *lo  *deny  *1  *never filtered$'
+answers 0 adapters
+says '^lo .* deny  *1  *never filtered$'
+answers 10 blocked --port tcp/23
+refuses 'it blocks nothing' grep --quiet '^lo ' "$out/answer"
+refused 1 '"lo" is never filtered' adapter rename eth0 lo
+answers 0 rule delete 1 --adapter lo
+answers 0 policy lo none
 # A new adapter is open, which a rule that allows something does not change.
 answers 0 rule add --adapter wg0 allow udp 51820
 says '^Rule 1 of wg0: allow udp 51820 from anywhere$'

@@ -594,6 +594,8 @@ const AdapterCase kAdapters[] = {
      ".vpn: warning: \"vpn\" has no interface now: its rules and default policy have no effect "
      "until there is one; the package's udev rule then applies them, without it the next "
      "reload does"},
+    {"Loopback", "lo",
+     ".lo: warning: \"lo\" is never filtered: its rules and default policy have no effect"},
     {"PppoeInterface", "ppp0",
      ".ppp0: warning: rules and default policies of \"ppp0\" are never applied; use \"pppoe\""},
     {"NoName", "eth0 -j ACCEPT",

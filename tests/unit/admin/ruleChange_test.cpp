@@ -113,6 +113,7 @@ TEST_F(RuleChangeTest, NeedsAProfileAndANameOfAnAdapter) {
     EXPECT_FALSE(changed("home", "eth7")) << "the profile has it";
     EXPECT_TRUE(edited);
     EXPECT_FALSE(changed("home", "eth6")) << "it may come later";
+    EXPECT_FALSE(changed("home", "lo")) << "it has no effect, which check says";
 }
 
 TEST_F(RuleChangeTest, WhatIsNotFoundOnAnUnknownAdapterIsTheAdapter) {

@@ -70,6 +70,7 @@ TEST_F(RuleEffectTest, SaysWhatIsOpenedAndForWhom) {
          "opens tcp 22 for packets forwarded out through wlan0, for everybody"},
         {"global", "deny", "closes everything on every adapter, for everybody"},
         {"global", "[off] deny", "no lines"},
+        {"lo", "deny tcp 22", "no lines"},
         {"wlan0", "allow from country DE", "opens everything on wlan0, for country DE"},
         {"wlan0", "allow from country FR (IPv6)", "no lines"},
     };

@@ -143,7 +143,9 @@ void printAdapters(const FW::FWPROFILE& profile, const std::vector<Adapter>& ada
                                                                   : denies        ? Paint::kBad
                                                                                   : Paint::kPlain},
              {rules, adapter.rules > 0 ? Paint::kPlain : Paint::kFaint},
-             {adapter.unlisted ? textOf(*adapter.unlisted) : "",
+             {adapter.unlisted           ? textOf(*adapter.unlisted)
+              : isLoopback(adapter.name) ? "never filtered"
+                                         : "",
               adapter.unlisted && adapter.unlisted->open ? Paint::kDoubtful : Paint::kFaint}});
     }
     table.print();

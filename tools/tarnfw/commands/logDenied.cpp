@@ -39,11 +39,13 @@ struct Subject {
     std::string adapter;  ///< empty: each
 };
 
-/// The adapters of a profile that deny by default; of these one alone unless that is empty.
+/// The adapters of a profile that deny by default, without those that are never filtered; of these
+/// one alone unless that is empty.
 std::vector<std::string> denyingAdapters(const FW::FWPROFILE& profile, const std::string& only) {
     std::vector<std::string> names;
     for (const auto& [adapter, policy] : profile.adapterPolicyMap) {
-        if (policy == FW::FW_POLICY_DENY && (only.empty() || adapter == only)) {
+        if (policy == FW::FW_POLICY_DENY && !isNeverApplied(adapter) &&
+            (only.empty() || adapter == only)) {
             names.push_back(adapter);
         }
     }
@@ -83,6 +85,9 @@ std::vector<std::string> setLogged(FW::FWPROFILE& profile, const std::string& on
 std::string noneText(const FW::FWPROFILE& profile, const std::string& only) {
     if (only.empty()) {
         return "no adapter of " + inQuotes(profile.name) + " denies by default";
+    }
+    if (isLoopback(only)) {
+        return kLoopbackText;
     }
     requireAdapter(only, adaptersOf(profile));
     return printable(only) + " does not deny by default";
@@ -125,14 +130,15 @@ void change(const Subject& subject, bool on, const ReloadOptions& options) {
     const std::string& only = subject.adapter;
     Context context(StoreSession::Access::kChange);
     const FW::FWPROFILE before = context.store().profile(name);
-    if (!only.empty()) {
+    if (!only.empty() && !isLoopback(only)) {
         requireAdapter(only, adaptersOf(before));
     }
     if (on && denyingAdapters(before, only).empty()) {
         const std::string policy = "tarnfw policy " + (only.empty() ? "ADAPTER" : shellWord(only)) +
                                    " deny" + (name.empty() ? "" : " --profile " + shellWord(name));
         throw Error(ErrorKind::kUnusable,
-                    noneText(before, only) + "; " + inQuotes(policy) + " sets that");
+                    noneText(before, only) +
+                        (isNeverApplied(only) ? "" : "; " + inQuotes(policy) + " sets that"));
     }
     FW::FWPROFILE after = before;
     report(before, only, *options.report);

@@ -102,7 +102,10 @@ std::vector<std::string> adaptersAsked(const PortQuery& options, const FW::FWPRO
     }
     std::sort(adapters.begin(), adapters.end());
     adapters.erase(std::unique(adapters.begin(), adapters.end()), adapters.end());
-    adapters.erase(std::remove(adapters.begin(), adapters.end(), FW::FW_ADAPTER_GLOBAL),
+    adapters.erase(std::remove_if(adapters.begin(), adapters.end(),
+                                  [](const std::string& name) {
+                                      return name == FW::FW_ADAPTER_GLOBAL || isLoopback(name);
+                                  }),
                    adapters.end());
     return adapters;
 }

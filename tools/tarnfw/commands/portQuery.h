@@ -40,7 +40,7 @@ void addQueryOptions(Command& command, PortQuery& query);
 std::vector<FW::PortCompareST> questionsOf(const PortQuery& query, Machine& machine);
 
 /// The queried adapters: the given one, or those of the profile and of the machine without
-/// "global". Throws Error for an unknown one.
+/// "global" and "lo". Throws Error for an unknown one.
 std::vector<std::string> adaptersAsked(const PortQuery& query, const FW::FWPROFILE& profile);
 
 /// What the kernel does of the answer.

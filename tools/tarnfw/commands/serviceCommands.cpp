@@ -278,7 +278,7 @@ void requireRenamable(const std::string& from, const std::string& to, const Prof
         throw Error(ErrorKind::kUnusable, "\"global\" is every adapter; its rules cannot be moved");
     }
     if (isNeverApplied(to)) {
-        throw Error(ErrorKind::kUnusable, kPppoeInterfaceText);
+        throw Error(ErrorKind::kUnusable, isLoopback(to) ? kLoopbackText : kPppoeInterfaceText);
     }
     const std::vector<std::string> known = adaptersIn(profiles);
     if (std::find(known.begin(), known.end(), from) == known.end()) {

@@ -25,6 +25,7 @@
 #include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/bootRules.h"
+#include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/ruleText.h"
 #include "tarnfwadmin/unlisted.h"
@@ -54,7 +55,7 @@ std::vector<AdapterState> adapterStates(const FW::FWPROFILE& profile) {
     for (const std::string& name : adaptersOf(profile)) {
         AdapterState state;
         state.name = name;
-        state.present = firewall.adapterIsEnabled(name);
+        state.present = isLoopback(name) || firewall.adapterIsEnabled(name);
         const auto policy = profile.adapterPolicyMap.find(name);
         if (policy != profile.adapterPolicyMap.end()) {
             state.policy = policy->second;
@@ -165,7 +166,10 @@ Cell noteOn(const AdapterState& state) {
     if (state.unlisted) {
         return {textOf(*state.unlisted), state.unlisted->open ? Paint::kDoubtful : Paint::kFaint};
     }
-    return {state.present ? "" : "absent", Paint::kFaint};
+    return {isLoopback(state.name) ? "never filtered"
+            : state.present        ? ""
+                                   : "absent",
+            Paint::kFaint};
 }
 
 void printAdapters(const std::vector<AdapterState>& states) {
