@@ -283,9 +283,9 @@ stored >"$out/before"
 rule add allow 3/tcp from anywhere
 silent
 prints <<<'Rule 2 of eth0 is this rule already: allow tcp 3 from anywhere  "three"'
-rule add allow tcp 3 --first --name drei --label new
+rule add allow tcp 3 --name drei --label new
 prints <<'END'
-Rule 2 of eth0 is this rule already: allow tcp 3 from anywhere  "three"; its name stays; its labels stay; "tarnfw rule move 2 1 --adapter eth0" puts it first
+Rule 2 of eth0 is this rule already: allow tcp 3 from anywhere  "three"; its name stays; its labels stay
 END
 silent
 rule add allow tcp 3 --reload
@@ -298,12 +298,38 @@ prints <<'END'
 Rule 2 of eth0 is this rule already: allow tcp 3 from anywhere  "three"
 END
 step 'nothing is written' diff "$out/before" <(stored)
+# One that is off is switched on.
 rule off 2
+rule add allow tcp 3 --disabled
+prints <<<'Rule 2 of eth0 is this rule already: [off] allow tcp 3 from anywhere  "three"'
+rule add allow tcp 3 --json
+step 'which is a change' [ "$(jq -c '[.changed, .rules[0].position, .messages[0]]' "$out/answer")" = \
+    '[true,2,"Rule 2 of eth0 is this rule already; switched on: allow tcp 3 from anywhere  \"three\""]' ]
 rule add allow tcp 3
+prints <<<'Rule 2 of eth0 is this rule already: allow tcp 3 from anywhere  "three"'
+# One that is to be the first is moved.
+rule off 2
+rule add allow tcp 3 --first
 prints <<'END'
-Rule 2 of eth0 is this rule already, but switched off: [off] allow tcp 3 from anywhere  "three"; "tarnfw rule on 2 --adapter eth0" switches it on
+Rule 2 of eth0 is this rule already; moved to position 1 and switched on: allow tcp 3 from anywhere  "three"
+Once the firewall is enabled: opens tcp 3 on eth0, for everybody
 END
-rule on 2
+rule add allow tcp 3 --first
+prints <<<'Rule 1 of eth0 is this rule already: allow tcp 3 from anywhere  "three"'
+rule move 1 2
+rule add deny tcp 3 from 10.0.0.9
+complains 'never takes effect: shadowed by rule 2 of eth0; at position 2 it does '
+rule add deny tcp 3 from 10.0.0.9
+says '^Rule 3 of eth0 is this rule already: '
+complains 'never takes effect: shadowed by rule 2 of eth0; at position 2 it does '
+rule add deny tcp 3 from 10.0.0.9 --first
+silent
+prints <<'END'
+Rule 3 of eth0 is this rule already; moved to position 1: deny tcp 3 from 10.0.0.9 (IPv4)
+Once the firewall is enabled: closes tcp 3 on eth0, for 10.0.0.9
+END
+rule delete 1
+step 'the two are as before' [ "$(names_of eth0)" = 'four three' ]
 # Another list, and another rule.
 answers 0 rule add allow tcp 3
 says '^Rule 2 of global: allow tcp 3 from anywhere$'

@@ -60,58 +60,68 @@ FW::FWRULE ruleOf(const RuleCommand& command, Machine& machine) {
 
 // ---- A rule that is there already ----
 
-/// The position of a rule that is the same as `rule`; 0 without one.
-std::size_t positionOf(const FW::FWRULE& rule, const FW::FWPROFILE& profile,
-                       const std::string& adapter) {
-    const auto list = profile.rules.find(adapter);
-    for (std::size_t i = 0; list != profile.rules.end() && i < list->second.size(); ++i) {
-        if (isSameRule(rule, list->second[i])) {
-            return i + 1;
+/// The position of a rule that is the same as `rule`, of one that is on if there is one; 0 without.
+/// To be the first one, the log of the denied does not count, which stays the last.
+std::size_t positionOf(const FW::FWRULE& rule, const Rules& rules, bool first) {
+    std::size_t found = 0;
+    for (std::size_t i = 0; i < rules.size(); ++i) {
+        const bool isMeant = isSameRule(rule, rules[i]) && !(first && isLogOfDenied(rules[i]));
+        if (isMeant && (found == 0 || (rules[i].enable && !rules[found - 1].enable))) {
+            found = i + 1;
         }
     }
-    return 0;
+    return found;
 }
 
-/// "Rule 3 of eth0 is this rule already: ...", and what is different about it.
-std::string alreadyText(const RuleCommand& command, const FW::FWRULE& wanted, const Rules& rules,
-                        std::size_t position) {
-    const Target& target = command.target;
-    const FW::FWRULE& there = rules[position - 1];
-    const std::string place = std::to_string(position) + optionsText(target);
-    std::string text =
-        "Rule " + std::to_string(position) + " of " + target.adapter + " is this rule already";
-    const bool isOff = wanted.enable && !there.enable;
-    text += (isOff ? ", but switched off: " : ": ") + ruleText(there);
-    if (isOff) {
-        text += "; \"tarnfw rule on " + place + "\" switches it on";
+/// What "rule add" does with a rule that is there already.
+struct Present {
+    std::size_t position = 0;  ///< 0: it is not there
+    std::size_t wanted = 0;    ///< where it goes: first with "--first"
+    bool switchOn = false;
+
+    bool changes() const { return wanted != position || switchOn; }
+};
+
+Present presentOf(const RuleCommand& command, const FW::FWRULE& rule, const Rules& rules) {
+    Present present;
+    present.position = positionOf(rule, rules, command.first);
+    if (present.position > 0) {
+        present.wanted = command.first ? reservedAtHead(rules) + 1 : present.position;
+        present.switchOn = rule.enable && !rules[present.position - 1].enable;
     }
+    return present;
+}
+
+/// "Rule 3 of eth0 is this rule already: ...", what is done with it, and what is different about
+/// it.
+std::string presentText(const Present& present, const FW::FWRULE& wanted, const FW::FWRULE& there,
+                        const Target& target) {
+    std::string text = "Rule " + std::to_string(present.position) + " of " + target.adapter +
+                       " is this rule already";
+    if (present.wanted != present.position) {
+        text += "; moved to position " + std::to_string(present.wanted);
+    }
+    if (present.switchOn) {
+        text += present.wanted != present.position ? " and switched on" : "; switched on";
+    }
+    text += ": " + ruleText(there);
     if (!wanted.name.empty() && wanted.name != there.name) {
         text += there.name.empty() ? "; it stays without a name" : "; its name stays";
     }
     if (!wanted.labelList.empty() && wanted.labelList != there.labelList) {
         text += "; its labels stay";
     }
-    const std::size_t first = reservedAtHead(rules) + 1;
-    if (command.first && position > first) {
-        text += "; \"tarnfw rule move " + std::to_string(position) + " " + std::to_string(first) +
-                optionsText(target) + "\" puts it first";
-    }
     return text;
 }
 
-/// Says that the rule is there already, if it is; nothing is stored then.
-bool isThereAlready(Context& context, const RuleCommand& command, const FW::FWRULE& rule) {
-    const Target& target = command.target;
-    const FW::FWPROFILE profile = context.store().profile(target.profile);
-    const std::size_t position = positionOf(rule, profile, target.adapter);
-    if (position == 0) {
-        return false;
-    }
+/// Says that the rule is there, as it is to be.
+void keepAsItIs(Context& context, const Target& target, const FW::FWPROFILE& profile,
+                std::size_t position, const std::string& text) {
     const Rules& rules = profile.rules.at(target.adapter);
     Notes notes;
     notes.ownOnly = true;
     addNotes(notes, profile, target, {position}, context.machine());
-    std::cout << printable(alreadyText(command, rule, rules, position)) << '\n';
+    std::cout << printable(text) << '\n';
     for (const std::string& line : notes.said) {
         std::cout << printable(line) << '\n';
     }
@@ -119,26 +129,47 @@ bool isThereAlready(Context& context, const RuleCommand& command, const FW::FWRU
     (*target.reload.report)["rules"].append(ruleDocument(rules, position, target));
     printWarnings(notes.warnings, *target.reload.report);
     finishUnchanged(context, profile, target.reload);
-    return true;
 }
 
 // ---- Commands ----
+
+/// Adds the rule to the list; or moves it and switches it on, where it is there already.
+Outcome addTo(Rules& rules, const RuleCommand& command, const FW::FWRULE& rule) {
+    const Present present = presentOf(command, rule, rules);
+    std::size_t position = command.first ? reservedAtHead(rules) + 1 : lastPositionForNew(rules);
+    FW::FWRULE added = rule;
+    if (present.position > 0) {
+        position = present.wanted;
+        added = rules[present.position - 1];
+        added.enable = added.enable || present.switchOn;
+        eraseAt(rules, present.position);
+    }
+    insertAt(rules, position, added);
+    Outcome outcome = changedAt(rules, position, command.target);
+    if (present.position > 0) {
+        outcome.said = {presentText(present, rule, added, command.target)};
+    }
+    outcome.saysEffect = true;
+    return outcome;
+}
 
 void add(const RuleCommand& command) {
     requireRoot();
     auto machine = std::make_unique<Machine>();
     const FW::FWRULE rule = ruleOf(command, *machine);
     Context context(StoreSession::Access::kChange, std::move(machine));
-    if (isThereAlready(context, command, rule)) {
+    const Target& target = command.target;
+    const FW::FWPROFILE profile = context.store().profile(target.profile);
+    const auto list = profile.rules.find(target.adapter);
+    const Present present =
+        list == profile.rules.end() ? Present() : presentOf(command, rule, list->second);
+    if (present.position > 0 && !present.changes()) {
+        keepAsItIs(context, target, profile, present.position,
+                   presentText(present, rule, list->second[present.position - 1], target));
         return;
     }
-    changeRules(context, command.target, [&](const FW::FWPROFILE& /*profile*/, Rules& rules) {
-        const std::size_t position =
-            command.first ? reservedAtHead(rules) + 1 : lastPositionForNew(rules);
-        insertAt(rules, position, rule);
-        Outcome outcome = changedAt(rules, position, command.target);
-        outcome.saysEffect = true;
-        return outcome;
+    changeRules(context, target, [&](const FW::FWPROFILE& /*profile*/, Rules& rules) {
+        return addTo(rules, command, rule);
     });
 }
 
@@ -432,12 +463,15 @@ void addRuleCommands(Command& app) {
     Command& rule = app.subcommand("rule", "Change the rules of a profile");
     rule.footer(kReservedHelp);
     const auto added = std::make_shared<RuleCommand>();
-    addRuleWriter(rule, "add", "Add a rule after the adapter's others", nullptr,
-                  "  tarnfw rule add allow tcp 8080\n"
-                  "  tarnfw rule add --adapter eth0 allow tcp 22,80,6000-6010 from 192.168.1.0/24\n"
-                  "  tarnfw rule add --adapter eth0 allow service smb from 10.0.0.5-10.0.0.9\n"
-                  "  tarnfw rule add deny from country CN,RU --log --name abroad --first",
-                  add, added)
+    addRuleWriter(
+        rule, "add", "Add a rule after the adapter's others", nullptr,
+        "  tarnfw rule add allow tcp 8080\n"
+        "  tarnfw rule add --adapter eth0 allow tcp 22,80,6000-6010 from 192.168.1.0/24\n"
+        "  tarnfw rule add --adapter eth0 allow service smb from 10.0.0.5-10.0.0.9\n"
+        "  tarnfw rule add deny from country CN,RU --log --name abroad --first\n"
+        "A rule that is there already is not added again. If it is off, it is switched on, "
+        "unless --disabled is given; --first moves it.",
+        add, added)
         .flag("--first", added->first, "Before the adapter's others");
     addRuleWriter(rule, "insert", "Insert a rule at a position, before the rule that is there now",
                   "Its position, from 1",
