@@ -157,7 +157,7 @@ ToolLock::ToolLock(const std::string& name, LockTime& time) : lock_(pathInRunDir
 
 StoreSession::StoreSession(Access access, LockTime time)
     : time_(time),
-      lock_(access == Access::kChange ? std::make_unique<ToolLock>(kStoreLock, time_) : nullptr) {
+      lock_(access == Access::kRead ? nullptr : std::make_unique<ToolLock>(kStoreLock, time_)) {
     FW::jsonFileLimit(kMostDocumentBytes);
     if (lock_) {
         undoInterruptedChange();

@@ -61,13 +61,15 @@ class StoreTransaction;
 class StoreSession {
 public:
     enum class Access {
-        kRead,    ///< no changes, and no lock except to end an interrupted change
-        kChange,  ///< under the store's lock: the library locks single files, and of two programs
-                  ///< that read and then write at the same time one would undo the other
+        kRead,     ///< no changes, and no lock except to end an interrupted change
+        kSettled,  ///< no changes, under the store's lock: for what relies on the documents, such
+                   ///< as a reload, which must not apply a change that may be undone yet
+        kChange,   ///< under the store's lock: the library locks single files, and of two programs
+                   ///< that read and then write at the same time one would undo the other
     };
 
-    /// Opens and reads the store. With kChange, waits for the lock and first ends an interrupted
-    /// change. One of many documents is undone, or kept if its rules were applied, see
+    /// Opens and reads the store. With kChange and kSettled, waits for the lock and first ends an
+    /// interrupted change. One of many documents is undone, or kept if its rules were applied, see
     /// applyChange(); a note says which. Of any other, truncated documents are restored; the
     /// damaged file is kept beside its document with ".damaged" after its name. With kRead, root
     /// ends an interrupted change of many documents as well; where the lock for it is not free

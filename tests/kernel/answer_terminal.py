@@ -3,10 +3,13 @@
     answer_terminal.py QUESTION ANSWER TARNFW ARGUMENT...
 
 The question is the end of the output before the answer is typed; an answer "EOF" is the end of
-the input. Prints what the tool says after it, and ends as the tool does; with 99, which the tool never
+the input, and "INTR" is Ctrl-C. The shell command in the variable MEANWHILE, if there is one, runs before the
+answer. Prints what the tool says after it, and ends as the tool does; with 99, which the tool never
 does, when that does not ask the question or does not end.
 """
 
+import os
+import subprocess
 import sys
 
 import pexpect
@@ -21,8 +24,12 @@ def drive(question, answer, program, arguments):
         program, arguments, timeout=SECONDS, encoding="utf-8", dimensions=(24, 500)
     )
     tool.expect_exact(question.replace("\n", "\r\n"))
+    if "MEANWHILE" in os.environ:
+        subprocess.run(["bash", "-c", os.environ["MEANWHILE"]], check=True)
     if answer == "EOF":
         tool.sendeof()
+    elif answer == "INTR":
+        tool.sendintr()
     else:
         tool.sendline(answer)
     tool.expect(pexpect.EOF)
@@ -33,6 +40,6 @@ def drive(question, answer, program, arguments):
 
 try:
     sys.exit(drive(*sys.argv[1:4], sys.argv[4:]))
-except (pexpect.EOF, pexpect.TIMEOUT) as error:
+except (pexpect.EOF, pexpect.TIMEOUT, subprocess.CalledProcessError) as error:
     print(error, file=sys.stderr)
     sys.exit(NOT_AS_EXPECTED)

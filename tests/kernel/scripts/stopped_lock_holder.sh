@@ -154,7 +154,7 @@ answers 0 profile copy deny_by_default home
 answers 0 profile use home
 answers 0 enable
 
-all_end /run/tarn/store.lock ofd disable "try $new"
+all_end /run/tarn/store.lock ofd disable reload "try $new"
 if [[ -v TARN_LONG ]]; then
     boot_protects /run/tarn/base_filter.lock ofd 'base up' 'base down'
     boot_protects /run/tarn/store.lock ofd

@@ -239,7 +239,7 @@ over_ssh 192.168.1.20 asked 0 "$kApplyQuestion" y rule off 2 --adapter eth0 --re
 step 'it is in the kernel' check_packets <<<'tcp4 192.168.1.10 22 blocked 192.168.1.20'
 answers 0 import --yes --reload "$out/open.json"
 
-# Commands that change every profile: known when it is stored, and undone.
+# Commands that change every profile.
 readonly kStored='; nothing was changed (--yes goes on anyway)$'
 answers 0 adapter rename eth0 eth7 --reload # nothing is denied on eth0 now
 keep_listing renamed
@@ -256,4 +256,36 @@ answers 0 adapter rename eth7 eth0
 over_ssh 192.168.1.21 answers 1 service update --reload </dev/null
 step 'the kernel has the old rules' same_listing renamed
 over_ssh 192.168.1.21 answers 0 service reserve ssh deny --adapter eth0 --reload --yes </dev/null
+step 'it is in the kernel' check_packets <<<'tcp4 192.168.1.10 22 blocked 192.168.1.21'
+
+# While a person is asked about such a change, nothing of it is stored: a reload that finds the old profile
+# is harmless, and what another program writes stays. A "y" after that would be about another profile.
+answers 0 service release ssh
+answers 0 rule add --adapter eth0 allow tcp 22 --reload # "undo" would lock this client out again
+keep_listing asked
+readonly kOther=$kProfileDirectory/written_meanwhile.json
+jq '.name = "written_meanwhile"' "$kProfileDirectory/deny_ssh_on_one_adapter.json" >/tmp/written_meanwhile.json
+
+# asked_meanwhile ANSWER STATUS COMMAND...: the profiles at the question are those of before, and what another
+# program wrote then is there after the answer.
+asked_meanwhile() {
+    local answer=$1 status=$2
+    shift 2
+    keep_files asked
+    MEANWHILE="cd / && find $kProfileDirectory -maxdepth 1 -name '*.json' -exec sha256sum -- {} + | LC_ALL=C sort |
+        diff - <(grep -v '/[.]' $out/asked.files) && cp /tmp/written_meanwhile.json $kOther" \
+        over_ssh 192.168.1.21 asked "$status" "$kApplyQuestion" "$answer" "$@" --reload
+    step 'what the other program wrote is there' cmp "$kOther" /tmp/written_meanwhile.json
+    rm -- "$kOther"
+    step 'the rest is as before' same_files asked
+    step 'and so is the kernel' same_listing asked
+}
+for command in 'undo 1' 'service reserve ssh deny --adapter eth0' 'rule delete --adapter eth0 allow tcp 22'; do
+    read -r -a words <<<"$command"
+    asked_meanwhile n 1 "${words[@]}"
+    asked_meanwhile INTR 130 "${words[@]}"
+    asked_meanwhile y 1 "${words[@]}"
+    says '^tarnfw: another program has changed profiles or settings meanwhile; nothing was changed$'
+done
+over_ssh 192.168.1.21 asked 0 "$kApplyQuestion" y service reserve ssh deny --adapter eth0 --reload
 step 'it is in the kernel' check_packets <<<'tcp4 192.168.1.10 22 blocked 192.168.1.21'

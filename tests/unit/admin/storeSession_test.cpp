@@ -536,6 +536,30 @@ TEST_F(StoreSessionTest, LeavesWhatAnotherProgramIsWriting) {
     EXPECT_TRUE(fs::exists(left));
 }
 
+TEST_F(StoreSessionTest, SettledOneIsNotOpenedDuringAChange) {
+    const LockTime brief(std::chrono::milliseconds(50));
+    const auto openSettled = [&] {
+        return errorOf([&] { StoreSession(StoreSession::Access::kSettled, brief); });
+    };
+    {
+        const StoreSession changing(StoreSession::Access::kChange);
+        const std::optional<Error> error = openSettled();
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->kind(), ErrorKind::kBusy);
+        EXPECT_FALSE(errorOf([&] { StoreSession(StoreSession::Access::kRead, brief); }));
+    }
+    EXPECT_FALSE(openSettled());
+    const StoreSession settled(StoreSession::Access::kSettled);
+    EXPECT_TRUE(errorOf([&] { StoreSession(StoreSession::Access::kChange, brief); }));
+}
+
+TEST_F(AppliedChangeTest, IsEndedByASettledSession) {
+    killedDuring([](StoreSession& /*session*/) {});
+    StoreSession session(StoreSession::Access::kSettled);
+    EXPECT_THAT(session.takeNotes(), ElementsAre(kUndone));
+    EXPECT_FALSE(homeIsNew());
+}
+
 TEST_F(StoreSessionTest, WaitsOnceForAllLocksOfDocumentsAndNamesOne) {
     StoreSession session(StoreSession::Access::kChange, LockTime(std::chrono::milliseconds(200)));
     const Pipe ready;

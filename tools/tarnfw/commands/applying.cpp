@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <iostream>
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -30,7 +31,7 @@ namespace tarnfw {
 namespace {
 
 StoreSession::Access allowed(StoreSession::Access access) {
-    if (access == StoreSession::Access::kChange) {
+    if (access != StoreSession::Access::kRead) {
         requireRoot();
     }
     return access;
@@ -173,17 +174,75 @@ void requireAppliable(Context& context, const FW::FWPROFILE& changed,
         return;
     }
     requireValidProfile(changed, context.machine());
-    requireSshAccess(changed, context.machine(), store.applyMode(), options.yes, kApplyAnyway);
+    askBeforeApplying(context, changed, options);
 }
 
-void confirmReload(Context& context, const ReloadOptions& options) {
+void askBeforeApplying(Context& context, const FW::FWPROFILE& profile,
+                       const ReloadOptions& options) {
+    const ApplyMode mode = context.store().applyMode();
+    const bool waits =
+        !options.yes && canAsk() && !sshWarning(profile, context.machine(), mode).empty();
+    const auto before = waits ? context.store().texts() : std::map<std::string, std::string>();
+    requireSshAccess(profile, context.machine(), mode, options.yes, kApplyAnyway);
+    if (waits) {
+        requireUntouched(before);
+    }
+}
+
+void requireUntouched(const std::map<std::string, std::string>& before) {
+    if (StoreSnapshot().texts() != before) {
+        throw Error(ErrorKind::kBusy,
+                    "another program has changed profiles or settings meanwhile; nothing was "
+                    "changed");
+    }
+}
+
+namespace {
+
+/// Called from a handler of `failure`: undoes the change, and throws the failure with what became
+/// of it.
+[[noreturn]] void undoAndThrow(Context& context, const Error& failure) {
+    const bool undone = context.session().undoChange();
+    if (undone && failure.kind() == ErrorKind::kDeclined) {
+        throw;  // it says that nothing was changed
+    }
+    throw Error(failure.kind(),
+                std::string(failure.what()) +
+                    (undone ? "; nothing was stored" : "; undoing the change failed, too"),
+                failure.place(), failure.remedy());
+}
+
+}  // namespace
+
+void writeWithConsent(Context& context, const ReloadOptions& options,
+                      const std::function<void()>& write) {
+    write();
     if (!context.applies(options) || !context.store().firewallEnabled()) {
         return;
     }
-    const FW::FWPROFILE& active = context.store().profile("");
-    warnAboutErrors(active, context.machine());
-    requireSshAccess(active, context.machine(), context.store().applyMode(), options.yes,
-                     kApplyAnyway);
+    std::optional<FW::FWPROFILE> judged;
+    try {
+        judged = context.store().profile("");
+        warnAboutErrors(*judged, context.machine());
+        const bool harmless =
+            sshWarning(*judged, context.machine(), context.store().applyMode()).empty();
+        if (harmless || options.yes || !canAsk()) {
+            askBeforeApplying(context, *judged, options);
+            return;
+        }
+    } catch (const Error& failure) {
+        undoAndThrow(context, failure);
+    }
+    // Nothing is written while a person thinks about it.
+    const ApplyMode mode = context.store().applyMode();
+    if (!context.session().undoChange()) {
+        throw Error(ErrorKind::kSystem, "undoing the change failed");
+    }
+    const std::map<std::string, std::string> before = context.store().texts();
+    requireSshAccess(*judged, context.machine(), mode, options.yes, kApplyAnyway);
+    requireUntouched(before);
+    context.session().holdChange();
+    write();
 }
 
 bool runWhole(const std::string& what, const std::function<bool()>& change,
@@ -255,22 +314,13 @@ namespace {
 
 /// Applies the active profile as it was changed, and keeps the change; or undoes it. Returns false
 /// when the change is kept and nothing was applied: the firewall is disabled.
-bool reloadChanged(Context& context, Report& report, const std::function<void()>& ask,
-                   const std::function<void()>& say) {
+bool reloadChanged(Context& context, Report& report, const std::function<void()>& say) {
     const SignalsWait wait;  // between the reload and the end of the change
     bool applied = false;
     try {
-        ask();
         applied = context.control().apply();
     } catch (const Error& failure) {
-        const bool undone = context.session().undoChange();
-        if (undone && failure.kind() == ErrorKind::kDeclined) {
-            throw;  // it says that nothing was changed
-        }
-        throw Error(failure.kind(),
-                    std::string(failure.what()) +
-                        (undone ? "; nothing was stored" : "; undoing the change failed, too"),
-                    failure.place(), failure.remedy());
+        undoAndThrow(context, failure);
     }
     context.session().keepChange();
     say();
@@ -402,8 +452,7 @@ void finishChange(Context& context, const std::string& profile, const ReloadOpti
         }
     };
     if (active && context.applies(options)) {
-        const auto asked = [] {};  // before it was stored
-        if (!reloadChanged(context, *options.report, asked, say)) {
+        if (!reloadChanged(context, *options.report, say)) {
             warnIfRefused();
         }
         return;
@@ -432,8 +481,7 @@ void finishChange(Context& context, const std::vector<std::string>& profiles,
         reportUnchangedKernel(context);
         return;
     }
-    const bool applied = reloadChanged(
-        context, *options.report, [&] { confirmReload(context, options); }, say);
+    const bool applied = reloadChanged(context, *options.report, say);
     std::vector<std::string> untried;
     for (const std::string& name : profiles) {
         if (!(applied && name == context.store().activeProfile())) {

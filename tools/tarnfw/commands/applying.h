@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -97,9 +98,20 @@ inline constexpr char kApplyAnyway[] = "Apply it anyway?";
 /// is connected over SSH. If not: only warns when it is invalid.
 void requireAppliable(Context& context, const FW::FWPROFILE& changed, const ReloadOptions& options);
 
-/// The same check of the active profile as it is stored now, for a command whose result is known
-/// only after its change.
-void confirmReload(Context& context, const ReloadOptions& options);
+/// Before a profile is applied: asks as requireSshAccess(). Throws Error, kBusy, if another program
+/// writes before the answer: the change is made from what was read.
+void askBeforeApplying(Context& context, const FW::FWPROFILE& profile,
+                       const ReloadOptions& options);
+
+/// As requireAppliable(), for a command whose result is known only after its change: `write` makes
+/// it, as a held one, and the active profile is judged as it is then stored. If somebody is to be
+/// asked, the change is undone for the time of the question, and made again after it. An invalid
+/// profile is only warned about.
+void writeWithConsent(Context& context, const ReloadOptions& options,
+                      const std::function<void()>& write);
+
+/// After a question: throws Error, kBusy, unless the documents hold what they held before it.
+void requireUntouched(const std::map<std::string, std::string>& before);
 
 // ---- The kernel ----
 

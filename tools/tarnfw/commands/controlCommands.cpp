@@ -73,6 +73,7 @@ void sayAfterRestart(Report& report) {
 void enable(bool yes, Report& report) {
     requireNoTrial();
     Context context(StoreSession::Access::kChange);
+    requireNoTrial();  // nor one that began while this waited for the store's lock
     report.setProfile(context.store().activeProfile());
     std::optional<SignalsWait> wait;  // from the answer on, to disable it again after a failure
     context.control().enable(context.machine(), [&](const FW::FWPROFILE& profile) {
@@ -180,9 +181,11 @@ bool isBaseDown() {
            });
 }
 
-/// Applies the active profile; with an interface only if it has lines for that.
+/// Applies the active profile, while nobody changes the store; with an interface only if it has
+/// lines for that.
 void applyAgain(bool yes, const std::string& interface, Report& report) {
-    Context context(StoreSession::Access::kRead);
+    Context context(StoreSession::Access::kSettled);
+    requireNoTrial();  // one that has begun meanwhile listens before it waits for the store's lock
     if (!interface.empty() &&
         !hasLinesFor(context.store().profile(""), interface, context.machine())) {
         report.setProfile(context.store().activeProfile());

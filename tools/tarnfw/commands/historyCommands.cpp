@@ -264,7 +264,7 @@ void undo(const UndoOptions& options) {
     print(differences);
     std::cout << std::flush;  // before a question
     const std::string active = context.store().activeProfile();
-    context.session().replaceDocuments(undone);
+    writeWithConsent(context, options.reload, [&] { context.session().replaceDocuments(undone); });
     std::vector<std::string> profiles = profilesIn(differences, context.store());
     if (context.store().activeProfile() != active) {
         profiles.push_back(context.store().activeProfile());  // its rules are to be in force now

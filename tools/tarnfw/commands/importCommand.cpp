@@ -411,8 +411,13 @@ std::optional<bool> importInto(Context& context, const Json::Value& document,
     if (options.dryRun) {
         return std::nullopt;
     }
+    const bool asks = !options.reload.yes;
+    const auto before = asks ? context.store().texts() : std::map<std::string, std::string>();
     requireConsent(options);
     requireWayBackIn(context, options, current, document);
+    if (asks) {
+        requireUntouched(before);
+    }
     makeProfileDirectory();
     std::string backup;
     if (!current[kConfigProfiles].empty()) {

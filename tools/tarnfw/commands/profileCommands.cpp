@@ -391,8 +391,7 @@ void use(const std::string& name, const ReloadOptions& reload) {
     requireReloadable(context, reload);
     requireValidProfile(profile, context.machine());  // a reload would leave the machine open
     if (context.applies(reload) && context.store().firewallEnabled()) {
-        requireSshAccess(profile, context.machine(), context.store().applyMode(), reload.yes,
-                         kApplyAnyway);
+        askBeforeApplying(context, profile, reload);
     }
     const SignalsWait wait;
     if (!already) {

@@ -67,10 +67,13 @@ std::vector<std::string> changedSince(const StoreSnapshot& store, const Profiles
 template <typename Change>
 void changeAll(Context& context, const std::string& done, const ReloadOptions& reload,
                const Profiles& before, Change change) {
-    if (!context.session().changeAllProfiles(
-            [&] { return runWhole("Changing the profiles", change); })) {
-        throw Error(ErrorKind::kSystem, "not every profile could be written; nothing was changed");
-    }
+    writeWithConsent(context, reload, [&] {
+        if (!context.session().changeAllProfiles(
+                [&] { return runWhole("Changing the profiles", change); })) {
+            throw Error(ErrorKind::kSystem,
+                        "not every profile could be written; nothing was changed");
+        }
+    });
     const std::vector<std::string> changed = changedSince(context.store(), before);
     Json::Value& names = (*reload.report)["profiles"] = Json::Value(Json::arrayValue);
     for (const std::string& name : changed) {
@@ -248,9 +251,11 @@ void release(const ReleaseOptions& options) {
         requireRelease(before, changed, options.reload.yes);
     }
     context.session().holdChange();  // all of them or none
-    for (const auto& [name, profile] : changed) {
-        context.session().storeProfile(profile);
-    }
+    writeWithConsent(context, options.reload, [&] {
+        for (const auto& [name, profile] : changed) {
+            context.session().storeProfile(profile);
+        }
+    });
     Json::Value& names = (*options.reload.report)["profiles"] = Json::Value(Json::arrayValue);
     for (const auto& [name, profile] : changed) {
         names.append(name);
