@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <functional>
 #include <iterator>
+#include <numeric>
 #include <set>
 #include <utility>
 
@@ -42,6 +43,9 @@ constexpr mode_t kPrivateFile = 0600;
 
 // In ".change/" and in an entry. No document has this name, which lacks ".json".
 constexpr char kRecord[] = "record";
+
+// Its name in an entry without copies.
+constexpr char kRecordAlone[] = "record_alone";
 
 // What is being written under another name.
 constexpr char kNewRecord[] = "record.new";
@@ -214,28 +218,54 @@ std::uintmax_t mostBytes(std::uintmax_t bytes) {
     return std::min<std::uintmax_t>(kHistoryBytes, (bytes + disk.f_bfree * disk.f_frsize) / 2);
 }
 
+/// Removes an entry's copies. The record gets its other name first, which needs no space: without
+/// them, it is never taken for an incomplete entry.
+void removeCopiesOf(unsigned long number) {
+    const std::string path = entryPath(number);
+    fs::rename(path + kRecord, path + kRecordAlone);
+    std::error_code ignored;
+    std::vector<fs::path> copies;
+    for (const fs::directory_entry& entry : fs::directory_iterator(path)) {
+        if (entry.path().filename() != kRecordAlone) {
+            copies.push_back(entry.path());
+        }
+    }
+    for (const fs::path& copy : copies) {
+        (void)fs::remove(copy, ignored);
+    }
+}
+
 /// Removes the oldest entries of too many, or of too large ones, and what was left of removing
-/// others. False when the last one is among them.
+/// others. False when the last one alone is too large: its record stays, so that what is before it
+/// is not taken for the last change.
 bool prune() {
     std::error_code ignored;
     const std::string gone = std::string(kHistoryDir) + kGone;
     (void)fs::remove_all(gone, ignored);
     const std::vector<unsigned long> numbers = entryNumbers();
-    std::vector<std::uintmax_t> upTo;  // bytes of each entry and those after it
-    upTo.reserve(numbers.size());
+    std::vector<std::uintmax_t> bytes;  // of each entry
+    bytes.reserve(numbers.size());
     for (const unsigned long number : numbers) {
-        upTo.push_back((upTo.empty() ? 0 : upTo.back()) + bytesIn(entryPath(number)));
+        bytes.push_back(bytesIn(entryPath(number)));
     }
-    const std::uintmax_t most = mostBytes(upTo.empty() ? 0 : upTo.back());
+    const std::uintmax_t most =
+        mostBytes(std::accumulate(bytes.begin(), bytes.end(), std::uintmax_t{0}));
+    const bool fits = bytes.empty() || bytes.front() <= most;
+    if (!fits) {
+        removeCopiesOf(numbers.front());
+        bytes.front() = 0;
+    }
+    std::uintmax_t upTo = 0;
     for (std::size_t i = 0; i < numbers.size(); ++i) {
-        if (i < kHistoryLength && upTo[i] <= most) {
+        upTo += bytes[i];
+        if (i < kHistoryLength && upTo <= most) {
             continue;
         }
         // Under another name first: it is an entry as a whole, or none.
         fs::rename(entryPath(numbers[i]), gone, ignored);
         (void)fs::remove_all(gone, ignored);
     }
-    return upTo.empty() || upTo.front() <= most;
+    return fits;
 }
 
 /// The entry of the change. Throws Error or a file system's error.
@@ -333,10 +363,14 @@ std::vector<unsigned long> entryNumbers() {
             numbers.push_back(std::stoul(name));
         }
     }
+    if (error == std::errc::permission_denied) {
+        throw Error(ErrorKind::kNoRights, std::string("cannot read ") + kHistoryDir + ": " +
+                                              error.message() +
+                                              "; changes are kept for root alone");
+    }
     if (error && error != std::errc::no_such_file_or_directory) {
-        throw Error(
-            error == std::errc::permission_denied ? ErrorKind::kNoRights : ErrorKind::kSystem,
-            std::string("cannot read ") + kHistoryDir + ": " + error.message());
+        throw Error(ErrorKind::kSystem,
+                    std::string("cannot read ") + kHistoryDir + ": " + error.message());
     }
     std::sort(numbers.begin(), numbers.end(), std::greater<>());
     return numbers;
@@ -350,7 +384,11 @@ std::optional<ChangeRecord> readRecord(unsigned long number) {
     ChangeRecord record;
     Json::Value document;
     try {
-        const auto text = readTextIfAny(entryPath(number) + kRecord);
+        auto text = readTextIfAny(entryPath(number) + kRecord);
+        if (!text) {
+            text = readTextIfAny(entryPath(number) + kRecordAlone);
+            record.hasCopies = false;
+        }
         if (!text || !parseAsStored(*text, document) || !document.isObject() ||
             !document[kDocuments].isObject()) {
             return std::nullopt;
@@ -363,7 +401,7 @@ std::optional<ChangeRecord> readRecord(unsigned long number) {
             const std::string path = kProfileDir + name;
             RecordedDocument& recorded = record.documents[path];
             recorded = {digestIn(member[kBefore]), digestIn(member[kAfter])};
-            if (recorded.before) {
+            if (recorded.before && record.hasCopies) {
                 const auto copy = readTextIfAny(entryPath(number) + name);
                 if (!copy || digestOf(path, *copy) != *recorded.before) {
                     return std::nullopt;

@@ -31,6 +31,7 @@ struct ChangeRecord {
     std::time_t time = 0;
     std::string command;
     std::map<std::string, RecordedDocument> documents;  // by path
+    bool hasCopies = true;
 };
 
 /// Where the entries are.
@@ -61,8 +62,8 @@ bool beginRecord(const DocumentTexts& copied, const std::vector<std::string>& pa
 
 /// After a change that was ended: makes an entry of the copies; or removes the copies, if no
 /// document has changed. Then removes the oldest entries while there are more than kHistoryLength,
-/// or they take more than 64 MiB, or more than what is free on their disk. Returns why there is no
-/// entry of a change; else an empty text.
+/// or they take more than 64 MiB, or more than what is free on their disk; of the last one, if it
+/// alone takes that, only the copies. Returns why a change cannot be undone; else an empty text.
 std::string keepRecord(const DocumentTexts& before, const DocumentTexts& now);
 
 /// The same for a change whose command was killed before it could do that: what the documents held

@@ -1,6 +1,10 @@
 #include "tarnfwadmin/storeHistory.h"
 
+#include <errno.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <utility>
 
@@ -47,15 +51,26 @@ std::string withStatusOf(const std::string& others, const std::string& text) {
     return settings.toStyledString();
 }
 
+/// Throws Error for an entry that another user may not read, which is not a missing one.
+void requireReadable(unsigned long number) {
+    if (access(entryPath(number).c_str(), R_OK | X_OK) != 0 && errno == EACCES) {
+        throw Error(ErrorKind::kNoRights, "cannot read " + entryPath(number) + ": " +
+                                              std::strerror(EACCES) +
+                                              "; changes are kept for root alone");
+    }
+}
+
 }  // namespace
 
 StoreHistory::StoreHistory() {
     for (const unsigned long number : entryNumbers()) {
         const std::optional<ChangeRecord> record = readRecord(number);
         if (!record) {
+            requireReadable(number);
             continue;  // not flushed before a power failure, or removed meanwhile
         }
-        HistoryEntry entry{entries_.size() + 1, record->time, record->command, {}};
+        HistoryEntry entry{
+            entries_.size() + 1, record->time, record->command, {}, record->hasCopies};
         std::map<std::string, std::string> before;
         std::map<std::string, std::string> after;
         for (const auto& [path, digests] : record->documents) {
@@ -89,22 +104,34 @@ const HistoryEntry& StoreHistory::entry(std::size_t number) const {
 /// What a document of change `number` held before it.
 std::optional<std::string> StoreHistory::textBefore(std::size_t number,
                                                     const std::string& path) const {
-    return before_[number - 1].count(path) == 0
-               ? std::nullopt
-               : std::optional(readText(copyIn(directories_[number - 1], path)));
+    if (before_[number - 1].count(path) == 0) {
+        return std::nullopt;
+    }
+    std::optional<std::string> text = readTextIfAny(copyIn(directories_[number - 1], path));
+    if (!text) {
+        throw Error(ErrorKind::kNotFound,
+                    "change " + std::to_string(number) + " is no longer kept");
+    }
+    return text;
 }
 
 StoreChange StoreHistory::changeOf(std::size_t number, const StoreSnapshot& store) const {
     const std::map<std::string, std::string> now = store.texts();
     StoreChange change;
+    if (!entry(number).undoable) {
+        return change;
+    }
     for (const std::string& path : entry(number).documents) {
-        if (const auto text = textBefore(number, path)) {
-            change.before[path] = *text;
-        }
         std::size_t later = number - 1;
         while (later > 0 && std::count(entries_[later - 1].documents.begin(),
                                        entries_[later - 1].documents.end(), path) == 0) {
             --later;
+        }
+        if (later > 0 && !entries_[later - 1].undoable) {
+            continue;  // what that one has found is lost
+        }
+        if (const auto text = textBefore(number, path)) {
+            change.before[path] = *text;
         }
         if (later == 0) {
             if (now.count(path) != 0) {
@@ -128,6 +155,13 @@ std::map<std::string, UndoneDocument> StoreHistory::undoing(std::size_t number,
     const std::map<std::string, std::string> now = store.texts();
     std::map<std::string, UndoneDocument> undone;
     for (std::size_t each = 1; each <= number; ++each) {  // what an earlier change found, counts
+        if (!entries_[each - 1].undoable) {
+            throw Error(ErrorKind::kUnusable,
+                        "change " + std::to_string(each) + " (" +
+                            printable(entries_[each - 1].command) +
+                            ") cannot be undone, nor those before it: it was too large to be kept, "
+                            "or the disk was nearly full; nothing was changed");
+        }
         for (const std::string& path : entries_[each - 1].documents) {
             undone[path] = {textBefore(each, path), copyIn(directories_[each - 1], path)};
         }

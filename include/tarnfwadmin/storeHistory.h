@@ -24,6 +24,7 @@ struct HistoryEntry {
     std::time_t time = 0;    ///< when it began
     std::string command;     ///< the command line, quoted as for a shell; empty if unknown
     std::vector<std::string> documents;  ///< the paths of what it wrote, made or removed, sorted
+    bool undoable = true;  ///< false: too large to be kept; what the documents held is lost
 };
 
 /// The texts of documents before and after a change, by path. A document that was not there is not
@@ -44,7 +45,7 @@ struct UndoneDocument {
 /// those that only enabled or disabled the firewall, which no undoing does.
 class StoreHistory {
 public:
-    /// Reads all of it. Throws Error: kNoRights, kSystem when it cannot be read.
+    /// Reads all of it. Throws Error, kNoRights or kSystem, when some of it cannot be read.
     StoreHistory();
 
     /// The last change first.
@@ -55,12 +56,15 @@ public:
 
     /// What that change did. `store` is the present one, which ends the last change. What other
     /// programs did since, without a StoreSession, counts as done by it. "status" of the settings
-    /// is no part of a change: both sides have that of before.
+    /// is no part of a change: both sides have that of before. Documents that are not known on both
+    /// sides are left out: those of a change that is not undoable, and what it has found. Throws
+    /// Error, kNotFound, for a change that is no longer kept.
     StoreChange changeOf(std::size_t number, const StoreSnapshot& store) const;
 
     /// What puts back the documents that change `number` and all later ones have changed, by path;
     /// without those that are as they were. "status" of the settings stays what it is now: only
-    /// enabling and disabling may change it.
+    /// enabling and disabling may change it. Throws Error, kUnusable, if one of these changes is
+    /// not undoable.
     std::map<std::string, UndoneDocument> undoing(std::size_t number,
                                                   const StoreSnapshot& store) const;
 

@@ -37,6 +37,17 @@ done
 answers 0 profile show
 says '^  1  *allow   tcp 22 '
 
+# The history is for root alone, unless an administrator has changed that.
+answers 4 history
+complains '^tarnfw: cannot read /usr/tarn/etc/firewall.d/.history/: Permission denied; changes are kept for root alone$'
+chmod a+rx "$kProfileDirectory/.history"
+answers 4 history
+complains '^tarnfw: cannot read /usr/tarn/etc/firewall.d/.history/[0-9]*/: Permission denied; changes are kept for root'
+chmod -R a+rX "$kProfileDirectory/.history"
+answers 0 history 1
+says '^  home: + rule 2 of eth0: allow service http from anywhere$'
+answers 0 history --json
+
 # --- what only root can see ------------------------------------------------------------------------
 
 answers 4 status

@@ -265,9 +265,51 @@ TEST_F(StoreHistoryTest, DeletionMakesRoomOnADiskThatIsNearlyFull) {
     ASSERT_EQ(before, 6 * kPage);
     StoreSession session(StoreSession::Access::kChange);
     ASSERT_TRUE(session.deleteProfile("other"));
-    EXPECT_EQ(freeBytes(), before + 5 * kPage);
+    EXPECT_EQ(freeBytes(), before + 4 * kPage);  // without that of the record
     EXPECT_THAT(session.takeNotes(), ElementsAre(HasSubstr("or the disk is nearly full")));
-    EXPECT_THAT(StoreHistory().entries(), IsEmpty());
+    EXPECT_FALSE(StoreHistory().entry(1).undoable);
+}
+
+TEST_F(StoreHistoryTest, ChangeThatIsTooLargeIsNoReasonToUndoAnOlderOne) {
+    constexpr off_t kTooMuch = 64 * 1024 * 1024;
+    setPort("81");
+    {
+        StoreSession session(StoreSession::Access::kChange);
+        ASSERT_TRUE(session.change([] {
+            const std::string copy = std::string(kProfileDir) + ".change/home.json";
+            const Descriptor file(open(copy.c_str(), O_WRONLY | O_CLOEXEC));
+            EXPECT_EQ(fallocate(file.get(), FALLOC_FL_KEEP_SIZE, 0, kTooMuch), 0);
+            writeDocument(kHomeFile, profile({rule()}));
+            return true;
+        }));
+        EXPECT_THAT(session.takeNotes(), ElementsAre(HasSubstr("it is too large, or the disk")));
+    }
+    EXPECT_FALSE(fs::exists(kHistory + "2/home.json"));
+    const std::string kept = contentOf(kHomeFile);
+    setPort("82");
+    const StoreHistory history;
+    const StoreSnapshot store;
+    ASSERT_EQ(history.entries().size(), 3U);  // the oldest is kept as well
+    EXPECT_FALSE(history.entry(2).undoable);
+    EXPECT_TRUE(history.entry(3).undoable);
+    EXPECT_THAT(lines(2), IsEmpty());
+    EXPECT_THAT(lines(3), IsEmpty());  // what the change after it has found is lost
+    for (const std::size_t number : {2U, 3U}) {
+        const std::optional<Error> error = errorOf([&] { (void)history.undoing(number, store); });
+        ASSERT_TRUE(error) << number;
+        EXPECT_EQ(error->kind(), ErrorKind::kUnusable);
+        EXPECT_THAT(error->what(), HasSubstr("change 2 ("));
+    }
+    undo(1);
+    EXPECT_EQ(contentOf(kHomeFile), kept);
+}
+
+TEST_F(StoreHistoryTest, EntryThatIsRemovedMeanwhileIsSaidToBe) {
+    setPort("81");
+    const StoreHistory history;
+    fs::remove_all(kHistory + "1");
+    expectError(ErrorKind::kNotFound, "change 1 is no longer kept",
+                [&] { (void)history.changeOf(1, StoreSnapshot()); });
 }
 
 TEST_F(StoreHistoryTest, OldestGoWhereTheyTakeTooMuchRoom) {

@@ -114,22 +114,33 @@ Json::Value jsonOf(const HistoryEntry& entry, const Differences& differences) {
     document["time"] = timeForPrograms(entry.time);
     document["command"] = textOrNull(entry.command);
     document["differences"] = jsonOf(differences);
+    document["undoable"] = entry.undoable;
     return document;
 }
+
+constexpr char kNotKept[] = "(too large to be kept: it cannot be undone, nor can those before it)";
 
 void listChanges(const StoreHistory& history, const StoreSnapshot& store, bool json) {
     Json::Value document;
     document["history"] = Json::Value(Json::arrayValue);
     Table table({"#", "When", "Command", "Change"});
     for (const HistoryEntry& entry : history.entries()) {
-        const Differences differences = differencesOf(history, entry, store);
+        Differences differences;
+        try {
+            differences = differencesOf(history, entry, store);
+        } catch (const Error& error) {
+            if (error.kind() != ErrorKind::kNotFound) {
+                throw;
+            }
+            continue;  // another command's change has taken its place since the list was read
+        }
         if (json) {
             document["history"].append(jsonOf(entry, differences));
         } else {
             table.addRow({{std::to_string(entry.number)},
                           {timeForPeople(entry.time)},
                           {commandOf(entry)},
-                          {summaryOf(differences)}});
+                          {entry.undoable ? summaryOf(differences) : kNotKept}});
         }
     }
     if (json) {
@@ -142,7 +153,6 @@ void listChanges(const StoreHistory& history, const StoreSnapshot& store, bool j
 }
 
 void showHistory(std::size_t number, bool json) {
-    requireRoot();
     const Context context(StoreSession::Access::kRead);
     const StoreHistory history;
     if (number == 0) {
@@ -158,6 +168,9 @@ void showHistory(std::size_t number, bool json) {
     std::cout << "Change " << number << ", " << timeForPeople(entry.time) << ": "
               << printable(commandOf(entry)) << '\n';
     print(differences);
+    if (!entry.undoable) {
+        std::cout << "  " << kNotKept << '\n';
+    }
 }
 
 // ---- undo ----
