@@ -10,6 +10,8 @@
 
 #include <json/json.h>
 
+#include "tarnfirewall/tarnFW.h"
+
 #include "store/changeRecord.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/error.h"
@@ -49,6 +51,23 @@ std::string withStatusOf(const std::string& others, const std::string& text) {
     }
     settings[kStatus] = from[kStatus];
     return settings.toStyledString();
+}
+
+/// The text of settings without "status".
+std::string withoutStatus(const std::string& text) {
+    Json::Value settings;
+    if (!parseAsStored(text, settings) || !settings.isObject() || !settings.isMember(kStatus)) {
+        return text;
+    }
+    settings.removeMember(kStatus);
+    return settings.toStyledString();
+}
+
+/// The active profile where there are no settings: the library writes the defaults.
+std::string activeWithoutSettings() {
+    Json::Value defaults;
+    FW::TARNFW().initJconfig(defaults);
+    return defaults["profile"].asString();
 }
 
 /// Throws Error for an entry that another user may not read, which is not a missing one.
@@ -145,6 +164,8 @@ StoreChange StoreHistory::changeOf(std::size_t number, const StoreSnapshot& stor
     const auto after = change.after.find(kSettingsFile);
     if (before != change.before.end() && after != change.after.end()) {
         after->second = withStatusOf(before->second, after->second);
+    } else if (after != change.after.end()) {
+        after->second = withoutStatus(after->second);  // it may have been enabled since
     }
     return change;
 }
@@ -224,6 +245,9 @@ void requireUndoable(const std::map<std::string, UndoneDocument>& undone,
     std::string active = store.activeProfile();
     for (const auto& [path, document] : undone) {
         Json::Value content;
+        if (path == kSettingsFile && !document.text) {
+            active = activeWithoutSettings();
+        }
         if (!document.text || !parseAsStored(*document.text, content) || !content.isObject()) {
             continue;
         }

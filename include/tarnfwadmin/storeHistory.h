@@ -56,7 +56,8 @@ public:
 
     /// What that change did. `store` is the present one, which ends the last change. What other
     /// programs did since, without a StoreSession, counts as done by it. "status" of the settings
-    /// is no part of a change: both sides have that of before. Documents that are not known on both
+    /// is no part of a change: both sides have that of before, or
+    /// none where there were no settings. Documents that are not known on both
     /// sides are left out: those of a change that is not undoable, and what it has found. Throws
     /// Error, kNotFound, for a change that is no longer kept.
     StoreChange changeOf(std::size_t number, const StoreSnapshot& store) const;

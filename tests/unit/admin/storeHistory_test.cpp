@@ -147,6 +147,46 @@ TEST_F(StoreHistoryTest, StatusStaysAsItIs) {
     EXPECT_THAT(lines(1), ElementsAre("~ apply mode: batch -> -"));
 }
 
+TEST_F(StoreHistoryTest, EnablingIsNoPartOfTheChangeThatWroteTheSettings) {
+    ASSERT_EQ(unlink(kSettingsFile), 0);
+    {
+        StoreSession session(StoreSession::Access::kChange);
+        session.setApplyMode(ApplyMode::kBatch);
+    }
+    Json::Value enabled;
+    enabled["status"] = true;
+    ASSERT_TRUE(FW::TARNFW().configSet(enabled));
+    const std::vector<std::string> said = lines(1);
+    EXPECT_THAT(said, testing::Contains("~ apply mode: - -> batch"));
+    EXPECT_THAT(said, testing::Not(testing::Contains(HasSubstr("firewall: "))));
+}
+
+TEST_F(StoreHistoryTest, WithoutSettingsTheDefaultProfileIsTheActiveOne) {
+    Json::Value defaults;
+    FW::TARNFW().initJconfig(defaults);
+    Json::Value document = profile({rule()});
+    document["name"] = defaults["profile"];
+    writeDocument(kOther, document);
+    ASSERT_EQ(unlink(kSettingsFile), 0);
+    {
+        StoreSession session(StoreSession::Access::kChange);
+        session.setApplyMode(ApplyMode::kBatch);
+    }
+    Json::Value other;
+    other["profile"] = "home";
+    ASSERT_TRUE(FW::TARNFW().configSet(other));
+    const auto undone = StoreHistory().undoing(1, StoreSnapshot());
+    ASSERT_FALSE(undone.at(kSettingsFile).text);
+    ASSERT_EQ(unlink(kHomeFile.c_str()), 0);  // the active one now, not the one of then
+    EXPECT_NO_THROW(requireUndoable(undone, StoreSnapshot()));
+    writeDocument(kHomeFile, profile({rule()}));
+    ASSERT_EQ(unlink(kOther.c_str()), 0);
+    expectError(ErrorKind::kUnusable,
+                "the active profile, \"" + defaults["profile"].asString() +
+                    "\", would be gone; nothing was changed",
+                [&] { requireUndoable(undone, StoreSnapshot()); });
+}
+
 TEST_F(StoreHistoryTest, DefaultsThatAreWrittenAreNoEntry) {
     ASSERT_EQ(unlink(kSettingsFile), 0);
     StoreSession session(StoreSession::Access::kChange);
