@@ -201,6 +201,8 @@ done
 refused_whole 5 '^tarnfw: service "ssh" is not reserved on "tun0"$' service release ssh --adapter tun0
 refused_whole 5 '^tarnfw: service "http" is not reserved; other rules name it: home; "tarnfw service release http --everywhere" removes it from them$' \
     service release http
+refused_whole 5 '^tarnfw: service "http" is not reserved on "eth0"; other rules name it: home; "tarnfw service release http --everywhere --adapter eth0" removes it from them$' \
+    service release http --adapter eth0
 answers 0 service release ssh
 prints <<'END'
 Service ssh released (changed: away, home)
@@ -274,7 +276,9 @@ allow http
 allow 9000
 END
 answers 0 service release ssh --everywhere
-prints <<<'Service ssh removed from all rules (no profile changed)'
+prints <<<'No rule names service ssh'
+answers 0 service release ssh --everywhere --adapter eth0
+prints <<<'No rule of eth0 names service ssh'
 # One that the catalogue has lost can still be released; its rule names nothing else and goes.
 answers 0 service release lost_service --everywhere --yes
 says '^Service lost_service removed from all rules (changed: home)$'

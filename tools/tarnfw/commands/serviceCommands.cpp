@@ -197,7 +197,11 @@ std::string otherRulesText(const ReleaseOptions& options, const Profiles& profil
     return own.empty()
                ? ""
                : "other rules name it: " + listed(namesOf(own)) + "; \"tarnfw service release " +
-                     printable(shellWord(options.service)) + " --everywhere\" removes it from them";
+                     printable(shellWord(options.service)) + " --everywhere" +
+                     (options.adapter.empty()
+                          ? ""
+                          : " --adapter " + printable(shellWord(options.adapter))) +
+                     "\" removes it from them";
 }
 
 /// Throws Error for a release of what is not reserved.
@@ -216,11 +220,16 @@ void requireReserved(const ReleaseOptions& options, const Profiles& before,
 /// Says what was released, and which rules name the service still.
 void sayReleased(const ReleaseOptions& options, const Profiles& before, const Profiles& changed) {
     const std::vector<std::string> names = namesOf(changed);
+    if (names.empty()) {
+        const std::string of = options.adapter.empty() ? "" : "of " + options.adapter + " ";
+        std::cout << printable("No rule " + of + "names service " + options.service) << '\n';
+        return;
+    }
     const std::string where = options.adapter.empty() ? "" : " on " + options.adapter;
     const std::string done =
         options.everywhere ? " removed from all rules" + where : " released" + where;
     std::cout << printable("Service " + options.service + done) << " ("
-              << (names.empty() ? "no profile changed" : "changed: " + listed(names)) << ")\n";
+              << "changed: " << listed(names) << ")\n";
     Profiles now = before;
     for (const auto& [name, profile] : changed) {
         now[name] = profile;
