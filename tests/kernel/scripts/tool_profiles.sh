@@ -116,6 +116,8 @@ for shown in /tmp/shown.json /tmp/codes.json /tmp/texts.json; do
     answers 0 profile create again --empty
     answers 0 profile set again --from "$shown"
     prints <<<'Profile "again" stored'
+    answers 0 profile set again --from "$shown"
+    prints <<<'Profile "again" is unchanged: it has this content already'
     step 'set' diff -u <(sed 's/"two words"/"again"/' /tmp/wanted.json) "$(file_of again)"
     answers 0 profile delete again
     answers 0 profile create again --empty

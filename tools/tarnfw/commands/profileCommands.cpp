@@ -312,8 +312,12 @@ void set(const std::string& name, const std::string& source, const ReloadOptions
     requireAppliable(context, profile, reload);
     context.session().storeProfile(profile);
     context.session().unlock();
-    finishChange(context, name, reload,
-                 [&] { std::cout << "Profile " << inQuotes(name) << " stored\n"; });
+    finishChange(context, name, reload, [&] {
+        std::cout << "Profile " << inQuotes(name)
+                  << (context.session().hasChanged()
+                          ? " stored\n"
+                          : " is unchanged: it has this content already\n");
+    });
 }
 
 void copy(const std::string& oldName, const std::string& newName, Report& report) {
