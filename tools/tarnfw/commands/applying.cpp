@@ -135,7 +135,10 @@ void addReloadFlag(Command& command, ReloadOptions& options, const char* yesHelp
         "--reload", options.wanted,
         "Apply the active profile afterwards. Not needed where \"base up\" has written "
         "the settings: there, changes of an enabled firewall are applied at once");
-    command.flag("--later", options.later, "Only store the change; \"tarnfw reload\" applies it")
+    command
+        .flag("--later", options.later,
+              "Only store the change; \"tarnfw reload\" applies it, and so does the "
+              "package's udev rule when an interface of the profile appears")
         .excludes(reload);
     command.flag("--yes", options.yes, yesHelp);
 }
