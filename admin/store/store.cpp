@@ -371,8 +371,10 @@ const FW::FWPROFILE& StoreSnapshot::profile(const std::string& name) const {
     try {
         FW::TARNFW_JSON_DB().jsonToProfile(document, profile);
     } catch (const Json::Exception&) {
-        throw Error(ErrorKind::kSystem, "profile " + inQuotes(wanted) + " cannot be read",
-                    {pathOf(wanted), "", std::nullopt});
+        throw Error(
+            ErrorKind::kSystem,
+            "profile " + inQuotes(wanted) + " cannot be read: it has a value of a wrong type",
+            {pathOf(wanted), "", std::nullopt}, Remedy::kCheckFiles);
     }
     return profiles_[wanted] = std::move(profile);
 }

@@ -173,7 +173,8 @@ printf '{"name": "odd", "adapterPolicyMap": {"eth0": "deny"}, "rules": {}}\n' \
 answers 0 profile list --json
 says '"name" : "odd"'
 step 'with nothing known of it' [ "$(grep -c ' : null' "$out/answer")" = 2 ]
-refused 1 '^tarnfw: profile "odd" cannot be read$' profile show odd
+refused 1 '^tarnfw: profile "odd" cannot be read: it has a value of a wrong type ("tarnfw check FILE" shows why)$' \
+    profile show odd
 rm -- "$kProfileDirectory/odd.json"
 
 # One that cannot be parsed has no name to be known by, and may be the one that is looked for.
