@@ -48,11 +48,18 @@ std::string changeText(const SettingDifference& difference) {
 
 // ---- Rules --------------------------------------------------------------------------------------
 
-/// An adapter's rules: what identifies each, and its words.
+/// An adapter's rules: what identifies each, its words, and its protocol, which the words leave out
+/// where services have protocols of their own; an update of the services sets it.
 struct RuleList {
     std::vector<std::string> keys;
     std::vector<std::string> texts;
+    std::vector<std::string> protocols;
 };
+
+template <typename List>
+bool contains(const List& list, const std::string& text) {
+    return std::find(list.begin(), list.end(), text) != list.end();
+}
 
 /// The words of a rule, with what ruleText() leaves out.
 std::string fullText(const FW::FWRULE& rule) {
@@ -77,6 +84,7 @@ std::map<std::string, RuleList> ruleLists(const FW::FWPROFILE& profile) {
             rule.removeMember("ruleIndex");
             list.keys.push_back(Json::writeString(builder, rule));
             list.texts.push_back(fullText(rules[i]));
+            list.protocols.push_back(protocolText(rules[i].protocol));
         }
     }
     return lists;
@@ -95,9 +103,15 @@ void addRules(const std::string& profile, const std::string& adapter, const Rule
         }
         const std::size_t position = isAdded ? added : removed;
         const RuleList& list = isAdded ? after : before;
-        differences.push_back({isAdded ? Kind::kAdded : Kind::kRemoved, profile, adapter, position,
-                               "rule " + std::to_string(position) + " of " + adapter + ": " +
-                                   list.texts[position - 1]});
+        const RuleList& other = isAdded ? before : after;
+        const std::string& words = list.texts[position - 1];
+        std::string text = "rule " + std::to_string(position) + " of " + adapter + ": ";
+        text += words;
+        if (contains(other.texts, words) && !contains(other.keys, list.keys[position - 1])) {
+            text += ", stored for " + list.protocols[position - 1];
+        }
+        differences.push_back(
+            {isAdded ? Kind::kAdded : Kind::kRemoved, profile, adapter, position, text});
     }
 }
 

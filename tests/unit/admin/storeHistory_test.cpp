@@ -470,6 +470,17 @@ TEST_F(StoreHistoryTest, RulesAndPoliciesInWords) {
                             "home: - rule 3 of global: [off] allow tcp 24 from anywhere"));
 }
 
+TEST_F(StoreHistoryTest, WhatAnUpdateOfServicesChangesIsToBeSeen) {
+    const char kReserved[] =
+        R"({"portGroup": 2, "ipGroup": 5, "portList": ["ftp"], "protocol": 3})";
+    const char kUpdated[] = R"({"portGroup": 2, "ipGroup": 5, "portList": ["ftp"], "protocol": 1})";
+    EXPECT_THAT(between(profile({rule(kReserved)}), profile({rule(kUpdated)})),
+                ElementsAre("home: - rule 1 of global: allow service ftp from anywhere, reserved, "
+                            "stored for tcp/udp",
+                            "home: + rule 1 of global: allow service ftp from anywhere, "
+                            "reserved, stored for tcp"));
+}
+
 TEST_F(StoreHistoryTest, SettingsInWords) {
     const auto between = [](const std::map<std::string, std::string>& before,
                             const std::map<std::string, std::string>& after) {
