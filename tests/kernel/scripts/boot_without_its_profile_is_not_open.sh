@@ -95,6 +95,7 @@ for mode in batch lines; do
         says_so 'the rules of the last successful reload'
     done
     answers 1 boot
+    step 'the failure is said once' [ "$(grep --count 'not applied at boot' "$out/complaint")" = 1 ]
     step 'a second try, as of a restarted service, changes nothing' same_listing enabled
     restore
     answers 0 reload

@@ -2,7 +2,6 @@
 /// boot: what the service runs.
 #include <fcntl.h>
 #include <stdlib.h>
-#include <syslog.h>
 
 #include <algorithm>
 #include <chrono>
@@ -30,6 +29,7 @@
 #include "commands/applying.h"
 #include "commands/commands.h"
 #include "commands/sshGuard.h"
+#include "process/heldLog.h"
 #include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/baseRecord.h"
@@ -490,7 +490,7 @@ void applyAtBoot(const std::string& failures, const LockTime& time, Report& repo
 [[noreturn]] void bootFailed(const std::exception& error, const std::string& inForce) {
     const BootFailure failure{error.what(), inForce};
     const std::string text = textOf(failure);
-    syslog(LOG_ERR, "%s", text.c_str());
+    logUnprinted(text);
     try {
         LockTime none(std::chrono::milliseconds::zero());
         const auto own = ownXtablesLockIfNeeded(none);

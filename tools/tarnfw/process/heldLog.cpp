@@ -37,6 +37,18 @@ bool isLogHeld() {
     return heldLog().holds;
 }
 
+void logUnprinted(const std::string& text) {
+    const bool holds = isLogHeld();
+    openlog("tarnfw", 0, LOG_USER);
+    heldLog().holds = false;
+    syslog(LOG_ERR, "%s", text.c_str());
+    if (holds) {
+        holdLog();
+    } else {
+        printLogAtOnce(/*withNumber=*/false);
+    }
+}
+
 void printAfterwards(const std::string& lines) {
     if (!isLogHeld()) {
         std::cerr << lines;

@@ -17,6 +17,9 @@ void printLogAtOnce(bool withNumber);
 /// Whether lines wait.
 bool isLogHeld();
 
+/// Writes an error to the system log alone: the command says it itself.
+void logUnprinted(const std::string& text);
+
 /// Adds a text of whole lines; lines that wait already are not added again. Prints the text when
 /// nothing waits.
 void printAfterwards(const std::string& lines);
