@@ -163,6 +163,8 @@ complains '^tarnfw: left out, without an interface now: eth7, pppoe, vpn$'
 answers 0 profile use nothing --reload
 answers 0 enable
 says '^After a restart: in force only if the system runs "tarnfw boot" at its start (systemd does not run here)$'
+complains '^tarnfw: open, because the profile does not mention them: eth0$'
+answers 0 policy eth0 allow --reload
 pretend_systemd
 answers 0 enable
 complains '^tarnfw: after a restart the firewall will not be in force: tarnfw.service is not enabled; "systemctl enable tarnfw" enables it$'

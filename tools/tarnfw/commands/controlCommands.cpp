@@ -12,6 +12,7 @@
 #include <vector>
 
 #include <json/json.h>
+#include <boost/algorithm/string/join.hpp>
 
 #include "cli/command.h"
 #include "cli/commandLine.h"
@@ -25,6 +26,7 @@
 #include "process/trialState.h"
 #include "tarnfwadmin/baseFilter.h"
 #include "tarnfwadmin/baseRecord.h"
+#include "tarnfwadmin/unlisted.h"
 
 namespace tarnfw {
 namespace {
@@ -70,6 +72,20 @@ void sayAfterRestart(Report& report) {
     }
 }
 
+/// Names the adapters that the enabled firewall leaves open.
+void warnOfOpenAdapters(Context& context) {
+    std::vector<std::string> open;
+    for (const UnlistedAdapter& adapter :
+         unlistedAdapters(context.store().profile(""), context.machine())) {
+        if (adapter.open) {
+            open.push_back(adapter.name);
+        }
+    }
+    if (!open.empty()) {
+        warn("open, because the profile does not mention them: " + boost::join(open, ", "));
+    }
+}
+
 void enable(bool yes, Report& report) {
     requireNoTrial();
     Context context(StoreSession::Access::kChange);
@@ -89,6 +105,7 @@ void enable(bool yes, Report& report) {
     if (!skipped.empty()) {
         warn(skipped);
     }
+    warnOfOpenAdapters(context);
     putPoliciesBack();
     forgetTrial(context);
     sayAfterRestart(report);
