@@ -18,6 +18,7 @@
 #include "tarnfirewall/fwGeoip.h"
 
 #include "fwLog.h"
+#include "fwRawProtocols.h"
 
 namespace FW {
 namespace {
@@ -187,19 +188,6 @@ void appendPorts(std::int32_t protocol, bool sourceSide, const std::vector<std::
 
 // ---- Services ----
 
-constexpr std::size_t kMaxRawProtocols = 4;
-
-/// A service that needs IP protocols besides its ports.
-struct RawProtocols {
-    const char* service;
-    std::int32_t numbers[kMaxRawProtocols];  // 0 ends the list early
-};
-
-constexpr RawProtocols kRawProtocols[] = {
-    {"vpn_server_pptp", {47}},       // GRE
-    {"vpn_server_ipsec", {50, 51}},  // ESP and AH
-};
-
 using PortsByProtocol = std::map<FW_PORT_PROTOCOL, Texts>;
 
 void appendServicePorts(const PortsByProtocol& portsByProtocol, bool sourceSide, Texts& fragments) {
@@ -211,17 +199,9 @@ void appendServicePorts(const PortsByProtocol& portsByProtocol, bool sourceSide,
 }
 
 void appendRawProtocols(const std::string& service, Texts& fragments) {
-    for (const RawProtocols& entry : kRawProtocols) {
-        if (service != entry.service) {
-            continue;
-        }
-        for (const std::int32_t number : entry.numbers) {
-            if (number == 0) {
-                break;
-            }
-            fragments.push_back("-p " + boost::lexical_cast<std::string>(number) + " ");
-        }
-    }
+    forEachRawProtocol(service, [&](std::int32_t number) {
+        fragments.push_back("-p " + boost::lexical_cast<std::string>(number) + " ");
+    });
 }
 
 }  // namespace

@@ -1,0 +1,224 @@
+/// What a profile means, exactly: which packets it lets through, rule by rule.
+///
+/// A profile is first resolved: its rules become sets of packets in the order in which the packet
+/// filter tries them, with everything that the translation into iptables lines does to them. The
+/// operations on resolved rules then answer questions about single packets and about whole sets.
+///
+/// Nothing here reads a file, runs a program or takes a lock: what the machine contributes is
+/// given in an FWENVIRONMENT. Nothing here logs; what is wrong with a profile is an FWFINDING.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tarnfirewall/fwExport.h"
+#include "tarnfirewall/fwTypes.h"
+
+namespace FW {
+
+// ---- Packets ----
+
+enum FW_CHAIN : std::uint8_t {
+    FW_CHAIN_INPUT = 0,   ///< packets for the machine itself: INPUT_FIREWALL
+    FW_CHAIN_FORWARD = 1  ///< packets that it passes on: FORWARD_FIREWALL
+};
+
+enum FW_FAMILY : std::uint8_t { FW_FAMILY_V4 = 0, FW_FAMILY_V6 = 1 };
+
+/// The state of the connection that a packet belongs to.
+enum FW_STATE : std::uint8_t {
+    FW_STATE_NEW = 0,
+    FW_STATE_ESTABLISHED = 1,
+    FW_STATE_RELATED = 2,
+    FW_STATE_INVALID = 3,
+    FW_STATE_UNTRACKED = 4
+};
+
+// Masks of these codes: bit 1 << code.
+inline constexpr std::uint8_t FW_BOTH_CHAINS = 0x03;
+inline constexpr std::uint8_t FW_BOTH_FAMILIES = 0x03;
+inline constexpr std::uint8_t FW_ALL_STATES = 0x1f;
+
+/// An address as a number of 128 bits. An IPv4 address is the upper 32 of them, so that all
+/// addresses of either family are the same interval, 0 to the greatest number, and a single IPv4
+/// address is the interval of all numbers that begin with its 32 bits.
+struct FWADDRESS {
+    std::uint64_t high = 0;
+    std::uint64_t low = 0;
+};
+
+/// Addresses, both ends included: `first` of an IPv4 interval ends with 96 zeros, `last` with 96
+/// ones.
+struct FWADDRESSINTERVAL {
+    FWADDRESS first;
+    FWADDRESS last;
+};
+
+/// Sorted, disjoint and not adjacent.
+using FWADDRESSES = std::vector<FWADDRESSINTERVAL>;
+
+/// Ports, protocol numbers or ICMP types, both ends included.
+struct FWINTERVAL {
+    std::uint16_t first = 0;
+    std::uint16_t last = 0;
+};
+
+/// Sorted, disjoint and not adjacent; empty stands for any value.
+using FWINTERVALS = std::vector<FWINTERVAL>;
+
+/// A set of interface names. An entry is a name, "eth0", or the beginning of names, "tun+"; "+"
+/// alone is every name. The longest entry that fits a name decides, a name before a beginning:
+/// the name is in the set when that entry is one of `names`.
+struct FWINTERFACES {
+    std::vector<std::string> names;
+    std::vector<std::string> except;
+};
+
+/// A set of packets: those whose every field has one of the values given for it. A null pointer
+/// and an empty list stand for any value, also for packets that do not have such a field.
+struct FWPACKETSET {
+    std::uint8_t chains = FW_BOTH_CHAINS;        ///< mask of FW_CHAIN
+    std::uint8_t families = FW_BOTH_FAMILIES;    ///< mask of FW_FAMILY; one where addresses are
+    std::shared_ptr<const FWINTERFACES> in;      ///< interface through which they came in
+    std::shared_ptr<const FWINTERFACES> out;     ///< and leave, in the chain FW_CHAIN_FORWARD
+    FWINTERVALS protocols;                       ///< IP protocol numbers
+    std::shared_ptr<const FWADDRESSES> sources;  ///< their addresses
+    std::shared_ptr<const FWADDRESSES> destinations;
+    FWINTERVALS sourcePorts;              ///< of TCP and UDP
+    FWINTERVALS destinationPorts;         ///< of TCP and UDP
+    FWINTERVALS icmpTypes;                ///< of ICMP and ICMPv6
+    std::uint8_t states = FW_ALL_STATES;  ///< mask of FW_STATE
+};
+
+/// One packet. A field without a value is not known, or the packet has none. In the chain
+/// FW_CHAIN_INPUT `out` is not read.
+struct FWPACKET {
+    std::optional<FW_CHAIN> chain;
+    std::optional<FW_FAMILY> family;
+    std::optional<std::string> in;  ///< "eth0"
+    std::optional<std::string> out;
+    std::optional<std::uint8_t> protocol;  ///< of IPv6 the one after the extension headers
+    std::optional<FWADDRESS> source;       ///< of IPv4 the first number of the address's interval
+    std::optional<FWADDRESS> destination;
+    std::optional<std::uint16_t> sourcePort;
+    std::optional<std::uint16_t> destinationPort;
+    std::optional<std::uint8_t> icmpType;
+    std::optional<FW_STATE> state;
+};
+
+// ---- Resolved rules ----
+
+/// What happens to a packet.
+enum FW_PACKET_VERDICT : std::uint8_t {
+    FW_PACKET_ACCEPT = 0,  ///< accepted, and no later chain sees it: the fixed lines
+    FW_PACKET_NEXT = 1,    ///< leaves the firewall's chain, where rules of others still apply:
+                           ///< what a rule allows, and what no rule matches
+    FW_PACKET_DROP = 2     ///< dropped: what a rule denies
+};
+
+/// Where a resolved rule comes from.
+enum FW_ORIGIN : std::uint8_t {
+    FW_ORIGIN_LOOPBACK = 0,     ///< fixed line: packets of the machine to itself
+    FW_ORIGIN_NEIGHBOURS = 1,   ///< fixed line: neighbour discovery of IPv6
+    FW_ORIGIN_ESTABLISHED = 2,  ///< fixed line: established and related connections
+    FW_ORIGIN_RULE = 3,         ///< a rule of the profile
+    FW_ORIGIN_DEFAULT = 4,      ///< the default policy of an adapter
+    FW_ORIGIN_END = 5           ///< none: no rule matches
+};
+
+struct FWPLACE {
+    FW_ORIGIN origin = FW_ORIGIN_END;
+    std::string adapter;        ///< of a rule or default policy
+    std::int32_t position = 0;  ///< of a rule: its position in the adapter's list, from 1
+};
+
+/// One step of the packet filter. A rule of the profile becomes several: one for each protocol,
+/// and for each family where it has addresses.
+struct FWRESOLVEDRULE {
+    FWPACKETSET packets;
+    FW_PACKET_VERDICT verdict = FW_PACKET_NEXT;
+    bool log = false;  ///< the packets are logged as well
+    FWPLACE place;
+};
+
+/// Something wrong with a profile, or a question that was too complex to answer.
+struct FWFINDING {
+    FWPLACE place;
+    std::string text;  ///< "\"10.0.0.256\" is not an IPv4 address"
+};
+
+// ---- Resolving ----
+
+/// Masks with gaps are expanded into intervals, up to this many an address.
+inline constexpr std::size_t FW_MASK_INTERVALS = 4096;
+
+/// What the meaning of a profile depends on besides the profile.
+struct FWENVIRONMENT {
+    /// The interfaces of each adapter that has any now, see fwAdaptersNow() and fwAdaptersByName().
+    /// An adapter that is missing here is skipped, with its rules and its default policy.
+    std::map<std::string, FWINTERFACES> adapters;
+
+    /// By adapter: the interface that routes IPv6 for it, where that is another one. The rules of
+    /// the adapter are repeated there for IPv6.
+    std::map<std::string, std::string> tunnels;
+
+    /// The services that are usable for the firewall, with their ports, by name.
+    std::map<std::string, ServPort> services;
+
+    /// The addresses of a country; null when the database has none for the family. Without a
+    /// function there are no countries.
+    std::function<std::shared_ptr<const FWADDRESSES>(const std::string& country, FW_FAMILY family)>
+        countries;
+
+    /// Whether packets of established connections are accepted, except from this address.
+    bool acceptEstablished = true;
+    std::string exceptedIp;  ///< "10.0.0.5" or "fe80::1"; empty for none
+
+    /// Whether the lines are for apply mode "batch", where a rule with an IPv4 address is never
+    /// repeated for a tunnel. In "lines" one with the prefix length 0 is.
+    bool batch = false;
+};
+
+/// The adapters that have an interface now: each interface by its name, "global", "pppoe" when
+/// `pppoe` names its interface, and "vpn" when there is any VPN interface.
+TARNFW_EXPORT std::map<std::string, FWINTERFACES> fwAdaptersNow(
+    const std::vector<std::string>& interfaces, const std::string& pppoe);
+
+/// All adapters of a profile, whether their interfaces exist or not: "vpn" as the names "ppp..."
+/// without `pppoe` and "tun..." without "tun1000".
+TARNFW_EXPORT std::map<std::string, FWINTERFACES> fwAdaptersByName(const FWPROFILE& profile,
+                                                                   const std::string& pppoe);
+
+struct FWRESOLVED {
+    std::vector<FWRESOLVEDRULE> rules;  ///< in the order in which the packet filter tries them
+    std::vector<FWFINDING> findings;    ///< rules that are left out, because iptables would refuse
+                                        ///< a line of theirs or the translation fails, and rules
+                                        ///< with lines in chains of others
+};
+
+/// The resolved rules of a profile: the fixed lines, then the rules of "global", then those of the
+/// other adapters in byte order, each list with its default policy at the end. Rules that yield no
+/// line are not among them.
+/// Texts are read as iptables reads them: "10/8" is 10.0.0.0/8 and "010.0.0.1" is 8.0.0.1. Names of
+/// hosts and of ports, ports above 65535 and texts with a blank in them are findings, even where
+/// iptables does not refuse them: it asks a name server, or makes 4464 of the UDP port 70000.
+TARNFW_EXPORT FWRESOLVED fwResolve(const FWPROFILE& profile, const FWENVIRONMENT& environment);
+
+/// A list of intervals in any order, sorted and joined where they overlap or are adjacent. Those
+/// that run backwards are left out.
+TARNFW_EXPORT FWADDRESSES fwAddressesFrom(const std::vector<FWADDRESSINTERVAL>& intervals);
+
+/// The interval of one address in the syntax of inet_pton(); nothing for any other text.
+TARNFW_EXPORT std::optional<FWADDRESSINTERVAL> fwAddressFrom(const std::string& text,
+                                                             FW_FAMILY family);
+
+/// "10.0.0.1" or "fe80::1".
+TARNFW_EXPORT std::string fwAddressText(const FWADDRESS& address, FW_FAMILY family);
+
+}  // namespace FW

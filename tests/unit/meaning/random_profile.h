@@ -1,0 +1,74 @@
+/// Random profiles whose rules overlap each other in every field, and packets at and beside the
+/// edges of rules.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "fake_platform.h"
+#include "tarnfirewall/fwMeaning.h"
+
+#include "iptables_lines.h"
+
+using Random = std::mt19937;
+
+/// A number from 0 to `count` - 1.
+inline int pick(Random& random, int count) {
+    return static_cast<int>(random() % static_cast<unsigned>(count));
+}
+
+/// How many profiles a test takes, in the short or in the long run.
+int countOf(int shortRun, int longRun);
+
+template <typename List>
+const typename List::value_type& oneOf(Random& random, const List& list) {
+    return list[random() % list.size()];
+}
+
+/// A profile with the machine that it is for.
+struct RandomCase {
+    FW::FWPROFILE profile;
+    bool batch = false;
+    FW::FWENVIRONMENT environment;
+    std::vector<std::string> interfaces;  ///< names to send packets through
+};
+
+/// The countries of the tests, for the library's files and for both evaluators.
+class TestCountries {
+public:
+    explicit TestCountries(unsigned seed);
+
+    /// Writes the database files.
+    void store() const;
+
+    const CountryRanges& ranges() const { return ranges_; }
+
+    /// For FWENVIRONMENT::countries.
+    std::shared_ptr<const FW::FWADDRESSES> find(const std::string& country,
+                                                FW::FW_FAMILY family) const;
+
+private:
+    CountryRanges ranges_;
+    std::map<std::pair<std::string, int>, std::shared_ptr<const FW::FWADDRESSES>> lists_;
+};
+
+/// Makes a profile of up to `rules` rules an adapter and sets the platform's answers for it.
+RandomCase makeCase(Random& random, int rules, const TestCountries& countries,
+                    FakePlatform& platform);
+
+/// A packet at or beside the edges of a random line.
+LinePacket makePacket(Random& random, const FamilyLines& lines,
+                      const std::vector<std::string>& interfaces);
+
+/// The same packet for the engine.
+FW::FWPACKET packetOf(const LinePacket& packet);
+
+FW::FWADDRESS addressOf(const Bytes& bytes);
+
+// Describe what failed.
+std::string textOf(const LinePacket& packet);
+std::string textOf(const FamilyLines& lines);

@@ -1,0 +1,466 @@
+// Profiles as sets of packets: the same verdicts as the lines of the translation, and what single
+// texts mean.
+
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "library_test.h"
+#include "tarnfirewall/fwMeaning.h"
+
+#include "iptables_lines.h"
+#include "packet_set.h"
+#include "random_profile.h"
+
+namespace {
+
+using FW::FWADDRESSES;
+using FW::FWENVIRONMENT;
+using FW::FWPROFILE;
+using FW::FWRESOLVED;
+using FW::FWRESOLVEDRULE;
+using FW::FWRULE;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+using ::testing::ValuesIn;
+
+using Texts = std::vector<std::string>;
+
+FWENVIRONMENT environmentOf(const std::vector<std::string>& interfaces) {
+    FWENVIRONMENT environment;
+    environment.adapters = FW::fwAdaptersNow(interfaces, "");
+    environment.acceptEstablished = false;
+    return environment;
+}
+
+FWRULE anyRule() {
+    FWRULE rule;
+    rule.ipGroup = FW::FW_IP_GROUP_ANY;
+    rule.portGroup = FW::FW_PORT_GROUP_ANY;
+    return rule;
+}
+
+FWRULE addressRule(int group, const Texts& list, int type = FW::FW_IP_TYPE_V4) {
+    FWRULE rule = anyRule();
+    rule.ipGroup = group;
+    rule.ipType = type;
+    rule.ipList = list;
+    return rule;
+}
+
+FWRULE portRule(const Texts& ports) {
+    FWRULE rule = anyRule();
+    rule.portGroup = FW::FW_PORT_GROUP_PORTS;
+    rule.portList = ports;
+    return rule;
+}
+
+FWRESOLVED resolve(const std::vector<FWRULE>& rules,
+                   const FWENVIRONMENT& environment = environmentOf({"eth0"})) {
+    FWPROFILE profile;
+    profile.rules["eth0"] = rules;
+    return FW::fwResolve(profile, environment);
+}
+
+/// The resolved rules without the fixed lines.
+std::vector<FWRESOLVEDRULE> rulesOf(const FWRESOLVED& resolved) {
+    std::vector<FWRESOLVEDRULE> rules;
+    for (const FWRESOLVEDRULE& rule : resolved.rules) {
+        if (rule.place.origin >= FW::FW_ORIGIN_RULE) {
+            rules.push_back(rule);
+        }
+    }
+    return rules;
+}
+
+Texts findingsOf(const FWRESOLVED& resolved) {
+    Texts texts;
+    for (const FW::FWFINDING& finding : resolved.findings) {
+        texts.push_back(finding.place.adapter + " " + std::to_string(finding.place.position) +
+                        ": " + finding.text);
+    }
+    return texts;
+}
+
+/// "10.0.0.0-10.255.255.255", or "any".
+Texts addressTexts(const FWADDRESSES* addresses, FW::FW_FAMILY family) {
+    if (addresses == nullptr) {
+        return {"any"};
+    }
+    Texts texts;
+    for (const FW::FWADDRESSINTERVAL& one : *addresses) {
+        texts.push_back(FW::fwAddressText(one.first, family) + "-" +
+                        FW::fwAddressText(one.last, family));
+    }
+    return texts;
+}
+
+/// "22-22", or "any".
+Texts intervalTexts(const FW::FWINTERVALS& intervals) {
+    Texts texts;
+    for (const FW::FWINTERVAL& one : intervals) {
+        texts.push_back(std::to_string(one.first) + "-" + std::to_string(one.last));
+    }
+    return intervals.empty() ? Texts{"any"} : texts;
+}
+
+// ---- The same as the lines ----
+
+class ResolveRandomTest : public LibraryTest {};
+
+/// The first resolved rule that has the packet.
+const FWRESOLVEDRULE* firstMatch(const FWRESOLVED& resolved, const FW::FWPACKET& packet) {
+    for (const FWRESOLVEDRULE& rule : resolved.rules) {
+        if (hasPacket(rule.packets, packet)) {
+            return &rule;
+        }
+    }
+    return nullptr;
+}
+
+bool hasRefusedLine(const FamilyLines& lines, const FW::FWPLACE& place) {
+    for (const std::vector<Line>& family : lines) {
+        for (const Line& line : family) {
+            if (line.refused && line.adapter == place.adapter && line.position == place.position) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+std::string outcomeOf(const FWRESOLVEDRULE* rule) {
+    if (rule == nullptr) {
+        return "RETURN";
+    }
+    static const char* const kTargets[] = {"ACCEPT", "RETURN", "DROP"};
+    return std::string(kTargets[rule->verdict]) + (rule->log ? " logged" : "") + " by " +
+           rule->place.adapter + " " + std::to_string(rule->place.position);
+}
+
+std::string outcomeOf(const LineVerdict& verdict) {
+    if (verdict.decider == nullptr) {
+        return verdict.target;
+    }
+    return verdict.target + (verdict.logged ? " logged" : "") + " by " + verdict.decider->adapter +
+           " " +
+           (verdict.decider->adapter.empty() ? "0" : std::to_string(verdict.decider->position));
+}
+
+TEST_F(ResolveRandomTest, VerdictsAreThoseOfTheLines) {
+    const TestCountries countries(1);
+    countries.store();
+    const int profiles = countOf(200, 5000);
+    for (int number = 0; number < profiles; ++number) {
+        Random random(static_cast<unsigned>(number));
+        const RandomCase made = makeCase(random, 8, countries, platform_);
+        const FamilyLines lines = linesOfProfile(made.profile, made.batch, countries.ranges());
+        const FWRESOLVED resolved = FW::fwResolve(made.profile, made.environment);
+        for (const FW::FWFINDING& finding : resolved.findings) {
+            ASSERT_TRUE(hasRefusedLine(lines, finding.place))
+                << "profile " << number << ": " << finding.text << textOf(lines);
+        }
+        for (int i = 0; i < 500; ++i) {
+            const LinePacket packet = makePacket(random, lines, made.interfaces);
+            ASSERT_EQ(outcomeOf(firstMatch(resolved, packetOf(packet))),
+                      outcomeOf(decideByLines(lines, packet)))
+                << "profile " << number << ", " << textOf(packet) << textOf(lines);
+        }
+    }
+}
+
+// ---- Addresses, as the tool prints them ----
+
+struct AddressCase {
+    std::string text;
+    FW::FW_FAMILY family;
+    Texts addresses;  // none: refused
+};
+
+std::ostream& operator<<(std::ostream& stream, const AddressCase& c) {
+    return stream << c.text;
+}
+
+constexpr FW::FW_FAMILY kV4 = FW::FW_FAMILY_V4;
+constexpr FW::FW_FAMILY kV6 = FW::FW_FAMILY_V6;
+
+const AddressCase kAddressCases[] = {
+    {"10.0.0.1", kV4, {"10.0.0.1-10.0.0.1"}},
+    {"10", kV4, {"10.0.0.0-10.0.0.0"}},
+    {"10/8", kV4, {"10.0.0.0-10.255.255.255"}},
+    {"010.0.0.1", kV4, {"8.0.0.1-8.0.0.1"}},
+    {"0x0a.0.0.1", kV4, {"10.0.0.1-10.0.0.1"}},
+    {"10.0.0.1/0x8", kV4, {"10.0.0.0-10.255.255.255"}},
+    {"10.0.0.1/+8", kV4, {"10.0.0.0-10.255.255.255"}},
+    {"10.1.2.3/255.255.255.0", kV4, {"10.1.2.0-10.1.2.255"}},
+    {"10.1.2.3/255.255.255.252,10.1.2.1", kV4, {"10.1.2.0-10.1.2.3"}},
+    {"10.0.0.1,10.0.0.9", kV4, {"10.0.0.1-10.0.0.1", "10.0.0.9-10.0.0.9"}},
+    {"10.1.2.3/255.255.255.250", kV4, {"10.1.2.2-10.1.2.3", "10.1.2.6-10.1.2.7"}},
+    {"10.1.2.3/31", kV4, {"10.1.2.2-10.1.2.3"}},
+    {"nowhere/0", kV4, {"any"}},
+    {"nowhere/0.0.0.0", kV4, {"any"}},
+    {"0.0.0.0/1", kV4, {"0.0.0.0-127.255.255.255"}},
+    {"", kV4, {}},
+    {"10.0.0.1/", kV4, {}},
+    {"10.0.0.1/255.0", kV4, {}},
+    {"10.0.0.1/33", kV4, {}},
+    {"10.0.0.1/8/8", kV4, {}},
+    {"256.0.0.1", kV4, {}},
+    {"10.0.0.1,", kV4, {}},
+    {"10.0.0.1 -p tcp", kV4, {}},
+    {"nowhere", kV4, {}},
+    {"::1", kV4, {}},
+    {"fe80::1/10", kV6, {"fe80::-febf:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}},
+    {"fe80::1/ffff::", kV6, {"fe80::-fe80:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}},
+    {"::ffff:1.2.3.4", kV6, {"::ffff:1.2.3.4-::ffff:1.2.3.4"}},
+    {"10.0.0.1/0", kV6, {"any"}},
+    {"10.0.0.1", kV6, {}},
+    {"::1/129", kV6, {}},
+};
+
+class AddressTest : public ::testing::TestWithParam<AddressCase> {};
+
+TEST_P(AddressTest, IsReadAsIptablesReadsIt) {
+    const AddressCase& c = GetParam();
+    const FWRESOLVED resolved = resolve({addressRule(FW::FW_IP_GROUP_SINGLE, {c.text}, c.family)});
+    const std::vector<FWRESOLVEDRULE> rules = rulesOf(resolved);
+    if (c.addresses.empty()) {
+        EXPECT_THAT(rules, IsEmpty());
+        EXPECT_THAT(findingsOf(resolved),
+                    ElementsAre("eth0 1: \"" + c.text +
+                                (c.family == kV4 ? "\" is not an IPv4 address"
+                                                 : "\" is not an IPv6 address")));
+        return;
+    }
+    ASSERT_THAT(rules, SizeIs(1));
+    EXPECT_EQ(rules[0].packets.families, 1U << c.family);
+    EXPECT_THAT(addressTexts(rules[0].packets.sources.get(), c.family),
+                ElementsAreArray(c.addresses));
+}
+
+INSTANTIATE_TEST_SUITE_P(Texts, AddressTest, ValuesIn(kAddressCases));
+
+TEST(ResolveTest, MaskWithGapsIsExpandedUpToTheBound) {
+    const std::vector<FWRESOLVEDRULE> rules =
+        rulesOf(resolve({addressRule(FW::FW_IP_GROUP_NETWORK, {"10.0.0.7", "255.0.15.255"})}));
+    ASSERT_THAT(rules, SizeIs(1));
+    EXPECT_THAT(*rules[0].packets.sources, SizeIs(FW::FW_MASK_INTERVALS));
+
+    EXPECT_THAT(
+        findingsOf(resolve({addressRule(FW::FW_IP_GROUP_NETWORK, {"10.0.0.7", "255.0.7.255"})})),
+        ElementsAre("eth0 1: \"10.0.0.7/255.0.7.255\" is too complex: its mask makes more than "
+                    "4096 intervals"));
+}
+
+TEST(ResolveTest, RangeThatRunsBackwardsMatchesNothing) {
+    const FWRESOLVED resolved =
+        resolve({addressRule(FW::FW_IP_GROUP_RANGE, {"10.0.0.9", "10.0.0.1"})});
+    EXPECT_THAT(rulesOf(resolved), IsEmpty());
+    EXPECT_THAT(findingsOf(resolved), IsEmpty());
+}
+
+TEST(ResolveTest, CountriesAreUnitedAndASingleOneIsShared) {
+    const auto interval = [](const std::string& first, const std::string& last) {
+        return FW::FWADDRESSINTERVAL{FW::fwAddressFrom(first, kV4)->first,
+                                     FW::fwAddressFrom(last, kV4)->last};
+    };
+    const auto aa = std::make_shared<FWADDRESSES>(FW::fwAddressesFrom(
+        {interval("10.0.2.0", "10.0.2.255"), interval("10.0.0.0", "10.0.0.255")}));
+    const auto bb = std::make_shared<FWADDRESSES>(FW::fwAddressesFrom(
+        {interval("10.0.1.0", "10.0.1.255"), interval("10.9.0.9", "10.9.0.1")}));
+    FWENVIRONMENT environment = environmentOf({"eth0"});
+    environment.countries = [&](const std::string& country, FW::FW_FAMILY family) {
+        return family == kV6 || country == "CC" ? nullptr : country == "AA" ? aa : bb;
+    };
+    const int group = FW::FW_IP_GROUP_COUNTRIES;
+    const std::vector<FWRESOLVEDRULE> rules =
+        rulesOf(resolve({addressRule(group, {"CC", "AA"}, FW::FW_IP_TYPE_BOTH),
+                         addressRule(group, {"AA", "BB"}), addressRule(group, {"CC"})},
+                        environment));
+    ASSERT_THAT(rules, SizeIs(2));
+    EXPECT_EQ(rules[0].packets.sources, aa);
+    EXPECT_THAT(addressTexts(rules[1].packets.sources.get(), kV4),
+                ElementsAre("10.0.0.0-10.0.2.255"));
+}
+
+TEST(ResolveTest, LinesThatIptablesTakesCountWithoutThoseThatItRefuses) {
+    const FWRESOLVED both =
+        resolve({addressRule(FW::FW_IP_GROUP_SINGLE, {"10.0.0.1"}, FW::FW_IP_TYPE_BOTH)});
+    EXPECT_THAT(findingsOf(both), ElementsAre("eth0 1: \"10.0.0.1\" is not an IPv6 address"));
+    ASSERT_THAT(rulesOf(both), SizeIs(1));
+    EXPECT_EQ(rulesOf(both)[0].packets.families, 1U << kV4);
+
+    const FWRESOLVED ports = resolve({portRule({"1", "2", "3", "4", "5", "6", "70000", "8", "9"})});
+    EXPECT_THAT(findingsOf(ports),
+                ElementsAre("eth0 1: \"70000\" is not a port or a range of ports"));
+    ASSERT_THAT(rulesOf(ports), SizeIs(1));
+    EXPECT_THAT(intervalTexts(rulesOf(ports)[0].packets.destinationPorts), ElementsAre("8-9"));
+}
+
+TEST(ResolveTest, MoreCountriesThanALineTakesAreAFinding) {
+    FWENVIRONMENT environment = environmentOf({"eth0"});
+    const auto all = std::make_shared<FWADDRESSES>(FWADDRESSES{{{1, 0}, {2, 0}}});
+    environment.countries = [&](const std::string& country, FW::FW_FAMILY family) {
+        return family == kV6 && country > "C" ? nullptr : all;
+    };
+    Texts codes;
+    for (char letter = 'A'; letter <= 'P'; ++letter) {
+        codes.push_back(std::string("A") + letter);
+    }
+    codes.back() = "ZZ";
+    const FWRESOLVED resolved =
+        resolve({addressRule(FW::FW_IP_GROUP_COUNTRIES, codes, FW::FW_IP_TYPE_BOTH)}, environment);
+    EXPECT_THAT(findingsOf(resolved),
+                ElementsAre("eth0 1: there are more than 15 countries in one rule"));
+    ASSERT_THAT(rulesOf(resolved), SizeIs(1));
+    EXPECT_EQ(rulesOf(resolved)[0].packets.families, 1U << kV6);
+}
+
+// ---- Ports ----
+
+struct PortCase {
+    Texts entries;
+    Texts ports;  // none: refused
+};
+
+std::ostream& operator<<(std::ostream& stream, const PortCase& c) {
+    for (const std::string& entry : c.entries) {
+        stream << entry << " ";
+    }
+    return stream;
+}
+
+const PortCase kPortCases[] = {
+    {{"22"}, {"22-22"}},
+    {{"0"}, {"0-0"}},
+    {{"0x16"}, {"22-22"}},
+    {{"026"}, {"22-22"}},
+    {{"80:"}, {"80-65535"}},
+    {{":80"}, {"0-80"}},
+    {{"80:80"}, {"80-80"}},
+    {{"80-80"}, {"80-80"}},
+    {{"80-90"}, {"80-90"}},
+    {{"22", "21", "23-24", "80"}, {"21-24", "80-80"}},
+    {{"22,80", "90"}, {"22-22", "80-80", "90-90"}},
+    {{"1", "2", "3", "4", "5", "6", "7", "8", "10"}, {"1-8", "10-10"}},
+    {{"65536"}, {}},
+    {{"80:22"}, {}},
+    {{"22,80"}, {}},
+    {{"ssh"}, {}},
+    {{"90-80"}, {}},
+    {{"80:", "22"}, {}},
+    {{"80:80", "22"}, {}},
+    {{"80-", "22"}, {}},
+    {{"1-2-3"}, {}},
+    {{""}, {}},
+    {{"22", " 80"}, {}},
+    {{"1,2,3,4,5,6,7,8,9,10,11,12,13,14,15", "16"}, {}},
+};
+
+class PortTest : public ::testing::TestWithParam<PortCase> {};
+
+TEST_P(PortTest, IsReadAsIptablesReadsIt) {
+    const PortCase& c = GetParam();
+    const FWRESOLVED resolved = resolve({portRule(c.entries)});
+    const std::vector<FWRESOLVEDRULE> rules = rulesOf(resolved);
+    if (c.ports.empty()) {
+        EXPECT_THAT(rules, IsEmpty());
+        EXPECT_THAT(resolved.findings, SizeIs(1));
+        return;
+    }
+    ASSERT_THAT(rules, SizeIs(1));
+    EXPECT_THAT(intervalTexts(rules[0].packets.destinationPorts), ElementsAreArray(c.ports));
+    EXPECT_THAT(intervalTexts(rules[0].packets.sourcePorts), ElementsAre("any"));
+    EXPECT_THAT(intervalTexts(rules[0].packets.protocols), ElementsAre("6-6"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Texts, PortTest, ValuesIn(kPortCases));
+
+TEST(ResolveTest, SinglePortOfUdpIsReadInDecimal) {
+    FWRULE rule = portRule({"026"});
+    rule.protocol = FW::FW_PORT_PROTOCOL_TCP_UDP;
+    const std::vector<FWRESOLVEDRULE> rules = rulesOf(resolve({rule}));
+    ASSERT_THAT(rules, SizeIs(2));
+    EXPECT_THAT(intervalTexts(rules[0].packets.destinationPorts), ElementsAre("22-22"));
+    EXPECT_THAT(intervalTexts(rules[1].packets.destinationPorts), ElementsAre("26-26"));
+
+    rule.portList = {"0x16"};
+    const FWRESOLVED hexadecimal = resolve({rule});
+    EXPECT_THAT(rulesOf(hexadecimal), SizeIs(1));
+    EXPECT_THAT(findingsOf(hexadecimal),
+                ElementsAre("eth0 1: \"0x16\" is not a port or a range of ports"));
+}
+
+// ---- What is left out ----
+
+TEST(ResolveTest, RulesThatCannotBeAppliedAreFindings) {
+    FWRULE policy = anyRule();
+    policy.policy = static_cast<FW::FW_POLICY>(7);
+    FWRULE table = anyRule();
+    table.table = "nat";
+    FWRULE chain = anyRule();
+    chain.chainList.insert("OTHER");
+    FWRULE nul = portRule({std::string("8\0", 2)});
+    const FWRESOLVED resolved = resolve({policy, table, chain, nul, anyRule()});
+    EXPECT_THAT(findingsOf(resolved),
+                ElementsAre("eth0 1: there is no policy 7",
+                            "eth0 2: the table \"nat\" is not the firewall's",
+                            "eth0 3: the chain \"OTHER\" is not the firewall's",
+                            "eth0 4: a text holds a NUL character"));
+    const std::vector<FWRESOLVEDRULE> rules = rulesOf(resolved);
+    ASSERT_THAT(rules, SizeIs(2));
+    EXPECT_EQ(rules[0].place.position, 3);
+    EXPECT_EQ(rules[1].place.position, 5);
+}
+
+TEST(ResolveTest, InterfaceNameThatIsTooLongIsAFinding) {
+    FWPROFILE profile;
+    profile.adapterPolicyMap["abcdefghijklmnop"] = FW::FW_POLICY_DENY;
+    EXPECT_THAT(findingsOf(FW::fwResolve(profile, environmentOf({"abcdefghijklmnop"}))),
+                ElementsAre("abcdefghijklmnop 0: \"abcdefghijklmnop\" is not the name of an "
+                            "interface"));
+}
+
+TEST(ResolveTest, ExceptedAddressThatIsNoneIsAFindingAndThereAreNoRules) {
+    FWENVIRONMENT environment = environmentOf({"eth0"});
+    environment.exceptedIp = "nowhere";
+    const FWRESOLVED resolved = resolve({anyRule()}, environment);
+    EXPECT_THAT(resolved.rules, IsEmpty());
+    EXPECT_THAT(findingsOf(resolved), ElementsAre(" 0: \"nowhere\" is not an address"));
+}
+
+TEST(ResolveTest, EstablishedConnectionsOfTheExceptedAddressAreNotAccepted) {
+    FWENVIRONMENT environment = environmentOf({"eth0"});
+    environment.acceptEstablished = true;
+    environment.exceptedIp = "10.0.0.5";
+    std::vector<FWRESOLVEDRULE> rules = resolve({}, environment).rules;
+    ASSERT_GE(rules.size(), 2U);
+    const FWRESOLVEDRULE& v6 = rules.back();
+    const FWRESOLVEDRULE& v4 = rules[rules.size() - 2];
+    EXPECT_EQ(v4.place.origin, FW::FW_ORIGIN_ESTABLISHED);
+    EXPECT_THAT(addressTexts(v4.packets.sources.get(), kV4),
+                ElementsAre("0.0.0.0-10.0.0.4", "10.0.0.6-255.255.255.255"));
+    EXPECT_THAT(addressTexts(v6.packets.sources.get(), kV6), ElementsAre("any"));
+}
+
+// ---- Adapters by name ----
+
+TEST(AdaptersByNameTest, AbsentAdaptersHaveRulesAndVpnStandsForBeginningsOfNames) {
+    FWPROFILE profile;
+    profile.rules["eth7"] = {anyRule()};
+    profile.adapterPolicyMap["vpn"] = FW::FW_POLICY_DENY;
+    profile.adapterPolicyMap["pppoe"] = FW::FW_POLICY_DENY;
+    FWENVIRONMENT environment = environmentOf({});
+    environment.adapters = FW::fwAdaptersByName(profile, "ppp0");
+    const std::vector<FWRESOLVEDRULE> rules = rulesOf(FW::fwResolve(profile, environment));
+    ASSERT_THAT(rules, SizeIs(3));
+    EXPECT_THAT(rules[0].packets.in->names, ElementsAre("eth7"));
+    EXPECT_THAT(rules[1].packets.in->names, ElementsAre("ppp0"));
+    EXPECT_THAT(rules[2].packets.in->names, ElementsAre("ppp+", "tun+"));
+    EXPECT_THAT(rules[2].packets.in->except, ElementsAre("tun1000", "ppp0"));
+}
+
+}  // namespace
