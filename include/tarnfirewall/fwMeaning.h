@@ -221,4 +221,41 @@ TARNFW_EXPORT std::optional<FWADDRESSINTERVAL> fwAddressFrom(const std::string& 
 /// "10.0.0.1" or "fe80::1".
 TARNFW_EXPORT std::string fwAddressText(const FWADDRESS& address, FW_FAMILY family);
 
+// ---- Questions about resolved rules ----
+
+/// How often one question may compare a rule with a piece of the packets that it is about. Rules
+/// that cut each other in every field can need any number of pieces; such a question is given up as
+/// too complex.
+inline constexpr std::size_t FW_MEANING_STEPS = 10000000;
+
+/// Who decides about a packet.
+struct FWDECISION {
+    /// Numbers of resolved rules, in order; the number of all rules stands for "no rule matches".
+    /// One when everything that matters of the packet is known, otherwise all that may decide.
+    std::vector<std::size_t> deciders;
+
+    bool tooComplex = false;  ///< some of `deciders` may be unable to decide
+};
+
+/// Resolved rules, prepared for questions. It does not change, so that several threads may ask.
+class TARNFW_EXPORT FW_MEANING {
+public:
+    explicit FW_MEANING(const std::vector<FWRESOLVEDRULE>& rules);
+    ~FW_MEANING();
+    FW_MEANING(FW_MEANING&& other) noexcept;
+    FW_MEANING& operator=(FW_MEANING&& other) noexcept;
+
+    std::size_t size() const;  ///< how many rules there are
+
+    /// A rule by its number, from 0; at size() what happens when no rule matches.
+    FWRESOLVEDRULE rule(std::size_t number) const;
+
+    /// The rule that decides about a packet, or all that may while fields of it are not known.
+    FWDECISION decide(const FWPACKET& packet) const;
+
+private:
+    struct State;
+    std::unique_ptr<const State> state_;
+};
+
 }  // namespace FW

@@ -1,0 +1,274 @@
+// Decisions about single packets, known in every field or not.
+
+#include <algorithm>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "library_test.h"
+#include "tarnfirewall/fwMeaning.h"
+
+#include "iptables_lines.h"
+#include "packet_set.h"
+#include "random_profile.h"
+
+namespace {
+
+using FW::FW_MEANING;
+using FW::FWDECISION;
+using FW::FWPACKET;
+using FW::FWRESOLVEDRULE;
+
+class DecideRandomTest : public LibraryTest {};
+
+/// "DROP logged by eth0 3".
+std::string outcomeOf(const FW_MEANING& meaning, const FWDECISION& decision) {
+    if (decision.deciders.size() != 1) {
+        return std::to_string(decision.deciders.size()) + " deciders";
+    }
+    if (decision.deciders[0] == meaning.size()) {
+        return "RETURN";
+    }
+    const FWRESOLVEDRULE rule = meaning.rule(decision.deciders[0]);
+    static const char* const kTargets[] = {"ACCEPT", "RETURN", "DROP"};
+    return std::string(kTargets[rule.verdict]) + (rule.log ? " logged" : "") + " by " +
+           rule.place.adapter + " " + std::to_string(rule.place.position);
+}
+
+std::string outcomeOf(const LineVerdict& verdict) {
+    if (verdict.decider == nullptr) {
+        return verdict.target;
+    }
+    return verdict.target + (verdict.logged ? " logged" : "") + " by " + verdict.decider->adapter +
+           " " +
+           (verdict.decider->adapter.empty() ? "0" : std::to_string(verdict.decider->position));
+}
+
+/// Takes away each field of a packet with a chance of one in `chance`.
+FWPACKET withUnknownFields(Random& random, FWPACKET packet, int chance) {
+    const auto forget = [&](auto& field) {
+        if (pick(random, chance) == 0) {
+            field.reset();
+        }
+    };
+    forget(packet.chain);
+    forget(packet.family);
+    forget(packet.in);
+    forget(packet.out);
+    forget(packet.protocol);
+    forget(packet.source);
+    forget(packet.destination);
+    forget(packet.sourcePort);
+    forget(packet.destinationPort);
+    forget(packet.icmpType);
+    forget(packet.state);
+    // An address says nothing without its family, as a port without its protocol.
+    if (!packet.family) {
+        packet.source.reset();
+        packet.destination.reset();
+    }
+    if (!packet.protocol) {
+        packet.sourcePort.reset();
+        packet.destinationPort.reset();
+        packet.icmpType.reset();
+    }
+    return packet;
+}
+
+/// Whether a packet may be `other`, all of whose fields are known.
+bool mayBe(const FWPACKET& packet, const FWPACKET& other) {
+    const auto agree = [](const auto& known, const auto& value) {
+        return !known || *known == *value;
+    };
+    const auto agreeAddress = [](const auto& known, const auto& value) {
+        return !known || (known->high == value->high && known->low == value->low);
+    };
+    const bool ports = other.protocol == 6 || other.protocol == 17;
+    const bool type = other.protocol == 1 || other.protocol == 58;
+    return agree(packet.chain, other.chain) && agree(packet.family, other.family) &&
+           agree(packet.in, other.in) && agree(packet.protocol, other.protocol) &&
+           (other.chain == FW::FW_CHAIN_INPUT || agree(packet.out, other.out)) &&
+           agreeAddress(packet.source, other.source) &&
+           agreeAddress(packet.destination, other.destination) &&
+           (!ports || (agree(packet.sourcePort, other.sourcePort) &&
+                       agree(packet.destinationPort, other.destinationPort))) &&
+           (!type || agree(packet.icmpType, other.icmpType)) && agree(packet.state, other.state);
+}
+
+TEST_F(DecideRandomTest, DecisionsAreThoseOfTheLines) {
+    const TestCountries countries(2);
+    countries.store();
+    const int profiles = countOf(200, 5000);
+    for (int number = 0; number < profiles; ++number) {
+        Random random(static_cast<unsigned>(1000000 + number));
+        const RandomCase made =
+            makeCase(random, pick(random, 8) == 0 ? 60 : 8, countries, platform_);
+        const FamilyLines lines = linesOfProfile(made.profile, made.batch, countries.ranges());
+        const FW_MEANING meaning(FW::fwResolve(made.profile, made.environment).rules);
+        for (int i = 0; i < 5000; ++i) {
+            const LinePacket packet = makePacket(random, lines, made.interfaces);
+            ASSERT_EQ(outcomeOf(meaning, meaning.decide(packetOf(packet))),
+                      outcomeOf(decideByLines(lines, packet)))
+                << "profile " << number << ", " << textOf(packet) << textOf(lines);
+        }
+    }
+}
+
+TEST_F(DecideRandomTest, UnknownFieldsYieldEveryDecider) {
+    const TestCountries countries(3);
+    countries.store();
+    const int profiles = countOf(200, 2000);
+    for (int number = 0; number < profiles; ++number) {
+        Random random(static_cast<unsigned>(2000000 + number));
+        const RandomCase made = makeCase(random, 8, countries, platform_);
+        const FamilyLines lines = linesOfProfile(made.profile, made.batch, countries.ranges());
+        const FW_MEANING meaning(FW::fwResolve(made.profile, made.environment).rules);
+        for (int i = 0; i < 20; ++i) {
+            const FWPACKET known = packetOf(makePacket(random, lines, made.interfaces));
+            const FWPACKET asked = withUnknownFields(random, known, 3);
+            const FWDECISION decision = meaning.decide(asked);
+            ASSERT_FALSE(decision.tooComplex);
+            ASSERT_TRUE(std::is_sorted(decision.deciders.begin(), decision.deciders.end()));
+            // Whatever it turns out to be, its decider is one of them.
+            for (int k = 0; k < 20; ++k) {
+                FWPACKET one = packetOf(makePacket(random, lines, made.interfaces));
+                if (asked.family && one.family != asked.family) {
+                    continue;
+                }
+                const auto take = [](auto& field, const auto& from) {
+                    if (from) {
+                        field = from;
+                    }
+                };
+                take(one.chain, asked.chain);
+                take(one.in, asked.in);
+                take(one.out, asked.out);
+                take(one.protocol, asked.protocol);
+                take(one.source, asked.source);
+                take(one.destination, asked.destination);
+                take(one.sourcePort, asked.sourcePort);
+                take(one.destinationPort, asked.destinationPort);
+                take(one.icmpType, asked.icmpType);
+                take(one.state, asked.state);
+                if (one.chain == FW::FW_CHAIN_FORWARD && !one.out) {
+                    one.out = "eth0";
+                }
+                ASSERT_TRUE(mayBe(asked, one));
+                const std::size_t decider = meaning.decide(one).deciders.at(0);
+                ASSERT_EQ(std::count(decision.deciders.begin(), decision.deciders.end(), decider),
+                          1)
+                    << "profile " << number << ", rule " << decider << textOf(lines);
+            }
+        }
+    }
+}
+
+TEST_F(DecideRandomTest, RulesAreGivenBack) {
+    const TestCountries countries(7);
+    countries.store();
+    for (int number = 0; number < 20; ++number) {
+        Random random(static_cast<unsigned>(7000000 + number));
+        const RandomCase made = makeCase(random, 8, countries, platform_);
+        const FamilyLines lines = linesOfProfile(made.profile, made.batch, countries.ranges());
+        const std::vector<FWRESOLVEDRULE> rules =
+            FW::fwResolve(made.profile, made.environment).rules;
+        const FW_MEANING meaning(rules);
+        ASSERT_EQ(meaning.size(), rules.size());
+        for (std::size_t i = 0; i < rules.size(); ++i) {
+            const FWRESOLVEDRULE rule = meaning.rule(i);
+            EXPECT_EQ(rule.verdict, rules[i].verdict);
+            EXPECT_EQ(rule.log, rules[i].log);
+            EXPECT_EQ(rule.place.origin, rules[i].place.origin);
+            EXPECT_EQ(rule.place.adapter, rules[i].place.adapter);
+            EXPECT_EQ(rule.place.position, rules[i].place.position);
+            for (int k = 0; k < 50; ++k) {
+                const LinePacket packet = makePacket(random, lines, made.interfaces);
+                ASSERT_EQ(hasPacket(rule.packets, packetOf(packet)),
+                          hasPacket(rules[i].packets, packetOf(packet)))
+                    << "profile " << number << ", rule " << i << ", " << textOf(packet);
+            }
+        }
+    }
+}
+
+// ---- Named cases ----
+
+FW::FWRULE tcpRule(FW::FW_POLICY policy, const std::string& port, const std::string& address = "") {
+    FW::FWRULE rule;
+    rule.policy = policy;
+    rule.chainList = {"INPUT_FIREWALL"};
+    rule.ipGroup = address.empty() ? FW::FW_IP_GROUP_ANY : FW::FW_IP_GROUP_SINGLE;
+    rule.ipList = {address};
+    rule.portGroup = FW::FW_PORT_GROUP_PORTS;
+    rule.portList = {port};
+    return rule;
+}
+
+/// The rules of eth0, which denies by default.
+FW_MEANING meaningOf(const std::vector<FW::FWRULE>& rules) {
+    FW::FWPROFILE profile;
+    profile.rules["eth0"] = rules;
+    profile.adapterPolicyMap["eth0"] = FW::FW_POLICY_DENY;
+    FW::FWENVIRONMENT environment;
+    environment.adapters = FW::fwAdaptersNow({"eth0"}, "");
+    return FW_MEANING(FW::fwResolve(profile, environment).rules);
+}
+
+FWPACKET tcpPacket(const std::string& source, std::uint16_t port) {
+    FWPACKET packet;
+    packet.chain = FW::FW_CHAIN_INPUT;
+    packet.family = FW::FW_FAMILY_V4;
+    packet.in = "eth0";
+    packet.protocol = std::uint8_t(6);
+    packet.source = FW::fwAddressFrom(source, FW::FW_FAMILY_V4)->first;
+    packet.destination = FW::fwAddressFrom("10.9.9.9", FW::FW_FAMILY_V4)->first;
+    packet.sourcePort = std::uint16_t(40000);
+    packet.destinationPort = port;
+    packet.state = FW::FW_STATE_NEW;
+    return packet;
+}
+
+/// Places of the deciders: "eth0 2", "end".
+std::vector<std::string> decidersOf(const FW_MEANING& meaning, const FWPACKET& packet) {
+    std::vector<std::string> places;
+    for (const std::size_t decider : meaning.decide(packet).deciders) {
+        if (decider == meaning.size()) {
+            places.emplace_back("end");
+            continue;
+        }
+        const FW::FWPLACE place = meaning.rule(decider).place;
+        places.push_back(place.adapter + " " + std::to_string(place.position));
+    }
+    return places;
+}
+
+using ::testing::ElementsAre;
+
+TEST(DecideTest, RuleThatEarlierOnesCoverTogetherIsNoDecider) {
+    const FW_MEANING meaning =
+        meaningOf({tcpRule(FW::FW_POLICY_ALLOW, "0-99"), tcpRule(FW::FW_POLICY_DENY, "100-65535"),
+                   tcpRule(FW::FW_POLICY_ALLOW, "80-200")});
+    FWPACKET packet = tcpPacket("10.0.0.1", 80);
+    packet.destinationPort.reset();
+    EXPECT_THAT(decidersOf(meaning, packet), ElementsAre("eth0 1", "eth0 2"));
+}
+
+TEST(DecideTest, UnknownSourceYieldsTheRulesForSomeSources) {
+    const FW_MEANING meaning = meaningOf({tcpRule(FW::FW_POLICY_ALLOW, "22", "10.0.0.1"),
+                                          tcpRule(FW::FW_POLICY_ALLOW, "23", "10.0.0.2")});
+    FWPACKET packet = tcpPacket("10.0.0.1", 22);
+    EXPECT_THAT(decidersOf(meaning, packet), ElementsAre("eth0 1"));
+    packet.source.reset();
+    EXPECT_THAT(decidersOf(meaning, packet), ElementsAre("eth0 1", "eth0 0"));
+}
+
+TEST(DecideTest, PacketOfAnUnnamedInterfaceMeetsNoRule) {
+    const FW_MEANING meaning = meaningOf({});
+    FWPACKET packet = tcpPacket("10.0.0.1", 22);
+    packet.in = "eth7";
+    EXPECT_THAT(decidersOf(meaning, packet), ElementsAre("end"));
+    EXPECT_EQ(meaning.rule(meaning.size()).verdict, FW::FW_PACKET_NEXT);
+}
+
+}  // namespace
