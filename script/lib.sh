@@ -13,7 +13,7 @@ readonly kRunPackages=(iproute2 iptables mount netbase util-linux)
 
 # Additionally for the tests.
 readonly kTestPackages=(
-    clang clang-format clang-tidy libclang-rt-dev libgmock-dev libgtest-dev
+    clang clang-format clang-tidy libbdd-dev libclang-rt-dev libgmock-dev libgtest-dev
     doxygen git mandoc scdoc shellcheck
     e2fsprogs fish jq procps python3-jsonschema python3-pexpect strace xfsprogs zsh
 )

@@ -228,6 +228,9 @@ TARNFW_EXPORT std::string fwAddressText(const FWADDRESS& address, FW_FAMILY fami
 /// too complex.
 inline constexpr std::size_t FW_MEANING_STEPS = 10000000;
 
+/// How many of these shadows() spends on a single rule.
+inline constexpr std::size_t FW_MEANING_STEPS_PER_RULE = 100000;
+
 /// Who decides about a packet.
 struct FWDECISION {
     /// Numbers of resolved rules, in order; the number of all rules stands for "no rule matches".
@@ -235,6 +238,20 @@ struct FWDECISION {
     std::vector<std::size_t> deciders;
 
     bool tooComplex = false;  ///< some of `deciders` may be unable to decide
+};
+
+/// A rule that could be removed.
+struct FWSHADOW {
+    FWPLACE place;
+    bool neverDecides = false;  ///< earlier rules decide about all of its packets; otherwise those
+                                ///< after it would do with them what it does
+    std::vector<FWPLACE> by;    ///< these rules, in order; with none, no rule matches afterwards
+};
+
+struct FWSHADOWS {
+    std::vector<FWSHADOW> shadows;    ///< in the order of the rules
+    std::vector<FWFINDING> findings;  ///< rules for which this is too complex to find out; without
+                                      ///< a place: all that are not among the others
 };
 
 /// Resolved rules, prepared for questions. It does not change, so that several threads may ask.
@@ -252,6 +269,11 @@ public:
 
     /// The rule that decides about a packet, or all that may while fields of it are not known.
     FWDECISION decide(const FWPACKET& packet) const;
+
+    /// The rules of the profile, default policies apart, that change nothing: neither what happens
+    /// to a packet nor whether it is logged. Any one of them can be removed, and all together. Of
+    /// rules that make each other needless the later ones are named.
+    FWSHADOWS shadows() const;
 
 private:
     struct State;
