@@ -254,6 +254,26 @@ struct FWSHADOWS {
                                       ///< a place: all that are not among the others
 };
 
+enum FW_CHANGE : std::uint8_t {
+    FW_CHANGE_OPENED = 0,  ///< were dropped and are not any more
+    FW_CHANGE_CLOSED = 1,  ///< are dropped now
+    FW_CHANGE_LOGGING = 2  ///< are logged now, or are not any more; nothing else
+};
+
+/// Packets with which something else happens than before.
+struct FWCHANGE {
+    FW_CHANGE change = FW_CHANGE_OPENED;
+    std::vector<FWPACKETSET> packets;  ///< disjoint sets, the largest first
+    FWPACKET witness;                  ///< one of the largest
+    std::size_t before = 0;  ///< the number of the rule that decided about them, see FWDECISION
+    std::size_t after = 0;   ///< and of the one that does now, among the other rules
+};
+
+struct FWDIFFERENCE {
+    std::vector<FWCHANGE> changes;    ///< one for each pair of rules, before and after
+    std::vector<FWFINDING> findings;  ///< without a place: it is too complex, and there may be more
+};
+
 /// Resolved rules, prepared for questions. It does not change, so that several threads may ask.
 class TARNFW_EXPORT FW_MEANING {
 public:
@@ -274,6 +294,10 @@ public:
     /// to a packet nor whether it is logged. Any one of them can be removed, and all together. Of
     /// rules that make each other needless the later ones are named.
     FWSHADOWS shadows() const;
+
+    /// What happens to which packets after `this` and not before. Whether a packet is accepted or
+    /// goes on to rules of others is no difference.
+    FWDIFFERENCE differenceFrom(const FW_MEANING& before) const;
 
 private:
     struct State;
