@@ -274,6 +274,19 @@ struct FWDIFFERENCE {
     std::vector<FWFINDING> findings;  ///< without a place: it is too complex, and there may be more
 };
 
+/// What gets through from some interfaces.
+struct FWREACH {
+    FWINTERFACES interfaces;
+    std::vector<FWPACKETSET>
+        packets;  ///< disjoint sets, the largest first; none when all is closed
+};
+
+struct FWREACHABLE {
+    std::vector<FWREACH> reach;  ///< each interface once; those with the same packets together
+    std::vector<FWFINDING>
+        findings;  ///< without a place: too complex, and there may be more packets
+};
+
 /// Resolved rules, prepared for questions. It does not change, so that several threads may ask.
 class TARNFW_EXPORT FW_MEANING {
 public:
@@ -298,6 +311,10 @@ public:
     /// What happens to which packets after `this` and not before. Whether a packet is accepted or
     /// goes on to rules of others is no difference.
     FWDIFFERENCE differenceFrom(const FW_MEANING& before) const;
+
+    /// Who can reach what: which of the packets of `query` are not dropped, by the interface
+    /// through which they come in. Ask for FW_STATE_NEW alone to leave established connections out.
+    FWREACHABLE reach(const FWPACKETSET& query) const;
 
 private:
     struct State;

@@ -1,0 +1,151 @@
+// What is not dropped.
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include "tarnfirewall/fwMeaning.h"
+
+#include "meaningState.h"
+#include "ruleScan.h"
+
+namespace FW {
+namespace {
+
+/// Finds the packets of regions that are not dropped.
+class Passage {
+public:
+    Passage(const PacketSpace& space, const std::vector<SpaceRule>& rules)
+        : space_(space), rules_(rules), scan_(space, rules) {}
+
+    std::vector<Region> of(const Region& region) {
+        found_.clear();
+        cut(region, scan_.overlapping(region, 0, rules_.size()));
+        join(space_, found_);
+        return std::move(found_);
+    }
+
+    bool isTooComplex() const { return steps_ > FW_MEANING_STEPS; }
+
+private:
+    bool drops(std::uint32_t rule) const { return rules_[rule].verdict == FW_PACKET_DROP; }
+
+    /// All of `rules` overlap the region.
+    void cut(const Region& region, RuleNumbers rules) {
+        if (isTooComplex()) {
+            return;
+        }
+        steps_ += rules.size() + 1;
+        const auto last = std::find_if(rules.begin(), rules.end(), [&](std::uint32_t rule) {
+            return covers(space_, rules_[rule], region);
+        });
+        const bool ends = last == rules.end();
+        if (!ends) {
+            rules.erase(last + 1, rules.end());
+        }
+        const auto count = std::count_if(rules.begin(), rules.end(),
+                                         [this](std::uint32_t rule) { return drops(rule); });
+        if (count == 0) {
+            found_.push_back(region);
+            return;
+        }
+        if (!ends && static_cast<std::size_t>(count) == rules.size()) {
+            return;
+        }
+        const SpaceRule& first = rules_[rules.front()];
+        if (!drops(rules.front())) {
+            found_.push_back(intersected(space_, region, first));
+        }
+        rules.erase(rules.begin());
+        std::vector<Region> pieces;
+        appendWithout(space_, region, first, pieces);
+        for (const Region& piece : pieces) {
+            OverlapTest overlapsPiece(space_, piece);
+            RuleNumbers others;
+            std::copy_if(rules.begin(), rules.end(), std::back_inserter(others),
+                         [&](std::uint32_t rule) { return overlapsPiece(rules_[rule]); });
+            steps_ += rules.size();
+            cut(piece, std::move(others));
+        }
+    }
+
+    const PacketSpace& space_;
+    const std::vector<SpaceRule>& rules_;
+    RuleScan scan_;
+    std::vector<Region> found_;
+    std::size_t steps_ = 0;
+};
+
+/// Whether regions are the same but for the incoming interface.
+bool sameButForInterface(const std::vector<Region>& a, const std::vector<Region>& b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [](const Region& one, const Region& other) {
+                          for (std::size_t field = 0; field < kFields; ++field) {
+                              if (field != kIn && compare(one[field], other[field]) != 0) {
+                                  return false;
+                              }
+                          }
+                          return true;
+                      });
+}
+
+}  // namespace
+
+FWREACHABLE FW_MEANING::reach(const FWPACKETSET& query) const {
+    // Where the query names interfaces that no rule names, all rules go into a space of their own.
+    std::vector<std::string> entries;
+    for (const auto& interfaces : {query.in, query.out}) {
+        if (interfaces != nullptr && !state_->space.knows(*interfaces)) {
+            entries.insert(entries.end(), interfaces->names.begin(), interfaces->names.end());
+            entries.insert(entries.end(), interfaces->except.begin(), interfaces->except.end());
+        }
+    }
+    PacketSpace space = entries.empty() ? state_->space : PacketSpace(state_->space, entries);
+    const std::vector<SpaceRule> rules =
+        entries.empty() ? state_->rules : space.addAll(state_->space, state_->rules);
+    PacketSpace::AddressIds known;
+    const Region region = space.regionOf(space.add(query, known));
+
+    // Each interface on its own; then those with the same packets together.
+    struct Group {
+        Intervals interfaces;
+        std::vector<Region> regions;
+    };
+    std::vector<Group> groups;
+    Passage passage(space, rules);
+    const Intervals& interfaces = isAny(region[kIn]) ? space.all(kIn) : *region[kIn];
+    for (const Interval& interval : interfaces) {
+        for (Number number = interval.first; number <= interval.last; ++number) {
+            const Intervals own = {{number, number}};
+            Region piece = region;
+            piece[kIn] = std::make_shared<const Intervals>(own);
+            std::vector<Region> found = passage.of(piece);
+            const auto group = std::find_if(groups.begin(), groups.end(), [&](const Group& one) {
+                return sameButForInterface(one.regions, found);
+            });
+            if (group == groups.end()) {
+                groups.push_back({own, std::move(found)});
+            } else {
+                group->interfaces = united(group->interfaces, own);
+            }
+        }
+    }
+
+    FWREACHABLE reachable;
+    for (Group& group : groups) {
+        FWREACH& reach = reachable.reach.emplace_back();
+        reach.interfaces = space.interfacesOf(group.interfaces);
+        const auto all = std::make_shared<const Intervals>(group.interfaces);
+        for (Region& one : group.regions) {
+            one[kIn] = group.interfaces == space.all(kIn) ? nullptr : all;
+            reach.packets.push_back(space.packetsOf(one));
+        }
+    }
+    if (passage.isTooComplex()) {
+        reachable.findings.push_back({{}, "too complex: more may get through"});
+    }
+    return reachable;
+}
+
+}  // namespace FW
