@@ -14,6 +14,7 @@ GROUPS = {
     'store': ('bench_store', 1000, 'cpu_time'),
     'blocked': ('bench_blocked', 1000, 'cpu_time'),
     'geoip': ('bench_geoip', 10000, 'cpu_time'),
+    'meaning': ('bench_meaning', 1000, 'cpu_time'),
     'spawn': ('bench_spawn', 1, 'real_time'),
 }
 

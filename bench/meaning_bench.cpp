@@ -1,0 +1,199 @@
+/// What a profile means: resolving it beside its translation, and the questions about it. "decide"
+/// is the time for one packet.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+#include <cstdlib>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tarnfirewall/fwIptables.h"
+#include "tarnfirewall/fwMeaning.h"
+
+#include "support/cases.h"
+#include "support/meaning_cases.h"
+
+namespace {
+
+using FW::FW_MEANING;
+using FW::FWPACKET;
+using FW::FWRESOLVEDRULE;
+
+using Rules = std::vector<FWRESOLVEDRULE>;
+
+Rules rulesOf(MeaningKind kind, int size, unsigned seed = 1) {
+    FW::FWRESOLVED resolved =
+        FW::fwResolve(makeMeaningProfile(kind, size, seed), makeMeaningEnvironment());
+    if (!resolved.findings.empty()) {
+        std::abort();
+    }
+    return std::move(resolved.rules);
+}
+
+void resolve(benchmark::State& state, MeaningKind kind, int size) {
+    const FW::FWPROFILE profile = makeMeaningProfile(kind, size);
+    const FW::FWENVIRONMENT environment = makeMeaningEnvironment();
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(FW::fwResolve(profile, environment));
+    }
+}
+
+void translate(benchmark::State& state, MeaningKind kind, int size) {
+    const FW::FWPROFILE profile = makeMeaningProfile(kind, size);
+    for (auto _ : state) {
+        Json::Value commands;
+        FW::TARNFW_IPTABLES_RULES translator;
+        if (!translator.fwRulesToIptablesRules(true, profile.rules, profile.adapterPolicyMap,
+                                               commands)) {
+            std::abort();
+        }
+        benchmark::DoNotOptimize(commands);
+    }
+}
+
+std::size_t heapBytes() {
+    const auto info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+/// Counts the bytes that resolved rules and their index hold, for each rule of the profile.
+void prepare(benchmark::State& state, MeaningKind kind, int size) {
+    const Rules rules = rulesOf(kind, size);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(FW_MEANING(rules));
+    }
+    const std::size_t before = heapBytes();
+    const FW_MEANING meaning(rulesOf(kind, size));
+    state.counters["bytes_per_rule"] =
+        static_cast<double>(heapBytes() - before) / static_cast<double>(size);
+}
+
+/// Packets at the edges of random rules.
+std::vector<FWPACKET> packetsFor(const Rules& rules) {
+    std::mt19937 random(7);
+    const auto flip = [&random] { return random() % 2 == 0; };
+    std::vector<FWPACKET> packets;
+    static const char* const kNames[] = {"eth0", "eth1", "tun0", "eth9"};
+    for (int i = 0; i < 4096; ++i) {
+        const FW::FWPACKETSET& set = rules[random() % rules.size()].packets;
+        FWPACKET packet;
+        packet.chain = FW::FW_CHAIN_INPUT;
+        packet.family = set.families == 2 ? FW::FW_FAMILY_V6 : FW::FW_FAMILY_V4;
+        packet.in = kNames[random() % 4];
+        packet.protocol = flip() ? std::uint8_t(6) : std::uint8_t(17);
+        const auto address = [&](const auto& list) {
+            if (list == nullptr || random() % 4 == 0) {
+                return FW::FWADDRESS{std::uint64_t(random()) << 32, 0};
+            }
+            const FW::FWADDRESSINTERVAL& one = (*list)[random() % list->size()];
+            return flip() ? one.first : one.last;
+        };
+        packet.source = address(set.sources);
+        packet.destination = address(set.destinations);
+        const auto port = [&](const FW::FWINTERVALS& list) {
+            return list.empty() || random() % 4 == 0 ? static_cast<std::uint16_t>(random())
+                   : flip()                          ? list.front().first
+                                                     : list.back().last;
+        };
+        packet.sourcePort = port(set.sourcePorts);
+        packet.destinationPort = port(set.destinationPorts);
+        packet.state = FW::FW_STATE_NEW;
+        packets.push_back(packet);
+    }
+    return packets;
+}
+
+void decide(benchmark::State& state, MeaningKind kind, int size) {
+    const Rules rules = rulesOf(kind, size);
+    const FW_MEANING meaning(rules);
+    const std::vector<FWPACKET> packets = packetsFor(rules);
+    std::size_t next = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(meaning.decide(packets[next++ % packets.size()]));
+    }
+}
+
+void shadows(benchmark::State& state, MeaningKind kind, int size) {
+    const FW_MEANING meaning(rulesOf(kind, size));
+    std::size_t found = 0;
+    std::size_t given_up = 0;
+    for (auto _ : state) {
+        const FW::FWSHADOWS shadows = meaning.shadows();
+        found = shadows.shadows.size();
+        given_up = shadows.findings.size();
+    }
+    state.counters["found"] = static_cast<double>(found);
+    state.counters["too_complex"] = static_cast<double>(given_up);
+}
+
+/// Counts the pairs of rules that differ.
+void countDifferences(benchmark::State& state, const FW_MEANING& before, const FW_MEANING& after) {
+    FW::FWDIFFERENCE difference;
+    for (auto _ : state) {
+        difference = after.differenceFrom(before);
+    }
+    state.counters["found"] = static_cast<double>(difference.changes.size());
+    state.counters["too_complex"] = static_cast<double>(difference.findings.size());
+}
+
+/// The policy of a rule in the middle is changed.
+void edit(benchmark::State& state, MeaningKind kind, int size) {
+    FW::FWPROFILE profile = makeMeaningProfile(kind, size);
+    const FW_MEANING before(FW::fwResolve(profile, makeMeaningEnvironment()).rules);
+    FW::FWRULE& rule = profile.rules["eth0"][profile.rules["eth0"].size() / 2];
+    rule.policy = rule.policy == FW::FW_POLICY_DENY ? FW::FW_POLICY_ALLOW : FW::FW_POLICY_DENY;
+    const FW_MEANING after(FW::fwResolve(profile, makeMeaningEnvironment()).rules);
+    countDifferences(state, before, after);
+}
+
+/// From where new connections to a TCP port of the machine get through, on all interfaces.
+void reach(benchmark::State& state, MeaningKind kind, int size) {
+    const FW_MEANING meaning(rulesOf(kind, size));
+    FW::FWPACKETSET query;
+    query.chains = 1 << FW::FW_CHAIN_INPUT;
+    query.protocols = {{6, 6}};
+    query.destinationPorts = {{445, 445}};
+    query.states = 1 << FW::FW_STATE_NEW;
+    FW::FWREACHABLE reachable;
+    for (auto _ : state) {
+        reachable = meaning.reach(query);
+    }
+    state.counters["found"] = static_cast<double>(reachable.reach.size());
+    state.counters["too_complex"] = static_cast<double>(reachable.findings.size());
+}
+
+void unrelated(benchmark::State& state, MeaningKind kind, int size) {
+    const FW_MEANING before(rulesOf(kind, size, 1));
+    const FW_MEANING after(rulesOf(kind, size, 2));
+    countDifferences(state, before, after);
+}
+
+}  // namespace
+
+void registerMeasurements() {
+    storeMeaningCountries();
+    using Run = void (*)(benchmark::State&, MeaningKind, int);
+    struct Question {
+        const char* name;
+        const char* side;
+        Run run;
+    };
+    static constexpr Question kQuestions[] = {
+        {"resolve", "library", resolve},     {"resolve", "floor", translate},
+        {"prepare", "library", prepare},     {"decide", "library", decide},
+        {"shadows", "library", shadows},     {"edit", "library", edit},
+        {"unrelated", "library", unrelated}, {"reach", "library", reach},
+    };
+    for (const NamedMeaningKind& named : kMeaningKinds) {
+        for (const Question& question : kQuestions) {
+            for (const int rules : {1000, 5000, 10000}) {
+                const MeaningKind kind = named.kind;
+                const Run run = question.run;
+                measure(std::string("meaning/") + named.name + "-" + question.name, question.side,
+                        rules, [=](benchmark::State& state, int size) { run(state, kind, size); });
+            }
+        }
+    }
+}
