@@ -3,11 +3,13 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 
+#include "fwGeoipFile.h"
 #include "fwLog.h"
 
 namespace FW {
@@ -17,8 +19,6 @@ constexpr char kSource[] = "fwGeoip";
 
 constexpr char kDatabaseDir[] = "/usr/share/xt_geoip/";
 constexpr std::size_t kChunkBytes = 4096;  // a multiple of both record sizes
-constexpr std::size_t kRecordBytesV4 = 8;
-constexpr std::size_t kRecordBytesV6 = 32;
 constexpr std::size_t kTextBytes = 64;
 constexpr std::size_t kPathBytes = 1024;
 
@@ -51,6 +51,32 @@ unsigned byteOf(std::uint32_t word, unsigned index) {
 }
 
 }  // namespace
+
+std::string geoipPath(const std::string& country, bool ipv6) {
+    return kDatabaseDir + country + (ipv6 ? ".iv6" : ".iv4");
+}
+
+bool geoipRecordsRead(const std::string& country, bool ipv6,
+                      const std::function<void(const char* record, std::size_t bytes)>& use) {
+    const std::unique_ptr<std::FILE, FileClose> file(
+        std::fopen(geoipPath(country, ipv6).c_str(), "rbe"));
+    if (!file) {
+        return false;
+    }
+    char chunk[kChunkBytes];
+    for (;;) {
+        // Zeroed each time, because zeros complete a partial last record.
+        std::memset(chunk, 0, sizeof(chunk));
+        const std::size_t length = std::fread(chunk, 1, sizeof(chunk), file.get());
+        if (length < 1) {
+            return true;
+        }
+        const std::size_t step = ipv6 ? kGeoipRecordBytesV6 : kGeoipRecordBytesV4;
+        for (std::size_t offset = 0; offset < length; offset += step) {
+            use(chunk + offset, std::min(step, length - offset));
+        }
+    }
+}
 
 int FW_GEOIP::Ipv4ToString(unsigned int addr, char* buffer, int size) {
     return std::snprintf(buffer, static_cast<std::size_t>(size), "%u.%u.%u.%u", byteOf(addr, 0),
@@ -85,34 +111,22 @@ void FW_GEOIP::ParseV6(in6_addr* begin, in6_addr* end, Json::Value& range) {
 
 int FW_GEOIP::geoipFileRead(const std::string& country, Json::Value& scratch, Json::Value& ranges,
                             bool ipv6) {
-    const std::string path = kDatabaseDir + country + (ipv6 ? ".iv6" : ".iv4");
-    const std::unique_ptr<std::FILE, FileClose> file(std::fopen(path.c_str(), "rbe"));
-    if (!file) {
-        FW_LOG_ERR("Failed to open file %s\n", path.c_str());
+    const bool read = geoipRecordsRead(country, ipv6, [&](const char* record, std::size_t) {
+        scratch.clear();
+        if (ipv6) {
+            in6_addr first = addressAt(record);
+            in6_addr last = addressAt(record + sizeof(in6_addr));
+            ParseV6(&first, &last, scratch);
+        } else {
+            ParseV4(wordAt(record), wordAt(record + sizeof(std::uint32_t)), scratch);
+        }
+        ranges.append(scratch);
+    });
+    if (!read) {
+        FW_LOG_ERR("Failed to open file %s\n", geoipPath(country, ipv6).c_str());
         return -1;
     }
-    char chunk[kChunkBytes];
-    for (;;) {
-        // Zeroed each time, because zeros complete a partial last record.
-        std::memset(chunk, 0, sizeof(chunk));
-        const std::size_t length = std::fread(chunk, 1, sizeof(chunk), file.get());
-        if (length < 1) {
-            return 0;
-        }
-        const std::size_t step = ipv6 ? kRecordBytesV6 : kRecordBytesV4;
-        for (std::size_t offset = 0; offset < length; offset += step) {
-            const char* const record = chunk + offset;
-            scratch.clear();
-            if (ipv6) {
-                in6_addr first = addressAt(record);
-                in6_addr last = addressAt(record + sizeof(in6_addr));
-                ParseV6(&first, &last, scratch);
-            } else {
-                ParseV4(wordAt(record), wordAt(record + sizeof(std::uint32_t)), scratch);
-            }
-            ranges.append(scratch);
-        }
-    }
+    return 0;
 }
 
 bool FW_GEOIP::countryIPGet(const std::string& country, const bool& ipv6, Json::Value& ranges) {

@@ -206,6 +206,14 @@ void appendRawProtocols(const std::string& service, Texts& fragments) {
 
 }  // namespace
 
+bool RuleTranslation::interfaces(std::vector<std::string>& names) {
+    if (!translator_.enabledAdapterEnum()) {
+        return false;
+    }
+    names = translator_.enabledAdapters_;
+    return true;
+}
+
 const std::string& RuleTranslation::interfaceOf(const std::string& adapter) {
     if (adapter != FW_ADAPTER_PPPOE) {
         return adapter;

@@ -7,6 +7,7 @@
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "tarnfirewall/fwIptables.h"
 
@@ -27,6 +28,9 @@ class RuleTranslation {
 public:
     explicit RuleTranslation(TARNFW_IPTABLES_RULES& translator, LinesFor use = LinesFor::kRunning)
         : translator_(translator), use_(use) {}
+
+    /// The machine's interfaces. Returns false, logged, when they cannot be listed.
+    bool interfaces(std::vector<std::string>& names);
 
     /// The interface of `adapter`; for "pppoe" that of the connection.
     const std::string& interfaceOf(const std::string& adapter);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "library_test.h"
+#include "tarnfirewall/fwEnvironment.h"
 #include "tarnfirewall/fwMeaning.h"
 
 #include "iptables_lines.h"
@@ -158,7 +159,10 @@ TEST_F(ResolveRandomTest, VerdictsAreThoseOfTheLines) {
         Random random(static_cast<unsigned>(number));
         const RandomCase made = makeCase(random, 8, countries, platform_);
         const FamilyLines lines = linesOfProfile(made.profile, made.batch, countries.ranges());
-        const FWRESOLVED resolved = FW::fwResolve(made.profile, made.environment);
+        FWENVIRONMENT environment;
+        ASSERT_TRUE(FW::fwEnvironmentGet(made.profile, FW::FW_ADAPTERS_PRESENT, {}, environment));
+        environment.batch = made.batch;
+        const FWRESOLVED resolved = FW::fwResolve(made.profile, environment);
         for (const FW::FWFINDING& finding : resolved.findings) {
             ASSERT_TRUE(hasRefusedLine(lines, finding.place))
                 << "profile " << number << ": " << finding.text << textOf(lines);

@@ -1,0 +1,150 @@
+#include "tarnfirewall/fwEnvironment.h"
+
+#include <cstring>
+#include <map>
+#include <set>
+#include <utility>
+
+#include "tarnfirewall/fwIptables.h"
+#include "tarnfirewall/tarnFW.h"
+
+#include "fwCatalogue.h"
+#include "fwGeoipFile.h"
+#include "fwRuleTranslation.h"
+#include "fwServiceRules.h"
+
+namespace FW {
+namespace {
+
+using Names = std::set<std::string>;
+using Countries = std::map<std::pair<std::string, FW_FAMILY>, std::shared_ptr<const FWADDRESSES>>;
+
+/// The adapters that a profile has rules or a default policy for.
+Names adaptersOf(const FWPROFILE& profile) {
+    Names adapters;
+    for (const auto& [adapter, rules] : profile.rules) {
+        adapters.insert(adapter);
+    }
+    for (const auto& [adapter, policy] : profile.adapterPolicyMap) {
+        adapters.insert(adapter);
+    }
+    return adapters;
+}
+
+/// Collects the entries of a list of each rule that `uses` names.
+template <typename Uses>
+Names namesIn(const FWPROFILE& profile, std::vector<std::string> FWRULE::*list, Uses uses) {
+    Names names;
+    for (const auto& [adapter, rules] : profile.rules) {
+        for (const FWRULE& rule : rules) {
+            if (uses(rule)) {
+                names.insert((rule.*list).begin(), (rule.*list).end());
+            }
+        }
+    }
+    return names;
+}
+
+/// The number of a 32-bit word of the database, which has them in the byte order of the machine.
+std::uint64_t wordAt(const char* bytes) {
+    std::uint32_t word = 0;
+    std::memcpy(&word, bytes, sizeof(word));
+    return word;
+}
+
+FWADDRESS ipv6At(const char* bytes) {
+    return {wordAt(bytes) << 32 | wordAt(bytes + 4), wordAt(bytes + 8) << 32 | wordAt(bytes + 12)};
+}
+
+Countries countriesOf(const FWPROFILE& profile) {
+    Countries countries;
+    const Names codes = namesIn(profile, &FWRULE::ipList, [](const FWRULE& rule) {
+        return rule.ipGroup == FW_IP_GROUP_COUNTRIES;
+    });
+    for (const std::string& code : codes) {
+        for (const FW_FAMILY family : {FW_FAMILY_V4, FW_FAMILY_V6}) {
+            countries[{code, family}] = fwCountryAddresses(code, family);
+        }
+    }
+    return countries;
+}
+
+/// Adds the ports of the services that the firewall may use.
+bool addServices(TARNFW_IPTABLES_RULES& translator, const Names& names,
+                 std::map<std::string, ServPort>& services) {
+    for (const std::string& name : names) {
+        ServPort ports;
+        if (!translator.servToPorts({name}, ports)) {
+            return false;
+        }
+        if (isUsable(TARNFWServiceFind(translator.serviceCatalogue(), name.c_str()))) {
+            services[name] = std::move(ports);
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+bool fwEnvironmentGet(const FWPROFILE& profile, FW_ADAPTERS adapters,
+                      const std::vector<std::string>& services, FWENVIRONMENT& environment) {
+    FWENVIRONMENT filled;
+    TARNFW_IPTABLES_RULES translator;
+    RuleTranslation translation(translator);
+
+    std::string mode;
+    std::vector<std::string> interfaces;
+    if (!TARNFW().fwApplyMode(mode) || !translation.interfaces(interfaces)) {
+        return false;
+    }
+    filled.batch = mode == FW_APPLY_BATCH;
+    const std::string pppoe = translation.interfaceOf(FW_ADAPTER_PPPOE);
+    const auto present = fwAdaptersNow(interfaces, pppoe);
+    filled.adapters = adapters == FW_ADAPTERS_ALL ? fwAdaptersByName(profile, pppoe) : present;
+
+    for (const std::string& adapter : adaptersOf(profile)) {
+        if (adapter == FW_PPPOE_INTERFACE || present.count(adapter) == 0) {
+            continue;
+        }
+        const std::string interface = translation.interfaceOf(adapter);
+        std::string router = translation.routerInterfaceOf(interface);
+        if (router != interface) {
+            filled.tunnels[adapter] = std::move(router);
+        }
+    }
+
+    Names names = namesIn(profile, &FWRULE::portList, fwRuleNamesServices);
+    names.insert(services.begin(), services.end());
+    if (!addServices(translator, names, filled.services)) {
+        return false;
+    }
+
+    filled.countries = [countries = countriesOf(profile)](const std::string& country,
+                                                          FW_FAMILY family) {
+        const auto found = countries.find({country, family});
+        return found == countries.end() ? nullptr : found->second;
+    };
+    environment = std::move(filled);
+    return true;
+}
+
+std::shared_ptr<const FWADDRESSES> fwCountryAddresses(const std::string& country,
+                                                      FW_FAMILY family) {
+    const bool ipv6 = family == FW_FAMILY_V6;
+    std::vector<FWADDRESSINTERVAL> intervals;
+    const bool read = geoipRecordsRead(country, ipv6, [&](const char* record, std::size_t bytes) {
+        if (bytes < (ipv6 ? kGeoipRecordBytesV6 : kGeoipRecordBytesV4)) {
+            return;
+        }
+        if (ipv6) {
+            intervals.push_back({ipv6At(record), ipv6At(record + 16)});
+        } else {
+            constexpr std::uint64_t kBelowIpv4 = 0xffffffff;
+            intervals.push_back(
+                {{wordAt(record) << 32, 0}, {wordAt(record + 4) << 32 | kBelowIpv4, ~0ULL}});
+        }
+    });
+    return read ? std::make_shared<const FWADDRESSES>(fwAddressesFrom(intervals)) : nullptr;
+}
+
+}  // namespace FW

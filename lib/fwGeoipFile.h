@@ -1,0 +1,21 @@
+/// The files of the country database.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+
+namespace FW {
+
+inline constexpr std::size_t kGeoipRecordBytesV4 = 8;
+inline constexpr std::size_t kGeoipRecordBytesV6 = 32;
+
+/// Calls `use` with each record of a country's file and with how many of its bytes are in the file:
+/// zeros complete a partial last one. Returns false when the file cannot be opened.
+bool geoipRecordsRead(const std::string& country, bool ipv6,
+                      const std::function<void(const char* record, std::size_t bytes)>& use);
+
+/// The file of a country.
+std::string geoipPath(const std::string& country, bool ipv6);
+
+}  // namespace FW
