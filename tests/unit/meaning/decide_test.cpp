@@ -11,7 +11,7 @@
 
 #include "iptables_lines.h"
 #include "packet_set.h"
-#include "random_profile.h"
+#include "random_case.h"
 
 namespace {
 
@@ -98,7 +98,7 @@ bool mayBe(const FWPACKET& packet, const FWPACKET& other) {
 
 TEST_F(DecideRandomTest, DecisionsAreThoseOfTheLines) {
     const TestCountries countries(2);
-    countries.store();
+    storeCountries(countries);
     const int profiles = countOf(200, 5000);
     for (int number = 0; number < profiles; ++number) {
         Random random(static_cast<unsigned>(1000000 + number));
@@ -117,7 +117,7 @@ TEST_F(DecideRandomTest, DecisionsAreThoseOfTheLines) {
 
 TEST_F(DecideRandomTest, UnknownFieldsYieldEveryDecider) {
     const TestCountries countries(3);
-    countries.store();
+    storeCountries(countries);
     const int profiles = countOf(200, 2000);
     for (int number = 0; number < profiles; ++number) {
         Random random(static_cast<unsigned>(2000000 + number));
@@ -166,7 +166,7 @@ TEST_F(DecideRandomTest, UnknownFieldsYieldEveryDecider) {
 
 TEST_F(DecideRandomTest, RulesAreGivenBack) {
     const TestCountries countries(7);
-    countries.store();
+    storeCountries(countries);
     for (int number = 0; number < 20; ++number) {
         Random random(static_cast<unsigned>(7000000 + number));
         const RandomCase made = makeCase(random, 8, countries, platform_);

@@ -9,7 +9,7 @@
 
 #include "bdd_oracle.h"
 #include "packet_set.h"
-#include "random_profile.h"
+#include "random_case.h"
 
 namespace {
 

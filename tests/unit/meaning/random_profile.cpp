@@ -4,10 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <sstream>
-
-#include "library_test.h"
 
 namespace {
 
@@ -107,48 +104,6 @@ FWRULE makeRule(Random& random) {
     return rule;
 }
 
-std::map<std::string, FakeService> fakeServices() {
-    std::map<std::string, FakeService> services;
-    services["ssh"] = {"SSH", 1, {"22"}, 0, {}};
-    services["web"] = {"Web", 3, {"80", "443", "8000-8080"}, 0, {}};
-    services["vpn_server_pptp"] = {"PPTP", 1, {"1723"}, 0, {}};
-    services["vpn_server_ipsec"] = {"IPsec", 2, {"500", "4500"}, 4, {"1"}};
-    services["hidden"] = {"", 1, {"9999"}, 0, {}};
-    services["from"] = {"From", 32, {"1"}, 3, {"1000-1999"}};
-    return services;
-}
-
-/// What the engine is told of the fake platform.
-FW::FWENVIRONMENT environmentOf(const FakePlatform& platform, const TestCountries& countries) {
-    FW::FWENVIRONMENT environment;
-    environment.adapters = FW::fwAdaptersNow(platform.interfaces, platform.pppoeInterface);
-    for (const auto& [asked, router] : platform.popenOutput) {
-        if (asked == router) {
-            continue;
-        }
-        environment.tunnels[asked] = router;
-        if (asked == platform.pppoeInterface) {
-            environment.tunnels["pppoe"] = router;
-        }
-    }
-    for (const auto& [name, service] : platform.services) {
-        if (service.title.empty()) {
-            continue;
-        }
-        FW::ServPort& ports = environment.services[name];
-        if (!service.srcPorts.empty()) {
-            ports.srcPorts[FW::FW_PORT_PROTOCOL(service.srcProtocol)] = service.srcPorts;
-        }
-        if (!service.dstPorts.empty()) {
-            ports.dstPorts[FW::FW_PORT_PROTOCOL(service.dstProtocol)] = service.dstPorts;
-        }
-    }
-    environment.countries = [&countries](const std::string& country, FW::FW_FAMILY family) {
-        return countries.find(country, family);
-    };
-    return environment;
-}
-
 Bytes randomBytes(Random& random) {
     Bytes bytes;
     for (std::uint8_t& byte : bytes) {
@@ -215,23 +170,6 @@ TestCountries::TestCountries(unsigned seed) {
     }
 }
 
-void TestCountries::store() const {
-    for (const auto& [key, ranges] : ranges_) {
-        std::string content;
-        for (const ByteRange& range : ranges) {
-            for (const Bytes& end : {range.first, range.second}) {
-                for (std::size_t word = 0; word < (key.second == 0 ? 1U : 4U); ++word) {
-                    std::uint32_t number = 0;
-                    std::memcpy(&number, end.data() + 4 * word, sizeof(number));
-                    number = ntohl(number);
-                    content.append(reinterpret_cast<const char*>(&number), sizeof(number));
-                }
-            }
-        }
-        writeFile(kGeoipDir + key.first + (key.second == 0 ? ".iv4" : ".iv6"), content);
-    }
-}
-
 std::shared_ptr<const FW::FWADDRESSES> TestCountries::find(const std::string& country,
                                                            FW::FW_FAMILY family) const {
     const auto found = lists_.find({country, family});
@@ -240,49 +178,24 @@ std::shared_ptr<const FW::FWADDRESSES> TestCountries::find(const std::string& co
 
 // ---- Profiles ----
 
-RandomCase makeCase(Random& random, int rules, const TestCountries& countries,
-                    FakePlatform& platform) {
-    platform.interfaces = {"lo", "eth0", "eth1", "tun0", "tun1000", "ppp0", "ppp1"};
-    if (pick(random, 3) == 0) {
-        platform.interfaces.emplace_back("et+");
-        platform.interfaces.emplace_back("+");
-    }
-    platform.pppoeInterface = pick(random, 3) == 0 ? "" : pick(random, 2) == 0 ? "ppp0" : "ppp1";
-    platform.popenOutput.clear();
-    if (pick(random, 2) == 0) {
-        platform.popenOutput["eth0"] = pick(random, 4) == 0 ? "global" : "sit0";
-        platform.popenOutput["vpn"] = pick(random, 2) == 0 ? "eth1" : "vpn";
-    }
-    if (pick(random, 3) == 0 && !platform.pppoeInterface.empty()) {
-        platform.popenOutput[platform.pppoeInterface] = "aaa0";
-    }
-    platform.services = fakeServices();
-
-    RandomCase made;
-    made.batch = pick(random, 2) == 0;
-    made.profile.name = "random";
-    for (const char* const adapter :
-         {"global", "eth0", "eth1", "vpn", "pppoe", "ppp0", "absent", "et+", "+", "tun0"}) {
+FW::FWPROFILE makeProfile(Random& random, int rules, const Texts& adapters) {
+    FW::FWPROFILE profile;
+    profile.name = "random";
+    for (const std::string& adapter : adapters) {
         if (pick(random, 3) == 0) {
             continue;
         }
         for (int i = pick(random, rules + 1); i > 0; --i) {
-            made.profile.rules[adapter].push_back(makeRule(random));
+            profile.rules[adapter].push_back(makeRule(random));
         }
         if (pick(random, 4) != 0) {
-            made.profile.adapterPolicyMap[adapter] =
-                std::string(adapter) == "global" || pick(random, 5) == 0 ? FW::FW_POLICY_NONE
-                : pick(random, 2) == 0                                   ? FW::FW_POLICY_ALLOW
-                                                                         : FW::FW_POLICY_DENY;
+            profile.adapterPolicyMap[adapter] = adapter == "global" || pick(random, 5) == 0
+                                                    ? FW::FW_POLICY_NONE
+                                                : pick(random, 2) == 0 ? FW::FW_POLICY_ALLOW
+                                                                       : FW::FW_POLICY_DENY;
         }
     }
-    made.environment = environmentOf(platform, countries);
-    made.environment.batch = made.batch;
-    made.interfaces = platform.interfaces;
-    for (const char* const name : {"sit0", "aaa0", "eth", "eth01", "other", "tun9", "e"}) {
-        made.interfaces.emplace_back(name);
-    }
-    return made;
+    return profile;
 }
 
 // ---- Packets ----

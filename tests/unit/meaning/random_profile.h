@@ -9,7 +9,6 @@
 #include <utility>
 #include <vector>
 
-#include "fake_platform.h"
 #include "tarnfirewall/fwMeaning.h"
 
 #include "iptables_lines.h"
@@ -29,21 +28,10 @@ const typename List::value_type& oneOf(Random& random, const List& list) {
     return list[random() % list.size()];
 }
 
-/// A profile with the machine that it is for.
-struct RandomCase {
-    FW::FWPROFILE profile;
-    bool batch = false;
-    FW::FWENVIRONMENT environment;
-    std::vector<std::string> interfaces;  ///< names to send packets through
-};
-
 /// The countries of the tests, for the library's files and for both evaluators.
 class TestCountries {
 public:
     explicit TestCountries(unsigned seed);
-
-    /// Writes the database files.
-    void store() const;
 
     const CountryRanges& ranges() const { return ranges_; }
 
@@ -56,9 +44,9 @@ private:
     std::map<std::pair<std::string, int>, std::shared_ptr<const FW::FWADDRESSES>> lists_;
 };
 
-/// Makes a profile of up to `rules` rules an adapter and sets the platform's answers for it.
-RandomCase makeCase(Random& random, int rules, const TestCountries& countries,
-                    FakePlatform& platform);
+/// A profile of up to `rules` rules an adapter, for most of `adapters`. Some of the rules are
+/// wrong.
+FW::FWPROFILE makeProfile(Random& random, int rules, const std::vector<std::string>& adapters);
 
 /// A packet at or beside the edges of a random line.
 LinePacket makePacket(Random& random, const FamilyLines& lines,

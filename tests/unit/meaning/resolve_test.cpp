@@ -12,7 +12,7 @@
 
 #include "iptables_lines.h"
 #include "packet_set.h"
-#include "random_profile.h"
+#include "random_case.h"
 
 namespace {
 
@@ -153,7 +153,7 @@ std::string outcomeOf(const LineVerdict& verdict) {
 
 TEST_F(ResolveRandomTest, VerdictsAreThoseOfTheLines) {
     const TestCountries countries(1);
-    countries.store();
+    storeCountries(countries);
     const int profiles = countOf(200, 5000);
     for (int number = 0; number < profiles; ++number) {
         Random random(static_cast<unsigned>(number));

@@ -8,7 +8,7 @@
 #include "tarnfirewall/fwMeaning.h"
 
 #include "bdd_oracle.h"
-#include "random_profile.h"
+#include "random_case.h"
 
 namespace {
 
