@@ -46,7 +46,7 @@ FWRESOLVEDRULE FW_MEANING::rule(std::size_t number) const {
         rule.packets = state_->space.packetsOf(state_->space.regionOf(own.values));
         rule.verdict = own.verdict;
         rule.log = own.log;
-        rule.place = state_->placeOf(number);
+        rule.place = state_->places[state_->placeNumbers[number]];
     }
     return rule;
 }

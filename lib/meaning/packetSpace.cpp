@@ -257,17 +257,47 @@ std::uint32_t PacketSpace::idOf(Field field, const Values& values, std::uint64_t
     if (*values == all_[field]) {
         return 0;
     }
-    for (auto [at, end] = ids_.equal_range(hash); at != end; ++at) {
-        const Values& known = values_[at->second];
-        if (known == values || *known == *values) {
-            return at->second;
-        }
+    if (values_.size() * 2 >= slots_.size()) {
+        growSlots();
     }
-    const auto id = static_cast<std::uint32_t>(values_.size());
-    values_.push_back(values);
-    hashes_.push_back(hash);
-    ids_.emplace(hash, id);
-    return id;
+    std::uint32_t& slot = slots_[slotOf(values, hash)];
+    if (slot == 0) {
+        slot = static_cast<std::uint32_t>(values_.size());
+        values_.push_back(values);
+        hashes_.push_back(hash);
+    }
+    return slot;
+}
+
+void PacketSpace::finish() {
+    slots_ = {};
+    values_.shrink_to_fit();
+    hashes_.shrink_to_fit();
+}
+
+/// Where the id of values is, or is to be.
+std::size_t PacketSpace::slotOf(const Values& values, std::uint64_t hash) const {
+    const std::size_t mask = slots_.size() - 1;
+    std::size_t at = hash & mask;
+    while (slots_[at] != 0) {
+        const std::uint32_t id = slots_[at];
+        if (values_[id] == values || (hashes_[id] == hash && *values_[id] == *values)) {
+            break;
+        }
+        at = (at + 1) & mask;
+    }
+    return at;
+}
+
+void PacketSpace::growSlots() {
+    std::size_t count = std::max<std::size_t>(slots_.size() * 2, 64);
+    while (count <= values_.size() * 2) {
+        count *= 2;
+    }
+    slots_.assign(count, 0);
+    for (std::uint32_t id = 1; id < values_.size(); ++id) {
+        slots_[slotOf(values_[id], hashes_[id])] = id;
+    }
 }
 
 std::uint32_t PacketSpace::idOf(Field field, const std::shared_ptr<const FWADDRESSES>& addresses,

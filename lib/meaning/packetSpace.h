@@ -97,6 +97,9 @@ public:
 
     ValueIds add(const FWPACKETSET& set, AddressIds& known);
 
+    /// Frees what only adding needs; more can be added later.
+    void finish();
+
     /// The rules of another space, in this one. Its interfaces have to be known here.
     std::vector<SpaceRule> addAll(const PacketSpace& other, const std::vector<SpaceRule>& rules);
 
@@ -124,12 +127,14 @@ private:
     std::uint32_t idOf(Field field, const Values& values, std::uint64_t hash);
     std::uint32_t idOf(Field field, const std::shared_ptr<const FWADDRESSES>& addresses,
                        AddressIds& known);
+    std::size_t slotOf(const Values& values, std::uint64_t hash) const;
+    void growSlots();
 
     InterfaceNumbers interfaces_;
     std::array<Intervals, kFields> all_;
     std::vector<Values> values_{nullptr};
-    std::vector<std::uint64_t> hashes_{0};                       // of the values
-    std::unordered_multimap<std::uint64_t, std::uint32_t> ids_;  // by hash
+    std::vector<std::uint64_t> hashes_{0};  // of the values
+    std::vector<std::uint32_t> slots_;      // ids, each at its hash or after it; 0 is free
 };
 
 // ---- Regions ----

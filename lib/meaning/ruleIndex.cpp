@@ -11,7 +11,7 @@ constexpr std::size_t kLeafRules = 8;  // no need to cut further
 
 // The tree may name a rule in several leaves, on average in this many. Rules that overlap each
 // other everywhere would otherwise fill the memory; their leaves are longer instead.
-constexpr std::size_t kLeavesPerRule = 8;
+constexpr std::size_t kLeavesPerRule = 4;
 
 constexpr std::size_t kFewIntervals = 16;
 

@@ -215,7 +215,7 @@ private:
 /// Examines the rules of one profile.
 class ShadowFinder {
 public:
-    ShadowFinder(const std::vector<FWPLACE>& places, const std::vector<std::uint32_t>& ownerOf,
+    ShadowFinder(const Places& places, const std::vector<std::uint32_t>& ownerOf,
                  const PacketSpace& space, const std::vector<SpaceRule>& rules,
                  const RuleIndex& index)
         : places_(places),
@@ -242,7 +242,7 @@ public:
         std::vector<std::optional<FWSHADOW>> found(owners_.size());
         std::vector<Sampled> sampled;
         for (std::size_t i = 0; i < owners_.size(); ++i) {
-            sampled.push_back(places_[i].origin == FW_ORIGIN_RULE ? sample(owners_[i])
+            sampled.push_back(places_.origin(i) == FW_ORIGIN_RULE ? sample(owners_[i])
                                                                   : Sampled{true, true});
         }
         for (std::size_t i = 0; i < owners_.size() && steps_ < FW_MEANING_STEPS; ++i) {
@@ -337,7 +337,7 @@ private:
             }
         }
         steps_ += search.steps() + besideAll.steps();
-        const FWPLACE& place = places_[number];
+        const FWPLACE place = places_[number];
         if (result == Answer::kTooComplex) {
             findings_.push_back({place, neverDecides ? "too complex: whether it never takes effect"
                                                      : "too complex: whether it changes anything"});
@@ -376,7 +376,7 @@ private:
         return places;
     }
 
-    const std::vector<FWPLACE>& places_;         // by owner
+    const Places& places_;                       // by owner
     const std::vector<std::uint32_t>& ownerOf_;  // by rule
     const PacketSpace& space_;
     const std::vector<SpaceRule>& rules_;
