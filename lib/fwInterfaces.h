@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "fwText.h"
+
 namespace FW {
 
 /// Appends the interface names in the platform's order, and "wlan0" on a model with wireless; then
@@ -12,6 +14,16 @@ namespace FW {
 /// state set, when they cannot be listed. The caller logs that, under its own source name,
 /// with FW_LOG_INTERFACES_FAILURE.
 int interfacesEnum(std::vector<std::string>& names);
+
+/// A "tun" interface that belongs to the system, not to a VPN.
+inline constexpr char kSystemTunnel[] = "tun1000";
+
+/// Whether an interface belongs to the adapter "vpn": "ppp..." other than the PPPoE interface, and
+/// "tun..." other than the system's.
+inline bool isVpnInterface(const std::string& name, const std::string& pppoe) {
+    return (startsWith(name, "ppp") && name != pppoe) ||
+           (startsWith(name, "tun") && name != kSystemTunnel);
+}
 
 }  // namespace FW
 

@@ -25,8 +25,6 @@ namespace {
 constexpr char kSource[] = "fwIptables";
 
 constexpr std::size_t kPppoeNameBytes = 256;
-// A "tun" interface that belongs to the system, not to a VPN.
-constexpr char kSystemTunnel[] = "tun1000";
 
 constexpr char kLoopbackLine[] = " -i lo -j ACCEPT";
 constexpr char kEstablishedMatch[] = " -m state --state ESTABLISHED,RELATED -j ACCEPT";
@@ -88,13 +86,6 @@ bool isIpv6(const std::string& text) {
 
 bool isUsableLocalIp(const std::string& localIp) {
     return localIp.empty() || isIpv4(localIp) || isIpv6(localIp);
-}
-
-/// Whether a text begins with an IPv4 address: "10.0.0.5", "10.0.0.0/24", and "10/8" as iptables
-/// reads it. No address of IPv6 and no name consists of digits and dots alone.
-bool beginsWithIpv4(const std::string& text) {
-    const std::string address = text.substr(0, text.find_first_of("/,"));
-    return !address.empty() && address.find_first_not_of("0123456789.") == std::string::npos;
 }
 
 /// Whether a rule matches an IPv4 address, network or range, whatever its family.
@@ -378,9 +369,7 @@ bool TARNFW_IPTABLES_RULES::vpnAdatperEnum() {
     }
     pppoeAdaterGet();
     for (const std::string& adapter : enabledAdapters_) {
-        const bool dialIn = startsWith(adapter, "ppp") && adapter != pppoeInterface_;
-        const bool tunnel = startsWith(adapter, "tun") && adapter != kSystemTunnel;
-        if (dialIn || tunnel) {
+        if (isVpnInterface(adapter, pppoeInterface_)) {
             vpnAdapters_.push_back(adapter);
         }
     }

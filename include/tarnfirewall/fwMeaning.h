@@ -210,6 +210,12 @@ struct FWRESOLVED {
 /// iptables does not refuse them: it asks a name server, or makes 4464 of the UDP port 70000.
 TARNFW_EXPORT FWRESOLVED fwResolve(const FWPROFILE& profile, const FWENVIRONMENT& environment);
 
+/// The packets for a service with these ports: sets by protocol, with those of the protocols that
+/// it needs besides ports. None for a service without either. Entries that are no ports are left
+/// out.
+TARNFW_EXPORT std::vector<FWPACKETSET> fwServicePackets(const std::string& service,
+                                                        const ServPort& ports);
+
 /// A list of intervals in any order, sorted and joined where they overlap or are adjacent. Those
 /// that run backwards are left out.
 TARNFW_EXPORT FWADDRESSES fwAddressesFrom(const std::vector<FWADDRESSINTERVAL>& intervals);
@@ -264,7 +270,7 @@ enum FW_CHANGE : std::uint8_t {
 struct FWCHANGE {
     FW_CHANGE change = FW_CHANGE_OPENED;
     std::vector<FWPACKETSET> packets;  ///< disjoint sets, the largest first
-    FWPACKET witness;                  ///< one of the largest
+    std::vector<FWPACKET> witnesses;   ///< one packet of each
     std::size_t before = 0;  ///< the number of the rule that decided about them, see FWDECISION
     std::size_t after = 0;   ///< and of the one that does now, among the other rules
 };

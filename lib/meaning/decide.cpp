@@ -6,6 +6,7 @@
 #include "tarnfirewall/fwMeaning.h"
 
 #include "meaningState.h"
+#include "regions.h"
 
 namespace FW {
 namespace {
@@ -14,8 +15,9 @@ namespace {
 /// never tell them apart.
 bool isPoint(const Region& region, const FWPACKET& packet) {
     const bool isInput = packet.chain == FW_CHAIN_INPUT;
-    const bool hasPorts = packet.protocol == 6 || packet.protocol == 17;
-    const bool hasType = packet.protocol == 1 || packet.protocol == 58;
+    const Number protocol = packet.protocol.value_or(0);
+    const bool hasPorts = protocol == kTcp || protocol == kUdp;
+    const bool hasType = protocol == kIcmp || protocol == kIcmpv6;
     for (std::size_t field = 0; field < kFields; ++field) {
         const bool matters = !(field == kOut && isInput) &&
                              !((field == kSourcePort || field == kDestinationPort) && !hasPorts) &&

@@ -16,6 +16,7 @@
 #include "tarnfirewall/fwMeaning.h"
 
 #include "meaningState.h"
+#include "regions.h"
 #include "ruleScan.h"
 
 namespace FW {
@@ -272,8 +273,8 @@ FWDIFFERENCE FW_MEANING::differenceFrom(const FW_MEANING& before) const {
             changeOf(effectOf(oldSide, deciders.first), effectOf(newSide, deciders.second));
         for (const Region& region : regions) {
             change.packets.push_back(space.packetsOf(region));
+            change.witnesses.push_back(space.exampleOf(region));
         }
-        change.witness = space.packetOf(space.pointOf(regions.front()));
         change.before = deciders.first;
         change.after = deciders.second;
     }

@@ -9,36 +9,6 @@
 namespace FW {
 namespace {
 
-constexpr char kEveryName[] = "+";
-
-// Lists with more intervals are those of countries: many rules share them.
-constexpr std::size_t kLongList = 64;
-
-constexpr Number kTcp = 6;
-constexpr Number kUdp = 17;
-constexpr Number kIcmp = 1;
-constexpr Number kIcmpv6 = 58;
-
-bool isBeginning(const std::string& entry) {
-    return !entry.empty() && entry.back() == '+';
-}
-
-/// What the names of an entry begin with.
-std::string startOf(const std::string& entry) {
-    return isBeginning(entry) ? entry.substr(0, entry.size() - 1) : entry;
-}
-
-/// A beginning comes before the name that consists of it alone.
-bool comesBefore(const std::string& a, const std::string& b) {
-    const int order = startOf(a).compare(startOf(b));
-    return order != 0 ? order < 0 : isBeginning(a) && !isBeginning(b);
-}
-
-bool fits(const std::string& entry, const std::string& name) {
-    return isBeginning(entry) ? name.compare(0, entry.size() - 1, entry, 0, entry.size() - 1) == 0
-                              : entry == name;
-}
-
 // ---- Plain data to numbers and back ----
 
 Intervals intervalsOf(const FWINTERVALS& intervals) {
@@ -140,92 +110,6 @@ Values single(Number number) {
 }
 
 }  // namespace
-
-// ---- Interfaces ----
-
-InterfaceNumbers::InterfaceNumbers(std::vector<std::string> entries)
-    : entries_(std::move(entries)) {
-    std::sort(entries_.begin(), entries_.end(), comesBefore);
-    entries_.erase(std::unique(entries_.begin(), entries_.end()), entries_.end());
-    for (std::size_t i = 0; i < entries_.size(); ++i) {
-        std::size_t end = i + 1;
-        while (isBeginning(entries_[i]) && end < entries_.size() &&
-               fits(entries_[i], startOf(entries_[end]))) {
-            ++end;
-        }
-        ends_.push_back(end);
-    }
-}
-
-std::size_t InterfaceNumbers::indexOf(const std::string& entry) const {
-    return static_cast<std::size_t>(
-        std::lower_bound(entries_.begin(), entries_.end(), entry, comesBefore) - entries_.begin());
-}
-
-bool InterfaceNumbers::hasAll(const FWINTERFACES& interfaces) const {
-    const auto has = [this](const std::string& entry) {
-        return std::binary_search(entries_.begin(), entries_.end(), entry, comesBefore);
-    };
-    return std::all_of(interfaces.names.begin(), interfaces.names.end(), has) &&
-           std::all_of(interfaces.except.begin(), interfaces.except.end(), has);
-}
-
-Number InterfaceNumbers::numberOf(const std::string& name) const {
-    // Of the entries that fit, the last one is the longest.
-    std::size_t index = indexOf(name);
-    if (index == entries_.size() || entries_[index] != name) {
-        --index;  // at least "+" comes before every name
-    }
-    while (!fits(entries_[index], name)) {
-        --index;
-    }
-    return index;
-}
-
-Intervals InterfaceNumbers::numbersOf(const FWINTERFACES& interfaces) const {
-    std::map<std::size_t, bool> included;  // by entry, in their order: shorter ones first
-    for (const std::string& entry : interfaces.except) {
-        included[indexOf(entry)] = false;
-    }
-    for (const std::string& entry : interfaces.names) {
-        included[indexOf(entry)] = true;
-    }
-    Intervals numbers;
-    for (const auto& [index, isIn] : included) {
-        const Intervals entry = {{index, ends_[index] - 1}};
-        numbers = isIn ? united(numbers, entry) : without(numbers, entry);
-    }
-    return numbers;
-}
-
-FWINTERFACES InterfaceNumbers::interfacesOf(const Intervals& numbers) const {
-    // Each entry whose membership differs from that of the next shorter one.
-    FWINTERFACES interfaces;
-    std::vector<std::pair<std::size_t, bool>> enclosing;  // their ends, and whether they are in
-    for (std::size_t i = 0; i < entries_.size(); ++i) {
-        while (!enclosing.empty() && enclosing.back().first <= i) {
-            enclosing.pop_back();
-        }
-        const bool isIn = contains(numbers, i);
-        if (isIn != (!enclosing.empty() && enclosing.back().second)) {
-            (isIn ? interfaces.names : interfaces.except).push_back(entries_[i]);
-        }
-        enclosing.emplace_back(ends_[i], isIn);
-    }
-    return interfaces;
-}
-
-std::string InterfaceNumbers::exampleOf(Number number) const {
-    const std::string& entry = entries_[static_cast<std::size_t>(number)];
-    if (!isBeginning(entry)) {
-        return entry;
-    }
-    std::string name = startOf(entry);
-    for (int i = 0; name.empty() || numberOf(name) != number; ++i) {
-        name = startOf(entry) + (entry == kEveryName ? "any" : "") + std::to_string(i);
-    }
-    return name;
-}
 
 // ---- The space ----
 
@@ -474,231 +358,34 @@ FWPACKET PacketSpace::packetOf(const Point& point) const {
     return packet;
 }
 
-// ---- Regions ----
-
-namespace {
-
-// The order in which fields are compared: first those that differ most often and take the least
-// time. Countries have thousands of addresses.
-constexpr Field kQuickFirst[] = {kIn,         kProtocol, kDestinationPort, kSourcePort, kFamily,
-                                 kChain,      kOut,      kIcmpType,        kState,      kSource,
-                                 kDestination};
-static_assert(sizeof(kQuickFirst) / sizeof(kQuickFirst[0]) == kFields);
-
-}  // namespace
-
-bool overlaps(const PacketSpace& space, const Region& region, const SpaceRule& rule) {
-    for (const Field field : kQuickFirst) {
-        const std::uint32_t id = rule.values[field];
-        if (id == 0 || isAny(region[field])) {
-            continue;
+FWPACKET PacketSpace::exampleOf(const Region& region) const {
+    Point point = pointOf(region);
+    const auto prefer = [&](Field field, const std::vector<Number>& wanted) {
+        const Intervals& values = isAny(region[field]) ? all_[field] : *region[field];
+        const auto found = std::find_if(wanted.begin(), wanted.end(),
+                                        [&](Number number) { return contains(values, number); });
+        if (found != wanted.end()) {
+            point[field] = *found;
         }
-        const Values& values = space.values(id);
-        if (values != region[field] && !overlaps(*values, *region[field])) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool OverlapTest::operator()(const SpaceRule& rule) {
-    for (const Field field : kQuickFirst) {
-        const std::uint32_t id = rule.values[field];
-        const Values& own = region_[field];
-        if (id == 0 || isAny(own)) {
-            continue;
-        }
-        const Values& values = space_.values(id);
-        if (values != own &&
-            !(values->size() > kLongList ? overlapsLong(field, id) : overlaps(*values, *own))) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool OverlapTest::overlapsLong(Field field, std::uint32_t id) {
-    for (const Known& known : known_) {
-        if (known.id == id && known.field == field) {
-            return known.overlaps;
-        }
-    }
-    const Values& values = space_.values(id);
-    const Values& own = region_[field];
-    const bool found = shared_ != nullptr && own->size() > kLongList ? shared_->overlap(values, own)
-                                                                     : overlaps(*values, *own);
-    known_.push_back({field, id, found});
-    return found;
-}
-
-bool LongOverlaps::overlap(const Values& a, const Values& b) {
-    const auto known = known_.find({a, b});
-    return known != known_.end() ? known->second
-                                 : known_.emplace(std::pair(a, b), overlaps(*a, *b)).first->second;
-}
-
-bool covers(const PacketSpace& space, const SpaceRule& rule, const Region& region) {
-    for (const Field field : kQuickFirst) {
-        const std::uint32_t id = rule.values[field];
-        if (id == 0) {
-            continue;
-        }
-        const Values& values = space.values(id);
-        if (isAny(region[field]) ||
-            (values != region[field] && !includes(*values, *region[field]))) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool contains(const PacketSpace& space, const SpaceRule& rule, const Point& point) {
-    for (const Field field : kQuickFirst) {
-        const std::uint32_t id = rule.values[field];
-        if (id != 0 && !contains(*space.values(id), point[field])) {
-            return false;
-        }
-    }
-    return true;
-}
-
-Region intersected(const PacketSpace& space, const Region& region, const SpaceRule& rule) {
-    Region common = region;
-    for (std::size_t field = 0; field < kFields; ++field) {
-        const std::uint32_t id = rule.values[field];
-        if (id == 0) {
-            continue;
-        }
-        const Values& values = space.values(id);
-        if (isAny(region[field]) || values == region[field]) {
-            common[field] = values;
-        } else if (!includes(*values, *region[field])) {
-            common[field] = std::make_shared<const Intervals>(intersected(*region[field], *values));
-        }
-    }
-    return common;
-}
-
-void appendWithout(const PacketSpace& space, Region region, const SpaceRule& rule,
-                   std::vector<Region>& rest) {
-    for (std::size_t at = 0; at < kFields; ++at) {
-        const auto field = static_cast<Field>(at);
-        const std::uint32_t id = rule.values[field];
-        if (id == 0) {
-            continue;
-        }
-        const Values& values = space.values(id);
-        const Intervals& own = isAny(region[field]) ? space.all(field) : *region[field];
-        Intervals outside = without(own, *values);
-        if (outside.empty()) {
-            continue;
-        }
-        Region piece = region;
-        piece[field] = std::make_shared<const Intervals>(std::move(outside));
-        rest.push_back(std::move(piece));
-        region[field] = isAny(region[field])
-                            ? values
-                            : std::make_shared<const Intervals>(intersected(own, *values));
-    }
-}
-
-int compare(const Values& a, const Values& b) {
-    if (a == b) {
-        return 0;
-    }
-    if (isAny(a) || isAny(b)) {
-        return isAny(a) ? -1 : 1;
-    }
-    if (a->size() != b->size()) {
-        return a->size() < b->size() ? -1 : 1;
-    }
-    for (std::size_t i = 0; i < a->size(); ++i) {
-        const Interval& one = (*a)[i];
-        const Interval& other = (*b)[i];
-        if (!(one == other)) {
-            return one.first < other.first || (one.first == other.first && one.last < other.last)
-                       ? -1
-                       : 1;
-        }
-    }
-    return 0;
-}
-
-namespace {
-
-/// Joins the regions that differ in `field` only.
-void joinAlong(const PacketSpace& space, Field field, std::vector<Region>& regions) {
-    const auto compareOthers = [field](const Region& a, const Region& b) {
-        for (std::size_t other = 0; other < kFields; ++other) {
-            const int order = other == field ? 0 : compare(a[other], b[other]);
-            if (order != 0) {
-                return order;
-            }
-        }
-        return 0;
     };
-    std::stable_sort(regions.begin(), regions.end(),
-                     [&](const Region& a, const Region& b) { return compareOthers(a, b) < 0; });
-    std::vector<Region> joined;
-    for (std::size_t i = 0; i < regions.size();) {
-        Region region = regions[i];
-        // The same number is another address in the other family.
-        if (field == kFamily && (!isAny(region[kSource]) || !isAny(region[kDestination]))) {
-            joined.push_back(std::move(region));
-            ++i;
-            continue;
-        }
-        Intervals values;
-        bool any = false;
-        std::size_t next = i;
-        for (; next < regions.size() && compareOthers(region, regions[next]) == 0; ++next) {
-            if (isAny(regions[next][field])) {
-                any = true;
-            } else {
-                values.insert(values.end(), regions[next][field]->begin(),
-                              regions[next][field]->end());
-            }
-        }
-        if (next > i + 1) {
-            normalize(values);
-            any = any || values == space.all(field);
-            region[field] = any ? nullptr : std::make_shared<const Intervals>(std::move(values));
-        }
-        joined.push_back(std::move(region));
-        i = next;
-    }
-    regions = std::move(joined);
-}
-
-/// Which part of all packets a region is.
-long double sizeOf(const PacketSpace& space, const Region& region) {
-    long double size = 1;
-    for (std::size_t field = 0; field < kFields; ++field) {
-        if (isAny(region[field])) {
-            continue;
-        }
-        long double count = 0;
-        for (const Interval& one : *region[field]) {
-            count += static_cast<long double>(one.last - one.first) + 1;
-        }
-        const Interval& all = space.all(static_cast<Field>(field)).front();
-        size *= count / (static_cast<long double>(all.last) + 1);
-    }
-    return size;
-}
-
-}  // namespace
-
-void join(const PacketSpace& space, std::vector<Region>& regions) {
-    for (std::size_t before = 0; before != regions.size() && regions.size() > 1;) {
-        before = regions.size();
-        for (std::size_t field = kFields; field > 0; --field) {
-            joinAlong(space, static_cast<Field>(field - 1), regions);
+    std::vector<Number> names;  // rather than beginnings of names
+    for (std::size_t i = 0; i < interfaces_.entries().size(); ++i) {
+        if (interfaces_.entries()[i].back() != '+') {
+            names.push_back(i);
         }
     }
-    std::stable_sort(regions.begin(), regions.end(), [&](const Region& a, const Region& b) {
-        return sizeOf(space, a) > sizeOf(space, b);
-    });
+    prefer(kIn, names);
+    prefer(kOut, names);
+    prefer(kProtocol, {kTcp, kUdp, point[kFamily] == FW_FAMILY_V4 ? kIcmp : kIcmpv6});
+    const std::vector<Number> hosts =
+        point[kFamily] == FW_FAMILY_V4
+            ? std::vector<Number>{Number(0xc0000201) << 96, Number(0xc0000202) << 96}
+            : std::vector<Number>{Number(0x20010db8) << 96 | 1, Number(0x20010db8) << 96 | 2};
+    prefer(kSource, hosts);
+    prefer(kDestination, {hosts[1], hosts[0]});
+    prefer(kSourcePort, {50000, 1});
+    prefer(kDestinationPort, {1});
+    return packetOf(point);
 }
 
 }  // namespace FW

@@ -1,6 +1,8 @@
 /// Sets of packets as sets of numbers: the form in which all operations work on rules.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -13,6 +15,7 @@
 
 #include "tarnfirewall/fwMeaning.h"
 
+#include "interfaceNumbers.h"
 #include "intervals.h"
 
 namespace FW {
@@ -34,8 +37,18 @@ enum Field : std::size_t {
     kFields
 };
 
+// Protocols whose packets have fields of their own.
+inline constexpr Number kTcp = IPPROTO_TCP;
+inline constexpr Number kUdp = IPPROTO_UDP;
+inline constexpr Number kIcmp = IPPROTO_ICMP;
+inline constexpr Number kIcmpv6 = IPPROTO_ICMPV6;
+
 /// The values of one field; null for any.
 using Values = std::shared_ptr<const Intervals>;
+
+inline bool isAny(const Values& values) {
+    return values == nullptr;
+}
 
 /// A set of packets: those with one of the values in every field.
 using Region = std::array<Values, kFields>;
@@ -46,37 +59,14 @@ using Point = std::array<Number, kFields>;
 /// A set of packets whose values are kept by a PacketSpace, by their number there; 0 for any.
 using ValueIds = std::array<std::uint32_t, kFields>;
 
+// Lists of addresses with more intervals are those of countries: many rules share them.
+inline constexpr std::size_t kLongList = 64;
+
 /// A resolved rule.
 struct SpaceRule {
     ValueIds values;
     FW_PACKET_VERDICT verdict;
     bool log;
-};
-
-/// Numbers the interfaces that rules name. Each entry of their sets has a number, for the names
-/// that no longer entry fits. A beginning of names comes directly before the entries that begin
-/// with it, so every set is a few intervals.
-class InterfaceNumbers {
-public:
-    explicit InterfaceNumbers(std::vector<std::string> entries);
-
-    const std::vector<std::string>& entries() const { return entries_; }
-
-    bool hasAll(const FWINTERFACES& interfaces) const;
-    Number numberOf(const std::string& name) const;
-    Intervals numbersOf(const FWINTERFACES& interfaces) const;
-    FWINTERFACES interfacesOf(const Intervals& numbers) const;
-
-    /// A name with this number.
-    std::string exampleOf(Number number) const;
-
-    Number greatest() const { return entries_.size() - 1; }
-
-private:
-    std::size_t indexOf(const std::string& entry) const;
-
-    std::vector<std::string> entries_;  // sorted; the first is "+"
-    std::vector<std::size_t> ends_;     // by entry: one past those that begin with it
 };
 
 /// Keeps values of fields, equal ones once. Copies share them.
@@ -120,6 +110,9 @@ public:
     Point pointOf(const Region& region) const;  ///< the first one
     FWPACKET packetOf(const Point& point) const;
 
+    /// One that is easy to imagine, where a region has such a one.
+    FWPACKET exampleOf(const Region& region) const;
+
 private:
     explicit PacketSpace(std::vector<std::string> entries);
 
@@ -136,66 +129,5 @@ private:
     std::vector<std::uint64_t> hashes_{0};  // of the values
     std::vector<std::uint32_t> slots_;      // ids, each at its hash or after it; 0 is free
 };
-
-// ---- Regions ----
-
-inline bool isAny(const Values& values) {
-    return values == nullptr;
-}
-
-/// Whether a region and a rule have a packet in common.
-bool overlaps(const PacketSpace& space, const Region& region, const SpaceRule& rule);
-
-/// Whether long lists of addresses overlap; compares two lists once.
-class LongOverlaps {
-public:
-    bool overlap(const Values& a, const Values& b);
-
-private:
-    std::map<std::pair<Values, Values>, bool> known_;
-};
-
-/// The same for many rules and one region. Compares with long lists of addresses, which many rules
-/// share, only once.
-class OverlapTest {
-public:
-    /// With `shared`, also what other regions showed; it keeps their lists.
-    OverlapTest(const PacketSpace& space, const Region& region, LongOverlaps* shared = nullptr)
-        : space_(space), region_(region), shared_(shared) {}
-
-    bool operator()(const SpaceRule& rule);
-
-private:
-    bool overlapsLong(Field field, std::uint32_t id);
-
-    struct Known {
-        Field field;
-        std::uint32_t id;
-        bool overlaps;
-    };
-    const PacketSpace& space_;
-    const Region& region_;
-    LongOverlaps* shared_;
-    std::vector<Known> known_;
-};
-
-/// Whether a rule has every packet of a region.
-bool covers(const PacketSpace& space, const SpaceRule& rule, const Region& region);
-
-bool contains(const PacketSpace& space, const SpaceRule& rule, const Point& point);
-
-/// The packets that a region and a rule have in common, where they overlap.
-Region intersected(const PacketSpace& space, const Region& region, const SpaceRule& rule);
-
-/// Appends the packets of a region that a rule does not have, as disjoint regions.
-void appendWithout(const PacketSpace& space, Region region, const SpaceRule& rule,
-                   std::vector<Region>& rest);
-
-/// An order of values by content; below 0, 0 or above.
-int compare(const Values& a, const Values& b);
-
-/// Joins regions that differ in one field only, again and again. The result covers the same
-/// packets with fewer regions, the largest first; it is disjoint when they are.
-void join(const PacketSpace& space, std::vector<Region>& regions);
 
 }  // namespace FW

@@ -2,282 +2,25 @@
 // where the translation makes several lines of a rule that differ only in what one field matches,
 // it is one set here.
 
+#include <netinet/in.h>
+
 #include <algorithm>
 #include <array>
 #include <utility>
 
 #include "tarnfirewall/fwMeaning.h"
 
-#include "../fwRawProtocols.h"
+#include "../fwInterfaces.h"
+#include "../fwText.h"
 #include "addressText.h"
+#include "ruleMatches.h"
 
 namespace FW {
 namespace {
 
-using Texts = std::vector<std::string>;
-
-constexpr FW_FAMILY kFamilies[] = {FW_FAMILY_V4, FW_FAMILY_V6};
 constexpr std::size_t kMaxNameLength = 15;  // of an interface
 
-// A line has at most this many ports after "--dports", where a range counts twice. The translation
-// cuts lists after seven entries, but an entry may have commas in it.
-constexpr std::size_t kPortsPerMatch = 15;
-constexpr std::size_t kEntriesPerMatch = 7;
-
-constexpr std::size_t kCountriesPerMatch = 15;  // what the kernel's match takes
-
-constexpr std::uint16_t kIcmp = 1;
-constexpr std::uint16_t kIgmp = 2;
-constexpr std::uint16_t kTcp = 6;
-constexpr std::uint16_t kUdp = 17;
-constexpr std::uint16_t kIcmpv6 = 58;
-// In IPv6 an extension header, which ip6tables skips: its "-p 51" never matches.
-constexpr std::uint16_t kAuthentication = 51;
-
-constexpr char kSystemTunnel[] = "tun1000";
-
-constexpr std::uint8_t maskOf(std::uint8_t code) {
-    return static_cast<std::uint8_t>(1U << code);
-}
-
-std::string inQuotes(const std::string& text) {
-    return '"' + text + '"';
-}
-
-std::string entryAt(const Texts& list, std::size_t index) {
-    return index < list.size() ? list[index] : std::string();
-}
-
-/// Thrown for a rule that is left out, or a line of one.
-struct LeftOut {
-    std::string why;
-};
-
-/// The addresses of a rule in the families of `families`; null for any.
-struct AddressMatch {
-    std::uint8_t families;
-    std::shared_ptr<const FWADDRESSES> addresses;
-};
-
-/// What one "-p ..." of a rule matches.
-struct ProtocolMatch {
-    std::uint8_t families = FW_BOTH_FAMILIES;
-    FWINTERVALS protocols;
-    FWINTERVALS ports;
-    bool sourceSide = false;
-};
-
-/// What the lines of a rule match, and why some of them are left out.
-template <typename Match>
-struct Matches {
-    std::vector<Match> of;
-    Texts leftOut;
-};
-
-using AddressMatches = Matches<AddressMatch>;
-using ProtocolMatches = Matches<ProtocolMatch>;
-
-// ---- Addresses ----
-
-std::shared_ptr<const FWADDRESSES> listOf(const Intervals& intervals) {
-    auto list = std::make_shared<FWADDRESSES>();
-    list->reserve(intervals.size());
-    for (const Interval& one : intervals) {
-        list->push_back({addressOf(one.first), addressOf(one.last)});
-    }
-    return list;
-}
-
-bool isAny(const Intervals& addresses) {
-    return addresses.size() == 1 && addresses[0].first == 0 && addresses[0].last == kMaxNumber;
-}
-
-/// The addresses that `text` was read as.
-AddressMatch addressMatch(TextResult result, const std::string& text, const Intervals& addresses,
-                          FW_FAMILY family) {
-    switch (result) {
-        case TextResult::kInvalid:
-            throw LeftOut{inQuotes(text) + (family == FW_FAMILY_V4 ? " is not an IPv4 address"
-                                                                   : " is not an IPv6 address")};
-        case TextResult::kTooComplex:
-            throw LeftOut{inQuotes(text) + " is too complex: its mask makes more than " +
-                          std::to_string(FW_MASK_INTERVALS) + " intervals"};
-        default:
-            return {maskOf(family), isAny(addresses) ? nullptr : listOf(addresses)};
-    }
-}
-
-// ---- Ports ----
-
-std::uint16_t portFrom(const std::string& text, const std::string& entry, int base = 0) {
-    const auto port = numberFrom(text, 65535, base);
-    if (!port || text.find(' ') != std::string::npos) {
-        throw LeftOut{inQuotes(entry) + " is not a port or a range of ports"};
-    }
-    return static_cast<std::uint16_t>(*port);
-}
-
-void requireOrder(bool ordered, const std::string& entry) {
-    if (!ordered) {
-        throw LeftOut{"the range " + inQuotes(entry) + " runs backwards"};
-    }
-}
-
-/// "--dport TEXT": "80", "80:90", ":90" and "80:". The match for UDP reads decimal numbers only.
-FWINTERVAL singleMatch(const std::string& text, std::uint16_t protocol) {
-    const int base = protocol == kUdp ? 10 : 0;
-    const std::size_t colon = text.find(':');
-    if (colon == std::string::npos) {
-        const std::uint16_t port = portFrom(text, text, base);
-        return {port, port};
-    }
-    const std::string last = text.substr(colon + 1);
-    FWINTERVAL ports;
-    ports.first = colon == 0 ? 0 : portFrom(text.substr(0, colon), text, base);
-    ports.last = last.empty() ? 65535 : portFrom(last, text, base);
-    requireOrder(ports.first <= ports.last, text);
-    return ports;
-}
-
-/// Appends one of the texts between the commas of "--dports ...". Returns the ports that it counts.
-std::size_t appendMultiport(const std::string& text, FWINTERVALS& ports) {
-    const std::size_t colon = text.find(':');
-    if (colon == std::string::npos) {
-        const std::uint16_t port = portFrom(text, text);
-        ports.push_back({port, port});
-        return 1;
-    }
-    const std::uint16_t first = portFrom(text.substr(0, colon), text);
-    const std::uint16_t last = portFrom(text.substr(colon + 1), text);
-    requireOrder(first < last, text);
-    ports.push_back({first, last});
-    return 2;
-}
-
-/// An entry as it is in a line: "6000-6010" as "6000:6010", and "80-80" as "80".
-std::string lineEntry(std::string entry) {
-    const std::size_t dash = entry.find('-');
-    if (dash == std::string::npos) {
-        return entry;
-    }
-    if (entry.compare(0, dash, entry, dash + 1, std::string::npos) == 0) {
-        return entry.substr(0, dash);
-    }
-    std::replace(entry.begin(), entry.end(), '-', ':');
-    return entry;
-}
-
-void sortPorts(FWINTERVALS& ports) {
-    std::sort(ports.begin(), ports.end(),
-              [](const FWINTERVAL& a, const FWINTERVAL& b) { return a.first < b.first; });
-    FWINTERVALS joined;
-    for (const FWINTERVAL& one : ports) {
-        if (!joined.empty() && one.first <= joined.back().last + 1) {
-            joined.back().last = std::max(joined.back().last, one.last);
-        } else {
-            joined.push_back(one);
-        }
-    }
-    ports = std::move(joined);
-}
-
-/// The ports of the entries of one line after "--dports".
-FWINTERVALS multiportMatch(const std::string* begin, const std::string* end) {
-    FWINTERVALS ports;
-    std::size_t counted = 0;
-    for (; begin != end; ++begin) {
-        const std::string entry = lineEntry(*begin);
-        std::size_t start = 0;
-        for (std::size_t comma = 0; comma != std::string::npos; start = comma + 1) {
-            comma = entry.find(',', start);
-            counted += appendMultiport(
-                entry.substr(start, comma == std::string::npos ? comma : comma - start), ports);
-        }
-        if (counted > kPortsPerMatch) {
-            throw LeftOut{inQuotes(*begin) + " makes too many ports for one line"};
-        }
-    }
-    return ports;
-}
-
-/// The ports of a list that is not empty: those of the lines that iptables takes.
-FWINTERVALS portsFrom(const Texts& entries, std::uint16_t protocol, Texts& leftOut) {
-    const bool isSingle = entries.size() == 1 && entries[0].find('-') == std::string::npos;
-    FWINTERVALS ports;
-    for (std::size_t first = 0; first < entries.size(); first += kEntriesPerMatch) {
-        const std::size_t end = std::min(first + kEntriesPerMatch, entries.size());
-        try {
-            const FWINTERVALS line = isSingle ? FWINTERVALS{singleMatch(entries[0], protocol)}
-                                              : multiportMatch(&entries[first], &entries[0] + end);
-            ports.insert(ports.end(), line.begin(), line.end());
-        } catch (const LeftOut& left) {
-            if (std::find(leftOut.begin(), leftOut.end(), left.why) == leftOut.end()) {
-                leftOut.push_back(left.why);
-            }
-        }
-    }
-    sortPorts(ports);
-    return ports;
-}
-
-ProtocolMatch protocolMatch(std::uint16_t number, std::uint8_t families = FW_BOTH_FAMILIES) {
-    ProtocolMatch match;
-    match.families = families;
-    match.protocols = {{number, number}};
-    return match;
-}
-
-/// Appends what a protocol (an FW_PORT_PROTOCOL code; others match nothing) and its ports match.
-void appendPorts(std::int32_t protocol, bool sourceSide, const Texts& entries,
-                 ProtocolMatches& matches) {
-    switch (protocol) {
-        case FW_PORT_PROTOCOL_ICMP:
-            matches.of.push_back(protocolMatch(kIcmp, maskOf(FW_FAMILY_V4)));
-            matches.of.push_back(protocolMatch(kIcmpv6, maskOf(FW_FAMILY_V6)));
-            return;
-        case FW_PORT_PROTOCOL_IGMP:
-            matches.of.push_back(protocolMatch(kIgmp));
-            return;
-        case FW_PORT_PROTOCOL_TCP:
-        case FW_PORT_PROTOCOL_UDP:
-        case FW_PORT_PROTOCOL_TCP_UDP:
-            break;
-        default:
-            return;
-    }
-    if (entries.empty()) {
-        return;
-    }
-    ProtocolMatch match;
-    match.sourceSide = sourceSide;
-    for (const auto& [code, number] :
-         {std::pair(FW_PORT_PROTOCOL_TCP, kTcp), std::pair(FW_PORT_PROTOCOL_UDP, kUdp)}) {
-        if (protocol == code || protocol == FW_PORT_PROTOCOL_TCP_UDP) {
-            match.protocols = {{number, number}};
-            match.ports = portsFrom(entries, number, matches.leftOut);
-            if (!match.ports.empty()) {
-                matches.of.push_back(match);
-            }
-        }
-    }
-}
-
-void appendPorts(const std::map<FW_PORT_PROTOCOL, Texts>& ports, bool sourceSide,
-                 ProtocolMatches& matches) {
-    for (const auto& [protocol, entries] : ports) {
-        if (!entries.empty()) {
-            appendPorts(protocol, sourceSide, entries, matches);
-        }
-    }
-}
-
-void addPorts(const std::map<FW_PORT_PROTOCOL, Texts>& from,
-              std::map<FW_PORT_PROTOCOL, Texts>& to) {
-    for (const auto& [protocol, entries] : from) {
-        Texts& list = to[protocol];
-        list.insert(list.end(), entries.begin(), entries.end());
-    }
-}
+constexpr std::uint16_t kIcmpv6 = IPPROTO_ICMPV6;
 
 // ---- Interfaces ----
 
@@ -300,10 +43,6 @@ std::shared_ptr<const FWINTERFACES> interfacesOf(const FWINTERFACES& interfaces)
     return hasEveryName(interfaces) ? nullptr : std::make_shared<FWINTERFACES>(interfaces);
 }
 
-bool startsWith(const std::string& text, const char* start) {
-    return text.rfind(start, 0) == 0;
-}
-
 // ---- Rules ----
 
 bool holdsNul(const Texts& texts) {
@@ -318,18 +57,9 @@ bool holdsNul(const FWRULE& rule) {
            holdsNul(Texts(rule.chainList.begin(), rule.chainList.end()));
 }
 
-/// Whether a rule matches an address, network or range.
-bool hasAddressText(const FWRULE& rule) {
-    return rule.ipGroup == FW_IP_GROUP_SINGLE || rule.ipGroup == FW_IP_GROUP_NETWORK ||
-           rule.ipGroup == FW_IP_GROUP_RANGE;
-}
-
 /// Whether it is one of IPv4, whatever the rule's family.
 bool hasIpv4Address(const FWRULE& rule) {
-    const std::string text = entryAt(rule.ipList, 0);
-    const std::string address = text.substr(0, text.find_first_of("/,"));
-    return hasAddressText(rule) && !address.empty() &&
-           address.find_first_not_of("0123456789.") == std::string::npos;
+    return hasAddressText(rule) && !rule.ipList.empty() && beginsWithIpv4(rule.ipList[0]);
 }
 
 /// Whether a name is that of one of the firewall's chains.
@@ -363,7 +93,7 @@ FWRULE defaultRule(FW_POLICY policy) {
 class Resolver {
 public:
     Resolver(const FWPROFILE& profile, const FWENVIRONMENT& environment)
-        : profile_(profile), environment_(environment) {}
+        : profile_(profile), environment_(environment), matches_(environment) {}
 
     FWRESOLVED run();
 
@@ -376,12 +106,6 @@ private:
     Texts addTo(const std::string& list, const FWRULE& rule, const FWPLACE& place,
                 const std::shared_ptr<const FWINTERFACES>& interfaces);
 
-    AddressMatches addressMatches(const FWRULE& rule);
-    AddressMatch textMatch(const FWRULE& rule, FW_FAMILY family) const;
-    std::shared_ptr<const FWADDRESSES> countries(const Texts& codes, FW_FAMILY family);
-    const ProtocolMatches& protocolMatches(const FWRULE& rule);
-    const ProtocolMatches& serviceMatches(const Texts& names);
-
     const FWPROFILE& profile_;
     const FWENVIRONMENT& environment_;
     std::vector<FWFINDING> findings_;
@@ -391,9 +115,7 @@ private:
     std::vector<FWRESOLVEDRULE> global_;
     std::map<std::string, std::vector<FWRESOLVEDRULE>> lists_;
 
-    ProtocolMatches protocols_;  // of the rule at hand
-    std::map<Texts, ProtocolMatches> services_;
-    std::map<std::pair<Texts, FW_FAMILY>, std::shared_ptr<const FWADDRESSES>> countries_;
+    RuleMatches matches_;
     std::map<std::string, std::shared_ptr<const FWINTERFACES>> interfaces_;  // by adapter
 };
 
@@ -463,7 +185,7 @@ void Resolver::addFixedLines() {
     }
     FWPACKETSET established;
     established.states = maskOf(FW_STATE_ESTABLISHED) | maskOf(FW_STATE_RELATED);
-    for (const FW_FAMILY family : kFamilies) {
+    for (const FW_FAMILY family : kBothFamilies) {
         established.families = maskOf(family);
         established.sources = nullptr;
         if (const auto excepted = fwAddressFrom(environment_.exceptedIp, family)) {
@@ -552,8 +274,8 @@ void Resolver::addForTunnel(const FWRULE& rule, const FWPLACE& place) {
 Texts Resolver::addTo(const std::string& list, const FWRULE& rule, const FWPLACE& place,
                       const std::shared_ptr<const FWINTERFACES>& interfaces) {
     // A rule without lines is no finding, whatever its texts are.
-    AddressMatches addresses = addressMatches(rule);
-    const ProtocolMatches& protocols = protocolMatches(rule);
+    AddressMatches addresses = matches_.addresses(rule);
+    const ProtocolMatches& protocols = matches_.protocols(rule);
     const bool hasAddresses = !addresses.of.empty() || !addresses.leftOut.empty();
     const bool hasProtocols = !protocols.of.empty() || !protocols.leftOut.empty();
     if (!hasAddresses || !hasProtocols || rule.chainList.empty()) {
@@ -597,138 +319,6 @@ Texts Resolver::addTo(const std::string& list, const FWRULE& rule, const FWPLACE
     return leftOut;
 }
 
-// ---- The matches of a rule
-
-AddressMatches Resolver::addressMatches(const FWRULE& rule) {
-    std::uint8_t families = 0;
-    if (rule.ipType == FW_IP_TYPE_V4 || rule.ipType == FW_IP_TYPE_BOTH) {
-        families |= maskOf(FW_FAMILY_V4);
-    }
-    if (rule.ipType == FW_IP_TYPE_V6 || rule.ipType == FW_IP_TYPE_BOTH) {
-        families |= maskOf(FW_FAMILY_V6);
-    }
-    if (rule.ipGroup == FW_IP_GROUP_ANY && families != 0) {
-        return {{{families, nullptr}}, {}};
-    }
-    AddressMatches matches;
-    for (const FW_FAMILY family : kFamilies) {
-        if ((families & maskOf(family)) == 0) {
-            continue;
-        }
-        AddressMatch match{maskOf(family), nullptr};
-        try {
-            if (hasAddressText(rule)) {
-                match = textMatch(rule, family);
-            } else if (rule.ipGroup == FW_IP_GROUP_COUNTRIES) {
-                match.addresses = countries(rule.ipList, family);
-            } else {
-                continue;
-            }
-        } catch (const LeftOut& left) {
-            matches.leftOut.push_back(left.why);
-            continue;
-        }
-        // No country, or a range that runs backwards, which is in the kernel and matches nothing.
-        if (match.addresses == nullptr || !match.addresses->empty()) {
-            matches.of.push_back(std::move(match));
-        }
-    }
-    return matches;
-}
-
-/// A rule's address, network or range.
-AddressMatch Resolver::textMatch(const FWRULE& rule, FW_FAMILY family) const {
-    const std::string first = entryAt(rule.ipList, 0);
-    const std::string second = entryAt(rule.ipList, 1);
-    const auto isBlank = [](char c) { return c == ' '; };
-    Intervals addresses;
-    if (rule.ipGroup == FW_IP_GROUP_RANGE) {
-        // The tool takes the text up to the first dash for the first address.
-        const std::string text = first + '-' + second;
-        const std::size_t dash = text.find('-');
-        const TextResult result =
-            std::any_of(text.begin(), text.end(), isBlank)
-                ? TextResult::kInvalid
-                : readRange(text.substr(0, dash), text.substr(dash + 1), family, addresses);
-        return addressMatch(result, text, addresses, family);
-    }
-    const std::string text = rule.ipGroup == FW_IP_GROUP_NETWORK ? first + '/' + second : first;
-    const TextResult result = std::any_of(text.begin(), text.end(), isBlank)
-                                  ? TextResult::kInvalid
-                                  : readAddresses(text, family, addresses);
-    return addressMatch(result, text, addresses, family);
-}
-
-std::shared_ptr<const FWADDRESSES> Resolver::countries(const Texts& codes, FW_FAMILY family) {
-    auto known = countries_.find({codes, family});
-    if (known == countries_.end()) {
-        std::shared_ptr<const FWADDRESSES> all = std::make_shared<FWADDRESSES>();
-        std::size_t usable = 0;
-        for (const std::string& code : codes) {
-            const auto addresses =
-                environment_.countries ? environment_.countries(code, family) : nullptr;
-            if (addresses == nullptr || addresses->empty()) {
-                continue;
-            }
-            if (++usable > kCountriesPerMatch) {
-                throw LeftOut{"there are more than " + std::to_string(kCountriesPerMatch) +
-                              " countries in one rule"};
-            }
-            if (all->empty()) {
-                all = addresses;  // one country's list is shared, not copied
-                continue;
-            }
-            FWADDRESSES both = *all;
-            both.insert(both.end(), addresses->begin(), addresses->end());
-            all = std::make_shared<FWADDRESSES>(fwAddressesFrom(both));
-        }
-        known = countries_.emplace(std::pair(codes, family), std::move(all)).first;
-    }
-    return known->second;
-}
-
-const ProtocolMatches& Resolver::protocolMatches(const FWRULE& rule) {
-    if (fwRuleNamesServices(rule)) {
-        return serviceMatches(rule.portList);
-    }
-    protocols_.of.clear();
-    protocols_.leftOut.clear();
-    if (rule.portGroup == FW_PORT_GROUP_ANY) {
-        protocols_.of.emplace_back();
-    } else if (rule.portGroup == FW_PORT_GROUP_PORTS) {
-        appendPorts(rule.protocol, rule.portDirect != FW_PORT_DIRECT_DESTINATION, rule.portList,
-                    protocols_);
-    }
-    return protocols_;
-}
-
-/// The ports of all services of a protocol are one list, as in the translation.
-const ProtocolMatches& Resolver::serviceMatches(const Texts& names) {
-    const auto known = services_.find(names);
-    if (known != services_.end()) {
-        return known->second;
-    }
-    ServPort ports;
-    for (const std::string& name : names) {
-        const auto service = environment_.services.find(name);
-        if (service != environment_.services.end()) {
-            addPorts(service->second.srcPorts, ports.srcPorts);
-            addPorts(service->second.dstPorts, ports.dstPorts);
-        }
-    }
-    ProtocolMatches matches;
-    appendPorts(ports.srcPorts, /*sourceSide=*/true, matches);
-    appendPorts(ports.dstPorts, /*sourceSide=*/false, matches);
-    for (const std::string& name : names) {
-        forEachRawProtocol(name, [&](std::int32_t number) {
-            matches.of.push_back(
-                protocolMatch(static_cast<std::uint16_t>(number),
-                              number == kAuthentication ? maskOf(FW_FAMILY_V4) : FW_BOTH_FAMILIES));
-        });
-    }
-    return services_.emplace(names, std::move(matches)).first->second;
-}
-
 }  // namespace
 
 std::map<std::string, FWINTERFACES> fwAdaptersNow(const std::vector<std::string>& interfaces,
@@ -737,9 +327,7 @@ std::map<std::string, FWINTERFACES> fwAdaptersNow(const std::vector<std::string>
     FWINTERFACES vpn;
     for (const std::string& name : interfaces) {
         adapters[name] = {{name}, {}};
-        const bool dialIn = startsWith(name, "ppp") && name != pppoe;
-        const bool tunnel = startsWith(name, "tun") && name != kSystemTunnel;
-        if (dialIn || tunnel) {
+        if (isVpnInterface(name, pppoe)) {
             vpn.names.push_back(name);
         }
     }

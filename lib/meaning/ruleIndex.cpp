@@ -4,6 +4,8 @@
 #include <array>
 #include <utility>
 
+#include "regions.h"
+
 namespace FW {
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "packetSpace.h"
+#include "regions.h"
 
 namespace FW {
 

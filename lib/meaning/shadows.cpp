@@ -12,6 +12,7 @@
 #include "tarnfirewall/fwMeaning.h"
 
 #include "meaningState.h"
+#include "regions.h"
 #include "ruleScan.h"
 
 namespace FW {

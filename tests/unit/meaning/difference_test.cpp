@@ -75,17 +75,21 @@ protected:
     int changes_ = 0;
 
 private:
-    /// The witness is one of the packets, and both sides decide about it as the change says.
+    /// Each witness is one of its packets, and both sides decide about it as the change says.
     static void expectDeciders(const FW_MEANING& old, const FW_MEANING& current,
                                const FWCHANGE& change, const std::string& text) {
-        FW::FWPACKET full = change.witness;
-        full.out = full.out.value_or("");
-        full.sourcePort = full.sourcePort.value_or(std::uint16_t(0));
-        full.destinationPort = full.destinationPort.value_or(std::uint16_t(0));
-        full.icmpType = full.icmpType.value_or(std::uint8_t(0));
-        EXPECT_TRUE(hasPacket(change.packets.at(0), full)) << text;
-        EXPECT_THAT(old.decide(change.witness).deciders, ElementsAre(change.before)) << text;
-        EXPECT_THAT(current.decide(change.witness).deciders, ElementsAre(change.after)) << text;
+        ASSERT_EQ(change.witnesses.size(), change.packets.size()) << text;
+        for (std::size_t i = 0; i < change.packets.size(); ++i) {
+            const FW::FWPACKET& witness = change.witnesses[i];
+            FW::FWPACKET full = witness;
+            full.out = full.out.value_or("");
+            full.sourcePort = full.sourcePort.value_or(std::uint16_t(0));
+            full.destinationPort = full.destinationPort.value_or(std::uint16_t(0));
+            full.icmpType = full.icmpType.value_or(std::uint8_t(0));
+            EXPECT_TRUE(hasPacket(change.packets[i], full)) << text;
+            EXPECT_THAT(old.decide(witness).deciders, ElementsAre(change.before)) << text;
+            EXPECT_THAT(current.decide(witness).deciders, ElementsAre(change.after)) << text;
+        }
     }
 };
 
@@ -131,7 +135,7 @@ FW::FWPROFILE edited(Random& random, const FW::FWPROFILE& profile, const FWRULE&
 }
 
 TEST_F(DifferenceRandomTest, OneEditIsExact) {
-    const int profiles = countOf(200, 5000);
+    const int profiles = countOf(400, 5000);
     for (int number = 0; number < profiles; ++number) {
         Random random(static_cast<unsigned>(4000000 + number));
         const RandomCase made = makeCase(random, 5, countries_, platform_);
@@ -205,9 +209,9 @@ TEST(DifferenceTest, NewInterfaceIsADifference) {
         meaningOf({}, "eth1").differenceFrom(meaningOf({}, "eth0")).changes;
     ASSERT_EQ(changes.size(), 2U);
     EXPECT_EQ(changes[0].change, FW::FW_CHANGE_OPENED);
-    EXPECT_EQ(changes[0].witness.in, "eth0");
+    EXPECT_EQ(changes[0].witnesses.at(0).in, "eth0");
     EXPECT_EQ(changes[1].change, FW::FW_CHANGE_CLOSED);
-    EXPECT_EQ(changes[1].witness.in, "eth1");
+    EXPECT_EQ(changes[1].witnesses.at(0).in, "eth1");
 }
 
 }  // namespace

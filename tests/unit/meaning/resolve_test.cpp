@@ -450,6 +450,26 @@ TEST(ResolveTest, EstablishedConnectionsOfTheExceptedAddressAreNotAccepted) {
     EXPECT_THAT(addressTexts(v6.packets.sources.get(), kV6), ElementsAre("any"));
 }
 
+// ---- Services ----
+
+TEST(ServicePacketsTest, AreThoseOfThePortsAndOfFurtherProtocols) {
+    FW::ServPort ports;
+    ports.dstPorts[FW::FW_PORT_PROTOCOL_TCP_UDP] = {"1723", "90-80", "5-7"};
+    ports.srcPorts[FW::FW_PORT_PROTOCOL_UDP] = {"53"};
+    const std::vector<FW::FWPACKETSET> packets = FW::fwServicePackets("vpn_server_pptp", ports);
+    ASSERT_THAT(packets, SizeIs(2));
+    EXPECT_THAT(intervalTexts(packets[0].protocols), ElementsAre("17-17"));
+    EXPECT_THAT(intervalTexts(packets[0].sourcePorts), ElementsAre("53-53"));
+    EXPECT_THAT(intervalTexts(packets[1].protocols), ElementsAre("47-47"));
+    EXPECT_THAT(intervalTexts(packets[1].destinationPorts), ElementsAre("any"));
+
+    ports.dstPorts[FW::FW_PORT_PROTOCOL_TCP_UDP] = {"1723", "5-7"};
+    const std::vector<FW::FWPACKETSET> whole = FW::fwServicePackets("own", ports);
+    ASSERT_THAT(whole, SizeIs(3));
+    EXPECT_THAT(intervalTexts(whole[1].destinationPorts), ElementsAre("5-7", "1723-1723"));
+    EXPECT_THAT(FW::fwServicePackets("own", {}), IsEmpty());
+}
+
 // ---- Adapters by name ----
 
 TEST(AdaptersByNameTest, AbsentAdaptersHaveRulesAndVpnStandsForBeginningsOfNames) {

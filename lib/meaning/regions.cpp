@@ -1,0 +1,233 @@
+#include "regions.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace FW {
+
+namespace {
+
+// The order in which fields are compared: first those that differ most often and take the least
+// time. Countries have thousands of addresses.
+constexpr Field kQuickFirst[] = {kIn,         kProtocol, kDestinationPort, kSourcePort, kFamily,
+                                 kChain,      kOut,      kIcmpType,        kState,      kSource,
+                                 kDestination};
+static_assert(sizeof(kQuickFirst) / sizeof(kQuickFirst[0]) == kFields);
+
+}  // namespace
+
+bool overlaps(const PacketSpace& space, const Region& region, const SpaceRule& rule) {
+    for (const Field field : kQuickFirst) {
+        const std::uint32_t id = rule.values[field];
+        if (id == 0 || isAny(region[field])) {
+            continue;
+        }
+        const Values& values = space.values(id);
+        if (values != region[field] && !overlaps(*values, *region[field])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool OverlapTest::operator()(const SpaceRule& rule) {
+    for (const Field field : kQuickFirst) {
+        const std::uint32_t id = rule.values[field];
+        const Values& own = region_[field];
+        if (id == 0 || isAny(own)) {
+            continue;
+        }
+        const Values& values = space_.values(id);
+        if (values != own &&
+            !(values->size() > kLongList ? overlapsLong(field, id) : overlaps(*values, *own))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool OverlapTest::overlapsLong(Field field, std::uint32_t id) {
+    for (const Known& known : known_) {
+        if (known.id == id && known.field == field) {
+            return known.overlaps;
+        }
+    }
+    const Values& values = space_.values(id);
+    const Values& own = region_[field];
+    const bool found = shared_ != nullptr && own->size() > kLongList ? shared_->overlap(values, own)
+                                                                     : overlaps(*values, *own);
+    known_.push_back({field, id, found});
+    return found;
+}
+
+bool LongOverlaps::overlap(const Values& a, const Values& b) {
+    const auto known = known_.find({a, b});
+    return known != known_.end() ? known->second
+                                 : known_.emplace(std::pair(a, b), overlaps(*a, *b)).first->second;
+}
+
+bool covers(const PacketSpace& space, const SpaceRule& rule, const Region& region) {
+    for (const Field field : kQuickFirst) {
+        const std::uint32_t id = rule.values[field];
+        if (id == 0) {
+            continue;
+        }
+        const Values& values = space.values(id);
+        if (isAny(region[field]) ||
+            (values != region[field] && !includes(*values, *region[field]))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool contains(const PacketSpace& space, const SpaceRule& rule, const Point& point) {
+    for (const Field field : kQuickFirst) {
+        const std::uint32_t id = rule.values[field];
+        if (id != 0 && !contains(*space.values(id), point[field])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+Region intersected(const PacketSpace& space, const Region& region, const SpaceRule& rule) {
+    Region common = region;
+    for (std::size_t field = 0; field < kFields; ++field) {
+        const std::uint32_t id = rule.values[field];
+        if (id == 0) {
+            continue;
+        }
+        const Values& values = space.values(id);
+        if (isAny(region[field]) || values == region[field]) {
+            common[field] = values;
+        } else if (!includes(*values, *region[field])) {
+            common[field] = std::make_shared<const Intervals>(intersected(*region[field], *values));
+        }
+    }
+    return common;
+}
+
+void appendWithout(const PacketSpace& space, Region region, const SpaceRule& rule,
+                   std::vector<Region>& rest) {
+    for (std::size_t at = 0; at < kFields; ++at) {
+        const auto field = static_cast<Field>(at);
+        const std::uint32_t id = rule.values[field];
+        if (id == 0) {
+            continue;
+        }
+        const Values& values = space.values(id);
+        const Intervals& own = isAny(region[field]) ? space.all(field) : *region[field];
+        Intervals outside = without(own, *values);
+        if (outside.empty()) {
+            continue;
+        }
+        Region piece = region;
+        piece[field] = std::make_shared<const Intervals>(std::move(outside));
+        rest.push_back(std::move(piece));
+        region[field] = isAny(region[field])
+                            ? values
+                            : std::make_shared<const Intervals>(intersected(own, *values));
+    }
+}
+
+int compare(const Values& a, const Values& b) {
+    if (a == b) {
+        return 0;
+    }
+    if (isAny(a) || isAny(b)) {
+        return isAny(a) ? -1 : 1;
+    }
+    if (a->size() != b->size()) {
+        return a->size() < b->size() ? -1 : 1;
+    }
+    for (std::size_t i = 0; i < a->size(); ++i) {
+        const Interval& one = (*a)[i];
+        const Interval& other = (*b)[i];
+        if (!(one == other)) {
+            return one.first < other.first || (one.first == other.first && one.last < other.last)
+                       ? -1
+                       : 1;
+        }
+    }
+    return 0;
+}
+
+namespace {
+
+/// Joins the regions that differ in `field` only.
+void joinAlong(const PacketSpace& space, Field field, std::vector<Region>& regions) {
+    const auto compareOthers = [field](const Region& a, const Region& b) {
+        for (std::size_t other = 0; other < kFields; ++other) {
+            const int order = other == field ? 0 : compare(a[other], b[other]);
+            if (order != 0) {
+                return order;
+            }
+        }
+        return 0;
+    };
+    std::stable_sort(regions.begin(), regions.end(),
+                     [&](const Region& a, const Region& b) { return compareOthers(a, b) < 0; });
+    std::vector<Region> joined;
+    for (std::size_t i = 0; i < regions.size();) {
+        Region region = regions[i];
+        // The same number is another address in the other family.
+        if (field == kFamily && (!isAny(region[kSource]) || !isAny(region[kDestination]))) {
+            joined.push_back(std::move(region));
+            ++i;
+            continue;
+        }
+        Intervals values;
+        bool any = false;
+        std::size_t next = i;
+        for (; next < regions.size() && compareOthers(region, regions[next]) == 0; ++next) {
+            if (isAny(regions[next][field])) {
+                any = true;
+            } else {
+                values.insert(values.end(), regions[next][field]->begin(),
+                              regions[next][field]->end());
+            }
+        }
+        if (next > i + 1) {
+            normalize(values);
+            any = any || values == space.all(field);
+            region[field] = any ? nullptr : std::make_shared<const Intervals>(std::move(values));
+        }
+        joined.push_back(std::move(region));
+        i = next;
+    }
+    regions = std::move(joined);
+}
+
+/// Which part of all packets a region is.
+long double sizeOf(const PacketSpace& space, const Region& region) {
+    long double size = 1;
+    for (std::size_t field = 0; field < kFields; ++field) {
+        if (isAny(region[field])) {
+            continue;
+        }
+        long double count = 0;
+        for (const Interval& one : *region[field]) {
+            count += static_cast<long double>(one.last - one.first) + 1;
+        }
+        const Interval& all = space.all(static_cast<Field>(field)).front();
+        size *= count / (static_cast<long double>(all.last) + 1);
+    }
+    return size;
+}
+
+}  // namespace
+
+void join(const PacketSpace& space, std::vector<Region>& regions) {
+    for (std::size_t before = 0; before != regions.size() && regions.size() > 1;) {
+        before = regions.size();
+        for (std::size_t field = kFields; field > 0; --field) {
+            joinAlong(space, static_cast<Field>(field - 1), regions);
+        }
+    }
+    std::stable_sort(regions.begin(), regions.end(), [&](const Region& a, const Region& b) {
+        return sizeOf(space, a) > sizeOf(space, b);
+    });
+}
+
+}  // namespace FW

@@ -1,0 +1,383 @@
+#include "ruleMatches.h"
+
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "../fwRawProtocols.h"
+#include "addressText.h"
+
+namespace FW {
+namespace {
+
+// A line has at most this many ports after "--dports", where a range counts twice. The translation
+// cuts lists after seven entries, but an entry may have commas in it.
+constexpr std::size_t kPortsPerMatch = 15;
+constexpr std::size_t kEntriesPerMatch = 7;
+
+constexpr std::size_t kCountriesPerMatch = 15;  // what the kernel's match takes
+
+constexpr std::uint16_t kIcmp = IPPROTO_ICMP;
+constexpr std::uint16_t kIgmp = IPPROTO_IGMP;
+constexpr std::uint16_t kTcp = IPPROTO_TCP;
+constexpr std::uint16_t kUdp = IPPROTO_UDP;
+constexpr std::uint16_t kIcmpv6 = IPPROTO_ICMPV6;
+// In IPv6 an extension header, which ip6tables skips: its "-p 51" never matches.
+constexpr std::uint16_t kAuthentication = IPPROTO_AH;
+
+std::string entryAt(const Texts& list, std::size_t index) {
+    return index < list.size() ? list[index] : std::string();
+}
+
+// ---- Addresses ----
+
+bool isAny(const Intervals& addresses) {
+    return addresses.size() == 1 && addresses[0].first == 0 && addresses[0].last == kMaxNumber;
+}
+
+/// The addresses that `text` was read as.
+AddressMatch addressMatch(TextResult result, const std::string& text, const Intervals& addresses,
+                          FW_FAMILY family) {
+    switch (result) {
+        case TextResult::kInvalid:
+            throw LeftOut{inQuotes(text) + (family == FW_FAMILY_V4 ? " is not an IPv4 address"
+                                                                   : " is not an IPv6 address")};
+        case TextResult::kTooComplex:
+            throw LeftOut{inQuotes(text) + " is too complex: its mask makes more than " +
+                          std::to_string(FW_MASK_INTERVALS) + " intervals"};
+        default:
+            return {maskOf(family), isAny(addresses) ? nullptr : listOf(addresses)};
+    }
+}
+
+// ---- Ports ----
+
+std::uint16_t portFrom(const std::string& text, const std::string& entry, int base = 0) {
+    const auto port = numberFrom(text, 65535, base);
+    if (!port || text.find(' ') != std::string::npos) {
+        throw LeftOut{inQuotes(entry) + " is not a port or a range of ports"};
+    }
+    return static_cast<std::uint16_t>(*port);
+}
+
+void requireOrder(bool ordered, const std::string& entry) {
+    if (!ordered) {
+        throw LeftOut{"the range " + inQuotes(entry) + " runs backwards"};
+    }
+}
+
+/// "--dport TEXT": "80", "80:90", ":90" and "80:". The match for UDP reads decimal numbers only.
+FWINTERVAL singleMatch(const std::string& text, std::uint16_t protocol) {
+    const int base = protocol == kUdp ? 10 : 0;
+    const std::size_t colon = text.find(':');
+    if (colon == std::string::npos) {
+        const std::uint16_t port = portFrom(text, text, base);
+        return {port, port};
+    }
+    const std::string last = text.substr(colon + 1);
+    FWINTERVAL ports;
+    ports.first = colon == 0 ? 0 : portFrom(text.substr(0, colon), text, base);
+    ports.last = last.empty() ? 65535 : portFrom(last, text, base);
+    requireOrder(ports.first <= ports.last, text);
+    return ports;
+}
+
+/// Appends one of the texts between the commas of "--dports ...". Returns the ports that it counts.
+std::size_t appendMultiport(const std::string& text, FWINTERVALS& ports) {
+    const std::size_t colon = text.find(':');
+    if (colon == std::string::npos) {
+        const std::uint16_t port = portFrom(text, text);
+        ports.push_back({port, port});
+        return 1;
+    }
+    const std::uint16_t first = portFrom(text.substr(0, colon), text);
+    const std::uint16_t last = portFrom(text.substr(colon + 1), text);
+    requireOrder(first < last, text);
+    ports.push_back({first, last});
+    return 2;
+}
+
+/// An entry as it is in a line: "6000-6010" as "6000:6010", and "80-80" as "80".
+std::string lineEntry(std::string entry) {
+    const std::size_t dash = entry.find('-');
+    if (dash == std::string::npos) {
+        return entry;
+    }
+    if (entry.compare(0, dash, entry, dash + 1, std::string::npos) == 0) {
+        return entry.substr(0, dash);
+    }
+    std::replace(entry.begin(), entry.end(), '-', ':');
+    return entry;
+}
+
+void sortPorts(FWINTERVALS& ports) {
+    std::sort(ports.begin(), ports.end(),
+              [](const FWINTERVAL& a, const FWINTERVAL& b) { return a.first < b.first; });
+    FWINTERVALS joined;
+    for (const FWINTERVAL& one : ports) {
+        if (!joined.empty() && one.first <= joined.back().last + 1) {
+            joined.back().last = std::max(joined.back().last, one.last);
+        } else {
+            joined.push_back(one);
+        }
+    }
+    ports = std::move(joined);
+}
+
+/// The ports of the entries of one line after "--dports".
+FWINTERVALS multiportMatch(const std::string* begin, const std::string* end) {
+    FWINTERVALS ports;
+    std::size_t counted = 0;
+    for (; begin != end; ++begin) {
+        const std::string entry = lineEntry(*begin);
+        std::size_t start = 0;
+        for (std::size_t comma = 0; comma != std::string::npos; start = comma + 1) {
+            comma = entry.find(',', start);
+            counted += appendMultiport(
+                entry.substr(start, comma == std::string::npos ? comma : comma - start), ports);
+        }
+        if (counted > kPortsPerMatch) {
+            throw LeftOut{inQuotes(*begin) + " makes too many ports for one line"};
+        }
+    }
+    return ports;
+}
+
+/// The ports of a list that is not empty: those of the lines that iptables takes.
+FWINTERVALS portsFrom(const Texts& entries, std::uint16_t protocol, Texts& leftOut) {
+    const bool isSingle = entries.size() == 1 && entries[0].find('-') == std::string::npos;
+    FWINTERVALS ports;
+    for (std::size_t first = 0; first < entries.size(); first += kEntriesPerMatch) {
+        const std::size_t end = std::min(first + kEntriesPerMatch, entries.size());
+        try {
+            const FWINTERVALS line = isSingle ? FWINTERVALS{singleMatch(entries[0], protocol)}
+                                              : multiportMatch(&entries[first], &entries[0] + end);
+            ports.insert(ports.end(), line.begin(), line.end());
+        } catch (const LeftOut& left) {
+            if (std::find(leftOut.begin(), leftOut.end(), left.why) == leftOut.end()) {
+                leftOut.push_back(left.why);
+            }
+        }
+    }
+    sortPorts(ports);
+    return ports;
+}
+
+ProtocolMatch protocolMatch(std::uint16_t number, std::uint8_t families = FW_BOTH_FAMILIES) {
+    ProtocolMatch match;
+    match.families = families;
+    match.protocols = {{number, number}};
+    return match;
+}
+
+/// Appends what a protocol (an FW_PORT_PROTOCOL code; others match nothing) and its ports match.
+void appendPorts(std::int32_t protocol, bool sourceSide, const Texts& entries,
+                 ProtocolMatches& matches) {
+    switch (protocol) {
+        case FW_PORT_PROTOCOL_ICMP:
+            matches.of.push_back(protocolMatch(kIcmp, maskOf(FW_FAMILY_V4)));
+            matches.of.push_back(protocolMatch(kIcmpv6, maskOf(FW_FAMILY_V6)));
+            return;
+        case FW_PORT_PROTOCOL_IGMP:
+            matches.of.push_back(protocolMatch(kIgmp));
+            return;
+        case FW_PORT_PROTOCOL_TCP:
+        case FW_PORT_PROTOCOL_UDP:
+        case FW_PORT_PROTOCOL_TCP_UDP:
+            break;
+        default:
+            return;
+    }
+    if (entries.empty()) {
+        return;
+    }
+    ProtocolMatch match;
+    match.sourceSide = sourceSide;
+    for (const auto& [code, number] :
+         {std::pair(FW_PORT_PROTOCOL_TCP, kTcp), std::pair(FW_PORT_PROTOCOL_UDP, kUdp)}) {
+        if (protocol == code || protocol == FW_PORT_PROTOCOL_TCP_UDP) {
+            match.protocols = {{number, number}};
+            match.ports = portsFrom(entries, number, matches.leftOut);
+            if (!match.ports.empty()) {
+                matches.of.push_back(match);
+            }
+        }
+    }
+}
+
+void appendPorts(const std::map<FW_PORT_PROTOCOL, Texts>& ports, bool sourceSide,
+                 ProtocolMatches& matches) {
+    for (const auto& [protocol, entries] : ports) {
+        if (!entries.empty()) {
+            appendPorts(protocol, sourceSide, entries, matches);
+        }
+    }
+}
+
+void addPorts(const std::map<FW_PORT_PROTOCOL, Texts>& from,
+              std::map<FW_PORT_PROTOCOL, Texts>& to) {
+    for (const auto& [protocol, entries] : from) {
+        Texts& list = to[protocol];
+        list.insert(list.end(), entries.begin(), entries.end());
+    }
+}
+
+/// What services with these ports match.
+ProtocolMatches matchesOf(const Texts& names, const ServPort& ports) {
+    ProtocolMatches matches;
+    appendPorts(ports.srcPorts, /*sourceSide=*/true, matches);
+    appendPorts(ports.dstPorts, /*sourceSide=*/false, matches);
+    for (const std::string& name : names) {
+        forEachRawProtocol(name, [&](std::int32_t number) {
+            matches.of.push_back(
+                protocolMatch(static_cast<std::uint16_t>(number),
+                              number == kAuthentication ? maskOf(FW_FAMILY_V4) : FW_BOTH_FAMILIES));
+        });
+    }
+    return matches;
+}
+
+}  // namespace
+
+std::shared_ptr<const FWADDRESSES> listOf(const Intervals& intervals) {
+    auto list = std::make_shared<FWADDRESSES>();
+    list->reserve(intervals.size());
+    for (const Interval& one : intervals) {
+        list->push_back({addressOf(one.first), addressOf(one.last)});
+    }
+    return list;
+}
+
+AddressMatches RuleMatches::addresses(const FWRULE& rule) {
+    std::uint8_t families = 0;
+    if (rule.ipType == FW_IP_TYPE_V4 || rule.ipType == FW_IP_TYPE_BOTH) {
+        families |= maskOf(FW_FAMILY_V4);
+    }
+    if (rule.ipType == FW_IP_TYPE_V6 || rule.ipType == FW_IP_TYPE_BOTH) {
+        families |= maskOf(FW_FAMILY_V6);
+    }
+    if (rule.ipGroup == FW_IP_GROUP_ANY && families != 0) {
+        return {{{families, nullptr}}, {}};
+    }
+    AddressMatches matches;
+    for (const FW_FAMILY family : kBothFamilies) {
+        if ((families & maskOf(family)) == 0) {
+            continue;
+        }
+        AddressMatch match{maskOf(family), nullptr};
+        try {
+            if (hasAddressText(rule)) {
+                match = textMatch(rule, family);
+            } else if (rule.ipGroup == FW_IP_GROUP_COUNTRIES) {
+                match.addresses = countries(rule.ipList, family);
+            } else {
+                continue;
+            }
+        } catch (const LeftOut& left) {
+            matches.leftOut.push_back(left.why);
+            continue;
+        }
+        // No country, or a range that runs backwards, which is in the kernel and matches nothing.
+        if (match.addresses == nullptr || !match.addresses->empty()) {
+            matches.of.push_back(std::move(match));
+        }
+    }
+    return matches;
+}
+
+/// A rule's address, network or range.
+AddressMatch RuleMatches::textMatch(const FWRULE& rule, FW_FAMILY family) const {
+    const std::string first = entryAt(rule.ipList, 0);
+    const std::string second = entryAt(rule.ipList, 1);
+    const auto isBlank = [](char c) { return c == ' '; };
+    Intervals addresses;
+    if (rule.ipGroup == FW_IP_GROUP_RANGE) {
+        // The tool takes the text up to the first dash for the first address.
+        const std::string text = first + '-' + second;
+        const std::size_t dash = text.find('-');
+        const TextResult result =
+            std::any_of(text.begin(), text.end(), isBlank)
+                ? TextResult::kInvalid
+                : readRange(text.substr(0, dash), text.substr(dash + 1), family, addresses);
+        return addressMatch(result, text, addresses, family);
+    }
+    const std::string text = rule.ipGroup == FW_IP_GROUP_NETWORK ? first + '/' + second : first;
+    const TextResult result = std::any_of(text.begin(), text.end(), isBlank)
+                                  ? TextResult::kInvalid
+                                  : readAddresses(text, family, addresses);
+    return addressMatch(result, text, addresses, family);
+}
+
+std::shared_ptr<const FWADDRESSES> RuleMatches::countries(const Texts& codes, FW_FAMILY family) {
+    auto known = countries_.find({codes, family});
+    if (known == countries_.end()) {
+        std::shared_ptr<const FWADDRESSES> all = std::make_shared<FWADDRESSES>();
+        std::size_t usable = 0;
+        for (const std::string& code : codes) {
+            const auto addresses =
+                environment_.countries ? environment_.countries(code, family) : nullptr;
+            if (addresses == nullptr || addresses->empty()) {
+                continue;
+            }
+            if (++usable > kCountriesPerMatch) {
+                throw LeftOut{"there are more than " + std::to_string(kCountriesPerMatch) +
+                              " countries in one rule"};
+            }
+            if (all->empty()) {
+                all = addresses;  // one country's list is shared, not copied
+                continue;
+            }
+            FWADDRESSES both = *all;
+            both.insert(both.end(), addresses->begin(), addresses->end());
+            all = std::make_shared<FWADDRESSES>(fwAddressesFrom(both));
+        }
+        known = countries_.emplace(std::pair(codes, family), std::move(all)).first;
+    }
+    return known->second;
+}
+
+const ProtocolMatches& RuleMatches::protocols(const FWRULE& rule) {
+    if (fwRuleNamesServices(rule)) {
+        return ofServices(rule.portList);
+    }
+    protocols_.of.clear();
+    protocols_.leftOut.clear();
+    if (rule.portGroup == FW_PORT_GROUP_ANY) {
+        protocols_.of.emplace_back();
+    } else if (rule.portGroup == FW_PORT_GROUP_PORTS) {
+        appendPorts(rule.protocol, rule.portDirect != FW_PORT_DIRECT_DESTINATION, rule.portList,
+                    protocols_);
+    }
+    return protocols_;
+}
+
+/// The ports of all services of a protocol are one list, as in the translation.
+const ProtocolMatches& RuleMatches::ofServices(const Texts& names) {
+    const auto known = services_.find(names);
+    if (known != services_.end()) {
+        return known->second;
+    }
+    ServPort ports;
+    for (const std::string& name : names) {
+        const auto service = environment_.services.find(name);
+        if (service != environment_.services.end()) {
+            addPorts(service->second.srcPorts, ports.srcPorts);
+            addPorts(service->second.dstPorts, ports.dstPorts);
+        }
+    }
+    return services_.emplace(names, matchesOf(names, ports)).first->second;
+}
+
+std::vector<FWPACKETSET> fwServicePackets(const std::string& service, const ServPort& ports) {
+    std::vector<FWPACKETSET> packets;
+    for (const ProtocolMatch& match : matchesOf({service}, ports).of) {
+        FWPACKETSET& set = packets.emplace_back();
+        set.families = match.families;
+        set.protocols = match.protocols;
+        (match.sourceSide ? set.sourcePorts : set.destinationPorts) = match.ports;
+    }
+    return packets;
+}
+
+}  // namespace FW

@@ -1,0 +1,90 @@
+/// What the lines of a rule match besides interfaces and chains: addresses, protocols and ports.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tarnfirewall/fwMeaning.h"
+
+#include "intervals.h"
+
+namespace FW {
+
+using Texts = std::vector<std::string>;
+
+inline constexpr FW_FAMILY kBothFamilies[] = {FW_FAMILY_V4, FW_FAMILY_V6};
+
+constexpr std::uint8_t maskOf(std::uint8_t code) {
+    return static_cast<std::uint8_t>(1U << code);
+}
+
+inline std::string inQuotes(const std::string& text) {
+    return '"' + text + '"';
+}
+
+/// Thrown for a rule that is left out, or a line of one.
+struct LeftOut {
+    std::string why;
+};
+
+/// The addresses of a rule in the families of `families`; null for any.
+struct AddressMatch {
+    std::uint8_t families;
+    std::shared_ptr<const FWADDRESSES> addresses;
+};
+
+/// What one "-p ..." of a rule matches.
+struct ProtocolMatch {
+    std::uint8_t families = FW_BOTH_FAMILIES;
+    FWINTERVALS protocols;
+    FWINTERVALS ports;
+    bool sourceSide = false;
+};
+
+/// What the lines of a rule match, and why some of them are left out.
+template <typename Match>
+struct Matches {
+    std::vector<Match> of;
+    Texts leftOut;
+};
+
+using AddressMatches = Matches<AddressMatch>;
+using ProtocolMatches = Matches<ProtocolMatch>;
+
+/// The addresses of a set of numbers.
+std::shared_ptr<const FWADDRESSES> listOf(const Intervals& intervals);
+
+/// Whether a rule matches an address, network or range.
+inline bool hasAddressText(const FWRULE& rule) {
+    return rule.ipGroup == FW_IP_GROUP_SINGLE || rule.ipGroup == FW_IP_GROUP_NETWORK ||
+           rule.ipGroup == FW_IP_GROUP_RANGE;
+}
+
+/// Reads the rules of one profile. It keeps what services and countries match, for later rules that
+/// name the same.
+class RuleMatches {
+public:
+    explicit RuleMatches(const FWENVIRONMENT& environment) : environment_(environment) {}
+
+    /// One for each family, or one for both; none for a rule without lines.
+    AddressMatches addresses(const FWRULE& rule);
+
+    /// One for each protocol. Valid until the next call.
+    const ProtocolMatches& protocols(const FWRULE& rule);
+
+private:
+    AddressMatch textMatch(const FWRULE& rule, FW_FAMILY family) const;
+    std::shared_ptr<const FWADDRESSES> countries(const Texts& codes, FW_FAMILY family);
+    const ProtocolMatches& ofServices(const Texts& names);
+
+    const FWENVIRONMENT& environment_;
+    ProtocolMatches protocols_;  // of the rule at hand
+    std::map<Texts, ProtocolMatches> services_;
+    std::map<std::pair<Texts, FW_FAMILY>, std::shared_ptr<const FWADDRESSES>> countries_;
+};
+
+}  // namespace FW
