@@ -64,7 +64,7 @@ bool contains(const Intervals& set, Number number) {
     return found != set.end() && found->first <= number;
 }
 
-bool overlaps(const Intervals& a, const Intervals& b) {
+bool overlapsAny(const Intervals& a, const Intervals& b) {
     const Intervals& few = a.size() <= b.size() ? a : b;
     const Intervals& many = a.size() <= b.size() ? b : a;
     auto found = many.begin();

@@ -28,8 +28,16 @@ void normalize(Intervals& intervals);
 
 bool contains(const Intervals& set, Number number);
 
+/// overlaps() of lists of any length.
+bool overlapsAny(const Intervals& a, const Intervals& b);
+
 /// Whether the sets have a number in common.
-bool overlaps(const Intervals& a, const Intervals& b);
+inline bool overlaps(const Intervals& a, const Intervals& b) {
+    // What most sets are.
+    return a.size() == 1 && b.size() == 1
+               ? a.front().first <= b.front().last && b.front().first <= a.front().last
+               : overlapsAny(a, b);
+}
 
 /// Whether `set` contains all numbers of `other`.
 bool includes(const Intervals& set, const Intervals& other);

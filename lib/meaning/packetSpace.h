@@ -94,6 +94,7 @@ public:
     std::vector<SpaceRule> addAll(const PacketSpace& other, const std::vector<SpaceRule>& rules);
 
     const Values& values(std::uint32_t id) const { return values_[id]; }
+    std::size_t size() const { return values_.size(); }  ///< one more than the greatest number
     const Intervals& all(Field field) const { return all_[field]; }
 
     Region regionOf(const ValueIds& ids) const;

@@ -30,11 +30,42 @@ bool overlaps(const PacketSpace& space, const Region& region, const SpaceRule& r
     return true;
 }
 
+LongOverlaps::Row& LongOverlaps::rowOf(const Values& list) {
+    Row& row = rows_[list];
+    row.resize(space_.size());
+    return row;
+}
+
+bool LongOverlaps::overlap(const Values& list, Row& row, std::uint32_t id) const {
+    std::uint8_t& known = row[id];
+    if (known == 0) {
+        known = overlaps(*space_.values(id), *list) ? 2 : 1;
+    }
+    return known == 2;
+}
+
+OverlapTest::OverlapTest(const PacketSpace& space, const Region& region, LongOverlaps* shared)
+    : space_(space), region_(region), shared_(shared) {
+    for (const Field field : {kSource, kDestination}) {
+        const Values& own = region[field];
+        if (shared != nullptr && own != nullptr && own->size() > kLongList) {
+            rows_[field - kSource] = &shared->rowOf(own);
+        }
+    }
+}
+
 bool OverlapTest::operator()(const SpaceRule& rule) {
     for (const Field field : kQuickFirst) {
         const std::uint32_t id = rule.values[field];
         const Values& own = region_[field];
         if (id == 0 || isAny(own)) {
+            continue;
+        }
+        const bool isAddress = field == kSource || field == kDestination;
+        if (isAddress && rows_[field - kSource] != nullptr) {
+            if (!shared_->overlap(own, *rows_[field - kSource], id)) {
+                return false;
+            }
             continue;
         }
         const Values& values = space_.values(id);
@@ -47,23 +78,12 @@ bool OverlapTest::operator()(const SpaceRule& rule) {
 }
 
 bool OverlapTest::overlapsLong(Field field, std::uint32_t id) {
-    for (const Known& known : known_) {
-        if (known.id == id && known.field == field) {
-            return known.overlaps;
-        }
+    const std::uint32_t key = id * 2 + (field == kSource ? 0 : 1);
+    Known& known = known_[key % known_.size()];
+    if (known.key != key) {
+        known = {key, overlaps(*space_.values(id), *region_[field])};
     }
-    const Values& values = space_.values(id);
-    const Values& own = region_[field];
-    const bool found = shared_ != nullptr && own->size() > kLongList ? shared_->overlap(values, own)
-                                                                     : overlaps(*values, *own);
-    known_.push_back({field, id, found});
-    return found;
-}
-
-bool LongOverlaps::overlap(const Values& a, const Values& b) {
-    const auto known = known_.find({a, b});
-    return known != known_.end() ? known->second
-                                 : known_.emplace(std::pair(a, b), overlaps(*a, *b)).first->second;
+    return known.overlaps;
 }
 
 bool covers(const PacketSpace& space, const SpaceRule& rule, const Region& region) {

@@ -1,61 +1,75 @@
 #include "ruleScan.h"
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 
 namespace FW {
 namespace {
 
-/// Sets the bounds of a field, in numbers of a smaller type: what does not fit is its greatest.
-template <typename Small>
-void setBounds(const Values& values, unsigned shift, Small (&bounds)[2]) {
-    const Number greatest = std::numeric_limits<Small>::max();
-    bounds[0] = 0;
-    bounds[1] = static_cast<Small>(greatest);
-    if (values != nullptr && !values->empty()) {
-        bounds[0] = static_cast<Small>(std::min(values->front().first >> shift, greatest));
-        bounds[1] = static_cast<Small>(std::min(values->back().last >> shift, greatest));
-    }
-}
+// The fields that tell most rules apart.
+constexpr Field kBounded[] = {kSource, kDestination, kDestinationPort, kProtocol};
 
-template <typename Small>
-bool meet(const Small (&a)[2], const Small (&b)[2]) {
-    return a[0] <= b[1] && b[0] <= a[1];
+constexpr std::size_t kBlock = 256;  // rules looked at together
+
+using Hits = std::uint8_t[kBlock];
+
+/// Clears the hits whose bounds do not meet `first` to `last`. The compiler makes vector
+/// instructions of this loop as long as its length is fixed.
+void keepMeeting(const std::uint32_t* firsts, const std::uint32_t* lasts, std::uint32_t first,
+                 std::uint32_t last, std::uint8_t* __restrict hits) {
+    for (std::size_t i = 0; i < kBlock; ++i) {
+        hits[i] = static_cast<std::uint8_t>(hits[i] & (firsts[i] <= last) & (first <= lasts[i]));
+    }
 }
 
 }  // namespace
 
 /// `valuesOf` has the values of a field.
 template <typename ValuesOf>
-RuleScan::Bounds RuleScan::boundsOf(ValuesOf valuesOf) {
-    Bounds bounds;
-    setBounds(valuesOf(kSource), 64, bounds.source);
-    setBounds(valuesOf(kDestination), 64, bounds.destination);
-    setBounds(valuesOf(kDestinationPort), 0, bounds.port);
-    setBounds(valuesOf(kProtocol), 0, bounds.protocol);
-    bounds.rule = 0;
+RuleScan::AllBounds RuleScan::boundsOf(ValuesOf valuesOf) {
+    AllBounds bounds;
+    for (std::size_t i = 0; i < kFieldsWithBounds; ++i) {
+        const Values& values = valuesOf(kBounded[i]);
+        const unsigned shift = kBounded[i] == kSource || kBounded[i] == kDestination ? 96 : 0;
+        bounds[i] = {0, std::numeric_limits<std::uint32_t>::max()};
+        if (values != nullptr && !values->empty()) {
+            bounds[i] = {static_cast<std::uint32_t>(values->front().first >> shift),
+                         static_cast<std::uint32_t>(values->back().last >> shift)};
+        }
+    }
     return bounds;
 }
 
 RuleScan::RuleScan(const PacketSpace& space, const std::vector<SpaceRule>& rules)
-    : space_(space), rules_(rules) {
+    : space_(space), rules_(rules), longOverlaps_(space) {
     for (std::size_t i = 0; i < rules.size(); ++i) {
-        const std::uint32_t in = rules[i].values[kIn];
-        auto group = std::find_if(groups_.begin(), groups_.end(),
-                                  [in](const Group& one) { return one.in == in; });
-        if (group == groups_.end()) {
-            group = groups_.insert(group, {in, {}});
-        }
         const ValueIds& ids = rules[i].values;
-        group->bounds.push_back(
-            boundsOf([&](Field field) -> const Values& { return space.values(ids[field]); }));
-        group->bounds.back().rule = static_cast<std::uint32_t>(i);
+        auto group = std::find_if(groups_.begin(), groups_.end(),
+                                  [&](const Group& one) { return one.in == ids[kIn]; });
+        if (group == groups_.end()) {
+            group = groups_.insert(group, Group());
+            group->in = ids[kIn];
+        }
+        const AllBounds bounds =
+            boundsOf([&](Field field) -> const Values& { return space.values(ids[field]); });
+        for (std::size_t field = 0; field < kFieldsWithBounds; ++field) {
+            group->first[field].push_back(bounds[field].first);
+            group->last[field].push_back(bounds[field].last);
+        }
+        group->rules.push_back(static_cast<std::uint32_t>(i));
+    }
+    for (Group& group : groups_) {
+        const std::size_t size = (group.rules.size() + kBlock - 1) / kBlock * kBlock;
+        for (std::size_t field = 0; field < kFieldsWithBounds; ++field) {
+            group.first[field].resize(size);
+            group.last[field].resize(size);
+        }
     }
 }
 
 RuleNumbers RuleScan::overlapping(const Region& region, std::size_t from, std::size_t end) {
-    const Bounds wanted = boundsOf([&](Field field) -> const Values& { return region[field]; });
-    const auto isBefore = [](const Bounds& bounds, std::size_t rule) { return bounds.rule < rule; };
+    const AllBounds wanted = boundsOf([&](Field field) -> const Values& { return region[field]; });
     OverlapTest overlapsRegion(space_, region, &longOverlaps_);
     RuleNumbers found;
     for (const Group& group : groups_) {
@@ -64,13 +78,32 @@ RuleNumbers RuleScan::overlapping(const Region& region, std::size_t from, std::s
             continue;
         }
         const auto middle = static_cast<std::ptrdiff_t>(found.size());
-        auto bounds = std::lower_bound(group.bounds.begin(), group.bounds.end(), from, isBefore);
-        for (; bounds != group.bounds.end() && bounds->rule < end; ++bounds) {
-            if (meet(bounds->source, wanted.source) && meet(bounds->port, wanted.port) &&
-                meet(bounds->protocol, wanted.protocol) &&
-                meet(bounds->destination, wanted.destination) &&
-                overlapsRegion(rules_[bounds->rule])) {
-                found.push_back(bounds->rule);
+        const auto indexOf = [&](std::size_t rule) {
+            return static_cast<std::size_t>(
+                std::lower_bound(group.rules.begin(), group.rules.end(), rule) -
+                group.rules.begin());
+        };
+        const std::size_t firstIndex = indexOf(from);
+        const std::size_t endIndex = indexOf(end);
+        for (std::size_t block = firstIndex / kBlock * kBlock; block < endIndex; block += kBlock) {
+            Hits hits;
+            std::memset(hits, 1, sizeof(hits));
+            for (std::size_t field = 0; field < kFieldsWithBounds; ++field) {
+                keepMeeting(&group.first[field][block], &group.last[field][block],
+                            wanted[field].first, wanted[field].last, hits);
+            }
+            std::size_t at = std::max(block, firstIndex);
+            const std::size_t blockEnd = std::min(block + kBlock, endIndex);
+            while (at < blockEnd) {
+                const void* const hit = std::memchr(hits + (at - block), 1, blockEnd - at);
+                if (hit == nullptr) {
+                    break;
+                }
+                at = block + static_cast<std::size_t>(static_cast<const std::uint8_t*>(hit) - hits);
+                if (overlapsRegion(rules_[group.rules[at]])) {
+                    found.push_back(group.rules[at]);
+                }
+                ++at;
             }
         }
         std::inplace_merge(found.begin(), found.begin() + middle, found.end());

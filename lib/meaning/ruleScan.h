@@ -1,6 +1,7 @@
 /// Finds all rules that overlap a region.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -11,8 +12,8 @@ namespace FW {
 
 using RuleNumbers = std::vector<std::uint32_t>;
 
-/// Looks only at rules for the region's interfaces, and at the bounds of a rule, which lie close
-/// together, before it looks at its values.
+/// Looks only at rules for the region's interfaces, and at the bounds of many rules at once, before
+/// it looks at a rule's values.
 class RuleScan {
 public:
     RuleScan(const PacketSpace& space, const std::vector<SpaceRule>& rules);
@@ -21,22 +22,24 @@ public:
     RuleNumbers overlapping(const Region& region, std::size_t from, std::size_t end);
 
 private:
-    /// The least and the greatest value of the fields that tell most rules apart; of addresses the
-    /// upper half.
+    static constexpr std::size_t kFieldsWithBounds = 4;
+
+    /// The least and the greatest value of a field, of addresses the upper 32 bits.
     struct Bounds {
-        std::uint64_t source[2];
-        std::uint64_t destination[2];
-        std::uint16_t port[2];
-        std::uint8_t protocol[2];
-        std::uint32_t rule;
+        std::uint32_t first;
+        std::uint32_t last;
     };
+    using AllBounds = std::array<Bounds, kFieldsWithBounds>;
     template <typename ValuesOf>
-    static Bounds boundsOf(ValuesOf valuesOf);
+    static AllBounds boundsOf(ValuesOf valuesOf);
 
     /// The rules for the same incoming interfaces.
     struct Group {
         std::uint32_t in;  // the number of their values
-        std::vector<Bounds> bounds;
+        RuleNumbers rules;
+        // By field: of each rule, and of as many more as fill the last block.
+        std::array<std::vector<std::uint32_t>, kFieldsWithBounds> first;
+        std::array<std::vector<std::uint32_t>, kFieldsWithBounds> last;
     };
 
     const PacketSpace& space_;
