@@ -4,8 +4,16 @@
 /// filter tries them, with everything that the translation into iptables lines does to them. The
 /// operations on resolved rules then answer questions about single packets and about whole sets.
 ///
+///     FWENVIRONMENT environment;
+///     if (fwEnvironmentGet(profile, FW_ADAPTERS_PRESENT, {}, environment)) {  // fwEnvironment.h
+///         const FW_MEANING meaning(fwResolve(profile, environment).rules);
+///         const FWDECISION decision = meaning.decide(packet);
+///         const FWRESOLVEDRULE decider = meaning.rule(decision.deciders.front());
+///     }
+///
 /// Nothing here reads a file, runs a program or takes a lock: what the machine contributes is
-/// given in an FWENVIRONMENT. Nothing here logs; what is wrong with a profile is an FWFINDING.
+/// given in an FWENVIRONMENT. Nothing here logs or fails; what is wrong with a profile, or too
+/// complex to answer, is an FWFINDING. Only memory that runs out raises std::bad_alloc.
 #pragma once
 
 #include <cstddef>
@@ -69,7 +77,7 @@ struct FWINTERVAL {
     std::uint16_t last = 0;
 };
 
-/// Sorted, disjoint and not adjacent; empty stands for any value.
+/// Sorted, disjoint and not adjacent; empty: any value.
 using FWINTERVALS = std::vector<FWINTERVAL>;
 
 /// A set of interface names. An entry is a name, "eth0", or the beginning of names, "tun+"; "+"
@@ -81,7 +89,7 @@ struct FWINTERFACES {
 };
 
 /// A set of packets: those whose every field has one of the values given for it. A null pointer
-/// and an empty list stand for any value, also for packets that do not have such a field.
+/// and an empty list mean any value, also for packets that do not have such a field.
 struct FWPACKETSET {
     std::uint8_t chains = FW_BOTH_CHAINS;        ///< mask of FW_CHAIN
     std::uint8_t families = FW_BOTH_FAMILIES;    ///< mask of FW_FAMILY; one where addresses are
@@ -97,7 +105,8 @@ struct FWPACKETSET {
 };
 
 /// One packet. A field without a value is not known, or the packet has none. In the chain
-/// FW_CHAIN_INPUT `out` is not read.
+/// FW_CHAIN_INPUT `out` is not read. An address needs a family to be understood; ports and types
+/// are read only of protocols that have them, and imply these when the protocol is not known.
 struct FWPACKET {
     std::optional<FW_CHAIN> chain;
     std::optional<FW_FAMILY> family;
@@ -132,6 +141,7 @@ enum FW_ORIGIN : std::uint8_t {
     FW_ORIGIN_END = 5           ///< none: no rule matches
 };
 
+/// "rule 3 of eth0": {FW_ORIGIN_RULE, "eth0", 3}.
 struct FWPLACE {
     FW_ORIGIN origin = FW_ORIGIN_END;
     std::string adapter;        ///< of a rule or default policy
@@ -197,14 +207,17 @@ TARNFW_EXPORT std::map<std::string, FWINTERFACES> fwAdaptersByName(const FWPROFI
 
 struct FWRESOLVED {
     std::vector<FWRESOLVEDRULE> rules;  ///< in the order in which the packet filter tries them
-    std::vector<FWFINDING> findings;    ///< rules that are left out, because iptables would refuse
-                                        ///< a line of theirs or the translation fails, and rules
-                                        ///< with lines in chains of others
+    std::vector<FWFINDING> findings;    ///< by rule, in the order of the profile: lines left out
+                                        ///< because iptables would refuse them, rules left out
+                                        ///< because the translation fails or a mask is too
+                                        ///< complex, and rules with lines in chains of others
 };
 
 /// The resolved rules of a profile: the fixed lines, then the rules of "global", then those of the
 /// other adapters in byte order, each list with its default policy at the end. Rules that yield no
-/// line are not among them.
+/// line are not among them. Of a rule with findings, the lines that iptables takes are: in apply
+/// mode "lines" they are in the kernel, in "batch" the whole profile is refused.
+/// An `exceptedIp` that is no address is a finding, and there are no rules at all.
 /// Texts are read as iptables reads them: "10/8" is 10.0.0.0/8 and "010.0.0.1" is 8.0.0.1. Names of
 /// hosts and of ports, ports above 65535 and texts with a blank in them are findings, even where
 /// iptables does not refuse them: it asks a name server, or makes 4464 of the UDP port 70000.
@@ -239,7 +252,7 @@ inline constexpr std::size_t FW_MEANING_STEPS_PER_RULE = 100000;
 
 /// Who decides about a packet.
 struct FWDECISION {
-    /// Numbers of resolved rules, in order; the number of all rules stands for "no rule matches".
+    /// Numbers of resolved rules, in order; as many as there are rules means "no rule matches".
     /// One when everything that matters of the packet is known, otherwise all that may decide.
     std::vector<std::size_t> deciders;
 
@@ -296,8 +309,11 @@ struct FWREACHABLE {
 /// Resolved rules, prepared for questions. It does not change, so that several threads may ask.
 class TARNFW_EXPORT FW_MEANING {
 public:
+    /// Copies what it needs of the rules, some hundred bytes each and each list of addresses once.
     explicit FW_MEANING(const std::vector<FWRESOLVEDRULE>& rules);
     ~FW_MEANING();
+
+    /// What was moved from can only be assigned to or destroyed.
     FW_MEANING(FW_MEANING&& other) noexcept;
     FW_MEANING& operator=(FW_MEANING&& other) noexcept;
 
@@ -306,7 +322,8 @@ public:
     /// A rule by its number, from 0; at size() what happens when no rule matches.
     FWRESOLVEDRULE rule(std::size_t number) const;
 
-    /// The rule that decides about a packet, or all that may while fields of it are not known.
+    /// The rule that decides about a packet, or all that may while fields of it are not known. The
+    /// answer for a packet that is known takes microseconds, any other up to FW_MEANING_STEPS.
     FWDECISION decide(const FWPACKET& packet) const;
 
     /// The rules of the profile, default policies apart, that change nothing: neither what happens

@@ -79,7 +79,7 @@ std::uint8_t chainsOf(const FWRULE& rule) {
     return chains;
 }
 
-/// The rule that stands for a default policy.
+/// A default policy as a rule.
 FWRULE defaultRule(FW_POLICY policy) {
     FWRULE rule;
     rule.policy = policy;

@@ -1,6 +1,8 @@
 // Decisions about single packets, known in every field or not.
 
 #include <algorithm>
+#include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -9,6 +11,7 @@
 #include "library_test.h"
 #include "tarnfirewall/fwMeaning.h"
 
+#include "bdd_oracle.h"
 #include "iptables_lines.h"
 #include "packet_set.h"
 #include "random_case.h"
@@ -162,6 +165,91 @@ TEST_F(DecideRandomTest, UnknownFieldsYieldEveryDecider) {
             }
         }
     }
+}
+
+/// The packets that a packet may be.
+FW::FWPACKETSET setOf(const FWPACKET& packet) {
+    FW::FWPACKETSET set;
+    const auto name = [](const std::optional<std::string>& known) {
+        return known ? std::make_shared<FW::FWINTERFACES>(FW::FWINTERFACES{{*known}, {}}) : nullptr;
+    };
+    const auto address =
+        [&](const std::optional<FW::FWADDRESS>& known) -> std::shared_ptr<const FW::FWADDRESSES> {
+        if (!known) {
+            return nullptr;
+        }
+        FW::FWADDRESSINTERVAL one{*known, *known};
+        if (packet.family == FW::FW_FAMILY_V4) {
+            one.last = {known->high | 0xffffffff, ~std::uint64_t(0)};
+        }
+        return std::make_shared<FW::FWADDRESSES>(FW::FWADDRESSES{one});
+    };
+    const auto number = [](const auto& known) {
+        return known ? FW::FWINTERVALS{{*known, *known}} : FW::FWINTERVALS();
+    };
+    set.chains = packet.chain ? std::uint8_t(1U << *packet.chain) : FW::FW_BOTH_CHAINS;
+    set.families = packet.family ? std::uint8_t(1U << *packet.family) : FW::FW_BOTH_FAMILIES;
+    set.states = packet.state ? std::uint8_t(1U << *packet.state) : FW::FW_ALL_STATES;
+    set.in = name(packet.in);
+    set.out = packet.chain == FW::FW_CHAIN_INPUT ? nullptr : name(packet.out);
+    set.protocols = number(packet.protocol);
+    set.sources = address(packet.source);
+    set.destinations = address(packet.destination);
+    if (packet.protocol == 6 || packet.protocol == 17) {
+        set.sourcePorts = number(packet.sourcePort);
+        set.destinationPorts = number(packet.destinationPort);
+    }
+    if (packet.protocol == 1 || packet.protocol == 58) {
+        set.icmpTypes = number(packet.icmpType);
+    }
+    return set;
+}
+
+TEST_F(DecideRandomTest, DecidersAreExactlyThoseOfTheDiagrams) {
+    const TestCountries countries(8);
+    storeCountries(countries);
+    const int profiles = countOf(200, 5000);
+    std::size_t several = 0;
+    for (int number = 0; number < profiles; ++number) {
+        Random random(static_cast<unsigned>(8000000 + number));
+        const RandomCase made = makeCase(random, 4, countries, platform_);
+        const FamilyLines lines = linesOfProfile(made.profile, made.batch, countries.ranges());
+        const std::vector<FWRESOLVEDRULE> rules =
+            FW::fwResolve(made.profile, made.environment).rules;
+        const FW_MEANING meaning(rules);
+        const BddOracle oracle(made.interfaces);
+        std::vector<bdd> sets;
+        for (const FWRESOLVEDRULE& rule : rules) {
+            sets.push_back(oracle.packets(rule.packets));
+        }
+        for (int i = 0; i < 10; ++i) {
+            FWPACKET asked =
+                withUnknownFields(random, packetOf(makePacket(random, lines, made.interfaces)), 3);
+            if (!asked.chain) {
+                asked.out.reset();  // which a packet for the machine does not have
+            }
+            for (std::optional<std::string>* const name : {&asked.in, &asked.out}) {
+                if (*name && !(*name)->empty() && (*name)->back() == '+') {
+                    name->reset();  // no set has an interface of this name alone
+                }
+            }
+            bdd open = oracle.packets(setOf(asked));
+            std::vector<std::size_t> expected;
+            for (std::size_t rule = 0; rule < rules.size() && open != bddfalse; ++rule) {
+                if ((open & sets[rule]) != bddfalse) {
+                    expected.push_back(rule);
+                    open -= sets[rule];
+                }
+            }
+            if (open != bddfalse) {
+                expected.push_back(rules.size());
+            }
+            ASSERT_EQ(meaning.decide(asked).deciders, expected)
+                << "profile " << number << textOf(lines);
+            several += expected.size() > 1 ? 1 : 0;
+        }
+    }
+    EXPECT_GT(several, static_cast<std::size_t>(profiles));
 }
 
 TEST_F(DecideRandomTest, RulesAreGivenBack) {

@@ -472,7 +472,7 @@ TEST(ServicePacketsTest, AreThoseOfThePortsAndOfFurtherProtocols) {
 
 // ---- Adapters by name ----
 
-TEST(AdaptersByNameTest, AbsentAdaptersHaveRulesAndVpnStandsForBeginningsOfNames) {
+TEST(AdaptersByNameTest, AbsentAdaptersHaveRulesAndVpnIsBeginningsOfNames) {
     FWPROFILE profile;
     profile.rules["eth7"] = {anyRule()};
     profile.adapterPolicyMap["vpn"] = FW::FW_POLICY_DENY;
