@@ -36,6 +36,8 @@ enum class Remedy {
     kSetUpBase,         ///< set up the base, which writes a first profile
     kAddBase,           ///< set up the base, whose chains or jumps are missing
     kGiveAdapterApart,  ///< give the adapter beside the rule's words, not as one of them
+    kAgree,             ///< agree beforehand to what would be asked
+    kForceUndo,         ///< undo what another program has written as well
 };
 
 /// The place of the error, as far as known.

@@ -188,6 +188,8 @@ answers 0 rule add "${rule[@]}" allow tcp 97
 file=$(grep --files-with-matches '"home"' "$kProfileDirectory"/[!f]*.json | head -n 1)
 sed -i 's/"97"/"98"/' "$file"
 refused 1 "^tarnfw: $file is not as the change left it: another program has written there; nothing was changed (--force undoes that, too)\$" undo
+answers 1 undo --json
+step 'the remedy has its own member' [ "$(jq --raw-output .error.remedy "$out/answer")" = '--force undoes that, too' ]
 documents by_others
 answers 0 undo --force
 says 'home: - rule . of eth0: allow tcp 98'

@@ -265,6 +265,8 @@ cat >/tmp/rules_that_change <<'END'
   home: - rule 1 of global: allow service ssh from anywhere  "Service", reserved
 END
 prints_rules /tmp/rules_that_change
+answers 1 service release ssh --everywhere --json
+step 'the remedy has its own member' [ "$(jq --raw-output .error.remedy "$out/answer")" = '--yes goes on anyway' ]
 asked 1 'tarnfw: these rules would change. Go on? [y/N] ' n service release ssh --everywhere
 step 'no file has changed' same_files everywhere
 asked 0 'tarnfw: these rules would change. Go on? [y/N] ' y service release ssh --everywhere --adapter global

@@ -41,6 +41,10 @@ std::string remedyText(Remedy remedy) {
             return "\"tarnfw base up\" sets it up";
         case Remedy::kGiveAdapterApart:
             return "did you mean \"--adapter\"?";
+        case Remedy::kAgree:
+            return "--yes goes on anyway";
+        case Remedy::kForceUndo:
+            return "--force undoes that, too";
         case Remedy::kNone:
             break;
     }
@@ -52,7 +56,8 @@ std::string wordsFor(Remedy remedy) {
     if (text.empty()) {
         return "";
     }
-    const bool aside = remedy == Remedy::kListServices || remedy == Remedy::kCheckFiles;
+    const bool aside = remedy == Remedy::kListServices || remedy == Remedy::kCheckFiles ||
+                       remedy == Remedy::kAgree || remedy == Remedy::kForceUndo;
     return aside ? " (" + text + ")" : "; " + text;
 }
 

@@ -233,8 +233,8 @@ void requireOwn(const StoreHistory& history, std::size_t number, const StoreSnap
         throw Error(ErrorKind::kUnusable,
                     boost::join(names, ", ") + (names.size() == 1 ? " is" : " are") +
                         " not as the change left " + (names.size() == 1 ? "it" : "them") +
-                        ": another program has written there; nothing was changed (--force undoes "
-                        "that, too)");
+                        ": another program has written there; nothing was changed",
+                    {}, Remedy::kForceUndo);
     }
 }
 

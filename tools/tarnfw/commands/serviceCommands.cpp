@@ -107,7 +107,7 @@ void requireConsent(const std::string& what, bool yes) {
         return;
     }
     if (!canAsk()) {
-        throw Error(ErrorKind::kDeclined, what + "; nothing was changed (--yes goes on anyway)");
+        throw Error(ErrorKind::kDeclined, what + "; nothing was changed", {}, Remedy::kAgree);
     }
     if (!confirmed("tarnfw: " + what + ". Go on?")) {
         throw Error(ErrorKind::kDeclined, "nothing was changed");

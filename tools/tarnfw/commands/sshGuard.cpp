@@ -205,7 +205,7 @@ void requireSshAccess(const FW::FWPROFILE& profile, Machine& machine, ApplyMode 
         return;
     }
     if (!yes && !canAsk()) {
-        throw Error(ErrorKind::kDeclined, warning + "; " + ifDeclined + " (--yes goes on anyway)");
+        throw Error(ErrorKind::kDeclined, warning + "; " + ifDeclined, {}, Remedy::kAgree);
     }
     std::cerr << "tarnfw: " << warning << '\n';
     if (!yes && !confirmed(question)) {
