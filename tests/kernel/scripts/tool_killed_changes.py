@@ -70,8 +70,12 @@ def fail(where, text):
     sys.exit(f"FAILED: {where}: {text}")
 
 
-def check_failed(where, done, old, new):
-    """After a run in which a call failed."""
+def check_failed(where, done, old, new, count):
+    """After a run in which a call failed. Where it failed in the process that writes and then in the one that
+    restores, the tool says so, and the next command restores."""
+    if done.returncode != 0 and "Restoring the documents failed, too; the copies are in" in done.stderr:
+        check(where, old, old, count)
+        return
     said = "cannot write the output" in done.stderr
     now = documents()
     if now != (new if done.returncode == 0 or said else old):
@@ -120,7 +124,7 @@ def changed(words):
             put_back()
             failures += 1
             done = with_fault("error=EIO", call, number, words)
-            check_failed(f"{' '.join(words)}, {call} {number} fails", done, old, new)
+            check_failed(f"{' '.join(words)}, {call} {number} fails", done, old, new, failures)
     return kills, unchanged, failures
 
 
