@@ -171,16 +171,16 @@ StoreSession::StoreSession(Access access, LockTime time)
 
 StoreSession::~StoreSession() = default;
 
-void StoreSession::awaitDocumentLocks() {
+void StoreSession::awaitDocumentLocks(LockTime& time) {
     const StoreSnapshot now;  // lists the files, and reads none
     for (const std::string& path : now.documentPaths()) {
-        awaitUnlocked(FW::getLockFile(path), time_);
+        awaitUnlocked(FW::getLockFile(path), time);
     }
 }
 
-void StoreSession::awaitReloadLock() {
-    awaitDocumentLocks();
-    awaitUnlocked(kReloadLock, time_);
+void StoreSession::awaitReloadLock(LockTime& time) {
+    awaitDocumentLocks(time);
+    awaitUnlocked(kReloadLock, time);
 }
 
 void StoreSession::unlock() {

@@ -90,10 +90,13 @@ public:
     /// To be called before an operation of the library that reads documents, outside a change:
     /// throws Error, kBusy, which names the holder, when another process keeps the lock of a
     /// document for longer than lockTime().
-    void awaitDocumentLocks();
+    void awaitDocumentLocks() { awaitDocumentLocks(time_); }
 
     /// The same for an operation that takes the lock of a reload as well.
-    void awaitReloadLock();
+    void awaitReloadLock() { awaitReloadLock(time_); }
+
+    /// The same before a session, with `time` for it.
+    static void awaitReloadLock(LockTime& time);
 
     /// Reads files that have changed since, as after an operation of the library outside
     /// change().
@@ -181,6 +184,7 @@ public:
 private:
     friend class StoreTransaction;
 
+    static void awaitDocumentLocks(LockTime& time);
     bool changeHeld(const std::function<bool()>& write);
     void changeSettings(const Json::Value& members);
     void keepKilled();

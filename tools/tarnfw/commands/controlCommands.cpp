@@ -198,10 +198,20 @@ bool isBaseDown() {
            });
 }
 
+/// Waits for the locks that a reload needs besides the store's, and without that: whoever needs it
+/// is not to wait for this command. Returns the time that is left.
+LockTime awaitLocksOfReload() {
+    LockTime time;
+    StoreSession::awaitReloadLock(time);
+    awaitXtablesLock(time);
+    return time;
+}
+
 /// Applies the active profile, while nobody changes the store; with an interface only if it has
 /// lines for that.
 void applyAgain(bool yes, const std::string& interface, Report& report) {
-    Context context(StoreSession::Access::kSettled);
+    Context context(StoreSession::Access::kSettled, std::make_unique<Machine>(),
+                    awaitLocksOfReload());
     requireNoTrial();  // one that has begun meanwhile listens before it waits for the store's lock
     if (!interface.empty() &&
         !hasLinesFor(context.store().profile(""), interface, context.machine())) {
