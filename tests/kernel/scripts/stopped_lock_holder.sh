@@ -94,7 +94,9 @@ all_end() {
     wait "$holder" 2>/dev/null || true
     if [[ -n $reload ]]; then
         step 'the reload for an interface has waited' wait "$reload"
-        step 'for this lock' grep --quiet --fixed-strings "Waiting: $(kept_by_holder "$lock")" "$out/waiting"
+        # A trial that has begun waits for it as well.
+        step 'for this lock' grep --quiet --fixed-strings -e "Waiting: $(kept_by_holder "$lock")" \
+            -e 'Waiting for the end of the running trial' "$out/waiting"
         step 'and applied the profile' grep --quiet '^Profile "home" applied$' "$out/waiting"
     fi
     answers 0 profile use home
