@@ -1,6 +1,7 @@
 // Work in a separate process: its result, its messages, its end.
 #include "commands/applying.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/types.h>
 #include <syslog.h>
@@ -73,6 +74,22 @@ TEST(RunWholeTest, WhatIsThrownIsTheReason) {
 TEST(RunWholeTest, AKilledProcessIsAFailure) {
     EXPECT_EQ(failureOf([] { return raise(SIGKILL) == 0; }),
               "the process that applied the change was killed; see \"tarnfw status\"");
+}
+
+TEST(RunWholeTest, TheProgramsOfAKilledProcessHaveEnded) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    (void)failureOf([&] {
+        if (fork() == 0) {  // a program that goes on for a while
+            usleep(200000);
+            _exit(write(ends[1], "x", 1) == 1 ? 0 : 1);
+        }
+        return raise(SIGKILL) == 0;
+    });
+    char written = ' ';
+    EXPECT_EQ(read(ends[0], &written, 1), 1);
+    close(ends[0]);
+    close(ends[1]);
 }
 
 TEST(RunWholeTest, TheWorkIsNotOfTheTerminalsSession) {

@@ -1,8 +1,11 @@
 #include "process/detachedRun.h"
 
+#include <sys/prctl.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <exception>
 #include <iostream>
 #include <optional>
@@ -48,6 +51,13 @@ int runInChild(const std::function<bool()>& work, const Descriptor& errors,
     }
 }
 
+/// Waits for the programs that a killed process has left, which are of its group and have come to
+/// this process: they may still change the kernel.
+void awaitPrograms(pid_t process) {
+    while (waitpid(-process, nullptr, 0) > 0 || errno == EINTR) {
+    }
+}
+
 /// What the process wrote, for the person who called it; lines of the log only `withLog`.
 std::string messagesOf(const std::string& errors, pid_t process, bool withLog) {
     const std::string start = "tarnfw[" + std::to_string(process) + "]: ";
@@ -71,6 +81,7 @@ DetachedRun runDetached(const std::function<bool()>& work, const std::function<v
     const Descriptor reason = memoryFile("reason");
     std::cout << std::flush;  // or both would print it
     const SignalsWait wait;
+    (void)prctl(PR_SET_CHILD_SUBREAPER, 1);
     const pid_t process =
         startProcess("a process", [&] { return runInChild(work, errors, reason); });
     std::exception_ptr thrown;
@@ -82,6 +93,10 @@ DetachedRun runDetached(const std::function<bool()>& work, const std::function<v
         thrown = std::current_exception();
     }
     const std::optional<int> status = exitStatusOf(process);
+    if (!status) {
+        awaitPrograms(process);
+    }
+    (void)prctl(PR_SET_CHILD_SUBREAPER, 0);
     if (thrown) {
         std::rethrow_exception(thrown);
     }
