@@ -6,12 +6,12 @@
 #include <utility>
 
 #include "tarnfirewall/fwIptables.h"
-#include "tarnfirewall/tarnFW.h"
 
 #include "fwCatalogue.h"
 #include "fwGeoipFile.h"
 #include "fwRuleTranslation.h"
 #include "fwServiceRules.h"
+#include "fwSettings.h"
 
 namespace FW {
 namespace {
@@ -92,12 +92,12 @@ bool fwEnvironmentGet(const FWPROFILE& profile, FW_ADAPTERS adapters,
     TARNFW_IPTABLES_RULES translator;
     RuleTranslation translation(translator);
 
-    std::string mode;
     std::vector<std::string> interfaces;
-    if (!TARNFW().fwApplyMode(mode) || !translation.interfaces(interfaces)) {
+    if (!translation.interfaces(interfaces)) {
         return false;
     }
-    filled.batch = mode == FW_APPLY_BATCH;
+    // Without the file's lock: a user who may read the settings may be unable to make one.
+    filled.batch = settingsChooseBatch();
     const std::string pppoe = translation.interfaceOf(FW_ADAPTER_PPPOE);
     const auto present = fwAdaptersNow(interfaces, pppoe);
     filled.adapters = adapters == FW_ADAPTERS_ALL ? fwAdaptersByName(profile, pppoe) : present;

@@ -25,11 +25,11 @@ enum FW_ADAPTERS : std::uint8_t {
 ///   which runs "/usr/tarn/sbin/tarnnetdtool" once;
 /// - the services that its rules name, from the service catalogue, and those of `services`;
 /// - the addresses of the countries that its rules name, from "/usr/share/xt_geoip/";
-/// - the apply mode, from the settings.
+/// - the apply mode, from the settings, without their lock; "lines" where they cannot be read.
 /// Everything is read here: the environment does not ask for anything later. Established
 /// connections are accepted in it, from every address, as after a reload.
-/// Returns false, logged, when the interfaces cannot be listed, the settings cannot be read, or the
-/// catalogue cannot while there is a service to look up; `environment` is untouched then.
+/// Returns false, logged, when the interfaces cannot be listed, or the catalogue cannot be read
+/// while there is a service to look up; `environment` is untouched then.
 TARNFW_EXPORT bool fwEnvironmentGet(const FWPROFILE& profile, FW_ADAPTERS adapters,
                                     const std::vector<std::string>& services,
                                     FWENVIRONMENT& environment);
