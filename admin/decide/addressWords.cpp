@@ -1,0 +1,354 @@
+#include "decide/addressWords.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <optional>
+#include <utility>
+
+#include "decide/listWords.h"
+#include "tarnfwadmin/addressRange.h"
+
+namespace tarnfw {
+namespace {
+
+using FW::FW_FAMILY;
+using FW::Interval;
+using FW::Intervals;
+using FW::Number;
+
+Number numberOf(const FW::FWADDRESS& address) {
+    return Number(address.high) << 64U | address.low;
+}
+
+const Intervals& everyNumber() {
+    static const Intervals every = {{0, FW::kMaxNumber}};
+    return every;
+}
+
+Address addressOf(Number number, FW_FAMILY family) {
+    Address::Bytes bytes = {};
+    const std::size_t size = family == FW::FW_FAMILY_V6 ? 16 : 4;
+    for (std::size_t i = 0; i < size; ++i) {
+        bytes[i] = static_cast<unsigned char>(number >> (120U - 8U * i));
+    }
+    return Address(family == FW::FW_FAMILY_V6, bytes);
+}
+
+std::string spelledInterval(const Interval& interval, FW_FAMILY family) {
+    return spelled(
+        AddressRange{addressOf(interval.first, family), addressOf(interval.last, family)});
+}
+
+/// Whether an interval is one network or one address, which is one word for people.
+bool isNetwork(const Interval& interval) {
+    const Number size = interval.last - interval.first;  // less one
+    return (size & (size + 1)) == 0 && (interval.first & size) == 0;
+}
+
+/// The smallest network around an interval.
+Interval networkAround(const Interval& interval) {
+    Number mask = interval.first ^ interval.last;
+    for (unsigned shift = 1; shift < 128; shift *= 2) {
+        mask |= mask >> shift;
+    }
+    return {interval.first & ~mask, interval.last | mask};
+}
+
+bool encloses(const Interval& outer, const Interval& inner) {
+    return outer.first <= inner.first && inner.last <= outer.last;
+}
+
+/// What people pay for reading a text.
+using Cost = std::size_t;
+constexpr Cost kNetworkCost = 2;
+constexpr Cost kRangeCost = 5;
+constexpr Cost kNameCost = 1;
+constexpr Cost kExceptCost = 1;
+constexpr Cost kEverybodyCost = 1;
+
+/// Addresses in words: "10.0.0.0/8 except 10.3.0.0/16".
+struct Phrase {
+    std::string text;  ///< empty: everybody
+    Texts except;
+    bool isCountry = false;
+};
+
+struct Description {
+    std::vector<Phrase> phrases;
+    Cost cost = 0;
+
+    void add(Phrase phrase, Cost more) {
+        phrases.push_back(std::move(phrase));
+        cost += more;
+    }
+
+    bool isEverybody() const { return phrases.size() == 1 && phrases.front().text.empty(); }
+};
+
+/// Finds a short text for addresses of one family.
+class AddressDescriber {
+public:
+    AddressDescriber(const AddressNames& names, FW_FAMILY family)
+        : names_(names), family_(family) {}
+
+    Description describe(const Intervals& addresses) const {
+        Description direct = listed(addresses, /*excepting=*/true);
+        const Intervals others = FW::without(everyNumber(), addresses);
+        if (addresses.empty() || direct.cost <= kEverybodyCost) {
+            return direct;
+        }
+        const Description except = listed(others, /*excepting=*/false);
+        const Cost cost = kEverybodyCost + (others.empty() ? 0 : kExceptCost + except.cost);
+        if (cost >= direct.cost) {
+            return direct;
+        }
+        Description everybody;
+        everybody.add({"", textsOf(except), false}, cost);
+        return everybody;
+    }
+
+private:
+    // Longer lists are named entry by entry.
+    static constexpr std::size_t kLongestRun = 24;
+    static constexpr std::size_t kMostIntervals = 512;
+
+    static Texts textsOf(const Description& description) {
+        Texts texts;
+        for (const Phrase& phrase : description.phrases) {
+            texts.push_back((phrase.isCountry ? "country " : "") + phrase.text);
+        }
+        return texts;
+    }
+
+    /// Names what is a list or a country, and then the rest.
+    Description listed(const Intervals& addresses, bool excepting) const {
+        Description description;
+        Intervals rest = addresses;
+        for (const NamedAddresses& list : names_.lists) {
+            if (rest.size() > 1 && FW::includes(rest, list.addresses)) {
+                description.add({list.name, {}, false}, kNameCost);
+                rest = FW::without(rest, list.addresses);
+            }
+        }
+        std::string codes;
+        for (const NamedAddresses& country : names_.countries) {
+            if (rest.empty() || !FW::includes(rest, country.addresses)) {
+                addCut(country, excepting, rest, description);
+                continue;
+            }
+            codes += (codes.empty() ? "" : ",") + country.name;
+            rest = FW::without(rest, country.addresses);
+        }
+        if (!codes.empty()) {
+            description.add({codes, {}, true}, kNameCost);
+        }
+        appendIntervals(rest, excepting, description);
+        return description;
+    }
+
+    /// Names a country of which few addresses are missing.
+    void addCut(const NamedAddresses& country, bool excepting, Intervals& rest,
+                Description& description) const {
+        if (!excepting || rest.size() <= 1 || !FW::overlaps(rest, country.addresses)) {
+            return;
+        }
+        const Intervals missing = FW::without(country.addresses, rest);
+        const Intervals left = FW::without(rest, country.addresses);
+        if (missing.size() + left.size() >= rest.size()) {
+            return;
+        }
+        Description except = listed(missing, false);
+        description.add({country.name, textsOf(except), true},
+                        kNameCost + kExceptCost + except.cost);
+        rest = left;
+    }
+
+    Cost costOf(const Interval& interval) const {
+        return isKnown(interval) || isNetwork(interval) ? kNetworkCost : kRangeCost;
+    }
+
+    Cost costOf(const Intervals& intervals) const {
+        Cost cost = 0;
+        for (const Interval& interval : intervals) {
+            cost += costOf(interval);
+        }
+        return cost;
+    }
+
+    bool isKnown(const Interval& interval) const {
+        return std::find(names_.networks.begin(), names_.networks.end(), interval) !=
+               names_.networks.end();
+    }
+
+    /// One entry of the text: a base without some intervals.
+    struct Entry {
+        std::size_t end = 0;  ///< one past the last of the intervals that it is for
+        Interval base{};
+        Intervals except;
+        Cost cost = 0;
+    };
+
+    Entry single(const Intervals& intervals, std::size_t index) const {
+        return {index + 1, intervals[index], {}, costOf(intervals[index])};
+    }
+
+    /// The intervals from `first` on as a base without something; nothing when the base would need
+    /// too much of it.
+    std::optional<Entry> cut(const Intervals& intervals, std::size_t first,
+                             const Interval& base) const {
+        if (!encloses(base, intervals[first]) ||
+            (first > 0 && base.first <= intervals[first - 1].last)) {
+            return std::nullopt;
+        }
+        std::size_t end = first;
+        while (end < intervals.size() && intervals[end].first <= base.last) {
+            if (++end - first > kLongestRun) {
+                return std::nullopt;
+            }
+        }
+        if (intervals[end - 1].last > base.last) {
+            return std::nullopt;
+        }
+        const Intervals inside(intervals.begin() + static_cast<std::ptrdiff_t>(first),
+                               intervals.begin() + static_cast<std::ptrdiff_t>(end));
+        Intervals except = FW::without({base}, inside);
+        if (except.empty()) {
+            return std::nullopt;
+        }
+        const Cost own = isKnown(base) ? kNameCost : costOf(base);
+        const Cost cost = own + kExceptCost + costOf(except);
+        return Entry{end, base, std::move(except), cost};
+    }
+
+    /// Appends the cheapest entries for the intervals.
+    void appendIntervals(const Intervals& intervals, bool excepting,
+                         Description& description) const {
+        std::vector<Entry> best(intervals.size());
+        std::vector<Cost> costs(intervals.size() + 1, 0);  // of the intervals from this one on
+        const bool cutting = excepting && intervals.size() <= kMostIntervals;
+        for (std::size_t i = intervals.size(); i-- > 0;) {
+            best[i] = single(intervals, i);
+            const auto consider = [&](const Interval& base) {
+                const auto entry = cut(intervals, i, base);
+                if (entry && entry->cost + costs[entry->end] < best[i].cost + costs[best[i].end]) {
+                    best[i] = *entry;
+                }
+            };
+            if (cutting) {
+                for (const Interval& network : names_.networks) {
+                    if (encloses(network, intervals[i])) {
+                        consider(network);
+                    }
+                }
+                const std::size_t end = std::min(intervals.size(), i + kLongestRun);
+                for (std::size_t last = i; last < end; ++last) {
+                    consider(networkAround({intervals[i].first, intervals[last].last}));
+                }
+            }
+            costs[i] = best[i].cost + costs[best[i].end];
+        }
+        for (std::size_t i = 0; i < intervals.size(); i = best[i].end) {
+            Phrase phrase{spelledInterval(best[i].base, family_), {}, false};
+            for (const Interval& except : best[i].except) {
+                phrase.except.push_back(spelledInterval(except, family_));
+            }
+            description.add(std::move(phrase), best[i].cost);
+        }
+    }
+
+    const AddressNames& names_;
+    FW_FAMILY family_;
+};
+
+std::string familyName(FW_FAMILY family) {
+    return family == FW::FW_FAMILY_V6 ? "IPv6" : "IPv4";
+}
+
+std::string textOf(const Phrase& phrase, const std::string& everybody, bool alone,
+                   std::size_t most) {
+    const std::string text =
+        phrase.text.empty() ? everybody : (phrase.isCountry ? "country " : "") + phrase.text;
+    if (phrase.except.empty()) {
+        return text;
+    }
+    const std::string except = "except " + enumerated(shortened(phrase.except, most));
+    return alone ? text + " " + except : text + " (" + except + ")";
+}
+
+std::string textOf(const Description& description, const std::string& everybody, std::size_t most) {
+    const bool alone = description.phrases.size() == 1;
+    Texts texts;
+    for (const Phrase& phrase : description.phrases) {
+        texts.push_back(textOf(phrase, everybody, alone, most));
+    }
+    texts = shortened(std::move(texts), most);
+    return joined(texts, ", ");
+}
+
+/// Whether the text does not show of which family it is.
+bool isWithoutFamily(const Description& description) {
+    return std::any_of(
+        description.phrases.begin(), description.phrases.end(),
+        [](const Phrase& phrase) { return phrase.text.empty() || phrase.isCountry; });
+}
+
+}  // namespace
+
+Intervals numbersOf(const FW::FWADDRESSES& addresses) {
+    Intervals numbers;
+    numbers.reserve(addresses.size());
+    for (const FW::FWADDRESSINTERVAL& one : addresses) {
+        numbers.push_back({numberOf(one.first), numberOf(one.last)});
+    }
+    return numbers;
+}
+
+Intervals numbersOf(const std::shared_ptr<const FW::FWADDRESSES>& addresses) {
+    return addresses == nullptr ? everyNumber() : numbersOf(*addresses);
+}
+
+bool isEveryAddress(const Intervals& addresses) {
+    return addresses == everyNumber();
+}
+
+std::string addressesText(const std::array<Intervals, 2>& addresses,
+                          const std::array<AddressNames, 2>& names, const std::string& everybody,
+                          const std::string& nobody, std::size_t most) {
+    std::array<Description, 2> descriptions;
+    for (const FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
+        descriptions[family] = AddressDescriber(names[family], family).describe(addresses[family]);
+    }
+    const auto& [v4, v6] = descriptions;
+    if (addresses[0].empty() && addresses[1].empty()) {
+        return nobody;
+    }
+    if (v4.isEverybody() && v6.isEverybody()) {
+        Description both = v4;
+        Texts& except = both.phrases.front().except;
+        for (const std::string& text : v6.phrases.front().except) {
+            if (std::find(except.begin(), except.end(), text) == except.end()) {
+                except.push_back(text);
+            }
+        }
+        return textOf(both, everybody, most);
+    }
+    std::array<std::string, 2> texts;
+    for (const FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
+        texts[family] = textOf(descriptions[family], everybody, most);
+    }
+    if (texts[0] == texts[1]) {
+        return texts[0];
+    }
+    for (const FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
+        if (!texts[family].empty() && isWithoutFamily(descriptions[family])) {
+            texts[family] += " (" + familyName(family) + ")";
+        }
+    }
+    if (texts[0].empty() || texts[1].empty()) {
+        return texts[0] + texts[1];
+    }
+    const bool plain = !isWithoutFamily(v4) && !isWithoutFamily(v6);
+    return texts[0] + (plain ? ", " : " and ") + texts[1];
+}
+
+}  // namespace tarnfw

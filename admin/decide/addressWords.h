@@ -1,0 +1,44 @@
+/// Addresses in words.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tarnfirewall/fwMeaning.h"
+
+#include "meaning/intervals.h"
+
+namespace tarnfw {
+
+/// Addresses of one family as numbers, those of IPv4 in the upper 32 bits.
+FW::Intervals numbersOf(const FW::FWADDRESSES& addresses);
+
+/// The same; null is any address.
+FW::Intervals numbersOf(const std::shared_ptr<const FW::FWADDRESSES>& addresses);
+
+/// Whether these are all addresses of a family.
+bool isEveryAddress(const FW::Intervals& addresses);
+
+/// Addresses that profiles have a name for, of one family.
+struct NamedAddresses {
+    std::string name;  ///< of a country its code
+    FW::Intervals addresses;
+};
+
+struct AddressNames {
+    std::vector<NamedAddresses> countries;  ///< the largest first
+    std::vector<NamedAddresses> lists;      ///< of other rules with more than one interval
+    FW::Intervals networks;                 ///< of rules with one interval, by their beginnings
+};
+
+/// The addresses of both families: "10.0.0.0/8 except 10.3.0.0/16", "country CN (IPv4)"; or
+/// `everybody` or `nobody`. Of a list at most about `most` entries are named. `names` are by
+/// family.
+std::string addressesText(const std::array<FW::Intervals, 2>& addresses,
+                          const std::array<AddressNames, 2>& names, const std::string& everybody,
+                          const std::string& nobody, std::size_t most);
+
+}  // namespace tarnfw

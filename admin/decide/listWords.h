@@ -1,0 +1,40 @@
+/// Lists in words.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace tarnfw {
+
+using Texts = std::vector<std::string>;
+
+/// "a, b and c".
+inline std::string enumerated(const Texts& texts) {
+    std::string line;
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        line += i == 0 ? "" : i + 1 == texts.size() ? " and " : ", ";
+        line += texts[i];
+    }
+    return line;
+}
+
+inline std::string joined(const Texts& texts, const char* between) {
+    std::string line;
+    for (const std::string& text : texts) {
+        line += (line.empty() ? "" : between) + text;
+    }
+    return line;
+}
+
+/// The first entries of a long list, and the number of the others.
+inline Texts shortened(Texts texts, std::size_t most) {
+    if (texts.size() > most + 1) {
+        const std::size_t others = texts.size() - most;
+        texts.resize(most);
+        texts.push_back(std::to_string(others) + " more");
+    }
+    return texts;
+}
+
+}  // namespace tarnfw

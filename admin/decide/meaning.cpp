@@ -1,0 +1,133 @@
+#include "tarnfwadmin/meaning.h"
+
+#include <algorithm>
+#include <iterator>
+#include <set>
+#include <utility>
+
+#include "tarnfwadmin/catalogue.h"
+#include "tarnfwadmin/error.h"
+#include "tarnfwadmin/machine.h"
+
+namespace tarnfw {
+namespace {
+
+/// A profile with the rules and default policies of all.
+FW::FWPROFILE together(const std::vector<FW::FWPROFILE>& profiles) {
+    FW::FWPROFILE all;
+    for (const FW::FWPROFILE& profile : profiles) {
+        for (const auto& [adapter, rules] : profile.rules) {
+            std::vector<FW::FWRULE>& list = all.rules[adapter];
+            list.insert(list.end(), rules.begin(), rules.end());
+        }
+        all.adapterPolicyMap.insert(profile.adapterPolicyMap.begin(),
+                                    profile.adapterPolicyMap.end());
+    }
+    return all;
+}
+
+FW::ServPort portsByProtocol(const Service& service) {
+    FW::ServPort ports;
+    const auto add = [](const ServiceSide& side, auto& byProtocol) {
+        if (!side.ports.empty()) {
+            byProtocol[static_cast<FW::FW_PORT_PROTOCOL>(side.protocol)] = side.ports;
+        }
+    };
+    add(service.source, ports.srcPorts);
+    add(service.destination, ports.dstPorts);
+    return ports;
+}
+
+bool isOfProfile(const FW::FWRESOLVEDRULE& rule) {
+    return rule.place.origin == FW::FW_ORIGIN_RULE || rule.place.origin == FW::FW_ORIGIN_DEFAULT;
+}
+
+}  // namespace
+
+FW::FWENVIRONMENT environmentOf(const std::vector<FW::FWPROFILE>& profiles, Machine& machine,
+                                FW::FW_ADAPTERS adapters,
+                                const std::vector<std::string>& services) {
+    FW::FWPROFILE all = together(profiles);
+    // The services come from the machine, whose catalogue has been read.
+    std::set<std::string> names(services.begin(), services.end());
+    for (auto& [adapter, rules] : all.rules) {
+        for (FW::FWRULE& rule : rules) {
+            if (FW::fwRuleNamesServices(rule)) {
+                names.insert(rule.portList.begin(), rule.portList.end());
+                rule.portList.clear();
+            }
+        }
+    }
+    FW::FWENVIRONMENT environment;
+    if (!FW::fwEnvironmentGet(all, adapters, {}, environment)) {
+        throw Error(ErrorKind::kSystem, "the interfaces of the machine cannot be listed");
+    }
+    for (const std::string& name : names) {
+        const std::optional<Service> service = machine.requireCatalogue().find(name);
+        if (service && service->usable()) {
+            environment.services[name] = portsByProtocol(*service);
+        }
+    }
+    return environment;
+}
+
+FW::FWENVIRONMENT environmentOf(const std::vector<FW::FWPROFILE>& profiles,
+                                FW::FW_ADAPTERS adapters,
+                                const std::vector<std::string>& services) {
+    Machine machine;
+    return environmentOf(profiles, machine, adapters, services);
+}
+
+Meaning::Meaning(const FW::FWPROFILE& profile, Machine& machine)
+    : Meaning(profile, environmentOf({profile}, machine)) {}
+
+Meaning::Meaning(const FW::FWPROFILE& profile) : Meaning(profile, environmentOf({profile})) {}
+
+Meaning::Meaning(FW::FWPROFILE profile, FW::FWENVIRONMENT environment)
+    : state_(std::make_shared<State>()) {
+    state_->profile = std::move(profile);
+    state_->environment = std::move(environment);
+    state_->resolved = FW::fwResolve(state_->profile, state_->environment);
+}
+
+const FW::FW_MEANING& Meaning::answers() const {
+    if (!state_->answers) {
+        state_->answers.emplace(state_->resolved.rules);
+    }
+    return *state_->answers;
+}
+
+std::vector<FW::FWRESOLVEDRULE> Meaning::ownRules() const {
+    std::vector<FW::FWRESOLVEDRULE> own;
+    std::copy_if(rules().begin(), rules().end(), std::back_inserter(own), isOfProfile);
+    return own;
+}
+
+std::optional<RulePlace> rulePlaceOf(const FW::FWPLACE& place) {
+    switch (place.origin) {
+        case FW::FW_ORIGIN_RULE:
+            return RulePlace{place.adapter, static_cast<std::size_t>(place.position)};
+        case FW::FW_ORIGIN_DEFAULT:
+            return RulePlace{place.adapter, 0};
+        default:
+            return std::nullopt;
+    }
+}
+
+std::string placeText(const FW::FWPLACE& place) {
+    switch (place.origin) {
+        case FW::FW_ORIGIN_LOOPBACK:
+            return "the acceptance of the machine's own packets";
+        case FW::FW_ORIGIN_NEIGHBOURS:
+            return "the acceptance of neighbour discovery";
+        case FW::FW_ORIGIN_ESTABLISHED:
+            return "the acceptance of established connections";
+        case FW::FW_ORIGIN_RULE:
+        case FW::FW_ORIGIN_DEFAULT:
+            return placeText(*rulePlaceOf(place));
+        default:
+            return "no rule";
+    }
+}
+
+}  // namespace tarnfw
