@@ -11,9 +11,9 @@ SETTING_UP = ("base up", "base down", "boot")
 
 # Commands that write nothing. A command that is in neither list fails the test.
 READING = (
-    "status", "profile list", "profile show", "adapters", "services", "blocked", "explain", "open",
-    "preview", "check", "diff", "history", "geoip list", "geoip show", "geoip check", "modules status",
-    "base status", "help",
+    "status", "profile list", "profile show", "profile diff", "adapters", "services", "blocked",
+    "explain", "open", "preview", "check", "diff", "history", "geoip list", "geoip show",
+    "geoip check", "modules status", "base status", "help",
 )
 
 OTHER = "/usr/tarn/etc/other.json"

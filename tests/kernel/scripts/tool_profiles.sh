@@ -218,6 +218,52 @@ prints_json </tmp/wanted.json
 refused 5 '^tarnfw: there is no profile "nowhere" (profiles: default, lab, two words)$' \
     profile show nowhere
 
+# --- diff ------------------------------------------------------------------------------------------
+
+answers 0 profile create near --empty
+answers 0 policy eth0 deny --profile near
+answers 0 rule add --profile near --adapter eth0 'deny tcp 445 from 10.3.0.0/16'
+answers 0 profile copy near wide
+answers 0 profile diff near wide
+silent
+prints <<<'Profile "near" and profile "wide" mean the same'
+answers 0 rule add --profile wide --adapter eth0 'allow tcp 445 from 10.0.0.0/8'
+answers 10 profile diff near wide
+silent
+prints <<'END'
+From profile "near" to profile "wide"
+opens tcp 445 on eth0, for 10.0.0.0/8 except 10.3.0.0/16 (rule 2 of eth0)
+END
+answers 10 profile diff wide near
+prints <<'END'
+From profile "wide" to profile "near"
+closes tcp 445 on eth0, for 10.0.0.0/8 except 10.3.0.0/16 (before: rule 2 of eth0)
+END
+answers 10 profile diff near wide --all
+prints <<'END'
+From profile "near" to profile "wide"
+opened: the default policy of eth0 before, rule 2 of eth0 now
+  tcp 445 on eth0 from 10.0.0.0/8 except 10.3.0.0/16
+    for example tcp from 10.0.0.0 port 50000 to 192.0.2.2 port 445 on eth0
+END
+answers 10 profile diff near wide --json
+step 'the packets' [ "$(jq -c '.changes[] | [.change, .after, .packets[0].sources, .witnesses[0].source]' \
+    "$out/answer")" = \
+    '["opened",{"adapter":"eth0","by":"rule","position":2},["10.0.0.0-10.2.255.255","10.4.0.0-10.255.255.255"],"10.0.0.0"]' ]
+# Rules in another order that mean the same; a file; the active profile.
+answers 0 rule add --profile near --adapter eth0 'allow tcp 445 from 10.128.0.0/9'
+answers 0 rule add --profile near --adapter eth0 'allow tcp 445 from 10.0.0.0/9'
+answers 0 profile show near --json
+cp -- "$out/answer" /tmp/near.json
+answers 0 profile diff /tmp/near.json wide
+answers 10 profile diff wide
+step 'the active one is on the other side' grep --quiet '^From profile "default" to profile "wide"$' "$out/answer"
+answers 0 profile diff default
+refused 5 '^tarnfw: there is no profile "nowhere" ' profile diff nowhere
+refused 3 '^tarnfw: /tmp/broken.json is invalid: it was not compared$' profile diff /tmp/broken.json
+answers 0 profile delete near
+answers 0 profile delete wide
+
 # --- copy, rename ----------------------------------------------------------------------------------
 
 answers 0 profile copy 'two words' copied

@@ -40,6 +40,8 @@ constexpr KindRow kKinds[] = {
     {"profile", "--from", Kind::kProfileOrFile},
     {"profile", "NAME", Kind::kProfile},
     {"profile", "OLD", Kind::kProfile},
+    {"profile diff", "A", Kind::kProfileOrFile},
+    {"profile diff", "B", Kind::kProfileOrFile},
     {"service", "NAME", Kind::kService},
     {"services", "PATTERN", Kind::kService},
     {"adapter", "OLD", Kind::kAdapter},

@@ -51,6 +51,7 @@ and its rules are in force while the firewall is enabled.
 
   tarnfw profile list           the active one has a star
   tarnfw profile show home      its rules, with their positions
+  tarnfw profile diff travel    what another one opens and closes
   tarnfw profile create work    a new one, like the first one
   tarnfw profile copy home work
   tarnfw profile use work       make it the active one

@@ -23,6 +23,7 @@
 #include "cli/report.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
+#include "commands/profileDiff.h"
 #include "commands/sshGuard.h"
 #include "process/editor.h"
 #include "process/signalsWait.h"
@@ -665,6 +666,7 @@ void addProfileCommands(Command& app) {
     Command& profile = app.subcommand("profile", "The profiles on disk");
     addList(profile);
     addShow(profile);
+    addProfileDiff(profile);
     addCreate(profile);
     addForTwoNames(profile, "copy", "Create a profile with the rules of another", copy);
     addForTwoNames(profile, "rename", "Rename a profile", rename);

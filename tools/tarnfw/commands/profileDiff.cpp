@@ -1,0 +1,243 @@
+#include "commands/profileDiff.h"
+
+#include <cstddef>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <json/json.h>
+
+#include "cli/command.h"
+#include "cli/output.h"
+#include "commands/applying.h"
+#include "commands/packetJson.h"
+#include "tarnfwadmin/documentFile.h"
+#include "tarnfwadmin/meaningChange.h"
+#include "tarnfwadmin/packetWords.h"
+#include "tarnfwadmin/profileDocument.h"
+
+namespace tarnfw {
+namespace {
+
+struct DiffOptions {
+    std::string first;
+    std::string second;
+    bool all = false;
+    bool json = false;
+};
+
+/// One side of the comparison.
+struct Side {
+    std::string name;   ///< of a file its path
+    std::string title;  ///< "profile "home"", "./home.json"
+    FW::FWPROFILE profile;
+};
+
+/// The profile of a file's text, which has to be valid.
+FW::FWPROFILE profileIn(const std::string& text, const std::string& title, Machine& machine) {
+    ProfileDocument document(text);
+    document.becomeNew("new");
+    if (!document.check(machine)) {
+        warn(title, document.findings());
+        throw Error(ErrorKind::kInvalid, title + " is invalid: it was not compared",
+                    placeOfFirstError(title, document.findings()));
+    }
+    return document.profile();
+}
+
+/// `what` is a file or a stored profile; empty for the active one.
+Side sideOf(const std::string& what, Context& context) {
+    const StoreSnapshot& store = context.store();
+    if (what == kStandardInput || (!what.empty() && !store.hasProfile(what) && namesAFile(what))) {
+        const std::string title =
+            what == kStandardInput ? std::string("standard input") : printable(what);
+        return {what, title, profileIn(readText(what), title, context.machine())};
+    }
+    const std::string name = what.empty() ? store.activeProfile() : what;
+    store.requireProfile(name);
+    return {name, "profile " + inQuotes(name), store.profile(name)};
+}
+
+const char* nameOf(FW::FW_CHANGE change) {
+    switch (change) {
+        case FW::FW_CHANGE_OPENED:
+            return "opened";
+        case FW::FW_CHANGE_CLOSED:
+            return "closed";
+        default:
+            return "logging";
+    }
+}
+
+/// Two profiles, and what is different between them.
+class Comparison {
+public:
+    Comparison(Side before, Side after, Machine& machine)
+        : sides_{std::move(before), std::move(after)},
+          environment_(environmentOf({sides_[0].profile, sides_[1].profile}, machine)),
+          before_(sides_[0].profile, environment_),
+          after_(sides_[1].profile, environment_),
+          difference_(before_, after_) {}
+
+    bool same() const { return difference_.same(); }
+
+    void printText(bool all) const {
+        if (same()) {
+            std::cout << upper(sides_[0].title) << " and " << sides_[1].title << " mean the same\n";
+            return;
+        }
+        std::cout << painted("From " + sides_[0].title + " to " + sides_[1].title, Paint::kStrong)
+                  << '\n';
+        if (all) {
+            printExact();
+        } else {
+            for (const std::string& text : difference_.texts()) {
+                std::cout << printable(text) << '\n';
+            }
+        }
+        if (difference_.tooComplex()) {
+            std::cout << painted("Too complex to compare whole: there may be more changes",
+                                 Paint::kDoubtful)
+                      << '\n';
+        }
+    }
+
+    Json::Value document() const {
+        Json::Value document;
+        document["before"] = sides_[0].name;
+        document["after"] = sides_[1].name;
+        document["same"] = same();
+        document["tooComplex"] = difference_.tooComplex();
+        document["texts"] = Json::Value(Json::arrayValue);
+        for (const std::string& text : difference_.texts()) {
+            document["texts"].append(text);
+        }
+        document["changes"] = Json::Value(Json::arrayValue);
+        for (const FW::FWCHANGE& change : difference_.exact().changes) {
+            const FW::FWRESOLVEDRULE old = before_.answers().rule(change.before);
+            const FW::FWRESOLVEDRULE now = after_.answers().rule(change.after);
+            Json::Value entry;
+            entry["change"] = nameOf(change.change);
+            entry["before"] = placeJson(old.place);
+            entry["after"] = placeJson(now.place);
+            entry["loggedBefore"] = old.log;
+            entry["loggedAfter"] = now.log;
+            entry["packets"] = Json::Value(Json::arrayValue);
+            for (const FW::FWPACKETSET& packets : change.packets) {
+                entry["packets"].append(packetsJson(packets));
+            }
+            entry["witnesses"] = Json::Value(Json::arrayValue);
+            for (const FW::FWPACKET& witness : change.witnesses) {
+                entry["witnesses"].append(packetJson(witness));
+            }
+            document["changes"].append(entry);
+        }
+        return document;
+    }
+
+private:
+    static std::string upper(std::string text) {
+        return text.rfind("profile", 0) == 0 ? "P" + text.substr(1) : text;
+    }
+
+    /// Each set of packets, with the rules that decide about it and one of its packets.
+    void printExact() const {
+        const PacketWords words({before_, after_}, std::numeric_limits<std::size_t>::max() - 1);
+        for (const FW::FWCHANGE& change : difference_.exact().changes) {
+            const FW::FWRESOLVEDRULE now = after_.answers().rule(change.after);
+            std::string what = nameOf(change.change);
+            if (change.change == FW::FW_CHANGE_LOGGING) {
+                what = now.log ? "logged" : "no longer logged";
+            }
+            const std::string deciders = placeText(before_.answers().rule(change.before).place) +
+                                         " before, " + placeText(now.place) + " now";
+            std::cout << painted(what, Paint::kStrong) << printable(": " + deciders) << '\n';
+            for (std::size_t i = 0; i < change.packets.size(); ++i) {
+                for (const PacketGroup& group : packetGroups({change.packets[i]})) {
+                    std::cout << "  " << printable(words.text(group)) << '\n';
+                }
+                std::cout << "    for example " << printable(exampleText(change.witnesses.at(i)))
+                          << '\n';
+            }
+        }
+    }
+
+    /// "protocol 6 from 10.0.0.0 port 0 to 0.0.0.0 port 445 on eth0".
+    static std::string exampleText(const FW::FWPACKET& packet) {
+        const FW::FW_FAMILY family = packet.family.value_or(FW::FW_FAMILY_V4);
+        const auto end = [family](const char* word, const std::optional<FW::FWADDRESS>& address,
+                                  const std::optional<std::uint16_t>& port) {
+            return std::string(word) +
+                   FW::fwAddressText(address.value_or(FW::FWADDRESS{}), family) +
+                   (port ? " port " + std::to_string(*port) : "");
+        };
+        const std::uint8_t protocol = packet.protocol.value_or(0);
+        std::string text = (protocol == 6    ? "tcp"
+                            : protocol == 17 ? "udp"
+                                             : "protocol " + std::to_string(protocol)) +
+                           (packet.icmpType ? " type " + std::to_string(*packet.icmpType) : "") +
+                           end(" from ", packet.source, packet.sourcePort) +
+                           end(" to ", packet.destination, packet.destinationPort) + " on " +
+                           packet.in.value_or("");
+        if (packet.chain == FW::FW_CHAIN_FORWARD) {
+            text += ", forwarded out through " + packet.out.value_or("");
+        }
+        return text;
+    }
+
+    Side sides_[2];
+    FW::FWENVIRONMENT environment_;
+    Meaning before_;
+    Meaning after_;
+    MeaningDifference difference_;
+};
+
+void diff(const DiffOptions& options) {
+    Context context(StoreSession::Access::kRead);
+    const bool hasBoth = !options.second.empty();
+    Side before = sideOf(hasBoth ? options.first : "", context);
+    Side after = sideOf(hasBoth ? options.second : options.first, context);
+    const Comparison comparison(std::move(before), std::move(after), context.machine());
+    if (options.json) {
+        printJson(comparison.document());
+    } else {
+        comparison.printText(options.all);
+    }
+    if (!comparison.same()) {
+        endWith(kExitBlocked);
+    }
+}
+
+}  // namespace
+
+void addProfileDiff(Command& group) {
+    Command& command = group.subcommand(
+        "diff",
+        "Show what one profile lets through and another does not: what it opens, closes and logs. "
+        "Exit status 0 when both mean the same, else 10");
+    const auto options = std::make_shared<DiffOptions>();
+    command
+        .option("A", options->first,
+                "A profile: a file (a path, or a name ending in .json; - for standard input) or a "
+                "stored one. Alone it is compared with the active profile, as what would change")
+        .placeholder("")
+        .required();
+    command.option("B", options->second, "The other profile: what would change from A to B")
+        .placeholder("");
+    command.flag("--all", options->all,
+                 "Each set of packets, with the rules that decide about it and one of its packets");
+    addJsonFlag(command, options->json);
+    command.footer(
+        "Compares what the rules mean, not how they are written: rules in another order, or others "
+        "with the same effect, are no difference. Packets that every profile accepts, such as "
+        "those of established connections, are left out. \"tarnfw diff\" compares the kernel with "
+        "the active profile.\n"
+        "Example: tarnfw profile diff home travel");
+    command.run([options] { diff(*options); });
+}
+
+}  // namespace tarnfw
