@@ -79,10 +79,11 @@ std::size_t errorsInRules(const FW::FWPROFILE& profile, Machine& machine) {
 
 }  // namespace
 
-std::vector<Finding> checkProfile(const Json::Value& document, Machine& machine) {
+std::vector<Finding> checkProfile(const Json::Value& document, Machine& machine,
+                                  NeedlessRules needless) {
     std::vector<Finding> findings = checkSchema(document, kProfileSchema);
     append(findings, checkMeaning(document, machine));
-    append(findings, checkShadows(document, findings, machine));
+    append(findings, checkShadows(document, findings, needless, machine));
     return findings;
 }
 
@@ -102,7 +103,9 @@ std::vector<Finding> ruleFindings(const FW::FWPROFILE& profile,
                                   const std::vector<RulePlace>& places, Machine& machine) {
     std::vector<Finding> found = checkProfile(documentOf(profile), machine);
     const auto concerns = [](const Finding& finding, const RulePlace& place) {
-        return finding.rule == place || finding.shadowedBy == place ||
+        const std::vector<RulePlace>& shadows = finding.shadowedBy;
+        return finding.rule == place ||
+               std::find(shadows.begin(), shadows.end(), place) != shadows.end() ||
                (!finding.rule && finding.path == memberPath("rules", place.adapter));
     };
     found.erase(std::remove_if(found.begin(), found.end(),

@@ -1,6 +1,7 @@
 #include "check/shadowCheck.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <map>
 #include <optional>
 #include <set>
@@ -8,99 +9,165 @@
 #include <utility>
 
 #include "tarnfirewall/fwDB.h"
+#include "tarnfirewall/fwMeaning.h"
 
-#include "check/ruleMatcher.h"
-#include "machine/ruleMatch.h"
+#include "tarnfwadmin/meaning.h"
 
 namespace tarnfw {
 namespace {
 
-/// The record of one rule's document; nothing if it cannot be converted.
-std::optional<FW::FWRULE> recordOf(const Json::Value& rule) {
-    Json::Value document;
-    document[FW::FW_ADAPTER_GLOBAL].append(rule);
-    std::map<std::string, std::vector<FW::FWRULE>> rules;
+constexpr std::size_t kMostNamed = 4;  // covering rules
+
+/// The profile of a document with the rules that have no error; the others are switched off, so
+/// that each keeps its position.
+FW::FWPROFILE profileOf(const Json::Value& document, const std::set<RulePlace>& invalid) {
+    FW::FWPROFILE profile;
+    Json::Value policies = Json::objectValue;
+    policies["name"] = "";
+    policies["adapterPolicyMap"] = document["adapterPolicyMap"];
+    policies["rules"] = Json::Value();
     try {
-        FW::TARNFW_JSON_DB().jsonToRuleList(document, rules);
+        FW::TARNFW_JSON_DB().jsonToProfile(policies, profile);
     } catch (const Json::Exception&) {
-        return std::nullopt;
+        profile.adapterPolicyMap.clear();
     }
-    return rules[FW::FW_ADAPTER_GLOBAL].front();
+    FW::FWRULE off;
+    off.enable = false;
+    for (const std::string& adapter : document["rules"].getMemberNames()) {
+        const Json::Value& list = document["rules"][adapter];
+        for (Json::ArrayIndex i = 0; list.isArray() && i < list.size(); ++i) {
+            std::map<std::string, std::vector<FW::FWRULE>> one;
+            Json::Value alone;
+            alone[adapter].append(list[i]);
+            try {
+                if (invalid.count({adapter, i + std::size_t(1)}) == 0) {
+                    FW::TARNFW_JSON_DB().jsonToRuleList(alone, one);
+                }
+            } catch (const Json::Exception&) {
+                one.clear();
+            }
+            profile.rules[adapter].push_back(one[adapter].empty() ? off : one[adapter].front());
+        }
+    }
+    return profile;
+}
+
+/// "rule 1 of eth0", "rule 1 of eth0, rule 3 of eth0 and the default policy of eth0".
+std::string namesOf(const std::vector<FW::FWPLACE>& places) {
+    std::string text;
+    const std::size_t named = places.size() > kMostNamed + 1 ? kMostNamed : places.size();
+    for (std::size_t i = 0; i < named; ++i) {
+        text += i == 0 ? "" : i + 1 == places.size() ? " and " : ", ";
+        text += placeText(places[i]);
+    }
+    const std::size_t others = places.size() - named;
+    return others == 0 ? text : text + " and " + std::to_string(others) + " others";
+}
+
+std::string textOf(const FW::FWSHADOW& shadow) {
+    const std::string names = namesOf(shadow.by);
+    const bool several = shadow.by.size() > 1;
+    if (shadow.neverDecides) {
+        return "never takes effect: shadowed by " + names + (several ? " together" : "");
+    }
+    return "has no effect: " + names + (several ? " do the same" : " does the same");
 }
 
 class ShadowCheck {
 public:
-    ShadowCheck(const std::vector<Finding>& findings, Machine& machine) : machine_(machine) {
+    ShadowCheck(const std::vector<Finding>& findings, NeedlessRules needless, Machine& machine)
+        : machine_(machine), isComplete_(needless == NeedlessRules::kFound) {
         for (const Finding& finding : findings) {
-            if (finding.isError && finding.rule) {
-                invalid_.insert(*finding.rule);
+            isComplete_ = isComplete_ && !finding.isError;
+            if (finding.rule) {
+                known_.insert(*finding.rule);
+                if (finding.isError) {
+                    invalid_.insert(*finding.rule);
+                }
             }
         }
     }
 
-    /// The rules of a list that yield lines.
-    std::vector<RuleMatcher> matchersOf(const Json::Value& list, const std::string& adapter) {
-        std::vector<RuleMatcher> matchers;
-        for (Json::ArrayIndex i = 0; list.isArray() && i < list.size(); ++i) {
-            const RulePlace place{adapter, i + 1};
-            const auto rule = invalid_.count(place) > 0 ? std::nullopt : recordOf(list[i]);
-            if (!rule) {
-                continue;
+    std::vector<Finding> check(const Json::Value& document) {
+        const FW::FWPROFILE profile = profileOf(document, invalid_);
+        const Meaning meaning(profile, machine_);
+        for (const FW::FWFINDING& finding : meaning.findings()) {
+            if (const auto place = rulePlaceOf(finding.place)) {
+                leftOut_.insert(*place);
             }
-            if (std::optional<RuleMatcher> matcher = matcherOf(*rule, place, machine_)) {
-                matchers.push_back(std::move(*matcher));
+            add(finding);
+        }
+        const FW::FWSHADOWS shadows = meaning.answers().shadows();
+        for (FW::FWSHADOW shadow : shadows.shadows) {
+            leaveOutFixed(shadow.by);
+            const auto place = rulePlaceOf(shadow.place);
+            if (place && leftOut_.count(*place) == 0 && isReported(shadow, *place, profile)) {
+                Finding& found = found_.emplace_back();
+                found.text = textOf(shadow);
+                found.isError = false;
+                found.rule = place;
+                for (const FW::FWPLACE& by : shadow.by) {
+                    if (const auto rule = rulePlaceOf(by); rule && shadow.neverDecides) {
+                        found.shadowedBy.push_back(*rule);
+                    }
+                }
             }
         }
-        return matchers;
-    }
-
-    /// Adds a warning for each rule of `list` that is shadowed by a rule of `before` or by an
-    /// earlier rule of `list`.
-    void check(const std::vector<RuleMatcher>& before, const std::vector<RuleMatcher>& list) {
-        for (auto later = list.begin(); later != list.end(); ++later) {
-            const auto shadowsLater = [&later](const RuleMatcher& first) {
-                return shadows(first, *later);
-            };
-            const RuleMatcher* found = nullptr;
-            const auto global = std::find_if(before.begin(), before.end(), shadowsLater);
-            if (global != before.end()) {
-                found = &*global;
-            } else {
-                const auto own = std::find_if(list.begin(), later, shadowsLater);
-                found = own != later ? &*own : nullptr;
-            }
-            if (found != nullptr) {
-                findings_.shadowed(later->place, found->place);
-            }
+        for (const FW::FWFINDING& finding : shadows.findings) {
+            add(finding);
         }
+        return std::move(found_);
     }
-
-    std::vector<Finding> take() { return findings_.take(); }
 
 private:
+    /// Nobody asks why packets of the machine to itself are not decided about, and that "lo" is
+    /// never filtered is another finding.
+    static void leaveOutFixed(std::vector<FW::FWPLACE>& places) {
+        places.erase(std::remove_if(
+                         places.begin(), places.end(),
+                         [](const FW::FWPLACE& place) { return !rulePlaceOf(place).has_value(); }),
+                     places.end());
+    }
+
+    /// A finding about a rule of which nothing is known yet.
+    void add(const FW::FWFINDING& finding) {
+        const auto place = rulePlaceOf(finding.place);
+        if (!place || known_.count(*place) == 0) {
+            found_.push_back({"is not compared with other rules: " + finding.text,
+                              /*isError=*/false, place});
+        }
+    }
+
+    /// Rules that the library maintains are there to stay, and without those that are invalid it is
+    /// not certain what others do. Where no rule decides afterwards, there is none to name: what a
+    /// profile leaves open is another finding.
+    bool isReported(const FW::FWSHADOW& shadow, const RulePlace& place,
+                    const FW::FWPROFILE& profile) const {
+        const FW::FWRULE& rule = profile.rules.at(place.adapter).at(place.position - 1);
+        return !shadow.by.empty() &&
+               (shadow.neverDecides || (isComplete_ && !FW::fwRuleIsReserved(rule)));
+    }
+
     Machine& machine_;
-    std::set<RulePlace> invalid_;
-    Findings findings_;
+    bool isComplete_;              // needless rules are wanted and can be told
+    std::set<RulePlace> known_;    // with findings
+    std::set<RulePlace> invalid_;  // with errors
+    std::set<RulePlace> leftOut_;  // with findings of the engine
+    std::vector<Finding> found_;
 };
 
 }  // namespace
 
 std::vector<Finding> checkShadows(const Json::Value& document, const std::vector<Finding>& findings,
-                                  Machine& machine) {
+                                  NeedlessRules needless, Machine& machine) {
     if (!document.isObject() || !document["rules"].isObject()) {
         return {};
     }
-    const Json::Value& rules = document["rules"];
-    ShadowCheck check(findings, machine);
-    std::vector<RuleMatcher> global;
-    for (const std::string& adapter : listsOf(rules.getMemberNames())) {
-        std::vector<RuleMatcher> matchers = check.matchersOf(rules[adapter], adapter);
-        check.check(global, matchers);
-        if (adapter == FW::FW_ADAPTER_GLOBAL) {
-            global = std::move(matchers);
-        }
+    try {
+        return ShadowCheck(findings, needless, machine).check(document);
+    } catch (const Error&) {
+        return {};  // what the platform cannot answer is another check's finding, or in the log
     }
-    return check.take();
 }
 
 }  // namespace tarnfw

@@ -1,4 +1,4 @@
-/// Finds rules that never take effect because an earlier rule matches everything that they match.
+/// Finds rules that could be removed: because of earlier rules, or of those after them.
 #pragma once
 
 #include <vector>
@@ -6,14 +6,18 @@
 #include <json/json.h>
 
 #include "tarnfwadmin/finding.h"
-#include "tarnfwadmin/machine.h"
+#include "tarnfwadmin/profileCheck.h"
 
 namespace tarnfw {
 
-/// A warning for each enabled rule that is shadowed entirely by one earlier rule of its list or by
-/// one rule of "global". Reports only what is certain: skips rules that have an error in
-/// `findings`, and does not find a rule that is shadowed by several others together.
+/// A warning for each enabled rule that never takes effect because earlier rules decide about all
+/// of its packets, with these rules; and, if wanted, for each without which the same would happen
+/// to every packet, with the rules and default policies that do it then. Left out are rules that
+/// have an error in `findings`, and then all that are needless; rules with lines in chains of
+/// others; and of the needless ones those that the library maintains, and those that allow what
+/// nothing decides. Also a warning for each rule that the packet filter would not take, or that is
+/// too complex, where `findings` has none. Where the platform does not answer, nothing is found.
 std::vector<Finding> checkShadows(const Json::Value& document, const std::vector<Finding>& findings,
-                                  Machine& machine);
+                                  NeedlessRules needless, Machine& machine);
 
 }  // namespace tarnfw

@@ -27,8 +27,7 @@ struct Finding {
     /// from 0. Empty: the whole rule or document.
     std::string path = {};
 
-    std::optional<RulePlace> shadowedBy =
-        {};  ///< the rule because of which `rule` never takes effect
+    std::vector<RulePlace> shadowedBy = {};  ///< because of these `rule` never takes effect
 
     /// In an exported configuration: the profile's member, "config_profiles[\"home.json\"]".
     std::string profile = {};
@@ -41,17 +40,13 @@ public:
         error(std::nullopt, path, text);
     }
     void error(std::optional<RulePlace> rule, const std::string& path, const std::string& text) {
-        all_.push_back({text, true, std::move(rule), path, {}, {}});
+        all_.push_back({text, true, std::move(rule), path});
     }
     void warning(const std::string& path, const std::string& text) {
         warning(std::nullopt, path, text);
     }
     void warning(std::optional<RulePlace> rule, const std::string& path, const std::string& text) {
-        all_.push_back({text, false, std::move(rule), path, {}, {}});
-    }
-    void shadowed(const RulePlace& rule, const RulePlace& by) {
-        all_.push_back(
-            {"never takes effect: shadowed by " + placeText(by), false, rule, "", by, {}});
+        all_.push_back({text, false, std::move(rule), path});
     }
     std::vector<Finding> take() { return std::move(all_); }
 

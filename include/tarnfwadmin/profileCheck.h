@@ -16,6 +16,12 @@ namespace TARNFW_EXPORT_ALL tarnfw {
 
 class Machine;
 
+/// Rules that take effect, but without which the same would happen to every packet.
+enum class NeedlessRules {
+    kLeftOut,
+    kFound,  ///< a warning each; not while the document has errors
+};
+
 /// Checks a profile's document (docs/profile-format.md), before it is stored or after it was read.
 /// Returns the findings in this order: the shape by docs/profile.schema.json; the meaning of each
 /// rule, default policy and adapter, as far as the shape allows; rules that never take effect.
@@ -24,7 +30,8 @@ class Machine;
 /// without effect.
 /// Reads the service catalogue, the interfaces and the country database; changes nothing. What
 /// cannot be read there is a warning; any document can be given.
-std::vector<Finding> checkProfile(const Json::Value& document, Machine& machine);
+std::vector<Finding> checkProfile(const Json::Value& document, Machine& machine,
+                                  NeedlessRules needless = NeedlessRules::kLeftOut);
 
 /// How many errors checkProfile() finds in a profile; faster, since it leaves out the warnings
 /// about rules that never take effect.

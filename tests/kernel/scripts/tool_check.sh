@@ -57,7 +57,7 @@ activate default
 # --- files -----------------------------------------------------------------------------------------
 
 cd /tmp || fail "no /tmp"
-profile home "$(rule '')" "$(rule '"portList": ["22-23"], "policy": 1')" >home.json
+profile home "$(rule '')" "$(rule '"portList": ["23-24"]')" >home.json
 answers 0 check home.json
 prints <<<'home.json: valid'
 answers 0 check ./home.json
@@ -94,6 +94,14 @@ prints <warning
 answers 3 check --strict shadow.json
 prints <warning
 answers 0 check --strict home.json
+# Several rules that shadow one together, and one without which the same would happen.
+profile home "$(rule '"portList": ["1-99"]')" "$(rule '"portList": ["100-199"]')" \
+    "$(rule '"portList": ["90-110"], "policy": 1')" "$(rule '"portList": ["7000"], "policy": 1')" >union.json
+answers 0 check union.json
+prints <<'END'
+union.json: rule 3 of eth0: warning: never takes effect: shadowed by rule 1 of eth0 and rule 2 of eth0 together
+union.json: rule 4 of eth0: warning: has no effect: the default policy of eth0 does the same
+END
 
 # The text: invalid JSON, and JSON that only the library accepts.
 printf '{"name": "home",\n "rules": nul}\n' >broken.json

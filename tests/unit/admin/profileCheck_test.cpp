@@ -115,7 +115,9 @@ const RuleCase kAddresses[] = {
      {"ipList entry 2: \"33\" is not a prefix length (0-32) or mask of IPv4"}},
     {"MaskWithGap", R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.0", "255.0.255.0"]})", {}},
     {"MaskV6", R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "ffff:ffff::"]})", {}},
-    {"MaskV6WithGap", R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "ffff:0:ffff::"]})", {}},
+    {"MaskV6WithGap",
+     R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "ffff:fff0:ffff::"]})",
+     {}},
     {"MaskOfOtherFamily",
      R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "255.0.0.0"]})",
      {"ipList entry 2: \"255.0.0.0\" is not a prefix length (0-128) or mask of IPv6"}},
@@ -470,9 +472,10 @@ TEST_F(ProfileCheckTest, PlacesAreData) {
     std::vector<std::string> places;
     for (const Finding& finding : checkProfile(document, machine)) {
         const Json::Value entry = jsonOf(finding);
-        places.push_back(entry["path"].asString() + " " + entry["adapter"].asString() + " " +
-                         (entry["position"].isNull() ? "-" : entry["position"].asString()) +
-                         (finding.shadowedBy ? " by " + placeText(*finding.shadowedBy) : ""));
+        places.push_back(
+            entry["path"].asString() + " " + entry["adapter"].asString() + " " +
+            (entry["position"].isNull() ? "-" : entry["position"].asString()) +
+            (finding.shadowedBy.empty() ? "" : " by " + placeText(finding.shadowedBy[0])));
     }
     EXPECT_THAT(places,
                 ElementsAre("rules[\"eth0.7\"]  -", "rules[\"eth0.7\"][0].portList[0] eth0.7 1",

@@ -86,7 +86,7 @@ protected:
         writeFile("/etc.defaults/tarninfo.conf", "support_wireless=\"yes\"\n");
         writeFile("/usr/share/xt_geoip/DE.iv4", std::string(16, '\1'));
         writeFile("/usr/share/xt_geoip/DE.iv6", std::string(32, '\1'));
-        writeFile("/usr/share/xt_geoip/FR.iv4", std::string(16, '\1'));
+        writeFile("/usr/share/xt_geoip/FR.iv4", std::string(16, '\2'));
     }
 };
 

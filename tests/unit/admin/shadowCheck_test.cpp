@@ -16,6 +16,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 struct ShadowCase {
@@ -118,10 +119,10 @@ const ShadowCase kShadows[] = {
      R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.7.0.0", "255.0.255.0"]})", true},
     {"GapsBeyondNetwork", R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.0.0.0", "9"]})",
      R"({"ipGroup": 1, "ipType": 0, "ipList": ["10.7.0.0", "255.0.255.0"]})", false},
-    {"GapsInFewerBits", R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "ffff:0:ff00::"]})",
-     R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "ffff:0:ffff::"]})", true},
-    {"GapsInMoreBits", R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "ffff:0:ffff::"]})",
-     R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "ffff:0:ff00::"]})", false},
+    {"GapsInFewerBits", R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "ffff:fff0:ff00::"]})",
+     R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "ffff:fff0:ffff::"]})", true},
+    {"GapsInMoreBits", R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "ffff:fff0:ffff::"]})",
+     R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "ffff:fff0:ff00::"]})", false},
     {"MaskV6InLength", R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "32"]})",
      R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "ffff:ffff::"]})", true},
     {"OctalLengthIsWider", R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "64"]})",
@@ -145,6 +146,8 @@ const ShadowCase kShadows[] = {
     {"CountryInAny", "{}", R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE"]})", true},
     {"AnyInCountry", R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE"]})", R"({"ipType": 0})", false},
     {"CountryInNetwork", R"({"ipGroup": 1, "ipType": 0, "ipList": ["1.0.0.0", "8"]})",
+     R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE"]})", true},
+    {"CountryBesideNetwork", R"({"ipGroup": 1, "ipType": 0, "ipList": ["2.0.0.0", "8"]})",
      R"({"ipGroup": 3, "ipType": 0, "ipList": ["DE"]})", false},
     {"Logged", "{}", R"({"blLog": true})", true},
 };
@@ -191,6 +194,71 @@ TEST_F(ShadowListTest, TheFirstOfSeveralIsNamed) {
                             "rule 1 of global",
                             "home.json: rule 3 of global: warning: never takes effect: shadowed by "
                             "rule 1 of global"));
+}
+
+TEST_F(ShadowListTest, SeveralRulesShadowOneTogether) {
+    const Json::Value lower = rule(R"({"portList": ["1-1023"]})");
+    const Json::Value upper = rule(R"({"portList": ["1024-65535"]})");
+    EXPECT_THAT(shadowLinesOf(profile({lower, upper, rule(R"({"portList": ["1000-2000"]})")})),
+                ElementsAre("home.json: rule 3 of global: warning: never takes effect: shadowed by "
+                            "rule 1 of global and rule 2 of global together"));
+    Json::Value document = profile({lower});
+    document["rules"]["wlan0"].append(upper);
+    document["rules"]["wlan0"].append(rule(R"({"portList": ["1000-2000"]})"));
+    EXPECT_THAT(shadowLinesOf(document),
+                ElementsAre("home.json: rule 2 of wlan0: warning: never takes effect: shadowed by "
+                            "rule 1 of global and rule 1 of wlan0 together"));
+}
+
+TEST_F(ShadowListTest, RulesWithoutWhichTheSameHappensHaveNoEffect) {
+    const auto linesAbout = [](Json::Value document, const char* adapter, int policy) {
+        document["adapterPolicyMap"][adapter] = policy;
+        EXPECT_THAT(linesOf(document), testing::Not(testing::Contains(HasSubstr("no effect"))));
+        Machine machine;
+        std::vector<std::string> lines;
+        for (const Finding& finding : checkProfile(document, machine, NeedlessRules::kFound)) {
+            if (!finding.isError) {
+                lines.push_back(lineOf("home.json", finding));
+            }
+        }
+        return lines;
+    };
+    Json::Value document = profile({});
+    document["rules"]["wlan0"].append(rule());
+    EXPECT_THAT(linesAbout(document, "wlan0", 1), IsEmpty());
+    EXPECT_THAT(linesAbout(document, "wlan0", 0),
+                ElementsAre("home.json: rule 1 of wlan0: warning: has no effect: the default "
+                            "policy of wlan0 does the same"));
+    document["rules"]["wlan0"].append(rule(R"({"portList": ["20-30"]})"));
+    EXPECT_THAT(linesAbout(document, "wlan0", 1),
+                ElementsAre("home.json: rule 1 of wlan0: warning: has no effect: rule 2 of wlan0 "
+                            "does the same"));
+    // It may be needed once an invalid rule between them is mended, and the library's stay.
+    Json::Value between = document;
+    between["rules"]["wlan0"].insert(1, rule(R"({"portList": ["x"]})"));
+    EXPECT_THAT(linesAbout(between, "wlan0", 1), IsEmpty());
+    document["rules"]["wlan0"][0] = rule(R"({"portGroup": 2, "portList": ["ssh"]})");
+    EXPECT_THAT(linesAbout(document, "wlan0", 1), IsEmpty());
+    // What no rule decides is open anyway, which is not a finding about this rule.
+    EXPECT_THAT(linesAbout(profile({rule()}), "global", 2), IsEmpty());
+}
+
+TEST_F(ShadowListTest, WhatTheEngineLeavesOutIsFoundOnce) {
+    const Json::Value holes =
+        rule(R"({"ipGroup": 1, "ipType": 1, "ipList": ["fe80::", "ffff:0:0:ffff::"]})");
+    EXPECT_THAT(
+        linesOf(profile({holes})),
+        ElementsAre(
+            "home.json: rule 1 of global: warning: is not compared with other rules: "
+            "\"fe80::/ffff:0:0:ffff::\" is too complex: its mask makes more than 4096 intervals"));
+    const Json::Value wrong = rule(R"({"ipGroup": 0, "ipType": 0, "ipList": ["10.0.0.256"]})");
+    EXPECT_THAT(linesOf(profile({wrong})), testing::SizeIs(1));
+}
+
+TEST_F(ShadowListTest, RulesOfLoAreNotShadowedByOthers) {
+    Json::Value document = profile({});
+    document["rules"]["lo"].append(rule());
+    EXPECT_THAT(shadowLinesOf(document), IsEmpty());
 }
 
 TEST_F(ShadowListTest, ChainsAndTablesCount) {

@@ -155,7 +155,7 @@ void check(const Options& options) {
         if (!source.isStored) {
             makeStoredForm(document);
         }
-        append(findings, checkProfile(document, machine));
+        append(findings, checkProfile(document, machine, NeedlessRules::kFound));
         if (source.isStored && countErrors(findings) == 0) {
             addOpenAdapters(document, machine, open);
         }

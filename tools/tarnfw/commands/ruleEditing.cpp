@@ -491,10 +491,10 @@ void addNotes(Notes& notes, const FW::FWPROFILE& profile, const Target& target,
         if (notes.ownOnly && finding.rule && !own) {
             continue;
         }
-        const bool shadowed = finding.shadowedBy && own;
-        const std::string same =
-            shadowed ? sameAsText(profile, *finding.shadowedBy, *finding.rule, places.size() > 1)
-                     : "";
+        const bool shadowed = finding.shadowedBy.size() == 1 && own;
+        const std::string same = shadowed ? sameAsText(profile, finding.shadowedBy.front(),
+                                                       *finding.rule, places.size() > 1)
+                                          : "";
         if (!same.empty()) {
             notes.said.push_back(capitalised(same));
             continue;
