@@ -127,9 +127,12 @@ class Attack:
         trial = subprocess.Popen([self.tool, "try", "third", "--timeout", "600"],
                                  stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                  stderr=subprocess.STDOUT, text=True, start_new_session=True)
-        line = trial.stdout.readline()
-        if "are in force" not in line:
-            raise SystemExit("attack: the trial does not begin: " + line)
+        said = ""
+        while "are in force" not in said:  # first it says what they open and close
+            line = trial.stdout.readline()
+            if not line:
+                raise SystemExit("attack: the trial does not begin: " + said)
+            said += line
         return trial
 
     def end_trial(self):

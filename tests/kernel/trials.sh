@@ -49,7 +49,10 @@ in_background() {
     exec {reports}<"$out/trial.fifo"
     rm -- "$out/trial.fifo"
     local line way
-    read -r line <&"$reports" || true
+    : >"$out/trial.changes" # what it says that it opens and closes
+    while read -r line <&"$reports" && [[ $line != *'are in force'* ]]; do
+        printf '%s\n' "$line" >>"$out/trial.changes"
+    done
     [[ $line == *'are in force'* ]] || {
         cat -- "$out/trial.complaint"
         fail "the trial does not begin: $line"

@@ -211,6 +211,7 @@ step 'for root alone' [ "$(stat --format='%a %U' "$kBackups" "$backup")" = $'700
 # Back again, and applied at once.
 jq '.config_profiles["deny_by_default.json"].rules.eth0 |= .[:1]' "$backup" >back.json
 answers 0 import --yes --reload back.json
+says '^Once applied: closes .* (before: rule'
 says '^Profile "deny_by_default" applied$'
 answers 0 diff
 answers 0 import --yes --reload "$backup"

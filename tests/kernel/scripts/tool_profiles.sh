@@ -317,7 +317,7 @@ step 'the filter is untouched' same_listing base
 
 step 'the firewall is enabled' tarnfw enable
 keep_listing default
-answers 0 profile use open
+answers 0 profile use open --quiet
 prints <<'END'
 Profile "open" is now the active one
 The kernel still has the old rules; "tarnfw reload" applies the new ones
@@ -327,6 +327,8 @@ answers 0 profile use open --reload
 says '^Profile "open" applied$'
 step 'now they are in the kernel' [ "$(listing v4 | grep -c -- '-j DROP')" = 0 ]
 answers 0 profile use default --reload
+says '^Closes everything on eth0, for everybody, except icmp, '
+step 'what is closed comes before the change' [ "$(sed -n 2p "$out/answer")" = 'Profile "default" is now the active one' ]
 step 'the others again' same_listing default
 refused 5 '^tarnfw: there is no profile "nowhere" ' profile use nowhere
 refused 5 '^tarnfw: there is no profile "opne"; did you mean "open"? (profiles: ' profile use opne

@@ -166,6 +166,7 @@ keep_listing enabled
 answers 0 service reserve ssh --adapter eth0 deny
 silent
 prints <<'END'
+Once applied: closes service ssh on eth0, for everybody (rule 1 of eth0)
 Service ssh reserved on eth0: deny (changed: away, home)
 The kernel still has the old rules; "tarnfw reload" applies the new ones
 END
@@ -205,6 +206,7 @@ refused_whole 5 '^tarnfw: service "http" is not reserved on "eth0"; other rules 
     service release http --adapter eth0
 answers 0 service release ssh
 prints <<'END'
+Once applied: opens service ssh on eth0, for everybody (rule 1 of eth0)
 Service ssh released (changed: away, home)
 Other rules name it: home; "tarnfw service release ssh --everywhere" removes it from them, too
 The kernel still has the old rules; "tarnfw reload" applies the new ones
@@ -341,6 +343,7 @@ says '^eth5  *absent  *deny  *2 (1 off)$'
 answers 0 adapter rename eth5 eth0 --reload
 silent
 prints <<'END'
+Opens everything except service http on eth5, for everybody (before: the default policy of eth5); closes everything except service http on eth0, for everybody (the default policy of eth0)
 Rules and default policy of eth5 are now those of eth0 (changed: away, home)
 Profile "home" applied
 END

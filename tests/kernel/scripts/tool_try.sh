@@ -63,13 +63,15 @@ gone_back
 # --- another terminal, and none --------------------------------------------------------------------
 
 in_background "$new" --timeout 1
+step 'what it opens and closes is said first' grep --quiet '^Opens everything except service http,https, ' "$out/trial.changes"
 ends 1
 step 'why is said' grep --quiet --line-regexp \
     "tarnfw: profile \"$new\" was not kept: nobody confirmed in time; .* in force again" \
     "$out/trial.complaint"
 gone_back
 
-in_background "$new" --timeout "$kLong"
+in_background "$new" --timeout "$kLong" --quiet
+step 'or not' [ ! -s "$out/trial.changes" ]
 keep_listing tried
 step 'the rules are those that are tried' diff -u \
     <(grep -v ESTABLISHED "$out/new.v4") <(grep -v ESTABLISHED "$out/tried.v4")

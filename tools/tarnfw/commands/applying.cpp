@@ -1,6 +1,7 @@
 #include "commands/applying.h"
 
 #include <algorithm>
+#include <cctype>
 #include <exception>
 #include <iostream>
 #include <map>
@@ -23,6 +24,7 @@
 #include "process/trialState.h"
 #include "tarnfwadmin/inForce.h"
 #include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/meaningChange.h"
 #include "tarnfwadmin/profileCheck.h"
 #include "tarnfwadmin/ruleChange.h"
 #include "tarnfwadmin/savedRules.h"
@@ -141,6 +143,38 @@ void addReloadFlag(Command& command, ReloadOptions& options, const char* yesHelp
               "package's udev rule when an interface of the profile appears")
         .excludes(reload);
     command.flag("--yes", options.yes, yesHelp);
+    command.flag("--quiet", options.quiet, "Do not say what the change opens and closes");
+}
+
+std::string capitalised(std::string text) {
+    const unsigned char first = text.empty() ? '\0' : static_cast<unsigned char>(text.front());
+    if (!text.empty()) {
+        text.front() = static_cast<char>(std::toupper(first));
+    }
+    return text;
+}
+
+void sayWrapped(const std::string& line) {
+    const std::size_t width = terminalWidth();
+    for (const std::string& part :
+         width > 0 ? wrapped(printable(line), width) : std::vector<std::string>{printable(line)}) {
+        std::cout << part << '\n';
+    }
+    std::cout << std::flush;
+}
+
+std::string changeText(const FW::FWPROFILE& before, const FW::FWPROFILE& after, Machine& machine) {
+    try {
+        const FW::FWENVIRONMENT environment = environmentOf({before, after}, machine);
+        const MeaningDifference difference(Meaning(before, environment),
+                                           Meaning(after, environment));
+        if (!difference.same()) {
+            return difference.text();
+        }
+    } catch (const Error&) {
+        // The change does not depend on what is said about it.
+    }
+    return "";
 }
 
 std::string errorsText(const FW::FWPROFILE& profile, Machine& machine) {
@@ -443,10 +477,31 @@ FW::FWPROFILE onlyRules(FW::FWPROFILE profile, const std::string& adapter,
     return profile;
 }
 
+namespace {
+
+/// Says what the change of the active profile opens and closes, before it is applied.
+void sayWhatChanges(Context& context, const ReloadOptions& options) {
+    const StoreSnapshot& store = context.store();
+    if (options.quiet || !store.firewallEnabled() || !context.activeBefore() ||
+        !context.hasOtherRules()) {
+        return;
+    }
+    const std::string text =
+        changeText(*context.activeBefore(), store.profile(""), context.machine());
+    if (!text.empty()) {
+        sayWrapped(context.applies(options) ? capitalised(text) : "Once applied: " + text);
+    }
+}
+
+}  // namespace
+
 void finishChange(Context& context, const std::string& profile, const ReloadOptions& options,
                   const std::function<void()>& say, const std::optional<FW::FWPROFILE>& changed) {
     const bool active = profile == context.store().activeProfile();
     options.report->setProfile(profile);
+    if (active) {
+        sayWhatChanges(context, options);
+    }
     const auto warnIfRefused = [&] {
         if (changed) {
             (void)(makesLines(*changed) && warnAboutRefusal(*changed));
@@ -476,6 +531,9 @@ void finishChange(Context& context, const std::vector<std::string>& profiles,
                   const ReloadOptions& options, const std::function<void()>& say) {
     const bool active = std::find(profiles.begin(), profiles.end(),
                                   context.store().activeProfile()) != profiles.end();
+    if (active) {
+        sayWhatChanges(context, options);
+    }
     if (!options.wanted && !(active && context.applies(options))) {
         context.session().keepChange();
         options.report->setChanged(context.session().hasChanged());

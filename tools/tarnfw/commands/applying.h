@@ -24,6 +24,7 @@ struct ReloadOptions {
     bool wanted = false;  ///< "--reload": apply the active profile afterwards
     bool later = false;   ///< "--later": only store the change
     bool yes = false;     ///< do not ask
+    bool quiet = false;   ///< "--quiet": do not say what the change opens and closes
     /// What the command reports; see runReporting().
     std::shared_ptr<Report> report = std::make_shared<Report>();
 };
@@ -54,6 +55,9 @@ public:
     /// Whether the active profile makes other rules for the kernel than when this was made: what is
     /// off, or for an adapter that is not there, makes none.
     bool hasOtherRules();
+
+    /// The active profile as it was when this was made; nothing if it could not be read.
+    const std::optional<FW::FWPROFILE>& activeBefore() const { return before_; }
 
     /// Whether a change of the active profile is to be applied: with "--reload"; without it, and
     /// without "--later", if the firewall is enabled and the settings have changes applied at once,
@@ -113,6 +117,16 @@ void writeWithConsent(Context& context, const ReloadOptions& options,
 /// After a question: throws Error, kBusy, unless the documents hold what they held before it.
 void requireUntouched(const std::map<std::string, std::string>& before);
 
+/// With a capital letter at its beginning.
+std::string capitalised(std::string text);
+
+/// Prints a line to standard output, broken between words where the terminal is narrower.
+void sayWrapped(const std::string& line);
+
+/// What happens with `after` in force and not with `before`: "opens tcp 445 on eth0, for everybody
+/// (rule 4 of eth0)". Empty where nothing else happens to any packet, or it cannot be found out.
+std::string changeText(const FW::FWPROFILE& before, const FW::FWPROFILE& after, Machine& machine);
+
 // ---- The kernel ----
 
 /// Runs `change` detached, see runDetached(). Shows "`what` ..." on the terminal meanwhile, and
@@ -143,8 +157,10 @@ void forgetTrial(Context& context);
 /// After a profile was changed. If it is the active one and the firewall is enabled: applies it,
 /// see Context::applies(), or says that the kernel still has the old rules. Throws Error, with the
 /// store as it was before and the old rules in force, when it cannot be applied. `say` prints what
-/// was changed. A profile that is not applied is tried in a scratch kernel, with a warning when a
-/// reload would be refused; of a large one only what is new, if that is given as `changed`.
+/// was changed; before it, unless that is left out, what the change of the active profile opens and
+/// closes is said, if the firewall is enabled. A profile that is not applied is tried in a scratch
+/// kernel, with a warning when a reload would be refused; of a large one only what is new, if that
+/// is given as `changed`.
 void finishChange(Context& context, const std::string& profile, const ReloadOptions& options,
                   const std::function<void()>& say,
                   const std::optional<FW::FWPROFILE>& changed = std::nullopt);

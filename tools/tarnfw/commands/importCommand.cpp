@@ -367,6 +367,34 @@ Json::Value settingAfter(const char* key, const Json::Value& current, const Json
     return imported.isMember(key) ? imported[key] : current[kConfigSettings][key];
 }
 
+/// The profile that is the active one after the import; nothing if the document does not have it.
+std::optional<FW::FWPROFILE> activeAfter(const Json::Value& current, const Json::Value& document) {
+    const Json::Value name = settingAfter("profile", current, document);
+    for (const Json::Value& profile : document[kConfigProfiles]) {
+        if (profile["name"] == name) {
+            FW::FWPROFILE record;
+            FW::TARNFW_JSON_DB().jsonToProfile(profile, record);
+            return record;
+        }
+    }
+    return std::nullopt;
+}
+
+/// Says what the import opens and closes once it is applied, while the firewall is enabled and will
+/// be. With a dry run as well: that is what it is for.
+void sayWhatImportChanges(Context& context, const Options& options, const Json::Value& current,
+                          const Json::Value& document) {
+    const std::optional<FW::FWPROFILE> after = activeAfter(current, document);
+    if (options.reload.quiet || !context.store().firewallEnabled() || !after ||
+        !context.activeBefore() || settingAfter("status", current, document) != true) {
+        return;
+    }
+    const std::string text = changeText(*context.activeBefore(), *after, context.machine());
+    if (!text.empty()) {
+        sayWrapped("Once applied: " + text);
+    }
+}
+
 /// For an import that is applied: asks if the new active profile would lock out the person who is
 /// connected over SSH.
 void requireWayBackIn(Context& context, const Options& options, const Json::Value& current,
@@ -375,14 +403,9 @@ void requireWayBackIn(Context& context, const Options& options, const Json::Valu
         return;
     }
     context.control().requireBase();
-    const Json::Value name = settingAfter("profile", current, document);
-    for (const Json::Value& profile : document[kConfigProfiles]) {
-        if (profile["name"] == name) {
-            FW::FWPROFILE record;
-            FW::TARNFW_JSON_DB().jsonToProfile(profile, record);
-            requireSshAccess(record, context.machine(), context.store().applyMode(),
-                             options.reload.yes, "Import and apply it anyway?");
-        }
+    if (const std::optional<FW::FWPROFILE> record = activeAfter(current, document)) {
+        requireSshAccess(*record, context.machine(), context.store().applyMode(),
+                         options.reload.yes, "Import and apply it anyway?");
     }
 }
 
@@ -408,6 +431,7 @@ std::optional<bool> importInto(Context& context, const Json::Value& document,
         std::cout << "Nothing to change\n";
         return std::nullopt;
     }
+    sayWhatImportChanges(context, options, current, document);
     if (options.dryRun) {
         return std::nullopt;
     }

@@ -1,7 +1,6 @@
 #include "commands/ruleEditing.h"
 
 #include <algorithm>
-#include <cctype>
 #include <iostream>
 #include <iterator>
 #include <optional>
@@ -364,11 +363,6 @@ Outcome changedAt(const Rules& rules, std::size_t position, const Target& target
 
 namespace {
 
-std::string capitalised(std::string text) {
-    text.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(text.front())));
-    return text;
-}
-
 /// Where a rule would take effect that never does at its place.
 std::string offerFor(FW::FWPROFILE profile, const RulePlace& place, const Target& target,
                      Machine& machine) {
@@ -531,8 +525,9 @@ void changeRules(Context& context, const Target& target,
         });
     context.session().unlock();
     (*target.reload.report)["rules"] = outcome.rules;
-    for (const std::size_t position :
-         outcome.saysEffect ? outcome.changed : std::vector<std::size_t>()) {
+    for (const std::size_t position : outcome.saysEffect && !target.reload.quiet
+                                          ? outcome.changed
+                                          : std::vector<std::size_t>()) {
         const std::string effect = effectLine(context, stored, {target.adapter, position}, target);
         if (!effect.empty()) {
             outcome.said.push_back(effect);
@@ -544,8 +539,10 @@ void changeRules(Context& context, const Target& target,
         }
     }
     outcome.said.insert(outcome.said.end(), notes.said.begin(), notes.said.end());
+    ReloadOptions reload = target.reload;
+    reload.quiet = reload.quiet || outcome.saysEffect;  // it is said already
     finishChange(
-        context, stored.name, target.reload,
+        context, stored.name, reload,
         [&] {
             for (const std::string& line : outcome.said) {
                 std::cout << printable(line) << '\n';

@@ -51,12 +51,14 @@ struct TryOptions {
     int seconds = kDefaultSeconds;
     bool confirm = false;
     bool cancel = false;
+    bool quiet = false;
     Report report;
 };
 
 // ---- Conditions of a trial ----
 
-void requireTriable(const std::string& name) {
+/// Also says, unless `quiet`, what the trial opens and closes.
+void requireTriable(const std::string& name, bool quiet) {
     requireNoTrial();
     Context context(StoreSession::Access::kChange);
     const StoreSnapshot& store = context.store();
@@ -84,6 +86,13 @@ void requireTriable(const std::string& name) {
     }
     // Whether there is room for the test profile.
     StoreTransaction(context.session(), StoreTransaction::Extent::kOneDocument).finish();
+    const std::string changes =
+        quiet || !context.activeBefore()
+            ? ""
+            : changeText(*context.activeBefore(), store.profile(name), context.machine());
+    if (!changes.empty()) {
+        sayWrapped(capitalised(changes));
+    }
 }
 
 // ---- The watchdog's process ----
@@ -394,7 +403,7 @@ Json::Value endAbandoned(const std::string& name, const std::string& reason) {
 void tryProfile(TryOptions& options) {
     const Trial trial{options.profile, std::chrono::seconds(options.seconds)};
     options.report.setProfile(trial.name);
-    requireTriable(trial.name);
+    requireTriable(trial.name, options.quiet);
     const sigset_t signals = blockEndingSignals();
     std::cout << std::flush;
     const Watchdog watchdog = startWatchdog([&](const Channel& terminal, const Channel& listener) {
@@ -492,8 +501,10 @@ void addTryCommand(Command& app) {
     Option& cancel = command.flag(
         "--cancel", options->cancel,
         "Restore the previous rules immediately; also ends a trial that a crash has left");
-    confirm.excludes(profile).excludes(timeout).excludes(cancel);
-    cancel.excludes(profile).excludes(timeout);
+    Option& quiet =
+        command.flag("--quiet", options->quiet, "Do not say what the trial opens and closes");
+    confirm.excludes(profile).excludes(timeout).excludes(cancel).excludes(quiet);
+    cancel.excludes(profile).excludes(timeout).excludes(quiet);
     command.footer(
         "Enter, or \"tarnfw try --confirm\" in another terminal, keeps the rules. After the time "
         "limit, on Ctrl-C, when the terminal is lost and when this command is killed, the previous "
