@@ -61,6 +61,18 @@ std::optional<Number> numericAddress(const std::string& text, FW_FAMILY family) 
     return family == FW_FAMILY_V4 ? ipv4From(text, /*mayBeIncomplete=*/true) : ipv6From(text);
 }
 
+/// An address before a mask. iptables asks the C library about one that it does not understand,
+/// which also reads IPv4 addresses in IPv6 form, "::ffff:10.0.0.1".
+std::optional<Number> hostFrom(const std::string& text, FW_FAMILY family) {
+    const auto address = numericAddress(text, family);
+    if (address || family == FW_FAMILY_V6) {
+        return address;
+    }
+    constexpr Number kMapped = 0xffff;
+    const auto mapped = ipv6From(text);
+    return mapped && *mapped >> 32 == kMapped ? std::optional(*mapped << 96) : std::nullopt;
+}
+
 /// A mask as a number: "255.0.0.0", "ffff::", or a prefix length.
 std::optional<Number> maskFrom(const std::string& text, FW_FAMILY family) {
     const auto mask =
@@ -111,7 +123,7 @@ TextResult appendOne(const std::string& text, FW_FAMILY family, Intervals& addre
         mask = *given;
     }
     // iptables reads "/0" as any address, whatever is before it.
-    const auto address = mask == 0 ? Number(0) : numericAddress(text.substr(0, slash), family);
+    const auto address = mask == 0 ? Number(0) : hostFrom(text.substr(0, slash), family);
     return address ? appendMasked(*address, mask, family, addresses) : TextResult::kInvalid;
 }
 
