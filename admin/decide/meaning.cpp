@@ -12,6 +12,9 @@
 namespace tarnfw {
 namespace {
 
+// No interface of the kernel has a '/' in its name.
+constexpr char kAbsentPppoe[] = "/pppoe";
+
 /// A profile with the rules and default policies of all.
 FW::FWPROFILE together(const std::vector<FW::FWPROFILE>& profiles) {
     FW::FWPROFILE all;
@@ -61,6 +64,9 @@ FW::FWENVIRONMENT environmentOf(const std::vector<FW::FWPROFILE>& profiles, Mach
     FW::FWENVIRONMENT environment;
     if (!FW::fwEnvironmentGet(all, adapters, {}, environment)) {
         throw Error(ErrorKind::kSystem, "the interfaces of the machine cannot be listed");
+    }
+    if (adapters == FW::FW_ADAPTERS_ALL) {
+        environment.adapters.insert({FW::FW_ADAPTER_PPPOE, {{kAbsentPppoe}, {}}});
     }
     for (const std::string& name : names) {
         const std::optional<Service> service = machine.requireCatalogue().find(name);
