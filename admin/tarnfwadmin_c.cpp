@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <exception>
 #include <set>
@@ -10,10 +11,11 @@
 #include <vector>
 
 #include "tarnfwadmin/control.h"
-#include "tarnfwadmin/decision.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/machine.h"
+#include "tarnfwadmin/meaning.h"
+#include "tarnfwadmin/packetAnswers.h"
 #include "tarnfwadmin/ruleChange.h"
 #include "tarnfwadmin/ruleText.h"
 #include "tarnfwadmin/storeSession.h"
@@ -95,10 +97,10 @@ void requireRoot() {
     }
 }
 
-std::string decided(const tarnfw::Decider& decider, const tarnfw::Decision& decision) {
-    std::string text = decider.reason(decision);
-    for (const tarnfw::RulePlace& place : decision.unless) {
-        text += "; unless " + placeText(place) + " matches";
+std::string decided(const tarnfw::Meaning& meaning, const tarnfw::PortDecision& decision) {
+    std::string text = reasonText(meaning, decision.by);
+    for (const std::size_t number : decision.unless) {
+        text += "; unless " + tarnfw::placeText(placeOf(meaning, number)) + " matches";
     }
     return text;
 }
@@ -227,9 +229,8 @@ int tarnfwadmin_blocked(const char* service, const char* adapter, int* blocked, 
         const FW::FWPROFILE& profile = store.profile("");
         const std::vector<std::string> asked =
             adapter == nullptr ? filteredAdapters(profile) : std::vector<std::string>{adapter};
-        std::vector<tarnfw::AdapterAnswer> answers = tarnfw::askVerdicts(profile, questions, asked);
-        tarnfw::makeExact(answers, profile, machine, store.applyMode());
-        return summary(answers, *blocked);
+        return summary(exactVerdicts(tarnfw::Meaning(profile, machine), questions, asked),
+                       *blocked);
     });
 }
 
@@ -237,9 +238,9 @@ int tarnfwadmin_decide(const char* address, const char* port, const char* adapte
                        char* reason, size_t size) {
     return guarded({reason, size}, [&] {
         const std::string interface = required(adapter, "adapter");
-        const tarnfw::Packet packet =
-            tarnfw::packetFrom(required(address, "address"), required(port, "port"), interface);
-        if (packet.ports.first != packet.ports.last) {
+        tarnfw::PortPackets packets =
+            tarnfw::packetsFrom(required(address, "address"), required(port, "port"), interface);
+        if (packets.ports->first != packets.ports->last) {
             throw Error(ErrorKind::kInvalid, "one port can be asked about, not a range");
         }
         if (allowed == nullptr) {
@@ -253,10 +254,12 @@ int tarnfwadmin_decide(const char* address, const char* port, const char* adapte
             return std::string("the firewall is disabled");
         }
         tarnfw::Machine machine;
-        tarnfw::Decider decider(store.profile(""), machine, store.applyMode());
-        tarnfw::requireCoveredAdapter(interface, tarnfw::adaptersOf(decider.profile()));
-        const tarnfw::Decision decision = decider.decide(packet).front();
-        const std::string text = decided(decider, decision);
+        const FW::FWPROFILE& profile = store.profile("");
+        tarnfw::requireCoveredAdapter(interface, tarnfw::adaptersOf(profile));
+        const tarnfw::Meaning meaning(profile, machine);
+        packets.packet.in = interfaceFor(meaning, interface);
+        const tarnfw::PortDecision decision = decisionsFor(meaning, packets).front();
+        const std::string text = decided(meaning, decision);
         *allowed = decision.denied ? 0 : 1;
         return text;
     });

@@ -4,10 +4,10 @@
 //
 // Exit status: 0 it may, 1 it may not, 2 the question could not be answered, 3 neither the machine
 // nor the profile has such an interface.
-#include <tarnfwadmin/decision.h>
 #include <tarnfwadmin/error.h>
 #include <tarnfwadmin/interfaces.h>
-#include <tarnfwadmin/machine.h>
+#include <tarnfwadmin/meaning.h>
+#include <tarnfwadmin/packetAnswers.h>
 #include <tarnfwadmin/storeSession.h>
 
 #include <exception>
@@ -24,15 +24,17 @@ bool mayReach(const char* address, const char* port, const char* interface) {
         std::cout << "allowed: the firewall is disabled\n";
         return true;
     }
-    tarnfw::Machine machine;
-    tarnfw::Decider decider(profile, machine, store.applyMode());
+    const tarnfw::Meaning meaning(profile);
     bool allowed = true;
     // One decision; of a range such as tcp/6000-6010 one for each part that is decided alike.
-    for (const auto& decision : decider.decide(tarnfw::packetFrom(address, port, interface))) {
-        std::cout << (decision.denied ? "denied: " : "allowed: ") << decider.reason(decision)
-                  << '\n';
-        for (const auto& place : decision.unless) {  // rules of which it is not known
-            std::cout << "  unless " << tarnfw::placeText(place) << " matches\n";
+    const auto packets =
+        tarnfw::packetsFrom(address, port, tarnfw::interfaceFor(meaning, interface));
+    for (const auto& decision : tarnfw::decisionsFor(meaning, packets)) {
+        std::cout << (decision.denied ? "denied: " : "allowed: ")
+                  << tarnfw::reasonText(meaning, decision.by) << '\n';
+        for (const auto number : decision.unless) {  // rules of which it is not known
+            std::cout << "  unless " << tarnfw::placeText(tarnfw::placeOf(meaning, number))
+                      << " matches\n";
         }
         allowed = allowed && !decision.denied;
     }

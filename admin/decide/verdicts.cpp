@@ -1,18 +1,22 @@
 #include "tarnfwadmin/verdicts.h"
 
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
 #include <map>
 #include <optional>
-#include <set>
 #include <utility>
 
 #include "tarnfirewall/fwTypes.h"
 #include "tarnfirewall/tarnFW.h"
 
 #include "rules/portWords.h"
-#include "tarnfwadmin/error.h"
-#include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/packetAnswers.h"
 #include "tarnfwadmin/portEntry.h"
 #include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/store.h"
 #include "tarnfwadmin/text.h"
 
 namespace tarnfw {
@@ -111,101 +115,61 @@ std::vector<AdapterAnswer> askVerdicts(const FW::FWPROFILE& profile,
     return answers;
 }
 
-std::vector<Packet> packetsFor(const FW::PortCompareST& question, const std::string& adapter) {
-    Packet packet;
-    packet.adapters = isPredefined(adapter) ? std::vector{adapter} : adapterNamesOf(adapter);
+std::vector<FW::FWPACKETSET> packetsFor(const FW::PortCompareST& question,
+                                        const std::string& interface) {
     const std::optional<PortSpan> span = portSpanFrom(question.port);
     if (!span) {
         return {};
     }
-    if (question.portDirect != FW::FW_PORT_DIRECT_DESTINATION) {
-        packet.sourcePorts = span;
-    } else {
-        packet.ports = *span;
-    }
-    std::vector<Packet> packets;
-    for (const auto protocol : {FW::FW_PORT_PROTOCOL_TCP, FW::FW_PORT_PROTOCOL_UDP}) {
+    const FW::FWINTERVALS ports = {
+        {static_cast<std::uint16_t>(span->first), static_cast<std::uint16_t>(span->last)}};
+    FW::FWPACKETSET packets = newConnections(interface);
+    (question.portDirect != FW::FW_PORT_DIRECT_DESTINATION ? packets.sourcePorts
+                                                           : packets.destinationPorts) = ports;
+    std::vector<FW::FWPACKETSET> sets;
+    const auto add = [&](FW::FW_PORT_PROTOCOL protocol, std::uint16_t number) {
         if (question.protocol == protocol || question.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP) {
-            packet.protocol = protocol;
-            packets.push_back(packet);
+            packets.protocols = {{number, number}};
+            sets.push_back(packets);
         }
-    }
-    return packets;
+    };
+    add(FW::FW_PORT_PROTOCOL_TCP, IPPROTO_TCP);
+    add(FW::FW_PORT_PROTOCOL_UDP, IPPROTO_UDP);
+    return sets;
 }
 
-namespace {
-
-/// No interface has this name, so that "global" alone decides, or leaves it to the default policy.
-constexpr char kNoInterface[] = "-";
-
-/// For every packet of a question from any address; nothing where that cannot be told.
-std::optional<FW::FW_POLICY> verdictForAll(Decider& decider, const FW::PortCompareST& question,
-                                           const std::string& adapter) {
-    std::set<std::optional<FW::FW_POLICY>> verdicts;
-    for (Packet& packet : packetsFor(question, adapter)) {
-        for (const bool ipv6 : {false, true}) {
-            packet.source = Address(ipv6, {});
-            verdicts.insert(decider.verdictForAll(packet));
-        }
-    }
-    if (verdicts.empty() || verdicts.count(std::nullopt) != 0) {
-        return std::nullopt;
-    }
-    return verdicts.size() > 1 ? FW::FW_POLICY_MIXED : *verdicts.begin();
-}
-
-/// The rules of "global" alone, with this policy for what they leave to the adapters.
-FW::FWPROFILE globalAlone(const FW::FWPROFILE& profile, FW::FW_POLICY rest) {
-    FW::FWPROFILE alone;
-    const auto rules = profile.rules.find(FW::FW_ADAPTER_GLOBAL);
-    const auto policy = profile.adapterPolicyMap.find(FW::FW_ADAPTER_GLOBAL);
-    if (rules != profile.rules.end()) {
-        alone.rules.insert(*rules);
-    }
-    if (policy != profile.adapterPolicyMap.end()) {
-        alone.adapterPolicyMap.insert(*policy);
-    }
-    alone.adapterPolicyMap[kNoInterface] = rest;
-    return alone;
-}
-
-/// What the deciders of globalAlone() come to, with the rest denied and with the rest allowed.
-std::optional<FW::FW_POLICY> globalVerdict(std::optional<FW::FW_POLICY> restDenied,
-                                           std::optional<FW::FW_POLICY> restAllowed) {
-    if (!restDenied || !restAllowed) {
-        return std::nullopt;
-    }
-    if (restDenied == FW::FW_POLICY_ALLOW || restAllowed != FW::FW_POLICY_ALLOW) {
-        return restAllowed;
-    }
-    return FW::FW_POLICY_NONE;
-}
-
-}  // namespace
-
-void makeExact(std::vector<AdapterAnswer>& answers, const FW::FWPROFILE& profile, Machine& machine,
-               ApplyMode mode) {
-    Decider decider(profile, machine, mode);
-    Decider restDenied(globalAlone(profile, FW::FW_POLICY_DENY), machine, mode);
-    Decider restAllowed(globalAlone(profile, FW::FW_POLICY_ALLOW), machine, mode);
-    for (AdapterAnswer& answer : answers) {
-        answer.verdict = FW::FW_POLICY_NONE;
-        for (PortAnswer& port : answer.ports) {
-            const std::optional<FW::FW_POLICY> exact =
-                answer.adapter == FW::FW_ADAPTER_GLOBAL
-                    ? globalVerdict(verdictForAll(restDenied, port.question, kNoInterface),
-                                    verdictForAll(restAllowed, port.question, kNoInterface))
-                    : verdictForAll(decider, port.question, answer.adapter);
-            const bool isUndecided =
-                port.verdict == FW::FW_POLICY_NONE && exact == FW::FW_POLICY_ALLOW;
-            if (exact && !isUndecided) {
-                port.verdict = *exact;
+std::vector<AdapterAnswer> exactVerdicts(const Meaning& meaning,
+                                         const std::vector<FW::PortCompareST>& questions,
+                                         const std::vector<std::string>& adapters) {
+    std::vector<std::string> asked = {FW::FW_ADAPTER_GLOBAL};
+    std::copy_if(adapters.begin(), adapters.end(), std::back_inserter(asked),
+                 [](const std::string& adapter) { return adapter != FW::FW_ADAPTER_GLOBAL; });
+    const PacketAnswers global(meaning, FW::FW_ADAPTER_GLOBAL);
+    const PacketAnswers all(meaning);
+    const std::vector<std::string> listed = adaptersOf(meaning.profile());
+    std::vector<AdapterAnswer> answers;
+    for (const std::string& adapter : asked) {
+        const bool isGlobal = adapter == FW::FW_ADAPTER_GLOBAL;
+        const bool isListed = std::find(listed.begin(), listed.end(), adapter) != listed.end();
+        AdapterAnswer& answer = answers.emplace_back();
+        answer.adapter = adapter;
+        for (const FW::PortCompareST& question : questions) {
+            PacketOutcomes outcomes;
+            for (const FW::FWPACKETSET& set :
+                 packetsFor(question, interfaceFor(meaning, adapter))) {
+                outcomes.add((isGlobal ? global : all).outcomes(set));
             }
-            if (FW::fwVerdictRank(port.verdict) > FW::fwVerdictRank(answer.verdict)) {
-                answer.verdict = port.verdict;
+            FW::FW_POLICY verdict = isGlobal ? outcomes.verdictOfPart() : outcomes.verdict();
+            if (verdict == FW::FW_POLICY_NONE && !isGlobal && !isListed) {
+                verdict = FW::FW_POLICY_ALLOW;
             }
+            if (FW::fwVerdictRank(verdict) > FW::fwVerdictRank(answer.verdict)) {
+                answer.verdict = verdict;
+            }
+            answer.ports.push_back({question, verdict, {}});
         }
     }
+    return answers;
 }
 
 bool allAllowed(const std::vector<AdapterAnswer>& answers) {

@@ -1,13 +1,14 @@
-/// Blocked checks: questions about ports, and the library's verdicts on them by the active profile.
+/// Questions about ports, and the verdicts on them.
 #pragma once
 
 #include <string>
 #include <vector>
 
 #include "tarnfirewall/fwExport.h"
+#include "tarnfirewall/fwMeaning.h"
 #include "tarnfirewall/fwTypes.h"
 
-#include "tarnfwadmin/decision.h"
+#include "tarnfwadmin/meaning.h"
 
 namespace TARNFW_EXPORT_ALL tarnfw {
 
@@ -24,9 +25,10 @@ std::string questionText(const FW::PortCompareST& question);
 /// for some addresses"; or "unknown verdict 7".
 std::string verdictText(FW::FW_POLICY verdict);
 
-/// The packets of a question through an adapter, one for each protocol that has ports. Throws Error
-/// as adapterNamesOf().
-std::vector<Packet> packetsFor(const FW::PortCompareST& question, const std::string& adapter);
+/// New connections to this machine through an interface that a question is about, of both families:
+/// one set for each protocol that has ports.
+std::vector<FW::FWPACKETSET> packetsFor(const FW::PortCompareST& question,
+                                        const std::string& interface);
 
 /// The verdict for one query, and the adapter's steps to it.
 struct PortAnswer {
@@ -43,20 +45,22 @@ struct AdapterAnswer {
     std::vector<PortAnswer> ports;               ///< one for each question, in their order
 };
 
-/// The verdicts for each adapter; the first answer is that of "global", and then one for each of
-/// `adapters`, in their order, by the rules of `profile`. Asks the library about each by its name:
-/// asked about all at once, it goes through the rules of "global" twice.
+/// The verdicts of the library's blocked checks for each adapter; the first answer is that of
+/// "global", and then one for each of `adapters`, in their order, by the rules of `profile`. Asks
+/// the library about each by its name: asked about all at once, it goes through the rules of
+/// "global" twice.
 std::vector<AdapterAnswer> askVerdicts(const FW::FWPROFILE& profile,
                                        const std::vector<FW::PortCompareST>& questions,
                                        const std::vector<std::string>& adapters);
 
-/// Puts the verdict for every packet of a question, from any address, in place of that of the
-/// library's check: this counts a port as allowed once two rules allow it from some addresses, and
-/// as allowed after two that deny it so. A verdict stays where the one for all packets cannot be
-/// told, see Decider::verdictForAll(). The steps stay as well: they lead to the library's.
-/// "undecided" stays for what no rule and no default policy decides.
-void makeExact(std::vector<AdapterAnswer>& answers, const FW::FWPROFILE& profile, Machine& machine,
-               ApplyMode mode);
+/// The same for every packet of a question, from any address, without steps: what a packet meets,
+/// as docs/model.md has it. "mixed" when some are allowed and some are not, or when it is too
+/// complex to find out; "undecided" on an adapter of the profile when no rule and no default policy
+/// decides about any of them, and on "global" when it leaves some of them to the adapters and
+/// denies none.
+std::vector<AdapterAnswer> exactVerdicts(const Meaning& meaning,
+                                         const std::vector<FW::PortCompareST>& questions,
+                                         const std::vector<std::string>& adapters);
 
 /// Whether no verdict is "blocked" or "mixed".
 bool allAllowed(const std::vector<AdapterAnswer>& answers);

@@ -239,7 +239,7 @@ print(json.dumps({
                  ipList=["192.168.1.15", "192.168.1.25"]),
             rule(1, portList=["7005-7009"], ipGroup=1, ipType=0,
                  ipList=["192.0.1.20", "255.0.255.255"]),
-            rule(0, portList=["7005-7009"], ipGroup=1, ipType=0, ipList=["192.0.1.1", "255.0.255.1"]),
+            rule(0, portList=["7005-7009"], ipGroup=1, ipType=0, ipList=["192.168.1.1", "255.255.255.1"]),
             rule(0, portList=["7010"], ipDirect=0, ipGroup=0, ipType=0, ipList=["192.168.1.11"]),
             rule(0, portList=["ssh"], portGroup=0),
             rule(1, portGroup=3, ipGroup=1, ipType=1, ipList=["fd00::20", "128"]),
@@ -331,6 +331,61 @@ prints_json <<END
 END
 answers 11 explain --service ssh --from fd00::21 --adapter eth0
 says '^eth0  *tcp 22  *allowed  *rule 7 of eth0: allow service ssh from anywhere$'
+
+# --- packets that are known in part, or forwarded; protocols without ports; other profiles -----------
+
+cat >"$kProfileDirectory/ways.json" <<'END'
+{"name": "ways", "adapterPolicyMap": {"eth0": 1, "eth1": 0}, "rules": {}}
+END
+answers 0 rule add --profile ways --adapter eth0 allow tcp 80 to 10.0.0.5
+answers 0 rule add --profile ways --adapter eth0 allow tcp 80 from 192.168.1.20
+answers 0 rule add --profile ways --adapter eth0 allow icmp
+answers 0 explain --profile ways --port tcp/80 --adapter eth0 --out eth1 --to 10.0.0.5
+prints <<'END'
+Not in force: another profile is active
+Profile "ways", tcp 80, forwarded out through eth1
+Adapter  Port    Verdict  Decided by
+eth0     tcp 80  allowed  rule 1 of eth0: allow tcp 80 to 10.0.0.5 (IPv4)
+END
+answers 10 explain --profile ways --port tcp/80 --adapter eth0 --out eth1
+says '^eth0  *tcp 80  *mixed  *the default policy of eth0: deny; unless this matches: rule 1 of eth0: allow tcp 80 to 10.0.0.5 (IPv4); unless this matches: rule 2 of eth0: '
+answers 10 explain --profile ways --port tcp/80 --adapter eth0 --out eth1 --to 10.0.0.6 --from 192.168.1.21 --json
+step 'as data' jq --exit-status '.profile == "ways" and .out == "eth1" and .holds == null and
+    .adapters[0].decisions == [{"port": "tcp 80", "by": "defaultPolicy", "adapter": "eth0",
+                                "allowed": false, "unless": []}]' "$out/answer"
+answers 0 explain --profile ways --protocol icmp/8 --adapter eth0 --from 192.168.1.20
+prints <<'END'
+Not in force: another profile is active
+Profile "ways", protocol icmp/8
+Adapter  Protocol            Verdict  Decided by
+eth0     icmp type 8 (IPv4)  allowed  rule 3 of eth0: allow icmp from anywhere
+END
+answers 10 explain --profile ways --protocol 47 --adapter eth0 --json
+step 'in both families' jq --exit-status '.protocol == "47" and .ports == [] and
+    [.adapters[0].decisions[].port] == ["protocol 47 (IPv4)", "protocol 47 (IPv6)"]' "$out/answer"
+answers 10 explain --profile ways --port tcp/80 --adapter eth0
+says '^eth0: mixed$'
+for wrong in --protocol\ {tcp,icmp/256,256,gre} '--protocol igmp --port tcp/22' \
+    '--port tcp/22 --out global'; do
+    read -r -a words <<<"$wrong"
+    answers 2 explain "${words[@]}"
+done
+answers 5 explain --profile nothing --port tcp/22
+answers 5 explain --port tcp/22 --out eht0
+
+# Also while the firewall is disabled, of the active profile too when it is named.
+activate ways
+answers 0 disable
+answers 10 explain --profile ways --port tcp/23 --adapter eth0 --from 192.168.1.20
+says '^Not in force: the firewall is disabled$'
+says '^eth0  *tcp 23  *blocked  *the default policy of eth0: deny$'
+answers 0 explain --port tcp/23 --adapter eth0 --from 192.168.1.20
+prints <<<'Firewall disabled: nothing is blocked'
+
+# A mask with more gaps than can be counted is said.
+answers 0 rule add --profile ways --adapter eth0 deny tcp 81 from 192.0.1.1/255.0.255.1
+tarnfw explain --profile ways --port tcp/81 --adapter eth0 >"$out/answer" 2>"$out/complaint" || true
+step 'the rule is not counted' grep --quiet '^tarnfw: rule 4 of eth0 is not counted: ' "$out/complaint"
 
 # --- nothing of all this changes anything ----------------------------------------------------------
 

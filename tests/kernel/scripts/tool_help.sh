@@ -118,7 +118,7 @@ step 'nine of them' [ "$shown" = 9 ]
 answers 0 base down
 rm -- "$kProfileDirectory"/*.json
 run_examples first-steps
-step 'twelve of them' [ "$shown" = 12 ]
+step 'thirteen of them' [ "$shown" = 13 ]
 answers 0 status
 says '^Active profile: *home$'
 says '^Firewall: *enabled$'

@@ -52,17 +52,22 @@ listen
 answers 0 open
 shows <<'END'
 Firewall disabled: nothing is blocked
-Port  Program  Adapter  Open to
-tcp 22  packet_probe  eth0, eth1  everybody
-tcp 3306  python3  lo  this machine alone
-tcp 3307  python3  lo  this machine alone
-tcp 8000  python3  eth0, eth1  everybody
-tcp 8080  packet_probe  eth0, eth1  everybody
-tcp 8443  python3  eth0, eth1  everybody (IPv6)
-tcp 9000  python3  eth0, eth1  everybody (IPv4)
-tcp 9001  python3  eth0, eth1  everybody (IPv4)
-udp 5353  python3  eth0, eth1  everybody (IPv4)
-udp 7000  python3  eth1  everybody (IPv4)
+
+Open and listening
+  Port  Program  Adapter  Open to
+  tcp 22  packet_probe  eth0, eth1  everybody
+  tcp 8000  python3  eth0, eth1  everybody
+  tcp 8080  packet_probe  eth0, eth1  everybody
+  tcp 8443  python3  eth0, eth1  everybody (IPv6)
+  tcp 9000  python3  eth0, eth1  everybody (IPv4)
+  tcp 9001  python3  eth0, eth1  everybody (IPv4)
+  udp 5353  python3  eth0, eth1  everybody (IPv4)
+  udp 7000  python3  eth1  everybody (IPv4)
+
+Listening for this machine alone
+  Port  Program  Adapter  Open to
+  tcp 3306  python3  lo  this machine alone
+  tcp 3307  python3  lo  this machine alone
 END
 
 cat >"$kProfileDirectory/some.json" <<'END'
@@ -74,34 +79,50 @@ answers 0 rule add --adapter eth0 --profile some allow tcp 22 from 192.168.1.0/2
 answers 0 rule add --adapter eth0 --profile some allow tcp 22 from fd00::/64
 answers 0 rule add --adapter eth0 --profile some allow tcp 8080
 answers 0 rule add --adapter eth1 --profile some allow tcp 9000 from 192.168.2.20
+answers 0 rule add --adapter eth0 --profile some allow tcp 9998-9999 from 10.0.0.0/8
+answers 0 rule add --adapter eth1 --profile some allow udp 7000-7001
 answers 0 enable
 
 answers 0 open
 shows <<'END'
 Profile "some"
-Port  Program  Adapter  Open to
-tcp 22  packet_probe  eth0  IPv4: 192.168.1.0-192.168.1.76, 192.168.1.78-192.168.1.255; IPv6: fd00::/64
-  eth1  nobody
-tcp 3306  python3  lo  this machine alone
-tcp 3307  python3  lo  this machine alone
-tcp 8000  python3  eth0, eth1  nobody
-tcp 8080  packet_probe  eth0  IPv4: everybody but 192.168.1.77; IPv6: everybody
-  eth1  nobody
-tcp 8443  python3  eth0, eth1  nobody (IPv6)
-tcp 9000  python3  eth0  nobody (IPv4)
-  eth1  192.168.2.20 (IPv4)
-tcp 9001  python3  eth0, eth1  nobody (IPv4)
-udp 5353  python3  eth0, eth1  nobody (IPv4)
-udp 7000  python3  eth1  nobody (IPv4)
+
+Open and listening
+  Port  Program  Adapter  Open to
+  tcp 22  packet_probe  eth0  192.168.1.0/24 except 192.168.1.77, fd00::/64
+  tcp 8080  packet_probe  eth0  everybody except 192.168.1.77
+  tcp 9000  python3  eth1  192.168.2.20 (IPv4)
+  udp 7000  python3  eth1  everybody (IPv4)
+
+Open, nothing listens
+  Port  Program  Adapter  Open to
+  tcp 9998-9999  eth0  10.0.0.0/8
+  udp 7001  eth1  everybody (IPv4)
+  udp 7000-7001  eth1  everybody (IPv6)
+
+Listening, but closed
+  Port  Program  Adapter  Open to
+  tcp 22  packet_probe  eth1  nobody
+  tcp 8000  python3  eth0, eth1  nobody
+  tcp 8080  packet_probe  eth1  nobody
+  tcp 8443  python3  eth0, eth1  nobody (IPv6)
+  tcp 9000  python3  eth0  nobody (IPv4)
+  tcp 9001  python3  eth0, eth1  nobody (IPv4)
+  udp 5353  python3  eth0, eth1  nobody (IPv4)
+
+Listening for this machine alone
+  Port  Program  Adapter  Open to
+  tcp 3306  python3  lo  this machine alone
+  tcp 3307  python3  lo  this machine alone
 END
 
 answers 0 open --from 192.168.1.20 --adapter eth0
-says '^Port  *Program  *Adapter  *From 192\.168\.1\.20$'
-says '^tcp 22 .* open$'
-says '^tcp 9000 .* closed$'
+says '^  Port  *Program  *Adapter  *From 192\.168\.1\.20$'
+says '^  tcp 22 .* open$'
+says '^  tcp 9000 .* closed$'
 answers 0 open --from 10.9.0.20 --adapter eth0
-says '^tcp 22 .* closed$'
-says '^tcp 8080 .* open$'
+says '^  tcp 22 .* closed$'
+says '^  tcp 8080 .* open$'
 step 'packets agree' check_packets <<'END'
 tcp4 192.168.1.10 22 open
 tcp4 10.9.0.10 22 blocked 10.9.0.20
@@ -113,15 +134,27 @@ END
 answers 0 open --adapter eth1 --json
 step 'the ranges as data' jq --exit-status '
     [.ports[] | select(.port == "tcp 9000") | .adapters[]] ==
-    [{"name": "eth1", "v4": ["192.168.2.20"], "acceptedBefore": [], "droppedBy": [],
+    [{"name": "eth1", "v4": ["192.168.2.20"], "state": "open", "acceptedBefore": [], "droppedBy": [],
       "redirects": []}]' "$out/answer"
+
+step 'what nothing listens on as data' jq --exit-status '
+    .unused == [
+      {"packets": ["udp 7001"], "others": false, "adapters": ["eth1"], "v4": ["0.0.0.0/0"],
+       "v6": []},
+      {"packets": ["udp 7000-7001"], "others": false, "adapters": ["eth1"], "v4": [],
+       "v6": ["::/0"]}]' \
+    "$out/answer"
+answers 0 open --from 10.1.2.3 --adapter eth0
+says '^  tcp 9998-9999  *eth0  *open$'
+answers 0 open --from 192.168.1.20 --adapter eth0
+step 'not for others' bash -c "! grep --quiet '^Open, nothing listens' '$out/answer'"
 
 # What others do, and what is not in force, is said.
 iptables -I INPUT -p tcp --dport 8000 -j ACCEPT
 iptables -I INPUT -p tcp --dport 8080 -j DROP
 answers 11 open --adapter eth0
-says '^tcp 8000 .*nobody; but accepted before it by: -A INPUT -p tcp -m tcp --dport 8000 -j ACCEPT (IPv4)'
-says '^tcp 8080 .*but .*dropped by: -A INPUT -p tcp -m tcp --dport 8080 -j DROP (IPv4)'
+says '^  tcp 8000 .*nobody; but accepted before it by: -A INPUT -p tcp -m tcp --dport 8000 -j ACCEPT (IPv4)'
+says '^  tcp 8080 .*but .*dropped by: -A INPUT -p tcp -m tcp --dport 8080 -j DROP (IPv4)'
 iptables -D INPUT -p tcp --dport 8000 -j ACCEPT
 iptables -D INPUT -p tcp --dport 8080 -j DROP
 iptables -F INPUT_FIREWALL
@@ -151,9 +184,10 @@ step 'absent' jq --exit-status '.adapter == "wg0" and .present == false and
 ip tuntap add tun0 mode tun
 ip link set tun0 up
 answers 0 open --adapter vpn
-says '^tcp 8000 .* tun0 *everybody$'
+says '^  tcp 8000 .* tun0 *everybody$'
+says '^  other ports of tcp/udp  *tun0  *everybody$'
 answers 0 policy vpn deny --reload
 answers 0 open --adapter vpn
-says '^tcp 8000 .* tun0 *nobody$'
+says '^  tcp 8000 .* tun0 *nobody$'
 answers 0 open --adapter vpn --json
 step 'present' jq --exit-status '.adapter == "vpn" and .present' "$out/answer"

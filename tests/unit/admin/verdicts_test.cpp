@@ -108,13 +108,13 @@ std::string exactFor(const char* question, const std::vector<const char*>& globa
     }
     FW::PortCompareST asked;
     EXPECT_EQ(tarnfw::portQuestionFrom(question, asked), "");
-    std::vector<tarnfw::AdapterAnswer> answers = tarnfw::askVerdicts(profile, {asked}, {"eth0"});
-    tarnfw::makeExact(answers, profile, machine, tarnfw::ApplyMode::kBatch);
+    const std::vector<tarnfw::AdapterAnswer> answers =
+        tarnfw::exactVerdicts(tarnfw::Meaning(profile, machine), {asked}, {"eth0"});
     EXPECT_EQ(answers.size(), 2U);
     return tarnfw::verdictText(answers[0].verdict) + ", " + tarnfw::verdictText(answers[1].verdict);
 }
 
-TEST(MakeExactTest, AddsUpTheAddressesOfSeveralRules) {
+TEST(ExactVerdictsTest, AddsUpTheAddressesOfSeveralRules) {
     const std::vector<const char*> some = {"allow tcp 22 from 10.0.0.0/8",
                                            "allow tcp 22 from 172.16.0.0/12"};
     EXPECT_EQ(exactFor("tcp 22", {}, some, FW::FW_POLICY_DENY), "undecided, mixed");
@@ -132,7 +132,7 @@ TEST(MakeExactTest, AddsUpTheAddressesOfSeveralRules) {
               "undecided, allowed");
 }
 
-TEST(MakeExactTest, GlobalDecidesForAllAdaptersOrLeavesItToThem) {
+TEST(ExactVerdictsTest, GlobalDecidesForAllAdaptersOrLeavesItToThem) {
     EXPECT_EQ(exactFor("tcp 22", {"allow tcp 22"}, {}, FW::FW_POLICY_DENY), "allowed, allowed");
     EXPECT_EQ(exactFor("tcp 22", {"deny tcp 22"}, {"allow tcp 22"}, FW::FW_POLICY_ALLOW),
               "blocked, blocked");

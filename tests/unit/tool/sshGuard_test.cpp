@@ -211,14 +211,12 @@ FWPROFILE denyingProfile() {
 
 const SshConnection kConnection = connection("203.0.113.7", "192.0.2.1");
 
-std::string dropWarning(const FWPROFILE& profile, const std::vector<std::string>& adapters) {
-    tarnfw::Machine machine;
-    return tarnfw::sshDropWarning(profile, kConnection, adapters, machine,
-                                  tarnfw::ApplyMode::kLines);
+std::string dropWarning(const FWPROFILE& profile, const std::string& interface) {
+    return tarnfw::sshDropWarning(tarnfw::Meaning(profile), kConnection, interface);
 }
 
 TEST(SshRefusalTest, NamesTheDefaultPolicy) {
-    EXPECT_EQ(dropWarning(denyingProfile(), {"eth0"}),
+    EXPECT_EQ(dropWarning(denyingProfile(), "eth0"),
               "you are connected over SSH from 203.0.113.7 to port 22 on eth0, and profile "
               "\"home\" denies that (the default policy of eth0: deny); this connection stays, but "
               "you could not connect again");
@@ -233,7 +231,7 @@ TEST(SshRefusalTest, NamesTheRule) {
     rule.ipGroup = 5;
     rule.name = "no\x1bshell";
     profile.rules["global"] = {rule};
-    EXPECT_EQ(dropWarning(profile, {"eth0"}),
+    EXPECT_EQ(dropWarning(profile, "eth0"),
               "you are connected over SSH from 203.0.113.7 to port 22 on eth0, and profile "
               "\"home\" denies that (rule 1 of global: deny tcp 22 from anywhere (IPv4)  "
               "\"no?shell\"); this connection stays, but you could not connect again");
@@ -246,9 +244,9 @@ TEST(SshRefusalTest, IsEmptyWhereTheConnectionIsLetIn) {
     rule.portList = {"22"};
     rule.ipList = {"203.0.113.7"};
     profile.rules["eth0"] = {rule};
-    EXPECT_EQ(dropWarning(profile, {"eth0"}), "");
-    EXPECT_EQ(dropWarning(denyingProfile(), {"eth1"}), "");
-    EXPECT_EQ(dropWarning(denyingProfile(), {"lo"}), "");
+    EXPECT_EQ(dropWarning(profile, "eth0"), "");
+    EXPECT_EQ(dropWarning(denyingProfile(), "eth1"), "");
+    EXPECT_EQ(dropWarning(denyingProfile(), "lo"), "");
 
     // The server's own address counts, and any of the interface's names.
     rule.ipDirect = 0;
@@ -256,9 +254,9 @@ TEST(SshRefusalTest, IsEmptyWhereTheConnectionIsLetIn) {
     rule.policy = FW::FW_POLICY_DENY;
     profile.rules["eth0"] = {rule};
     profile.adapterPolicyMap["eth0"] = FW::FW_POLICY_ALLOW;
-    EXPECT_NE(dropWarning(profile, {"eth0"}), "");
+    EXPECT_NE(dropWarning(profile, "eth0"), "");
     profile.adapterPolicyMap["vpn"] = FW::FW_POLICY_DENY;
-    EXPECT_NE(dropWarning(profile, {"tun0", "vpn"}), "");
+    EXPECT_NE(dropWarning(profile, "tun0"), "");
 }
 
 // The next connection has another port of its own, so a rule for this one's does not help.
@@ -270,7 +268,7 @@ TEST(SshRefusalTest, DoesNotCountOnTheClientsPort) {
     rule.portList = {"50022"};
     rule.ipGroup = 5;
     profile.rules["eth0"] = {rule};
-    EXPECT_NE(dropWarning(profile, {"eth0"}), "");
+    EXPECT_NE(dropWarning(profile, "eth0"), "");
 }
 
 }  // namespace

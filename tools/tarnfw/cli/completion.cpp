@@ -52,6 +52,7 @@ constexpr KindRow kKinds[] = {
     {"modules", "SERVICE", Kind::kText},
     {"", "ADAPTER", Kind::kAdapter},
     {"", "--adapter", Kind::kAdapter},
+    {"explain", "--out", Kind::kAdapter},
     {"reload", "--for", Kind::kAdapter},
     {"", "PROFILE", Kind::kProfile},
     {"", "--profile", Kind::kProfile},

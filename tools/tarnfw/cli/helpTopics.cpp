@@ -37,6 +37,7 @@ Once confirmed, it is the active profile. Look, and ask:
   tarnfw status
   tarnfw blocked --port tcp/8443
   tarnfw explain --service ssh --from 192.168.1.20
+  tarnfw open                   what is open, to whom, and what listens
 
 "tarnfw disable" opens the machine again and keeps the profiles.
 "tarnfw enable" says whether the firewall will be in force after a restart; if

@@ -16,8 +16,9 @@
 #include "commands/commands.h"
 #include "commands/kernelReport.h"
 #include "commands/portQuery.h"
-#include "tarnfwadmin/decision.h"
 #include "tarnfwadmin/machine.h"
+#include "tarnfwadmin/meaning.h"
+#include "tarnfwadmin/portEntry.h"
 #include "tarnfwadmin/store.h"
 #include "tarnfwadmin/verdicts.h"
 
@@ -55,19 +56,18 @@ void blocked(const PortQuery& options) {
     if (answeredDisabled(store, options, questions)) {
         return;
     }
-    std::vector<AdapterAnswer> answers =
-        askVerdicts(store.profile(""), questions, adaptersAsked(options, store.profile("")));
-    makeExact(answers, store.profile(""), context.machine(), store.applyMode());
+    const Meaning meaning(store.profile(""), context.machine());
+    warnNotCounted(meaning);
+    const std::vector<AdapterAnswer> answers =
+        exactVerdicts(meaning, questions, adaptersAsked(options, meaning.profile()));
     KernelAnswer kernel(store, options, questions);
-    Decider decider(store.profile(""), context.machine(), store.applyMode());
-    bool allowed = allAllowed(answers);
-    Json::Value document = documentOf(store, options, questions, true, allowed);
+    const bool allowed = allAllowed(answers);
+    Json::Value document = documentOf(store.activeProfile(), options, questions, true, allowed);
     Table table({"Adapter", "Verdict", ""});
     for (const AdapterAnswer& answer : answers) {
-        const TunnelAnswer tunnel = tunnelAnswer(decider, questions, answer.adapter);
-        allowed = allowed && !tunnel.blocks();
+        const TunnelAnswer tunnel = tunnelAnswer(meaning, questions, answer.adapter);
         const BeforeFirewall before =
-            kernel.ask(decider, answer.adapter, verdictOf(answer.verdict, tunnel));
+            kernel.ask(meaning, answer.adapter, verdictOf(answer.verdict));
         const AdapterNow now = adapterNow(answer.adapter, store.profile(""));
         const std::string note =
             joined(tunnel.owners.empty() ? now.text() : "", joined(noteOn(answer), tunnel.text()));
@@ -85,12 +85,11 @@ void blocked(const PortQuery& options) {
              {joined(joined(note, acceptsText(before)), dropsText(before)), Paint::kPlain}});
     }
     if (options.json) {
-        document["allowed"] = allowed;
         kernel.addTo(document);
         printJson(document);
     } else {
         kernel.printFirst();
-        printHeading(store, options, questions);
+        printHeading(store.activeProfile(), options, questions);
         table.print();
         kernel.printLast();
     }

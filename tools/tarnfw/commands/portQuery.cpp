@@ -1,8 +1,9 @@
 #include "commands/portQuery.h"
 
+#include <netinet/in.h>
+
 #include <algorithm>
 #include <iostream>
-#include <set>
 #include <utility>
 
 #include <boost/algorithm/string/join.hpp>
@@ -13,6 +14,7 @@
 #include "cli/output.h"
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/interfaces.h"
+#include "tarnfwadmin/packetAnswers.h"
 #include "tarnfwadmin/ruleText.h"
 
 namespace tarnfw {
@@ -60,16 +62,15 @@ std::string subjectText(const PortQuery& options, const std::vector<FW::PortComp
 // ---- The question ----
 
 void addQueryOptions(Command& command, PortQuery& options) {
-    constexpr char kSubject[] = "What to ask about";
     command.option("--service", options.service, "A service of the catalogue, such as ssh")
-        .exactlyOneOf(kSubject);
+        .exactlyOneOf(kQuerySubject);
     command.option("--port", options.port, "Ports: tcp/22 or tcp 22, udp/5000-5010, both/53")
         .severalWords()
         .check([](const std::string& text) {
             FW::PortCompareST question{};
             return portQuestionFrom(text, question);
         })
-        .exactlyOneOf(kSubject);
+        .exactlyOneOf(kQuerySubject);
     command
         .option("--adapter", options.adapter,
                 "One adapter; by default all of the profile and the machine")
@@ -116,31 +117,40 @@ namespace {
 
 /// What the rules do to packets that a rule of others redirects, with the address and the port that
 /// they then have. Without a sender: to those of all.
-InnerAnswer innerAnswer(Decider& decider, const BeforeFirewall::Redirect& redirect,
+InnerAnswer innerAnswer(const Meaning& meaning, const BeforeFirewall::Redirect& redirect,
                         const std::string& adapter, const std::optional<Address>& from) {
     const Redirection& redirection = redirect.redirection;
-    const FW::PortCompareST question{
-        FW::FW_PORT_DIRECT_DESTINATION,
-        redirect.protocol == "udp" ? FW::FW_PORT_PROTOCOL_UDP : FW::FW_PORT_PROTOCOL_TCP,
-        portSpanText(redirection.seenPorts.value_or(redirection.ports))};
-    Packet packet = packetsFor(question, adapter).front();
-    packet.source = from.value_or(Address(redirect.family == "v6", {}));
-    packet.destination = redirection.destination;
+    PortPackets packets;
+    FW::FWPACKET& packet = packets.packet;
+    packet.chain = FW::FW_CHAIN_INPUT;
+    packet.family = redirect.family == "v6" ? FW::FW_FAMILY_V6 : FW::FW_FAMILY_V4;
+    packet.in = interfaceFor(meaning, adapter);
+    packet.protocol = redirect.protocol == "udp" ? IPPROTO_UDP : IPPROTO_TCP;
+    packet.state = FW::FW_STATE_NEW;
+    packets.ports = redirection.seenPorts.value_or(redirection.ports);
+    if (from) {
+        packet.source = addressNumber(*from);
+    }
+    if (redirection.destination) {
+        packet.destination = addressNumber(*redirection.destination);
+    }
     if (!redirection.toThisMachine) {
-        const auto out = packet.destination ? interfaceTowards(*packet.destination) : std::nullopt;
-        packet.forwardedTo = out ? adapterNamesOf(*out) : std::vector<std::string>();
+        packet.chain = FW::FW_CHAIN_FORWARD;
+        packet.out =
+            redirection.destination ? interfaceTowards(*redirection.destination) : std::nullopt;
     }
     InnerAnswer answer{adapter, "", ""};
-    if (!from) {
-        const std::optional<FW::FW_POLICY> verdict = decider.verdictForAll(packet);
-        answer.verdict = verdict ? verdictText(*verdict) : "";
-        return answer;
-    }
-    const std::vector<Decision> decisions = decider.decide(packet);
-    if (decisions.size() == 1 && decisions.front().unless.empty()) {
-        answer.verdict =
-            verdictText(decisions.front().denied ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW);
-        answer.by = decider.reason(decisions.front());
+    const std::vector<PortDecision> decisions = decisionsFor(meaning, packets);
+    const auto is = [&decisions](bool denied) {
+        return std::all_of(decisions.begin(), decisions.end(), [&](const PortDecision& decision) {
+            return decision.denied == denied && decision.unless.empty();
+        });
+    };
+    if (is(false) || is(true)) {
+        answer.verdict = verdictText(is(true) ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW);
+        answer.by = from && decisions.size() == 1 ? reasonText(meaning, decisions.front().by) : "";
+    } else if (!from) {
+        answer.verdict = verdictText(FW::FW_POLICY_MIXED);
     }
     return answer;
 }
@@ -159,7 +169,8 @@ KernelAnswer::KernelAnswer(const StoreSnapshot& store, const PortQuery& query,
     }
 }
 
-BeforeFirewall KernelAnswer::ask(Decider& decider, const std::string& adapter, Verdict verdict) {
+BeforeFirewall KernelAnswer::ask(const Meaning& meaning, const std::string& adapter,
+                                 Verdict verdict) {
     BeforeFirewall before;
     for (const FW::PortCompareST& question : questions_) {
         tarnfw::addTo(before, beforeFirewall(report_, question, adapter, from_, to_));
@@ -168,7 +179,7 @@ BeforeFirewall KernelAnswer::ask(Decider& decider, const std::string& adapter, V
         before.redirects.clear();  // the adapters' answers have them
     }
     for (BeforeFirewall::Redirect& redirect : before.redirects) {
-        redirect.inner.push_back(innerAnswer(decider, redirect, adapter, from_));
+        redirect.inner.push_back(innerAnswer(meaning, redirect, adapter, from_));
     }
     if (!verdict.blocks) {
         before.accepts.clear();  // they accept what the firewall accepts
@@ -233,38 +244,34 @@ std::string TunnelAnswer::text() const {
     }
     return "IPv6 through this tunnel of " + boost::join(owners, ", ") + ", where " +
            (owners.size() == 1 ? owners.front() + "'s" : "their") +
-           " rules apply too: " + (verdict ? verdictText(*verdict) : "depends on the packet");
+           " rules apply too: " + verdictText(verdict);
 }
 
 void TunnelAnswer::addTo(Json::Value& entry) const {
     for (const std::string& owner : owners) {
         entry["tunnelOf"].append(owner);
-        entry["v6Verdict"] = verdict ? Json::Value(verdictText(*verdict)) : Json::Value();
+        entry["v6Verdict"] = verdictText(verdict);
     }
 }
 
-TunnelAnswer tunnelAnswer(Decider& decider, const std::vector<FW::PortCompareST>& questions,
+TunnelAnswer tunnelAnswer(const Meaning& meaning, const std::vector<FW::PortCompareST>& questions,
                           const std::string& adapter) {
     TunnelAnswer answer;
-    if (isPredefined(adapter)) {
-        return answer;
-    }
-    answer.owners = decider.tunnelOwners(adapter);
+    answer.owners = tunnelOwners(meaning, adapter);
     if (answer.owners.empty()) {
         return answer;
     }
-    std::set<std::optional<FW::FW_POLICY>> verdicts;
+    const PacketAnswers answers(meaning);
+    PacketOutcomes outcomes;
     for (const FW::PortCompareST& question : questions) {
-        for (Packet& packet : packetsFor(question, adapter)) {
-            packet.source = Address(true, {});
-            verdicts.insert(decider.verdictForAll(packet));
+        for (FW::FWPACKETSET& packets : packetsFor(question, adapter)) {
+            packets.families = 1U << FW::FW_FAMILY_V6;
+            outcomes.add(answers.outcomes(packets));
         }
     }
-    if (verdicts.size() > 1 && verdicts.count(std::nullopt) == 0) {
-        answer.verdict = FW::FW_POLICY_MIXED;
-    } else if (verdicts.size() == 1) {
-        answer.verdict = *verdicts.begin();
-    }
+    // What nothing decides is allowed.
+    const FW::FW_POLICY verdict = outcomes.verdict();
+    answer.verdict = verdict == FW::FW_POLICY_NONE ? FW::FW_POLICY_ALLOW : verdict;
     return answer;
 }
 
@@ -295,12 +302,12 @@ AdapterNow adapterNow(const std::string& adapter, const FW::FWPROFILE& profile) 
 
 // ---- The answer ----
 
-Json::Value documentOf(const StoreSnapshot& store, const PortQuery& options,
+Json::Value documentOf(const std::string& profile, const PortQuery& options,
                        const std::vector<FW::PortCompareST>& questions, bool enabled,
                        bool allowed) {
     Json::Value document;
     document["enabled"] = enabled;
-    document["profile"] = store.activeProfile();
+    document["profile"] = profile;
     if (!options.service.empty()) {
         document["service"] = options.service;
     }
@@ -312,10 +319,11 @@ Json::Value documentOf(const StoreSnapshot& store, const PortQuery& options,
     return document;
 }
 
-void printHeading(const StoreSnapshot& store, const PortQuery& options,
-                  const std::vector<FW::PortCompareST>& questions) {
-    std::cout << "Profile " << inQuotes(store.activeProfile()) << ", "
-              << printable(subjectText(options, questions)) << '\n';
+void printHeading(const std::string& profile, const PortQuery& options,
+                  const std::vector<FW::PortCompareST>& questions, const std::string& more) {
+    std::string subject = subjectText(options, questions);
+    subject += (subject.empty() || more.empty() ? "" : ", ") + more;
+    std::cout << "Profile " << inQuotes(profile) << ", " << printable(subject) << '\n';
 }
 
 bool answeredDisabled(const StoreSnapshot& store, const PortQuery& options,
@@ -328,7 +336,7 @@ bool answeredDisabled(const StoreSnapshot& store, const PortQuery& options,
     }
     const KernelAnswer kernel(store, options, questions);
     if (options.json) {
-        Json::Value document = documentOf(store, options, questions, false, true);
+        Json::Value document = documentOf(store.activeProfile(), options, questions, false, true);
         kernel.addTo(document);
         printJson(document);
     } else {
@@ -339,9 +347,15 @@ bool answeredDisabled(const StoreSnapshot& store, const PortQuery& options,
     return true;
 }
 
-KernelAnswer::Verdict verdictOf(FW::FW_POLICY verdict, const TunnelAnswer& tunnel) {
+KernelAnswer::Verdict verdictOf(FW::FW_POLICY verdict) {
     const bool denies = verdict == FW::FW_POLICY_DENY;
-    return {denies || verdict == FW::FW_POLICY_MIXED || tunnel.blocks(), !denies};
+    return {denies || verdict == FW::FW_POLICY_MIXED, !denies};
+}
+
+void warnNotCounted(const Meaning& meaning) {
+    for (const std::string& text : notCounted(meaning)) {
+        warn(text);
+    }
 }
 
 std::string joined(const std::string& one, const std::string& other) {

@@ -14,8 +14,8 @@
 #include "cli/command.h"
 #include "commands/kernelReport.h"
 #include "tarnfwadmin/addressRange.h"
-#include "tarnfwadmin/decision.h"
 #include "tarnfwadmin/machine.h"
+#include "tarnfwadmin/meaning.h"
 #include "tarnfwadmin/store.h"
 #include "tarnfwadmin/verdicts.h"
 
@@ -32,6 +32,9 @@ struct PortQuery {
 
 /// What the help of both says of exit statuses and verdicts.
 extern const char* const kPortQueryFooter;
+
+/// The title of the options of which one says what is asked about.
+inline constexpr char kQuerySubject[] = "What to ask about";
 
 /// Adds the options but `from` and `to`.
 void addQueryOptions(Command& command, PortQuery& query);
@@ -58,7 +61,7 @@ public:
 
     /// What rules of others do to them. What accepts matters where the firewall's block, and what
     /// drops where these allow. Once for each adapter.
-    BeforeFirewall ask(Decider& decider, const std::string& adapter, Verdict verdict);
+    BeforeFirewall ask(const Meaning& meaning, const std::string& adapter, Verdict verdict);
 
     /// Whether the kernel does what the answer says, as far as can be seen.
     bool holds() const { return complaints_.empty() && !accepted_ && !hasOtherPorts(all_); }
@@ -87,18 +90,17 @@ private:
     bool dropped_ = false;
 };
 
-/// The answer for IPv6 through an interface that is the 6in4 tunnel of other adapters: the verdict
-/// on it does not know that the rules of those are repeated for it.
+/// The answer for IPv6 through an interface that is the 6in4 tunnel of other adapters, whose rules
+/// are repeated for it.
 struct TunnelAnswer {
-    std::vector<std::string> owners;       ///< none: it is no such interface
-    std::optional<FW::FW_POLICY> verdict;  ///< none: it depends on the packets
+    std::vector<std::string> owners;  ///< none: it is no such interface
+    FW::FW_POLICY verdict = FW::FW_POLICY_NONE;
 
-    bool blocks() const { return !owners.empty() && verdict != FW::FW_POLICY_ALLOW; }
     std::string text() const;  ///< empty without owners
     void addTo(Json::Value& entry) const;
 };
 
-TunnelAnswer tunnelAnswer(Decider& decider, const std::vector<FW::PortCompareST>& questions,
+TunnelAnswer tunnelAnswer(const Meaning& meaning, const std::vector<FW::PortCompareST>& questions,
                           const std::string& adapter);
 
 /// Whether the machine has an adapter now, and whether the profile has anything for it, if only as
@@ -114,19 +116,22 @@ struct AdapterNow {
 AdapterNow adapterNow(const std::string& adapter, const FW::FWPROFILE& profile);
 
 /// The common members of the JSON documents; "adapters" is an empty array.
-Json::Value documentOf(const StoreSnapshot& store, const PortQuery& query,
+Json::Value documentOf(const std::string& profile, const PortQuery& query,
                        const std::vector<FW::PortCompareST>& questions, bool enabled, bool allowed);
 
-/// "Profile "home", service ssh (tcp 22)".
-void printHeading(const StoreSnapshot& store, const PortQuery& query,
-                  const std::vector<FW::PortCompareST>& questions);
+/// "Profile "home", service ssh (tcp 22)", with more about the packets at its end.
+void printHeading(const std::string& profile, const PortQuery& query,
+                  const std::vector<FW::PortCompareST>& questions, const std::string& more = "");
 
 /// If the firewall is disabled, prints the answer for that. Returns whether it did.
 bool answeredDisabled(const StoreSnapshot& store, const PortQuery& query,
                       const std::vector<FW::PortCompareST>& questions);
 
-/// What the verdict on an adapter says, and that on the tunnel that it may be.
-KernelAnswer::Verdict verdictOf(FW::FW_POLICY verdict, const TunnelAnswer& tunnel);
+/// What the verdict on an adapter says.
+KernelAnswer::Verdict verdictOf(FW::FW_POLICY verdict);
+
+/// Warns about rules that the answer does not count, see notCounted().
+void warnNotCounted(const Meaning& meaning);
 
 /// Two remarks as one; either may be empty.
 std::string joined(const std::string& one, const std::string& other);

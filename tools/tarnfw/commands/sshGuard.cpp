@@ -1,20 +1,23 @@
 #include "commands/sshGuard.h"
 
+#include <netinet/in.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <utility>
 
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/lexical_cast/try_lexical_convert.hpp>
 
 #include "cli/command.h"
 #include "cli/output.h"
-#include "tarnfwadmin/decision.h"
 #include "tarnfwadmin/firstProfile.h"
+#include "tarnfwadmin/packetAnswers.h"
 #include "tarnfwadmin/portEntry.h"
 
 namespace tarnfw {
@@ -154,17 +157,20 @@ std::vector<std::string> routesBack(const SshConnection& connection) {
     return names;
 }
 
-std::string sshDropWarning(const FW::FWPROFILE& profile, const SshConnection& connection,
-                           const std::vector<std::string>& adapters, Machine& machine,
-                           ApplyMode mode) {
-    Packet packet;
-    packet.adapters = adapters;
-    packet.source = connection.client;
-    packet.destination = connection.server;
-    packet.ports = {connection.serverPort, connection.serverPort};
+std::string sshDropWarning(const Meaning& meaning, const SshConnection& connection,
+                           const std::string& interface) {
+    PortPackets packets;
+    FW::FWPACKET& packet = packets.packet;
+    packet.chain = FW::FW_CHAIN_INPUT;
+    packet.family = familyOf(connection.client);
+    packet.in = interface;
+    packet.protocol = IPPROTO_TCP;
+    packet.source = addressNumber(connection.client);
+    packet.destination = addressNumber(connection.server);
+    packet.destinationPort = static_cast<std::uint16_t>(connection.serverPort);
+    packet.state = FW::FW_STATE_NEW;
     // Any client port: the next connection has another one.
-    Decider decider(profile, machine, mode);
-    const Decision decision = decider.decide(packet).front();
+    const PortDecision decision = decisionsFor(meaning, packets).front();
     if (!decision.denied) {
         return {};
     }
@@ -173,11 +179,11 @@ std::string sshDropWarning(const FW::FWPROFILE& profile, const SshConnection& co
         .append(" to port ")
         .append(std::to_string(connection.serverPort))
         .append(" on ")
-        .append(adapters.front())
+        .append(interface)
         .append(", and profile \"")
-        .append(profile.name)
+        .append(meaning.profile().name)
         .append("\" denies that (")
-        .append(decider.reason(decision))
+        .append(reasonText(meaning, decision.by))
         .append("); this connection stays, but you could not connect again");
     return printable(text);
 }
@@ -187,10 +193,16 @@ std::string sshWarning(const FW::FWPROFILE& profile, Machine& machine, ApplyMode
     if (!connection) {
         return {};
     }
-    for (const std::string& interface :
-         entrancesOf(*connection, interfacesNow(), routesBack(*connection))) {
-        const std::string warning =
-            sshDropWarning(profile, *connection, adapterNamesOf(interface), machine, mode);
+    const std::vector<std::string> entrances =
+        entrancesOf(*connection, interfacesNow(), routesBack(*connection));
+    if (entrances.empty()) {
+        return {};
+    }
+    FW::FWENVIRONMENT environment = environmentOf({profile}, machine);
+    environment.batch = mode == ApplyMode::kBatch;
+    const Meaning meaning(profile, std::move(environment));
+    for (const std::string& interface : entrances) {
+        const std::string warning = sshDropWarning(meaning, *connection, interface);
         if (!warning.empty()) {
             return warning;
         }

@@ -13,6 +13,7 @@
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/machine.h"
+#include "tarnfwadmin/meaning.h"
 #include "tarnfwadmin/store.h"
 
 namespace tarnfw {
@@ -48,13 +49,13 @@ std::vector<std::string> entrancesOf(const SshConnection& connection,
 /// The interfaces of the kernel's routes back to the client, with and without the server's address.
 std::vector<std::string> routesBack(const SshConnection& connection);
 
-/// A warning that `profile` would drop a new connection like this one, and why; empty if it allows
-/// it, applied in `mode`. `adapters` are the names that profiles may have for the interface.
-std::string sshDropWarning(const FW::FWPROFILE& profile, const SshConnection& connection,
-                           const std::vector<std::string>& adapters, Machine& machine,
-                           ApplyMode mode);
+/// A warning that a profile would drop a new connection like this one that comes in through an
+/// interface, and why; empty if it allows it.
+std::string sshDropWarning(const Meaning& meaning, const SshConnection& connection,
+                           const std::string& interface);
 
-/// The same for the connection that this process runs under. Empty without one.
+/// The same for the connection that this process runs under, through each of its entrances, if
+/// `profile` is applied in `mode`. Empty without a connection. Throws Error as environmentOf().
 std::string sshWarning(const FW::FWPROFILE& profile, Machine& machine, ApplyMode mode);
 
 /// Before a profile is applied: after a warning, asks `question` on the terminal, unless
