@@ -1,86 +1,41 @@
 #include "tarnfwadmin/unlisted.h"
 
 #include <algorithm>
-#include <optional>
+#include <cstdint>
 #include <set>
 
 #include "machine/ruleMatch.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/machine.h"
+#include "tarnfwadmin/meaning.h"
+#include "tarnfwadmin/packetAnswers.h"
 #include "tarnfwadmin/store.h"
 
 namespace tarnfw {
 namespace {
 
-constexpr char kInputChain[] = "INPUT_FIREWALL";
-constexpr char kFilterTable[] = "filter";
-
-// ---- What "global" leaves open ----
-
-/// Those of `ranges` that are not in `taken`, which is of the same family.
-std::vector<AddressRange> without(const std::vector<AddressRange>& ranges,
-                                  const AddressRange& taken) {
-    std::vector<AddressRange> left;
-    for (const AddressRange& range : ranges) {
-        if (range.last < taken.first || taken.last < range.first) {
-            left.push_back(range);
-            continue;
-        }
-        if (range.first < taken.first) {
-            left.push_back({range.first, *addressBefore(taken.first)});
-        }
-        if (taken.last < range.last) {
-            left.push_back({*addressAfter(taken.last), range.last});
-        }
-    }
-    return left;
+/// Whether new packets of a family to this machine can pass "global" with no rule that decides on
+/// them, or all of them do, since it allows them.
+bool isLeftOpen(const PacketAnswers& global, FW::FW_FAMILY family) {
+    FW::FWPACKETSET packets = newConnections("");
+    packets.in = nullptr;
+    packets.families = static_cast<std::uint8_t>(1U << family);
+    const PacketOutcomes outcomes = global.outcomes(packets);
+    return outcomes.undecided || !outcomes.denied;
 }
 
-bool matchesEveryProtocol(const FW::FWRULE& rule, Machine& machine) {
-    const auto matches = portMatchesOf(rule, machine);
-    return matches && std::any_of(matches->begin(), matches->end(),
-                                  [](const PortMatch& match) { return match.protocol.empty(); });
-}
-
-/// The senders of a family that a rule decides on, whatever the protocol. Without those of a
-/// country, of a mask with gaps, and without a rule that depends on the machine's own address.
-std::vector<AddressRange> sendersOf(const FW::FWRULE& rule, bool ipv6, Machine& machine) {
-    if (!hasLine(rule) || rule.table != kFilterTable || rule.chainList.count(kInputChain) == 0 ||
-        !matchesEveryProtocol(rule, machine)) {
-        return {};
-    }
-    const std::optional<AddressMatch> match = addressMatchOf(rule, ipv6, machine);
-    if (!match) {
-        return {};
-    }
-    return match->any()    ? std::vector<AddressRange>{wholeFamily(ipv6)}
-           : match->source ? match->ranges
-                           : std::vector<AddressRange>();
-}
-
-/// Whether packets of a family to this machine can pass "global" with no rule that decides on
-/// them, or all of them do, since it allows them. The first rule for a sender counts.
-bool isLeftOpen(const FW::FWPROFILE& profile, bool ipv6, Machine& machine) {
-    std::vector<AddressRange> left = {wholeFamily(ipv6)};
-    bool denies = false;
-    const auto global = profile.rules.find(FW::FW_ADAPTER_GLOBAL);
-    for (const FW::FWRULE& rule :
-         global == profile.rules.end() ? std::vector<FW::FWRULE>() : global->second) {
-        for (const AddressRange& senders : sendersOf(rule, ipv6, machine)) {
-            const auto isIn = [&](const AddressRange& range) {
-                return range.first <= senders.last && senders.first <= range.last;
-            };
-            denies = denies || (rule.policy == FW::FW_POLICY_DENY &&
-                                std::any_of(left.begin(), left.end(), isIn));
-            left = without(left, senders);
-        }
-    }
+/// What "global" does, apart from all other adapters.
+PacketAnswers answersOfGlobal(const FW::FWPROFILE& profile, Machine& machine) {
+    FW::FWPROFILE alone;
+    const auto rules = profile.rules.find(FW::FW_ADAPTER_GLOBAL);
     const auto policy = profile.adapterPolicyMap.find(FW::FW_ADAPTER_GLOBAL);
-    if (policy != profile.adapterPolicyMap.end() && policy->second == FW::FW_POLICY_DENY &&
-        !left.empty()) {
-        return false;
+    if (rules != profile.rules.end()) {
+        alone.rules.insert(*rules);
     }
-    return !left.empty() || !denies;
+    if (policy != profile.adapterPolicyMap.end()) {
+        alone.adapterPolicyMap.insert(*policy);
+    }
+    return PacketAnswers(Meaning(alone, machine), FW::FW_ADAPTER_GLOBAL);
 }
 
 bool hasLines(const FW::FWPROFILE& profile, const std::string& adapter) {
@@ -108,11 +63,18 @@ std::vector<UnlistedAdapter> unlistedAdapters(const FW::FWPROFILE& profile, Mach
             others.insert(interface);
         }
     }
-    const bool open = isLeftOpen(profile, false, machine) || isLeftOpen(profile, true, machine);
     std::vector<UnlistedAdapter> unlisted;
     for (const std::string& adapter : machineAdapters()) {
         if (others.count(adapter) == 0) {
-            unlisted.push_back({adapter, open});
+            unlisted.push_back({adapter, false});
+        }
+    }
+    if (!unlisted.empty()) {
+        const PacketAnswers global = answersOfGlobal(profile, machine);
+        const bool open =
+            isLeftOpen(global, FW::FW_FAMILY_V4) || isLeftOpen(global, FW::FW_FAMILY_V6);
+        for (UnlistedAdapter& adapter : unlisted) {
+            adapter.open = open;
         }
     }
     return unlisted;

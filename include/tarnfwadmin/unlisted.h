@@ -15,9 +15,8 @@ class Machine;
 struct UnlistedAdapter {
     std::string name;
 
-    /// Of one family or of both, "global" lets packets through that it does not decide on, or
-    /// denies none. Rules for some protocols or ports only do not count, and neither do a country,
-    /// a mask with gaps, and the machine's own address.
+    /// New packets of one family or of both: "global" lets some through that it does not decide on,
+    /// or denies none.
     bool open = false;
 };
 
