@@ -151,40 +151,4 @@ AddressRange wholeFamily(bool ipv6) {
     return networkOf(Address(ipv6, {}), 0);
 }
 
-std::optional<Address> addressAfter(const Address& address) {
-    Address::Bytes bytes = address.bytes();
-    for (std::size_t i = address.isIpv6() ? bytes.size() : kIpv4Bytes; i > 0; --i) {
-        if (++bytes[i - 1] != 0) {
-            return Address(address.isIpv6(), bytes);
-        }
-    }
-    return std::nullopt;
-}
-
-std::optional<Address> addressBefore(const Address& address) {
-    Address::Bytes bytes = address.bytes();
-    for (std::size_t i = address.isIpv6() ? bytes.size() : kIpv4Bytes; i > 0; --i) {
-        if (bytes[i - 1]-- != 0) {
-            return Address(address.isIpv6(), bytes);
-        }
-    }
-    return std::nullopt;
-}
-
-std::vector<AddressRange> gapsOf(const std::vector<AddressRange>& ranges, bool ipv6) {
-    const AddressRange whole = wholeFamily(ipv6);
-    std::vector<AddressRange> gaps;
-    std::optional<Address> next = whole.first;
-    for (const AddressRange& range : ranges) {
-        if (next && *next < range.first) {
-            gaps.push_back({*next, *addressBefore(range.first)});
-        }
-        next = addressAfter(range.last);
-    }
-    if (next) {
-        gaps.push_back({*next, whole.last});
-    }
-    return gaps;
-}
-
 }  // namespace tarnfw

@@ -142,14 +142,6 @@ bool Machine::hasCountry(const std::string& code, bool ipv6) {
     return countries_[key] = hasCountryData(code, ipv6);
 }
 
-const std::vector<AddressRange>& Machine::countryRanges(const std::string& code, bool ipv6) {
-    const auto [entry, isNew] = ranges_.try_emplace({code, ipv6});
-    if (isNew) {
-        entry->second = readCountryRanges(code, ipv6);
-    }
-    return entry->second;
-}
-
 Json::Value Machine::portMatches(const FW::FWRULE& rule) {
     Json::Value arg;
     (void)translation_.iptablesRulesInit(arg);

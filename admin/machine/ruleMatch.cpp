@@ -156,16 +156,6 @@ void append(const std::string& fragment, std::vector<PortMatch>& matches) {
 
 }  // namespace
 
-bool AddressMatch::contains(const Address& address, Machine& machine) const {
-    const auto has = [&](const auto& one) { return one.contains(address); };
-    return any() || std::any_of(ranges.begin(), ranges.end(), has) ||
-           std::any_of(masked.begin(), masked.end(), has) ||
-           std::any_of(countries.begin(), countries.end(), [&](const std::string& code) {
-               const std::vector<AddressRange>& all = machine.countryRanges(code, address.isIpv6());
-               return std::any_of(all.begin(), all.end(), has);
-           });
-}
-
 bool AddressMatch::contains(const AddressMatch& other) const {
     if (any()) {
         return true;

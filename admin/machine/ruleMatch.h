@@ -1,5 +1,4 @@
-/// What the lines of a rule match on this machine. The one account of it, for the decision about a
-/// packet and for the search for shadowed rules.
+/// What the lines of a rule match on this machine, for the search for shadowed rules.
 #pragma once
 
 #include <array>
@@ -26,9 +25,6 @@ struct AddressMatch {
     std::set<std::string> countries;    ///< codes, those that have data
 
     bool any() const { return ranges.empty() && masked.empty() && countries.empty(); }
-
-    /// Reads the country database.
-    bool contains(const Address& address, Machine& machine) const;
 
     /// Whether it surely contains all of `other`; countries are compared by their codes.
     bool contains(const AddressMatch& other) const;

@@ -80,13 +80,4 @@ bool isEveryIpv4Address(const std::string& text);
 /// Every address of a family.
 AddressRange wholeFamily(bool ipv6);
 
-/// The next address of the family; nothing after its last one.
-std::optional<Address> addressAfter(const Address& address);
-
-/// The address before this one; nothing before the first of the family.
-std::optional<Address> addressBefore(const Address& address);
-
-/// The addresses of a family that are in none of these ranges of it, which ascend without touching.
-std::vector<AddressRange> gapsOf(const std::vector<AddressRange>& ranges, bool ipv6);
-
 }  // namespace tarnfw

@@ -60,9 +60,6 @@ public:
     /// Whether there are data of a country for a family.
     bool hasCountry(const std::string& code, bool ipv6);
 
-    /// What readCountryRanges() returns.
-    const std::vector<AddressRange>& countryRanges(const std::string& code, bool ipv6);
-
     /// The port matches that the translation makes of a rule: "-p tcp --dport 22", or an empty
     /// text for any port. Null when the rule cannot be translated.
     Json::Value portMatches(const FW::FWRULE& rule);
@@ -72,7 +69,6 @@ private:
     std::map<std::string, bool> adapters_;
     std::map<std::string, std::string> tunnels_;
     std::map<std::pair<std::string, bool>, bool> countries_;
-    std::map<std::pair<std::string, bool>, std::vector<AddressRange>> ranges_;
     std::optional<Catalogue> catalogue_;  // of the translation, which reads it as well
     std::optional<std::vector<std::string>> serviceNames_;
     std::optional<std::vector<std::string>> adapterNames_;

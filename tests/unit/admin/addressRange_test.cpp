@@ -93,25 +93,6 @@ TEST(RangeFromTest, NeedsOneFamilyAndAscendingEnds) {
     EXPECT_EQ(textOf(rangeFrom("10.0.0.5", "")), "none");
 }
 
-TEST(GapsOfTest, AreWhatIsInNoRange) {
-    const auto gaps = [](const std::vector<AddressRange>& ranges, bool ipv6) {
-        std::string text;
-        for (const AddressRange& gap : gapsOf(ranges, ipv6)) {
-            text.append(text.empty() ? "" : " ").append(spelled(gap));
-        }
-        return text;
-    };
-    EXPECT_EQ(gaps({}, false), "0.0.0.0/0");
-    EXPECT_EQ(gaps({wholeFamily(true)}, true), "");
-    EXPECT_EQ(gaps({*networkFrom("10.0.0.0", "8"), *networkFrom("12.0.0.0", "8")}, false),
-              "0.0.0.0-9.255.255.255 11.0.0.0/8 13.0.0.0-255.255.255.255");
-    EXPECT_EQ(
-        gaps({*rangeFrom("0.0.0.0", "192.168.1.76"), *rangeFrom("192.168.1.78", "255.255.255.255")},
-             false),
-        "192.168.1.77");
-    EXPECT_EQ(gaps({*networkFrom("8000::", "1")}, true), "::/1");
-}
-
 TEST(AddressRangeTest, ContainsItsEndsAndNothingOfTheOtherFamily) {
     const AddressRange range = *rangeFrom("10.0.0.5", "10.0.0.9");
     EXPECT_TRUE(range.contains(*addressFrom("10.0.0.5")));
