@@ -283,6 +283,9 @@ class Attack:
             if operation.command == "export" and content(operations.EXPORTED) != content_in(
                     new, operations.EXPORTED):
                 self.found(operation, point, "exit 0, but the exported document is another")
+            if operation.command == "report" and not (content(operations.REPORT) or b"").endswith(
+                    b"</html>\n"):
+                self.found(operation, point, "exit 0, but the page is not whole")
             return
         if status == 0:
             self.found(operation, point, "exit 0 instead of %d" % operation.status)

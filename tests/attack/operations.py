@@ -18,6 +18,7 @@ READING = (
 
 OTHER = "/usr/tarn/etc/other.json"
 EXPORTED = "/usr/tarn/etc/exported.json"
+REPORT = "/usr/tarn/etc/report.html"
 NEW_PROFILE = "/usr/tarn/etc/new_profile.json"
 CATALOGUE = "/usr/tarn/etc/services.d/own.json"
 
@@ -113,6 +114,8 @@ def _written(modes):
         Operation("undo", "undo", ["profile delete third"]),
         Operation("undo", "undo 2", ["profile rename home casa", "profile copy casa fresh"]),
         Operation("export", "export --force " + EXPORTED),
+        # Each page has its time, and so is another state to look at.
+        Operation("report", "report --html " + REPORT, weight=0.3),
         Operation("import", "import --yes " + OTHER),
         Operation("modules load", "modules load vpn", weight=0.5),
         Operation("modules unload", "modules unload vpn", ["modules load vpn"], weight=0.5),

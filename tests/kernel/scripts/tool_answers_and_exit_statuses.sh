@@ -11,10 +11,10 @@ commands=('base up' 'base down' 'base status' status enable disable reload previ
     'profile show' 'profile diff' 'profile create' 'profile copy' 'profile rename' 'profile delete' 'profile use'
     'profile edit' 'profile set' 'rule add' 'rule insert' 'rule set' 'rule move' 'rule delete' 'rule on' 'rule off'
     policy blocked explain adapters services 'service reserve' 'service release' 'service update'
-    'adapter rename' apply-mode check diff history undo export import 'geoip list' 'geoip show' 'geoip check'
+    'adapter rename' apply-mode check diff report history undo export import 'geoip list' 'geoip show' 'geoip check'
     'modules load' 'modules unload' 'modules status')
 # What they do not work without.
-declare -A arguments=(['profile diff']=default ['profile create']=new ['profile copy']='default new'
+declare -A arguments=([report]=--json ['profile diff']=default ['profile create']=new ['profile copy']='default new'
     ['profile rename']='default new' ['profile delete']=deny_by_default
     ['profile use']=deny_by_default ['profile set']='default --from deny_by_default' ['rule add']='--adapter global deny any'
     ['rule insert']='1 --adapter global deny any' ['rule set']='1 --adapter global deny any'
@@ -233,7 +233,7 @@ if "${ordinary[@]}" true 2>/dev/null; then
     for command in "${commands[@]}"; do
         case $command in
         # These answer him, see tool_without_root.sh.
-        status | adapters | services | preview | check | blocked | explain | apply-mode | listening | \
+        status | adapters | services | preview | check | report | blocked | explain | apply-mode | listening | \
             'profile list' | 'profile show' | 'profile diff' | geoip* | log-denied | history | export) continue ;;
         esac
         read -r -a words <<<"$command ${arguments[$command]-}"

@@ -1,7 +1,8 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
 # tarnfw preview in its formats: the same rules as lines, as JSON, and as texts which the restoring tools
 # take and which put into the kernel what a reload puts there. That a preview changes nothing is
-# preview_shows_what_a_reload_runs.
+# preview_shows_what_a_reload_runs. And tarnfw report, which shows what a profile means; how its page looks
+# and behaves is tested in a browser, by tests/docs/report_page_test.
 make_links <<<'veth eth0 192.168.1.10/24 2001:db8:1::10/64 lan 192.168.1.20/24 2001:db8:1::20/64'
 
 # shellcheck source=tests/kernel/answers.sh
@@ -88,3 +89,46 @@ answers 0 preview odd
 answers 1 preview --format restore odd
 complains '^tarnfw: the IPv4 rules cannot be written for iptables-restore$'
 step 'nothing on standard output' [ ! -s "$out/answer" ]
+
+# --- report: what it means, as a page and as a document --------------------------------------------
+
+answers 0 report --json
+silent
+step 'the tables' [ "$(jq --compact-output '[.profile, .active, .changes,
+    (.tables | map(.title + " " + .family) | unique)]' "$out/answer")" = \
+    '["deny_by_default",true,null,["eth0 v4","eth0 v6","eth1 v4","eth1 v6","every other interface v4","every other interface v6"]]' ]
+cp -- "$out/answer" "$out/document"
+keep_files before
+answers 0 report --html /tmp/report.html
+silent
+prints <<<'The report was written to /tmp/report.html'
+step 'for its owner alone' [ "$(stat --format %a /tmp/report.html)" = 600 ]
+step 'one page' grep --quiet '^<title>Firewall profile “deny_by_default”</title>$' /tmp/report.html
+answers 1 report --html /tmp/report.html
+complains '^tarnfw: /tmp/report.html already exists; --force replaces it$'
+chmod 640 /tmp/report.html
+answers 0 report --html /tmp/report.html --profile default --since deny_by_default --force
+step 'replaced alike' [ "$(stat --format %a /tmp/report.html)" = 640 ]
+step 'with the changes' grep --quiet '^<li class="[a-z]*">opens ' /tmp/report.html
+step 'and nothing beside it' [ "$(find /tmp -name '*report.html*' | wc -l)" = 1 ]
+answers 0 report --html -
+says '^<!DOCTYPE html>$'
+answers 1 report --html /nowhere/report.html
+step 'nothing on standard output' [ ! -s "$out/answer" ]
+
+# A file is a profile as well.
+answers 0 profile show deny_by_default --json
+cp -- "$out/answer" /tmp/shown.json
+answers 0 report --json --profile /tmp/shown.json --since deny_by_default
+step 'which means the same' [ "$(jq --compact-output '[.active, .enabled, .changes.same]' "$out/answer")" = \
+    '[null,null,true]' ]
+step 'and has the same tables' diff <(jq .tables "$out/document") <(jq .tables "$out/answer")
+answers 5 report --json --profile nowhere
+answers 5 report --html /tmp/other.html --since nowhere
+printf '{"name": "broken", "rules": []}\n' >/tmp/broken.json
+answers 3 report --html /tmp/other.html --profile /tmp/broken.json
+step 'no page' [ ! -e /tmp/other.html ]
+answers 2 report
+answers 2 report --html /tmp/other.html --json
+answers 2 report --json --force
+step 'nothing was stored' same_files before

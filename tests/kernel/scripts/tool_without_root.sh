@@ -28,7 +28,7 @@ keep_files ordinary
 
 # --- what needs nothing but the files --------------------------------------------------------------
 
-for words in 'profile list' 'profile show' 'profile show home --json' 'profile diff home' check 'check home' preview \
+for words in 'profile list' 'profile show' 'profile show home --json' 'profile diff home' check 'check home' preview 'report --json' \
     adapters services 'services ssh --json' 'help rules' apply-mode export; do
     read -r -a command <<<"$words"
     answers 0 "${command[@]}"

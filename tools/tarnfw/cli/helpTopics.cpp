@@ -322,6 +322,7 @@ DROP, and FIREWALL_RELOADING accepts established connections.
   tarnfw preview                the lines of the active profile
   tarnfw preview --format restore
   tarnfw diff                   compare the kernel with the profile
+  tarnfw report --html FILE     a page with all that may be reached
 )";
 
 }  // namespace

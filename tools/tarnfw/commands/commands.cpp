@@ -263,6 +263,7 @@ void addCommands(Command& app) {
     addPreviewCommand(app);
     addCheckCommand(app);
     addDiffCommand(app);
+    addReportCommand(app);
     addHistoryCommands(app);
     addExportCommand(app);
     addImportCommand(app);

@@ -23,6 +23,7 @@ void addExplainCommand(Command& app);     ///< explain
 void addPreviewCommand(Command& app);     ///< preview
 void addCheckCommand(Command& app);       ///< check
 void addDiffCommand(Command& app);        ///< diff
+void addReportCommand(Command& app);      ///< report
 void addHistoryCommands(Command& app);    ///< history, undo
 void addExportCommand(Command& app);      ///< export
 void addImportCommand(Command& app);      ///< import

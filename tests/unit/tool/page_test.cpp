@@ -1,0 +1,115 @@
+// The report's page: names that would be markup, its policy, its parts.
+#include "report/page.h"
+
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "report/facts.h"
+#include "report/pageParts.h"
+#include "tarnfwadmin/ruleSyntax.h"
+
+namespace tarnfw {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr char kHostile[] =
+    R"(</script><script>alert(1)</script>"'><img src=x onerror=a>{{rules}})";
+
+std::size_t countOf(const std::string& text, const std::string& part) {
+    std::size_t count = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+/// Of a profile that has the text wherever a profile can have any.
+std::string pageWith(const std::string& text) {
+    FW::FWPROFILE profile;
+    profile.name = text;
+    FW::FWRULE rule = ruleFrom({"allow tcp 8080"}, {}, {});
+    rule.name = text;
+    rule.labelList = {text};
+    profile.rules["eth0"] = {rule};
+    profile.rules[text] = {rule, rule};
+    profile.adapterPolicyMap[text] = FW::FW_POLICY_DENY;
+    rule.portList = {text};
+    profile.rules["eth1"] = {rule};
+    rule.portList = {"1"};
+    rule.ipGroup = FW::FW_IP_GROUP_SINGLE;
+    rule.ipList = {text};
+    profile.rules["eth1"].push_back(rule);
+    FW::FWENVIRONMENT environment;
+    environment.adapters = FW::fwAdaptersByName(profile, "");
+    const Meaning meaning(profile, environment);
+    Json::Value facts = reportFacts(meaning);
+    facts["changes"] = changeFacts(text, meaning, meaning);
+    facts["changes"]["texts"].append(text);
+    facts["changes"]["same"] = false;
+    facts["findings"].append(text);
+    facts["machine"] = text;
+    facts["active"] = true;
+    facts["enabled"] = true;
+    facts["time"] = text;
+    return reportPage(facts);
+}
+
+TEST(PageTest, TextsOfTheProfileAreNoMarkup) {
+    const std::string page = pageWith(kHostile);
+    EXPECT_EQ(countOf(page, "<script"), 1U);
+    EXPECT_EQ(countOf(page, "</script"), 1U);
+    EXPECT_EQ(countOf(page, "<img"), 0U);
+    EXPECT_THAT(page, Not(HasSubstr("\"'>")));
+    EXPECT_THAT(page,
+                HasSubstr("&lt;/script&gt;&lt;script&gt;alert(1)&lt;/script&gt;&quot;&#39;&gt;"
+                          "&lt;img src=x onerror=a&gt;{{rules}}"));
+    // Each part of the page is there once.
+    EXPECT_EQ(countOf(page, "id=\"rules\""), 1U);
+}
+
+TEST(PageTest, WhatATerminalWouldObeyIsReplaced) {
+    const std::string page = pageWith("a\x1b[2J\x01\xffz");
+    EXPECT_EQ(page.find('\x1b'), std::string::npos);
+    EXPECT_EQ(page.find('\x01'), std::string::npos);
+    EXPECT_EQ(page.find('\xff'), std::string::npos);
+}
+
+TEST(PageTest, NothingComesFromElsewhere) {
+    const std::string page = pageWith("home");
+    for (const char* const text :
+         {"http:", "https:", "//cdn", "src=", "@import", "url(", "<link"}) {
+        EXPECT_EQ(page.find(text), std::string::npos) << text;
+    }
+    EXPECT_THAT(page, HasSubstr("default-src 'none'; style-src 'sha256-"));
+    EXPECT_EQ(page.find("unsafe"), std::string::npos);
+    EXPECT_EQ(page.find(" style="), std::string::npos);
+    EXPECT_EQ(page.find(" onclick="), std::string::npos);
+}
+
+TEST(PageTest, ThePartsDoNotEndTheirElements) {
+    EXPECT_EQ(std::string(kPageStyle).find("</"), std::string::npos);
+    EXPECT_EQ(std::string(kPageScript).find("</"), std::string::npos);
+    EXPECT_EQ(std::string(kPageScript).find("<!--"), std::string::npos);
+}
+
+TEST(PageTest, RulesWithoutEffectNameThoseThatCoverThem) {
+    FW::FWPROFILE profile;
+    profile.name = "home";
+    profile.rules["eth0"] = {ruleFrom({"allow tcp 80-90"}, {}, {}),
+                             ruleFrom({"deny tcp 85"}, {}, {})};
+    FW::FWENVIRONMENT environment;
+    environment.adapters = FW::fwAdaptersByName(profile, "");
+    const std::string page = reportPage(reportFacts(Meaning(profile, environment)));
+    EXPECT_THAT(page, HasSubstr("never takes effect: shadowed by <a href=\"#rule-0-1\">rule 1 of "
+                                "eth0</a>"));
+    EXPECT_EQ(countOf(page, "id=\"rule-0-1\""), 1U);
+    EXPECT_THAT(page, HasSubstr("2, 1 of them without effect"));
+    EXPECT_EQ(page.find("id=\"changes\""), std::string::npos);
+}
+
+}  // namespace
+}  // namespace tarnfw

@@ -1,0 +1,147 @@
+/// tarnfw report: what a profile means, as one page or one document.
+#include <unistd.h>
+
+#include <array>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include <json/json.h>
+
+#include "tarncore.h"
+
+#include "cli/command.h"
+#include "cli/commandLine.h"
+#include "cli/output.h"
+#include "commands/applying.h"
+#include "commands/commands.h"
+#include "report/facts.h"
+#include "report/page.h"
+#include "tarnfwadmin/documentFile.h"
+#include "tarnfwadmin/meaning.h"
+#include "tarnfwadmin/profileDocument.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr mode_t kFileMode = 0600;  // as that of the profiles
+
+struct Options {
+    std::string html;
+    std::string profile;
+    std::string since;
+    bool force = false;
+    bool json = false;
+};
+
+/// A profile that the report is about.
+struct Subject {
+    std::string name;       ///< of a file its path
+    bool isStored = false;  ///< else it is a file
+    FW::FWPROFILE profile;
+};
+
+/// `what` is a file or a stored profile; empty for the active one.
+Subject subjectOf(const std::string& what, Context& context) {
+    const StoreSnapshot& store = context.store();
+    if (what == kStandardInput || (!what.empty() && !store.hasProfile(what) && namesAFile(what))) {
+        const std::string title =
+            what == kStandardInput ? std::string("standard input") : printable(what);
+        ProfileDocument document(readText(what));
+        if (!document.check(context.machine())) {
+            warn(title, document.findings());
+            throw Error(ErrorKind::kInvalid, title + " is invalid: there is no report of it",
+                        placeOfFirstError(title, document.findings()));
+        }
+        return {title, false, document.profile()};
+    }
+    const std::string name = what.empty() ? store.activeProfile() : what;
+    store.requireProfile(name);
+    return {name, true, store.profile(name)};
+}
+
+std::string machineName() {
+    std::array<char, 256> name{};
+    return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
+}
+
+Json::Value factsFor(const Options& options) {
+    Context context(StoreSession::Access::kRead);
+    const Subject subject = subjectOf(options.profile, context);
+    std::vector<FW::FWPROFILE> profiles = {subject.profile};
+    std::string since;
+    if (!options.since.empty()) {
+        Subject other = subjectOf(options.since, context);
+        since = other.name;
+        profiles.push_back(std::move(other.profile));
+    }
+    const FW::FWENVIRONMENT environment = environmentOf(profiles, context.machine());
+    const Meaning meaning(subject.profile, environment);
+    Json::Value facts = reportFacts(meaning);
+    if (profiles.size() > 1) {
+        facts["changes"] = changeFacts(since, Meaning(profiles[1], environment), meaning);
+    }
+    const StoreSnapshot& store = context.store();
+    const bool isActive = subject.isStored && subject.name == store.activeProfile();
+    facts["active"] = subject.isStored ? Json::Value(isActive) : Json::Value();
+    facts["enabled"] = isActive ? Json::Value(store.firewallEnabled()) : Json::Value();
+    facts["machine"] = machineName();
+    facts["time"] = timeForPrograms(std::time(nullptr));
+    return facts;
+}
+
+void report(const Options& options) {
+    if (options.json) {
+        printJson(factsFor(options));
+        return;
+    }
+    const bool toFile = options.html != kStandardInput;
+    if (toFile && !options.force && TLIBCFileExist(options.html.c_str()) == 1) {
+        throw Error(ErrorKind::kUnusable,
+                    printable(options.html) + " already exists; --force replaces it");
+    }
+    const std::string page = reportPage(factsFor(options));
+    if (!toFile) {
+        std::cout << page;
+        return;
+    }
+    writeFileAtomically(options.html, page, kFileMode,
+                        options.force ? Existing::kReplacedAlike : Existing::kKept);
+    std::cout << "The report was written to " << printable(options.html) << '\n';
+}
+
+}  // namespace
+
+void addReportCommand(Command& app) {
+    Command& command = app.subcommand("report",
+                                      "Write a page that shows who may reach what, by which rules, "
+                                      "and which rules have no effect");
+    const auto options = std::make_shared<Options>();
+    constexpr char kForm[] = "Form (exactly one)";
+    Option& html =
+        command
+            .option("--html", options->html,
+                    "Write one HTML page to a file, for a browser; - for standard output. "
+                    "It needs nothing from elsewhere")
+            .placeholder("FILE")
+            .exactlyOneOf(kForm);
+    command.flag("--json", options->json, "Print the same as one JSON document")
+        .exactlyOneOf(kForm);
+    command
+        .option("--profile", options->profile,
+                "A profile: a stored one, or a file (a path, or a name ending in .json; - for "
+                "standard input); by default the active one")
+        .placeholder("FILE|PROFILE");
+    command
+        .option("--since", options->since,
+                "Another profile, named in the same way: also show what the first one opens and "
+                "closes compared with it")
+        .placeholder("FILE|PROFILE");
+    command.flag("--force", options->force, "Replace an existing file").needs(html);
+    command.footer("Example: tarnfw report --html report.html --since home --profile travel");
+    command.run([options] { report(*options); });
+}
+
+}  // namespace tarnfw

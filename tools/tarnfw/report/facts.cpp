@@ -1,0 +1,271 @@
+#include "report/facts.h"
+
+#include <cstdint>
+#include <map>
+#include <utility>
+#include <vector>
+
+#include "tarnfirewall/fwTypes.h"
+
+#include "report/matrix.h"
+#include "tarnfwadmin/addressRange.h"
+#include "tarnfwadmin/meaningChange.h"
+#include "tarnfwadmin/place.h"
+#include "tarnfwadmin/ruleText.h"
+
+namespace tarnfw {
+namespace {
+
+/// Of longer lists of addresses, such as those of countries, nobody reads all.
+constexpr std::size_t kMostAddresses = 1000;
+
+Json::Value list() {
+    return Json::Value(Json::arrayValue);
+}
+
+Json::Value listOf(const std::vector<std::string>& texts) {
+    Json::Value all = list();
+    for (const std::string& text : texts) {
+        all.append(text);
+    }
+    return all;
+}
+
+Json::Value placeFacts(const FW::FWPLACE& place) {
+    const auto rule = rulePlaceOf(place);
+    Json::Value document;
+    document["by"] = !rule ? "none" : rule->position > 0 ? "rule" : "defaultPolicy";
+    document["adapter"] = rule ? Json::Value(rule->adapter) : Json::Value();
+    document["position"] = rule && rule->position > 0
+                               ? Json::Value(static_cast<Json::UInt64>(rule->position))
+                               : Json::Value();
+    return document;
+}
+
+Json::Value placesFacts(const std::vector<FW::FWPLACE>& places) {
+    Json::Value all = list();
+    for (const FW::FWPLACE& place : places) {
+        all.append(placeFacts(place));
+    }
+    return all;
+}
+
+// ---- Tables -------------------------------------------------------------------------------------
+
+/// Null for any value.
+Json::Value numbersFacts(const FW::FWINTERVALS& intervals) {
+    if (intervals.empty()) {
+        return {};
+    }
+    Json::Value all = list();
+    for (const FW::FWINTERVAL& one : intervals) {
+        all.append(one.first == one.last
+                       ? std::to_string(one.first)
+                       : std::to_string(one.first) + "-" + std::to_string(one.last));
+    }
+    return all;
+}
+
+/// ICMP has the number that it has in the family.
+Json::Value kindFacts(PacketKind kind, FW::FW_FAMILY family) {
+    for (FW::FWINTERVAL& protocols : kind.protocols) {
+        if (protocols.first == kIcmpOfFamily) {
+            protocols.first = protocols.last = family == FW::FW_FAMILY_V6 ? 58 : 1;
+        }
+    }
+    Json::Value document;
+    document["protocols"] = numbersFacts(kind.protocols);
+    document["sourcePorts"] = numbersFacts(kind.sourcePorts);
+    document["destinationPorts"] = numbersFacts(kind.destinationPorts);
+    document["icmpTypes"] = numbersFacts(kind.icmpTypes);
+    return document;
+}
+
+const char* nameOf(CellVerdict verdict) {
+    switch (verdict) {
+        case CellVerdict::kAllow:
+            return "allow";
+        case CellVerdict::kDeny:
+            return "deny";
+        case CellVerdict::kNone:
+            return "none";
+        default:
+            return "depends";
+    }
+}
+
+Json::Value addressesFacts(const FW::FWADDRESSES& addresses, FW::FW_FAMILY family) {
+    if (addresses.size() > kMostAddresses) {
+        return {};
+    }
+    Json::Value all = list();
+    for (const FW::FWADDRESSINTERVAL& one : addresses) {
+        const std::string first = FW::fwAddressText(one.first, family);
+        const std::string last = FW::fwAddressText(one.last, family);
+        const auto range = rangeFrom(first, last);
+        all.append(range ? spelled(*range) : std::string(first).append("-").append(last));
+    }
+    return all;
+}
+
+/// "eth0", "pppoe and vpn", "every other interface".
+std::string titleOf(const Matrix& matrix) {
+    std::string text;
+    if (matrix.isOther) {
+        return "every other interface";
+    }
+    // A tunnel has rules of an adapter and no name there.
+    const std::vector<std::string>& names =
+        matrix.adapters.empty() ? matrix.interfaces : matrix.adapters;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        text += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + names[i];
+    }
+    return text;
+}
+
+Json::Value tableFacts(const Matrix& matrix) {
+    Json::Value document;
+    document["title"] = titleOf(matrix);
+    document["adapters"] = listOf(matrix.adapters);
+    document["family"] = matrix.family == FW::FW_FAMILY_V6 ? "v6" : "v4";
+    document["chains"] = list();
+    for (const FW::FW_CHAIN chain : {FW::FW_CHAIN_INPUT, FW::FW_CHAIN_FORWARD}) {
+        if ((matrix.chains & (1U << chain)) != 0) {
+            document["chains"].append(chain == FW::FW_CHAIN_INPUT ? "input" : "forward");
+        }
+    }
+    document["tooComplex"] = matrix.tooComplex;
+    document["otherSenders"] = static_cast<Json::UInt64>(matrix.otherSenders);
+    document["otherRows"] = static_cast<Json::UInt64>(matrix.otherRows);
+    document["senders"] = list();
+    for (const MatrixSenders& senders : matrix.senders) {
+        Json::Value column;
+        column["text"] = senders.text;
+        column["addresses"] = addressesFacts(senders.addresses, matrix.family);
+        document["senders"].append(std::move(column));
+    }
+    document["rows"] = list();
+    for (const MatrixRow& row : matrix.rows) {
+        Json::Value entry;
+        entry["text"] = row.text;
+        entry["ports"] = row.ports;
+        entry["kinds"] = list();
+        for (const PacketKind& kind : row.kinds) {
+            entry["kinds"].append(kindFacts(kind, matrix.family));
+        }
+        entry["cells"] = list();
+        for (const MatrixCell& cell : row.cells) {
+            Json::Value one;
+            one["verdict"] = nameOf(cell.verdict);
+            one["log"] = cell.log;
+            one["deciders"] = placesFacts(cell.deciders);
+            entry["cells"].append(std::move(one));
+        }
+        document["rows"].append(std::move(entry));
+    }
+    return document;
+}
+
+// ---- Rules --------------------------------------------------------------------------------------
+
+/// "global" comes first, as in the packet filter.
+std::vector<std::string> adaptersInOrder(const FW::FWPROFILE& profile) {
+    std::vector<std::string> names;
+    if (profile.rules.count(FW::FW_ADAPTER_GLOBAL) != 0) {
+        names.emplace_back(FW::FW_ADAPTER_GLOBAL);
+    }
+    for (const auto& [adapter, rules] : profile.rules) {
+        if (adapter != FW::FW_ADAPTER_GLOBAL) {
+            names.push_back(adapter);
+        }
+    }
+    return names;
+}
+
+Json::Value rulesFacts(const Meaning& meaning, const FW::FWSHADOWS& shadows) {
+    std::map<RulePlace, const FW::FWSHADOW*> shadowed;
+    for (const FW::FWSHADOW& shadow : shadows.shadows) {
+        if (const auto place = rulePlaceOf(shadow.place)) {
+            shadowed[*place] = &shadow;
+        }
+    }
+    std::map<RulePlace, std::vector<std::string>> findings;
+    for (const auto* const some : {&meaning.findings(), &shadows.findings}) {
+        for (const FW::FWFINDING& finding : *some) {
+            if (const auto place = rulePlaceOf(finding.place)) {
+                findings[*place].push_back(finding.text);
+            }
+        }
+    }
+    Json::Value all = list();
+    for (const std::string& adapter : adaptersInOrder(meaning.profile())) {
+        const std::vector<FW::FWRULE>& rules = meaning.profile().rules.at(adapter);
+        for (std::size_t i = 0; i < rules.size(); ++i) {
+            const RulePlace place{adapter, i + 1};
+            const auto shadow = shadowed.find(place);
+            const bool has = shadow != shadowed.end();
+            Json::Value entry;
+            entry["adapter"] = adapter;
+            entry["position"] = static_cast<Json::UInt64>(place.position);
+            entry["text"] = ruleText(rules[i]);
+            entry["enabled"] = rules[i].enable;
+            entry["effect"] = !rules[i].enable               ? "off"
+                              : !has                         ? "yes"
+                              : shadow->second->neverDecides ? "never"
+                                                             : "needless";
+            entry["because"] = has ? placesFacts(shadow->second->by) : list();
+            entry["findings"] = listOf(findings[place]);
+            all.append(std::move(entry));
+        }
+    }
+    return all;
+}
+
+Json::Value policiesFacts(const FW::FWPROFILE& profile) {
+    Json::Value all = list();
+    for (const auto& [adapter, policy] : profile.adapterPolicyMap) {
+        Json::Value entry;
+        entry["adapter"] = adapter;
+        entry["policy"] = policyText(policy);
+        all.append(std::move(entry));
+    }
+    return all;
+}
+
+}  // namespace
+
+Json::Value reportFacts(const Meaning& meaning) {
+    Json::Value document;
+    document["profile"] = meaning.profile().name;
+    document["tables"] = list();
+    for (const Matrix& matrix : matricesOf(meaning)) {
+        document["tables"].append(tableFacts(matrix));
+    }
+    const FW::FWSHADOWS shadows = meaning.answers().shadows();
+    document["rules"] = rulesFacts(meaning, shadows);
+    document["policies"] = policiesFacts(meaning.profile());
+    document["findings"] = list();
+    for (const auto* const some : {&meaning.findings(), &shadows.findings}) {
+        for (const FW::FWFINDING& finding : *some) {
+            const auto place = rulePlaceOf(finding.place);
+            if (!place || place->position == 0) {
+                document["findings"].append(place ? placeText(*place) + ": " + finding.text
+                                                  : finding.text);
+            }
+        }
+    }
+    document["changes"] = Json::Value();
+    return document;
+}
+
+Json::Value changeFacts(const std::string& name, const Meaning& before, const Meaning& after) {
+    const MeaningDifference difference(before, after);
+    Json::Value document;
+    document["since"] = name;
+    document["same"] = difference.same();
+    document["tooComplex"] = difference.tooComplex();
+    document["texts"] = listOf(difference.texts());
+    return document;
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,483 @@
+#include "report/page.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string_view>
+#include <utility>
+
+#include "report/pageParts.h"
+#include "tarnfwadmin/text.h"
+
+namespace tarnfw {
+namespace {
+
+// ---- Texts --------------------------------------------------------------------------------------
+
+/// For the content of an element and for a value in double quotes. What a terminal would obey is
+/// replaced, and so is text that is no UTF-8.
+std::string html(const std::string& text) {
+    std::string escaped;
+    for (const char c : printable(text)) {
+        switch (c) {
+            case '&':
+                escaped += "&amp;";
+                break;
+            case '<':
+                escaped += "&lt;";
+                break;
+            case '>':
+                escaped += "&gt;";
+                break;
+            case '"':
+                escaped += "&quot;";
+                break;
+            case '\'':
+                escaped += "&#39;";
+                break;
+            default:
+                escaped += c;
+        }
+    }
+    return escaped;
+}
+
+std::string html(const Json::Value& text) {
+    return html(text.asString());
+}
+
+/// For a search without regard to case; other letters than those of ASCII stay.
+std::string lower(std::string text) {
+    for (char& c : text) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
+    return text;
+}
+
+/// The template with the texts in their places, each read once: what is filled in is not searched.
+std::string filled(std::string_view page, const std::map<std::string, std::string>& texts) {
+    std::string all;
+    for (std::size_t at = page.find("{{"); at != std::string_view::npos; at = page.find("{{")) {
+        const std::size_t end = page.find("}}", at);
+        all += page.substr(0, at);
+        all += texts.at(std::string(page.substr(at + 2, end - at - 2)));
+        page.remove_prefix(end + 2);
+    }
+    return all.append(page);
+}
+
+/// "'sha256-...'", as a page's policy names a script or style that is in the page.
+std::string sourceOf(std::string_view hexadecimal) {
+    static constexpr char kDigits[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    const auto bits = [&](std::size_t i) {
+        const char c = hexadecimal[i];
+        return static_cast<std::uint32_t>(c <= '9' ? c - '0' : c - 'a' + 10);
+    };
+    std::string text = "'sha256-";
+    for (std::size_t i = 0; i < hexadecimal.size(); i += 6) {  // three bytes, four digits
+        std::uint32_t group = 0;
+        std::size_t given = 0;
+        for (std::size_t j = 0; j < 6; ++j) {
+            group <<= 4;
+            if (i + j < hexadecimal.size()) {
+                group |= bits(i + j);
+                ++given;
+            }
+        }
+        const std::size_t digits = (given * 4 + 5) / 6;
+        for (std::size_t j = 0; j < 4; ++j) {
+            text += j < digits ? kDigits[(group >> (18 - 6 * j)) & 63U] : '=';
+        }
+    }
+    return text + "'";
+}
+
+// ---- Rules --------------------------------------------------------------------------------------
+
+/// A rule as a part of the page: where it is, and what the page says of it.
+class RuleLinks {
+public:
+    explicit RuleLinks(const Json::Value& facts) {
+        for (const Json::Value& rule : facts["rules"]) {
+            const std::string adapter = rule["adapter"].asString();
+            (void)numbers_.emplace(adapter, numbers_.size());
+            texts_[{adapter, rule["position"].asUInt64()}] = rule["text"].asString();
+        }
+        for (const Json::Value& policy : facts["policies"]) {
+            (void)numbers_.emplace(policy["adapter"].asString(), numbers_.size());
+            texts_[{policy["adapter"].asString(), 0}] = policy["policy"].asString();
+        }
+    }
+
+    /// Of an adapter's name nothing is left in it: it may have any letters.
+    std::string idOf(const std::string& adapter, std::uint64_t position) const {
+        return "rule-" + std::to_string(numbers_.at(adapter)) + "-" + std::to_string(position);
+    }
+
+    /// "rule 3 of eth0".
+    std::string link(const Json::Value& place) const {
+        if (place["by"] == "none") {
+            return "no rule";
+        }
+        const std::string adapter = place["adapter"].asString();
+        const std::uint64_t position = positionOf(place);
+        const std::string words =
+            (position == 0 ? "the default policy" : "rule " + std::to_string(position)) + " of ";
+        if (numbers_.count(adapter) == 0) {
+            return words + html(adapter);
+        }
+        return "<a href=\"#" + idOf(adapter, position) + "\">" + words + html(adapter) + "</a>";
+    }
+
+    /// The same with what it says.
+    std::string described(const Json::Value& place) const {
+        const auto text = texts_.find({place["adapter"].asString(), positionOf(place)});
+        return link(place) + (text == texts_.end() ? "" : ": " + html(text->second));
+    }
+
+private:
+    static std::uint64_t positionOf(const Json::Value& place) {
+        return place["position"].isNull() ? 0 : place["position"].asUInt64();
+    }
+
+    std::map<std::string, std::size_t> numbers_;
+    std::map<std::pair<std::string, std::uint64_t>, std::string> texts_;
+};
+
+/// Whether and why a rule could be removed.
+std::string effectText(const Json::Value& rule, const RuleLinks& links) {
+    const std::string effect = rule["effect"].asString();
+    if (effect == "yes") {
+        return "takes effect";
+    }
+    if (effect == "off") {
+        return "switched off";
+    }
+    const Json::Value& because = rule["because"];
+    std::string names;
+    for (Json::ArrayIndex i = 0; i < because.size(); ++i) {
+        names += i == 0 ? "" : i + 1 == because.size() ? " and " : ", ";
+        names += links.link(because[i]);
+    }
+    if (effect == "never") {
+        return "never takes effect: shadowed by " + names;
+    }
+    if (names.empty()) {
+        return "has no effect: without it the same happens";
+    }
+    return "has no effect: " + names + (because.size() == 1 ? " does the same" : " do the same");
+}
+
+std::string rulesOf(const std::string& adapter, const Json::Value& facts, const RuleLinks& links) {
+    std::string rows;
+    for (const Json::Value& rule : facts["rules"]) {
+        if (rule["adapter"] != adapter) {
+            continue;
+        }
+        const std::uint64_t position = rule["position"].asUInt64();
+        const std::string effect = rule["effect"].asString();
+        std::string notes = effectText(rule, links);
+        for (const Json::Value& finding : rule["findings"]) {
+            notes += "<br>" + html(finding);
+        }
+        const char* const paint = effect == "off" ? "off" : effect == "yes" ? "effective" : "idle";
+        rows += "<tr id=\"" + links.idOf(adapter, position) + "\" class=\"" + paint +
+                "\" role=\"row\" data-text=\"rule " + std::to_string(position) + " " +
+                html(lower(rule["text"].asString())) + " " +
+                (effect == "never"      ? "never takes effect"
+                 : effect == "needless" ? "has no effect"
+                                        : effect) +
+                "\"><th scope=\"row\" role=\"rowheader\" class=\"position\">" +
+                std::to_string(position) + "</th><td role=\"cell\" class=\"rule\">" +
+                html(rule["text"]) + "</td><td role=\"cell\"" +
+                (std::string_view(paint) == "idle" ? " class=\"depends\"" : "") + ">" + notes +
+                "</td></tr>\n";
+    }
+    for (const Json::Value& policy : facts["policies"]) {
+        if (policy["adapter"] == adapter) {
+            const std::string word = policy["policy"].asString();
+            rows +=
+                "<tr id=\"" + links.idOf(adapter, 0) +
+                "\" role=\"row\" data-text=\"default policy " + html(lower(word)) +
+                "\"><th scope=\"row\" role=\"rowheader\" class=\"position\">Default</th>"
+                "<td role=\"cell\" class=\"rule\">" +
+                html(word) + "</td><td role=\"cell\">" +
+                (word == "none" ? "nothing: what no rule matches goes on" : "for all the rest") +
+                "</td></tr>\n";
+        }
+    }
+    return "<section>\n<h3>" + html(adapter) +
+           "</h3>\n<div class=\"scroll\" role=\"region\" tabindex=\"0\" aria-label=\"Rules of " +
+           html(adapter) + "\"><table class=\"rules\" role=\"table\" data-title=\"" +
+           html(lower(adapter)) + "\">\n<caption>Rules of " + html(adapter) +
+           "</caption>\n<thead role=\"rowgroup\"><tr role=\"row\"><th scope=\"col\" "
+           "role=\"columnheader\" class=\"position\">Rule</th><th scope=\"col\" "
+           "role=\"columnheader\">What it says</th><th scope=\"col\" role=\"columnheader\">Effect"
+           "</th></tr></thead>\n<tbody role=\"rowgroup\">\n" +
+           rows + "</tbody></table></div>\n</section>\n";
+}
+
+std::string allRules(const Json::Value& facts, const RuleLinks& links) {
+    std::string all;
+    std::map<std::string, bool> done;
+    for (const char* const part : {"rules", "policies"}) {
+        for (const Json::Value& entry : facts[part]) {
+            const std::string adapter = entry["adapter"].asString();
+            if (!std::exchange(done[adapter], true)) {
+                all += rulesOf(adapter, facts, links);
+            }
+        }
+    }
+    return all.empty() ? "<p>The profile has no rules.</p>\n" : all;
+}
+
+// ---- Tables -------------------------------------------------------------------------------------
+
+struct VerdictWords {
+    const char* verdict;
+    const char* sign;
+    const char* word;
+};
+
+/// Of a cell: of more, nobody reads all.
+constexpr Json::ArrayIndex kMostDeciders = 10;
+
+constexpr VerdictWords kVerdicts[] = {
+    {"allow", "✓", "allowed"},
+    {"deny", "✗", "denied"},
+    {"none", "–", "no rule"},
+    {"depends", "?", "depends"},
+};
+
+const VerdictWords& wordsOf(const std::string& verdict) {
+    for (const VerdictWords& words : kVerdicts) {
+        if (verdict == words.verdict) {
+            return words;
+        }
+    }
+    return kVerdicts[3];
+}
+
+std::string cellOf(const Json::Value& cell, const std::string& from, const RuleLinks& links) {
+    const VerdictWords& words = wordsOf(cell["verdict"].asString());
+    std::string text = std::string("<td role=\"cell\" class=\"") + words.verdict +
+                       "\"><details><summary><span class=\"from\" aria-hidden=\"true\">" +
+                       html(from) + "</span><span class=\"sign\" aria-hidden=\"true\">" +
+                       words.sign + "</span> " + words.word +
+                       (cell["log"].asBool() ? ", logged" : "") + "</summary><ol>";
+    const Json::Value& deciders = cell["deciders"];
+    const Json::ArrayIndex shown = std::min(deciders.size(), kMostDeciders);
+    for (Json::ArrayIndex i = 0; i < shown; ++i) {
+        text += "<li>" + links.described(deciders[i]) + "</li>";
+    }
+    if (shown < deciders.size()) {
+        text += "<li>and " + std::to_string(deciders.size() - shown) + " others</li>";
+    }
+    return text + "</ol></details></td>";
+}
+
+bool isRest(const Json::Value& row) {
+    return row["text"].asString().rfind("everything", 0) == 0;
+}
+
+/// "tcp:22,80-90 udp:53", for the search; also "tcp:0-65535".
+std::string portsOf(const Json::Value& row) {
+    std::string tcp;
+    std::string udp;
+    const auto add = [](std::string& list, const Json::Value& ports) {
+        const auto append = [&list](const std::string& port) {
+            list += (list.empty() ? "" : ",") + port;
+        };
+        if (ports.isNull()) {
+            append("0-65535");
+        }
+        for (const Json::Value& port : ports) {
+            append(port.asString());
+        }
+    };
+    for (const Json::Value& kind : row["kinds"]) {
+        for (const Json::Value& protocol : kind["protocols"]) {
+            if (protocol == "6") {
+                add(tcp, kind["destinationPorts"]);
+            } else if (protocol == "17") {
+                add(udp, kind["destinationPorts"]);
+            }
+        }
+    }
+    return (tcp.empty() ? "" : "tcp:" + tcp) + (tcp.empty() || udp.empty() ? "" : " ") +
+           (udp.empty() ? "" : "udp:" + udp);
+}
+
+std::string captionOf(const Json::Value& table) {
+    const bool isBoth = table["chains"].size() > 1;
+    return html(table["title"]) + ", " + (table["family"] == "v6" ? "IPv6" : "IPv4") +
+           (isBoth                          ? ""
+            : table["chains"][0] == "input" ? ", to this machine itself"
+                                            : ", passed on to other networks");
+}
+
+/// What a table does not show.
+std::string gapsOf(const Json::Value& table) {
+    if (table["tooComplex"].asBool()) {
+        return "<p class=\"note\">Too complex for a table: \"tarnfw explain\" answers for single "
+               "packets.</p>\n";
+    }
+    std::string text;
+    if (table["otherSenders"].asUInt64() > 0) {
+        text += "<p class=\"note\">Left out: " +
+                counted(table["otherSenders"].asUInt64(), "smaller set") + " of senders.</p>\n";
+    }
+    if (table["otherRows"].asUInt64() > 0) {
+        text += "<p class=\"note\">Left out: " + counted(table["otherRows"].asUInt64(), "row") +
+                " of ports.</p>\n";
+    }
+    return text;
+}
+
+std::string tableOf(const Json::Value& table, const RuleLinks& links) {
+    const std::string caption = captionOf(table);
+    std::string text = "<div class=\"scroll\" role=\"region\" tabindex=\"0\" aria-label=\"" +
+                       caption + "\"><table class=\"matrix\" role=\"table\" data-title=\"" +
+                       html(lower(table["title"].asString())) +
+                       (table["family"] == "v6" ? " ipv6" : " ipv4") + "\">\n<caption>" + caption +
+                       "</caption>\n<thead role=\"rowgroup\"><tr role=\"row\"><th scope=\"col\" "
+                       "role=\"columnheader\">Service or port</th>";
+    for (const Json::Value& senders : table["senders"]) {
+        std::string addresses;
+        for (const Json::Value& address : senders["addresses"]) {
+            addresses += (addresses.empty() ? "" : " ") + address.asString();
+        }
+        text +=
+            "<th scope=\"col\" role=\"columnheader\"" +
+            (senders["addresses"].isNull() ? "" : " data-addresses=\"" + html(addresses) + "\"") +
+            ">from " + html(senders["text"]) + "</th>";
+    }
+    text += "</tr></thead>\n<tbody role=\"rowgroup\">\n";
+    for (const Json::Value& row : table["rows"]) {
+        const std::string ports = portsOf(row);
+        // Of the rest, all others would be named.
+        const std::string detail =
+            row["ports"] == row["text"] || isRest(row) ? std::string() : row["ports"].asString();
+        text +=
+            "<tr role=\"row\" data-text=\"" + html(lower(row["text"].asString() + " " + detail)) +
+            "\"" + (ports.empty() ? "" : " data-ports=\"" + html(ports) + "\"") +
+            "><th scope=\"row\" role=\"rowheader\">" + html(row["text"]) +
+            (detail.empty() ? "" : " <span class=\"ports\">" + html(detail) + "</span>") + "</th>";
+        for (Json::ArrayIndex i = 0; i < row["cells"].size(); ++i) {
+            text +=
+                cellOf(row["cells"][i], "from " + table["senders"][i]["text"].asString(), links);
+        }
+        text += "</tr>\n";
+    }
+    return text + "</tbody></table>\n" + gapsOf(table) + "</div>\n";
+}
+
+/// A part for each adapter, with its tables.
+std::string allTables(const Json::Value& facts, const RuleLinks& links) {
+    std::string all;
+    const Json::Value* before = nullptr;
+    for (const Json::Value& table : facts["tables"]) {
+        if (before == nullptr || (*before)["title"] != table["title"]) {
+            all += before == nullptr ? "" : "</section>\n";
+            all += "<section>\n<h3>" + html(table["title"]) + "</h3>\n";
+        }
+        all += tableOf(table, links);
+        before = &table;
+    }
+    return all.empty() ? "" : all + "</section>\n";
+}
+
+// ---- The rest -----------------------------------------------------------------------------------
+
+std::string changesOf(const Json::Value& changes) {
+    if (changes.isNull()) {
+        return "";
+    }
+    std::string list;
+    for (const Json::Value& text : changes["texts"]) {
+        const std::string words = text.asString();
+        const char* const paint = words.rfind("opens", 0) == 0    ? "allow"
+                                  : words.rfind("closes", 0) == 0 ? "deny"
+                                                                  : "none";
+        list += std::string("<li class=\"") + paint + "\">" + html(words) + "</li>\n";
+    }
+    return "<section id=\"changes\" aria-labelledby=\"changes-title\">\n<h2 id=\"changes-title\">"
+           "Changes since " +
+           html(changes["since"]) + "</h2>\n" +
+           (changes["same"].asBool() ? "<p>Both let the same packets through.</p>\n"
+                                     : "<ul class=\"changes\">\n" + list + "</ul>\n") +
+           (changes["tooComplex"].asBool()
+                ? "<p class=\"note\">Too complex to compare whole: there may be more changes.</p>\n"
+                : "") +
+           "</section>\n";
+}
+
+std::string findingsOf(const Json::Value& findings) {
+    if (findings.empty()) {
+        return "";
+    }
+    std::string list;
+    for (const Json::Value& finding : findings) {
+        list += "<li>" + html(finding) + "</li>\n";
+    }
+    return "<section id=\"findings\" aria-labelledby=\"findings-title\">\n<h2 "
+           "id=\"findings-title\">Findings</h2>\n<ul>\n" +
+           list + "</ul>\n</section>\n";
+}
+
+std::string linksOf(const Json::Value& facts) {
+    const auto link = [](const char* id, const char* text) {
+        return std::string("<li><a href=\"#") + id + "\">" + text + "</a></li>\n";
+    };
+    return (facts["changes"].isNull() ? "" : link("changes", "Changes")) +
+           link("reach", "Who may reach what") + link("rules", "Rules") +
+           (facts["findings"].empty() ? "" : link("findings", "Findings"));
+}
+
+std::string factsOf(const Json::Value& facts) {
+    std::string list;
+    const auto add = [&list](const char* name, const std::string& text) {
+        list += std::string("<dt>") + name + "</dt><dd>" + text + "</dd>\n";
+    };
+    add("Machine", html(facts["machine"]));
+    if (!facts["active"].isNull()) {
+        add("Profile", facts["active"].asBool() ? "the active one" : "stored, not the active one");
+    } else {
+        add("Profile", "from a file");
+    }
+    if (!facts["enabled"].isNull()) {
+        add("Firewall", facts["enabled"].asBool() ? "enabled" : "disabled: nothing is blocked");
+    }
+    std::size_t idle = 0;
+    for (const Json::Value& rule : facts["rules"]) {
+        idle += rule["effect"] == "never" || rule["effect"] == "needless" ? 1U : 0U;
+    }
+    add("Rules", std::to_string(facts["rules"].size()) +
+                     (idle == 0 ? "" : ", " + std::to_string(idle) + " of them without effect"));
+    return "<dl class=\"facts\">\n" + list + "</dl>\n";
+}
+
+}  // namespace
+
+std::string reportPage(const Json::Value& facts) {
+    const RuleLinks links(facts);
+    return filled(kPageHtml, {{"title", "Firewall profile “" + html(facts["profile"]) + "”"},
+                              {"style", kPageStyle},
+                              {"style-source", sourceOf(kPageStyleHash)},
+                              {"script", kPageScript},
+                              {"script-source", sourceOf(kPageScriptHash)},
+                              {"facts", factsOf(facts)},
+                              {"links", linksOf(facts)},
+                              {"changes", changesOf(facts["changes"])},
+                              {"tables", allTables(facts, links)},
+                              {"rules", allRules(facts, links)},
+                              {"findings", findingsOf(facts["findings"])},
+                              {"made", "Made by tarnfw report, " + html(facts["time"]) +
+                                           ". This page loads nothing from elsewhere."}});
+}
+
+}  // namespace tarnfw
