@@ -18,6 +18,9 @@ readonly kTestPackages=(
     e2fsprogs fish jq procps python3-jsonschema python3-pexpect strace xfsprogs zsh
 )
 
+# The browser of tests/docs/report_page_test, with a font for its pictures.
+readonly kBrowserPackages=(chromium fonts-dejavu-core)
+
 # To count instructions.
 readonly kCountPackages=(libbenchmark-dev valgrind)
 
