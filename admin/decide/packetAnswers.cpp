@@ -42,6 +42,25 @@ bool isOnly(const std::shared_ptr<const FW::FWINTERFACES>& interfaces, const std
     return interfaces != nullptr && interfaces->names == std::vector<std::string>{name};
 }
 
+bool fits(const std::string& entry, const std::string& name) {
+    if (entry.empty()) {
+        return false;
+    }
+    return entry.back() == '+' ? name.compare(0, entry.size() - 1, entry, 0, entry.size() - 1) == 0
+                               : entry == name;
+}
+
+/// The length of the longest entry that fits; a name counts more than a beginning. 0: none fits.
+std::size_t longestFit(const std::vector<std::string>& entries, const std::string& name) {
+    std::size_t longest = 0;
+    for (const std::string& entry : entries) {
+        if (fits(entry, name)) {
+            longest = std::max(longest, entry.back() == '+' ? entry.size() : name.size() + 2);
+        }
+    }
+    return longest;
+}
+
 }  // namespace
 
 FW::FWADDRESS addressNumber(const Address& address) {
@@ -69,6 +88,11 @@ std::string interfaceFor(const Meaning& meaning, const std::string& adapter) {
                          found != meaning.environment().adapters.end() &&
                          !found->second.names.empty();
     return isOther ? found->second.names.front() : adapter;
+}
+
+bool isAmong(const FW::FWINTERFACES& interfaces, const std::string& name) {
+    const std::size_t in = longestFit(interfaces.names, name);
+    return in != 0 && in > longestFit(interfaces.except, name);
 }
 
 std::vector<std::string> tunnelOwners(const Meaning& meaning, const std::string& interface) {

@@ -27,6 +27,9 @@ FW::FW_FAMILY familyOf(const Address& address);
 /// rules of its own, of "global" one that no other adapter has.
 std::string interfaceFor(const Meaning& meaning, const std::string& adapter);
 
+/// Whether an interface is one of these.
+bool isAmong(const FW::FWINTERFACES& interfaces, const std::string& name);
+
 /// The adapters whose rules and default policies are repeated for IPv6 packets through this
 /// interface, since it is the one of their 6in4 tunnel.
 std::vector<std::string> tunnelOwners(const Meaning& meaning, const std::string& interface);

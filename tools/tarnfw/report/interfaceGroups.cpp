@@ -9,6 +9,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
+#include "tarnfwadmin/packetAnswers.h"
 #include "tarnfwadmin/store.h"
 
 namespace tarnfw {
@@ -16,25 +17,6 @@ namespace {
 
 using Rules = std::vector<FW::FWRESOLVEDRULE>;
 using Texts = std::vector<std::string>;
-
-bool fits(const std::string& entry, const std::string& name) {
-    if (entry.empty()) {
-        return false;
-    }
-    return entry.back() == '+' ? name.compare(0, entry.size() - 1, entry, 0, entry.size() - 1) == 0
-                               : entry == name;
-}
-
-/// The length of the longest entry that fits; a name counts more than a beginning. 0: none fits.
-std::size_t longestFit(const Texts& entries, const std::string& name) {
-    std::size_t longest = 0;
-    for (const std::string& entry : entries) {
-        if (fits(entry, name)) {
-            longest = std::max(longest, entry.back() == '+' ? entry.size() : name.size() + 2);
-        }
-    }
-    return longest;
-}
 
 /// Every name and beginning of names that the rules and the adapters have.
 Texts entriesOf(const Rules& rules, const FW::FWENVIRONMENT& environment) {
@@ -64,10 +46,13 @@ std::optional<std::string> exampleOf(const std::string& entry, const Texts& entr
         return entry;
     }
     const std::string beginning = entry.substr(0, entry.size() - 1);
+    FW::FWINTERFACES ofEntry{{entry}, {}};
+    std::copy_if(entries.begin(), entries.end(), std::back_inserter(ofEntry.except),
+                 [&entry](const std::string& other) { return other != entry; });
     // As many as there are entries cannot all be names of others.
     for (std::size_t i = 0; i <= entries.size(); ++i) {
         const std::string name = (beginning.empty() ? "other" : beginning) + std::to_string(i);
-        if (longestFit(entries, name) == entry.size()) {
+        if (isAmong(ofEntry, name)) {
             return name;
         }
     }
@@ -92,11 +77,6 @@ std::vector<bool> membersOf(const Rules& rules, const std::string& name) {
 }
 
 }  // namespace
-
-bool isAmong(const FW::FWINTERFACES& interfaces, const std::string& name) {
-    const std::size_t in = longestFit(interfaces.names, name);
-    return in != 0 && in > longestFit(interfaces.except, name);
-}
 
 std::vector<InterfaceGroup> interfaceGroupsOf(const Meaning& meaning, const Rules& rules) {
     const Texts entries = entriesOf(rules, meaning.environment());

@@ -23,7 +23,4 @@ struct InterfaceGroup {
 std::vector<InterfaceGroup> interfaceGroupsOf(const Meaning& meaning,
                                               const std::vector<FW::FWRESOLVEDRULE>& rules);
 
-/// Whether an interface is one of these, see FW::FWINTERFACES.
-bool isAmong(const FW::FWINTERFACES& interfaces, const std::string& name);
-
 }  // namespace tarnfw

@@ -11,6 +11,7 @@
 
 #include "report/interfaceGroups.h"
 #include "report/matrixRows.h"
+#include "tarnfwadmin/packetAnswers.h"
 #include "tarnfwadmin/packetWords.h"
 
 namespace tarnfw {
