@@ -176,8 +176,11 @@ private:
     }
 
     bool isKnown(const Interval& interval) const {
-        return std::find(names_.networks.begin(), names_.networks.end(), interval) !=
-               names_.networks.end();
+        return std::binary_search(names_.networks.begin(), names_.networks.end(), interval,
+                                  [](const Interval& a, const Interval& b) {
+                                      return a.first != b.first ? a.first < b.first
+                                                                : a.last < b.last;
+                                  });
     }
 
     /// One entry of the text: a base without some intervals.

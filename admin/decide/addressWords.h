@@ -31,7 +31,7 @@ struct NamedAddresses {
 struct AddressNames {
     std::vector<NamedAddresses> countries;  ///< the largest first
     std::vector<NamedAddresses> lists;      ///< of other rules with more than one interval
-    FW::Intervals networks;                 ///< of rules with one interval, by their beginnings
+    FW::Intervals networks;                 ///< of rules with one interval, in ascending order
 };
 
 /// The addresses of both families: "10.0.0.0/8 except 10.3.0.0/16", "country CN (IPv4)"; or
