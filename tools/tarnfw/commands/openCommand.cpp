@@ -28,6 +28,7 @@
 #include "commands/applying.h"
 #include "commands/commands.h"
 #include "commands/kernelReport.h"
+#include "commands/packetJson.h"
 #include "commands/portQuery.h"
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/interfaces.h"
@@ -211,19 +212,9 @@ Paint paintOf(const std::string& text) {
     return isClosed(text) ? Paint::kFaint : text == kEverybody ? Paint::kDoubtful : Paint::kPlain;
 }
 
-Json::Value jsonOf(const FW::FWADDRESSES& addresses, FW::FW_FAMILY family) {
-    Json::Value ranges(Json::arrayValue);
-    for (const FW::FWADDRESSINTERVAL& interval : addresses) {
-        ranges.append(
-            spelled(AddressRange{*addressFrom(FW::fwAddressText(interval.first, family)),
-                                 *addressFrom(FW::fwAddressText(interval.last, family))}));
-    }
-    return ranges;
-}
-
 /// Null when it depends on more than the address.
 Json::Value jsonOf(const Senders& senders, FW::FW_FAMILY family) {
-    return senders.depends.empty() && !senders.tooComplex ? jsonOf(senders.allowed, family)
+    return senders.depends.empty() && !senders.tooComplex ? addressesJson(senders.allowed, family)
                                                           : Json::Value();
 }
 
@@ -355,7 +346,8 @@ Json::Value unusedJson(const PacketGroup& group, bool isSpan, const PacketWords&
         for (const PacketPeers& peers : group.peers) {
             for (const Json::Value& range :
                  peers.family == family
-                     ? jsonOf(peers.sources == nullptr ? allAddresses() : *peers.sources, family)
+                     ? addressesJson(peers.sources == nullptr ? allAddresses() : *peers.sources,
+                                     family)
                      : Json::Value(Json::arrayValue)) {
                 ranges.append(range);
             }

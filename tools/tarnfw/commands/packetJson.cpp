@@ -62,20 +62,13 @@ Json::Value interfacesJson(const std::shared_ptr<const FW::FWINTERFACES>& interf
 }
 
 /// Of a set with one family.
-Json::Value addressesJson(const std::shared_ptr<const FW::FWADDRESSES>& addresses,
-                          std::uint8_t families) {
+Json::Value fieldJson(const std::shared_ptr<const FW::FWADDRESSES>& addresses,
+                      std::uint8_t families) {
     if (addresses == nullptr) {
         return {};
     }
-    const FW::FW_FAMILY family =
-        families == (1U << FW::FW_FAMILY_V6) ? FW::FW_FAMILY_V6 : FW::FW_FAMILY_V4;
-    Json::Value texts(Json::arrayValue);
-    for (const FW::FWADDRESSINTERVAL& one : *addresses) {
-        const auto range =
-            rangeFrom(FW::fwAddressText(one.first, family), FW::fwAddressText(one.last, family));
-        texts.append(range ? spelled(*range) : "");
-    }
-    return texts;
+    return addressesJson(
+        *addresses, families == (1U << FW::FW_FAMILY_V6) ? FW::FW_FAMILY_V6 : FW::FW_FAMILY_V4);
 }
 
 template <typename Value>
@@ -85,6 +78,16 @@ Json::Value valueJson(const std::optional<Value>& value) {
 
 }  // namespace
 
+Json::Value addressesJson(const FW::FWADDRESSES& addresses, FW::FW_FAMILY family) {
+    Json::Value texts(Json::arrayValue);
+    for (const FW::FWADDRESSINTERVAL& one : addresses) {
+        const auto range =
+            rangeFrom(FW::fwAddressText(one.first, family), FW::fwAddressText(one.last, family));
+        texts.append(range ? spelled(*range) : "");
+    }
+    return texts;
+}
+
 Json::Value packetsJson(const FW::FWPACKETSET& packets) {
     Json::Value document;
     document["chains"] = maskJson(packets.chains, kChains);
@@ -92,8 +95,8 @@ Json::Value packetsJson(const FW::FWPACKETSET& packets) {
     document["in"] = interfacesJson(packets.in);
     document["out"] = interfacesJson(packets.out);
     document["protocols"] = numbersJson(packets.protocols);
-    document["sources"] = addressesJson(packets.sources, packets.families);
-    document["destinations"] = addressesJson(packets.destinations, packets.families);
+    document["sources"] = fieldJson(packets.sources, packets.families);
+    document["destinations"] = fieldJson(packets.destinations, packets.families);
     document["sourcePorts"] = numbersJson(packets.sourcePorts);
     document["destinationPorts"] = numbersJson(packets.destinationPorts);
     document["icmpTypes"] = numbersJson(packets.icmpTypes);
