@@ -310,6 +310,18 @@ Intervals numbersOf(const std::shared_ptr<const FW::FWADDRESSES>& addresses) {
     return addresses == nullptr ? everyNumber() : numbersOf(*addresses);
 }
 
+FW::FWADDRESSES addressesOf(const FW::Intervals& numbers) {
+    const auto half = [](FW::Number number) {
+        return FW::FWADDRESS{static_cast<std::uint64_t>(number >> 64U),
+                             static_cast<std::uint64_t>(number)};
+    };
+    FW::FWADDRESSES addresses;
+    for (const FW::Interval& interval : numbers) {
+        addresses.push_back({half(interval.first), half(interval.last)});
+    }
+    return addresses;
+}
+
 bool isEveryAddress(const Intervals& addresses) {
     return addresses == everyNumber();
 }

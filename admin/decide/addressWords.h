@@ -19,6 +19,8 @@ FW::Intervals numbersOf(const FW::FWADDRESSES& addresses);
 /// The same; null is any address.
 FW::Intervals numbersOf(const std::shared_ptr<const FW::FWADDRESSES>& addresses);
 
+FW::FWADDRESSES addressesOf(const FW::Intervals& numbers);
+
 /// Whether these are all addresses of a family.
 bool isEveryAddress(const FW::Intervals& addresses);
 

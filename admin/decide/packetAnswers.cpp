@@ -314,18 +314,6 @@ FW::Intervals sourcesOf(const std::vector<FW::FWPACKETSET>& sets) {
     return all;
 }
 
-FW::FWADDRESSES addressesOf(const FW::Intervals& numbers) {
-    const auto half = [](FW::Number number) {
-        return FW::FWADDRESS{static_cast<std::uint64_t>(number >> 64U),
-                             static_cast<std::uint64_t>(number)};
-    };
-    FW::FWADDRESSES addresses;
-    for (const FW::Interval& interval : numbers) {
-        addresses.push_back({half(interval.first), half(interval.last)});
-    }
-    return addresses;
-}
-
 std::vector<FWRESOLVEDRULE> rulesOf(const Meaning& meaning, const std::string& adapter) {
     std::vector<FWRESOLVEDRULE> rules;
     std::copy_if(meaning.rules().begin(), meaning.rules().end(), std::back_inserter(rules),
