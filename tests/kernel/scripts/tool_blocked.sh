@@ -314,7 +314,7 @@ prints_json <<END
    {"name": "eth0", "present": true, "inProfile": true, "acceptedBefore": [], "droppedBy": [],
     "decisions": [
       {"port": "tcp 7010", "by": "defaultPolicy", "adapter": "eth0", "allowed": false,
-       "unless": [{"adapter": "eth0", "position": 6,
+       "unless": [{"by": "rule", "adapter": "eth0", "position": 6,
                    "text": "allow tcp 7010 to 192.168.1.11 (IPv4)"}]},
       {"port": "udp 7010", "by": "defaultPolicy", "adapter": "eth0", "allowed": false,
        "unless": []}]}]}

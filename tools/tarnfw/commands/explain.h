@@ -1,0 +1,76 @@
+/// What the sources of "explain" share: the question, and the frame of the answer.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "tarnfirewall/fwTypes.h"
+
+#include "commands/applying.h"
+#include "commands/portQuery.h"
+#include "tarnfwadmin/machine.h"
+#include "tarnfwadmin/meaning.h"
+#include "tarnfwadmin/store.h"
+
+namespace tarnfw {
+
+struct ExplainQuery {
+    PortQuery ports;
+    std::string protocol;  ///< instead of ports: "icmp/8"
+    std::string profile;   ///< empty: the active one
+    std::string out;       ///< of forwarded packets: the adapter that they leave through
+
+    /// Whether the answer is the rule that decides about a packet.
+    bool isAboutPackets() const { return !ports.from.empty() || !protocol.empty() || !out.empty(); }
+};
+
+/// The error of a protocol without ports, such as "icmp/8"; empty for a valid one.
+std::string protocolComplaint(const std::string& text);
+
+/// Explains the steps to the verdicts on packets from anywhere; ends the command with its exit
+/// status.
+void explainSteps(const ExplainQuery& query);
+
+/// Explains the one rule that decides about a packet, as far as it is known; ends the command with
+/// its exit status.
+void explainPackets(const ExplainQuery& query);
+
+/// What is asked, and what it is answered by.
+class Asked {
+public:
+    explicit Asked(const ExplainQuery& query);
+
+    const StoreSnapshot& store() const { return context.store(); }
+    bool isInForce() const { return isActive && store().firewallEnabled(); }
+
+    /// The profile was not named, and the firewall is disabled.
+    bool isUnfiltered(const ExplainQuery& query) const {
+        return query.profile.empty() && !store().firewallEnabled();
+    }
+
+    std::vector<FW::PortCompareST> questions;
+    Context context;
+    std::string profile;
+    bool isActive;
+
+private:
+    Asked(const ExplainQuery& query, std::unique_ptr<Machine> machine);
+};
+
+/// Prints a document, or by `print`, and ends the command with its exit status. What the kernel
+/// does is in it when the profile is in force.
+void printExplanation(const ExplainQuery& query, const Asked& asked,
+                      const std::optional<KernelAnswer>& kernel, Json::Value document, bool allowed,
+                      const std::function<void()>& print);
+
+/// "by": who decides. Of a rule or default policy "adapter" and, where rules are repeated for a
+/// 6in4 tunnel, "tunnel"; of a rule "position" and "text".
+Json::Value deciderDocument(const Meaning& meaning, std::size_t number);
+
+}  // namespace tarnfw
