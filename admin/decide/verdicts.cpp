@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
-#include <map>
 #include <optional>
 #include <utility>
 
@@ -22,35 +21,16 @@
 namespace tarnfw {
 namespace {
 
-/// The library returns interim verdicts of "global" unchanged if the profile does not have the
-/// adapter.
-FW::FW_POLICY closed(FW::FW_POLICY verdict) {
-    return verdict == FW::FW_POLICY_ALLOW_SOME || verdict == FW::FW_POLICY_DENY_SOME
-               ? FW::FW_POLICY_MIXED
-               : verdict;
-}
-
-AdapterAnswer answerFor(const FW::FWPROFILE& profile, const std::string& adapter,
-                        const std::string& asked, const std::vector<FW::PortCompareST>& questions) {
-    AdapterAnswer answer;
-    answer.adapter = adapter;
-    FW::TARNFW firewall;
-    for (const FW::PortCompareST& question : questions) {
-        std::map<std::string, FW::FW_POLICY> verdicts;
-        std::vector<FW::FWVERDICTSTEP> steps;
-        firewall.fwPortExplainOf(profile, question, asked, verdicts, steps);
-        PortAnswer port{question, closed(verdicts[adapter]), {}};
-        for (FW::FWVERDICTSTEP& step : steps) {
-            if (step.adapter == adapter) {
-                port.steps.push_back(std::move(step));
-            }
-        }
-        if (FW::fwVerdictRank(port.verdict) > FW::fwVerdictRank(answer.verdict)) {
-            answer.verdict = port.verdict;
-        }
-        answer.ports.push_back(std::move(port));
+/// Of the packets that an answer is about.
+PacketOutcomes outcomesOf(const Deciders& deciders, const Meaning& meaning) {
+    PacketOutcomes outcomes;
+    for (const Decider& decider : deciders.all) {
+        const bool decides = decider.by < meaning.rules().size();
+        outcomes.denied = outcomes.denied || decider.denied;
+        outcomes.allowed = outcomes.allowed || (decides && !decider.denied);
+        outcomes.undecided = outcomes.undecided || !decides;
     }
-    return answer;
+    return outcomes;
 }
 
 }  // namespace
@@ -88,31 +68,9 @@ std::string verdictText(FW::FW_POLICY verdict) {
             return "undecided";
         case FW::FW_POLICY_MIXED:
             return "mixed";
-        case FW::FW_POLICY_ALLOW_SOME:
-            return "allowed for some addresses";
-        case FW::FW_POLICY_DENY_SOME:
-            return "blocked for some addresses";
+        default:
+            return "unknown verdict " + std::to_string(verdict);
     }
-    return "unknown verdict " + std::to_string(verdict);
-}
-
-std::vector<AdapterAnswer> askVerdicts(const FW::FWPROFILE& profile,
-                                       const std::vector<FW::PortCompareST>& questions,
-                                       const std::vector<std::string>& adapters) {
-    std::vector<AdapterAnswer> answers;
-    for (const std::string& adapter : adapters) {
-        if (answers.empty()) {
-            answers.push_back(answerFor(profile, FW::FW_ADAPTER_GLOBAL, adapter, questions));
-        }
-        if (adapter != FW::FW_ADAPTER_GLOBAL) {
-            answers.push_back(answerFor(profile, adapter, adapter, questions));
-        }
-    }
-    if (answers.empty()) {
-        answers.push_back(
-            answerFor(profile, FW::FW_ADAPTER_GLOBAL, FW::FW_ADAPTER_GLOBAL, questions));
-    }
-    return answers;
 }
 
 std::vector<FW::FWPACKETSET> packetsFor(const FW::PortCompareST& question,
@@ -138,9 +96,11 @@ std::vector<FW::FWPACKETSET> packetsFor(const FW::PortCompareST& question,
     return sets;
 }
 
-std::vector<AdapterAnswer> exactVerdicts(const Meaning& meaning,
-                                         const std::vector<FW::PortCompareST>& questions,
-                                         const std::vector<std::string>& adapters) {
+namespace {
+
+std::vector<AdapterAnswer> answersTo(const Meaning& meaning,
+                                     const std::vector<FW::PortCompareST>& questions,
+                                     const std::vector<std::string>& adapters, bool explained) {
     std::vector<std::string> asked = {FW::FW_ADAPTER_GLOBAL};
     std::copy_if(adapters.begin(), adapters.end(), std::back_inserter(asked),
                  [](const std::string& adapter) { return adapter != FW::FW_ADAPTER_GLOBAL; });
@@ -154,22 +114,43 @@ std::vector<AdapterAnswer> exactVerdicts(const Meaning& meaning,
         AdapterAnswer& answer = answers.emplace_back();
         answer.adapter = adapter;
         for (const FW::PortCompareST& question : questions) {
+            PortAnswer& port = answer.ports.emplace_back(PortAnswer{question});
+            const auto packets = packetsFor(question, interfaceFor(meaning, adapter));
             PacketOutcomes outcomes;
-            for (const FW::FWPACKETSET& set :
-                 packetsFor(question, interfaceFor(meaning, adapter))) {
-                outcomes.add((isGlobal ? global : all).outcomes(set));
+            if (explained) {
+                port.deciders = decidersOf(meaning, packets, isGlobal ? adapter : "");
+                outcomes = outcomesOf(port.deciders, meaning);
             }
-            FW::FW_POLICY verdict = isGlobal ? outcomes.verdictOfPart() : outcomes.verdict();
-            if (verdict == FW::FW_POLICY_NONE && !isGlobal && !isListed) {
-                verdict = FW::FW_POLICY_ALLOW;
+            // Where not all who decide are known, the outcomes may be.
+            if (!explained || port.deciders.tooComplex) {
+                for (const FW::FWPACKETSET& set : packets) {
+                    outcomes.add((isGlobal ? global : all).outcomes(set));
+                }
             }
-            if (FW::fwVerdictRank(verdict) > FW::fwVerdictRank(answer.verdict)) {
-                answer.verdict = verdict;
+            port.verdict = isGlobal ? outcomes.verdictOfPart() : outcomes.verdict();
+            if (port.verdict == FW::FW_POLICY_NONE && !isGlobal && !isListed) {
+                port.verdict = FW::FW_POLICY_ALLOW;
             }
-            answer.ports.push_back({question, verdict, {}});
+            if (FW::fwVerdictRank(port.verdict) > FW::fwVerdictRank(answer.verdict)) {
+                answer.verdict = port.verdict;
+            }
         }
     }
     return answers;
+}
+
+}  // namespace
+
+std::vector<AdapterAnswer> exactVerdicts(const Meaning& meaning,
+                                         const std::vector<FW::PortCompareST>& questions,
+                                         const std::vector<std::string>& adapters) {
+    return answersTo(meaning, questions, adapters, /*explained=*/false);
+}
+
+std::vector<AdapterAnswer> explainedVerdicts(const Meaning& meaning,
+                                             const std::vector<FW::PortCompareST>& questions,
+                                             const std::vector<std::string>& adapters) {
+    return answersTo(meaning, questions, adapters, /*explained=*/true);
 }
 
 bool allAllowed(const std::vector<AdapterAnswer>& answers) {

@@ -8,6 +8,7 @@
 #include "tarnfirewall/fwMeaning.h"
 #include "tarnfirewall/fwTypes.h"
 
+#include "tarnfwadmin/deciders.h"
 #include "tarnfwadmin/meaning.h"
 
 namespace TARNFW_EXPORT_ALL tarnfw {
@@ -21,8 +22,7 @@ std::string portQuestionFrom(const std::string& text, FW::PortCompareST& questio
 /// printable.
 std::string questionText(const FW::PortCompareST& question);
 
-/// "allowed", "blocked", "undecided", "mixed"; in steps also "allowed for some addresses", "blocked
-/// for some addresses"; or "unknown verdict 7".
+/// "allowed", "blocked", "undecided", "mixed"; or "unknown verdict 7".
 std::string verdictText(FW::FW_POLICY verdict);
 
 /// New connections to this machine through an interface that a question is about, of both families:
@@ -30,11 +30,11 @@ std::string verdictText(FW::FW_POLICY verdict);
 std::vector<FW::FWPACKETSET> packetsFor(const FW::PortCompareST& question,
                                         const std::string& interface);
 
-/// The verdict for one query, and the adapter's steps to it.
+/// The verdict for one query.
 struct PortAnswer {
     FW::PortCompareST question;
     FW::FW_POLICY verdict = FW::FW_POLICY_NONE;  ///< ALLOW, DENY, NONE or MIXED
-    std::vector<FW::FWVERDICTSTEP> steps;        ///< in the order of TARNFW::fwPortExplainOf()
+    Deciders deciders = {};                      ///< only where they are asked for
 };
 
 /// The verdict of an adapter for all queries, the most severe one: blocked, mixed, allowed,
@@ -45,22 +45,19 @@ struct AdapterAnswer {
     std::vector<PortAnswer> ports;               ///< one for each question, in their order
 };
 
-/// The verdicts of the library's blocked checks for each adapter; the first answer is that of
-/// "global", and then one for each of `adapters`, in their order, by the rules of `profile`. Asks
-/// the library about each by its name: asked about all at once, it goes through the rules of
-/// "global" twice.
-std::vector<AdapterAnswer> askVerdicts(const FW::FWPROFILE& profile,
-                                       const std::vector<FW::PortCompareST>& questions,
-                                       const std::vector<std::string>& adapters);
-
-/// The same for every packet of a question, from any address, without steps: what a packet meets,
-/// as docs/model.md has it. "mixed" when some are allowed and some are not, or when it is too
-/// complex to find out; "undecided" on an adapter of the profile when no rule and no default policy
-/// decides about any of them, and on "global" when it leaves some of them to the adapters and
-/// denies none.
+/// The verdicts for every packet of a question, from any address: what a packet meets, as
+/// docs/model.md has it. The first answer is that of "global", and then one for each of `adapters`,
+/// in their order. "mixed" when some are allowed and some are not, or when it is too complex to
+/// find out; "undecided" on an adapter of the profile when no rule and no default policy decides
+/// about any of them, and on "global" when it leaves some of them to the adapters and denies none.
 std::vector<AdapterAnswer> exactVerdicts(const Meaning& meaning,
                                          const std::vector<FW::PortCompareST>& questions,
                                          const std::vector<std::string>& adapters);
+
+/// The same, with who decides: on "global", by its own rules alone.
+std::vector<AdapterAnswer> explainedVerdicts(const Meaning& meaning,
+                                             const std::vector<FW::PortCompareST>& questions,
+                                             const std::vector<std::string>& adapters);
 
 /// Whether no verdict is "blocked" or "mixed".
 bool allAllowed(const std::vector<AdapterAnswer>& answers);

@@ -96,31 +96,26 @@ silent
 prints <<'END'
 Profile "deny_by_default", tcp 22
 
-global: undecided
-  no default policy  undecided
-
 eth0: mixed
-  default policy: deny                                                         blocked
-  rule 2: allow tcp 22 from 192.168.1.20 (IPv4)  "SSH from the admin station"  allowed for some addresses
-  end of the list: not all addresses                                           mixed
+  allowed for 192.168.1.20    rule 2 of eth0: allow tcp 22 from 192.168.1.20 (IPv4)  "SSH from the admin station"
+  blocked for everybody else  the default policy of eth0: deny
 
 eth1 (absent): allowed
-  default policy: allow  allowed
+  allowed for everybody  the default policy of eth1: allow
 END
 answers 0 explain --service https --adapter eth0 --json
-prints_json <<'END'
+readonly kEverybody='"v4": ["0.0.0.0/0"], "v6": ["::/0"]'
+prints_json <<END
 {"enabled": true, "profile": "deny_by_default", "service": "https", "ports": ["tcp 443"],
  "allowed": true, "holds": true, "complaints": [], "redirects": [],
  "adapters": [
    {"name": "global", "present": true, "inProfile": true, "verdict": "undecided", "acceptedBefore": [], "droppedBy": [],
-    "ports": [{"port": "tcp 443", "verdict": "undecided",
-               "steps": [{"kind": "global", "before": "allowed", "after": "undecided"}]}]},
+    "ports": [{"port": "tcp 443", "verdict": "undecided", "tooComplex": false,
+               "steps": [{"by": "nothing", "allowed": null, $kEverybody}]}]},
    {"name": "eth0", "present": true, "inProfile": true, "verdict": "allowed", "acceptedBefore": [], "droppedBy": [],
-    "ports": [{"port": "tcp 443", "verdict": "allowed",
-               "steps": [{"kind": "default", "before": "allowed", "after": "blocked"},
-                         {"kind": "rule", "adapter": "eth0", "position": 1, "last": true,
-                          "text": "allow service http,https from anywhere  \"Web\"",
-                          "before": "blocked", "after": "allowed"}]}]}]}
+    "ports": [{"port": "tcp 443", "verdict": "allowed", "tooComplex": false,
+               "steps": [{"by": "rule", "adapter": "eth0", "position": 1, "allowed": true, $kEverybody,
+                          "text": "allow service http,https from anywhere  \"Web\""}]}]}]}
 END
 
 # The rules of "global" decide for every adapter; a service has several ports.
@@ -130,21 +125,23 @@ answers 10 explain --port tcp/8080 --adapter eth0
 prints <<'END'
 Profile "global_rules_first", tcp 8080
 
-global: blocked
-  no default policy                                         undecided
-  rule 1: deny tcp 8080 from anywhere  "Closed everywhere"  blocked; later rules are not evaluated
-
 eth0: blocked
-  default policy: deny  blocked
-  decided by global     blocked
+  blocked for everybody  rule 1 of global: deny tcp 8080 from anywhere  "Closed everywhere"
 END
+answers 10 explain --port tcp/8080 --adapter global
+says '^global: blocked$'
 answers 10 explain --service smb --adapter eth0
-says '^  tcp 139  *mixed$'
-says '^  tcp 445  *mixed$'
+prints <<'END'
+Profile "global_rules_first", service smb (tcp 139, tcp 445)
+
+eth0: mixed
+  allowed for 192.168.1.30    rule 2 of global: allow everything from 192.168.1.30 (IPv4)  "The admin station may do all"
+  blocked for everybody else  the default policy of eth0: deny
+END
 answers 10 blocked --port tcp/8080
 says '^global  *blocked  *for every adapter$'
 
-# "global" allows some: the library's check ends there, the others are the adapters'.
+# "global" allows some; the others are the adapters'.
 cat >"$kProfileDirectory/some.json" <<'END'
 {"name": "some", "adapterPolicyMap": {"eth0": 1, "vpn": 1}, "rules": {}}
 END
@@ -155,29 +152,29 @@ answers 0 rule add allow tcp 22 from fd00::/8
 answers 0 enable
 ip tuntap add eth9 mode tun
 answers 10 explain --port tcp/22
-sed --in-place '1,/^$/d' "$out/answer"
 prints <<'END'
-global: undecided
-  no default policy                                undecided
-  rule 1: allow tcp 22 from 10.0.0.0/8 (IPv4)      allowed for some addresses
-  rule 2: allow tcp 22 from 192.168.0.0/16 (IPv4)  allowed
-  rule 3: allow tcp 22 from fd00::/8 (IPv6)        allowed
-  all packets together                             undecided
+Profile "some", tcp 22
 
 eth0: mixed
-  default policy: deny                blocked
-  decided by global for some packets  allowed
-  all packets together                mixed
+  allowed for 10.0.0.0/8      rule 1 of global: allow tcp 22 from 10.0.0.0/8 (IPv4)
+  allowed for 192.168.0.0/16  rule 2 of global: allow tcp 22 from 192.168.0.0/16 (IPv4)
+  allowed for fd00::/8        rule 3 of global: allow tcp 22 from fd00::/8 (IPv6)
+  blocked for everybody else  the default policy of eth0: deny
 
 eth9 (not in the profile): allowed
-  decided by global for some packets     allowed
-  the other packets: not in the profile  allowed
+  allowed for 10.0.0.0/8      rule 1 of global: allow tcp 22 from 10.0.0.0/8 (IPv4)
+  allowed for 192.168.0.0/16  rule 2 of global: allow tcp 22 from 192.168.0.0/16 (IPv4)
+  allowed for fd00::/8        rule 3 of global: allow tcp 22 from fd00::/8 (IPv6)
+  allowed for everybody else  no rule and no default policy matches
 
 vpn (absent): mixed
-  default policy: deny                blocked
-  decided by global for some packets  allowed
-  all packets together                mixed
+  allowed for 10.0.0.0/8      rule 1 of global: allow tcp 22 from 10.0.0.0/8 (IPv4)
+  allowed for 192.168.0.0/16  rule 2 of global: allow tcp 22 from 192.168.0.0/16 (IPv4)
+  allowed for fd00::/8        rule 3 of global: allow tcp 22 from fd00::/8 (IPv6)
+  blocked for everybody else  the default policy of vpn: deny
 END
+answers 0 explain --port tcp/22 --adapter global
+says '^  undecided for everybody else  *no rule of global matches: left to the adapters$'
 ip tuntap del eth9 mode tun
 answers 10 explain --port tcp/22 --from 198.51.100.1 --adapter vpn
 says '^vpn  *tcp 22  *blocked  *the default policy of vpn: deny; absent$'
@@ -363,8 +360,21 @@ END
 answers 10 explain --profile ways --protocol 47 --adapter eth0 --json
 step 'in both families' jq --exit-status '.protocol == "47" and .ports == [] and
     [.adapters[0].decisions[].port] == ["protocol 47 (IPv4)", "protocol 47 (IPv6)"]' "$out/answer"
-answers 10 explain --profile ways --port tcp/80 --adapter eth0
-says '^eth0: mixed$'
+answers 10 explain --profile ways --port tcp/79-80 --adapter eth0
+prints <<'END'
+Not in force: another profile is active
+Profile "ways", tcp 79-80
+
+eth0: mixed
+  allowed for tcp 80 to 10.0.0.5                                           rule 1 of eth0: allow tcp 80 to 10.0.0.5 (IPv4)
+  allowed for tcp 80 from 192.168.1.20 to anywhere except 10.0.0.5 (IPv4)  rule 2 of eth0: allow tcp 80 from 192.168.1.20 (IPv4)
+  blocked for all other packets                                            the default policy of eth0: deny
+END
+answers 10 explain --profile ways --port tcp/80 --adapter eth0 --json
+step 'with the packets where more than the sender matters' jq --exit-status '
+    [.adapters[1].ports[0].steps[] | [.by, .position, .v4, .v6 == [], (.packets | length)]] ==
+    [["rule", 1, null, true, 1], ["rule", 2, null, true, 1], ["defaultPolicy", null, null, false, 2]] and
+    .adapters[1].ports[0].steps[0].packets[0].destinations == ["10.0.0.5"]' "$out/answer"
 for wrong in --protocol\ {tcp,icmp/256,256,gre} '--protocol igmp --port tcp/22' \
     '--port tcp/22 --out global'; do
     read -r -a words <<<"$wrong"
@@ -372,6 +382,20 @@ for wrong in --protocol\ {tcp,icmp/256,256,gre} '--protocol igmp --port tcp/22' 
 done
 answers 5 explain --profile nothing --port tcp/22
 answers 5 explain --port tcp/22 --out eht0
+
+# Ports of a service about which others decide are apart; of many services of a rule, two are named.
+answers 0 rule add --profile ways --adapter eth0 allow service http,ssh,ftp,nfs,rsync from 10.0.0.0/8
+answers 0 rule add --profile ways --adapter eth0 allow tcp 139
+answers 10 explain --profile ways --service smb --adapter eth0
+says '^  tcp 139  *allowed$'
+says '^  allowed for everybody  *rule 5 of eth0: allow tcp 139 from anywhere$'
+says '^  tcp 445  *blocked$'
+says '^  blocked for everybody  *the default policy of eth0: deny$'
+answers 10 explain --profile ways --service nfs --adapter eth0
+says '^  allowed for 10.0.0.0/8  *rule 4 of eth0: allow service http,nfs,... from 10.0.0.0/8 (IPv4)$'
+step 'all ports together' [ "$(grep --count '^  ' "$out/answer")" -eq 2 ]
+answers 0 rule delete --profile ways --adapter eth0 5
+answers 0 rule delete --profile ways --adapter eth0 4
 
 # Also while the firewall is disabled, of the active profile too when it is named.
 activate ways

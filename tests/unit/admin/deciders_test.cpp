@@ -134,19 +134,48 @@ TEST(DecidersTest, MoreThanTheSenderMayMatter) {
               Texts{"allow rule 1 of eth0" + std::string(kAllOfV4) + kAllOfV6});
 }
 
+/// Rules for as many addresses, none beside another one.
+std::vector<FW::FWRULE> rulesForAddresses(const FW::FWRULE& rule, std::size_t count) {
+    std::vector<FW::FWRULE> rules(count, rule);
+    for (std::size_t i = 0; i < count; ++i) {
+        rules[i].ipList = {"10.0." + std::to_string(i / 100) + "." + std::to_string(i % 100 * 2)};
+    }
+    return rules;
+}
+
 TEST(DecidersTest, OfThousandsOfRulesThoseBesideEachOtherAreNotTooComplex) {
     FW::FWPROFILE profile = profileOf({}, {"deny any from 10.0.0.0"}, kAllow);
     std::vector<FW::FWRULE>& rules = profile.rules["eth0"];
-    rules.resize(10000, rules.front());
-    for (std::size_t i = 0; i < rules.size(); ++i) {
-        rules[i].ipList = {"10.0." + std::to_string(i / 100) + "." + std::to_string(i % 100 * 2)};
-    }
+    rules = rulesForAddresses(rules.front(), 10000);
     const Deciders found = decidersOf(Meaning(profile), packetsTo("tcp/22", "eth0"));
     EXPECT_FALSE(found.tooComplex);
     ASSERT_EQ(found.all.size(), 10001U);
     EXPECT_EQ(found.all.back().senders[FW::FW_FAMILY_V4].value().size(), 10001U);
     EXPECT_FALSE(found.all.back().denied);
 }
+
+#ifndef TARN_SLOW
+TEST(DecidersTest, WhatIsTooComplexIsSaidAndTheVerdictIsKnown) {
+    // One rule is left with what thousands of earlier ones cut out of it.
+    FW::FWPROFILE profile =
+        profileOf({}, {"deny any from 10.0.0.0", "deny any from 10.0.0.0/8"}, kDeny);
+    std::vector<FW::FWRULE>& rules = profile.rules["eth0"];
+    const FW::FWRULE network = rules.back();
+    rules = rulesForAddresses(rules.front(), 6000);
+    rules.push_back(network);
+    const Meaning meaning(profile);
+    FW::PortCompareST question;
+    ASSERT_EQ(tarnfw::portQuestionFrom("tcp/22", question), "");
+    const auto answers = explainedVerdicts(meaning, {question}, {"eth0"});
+    const Deciders& found = answers.back().ports.front().deciders;
+    EXPECT_TRUE(found.tooComplex);
+    EXPECT_GE(found.all.size(), 6000U) << "what is found is not lost";
+    EXPECT_EQ(answers.back().verdict, FW::FW_POLICY_DENY);
+    rules.back().policy = kAllow;
+    EXPECT_EQ(explainedVerdicts(Meaning(profile), {question}, {"eth0"}).back().verdict,
+              FW::FW_POLICY_MIXED);
+}
+#endif
 
 // ---- On random profiles -------------------------------------------------------------------------
 
@@ -292,6 +321,29 @@ TEST_F(RandomDecidersTest, DecideAboutEachPacketAsItsOwnDecisionIs) {
     }
     EXPECT_GT(packets_, kProfiles * 100);
     EXPECT_GT(senders_, kProfiles * 100);
+}
+
+TEST_F(RandomDecidersTest, AddUpToTheExactVerdict) {
+    constexpr int kProfiles = 200;
+    int mixed = 0;
+    for (int i = 0; i < kProfiles; ++i) {
+        Random random(static_cast<unsigned>(8100000 + i));
+        const FW::FWPROFILE profile = makeProfile(random, 6, {"global", "eth0", "vpn"});
+        const Meaning meaning(profile, environmentFor(profile, countries_));
+        FW::PortCompareST question;
+        ASSERT_EQ(tarnfw::portQuestionFrom(i % 2 == 0 ? "tcp/22" : "both/443", question), "");
+        const auto exact = exactVerdicts(meaning, {question}, {"eth0", "eth1"});
+        const auto explained = explainedVerdicts(meaning, {question}, {"eth0", "eth1"});
+        ASSERT_EQ(explained.size(), exact.size());
+        for (std::size_t n = 0; n < exact.size(); ++n) {
+            EXPECT_EQ(explained[n].verdict, exact[n].verdict)
+                << "profile " << i << ", " << exact[n].adapter;
+            EXPECT_TRUE(exact[n].ports.front().deciders.all.empty());
+            EXPECT_FALSE(explained[n].ports.front().deciders.all.empty());
+            mixed += exact[n].verdict == FW::FW_POLICY_MIXED ? 1 : 0;
+        }
+    }
+    EXPECT_GT(mixed, kProfiles / 10);
 }
 
 }  // namespace

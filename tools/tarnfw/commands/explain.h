@@ -33,9 +33,8 @@ struct ExplainQuery {
 /// The error of a protocol without ports, such as "icmp/8"; empty for a valid one.
 std::string protocolComplaint(const std::string& text);
 
-/// Explains the steps to the verdicts on packets from anywhere; ends the command with its exit
-/// status.
-void explainSteps(const ExplainQuery& query);
+/// Explains who decides about packets from anywhere; ends the command with its exit status.
+void explainDeciders(const ExplainQuery& query);
 
 /// Explains the one rule that decides about a packet, as far as it is known; ends the command with
 /// its exit status.

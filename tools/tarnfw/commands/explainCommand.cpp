@@ -1,4 +1,5 @@
-/// tarnfw explain: the rules that lead to a verdict, or the one that decides about a packet.
+/// tarnfw explain: the rules that decide about packets from anywhere, or the one that decides about
+/// a packet.
 #include "commands/explain.h"
 
 #include <iostream>
@@ -116,8 +117,8 @@ std::string addressComplaint(const std::string& text) {
 void addExplainCommand(Command& app) {
     Command& command =
         app.subcommand("explain",
-                       "Show whether a port or a service gets through, and the rules that lead to "
-                       "each verdict");
+                       "Show whether a port or a service gets through, and which rules decide for "
+                       "whom");
     const auto query = std::make_shared<ExplainQuery>();
     addQueryOptions(command, query->ports);
     command
@@ -139,16 +140,17 @@ void addExplainCommand(Command& app) {
         .option("--profile", query->profile,
                 "Ask about a stored profile, active or not; by default about the active one")
         .placeholder("NAME");
-    command.footer(std::string(kPortQueryFooter) +
-                   "\nWith --from, --out or --protocol, the rules are evaluated as in the kernel; "
-                   "country rules count as in a kernel that has the \"geoip\" match. \"unless\" "
-                   "names rules that depend on what is not said: the source port, --to, --from. "
-                   "Rules of other programs are not looked up for forwarded packets and protocols "
-                   "without ports. A profile that is not in force is answered for as if it were.\n"
-                   "Examples:\n"
-                   "  tarnfw explain --port tcp/20-25 --adapter eth0 --from 192.168.1.20\n"
-                   "  tarnfw explain --port tcp/80 --adapter eth0 --out eth1 --to 10.0.0.5\n"
-                   "  tarnfw explain --protocol icmp/8 --profile default");
+    command.footer(
+        std::string(kPortQueryFooter) +
+        "\nThe rules are evaluated as in the kernel; country rules count as in one that has "
+        "the \"geoip\" match. With --from, --out or --protocol, \"unless\" names rules "
+        "that depend on what is not said: the source port, --to, --from. "
+        "Rules of other programs are not looked up for forwarded packets and protocols "
+        "without ports. A profile that is not in force is answered for as if it were.\n"
+        "Examples:\n"
+        "  tarnfw explain --port tcp/20-25 --adapter eth0 --from 192.168.1.20\n"
+        "  tarnfw explain --port tcp/80 --adapter eth0 --out eth1 --to 10.0.0.5\n"
+        "  tarnfw explain --protocol icmp/8 --profile default");
     command.run([query] {
         if (!query->ports.to.empty() && query->ports.from.empty() && query->out.empty()) {
             throw UsageError("--to needs --from or --out");
@@ -156,7 +158,7 @@ void addExplainCommand(Command& app) {
         if (query->isAboutPackets()) {
             explainPackets(*query);
         } else {
-            explainSteps(*query);
+            explainDeciders(*query);
         }
     });
 }
