@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -58,16 +59,44 @@ std::size_t heapBytes() {
     return info.uordblks + info.hblkhd;
 }
 
-/// Counts the bytes that resolved rules and their index hold, for each rule of the profile.
-void prepare(benchmark::State& state, MeaningKind kind, int size) {
-    const Rules rules = rulesOf(kind, size);
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(FW_MEANING(rules));
+/// The lists of countries that rules have, each once.
+std::size_t countryBytes(const Rules& rules) {
+    std::set<const FW::FWADDRESSES*> lists;
+    for (const FWRESOLVEDRULE& rule : rules) {
+        for (const auto& list : {rule.packets.sources, rule.packets.destinations}) {
+            if (list != nullptr && list->size() > 1000) {
+                lists.insert(list.get());
+            }
+        }
     }
+    std::size_t bytes = 0;
+    for (const FW::FWADDRESSES* const list : lists) {
+        bytes += list->capacity() * sizeof(FW::FWADDRESSINTERVAL);
+    }
+    return bytes;
+}
+
+/// Counts the bytes held for each rule of the profile: by FW_MEANING alone, after the resolved
+/// rules are gone; by both, while they are there; and by both with the lists of countries.
+void prepare(benchmark::State& state, MeaningKind kind, int size) {
+    const auto perRule = [size](std::size_t bytes) {
+        return static_cast<double>(bytes) / static_cast<double>(size);
+    };
+    (void)rulesOf(kind, size);  // makes the lists of countries, which stay
     const std::size_t before = heapBytes();
+    {
+        const Rules rules = rulesOf(kind, size);
+        for (auto _ : state) {
+            benchmark::DoNotOptimize(FW_MEANING(rules));
+        }
+        const FW_MEANING meaning(rules);
+        const std::size_t both = heapBytes() - before;
+        state.counters["bytes_per_rule"] = perRule(both);
+        state.counters["with_countries"] = perRule(both + countryBytes(rules));
+    }
+    const std::size_t empty = heapBytes();
     const FW_MEANING meaning(rulesOf(kind, size));
-    state.counters["bytes_per_rule"] =
-        static_cast<double>(heapBytes() - before) / static_cast<double>(size);
+    state.counters["meaning_alone"] = perRule(heapBytes() - empty);
 }
 
 /// Packets at the edges of random rules.

@@ -18,6 +18,17 @@ GROUPS = {
     'spawn': ('bench_spawn', 1, 'real_time'),
 }
 
+# What programs count besides the time.
+COUNTERS = (
+    'lines',
+    'bytes_per_line',
+    'bytes_per_rule',
+    'with_countries',
+    'meaning_alone',
+    'found',
+    'too_complex',
+)
+
 UNITS = {'ns': 1e-9, 'us': 1e-6, 'ms': 1e-3, 's': 1.0}
 
 
@@ -77,7 +88,7 @@ def run(group, options):
         key = parts(entry['run_name'])
         row = rows.setdefault(key, Row(*key[:3], key[3], []))
         row.times.append(entry[clock] * UNITS[entry['time_unit']])
-        for counter in ('lines', 'bytes_per_line'):
+        for counter in COUNTERS:
             if counter in entry:
                 row.counters[counter] = entry[counter]
     for row in rows.values():

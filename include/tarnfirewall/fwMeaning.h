@@ -309,7 +309,8 @@ struct FWREACHABLE {
 /// Resolved rules, prepared for questions. It does not change, so that several threads may ask.
 class TARNFW_EXPORT FW_MEANING {
 public:
-    /// Copies what it needs of the rules, some hundred bytes each and each list of addresses once.
+    /// Copies what it needs of the rules, some hundred bytes each. Lists of addresses are not
+    /// copied but kept, each once: they must not change any more.
     explicit FW_MEANING(const std::vector<FWRESOLVEDRULE>& rules);
     ~FW_MEANING();
 

@@ -84,7 +84,7 @@ Intervals InterfaceNumbers::numbersOf(const FWINTERFACES& interfaces) const {
     return numbers;
 }
 
-FWINTERFACES InterfaceNumbers::interfacesOf(const Intervals& numbers) const {
+FWINTERFACES InterfaceNumbers::interfacesOf(IntervalView numbers) const {
     // Each entry whose membership differs from that of the next shorter one.
     FWINTERFACES interfaces;
     std::vector<std::pair<std::size_t, bool>> enclosing;  // their ends, and whether they are in

@@ -26,7 +26,7 @@ public:
     bool hasAll(const FWINTERFACES& interfaces) const;
     Number numberOf(const std::string& name) const;
     Intervals numbersOf(const FWINTERFACES& interfaces) const;
-    FWINTERFACES interfacesOf(const Intervals& numbers) const;
+    FWINTERFACES interfacesOf(IntervalView numbers) const;
 
     /// A name with this number.
     std::string exampleOf(Number number) const;

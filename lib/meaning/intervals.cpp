@@ -6,27 +6,29 @@
 namespace FW {
 namespace {
 
-/// The first interval that ends at or after `number`.
-Intervals::const_iterator endingFrom(const Intervals& set, Number number) {
-    return std::lower_bound(
-        set.begin(), set.end(), number,
-        [](const Interval& interval, Number wanted) { return interval.last < wanted; });
+/// Of the intervals from `begin` to before `end`, the first one that ends at or after `number`.
+std::size_t endingFrom(IntervalView set, std::size_t begin, std::size_t end, Number number) {
+    while (begin < end) {
+        const std::size_t middle = begin + (end - begin) / 2;
+        if (set[middle].last < number) {
+            begin = middle + 1;
+        } else {
+            end = middle;
+        }
+    }
+    return begin;
 }
 
 /// The same, in a set that is walked from `start` on: near it in few steps, far away by doubling
 /// them.
-Intervals::const_iterator endingFrom(const Intervals& set, Intervals::const_iterator start,
-                                     Number number) {
-    std::ptrdiff_t step = 1;
-    auto begin = start;
-    while (set.end() - begin > step && (begin + step)->last < number) {
+std::size_t endingFrom(IntervalView set, std::size_t start, Number number) {
+    std::size_t step = 1;
+    std::size_t begin = start;
+    while (set.size() - begin > step && set[begin + step].last < number) {
         begin += step;
         step *= 2;
     }
-    const auto end = set.end() - begin > step ? begin + step : set.end();
-    return std::lower_bound(begin, end, number, [](const Interval& interval, Number wanted) {
-        return interval.last < wanted;
-    });
+    return endingFrom(set, begin, std::min(begin + step, set.size()), number);
 }
 
 /// Whether `b` follows `a` without a gap, or overlaps it; `a` begins first.
@@ -59,67 +61,95 @@ void normalize(Intervals& intervals) {
     intervals.resize(count);
 }
 
-bool contains(const Intervals& set, Number number) {
-    const auto found = endingFrom(set, number);
-    return found != set.end() && found->first <= number;
+bool operator==(IntervalView a, IntervalView b) {
+    if (a.size() != b.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (!(a[i] == b[i])) {
+            return false;
+        }
+    }
+    return true;
 }
 
-bool overlapsAny(const Intervals& a, const Intervals& b) {
-    const Intervals& few = a.size() <= b.size() ? a : b;
-    const Intervals& many = a.size() <= b.size() ? b : a;
-    auto found = many.begin();
-    return std::any_of(few.begin(), few.end(), [&](const Interval& one) {
+bool contains(IntervalView set, Number number) {
+    const std::size_t found = endingFrom(set, 0, set.size(), number);
+    return found != set.size() && set[found].first <= number;
+}
+
+bool overlapsAny(IntervalView a, IntervalView b) {
+    const IntervalView few = a.size() <= b.size() ? a : b;
+    const IntervalView many = a.size() <= b.size() ? b : a;
+    std::size_t found = 0;
+    for (const Interval& one : few) {
         found = endingFrom(many, found, one.first);
-        return found != many.end() && found->first <= one.last;
-    });
+        if (found == many.size()) {
+            return false;
+        }
+        if (many[found].first <= one.last) {
+            return true;
+        }
+    }
+    return false;
 }
 
-bool includes(const Intervals& set, const Intervals& other) {
-    auto found = set.begin();
-    return std::all_of(other.begin(), other.end(), [&](const Interval& one) {
+bool includesAll(IntervalView set, IntervalView other) {
+    std::size_t found = 0;
+    for (const Interval& one : other) {
         found = endingFrom(set, found, one.first);
-        return found != set.end() && found->first <= one.first && one.last <= found->last;
-    });
+        if (found == set.size() || one.first < set[found].first || set[found].last < one.last) {
+            return false;
+        }
+    }
+    return true;
 }
 
-Intervals intersected(const Intervals& a, const Intervals& b) {
-    const Intervals& few = a.size() <= b.size() ? a : b;
-    const Intervals& many = a.size() <= b.size() ? b : a;
+Intervals intersected(IntervalView a, IntervalView b) {
+    const IntervalView few = a.size() <= b.size() ? a : b;
+    const IntervalView many = a.size() <= b.size() ? b : a;
     Intervals common;
-    auto first = many.begin();
+    std::size_t first = 0;
     for (const Interval& one : few) {
         first = endingFrom(many, first, one.first);
-        for (auto other = first; other != many.end() && other->first <= one.last; ++other) {
-            common.push_back({std::max(one.first, other->first), std::min(one.last, other->last)});
+        for (std::size_t i = first; i < many.size() && many[i].first <= one.last; ++i) {
+            common.push_back(
+                {std::max(one.first, many[i].first), std::min(one.last, many[i].last)});
         }
     }
     return common;
 }
 
-Intervals united(const Intervals& a, const Intervals& b) {
-    Intervals all = a;
-    all.insert(all.end(), b.begin(), b.end());
+Intervals united(IntervalView a, IntervalView b) {
+    Intervals all;
+    all.reserve(a.size() + b.size());
+    for (const IntervalView set : {a, b}) {
+        for (const Interval& one : set) {
+            all.push_back(one);
+        }
+    }
     normalize(all);
     return all;
 }
 
-Intervals without(const Intervals& set, const Intervals& other) {
+Intervals without(IntervalView set, IntervalView other) {
     Intervals rest;
-    auto firstHole = other.begin();
+    std::size_t firstHole = 0;
     for (const Interval& one : set) {
         Number first = one.first;
         bool ended = false;
         firstHole = endingFrom(other, firstHole, one.first);
-        for (auto hole = firstHole; hole != other.end() && !ended; ++hole) {
-            if (one.last < hole->first) {
+        for (std::size_t i = firstHole; i < other.size() && !ended; ++i) {
+            const Interval hole = other[i];
+            if (one.last < hole.first) {
                 break;
             }
-            if (first < hole->first) {
-                rest.push_back({first, hole->first - 1});
+            if (first < hole.first) {
+                rest.push_back({first, hole.first - 1});
             }
-            ended = one.last <= hole->last;
+            ended = one.last <= hole.last;
             if (!ended) {
-                first = hole->last + 1;
+                first = hole.last + 1;
             }
         }
         if (!ended) {

@@ -1,7 +1,11 @@
 /// Sets of numbers as lists of intervals.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <vector>
+
+#include "tarnfirewall/fwMeaning.h"
 
 namespace FW {
 
@@ -23,29 +27,100 @@ inline bool operator==(const Interval& a, const Interval& b) {
 /// A set: sorted intervals, disjoint and not adjacent. All functions keep it so.
 using Intervals = std::vector<Interval>;
 
+/// A list of addresses has an interval in this form.
+inline Interval intervalOf(const FWADDRESSINTERVAL& addresses) {
+    return {Number(addresses.first.high) << 64 | addresses.first.low,
+            Number(addresses.last.high) << 64 | addresses.last.low};
+}
+
+/// A set wherever its intervals are kept: as numbers, or in a list of addresses, which is not
+/// copied for it. Valid as long as they are.
+class IntervalView {
+public:
+    IntervalView(const Interval& one) : data_(&one), size_(1) {}
+    IntervalView(const Intervals& set) : IntervalView(set.data(), set.size(), false) {}
+    IntervalView(const FWADDRESSES& list) : IntervalView(list.data(), list.size(), true) {}
+
+    std::size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+
+    Interval operator[](std::size_t index) const {
+        return isAddresses_ ? intervalOf(static_cast<const FWADDRESSINTERVAL*>(data_)[index])
+                            : static_cast<const Interval*>(data_)[index];
+    }
+    Interval front() const { return (*this)[0]; }
+    Interval back() const { return (*this)[size_ - 1]; }
+
+    /// What a loop over the intervals needs.
+    class Iterator {
+    public:
+        Iterator(const IntervalView& view, std::size_t index) : view_(&view), index_(index) {}
+        Interval operator*() const { return (*view_)[index_]; }
+        Iterator& operator++() {
+            ++index_;
+            return *this;
+        }
+        bool operator!=(const Iterator& other) const { return index_ != other.index_; }
+
+    private:
+        const IntervalView* view_;
+        std::size_t index_;
+    };
+    Iterator begin() const { return {*this, 0}; }
+    Iterator end() const { return {*this, size_}; }
+
+protected:
+    bool isOfAddresses() const { return isAddresses_; }
+
+private:
+    IntervalView(const void* data, std::size_t size, bool isAddresses)
+        : data_(data), size_(static_cast<std::uint32_t>(size)), isAddresses_(isAddresses) {}
+
+    // No longer than two words, so that calls pass it in registers.
+    const void* data_;
+    std::uint32_t size_;
+    bool isAddresses_ = false;
+};
+
+/// Whether the sets are the same.
+bool operator==(IntervalView a, IntervalView b);
+
 /// Makes a set of any intervals; those with `last` before `first` are left out.
 void normalize(Intervals& intervals);
 
-bool contains(const Intervals& set, Number number);
+bool contains(IntervalView set, Number number);
 
 /// overlaps() of lists of any length.
-bool overlapsAny(const Intervals& a, const Intervals& b);
+bool overlapsAny(IntervalView a, IntervalView b);
 
 /// Whether the sets have a number in common.
-inline bool overlaps(const Intervals& a, const Intervals& b) {
+inline bool overlaps(IntervalView a, IntervalView b) {
     // What most sets are.
-    return a.size() == 1 && b.size() == 1
-               ? a.front().first <= b.front().last && b.front().first <= a.front().last
-               : overlapsAny(a, b);
+    if (a.size() == 1 && b.size() == 1) {
+        const Interval one = a.front();
+        const Interval other = b.front();
+        return one.first <= other.last && other.first <= one.last;
+    }
+    return overlapsAny(a, b);
 }
 
-/// Whether `set` contains all numbers of `other`.
-bool includes(const Intervals& set, const Intervals& other);
+/// includes() of lists of any length.
+bool includesAll(IntervalView set, IntervalView other);
 
-Intervals intersected(const Intervals& a, const Intervals& b);
-Intervals united(const Intervals& a, const Intervals& b);
+/// Whether `set` contains all numbers of `other`.
+inline bool includes(IntervalView set, IntervalView other) {
+    if (set.size() == 1 && other.size() == 1) {
+        const Interval all = set.front();
+        const Interval one = other.front();
+        return all.first <= one.first && one.last <= all.last;
+    }
+    return includesAll(set, other);
+}
+
+Intervals intersected(IntervalView a, IntervalView b);
+Intervals united(IntervalView a, IntervalView b);
 
 /// The numbers of `set` that are not in `other`.
-Intervals without(const Intervals& set, const Intervals& other);
+Intervals without(IntervalView set, IntervalView other);
 
 }  // namespace FW

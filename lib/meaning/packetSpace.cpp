@@ -56,18 +56,10 @@ std::uint8_t maskOf(const Values& values, std::uint8_t all) {
 }
 
 std::shared_ptr<const FWADDRESSES> plainAddresses(const Values& values) {
-    if (values == nullptr) {
-        return nullptr;
-    }
-    auto addresses = std::make_shared<FWADDRESSES>();
-    addresses->reserve(values->size());
-    for (const Interval& one : *values) {
-        addresses->push_back({addressOf(one.first), addressOf(one.last)});
-    }
-    return addresses;
+    return isAny(values) ? nullptr : values->addresses();
 }
 
-std::uint64_t hashOf(const Intervals& values) {
+std::uint64_t hashOf(IntervalView values) {
     std::uint64_t hash = values.size();
     const auto mix = [&hash](Number number) {
         for (const auto half :
@@ -106,10 +98,38 @@ std::vector<std::string> joined(std::vector<std::string> entries,
 }
 
 Values single(Number number) {
-    return std::make_shared<Intervals>(Intervals{{number, number}});
+    return valuesOf(Interval{number, number});
 }
 
 }  // namespace
+
+// ---- Values
+
+ValueSet::ValueSet(const Interval& one) : IntervalView(one_), one_(one) {}
+
+ValueSet::ValueSet(std::shared_ptr<const Intervals> own)
+    : IntervalView(*own), list_(std::move(own)) {}
+
+ValueSet::ValueSet(std::shared_ptr<const FWADDRESSES> list)
+    : IntervalView(*list), list_(std::move(list)) {}
+
+Values valuesOf(Intervals intervals) {
+    return intervals.size() == 1 ? valuesOf(intervals.front())
+                                 : std::make_shared<const ValueSet>(
+                                       std::make_shared<const Intervals>(std::move(intervals)));
+}
+
+std::shared_ptr<const FWADDRESSES> ValueSet::addresses() const {
+    if (isOfAddresses()) {
+        return std::static_pointer_cast<const FWADDRESSES>(list_);
+    }
+    auto addresses = std::make_shared<FWADDRESSES>();
+    addresses->reserve(size());
+    for (const Interval& one : *this) {
+        addresses->push_back({addressOf(one.first), addressOf(one.last)});
+    }
+    return addresses;
+}
 
 // ---- The space ----
 
@@ -134,7 +154,7 @@ std::uint32_t PacketSpace::idOf(Field field, Intervals values) {
     }
     values.shrink_to_fit();
     const std::uint64_t hash = hashOf(values);
-    return idOf(field, std::make_shared<const Intervals>(std::move(values)), hash);
+    return idOf(field, valuesOf(std::move(values)), hash);
 }
 
 std::uint32_t PacketSpace::idOf(Field field, const Values& values, std::uint64_t hash) {
@@ -196,12 +216,12 @@ std::uint32_t PacketSpace::idOf(Field field, const std::shared_ptr<const FWADDRE
             return found->second;
         }
     }
-    Intervals numbers;
-    numbers.reserve(addresses->size());
-    for (const FWADDRESSINTERVAL& one : *addresses) {
-        numbers.push_back({numberOf(one.first), numberOf(one.last)});
+    if (addresses->empty()) {
+        return 0;
     }
-    const std::uint32_t id = idOf(field, std::move(numbers));
+    const Values values = addresses->size() == 1 ? valuesOf(intervalOf(addresses->front()))
+                                                 : std::make_shared<const ValueSet>(addresses);
+    const std::uint32_t id = idOf(field, values, hashOf(*values));
     if (isLong) {
         known.emplace(addresses.get(), id);
     }
@@ -273,8 +293,7 @@ Region PacketSpace::regionOf(const FWPACKET& packet) const {
         if (address) {
             const Number first = numberOf(*address);
             const bool ipv4 = packet.family == FW_FAMILY_V4;
-            region[field] = std::make_shared<Intervals>(
-                Intervals{{first, ipv4 ? first | kMaxNumber >> 32 : first}});
+            region[field] = valuesOf(Interval{first, ipv4 ? first | kMaxNumber >> 32 : first});
         }
     };
     set(kChain, packet.chain);
@@ -291,15 +310,14 @@ Region PacketSpace::regionOf(const FWPACKET& packet) const {
     const bool hasPort = packet.sourcePort || packet.destinationPort;
     if (packet.protocol ? *packet.protocol == kTcp || *packet.protocol == kUdp : hasPort) {
         if (!packet.protocol) {
-            region[kProtocol] = std::make_shared<Intervals>(Intervals{{kTcp, kTcp}, {kUdp, kUdp}});
+            region[kProtocol] = valuesOf(Intervals{{kTcp, kTcp}, {kUdp, kUdp}});
         }
         set(kSourcePort, packet.sourcePort);
         set(kDestinationPort, packet.destinationPort);
     } else if (packet.protocol ? *packet.protocol == kIcmp || *packet.protocol == kIcmpv6
                                : packet.icmpType.has_value()) {
         if (!packet.protocol) {
-            region[kProtocol] =
-                std::make_shared<Intervals>(Intervals{{kIcmp, kIcmp}, {kIcmpv6, kIcmpv6}});
+            region[kProtocol] = valuesOf(Intervals{{kIcmp, kIcmp}, {kIcmpv6, kIcmpv6}});
         }
         set(kIcmpType, packet.icmpType);
     }
@@ -331,7 +349,7 @@ FWPACKETSET PacketSpace::packetsOf(const Region& region) const {
 Point PacketSpace::pointOf(const Region& region) const {
     Point point;
     for (std::size_t field = 0; field < kFields; ++field) {
-        point[field] = (isAny(region[field]) ? all_[field] : *region[field]).front().first;
+        point[field] = valuesIn(region, static_cast<Field>(field)).front().first;
     }
     return point;
 }
@@ -361,7 +379,7 @@ FWPACKET PacketSpace::packetOf(const Point& point) const {
 FWPACKET PacketSpace::exampleOf(const Region& region) const {
     Point point = pointOf(region);
     const auto prefer = [&](Field field, const std::vector<Number>& wanted) {
-        const Intervals& values = isAny(region[field]) ? all_[field] : *region[field];
+        const IntervalView values = valuesIn(region, field);
         const auto found = std::find_if(wanted.begin(), wanted.end(),
                                         [&](Number number) { return contains(values, number); });
         if (found != wanted.end()) {

@@ -43,8 +43,32 @@ inline constexpr Number kUdp = IPPROTO_UDP;
 inline constexpr Number kIcmp = IPPROTO_ICMP;
 inline constexpr Number kIcmpv6 = IPPROTO_ICMPV6;
 
+/// Values that a field can have. A list of addresses is shared with others that hold it: those of
+/// countries are long, and there need be only one of each.
+class ValueSet : public IntervalView {
+public:
+    explicit ValueSet(const Interval& one);
+    explicit ValueSet(std::shared_ptr<const Intervals> own);
+    explicit ValueSet(std::shared_ptr<const FWADDRESSES> list);
+    ValueSet(const ValueSet&) = delete;
+    ValueSet& operator=(const ValueSet&) = delete;
+
+    /// The same as a list of addresses.
+    std::shared_ptr<const FWADDRESSES> addresses() const;
+
+private:
+    Interval one_{};  // most sets are one interval, which needs no memory of its own
+    std::shared_ptr<const void> list_;  // has the intervals of any other
+};
+
 /// The values of one field; null for any.
-using Values = std::shared_ptr<const Intervals>;
+using Values = std::shared_ptr<const ValueSet>;
+
+inline Values valuesOf(const Interval& one) {
+    return std::make_shared<const ValueSet>(one);
+}
+
+Values valuesOf(Intervals intervals);
 
 inline bool isAny(const Values& values) {
     return values == nullptr;
@@ -69,10 +93,11 @@ struct SpaceRule {
     bool log;
 };
 
-/// Keeps values of fields, equal ones once. Copies share them.
+/// Keeps values of fields, equal ones once. Copies share them, and lists of addresses are shared
+/// with the rules that were added.
 class PacketSpace {
 public:
-    /// Long lists of addresses that were added, so that each is added once.
+    /// Long lists of addresses that were added, so that each is looked at once.
     using AddressIds = std::unordered_map<const FWADDRESSES*, std::uint32_t>;
 
     /// Tells the interfaces of these rules apart.
@@ -97,6 +122,14 @@ public:
     std::size_t size() const { return values_.size(); }  ///< one more than the greatest number
     const Intervals& all(Field field) const { return all_[field]; }
 
+    /// The values of a field of a region, also where they are any.
+    IntervalView valuesIn(const Region& region, Field field) const {
+        if (isAny(region[field])) {
+            return all_[field];
+        }
+        return *region[field];
+    }
+
     Region regionOf(const ValueIds& ids) const;
 
     /// The packets of which `packet` may be one. A field that it cannot have is any: without a
@@ -104,7 +137,7 @@ public:
     Region regionOf(const FWPACKET& packet) const;
 
     FWPACKETSET packetsOf(const Region& region) const;
-    FWINTERFACES interfacesOf(const Intervals& numbers) const {
+    FWINTERFACES interfacesOf(IntervalView numbers) const {
         return interfaces_.interfacesOf(numbers);
     }
 

@@ -115,12 +115,11 @@ FWREACHABLE FW_MEANING::reach(const FWPACKETSET& query) const {
     };
     std::vector<Group> groups;
     Passage passage(space, rules);
-    const Intervals& interfaces = isAny(region[kIn]) ? space.all(kIn) : *region[kIn];
-    for (const Interval& interval : interfaces) {
+    for (const Interval& interval : space.valuesIn(region, kIn)) {
         for (Number number = interval.first; number <= interval.last; ++number) {
             const Intervals own = {{number, number}};
             Region piece = region;
-            piece[kIn] = std::make_shared<const Intervals>(own);
+            piece[kIn] = valuesOf(own);
             std::vector<Region> found = passage.of(piece);
             const auto group = std::find_if(groups.begin(), groups.end(), [&](const Group& one) {
                 return sameButForInterface(one.regions, found);
@@ -137,7 +136,7 @@ FWREACHABLE FW_MEANING::reach(const FWPACKETSET& query) const {
     for (Group& group : groups) {
         FWREACH& reach = reachable.reach.emplace_back();
         reach.interfaces = space.interfacesOf(group.interfaces);
-        const auto all = std::make_shared<const Intervals>(group.interfaces);
+        const Values all = valuesOf(group.interfaces);
         for (Region& one : group.regions) {
             one[kIn] = group.interfaces == space.all(kIn) ? nullptr : all;
             reach.packets.push_back(space.packetsOf(one));

@@ -14,6 +14,16 @@ constexpr Field kQuickFirst[] = {kIn,         kProtocol, kDestinationPort, kSour
                                  kDestination};
 static_assert(sizeof(kQuickFirst) / sizeof(kQuickFirst[0]) == kFields);
 
+/// The values that two sets have in common, which overlap.
+Values commonOf(IntervalView a, IntervalView b) {
+    if (a.size() == 1 && b.size() == 1) {
+        const Interval one = a.front();
+        const Interval other = b.front();
+        return valuesOf({std::max(one.first, other.first), std::min(one.last, other.last)});
+    }
+    return valuesOf(intersected(a, b));
+}
+
 }  // namespace
 
 bool overlaps(const PacketSpace& space, const Region& region, const SpaceRule& rule) {
@@ -122,7 +132,7 @@ Region intersected(const PacketSpace& space, const Region& region, const SpaceRu
         if (isAny(region[field]) || values == region[field]) {
             common[field] = values;
         } else if (!includes(*values, *region[field])) {
-            common[field] = std::make_shared<const Intervals>(intersected(*region[field], *values));
+            common[field] = commonOf(*region[field], *values);
         }
     }
     return common;
@@ -137,17 +147,15 @@ void appendWithout(const PacketSpace& space, Region region, const SpaceRule& rul
             continue;
         }
         const Values& values = space.values(id);
-        const Intervals& own = isAny(region[field]) ? space.all(field) : *region[field];
+        const IntervalView own = space.valuesIn(region, field);
         Intervals outside = without(own, *values);
         if (outside.empty()) {
             continue;
         }
         Region piece = region;
-        piece[field] = std::make_shared<const Intervals>(std::move(outside));
+        piece[field] = valuesOf(std::move(outside));
         rest.push_back(std::move(piece));
-        region[field] = isAny(region[field])
-                            ? values
-                            : std::make_shared<const Intervals>(intersected(own, *values));
+        region[field] = isAny(region[field]) ? values : commonOf(own, *values);
     }
 }
 
@@ -162,8 +170,8 @@ int compare(const Values& a, const Values& b) {
         return a->size() < b->size() ? -1 : 1;
     }
     for (std::size_t i = 0; i < a->size(); ++i) {
-        const Interval& one = (*a)[i];
-        const Interval& other = (*b)[i];
+        const Interval one = (*a)[i];
+        const Interval other = (*b)[i];
         if (!(one == other)) {
             return one.first < other.first || (one.first == other.first && one.last < other.last)
                        ? -1
@@ -204,14 +212,15 @@ void joinAlong(const PacketSpace& space, Field field, std::vector<Region>& regio
             if (isAny(regions[next][field])) {
                 any = true;
             } else {
-                values.insert(values.end(), regions[next][field]->begin(),
-                              regions[next][field]->end());
+                for (const Interval& one : *regions[next][field]) {
+                    values.push_back(one);
+                }
             }
         }
         if (next > i + 1) {
             normalize(values);
             any = any || values == space.all(field);
-            region[field] = any ? nullptr : std::make_shared<const Intervals>(std::move(values));
+            region[field] = any ? nullptr : valuesOf(std::move(values));
         }
         joined.push_back(std::move(region));
         i = next;

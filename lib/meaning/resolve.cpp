@@ -146,7 +146,12 @@ FWRESOLVED Resolver::run() {
 
     FWRESOLVED resolved;
     resolved.findings = std::move(findings_);
-    resolved.rules = std::move(global_);
+    std::size_t count = global_.size();
+    for (const auto& [adapter, list] : lists_) {
+        count += list.size();
+    }
+    resolved.rules.reserve(count);
+    std::move(global_.begin(), global_.end(), std::back_inserter(resolved.rules));
     for (auto& [adapter, list] : lists_) {
         std::move(list.begin(), list.end(), std::back_inserter(resolved.rules));
     }

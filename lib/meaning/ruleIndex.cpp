@@ -23,24 +23,10 @@ constexpr std::size_t kSampledIntervals = 4;  // of each of their fields
 using Bounds = std::array<Interval, kFields>;
 using RuleList = std::vector<std::uint32_t>;
 
-bool overlapsInterval(const Intervals& values, const Interval& bounds) {
-    const auto found =
-        std::lower_bound(values.begin(), values.end(), bounds.first,
-                         [](const Interval& one, Number wanted) { return one.last < wanted; });
-    return found != values.end() && found->first <= bounds.last;
-}
-
 /// Whether addresses are a small part of all.
 bool hasFewAddresses(const Values& addresses) {
     return addresses != nullptr && addresses->size() <= kFewIntervals &&
            addresses->back().last - addresses->front().first <= kMaxNumber / 16;
-}
-
-bool includesInterval(const Intervals& values, const Interval& bounds) {
-    const auto found =
-        std::lower_bound(values.begin(), values.end(), bounds.first,
-                         [](const Interval& one, Number wanted) { return one.last < wanted; });
-    return found != values.end() && found->first <= bounds.first && bounds.last <= found->last;
 }
 
 }  // namespace
@@ -48,14 +34,20 @@ bool includesInterval(const Intervals& values, const Interval& bounds) {
 struct RuleIndex::Builder {
     RuleIndex& index;
 
-    const Intervals* valuesOf(std::uint32_t rule, std::size_t field) const {
+    const ValueSet* valuesOf(std::uint32_t rule, std::size_t field) const {
         return index.space_.values(index.rules_[rule].values[field]).get();
+    }
+
+    /// Whether a rule has any of the values of an interval.
+    bool hasAnyOf(std::uint32_t rule, std::size_t field, const Interval& bounds) const {
+        const ValueSet* const values = valuesOf(rule, field);
+        return values == nullptr || FW::overlaps(*values, bounds);
     }
 
     bool covers(std::uint32_t rule, const Bounds& bounds) const {
         for (std::size_t field = 0; field < kFields; ++field) {
-            const Intervals* const values = valuesOf(rule, field);
-            if (values != nullptr && !includesInterval(*values, bounds[field])) {
+            const ValueSet* const values = valuesOf(rule, field);
+            if (values != nullptr && !includes(*values, bounds[field])) {
                 return false;
             }
         }
@@ -76,13 +68,13 @@ struct RuleIndex::Builder {
         std::vector<Number> edges;
         const std::size_t step = rules.size() / kSampledRules + 1;
         for (std::size_t i = 0; i < rules.size(); i += step) {
-            const Intervals* const values = valuesOf(rules[i], field);
+            const ValueSet* const values = valuesOf(rules[i], field);
             if (values == nullptr) {
                 continue;
             }
             const std::size_t valueStep = values->size() / kSampledIntervals + 1;
             for (std::size_t k = 0; k < values->size(); k += valueStep) {
-                const Interval& one = (*values)[k];
+                const Interval one = (*values)[k];
                 if (bounds.first < one.first && one.first <= bounds.last) {
                     edges.push_back(one.first);
                 }
@@ -102,10 +94,7 @@ struct RuleIndex::Builder {
     RuleList overlapping(const RuleList& rules, std::size_t field, const Interval& bounds) const {
         RuleList found;
         std::copy_if(rules.begin(), rules.end(), std::back_inserter(found),
-                     [&](std::uint32_t rule) {
-                         const Intervals* const values = valuesOf(rule, field);
-                         return values == nullptr || overlapsInterval(*values, bounds);
-                     });
+                     [&](std::uint32_t rule) { return hasAnyOf(rule, field, bounds); });
         return found;
     }
 
@@ -116,9 +105,8 @@ struct RuleIndex::Builder {
         std::size_t second = 0;
         const std::size_t step = rules.size() / (4 * kSampledRules) + 1;
         for (std::size_t i = 0; i < rules.size(); i += step) {
-            const Intervals* const values = valuesOf(rules[i], field);
-            first += values == nullptr || overlapsInterval(*values, below) ? step : 0;
-            second += values == nullptr || overlapsInterval(*values, above) ? step : 0;
+            first += hasAnyOf(rules[i], field, below) ? step : 0;
+            second += hasAnyOf(rules[i], field, above) ? step : 0;
         }
         return {std::max(first, second), first + second};
     }

@@ -45,9 +45,8 @@ enum class Answer { kYes, kNo, kTooComplex };
 Point sampleOf(const PacketSpace& space, const Region& region, unsigned sample) {
     Point point;
     for (std::size_t field = 0; field < kFields; ++field) {
-        const Intervals& values =
-            isAny(region[field]) ? space.all(static_cast<Field>(field)) : *region[field];
-        const Interval& middle = values[values.size() / 2];
+        const IntervalView values = space.valuesIn(region, static_cast<Field>(field));
+        const Interval middle = values[values.size() / 2];
         const auto mixed = static_cast<std::uint32_t>(sample * kFields + field) * 0x9e3779b1U;
         switch (sample == 0 ? 0 : mixed >> 30) {
             case 0:

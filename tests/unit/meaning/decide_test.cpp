@@ -351,6 +351,27 @@ TEST(DecideTest, UnknownSourceYieldsTheRulesForSomeSources) {
     EXPECT_THAT(decidersOf(meaning, packet), ElementsAre("eth0 1", "eth0 0"));
 }
 
+TEST(DecideTest, ListOfACountryIsNotCopied) {
+    FW::FWADDRESSES ranges;
+    for (std::uint64_t i = 0; i < 100; ++i) {
+        ranges.push_back({{i << 40, 0}, {i << 40 | 0xffffffff, ~std::uint64_t(0)}});
+    }
+    const auto country = std::make_shared<const FW::FWADDRESSES>(ranges);
+    FW::FWRULE rule;
+    rule.ipGroup = FW::FW_IP_GROUP_COUNTRIES;
+    rule.ipList = {"AA"};
+    rule.portGroup = FW::FW_PORT_GROUP_ANY;
+    FW::FWPROFILE profile;
+    profile.rules["eth0"] = {rule};
+    FW::FWENVIRONMENT environment;
+    environment.adapters = FW::fwAdaptersNow({"eth0"}, "");
+    environment.countries = [&](const std::string&, FW::FW_FAMILY) { return country; };
+    const std::vector<FWRESOLVEDRULE> rules = FW::fwResolve(profile, environment).rules;
+    const FW_MEANING meaning(rules);
+    EXPECT_EQ(rules.back().packets.sources, country);
+    EXPECT_EQ(meaning.rule(rules.size() - 1).packets.sources, country);
+}
+
 TEST(DecideTest, PacketOfAnUnnamedInterfaceMeetsNoRule) {
     const FW_MEANING meaning = meaningOf({});
     FWPACKET packet = tcpPacket("10.0.0.1", 22);
