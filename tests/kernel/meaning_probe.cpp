@@ -10,6 +10,9 @@
 /// Needs a network namespace of its own, with the base filter, and makes links there: TUN devices,
 /// into which packets are written and from which forwarded ones are read. What is for the machine
 /// is read from raw sockets. Routes by the type of service say which packets are which.
+///
+/// The countries have a few ranges. Where the kernel has no match for countries, a line with one
+/// goes into it as a line for each of their ranges.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/if.h>
@@ -25,9 +28,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <fstream>
 #include <iostream>
 #include <map>
+#include <regex>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -55,6 +61,9 @@ using Packet = std::vector<std::uint8_t>;
 constexpr int kPackets = 1500;  // of a profile
 constexpr int kAtOnce = 32;     // before what arrived is read
 
+constexpr unsigned kCountrySeed = 9;
+constexpr int kCountryRanges = 3;  // of a country: each is a process in apply mode "lines"
+
 /// What a packet ends with: this, and its number.
 constexpr std::uint32_t kMark = 0x7a8b9cad;
 
@@ -74,6 +83,10 @@ std::uint8_t serviceTypeOut(std::size_t link) {
 /// header of IPv6.
 const std::set<int> kProtocols[] = {{6, 17, 1, 58, 2, 47, 50, 51, 132},
                                     {6, 17, 1, 58, 2, 47, 50, 132}};
+
+/// Types of ICMP and ICMPv6 for errors that change no route: unreachable, time exceeded, wrong
+/// header.
+const std::vector<int> kErrorTypes[] = {{3, 11, 12}, {1, 3, 4}};
 
 void run(const std::string& command) {
     if (std::system(command.c_str()) != 0) {
@@ -131,12 +144,60 @@ void appendAddress(Packet& bytes, const Bytes& address, bool ipv6) {
     bytes.insert(bytes.end(), address.begin(), address.begin() + (ipv6 ? 16 : 4));
 }
 
+/// Whether a packet is an error of ICMP about another one.
+bool isError(const LinePacket& packet) {
+    const std::vector<int>& types = kErrorTypes[packet.ipv6 ? 1 : 0];
+    return packet.protocol == (packet.ipv6 ? 58 : 1) &&
+           std::find(types.begin(), types.end(), packet.icmpType) != types.end();
+}
+
+/// The type and the code: "port unreachable", or whatever the type begins with.
+unsigned errorCodeOf(const LinePacket& packet) {
+    const bool isUnreachable = packet.icmpType == (packet.ipv6 ? 1 : 3);
+    const unsigned portUnreachable = packet.ipv6 ? 4 : 3;
+    return static_cast<unsigned>(packet.icmpType) << 8 | (isUnreachable ? portUnreachable : 0);
+}
+
+/// The headers of the packet that an error is about: over UDP, the other way.
+Packet causeOf(const LinePacket& error) {
+    constexpr unsigned kLength = 8;  // of UDP without data
+    Packet bytes;
+    if (error.ipv6) {
+        append32(bytes, 6U << 28);
+        append16(bytes, kLength);
+        append16(bytes, 17U << 8 | 64);
+    } else {
+        append16(bytes, 0x4500);
+        append16(bytes, kLength + 20);
+        append32(bytes, 0);
+        append16(bytes, 64U << 8 | 17);
+        append16(bytes, 0);
+    }
+    appendAddress(bytes, error.destination, error.ipv6);
+    appendAddress(bytes, error.source, error.ipv6);
+    if (!error.ipv6) {
+        setChecksum(bytes, 10, checksumOf(bytes));
+    }
+    append16(bytes, static_cast<unsigned>(error.destinationPort));
+    append16(bytes, static_cast<unsigned>(error.sourcePort));
+    append16(bytes, kLength);
+    append16(bytes, 0);
+    return bytes;
+}
+
 /// What follows the header of IP: that of the protocol, zeros, the mark and the number.
 Packet payloadOf(const Sent& sent, std::uint32_t number, std::size_t length) {
     const LinePacket& packet = sent.packet;
     Packet bytes;
     std::size_t checksumAt = 0;
-    if (packet.protocol == 6 || packet.protocol == 17) {
+    if (sent.tracked && isError(packet)) {
+        append16(bytes, errorCodeOf(packet));
+        checksumAt = bytes.size();
+        append16(bytes, 0);
+        append32(bytes, 0);
+        const Packet cause = causeOf(packet);
+        bytes.insert(bytes.end(), cause.begin(), cause.end());
+    } else if (packet.protocol == 6 || packet.protocol == 17) {
         append16(bytes, static_cast<unsigned>(packet.sourcePort));
         append16(bytes, static_cast<unsigned>(packet.destinationPort));
     }
@@ -248,6 +309,9 @@ public:
             // The kernel tracks connections only while a rule asks for states.
             run(tool + " -A OUTPUT -m state --state NEW");
         }
+        // The connections are to be known until all lines are in the kernel.
+        run("sysctl --quiet --write net.netfilter.nf_conntrack_udp_timeout=600 "
+            "net.netfilter.nf_conntrack_udp_timeout_stream=600");
         for (const std::string& name : kLinks) {
             links_.push_back(makeLink(name));
             run("ip link set '" + name + "' up");
@@ -278,7 +342,16 @@ public:
         for (const std::vector<Descriptor>* const sources : {&links_, &sockets_}) {
             for (const Descriptor& source : *sources) {
                 std::uint8_t buffer[2048];
-                for (ssize_t got = 0; (got = read(source.get(), buffer, sizeof(buffer))) >= 8;) {
+                int errors = 0;  // those that ICMP reports to a socket; packets may follow them
+                while (errors <= kAtOnce) {
+                    const ssize_t got = read(source.get(), buffer, sizeof(buffer));
+                    if (got < 0 && errno == EAGAIN) {
+                        break;
+                    }
+                    if (got < 8) {
+                        ++errors;
+                        continue;
+                    }
                     const std::uint8_t* const end = buffer + got;
                     if (number32At(end - 8) == kMark) {
                         numbers.insert(number32At(end - 4));
@@ -339,8 +412,15 @@ private:
         if (packet.forward) {
             sent.serviceType = serviceTypeOut(static_cast<std::size_t>(out - kLinks.begin()));
         }
+        if (packet.state == "RELATED" || (packet.state == "INVALID" && pick(random_, 3) == 0)) {
+            // About a connection that is known, or about none.
+            packet.protocol = packet.ipv6 ? 58 : 1;
+            packet.icmpType = oneOf(random_, kErrorTypes[packet.ipv6 ? 1 : 0]);
+        }
         const bool hasState = packet.protocol == 17 || packet.protocol == 6;
-        sent.tracked = (packet.state == "ESTABLISHED" && packet.protocol == 17) ||
+        sent.tracked = packet.state == "RELATED" ||
+                       (packet.state == "INVALID" && isError(packet)) ||
+                       (packet.state == "ESTABLISHED" && packet.protocol == 17) ||
                        (packet.state == "INVALID" && packet.protocol == 6) ||
                        (packet.state == "NEW" && hasState && pick(random_, 4) == 0);
         if (!sent.tracked) {
@@ -363,6 +443,14 @@ private:
 
 std::set<std::pair<PacketMaker::End, PacketMaker::End>> PacketMaker::connections_;
 
+/// What makes known the connection that an error is about.
+Sent connectionOf(const Sent& error) {
+    Sent first = error;
+    first.packet.protocol = 17;
+    first.packet.state = "NEW";
+    return first;
+}
+
 /// Its answer, which comes in where it goes out.
 Sent answerTo(const Sent& sent) {
     Sent answer = sent;
@@ -373,8 +461,58 @@ Sent answerTo(const Sent& sent) {
 
 // ---- Profiles ----
 
+bool hasCountryMatch() {
+    static const bool has = std::system(
+                                "iptables -t raw -A PREROUTING -m geoip --source-country AA "
+                                "2>/dev/null && iptables -t raw -D PREROUTING -m geoip "
+                                "--source-country AA") == 0;
+    return has;
+}
+
+/// The lines for a line with a match for countries: one for each of their ranges.
+Texts withRanges(const std::string& line, bool ipv6, const CountryRanges& countries) {
+    static const std::regex kMatch("-m geoip --(source|destination)-country ([A-Z,]+)");
+    std::smatch match;
+    if (!std::regex_search(line, match, kMatch)) {
+        return {line};
+    }
+    Texts lines;
+    std::istringstream codes(match[2]);
+    for (std::string code; std::getline(codes, code, ',');) {
+        for (const ByteRange& range : countries.at({code, ipv6 ? 1 : 0})) {
+            const auto text = [&](const Bytes& end) {
+                return FW::fwAddressText(addressOf(end),
+                                         ipv6 ? FW::FW_FAMILY_V6 : FW::FW_FAMILY_V4);
+            };
+            lines.push_back(match.prefix().str() + "-m iprange --" +
+                            (match[1] == "source" ? "src" : "dst") + "-range " + text(range.first) +
+                            "-" + text(range.second) + match.suffix().str());
+        }
+    }
+    return lines;
+}
+
+/// A translation without matches for countries.
+Json::Value withRanges(const Json::Value& cmds, const CountryRanges& countries) {
+    Json::Value changed = cmds;
+    for (const bool ipv6 : {false, true}) {
+        Json::Value& family = changed[ipv6 ? "v6" : "v4"];
+        for (const std::string& list : family.getMemberNames()) {
+            Json::Value lines(Json::arrayValue);
+            for (const Json::Value& line : family[list]) {
+                for (const std::string& one : withRanges(line.asString(), ipv6, countries)) {
+                    lines.append(one);
+                }
+            }
+            family[list] = lines;
+        }
+    }
+    return changed;
+}
+
 /// Puts a profile into the kernel. Whether a batch is refused must be a finding.
-bool apply(const FW::FWPROFILE& profile, bool batch, const std::vector<FW::FWFINDING>& findings) {
+bool apply(const FW::FWPROFILE& profile, bool batch, const std::vector<FW::FWFINDING>& findings,
+           const TestCountries& countries) {
     Json::Value cmds;
     FW::TARNFW firewall;
     const bool translated =
@@ -383,6 +521,9 @@ bool apply(const FW::FWPROFILE& profile, bool batch, const std::vector<FW::FWFIN
             : firewall.fwRulesToIptablesRules(true, profile.rules, profile.adapterPolicyMap, cmds);
     if (!translated) {
         throw std::runtime_error("the profile cannot be translated");
+    }
+    if (!hasCountryMatch()) {
+        cmds = withRanges(cmds, countries.ranges());
     }
     if (!batch) {
         return firewall.fwClear() && firewall.fwExec(cmds);
@@ -415,6 +556,8 @@ public:
             if (packets_[i].packet.state == "ESTABLISHED") {
                 sendAll({i});
                 network_.send(answerTo(packets_[i]), kPackets);  // a number of no other
+            } else if (packets_[i].packet.state == "RELATED") {
+                network_.send(connectionOf(packets_[i]), kPackets);
             }
         }
     }
@@ -444,6 +587,25 @@ public:
 
     std::size_t count(FW::FW_PACKET_VERDICT verdict) const {
         return static_cast<std::size_t>(std::count(verdicts_.begin(), verdicts_.end(), verdict));
+    }
+
+    std::size_t countErrors(const std::string& state) const {
+        return static_cast<std::size_t>(std::count_if(
+            packets_.begin(), packets_.end(),
+            [&](const Sent& sent) { return sent.packet.state == state && isError(sent.packet); }));
+    }
+
+    /// Those about which a rule with countries decides.
+    std::size_t countByCountries(const FW::FWPROFILE& profile) const {
+        return static_cast<std::size_t>(
+            std::count_if(packets_.begin(), packets_.end(), [&](const Sent& sent) {
+                const std::size_t decider = meaning_.decide(packetOf(sent.packet)).deciders.at(0);
+                const FW::FWPLACE place = meaning_.rule(decider).place;
+                return place.origin == FW::FW_ORIGIN_RULE &&
+                       profile.rules.at(place.adapter)
+                               .at(static_cast<std::size_t>(place.position - 1))
+                               .ipGroup == FW::FW_IP_GROUP_COUNTRIES;
+            }));
     }
 
 private:
@@ -484,10 +646,13 @@ struct Counts {
     std::size_t batches = 0;
     std::size_t refused = 0;
     std::size_t packets[3] = {};
+    std::size_t byCountries = 0;  // decided about by rules with countries
+    std::size_t related = 0;      // errors about connections that are known
+    std::size_t unrelated = 0;    // and about none
 };
 
 /// Whether the kernel agrees about a profile.
-bool agreesOn(unsigned seed, Network& network, Counts& counts) {
+bool agreesOn(unsigned seed, Network& network, const TestCountries& countries, Counts& counts) {
     Random random(seed);
     FW::FWPROFILE profile = makeProfile(
         random, 5,
@@ -501,20 +666,20 @@ bool agreesOn(unsigned seed, Network& network, Counts& counts) {
     FW::FWRESOLVED resolved = FW::fwResolve(profile, environment);
     if (batch && !resolved.findings.empty()) {
         ++counts.refused;
-        (void)apply(profile, batch, resolved.findings);
+        (void)apply(profile, batch, resolved.findings, countries);
         batch = environment.batch = false;
         resolved = FW::fwResolve(profile, environment);
     }
     counts.batches += batch ? 1 : 0;
 
-    const FamilyLines lines = linesOfProfile(profile, batch, {});
+    const FamilyLines lines = linesOfProfile(profile, batch, countries.ranges());
     const FW::FW_MEANING meaning(resolved.rules);
     Comparison comparison(network, random, lines, meaning);
     if (!FW::TARNFW().fwClear()) {
         return false;
     }
     comparison.establish();
-    if (!apply(profile, batch, {}) || !comparison.agrees(false)) {
+    if (!apply(profile, batch, {}, countries) || !comparison.agrees(false)) {
         return false;
     }
     othersDrop(true);
@@ -524,15 +689,22 @@ bool agreesOn(unsigned seed, Network& network, Counts& counts) {
          {FW::FW_PACKET_ACCEPT, FW::FW_PACKET_NEXT, FW::FW_PACKET_DROP}) {
         counts.packets[verdict] += comparison.count(verdict);
     }
+    counts.byCountries += comparison.countByCountries(profile);
+    counts.related += comparison.countErrors("RELATED");
+    counts.unrelated += comparison.countErrors("INVALID");
     return agrees;
 }
 
 int compare(unsigned seed, int count) {
     Network network;
+    const TestCountries countries(kCountrySeed, kCountryRanges);
+    for (const auto& [name, content] : countries.files()) {
+        std::ofstream("/usr/share/xt_geoip/" + name, std::ios::binary) << content;
+    }
     Counts counts;
     for (int i = 0; i < count; ++i) {
         const unsigned own = seed + static_cast<unsigned>(i);
-        if (!agreesOn(own, network, counts)) {
+        if (!agreesOn(own, network, countries, counts)) {
             std::cout << "the kernel disagrees about profile " << own << '\n';
             return EXIT_FAILURE;
         }
@@ -540,9 +712,15 @@ int compare(unsigned seed, int count) {
     std::cout << count << " profiles, " << counts.batches << " in a batch, " << counts.refused
               << " batches refused; packets: " << counts.packets[FW::FW_PACKET_ACCEPT]
               << " accepted, " << counts.packets[FW::FW_PACKET_NEXT] << " let through, "
-              << counts.packets[FW::FW_PACKET_DROP] << " dropped\n";
+              << counts.packets[FW::FW_PACKET_DROP] << " dropped; " << counts.byCountries
+              << " by rules with countries, " << counts.related << " related, " << counts.unrelated
+              << " errors about no connection\n";
     const bool failed = ::testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed();
-    return failed ? EXIT_FAILURE : EXIT_SUCCESS;
+    const bool isMissing = counts.byCountries == 0 || counts.related == 0 || counts.unrelated == 0;
+    if (isMissing) {
+        std::cout << "not all kinds of packets were sent\n";
+    }
+    return failed || isMissing ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
-# Random profiles in the kernel, in both apply modes: packets at the edges of rules get the verdict that the
-# library's engine has for them. Twelve profiles, or a hundred in the long run.
+# Random profiles in the kernel, in both apply modes, some of their rules for countries: packets at the edges of
+# rules get the verdict that the library's engine has for them; so do errors of ICMP about connections that are
+# known and about others. Twelve profiles, or a hundred in the long run.
 readonly kProfiles=$((${TARN_LONG:-0} ? 100 : 12))
 readonly kSeed=${TARN_SEED:-20260101}
 

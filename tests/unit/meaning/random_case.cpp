@@ -1,10 +1,5 @@
 #include "random_case.h"
 
-#include <arpa/inet.h>
-
-#include <cstdint>
-#include <cstring>
-
 #include "library_test.h"
 
 namespace {
@@ -86,18 +81,7 @@ RandomCase makeCase(Random& random, int rules, const TestCountries& countries,
 }
 
 void storeCountries(const TestCountries& countries) {
-    for (const auto& [key, ranges] : countries.ranges()) {
-        std::string content;
-        for (const ByteRange& range : ranges) {
-            for (const Bytes& end : {range.first, range.second}) {
-                for (std::size_t word = 0; word < (key.second == 0 ? 1U : 4U); ++word) {
-                    std::uint32_t number = 0;
-                    std::memcpy(&number, end.data() + 4 * word, sizeof(number));
-                    number = ntohl(number);
-                    content.append(reinterpret_cast<const char*>(&number), sizeof(number));
-                }
-            }
-        }
-        writeFile(kGeoipDir + key.first + (key.second == 0 ? ".iv4" : ".iv6"), content);
+    for (const auto& [name, content] : countries.files()) {
+        writeFile(kGeoipDir + name, content);
     }
 }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 
 namespace {
@@ -137,7 +138,7 @@ int countOf(int shortRun, int longRun) {
 
 // ---- Countries ----
 
-TestCountries::TestCountries(unsigned seed) {
+TestCountries::TestCountries(unsigned seed, int ranges) {
     Random random(seed);
     for (const char* const code : {"AA", "BB", "CC"}) {
         for (const int family : {0, 1}) {
@@ -145,7 +146,7 @@ TestCountries::TestCountries(unsigned seed) {
                 continue;  // a country without data for IPv6
             }
             std::vector<Bytes> ends;
-            for (int i = 0; i < 20; ++i) {
+            for (int i = 0; i < 2 * ranges; ++i) {
                 ends.push_back(randomAddress(random, family == 1));
                 if (i % 5 == 0) {  // shorter than what the random profiles' networks have
                     ends.back()[0] = family == 1 ? 0x20 : 10;
@@ -157,9 +158,9 @@ TestCountries::TestCountries(unsigned seed) {
             }
         }
     }
-    for (const auto& [key, ranges] : ranges_) {
+    for (const auto& [key, list] : ranges_) {
         std::vector<FW::FWADDRESSINTERVAL> intervals;
-        for (const ByteRange& range : ranges) {
+        for (const ByteRange& range : list) {
             intervals.push_back({addressOf(range.first), addressOf(range.second)});
             if (key.second == 0) {
                 intervals.back().last.high |= 0xffffffff;
@@ -174,6 +175,24 @@ std::shared_ptr<const FW::FWADDRESSES> TestCountries::find(const std::string& co
                                                            FW::FW_FAMILY family) const {
     const auto found = lists_.find({country, family});
     return found == lists_.end() ? nullptr : found->second;
+}
+
+std::map<std::string, std::string> TestCountries::files() const {
+    std::map<std::string, std::string> files;
+    for (const auto& [key, ranges] : ranges_) {
+        std::string& content = files[key.first + (key.second == 0 ? ".iv4" : ".iv6")];
+        for (const ByteRange& range : ranges) {
+            for (const Bytes& end : {range.first, range.second}) {
+                for (std::size_t word = 0; word < (key.second == 0 ? 1U : 4U); ++word) {
+                    std::uint32_t number = 0;
+                    std::memcpy(&number, end.data() + 4 * word, sizeof(number));
+                    number = ntohl(number);
+                    content.append(reinterpret_cast<const char*>(&number), sizeof(number));
+                }
+            }
+        }
+    }
+    return files;
 }
 
 // ---- Profiles ----

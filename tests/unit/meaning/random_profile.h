@@ -31,9 +31,13 @@ const typename List::value_type& oneOf(Random& random, const List& list) {
 /// The countries of the tests, for the library's files and for both evaluators.
 class TestCountries {
 public:
-    explicit TestCountries(unsigned seed);
+    /// With up to `ranges` ranges for each country and family.
+    explicit TestCountries(unsigned seed, int ranges = 10);
 
     const CountryRanges& ranges() const { return ranges_; }
+
+    /// The files of the country database by name, "AA.iv4".
+    std::map<std::string, std::string> files() const;
 
     /// For FWENVIRONMENT::countries.
     std::shared_ptr<const FW::FWADDRESSES> find(const std::string& country,
