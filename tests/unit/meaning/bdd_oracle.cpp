@@ -1,5 +1,8 @@
 #include "bdd_oracle.h"
 
+#include <algorithm>
+#include <array>
+#include <stdexcept>
 #include <utility>
 
 #include "packet_set.h"
@@ -146,6 +149,54 @@ BddFunction BddOracle::fold(const std::vector<FW::FWRESOLVEDRULE>& rules) const 
         }
     }
     return function;
+}
+
+std::size_t BddOracle::outcomeOf(const BddFunction& function, const FW::FWPACKET& packet) const {
+    std::array<bool, kVariables> values{};
+    const auto setNumber = [&values](const Bits& bits, std::uint64_t number) {
+        for (int i = bits.count - 1; i >= 0; --i, number >>= 1) {
+            const auto variable =
+                static_cast<std::size_t>(bits.first) + static_cast<std::size_t>(i);
+            values[variable] = (number & 1) != 0;
+        }
+    };
+    const auto setAddress = [&](const Bits& bits, const FW::FWADDRESS& address) {
+        setNumber({bits.first, 64}, address.high);
+        setNumber({bits.first + 64, 64}, address.low);
+    };
+    const auto setName = [&](const Bits& bits, const std::string& name) {
+        const auto found = std::find(interfaces_.begin(), interfaces_.end(), name);
+        if (found == interfaces_.end()) {
+            throw std::invalid_argument(name);
+        }
+        setNumber(bits, static_cast<std::uint64_t>(found - interfaces_.begin()));
+    };
+    setNumber(kChain, packet.chain.value());
+    setNumber(kFamily, packet.family.value());
+    setName(kIn, packet.in.value());
+    if (packet.chain == FW::FW_CHAIN_FORWARD) {
+        setName(kOut, packet.out.value());
+    }
+    setNumber(kProtocol, packet.protocol.value());
+    setNumber(kIcmpType, packet.icmpType.value());
+    setNumber(kState, packet.state.value());
+    setNumber(kDestinationPort, packet.destinationPort.value());
+    setNumber(kSourcePort, packet.sourcePort.value());
+    setAddress(kSource, packet.source.value());
+    setAddress(kDestination, packet.destination.value());
+
+    // Diagrams end at 0 and 1.
+    const auto has = [&values](int node) {
+        while (node > 1) {
+            node = values[static_cast<std::size_t>(bdd_var(node))] ? bdd_high(node) : bdd_low(node);
+        }
+        return node == 1;
+    };
+    std::size_t outcome = 0;
+    while (outcome < kOutcomes && !has(function.outcomes[outcome].id())) {
+        ++outcome;
+    }
+    return outcome;
 }
 
 bool BddOracle::same(const BddFunction& a, const BddFunction& b) {

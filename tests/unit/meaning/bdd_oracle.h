@@ -33,6 +33,9 @@ public:
     /// The rules folded from the last to the first.
     BddFunction fold(const std::vector<FW::FWRESOLVEDRULE>& rules) const;
 
+    /// The outcome of a packet whose every field is known, and whose interfaces are of the list.
+    std::size_t outcomeOf(const BddFunction& function, const FW::FWPACKET& packet) const;
+
     static bool same(const BddFunction& a, const BddFunction& b);
 
 private:

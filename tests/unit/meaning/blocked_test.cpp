@@ -125,6 +125,7 @@ TEST_F(BlockedRandomTest, RulesForAnyAddressAgree) {
     }
     EXPECT_GT(decided[kAllowed], profiles);
     EXPECT_GT(decided[kBlocked], profiles);
+    tellCompared(profiles, decided[kAllowed] + decided[kBlocked], "verdicts");
 }
 
 TEST_F(BlockedRandomTest, WhereTheyDifferARuleIsNotKnownWhole) {
@@ -177,6 +178,7 @@ TEST_F(BlockedRandomTest, WhereTheyDifferARuleIsNotKnownWhole) {
     }
     EXPECT_GT(same, profiles);
     EXPECT_GT(different, profiles / 10);
+    tellCompared(profiles, same + different, "verdicts");
 }
 
 }  // namespace

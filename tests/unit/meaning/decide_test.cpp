@@ -1,6 +1,7 @@
 // Decisions about single packets, known in every field or not.
 
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <set>
@@ -99,29 +100,41 @@ bool mayBe(const FWPACKET& packet, const FWPACKET& other) {
            (!type || agree(packet.icmpType, other.icmpType)) && agree(packet.state, other.state);
 }
 
-TEST_F(DecideRandomTest, DecisionsAreThoseOfTheLines) {
+TEST_F(DecideRandomTest, DecisionsAreThoseOfTheLinesAndOfTheDiagrams) {
     const TestCountries countries(2);
     storeCountries(countries);
     const int profiles = countOf(200, 5000);
+    constexpr int kPackets = 5000;  // of each: a million in the short run
     for (int number = 0; number < profiles; ++number) {
         Random random(static_cast<unsigned>(1000000 + number));
         const RandomCase made =
             makeCase(random, pick(random, 8) == 0 ? 60 : 8, countries, platform_);
         const FamilyLines lines = linesOfProfile(made.profile, made.batch, countries.ranges());
-        const FW_MEANING meaning(FW::fwResolve(made.profile, made.environment).rules);
-        for (int i = 0; i < 5000; ++i) {
+        const std::vector<FWRESOLVEDRULE> rules =
+            FW::fwResolve(made.profile, made.environment).rules;
+        const FW_MEANING meaning(rules);
+        const BddOracle oracle(made.interfaces);
+        const BddFunction function = oracle.fold(rules);
+        for (int i = 0; i < kPackets; ++i) {
             const LinePacket packet = makePacket(random, lines, made.interfaces);
-            ASSERT_EQ(outcomeOf(meaning, meaning.decide(packetOf(packet))),
-                      outcomeOf(decideByLines(lines, packet)))
+            const FWPACKET same = packetOf(packet);
+            const FWDECISION decision = meaning.decide(same);
+            ASSERT_EQ(outcomeOf(meaning, decision), outcomeOf(decideByLines(lines, packet)))
+                << "profile " << number << ", " << textOf(packet) << textOf(lines);
+            const FWRESOLVEDRULE decider = meaning.rule(decision.deciders[0]);
+            ASSERT_EQ(BddOracle::outcomeOf(decider.verdict, decider.log),
+                      oracle.outcomeOf(function, same))
                 << "profile " << number << ", " << textOf(packet) << textOf(lines);
         }
     }
+    tellCompared(profiles, std::int64_t(profiles) * kPackets, "packets at and beside edges");
 }
 
 TEST_F(DecideRandomTest, UnknownFieldsYieldEveryDecider) {
     const TestCountries countries(3);
     storeCountries(countries);
-    const int profiles = countOf(200, 2000);
+    const int profiles = countOf(200, 5000);
+    std::int64_t packets = 0;
     for (int number = 0; number < profiles; ++number) {
         Random random(static_cast<unsigned>(2000000 + number));
         const RandomCase made = makeCase(random, 8, countries, platform_);
@@ -162,9 +175,11 @@ TEST_F(DecideRandomTest, UnknownFieldsYieldEveryDecider) {
                 ASSERT_EQ(std::count(decision.deciders.begin(), decision.deciders.end(), decider),
                           1)
                     << "profile " << number << ", rule " << decider << textOf(lines);
+                ++packets;
             }
         }
     }
+    tellCompared(profiles, packets, "packets that one with unknown fields may be");
 }
 
 /// The packets that a packet may be.
@@ -209,6 +224,7 @@ TEST_F(DecideRandomTest, DecidersAreExactlyThoseOfTheDiagrams) {
     const TestCountries countries(8);
     storeCountries(countries);
     const int profiles = countOf(200, 5000);
+    constexpr int kQuestions = 10;
     std::size_t several = 0;
     for (int number = 0; number < profiles; ++number) {
         Random random(static_cast<unsigned>(8000000 + number));
@@ -222,7 +238,7 @@ TEST_F(DecideRandomTest, DecidersAreExactlyThoseOfTheDiagrams) {
         for (const FWRESOLVEDRULE& rule : rules) {
             sets.push_back(oracle.packets(rule.packets));
         }
-        for (int i = 0; i < 10; ++i) {
+        for (int i = 0; i < kQuestions; ++i) {
             FWPACKET asked =
                 withUnknownFields(random, packetOf(makePacket(random, lines, made.interfaces)), 3);
             if (!asked.chain) {
@@ -250,6 +266,7 @@ TEST_F(DecideRandomTest, DecidersAreExactlyThoseOfTheDiagrams) {
         }
     }
     EXPECT_GT(several, static_cast<std::size_t>(profiles));
+    tellCompared(profiles, std::int64_t(profiles) * kQuestions, "packets with unknown fields");
 }
 
 TEST_F(DecideRandomTest, RulesAreGivenBack) {

@@ -145,10 +145,11 @@ TEST_F(DifferenceRandomTest, OneEditIsExact) {
         expectExact(made, edited(random, made.profile, other), "profile " + std::to_string(number));
     }
     EXPECT_GT(changes_, profiles / 5);
+    tellCompared(profiles, changes_, "changes");
 }
 
 TEST_F(DifferenceRandomTest, UnrelatedProfilesAreExact) {
-    const int profiles = countOf(60, 1000);
+    const int profiles = countOf(200, 5000);
     for (int number = 0; number < profiles; ++number) {
         Random random(static_cast<unsigned>(5000000 + number));
         const RandomCase made = makeCase(random, 3, countries_, platform_);
@@ -156,6 +157,7 @@ TEST_F(DifferenceRandomTest, UnrelatedProfilesAreExact) {
         expectExact(made, other.profile, "profile " + std::to_string(number));
     }
     EXPECT_GT(changes_, profiles);
+    tellCompared(profiles, changes_, "changes");
 }
 
 // ---- Named cases ----

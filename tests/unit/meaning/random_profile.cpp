@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 #include <sstream>
 
 namespace {
@@ -134,6 +135,10 @@ int countOf(int shortRun, int longRun) {
     shortRun /= 10;
 #endif
     return std::getenv("TARN_LONG") != nullptr ? longRun : shortRun;
+}
+
+void tellCompared(int profiles, std::int64_t count, const std::string& what) {
+    std::cout << "compared: " << profiles << " profiles, " << count << " " << what << '\n';
 }
 
 // ---- Countries ----

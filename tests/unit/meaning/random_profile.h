@@ -2,6 +2,7 @@
 /// edges of rules.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <random>
@@ -22,6 +23,9 @@ inline int pick(Random& random, int count) {
 
 /// How many profiles a test takes, in the short or in the long run.
 int countOf(int shortRun, int longRun);
+
+/// Prints how much a property has compared, and of what: "packets".
+void tellCompared(int profiles, std::int64_t count, const std::string& what);
 
 template <typename List>
 const typename List::value_type& oneOf(Random& random, const List& list) {

@@ -47,7 +47,7 @@ FWPACKETSET makeQuery(Random& random, const std::vector<std::string>& interfaces
 
 TEST_F(ReachRandomTest, PacketsAreExactlyThoseThatAreNotDropped) {
     const TestCountries countries(6);
-    const int profiles = countOf(100, 2000);
+    const int profiles = countOf(200, 5000);
     for (int number = 0; number < profiles; ++number) {
         Random random(static_cast<unsigned>(6000000 + number));
         const RandomCase made = makeCase(random, 3, countries, platform_);
@@ -80,6 +80,7 @@ TEST_F(ReachRandomTest, PacketsAreExactlyThoseThatAreNotDropped) {
         EXPECT_EQ(found, oracle.packets(query) - dropped) << "profile " << number;
         EXPECT_EQ(oracle.packets(query) - examined, bddfalse) << "profile " << number;
     }
+    tellCompared(profiles, profiles, "questions");
 }
 
 TEST(ReachTest, SourcesOfAPortByInterface) {

@@ -155,6 +155,7 @@ TEST_F(ResolveRandomTest, VerdictsAreThoseOfTheLines) {
     const TestCountries countries(1);
     storeCountries(countries);
     const int profiles = countOf(200, 5000);
+    constexpr int kPackets = 500;
     for (int number = 0; number < profiles; ++number) {
         Random random(static_cast<unsigned>(number));
         const RandomCase made = makeCase(random, 8, countries, platform_);
@@ -167,13 +168,14 @@ TEST_F(ResolveRandomTest, VerdictsAreThoseOfTheLines) {
             ASSERT_TRUE(hasRefusedLine(lines, finding.place))
                 << "profile " << number << ": " << finding.text << textOf(lines);
         }
-        for (int i = 0; i < 500; ++i) {
+        for (int i = 0; i < kPackets; ++i) {
             const LinePacket packet = makePacket(random, lines, made.interfaces);
             ASSERT_EQ(outcomeOf(firstMatch(resolved, packetOf(packet))),
                       outcomeOf(decideByLines(lines, packet)))
                 << "profile " << number << ", " << textOf(packet) << textOf(lines);
         }
     }
+    tellCompared(profiles, std::int64_t(profiles) * kPackets, "packets at and beside edges");
 }
 
 // ---- Addresses, as the tool prints them ----

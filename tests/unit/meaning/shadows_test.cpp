@@ -64,6 +64,7 @@ TEST_F(ShadowsRandomTest, ExactlyTheRulesThatChangeNothingAreFound) {
     const int profiles = countOf(200, 5000);
     int shadowed = 0;
     int needless = 0;
+    int examined = 0;
     for (int number = 0; number < profiles; ++number) {
         Random random(static_cast<unsigned>(3000000 + number));
         const RandomCase made = makeCase(random, 4, countries, platform_);
@@ -89,6 +90,7 @@ TEST_F(ShadowsRandomTest, ExactlyTheRulesThatChangeNothingAreFound) {
                 continue;
             }
             seen.push_back(rule.place);
+            ++examined;
             const std::string text =
                 "profile " + std::to_string(number) + ", " + textOf(rule.place);
             const auto shadow =
@@ -124,6 +126,7 @@ TEST_F(ShadowsRandomTest, ExactlyTheRulesThatChangeNothingAreFound) {
     }
     EXPECT_GT(shadowed, profiles / 4);
     EXPECT_GT(needless, profiles / 4);
+    tellCompared(profiles, examined, "rules");
 }
 
 // ---- Named cases ----
