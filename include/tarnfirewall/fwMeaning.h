@@ -165,8 +165,13 @@ struct FWFINDING {
 
 // ---- Resolving ----
 
-/// Masks with gaps are expanded into intervals, up to this many an address.
+/// Masks with gaps are expanded into intervals, up to this many for the addresses of a rule in a
+/// family.
 inline constexpr std::size_t FW_MASK_INTERVALS = 4096;
+
+/// All addresses of a profile's rules together make up to this many intervals. The list of a single
+/// country does not count, since rules share it; one that is made of several countries does, once.
+inline constexpr std::size_t FW_PROFILE_INTERVALS = 4000000;
 
 /// What the meaning of a profile depends on besides the profile.
 struct FWENVIRONMENT {
@@ -209,8 +214,8 @@ struct FWRESOLVED {
     std::vector<FWRESOLVEDRULE> rules;  ///< in the order in which the packet filter tries them
     std::vector<FWFINDING> findings;    ///< by rule, in the order of the profile: lines left out
                                         ///< because iptables would refuse them, rules left out
-                                        ///< because the translation fails or a mask is too
-                                        ///< complex, and rules with lines in chains of others
+                                        ///< because the translation fails or their addresses are
+                                        ///< too complex, and rules with lines in chains of others
 };
 
 /// The resolved rules of a profile: the fixed lines, then the rules of "global", then those of the

@@ -98,7 +98,7 @@ TextResult appendMasked(Number address, Number mask, FW_FAMILY family, Intervals
     std::size_t count = 1;
     for (Number bits = gaps; bits != 0; bits &= bits - 1) {
         count *= 2;
-        if (count > FW_MASK_INTERVALS) {
+        if (addresses.size() + count > FW_MASK_INTERVALS) {
             return TextResult::kTooComplex;
         }
     }

@@ -252,7 +252,7 @@ void Resolver::add(const FWRULE& rule, const FWPLACE& place, const FWINTERFACES&
 }
 
 /// Repeats a rule for IPv6 where a tunnel routes it. ip6tables refuses lines with an IPv4 address,
-/// which is no finding: the profile is as it should be.
+/// which is no finding: the profile is as it should be. What is too complex is one.
 void Resolver::addForTunnel(const FWRULE& rule, const FWPLACE& place) {
     const auto tunnel = environment_.tunnels.find(place.adapter);
     if (tunnel == environment_.tunnels.end() || (environment_.batch && hasIpv4Address(rule))) {
@@ -263,15 +263,34 @@ void Resolver::addForTunnel(const FWRULE& rule, const FWPLACE& place) {
     ipv6Rule.ipType = FW_IP_TYPE_V6;
     const auto predefined = environment_.adapters.find(router);
     const bool isPredefined = router == FW_ADAPTER_VPN || router == FW_ADAPTER_PPPOE;
+    Texts leftOut;
     try {
         if (router == FW_ADAPTER_GLOBAL) {
-            (void)addTo(router, ipv6Rule, place, nullptr);
+            leftOut = addTo(router, ipv6Rule, place, nullptr);
         } else if (isPredefined && predefined != environment_.adapters.end()) {
-            (void)addTo(router, ipv6Rule, place, interfacesOf(predefined->second));
+            leftOut = addTo(router, ipv6Rule, place, interfacesOf(predefined->second));
         } else if (router != FW_ADAPTER_PPPOE) {
-            (void)addTo(router, ipv6Rule, place, interfacesOf({{router}, {}}));
+            leftOut = addTo(router, ipv6Rule, place, interfacesOf({{router}, {}}));
         }
     } catch (const LeftOut&) {
+    }
+    // Of the rule's own lines, what is wrong is known already.
+    const auto isKnown = [&](const std::string& why) {
+        for (auto finding = findings_.rbegin(); finding != findings_.rend(); ++finding) {
+            if (finding->place.adapter != place.adapter ||
+                finding->place.position != place.position) {
+                return false;
+            }
+            if (finding->text == why) {
+                return true;
+            }
+        }
+        return false;
+    };
+    for (const std::string& why : leftOut) {
+        if (why.find(kIsTooComplex) != std::string::npos && !isKnown(why)) {
+            findings_.push_back({place, why});
+        }
     }
 }
 

@@ -44,7 +44,7 @@ AddressMatch addressMatch(TextResult result, const std::string& text, const Inte
             throw LeftOut{inQuotes(text) + (family == FW_FAMILY_V4 ? " is not an IPv4 address"
                                                                    : " is not an IPv6 address")};
         case TextResult::kTooComplex:
-            throw LeftOut{inQuotes(text) + " is too complex: its mask makes more than " +
+            throw LeftOut{inQuotes(text) + kIsTooComplex + "its mask makes more than " +
                           std::to_string(FW_MASK_INTERVALS) + " intervals"};
         default:
             return {maskOf(family), isAny(addresses) ? nullptr : listOf(addresses)};
@@ -286,55 +286,71 @@ AddressMatches RuleMatches::addresses(const FWRULE& rule) {
     return matches;
 }
 
+/// Counts the intervals of a list that is to be kept.
+void RuleMatches::count(std::size_t intervals) {
+    if (intervals > FW_PROFILE_INTERVALS - intervals_) {
+        throw LeftOut{std::string("the profile") + kIsTooComplex + "its addresses make more than " +
+                      std::to_string(FW_PROFILE_INTERVALS) + " intervals"};
+    }
+    intervals_ += intervals;
+}
+
 /// A rule's address, network or range.
-AddressMatch RuleMatches::textMatch(const FWRULE& rule, FW_FAMILY family) const {
+AddressMatch RuleMatches::textMatch(const FWRULE& rule, FW_FAMILY family) {
     const std::string first = entryAt(rule.ipList, 0);
     const std::string second = entryAt(rule.ipList, 1);
-    const auto isBlank = [](char c) { return c == ' '; };
+    const bool isRange = rule.ipGroup == FW_IP_GROUP_RANGE;
+    const std::string text = isRange                               ? first + '-' + second
+                             : rule.ipGroup == FW_IP_GROUP_NETWORK ? first + '/' + second
+                                                                   : first;
     Intervals addresses;
-    if (rule.ipGroup == FW_IP_GROUP_RANGE) {
-        // The tool takes the text up to the first dash for the first address.
-        const std::string text = first + '-' + second;
+    TextResult result = TextResult::kInvalid;
+    if (text.find(' ') == std::string::npos) {
+        // The tool takes the text of a range up to the first dash for the first address.
         const std::size_t dash = text.find('-');
-        const TextResult result =
-            std::any_of(text.begin(), text.end(), isBlank)
-                ? TextResult::kInvalid
-                : readRange(text.substr(0, dash), text.substr(dash + 1), family, addresses);
-        return addressMatch(result, text, addresses, family);
+        result = isRange ? readRange(text.substr(0, dash), text.substr(dash + 1), family, addresses)
+                         : readAddresses(text, family, addresses);
     }
-    const std::string text = rule.ipGroup == FW_IP_GROUP_NETWORK ? first + '/' + second : first;
-    const TextResult result = std::any_of(text.begin(), text.end(), isBlank)
-                                  ? TextResult::kInvalid
-                                  : readAddresses(text, family, addresses);
+    if (result == TextResult::kRead) {
+        count(addresses.size());
+    }
     return addressMatch(result, text, addresses, family);
 }
 
 std::shared_ptr<const FWADDRESSES> RuleMatches::countries(const Texts& codes, FW_FAMILY family) {
     auto known = countries_.find({codes, family});
     if (known == countries_.end()) {
-        std::shared_ptr<const FWADDRESSES> all = std::make_shared<FWADDRESSES>();
-        std::size_t usable = 0;
-        for (const std::string& code : codes) {
-            const auto addresses =
-                environment_.countries ? environment_.countries(code, family) : nullptr;
-            if (addresses == nullptr || addresses->empty()) {
-                continue;
-            }
-            if (++usable > kCountriesPerMatch) {
-                throw LeftOut{"there are more than " + std::to_string(kCountriesPerMatch) +
-                              " countries in one rule"};
-            }
-            if (all->empty()) {
-                all = addresses;  // one country's list is shared, not copied
-                continue;
-            }
-            FWADDRESSES both = *all;
-            both.insert(both.end(), addresses->begin(), addresses->end());
-            all = std::make_shared<FWADDRESSES>(fwAddressesFrom(both));
-        }
-        known = countries_.emplace(std::pair(codes, family), std::move(all)).first;
+        known = countries_.emplace(std::pair(codes, family), united(codes, family)).first;
     }
     return known->second;
+}
+
+/// The addresses of all these countries. The list of a single one is shared, not copied.
+std::shared_ptr<const FWADDRESSES> RuleMatches::united(const Texts& codes, FW_FAMILY family) {
+    std::vector<std::shared_ptr<const FWADDRESSES>> lists;
+    std::size_t intervals = 0;
+    for (const std::string& code : codes) {
+        const auto addresses =
+            environment_.countries ? environment_.countries(code, family) : nullptr;
+        if (addresses != nullptr && !addresses->empty()) {
+            lists.push_back(addresses);
+            intervals += addresses->size();
+        }
+    }
+    if (lists.size() > kCountriesPerMatch) {
+        throw LeftOut{"there are more than " + std::to_string(kCountriesPerMatch) +
+                      " countries in one rule"};
+    }
+    if (lists.size() == 1) {
+        return lists.front();
+    }
+    count(intervals);
+    FWADDRESSES all;
+    all.reserve(intervals);
+    for (const auto& list : lists) {
+        all.insert(all.end(), list->begin(), list->end());
+    }
+    return std::make_shared<FWADDRESSES>(fwAddressesFrom(all));
 }
 
 const ProtocolMatches& RuleMatches::protocols(const FWRULE& rule) {

@@ -26,6 +26,9 @@ inline std::string inQuotes(const std::string& text) {
     return '"' + text + '"';
 }
 
+/// Between what is too complex and why.
+inline constexpr char kIsTooComplex[] = " is too complex: ";
+
 /// Thrown for a rule that is left out, or a line of one.
 struct LeftOut {
     std::string why;
@@ -77,11 +80,14 @@ public:
     const ProtocolMatches& protocols(const FWRULE& rule);
 
 private:
-    AddressMatch textMatch(const FWRULE& rule, FW_FAMILY family) const;
+    AddressMatch textMatch(const FWRULE& rule, FW_FAMILY family);
     std::shared_ptr<const FWADDRESSES> countries(const Texts& codes, FW_FAMILY family);
+    std::shared_ptr<const FWADDRESSES> united(const Texts& codes, FW_FAMILY family);
+    void count(std::size_t intervals);
     const ProtocolMatches& ofServices(const Texts& names);
 
     const FWENVIRONMENT& environment_;
+    std::size_t intervals_ = 0;  // of all lists of addresses made here
     ProtocolMatches protocols_;  // of the rule at hand
     std::map<Texts, ProtocolMatches> services_;
     std::map<std::pair<Texts, FW_FAMILY>, std::shared_ptr<const FWADDRESSES>> countries_;

@@ -264,6 +264,57 @@ TEST(ResolveTest, MaskWithGapsIsExpandedUpToTheBound) {
                     "4096 intervals"));
 }
 
+TEST(ResolveTest, MasksWithGapsOfOneRuleHaveTheBoundTogether) {
+    const std::string mask = "/255.0.31.255";  // 2,048 intervals
+    const auto addresses = [&](int count) {
+        std::string text = "10.0.0.0" + mask;
+        for (int i = 1; i < count; ++i) {
+            text += ",10.0.0." + std::to_string(i) + mask;
+        }
+        return addressRule(FW::FW_IP_GROUP_SINGLE, {text});
+    };
+    EXPECT_THAT(findingsOf(resolve({addresses(2)})), IsEmpty());
+    EXPECT_THAT(findingsOf(resolve({addresses(3)})), SizeIs(1));
+}
+
+/// Two countries that together have half as many intervals as a profile may have, less one.
+FWENVIRONMENT environmentWithLongCountries() {
+    FWADDRESSES lists[2];
+    for (std::uint64_t i = 1; i < FW::FW_PROFILE_INTERVALS / 2; ++i) {
+        lists[i % 2].push_back({{i << 40, 0}, {i << 40, 0}});
+    }
+    FWENVIRONMENT environment = environmentOf({"eth0"});
+    environment.countries = [one = std::make_shared<const FWADDRESSES>(lists[0]),
+                             other = std::make_shared<const FWADDRESSES>(lists[1])](
+                                const std::string& code, FW::FW_FAMILY) {
+        return code == "AA" ? one : other;
+    };
+    return environment;
+}
+
+TEST(ResolveTest, AddressesOfAllRulesHaveABound) {
+    FWENVIRONMENT environment = environmentWithLongCountries();
+    const auto countries = [](const Texts& codes) {
+        return addressRule(FW::FW_IP_GROUP_COUNTRIES, codes, FW::FW_IP_TYPE_V6);
+    };
+    const FWRULE ipv4 = addressRule(FW::FW_IP_GROUP_SINGLE, {"10.0.0.1"});
+    const FWRULE ipv6 = addressRule(FW::FW_IP_GROUP_SINGLE, {"::1"}, FW::FW_IP_TYPE_V6);
+    const std::string why =
+        "the profile is too complex: its addresses make more than 4000000 intervals";
+    // Equal lists are made once, and that of a single country not at all.
+    EXPECT_THAT(findingsOf(resolve({countries({"AA", "BB"}), countries({"AA", "BB"}),
+                                    countries({"AA"}), countries({"BB", "AA"}), ipv4, ipv6, ipv4},
+                                   environment)),
+                ElementsAre("eth0 7: " + why));
+
+    // Also where only what is repeated for a tunnel is too much.
+    environment.tunnels["eth0"] = "sit0";
+    EXPECT_THAT(
+        findingsOf(resolve({countries({"AA", "BB"}), countries({"BB", "AA"}), ipv4, ipv6, ipv4},
+                           environment)),
+        ElementsAre("eth0 4: " + why, "eth0 5: " + why));
+}
+
 TEST(ResolveTest, RangeThatRunsBackwardsMatchesNothing) {
     const FWRESOLVED resolved =
         resolve({addressRule(FW::FW_IP_GROUP_RANGE, {"10.0.0.9", "10.0.0.1"})});
