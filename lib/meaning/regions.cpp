@@ -1,6 +1,7 @@
 #include "regions.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace FW {
@@ -22,6 +23,25 @@ Values commonOf(IntervalView a, IntervalView b) {
         return valuesOf({std::max(one.first, other.first), std::min(one.last, other.last)});
     }
     return valuesOf(intersected(a, b));
+}
+
+/// The values of `a` that are not in `b`; none when there are none.
+std::optional<Values> restOf(IntervalView a, IntervalView b) {
+    if (a.size() == 1 && b.size() == 1 && overlaps(a, b)) {
+        const Interval one = a.front();
+        const Interval other = b.front();
+        const bool isBelow = one.first < other.first;
+        const bool isAbove = other.last < one.last;
+        if (isBelow != isAbove) {
+            return isBelow ? valuesOf(Interval{one.first, other.first - 1})
+                           : valuesOf(Interval{other.last + 1, one.last});
+        }
+        if (!isBelow) {
+            return std::nullopt;
+        }
+    }
+    Intervals rest = without(a, b);
+    return rest.empty() ? std::nullopt : std::optional(valuesOf(std::move(rest)));
 }
 
 }  // namespace
@@ -148,12 +168,12 @@ void appendWithout(const PacketSpace& space, Region region, const SpaceRule& rul
         }
         const Values& values = space.values(id);
         const IntervalView own = space.valuesIn(region, field);
-        Intervals outside = without(own, *values);
-        if (outside.empty()) {
+        std::optional<Values> outside = restOf(own, *values);
+        if (!outside) {
             continue;
         }
         Region piece = region;
-        piece[field] = valuesOf(std::move(outside));
+        piece[field] = std::move(*outside);
         rest.push_back(std::move(piece));
         region[field] = isAny(region[field]) ? values : commonOf(own, *values);
     }
