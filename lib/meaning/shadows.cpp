@@ -157,7 +157,10 @@ private:
             const Region region = space_.regionOf(rules_[part].values);
             ++examined_;
             RuleNumbers earlier = scan_.overlapping(region, 0, part);
-            keepUseful(earlier, [&](std::uint32_t rule) { return ownerOf_[rule] == number; });
+            // What never decides covers nothing that those before it do not.
+            keepUseful(earlier, [&](std::uint32_t rule) {
+                return ownerOf_[rule] == number || (neverDecides && owners_[ownerOf_[rule]].gone);
+            });
             if (neverDecides) {
                 result = search.leavesAny(region, earlier);
                 continue;

@@ -18,27 +18,28 @@ using FW::FWFINDING;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
-std::string rangeOf(Random& random, int count) {
+std::string rangeOf(Random& random, int count, bool narrow) {
     const int first = pick(random, count);
-    const int last = pick(random, count);
+    const int last =
+        narrow ? std::min(first + pick(random, count / 3), count - 1) : pick(random, count);
     return std::to_string(std::min(first, last)) + "-" + std::to_string(std::max(first, last));
 }
 
-/// Ranges of addresses and ports on both sides.
-FW_MEANING hostile(unsigned seed, int rules) {
+/// Ranges of addresses and ports on both sides; those of the first rules are narrow.
+FW_MEANING hostile(unsigned seed, int rules, int narrowRules = 0) {
     Random random(seed);
     FW::FWPROFILE profile;
     for (int i = 0; i < rules; ++i) {
         FW::FWRULE rule;
         rule.policy = pick(random, 2) == 0 ? FW::FW_POLICY_ALLOW : FW::FW_POLICY_DENY;
         rule.ipGroup = FW::FW_IP_GROUP_RANGE;
-        const std::string range = rangeOf(random, 256);
+        const std::string range = rangeOf(random, 256, i < narrowRules);
         rule.ipList = {"10.0.0." + range.substr(0, range.find('-')),
                        "10.0.0." + range.substr(range.find('-') + 1)};
         rule.ipDirect = pick(random, 2);
         rule.portGroup = FW::FW_PORT_GROUP_PORTS;
         rule.protocol = FW::FW_PORT_PROTOCOL_TCP;
-        rule.portList = {rangeOf(random, 65536)};
+        rule.portList = {rangeOf(random, 65536, i < narrowRules)};
         rule.portDirect = pick(random, 2);
         profile.rules["eth0"].push_back(rule);
     }
@@ -65,7 +66,7 @@ TEST(HostileTest, ReachEndsAtItsBound) {
 }
 
 TEST(HostileTest, ShadowsNameTheRulesThatAreTooComplex) {
-    const FW::FWSHADOWS shadows = hostile(4, 3000).shadows();
+    const FW::FWSHADOWS shadows = hostile(4, 1500, 1200).shadows();
     EXPECT_THAT(textOf(shadows.findings), ::testing::StartsWith("too complex"));
     EXPECT_THAT(shadows.shadows, Not(IsEmpty()));
 }

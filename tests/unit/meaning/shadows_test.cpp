@@ -187,6 +187,14 @@ TEST(ShadowsTest, OfTwoEqualRulesTheLaterOneIsNamed) {
                 ElementsAre("eth0 2 never decides: eth0 1"));
 }
 
+TEST(ShadowsTest, ARuleThatNeverDecidesShadowsNoOther) {
+    EXPECT_THAT(
+        shadowsOf({rangeRule(kDeny, "100-199"), rangeRule(kDeny, "200-299"),
+                   rangeRule(kAllow, "150-250"), rangeRule(kDeny, "199-200")},
+                  kAllow),
+        ElementsAre("eth0 3 never decides: eth0 1 eth0 2", "eth0 4 never decides: eth0 1 eth0 2"));
+}
+
 TEST(ShadowsTest, WithoutADefaultPolicyAnAllowingRuleChangesNothing) {
     EXPECT_THAT(shadowsOf({rangeRule(kAllow, "22")}, FW::FW_POLICY_NONE),
                 ElementsAre("eth0 1 changes nothing:"));
