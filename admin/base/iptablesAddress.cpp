@@ -148,18 +148,6 @@ std::optional<AddressRange> MaskedAddress::range() const {
     return std::nullopt;
 }
 
-bool MaskedAddress::contains(const Address& address) const {
-    if (base.isIpv6() != address.isIpv6()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < sizeOf(base); ++i) {
-        if (((base.bytes()[i] ^ address.bytes()[i]) & mask.bytes()[i]) != 0) {
-            return false;
-        }
-    }
-    return true;
-}
-
 std::optional<std::vector<MaskedAddress>> addressesRead(const std::string& text, bool ipv6) {
     if (!isWord(text)) {
         return std::nullopt;  // a line is separated into words

@@ -22,8 +22,6 @@ struct MaskedAddress {
 
     /// The lowest of the addresses and the highest.
     AddressRange hull() const;
-
-    bool contains(const Address& address) const;
 };
 
 /// What "-s" and "-d" match. Nothing for a text that the program of the family refuses.

@@ -122,6 +122,15 @@ std::string listed(const std::vector<std::string>& names) {
     return printable(boost::join(names, ", "));
 }
 
+std::string enumerated(const std::vector<std::string>& texts) {
+    std::string line;
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        line += i == 0 ? "" : i + 1 == texts.size() ? " and " : ", ";
+        line += texts[i];
+    }
+    return line;
+}
+
 std::string didYouMean(const std::string& guess) {
     return guess.empty() ? guess : "; did you mean " + inQuotes(guess) + "?";
 }

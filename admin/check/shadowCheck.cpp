@@ -52,20 +52,8 @@ FW::FWPROFILE profileOf(const Json::Value& document, const std::set<RulePlace>& 
     return profile;
 }
 
-/// "rule 1 of eth0", "rule 1 of eth0, rule 3 of eth0 and the default policy of eth0".
-std::string namesOf(const std::vector<FW::FWPLACE>& places) {
-    std::string text;
-    const std::size_t named = places.size() > kMostNamed + 1 ? kMostNamed : places.size();
-    for (std::size_t i = 0; i < named; ++i) {
-        text += i == 0 ? "" : i + 1 == places.size() ? " and " : ", ";
-        text += placeText(places[i]);
-    }
-    const std::size_t others = places.size() - named;
-    return others == 0 ? text : text + " and " + std::to_string(others) + " others";
-}
-
 std::string textOf(const FW::FWSHADOW& shadow) {
-    const std::string names = namesOf(shadow.by);
+    const std::string names = placesText(shadow.by, kMostNamed);
     const bool several = shadow.by.size() > 1;
     if (shadow.neverDecides) {
         return "never takes effect: shadowed by " + names + (several ? " together" : "");

@@ -7,6 +7,7 @@
 
 #include "decide/listWords.h"
 #include "tarnfwadmin/addressRange.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {

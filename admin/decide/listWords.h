@@ -9,16 +9,6 @@ namespace tarnfw {
 
 using Texts = std::vector<std::string>;
 
-/// "a, b and c".
-inline std::string enumerated(const Texts& texts) {
-    std::string line;
-    for (std::size_t i = 0; i < texts.size(); ++i) {
-        line += i == 0 ? "" : i + 1 == texts.size() ? " and " : ", ";
-        line += texts[i];
-    }
-    return line;
-}
-
 inline std::string joined(const Texts& texts, const char* between) {
     std::string line;
     for (const std::string& text : texts) {

@@ -8,6 +8,7 @@
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/machine.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
@@ -134,6 +135,31 @@ std::string placeText(const FW::FWPLACE& place) {
         default:
             return "no rule";
     }
+}
+
+std::string placesText(const std::vector<FW::FWPLACE>& places, std::size_t most) {
+    const std::size_t named = places.size() > most + 1 ? most : places.size();
+    std::vector<std::string> texts;
+    std::vector<std::string> positions;  // of the rules of one adapter
+    for (std::size_t i = 0; i < named; ++i) {
+        const FW::FWPLACE& place = places[i];
+        if (place.origin != FW::FW_ORIGIN_RULE) {
+            texts.push_back(placeText(place));
+            continue;
+        }
+        positions.push_back(std::to_string(place.position));
+        const bool goesOn = i + 1 < named && places[i + 1].origin == FW::FW_ORIGIN_RULE &&
+                            places[i + 1].adapter == place.adapter;
+        if (!goesOn) {
+            texts.push_back((positions.size() == 1 ? "rule " : "rules ") + enumerated(positions) +
+                            " of " + printable(place.adapter));
+            positions.clear();
+        }
+    }
+    if (named < places.size()) {
+        texts.push_back(counted(places.size() - named, "other"));
+    }
+    return enumerated(texts);
 }
 
 }  // namespace tarnfw

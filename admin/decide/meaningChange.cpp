@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -12,6 +13,7 @@
 #include "decide/listWords.h"
 #include "tarnfwadmin/packetGroup.h"
 #include "tarnfwadmin/packetWords.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
@@ -34,6 +36,14 @@ struct PlaceOrder {
 };
 using Places = std::set<FW::FWPLACE, PlaceOrder>;
 
+bool isSame(const FW::FWPLACE& a, const FW::FWPLACE& b) {
+    return !PlaceOrder()(a, b) && !PlaceOrder()(b, a);
+}
+
+FW::FWPLACE ruleAt(const RulePlace& place) {
+    return {FW::FW_ORIGIN_RULE, place.adapter, static_cast<std::int32_t>(place.position)};
+}
+
 enum SideOfChange : std::size_t { kBefore, kAfter };
 
 /// One of FWDIFFERENCE::changes, with the places of its rules.
@@ -54,29 +64,6 @@ std::vector<PlacedChange> placed(const FW::FWDIFFERENCE& difference, const FW::F
 }
 
 // ---- Words --------------------------------------------------------------------------------------
-
-/// "rules 4 and 5 of eth0, the default policy of eth1"; empty for many.
-std::string placesText(const Places& places) {
-    if (places.size() > kMostPlaces) {
-        return "";
-    }
-    std::map<std::string, Texts> positions;  // of rules, by adapter
-    Texts others;
-    for (const FW::FWPLACE& place : places) {
-        if (place.origin == FW::FW_ORIGIN_RULE) {
-            positions[place.adapter].push_back(std::to_string(place.position));
-        } else {
-            others.push_back(placeText(place));
-        }
-    }
-    Texts texts;
-    for (const auto& [adapter, list] : positions) {
-        texts.push_back((list.size() == 1 ? "rule " : "rules ") + enumerated(list) + " of " +
-                        adapter);
-    }
-    texts.insert(texts.end(), others.begin(), others.end());
-    return joined(texts, ", ");
-}
 
 /// What differs from `base`: "tcp 22 from 10.1.0.0/16".
 std::string exceptionText(const PacketWords& words, const PacketGroup& group,
@@ -118,8 +105,14 @@ std::vector<PacketGroup> groupsWithout(const PacketSets& all, const PacketSets& 
 /// What the changes of one kind are called.
 class ChangeWords {
 public:
-    ChangeWords(const PacketWords& words, const Meaning& before, const Meaning& after)
-        : words_(words), rules_{before.ownRules(), after.ownRules()} {}
+    /// `named`: rules of the side after that need no mention.
+    ChangeWords(const PacketWords& words, const Meaning& before, const Meaning& after,
+                const std::vector<RulePlace>& named)
+        : words_(words), rules_{before.ownRules(), after.ownRules()} {
+        for (const RulePlace& place : named) {
+            named_.insert(ruleAt(place));
+        }
+    }
 
     /// Appends the lines for changes of one kind.
     void append(const std::string& verb, const std::vector<PlacedChange>& changes, Texts& texts) {
@@ -142,6 +135,27 @@ public:
             texts.push_back(
                 std::string(verb).append(" ").append(text).append(inBrackets(cause.places, side)));
         }
+    }
+
+    /// The packets as they are, or as what the rule matches without some, whichever is shorter.
+    std::string textOf(const PacketSets& sets, const FW::FWPLACE& place, SideOfChange side) {
+        const std::vector<PacketGroup> groups = packetGroups(sets);
+        Texts parts;
+        std::size_t length = 0;
+        for (const PacketGroup& group : groups) {
+            if (parts.size() < 2 * kMostGroups) {
+                parts.push_back(words_.effectText(group));
+                length += parts.back().size();
+            } else {
+                parts.emplace_back();
+            }
+        }
+        const std::string direct = joined(shortened(std::move(parts), kMostGroups), ", and ");
+        if (groups.size() == 1 || ++searched_ > kMostSearched) {
+            return direct;
+        }
+        const std::string except = exceptText(sets, groups, place, side);
+        return !except.empty() && except.size() < length ? except : direct;
     }
 
 private:
@@ -198,30 +212,15 @@ private:
         return before.size() < after.size() ? kBefore : kAfter;
     }
 
-    static std::string inBrackets(const Places& places, SideOfChange side) {
-        const std::string text = placesText(places);
-        return text.empty() ? "" : std::string(side == kBefore ? " (before: " : " (") + text + ")";
-    }
-
-    /// The packets as they are, or as what the rule matches without some, whichever is shorter.
-    std::string textOf(const PacketSets& sets, const FW::FWPLACE& place, SideOfChange side) {
-        const std::vector<PacketGroup> groups = packetGroups(sets);
-        Texts parts;
-        std::size_t length = 0;
-        for (const PacketGroup& group : groups) {
-            if (parts.size() < 2 * kMostGroups) {
-                parts.push_back(words_.effectText(group));
-                length += parts.back().size();
-            } else {
-                parts.emplace_back();
-            }
+    std::string inBrackets(const Places& places, SideOfChange side) const {
+        const bool isNamed =
+            side == kAfter &&
+            std::includes(named_.begin(), named_.end(), places.begin(), places.end(), PlaceOrder());
+        if (isNamed || places.size() > kMostPlaces) {
+            return "";
         }
-        const std::string direct = joined(shortened(std::move(parts), kMostGroups), ", and ");
-        if (groups.size() == 1 || ++searched_ > kMostSearched) {
-            return direct;
-        }
-        const std::string except = exceptText(sets, groups, place, side);
-        return !except.empty() && except.size() < length ? except : direct;
+        return (side == kBefore ? " (before: " : " (") +
+               placesText({places.begin(), places.end()}, kMostPlaces) + ")";
     }
 
     /// Empty where that is no shorter form.
@@ -229,7 +228,7 @@ private:
                            const FW::FWPLACE& place, SideOfChange side) {
         PacketSets matched;
         for (const FW::FWRESOLVEDRULE& rule : rules_[side]) {
-            if (!PlaceOrder()(rule.place, place) && !PlaceOrder()(place, rule.place)) {
+            if (isSame(rule.place, place)) {
                 matched.push_back(rule.packets);
             }
         }
@@ -259,6 +258,7 @@ private:
 
     const PacketWords& words_;
     std::array<std::vector<FW::FWRESOLVEDRULE>, 2> rules_;
+    Places named_;
     std::size_t searched_ = 0;
 };
 
@@ -276,7 +276,8 @@ constexpr KindOfChange kKinds[] = {
 };
 
 /// The lines for all changes that are among `exact`.
-Texts textsOf(const Meaning& before, const Meaning& after, const std::vector<PlacedChange>& exact) {
+Texts textsOf(const Meaning& before, const Meaning& after, const std::vector<PlacedChange>& exact,
+              const std::vector<RulePlace>& named) {
     using Key = std::tuple<FW::FW_CHANGE, FW::FWPLACE, FW::FWPLACE>;
     const auto keyOf = [](const PlacedChange& one) {
         return Key(one.change->change, one.places[kBefore], one.places[kAfter]);
@@ -304,7 +305,7 @@ Texts textsOf(const Meaning& before, const Meaning& after, const std::vector<Pla
         }
     }
     const PacketWords words({before, after});
-    ChangeWords changeWords(words, before, after);
+    ChangeWords changeWords(words, before, after, named);
     Texts texts;
     for (const KindOfChange& kind : kKinds) {
         std::vector<PlacedChange> ofKind;
@@ -318,12 +319,30 @@ Texts textsOf(const Meaning& before, const Meaning& after, const std::vector<Pla
     return texts;
 }
 
+/// The packets that the rules at a place decide about: those with which something else happens
+/// without them.
+PacketSets decidedBy(const FW::FWPLACE& place, std::vector<FW::FWRESOLVEDRULE> rules) {
+    const FW::FW_MEANING meaning(rules);
+    for (FW::FWRESOLVEDRULE& rule : rules) {
+        if (isSame(rule.place, place)) {
+            rule.verdict =
+                rule.verdict == FW::FW_PACKET_DROP ? FW::FW_PACKET_NEXT : FW::FW_PACKET_DROP;
+        }
+    }
+    PacketSets decided;
+    for (FW::FWCHANGE& change : FW::FW_MEANING(rules).differenceFrom(meaning).changes) {
+        std::move(change.packets.begin(), change.packets.end(), std::back_inserter(decided));
+    }
+    return decided;
+}
+
 }  // namespace
 
-MeaningDifference::MeaningDifference(const Meaning& before, const Meaning& after)
+MeaningDifference::MeaningDifference(const Meaning& before, const Meaning& after,
+                                     const std::vector<RulePlace>& named)
     : exact_(after.answers().differenceFrom(before.answers())) {
     if (!exact_.changes.empty()) {
-        texts_ = textsOf(before, after, placed(exact_, before.answers(), after.answers()));
+        texts_ = textsOf(before, after, placed(exact_, before.answers(), after.answers()), named);
     }
 }
 
@@ -338,6 +357,16 @@ std::string MeaningDifference::text(std::size_t most) const {
         texts.push_back("and " + std::to_string(others) + " more changes");
     }
     return joined(texts, "; ") + (tooComplex() ? "; too complex: there may be more changes" : "");
+}
+
+std::string decidedText(const Meaning& meaning, const RulePlace& place) {
+    const FW::FWPLACE rule = ruleAt(place);
+    if (decidedBy(rule, meaning.rules()).empty()) {
+        return "";
+    }
+    const PacketWords words({meaning});
+    return ChangeWords(words, meaning, meaning, {})
+        .textOf(decidedBy(rule, meaning.ownRules()), rule, kAfter);
 }
 
 }  // namespace tarnfw

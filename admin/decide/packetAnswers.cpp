@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "decide/addressWords.h"
-#include "machine/ruleMatch.h"
 #include "rules/portWords.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/interfaces.h"
@@ -32,6 +31,20 @@ constexpr std::uint8_t kNewMask = 1U << FW::FW_STATE_NEW;
 bool isSamePlace(const FWPLACE& one, const FWPLACE& other) {
     return one.origin == other.origin && one.adapter == other.adapter &&
            one.position == other.position;
+}
+
+/// Whether a rule for IPv4 addresses is one for all of IPv6 where it is repeated for a 6in4 tunnel:
+/// ip6tables takes "10.0.0.0/0" for every address.
+bool isTakenForAllOfIpv6(const FW::FWRULE& rule) {
+    const std::string first = rule.ipList.empty() ? "" : rule.ipList[0];
+    switch (rule.ipGroup) {
+        case FW::FW_IP_GROUP_SINGLE:
+            return isEveryIpv4Address(first);
+        case FW::FW_IP_GROUP_NETWORK:
+            return rule.ipList.size() > 1 && isEveryIpv4Address(first + "/" + rule.ipList[1]);
+        default:
+            return false;
+    }
 }
 
 bool isDenied(const Meaning& meaning, std::size_t number) {

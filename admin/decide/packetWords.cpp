@@ -17,6 +17,7 @@
 #include "decide/kindWords.h"
 #include "decide/listWords.h"
 #include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <set>
 
-#include "machine/ruleMatch.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/meaning.h"
@@ -38,13 +37,18 @@ PacketAnswers answersOfGlobal(const FW::FWPROFILE& profile, Machine& machine) {
     return PacketAnswers(Meaning(alone, machine), FW::FW_ADAPTER_GLOBAL);
 }
 
+bool decides(FW::FW_POLICY policy) {
+    return policy == FW::FW_POLICY_ALLOW || policy == FW::FW_POLICY_DENY;
+}
+
 bool hasLines(const FW::FWPROFILE& profile, const std::string& adapter) {
     const auto policy = profile.adapterPolicyMap.find(adapter);
     const auto rules = profile.rules.find(adapter);
-    return (policy != profile.adapterPolicyMap.end() &&
-            (policy->second == FW::FW_POLICY_ALLOW || policy->second == FW::FW_POLICY_DENY)) ||
+    return (policy != profile.adapterPolicyMap.end() && decides(policy->second)) ||
            (rules != profile.rules.end() &&
-            std::any_of(rules->second.begin(), rules->second.end(), hasLine));
+            std::any_of(rules->second.begin(), rules->second.end(), [](const FW::FWRULE& rule) {
+                return rule.enable && decides(rule.policy);
+            }));
 }
 
 }  // namespace

@@ -142,10 +142,4 @@ bool Machine::hasCountry(const std::string& code, bool ipv6) {
     return countries_[key] = hasCountryData(code, ipv6);
 }
 
-Json::Value Machine::portMatches(const FW::FWRULE& rule) {
-    Json::Value arg;
-    (void)translation_.iptablesRulesInit(arg);
-    return translation_.portToIptablesArg(rule, arg) ? arg["port"] : Json::Value();
-}
-
 }  // namespace tarnfw

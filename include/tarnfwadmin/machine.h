@@ -60,10 +60,6 @@ public:
     /// Whether there are data of a country for a family.
     bool hasCountry(const std::string& code, bool ipv6);
 
-    /// The port matches that the translation makes of a rule: "-p tcp --dport 22", or an empty
-    /// text for any port. Null when the rule cannot be translated.
-    Json::Value portMatches(const FW::FWRULE& rule);
-
 private:
     FW::TARNFW_IPTABLES_RULES translation_;
     std::map<std::string, bool> adapters_;

@@ -1,6 +1,7 @@
 /// What a profile means on this machine: which packets it lets through, see fwMeaning.h.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -70,5 +71,9 @@ std::optional<RulePlace> rulePlaceOf(const FW::FWPLACE& place);
 /// "rule 3 of eth0", "the default policy of eth0", "the acceptance of established connections", "no
 /// rule". Printable.
 std::string placeText(const FW::FWPLACE& place);
+
+/// "rules 3 and 4 of eth0, rule 1 of eth1 and the default policy of eth1"; of more than `most` the
+/// first ones, and how many there are besides. Printable.
+std::string placesText(const std::vector<FW::FWPLACE>& places, std::size_t most);
 
 }  // namespace tarnfw

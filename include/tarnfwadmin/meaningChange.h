@@ -9,6 +9,7 @@
 #include "tarnfirewall/fwMeaning.h"
 
 #include "tarnfwadmin/meaning.h"
+#include "tarnfwadmin/place.h"
 
 namespace TARNFW_EXPORT_ALL tarnfw {
 
@@ -18,8 +19,10 @@ public:
     /// How many changes the text of all of them names.
     static constexpr std::size_t kMostChanges = 4;
 
-    /// Both have the same environment.
-    MeaningDifference(const Meaning& before, const Meaning& after);
+    /// Both have the same environment. `named` are rules of `after` that the texts need not name
+    /// as those that decide, since whoever prints them does.
+    MeaningDifference(const Meaning& before, const Meaning& after,
+                      const std::vector<RulePlace>& named = {});
 
     /// Whether both let the same packets through and log the same ones; false where that is too
     /// complex to find out.
@@ -44,5 +47,10 @@ private:
     FW::FWDIFFERENCE exact_;
     std::vector<std::string> texts_;
 };
+
+/// The packets that a rule decides about, whatever would happen without it, as texts() has them:
+/// "tcp 445 on eth0, for 10.0.0.0/8 except 10.3.0.0/16". Empty when there is none. Not made
+/// printable.
+std::string decidedText(const Meaning& meaning, const RulePlace& place);
 
 }  // namespace tarnfw

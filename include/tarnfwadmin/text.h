@@ -46,6 +46,9 @@ std::string nearestAdapter(const std::string& word, const std::vector<std::strin
 /// Names for a message, printable: "default, home".
 std::string listed(const std::vector<std::string>& names);
 
+/// "a, b and c". Not made printable.
+std::string enumerated(const std::vector<std::string>& texts);
+
 /// "; did you mean "eth0"?", for the end of a message; empty without a guess.
 std::string didYouMean(const std::string& guess);
 

@@ -15,7 +15,7 @@ SAYS = [
     ("tarnfw log-denied on", "^Denied packets are logged: eth0, eth1"),
     ("tarnfw rule add --first deny from 203.0.113.9", "^Rule 1 of global: "),
     ("tarnfw rule add allow service ssh from 198.51.100.0/24", "^Opens service ssh .* for 198"),
-    ("tarnfw rule add allow tcp 8443 --v6", "IPv6 only"),
+    ("tarnfw rule add allow tcp 8443 --v6", r"^Opens .* for everybody \(IPv6\)$"),
     ("tarnfw undo", "allow tcp 22 from 192.168.1.20"),
     ("tarnfw enable", "^After a restart: in force again, by tarnfw.service$"),
     ("tarnfw status", "^After a restart: +in force again, by tarnfw.service$"),

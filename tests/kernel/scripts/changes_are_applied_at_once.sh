@@ -37,8 +37,8 @@ answers 0 enable
 
 answers 0 rule add allow tcp 8081
 prints <<END
+Opens tcp 8081 on eth0, for everybody
 $(grep '^Rule [0-9]* of global: allow tcp 8081 from anywhere$' "$out/answer")
-Opens tcp 8081 on every adapter, for everybody
 Profile "default" applied
 END
 applied
@@ -51,7 +51,7 @@ for words in 'rule add deny tcp 8085 --disabled' 'rule delete deny tcp 8085 --di
 done
 # A rule that is there already, but was only stored.
 answers 0 rule add allow tcp 8084 --later
-says '^Once applied: opens tcp 8084 on every adapter, for everybody$'
+says '^Once applied: opens tcp 8084 on eth0, for everybody$'
 answers 0 rule add allow tcp 8084
 says '^Rule [0-9]* of global is this rule already: '
 applied

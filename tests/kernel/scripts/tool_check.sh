@@ -99,7 +99,7 @@ profile home "$(rule '"portList": ["1-99"]')" "$(rule '"portList": ["100-199"]')
     "$(rule '"portList": ["90-110"], "policy": 1')" "$(rule '"portList": ["7000"], "policy": 1')" >union.json
 answers 0 check union.json
 prints <<'END'
-union.json: rule 3 of eth0: warning: never takes effect: shadowed by rule 1 of eth0 and rule 2 of eth0 together
+union.json: rule 3 of eth0: warning: never takes effect: shadowed by rules 1 and 2 of eth0 together
 union.json: rule 4 of eth0: warning: has no effect: the default policy of eth0 does the same
 END
 

@@ -186,8 +186,8 @@ step 'the firewall is enabled' tarnfw enable
 keep_listing enabled
 edits 0 'sed -i s/"22"/"23"/' lab
 prints <<'END'
-Once applied: opens tcp 23 on eth0, for everybody (rule 1 of eth0); closes tcp 22 on eth0, for everybody (rule 2 of eth0)
 Profile "lab" stored
+Once applied: opens tcp 23 on eth0, for everybody (rule 1 of eth0); closes tcp 22 on eth0, for everybody (rule 2 of eth0)
 The kernel still has the old rules; "tarnfw reload" applies the new ones
 END
 step 'so it has' same_listing enabled

@@ -166,8 +166,8 @@ keep_listing enabled
 answers 0 service reserve ssh --adapter eth0 deny
 silent
 prints <<'END'
-Once applied: closes service ssh on eth0, for everybody (rule 1 of eth0)
 Service ssh reserved on eth0: deny (changed: away, home)
+Once applied: closes service ssh on eth0, for everybody (rule 1 of eth0)
 The kernel still has the old rules; "tarnfw reload" applies the new ones
 END
 step 'the kernel has the old rules' same_listing enabled
@@ -206,9 +206,9 @@ refused_whole 5 '^tarnfw: service "http" is not reserved on "eth0"; other rules 
     service release http --adapter eth0
 answers 0 service release ssh
 prints <<'END'
-Once applied: opens service ssh on eth0, for everybody (rule 1 of eth0)
 Service ssh released (changed: away, home)
 Other rules name it: home; "tarnfw service release ssh --everywhere" removes it from them, too
+Once applied: opens service ssh on eth0, for everybody (rule 1 of eth0)
 The kernel still has the old rules; "tarnfw reload" applies the new ones
 END
 has_rules away eth0 </dev/null

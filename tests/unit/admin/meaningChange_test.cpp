@@ -35,12 +35,18 @@ FW::FWPROFILE profileOf(const std::vector<List>& lists) {
     return profile;
 }
 
-MeaningDifference differenceOf(const FW::FWPROFILE& before, const FW::FWPROFILE& after) {
+FW::FWENVIRONMENT environmentHere() {
     FW::FWENVIRONMENT environment;
     environment.services["ssh"].dstPorts = {{FW::FW_PORT_PROTOCOL_TCP, {"22"}}};
     environment.services["nfs"].dstPorts = {{FW::FW_PORT_PROTOCOL_TCP_UDP, {"111", "2049"}}};
-    environment.adapters = FW::fwAdaptersNow({"eth0", "eth1", "tun5"}, "");
-    return MeaningDifference(Meaning(before, environment), Meaning(after, environment));
+    environment.adapters = FW::fwAdaptersNow({"eth0", "eth1", "lo", "tun5"}, "");
+    return environment;
+}
+
+MeaningDifference differenceOf(const FW::FWPROFILE& before, const FW::FWPROFILE& after,
+                               const std::vector<RulePlace>& named = {}) {
+    const FW::FWENVIRONMENT environment = environmentHere();
+    return MeaningDifference(Meaning(before, environment), Meaning(after, environment), named);
 }
 
 constexpr FW::FW_POLICY kAllow = FW::FW_POLICY_ALLOW;
@@ -104,6 +110,72 @@ TEST(MeaningChangeTest, OneEditIsOneText) {
     for (const auto& c : cases) {
         EXPECT_EQ(differenceOf(profileOf(c.before), profileOf(c.after)).text(), c.text);
     }
+}
+
+TEST(MeaningChangeTest, ANewRuleOpensOnlyWhatWasClosed) {
+    const struct {
+        std::vector<List> before;
+        const char* adapter;
+        const char* words;
+        const char* text;
+    } cases[] = {
+        {{{"eth0", kDeny, {}}}, "eth0", "allow tcp 8080", "opens tcp 8080 on eth0, for everybody"},
+        {{{"eth0", kDeny, {}}}, "global", "allow tcp 80", "opens tcp 80 on eth0, for everybody"},
+        {{{"global", kNone, {"allow tcp 443", "deny from 203.0.113.9"}}, {"eth0", kDeny, {}}},
+         "eth0",
+         "allow tcp 8080",
+         "opens tcp 8080 on eth0, for everybody except 203.0.113.9"},
+        {{{"eth0", kDeny, {}}},
+         "eth0",
+         "allow udp 53 (IPv6)",
+         "opens udp 53 on eth0, for everybody (IPv6)"},
+        {{{"global", kNone, {"allow tcp 443"}}},
+         "global",
+         "deny tcp 400-500",
+         "closes tcp 400-442,444-500 on every adapter, for everybody"},
+        {{}, "eth0", "allow tcp 22", "nothing else happens to any packet"},
+        {{{"eth0", kDeny, {"allow tcp 1-100"}}},
+         "eth0",
+         "allow tcp 22",
+         "nothing else happens to any packet"},
+    };
+    for (const auto& c : cases) {
+        const FW::FWPROFILE before = profileOf(c.before);
+        FW::FWPROFILE after = before;
+        after.rules[c.adapter].push_back(ruleOf(c.words));
+        const RulePlace place{c.adapter, after.rules[c.adapter].size()};
+        EXPECT_EQ(differenceOf(before, after, {place}).text(), c.text) << c.words;
+    }
+}
+
+TEST(MeaningChangeTest, OnlyTheNamedRulesAreLeftOut) {
+    const FW::FWPROFILE before = profileOf({{"eth0", kDeny, {"allow tcp 80"}}});
+    const FW::FWPROFILE after = profileOf({{"eth0", kDeny, {"allow udp 53", "allow tcp 443"}}});
+    EXPECT_EQ(differenceOf(before, after, {{"eth0", 2}}).text(),
+              "opens tcp 443, udp 53 on eth0, for everybody (rules 1 and 2 of eth0); closes tcp 80 "
+              "on eth0, for everybody (before: rule 1 of eth0)");
+    EXPECT_EQ(differenceOf(before, after, {{"eth0", 1}, {"eth0", 2}}).text(),
+              "opens tcp 443, udp 53 on eth0, for everybody; closes tcp 80 on eth0, for everybody "
+              "(before: rule 1 of eth0)");
+}
+
+TEST(MeaningChangeTest, SaysWhatARuleDecidesAbout) {
+    const FW::FWPROFILE profile = profileOf(
+        {{"global", kNone, {"deny from 203.0.113.9", "allow tcp 80"}},
+         {"eth0", kDeny, {"allow tcp 1-100", "allow tcp 80", "deny tcp 9000", "[off] deny"}},
+         {"lo", kNone, {"deny tcp 22"}}});
+    const Meaning meaning(profile, environmentHere());
+    EXPECT_EQ(decidedText(meaning, {"global", 2}),
+              "tcp 80 on every adapter, for everybody except "
+              "203.0.113.9");
+    EXPECT_EQ(decidedText(meaning, {"eth0", 1}),
+              "tcp 1-79,81-100 on eth0, for everybody except "
+              "203.0.113.9");
+    EXPECT_EQ(decidedText(meaning, {"eth0", 2}), "") << "shadowed";
+    EXPECT_EQ(decidedText(meaning, {"eth0", 3}),
+              "tcp 9000 on eth0, for everybody except 203.0.113.9");
+    EXPECT_EQ(decidedText(meaning, {"eth0", 4}), "") << "off";
+    EXPECT_EQ(decidedText(meaning, {"lo", 1}), "") << "never filtered";
 }
 
 TEST(MeaningChangeTest, ChangesOfSeveralRulesAreOneTextEachOrOneForAll) {

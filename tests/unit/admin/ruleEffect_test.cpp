@@ -1,4 +1,4 @@
-// What a rule does at its place, in words, and where a shadowed one would take effect.
+// Where a rule takes effect that never does at its place, and what a default policy leaves open.
 #include "tarnfwadmin/ruleEffect.h"
 
 #include <string>
@@ -6,8 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include "profileCheck_testing.h"
-#include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/ruleSyntax.h"
 
 namespace tarnfw {
@@ -16,10 +14,10 @@ namespace {
 using Texts = std::vector<std::string>;
 
 FW::FWRULE ruleOf(const std::string& words) {
-    return ruleFrom({words}, {}, {{{"ssh", 1}, {"nfs", 3}}, {"DE"}, {"DE", "FR"}});
+    return ruleFrom({words}, {}, {});
 }
 
-class RuleEffectTest : public ProfileCheckTest {
+class RuleEffectTest : public testing::Test {
 protected:
     void add(const std::string& adapter, const Texts& rules) {
         for (const std::string& words : rules) {
@@ -27,195 +25,89 @@ protected:
         }
     }
 
-    /// The effect of a rule as the last of an adapter's list.
-    std::string effectOf(const std::string& adapter, const std::string& words) {
-        FW::FWPROFILE profile = profile_;
-        const FW::FWRULE rule = ruleOf(words);
-        profile.rules[adapter].push_back(rule);
-        const RuleEffect effect =
-            ruleEffect(profile, {adapter, profile.rules[adapter].size()}, machine_);
-        if (!effect.hasLines) {
-            return "no lines";
-        }
-        return effect.shadowedBy ? "shadowed by " + placeText(*effect.shadowedBy)
-                                 : effectText(rule, adapter, effect);
+    Meaning meaning() const {
+        FW::FWENVIRONMENT environment;
+        environment.adapters = FW::fwAdaptersByName(profile_, "");
+        return Meaning(profile_, environment);
     }
 
-    std::string placeFor(const std::string& adapter, const std::string& words) {
-        const auto place = effectivePlace(profile_, ruleOf(words), adapter, machine_);
+    /// The place for the last rule of an adapter's list, which the others shadow.
+    std::string placeFor(const std::string& adapter) const {
+        const RulePlace own{adapter, profile_.rules.at(adapter).size()};
+        std::vector<RulePlace> shadowedBy;
+        for (const FW::FWSHADOW& shadow : meaning().answers().shadows().shadows) {
+            if (shadow.neverDecides && rulePlaceOf(shadow.place) == own) {
+                for (const FW::FWPLACE& by : shadow.by) {
+                    shadowedBy.push_back(rulePlaceOf(by).value());
+                }
+            }
+        }
+        EXPECT_FALSE(shadowedBy.empty());
+        const auto place = effectivePlace(profile_, own, shadowedBy);
         return place ? placeText(*place) : "nowhere";
     }
 
+    OpenByPolicy open() const { return openByPolicy(meaning(), "wlan0"); }
+
     FW::FWPROFILE profile_;
-    Machine machine_;
 };
 
-TEST_F(RuleEffectTest, SaysWhatIsOpenedAndForWhom) {
-    profile_.adapterPolicyMap = {{"wlan0", FW::FW_POLICY_DENY}, {"eth7", FW::FW_POLICY_NONE}};
-    const struct {
-        const char* adapter;
-        const char* words;
-        const char* text;
-    } cases[] = {
-        {"global", "allow tcp 8080", "opens tcp 8080 on every adapter, for everybody"},
-        {"wlan0", "allow tcp 22 from 192.168.0.0/16", "opens tcp 22 on wlan0, for 192.168.0.0/16"},
-        {"wlan0", "allow tcp 22 to 10.0.0.1", "opens tcp 22 on wlan0, for packets to 10.0.0.1"},
-        {"global", "allow udp 53 (IPv6)",
-         "opens udp 53 on every adapter, for everybody, IPv6 only"},
-        {"global", "allow udp source port 53",
-         "opens udp from source port 53 on every adapter, for everybody"},
-        {"wlan0", "allow icmp", "opens icmp on wlan0, for everybody"},
-        {"wlan0", "allow service ssh", "opens service ssh on wlan0, for everybody"},
-        {"wlan0", "allow tcp 22, outgoing",
-         "opens tcp 22 for packets forwarded out through wlan0, for everybody"},
-        {"global", "deny", "closes everything on every adapter, for everybody"},
-        {"global", "[off] deny", "no lines"},
-        {"lo", "deny tcp 22", "no lines"},
-        {"wlan0", "allow from country DE", "opens everything on wlan0, for country DE"},
-        {"wlan0", "allow from country FR (IPv6)", "no lines"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(effectOf(c.adapter, c.words), c.text) << c.words;
-    }
-}
-
-TEST_F(RuleEffectTest, NamesWhatEarlierRulesKeep) {
-    profile_.adapterPolicyMap = {{"wlan0", FW::FW_POLICY_DENY}, {"eth7", FW::FW_POLICY_NONE}};
-    add("global", {"allow tcp 443", "deny from 203.0.113.9"});
-    EXPECT_EQ(
-        effectOf("global", "allow tcp 8080"),
-        "opens tcp 8080 on every adapter, for everybody, except what rule 2 of global denies");
-    EXPECT_EQ(effectOf("wlan0", "allow tcp 8080 from 203.0.113.0/24"),
-              "opens tcp 8080 on wlan0, for 203.0.113.0/24, except what rule 2 of global denies");
-    // Another address, another family: nothing of it is denied.
-    EXPECT_EQ(effectOf("wlan0", "allow tcp 8080 from 192.168.1.0/24"),
-              "opens tcp 8080 on wlan0, for 192.168.1.0/24");
-    EXPECT_EQ(effectOf("wlan0", "allow tcp 8080 (IPv6)"),
-              "opens tcp 8080 on wlan0, for everybody, IPv6 only");
-    add("wlan0", {"deny tcp 8000-8999 from 10.0.0.0/8"});
-    EXPECT_EQ(effectOf("wlan0", "allow tcp 8080"),
-              "opens tcp 8080 on wlan0, for everybody, except what earlier rules deny");
-    EXPECT_EQ(effectOf("wlan0", "allow tcp 80"),
-              "opens tcp 80 on wlan0, for everybody, except what rule 2 of global denies");
-    EXPECT_EQ(effectOf("global", "deny tcp 400-500"),
-              "closes tcp 400-500 on every adapter, for everybody, except what rule 1 of global "
-              "allows");
-}
-
-TEST_F(RuleEffectTest, SaysWhenNothingChanges) {
-    EXPECT_EQ(effectOf("wlan0", "allow tcp 22"), "tcp 22 is open already on wlan0, for everybody");
-    EXPECT_EQ(effectOf("wlan0", "deny tcp 22"), "closes tcp 22 on wlan0, for everybody");
-    profile_.adapterPolicyMap = {{"wlan0", FW::FW_POLICY_DENY}, {"eth7", FW::FW_POLICY_NONE}};
-    EXPECT_EQ(effectOf("wlan0", "allow tcp 22"), "opens tcp 22 on wlan0, for everybody");
-    EXPECT_EQ(effectOf("wlan0", "deny tcp 22"), "tcp 22 is closed already on wlan0, for everybody");
-    // Another adapter has no default policy.
-    EXPECT_EQ(effectOf("global", "deny tcp 22"), "closes tcp 22 on every adapter, for everybody");
-    // A rule of an adapter comes after those of "global".
-    profile_.adapterPolicyMap.clear();
-    EXPECT_EQ(effectOf("global", "allow tcp 22"),
-              "tcp 22 is open already on every adapter, for everybody");
-    add("wlan0", {"deny tcp 22 from 10.0.0.0/8"});
-    EXPECT_EQ(effectOf("global", "allow tcp 22"), "opens tcp 22 on every adapter, for everybody");
-}
-
-TEST_F(RuleEffectTest, WhatEarlierRulesKeepIsNotSaidToBeSoAlready) {
-    profile_.adapterPolicyMap = {{"wlan0", FW::FW_POLICY_DENY}};
-    add("global", {"allow tcp 22 from 192.168.0.0/16"});
-    const std::string kept = ", except what rule 1 of global allows";
-    EXPECT_EQ(effectOf("wlan0", "deny tcp 22"),
-              "tcp 22 is closed already on wlan0, for everybody" + kept);
-    EXPECT_EQ(effectOf("wlan0", "deny tcp 22 from 192.168.1.0/24"), "shadowed by rule 1 of global");
-    EXPECT_EQ(effectOf("wlan0", "deny service ssh"),
-              "service ssh is closed already on wlan0, for everybody" + kept);
-    EXPECT_EQ(effectOf("wlan0", "deny"),
-              "everything is closed already on wlan0, for everybody" + kept);
-    EXPECT_EQ(effectOf("wlan0", "deny tcp 23"), "tcp 23 is closed already on wlan0, for everybody");
-    add("global", {"allow icmp", "allow udp 67"});
-    EXPECT_EQ(effectOf("wlan0", "deny from 203.0.113.9"),
-              "everything is closed already on wlan0, for 203.0.113.9, except what earlier rules "
-              "allow");
-    profile_.adapterPolicyMap = {{"wlan0", FW::FW_POLICY_ALLOW}};
+TEST_F(RuleEffectTest, ARuleTakesEffectBeforeTheFirstThatShadowsIt) {
+    add("wlan0", {"allow tcp 22", "deny any", "deny tcp 23", "allow tcp 8080"});
+    EXPECT_EQ(placeFor("wlan0"), "rule 2 of wlan0");
     profile_.rules.clear();
-    add("global", {"deny tcp 8080 from 192.168.1.0/24"});
-    EXPECT_EQ(effectOf("wlan0", "allow tcp 8080"),
-              "tcp 8080 is open already on wlan0, for everybody, except what rule 1 of global "
-              "denies");
-    // Everywhere: the machine's only adapter is closed.
-    profile_.adapterPolicyMap.clear();
-    for (const std::string& adapter : machineAdapters()) {
-        profile_.adapterPolicyMap[adapter] = FW::FW_POLICY_DENY;
-    }
-    profile_.rules.clear();
-    add("global", {"allow tcp 22 from 192.168.0.0/16"});
-    EXPECT_EQ(effectOf("global", "deny tcp 22"),
-              "tcp 22 is closed already on every adapter, for everybody" + kept);
+    add("wlan0", {"allow tcp 1-9", "deny tcp 1-99", "deny tcp 100-999", "allow tcp 50-200"});
+    EXPECT_EQ(placeFor("wlan0"), "rule 2 of wlan0") << "two of them together";
 }
 
-TEST_F(RuleEffectTest, ForwardedPacketsMeetTheLinesOfTwoAdapters) {
-    profile_.adapterPolicyMap = {{"eth0", FW::FW_POLICY_DENY}, {"wlan0", FW::FW_POLICY_ALLOW}};
-    // The default policy of eth0 is for what comes in through it.
-    EXPECT_EQ(effectOf("eth0", "deny, outgoing"),
-              "closes everything for packets forwarded out through eth0, for everybody");
-    EXPECT_EQ(
-        effectOf("wlan0", "allow tcp 80, outgoing"),
-        "opens tcp 80 for packets forwarded out through wlan0, for everybody, except what the "
-        "default policy of eth0 denies");
-    add("eth0", {"deny tcp 80"});
-    EXPECT_EQ(effectOf("wlan0", "allow tcp 80, outgoing"),
-              "opens tcp 80 for packets forwarded out through wlan0, for everybody, except what "
-              "earlier rules and default policies deny");
-    // What br0 lets out does not reach the lines of eth0.
-    add("br0", {"allow tcp 22, outgoing"});
-    EXPECT_EQ(effectOf("eth0", "deny tcp 22"),
-              "tcp 22 is closed already on eth0, for everybody, except what rule 1 of br0 allows");
-    // What comes in through wlan0 goes on to the lines of wlan1, unless wlan0 decides.
-    add("wlan1", {"deny tcp 22, outgoing"});
-    EXPECT_EQ(effectOf("wlan0", "allow tcp 22"), "tcp 22 is open already on wlan0, for everybody");
-    profile_.adapterPolicyMap["wlan0"] = FW::FW_POLICY_NONE;
-    EXPECT_EQ(effectOf("wlan0", "allow tcp 22"), "opens tcp 22 on wlan0, for everybody");
-    EXPECT_EQ(effectOf("wlan0", "allow tcp 23"), "tcp 23 is open already on wlan0, for everybody");
+TEST_F(RuleEffectTest, RulesOfGlobalComeBeforeThoseOfOtherAdapters) {
+    add("global", {"allow tcp 80", "deny any"});
+    add("wlan0", {"allow tcp 8080"});
+    EXPECT_EQ(placeFor("wlan0"), "rule 2 of global");
+    profile_.rules["wlan0"].clear();
+    profile_.rules["global"].pop_back();
+    add("wlan0", {"deny tcp", "allow tcp 1-99"});
+    EXPECT_EQ(placeFor("wlan0"), "rule 1 of wlan0") << "where some of its packets are left to it";
+}
+
+TEST_F(RuleEffectTest, NothingPrecedesReservedRules) {
+    add("wlan0", {"deny tcp 22", "deny any", "allow tcp 22"});
+    profile_.rules["wlan0"][0].portGroup = FW::FW_PORT_GROUP_RESERVED;
+    EXPECT_EQ(reservedAtHead(profile_.rules["wlan0"]), 1U);
+    const RulePlace own{"wlan0", 3};
+    EXPECT_FALSE(effectivePlace(profile_, own, {{"wlan0", 1}}));
+    EXPECT_EQ(effectivePlace(profile_, own, {{"wlan0", 1}, {"wlan0", 2}}), (RulePlace{"wlan0", 2}));
+    EXPECT_FALSE(effectivePlace(profile_, own, {{"wlan0", 0}})) << "a default policy";
+    EXPECT_FALSE(effectivePlace(profile_, own, {{"br0", 1}})) << "a rule of another adapter";
+}
+
+TEST_F(RuleEffectTest, RulesThatMatchNothingHaveNoLines) {
+    add("wlan0", {"allow tcp 22", "[off] deny"});
+    EXPECT_TRUE(hasLines(meaning(), {"wlan0", 1}));
+    EXPECT_FALSE(hasLines(meaning(), {"wlan0", 2}));
+    EXPECT_FALSE(hasLines(meaning(), {"wlan0", 0})) << "a default policy";
 }
 
 TEST_F(RuleEffectTest, SaysWhatTheDefaultPolicyLeavesOpen) {
-    const auto open = [&] { return openByPolicy(profile_, "wlan0", machine_); };
     EXPECT_EQ(open(), OpenByPolicy::kEverything) << "in no profile yet";
-    EXPECT_EQ(openByPolicy(profile_, "global", machine_), OpenByPolicy::kNothing);
+    EXPECT_EQ(openByPolicy(meaning(), "global"), OpenByPolicy::kNothing);
     add("wlan0", {"allow tcp 22", "[off] deny"});
-    profile_.adapterPolicyMap = {{"wlan0", FW::FW_POLICY_NONE}};
-    EXPECT_EQ(open(), OpenByPolicy::kEverything);
+    for (const FW::FW_POLICY policy : {FW::FW_POLICY_NONE, FW::FW_POLICY_ALLOW}) {
+        profile_.adapterPolicyMap["wlan0"] = policy;
+        EXPECT_EQ(open(), OpenByPolicy::kEverything);
+    }
     add("global", {"deny from 203.0.113.9"});
     EXPECT_EQ(open(), OpenByPolicy::kNotDenied);
     add("global", {"deny"});
     EXPECT_EQ(open(), OpenByPolicy::kNothing);
-    profile_.rules.erase("global");
-    EXPECT_EQ(open(), OpenByPolicy::kEverything);
-    profile_.adapterPolicyMap = {{"wlan0", FW::FW_POLICY_DENY}};
+    profile_.rules["global"] = {ruleOf("deny (IPv4)")};
+    EXPECT_EQ(open(), OpenByPolicy::kNotDenied) << "IPv6";
+    add("global", {"deny tcp (IPv6)", "deny any (IPv6)"});
+    EXPECT_EQ(open(), OpenByPolicy::kNothing) << "denied by two rules together";
+    profile_.rules["global"] = {ruleOf("deny, outgoing")};
+    profile_.rules["eth0"] = {ruleOf("deny")};
+    profile_.adapterPolicyMap["wlan0"] = FW::FW_POLICY_DENY;
     EXPECT_EQ(open(), OpenByPolicy::kNothing);
-}
-
-TEST_F(RuleEffectTest, ALaterRuleIsWhatItOpensAgainst) {
-    add("wlan0", {"allow tcp 22", "deny any"});
-    const RuleEffect effect = ruleEffect(profile_, {"wlan0", 1}, machine_);
-    EXPECT_FALSE(effect.changesNothing);
-    EXPECT_EQ(effectOf("wlan0", "allow tcp 23"), "shadowed by rule 2 of wlan0");
-}
-
-TEST_F(RuleEffectTest, OffersThePlaceBeforeTheRuleThatShadows) {
-    add("wlan0", {"allow tcp 22", "deny any", "deny tcp 23"});
-    EXPECT_EQ(placeFor("wlan0", "allow tcp 8080"), "rule 2 of wlan0");
-    EXPECT_EQ(placeFor("wlan0", "allow tcp 22 from 10.0.0.1"), "rule 1 of wlan0");
-    EXPECT_EQ(placeFor("wlan0", "allow icmp, outgoing"), "nowhere") << "not shadowed";
-    add("global", {"allow tcp 80", "deny any"});
-    EXPECT_EQ(placeFor("wlan0", "allow tcp 8080"), "rule 2 of global")
-        << "rules of global come before";
-    EXPECT_EQ(placeFor("global", "allow tcp 8080"), "rule 2 of global");
-}
-
-TEST_F(RuleEffectTest, OffersNoPlaceBeforeReservedRules) {
-    add("wlan0", {"deny service ssh", "deny any"});
-    profile_.rules["wlan0"][0].portGroup = FW::FW_PORT_GROUP_RESERVED;
-    EXPECT_EQ(placeFor("wlan0", "allow tcp 22"), "nowhere");
-    EXPECT_EQ(placeFor("wlan0", "allow tcp 23"), "rule 2 of wlan0");
 }
 
 }  // namespace

@@ -201,7 +201,7 @@ TEST_F(ShadowListTest, SeveralRulesShadowOneTogether) {
     const Json::Value upper = rule(R"({"portList": ["1024-65535"]})");
     EXPECT_THAT(shadowLinesOf(profile({lower, upper, rule(R"({"portList": ["1000-2000"]})")})),
                 ElementsAre("home.json: rule 3 of global: warning: never takes effect: shadowed by "
-                            "rule 1 of global and rule 2 of global together"));
+                            "rules 1 and 2 of global together"));
     Json::Value document = profile({lower});
     document["rules"]["wlan0"].append(upper);
     document["rules"]["wlan0"].append(rule(R"({"portList": ["1000-2000"]})"));

@@ -177,6 +177,21 @@ std::string changeText(const FW::FWPROFILE& before, const FW::FWPROFILE& after, 
     return "";
 }
 
+std::string whenText(Context& context, const std::string& profile, const ReloadOptions& options,
+                     const std::string& text) {
+    if (text.empty()) {
+        return text;
+    }
+    const StoreSnapshot& store = context.store();
+    if (profile != store.activeProfile()) {
+        return "Once profile " + inQuotes(profile) + " is in use: " + text;
+    }
+    if (!store.firewallEnabled()) {
+        return "Once the firewall is enabled: " + text;
+    }
+    return context.applies(options) ? capitalised(text) : "Once applied: " + text;
+}
+
 std::string errorsText(const FW::FWPROFILE& profile, Machine& machine) {
     try {
         requireValidProfile(profile, machine);
@@ -479,29 +494,51 @@ FW::FWPROFILE onlyRules(FW::FWPROFILE profile, const std::string& adapter,
 
 namespace {
 
-/// Says what the change of the active profile opens and closes, before it is applied.
-void sayWhatChanges(Context& context, const ReloadOptions& options) {
+/// What the change of the active profile opens and closes; empty while the firewall is disabled.
+std::string effectOnActive(Context& context, const ReloadOptions& options) {
     const StoreSnapshot& store = context.store();
     if (options.quiet || !store.firewallEnabled() || !context.activeBefore() ||
         !context.hasOtherRules()) {
-        return;
+        return "";
     }
-    const std::string text =
-        changeText(*context.activeBefore(), store.profile(""), context.machine());
-    if (!text.empty()) {
-        sayWrapped(context.applies(options) ? capitalised(text) : "Once applied: " + text);
+    return whenText(context, store.activeProfile(), options,
+                    changeText(*context.activeBefore(), store.profile(""), context.machine()));
+}
+
+void sayUnlessEmpty(const std::string& line) {
+    if (!line.empty()) {
+        sayWrapped(line);
     }
+}
+
+/// Says the effect of a change of the active profile that is about to be applied. Returns what says
+/// the rest: `say`, and the effect of any other change.
+std::function<void()> sayBeforeApplying(Context& context, const ReloadOptions& options, bool active,
+                                        const std::string& effect,
+                                        const std::function<void()>& say) {
+    if (active && context.applies(options) && context.store().firewallEnabled()) {
+        sayUnlessEmpty(effect);
+        return say;
+    }
+    return [say, effect] {
+        say();
+        sayUnlessEmpty(effect);
+    };
 }
 
 }  // namespace
 
 void finishChange(Context& context, const std::string& profile, const ReloadOptions& options,
-                  const std::function<void()>& say, const std::optional<FW::FWPROFILE>& changed) {
+                  const std::function<void()>& say, const std::optional<FW::FWPROFILE>& changed,
+                  const std::optional<std::string>& effect) {
     const bool active = profile == context.store().activeProfile();
     options.report->setProfile(profile);
-    if (active) {
-        sayWhatChanges(context, options);
-    }
+    const std::function<void()> sayAll =
+        sayBeforeApplying(context, options, active,
+                          effect   ? *effect
+                          : active ? effectOnActive(context, options)
+                                   : std::string(),
+                          say);
     const auto warnIfRefused = [&] {
         if (changed) {
             (void)(makesLines(*changed) && warnAboutRefusal(*changed));
@@ -510,14 +547,14 @@ void finishChange(Context& context, const std::string& profile, const ReloadOpti
         }
     };
     if (active && context.applies(options)) {
-        if (!reloadChanged(context, *options.report, say)) {
+        if (!reloadChanged(context, *options.report, sayAll)) {
             warnIfRefused();
         }
         return;
     }
     context.session().keepChange();
     options.report->setChanged(context.session().hasChanged());
-    say();
+    sayAll();
     warnIfRefused();
     if (active) {
         reportUnchangedKernel(context);
@@ -531,18 +568,17 @@ void finishChange(Context& context, const std::vector<std::string>& profiles,
                   const ReloadOptions& options, const std::function<void()>& say) {
     const bool active = std::find(profiles.begin(), profiles.end(),
                                   context.store().activeProfile()) != profiles.end();
-    if (active) {
-        sayWhatChanges(context, options);
-    }
+    const std::function<void()> sayAll = sayBeforeApplying(
+        context, options, active, active ? effectOnActive(context, options) : std::string(), say);
     if (!options.wanted && !(active && context.applies(options))) {
         context.session().keepChange();
         options.report->setChanged(context.session().hasChanged());
-        say();
+        sayAll();
         warnAboutRefusals(context, profiles);
         reportUnchangedKernel(context);
         return;
     }
-    const bool applied = reloadChanged(context, *options.report, say);
+    const bool applied = reloadChanged(context, *options.report, sayAll);
     std::vector<std::string> untried;
     for (const std::string& name : profiles) {
         if (!(applied && name == context.store().activeProfile())) {

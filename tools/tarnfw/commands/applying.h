@@ -127,6 +127,12 @@ void sayWrapped(const std::string& line);
 /// (rule 4 of eth0)". Empty where nothing else happens to any packet, or it cannot be found out.
 std::string changeText(const FW::FWPROFILE& before, const FW::FWPROFILE& after, Machine& machine);
 
+/// Such a text with when it is true of a change of a profile: "Opens ..." for one that is about to
+/// be applied, "Once applied: opens ...", "Once profile "home" is in use: opens ...". Empty for an
+/// empty one.
+std::string whenText(Context& context, const std::string& profile, const ReloadOptions& options,
+                     const std::string& text);
+
 // ---- The kernel ----
 
 /// Runs `change` detached, see runDetached(). Shows "`what` ..." on the terminal meanwhile, and
@@ -157,13 +163,15 @@ void forgetTrial(Context& context);
 /// After a profile was changed. If it is the active one and the firewall is enabled: applies it,
 /// see Context::applies(), or says that the kernel still has the old rules. Throws Error, with the
 /// store as it was before and the old rules in force, when it cannot be applied. `say` prints what
-/// was changed; before it, unless that is left out, what the change of the active profile opens and
-/// closes is said, if the firewall is enabled. A profile that is not applied is tried in a scratch
+/// was changed, once it is. What the change opens and closes is said as well: before it is applied,
+/// or after `say`. That is `effect`, if it is given; otherwise it is found out for a change of the
+/// active profile, if the firewall is enabled. A profile that is not applied is tried in a scratch
 /// kernel, with a warning when a reload would be refused; of a large one only what is new, if that
 /// is given as `changed`.
 void finishChange(Context& context, const std::string& profile, const ReloadOptions& options,
                   const std::function<void()>& say,
-                  const std::optional<FW::FWPROFILE>& changed = std::nullopt);
+                  const std::optional<FW::FWPROFILE>& changed = std::nullopt,
+                  const std::optional<std::string>& effect = std::nullopt);
 
 /// The same for a change of more than one profile; `profiles` are those that changed.
 void finishChange(Context& context, const std::vector<std::string>& profiles,

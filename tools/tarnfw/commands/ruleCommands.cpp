@@ -195,7 +195,9 @@ void set(const RuleCommand& command) {
     changeRules(context, command.target, [&](const FW::FWPROFILE& /*profile*/, Rules& rules) {
         requireOwn(rules, command.position, command.target);
         rules[command.position - 1] = rule;
-        return changedAt(rules, command.position, command.target);
+        Outcome outcome = changedAt(rules, command.position, command.target);
+        outcome.saysEffect = true;
+        return outcome;
     });
 }
 

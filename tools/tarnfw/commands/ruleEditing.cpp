@@ -15,6 +15,7 @@
 
 #include "cli/output.h"
 #include "commands/logDenied.h"
+#include "tarnfwadmin/meaningChange.h"
 #include "tarnfwadmin/profileCheck.h"
 #include "tarnfwadmin/ruleChange.h"
 #include "tarnfwadmin/ruleCompare.h"
@@ -26,6 +27,8 @@ namespace tarnfw {
 namespace {
 
 using Texts = std::vector<std::string>;
+
+constexpr std::size_t kMostNamed = 4;  // rules
 
 /// "eth0, which has 4 rules".
 std::string listText(const Rules& rules, const Target& target) {
@@ -363,16 +366,17 @@ Outcome changedAt(const Rules& rules, std::size_t position, const Target& target
 
 namespace {
 
-/// Where a rule would take effect that never does at its place.
-std::string offerFor(FW::FWPROFILE profile, const RulePlace& place, const Target& target,
-                     Machine& machine) {
-    Rules& rules = profile.rules[place.adapter];
-    const FW::FWRULE rule = rules[place.position - 1];
-    eraseAt(rules, place.position);
-    const std::optional<RulePlace> better =
-        effectivePlace(std::move(profile), rule, place.adapter, machine);
+/// Where a rule would take effect that never does at its place, because of `shadowedBy`.
+std::string offerFor(const FW::FWPROFILE& profile, const RulePlace& place,
+                     const std::vector<RulePlace>& shadowedBy, const Target& target) {
+    const std::optional<RulePlace> better = effectivePlace(profile, place, shadowedBy);
     if (!better) {
-        return "; reserved service rules stay before it";
+        const bool reserved =
+            std::any_of(shadowedBy.begin(), shadowedBy.end(), [&](const RulePlace& by) {
+                const auto list = profile.rules.find(by.adapter);
+                return list != profile.rules.end() && by.position <= reservedAtHead(list->second);
+            });
+        return reserved ? "; reserved service rules stay before it" : "";
     }
     const std::string position = std::to_string(better->position);
     if (better->adapter == place.adapter) {
@@ -383,81 +387,81 @@ std::string offerFor(FW::FWPROFILE profile, const RulePlace& place, const Target
     global.adapter = better->adapter;
     return "; rules of global come before those of " + place.adapter +
            ", so only there it does, for every adapter: tarnfw rule insert " + position + " " +
-           shellWord(ruleText(rule)) + optionsText(global);
+           shellWord(ruleText(profile.rules.at(place.adapter)[place.position - 1])) +
+           optionsText(global);
 }
 
-/// "Once applied: opens tcp 8080 on every adapter, for everybody". Empty for a rule without effect.
-std::string effectLine(Context& context, const FW::FWPROFILE& stored, const RulePlace& place,
-                       const Target& target) {
-    const RuleEffect effect = ruleEffect(stored, place, context.machine());
-    if (!effect.hasLines || effect.shadowedBy) {
-        return "";
-    }
-    const FW::FWRULE& rule = stored.rules.at(place.adapter)[place.position - 1];
-    std::string text = effectText(rule, place.adapter, effect);
-    const StoreSnapshot& store = context.store();
-    const bool active = stored.name == store.activeProfile();
-    const bool applied = context.applies(target.reload);
-    if (effect.changesNothing) {
-        // Without the firewall everything is open.
-        const bool holdsNow =
-            active && (store.firewallEnabled() ? applied : rule.policy != FW::FW_POLICY_DENY);
-        if (!holdsNow) {
-            return "In profile " + inQuotes(stored.name) + ", " + text;
-        }
-        if (rule.portGroup == FW::FW_PORT_GROUP_PORTS) {
-            return text;  // it begins with the name of a protocol
-        }
-    } else if (!active) {
-        return "Once profile " + inQuotes(stored.name) + " is in use: " + text;
-    } else if (!store.firewallEnabled()) {
-        return "Once the firewall is enabled: " + text;
-    } else if (!applied) {
-        return "Once applied: " + text;
-    }
-    return capitalised(text);
-}
-
-/// "rule 3 of global allows this already"; empty where the earlier rule does otherwise, or does not
-/// log what the later one would.
-std::string sameAsText(const FW::FWPROFILE& profile, const RulePlace& earlier,
+/// "rule 3 of global allows this already"; empty where one of the earlier rules does otherwise, or
+/// does not log what the later one would.
+std::string sameAsText(const FW::FWPROFILE& profile, const std::vector<RulePlace>& earlier,
                        const RulePlace& later, bool namesLater) {
-    const auto ruleAt = [&](const RulePlace& place) -> const FW::FWRULE& {
-        return profile.rules.at(place.adapter).at(place.position - 1);
-    };
-    const FW::FWRULE& first = ruleAt(earlier);
-    const FW::FWRULE& second = ruleAt(later);
-    if (first.policy != second.policy || (second.blLog && !first.blLog)) {
-        return "";
+    const FW::FWRULE& rule = profile.rules.at(later.adapter).at(later.position - 1);
+    std::vector<FW::FWPLACE> places;
+    for (const RulePlace& place : earlier) {
+        if (place.position == 0) {
+            return "";
+        }
+        const FW::FWRULE& first = profile.rules.at(place.adapter).at(place.position - 1);
+        if (first.policy != rule.policy || (rule.blLog && !first.blLog)) {
+            return "";
+        }
+        places.push_back({FW::FW_ORIGIN_RULE, place.adapter, static_cast<int>(place.position)});
     }
-    const char* const does = first.policy == FW::FW_POLICY_DENY ? " denies" : " allows";
-    return placeText(earlier) + does +
-           (namesLater ? " already what " + placeText(later) + does : std::string(" this already"));
+    const std::string one = rule.policy == FW::FW_POLICY_DENY ? " denies" : " allows";
+    const std::string some = rule.policy == FW::FW_POLICY_DENY ? " deny" : " allow";
+    return placesText(places, kMostNamed) + (places.size() == 1 ? one : some) +
+           (namesLater ? " already what " + placeText(later) + one : std::string(" this already"));
+}
+
+/// The meaning of a profile before and after a change of its rules.
+struct MeantChange {
+    Meaning before;
+    Meaning after;
+};
+
+MeantChange meantChange(const FW::FWPROFILE& before, const FW::FWPROFILE& after, Machine& machine) {
+    const FW::FWENVIRONMENT environment = environmentOf({before, after}, machine);
+    return {Meaning(before, environment), Meaning(after, environment)};
+}
+
+/// "Already open in profile "home": tcp 22 on eth0, for everybody". Empty for a rule that decides
+/// about no packet.
+std::string alreadyText(Context& context, const Meaning& meaning, const RulePlace& place,
+                        const Target& target) {
+    const std::string text = decidedText(meaning, place);
+    const FW::FWPROFILE& profile = meaning.profile();
+    const bool denies =
+        profile.rules.at(place.adapter)[place.position - 1].policy == FW::FW_POLICY_DENY;
+    const StoreSnapshot& store = context.store();
+    // Without the firewall everything is open.
+    const bool holdsNow = profile.name == store.activeProfile() &&
+                          (store.firewallEnabled() ? context.applies(target.reload) : !denies);
+    return text.empty()
+               ? text
+               : std::string(denies ? "Already closed" : "Already open") +
+                     (holdsNow ? "" : " in profile " + inQuotes(profile.name)) + ": " + text;
 }
 
 /// "wg0 has the default policy "allow": ..." for a new rule that allows some of what that leaves
 /// open; else empty.
-std::string openAdapterText(const FW::FWPROFILE& stored, const RulePlace& place,
-                            const Target& target, Machine& machine) {
-    FW::FWPROFILE others = stored;
-    eraseAt(others.rules[place.adapter], place.position);
-    const FW::FWRULE& rule = stored.rules.at(place.adapter)[place.position - 1];
-    const RuleEffect effect = ruleEffect(stored, place, machine);
+std::string openAdapterText(const Meaning& meaning, const RulePlace& place, const Target& target) {
+    const FW::FWPROFILE& profile = meaning.profile();
+    const FW::FWRULE& rule = profile.rules.at(place.adapter)[place.position - 1];
     const bool allowsAll = rule.portGroup == FW::FW_PORT_GROUP_ANY &&
                            rule.ipGroup == FW::FW_IP_GROUP_ANY &&
                            rule.ipType == FW::FW_IP_TYPE_BOTH;
-    if (rule.policy != FW::FW_POLICY_ALLOW || !effect.hasLines || allowsAll) {
+    if (rule.policy != FW::FW_POLICY_ALLOW || allowsAll || !hasLines(meaning, place)) {
         return "";
     }
-    const OpenByPolicy open = openByPolicy(std::move(others), place.adapter, machine);
+    const OpenByPolicy open = openByPolicy(meaning, place.adapter);
     if (open == OpenByPolicy::kNothing) {
         return "";
     }
-    const auto policy = stored.adapterPolicyMap.find(place.adapter);
+    const auto policy = profile.adapterPolicyMap.find(place.adapter);
     const std::string adapter = printable(place.adapter);
     return adapter + " has the default policy " +
-           inQuotes(policyText(policy == stored.adapterPolicyMap.end() ? FW::FW_POLICY_ALLOW
-                                                                       : policy->second)) +
+           inQuotes(policyText(policy == profile.adapterPolicyMap.end() ? FW::FW_POLICY_ALLOW
+                                                                        : policy->second)) +
            (open == OpenByPolicy::kEverything ? ": everything else is open on it, too"
                                               : ": what no rule denies is open on it, too") +
            "; \"tarnfw policy " +
@@ -485,17 +489,17 @@ void addNotes(Notes& notes, const FW::FWPROFILE& profile, const Target& target,
         if (notes.ownOnly && finding.rule && !own) {
             continue;
         }
-        const bool shadowed = finding.shadowedBy.size() == 1 && own;
-        const std::string same = shadowed ? sameAsText(profile, finding.shadowedBy.front(),
-                                                       *finding.rule, places.size() > 1)
-                                          : "";
+        const bool shadowed = !finding.shadowedBy.empty() && own;
+        const std::string same =
+            shadowed ? sameAsText(profile, finding.shadowedBy, *finding.rule, places.size() > 1)
+                     : "";
         if (!same.empty()) {
             notes.said.push_back(capitalised(same));
             continue;
         }
         notes.warnings.push_back(
             (finding.rule ? textOf(finding) : finding.text) +
-            (shadowed ? offerFor(profile, *finding.rule, target, machine) : ""));
+            (shadowed ? offerFor(profile, *finding.rule, finding.shadowedBy, target) : ""));
     }
 }
 
@@ -511,45 +515,77 @@ void printWarnings(const std::vector<std::string>& warnings, const Report& repor
     }
 }
 
+namespace {
+
+/// What the change opens and closes by rules at these positions, which are new; empty when that is
+/// nothing. Adds to `notes` what they match that is open or closed already, and what is open
+/// besides.
+std::string effectOf(Context& context, const FW::FWPROFILE& before, const FW::FWPROFILE& stored,
+                     const std::vector<std::size_t>& positions, const Target& target,
+                     Notes& notes) {
+    if (target.reload.quiet) {
+        return "";
+    }
+    std::vector<RulePlace> places;
+    places.reserve(positions.size());
+    for (const std::size_t position : positions) {
+        places.push_back({target.adapter, position});
+    }
+    try {
+        const MeantChange change = meantChange(before, stored, context.machine());
+        const MeaningDifference difference(change.before, change.after, places);
+        for (const RulePlace& place : places) {
+            const std::string already =
+                difference.same() ? alreadyText(context, change.after, place, target) : "";
+            if (!already.empty()) {
+                notes.said.push_back(already);
+            }
+            const std::string open = openAdapterText(change.after, place, target);
+            if (!open.empty()) {
+                notes.warnings.push_back(open);
+            }
+        }
+        return difference.same() ? ""
+                                 : whenText(context, stored.name, target.reload, difference.text());
+    } catch (const Error&) {
+        return "";  // the change does not depend on what is said about it
+    }
+}
+
+}  // namespace
+
 void changeRules(Context& context, const Target& target,
                  const std::function<Outcome(FW::FWPROFILE&, Rules&)>& change) {
     requireReloadable(context, target.reload, target.profile);
     Outcome outcome;
     Notes notes;
+    FW::FWPROFILE before;
     const FW::FWPROFILE stored = changeProfile(
         context.session(), target.profile, target.adapter,
-        [&](FW::FWPROFILE& profile) { outcome = change(profile, profile.rules[target.adapter]); },
+        [&](FW::FWPROFILE& profile) {
+            before = profile;
+            outcome = change(profile, profile.rules[target.adapter]);
+        },
         [&](const FW::FWPROFILE& profile) {
             addNotes(notes, profile, target, outcome.changed, context.machine());
             requireAppliable(context, profile, target.reload);
         });
     context.session().unlock();
     (*target.reload.report)["rules"] = outcome.rules;
-    for (const std::size_t position : outcome.saysEffect && !target.reload.quiet
-                                          ? outcome.changed
-                                          : std::vector<std::size_t>()) {
-        const std::string effect = effectLine(context, stored, {target.adapter, position}, target);
-        if (!effect.empty()) {
-            outcome.said.push_back(effect);
-        }
-        const std::string open =
-            openAdapterText(stored, {target.adapter, position}, target, context.machine());
-        if (!open.empty()) {
-            notes.warnings.push_back(open);
-        }
+    std::optional<std::string> effect;
+    if (outcome.saysEffect) {
+        effect = effectOf(context, before, stored, outcome.changed, target, notes);
     }
     outcome.said.insert(outcome.said.end(), notes.said.begin(), notes.said.end());
-    ReloadOptions reload = target.reload;
-    reload.quiet = reload.quiet || outcome.saysEffect;  // it is said already
     finishChange(
-        context, stored.name, reload,
+        context, stored.name, target.reload,
         [&] {
             for (const std::string& line : outcome.said) {
                 std::cout << printable(line) << '\n';
             }
             printWarnings(notes.warnings, *target.reload.report);
         },
-        onlyRules(stored, target.adapter, outcome.changed));
+        onlyRules(stored, target.adapter, outcome.changed), effect);
 }
 
 }  // namespace tarnfw
