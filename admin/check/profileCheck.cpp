@@ -77,14 +77,19 @@ std::size_t errorsInRules(const FW::FWPROFILE& profile, Machine& machine) {
     return errors;
 }
 
+/// The findings about the shape are given.
+std::vector<Finding> checkedBeyondShape(const Json::Value& document, std::vector<Finding> findings,
+                                        Machine& machine, NeedlessRules needless) {
+    append(findings, checkMeaning(document, machine));
+    append(findings, checkShadows(document, findings, needless, machine));
+    return findings;
+}
+
 }  // namespace
 
 std::vector<Finding> checkProfile(const Json::Value& document, Machine& machine,
                                   NeedlessRules needless) {
-    std::vector<Finding> findings = checkSchema(document, kProfileSchema);
-    append(findings, checkMeaning(document, machine));
-    append(findings, checkShadows(document, findings, needless, machine));
-    return findings;
+    return checkedBeyondShape(document, checkSchema(document, kProfileSchema), machine, needless);
 }
 
 std::size_t errorsOf(const FW::FWPROFILE& profile, Machine& machine) {
@@ -101,7 +106,14 @@ std::size_t errorsOf(const FW::FWPROFILE& profile, Machine& machine) {
 
 std::vector<Finding> ruleFindings(const FW::FWPROFILE& profile,
                                   const std::vector<RulePlace>& places, Machine& machine) {
-    std::vector<Finding> found = checkProfile(documentOf(profile), machine);
+    const Json::Value document = documentOf(profile);
+    const Json::Value examples = documentOf(withOneRuleOfEachKind(profile));
+    std::vector<Finding> shape;
+    if (!checkSchema(examples, kProfileSchema).empty()) {  // else that of all is right
+        shape = checkSchema(document, kProfileSchema);
+    }
+    std::vector<Finding> found =
+        checkedBeyondShape(document, std::move(shape), machine, NeedlessRules::kLeftOut);
     const auto concerns = [](const Finding& finding, const RulePlace& place) {
         const std::vector<RulePlace>& shadows = finding.shadowedBy;
         return finding.rule == place ||
