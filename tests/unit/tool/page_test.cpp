@@ -71,6 +71,19 @@ TEST(PageTest, TextsOfTheProfileAreNoMarkup) {
     EXPECT_EQ(countOf(page, "id=\"rules\""), 1U);
 }
 
+TEST(PageTest, ALineOfEveryProfileMayShadowARule) {
+    FW::FWPROFILE profile;
+    profile.rules["lo"] = {ruleFrom({"deny tcp 22"}, {}, {})};
+    FW::FWENVIRONMENT environment;
+    environment.adapters = FW::fwAdaptersNow({"lo"}, "");
+    Json::Value facts = reportFacts(Meaning(profile, environment));
+    EXPECT_EQ(facts["rules"][0]["because"][0]["by"], "loopback");
+    facts["machine"] = facts["time"] = "";
+    facts["active"] = facts["enabled"] = Json::Value();
+    EXPECT_THAT(reportPage(facts),
+                HasSubstr("never takes effect: shadowed by a line of every profile<"));
+}
+
 TEST(PageTest, WhatATerminalWouldObeyIsReplaced) {
     const std::string page = pageWith("a\x1b[2J\x01\xffz");
     EXPECT_EQ(page.find('\x1b'), std::string::npos);

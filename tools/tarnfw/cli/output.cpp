@@ -307,6 +307,14 @@ std::string timeForPrograms(std::time_t time) {
     return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
 
+Json::Value textsJson(const std::vector<std::string>& texts) {
+    Json::Value all(Json::arrayValue);
+    for (const std::string& text : texts) {
+        all.append(text);
+    }
+    return all;
+}
+
 Json::Value textOrNull(const std::string& text) {
     return text.empty() ? Json::Value() : Json::Value(text);
 }

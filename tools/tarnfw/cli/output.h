@@ -82,6 +82,9 @@ std::string timeForPrograms(std::time_t time);
 /// A text of a document; null when it is empty.
 Json::Value textOrNull(const std::string& text);
 
+/// An array of texts.
+Json::Value textsJson(const std::vector<std::string>& texts);
+
 /// Progress of long work, on standard error if it is a terminal; cleared at the end.
 class Progress {
 public:

@@ -38,14 +38,6 @@ std::vector<std::string> linesOf(const std::string& text) {
     return lines;
 }
 
-Json::Value listOf(const std::vector<std::string>& texts) {
-    Json::Value list(Json::arrayValue);
-    for (const std::string& text : texts) {
-        list.append(text);
-    }
-    return list;
-}
-
 const char* nameOf(ErrorKind kind) {
     switch (kind) {
         case ErrorKind::kNotFound:
@@ -92,7 +84,7 @@ Json::Value errorDocument(const char* kind, const std::string& message, const Js
     document["error"]["message"] = message;
     document["error"]["place"] = place;
     document["error"]["remedy"] = textOrNull(remedy);
-    document["warnings"] = listOf(warnings);
+    document["warnings"] = textsJson(warnings);
     return document;
 }
 
@@ -140,8 +132,8 @@ Json::Value Report::document(const std::vector<std::string>& messages,
     document["changed"] = changed_;
     document["applied"] = applied_;
     document["profile"] = profile_;
-    document["messages"] = listOf(messages);
-    document["warnings"] = listOf(warnings);
+    document["messages"] = textsJson(messages);
+    document["warnings"] = textsJson(warnings);
     return document;
 }
 

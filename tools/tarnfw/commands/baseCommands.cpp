@@ -212,14 +212,6 @@ void setUpStore(bool ipv6Works, const LockTime& time, Report& report) {
 
 // ---- Commands ----
 
-Json::Value chainsJson(const BaseParts& parts) {
-    Json::Value chains(Json::arrayValue);
-    for (const std::string& chain : parts.chains) {
-        chains.append(chain);
-    }
-    return chains;
-}
-
 Json::Value jumpsJson(const BaseParts& parts) {
     Json::Value jumps(Json::arrayValue);
     for (const auto& [chain, target] : parts.jumps) {
@@ -235,7 +227,7 @@ Json::Value jumpsJson(const BaseParts& parts) {
 void reportParts(const BaseFilter& filter, const BaseParts& parts, Report& report) {
     Json::Value& family = report[filter.key().c_str()];
     family["absent"] = false;
-    family["chains"] = chainsJson(parts);
+    family["chains"] = textsJson(parts.chains);
     family["jumps"] = jumpsJson(parts);
     if (!parts.empty()) {
         report.setChanged();
@@ -358,7 +350,7 @@ Json::Value statusJson(const BaseFilter& filter) {
     }
     const BaseParts parts = filter.missing();
     Json::Value missing(Json::objectValue);
-    missing["chains"] = chainsJson(parts);
+    missing["chains"] = textsJson(parts.chains);
     missing["jumps"] = jumpsJson(parts);
     state["setUp"] = parts.empty();
     state["inOrder"] = filter.inOrder();

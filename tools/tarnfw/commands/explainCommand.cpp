@@ -10,6 +10,7 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "cli/packetJson.h"
 #include "commands/commands.h"
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/packetAnswers.h"
@@ -62,31 +63,10 @@ void printExplanation(const ExplainQuery& query, const Asked& asked,
     }
 }
 
-namespace {
-
-const char* deciderWord(FW::FW_ORIGIN origin) {
-    switch (origin) {
-        case FW::FW_ORIGIN_RULE:
-            return "rule";
-        case FW::FW_ORIGIN_DEFAULT:
-            return "defaultPolicy";
-        case FW::FW_ORIGIN_LOOPBACK:
-            return "loopback";
-        case FW::FW_ORIGIN_NEIGHBOURS:
-            return "neighbours";
-        case FW::FW_ORIGIN_ESTABLISHED:
-            return "established";
-        default:
-            return "nothing";
-    }
-}
-
-}  // namespace
-
 Json::Value deciderDocument(const Meaning& meaning, std::size_t number) {
     Json::Value document;
     const FW::FWPLACE place = placeOf(meaning, number);
-    document["by"] = deciderWord(place.origin);
+    document["by"] = originWord(place.origin);
     if (rulePlaceOf(place)) {
         document["adapter"] = place.adapter;
     }

@@ -15,9 +15,9 @@
 #include "tarnfirewall/fwTypes.h"
 
 #include "cli/output.h"
+#include "cli/packetJson.h"
 #include "commands/explain.h"
 #include "commands/kernelReport.h"
-#include "commands/packetJson.h"
 #include "commands/portQuery.h"
 #include "tarnfwadmin/deciders.h"
 #include "tarnfwadmin/meaning.h"

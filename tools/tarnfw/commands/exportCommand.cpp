@@ -70,10 +70,7 @@ void exportAll(Options& options) {
                         options.force ? Existing::kReplacedAlike : Existing::kKept);
     options.report.setProfile(context.store().activeProfile());
     options.report["file"] = options.path;
-    Json::Value& names = options.report["profiles"] = Json::Value(Json::arrayValue);
-    for (const std::string& name : context.store().profileNames()) {
-        names.append(name);
-    }
+    options.report["profiles"] = textsJson(context.store().profileNames());
     std::cout << counted(document[kConfigProfiles].size(), "profile")
               << " and the settings written to " << printable(options.path) << '\n';
 }

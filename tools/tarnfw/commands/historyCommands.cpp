@@ -285,10 +285,7 @@ void undo(const UndoOptions& options) {
     Report& report = *options.reload.report;
     report["undone"] = static_cast<Json::UInt64>(options.number);
     report["differences"] = jsonOf(differences);
-    Json::Value& names = report["profiles"] = Json::Value(Json::arrayValue);
-    for (const std::string& name : profiles) {
-        names.append(name);
-    }
+    report["profiles"] = textsJson(profiles);
     finishChange(context, profiles, options.reload, [&] {
         std::cout << undoneText(entry) << '\n';
         if (!note.empty()) {

@@ -151,23 +151,15 @@ void printAdapters(const FW::FWPROFILE& profile, const std::vector<Adapter>& ada
     table.print();
 }
 
-Json::Value toArray(const std::vector<std::string>& texts) {
-    Json::Value array(Json::arrayValue);
-    for (const std::string& text : texts) {
-        array.append(text);
-    }
-    return array;
-}
-
 Json::Value adapterDocument(const Adapter& adapter) {
     Json::Value document;
     document["name"] = adapter.name;
     document["predefined"] = isPredefined(adapter.name);
     document["present"] = adapter.present;
     document["up"] = adapter.interface && adapter.interface->up;
-    document["addresses"] =
-        toArray(adapter.interface ? addressTexts(*adapter.interface) : std::vector<std::string>());
-    document["standsFor"] = toArray(adapter.meant);
+    document["addresses"] = textsJson(adapter.interface ? addressTexts(*adapter.interface)
+                                                        : std::vector<std::string>());
+    document["standsFor"] = textsJson(adapter.meant);
     document["policy"] = policyText(adapter.policy.value_or(FW::FW_POLICY_NONE));
     document["rules"] = static_cast<Json::UInt64>(adapter.rules);
     document["rulesOff"] = static_cast<Json::UInt64>(adapter.rulesOff);

@@ -86,10 +86,7 @@ void status(const ModulesOptions& options) {
         Json::Value document;
         document["service"] = options.service;
         document["loaded"] = loaded;
-        document["modules"] = Json::Value(Json::arrayValue);
-        for (const std::string& name : names) {
-            document["modules"].append(name);
-        }
+        document["modules"] = textsJson(names);
         printJson(document);
         return;
     }

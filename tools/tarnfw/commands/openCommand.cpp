@@ -25,10 +25,10 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "cli/packetJson.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
 #include "commands/kernelReport.h"
-#include "commands/packetJson.h"
 #include "commands/portQuery.h"
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/interfaces.h"
@@ -412,10 +412,7 @@ public:
         document_["profile"] = context.store().activeProfile();
         document_["ports"] = Json::Value(Json::arrayValue);
         document_["unused"] = Json::Value(Json::arrayValue);
-        document_["complaints"] = Json::Value(Json::arrayValue);
-        for (const std::string& text : complaints_) {
-            document_["complaints"].append(text);
-        }
+        document_["complaints"] = textsJson(complaints_);
         adapters_ = interfacesAsked(query.adapter);
         if (!query.adapter.empty()) {
             document_["adapter"] = query.adapter;

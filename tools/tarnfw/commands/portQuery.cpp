@@ -216,10 +216,7 @@ void KernelAnswer::printLast() const {
 void KernelAnswer::addTo(Json::Value& document) const {
     document["holds"] = report_.hidden ? Json::Value() : Json::Value(holds());
     document["allowed"] = document["allowed"].asBool() && !dropped_;
-    document["complaints"] = Json::Value(Json::arrayValue);
-    for (const std::string& text : complaints_) {
-        document["complaints"].append(text);
-    }
+    document["complaints"] = textsJson(complaints_);
     document["redirects"] = redirectsJson(all_);
 }
 

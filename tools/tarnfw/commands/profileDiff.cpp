@@ -13,8 +13,8 @@
 
 #include "cli/command.h"
 #include "cli/output.h"
+#include "cli/packetJson.h"
 #include "commands/applying.h"
-#include "commands/packetJson.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/meaningChange.h"
 #include "tarnfwadmin/packetWords.h"
@@ -112,10 +112,7 @@ public:
         document["after"] = sides_[1].name;
         document["same"] = same();
         document["tooComplex"] = difference_.tooComplex();
-        document["texts"] = Json::Value(Json::arrayValue);
-        for (const std::string& text : difference_.texts()) {
-            document["texts"].append(text);
-        }
+        document["texts"] = textsJson(difference_.texts());
         document["changes"] = Json::Value(Json::arrayValue);
         for (const FW::FWCHANGE& change : difference_.exact().changes) {
             const FW::FWRESOLVEDRULE old = before_.answers().rule(change.before);

@@ -75,10 +75,7 @@ void changeAll(Context& context, const std::string& done, const ReloadOptions& r
         }
     });
     const std::vector<std::string> changed = changedSince(context.store(), before);
-    Json::Value& names = (*reload.report)["profiles"] = Json::Value(Json::arrayValue);
-    for (const std::string& name : changed) {
-        names.append(name);
-    }
+    (*reload.report)["profiles"] = textsJson(changed);
     finishChange(context, changed, reload, [&] {
         std::cout << printable(done) << " ("
                   << (changed.empty() ? "no profile changed" : "changed: " + listed(changed))

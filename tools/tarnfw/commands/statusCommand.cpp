@@ -352,10 +352,7 @@ Json::Value documentOf(const Status& status) {
     Json::Value document;
     document["enabled"] = status.enabled;
     document["asStored"] = status.complaints.empty();  // what only root knows is null, see below
-    document["complaints"] = Json::Value(Json::arrayValue);
-    for (const std::string& text : status.complaints) {
-        document["complaints"].append(text);
-    }
+    document["complaints"] = textsJson(status.complaints);
     document["nothingInForce"] = isNothingInForce(status.kernel);
     document["interruptedReload"] = isClosed(status.kernel) && !status.kernel.reloading;
     document["bootFailure"] = status.boot ? Json::Value(textOf(*status.boot)) : Json::Value();

@@ -7,11 +7,13 @@
 
 #include "tarnfirewall/fwTypes.h"
 
+#include "cli/output.h"
+#include "cli/packetJson.h"
 #include "report/matrix.h"
-#include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/meaningChange.h"
 #include "tarnfwadmin/place.h"
 #include "tarnfwadmin/ruleText.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
@@ -23,48 +25,15 @@ Json::Value list() {
     return Json::Value(Json::arrayValue);
 }
 
-Json::Value listOf(const std::vector<std::string>& texts) {
-    Json::Value all = list();
-    for (const std::string& text : texts) {
-        all.append(text);
-    }
-    return all;
-}
-
-Json::Value placeFacts(const FW::FWPLACE& place) {
-    const auto rule = rulePlaceOf(place);
-    Json::Value document;
-    document["by"] = !rule ? "none" : rule->position > 0 ? "rule" : "defaultPolicy";
-    document["adapter"] = rule ? Json::Value(rule->adapter) : Json::Value();
-    document["position"] = rule && rule->position > 0
-                               ? Json::Value(static_cast<Json::UInt64>(rule->position))
-                               : Json::Value();
-    return document;
-}
-
 Json::Value placesFacts(const std::vector<FW::FWPLACE>& places) {
     Json::Value all = list();
     for (const FW::FWPLACE& place : places) {
-        all.append(placeFacts(place));
+        all.append(placeJson(place));
     }
     return all;
 }
 
 // ---- Tables -------------------------------------------------------------------------------------
-
-/// Null for any value.
-Json::Value numbersFacts(const FW::FWINTERVALS& intervals) {
-    if (intervals.empty()) {
-        return {};
-    }
-    Json::Value all = list();
-    for (const FW::FWINTERVAL& one : intervals) {
-        all.append(one.first == one.last
-                       ? std::to_string(one.first)
-                       : std::to_string(one.first) + "-" + std::to_string(one.last));
-    }
-    return all;
-}
 
 /// ICMP has the number that it has in the family.
 Json::Value kindFacts(PacketKind kind, FW::FW_FAMILY family) {
@@ -74,10 +43,10 @@ Json::Value kindFacts(PacketKind kind, FW::FW_FAMILY family) {
         }
     }
     Json::Value document;
-    document["protocols"] = numbersFacts(kind.protocols);
-    document["sourcePorts"] = numbersFacts(kind.sourcePorts);
-    document["destinationPorts"] = numbersFacts(kind.destinationPorts);
-    document["icmpTypes"] = numbersFacts(kind.icmpTypes);
+    document["protocols"] = numbersJson(kind.protocols);
+    document["sourcePorts"] = numbersJson(kind.sourcePorts);
+    document["destinationPorts"] = numbersJson(kind.destinationPorts);
+    document["icmpTypes"] = numbersJson(kind.icmpTypes);
     return document;
 }
 
@@ -94,39 +63,19 @@ const char* nameOf(CellVerdict verdict) {
     }
 }
 
-Json::Value addressesFacts(const FW::FWADDRESSES& addresses, FW::FW_FAMILY family) {
-    if (addresses.size() > kMostAddresses) {
-        return {};
-    }
-    Json::Value all = list();
-    for (const FW::FWADDRESSINTERVAL& one : addresses) {
-        const std::string first = FW::fwAddressText(one.first, family);
-        const std::string last = FW::fwAddressText(one.last, family);
-        const auto range = rangeFrom(first, last);
-        all.append(range ? spelled(*range) : std::string(first).append("-").append(last));
-    }
-    return all;
-}
-
 /// "eth0", "pppoe and vpn", "every other interface".
 std::string titleOf(const Matrix& matrix) {
-    std::string text;
     if (matrix.isOther) {
         return "every other interface";
     }
     // A tunnel has rules of an adapter and no name there.
-    const std::vector<std::string>& names =
-        matrix.adapters.empty() ? matrix.interfaces : matrix.adapters;
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        text += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + names[i];
-    }
-    return text;
+    return enumerated(matrix.adapters.empty() ? matrix.interfaces : matrix.adapters);
 }
 
 Json::Value tableFacts(const Matrix& matrix) {
     Json::Value document;
     document["title"] = titleOf(matrix);
-    document["adapters"] = listOf(matrix.adapters);
+    document["adapters"] = textsJson(matrix.adapters);
     document["family"] = matrix.family == FW::FW_FAMILY_V6 ? "v6" : "v4";
     document["chains"] = list();
     for (const FW::FW_CHAIN chain : {FW::FW_CHAIN_INPUT, FW::FW_CHAIN_FORWARD}) {
@@ -141,7 +90,9 @@ Json::Value tableFacts(const Matrix& matrix) {
     for (const MatrixSenders& senders : matrix.senders) {
         Json::Value column;
         column["text"] = senders.text;
-        column["addresses"] = addressesFacts(senders.addresses, matrix.family);
+        column["addresses"] = senders.addresses.size() > kMostAddresses
+                                  ? Json::Value()
+                                  : addressesJson(senders.addresses, matrix.family);
         document["senders"].append(std::move(column));
     }
     document["rows"] = list();
@@ -214,7 +165,7 @@ Json::Value rulesFacts(const Meaning& meaning, const FW::FWSHADOWS& shadows) {
                               : shadow->second->neverDecides ? "never"
                                                              : "needless";
             entry["because"] = has ? placesFacts(shadow->second->by) : list();
-            entry["findings"] = listOf(findings[place]);
+            entry["findings"] = textsJson(findings[place]);
             all.append(std::move(entry));
         }
     }
@@ -264,7 +215,7 @@ Json::Value changeFacts(const std::string& name, const Meaning& before, const Me
     document["since"] = name;
     document["same"] = difference.same();
     document["tooComplex"] = difference.tooComplex();
-    document["texts"] = listOf(difference.texts());
+    document["texts"] = textsJson(difference.texts());
     return document;
 }
 

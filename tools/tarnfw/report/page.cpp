@@ -6,7 +6,9 @@
 #include <map>
 #include <string_view>
 #include <utility>
+#include <vector>
 
+#include "cli/packetJson.h"
 #include "report/pageParts.h"
 #include "tarnfwadmin/text.h"
 
@@ -120,8 +122,8 @@ public:
 
     /// "rule 3 of eth0".
     std::string link(const Json::Value& place) const {
-        if (place["by"] == "none") {
-            return "no rule";
+        if (place["adapter"].isNull()) {
+            return place["by"] == kByNothing ? "no rule" : "a line of every profile";
         }
         const std::string adapter = place["adapter"].asString();
         const std::uint64_t position = positionOf(place);
@@ -158,11 +160,11 @@ std::string effectText(const Json::Value& rule, const RuleLinks& links) {
         return "switched off";
     }
     const Json::Value& because = rule["because"];
-    std::string names;
-    for (Json::ArrayIndex i = 0; i < because.size(); ++i) {
-        names += i == 0 ? "" : i + 1 == because.size() ? " and " : ", ";
-        names += links.link(because[i]);
+    std::vector<std::string> linked;
+    for (const Json::Value& place : because) {
+        linked.push_back(links.link(place));
     }
+    const std::string names = enumerated(linked);
     if (effect == "never") {
         return "never takes effect: shadowed by " + names;
     }

@@ -1,4 +1,4 @@
-#include "commands/packetJson.h"
+#include "cli/packetJson.h"
 
 #include <cstddef>
 #include <iterator>
@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "cli/output.h"
 #include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/meaning.h"
 
@@ -31,26 +32,6 @@ Json::Value maskJson(unsigned mask, const char* const (&names)[Size]) {
     return texts;
 }
 
-Json::Value numbersJson(const FW::FWINTERVALS& intervals) {
-    if (intervals.empty()) {
-        return {};
-    }
-    Json::Value texts(Json::arrayValue);
-    for (const FW::FWINTERVAL& one : intervals) {
-        texts.append(std::to_string(one.first) +
-                     (one.first == one.last ? "" : "-" + std::to_string(one.last)));
-    }
-    return texts;
-}
-
-Json::Value textsJson(const std::vector<std::string>& list) {
-    Json::Value texts(Json::arrayValue);
-    for (const std::string& text : list) {
-        texts.append(text);
-    }
-    return texts;
-}
-
 Json::Value interfacesJson(const std::shared_ptr<const FW::FWINTERFACES>& interfaces) {
     if (interfaces == nullptr) {
         return {};
@@ -62,8 +43,8 @@ Json::Value interfacesJson(const std::shared_ptr<const FW::FWINTERFACES>& interf
 }
 
 /// Of a set with one family.
-Json::Value fieldJson(const std::shared_ptr<const FW::FWADDRESSES>& addresses,
-                      std::uint8_t families) {
+Json::Value endsJson(const std::shared_ptr<const FW::FWADDRESSES>& addresses,
+                     std::uint8_t families) {
     if (addresses == nullptr) {
         return {};
     }
@@ -77,6 +58,18 @@ Json::Value valueJson(const std::optional<Value>& value) {
 }
 
 }  // namespace
+
+Json::Value numbersJson(const FW::FWINTERVALS& intervals) {
+    if (intervals.empty()) {
+        return {};
+    }
+    Json::Value texts(Json::arrayValue);
+    for (const FW::FWINTERVAL& one : intervals) {
+        texts.append(std::to_string(one.first) +
+                     (one.first == one.last ? "" : "-" + std::to_string(one.last)));
+    }
+    return texts;
+}
 
 Json::Value addressesJson(const FW::FWADDRESSES& addresses, FW::FW_FAMILY family) {
     Json::Value texts(Json::arrayValue);
@@ -95,8 +88,8 @@ Json::Value packetsJson(const FW::FWPACKETSET& packets) {
     document["in"] = interfacesJson(packets.in);
     document["out"] = interfacesJson(packets.out);
     document["protocols"] = numbersJson(packets.protocols);
-    document["sources"] = fieldJson(packets.sources, packets.families);
-    document["destinations"] = fieldJson(packets.destinations, packets.families);
+    document["sources"] = endsJson(packets.sources, packets.families);
+    document["destinations"] = endsJson(packets.destinations, packets.families);
     document["sourcePorts"] = numbersJson(packets.sourcePorts);
     document["destinationPorts"] = numbersJson(packets.destinationPorts);
     document["icmpTypes"] = numbersJson(packets.icmpTypes);
@@ -124,11 +117,26 @@ Json::Value packetJson(const FW::FWPACKET& packet) {
     return document;
 }
 
+const char* originWord(FW::FW_ORIGIN origin) {
+    switch (origin) {
+        case FW::FW_ORIGIN_RULE:
+            return "rule";
+        case FW::FW_ORIGIN_DEFAULT:
+            return "defaultPolicy";
+        case FW::FW_ORIGIN_LOOPBACK:
+            return "loopback";
+        case FW::FW_ORIGIN_NEIGHBOURS:
+            return "neighbours";
+        case FW::FW_ORIGIN_ESTABLISHED:
+            return "established";
+        default:
+            return kByNothing;
+    }
+}
+
 Json::Value placeJson(const FW::FWPLACE& place) {
-    static constexpr const char* kOrigins[] = {"loopback", "neighbourDiscovery", "established",
-                                               "rule",     "defaultPolicy",      "none"};
     Json::Value document;
-    document["by"] = kOrigins[place.origin];
+    document["by"] = originWord(place.origin);
     document["adapter"] = Json::Value();
     document["position"] = Json::Value();
     if (const auto rule = rulePlaceOf(place)) {
