@@ -15,10 +15,9 @@
 #include "cli/output.h"
 #include "cli/packetJson.h"
 #include "commands/applying.h"
-#include "tarnfwadmin/documentFile.h"
+#include "commands/profileArgument.h"
 #include "tarnfwadmin/meaningChange.h"
 #include "tarnfwadmin/packetWords.h"
-#include "tarnfwadmin/profileDocument.h"
 
 namespace tarnfw {
 namespace {
@@ -29,38 +28,6 @@ struct DiffOptions {
     bool all = false;
     bool json = false;
 };
-
-/// One side of the comparison.
-struct Side {
-    std::string name;   ///< of a file its path
-    std::string title;  ///< "profile "home"", "./home.json"
-    FW::FWPROFILE profile;
-};
-
-/// The profile of a file's text, which has to be valid.
-FW::FWPROFILE profileIn(const std::string& text, const std::string& title, Machine& machine) {
-    ProfileDocument document(text);
-    document.becomeNew("new");
-    if (!document.check(machine)) {
-        warn(title, document.findings());
-        throw Error(ErrorKind::kInvalid, title + " is invalid: it was not compared",
-                    placeOfFirstError(title, document.findings()));
-    }
-    return document.profile();
-}
-
-/// `what` is a file or a stored profile; empty for the active one.
-Side sideOf(const std::string& what, Context& context) {
-    const StoreSnapshot& store = context.store();
-    if (what == kStandardInput || (!what.empty() && !store.hasProfile(what) && namesAFile(what))) {
-        const std::string title =
-            what == kStandardInput ? std::string("standard input") : printable(what);
-        return {what, title, profileIn(readText(what), title, context.machine())};
-    }
-    const std::string name = what.empty() ? store.activeProfile() : what;
-    store.requireProfile(name);
-    return {name, "profile " + inQuotes(name), store.profile(name)};
-}
 
 const char* nameOf(FW::FW_CHANGE change) {
     switch (change) {
@@ -76,7 +43,7 @@ const char* nameOf(FW::FW_CHANGE change) {
 /// Two profiles, and what is different between them.
 class Comparison {
 public:
-    Comparison(Side before, Side after, Machine& machine)
+    Comparison(NamedProfile before, NamedProfile after, Machine& machine)
         : sides_{std::move(before), std::move(after)},
           environment_(environmentOf({sides_[0].profile, sides_[1].profile}, machine)),
           before_(sides_[0].profile, environment_),
@@ -186,7 +153,7 @@ private:
         return text;
     }
 
-    Side sides_[2];
+    NamedProfile sides_[2];
     FW::FWENVIRONMENT environment_;
     Meaning before_;
     Meaning after_;
@@ -196,8 +163,11 @@ private:
 void diff(const DiffOptions& options) {
     Context context(StoreSession::Access::kRead);
     const bool hasBoth = !options.second.empty();
-    Side before = sideOf(hasBoth ? options.first : "", context);
-    Side after = sideOf(hasBoth ? options.second : options.first, context);
+    const auto side = [&](const std::string& what) {
+        return namedProfile(what, DocumentName::kNotRead, "it was not compared", context);
+    };
+    NamedProfile before = side(hasBoth ? options.first : "");
+    NamedProfile after = side(hasBoth ? options.second : options.first);
     const Comparison comparison(std::move(before), std::move(after), context.machine());
     if (options.json) {
         printJson(comparison.document());

@@ -17,11 +17,11 @@
 #include "cli/output.h"
 #include "commands/applying.h"
 #include "commands/commands.h"
+#include "commands/profileArgument.h"
 #include "report/facts.h"
 #include "report/page.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/meaning.h"
-#include "tarnfwadmin/profileDocument.h"
 
 namespace tarnfw {
 namespace {
@@ -36,32 +36,6 @@ struct Options {
     bool json = false;
 };
 
-/// A profile that the report is about.
-struct Subject {
-    std::string name;       ///< of a file its path
-    bool isStored = false;  ///< else it is a file
-    FW::FWPROFILE profile;
-};
-
-/// `what` is a file or a stored profile; empty for the active one.
-Subject subjectOf(const std::string& what, Context& context) {
-    const StoreSnapshot& store = context.store();
-    if (what == kStandardInput || (!what.empty() && !store.hasProfile(what) && namesAFile(what))) {
-        const std::string title =
-            what == kStandardInput ? std::string("standard input") : printable(what);
-        ProfileDocument document(readText(what));
-        if (!document.check(context.machine())) {
-            warn(title, document.findings());
-            throw Error(ErrorKind::kInvalid, title + " is invalid: there is no report of it",
-                        placeOfFirstError(title, document.findings()));
-        }
-        return {title, false, document.profile()};
-    }
-    const std::string name = what.empty() ? store.activeProfile() : what;
-    store.requireProfile(name);
-    return {name, true, store.profile(name)};
-}
-
 std::string machineName() {
     std::array<char, 256> name{};
     return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
@@ -69,12 +43,15 @@ std::string machineName() {
 
 Json::Value factsFor(const Options& options) {
     Context context(StoreSession::Access::kRead);
-    const Subject subject = subjectOf(options.profile, context);
+    const auto named = [&](const std::string& what) {
+        return namedProfile(what, DocumentName::kRequired, "there is no report of it", context);
+    };
+    const NamedProfile subject = named(options.profile);
     std::vector<FW::FWPROFILE> profiles = {subject.profile};
     std::string since;
     if (!options.since.empty()) {
-        Subject other = subjectOf(options.since, context);
-        since = other.name;
+        NamedProfile other = named(options.since);
+        since = other.isStored ? other.name : other.title;
         profiles.push_back(std::move(other.profile));
     }
     const FW::FWENVIRONMENT environment = environmentOf(profiles, context.machine());
