@@ -8,6 +8,7 @@
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/machine.h"
+#include "tarnfwadmin/store.h"
 #include "tarnfwadmin/text.h"
 
 namespace tarnfw {
@@ -15,20 +16,6 @@ namespace {
 
 // No interface of the kernel has a '/' in its name.
 constexpr char kAbsentPppoe[] = "/pppoe";
-
-/// A profile with the rules and default policies of all.
-FW::FWPROFILE together(const std::vector<FW::FWPROFILE>& profiles) {
-    FW::FWPROFILE all;
-    for (const FW::FWPROFILE& profile : profiles) {
-        for (const auto& [adapter, rules] : profile.rules) {
-            std::vector<FW::FWRULE>& list = all.rules[adapter];
-            list.insert(list.end(), rules.begin(), rules.end());
-        }
-        all.adapterPolicyMap.insert(profile.adapterPolicyMap.begin(),
-                                    profile.adapterPolicyMap.end());
-    }
-    return all;
-}
 
 FW::ServPort portsByProtocol(const Service& service) {
     FW::ServPort ports;
@@ -119,6 +106,11 @@ std::optional<RulePlace> rulePlaceOf(const FW::FWPLACE& place) {
         default:
             return std::nullopt;
     }
+}
+
+bool isSamePlace(const FW::FWPLACE& one, const FW::FWPLACE& other) {
+    return one.origin == other.origin && one.adapter == other.adapter &&
+           one.position == other.position;
 }
 
 std::string placeText(const FW::FWPLACE& place) {

@@ -36,10 +36,6 @@ struct PlaceOrder {
 };
 using Places = std::set<FW::FWPLACE, PlaceOrder>;
 
-bool isSame(const FW::FWPLACE& a, const FW::FWPLACE& b) {
-    return !PlaceOrder()(a, b) && !PlaceOrder()(b, a);
-}
-
 FW::FWPLACE ruleAt(const RulePlace& place) {
     return {FW::FW_ORIGIN_RULE, place.adapter, static_cast<std::int32_t>(place.position)};
 }
@@ -228,7 +224,7 @@ private:
                            const FW::FWPLACE& place, SideOfChange side) {
         PacketSets matched;
         for (const FW::FWRESOLVEDRULE& rule : rules_[side]) {
-            if (isSame(rule.place, place)) {
+            if (isSamePlace(rule.place, place)) {
                 matched.push_back(rule.packets);
             }
         }
@@ -324,7 +320,7 @@ Texts textsOf(const Meaning& before, const Meaning& after, const std::vector<Pla
 PacketSets decidedBy(const FW::FWPLACE& place, std::vector<FW::FWRESOLVEDRULE> rules) {
     const FW::FW_MEANING meaning(rules);
     for (FW::FWRESOLVEDRULE& rule : rules) {
-        if (isSame(rule.place, place)) {
+        if (isSamePlace(rule.place, place)) {
             rule.verdict =
                 rule.verdict == FW::FW_PACKET_DROP ? FW::FW_PACKET_NEXT : FW::FW_PACKET_DROP;
         }

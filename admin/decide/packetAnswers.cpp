@@ -28,11 +28,6 @@ constexpr char kOtherTunnel[] = "tun/";
 
 constexpr std::uint8_t kNewMask = 1U << FW::FW_STATE_NEW;
 
-bool isSamePlace(const FWPLACE& one, const FWPLACE& other) {
-    return one.origin == other.origin && one.adapter == other.adapter &&
-           one.position == other.position;
-}
-
 /// Whether a rule for IPv4 addresses is one for all of IPv6 where it is repeated for a 6in4 tunnel:
 /// ip6tables takes "10.0.0.0/0" for every address.
 bool isTakenForAllOfIpv6(const FW::FWRULE& rule) {

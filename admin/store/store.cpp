@@ -471,4 +471,17 @@ bool StoreSnapshot::configurationIs(const Json::Value& document) const {
     });
 }
 
+FW::FWPROFILE together(const std::vector<FW::FWPROFILE>& profiles) {
+    FW::FWPROFILE all;
+    for (const FW::FWPROFILE& profile : profiles) {
+        for (const auto& [adapter, rules] : profile.rules) {
+            std::vector<FW::FWRULE>& list = all.rules[adapter];
+            list.insert(list.end(), rules.begin(), rules.end());
+        }
+        all.adapterPolicyMap.insert(profile.adapterPolicyMap.begin(),
+                                    profile.adapterPolicyMap.end());
+    }
+    return all;
+}
+
 }  // namespace tarnfw

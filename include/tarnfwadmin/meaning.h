@@ -68,6 +68,8 @@ private:
 /// The place of a resolved rule that comes from a rule or a default policy; nothing for the others.
 std::optional<RulePlace> rulePlaceOf(const FW::FWPLACE& place);
 
+bool isSamePlace(const FW::FWPLACE& one, const FW::FWPLACE& other);
+
 /// "rule 3 of eth0", "the default policy of eth0", "the acceptance of established connections", "no
 /// rule". Printable.
 std::string placeText(const FW::FWPLACE& place);

@@ -197,4 +197,8 @@ private:
 /// Every adapter that the profile has rules or a default policy for, sorted.
 std::vector<std::string> adaptersOf(const FW::FWPROFILE& profile);
 
+/// A profile without a name that has the rules of all, one list after another, and their default
+/// policies; of an adapter with several the first one.
+FW::FWPROFILE together(const std::vector<FW::FWPROFILE>& profiles);
+
 }  // namespace tarnfw

@@ -406,20 +406,6 @@ bool makesLines(const FW::FWPROFILE& profile) {
            });
 }
 
-/// The rules and default policies of all the profiles in one.
-FW::FWPROFILE together(const std::vector<FW::FWPROFILE>& profiles) {
-    FW::FWPROFILE all;
-    for (const FW::FWPROFILE& profile : profiles) {
-        for (const auto& [adapter, rules] : profile.rules) {
-            std::vector<FW::FWRULE>& list = all.rules[adapter];
-            list.insert(list.end(), rules.begin(), rules.end());
-        }
-        all.adapterPolicyMap.insert(profile.adapterPolicyMap.begin(),
-                                    profile.adapterPolicyMap.end());
-    }
-    return all;
-}
-
 /// Applies the active profile unless its rules are in force.
 void reloadUnchanged(Context& context, const FW::FWPROFILE& profile, const ReloadOptions& options) {
     if (profile.name != context.store().activeProfile()) {
