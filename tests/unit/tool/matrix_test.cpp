@@ -206,6 +206,37 @@ TEST_F(MatrixTest, RulesWithoutEffectAreMarked) {
     EXPECT_EQ(facts["rules"][3]["because"][0]["by"], "defaultPolicy");
 }
 
+TEST_F(MatrixTest, RulesWithoutALineNeverTakeEffect) {
+    add("eth0", {"allow tcp 9000", "allow tcp 9002 from 10.0.0.1-10.0.0.9", "allow tcp 9004"},
+        FW::FW_POLICY_DENY);
+    add("lo", {"deny tcp 22"}, FW::FW_POLICY_ALLOW);
+    profile_.rules["eth0"][0].policy = FW::FW_POLICY_NONE;
+    std::swap(profile_.rules["eth0"][1].ipList[0], profile_.rules["eth0"][1].ipList[1]);
+    FW::FWRULE& complex = profile_.rules["eth0"][2];
+    complex.ipGroup = FW::FW_IP_GROUP_NETWORK;
+    complex.ipType = FW::FW_IP_TYPE_V4;
+    complex.ipList = {"0.0.0.5", "0.0.0.255"};
+    Finding none;
+    none.rule = RulePlace{"eth0", 1};
+    none.path = "policy";
+    none.text = "2 means none: the rule has no effect";
+    none.isError = false;
+    const Json::Value rules = reportFacts(meaning(), {none})["rules"];
+    Texts effects;
+    for (const Json::Value& rule : rules) {
+        effects.push_back(rule["effect"].asString());
+        ASSERT_EQ(rule["findings"].size(), 1U) << rule;
+    }
+    EXPECT_THAT(effects, ElementsAre("never", "never", "unknown", "never"));
+    EXPECT_EQ(rules[0]["findings"][0], "policy: warning: 2 means none: the rule has no effect");
+    EXPECT_EQ(rules[1]["findings"][0], "no line for the packet filter is made of it");
+    EXPECT_THAT(rules[2]["findings"][0].asString(),
+                testing::StartsWith("not counted in this report: "));
+    // No rule that could be named comes before it.
+    EXPECT_EQ(rules[3]["because"].size(), 0U);
+    EXPECT_THAT(rules[3]["findings"][0].asString(), testing::StartsWith("shadowed by "));
+}
+
 TEST_F(MatrixTest, ChangesSayWhatIsOpened) {
     add("eth0", {"allow service ssh"}, FW::FW_POLICY_DENY);
     const Meaning before = meaning();

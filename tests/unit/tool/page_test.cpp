@@ -124,5 +124,23 @@ TEST(PageTest, RulesWithoutEffectNameThoseThatCoverThem) {
     EXPECT_EQ(page.find("id=\"changes\""), std::string::npos);
 }
 
+TEST(PageTest, RulesWithoutALineAndAbsentAdaptersAreNamed) {
+    FW::FWPROFILE profile;
+    profile.name = "home";
+    profile.rules["eth0"] = {ruleFrom({"allow tcp 80"}, {}, {}),
+                             ruleFrom({"allow tcp 81"}, {}, {})};
+    profile.rules["eth0"][1].policy = FW::FW_POLICY_NONE;
+    profile.rules["eth9"] = {ruleFrom({"allow tcp 82"}, {}, {})};
+    profile.adapterPolicyMap = {{"eth0", FW::FW_POLICY_DENY}, {"eth9", FW::FW_POLICY_DENY}};
+    FW::FWENVIRONMENT environment;
+    environment.adapters = FW::fwAdaptersByName(profile, "");
+    const std::string page = reportPage(reportFacts(Meaning(profile, environment), {}, {"eth9"}));
+    EXPECT_THAT(page, HasSubstr("never takes effect<br>no line for the packet filter"));
+    EXPECT_THAT(page, HasSubstr("3, 1 of them without effect"));
+    EXPECT_THAT(page, HasSubstr("<p class=\"note\">eth9 has no interface now"));
+    EXPECT_THAT(page, HasSubstr("<p class=\"note\">No interface now: eth9."));
+    EXPECT_EQ(page.find("eth0 has no interface now"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace tarnfw

@@ -1,12 +1,15 @@
 /// tarnfw report: what a profile means, as one page or one document.
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <ctime>
 #include <iostream>
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <json/json.h>
 
@@ -22,6 +25,7 @@
 #include "report/page.h"
 #include "tarnfwadmin/documentFile.h"
 #include "tarnfwadmin/meaning.h"
+#include "tarnfwadmin/profileCheck.h"
 
 namespace tarnfw {
 namespace {
@@ -41,6 +45,29 @@ std::string machineName() {
     return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
 }
 
+/// What a check says of the profile's rules.
+std::vector<Finding> findingsOf(const FW::FWPROFILE& profile, Machine& machine) {
+    std::vector<RulePlace> places;
+    for (const auto& [adapter, rules] : profile.rules) {
+        for (std::size_t i = 0; i < rules.size(); ++i) {
+            places.push_back({adapter, i + 1});
+        }
+    }
+    return ruleFindings(profile, places, machine);
+}
+
+/// The profile's adapters that have no interface now.
+std::vector<std::string> absentOf(const FW::FWPROFILE& profile, Machine& machine) {
+    std::vector<std::string> absent = adaptersOf(profile);
+    absent.erase(std::remove_if(absent.begin(), absent.end(),
+                                [&](const std::string& adapter) {
+                                    return adapter == FW::FW_ADAPTER_GLOBAL || adapter == "lo" ||
+                                           machine.absenceOf(adapter).empty();
+                                }),
+                 absent.end());
+    return absent;
+}
+
 Json::Value factsFor(const Options& options) {
     Context context(StoreSession::Access::kRead);
     const auto named = [&](const std::string& what) {
@@ -56,7 +83,8 @@ Json::Value factsFor(const Options& options) {
     }
     const FW::FWENVIRONMENT environment = environmentOf(profiles, context.machine());
     const Meaning meaning(subject.profile, environment);
-    Json::Value facts = reportFacts(meaning);
+    Json::Value facts = reportFacts(meaning, findingsOf(subject.profile, context.machine()),
+                                    absentOf(subject.profile, context.machine()));
     if (profiles.size() > 1) {
         facts["changes"] = changeFacts(since, Meaning(profiles[1], environment), meaning);
     }

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -133,39 +135,103 @@ std::vector<std::string> adaptersInOrder(const FW::FWPROFILE& profile) {
     return names;
 }
 
-Json::Value rulesFacts(const Meaning& meaning, const FW::FWSHADOWS& shadows) {
-    std::map<RulePlace, const FW::FWSHADOW*> shadowed;
-    for (const FW::FWSHADOW& shadow : shadows.shadows) {
-        if (const auto place = rulePlaceOf(shadow.place)) {
-            shadowed[*place] = &shadow;
+/// Of each rule: whether it takes effect, and what is to be said about it.
+class RuleEffects {
+public:
+    RuleEffects(const Meaning& meaning, const FW::FWSHADOWS& shadows,
+                const std::vector<Finding>& checked) {
+        for (const FW::FWRESOLVEDRULE& rule : meaning.rules()) {
+            if (const auto place = rulePlaceOf(rule.place)) {
+                withLines_.insert(*place);
+            }
         }
-    }
-    std::map<RulePlace, std::vector<std::string>> findings;
-    for (const auto* const some : {&meaning.findings(), &shadows.findings}) {
-        for (const FW::FWFINDING& finding : *some) {
+        for (const FW::FWSHADOW& shadow : shadows.shadows) {
+            if (const auto place = rulePlaceOf(shadow.place)) {
+                shadowed_[*place] = &shadow;
+            }
+        }
+        for (const Finding& finding : checked) {
+            // Those about other rules have the engine's own words below.
+            const bool isCompared = finding.shadowedBy.empty() &&
+                                    finding.text.rfind("is not compared with other rules", 0) != 0;
+            if (finding.rule && isCompared) {
+                const std::string prefix = placeText(*finding.rule) + ": ";
+                checked_[*finding.rule].push_back(textOf(finding).substr(prefix.size()));
+            }
+        }
+        for (const FW::FWFINDING& finding : meaning.findings()) {
+            const auto place = rulePlaceOf(finding.place);
+            if (place && finding.text.find(" is too complex: ") != std::string::npos) {
+                complex_[*place].push_back("not counted in this report: " + finding.text);
+            } else if (place) {
+                refused_[*place].push_back(finding.text);
+            }
+        }
+        for (const FW::FWFINDING& finding : shadows.findings) {
             if (const auto place = rulePlaceOf(finding.place)) {
-                findings[*place].push_back(finding.text);
+                complex_[*place].push_back(finding.text);
             }
         }
     }
+
+    /// Adds "effect", "because" and "findings".
+    void add(Json::Value& entry, const RulePlace& place, const FW::FWRULE& rule) const {
+        const auto shadow = shadowed_.find(place);
+        const bool hasLines = withLines_.count(place) != 0;
+        std::vector<std::string> texts = textsOf(checked_, place);
+        if (texts.empty()) {
+            texts = textsOf(refused_, place);
+        }
+        const std::vector<std::string> complex = textsOf(complex_, place);
+        texts.insert(texts.end(), complex.begin(), complex.end());
+        std::string effect = "yes";
+        entry["because"] = list();
+        if (!rule.enable) {
+            effect = "off";
+        } else if (!hasLines) {
+            effect = complex.empty() ? "never" : "unknown";
+            if (texts.empty()) {
+                texts.emplace_back("no line for the packet filter is made of it");
+            }
+        } else if (shadow != shadowed_.end()) {
+            effect = shadow->second->neverDecides ? "never" : "needless";
+            entry["because"] = placesFacts(shadow->second->by);
+        } else if (!complex.empty()) {
+            effect = "unknown";
+        }
+        entry["effect"] = effect;
+        entry["findings"] = textsJson(texts);
+    }
+
+private:
+    using TextsByRule = std::map<RulePlace, std::vector<std::string>>;
+
+    static std::vector<std::string> textsOf(const TextsByRule& texts, const RulePlace& place) {
+        const auto found = texts.find(place);
+        return found == texts.end() ? std::vector<std::string>() : found->second;
+    }
+
+    std::set<RulePlace> withLines_;
+    std::map<RulePlace, const FW::FWSHADOW*> shadowed_;
+    TextsByRule checked_;  // what the check of the profile says
+    TextsByRule refused_;  // the engine's words for a part of that
+    TextsByRule complex_;
+};
+
+Json::Value rulesFacts(const Meaning& meaning, const FW::FWSHADOWS& shadows,
+                       const std::vector<Finding>& checked) {
+    const RuleEffects effects(meaning, shadows, checked);
     Json::Value all = list();
     for (const std::string& adapter : adaptersInOrder(meaning.profile())) {
         const std::vector<FW::FWRULE>& rules = meaning.profile().rules.at(adapter);
         for (std::size_t i = 0; i < rules.size(); ++i) {
             const RulePlace place{adapter, i + 1};
-            const auto shadow = shadowed.find(place);
-            const bool has = shadow != shadowed.end();
             Json::Value entry;
             entry["adapter"] = adapter;
             entry["position"] = static_cast<Json::UInt64>(place.position);
             entry["text"] = ruleText(rules[i]);
             entry["enabled"] = rules[i].enable;
-            entry["effect"] = !rules[i].enable               ? "off"
-                              : !has                         ? "yes"
-                              : shadow->second->neverDecides ? "never"
-                                                             : "needless";
-            entry["because"] = has ? placesFacts(shadow->second->by) : list();
-            entry["findings"] = textsJson(findings[place]);
+            effects.add(entry, place, rules[i]);
             all.append(std::move(entry));
         }
     }
@@ -185,15 +251,17 @@ Json::Value policiesFacts(const FW::FWPROFILE& profile) {
 
 }  // namespace
 
-Json::Value reportFacts(const Meaning& meaning) {
+Json::Value reportFacts(const Meaning& meaning, const std::vector<Finding>& checked,
+                        const std::vector<std::string>& absent) {
     Json::Value document;
     document["profile"] = meaning.profile().name;
+    document["absent"] = listOf(absent);
     document["tables"] = list();
     for (const Matrix& matrix : matricesOf(meaning)) {
         document["tables"].append(tableFacts(matrix));
     }
     const FW::FWSHADOWS shadows = meaning.answers().shadows();
-    document["rules"] = rulesFacts(meaning, shadows);
+    document["rules"] = rulesFacts(meaning, shadows, checked);
     document["policies"] = policiesFacts(meaning.profile());
     document["findings"] = list();
     for (const auto* const some : {&meaning.findings(), &shadows.findings}) {

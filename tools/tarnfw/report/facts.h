@@ -2,15 +2,20 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include <json/json.h>
 
+#include "tarnfwadmin/finding.h"
 #include "tarnfwadmin/meaning.h"
 
 namespace tarnfw {
 
-/// The profile itself: "profile", "tables", "rules", "policies", "findings".
-Json::Value reportFacts(const Meaning& meaning);
+/// The profile itself: "profile", "absent", "tables", "rules", "policies", "findings". `checked` is
+/// what a check of the profile found, for those of its rules; `absent` its adapters that have no
+/// interface now.
+Json::Value reportFacts(const Meaning& meaning, const std::vector<Finding>& checked = {},
+                        const std::vector<std::string>& absent = {});
 
 /// For "changes": what is opened and closed from `before`, called `name`, to `after`. Both have the
 /// same environment.

@@ -159,6 +159,9 @@ std::string effectText(const Json::Value& rule, const RuleLinks& links) {
     if (effect == "off") {
         return "switched off";
     }
+    if (effect == "unknown") {
+        return "too complex: whether it takes effect is not known";
+    }
     const Json::Value& because = rule["because"];
     std::vector<std::string> linked;
     for (const Json::Value& place : because) {
@@ -166,12 +169,17 @@ std::string effectText(const Json::Value& rule, const RuleLinks& links) {
     }
     const std::string names = enumerated(linked);
     if (effect == "never") {
-        return "never takes effect: shadowed by " + names;
+        return "never takes effect" + (names.empty() ? "" : ": shadowed by " + names);
     }
     if (names.empty()) {
         return "has no effect: without it the same happens";
     }
     return "has no effect: " + names + (because.size() == 1 ? " does the same" : " do the same");
+}
+
+bool isAbsent(const std::string& adapter, const Json::Value& facts) {
+    const Json::Value& absent = facts["absent"];
+    return std::find(absent.begin(), absent.end(), adapter) != absent.end();
 }
 
 std::string rulesOf(const std::string& adapter, const Json::Value& facts, const RuleLinks& links) {
@@ -192,6 +200,7 @@ std::string rulesOf(const std::string& adapter, const Json::Value& facts, const 
                 html(lower(rule["text"].asString())) + " " +
                 (effect == "never"      ? "never takes effect"
                  : effect == "needless" ? "has no effect"
+                 : effect == "unknown"  ? "too complex"
                                         : effect) +
                 "\"><th scope=\"row\" role=\"rowheader\" class=\"position\">" +
                 std::to_string(position) + "</th><td role=\"cell\" class=\"rule\">" +
@@ -212,8 +221,12 @@ std::string rulesOf(const std::string& adapter, const Json::Value& facts, const 
                 "</td></tr>\n";
         }
     }
-    return "<section>\n<h3>" + html(adapter) +
-           "</h3>\n<div class=\"scroll\" role=\"region\" tabindex=\"0\" aria-label=\"Rules of " +
+    return "<section>\n<h3>" + html(adapter) + "</h3>\n" +
+           (isAbsent(adapter, facts) ? "<p class=\"note\">" + html(adapter) +
+                                           " has no interface now: these rules have no effect "
+                                           "until there is one.</p>\n"
+                                     : "") +
+           "<div class=\"scroll\" role=\"region\" tabindex=\"0\" aria-label=\"Rules of " +
            html(adapter) + "\"><table class=\"rules\" role=\"table\" data-title=\"" +
            html(lower(adapter)) + "\">\n<caption>Rules of " + html(adapter) +
            "</caption>\n<thead role=\"rowgroup\"><tr role=\"row\"><th scope=\"col\" "
@@ -378,6 +391,20 @@ std::string tableOf(const Json::Value& table, const RuleLinks& links) {
     return text + "</tbody></table>\n" + gapsOf(table) + "</div>\n";
 }
 
+/// That packets of some of the table's adapters do not come in now.
+std::string absenceOf(const Json::Value& table, const Json::Value& facts) {
+    std::string names;
+    for (const Json::Value& adapter : table["adapters"]) {
+        if (isAbsent(adapter.asString(), facts)) {
+            names += (names.empty() ? "" : ", ") + html(adapter);
+        }
+    }
+    return names.empty() ? ""
+                         : "<p class=\"note\">No interface now: " + names +
+                               ". For packets of such an adapter the tables say what happens once "
+                               "there is one.</p>\n";
+}
+
 /// A part for each adapter, with its tables.
 std::string allTables(const Json::Value& facts, const RuleLinks& links) {
     std::string all;
@@ -385,7 +412,7 @@ std::string allTables(const Json::Value& facts, const RuleLinks& links) {
     for (const Json::Value& table : facts["tables"]) {
         if (before == nullptr || (*before)["title"] != table["title"]) {
             all += before == nullptr ? "" : "</section>\n";
-            all += "<section>\n<h3>" + html(table["title"]) + "</h3>\n";
+            all += "<section>\n<h3>" + html(table["title"]) + "</h3>\n" + absenceOf(table, facts);
         }
         all += tableOf(table, links);
         before = &table;
