@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -65,7 +66,9 @@ Texts rowsOf(const Matrix& matrix) {
         texts.push_back(row.text + ":");
         for (const MatrixCell& cell : row.cells) {
             texts.back() += kWords[static_cast<std::size_t>(cell.verdict)];
-            texts.back() += cell.log ? "+log" : "";
+            texts.back() += cell.log == CellLog::kAll    ? "+log"
+                            : cell.log == CellLog::kSome ? "+some"
+                                                         : "";
         }
     }
     return texts;
@@ -131,6 +134,16 @@ TEST_F(MatrixTest, EachAdapterHasItsTables) {
     EXPECT_THAT(rowsOf(matrices[4]), ElementsAre("service nfs: none", "service ssh: none",
                                                  "icmp: allow", "everything else: none"));
     EXPECT_THAT(decidersOf(matrices[4].rows[3].cells[0]), ElementsAre("no rule"));
+}
+
+TEST_F(MatrixTest, SendersThatAreLoggedHaveAColumnOfTheirOwn) {
+    add("eth0", {"deny any from 10.0.0.0/8, logged", "deny tcp 22 to 10.0.0.5, logged"},
+        FW::FW_POLICY_DENY);
+    const Matrix matrix = matricesOf(meaning()).front();
+    EXPECT_THAT(sendersOf(matrix), ElementsAre("10.0.0.0/8", "everybody except 10.0.0.0/8"));
+    EXPECT_THAT(rowsOf(matrix),
+                ElementsAre("service nfs: deny+log deny", "service ssh: deny+log deny+some",
+                            "everything else: deny+log deny"));
 }
 
 TEST_F(MatrixTest, WhatTheTableDoesNotHaveDepends) {
@@ -407,7 +420,8 @@ TEST(MatrixRandomTest, CellsSayWhatHappensToTheirPackets) {
                 ASSERT_EQ(std::count_if(cell.deciders.begin(), cell.deciders.end(), isDecider), 1)
                     << row.text << " from " << matrix.senders[column].text << ": "
                     << placeText(decider.place);
-                ASSERT_TRUE(cell.log || !decider.log);
+                ASSERT_TRUE(cell.log == CellLog::kSome ||
+                            (cell.log == CellLog::kAll) == decider.log);
                 if (cell.verdict == CellVerdict::kDepends) {
                     ASSERT_GT(cell.deciders.size(), 1U);
                 } else {
@@ -421,7 +435,7 @@ TEST(MatrixRandomTest, CellsSayWhatHappensToTheirPackets) {
     EXPECT_EQ(seen.size(), 4U);
 }
 
-TEST(MatrixRandomTest, NoTwoColumnsHaveTheSameVerdicts) {
+TEST(MatrixRandomTest, NoTwoColumnsHaveTheSameVerdictsAndLogging) {
     const TestCountries countries(7);
     for (unsigned number = 0; number < 20; ++number) {
         Random random(9500000 + number);
@@ -432,11 +446,12 @@ TEST(MatrixRandomTest, NoTwoColumnsHaveTheSameVerdicts) {
             return countries.find(country, family);
         };
         for (const Matrix& matrix : matricesOf(Meaning(profile, environment))) {
-            std::set<std::vector<CellVerdict>> columns;
+            std::set<std::vector<std::pair<CellVerdict, CellLog>>> columns;
             for (std::size_t column = 0; column < matrix.senders.size(); ++column) {
-                std::vector<CellVerdict> verdicts;
+                std::vector<std::pair<CellVerdict, CellLog>> verdicts;
                 for (const MatrixRow& row : matrix.rows) {
-                    verdicts.push_back(row.cells.at(column).verdict);
+                    const MatrixCell& cell = row.cells.at(column);
+                    verdicts.emplace_back(cell.verdict, cell.log);
                 }
                 EXPECT_TRUE(columns.insert(verdicts).second);
             }

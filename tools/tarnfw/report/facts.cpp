@@ -65,6 +65,10 @@ const char* nameOf(CellVerdict verdict) {
     }
 }
 
+const char* nameOf(CellLog log) {
+    return log == CellLog::kAll ? "all" : log == CellLog::kSome ? "some" : "none";
+}
+
 /// "eth0", "pppoe and vpn", "every other interface".
 std::string titleOf(const Matrix& matrix) {
     if (matrix.isOther) {
@@ -110,7 +114,7 @@ Json::Value tableFacts(const Matrix& matrix) {
         for (const MatrixCell& cell : row.cells) {
             Json::Value one;
             one["verdict"] = nameOf(cell.verdict);
-            one["log"] = cell.log;
+            one["log"] = nameOf(cell.log);
             one["deciders"] = placesFacts(cell.deciders);
             entry["cells"].append(std::move(one));
         }

@@ -135,15 +135,19 @@ CellVerdict verdictOf(const FW::FWRESOLVEDRULE& rule) {
 MatrixCell cellOf(const FW::FW_MEANING& answers, const FW::FWPACKET& packet) {
     MatrixCell cell;
     std::set<CellVerdict> verdicts;
+    std::set<bool> logs;
     for (const std::size_t number : answers.decide(packet).deciders) {
         const FW::FWRESOLVEDRULE rule = answers.rule(number);
         verdicts.insert(verdictOf(rule));
-        cell.log = cell.log || rule.log;
+        logs.insert(rule.log);
         if (cell.deciders.empty() || !isSame(cell.deciders.back(), rule.place)) {
             cell.deciders.push_back(rule.place);
         }
     }
     cell.verdict = verdicts.size() == 1 ? *verdicts.begin() : CellVerdict::kDepends;
+    cell.log = logs.size() > 1         ? CellLog::kSome
+               : logs.count(true) != 0 ? CellLog::kAll
+                                       : CellLog::kNone;
     return cell;
 }
 
@@ -273,20 +277,20 @@ private:
     void fill(Matrix& matrix, std::vector<RowSeed>& rows,
               const std::vector<FW::FWADDRESSES>& senders, const FW::FW_MEANING& answers,
               FW::FWPACKET packet) const {
-        // Columns with the same verdicts are one.
-        std::map<std::vector<CellVerdict>, std::size_t> columns;
+        // Columns with the same verdicts and logging are one.
+        std::map<std::vector<std::pair<CellVerdict, CellLog>>, std::size_t> columns;
         std::vector<std::vector<MatrixCell>> cells;
         for (const FW::FWADDRESSES& addresses : senders) {
             packet.source = addresses.front().first;
             std::vector<MatrixCell> column;
-            std::vector<CellVerdict> verdicts;
+            std::vector<std::pair<CellVerdict, CellLog>> verdicts;
             for (const RowSeed& seed : rows) {
                 packet.protocol = static_cast<std::uint8_t>(seed.point.protocol);
                 packet.sourcePort = seed.point.sourcePort;
                 packet.destinationPort = seed.point.destinationPort;
                 packet.icmpType = static_cast<std::uint8_t>(seed.point.icmpType);
                 column.push_back(cellOf(answers, packet));
-                verdicts.push_back(column.back().verdict);
+                verdicts.emplace_back(column.back().verdict, column.back().log);
             }
             const auto [place, isNew] = columns.try_emplace(verdicts, cells.size());
             if (isNew) {
@@ -307,7 +311,6 @@ private:
     /// Adds the deciders of a column to those of one with the same verdicts.
     static void join(std::vector<MatrixCell>& column, const std::vector<MatrixCell>& more) {
         for (std::size_t i = 0; i < column.size(); ++i) {
-            column[i].log = column[i].log || more[i].log;
             for (const FW::FWPLACE& place : more[i].deciders) {
                 if (std::none_of(column[i].deciders.begin(), column[i].deciders.end(),
                                  [&](const FW::FWPLACE& known) { return isSame(known, place); })) {

@@ -21,9 +21,12 @@ enum class CellVerdict : std::uint8_t {
     kDepends,  ///< on what is not in the table, such as the destination address
 };
 
+/// Which packets of a cell are logged.
+enum class CellLog : std::uint8_t { kNone, kSome, kAll };
+
 struct MatrixCell {
     CellVerdict verdict = CellVerdict::kNone;
-    bool log = false;                   ///< packets of the cell are logged, some or all
+    CellLog log = CellLog::kNone;
     std::vector<FW::FWPLACE> deciders;  ///< in order, each once
 };
 
@@ -35,7 +38,7 @@ struct MatrixRow {
     std::vector<MatrixCell> cells;  ///< one for each of Matrix::senders
 };
 
-/// Addresses with the same rights: the verdicts of a whole column.
+/// Addresses with the same rights: the verdicts of a whole column, and what is logged.
 struct MatrixSenders {
     std::string text;  ///< "10.0.0.0/8 except 10.3.0.0/16"
     FW::FWADDRESSES addresses;

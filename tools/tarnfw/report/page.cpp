@@ -283,7 +283,10 @@ std::string cellOf(const Json::Value& cell, const std::string& from, const RuleL
                        "\"><details><summary><span class=\"from\" aria-hidden=\"true\">" +
                        html(from) + "</span><span class=\"sign\" aria-hidden=\"true\">" +
                        words.sign + "</span> " + words.word +
-                       (cell["log"].asBool() ? ", logged" : "") + "</summary><ol>";
+                       (cell["log"] == "all"    ? ", logged"
+                        : cell["log"] == "some" ? ", some logged"
+                                                : "") +
+                       "</summary><ol>";
     const Json::Value& deciders = cell["deciders"];
     const Json::ArrayIndex shown = std::min(deciders.size(), kMostDeciders);
     for (Json::ArrayIndex i = 0; i < shown; ++i) {
