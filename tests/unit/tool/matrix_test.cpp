@@ -156,12 +156,11 @@ TEST_F(MatrixTest, WhatTheTableDoesNotHaveDepends) {
 }
 
 TEST_F(MatrixTest, SourcePortsMakeRowsOfTheirOwn) {
-    add("eth0", {"allow udp source port 53"}, FW::FW_POLICY_DENY);
-    EXPECT_THAT(
-        rowsOf(matricesOf(meaning()).front()),
-        ElementsAre("service nfs, udp not from source port 53: deny", "service ssh: deny",
-                    "udp 0-110,112-2048,2050-65535, udp from source port 53: allow",
-                    "udp 111,2049, udp from source port 53: allow", "everything else: deny"));
+    add("eth0", {"allow udp source port 53", "deny service nfs"}, FW::FW_POLICY_DENY);
+    EXPECT_THAT(rowsOf(matricesOf(meaning()).front()),
+                ElementsAre("service nfs (udp not from source port 53): deny", "service ssh: deny",
+                            "udp 0-110,112-2048,2050-65535 from source port 53: allow",
+                            "udp 111,2049 from source port 53: allow", "everything else: deny"));
 }
 
 TEST_F(MatrixTest, ForwardedPacketsHaveATableWhereItDiffers) {

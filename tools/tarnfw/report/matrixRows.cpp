@@ -316,43 +316,58 @@ void leaveOutWhole(PacketKind& kind) {
     leaveOut(kind.icmpTypes, kHighestType);
 }
 
-/// "service nfs, udp not from source port 53": by the destination, for which rows are looked up.
+/// "from source port 53", "not from source port 53": the shorter way to say it.
+std::string sourceLimit(const FW::FWINTERVALS& sourcePorts) {
+    const PacketWords words;
+    const auto text = [&words](const FW::FWINTERVALS& ports) {
+        const std::string udp = words.kindsText({{{{IPPROTO_UDP, IPPROTO_UDP}}, ports, {}, {}}});
+        return udp.substr(udp.find(' ') + 1);  // without the protocol
+    };
+    FW::FWINTERVALS others;
+    std::uint32_t next = 0;
+    for (const FW::FWINTERVAL& one : sourcePorts) {
+        if (next < one.first) {
+            others.push_back(
+                {static_cast<std::uint16_t>(next), static_cast<std::uint16_t>(one.first - 1)});
+        }
+        next = one.last + 1U;
+    }
+    if (next <= kHighestPort) {
+        others.push_back({static_cast<std::uint16_t>(next), kHighestPort});
+    }
+    const bool isNot = !others.empty() && others.size() < sourcePorts.size();
+    return isNot ? "not " + text(others) : text(sourcePorts);
+}
+
+/// "udp 53", "tcp 80 from source port 53", "service nfs (udp not from source port 53)": by the
+/// destination, for which rows are looked up.
 std::string rowText(const std::vector<PacketKind>& kinds, const PacketWords& words) {
     std::vector<PacketKind> plain = kinds;
-    std::string limits;
-    std::set<std::uint16_t> limited;
+    std::map<std::uint16_t, std::string> limits;  // by protocol
     for (PacketKind& kind : plain) {
-        if (kind.sourcePorts.empty()) {
-            continue;
+        const std::string limit =
+            kind.sourcePorts.empty() ? std::string() : sourceLimit(kind.sourcePorts);
+        const auto known = limits.emplace(kind.protocols.front().first, limit).first;
+        if (known->second != limit) {
+            return words.kindsText(kinds);  // it differs from port to port
         }
-        PacketKind own{kind.protocols, kind.sourcePorts, {}, {}};
-        const bool isMost =
-            own.sourcePorts.front().first == 0 && own.sourcePorts.back().last == kHighestPort;
-        if (isMost) {
-            Cuts cuts(kHighestPort);
-            cuts.add(kind.sourcePorts);
-            own.sourcePorts = cuts.intervals();
-            const auto isKept = [&kind](const FW::FWINTERVAL& one) {
-                return contains(kind.sourcePorts, one.first);
-            };
-            own.sourcePorts.erase(
-                std::remove_if(own.sourcePorts.begin(), own.sourcePorts.end(), isKept),
-                own.sourcePorts.end());
-        }
-        std::string text = words.kindsText({own});  // "udp from source port 53"
-        if (isMost) {
-            text.insert(std::min(text.find(' '), text.size()), " not");
-        }
-        limits += ", " + text;
         kind.sourcePorts.clear();
-        if (!limited.insert(kind.protocols.front().first).second || own.sourcePorts.empty()) {
-            return words.kindsText(kinds);  // what is limited differs from port to port
+    }
+    const std::string text = words.kindsText(plain);
+    const std::string& first = limits.begin()->second;
+    if (std::all_of(limits.begin(), limits.end(),
+                    [&](const auto& limit) { return limit.second == first; })) {
+        const bool isOne = text.find(", ") == std::string::npos;
+        return first.empty() ? text : isOne ? text + " " + first : text + " (" + first + ")";
+    }
+    std::string notes;
+    for (const auto& [protocol, limit] : limits) {
+        if (!limit.empty()) {
+            notes += (notes.empty() ? "" : ", ") +
+                     std::string(protocol == IPPROTO_TCP ? "tcp " : "udp ") + limit;
         }
     }
-    const bool isAll = plain.size() == 1 && plain.front().destinationPorts.empty();
-    return limits.empty() ? words.kindsText(kinds)
-           : isAll        ? limits.substr(2)
-                          : words.kindsText(plain) + limits;
+    return text + " (" + notes + ")";
 }
 
 }  // namespace
