@@ -15,6 +15,7 @@
 
 #include "random_profile.h"
 #include "report/facts.h"
+#include "report/matrixRows.h"
 #include "tarnfwadmin/ruleSyntax.h"
 
 namespace tarnfw {
@@ -109,12 +110,12 @@ TEST_F(MatrixTest, SendersWithTheSameRightsAreOneColumn) {
                             "everybody except 10.0.0.0-10.2.255.255, 10.4.0.0-10.255.255.255, "
                             "172.16.0.0/12 and 192.168.0.0/16"));
     EXPECT_THAT(rowsOf(matrix),
-                ElementsAre("service nfs: deny deny deny", "service ssh: allow deny deny",
-                            "tcp 445: deny allow deny", "everything else: deny deny deny"));
-    EXPECT_EQ(matrix.rows[1].ports, "tcp 22");
-    EXPECT_THAT(decidersOf(matrix.rows[1].cells[0]),
+                ElementsAre("service ssh: allow deny deny", "tcp 445: deny allow deny",
+                            "everything else: deny deny deny"));
+    EXPECT_EQ(matrix.rows[0].ports, "tcp 22");
+    EXPECT_THAT(decidersOf(matrix.rows[0].cells[0]),
                 ElementsAre("rule 3 of eth0", "rule 4 of eth0"));
-    EXPECT_THAT(decidersOf(matrix.rows[2].cells[2]),
+    EXPECT_THAT(decidersOf(matrix.rows[1].cells[2]),
                 ElementsAre("rule 1 of eth0", "the default policy of eth0"));
 }
 
@@ -125,15 +126,13 @@ TEST_F(MatrixTest, EachAdapterHasItsTables) {
     const std::vector<Matrix> matrices = matricesOf(meaning());
     EXPECT_THAT(titlesOf(matrices),
                 ElementsAre("eth0 v4", "eth0 v6", "vpn v4", "vpn v6", "others v4", "others v6"));
-    EXPECT_THAT(rowsOf(matrices[0]), ElementsAre("service nfs: deny", "service ssh: allow",
-                                                 "icmp: allow", "everything else: deny"));
-    EXPECT_THAT(rowsOf(matrices[1]), ElementsAre("service nfs: deny", "service ssh: deny",
-                                                 "icmp: allow", "everything else: deny"));
-    EXPECT_THAT(rowsOf(matrices[2]), ElementsAre("service nfs: allow", "service ssh: deny+log",
-                                                 "icmp: allow", "everything else: allow"));
-    EXPECT_THAT(rowsOf(matrices[4]), ElementsAre("service nfs: none", "service ssh: none",
-                                                 "icmp: allow", "everything else: none"));
-    EXPECT_THAT(decidersOf(matrices[4].rows[3].cells[0]), ElementsAre("no rule"));
+    EXPECT_THAT(rowsOf(matrices[0]),
+                ElementsAre("icmp: allow", "service ssh: allow", "everything else: deny"));
+    EXPECT_THAT(rowsOf(matrices[1]), ElementsAre("icmp: allow", "everything else: deny"));
+    EXPECT_THAT(rowsOf(matrices[2]),
+                ElementsAre("icmp: allow", "service ssh: deny+log", "everything else: allow"));
+    EXPECT_THAT(rowsOf(matrices[4]), ElementsAre("icmp: allow", "everything else: none"));
+    EXPECT_THAT(decidersOf(matrices[4].rows[1].cells[0]), ElementsAre("no rule"));
 }
 
 TEST_F(MatrixTest, SendersThatAreLoggedHaveAColumnOfTheirOwn) {
@@ -142,25 +141,51 @@ TEST_F(MatrixTest, SendersThatAreLoggedHaveAColumnOfTheirOwn) {
     const Matrix matrix = matricesOf(meaning()).front();
     EXPECT_THAT(sendersOf(matrix), ElementsAre("10.0.0.0/8", "everybody except 10.0.0.0/8"));
     EXPECT_THAT(rowsOf(matrix),
-                ElementsAre("service nfs: deny+log deny", "service ssh: deny+log deny+some",
-                            "everything else: deny+log deny"));
+                ElementsAre("service ssh: deny+log deny+some", "everything else: deny+log deny"));
 }
 
 TEST_F(MatrixTest, WhatTheTableDoesNotHaveDepends) {
     add("eth0", {"allow tcp 22 to 10.0.0.5"}, FW::FW_POLICY_DENY);
     const Matrix matrix = matricesOf(meaning()).front();
-    EXPECT_THAT(rowsOf(matrix),
-                ElementsAre("service nfs: deny", "service ssh: depends", "everything else: deny"));
-    EXPECT_THAT(decidersOf(matrix.rows[1].cells[0]),
+    EXPECT_THAT(rowsOf(matrix), ElementsAre("service ssh: depends", "everything else: deny"));
+    EXPECT_THAT(decidersOf(matrix.rows[0].cells[0]),
                 ElementsAre("rule 1 of eth0", "the default policy of eth0"));
 }
 
 TEST_F(MatrixTest, SourcePortsMakeRowsOfTheirOwn) {
     add("eth0", {"allow udp source port 53", "deny service nfs"}, FW::FW_POLICY_DENY);
     EXPECT_THAT(rowsOf(matricesOf(meaning()).front()),
-                ElementsAre("service nfs (udp not from source port 53): deny", "service ssh: deny",
+                ElementsAre("service nfs (udp not from source port 53): deny",
                             "udp 0-110,112-2048,2050-65535 from source port 53: allow",
                             "udp 111,2049 from source port 53: allow", "everything else: deny"));
+}
+
+TEST_F(MatrixTest, RowsAreOfTheRulesForTheInterface) {
+    add("eth0", {"allow service ssh"}, FW::FW_POLICY_DENY);
+    add("vpn", {"allow tcp 443 (IPv4)", "allow service nfs to 10.0.0.5"}, FW::FW_POLICY_DENY);
+    const std::vector<Matrix> matrices = matricesOf(meaning());
+    ASSERT_EQ(matrices.size(), 6U);
+    EXPECT_THAT(rowsOf(matrices[0]), ElementsAre("service ssh: allow", "everything else: deny"));
+    EXPECT_THAT(rowsOf(matrices[2]),
+                ElementsAre("service nfs: depends", "tcp 443: allow", "everything else: deny"));
+    EXPECT_THAT(rowsOf(matrices[3]), ElementsAre("everything: deny"));
+    EXPECT_THAT(rowsOf(matrices[4]), ElementsAre("everything: none"));
+}
+
+TEST_F(MatrixTest, PairsOfPortsAreNotAllTriedOut) {
+    Texts rules;
+    for (int i = 0; i < 600; ++i) {
+        rules.push_back("allow tcp source port " + std::to_string(2 * i + 1));
+        rules.push_back("allow tcp " + std::to_string(2 * i + 1001));
+    }
+    add("eth0", rules, FW::FW_POLICY_DENY);
+    const Matrix matrix = matricesOf(meaning()).front();
+    EXPECT_EQ(matrix.rows.size(), kMostRows);
+    // 601 classes on both sides; udp and the other protocols are in the row of the rest.
+    EXPECT_EQ(matrix.rows.size() + matrix.otherRows, 601U * 601U);
+    EXPECT_THAT(matrix.rows.front().text,
+                testing::StartsWith("tcp 1001 not from source port 1,3,"));
+    EXPECT_EQ(matrix.rows.back().text, "everything else");
 }
 
 TEST_F(MatrixTest, ForwardedPacketsHaveATableWhereItDiffers) {
@@ -198,7 +223,7 @@ TEST_F(MatrixTest, OfTooManyOnlyTheLargestAreShown) {
     EXPECT_THAT(matrix.senders.front().text, testing::EndsWith("/16"));
     EXPECT_THAT(matrix.senders.back().text, testing::StartsWith("everybody except "));
     EXPECT_EQ(matrix.rows.size(), kMostRows);
-    EXPECT_EQ(matrix.rows.size() + matrix.otherRows, 403U);
+    EXPECT_EQ(matrix.rows.size() + matrix.otherRows, 401U);
     EXPECT_EQ(matrix.rows.back().text, "everything else");
 }
 

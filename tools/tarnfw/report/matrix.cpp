@@ -161,9 +161,6 @@ public:
 
     std::vector<Matrix> matrices() {
         std::vector<Matrix> all;
-        for (const FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
-            rows_[family] = rowsOf(rules_, meaning_, family, words_);
-        }
         for (const InterfaceGroup& group : interfaceGroupsOf(meaning_, rules_)) {
             for (const FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
                 Matrix input = matrix(group, family, FW::FW_CHAIN_INPUT);
@@ -201,7 +198,8 @@ private:
                           }) &&
                std::equal(a.rows.begin(), a.rows.end(), b.rows.begin(), b.rows.end(),
                           [&](const MatrixRow& one, const MatrixRow& other) {
-                              return std::equal(one.cells.begin(), one.cells.end(),
+                              return one.text == other.text && one.ports == other.ports &&
+                                     std::equal(one.cells.begin(), one.cells.end(),
                                                 other.cells.begin(), other.cells.end(), sameCells);
                           });
     }
@@ -234,12 +232,8 @@ private:
         packet.in = group.examples.front();
         packet.state = FW::FW_STATE_NEW;
         const bool isPoint = fillUnread(rules, packet);
-        std::vector<RowSeed> rows = rows_[family];
-        if (rows.size() > kMostRows) {  // the rest, which is the last, stays
-            matrix.otherRows = rows.size() - kMostRows;
-            rows.erase(rows.end() - 1 - static_cast<std::ptrdiff_t>(matrix.otherRows),
-                       rows.end() - 1);
-        }
+        auto [rows, otherRows] = rowsOf(rules, meaning_, family, words_);
+        matrix.otherRows = otherRows;
         // One table may take a part of what is left, so that the later ones get theirs.
         const std::size_t column = rows.size() * (isPoint ? 1 : rules.size() + 1);
         const std::size_t groups =
@@ -372,7 +366,6 @@ private:
     Rules rules_;
     PacketWords words_;
     PacketWords senderWords_;
-    std::map<FW_FAMILY, std::vector<RowSeed>> rows_;
     std::size_t work_ = 0;
 };
 

@@ -30,7 +30,8 @@ struct MatrixCell {
     std::vector<FW::FWPLACE> deciders;  ///< in order, each once
 };
 
-/// Packets of which every rule of the profile matches all or none, whatever else they are.
+/// Packets of which every rule for the table's interfaces matches all or none, whatever else they
+/// are.
 struct MatrixRow {
     std::string text;               ///< "service ssh", "tcp 8080", "everything else"
     std::string ports;              ///< the same without the names of services: "tcp 22"
@@ -54,13 +55,12 @@ struct Matrix {
     std::vector<MatrixSenders> senders;        ///< the fewest addresses first
     std::vector<MatrixRow> rows;               ///< services, then ports, then the rest
     std::size_t otherSenders = 0;              ///< groups of senders left out, the smallest ones
-    std::size_t otherRows = 0;                 ///< rows left out, of ports
+    std::size_t otherRows = 0;                 ///< rows left out, of ports: no more than this
     bool tooComplex = false;  ///< there is no table: it would take too long to make
 };
 
-/// How large a table may be, for a person to read.
+/// How many columns there are for a person to read.
 inline constexpr std::size_t kMostSenders = 60;
-inline constexpr std::size_t kMostRows = 300;
 
 /// The tables of a profile: by adapter, then by family; one for both chains where they are the
 /// same. The lines of every profile are left out: packets of established connections, of neighbour

@@ -13,6 +13,7 @@
 #include "tarnfirewall/fwTypes.h"
 
 #include "tarnfwadmin/packetGroup.h"
+#include "tarnfwadmin/place.h"
 
 namespace tarnfw {
 namespace {
@@ -23,8 +24,15 @@ using Rules = std::vector<FW::FWRESOLVEDRULE>;
 constexpr std::uint16_t kHighestPort = 65535;
 constexpr std::uint16_t kHighestType = 255;
 
+/// What rows may cost, in lists and intervals that are looked at for each protocol. Rules for the
+/// ports of one side and rules for those of the other make a row for each pair of them.
+constexpr std::size_t kMostRowWork = 1000000;
+
 /// What a rule or a service has for kinds of packets: one of the sets.
-using KindList = std::vector<PacketKind>;
+struct KindList {
+    std::vector<PacketKind> kinds;
+    bool isService = false;
+};
 
 bool contains(const FW::FWINTERVALS& intervals, std::uint16_t value) {
     return intervals.empty() ||
@@ -85,15 +93,19 @@ bool areEqual(const FW::FWINTERVALS& a, const FW::FWINTERVALS& b) {
     });
 }
 
-/// Adds intervals that come after those of the list, and may go on where it ends.
-void append(FW::FWINTERVALS& list, const FW::FWINTERVALS& more) {
-    for (const FW::FWINTERVAL& one : more) {
-        if (!list.empty() && list.back().last + 1 == one.first) {
-            list.back().last = one.last;
+void unite(FW::FWINTERVALS& list, const FW::FWINTERVALS& more) {
+    list.insert(list.end(), more.begin(), more.end());
+    std::sort(list.begin(), list.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
+    FW::FWINTERVALS all;
+    for (const FW::FWINTERVAL& one : list) {
+        if (!all.empty() && one.first <= all.back().last + 1) {
+            all.back().last = std::max(all.back().last, one.last);
         } else {
-            list.push_back(one);
+            all.push_back(one);
         }
     }
+    list = std::move(all);
 }
 
 PacketKind kindOf(const FW::FWPACKETSET& packets) {
@@ -109,7 +121,7 @@ using ListKey = std::vector<std::size_t>;
 
 ListKey keyOf(const KindList& list) {
     ListKey key;
-    for (const PacketKind& kind : list) {
+    for (const PacketKind& kind : list.kinds) {
         for (const FW::FWINTERVALS* const intervals :
              {&kind.protocols, &kind.sourcePorts, &kind.destinationPorts, &kind.icmpTypes}) {
             key.push_back(intervals->size());
@@ -129,11 +141,40 @@ bool differInKindAlone(const FW::FWRESOLVEDRULE& a, const FW::FWRESOLVEDRULE& b)
            a.packets.destinations == b.packets.destinations && a.packets.states == b.packets.states;
 }
 
-/// The kinds that rows are made of: of the rules, each list once, and of the services that they
-/// name. What a rule has for several protocols is one list. Those of all packets tell none apart.
-std::vector<KindList> kindListsOf(const Rules& rules, const FW::FWENVIRONMENT& environment,
-                                  FW_FAMILY family) {
+/// The services that the rules name.
+std::set<std::string> servicesOf(const Rules& rules, const FW::FWPROFILE& profile) {
+    std::set<std::string> names;
+    const FW::FWPLACE* before = nullptr;
+    for (const FW::FWRESOLVEDRULE& resolved : rules) {
+        const auto place = rulePlaceOf(resolved.place);
+        if (!place || place->position == 0 ||
+            (before != nullptr && isSame(*before, resolved.place))) {
+            continue;
+        }
+        before = &resolved.place;
+        const FW::FWRULE& rule = profile.rules.at(place->adapter).at(place->position - 1);
+        if (rule.portGroup == FW::FW_PORT_GROUP_SERVICES ||
+            rule.portGroup == FW::FW_PORT_GROUP_RESERVED) {
+            names.insert(rule.portList.begin(), rule.portList.end());
+        }
+    }
+    return names;
+}
+
+/// The kinds that rows are made of: of the services that rules name, and of the rules, each list
+/// once. What a rule has for several protocols is one list. Those of all packets tell none apart.
+std::vector<KindList> kindListsOf(const Rules& rules, const Meaning& meaning, FW_FAMILY family) {
     std::vector<KindList> lists;
+    for (const std::string& name : servicesOf(rules, meaning.profile())) {
+        const auto service = meaning.environment().services.find(name);
+        if (service != meaning.environment().services.end()) {
+            KindList& list = lists.emplace_back();
+            list.isService = true;
+            for (const FW::FWPACKETSET& packets : FW::fwServicePackets(name, service->second)) {
+                list.kinds.push_back(kindOf(packets));
+            }
+        }
+    }
     const FW::FWRESOLVEDRULE* before = nullptr;
     for (const FW::FWRESOLVEDRULE& rule : rules) {
         if ((rule.packets.families & (1U << family)) == 0) {
@@ -142,43 +183,102 @@ std::vector<KindList> kindListsOf(const Rules& rules, const FW::FWENVIRONMENT& e
         if (before == nullptr || !differInKindAlone(*before, rule)) {
             lists.emplace_back();
         }
-        lists.back().push_back(kindOf(rule.packets));
+        lists.back().kinds.push_back(kindOf(rule.packets));
         before = &rule;
     }
-    for (const auto& [name, ports] : environment.services) {
-        lists.emplace_back();
-        for (const FW::FWPACKETSET& packets : FW::fwServicePackets(name, ports)) {
-            lists.back().push_back(kindOf(packets));
-        }
-    }
     std::set<ListKey> seen;
-    lists.erase(
-        std::remove_if(lists.begin(), lists.end(),
-                       [&seen](const KindList& list) {
-                           const bool hasAll = std::any_of(list.begin(), list.end(), isEverything);
-                           return list.empty() || hasAll || !seen.insert(keyOf(list)).second;
-                       }),
-        lists.end());
+    const auto isNeedless = [&seen](const KindList& list) {
+        return std::any_of(list.kinds.begin(), list.kinds.end(), isEverything) ||
+               list.kinds.empty() || !seen.insert(keyOf(list)).second;
+    };
+    lists.erase(std::remove_if(lists.begin(), lists.end(), isNeedless), lists.end());
     return lists;
 }
 
+using Numbers = std::vector<std::uint32_t>;  // ascending
+
+/// Ports of one side that the same kinds have.
+struct PortClass {
+    Numbers kinds;
+    FW::FWINTERVALS ports;
+};
+
+/// Which kinds have which ports of one side.
+class PortClasses {
+public:
+    void add(std::uint32_t kind, const FW::FWINTERVALS& ports) {
+        cuts_.add(ports);
+        for (const FW::FWINTERVAL& one : ports) {
+            edges_[one.first].push_back({kind, true});
+            if (one.last < kHighestPort) {
+                edges_[static_cast<std::uint16_t>(one.last + 1)].push_back({kind, false});
+            }
+        }
+    }
+
+    /// The class with the fewest kinds first, which has what the rules leave, then by port.
+    /// Those of high ports are only counted, in `others`, where it takes more than kMostRowWork.
+    std::vector<PortClass> classes(std::size_t& others) const {
+        std::size_t work = kMostRowWork;
+        std::map<Numbers, FW::FWINTERVALS> byKinds;
+        std::set<std::uint32_t> kinds;
+        const FW::FWINTERVALS intervals = cuts_.intervals();
+        for (std::size_t i = 0; i < intervals.size(); ++i) {
+            const auto edges = edges_.find(intervals[i].first);
+            if (edges != edges_.end()) {
+                for (const Edge& edge : edges->second) {
+                    edge.begins ? (void)kinds.insert(edge.kind) : (void)kinds.erase(edge.kind);
+                }
+            }
+            if (work < kinds.size() + 1) {
+                others = intervals.size() - i;
+                break;
+            }
+            work -= kinds.size() + 1;
+            byKinds[Numbers(kinds.begin(), kinds.end())].push_back(intervals[i]);
+        }
+        std::vector<PortClass> all;
+        for (auto& [members, ports] : byKinds) {
+            all.push_back({members, std::move(ports)});
+            unite(all.back().ports, {});
+        }
+        std::sort(all.begin(), all.end(), [](const PortClass& a, const PortClass& b) {
+            return std::make_tuple(!a.kinds.empty(), a.ports.front().first) <
+                   std::make_tuple(!b.kinds.empty(), b.ports.front().first);
+        });
+        return all;
+    }
+
+private:
+    struct Edge {
+        std::uint32_t kind;
+        bool begins;
+    };
+    Cuts cuts_{kHighestPort};
+    std::map<std::uint16_t, std::vector<Edge>> edges_;
+};
+
 class RowMaker {
 public:
-    RowMaker(std::vector<KindList> lists, FW_FAMILY family)
-        : lists_(std::move(lists)),
-          icmp_(icmpOf(family)),
-          otherIcmp_(icmpOf(family == FW::FW_FAMILY_V6 ? FW::FW_FAMILY_V4 : FW::FW_FAMILY_V6)) {}
+    RowMaker(const std::vector<KindList>& lists, FW_FAMILY family)
+        : icmp_(icmpOf(family)),
+          otherIcmp_(icmpOf(family == FW::FW_FAMILY_V6 ? FW::FW_FAMILY_V4 : FW::FW_FAMILY_V6)) {
+        for (const KindList& list : lists) {
+            for (const PacketKind& kind : list.kinds) {
+                kinds_.push_back({kind, static_cast<std::uint32_t>(isService_.size())});
+            }
+            isService_.push_back(list.isService);
+        }
+    }
 
-    std::vector<RowSeed> rows() {
+    RowSeeds rows() {
         Cuts protocols(255);
         protocols.add({{icmp_, icmp_},
                        {otherIcmp_, otherIcmp_},
                        {IPPROTO_TCP, IPPROTO_TCP},
                        {IPPROTO_UDP, IPPROTO_UDP}});
-        for (const KindList& list : lists_) {
-            for (const PacketKind& kind : list) {
-                protocols.add(kind.protocols);
-            }
+        for (const ListedKind& kind : kinds_) {
+            protocols.add(kind.kind.protocols);
         }
         for (const FW::FWINTERVAL& interval : protocols.intervals()) {
             if (interval.first == otherIcmp_) {
@@ -189,83 +289,143 @@ public:
             } else if (interval.first == icmp_) {
                 addTypes();
             } else {
-                add({{interval}, {}, {}, {}}, {interval.first, 0, 0, 0});
+                addPoint({{interval}, {}, {}, {}}, {interval.first, 0, 0, 0});
             }
         }
-        std::vector<RowSeed> rows;
+        RowSeeds seeds;
+        seeds.others = others_;
         for (auto& [members, seed] : rows_) {
-            seed.isRest = std::find(members.begin(), members.end(), true) == members.end();
-            rows.push_back(std::move(seed));
+            seed.isRest = members.empty();
+            seed.isService = std::any_of(members.begin(), members.end(),
+                                         [&](std::uint32_t list) { return isService_[list]; });
+            seeds.rows.push_back(std::move(seed));
         }
-        return rows;
+        return seeds;
     }
 
 private:
+    struct ListedKind {
+        PacketKind kind;
+        std::uint32_t list;
+    };
+
     static std::uint16_t icmpOf(FW_FAMILY family) {
         return static_cast<std::uint16_t>(family == FW::FW_FAMILY_V6 ? int(IPPROTO_ICMPV6)
                                                                      : int(IPPROTO_ICMP));
     }
 
+    /// A row for each pair of source and destination ports that kinds tell apart; first those with
+    /// the ports of one side that no kind has, as long as that takes no more than kMostRowWork.
     void addPorts(std::uint16_t protocol) {
-        Cuts sources(kHighestPort);
-        Cuts destinations(kHighestPort);
-        for (const KindList& list : lists_) {
-            for (const PacketKind& kind : list) {
-                if (contains(kind.protocols, protocol)) {
-                    sources.add(kind.sourcePorts);
-                    destinations.add(kind.destinationPorts);
-                }
+        PortClasses sourceClasses;
+        PortClasses destinationClasses;
+        Numbers always;  // lists
+        for (std::uint32_t i = 0; i < kinds_.size(); ++i) {
+            const PacketKind& kind = kinds_[i].kind;
+            if (!contains(kind.protocols, protocol) || !kind.icmpTypes.empty()) {
+                continue;
+            }
+            sourceClasses.add(i, kind.sourcePorts);
+            destinationClasses.add(i, kind.destinationPorts);
+            if (kind.sourcePorts.empty() && kind.destinationPorts.empty()) {
+                always.push_back(kinds_[i].list);
             }
         }
-        const FW::FWINTERVALS sourcePorts = sources.intervals();
-        for (const FW::FWINTERVAL& source : sourcePorts) {
-            for (const FW::FWINTERVAL& destination : destinations.intervals()) {
-                PacketKind kind;
-                kind.protocols = {{protocol, protocol}};
-                if (sourcePorts.size() > 1) {
-                    kind.sourcePorts = {source};
-                }
-                kind.destinationPorts = {destination};
-                add(std::move(kind), {protocol, source.first, destination.first, 0});
+        std::size_t otherDestinations = 0;
+        std::size_t otherSources = 0;
+        const auto destinations = destinationClasses.classes(otherDestinations);
+        const auto sources = sourceClasses.classes(otherSources);
+        std::size_t work = kMostRowWork;
+        std::size_t done = 0;
+        const auto addPair = [&](const PortClass& source, const PortClass& destination) {
+            const std::size_t cost = source.kinds.size() + source.ports.size() +
+                                     destination.kinds.size() + destination.ports.size();
+            if (work < cost) {
+                work = 0;
+                return;
+            }
+            work -= cost;
+            ++done;
+            PacketKind kind;
+            kind.protocols = {{protocol, protocol}};
+            kind.sourcePorts = source.ports;
+            kind.destinationPorts = destination.ports;
+            const KindPoint point{protocol, source.ports.front().first,
+                                  destination.ports.front().first, 0};
+            add(std::move(kind), point, listsOf(always, source, destination)).isBySource =
+                !source.kinds.empty();
+        };
+        for (const PortClass& destination : destinations) {
+            addPair(sources.front(), destination);
+        }
+        for (std::size_t i = 1; i < sources.size(); ++i) {
+            addPair(sources[i], destinations.front());
+        }
+        for (std::size_t i = 1; i < sources.size() && work > 0; ++i) {
+            for (std::size_t j = 1; j < destinations.size() && work > 0; ++j) {
+                addPair(sources[i], destinations[j]);
             }
         }
+        others_ +=
+            (sources.size() + otherSources) * (destinations.size() + otherDestinations) - done;
+    }
+
+    Numbers listsOf(const Numbers& always, const PortClass& source,
+                    const PortClass& destination) const {
+        Numbers lists = always;
+        for (const std::uint32_t kind : destination.kinds) {
+            if (kinds_[kind].kind.sourcePorts.empty() ||
+                std::binary_search(source.kinds.begin(), source.kinds.end(), kind)) {
+                lists.push_back(kinds_[kind].list);
+            }
+        }
+        for (const std::uint32_t kind : source.kinds) {
+            if (kinds_[kind].kind.destinationPorts.empty()) {
+                lists.push_back(kinds_[kind].list);
+            }
+        }
+        return lists;
     }
 
     void addTypes() {
         Cuts types(kHighestType);
-        for (const KindList& list : lists_) {
-            for (const PacketKind& kind : list) {
-                if (contains(kind.protocols, icmp_)) {
-                    types.add(kind.icmpTypes);
-                }
+        for (const ListedKind& kind : kinds_) {
+            if (contains(kind.kind.protocols, icmp_)) {
+                types.add(kind.kind.icmpTypes);
             }
         }
         for (const FW::FWINTERVAL& type : types.intervals()) {
-            add({{{kIcmpOfFamily, kIcmpOfFamily}}, {}, {}, {type}}, {icmp_, 0, 0, type.first});
+            addPoint({{{kIcmpOfFamily, kIcmpOfFamily}}, {}, {}, {type}}, {icmp_, 0, 0, type.first});
         }
     }
 
-    /// To the row of the packets that the same lists have.
-    void add(PacketKind kind, const KindPoint& point) {
-        const bool isIcmp = point.protocol == icmp_;
-        std::vector<bool> members;
-        members.reserve(lists_.size());
-        for (const KindList& list : lists_) {
-            members.push_back(std::any_of(list.begin(), list.end(), [&](const PacketKind& one) {
-                return contains(one, point, isIcmp);
-            }));
+    /// Packets without ports.
+    void addPoint(PacketKind kind, const KindPoint& point) {
+        Numbers lists;
+        for (const ListedKind& one : kinds_) {
+            if (contains(one.kind, point, point.protocol == icmp_)) {
+                lists.push_back(one.list);
+            }
         }
-        const auto [row, isNew] = rows_.try_emplace(std::move(members));
+        add(std::move(kind), point, std::move(lists));
+    }
+
+    /// To the row of the packets that the same lists have.
+    RowSeed& add(PacketKind kind, const KindPoint& point, Numbers lists) {
+        std::sort(lists.begin(), lists.end());
+        lists.erase(std::unique(lists.begin(), lists.end()), lists.end());
+        const auto [row, isNew] = rows_.try_emplace(std::move(lists));
         std::vector<PacketKind>& kinds = row->second.row.kinds;
         if (isNew) {
             row->second.point = point;
         }
         for (PacketKind& known : kinds) {
             if (joins(known, kind)) {
-                return;
+                return row->second;
             }
         }
         kinds.push_back(std::move(kind));
+        return row->second;
     }
 
     /// Adds a kind to one that differs only in destination ports or types, if it is one.
@@ -274,15 +434,17 @@ private:
             !areEqual(known.sourcePorts, kind.sourcePorts)) {
             return false;
         }
-        append(known.destinationPorts, kind.destinationPorts);
-        append(known.icmpTypes, kind.icmpTypes);
+        unite(known.destinationPorts, kind.destinationPorts);
+        unite(known.icmpTypes, kind.icmpTypes);
         return true;
     }
 
-    std::vector<KindList> lists_;
+    std::vector<ListedKind> kinds_;
+    std::vector<bool> isService_;  // by list
     std::uint16_t icmp_;
     std::uint16_t otherIcmp_;
-    std::map<std::vector<bool>, RowSeed> rows_;
+    std::map<Numbers, RowSeed> rows_;
+    std::size_t others_ = 0;
 };
 
 /// Kinds that differ only in source ports are one.
@@ -298,7 +460,7 @@ void joinSources(std::vector<PacketKind>& kinds) {
         if (found == joint.end()) {
             joint.push_back(std::move(kind));
         } else {
-            append(found->sourcePorts, kind.sourcePorts);
+            unite(found->sourcePorts, kind.sourcePorts);
         }
     }
     kinds = std::move(joint);
@@ -370,39 +532,52 @@ std::string rowText(const std::vector<PacketKind>& kinds, const PacketWords& wor
     return text + " (" + notes + ")";
 }
 
+/// As people look for rows.
+auto orderOf(const RowSeed& seed) {
+    const PacketKind& kind = seed.row.kinds.front();
+    const bool isService = seed.row.text.rfind("service ", 0) == 0;
+    return std::make_tuple(seed.isRest, !isService, isService ? seed.row.text : std::string(),
+                           kind.protocols.front().first != kIcmpOfFamily, seed.isBySource,
+                           seed.point.protocol, seed.point.destinationPort, seed.point.sourcePort,
+                           seed.point.icmpType);
+}
+
 }  // namespace
 
 bool isSame(const FW::FWPLACE& a, const FW::FWPLACE& b) {
     return a.origin == b.origin && a.adapter == b.adapter && a.position == b.position;
 }
 
-std::vector<RowSeed> rowsOf(const Rules& rules, const Meaning& meaning, FW_FAMILY family,
-                            const PacketWords& words) {
-    std::vector<RowSeed> rows =
-        RowMaker(kindListsOf(rules, meaning.environment(), family), family).rows();
-    const PacketWords plain;
+RowSeeds rowsOf(const Rules& rules, const Meaning& meaning, FW_FAMILY family,
+                const PacketWords& words) {
+    RowSeeds seeds = RowMaker(kindListsOf(rules, meaning, family), family).rows();
+    std::vector<RowSeed>& rows = seeds.rows;
     for (RowSeed& seed : rows) {
         joinSources(seed.row.kinds);
         for (PacketKind& kind : seed.row.kinds) {
             leaveOutWhole(kind);
         }
-        seed.row.ports = rowText(seed.row.kinds, plain);
-        seed.row.text = !seed.isRest       ? rowText(seed.row.kinds, words)
-                        : rows.size() == 1 ? "everything"
-                                           : "everything else";
+        if (seed.isService && !seed.isRest) {
+            seed.row.text = rowText(seed.row.kinds, words);
+        }
     }
-    std::sort(rows.begin(), rows.end(), [](const RowSeed& a, const RowSeed& b) {
-        const auto key = [](const RowSeed& seed) {
-            const bool isService = seed.row.text.rfind("service ", 0) == 0;
-            const bool isIcmp = seed.row.kinds.front().protocols.front().first == kIcmpOfFamily;
-            return std::make_tuple(seed.isRest, !isService,
-                                   isService ? seed.row.text : std::string(), !isIcmp,
-                                   seed.point.protocol, seed.point.destinationPort,
-                                   seed.point.sourcePort, seed.point.icmpType);
-        };
-        return key(a) < key(b);
-    });
-    return rows;
+    std::sort(rows.begin(), rows.end(),
+              [](const RowSeed& a, const RowSeed& b) { return orderOf(a) < orderOf(b); });
+    const std::size_t all = rows.size();
+    if (all > kMostRows) {  // the rest, which is the last, stays
+        seeds.others += all - kMostRows;
+        rows.erase(rows.begin() + static_cast<std::ptrdiff_t>(kMostRows - 1), rows.end() - 1);
+    }
+    const PacketWords plain;
+    for (RowSeed& seed : rows) {
+        seed.row.ports = rowText(seed.row.kinds, plain);
+        if (seed.isRest) {
+            seed.row.text = all == 1 ? "everything" : "everything else";
+        } else if (seed.row.text.empty()) {
+            seed.row.text = rowText(seed.row.kinds, words);
+        }
+    }
+    return seeds;
 }
 
 }  // namespace tarnfw

@@ -1,7 +1,8 @@
-/// The rows of tables: packets of which every rule of a profile matches all or none, whatever their
-/// addresses and interfaces.
+/// The rows of tables: packets of which every rule matches all or none, whatever their addresses
+/// and interfaces.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -25,13 +26,24 @@ struct KindPoint {
 struct RowSeed {
     MatrixRow row;
     KindPoint point;
-    bool isRest = false;  ///< no list has its packets
+    bool isRest = false;      ///< no rule and no service is about its packets alone
+    bool isService = false;   ///< a service is, which may name it
+    bool isBySource = false;  ///< a rule for its source ports is
 };
 
-/// Of these rules, which are those of the profile, in a family: without cells. Sorted as people
-/// look for them: services by name, ports by number, the rest.
-std::vector<RowSeed> rowsOf(const std::vector<FW::FWRESOLVEDRULE>& rules, const Meaning& meaning,
-                            FW::FW_FAMILY family, const PacketWords& words);
+/// How many rows there are for a person to read.
+inline constexpr std::size_t kMostRows = 300;
+
+struct RowSeeds {
+    std::vector<RowSeed> rows;
+    std::size_t others = 0;  ///< rows that are left out; no more than this
+};
+
+/// Of the profile's rules for a table, with the services that these rules name, in a family:
+/// without cells. Sorted as people look for them: services by name, ports by number, those that
+/// depend on source ports, the rest. Of more than kMostRows, the first ones and the rest.
+RowSeeds rowsOf(const std::vector<FW::FWRESOLVEDRULE>& rules, const Meaning& meaning,
+                FW::FW_FAMILY family, const PacketWords& words);
 
 bool isSame(const FW::FWPLACE& a, const FW::FWPLACE& b);
 
