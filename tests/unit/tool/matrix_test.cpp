@@ -127,10 +127,10 @@ TEST_F(MatrixTest, EachAdapterHasItsTables) {
     EXPECT_THAT(titlesOf(matrices),
                 ElementsAre("eth0 v4", "eth0 v6", "vpn v4", "vpn v6", "others v4", "others v6"));
     EXPECT_THAT(rowsOf(matrices[0]),
-                ElementsAre("icmp: allow", "service ssh: allow", "everything else: deny"));
+                ElementsAre("service ssh: allow", "icmp: allow", "everything else: deny"));
     EXPECT_THAT(rowsOf(matrices[1]), ElementsAre("icmp: allow", "everything else: deny"));
     EXPECT_THAT(rowsOf(matrices[2]),
-                ElementsAre("icmp: allow", "service ssh: deny+log", "everything else: allow"));
+                ElementsAre("service ssh: deny+log", "icmp: allow", "everything else: allow"));
     EXPECT_THAT(rowsOf(matrices[4]), ElementsAre("icmp: allow", "everything else: none"));
     EXPECT_THAT(decidersOf(matrices[4].rows[1].cells[0]), ElementsAre("no rule"));
 }
@@ -142,6 +142,41 @@ TEST_F(MatrixTest, SendersThatAreLoggedHaveAColumnOfTheirOwn) {
     EXPECT_THAT(sendersOf(matrix), ElementsAre("10.0.0.0/8", "everybody except 10.0.0.0/8"));
     EXPECT_THAT(rowsOf(matrix),
                 ElementsAre("service ssh: deny+log deny+some", "everything else: deny+log deny"));
+}
+
+TEST_F(MatrixTest, AdaptersWithTheSameTablesShareThem) {
+    add("global", {"allow icmp"}, FW::FW_POLICY_NONE);
+    add("eth0", {"allow service ssh"}, FW::FW_POLICY_DENY);
+    add("eth1", {"allow service nfs"}, FW::FW_POLICY_DENY);
+    add("eth2", {"deny tcp 22 from 10.0.0.0/8", "allow tcp 22"}, FW::FW_POLICY_DENY);
+    add("eth3", {"deny udp 1", "allow tcp 22"}, FW::FW_POLICY_DENY);
+    add("eth4", {"allow service ssh (IPv4)", "allow tcp 22 (IPv6)"}, FW::FW_POLICY_DENY);
+    profile_.rules["eth3"].front().enable = false;
+    add("eth5", {}, FW::FW_POLICY_NONE);
+    const std::vector<Matrix> matrices = matricesOf(meaning());
+    EXPECT_THAT(titlesOf(matrices),
+                ElementsAre("eth0 eth3 eth4 v4", "eth0 eth3 eth4 v6", "eth1 v4", "eth1 v6",
+                            "eth2 v4", "eth2 v6", "others eth5 v4", "others eth5 v6"));
+    EXPECT_THAT(rowsOf(matrices[0]),
+                ElementsAre("service ssh: allow", "icmp: allow", "everything else: deny"));
+    EXPECT_THAT(decidersOf(matrices[0].rows[0].cells[0]),
+                ElementsAre("rule 1 of eth0", "rule 2 of eth3", "rule 1 of eth4"));
+    const Json::Value tables = reportFacts(meaning())["tables"];
+    EXPECT_EQ(tables[0]["title"], "eth0, eth3 and eth4");
+    EXPECT_EQ(tables[6]["title"], "eth5 and every other interface");
+}
+
+TEST_F(MatrixTest, OfManyDecidersSomeAreNamed) {
+    Texts rules;
+    for (int i = 0; i < 40; ++i) {
+        rules.push_back("allow tcp 22 to 10.0.0." + std::to_string(i));
+    }
+    add("eth0", rules, FW::FW_POLICY_DENY);
+    const MatrixCell cell = matricesOf(meaning()).front().rows.front().cells.front();
+    EXPECT_EQ(cell.deciders.size(), kMostDeciders);
+    EXPECT_EQ(placeText(cell.deciders.front()), "rule 1 of eth0");
+    EXPECT_EQ(placeText(cell.deciders.back()), "the default policy of eth0");
+    EXPECT_TRUE(cell.moreDeciders);
 }
 
 TEST_F(MatrixTest, WhatTheTableDoesNotHaveDepends) {
@@ -199,8 +234,9 @@ TEST_F(MatrixTest, ForwardedPacketsHaveATableWhereItDiffers) {
 }
 
 TEST_F(MatrixTest, AdaptersMayHaveAnyName) {
+    int port = 8080;
     for (const char* const name : {"", "+", "et+", "eth0", "lo", "<b> \n"}) {
-        add(name, {"allow tcp 8080"}, FW::FW_POLICY_DENY);
+        add(name, {"allow tcp " + std::to_string(++port)}, FW::FW_POLICY_DENY);
     }
     // Of a name with a blank, iptables takes no rule.
     EXPECT_THAT(titlesOf(matricesOf(meaning())),

@@ -124,6 +124,37 @@ TEST(PageTest, RulesWithoutEffectNameThoseThatCoverThem) {
     EXPECT_EQ(page.find("id=\"changes\""), std::string::npos);
 }
 
+TEST(PageTest, DecidersThatSayTheSameAreOne) {
+    FW::FWPROFILE profile;
+    profile.name = "home";
+    for (const char* const adapter : {"eth0", "eth1"}) {
+        profile.rules[adapter] = {ruleFrom({"allow tcp 80"}, {}, {})};
+        profile.adapterPolicyMap[adapter] = FW::FW_POLICY_DENY;
+    }
+    FW::FWENVIRONMENT environment;
+    environment.adapters = FW::fwAdaptersByName(profile, "");
+    const std::string page = reportPage(reportFacts(Meaning(profile, environment)));
+    EXPECT_THAT(page, HasSubstr("<ol><li><a href=\"#rule-0-1\">rule 1 of eth0</a>, "
+                                "<a href=\"#rule-1-1\">rule 1 of eth1</a>: allow tcp 80"));
+    EXPECT_EQ(countOf(page, "<h3>eth0 and eth1</h3>"), 1U);
+}
+
+TEST(PageTest, OfManyDecidersTheLastIsNamed) {
+    FW::FWPROFILE profile;
+    profile.name = "home";
+    for (int i = 0; i < 12; ++i) {
+        profile.rules["eth0"].push_back(
+            ruleFrom({"allow tcp 80 to 10.0.0." + std::to_string(i)}, {}, {}));
+    }
+    profile.adapterPolicyMap["eth0"] = FW::FW_POLICY_DENY;
+    FW::FWENVIRONMENT environment;
+    environment.adapters = FW::fwAdaptersByName(profile, "");
+    const std::string page = reportPage(reportFacts(Meaning(profile, environment)));
+    EXPECT_THAT(page, HasSubstr("rule 9 of eth0</a>: allow tcp 80 to 10.0.0.8 (IPv4)</li>"
+                                "<li>and others</li><li><a href=\"#rule-0-0\">the default policy "
+                                "of eth0</a>: deny</li></ol>"));
+}
+
 TEST(PageTest, RulesWithoutALineAndAbsentAdaptersAreNamed) {
     FW::FWPROFILE profile;
     profile.name = "home";

@@ -69,13 +69,15 @@ const char* nameOf(CellLog log) {
     return log == CellLog::kAll ? "all" : log == CellLog::kSome ? "some" : "none";
 }
 
-/// "eth0", "pppoe and vpn", "every other interface".
+/// "eth0", "pppoe and vpn", "eth0 and every other interface".
 std::string titleOf(const Matrix& matrix) {
-    if (matrix.isOther) {
-        return "every other interface";
-    }
     // A tunnel has rules of an adapter and no name there.
-    return enumerated(matrix.adapters.empty() ? matrix.interfaces : matrix.adapters);
+    std::vector<std::string> names =
+        matrix.adapters.empty() && !matrix.isOther ? matrix.interfaces : matrix.adapters;
+    if (matrix.isOther) {
+        names.emplace_back("every other interface");
+    }
+    return enumerated(names);
 }
 
 Json::Value tableFacts(const Matrix& matrix) {
@@ -116,6 +118,7 @@ Json::Value tableFacts(const Matrix& matrix) {
             one["verdict"] = nameOf(cell.verdict);
             one["log"] = nameOf(cell.log);
             one["deciders"] = placesFacts(cell.deciders);
+            one["moreDeciders"] = cell.moreDeciders;
             entry["cells"].append(std::move(one));
         }
         document["rows"].append(std::move(entry));

@@ -1,6 +1,7 @@
 #include "report/matrix.h"
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
@@ -132,18 +133,87 @@ CellVerdict verdictOf(const FW::FWRESOLVEDRULE& rule) {
     return rule.place.origin == FW::FW_ORIGIN_END ? CellVerdict::kNone : CellVerdict::kAllow;
 }
 
-MatrixCell cellOf(const FW::FW_MEANING& answers, const FW::FWPACKET& packet) {
-    MatrixCell cell;
+using Numbers = std::vector<std::uint32_t>;  // ascending
+
+/// "No rule" as the number of a decider: the last one.
+constexpr std::uint32_t kNoRule = UINT32_MAX;
+
+/// A cell while it is made. Deciders have the numbers of Deciders.
+struct Cell {
+    CellVerdict verdict = CellVerdict::kNone;
+    CellLog log = CellLog::kNone;
+    Numbers deciders;
+};
+
+bool isAlike(const Cell& a, const Cell& b) {
+    return a.verdict == b.verdict && a.log == b.log;
+}
+
+/// A table while it is made: cells by column, then by row.
+struct Draft {
+    Matrix matrix;
+    std::vector<std::vector<Cell>> columns;
+};
+
+/// The places of resolved rules, by numbers in the order in which the packet filter tries them.
+/// What one rule of the profile is resolved to has one number.
+class Deciders {
+public:
+    explicit Deciders(const Rules& rules) {
+        using Key = std::tuple<FW::FW_ORIGIN, std::string, std::int32_t>;
+        std::map<Key, std::uint32_t> known;
+        for (const FW::FWRESOLVEDRULE& rule : rules) {
+            const FW::FWPLACE& place = rule.place;
+            const auto [number, isNew] =
+                known.try_emplace({place.origin, place.adapter, place.position},
+                                  static_cast<std::uint32_t>(places_.size()));
+            if (isNew) {
+                places_.push_back(place);
+            }
+            numbers_.push_back(number->second);
+        }
+    }
+
+    std::uint32_t numberOf(std::size_t rule) const { return numbers_[rule]; }
+
+    FW::FWPLACE place(std::uint32_t number) const {
+        return number == kNoRule ? FW::FWPLACE{} : places_[number];
+    }
+
+private:
+    std::vector<FW::FWPLACE> places_;
+    Numbers numbers_;  // by rule
+};
+
+void unite(Numbers& numbers, const Numbers& more) {
+    if (numbers == more) {
+        return;
+    }
+    Numbers all;
+    std::set_union(numbers.begin(), numbers.end(), more.begin(), more.end(),
+                   std::back_inserter(all));
+    numbers = std::move(all);
+}
+
+/// Rules that new connections may meet, with their numbers as deciders.
+struct TableRules {
+    Rules rules;
+    Numbers numbers;
+};
+
+Cell cellOf(const FW::FW_MEANING& answers, const Numbers& numbers, const FW::FWPACKET& packet) {
+    Cell cell;
     std::set<CellVerdict> verdicts;
     std::set<bool> logs;
     for (const std::size_t number : answers.decide(packet).deciders) {
         const FW::FWRESOLVEDRULE rule = answers.rule(number);
         verdicts.insert(verdictOf(rule));
         logs.insert(rule.log);
-        if (cell.deciders.empty() || !isSame(cell.deciders.back(), rule.place)) {
-            cell.deciders.push_back(rule.place);
-        }
+        cell.deciders.push_back(number < numbers.size() ? numbers[number] : kNoRule);
     }
+    std::sort(cell.deciders.begin(), cell.deciders.end());
+    cell.deciders.erase(std::unique(cell.deciders.begin(), cell.deciders.end()),
+                        cell.deciders.end());
     cell.verdict = verdicts.size() == 1 ? *verdicts.begin() : CellVerdict::kDepends;
     cell.log = logs.size() > 1         ? CellLog::kSome
                : logs.count(true) != 0 ? CellLog::kAll
@@ -151,80 +221,163 @@ MatrixCell cellOf(const FW::FW_MEANING& answers, const FW::FWPACKET& packet) {
     return cell;
 }
 
+bool areEqual(const FW::FWADDRESSES& a, const FW::FWADDRESSES& b) {
+    const auto isSameNumber = [](const FW::FWADDRESS& x, const FW::FWADDRESS& y) {
+        return x.high == y.high && x.low == y.low;
+    };
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](const auto& x, const auto& y) {
+        return isSameNumber(x.first, y.first) && isSameNumber(x.last, y.last);
+    });
+}
+
+/// That of a tunnel has none: its interface is named instead, alone.
+bool hasName(const Draft& draft) {
+    return draft.matrix.isOther || !draft.matrix.adapters.empty();
+}
+
+/// Whether two tables have the same rows and columns, and cells that are the same by `isSameCell`.
+template <typename IsSameCell>
+bool areSame(const Draft& a, const Draft& b, IsSameCell isSameCell) {
+    const auto isSameColumn = [](const MatrixSenders& x, const MatrixSenders& y) {
+        return areEqual(x.addresses, y.addresses);
+    };
+    const auto isSameRow = [](const MatrixRow& x, const MatrixRow& y) {
+        return x.text == y.text && x.ports == y.ports;
+    };
+    const auto areSameCells = [&](const std::vector<Cell>& x, const std::vector<Cell>& y) {
+        return std::equal(x.begin(), x.end(), y.begin(), y.end(), isSameCell);
+    };
+    const Matrix& x = a.matrix;
+    const Matrix& y = b.matrix;
+    return x.family == y.family && x.tooComplex == y.tooComplex &&
+           x.otherSenders == y.otherSenders && x.otherRows == y.otherRows &&
+           std::equal(x.senders.begin(), x.senders.end(), y.senders.begin(), y.senders.end(),
+                      isSameColumn) &&
+           std::equal(x.rows.begin(), x.rows.end(), y.rows.begin(), y.rows.end(), isSameRow) &&
+           std::equal(a.columns.begin(), a.columns.end(), b.columns.begin(), b.columns.end(),
+                      areSameCells);
+}
+
 class MatrixMaker {
 public:
     explicit MatrixMaker(const Meaning& meaning)
         : meaning_(meaning),
           rules_(meaning.ownRules()),
+          deciders_(rules_),
           words_({meaning}),
           senderWords_({meaning}, kMostNetworks) {}
 
     std::vector<Matrix> matrices() {
-        std::vector<Matrix> all;
+        std::vector<std::vector<Draft>> all;  // by group of adapters
         for (const InterfaceGroup& group : interfaceGroupsOf(meaning_, rules_)) {
-            for (const FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
-                Matrix input = matrix(group, family, FW::FW_CHAIN_INPUT);
-                Matrix forward = matrix(group, family, FW::FW_CHAIN_FORWARD);
-                const bool isSame = areSame(input, forward);
-                input.chains = isSame ? FW::FW_BOTH_CHAINS : 1U << FW::FW_CHAIN_INPUT;
-                all.push_back(std::move(input));
-                if (!isSame) {
-                    forward.chains = 1U << FW::FW_CHAIN_FORWARD;
-                    all.push_back(std::move(forward));
+            std::vector<Draft> drafts = draftsOf(group);
+            const auto same = std::find_if(all.begin(), all.end(), [&](const auto& known) {
+                return std::equal(known.begin(), known.end(), drafts.begin(), drafts.end(),
+                                  [](const Draft& a, const Draft& b) {
+                                      return hasName(a) && hasName(b) &&
+                                             a.matrix.chains == b.matrix.chains &&
+                                             areSame(a, b, isAlike);
+                                  });
+            });
+            if (same == all.end()) {
+                all.push_back(std::move(drafts));
+            } else {
+                for (std::size_t i = 0; i < drafts.size(); ++i) {
+                    join((*same)[i], drafts[i]);
                 }
             }
         }
-        return all;
+        std::vector<Matrix> matrices;
+        for (std::vector<Draft>& drafts : all) {
+            for (Draft& draft : drafts) {
+                matrices.push_back(finished(std::move(draft)));
+            }
+        }
+        return matrices;
     }
 
 private:
-    static bool areSame(const Matrix& a, const Matrix& b) {
-        const auto sameCells = [](const MatrixCell& one, const MatrixCell& other) {
-            return one.verdict == other.verdict && one.log == other.log &&
-                   std::equal(one.deciders.begin(), one.deciders.end(), other.deciders.begin(),
-                              other.deciders.end(), isSame);
-        };
-        return a.tooComplex == b.tooComplex &&
-               std::equal(a.senders.begin(), a.senders.end(), b.senders.begin(), b.senders.end(),
-                          [](const auto& one, const auto& other) {
-                              return std::equal(one.addresses.begin(), one.addresses.end(),
-                                                other.addresses.begin(), other.addresses.end(),
-                                                [](const auto& x, const auto& y) {
-                                                    return !less(x.first, y.first) &&
-                                                           !less(y.first, x.first) &&
-                                                           !less(x.last, y.last) &&
-                                                           !less(y.last, x.last);
-                                                });
-                          }) &&
-               std::equal(a.rows.begin(), a.rows.end(), b.rows.begin(), b.rows.end(),
-                          [&](const MatrixRow& one, const MatrixRow& other) {
-                              return one.text == other.text && one.ports == other.ports &&
-                                     std::equal(one.cells.begin(), one.cells.end(),
-                                                other.cells.begin(), other.cells.end(), sameCells);
-                          });
+    std::vector<Draft> draftsOf(const InterfaceGroup& group) {
+        std::vector<Draft> drafts;
+        for (const FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
+            Draft input = draft(group, family, FW::FW_CHAIN_INPUT);
+            Draft forward = draft(group, family, FW::FW_CHAIN_FORWARD);
+            const bool isBoth = areSame(input, forward, [](const Cell& a, const Cell& b) {
+                return isAlike(a, b) && a.deciders == b.deciders;
+            });
+            input.matrix.chains = isBoth ? FW::FW_BOTH_CHAINS : 1U << FW::FW_CHAIN_INPUT;
+            drafts.push_back(std::move(input));
+            if (!isBoth) {
+                forward.matrix.chains = 1U << FW::FW_CHAIN_FORWARD;
+                drafts.push_back(std::move(forward));
+            }
+        }
+        return drafts;
+    }
+
+    /// Adds the interfaces and deciders of a table that is the same otherwise.
+    static void join(Draft& draft, const Draft& more) {
+        Matrix& matrix = draft.matrix;
+        for (const std::string& adapter : more.matrix.adapters) {
+            const auto at =
+                std::lower_bound(matrix.adapters.begin(), matrix.adapters.end(), adapter);
+            if (at == matrix.adapters.end() || *at != adapter) {
+                matrix.adapters.insert(at, adapter);
+            }
+        }
+        matrix.isOther = matrix.isOther || more.matrix.isOther;
+        matrix.interfaces.insert(matrix.interfaces.end(), more.matrix.interfaces.begin(),
+                                 more.matrix.interfaces.end());
+        for (std::size_t i = 0; i < draft.columns.size(); ++i) {
+            join(draft.columns[i], more.columns[i]);
+        }
+    }
+
+    /// The table with its cells.
+    Matrix finished(Draft draft) const {
+        for (std::vector<Cell>& column : draft.columns) {
+            for (std::size_t row = 0; row < column.size(); ++row) {
+                const Numbers& deciders = column[row].deciders;
+                MatrixCell cell;
+                cell.verdict = column[row].verdict;
+                cell.log = column[row].log;
+                cell.moreDeciders = deciders.size() > kMostDeciders;
+                for (std::size_t i = 0; i < deciders.size(); ++i) {
+                    if (i + 1 < kMostDeciders || i + 1 == deciders.size()) {
+                        cell.deciders.push_back(deciders_.place(deciders[i]));
+                    }
+                }
+                draft.matrix.rows[row].cells.push_back(std::move(cell));
+            }
+            column.clear();
+        }
+        return std::move(draft.matrix);
     }
 
     /// The rules that new connections through these interfaces may meet.
-    Rules rulesFor(const std::string& in, FW_FAMILY family, FW_CHAIN chain) const {
-        Rules rules;
-        for (const FW::FWRESOLVEDRULE& rule : rules_) {
-            const FW::FWPACKETSET& packets = rule.packets;
+    TableRules rulesFor(const std::string& in, FW_FAMILY family, FW_CHAIN chain) const {
+        TableRules table;
+        for (std::size_t i = 0; i < rules_.size(); ++i) {
+            const FW::FWPACKETSET& packets = rules_[i].packets;
             if ((packets.chains & (1U << chain)) != 0 && (packets.families & (1U << family)) != 0 &&
                 (packets.states & (1U << FW::FW_STATE_NEW)) != 0 &&
                 (packets.in == nullptr || isAmong(*packets.in, in))) {
-                rules.push_back(rule);
+                table.rules.push_back(rules_[i]);
+                table.numbers.push_back(deciders_.numberOf(i));
             }
         }
-        return rules;
+        return table;
     }
 
-    Matrix matrix(const InterfaceGroup& group, FW_FAMILY family, FW_CHAIN chain) {
-        Matrix matrix;
+    Draft draft(const InterfaceGroup& group, FW_FAMILY family, FW_CHAIN chain) {
+        Draft draft;
+        Matrix& matrix = draft.matrix;
         matrix.adapters = group.adapters;
         matrix.isOther = group.isOther;
         matrix.interfaces = group.examples;
         matrix.family = family;
-        const Rules rules = rulesFor(group.examples.front(), family, chain);
+        const TableRules table = rulesFor(group.examples.front(), family, chain);
+        const Rules& rules = table.rules;
         std::optional<std::vector<FW::FWADDRESSES>> senders = senderGroupsOf(rules);
         FW::FWPACKET packet;
         packet.chain = chain;
@@ -242,13 +395,14 @@ private:
                 : 0;
         if (groups == 0) {
             matrix.tooComplex = true;
-            return matrix;
+            matrix.otherRows = 0;
+            return draft;
         }
         work_ += groups * column;
         matrix.otherSenders = senders->size() - groups;
         senders->resize(groups);
-        fill(matrix, rows, *senders, FW::FW_MEANING(rules), packet);
-        return matrix;
+        fill(draft, rows, *senders, table, packet);
+        return draft;
     }
 
     /// Gives a value to what no rule looks at, so that a single one is found for a packet. Whether
@@ -268,54 +422,49 @@ private:
         return packet.destination && packet.out;
     }
 
-    void fill(Matrix& matrix, std::vector<RowSeed>& rows,
-              const std::vector<FW::FWADDRESSES>& senders, const FW::FW_MEANING& answers,
-              FW::FWPACKET packet) const {
+    void fill(Draft& draft, std::vector<RowSeed>& rows, const std::vector<FW::FWADDRESSES>& senders,
+              const TableRules& table, FW::FWPACKET packet) const {
+        const FW::FW_MEANING answers(table.rules);
         // Columns with the same verdicts and logging are one.
         std::map<std::vector<std::pair<CellVerdict, CellLog>>, std::size_t> columns;
-        std::vector<std::vector<MatrixCell>> cells;
         for (const FW::FWADDRESSES& addresses : senders) {
             packet.source = addresses.front().first;
-            std::vector<MatrixCell> column;
+            std::vector<Cell> column;
             std::vector<std::pair<CellVerdict, CellLog>> verdicts;
             for (const RowSeed& seed : rows) {
                 packet.protocol = static_cast<std::uint8_t>(seed.point.protocol);
                 packet.sourcePort = seed.point.sourcePort;
                 packet.destinationPort = seed.point.destinationPort;
                 packet.icmpType = static_cast<std::uint8_t>(seed.point.icmpType);
-                column.push_back(cellOf(answers, packet));
+                column.push_back(cellOf(answers, table.numbers, packet));
                 verdicts.emplace_back(column.back().verdict, column.back().log);
             }
-            const auto [place, isNew] = columns.try_emplace(verdicts, cells.size());
+            const auto [place, isNew] = columns.try_emplace(verdicts, draft.columns.size());
             if (isNew) {
-                matrix.senders.push_back({"", addresses});
-                cells.push_back(std::move(column));
+                draft.matrix.senders.push_back({"", addresses});
+                draft.columns.push_back(std::move(column));
             } else {
-                FW::FWADDRESSES& all = matrix.senders[place->second].addresses;
+                FW::FWADDRESSES& all = draft.matrix.senders[place->second].addresses;
                 all.insert(all.end(), addresses.begin(), addresses.end());
-                join(cells[place->second], column);
+                join(draft.columns[place->second], column);
             }
         }
         for (RowSeed& seed : rows) {
-            matrix.rows.push_back(std::move(seed.row));
+            draft.matrix.rows.push_back(std::move(seed.row));
         }
-        order(matrix, cells);
+        order(draft);
     }
 
     /// Adds the deciders of a column to those of one with the same verdicts.
-    static void join(std::vector<MatrixCell>& column, const std::vector<MatrixCell>& more) {
+    static void join(std::vector<Cell>& column, const std::vector<Cell>& more) {
         for (std::size_t i = 0; i < column.size(); ++i) {
-            for (const FW::FWPLACE& place : more[i].deciders) {
-                if (std::none_of(column[i].deciders.begin(), column[i].deciders.end(),
-                                 [&](const FW::FWPLACE& known) { return isSame(known, place); })) {
-                    column[i].deciders.push_back(place);
-                }
-            }
+            unite(column[i].deciders, more[i].deciders);
         }
     }
 
     /// Names the columns and moves them to their places; leaves out the smallest of too many.
-    void order(Matrix& matrix, std::vector<std::vector<MatrixCell>>& cells) const {
+    void order(Draft& draft) const {
+        Matrix& matrix = draft.matrix;
         std::vector<std::size_t> sorted;
         for (std::size_t i = 0; i < matrix.senders.size(); ++i) {
             matrix.senders[i].addresses = FW::fwAddressesFrom(matrix.senders[i].addresses);
@@ -330,24 +479,14 @@ private:
             sorted.erase(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(others));
         }
         std::vector<MatrixSenders> senders;
+        std::vector<std::vector<Cell>> columns;
         for (const std::size_t from : sorted) {
             senders.push_back(std::move(matrix.senders[from]));
             senders.back().text = sendersText(senders.back().addresses, matrix.family);
-            for (std::size_t row = 0; row < matrix.rows.size(); ++row) {
-                MatrixCell& cell = cells[from][row];
-                std::sort(cell.deciders.begin(), cell.deciders.end(),
-                          [&](auto& a, auto& b) { return orderOf(a) < orderOf(b); });
-                matrix.rows[row].cells.push_back(std::move(cell));
-            }
+            columns.push_back(std::move(draft.columns[from]));
         }
         matrix.senders = std::move(senders);
-    }
-
-    /// As the packet filter tries them.
-    static std::tuple<bool, bool, std::string, bool, std::int32_t> orderOf(
-        const FW::FWPLACE& place) {
-        return {place.origin == FW::FW_ORIGIN_END, place.adapter != FW::FW_ADAPTER_GLOBAL,
-                place.adapter, place.origin == FW::FW_ORIGIN_DEFAULT, place.position};
+        draft.columns = std::move(columns);
     }
 
     /// The family is known from the table.
@@ -364,6 +503,7 @@ private:
 
     const Meaning& meaning_;
     Rules rules_;
+    Deciders deciders_;
     PacketWords words_;
     PacketWords senderWords_;
     std::size_t work_ = 0;

@@ -28,6 +28,7 @@ struct MatrixCell {
     CellVerdict verdict = CellVerdict::kNone;
     CellLog log = CellLog::kNone;
     std::vector<FW::FWPLACE> deciders;  ///< in order, each once
+    bool moreDeciders = false;          ///< there are more, before the last one
 };
 
 /// Packets of which every rule for the table's interfaces matches all or none, whatever else they
@@ -45,7 +46,7 @@ struct MatrixSenders {
     FW::FWADDRESSES addresses;
 };
 
-/// New connections that come in through some interfaces, in one family.
+/// New connections that come in through some interfaces, which all treat them alike, in one family.
 struct Matrix {
     std::vector<std::string> adapters;    ///< the profile's names for them, sorted
     bool isOther = false;                 ///< all that no rule names are among them
@@ -62,9 +63,13 @@ struct Matrix {
 /// How many columns there are for a person to read.
 inline constexpr std::size_t kMostSenders = 60;
 
+/// How many deciders of a cell are named.
+inline constexpr std::size_t kMostDeciders = 20;
+
 /// The tables of a profile: by adapter, then by family; one for both chains where they are the
-/// same. The lines of every profile are left out: packets of established connections, of neighbour
-/// discovery, and of the machine to itself are always accepted.
+/// same, and one for all adapters whose tables are the same but for the places of the deciders. The
+/// lines of every profile are left out: packets of established connections, of neighbour discovery,
+/// and of the machine to itself are always accepted.
 std::vector<Matrix> matricesOf(const Meaning& meaning);
 
 }  // namespace tarnfw

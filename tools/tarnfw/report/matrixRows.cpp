@@ -28,6 +28,9 @@ constexpr std::uint16_t kHighestType = 255;
 /// ports of one side and rules for those of the other make a row for each pair of them.
 constexpr std::size_t kMostRowWork = 1000000;
 
+/// How many rows are looked up among the services before they are sorted.
+constexpr std::size_t kMostNamed = 4 * kMostRows;
+
 /// What a rule or a service has for kinds of packets: one of the sets.
 struct KindList {
     std::vector<PacketKind> kinds;
@@ -131,6 +134,10 @@ ListKey keyOf(const KindList& list) {
         }
     }
     return key;
+}
+
+bool isSame(const FW::FWPLACE& a, const FW::FWPLACE& b) {
+    return a.origin == b.origin && a.adapter == b.adapter && a.position == b.position;
 }
 
 /// Whether two resolved rules come from one rule and are for the same packets otherwise.
@@ -544,10 +551,6 @@ auto orderOf(const RowSeed& seed) {
 
 }  // namespace
 
-bool isSame(const FW::FWPLACE& a, const FW::FWPLACE& b) {
-    return a.origin == b.origin && a.adapter == b.adapter && a.position == b.position;
-}
-
 RowSeeds rowsOf(const Rules& rules, const Meaning& meaning, FW_FAMILY family,
                 const PacketWords& words) {
     RowSeeds seeds = RowMaker(kindListsOf(rules, meaning, family), family).rows();
@@ -557,7 +560,8 @@ RowSeeds rowsOf(const Rules& rules, const Meaning& meaning, FW_FAMILY family,
         for (PacketKind& kind : seed.row.kinds) {
             leaveOutWhole(kind);
         }
-        if (seed.isService && !seed.isRest) {
+        // Ports may have the name of a service that no rule names.
+        if (!seed.isRest && (seed.isService || rows.size() <= kMostNamed)) {
             seed.row.text = rowText(seed.row.kinds, words);
         }
     }

@@ -45,6 +45,4 @@ struct RowSeeds {
 RowSeeds rowsOf(const std::vector<FW::FWRESOLVEDRULE>& rules, const Meaning& meaning,
                 FW::FW_FAMILY family, const PacketWords& words);
 
-bool isSame(const FW::FWPLACE& a, const FW::FWPLACE& b);
-
 }  // namespace tarnfw

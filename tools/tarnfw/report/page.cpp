@@ -135,10 +135,10 @@ public:
         return "<a href=\"#" + idOf(adapter, position) + "\">" + words + html(adapter) + "</a>";
     }
 
-    /// The same with what it says.
-    std::string described(const Json::Value& place) const {
+    /// What it says.
+    std::string text(const Json::Value& place) const {
         const auto text = texts_.find({place["adapter"].asString(), positionOf(place)});
-        return link(place) + (text == texts_.end() ? "" : ": " + html(text->second));
+        return text == texts_.end() ? "" : text->second;
     }
 
 private:
@@ -259,7 +259,7 @@ struct VerdictWords {
 };
 
 /// Of a cell: of more, nobody reads all.
-constexpr Json::ArrayIndex kMostDeciders = 10;
+constexpr std::size_t kMostDeciders = 10;
 
 constexpr VerdictWords kVerdicts[] = {
     {"allow", "✓", "allowed"},
@@ -287,13 +287,26 @@ std::string cellOf(const Json::Value& cell, const std::string& from, const RuleL
                         : cell["log"] == "some" ? ", some logged"
                                                 : "") +
                        "</summary><ol>";
-    const Json::Value& deciders = cell["deciders"];
-    const Json::ArrayIndex shown = std::min(deciders.size(), kMostDeciders);
-    for (Json::ArrayIndex i = 0; i < shown; ++i) {
-        text += "<li>" + links.described(deciders[i]) + "</li>";
+    std::vector<std::pair<std::string, std::string>> deciders;  // what they say, and which they are
+    for (const Json::Value& place : cell["deciders"]) {
+        const std::string says = links.text(place);
+        const auto same = std::find_if(deciders.begin(), deciders.end(), [&](const auto& one) {
+            return one.first == says && !says.empty();
+        });
+        if (same == deciders.end()) {
+            deciders.emplace_back(says, links.link(place));
+        } else {
+            same->second += ", " + links.link(place);
+        }
     }
-    if (shown < deciders.size()) {
-        text += "<li>and " + std::to_string(deciders.size() - shown) + " others</li>";
+    const bool hasMore = cell["moreDeciders"].asBool() || deciders.size() > kMostDeciders;
+    for (std::size_t i = 0; i < deciders.size(); ++i) {
+        const bool isLast = i + 1 == deciders.size();
+        if (i + 1 < kMostDeciders || isLast) {
+            text += (isLast && hasMore ? "<li>and others</li>" : "") + std::string("<li>") +
+                    deciders[i].second +
+                    (deciders[i].first.empty() ? "" : ": " + html(deciders[i].first)) + "</li>";
+        }
     }
     return text + "</ol></details></td>";
 }
