@@ -299,9 +299,13 @@ public:
 private:
     std::vector<Draft> draftsOf(const InterfaceGroup& group) {
         std::vector<Draft> drafts;
+        // Who looks for a service looks in both families.
+        const std::set<std::string> services = servicesOf(
+            rulesFor(group.examples.front(), FW::FW_BOTH_FAMILIES, FW::FW_BOTH_CHAINS).rules,
+            meaning_.profile());
         for (const FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
-            Draft input = draft(group, family, FW::FW_CHAIN_INPUT);
-            Draft forward = draft(group, family, FW::FW_CHAIN_FORWARD);
+            Draft input = draft(group, services, family, FW::FW_CHAIN_INPUT);
+            Draft forward = draft(group, services, family, FW::FW_CHAIN_FORWARD);
             const bool isBoth = areSame(input, forward, [](const Cell& a, const Cell& b) {
                 return isAlike(a, b) && a.deciders == b.deciders;
             });
@@ -355,11 +359,11 @@ private:
     }
 
     /// The rules that new connections through these interfaces may meet.
-    TableRules rulesFor(const std::string& in, FW_FAMILY family, FW_CHAIN chain) const {
+    TableRules rulesFor(const std::string& in, unsigned families, unsigned chains) const {
         TableRules table;
         for (std::size_t i = 0; i < rules_.size(); ++i) {
             const FW::FWPACKETSET& packets = rules_[i].packets;
-            if ((packets.chains & (1U << chain)) != 0 && (packets.families & (1U << family)) != 0 &&
+            if ((packets.chains & chains) != 0 && (packets.families & families) != 0 &&
                 (packets.states & (1U << FW::FW_STATE_NEW)) != 0 &&
                 (packets.in == nullptr || isAmong(*packets.in, in))) {
                 table.rules.push_back(rules_[i]);
@@ -369,14 +373,15 @@ private:
         return table;
     }
 
-    Draft draft(const InterfaceGroup& group, FW_FAMILY family, FW_CHAIN chain) {
+    Draft draft(const InterfaceGroup& group, const std::set<std::string>& services,
+                FW_FAMILY family, FW_CHAIN chain) {
         Draft draft;
         Matrix& matrix = draft.matrix;
         matrix.adapters = group.adapters;
         matrix.isOther = group.isOther;
         matrix.interfaces = group.examples;
         matrix.family = family;
-        const TableRules table = rulesFor(group.examples.front(), family, chain);
+        const TableRules table = rulesFor(group.examples.front(), 1U << family, 1U << chain);
         const Rules& rules = table.rules;
         std::optional<std::vector<FW::FWADDRESSES>> senders = senderGroupsOf(rules);
         FW::FWPACKET packet;
@@ -385,7 +390,7 @@ private:
         packet.in = group.examples.front();
         packet.state = FW::FW_STATE_NEW;
         const bool isPoint = fillUnread(rules, packet);
-        auto [rows, otherRows] = rowsOf(rules, meaning_, family, words_);
+        auto [rows, otherRows] = rowsOf(rules, services, meaning_, family, words_);
         matrix.otherRows = otherRows;
         // One table may take a part of what is left, so that the later ones get theirs.
         const std::size_t column = rows.size() * (isPoint ? 1 : rules.size() + 1);

@@ -148,31 +148,12 @@ bool differInKindAlone(const FW::FWRESOLVEDRULE& a, const FW::FWRESOLVEDRULE& b)
            a.packets.destinations == b.packets.destinations && a.packets.states == b.packets.states;
 }
 
-/// The services that the rules name.
-std::set<std::string> servicesOf(const Rules& rules, const FW::FWPROFILE& profile) {
-    std::set<std::string> names;
-    const FW::FWPLACE* before = nullptr;
-    for (const FW::FWRESOLVEDRULE& resolved : rules) {
-        const auto place = rulePlaceOf(resolved.place);
-        if (!place || place->position == 0 ||
-            (before != nullptr && isSame(*before, resolved.place))) {
-            continue;
-        }
-        before = &resolved.place;
-        const FW::FWRULE& rule = profile.rules.at(place->adapter).at(place->position - 1);
-        if (rule.portGroup == FW::FW_PORT_GROUP_SERVICES ||
-            rule.portGroup == FW::FW_PORT_GROUP_RESERVED) {
-            names.insert(rule.portList.begin(), rule.portList.end());
-        }
-    }
-    return names;
-}
-
-/// The kinds that rows are made of: of the services that rules name, and of the rules, each list
-/// once. What a rule has for several protocols is one list. Those of all packets tell none apart.
-std::vector<KindList> kindListsOf(const Rules& rules, const Meaning& meaning, FW_FAMILY family) {
+/// The kinds that rows are made of: of the services and of the rules, each list once. What a rule
+/// has for several protocols is one list. Those of all packets tell none apart.
+std::vector<KindList> kindListsOf(const Rules& rules, const std::set<std::string>& services,
+                                  const Meaning& meaning, FW_FAMILY family) {
     std::vector<KindList> lists;
-    for (const std::string& name : servicesOf(rules, meaning.profile())) {
+    for (const std::string& name : services) {
         const auto service = meaning.environment().services.find(name);
         if (service != meaning.environment().services.end()) {
             KindList& list = lists.emplace_back();
@@ -551,9 +532,28 @@ auto orderOf(const RowSeed& seed) {
 
 }  // namespace
 
-RowSeeds rowsOf(const Rules& rules, const Meaning& meaning, FW_FAMILY family,
-                const PacketWords& words) {
-    RowSeeds seeds = RowMaker(kindListsOf(rules, meaning, family), family).rows();
+std::set<std::string> servicesOf(const Rules& rules, const FW::FWPROFILE& profile) {
+    std::set<std::string> names;
+    const FW::FWPLACE* before = nullptr;
+    for (const FW::FWRESOLVEDRULE& resolved : rules) {
+        const auto place = rulePlaceOf(resolved.place);
+        if (!place || place->position == 0 ||
+            (before != nullptr && isSame(*before, resolved.place))) {
+            continue;
+        }
+        before = &resolved.place;
+        const FW::FWRULE& rule = profile.rules.at(place->adapter).at(place->position - 1);
+        if (rule.portGroup == FW::FW_PORT_GROUP_SERVICES ||
+            rule.portGroup == FW::FW_PORT_GROUP_RESERVED) {
+            names.insert(rule.portList.begin(), rule.portList.end());
+        }
+    }
+    return names;
+}
+
+RowSeeds rowsOf(const Rules& rules, const std::set<std::string>& services, const Meaning& meaning,
+                FW_FAMILY family, const PacketWords& words) {
+    RowSeeds seeds = RowMaker(kindListsOf(rules, services, meaning, family), family).rows();
     std::vector<RowSeed>& rows = seeds.rows;
     for (RowSeed& seed : rows) {
         joinSources(seed.row.kinds);

@@ -4,6 +4,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <set>
+#include <string>
 #include <vector>
 
 #include "tarnfirewall/fwMeaning.h"
@@ -39,10 +41,14 @@ struct RowSeeds {
     std::size_t others = 0;  ///< rows that are left out; no more than this
 };
 
-/// Of the profile's rules for a table, with the services that these rules name, in a family:
-/// without cells. Sorted as people look for them: services by name, ports by number, those that
-/// depend on source ports, the rest. Of more than kMostRows, the first ones and the rest.
-RowSeeds rowsOf(const std::vector<FW::FWRESOLVEDRULE>& rules, const Meaning& meaning,
-                FW::FW_FAMILY family, const PacketWords& words);
+/// The services that these rules of a profile name.
+std::set<std::string> servicesOf(const std::vector<FW::FWRESOLVEDRULE>& rules,
+                                 const FW::FWPROFILE& profile);
+
+/// Of the profile's rules for a table, with `services`, in a family: without cells. Sorted as
+/// people look for them: services by name, ports by number, those that depend on source ports, the
+/// rest. Of more than kMostRows, the first ones and the rest.
+RowSeeds rowsOf(const std::vector<FW::FWRESOLVEDRULE>& rules, const std::set<std::string>& services,
+                const Meaning& meaning, FW::FW_FAMILY family, const PacketWords& words);
 
 }  // namespace tarnfw
