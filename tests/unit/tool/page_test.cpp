@@ -1,6 +1,7 @@
 // The report's page: names that would be markup, its policy, its parts.
 #include "report/page.h"
 
+#include <set>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -153,6 +154,59 @@ TEST(PageTest, OfManyDecidersTheLastIsNamed) {
     EXPECT_THAT(page, HasSubstr("rule 9 of eth0</a>: allow tcp 80 to 10.0.0.8 (IPv4)</li>"
                                 "<li>and others</li><li><a href=\"#rule-0-0\">the default policy "
                                 "of eth0</a>: deny</li></ol>"));
+}
+
+/// As many rules as given, for networks and ports of their own.
+FW::FWPROFILE mixedProfile(int rules) {
+    FW::FWPROFILE profile;
+    profile.name = "home";
+    for (int i = 0; i < rules; ++i) {
+        const std::string n = std::to_string(i % 250);
+        const std::string words = std::string(i % 3 == 0 ? "deny" : "allow") +
+                                  (i % 2 == 0 ? " tcp " : " udp ") + std::to_string(i * 7 + 1) +
+                                  " from " + std::to_string(10 + i % 7) + "." + n + ".0.0/" +
+                                  (i % 4 == 0 ? "16" : "24");
+        profile.rules["eth0"].push_back(ruleFrom({words}, {}, {}));
+    }
+    profile.adapterPolicyMap["eth0"] = FW::FW_POLICY_DENY;
+    return profile;
+}
+
+TEST(PageTest, ManyRulesMakeAPageThatATelephoneShows) {
+    FW::FWPROFILE profile = mixedProfile(1500);
+    profile.rules["eth0"].push_back(profile.rules["eth0"].front());  // has no effect
+    profile.rules["eth1"] = profile.rules["eth0"];
+    profile.adapterPolicyMap["eth1"] = FW::FW_POLICY_ALLOW;
+    FW::FWENVIRONMENT environment;
+    environment.adapters = FW::fwAdaptersByName(profile, "");
+    const std::string page = reportPage(reportFacts(Meaning(profile, environment)));
+    EXPECT_LT(page.size(), 2000000U);
+    EXPECT_GT(page.size(), 1000000U);  // as much as there may be
+    EXPECT_THAT(page, HasSubstr("<p class=\"note left-out\">Left out of this page: "));
+    EXPECT_THAT(page, HasSubstr(" rows and 48 smaller sets of senders. “tarnfw report --json” has "
+                                "them."));
+    EXPECT_THAT(page, HasSubstr(" rules. “tarnfw report --json” has them."));
+    EXPECT_THAT(page, HasSubstr(">everything else</th>"));
+    // Every link has its rule.
+    std::set<std::string> missing;
+    const std::string link = "href=\"#rule-";
+    for (std::size_t at = page.find(link); at != std::string::npos; at = page.find(link, at + 1)) {
+        const std::size_t id = at + link.size() - 5;
+        missing.insert(page.substr(id, page.find('"', id) - id));
+    }
+    const std::string rule = " id=\"rule-";
+    for (std::size_t at = page.find(rule); at != std::string::npos; at = page.find(rule, at + 1)) {
+        const std::size_t id = at + rule.size() - 5;
+        missing.erase(page.substr(id, page.find('"', id) - id));
+    }
+    EXPECT_EQ(missing, std::set<std::string>());
+}
+
+TEST(PageTest, OfFewRulesNothingIsLeftOut) {
+    const FW::FWPROFILE profile = mixedProfile(11);
+    FW::FWENVIRONMENT environment;
+    environment.adapters = FW::fwAdaptersByName(profile, "");
+    EXPECT_EQ(countOf(reportPage(reportFacts(Meaning(profile, environment))), "Left out"), 0U);
 }
 
 TEST(PageTest, RulesWithoutALineAndAbsentAdaptersAreNamed) {

@@ -262,7 +262,7 @@ Json::Value reportFacts(const Meaning& meaning, const std::vector<Finding>& chec
                         const std::vector<std::string>& absent) {
     Json::Value document;
     document["profile"] = meaning.profile().name;
-    document["absent"] = listOf(absent);
+    document["absent"] = textsJson(absent);
     document["tables"] = list();
     for (const Matrix& matrix : matricesOf(meaning)) {
         document["tables"].append(tableFacts(matrix));

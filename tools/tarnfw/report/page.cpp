@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <numeric>
+#include <set>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -98,7 +100,43 @@ std::string sourceOf(std::string_view hexadecimal) {
     return text + "'";
 }
 
+// ---- How much is in a page ----------------------------------------------------------------------
+
+// So that a telephone can show it: below 2 MB of a thousand rules. "--json" has the rest.
+constexpr std::size_t kMostTableBytes = 1200000;
+constexpr std::size_t kMostRuleBytes = 600000;
+constexpr Json::ArrayIndex kMostColumns = 12;
+constexpr Json::ArrayIndex kMostAddresses = 300;  ///< of a column, for the search
+
+/// Of a list of rules: of more, nobody reads all.
+constexpr std::size_t kMostNamed = 10;
+
+/// "Left out of this page: 20 rules. tarnfw report --json has them."
+std::string leftOut(const std::string& what) {
+    return "<p class=\"note left-out\">Left out of this page: " + what +
+           ". “tarnfw report --json” has them.</p>\n";
+}
+
+/// What each of several parts gets of `bytes` when the small ones get what they need and the others
+/// the same each.
+std::vector<std::size_t> sharesOf(const std::vector<std::size_t>& sizes, std::size_t bytes) {
+    std::vector<std::size_t> order(sizes.size());
+    std::iota(order.begin(), order.end(), std::size_t(0));
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::size_t a, std::size_t b) { return sizes[a] < sizes[b]; });
+    std::vector<std::size_t> shares(sizes.size());
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        shares[order[i]] = std::min(sizes[order[i]], bytes / (order.size() - i));
+        bytes -= shares[order[i]];
+    }
+    return shares;
+}
+
 // ---- Rules --------------------------------------------------------------------------------------
+
+bool isIdle(const Json::Value& rule) {
+    return rule["effect"] != "yes" && rule["effect"] != "off";
+}
 
 /// A rule as a part of the page: where it is, and what the page says of it.
 class RuleLinks {
@@ -107,11 +145,27 @@ public:
         for (const Json::Value& rule : facts["rules"]) {
             const std::string adapter = rule["adapter"].asString();
             (void)numbers_.emplace(adapter, numbers_.size());
-            texts_[{adapter, rule["position"].asUInt64()}] = rule["text"].asString();
+            texts_[placeOf(rule)] = rule["text"].asString();
+        }
+        // Those without effect are what to look at.
+        std::size_t left = kMostRuleBytes;
+        for (const bool idle : {true, false}) {
+            std::size_t bytes = idle ? left / 2 : left;
+            left -= bytes;
+            for (const Json::Value& rule : facts["rules"]) {
+                const std::size_t size = bytesOf(rule);
+                if (isIdle(rule) == idle && size <= bytes) {
+                    bytes -= size;
+                    listed_.insert(placeOf(rule));
+                }
+            }
+            left += bytes;
         }
         for (const Json::Value& policy : facts["policies"]) {
             (void)numbers_.emplace(policy["adapter"].asString(), numbers_.size());
-            texts_[{policy["adapter"].asString(), 0}] = policy["policy"].asString();
+            const Place place{policy["adapter"].asString(), 0};
+            texts_[place] = policy["policy"].asString();
+            listed_.insert(place);
         }
     }
 
@@ -119,6 +173,9 @@ public:
     std::string idOf(const std::string& adapter, std::uint64_t position) const {
         return "rule-" + std::to_string(numbers_.at(adapter)) + "-" + std::to_string(position);
     }
+
+    /// Whether the page has the rule.
+    bool has(const Json::Value& rule) const { return listed_.count(placeOf(rule)) != 0; }
 
     /// "rule 3 of eth0".
     std::string link(const Json::Value& place) const {
@@ -129,7 +186,7 @@ public:
         const std::uint64_t position = positionOf(place);
         const std::string words =
             (position == 0 ? "the default policy" : "rule " + std::to_string(position)) + " of ";
-        if (numbers_.count(adapter) == 0) {
+        if (listed_.count({adapter, position}) == 0) {
             return words + html(adapter);
         }
         return "<a href=\"#" + idOf(adapter, position) + "\">" + words + html(adapter) + "</a>";
@@ -142,12 +199,31 @@ public:
     }
 
 private:
+    using Place = std::pair<std::string, std::uint64_t>;  // adapter, position; 0: default policy
+
+    static Place placeOf(const Json::Value& rule) {
+        return {rule["adapter"].asString(), rule["position"].asUInt64()};
+    }
+
+    /// About, of its row in the page.
+    static std::size_t bytesOf(const Json::Value& rule) {
+        constexpr std::size_t kRow = 250;
+        constexpr std::size_t kLink = 50;
+        std::size_t bytes = kRow + 2 * rule["text"].asString().size() +
+                            kLink * std::min<std::size_t>(rule["because"].size(), kMostNamed);
+        for (const Json::Value& finding : rule["findings"]) {
+            bytes += finding.asString().size();
+        }
+        return bytes;
+    }
+
     static std::uint64_t positionOf(const Json::Value& place) {
         return place["position"].isNull() ? 0 : place["position"].asUInt64();
     }
 
     std::map<std::string, std::size_t> numbers_;
-    std::map<std::pair<std::string, std::uint64_t>, std::string> texts_;
+    std::map<Place, std::string> texts_;
+    std::set<Place> listed_;
 };
 
 /// Whether and why a rule could be removed.
@@ -165,7 +241,12 @@ std::string effectText(const Json::Value& rule, const RuleLinks& links) {
     const Json::Value& because = rule["because"];
     std::vector<std::string> linked;
     for (const Json::Value& place : because) {
-        linked.push_back(links.link(place));
+        if (linked.size() < kMostNamed) {
+            linked.push_back(links.link(place));
+        }
+    }
+    if (linked.size() < because.size()) {
+        linked.push_back(counted(because.size() - linked.size(), "other"));
     }
     const std::string names = enumerated(linked);
     if (effect == "never") {
@@ -184,8 +265,13 @@ bool isAbsent(const std::string& adapter, const Json::Value& facts) {
 
 std::string rulesOf(const std::string& adapter, const Json::Value& facts, const RuleLinks& links) {
     std::string rows;
+    std::size_t others = 0;
     for (const Json::Value& rule : facts["rules"]) {
         if (rule["adapter"] != adapter) {
+            continue;
+        }
+        if (!links.has(rule)) {
+            ++others;
             continue;
         }
         const std::uint64_t position = rule["position"].asUInt64();
@@ -233,7 +319,8 @@ std::string rulesOf(const std::string& adapter, const Json::Value& facts, const 
            "role=\"columnheader\" class=\"position\">Rule</th><th scope=\"col\" "
            "role=\"columnheader\">What it says</th><th scope=\"col\" role=\"columnheader\">Effect"
            "</th></tr></thead>\n<tbody role=\"rowgroup\">\n" +
-           rows + "</tbody></table></div>\n</section>\n";
+           rows + "</tbody></table></div>\n" +
+           (others == 0 ? "" : leftOut(counted(others, "rule"))) + "</section>\n";
 }
 
 std::string allRules(const Json::Value& facts, const RuleLinks& links) {
@@ -257,9 +344,6 @@ struct VerdictWords {
     const char* sign;
     const char* word;
 };
-
-/// Of a cell: of more, nobody reads all.
-constexpr std::size_t kMostDeciders = 10;
 
 constexpr VerdictWords kVerdicts[] = {
     {"allow", "✓", "allowed"},
@@ -299,10 +383,10 @@ std::string cellOf(const Json::Value& cell, const std::string& from, const RuleL
             same->second += ", " + links.link(place);
         }
     }
-    const bool hasMore = cell["moreDeciders"].asBool() || deciders.size() > kMostDeciders;
+    const bool hasMore = cell["moreDeciders"].asBool() || deciders.size() > kMostNamed;
     for (std::size_t i = 0; i < deciders.size(); ++i) {
         const bool isLast = i + 1 == deciders.size();
-        if (i + 1 < kMostDeciders || isLast) {
+        if (i + 1 < kMostNamed || isLast) {
             text += (isLast && hasMore ? "<li>and others</li>" : "") + std::string("<li>") +
                     deciders[i].second +
                     (deciders[i].first.empty() ? "" : ": " + html(deciders[i].first)) + "</li>";
@@ -360,51 +444,103 @@ std::string gapsOf(const Json::Value& table) {
     std::string text;
     if (table["otherSenders"].asUInt64() > 0) {
         text += "<p class=\"note\">Left out: " +
-                counted(table["otherSenders"].asUInt64(), "smaller set") + " of senders.</p>\n";
+                counted(table["otherSenders"].asUInt64(), "smaller set") +
+                " of senders, too many for a table.</p>\n";
     }
     if (table["otherRows"].asUInt64() > 0) {
         text += "<p class=\"note\">Left out: " + counted(table["otherRows"].asUInt64(), "row") +
-                " of ports.</p>\n";
+                " of ports, too many for a table.</p>\n";
     }
     return text;
 }
 
-std::string tableOf(const Json::Value& table, const RuleLinks& links) {
+/// A table as texts, so that it can be shortened.
+struct TableText {
+    std::string head;
+    std::vector<std::string> rows;
+    std::string foot;
+    std::size_t otherColumns = 0;
+
+    std::size_t size() const {
+        return std::accumulate(
+            rows.begin(), rows.end(), head.size() + foot.size(),
+            [](std::size_t bytes, const std::string& row) { return bytes + row.size(); });
+    }
+
+    /// At most about `bytes`, or the last row alone, which is the rest.
+    std::string shortened(std::size_t bytes) const {
+        std::string text = head;
+        std::size_t used = head.size() + foot.size() + (rows.empty() ? 0 : rows.back().size());
+        std::size_t others = 0;
+        for (std::size_t i = 0; i < rows.size(); ++i) {
+            const bool isLast = i + 1 == rows.size();
+            used += isLast ? 0 : rows[i].size();
+            if (isLast || used <= bytes) {
+                text += rows[i];
+            } else {
+                ++others;
+            }
+        }
+        std::string what = others == 0 ? "" : counted(others, "row");
+        if (otherColumns > 0) {
+            what += (what.empty() ? "" : " and ") + counted(otherColumns, "smaller set") +
+                    " of senders";
+        }
+        return text + "</tbody></table>\n" + (what.empty() ? "" : leftOut(what)) + foot;
+    }
+};
+
+std::string columnOf(const Json::Value& senders) {
+    std::string addresses;
+    for (const Json::Value& address : senders["addresses"]) {
+        addresses += (addresses.empty() ? "" : " ") + address.asString();
+    }
+    const bool isSearched =
+        !senders["addresses"].isNull() && senders["addresses"].size() <= kMostAddresses;
+    return std::string("<th scope=\"col\" role=\"columnheader\"") +
+           (isSearched ? " data-addresses=\"" + html(addresses) + "\"" : "") + ">from " +
+           html(senders["text"]) + "</th>";
+}
+
+std::string rowOf(const Json::Value& row, const Json::Value& table, Json::ArrayIndex firstColumn,
+                  const RuleLinks& links) {
+    const std::string ports = portsOf(row);
+    // Of the rest, all others would be named.
+    const std::string detail =
+        row["ports"] == row["text"] || isRest(row) ? std::string() : row["ports"].asString();
+    std::string text =
+        "<tr role=\"row\" data-text=\"" + html(lower(row["text"].asString() + " " + detail)) +
+        "\"" + (ports.empty() ? "" : " data-ports=\"" + html(ports) + "\"") +
+        "><th scope=\"row\" role=\"rowheader\">" + html(row["text"]) +
+        (detail.empty() ? "" : " <span class=\"ports\">" + html(detail) + "</span>") + "</th>";
+    for (Json::ArrayIndex i = firstColumn; i < row["cells"].size(); ++i) {
+        text += cellOf(row["cells"][i], "from " + table["senders"][i]["text"].asString(), links);
+    }
+    return text + "</tr>\n";
+}
+
+TableText tableOf(const Json::Value& table, const RuleLinks& links) {
     const std::string caption = captionOf(table);
-    std::string text = "<div class=\"scroll\" role=\"region\" tabindex=\"0\" aria-label=\"" +
-                       caption + "\"><table class=\"matrix\" role=\"table\" data-title=\"" +
-                       html(lower(table["title"].asString())) +
-                       (table["family"] == "v6" ? " ipv6" : " ipv4") + "\">\n<caption>" + caption +
-                       "</caption>\n<thead role=\"rowgroup\"><tr role=\"row\"><th scope=\"col\" "
-                       "role=\"columnheader\">Service or port</th>";
-    for (const Json::Value& senders : table["senders"]) {
-        std::string addresses;
-        for (const Json::Value& address : senders["addresses"]) {
-            addresses += (addresses.empty() ? "" : " ") + address.asString();
-        }
-        text +=
-            "<th scope=\"col\" role=\"columnheader\"" +
-            (senders["addresses"].isNull() ? "" : " data-addresses=\"" + html(addresses) + "\"") +
-            ">from " + html(senders["text"]) + "</th>";
+    TableText text;
+    text.head = "<div class=\"scroll\" role=\"region\" tabindex=\"0\" aria-label=\"" + caption +
+                "\"><table class=\"matrix\" role=\"table\" data-title=\"" +
+                html(lower(table["title"].asString())) +
+                (table["family"] == "v6" ? " ipv6" : " ipv4") + "\">\n<caption>" + caption +
+                "</caption>\n<thead role=\"rowgroup\"><tr role=\"row\"><th scope=\"col\" "
+                "role=\"columnheader\">Service or port</th>";
+    // The smallest sets are the first ones.
+    const Json::ArrayIndex all = table["senders"].size();
+    const Json::ArrayIndex first = all - std::min(all, kMostColumns);
+    text.otherColumns = first;
+    for (Json::ArrayIndex i = first; i < all; ++i) {
+        text.head += columnOf(table["senders"][i]);
     }
-    text += "</tr></thead>\n<tbody role=\"rowgroup\">\n";
+    text.head += "</tr></thead>\n<tbody role=\"rowgroup\">\n";
     for (const Json::Value& row : table["rows"]) {
-        const std::string ports = portsOf(row);
-        // Of the rest, all others would be named.
-        const std::string detail =
-            row["ports"] == row["text"] || isRest(row) ? std::string() : row["ports"].asString();
-        text +=
-            "<tr role=\"row\" data-text=\"" + html(lower(row["text"].asString() + " " + detail)) +
-            "\"" + (ports.empty() ? "" : " data-ports=\"" + html(ports) + "\"") +
-            "><th scope=\"row\" role=\"rowheader\">" + html(row["text"]) +
-            (detail.empty() ? "" : " <span class=\"ports\">" + html(detail) + "</span>") + "</th>";
-        for (Json::ArrayIndex i = 0; i < row["cells"].size(); ++i) {
-            text +=
-                cellOf(row["cells"][i], "from " + table["senders"][i]["text"].asString(), links);
-        }
-        text += "</tr>\n";
+        text.rows.push_back(rowOf(row, table, first, links));
     }
-    return text + "</tbody></table>\n" + gapsOf(table) + "</div>\n";
+    text.foot = gapsOf(table) + "</div>\n";
+    return text;
 }
 
 /// That packets of some of the table's adapters do not come in now.
@@ -423,14 +559,22 @@ std::string absenceOf(const Json::Value& table, const Json::Value& facts) {
 
 /// A part for each adapter, with its tables.
 std::string allTables(const Json::Value& facts, const RuleLinks& links) {
+    std::vector<TableText> texts;
+    std::vector<std::size_t> sizes;
+    for (const Json::Value& table : facts["tables"]) {
+        texts.push_back(tableOf(table, links));
+        sizes.push_back(texts.back().size());
+    }
+    const std::vector<std::size_t> shares = sharesOf(sizes, kMostTableBytes);
     std::string all;
     const Json::Value* before = nullptr;
-    for (const Json::Value& table : facts["tables"]) {
+    for (Json::ArrayIndex i = 0; i < facts["tables"].size(); ++i) {
+        const Json::Value& table = facts["tables"][i];
         if (before == nullptr || (*before)["title"] != table["title"]) {
             all += before == nullptr ? "" : "</section>\n";
             all += "<section>\n<h3>" + html(table["title"]) + "</h3>\n" + absenceOf(table, facts);
         }
-        all += tableOf(table, links);
+        all += texts[i].shortened(shares[i]);
         before = &table;
     }
     return all.empty() ? "" : all + "</section>\n";
@@ -499,7 +643,7 @@ std::string factsOf(const Json::Value& facts) {
     }
     std::size_t idle = 0;
     for (const Json::Value& rule : facts["rules"]) {
-        idle += rule["effect"] == "never" || rule["effect"] == "needless" ? 1U : 0U;
+        idle += isIdle(rule) && rule["effect"] != "unknown" ? 1U : 0U;
     }
     add("Rules", std::to_string(facts["rules"].size()) +
                      (idle == 0 ? "" : ", " + std::to_string(idle) + " of them without effect"));

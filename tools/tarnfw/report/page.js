@@ -46,25 +46,58 @@
 
     const meet = (a, b) => a[0].length === b[0].length && a[0] <= b[1] && b[0] <= a[1];
 
+    // "tcp:22,80-90 udp:53" as {tcp: [[22, 22], [80, 90]], udp: [[53, 53]]}.
+    const portsOf = (text) => {
+        const ports = {tcp: [], udp: []};
+        for (const entry of text === undefined ? [] : text.split(" ")) {
+            const [protocol, list] = entry.split(":");
+            ports[protocol] = list.split(",").map((range) => {
+                const [first, last = first] = range.split("-").map(Number);
+                return [first, last];
+            });
+        }
+        return ports;
+    };
+
     const hasPort = (ports, protocol, port) =>
-        ports.split(" ").some((entry) => {
-            const [of, list] = entry.split(":");
-            return (protocol === "" || protocol === of) && list !== undefined &&
-                list.split(",").some((range) => {
-                    const [first, last = first] = range.split("-").map(Number);
-                    return first <= port && port <= last;
-                });
-        });
+        ["tcp", "udp"].some((of) => (protocol === "" || protocol === of) &&
+            ports[of].some(([first, last]) => first <= port && port <= last));
 
     // ---- Search ----
 
-    const parsed = new Map();  // by heading: the ranges of a column; null when they are not in the page
-    const rangesOf = (heading) => {
-        if (!parsed.has(heading)) {
-            const text = heading.dataset.addresses;
-            parsed.set(heading, text === undefined ? null : text.split(" ").map(rangeOf));
-        }
-        return parsed.get(heading);
+    // What is searched, read from the page once; `shown` is what it shows now.
+    const readTable = (table) => ({
+        part: table.closest(".scroll"),
+        title: table.dataset.title,
+        titleWords: table.dataset.title.split(/[ ,]+/),
+        columns: all("thead th", table).slice(1).map((heading) => ({
+            heading,
+            text: heading.textContent.toLowerCase(),
+            // Null when they are not in the page.
+            ranges: heading.dataset.addresses === undefined
+                ? null
+                : heading.dataset.addresses.split(" ").map(rangeOf).filter((range) => range !== null),
+            shown: true,
+        })),
+        rows: all("tbody tr", table).map((row) => ({
+            row,
+            cells: [...row.cells].slice(1),
+            text: row.dataset.text,
+            ports: portsOf(row.dataset.ports),
+            shown: true,
+        })),
+        shown: true,
+    });
+
+    let page = null;
+    const readPage = () => {
+        page = page || {
+            matrices: all("table.matrix").map(readTable),
+            rules: all("table.rules").map(readTable),
+            parts: all("section section").map((part) => [part, all(".scroll", part)]),
+            isWhole: document.querySelector(".left-out") === null,
+        };
+        return page;
     };
 
     const wordOf = (text) => {
@@ -83,82 +116,95 @@
             .split(/\s+/).filter((word) => word !== "").map(wordOf);
 
     const rowFits = (row, word) =>
-        word.port === null
-            ? row.dataset.text.includes(word.text)
-            : row.dataset.ports !== undefined && hasPort(row.dataset.ports, word.protocol, word.port);
+        word.port === null ? row.text.includes(word.text) : hasPort(row.ports, word.protocol, word.port);
 
-    const columnFits = (heading, word) => {
-        if (word.range === null) {
-            return heading.textContent.toLowerCase().includes(word.text);
+    const columnFits = (column, word) =>
+        word.range === null
+            ? column.text.includes(word.text)
+            : column.ranges === null || column.ranges.some((range) => meet(range, word.range));
+
+    // Shows a part or hides it; whether that changed anything.
+    const show = (entry, part, shown) => {
+        if (entry.shown === shown) {
+            return false;
         }
-        const ranges = rangesOf(heading);
-        return ranges === null || ranges.some((range) => range !== null && meet(range, word.range));
+        entry.shown = shown;
+        part.hidden = !shown;
+        return true;
     };
 
     // Each word keeps columns, rows or the whole table; with one that fits nothing, it is hidden.
     const searchTable = (table, words) => {
-        const headings = all("thead th", table).slice(1);
-        const rows = all("tbody tr", table);
-        let columns = headings.map(() => true);
-        let kept = rows.map(() => true);
+        let columns = table.columns.map(() => true);
+        let rows = table.rows.map(() => true);
         let fits = true;
         for (const word of words) {
-            const ofColumns = headings.map((heading) => columnFits(heading, word));
-            const ofRows = word.range === null ? rows.map((row) => rowFits(row, word)) : rows.map(() => false);
-            if (table.dataset.title.split(" ").includes(word.text)) {
+            if (table.titleWords.includes(word.text)) {
                 continue;
             }
+            const ofRows = table.rows.map((row) => word.range === null && rowFits(row, word));
             if (ofRows.includes(true)) {
-                kept = kept.map((is, i) => is && ofRows[i]);
-            } else if (ofColumns.includes(true)) {
+                rows = rows.map((is, i) => is && ofRows[i]);
+                continue;
+            }
+            const ofColumns = table.columns.map((column) => columnFits(column, word));
+            if (ofColumns.includes(true)) {
                 columns = columns.map((is, i) => is && ofColumns[i]);
             } else {
                 fits = false;
             }
         }
-        fits = fits && kept.includes(true) && columns.includes(true);
-        rows.forEach((row, i) => {
-            row.hidden = !(fits && kept[i]);
-            [...row.cells].slice(1).forEach((cell, column) => {
-                cell.hidden = !columns[column];
-            });
+        fits = fits && rows.includes(true) && columns.includes(true);
+        show(table, table.part, fits);
+        if (!fits) {
+            return 0;
+        }
+        table.columns.forEach((column, i) => {
+            if (show(column, column.heading, columns[i])) {
+                for (const row of table.rows) {
+                    row.cells[i].hidden = !columns[i];
+                }
+            }
         });
-        headings.forEach((heading, column) => {
-            heading.hidden = !columns[column];
-        });
-        table.closest(".scroll").hidden = !fits;
-        return rows.filter((row) => !row.hidden).length;
+        table.rows.forEach((row, i) => show(row, row.row, rows[i]));
+        return rows.filter((is) => is).length;
     };
 
     const searchRules = (table, words) => {
-        const rows = all("tbody tr", table);
-        for (const row of rows) {
-            const text = table.dataset.title + " " + row.dataset.text;
-            row.hidden = !words.every((word) => text.includes(word.text));
+        let shown = 0;
+        for (const row of table.rows) {
+            const fits = words.every(
+                (word) => row.text.includes(word.text) || table.title.includes(word.text));
+            shown += fits ? 1 : 0;
+            show(row, row.row, fits);
         }
-        const shown = rows.filter((row) => !row.hidden).length;
-        table.closest(".scroll").hidden = shown === 0;
+        show(table, table.part, shown > 0);
         return shown;
     };
 
     const counted = (number, noun) => `${number} ${noun}${number === 1 ? "" : "s"}`;
 
     const search = () => {
+        const {matrices, rules, parts, isWhole} = readPage();
         const words = wordsOf(document.getElementById("query").value);
-        let reached = 0;
-        let rules = 0;
-        all("table.matrix").forEach((table) => {
-            reached += searchTable(table, words);
-        });
-        all("table.rules").forEach((table) => {
-            rules += searchRules(table, words);
-        });
-        for (const part of all("section section")) {
-            part.hidden = words.length > 0 && all(".scroll", part).every((one) => one.hidden);
+        const sum = (tables, of) => tables.reduce((count, table) => count + of(table, words), 0);
+        const foundRows = sum(matrices, searchTable);
+        const foundRules = sum(rules, searchRules);
+        for (const [part, tables] of parts) {
+            part.hidden = words.length > 0 && tables.every((one) => one.hidden);
         }
         document.getElementById("found").textContent = words.length === 0
             ? ""
-            : `${counted(reached, "row")} of the tables and ${counted(rules, "rule")} found`;
+            : `${counted(foundRows, "row")} of the tables and ${counted(foundRules, "rule")} found` +
+                (isWhole ? "" : "; the page leaves some out");
+    };
+
+    // Not at each key of a word.
+    const kPause = 150;  // ms
+    let timer = 0;
+    const searchSoon = () => {
+        clearTimeout(timer);
+        timer = setTimeout(search, kPause);
     };
 
     // ---- Keys ----
@@ -202,6 +248,10 @@
 
     const form = document.getElementById("search");
     form.hidden = false;
-    form.addEventListener("submit", (event) => event.preventDefault());
-    document.getElementById("query").addEventListener("input", search);
+    form.addEventListener("submit", (event) => {
+        event.preventDefault();
+        clearTimeout(timer);
+        search();
+    });
+    document.getElementById("query").addEventListener("input", searchSoon);
 })();
