@@ -215,8 +215,8 @@ int tarnfwadmin_blocked(const char* service, const char* adapter, int* blocked, 
             throw Error(ErrorKind::kInvalid, "there is no place for the answer");
         }
         tarnfw::Machine machine;
-        const std::vector<FW::PortCompareST> questions =
-            portsOf(machine.requireCatalogue().require(required(service, "service")));
+        const std::vector<tarnfw::PacketQuestion> questions =
+            questionsAbout(machine.requireCatalogue().require(required(service, "service")));
         const StoreSession session(StoreSession::Access::kRead);
         const tarnfw::StoreSnapshot& store = session.snapshot();
         if (adapter != nullptr) {

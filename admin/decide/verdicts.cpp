@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <utility>
 
@@ -73,33 +74,58 @@ std::string verdictText(FW::FW_POLICY verdict) {
     }
 }
 
-std::vector<FW::FWPACKETSET> packetsFor(const FW::PortCompareST& question,
-                                        const std::string& interface) {
-    const std::optional<PortSpan> span = portSpanFrom(question.port);
+PacketQuestion questionAbout(const FW::PortCompareST& port) {
+    PacketQuestion question{questionText(port), port, {}};
+    const std::optional<PortSpan> span = portSpanFrom(port.port);
     if (!span) {
-        return {};
+        return question;
     }
     const FW::FWINTERVALS ports = {
         {static_cast<std::uint16_t>(span->first), static_cast<std::uint16_t>(span->last)}};
-    FW::FWPACKETSET packets = newConnections(interface);
-    (question.portDirect != FW::FW_PORT_DIRECT_DESTINATION ? packets.sourcePorts
-                                                           : packets.destinationPorts) = ports;
-    std::vector<FW::FWPACKETSET> sets;
+    FW::FWPACKETSET packets = newConnections("");
+    (port.portDirect != FW::FW_PORT_DIRECT_DESTINATION ? packets.sourcePorts
+                                                       : packets.destinationPorts) = ports;
     const auto add = [&](FW::FW_PORT_PROTOCOL protocol, std::uint16_t number) {
-        if (question.protocol == protocol || question.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP) {
+        if (port.protocol == protocol || port.protocol == FW::FW_PORT_PROTOCOL_TCP_UDP) {
             packets.protocols = {{number, number}};
-            sets.push_back(packets);
+            question.packets.push_back(packets);
         }
     };
     add(FW::FW_PORT_PROTOCOL_TCP, IPPROTO_TCP);
     add(FW::FW_PORT_PROTOCOL_UDP, IPPROTO_UDP);
+    return question;
+}
+
+std::vector<PacketQuestion> questionsAbout(const Service& service) {
+    std::vector<PacketQuestion> questions;
+    for (const FW::PortCompareST& port : portsOf(service)) {
+        questions.push_back(questionAbout(port));
+    }
+    // Without ports only the further protocols are left.
+    for (const FW::FWPACKETSET& further : FW::fwServicePackets(service.name, {})) {
+        PacketQuestion& question = questions.emplace_back();
+        question.text = "protocol " + std::to_string(further.protocols.front().first);
+        FW::FWPACKETSET packets = newConnections("");
+        packets.families = further.families;
+        packets.protocols = further.protocols;
+        question.packets = {packets};
+    }
+    return questions;
+}
+
+std::vector<FW::FWPACKETSET> packetsFor(const PacketQuestion& question,
+                                        const std::string& interface) {
+    std::vector<FW::FWPACKETSET> sets = question.packets;
+    for (FW::FWPACKETSET& set : sets) {
+        set.in = std::make_shared<FW::FWINTERFACES>(FW::FWINTERFACES{{interface}, {}});
+    }
     return sets;
 }
 
 namespace {
 
 std::vector<AdapterAnswer> answersTo(const Meaning& meaning,
-                                     const std::vector<FW::PortCompareST>& questions,
+                                     const std::vector<PacketQuestion>& questions,
                                      const std::vector<std::string>& adapters, bool explained) {
     std::vector<std::string> asked = {FW::FW_ADAPTER_GLOBAL};
     std::copy_if(adapters.begin(), adapters.end(), std::back_inserter(asked),
@@ -113,7 +139,7 @@ std::vector<AdapterAnswer> answersTo(const Meaning& meaning,
         const bool isListed = std::find(listed.begin(), listed.end(), adapter) != listed.end();
         AdapterAnswer& answer = answers.emplace_back();
         answer.adapter = adapter;
-        for (const FW::PortCompareST& question : questions) {
+        for (const PacketQuestion& question : questions) {
             PortAnswer& port = answer.ports.emplace_back(PortAnswer{question});
             const auto packets = packetsFor(question, interfaceFor(meaning, adapter));
             PacketOutcomes outcomes;
@@ -142,13 +168,13 @@ std::vector<AdapterAnswer> answersTo(const Meaning& meaning,
 }  // namespace
 
 std::vector<AdapterAnswer> exactVerdicts(const Meaning& meaning,
-                                         const std::vector<FW::PortCompareST>& questions,
+                                         const std::vector<PacketQuestion>& questions,
                                          const std::vector<std::string>& adapters) {
     return answersTo(meaning, questions, adapters, /*explained=*/false);
 }
 
 std::vector<AdapterAnswer> explainedVerdicts(const Meaning& meaning,
-                                             const std::vector<FW::PortCompareST>& questions,
+                                             const std::vector<PacketQuestion>& questions,
                                              const std::vector<std::string>& adapters) {
     return answersTo(meaning, questions, adapters, /*explained=*/true);
 }

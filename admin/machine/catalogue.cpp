@@ -16,6 +16,8 @@
 #include "tarncore.h"
 #include "tarnserviceconf.h"
 
+#include "tarnfirewall/fwMeaning.h"
+
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/text.h"
 
@@ -212,6 +214,14 @@ std::vector<FW::PortCompareST> portsOf(const Service& service) {
         ports.push_back({FW::FW_PORT_DIRECT_DESTINATION, service.destination.protocol, port});
     }
     return ports;
+}
+
+std::vector<std::uint16_t> protocolsOf(const Service& service) {
+    std::vector<std::uint16_t> numbers;
+    for (const FW::FWPACKETSET& packets : FW::fwServicePackets(service.name, {})) {
+        numbers.push_back(packets.protocols.front().first);
+    }
+    return numbers;
 }
 
 }  // namespace tarnfw

@@ -84,4 +84,7 @@ private:
 /// destination ports, as the library's own check of a service asks them.
 std::vector<FW::PortCompareST> portsOf(const Service& service);
 
+/// The numbers of the IP protocols that a service needs besides ports.
+std::vector<std::uint16_t> protocolsOf(const Service& service);
+
 }  // namespace tarnfw

@@ -1,6 +1,7 @@
 /// Questions about ports, and the verdicts on them.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -8,6 +9,7 @@
 #include "tarnfirewall/fwMeaning.h"
 #include "tarnfirewall/fwTypes.h"
 
+#include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/deciders.h"
 #include "tarnfwadmin/meaning.h"
 
@@ -22,17 +24,30 @@ std::string portQuestionFrom(const std::string& text, FW::PortCompareST& questio
 /// printable.
 std::string questionText(const FW::PortCompareST& question);
 
+/// Packets that are asked about, and what they are called.
+struct PacketQuestion {
+    std::string text;  ///< "tcp 22", "udp source port 53", "protocol 47"; not made printable
+    std::optional<FW::PortCompareST> port;  ///< of packets to or from ports
+    std::vector<FW::FWPACKETSET> packets;   ///< each of one protocol; through any interface
+};
+
+/// New connections to this machine, of both families: one set for each protocol that has ports.
+PacketQuestion questionAbout(const FW::PortCompareST& port);
+
+/// One for each port of a service, as portsOf() has them, and then for each protocol that it needs
+/// besides ports.
+std::vector<PacketQuestion> questionsAbout(const Service& service);
+
 /// "allowed", "blocked", "undecided", "mixed"; or "unknown verdict 7".
 std::string verdictText(FW::FW_POLICY verdict);
 
-/// New connections to this machine through an interface that a question is about, of both families:
-/// one set for each protocol that has ports.
-std::vector<FW::FWPACKETSET> packetsFor(const FW::PortCompareST& question,
+/// The packets of a question that come in through an interface.
+std::vector<FW::FWPACKETSET> packetsFor(const PacketQuestion& question,
                                         const std::string& interface);
 
 /// The verdict for one query.
 struct PortAnswer {
-    FW::PortCompareST question;
+    PacketQuestion question;
     FW::FW_POLICY verdict = FW::FW_POLICY_NONE;  ///< ALLOW, DENY, NONE or MIXED
     Deciders deciders = {};                      ///< only where they are asked for
 };
@@ -51,12 +66,12 @@ struct AdapterAnswer {
 /// find out; "undecided" on an adapter of the profile when no rule and no default policy decides
 /// about any of them, and on "global" when it leaves some of them to the adapters and denies none.
 std::vector<AdapterAnswer> exactVerdicts(const Meaning& meaning,
-                                         const std::vector<FW::PortCompareST>& questions,
+                                         const std::vector<PacketQuestion>& questions,
                                          const std::vector<std::string>& adapters);
 
 /// The same, with who decides: on "global", by its own rules alone.
 std::vector<AdapterAnswer> explainedVerdicts(const Meaning& meaning,
-                                             const std::vector<FW::PortCompareST>& questions,
+                                             const std::vector<PacketQuestion>& questions,
                                              const std::vector<std::string>& adapters);
 
 /// Whether no verdict is "blocked" or "mixed".

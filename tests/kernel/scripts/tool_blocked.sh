@@ -118,6 +118,29 @@ prints_json <<END
                           "text": "allow service http,https from anywhere  \"Web\""}]}]}]}
 END
 
+# A service needs its further protocols as well.
+cat >"$kProfileDirectory/some.json" <<'END'
+{"name": "some", "adapterPolicyMap": {"eth0": 1}, "rules": {}}
+END
+activate some
+answers 0 rule add allow tcp 1723 --adapter eth0
+answers 0 enable
+answers 10 blocked --service vpn_server_pptp --adapter eth0
+prints <<'END'
+Profile "some", service vpn_server_pptp (tcp 1723, protocol 47)
+Adapter  Verdict
+global   undecided  left to the adapters
+eth0     blocked
+END
+answers 10 explain --service vpn_server_pptp --adapter eth0 --from 192.168.1.20
+says '^eth0  *tcp 1723  *allowed  *rule 1 of eth0: '
+says '^eth0  *protocol 47 (IPv4)  *blocked  *the default policy of eth0: deny$'
+answers 10 explain --service vpn_server_pptp --adapter eth0
+says '^  protocol 47  *blocked$'
+answers 0 rule set 1 allow service vpn_server_pptp --adapter eth0 --reload
+answers 0 blocked --service vpn_server_pptp --adapter eth0
+rm -- "$kProfileDirectory/some.json"
+
 # The rules of "global" decide for every adapter; a service has several ports.
 use_profile global_rules_first
 answers 0 enable
@@ -353,12 +376,12 @@ step 'as data' jq --exit-status '.profile == "ways" and .out == "eth1" and .hold
 answers 0 explain --profile ways --protocol icmp/8 --adapter eth0 --from 192.168.1.20
 prints <<'END'
 Not in force: another profile is active
-Profile "ways", protocol icmp/8
+Profile "ways", icmp type 8
 Adapter  Protocol            Verdict  Decided by
 eth0     icmp type 8 (IPv4)  allowed  rule 3 of eth0: allow icmp from anywhere
 END
 answers 10 explain --profile ways --protocol 47 --adapter eth0 --json
-step 'in both families' jq --exit-status '.protocol == "47" and .ports == [] and
+step 'in both families' jq --exit-status '.protocol == "47" and .ports == ["protocol 47"] and
     [.adapters[0].decisions[].port] == ["protocol 47 (IPv4)", "protocol 47 (IPv6)"]' "$out/answer"
 answers 10 explain --profile ways --port tcp/79-80 --adapter eth0
 prints <<'END'

@@ -131,12 +131,12 @@ answers 0 services SIDES
 step 'titles count, in any letters' [ "$(tail -n +2 "$out/answer" | cut -d ' ' -f 1)" = two_sided ]
 answers 0 services 'k*t_o?t' --json
 prints_json <<'END'
-{"services": [{"name": "kept_out", "title": "", "usable": false, "source": null,
+{"services": [{"name": "kept_out", "title": "", "protocols": [], "usable": false, "source": null,
                "destination": {"protocol": "tcp", "ports": ["tcp 1"]}}]}
 END
 answers 0 services two_sided --json
 prints_json <<'END'
-{"services": [{"name": "two_sided", "title": "Two sides", "usable": true,
+{"services": [{"name": "two_sided", "title": "Two sides", "protocols": [], "usable": true,
                "destination": {"protocol": "tcp/udp", "ports": ["tcp/udp 53", "tcp/udp 60-61"]},
                "source": {"protocol": "udp", "ports": ["udp 67"]}}]}
 END

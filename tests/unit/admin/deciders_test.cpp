@@ -30,7 +30,7 @@ constexpr FW::FW_FAMILY kFamilies[] = {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6};
 std::vector<FWPACKETSET> packetsTo(const std::string& port, const std::string& interface) {
     FW::PortCompareST question;
     EXPECT_EQ(tarnfw::portQuestionFrom(port, question), "");
-    return tarnfw::packetsFor(question, interface);
+    return packetsFor(tarnfw::questionAbout(question), interface);
 }
 
 // ---- Cases --------------------------------------------------------------------------------------
@@ -166,13 +166,15 @@ TEST(DecidersTest, WhatIsTooComplexIsSaidAndTheVerdictIsKnown) {
     const Meaning meaning(profile);
     FW::PortCompareST question;
     ASSERT_EQ(tarnfw::portQuestionFrom("tcp/22", question), "");
-    const auto answers = explainedVerdicts(meaning, {question}, {"eth0"});
+    const auto answers = explainedVerdicts(meaning, {tarnfw::questionAbout(question)}, {"eth0"});
     const Deciders& found = answers.back().ports.front().deciders;
     EXPECT_TRUE(found.tooComplex);
     EXPECT_GE(found.all.size(), 6000U) << "what is found is not lost";
     EXPECT_EQ(answers.back().verdict, FW::FW_POLICY_DENY);
     rules.back().policy = kAllow;
-    EXPECT_EQ(explainedVerdicts(Meaning(profile), {question}, {"eth0"}).back().verdict,
+    EXPECT_EQ(explainedVerdicts(Meaning(profile), {tarnfw::questionAbout(question)}, {"eth0"})
+                  .back()
+                  .verdict,
               FW::FW_POLICY_MIXED);
 }
 #endif
@@ -332,8 +334,10 @@ TEST_F(RandomDecidersTest, AddUpToTheExactVerdict) {
         const Meaning meaning(profile, environmentFor(profile, countries_));
         FW::PortCompareST question;
         ASSERT_EQ(tarnfw::portQuestionFrom(i % 2 == 0 ? "tcp/22" : "both/443", question), "");
-        const auto exact = exactVerdicts(meaning, {question}, {"eth0", "eth1"});
-        const auto explained = explainedVerdicts(meaning, {question}, {"eth0", "eth1"});
+        const auto exact =
+            exactVerdicts(meaning, {tarnfw::questionAbout(question)}, {"eth0", "eth1"});
+        const auto explained =
+            explainedVerdicts(meaning, {tarnfw::questionAbout(question)}, {"eth0", "eth1"});
         ASSERT_EQ(explained.size(), exact.size());
         for (std::size_t n = 0; n < exact.size(); ++n) {
             EXPECT_EQ(explained[n].verdict, exact[n].verdict)

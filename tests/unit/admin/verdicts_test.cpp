@@ -102,10 +102,38 @@ std::string exactFor(const char* question, const std::vector<const char*>& globa
     }
     FW::PortCompareST asked;
     EXPECT_EQ(tarnfw::portQuestionFrom(question, asked), "");
-    const std::vector<tarnfw::AdapterAnswer> answers =
-        tarnfw::exactVerdicts(tarnfw::Meaning(profile, machine), {asked}, {"eth0"});
+    const std::vector<tarnfw::AdapterAnswer> answers = tarnfw::exactVerdicts(
+        tarnfw::Meaning(profile, machine), {tarnfw::questionAbout(asked)}, {"eth0"});
     EXPECT_EQ(answers.size(), 2U);
     return tarnfw::verdictText(answers[0].verdict) + ", " + tarnfw::verdictText(answers[1].verdict);
+}
+
+/// "tcp 1723 allowed, protocol 47 blocked".
+std::string toldOf(const tarnfw::AdapterAnswer& answer) {
+    std::string text;
+    for (const tarnfw::PortAnswer& port : answer.ports) {
+        text.append(text.empty() ? "" : ", ").append(port.question.text);
+        text.append(" ").append(tarnfw::verdictText(port.verdict));
+    }
+    return text;
+}
+
+TEST(ExactVerdictsTest, OfAServiceItsFurtherProtocolsCountToo) {
+    tarnfw::Machine machine;
+    FW::FWPROFILE profile;
+    profile.adapterPolicyMap["eth0"] = FW::FW_POLICY_DENY;
+    const auto answerFor = [&](const tarnfw::Service& service) {
+        return exactVerdicts(tarnfw::Meaning(profile, machine), questionsAbout(service), {"eth0"})
+            .back();
+    };
+    const tarnfw::Service pptp = {"vpn_server_pptp", "PPTP", {1, {"1723"}}, {}};
+    profile.rules["eth0"] = {tarnfw::ruleFromText("allow tcp 1723", machine)};
+    EXPECT_EQ(toldOf(answerFor(pptp)), "tcp 1723 allowed, protocol 47 blocked");
+    EXPECT_EQ(answerFor(pptp).verdict, FW::FW_POLICY_DENY);
+    EXPECT_EQ(toldOf(answerFor({"vpn_server_ipsec", "IPsec", {2, {"500"}}, {}})),
+              "udp 500 blocked, protocol 50 blocked, protocol 51 blocked");
+    EXPECT_EQ(tarnfw::protocolsOf({"vpn_server_ipsec", "", {}, {}}),
+              (std::vector<std::uint16_t>{50, 51}));
 }
 
 TEST(ExactVerdictsTest, AddsUpTheAddressesOfSeveralRules) {

@@ -28,8 +28,11 @@ namespace {
 /// Whether the packets of each question differ in their addresses alone.
 bool areSinglePorts(const AdapterAnswer& answer) {
     return std::all_of(answer.ports.begin(), answer.ports.end(), [](const PortAnswer& port) {
-        const std::optional<PortSpan> span = portSpanFrom(port.question.port);
-        return port.question.protocol != FW::FW_PORT_PROTOCOL_TCP_UDP && span &&
+        if (!port.question.port) {
+            return true;
+        }
+        const std::optional<PortSpan> span = portSpanFrom(port.question.port->port);
+        return port.question.port->protocol != FW::FW_PORT_PROTOCOL_TCP_UDP && span &&
                span->first == span->last;
     });
 }
@@ -50,7 +53,7 @@ std::string noteOn(const AdapterAnswer& answer) {
 
 void blocked(const PortQuery& options) {
     auto machine = std::make_unique<Machine>();
-    const std::vector<FW::PortCompareST> questions = questionsOf(options, *machine);
+    const std::vector<PacketQuestion> questions = questionsOf(options, *machine);
     Context context(StoreSession::Access::kRead, std::move(machine));
     const StoreSnapshot& store = context.store();
     if (answeredDisabled(store, options, questions)) {

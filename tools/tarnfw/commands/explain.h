@@ -17,6 +17,7 @@
 #include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/meaning.h"
 #include "tarnfwadmin/store.h"
+#include "tarnfwadmin/verdicts.h"
 
 namespace tarnfw {
 
@@ -30,8 +31,8 @@ struct ExplainQuery {
     bool isAboutPackets() const { return !ports.from.empty() || !protocol.empty() || !out.empty(); }
 };
 
-/// The error of a protocol without ports, such as "icmp/8"; empty for a valid one.
-std::string protocolComplaint(const std::string& text);
+/// A protocol without ports: "icmp", "icmp/8", "igmp" or a number. Nothing for any other text.
+std::optional<PacketQuestion> protocolQuestion(const std::string& text);
 
 /// Explains who decides about packets from anywhere; ends the command with its exit status.
 void explainDeciders(const ExplainQuery& query);
@@ -53,7 +54,7 @@ public:
         return query.profile.empty() && !store().firewallEnabled();
     }
 
-    std::vector<FW::PortCompareST> questions;
+    std::vector<PacketQuestion> questions;
     Context context;
     std::string profile;
     bool isActive;

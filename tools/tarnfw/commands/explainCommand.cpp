@@ -22,7 +22,7 @@ Asked::Asked(const ExplainQuery& query) : Asked(query, std::make_unique<Machine>
 
 Asked::Asked(const ExplainQuery& query, std::unique_ptr<Machine> machine)
     : questions(query.protocol.empty() ? questionsOf(query.ports, *machine)
-                                       : std::vector<FW::PortCompareST>()),
+                                       : std::vector{*protocolQuestion(query.protocol)}),
       context(StoreSession::Access::kRead, std::move(machine)),
       profile(query.profile.empty() ? store().activeProfile() : query.profile),
       isActive(profile == store().activeProfile()) {
@@ -104,7 +104,11 @@ void addExplainCommand(Command& app) {
     command
         .option("--protocol", query->protocol,
                 "A protocol without ports: icmp, icmp/8 (a type), igmp, or a number such as 47")
-        .check(protocolComplaint)
+        .check([](const std::string& text) {
+            return protocolQuestion(text)
+                       ? std::string()
+                       : inQuotes(text) + " is not a protocol such as icmp, icmp/8, igmp or 47";
+        })
         .exactlyOneOf(kQuerySubject);
     command.option("--from", query->ports.from, "Show the one rule that decides for a sender")
         .placeholder("ADDRESS")

@@ -109,7 +109,7 @@ public:
 
     Json::Value document() const {
         Json::Value document;
-        document["port"] = questionText(port_.question);
+        document["port"] = port_.question.text;
         document["verdict"] = verdictText(port_.verdict);
         document["tooComplex"] = found_.tooComplex;
         document["steps"] = Json::Value(Json::arrayValue);
@@ -248,9 +248,9 @@ void print(const AdapterExplanation& found) {
     Table table;
     for (std::size_t i = 0, next = 0; i < found.ports.size(); i = next) {
         const std::vector<Row> rows = found.ports[i].rows();
-        std::string names = questionText(found.ports[i].port().question);
+        std::string names = found.ports[i].port().question.text;
         for (next = i + 1; next < found.ports.size() && found.ports[next].rows() == rows; ++next) {
-            names += ", " + questionText(found.ports[next].port().question);
+            names += ", " + found.ports[next].port().question.text;
         }
         if (next - i < found.ports.size()) {
             const FW::FW_POLICY verdict = found.ports[i].port().verdict;

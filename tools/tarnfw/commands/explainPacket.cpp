@@ -30,45 +30,12 @@
 namespace tarnfw {
 namespace {
 
-/// A protocol without ports.
-struct ProtocolAsked {
-    std::uint8_t number = 0;
-    std::optional<std::uint8_t> icmpType;
-    std::string name;  ///< "icmp type 8", "igmp", "protocol 47"
-};
-
-/// Reads "icmp", "icmp/8", "igmp" or a number; of IPv6 packets "icmp" is ICMPv6.
-std::optional<ProtocolAsked> protocolFrom(const std::string& text, bool ipv6) {
-    constexpr char kIcmpWithType[] = "icmp/";
+/// The number of "icmp type NUMBER", or of a protocol.
+std::optional<std::uint16_t> byteFrom(const std::string& digits) {
     constexpr int kHighest = 255;
-    ProtocolAsked asked;
-    const auto byte = [](const std::string& digits) {
-        const std::optional<int> number = portFrom(digits);
-        return number && *number <= kHighest ? std::optional(static_cast<std::uint8_t>(*number))
-                                             : std::nullopt;
-    };
-    if (text == "igmp") {
-        asked.number = IPPROTO_IGMP;
-        asked.name = text;
-        return asked;
-    }
-    const bool typed = boost::starts_with(text, kIcmpWithType);
-    if (typed || text == "icmp") {
-        asked.number = ipv6 ? std::uint8_t{IPPROTO_ICMPV6} : std::uint8_t{IPPROTO_ICMP};
-        asked.name = "icmp";
-        if (typed) {
-            asked.icmpType = byte(text.substr(sizeof kIcmpWithType - 1));
-            asked.name += " type " + text.substr(sizeof kIcmpWithType - 1);
-        }
-        return typed && !asked.icmpType ? std::nullopt : std::optional(asked);
-    }
-    const std::optional<std::uint8_t> number = byte(text);
-    if (!number) {
-        return std::nullopt;
-    }
-    asked.number = *number;
-    asked.name = "protocol " + text;
-    return asked;
+    const std::optional<int> number = portFrom(digits);
+    return number && *number <= kHighest ? std::optional(static_cast<std::uint16_t>(*number))
+                                         : std::nullopt;
 }
 
 /// Packets of one protocol, and what they are called before their ports.
@@ -77,9 +44,25 @@ struct NamedPackets {
     PortPackets packets;
 };
 
+/// Adds packets of a protocol without ports, in each family that is asked about.
+void addByFamily(const PacketQuestion& question, const FW::FWPACKETSET& set, FW::FWPACKET packet,
+                 std::vector<NamedPackets>& all) {
+    if (!set.icmpTypes.empty()) {
+        packet.icmpType = static_cast<std::uint8_t>(set.icmpTypes.front().first);
+    }
+    const auto asked = packet.family;
+    for (const FW::FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
+        if ((set.families & (1U << family)) != 0 && asked.value_or(family) == family) {
+            packet.family = family;
+            all.push_back({question.text + (family == FW::FW_FAMILY_V6 ? " (IPv6)" : " (IPv4)"),
+                           {packet, std::nullopt}});
+        }
+    }
+}
+
 /// Without the adapter.
 std::vector<NamedPackets> packetsAsked(const ExplainQuery& query,
-                                       const std::vector<FW::PortCompareST>& questions) {
+                                       const std::vector<PacketQuestion>& questions) {
     FW::FWPACKET packet;
     packet.chain = query.out.empty() ? FW::FW_CHAIN_INPUT : FW::FW_CHAIN_FORWARD;
     packet.state = FW::FW_STATE_NEW;
@@ -95,23 +78,14 @@ std::vector<NamedPackets> packetsAsked(const ExplainQuery& query,
         packet.family = familyOf(from ? *from : *to);
     }
     std::vector<NamedPackets> all;
-    for (const bool ipv6 : {false, true}) {
-        const FW::FW_FAMILY family = ipv6 ? FW::FW_FAMILY_V6 : FW::FW_FAMILY_V4;
-        if (query.protocol.empty() || packet.family.value_or(family) != family) {
-            continue;
-        }
-        // ICMP is another protocol in each family.
-        const ProtocolAsked asked = *protocolFrom(query.protocol, ipv6);
-        FW::FWPACKET one = packet;
-        one.family = family;
-        one.protocol = asked.number;
-        one.icmpType = asked.icmpType;
-        all.push_back({asked.name + (ipv6 ? " (IPv6)" : " (IPv4)"), {one, std::nullopt}});
-    }
-    for (const FW::PortCompareST& question : questions) {
-        for (const FW::FWPACKETSET& set : packetsFor(question, "")) {
+    for (const PacketQuestion& question : questions) {
+        for (const FW::FWPACKETSET& set : question.packets) {
             FW::FWPACKET one = packet;
             one.protocol = static_cast<std::uint8_t>(set.protocols.front().first);
+            if (!question.port) {
+                addByFamily(question, set, one, all);
+                continue;
+            }
             PortSpan ports;
             if (!set.sourcePorts.empty() &&
                 set.sourcePorts.front().first == set.sourcePorts.front().last) {
@@ -208,10 +182,40 @@ void printDecisions(const ExplainQuery& query, const Meaning& meaning,
 
 }  // namespace
 
-std::string protocolComplaint(const std::string& text) {
-    return protocolFrom(text, false)
-               ? std::string()
-               : inQuotes(text) + " is not a protocol such as icmp, icmp/8, igmp or 47";
+std::optional<PacketQuestion> protocolQuestion(const std::string& text) {
+    constexpr char kIcmp[] = "icmp";
+    constexpr char kIcmpWithType[] = "icmp/";
+    PacketQuestion question{text, std::nullopt, {}};
+    FW::FWPACKETSET packets = newConnections("");
+    if (text == kIcmp || boost::starts_with(text, kIcmpWithType)) {
+        if (text != kIcmp) {
+            const auto type = byteFrom(text.substr(sizeof kIcmpWithType - 1));
+            if (!type) {
+                return std::nullopt;
+            }
+            packets.icmpTypes = {{*type, *type}};
+            question.text = "icmp type " + std::to_string(*type);
+        }
+        // ICMP is another protocol in each family.
+        for (const bool ipv6 : {false, true}) {
+            const std::uint16_t number =
+                ipv6 ? std::uint16_t{IPPROTO_ICMPV6} : std::uint16_t{IPPROTO_ICMP};
+            packets.families =
+                static_cast<std::uint8_t>(1U << (ipv6 ? FW::FW_FAMILY_V6 : FW::FW_FAMILY_V4));
+            packets.protocols = {{number, number}};
+            question.packets.push_back(packets);
+        }
+        return question;
+    }
+    const auto number =
+        text == "igmp" ? std::optional<std::uint16_t>(IPPROTO_IGMP) : byteFrom(text);
+    if (!number) {
+        return std::nullopt;
+    }
+    question.text = text == "igmp" ? text : "protocol " + std::to_string(*number);
+    packets.protocols = {{*number, *number}};
+    question.packets = {packets};
+    return question;
 }
 
 void explainPackets(const ExplainQuery& query) {
@@ -261,7 +265,6 @@ void explainPackets(const ExplainQuery& query) {
                                       asked.store().firewallEnabled(), allowed);
     if (!query.protocol.empty()) {
         document["protocol"] = query.protocol;
-        document["ports"] = Json::Value(Json::arrayValue);
     }
     for (const auto& [key, value] : {std::pair<const char*, std::string>("from", options.from),
                                      {"to", options.to},
@@ -282,11 +285,8 @@ void explainPackets(const ExplainQuery& query) {
         document["adapters"].append(entry);
     }
     printExplanation(query, asked, kernel, std::move(document), allowed, [&] {
-        std::string subject = query.protocol.empty() ? "" : "protocol " + query.protocol;
-        subject += query.out.empty() ? ""
-                                     : (subject.empty() ? "" : ", ") +
-                                           std::string("forwarded out through ") + query.out;
-        printHeading(asked.profile, options, asked.questions, subject);
+        printHeading(asked.profile, options, asked.questions,
+                     query.out.empty() ? "" : "forwarded out through " + query.out);
         printDecisions(query, meaning, found);
     });
 }

@@ -198,6 +198,9 @@ std::string portsText(const Service& service) {
     if (!service.source.ports.empty()) {
         text.append(text.empty() ? "" : ", ").append("from ").append(sideText(service.source));
     }
+    for (const std::uint16_t protocol : protocolsOf(service)) {
+        text.append(text.empty() ? "" : ", ").append("protocol ").append(std::to_string(protocol));
+    }
     return text;
 }
 
@@ -227,6 +230,10 @@ Json::Value serviceDocument(const Service& service) {
     document["usable"] = service.usable();
     document["destination"] = sideDocument(service.destination);
     document["source"] = sideDocument(service.source);
+    document["protocols"] = Json::Value(Json::arrayValue);
+    for (const std::uint16_t protocol : protocolsOf(service)) {
+        document["protocols"].append(protocol);
+    }
     return document;
 }
 

@@ -49,10 +49,10 @@ std::vector<std::string> uncovered(const std::vector<std::string>& covered) {
     return others;
 }
 
-std::string subjectText(const PortQuery& options, const std::vector<FW::PortCompareST>& questions) {
+std::string subjectText(const PortQuery& options, const std::vector<PacketQuestion>& questions) {
     std::string text;
-    for (const FW::PortCompareST& question : questions) {
-        text.append(text.empty() ? "" : ", ").append(questionText(question));
+    for (const PacketQuestion& question : questions) {
+        text.append(text.empty() ? "" : ", ").append(question.text);
     }
     return options.service.empty() ? text : "service " + options.service + " (" + text + ")";
 }
@@ -78,14 +78,14 @@ void addQueryOptions(Command& command, PortQuery& options) {
     addJsonFlag(command, options.json);
 }
 
-std::vector<FW::PortCompareST> questionsOf(const PortQuery& options, Machine& machine) {
+std::vector<PacketQuestion> questionsOf(const PortQuery& options, Machine& machine) {
     if (options.service.empty()) {
         FW::PortCompareST question{};
         (void)portQuestionFrom(options.port, question);  // has passed as an option
-        return {question};
+        return {questionAbout(question)};
     }
-    std::vector<FW::PortCompareST> questions =
-        portsOf(machine.requireCatalogue().require(options.service));
+    std::vector<PacketQuestion> questions =
+        questionsAbout(machine.requireCatalogue().require(options.service));
     if (questions.empty()) {
         throw Error(ErrorKind::kUnusable, "service " + inQuotes(options.service) + " has no ports");
     }
@@ -158,11 +158,15 @@ InnerAnswer innerAnswer(const Meaning& meaning, const BeforeFirewall::Redirect& 
 }  // namespace
 
 KernelAnswer::KernelAnswer(const StoreSnapshot& store, const PortQuery& query,
-                           const std::vector<FW::PortCompareST>& questions)
+                           const std::vector<PacketQuestion>& questions)
     : report_(kernelReportIfAny(store)),
       complaints_(complaintsOf(report_)),
-      questions_(questions),
       onlyGlobal_(query.adapter == FW::FW_ADAPTER_GLOBAL) {
+    for (const PacketQuestion& question : questions) {
+        if (question.port) {
+            ports_.push_back(*question.port);
+        }
+    }
     if (!query.from.empty()) {
         from_ = addressFrom(query.from);
         to_ = query.to.empty() ? std::nullopt : addressFrom(query.to);
@@ -172,7 +176,7 @@ KernelAnswer::KernelAnswer(const StoreSnapshot& store, const PortQuery& query,
 BeforeFirewall KernelAnswer::ask(const Meaning& meaning, const std::string& adapter,
                                  Verdict verdict) {
     BeforeFirewall before;
-    for (const FW::PortCompareST& question : questions_) {
+    for (const FW::PortCompareST& question : ports_) {
         tarnfw::addTo(before, beforeFirewall(report_, question, adapter, from_, to_));
     }
     if (adapter == FW::FW_ADAPTER_GLOBAL) {
@@ -251,7 +255,7 @@ void TunnelAnswer::addTo(Json::Value& entry) const {
     }
 }
 
-TunnelAnswer tunnelAnswer(const Meaning& meaning, const std::vector<FW::PortCompareST>& questions,
+TunnelAnswer tunnelAnswer(const Meaning& meaning, const std::vector<PacketQuestion>& questions,
                           const std::string& adapter) {
     TunnelAnswer answer;
     answer.owners = tunnelOwners(meaning, adapter);
@@ -260,10 +264,12 @@ TunnelAnswer tunnelAnswer(const Meaning& meaning, const std::vector<FW::PortComp
     }
     const PacketAnswers answers(meaning);
     PacketOutcomes outcomes;
-    for (const FW::PortCompareST& question : questions) {
+    for (const PacketQuestion& question : questions) {
         for (FW::FWPACKETSET& packets : packetsFor(question, adapter)) {
-            packets.families = 1U << FW::FW_FAMILY_V6;
-            outcomes.add(answers.outcomes(packets));
+            packets.families &= 1U << FW::FW_FAMILY_V6;
+            if (packets.families != 0) {
+                outcomes.add(answers.outcomes(packets));
+            }
         }
     }
     // What nothing decides is allowed.
@@ -300,16 +306,15 @@ AdapterNow adapterNow(const std::string& adapter, const FW::FWPROFILE& profile) 
 // ---- The answer ----
 
 Json::Value documentOf(const std::string& profile, const PortQuery& options,
-                       const std::vector<FW::PortCompareST>& questions, bool enabled,
-                       bool allowed) {
+                       const std::vector<PacketQuestion>& questions, bool enabled, bool allowed) {
     Json::Value document;
     document["enabled"] = enabled;
     document["profile"] = profile;
     if (!options.service.empty()) {
         document["service"] = options.service;
     }
-    for (const FW::PortCompareST& question : questions) {
-        document["ports"].append(questionText(question));
+    for (const PacketQuestion& question : questions) {
+        document["ports"].append(question.text);
     }
     document["adapters"] = Json::Value(Json::arrayValue);
     document["allowed"] = allowed;
@@ -317,14 +322,14 @@ Json::Value documentOf(const std::string& profile, const PortQuery& options,
 }
 
 void printHeading(const std::string& profile, const PortQuery& options,
-                  const std::vector<FW::PortCompareST>& questions, const std::string& more) {
+                  const std::vector<PacketQuestion>& questions, const std::string& more) {
     std::string subject = subjectText(options, questions);
     subject += (subject.empty() || more.empty() ? "" : ", ") + more;
     std::cout << "Profile " << inQuotes(profile) << ", " << printable(subject) << '\n';
 }
 
 bool answeredDisabled(const StoreSnapshot& store, const PortQuery& options,
-                      const std::vector<FW::PortCompareST>& questions) {
+                      const std::vector<PacketQuestion>& questions) {
     if (store.firewallEnabled()) {
         return false;
     }

@@ -39,8 +39,9 @@ inline constexpr char kQuerySubject[] = "What to ask about";
 /// Adds the options but `from` and `to`.
 void addQueryOptions(Command& command, PortQuery& query);
 
-/// The queried ports, one question each. Throws Error for an unknown service.
-std::vector<FW::PortCompareST> questionsOf(const PortQuery& query, Machine& machine);
+/// One question for each queried port, and for a service's further protocols. Throws Error for an
+/// unknown service.
+std::vector<PacketQuestion> questionsOf(const PortQuery& query, Machine& machine);
 
 /// The queried adapters: the given one, or those of the profile and of the machine without
 /// "global" and "lo". Throws Error for an unknown one.
@@ -50,7 +51,7 @@ std::vector<std::string> adaptersAsked(const PortQuery& query, const FW::FWPROFI
 class KernelAnswer {
 public:
     KernelAnswer(const StoreSnapshot& store, const PortQuery& query,
-                 const std::vector<FW::PortCompareST>& questions);
+                 const std::vector<PacketQuestion>& questions);
 
     /// What the firewall's rules do to the packets on an adapter: both, when it depends on the
     /// packet.
@@ -81,7 +82,7 @@ public:
 private:
     KernelReport report_;
     std::vector<std::string> complaints_;
-    std::vector<FW::PortCompareST> questions_;
+    std::vector<FW::PortCompareST> ports_;  // of the questions that are about ports
     std::optional<Address> from_;
     std::optional<Address> to_;
     BeforeFirewall all_;
@@ -100,7 +101,7 @@ struct TunnelAnswer {
     void addTo(Json::Value& entry) const;
 };
 
-TunnelAnswer tunnelAnswer(const Meaning& meaning, const std::vector<FW::PortCompareST>& questions,
+TunnelAnswer tunnelAnswer(const Meaning& meaning, const std::vector<PacketQuestion>& questions,
                           const std::string& adapter);
 
 /// Whether the machine has an adapter now, and whether the profile has anything for it, if only as
@@ -117,15 +118,15 @@ AdapterNow adapterNow(const std::string& adapter, const FW::FWPROFILE& profile);
 
 /// The common members of the JSON documents; "adapters" is an empty array.
 Json::Value documentOf(const std::string& profile, const PortQuery& query,
-                       const std::vector<FW::PortCompareST>& questions, bool enabled, bool allowed);
+                       const std::vector<PacketQuestion>& questions, bool enabled, bool allowed);
 
 /// "Profile "home", service ssh (tcp 22)", with more about the packets at its end.
 void printHeading(const std::string& profile, const PortQuery& query,
-                  const std::vector<FW::PortCompareST>& questions, const std::string& more = "");
+                  const std::vector<PacketQuestion>& questions, const std::string& more = "");
 
 /// If the firewall is disabled, prints the answer for that. Returns whether it did.
 bool answeredDisabled(const StoreSnapshot& store, const PortQuery& query,
-                      const std::vector<FW::PortCompareST>& questions);
+                      const std::vector<PacketQuestion>& questions);
 
 /// What the verdict on an adapter says.
 KernelAnswer::Verdict verdictOf(FW::FW_POLICY verdict);
