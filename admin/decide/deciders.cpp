@@ -47,6 +47,21 @@ std::optional<FWINTERVALS> common(const FWINTERVALS& a, const FWINTERVALS& b) {
     return both.empty() ? std::nullopt : std::optional(both);
 }
 
+using SharedAddresses = std::shared_ptr<const FW::FWADDRESSES>;
+
+/// The same of addresses; those that are asked about where a rule has all of them.
+std::optional<SharedAddresses> common(const SharedAddresses& rule, const SharedAddresses& asked) {
+    if (rule == nullptr || asked == nullptr) {
+        return asked == nullptr ? rule : asked;
+    }
+    const FW::Intervals wanted = numbersOf(asked);
+    const FW::Intervals both = intersected(numbersOf(rule), wanted);
+    if (both.empty()) {
+        return std::nullopt;
+    }
+    return both == wanted ? asked : std::make_shared<const FW::FWADDRESSES>(addressesOf(both));
+}
+
 // ---- One family and protocol --------------------------------------------------------------------
 
 /// Those packets of a question, of one family and protocol, that a rule has.
@@ -64,12 +79,17 @@ std::optional<FWPACKETSET> common(const FWPACKETSET& rule, const FWPACKETSET& qu
     const auto protocols = common(rule.protocols, question.protocols);
     const auto sourcePorts = common(rule.sourcePorts, question.sourcePorts);
     const auto destinationPorts = common(rule.destinationPorts, question.destinationPorts);
-    if (!protocols || !sourcePorts || !destinationPorts) {
+    const auto icmpTypes = common(rule.icmpTypes, question.icmpTypes);
+    const auto sources = common(rule.sources, question.sources);
+    const auto destinations = common(rule.destinations, question.destinations);
+    if (!protocols || !sourcePorts || !destinationPorts || !icmpTypes || !sources ||
+        !destinations) {
         return std::nullopt;
     }
     FWPACKETSET both = question;
-    both.sources = rule.sources;
-    both.destinations = rule.destinations;
+    both.sources = *sources;
+    both.destinations = *destinations;
+    both.icmpTypes = *icmpTypes;
     both.sourcePorts = *sourcePorts;
     both.destinationPorts = *destinationPorts;
     return both;
@@ -77,7 +97,9 @@ std::optional<FWPACKETSET> common(const FWPACKETSET& rule, const FWPACKETSET& qu
 
 /// Whether a part of a question has all its packets from some senders.
 bool isWholeFor(const FWPACKETSET& part, const FWPACKETSET& question) {
-    return part.destinations == nullptr && isSame(part.sourcePorts, question.sourcePorts) &&
+    return part.destinations == question.destinations &&
+           isSame(part.icmpTypes, question.icmpTypes) &&
+           isSame(part.sourcePorts, question.sourcePorts) &&
            isSame(part.destinationPorts, question.destinationPorts);
 }
 
@@ -110,7 +132,7 @@ PacketSets restOf(const FWPACKETSET& question, const std::vector<FWRESOLVEDRULE>
         return {};
     }
     PacketSets rest = {question};
-    if (!isEveryAddress(others)) {
+    if (others != numbersOf(question.sources)) {
         rest.front().sources = std::make_shared<FW::FWADDRESSES>(addressesOf(others));
     }
     return rest;
@@ -127,7 +149,7 @@ Shares sharesOf(const Meaning& meaning, const FWPACKETSET& question, const std::
             continue;
         }
         const auto both = common(rule.packets, question);
-        if (both && both->sources == nullptr && isWholeFor(*both, question)) {
+        if (both && both->sources == question.sources && isWholeFor(*both, question)) {
             last = i;
             break;
         }

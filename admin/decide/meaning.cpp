@@ -5,6 +5,8 @@
 #include <set>
 #include <utility>
 
+#include <boost/algorithm/string/join.hpp>
+
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/machine.h"
@@ -29,11 +31,41 @@ FW::ServPort portsByProtocol(const Service& service) {
     return ports;
 }
 
+/// Whether an address is within {"10.0.0.5", "255.0.0.255"}, or {"10.0.0.5/255.0.0.255"}. Nothing
+/// where these are not written in full.
+std::optional<bool> isWithinMask(const std::vector<std::string>& list, const Address& address) {
+    const std::string text = boost::join(list, "/");
+    const std::size_t slash = text.find('/');
+    if (slash == std::string::npos) {
+        return std::nullopt;
+    }
+    const std::optional<Address> value = addressFrom(text.substr(0, slash));
+    const std::optional<Address> mask = addressFrom(text.substr(slash + 1));
+    if (!value || !mask || value->isIpv6() != mask->isIpv6()) {
+        return std::nullopt;
+    }
+    if (value->isIpv6() != address.isIpv6()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < mask->bytes().size(); ++i) {
+        if (((value->bytes()[i] ^ address.bytes()[i]) & mask->bytes()[i]) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
 bool isOfProfile(const FW::FWRESOLVEDRULE& rule) {
     return rule.place.origin == FW::FW_ORIGIN_RULE || rule.place.origin == FW::FW_ORIGIN_DEFAULT;
 }
 
 }  // namespace
+
+bool isNotCounted(const FW::FWFINDING& finding) {
+    // Of the others the kernel has no line either.
+    return finding.place.position > 0 &&
+           finding.text.find(" is too complex: ") != std::string::npos;
+}
 
 FW::FWENVIRONMENT environmentOf(const std::vector<FW::FWPROFILE>& profiles, Machine& machine,
                                 FW::FW_ADAPTERS adapters,
@@ -89,6 +121,38 @@ const FW::FW_MEANING& Meaning::answers() const {
         state_->answers.emplace(state_->resolved.rules);
     }
     return *state_->answers;
+}
+
+Meaning Meaning::between(const std::optional<Address>& source,
+                         const std::optional<Address>& destination) const {
+    FW::FWPROFILE changed = profile();
+    bool isChanged = false;
+    for (const FW::FWFINDING& finding : findings()) {
+        if (!isNotCounted(finding)) {
+            continue;
+        }
+        FW::FWRULE& rule = changed.rules.at(finding.place.adapter)
+                               .at(static_cast<std::size_t>(finding.place.position) - 1);
+        const auto& address = rule.ipDirect == FW::FW_IP_DIRECT_DESTINATION ? destination : source;
+        const std::optional<bool> matches =
+            address ? isWithinMask(rule.ipList, *address) : std::nullopt;
+        if (!matches) {
+            continue;
+        }
+        isChanged = true;
+        if (*matches) {
+            rule.ipGroup = FW::FW_IP_GROUP_SINGLE;
+            rule.ipList = {spelled(*address)};
+        } else {
+            rule.enable = false;
+        }
+    }
+    if (!isChanged) {
+        return *this;
+    }
+    Meaning between(std::move(changed), environment());
+    between.state_->profile = profile();  // for the texts of its rules
+    return between;
 }
 
 std::vector<FW::FWRESOLVEDRULE> Meaning::ownRules() const {

@@ -80,6 +80,16 @@ FW::FWADDRESS addressNumber(const Address& address) {
     return number;
 }
 
+FW::FWADDRESSES onlyAddress(const Address& address) {
+    const auto interval = FW::fwAddressFrom(spelled(address), familyOf(address));
+    return interval ? FW::FWADDRESSES{*interval} : FW::FWADDRESSES();
+}
+
+std::optional<Address> packetAddressFrom(const std::string& text) {
+    const std::optional<Address> address = addressFrom(text);
+    return address ? std::optional(unmapped(*address)) : std::nullopt;
+}
+
 FW::FW_FAMILY familyOf(const Address& address) {
     return address.isIpv6() ? FW::FW_FAMILY_V6 : FW::FW_FAMILY_V4;
 }
@@ -116,8 +126,7 @@ std::vector<std::string> tunnelOwners(const Meaning& meaning, const std::string&
 std::vector<std::string> notCounted(const Meaning& meaning) {
     std::vector<std::string> texts;
     for (const FW::FWFINDING& finding : meaning.findings()) {
-        // Of the others the kernel has no line either.
-        if (finding.text.find(" is too complex: ") != std::string::npos) {
+        if (isNotCounted(finding)) {
             texts.push_back(placeText(finding.place) + " is not counted: " + finding.text);
         }
     }
@@ -128,7 +137,7 @@ std::vector<std::string> notCounted(const Meaning& meaning) {
 
 PortPackets packetsFrom(const std::string& address, const std::string& port,
                         const std::string& interface) {
-    const std::optional<Address> source = addressFrom(address);
+    const std::optional<Address> source = packetAddressFrom(address);
     if (!source) {
         throw Error(ErrorKind::kInvalid, inQuotes(address) + " is not an IP address");
     }

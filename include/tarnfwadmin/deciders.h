@@ -34,8 +34,8 @@ struct Deciders {
     bool tooComplex = false;   ///< there may be more of them, and more packets of each
 };
 
-/// Who decides about packets: sets with one interface, one chain and one protocol, any addresses,
-/// and at most one interval of ports on each side, such as packetsFor() makes. With `adapter`, by
+/// Who decides about packets: sets with one interface, one chain and one protocol, and at most one
+/// interval of ports on each side, such as packetsFor() makes. With `adapter`, by
 /// the rules and the default policy of that one alone.
 Deciders decidersOf(const Meaning& meaning, const std::vector<FW::FWPACKETSET>& packets,
                     const std::string& adapter = "");

@@ -12,11 +12,16 @@
 #include "tarnfirewall/fwMeaning.h"
 #include "tarnfirewall/fwTypes.h"
 
+#include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/place.h"
 
 namespace TARNFW_EXPORT_ALL tarnfw {
 
 class Machine;
+
+/// Whether it is a rule that is in the kernel but not among the resolved ones, since the mask of
+/// its address is too complex.
+bool isNotCounted(const FW::FWFINDING& finding);
 
 /// What the meaning of each of these profiles depends on besides its text: one environment for all
 /// of them, so that they can be compared. It knows the services and countries that they name, and
@@ -46,6 +51,12 @@ public:
 
     /// Rules that are left out of rules(), or that have lines in chains of others.
     const std::vector<FW::FWFINDING>& findings() const { return state_->resolved.findings; }
+
+    /// The same for packets between these addresses alone, of which either may be unknown. Rules
+    /// for masks that are too complex are then among rules(): such a mask is compared with the
+    /// address itself. Those written with other numbers than decimal ones stay out.
+    Meaning between(const std::optional<Address>& source,
+                    const std::optional<Address>& destination) const;
 
     /// rules(), prepared for questions at the first call.
     const FW::FW_MEANING& answers() const;

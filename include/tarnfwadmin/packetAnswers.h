@@ -21,6 +21,13 @@ namespace TARNFW_EXPORT_ALL tarnfw {
 /// The number of an address, for FW::FWPACKET.
 FW::FWADDRESS addressNumber(const Address& address);
 
+/// This address alone.
+FW::FWADDRESSES onlyAddress(const Address& address);
+
+/// The address of packets: an IPv4 address in IPv6 form ("::ffff:192.0.2.7") is that IPv4 address,
+/// since so the packet filter sees them. Nothing for a text that is no address.
+std::optional<Address> packetAddressFrom(const std::string& text);
+
 FW::FW_FAMILY familyOf(const Address& address);
 
 /// The name of an interface that packets of an adapter come in through: of "vpn" one that has no

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -110,6 +111,42 @@ TEST(DecidersTest, TheLastOneMayBeARuleOrNothing) {
               (Texts{std::string("deny rule 1 of eth0") + kAllOfV4,
                      std::string("allow rule 2 of eth0") + kAllOfV6}))
         << "and leaves nothing";
+}
+
+TEST(DecidersTest, OfOneSenderToOneAddress) {
+    const Meaning meaning(profileOf({"deny any from 10.3.0.0/16", "deny tcp 22 to 10.0.0.9"},
+                                    {"allow tcp 22 from 10.0.0.0/8", "deny tcp 22"}, kAllow));
+    const auto textFor = [&](const char* from, const char* to) {
+        std::vector<FWPACKETSET> packets = packetsTo("tcp/22", "eth0");
+        packets.front().families = 1U << FW::FW_FAMILY_V4;
+        packets.front().sources = std::make_shared<FW::FWADDRESSES>(
+            tarnfw::onlyAddress(*tarnfw::packetAddressFrom(from)));
+        packets.front().destinations =
+            std::make_shared<FW::FWADDRESSES>(tarnfw::onlyAddress(*tarnfw::packetAddressFrom(to)));
+        std::string text;
+        for (const Decider& decider : decidersOf(meaning, packets).all) {
+            text += tarnfw::placeText(placeOf(meaning, decider.by)) + sendersOf(decider) + ";";
+        }
+        return text;
+    };
+    EXPECT_EQ(textFor("10.3.0.1", "10.0.0.9"), "rule 1 of global 10.3.0.1-10.3.0.1;");
+    EXPECT_EQ(textFor("10.4.0.1", "10.0.0.9"), "rule 2 of global 10.4.0.1-10.4.0.1;");
+    EXPECT_EQ(textFor("10.4.0.1", "10.0.0.8"), "rule 1 of eth0 10.4.0.1-10.4.0.1;");
+    EXPECT_EQ(textFor("11.4.0.1", "10.0.0.8"), "rule 2 of eth0 11.4.0.1-11.4.0.1;");
+    EXPECT_EQ(textFor("::ffff:11.4.0.1", "10.0.0.8"), "rule 2 of eth0 11.4.0.1-11.4.0.1;");
+}
+
+TEST(DecidersTest, OfOneTypeOfIcmp) {
+    const Meaning meaning(profileOf({}, {"allow icmp"}, kDeny));
+    FWPACKETSET packets = tarnfw::newConnections("eth0");
+    packets.families = 1U << FW::FW_FAMILY_V6;
+    packets.protocols = {{IPPROTO_ICMPV6, IPPROTO_ICMPV6}};
+    const std::size_t all = decidersOf(meaning, {packets}).all.size();
+    packets.icmpTypes = {{128, 128}};
+    const Deciders found = decidersOf(meaning, {packets});
+    EXPECT_EQ(all, 2U) << "neighbour discovery has types of its own";
+    ASSERT_EQ(found.all.size(), 1U);
+    EXPECT_EQ(tarnfw::placeText(placeOf(meaning, found.all.front().by)), "rule 1 of eth0");
 }
 
 TEST(DecidersTest, OfOneAdapterAloneIsWhatItsListDecides) {

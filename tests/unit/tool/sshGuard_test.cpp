@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace {
@@ -260,7 +261,7 @@ TEST(SshRefusalTest, IsEmptyWhereTheConnectionIsLetIn) {
 }
 
 // The next connection has another port of its own, so a rule for this one's does not help.
-TEST(SshRefusalTest, DoesNotCountOnTheClientsPort) {
+TEST(SshRefusalTest, CountsOnAnyPortOfAClient) {
     FWPROFILE profile = denyingProfile();
     FWRULE rule;
     rule.portGroup = 1;
@@ -268,7 +269,53 @@ TEST(SshRefusalTest, DoesNotCountOnTheClientsPort) {
     rule.portList = {"50022"};
     rule.ipGroup = 5;
     profile.rules["eth0"] = {rule};
+    EXPECT_EQ(dropWarning(profile, "eth0"),
+              "you are connected over SSH from 203.0.113.7 to port 22 on eth0, and profile "
+              "\"home\" denies that from some ports (the default policy of eth0: deny); this "
+              "connection stays, but you may be unable to connect again");
+    profile.rules["eth0"].front().portList = {"1024-65535"};
+    EXPECT_EQ(dropWarning(profile, "eth0"), "");
+    profile.rules["eth0"].front().portList = {"53"};
+    EXPECT_THAT(dropWarning(profile, "eth0"), ::testing::HasSubstr("denies that ("));
+}
+
+// A mask with too many gaps makes no list of addresses, but the client has one address.
+TEST(SshRefusalTest, ComparesTheClientWithAMaskOfAnyForm) {
+    FWPROFILE profile = denyingProfile();
+    profile.adapterPolicyMap["eth0"] = FW::FW_POLICY_ALLOW;
+    FWRULE rule;
+    rule.policy = FW::FW_POLICY_DENY;
+    rule.portGroup = 1;
+    rule.portList = {"22"};
+    rule.ipGroup = 1;
+    rule.ipList = {"0.0.0.7", "0.0.0.255"};
+    profile.rules["eth0"] = {rule};
+    EXPECT_THAT(
+        dropWarning(profile, "eth0"),
+        ::testing::HasSubstr("(rule 1 of eth0: deny tcp 22 from 0.0.0.7/0.0.0.255 (IPv4))"));
+    profile.rules["eth0"].front().ipList = {"0.0.0.8", "0.0.0.255"};
+    EXPECT_EQ(dropWarning(profile, "eth0"), "");
+
+    // Only that mask is let in.
+    profile.adapterPolicyMap["eth0"] = FW::FW_POLICY_DENY;
+    profile.rules["eth0"].front().policy = FW::FW_POLICY_ALLOW;
     EXPECT_NE(dropWarning(profile, "eth0"), "");
+    profile.rules["eth0"].front().ipList = {"0.0.0.7", "0.0.0.255"};
+    EXPECT_EQ(dropWarning(profile, "eth0"), "");
+}
+
+TEST(SshRefusalTest, SaysWhatIsNotKnown) {
+    FWPROFILE profile = denyingProfile();
+    profile.adapterPolicyMap["eth0"] = FW::FW_POLICY_ALLOW;
+    FWRULE rule;
+    rule.policy = FW::FW_POLICY_DENY;
+    rule.ipGroup = 1;
+    rule.ipList = {"0.0.0.07", "0.0.0.255"};  // an octal number
+    rule.portGroup = 3;
+    profile.rules["eth0"] = {rule};
+    EXPECT_THAT(dropWarning(profile, "eth0"),
+                ::testing::HasSubstr("it is not known whether profile \"home\" denies that (rule 1 "
+                                     "of eth0 is not counted: "));
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <sstream>
 #include <utility>
 
@@ -16,6 +17,7 @@
 
 #include "cli/command.h"
 #include "cli/output.h"
+#include "tarnfwadmin/deciders.h"
 #include "tarnfwadmin/firstProfile.h"
 #include "tarnfwadmin/packetAnswers.h"
 #include "tarnfwadmin/portEntry.h"
@@ -36,8 +38,7 @@ std::optional<Address> addressWithZone(const std::string& text, std::string& zon
     if (percent != std::string::npos) {
         zone = text.substr(percent + 1);
     }
-    const std::optional<Address> address = addressFrom(text.substr(0, percent));
-    return address ? std::optional(unmapped(*address)) : std::nullopt;
+    return packetAddressFrom(text.substr(0, percent));
 }
 
 /// A port as the environment has it, where leading zeros mean nothing.
@@ -157,34 +158,76 @@ std::vector<std::string> routesBack(const SshConnection& connection) {
     return names;
 }
 
-std::string sshDropWarning(const Meaning& meaning, const SshConnection& connection,
+namespace {
+
+// A client takes any of these (RFC 6056); its next connection has another one.
+constexpr FW::FWINTERVAL kClientPorts = {1024, 65535};
+
+/// New connections like this one, from any port of the client.
+FW::FWPACKETSET packetsLike(const SshConnection& connection, const std::string& interface) {
+    const auto serverPort = static_cast<std::uint16_t>(connection.serverPort);
+    FW::FWPACKETSET packets = newConnections(interface);
+    packets.families = static_cast<std::uint8_t>(1U << familyOf(connection.client));
+    packets.protocols = {{IPPROTO_TCP, IPPROTO_TCP}};
+    packets.sources = std::make_shared<FW::FWADDRESSES>(onlyAddress(connection.client));
+    packets.destinations = std::make_shared<FW::FWADDRESSES>(onlyAddress(connection.server));
+    packets.sourcePorts = {kClientPorts};
+    packets.destinationPorts = {{serverPort, serverPort}};
+    return packets;
+}
+
+/// Why it is not known whether a profile denies a connection: a rule that denies and is not
+/// counted. Empty where there is none.
+std::string unknownReason(const Meaning& meaning) {
+    for (const FW::FWFINDING& finding : meaning.findings()) {
+        const bool denies = isNotCounted(finding) &&
+                            meaning.profile()
+                                    .rules.at(finding.place.adapter)
+                                    .at(static_cast<std::size_t>(finding.place.position) - 1)
+                                    .policy == FW::FW_POLICY_DENY;
+        if (denies) {
+            return placeText(finding.place) + " is not counted: " + finding.text;
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
+std::string sshDropWarning(const Meaning& stored, const SshConnection& connection,
                            const std::string& interface) {
-    PortPackets packets;
-    FW::FWPACKET& packet = packets.packet;
-    packet.chain = FW::FW_CHAIN_INPUT;
-    packet.family = familyOf(connection.client);
-    packet.in = interface;
-    packet.protocol = IPPROTO_TCP;
-    packet.source = addressNumber(connection.client);
-    packet.destination = addressNumber(connection.server);
-    packet.destinationPort = static_cast<std::uint16_t>(connection.serverPort);
-    packet.state = FW::FW_STATE_NEW;
-    // Any client port: the next connection has another one.
-    const PortDecision decision = decisionsFor(meaning, packets).front();
-    if (!decision.denied) {
+    const Meaning meaning = stored.between(connection.client, connection.server);
+    const Deciders found = decidersOf(meaning, {packetsLike(connection, interface)});
+    const auto denies = std::find_if(found.all.begin(), found.all.end(),
+                                     [](const Decider& decider) { return decider.denied; });
+    const bool isDenied = denies != found.all.end();
+    const bool isAllowedToo = std::any_of(found.all.begin(), found.all.end(),
+                                          [](const Decider& decider) { return !decider.denied; });
+    const std::string unknown = isDenied ? "" : unknownReason(meaning);
+    if (!isDenied && unknown.empty()) {
         return {};
     }
+    const std::string profile = "profile \"" + meaning.profile().name + "\"";
     std::string text = "you are connected over SSH from ";
     text.append(spelled(connection.client))
         .append(" to port ")
         .append(std::to_string(connection.serverPort))
         .append(" on ")
-        .append(interface)
-        .append(", and profile \"")
-        .append(meaning.profile().name)
-        .append("\" denies that (")
-        .append(reasonText(meaning, decision.by))
-        .append("); this connection stays, but you could not connect again");
+        .append(interface);
+    if (!isDenied) {
+        text.append(", and it is not known whether ")
+            .append(profile)
+            .append(" denies that (")
+            .append(unknown)
+            .append("); this connection stays, but you may be unable to connect again");
+        return printable(text);
+    }
+    text.append(", and ")
+        .append(profile)
+        .append(isAllowedToo ? " denies that from some ports (" : " denies that (")
+        .append(reasonText(meaning, denies->by))
+        .append("); this connection stays, but you ")
+        .append(isAllowedToo ? "may be unable to connect again" : "could not connect again");
     return printable(text);
 }
 

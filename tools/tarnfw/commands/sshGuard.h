@@ -50,7 +50,8 @@ std::vector<std::string> entrancesOf(const SshConnection& connection,
 std::vector<std::string> routesBack(const SshConnection& connection);
 
 /// A warning that a profile would drop a new connection like this one that comes in through an
-/// interface, and why; empty if it allows it.
+/// interface, and why; empty if it allows it. From some of the client's ports from 1024 on, or from
+/// all; and also where that is not known, since a rule that denies is not counted.
 std::string sshDropWarning(const Meaning& meaning, const SshConnection& connection,
                            const std::string& interface);
 
