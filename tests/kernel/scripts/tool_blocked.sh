@@ -29,7 +29,7 @@ step 'so is a word that is no port' grep --quiet '^tarnfw: --port: "eth0" is not
 answers 0 blocked --service ssh --json
 prints_json <<'END'
 {"enabled": false, "profile": "default", "service": "ssh", "ports": ["tcp 22"], "adapters": [],
- "allowed": true, "holds": true, "complaints": [], "redirects": []}
+ "allowed": true, "holds": true, "notCounted": [], "complaints": [], "redirects": []}
 END
 answers 5 blocked --port tcp/22 --adapter eht0
 complains '^tarnfw: there is no adapter "eht0"; did you mean "eth0"? (known: eth0, global, pppoe, vpn)$'
@@ -52,7 +52,7 @@ END
 answers 10 blocked --port tcp/22 --json
 prints_json <<'END'
 {"enabled": true, "profile": "deny_by_default", "ports": ["tcp 22"], "allowed": false,
- "holds": true, "complaints": [], "redirects": [],
+ "holds": true, "notCounted": [], "complaints": [], "redirects": [],
  "adapters": [{"name": "global", "present": true, "inProfile": true, "verdict": "undecided", "acceptedBefore": [], "droppedBy": []}, {"name": "eth0", "present": true, "inProfile": true, "verdict": "mixed", "acceptedBefore": [], "droppedBy": []},
               {"name": "eth1", "present": false, "inProfile": true, "verdict": "allowed", "acceptedBefore": [], "droppedBy": []}]}
 END
@@ -107,7 +107,7 @@ answers 0 explain --service https --adapter eth0 --json
 readonly kEverybody='"v4": ["0.0.0.0/0"], "v6": ["::/0"]'
 prints_json <<END
 {"enabled": true, "profile": "deny_by_default", "service": "https", "ports": ["tcp 443"],
- "allowed": true, "holds": true, "complaints": [], "redirects": [],
+ "allowed": true, "holds": true, "notCounted": [], "complaints": [], "redirects": [],
  "adapters": [
    {"name": "global", "present": true, "inProfile": true, "verdict": "undecided", "acceptedBefore": [], "droppedBy": [],
     "ports": [{"port": "tcp 443", "verdict": "undecided", "tooComplex": false,
@@ -324,12 +324,12 @@ eth0     tcp 7004       allowed  rule 3 of eth0: allow tcp/udp 7004,7006-7008 fr
 eth0     tcp 7005       blocked  rule 4 of eth0: deny tcp 7005-7009 from 192.0.1.20/255.0.255.255 (IPv4)
 eth0     tcp 7006-7008  allowed  rule 3 of eth0: allow tcp/udp 7004,7006-7008 from 192.168.1.15-192.168.1.25 (IPv4)
 eth0     tcp 7009       blocked  rule 4 of eth0: deny tcp 7005-7009 from 192.0.1.20/255.0.255.255 (IPv4)
-eth0     tcp 7010       blocked  the default policy of eth0: deny; unless this matches: rule 6 of eth0: allow tcp 7010 to 192.168.1.11 (IPv4)
+eth0     tcp 7010       mixed    the default policy of eth0: deny; unless this matches: rule 6 of eth0: allow tcp 7010 to 192.168.1.11 (IPv4)
 END
 answers 11 explain --port both/7010 --from 192.168.1.20 --json
 prints_json <<END
 {"enabled": true, "profile": "mixture", "ports": ["tcp/udp 7010"], "from": "192.168.1.20",
- "allowed": false, "holds": false, "complaints": [$(jq -Rn --arg text "$kDiffers" '$text')], "redirects": [],
+ "allowed": false, "holds": false, "notCounted": [], "complaints": [$(jq -Rn --arg text "$kDiffers" '$text')], "redirects": [],
  "adapters": [
    {"name": "eth0", "present": true, "inProfile": true, "acceptedBefore": [], "droppedBy": [],
     "decisions": [
@@ -342,7 +342,7 @@ END
 answers 11 explain --port tcp/7010 --from 192.168.1.20 --to 192.168.1.11 --json
 prints_json <<END
 {"enabled": true, "profile": "mixture", "ports": ["tcp 7010"], "from": "192.168.1.20",
- "to": "192.168.1.11", "allowed": true, "holds": false, "complaints": [$(jq -Rn --arg text "$kDiffers" '$text')], "redirects": [],
+ "to": "192.168.1.11", "allowed": true, "holds": false, "notCounted": [], "complaints": [$(jq -Rn --arg text "$kDiffers" '$text')], "redirects": [],
  "adapters": [
    {"name": "eth0", "present": true, "inProfile": true, "acceptedBefore": [], "droppedBy": [],
     "decisions": [
@@ -364,11 +364,17 @@ answers 0 explain --profile ways --port tcp/80 --adapter eth0 --out eth1 --to 10
 prints <<'END'
 Not in force: another profile is active
 Profile "ways", tcp 80, forwarded out through eth1
-Adapter  Port    Verdict  Decided by
-eth0     tcp 80  allowed  rule 1 of eth0: allow tcp 80 to 10.0.0.5 (IPv4)
+
+eth0: allowed
+  allowed for everybody (IPv4)  rule 1 of eth0: allow tcp 80 to 10.0.0.5 (IPv4)
 END
 answers 10 explain --profile ways --port tcp/80 --adapter eth0 --out eth1
-says '^eth0  *tcp 80  *mixed  *the default policy of eth0: deny; unless this matches: rule 1 of eth0: allow tcp 80 to 10.0.0.5 (IPv4); unless this matches: rule 2 of eth0: '
+says '^  allowed for packets to 10.0.0.5  *rule 1 of eth0: '
+says '^  blocked for all other packets  *the default policy of eth0: deny$'
+answers 10 explain --profile ways --port tcp/80 --adapter eth0 --out eth1 --to 10.0.0.6 --json
+step 'as data' jq --exit-status '.out == "eth1" and .to == "10.0.0.6" and
+    [.adapters[1].ports[0].steps[] | [.by, .v4 == null]] ==
+    [["rule", false], ["defaultPolicy", false]]' "$out/answer"
 answers 10 explain --profile ways --port tcp/80 --adapter eth0 --out eth1 --to 10.0.0.6 --from 192.168.1.21 --json
 step 'as data' jq --exit-status '.profile == "ways" and .out == "eth1" and .holds == null and
     .adapters[0].decisions == [{"port": "tcp 80", "by": "defaultPolicy", "adapter": "eth0",
@@ -380,9 +386,15 @@ Profile "ways", icmp type 8
 Adapter  Protocol            Verdict  Decided by
 eth0     icmp type 8 (IPv4)  allowed  rule 3 of eth0: allow icmp from anywhere
 END
+answers 0 explain --profile ways --protocol icmp/8 --adapter eth0
+says '^Profile "ways", icmp type 8$'
+says '^  allowed for everybody  *rule 3 of eth0: allow icmp from anywhere$'
 answers 10 explain --profile ways --protocol 47 --adapter eth0 --json
 step 'in both families' jq --exit-status '.protocol == "47" and .ports == ["protocol 47"] and
-    [.adapters[0].decisions[].port] == ["protocol 47 (IPv4)", "protocol 47 (IPv6)"]' "$out/answer"
+    (.adapters[1] | .verdict == "blocked" and (.ports[0] | .port == "protocol 47" and
+     [.steps[] | [.by, .v4, .v6]] == [["defaultPolicy", ["0.0.0.0/0"], ["::/0"]]]))' "$out/answer"
+answers 0 explain --profile ways --protocol icmp --adapter eth0 --from ::ffff:192.168.1.20
+says '^eth0  *icmp (IPv4)  *allowed  '
 answers 10 explain --profile ways --port tcp/79-80 --adapter eth0
 prints <<'END'
 Not in force: another profile is active
@@ -405,6 +417,39 @@ for wrong in --protocol\ {tcp,icmp/256,256,gre} '--protocol igmp --port tcp/22' 
 done
 answers 5 explain --profile nothing --port tcp/22
 answers 5 explain --port tcp/22 --out eht0
+
+# What may be dropped is not allowed, also where the source port decides; what differs is said.
+activate ways
+answers 0 rule add --adapter eth0 --first deny both source port 53
+answers 0 rule add --adapter eth0 allow tcp 81
+answers 0 rule add --adapter eth0 allow tcp 82 from 10.0.0.0/8
+answers 0 enable
+answers 10 explain --port tcp/81 --adapter eth0 --from 192.168.1.20
+says '^eth0  *tcp 81  *mixed  *rule 5 of eth0: allow tcp 81 from anywhere; unless this matches: rule 1 of eth0: '
+answers 10 blocked --port tcp/81 --adapter eth0
+says '^eth0  *mixed  *it depends on the source port$'
+answers 10 blocked --port tcp/82 --adapter eth0
+says '^eth0  *mixed  *it depends on the sender and the source port$'
+answers 10 blocked --port tcp/80 --adapter eth0
+says '^eth0  *mixed  *it depends on the sender, the source port and the destination address$'
+
+# A mask with too many gaps for a list of addresses: it is known for one sender.
+answers 0 rule add --adapter eth0 --first deny tcp 83 from 0.0.0.20/0.0.0.255
+answers 0 rule add --adapter eth0 allow tcp 83
+answers 0 reload
+answers 10 blocked --port tcp/83 --adapter eth0 --json
+step 'it is not counted' jq --exit-status '.notCounted | length == 1 and
+    (.[0] | startswith("rule 1 of eth0 is not counted: "))' "$out/answer"
+answers 10 explain --port tcp/83 --adapter eth0 --from 192.168.1.20 --json
+step 'it is counted' jq --exit-status '.notCounted == [] and .adapters[0].decisions[0].position == 1 and
+    .adapters[0].decisions[0].text == "deny tcp 83 from 0.0.0.20/0.0.0.255 (IPv4)"' "$out/answer"
+answers 10 explain --port tcp/83 --adapter eth0 --from 192.168.1.21
+says '^eth0  *tcp 83  *mixed  *rule 8 of eth0: allow tcp 83 from anywhere; unless this matches: rule 2 of eth0: '
+for position in 8 7 6 2 1; do
+    answers 0 rule delete --adapter eth0 "$position"
+done
+answers 0 disable
+activate other
 
 # Ports of a service about which others decide are apart; of many services of a rule, two are named.
 answers 0 rule add --profile ways --adapter eth0 allow service http,ssh,ftp,nfs,rsync from 10.0.0.0/8

@@ -1,11 +1,14 @@
 /// tarnfw blocked: whether a port or a service gets through, adapter by adapter.
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <json/json.h>
+#include <boost/algorithm/string/join.hpp>
 
 #include "tarnfirewall/fwTypes.h"
 
@@ -18,6 +21,8 @@
 #include "commands/portQuery.h"
 #include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/meaning.h"
+#include "tarnfwadmin/packetAnswers.h"
+#include "tarnfwadmin/packetWords.h"
 #include "tarnfwadmin/portEntry.h"
 #include "tarnfwadmin/store.h"
 #include "tarnfwadmin/verdicts.h"
@@ -37,14 +42,83 @@ bool areSinglePorts(const AdapterAnswer& answer) {
     });
 }
 
+/// What it depends on, besides the ports of the questions, whether packets are allowed.
+struct Differences {
+    bool sender = false;
+    bool sourcePort = false;
+    bool destination = false;
+
+    /// Those of the packets of one protocol and family.
+    void add(const PacketParts& parts) {
+        const PacketSenders senders = parts.senders();
+        if (senders.depends.empty()) {
+            sender = sender || !parts.denied.empty();
+            return;
+        }
+        sender = sender || !isEverybody(senders.depends);
+        for (const auto* const sets : {&parts.allowed, &parts.denied}) {
+            for (const FW::FWPACKETSET& set : *sets) {
+                sourcePort = sourcePort || !set.sourcePorts.empty();
+                destination = destination || set.destinations != nullptr;
+            }
+        }
+    }
+
+    std::string text() const {
+        std::vector<std::string> texts;
+        for (const auto& [differs, text] :
+             {std::pair(sender, "the sender"), std::pair(sourcePort, "the source port"),
+              std::pair(destination, "the destination address")}) {
+            if (differs) {
+                texts.emplace_back(text);
+            }
+        }
+        const std::string last = texts.back();
+        texts.pop_back();
+        return texts.empty() ? last : boost::join(texts, ", ") + " and " + last;
+    }
+
+private:
+    static bool isEverybody(const FW::FWADDRESSES& addresses) {
+        const FW::FWADDRESSINTERVAL all = allAddresses().front();
+        const FW::FWADDRESSINTERVAL& first = addresses.front();
+        return first.first.high == all.first.high && first.first.low == all.first.low &&
+               first.last.high == all.last.high && first.last.low == all.last.low;
+    }
+};
+
+/// Of packets to single ports some of which are allowed.
+std::string mixedNote(const Meaning& meaning, const AdapterAnswer& answer) {
+    const PacketAnswers answers = answer.adapter == FW::FW_ADAPTER_GLOBAL
+                                      ? PacketAnswers(meaning, FW::FW_ADAPTER_GLOBAL)
+                                      : PacketAnswers(meaning);
+    Differences differences;
+    for (const PortAnswer& port : answer.ports) {
+        for (FW::FWPACKETSET& set :
+             packetsFor(port.question, interfaceFor(meaning, answer.adapter))) {
+            const std::uint8_t families = set.families;
+            for (const FW::FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
+                set.families = static_cast<std::uint8_t>(families & (1U << family));
+                if (set.families != 0) {
+                    differences.add(answers.parts(set));
+                }
+            }
+        }
+    }
+    if (differences.sourcePort || differences.destination) {
+        return "it depends on " + differences.text();
+    }
+    return "allowed from some addresses, blocked from others";
+}
+
 /// A note on a verdict that needs one.
-std::string noteOn(const AdapterAnswer& answer) {
+std::string noteOn(const Meaning& meaning, const AdapterAnswer& answer) {
     const bool global = answer.adapter == FW::FW_ADAPTER_GLOBAL;
     switch (answer.verdict) {
         case FW::FW_POLICY_NONE:
             return global ? "left to the adapters" : "no rule or default policy decides: allowed";
         case FW::FW_POLICY_MIXED:
-            return areSinglePorts(answer) ? "allowed from some addresses, blocked from others"
+            return areSinglePorts(answer) ? mixedNote(meaning, answer)
                                           : "allowed for some of the packets, blocked for others";
         default:
             return global ? "for every adapter" : "";
@@ -60,20 +134,20 @@ void blocked(const PortQuery& options) {
         return;
     }
     const Meaning meaning(store.profile(""), context.machine());
-    warnNotCounted(meaning);
     const std::vector<AdapterAnswer> answers =
         exactVerdicts(meaning, questions, adaptersAsked(options, meaning.profile()));
     KernelAnswer kernel(store, options, questions);
     const bool allowed = allAllowed(answers);
     Json::Value document = documentOf(store.activeProfile(), options, questions, true, allowed);
+    addNotCounted(meaning, document);
     Table table({"Adapter", "Verdict", ""});
     for (const AdapterAnswer& answer : answers) {
         const TunnelAnswer tunnel = tunnelAnswer(meaning, questions, answer.adapter);
         const BeforeFirewall before =
             kernel.ask(meaning, answer.adapter, verdictOf(answer.verdict));
         const AdapterNow now = adapterNow(answer.adapter, store.profile(""));
-        const std::string note =
-            joined(tunnel.owners.empty() ? now.text() : "", joined(noteOn(answer), tunnel.text()));
+        const std::string note = joined(tunnel.owners.empty() ? now.text() : "",
+                                        joined(noteOn(meaning, answer), tunnel.text()));
         Json::Value entry;
         now.addTo(entry);
         tunnel.addTo(entry);

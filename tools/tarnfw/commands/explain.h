@@ -26,19 +26,17 @@ struct ExplainQuery {
     std::string protocol;  ///< instead of ports: "icmp/8"
     std::string profile;   ///< empty: the active one
     std::string out;       ///< of forwarded packets: the adapter that they leave through
-
-    /// Whether the answer is the rule that decides about a packet.
-    bool isAboutPackets() const { return !ports.from.empty() || !protocol.empty() || !out.empty(); }
 };
 
 /// A protocol without ports: "icmp", "icmp/8", "igmp" or a number. Nothing for any other text.
 std::optional<PacketQuestion> protocolQuestion(const std::string& text);
 
-/// Explains who decides about packets from anywhere; ends the command with its exit status.
+/// Explains who decides about packets from anywhere, also about those that are forwarded; ends the
+/// command with its exit status.
 void explainDeciders(const ExplainQuery& query);
 
-/// Explains the one rule that decides about a packet, as far as it is known; ends the command with
-/// its exit status.
+/// Explains the one rule that decides about packets of one sender, as far as they are known; ends
+/// the command with its exit status.
 void explainPackets(const ExplainQuery& query);
 
 /// What is asked, and what it is answered by.
@@ -62,6 +60,12 @@ public:
 private:
     Asked(const ExplainQuery& query, std::unique_ptr<Machine> machine);
 };
+
+/// Adds what was asked, besides ports and services: "protocol", "from", "to" and "out".
+void addAsked(const ExplainQuery& query, Json::Value& document);
+
+/// "forwarded out through eth1"; empty without --out.
+std::string wayText(const ExplainQuery& query);
 
 /// Prints a document, or by `print`, and ends the command with its exit status. What the kernel
 /// does is in it when the profile is in force.

@@ -63,6 +63,22 @@ void printExplanation(const ExplainQuery& query, const Asked& asked,
     }
 }
 
+void addAsked(const ExplainQuery& query, Json::Value& document) {
+    for (const auto& [key, value] :
+         {std::pair<const char*, std::string>("protocol", query.protocol),
+          {"from", query.ports.from},
+          {"to", query.ports.to},
+          {"out", query.out}}) {
+        if (!value.empty()) {
+            document[key] = value;
+        }
+    }
+}
+
+std::string wayText(const ExplainQuery& query) {
+    return query.out.empty() ? "" : "forwarded out through " + query.out;
+}
+
 Json::Value deciderDocument(const Meaning& meaning, std::size_t number) {
     Json::Value document;
     const FW::FWPLACE place = placeOf(meaning, number);
@@ -127,8 +143,8 @@ void addExplainCommand(Command& app) {
     command.footer(
         std::string(kPortQueryFooter) +
         "\nThe rules are evaluated as in the kernel; country rules count as in one that has "
-        "the \"geoip\" match. With --from, --out or --protocol, \"unless\" names rules "
-        "that depend on what is not said: the source port, --to, --from. "
+        "the \"geoip\" match. With --from, \"unless\" names rules with the other result that "
+        "depend on what is not said, the source port or --to; the verdict is then \"mixed\". "
         "Rules of other programs are not looked up for forwarded packets and protocols "
         "without ports. A profile that is not in force is answered for as if it were.\n"
         "Examples:\n"
@@ -139,7 +155,10 @@ void addExplainCommand(Command& app) {
         if (!query->ports.to.empty() && query->ports.from.empty() && query->out.empty()) {
             throw UsageError("--to needs --from or --out");
         }
-        if (query->isAboutPackets()) {
+        if (query->out == FW::FW_ADAPTER_GLOBAL) {
+            throw UsageError("--out: no packet leaves through \"global\"; name another adapter");
+        }
+        if (!query->ports.from.empty()) {
             explainPackets(*query);
         } else {
             explainDeciders(*query);

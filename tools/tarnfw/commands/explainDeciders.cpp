@@ -1,7 +1,9 @@
 /// tarnfw explain, for packets from anywhere: the rules that decide, and for whom each does.
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <iostream>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -14,12 +16,15 @@
 #include "tarnfirewall/fwMeaning.h"
 #include "tarnfirewall/fwTypes.h"
 
+#include "cli/commandLine.h"
 #include "cli/output.h"
 #include "cli/packetJson.h"
 #include "commands/explain.h"
 #include "commands/kernelReport.h"
 #include "commands/portQuery.h"
+#include "tarnfwadmin/addressRange.h"
 #include "tarnfwadmin/deciders.h"
+#include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/meaning.h"
 #include "tarnfwadmin/packetAnswers.h"
 #include "tarnfwadmin/packetGroup.h"
@@ -263,6 +268,30 @@ void print(const AdapterExplanation& found) {
     table.print(2);
 }
 
+/// Makes the questions those about packets that are forwarded out through an interface. One about
+/// a protocol that the family of `to` does not have is left out.
+void forward(std::vector<PacketQuestion>& questions, const std::string& out,
+             const std::optional<Address>& to) {
+    for (PacketQuestion& question : questions) {
+        std::vector<FW::FWPACKETSET> forwarded;
+        for (FW::FWPACKETSET& set : question.packets) {
+            set.chains = 1U << FW::FW_CHAIN_FORWARD;
+            set.out = std::make_shared<FW::FWINTERFACES>(FW::FWINTERFACES{{out}, {}});
+            if (to) {
+                set.families = static_cast<std::uint8_t>(set.families & (1U << familyOf(*to)));
+                set.destinations = std::make_shared<FW::FWADDRESSES>(onlyAddress(*to));
+            }
+            if (set.families != 0) {
+                forwarded.push_back(std::move(set));
+            }
+        }
+        question.packets = std::move(forwarded);
+    }
+    questions.erase(std::remove_if(questions.begin(), questions.end(),
+                                   [](const auto& question) { return question.packets.empty(); }),
+                    questions.end());
+}
+
 }  // namespace
 
 void explainDeciders(const ExplainQuery& query) {
@@ -272,8 +301,13 @@ void explainDeciders(const ExplainQuery& query) {
         (void)answeredDisabled(asked.store(), options, asked.questions);
         return;
     }
-    const Meaning meaning(asked.store().profile(asked.profile), asked.context.machine());
-    warnNotCounted(meaning);
+    const std::optional<Address> to = packetAddressFrom(options.to);
+    const Meaning meaning = Meaning(asked.store().profile(asked.profile), asked.context.machine())
+                                .between(std::nullopt, to);
+    if (!query.out.empty()) {
+        requireCoveredAdapter(query.out, adaptersOf(meaning.profile()));
+        forward(asked.questions, interfaceFor(meaning, query.out), to);
+    }
     const std::vector<std::string> adapters = adaptersAsked(options, meaning.profile());
     const std::vector<AdapterAnswer> answers =
         explainedVerdicts(meaning, asked.questions, adapters);
@@ -284,6 +318,8 @@ void explainDeciders(const ExplainQuery& query) {
     const bool allowed = allAllowed(answers);
     Json::Value document = tarnfw::documentOf(asked.profile, options, asked.questions,
                                               asked.store().firewallEnabled(), allowed);
+    addNotCounted(meaning, document);
+    addAsked(query, document);
     const ExplainContext context{meaning, options.service};
     std::vector<AdapterExplanation> all;
     for (const AdapterAnswer& answer : answers) {
@@ -291,8 +327,10 @@ void explainDeciders(const ExplainQuery& query) {
                        {},
                        adapterNow(answer.adapter, meaning.profile()),
                        tunnelAnswer(meaning, asked.questions, answer.adapter),
-                       kernel ? kernel->ask(meaning, answer.adapter, verdictOf(answer.verdict))
-                              : BeforeFirewall()});
+                       // Rules of others are known for packets to this machine only.
+                       kernel && query.out.empty()
+                           ? kernel->ask(meaning, answer.adapter, verdictOf(answer.verdict))
+                           : BeforeFirewall()});
         for (const PortAnswer& port : answer.ports) {
             all.back().ports.emplace_back(context, answer.adapter, port);
         }
@@ -301,7 +339,7 @@ void explainDeciders(const ExplainQuery& query) {
         }
     }
     printExplanation(query, asked, kernel, std::move(document), allowed, [&] {
-        printHeading(asked.profile, options, asked.questions);
+        printHeading(asked.profile, options, asked.questions, wayText(query));
         for (const AdapterExplanation& found : all) {
             if (found.isWorthPrinting(all.size() == 1)) {
                 print(found);

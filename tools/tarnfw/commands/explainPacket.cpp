@@ -1,6 +1,7 @@
 /// tarnfw explain, for one packet as far as it is known: the one rule that decides.
 #include <netinet/in.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -30,6 +31,9 @@
 namespace tarnfw {
 namespace {
 
+/// Exceptions that the text names; "--json" has all.
+constexpr std::size_t kMostUnless = 8;
+
 /// The number of "icmp type NUMBER", or of a protocol.
 std::optional<std::uint16_t> byteFrom(const std::string& digits) {
     constexpr int kHighest = 255;
@@ -44,19 +48,15 @@ struct NamedPackets {
     PortPackets packets;
 };
 
-/// Adds packets of a protocol without ports, in each family that is asked about.
-void addByFamily(const PacketQuestion& question, const FW::FWPACKETSET& set, FW::FWPACKET packet,
+/// Adds packets of a protocol without ports, where the family of `packet` has it.
+void addProtocol(const PacketQuestion& question, const FW::FWPACKETSET& set, FW::FWPACKET packet,
                  std::vector<NamedPackets>& all) {
     if (!set.icmpTypes.empty()) {
         packet.icmpType = static_cast<std::uint8_t>(set.icmpTypes.front().first);
     }
-    const auto asked = packet.family;
-    for (const FW::FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
-        if ((set.families & (1U << family)) != 0 && asked.value_or(family) == family) {
-            packet.family = family;
-            all.push_back({question.text + (family == FW::FW_FAMILY_V6 ? " (IPv6)" : " (IPv4)"),
-                           {packet, std::nullopt}});
-        }
+    const bool ipv6 = packet.family == FW::FW_FAMILY_V6;
+    if ((set.families & (1U << *packet.family)) != 0) {
+        all.push_back({question.text + (ipv6 ? " (IPv6)" : " (IPv4)"), {packet, std::nullopt}});
     }
 }
 
@@ -66,16 +66,11 @@ std::vector<NamedPackets> packetsAsked(const ExplainQuery& query,
     FW::FWPACKET packet;
     packet.chain = query.out.empty() ? FW::FW_CHAIN_INPUT : FW::FW_CHAIN_FORWARD;
     packet.state = FW::FW_STATE_NEW;
-    const auto from = addressFrom(query.ports.from);
-    const auto to = addressFrom(query.ports.to);
-    if (from) {
-        packet.source = addressNumber(*from);
-    }
-    if (to) {
+    const Address from = *packetAddressFrom(query.ports.from);
+    packet.source = addressNumber(from);
+    packet.family = familyOf(from);
+    if (const auto to = packetAddressFrom(query.ports.to)) {
         packet.destination = addressNumber(*to);
-    }
-    if (from || to) {
-        packet.family = familyOf(from ? *from : *to);
     }
     std::vector<NamedPackets> all;
     for (const PacketQuestion& question : questions) {
@@ -83,7 +78,7 @@ std::vector<NamedPackets> packetsAsked(const ExplainQuery& query,
             FW::FWPACKET one = packet;
             one.protocol = static_cast<std::uint8_t>(set.protocols.front().first);
             if (!question.port) {
-                addByFamily(question, set, one, all);
+                addProtocol(question, set, one, all);
                 continue;
             }
             PortSpan ports;
@@ -107,12 +102,11 @@ struct NamedDecision {
     std::string packets;  ///< "tcp 20-25", "icmp type 8"
     PortDecision decision;
 
-    /// Without a sender, rules for some of them are no exception.
-    FW::FW_POLICY verdict(const ExplainQuery& query) const {
-        const bool depends = query.ports.from.empty() && !decision.unless.empty();
-        return depends           ? FW::FW_POLICY_MIXED
-               : decision.denied ? FW::FW_POLICY_DENY
-                                 : FW::FW_POLICY_ALLOW;
+    /// What may be dropped is not allowed.
+    FW::FW_POLICY verdict() const {
+        return !decision.unless.empty() ? FW::FW_POLICY_MIXED
+               : decision.denied        ? FW::FW_POLICY_DENY
+                                        : FW::FW_POLICY_ALLOW;
     }
 };
 
@@ -160,8 +154,15 @@ void printDecisions(const ExplainQuery& query, const Meaning& meaning,
         for (const NamedDecision& named : adapter.decisions) {
             const PortDecision& decision = named.decision;
             std::string reason = reasonText(meaning, decision.by);
-            for (const std::size_t number : decision.unless) {
-                reason.append("; unless this matches: ").append(reasonText(meaning, number));
+            for (std::size_t i = 0; i < decision.unless.size(); ++i) {
+                if (i == kMostUnless) {
+                    reason.append("; and ")
+                        .append(std::to_string(decision.unless.size() - i))
+                        .append(" more");
+                    break;
+                }
+                reason.append("; unless this matches: ")
+                    .append(reasonText(meaning, decision.unless[i]));
             }
             if (decision.tooComplex) {
                 reason.append("; too complex: some of these cannot match");
@@ -170,7 +171,7 @@ void printDecisions(const ExplainQuery& query, const Meaning& meaning,
                 joined(reason, tunnelOf(meaning, decision.by).empty() ? adapter.now.text() : "");
             reason = joined(
                 reason, decision.denied ? acceptsText(adapter.before) : dropsText(adapter.before));
-            const FW::FW_POLICY verdict = named.verdict(query);
+            const FW::FW_POLICY verdict = named.verdict();
             table.addRow({{adapter.adapter, Paint::kPlain},
                           {named.packets, Paint::kPlain},
                           {verdictText(verdict), policyPaint(verdict)},
@@ -220,23 +221,23 @@ std::optional<PacketQuestion> protocolQuestion(const std::string& text) {
 
 void explainPackets(const ExplainQuery& query) {
     const PortQuery& options = query.ports;
-    if (!options.to.empty() && !options.from.empty() &&
-        addressFrom(options.to)->isIpv6() != addressFrom(options.from)->isIpv6()) {
+    const std::optional<Address> from = packetAddressFrom(options.from);
+    const std::optional<Address> to = packetAddressFrom(options.to);
+    if (to && to->isIpv6() != from->isIpv6()) {
         throw UsageError("--to: not of the same family as --from");
     }
-    if (options.adapter == FW::FW_ADAPTER_GLOBAL || query.out == FW::FW_ADAPTER_GLOBAL) {
-        throw UsageError(options.adapter == FW::FW_ADAPTER_GLOBAL
-                             ? "--adapter: no packet comes in through \"global\"; name another "
-                               "adapter, or none for all"
-                             : "--out: no packet leaves through \"global\"; name another adapter");
+    if (options.adapter == FW::FW_ADAPTER_GLOBAL) {
+        throw UsageError(
+            "--adapter: no packet comes in through \"global\"; name another adapter, or none for "
+            "all");
     }
     Asked asked(query);
     if (asked.isUnfiltered(query)) {
         (void)answeredDisabled(asked.store(), options, asked.questions);
         return;
     }
-    const Meaning meaning(asked.store().profile(asked.profile), asked.context.machine());
-    warnNotCounted(meaning);
+    const Meaning meaning =
+        Meaning(asked.store().profile(asked.profile), asked.context.machine()).between(from, to);
     if (!query.out.empty()) {
         requireCoveredAdapter(query.out, adaptersOf(meaning.profile()));
     }
@@ -251,7 +252,7 @@ void explainPackets(const ExplainQuery& query) {
         found.push_back(decisionsOn(meaning, adapter, packets, query.out));
         KernelAnswer::Verdict verdict;
         for (const NamedDecision& named : found.back().decisions) {
-            const FW::FW_POLICY one = named.verdict(query);
+            const FW::FW_POLICY one = named.verdict();
             verdict.blocks = verdict.blocks || one != FW::FW_POLICY_ALLOW;
             verdict.allows = verdict.allows || one != FW::FW_POLICY_DENY;
         }
@@ -263,16 +264,8 @@ void explainPackets(const ExplainQuery& query) {
     }
     Json::Value document = documentOf(asked.profile, options, asked.questions,
                                       asked.store().firewallEnabled(), allowed);
-    if (!query.protocol.empty()) {
-        document["protocol"] = query.protocol;
-    }
-    for (const auto& [key, value] : {std::pair<const char*, std::string>("from", options.from),
-                                     {"to", options.to},
-                                     {"out", query.out}}) {
-        if (!value.empty()) {
-            document[key] = value;
-        }
-    }
+    addNotCounted(meaning, document);
+    addAsked(query, document);
     for (const AdapterDecisions& adapter : found) {
         Json::Value entry;
         entry["name"] = adapter.adapter;
@@ -285,8 +278,7 @@ void explainPackets(const ExplainQuery& query) {
         document["adapters"].append(entry);
     }
     printExplanation(query, asked, kernel, std::move(document), allowed, [&] {
-        printHeading(asked.profile, options, asked.questions,
-                     query.out.empty() ? "" : "forwarded out through " + query.out);
+        printHeading(asked.profile, options, asked.questions, wayText(query));
         printDecisions(query, meaning, found);
     });
 }

@@ -407,9 +407,9 @@ public:
           open_(meaning_),
           report_(kernelReportIfAny(context.store())),
           complaints_(complaintsOf(report_)) {
-        warnNotCounted(meaning_);
         document_["enabled"] = enabled_;
         document_["profile"] = context.store().activeProfile();
+        addNotCounted(meaning_, document_);
         document_["ports"] = Json::Value(Json::arrayValue);
         document_["unused"] = Json::Value(Json::arrayValue);
         document_["complaints"] = textsJson(complaints_);

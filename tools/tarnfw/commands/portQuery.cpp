@@ -168,8 +168,8 @@ KernelAnswer::KernelAnswer(const StoreSnapshot& store, const PortQuery& query,
         }
     }
     if (!query.from.empty()) {
-        from_ = addressFrom(query.from);
-        to_ = query.to.empty() ? std::nullopt : addressFrom(query.to);
+        from_ = packetAddressFrom(query.from);
+        to_ = packetAddressFrom(query.to);
     }
 }
 
@@ -317,6 +317,7 @@ Json::Value documentOf(const std::string& profile, const PortQuery& options,
         document["ports"].append(question.text);
     }
     document["adapters"] = Json::Value(Json::arrayValue);
+    document["notCounted"] = Json::Value(Json::arrayValue);
     document["allowed"] = allowed;
     return document;
 }
@@ -354,9 +355,11 @@ KernelAnswer::Verdict verdictOf(FW::FW_POLICY verdict) {
     return {denies || verdict == FW::FW_POLICY_MIXED, !denies};
 }
 
-void warnNotCounted(const Meaning& meaning) {
+void addNotCounted(const Meaning& meaning, Json::Value& document) {
+    document["notCounted"] = Json::Value(Json::arrayValue);
     for (const std::string& text : notCounted(meaning)) {
         warn(text);
+        document["notCounted"].append(text);
     }
 }
 

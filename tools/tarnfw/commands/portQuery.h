@@ -116,7 +116,7 @@ struct AdapterNow {
 
 AdapterNow adapterNow(const std::string& adapter, const FW::FWPROFILE& profile);
 
-/// The common members of the JSON documents; "adapters" is an empty array.
+/// The common members of the JSON documents; "adapters" and "notCounted" are empty arrays.
 Json::Value documentOf(const std::string& profile, const PortQuery& query,
                        const std::vector<PacketQuestion>& questions, bool enabled, bool allowed);
 
@@ -131,8 +131,9 @@ bool answeredDisabled(const StoreSnapshot& store, const PortQuery& query,
 /// What the verdict on an adapter says.
 KernelAnswer::Verdict verdictOf(FW::FW_POLICY verdict);
 
-/// Warns about rules that the answer does not count, see notCounted().
-void warnNotCounted(const Meaning& meaning);
+/// Warns about rules that the answer does not count, see notCounted(), and adds them to its
+/// document.
+void addNotCounted(const Meaning& meaning, Json::Value& document);
 
 /// Two remarks as one; either may be empty.
 std::string joined(const std::string& one, const std::string& other);
