@@ -97,8 +97,8 @@ Open and listening
 Open, nothing listens
   Port  Program  Adapter  Open to
   tcp 9998-9999  eth0  10.0.0.0/8
-  udp 7001  eth1  everybody (IPv4)
-  udp 7000-7001  eth1  everybody (IPv6)
+  udp 7000  eth1  everybody (IPv6)
+  udp 7001  eth1  everybody
 
 Listening, but closed
   Port  Program  Adapter  Open to
@@ -134,20 +134,72 @@ END
 answers 0 open --adapter eth1 --json
 step 'the ranges as data' jq --exit-status '
     [.ports[] | select(.port == "tcp 9000") | .adapters[]] ==
-    [{"name": "eth1", "v4": ["192.168.2.20"], "state": "open", "acceptedBefore": [], "droppedBy": [],
+    [{"name": "eth1", "v4": ["192.168.2.20"], "state": "open", "partly": [], "acceptedBefore": [], "droppedBy": [],
       "redirects": []}]' "$out/answer"
 
 step 'what nothing listens on as data' jq --exit-status '
     .unused == [
+      {"packets": ["udp 7000"], "others": false, "adapters": ["eth1"], "v4": [],
+       "v6": ["::/0"], "partly": []},
       {"packets": ["udp 7001"], "others": false, "adapters": ["eth1"], "v4": ["0.0.0.0/0"],
-       "v6": []},
-      {"packets": ["udp 7000-7001"], "others": false, "adapters": ["eth1"], "v4": [],
-       "v6": ["::/0"]}]' \
+       "v6": ["::/0"], "partly": []}]' \
     "$out/answer"
 answers 0 open --from 10.1.2.3 --adapter eth0
 says '^  tcp 9998-9999  *eth0  *open$'
 answers 0 open --from 192.168.1.20 --adapter eth0
 step 'not for others' bash -c "! grep --quiet '^Open, nothing listens' '$out/answer'"
+
+# Sockets that a sender cannot reach in its family are left out.
+answers 0 open --from fd00::20 --adapter eth0
+step 'those of IPv4 are left out' bash -c "! grep --quiet -e 'tcp 900[01]' -e 'udp 5353' '$out/answer'"
+says '^  tcp 8443 .* closed$'
+answers 0 open --from ::ffff:192.168.1.20 --adapter eth0
+says '^  tcp 22 .* open$'
+step 'as the IPv4 address' bash -c "! grep --quiet 'tcp 8443' '$out/answer'"
+
+# More than the sender may decide: each port says for whom, and what of the others.
+cp -- "$kProfileDirectory/some.json" "$out/some.json"
+answers 0 rule add --adapter eth0 --first allow both source port 53 --reload
+answers 0 rule add --adapter eth0 allow tcp 81 to 192.168.1.10 --reload
+answers 0 rule add --adapter eth0 --first deny tcp 8080 from 0.0.0.20/0.0.0.255 --reload
+answers 0 open --adapter eth0
+says '^  tcp 22 .* 192\.168\.1\.0/24 except 192\.168\.1\.77, fd00::/64; others from source port 53$'
+says '^  tcp 8000 .* packets from source port 53$'
+answers 0 open --adapter eth0 --from 192.168.2.9
+says '^  tcp 8000 .* open from source port 53$'
+says '^  tcp 81  *eth0  *open to 192.168.1.10; from source port 53$'
+step 'a mask is compared with the sender' grep --quiet '^  tcp 8080 .* open$' "$out/answer"
+answers 0 open --adapter eth0 --from 192.168.2.20
+says '^  tcp 8080 .* closed$'
+answers 0 open --adapter eth0 --json
+step 'as data' jq --exit-status '(.notCounted | length == 1) and
+    ([.ports[] | select(.port == "tcp 22") | .adapters[0]][0] |
+     .v4 == ["192.168.1.0-192.168.1.76", "192.168.1.78-192.168.1.255"] and
+     (.partly[0] | .families == ["v4"] and .sourcePorts == ["53"] and .destinations == null)) and
+    ([.unused[] | select(.packets == ["tcp 81"]) | .partly[] | .destinations // empty] ==
+     [["192.168.1.10"]])' "$out/answer"
+cp -- "$out/some.json" "$kProfileDirectory/some.json"
+answers 0 reload
+
+# Many rules are a bounded table.
+/usr/bin/python3 - "$kProfileDirectory/some.json" <<'END'
+import json
+import sys
+
+profile = json.load(open(sys.argv[1]))
+rules = profile["rules"]["eth1"]
+for i in range(100):
+    rules.append({**rules[0], "ipList": [f"10.0.0.{i}"], "portList": [str(20000 + 2 * i)]})
+json.dump(profile, open(sys.argv[1], "w"))
+END
+answers 0 reload
+answers 0 open --adapter eth1
+says '^  \.\.\. and [0-9]* more; --json has all$'
+step 'bounded' [ "$(grep --count '^  tcp 20' "$out/answer")" -eq 30 ]
+answers 0 open --adapter eth1 --json
+step 'all as data' jq --exit-status '[.unused[].packets[] | select(startswith("tcp 20"))] | length == 100' "$out/answer"
+cp -- "$out/some.json" "$kProfileDirectory/some.json"
+answers 0 reload
 
 # What others do, and what is not in force, is said.
 iptables -I INPUT -p tcp --dport 8000 -j ACCEPT

@@ -2,16 +2,15 @@
 #include <netinet/in.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <iostream>
 #include <iterator>
-#include <map>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -34,9 +33,11 @@
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/listeners.h"
 #include "tarnfwadmin/meaning.h"
+#include "tarnfwadmin/openPorts.h"
 #include "tarnfwadmin/packetAnswers.h"
 #include "tarnfwadmin/packetGroup.h"
 #include "tarnfwadmin/packetWords.h"
+#include "tarnfwadmin/portEntry.h"
 #include "tarnfwadmin/ruleText.h"
 #include "tarnfwadmin/store.h"
 #include "tarnfwadmin/verdicts.h"
@@ -45,6 +46,9 @@ namespace tarnfw {
 namespace {
 
 using Texts = std::vector<std::string>;
+
+/// As many entries of a list as there are.
+constexpr std::size_t kAllEntries = 65536;
 
 struct OpenQuery {
     std::string adapter;  ///< empty: all
@@ -98,41 +102,6 @@ Texts ownersOf(const Sockets& sockets) {
 
 // ---- Who may reach it ---------------------------------------------------------------------------
 
-/// The senders of one family.
-using Senders = PacketSenders;
-
-/// Who may reach a port through an adapter. A family in which no socket of the port can be reached
-/// through it is left out; one of them is there.
-struct Reach {
-    std::optional<Senders> v4;
-    std::optional<Senders> v6;
-};
-
-/// What is allowed and what is not, asked once for an interface, family and protocol.
-class OpenPorts {
-public:
-    explicit OpenPorts(const Meaning& meaning) : answers_(meaning) {}
-
-    const PacketParts& through(const std::string& interface, bool ipv6,
-                               FW::FW_PORT_PROTOCOL protocol) {
-        const auto [place, isNew] = parts_.try_emplace({interface, ipv6, protocol});
-        if (isNew) {
-            FW::FWPACKETSET packets = newConnections(interface);
-            packets.families =
-                static_cast<std::uint8_t>(1U << (ipv6 ? FW::FW_FAMILY_V6 : FW::FW_FAMILY_V4));
-            const std::uint16_t number =
-                protocol == FW::FW_PORT_PROTOCOL_UDP ? IPPROTO_UDP : IPPROTO_TCP;
-            packets.protocols = {{number, number}};
-            place->second = answers_.parts(packets);
-        }
-        return place->second;
-    }
-
-private:
-    PacketAnswers answers_;
-    std::map<std::tuple<std::string, bool, FW::FW_PORT_PROTOCOL>, PacketParts> parts_;
-};
-
 /// Those of the sockets that packets of a family reach through an interface.
 std::vector<const Listener*> heardBy(const Sockets& sockets, const std::string& interface,
                                      bool ipv6) {
@@ -147,75 +116,213 @@ std::vector<const Listener*> heardBy(const Sockets& sockets, const std::string& 
     return heard;
 }
 
-/// Of these sockets, through an interface, in a family.
-std::optional<Senders> sendersTo(OpenPorts& open, const Sockets& sockets,
-                                 const std::string& interface, bool ipv6) {
-    const std::vector<const Listener*> heard = heardBy(sockets, interface, ipv6);
+/// Of these sockets, through an interface, in a family; nothing when no socket of the port can be
+/// reached that way.
+std::optional<OpenTo> openToSockets(OpenPorts& open, const Sockets& sockets,
+                                    const std::string& interface, FW::FW_FAMILY family) {
+    const std::vector<const Listener*> heard =
+        heardBy(sockets, interface, family == FW::FW_FAMILY_V6);
     if (heard.empty()) {
         return std::nullopt;
     }
     const Address& bound = heard.front()->address;
     const bool isOne = heard.size() == 1 && bound != Address(bound.isIpv6(), {});
-    return open.through(interface, ipv6, heard.front()->protocol)
-        .to(heard.front()->port, isOne ? std::optional(addressNumber(bound)) : std::nullopt)
-        .senders();
+    return open.to(interface, family, heard.front()->protocol, heard.front()->port,
+                   isOne ? std::optional(addressNumber(bound)) : std::nullopt);
 }
 
-constexpr char kDepends[] = "it depends on the packet";
-constexpr char kNobody[] = "nobody";
-constexpr char kEverybody[] = "everybody";
+// ---- In words -----------------------------------------------------------------------------------
 
-std::string textOf(const Reach& reach, const PacketWords& words) {
-    FamilyAddresses senders;
-    for (const auto& [family, all] :
-         {std::pair(&reach.v4, &senders.v4), std::pair(&reach.v6, &senders.v6)}) {
-        if (*family && (!(*family)->depends.empty() || (*family)->tooComplex)) {
-            return kDepends;
-        }
-        if (*family) {
-            *all = (*family)->allowed;
-        }
-    }
-    const std::string text = words.sendersText(senders);
-    const std::string only = reach.v4 && reach.v6 ? "" : reach.v4 ? " (IPv4)" : " (IPv6)";
-    return only.empty() || boost::ends_with(text, only) ? text : text + only;
-}
+/// Of the senders some of whose packets are allowed, those that are named.
+constexpr std::size_t kMostParts = 3;
 
-bool contains(const FW::FWADDRESSES& addresses, const Address& address) {
-    const FW::FWADDRESS number = addressNumber(address);
-    const auto isLess = [](const FW::FWADDRESS& one, const FW::FWADDRESS& other) {
-        return std::tie(one.high, one.low) < std::tie(other.high, other.low);
+/// "source port 53", "source ports 53,67-68", "any source port except 53".
+std::string sourcePortsText(const FW::FWINTERVALS& ports) {
+    const auto listed = [](const FW::FWINTERVALS& list) {
+        std::vector<std::string> texts;
+        for (const FW::FWINTERVAL& one : list) {
+            texts.push_back(portSpanText({one.first, one.last}));
+        }
+        return boost::join(texts, ",");
     };
-    return std::any_of(addresses.begin(), addresses.end(),
-                       [&](const FW::FWADDRESSINTERVAL& interval) {
-                           return !isLess(number, interval.first) && !isLess(interval.last, number);
-                       });
-}
-
-/// The same, asked for one sender.
-std::string textFor(const Reach& reach, const Address& sender) {
-    const std::optional<Senders>& family = sender.isIpv6() ? reach.v6 : reach.v4;
-    if (!family) {
-        return "nothing listens";
+    FW::FWINTERVALS others;
+    int first = 0;
+    for (const FW::FWINTERVAL& one : ports) {
+        if (first < one.first) {
+            others.push_back(
+                {static_cast<std::uint16_t>(first), static_cast<std::uint16_t>(one.first - 1)});
+        }
+        first = one.last + 1;
     }
-    if (contains(family->allowed, sender)) {
-        return "open";
+    if (first <= kHighestPort) {
+        others.push_back({static_cast<std::uint16_t>(first), kHighestPort});
     }
-    return family->tooComplex || contains(family->depends, sender) ? kDepends : "closed";
+    if (others.size() < ports.size()) {
+        return "any source port except " + listed(others);
+    }
+    const bool isOne = ports.size() == 1 && ports.front().first == ports.front().last;
+    return (isOne ? "source port " : "source ports ") + listed(ports);
 }
 
-bool isClosed(const std::string& text) {
-    return text == "closed" || text == "nothing listens" || boost::starts_with(text, kNobody);
+/// "from source port 53", "to 10.0.0.5".
+std::string conditionText(const OpenPartly& part, FW::FW_FAMILY family, const PacketWords& words) {
+    std::string text;
+    if (!part.sourcePorts.empty()) {
+        text = "from " + sourcePortsText(part.sourcePorts);
+    }
+    if (part.destinations != nullptr) {
+        text += (text.empty() ? "" : " ") + words.fromText({{family, nullptr, part.destinations}});
+    }
+    return text;
 }
 
-Paint paintOf(const std::string& text) {
-    return isClosed(text) ? Paint::kFaint : text == kEverybody ? Paint::kDoubtful : Paint::kPlain;
+bool isEveryAddress(const FW::FWADDRESSES& addresses) {
+    const FW::FWADDRESS none = {0, 0};
+    return addresses.size() == 1 && addresses.front().first.high == none.high &&
+           addresses.front().first.low == none.low && ~addresses.front().last.high == none.high &&
+           ~addresses.front().last.low == none.low;
 }
 
-/// Null when it depends on more than the address.
-Json::Value jsonOf(const Senders& senders, FW::FW_FAMILY family) {
-    return senders.depends.empty() && !senders.tooComplex ? addressesJson(senders.allowed, family)
-                                                          : Json::Value();
+/// Whose packets are allowed under a condition, in both families.
+struct NamedPart {
+    std::string condition;
+    FamilyAddresses senders;
+    bool areAllOthers = true;  ///< they are all whose packets are not all allowed
+};
+
+std::vector<NamedPart> partsOf(const OpenFamilies& to, const PacketWords& words) {
+    std::vector<NamedPart> parts;
+    for (const FW::FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
+        if (!to[family]) {
+            continue;
+        }
+        const auto& other = to[family == FW::FW_FAMILY_V4 ? FW::FW_FAMILY_V6 : FW::FW_FAMILY_V4];
+        for (const OpenPartly& part : to[family]->partly) {
+            const std::string condition = conditionText(part, family, words);
+            auto known = std::find_if(parts.begin(), parts.end(), [&](const NamedPart& one) {
+                return one.condition == condition;
+            });
+            if (known == parts.end()) {
+                known = parts.insert(parts.end(), {condition, {}, true});
+            }
+            (family == FW::FW_FAMILY_V4 ? known->senders.v4 : known->senders.v6) = part.senders;
+            // An address to which packets go says the family.
+            const bool isOfBoth =
+                part.destinations != nullptr || !other || isEveryAddress(other->always) ||
+                std::any_of(other->partly.begin(), other->partly.end(), [&](const auto& one) {
+                    return one.destinations == nullptr &&
+                           sourcePortsText(one.sourcePorts) == sourcePortsText(part.sourcePorts);
+                });
+            known->areAllOthers = known->areAllOthers && part.areAllOthers && isOfBoth;
+        }
+    }
+    return parts;
+}
+
+/// Whose packets are allowed: the text, and what it comes to.
+struct OpenText {
+    std::string text;
+    bool isClosed = false;     ///< nobody's
+    bool isEverybody = false;  ///< all of them, of the families that are asked about
+};
+
+constexpr char kTooComplex[] = "too complex to find out who else";
+
+/// "10.0.0.0/8", "everybody (IPv4)", "10.0.0.0/8; others from source port 53", "nobody".
+OpenText textOf(const OpenFamilies& to, const PacketWords& words) {
+    OpenText open;
+    FamilyAddresses always;
+    bool tooComplex = false;
+    open.isClosed = open.isEverybody = true;
+    for (const auto& [family, all] :
+         {std::pair(&to[FW::FW_FAMILY_V4], &always.v4), {&to[FW::FW_FAMILY_V6], &always.v6}}) {
+        if (*family) {
+            *all = (*family)->always;
+            tooComplex = tooComplex || (*family)->tooComplex;
+            open.isClosed = open.isClosed && (*family)->isNobody();
+            open.isEverybody = open.isEverybody && isEveryAddress((*family)->always);
+        }
+    }
+    const bool isSome = !always.v4.empty() || !always.v6.empty();
+    const std::vector<NamedPart> parts = partsOf(to, words);
+    std::vector<std::string> texts;
+    if (isSome || parts.empty()) {
+        texts.push_back(words.sendersText(always));
+    }
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        if (i == kMostParts) {
+            texts.push_back(std::to_string(parts.size() - i) + " more");
+            break;
+        }
+        const std::string who = !parts[i].areAllOthers ? words.sendersText(parts[i].senders)
+                                : isSome               ? "others"
+                                                       : "packets";
+        texts.push_back(who + " " + parts[i].condition);
+    }
+    if (tooComplex) {
+        texts.emplace_back(kTooComplex);
+    }
+    open.text = boost::join(texts, "; ");
+    const bool both = to[FW::FW_FAMILY_V4] && to[FW::FW_FAMILY_V6];
+    const std::string only = both ? "" : to[FW::FW_FAMILY_V4] ? " (IPv4)" : " (IPv6)";
+    if (!only.empty() && !boost::ends_with(open.text, only)) {
+        open.text += only;
+    }
+    return open;
+}
+
+/// The same of one sender's packets: "open", "open from source port 53", "closed".
+OpenText textFor(const std::optional<OpenTo>& to, FW::FW_FAMILY family, const PacketWords& words) {
+    OpenText open;
+    open.isClosed = to->isNobody();
+    open.isEverybody = !to->always.empty();
+    open.text = open.isClosed ? "closed" : open.isEverybody ? "open" : "";
+    if (!open.text.empty()) {
+        return open;
+    }
+    std::vector<std::string> texts;
+    for (const OpenPartly& part : to->partly) {
+        if (texts.size() == kMostParts) {
+            texts.push_back(std::to_string(to->partly.size() - kMostParts) + " more");
+            break;
+        }
+        texts.push_back(conditionText(part, family, words));
+    }
+    if (to->tooComplex) {
+        texts.emplace_back("too complex to find out more");
+    }
+    open.text = "open " + boost::join(texts, "; ");
+    return open;
+}
+
+Paint paintOf(const OpenText& open) {
+    return open.isClosed              ? Paint::kFaint
+           : open.text == "everybody" ? Paint::kDoubtful
+                                      : Paint::kPlain;
+}
+
+/// Null when there may be more.
+Json::Value jsonOf(const OpenTo& to, FW::FW_FAMILY family) {
+    return to.tooComplex ? Json::Value() : addressesJson(to.always, family);
+}
+
+/// The packets of those senders some of whose packets are allowed.
+Json::Value partlyJson(const OpenFamilies& to) {
+    Json::Value all(Json::arrayValue);
+    for (const FW::FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
+        if (!to[family]) {
+            continue;
+        }
+        for (const OpenPartly& part : to[family]->partly) {
+            FW::FWPACKETSET packets;
+            packets.families = static_cast<std::uint8_t>(1U << family);
+            packets.sources = std::make_shared<FW::FWADDRESSES>(part.senders);
+            packets.sourcePorts = part.sourcePorts;
+            packets.destinations = part.destinations;
+            all.append(packetsJson(packets));
+        }
+    }
+    return all;
 }
 
 /// Leaves out what is said of a family; of none for an empty name.
@@ -230,130 +337,50 @@ void leaveOut(const std::string& family, BeforeFirewall& before) {
     erase(before.redirects);
 }
 
-// ---- What is open with nothing that listens
-// ------------------------------------------------------
+// ---- What is open though nothing listens --------------------------------------------------------
 
-/// From how many ports on a span is said as a whole, also where something listens on one of them.
-constexpr int kWideSpan = 1024;
-
-/// Open packets: those to single ports on which nothing listens, and those to whole spans.
-struct Unused {
-    std::vector<FW::FWPACKETSET> ports;
-    std::vector<FW::FWPACKETSET> spans;
-};
-
-/// The ports of an interval on which nothing listens.
-FW::FWINTERVALS without(const FW::FWINTERVAL& interval, const std::set<std::uint16_t>& heard) {
-    FW::FWINTERVALS left;
-    int first = interval.first;
-    const auto end = heard.upper_bound(interval.last);
-    for (auto port = heard.lower_bound(interval.first); port != end; ++port) {
-        if (first < *port) {
-            left.push_back(
-                {static_cast<std::uint16_t>(first), static_cast<std::uint16_t>(*port - 1)});
-        }
-        first = *port + 1;
-    }
-    if (first <= interval.last) {
-        left.push_back({static_cast<std::uint16_t>(first), interval.last});
-    }
-    return left;
-}
-
-void addUnused(const std::vector<FW::FWPACKETSET>& open, const std::set<std::uint16_t>& heard,
-               Unused& unused) {
-    for (FW::FWPACKETSET set : open) {
-        const FW::FWINTERVALS ports = std::exchange(set.destinationPorts, FW::FWINTERVALS());
-        if (ports.empty()) {
-            unused.spans.push_back(set);
-        }
-        for (const FW::FWINTERVAL& interval : ports) {
-            const bool isWide = interval.last - interval.first >= kWideSpan;
-            set.destinationPorts = isWide ? FW::FWINTERVALS{interval} : without(interval, heard);
-            if (!set.destinationPorts.empty()) {
-                (isWide ? unused.spans : unused.ports).push_back(set);
-            }
-        }
-    }
-}
+/// Of rows for single ports, and of those for spans, a person reads no more; "--json" has all.
+constexpr std::size_t kMostPortRows = 30;
+constexpr std::size_t kMostSpanRows = 10;
 
 /// The ports of a protocol on which a socket hears packets of a family through an interface.
 std::set<std::uint16_t> portsHeard(const std::vector<Sockets>& all, const std::string& interface,
-                                   bool ipv6, FW::FW_PORT_PROTOCOL protocol) {
+                                   FW::FW_FAMILY family, FW::FW_PORT_PROTOCOL protocol) {
     std::set<std::uint16_t> ports;
     for (const Sockets& sockets : all) {
-        if (sockets.front().protocol == protocol && !heardBy(sockets, interface, ipv6).empty()) {
+        if (sockets.front().protocol == protocol &&
+            !heardBy(sockets, interface, family == FW::FW_FAMILY_V6).empty()) {
             ports.insert(sockets.front().port);
         }
     }
     return ports;
 }
 
-/// Of packets from a sender, if there is one.
-Unused unusedOf(OpenPorts& open, const std::vector<Sockets>& all, const Texts& interfaces,
-                const std::optional<Address>& from) {
-    Unused unused;
-    for (const std::string& interface : interfaces) {
-        for (const bool ipv6 : {false, true}) {
-            for (const auto protocol : {FW::FW_PORT_PROTOCOL_TCP, FW::FW_PORT_PROTOCOL_UDP}) {
-                std::vector<FW::FWPACKETSET> sets;
-                for (const FW::FWPACKETSET& set : open.through(interface, ipv6, protocol).allowed) {
-                    const bool isAsked =
-                        !from || (from->isIpv6() == ipv6 &&
-                                  (set.sources == nullptr || contains(*set.sources, *from)));
-                    if (isAsked) {
-                        sets.push_back(set);
-                        sets.back().in =
-                            std::make_shared<FW::FWINTERFACES>(FW::FWINTERFACES{{interface}, {}});
-                    }
-                }
-                addUnused(sets, portsHeard(all, interface, ipv6, protocol), unused);
-            }
+std::vector<PacketKind> kindsOf(const OpenRow& row) {
+    std::vector<PacketKind> kinds;
+    const auto add = [&kinds](std::uint16_t protocol, const FW::FWINTERVALS& ports) {
+        if (!ports.empty()) {
+            const bool isAny = ports.front().first == 0 && ports.front().last == kHighestPort;
+            kinds.push_back({{{protocol, protocol}}, {}, isAny ? FW::FWINTERVALS() : ports, {}});
         }
-    }
-    return unused;
+    };
+    add(IPPROTO_TCP, row.tcp);
+    add(IPPROTO_UDP, row.udp);
+    return kinds;
 }
 
-/// "eth0", "eth1"
-Texts entrancesOf(const PacketGroup& group) {
-    std::set<std::string> names;
-    for (const PacketWay& way : group.ways) {
-        if (way.in != nullptr) {
-            names.insert(way.in->names.begin(), way.in->names.end());
-        }
-    }
-    return {names.begin(), names.end()};
-}
-
-/// "everybody", "10.0.0.0/8", "packets to 10.0.0.5".
-std::string peersText(const PacketGroup& group, const PacketWords& words) {
-    constexpr char kFor[] = "for ";
-    const std::string text = words.forText(group.peers);
-    return boost::starts_with(text, kFor) ? text.substr(sizeof kFor - 1) : text;
-}
-
-Json::Value unusedJson(const PacketGroup& group, bool isSpan, const PacketWords& words) {
+Json::Value unusedJson(const OpenRow& row, const PacketWords& words) {
     Json::Value entry;
-    for (const PacketKind& kind : group.kinds) {
+    for (const PacketKind& kind : kindsOf(row)) {
         entry["packets"].append(words.kindsText({kind}));
     }
-    entry["others"] = isSpan;
-    for (const std::string& interface : entrancesOf(group)) {
+    entry["others"] = row.isSpan;
+    for (const std::string& interface : row.interfaces) {
         entry["adapters"].append(interface);
     }
-    for (const FW::FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
-        Json::Value ranges(Json::arrayValue);
-        for (const PacketPeers& peers : group.peers) {
-            for (const Json::Value& range :
-                 peers.family == family
-                     ? addressesJson(peers.sources == nullptr ? allAddresses() : *peers.sources,
-                                     family)
-                     : Json::Value(Json::arrayValue)) {
-                ranges.append(range);
-            }
-        }
-        entry[family == FW::FW_FAMILY_V4 ? "v4" : "v6"] = ranges;
-    }
+    entry["v4"] = jsonOf(*row.to[FW::FW_FAMILY_V4], FW::FW_FAMILY_V4);
+    entry["v6"] = jsonOf(*row.to[FW::FW_FAMILY_V6], FW::FW_FAMILY_V6);
+    entry["partly"] = partlyJson(row.to);
     return entry;
 }
 
@@ -392,7 +419,7 @@ constexpr StateWords kStates[] = {
 /// The adapters for which the answer about a port is the same.
 struct SameAnswer {
     Texts adapters;
-    std::string text;
+    OpenText open;
     std::string note;  ///< what rules of others do to its packets
 };
 
@@ -400,11 +427,14 @@ class OpenAnswer {
 public:
     OpenAnswer(const OpenQuery& query, Context& context)
         : query_(query),
-          from_(query.from.empty() ? std::nullopt : addressFrom(query.from)),
+          from_(packetAddressFrom(query.from)),
           enabled_(context.store().firewallEnabled()),
-          meaning_(enabled_ ? context.store().profile("") : FW::FWPROFILE(), context.machine()),
+          meaning_(
+              Meaning(enabled_ ? context.store().profile("") : FW::FWPROFILE(), context.machine())
+                  .between(from_, std::nullopt)),
           words_({meaning_}),
-          open_(meaning_),
+          allWords_({meaning_}, kAllEntries),
+          open_(meaning_, from_),
           report_(kernelReportIfAny(context.store())),
           complaints_(complaintsOf(report_)) {
         document_["enabled"] = enabled_;
@@ -435,7 +465,7 @@ public:
         }
         std::vector<SameAnswer> answers;
         if (std::all_of(sockets.begin(), sockets.end(), isLoopback)) {
-            answers.push_back({{"lo"}, "this machine alone", ""});
+            answers.push_back({{"lo"}, {"this machine alone", false, false}, ""});
             entry["loopback"] = true;
         } else {
             answers = answersFor(sockets, question, entry);
@@ -443,12 +473,12 @@ public:
         document_["ports"].append(entry);
         for (const SameAnswer& answer : answers) {
             const State state = answer.adapters == Texts{"lo"} ? kLoopbackState
-                                : isClosed(answer.text)        ? kClosedState
+                                : answer.open.isClosed         ? kClosedState
                                                                : kOpenState;
             tables_[state].addRow({{questionText(question), Paint::kStrong},
                                    {boost::join(owners, ", "), Paint::kPlain},
                                    {boost::join(answer.adapters, ", "), Paint::kPlain},
-                                   {joined(answer.text, answer.note), paintOf(answer.text)}});
+                                   {joined(answer.open.text, answer.note), paintOf(answer.open)}});
         }
     }
 
@@ -457,21 +487,31 @@ public:
         if (!enabled_) {
             return;
         }
-        const Unused unused = unusedOf(open_, all, adapters_, from_);
-        const auto add = [this](const std::vector<FW::FWPACKETSET>& sets, bool isSpan) {
-            for (const PacketGroup& group : packetGroups(sets)) {
-                const std::string kinds = words_.kindsText(group.kinds);
-                const std::string text = from_ ? "open" : peersText(group, words_);
-                tables_[kUnusedState].addRow(
-                    {{isSpan ? "other ports of " + kinds : kinds, Paint::kStrong},
-                     {"", Paint::kPlain},
-                     {boost::join(entrancesOf(group), ", "), Paint::kPlain},
-                     {text, paintOf(text)}});
-                document_["unused"].append(unusedJson(group, isSpan, words_));
+        const std::vector<OpenRow> rows =
+            open_.rows(adapters_, [&all](const auto& interface, auto family, auto protocol) {
+                return portsHeard(all, interface, family, protocol);
+            });
+        std::array<std::size_t, 2> left = {kMostPortRows, kMostSpanRows};
+        for (const OpenRow& row : rows) {
+            if (query_.json) {
+                document_["unused"].append(unusedJson(row, allWords_));
+                continue;
             }
-        };
-        add(unused.ports, false);
-        add(unused.spans, true);
+            if (left[row.isSpan ? 1 : 0] == 0) {
+                ++moreUnused_;
+                continue;
+            }
+            --left[row.isSpan ? 1 : 0];
+            const std::string kinds = words_.kindsText(kindsOf(row));
+            const OpenText open = from_
+                                      ? textFor(row.to[familyOf(*from_)], familyOf(*from_), words_)
+                                      : textOf(row.to, words_);
+            tables_[kUnusedState].addRow(
+                {{row.isSpan ? "other ports of " + kinds : kinds, Paint::kStrong},
+                 {"", Paint::kPlain},
+                 {boost::join(row.interfaces, ", "), Paint::kPlain},
+                 {open.text, paintOf(open)}});
+        }
     }
 
     void print() const {
@@ -514,6 +554,9 @@ private:
             if (!tables_[state].empty()) {
                 std::cout << '\n' << kStates[state].heading << '\n';
                 tables_[state].print(2);
+                if (state == kUnusedState && moreUnused_ > 0) {
+                    std::cout << "  ... and " << moreUnused_ << " more; --json has all\n";
+                }
             }
         }
     }
@@ -523,18 +566,25 @@ private:
         std::vector<SameAnswer> answers;
         entry["adapters"] = Json::Value(Json::arrayValue);
         for (const std::string& adapter : adapters_) {
-            const Reach reach{sendersTo(open_, sockets, adapter, false),
-                              sendersTo(open_, sockets, adapter, true)};
-            if (!reach.v4 && !reach.v6) {
-                continue;  // the sockets hear other interfaces only
+            OpenFamilies reach;
+            for (const FW::FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
+                if (!from_ || familyOf(*from_) == family) {
+                    reach[family] = openToSockets(open_, sockets, adapter, family);
+                }
             }
-            const std::string text = from_ ? textFor(reach, *from_) : textOf(reach, words_);
+            const auto& v4 = reach[FW::FW_FAMILY_V4];
+            const auto& v6 = reach[FW::FW_FAMILY_V6];
+            if (!v4 && !v6) {
+                continue;  // the sockets hear other interfaces only, or another family
+            }
+            const OpenText open =
+                from_ ? textFor(v4 ? v4 : v6, familyOf(*from_), words_) : textOf(reach, words_);
             BeforeFirewall before = beforeFirewall(report_, question, adapter, from_);
-            leaveOut(reach.v4 ? "" : "v4", before);
-            leaveOut(reach.v6 ? "" : "v6", before);
-            if (boost::starts_with(text, kEverybody) || text == "open") {
+            leaveOut(v4 ? "" : "v4", before);
+            leaveOut(v6 ? "" : "v6", before);
+            if (open.isEverybody) {
                 before.accepts.clear();  // they accept what the firewall accepts
-            } else if (isClosed(text)) {
+            } else if (open.isClosed) {
                 before.drops.clear();
             }
             const std::string note = joined(acceptsText(before), dropsText(before));
@@ -542,23 +592,24 @@ private:
             addTo(before_, before);
             Json::Value one;
             one["name"] = adapter;
-            if (reach.v4) {
-                one["v4"] = jsonOf(*reach.v4, FW::FW_FAMILY_V4);
+            if (v4) {
+                one["v4"] = jsonOf(*v4, FW::FW_FAMILY_V4);
             }
-            if (reach.v6) {
-                one["v6"] = jsonOf(*reach.v6, FW::FW_FAMILY_V6);
+            if (v6) {
+                one["v6"] = jsonOf(*v6, FW::FW_FAMILY_V6);
             }
-            one["state"] = kStates[isClosed(text) ? kClosedState : kOpenState].word;
+            one["partly"] = partlyJson(reach);
+            one["state"] = kStates[open.isClosed ? kClosedState : kOpenState].word;
             one["acceptedBefore"] = acceptsJson(before);
             one["droppedBy"] = dropsJson(before);
             one["redirects"] = redirectsJson(before);
             entry["adapters"].append(one);
             const auto same =
                 std::find_if(answers.begin(), answers.end(), [&](const SameAnswer& answer) {
-                    return answer.text == text && answer.note == note;
+                    return answer.open.text == open.text && answer.note == note;
                 });
             if (same == answers.end()) {
-                answers.push_back({{adapter}, text, note});
+                answers.push_back({{adapter}, open, note});
             } else {
                 same->adapters.push_back(adapter);
             }
@@ -571,6 +622,7 @@ private:
     bool enabled_;
     Meaning meaning_;
     PacketWords words_;
+    PacketWords allWords_;  // of long lists, too
     OpenPorts open_;
     KernelReport report_;
     Texts complaints_;
@@ -579,6 +631,7 @@ private:
     BeforeFirewall before_;
     Json::Value document_;
     std::vector<Table> tables_;  // by State
+    std::size_t moreUnused_ = 0;
 };
 
 void open(const OpenQuery& query) {
