@@ -129,12 +129,15 @@ private:
             if (rest.size() > 1 && FW::includes(rest, list.addresses)) {
                 description.add({list.name, {}, false}, kNameCost);
                 rest = FW::without(rest, list.addresses);
+            } else {
+                addCut(list, false, excepting, rest, description);
             }
         }
+        addAround(excepting, rest, description);
         std::string codes;
         for (const NamedAddresses& country : names_.countries) {
             if (rest.empty() || !FW::includes(rest, country.addresses)) {
-                addCut(country, excepting, rest, description);
+                addCut(country, true, excepting, rest, description);
                 continue;
             }
             codes += (codes.empty() ? "" : ",") + country.name;
@@ -147,21 +150,47 @@ private:
         return description;
     }
 
-    /// Names a country of which few addresses are missing.
-    void addCut(const NamedAddresses& country, bool excepting, Intervals& rest,
+    /// Names a list or a country of which few addresses are missing.
+    void addCut(const NamedAddresses& named, bool isCountry, bool excepting, Intervals& rest,
                 Description& description) const {
-        if (!excepting || rest.size() <= 1 || !FW::overlaps(rest, country.addresses)) {
+        if (!excepting || rest.size() <= 1 || !FW::overlaps(rest, named.addresses)) {
             return;
         }
-        const Intervals missing = FW::without(country.addresses, rest);
-        const Intervals left = FW::without(rest, country.addresses);
+        const Intervals missing = FW::without(named.addresses, rest);
+        const Intervals left = FW::without(rest, named.addresses);
         if (missing.size() + left.size() >= rest.size()) {
             return;
         }
         Description except = listed(missing, false);
-        description.add({country.name, textsOf(except), true},
+        description.add({named.name, textsOf(except), isCountry},
                         kNameCost + kExceptCost + except.cost);
         rest = left;
+    }
+
+    /// Of more intervals than a run may have: names a network around all of them of which a list or
+    /// a country is missing.
+    void addAround(bool excepting, Intervals& rest, Description& description) const {
+        if (!excepting || rest.size() <= kLongestRun) {
+            return;
+        }
+        Intervals bases = names_.networks;
+        bases.push_back(networkAround({rest.front().first, rest.back().last}));
+        std::optional<std::pair<Interval, Description>> best;
+        for (const Interval& base : bases) {
+            if (!encloses(base, {rest.front().first, rest.back().last}) || isEveryAddress({base})) {
+                continue;
+            }
+            Description except = listed(FW::without({base}, rest), false);
+            if (except.cost < kLongestRun && (!best || except.cost < best->second.cost)) {
+                best = {base, std::move(except)};
+            }
+        }
+        if (best) {
+            const auto& [base, except] = *best;
+            description.add({spelledInterval(base, family_), textsOf(except), false},
+                            costOf(base) + kExceptCost + except.cost);
+            rest.clear();
+        }
     }
 
     Cost costOf(const Interval& interval) const {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <optional>
 #include <utility>
 
@@ -39,6 +40,33 @@ Intervals numbersOf(const FW::FWINTERVALS& intervals) {
     return numbers;
 }
 
+// What people look for first: how to reach the machine.
+constexpr std::array<const char*, 6> kSoughtServices = {"ssh",    "http", "https",
+                                                        "telnet", "rdp",  "vnc"};
+constexpr std::array<Number, 3> kSoughtPorts = {22, 80, 443};
+
+std::size_t rankOf(const std::string& service) {
+    const auto* const found = std::find(kSoughtServices.begin(), kSoughtServices.end(), service);
+    return static_cast<std::size_t>(std::distance(kSoughtServices.begin(), found));
+}
+
+std::size_t rankOf(const Interval& ports) {
+    const auto* const found = std::find_if(
+        kSoughtPorts.begin(), kSoughtPorts.end(),
+        [&ports](const Number port) { return ports.first <= port && port <= ports.last; });
+    return static_cast<std::size_t>(std::distance(kSoughtPorts.begin(), found));
+}
+
+/// The entries, those that are sought first where not all of them will be named.
+template <typename Entries>
+Entries soughtFirst(Entries entries, std::size_t most) {
+    if (entries.size() > most + 1) {
+        std::stable_sort(entries.begin(), entries.end(),
+                         [](const auto& a, const auto& b) { return rankOf(a) < rankOf(b); });
+    }
+    return entries;
+}
+
 /// "a,b", "a,b and 7 more".
 std::string entriesText(Texts texts, std::size_t most) {
     const bool isLong = texts.size() > most + 1;
@@ -52,15 +80,19 @@ std::string entriesText(Texts texts, std::size_t most) {
 }
 
 /// "22,6000-6010".
-std::string portsText(const Intervals& ports, std::size_t most) {
+std::string numbersText(const Intervals& numbers, std::size_t most) {
     Texts texts;
-    for (const Interval& one : ports) {
+    for (const Interval& one : numbers) {
         const std::string first = std::to_string(static_cast<unsigned>(one.first));
         texts.push_back(one.first == one.last
                             ? first
                             : first + "-" + std::to_string(static_cast<unsigned>(one.last)));
     }
     return entriesText(std::move(texts), most);
+}
+
+std::string destinationPortsText(const Intervals& ports, std::size_t most) {
+    return numbersText(soughtFirst(ports, most), most);
 }
 
 /// By protocol: the ports of one side, with any port on the other; of ICMP the types. All of them
@@ -197,9 +229,13 @@ void appendProtocols(const PortTable& ports, Side side, std::size_t most, Texts&
             return;
         }
         const bool all = list.front().first == 0 && list.front().last == kHighestPortNumber;
-        texts.push_back(all ? name
-                            : name + (side == kSource ? " from source port " : " ") +
-                                  portsText(list, most));
+        if (all) {
+            texts.push_back(name);
+        } else if (side == kSource) {
+            texts.push_back(name + " from source port " + numbersText(list, most));
+        } else {
+            texts.push_back(name + " " + destinationPortsText(list, most));
+        }
     };
     if (same) {
         append("tcp/udp", tcp);
@@ -218,13 +254,13 @@ void appendProtocols(const PortTable& ports, Side side, std::size_t most, Texts&
         if (name.empty()) {
             numbers.push_back({protocol, protocol});
         } else {
-            texts.push_back(all ? name : name + " type " + portsText(ports[protocol], most));
+            texts.push_back(all ? name : name + " type " + numbersText(ports[protocol], most));
         }
     }
     if (!numbers.empty()) {
         FW::normalize(numbers);
         const bool one = numbers.size() == 1 && numbers[0].first == numbers[0].last;
-        texts.push_back((one ? "protocol " : "protocols ") + portsText(numbers, most));
+        texts.push_back((one ? "protocol " : "protocols ") + numbersText(numbers, most));
     }
 }
 
@@ -232,7 +268,7 @@ std::string plainKindsText(KindTable table, const std::vector<NamedService>& ser
                            std::size_t most) {
     Texts texts = takeServices(table, services);
     if (!texts.empty()) {
-        texts = {"service " + entriesText(std::move(texts), most)};
+        texts = {"service " + entriesText(soughtFirst(std::move(texts), most), most)};
     }
     for (const Side side : {kDestination, kSource}) {
         appendProtocols(table.sides[side], side, most, texts);
@@ -245,13 +281,22 @@ std::string plainKindsText(KindTable table, const std::vector<NamedService>& ser
             }
         }
         texts.push_back(joined(protocols, "/") + " " +
-                        portsText(numbersOf(kind.destinationPorts), most) + " from source port " +
-                        portsText(numbersOf(kind.sourcePorts), most));
+                        destinationPortsText(numbersOf(kind.destinationPorts), most) +
+                        " from source port " + numbersText(numbersOf(kind.sourcePorts), most));
     }
     return joined(shortened(std::move(texts), most), ", ");
 }
 
 }  // namespace
+
+bool includesKinds(const std::vector<PacketKind>& all, const std::vector<PacketKind>& some) {
+    const KindTable wanted = tableOf(some);
+    return wanted.others.empty() && without(tableOf(all), wanted);
+}
+
+bool isSameKinds(const std::vector<PacketKind>& one, const std::vector<PacketKind>& other) {
+    return includesKinds(one, other) && includesKinds(other, one) && tableOf(one).others.empty();
+}
 
 std::string kindsText(const std::vector<PacketKind>& kinds,
                       const std::vector<NamedService>& services, std::size_t most) {

@@ -44,6 +44,32 @@ std::size_t entriesOf(const NamedService& service) {
     return count;
 }
 
+bool isOfIpv4(const PacketPeers& peers) {
+    return peers.family == FW::FW_FAMILY_V4;
+}
+
+bool isOfIpv4(const PacketGroup& group) {
+    return std::all_of(group.peers.begin(), group.peers.end(),
+                       [](const PacketPeers& peers) { return isOfIpv4(peers); });
+}
+
+/// Whether the packets of one group are as those of another in IPv4, apart from their kinds.
+bool isIpv4PartOf(const PacketGroup& part, const PacketGroup& whole) {
+    const auto same = [](const auto& one, const auto& other) {
+        return one == other ||
+               (one != nullptr && other != nullptr && numbersOf(one) == numbersOf(other));
+    };
+    std::vector<PacketPeers> peers = whole.peers;
+    peers.erase(std::remove_if(peers.begin(), peers.end(),
+                               [](const PacketPeers& one) { return !isOfIpv4(one); }),
+                peers.end());
+    return part.states == whole.states && isOfIpv4(part) && peers.size() < whole.peers.size() &&
+           std::equal(part.peers.begin(), part.peers.end(), peers.begin(), peers.end(),
+                      [&](const PacketPeers& a, const PacketPeers& b) {
+                          return same(a.sources, b.sources) && same(a.destinations, b.destinations);
+                      });
+}
+
 }  // namespace
 
 // ---- Names --------------------------------------------------------------------------------------
@@ -100,7 +126,11 @@ private:
         const auto groups =
             isKnown ? std::vector<PacketGroup>() : packetGroups(FW::fwServicePackets(name, ports));
         if (groups.size() == 1) {
-            services.push_back({name, groups.front().kinds});
+            services.push_back({name, groups.front().kinds, {}});
+        } else if (groups.size() == 2 && isOfIpv4(groups[1]) && !isOfIpv4(groups[0])) {
+            std::vector<PacketKind> kinds = groups[0].kinds;
+            kinds.insert(kinds.end(), groups[1].kinds.begin(), groups[1].kinds.end());
+            services.push_back({name, std::move(kinds), groups[1].kinds});
         }
     }
 
@@ -182,6 +212,31 @@ PacketWords::PacketWords(const std::vector<Meaning>& meanings, std::size_t most)
 PacketWords::~PacketWords() = default;
 PacketWords::PacketWords(PacketWords&& other) noexcept = default;
 PacketWords& PacketWords::operator=(PacketWords&& other) noexcept = default;
+
+std::vector<PacketGroup> PacketWords::groups(const std::vector<FW::FWPACKETSET>& sets) const {
+    std::vector<PacketGroup> groups = packetGroups(sets);
+    for (const NamedService& service : names_->services) {
+        const std::vector<PacketKind>& own = service.ipv4Only;
+        const auto part = std::find_if(groups.begin(), groups.end(), [&](const PacketGroup& group) {
+            return !own.empty() && isSameKinds(group.kinds, own);
+        });
+        if (part == groups.end()) {
+            continue;
+        }
+        const auto whole =
+            std::find_if(groups.begin(), groups.end(), [&](const PacketGroup& group) {
+                std::vector<PacketKind> both = group.kinds;
+                both.insert(both.end(), own.begin(), own.end());
+                return isIpv4PartOf(*part, group) && waysText(part->ways) == waysText(group.ways) &&
+                       includesKinds(both, service.kinds);
+            });
+        if (whole != groups.end()) {
+            whole->kinds.insert(whole->kinds.end(), own.begin(), own.end());
+            groups.erase(part);
+        }
+    }
+    return groups;
+}
 
 std::string PacketWords::kindsText(const std::vector<PacketKind>& kinds) const {
     return tarnfw::kindsText(kinds, names_->services, names_->most);

@@ -37,6 +37,10 @@ public:
     PacketWords(PacketWords&& other) noexcept;
     PacketWords& operator=(PacketWords&& other) noexcept;
 
+    /// packetGroups(), for words: where a service has a protocol for IPv4 only, as that of AH, a
+    /// group with the rest of it has that, too.
+    std::vector<PacketGroup> groups(const std::vector<FW::FWPACKETSET>& sets) const;
+
     /// "tcp 22,6000-6010", "service nfs, udp 53", "udp from source port 53", "icmp", "everything",
     /// "everything except tcp 22".
     std::string kindsText(const std::vector<PacketKind>& kinds) const;

@@ -215,6 +215,59 @@ TEST_F(PacketWordsTest, ChainsAreNamedWhereTheyDiffer) {
               "everything forwarded from eth0 out through every adapter except eth1 from anywhere");
 }
 
+TEST_F(PacketWordsTest, PartsOfMasksWithGapsAreThoseMasksWithExceptions) {
+    add("eth0", {"deny from 10.3.0.0/24", "allow tcp 80 from 10.0.0.1/255.0.255.0"});
+    EXPECT_EQ(openText(), "tcp 80 on eth0 from 10.0.0.0/255.0.255.0 except 10.3.0.0/24");
+    profile_ = {};
+    add("eth0", {"deny from 10.0.0.1/255.0.255.0", "allow tcp 80 from 10.0.0.0/8"});
+    EXPECT_EQ(openText(), "tcp 80 on eth0 from 10.0.0.0/8 except 10.0.0.0/255.0.255.0");
+}
+
+TEST_F(PacketWordsTest, AServiceWithAProtocolOfIpv4AloneIsNamed) {
+    environment_.services["vpn_server_ipsec"].dstPorts = {
+        {FW::FW_PORT_PROTOCOL_UDP, {"500", "4500"}}};
+    const auto textOfGroups = [this](const Texts& rules) {
+        profile_ = {};
+        for (const std::string& words : rules) {
+            profile_.rules["eth0"].push_back(ruleFrom(
+                {words}, {}, {{{"vpn_server_ipsec", 2}, {"ssh", 1}}, {"DE"}, {"DE", "FR"}}));
+        }
+        const Meaning of = meaning();
+        std::vector<FW::FWPACKETSET> sets;
+        for (const FW::FWRESOLVEDRULE& rule : of.ownRules()) {
+            sets.push_back(rule.packets);
+        }
+        const PacketWords words({of});
+        return joined(words, words.groups(sets));
+    };
+    EXPECT_EQ(textOfGroups({"allow service vpn_server_ipsec"}),
+              "service vpn_server_ipsec on eth0 from anywhere");
+    EXPECT_EQ(textOfGroups({"allow service vpn_server_ipsec from 10.0.0.0/8"}),
+              "service vpn_server_ipsec on eth0 from 10.0.0.0/8");
+    EXPECT_EQ(textOfGroups({"allow service vpn_server_ipsec,ssh"}),
+              "service vpn_server_ipsec,ssh on eth0 from anywhere");
+    EXPECT_EQ(textOfGroups({"allow service vpn_server_ipsec (IPv6)"}),
+              "udp 500,4500, protocol 50 on eth0 from anywhere (IPv6)");
+    EXPECT_EQ(textOfGroups({"allow udp 500,4500"}), "udp 500,4500 on eth0 from anywhere");
+}
+
+TEST_F(PacketWordsTest, ShortenedListsBeginWithWhatPeopleLookFor) {
+    environment_.services.clear();
+    std::string ports;
+    for (int i = 0; i < 12; ++i) {
+        const std::string name = std::string("s") + static_cast<char>('a' + i);
+        const std::string port = std::to_string(7000 + 2 * i);
+        environment_.services[name].dstPorts = {{FW::FW_PORT_PROTOCOL_TCP, {port, "1" + port}}};
+        ports += port + ",1" + port + ",";
+    }
+    environment_.services["https"].dstPorts = {{FW::FW_PORT_PROTOCOL_TCP, {"443"}}};
+    environment_.services["ssh"].dstPorts = {{FW::FW_PORT_PROTOCOL_TCP, {"22"}}};
+    EXPECT_EQ(textOf("eth0", "allow tcp " + ports + "22,443"),
+              "service ssh,https,sa,sb,sc,sd,se,sf and 6 more on eth0 from anywhere");
+    EXPECT_EQ(textOf("eth0", "allow udp " + ports + "20-23,443"),
+              "udp 20-23,443,7000,7002,7004,7006,7008,7010 and 18 more on eth0 from anywhere");
+}
+
 TEST_F(PacketWordsTest, LongListsEndWithTheNumberOfTheOthers) {
     Texts networks;
     for (int i = 0; i < 20; ++i) {
