@@ -197,8 +197,19 @@ std::string placesText(const std::vector<FW::FWPLACE>& places, std::size_t most)
     const std::size_t named = places.size() > most + 1 ? most : places.size();
     std::vector<std::string> texts;
     std::vector<std::string> positions;  // of the rules of one adapter
+    std::vector<std::string> adapters;   // of default policies
     for (std::size_t i = 0; i < named; ++i) {
         const FW::FWPLACE& place = places[i];
+        if (place.origin == FW::FW_ORIGIN_DEFAULT) {
+            adapters.push_back(printable(place.adapter));
+            if (i + 1 == named || places[i + 1].origin != FW::FW_ORIGIN_DEFAULT) {
+                texts.push_back(
+                    (adapters.size() == 1 ? "the default policy of " : "the default policies of ") +
+                    enumerated(adapters));
+                adapters.clear();
+            }
+            continue;
+        }
         if (place.origin != FW::FW_ORIGIN_RULE) {
             texts.push_back(placeText(place));
             continue;

@@ -5,36 +5,26 @@
 #include <cstdint>
 #include <iterator>
 #include <map>
-#include <memory>
 #include <set>
 #include <tuple>
 #include <utility>
 
+#include "decide/changeWords.h"
 #include "decide/listWords.h"
-#include "tarnfwadmin/packetGroup.h"
-#include "tarnfwadmin/packetWords.h"
 #include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
 
-using PacketSets = std::vector<FW::FWPACKETSET>;
-
-/// Groups that one text names, and places of rules.
-constexpr std::size_t kMostGroups = 4;
+/// Places of rules that one text names.
 constexpr std::size_t kMostPlaces = 8;
 
-/// Changes for which a shorter text is looked for: of two profiles that have little in common,
-/// nobody reads all.
-constexpr std::size_t kMostSearched = 64;
+/// Rules that are not counted which one text names.
+constexpr std::size_t kMostNotCounted = 2;
 
-struct PlaceOrder {
-    bool operator()(const FW::FWPLACE& a, const FW::FWPLACE& b) const {
-        return std::tie(a.origin, a.adapter, a.position) <
-               std::tie(b.origin, b.adapter, b.position);
-    }
-};
-using Places = std::set<FW::FWPLACE, PlaceOrder>;
+/// Rules whose packets are tried to be put together: of two profiles that have little in common,
+/// nobody reads all.
+constexpr std::size_t kMostTogether = 64;
 
 FW::FWPLACE ruleAt(const RulePlace& place) {
     return {FW::FW_ORIGIN_RULE, place.adapter, static_cast<std::int32_t>(place.position)};
@@ -59,59 +49,78 @@ std::vector<PlacedChange> placed(const FW::FWDIFFERENCE& difference, const FW::F
     return all;
 }
 
-// ---- Words --------------------------------------------------------------------------------------
+// ---- Rules of both sides ------------------------------------------------------------------------
 
-/// What differs from `base`: "tcp 22 from 10.1.0.0/16".
-std::string exceptionText(const PacketWords& words, const PacketGroup& group,
-                          const PacketGroup& base) {
-    Texts texts;
-    const auto add = [&texts](const std::string& text, const std::string& ofBase) {
-        if (text != ofBase) {
-            texts.push_back(text);
-        }
+/// Whether the packet filter does the same by both, whatever they are called.
+bool isSameRule(const FW::FWRULE& one, const FW::FWRULE& other) {
+    const auto members = [](const FW::FWRULE& rule) {
+        return std::tie(rule.enable, rule.adapterDirect, rule.policy, rule.blLog, rule.table,
+                        rule.chainList, rule.ipType, rule.ipDirect, rule.ipGroup, rule.ipList,
+                        rule.portDirect, rule.portGroup, rule.protocol, rule.portList);
     };
-    add(words.kindsText(group.kinds), words.kindsText(base.kinds));
-    add(words.waysText(group.ways), words.waysText(base.ways));
-    add(words.fromText(group.peers), words.fromText(base.peers));
-    return joined(texts, " ");
+    return members(one) == members(other);
 }
 
-/// The packets of `all` that are not among `some`; nothing where that is too complex.
-std::vector<PacketGroup> groupsWithout(const PacketSets& all, const PacketSets& some,
-                                       bool& isKnown) {
-    std::vector<FW::FWRESOLVEDRULE> rules;
-    for (const FW::FWPACKETSET& set : some) {
-        rules.push_back({set, FW::FW_PACKET_DROP, false, {}});
-    }
-    const FW::FW_MEANING dropping(rules);
-    PacketSets rest;
-    for (const FW::FWPACKETSET& set : all) {
-        const FW::FWREACHABLE reachable = dropping.reach(set);
-        isKnown = isKnown && reachable.findings.empty();
-        for (const FW::FWREACH& reach : reachable.reach) {
-            for (FW::FWPACKETSET one : reach.packets) {
-                one.in = std::make_shared<FW::FWINTERFACES>(reach.interfaces);
-                rest.push_back(std::move(one));
+const std::vector<FW::FWRULE>& rulesOf(const Meaning& meaning, const std::string& adapter) {
+    static const std::vector<FW::FWRULE> none;
+    const auto list = meaning.profile().rules.find(adapter);
+    return list == meaning.profile().rules.end() ? none : list->second;
+}
+
+/// How many rules at the head of an adapter's list are the same on both sides.
+std::size_t sameAtHead(const Meaning& one, const Meaning& other, const std::string& adapter) {
+    const std::vector<FW::FWRULE>& rules = rulesOf(one, adapter);
+    const std::vector<FW::FWRULE>& others = rulesOf(other, adapter);
+    const auto end = std::mismatch(rules.begin(), rules.end(), others.begin(), others.end(),
+                                   [](const auto& a, const auto& b) { return isSameRule(a, b); });
+    return static_cast<std::size_t>(std::distance(rules.begin(), end.first));
+}
+
+/// The rules of `side` that are not counted, apart from those that are on the other side as well
+/// with the same ones before them: what these do is the same.
+Texts notCountedOf(const Meaning& side, const Meaning& other, const char* what) {
+    Texts texts;
+    std::map<std::string, std::size_t> heads;
+    for (const FW::FWFINDING& finding : side.findings()) {
+        if (!isNotCounted(finding)) {
+            continue;
+        }
+        for (const std::string& adapter :
+             {finding.place.adapter, std::string(FW::FW_ADAPTER_GLOBAL)}) {
+            if (heads.count(adapter) == 0) {
+                heads[adapter] = sameAtHead(side, other, adapter);
             }
         }
+        const bool sameGlobal =
+            heads[FW::FW_ADAPTER_GLOBAL] == std::max(rulesOf(side, FW::FW_ADAPTER_GLOBAL).size(),
+                                                     rulesOf(other, FW::FW_ADAPTER_GLOBAL).size());
+        const auto position = static_cast<std::size_t>(finding.place.position);
+        if (position > heads[finding.place.adapter] ||
+            (finding.place.adapter != FW::FW_ADAPTER_GLOBAL && !sameGlobal)) {
+            texts.push_back(what + placeText(finding.place) + " is not counted: " + finding.text);
+        }
     }
-    return packetGroups(rest);
+    return texts;
 }
 
+// ---- Words --------------------------------------------------------------------------------------
+
 /// What the changes of one kind are called.
-class ChangeWords {
+class ChangesInWords {
 public:
     /// `named`: rules of the side after that need no mention.
-    ChangeWords(const PacketWords& words, const Meaning& before, const Meaning& after,
-                const std::vector<RulePlace>& named)
-        : words_(words), rules_{before.ownRules(), after.ownRules()} {
+    ChangesInWords(const Meaning& before, const Meaning& after, const std::vector<RulePlace>& named)
+        : sides_{before, after},
+          words_{ChangeWords({before, after}, before.ownRules()),
+                 ChangeWords({before, after}, after.ownRules())} {
         for (const RulePlace& place : named) {
             named_.insert(ruleAt(place));
         }
     }
 
-    /// Appends the lines for changes of one kind.
-    void append(const std::string& verb, const std::vector<PlacedChange>& changes, Texts& texts) {
+    /// Appends the texts for changes of one kind, which `kind` is a text of.
+    void append(const std::string& verb, const ChangeText& kind,
+                const std::vector<PlacedChange>& changes, std::vector<ChangeText>& texts) {
         if (changes.empty()) {
             return;
         }
@@ -125,33 +134,15 @@ public:
         }
         const SideOfChange side = responsible(bySide[kBefore], bySide[kAfter]);
         for (const Cause& cause : together(bySide[side])) {
-            const std::string text = cause.places.size() == 1
-                                         ? textOf(cause.sets, *cause.places.begin(), side)
-                                         : words_.effectText(packetGroups(cause.sets).front());
-            texts.push_back(
-                std::string(verb).append(" ").append(text).append(inBrackets(cause.places, side)));
+            WordedPackets worded = words_[side].worded(cause.sets, cause.places,
+                                                       side == kBefore ? "decided" : "decides");
+            ChangeText& text = texts.emplace_back(kind);
+            text.text = std::string(verb)
+                            .append(" ")
+                            .append(worded.text)
+                            .append(inBrackets(cause.places, side, worded.isOfRule));
+            text.packets = std::move(worded.packets);
         }
-    }
-
-    /// The packets as they are, or as what the rule matches without some, whichever is shorter.
-    std::string textOf(const PacketSets& sets, const FW::FWPLACE& place, SideOfChange side) {
-        const std::vector<PacketGroup> groups = packetGroups(sets);
-        Texts parts;
-        std::size_t length = 0;
-        for (const PacketGroup& group : groups) {
-            if (parts.size() < 2 * kMostGroups) {
-                parts.push_back(words_.effectText(group));
-                length += parts.back().size();
-            } else {
-                parts.emplace_back();
-            }
-        }
-        const std::string direct = joined(shortened(std::move(parts), kMostGroups), ", and ");
-        if (groups.size() == 1 || ++searched_ > kMostSearched) {
-            return direct;
-        }
-        const std::string except = exceptText(sets, groups, place, side);
-        return !except.empty() && except.size() < length ? except : direct;
     }
 
 private:
@@ -161,28 +152,38 @@ private:
     struct Cause {
         Places places;
         PacketSets sets;
+        std::size_t groups = 0;  ///< that the packets make
     };
 
-    /// Puts those rules together whose packets are one group together.
+    /// Puts those rules together whose packets need no more words together than those of either.
     static std::vector<Cause> together(const ByPlace& byPlace) {
         std::vector<Cause> causes;
+        std::vector<Cause> apart;
         for (const auto& [place, sets] : byPlace) {
-            causes.push_back({{place}, sets});
+            // Of many rules the adapters' default policies are still alike.
+            const bool isTried =
+                byPlace.size() <= kMostTogether || place.origin != FW::FW_ORIGIN_RULE;
+            (isTried ? causes : apart)
+                .push_back({{place}, sets, isTried ? packetGroups(sets).size() : 0});
         }
-        for (std::size_t i = 0; i < causes.size() && causes.size() <= kMostSearched; ++i) {
+        for (std::size_t i = 0; i < causes.size() && causes.size() <= kMostTogether; ++i) {
             for (std::size_t j = i + 1; j < causes.size();) {
                 PacketSets both = causes[i].sets;
                 both.insert(both.end(), causes[j].sets.begin(), causes[j].sets.end());
-                if (packetGroups(both).size() > 1) {
+                const std::size_t groups = packetGroups(both).size();
+                if (groups > std::min(causes[i].groups, causes[j].groups)) {
                     ++j;
                     continue;
                 }
                 causes[i].sets = std::move(both);
+                causes[i].groups = groups;
                 causes[i].places.insert(causes[j].places.begin(), causes[j].places.end());
                 causes.erase(causes.begin() + static_cast<std::ptrdiff_t>(j));
                 j = i + 1;
             }
         }
+        causes.insert(causes.begin(), std::make_move_iterator(apart.begin()),
+                      std::make_move_iterator(apart.end()));
         return causes;
     }
 
@@ -208,54 +209,39 @@ private:
         return before.size() < after.size() ? kBefore : kAfter;
     }
 
-    std::string inBrackets(const Places& places, SideOfChange side) const {
+    /// " (rule 3 of eth0)", " (before: rule 3 of eth0)", " (now rule 3 of eth0)".
+    std::string inBrackets(const Places& places, SideOfChange side, bool isWanted) const {
         const bool isNamed =
             side == kAfter &&
             std::includes(named_.begin(), named_.end(), places.begin(), places.end(), PlaceOrder());
-        if (isNamed || places.size() > kMostPlaces) {
+        if (!isWanted && (isNamed || places.size() > kMostPlaces)) {
             return "";
         }
-        return (side == kBefore ? " (before: " : " (") +
-               placesText({places.begin(), places.end()}, kMostPlaces) + ")";
+        const char* const when = side == kBefore ? "before: " : hasMoved(places) ? "now " : "";
+        return std::string(" (") + when + placesText({places.begin(), places.end()}, kMostPlaces) +
+               ")";
     }
 
-    /// Empty where that is no shorter form.
-    std::string exceptText(const PacketSets& sets, const std::vector<PacketGroup>& groups,
-                           const FW::FWPLACE& place, SideOfChange side) {
-        PacketSets matched;
-        for (const FW::FWRESOLVEDRULE& rule : rules_[side]) {
-            if (isSamePlace(rule.place, place)) {
-                matched.push_back(rule.packets);
-            }
-        }
-        std::vector<PacketGroup> base = packetGroups(matched);
-        if (base.size() != 1) {
-            return "";
-        }
-        // A rule for every adapter may make a difference on one of them.
-        const std::string ways = words_.waysText(groups.front().ways);
-        if (std::all_of(groups.begin(), groups.end(), [&](const PacketGroup& group) {
-                return words_.waysText(group.ways) == ways;
-            })) {
-            base.front().ways = groups.front().ways;
-            matched = packetSets(base.front());
-        }
-        bool isKnown = true;
-        const std::vector<PacketGroup> rest = groupsWithout(matched, sets, isKnown);
-        if (!isKnown || rest.empty() || rest.size() > kMostGroups) {
-            return "";
-        }
-        Texts exceptions;
-        for (const PacketGroup& group : rest) {
-            exceptions.push_back(exceptionText(words_, group, base.front()));
-        }
-        return words_.effectText(base.front()) + ", except " + enumerated(exceptions);
+    /// Whether one of the rules had another position before.
+    bool hasMoved(const Places& places) const {
+        return places.size() <= kMostPlaces &&
+               std::any_of(places.begin(), places.end(), [this](const FW::FWPLACE& place) {
+                   const std::vector<FW::FWRULE>& now = rulesOf(sides_[kAfter], place.adapter);
+                   const std::vector<FW::FWRULE>& old = rulesOf(sides_[kBefore], place.adapter);
+                   const auto index = static_cast<std::size_t>(place.position) - 1;
+                   if (place.origin != FW::FW_ORIGIN_RULE || index >= now.size() ||
+                       (index < old.size() && isSameRule(old[index], now[index]))) {
+                       return false;
+                   }
+                   return std::any_of(old.begin(), old.end(), [&](const FW::FWRULE& rule) {
+                       return isSameRule(rule, now[index]);
+                   });
+               });
     }
 
-    const PacketWords& words_;
-    std::array<std::vector<FW::FWRESOLVEDRULE>, 2> rules_;
+    std::array<Meaning, 2> sides_;
+    std::array<ChangeWords, 2> words_;
     Places named_;
-    std::size_t searched_ = 0;
 };
 
 struct KindOfChange {
@@ -271,9 +257,10 @@ constexpr KindOfChange kKinds[] = {
     {FW::FW_CHANGE_LOGGING, false, "no longer logs"},
 };
 
-/// The lines for all changes that are among `exact`.
-Texts textsOf(const Meaning& before, const Meaning& after, const std::vector<PlacedChange>& exact,
-              const std::vector<RulePlace>& named) {
+/// The texts for all changes that are among `exact`.
+std::vector<ChangeText> textsOf(const Meaning& before, const Meaning& after,
+                                const std::vector<PlacedChange>& exact,
+                                const std::vector<RulePlace>& named) {
     using Key = std::tuple<FW::FW_CHANGE, FW::FWPLACE, FW::FWPLACE>;
     const auto keyOf = [](const PlacedChange& one) {
         return Key(one.change->change, one.places[kBefore], one.places[kAfter]);
@@ -300,9 +287,8 @@ Texts textsOf(const Meaning& before, const Meaning& after, const std::vector<Pla
             changes.push_back(one);
         }
     }
-    const PacketWords words({before, after});
-    ChangeWords changeWords(words, before, after, named);
-    Texts texts;
+    ChangesInWords words(before, after, named);
+    std::vector<ChangeText> texts;
     for (const KindOfChange& kind : kKinds) {
         std::vector<PlacedChange> ofKind;
         std::copy_if(changes.begin(), changes.end(), std::back_inserter(ofKind),
@@ -310,59 +296,81 @@ Texts textsOf(const Meaning& before, const Meaning& after, const std::vector<Pla
                          return one.change->change == kind.change &&
                                 (kind.change != FW::FW_CHANGE_LOGGING || one.logs == kind.logs);
                      });
-        changeWords.append(kind.verb, ofKind, texts);
+        words.append(kind.verb, {"", kind.change, kind.logs, {}}, ofKind, texts);
     }
     return texts;
 }
 
-/// The packets that the rules at a place decide about: those with which something else happens
-/// without them.
-PacketSets decidedBy(const FW::FWPLACE& place, std::vector<FW::FWRESOLVEDRULE> rules) {
-    const FW::FW_MEANING meaning(rules);
-    for (FW::FWRESOLVEDRULE& rule : rules) {
-        if (isSamePlace(rule.place, place)) {
-            rule.verdict =
-                rule.verdict == FW::FW_PACKET_DROP ? FW::FW_PACKET_NEXT : FW::FW_PACKET_DROP;
+/// The adapters whose rules and default policies decide about the changes.
+Texts adaptersOf(const std::vector<PlacedChange>& changes) {
+    std::set<std::string> adapters;
+    for (const PlacedChange& change : changes) {
+        for (const FW::FWPLACE& place : change.places) {
+            if (!place.adapter.empty() && place.adapter != FW::FW_ADAPTER_GLOBAL) {
+                adapters.insert(place.adapter);
+            }
         }
     }
-    PacketSets decided;
-    for (FW::FWCHANGE& change : FW::FW_MEANING(rules).differenceFrom(meaning).changes) {
-        std::move(change.packets.begin(), change.packets.end(), std::back_inserter(decided));
-    }
-    return decided;
+    return {adapters.begin(), adapters.end()};
 }
 
 }  // namespace
 
 MeaningDifference::MeaningDifference(const Meaning& before, const Meaning& after,
                                      const std::vector<RulePlace>& named)
-    : exact_(after.answers().differenceFrom(before.answers())) {
-    if (!exact_.changes.empty()) {
-        texts_ = textsOf(before, after, placed(exact_, before.answers(), after.answers()), named);
+    : exact_(after.answers().differenceFrom(before.answers())),
+      notCounted_(notCountedOf(after, before, "")) {
+    for (const std::string& text : notCountedOf(before, after, "the former ")) {
+        notCounted_.push_back(text);
     }
+    if (!exact_.changes.empty()) {
+        const std::vector<PlacedChange> changes = placed(exact_, before.answers(), after.answers());
+        changes_ = textsOf(before, after, changes, named);
+        adapters_ = adaptersOf(changes);
+    }
+}
+
+Texts MeaningDifference::texts() const {
+    Texts texts;
+    for (const ChangeText& change : changes_) {
+        texts.push_back(change.text);
+    }
+    texts.insert(texts.end(), notCounted_.begin(), notCounted_.end());
+    return texts;
 }
 
 std::string MeaningDifference::text(std::size_t most) const {
-    if (texts_.empty()) {
-        return tooComplex() ? "too complex to compare" : "nothing else happens to any packet";
+    Texts texts;
+    const std::size_t named = changes_.size() > most + 1 ? most : changes_.size();
+    for (std::size_t i = 0; i < named; ++i) {
+        texts.push_back(changes_[i].text);
     }
-    Texts texts = texts_;
-    if (texts.size() > most + 1) {
-        const std::size_t others = texts.size() - most;
-        texts.resize(most);
-        texts.push_back("and " + std::to_string(others) + " more changes");
+    if (named < changes_.size()) {
+        texts.push_back("and " + std::to_string(changes_.size() - named) + " more changes");
     }
-    return joined(texts, "; ") + (tooComplex() ? "; too complex: there may be more changes" : "");
+    if (!exact_.findings.empty()) {
+        texts.emplace_back(texts.empty() ? "too complex to compare"
+                                         : "too complex: there may be more changes");
+    }
+    for (const std::string& text : shortened(notCounted_, kMostNotCounted)) {
+        texts.push_back(text);
+    }
+    if (!notCounted_.empty()) {
+        texts.push_back(std::string("for packets that ") +
+                        (notCounted_.size() == 1 ? "it matches" : "they match") +
+                        ", something else may happen");
+    }
+    return texts.empty() ? "nothing else happens to any packet" : joined(texts, "; ");
 }
 
 std::string decidedText(const Meaning& meaning, const RulePlace& place) {
-    const FW::FWPLACE rule = ruleAt(place);
+    const Places rule = {ruleAt(place)};
     if (decidedBy(rule, meaning.rules()).empty()) {
         return "";
     }
-    const PacketWords words({meaning});
-    return ChangeWords(words, meaning, meaning, {})
-        .textOf(decidedBy(rule, meaning.ownRules()), rule, kAfter);
+    return ChangeWords({meaning}, meaning.ownRules())
+        .worded(decidedBy(rule, meaning.ownRules()), rule, "decides")
+        .text;
 }
 
 }  // namespace tarnfw

@@ -13,11 +13,27 @@
 
 namespace TARNFW_EXPORT_ALL tarnfw {
 
+/// Packets with which something else happens, in words.
+struct ChangeText {
+    /// "opens tcp 445 on eth0, for 10.0.0.0/8 except 10.3.0.0/16 (rule 4 of eth0)". Not made
+    /// printable.
+    std::string text;
+    FW::FW_CHANGE change = FW::FW_CHANGE_OPENED;
+    bool logs = false;  ///< of FW_CHANGE_LOGGING: they are logged now
+    /// The packets that the text is about, all of which change so; none where the text says that it
+    /// is about a part of others.
+    std::vector<FW::FWPACKETSET> packets;
+};
+
 /// The difference of what two profiles mean.
 class MeaningDifference {
 public:
     /// How many changes the text of all of them names.
     static constexpr std::size_t kMostChanges = 4;
+
+    /// The most characters of a change's text, apart from its rules: a word of a profile, such as
+    /// the name of an adapter, may have more.
+    static constexpr std::size_t kLongestText = 500;
 
     /// Both have the same environment. `named` are rules of `after` that the texts need not name
     /// as those that decide, since whoever prints them does.
@@ -26,26 +42,36 @@ public:
 
     /// Whether both let the same packets through and log the same ones; false where that is too
     /// complex to find out.
-    bool same() const { return exact_.changes.empty() && exact_.findings.empty(); }
+    bool same() const { return exact_.changes.empty() && !tooComplex(); }
 
-    /// Whether there may be more changes than are named.
-    bool tooComplex() const { return !exact_.findings.empty(); }
+    /// Whether there may be more changes than are named: the rules are too complex to compare, or
+    /// one is not counted that is not the same on both sides.
+    bool tooComplex() const { return !exact_.findings.empty() || !notCounted_.empty(); }
 
     /// The packets, with the numbers of the rules that decide in Meaning::answers() of both sides.
     const FW::FWDIFFERENCE& exact() const { return exact_; }
 
-    /// One line for each change, for people: "opens tcp 445 on eth0, for 10.0.0.0/8 except
-    /// 10.3.0.0/16 (rule 4 of eth0)". Not made printable. Packets of the lines that are the same
-    /// for every profile, such as those of established connections, are left out of consideration.
-    const std::vector<std::string>& texts() const { return texts_; }
+    /// The changes in words. Packets of the lines that are the same for every profile, such as
+    /// those of established connections, are left out of consideration.
+    const std::vector<ChangeText>& changes() const { return changes_; }
 
-    /// The first `most` of texts() in one line, and the number of the others; "nothing else happens
-    /// to any packet" when there are none.
+    /// One line for each change, and then one for each rule that is not counted: "rule 1 of eth0 is
+    /// not counted: ...". Not made printable.
+    std::vector<std::string> texts() const;
+
+    /// The first `most` of changes() in one line, and the number of the others; "nothing else
+    /// happens to any packet" when there are none.
     std::string text(std::size_t most = kMostChanges) const;
+
+    /// The adapters, apart from "global", whose rules or default policies decide about packets with
+    /// which something else happens, before or after; sorted.
+    std::vector<std::string> adapters() const { return adapters_; }
 
 private:
     FW::FWDIFFERENCE exact_;
-    std::vector<std::string> texts_;
+    std::vector<ChangeText> changes_;
+    std::vector<std::string> notCounted_;
+    std::vector<std::string> adapters_;
 };
 
 /// The packets that a rule decides about, whatever would happen without it, as texts() has them:

@@ -327,7 +327,7 @@ answers 0 profile use open --reload
 says '^Profile "open" applied$'
 step 'now they are in the kernel' [ "$(listing v4 | grep -c -- '-j DROP')" = 0 ]
 answers 0 profile use default --reload
-says '^Closes everything on eth0, for everybody, except icmp, '
+says '^Closes everything on eth0, for everybody, that no rule before it decides '
 step 'what is closed comes before the change' [ "$(sed -n 2p "$out/answer")" = 'Profile "default" is now the active one' ]
 step 'the others again' same_listing default
 refused 5 '^tarnfw: there is no profile "nowhere" ' profile use nowhere

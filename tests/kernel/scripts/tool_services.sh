@@ -208,7 +208,7 @@ answers 0 service release ssh
 prints <<'END'
 Service ssh released (changed: away, home)
 Other rules name it: home; "tarnfw service release ssh --everywhere" removes it from them, too
-Once applied: opens service ssh on eth0, for everybody (rule 1 of eth0)
+Once applied: opens service ssh on eth0, for everybody (now rule 1 of eth0)
 The kernel still has the old rules; "tarnfw reload" applies the new ones
 END
 has_rules away eth0 </dev/null

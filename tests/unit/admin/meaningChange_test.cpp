@@ -1,11 +1,17 @@
-// What a change of a profile opens and closes, in words.
+// What a change of a profile opens and closes, in words: in cases, and on random profiles compared
+// with the exact sets.
 #include "tarnfwadmin/meaningChange.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <iostream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "random_profile.h"
 #include "tarnfwadmin/ruleSyntax.h"
 
 namespace tarnfw {
@@ -228,6 +234,239 @@ TEST(MeaningChangeTest, ManyChangesEndWithTheirNumber) {
         differenceOf(profileOf({{"eth0", kDeny, {}}}), profileOf({{"eth0", kDeny, rules}}));
     EXPECT_EQ(difference.texts().size(), 9U);
     EXPECT_EQ(difference.text(1), difference.texts()[0] + "; and 8 more changes");
+}
+
+TEST(MeaningChangeTest, ARuleThatIsNotCountedIsNoSilence) {
+    const std::string why =
+        "\"0.0.0.5/0.0.0.255\" is too complex: its mask makes more than 4096 intervals";
+    const std::string doubt = "; for packets that it matches, something else may happen";
+    const char* const rule = "deny tcp 22 from 0.0.0.5/0.0.0.255";
+    const FW::FWPROFILE without = profileOf({{"eth0", kDeny, {"allow tcp 22"}}});
+    const FW::FWPROFILE first = profileOf({{"eth0", kDeny, {rule, "allow tcp 22"}}});
+    const FW::FWPROFILE last = profileOf({{"eth0", kDeny, {"allow tcp 22", rule}}});
+
+    const MeaningDifference added = differenceOf(without, first);
+    EXPECT_FALSE(added.same());
+    EXPECT_TRUE(added.tooComplex());
+    EXPECT_EQ(added.texts(), Texts{"rule 1 of eth0 is not counted: " + why});
+    EXPECT_EQ(added.text(), "rule 1 of eth0 is not counted: " + why + doubt);
+    EXPECT_EQ(differenceOf(first, without).text(),
+              "the former rule 1 of eth0 is not counted: " + why + doubt);
+    EXPECT_FALSE(differenceOf(first, last).same()) << "its place may matter";
+
+    // With the same rules before it on both sides it does the same.
+    EXPECT_TRUE(differenceOf(first, first).same());
+    EXPECT_EQ(differenceOf(first, profileOf({{"eth0", kDeny, {rule, "allow tcp 22,80"}}})).text(),
+              "opens tcp 80 on eth0, for everybody (rule 2 of eth0)");
+    EXPECT_TRUE(differenceOf(first, profileOf({{"global", kNone, {"allow tcp 80"}},
+                                               {"eth0", kDeny, {rule, "allow tcp 22"}}}))
+                    .tooComplex());
+
+    const MeaningDifference instead = differenceOf(without, profileOf({{"eth0", kDeny, {rule}}}));
+    EXPECT_EQ(instead.text(),
+              "closes service ssh on eth0, for everybody (before: rule 1 of eth0); rule 1 of eth0 "
+              "is not counted: " +
+                  why + doubt);
+}
+
+/// Rules that cut a default policy into many pieces.
+List cutting(const char* adapter, FW::FW_POLICY policy) {
+    return {adapter,
+            policy,
+            {"allow tcp 22-25,80,443 from 10.0.0.0/8", "allow udp 53,67-68 from 192.168.0.0/16",
+             "allow service nfs from 172.16.0.0/12", "allow tcp 8080 from 10.1.0.0/16",
+             "allow icmp", "allow udp 1000-2000 from fc00::/7", "allow tcp 9000 to 10.9.9.9"}};
+}
+
+TEST(MeaningChangeTest, WhatAPolicyDecidesIsNotCutIntoPieces) {
+    EXPECT_EQ(
+        differenceOf(profileOf({cutting("eth0", kDeny)}), profileOf({cutting("eth0", kAllow)}))
+            .text(),
+        "opens everything on eth0, for everybody, that no rule before it decides (the default "
+        "policy of eth0)");
+    EXPECT_EQ(
+        differenceOf(profileOf({cutting("eth0", kDeny)}), profileOf({cutting("eth0", kNone)}))
+            .text(),
+        "opens everything on eth0, for everybody, that no rule before it decided (before: the "
+        "default policy of eth0)");
+    List logged = cutting("eth0", kDeny);
+    logged.rules.emplace_back("deny, logged");
+    EXPECT_EQ(differenceOf(profileOf({cutting("eth0", kDeny)}), profileOf({logged}), {{"eth0", 8}})
+                  .text(),
+              "logs everything on eth0, for everybody, that no rule before it decides (rule 8 of "
+              "eth0)");
+    // Some of that was closed before, which the words must not hide.
+    List before = cutting("eth0", kAllow);
+    before.rules.insert(before.rules.begin(), "deny tcp 7000-7100");
+    EXPECT_EQ(differenceOf(profileOf({before}), profileOf({cutting("eth0", kDeny)}))
+                  .text()
+                  .find("that no rule"),
+              std::string::npos);
+}
+
+TEST(MeaningChangeTest, TheSameOfSeveralAdaptersIsOneText) {
+    EXPECT_EQ(differenceOf(profileOf({cutting("eth0", kDeny), cutting("eth1", kDeny)}),
+                           profileOf({cutting("eth0", kAllow), cutting("eth1", kAllow)}))
+                  .texts(),
+              Texts{"opens everything on eth0 and eth1, for everybody, that no rule before them "
+                    "decides (the default policies of eth0 and eth1)"});
+    const char* const rule = "deny tcp 22 from 10.0.0.0/8";
+    EXPECT_EQ(
+        differenceOf(
+            profileOf({{"eth0", kDeny, {rule}}, {"eth1", kDeny, {rule}}}),
+            profileOf({{"eth0", kDeny, {rule, "allow tcp 22", "allow tcp 80 from 10.0.0.0/8"}},
+                       {"eth1", kDeny, {rule, "allow tcp 22", "allow tcp 80 from 10.0.0.0/8"}}}))
+            .texts(),
+        (Texts{"opens service ssh on eth0 and eth1, for everybody except 10.0.0.0/8 (rule 2 of "
+               "eth0 and rule 2 of eth1)",
+               "opens tcp 80 on eth0 and eth1, for 10.0.0.0/8 (rule 3 of eth0 and rule 3 of "
+               "eth1)"}));
+}
+
+TEST(MeaningChangeTest, AnExceptionHasNone) {
+    // Each may be read alone: udp 1-200 is not open outside of 10.0.0.0/8 only.
+    EXPECT_EQ(
+        differenceOf(
+            profileOf({{"eth0", kNone, {}}}),
+            profileOf({{"eth0",
+                        kDeny,
+                        {"allow tcp 22 from 10.0.0.0/8", "allow tcp 80,443", "allow udp 1-200"}}}))
+            .text(),
+        "closes everything on eth0, for everybody, except (tcp 80,443, udp 1-200 from "
+        "anywhere; service ssh from 10.0.0.0/8) (the default policy of eth0)");
+    EXPECT_EQ(
+        differenceOf(profileOf({{"eth0", kNone, {"deny, outgoing"}}}),
+                     profileOf({{"eth0", kNone, {"allow tcp 80, outgoing"}}, {"eth1", kDeny, {}}}))
+            .texts()
+            .front(),
+        "opens tcp 80 forwarded out through eth0, for everybody, and everything forwarded from "
+        "every adapter except eth1 out through eth0, for everybody (before: rule 1 of eth0)");
+    EXPECT_EQ(
+        differenceOf(profileOf({{"eth0", kDeny, {"allow tcp 445 from 169.254.0.0/16"}}}),
+                     profileOf({{"global", kNone, {"deny tcp 445"}},
+                                {"eth0", kDeny, {"allow tcp 445 from 169.254.0.0/16"}}}))
+            .text(),
+        "closes tcp 445 on eth0, for 169.254.0.0/16, and tcp 445 on every adapter except eth0, "
+        "for everybody (rule 1 of global)");
+}
+
+TEST(MeaningChangeTest, ExceptionsMayHavePacketsInCommon) {
+    EXPECT_EQ(
+        differenceOf(
+            profileOf({{"eth0", kDeny, {"allow tcp 22,80,445 from 192.168.0.0/16"}}}),
+            profileOf({{"eth0",
+                        kDeny,
+                        {"allow tcp 445 from 192.168.1.0/24", "allow tcp 22 from 192.168.1.20"}}}))
+            .text(),
+        "closes service ssh, tcp 80,445 on eth0, for 192.168.0.0/16, except (tcp 445 from "
+        "192.168.1.0/24; service ssh from 192.168.1.20) (before: rule 1 of eth0)");
+}
+
+TEST(MeaningChangeTest, ARuleThatMovedHasItsNewNumber) {
+    const FW::FWPROFILE before =
+        profileOf({{"eth0", kDeny, {"deny tcp 22 from 10.0.0.0/8", "allow tcp 22"}}});
+    const FW::FWPROFILE after = profileOf({{"eth0", kDeny, {"allow tcp 22"}}});
+    EXPECT_EQ(differenceOf(before, after).text(),
+              "opens service ssh on eth0, for 10.0.0.0/8 (now rule 1 of eth0)");
+    EXPECT_EQ(differenceOf(after, before).text(),
+              "closes service ssh on eth0, for 10.0.0.0/8 (rule 1 of eth0)");
+}
+
+TEST(MeaningChangeTest, NamesTheAdaptersThatDecide) {
+    EXPECT_EQ(differenceOf(profileOf({{"global", kNone, {"allow tcp 22"}}}),
+                           profileOf({{"eth0", kDeny, {}}, {"eth1", kNone, {"deny tcp 80"}}}))
+                  .adapters(),
+              (Texts{"eth0", "eth1"}));
+}
+
+// ---- Random profiles ----------------------------------------------------------------------------
+
+/// The packets of `some` that are not in `all`.
+bool includes(const std::vector<FW::FWPACKETSET>& all, const std::vector<FW::FWPACKETSET>& some) {
+    std::vector<FW::FWRESOLVEDRULE> rules;
+    for (const FW::FWPACKETSET& set : all) {
+        rules.push_back({set, FW::FW_PACKET_DROP, false, {}});
+    }
+    const FW::FW_MEANING dropping(rules);
+    for (const FW::FWPACKETSET& set : some) {
+        const FW::FWREACHABLE rest = dropping.reach(set);
+        for (const FW::FWREACH& reach : rest.reach) {
+            if (!reach.packets.empty()) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+/// Beside what differs, which the fixed lines do not leave to the profiles, all packets of a text
+/// must differ so.
+void requireTrue(const MeaningDifference& difference, const Meaning& before, const Meaning& after) {
+    const FW::FW_MEANING own(after.ownRules());
+    const FW::FWDIFFERENCE exact = own.differenceFrom(FW::FW_MEANING(before.ownRules()));
+    for (const ChangeText& text : difference.changes()) {
+        std::vector<FW::FWPACKETSET> differ;
+        for (const FW::FWCHANGE& change : exact.changes) {
+            if (change.change == text.change && (change.change != FW::FW_CHANGE_LOGGING ||
+                                                 own.rule(change.after).log == text.logs)) {
+                differ.insert(differ.end(), change.packets.begin(), change.packets.end());
+            }
+        }
+        EXPECT_TRUE(includes(differ, text.packets)) << text.text;
+        EXPECT_FALSE(text.packets.empty() && text.text.find("part of ") == std::string::npos)
+            << text.text;
+    }
+}
+
+TEST(MeaningChangeTest, TextsOfRandomChangesAreShortAndTrue) {
+    const std::vector<std::string> adapters = {"global", "eth0", "eth1", "vpn", "pppoe"};
+    const int count = countOf(150, 1500);
+    std::int64_t texts = 0;
+    std::size_t longest = 0;
+    for (int seed = 0; seed < count; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        Random random(static_cast<unsigned>(seed));
+        const TestCountries countries(static_cast<unsigned>(seed));
+        const int rules = seed % 3 == 0 ? 12 : 4;
+        const FW::FWPROFILE one = makeProfile(random, rules, adapters);
+        FW::FWPROFILE other = one;
+        if (seed % 2 == 0) {
+            other = makeProfile(random, rules, adapters);
+        } else {
+            // One edit: a policy, or a rule that is not there.
+            const std::string& adapter = oneOf(random, adapters);
+            std::vector<FW::FWRULE>& list = other.rules[adapter];
+            if (list.empty() || pick(random, 2) == 0) {
+                other.adapterPolicyMap[adapter == "global" ? "eth0" : adapter] =
+                    static_cast<FW::FW_POLICY>(pick(random, 3));
+            } else {
+                list.erase(list.begin() + pick(random, static_cast<int>(list.size())));
+            }
+        }
+        FW::FWENVIRONMENT environment = environmentHere();
+        environment.adapters = FW::fwAdaptersNow({"eth0", "eth1", "tun5", "ppp3"}, "ppp3");
+        environment.countries = [&countries](const std::string& country, FW::FW_FAMILY family) {
+            return countries.find(country, family);
+        };
+        const Meaning before(one, environment);
+        const Meaning after(other, environment);
+        const MeaningDifference difference(before, after);
+        EXPECT_EQ(difference.text().empty(), false);
+        EXPECT_EQ(difference.same(), difference.texts().empty());
+        for (const ChangeText& text : difference.changes()) {
+            ++texts;
+            const std::size_t bracket = text.text.rfind(" (");
+            const std::size_t length = bracket == std::string::npos ? text.text.size() : bracket;
+            longest = std::max(longest, length);
+            EXPECT_LE(length, MeaningDifference::kLongestText) << text.text;
+            if (std::getenv("TARN_SHOW") != nullptr) {
+                std::cout << seed << ": " << text.text << '\n';
+            }
+        }
+        requireTrue(difference, before, after);
+    }
+    tellCompared(count, texts, "texts, the longest of " + std::to_string(longest));
+    EXPECT_GT(texts, count);
 }
 
 }  // namespace
