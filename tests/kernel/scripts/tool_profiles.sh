@@ -261,8 +261,32 @@ step 'the active one is on the other side' grep --quiet '^From profile "default"
 answers 0 profile diff default
 refused 5 '^tarnfw: there is no profile "nowhere" ' profile diff nowhere
 refused 3 '^tarnfw: /tmp/broken.json is invalid: it was not compared$' profile diff /tmp/broken.json
-answers 0 profile delete near
-answers 0 profile delete wide
+# A file is compared as the store would have it: adapters with rules get the default policy "allow".
+answers 0 profile create stored --empty
+answers 0 rule add --profile stored --adapter eth1 allow tcp 22
+answers 0 rule add --profile stored --adapter eth2 --out deny udp 53
+jq 'del(.adapterPolicyMap.eth1, .adapterPolicyMap.eth2)' "$(file_of stored)" >/tmp/stored.json
+answers 0 profile diff stored /tmp/stored.json
+# A rule that is too complex is no silence.
+answers 0 profile copy near complex
+answers 0 rule add --profile complex --adapter eth0 --first deny tcp 22 from 0.0.0.5/0.0.0.255
+answers 10 profile diff near complex
+prints <<'END'
+From profile "near" to profile "complex"
+rule 1 of eth0 is not counted: "0.0.0.5/0.0.0.255" is too complex: its mask makes more than 4096 intervals
+Too complex to compare whole: there may be more changes
+END
+answers 10 profile diff near complex --json
+step 'it is too complex' [ "$(jq -c '[.same, .tooComplex]' "$out/answer")" = '[false,true]' ]
+# No interface is made up.
+answers 0 rule add --profile complex --adapter pppoe deny tcp 80
+answers 0 rule add --profile complex --adapter vpn deny tcp 80
+answers 10 profile diff near complex --all
+step 'pppoe is named' grep --quiet ' to 192.0.2.2 port 80 on pppoe$' "$out/answer"
+step 'vpn is named' grep --quiet ' to 192.0.2.2 port 80 on vpn$' "$out/answer"
+for name in near wide stored complex; do
+    answers 0 profile delete "$name"
+done
 
 # --- copy, rename ----------------------------------------------------------------------------------
 

@@ -1,5 +1,9 @@
 #include "commands/profileArgument.h"
 
+#include <json/json.h>
+
+#include "tarnfirewall/fwDB.h"
+
 #include "cli/command.h"
 #include "cli/output.h"
 #include "tarnfwadmin/documentFile.h"
@@ -7,6 +11,21 @@
 
 namespace tarnfw {
 namespace {
+
+/// What the store makes of a profile: it gives each adapter with rules a default policy, and each
+/// rule both chains.
+FW::FWPROFILE asStored(const FW::FWPROFILE& profile) {
+    FW::TARNFW_JSON_DB converter;
+    Json::Value document;
+    converter.profileToJson(profile, document);
+    FW::FWPROFILE stored;
+    converter.jsonToProfile(document, stored);
+    for (const auto& [adapter, rules] : stored.rules) {
+        stored.adapterPolicyMap.emplace(adapter, FW::FW_POLICY_ALLOW);
+    }
+    stored.adapterPolicyMap[FW::FW_ADAPTER_GLOBAL] = FW::FW_POLICY_NONE;
+    return stored;
+}
 
 /// The profile of a file's text, which has to be valid.
 FW::FWPROFILE profileIn(const std::string& text, DocumentName documentName,
@@ -20,7 +39,7 @@ FW::FWPROFILE profileIn(const std::string& text, DocumentName documentName,
         throw Error(ErrorKind::kInvalid, title + " is invalid: " + consequence,
                     placeOfFirstError(title, document.findings()));
     }
-    return document.profile();
+    return asStored(document.profile());
 }
 
 }  // namespace

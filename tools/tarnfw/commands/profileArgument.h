@@ -14,7 +14,7 @@ struct NamedProfile {
     std::string name;       ///< of a file its path, "-" for standard input
     std::string title;      ///< "profile "home"", "./home.json", "standard input"; printable
     bool isStored = false;  ///< else it is a file
-    FW::FWPROFILE profile;
+    FW::FWPROFILE profile;  ///< of a file what the store would make of it
 };
 
 /// Whether a document in a file has to have a name.

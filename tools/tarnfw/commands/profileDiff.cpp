@@ -130,8 +130,20 @@ private:
         }
     }
 
-    /// "protocol 6 from 10.0.0.0 port 0 to 0.0.0.0 port 445 on eth0".
-    static std::string exampleText(const FW::FWPACKET& packet) {
+    /// The interface of an example; the adapter of one that is made up for those that it may have.
+    std::string interfaceText(const std::optional<std::string>& interface) const {
+        const std::string name = interface.value_or("");
+        if (name == "ppp" || name == "tun") {
+            return FW::FW_ADAPTER_VPN;
+        }
+        const auto pppoe = environment_.adapters.find(FW::FW_ADAPTER_PPPOE);
+        const bool isPppoe = pppoe != environment_.adapters.end() &&
+                             pppoe->second.names == std::vector<std::string>{name};
+        return isPppoe ? FW::FW_ADAPTER_PPPOE : name;
+    }
+
+    /// "tcp from 10.0.0.0 port 50000 to 192.0.2.2 port 445 on eth0".
+    std::string exampleText(const FW::FWPACKET& packet) const {
         const FW::FW_FAMILY family = packet.family.value_or(FW::FW_FAMILY_V4);
         const auto end = [family](const char* word, const std::optional<FW::FWADDRESS>& address,
                                   const std::optional<std::uint16_t>& port) {
@@ -146,9 +158,9 @@ private:
                            (packet.icmpType ? " type " + std::to_string(*packet.icmpType) : "") +
                            end(" from ", packet.source, packet.sourcePort) +
                            end(" to ", packet.destination, packet.destinationPort) + " on " +
-                           packet.in.value_or("");
+                           interfaceText(packet.in);
         if (packet.chain == FW::FW_CHAIN_FORWARD) {
-            text += ", forwarded out through " + packet.out.value_or("");
+            text += ", forwarded out through " + interfaceText(packet.out);
         }
         return text;
     }
