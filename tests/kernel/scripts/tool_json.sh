@@ -54,7 +54,10 @@ step 'the same again' [ "$(jq -c '[.changed, .rules[0].position]' "$out/answer")
 answers 0 policy eth0 deny --json
 prints_json <<'END'
 {"changed": true, "applied": false, "profile": "home", "adapter": "eth0", "policy": "deny",
- "rules": [], "messages": ["Default policy of eth0: deny"], "warnings": []}
+ "rules": [],
+ "messages": ["Default policy of eth0: deny",
+  "Once the firewall is enabled: closes everything except tcp 22 on eth0, for everybody (the default policy of eth0)"],
+ "warnings": []}
 END
 answers 0 policy eth0 deny --json
 step 'the same again changes nothing' [ "$(jq '.changed' "$out/answer")" = false ]

@@ -115,7 +115,10 @@ for shown in /tmp/shown.json /tmp/codes.json /tmp/texts.json; do
     answers 0 profile delete again
     answers 0 profile create again --empty
     answers 0 profile set again --from "$shown"
-    prints <<<'Profile "again" stored'
+    prints <<'END'
+Profile "again" stored
+Once profile "again" is in use: closes everything on eth0, for everybody except 10.0.0.0/8, 169.254.0.0/16, 172.16.0.0/12, 192.168.0.0/16, fc00::/7 and fe80::/10 (the default policy of eth0)
+END
     answers 0 profile set again --from "$shown"
     prints <<<'Profile "again" is unchanged: it has this content already'
     step 'set' diff -u <(sed 's/"two words"/"again"/' /tmp/wanted.json) "$(file_of again)"
@@ -330,11 +333,15 @@ step 'both are gone' [ "$(tarnfw profile list | tr '\n' ,)" = '* default,  two w
 
 answers 0 profile create open --empty
 answers 0 profile use open
-prints <<<'Profile "open" is now the active one'
+prints <<'END'
+Profile "open" is now the active one
+Once the firewall is enabled: opens everything on eth0, for everybody, that no rule before it decided (before: the default policy of eth0)
+END
 step 'the settings say so' [ "$(setting profile)" = open ]
 answers 0 profile use default --reload
 prints <<'END'
 Profile "default" is now the active one
+Once the firewall is enabled: closes everything on eth0, for everybody, that no rule before it decides (the default policy of eth0)
 Firewall disabled: nothing to reload
 END
 step 'the filter is untouched' same_listing base

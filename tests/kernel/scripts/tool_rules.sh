@@ -99,7 +99,10 @@ prints_json <<'END'
 END
 
 answers 0 policy eth0 deny
-prints <<<'Default policy of eth0: deny'
+prints <<'END'
+Default policy of eth0: deny
+Once the firewall is enabled: closes everything on eth0, for everybody, that no rule before it decides (the default policy of eth0)
+END
 answers 0 policy eth1 none
 prints <<<'Default policy of eth1: none'
 answers 0 profile show
@@ -212,6 +215,7 @@ Deleted rule 1 of eth0: allow tcp 22,80,6000-6010 from 192.168.1.0/24, logged (I
 Deleted rule 2 of eth0: deny everything from country CN,RU  "abroad"
 Deleted rule 3 of eth0: allow service smb from 10.0.0.5-10.0.0.9 (IPv4)
 Deleted rule 4 of eth0: [off] deny udp source port 123 from anywhere, outgoing (IPv6)
+Once the firewall is enabled: closes tcp 22,80,6000-6010 on eth0, for 192.168.1.0/24 (before: rule 1 of eth0); closes service smb on eth0, for 10.0.0.8/31 (before: rule 3 of eth0)
 END
 step 'no rule is left' [ "$(rules_of eth0)" = null ]
 step 'the default policy is' grep --quiet '^  default policy: deny$' <(tarnfw profile show)
@@ -243,11 +247,13 @@ rule off 3 1
 prints <<'END'
 Rule 1 of eth0: [off] allow tcp 4 from anywhere  "four"
 Rule 3 of eth0: [off] allow tcp 3 from anywhere  "three"
+Once the firewall is enabled: closes tcp 3-4 on eth0, for everybody (before: rules 1 and 3 of eth0)
 END
 rule on 1 2
 prints <<'END'
 Rule 1 of eth0: allow tcp 4 from anywhere  "four"
 Rule 2 of eth0: deny udp 2 from anywhere  "other"
+Once the firewall is enabled: opens tcp 4 on eth0, for everybody (rule 1 of eth0)
 END
 rule delete 2 4
 step 'two are left' [ "$(names_of eth0)" = 'four three' ]
@@ -263,6 +269,7 @@ prints <<'END'
 Deleted rule 3 of eth0: allow tcp 7 from 10.0.0.0/8 (IPv4)  "both"
 Deleted rule 4 of eth0: allow tcp 8 from 10.0.0.0/8 (IPv4)  "both"
 Deleted rule 5 of eth0: allow tcp 9 from 10.0.0.0/8 (IPv4)  "both"
+Once the firewall is enabled: closes tcp 7-9 on eth0, for 10.0.0.0/8 (before: rules 3, 4 and 5 of eth0)
 END
 rule insert 3 deny both 53 --v6 --log
 rule insert 3 deny both 53
@@ -271,6 +278,7 @@ rule delete deny tcp,udp 53 --v6 --log
 prints <<'END'
 Deleted rule 3 of eth0: deny tcp/udp 53 from anywhere, logged (IPv6)  "again"
 Deleted rule 5 of eth0: deny tcp/udp 53 from anywhere, logged (IPv6)
+Once the firewall is enabled: no longer logs tcp/udp 53 on eth0, for everybody (IPv6) (now rule 3 of eth0)
 END
 # As it was printed.
 rule delete 'deny tcp/udp 53 from anywhere'
@@ -665,7 +673,10 @@ answers 0 policy eth0 deny --profile logged
 answers 0 policy eth1 deny --profile logged
 answers 0 rule add --adapter eth0 --profile logged allow tcp 22
 answers 0 log-denied on --profile logged
-prints <<<'Denied packets are logged: eth0, eth1'
+prints <<'END'
+Denied packets are logged: eth0, eth1
+Once profile "logged" is in use: logs everything except tcp 22 on eth0, for everybody (rule 2 of eth0); logs everything on eth1, for everybody (rule 1 of eth1)
+END
 answers 0 log-denied on --profile logged
 prints <<<'Denied packets are logged already: eth0, eth1'
 answers 0 rule add --adapter eth0 --profile logged allow tcp 80
@@ -697,6 +708,7 @@ answers 0 policy eth1 allow --profile logged
 prints <<'END'
 Default policy of eth1: allow
 Deleted rule 2 of eth1, which logged what the default policy denied: deny everything from anywhere, logged  "log denied"
+Once profile "logged" is in use: opens everything on eth1, for everybody, except tcp 23 from 10.0.0.0/8 (before: rule 2 of eth1)
 END
 answers 0 policy eth1 deny --profile logged
 answers 0 log-denied on --adapter eth1 --profile logged
@@ -704,7 +716,10 @@ answers 0 policy eth1 none --profile logged --json
 step 'the document lists it' [ "$(jq --compact-output .rules "$out/answer")" = \
     '[{"adapter":"eth1","position":2,"text":"deny everything from anywhere, logged  \"log denied\""}]' ]
 answers 0 rule delete 1 --adapter eth1 --profile logged
-prints <<<'Deleted rule 1 of eth1: deny tcp 23 from 10.0.0.0/8, logged (IPv4)  "log denied"'
+prints <<'END'
+Deleted rule 1 of eth1: deny tcp 23 from 10.0.0.0/8, logged (IPv4)  "log denied"
+Once profile "logged" is in use: opens tcp 23 on eth1, for 10.0.0.0/8 (before: rule 1 of eth1)
+END
 answers 0 policy eth1 allow --profile logged
 answers 0 log-denied --profile logged
 says '^eth0  *logged$'
@@ -714,15 +729,24 @@ refused 5 '^tarnfw: there is no adapter "eht0"; did you mean "eth0"?' \
     log-denied off --adapter eht0 --profile logged
 answers 0 policy eth1 deny --profile logged
 answers 0 log-denied on --adapter eth1 --profile logged
-prints <<<'Denied packets are logged: eth1'
+prints <<'END'
+Denied packets are logged: eth1
+Once profile "logged" is in use: logs everything on eth1, for everybody (rule 1 of eth1)
+END
 answers 0 log-denied off --adapter eth1 --profile logged
-prints <<<'Denied packets are no longer logged: eth1'
+prints <<'END'
+Denied packets are no longer logged: eth1
+Once profile "logged" is in use: no longer logs everything on eth1, for everybody (before: rule 1 of eth1)
+END
 answers 0 log-denied off --adapter eth1 --profile logged
 prints <<<'No denied packets are logged: eth1'
 answers 0 policy eth1 allow --profile logged
 step 'an adapter that no longer denies has none' [ -z "$(tarnfw profile show logged | grep -A9 '^eth1' | grep 'log denied')" ]
 answers 0 log-denied off --profile logged
-prints <<<'Denied packets are no longer logged: eth0'
+prints <<'END'
+Denied packets are no longer logged: eth0
+Once profile "logged" is in use: no longer logs everything except tcp 22,80-81 on eth0, for everybody (before: rule 4 of eth0)
+END
 answers 0 log-denied off --profile logged
 prints <<<'No denied packets are logged'
 

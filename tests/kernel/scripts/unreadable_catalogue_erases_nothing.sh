@@ -49,3 +49,9 @@ answers 0 service update
 step 'with the whole catalogue an update succeeds' same_files whole
 step "and so does a service's" rules_probe hup
 step 'the rules are the same' same_listing whole
+
+answers 0 profile copy home other
+rm -- "$ssh_file"
+cp -- /etc/hostname "$ssh_file"
+answers 0 policy eth1 deny --profile other
+says '^Once profile "other" is in use: what this opens and closes could not be found out: the service catalogue cannot be read: '

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <exception>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <string>
@@ -28,6 +29,7 @@
 #include "tarnfwadmin/profileCheck.h"
 #include "tarnfwadmin/ruleChange.h"
 #include "tarnfwadmin/savedRules.h"
+#include "tarnfwadmin/text.h"
 
 namespace tarnfw {
 namespace {
@@ -115,6 +117,16 @@ bool Context::hasOtherRules() {
                           : now.has_value() != before_.has_value();
 }
 
+void Context::rememberProfile(const std::string& name) {
+    if (name != store().activeProfile() && store().hasProfile(name)) {
+        remembered_ = store().profile(name);
+    }
+}
+
+std::optional<FW::FWPROFILE> Context::profileBefore(const std::string& name) const {
+    return remembered_ && remembered_->name == name ? remembered_ : before_;
+}
+
 bool Context::applies(const ReloadOptions& options) {
     if (!atOnce_) {
         atOnce_ = store().appliesChanges() && store().firewallEnabled();
@@ -163,18 +175,39 @@ void sayWrapped(const std::string& line) {
     std::cout << std::flush;
 }
 
+namespace {
+
+/// "eth7 and vpn have no interface now"; empty when all have one.
+std::string absentText(const std::vector<std::string>& adapters, Machine& machine) {
+    std::vector<std::string> absent;
+    std::copy_if(adapters.begin(), adapters.end(), std::back_inserter(absent),
+                 [&](const std::string& adapter) {
+                     return !isNeverApplied(adapter) && !machine.hasAdapter(adapter);
+                 });
+    return absent.empty()
+               ? ""
+               : enumerated(absent) + (absent.size() == 1 ? " has" : " have") + " no interface now";
+}
+
+}  // namespace
+
+std::string unknownChangeText(const Error& failure) {
+    return std::string("what this opens and closes could not be found out: ") + failure.what();
+}
+
 std::string changeText(const FW::FWPROFILE& before, const FW::FWPROFILE& after, Machine& machine) {
     try {
         const FW::FWENVIRONMENT environment = environmentOf({before, after}, machine);
         const MeaningDifference difference(Meaning(before, environment),
                                            Meaning(after, environment));
-        if (!difference.same()) {
-            return difference.text();
+        if (difference.same()) {
+            return "";
         }
-    } catch (const Error&) {
-        // The change does not depend on what is said about it.
+        const std::string absent = absentText(difference.adapters(), machine);
+        return difference.text() + (absent.empty() ? "" : "; " + absent);
+    } catch (const Error& failure) {
+        return unknownChangeText(failure);
     }
-    return "";
 }
 
 std::string whenText(Context& context, const std::string& profile, const ReloadOptions& options,
@@ -207,6 +240,9 @@ void warnAboutErrors(const FW::FWPROFILE& profile, Machine& machine) {
 }
 
 void requireReloadable(Context& context, const ReloadOptions& options, const std::string& profile) {
+    if (!options.quiet) {
+        context.rememberProfile(profile);
+    }
     const bool concerned =
         options.wanted || profile.empty() || profile == context.store().activeProfile();
     if (concerned && context.applies(options) && context.store().firewallEnabled()) {
@@ -480,15 +516,17 @@ FW::FWPROFILE onlyRules(FW::FWPROFILE profile, const std::string& adapter,
 
 namespace {
 
-/// What the change of the active profile opens and closes; empty while the firewall is disabled.
-std::string effectOnActive(Context& context, const ReloadOptions& options) {
+/// What the change of a profile opens and closes, or that another one is in use now.
+std::string effectOn(Context& context, const std::string& profile, const ReloadOptions& options) {
     const StoreSnapshot& store = context.store();
-    if (options.quiet || !store.firewallEnabled() || !context.activeBefore() ||
-        !context.hasOtherRules()) {
+    const bool active = profile == store.activeProfile();
+    const std::optional<FW::FWPROFILE> before =
+        options.quiet ? std::nullopt : context.profileBefore(profile);
+    if (!before || (!active && before->name != profile)) {
         return "";
     }
-    return whenText(context, store.activeProfile(), options,
-                    changeText(*context.activeBefore(), store.profile(""), context.machine()));
+    return whenText(context, profile, options,
+                    changeText(*before, store.profile(profile), context.machine()));
 }
 
 void sayUnlessEmpty(const std::string& line) {
@@ -519,12 +557,8 @@ void finishChange(Context& context, const std::string& profile, const ReloadOpti
                   const std::optional<std::string>& effect) {
     const bool active = profile == context.store().activeProfile();
     options.report->setProfile(profile);
-    const std::function<void()> sayAll =
-        sayBeforeApplying(context, options, active,
-                          effect   ? *effect
-                          : active ? effectOnActive(context, options)
-                                   : std::string(),
-                          say);
+    const std::function<void()> sayAll = sayBeforeApplying(
+        context, options, active, effect ? *effect : effectOn(context, profile, options), say);
     const auto warnIfRefused = [&] {
         if (changed) {
             (void)(makesLines(*changed) && warnAboutRefusal(*changed));
@@ -555,7 +589,8 @@ void finishChange(Context& context, const std::vector<std::string>& profiles,
     const bool active = std::find(profiles.begin(), profiles.end(),
                                   context.store().activeProfile()) != profiles.end();
     const std::function<void()> sayAll = sayBeforeApplying(
-        context, options, active, active ? effectOnActive(context, options) : std::string(), say);
+        context, options, active,
+        active ? effectOn(context, context.store().activeProfile(), options) : std::string(), say);
     if (!options.wanted && !(active && context.applies(options))) {
         context.session().keepChange();
         options.report->setChanged(context.session().hasChanged());

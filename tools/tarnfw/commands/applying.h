@@ -59,6 +59,13 @@ public:
     /// The active profile as it was when this was made; nothing if it could not be read.
     const std::optional<FW::FWPROFILE>& activeBefore() const { return before_; }
 
+    /// A profile as it is before this command changes it, for profileBefore().
+    void rememberProfile(const std::string& name);
+
+    /// The active profile as it was when this was made, or another one that was remembered; nothing
+    /// if it could not be read.
+    std::optional<FW::FWPROFILE> profileBefore(const std::string& name) const;
+
     /// Whether a change of the active profile is to be applied: with "--reload"; without it, and
     /// without "--later", if the firewall is enabled and the settings have changes applied at once,
     /// as they were at the first call.
@@ -70,8 +77,9 @@ private:
     StoreSession session_;
     std::unique_ptr<Machine> machine_;
     Control control_;
-    std::optional<FW::FWPROFILE> before_;  // the active profile
-    std::optional<bool> atOnce_;           // whether changes are applied without "--reload"
+    std::optional<FW::FWPROFILE> before_;      // the active profile
+    std::optional<FW::FWPROFILE> remembered_;  // another one
+    std::optional<bool> atOnce_;               // whether changes are applied without "--reload"
 };
 
 /// Adds "--reload", "--later" and "--yes" to a command that changes profiles. `yesHelp` is for one
@@ -90,7 +98,7 @@ void warnAboutErrors(const FW::FWPROFILE& profile, Machine& machine);
 /// For a command that will apply its change, before it changes anything: throws what reloadActive()
 /// would. What it then changes is undone unless finishChange() succeeds. `profile` is the only one
 /// that it changes, if there is only one; empty for the active one. A change of another one is
-/// applied with "--reload" alone.
+/// applied with "--reload" alone; what it was is remembered, for the words about the change.
 void requireReloadable(Context& context, const ReloadOptions& options,
                        const std::string& profile = "");
 
@@ -123,8 +131,13 @@ std::string capitalised(std::string text);
 /// Prints a line to standard output, broken between words where the terminal is narrower.
 void sayWrapped(const std::string& line);
 
+/// "what this opens and closes could not be found out: ...": a change does not depend on what is
+/// said about it, but silence would mean that it opens and closes nothing.
+std::string unknownChangeText(const Error& failure);
+
 /// What happens with `after` in force and not with `before`: "opens tcp 445 on eth0, for everybody
-/// (rule 4 of eth0)". Empty where nothing else happens to any packet, or it cannot be found out.
+/// (rule 4 of eth0)", and which of the adapters concerned have no interface now. Empty where
+/// nothing else happens to any packet; unknownChangeText() where that cannot be found out.
 std::string changeText(const FW::FWPROFILE& before, const FW::FWPROFILE& after, Machine& machine);
 
 /// Such a text with when it is true of a change of a profile: "Opens ..." for one that is about to
@@ -164,8 +177,8 @@ void forgetTrial(Context& context);
 /// see Context::applies(), or says that the kernel still has the old rules. Throws Error, with the
 /// store as it was before and the old rules in force, when it cannot be applied. `say` prints what
 /// was changed, once it is. What the change opens and closes is said as well: before it is applied,
-/// or after `say`. That is `effect`, if it is given; otherwise it is found out for a change of the
-/// active profile, if the firewall is enabled. A profile that is not applied is tried in a scratch
+/// or after `say`. That is `effect`, if it is given; otherwise it is found out from
+/// Context::profileBefore(). A profile that is not applied is tried in a scratch
 /// kernel, with a warning when a reload would be refused; of a large one only what is new, if that
 /// is given as `changed`.
 void finishChange(Context& context, const std::string& profile, const ReloadOptions& options,

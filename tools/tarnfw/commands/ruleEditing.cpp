@@ -547,8 +547,8 @@ std::string effectOf(Context& context, const FW::FWPROFILE& before, const FW::FW
         }
         return difference.same() ? ""
                                  : whenText(context, stored.name, target.reload, difference.text());
-    } catch (const Error&) {
-        return "";  // the change does not depend on what is said about it
+    } catch (const Error& failure) {
+        return whenText(context, stored.name, target.reload, unknownChangeText(failure));
     }
 }
 
