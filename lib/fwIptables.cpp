@@ -17,7 +17,6 @@
 #include "fwInterfaces.h"
 #include "fwLog.h"
 #include "fwRuleTranslation.h"
-#include "fwText.h"
 
 namespace FW {
 namespace {
@@ -88,26 +87,9 @@ bool isUsableLocalIp(const std::string& localIp) {
     return localIp.empty() || isIpv4(localIp) || isIpv6(localIp);
 }
 
-/// Whether a rule matches an IPv4 address, network or range, whatever its family.
-bool hasIpv4Address(const FWRULE& rule) {
-    const bool hasAddress = rule.ipGroup == FW_IP_GROUP_SINGLE ||
-                            rule.ipGroup == FW_IP_GROUP_NETWORK ||
-                            rule.ipGroup == FW_IP_GROUP_RANGE;
-    return hasAddress && !rule.ipList.empty() && beginsWithIpv4(rule.ipList[0]);
-}
-
-bool holdsNul(const std::string& text) {
-    return text.find('\0') != std::string::npos;
-}
-
-/// Whether lines can be made of a rule's texts; if not, it is logged. A program would see each of
-/// them only up to a NUL, and the line would mean something else.
+/// Whether lines can be made of a rule's texts; if not, it is logged.
 bool isTranslatable(const FWRULE& rule, const std::string& adapter) {
-    const auto anyHoldsNul = [](const auto& texts) {
-        return std::any_of(texts.begin(), texts.end(), holdsNul);
-    };
-    if (!holdsNul(adapter) && !holdsNul(rule.table) && !anyHoldsNul(rule.chainList) &&
-        !anyHoldsNul(rule.ipList) && !anyHoldsNul(rule.portList)) {
+    if (adapter.find('\0') == std::string::npos && !holdsNul(rule)) {
         return true;
     }
     FW_LOG_ERR("A rule of adapter %s holds a NUL character and is left out", adapter.c_str());
@@ -139,16 +121,6 @@ void appendFixedLines(bool acceptEstablished, const std::string& localIp, Json::
             v6.append(establishedLine(start, exceptedV6));
         }
     }
-}
-
-/// The last rule of an adapter's list: it matches everything that no user's rule matched.
-FWRULE defaultRule(FW_POLICY policy) {
-    FWRULE rule;
-    rule.policy = policy;
-    rule.ipType = FW_IP_TYPE_BOTH;
-    rule.ipGroup = FW_IP_GROUP_ANY;
-    rule.portGroup = FW_PORT_GROUP_ANY;
-    return rule;
 }
 
 /// The rules of one adapter, and the last rule if the adapter has a default policy.

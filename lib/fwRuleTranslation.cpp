@@ -19,6 +19,7 @@
 
 #include "fwLog.h"
 #include "fwRawProtocols.h"
+#include "fwText.h"
 
 namespace FW {
 namespace {
@@ -205,6 +206,34 @@ void appendRawProtocols(const std::string& service, Texts& fragments) {
 }
 
 }  // namespace
+
+FWRULE defaultRule(FW_POLICY policy) {
+    FWRULE rule;
+    rule.policy = policy;
+    rule.ipType = FW_IP_TYPE_BOTH;
+    rule.ipGroup = FW_IP_GROUP_ANY;
+    rule.portGroup = FW_PORT_GROUP_ANY;
+    return rule;
+}
+
+bool hasAddressText(const FWRULE& rule) {
+    return rule.ipGroup == FW_IP_GROUP_SINGLE || rule.ipGroup == FW_IP_GROUP_NETWORK ||
+           rule.ipGroup == FW_IP_GROUP_RANGE;
+}
+
+bool hasIpv4Address(const FWRULE& rule) {
+    return hasAddressText(rule) && !rule.ipList.empty() && beginsWithIpv4(rule.ipList[0]);
+}
+
+bool holdsNul(const FWRULE& rule) {
+    const auto anyHolds = [](const auto& texts) {
+        return std::any_of(texts.begin(), texts.end(), [](const std::string& text) {
+            return text.find('\0') != std::string::npos;
+        });
+    };
+    return anyHolds(Texts{rule.table}) || anyHolds(rule.chainList) || anyHolds(rule.ipList) ||
+           anyHolds(rule.portList);
+}
 
 bool RuleTranslation::interfaces(std::vector<std::string>& names) {
     if (!translator_.enabledAdapterEnum()) {

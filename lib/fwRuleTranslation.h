@@ -21,6 +21,20 @@ enum class LinesFor {
     kBatch,    ///< all at once, see TARNFW_IPTABLES_RULES::fwRulesToBatchRules()
 };
 
+/// The last rule of an adapter's list, for its default policy: it matches everything that no user's
+/// rule matched.
+FWRULE defaultRule(FW_POLICY policy);
+
+/// Whether a rule matches an address, network or range.
+bool hasAddressText(const FWRULE& rule);
+
+/// Whether a rule matches an address, network or range of IPv4, whatever its family.
+bool hasIpv4Address(const FWRULE& rule);
+
+/// Whether one of a rule's texts holds a NUL character. A program would see that text only up to
+/// there, and the line would mean something else.
+bool holdsNul(const FWRULE& rule);
+
 /// Every operation appends. It gets facts about the machine from the translator.
 /// Use one object for one translation: it keeps the results for the countries and services that a
 /// rule names, for later rules that name the same.

@@ -11,7 +11,7 @@
 #include "tarnfirewall/fwMeaning.h"
 
 #include "../fwInterfaces.h"
-#include "../fwText.h"
+#include "../fwRuleTranslation.h"
 #include "addressText.h"
 #include "ruleMatches.h"
 
@@ -45,23 +45,6 @@ std::shared_ptr<const FWINTERFACES> interfacesOf(const FWINTERFACES& interfaces)
 
 // ---- Rules ----
 
-bool holdsNul(const Texts& texts) {
-    return std::any_of(texts.begin(), texts.end(), [](const std::string& text) {
-        return text.find('\0') != std::string::npos;
-    });
-}
-
-/// Whether the translation leaves a rule out because of a NUL character in one of its texts.
-bool holdsNul(const FWRULE& rule) {
-    return holdsNul(rule.ipList) || holdsNul(rule.portList) || holdsNul({rule.table}) ||
-           holdsNul(Texts(rule.chainList.begin(), rule.chainList.end()));
-}
-
-/// Whether it is one of IPv4, whatever the rule's family.
-bool hasIpv4Address(const FWRULE& rule) {
-    return hasAddressText(rule) && !rule.ipList.empty() && beginsWithIpv4(rule.ipList[0]);
-}
-
 /// Whether a name is that of one of the firewall's chains.
 bool isFirewallChain(const std::string& chain) {
     return std::find(FW_FIREWALL_CHAINS.begin(), FW_FIREWALL_CHAINS.end(), chain) !=
@@ -77,16 +60,6 @@ std::uint8_t chainsOf(const FWRULE& rule) {
         }
     }
     return chains;
-}
-
-/// A default policy as a rule.
-FWRULE defaultRule(FW_POLICY policy) {
-    FWRULE rule;
-    rule.policy = policy;
-    rule.ipType = FW_IP_TYPE_BOTH;
-    rule.ipGroup = FW_IP_GROUP_ANY;
-    rule.portGroup = FW_PORT_GROUP_ANY;
-    return rule;
 }
 
 /// Resolves one profile.

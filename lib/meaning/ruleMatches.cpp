@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "../fwRawProtocols.h"
+#include "../fwRuleTranslation.h"
 #include "addressText.h"
 
 namespace FW {

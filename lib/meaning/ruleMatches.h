@@ -61,12 +61,6 @@ using ProtocolMatches = Matches<ProtocolMatch>;
 /// The addresses of a set of numbers.
 std::shared_ptr<const FWADDRESSES> listOf(const Intervals& intervals);
 
-/// Whether a rule matches an address, network or range.
-inline bool hasAddressText(const FWRULE& rule) {
-    return rule.ipGroup == FW_IP_GROUP_SINGLE || rule.ipGroup == FW_IP_GROUP_NETWORK ||
-           rule.ipGroup == FW_IP_GROUP_RANGE;
-}
-
 /// Reads the rules of one profile. It keeps what services and countries match, for later rules that
 /// name the same.
 class RuleMatches {
