@@ -13,11 +13,10 @@
 
 #include <gtest/gtest.h>
 
+#include "profile_testing.h"
 #include "random_profile.h"
-#include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/packetAnswers.h"
 #include "tarnfwadmin/verdicts.h"
-#include "tarnfwadmin/vocabulary.h"
 
 namespace {
 
@@ -36,18 +35,9 @@ std::vector<FWPACKETSET> packetsTo(const std::string& port, const std::string& i
 
 // ---- Cases --------------------------------------------------------------------------------------
 
-FW::FWPROFILE profileOf(const std::vector<const char*>& global, const std::vector<const char*>& own,
+FW::FWPROFILE profileOf(const std::vector<std::string>& global, const std::vector<std::string>& own,
                         FW::FW_POLICY policy) {
-    tarnfw::Machine machine;
-    FW::FWPROFILE profile;
-    profile.adapterPolicyMap["eth0"] = policy;
-    for (const char* const rule : global) {
-        profile.rules["global"].push_back(tarnfw::ruleFromText(rule, machine));
-    }
-    for (const char* const rule : own) {
-        profile.rules["eth0"].push_back(tarnfw::ruleFromText(rule, machine));
-    }
-    return profile;
+    return tarnfw::profileOf({{"global", FW::FW_POLICY_NONE, global}, {"eth0", policy, own}});
 }
 
 /// "10.0.0.0-10.255.255.255 ::-ffff:...:ffff"; "?" for a family where it depends on more.

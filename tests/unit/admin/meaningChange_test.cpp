@@ -11,35 +11,13 @@
 
 #include <gtest/gtest.h>
 
+#include "profile_testing.h"
 #include "random_profile.h"
-#include "tarnfwadmin/ruleSyntax.h"
 
 namespace tarnfw {
 namespace {
 
 using Texts = std::vector<std::string>;
-
-FW::FWRULE ruleOf(const std::string& words) {
-    return ruleFrom({words}, {}, {{{"ssh", 1}, {"nfs", 3}}, {"DE"}, {"DE", "FR"}});
-}
-
-/// An adapter's rules and default policy.
-struct List {
-    const char* adapter;
-    FW::FW_POLICY policy;
-    Texts rules;
-};
-
-FW::FWPROFILE profileOf(const std::vector<List>& lists) {
-    FW::FWPROFILE profile;
-    for (const List& list : lists) {
-        profile.adapterPolicyMap[list.adapter] = list.policy;
-        for (const std::string& words : list.rules) {
-            profile.rules[list.adapter].push_back(ruleOf(words));
-        }
-    }
-    return profile;
-}
 
 FW::FWENVIRONMENT environmentHere() {
     FW::FWENVIRONMENT environment;
@@ -61,8 +39,8 @@ constexpr FW::FW_POLICY kNone = FW::FW_POLICY_NONE;
 
 TEST(MeaningChangeTest, OneEditIsOneText) {
     const struct {
-        std::vector<List> before;
-        std::vector<List> after;
+        std::vector<RuleList> before;
+        std::vector<RuleList> after;
         const char* text;
     } cases[] = {
         {{{"eth0", kDeny, {"deny tcp 445 from 10.3.0.0/16"}}},
@@ -120,7 +98,7 @@ TEST(MeaningChangeTest, OneEditIsOneText) {
 
 TEST(MeaningChangeTest, ANewRuleOpensOnlyWhatWasClosed) {
     const struct {
-        std::vector<List> before;
+        std::vector<RuleList> before;
         const char* adapter;
         const char* words;
         const char* text;
@@ -186,7 +164,7 @@ TEST(MeaningChangeTest, SaysWhatARuleDecidesAbout) {
 
 TEST(MeaningChangeTest, ChangesOfSeveralRulesAreOneTextEachOrOneForAll) {
     const FW::FWPROFILE before = profileOf({{"eth0", kDeny, {"allow udp 9"}}});
-    const auto textsOf = [&](const std::vector<List>& lists) {
+    const auto textsOf = [&](const std::vector<RuleList>& lists) {
         return differenceOf(before, profileOf(lists)).texts();
     };
     EXPECT_EQ(textsOf({{"eth0", kDeny, {"allow udp 9", "allow tcp 1000", "allow tcp 80"}}}),
@@ -270,7 +248,7 @@ TEST(MeaningChangeTest, ARuleThatIsNotCountedIsNoSilence) {
 }
 
 /// Rules that cut a default policy into many pieces.
-List cutting(const char* adapter, FW::FW_POLICY policy) {
+RuleList cutting(const char* adapter, FW::FW_POLICY policy) {
     return {adapter,
             policy,
             {"allow tcp 22-25,80,443 from 10.0.0.0/8", "allow udp 53,67-68 from 192.168.0.0/16",
@@ -289,14 +267,14 @@ TEST(MeaningChangeTest, WhatAPolicyDecidesIsNotCutIntoPieces) {
             .text(),
         "opens everything on eth0, for everybody, that no rule before it decided (before: the "
         "default policy of eth0)");
-    List logged = cutting("eth0", kDeny);
+    RuleList logged = cutting("eth0", kDeny);
     logged.rules.emplace_back("deny, logged");
     EXPECT_EQ(differenceOf(profileOf({cutting("eth0", kDeny)}), profileOf({logged}), {{"eth0", 8}})
                   .text(),
               "logs everything on eth0, for everybody, that no rule before it decides (rule 8 of "
               "eth0)");
     // Some of that was closed before, which the words must not hide.
-    List before = cutting("eth0", kAllow);
+    RuleList before = cutting("eth0", kAllow);
     before.rules.insert(before.rules.begin(), "deny tcp 7000-7100");
     EXPECT_EQ(differenceOf(profileOf({before}), profileOf({cutting("eth0", kDeny)}))
                   .text()

@@ -7,14 +7,10 @@
 #include <gtest/gtest.h>
 
 #include "profileCheck_testing.h"
-#include "tarnfwadmin/ruleSyntax.h"
+#include "profile_testing.h"
 
 namespace tarnfw {
 namespace {
-
-FW::FWRULE ruleOf(const std::string& words) {
-    return ruleFrom({words}, {}, {{{"ssh", 1}, {"nfs", 3}}, {"DE"}, {"DE", "FR"}});
-}
 
 class MeaningTest : public ProfileCheckTest {};
 

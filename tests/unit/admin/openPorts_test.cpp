@@ -17,10 +17,9 @@
 
 #include <gtest/gtest.h>
 
+#include "profile_testing.h"
 #include "random_profile.h"
-#include "tarnfwadmin/machine.h"
 #include "tarnfwadmin/packetWords.h"
-#include "tarnfwadmin/vocabulary.h"
 
 namespace {
 
@@ -33,15 +32,9 @@ constexpr FW::FW_FAMILY kFamilies[] = {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6};
 
 using Texts = std::vector<std::string>;
 
-FW::FWPROFILE profileOf(const std::vector<const char*>& rules) {
-    tarnfw::Machine machine;
-    FW::FWPROFILE profile;
-    profile.adapterPolicyMap["eth0"] = FW::FW_POLICY_DENY;
-    profile.adapterPolicyMap["eth1"] = FW::FW_POLICY_DENY;
-    for (const char* const rule : rules) {
-        profile.rules["eth0"].push_back(tarnfw::ruleFromText(rule, machine));
-    }
-    return profile;
+FW::FWPROFILE profileOf(const Texts& rules) {
+    return tarnfw::profileOf(
+        {{"eth0", FW::FW_POLICY_DENY, rules}, {"eth1", FW::FW_POLICY_DENY, {}}});
 }
 
 std::string portsText(const char* protocol, const FW::FWINTERVALS& ports) {

@@ -7,16 +7,12 @@
 
 #include <gtest/gtest.h>
 
-#include "tarnfwadmin/ruleSyntax.h"
+#include "profile_testing.h"
 
 namespace tarnfw {
 namespace {
 
 using Texts = std::vector<std::string>;
-
-FW::FWRULE ruleOf(const std::string& words) {
-    return ruleFrom({words}, {}, {{{"ssh", 1}, {"nfs", 3}, {"smb", 3}}, {"DE"}, {"DE", "FR"}});
-}
 
 std::shared_ptr<const FW::FWADDRESSES> listOf(const Texts& networks, FW::FW_FAMILY family) {
     std::vector<FW::FWADDRESSINTERVAL> intervals;

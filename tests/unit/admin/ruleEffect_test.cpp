@@ -6,16 +6,12 @@
 
 #include <gtest/gtest.h>
 
-#include "tarnfwadmin/ruleSyntax.h"
+#include "profile_testing.h"
 
 namespace tarnfw {
 namespace {
 
 using Texts = std::vector<std::string>;
-
-FW::FWRULE ruleOf(const std::string& words) {
-    return ruleFrom({words}, {}, {});
-}
 
 class RuleEffectTest : public testing::Test {
 protected:

@@ -7,12 +7,14 @@
 
 #include <gtest/gtest.h>
 
+#include "profile_testing.h"
 #include "tarnfwadmin/machine.h"
-#include "tarnfwadmin/vocabulary.h"
 
 namespace {
 
 using ::testing::ValuesIn;
+
+using Texts = std::vector<std::string>;
 
 struct QuestionCase {
     const char* name;
@@ -89,17 +91,11 @@ TEST(VerdictTextTest, EveryVerdictHasItsWords) {
 }
 
 /// The verdicts on "global" and eth0, for tcp 22 by these rules of "global" and of eth0.
-std::string exactFor(const char* question, const std::vector<const char*>& global,
-                     const std::vector<const char*>& own, FW::FW_POLICY policy) {
+std::string exactFor(const char* question, const Texts& global, const Texts& own,
+                     FW::FW_POLICY policy) {
     tarnfw::Machine machine;
-    FW::FWPROFILE profile;
-    profile.adapterPolicyMap["eth0"] = policy;
-    for (const char* const rule : global) {
-        profile.rules["global"].push_back(tarnfw::ruleFromText(rule, machine));
-    }
-    for (const char* const rule : own) {
-        profile.rules["eth0"].push_back(tarnfw::ruleFromText(rule, machine));
-    }
+    const FW::FWPROFILE profile =
+        tarnfw::profileOf({{"global", FW::FW_POLICY_NONE, global}, {"eth0", policy, own}});
     FW::PortCompareST asked;
     EXPECT_EQ(tarnfw::portQuestionFrom(question, asked), "");
     const std::vector<tarnfw::AdapterAnswer> answers = tarnfw::exactVerdicts(
@@ -127,7 +123,7 @@ TEST(ExactVerdictsTest, OfAServiceItsFurtherProtocolsCountToo) {
             .back();
     };
     const tarnfw::Service pptp = {"vpn_server_pptp", "PPTP", {1, {"1723"}}, {}};
-    profile.rules["eth0"] = {tarnfw::ruleFromText("allow tcp 1723", machine)};
+    profile.rules["eth0"] = {tarnfw::ruleOf("allow tcp 1723")};
     EXPECT_EQ(toldOf(answerFor(pptp)), "tcp 1723 allowed, protocol 47 blocked");
     EXPECT_EQ(answerFor(pptp).verdict, FW::FW_POLICY_DENY);
     EXPECT_EQ(toldOf(answerFor({"vpn_server_ipsec", "IPsec", {2, {"500"}}, {}})),
@@ -137,8 +133,7 @@ TEST(ExactVerdictsTest, OfAServiceItsFurtherProtocolsCountToo) {
 }
 
 TEST(ExactVerdictsTest, AddsUpTheAddressesOfSeveralRules) {
-    const std::vector<const char*> some = {"allow tcp 22 from 10.0.0.0/8",
-                                           "allow tcp 22 from 172.16.0.0/12"};
+    const Texts some = {"allow tcp 22 from 10.0.0.0/8", "allow tcp 22 from 172.16.0.0/12"};
     EXPECT_EQ(exactFor("tcp 22", {}, some, FW::FW_POLICY_DENY), "undecided, mixed");
     EXPECT_EQ(exactFor("tcp 22", some, {}, FW::FW_POLICY_DENY), "undecided, mixed");
     EXPECT_EQ(exactFor("tcp 22", some, {}, FW::FW_POLICY_ALLOW), "undecided, allowed");
