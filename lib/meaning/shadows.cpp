@@ -69,6 +69,8 @@ public:
           owners_(places.size()) {
         for (std::size_t i = 0; i < rules.size(); ++i) {
             Owner& owner = owners_[ownerOf[i]];
+            hasRulesApart_ =
+                hasRulesApart_ || (!owner.parts.empty() && ownerOf[i] != ownerOf[i - 1]);
             owner.outcome = {rules[i].verdict, rules[i].log};
             owner.parts.push_back(static_cast<std::uint32_t>(i));
         }
@@ -155,30 +157,30 @@ private:
         for (std::size_t i = 0; i < owner.parts.size() && result == Answer::kNo; ++i) {
             const std::uint32_t part = owner.parts[i];
             const Region region = space_.regionOf(rules_[part].values);
-            ++examined_;
-            RuleNumbers earlier = scan_.overlapping(region, 0, part);
+            const auto isOwn = [&](std::uint32_t rule) { return ownerOf_[rule] == number; };
+            const auto isGone = [&](std::uint32_t rule) {
+                return isOwn(rule) || owners_[ownerOf_[rule]].gone;
+            };
+            const RuleNumbers earlier = scan_.overlapping(region, 0, part);
             // What never decides covers nothing that those before it do not.
-            keepUseful(earlier, [&](std::uint32_t rule) {
-                return ownerOf_[rule] == number || (neverDecides && owners_[ownerOf_[rule]].gone);
-            });
             if (neverDecides) {
-                result = search.leavesAny(region, earlier);
+                result = search.leavesAny(region, usefulOf(earlier, isGone));
                 continue;
             }
             // It has to be needless beside those that stay, and beside all.
-            const RuleNumbers all = scan_.overlapping(region, part + 1, rules_.size());
-            RuleNumbers staying = all;
-            keepUseful(staying, [&](std::uint32_t rule) {
-                return owners_[ownerOf_[rule]].gone || ownerOf_[rule] == number;
-            });
-            result = search.leavesOther(region, earlier, staying, owner.outcome);
-            if (result == Answer::kNo && std::any_of(all.begin(), all.end(), [&](auto rule) {
-                    return owners_[ownerOf_[rule]].gone;
-                })) {
-                ++examined_;
-                RuleNumbers later = all;
-                keepUseful(later, [&](std::uint32_t rule) { return ownerOf_[rule] == number; });
-                result = besideAll.leavesOther(region, earlier, later, owner.outcome);
+            const RuleNumbers later = scan_.overlapping(region, part + 1, rules_.size());
+            result = search.leavesOther(region, usefulOf(earlier, isGone), usefulOf(later, isGone),
+                                        owner.outcome);
+            // Those before it that are gone never decide, and not because of it, unless some rules
+            // have parts on both sides of others.
+            const auto isNoneBefore = [&](std::uint32_t rule) {
+                return isOwn(rule) || (!hasRulesApart_ && isGone(rule));
+            };
+            if (result == Answer::kNo &&
+                (std::any_of(later.begin(), later.end(), isGone) ||
+                 (hasRulesApart_ && std::any_of(earlier.begin(), earlier.end(), isGone)))) {
+                result = besideAll.leavesOther(region, usefulOf(earlier, isNoneBefore),
+                                               usefulOf(later, isOwn), owner.outcome);
             }
         }
         steps_ += search.steps() + besideAll.steps();
@@ -194,20 +196,20 @@ private:
         return FWSHADOW{place, neverDecides, placesOf(search.covering())};
     }
 
-    /// Removes the rules that `isLeftOut` names, and those with the same packets as a rule kept
+    /// The rules but for those that `isLeftOut` names, and those with the same packets as one kept
     /// before: no packet gets to them.
     template <typename IsLeftOut>
-    void keepUseful(RuleNumbers& numbers, IsLeftOut isLeftOut) {
-        numbers.erase(std::remove_if(numbers.begin(), numbers.end(),
-                                     [&](std::uint32_t rule) {
-                                         std::size_t& kept = keptIn_[twinOf_[rule]];
-                                         if (kept == examined_ || isLeftOut(rule)) {
-                                             return true;
-                                         }
-                                         kept = examined_;
-                                         return false;
-                                     }),
-                      numbers.end());
+    RuleNumbers usefulOf(const RuleNumbers& numbers, IsLeftOut isLeftOut) {
+        ++lists_;
+        RuleNumbers useful;
+        for (const std::uint32_t rule : numbers) {
+            std::size_t& kept = keptIn_[twinOf_[rule]];
+            if (kept != lists_ && !isLeftOut(rule)) {
+                kept = lists_;
+                useful.push_back(rule);
+            }
+        }
+        return useful;
     }
 
     std::vector<FWPLACE> placesOf(const std::set<std::uint32_t>& rules) const {
@@ -228,9 +230,10 @@ private:
     const RuleIndex& index_;
     RuleScan scan_;
     std::vector<Owner> owners_;
+    bool hasRulesApart_ = false;         // there are others between the parts of one
     std::vector<std::uint32_t> twinOf_;  // by rule: the first one with the same packets
-    std::vector<std::size_t> keptIn_;    // by such a first one: the last search that it is part of
-    std::size_t examined_ = 0;           // searches so far
+    std::vector<std::size_t> keptIn_;    // by such a first one: the last list that has one of them
+    std::size_t lists_ = 0;              // made so far
     std::vector<FWFINDING> findings_;
     std::size_t steps_ = 0;
 };

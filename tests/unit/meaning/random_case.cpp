@@ -58,7 +58,10 @@ RandomCase makeCase(Random& random, int rules, const TestCountries& countries,
     platform.pppoeInterface = pick(random, 3) == 0 ? "" : pick(random, 2) == 0 ? "ppp0" : "ppp1";
     platform.popenOutput.clear();
     if (pick(random, 2) == 0) {
-        platform.popenOutput["eth0"] = pick(random, 4) == 0 ? "global" : "sit0";
+        // With the interface of another adapter, rules for eth0 are tried before and after its own.
+        static const std::vector<std::string> kRouters = {"sit0", "sit0",    "global", "ppp0",
+                                                          "tun0", "tun1000", "eth1"};
+        platform.popenOutput["eth0"] = oneOf(random, kRouters);
         platform.popenOutput["vpn"] = pick(random, 2) == 0 ? "eth1" : "vpn";
     }
     if (pick(random, 3) == 0 && !platform.pppoeInterface.empty()) {

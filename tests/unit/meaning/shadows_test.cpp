@@ -129,6 +129,47 @@ TEST_F(ShadowsRandomTest, ExactlyTheRulesThatChangeNothingAreFound) {
     tellCompared(profiles, examined, "rules");
 }
 
+/// Rules for some ports, in places that are mixed up: parts of one place before and after others.
+Rules mixedRules(Random& random) {
+    Rules rules;
+    for (int i = 4 + pick(random, 6); i > 0; --i) {
+        FWRESOLVEDRULE& rule = rules.emplace_back();
+        const int first = pick(random, 8);
+        const int last = std::min(first + pick(random, 6), 7);
+        rule.packets.destinationPorts = {
+            {static_cast<std::uint16_t>(first), static_cast<std::uint16_t>(last)}};
+        rule.packets.protocols = {{6, 6}};
+        rule.place = {FW::FW_ORIGIN_RULE, "eth0", 1 + pick(random, 5)};
+    }
+    // The parts of a rule do the same.
+    const auto policies = random();
+    for (FWRESOLVEDRULE& rule : rules) {
+        rule.verdict =
+            (policies >> rule.place.position & 1) != 0 ? FW::FW_PACKET_NEXT : FW::FW_PACKET_DROP;
+    }
+    return rules;
+}
+
+TEST(ShadowsMixedTest, RulesWithPartsBetweenOthersCanAllBeRemoved) {
+    const BddOracle oracle({"eth0"});
+    const int lists = countOf(2000, 20000);
+    int found = 0;
+    for (int number = 0; number < lists; ++number) {
+        Random random(static_cast<unsigned>(number));
+        const Rules rules = mixedRules(random);
+        const BddFunction whole = oracle.fold(rules);
+        std::vector<FWPLACE> gone;
+        for (const FWSHADOW& shadow : FW_MEANING(rules).shadows().shadows) {
+            gone.push_back(shadow.place);
+            EXPECT_TRUE(BddOracle::same(oracle.fold(without(rules, {shadow.place})), whole))
+                << "list " << number << ", rule " << shadow.place.position;
+        }
+        EXPECT_TRUE(BddOracle::same(oracle.fold(without(rules, gone)), whole)) << "list " << number;
+        found += static_cast<int>(gone.size());
+    }
+    EXPECT_GT(found, lists);
+}
+
 // ---- Named cases ----
 
 FW::FWRULE rangeRule(FW::FW_POLICY policy, const std::string& ports) {
@@ -174,6 +215,22 @@ TEST(ShadowsTest, RuleThatEarlierOnesCoverTogether) {
 TEST(ShadowsTest, RuleThatTheDefaultPolicyRepeats) {
     EXPECT_THAT(shadowsOf({rangeRule(kAllow, "22"), rangeRule(kDeny, "80")}, kDeny),
                 ElementsAre("eth0 2 changes nothing: eth0 0"));
+}
+
+TEST(ShadowsTest, OfRulesThatATunnelRepeatsOneStays) {
+    FW::FWRULE allow;
+    allow.ipType = FW::FW_IP_TYPE_V6;
+    allow.ipGroup = FW::FW_IP_GROUP_ANY;
+    allow.portGroup = FW::FW_PORT_GROUP_ANY;
+    FW::FWPROFILE profile;
+    profile.rules = {{"eth0", {allow}}, {"pppoe", {allow}}};
+    profile.adapterPolicyMap["pppwan0"] = kDeny;
+    FW::FWENVIRONMENT environment;
+    environment.adapters = FW::fwAdaptersNow({"eth0", "pppwan0"}, "pppwan0");
+    environment.tunnels["eth0"] = "pppwan0";
+    const FWSHADOWS found = FW_MEANING(FW::fwResolve(profile, environment).rules).shadows();
+    ASSERT_EQ(found.shadows.size(), 1U);
+    EXPECT_EQ(textOf(found.shadows[0].place), "pppoe 1");
 }
 
 TEST(ShadowsTest, RuleThatLogsChangesSomething) {
