@@ -267,9 +267,11 @@ struct FWDECISION {
 /// A rule that could be removed.
 struct FWSHADOW {
     FWPLACE place;
-    bool neverDecides = false;  ///< earlier rules decide about all of its packets; otherwise those
-                                ///< after it would do with them what it does
-    std::vector<FWPLACE> by;    ///< these rules, in order; with none, no rule matches afterwards
+    bool neverDecides = false;    ///< rules before it are known to decide about all of its packets;
+                                  ///< otherwise those after it would do with them what it does
+    std::vector<FWPLACE> by;      ///< these rules, in order; with none, no rule matches afterwards
+    std::vector<FWPLACE> before;  ///< rules before one that may decide, whatever their verdict,
+                                  ///< that decide about those of its packets that `by` leaves out
 };
 
 struct FWSHADOWS {

@@ -34,19 +34,21 @@ public:
 
     // All of `earlier` and `later` overlap the region.
 
-    /// Whether `earlier` leaves any packet of the region. If not, `covering()` does that.
+    /// Whether `earlier` leaves any packet of the region. If not, `coveringBefore()` does that.
     Answer leavesAny(const Region& region, const RuleNumbers& earlier) {
         return leaves(region, earlier, nullptr, {});
     }
 
     /// Whether there is a packet of the region that `earlier` leaves, and with which `later`, or
-    /// the end of the rules, do not what `outcome` says. If not, `covering()` does.
+    /// the end of the rules, do not what `outcome` says.
     Answer leavesOther(const Region& region, const RuleNumbers& earlier, const RuleNumbers& later,
                        const Outcome& outcome) {
         return leaves(region, earlier, &later, outcome);
     }
 
-    const std::set<std::uint32_t>& covering() const { return covering_; }
+    /// The rules that do, of `earlier` and of `later`.
+    const std::set<std::uint32_t>& coveringBefore() const { return before_; }
+    const std::set<std::uint32_t>& coveringAfter() const { return after_; }
     std::size_t steps() const { return steps_; }
 
 private:
@@ -142,7 +144,7 @@ private:
                            });
         }
         if (!othersFollow) {
-            covering_.insert(later.begin(), later.end());
+            after_.insert(later.begin(), later.end());
             return Answer::kNo;
         }
         if (earlier.empty()) {
@@ -150,13 +152,13 @@ private:
                 return Answer::kYes;
             }
             const std::uint32_t rule = later.front();
-            covering_.insert(rule);
+            after_.insert(rule);
             later.erase(later.begin());
             return leavesOutside(region, rule, earlier, &later, outcome);
         }
         const auto [best, pieces] = bestCut(region, earlier);
         const std::uint32_t rule = earlier[best];
-        covering_.insert(rule);
+        before_.insert(rule);
         if (pieces == 0) {
             return Answer::kNo;
         }
@@ -169,7 +171,8 @@ private:
     const std::vector<SpaceRule>& rules_;
     std::size_t limit_;
     std::size_t steps_ = 0;
-    std::set<std::uint32_t> covering_;
+    std::set<std::uint32_t> before_;
+    std::set<std::uint32_t> after_;
 };
 
 }  // namespace FW

@@ -193,7 +193,10 @@ private:
             return std::nullopt;
         }
         owner.gone = true;
-        return FWSHADOW{place, neverDecides, placesOf(search.covering())};
+        std::vector<FWPLACE> before = placesOf(search.coveringBefore());
+        return neverDecides
+                   ? FWSHADOW{place, true, std::move(before), {}}
+                   : FWSHADOW{place, false, placesOf(search.coveringAfter()), std::move(before)};
     }
 
     /// The rules but for those that `isLeftOut` names, and those with the same packets as one kept

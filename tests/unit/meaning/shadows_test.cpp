@@ -112,10 +112,14 @@ TEST_F(ShadowsRandomTest, ExactlyTheRulesThatChangeNothingAreFound) {
             // The rules named are enough: with them and this rule alone it changes nothing.
             Rules named;
             for (const FWRESOLVEDRULE& one : rules) {
-                const bool isNamed =
-                    std::any_of(shadow->by.begin(), shadow->by.end(),
-                                [&](const FWPLACE& place) { return isAt(place, one.place); });
-                if (isNamed || isAt(one.place, rule.place)) {
+                const auto isHere = [&](const FWPLACE& place) { return isAt(place, one.place); };
+                const auto isIn = [&](const std::vector<FWPLACE>& places) {
+                    return std::any_of(places.begin(), places.end(), isHere);
+                };
+                if (isIn(shadow->by) && !shadow->neverDecides) {
+                    EXPECT_EQ(one.verdict, rule.verdict) << text;
+                }
+                if (isIn(shadow->by) || isIn(shadow->before) || isAt(one.place, rule.place)) {
                     named.push_back(one);
                 }
             }
@@ -200,6 +204,9 @@ std::vector<std::string> shadowsOf(const std::vector<FW::FWRULE>& rules, FW::FW_
         for (const FWPLACE& place : shadow.by) {
             texts.back() += " " + textOf(place);
         }
+        for (const FWPLACE& place : shadow.before) {
+            texts.back() += ", after " + textOf(place);
+        }
     }
     return texts;
 }
@@ -231,6 +238,24 @@ TEST(ShadowsTest, OfRulesThatATunnelRepeatsOneStays) {
     const FWSHADOWS found = FW_MEANING(FW::fwResolve(profile, environment).rules).shadows();
     ASSERT_EQ(found.shadows.size(), 1U);
     EXPECT_EQ(textOf(found.shadows[0].place), "pppoe 1");
+}
+
+TEST(ShadowsTest, RulesBeforeANeedlessRuleAreNamedApart) {
+    const auto from10 = [](FW::FW_POLICY policy, const std::string& ports, int protocol) {
+        FW::FWRULE rule = rangeRule(policy, ports);
+        rule.ipType = FW::FW_IP_TYPE_V4;
+        rule.ipGroup = FW::FW_IP_GROUP_NETWORK;
+        rule.ipList = {"10.0.0.0", "8"};
+        rule.protocol = protocol;
+        return rule;
+    };
+    FW::FWRULE all = rangeRule(kDeny, "");
+    all.portGroup = FW::FW_PORT_GROUP_ANY;
+    EXPECT_THAT(
+        shadowsOf({from10(kAllow, "1-1000", FW::FW_PORT_PROTOCOL_TCP), rangeRule(kDeny, "22"),
+                   from10(kAllow, "1-2000", FW::FW_PORT_PROTOCOL_TCP_UDP), all},
+                  kAllow),
+        ElementsAre("eth0 2 changes nothing: eth0 4, after  0, after eth0 1"));
 }
 
 TEST(ShadowsTest, RuleThatLogsChangesSomething) {
