@@ -108,13 +108,17 @@ FW::FWPROFILE makeMeaningProfile(MeaningKind kind, int rules, unsigned seed) {
         profile.adapterPolicyMap[adapter] =
             adapter == "global" ? FW::FW_POLICY_NONE : FW::FW_POLICY_DENY;
     }
+    const bool isCrowded = kind == MeaningKind::Crowded;
     for (int i = 0; i < rules; ++i) {
         FW::FWRULE rule = kind == MeaningKind::Random      ? randomRule(random)
                           : kind == MeaningKind::Realistic ? realisticRule(random)
                                                            : hostileRule(random);
         rule.policy = pick(random, 2) == 0 ? FW::FW_POLICY_ALLOW : FW::FW_POLICY_DENY;
         rule.blLog = pick(random, 10) == 0;
-        profile.rules[kAdapters[pick(random, 4)]].push_back(std::move(rule));
+        if (isCrowded) {
+            rule.protocol = FW::FW_PORT_PROTOCOL_TCP;
+        }
+        profile.rules[isCrowded ? "eth0" : kAdapters[pick(random, 4)]].push_back(std::move(rule));
     }
     return profile;
 }

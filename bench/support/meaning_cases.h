@@ -8,6 +8,7 @@ enum class MeaningKind {
     Random,     ///< networks, ports and verdicts at random, on four adapters
     Realistic,  ///< services, some networks, 20 countries of a full-size database
     Hostile,    ///< wide ranges of addresses and ports that cut each other, on either side
+    Crowded,    ///< the same, all of TCP on one adapter
 };
 
 struct NamedMeaningKind {
@@ -19,6 +20,7 @@ inline constexpr NamedMeaningKind kMeaningKinds[] = {
     {"random", MeaningKind::Random},
     {"realistic", MeaningKind::Realistic},
     {"hostile", MeaningKind::Hostile},
+    {"crowded", MeaningKind::Crowded},
 };
 
 /// A profile of `rules` rules. Different seeds make unrelated profiles.

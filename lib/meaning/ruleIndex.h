@@ -9,38 +9,41 @@
 
 namespace FW {
 
-/// Trees that halve the space, field by field, where the edges of rules are. A leaf has the rules
-/// of its tree that overlap its part of the space, in order, up to the second that covers it: no
-/// packet there gets beyond the first, and with that one taken away none beyond the second. Rules
-/// for few addresses are in other trees than rules for many: cuts between addresses help with the
-/// former, and would repeat the latter in every leaf.
+/// Bitmaps of rules. The values of each field are divided into classes at edges of rules, at all of
+/// them or, where there are many, at some with about the same number of edges in between. A bitmap
+/// for each class has the rules with any value of it. What the bitmaps of a packet's classes have
+/// in common are the rules that may have it, in order; those with an edge within a class have to be
+/// looked at.
 class RuleIndex {
 public:
     RuleIndex(const PacketSpace& space, const std::vector<SpaceRule>& rules);
 
-    /// The first rule that has `point`; the number of rules if there is none.
-    std::size_t firstMatch(const Point& point) const { return nextMatch(point, 0); }
+    /// The first rule from number `from` on that has `point`; the number of rules if there is none.
+    /// Adds to `steps` how often a rule was compared, or hundreds of them at once.
+    std::size_t nextMatch(const Point& point, std::size_t from, std::size_t& steps) const;
 
-    /// The first one from rule number `from` on. Only the first two rules that have `point` are
-    /// found for certain.
-    std::size_t nextMatch(const Point& point, std::size_t from) const;
+    std::size_t firstMatch(const Point& point) const {
+        std::size_t steps = 0;
+        return nextMatch(point, 0, steps);
+    }
 
 private:
-    struct Node {
-        Number cut = 0;           // the first value of the upper half
-        std::uint32_t below = 0;  // the node of the lower half; the upper one is next to it
-        std::uint32_t end = 0;    // of a leaf: its rules are from `below` to `end`
-        Field field = kFields;    // kFields: a leaf
+    /// A field in which rules differ.
+    struct Axis {
+        Field field;
+        std::vector<Number> cuts;            // the first values of all classes but the first
+        std::vector<std::uint64_t> bitmaps;  // of one class after the other
+        bool isExact = true;                 // rules have all values of a class or none
     };
-    struct Builder;
 
-    std::size_t nextMatch(std::uint32_t root, const Point& point, std::size_t from) const;
+    Axis axisOf(Field field) const;
+    void setCuts(Axis& axis) const;
+    void setBitmaps(Axis& axis) const;
 
     const PacketSpace& space_;
     const std::vector<SpaceRule>& rules_;
-    std::vector<std::uint32_t> roots_;
-    std::vector<Node> nodes_;
-    std::vector<std::uint32_t> leaves_;
+    std::size_t words_ = 0;  // of a bitmap
+    std::vector<Axis> axes_;
 };
 
 }  // namespace FW

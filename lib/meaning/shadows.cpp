@@ -85,7 +85,7 @@ public:
     FWSHADOWS run() {
         std::vector<std::optional<FWSHADOW>> found(owners_.size());
         std::vector<Sampled> sampled;
-        for (std::size_t i = 0; i < owners_.size(); ++i) {
+        for (std::size_t i = 0; i < owners_.size() && steps_ < FW_MEANING_STEPS; ++i) {
             sampled.push_back(places_.origin(i) == FW_ORIGIN_RULE ? sample(owners_[i])
                                                                   : Sampled{true, true});
         }
@@ -100,6 +100,7 @@ public:
                 found[i - 1] = examine(i - 1, /*neverDecides=*/false);
             }
         }
+        std::reverse(findings_.begin(), findings_.end());
         if (steps_ >= FW_MEANING_STEPS) {
             findings_.push_back({{}, "too complex: not all rules were examined"});
         }
@@ -120,19 +121,18 @@ private:
         bool changes = false;  // and without it something else happens to that one
     };
 
-    Sampled sample(const Owner& owner) const {
+    Sampled sample(const Owner& owner) {
         Sampled sampled;
         for (const std::uint32_t part : owner.parts) {
             const Region region = space_.regionOf(rules_[part].values);
             for (unsigned i = 0; i < kSamples && !sampled.changes; ++i) {
                 const Point point = sampleOf(space_, region, i);
-                const std::size_t first = index_.firstMatch(point);
+                const std::size_t first = index_.nextMatch(point, 0, steps_);
                 if (ownerOf(first) != ownerOf(part)) {
                     continue;
                 }
                 sampled.decides = true;
-                const std::size_t next = index_.nextMatch(point, first + 1);
-                // The index knows two rules for certain: not what is after two of one owner.
+                const std::size_t next = index_.nextMatch(point, first + 1, steps_);
                 sampled.changes =
                     ownerOf(next) != ownerOf(part) && !(outcomeOf(next) == owner.outcome);
             }
@@ -185,9 +185,9 @@ private:
         }
         steps_ += search.steps() + besideAll.steps();
         const FWPLACE place = places_[number];
-        if (result == Answer::kTooComplex) {
-            findings_.push_back({place, neverDecides ? "too complex: whether it never takes effect"
-                                                     : "too complex: whether it changes anything"});
+        // A rule of which the first pass was too complex is examined again in the second.
+        if (result == Answer::kTooComplex && !neverDecides) {
+            findings_.push_back({place, "too complex: whether it changes anything"});
         }
         if (result != Answer::kNo) {
             return std::nullopt;
