@@ -134,8 +134,8 @@ public:
           onlyMatched_(onlyMatched),
           steps_(steps),
           found_(found),
-          ownScan_(space, own.rules),
-          otherScan_(space, other.rules) {}
+          ownScan_(space, own.rules, steps),
+          otherScan_(space, other.rules, steps) {}
 
     void run() {
         for (std::size_t i = 0; i < own_.rules.size() && steps_ <= FW_MEANING_STEPS; ++i) {

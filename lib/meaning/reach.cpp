@@ -18,7 +18,7 @@ namespace {
 class Passage {
 public:
     Passage(const PacketSpace& space, const std::vector<SpaceRule>& rules)
-        : space_(space), rules_(rules), scan_(space, rules) {}
+        : space_(space), rules_(rules), scan_(space, rules, steps_) {}
 
     std::vector<Region> of(const Region& region) {
         found_.clear();
@@ -73,9 +73,9 @@ private:
 
     const PacketSpace& space_;
     const std::vector<SpaceRule>& rules_;
+    std::size_t steps_ = 0;
     RuleScan scan_;
     std::vector<Region> found_;
-    std::size_t steps_ = 0;
 };
 
 /// Whether regions are the same but for the incoming interface.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 namespace FW {
 namespace {
@@ -14,12 +15,12 @@ constexpr std::size_t kBlock = 256;  // rules looked at together
 
 using Hits = std::uint8_t[kBlock];
 
-/// Clears the hits whose bounds do not meet `first` to `last`. The compiler makes vector
-/// instructions of this loop as long as its length is fixed.
-void keepMeeting(const std::uint32_t* firsts, const std::uint32_t* lasts, std::uint32_t first,
-                 std::uint32_t last, std::uint8_t* __restrict hits) {
+/// Clears the hits of rules that do not begin at or before `start` and end at or after `end`. The
+/// compiler makes vector instructions of this loop as long as its length is fixed.
+void keepFrom(const std::uint32_t* firsts, const std::uint32_t* lasts, std::uint32_t start,
+              std::uint32_t end, std::uint8_t* __restrict hits) {
     for (std::size_t i = 0; i < kBlock; ++i) {
-        hits[i] = static_cast<std::uint8_t>(hits[i] & (firsts[i] <= last) & (first <= lasts[i]));
+        hits[i] = static_cast<std::uint8_t>(hits[i] & (firsts[i] <= start) & (end <= lasts[i]));
     }
 }
 
@@ -41,8 +42,9 @@ RuleScan::AllBounds RuleScan::boundsOf(ValuesOf valuesOf) {
     return bounds;
 }
 
-RuleScan::RuleScan(const PacketSpace& space, const std::vector<SpaceRule>& rules)
-    : space_(space), rules_(rules), longOverlaps_(space) {
+RuleScan::RuleScan(const PacketSpace& space, const std::vector<SpaceRule>& rules,
+                   std::size_t& steps)
+    : space_(space), rules_(rules), steps_(steps), longOverlaps_(space) {
     for (std::size_t i = 0; i < rules.size(); ++i) {
         const ValueIds& ids = rules[i].values;
         auto group = std::find_if(groups_.begin(), groups_.end(),
@@ -68,8 +70,47 @@ RuleScan::RuleScan(const PacketSpace& space, const std::vector<SpaceRule>& rules
     }
 }
 
+/// Visits the rules of a group from number `from` to before `end` that begin at or before the first
+/// number of each of `wanted` and end at or after the last one, until the visitor returns false.
+template <typename Visit>
+void RuleScan::visit(const Group& group, std::size_t from, std::size_t end, const AllBounds& wanted,
+                     Visit visitor) {
+    const auto indexOf = [&](std::size_t rule) {
+        return static_cast<std::size_t>(
+            std::lower_bound(group.rules.begin(), group.rules.end(), rule) - group.rules.begin());
+    };
+    const std::size_t firstIndex = indexOf(from);
+    const std::size_t endIndex = indexOf(end);
+    for (std::size_t block = firstIndex / kBlock * kBlock; block < endIndex; block += kBlock) {
+        ++steps_;
+        Hits hits;
+        std::memset(hits, 1, sizeof(hits));
+        for (std::size_t field = 0; field < kFieldsWithBounds; ++field) {
+            keepFrom(&group.first[field][block], &group.last[field][block], wanted[field].first,
+                     wanted[field].last, hits);
+        }
+        std::size_t at = std::max(block, firstIndex);
+        const std::size_t blockEnd = std::min(block + kBlock, endIndex);
+        while (at < blockEnd) {
+            const void* const hit = std::memchr(hits + (at - block), 1, blockEnd - at);
+            if (hit == nullptr) {
+                break;
+            }
+            at = block + static_cast<std::size_t>(static_cast<const std::uint8_t*>(hit) - hits);
+            ++steps_;
+            if (!visitor(group.rules[at])) {
+                return;
+            }
+            ++at;
+        }
+    }
+}
+
 RuleNumbers RuleScan::overlapping(const Region& region, std::size_t from, std::size_t end) {
-    const AllBounds wanted = boundsOf([&](Field field) -> const Values& { return region[field]; });
+    AllBounds wanted = boundsOf([&](Field field) -> const Values& { return region[field]; });
+    for (Bounds& bounds : wanted) {
+        std::swap(bounds.first, bounds.last);
+    }
     OverlapTest overlapsRegion(space_, region, &longOverlaps_);
     RuleNumbers found;
     for (const Group& group : groups_) {
@@ -78,37 +119,34 @@ RuleNumbers RuleScan::overlapping(const Region& region, std::size_t from, std::s
             continue;
         }
         const auto middle = static_cast<std::ptrdiff_t>(found.size());
-        const auto indexOf = [&](std::size_t rule) {
-            return static_cast<std::size_t>(
-                std::lower_bound(group.rules.begin(), group.rules.end(), rule) -
-                group.rules.begin());
-        };
-        const std::size_t firstIndex = indexOf(from);
-        const std::size_t endIndex = indexOf(end);
-        for (std::size_t block = firstIndex / kBlock * kBlock; block < endIndex; block += kBlock) {
-            Hits hits;
-            std::memset(hits, 1, sizeof(hits));
-            for (std::size_t field = 0; field < kFieldsWithBounds; ++field) {
-                keepMeeting(&group.first[field][block], &group.last[field][block],
-                            wanted[field].first, wanted[field].last, hits);
+        visit(group, from, end, wanted, [&](std::uint32_t rule) {
+            if (overlapsRegion(rules_[rule])) {
+                found.push_back(rule);
             }
-            std::size_t at = std::max(block, firstIndex);
-            const std::size_t blockEnd = std::min(block + kBlock, endIndex);
-            while (at < blockEnd) {
-                const void* const hit = std::memchr(hits + (at - block), 1, blockEnd - at);
-                if (hit == nullptr) {
-                    break;
-                }
-                at = block + static_cast<std::size_t>(static_cast<const std::uint8_t*>(hit) - hits);
-                if (overlapsRegion(rules_[group.rules[at]])) {
-                    found.push_back(group.rules[at]);
-                }
-                ++at;
-            }
-        }
+            return true;
+        });
         std::inplace_merge(found.begin(), found.begin() + middle, found.end());
     }
     return found;
+}
+
+std::size_t RuleScan::covering(const Region& region, std::size_t end,
+                               const std::function<bool(std::uint32_t)>& isWanted) {
+    const AllBounds wanted = boundsOf([&](Field field) -> const Values& { return region[field]; });
+    std::size_t first = end;
+    for (const Group& group : groups_) {
+        const Values& in = space_.values(group.in);
+        if (!isAny(in) && (isAny(region[kIn]) || !includes(*in, *region[kIn]))) {
+            continue;
+        }
+        visit(group, 0, first, wanted, [&](std::uint32_t rule) {
+            if (covers(space_, rules_[rule], region) && isWanted(rule)) {
+                first = rule;
+            }
+            return first != rule;
+        });
+    }
+    return first;
 }
 
 }  // namespace FW

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "regions.h"
@@ -16,10 +17,16 @@ using RuleNumbers = std::vector<std::uint32_t>;
 /// it looks at a rule's values.
 class RuleScan {
 public:
-    RuleScan(const PacketSpace& space, const std::vector<SpaceRule>& rules);
+    /// Adds to `steps` how often a rule is compared, or hundreds of them at once.
+    RuleScan(const PacketSpace& space, const std::vector<SpaceRule>& rules, std::size_t& steps);
 
     /// The rules from number `from` to before `end` that overlap a region, in order.
     RuleNumbers overlapping(const Region& region, std::size_t from, std::size_t end);
+
+    /// The first of the rules before number `end` that has all packets of a region and that
+    /// `isWanted` accepts; `end` if there is none.
+    std::size_t covering(const Region& region, std::size_t end,
+                         const std::function<bool(std::uint32_t)>& isWanted);
 
 private:
     static constexpr std::size_t kFieldsWithBounds = 4;
@@ -42,8 +49,13 @@ private:
         std::array<std::vector<std::uint32_t>, kFieldsWithBounds> last;
     };
 
+    template <typename Visit>
+    void visit(const Group& group, std::size_t from, std::size_t end, const AllBounds& wanted,
+               Visit visitor);
+
     const PacketSpace& space_;
     const std::vector<SpaceRule>& rules_;
+    std::size_t& steps_;
     std::vector<Group> groups_;
     LongOverlaps longOverlaps_;
 };

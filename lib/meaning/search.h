@@ -48,6 +48,7 @@ public:
 
     /// The rules that do, of `earlier` and of `later`.
     const std::set<std::uint32_t>& coveringBefore() const { return before_; }
+    void addCoveringBefore(std::size_t rule) { before_.insert(static_cast<std::uint32_t>(rule)); }
     const std::set<std::uint32_t>& coveringAfter() const { return after_; }
     std::size_t steps() const { return steps_; }
 

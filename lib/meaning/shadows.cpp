@@ -65,7 +65,7 @@ public:
           space_(space),
           rules_(rules),
           index_(index),
-          scan_(space, rules),
+          scan_(space, rules, steps_),
           owners_(places.size()) {
         for (std::size_t i = 0; i < rules.size(); ++i) {
             Owner& owner = owners_[ownerOf[i]];
@@ -161,8 +161,16 @@ private:
             const auto isGone = [&](std::uint32_t rule) {
                 return isOwn(rule) || owners_[ownerOf_[rule]].gone;
             };
-            const RuleNumbers earlier = scan_.overlapping(region, 0, part);
             // What never decides covers nothing that those before it do not.
+            if (neverDecides) {
+                const std::size_t one =
+                    scan_.covering(region, part, [&](std::uint32_t rule) { return !isGone(rule); });
+                if (one < part) {
+                    search.addCoveringBefore(one);
+                    continue;
+                }
+            }
+            const RuleNumbers earlier = scan_.overlapping(region, 0, part);
             if (neverDecides) {
                 result = search.leavesAny(region, usefulOf(earlier, isGone));
                 continue;
@@ -231,6 +239,7 @@ private:
     const PacketSpace& space_;
     const std::vector<SpaceRule>& rules_;
     const RuleIndex& index_;
+    std::size_t steps_ = 0;
     RuleScan scan_;
     std::vector<Owner> owners_;
     bool hasRulesApart_ = false;         // there are others between the parts of one
@@ -238,7 +247,6 @@ private:
     std::vector<std::size_t> keptIn_;    // by such a first one: the last list that has one of them
     std::size_t lists_ = 0;              // made so far
     std::vector<FWFINDING> findings_;
-    std::size_t steps_ = 0;
 };
 
 }  // namespace
