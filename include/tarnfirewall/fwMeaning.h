@@ -252,7 +252,10 @@ TARNFW_EXPORT std::string fwAddressText(const FWADDRESS& address, FW_FAMILY fami
 /// too complex.
 inline constexpr std::size_t FW_MEANING_STEPS = 10000000;
 
-/// How many of these shadows() spends on a single rule.
+/// How much one question may hold of such pieces, about, in bytes; with more it is given up, too.
+inline constexpr std::size_t FW_MEANING_BYTES = 128000000;
+
+/// How many of these steps shadows() spends on a single rule.
 inline constexpr std::size_t FW_MEANING_STEPS_PER_RULE = 100000;
 
 /// Who decides about a packet.

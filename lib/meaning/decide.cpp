@@ -6,6 +6,7 @@
 #include "tarnfirewall/fwMeaning.h"
 
 #include "meaningState.h"
+#include "pieces.h"
 #include "regions.h"
 
 namespace FW {
@@ -27,6 +28,35 @@ bool isPoint(const Region& region, const FWPACKET& packet) {
         }
     }
     return packet.family.has_value() && packet.protocol.has_value();
+}
+
+/// Takes the packets of a rule away from the pieces. Returns whether there are any, or may be: it
+/// stops when the effort is spent.
+bool cut(const PacketSpace& space, const SpaceRule& rule, std::vector<Piece>& open,
+         Effort& effort) {
+    bool decides = false;
+    std::vector<Piece> rest;
+    std::size_t bytes = 0;
+    for (Piece& piece : open) {
+        ++effort.steps;
+        if (effort.isSpent()) {
+            return true;
+        }
+        const std::size_t before = rest.size();
+        if (overlaps(space, piece.region, rule)) {
+            decides = true;
+            effort.addIntervals(appendWithout(space, std::move(piece), rule, rest));
+        } else {
+            rest.push_back(std::move(piece));
+        }
+        for (std::size_t i = before; i < rest.size(); ++i) {
+            bytes += bytesOf(rest[i]);
+        }
+        effort.bytes = std::max(effort.bytes, bytes);
+    }
+    effort.bytes = bytes;
+    open = std::move(rest);
+    return decides;
 }
 
 }  // namespace
@@ -61,30 +91,19 @@ FWDECISION FW_MEANING::decide(const FWPACKET& packet) const {
         return {{state_->index.firstMatch(space.pointOf(region))}, false};
     }
     FWDECISION decision;
-    std::size_t steps = 0;
-    std::vector<Region> open = {region};
-    for (std::size_t i = 0; i < rules.size() && !open.empty(); ++i) {
+    Effort effort;
+    std::vector<Piece> open = {{region, {}}};
+    for (std::size_t i = 0; i < rules.size() && (decision.tooComplex || !open.empty()); ++i) {
         const SpaceRule& rule = rules[i];
+        ++effort.steps;
         if (!overlaps(space, region, rule)) {
             continue;
         }
-        bool decides = false;
-        steps += open.size();
-        std::vector<Region> rest;
-        for (Region& piece : open) {
-            if (!overlaps(space, piece, rule)) {
-                rest.push_back(std::move(piece));
-                continue;
-            }
-            decides = true;
-            if (decision.tooComplex) {
-                rest.push_back(std::move(piece));
-            } else {
-                appendWithout(space, std::move(piece), rule, rest);
-            }
+        const bool decides = decision.tooComplex || cut(space, rule, open, effort);
+        if (effort.isSpent()) {
+            decision.tooComplex = true;
+            open = {};
         }
-        open = std::move(rest);
-        decision.tooComplex = decision.tooComplex || steps > FW_MEANING_STEPS;
         if (decides) {
             decision.deciders.push_back(i);
             if (decision.tooComplex && covers(space, rule, region)) {
@@ -92,7 +111,7 @@ FWDECISION FW_MEANING::decide(const FWPACKET& packet) const {
             }
         }
     }
-    if (!open.empty()) {
+    if (decision.tooComplex || !open.empty()) {
         decision.deciders.push_back(rules.size());
     }
     return decision;

@@ -16,6 +16,7 @@
 #include "tarnfirewall/fwMeaning.h"
 
 #include "meaningState.h"
+#include "pieces.h"
 #include "regions.h"
 #include "ruleScan.h"
 #include "search.h"
@@ -127,18 +128,18 @@ using Found = std::map<std::pair<std::size_t, std::size_t>, std::vector<Region>>
 class Examination {
 public:
     Examination(const PacketSpace& space, const Side& own, const Side& other, bool onlyMatched,
-                std::size_t& steps, Found& found)
+                Effort& effort, Found& found)
         : space_(space),
           own_(own),
           other_(other),
           onlyMatched_(onlyMatched),
-          steps_(steps),
+          effort_(effort),
           found_(found),
-          ownScan_(space, own.rules, steps),
-          otherScan_(space, other.rules, steps) {}
+          ownScan_(space, own.rules, effort.steps),
+          otherScan_(space, other.rules, effort.steps) {}
 
     void run() {
-        for (std::size_t i = 0; i < own_.rules.size() && steps_ <= FW_MEANING_STEPS; ++i) {
+        for (std::size_t i = 0; i < own_.rules.size() && !effort_.isSpent(); ++i) {
             if (own_.isMatched[i]) {
                 continue;
             }
@@ -146,8 +147,13 @@ public:
             const Region region = space_.regionOf(own_.rules[i].values);
             RuleNumbers earlier = ownScan_.overlapping(region, 0, i);
             if (!neverDecides(region, earlier)) {
-                examine(region, std::move(earlier),
-                        otherScan_.overlapping(region, 0, other_.rules.size()));
+                WaitingPieces waiting(space_, own_.rules, other_.rules, effort_);
+                waiting.add(region, std::move(earlier),
+                            otherScan_.overlapping(region, 0, other_.rules.size()));
+                ListedPiece piece;
+                while (waiting.take(piece)) {
+                    examine(std::move(piece), waiting);
+                }
             }
         }
     }
@@ -159,9 +165,10 @@ private:
         if (searchSteps_ > kSearchSteps) {
             return false;
         }
-        Search search(space_, own_.rules, FW_MEANING_STEPS_PER_RULE);
+        Search search(space_, own_.rules);
         const bool neverDecides = search.leavesAny(region, earlier) == Answer::kNo;
         searchSteps_ += search.steps();
+        effort_.steps += search.steps();
         return neverDecides;
     }
 
@@ -172,25 +179,18 @@ private:
                !(effectOf(other_, rule) == effectOf(own_, decider_));
     }
 
-    RuleNumbers overlapping(const Side& side, const Region& region, const RuleNumbers& numbers) {
-        RuleNumbers overlapping;
-        OverlapTest overlapsRegion(space_, region);
-        for (const std::uint32_t number : numbers) {
-            if (overlapsRegion(side.rules[number])) {
-                overlapping.push_back(number);
-            }
-        }
-        steps_ += numbers.size();
-        return overlapping;
+    void add(std::size_t rule, const Piece& piece, Region region) {
+        effort_.bytes += bytesOf(piece);
+        found_[{decider_, rule}].push_back(std::move(region));
     }
 
-    /// Finds the packets of a region that `earlier` rules of the own list leave. All of `earlier`
-    /// and of `others`, rules of the other list, overlap the region.
-    void examine(const Region& region, RuleNumbers earlier, RuleNumbers others) {
-        if (steps_ > FW_MEANING_STEPS) {
-            return;
-        }
-        steps_ += earlier.size() + others.size() + 1;
+    /// Finds the packets of a piece that rules of the own list leave, before the first of either
+    /// list cuts it; the rest waits.
+    void examine(ListedPiece piece, WaitingPieces& waiting) {
+        const Region& region = piece.piece.region;
+        RuleNumbers& earlier = piece.rules;
+        RuleNumbers& others = piece.others;
+        effort_.steps += earlier.size() + others.size();
         if (std::any_of(earlier.begin(), earlier.end(), [&](std::uint32_t rule) {
                 return covers(space_, own_.rules[rule], region);
             })) {
@@ -211,38 +211,26 @@ private:
         if (!earlier.empty()) {
             const std::uint32_t rule = earlier.front();
             earlier.erase(earlier.begin());
-            examineOutside(region, own_.rules[rule], earlier, others);
+            waiting.addOutside(std::move(piece), own_.rules[rule]);
             return;
         }
         if (others.empty()) {
-            found_[{decider_, other_.rules.size()}].push_back(region);
+            add(other_.rules.size(), piece.piece, region);
             return;
         }
         const std::uint32_t rule = others.front();
         others.erase(others.begin());
         if (isWanted(rule)) {
-            found_[{decider_, rule}].push_back(intersected(space_, region, other_.rules[rule]));
+            add(rule, piece.piece, intersected(space_, region, other_.rules[rule]));
         }
-        examineOutside(region, other_.rules[rule], earlier, others);
-    }
-
-    void examineOutside(const Region& region, const SpaceRule& rule, const RuleNumbers& earlier,
-                        const RuleNumbers& others) {
-        std::vector<Region> pieces;
-        appendWithout(space_, region, rule, pieces);
-        for (const Region& piece : pieces) {
-            if (steps_ > FW_MEANING_STEPS) {
-                return;
-            }
-            examine(piece, overlapping(own_, piece, earlier), overlapping(other_, piece, others));
-        }
+        waiting.addOutside(std::move(piece), other_.rules[rule]);
     }
 
     const PacketSpace& space_;
     const Side& own_;
     const Side& other_;
     bool onlyMatched_;
-    std::size_t& steps_;
+    Effort& effort_;
     Found& found_;
     RuleScan ownScan_;
     RuleScan otherScan_;
@@ -276,18 +264,19 @@ FWDIFFERENCE FW_MEANING::differenceFrom(const FW_MEANING& before) const {
         }
     }
 
-    std::size_t steps = 0;
+    Effort effort;
     Found oldFirst;
-    Examination(space, oldSide, newSide, /*onlyMatched=*/false, steps, oldFirst).run();
+    Examination(space, oldSide, newSide, /*onlyMatched=*/false, effort, oldFirst).run();
     Found newFirst;
-    Examination(space, newSide, oldSide, /*onlyMatched=*/true, steps, newFirst).run();
+    Examination(space, newSide, oldSide, /*onlyMatched=*/true, effort, newFirst).run();
     for (auto& [deciders, regions] : newFirst) {
         oldFirst.emplace(std::pair(deciders.second, deciders.first), std::move(regions));
     }
 
     FWDIFFERENCE difference;
+    Effort joining;
     for (auto& [deciders, regions] : oldFirst) {
-        join(space, regions);
+        join(space, regions, joining);
         FWCHANGE& change = difference.changes.emplace_back();
         change.change =
             changeOf(effectOf(oldSide, deciders.first), effectOf(newSide, deciders.second));
@@ -298,7 +287,7 @@ FWDIFFERENCE FW_MEANING::differenceFrom(const FW_MEANING& before) const {
         change.before = deciders.first;
         change.after = deciders.second;
     }
-    if (steps > FW_MEANING_STEPS) {
+    if (effort.isSpent()) {
         difference.findings.push_back({{}, "too complex: there may be more differences"});
     }
     return difference;

@@ -78,11 +78,12 @@ bool contains(IntervalView set, Number number) {
     return found != set.size() && set[found].first <= number;
 }
 
-bool overlapsAny(IntervalView a, IntervalView b) {
+bool overlapsAny(IntervalView a, IntervalView b, std::size_t& looked) {
     const IntervalView few = a.size() <= b.size() ? a : b;
     const IntervalView many = a.size() <= b.size() ? b : a;
     std::size_t found = 0;
     for (const Interval& one : few) {
+        ++looked;
         found = endingFrom(many, found, one.first);
         if (found == many.size()) {
             return false;

@@ -90,8 +90,9 @@ void normalize(Intervals& intervals);
 
 bool contains(IntervalView set, Number number);
 
-/// overlaps() of lists of any length.
-bool overlapsAny(IntervalView a, IntervalView b);
+/// overlaps() of lists of any length. Adds to `looked` how many intervals of the shorter one it has
+/// looked at.
+bool overlapsAny(IntervalView a, IntervalView b, std::size_t& looked);
 
 /// Whether the sets have a number in common.
 inline bool overlaps(IntervalView a, IntervalView b) {
@@ -101,7 +102,8 @@ inline bool overlaps(IntervalView a, IntervalView b) {
         const Interval other = b.front();
         return one.first <= other.last && other.first <= one.last;
     }
-    return overlapsAny(a, b);
+    std::size_t looked = 0;
+    return overlapsAny(a, b, looked);
 }
 
 /// includes() of lists of any length.

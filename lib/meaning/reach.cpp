@@ -8,6 +8,7 @@
 #include "tarnfirewall/fwMeaning.h"
 
 #include "meaningState.h"
+#include "pieces.h"
 #include "regions.h"
 #include "ruleScan.h"
 
@@ -18,26 +19,35 @@ namespace {
 class Passage {
 public:
     Passage(const PacketSpace& space, const std::vector<SpaceRule>& rules)
-        : space_(space), rules_(rules), scan_(space, rules, steps_) {}
+        : space_(space), rules_(rules), scan_(space, rules, effort_.steps) {}
 
     std::vector<Region> of(const Region& region) {
         found_.clear();
-        cut(region, scan_.overlapping(region, 0, rules_.size()));
-        join(space_, found_);
+        WaitingPieces waiting(space_, rules_, rules_, effort_);
+        waiting.add(region, scan_.overlapping(region, 0, rules_.size()));
+        ListedPiece piece;
+        while (waiting.take(piece)) {
+            cut(std::move(piece), waiting);
+        }
+        join(space_, found_, joining_);
         return std::move(found_);
     }
 
-    bool isTooComplex() const { return steps_ > FW_MEANING_STEPS; }
+    bool isTooComplex() const { return effort_.isSpent(); }
 
 private:
     bool drops(std::uint32_t rule) const { return rules_[rule].verdict == FW_PACKET_DROP; }
 
-    /// All of `rules` overlap the region.
-    void cut(const Region& region, RuleNumbers rules) {
-        if (isTooComplex()) {
-            return;
-        }
-        steps_ += rules.size() + 1;
+    void add(const Piece& piece, Region region) {
+        effort_.bytes += bytesOf(piece);
+        found_.push_back(std::move(region));
+    }
+
+    /// Finds what passes of a piece before the second of its rules; the rest waits.
+    void cut(ListedPiece piece, WaitingPieces& waiting) {
+        const Region& region = piece.piece.region;
+        RuleNumbers& rules = piece.rules;
+        effort_.steps += rules.size();
         const auto last = std::find_if(rules.begin(), rules.end(), [&](std::uint32_t rule) {
             return covers(space_, rules_[rule], region);
         });
@@ -48,7 +58,7 @@ private:
         const auto count = std::count_if(rules.begin(), rules.end(),
                                          [this](std::uint32_t rule) { return drops(rule); });
         if (count == 0) {
-            found_.push_back(region);
+            add(piece.piece, region);
             return;
         }
         if (!ends && static_cast<std::size_t>(count) == rules.size()) {
@@ -56,24 +66,16 @@ private:
         }
         const SpaceRule& first = rules_[rules.front()];
         if (!drops(rules.front())) {
-            found_.push_back(intersected(space_, region, first));
+            add(piece.piece, intersected(space_, region, first));
         }
         rules.erase(rules.begin());
-        std::vector<Region> pieces;
-        appendWithout(space_, region, first, pieces);
-        for (const Region& piece : pieces) {
-            OverlapTest overlapsPiece(space_, piece);
-            RuleNumbers others;
-            std::copy_if(rules.begin(), rules.end(), std::back_inserter(others),
-                         [&](std::uint32_t rule) { return overlapsPiece(rules_[rule]); });
-            steps_ += rules.size();
-            cut(piece, std::move(others));
-        }
+        waiting.addOutside(std::move(piece), first);
     }
 
     const PacketSpace& space_;
     const std::vector<SpaceRule>& rules_;
-    std::size_t steps_ = 0;
+    Effort effort_;
+    Effort joining_;
     RuleScan scan_;
     std::vector<Region> found_;
 };

@@ -4,6 +4,8 @@
 #include <optional>
 #include <utility>
 
+#include "pieces.h"
+
 namespace FW {
 
 namespace {
@@ -14,6 +16,20 @@ constexpr Field kQuickFirst[] = {kIn,         kProtocol, kDestinationPort, kSour
                                  kChain,      kOut,      kIcmpType,        kState,      kSource,
                                  kDestination};
 static_assert(sizeof(kQuickFirst) / sizeof(kQuickFirst[0]) == kFields);
+
+// What LongOverlaps may know, in bytes: the rows of some hundred countries.
+constexpr std::size_t kMostKnown = 16000000;
+
+/// Whether two sets overlap. Adds to `steps` what long ones cost.
+bool overlapsCounted(IntervalView a, IntervalView b, std::size_t& steps) {
+    if (a.size() == 1 && b.size() == 1) {
+        return overlaps(a, b);
+    }
+    std::size_t looked = 0;
+    const bool overlapping = overlapsAny(a, b, looked);
+    steps += looked / 8;
+    return overlapping;
+}
 
 /// The values that two sets have in common, which overlap.
 Values commonOf(IntervalView a, IntervalView b) {
@@ -66,16 +82,24 @@ LongOverlaps::Row& LongOverlaps::rowOf(const Values& list) {
     return row;
 }
 
-bool LongOverlaps::overlap(const Values& list, Row& row, std::uint32_t id) const {
+void LongOverlaps::forgetMuch() {
+    if (rows_.size() * space_.size() > kMostKnown) {
+        rows_.clear();
+    }
+}
+
+bool LongOverlaps::overlap(const Values& list, Row& row, std::uint32_t id,
+                           std::size_t& steps) const {
     std::uint8_t& known = row[id];
     if (known == 0) {
-        known = overlaps(*space_.values(id), *list) ? 2 : 1;
+        known = overlapsCounted(*space_.values(id), *list, steps) ? 2 : 1;
     }
     return known == 2;
 }
 
-OverlapTest::OverlapTest(const PacketSpace& space, const Region& region, LongOverlaps* shared)
-    : space_(space), region_(region), shared_(shared) {
+OverlapTest::OverlapTest(const PacketSpace& space, const Region& region, std::size_t& steps,
+                         LongOverlaps* shared)
+    : space_(space), region_(region), steps_(steps), shared_(shared) {
     for (const Field field : {kSource, kDestination}) {
         const Values& own = region[field];
         if (shared != nullptr && own != nullptr && own->size() > kLongList) {
@@ -85,6 +109,7 @@ OverlapTest::OverlapTest(const PacketSpace& space, const Region& region, LongOve
 }
 
 bool OverlapTest::operator()(const SpaceRule& rule) {
+    ++steps_;
     for (const Field field : kQuickFirst) {
         const std::uint32_t id = rule.values[field];
         const Values& own = region_[field];
@@ -93,14 +118,15 @@ bool OverlapTest::operator()(const SpaceRule& rule) {
         }
         const bool isAddress = field == kSource || field == kDestination;
         if (isAddress && rows_[field - kSource] != nullptr) {
-            if (!shared_->overlap(own, *rows_[field - kSource], id)) {
+            if (!shared_->overlap(own, *rows_[field - kSource], id, steps_)) {
                 return false;
             }
             continue;
         }
         const Values& values = space_.values(id);
         if (values != own &&
-            !(values->size() > kLongList ? overlapsLong(field, id) : overlaps(*values, *own))) {
+            !(values->size() > kLongList ? overlapsLong(field, id)
+                                         : overlapsCounted(*values, *own, steps_))) {
             return false;
         }
     }
@@ -111,7 +137,7 @@ bool OverlapTest::overlapsLong(Field field, std::uint32_t id) {
     const std::uint32_t key = id * 2 + (field == kSource ? 0 : 1);
     Known& known = known_[key % known_.size()];
     if (known.key != key) {
-        known = {key, overlaps(*space_.values(id), *region_[field])};
+        known = {key, overlapsCounted(*space_.values(id), *region_[field], steps_)};
     }
     return known.overlaps;
 }
@@ -158,8 +184,9 @@ Region intersected(const PacketSpace& space, const Region& region, const SpaceRu
     return common;
 }
 
-void appendWithout(const PacketSpace& space, Region region, const SpaceRule& rule,
-                   std::vector<Region>& rest) {
+std::size_t appendWithout(const PacketSpace& space, Piece piece, const SpaceRule& rule,
+                          std::vector<Piece>& rest) {
+    std::size_t made = 0;
     for (std::size_t at = 0; at < kFields; ++at) {
         const auto field = static_cast<Field>(at);
         const std::uint32_t id = rule.values[field];
@@ -167,16 +194,20 @@ void appendWithout(const PacketSpace& space, Region region, const SpaceRule& rul
             continue;
         }
         const Values& values = space.values(id);
-        const IntervalView own = space.valuesIn(region, field);
+        const IntervalView own = space.valuesIn(piece.region, field);
         std::optional<Values> outside = restOf(own, *values);
         if (!outside) {
             continue;
         }
-        Region piece = region;
-        piece[field] = std::move(*outside);
-        rest.push_back(std::move(piece));
-        region[field] = isAny(region[field]) ? values : commonOf(own, *values);
+        made += (*outside)->size();
+        Piece& one = rest.emplace_back(piece);
+        one.region[field] = std::move(*outside);
+        one.own[field] = true;
+        piece.own[field] = !isAny(piece.region[field]);
+        piece.region[field] = isAny(piece.region[field]) ? values : commonOf(own, *values);
+        made += piece.own[field] ? piece.region[field]->size() : 0;
     }
+    return made;
 }
 
 int compare(const Values& a, const Values& b) {
@@ -267,10 +298,16 @@ long double sizeOf(const PacketSpace& space, const Region& region) {
 
 }  // namespace
 
-void join(const PacketSpace& space, std::vector<Region>& regions) {
+void join(const PacketSpace& space, std::vector<Region>& regions, Effort& effort) {
     for (std::size_t before = 0; before != regions.size() && regions.size() > 1;) {
         before = regions.size();
-        for (std::size_t field = kFields; field > 0; --field) {
+        for (std::size_t field = kFields; field > 0 && !effort.isSpent(); --field) {
+            effort.steps += regions.size();
+            for (const Region& region : regions) {
+                for (const Values& values : region) {
+                    effort.addIntervals(isAny(values) ? 0 : values->size());
+                }
+            }
             joinAlong(space, static_cast<Field>(field - 1), regions);
         }
     }

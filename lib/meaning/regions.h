@@ -2,6 +2,8 @@
 #pragma once
 
 #include <array>
+#include <bitset>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <utility>
@@ -11,8 +13,19 @@
 
 namespace FW {
 
+struct Effort;
+
 /// Whether a region and a rule have a packet in common.
 bool overlaps(const PacketSpace& space, const Region& region, const SpaceRule& rule);
+
+using RuleNumbers = std::vector<std::uint32_t>;
+
+/// A region that was cut, and which of its values the cuts made: a space or the question has the
+/// others.
+struct Piece {
+    Region region;
+    std::bitset<kFields> own;
+};
 
 /// Whether long lists of addresses overlap with values of a space: compares the same ones once.
 class LongOverlaps {
@@ -23,7 +36,11 @@ public:
     using Row = std::vector<std::uint8_t>;
 
     Row& rowOf(const Values& list);
-    bool overlap(const Values& list, Row& row, std::uint32_t id) const;
+
+    /// Forgets everything if it has become much. No row may be in use.
+    void forgetMuch();
+
+    bool overlap(const Values& list, Row& row, std::uint32_t id, std::size_t& steps) const;
 
 private:
     const PacketSpace& space_;
@@ -34,8 +51,10 @@ private:
 /// share, only once.
 class OverlapTest {
 public:
-    /// With `shared`, also what other regions showed; it keeps their lists.
-    OverlapTest(const PacketSpace& space, const Region& region, LongOverlaps* shared = nullptr);
+    /// Adds what it compares to `steps`: a rule, or a few intervals of long lists. With `shared`,
+    /// also what other regions showed; it keeps their lists.
+    OverlapTest(const PacketSpace& space, const Region& region, std::size_t& steps,
+                LongOverlaps* shared = nullptr);
 
     bool operator()(const SpaceRule& rule);
 
@@ -50,6 +69,7 @@ private:
     };
     const PacketSpace& space_;
     const Region& region_;
+    std::size_t& steps_;
     LongOverlaps* shared_;
     std::array<LongOverlaps::Row*, 2>
         rows_{};  // of the region's own addresses, where they are long
@@ -64,15 +84,17 @@ bool contains(const PacketSpace& space, const SpaceRule& rule, const Point& poin
 /// The packets that a region and a rule have in common, where they overlap.
 Region intersected(const PacketSpace& space, const Region& region, const SpaceRule& rule);
 
-/// Appends the packets of a region that a rule does not have, as disjoint regions.
-void appendWithout(const PacketSpace& space, Region region, const SpaceRule& rule,
-                   std::vector<Region>& rest);
+/// Appends the packets of a piece that a rule does not have, as disjoint pieces. Returns how many
+/// intervals it made.
+std::size_t appendWithout(const PacketSpace& space, Piece piece, const SpaceRule& rule,
+                          std::vector<Piece>& rest);
 
 /// An order of values by content; below 0, 0 or above.
 int compare(const Values& a, const Values& b);
 
 /// Joins regions that differ in one field only, again and again. The result covers the same
-/// packets with fewer regions, the largest first; it is disjoint when they are.
-void join(const PacketSpace& space, std::vector<Region>& regions);
+/// packets with fewer regions, the largest first; it is disjoint when they are. They stay as they
+/// are when the effort is spent.
+void join(const PacketSpace& space, std::vector<Region>& regions, Effort& effort);
 
 }  // namespace FW

@@ -97,7 +97,6 @@ void RuleScan::visit(const Group& group, std::size_t from, std::size_t end, cons
                 break;
             }
             at = block + static_cast<std::size_t>(static_cast<const std::uint8_t*>(hit) - hits);
-            ++steps_;
             if (!visitor(group.rules[at])) {
                 return;
             }
@@ -111,7 +110,8 @@ RuleNumbers RuleScan::overlapping(const Region& region, std::size_t from, std::s
     for (Bounds& bounds : wanted) {
         std::swap(bounds.first, bounds.last);
     }
-    OverlapTest overlapsRegion(space_, region, &longOverlaps_);
+    longOverlaps_.forgetMuch();
+    OverlapTest overlapsRegion(space_, region, steps_, &longOverlaps_);
     RuleNumbers found;
     for (const Group& group : groups_) {
         const Values& in = space_.values(group.in);
@@ -140,6 +140,7 @@ std::size_t RuleScan::covering(const Region& region, std::size_t end,
             continue;
         }
         visit(group, 0, first, wanted, [&](std::uint32_t rule) {
+            ++steps_;
             if (covers(space_, rules_[rule], region) && isWanted(rule)) {
                 first = rule;
             }

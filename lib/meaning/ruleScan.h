@@ -11,8 +11,6 @@
 
 namespace FW {
 
-using RuleNumbers = std::vector<std::uint32_t>;
-
 /// Looks only at rules for the region's interfaces, and at the bounds of many rules at once, before
 /// it looks at a rule's values.
 class RuleScan {

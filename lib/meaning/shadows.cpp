@@ -151,8 +151,8 @@ private:
     /// The shadow of a rule if it never decides, or if it changes nothing.
     std::optional<FWSHADOW> examine(std::size_t number, bool neverDecides) {
         Owner& owner = owners_[number];
-        Search search(space_, rules_, FW_MEANING_STEPS_PER_RULE);
-        Search besideAll(space_, rules_, FW_MEANING_STEPS_PER_RULE);
+        Search search(space_, rules_);
+        Search besideAll(space_, rules_);
         Answer result = Answer::kNo;
         for (std::size_t i = 0; i < owner.parts.size() && result == Answer::kNo; ++i) {
             const std::uint32_t part = owner.parts[i];
