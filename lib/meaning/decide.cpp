@@ -1,7 +1,9 @@
 // Single packets.
 
 #include <algorithm>
+#include <cstddef>
 #include <utility>
+#include <vector>
 
 #include "tarnfirewall/fwMeaning.h"
 

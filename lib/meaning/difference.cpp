@@ -39,8 +39,7 @@ bool same(const SpaceRule& a, const SpaceRule& b) {
 std::uint64_t hashOf(const SpaceRule& rule) {
     std::uint64_t hash = static_cast<std::uint64_t>(rule.verdict) * 2 + (rule.log ? 1 : 0);
     for (const std::uint32_t id : rule.values) {
-        hash = (hash ^ id) * 0x9e3779b97f4a7c15U;
-        hash ^= hash >> 29;
+        hash = mixedHash(hash, id);
     }
     return hash;
 }

@@ -125,4 +125,10 @@ Intervals united(IntervalView a, IntervalView b);
 /// The numbers of `set` that are not in `other`.
 Intervals without(IntervalView set, IntervalView other);
 
+/// A hash with one more number in it.
+inline std::uint64_t mixedHash(std::uint64_t hash, std::uint64_t number) {
+    hash = (hash ^ number) * 0x9e3779b97f4a7c15U;
+    return hash ^ hash >> 29;
+}
+
 }  // namespace FW

@@ -64,8 +64,7 @@ std::uint64_t hashOf(IntervalView values) {
     const auto mix = [&hash](Number number) {
         for (const auto half :
              {static_cast<std::uint64_t>(number >> 64), static_cast<std::uint64_t>(number)}) {
-            hash = (hash ^ half) * 0x9e3779b97f4a7c15U;
-            hash ^= hash >> 29;
+            hash = mixedHash(hash, half);
         }
     };
     for (const Interval& one : values) {

@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <utility>
 #include <vector>
 
 #include "packetSpace.h"

@@ -1,13 +1,13 @@
 // Rules that change nothing.
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <set>
-#include <string>
-#include <tuple>
 #include <utility>
+#include <vector>
 
 #include "tarnfirewall/fwMeaning.h"
 
