@@ -92,6 +92,22 @@ FW::FWRULE hostileRule(Random& random) {
     return rule;
 }
 
+FW::FWRULE listRule(Random& random) {
+    constexpr int kGaps = 7;
+    std::uint32_t mask = 0xffffffff;
+    for (int i = 0; i < kGaps;) {
+        const std::uint32_t bit = 2U << pick(random, 31);  // the last bit would join neighbours
+        i += (mask & bit) != 0 ? 1 : 0;
+        mask &= ~bit;
+    }
+    FW::FWRULE rule;
+    rule.ipGroup = FW::FW_IP_GROUP_NETWORK;
+    rule.ipList = {addressText(static_cast<std::uint32_t>(random())), addressText(mask)};
+    rule.ipDirect = 1;
+    rule.portGroup = FW::FW_PORT_GROUP_ANY;
+    return rule;
+}
+
 /// Ranges of a country: every 20th block of the whole space is its own.
 std::uint32_t rangeStart(unsigned country, std::uint32_t range, std::uint32_t ranges) {
     const std::uint32_t block = 0xffffffffU / (ranges * kCountryCount);
@@ -108,10 +124,11 @@ FW::FWPROFILE makeMeaningProfile(MeaningKind kind, int rules, unsigned seed) {
         profile.adapterPolicyMap[adapter] =
             adapter == "global" ? FW::FW_POLICY_NONE : FW::FW_POLICY_DENY;
     }
-    const bool isCrowded = kind == MeaningKind::Crowded;
+    const bool isCrowded = kind == MeaningKind::Crowded || kind == MeaningKind::Lists;
     for (int i = 0; i < rules; ++i) {
         FW::FWRULE rule = kind == MeaningKind::Random      ? randomRule(random)
                           : kind == MeaningKind::Realistic ? realisticRule(random)
+                          : kind == MeaningKind::Lists     ? listRule(random)
                                                            : hostileRule(random);
         rule.policy = pick(random, 2) == 0 ? FW::FW_POLICY_ALLOW : FW::FW_POLICY_DENY;
         rule.blLog = pick(random, 10) == 0;

@@ -9,6 +9,7 @@ enum class MeaningKind {
     Realistic,  ///< services, some networks, 20 countries of a full-size database
     Hostile,    ///< wide ranges of addresses and ports that cut each other, on either side
     Crowded,    ///< the same, all of TCP on one adapter
+    Lists,      ///< masks with gaps on one adapter: of each rule 128 addresses of its own
 };
 
 struct NamedMeaningKind {
@@ -17,10 +18,9 @@ struct NamedMeaningKind {
 };
 
 inline constexpr NamedMeaningKind kMeaningKinds[] = {
-    {"random", MeaningKind::Random},
-    {"realistic", MeaningKind::Realistic},
-    {"hostile", MeaningKind::Hostile},
-    {"crowded", MeaningKind::Crowded},
+    {"random", MeaningKind::Random},   {"realistic", MeaningKind::Realistic},
+    {"hostile", MeaningKind::Hostile}, {"crowded", MeaningKind::Crowded},
+    {"lists", MeaningKind::Lists},
 };
 
 /// A profile of `rules` rules. Different seeds make unrelated profiles.
