@@ -23,8 +23,10 @@ constexpr unsigned long kIpv6Bits = 128;
 constexpr unsigned long kHighestByte = 255;
 constexpr int kByteBits = 8;
 
-// iptables copies so much of a dotted address before it reads it.
+// iptables copies so much of a dotted address before it reads it, and refuses a text between commas
+// that is longer than the other.
 constexpr std::size_t kDottedBytes = 19;
+constexpr std::size_t kHostBytes = 255;
 
 std::size_t sizeOf(const Address& address) {
     return address.isIpv6() ? address.bytes().size() : kIpv4Bytes;
@@ -43,9 +45,8 @@ std::optional<unsigned long> numberRead(const std::string& text, unsigned long h
 /// "10.0.0.1"; "10.1", which is 10.1.0.0, unless all four numbers are needed.
 std::optional<Address> dottedRead(const std::string& text, bool whole) {
     std::vector<std::string> numbers;
-    boost::split(numbers, text, boost::is_any_of("."));
-    if (text.size() > kDottedBytes || numbers.size() > kIpv4Bytes ||
-        (whole && numbers.size() < kIpv4Bytes)) {
+    boost::split(numbers, text.substr(0, kDottedBytes), boost::is_any_of("."));
+    if (numbers.size() > kIpv4Bytes || (whole && numbers.size() < kIpv4Bytes)) {
         return std::nullopt;
     }
     Address::Bytes bytes = {};
@@ -106,7 +107,11 @@ Address maskOf(unsigned long length, bool ipv6) {
     return Address(ipv6, bytes);
 }
 
-std::optional<MaskedAddress> oneRead(const std::string& text, bool ipv6) {
+std::optional<MaskedAddress> oneRead(std::string text, bool ipv6) {
+    text.erase(0, text.find_first_not_of(" \t\n\v\f\r"));  // as iptables does
+    if (text.size() > kHostBytes) {
+        return std::nullopt;
+    }
     const std::size_t slash = text.rfind('/');
     const std::optional<Address> mask = slash == std::string::npos
                                             ? maskOf(ipv6 ? kIpv6Bits : kIpv4Bits, ipv6)

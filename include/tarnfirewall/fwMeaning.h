@@ -223,9 +223,11 @@ struct FWRESOLVED {
 /// line are not among them. Of a rule with findings, the lines that iptables takes are: in apply
 /// mode "lines" they are in the kernel, in "batch" the whole profile is refused.
 /// An `exceptedIp` that is no address is a finding, and there are no rules at all.
-/// Texts are read as iptables reads them: "10/8" is 10.0.0.0/8 and "010.0.0.1" is 8.0.0.1. Names of
-/// hosts and of ports, ports above 65535 and texts with a blank in them are findings, even where
-/// iptables does not refuse them: it asks a name server, or makes 4464 of the UDP port 70000.
+/// Texts are read as iptables reads them: "10/8" is 10.0.0.0/8, "010.0.0.1" is 8.0.0.1, "10.256" is
+/// 10.0.1.0, and of four numbers with dots the first 19 characters count. Names of hosts and of
+/// ports, ports above 65535, IPv6 addresses with an interface ("fe80::1%eth0") and texts with a
+/// blank in them are findings, even where iptables does not refuse them: it asks a name server,
+/// makes 4464 of the UDP port 70000, or leaves an interface out that exists.
 TARNFW_EXPORT FWRESOLVED fwResolve(const FWPROFILE& profile, const FWENVIRONMENT& environment);
 
 /// The packets for a service with these ports: sets by protocol, with those of the protocols that

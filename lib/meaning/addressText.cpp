@@ -13,6 +13,13 @@ namespace {
 // In an IPv4 number, the bits that are no part of the address.
 constexpr Number kBelowIpv4 = kMaxNumber >> 32;
 
+constexpr char kBlanks[] = " \t\n\v\f\r";
+
+// iptables copies so much of four numbers with dots before it reads them, and refuses a text
+// between commas that is longer than the other.
+constexpr std::size_t kDottedBytes = 19;
+constexpr std::size_t kHostBytes = 255;
+
 constexpr unsigned bitsOf(FW_FAMILY family) {
     return family == FW_FAMILY_V4 ? 32 : 128;
 }
@@ -35,7 +42,8 @@ std::optional<Number> ipv6From(const std::string& text) {
 }
 
 /// Four numbers with dots. Missing ones at the end are zero, where an address may be incomplete.
-std::optional<Number> ipv4From(const std::string& text, bool mayBeIncomplete) {
+std::optional<Number> ipv4From(const std::string& whole, bool mayBeIncomplete) {
+    const std::string text = whole.substr(0, kDottedBytes);
     Number number = 0;
     std::size_t start = 0;
     for (unsigned count = 0; count < 4; ++count) {
@@ -61,16 +69,23 @@ std::optional<Number> numericAddress(const std::string& text, FW_FAMILY family) 
     return family == FW_FAMILY_V4 ? ipv4From(text, /*mayBeIncomplete=*/true) : ipv6From(text);
 }
 
-/// An address before a mask. iptables asks the C library about one that it does not understand,
-/// which also reads IPv4 addresses in IPv6 form, "::ffff:10.0.0.1".
-std::optional<Number> hostFrom(const std::string& text, FW_FAMILY family) {
-    const auto address = numericAddress(text, family);
-    if (address || family == FW_FAMILY_V6) {
-        return address;
+/// What the C library takes for an IPv4 address: "167772161", "10.256", and in IPv6 form,
+/// "::ffff:10.0.0.1".
+std::optional<Number> ipv4OfLibrary(const std::string& text) {
+    in_addr address = {};
+    if (text.find_first_of(kBlanks) == std::string::npos &&
+        inet_aton(text.c_str(), &address) != 0) {
+        return Number(ntohl(address.s_addr)) << 96;
     }
     constexpr Number kMapped = 0xffff;
     const auto mapped = ipv6From(text);
     return mapped && *mapped >> 32 == kMapped ? std::optional(*mapped << 96) : std::nullopt;
+}
+
+/// An address before a mask. iptables asks the C library about one that it does not understand.
+std::optional<Number> hostFrom(const std::string& text, FW_FAMILY family) {
+    const auto address = numericAddress(text, family);
+    return address || family == FW_FAMILY_V6 ? address : ipv4OfLibrary(text);
 }
 
 /// A mask as a number: "255.0.0.0", "ffff::", or a prefix length.
@@ -111,8 +126,12 @@ TextResult appendMasked(Number address, Number mask, FW_FAMILY family, Intervals
     return TextResult::kRead;
 }
 
-/// Appends what one of the texts between commas matches.
-TextResult appendOne(const std::string& text, FW_FAMILY family, Intervals& addresses) {
+/// Appends what one of the texts between commas matches. Blanks before it are skipped.
+TextResult appendOne(std::string text, FW_FAMILY family, Intervals& addresses) {
+    text.erase(0, text.find_first_not_of(kBlanks));
+    if (text.size() > kHostBytes) {
+        return TextResult::kInvalid;
+    }
     const std::size_t slash = text.rfind('/');
     Number mask = kMaxNumber;
     if (slash != std::string::npos) {
@@ -139,7 +158,7 @@ std::optional<unsigned> numberFrom(const std::string& text, unsigned max, int ba
         }
         return number <= max ? std::optional(number) : std::nullopt;
     }
-    const std::size_t sign = text.find_first_not_of(" \t\n\v\f\r");
+    const std::size_t sign = text.find_first_not_of(kBlanks);
     if (sign == std::string::npos || text[sign] == '-') {
         return std::nullopt;
     }

@@ -206,6 +206,13 @@ const AddressCase kAddressCases[] = {
     {"10.0.0.1,10.0.0.9", kV4, {"10.0.0.1-10.0.0.1", "10.0.0.9-10.0.0.9"}},
     {"10.1.2.3/255.255.255.250", kV4, {"10.1.2.2-10.1.2.3", "10.1.2.6-10.1.2.7"}},
     {"10.1.2.3/31", kV4, {"10.1.2.2-10.1.2.3"}},
+    {"167772161", kV4, {"10.0.0.1-10.0.0.1"}},
+    {"0xa000001/8", kV4, {"10.0.0.0-10.255.255.255"}},
+    {"10.256", kV4, {"10.0.1.0-10.0.1.0"}},
+    {"10.0.0.1,\t10.256", kV4, {"10.0.0.1-10.0.0.1", "10.0.1.0-10.0.1.0"}},
+    {"10.0.0.0000000000000000000001", kV4, {"10.0.0.0-10.0.0.0"}},
+    {"10.0.0.1/255.0.0.00000000000000008", kV4, {"10.0.0.0-10.255.255.255"}},
+    {std::string(248, '0') + "1.2.3.4", kV4, {"0.0.0.0-0.0.0.0"}},
     {"nowhere/0", kV4, {"any"}},
     {"nowhere/0.0.0.0", kV4, {"any"}},
     {"0.0.0.0/1", kV4, {"0.0.0.0-127.255.255.255"}},
@@ -215,6 +222,12 @@ const AddressCase kAddressCases[] = {
     {"10.0.0.1/33", kV4, {}},
     {"10.0.0.1/8/8", kV4, {}},
     {"256.0.0.1", kV4, {}},
+    {"4294967296", kV4, {}},
+    {"10.\t256", kV4, {}},
+    {"10.256\tx", kV4, {}},
+    {"10.0.0.1/255.256", kV4, {}},
+    {"10.0.0.1/255.0000000000000000.0.0", kV4, {}},
+    {std::string(249, '0') + "1.2.3.4", kV4, {}},
     {"10.0.0.1,", kV4, {}},
     {"10.0.0.1 -p tcp", kV4, {}},
     {"nowhere", kV4, {}},
@@ -224,6 +237,10 @@ const AddressCase kAddressCases[] = {
     {"10.0.0.1/::ffff:255.0.0.0", kV4, {}},
     {"fe80::1/10", kV6, {"fe80::-febf:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}},
     {"fe80::1/ffff::", kV6, {"fe80::-fe80:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}},
+    {"\tfe80::1,\tfe80::3/128", kV6, {"fe80::1-fe80::1", "fe80::3-fe80::3"}},
+    {"fe80::1%lo", kV6, {}},
+    {"fe80::1\t", kV6, {}},
+    {"167772161", kV6, {}},
     {"::ffff:1.2.3.4", kV6, {"::ffff:1.2.3.4-::ffff:1.2.3.4"}},
     {"10.0.0.1/0", kV6, {"any"}},
     {"10.0.0.1", kV6, {}},
@@ -313,6 +330,19 @@ TEST(ResolveTest, AddressesOfAllRulesHaveABound) {
         findingsOf(resolve({countries({"AA", "BB"}), countries({"BB", "AA"}), ipv4, ipv6, ipv4},
                            environment)),
         ElementsAre("eth0 4: " + why, "eth0 5: " + why));
+}
+
+TEST(ResolveTest, EndsOfARangeAreFourNumbersOfTheFirst19Characters) {
+    const auto range = [](const std::string& first, const std::string& last) {
+        return resolve({addressRule(FW::FW_IP_GROUP_RANGE, {first, last})});
+    };
+    const std::vector<FWRESOLVEDRULE> cut =
+        rulesOf(range("10.0.0.0000000000000000000001", "10.0.0.5"));
+    ASSERT_THAT(cut, SizeIs(1));
+    EXPECT_THAT(addressTexts(cut[0].packets.sources.get(), kV4), ElementsAre("10.0.0.0-10.0.0.5"));
+    EXPECT_THAT(findingsOf(range("10.256", "10.257")),
+                ElementsAre("eth0 1: \"10.256-10.257\" is not an IPv4 address"));
+    EXPECT_THAT(findingsOf(range("167772161", "167772170")), SizeIs(1));
 }
 
 TEST(ResolveTest, RangeThatRunsBackwardsMatchesNothing) {
