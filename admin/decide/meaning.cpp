@@ -62,9 +62,7 @@ bool isOfProfile(const FW::FWRESOLVEDRULE& rule) {
 }  // namespace
 
 bool isNotCounted(const FW::FWFINDING& finding) {
-    // Of the others the kernel has no line either.
-    return finding.place.position > 0 &&
-           finding.text.find(" is too complex: ") != std::string::npos;
+    return finding.kind == FW::FW_FINDING_TOO_COMPLEX;
 }
 
 FW::FWENVIRONMENT environmentOf(const std::vector<FW::FWPROFILE>& profiles, Machine& machine,

@@ -157,10 +157,19 @@ struct FWRESOLVEDRULE {
     FWPLACE place;
 };
 
+enum FW_FINDING : std::uint8_t {
+    FW_FINDING_TOO_COMPLEX = 0,  ///< every finding of a question: its answer is incomplete; of a
+                                 ///< rule: lines that are in the kernel are not resolved
+    FW_FINDING_REFUSED = 1,      ///< lines that are not resolved, because iptables refuses them or
+                                 ///< there are none: the translation fails
+    FW_FINDING_OF_OTHERS = 2     ///< lines that are not resolved, in tables or chains of others
+};
+
 /// Something wrong with a profile, or a question that was too complex to answer.
 struct FWFINDING {
     FWPLACE place;
     std::string text;  ///< "\"10.0.0.256\" is not an IPv4 address"
+    FW_FINDING kind = FW_FINDING_TOO_COMPLEX;
 };
 
 // ---- Resolving ----

@@ -19,8 +19,8 @@ namespace TARNFW_EXPORT_ALL tarnfw {
 
 class Machine;
 
-/// Whether it is a rule that is in the kernel but not among the resolved ones, since the mask of
-/// its address is too complex.
+/// Whether it is a rule that is in the kernel but not among the resolved ones, since its addresses
+/// are too complex. Of a finding about a profile.
 bool isNotCounted(const FW::FWFINDING& finding);
 
 /// What the meaning of each of these profiles depends on besides its text: one environment for all

@@ -76,8 +76,9 @@ private:
     void addAdapter(const std::string& adapter, const FWINTERFACES& interfaces);
     void add(const FWRULE& rule, const FWPLACE& place, const FWINTERFACES& interfaces);
     void addForTunnel(const FWRULE& rule, const FWPLACE& place);
-    Texts addTo(const std::string& list, const FWRULE& rule, const FWPLACE& place,
-                const std::shared_ptr<const FWINTERFACES>& interfaces);
+    std::vector<LeftOut> addTo(const std::string& list, const FWRULE& rule, const FWPLACE& place,
+                               const std::shared_ptr<const FWINTERFACES>& interfaces);
+    void report(const FWPLACE& place, const LeftOut& left);
 
     const FWPROFILE& profile_;
     const FWENVIRONMENT& environment_;
@@ -96,7 +97,10 @@ FWRESOLVED Resolver::run() {
     const std::string& excepted = environment_.exceptedIp;
     if (!excepted.empty() && !fwAddressFrom(excepted, FW_FAMILY_V4) &&
         !fwAddressFrom(excepted, FW_FAMILY_V6)) {
-        return {{}, {{{FW_ORIGIN_ESTABLISHED, "", 0}, inQuotes(excepted) + " is not an address"}}};
+        return {{},
+                {{{FW_ORIGIN_ESTABLISHED, "", 0},
+                  inQuotes(excepted) + " is not an address",
+                  FW_FINDING_REFUSED}}};
     }
     addFixedLines();
 
@@ -206,19 +210,20 @@ void Resolver::add(const FWRULE& rule, const FWPLACE& place, const FWINTERFACES&
             known = interfaces_.emplace(place.adapter, interfacesOf(interfaces)).first;
         }
         if (rule.table != "filter") {
-            throw LeftOut{"the table " + inQuotes(rule.table) + " is not the firewall's"};
+            throw LeftOut{"the table " + inQuotes(rule.table) + " is not the firewall's",
+                          FW_FINDING_OF_OTHERS};
         }
-        for (const std::string& why : addTo(place.adapter, rule, place, known->second)) {
-            findings_.push_back({place, why});
+        for (const LeftOut& left : addTo(place.adapter, rule, place, known->second)) {
+            report(place, left);
         }
         for (const std::string& chain : rule.chainList) {
             if (!isFirewallChain(chain)) {
-                findings_.push_back(
-                    {place, "the chain " + inQuotes(chain) + " is not the firewall's"});
+                report(place, {"the chain " + inQuotes(chain) + " is not the firewall's",
+                               FW_FINDING_OF_OTHERS});
             }
         }
     } catch (const LeftOut& left) {
-        findings_.push_back({place, left.why});
+        report(place, left);
         return;
     }
     addForTunnel(rule, place);
@@ -236,7 +241,7 @@ void Resolver::addForTunnel(const FWRULE& rule, const FWPLACE& place) {
     ipv6Rule.ipType = FW_IP_TYPE_V6;
     const auto predefined = environment_.adapters.find(router);
     const bool isPredefined = router == FW_ADAPTER_VPN || router == FW_ADAPTER_PPPOE;
-    Texts leftOut;
+    std::vector<LeftOut> leftOut;
     try {
         if (router == FW_ADAPTER_GLOBAL) {
             leftOut = addTo(router, ipv6Rule, place, nullptr);
@@ -247,29 +252,30 @@ void Resolver::addForTunnel(const FWRULE& rule, const FWPLACE& place) {
         }
     } catch (const LeftOut&) {
     }
-    // Of the rule's own lines, what is wrong is known already.
-    const auto isKnown = [&](const std::string& why) {
-        for (auto finding = findings_.rbegin(); finding != findings_.rend(); ++finding) {
-            if (finding->place.adapter != place.adapter ||
-                finding->place.position != place.position) {
-                return false;
-            }
-            if (finding->text == why) {
-                return true;
-            }
-        }
-        return false;
-    };
-    for (const std::string& why : leftOut) {
-        if (why.find(kIsTooComplex) != std::string::npos && !isKnown(why)) {
-            findings_.push_back({place, why});
+    for (const LeftOut& left : leftOut) {
+        if (left.kind != FW_FINDING_REFUSED) {
+            report(place, left);
         }
     }
 }
 
+/// Adds a finding about a rule, each once: lines for a tunnel have those of the rule's own.
+void Resolver::report(const FWPLACE& place, const LeftOut& left) {
+    for (auto finding = findings_.rbegin();
+         finding != findings_.rend() && finding->place.adapter == place.adapter &&
+         finding->place.position == place.position;
+         ++finding) {
+        if (finding->text == left.why) {
+            return;
+        }
+    }
+    findings_.push_back({place, left.why, left.kind});
+}
+
 /// Appends the sets of a rule to a list. Returns why lines of it are left out.
-Texts Resolver::addTo(const std::string& list, const FWRULE& rule, const FWPLACE& place,
-                      const std::shared_ptr<const FWINTERFACES>& interfaces) {
+std::vector<LeftOut> Resolver::addTo(const std::string& list, const FWRULE& rule,
+                                     const FWPLACE& place,
+                                     const std::shared_ptr<const FWINTERFACES>& interfaces) {
     // A rule without lines is no finding, whatever its texts are.
     AddressMatches addresses = matches_.addresses(rule);
     const ProtocolMatches& protocols = matches_.protocols(rule);
@@ -278,7 +284,7 @@ Texts Resolver::addTo(const std::string& list, const FWRULE& rule, const FWPLACE
     if (!hasAddresses || !hasProtocols || rule.chainList.empty()) {
         return {};
     }
-    Texts leftOut = std::move(addresses.leftOut);
+    std::vector<LeftOut> leftOut = std::move(addresses.leftOut);
     leftOut.insert(leftOut.end(), protocols.leftOut.begin(), protocols.leftOut.end());
 
     FWPACKETSET packets;

@@ -45,8 +45,9 @@ AddressMatch addressMatch(TextResult result, const std::string& text, const Inte
             throw LeftOut{inQuotes(text) + (family == FW_FAMILY_V4 ? " is not an IPv4 address"
                                                                    : " is not an IPv6 address")};
         case TextResult::kTooComplex:
-            throw LeftOut{inQuotes(text) + kIsTooComplex + "its mask makes more than " +
-                          std::to_string(FW_MASK_INTERVALS) + " intervals"};
+            throw LeftOut{inQuotes(text) + " is too complex: its mask makes more than " +
+                              std::to_string(FW_MASK_INTERVALS) + " intervals",
+                          FW_FINDING_TOO_COMPLEX};
         default:
             return {maskOf(family), isAny(addresses) ? nullptr : listOf(addresses)};
     }
@@ -146,7 +147,7 @@ FWINTERVALS multiportMatch(const std::string* begin, const std::string* end) {
 }
 
 /// The ports of a list that is not empty: those of the lines that iptables takes.
-FWINTERVALS portsFrom(const Texts& entries, std::uint16_t protocol, Texts& leftOut) {
+FWINTERVALS portsFrom(const Texts& entries, std::uint16_t protocol, std::vector<LeftOut>& leftOut) {
     const bool isSingle = entries.size() == 1 && entries[0].find('-') == std::string::npos;
     FWINTERVALS ports;
     for (std::size_t first = 0; first < entries.size(); first += kEntriesPerMatch) {
@@ -156,9 +157,7 @@ FWINTERVALS portsFrom(const Texts& entries, std::uint16_t protocol, Texts& leftO
                                               : multiportMatch(&entries[first], &entries[0] + end);
             ports.insert(ports.end(), line.begin(), line.end());
         } catch (const LeftOut& left) {
-            if (std::find(leftOut.begin(), leftOut.end(), left.why) == leftOut.end()) {
-                leftOut.push_back(left.why);
-            }
+            appendOnce(leftOut, left);
         }
     }
     sortPorts(ports);
@@ -276,7 +275,7 @@ AddressMatches RuleMatches::addresses(const FWRULE& rule) {
                 continue;
             }
         } catch (const LeftOut& left) {
-            matches.leftOut.push_back(left.why);
+            matches.leftOut.push_back(left);
             continue;
         }
         // No country, or a range that runs backwards, which is in the kernel and matches nothing.
@@ -290,8 +289,9 @@ AddressMatches RuleMatches::addresses(const FWRULE& rule) {
 /// Counts the intervals of a list that is to be kept.
 void RuleMatches::count(std::size_t intervals) {
     if (intervals > FW_PROFILE_INTERVALS - intervals_) {
-        throw LeftOut{std::string("the profile") + kIsTooComplex + "its addresses make more than " +
-                      std::to_string(FW_PROFILE_INTERVALS) + " intervals"};
+        throw LeftOut{"the profile is too complex: its addresses make more than " +
+                          std::to_string(FW_PROFILE_INTERVALS) + " intervals",
+                      FW_FINDING_TOO_COMPLEX};
     }
     intervals_ += intervals;
 }

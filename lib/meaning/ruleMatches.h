@@ -1,6 +1,7 @@
 /// What the lines of a rule match besides interfaces and chains: addresses, protocols and ports.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -26,13 +27,19 @@ inline std::string inQuotes(const std::string& text) {
     return '"' + text + '"';
 }
 
-/// Between what is too complex and why.
-inline constexpr char kIsTooComplex[] = " is too complex: ";
-
-/// Thrown for a rule that is left out, or a line of one.
+/// Why a rule is left out, or lines of it. Thrown as well.
 struct LeftOut {
     std::string why;
+    FW_FINDING kind = FW_FINDING_REFUSED;
 };
+
+/// Appends what is not yet among them.
+inline void appendOnce(std::vector<LeftOut>& all, const LeftOut& left) {
+    if (std::none_of(all.begin(), all.end(),
+                     [&](const LeftOut& one) { return one.why == left.why; })) {
+        all.push_back(left);
+    }
+}
 
 /// The addresses of a rule in the families of `families`; null for any.
 struct AddressMatch {
@@ -52,7 +59,7 @@ struct ProtocolMatch {
 template <typename Match>
 struct Matches {
     std::vector<Match> of;
-    Texts leftOut;
+    std::vector<LeftOut> leftOut;
 };
 
 using AddressMatches = Matches<AddressMatch>;

@@ -4,6 +4,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "library_test.h"
@@ -485,6 +486,24 @@ TEST(ResolveTest, SinglePortOfUdpIsReadInDecimal) {
 }
 
 // ---- What is left out ----
+
+TEST(ResolveTest, FindingsSayWhatBecomesOfTheLines) {
+    FWENVIRONMENT environment = environmentOf({"eth0"});
+    environment.tunnels["eth0"] = "sit0";
+    FWRULE table = anyRule();
+    table.table = "nat";
+    const FWRESOLVED resolved =
+        resolve({addressRule(FW::FW_IP_GROUP_SINGLE, {"x is too complex: y"}),
+                 addressRule(FW::FW_IP_GROUP_NETWORK, {"10.0.0.7", "255.0.7.255"}), table},
+                environment);
+    std::vector<std::pair<int, FW::FW_FINDING>> kinds;
+    for (const FW::FWFINDING& finding : resolved.findings) {
+        kinds.emplace_back(finding.place.position, finding.kind);
+    }
+    EXPECT_THAT(kinds, ElementsAre(std::pair(1, FW::FW_FINDING_REFUSED),
+                                   std::pair(2, FW::FW_FINDING_TOO_COMPLEX),
+                                   std::pair(3, FW::FW_FINDING_OF_OTHERS)));
+}
 
 TEST(ResolveTest, RulesThatCannotBeAppliedAreFindings) {
     FWRULE policy = anyRule();

@@ -168,7 +168,7 @@ public:
         }
         for (const FW::FWFINDING& finding : meaning.findings()) {
             const auto place = rulePlaceOf(finding.place);
-            if (place && finding.text.find(" is too complex: ") != std::string::npos) {
+            if (place && isNotCounted(finding)) {
                 complex_[*place].push_back("not counted in this report: " + finding.text);
             } else if (place) {
                 refused_[*place].push_back(finding.text);
