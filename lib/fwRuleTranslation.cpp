@@ -18,6 +18,7 @@
 #include "tarnfirewall/fwGeoip.h"
 
 #include "fwLog.h"
+#include "fwPortTexts.h"
 #include "fwRawProtocols.h"
 #include "fwText.h"
 
@@ -112,34 +113,14 @@ std::string routerInterface(const std::string& interface) {
 
 // ---- Ports ----
 
-// How many entries of a rule's `portList` go into one line; more need further lines. A multiport
-// match takes 15 ports and counts a range twice, so seven entries always fit.
-constexpr std::size_t kPortsPerLine = 7;
-
 constexpr char kIgmp[] = "-p igmp ";
-
-/// Appends a port entry in the syntax of iptables: "6000-6010" as "6000:6010", and "80-80" as "80".
-void appendPort(std::string& text, const std::string& entry) {
-    const auto dash = entry.find('-');
-    if (dash == std::string::npos) {
-        text += entry;
-        return;
-    }
-    if (entry.compare(0, dash, entry, dash + 1, std::string::npos) == 0) {
-        text.append(entry, 0, dash);
-        return;
-    }
-    const std::size_t start = text.size();
-    text += entry;
-    std::replace(text.begin() + static_cast<std::ptrdiff_t>(start), text.end(), '-', ':');
-}
 
 /// Appends the matches of one protocol name ("tcp", "udp").
 void appendPortMatches(const char* protocolName, bool sourceSide,
                        const std::vector<std::string>& ports, std::vector<std::string>& fragments) {
     std::string start = "-p ";
     start += protocolName;
-    if (ports.size() == 1 && ports[0].find('-') == std::string::npos) {
+    if (isSinglePort(ports)) {
         start += sourceSide ? " --sport " : " --dport ";
         start += ports[0];
         fragments.push_back(std::move(start));

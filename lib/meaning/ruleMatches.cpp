@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "../fwPortTexts.h"
 #include "../fwRawProtocols.h"
 #include "../fwRuleTranslation.h"
 #include "addressText.h"
@@ -13,9 +14,8 @@ namespace FW {
 namespace {
 
 // A line has at most this many ports after "--dports", where a range counts twice. The translation
-// cuts lists after seven entries, but an entry may have commas in it.
+// cuts lists so that they fit, but an entry may have commas in it.
 constexpr std::size_t kPortsPerMatch = 15;
-constexpr std::size_t kEntriesPerMatch = 7;
 
 constexpr std::size_t kCountriesPerMatch = 15;  // what the kernel's match takes
 
@@ -100,19 +100,6 @@ std::size_t appendMultiport(const std::string& text, FWINTERVALS& ports) {
     return 2;
 }
 
-/// An entry as it is in a line: "6000-6010" as "6000:6010", and "80-80" as "80".
-std::string lineEntry(std::string entry) {
-    const std::size_t dash = entry.find('-');
-    if (dash == std::string::npos) {
-        return entry;
-    }
-    if (entry.compare(0, dash, entry, dash + 1, std::string::npos) == 0) {
-        return entry.substr(0, dash);
-    }
-    std::replace(entry.begin(), entry.end(), '-', ':');
-    return entry;
-}
-
 void sortPorts(FWINTERVALS& ports) {
     std::sort(ports.begin(), ports.end(),
               [](const FWINTERVAL& a, const FWINTERVAL& b) { return a.first < b.first; });
@@ -132,7 +119,8 @@ FWINTERVALS multiportMatch(const std::string* begin, const std::string* end) {
     FWINTERVALS ports;
     std::size_t counted = 0;
     for (; begin != end; ++begin) {
-        const std::string entry = lineEntry(*begin);
+        std::string entry;
+        appendPort(entry, *begin);
         std::size_t start = 0;
         for (std::size_t comma = 0; comma != std::string::npos; start = comma + 1) {
             comma = entry.find(',', start);
@@ -148,10 +136,10 @@ FWINTERVALS multiportMatch(const std::string* begin, const std::string* end) {
 
 /// The ports of a list that is not empty: those of the lines that iptables takes.
 FWINTERVALS portsFrom(const Texts& entries, std::uint16_t protocol, std::vector<LeftOut>& leftOut) {
-    const bool isSingle = entries.size() == 1 && entries[0].find('-') == std::string::npos;
+    const bool isSingle = isSinglePort(entries);
     FWINTERVALS ports;
-    for (std::size_t first = 0; first < entries.size(); first += kEntriesPerMatch) {
-        const std::size_t end = std::min(first + kEntriesPerMatch, entries.size());
+    for (std::size_t first = 0; first < entries.size(); first += kPortsPerLine) {
+        const std::size_t end = std::min(first + kPortsPerLine, entries.size());
         try {
             const FWINTERVALS line = isSingle ? FWINTERVALS{singleMatch(entries[0], protocol)}
                                               : multiportMatch(&entries[first], &entries[0] + end);
