@@ -89,7 +89,10 @@ struct FWINTERFACES {
 };
 
 /// A set of packets: those whose every field has one of the values given for it. A null pointer
-/// and an empty list mean any value, also for packets that do not have such a field.
+/// and an empty list mean any value, also for packets that do not have such a field. Ports are
+/// those of TCP and UDP and types those of ICMP and ICMPv6 alone, also when no protocol is given. A
+/// mask without a code, interfaces without a name, and fields that no packet has together are the
+/// set without any packet.
 struct FWPACKETSET {
     std::uint8_t chains = FW_BOTH_CHAINS;        ///< mask of FW_CHAIN
     std::uint8_t families = FW_BOTH_FAMILIES;    ///< mask of FW_FAMILY; one where addresses are

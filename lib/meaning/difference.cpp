@@ -139,7 +139,7 @@ public:
 
     void run() {
         for (std::size_t i = 0; i < own_.rules.size() && !effort_.isSpent(); ++i) {
-            if (own_.isMatched[i]) {
+            if (own_.isMatched[i] || !hasPackets(own_.rules[i])) {
                 continue;
             }
             decider_ = i;

@@ -9,6 +9,14 @@
 namespace FW {
 namespace {
 
+/// The protocols whose packets have ports, and those with types.
+Intervals portProtocols() {
+    return {{kTcp, kTcp}, {kUdp, kUdp}};
+}
+Intervals typeProtocols() {
+    return {{kIcmp, kIcmp}, {kIcmpv6, kIcmpv6}};
+}
+
 // ---- Plain data to numbers and back ----
 
 Intervals intervalsOf(const FWINTERVALS& intervals) {
@@ -31,7 +39,7 @@ FWINTERVALS plain(const Values& values) {
     return intervals;
 }
 
-Intervals bitsOf(std::uint8_t mask) {
+Intervals bitsOf(unsigned mask) {
     Intervals numbers;
     for (unsigned bit = 0; bit < 8; ++bit) {
         if ((mask >> bit & 1) != 0) {
@@ -100,6 +108,18 @@ Values single(Number number) {
     return valuesOf(Interval{number, number});
 }
 
+/// The protocols of a set: only those that have its other fields.
+Intervals protocolsOf(const FWPACKETSET& set, const Intervals& all) {
+    Intervals protocols = set.protocols.empty() ? all : intervalsOf(set.protocols);
+    if (!set.sourcePorts.empty() || !set.destinationPorts.empty()) {
+        protocols = intersected(protocols, portProtocols());
+    }
+    if (!set.icmpTypes.empty()) {
+        protocols = intersected(protocols, typeProtocols());
+    }
+    return protocols;
+}
+
 }  // namespace
 
 // ---- Values
@@ -148,8 +168,11 @@ PacketSpace::PacketSpace(std::vector<std::string> entries) : interfaces_(std::mo
 }
 
 std::uint32_t PacketSpace::idOf(Field field, Intervals values) {
-    if (values.empty() || values == all_[field]) {
-        return 0;
+    if (values.empty()) {
+        return kNoValue;
+    }
+    if (values == all_[field]) {
+        return kAnyValue;
     }
     values.shrink_to_fit();
     const std::uint64_t hash = hashOf(values);
@@ -158,7 +181,7 @@ std::uint32_t PacketSpace::idOf(Field field, Intervals values) {
 
 std::uint32_t PacketSpace::idOf(Field field, const Values& values, std::uint64_t hash) {
     if (*values == all_[field]) {
-        return 0;
+        return kAnyValue;
     }
     if (values_.size() * 2 >= slots_.size()) {
         growSlots();
@@ -198,15 +221,15 @@ void PacketSpace::growSlots() {
         count *= 2;
     }
     slots_.assign(count, 0);
-    for (std::uint32_t id = 1; id < values_.size(); ++id) {
+    for (std::uint32_t id = kNoValue + 1; id < values_.size(); ++id) {
         slots_[slotOf(values_[id], hashes_[id])] = id;
     }
 }
 
 std::uint32_t PacketSpace::idOf(Field field, const std::shared_ptr<const FWADDRESSES>& addresses,
                                 AddressIds& known) {
-    if (addresses == nullptr) {
-        return 0;
+    if (addresses == nullptr || addresses->empty()) {
+        return kAnyValue;
     }
     const bool isLong = addresses->size() > kLongList;
     if (isLong) {
@@ -214,9 +237,6 @@ std::uint32_t PacketSpace::idOf(Field field, const std::shared_ptr<const FWADDRE
         if (found != known.end()) {
             return found->second;
         }
-    }
-    if (addresses->empty()) {
-        return 0;
     }
     const Values values = addresses->size() == 1 ? valuesOf(intervalOf(addresses->front()))
                                                  : std::make_shared<const ValueSet>(addresses);
@@ -229,21 +249,30 @@ std::uint32_t PacketSpace::idOf(Field field, const std::shared_ptr<const FWADDRE
 
 ValueIds PacketSpace::add(const FWPACKETSET& set, AddressIds& known) {
     ValueIds ids{};
-    ids[kChain] = idOf(kChain, bitsOf(set.chains));
-    ids[kFamily] = idOf(kFamily, bitsOf(set.families));
+    const auto setPlain = [&](Field field, const FWINTERVALS& values) {
+        if (!values.empty()) {
+            ids[field] = idOf(field, intervalsOf(values));
+        }
+    };
+    ids[kChain] = idOf(kChain, bitsOf(set.chains & FW_BOTH_CHAINS));
+    ids[kFamily] = idOf(kFamily, bitsOf(set.families & FW_BOTH_FAMILIES));
     if (set.in != nullptr) {
         ids[kIn] = idOf(kIn, interfaces_.numbersOf(*set.in));
     }
     if (set.out != nullptr) {
         ids[kOut] = idOf(kOut, interfaces_.numbersOf(*set.out));
     }
-    ids[kProtocol] = idOf(kProtocol, intervalsOf(set.protocols));
+    ids[kProtocol] = idOf(kProtocol, protocolsOf(set, all_[kProtocol]));
     ids[kSource] = idOf(kSource, set.sources, known);
     ids[kDestination] = idOf(kDestination, set.destinations, known);
-    ids[kSourcePort] = idOf(kSourcePort, intervalsOf(set.sourcePorts));
-    ids[kDestinationPort] = idOf(kDestinationPort, intervalsOf(set.destinationPorts));
-    ids[kIcmpType] = idOf(kIcmpType, intervalsOf(set.icmpTypes));
-    ids[kState] = idOf(kState, bitsOf(set.states));
+    setPlain(kSourcePort, set.sourcePorts);
+    setPlain(kDestinationPort, set.destinationPorts);
+    setPlain(kIcmpType, set.icmpTypes);
+    ids[kState] = idOf(kState, bitsOf(set.states & FW_ALL_STATES));
+    if (std::find(ids.begin(), ids.end(), kNoValue) != ids.end()) {
+        ids = {};
+        ids[kIn] = kNoValue;
+    }
     return ids;
 }
 
@@ -309,14 +338,14 @@ Region PacketSpace::regionOf(const FWPACKET& packet) const {
     const bool hasPort = packet.sourcePort || packet.destinationPort;
     if (packet.protocol ? *packet.protocol == kTcp || *packet.protocol == kUdp : hasPort) {
         if (!packet.protocol) {
-            region[kProtocol] = valuesOf(Intervals{{kTcp, kTcp}, {kUdp, kUdp}});
+            region[kProtocol] = valuesOf(portProtocols());
         }
         set(kSourcePort, packet.sourcePort);
         set(kDestinationPort, packet.destinationPort);
     } else if (packet.protocol ? *packet.protocol == kIcmp || *packet.protocol == kIcmpv6
                                : packet.icmpType.has_value()) {
         if (!packet.protocol) {
-            region[kProtocol] = valuesOf(Intervals{{kIcmp, kIcmp}, {kIcmpv6, kIcmpv6}});
+            region[kProtocol] = valuesOf(typeProtocols());
         }
         set(kIcmpType, packet.icmpType);
     }

@@ -80,8 +80,11 @@ using Region = std::array<Values, kFields>;
 /// A packet: one value of every field. What it does not have is 0.
 using Point = std::array<Number, kFields>;
 
-/// A set of packets whose values are kept by a PacketSpace, by their number there; 0 for any.
+/// A set of packets whose values are kept by a PacketSpace, by their number there.
 using ValueIds = std::array<std::uint32_t, kFields>;
+
+inline constexpr std::uint32_t kAnyValue = 0;
+inline constexpr std::uint32_t kNoValue = 1;  // the incoming interface of a set without any packet
 
 // Lists of addresses with more intervals are those of countries: many rules share them.
 inline constexpr std::size_t kLongList = 64;
@@ -92,6 +95,10 @@ struct SpaceRule {
     FW_PACKET_VERDICT verdict;
     bool log;
 };
+
+inline bool hasPackets(const SpaceRule& rule) {
+    return rule.values[kIn] != kNoValue;
+}
 
 /// Keeps values of fields, equal ones once. Copies share them, and lists of addresses are shared
 /// with the rules that were added.
@@ -110,6 +117,7 @@ public:
     const std::vector<std::string>& interfaceEntries() const { return interfaces_.entries(); }
     bool knows(const FWINTERFACES& interfaces) const { return interfaces_.hasAll(interfaces); }
 
+    /// Ports say that it is TCP or UDP, types that it is ICMP.
     ValueIds add(const FWPACKETSET& set, AddressIds& known);
 
     /// Frees what only adding needs; more can be added later.
@@ -159,9 +167,9 @@ private:
 
     InterfaceNumbers interfaces_;
     std::array<Intervals, kFields> all_;
-    std::vector<Values> values_{nullptr};
-    std::vector<std::uint64_t> hashes_{0};  // of the values
-    std::vector<std::uint32_t> slots_;      // ids, each at its hash or after it; 0 is free
+    std::vector<Values> values_{nullptr, valuesOf(Intervals())};  // by kAnyValue, kNoValue, ...
+    std::vector<std::uint64_t> hashes_{0, 0};                     // of the values
+    std::vector<std::uint32_t> slots_;  // ids, each at its hash or after it; 0 is free
 };
 
 }  // namespace FW

@@ -63,6 +63,9 @@ std::optional<Values> restOf(IntervalView a, IntervalView b) {
 }  // namespace
 
 bool overlaps(const PacketSpace& space, const Region& region, const SpaceRule& rule) {
+    if (!hasPackets(rule)) {
+        return false;
+    }
     for (const Field field : kQuickFirst) {
         const std::uint32_t id = rule.values[field];
         if (id == 0 || isAny(region[field])) {
@@ -110,6 +113,9 @@ OverlapTest::OverlapTest(const PacketSpace& space, const Region& region, std::si
 
 bool OverlapTest::operator()(const SpaceRule& rule) {
     ++steps_;
+    if (!hasPackets(rule)) {
+        return false;
+    }
     for (const Field field : kQuickFirst) {
         const std::uint32_t id = rule.values[field];
         const Values& own = region_[field];

@@ -124,6 +124,9 @@ private:
     Sampled sample(const Owner& owner) {
         Sampled sampled;
         for (const std::uint32_t part : owner.parts) {
+            if (!hasPackets(rules_[part])) {
+                continue;
+            }
             const Region region = space_.regionOf(rules_[part].values);
             for (unsigned i = 0; i < kSamples && !sampled.changes; ++i) {
                 const Point point = sampleOf(space_, region, i);
@@ -156,6 +159,9 @@ private:
         Answer result = Answer::kNo;
         for (std::size_t i = 0; i < owner.parts.size() && result == Answer::kNo; ++i) {
             const std::uint32_t part = owner.parts[i];
+            if (!hasPackets(rules_[part])) {
+                continue;
+            }
             const Region region = space_.regionOf(rules_[part].values);
             const auto isOwn = [&](std::uint32_t rule) { return ownerOf_[rule] == number; };
             const auto isGone = [&](std::uint32_t rule) {

@@ -389,6 +389,73 @@ TEST(DecideTest, ListOfACountryIsNotCopied) {
     EXPECT_EQ(meaning.rule(rules.size() - 1).packets.sources, country);
 }
 
+// ---- Sets that no profile makes ----
+
+/// A rule that drops a set, then one that drops everything.
+FW_MEANING meaningOfSet(const FW::FWPACKETSET& packets) {
+    std::vector<FWRESOLVEDRULE> rules(2);
+    rules[0].packets = packets;
+    for (FWRESOLVEDRULE& rule : rules) {
+        rule.verdict = FW::FW_PACKET_DROP;
+        rule.place = {FW::FW_ORIGIN_RULE, "eth0", &rule == &rules[0] ? 1 : 2};
+    }
+    return FW_MEANING(rules);
+}
+
+TEST(DecideTest, PortsAreThoseOfTcpAndUdpAlone) {
+    FW::FWPACKETSET ports;
+    ports.destinationPorts = {{0, 80}};
+    FWPACKET packet = tcpPacket("10.0.0.1", 80);
+    EXPECT_THAT(decidersOf(meaningOfSet(ports), packet), ElementsAre("eth0 1"));
+    packet.protocol = std::uint8_t(1);
+    packet.icmpType = std::uint8_t(8);
+    EXPECT_THAT(decidersOf(meaningOfSet(ports), packet), ElementsAre("eth0 2"));
+    packet.protocol = std::uint8_t(47);
+    EXPECT_THAT(decidersOf(meaningOfSet(ports), packet), ElementsAre("eth0 2"));
+    packet.protocol.reset();
+    packet.icmpType.reset();
+    packet.destinationPort.reset();
+    packet.sourcePort.reset();
+    EXPECT_THAT(decidersOf(meaningOfSet(ports), packet), ElementsAre("eth0 1", "eth0 2"));
+
+    FW::FWPACKETSET types;
+    types.icmpTypes = {{0, 0}};
+    EXPECT_THAT(decidersOf(meaningOfSet(types), tcpPacket("10.0.0.1", 80)), ElementsAre("eth0 2"));
+}
+
+TEST(DecideTest, MaskWithoutACodeAndInterfacesWithoutANameAreNoPacket) {
+    std::vector<FW::FWPACKETSET> sets(7);
+    sets[0].chains = 0;
+    sets[1].families = 0;
+    sets[2].states = 0;
+    sets[3].in = std::make_shared<FW::FWINTERFACES>();
+    sets[4].out = std::make_shared<FW::FWINTERFACES>(FW::FWINTERFACES{{}, {"eth0"}});
+    sets[5].protocols = {{47, 47}};
+    sets[5].sourcePorts = {{1, 2}};
+    sets[6].destinationPorts = {{1, 2}};
+    sets[6].icmpTypes = {{8, 8}};
+    for (std::size_t i = 0; i < sets.size(); ++i) {
+        const FW_MEANING meaning = meaningOfSet(sets[i]);
+        EXPECT_THAT(decidersOf(meaning, tcpPacket("10.0.0.1", 1)), ElementsAre("eth0 2")) << i;
+        EXPECT_THAT(decidersOf(meaning, FWPACKET()), ElementsAre("eth0 2")) << i;
+        EXPECT_THAT(meaningOfSet(meaning.rule(0).packets).decide(FWPACKET()).deciders,
+                    ElementsAre(1U))
+            << i;
+        const FW::FWREACHABLE reachable = meaning.reach(sets[i]);
+        EXPECT_TRUE(std::all_of(reachable.reach.begin(), reachable.reach.end(),
+                                [](const FW::FWREACH& one) { return one.packets.empty(); }))
+            << i;
+        const std::vector<FW::FWSHADOW> shadows = meaning.shadows().shadows;
+        ASSERT_FALSE(shadows.empty()) << i;
+        EXPECT_EQ(shadows[0].place.position, 1) << i;
+        EXPECT_TRUE(shadows[0].neverDecides) << i;
+        EXPECT_TRUE(shadows[0].by.empty()) << i;
+        std::vector<FWRESOLVEDRULE> without = {meaning.rule(1)};
+        EXPECT_TRUE(meaning.differenceFrom(FW_MEANING(without)).changes.empty()) << i;
+        EXPECT_TRUE(FW_MEANING(without).differenceFrom(meaning).changes.empty()) << i;
+    }
+}
+
 TEST(DecideTest, PacketOfAnUnnamedInterfaceMeetsNoRule) {
     const FW_MEANING meaning = meaningOf({});
     FWPACKET packet = tcpPacket("10.0.0.1", 22);

@@ -121,4 +121,24 @@ TEST(ReachTest, SourcesOfAPortByInterface) {
     EXPECT_THAT(reach[2].packets, IsEmpty());
 }
 
+TEST(ReachTest, PortsAreNotReachedByProtocolsWithoutPorts) {
+    std::vector<FW::FWRESOLVEDRULE> rules(2);
+    for (std::size_t i = 0; i < rules.size(); ++i) {
+        const std::uint16_t protocol = i == 0 ? 6 : 17;
+        rules[i].packets.protocols = {{protocol, protocol}};
+        rules[i].verdict = FW::FW_PACKET_DROP;
+    }
+    const FW_MEANING meaning(rules);
+    FWPACKETSET query;
+    query.destinationPorts = {{80, 80}};
+    const std::vector<FWREACH> ports = meaning.reach(query).reach;
+    ASSERT_THAT(ports, SizeIs(1));
+    EXPECT_THAT(ports[0].packets, IsEmpty());
+
+    query.destinationPorts.clear();
+    const std::vector<FWREACH> all = meaning.reach(query).reach;
+    ASSERT_THAT(all, SizeIs(1));
+    EXPECT_THAT(all[0].packets, SizeIs(1));
+}
+
 }  // namespace
