@@ -45,18 +45,24 @@ std::shared_ptr<const FWINTERFACES> interfacesOf(const FWINTERFACES& interfaces)
 
 // ---- Rules ----
 
-/// Whether a name is that of one of the firewall's chains.
-bool isFirewallChain(const std::string& chain) {
-    return std::find(FW_FIREWALL_CHAINS.begin(), FW_FIREWALL_CHAINS.end(), chain) !=
-           FW_FIREWALL_CHAINS.end();
+/// The name of a table or chain as it is in a line, which is cut into words at blanks.
+std::string wordOf(const std::string& name) {
+    const std::size_t first = name.find_first_not_of(' ');
+    return first == std::string::npos ? std::string()
+                                      : name.substr(first, name.find_last_not_of(' ') + 1 - first);
 }
 
-/// The mask of those of the firewall's chains that a rule is for.
-std::uint8_t chainsOf(const FWRULE& rule) {
+/// The mask of those of the firewall's chains that a rule is for. Other chains are left out.
+std::uint8_t chainsOf(const FWRULE& rule, std::vector<LeftOut>& leftOut) {
     std::uint8_t chains = 0;
-    for (const FW_CHAIN chain : {FW_CHAIN_INPUT, FW_CHAIN_FORWARD}) {
-        if (rule.chainList.count(FW_FIREWALL_CHAINS[chain]) != 0) {
-            chains |= maskOf(chain);
+    for (const std::string& name : rule.chainList) {
+        const auto chain =
+            std::find(FW_FIREWALL_CHAINS.begin(), FW_FIREWALL_CHAINS.end(), wordOf(name));
+        if (chain != FW_FIREWALL_CHAINS.end()) {
+            chains |= maskOf(static_cast<std::uint8_t>(chain - FW_FIREWALL_CHAINS.begin()));
+        } else {
+            leftOut.push_back(
+                {"the chain " + inQuotes(name) + " is not the firewall's", FW_FINDING_OF_OTHERS});
         }
     }
     return chains;
@@ -76,8 +82,9 @@ private:
     void addAdapter(const std::string& adapter, const FWINTERFACES& interfaces);
     void add(const FWRULE& rule, const FWPLACE& place, const FWINTERFACES& interfaces);
     void addForTunnel(const FWRULE& rule, const FWPLACE& place);
+    template <typename InterfacesOf>
     std::vector<LeftOut> addTo(const std::string& list, const FWRULE& rule, const FWPLACE& place,
-                               const std::shared_ptr<const FWINTERFACES>& interfaces);
+                               InterfacesOf interfacesOfList);
     void report(const FWPLACE& place, const LeftOut& left);
 
     const FWPROFILE& profile_;
@@ -199,28 +206,18 @@ void Resolver::add(const FWRULE& rule, const FWPLACE& place, const FWINTERFACES&
         return;
     }
     try {
-        if (holdsNul(rule)) {
-            throw LeftOut{"a text holds a NUL character"};
-        }
         if (rule.policy != FW_POLICY_ALLOW && rule.policy != FW_POLICY_DENY) {
             throw LeftOut{"there is no policy " + std::to_string(rule.policy)};
         }
-        auto known = interfaces_.find(place.adapter);
-        if (known == interfaces_.end()) {
-            known = interfaces_.emplace(place.adapter, interfacesOf(interfaces)).first;
-        }
-        if (rule.table != "filter") {
-            throw LeftOut{"the table " + inQuotes(rule.table) + " is not the firewall's",
-                          FW_FINDING_OF_OTHERS};
-        }
-        for (const LeftOut& left : addTo(place.adapter, rule, place, known->second)) {
-            report(place, left);
-        }
-        for (const std::string& chain : rule.chainList) {
-            if (!isFirewallChain(chain)) {
-                report(place, {"the chain " + inQuotes(chain) + " is not the firewall's",
-                               FW_FINDING_OF_OTHERS});
+        const auto interfacesOfAdapter = [&] {
+            auto known = interfaces_.find(place.adapter);
+            if (known == interfaces_.end()) {
+                known = interfaces_.emplace(place.adapter, interfacesOf(interfaces)).first;
             }
+            return known->second;
+        };
+        for (const LeftOut& left : addTo(place.adapter, rule, place, interfacesOfAdapter)) {
+            report(place, left);
         }
     } catch (const LeftOut& left) {
         report(place, left);
@@ -243,12 +240,15 @@ void Resolver::addForTunnel(const FWRULE& rule, const FWPLACE& place) {
     const bool isPredefined = router == FW_ADAPTER_VPN || router == FW_ADAPTER_PPPOE;
     std::vector<LeftOut> leftOut;
     try {
+        const auto addToRouter = [&](const FWINTERFACES& interfaces) {
+            leftOut = addTo(router, ipv6Rule, place, [&] { return interfacesOf(interfaces); });
+        };
         if (router == FW_ADAPTER_GLOBAL) {
-            leftOut = addTo(router, ipv6Rule, place, nullptr);
+            addToRouter({{"+"}, {}});
         } else if (isPredefined && predefined != environment_.adapters.end()) {
-            leftOut = addTo(router, ipv6Rule, place, interfacesOf(predefined->second));
+            addToRouter(predefined->second);
         } else if (router != FW_ADAPTER_PPPOE) {
-            leftOut = addTo(router, ipv6Rule, place, interfacesOf({{router}, {}}));
+            addToRouter({{router}, {}});
         }
     } catch (const LeftOut&) {
     }
@@ -273,9 +273,9 @@ void Resolver::report(const FWPLACE& place, const LeftOut& left) {
 }
 
 /// Appends the sets of a rule to a list. Returns why lines of it are left out.
+template <typename InterfacesOf>
 std::vector<LeftOut> Resolver::addTo(const std::string& list, const FWRULE& rule,
-                                     const FWPLACE& place,
-                                     const std::shared_ptr<const FWINTERFACES>& interfaces) {
+                                     const FWPLACE& place, InterfacesOf interfacesOfList) {
     // A rule without lines is no finding, whatever its texts are.
     AddressMatches addresses = matches_.addresses(rule);
     const ProtocolMatches& protocols = matches_.protocols(rule);
@@ -284,11 +284,19 @@ std::vector<LeftOut> Resolver::addTo(const std::string& list, const FWRULE& rule
     if (!hasAddresses || !hasProtocols || rule.chainList.empty()) {
         return {};
     }
+    if (holdsNul(rule)) {
+        return {{"a text holds a NUL character"}};
+    }
+    if (wordOf(rule.table) != "filter") {
+        return {
+            {"the table " + inQuotes(rule.table) + " is not the firewall's", FW_FINDING_OF_OTHERS}};
+    }
+    const std::shared_ptr<const FWINTERFACES> interfaces = interfacesOfList();
     std::vector<LeftOut> leftOut = std::move(addresses.leftOut);
     leftOut.insert(leftOut.end(), protocols.leftOut.begin(), protocols.leftOut.end());
 
     FWPACKETSET packets;
-    packets.chains = chainsOf(rule);
+    packets.chains = chainsOf(rule, leftOut);
     if (rule.adapterDirect != FW_ADAPTER_DIRECT_OUT) {
         packets.in = interfaces;
     } else if (interfaces != nullptr) {

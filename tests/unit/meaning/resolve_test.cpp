@@ -505,6 +505,42 @@ TEST(ResolveTest, FindingsSayWhatBecomesOfTheLines) {
                                    std::pair(3, FW::FW_FINDING_OF_OTHERS)));
 }
 
+TEST(ResolveTest, RuleWithoutLinesIsNoFinding) {
+    FWRULE rule = anyRule();
+    rule.ipGroup = FW::FW_IP_GROUP_NONE;
+    rule.table = "nat";
+    rule.chainList = {"FOO", std::string("B\0R", 3)};
+    FWPROFILE profile;
+    profile.rules["eth0"] = {rule};
+    profile.rules["abcdefghijklmnop"] = {rule};
+    FWRULE countries = rule;
+    countries.ipGroup = FW::FW_IP_GROUP_COUNTRIES;
+    countries.ipList = {"AA"};
+    FWRULE ports = rule;
+    ports.ipGroup = FW::FW_IP_GROUP_ANY;
+    ports.portGroup = FW::FW_PORT_GROUP_PORTS;
+    profile.rules["eth0"].push_back(countries);
+    profile.rules["eth0"].push_back(ports);
+    const FWRESOLVED resolved = FW::fwResolve(profile, environmentOf({"eth0", "abcdefghijklmnop"}));
+    EXPECT_THAT(findingsOf(resolved), IsEmpty());
+    EXPECT_THAT(rulesOf(resolved), IsEmpty());
+}
+
+TEST(ResolveTest, BlanksAroundTheNamesOfTableAndChainsAreSkipped) {
+    FWRULE rule = anyRule();
+    rule.table = " filter ";
+    rule.chainList = {"INPUT_FIREWALL ", "OTHER "};
+    const FWRESOLVED resolved = resolve({rule});
+    EXPECT_THAT(findingsOf(resolved),
+                ElementsAre("eth0 1: the chain \"OTHER \" is not the firewall's"));
+    ASSERT_THAT(rulesOf(resolved), SizeIs(1));
+    EXPECT_EQ(rulesOf(resolved)[0].packets.chains, 1U << FW::FW_CHAIN_INPUT);
+
+    rule.table = "filter -v";
+    EXPECT_THAT(findingsOf(resolve({rule})),
+                ElementsAre("eth0 1: the table \"filter -v\" is not the firewall's"));
+}
+
 TEST(ResolveTest, RulesThatCannotBeAppliedAreFindings) {
     FWRULE policy = anyRule();
     policy.policy = static_cast<FW::FW_POLICY>(7);
