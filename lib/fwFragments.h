@@ -12,9 +12,9 @@
 
 #include "tarnfirewall/fwTypes.h"
 
-namespace FW {
+#include "fwText.h"
 
-using Texts = std::vector<std::string>;
+namespace FW {
 
 // Both spellings of one protocol: a line uses that of its family.
 inline constexpr char kIcmpV4[] = "-p icmp ";

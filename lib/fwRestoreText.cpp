@@ -8,6 +8,7 @@
 
 #include "tarnfirewall/fwTypes.h"
 
+#include "fwLineLimits.h"
 #include "fwPrintable.h"
 #include "fwText.h"
 
@@ -16,10 +17,6 @@ namespace {
 
 constexpr char kFilter[] = "filter";
 constexpr char kCommit[] = "COMMIT";
-
-// The tool reads lines into 10240 bytes, including a line feed and a terminating zero, and treats
-// the rest of a longer one as a separate line.
-constexpr std::size_t kLineBytes = 10238;
 
 constexpr std::size_t kUsualWords = 24;  // enough for most lines, to avoid reallocation
 
@@ -171,7 +168,7 @@ std::string chainOfSavedRule(const std::string& line) {
 
 RestoreText::RestoreText(std::size_t bufferBytes) : mark_(kExaminedMark) {
     while (mark_.size() < bufferBytes + sizeof(kExaminedMark)) {
-        mark_.append(std::min(bufferBytes, kLineBytes - 1), '#').append("\n");
+        mark_.append(std::min(bufferBytes, kRestoreLineBytes - 1), '#').append("\n");
     }
 }
 
@@ -231,7 +228,7 @@ bool RestoreText::addLine(const std::string& adapter, const std::string& line) {
         }
         appendWord(text, word);
     }
-    if (text.size() > kLineBytes || text.find('\n') != std::string::npos) {
+    if (text.size() > kRestoreLineBytes || text.find('\n') != std::string::npos) {
         return false;
     }
     RestoreTable& target = table(tableName);
@@ -303,6 +300,13 @@ RestoreLine RestoreText::lineAt(std::size_t number) const {
         }
     }
     return found;
+}
+
+bool isRestoreLine(const std::string& line) {
+    Json::Value family;
+    family[FW_ADAPTER_GLOBAL].append(line);
+    RestoreLine invalid;
+    return RestoreText(0).make(family, invalid);
 }
 
 // ==== Answers ====================================================================================

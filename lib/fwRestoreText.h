@@ -78,6 +78,9 @@ private:
     std::string appended_;
 };
 
+/// Whether a RestoreText can have a line of a translation.
+bool isRestoreLine(const std::string& line);
+
 /// The error message of a tool that rejected a text.
 struct ToolError {
     std::size_t line = 0;  ///< of the text, from 1; 0 when it names none

@@ -139,35 +139,6 @@ void appendPortMatches(const char* protocolName, bool sourceSide,
     }
 }
 
-/// Appends the matches of a protocol (an FW_PORT_PROTOCOL code; others have none) and of ports
-/// given as texts, "80" or "6000-6010": "-p tcp --dport 80", or "-p tcp -m multiport --dports
-/// 80,6000:6010".
-void appendPorts(std::int32_t protocol, bool sourceSide, const std::vector<std::string>& ports,
-                 std::vector<std::string>& fragments) {
-    switch (protocol) {
-        case FW_PORT_PROTOCOL_TCP:
-            appendPortMatches("tcp", sourceSide, ports, fragments);
-            break;
-        case FW_PORT_PROTOCOL_UDP:
-            appendPortMatches("udp", sourceSide, ports, fragments);
-            break;
-        case FW_PORT_PROTOCOL_TCP_UDP:
-            appendPortMatches("tcp", sourceSide, ports, fragments);
-            appendPortMatches("udp", sourceSide, ports, fragments);
-            break;
-        case FW_PORT_PROTOCOL_ICMP:
-            // Both spellings: when the lines are made, the other family's is left out.
-            fragments.emplace_back(kIcmpV4);
-            fragments.emplace_back(kIcmpV6);
-            break;
-        case FW_PORT_PROTOCOL_IGMP:
-            fragments.emplace_back(kIgmp);
-            break;
-        default:
-            break;  // an unknown protocol: no fragment and so no line
-    }
-}
-
 // ---- Services ----
 
 using PortsByProtocol = std::map<FW_PORT_PROTOCOL, Texts>;
@@ -175,7 +146,7 @@ using PortsByProtocol = std::map<FW_PORT_PROTOCOL, Texts>;
 void appendServicePorts(const PortsByProtocol& portsByProtocol, bool sourceSide, Texts& fragments) {
     for (const auto& [protocol, ports] : portsByProtocol) {
         if (!ports.empty()) {
-            appendPorts(protocol, sourceSide, ports, fragments);
+            appendPortFragments(protocol, sourceSide, ports, fragments);
         }
     }
 }
@@ -214,6 +185,47 @@ bool holdsNul(const FWRULE& rule) {
     };
     return anyHolds(Texts{rule.table}) || anyHolds(rule.chainList) || anyHolds(rule.ipList) ||
            anyHolds(rule.portList);
+}
+
+std::string addressFragment(const FWRULE& rule) {
+    switch (rule.ipGroup) {
+        case FW_IP_GROUP_NETWORK:
+            return addressMatch(kAddressMatch.of(rule), rule, '/');
+        case FW_IP_GROUP_RANGE:
+            return addressMatch(kRangeMatch.of(rule), rule, '-');
+        default:
+            return addressMatch(kAddressMatch.of(rule), rule);
+    }
+}
+
+std::string countryFragment(const FWRULE& rule, const Texts& countries) {
+    return kCountryMatch.of(rule) + boost::join(countries, ",");
+}
+
+void appendPortFragments(std::int32_t protocol, bool sourceSide, const Texts& ports,
+                         Texts& fragments) {
+    switch (protocol) {
+        case FW_PORT_PROTOCOL_TCP:
+            appendPortMatches("tcp", sourceSide, ports, fragments);
+            break;
+        case FW_PORT_PROTOCOL_UDP:
+            appendPortMatches("udp", sourceSide, ports, fragments);
+            break;
+        case FW_PORT_PROTOCOL_TCP_UDP:
+            appendPortMatches("tcp", sourceSide, ports, fragments);
+            appendPortMatches("udp", sourceSide, ports, fragments);
+            break;
+        case FW_PORT_PROTOCOL_ICMP:
+            // Both spellings: when the lines are made, the other family's is left out.
+            fragments.emplace_back(kIcmpV4);
+            fragments.emplace_back(kIcmpV6);
+            break;
+        case FW_PORT_PROTOCOL_IGMP:
+            fragments.emplace_back(kIgmp);
+            break;
+        default:
+            break;  // an unknown protocol: no fragment and so no line
+    }
 }
 
 bool RuleTranslation::interfaces(std::vector<std::string>& names) {
@@ -320,10 +332,9 @@ bool RuleTranslation::ipFragments(const FWRULE& rule, std::array<Texts, 2>& frag
     };
     switch (rule.ipGroup) {
         case FW_IP_GROUP_SINGLE:
-            appendToEachFamily(addressMatch(kAddressMatch.of(rule), rule));
-            break;
         case FW_IP_GROUP_NETWORK:
-            appendToEachFamily(addressMatch(kAddressMatch.of(rule), rule, '/'));
+        case FW_IP_GROUP_RANGE:
+            appendToEachFamily(addressFragment(rule));
             break;
         case FW_IP_GROUP_NONE:
             break;  // no address, so no line; unlike any address
@@ -333,9 +344,6 @@ bool RuleTranslation::ipFragments(const FWRULE& rule, std::array<Texts, 2>& frag
                     appendCountries(rule, family, fragments[family.index]);
                 }
             }
-            break;
-        case FW_IP_GROUP_RANGE:
-            appendToEachFamily(addressMatch(kRangeMatch.of(rule), rule, '-'));
             break;
         case FW_IP_GROUP_ANY:
             // For both families; when the lines are made, only the rule's families are used.
@@ -375,8 +383,8 @@ bool RuleTranslation::portFragments(const FWRULE& rule, Texts& fragments) {
             }
             return true;
         case FW_PORT_GROUP_PORTS:
-            appendPorts(rule.protocol, rule.portDirect != FW_PORT_DIRECT_DESTINATION, rule.portList,
-                        fragments);
+            appendPortFragments(rule.protocol, rule.portDirect != FW_PORT_DIRECT_DESTINATION,
+                                rule.portList, fragments);
             return true;
         case FW_PORT_GROUP_ANY:
             fragments.emplace_back();

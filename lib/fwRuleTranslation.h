@@ -35,6 +35,18 @@ bool hasIpv4Address(const FWRULE& rule);
 /// there, and the line would mean something else.
 bool holdsNul(const FWRULE& rule);
 
+/// The match of a rule's address, network or range, see hasAddressText(): "-s 10.0.0.0/8".
+std::string addressFragment(const FWRULE& rule);
+
+/// The match of countries: "-m geoip --source-country AA,BB".
+std::string countryFragment(const FWRULE& rule, const Texts& countries);
+
+/// Appends the matches of a protocol (an FW_PORT_PROTOCOL code; others have none) and of ports
+/// given as texts, "80" or "6000-6010": "-p tcp --dport 80", or "-p tcp -m multiport --dports
+/// 80,6000:6010".
+void appendPortFragments(std::int32_t protocol, bool sourceSide, const Texts& ports,
+                         Texts& fragments);
+
 /// Every operation appends. It gets facts about the machine from the translator.
 /// Use one object for one translation: it keeps the results for the countries and services that a
 /// rule names, for later rules that name the same.

@@ -3,8 +3,11 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace FW {
+
+using Texts = std::vector<std::string>;
 
 inline bool startsWith(std::string_view text, std::string_view prefix) {
     return text.substr(0, prefix.size()) == prefix;

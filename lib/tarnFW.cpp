@@ -13,6 +13,7 @@
 
 #include "fwFileLock.h"
 #include "fwInterfaces.h"
+#include "fwLineLimits.h"
 #include "fwLog.h"
 #include "fwSettings.h"
 #include "tarnFWInternal.h"
@@ -25,10 +26,7 @@ constexpr const char* kSource = kFirewallSource;
 constexpr char kIptables[] = "/sbin/iptables";
 constexpr char kIp6tables[] = "/sbin/ip6tables";
 
-// One command line: its words, each with a terminating zero, and one pointer to each, with a null
-// after the last.
-constexpr std::size_t kCommandBytes = 1024;
-constexpr std::size_t kCommandSlots = 256;
+constexpr std::size_t kCommandSlots = 256;  // pointers to the words of a command, and a null
 
 // The name under which the module loader counts the firewall's modules.
 constexpr char kServiceName[] = "firewall";

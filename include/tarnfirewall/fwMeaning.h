@@ -165,7 +165,9 @@ enum FW_FINDING : std::uint8_t {
                                  ///< rule: lines that are in the kernel are not resolved
     FW_FINDING_REFUSED = 1,      ///< lines that are not resolved, because iptables refuses them or
                                  ///< there are none: the translation fails
-    FW_FINDING_OF_OTHERS = 2     ///< lines that are not resolved, in tables or chains of others
+    FW_FINDING_OF_OTHERS = 2,    ///< lines that are not resolved, in tables or chains of others
+    FW_FINDING_NOT_RUN = 3       ///< a line that is too long for the apply mode: the rule is not
+                                 ///< resolved, and no reload succeeds
 };
 
 /// Something wrong with a profile, or a question that was too complex to answer.
@@ -238,8 +240,8 @@ struct FWRESOLVED {
 /// Texts are read as iptables reads them: "10/8" is 10.0.0.0/8, "010.0.0.1" is 8.0.0.1, "10.256" is
 /// 10.0.1.0, and of four numbers with dots the first 19 characters count. Names of hosts and of
 /// ports, ports above 65535, IPv6 addresses with an interface ("fe80::1%eth0") and texts with a
-/// blank in them are findings, even where iptables does not refuse them: it asks a name server,
-/// makes 4464 of the UDP port 70000, or leaves an interface out that exists.
+/// blank or line feed in them are findings, even where iptables does not refuse them: it asks a
+/// name server, makes 4464 of the UDP port 70000, or leaves an interface out that exists.
 TARNFW_EXPORT FWRESOLVED fwResolve(const FWPROFILE& profile, const FWENVIRONMENT& environment);
 
 /// The packets for a service with these ports: sets by protocol, with those of the protocols that

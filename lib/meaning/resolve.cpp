@@ -6,11 +6,14 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 #include <utility>
 
 #include "tarnfirewall/fwMeaning.h"
 
 #include "../fwInterfaces.h"
+#include "../fwLineLimits.h"
+#include "../fwRestoreText.h"
 #include "../fwRuleTranslation.h"
 #include "addressText.h"
 #include "ruleMatches.h"
@@ -19,6 +22,9 @@ namespace FW {
 namespace {
 
 constexpr std::size_t kMaxNameLength = 15;  // of an interface
+
+// At most what a command has besides its table and chains, the address and the ports.
+constexpr std::size_t kOtherBytes = 64;
 
 constexpr std::uint16_t kIcmpv6 = IPPROTO_ICMPV6;
 
@@ -68,6 +74,18 @@ std::uint8_t chainsOf(const FWRULE& rule, std::vector<LeftOut>& leftOut) {
     return chains;
 }
 
+/// The longest of some texts; empty without any.
+template <typename Texts>
+std::string longestOf(const Texts& texts) {
+    std::string longest;
+    for (const std::string& text : texts) {
+        if (text.size() > longest.size()) {
+            longest = text;
+        }
+    }
+    return longest;
+}
+
 /// Resolves one profile.
 class Resolver {
 public:
@@ -85,6 +103,9 @@ private:
     template <typename InterfacesOf>
     std::vector<LeftOut> addTo(const std::string& list, const FWRULE& rule, const FWPLACE& place,
                                InterfacesOf interfacesOfList);
+    std::optional<LeftOut> tooLongFor(const FWRULE& rule, const AddressMatches& addresses,
+                                      const ProtocolMatches& protocols,
+                                      const FWINTERFACES* interfaces) const;
     void report(const FWPLACE& place, const LeftOut& left);
 
     const FWPROFILE& profile_;
@@ -272,6 +293,43 @@ void Resolver::report(const FWPLACE& place, const LeftOut& left) {
     findings_.push_back({place, left.why, left.kind});
 }
 
+/// Why the apply mode cannot run the longest line of a rule, if it cannot.
+std::optional<LeftOut> Resolver::tooLongFor(const FWRULE& rule, const AddressMatches& addresses,
+                                            const ProtocolMatches& protocols,
+                                            const FWINTERFACES* interfaces) const {
+    std::size_t others = kOtherBytes + rule.table.size();
+    for (const std::string& chain : rule.chainList) {
+        others += chain.size();
+    }
+    for (const FW_FAMILY family : kBothFamilies) {
+        const auto& address = addresses.longest[family];
+        const auto& protocol = protocols.longest[family];
+        if (!address || !protocol || address->size() + protocol->size() + others <= kCommandBytes) {
+            continue;  // as nearly all: short enough for both modes
+        }
+        std::string line = "-t " + rule.table + " -A " + longestOf(rule.chainList);
+        if (interfaces != nullptr) {
+            line += rule.adapterDirect != FW_ADAPTER_DIRECT_OUT ? " -i " : " -o ";
+            line += longestOf(interfaces->names);
+        }
+        line += ' ' + *address + ' ' + *protocol;
+        line += rule.policy == FW_POLICY_ALLOW ? " -j RETURN" : " -j DROP";
+        if (environment_.batch) {
+            if (!isRestoreLine(line)) {
+                return LeftOut{"a line is longer than the " + std::to_string(kRestoreLineBytes) +
+                                   " bytes that apply mode \"batch\" takes",
+                               FW_FINDING_NOT_RUN};
+            }
+        } else if (commandBytes((family == FW_FAMILY_V4 ? "/sbin/iptables " : "/sbin/ip6tables ") +
+                                line) > kCommandBytes) {
+            return LeftOut{"a line is longer than the " + std::to_string(kCommandBytes) +
+                               " bytes that apply mode \"lines\" runs",
+                           FW_FINDING_NOT_RUN};
+        }
+    }
+    return std::nullopt;
+}
+
 /// Appends the sets of a rule to a list. Returns why lines of it are left out.
 template <typename InterfacesOf>
 std::vector<LeftOut> Resolver::addTo(const std::string& list, const FWRULE& rule,
@@ -294,6 +352,10 @@ std::vector<LeftOut> Resolver::addTo(const std::string& list, const FWRULE& rule
     const std::shared_ptr<const FWINTERFACES> interfaces = interfacesOfList();
     std::vector<LeftOut> leftOut = std::move(addresses.leftOut);
     leftOut.insert(leftOut.end(), protocols.leftOut.begin(), protocols.leftOut.end());
+
+    if (const auto tooLong = tooLongFor(rule, addresses, protocols, interfaces.get())) {
+        return {*tooLong};
+    }
 
     FWPACKETSET packets;
     packets.chains = chainsOf(rule, leftOut);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "../fwFragments.h"
 #include "../fwPortTexts.h"
 #include "../fwRawProtocols.h"
 #include "../fwRuleTranslation.h"
@@ -26,6 +27,11 @@ constexpr std::uint16_t kUdp = IPPROTO_UDP;
 constexpr std::uint16_t kIcmpv6 = IPPROTO_ICMPV6;
 // In IPv6 an extension header, which ip6tables skips: its "-p 51" never matches.
 constexpr std::uint16_t kAuthentication = IPPROTO_AH;
+
+/// Whether a text is more than one word of a line, or of a batch more than a line.
+bool hasBlank(const std::string& text) {
+    return text.find_first_of(" \n") != std::string::npos;
+}
 
 std::string entryAt(const Texts& list, std::size_t index) {
     return index < list.size() ? list[index] : std::string();
@@ -57,7 +63,7 @@ AddressMatch addressMatch(TextResult result, const std::string& text, const Inte
 
 std::uint16_t portFrom(const std::string& text, const std::string& entry, int base = 0) {
     const auto port = numberFrom(text, 65535, base);
-    if (!port || text.find(' ') != std::string::npos) {
+    if (!port || hasBlank(text)) {
         throw LeftOut{inQuotes(entry) + " is not a port or a range of ports"};
     }
     return static_cast<std::uint16_t>(*port);
@@ -162,6 +168,14 @@ ProtocolMatch protocolMatch(std::uint16_t number, std::uint8_t families = FW_BOT
 /// Appends what a protocol (an FW_PORT_PROTOCOL code; others match nothing) and its ports match.
 void appendPorts(std::int32_t protocol, bool sourceSide, const Texts& entries,
                  ProtocolMatches& matches) {
+    Texts lines;
+    appendPortFragments(protocol, sourceSide, entries, lines);
+    for (const std::string& words : lines) {
+        matches.measure(words == kIcmpV4   ? maskOf(FW_FAMILY_V4)
+                        : words == kIcmpV6 ? maskOf(FW_FAMILY_V6)
+                                           : FW_BOTH_FAMILIES,
+                        words);
+    }
     switch (protocol) {
         case FW_PORT_PROTOCOL_ICMP:
             matches.of.push_back(protocolMatch(kIcmp, maskOf(FW_FAMILY_V4)));
@@ -218,6 +232,7 @@ ProtocolMatches matchesOf(const Texts& names, const ServPort& ports) {
     appendPorts(ports.dstPorts, /*sourceSide=*/false, matches);
     for (const std::string& name : names) {
         forEachRawProtocol(name, [&](std::int32_t number) {
+            matches.measure(FW_BOTH_FAMILIES, "-p " + std::to_string(number));
             matches.of.push_back(
                 protocolMatch(static_cast<std::uint16_t>(number),
                               number == kAuthentication ? maskOf(FW_FAMILY_V4) : FW_BOTH_FAMILIES));
@@ -245,10 +260,15 @@ AddressMatches RuleMatches::addresses(const FWRULE& rule) {
     if (rule.ipType == FW_IP_TYPE_V6 || rule.ipType == FW_IP_TYPE_BOTH) {
         families |= maskOf(FW_FAMILY_V6);
     }
-    if (rule.ipGroup == FW_IP_GROUP_ANY && families != 0) {
-        return {{{families, nullptr}}, {}};
-    }
     AddressMatches matches;
+    if (rule.ipGroup == FW_IP_GROUP_ANY && families != 0) {
+        matches.of.push_back({families, nullptr});
+        matches.measure(families, "");
+        return matches;
+    }
+    if (hasAddressText(rule)) {
+        matches.measure(families, addressFragment(rule));
+    }
     for (const FW_FAMILY family : kBothFamilies) {
         if ((families & maskOf(family)) == 0) {
             continue;
@@ -258,7 +278,14 @@ AddressMatches RuleMatches::addresses(const FWRULE& rule) {
             if (hasAddressText(rule)) {
                 match = textMatch(rule, family);
             } else if (rule.ipGroup == FW_IP_GROUP_COUNTRIES) {
-                match.addresses = countries(rule.ipList, family);
+                const Countries& usable = countries(rule.ipList, family);
+                if (!usable.codes.empty()) {
+                    matches.measure(match.families, countryFragment(rule, usable.codes));
+                }
+                if (usable.leftOut) {
+                    throw *usable.leftOut;
+                }
+                match.addresses = usable.addresses;
             } else {
                 continue;
             }
@@ -294,7 +321,7 @@ AddressMatch RuleMatches::textMatch(const FWRULE& rule, FW_FAMILY family) {
                                                                    : first;
     Intervals addresses;
     TextResult result = TextResult::kInvalid;
-    if (text.find(' ') == std::string::npos) {
+    if (!hasBlank(text)) {
         // The tool takes the text of a range up to the first dash for the first address.
         const std::size_t dash = text.find('-');
         result = isRange ? readRange(text.substr(0, dash), text.substr(dash + 1), family, addresses)
@@ -306,7 +333,7 @@ AddressMatch RuleMatches::textMatch(const FWRULE& rule, FW_FAMILY family) {
     return addressMatch(result, text, addresses, family);
 }
 
-std::shared_ptr<const FWADDRESSES> RuleMatches::countries(const Texts& codes, FW_FAMILY family) {
+const RuleMatches::Countries& RuleMatches::countries(const Texts& codes, FW_FAMILY family) {
     auto known = countries_.find({codes, family});
     if (known == countries_.end()) {
         known = countries_.emplace(std::pair(codes, family), united(codes, family)).first;
@@ -315,41 +342,51 @@ std::shared_ptr<const FWADDRESSES> RuleMatches::countries(const Texts& codes, FW
 }
 
 /// The addresses of all these countries. The list of a single one is shared, not copied.
-std::shared_ptr<const FWADDRESSES> RuleMatches::united(const Texts& codes, FW_FAMILY family) {
+RuleMatches::Countries RuleMatches::united(const Texts& codes, FW_FAMILY family) {
+    Countries usable;
     std::vector<std::shared_ptr<const FWADDRESSES>> lists;
     std::size_t intervals = 0;
     for (const std::string& code : codes) {
         const auto addresses =
             environment_.countries ? environment_.countries(code, family) : nullptr;
         if (addresses != nullptr && !addresses->empty()) {
+            usable.codes.push_back(code);
             lists.push_back(addresses);
             intervals += addresses->size();
         }
     }
     if (lists.size() > kCountriesPerMatch) {
-        throw LeftOut{"there are more than " + std::to_string(kCountriesPerMatch) +
-                      " countries in one rule"};
+        usable.leftOut = {"there are more than " + std::to_string(kCountriesPerMatch) +
+                          " countries in one rule"};
+        return usable;
     }
     if (lists.size() == 1) {
-        return lists.front();
+        usable.addresses = lists.front();
+        return usable;
     }
-    count(intervals);
+    try {
+        count(intervals);
+    } catch (const LeftOut& left) {
+        usable.leftOut = left;
+        return usable;
+    }
     FWADDRESSES all;
     all.reserve(intervals);
     for (const auto& list : lists) {
         all.insert(all.end(), list->begin(), list->end());
     }
-    return std::make_shared<FWADDRESSES>(fwAddressesFrom(all));
+    usable.addresses = std::make_shared<FWADDRESSES>(fwAddressesFrom(all));
+    return usable;
 }
 
 const ProtocolMatches& RuleMatches::protocols(const FWRULE& rule) {
     if (fwRuleNamesServices(rule)) {
         return ofServices(rule.portList);
     }
-    protocols_.of.clear();
-    protocols_.leftOut.clear();
+    protocols_ = {};
     if (rule.portGroup == FW_PORT_GROUP_ANY) {
         protocols_.of.emplace_back();
+        protocols_.measure(FW_BOTH_FAMILIES, "");
     } else if (rule.portGroup == FW_PORT_GROUP_PORTS) {
         appendPorts(rule.protocol, rule.portDirect != FW_PORT_DIRECT_DESTINATION, rule.portList,
                     protocols_);

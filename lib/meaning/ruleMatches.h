@@ -2,20 +2,21 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "tarnfirewall/fwMeaning.h"
 
+#include "../fwText.h"
 #include "intervals.h"
 
 namespace FW {
-
-using Texts = std::vector<std::string>;
 
 inline constexpr FW_FAMILY kBothFamilies[] = {FW_FAMILY_V4, FW_FAMILY_V6};
 
@@ -60,6 +61,16 @@ template <typename Match>
 struct Matches {
     std::vector<Match> of;
     std::vector<LeftOut> leftOut;
+    std::array<std::optional<std::string>, 2> longest;  // by family: the words of a line
+
+    void measure(std::uint8_t families, const std::string& words) {
+        for (const FW_FAMILY family : kBothFamilies) {
+            std::optional<std::string>& known = longest[family];
+            if ((families & maskOf(family)) != 0 && (!known || known->size() < words.size())) {
+                known = words;
+            }
+        }
+    }
 };
 
 using AddressMatches = Matches<AddressMatch>;
@@ -81,9 +92,16 @@ public:
     const ProtocolMatches& protocols(const FWRULE& rule);
 
 private:
+    /// Those of a list that have addresses in a family.
+    struct Countries {
+        Texts codes;
+        std::shared_ptr<const FWADDRESSES> addresses;
+        std::optional<LeftOut> leftOut;
+    };
+
     AddressMatch textMatch(const FWRULE& rule, FW_FAMILY family);
-    std::shared_ptr<const FWADDRESSES> countries(const Texts& codes, FW_FAMILY family);
-    std::shared_ptr<const FWADDRESSES> united(const Texts& codes, FW_FAMILY family);
+    const Countries& countries(const Texts& codes, FW_FAMILY family);
+    Countries united(const Texts& codes, FW_FAMILY family);
     void count(std::size_t intervals);
     const ProtocolMatches& ofServices(const Texts& names);
 
@@ -91,7 +109,7 @@ private:
     std::size_t intervals_ = 0;  // of all lists of addresses made here
     ProtocolMatches protocols_;  // of the rule at hand
     std::map<Texts, ProtocolMatches> services_;
-    std::map<std::pair<Texts, FW_FAMILY>, std::shared_ptr<const FWADDRESSES>> countries_;
+    std::map<std::pair<Texts, FW_FAMILY>, Countries> countries_;
 };
 
 }  // namespace FW

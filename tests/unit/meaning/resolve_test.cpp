@@ -9,7 +9,9 @@
 
 #include "library_test.h"
 #include "tarnfirewall/fwEnvironment.h"
+#include "tarnfirewall/fwIptables.h"
 #include "tarnfirewall/fwMeaning.h"
+#include "tarnfirewall/tarnFW.h"
 
 #include "iptables_lines.h"
 #include "packet_set.h"
@@ -559,6 +561,74 @@ TEST(ResolveTest, RulesThatCannotBeAppliedAreFindings) {
     ASSERT_THAT(rules, SizeIs(2));
     EXPECT_EQ(rules[0].place.position, 3);
     EXPECT_EQ(rules[1].place.position, 5);
+}
+
+// ---- Lines that are too long ----
+
+using LongLineTest = LibraryTest;
+
+/// A list of addresses that is so long.
+std::string addressesOf(std::size_t bytes) {
+    std::string text = "10.0.0.1";
+    while (text.size() + 9 <= bytes) {
+        text += ",10.0.0.2";
+    }
+    text += std::string(bytes - text.size(), '0');  // "10.0.0.20000" is an error, but no matter
+    return text;
+}
+
+TEST_F(LongLineTest, AreFindingsExactlyWhereTheCommandCannotBeRun) {
+    int runs = 0;
+    int tooLong = 0;
+    for (std::size_t bytes = 880; bytes < 1000; ++bytes) {
+        for (const int type : {FW::FW_IP_TYPE_V4, FW::FW_IP_TYPE_BOTH}) {
+            FWPROFILE profile;
+            FWRULE rule = addressRule(FW::FW_IP_GROUP_SINGLE, {addressesOf(bytes)}, type);
+            rule.portGroup = FW::FW_PORT_GROUP_PORTS;
+            rule.portList = {"80", "6000-6010"};
+            rule.blLog = bytes % 2 == 0;
+            rule.policy = bytes % 3 == 0 ? FW::FW_POLICY_ALLOW : FW::FW_POLICY_DENY;
+            profile.rules["eth0"] = {rule};
+            Json::Value lines;
+            ASSERT_TRUE(FW::TARNFW_IPTABLES_RULES().fwRulesToIptablesRules(
+                false, profile.rules, profile.adapterPolicyMap, lines));
+            bool isRun = true;
+            for (const char* const family : {"v4", "v6"}) {
+                for (const Json::Value& line : lines[family]["eth0"]) {
+                    isRun = isRun && FW::TARNFW().cmdExec(std::string("/sbin/ip") +
+                                                          (family[1] == '6' ? "6" : "") +
+                                                          "tables " + line.asString());
+                }
+            }
+            (isRun ? runs : tooLong) += 1;
+            std::vector<FW::FWFINDING> findings =
+                FW::fwResolve(profile, environmentOf({"eth0"})).findings;
+            EXPECT_EQ(isRun, findings.empty() || findings[0].kind != FW::FW_FINDING_NOT_RUN)
+                << bytes << " " << type;
+        }
+    }
+    EXPECT_GT(runs, 20);
+    EXPECT_GT(tooLong, 20);
+}
+
+TEST_F(LongLineTest, AreTakenUpToAnotherLengthInABatch) {
+    const std::string lineStart = "-A FORWARD_FIREWALL -i eth0 -s ";
+    const std::string lineEnd = "  -j RETURN";
+    FWENVIRONMENT environment = environmentOf({"eth0"});
+    environment.tunnels["eth0"] = "sit0";
+    const auto rule = [](const std::string& text) {
+        return addressRule(FW::FW_IP_GROUP_SINGLE, {text});
+    };
+    const std::string longest = addressesOf(10238 + 1 - lineStart.size() - lineEnd.size());
+    EXPECT_THAT(findingsOf(resolve({rule(longest)}, environment)),
+                ElementsAre("eth0 1: a line is longer than the 1024 bytes that apply mode "
+                            "\"lines\" runs"));
+    environment.batch = true;
+    EXPECT_THAT(findingsOf(resolve({rule(longest)}, environment)), IsEmpty());
+    EXPECT_THAT(findingsOf(resolve({rule(longest + "0")}, environment)),
+                ElementsAre("eth0 1: a line is longer than the 10238 bytes that apply mode "
+                            "\"batch\" takes"));
+    EXPECT_THAT(findingsOf(resolve({rule("10.0.0.1,\n10.0.0.2")}, environment)), SizeIs(1));
 }
 
 TEST(ResolveTest, InterfaceNameThatIsTooLongIsAFinding) {
