@@ -117,10 +117,12 @@ private:
                      places.end());
     }
 
-    /// A finding about a rule of which nothing is known yet.
+    /// A finding about a rule of which nothing is known yet, or that no other check finds.
     void add(const FW::FWFINDING& finding) {
         const auto place = rulePlaceOf(finding.place);
-        if (!place || known_.count(*place) == 0) {
+        if (finding.kind == FW::FW_FINDING_NOT_RUN) {
+            found_.push_back({finding.text + ": no reload succeeds", /*isError=*/true, place});
+        } else if (!place || known_.count(*place) == 0) {
             found_.push_back({"is not compared with other rules: " + finding.text,
                               /*isError=*/false, place});
         }

@@ -255,6 +255,18 @@ TEST_F(ShadowListTest, WhatTheEngineLeavesOutIsFoundOnce) {
     EXPECT_THAT(linesOf(profile({wrong})), testing::SizeIs(1));
 }
 
+TEST_F(ShadowListTest, LineThatCannotBeRunIsAnError) {
+    std::string addresses = "10.0.0.1";
+    for (int i = 2; i < 150; ++i) {
+        addresses += ",10.0.0." + std::to_string(i);
+    }
+    Json::Value tooLong = rule(R"({"ipGroup": 0, "ipType": 0})");
+    tooLong["ipList"][0] = addresses;
+    EXPECT_THAT(linesOf(profile({tooLong})),
+                testing::Contains("home.json: rule 1 of global: a line is longer than the 1024 "
+                                  "bytes that apply mode \"lines\" runs: no reload succeeds"));
+}
+
 TEST_F(ShadowListTest, RulesOfLoAreNotShadowedByOthers) {
     Json::Value document = profile({});
     document["rules"]["lo"].append(rule());
