@@ -56,17 +56,55 @@ FWADDRESS ipv6At(const char* bytes) {
     return {wordAt(bytes) << 32 | wordAt(bytes + 4), wordAt(bytes + 8) << 32 | wordAt(bytes + 12)};
 }
 
-Countries countriesOf(const FWPROFILE& profile) {
-    Countries countries;
-    const Names codes = namesIn(profile, &FWRULE::ipList, [](const FWRULE& rule) {
-        return rule.ipGroup == FW_IP_GROUP_COUNTRIES;
+/// A file of the database.
+struct CountryFile {
+    std::shared_ptr<const FWADDRESSES> addresses;  // null without a file
+    bool isBroken = false;                         // it ends within a record
+};
+
+CountryFile countryFile(const std::string& country, FW_FAMILY family) {
+    const bool ipv6 = family == FW_FAMILY_V6;
+    CountryFile file;
+    std::vector<FWADDRESSINTERVAL> intervals;
+    const bool read = geoipRecordsRead(country, ipv6, [&](const char* record, std::size_t bytes) {
+        if (bytes < (ipv6 ? kGeoipRecordBytesV6 : kGeoipRecordBytesV4)) {
+            file.isBroken = !intervals.empty() || bytes >= kGeoipUsableBytes;
+        } else if (ipv6) {
+            intervals.push_back({ipv6At(record), ipv6At(record + 16)});
+        } else {
+            constexpr std::uint64_t kBelowIpv4 = 0xffffffff;
+            intervals.push_back(
+                {{wordAt(record) << 32, 0}, {wordAt(record + 4) << 32 | kBelowIpv4, ~0ULL}});
+        }
     });
+    if (read) {
+        file.addresses = std::make_shared<const FWADDRESSES>(fwAddressesFrom(intervals));
+    }
+    return file;
+}
+
+/// The codes of the countries that a profile names.
+Names countriesOf(const FWPROFILE& profile) {
+    return namesIn(profile, &FWRULE::ipList,
+                   [](const FWRULE& rule) { return rule.ipGroup == FW_IP_GROUP_COUNTRIES; });
+}
+
+void addCountries(const Names& codes, FWENVIRONMENT& environment) {
+    Countries countries;
     for (const std::string& code : codes) {
         for (const FW_FAMILY family : {FW_FAMILY_V4, FW_FAMILY_V6}) {
-            countries[{code, family}] = fwCountryAddresses(code, family);
+            const CountryFile file = countryFile(code, family);
+            countries[{code, family}] = file.addresses;
+            if (file.isBroken) {
+                environment.brokenCountries.insert({code, family});
+            }
         }
     }
-    return countries;
+    environment.countries = [countries = std::move(countries)](const std::string& country,
+                                                               FW_FAMILY family) {
+        const auto found = countries.find({country, family});
+        return found == countries.end() ? nullptr : found->second;
+    };
 }
 
 /// Adds the ports of the services that the firewall may use.
@@ -119,32 +157,14 @@ bool fwEnvironmentGet(const FWPROFILE& profile, FW_ADAPTERS adapters,
         return false;
     }
 
-    filled.countries = [countries = countriesOf(profile)](const std::string& country,
-                                                          FW_FAMILY family) {
-        const auto found = countries.find({country, family});
-        return found == countries.end() ? nullptr : found->second;
-    };
+    addCountries(countriesOf(profile), filled);
     environment = std::move(filled);
     return true;
 }
 
 std::shared_ptr<const FWADDRESSES> fwCountryAddresses(const std::string& country,
                                                       FW_FAMILY family) {
-    const bool ipv6 = family == FW_FAMILY_V6;
-    std::vector<FWADDRESSINTERVAL> intervals;
-    const bool read = geoipRecordsRead(country, ipv6, [&](const char* record, std::size_t bytes) {
-        if (bytes < (ipv6 ? kGeoipRecordBytesV6 : kGeoipRecordBytesV4)) {
-            return;
-        }
-        if (ipv6) {
-            intervals.push_back({ipv6At(record), ipv6At(record + 16)});
-        } else {
-            constexpr std::uint64_t kBelowIpv4 = 0xffffffff;
-            intervals.push_back(
-                {{wordAt(record) << 32, 0}, {wordAt(record + 4) << 32 | kBelowIpv4, ~0ULL}});
-        }
-    });
-    return read ? std::make_shared<const FWADDRESSES>(fwAddressesFrom(intervals)) : nullptr;
+    return countryFile(country, family).addresses;
 }
 
 }  // namespace FW

@@ -22,9 +22,6 @@ constexpr std::size_t kChunkBytes = 4096;  // a multiple of both record sizes
 constexpr std::size_t kTextBytes = 64;
 constexpr std::size_t kPathBytes = 1024;
 
-// One threshold for both families, so an ".iv6" file too short for a record still counts.
-constexpr off_t kUsableBytes = 8;
-
 struct FileClose {
     void operator()(std::FILE* file) const { (void)std::fclose(file); }
 };
@@ -149,7 +146,7 @@ bool FW_GEOIP::geoipSanctify(const std::vector<std::string>& countries, const bo
         std::snprintf(path, sizeof(path), "%s%s.%s", kDatabaseDir, country.c_str(),
                       ipv6 ? "iv6" : "iv4");
         struct stat status {};
-        if (stat(path, &status) == 0 && status.st_size >= kUsableBytes) {
+        if (stat(path, &status) == 0 && status.st_size >= off_t(kGeoipUsableBytes)) {
             usable.push_back(country);
         }
     }

@@ -10,6 +10,10 @@ namespace FW {
 inline constexpr std::size_t kGeoipRecordBytesV4 = 8;
 inline constexpr std::size_t kGeoipRecordBytesV6 = 32;
 
+/// What a file has at least when the translation uses its country. The same for both families, so
+/// an ".iv6" file too short for a record still counts.
+inline constexpr std::size_t kGeoipUsableBytes = 8;
+
 /// Calls `use` with each record of a country's file and with how many of its bytes are in the file:
 /// zeros complete a partial last one. Returns false when the file cannot be opened.
 bool geoipRecordsRead(const std::string& country, bool ipv6,

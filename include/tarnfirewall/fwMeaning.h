@@ -22,7 +22,9 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tarnfirewall/fwExport.h"
@@ -204,6 +206,9 @@ struct FWENVIRONMENT {
     /// function there are no countries.
     std::function<std::shared_ptr<const FWADDRESSES>(const std::string& country, FW_FAMILY family)>
         countries;
+
+    /// Countries whose file ends within a record. iptables refuses a line with one.
+    std::set<std::pair<std::string, FW_FAMILY>> brokenCountries;
 
     /// Whether packets of established connections are accepted, except from this address.
     bool acceptEstablished = true;

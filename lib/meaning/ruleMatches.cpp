@@ -18,7 +18,7 @@ namespace {
 // cuts lists so that they fit, but an entry may have commas in it.
 constexpr std::size_t kPortsPerMatch = 15;
 
-constexpr std::size_t kCountriesPerMatch = 15;  // what the kernel's match takes
+constexpr std::size_t kCountriesPerMatch = 15;  // what the kernel's match takes, equal ones, too
 
 constexpr std::uint16_t kIcmp = IPPROTO_ICMP;
 constexpr std::uint16_t kIgmp = IPPROTO_IGMP;
@@ -57,6 +57,15 @@ AddressMatch addressMatch(TextResult result, const std::string& text, const Inte
         default:
             return {maskOf(family), isAny(addresses) ? nullptr : listOf(addresses)};
     }
+}
+
+/// Whether the kernel's match reads the file of a code: others it refuses, and for "us" it reads
+/// that of "US".
+bool isCountryCode(const std::string& code) {
+    const auto isCapital = [](char c) { return c >= 'A' && c <= 'Z'; };
+    const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+    return code.size() == 2 && std::all_of(code.begin(), code.end(),
+                                           [&](char c) { return isCapital(c) || isDigit(c); });
 }
 
 // ---- Ports ----
@@ -283,7 +292,7 @@ AddressMatches RuleMatches::addresses(const FWRULE& rule) {
                     matches.measure(match.families, countryFragment(rule, usable.codes));
                 }
                 if (usable.leftOut) {
-                    throw *usable.leftOut;
+                    throw LeftOut{usable.leftOut->why, usable.leftOut->kind};
                 }
                 match.addresses = usable.addresses;
             } else {
@@ -349,11 +358,20 @@ RuleMatches::Countries RuleMatches::united(const Texts& codes, FW_FAMILY family)
     for (const std::string& code : codes) {
         const auto addresses =
             environment_.countries ? environment_.countries(code, family) : nullptr;
-        if (addresses != nullptr && !addresses->empty()) {
+        const bool isBroken = environment_.brokenCountries.count({code, family}) != 0;
+        if (isBroken || (addresses != nullptr && !addresses->empty())) {
+            if (isBroken || !isCountryCode(code)) {
+                usable.leftOut = {isBroken ? "the file of country " + inQuotes(code) +
+                                                 " ends within a record"
+                                           : inQuotes(code) + " is not the code of a country"};
+            }
             usable.codes.push_back(code);
-            lists.push_back(addresses);
-            intervals += addresses->size();
+            lists.push_back(addresses != nullptr ? addresses : std::make_shared<FWADDRESSES>());
+            intervals += lists.back()->size();
         }
+    }
+    if (usable.leftOut) {
+        return usable;
     }
     if (lists.size() > kCountriesPerMatch) {
         usable.leftOut = {"there are more than " + std::to_string(kCountriesPerMatch) +

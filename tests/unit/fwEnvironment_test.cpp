@@ -116,6 +116,13 @@ TEST_F(FwEnvironmentTest, CountriesAreThoseWithAFile) {
     EXPECT_EQ(FW::fwAddressText(v6->front().last, FW::FW_FAMILY_V6), "2000::7");
     EXPECT_EQ(environment.countries("BB", FW::FW_FAMILY_V4), nullptr);
     EXPECT_EQ(environment.countries("CC", FW::FW_FAMILY_V4), nullptr);
+    EXPECT_THAT(environment.brokenCountries, ElementsAre(Pair("AA", FW::FW_FAMILY_V4)));
+
+    // From eight bytes on the translation uses a file, whatever the family.
+    writeFile(kGeoipDir + "AA.iv4", record);
+    writeFile(kGeoipDir + "AA.iv6", ipv6.substr(0, 8));
+    writeFile(kGeoipDir + "BB.iv4", record.substr(0, 7));
+    EXPECT_THAT(get().brokenCountries, ElementsAre(Pair("AA", FW::FW_FAMILY_V6)));
 }
 
 TEST_F(FwEnvironmentTest, WhatCannotBeAskedFailsAndChangesNothing) {

@@ -393,6 +393,30 @@ TEST(ResolveTest, LinesThatIptablesTakesCountWithoutThoseThatItRefuses) {
     EXPECT_THAT(intervalTexts(rulesOf(ports)[0].packets.destinationPorts), ElementsAre("8-9"));
 }
 
+TEST(ResolveTest, CountriesThatTheMatchDoesNotTakeAreFindings) {
+    FWENVIRONMENT environment = environmentOf({"eth0"});
+    const auto some = std::make_shared<FWADDRESSES>(FWADDRESSES{{{1, 0}, {2, 0}}});
+    environment.countries = [&](const std::string& country, FW::FW_FAMILY) {
+        return country == "CC" ? nullptr : some;
+    };
+    environment.brokenCountries = {{"BB", kV4}};
+    const auto countries = [](const Texts& codes) {
+        return addressRule(FW::FW_IP_GROUP_COUNTRIES, codes);
+    };
+    const Texts fifteen(15, "AA");
+    const Texts sixteen(16, "AA");
+    const FWRESOLVED resolved =
+        resolve({countries({"us"}), countries({"AA", "USA"}), countries({"BB"}), countries(fifteen),
+                 countries(sixteen), countries({"A1", "CC"})},
+                environment);
+    EXPECT_THAT(findingsOf(resolved),
+                ElementsAre("eth0 1: \"us\" is not the code of a country",
+                            "eth0 2: \"USA\" is not the code of a country",
+                            "eth0 3: the file of country \"BB\" ends within a record",
+                            "eth0 5: there are more than 15 countries in one rule"));
+    EXPECT_THAT(rulesOf(resolved), SizeIs(2));
+}
+
 TEST(ResolveTest, MoreCountriesThanALineTakesAreAFinding) {
     FWENVIRONMENT environment = environmentOf({"eth0"});
     const auto all = std::make_shared<FWADDRESSES>(FWADDRESSES{{{1, 0}, {2, 0}}});
