@@ -16,9 +16,6 @@
 namespace tarnfw {
 namespace {
 
-// No interface of the kernel has a '/' in its name.
-constexpr char kAbsentPppoe[] = "/pppoe";
-
 FW::ServPort portsByProtocol(const Service& service) {
     FW::ServPort ports;
     const auto add = [](const ServiceSide& side, auto& byProtocol) {
@@ -82,9 +79,6 @@ FW::FWENVIRONMENT environmentOf(const std::vector<FW::FWPROFILE>& profiles, Mach
     FW::FWENVIRONMENT environment;
     if (!FW::fwEnvironmentGet(all, adapters, {}, environment)) {
         throw Error(ErrorKind::kSystem, "the interfaces of the machine cannot be listed");
-    }
-    if (adapters == FW::FW_ADAPTERS_ALL) {
-        environment.adapters.insert({FW::FW_ADAPTER_PPPOE, {{kAbsentPppoe}, {}}});
     }
     for (const std::string& name : names) {
         const std::optional<Service> service = machine.requireCatalogue().find(name);

@@ -225,7 +225,8 @@ TARNFW_EXPORT std::map<std::string, FWINTERFACES> fwAdaptersNow(
     const std::vector<std::string>& interfaces, const std::string& pppoe);
 
 /// All adapters of a profile, whether their interfaces exist or not: "vpn" as the names "ppp..."
-/// without `pppoe` and "tun..." without "tun1000".
+/// without `pppoe` and "tun..." without "tun1000"; "pppoe", where `pppoe` is empty, as "/pppoe",
+/// which no interface is called.
 TARNFW_EXPORT std::map<std::string, FWINTERFACES> fwAdaptersByName(const FWPROFILE& profile,
                                                                    const std::string& pppoe);
 

@@ -25,8 +25,7 @@ bool isNotCounted(const FW::FWFINDING& finding);
 
 /// What the meaning of each of these profiles depends on besides its text: one environment for all
 /// of them, so that they can be compared. It knows the services and countries that they name, and
-/// those of `services`, from the machine's catalogue. With FW_ADAPTERS_ALL "pppoe" has an interface
-/// even while there is none. Throws Error, kSystem, when the interfaces
+/// those of `services`, from the machine's catalogue. Throws Error, kSystem, when the interfaces
 /// cannot be listed, or the catalogue cannot be read while there is a service to look up.
 FW::FWENVIRONMENT environmentOf(const std::vector<FW::FWPROFILE>& profiles, Machine& machine,
                                 FW::FW_ADAPTERS adapters = FW::FW_ADAPTERS_ALL,

@@ -26,6 +26,8 @@ constexpr std::size_t kMaxNameLength = 15;  // of an interface
 // At most what a command has besides its table and chains, the address and the ports.
 constexpr std::size_t kOtherBytes = 64;
 
+constexpr char kAbsentPppoe[] = "/pppoe";  // no interface of the kernel has a '/' in its name
+
 constexpr std::uint16_t kIcmpv6 = IPPROTO_ICMPV6;
 
 // ---- Interfaces ----
@@ -428,7 +430,9 @@ std::map<std::string, FWINTERFACES> fwAdaptersByName(const FWPROFILE& profile,
     }
     std::map<std::string, FWINTERFACES> adapters = fwAdaptersNow(names, pppoe);
     adapters[FW_ADAPTER_VPN] = {{"ppp+", "tun+"}, {kSystemTunnel}};
-    if (!pppoe.empty()) {
+    if (pppoe.empty()) {
+        adapters[FW_ADAPTER_PPPOE] = {{kAbsentPppoe}, {}};
+    } else {
         adapters[FW_ADAPTER_VPN].except.push_back(pppoe);
     }
     return adapters;

@@ -705,7 +705,39 @@ TEST(ServicePacketsTest, AreThoseOfThePortsAndOfFurtherProtocols) {
     EXPECT_THAT(FW::fwServicePackets("own", {}), IsEmpty());
 }
 
+// ---- The order of rules ----
+
+TEST(ResolveTest, WhatIsRepeatedForATunnelComesInTheOrderOfTheAdaptersThatItComesFrom) {
+    FWPROFILE profile;
+    for (const char* const adapter : {"eth0", "eth1", "pppoe"}) {
+        profile.rules[adapter] = {anyRule()};
+        profile.adapterPolicyMap[adapter] = FW::FW_POLICY_DENY;
+    }
+    FWENVIRONMENT environment = environmentOf({});
+    environment.adapters = FW::fwAdaptersNow({"eth0", "eth1"}, "ppp0");
+    environment.tunnels = {{"eth0", "eth1"}, {"pppoe", "eth1"}};
+    Texts places;
+    for (const FWRESOLVEDRULE& rule : rulesOf(FW::fwResolve(profile, environment))) {
+        places.push_back(rule.packets.in->names.at(0) + ": " + rule.place.adapter + " " +
+                         std::to_string(rule.place.position));
+    }
+    EXPECT_THAT(places, ElementsAre("eth0: eth0 1", "eth0: eth0 0", "eth1: eth0 1", "eth1: eth0 0",
+                                    "eth1: eth1 1", "eth1: eth1 0", "eth1: pppoe 1",
+                                    "eth1: pppoe 0", "ppp0: pppoe 1", "ppp0: pppoe 0"));
+}
+
 // ---- Adapters by name ----
+
+TEST(AdaptersByNameTest, PppoeWithoutAConnectionHasRules) {
+    FWPROFILE profile;
+    profile.rules["pppoe"] = {anyRule()};
+    FWENVIRONMENT environment = environmentOf({});
+    environment.adapters = FW::fwAdaptersByName(profile, "");
+    const std::vector<FWRESOLVEDRULE> rules = rulesOf(FW::fwResolve(profile, environment));
+    ASSERT_THAT(rules, SizeIs(1));
+    EXPECT_THAT(rules[0].packets.in->names, ElementsAre("/pppoe"));
+    EXPECT_THAT(environment.adapters.at("vpn").except, ElementsAre("tun1000"));
+}
 
 TEST(AdaptersByNameTest, AbsentAdaptersHaveRulesAndVpnIsBeginningsOfNames) {
     FWPROFILE profile;
