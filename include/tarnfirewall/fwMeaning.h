@@ -252,7 +252,7 @@ TARNFW_EXPORT FWRESOLVED fwResolve(const FWPROFILE& profile, const FWENVIRONMENT
 
 /// The packets for a service with these ports: sets by protocol, with those of the protocols that
 /// it needs besides ports. None for a service without either. Entries that are no ports are left
-/// out.
+/// out, each on its own.
 TARNFW_EXPORT std::vector<FWPACKETSET> fwServicePackets(const std::string& service,
                                                         const ServPort& ports);
 

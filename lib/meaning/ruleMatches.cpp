@@ -167,6 +167,22 @@ FWINTERVALS portsFrom(const Texts& entries, std::uint16_t protocol, std::vector<
     return ports;
 }
 
+/// Removes the entries that are no ports, of which one would have a whole line refused.
+void keepPorts(Texts& entries) {
+    if (entries.size() < 2) {
+        return;
+    }
+    const auto isNone = [](const std::string& entry) {
+        try {
+            (void)multiportMatch(&entry, &entry + 1);
+        } catch (const LeftOut&) {
+            return true;
+        }
+        return false;
+    };
+    entries.erase(std::remove_if(entries.begin(), entries.end(), isNone), entries.end());
+}
+
 ProtocolMatch protocolMatch(std::uint16_t number, std::uint8_t families = FW_BOTH_FAMILIES) {
     ProtocolMatch match;
     match.families = families;
@@ -430,8 +446,14 @@ const ProtocolMatches& RuleMatches::ofServices(const Texts& names) {
 }
 
 std::vector<FWPACKETSET> fwServicePackets(const std::string& service, const ServPort& ports) {
+    ServPort readable = ports;
+    for (auto* const side : {&readable.srcPorts, &readable.dstPorts}) {
+        for (auto& [protocol, entries] : *side) {
+            keepPorts(entries);
+        }
+    }
     std::vector<FWPACKETSET> packets;
-    for (const ProtocolMatch& match : matchesOf({service}, ports).of) {
+    for (const ProtocolMatch& match : matchesOf({service}, readable).of) {
         FWPACKETSET& set = packets.emplace_back();
         set.families = match.families;
         set.protocols = match.protocols;

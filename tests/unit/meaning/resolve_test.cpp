@@ -692,16 +692,20 @@ TEST(ServicePacketsTest, AreThoseOfThePortsAndOfFurtherProtocols) {
     ports.dstPorts[FW::FW_PORT_PROTOCOL_TCP_UDP] = {"1723", "90-80", "5-7"};
     ports.srcPorts[FW::FW_PORT_PROTOCOL_UDP] = {"53"};
     const std::vector<FW::FWPACKETSET> packets = FW::fwServicePackets("vpn_server_pptp", ports);
-    ASSERT_THAT(packets, SizeIs(2));
+    ASSERT_THAT(packets, SizeIs(4));
     EXPECT_THAT(intervalTexts(packets[0].protocols), ElementsAre("17-17"));
     EXPECT_THAT(intervalTexts(packets[0].sourcePorts), ElementsAre("53-53"));
-    EXPECT_THAT(intervalTexts(packets[1].protocols), ElementsAre("47-47"));
-    EXPECT_THAT(intervalTexts(packets[1].destinationPorts), ElementsAre("any"));
+    EXPECT_THAT(intervalTexts(packets[1].protocols), ElementsAre("6-6"));
+    EXPECT_THAT(intervalTexts(packets[1].destinationPorts), ElementsAre("5-7", "1723-1723"));
+    EXPECT_THAT(intervalTexts(packets[2].protocols), ElementsAre("17-17"));
+    EXPECT_THAT(intervalTexts(packets[3].protocols), ElementsAre("47-47"));
+    EXPECT_THAT(intervalTexts(packets[3].destinationPorts), ElementsAre("any"));
 
-    ports.dstPorts[FW::FW_PORT_PROTOCOL_TCP_UDP] = {"1723", "5-7"};
-    const std::vector<FW::FWPACKETSET> whole = FW::fwServicePackets("own", ports);
-    ASSERT_THAT(whole, SizeIs(3));
-    EXPECT_THAT(intervalTexts(whole[1].destinationPorts), ElementsAre("5-7", "1723-1723"));
+    ports.srcPorts.clear();
+    ports.dstPorts[FW::FW_PORT_PROTOCOL_TCP_UDP] = {"abc", "90-80"};
+    EXPECT_THAT(FW::fwServicePackets("own", ports), IsEmpty());
+    ports.dstPorts[FW::FW_PORT_PROTOCOL_TCP_UDP] = {"abc"};
+    EXPECT_THAT(FW::fwServicePackets("own", ports), IsEmpty());
     EXPECT_THAT(FW::fwServicePackets("own", {}), IsEmpty());
 }
 
