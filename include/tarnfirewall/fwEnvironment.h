@@ -21,10 +21,13 @@ enum FW_ADAPTERS : std::uint8_t {
 /// Fills an environment for a profile, which may be any: it is not asked which one is active, nor
 /// whether the firewall is enabled. Asks for
 /// - the machine's interfaces and the PPPoE one;
-/// - for each adapter of the profile that has an interface, the interface that routes IPv6 for it,
-///   which runs "/usr/tarn/sbin/tarnnetdtool" once;
+/// - for each adapter of the profile that has an interface now, also when its rules are off, the
+///   interface that routes IPv6 for it, which runs "/usr/tarn/sbin/tarnnetdtool" once. When that
+///   cannot be run or prints nothing, it is logged with LOG_ERR, and there is no tunnel. Other
+///   adapters have none, also with FW_ADAPTERS_ALL;
 /// - the services that its rules name, from the service catalogue, and those of `services`;
-/// - the addresses of the countries that its rules name, from "/usr/share/xt_geoip/";
+/// - the addresses of the countries that its rules name, also those that are off, in both families,
+///   from "/usr/share/xt_geoip/";
 /// - the apply mode, from the settings, without their lock; "lines" where they cannot be read.
 /// Everything is read here: the environment does not ask for anything later. Established
 /// connections are accepted in it, from every address, as after a reload.

@@ -232,22 +232,23 @@ TARNFW_EXPORT std::map<std::string, FWINTERFACES> fwAdaptersByName(const FWPROFI
 
 struct FWRESOLVED {
     std::vector<FWRESOLVEDRULE> rules;  ///< in the order in which the packet filter tries them
-    std::vector<FWFINDING> findings;    ///< by rule, in the order of the profile: lines left out
-                                        ///< because iptables would refuse them, rules left out
-                                        ///< because the translation fails or their addresses are
-                                        ///< too complex, and rules with lines in chains of others
+    std::vector<FWFINDING> findings;    ///< by rule, in byte order of the adapters: what is not
+                                        ///< resolved, see FW_FINDING
 };
 
 /// The resolved rules of a profile: the fixed lines, then the rules of "global", then those of the
-/// other adapters in byte order, each list with its default policy at the end. Rules that yield no
-/// line are not among them. Of a rule with findings, the lines that iptables takes are: in apply
-/// mode "lines" they are in the kernel, in "batch" the whole profile is refused.
-/// An `exceptedIp` that is no address is a finding, and there are no rules at all.
-/// Texts are read as iptables reads them: "10/8" is 10.0.0.0/8, "010.0.0.1" is 8.0.0.1, "10.256" is
-/// 10.0.1.0, and of four numbers with dots the first 19 characters count. Names of hosts and of
-/// ports, ports above 65535, IPv6 addresses with an interface ("fe80::1%eth0") and texts with a
-/// blank or line feed in them are findings, even where iptables does not refuse them: it asks a
-/// name server, makes 4464 of the UDP port 70000, or leaves an interface out that exists.
+/// other adapters in byte order, each list with its default policy at the end. What is repeated for
+/// a tunnel is in the list of the tunnel's interface, in byte order of the adapters that it comes
+/// from: the rules and the default policy of "pppoe", repeated for "eth0", come after the default
+/// policy of "eth0". Rules that yield no line are not among them. Of a rule with findings, the
+/// lines that iptables takes are: in apply mode "lines" they are in the kernel, in "batch" the
+/// whole profile is refused. An `exceptedIp` that is no address is a finding, and there are no
+/// rules at all. Texts are read as iptables reads them: "10/8" is 10.0.0.0/8, "010.0.0.1"
+/// is 8.0.0.1, "10.256" is 10.0.1.0, and of four numbers with dots the first 19 characters count.
+/// Names of hosts and of ports, ports above 65535, IPv6 addresses with an interface
+/// ("fe80::1%eth0") and texts with a blank or line feed in them are findings, even where iptables
+/// does not refuse them: it asks a name server, makes 4464 of the UDP port 70000, or leaves an
+/// interface out that exists.
 TARNFW_EXPORT FWRESOLVED fwResolve(const FWPROFILE& profile, const FWENVIRONMENT& environment);
 
 /// The packets for a service with these ports: sets by protocol, with those of the protocols that
