@@ -9,7 +9,7 @@
 
 #include "tarnfirewall/fwMeaning.h"
 
-#include "meaning/intervals.h"
+#include "fwIntervals.h"
 
 namespace tarnfw {
 

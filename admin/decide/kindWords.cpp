@@ -9,7 +9,7 @@
 #include <netinet/in.h>
 
 #include "decide/listWords.h"
-#include "meaning/intervals.h"
+#include "fwIntervals.h"
 
 namespace tarnfw {
 namespace {

@@ -6,7 +6,7 @@
 
 #include "tarnfirewall/fwMeaning.h"
 
-#include "intervals.h"
+#include "../fwIntervals.h"
 
 namespace FW {
 

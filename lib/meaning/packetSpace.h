@@ -15,8 +15,8 @@
 
 #include "tarnfirewall/fwMeaning.h"
 
+#include "../fwIntervals.h"
 #include "interfaceNumbers.h"
-#include "intervals.h"
 
 namespace FW {
 

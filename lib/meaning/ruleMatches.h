@@ -13,8 +13,8 @@
 
 #include "tarnfirewall/fwMeaning.h"
 
+#include "../fwIntervals.h"
 #include "../fwText.h"
-#include "intervals.h"
 
 namespace FW {
 

@@ -1,4 +1,4 @@
-#include "intervals.h"
+#include "fwIntervals.h"
 
 #include <algorithm>
 #include <cstddef>
