@@ -1,14 +1,15 @@
 #include "tarnfirewall/fwEnvironment.h"
 
-#include <cstring>
 #include <map>
 #include <set>
 #include <utility>
 
 #include "tarnfirewall/fwIptables.h"
 
+#include "fwAdapters.h"
 #include "fwCatalogue.h"
 #include "fwGeoipFile.h"
+#include "fwIntervals.h"
 #include "fwRuleTranslation.h"
 #include "fwServiceRules.h"
 #include "fwSettings.h"
@@ -18,18 +19,6 @@ namespace {
 
 using Names = std::set<std::string>;
 using Countries = std::map<std::pair<std::string, FW_FAMILY>, std::shared_ptr<const FWADDRESSES>>;
-
-/// The adapters that a profile has rules or a default policy for.
-Names adaptersOf(const FWPROFILE& profile) {
-    Names adapters;
-    for (const auto& [adapter, rules] : profile.rules) {
-        adapters.insert(adapter);
-    }
-    for (const auto& [adapter, policy] : profile.adapterPolicyMap) {
-        adapters.insert(adapter);
-    }
-    return adapters;
-}
 
 /// Collects the entries of a list of each rule that `uses` names.
 template <typename Uses>
@@ -45,15 +34,12 @@ Names namesIn(const FWPROFILE& profile, std::vector<std::string> FWRULE::*list, 
     return names;
 }
 
-/// The number of a 32-bit word of the database, which has them in the byte order of the machine.
-std::uint64_t wordAt(const char* bytes) {
-    std::uint32_t word = 0;
-    std::memcpy(&word, bytes, sizeof(word));
-    return word;
-}
-
-FWADDRESS ipv6At(const char* bytes) {
-    return {wordAt(bytes) << 32 | wordAt(bytes + 4), wordAt(bytes + 8) << 32 | wordAt(bytes + 12)};
+Number ipv6At(const char* bytes) {
+    Number number = 0;
+    for (std::size_t i = 0; i < 16; i += 4) {
+        number = number << 32 | wordAt(bytes + i);
+    }
+    return number;
 }
 
 /// A file of the database.
@@ -65,20 +51,20 @@ struct CountryFile {
 CountryFile countryFile(const std::string& country, FW_FAMILY family) {
     const bool ipv6 = family == FW_FAMILY_V6;
     CountryFile file;
-    std::vector<FWADDRESSINTERVAL> intervals;
+    Intervals intervals;
     const bool read = geoipRecordsRead(country, ipv6, [&](const char* record, std::size_t bytes) {
         if (bytes < (ipv6 ? kGeoipRecordBytesV6 : kGeoipRecordBytesV4)) {
             file.isBroken = !intervals.empty() || bytes >= kGeoipUsableBytes;
         } else if (ipv6) {
             intervals.push_back({ipv6At(record), ipv6At(record + 16)});
         } else {
-            constexpr std::uint64_t kBelowIpv4 = 0xffffffff;
             intervals.push_back(
-                {{wordAt(record) << 32, 0}, {wordAt(record + 4) << 32 | kBelowIpv4, ~0ULL}});
+                {ipv4Number(wordAt(record)), lastOf(ipv4Number(wordAt(record + 4)), FW_FAMILY_V4)});
         }
     });
     if (read) {
-        file.addresses = std::make_shared<const FWADDRESSES>(fwAddressesFrom(intervals));
+        normalize(intervals);
+        file.addresses = std::make_shared<const FWADDRESSES>(addressesOf(intervals));
     }
     return file;
 }

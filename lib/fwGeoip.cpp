@@ -30,12 +30,6 @@ struct DirectoryClose {
     void operator()(DIR* directory) const { (void)closedir(directory); }
 };
 
-std::uint32_t wordAt(const char* bytes) {
-    std::uint32_t word;
-    std::memcpy(&word, bytes, sizeof(word));
-    return word;
-}
-
 in6_addr addressAt(const char* bytes) {
     in6_addr address;
     std::memcpy(&address, bytes, sizeof(address));

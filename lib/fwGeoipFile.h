@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <functional>
 #include <string>
 
@@ -18,6 +20,13 @@ inline constexpr std::size_t kGeoipUsableBytes = 8;
 /// zeros complete a partial last one. Returns false when the file cannot be opened.
 bool geoipRecordsRead(const std::string& country, bool ipv6,
                       const std::function<void(const char* record, std::size_t bytes)>& use);
+
+/// The number of a 32-bit word of a file, which has them in the byte order of the machine.
+inline std::uint32_t wordAt(const char* bytes) {
+    std::uint32_t word = 0;
+    std::memcpy(&word, bytes, sizeof(word));
+    return word;
+}
 
 /// The file of a country.
 std::string geoipPath(const std::string& country, bool ipv6);

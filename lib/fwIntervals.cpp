@@ -61,6 +61,15 @@ void normalize(Intervals& intervals) {
     intervals.resize(count);
 }
 
+FWADDRESSES addressesOf(IntervalView set) {
+    FWADDRESSES addresses;
+    addresses.reserve(set.size());
+    for (const Interval& one : set) {
+        addresses.push_back({addressOf(one.first), addressOf(one.last)});
+    }
+    return addresses;
+}
+
 bool operator==(IntervalView a, IntervalView b) {
     if (a.size() != b.size()) {
         return false;

@@ -27,11 +27,34 @@ inline bool operator==(const Interval& a, const Interval& b) {
 /// A set: sorted intervals, disjoint and not adjacent. All functions keep it so.
 using Intervals = std::vector<Interval>;
 
+// ---- Addresses as numbers ----
+
+inline Number numberOf(const FWADDRESS& address) {
+    return Number(address.high) << 64 | address.low;
+}
+inline FWADDRESS addressOf(Number number) {
+    return {static_cast<std::uint64_t>(number >> 64), static_cast<std::uint64_t>(number)};
+}
+
 /// A list of addresses has an interval in this form.
 inline Interval intervalOf(const FWADDRESSINTERVAL& addresses) {
-    return {Number(addresses.first.high) << 64 | addresses.first.low,
-            Number(addresses.last.high) << 64 | addresses.last.low};
+    return {numberOf(addresses.first), numberOf(addresses.last)};
 }
+
+// In an IPv4 number, the bits that are no part of the address.
+constexpr Number kBelowIpv4 = kMaxNumber >> 32;
+
+/// The number of an IPv4 address, the first one of its interval.
+inline Number ipv4Number(std::uint32_t address) {
+    return Number(address) << 96;
+}
+
+/// The last number of the interval that begins with an address.
+inline Number lastOf(Number address, FW_FAMILY family) {
+    return family == FW_FAMILY_V4 ? address | kBelowIpv4 : address;
+}
+
+// ---- Sets ----
 
 /// A set wherever its intervals are kept: as numbers, or in a list of addresses, which is not
 /// copied for it. Valid as long as they are.
@@ -84,6 +107,9 @@ private:
 
 /// Whether the sets are the same.
 bool operator==(IntervalView a, IntervalView b);
+
+/// The same as a list of addresses.
+FWADDRESSES addressesOf(IntervalView set);
 
 /// Makes a set of any intervals; those with `last` before `first` are left out.
 void normalize(Intervals& intervals);

@@ -17,10 +17,6 @@ using FW::Interval;
 using FW::Intervals;
 using FW::Number;
 
-Number numberOf(const FW::FWADDRESS& address) {
-    return Number(address.high) << 64U | address.low;
-}
-
 const Intervals& everyNumber() {
     static const Intervals every = {{0, FW::kMaxNumber}};
     return every;
@@ -331,7 +327,7 @@ Intervals numbersOf(const FW::FWADDRESSES& addresses) {
     Intervals numbers;
     numbers.reserve(addresses.size());
     for (const FW::FWADDRESSINTERVAL& one : addresses) {
-        numbers.push_back({numberOf(one.first), numberOf(one.last)});
+        numbers.push_back(intervalOf(one));
     }
     return numbers;
 }

@@ -317,10 +317,6 @@ std::vector<FW::FWPACKETSET> passing(const FW::FW_MEANING& filter, const FW::FWP
     return sets;
 }
 
-FW::Number numberOf(const FW::FWADDRESS& address) {
-    return FW::Number(address.high) << 64U | address.low;
-}
-
 FW::Intervals sourcesOf(const std::vector<FW::FWPACKETSET>& sets) {
     FW::Intervals all;
     for (const FW::FWPACKETSET& set : sets) {

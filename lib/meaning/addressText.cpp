@@ -10,9 +10,6 @@
 namespace FW {
 namespace {
 
-// In an IPv4 number, the bits that are no part of the address.
-constexpr Number kBelowIpv4 = kMaxNumber >> 32;
-
 constexpr char kBlanks[] = " \t\n\v\f\r";
 
 // iptables copies so much of four numbers with dots before it reads them, and refuses a text
@@ -22,11 +19,6 @@ constexpr std::size_t kHostBytes = 255;
 
 constexpr unsigned bitsOf(FW_FAMILY family) {
     return family == FW_FAMILY_V4 ? 32 : 128;
-}
-
-/// The last number of the interval that begins with an address.
-Number lastOf(Number address, FW_FAMILY family) {
-    return family == FW_FAMILY_V4 ? address | kBelowIpv4 : address;
 }
 
 std::optional<Number> ipv6From(const std::string& text) {
@@ -75,7 +67,7 @@ std::optional<Number> ipv4OfLibrary(const std::string& text) {
     in_addr address = {};
     if (text.find_first_of(kBlanks) == std::string::npos &&
         inet_aton(text.c_str(), &address) != 0) {
-        return Number(ntohl(address.s_addr)) << 96;
+        return ipv4Number(ntohl(address.s_addr));
     }
     constexpr Number kMapped = 0xffff;
     const auto mapped = ipv6From(text);
@@ -206,15 +198,10 @@ FWADDRESSES fwAddressesFrom(const std::vector<FWADDRESSINTERVAL>& intervals) {
     Intervals numbers;
     numbers.reserve(intervals.size());
     for (const FWADDRESSINTERVAL& one : intervals) {
-        numbers.push_back({numberOf(one.first), numberOf(one.last)});
+        numbers.push_back(intervalOf(one));
     }
     normalize(numbers);
-    FWADDRESSES addresses;
-    addresses.reserve(numbers.size());
-    for (const Interval& one : numbers) {
-        addresses.push_back({addressOf(one.first), addressOf(one.last)});
-    }
-    return addresses;
+    return addressesOf(numbers);
 }
 
 std::optional<FWADDRESSINTERVAL> fwAddressFrom(const std::string& text, FW_FAMILY family) {

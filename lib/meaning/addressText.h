@@ -28,11 +28,4 @@ TextResult readAddresses(const std::string& text, FW_FAMILY family, Intervals& a
 TextResult readRange(const std::string& first, const std::string& last, FW_FAMILY family,
                      Intervals& addresses);
 
-inline Number numberOf(const FWADDRESS& address) {
-    return Number(address.high) << 64 | address.low;
-}
-inline FWADDRESS addressOf(Number number) {
-    return {static_cast<std::uint64_t>(number >> 64), static_cast<std::uint64_t>(number)};
-}
-
 }  // namespace FW

@@ -4,8 +4,6 @@
 #include <map>
 #include <utility>
 
-#include "addressText.h"
-
 namespace FW {
 namespace {
 
@@ -142,12 +140,7 @@ std::shared_ptr<const FWADDRESSES> ValueSet::addresses() const {
     if (isOfAddresses()) {
         return std::static_pointer_cast<const FWADDRESSES>(list_);
     }
-    auto addresses = std::make_shared<FWADDRESSES>();
-    addresses->reserve(size());
-    for (const Interval& one : *this) {
-        addresses->push_back({addressOf(one.first), addressOf(one.last)});
-    }
-    return addresses;
+    return std::make_shared<const FWADDRESSES>(addressesOf(*this));
 }
 
 // ---- The space ----
@@ -320,8 +313,8 @@ Region PacketSpace::regionOf(const FWPACKET& packet) const {
     const auto setAddress = [&](Field field, const std::optional<FWADDRESS>& address) {
         if (address) {
             const Number first = numberOf(*address);
-            const bool ipv4 = packet.family == FW_FAMILY_V4;
-            region[field] = valuesOf(Interval{first, ipv4 ? first | kMaxNumber >> 32 : first});
+            const FW_FAMILY family = packet.family.value_or(FW_FAMILY_V6);
+            region[field] = valuesOf(Interval{first, lastOf(first, family)});
         }
     };
     set(kChain, packet.chain);
@@ -425,7 +418,7 @@ FWPACKET PacketSpace::exampleOf(const Region& region) const {
     prefer(kProtocol, {kTcp, kUdp, point[kFamily] == FW_FAMILY_V4 ? kIcmp : kIcmpv6});
     const std::vector<Number> hosts =
         point[kFamily] == FW_FAMILY_V4
-            ? std::vector<Number>{Number(0xc0000201) << 96, Number(0xc0000202) << 96}
+            ? std::vector<Number>{ipv4Number(0xc0000201), ipv4Number(0xc0000202)}
             : std::vector<Number>{Number(0x20010db8) << 96 | 1, Number(0x20010db8) << 96 | 2};
     prefer(kSource, hosts);
     prefer(kDestination, {hosts[1], hosts[0]});

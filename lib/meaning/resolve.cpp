@@ -7,10 +7,12 @@
 #include <algorithm>
 #include <array>
 #include <optional>
+#include <set>
 #include <utility>
 
 #include "tarnfirewall/fwMeaning.h"
 
+#include "../fwAdapters.h"
 #include "../fwInterfaces.h"
 #include "../fwLineLimits.h"
 #include "../fwRestoreText.h"
@@ -134,21 +136,11 @@ FWRESOLVED Resolver::run() {
     }
     addFixedLines();
 
-    std::map<std::string, const FWINTERFACES*> present;
-    const auto find = [&](const std::string& adapter) {
+    for (const std::string& adapter : adaptersOf(profile_)) {
         const auto found = environment_.adapters.find(adapter);
         if (adapter != FW_PPPOE_INTERFACE && found != environment_.adapters.end()) {
-            present[adapter] = &found->second;
+            addAdapter(adapter, found->second);
         }
-    };
-    for (const auto& [adapter, list] : profile_.rules) {
-        find(adapter);
-    }
-    for (const auto& [adapter, policy] : profile_.adapterPolicyMap) {
-        find(adapter);
-    }
-    for (const auto& [adapter, interfaces] : present) {
-        addAdapter(adapter, *interfaces);
     }
 
     FWRESOLVED resolved;
@@ -421,14 +413,9 @@ std::map<std::string, FWINTERFACES> fwAdaptersNow(const std::vector<std::string>
 
 std::map<std::string, FWINTERFACES> fwAdaptersByName(const FWPROFILE& profile,
                                                      const std::string& pppoe) {
-    std::vector<std::string> names;
-    for (const auto& [adapter, list] : profile.rules) {
-        names.push_back(adapter);
-    }
-    for (const auto& [adapter, policy] : profile.adapterPolicyMap) {
-        names.push_back(adapter);
-    }
-    std::map<std::string, FWINTERFACES> adapters = fwAdaptersNow(names, pppoe);
+    const std::set<std::string> names = adaptersOf(profile);
+    std::map<std::string, FWINTERFACES> adapters =
+        fwAdaptersNow({names.begin(), names.end()}, pppoe);
     adapters[FW_ADAPTER_VPN] = {{"ppp+", "tun+"}, {kSystemTunnel}};
     if (pppoe.empty()) {
         adapters[FW_ADAPTER_PPPOE] = {{kAbsentPppoe}, {}};

@@ -268,15 +268,6 @@ ProtocolMatches matchesOf(const Texts& names, const ServPort& ports) {
 
 }  // namespace
 
-std::shared_ptr<const FWADDRESSES> listOf(const Intervals& intervals) {
-    auto list = std::make_shared<FWADDRESSES>();
-    list->reserve(intervals.size());
-    for (const Interval& one : intervals) {
-        list->push_back({addressOf(one.first), addressOf(one.last)});
-    }
-    return list;
-}
-
 AddressMatches RuleMatches::addresses(const FWRULE& rule) {
     std::uint8_t families = 0;
     if (rule.ipType == FW_IP_TYPE_V4 || rule.ipType == FW_IP_TYPE_BOTH) {

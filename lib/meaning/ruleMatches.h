@@ -77,7 +77,9 @@ using AddressMatches = Matches<AddressMatch>;
 using ProtocolMatches = Matches<ProtocolMatch>;
 
 /// The addresses of a set of numbers.
-std::shared_ptr<const FWADDRESSES> listOf(const Intervals& intervals);
+inline std::shared_ptr<const FWADDRESSES> listOf(const Intervals& intervals) {
+    return std::make_shared<const FWADDRESSES>(addressesOf(intervals));
+}
 
 /// Reads the rules of one profile. It keeps what services and countries match, for later rules that
 /// name the same.
