@@ -102,6 +102,9 @@ std::string decided(const tarnfw::Meaning& meaning, const tarnfw::PortDecision& 
     for (const std::size_t number : decision.unless) {
         text += "; unless " + tarnfw::placeText(placeOf(meaning, number)) + " matches";
     }
+    for (const tarnfw::UncountedRule& rule : decision.uncounted) {
+        text += "; unless " + tarnfw::placeText(rule.place) + " matches";
+    }
     return text;
 }
 

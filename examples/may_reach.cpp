@@ -36,6 +36,9 @@ bool mayReach(const char* address, const char* port, const char* interface) {
             std::cout << "  unless " << tarnfw::placeText(tarnfw::placeOf(meaning, number))
                       << " matches\n";
         }
+        for (const auto& rule : decision.uncounted) {  // too complex to be evaluated
+            std::cout << "  unless " << tarnfw::placeText(rule.place) << " matches\n";
+        }
         allowed = allowed && !decision.denied;
     }
     return allowed;

@@ -68,7 +68,8 @@ std::optional<SharedAddresses> common(const SharedAddresses& rule, const SharedA
 std::optional<FWPACKETSET> common(const FWPACKETSET& rule, const FWPACKETSET& question) {
     const auto isIn = [](const std::shared_ptr<const FW::FWINTERFACES>& interfaces,
                          const std::shared_ptr<const FW::FWINTERFACES>& asked) {
-        return interfaces == nullptr || isAmong(*interfaces, asked->names.front());
+        return interfaces == nullptr || asked == nullptr ||
+               isAmong(*interfaces, asked->names.front());
     };
     const bool isInput = question.chains == 1U << FW::FW_CHAIN_INPUT;
     if ((rule.chains & question.chains) == 0 || (rule.families & question.families) == 0 ||
@@ -101,6 +102,11 @@ bool isWholeFor(const FWPACKETSET& part, const FWPACKETSET& question) {
            isSame(part.icmpTypes, question.icmpTypes) &&
            isSame(part.sourcePorts, question.sourcePorts) &&
            isSame(part.destinationPorts, question.destinationPorts);
+}
+
+/// Whether a part of a question is all of it.
+bool isAllOf(const std::optional<FWPACKETSET>& part, const FWPACKETSET& question) {
+    return part && part->sources == question.sources && isWholeFor(*part, question);
 }
 
 /// The packets of one question by the numbers of the rules that decide about them.
@@ -149,7 +155,7 @@ Shares sharesOf(const Meaning& meaning, const FWPACKETSET& question, const std::
             continue;
         }
         const auto both = common(rule.packets, question);
-        if (both && both->sources == question.sources && isWholeFor(*both, question)) {
+        if (isAllOf(both, question)) {
             last = i;
             break;
         }
@@ -236,7 +242,61 @@ PacketSets byFamily(const PacketSets& packets) {
     return sets;
 }
 
+/// Whether a rule that is not counted may decide about some packets, of one family: whether earlier
+/// ones leave any of them.
+bool mayDecide(const Meaning& meaning, const FWRESOLVEDRULE& uncounted, const FWPACKETSET& question,
+               const std::string& adapter) {
+    const std::optional<FWPACKETSET> part = common(uncounted.packets, question);
+    if (!part) {
+        return false;
+    }
+    std::vector<FWRESOLVEDRULE> steps;
+    for (const FWRESOLVEDRULE& rule : meaning.rulesWithUncounted()) {
+        if (&rule == &uncounted) {
+            break;
+        }
+        if (meaning.isUncounted(rule.place) ||
+            (!adapter.empty() && rule.place.adapter != adapter)) {
+            continue;
+        }
+        const auto both = common(rule.packets, *part);
+        if (isAllOf(both, *part)) {
+            return false;
+        }
+        if (both) {
+            steps.push_back({*both, FW::FW_PACKET_DROP, false, rule.place});
+        }
+    }
+    const FW::FWREACHABLE left = FW::FW_MEANING(steps).reach(*part);
+    return !left.findings.empty() ||
+           std::any_of(left.reach.begin(), left.reach.end(),
+                       [](const FW::FWREACH& one) { return !one.packets.empty(); });
+}
+
 }  // namespace
+
+std::vector<UncountedRule> uncountedFor(const Meaning& meaning, const PacketSets& packets,
+                                        const std::string& adapter) {
+    std::vector<UncountedRule> found;
+    if (&meaning.rulesWithUncounted() == &meaning.rules()) {
+        return found;  // there are none
+    }
+    const PacketSets questions = byFamily(packets);
+    for (const FWRESOLVEDRULE& rule : meaning.rulesWithUncounted()) {
+        const bool isNew =
+            meaning.isUncounted(rule.place) &&
+            std::none_of(found.begin(), found.end(), [&rule](const UncountedRule& known) {
+                return isSamePlace(known.place, rule.place);
+            });
+        if (isNew && (adapter.empty() || rule.place.adapter == adapter) &&
+            std::any_of(questions.begin(), questions.end(), [&](const FWPACKETSET& question) {
+                return mayDecide(meaning, rule, question, adapter);
+            })) {
+            found.push_back({rule.place, rule.verdict == FW::FW_PACKET_DROP});
+        }
+    }
+    return found;
+}
 
 Deciders decidersOf(const Meaning& meaning, const PacketSets& packets, const std::string& adapter) {
     using Key = std::tuple<FW::FW_ORIGIN, std::string, std::int32_t, std::string>;

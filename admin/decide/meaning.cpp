@@ -52,6 +52,21 @@ std::optional<bool> isWithinMask(const std::vector<std::string>& list, const Add
     return true;
 }
 
+/// Makes a rule one for every address of the family that it is for.
+void widen(FW::FWRULE& rule) {
+    if (rule.ipGroup == FW::FW_IP_GROUP_COUNTRIES) {
+        rule.ipGroup = FW::FW_IP_GROUP_ANY;
+        return;
+    }
+    const bool isIpv6 =
+        std::any_of(rule.ipList.begin(), rule.ipList.end(),
+                    [](const std::string& text) { return text.find(':') != std::string::npos; });
+    // As a range, which only the lines of its own family take.
+    rule.ipGroup = FW::FW_IP_GROUP_RANGE;
+    rule.ipList = isIpv6 ? std::vector<std::string>{"::", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}
+                         : std::vector<std::string>{"0.0.0.0", "255.255.255.255"};
+}
+
 bool isOfProfile(const FW::FWRESOLVEDRULE& rule) {
     return rule.place.origin == FW::FW_ORIGIN_RULE || rule.place.origin == FW::FW_ORIGIN_DEFAULT;
 }
@@ -106,6 +121,33 @@ Meaning::Meaning(FW::FWPROFILE profile, FW::FWENVIRONMENT environment)
     state_->profile = std::move(profile);
     state_->environment = std::move(environment);
     state_->resolved = FW::fwResolve(state_->profile, state_->environment);
+    for (const FW::FWFINDING& finding : state_->resolved.findings) {
+        if (isNotCounted(finding)) {
+            state_->uncounted[finding.place.adapter].insert(finding.place.position);
+        }
+    }
+}
+
+const std::vector<FW::FWRESOLVEDRULE>& Meaning::rulesWithUncounted() const {
+    if (state_->uncounted.empty()) {
+        return rules();
+    }
+    if (!state_->withUncounted) {
+        FW::FWPROFILE widened = state_->narrowed.value_or(profile());
+        for (const auto& [adapter, positions] : state_->uncounted) {
+            for (const std::int32_t position : positions) {
+                widen(widened.rules.at(adapter).at(static_cast<std::size_t>(position) - 1));
+            }
+        }
+        state_->withUncounted = FW::fwResolve(widened, environment()).rules;
+    }
+    return *state_->withUncounted;
+}
+
+bool Meaning::isUncounted(const FW::FWPLACE& place) const {
+    const auto positions = state_->uncounted.find(place.adapter);
+    return place.origin == FW::FW_ORIGIN_RULE && positions != state_->uncounted.end() &&
+           positions->second.count(place.position) != 0;
 }
 
 const FW::FW_MEANING& Meaning::answers() const {
@@ -143,7 +185,8 @@ Meaning Meaning::between(const std::optional<Address>& source,
         return *this;
     }
     Meaning between(std::move(changed), environment());
-    between.state_->profile = profile();  // for the texts of its rules
+    // For the texts of its rules.
+    between.state_->narrowed = std::exchange(between.state_->profile, profile());
     return between;
 }
 

@@ -11,6 +11,7 @@
 
 #include "decide/addressWords.h"
 #include "rules/portWords.h"
+#include "tarnfwadmin/deciders.h"
 #include "tarnfwadmin/error.h"
 #include "tarnfwadmin/interfaces.h"
 #include "tarnfwadmin/ruleText.h"
@@ -25,6 +26,9 @@ using FW::FWRESOLVEDRULE;
 // No interface of the kernel has a '/' in its name.
 constexpr char kOtherInterface[] = "/";
 constexpr char kOtherTunnel[] = "tun/";
+
+constexpr std::uint64_t kLowerHalf = 0xffffffff;
+constexpr std::uint64_t kEveryBit = ~std::uint64_t{0};
 
 constexpr std::uint8_t kNewMask = 1U << FW::FW_STATE_NEW;
 
@@ -164,7 +168,7 @@ namespace {
 /// The beginnings of parts of `ports` that no rule cuts.
 std::set<int> cuts(const Meaning& meaning, const PortSpan& ports) {
     std::set<int> begins = {ports.first};
-    for (const FWRESOLVEDRULE& rule : meaning.rules()) {
+    for (const FWRESOLVEDRULE& rule : meaning.rulesWithUncounted()) {
         for (const FW::FWINTERVAL& interval : rule.packets.destinationPorts) {
             for (const int begin : {int(interval.first), interval.last + 1}) {
                 if (ports.first < begin && begin <= ports.last) {
@@ -174,6 +178,53 @@ std::set<int> cuts(const Meaning& meaning, const PortSpan& ports) {
         }
     }
     return begins;
+}
+
+/// The packets that are this one as far as it is known.
+FW::FWPACKETSET packetSet(const FW::FWPACKET& packet, const std::optional<PortSpan>& ports) {
+    FW::FWPACKETSET set;
+    const auto only = [](const auto& number) {
+        return number ? FW::FWINTERVALS{{*number, *number}} : FW::FWINTERVALS();
+    };
+    const auto interface = [](const std::optional<std::string>& name) {
+        return name ? std::make_shared<FW::FWINTERFACES>(FW::FWINTERFACES{{*name}, {}}) : nullptr;
+    };
+    const auto address = [&packet](const std::optional<FW::FWADDRESS>& number) {
+        // Of IPv4 the other bits are those of the interval.
+        const bool isIpv4 = packet.family == FW::FW_FAMILY_V4;
+        return number ? std::make_shared<FW::FWADDRESSES>(FW::FWADDRESSES{
+                            {*number, isIpv4 ? FW::FWADDRESS{number->high | kLowerHalf, kEveryBit}
+                                             : *number}})
+                      : nullptr;
+    };
+    set.chains = packet.chain ? static_cast<std::uint8_t>(1U << *packet.chain) : set.chains;
+    set.families = packet.family ? static_cast<std::uint8_t>(1U << *packet.family) : set.families;
+    set.states = packet.state ? static_cast<std::uint8_t>(1U << *packet.state) : set.states;
+    set.in = interface(packet.in);
+    set.out = interface(packet.out);
+    set.protocols = only(packet.protocol);
+    set.sources = address(packet.source);
+    set.destinations = address(packet.destination);
+    set.sourcePorts = only(packet.sourcePort);
+    set.destinationPorts = ports ? FW::FWINTERVALS{{static_cast<std::uint16_t>(ports->first),
+                                                    static_cast<std::uint16_t>(ports->last)}}
+                                 : only(packet.destinationPort);
+    set.icmpTypes = only(packet.icmpType);
+    return set;
+}
+
+/// Fills in the rules that are not counted.
+void addUncounted(const Meaning& meaning, const FW::FWPACKET& packet, PortDecision& decision) {
+    for (const UncountedRule& rule : uncountedFor(meaning, {packetSet(packet, decision.ports)})) {
+        const bool isOpposite =
+            rule.denied != decision.denied ||
+            std::any_of(decision.unless.begin(), decision.unless.end(), [&](std::size_t number) {
+                return isDenied(meaning, number) != rule.denied;
+            });
+        if (isOpposite) {
+            decision.uncounted.push_back(rule);
+        }
+    }
 }
 
 PortDecision decisionFor(const Meaning& meaning, const FW::FWPACKET& packet) {
@@ -200,14 +251,20 @@ bool isSameReason(const Meaning& meaning, const PortDecision& one, const PortDec
     };
     return one.denied == other.denied && isSame(one.by, other.by) &&
            std::equal(one.unless.begin(), one.unless.end(), other.unless.begin(),
-                      other.unless.end(), isSame);
+                      other.unless.end(), isSame) &&
+           std::equal(one.uncounted.begin(), one.uncounted.end(), other.uncounted.begin(),
+                      other.uncounted.end(), [](const auto& rule, const auto& same) {
+                          return isSamePlace(rule.place, same.place);
+                      });
 }
 
 }  // namespace
 
 std::vector<PortDecision> decisionsFor(const Meaning& meaning, const PortPackets& packets) {
     if (!packets.ports) {
-        return {decisionFor(meaning, packets.packet)};
+        PortDecision decision = decisionFor(meaning, packets.packet);
+        addUncounted(meaning, packets.packet, decision);
+        return {decision};
     }
     const std::set<int> begins = cuts(meaning, *packets.ports);
     std::vector<PortDecision> decisions;
@@ -217,6 +274,7 @@ std::vector<PortDecision> decisionsFor(const Meaning& meaning, const PortPackets
         packet.destinationPort = static_cast<std::uint16_t>(*begin);
         PortDecision decision = decisionFor(meaning, packet);
         decision.ports = {*begin, next == begins.end() ? packets.ports->last : *next - 1};
+        addUncounted(meaning, packet, decision);
         if (!decisions.empty() && isSameReason(meaning, decisions.back(), decision)) {
             decisions.back().ports->last = decision.ports->last;
             decisions.back().tooComplex = decisions.back().tooComplex || decision.tooComplex;
@@ -269,6 +327,14 @@ std::string reasonText(const Meaning& meaning, std::size_t number) {
         default:
             return "no rule and no default policy matches";
     }
+}
+
+std::string reasonText(const Meaning& meaning, const UncountedRule& rule) {
+    return placeText(rule.place) + ": " +
+           ruleText(meaning.profile()
+                        .rules.at(rule.place.adapter)
+                        .at(static_cast<std::size_t>(rule.place.position) - 1)) +
+           ", which is too complex to be counted";
 }
 
 // ---- Many packets ----

@@ -153,6 +153,16 @@ std::vector<AdapterAnswer> answersTo(const Meaning& meaning,
                     outcomes.add((isGlobal ? global : all).outcomes(set));
                 }
             }
+            port.outcomes = outcomes;
+            for (const UncountedRule& rule :
+                 uncountedFor(meaning, packets, isGlobal ? adapter : "")) {
+                if (rule.denied ? outcomes.allowed || outcomes.undecided : outcomes.denied) {
+                    port.uncounted.push_back(rule);
+                }
+            }
+            for (const UncountedRule& rule : port.uncounted) {
+                (rule.denied ? outcomes.denied : outcomes.allowed) = true;
+            }
             port.verdict = isGlobal ? outcomes.verdictOfPart() : outcomes.verdict();
             if (port.verdict == FW::FW_POLICY_NONE && !isGlobal && !isListed) {
                 port.verdict = FW::FW_POLICY_ALLOW;

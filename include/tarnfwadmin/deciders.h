@@ -34,6 +34,12 @@ struct Deciders {
     bool tooComplex = false;   ///< there may be more of them, and more packets of each
 };
 
+/// Those that decide about some of the packets, if these are from or to their addresses: in the
+/// order of the rules. Packets and `adapter` as of decidersOf().
+std::vector<UncountedRule> uncountedFor(const Meaning& meaning,
+                                        const std::vector<FW::FWPACKETSET>& packets,
+                                        const std::string& adapter = "");
+
 /// Who decides about packets: sets with one interface, one chain and one protocol, and at most one
 /// interval of ports on each side, such as packetsFor() makes. With `adapter`, by
 /// the rules and the default policy of that one alone.

@@ -2,8 +2,11 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -57,6 +60,13 @@ public:
     Meaning between(const std::optional<Address>& source,
                     const std::optional<Address>& destination) const;
 
+    /// rules(), and among them those that are in the kernel but too complex, as if each of these
+    /// were for every address of its family. Made at the first call.
+    const std::vector<FW::FWRESOLVEDRULE>& rulesWithUncounted() const;
+
+    /// Whether it is a place of the latter.
+    bool isUncounted(const FW::FWPLACE& place) const;
+
     /// rules(), prepared for questions at the first call.
     const FW::FW_MEANING& answers() const;
 
@@ -70,9 +80,18 @@ private:
         FW::FWPROFILE profile;
         FW::FWENVIRONMENT environment;
         FW::FWRESOLVED resolved;
+        std::optional<FW::FWPROFILE> narrowed;  // that is resolved, if it is not `profile`
+        std::map<std::string, std::set<std::int32_t>> uncounted;  // by adapter: positions
+        std::optional<std::vector<FW::FWRESOLVEDRULE>> withUncounted;
         std::optional<FW::FW_MEANING> answers;
     };
     std::shared_ptr<State> state_;
+};
+
+/// A rule that is in the kernel but not among Meaning::rules(), since it is too complex.
+struct UncountedRule {
+    FW::FWPLACE place;
+    bool denied = false;
 };
 
 /// The place of a resolved rule that comes from a rule or a default policy; nothing for the others.

@@ -66,7 +66,11 @@ struct PortDecision {
     bool denied = false;              ///< by this one
     std::vector<std::size_t> unless;  ///< earlier ones with the other outcome: whether they match
                                       ///< depends on what is not known of the packet; one a place
-    bool tooComplex = false;          ///< some of `unless` may be unable to match
+    std::vector<UncountedRule> uncounted;  ///< with the other outcome: may match, too
+    bool tooComplex = false;               ///< some of `unless` may be unable to match
+
+    /// Whether it depends on more than what is known.
+    bool isDoubtful() const { return !unless.empty() || !uncounted.empty(); }
 };
 
 /// In ascending order of the ports, without gaps; neighbours differ.
@@ -76,6 +80,10 @@ std::vector<PortDecision> decisionsFor(const Meaning& meaning, const PortPackets
 /// "the default policy of eth0: deny", "... (repeated for the 6in4 tunnel six)", "no rule and no
 /// default policy matches". Not made printable.
 std::string reasonText(const Meaning& meaning, std::size_t number);
+
+/// The same of a rule that is not counted: "rule 3 of eth0: deny tcp 22 ..., which is too complex
+/// to be counted".
+std::string reasonText(const Meaning& meaning, const UncountedRule& rule);
 
 /// The place of that rule.
 FW::FWPLACE placeOf(const Meaning& meaning, std::size_t number);

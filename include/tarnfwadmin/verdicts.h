@@ -12,6 +12,7 @@
 #include "tarnfwadmin/catalogue.h"
 #include "tarnfwadmin/deciders.h"
 #include "tarnfwadmin/meaning.h"
+#include "tarnfwadmin/packetAnswers.h"
 
 namespace TARNFW_EXPORT_ALL tarnfw {
 
@@ -49,6 +50,8 @@ std::vector<FW::FWPACKETSET> packetsFor(const PacketQuestion& question,
 struct PortAnswer {
     PacketQuestion question;
     FW::FW_POLICY verdict = FW::FW_POLICY_NONE;  ///< ALLOW, DENY, NONE or MIXED
+    PacketOutcomes outcomes = {};                ///< by the rules that are counted
+    std::vector<UncountedRule> uncounted = {};   ///< may decide otherwise about some of the packets
     Deciders deciders = {};                      ///< only where they are asked for
 };
 
@@ -63,8 +66,9 @@ struct AdapterAnswer {
 /// The verdicts for every packet of a question, from any address: what a packet meets, as
 /// docs/model.md has it. The first answer is that of "global", and then one for each of `adapters`,
 /// in their order. "mixed" when some are allowed and some are not, or when it is too complex to
-/// find out; "undecided" on an adapter of the profile when no rule and no default policy decides
-/// about any of them, and on "global" when it leaves some of them to the adapters and denies none.
+/// find out, also since a rule that is not counted may decide otherwise; "undecided" on an adapter
+/// of the profile when no rule and no default policy decides about any of them, and on "global"
+/// when it leaves some of them to the adapters and denies none.
 std::vector<AdapterAnswer> exactVerdicts(const Meaning& meaning,
                                          const std::vector<PacketQuestion>& questions,
                                          const std::vector<std::string>& adapters);

@@ -118,6 +118,38 @@ prints_json <<END
                           "text": "allow service http,https from anywhere  \"Web\""}]}]}]}
 END
 
+# What "global" does not decide about is left to the adapters.
+cat >"$kProfileDirectory/some.json" <<'END'
+{"name": "some", "adapterPolicyMap": {"eth0": 0}, "rules": {}}
+END
+activate some
+answers 0 rule add deny --v4
+answers 0 enable
+answers 10 blocked --port tcp/5 --adapter eth0
+says '^global  *mixed  *blocked for some packets, the others left to the adapters$'
+says '^eth0  *mixed  *allowed from some addresses, blocked from others$'
+answers 0 rule add --first allow tcp 5 from 10.0.0.0/8 --reload
+answers 10 blocked --port tcp/5 --adapter eth0
+says '^global  *mixed  *allowed for some packets, blocked for some, the others left to the adapters$'
+
+# A rule that is not counted may match, and do the opposite of the others.
+answers 0 rule delete 1
+answers 0 rule delete 1
+answers 0 rule add --adapter eth0 deny tcp 83 from 0.0.0.20/0.0.0.255 --reload
+answers 10 blocked --port tcp/83 --adapter eth0
+says '^eth0  *mixed  *allowed, but rule 1 of eth0 may block some and is too complex to be counted$'
+step 'it is named' grep --quiet '^tarnfw: rule 1 of eth0 is not counted: ' "$out/complaint"
+answers 10 blocked --port tcp/83 --adapter eth0 --json
+step 'that is not allowed' jq --exit-status '.allowed == false and .adapters[1].verdict == "mixed"' "$out/answer"
+answers 10 explain --port tcp/83 --adapter eth0
+says '^eth0: mixed$'
+says '^  or blocked, where this matches  *rule 1 of eth0: deny tcp 83 .*, which is too complex to be counted$'
+answers 10 explain --port tcp/83 --adapter eth0 --json
+step 'with its place' jq --exit-status '.adapters[1].ports[0].unless | map(.position) == [1]' "$out/answer"
+answers 0 blocked --port tcp/84 --adapter eth0
+answers 0 explain --port udp/83 --adapter eth0
+rm -- "$kProfileDirectory/some.json"
+
 # A service needs its further protocols as well.
 cat >"$kProfileDirectory/some.json" <<'END'
 {"name": "some", "adapterPolicyMap": {"eth0": 1}, "rules": {}}

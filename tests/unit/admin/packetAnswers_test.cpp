@@ -371,6 +371,28 @@ TEST(NotCountedTest, NamesMasksWithTooManyGaps) {
     EXPECT_EQ(texts.front().substr(0, 34), "rule 2 of eth0 is not counted: \"10");
 }
 
+// Such an address is compared with the packet's, unless it is written in a way of its own.
+TEST(NotCountedTest, OneThatMayMatchAPacketIsNamedWithItsDecision) {
+    FWPROFILE profile;
+    profile.rules["eth0"] = {from(kAll, 1, {"0.0.0.0x14", "0.0.0.255"}),
+                             to(kAll, 1, {"0.0.0.5", "0.0.0.255"}),
+                             from(kAll, 1, {"0.0.0.21", "0.0.0.255"})};
+    profile.adapterPolicyMap["eth0"] = kAllow;
+    tarnfw::PortPackets packets = tarnfw::packetsFrom("192.168.1.20", "tcp/22", "eth0");
+    const tarnfw::Meaning meaning =
+        meaningOf(profile).between(tarnfw::packetAddressFrom("192.168.1.20"), std::nullopt);
+    const auto decisions = decisionsFor(meaning, packets);
+    ASSERT_EQ(decisions.size(), 1U);
+    EXPECT_FALSE(decisions.front().denied);
+    EXPECT_TRUE(decisions.front().isDoubtful());
+    ASSERT_EQ(decisions.front().uncounted.size(), 2U) << "the third one does not match";
+    EXPECT_EQ(reasonText(meaning, decisions.front().uncounted.front()).substr(0, 16),
+              "rule 1 of eth0: ");
+    EXPECT_EQ(decisions.front().uncounted.back().place.position, 2);
+    packets.ports = tarnfw::PortSpan{0, 65535};
+    EXPECT_EQ(decisionsFor(meaning, packets).size(), 1U);
+}
+
 // ---- Several rules, lists and ports ----
 
 struct ProfileCase {

@@ -159,6 +159,55 @@ TEST(ExactVerdictsTest, GlobalDecidesForAllAdaptersOrLeavesItToThem) {
     EXPECT_EQ(exactFor("tcp/udp 22", {"allow tcp 22"}, {}, FW::FW_POLICY_DENY), "undecided, mixed");
 }
 
+// Its mask makes more intervals than are counted.
+constexpr char kUncounted[] = "tcp 22 from 0.0.0.1/0.0.0.255";
+
+TEST(ExactVerdictsTest, ARuleThatIsNotCountedMayDoTheOpposite) {
+    const Texts denied = {std::string("deny ") + kUncounted};
+    const Texts allowed = {std::string("allow ") + kUncounted};
+    EXPECT_EQ(exactFor("tcp 22", denied, {"allow tcp 22"}, FW::FW_POLICY_DENY), "mixed, mixed");
+    EXPECT_EQ(exactFor("tcp 22", {}, denied, FW::FW_POLICY_ALLOW), "undecided, mixed");
+    EXPECT_EQ(exactFor("tcp 22", {}, allowed, FW::FW_POLICY_DENY), "undecided, mixed");
+    EXPECT_EQ(exactFor("tcp 22", {}, denied, FW::FW_POLICY_NONE), "undecided, mixed");
+    EXPECT_EQ(exactFor("tcp 22", allowed, {}, FW::FW_POLICY_DENY), "undecided, mixed");
+    // The same as the others do.
+    EXPECT_EQ(exactFor("tcp 22", {}, denied, FW::FW_POLICY_DENY), "undecided, blocked");
+    EXPECT_EQ(exactFor("tcp 22", {}, allowed, FW::FW_POLICY_ALLOW), "undecided, allowed");
+    EXPECT_EQ(exactFor("tcp 22", {}, allowed, FW::FW_POLICY_NONE), "undecided, undecided");
+    // It matches none of the packets, or none that earlier rules leave.
+    EXPECT_EQ(exactFor("tcp 23", denied, {}, FW::FW_POLICY_ALLOW), "undecided, allowed");
+    EXPECT_EQ(exactFor("tcp 22", {"allow tcp 22"}, denied, FW::FW_POLICY_DENY), "allowed, allowed");
+    EXPECT_EQ(exactFor("tcp 22", {},
+                       {"allow tcp 22 from 0.0.0.0/1", "allow tcp 22 from 128.0.0.0/1", denied[0]},
+                       FW::FW_POLICY_ALLOW),
+              "undecided, allowed");
+    // Another one that is not counted hides none.
+    EXPECT_EQ(exactFor("tcp 22", {}, {allowed[0], denied[0]}, FW::FW_POLICY_ALLOW),
+              "undecided, mixed");
+}
+
+TEST(ExactVerdictsTest, NamesTheRulesThatAreNotCounted) {
+    tarnfw::Machine machine;
+    const FW::FWPROFILE profile = tarnfw::profileOf(
+        {{"eth0",
+          FW::FW_POLICY_ALLOW,
+          {std::string("deny ") + kUncounted, "allow tcp 22 from 0.0.0.2/0.0.0.255",
+           "deny tcp 22-23 from 0.0.0.3/0.0.0.255", "deny udp 22 from 0.0.0.4/0.0.0.255"}}});
+    const tarnfw::Meaning meaning(profile, machine);
+    FW::PortCompareST asked;
+    ASSERT_EQ(tarnfw::portQuestionFrom("tcp 22", asked), "");
+    for (const bool explained : {false, true}) {
+        const auto answers = (explained ? tarnfw::explainedVerdicts : tarnfw::exactVerdicts)(
+            meaning, {tarnfw::questionAbout(asked)}, {"eth0"});
+        std::string positions;
+        for (const tarnfw::UncountedRule& rule : answers.back().ports.front().uncounted) {
+            EXPECT_TRUE(rule.denied);
+            positions += " " + std::to_string(rule.place.position);
+        }
+        EXPECT_EQ(positions, " 1 3");
+    }
+}
+
 TEST(AllAllowedTest, UndecidedIsNoObstacle) {
     const auto answered = [](FW::FW_POLICY verdict) {
         tarnfw::AdapterAnswer answer;

@@ -1,5 +1,6 @@
 /// tarnfw blocked: whether a port or a service gets through, adapter by adapter.
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -29,6 +30,9 @@
 
 namespace tarnfw {
 namespace {
+
+/// Rules that are not counted which a note names; "--json" has all.
+constexpr std::size_t kMostUncounted = 5;
 
 /// Whether the packets of each question differ in their addresses alone.
 bool areSinglePorts(const AdapterAnswer& answer) {
@@ -111,6 +115,49 @@ std::string mixedNote(const Meaning& meaning, const AdapterAnswer& answer) {
     return "allowed from some addresses, blocked from others";
 }
 
+/// What the rules of "global" do to packets where they leave some to the adapters; empty where they
+/// decide about all.
+std::string partNote(const AdapterAnswer& answer) {
+    PacketOutcomes outcomes;
+    for (const PortAnswer& port : answer.ports) {
+        outcomes.add(port.outcomes);
+    }
+    if (!outcomes.denied || !outcomes.undecided) {
+        return "";
+    }
+    return outcomes.allowed
+               ? "allowed for some packets, blocked for some, the others left to the adapters"
+               : "blocked for some packets, the others left to the adapters";
+}
+
+/// Of packets that are mixed only since rules may match that are not counted; empty for others.
+std::string uncountedNote(const AdapterAnswer& answer) {
+    PacketOutcomes outcomes;
+    std::vector<FW::FWPLACE> places;
+    for (const PortAnswer& port : answer.ports) {
+        outcomes.add(port.outcomes);
+        for (const UncountedRule& rule : port.uncounted) {
+            const bool isNew = std::none_of(
+                places.begin(), places.end(),
+                [&rule](const FW::FWPLACE& known) { return isSamePlace(known, rule.place); });
+            if (isNew) {
+                places.push_back(rule.place);
+            }
+        }
+    }
+    if (places.empty() || outcomes.verdict() == FW::FW_POLICY_MIXED) {
+        return "";
+    }
+    const char* const others = outcomes.denied    ? "blocked"
+                               : outcomes.allowed ? "allowed"
+                               : answer.adapter == FW::FW_ADAPTER_GLOBAL
+                                   ? "left to the adapters"
+                                   : "no rule or default policy decides: allowed";
+    return std::string(others) + ", but " + placesText(places, kMostUncounted) + " may " +
+           (outcomes.denied ? "allow" : "block") + " some and " +
+           (places.size() == 1 ? "is" : "are") + " too complex to be counted";
+}
+
 /// A note on a verdict that needs one.
 std::string noteOn(const Meaning& meaning, const AdapterAnswer& answer) {
     const bool global = answer.adapter == FW::FW_ADAPTER_GLOBAL;
@@ -118,6 +165,12 @@ std::string noteOn(const Meaning& meaning, const AdapterAnswer& answer) {
         case FW::FW_POLICY_NONE:
             return global ? "left to the adapters" : "no rule or default policy decides: allowed";
         case FW::FW_POLICY_MIXED:
+            if (const std::string note = global ? partNote(answer) : ""; !note.empty()) {
+                return note;
+            }
+            if (const std::string note = uncountedNote(answer); !note.empty()) {
+                return note;
+            }
             return areSinglePorts(answer) ? mixedNote(meaning, answer)
                                           : "allowed for some of the packets, blocked for others";
         default:

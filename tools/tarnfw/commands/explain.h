@@ -76,5 +76,6 @@ void printExplanation(const ExplainQuery& query, const Asked& asked,
 /// "by": who decides. Of a rule or default policy "adapter" and, where rules are repeated for a
 /// 6in4 tunnel, "tunnel"; of a rule "position" and "text".
 Json::Value deciderDocument(const Meaning& meaning, std::size_t number);
+Json::Value deciderDocument(const Meaning& meaning, const UncountedRule& rule);
 
 }  // namespace tarnfw

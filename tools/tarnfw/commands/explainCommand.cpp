@@ -79,9 +79,10 @@ std::string wayText(const ExplainQuery& query) {
     return query.out.empty() ? "" : "forwarded out through " + query.out;
 }
 
-Json::Value deciderDocument(const Meaning& meaning, std::size_t number) {
+namespace {
+
+Json::Value placeDocument(const Meaning& meaning, const FW::FWPLACE& place) {
     Json::Value document;
-    const FW::FWPLACE place = placeOf(meaning, number);
     document["by"] = originWord(place.origin);
     if (rulePlaceOf(place)) {
         document["adapter"] = place.adapter;
@@ -92,6 +93,17 @@ Json::Value deciderDocument(const Meaning& meaning, std::size_t number) {
                                         .rules.at(place.adapter)
                                         .at(static_cast<std::size_t>(place.position) - 1));
     }
+    return document;
+}
+
+}  // namespace
+
+Json::Value deciderDocument(const Meaning& meaning, const UncountedRule& rule) {
+    return placeDocument(meaning, rule.place);
+}
+
+Json::Value deciderDocument(const Meaning& meaning, std::size_t number) {
+    Json::Value document = placeDocument(meaning, placeOf(meaning, number));
     const std::string tunnel = tunnelOf(meaning, number);
     if (!tunnel.empty()) {
         document["tunnel"] = tunnel;

@@ -38,6 +38,9 @@ namespace {
 /// Rules that the text names for one port; a person reads no more. "--json" has all.
 constexpr std::size_t kMostRules = 40;
 
+/// The same of rules that are not counted.
+constexpr std::size_t kMostUncounted = 8;
+
 /// Of what is named for one rule: groups of packets, and the entries of each list of addresses.
 constexpr std::size_t kMostGroups = 4;
 constexpr std::size_t kMostAddresses = 3;
@@ -106,6 +109,18 @@ public:
             }
             rows.push_back(rowOf(i));
         }
+        for (std::size_t i = 0; i < std::min(port_.uncounted.size(), kMostUncounted); ++i) {
+            const UncountedRule& rule = port_.uncounted[i];
+            rows.push_back({std::string("or ") + (rule.denied ? "blocked" : "allowed") +
+                                ", where this matches",
+                            reasonText(context_.meaning, rule), Paint::kDoubtful});
+        }
+        if (port_.uncounted.size() > kMostUncounted) {
+            rows.push_back({"... or where one of " +
+                                std::to_string(port_.uncounted.size() - kMostUncounted) +
+                                " more rules does; --json names all",
+                            "", Paint::kFaint});
+        }
         if (found_.tooComplex) {
             rows.push_back({"too complex to find out who else decides", "", Paint::kDoubtful});
         }
@@ -129,6 +144,9 @@ public:
                 }
             }
             document["steps"].append(step);
+        }
+        for (const UncountedRule& rule : port_.uncounted) {
+            document["unless"].append(deciderDocument(context_.meaning, rule));
         }
         return document;
     }

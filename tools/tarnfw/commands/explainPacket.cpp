@@ -1,6 +1,7 @@
 /// tarnfw explain, for one packet as far as it is known: the one rule that decides.
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -104,9 +105,9 @@ struct NamedDecision {
 
     /// What may be dropped is not allowed.
     FW::FW_POLICY verdict() const {
-        return !decision.unless.empty() ? FW::FW_POLICY_MIXED
-               : decision.denied        ? FW::FW_POLICY_DENY
-                                        : FW::FW_POLICY_ALLOW;
+        return decision.isDoubtful() ? FW::FW_POLICY_MIXED
+               : decision.denied     ? FW::FW_POLICY_DENY
+                                     : FW::FW_POLICY_ALLOW;
     }
 };
 
@@ -144,6 +145,9 @@ Json::Value decisionDocument(const Meaning& meaning, const NamedDecision& named)
     for (const std::size_t number : decision.unless) {
         document["unless"].append(deciderDocument(meaning, number));
     }
+    for (const UncountedRule& rule : decision.uncounted) {
+        document["unless"].append(deciderDocument(meaning, rule));
+    }
     return document;
 }
 
@@ -154,15 +158,15 @@ void printDecisions(const ExplainQuery& query, const Meaning& meaning,
         for (const NamedDecision& named : adapter.decisions) {
             const PortDecision& decision = named.decision;
             std::string reason = reasonText(meaning, decision.by);
-            for (std::size_t i = 0; i < decision.unless.size(); ++i) {
-                if (i == kMostUnless) {
-                    reason.append("; and ")
-                        .append(std::to_string(decision.unless.size() - i))
-                        .append(" more");
-                    break;
-                }
+            const std::size_t all = decision.unless.size() + decision.uncounted.size();
+            for (std::size_t i = 0; i < std::min(all, kMostUnless); ++i) {
+                const std::size_t known = decision.unless.size();
                 reason.append("; unless this matches: ")
-                    .append(reasonText(meaning, decision.unless[i]));
+                    .append(i < known ? reasonText(meaning, decision.unless[i])
+                                      : reasonText(meaning, decision.uncounted[i - known]));
+            }
+            if (all > kMostUnless) {
+                reason.append("; and ").append(std::to_string(all - kMostUnless)).append(" more");
             }
             if (decision.tooComplex) {
                 reason.append("; too complex: some of these cannot match");

@@ -143,7 +143,7 @@ InnerAnswer innerAnswer(const Meaning& meaning, const BeforeFirewall::Redirect& 
     const std::vector<PortDecision> decisions = decisionsFor(meaning, packets);
     const auto is = [&decisions](bool denied) {
         return std::all_of(decisions.begin(), decisions.end(), [&](const PortDecision& decision) {
-            return decision.denied == denied && decision.unless.empty();
+            return decision.denied == denied && !decision.isDoubtful();
         });
     };
     if (is(false) || is(true)) {
@@ -269,6 +269,9 @@ TunnelAnswer tunnelAnswer(const Meaning& meaning, const std::vector<PacketQuesti
             packets.families &= 1U << FW::FW_FAMILY_V6;
             if (packets.families != 0) {
                 outcomes.add(answers.outcomes(packets));
+                for (const UncountedRule& rule : uncountedFor(meaning, {packets})) {
+                    (rule.denied ? outcomes.denied : outcomes.allowed) = true;
+                }
             }
         }
     }
