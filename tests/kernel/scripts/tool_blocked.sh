@@ -442,6 +442,14 @@ step 'with the packets where more than the sender matters' jq --exit-status '
     [.adapters[1].ports[0].steps[] | [.by, .position, .v4, .v6 == [], (.packets | length)]] ==
     [["rule", 1, null, true, 1], ["rule", 2, null, true, 1], ["defaultPolicy", null, null, false, 2]] and
     .adapters[1].ports[0].steps[0].packets[0].destinations == ["10.0.0.5"]' "$out/answer"
+cp -- "$kProfileDirectory/ways.json" "$out/ways.json"
+answers 0 policy vpn deny --profile ways
+answers 10 explain --profile ways --port tcp/80 --adapter eth0 --out vpn --json
+step 'with interfaces as the kernel has them' jq --exit-status '
+    [.adapters[].ports[].steps[].packets // empty | .[] | [.in.names, .out.names]] | unique ==
+    [[["eth0"], ["ppp+", "tun+"]]]' "$out/answer"
+answers 10 explain --profile ways --port tcp/80 --adapter vpn --out eth0 --json
+cp -- "$out/ways.json" "$kProfileDirectory/ways.json"
 for wrong in --protocol\ {tcp,icmp/256,256,gre} '--protocol igmp --port tcp/22' \
     '--port tcp/22 --out global'; do
     read -r -a words <<<"$wrong"

@@ -68,6 +68,7 @@ bool operator==(const Row& one, const Row& other) {
 struct ExplainContext {
     const Meaning& meaning;
     std::string service;  ///< that is asked about; empty for ports
+    std::string out;      ///< the adapter that packets leave through; empty for this machine
     PacketWords words{{meaning}, kMostAddresses};
     PacketWords numbers = {};  ///< names no services
 };
@@ -86,11 +87,27 @@ FW::FWRULE shortened(FW::FWRULE rule, const std::string& service) {
     return rule;
 }
 
+/// The interfaces of an adapter: none for "global", which has all.
+std::shared_ptr<const FW::FWINTERFACES> interfacesShown(const Meaning& meaning,
+                                                        const std::string& adapter) {
+    if (adapter == FW::FW_ADAPTER_GLOBAL) {
+        return nullptr;
+    }
+    // Only while the machine has one there is a name for that of "pppoe".
+    const auto known = meaning.environment().adapters.find(adapter);
+    const bool isKnown =
+        adapter != FW::FW_ADAPTER_PPPOE || !interfacesOf(FW::FW_ADAPTER_PPPOE).empty();
+    return std::make_shared<FW::FWINTERFACES>(
+        known != meaning.environment().adapters.end() && isKnown ? known->second
+                                                                 : FW::FWINTERFACES{{adapter}, {}});
+}
+
 /// Who decides about the packets of one question on an adapter.
 class Explanation {
 public:
     Explanation(const ExplainContext& context, const std::string& adapter, const PortAnswer& port)
         : context_(context),
+          adapter_(adapter),
           port_(port),
           found_(port.deciders),
           isGlobal_(adapter == FW::FW_ADAPTER_GLOBAL) {}
@@ -140,7 +157,7 @@ public:
             step["v6"] = sendersJson(decider, FW::FW_FAMILY_V6);
             if (!decider.isBySender()) {
                 for (const FW::FWPACKETSET& packets : decider.packets) {
-                    step["packets"].append(packetsJson(packets));
+                    step["packets"].append(packetsJson(withInterfaces(packets)));
                 }
             }
             document["steps"].append(step);
@@ -167,6 +184,16 @@ private:
         }
         const FW::FW_POLICY verdict = decider.denied ? FW::FW_POLICY_DENY : FW::FW_POLICY_ALLOW;
         return {verdictText(verdict) + whom, reasonOf(decider), policyPaint(verdict)};
+    }
+
+    /// The packets, with the interfaces of the adapters in place of the one that was asked about
+    /// for them.
+    FW::FWPACKETSET withInterfaces(FW::FWPACKETSET packets) const {
+        packets.in = interfacesShown(context_.meaning, adapter_);
+        if (packets.out != nullptr) {
+            packets.out = interfacesShown(context_.meaning, context_.out);
+        }
+        return packets;
     }
 
     std::string reasonOf(const Decider& decider) const {
@@ -217,6 +244,7 @@ private:
     }
 
     const ExplainContext& context_;
+    const std::string& adapter_;
     const PortAnswer& port_;
     const Deciders& found_;
     bool isGlobal_;
@@ -338,7 +366,7 @@ void explainDeciders(const ExplainQuery& query) {
                                               asked.store().firewallEnabled(), allowed);
     addNotCounted(meaning, document);
     addAsked(query, document);
-    const ExplainContext context{meaning, options.service};
+    const ExplainContext context{meaning, options.service, query.out};
     std::vector<AdapterExplanation> all;
     for (const AdapterAnswer& answer : answers) {
         all.push_back({answer,
