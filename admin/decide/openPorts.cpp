@@ -326,12 +326,40 @@ std::map<FamilyIds, std::vector<std::string>> byPeers(
     return found;
 }
 
-int countOf(const FWINTERVALS& ports) {
-    int count = 0;
-    for (const FW::FWINTERVAL& one : ports) {
-        count += one.last - one.first + 1;
+/// Those of the ports among which the ones in use are not looked for: wide intervals, with small
+/// ones beside them such as 0-24 before 26-65535, but without those that lie apart, such as 22.
+FWINTERVALS spanOf(const FWINTERVALS& ports) {
+    std::vector<bool> isWide;
+    const auto sizeOf = [&ports](std::size_t i) { return ports[i].last - ports[i].first + 1; };
+    const auto isBeside = [&](std::size_t i, std::size_t lower) {
+        return ports[lower + 1].first - ports[lower].last - 1 <= sizeOf(i);
+    };
+    for (std::size_t i = 0; i < ports.size(); ++i) {
+        isWide.push_back(sizeOf(i) >= kWideSpan || (i > 0 && isWide[i - 1] && isBeside(i, i - 1)));
     }
-    return count;
+    FWINTERVALS span;
+    for (std::size_t i = ports.size(); i-- > 0;) {
+        isWide[i] = isWide[i] || (i + 1 < ports.size() && isWide[i + 1] && isBeside(i, i));
+        if (isWide[i]) {
+            span.push_back(ports[i]);
+        }
+    }
+    std::reverse(span.begin(), span.end());
+    return span;
+}
+
+/// Those of the ports that are none of the span, which has some of their intervals.
+FWINTERVALS othersThan(const FWINTERVALS& span, const FWINTERVALS& ports) {
+    FWINTERVALS others;
+    auto wide = span.begin();  // of the same order
+    for (const FW::FWINTERVAL& one : ports) {
+        if (wide != span.end() && wide->first == one.first) {
+            ++wide;
+        } else {
+            others.push_back(one);
+        }
+    }
+    return others;
 }
 
 }  // namespace
@@ -373,16 +401,16 @@ public:
         std::vector<OpenRow> spans;
         for (const auto& [key, ports] : all) {
             RowPorts wide;
+            bool isUsed = false;
             for (const std::size_t protocol : {0U, 1U}) {
-                if (countOf(ports[protocol]) >= kWideSpan) {
-                    wide[protocol] = ports[protocol];
-                } else {
-                    addUnused(key, ports[protocol], protocol, inUse, unused);
-                }
+                wide[protocol] = spanOf(ports[protocol]);
+                addUnused(key, othersThan(wide[protocol], ports[protocol]), protocol, inUse,
+                          unused);
+                isUsed = isUsed || isInUse(key.first, wide[protocol], protocol, inUse);
             }
             if (!wide[0].empty() || !wide[1].empty()) {
                 spans.push_back(rowOf(key, wide));
-                spans.back().isSpan = true;
+                spans.back().isSpan = isUsed;
             }
         }
         std::vector<OpenRow> rows;
@@ -455,6 +483,32 @@ private:
         }
     }
 
+    const std::set<std::uint16_t>& usedOn(const std::string& interface, FW_FAMILY family,
+                                          std::size_t protocol, const PortsInUse& inUse) {
+        const auto [place, isNew] = used_.try_emplace({interface, family, protocol});
+        if (isNew) {
+            place->second = inUse(interface, family, kProtocols[protocol]);
+        }
+        return place->second;
+    }
+
+    /// Whether one of the ports is in use on one of the interfaces.
+    bool isInUse(const std::vector<std::string>& interfaces, const FWINTERVALS& ports,
+                 std::size_t protocol, const PortsInUse& inUse) {
+        for (const std::string& interface : interfaces) {
+            for (const FW_FAMILY family : kFamilies) {
+                const auto& used = usedOn(interface, family, protocol, inUse);
+                for (const FW::FWINTERVAL& one : ports) {
+                    const auto port = used.lower_bound(one.first);
+                    if (port != used.end() && *port <= one.last) {
+                        return true;
+                    }
+                }
+            }
+        }
+        return false;
+    }
+
     /// Adds the ports of a row that are not in use.
     void addUnused(const RowKey& key, const FWINTERVALS& ports, std::size_t protocol,
                    const PortsInUse& inUse, std::map<RowKey, RowPorts>& unused) {
@@ -462,12 +516,9 @@ private:
         std::set<int> usedPorts;
         for (const std::string& interface : key.first) {
             for (const FW_FAMILY family : kFamilies) {
-                const auto [place, isNew] = used_.try_emplace({interface, family, protocol});
-                if (isNew) {
-                    place->second = inUse(interface, family, kProtocols[protocol]);
-                }
-                used[interface][family] = &place->second;
-                usedPorts.insert(place->second.begin(), place->second.end());
+                const auto& ofFamily = usedOn(interface, family, protocol, inUse);
+                used[interface][family] = &ofFamily;
+                usedPorts.insert(ofFamily.begin(), ofFamily.end());
             }
         }
         for (const FW::FWINTERVAL& interval : ports) {

@@ -46,8 +46,7 @@ struct OpenRow {
     std::vector<std::string> interfaces;
     FW::FWINTERVALS tcp;
     FW::FWINTERVALS udp;
-    bool isSpan =
-        false;  ///< so many ports of a protocol that those which are in use are among them
+    bool isSpan = false;  ///< so many ports that those which are in use are among them
     OpenFamilies to;
 };
 

@@ -109,6 +109,19 @@ TEST(OpenPortsTest, ManyPortsAreASpan) {
                      "other tcp 0-24,26-65535 udp 0-65535 on eth0 eth1: 0.0.0.0: ::"}));
 }
 
+TEST(OpenPortsTest, PortsApartFromASpanAreNotOfIt) {
+    const FW::FWPROFILE profile =
+        profileOf({"allow tcp 22", "allow tcp 80,82", "allow tcp 30000-50000"});
+    EXPECT_EQ(rowsOf(profile, {22, 82, 40000}),
+              (Texts{"tcp 22,82 on eth0:: ::", "tcp 80 on eth0: 0.0.0.0: ::",
+                     "other tcp 30000-50000 on eth0: 0.0.0.0: ::"}));
+    EXPECT_EQ(rowsOf(profile, {22}), (Texts{"tcp 22 on eth0:: ::", "tcp 80,82 on eth0: 0.0.0.0: ::",
+                                            "tcp 30000-50000 on eth0: 0.0.0.0: ::"}))
+        << "nothing of the span is in use";
+    EXPECT_EQ(rowsOf(profileOf({"allow tcp 1-3", "allow tcp 5-2000"}), {7}),
+              (Texts{"other tcp 1-3,5-2000 on eth0: 0.0.0.0: ::"}));
+}
+
 TEST(OpenPortsTest, MoreThanTheSenderMayMatter) {
     EXPECT_EQ(rowsOf(profileOf({"allow tcp 22 from 10.0.0.0/8", "allow tcp 22 to 10.9.0.0/16",
                                 "deny tcp source port 53", "allow tcp 80"})),
