@@ -95,7 +95,7 @@ Open and listening
   udp 7000  python3  eth1  everybody (IPv4)
 
 Open, nothing listens
-  Port  Program  Adapter  Open to
+  Port  Adapter  Open to
   tcp 9998-9999  eth0  10.0.0.0/8
   udp 7000  eth1  everybody (IPv6)
   udp 7001  eth1  everybody
@@ -148,6 +148,30 @@ answers 0 open --from 10.1.2.3 --adapter eth0
 says '^  tcp 9998-9999  *eth0  *open$'
 answers 0 open --from 192.168.1.20 --adapter eth0
 step 'not for others' bash -c "! grep --quiet '^Open, nothing listens' '$out/answer'"
+
+# Of many ports, those that lie apart are named, and what listens on them is left out.
+answers 0 rule add --adapter eth0 allow tcp 8081,8443,30000-50000 --reload
+answers 0 open --adapter eth0
+says '^  tcp 8081  *eth0  *everybody except 192.168.1.77$'
+says '^  tcp 8443  *eth0  *everybody except 192.168.1.77 (IPv4)$'
+says '^  tcp 30000-50000  *eth0  *everybody except 192.168.1.77$'
+answers 0 rule delete --adapter eth0 6
+# The family is said once.
+answers 0 rule add --adapter eth1 --first allow udp source port 9090
+answers 0 rule add --adapter eth1 --first deny from 203.0.113.0/24 --reload
+answers 0 open --adapter eth1
+says '^  udp 5353 .* everybody except 203.0.113.0/24 from source port 9090 (IPv4)$'
+answers 0 rule delete --adapter eth1 1
+answers 0 rule delete --adapter eth1 1 --reload
+
+# Ports that are handed to another one are named, though nothing listens on them.
+iptables -t nat -A PREROUTING -i eth0 -p tcp --dport 8444 -j REDIRECT --to-ports 8080
+answers 0 open
+says '^tcp 8444 is handed to port 8080 (IPv4: .*--to-ports 8080); the rules of INPUT_FIREWALL see port 8080: eth0 mixed$'
+answers 0 open --json
+step 'as data' jq --exit-status '.redirects | map([.port, .seenPort, .verdicts[].verdict]) ==
+    [["tcp 8444", "tcp 8080", "mixed"]]' "$out/answer"
+iptables -t nat -D PREROUTING -i eth0 -p tcp --dport 8444 -j REDIRECT --to-ports 8080
 
 # Sockets that a sender cannot reach in its family are left out.
 answers 0 open --from fd00::20 --adapter eth0
@@ -233,6 +257,10 @@ END
 answers 0 open --adapter wg0 --json
 step 'absent' jq --exit-status '.adapter == "wg0" and .present == false and
     ([.ports[].adapters // [] | length] | add) == 0' "$out/answer"
+answers 0 open
+says '^Absent now, so no packets come in through it: wg0$'
+answers 0 open --json
+step 'absent as data' jq --exit-status '.absent == ["wg0"]' "$out/answer"
 ip tuntap add tun0 mode tun
 ip link set tun0 up
 answers 0 open --adapter vpn

@@ -15,8 +15,8 @@
 #include <vector>
 
 #include <json/json.h>
+#include <boost/algorithm/string/erase.hpp>
 #include <boost/algorithm/string/join.hpp>
-#include <boost/algorithm/string/predicate.hpp>
 
 #include "tarnfirewall/fwMeaning.h"
 #include "tarnfirewall/fwTypes.h"
@@ -264,8 +264,9 @@ OpenText textOf(const OpenFamilies& to, const PacketWords& words) {
     }
     open.text = boost::join(texts, "; ");
     const bool both = to[FW::FW_FAMILY_V4] && to[FW::FW_FAMILY_V6];
-    const std::string only = both ? "" : to[FW::FW_FAMILY_V4] ? " (IPv4)" : " (IPv6)";
-    if (!only.empty() && !boost::ends_with(open.text, only)) {
+    if (!both) {  // once, at the end
+        const std::string only = to[FW::FW_FAMILY_V4] ? " (IPv4)" : " (IPv6)";
+        boost::erase_all(open.text, only);
         open.text += only;
     }
     return open;
@@ -448,9 +449,20 @@ public:
             document_["adapter"] = query.adapter;
             document_["present"] = !adapters_.empty();
         }
+        for (const std::string& adapter : adaptersOf(meaning_.profile())) {
+            if (query.adapter.empty() && adapter != FW::FW_ADAPTER_GLOBAL &&
+                interfacesAsked(adapter).empty()) {
+                absent_.push_back(adapter);
+                document_["absent"].append(adapter);
+            }
+        }
         const std::string column = from_ ? "From " + query_.from : "Open to";
         for (std::size_t state = 0; state < std::size(kStates); ++state) {
-            tables_.emplace_back(std::vector<std::string>{"Port", "Program", "Adapter", column});
+            std::vector<std::string> columns = {"Port", "Program", "Adapter", column};
+            if (state == kUnusedState) {
+                columns.erase(columns.begin() + 1);
+            }
+            tables_.emplace_back(std::move(columns));
         }
     }
 
@@ -482,6 +494,22 @@ public:
         }
     }
 
+    /// What rules of others redirect, on whatever ports.
+    void addRedirects() {
+        for (const std::string& adapter : adapters_) {
+            for (const auto protocol : {FW::FW_PORT_PROTOCOL_TCP, FW::FW_PORT_PROTOCOL_UDP}) {
+                // Asked about again, since of all ports a rule for one redirects only some.
+                for (const auto& some : redirectsOf(protocol, {0, kHighestPort}, adapter)) {
+                    BeforeFirewall found;
+                    found.redirects = redirectsOf(protocol, some.redirection.ports, adapter);
+                    addInnerAnswers(meaning_, adapter, from_, found);
+                    addTo(redirected_, found);
+                }
+            }
+        }
+        document_["redirects"] = redirectsJson(redirected_);
+    }
+
     /// What is open besides, while the firewall is enabled.
     void addUnusedPorts(const std::vector<Sockets>& all) {
         if (!enabled_) {
@@ -508,7 +536,6 @@ public:
                                       : textOf(row.to, words_);
             tables_[kUnusedState].addRow(
                 {{row.isSpan ? "other ports of " + kinds : kinds, Paint::kStrong},
-                 {"", Paint::kPlain},
                  {boost::join(row.interfaces, ", "), Paint::kPlain},
                  {open.text, paintOf(open)}});
         }
@@ -532,7 +559,12 @@ public:
         } else {
             printTables();
         }
-        for (const std::string& line : redirectsText(before_)) {
+        if (!absent_.empty()) {
+            std::cout << "\nAbsent now, so no packets come in through "
+                      << (absent_.size() == 1 ? "it" : "them") << ": "
+                      << printable(boost::join(absent_, ", ")) << '\n';
+        }
+        for (const std::string& line : redirectsText(redirected_)) {
             std::cout << painted(line, Paint::kDoubtful) << '\n';
         }
     }
@@ -544,6 +576,14 @@ public:
     bool holds() const { return complaints_.empty() && !accepted_; }
 
 private:
+    std::vector<BeforeFirewall::Redirect> redirectsOf(FW::FW_PORT_PROTOCOL protocol,
+                                                      const PortSpan& ports,
+                                                      const std::string& adapter) const {
+        const FW::PortCompareST question = {FW::FW_PORT_DIRECT_DESTINATION, protocol,
+                                            portSpanText(ports)};
+        return beforeFirewall(report_, question, adapter, from_).redirects;
+    }
+
     void printTables() const {
         const bool isEmpty = std::all_of(tables_.begin(), tables_.end(),
                                          [](const Table& table) { return table.empty(); });
@@ -589,7 +629,6 @@ private:
             }
             const std::string note = joined(acceptsText(before), dropsText(before));
             accepted_ = accepted_ || !before.accepts.empty();
-            addTo(before_, before);
             Json::Value one;
             one["name"] = adapter;
             if (v4) {
@@ -628,7 +667,8 @@ private:
     Texts complaints_;
     Texts adapters_;
     bool accepted_ = false;  // something that is closed may be accepted by a rule of others
-    BeforeFirewall before_;
+    BeforeFirewall redirected_;
+    Texts absent_;  // adapters of the profile
     Json::Value document_;
     std::vector<Table> tables_;  // by State
     std::size_t moreUnused_ = 0;
@@ -654,6 +694,7 @@ void open(const OpenQuery& query) {
         answer.add(sockets);
     }
     answer.addUnusedPorts(all);
+    answer.addRedirects();
     answer.print();
     if (answer.isHidden()) {
         warn(std::string(

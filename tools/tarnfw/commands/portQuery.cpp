@@ -182,9 +182,7 @@ BeforeFirewall KernelAnswer::ask(const Meaning& meaning, const std::string& adap
     if (adapter == FW::FW_ADAPTER_GLOBAL) {
         before.redirects.clear();  // the adapters' answers have them
     }
-    for (BeforeFirewall::Redirect& redirect : before.redirects) {
-        redirect.inner.push_back(innerAnswer(meaning, redirect, adapter, from_));
-    }
+    addInnerAnswers(meaning, adapter, from_, before);
     if (!verdict.blocks) {
         before.accepts.clear();  // they accept what the firewall accepts
     }
@@ -197,6 +195,13 @@ BeforeFirewall KernelAnswer::ask(const Meaning& meaning, const std::string& adap
     dropped_ = dropped_ || !before.drops.empty();
     tarnfw::addTo(all_, before);
     return before;
+}
+
+void addInnerAnswers(const Meaning& meaning, const std::string& adapter,
+                     const std::optional<Address>& from, BeforeFirewall& before) {
+    for (BeforeFirewall::Redirect& redirect : before.redirects) {
+        redirect.inner.push_back(innerAnswer(meaning, redirect, adapter, from));
+    }
 }
 
 void KernelAnswer::printFirst() const {

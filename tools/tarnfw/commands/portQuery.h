@@ -91,6 +91,11 @@ private:
     bool dropped_ = false;
 };
 
+/// Says of packets through an adapter that rules of others redirect what the firewall's rules do to
+/// them then: those of one sender, or of all.
+void addInnerAnswers(const Meaning& meaning, const std::string& adapter,
+                     const std::optional<Address>& from, BeforeFirewall& before);
+
 /// The answer for IPv6 through an interface that is the 6in4 tunnel of other adapters, whose rules
 /// are repeated for it.
 struct TunnelAnswer {
