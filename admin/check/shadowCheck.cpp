@@ -58,6 +58,9 @@ std::string textOf(const FW::FWSHADOW& shadow) {
     if (shadow.neverDecides) {
         return "never takes effect: shadowed by " + names + (several ? " together" : "");
     }
+    if (shadow.by.empty()) {
+        return "has no effect: no rule and no default policy denies these packets";
+    }
     return "has no effect: " + names + (several ? " do the same" : " does the same");
 }
 
@@ -129,13 +132,12 @@ private:
     }
 
     /// Rules that the library maintains are there to stay, and without those that are invalid it is
-    /// not certain what others do. Where no rule decides afterwards, there is none to name: what a
-    /// profile leaves open is another finding.
+    /// not certain what others do.
     bool isReported(const FW::FWSHADOW& shadow, const RulePlace& place,
                     const FW::FWPROFILE& profile) const {
         const FW::FWRULE& rule = profile.rules.at(place.adapter).at(place.position - 1);
-        return !shadow.by.empty() &&
-               (shadow.neverDecides || (isComplete_ && !FW::fwRuleIsReserved(rule)));
+        return shadow.neverDecides ? !shadow.by.empty()
+                                   : isComplete_ && !FW::fwRuleIsReserved(rule);
     }
 
     Machine& machine_;

@@ -239,8 +239,12 @@ TEST_F(ShadowListTest, RulesWithoutWhichTheSameHappensHaveNoEffect) {
     EXPECT_THAT(linesAbout(between, "wlan0", 1), IsEmpty());
     document["rules"]["wlan0"][0] = rule(R"({"portGroup": 2, "portList": ["ssh"]})");
     EXPECT_THAT(linesAbout(document, "wlan0", 1), IsEmpty());
-    // What no rule decides is open anyway, which is not a finding about this rule.
-    EXPECT_THAT(linesAbout(profile({rule()}), "global", 2), IsEmpty());
+    // What no rule decides is open anyway.
+    EXPECT_THAT(linesAbout(profile({rule()}), "global", 2),
+                ElementsAre("home.json: rule 1 of global: warning: has no effect: no rule and no "
+                            "default policy denies these packets"));
+    EXPECT_THAT(linesAbout(profile({rule()}), "wlan0", 1), IsEmpty());
+    EXPECT_THAT(linesAbout(profile({rule(R"({"blLog": true})")}), "global", 2), IsEmpty());
 }
 
 TEST_F(ShadowListTest, WhatTheEngineLeavesOutIsFoundOnce) {
