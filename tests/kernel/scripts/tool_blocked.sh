@@ -183,6 +183,11 @@ Profile "global_rules_first", tcp 8080
 eth0: blocked
   blocked for everybody  rule 1 of global: deny tcp 8080 from anywhere  "Closed everywhere"
 END
+ip tuntap add eth9 mode tun
+answers 10 explain --port tcp/8080
+says '^eth0, eth9 (not in the profile): blocked$'
+step 'once for all' [ "$(grep --count 'rule 1 of global' "$out/answer")" -eq 1 ]
+ip tuntap del eth9 mode tun
 answers 10 explain --port tcp/8080 --adapter global
 says '^global: blocked$'
 answers 10 explain --service smb --adapter eth0
@@ -450,7 +455,9 @@ step 'with interfaces as the kernel has them' jq --exit-status '
     [[["eth0"], ["ppp+", "tun+"]]]' "$out/answer"
 answers 10 explain --profile ways --port tcp/80 --adapter vpn --out eth0 --json
 cp -- "$out/ways.json" "$kProfileDirectory/ways.json"
-for wrong in --protocol\ {tcp,icmp/256,256,gre} '--protocol igmp --port tcp/22' \
+answers 10 explain --profile ways --protocol tcp --adapter eth0 --json
+step 'by name as by number' jq --exit-status '.protocol == "tcp" and .ports == ["tcp"]' "$out/answer"
+for wrong in --protocol\ {tpc,icmp/256,256,gre} '--protocol igmp --port tcp/22' \
     '--port tcp/22 --out global'; do
     read -r -a words <<<"$wrong"
     answers 2 explain "${words[@]}"

@@ -130,12 +130,15 @@ void addExplainCommand(Command& app) {
     const auto query = std::make_shared<ExplainQuery>();
     addQueryOptions(command, query->ports);
     command
-        .option("--protocol", query->protocol,
-                "A protocol without ports: icmp, icmp/8 (a type), igmp, or a number such as 47")
+        .option(
+            "--protocol", query->protocol,
+            "A protocol, whatever the ports: icmp, icmp/8 (a type), igmp, tcp, udp, or a number "
+            "such as 47")
         .check([](const std::string& text) {
             return protocolQuestion(text)
                        ? std::string()
-                       : inQuotes(text) + " is not a protocol such as icmp, icmp/8, igmp or 47";
+                       : inQuotes(text) +
+                             " is not a protocol such as icmp, icmp/8, igmp, tcp or 47";
         })
         .exactlyOneOf(kQuerySubject);
     command.option("--from", query->ports.from, "Show the one rule that decides for a sender")
@@ -143,7 +146,8 @@ void addExplainCommand(Command& app) {
         .check(addressComplaint);
     command
         .option("--to", query->ports.to,
-                "The machine's address that the sender uses, or with --out the receiver's")
+                "The machine's address that the sender uses (needs --from), or with --out the "
+                "receiver's")
         .placeholder("ADDRESS")
         .check(addressComplaint);
     command.option("--out", query->out, "Of packets that are forwarded: through this adapter")

@@ -281,22 +281,12 @@ Json::Value documentOf(const AdapterExplanation& found) {
     return document;
 }
 
-void print(const AdapterExplanation& found) {
-    const AdapterAnswer& answer = found.answer;
-    const std::string note = found.tunnel.owners.empty() ? found.now.text() : "";
-    std::cout << '\n'
-              << printable(answer.adapter) << (note.empty() ? "" : " (" + note + ")") << ": "
-              << painted(verdictText(answer.verdict), policyPaint(answer.verdict)) << '\n';
-    if (!found.tunnel.owners.empty()) {
-        std::cout << "  " << printable(found.tunnel.text()) << '\n';
-    }
-    for (const std::string& text : {acceptsText(found.before), dropsText(found.before)}) {
-        if (!text.empty()) {
-            std::cout << "  " << painted(printable(text), Paint::kBad) << '\n';
-        }
-    }
+using Cells = std::vector<Cell>;
+
+/// What is said of the ports on an adapter, row by row.
+std::vector<Cells> rowsOf(const AdapterExplanation& found) {
+    std::vector<Cells> table;
     // Neighbours of which the same is said are named together.
-    Table table;
     for (std::size_t i = 0, next = 0; i < found.ports.size(); i = next) {
         const std::vector<Row> rows = found.ports[i].rows();
         std::string names = found.ports[i].port().question.text;
@@ -305,13 +295,77 @@ void print(const AdapterExplanation& found) {
         }
         if (next - i < found.ports.size()) {
             const FW::FW_POLICY verdict = found.ports[i].port().verdict;
-            table.addRow({{names, Paint::kStrong}, {verdictText(verdict), policyPaint(verdict)}});
+            table.push_back(
+                {{names, Paint::kStrong}, {verdictText(verdict), policyPaint(verdict)}});
         }
         for (const Row& row : rows) {
-            table.addRow({{row.outcome, row.paint}, {row.reason, Paint::kPlain}});
+            table.push_back({{row.outcome, row.paint}, {row.reason, Paint::kPlain}});
         }
     }
-    table.print(2);
+    return table;
+}
+
+/// The adapters of which the same is said.
+struct SameExplanation {
+    std::vector<std::string> adapters;  ///< "eth1 (absent)"
+    FW::FW_POLICY verdict = FW::FW_POLICY_NONE;
+    std::vector<Cells> rows;
+    Cells notes;  ///< what rules of a tunnel and of others do
+
+    bool saysTheSame(const SameExplanation& other) const {
+        const auto isSame = [](const Cells& one, const Cells& another) {
+            return std::equal(one.begin(), one.end(), another.begin(), another.end(),
+                              [](const Cell& a, const Cell& b) { return a.text == b.text; });
+        };
+        return verdict == other.verdict && isSame(notes, other.notes) &&
+               std::equal(rows.begin(), rows.end(), other.rows.begin(), other.rows.end(), isSame);
+    }
+
+    void print() const {
+        std::cout << '\n'
+                  << printable(boost::join(adapters, ", ")) << ": "
+                  << painted(verdictText(verdict), policyPaint(verdict)) << '\n';
+        Table table;
+        for (const Cells& row : rows) {
+            table.addRow(row);
+        }
+        table.print(2);
+        for (const Cell& note : notes) {
+            std::cout << "  " << painted(printable(note.text), note.paint) << '\n';
+        }
+    }
+};
+
+void print(const std::vector<AdapterExplanation>& all) {
+    std::vector<SameExplanation> printed;
+    for (const AdapterExplanation& found : all) {
+        if (!found.isWorthPrinting(all.size() == 1)) {
+            continue;
+        }
+        const std::string now = found.tunnel.owners.empty() ? found.now.text() : "";
+        SameExplanation one;
+        one.adapters = {found.answer.adapter + (now.empty() ? "" : " (" + now + ")")};
+        one.verdict = found.answer.verdict;
+        one.rows = rowsOf(found);
+        for (const Cell& note : {Cell{found.tunnel.text(), Paint::kPlain},
+                                 {acceptsText(found.before), Paint::kBad},
+                                 {dropsText(found.before), Paint::kBad}}) {
+            if (!note.text.empty()) {
+                one.notes.push_back(note);
+            }
+        }
+        const auto same =
+            std::find_if(printed.begin(), printed.end(),
+                         [&one](const SameExplanation& known) { return known.saysTheSame(one); });
+        if (same == printed.end()) {
+            printed.push_back(std::move(one));
+        } else {
+            same->adapters.push_back(one.adapters.front());
+        }
+    }
+    for (const SameExplanation& one : printed) {
+        one.print();
+    }
 }
 
 /// Makes the questions those about packets that are forwarded out through an interface. One about
@@ -386,11 +440,7 @@ void explainDeciders(const ExplainQuery& query) {
     }
     printExplanation(query, asked, kernel, std::move(document), allowed, [&] {
         printHeading(asked.profile, options, asked.questions, wayText(query));
-        for (const AdapterExplanation& found : all) {
-            if (found.isWorthPrinting(all.size() == 1)) {
-                print(found);
-            }
-        }
+        print(all);
     });
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -190,6 +191,8 @@ void printDecisions(const ExplainQuery& query, const Meaning& meaning,
 std::optional<PacketQuestion> protocolQuestion(const std::string& text) {
     constexpr char kIcmp[] = "icmp";
     constexpr char kIcmpWithType[] = "icmp/";
+    static const std::map<std::string, std::optional<std::uint16_t>> kProtocols = {
+        {"igmp", IPPROTO_IGMP}, {"tcp", IPPROTO_TCP}, {"udp", IPPROTO_UDP}};
     PacketQuestion question{text, std::nullopt, {}};
     FW::FWPACKETSET packets = newConnections("");
     if (text == kIcmp || boost::starts_with(text, kIcmpWithType)) {
@@ -212,12 +215,12 @@ std::optional<PacketQuestion> protocolQuestion(const std::string& text) {
         }
         return question;
     }
-    const auto number =
-        text == "igmp" ? std::optional<std::uint16_t>(IPPROTO_IGMP) : byteFrom(text);
+    const auto named = kProtocols.find(text);
+    const auto number = named == kProtocols.end() ? byteFrom(text) : named->second;
     if (!number) {
         return std::nullopt;
     }
-    question.text = text == "igmp" ? text : "protocol " + std::to_string(*number);
+    question.text = named == kProtocols.end() ? "protocol " + std::to_string(*number) : text;
     packets.protocols = {{*number, *number}};
     question.packets = {packets};
     return question;
