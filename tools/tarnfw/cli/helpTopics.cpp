@@ -226,6 +226,7 @@ constexpr char kExitStatus[] = R"(Exit status
   10   a negative answer:
          blocked, explain   blocked somewhere, or from some addresses
          diff               the kernel does not hold what it should
+         profile diff       the profiles do not mean the same
   11   status, blocked, explain, open: the kernel does not do what is stored
 
 So a script can check whether a service is open before it relies on it:
