@@ -136,8 +136,28 @@ TEST(PageTest, DecidersThatSayTheSameAreOne) {
     environment.adapters = FW::fwAdaptersByName(profile, "");
     const std::string page = reportPage(reportFacts(Meaning(profile, environment)));
     EXPECT_THAT(page, HasSubstr("<ol><li><a href=\"#rule-0-1\">rule 1 of eth0</a>, "
-                                "<a href=\"#rule-1-1\">rule 1 of eth1</a>: allow tcp 80"));
+                                "<a href=\"#rule-1-1\">rule 1 of eth1</a>"
+                                "<span class=\"says\">: allow tcp 80"));
     EXPECT_EQ(countOf(page, "<h3>eth0 and eth1</h3>"), 1U);
+}
+
+TEST(PageTest, ListsRulesInTheOrderInWhichTheyAreTried) {
+    FW::FWPROFILE profile;
+    profile.name = "home";
+    for (const char* const adapter : {"eth1", "global", "Wlan0"}) {
+        profile.rules[adapter] = {ruleFrom({"allow tcp 80"}, {}, {})};
+    }
+    profile.adapterPolicyMap["eth0"] = FW::FW_POLICY_DENY;  // has no rules
+    FW::FWENVIRONMENT environment;
+    environment.adapters = FW::fwAdaptersByName(profile, "");
+    const std::string page = reportPage(reportFacts(Meaning(profile, environment)));
+    std::size_t before = 0;
+    for (const char* const adapter : {"global", "Wlan0", "eth0", "eth1"}) {
+        const std::size_t at = page.find("aria-label=\"Rules of " + std::string(adapter) + "\"");
+        ASSERT_NE(at, std::string::npos) << adapter;
+        EXPECT_LT(before, at) << adapter;
+        before = at;
+    }
 }
 
 TEST(PageTest, OfManyDecidersTheLastIsNamed) {
@@ -151,9 +171,10 @@ TEST(PageTest, OfManyDecidersTheLastIsNamed) {
     FW::FWENVIRONMENT environment;
     environment.adapters = FW::fwAdaptersByName(profile, "");
     const std::string page = reportPage(reportFacts(Meaning(profile, environment)));
-    EXPECT_THAT(page, HasSubstr("rule 9 of eth0</a>: allow tcp 80 to 10.0.0.8 (IPv4)</li>"
-                                "<li>and others</li><li><a href=\"#rule-0-0\">the default policy "
-                                "of eth0</a>: deny</li></ol>"));
+    EXPECT_THAT(page, HasSubstr("rule 9 of eth0</a><span class=\"says\">: allow tcp 80 to 10.0.0.8 "
+                                "(IPv4)</span></li><li>and others</li><li><a href=\"#rule-0-0\">"
+                                "the default policy of eth0</a><span class=\"says\">: deny</span>"
+                                "</li></ol>"));
 }
 
 /// As many rules as given, for networks and ports of their own.

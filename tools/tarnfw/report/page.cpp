@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "tarnfirewall/fwTypes.h"
+
 #include "cli/packetJson.h"
 #include "report/pageParts.h"
 #include "tarnfwadmin/text.h"
@@ -324,15 +326,17 @@ std::string rulesOf(const std::string& adapter, const Json::Value& facts, const 
 }
 
 std::string allRules(const Json::Value& facts, const RuleLinks& links) {
-    std::string all;
-    std::map<std::string, bool> done;
+    // As the packet filter tries them: "global" first, then the others in byte order.
+    std::set<std::pair<bool, std::string>> adapters;
     for (const char* const part : {"rules", "policies"}) {
         for (const Json::Value& entry : facts[part]) {
             const std::string adapter = entry["adapter"].asString();
-            if (!std::exchange(done[adapter], true)) {
-                all += rulesOf(adapter, facts, links);
-            }
+            adapters.emplace(adapter != FW::FW_ADAPTER_GLOBAL, adapter);
         }
+    }
+    std::string all;
+    for (const auto& [isOther, adapter] : adapters) {
+        all += rulesOf(adapter, facts, links);
     }
     return all.empty() ? "<p>The profile has no rules.</p>\n" : all;
 }
@@ -389,7 +393,10 @@ std::string cellOf(const Json::Value& cell, const std::string& from, const RuleL
         if (i + 1 < kMostNamed || isLast) {
             text += (isLast && hasMore ? "<li>and others</li>" : "") + std::string("<li>") +
                     deciders[i].second +
-                    (deciders[i].first.empty() ? "" : ": " + html(deciders[i].first)) + "</li>";
+                    (deciders[i].first.empty()
+                         ? ""
+                         : "<span class=\"says\">: " + html(deciders[i].first) + "</span>") +
+                    "</li>";
         }
     }
     return text + "</ol></details></td>";
@@ -595,8 +602,8 @@ std::string changesOf(const Json::Value& changes) {
         list += std::string("<li class=\"") + paint + "\">" + html(words) + "</li>\n";
     }
     return "<section id=\"changes\" aria-labelledby=\"changes-title\">\n<h2 id=\"changes-title\">"
-           "Changes since " +
-           html(changes["since"]) + "</h2>\n" +
+           "Compared with profile “" +
+           html(changes["since"]) + "”</h2>\n" +
            (changes["same"].asBool() ? "<p>Both let the same packets through.</p>\n"
                                      : "<ul class=\"changes\">\n" + list + "</ul>\n") +
            (changes["tooComplex"].asBool()
@@ -622,7 +629,7 @@ std::string linksOf(const Json::Value& facts) {
     const auto link = [](const char* id, const char* text) {
         return std::string("<li><a href=\"#") + id + "\">" + text + "</a></li>\n";
     };
-    return (facts["changes"].isNull() ? "" : link("changes", "Changes")) +
+    return (facts["changes"].isNull() ? "" : link("changes", "Comparison")) +
            link("reach", "Who may reach what") + link("rules", "Rules") +
            (facts["findings"].empty() ? "" : link("findings", "Findings"));
 }

@@ -246,6 +246,19 @@
         }
     });
 
+    // ---- Paper ----
+
+    // What a cell has inside is printed, also where the style alone does not open it.
+    let opened = [];
+    window.addEventListener("beforeprint", () => {
+        opened = all(".matrix details:not([open])");
+        opened.forEach((cell) => { cell.open = true; });
+    });
+    window.addEventListener("afterprint", () => {
+        opened.forEach((cell) => { cell.open = false; });
+        opened = [];
+    });
+
     const form = document.getElementById("search");
     form.hidden = false;
     form.addEventListener("submit", (event) => {
