@@ -59,9 +59,9 @@
         return ports;
     };
 
-    const hasPort = (ports, protocol, port) =>
+    const hasPort = (ports, protocol, [from, to]) =>
         ["tcp", "udp"].some((of) => (protocol === "" || protocol === of) &&
-            ports[of].some(([first, last]) => first <= port && port <= last));
+            ports[of].some(([first, last]) => first <= to && from <= last));
 
     // ---- Search ----
 
@@ -100,28 +100,52 @@
         return page;
     };
 
+    const kVerdicts = {allowed: "allow", denied: "deny", blocked: "deny", depends: "depends"};
+
+    // "ssh", "22", "tcp/22", "22/tcp", "6000-6010", "10.0.0.0/8", "denied", "rule:4:eth0".
     const wordOf = (text) => {
-        const port = /^(?:(tcp|udp)[\/:]?)?(\d{1,5})$/.exec(text);
+        const place = /^rule:(\d+):(.*)$/.exec(text);
+        if (place) {
+            const name = `rule ${place[1]}` + (place[2] === "" ? "" : ` of ${place[2]}`);
+            return {text: name, range: null, ports: null, protocol: "", verdict: null, place: name};
+        }
+        const [, before, first, last = first, after] =
+            /^(?:(tcp|udp)[\/:]?)?(\d{1,5})(?:[-:](\d{1,5}))?(?:\/(tcp|udp))?$/.exec(text) || [];
+        const isPorts = first !== undefined && Number(first) <= Number(last) && Number(last) < 65536;
         return {
             text,
             range: rangeOf(text),
-            port: port && Number(port[2]) < 65536 ? Number(port[2]) : null,
-            protocol: port && port[1] ? port[1] : "",
+            ports: isPorts ? [Number(first), Number(last)] : null,
+            protocol: before || after || "",
+            verdict: Object.hasOwn(kVerdicts, text) ? kVerdicts[text] : null,
+            place: null,
         };
     };
 
-    const wordsOf = (query) =>
-        // "tcp 22" is one word.
-        query.toLowerCase().replace(/\b(tcp|udp)\s+(?=\d+(\s|$))/g, "$1/")
-            .split(/\s+/).filter((word) => word !== "").map(wordOf);
+    // Alternatives, each with words that all count. "tcp 22", "port 22" and "rule 4 of eth0" are one word.
+    const alternativesOf = (query) =>
+        query.toLowerCase().replace(/\brule\s+(\d+)(?:\s+of\s+([^\s,]+))?/g, (all, number, adapter = "") =>
+            `rule:${number}:${adapter}`)
+            .replace(/\bports?\s+(?=(?:(?:tcp|udp)[\s\/:]*)?\d)/g, "")
+            .replace(/\b(tcp|udp)\s+(?=\d+(?:[-:]\d+)?(?:[\s,]|$))/g, "$1/")
+            .replace(/(\d)\s+(tcp|udp)\b(?!\/)/g, "$1/$2")
+            .split(",").map((part) => part.split(/\s+/).filter((word) => word !== "").map(wordOf))
+            .filter((words) => words.length > 0);
 
     const rowFits = (row, word) =>
-        word.port === null ? row.text.includes(word.text) : hasPort(row.ports, word.protocol, word.port);
+        word.ports === null ? row.text.includes(word.text) : hasPort(row.ports, word.protocol, word.ports);
 
     const columnFits = (column, word) =>
         word.range === null
             ? column.text.includes(word.text)
             : column.ranges === null || column.ranges.some((range) => meet(range, word.range));
+
+    // A cell of a verdict, or in which a rule decides.
+    const cellFits = (cell, word) =>
+        word.verdict !== null
+            ? cell.classList.contains(word.verdict)
+            : all("li", cell).some((item) => `${item.textContent}:`.toLowerCase().split(/[:,] ?/)
+                .some((name) => name === word.place || name.startsWith(`${word.place} of `)));
 
     // Shows a part or hides it; whether that changed anything.
     const show = (entry, part, shown) => {
@@ -133,32 +157,56 @@
         return true;
     };
 
-    // Each word keeps columns, rows or the whole table; with one that fits nothing, it is hidden.
-    const searchTable = (table, words) => {
-        let columns = table.columns.map(() => true);
-        let rows = table.rows.map(() => true);
-        let fits = true;
+    const every = (list) => list.map(() => true);
+    const both = (one, other) => one.map((is, i) => is && other[i]);
+    const either = (one, other) => one.map((is, i) => is || other[i]);
+
+    // Each word keeps rows, columns or the whole table. Null when one fits nothing of it.
+    const foundInTable = (table, words) => {
+        const found = {rows: null, columns: null};  // null: all
+        const keepRows = (rows) => { found.rows = both(found.rows || every(table.rows), rows); };
+        const keepColumns = (columns) => {
+            found.columns = both(found.columns || every(table.columns), columns);
+        };
         for (const word of words) {
+            if (word.verdict !== null || word.place !== null) {
+                const cells = table.rows.map((row) => row.cells.map((cell) => cellFits(cell, word)));
+                keepRows(cells.map((ofRow) => ofRow.includes(true)));
+                keepColumns(table.columns.map((column, i) => cells.some((ofRow) => ofRow[i])));
+                continue;
+            }
             if (table.titleWords.includes(word.text)) {
                 continue;
             }
             const ofRows = table.rows.map((row) => word.range === null && rowFits(row, word));
             if (ofRows.includes(true)) {
-                rows = rows.map((is, i) => is && ofRows[i]);
+                keepRows(ofRows);
                 continue;
             }
             const ofColumns = table.columns.map((column) => columnFits(column, word));
-            if (ofColumns.includes(true)) {
-                columns = columns.map((is, i) => is && ofColumns[i]);
-            } else {
-                fits = false;
+            if (!ofColumns.includes(true)) {
+                return null;
             }
+            keepColumns(ofColumns);
         }
-        fits = fits && rows.includes(true) && columns.includes(true);
+        const isEmpty = (list) => list !== null && !list.includes(true);
+        return isEmpty(found.rows) || isEmpty(found.columns) ? null : found;
+    };
+
+    // Alternatives that keep rows add up, and so do those that keep columns.
+    const searchTable = (table, alternatives) => {
+        const found = alternatives.map((words) => foundInTable(table, words)).filter((one) => one !== null);
+        const fits = found.length > 0 || alternatives.length === 0;
         show(table, table.part, fits);
         if (!fits) {
             return 0;
         }
+        const kept = (name, whole) => {
+            const lists = found.map((one) => one[name]).filter((list) => list !== null);
+            return lists.length === 0 ? every(whole) : lists.reduce(either);
+        };
+        const columns = kept("columns", table.columns);
+        const rows = kept("rows", table.rows);
         table.columns.forEach((column, i) => {
             if (show(column, column.heading, columns[i])) {
                 for (const row of table.rows) {
@@ -170,11 +218,42 @@
         return rows.filter((is) => is).length;
     };
 
-    const searchRules = (table, words) => {
+    // The addresses and ports that a rule is for.
+    const readRule = (row) => {
+        row.ranges = row.ranges ||
+            row.text.split(/[\s,()]+/).map(rangeOf).filter((range) => range !== null);
+        if (row.rulePorts === undefined) {
+            const [, protocol, list] = /\b(tcp\/udp|tcp|udp) (?:source port )?(\d[\d,-]*)(?=\s|$)/.exec(row.text) || [];
+            row.rulePorts = portsOf(list === undefined
+                ? undefined
+                : protocol.split("/").map((one) => `${one}:${list}`).join(" "));
+        }
+        return row;
+    };
+
+    const ruleFits = (row, table, word) => {
+        if (word.place !== null) {
+            const [name, adapter] = word.place.split(" of ");
+            return row.text.startsWith(`${name} `) &&
+                (adapter === undefined || table.title === adapter);
+        }
+        if (word.verdict !== null) {
+            const [, action] = /^(?:rule \d+|default policy) (allow|deny)\b/.exec(row.text) || [];
+            return action === word.verdict;
+        }
+        if (word.range !== null && readRule(row).ranges.some((range) => meet(range, word.range))) {
+            return true;
+        }
+        return word.ports === null
+            ? row.text.includes(word.text) || table.title.includes(word.text)
+            : hasPort(readRule(row).rulePorts, word.protocol, word.ports);
+    };
+
+    const searchRules = (table, alternatives) => {
         let shown = 0;
         for (const row of table.rows) {
-            const fits = words.every(
-                (word) => row.text.includes(word.text) || table.title.includes(word.text));
+            const fits = alternatives.length === 0 ||
+                alternatives.some((words) => words.every((word) => ruleFits(row, table, word)));
             shown += fits ? 1 : 0;
             show(row, row.row, fits);
         }
@@ -186,14 +265,14 @@
 
     const search = () => {
         const {matrices, rules, parts, isWhole} = readPage();
-        const words = wordsOf(document.getElementById("query").value);
-        const sum = (tables, of) => tables.reduce((count, table) => count + of(table, words), 0);
+        const alternatives = alternativesOf(document.getElementById("query").value);
+        const sum = (tables, of) => tables.reduce((count, table) => count + of(table, alternatives), 0);
         const foundRows = sum(matrices, searchTable);
         const foundRules = sum(rules, searchRules);
         for (const [part, tables] of parts) {
-            part.hidden = words.length > 0 && tables.every((one) => one.hidden);
+            part.hidden = alternatives.length > 0 && tables.every((one) => one.hidden);
         }
-        document.getElementById("found").textContent = words.length === 0
+        document.getElementById("found").textContent = alternatives.length === 0
             ? ""
             : `${counted(foundRows, "row")} of the tables and ${counted(foundRules, "rule")} found` +
                 (isWhole ? "" : "; the page leaves some out");
