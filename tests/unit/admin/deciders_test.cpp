@@ -377,4 +377,57 @@ TEST_F(RandomDecidersTest, AddUpToTheExactVerdict) {
     EXPECT_GT(mixed, kProfiles / 10);
 }
 
+// Of masks with too many gaps it is known for one address whether they match it.
+TEST_F(RandomDecidersTest, NoVerdictLeavesOutWhatARuleThatIsNotCountedDoes) {
+    constexpr int kProfiles = 200;
+    constexpr int kPackets = 30;
+    int doubtful = 0;
+    int byUncounted = 0;
+    for (int i = 0; i < kProfiles; ++i) {
+        Random random(static_cast<unsigned>(8200000 + i));
+        FW::FWPROFILE profile = makeProfile(random, 4, {"global", "eth0"});
+        for (auto& [adapter, rules] : profile.rules) {
+            for (FW::FWRULE& rule : rules) {
+                if (pick(random, 2) == 0) {
+                    rule.ipType = FW::FW_IP_TYPE_V4;
+                    rule.ipGroup = FW::FW_IP_GROUP_NETWORK;
+                    rule.ipList = {"0.0.0." + std::to_string(pick(random, 3)), "0.0.0.255"};
+                }
+            }
+        }
+        const Meaning meaning(profile, environmentFor(profile, countries_));
+        FW::PortCompareST question;
+        ASSERT_EQ(tarnfw::portQuestionFrom(i % 2 == 0 ? "tcp/22" : "tcp/443", question), "");
+        const tarnfw::PacketQuestion asked = tarnfw::questionAbout(question);
+        const tarnfw::AdapterAnswer answer = exactVerdicts(meaning, {asked}, {"eth0"}).back();
+        doubtful += answer.ports.front().outcomes.verdict() != answer.verdict ? 1 : 0;
+        for (int n = 0; n < kPackets; ++n) {
+            FW::FWPACKET packet;
+            packet.chain = FW::FW_CHAIN_INPUT;
+            packet.state = FW::FW_STATE_NEW;
+            packet.in = "eth0";
+            packet.family = FW::FW_FAMILY_V4;
+            packet.protocol = IPPROTO_TCP;
+            const std::string source = "192.0.2." + std::to_string(pick(random, 4));
+            const std::string destination = "198.51.100." + std::to_string(pick(random, 4));
+            const auto from = tarnfw::packetAddressFrom(source);
+            const auto to = tarnfw::packetAddressFrom(destination);
+            packet.source = tarnfw::addressNumber(*from);
+            packet.destination = tarnfw::addressNumber(*to);
+            packet.sourcePort = portIn(random, oneOf(random, meaning.rules()).packets.sourcePorts);
+            packet.destinationPort = i % 2 == 0 ? 22 : 443;
+            const Meaning exact = meaning.between(from, to);
+            const std::size_t number = exact.answers().decide(packet).deciders.front();
+            const bool isDropped = exact.answers().rule(number).verdict == FW::FW_PACKET_DROP;
+            byUncounted += meaning.isUncounted(placeOf(exact, number)) ? 1 : 0;
+            EXPECT_TRUE(answer.verdict == FW::FW_POLICY_MIXED ||
+                        isDropped == (answer.verdict == FW::FW_POLICY_DENY))
+                << "profile " << i << ": " << tarnfw::verdictText(answer.verdict) << ", but "
+                << tarnfw::reasonText(exact, number) << " decides about " << source;
+        }
+    }
+    EXPECT_GT(doubtful, kProfiles / 10);
+    EXPECT_GT(byUncounted, kProfiles);
+}
+
 }  // namespace
