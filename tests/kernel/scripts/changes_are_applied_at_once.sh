@@ -89,6 +89,53 @@ answers 0 import --yes "$out/exported.json"
 applied
 answers 2 policy eth0 allow --reload --later
 
+# --- what a change is compared with ----------------------------------------------------------------
+
+# What is in force, not what was only stored before.
+answers 0 profile use default
+answers 0 rule add allow tcp 8090 --later
+says '^Once applied: opens tcp 8090 on eth0, for everybody$'
+answers 0 rule add allow tcp 8092
+says '^Opens tcp 8090,8092 on eth0, for everybody (rules [0-9]* and [0-9]* of global)$'
+answers 0 rule add allow tcp 8094 --later
+answers 0 undo --later
+step 'it was never open' [ "$(grep -c 'closes\|still has the old rules' "$out/answer")" = 0 ]
+iptables -A INPUT_FIREWALL -p tcp --dport 9 -j DROP
+answers 0 rule delete allow tcp 8092
+says '^Closes tcp 8092 .*; more may change, since other rules were in force than those stored before$'
+iptables -F INPUT_FIREWALL
+ip6tables -F INPUT_FIREWALL
+iptables -F FORWARD_FIREWALL
+ip6tables -F FORWARD_FIREWALL
+answers 0 rule add allow tcp 8096
+says '^Closes everything on eth0, for everybody, that no rule before it decides (the default policy of eth0)$'
+answers 0 rule delete allow tcp 8096
+answers 0 rule delete allow tcp 8090
+# An import that enables the firewall, or disables it.
+answers 0 export "$out/enabled.json"
+answers 0 disable
+answers 0 import --yes --dry-run "$out/enabled.json"
+says '^Once imported and applied: closes everything on eth0, '
+answers 0 import --yes "$out/enabled.json"
+says '^Once applied: closes everything on eth0, '
+says '^The firewall is now enabled in the settings, but its rules are not in force until "tarnfw reload"$'
+answers 0 rule add allow tcp 8097
+says '^Closes everything on eth0, '
+applied
+answers 0 import --dry-run "$out/enabled.json"
+says '^Once imported: closes tcp 8097 on eth0, for everybody '
+answers 0 import --yes "$out/enabled.json"
+says '^Closes tcp 8097 on eth0, for everybody '
+applied
+jq '.config_firewall_settings.status = false' "$out/enabled.json" >"$out/disabled.json"
+answers 0 import --dry-run "$out/disabled.json"
+says '^Once imported: opens everything$'
+answers 0 import --yes "$out/disabled.json"
+says '^Opens everything$'
+says '^Firewall disabled$'
+answers 0 enable
+answers 0 profile use other
+
 # --- both or neither -------------------------------------------------------------------------------
 
 keep_listing before

@@ -193,7 +193,7 @@ END
 step 'so it has' same_listing enabled
 edits 0 'sed -i s/"23"/"24"/' --reload
 prints <<'END'
-Opens tcp 24 on eth0, for everybody (rule 1 of eth0); closes tcp 23 on eth0, for everybody (rule 2 of eth0)
+Opens tcp 24 on eth0, for everybody (rule 1 of eth0); closes tcp 22 on eth0, for everybody (rule 2 of eth0)
 Profile "lab" stored
 Profile "lab" applied
 END

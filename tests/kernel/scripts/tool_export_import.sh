@@ -93,10 +93,11 @@ new              added    2.json
 setting  now              imported
 profile  deny_by_default  new
 status   false            true
+Once imported and applied: closes everything on eth0, for everybody, except (service http,https from anywhere; tcp 22 from 192.168.1.20) (the default policy of eth0)
 END_OF_PLAN
 answers 0 import --dry-run --json next.json
 step 'as a document' diff -u - <(jq --compact-output --sort-keys . "$out/answer") <<END_OF_PLAN
-{"applied":false,"backup":null,"changed":false,"changes":true,"messages":[],"profile":"new","profiles":[{"change":"removed","file":"$first","name":"default"},{"change":"changed","file":"deny_by_default.json","name":"deny_by_default"},{"change":"added","file":"2.json","name":"new"}],"settings":[{"imported":"new","now":"deny_by_default","setting":"profile"},{"imported":true,"now":false,"setting":"status"}],"warnings":[]}
+{"applied":false,"backup":null,"changed":false,"changes":true,"messages":["Once imported and applied: closes everything on eth0, for everybody, except (service http,https from anywhere; tcp 22 from 192.168.1.20) (the default policy of eth0)"],"profile":"new","profiles":[{"change":"removed","file":"$first","name":"default"},{"change":"changed","file":"deny_by_default.json","name":"deny_by_default"},{"change":"added","file":"2.json","name":"new"}],"settings":[{"imported":"new","now":"deny_by_default","setting":"profile"},{"imported":true,"now":false,"setting":"status"}],"warnings":[]}
 END_OF_PLAN
 tarnfw import --dry-run - <next.json >"$out/answer" || fail 'not from standard input'
 says '^new  *added  *2.json$'
@@ -211,7 +212,7 @@ step 'for root alone' [ "$(stat --format='%a %U' "$kBackups" "$backup")" = $'700
 # Back again, and applied at once.
 jq '.config_profiles["deny_by_default.json"].rules.eth0 |= .[:1]' "$backup" >back.json
 answers 0 import --yes --reload back.json
-says '^Once applied: closes .* (before: rule'
+says '^Closes .* (before: rule'
 says '^Profile "deny_by_default" applied$'
 answers 0 diff
 answers 0 import --yes --reload "$backup"

@@ -1,8 +1,8 @@
 # shellcheck shell=bash disable=SC2154  # the variables are those of run and lib.sh
 # A command opens a file of the store at most twice, besides what the library's own operations open, and
 # once more to flush it in a change that is made as a whole. It opens a file of the service catalogue at
-# most twice, and once or twice more where rules are tried, applied or queried. "status" lists each family
-# once.
+# most twice, and a few times more where rules are tried, applied or queried, or compared with what is in
+# force. "status" lists each family once.
 make_links <<<'veth eth0 192.168.1.10/24 lan 192.168.1.20/24'
 
 # shellcheck source=tests/kernel/answers.sh
@@ -26,11 +26,13 @@ counted() {
     LD_PRELOAD=$build/tests/kernel/libopen_probe.so OPEN_PROBE=$kOpened answers "$@"
     store=$(most tool /usr/tarn/etc/firewall.d/)
     catalogue=$(most '[a-z]*' '/usr/tarn/etc[a-z.]*/services.d/')
-    # The reload itself, and the look at it beforehand.
-    [[ " $* " != *' --reload '* ]] || ((mostCatalogue += 2))
+    # The reload itself, the look at it beforehand, and what may be in force: here the profile as it was stored,
+    # or as it was before a change that was not applied.
+    [[ " $* " != *' --reload '* ]] || ((mostCatalogue += 4))
     [[ $2 != enable && $2 != reload ]] || ((mostCatalogue += 1))
-    # A changed rule is translated, to be tried in a scratch kernel.
-    [[ $2 != rule || " $* " == *' --reload '* ]] || ((mostCatalogue += 1))
+    # A changed rule is translated, to be tried in a scratch kernel, and the profile that may be in force.
+    [[ $2 != rule || " $* " == *' --reload '* ]] || ((mostCatalogue += 2))
+    [[ $2 != import && $2 != service ]] || ((mostCatalogue += 1)) # what may be in force
     [[ $2 != blocked ]] || ((mostCatalogue += 2)) # "global", the adapter; the kernel's rules; all packets
     total=$(grep --count '^[tl].*/firewall.d/' "$kOpened" || true)
     runs=$(grep --count '^run' "$kOpened" || true)

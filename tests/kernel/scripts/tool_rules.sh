@@ -528,7 +528,7 @@ END
 step 'so it has' same_listing enabled
 answers 0 rule insert 1 --adapter eth0 allow udp --v6 --reload
 prints <<'END'
-Opens udp on eth0, for everybody (IPv6)
+Opens udp on eth0, for everybody (IPv6); logs tcp 23,6000-6010 on eth0, for 192.168.1.20 (rule 5 of eth0)
 Rule 1 of eth0: allow udp 0-65535 from anywhere (IPv6)
 Profile "lab" applied
 END

@@ -343,7 +343,6 @@ says '^eth5  *absent  *deny  *2 (1 off)$'
 answers 0 adapter rename eth5 eth0 --reload
 silent
 prints <<'END'
-Opens everything except service http on eth5, for everybody (before: the default policy of eth5); closes everything except service http on eth0, for everybody (the default policy of eth0); eth5 has no interface now
 Rules and default policy of eth5 are now those of eth0 (changed: away, home)
 Profile "home" applied
 END

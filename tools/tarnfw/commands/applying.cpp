@@ -18,6 +18,7 @@
 #include "cli/command.h"
 #include "cli/commandLine.h"
 #include "cli/output.h"
+#include "commands/profileInForce.h"
 #include "commands/sshGuard.h"
 #include "process/detachedRun.h"
 #include "process/heldLog.h"
@@ -113,8 +114,19 @@ Context::Context(StoreSession::Access access, std::unique_ptr<Machine> machine,
 
 bool Context::hasOtherRules() {
     const std::optional<FW::FWPROFILE> now = activeProfileOf(store());
+    if (now && inForce()) {
+        return effectiveRules(*now, *machine_) != effectiveRules(*inForce(), *machine_);
+    }
     return now && before_ ? effectiveRules(*now, *machine_) != effectiveRules(*before_, *machine_)
                           : now.has_value() != before_.has_value();
+}
+
+const std::optional<FW::FWPROFILE>& Context::inForce() {
+    if (!hasAskedKernel_) {
+        hasAskedKernel_ = true;
+        inForce_ = profileInForce(before_, store());
+    }
+    return inForce_;
 }
 
 void Context::rememberProfile(const std::string& name) {
@@ -208,6 +220,22 @@ std::string changeText(const FW::FWPROFILE& before, const FW::FWPROFILE& after, 
     } catch (const Error& failure) {
         return unknownChangeText(failure);
     }
+}
+
+ComparedWith comparedWith(Context& context, const std::string& name, const FW::FWPROFILE& stored) {
+    const StoreSnapshot& store = context.store();
+    if (!store.firewallEnabled() || name != store.activeProfile()) {
+        return {stored};
+    }
+    const std::optional<FW::FWPROFILE>& inForce = context.inForce();
+    return inForce ? ComparedWith{*inForce} : ComparedWith{stored, false};
+}
+
+std::string withUnknown(std::string text, const ComparedWith& before) {
+    return text.empty() || before.isKnown
+               ? text
+               : std::move(text) +
+                     "; more may change, since other rules were in force than those stored before";
 }
 
 std::string whenText(Context& context, const std::string& profile, const ReloadOptions& options,
@@ -525,8 +553,11 @@ std::string effectOn(Context& context, const std::string& profile, const ReloadO
     if (!before || (!active && before->name != profile)) {
         return "";
     }
-    return whenText(context, profile, options,
-                    changeText(*before, store.profile(profile), context.machine()));
+    const ComparedWith compared = comparedWith(context, profile, *before);
+    return whenText(
+        context, profile, options,
+        withUnknown(changeText(compared.profile, store.profile(profile), context.machine()),
+                    compared));
 }
 
 void sayUnlessEmpty(const std::string& line) {

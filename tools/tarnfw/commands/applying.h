@@ -52,9 +52,14 @@ public:
     /// Each operation runs to its end, see runWhole().
     Control& control() { return control_; }
 
-    /// Whether the active profile makes other rules for the kernel than when this was made: what is
-    /// off, or for an adapter that is not there, makes none.
+    /// Whether the active profile makes other rules than those that are in force, or, where these
+    /// are not known, than when this was made: what is off, or for an adapter that is not there,
+    /// makes none.
     bool hasOtherRules();
+
+    /// The profile whose rules are in force, see profileInForce(), as it is at the first call: to
+    /// be called before anything is applied.
+    const std::optional<FW::FWPROFILE>& inForce();
 
     /// The active profile as it was when this was made; nothing if it could not be read.
     const std::optional<FW::FWPROFILE>& activeBefore() const { return before_; }
@@ -79,6 +84,8 @@ private:
     Control control_;
     std::optional<FW::FWPROFILE> before_;      // the active profile
     std::optional<FW::FWPROFILE> remembered_;  // another one
+    std::optional<FW::FWPROFILE> inForce_;     // of the kernel
+    bool hasAskedKernel_ = false;              // for inForce_
     std::optional<bool> atOnce_;               // whether changes are applied without "--reload"
 };
 
@@ -139,6 +146,18 @@ std::string unknownChangeText(const Error& failure);
 /// (rule 4 of eth0)", and which of the adapters concerned have no interface now. Empty where
 /// nothing else happens to any packet; unknownChangeText() where that cannot be found out.
 std::string changeText(const FW::FWPROFILE& before, const FW::FWPROFILE& after, Machine& machine);
+
+/// What the new state of profile `name` is compared with: of the active one what is in force, where
+/// that is known, since applying it applies what was only stored before, too. While the firewall is
+/// disabled, and of another profile, it is `stored`, the profile as it was.
+struct ComparedWith {
+    FW::FWPROFILE profile;
+    bool isKnown = true;  ///< false: other rules than those of `profile` are in force
+};
+ComparedWith comparedWith(Context& context, const std::string& name, const FW::FWPROFILE& stored);
+
+/// The text of a change, with what is to be said where what is in force is not known.
+std::string withUnknown(std::string text, const ComparedWith& before);
 
 /// Such a text with when it is true of a change of a profile: "Opens ..." for one that is about to
 /// be applied, "Once applied: opens ...", "Once profile "home" is in use: opens ...". Empty for an

@@ -340,6 +340,9 @@ void sayAboutKernel(Context& context, bool reload, bool wasEnabled) {
         std::cout << "Profile " << inQuotes(context.store().activeProfile()) << " applied\n";
     } else if (reload) {
         std::cout << "Firewall disabled: nothing to reload\n";
+    } else if (enabled && !wasEnabled) {
+        std::cout << "The firewall is now enabled in the settings, but its rules are not in force "
+                     "until \"tarnfw reload\"\n";
     } else {
         reportUnchangedKernel(context);
     }
@@ -380,18 +383,38 @@ std::optional<FW::FWPROFILE> activeAfter(const Json::Value& current, const Json:
     return std::nullopt;
 }
 
-/// Says what the import opens and closes once it is applied, while the firewall is enabled and will
-/// be. With a dry run as well: that is what it is for.
+/// When what an import changes takes effect: "Opens ...", "Once applied: opens ...".
+std::string importText(Context& context, const Options& options, bool enabled,
+                       const std::string& text) {
+    const bool applies = context.applies(options.reload);
+    const std::string then = enabled ? "applied" : "the firewall is disabled";
+    if (options.dryRun) {
+        return "Once imported" + (applies ? "" : " and " + then) + ": " + text;
+    }
+    return applies ? capitalised(text) : "Once " + then + ": " + text;
+}
+
+/// Says what the import opens and closes, if the firewall is enabled by the settings before or
+/// after it. With a dry run as well: that is what it is for.
 void sayWhatImportChanges(Context& context, const Options& options, const Json::Value& current,
                           const Json::Value& document) {
-    const std::optional<FW::FWPROFILE> after = activeAfter(current, document);
-    if (options.reload.quiet || !context.store().firewallEnabled() || !after ||
-        !context.activeBefore() || settingAfter("status", current, document) != true) {
+    const std::optional<FW::FWPROFILE> active = activeAfter(current, document);
+    const bool wasEnabled = context.store().firewallEnabled();
+    const bool enabled = settingAfter("status", current, document) == true;
+    if (options.reload.quiet || !(wasEnabled || enabled) || (enabled && !active)) {
         return;
     }
-    const std::string text = changeText(*context.activeBefore(), *after, context.machine());
+    ComparedWith before{FW::FWPROFILE()};
+    if (context.inForce()) {
+        before.profile = *context.inForce();
+    } else if (wasEnabled && context.activeBefore()) {
+        before = {*context.activeBefore(), false};
+    }
+    const std::string text =
+        changeText(before.profile, enabled ? *active : FW::FWPROFILE(), context.machine());
     if (!text.empty()) {
-        sayWrapped("Once applied: " + text);
+        sayWrapped(importText(context, options, enabled,
+                              enabled ? withUnknown(text, before) : "opens everything"));
     }
 }
 

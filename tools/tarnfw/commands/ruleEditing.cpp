@@ -532,7 +532,8 @@ std::string effectOf(Context& context, const FW::FWPROFILE& before, const FW::FW
         places.push_back({target.adapter, position});
     }
     try {
-        const MeantChange change = meantChange(before, stored, context.machine());
+        const ComparedWith compared = comparedWith(context, stored.name, before);
+        const MeantChange change = meantChange(compared.profile, stored, context.machine());
         const MeaningDifference difference(change.before, change.after, places);
         for (const RulePlace& place : places) {
             const std::string already =
@@ -546,7 +547,8 @@ std::string effectOf(Context& context, const FW::FWPROFILE& before, const FW::FW
             }
         }
         return difference.same() ? ""
-                                 : whenText(context, stored.name, target.reload, difference.text());
+                                 : whenText(context, stored.name, target.reload,
+                                            withUnknown(difference.text(), compared));
     } catch (const Error& failure) {
         return whenText(context, stored.name, target.reload, unknownChangeText(failure));
     }

@@ -86,10 +86,13 @@ void requireTriable(const std::string& name, bool quiet) {
     }
     // Whether there is room for the test profile.
     StoreTransaction(context.session(), StoreTransaction::Extent::kOneDocument).finish();
+    if (quiet || !context.activeBefore()) {
+        return;
+    }
+    const ComparedWith before =
+        comparedWith(context, store.activeProfile(), *context.activeBefore());
     const std::string changes =
-        quiet || !context.activeBefore()
-            ? ""
-            : changeText(*context.activeBefore(), store.profile(name), context.machine());
+        withUnknown(changeText(before.profile, store.profile(name), context.machine()), before);
     if (!changes.empty()) {
         sayWrapped(capitalised(changes));
     }
