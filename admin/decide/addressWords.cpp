@@ -225,7 +225,8 @@ private:
     /// too much of it.
     std::optional<Entry> cut(const Intervals& intervals, std::size_t first,
                              const Interval& base) const {
-        if (!encloses(base, intervals[first]) ||
+        // Of everything describe() says what is left out.
+        if (!encloses(base, intervals[first]) || isEveryAddress({base}) ||
             (first > 0 && base.first <= intervals[first - 1].last)) {
             return std::nullopt;
         }
@@ -289,36 +290,79 @@ private:
     FW_FAMILY family_;
 };
 
-std::string familyName(FW_FAMILY family) {
-    return family == FW::FW_FAMILY_V6 ? "IPv6" : "IPv4";
-}
+/// One entry of a text.
+struct Term {
+    std::string text;
+    std::string except;   ///< "except 10.3.0.0/16"
+    std::string family;   ///< where the text does not show it
+    bool isRest = false;  ///< "7 more"
 
-std::string textOf(const Phrase& phrase, const std::string& everybody, bool alone,
-                   std::size_t most) {
-    const std::string text =
-        phrase.text.empty() ? everybody : (phrase.isCountry ? "country " : "") + phrase.text;
-    if (phrase.except.empty()) {
-        return text;
+    std::string plain() const {
+        return text + (except.empty() ? "" : " " + except) +
+               (family.empty() ? "" : " (" + family + ")");
     }
-    const std::string except = "except " + enumerated(shortened(phrase.except, most));
-    return alone ? text + " " + except : text + " (" + except + ")";
+
+    std::string bracketed() const {
+        const std::string between = except.empty() || family.empty() ? "" : ", ";
+        const std::string inside = family + between + except;
+        return text + (inside.empty() ? "" : " (" + inside + ")");
+    }
+};
+
+using Terms = std::vector<Term>;
+
+bool isWithoutException(const Term& term) {
+    return term.except.empty();
 }
 
-std::string textOf(const Description& description, const std::string& everybody, std::size_t most) {
-    const bool alone = description.phrases.size() == 1;
-    Texts texts;
+/// Of a long list the first ones, and the number of the others.
+Terms termsOf(const Description& description, const std::string& everybody, FW_FAMILY family,
+              std::size_t most) {
+    Terms terms;
     for (const Phrase& phrase : description.phrases) {
-        texts.push_back(textOf(phrase, everybody, alone, most));
+        Term term;
+        term.text =
+            phrase.text.empty() ? everybody : (phrase.isCountry ? "country " : "") + phrase.text;
+        if (!phrase.except.empty()) {
+            term.except = "except " + enumerated(shortened(phrase.except, most));
+        }
+        if (phrase.text.empty() || phrase.isCountry) {
+            term.family = family == FW::FW_FAMILY_V6 ? "IPv6" : "IPv4";
+        }
+        terms.push_back(std::move(term));
     }
-    texts = shortened(std::move(texts), most);
-    return joined(texts, ", ");
+    std::stable_partition(terms.begin(), terms.end(), isWithoutException);
+    if (terms.size() > most + 1) {
+        const std::size_t others = terms.size() - most;
+        terms.resize(most);
+        terms.push_back({std::to_string(others) + " more", "", "", true});
+    }
+    return terms;
 }
 
-/// Whether the text does not show of which family it is.
-bool isWithoutFamily(const Description& description) {
-    return std::any_of(
-        description.phrases.begin(), description.phrases.end(),
-        [](const Phrase& phrase) { return phrase.text.empty() || phrase.isCountry; });
+/// What has no exception comes first. A single exception ends the text; several are in brackets,
+/// since it would not be clear what the entries after one belong to.
+std::string textOf(Terms terms, bool bracketed) {
+    const auto excepting = static_cast<std::size_t>(std::distance(
+        std::stable_partition(terms.begin(), terms.end(), isWithoutException), terms.end()));
+    const bool inBrackets = bracketed || excepting > 1;
+    const bool isPair =
+        terms.size() == 2 && std::any_of(terms.begin(), terms.end(),
+                                         [](const Term& term) { return !term.family.empty(); });
+    std::string text;
+    for (std::size_t i = 0; i < terms.size(); ++i) {
+        const bool isException = !inBrackets && !terms[i].except.empty();
+        text += i == 0 ? "" : isException ? ", and " : terms[i].isRest || isPair ? " and " : ", ";
+        text += inBrackets ? terms[i].bracketed() : terms[i].plain();
+    }
+    return text;
+}
+
+Terms withoutFamilies(Terms terms) {
+    for (Term& term : terms) {
+        term.family.clear();
+    }
+    return terms;
 }
 
 }  // namespace
@@ -354,7 +398,7 @@ bool isEveryAddress(const Intervals& addresses) {
 
 std::string addressesText(const std::array<Intervals, 2>& addresses,
                           const std::array<AddressNames, 2>& names, const std::string& everybody,
-                          const std::string& nobody, std::size_t most) {
+                          const std::string& nobody, std::size_t most, bool bracketed) {
     std::array<Description, 2> descriptions;
     for (const FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
         descriptions[family] = AddressDescriber(names[family], family).describe(addresses[family]);
@@ -371,25 +415,16 @@ std::string addressesText(const std::array<Intervals, 2>& addresses,
                 except.push_back(text);
             }
         }
-        return textOf(both, everybody, most);
+        return textOf(withoutFamilies(termsOf(both, everybody, FW::FW_FAMILY_V4, most)), bracketed);
     }
-    std::array<std::string, 2> texts;
-    for (const FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
-        texts[family] = textOf(descriptions[family], everybody, most);
+    Terms terms = termsOf(v4, everybody, FW::FW_FAMILY_V4, most);
+    const Terms others = termsOf(v6, everybody, FW::FW_FAMILY_V6, most);
+    const std::string same = textOf(withoutFamilies(terms), bracketed);
+    if (same == textOf(withoutFamilies(others), bracketed)) {
+        return same;
     }
-    if (texts[0] == texts[1]) {
-        return texts[0];
-    }
-    for (const FW_FAMILY family : {FW::FW_FAMILY_V4, FW::FW_FAMILY_V6}) {
-        if (!texts[family].empty() && isWithoutFamily(descriptions[family])) {
-            texts[family] += " (" + familyName(family) + ")";
-        }
-    }
-    if (texts[0].empty() || texts[1].empty()) {
-        return texts[0] + texts[1];
-    }
-    const bool plain = !isWithoutFamily(v4) && !isWithoutFamily(v6);
-    return texts[0] + (plain ? ", " : " and ") + texts[1];
+    terms.insert(terms.end(), others.begin(), others.end());
+    return textOf(std::move(terms), bracketed);
 }
 
 }  // namespace tarnfw

@@ -38,9 +38,11 @@ struct AddressNames {
 
 /// The addresses of both families: "10.0.0.0/8 except 10.3.0.0/16", "country CN (IPv4)"; or
 /// `everybody` or `nobody`. Of a list at most about `most` entries are named. `names` are by
-/// family.
+/// family. An exception is at the end, where it belongs to one entry alone, or in brackets after
+/// its entry: "10.0.0.0/8 (except 10.3.0.0/16), fc00::/7 (except fc01::/16)"; in brackets in any
+/// case if `bracketed`, for a text that goes on.
 std::string addressesText(const std::array<FW::Intervals, 2>& addresses,
                           const std::array<AddressNames, 2>& names, const std::string& everybody,
-                          const std::string& nobody, std::size_t most);
+                          const std::string& nobody, std::size_t most, bool bracketed = false);
 
 }  // namespace tarnfw

@@ -130,7 +130,7 @@ Groups covering(const PacketSets& sets, const PacketGroup& base) {
 }
 
 bool hasException(const std::string& text) {
-    return text.find(" except ") != std::string::npos;
+    return text.find("except ") != std::string::npos;
 }
 
 }  // namespace

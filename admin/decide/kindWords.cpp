@@ -284,7 +284,7 @@ std::string plainKindsText(KindTable table, const std::vector<NamedService>& ser
                         destinationPortsText(numbersOf(kind.destinationPorts), most) +
                         " from source port " + numbersText(numbersOf(kind.sourcePorts), most));
     }
-    return joined(shortened(std::move(texts), most), ", ");
+    return joinedShort(std::move(texts), most);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tarnfw {
@@ -25,6 +26,18 @@ inline Texts shortened(Texts texts, std::size_t most) {
         texts.push_back(std::to_string(others) + " more");
     }
     return texts;
+}
+
+/// "a, b, c", "a, b and 7 more".
+inline std::string joinedShort(Texts texts, std::size_t most) {
+    const bool isLong = texts.size() > most + 1;
+    texts = shortened(std::move(texts), most);
+    if (!isLong) {
+        return joined(texts, ", ");
+    }
+    const std::string others = texts.back();
+    texts.pop_back();
+    return joined(texts, ", ") + " and " + others;
 }
 
 }  // namespace tarnfw

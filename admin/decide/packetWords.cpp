@@ -188,8 +188,8 @@ private:
 
 public:
     std::string addressesTextOf(const std::array<Intervals, 2>& both, const char* everybody,
-                                const char* nobody) const {
-        return addressesText(both, addresses, everybody, nobody, most);
+                                const char* nobody, bool bracketed = false) const {
+        return addressesText(both, addresses, everybody, nobody, most, bracketed);
     }
 };
 
@@ -348,11 +348,13 @@ std::vector<PairedPeers> pairsOf(const std::vector<PacketPeers>& peers) {
 
 std::string PacketWords::fromText(const std::vector<PacketPeers>& peers) const {
     Texts texts;
-    for (const PairedPeers& pair : pairsOf(peers)) {
+    const std::vector<PairedPeers> pairs = pairsOf(peers);
+    for (const PairedPeers& pair : pairs) {
+        const bool goesOn = pairs.size() > 1 || (!pair.anySource && !pair.anyDestination);
         const std::string from =
-            "from " + names_->addressesTextOf(pair.sources, kAnywhere, kNowhere);
+            "from " + names_->addressesTextOf(pair.sources, kAnywhere, kNowhere, goesOn);
         const std::string to =
-            "to " + names_->addressesTextOf(pair.destinations, kAnywhere, kNowhere);
+            "to " + names_->addressesTextOf(pair.destinations, kAnywhere, kNowhere, goesOn);
         texts.push_back(pair.anyDestination ? from
                         : pair.anySource    ? to
                                             : std::string(from).append(" ").append(to));
@@ -362,10 +364,12 @@ std::string PacketWords::fromText(const std::vector<PacketPeers>& peers) const {
 
 std::string PacketWords::forText(const std::vector<PacketPeers>& peers) const {
     Texts texts;
-    for (const PairedPeers& pair : pairsOf(peers)) {
-        const std::string from = names_->addressesTextOf(pair.sources, kEverybody, kNobody);
+    const std::vector<PairedPeers> pairs = pairsOf(peers);
+    for (const PairedPeers& pair : pairs) {
+        const bool goesOn = pairs.size() > 1 || (!pair.anySource && !pair.anyDestination);
+        const std::string from = names_->addressesTextOf(pair.sources, kEverybody, kNobody, goesOn);
         const std::string to =
-            "packets to " + names_->addressesTextOf(pair.destinations, kAnywhere, kNowhere);
+            "packets to " + names_->addressesTextOf(pair.destinations, kAnywhere, kNowhere, goesOn);
         texts.push_back(pair.anyDestination ? from
                         : pair.anySource    ? to
                                             : std::string(to).append(" from ").append(from));

@@ -438,9 +438,9 @@ Not in force: another profile is active
 Profile "ways", tcp 79-80
 
 eth0: mixed
-  allowed for tcp 80 to 10.0.0.5                                           rule 1 of eth0: allow tcp 80 to 10.0.0.5 (IPv4)
-  allowed for tcp 80 from 192.168.1.20 to anywhere except 10.0.0.5 (IPv4)  rule 2 of eth0: allow tcp 80 from 192.168.1.20 (IPv4)
-  blocked for all other packets                                            the default policy of eth0: deny
+  allowed for tcp 80 to 10.0.0.5                                            rule 1 of eth0: allow tcp 80 to 10.0.0.5 (IPv4)
+  allowed for tcp 80 from 192.168.1.20 to anywhere (IPv4, except 10.0.0.5)  rule 2 of eth0: allow tcp 80 from 192.168.1.20 (IPv4)
+  blocked for all other packets                                             the default policy of eth0: deny
 END
 answers 10 explain --profile ways --port tcp/80 --adapter eth0 --json
 step 'with the packets where more than the sender matters' jq --exit-status '

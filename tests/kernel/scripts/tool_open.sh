@@ -89,7 +89,7 @@ Profile "some"
 
 Open and listening
   Port  Program  Adapter  Open to
-  tcp 22  packet_probe  eth0  192.168.1.0/24 except 192.168.1.77, fd00::/64
+  tcp 22  packet_probe  eth0  fd00::/64, and 192.168.1.0/24 except 192.168.1.77
   tcp 8080  packet_probe  eth0  everybody except 192.168.1.77
   tcp 9000  python3  eth1  192.168.2.20 (IPv4)
   udp 7000  python3  eth1  everybody (IPv4)
@@ -187,7 +187,7 @@ answers 0 rule add --adapter eth0 --first allow both source port 53 --reload
 answers 0 rule add --adapter eth0 allow tcp 81 to 192.168.1.10 --reload
 answers 0 rule add --adapter eth0 --first deny tcp 8080 from 0.0.0.20/0.0.0.255 --reload
 answers 0 open --adapter eth0
-says '^  tcp 22 .* 192\.168\.1\.0/24 except 192\.168\.1\.77, fd00::/64; others from source port 53$'
+says '^  tcp 22 .* fd00::/64, and 192\.168\.1\.0/24 except 192\.168\.1\.77; others from source port 53$'
 says '^  tcp 8000 .* packets from source port 53$'
 answers 0 open --adapter eth0 --from 192.168.2.9
 says '^  tcp 8000 .* open from source port 53$'

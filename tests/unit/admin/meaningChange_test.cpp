@@ -96,6 +96,17 @@ TEST(MeaningChangeTest, OneEditIsOneText) {
     }
 }
 
+TEST(MeaningChangeTest, AnExceptionIsForItsOwnEntryOnly) {
+    EXPECT_EQ(differenceOf(
+                  profileOf({{"eth0", kDeny, {}}}),
+                  profileOf({{"eth0",
+                              kDeny,
+                              {"deny from 192.168.0.0/16", "deny from 8000::/1", "allow tcp 80"}}}))
+                  .text(),
+              "opens tcp 80 on eth0, for ::/1, and everybody except 192.168.0.0/16 (IPv4) (rule 3 "
+              "of eth0)");
+}
+
 TEST(MeaningChangeTest, ANewRuleOpensOnlyWhatWasClosed) {
     const struct {
         std::vector<RuleList> before;

@@ -141,7 +141,7 @@ TEST_F(PacketWordsTest, WhatEarlierRulesTakeAwayIsAnException) {
     add("eth0", {"deny tcp 445 from 10.3.0.0/16", "allow tcp 445 from 10.0.0.0/8"});
     EXPECT_EQ(openText(), "tcp 445 on eth0 from 10.0.0.0/8 except 10.3.0.0/16");
     add("eth0", {"allow tcp 445 from 192.168.0.0/16"});
-    EXPECT_EQ(openText(), "tcp 445 on eth0 from 10.0.0.0/8 (except 10.3.0.0/16), 192.168.0.0/16");
+    EXPECT_EQ(openText(), "tcp 445 on eth0 from 192.168.0.0/16, and 10.0.0.0/8 except 10.3.0.0/16");
 }
 
 TEST_F(PacketWordsTest, ExceptionsAtTheEdgeOfANetworkKeepItsName) {
@@ -159,7 +159,29 @@ TEST_F(PacketWordsTest, MostAddressesAreAnywhereWithExceptions) {
 TEST_F(PacketWordsTest, OneFamilyIsNamedWhereTheAddressesDoNotShowIt) {
     add("eth0", {"deny from 10.3.0.0/16", "allow tcp 22 (IPv4)", "allow tcp 22 from fe80::/10"});
     EXPECT_EQ(openText(),
-              "service ssh on eth0 from anywhere except 10.3.0.0/16 (IPv4) and fe80::/10");
+              "service ssh on eth0 from fe80::/10, and anywhere except 10.3.0.0/16 (IPv4)");
+}
+
+TEST_F(PacketWordsTest, ExceptionsAreAtTheEndOrInBrackets) {
+    const PacketWords words;
+    const auto senders = [&](const Texts& v4, const Texts& v6) {
+        return words.sendersText({*listOf(v4, FW::FW_FAMILY_V4), *listOf(v6, FW::FW_FAMILY_V6)});
+    };
+    EXPECT_EQ(senders({"0.0.0.0-192.167.255.255", "192.169.0.0-255.255.255.255"}, {"::-7fff::"}),
+              "::-7fff::, and everybody except 192.168.0.0/16 (IPv4)");
+    EXPECT_EQ(senders({"128.0.0.0-192.168.0.255", "192.168.2.0-255.255.255.254"},
+                      {"::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}),
+              "everybody (IPv6), and 128.0.0.0/1 except 192.168.1.0/24 and 255.255.255.255");
+    EXPECT_EQ(senders({"10.0.0.0-10.2.255.255", "10.4.0.0-10.255.255.255"},
+                      {"fc00::-fcff:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
+                       "fd01::-fdff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}),
+              "10.0.0.0/8 (except 10.3.0.0/16), fc00::/7 (except fd00::/16)");
+    // A text that goes on.
+    add("eth0",
+        {"deny to 10.3.4.0/24", "deny from 192.168.1.7", "allow tcp 80 from 192.168.1.0/24"});
+    EXPECT_EQ(openText(),
+              "tcp 80 on eth0 from 192.168.1.0/24 (except 192.168.1.7) to anywhere (IPv4, except "
+              "10.3.4.0/24)");
 }
 
 TEST_F(PacketWordsTest, PartsOfCountriesAreThoseCountriesWithExceptions) {
@@ -271,7 +293,7 @@ TEST_F(PacketWordsTest, LongListsEndWithTheNumberOfTheOthers) {
     }
     const PacketWords words({}, 3);
     EXPECT_EQ(words.sendersText({*listOf(networks, FW::FW_FAMILY_V4), {}}),
-              "10.0.0.1, 10.1.0.1, 10.2.0.1, 17 more");
+              "10.0.0.1, 10.1.0.1, 10.2.0.1 and 17 more");
 }
 
 TEST_F(PacketWordsTest, SendersOfBothFamilies) {
