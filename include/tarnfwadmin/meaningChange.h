@@ -55,8 +55,11 @@ public:
     /// those of established connections, are left out of consideration.
     const std::vector<ChangeText>& changes() const { return changes_; }
 
-    /// One line for each change, and then one for each rule that is not counted: "rule 1 of eth0 is
-    /// not counted: ...". Not made printable.
+    /// The rules that are not counted, one line each: "rule 1 of eth0 is not counted: ...". Not made
+    /// printable.
+    const std::vector<std::string>& notCounted() const { return notCounted_; }
+
+    /// One line for each change, and then notCounted(). Not made printable.
     std::vector<std::string> texts() const;
 
     /// The first `most` of changes() in one line, and the number of the others; "nothing else
