@@ -1,6 +1,8 @@
 #include "tarnfwadmin/meaning.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <iterator>
 #include <set>
 #include <utility>
@@ -228,11 +230,36 @@ std::string placeText(const FW::FWPLACE& place) {
     }
 }
 
+namespace {
+
+/// "1, 3-8 and 10": three positions or more in a row are a range.
+std::string positionsText(const std::vector<std::int32_t>& positions) {
+    constexpr std::size_t kRange = 3;
+    std::vector<std::string> texts;
+    for (std::size_t i = 0; i < positions.size();) {
+        std::size_t end = i + 1;
+        while (end < positions.size() && positions[end] == positions[end - 1] + 1) {
+            ++end;
+        }
+        if (end - i >= kRange) {
+            texts.push_back(std::to_string(positions[i]) + "-" +
+                            std::to_string(positions[end - 1]));
+            i = end;
+        } else {
+            texts.push_back(std::to_string(positions[i]));
+            ++i;
+        }
+    }
+    return enumerated(texts);
+}
+
+}  // namespace
+
 std::string placesText(const std::vector<FW::FWPLACE>& places, std::size_t most) {
     const std::size_t named = places.size() > most + 1 ? most : places.size();
     std::vector<std::string> texts;
-    std::vector<std::string> positions;  // of the rules of one adapter
-    std::vector<std::string> adapters;   // of default policies
+    std::vector<std::int32_t> positions;  // of the rules of one adapter
+    std::vector<std::string> adapters;    // of default policies
     for (std::size_t i = 0; i < named; ++i) {
         const FW::FWPLACE& place = places[i];
         if (place.origin == FW::FW_ORIGIN_DEFAULT) {
@@ -249,12 +276,12 @@ std::string placesText(const std::vector<FW::FWPLACE>& places, std::size_t most)
             texts.push_back(placeText(place));
             continue;
         }
-        positions.push_back(std::to_string(place.position));
+        positions.push_back(place.position);
         const bool goesOn = i + 1 < named && places[i + 1].origin == FW::FW_ORIGIN_RULE &&
                             places[i + 1].adapter == place.adapter;
         if (!goesOn) {
-            texts.push_back((positions.size() == 1 ? "rule " : "rules ") + enumerated(positions) +
-                            " of " + printable(place.adapter));
+            texts.push_back((positions.size() == 1 ? "rule " : "rules ") +
+                            positionsText(positions) + " of " + printable(place.adapter));
             positions.clear();
         }
     }

@@ -76,9 +76,23 @@ std::size_t sameAtHead(const Meaning& one, const Meaning& other, const std::stri
     return static_cast<std::size_t>(std::distance(rules.begin(), end.first));
 }
 
+/// Whether `side` has a rule that is not counted and does the same as one of `other`, for the same
+/// adapter.
+bool hasNotCounted(const Meaning& side, const Meaning& other, const FW::FWPLACE& ofOther) {
+    const auto ruleAtPlace = [](const Meaning& meaning, const FW::FWPLACE& place) {
+        return rulesOf(meaning, place.adapter).at(static_cast<std::size_t>(place.position) - 1);
+    };
+    const FW::FWRULE rule = ruleAtPlace(other, ofOther);
+    return std::any_of(side.findings().begin(), side.findings().end(), [&](const auto& finding) {
+        return isNotCounted(finding) && finding.place.adapter == ofOther.adapter &&
+               isSameRule(ruleAtPlace(side, finding.place), rule);
+    });
+}
+
 /// The rules of `side` that are not counted, apart from those that are on the other side as well
-/// with the same ones before them: what these do is the same.
-Texts notCountedOf(const Meaning& side, const Meaning& other, const char* what) {
+/// with the same ones before them: what these do is the same. `isFormer`: of the side before; those
+/// that the side after has, too, are named there.
+Texts notCountedOf(const Meaning& side, const Meaning& other, bool isFormer) {
     Texts texts;
     std::map<std::string, std::size_t> heads;
     for (const FW::FWFINDING& finding : side.findings()) {
@@ -95,9 +109,11 @@ Texts notCountedOf(const Meaning& side, const Meaning& other, const char* what) 
             heads[FW::FW_ADAPTER_GLOBAL] == std::max(rulesOf(side, FW::FW_ADAPTER_GLOBAL).size(),
                                                      rulesOf(other, FW::FW_ADAPTER_GLOBAL).size());
         const auto position = static_cast<std::size_t>(finding.place.position);
-        if (position > heads[finding.place.adapter] ||
-            (finding.place.adapter != FW::FW_ADAPTER_GLOBAL && !sameGlobal)) {
-            texts.push_back(what + placeText(finding.place) + " is not counted: " + finding.text);
+        const bool isNew = position > heads[finding.place.adapter] ||
+                           (finding.place.adapter != FW::FW_ADAPTER_GLOBAL && !sameGlobal);
+        if (isNew && !(isFormer && hasNotCounted(other, side, finding.place))) {
+            texts.push_back((isFormer ? "the former " : "") + placeText(finding.place) +
+                            " is not counted: " + finding.text);
         }
     }
     return texts;
@@ -319,8 +335,8 @@ Texts adaptersOf(const std::vector<PlacedChange>& changes) {
 MeaningDifference::MeaningDifference(const Meaning& before, const Meaning& after,
                                      const std::vector<RulePlace>& named)
     : exact_(after.answers().differenceFrom(before.answers())),
-      notCounted_(notCountedOf(after, before, "")) {
-    for (const std::string& text : notCountedOf(before, after, "the former ")) {
+      notCounted_(notCountedOf(after, before, false)) {
+    for (const std::string& text : notCountedOf(before, after, true)) {
         notCounted_.push_back(text);
     }
     if (!exact_.changes.empty()) {

@@ -30,6 +30,7 @@ constexpr char kAnywhere[] = "anywhere";
 constexpr char kNowhere[] = "nowhere";
 constexpr char kEverybody[] = "everybody";
 constexpr char kNobody[] = "nobody";
+constexpr char kLoopback[] = "lo";  // whose packets every profile accepts
 
 /// How many ports a service has, or protocols without ports.
 std::size_t entriesOf(const NamedService& service) {
@@ -79,8 +80,19 @@ struct PacketWords::Names {
     std::array<AddressNames, 2> addresses;
     std::vector<NamedService> services;  ///< those with the most ports first
     std::map<std::string, FW::FWINTERFACES> adapters;
+    std::set<std::string> filtered;  ///< adapters that the profiles have something for
 
     void add(const Meaning& meaning) {
+        for (const auto& [adapter, rules] : meaning.profile().rules) {
+            if (!rules.empty()) {
+                addFiltered(adapter);
+            }
+        }
+        for (const auto& [adapter, policy] : meaning.profile().adapterPolicyMap) {
+            if (policy != FW::FW_POLICY_NONE) {
+                addFiltered(adapter);
+            }
+        }
         for (const std::string name : {FW::FW_ADAPTER_PPPOE, FW::FW_ADAPTER_VPN}) {
             const auto found = meaning.environment().adapters.find(name);
             if (found != meaning.environment().adapters.end()) {
@@ -120,6 +132,12 @@ struct PacketWords::Names {
     }
 
 private:
+    void addFiltered(const std::string& adapter) {
+        if (adapter != FW::FW_ADAPTER_GLOBAL && adapter != kLoopback) {
+            filtered.insert(adapter);
+        }
+    }
+
     void addService(const std::string& name, const FW::ServPort& ports) {
         const bool isKnown = std::any_of(services.begin(), services.end(),
                                          [&](const auto& known) { return known.name == name; });
@@ -274,6 +292,14 @@ std::string PacketWords::adaptersText(const FW::FWINTERFACES& interfaces) const 
             take(*list, adapter.names);
             take(opposite, adapter.except);
             list->push_back(name);
+        }
+    }
+    if (!texts.empty()) {
+        left.except.erase(std::remove(left.except.begin(), left.except.end(), kLoopback),
+                          left.except.end());
+        const std::set<std::string> except(left.except.begin(), left.except.end());
+        if (!except.empty() && except == names_->filtered && left.names.empty()) {
+            return "any other adapter";
         }
     }
     texts.insert(texts.end(), left.names.begin(), left.names.end());

@@ -103,8 +103,8 @@ bool isSamePlace(const FW::FWPLACE& one, const FW::FWPLACE& other);
 /// rule". Printable.
 std::string placeText(const FW::FWPLACE& place);
 
-/// "rules 3 and 4 of eth0, rule 1 of eth1 and the default policies of eth1 and eth2"; of more than
-/// `most` the first ones, and how many there are besides. Printable.
+/// "rules 3-5 and 7 of eth0, rule 1 of eth1 and the default policies of eth1 and eth2"; of more
+/// than `most` the first ones, and how many there are besides. Printable.
 std::string placesText(const std::vector<FW::FWPLACE>& places, std::size_t most);
 
 }  // namespace tarnfw

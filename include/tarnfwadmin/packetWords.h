@@ -49,7 +49,8 @@ public:
     /// "forwarded from eth0", "on eth0 to this machine itself".
     std::string waysText(const std::vector<PacketWay>& ways) const;
 
-    /// "eth0", "every adapter", "vpn and eth1".
+    /// "eth0", "every adapter", "vpn and eth1"; "any other adapter" are those that the profiles
+    /// have nothing for. Of every adapter "lo" is no exception: it is never filtered.
     std::string adaptersText(const FW::FWINTERFACES& interfaces) const;
 
     /// "10.0.0.0/8 except 10.3.0.0/16", "country CN (IPv4)", "everybody", "everybody (IPv6)",

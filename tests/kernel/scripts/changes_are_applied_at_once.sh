@@ -49,6 +49,15 @@ for words in 'rule add deny tcp 8085 --disabled' 'rule delete deny tcp 8085 --di
     answers 0 "${words[@]}" --later
     refuses 'the kernel has the rules' grep --quiet 'still has the old rules' "$out/answer"
 done
+# What is for an adapter that is not there opens nothing, and one that no sentence names is not said to be absent.
+answers 0 rule add allow tcp 8085 --adapter eth9
+step 'nothing is said to be open' [ "$(grep -c 'open' "$out/answer")" = 0 ]
+answers 0 profile create unnamed
+answers 0 profile use unnamed
+step 'nor absent' [ "$(grep -c 'no interface now' "$out/answer")" = 0 ]
+answers 0 profile use default
+answers 0 profile delete unnamed
+answers 0 rule delete allow tcp 8085 --adapter eth9
 # A rule that is there already, but was only stored.
 answers 0 rule add allow tcp 8084 --later
 says '^Once applied: opens tcp 8084 on eth0, for everybody$'

@@ -269,7 +269,7 @@ prints <<'END'
 Deleted rule 3 of eth0: allow tcp 7 from 10.0.0.0/8 (IPv4)  "both"
 Deleted rule 4 of eth0: allow tcp 8 from 10.0.0.0/8 (IPv4)  "both"
 Deleted rule 5 of eth0: allow tcp 9 from 10.0.0.0/8 (IPv4)  "both"
-Once the firewall is enabled: closes tcp 7-9 on eth0, for 10.0.0.0/8 (before: rules 3, 4 and 5 of eth0)
+Once the firewall is enabled: closes tcp 7-9 on eth0, for 10.0.0.0/8 (before: rules 3-5 of eth0)
 END
 rule insert 3 deny both 53 --v6 --log
 rule insert 3 deny both 53

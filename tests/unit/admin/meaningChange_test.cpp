@@ -96,6 +96,17 @@ TEST(MeaningChangeTest, OneEditIsOneText) {
     }
 }
 
+TEST(MeaningChangeTest, RulesInARowAreARange) {
+    EXPECT_EQ(differenceOf(profileOf({{"eth0", kDeny, {}}}),
+                           profileOf({{"eth0",
+                                       kDeny,
+                                       {"allow tcp 1000", "allow tcp 1002", "deny tcp 7",
+                                        "allow tcp 1004", "allow tcp 1006", "allow tcp 1008"}}}))
+                  .text(),
+              "opens tcp 1000,1002,1004,1006,1008 on eth0, for everybody (rules 1, 2 and 4-6 of "
+              "eth0)");
+}
+
 TEST(MeaningChangeTest, AnExceptionIsForItsOwnEntryOnly) {
     EXPECT_EQ(differenceOf(
                   profileOf({{"eth0", kDeny, {}}}),
@@ -251,6 +262,9 @@ TEST(MeaningChangeTest, ARuleThatIsNotCountedIsNoSilence) {
                                                {"eth0", kDeny, {rule, "allow tcp 22"}}}))
                     .tooComplex());
 
+    // One rule at another place is named once.
+    EXPECT_EQ(differenceOf(first, last).texts(), Texts{"rule 2 of eth0 is not counted: " + why});
+
     const MeaningDifference instead = differenceOf(without, profileOf({{"eth0", kDeny, {rule}}}));
     EXPECT_EQ(instead.text(),
               "closes service ssh on eth0, for everybody (before: rule 1 of eth0); rule 1 of eth0 "
@@ -330,13 +344,19 @@ TEST(MeaningChangeTest, AnExceptionHasNone) {
             .front(),
         "opens tcp 80 forwarded out through eth0, for everybody, and everything forwarded from "
         "every adapter except eth1 out through eth0, for everybody (before: rule 1 of eth0)");
-    EXPECT_EQ(
-        differenceOf(profileOf({{"eth0", kDeny, {"allow tcp 445 from 169.254.0.0/16"}}}),
-                     profileOf({{"global", kNone, {"deny tcp 445"}},
-                                {"eth0", kDeny, {"allow tcp 445 from 169.254.0.0/16"}}}))
-            .text(),
-        "closes tcp 445 on eth0, for 169.254.0.0/16, and tcp 445 on every adapter except eth0, "
-        "for everybody (rule 1 of global)");
+    EXPECT_EQ(differenceOf(profileOf({{"eth0", kDeny, {"allow tcp 445 from 169.254.0.0/16"}}}),
+                           profileOf({{"global", kNone, {"deny tcp 445"}},
+                                      {"eth0", kDeny, {"allow tcp 445 from 169.254.0.0/16"}}}))
+                  .text(),
+              "closes tcp 445 on eth0, for 169.254.0.0/16, and tcp 445 on any other adapter, for "
+              "everybody (rule 1 of global)");
+    EXPECT_EQ(differenceOf(profileOf({{"eth0", kDeny, {}}, {"eth1", kNone, {"allow tcp 80"}}}),
+                           profileOf({{"global", kNone, {"deny tcp 443"}},
+                                      {"eth0", kDeny, {}},
+                                      {"eth1", kNone, {"allow tcp 80"}}}))
+                  .text(),
+              "closes tcp 443 on every adapter except eth0, for everybody (rule 1 of global)")
+        << "which is not every adapter of the profile";
 }
 
 TEST(MeaningChangeTest, ExceptionsMayHavePacketsInCommon) {

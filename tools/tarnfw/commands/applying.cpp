@@ -189,12 +189,28 @@ void sayWrapped(const std::string& line) {
 
 namespace {
 
-/// "eth7 and vpn have no interface now"; empty when all have one.
-std::string absentText(const std::vector<std::string>& adapters, Machine& machine) {
+/// Whether a text has a name as a word of its own.
+bool hasWord(const std::string& text, const std::string& name) {
+    const auto isPart = [&](std::size_t index) {
+        return index < text.size() && text[index] != ' ' && text[index] != ',' &&
+               text[index] != ';' && text[index] != ')' && text[index] != '(';
+    };
+    for (std::size_t at = text.find(name); at != std::string::npos; at = text.find(name, at + 1)) {
+        if ((at == 0 || !isPart(at - 1)) && !isPart(at + name.size())) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// "eth7 and vpn have no interface now", of those that a text names; empty when all have one.
+std::string absentText(const std::string& text, const std::vector<std::string>& adapters,
+                       Machine& machine) {
     std::vector<std::string> absent;
     std::copy_if(adapters.begin(), adapters.end(), std::back_inserter(absent),
                  [&](const std::string& adapter) {
-                     return !isNeverApplied(adapter) && !machine.hasAdapter(adapter);
+                     return hasWord(text, adapter) && !isNeverApplied(adapter) &&
+                            !machine.hasAdapter(adapter);
                  });
     return absent.empty()
                ? ""
@@ -215,8 +231,9 @@ std::string changeText(const FW::FWPROFILE& before, const FW::FWPROFILE& after, 
         if (difference.same()) {
             return "";
         }
-        const std::string absent = absentText(difference.adapters(), machine);
-        return difference.text() + (absent.empty() ? "" : "; " + absent);
+        const std::string text = difference.text();
+        const std::string absent = absentText(text, difference.adapters(), machine);
+        return text + (absent.empty() ? "" : "; " + absent);
     } catch (const Error& failure) {
         return unknownChangeText(failure);
     }

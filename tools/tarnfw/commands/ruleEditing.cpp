@@ -425,10 +425,12 @@ MeantChange meantChange(const FW::FWPROFILE& before, const FW::FWPROFILE& after,
 }
 
 /// "Already open in profile "home": tcp 22 on eth0, for everybody". Empty for a rule that decides
-/// about no packet.
+/// about no packet, or for an adapter without an interface now: there nothing is open.
 std::string alreadyText(Context& context, const Meaning& meaning, const RulePlace& place,
                         const Target& target) {
-    const std::string text = decidedText(meaning, place);
+    const bool isAbsent =
+        place.adapter != FW::FW_ADAPTER_GLOBAL && !context.machine().hasAdapter(place.adapter);
+    const std::string text = isAbsent ? "" : decidedText(meaning, place);
     const FW::FWPROFILE& profile = meaning.profile();
     const bool denies =
         profile.rules.at(place.adapter)[place.position - 1].policy == FW::FW_POLICY_DENY;
