@@ -30,6 +30,24 @@ constexpr std::size_t kMostSearched = 64;
 /// Above so many sets none is.
 constexpr std::size_t kMostSets = 1024;
 
+/// The packets of `sets` that get through; nothing where that is too complex.
+std::optional<PacketSets> openOf(const PacketSets& sets, const FW::FW_MEANING& meaning) {
+    PacketSets open;
+    for (const FW::FWPACKETSET& set : sets) {
+        const FW::FWREACHABLE reachable = meaning.reach(set);
+        if (!reachable.findings.empty() || open.size() > kMostSets) {
+            return std::nullopt;
+        }
+        for (const FW::FWREACH& reach : reachable.reach) {
+            for (FW::FWPACKETSET one : reach.packets) {
+                one.in = std::make_shared<FW::FWINTERFACES>(reach.interfaces);
+                open.push_back(std::move(one));
+            }
+        }
+    }
+    return open;
+}
+
 /// The packets of `all` that are not among `some`; nothing where that is too complex.
 std::optional<PacketSets> without(const PacketSets& all, const PacketSets& some) {
     std::vector<FW::FWRESOLVEDRULE> rules;
@@ -37,21 +55,7 @@ std::optional<PacketSets> without(const PacketSets& all, const PacketSets& some)
     for (const FW::FWPACKETSET& set : some) {
         rules.push_back({set, FW::FW_PACKET_DROP, false, {}});
     }
-    const FW::FW_MEANING dropping(rules);
-    PacketSets rest;
-    for (const FW::FWPACKETSET& set : all) {
-        const FW::FWREACHABLE reachable = dropping.reach(set);
-        if (!reachable.findings.empty() || rest.size() > kMostSets) {
-            return std::nullopt;
-        }
-        for (const FW::FWREACH& reach : reachable.reach) {
-            for (FW::FWPACKETSET one : reach.packets) {
-                one.in = std::make_shared<FW::FWINTERFACES>(reach.interfaces);
-                rest.push_back(std::move(one));
-            }
-        }
-    }
-    return rest;
+    return openOf(all, FW::FW_MEANING(rules));
 }
 
 bool includes(const PacketSets& all, const PacketGroup& group) {
@@ -155,11 +159,15 @@ PacketSets decidedBy(const Places& places, std::vector<FW::FWRESOLVEDRULE> rules
 }
 
 ChangeWords::ChangeWords(const std::vector<Meaning>& meanings,
-                         std::vector<FW::FWRESOLVEDRULE> rules)
-    : words_(meanings), briefWords_(meanings, kFewEntries), rules_(std::move(rules)) {}
+                         std::vector<FW::FWRESOLVEDRULE> rules,
+                         const std::vector<FW::FWRESOLVEDRULE>& otherRules)
+    : words_(meanings),
+      briefWords_(meanings, kFewEntries),
+      rules_(std::move(rules)),
+      other_(otherRules) {}
 
-WordedPackets ChangeWords::worded(const PacketSets& sets, const Places& places,
-                                  const char* decides) {
+WordedPackets ChangeWords::worded(const PacketSets& sets, const Places& places, const char* decides,
+                                  RuleEffect effect) {
     const Groups groups = words_.groups(sets);
     WordedPackets best;
     best.text = listed(groups, words_);
@@ -192,6 +200,13 @@ WordedPackets ChangeWords::worded(const PacketSets& sets, const Places& places,
             }
         }
     }
+    if (base.size() == 1 && effect != RuleEffect::kDecides &&
+        (best.text.size() > kComfortable || (groups.size() > 1 && isEverything(base.front())))) {
+        WordedPackets all = asItWas(sets, base.front(), effect);
+        if (!all.text.empty() && all.text.size() < best.text.size()) {
+            best = std::move(all);
+        }
+    }
     if (best.text.size() > kLongestPackets) {
         best.text = listed(groups, briefWords_);
         best.isOfRule = false;
@@ -221,6 +236,68 @@ Groups ChangeWords::matchedBy(const Places& places) const {
         }
     }
     return packetGroups(matched);
+}
+
+/// "tcp on eth0, for everybody, where it was open", "all that was open to 10.0.0.1".
+std::string ChangeWords::effectText(const PacketGroup& group, RuleEffect effect) const {
+    struct Words {
+        const char* all;
+        const char* where;
+    };
+    const auto wordsOf = [&]() -> Words {
+        switch (effect) {
+            case RuleEffect::kOpens:
+                return {"all that was closed to ", ", where it was closed"};
+            case RuleEffect::kCloses:
+                return {"all that was open to ", ", where it was open"};
+            case RuleEffect::kOpensWithout:
+                return {"all that nothing else closes to ", ", where nothing else closes it"};
+            case RuleEffect::kClosesWithout:
+                return {"all that nothing else opens to ", ", where nothing else opens it"};
+            default:
+                return {"", ""};
+        }
+    };
+    return effect != RuleEffect::kDecides && isEverything(group)
+               ? wordsOf().all + words_.forText(group.peers).substr(std::string("for ").size())
+               : words_.effectText(group) + wordsOf().where;
+}
+
+/// Whether it is all that some senders send.
+bool ChangeWords::isEverything(const PacketGroup& group) const {
+    return words_.kindsText(group.kinds) == "everything" &&
+           words_.waysText(group.ways) == "on every adapter" &&
+           std::all_of(group.peers.begin(), group.peers.end(),
+                       [](const PacketPeers& peers) { return peers.destinations == nullptr; });
+}
+
+std::string ChangeWords::matchedText(const Places& places, RuleEffect effect) const {
+    const Groups base = matchedBy(places);
+    const std::string text = base.size() == 1 ? effectText(base.front(), effect) : std::string();
+    return text.size() <= kLongestPackets ? text : std::string();
+}
+
+/// Those packets of the base that were open, or closed, or are so without the rule; empty where
+/// there are more of these than `sets`.
+WordedPackets ChangeWords::asItWas(const PacketSets& sets, const PacketGroup& base,
+                                   RuleEffect effect) const {
+    PacketGroup narrow = base;
+    narrow.ways = waysOf(sets);
+    WordedPackets best;
+    for (const PacketGroup& whole : {narrow, base}) {
+        const PacketSets all = packetSets(whole);
+        std::optional<PacketSets> concerned = openOf(all, other_);
+        if (concerned && (effect == RuleEffect::kOpens || effect == RuleEffect::kClosesWithout)) {
+            concerned = without(all, *concerned);
+        }
+        const std::optional<PacketSets> others =
+            concerned ? without(*concerned, sets) : std::nullopt;
+        std::string text = effectText(whole, effect);
+        if (others && others->empty() && (best.text.empty() || text.size() < best.text.size())) {
+            best = {std::move(text), sets, false};
+        }
+    }
+    return best;
 }
 
 /// "tcp 22 on every adapter except eth0, for everybody, and tcp 22 on every adapter,

@@ -34,16 +34,33 @@ struct WordedPackets {
     bool isOfRule = false;  ///< the text speaks of the rule that decides, as "it"
 };
 
+/// What rules do to the packets that they are responsible for.
+enum class RuleEffect {
+    kDecides,       ///< whatever would happen without them
+    kOpens,         ///< they were closed without the rules
+    kCloses,        ///< they were open
+    kOpensWithout,  ///< they are open now, since the rules are gone
+    kClosesWithout  ///< they are closed now
+};
+
 /// Looks for short texts. For one thread.
 class ChangeWords {
 public:
-    /// `rules` without the lines that are the same for every profile.
-    ChangeWords(const std::vector<Meaning>& meanings, std::vector<FW::FWRESOLVEDRULE> rules);
+    /// `rules` without the lines that are the same for every profile; `otherRules` are those of the
+    /// other side of a change.
+    ChangeWords(const std::vector<Meaning>& meanings, std::vector<FW::FWRESOLVEDRULE> rules,
+                const std::vector<FW::FWRESOLVEDRULE>& otherRules = {});
 
     /// The packets as they are, or as what the rules match without some, whichever is shorter; of
-    /// many, as all that the rules decide about, if it is that. `decides`: "decides", or
-    /// "decided" of rules that are no more.
-    WordedPackets worded(const PacketSets& sets, const Places& places, const char* decides);
+    /// many, as all that the rules decide about, if it is that, or as those of the packets that the
+    /// rules match that were open, or closed. `decides`: "decides", or "decided" of rules that are
+    /// no more.
+    WordedPackets worded(const PacketSets& sets, const Places& places, const char* decides,
+                         RuleEffect effect = RuleEffect::kDecides);
+
+    /// All that the rules match, with what the effect is: "tcp on eth0, for everybody, where it was
+    /// open". Empty where that is long.
+    std::string matchedText(const Places& places, RuleEffect effect) const;
 
 private:
     std::string listed(const std::vector<PacketGroup>& groups, const PacketWords& words) const;
@@ -53,9 +70,14 @@ private:
     WordedPackets deciding(const PacketSets& sets, const Places& places,
                            const std::vector<PacketGroup>& base, const char* decides) const;
 
+    WordedPackets asItWas(const PacketSets& sets, const PacketGroup& base, RuleEffect effect) const;
+    std::string effectText(const PacketGroup& group, RuleEffect effect) const;
+    bool isEverything(const PacketGroup& group) const;
+
     PacketWords words_;
     PacketWords briefWords_;
     std::vector<FW::FWRESOLVEDRULE> rules_;
+    FW::FW_MEANING other_;
     std::size_t searched_ = 0;
 };
 

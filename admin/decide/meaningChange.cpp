@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <set>
 #include <tuple>
 #include <utility>
@@ -127,8 +128,8 @@ public:
     /// `named`: rules of the side after that need no mention.
     ChangesInWords(const Meaning& before, const Meaning& after, const std::vector<RulePlace>& named)
         : sides_{before, after},
-          words_{ChangeWords({before, after}, before.ownRules()),
-                 ChangeWords({before, after}, after.ownRules())} {
+          words_{ChangeWords({before, after}, before.ownRules(), after.ownRules()),
+                 ChangeWords({before, after}, after.ownRules(), before.ownRules())} {
         for (const RulePlace& place : named) {
             named_.insert(ruleAt(place));
         }
@@ -150,15 +151,33 @@ public:
         }
         const SideOfChange side = responsible(bySide[kBefore], bySide[kAfter]);
         for (const Cause& cause : together(bySide[side])) {
-            WordedPackets worded = words_[side].worded(cause.sets, cause.places,
-                                                       side == kBefore ? "decided" : "decides");
-            ChangeText& text = texts.emplace_back(kind);
-            text.text = std::string(verb)
-                            .append(" ")
-                            .append(worded.text)
-                            .append(inBrackets(cause.places, side, worded.isOfRule));
-            text.packets = std::move(worded.packets);
+            texts.push_back(textOf(verb, kind, cause, side));
         }
+    }
+
+    /// Appends what one rule or default policy, which only this side has, does to all that it
+    /// matches. Returns whether there are short words for it.
+    bool appendEdit(const FW::FWPLACE& place, bool denies, SideOfChange side,
+                    std::vector<ChangeText>& texts) {
+        const bool opens = denies == (side == kBefore);
+        const RuleEffect effect =
+            side == kBefore ? (opens ? RuleEffect::kOpensWithout : RuleEffect::kClosesWithout)
+                            : (opens ? RuleEffect::kOpens : RuleEffect::kCloses);
+        const bool isPolicy = place.origin == FW::FW_ORIGIN_DEFAULT;
+        const std::string words =
+            words_[side].matchedText({place}, isPolicy ? RuleEffect::kDecides : effect);
+        if (words.empty()) {
+            return false;
+        }
+        const char* const undecided = side == kBefore ? ", that no rule before it decided"
+                                                      : ", that no rule before it decides";
+        ChangeText& text = texts.emplace_back();
+        text.change = opens ? FW::FW_CHANGE_OPENED : FW::FW_CHANGE_CLOSED;
+        text.text = std::string(opens ? "opens " : "closes ")
+                        .append(words)
+                        .append(isPolicy ? undecided : "")
+                        .append(inBrackets({place}, side, isPolicy));
+        return true;
     }
 
 private:
@@ -170,6 +189,24 @@ private:
         PacketSets sets;
         std::size_t groups = 0;  ///< that the packets make
     };
+
+    ChangeText textOf(const std::string& verb, const ChangeText& kind, const Cause& cause,
+                      SideOfChange side) {
+        const RuleEffect effect =
+            kind.change == FW::FW_CHANGE_LOGGING ? RuleEffect::kDecides
+            : kind.change == FW::FW_CHANGE_OPENED
+                ? (side == kBefore ? RuleEffect::kOpensWithout : RuleEffect::kOpens)
+                : (side == kBefore ? RuleEffect::kClosesWithout : RuleEffect::kCloses);
+        WordedPackets worded = words_[side].worded(cause.sets, cause.places,
+                                                   side == kBefore ? "decided" : "decides", effect);
+        ChangeText text = kind;
+        text.text = std::string(verb)
+                        .append(" ")
+                        .append(worded.text)
+                        .append(inBrackets(cause.places, side, worded.isOfRule));
+        text.packets = std::move(worded.packets);
+        return text;
+    }
 
     /// Puts those rules together whose packets need no more words together than those of either.
     static std::vector<Cause> together(const ByPlace& byPlace) {
@@ -260,6 +297,110 @@ private:
     Places named_;
 };
 
+// ---- One edit -----------------------------------------------------------------------------------
+
+/// What only one side has, where that is one rule or default policy.
+struct Edit {
+    FW::FWPLACE place;
+    bool denies = false;
+    bool logs = false;
+};
+
+/// By side; nothing where both have the same in effect.
+using Edits = std::array<std::optional<Edit>, 2>;
+
+std::optional<Edit> editAt(const Meaning& side, const std::string& adapter, std::size_t position) {
+    const FW::FWRULE& rule = rulesOf(side, adapter)[position - 1];
+    return rule.enable && rule.policy != FW::FW_POLICY_NONE
+               ? std::optional(Edit{ruleAt({adapter, position}), rule.policy == FW::FW_POLICY_DENY,
+                                    rule.blLog})
+               : std::nullopt;
+}
+
+/// Adds the edit of an adapter's list; false where it is none of one rule.
+bool addListEdit(const Meaning& before, const Meaning& after, const std::string& adapter,
+                 Edits& edits) {
+    const std::vector<FW::FWRULE>& old = rulesOf(before, adapter);
+    const std::vector<FW::FWRULE>& now = rulesOf(after, adapter);
+    const std::size_t head = sameAtHead(before, after, adapter);
+    const std::size_t most = std::min(old.size(), now.size()) - head;
+    std::size_t tail = 0;
+    while (tail < most && isSameRule(old[old.size() - 1 - tail], now[now.size() - 1 - tail])) {
+        ++tail;
+    }
+    if (old.size() - head - tail > 1 || now.size() - head - tail > 1) {
+        return false;
+    }
+    if (old.size() > head + tail) {
+        edits[kBefore] = editAt(before, adapter, head + 1);
+    }
+    if (now.size() > head + tail) {
+        edits[kAfter] = editAt(after, adapter, head + 1);
+    }
+    return true;
+}
+
+FW::FW_POLICY policyOf(const Meaning& side, const std::string& adapter) {
+    const auto found = side.profile().adapterPolicyMap.find(adapter);
+    return found == side.profile().adapterPolicyMap.end() ? FW::FW_POLICY_NONE : found->second;
+}
+
+/// What one edit makes of one profile the other; nothing where there are several.
+std::optional<Edits> oneEdit(const Meaning& before, const Meaning& after) {
+    std::set<std::string> adapters;
+    for (const Meaning& side : {before, after}) {
+        for (const auto& [adapter, rules] : side.profile().rules) {
+            adapters.insert(adapter);
+        }
+        for (const auto& [adapter, policy] : side.profile().adapterPolicyMap) {
+            adapters.insert(adapter);
+        }
+    }
+    Edits edits;
+    std::size_t changed = 0;
+    for (const std::string& adapter : adapters) {
+        const std::size_t size =
+            std::max(rulesOf(before, adapter).size(), rulesOf(after, adapter).size());
+        if (sameAtHead(before, after, adapter) != size) {
+            ++changed;
+            if (!addListEdit(before, after, adapter, edits)) {
+                return std::nullopt;
+            }
+        }
+        const std::array<FW::FW_POLICY, 2> policies = {policyOf(before, adapter),
+                                                       policyOf(after, adapter)};
+        if (policies[kBefore] == policies[kAfter]) {
+            continue;
+        }
+        ++changed;
+        // What is not denied is open.
+        const SideOfChange denying = policies[kBefore] == FW::FW_POLICY_DENY ? kBefore : kAfter;
+        if (policies[denying] == FW::FW_POLICY_DENY) {
+            edits[denying] = Edit{{FW::FW_ORIGIN_DEFAULT, adapter, 0}, true, false};
+        }
+    }
+    return changed == 1 ? std::optional(edits) : std::nullopt;
+}
+
+/// The texts for one edit that is too complex to compare: what its rule matches. Empty where there
+/// are several edits, or no short words.
+std::vector<ChangeText> textsOfEdit(const Meaning& before, const Meaning& after,
+                                    const std::vector<RulePlace>& named) {
+    const std::optional<Edits> edits = oneEdit(before, after);
+    std::vector<ChangeText> texts;
+    if (!edits) {
+        return texts;
+    }
+    ChangesInWords words(before, after, named);
+    for (const SideOfChange side : {kBefore, kAfter}) {
+        const std::optional<Edit>& edit = (*edits)[side];
+        if (edit && (edit->logs || !words.appendEdit(edit->place, edit->denies, side, texts))) {
+            return {};
+        }
+    }
+    return texts;
+}
+
 struct KindOfChange {
     FW::FW_CHANGE change;
     bool logs;
@@ -339,10 +480,14 @@ MeaningDifference::MeaningDifference(const Meaning& before, const Meaning& after
     for (const std::string& text : notCountedOf(before, after, true)) {
         notCounted_.push_back(text);
     }
-    if (!exact_.changes.empty()) {
-        const std::vector<PlacedChange> changes = placed(exact_, before.answers(), after.answers());
+    const std::vector<PlacedChange> changes = placed(exact_, before.answers(), after.answers());
+    adapters_ = adaptersOf(changes);
+    if (!exact_.findings.empty()) {
+        changes_ = textsOfEdit(before, after, named);
+        saysAll_ = !changes_.empty();
+    }
+    if (changes_.empty() && !changes.empty()) {
         changes_ = textsOf(before, after, changes, named);
-        adapters_ = adaptersOf(changes);
     }
 }
 
@@ -364,7 +509,7 @@ std::string MeaningDifference::text(std::size_t most) const {
     if (named < changes_.size()) {
         texts.push_back("and " + std::to_string(changes_.size() - named) + " more changes");
     }
-    if (!exact_.findings.empty()) {
+    if (!exact_.findings.empty() && !saysAll_) {
         texts.emplace_back(texts.empty() ? "too complex to compare"
                                          : "too complex: there may be more changes");
     }

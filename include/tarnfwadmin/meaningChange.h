@@ -21,7 +21,7 @@ struct ChangeText {
     FW::FW_CHANGE change = FW::FW_CHANGE_OPENED;
     bool logs = false;  ///< of FW_CHANGE_LOGGING: they are logged now
     /// The packets that the text is about, all of which change so; none where the text says that it
-    /// is about a part of others.
+    /// is about a part of others, or about what was too complex to compare.
     std::vector<FW::FWPACKETSET> packets;
 };
 
@@ -51,12 +51,14 @@ public:
     /// The packets, with the numbers of the rules that decide in Meaning::answers() of both sides.
     const FW::FWDIFFERENCE& exact() const { return exact_; }
 
-    /// The changes in words. Packets of the lines that are the same for every profile, such as
-    /// those of established connections, are left out of consideration.
+    /// The changes in words. Where one edit is too complex to compare, that is what its rule
+    /// matches: "closes tcp on eth0, for everybody, where it was open". Packets of the lines that
+    /// are the same for every profile, such as those of established connections, are left out of
+    /// consideration.
     const std::vector<ChangeText>& changes() const { return changes_; }
 
-    /// The rules that are not counted, one line each: "rule 1 of eth0 is not counted: ...". Not made
-    /// printable.
+    /// The rules that are not counted, one line each: "rule 1 of eth0 is not counted: ...". Not
+    /// made printable.
     const std::vector<std::string>& notCounted() const { return notCounted_; }
 
     /// One line for each change, and then notCounted(). Not made printable.
@@ -75,6 +77,7 @@ private:
     std::vector<ChangeText> changes_;
     std::vector<std::string> notCounted_;
     std::vector<std::string> adapters_;
+    bool saysAll_ = false;  // changes_ are about all that changes, though it is too complex
 };
 
 /// The packets that a rule decides about, whatever would happen without it, as texts() has them:

@@ -96,6 +96,98 @@ TEST(MeaningChangeTest, OneEditIsOneText) {
     }
 }
 
+/// The rules of a first profile, more or less.
+std::vector<RuleList> ordinary() {
+    return {{"global",
+             kNone,
+             {"allow icmp", "allow udp 68,546,1900,3702,5353", "allow tcp 22,443 from 10.0.0.0/8",
+              "allow tcp 22,443 from fe80::/10", "allow tcp 80,111,445,2049 from 192.168.0.0/16"}},
+            {"eth0", kDeny, {}},
+            {"eth1", kDeny, {}}};
+}
+
+std::vector<RuleList> ordinaryWith(const std::string& rule) {
+    std::vector<RuleList> lists = ordinary();
+    lists[0].rules.insert(lists[0].rules.begin(), rule);
+    return lists;
+}
+
+TEST(MeaningChangeTest, WhatWasOpenAnywayNeedsNoList) {
+    const struct {
+        std::vector<RuleList> before;
+        std::vector<RuleList> after;
+        const char* text;
+    } cases[] = {
+        {ordinary(), ordinaryWith("deny from 203.0.113.9"),
+         "closes all that was open to 203.0.113.9 (rule 1 of global)"},
+        {ordinaryWith("deny from 203.0.113.9"), ordinary(),
+         "opens all that nothing else closes to 203.0.113.9 (before: rule 1 of global)"},
+        {ordinaryWith("deny from 203.0.113.9"), ordinaryWith("deny from 203.0.113.8"),
+         "opens all that nothing else closes to 203.0.113.9 (before: rule 1 of global); closes all "
+         "that was open to 203.0.113.8 (rule 1 of global)"},
+        {ordinary(), ordinaryWith("allow from 10.0.0.7"),
+         "opens everything except service ssh, tcp 443, udp 68,546,1900,3702,5353, icmp on eth0 "
+         "and "
+         "eth1, for 10.0.0.7 (rule 1 of global)"},
+        {ordinaryWith("allow from 10.0.0.7"), ordinary(),
+         "closes everything except service ssh, tcp 443, udp 68,546,1900,3702,5353, icmp on eth0 "
+         "and eth1, for 10.0.0.7 (before: rule 1 of global)"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(differenceOf(profileOf(c.before), profileOf(c.after)).text(), c.text);
+    }
+    // Of some ports, where a list of those that were open is long.
+    std::vector<RuleList> mixed = {{"eth0", kNone, {}}};
+    for (int port = 110; port < 250; port += 7) {
+        mixed[0].rules.push_back("deny tcp " + std::to_string(port) + " from 10.0." +
+                                 std::to_string(port) + ".0/24");
+    }
+    std::vector<RuleList> denied = mixed;
+    denied[0].rules.insert(denied[0].rules.begin(), "deny tcp 100-400");
+    EXPECT_EQ(differenceOf(profileOf(mixed), profileOf(denied)).text(),
+              "closes tcp 100-400 on eth0, for everybody, where it was open (rule 1 of eth0)");
+    // Of a rule that another one is before, that was open but stays so.
+    std::vector<RuleList> last = ordinary();
+    last[0].rules.emplace_back("deny from 203.0.113.9");
+    EXPECT_EQ(differenceOf(profileOf(ordinary()), profileOf(last)).text().find("all that"),
+              std::string::npos);
+}
+
+TEST(MeaningChangeTest, OneEditThatIsTooComplexIsOneText) {
+    Texts rules;
+    for (int i = 0; i < 3000; ++i) {
+        const std::string port = std::to_string(1000 + (i * 7) % 3000);
+        rules.push_back((i % 2 == 0 ? "allow tcp " : "deny tcp ") + port + " from 10." +
+                        std::to_string(i % 250) + "." + std::to_string(i / 250) + ".0/24");
+    }
+    const auto listWith = [&](const std::string& rule) {
+        Texts list = rules;
+        if (!rule.empty()) {
+            list.insert(list.begin(), rule);
+        }
+        return profileOf({{"eth0", kAllow, list}});
+    };
+    const struct {
+        const char* before;
+        const char* after;
+        const char* text;
+    } cases[] = {
+        {"", "deny tcp", "closes tcp on eth0, for everybody, where it was open (rule 1 of eth0)"},
+        {"deny tcp", "",
+         "opens tcp on eth0, for everybody, where nothing else closes it (before: rule 1 of "
+         "eth0)"},
+    };
+    for (const auto& c : cases) {
+        const MeaningDifference difference = differenceOf(listWith(c.before), listWith(c.after));
+        if (!difference.exact().findings.empty()) {
+            EXPECT_TRUE(difference.tooComplex());
+            EXPECT_EQ(difference.text(), c.text);
+        } else {
+            ADD_FAILURE() << "not too complex: the test needs more rules";
+        }
+    }
+}
+
 TEST(MeaningChangeTest, RulesInARowAreARange) {
     EXPECT_EQ(differenceOf(profileOf({{"eth0", kDeny, {}}}),
                            profileOf({{"eth0",
