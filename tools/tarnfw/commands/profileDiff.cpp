@@ -339,6 +339,10 @@ void addProfileDiff(Command& group) {
         "with the same effect, are no difference. Packets that every profile accepts, such as "
         "those of established connections, are left out. \"tarnfw diff\" compares the kernel with "
         "the active profile.\n"
+        "In brackets is the rule that decides: \"rule 4 of eth0\"; \"before: rule 1 of eth0\" is "
+        "one "
+        "that decided, by its number before; \"now rule 5 of eth0\" is one that had another "
+        "number.\n"
         "Example: tarnfw profile diff home travel");
     command.run([options] { diff(*options); });
 }
